@@ -1,0 +1,18 @@
+#ifndef KESA_RUNTIME_V02_IKESARUNTIME_H
+#define KESA_RUNTIME_V02_IKESARUNTIME_H
+
+#include <kesa/runtime/v02/IRuntimeRegistry.h>
+#include <kesa/runtime/v02/KesaConfigAccessor.h>
+
+namespace kesa::runtime::v02 {
+
+/// The runtime of a process, as `KesaRuntime::getInstance` hands it out.
+class KESA_API IKesaRuntime : public IRuntimeRegistry {
+public:
+    /// Answers on the caller's thread; valid until shutdown.
+    virtual KesaConfigAccessor getConfigAccessor() const = 0;
+};
+
+} // namespace kesa::runtime::v02
+
+#endif

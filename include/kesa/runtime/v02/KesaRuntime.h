@@ -1,0 +1,33 @@
+#ifndef KESA_RUNTIME_V02_KESARUNTIME_H
+#define KESA_RUNTIME_V02_KESARUNTIME_H
+
+#include <kesa/runtime/v02/IKesaRuntime.h>
+
+#include <string>
+
+namespace kesa::runtime::v02 {
+
+/// The one runtime of a process.
+///
+///     kesa::runtime::v02::KesaRuntime::initInstance("media");
+///     auto* const runtime = kesa::runtime::v02::KesaRuntime::getInstance();
+///     ...
+///     kesa::runtime::v02::KesaRuntime::shutdown();
+///
+/// `initInstance` and `shutdown` must not run at the same time as anything else here, nor on a thread of the runtime,
+/// that is, inside a handler. Misuse is a failed assertion.
+class KESA_API KesaRuntime {
+public:
+    /// Creates the runtime and starts it. False: started. True: the configuration names no backend; the instance is
+    /// there all the same and has to be shut down.
+    static bool initInstance(const std::string& processName);
+    static IKesaRuntime* getInstance();
+    /// Ends the runtime: no handler is called after it returns; those still kept are destroyed without a final call.
+    /// `Disposable`s and client objects may be kept: disposing does nothing then, requests end with 503.
+    static void shutdown();
+    static bool isRunning();
+};
+
+} // namespace kesa::runtime::v02
+
+#endif

@@ -1,0 +1,45 @@
+#ifndef KESA_COMMADAPTER_IBACKEND_H
+#define KESA_COMMADAPTER_IBACKEND_H
+
+#include <kesa/IClientConnectionListener.h>
+#include <kesa/IKesaApi.h>
+#include <kesa/commadapter/KesaClientApi.h>
+#include <kesa/url.h>
+
+#include <string>
+
+namespace kesa::commadapter {
+
+/// One way for processes to reach each other. `bool` results of `provideOnPath` and `provideOnLocator` are true on
+/// failure. Operations come from one thread, the runtime's executor, which must not be the backend's own loop.
+///
+/// Per client object connected and disconnected alternate; no value of an old connection comes after its
+/// disconnected; the 503s that end its streams all come before the next connected.
+class KESA_API IBackend {
+public:
+    virtual ~IBackend();
+    virtual void start() = 0;
+    /// Ends all there is; no listener, handler or service is called after it returns. Client objects live on.
+    virtual void stop() = 0;
+    /// By scheme and realm, never by what can be reached at the moment.
+    virtual bool canHandle(const url& locator) = 0;
+    /// Offers `service` under a locator of the backend's choosing. `service` stays the caller's and alive until
+    /// `unprovide` of that locator has returned. A locator that is provided already is refused.
+    virtual bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) = 0;
+    virtual bool provideOnLocator(const url& locator, IKesaApi* service) = 0;
+    /// No call into the service runs or comes after it returns; its open requests were cancelled and its clients are
+    /// told. Locators that are not provided here are ignored.
+    virtual void unprovide(const url& locator) = 0;
+    /// A new client object, owned by the caller, whose connection `listener` hears of from `startConnect` on; null,
+    /// and `listener` is never called, when the locator is malformed or not this backend's.
+    virtual KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) = 0;
+    /// No call to the listener runs or comes after it returns; open requests end with 503. The object stays the
+    /// caller's. `serviceRemoved`: the service is known to be gone, so its connection need not linger.
+    virtual void release(IKesaApi* client, bool serviceRemoved) = 0;
+    /// The locator addresses this very process through this backend.
+    virtual bool isLocal(const url& locator) = 0;
+};
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,144 @@
+#ifndef KESA_COMMADAPTER_PROTOCOL_MACHINE_H
+#define KESA_COMMADAPTER_PROTOCOL_MACHINE_H
+
+#include <comm/Clock.h>
+#include <kesa/Request.h>
+#include <kesa/Response.h>
+#include <obr/UUID.h>
+
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesa::commadapter::protocol {
+
+/// How a process introduces itself on a connection.
+struct Hello {
+    std::uint16_t lowestVersion = 1;
+    std::uint16_t highestVersion = 1;
+    std::string process;
+    std::string realm;
+    obr::UUID instance; ///< differs for each start of a process
+    std::vector<std::string> listeners;
+    std::uint32_t maxMessageBytes = 16U << 20U;
+};
+
+struct Limits {
+    std::uint32_t maxMessageBytes = 16U << 20U; ///< of one message, head and body
+    std::uint32_t maxHeadBytes = 60U << 10U;
+    std::uint32_t maxPartialMessages = 64; ///< fragmented messages under way at once from the peer
+    comm::TimeNs helloTimeout = 3 * comm::SECOND;
+    comm::TimeNs heartbeat = 5 * comm::SECOND; ///< how long a probed peer may stay silent
+};
+
+/// What a `Machine` reads out of the bytes, in the order they came. Called from `Machine::received`, on the loop.
+/// Arguments are the receiver's. A callback may issue commands on the same machine, but not feed it.
+class IMachineListener {
+public:
+    virtual ~IMachineListener() = default;
+    virtual void onHello(const Hello& peer) = 0;
+
+    // Heard by the side that serves.
+    virtual void onAttach(std::uint32_t target, std::string path) = 0;
+    virtual void onDetach(std::uint32_t target) = 0; ///< the client is no longer interested
+    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request) = 0;
+    virtual void onCancel(std::uint32_t stream) = 0;
+
+    // Heard by the side that asks.
+    virtual void onAttached(std::uint32_t target) = 0;
+    virtual void onDetached(std::uint32_t target) = 0;
+    virtual void onNext(std::uint32_t stream, Response response) = 0;
+    virtual void onError(std::uint32_t stream, Response error) = 0;
+    virtual void onCompleted(std::uint32_t stream) = 0;
+};
+
+/// The protocol on one connection, without I/O: bytes, deadlines and commands in; bytes, callbacks and the next
+/// deadline out. `docs/protocol.md` gives the bytes. Client and server differ only in which messages they accept.
+///
+/// Threads: two halves that may run at the same time. The input half (`inputBuffer`, `received`) belongs to the loop.
+/// The output half (commands, `gather`, `sent`, deadlines) is guarded by a lock of the owner's, held around every
+/// call of it; the input half does not need that lock, and answers a ping through `takePongsOwed`.
+class Machine {
+public:
+    enum class Role { eCLIENT, eSERVER };
+    enum class Sent {
+        eQUEUED,
+        eTOO_LARGE, ///< larger than either side's limit: nothing was queued
+    };
+
+    /// Queues the own hello. `listener` outlives the machine.
+    Machine(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, comm::TimeNs now);
+    ~Machine();
+    Machine(const Machine&) = delete;
+    Machine& operator=(const Machine&) = delete;
+
+    // ---- input half -------------------------------------------------------------------------------------------
+
+    /// Where the next bytes belong, never empty: a large body is read straight into its block, which grows with what
+    /// arrives, not by what was declared.
+    std::span<unsigned char> inputBuffer();
+    /// `size` bytes were put at the start of the last `inputBuffer`. True: the peer broke the protocol, `reason` says
+    /// how, and the connection must be closed; nothing is called any more.
+    [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
+    const std::string& reason() const noexcept;
+    /// Pongs to be sent, since the last question: the owner takes its lock and calls `pong` that often.
+    unsigned takePongsOwed() noexcept;
+
+    // ---- output half ------------------------------------------------------------------------------------------
+
+    void attach(std::uint32_t target, std::string_view path);
+    void attached(std::uint32_t target);
+    /// From the server: the path is gone. From the client: no more interest in it.
+    void detached(std::uint32_t target);
+    [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
+    [[nodiscard]] Sent next(std::uint32_t stream, const Response& response);
+    /// An error whose text does not fit is sent without it.
+    void error(std::uint32_t stream, const Response& response);
+    void completed(std::uint32_t stream);
+    /// Drops what is queued of that request and not yet begun to be written; a message begun is finished.
+    void cancel(std::uint32_t stream);
+    /// Drops the queued, not yet begun values of a stream that is being ended by the serving side.
+    void dropQueued(std::uint32_t stream);
+    void ping();
+    void pong();
+
+    /// Bytes queued and not yet sent.
+    std::size_t queuedBytes() const noexcept;
+    /// Bytes queued for one stream.
+    std::size_t queuedBytes(std::uint32_t stream) const noexcept;
+    /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
+    /// next call of the output half.
+    std::size_t gather(std::span<iovec> out);
+    /// `size` bytes of the last `gather` were written.
+    void sent(std::size_t size, comm::TimeNs now);
+
+    // ---- deadlines (output half) ------------------------------------------------------------------------------
+
+    /// Sends a ping unless one is under way: something is owed, and the peer has to show that it lives.
+    void probe(comm::TimeNs now);
+    /// When `expired` has to be asked next; `comm::NEVER` when nothing is awaited.
+    comm::TimeNs nextDeadline() const noexcept;
+    /// True: no hello in time, or no byte since the probe; `why` is set. Before asking, the owner reads what is there.
+    bool expired(comm::TimeNs now, std::string& why) const;
+    /// The loop itself did not run for a while: every deadline starts anew.
+    void restartDeadlines(comm::TimeNs now);
+    /// When the last byte came in, and the last went out.
+    comm::TimeNs lastReceived() const noexcept;
+    comm::TimeNs lastSent() const noexcept;
+
+private:
+    class Input;
+    class Output;
+    std::unique_ptr<Input> m_input;
+    std::unique_ptr<Output> m_output;
+};
+
+} // namespace kesa::commadapter::protocol
+
+#endif

@@ -1,0 +1,124 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_ITRANSPORT_H
+#define KESA_COMMADAPTER_TRANSPORT_ITRANSPORT_H
+
+#include <comm/Reactor.h>
+#include <kesa/url.h>
+#include <util/UniqueFunction.h>
+
+#include <sys/types.h>
+#include <sys/uio.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+/// The part of a locator that names a process: `scheme://process+realm/...`.
+struct Endpoint {
+    std::string scheme;
+    std::string process; ///< decoded
+    std::string realm;   ///< empty: this one
+    std::string address; ///< host:port, where the scheme has one
+
+    std::string toString() const;
+    friend bool operator==(const Endpoint& a, const Endpoint& b) noexcept
+    {
+        return a.scheme == b.scheme && a.process == b.process && a.realm == b.realm && a.address == b.address;
+    }
+};
+
+/// What the kernel, or the network, vouches for.
+struct PeerIdentity {
+    std::int64_t pid = -1;
+    std::int64_t uid = -1;
+    std::int64_t gid = -1;
+    std::string subject;
+};
+
+/// Hears of one stream, on the loop.
+class IStreamListener {
+public:
+    virtual ~IStreamListener() = default;
+    /// Bytes, or the end, can be read. Comes again as long as there is something.
+    virtual void onReadable() = 0;
+    /// After `wantWrite`: there is room again.
+    virtual void onWritable() = 0;
+    /// The peer's process has ended, although its end of the stream may be held open by a child of it.
+    virtual void onPeerExited() = 0;
+};
+
+/// A connected stream of bytes that never blocks. Threads: everything on the loop, except `write`.
+class IStream {
+public:
+    virtual ~IStream() = default;
+    /// Begins to report; `listener` stays until `close` has returned.
+    virtual void start(IStreamListener& listener) = 0;
+
+    enum class Result {
+        eDONE,        ///< `size` bytes were moved
+        eWOULD_BLOCK, ///< none at the moment
+        eENDED,       ///< the peer closed, or the stream broke: see `reason`
+    };
+    virtual Result read(std::span<unsigned char> into, std::size_t& size) = 0;
+    /// Any thread, under the owner's output lock.
+    virtual Result write(std::span<const iovec> from, std::size_t& size) = 0;
+    /// Asks for one `onWritable`.
+    virtual void wantWrite() = 0;
+    /// Ends the stream and frees the descriptor. With the owner's output lock held, so that nobody writes meanwhile.
+    virtual void close() = 0;
+
+    /// Known once the first bytes have been read.
+    virtual const PeerIdentity& peer() const noexcept = 0;
+    virtual const std::string& reason() const noexcept = 0;
+};
+
+/// How processes reach each other under one scheme. One object per backend.
+class ITransport {
+public:
+    virtual ~ITransport() = default;
+    virtual std::string scheme() const = 0;
+
+    using Accept = util::UniqueFunction<void(std::unique_ptr<IStream>)>;
+    /// Claims the name of a process and listens under it; `accept` is called on the loop, for each client. True on
+    /// failure: a living process has the name, or a right is missing; `why` says so. From any thread but the loop's.
+    /// Claimed already by this object: success at once.
+    [[nodiscard]] virtual bool listen(const std::string& process, Accept accept, std::string& why) = 0;
+    /// The own endpoint with its realm, as locators name it; absent while not listening.
+    virtual std::optional<Endpoint> ownEndpoint() const = 0;
+
+    /// Reads the authority of a locator of this scheme; absent when it is malformed.
+    virtual std::optional<Endpoint> parse(const url& locator) const = 0;
+    /// Whether it is of this realm: decided from the text alone.
+    virtual bool canHandle(const Endpoint& endpoint) const = 0;
+
+    enum class Failure {
+        eMISSING, ///< nobody listens: worth watching for
+        eBUSY,    ///< try again in a few milliseconds
+        eOTHER,
+    };
+    struct Connected {
+        std::unique_ptr<IStream> stream; ///< null on failure
+        Failure failure = Failure::eOTHER;
+        std::string reason;
+    };
+    /// Connects; `done` is called on the loop, never inside the call. Loop only.
+    virtual void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) = 0;
+
+    /// Calls `appeared`, on the loop, each time the endpoint may have begun to listen. 0 where that cannot be watched:
+    /// then the caller polls. Loop only.
+    virtual comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) = 0;
+    virtual void unwatchEndpoint(comm::Reactor::Id id) = 0;
+
+    /// The longest pause between two attempts to connect.
+    virtual comm::TimeNs longestPause() const noexcept = 0;
+    /// Stops listening and gives the name back. Loop only; streams are closed by their owners before.
+    virtual void close() = 0;
+};
+
+} // namespace kesa::commadapter::transport
+
+#endif

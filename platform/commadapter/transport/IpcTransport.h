@@ -1,0 +1,24 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_IPCTRANSPORT_H
+#define KESA_COMMADAPTER_TRANSPORT_IPCTRANSPORT_H
+
+#include "transport/ITransport.h"
+
+#include <comm/Reactor.h>
+
+#include <memory>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+struct IpcSettings {
+    std::string runDir; ///< empty: `$KESA_RUN_DIR`, else `$XDG_RUNTIME_DIR/kesa`, else `/run/kesa`
+    unsigned socketMode = 0660;
+    std::string socketGroup; ///< empty: as the directory gives it
+};
+
+/// Unix sockets `<run dir>/<process>.sock`; see the head of IpcTransport.cpp for how names are claimed.
+std::unique_ptr<ITransport> makeIpcTransport(const IpcSettings& settings, std::shared_ptr<comm::Reactor> loop);
+
+} // namespace kesa::commadapter::transport
+
+#endif

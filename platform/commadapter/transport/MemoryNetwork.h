@@ -1,0 +1,52 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_MEMORYNETWORK_H
+#define KESA_COMMADAPTER_TRANSPORT_MEMORYNETWORK_H
+
+#include "transport/ITransport.h"
+
+#include <comm/Reactor.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+/// A network inside one process: names, listeners and streams without descriptors, for tests and simulations. Bytes
+/// travel through the receiving side's loop. Its faults are drawn from a function the test gives. Any thread.
+class MemoryNetwork {
+public:
+    MemoryNetwork();
+    ~MemoryNetwork();
+
+    /// The transport of one simulated process, scheme "ipc", realm as given. `group` is the process in `kill` and the
+    /// faults below; `loop` is its backend's.
+    std::unique_ptr<ITransport> makeTransport(std::shared_ptr<comm::Reactor> loop, std::uint64_t group);
+
+    /// Every fault off by default. `draw(bound)` is uniform in [0, bound).
+    struct Faults {
+        std::function<std::uint64_t(std::uint64_t bound)> draw;
+        unsigned shortWritePercent = 0;      ///< a write moves fewer bytes than it could
+        unsigned shortReadPercent = 0;       ///< a read hands over fewer bytes than there are: cuts inside frames
+        unsigned refusePercent = 0;          ///< a connect is told "busy"
+        comm::TimeNs longestDelay = 0;       ///< of a chunk of bytes on its way
+        std::size_t pipeBytes = 256U << 10U; ///< what a stream holds before its writer would block
+    };
+    void setFaults(Faults faults);
+
+    /// The process is gone: its listener and streams end, its name is free; its own side hears nothing any more.
+    void kill(std::uint64_t group);
+    /// Cuts the streams between two groups; both sides see the end.
+    void cut(std::uint64_t a, std::uint64_t b);
+    std::size_t openStreams() const;
+
+    const std::string& realm() const noexcept;
+
+private:
+    class Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+} // namespace kesa::commadapter::transport
+
+#endif

@@ -1,0 +1,38 @@
+#ifndef KESA_IKESAAPI_H
+#define KESA_IKESAAPI_H
+
+#include <kesa/IResponseHandler.h>
+#include <kesa/Request.h>
+#include <kesa/Response.h>
+
+#include <memory>
+
+namespace kesa {
+
+/// A service object of this process, or the client object of a service elsewhere.
+///
+/// As a client object: `request` and `cancel` from any thread. The handler is called on the backend's I/O loop,
+/// never inside `request`; it must not block. Each request ends exactly once.
+///
+/// As a service object: called on the backend's I/O loop, one request at a time; it must not block, and must not wait
+/// for anything the runtime's threads deliver. `kesa::on` moves a service to a loop of its own. The handler may be
+/// kept and answered from any thread, one at a time; one destroyed without an end is told to the client as 503.
+class KESA_API IKesaApi {
+public:
+    /// No request was sent. Cancelling it, or a request that has ended, does nothing.
+    static constexpr void* UNDEFINED_REQUEST_HANDLE = nullptr;
+
+    virtual ~IKesaApi();
+
+    /// Sends a request. Takes `handler` when the request is sent; a request that cannot be sent tells `handler` the
+    /// error and returns `UNDEFINED_REQUEST_HANDLE`.
+    virtual void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) = 0;
+
+    /// Ends a request: no call to its handler runs or comes after this returns, unless it was called from inside
+    /// that handler. The handler is destroyed without a final call.
+    virtual void cancel(void* handle) = 0;
+};
+
+} // namespace kesa
+
+#endif

@@ -1,0 +1,48 @@
+#ifndef KESA_PATH_H
+#define KESA_PATH_H
+
+#include <obr/api.h>
+
+#include <cstddef>
+#include <optional>
+#include <string>
+
+namespace kesa {
+
+/// The path of a service, such as "/media/player". It keeps its text as built; equality is equality of the texts.
+class KESA_API Path {
+public:
+    Path() = default;
+    explicit Path(std::string text) : m_text(std::move(text)) {}
+
+    const std::string& toString() const noexcept { return m_text; }
+
+    friend bool operator==(const Path& a, const Path& b) noexcept { return a.m_text == b.m_text; }
+    friend bool operator!=(const Path& a, const Path& b) noexcept { return !(a == b); }
+
+    /// Begins with '/'.
+    static bool isAbsolute(const std::string& path) noexcept;
+    /// Absolute, without empty, "." and ".." segments and without a trailing '/' (but "/" itself), printable UTF-8
+    /// and at most 4096 bytes: what a service may be registered and tracked under.
+    static bool isCanonical(const std::string& path) noexcept;
+    /// `a` and `b` with exactly one '/' between them; `a` when `b` is empty.
+    static std::string join(const std::string& a, const std::string& b);
+    /// Whether `path` matches `pattern`: segments as they are, "**" for any well-formed absolute path ("/" too, ""
+    /// not).
+    static bool matches(const std::string& path, const std::string& pattern) noexcept;
+    /// `pattern` with its "**" replaced by `path`; for "**" alone the text of `path`.
+    static std::string replacePattern(const std::string& pattern, const Path& path);
+    /// The index of the segment `wildcard` in `pattern`; absent when there is none.
+    static std::optional<std::size_t> indexIntoPathFromPattern(const std::string& pattern, const std::string& wildcard);
+    /// The segments of `path` from the index `from` on, without a leading '/'.
+    static std::string subpath(const std::string& path, std::size_t from);
+    /// `path` with a leading '/'.
+    static std::string makeAbsolute(const std::string& path);
+
+private:
+    std::string m_text;
+};
+
+} // namespace kesa
+
+#endif

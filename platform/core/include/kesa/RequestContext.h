@@ -1,0 +1,43 @@
+#ifndef KESA_REQUESTCONTEXT_H
+#define KESA_REQUESTCONTEXT_H
+
+#include <obr/UUID.h>
+#include <obr/api.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kesa {
+
+/// Who asks: the peer of the request that is being handled on this thread. `pid`, `uid` and `gid` are the kernel's
+/// word, the process name and instance the peer's own.
+class KESA_API RequestContext {
+public:
+    obr::UUID instance;    ///< differs for each start of a process
+    std::string process;   ///< the name the peer said hello with
+    std::string transport; ///< "ipc", "memory", "local"
+    std::string realm;
+    std::int64_t pid = -1; ///< -1 when unknown
+    std::int64_t uid = -1;
+    std::int64_t gid = -1;
+    std::string subject; ///< of the peer's certificate, where there is one
+
+    /// The context of the request being handled on this thread; null outside of one, and for a caller in this process.
+    static const RequestContext* current() noexcept;
+
+    /// Sets the context for the scope of a call.
+    class KESA_API Scope {
+    public:
+        explicit Scope(const RequestContext* context) noexcept;
+        ~Scope();
+        Scope(const Scope&) = delete;
+        Scope& operator=(const Scope&) = delete;
+
+    private:
+        const RequestContext* m_before;
+    };
+};
+
+} // namespace kesa
+
+#endif

@@ -1,0 +1,48 @@
+#ifndef KESA_RESPONSE_H
+#define KESA_RESPONSE_H
+
+#include <kesa/GenericObject.h>
+#include <kesa/IHeaderSource.h>
+#include <kesa/Payload.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kesa {
+
+/// One answer of a service, or the error that ends a stream.
+///
+/// Statuses Kesa itself makes: 400 bad request or pattern, 404 no locator that can be reached, 409 taken or refused
+/// here, 413 too large to send, 503 all that may be otherwise in a moment.
+class KESA_API Response {
+public:
+    Response() = default;
+    Response(unsigned short status, Payload payload, std::shared_ptr<GenericObject> headers = nullptr);
+    /// A response that arrived: its headers are decoded at the first question for them.
+    Response(unsigned short status, Payload payload, std::shared_ptr<const IHeaderSource> headers);
+
+    /// An error; its text, when not empty, is the payload ("plain/text").
+    static Response createErrorResponse(unsigned short status, std::string_view text = {});
+    /// "409: service already registered", or "409" without a text.
+    static std::string getErrorMessageWithCode(const Response& response);
+
+    unsigned short getStatus() const noexcept { return m_status; }
+    const Payload& getPayload() const noexcept { return m_payload; }
+    /// The text of an error; empty when there is none.
+    std::string getErrorMessage() const;
+    /// The headers; empty when there are none.
+    const GenericObject& getHeaders() const;
+    void setHeader(std::string_view name, util::config::Value value);
+
+private:
+    struct Decoded;
+    unsigned short m_status = 200;
+    Payload m_payload;
+    std::shared_ptr<GenericObject> m_headers;
+    std::shared_ptr<Decoded> m_arrived;
+};
+
+} // namespace kesa
+
+#endif

@@ -1,0 +1,33 @@
+#ifndef KESA_HEADERS_H
+#define KESA_HEADERS_H
+
+#include <kesa/Request.h>
+#include <kesa/RequestInfo.h>
+#include <kesa/Response.h>
+
+#include <string_view>
+
+namespace kesa::headers {
+
+inline constexpr std::string_view REQUEST_COMMAND = "$request-command";
+inline constexpr std::string_view SERVICE_PATH = "$service-path";
+inline constexpr std::string_view REQUEST_PATH = "$request-path";
+/// Who sent the request, as the receiving side knows it; what a sender writes there is replaced.
+inline constexpr std::string_view CLIENT_ID = "$client-id";
+inline constexpr std::string_view ACCEPT = "$accept";
+inline constexpr std::string_view AUTH_TOKEN = "$auth-token";
+inline constexpr std::string_view RESPONSE_SEMANTIC = "$response-semantic";
+/// Names the sending process in traces; says nothing about who it is.
+inline constexpr std::string_view TRACE_ID = "$trace-id";
+
+KESA_API void appendTracingInfo(Request& request, std::string_view servicePath, std::string_view clientId);
+/// Adds the process's token for the service, where it has one.
+KESA_API void appendAuthInfo(Request& request);
+KESA_API void appendResponseSemantic(Request& request, std::string_view semantic);
+
+/// Repeats command, path and service path of the request in the answer.
+KESA_API void appendRequestInfo(Response& response, const RequestInfo& info);
+
+} // namespace kesa::headers
+
+#endif

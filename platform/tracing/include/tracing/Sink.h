@@ -1,0 +1,47 @@
+#ifndef TRACING_SINK_H
+#define TRACING_SINK_H
+
+#include <obr/api.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace tracing {
+
+/// One line on its way out. The views are valid during `ISink::write` only.
+struct Line {
+    std::string_view channel;
+    int severity;
+    std::string_view text;
+};
+
+/// Takes finished lines. `write` comes from any thread, also from several at once; it must not trace.
+class KESA_API ISink {
+public:
+    virtual ~ISink();
+    virtual void write(const Line& line) = 0;
+    virtual void flush() {}
+};
+
+/// Replaces where free-text lines go; null restores what the environment names (`KESA_TRACE_SINK`, else stderr).
+/// Returns the one before, null if none was set. A line in flight may still reach the old sink; `write` never
+/// runs on it once the last owner let go.
+KESA_API std::shared_ptr<ISink> setSink(std::shared_ptr<ISink> sink);
+
+/// The same for the event log; null restores what the environment names (`KESA_EVENT_LOG`, else nothing: then the
+/// event log's threshold reads as 5 and no line is built).
+KESA_API std::shared_ptr<ISink> setEventLogSink(std::shared_ptr<ISink> sink);
+
+/// Sets the threshold of a channel, or of all free-text channels for "*", present and future.
+KESA_API void setThreshold(std::string_view channel, int threshold);
+
+/// Reads a list such as "*=3,KESA_RUNTIME_MAIN=1". True when a part of it cannot be read; the good parts apply.
+[[nodiscard]] KESA_API bool setThresholds(std::string_view list);
+
+/// "stderr" or "file:PATH". Null, with the reason in `obr::ErrorStorage`, when it is neither or cannot be opened.
+KESA_API std::shared_ptr<ISink> makeSink(const std::string& description);
+
+} // namespace tracing
+
+#endif

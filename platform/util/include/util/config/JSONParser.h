@@ -1,0 +1,34 @@
+#ifndef UTIL_CONFIG_JSONPARSER_H
+#define UTIL_CONFIG_JSONPARSER_H
+
+#include <util/config/Dictionary.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace util::config {
+
+/// Reads JSON text (RFC 8259, UTF-8) into values. Failures record "LINE:COLUMN: what" in `obr::ErrorStorage`.
+/// Depth is limited; the last of duplicate keys wins.
+class KESA_API JSONParser {
+public:
+    /// `strict` is always true: comments and trailing commas are errors.
+    explicit JSONParser(bool strict = true) noexcept;
+
+    /// Reads a text whose root is an object into a new dictionary, which is the caller's; another root records
+    /// "root is not dictionary".
+    [[nodiscard]] bool parseStringToDict(const std::string& text, Dictionary** out) const;
+    /// Reads a text with any root.
+    [[nodiscard]] bool parseString(std::string_view text, Value& out) const;
+
+    /// The paths of keys ("a.b[2].c") that stand more than once in one object of the text last read.
+    const std::vector<std::string>& duplicateKeys() const noexcept { return m_duplicateKeys; }
+
+private:
+    mutable std::vector<std::string> m_duplicateKeys;
+};
+
+} // namespace util::config
+
+#endif

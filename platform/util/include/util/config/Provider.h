@@ -1,0 +1,43 @@
+#ifndef UTIL_CONFIG_PROVIDER_H
+#define UTIL_CONFIG_PROVIDER_H
+
+#include <util/config/LoadStrategy.h>
+#include <util/config/Value.h>
+
+#include <string>
+#include <vector>
+
+namespace util::config {
+
+/// Finds and reads the configuration document of a process. For the name "kesa" and the path "./config" it reads
+/// the first of: the file `$KESA_CONFIG`, `$KESA_CONFIG_DIR/kesa.json`, `./config/kesa.json`, `/etc/kesa/kesa.json`.
+/// A `$KESA_CONFIG` that names a missing file is a failure; the others are skipped when missing.
+class KESA_API Provider {
+public:
+    Provider(const std::string& name, const std::string& path, int number, LoadStrategy strategy);
+
+    /// True when there is no document or it cannot be read; the reason, with file, line and column, is in
+    /// `obr::ErrorStorage`.
+    bool hasFailed() const noexcept { return m_failed; }
+    /// The candidates for the root, to be tried in this order: the document's member of the provider's name, then
+    /// the document itself. Undefined when absent.
+    const Value& first() const noexcept { return m_first; }
+    const Value& second() const noexcept { return m_second; }
+
+    /// The file that was read; empty when none was.
+    const std::string& file() const noexcept { return m_file; }
+    /// The folder in which the documents beside the configuration are looked for.
+    static std::string folder(const std::string& name, const std::string& path);
+    const std::vector<std::string>& duplicateKeys() const noexcept { return m_duplicateKeys; }
+
+private:
+    bool m_failed = false;
+    Value m_first;
+    Value m_second;
+    std::string m_file;
+    std::vector<std::string> m_duplicateKeys;
+};
+
+} // namespace util::config
+
+#endif
