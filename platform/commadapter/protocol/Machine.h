@@ -38,7 +38,7 @@ struct Limits {
 };
 
 /// What a `Machine` reads out of the bytes, in the order they came. Called from `Machine::received`, on the loop.
-/// Arguments are the receiver's. A callback may issue commands on the same machine, but not feed it.
+/// Arguments are the receiver's. A callback may issue commands on the same machine, but neither feed nor destroy it.
 class IMachineListener {
 public:
     virtual ~IMachineListener() = default;
@@ -70,6 +70,11 @@ public:
     enum class Sent {
         eQUEUED,
         eTOO_LARGE, ///< larger than either side's limit: nothing was queued
+        eINVALID,   ///< text that is not UTF-8, or a header that cannot be written: nothing was queued
+    };
+    enum class Cancelled {
+        eASKED,      ///< the peer is asked; its completed or error still comes and frees the stream
+        eNEVER_SENT, ///< the request was taken back before its first byte left: the stream is over, nothing will come
     };
 
     /// Queues the own hello. `listener` outlives the machine.
@@ -87,6 +92,9 @@ public:
     /// how, and the connection must be closed; nothing is called any more.
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
     const std::string& reason() const noexcept;
+    /// What "$client-id" reads in the requests that arrive from now on, whatever the sender wrote there; usually set in
+    /// `onHello`. Costs nothing per request, unlike `Request::setHeader`.
+    void setClientId(std::string id);
     /// Pongs to be sent, since the last question: the owner takes its lock and calls `pong` that often.
     unsigned takePongsOwed() noexcept;
 
@@ -101,8 +109,9 @@ public:
     /// An error whose text does not fit is sent without it.
     void error(std::uint32_t stream, const Response& response);
     void completed(std::uint32_t stream);
-    /// Drops what is queued of that request and not yet begun to be written; a message begun is finished.
-    void cancel(std::uint32_t stream);
+    /// Takes back what is queued of that stream and not yet begun to be written; a message begun is finished, and the
+    /// cancel follows it.
+    [[nodiscard]] Cancelled cancel(std::uint32_t stream);
     /// Drops the queued, not yet begun values of a stream that is being ended by the serving side.
     void dropQueued(std::uint32_t stream);
     void ping();
