@@ -21,6 +21,8 @@ public:
     struct Slot {
         bool isError = false;
         std::string reason;
+        const char* file = nullptr; ///< where it was recorded
+        int line = 0;
     };
     static void exchange(Slot& slot) noexcept;
 };

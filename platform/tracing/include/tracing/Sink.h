@@ -14,6 +14,7 @@ struct Line {
     std::string_view channel;
     int severity;
     std::string_view text;
+    int facility = 0; ///< of the channel: 0 free text, 7 event log
 };
 
 /// Takes finished lines. `write` comes from any thread, also from several at once; it must not trace.
@@ -33,13 +34,17 @@ KESA_API std::shared_ptr<ISink> setSink(std::shared_ptr<ISink> sink);
 /// event log's threshold reads as 5 and no line is built).
 KESA_API std::shared_ptr<ISink> setEventLogSink(std::shared_ptr<ISink> sink);
 
-/// Sets the threshold of a channel, or of all free-text channels for "*", present and future.
+/// Sets the threshold of a channel, or of all free-text channels for "*", present and future: 1 (all) to 5 (nothing).
 KESA_API void setThreshold(std::string_view channel, int threshold);
 
-/// Reads a list such as "*=3,KESA_RUNTIME_MAIN=1". True when a part of it cannot be read; the good parts apply.
+/// Reads a list such as "*=3,KESA_RUNTIME_MAIN=1", in which a name counts more than "*" wherever they stand. True, with
+/// the reason in `obr::ErrorStorage`, when a part of it cannot be read; the good parts apply.
 [[nodiscard]] KESA_API bool setThresholds(std::string_view list);
 
-/// "stderr" or "file:PATH". Null, with the reason in `obr::ErrorStorage`, when it is neither or cannot be opened.
+/// "stderr" or "file:PATH"; the file is appended to. A line of the event log is written bare, every other as
+/// "TIME SEVERITY PROCESS/THREAD [CHANNEL] TEXT", with its control characters escaped. A reader that does not keep up
+/// costs the writer 100 ms once; then lines are dropped, and counted, until it does. Null, with the reason in
+/// `obr::ErrorStorage`, when it is neither or cannot be opened.
 KESA_API std::shared_ptr<ISink> makeSink(const std::string& description);
 
 } // namespace tracing

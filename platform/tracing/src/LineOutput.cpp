@@ -1,0 +1,143 @@
+// A descriptor that was inherited must stay as it is: O_NONBLOCK would apply to everybody who shares it. So a write
+// is made only when `poll` says that there is room, and is no larger than the room it promises.
+#include "LineOutput.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace tracing {
+namespace {
+
+constexpr int PATIENCE_MS = 100;
+
+/// Keeps a pipe without reader from killing the process: the signal is blocked, and eaten if this thread caused it.
+class WithoutSigpipe {
+public:
+    WithoutSigpipe() noexcept
+    {
+        ::sigemptyset(&m_signal);
+        ::sigaddset(&m_signal, SIGPIPE);
+        sigset_t pending;
+        ::sigpending(&pending);
+        m_wasPending = ::sigismember(&pending, SIGPIPE) == 1;
+        if (!m_wasPending) {
+            ::pthread_sigmask(SIG_BLOCK, &m_signal, &m_before);
+        }
+    }
+    ~WithoutSigpipe()
+    {
+        if (m_wasPending) {
+            return;
+        }
+        const timespec noTime{};
+        while (::sigtimedwait(&m_signal, nullptr, &noTime) < 0 && errno == EINTR) {
+        }
+        ::pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    }
+    WithoutSigpipe(const WithoutSigpipe&) = delete;
+    WithoutSigpipe& operator=(const WithoutSigpipe&) = delete;
+
+private:
+    sigset_t m_signal{};
+    sigset_t m_before{};
+    bool m_wasPending = false;
+};
+
+} // namespace
+
+LineOutput::LineOutput(int descriptor, Ownership ownership) noexcept : m_descriptor(descriptor), m_ownership(ownership)
+{}
+
+LineOutput::~LineOutput()
+{
+    if (m_ownership == Ownership::eOWNED) {
+        ::close(m_descriptor);
+    }
+}
+
+void LineOutput::write(std::string_view line) noexcept
+{
+    // Asked every time: what stands behind the standard descriptors may be exchanged.
+    const Kind what = kind();
+    if (m_lostLines > 0) {
+        char text[96];
+        const int size = std::snprintf(text, sizeof text, "kesa: %llu lines lost, their reader did not keep up\n",
+                                       static_cast<unsigned long long>(m_lostLines));
+        if (!writeWhole(what, {text, static_cast<std::size_t>(size)})) {
+            ++m_lostLines;
+            return;
+        }
+        m_lostLines = 0;
+    }
+    if (!writeWhole(what, line)) {
+        ++m_lostLines;
+    }
+}
+
+LineOutput::Kind LineOutput::kind() const noexcept
+{
+    struct stat status {};
+    if (::fstat(m_descriptor, &status) == 0) {
+        if (S_ISSOCK(status.st_mode)) {
+            return Kind::eSOCKET;
+        }
+        if (S_ISFIFO(status.st_mode)) {
+            return Kind::ePIPE;
+        }
+    }
+    return Kind::eFILE;
+}
+
+bool LineOutput::isReady(int timeoutMs) const noexcept
+{
+    pollfd poll{m_descriptor, POLLOUT, 0};
+    int count = 0;
+    do {
+        count = ::poll(&poll, 1, timeoutMs);
+    } while (count < 0 && errno == EINTR);
+    return count == 1 && (poll.revents & POLLOUT) != 0;
+}
+
+/// The number of bytes written; 0 when that failed.
+std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) const noexcept
+{
+    ssize_t written = 0;
+    do {
+        if (kind == Kind::eSOCKET) {
+            written = ::send(m_descriptor, rest.data(), rest.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+        } else if (kind == Kind::ePIPE) {
+            const WithoutSigpipe guard;
+            written = ::write(m_descriptor, rest.data(), std::min<std::size_t>(rest.size(), PIPE_BUF));
+        } else {
+            written = ::write(m_descriptor, rest.data(), rest.size());
+        }
+    } while (written < 0 && errno == EINTR);
+    return written > 0 ? static_cast<std::size_t>(written) : 0;
+}
+
+bool LineOutput::writeWhole(Kind kind, std::string_view line) noexcept
+{
+    while (!line.empty()) {
+        if (!isReady(m_isClogged ? 0 : PATIENCE_MS)) {
+            m_isClogged = true;
+            return false;
+        }
+        const std::size_t written = writeSome(kind, line);
+        if (written == 0) {
+            return false;
+        }
+        line.remove_prefix(written);
+    }
+    m_isClogged = false;
+    return true;
+}
+
+} // namespace tracing

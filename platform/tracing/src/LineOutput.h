@@ -1,0 +1,39 @@
+#ifndef TRACING_LINEOUTPUT_H
+#define TRACING_LINEOUTPUT_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tracing {
+
+/// Writes whole lines to a descriptor: with one system call each (a line that exceeds what a pipe takes at once: in
+/// pieces), never blocking for long, never raising SIGPIPE. Not thread-safe.
+class LineOutput {
+public:
+    enum class Ownership { eBORROWED, eOWNED };
+
+    LineOutput(int descriptor, Ownership ownership) noexcept;
+    ~LineOutput();
+    LineOutput(const LineOutput&) = delete;
+    LineOutput& operator=(const LineOutput&) = delete;
+
+    void write(std::string_view line) noexcept;
+
+private:
+    enum class Kind { eFILE, ePIPE, eSOCKET };
+
+    Kind kind() const noexcept;
+    bool isReady(int timeoutMs) const noexcept;
+    std::size_t writeSome(Kind kind, std::string_view rest) const noexcept;
+    bool writeWhole(Kind kind, std::string_view line) noexcept;
+
+    const int m_descriptor;
+    const Ownership m_ownership;
+    bool m_isClogged = false; // the reader did not keep up: do not wait for it again
+    std::uint64_t m_lostLines = 0;
+};
+
+} // namespace tracing
+
+#endif

@@ -1,0 +1,45 @@
+#include "Registry.h"
+#include "openSink.h"
+
+#include <obr/ErrorOutput.h>
+#include <obr/errors.h>
+#include <tracing/Sink.h>
+
+#include <utility>
+
+namespace tracing {
+
+ISink::~ISink() = default;
+
+std::shared_ptr<ISink> setSink(std::shared_ptr<ISink> sink)
+{
+    return Registry::instance().setSink(Registry::Output::eTEXT, std::move(sink));
+}
+
+std::shared_ptr<ISink> setEventLogSink(std::shared_ptr<ISink> sink)
+{
+    return Registry::instance().setSink(Registry::Output::eEVENTS, std::move(sink));
+}
+
+void setThreshold(std::string_view channel, int threshold)
+{
+    Registry::instance().setThreshold(channel, threshold);
+}
+
+bool setThresholds(std::string_view list)
+{
+    const std::string bad = Registry::instance().setThresholds(list);
+    return !bad.empty() && obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, bad);
+}
+
+std::shared_ptr<ISink> makeSink(const std::string& description)
+{
+    std::string reason;
+    std::shared_ptr<ISink> sink = openSink(description, reason);
+    if (sink == nullptr) {
+        obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, reason);
+    }
+    return sink;
+}
+
+} // namespace tracing
