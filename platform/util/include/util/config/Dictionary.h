@@ -4,14 +4,25 @@
 #include <util/config/Value.h>
 
 #include <initializer_list>
-#include <memory>
+#include <utility>
+#include <vector>
 
 namespace util::config {
 
-/// Keys with values, in ascending byte order of the keys. Copies share their content until one of them is changed.
+/// Keys with values, in ascending byte order of the keys. Copies share their content until one of them is changed; each
+/// copy may be used on another thread. References into a dictionary end with its next change.
 class KESA_API Dictionary {
 public:
     Dictionary() noexcept = default;
+    Dictionary(const Dictionary& other) noexcept;
+    Dictionary(Dictionary&& other) noexcept : m_content(std::exchange(other.m_content, nullptr)) {}
+    Dictionary& operator=(const Dictionary& other) noexcept;
+    Dictionary& operator=(Dictionary&& other) noexcept
+    {
+        std::swap(m_content, other.m_content);
+        return *this;
+    }
+    ~Dictionary();
     /// The last of equal keys wins.
     Dictionary(std::initializer_list<Value::Member> members);
     explicit Dictionary(std::vector<Value::Member> members);
@@ -35,7 +46,12 @@ public:
     friend bool operator!=(const Dictionary& a, const Dictionary& b) noexcept { return !(a == b); }
 
 private:
-    std::shared_ptr<const std::vector<Value::Member>> m_members;
+    struct Content;
+
+    Content& writable();
+    void release() noexcept;
+
+    Content* m_content = nullptr; // null: empty
 };
 
 } // namespace util::config

@@ -102,7 +102,6 @@ public:
 private:
     friend class Dictionary;
     struct Undefined {};
-    struct Content; // the members of a dictionary
     using Storage = std::variant<Undefined, std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
                                  std::shared_ptr<const std::string>, std::shared_ptr<const Array>,
                                  std::shared_ptr<const Dictionary>>;
