@@ -1,0 +1,29 @@
+#ifndef KESA_RUNTIME_V02_CONFIG_CONFIGREPORT_H
+#define KESA_RUNTIME_V02_CONFIG_CONFIGREPORT_H
+
+#include <util/config/Value.h>
+
+#include <string>
+#include <vector>
+
+namespace kesa::runtime::v02 {
+
+/// How the reading of a document went, for tools that explain it to a user.
+struct ConfigReport {
+    struct Complaint {
+        int severity;     ///< as of trace lines: 3 warning, 4 error
+        bool isFatal;     ///< it makes the configuration invalid
+        std::string path; ///< of the value in the document, "services[2].type"; empty for the document itself
+        std::string text;
+    };
+    std::vector<Complaint> complaints; ///< in the order of reading
+
+    std::string file;                       ///< empty when none was read
+    util::config::Value root;               ///< what was read as the configuration
+    std::string rootPath;                   ///< of the root in the document: "kesa", or empty for the document itself
+    std::vector<std::string> duplicateKeys; ///< paths in the document
+};
+
+} // namespace kesa::runtime::v02
+
+#endif

@@ -1,0 +1,111 @@
+#include "KesaConfig.h"
+
+#include "ConfigNode.h"
+
+#include <kesa/mimetypes.h>
+#include <obr/ErrorStorage.h>
+#include <util/config/JSONParser.h>
+#include <util/config/Provider.h>
+
+#include <memory>
+
+namespace kesa::runtime::v02 {
+
+using util::config::Value;
+
+KesaConfig::KesaConfig() : m_ownProcessName("unknown_process")
+{
+    setDefaults();
+}
+
+KesaConfig::KesaConfig(const std::string& processName, ConfigReport* report) : m_ownProcessName(processName)
+{
+    ConfigReport unread;
+    ConfigReport& filled = report != nullptr ? *report : unread;
+    setDefaults();
+    endReading(readDocument(filled), filled);
+}
+
+KesaConfig::KesaConfig(const std::string& processName, const std::string& text, ConfigReport* report)
+    : m_ownProcessName(processName)
+{
+    ConfigReport unread;
+    ConfigReport& filled = report != nullptr ? *report : unread;
+    setDefaults();
+    endReading(readText(text, filled), filled);
+}
+
+const KesaConfig& KesaConfig::getDefault()
+{
+    static const KesaConfig& config = *new KesaConfig;
+    return config;
+}
+
+/// Also what a failed reading ends with. Registry locators, bypass, proxy settings and node mapping are not touched:
+/// what was read of them before the failure stays in use.
+void KesaConfig::setDefaults()
+{
+    m_useRemoteRegistry = false;
+    m_useLocalRegistry = false;
+    m_backends = {"comm"};
+    m_services.clear();
+    m_serializers.clear();
+    m_serializers.emplace("*", std::vector<std::string>{std::string(mimetypes::JSON)});
+    m_valid = true;
+}
+
+bool KesaConfig::readDocument(ConfigReport& report)
+{
+    obr::ErrorStorage::ack();
+    const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
+    report.file = provider.file();
+    report.duplicateKeys = provider.duplicateKeys();
+    if (provider.hasFailed()) {
+        return true;
+    }
+    const bool isMember = provider.first().isDefined();
+    report.rootPath = isMember ? "kesa" : "";
+    return readConfig(isMember ? provider.first() : provider.second(), report);
+}
+
+bool KesaConfig::readText(const std::string& text, ConfigReport& report)
+{
+    obr::ErrorStorage::ack();
+    const util::config::JSONParser parser(true);
+    util::config::Dictionary* parsed = nullptr;
+    const bool failed = parser.parseStringToDict(text, &parsed);
+    report.duplicateKeys = parser.duplicateKeys();
+    const std::unique_ptr<util::config::Dictionary> root(parsed);
+    return failed || readConfig(Value(*root), report);
+}
+
+bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
+{
+    report.root = rootValue;
+    const ConfigNode root(rootValue, report.rootPath, report);
+    if (!rootValue.isDictionary()) {
+        return root.fail(3, "root is not dictionary", "[readConfig] config file contains no dictionary");
+    }
+    // The formats come before the services: each service takes its list from them.
+    return readUseLocalRegistry(root) || readUseRegistry(root) || readRegistryLocators(root) || readBackends(root) ||
+           readSerializerFormats(root) || readServices(root) || readBypass(root) || readSmartProxy(root) ||
+           readNodeDomainMapping(root);
+}
+
+void KesaConfig::endReading(bool failed, ConfigReport& report)
+{
+    if (!failed) {
+        return;
+    }
+    // Not every failure records a reason: the text is then empty, or that of a failure which was tolerated before.
+    const std::string reason = obr::ErrorStorage::reason();
+    KESA_TRACE(configChannel(), 3, "[readConfig] failed to the config file, reason = %s", reason.c_str());
+    obr::ErrorStorage::ack();
+    if (report.complaints.empty()) {
+        report.complaints.push_back({4, true, "", reason}); // no document, or none that can be parsed
+    }
+    setDefaults();
+    m_valid = false;
+}
+
+} // namespace kesa::runtime::v02

@@ -1,0 +1,73 @@
+#ifndef KESA_RUNTIME_V02_CONFIG_KESACONFIG_H
+#define KESA_RUNTIME_V02_CONFIG_KESACONFIG_H
+
+#include <kesa/runtime/v02/ProxyConfig.h>
+#include <kesa/serviceregistry/ServiceDef.h>
+#include <kesa/url.h>
+#include <util/config/Value.h>
+
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kesa::runtime::v02 {
+
+class ConfigNode;
+struct ConfigReport;
+
+/// The configuration of a process: what its document says, else the defaults. Filled by the constructor, never changed
+/// afterwards. Reading never ends the process: a document that cannot be read is traced and gives a record that is not
+/// valid. Everybody but tools asks through `KesaConfigAccessor`.
+class KesaConfig {
+public:
+    /// The defaults, for the process name "unknown_process".
+    KesaConfig();
+    /// Reads the document that `util::config::Provider` finds. `report` is filled when it is not null.
+    explicit KesaConfig(const std::string& processName, ConfigReport* report = nullptr);
+    /// Reads `text`, whose root is the configuration itself.
+    KesaConfig(const std::string& processName, const std::string& text, ConfigReport* report = nullptr);
+
+    /// The record of the default constructor; lives until the process ends.
+    static const KesaConfig& getDefault();
+
+    bool m_useRemoteRegistry = false;
+    bool m_useLocalRegistry = false;
+    std::vector<std::string> m_backends; ///< never empty
+    std::vector<serviceregistry::ServiceDef> m_services;
+    std::unordered_map<std::string, std::vector<std::string>> m_serializers; ///< by service path; always has "*"
+    std::unordered_map<std::string, std::vector<url>> m_registryLocators;    ///< by partition, or "*"
+    bool m_valid = true;
+    std::unordered_map<std::string, std::vector<std::string>> m_bypass; ///< service paths, by client process
+    std::string m_ownProcessName;
+    ProxyConfig m_proxyConfig;
+    std::unordered_map<std::string, std::string> m_nodeDomainMapping; ///< domain, by node
+
+private:
+    void setDefaults();
+    [[nodiscard]] bool readDocument(ConfigReport& report);
+    [[nodiscard]] bool readText(const std::string& text, ConfigReport& report);
+    [[nodiscard]] bool readConfig(const util::config::Value& root, ConfigReport& report);
+    void endReading(bool failed, ConfigReport& report);
+
+    // One step each, in this order; the first failure ends reading. What a step stored before it failed stays.
+    [[nodiscard]] bool readUseLocalRegistry(const ConfigNode& root);
+    [[nodiscard]] bool readUseRegistry(const ConfigNode& root);
+    [[nodiscard]] bool readRegistryLocators(const ConfigNode& root);
+    [[nodiscard]] bool readBackends(const ConfigNode& root);
+    [[nodiscard]] bool readSerializerFormats(const ConfigNode& root);
+    [[nodiscard]] bool readServices(const ConfigNode& root);
+    [[nodiscard]] bool readBypass(const ConfigNode& root);
+    [[nodiscard]] bool readSmartProxy(const ConfigNode& root);
+    [[nodiscard]] bool readNodeDomainMapping(const ConfigNode& root);
+
+    [[nodiscard]] bool readRegistryLocator(const std::string& partition, const ConfigNode& value);
+    [[nodiscard]] bool readFormatRules(const ConfigNode& rules);
+    [[nodiscard]] bool readService(const ConfigNode& entry);
+    [[nodiscard]] bool readTimeout(const ConfigNode& proxy);
+    [[nodiscard]] bool readProxyLists(const ConfigNode& proxy);
+    void removeForwardedErrors();
+};
+
+} // namespace kesa::runtime::v02
+
+#endif

@@ -1,0 +1,111 @@
+// "services": the statically configured ones.
+#include "ConfigNode.h"
+#include "KesaConfig.h"
+
+#include <kesa/Path.h>
+#include <kesa/serviceregistry/MetainfoKeys.h>
+#include <kesa/toGeneric.h>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+using serviceregistry::MetainfoKeys;
+using serviceregistry::ServiceDef;
+
+bool readServicePath(const ConfigNode& node, std::string& path)
+{
+    return node.get(path) || (!Path::isAbsolute(path) && node.fail("service path not absolute"));
+}
+
+/// Versions are a list, of which the document can name one.
+bool readVersion(const ConfigNode& node, std::vector<std::string>& versions)
+{
+    if (!node.value().isDefined()) {
+        return false;
+    }
+    std::string version;
+    if (node.get(version)) {
+        return true;
+    }
+    versions.push_back(std::move(version));
+    return false;
+}
+
+bool readType(const ConfigNode& node, std::string& text, ServiceDef::TypeEnum& type)
+{
+    return node.get(text) || (ServiceDef::valueToEnum(text, type) && node.fail("service type unknown"));
+}
+
+bool readLocators(const ConfigNode& node, const std::string& path, std::vector<url>& locators)
+{
+    if (!node.value().isArray()) {
+        return node.fail("locators is not array");
+    }
+    return node.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t) {
+        const url locator(text);
+        if (!locator.isAbsolute()) {
+            return element.fail("service locator is not an url");
+        }
+        if (!locator.path().empty()) {
+            locators.push_back(locator);
+            return false;
+        }
+        // The path is appended to the text: behind a query or fragment it would become part of that.
+        if (locator.hasQueryOrFragment()) {
+            return element.fail("service locator is not an url");
+        }
+        locators.emplace_back(text + path);
+        return false;
+    });
+}
+
+} // namespace
+
+bool KesaConfig::readServices(const ConfigNode& root)
+{
+    const ConfigNode services = root["services"];
+    if (!services.value().isArray()) {
+        return services.value().isDefined() &&
+               services.fail(4, "services is not array", "[readConfig] services is not array");
+    }
+    m_services.clear();
+    bool failed = false;
+    for (std::size_t i = 0; i < services.value().arraySize() && !failed; ++i) {
+        failed = readService(services[i]);
+    }
+    return failed;
+}
+
+bool KesaConfig::readService(const ConfigNode& entry)
+{
+    const ConfigNode dynamic = entry["is_dynamic"];
+    if (dynamic.value().isDefined()) {
+        bool isDynamic = false;
+        if (dynamic.get(isDynamic)) {
+            return true;
+        }
+        KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", "is_dynamic", isDynamic ? 1 : 0);
+        if (isDynamic) {
+            return false; // registered by its process when it runs
+        }
+    }
+    std::string path;
+    std::vector<std::string> versions;
+    std::string typeText;
+    ServiceDef::TypeEnum type{};
+    std::vector<url> locators;
+    if (readServicePath(entry["path"], path) || readVersion(entry["version"], versions) ||
+        readType(entry["type"], typeText, type) || readLocators(entry["locators"], path, locators)) {
+        return true;
+    }
+    KESA_TRACE(configChannel(), 2, "[readConfig] service: path=%s, type=%s, loc#=%zu version='%s'", path.c_str(),
+               typeText.c_str(), locators.size(), versions.empty() ? "" : versions.front().c_str());
+    ServiceDef service(Path(path), type, versions, std::move(locators));
+    service.metainfo = GenericObject{{*enumToValue(MetainfoKeys::versions), toGeneric(versions)}};
+    const auto ownRule = m_serializers.find(path);
+    service.serializationFormats = ownRule != m_serializers.end() ? ownRule->second : m_serializers.at("*");
+    m_services.push_back(std::move(service));
+    return false;
+}
+
+} // namespace kesa::runtime::v02

@@ -1,0 +1,129 @@
+// "smartProxy". A value that is no object is read like an empty one.
+#include "ConfigNode.h"
+#include "KesaConfig.h"
+
+#include <algorithm>
+#include <cstdint>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+using Codes = std::vector<std::uint32_t>;
+
+bool readUIntArray(const ConfigNode& proxy, const char* key, Codes& codes)
+{
+    const ConfigNode list = proxy[key];
+    if (!list.value().isArray()) {
+        return list.value().isDefined() && list.fail(4, "key is not array", "[readConfig] {} is not array", key);
+    }
+    bool failed = false;
+    for (std::size_t i = 0; i < list.value().arraySize(); ++i) {
+        unsigned int code = 0;
+        failed = list[i].get(code);
+        if (failed) {
+            break;
+        }
+        codes.push_back(code);
+        KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%d", key, i, static_cast<int>(code));
+    }
+    if (codes.empty()) {
+        return list.fail(4, "key was configured but it is an empty array",
+                         "[readConfig] {} configured but it is an empty array", key);
+    }
+    return failed; // without a text of its own: the list broke off after a good beginning
+}
+
+void storeUnlessEmpty(Codes&& codes, optional<Codes>& stored)
+{
+    if (!codes.empty()) {
+        stored = std::move(codes);
+    }
+}
+
+void removeCode(optional<Codes>& list, std::uint32_t code, const char* name)
+{
+    if (!list) {
+        return;
+    }
+    const auto found = std::find(list->begin(), list->end(), code);
+    if (found != list->end()) {
+        list->erase(found);
+        KESA_TRACE(configChannel(), 2, "[readConfig] %d is in mandatoryForwardErrors and %s erase it",
+                   static_cast<int>(code), name);
+    }
+}
+
+void resetIfEmpty(optional<Codes>& list)
+{
+    if (list && list->empty()) {
+        list.reset();
+    }
+}
+
+} // namespace
+
+bool KesaConfig::readSmartProxy(const ConfigNode& root)
+{
+    const ConfigNode proxy = root["smartProxy"];
+    if (!proxy.value().isDefined()) {
+        return false;
+    }
+    const bool failed = readTimeout(proxy) || readProxyLists(proxy);
+    removeForwardedErrors();
+    return failed;
+}
+
+bool KesaConfig::readTimeout(const ConfigNode& proxy)
+{
+    const ConfigNode node = proxy["timeout"];
+    if (!node.value().isDefined()) {
+        return false;
+    }
+    int timeout = 0;
+    if (node.value().get(timeout)) {
+        return node.fail(3, "timeout not int", "[readConfig] timeout not int");
+    }
+    m_proxyConfig.m_timeout = timeout;
+    KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", "timeout", timeout);
+    return false;
+}
+
+/// Stores all lists or none.
+bool KesaConfig::readProxyLists(const ConfigNode& proxy)
+{
+    Codes retryTimes;
+    Codes forwardErrors;
+    Codes subscribeList;
+    Codes subscribeElement;
+    if (readUIntArray(proxy, "retryTimes", retryTimes) ||
+        readUIntArray(proxy, "mandatoryForwardErrors", forwardErrors) ||
+        readUIntArray(proxy, "mandatroyRetryErrorsSubscribeList", subscribeList) ||
+        readUIntArray(proxy, "mandatroyRetryErrorsSubscribeElement", subscribeElement)) {
+        return true;
+    }
+    storeUnlessEmpty(std::move(retryTimes), m_proxyConfig.m_retryTimes);
+    storeUnlessEmpty(std::move(forwardErrors), m_proxyConfig.m_mandatoryForwardErrors);
+    storeUnlessEmpty(std::move(subscribeList), m_proxyConfig.m_mandatroyRetryErrorsSubscribeList);
+    // Unlike the others this list is there, though empty, when its key is not: who reads the settings tells "no
+    // retries for an element" from "no smart proxy" by it.
+    m_proxyConfig.m_mandatroyRetryErrorsSubscribeElement = std::move(subscribeElement);
+    return false;
+}
+
+/// An error that must be forwarded is never retried.
+void KesaConfig::removeForwardedErrors()
+{
+    if (!m_proxyConfig.m_mandatoryForwardErrors) {
+        return;
+    }
+    auto& list = m_proxyConfig.m_mandatroyRetryErrorsSubscribeList;
+    auto& element = m_proxyConfig.m_mandatroyRetryErrorsSubscribeElement;
+    for (const std::uint32_t code : *m_proxyConfig.m_mandatoryForwardErrors) {
+        removeCode(list, code, "m_mandatroyRetryErrorsSubscribeList");
+        removeCode(element, code, "m_mandatroyRetryErrorsSubscribeElement");
+    }
+    resetIfEmpty(list);
+    resetIfEmpty(element);
+}
+
+} // namespace kesa::runtime::v02
