@@ -23,21 +23,26 @@ public:
     /// faults below; `loop` is its backend's.
     std::unique_ptr<ITransport> makeTransport(std::shared_ptr<comm::Reactor> loop, std::uint64_t group);
 
-    /// Every fault off by default. `draw(bound)` is uniform in [0, bound).
+    /// Every fault off by default, and without `draw`. `draw(bound)` is uniform in [0, bound); it is called under the
+    /// network's lock, on whatever thread writes, reads or connects.
     struct Faults {
         std::function<std::uint64_t(std::uint64_t bound)> draw;
         unsigned shortWritePercent = 0;      ///< a write moves fewer bytes than it could
         unsigned shortReadPercent = 0;       ///< a read hands over fewer bytes than there are: cuts inside frames
         unsigned refusePercent = 0;          ///< a connect is told "busy"
-        comm::TimeNs longestDelay = 0;       ///< of a chunk of bytes on its way
+        unsigned heldOpenPercent = 0;        ///< a killed process leaves a child that keeps its end of a stream
+        comm::TimeNs longestDelay = 0;       ///< of a chunk of bytes on its way; never changes their order
         std::size_t pipeBytes = 256U << 10U; ///< what a stream holds before its writer would block
     };
     void setFaults(Faults faults);
 
     /// The process is gone: its listener and streams end, its name is free; its own side hears nothing any more.
+    /// What it wrote is still read, then come the end and `onPeerExited`. Transports made for the group later are of a
+    /// new process.
     void kill(std::uint64_t group);
-    /// Cuts the streams between two groups; both sides see the end.
+    /// Cuts the streams between two groups; both sides lose a drawn part of what they have not read and see the end.
     void cut(std::uint64_t a, std::uint64_t b);
+    /// Ends of streams that their owners have not closed.
     std::size_t openStreams() const;
 
     const std::string& realm() const noexcept;
