@@ -11,7 +11,8 @@ namespace comm {
 /// An I/O loop: work, timers and the readiness of descriptors, one callback at a time on one thread. Made by
 /// `comm::Scheduler`; a simulated one has no descriptors.
 ///
-/// Threads: `post`, `stop` and `isCurrent` from any; everything else on the loop itself (asserted).
+/// Threads: `post`, `stop` and `isCurrent` from any; everything else on the loop itself (asserted); after `stop`,
+/// `cancelTimer` and `unwatch` from any thread do nothing.
 /// A callback may call anything here but `stop`.
 class KESA_API Reactor {
 public:
@@ -24,7 +25,8 @@ public:
     /// destroyed here.
     virtual void post(Task task) = 0;
 
-    /// Runs `task` once the clock reaches `when`; a time in the past is the next turn of the loop.
+    /// Runs `task` once the clock reaches `when`, never earlier and a millisecond later at most while the loop is idle;
+    /// a time in the past is the next turn of the loop.
     virtual Id startTimer(TimeNs when, Task task) = 0;
     /// The timer does not run any more. Unknown and expired ids are ignored.
     virtual void cancelTimer(Id id) = 0;
@@ -34,7 +36,8 @@ public:
     using ReadyFunction = util::UniqueFunction<void(unsigned readiness)>;
 
     /// Calls `ready` while `descriptor` has one of `interest` (level-triggered; `eHANGUP` is always reported).
-    /// The descriptor stays the caller's and stays open until `unwatch`.
+    /// The descriptor stays the caller's and stays open until `unwatch`. 0 when the kernel has no memory for it, with
+    /// the reason in `obr::ErrorStorage`.
     virtual Id watch(int descriptor, unsigned interest, ReadyFunction ready) = 0;
     virtual void changeInterest(Id id, unsigned interest) = 0;
     /// `ready` is not called any more, also not for what this turn of the loop has already seen.

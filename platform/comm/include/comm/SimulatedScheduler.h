@@ -45,6 +45,9 @@ public:
 
 private:
     class Impl;
+    class Condition;
+    class RunLoop;
+    class LoopReactor;
     std::shared_ptr<Impl> m_impl;
 };
 

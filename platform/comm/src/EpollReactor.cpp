@@ -1,0 +1,458 @@
+// One turn of the loop: wait, call what is ready, run due timers, run what was posted, run what was left for the end of
+// the turn. The loop stands on the path of every call between processes, so a wake-up costs one `epoll_wait` and no
+// other system call: a descriptor is registered once, level-triggered, and stays armed; the wake-up descriptor is
+// edge-triggered and never read.
+#include "EpollReactor.h"
+
+#include "LoopThread.h"
+#include "leakInChild.h"
+#include "monotonicClock.h"
+#include "recycle.h"
+
+#include <comm/AtFork.h>
+#include <obr/ErrorOutput.h>
+#include <obr/GlobalErrorHandler.h>
+#include <obr/errors.h>
+#include <tracing/Channel.h>
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace comm {
+
+namespace {
+
+constexpr TimeNs SLOW_CALLBACK = 50 * MILLISECOND;
+
+const tracing::Channel& channel()
+{
+    static const tracing::Channel& instance = *new tracing::Channel("KESA_COMM");
+    return instance;
+}
+
+std::uint32_t toEpoll(unsigned interest) noexcept
+{
+    return ((interest & Reactor::eREADABLE) != 0U ? EPOLLIN : 0U) |
+           ((interest & Reactor::eWRITABLE) != 0U ? EPOLLOUT : 0U);
+}
+
+unsigned toReadiness(std::uint32_t events) noexcept
+{
+    return ((events & EPOLLIN) != 0U ? Reactor::eREADABLE : 0U) |
+           ((events & EPOLLOUT) != 0U ? Reactor::eWRITABLE : 0U) |
+           ((events & (EPOLLHUP | EPOLLERR)) != 0U ? Reactor::eHANGUP : 0U);
+}
+
+class EpollReactor final : public Reactor {
+public:
+    explicit EpollReactor(const std::string& name);
+    ~EpollReactor() override;
+
+    void post(Task task) override;
+    Id startTimer(TimeNs when, Task task) override;
+    void cancelTimer(Id id) override;
+    Id watch(int descriptor, unsigned interest, ReadyFunction ready) override;
+    void changeInterest(Id id, unsigned interest) override;
+    void unwatch(Id id) override;
+    void atTurnEnd(Task task) override;
+    void stop() override;
+    bool isCurrent() const noexcept override { return m_thread.isCurrent(); }
+
+    static void start(const std::shared_ptr<EpollReactor>& self);
+    /// Called when the last owner but the thread lets go.
+    static void release(std::shared_ptr<EpollReactor>&& self);
+
+private:
+    struct Watch {
+        int descriptor;
+        std::uint32_t interest;
+        bool isWatched;
+        ReadyFunction ready;
+    };
+    struct Timer {
+        TimeNs when;
+        Id id; ///< equal times: in the order of starting
+        auto operator<=>(const Timer&) const = default;
+    };
+
+    void run();
+    bool turn();
+    int waitTimeout(bool& hasWork);
+    bool dispatch(const epoll_event* events, int count);
+    void runDueTimers();
+    bool runPosted();
+    void runTurnEnd();
+    void runBatch();
+    void dropAll();
+    template <class F>
+    void call(F&& callback);
+    void requestStop();
+    void wake() const noexcept;
+    void expectOnLoop(const char* function) const;
+    [[nodiscard]] bool control(int operation, Watch& watch) const;
+
+    LoopThread m_thread;
+    int m_epoll = -1;
+    int m_wake = -1;
+
+    std::mutex m_mutex;
+    std::vector<Task> m_posted; ///< under `m_mutex`
+    bool m_isStopping = false;  ///< under `m_mutex`
+    /// Becomes true under `m_mutex` when nothing is posted; a producer that finds it true has to wake the loop.
+    std::atomic<bool> m_isAsleep{false};
+    std::atomic<bool> m_hasEnded{false};
+
+    // The loop's own.
+    Id m_lastId = 0;
+    std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
+    std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
+    std::map<Timer, Task> m_timers;
+    std::unordered_map<Id, TimeNs> m_timerTimes;
+    std::vector<Task> m_turnEnd;
+    std::vector<Task> m_batch;  ///< what `runBatch` runs; empty between
+    TimeNs m_callbackStart = 0; ///< of the coarse clock: exact to some milliseconds, and nearly free
+};
+
+EpollReactor::EpollReactor(const std::string& name)
+    : m_thread(name), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+{
+    epoll_event event{};
+    event.events = EPOLLIN | EPOLLET;
+    event.data.ptr = nullptr;
+    if (m_epoll < 0 || m_wake < 0 || ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake, &event) != 0) {
+        const std::string message = fmt::format("cannot make the I/O loop '{}': {}", name, std::strerror(errno));
+        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
+    }
+    AtFork::closeInChild(m_epoll);
+    AtFork::closeInChild(m_wake);
+}
+
+EpollReactor::~EpollReactor()
+{
+    for (const int descriptor : {m_epoll, m_wake}) {
+        AtFork::forget(descriptor);
+        ::close(descriptor);
+    }
+}
+
+void EpollReactor::start(const std::shared_ptr<EpollReactor>& self)
+{
+    self->m_thread.start([self] { self->run(); });
+}
+
+void EpollReactor::release(std::shared_ptr<EpollReactor>&& self)
+{
+    if (!self->m_thread.isHere()) {
+        leakInChild(std::move(self));
+        return;
+    }
+    // Inside its own callback, when the assertion's handler returned, the thread ends alone.
+    const bool mayJoin = self->m_thread.mayStop(__func__);
+    self->requestStop();
+    mayJoin ? self->m_thread.join() : self->m_thread.detach();
+}
+
+void EpollReactor::post(Task task)
+{
+    if (!m_thread.isUsable(__func__)) {
+        return;
+    }
+    bool mustWake = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        if (!m_isStopping) {
+            m_posted.push_back(std::move(task));
+            mustWake = m_isAsleep.exchange(false, std::memory_order_relaxed);
+        }
+    }
+    if (mustWake) {
+        wake();
+    }
+    // A task that came too late is destroyed here: its destructor may run anything, so not under the lock.
+}
+
+Reactor::Id EpollReactor::startTimer(TimeNs when, Task task)
+{
+    expectOnLoop(__func__);
+    const Id id = ++m_lastId;
+    m_timers.emplace(Timer{when, id}, std::move(task));
+    m_timerTimes.emplace(id, when);
+    return id;
+}
+
+void EpollReactor::cancelTimer(Id id)
+{
+    if (m_hasEnded.load(std::memory_order_acquire)) {
+        return;
+    }
+    expectOnLoop(__func__);
+    const auto found = m_timerTimes.find(id);
+    if (found != m_timerTimes.end()) {
+        const auto timer = m_timers.extract(Timer{found->second, id}); // dies when both tables are in order
+        m_timerTimes.erase(found);
+    }
+}
+
+Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction ready)
+{
+    expectOnLoop(__func__);
+    auto entry = std::make_unique<Watch>(Watch{descriptor, toEpoll(interest), true, std::move(ready)});
+    if (control(EPOLL_CTL_ADD, *entry)) {
+        return 0;
+    }
+    const Id id = ++m_lastId;
+    m_watches.emplace(id, std::move(entry));
+    return id;
+}
+
+void EpollReactor::changeInterest(Id id, unsigned interest)
+{
+    expectOnLoop(__func__);
+    const auto found = m_watches.find(id);
+    if (found == m_watches.end() || found->second->interest == toEpoll(interest)) {
+        return;
+    }
+    found->second->interest = toEpoll(interest);
+    static_cast<void>(control(EPOLL_CTL_MOD, *found->second));
+}
+
+void EpollReactor::unwatch(Id id)
+{
+    if (m_hasEnded.load(std::memory_order_acquire)) {
+        return;
+    }
+    expectOnLoop(__func__);
+    const auto found = m_watches.find(id);
+    if (found == m_watches.end()) {
+        return;
+    }
+    found->second->isWatched = false;
+    static_cast<void>(control(EPOLL_CTL_DEL, *found->second));
+    m_unwatched.push_back(std::move(found->second));
+    m_watches.erase(found);
+}
+
+/// A refusal for want of memory or watches is the kernel's word; the others are misuse.
+bool EpollReactor::control(int operation, Watch& watch) const
+{
+    epoll_event event{};
+    event.events = watch.interest;
+    event.data.ptr = &watch;
+    if (::epoll_ctl(m_epoll, operation, watch.descriptor, &event) == 0) {
+        return false;
+    }
+    const int error = errno;
+    const std::string message = fmt::format("the loop '{}' cannot watch descriptor {}: {}", m_thread.loopName(),
+                                            watch.descriptor, std::strerror(error));
+    if (error != ENOMEM && error != ENOSPC) {
+        obr::GlobalErrorHandler::doAssert(false, "epoll_ctl(...) == 0", __FILE__, __LINE__, __func__, message.c_str());
+    }
+    return obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, message);
+}
+
+void EpollReactor::atTurnEnd(Task task)
+{
+    expectOnLoop(__func__);
+    m_turnEnd.push_back(std::move(task));
+}
+
+void EpollReactor::stop()
+{
+    if (m_thread.mayStop(__func__)) {
+        requestStop();
+        m_thread.join();
+    }
+}
+
+void EpollReactor::requestStop()
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isStopping = true;
+    }
+    wake();
+}
+
+void EpollReactor::wake() const noexcept
+{
+    const std::uint64_t one = 1;
+    while (::write(m_wake, &one, sizeof one) < 0 && errno == EINTR) {
+    }
+}
+
+void EpollReactor::run()
+{
+    while (!turn()) {
+    }
+    dropAll();
+    m_hasEnded.store(true, std::memory_order_release);
+}
+
+/// True when it was the last one.
+bool EpollReactor::turn()
+{
+    std::array<epoll_event, 64> events;
+    bool hasWork = false;
+    const int timeout = waitTimeout(hasWork);
+    const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
+    m_isAsleep.store(false, std::memory_order_relaxed);
+    m_callbackStart = readClock(CLOCK_MONOTONIC_COARSE);
+
+    const bool wasWoken = dispatch(events.data(), count);
+    if (!m_timers.empty()) {
+        runDueTimers();
+    }
+    const bool isLast = (hasWork || wasWoken) && runPosted();
+    if (!m_turnEnd.empty()) {
+        runTurnEnd();
+    }
+    while (!m_unwatched.empty()) {
+        std::exchange(m_unwatched, {}).clear();
+    }
+    return isLast;
+}
+
+int EpollReactor::waitTimeout(bool& hasWork)
+{
+    {
+        const std::lock_guard lock(m_mutex);
+        hasWork = !m_posted.empty() || m_isStopping;
+        if (!hasWork) {
+            m_isAsleep.store(true, std::memory_order_relaxed);
+        }
+    }
+    if (hasWork || !m_turnEnd.empty()) {
+        return 0;
+    }
+    if (m_timers.empty() || m_timers.begin()->first.when == NEVER) {
+        return -1;
+    }
+    // Rounded up: a timer is never early, and at most a millisecond late.
+    const TimeNs left = m_timers.begin()->first.when - monotonicNow();
+    return static_cast<int>(std::clamp<TimeNs>((left + MILLISECOND - 1) / MILLISECOND, 0, INT_MAX));
+}
+
+/// True when the loop was woken for what was posted.
+bool EpollReactor::dispatch(const epoll_event* events, int count)
+{
+    bool wasWoken = false;
+    for (int i = 0; i < count; ++i) {
+        auto* const watch = static_cast<Watch*>(events[i].data.ptr);
+        if (watch == nullptr) {
+            wasWoken = true;
+        } else if (watch->isWatched) {
+            call([watch, readiness = toReadiness(events[i].events)] { watch->ready(readiness); });
+        }
+    }
+    return wasWoken;
+}
+
+void EpollReactor::runDueTimers()
+{
+    const TimeNs time = monotonicNow();
+    const Id newest = m_lastId; // what a callback starts waits for the next turn
+    auto next = m_timers.begin();
+    while (next != m_timers.end() && next->first.when <= time) {
+        if (next->first.id > newest) {
+            ++next;
+            continue;
+        }
+        auto timer = m_timers.extract(next);
+        m_timerTimes.erase(timer.key().id);
+        call([&task = timer.mapped()] {
+            task();
+            task = nullptr;
+        });
+        next = m_timers.begin();
+    }
+}
+
+/// True when no more can come.
+bool EpollReactor::runPosted()
+{
+    bool isLast = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_batch.swap(m_posted);
+        isLast = m_isStopping;
+    }
+    runBatch();
+    return isLast;
+}
+
+void EpollReactor::runTurnEnd()
+{
+    m_batch.swap(m_turnEnd);
+    runBatch();
+}
+
+void EpollReactor::runBatch()
+{
+    for (Task& task : m_batch) {
+        call([&task] {
+            task();
+            task = nullptr;
+        });
+    }
+    recycle(m_batch);
+}
+
+/// Destructors of what is dropped may cancel, post and start anew.
+void EpollReactor::dropAll()
+{
+    while (!m_watches.empty() || !m_unwatched.empty() || !m_timers.empty() || !m_turnEnd.empty()) {
+        std::exchange(m_watches, {}).clear();
+        std::exchange(m_unwatched, {}).clear();
+        m_timerTimes.clear();
+        std::exchange(m_timers, {}).clear();
+        std::exchange(m_turnEnd, {}).clear();
+    }
+}
+
+template <class F>
+void EpollReactor::call(F&& callback)
+{
+    callback();
+    const TimeNs end = readClock(CLOCK_MONOTONIC_COARSE);
+    if (end - m_callbackStart > SLOW_CALLBACK) {
+        KESA_TRACE_TEXT(channel(), 3,
+                        fmt::format("[reactor] a callback held the loop '{}' for {} ms", m_thread.loopName(),
+                                    (end - m_callbackStart) / MILLISECOND));
+    }
+    m_callbackStart = end;
+}
+
+void EpollReactor::expectOnLoop(const char* function) const
+{
+    if (!m_thread.isCurrent()) {
+        const std::string message = fmt::format("called outside of the loop '{}'", m_thread.loopName());
+        obr::GlobalErrorHandler::doAssert(false, "isCurrent()", __FILE__, __LINE__, function, message.c_str());
+    }
+}
+
+} // namespace
+
+std::shared_ptr<Reactor> makeEpollReactor(const std::string& name)
+{
+    auto reactor = std::make_shared<EpollReactor>(name);
+    EpollReactor::start(reactor);
+    Reactor* const object = reactor.get();
+    return {object, [owned = std::move(reactor)](Reactor*) mutable { EpollReactor::release(std::move(owned)); }};
+}
+
+} // namespace comm

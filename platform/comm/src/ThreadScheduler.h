@@ -1,0 +1,13 @@
+#ifndef COMM_THREADSCHEDULER_H
+#define COMM_THREADSCHEDULER_H
+
+#include <comm/Scheduler.h>
+
+namespace comm {
+
+/// The real scheduler: threads, the kernel's monotonic clock, condition variables. Never destroyed.
+Scheduler& threadScheduler() noexcept;
+
+} // namespace comm
+
+#endif

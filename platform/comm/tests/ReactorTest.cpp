@@ -1,0 +1,240 @@
+// The real I/O loop, over socket pairs.
+#include "support.h"
+
+#include <comm/Scheduler.h>
+#include <tracing/Sink.h>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <thread>
+
+using namespace comm;
+using namespace comm::test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+struct Pair {
+    Pair() { EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0); }
+    ~Pair()
+    {
+        ::close(ends[0]);
+        if (ends[1] >= 0) {
+            ::close(ends[1]);
+        }
+    }
+    void send() const { EXPECT_EQ(::write(ends[1], "x", 1), 1); }
+    void receive() const
+    {
+        char byte = 0;
+        EXPECT_EQ(::read(ends[0], &byte, 1), 1);
+    }
+    void closeOther() { ::close(std::exchange(ends[1], -1)); }
+    int ends[2];
+};
+
+class ReactorTest : public testing::Test {
+protected:
+    std::shared_ptr<Reactor> loop = Scheduler::current().makeReactor("test.m_io");
+    std::vector<std::string> log; // the loop's own, until it stops
+};
+
+} // namespace
+
+TEST_F(ReactorTest, RunsPostedWorkInOrderThenTheEndOfTheTurn)
+{
+    runOn(*loop, [this] {
+        loop->post([this] { log.emplace_back("next turn"); });
+        loop->atTurnEnd([this] {
+            log.emplace_back("end");
+            loop->atTurnEnd([this] { log.emplace_back("end of the next"); });
+        });
+        log.emplace_back("task");
+    });
+    loop->stop();
+    EXPECT_THAT(log, ElementsAre("task", "end", "next turn", "end of the next"));
+    bool isDropped = false;
+    loop->post([guard = std::shared_ptr<void>(nullptr, [&](void*) { isDropped = true; })] { FAIL(); });
+    EXPECT_TRUE(isDropped);
+    loop->cancelTimer(1);
+    loop->unwatch(1);
+    loop->stop();
+}
+
+TEST_F(ReactorTest, TimersRunInTheOrderOfTheirTimesUnlessCancelled)
+{
+    Signal done;
+    TimeNs ranAt = 0;
+    const TimeNs start = now();
+    runOn(*loop, [&] {
+        loop->startTimer(start + 4 * MILLISECOND, [&] {
+            ranAt = now();
+            log.emplace_back("late");
+            done.raise();
+        });
+        const auto never = loop->startTimer(start + 2 * MILLISECOND, [] { FAIL(); });
+        loop->startTimer(start + MILLISECOND, [this, never] {
+            log.emplace_back("early");
+            loop->cancelTimer(never);
+        });
+        loop->startTimer(0, [this] {
+            log.emplace_back("past");
+            loop->startTimer(0, [this] { log.emplace_back("past again"); });
+        });
+        loop->startTimer(NEVER, [] { FAIL(); });
+        loop->post([this] { log.emplace_back("posted"); });
+    });
+    done.await();
+    loop->stop();
+    EXPECT_GE(ranAt, start + 4 * MILLISECOND);
+    log.erase(std::remove(log.begin(), log.end(), "posted"), log.end());
+    EXPECT_EQ(log.front(), "past");
+    EXPECT_EQ(log.back(), "late");
+    EXPECT_EQ(log.size(), 4U);
+}
+
+TEST_F(ReactorTest, ReportsADescriptorAsLongAsItIsReady)
+{
+    Pair pair;
+    pair.send();
+    pair.send();
+    Signal calls;
+    Reactor::Id id = 0;
+    std::vector<unsigned> seen;
+    runOn(*loop, [&] {
+        id = loop->watch(pair.ends[0], Reactor::eREADABLE, [&](unsigned readiness) {
+            seen.push_back(readiness);
+            if (seen.size() <= 3) { // at the first call nothing is read, so the second is about the same byte
+                if (seen.size() > 1) {
+                    pair.receive();
+                }
+            } else {
+                loop->changeInterest(id, Reactor::eNONE);
+            }
+            calls.raise();
+        });
+        EXPECT_NE(id, 0U);
+    });
+    calls.await(3);
+    runOn(*loop, [&] { EXPECT_EQ(seen.size(), 3U); });
+    runOn(*loop, [&] { loop->changeInterest(id, Reactor::eREADABLE | Reactor::eWRITABLE); });
+    calls.await(4);
+    runOn(*loop, [&] { EXPECT_EQ(seen.size(), 4U); });
+    pair.closeOther();
+    calls.await(5);
+    runOn(*loop, [&] { loop->unwatch(id); });
+    loop->stop();
+    EXPECT_EQ(seen[0], Reactor::eREADABLE);
+    EXPECT_EQ(seen[3], Reactor::eWRITABLE);
+    EXPECT_TRUE((seen[4] & Reactor::eHANGUP) != 0U) << "reported although nothing was asked for";
+}
+
+TEST_F(ReactorTest, UnwatchHoldsForWhatTheTurnHasSeenAlready)
+{
+    Pair first;
+    Pair second;
+    Reactor::Id ids[2] = {0, 0};
+    std::weak_ptr<int> captured;
+    Signal called;
+    runOn(*loop, [&] {
+        first.send(); // both are ready before the loop looks
+        second.send();
+        const auto value = std::make_shared<int>(1);
+        captured = value;
+        const auto ready = [&, value](unsigned) {
+            log.emplace_back("ready");
+            loop->unwatch(ids[0]);
+            loop->unwatch(ids[1]);
+            EXPECT_EQ(*value, 1) << "the function outlives its own unwatching";
+            called.raise();
+        };
+        ids[0] = loop->watch(first.ends[0], Reactor::eREADABLE, ready);
+        ids[1] = loop->watch(second.ends[0], Reactor::eREADABLE, ready);
+    });
+    called.await();
+    runOn(*loop, [&] { EXPECT_TRUE(captured.expired()); });
+    loop->stop();
+    EXPECT_THAT(log, ElementsAre("ready"));
+}
+
+TEST_F(ReactorTest, MisuseIsAFailedAssertion)
+{
+    AssertionRecorder assertions;
+    runOn(*loop, [&] {
+        loop->stop();
+        EXPECT_EQ(loop->watch(-1, Reactor::eREADABLE, [](unsigned) {}), 0U);
+    });
+    loop->atTurnEnd([] {});
+    EXPECT_THAT(assertions.take(),
+                ElementsAre(HasSubstr("cannot be stopped from inside"), HasSubstr("cannot watch descriptor -1"),
+                            HasSubstr("called outside of the loop 'test.m_io'")));
+    // The last owner is a task of its own.
+    Signal ended;
+    Reactor& alias = *loop;
+    alias.post([owned = std::move(loop),
+                guard = std::shared_ptr<void>(nullptr, [&](void*) { ended.raise(); })]() mutable { owned = nullptr; });
+    ended.await();
+    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot be stopped from inside")));
+}
+
+TEST_F(ReactorTest, TracesACallbackThatHoldsTheLoop)
+{
+    class Capture final : public tracing::ISink {
+    public:
+        void write(const tracing::Line& line) override
+        {
+            const std::lock_guard lock(mutex);
+            lines.push_back(std::string(line.channel) + std::to_string(line.severity) + ' ' + std::string(line.text));
+        }
+        std::mutex mutex;
+        std::vector<std::string> lines;
+    };
+    const auto capture = std::make_shared<Capture>();
+    const auto before = tracing::setSink(capture);
+    loop->post([] {});
+    loop->post([] {
+        const TimeNs end = now() + 70 * MILLISECOND;
+        while (now() < end) {
+        }
+    });
+    loop->stop();
+    tracing::setSink(before);
+    EXPECT_THAT(capture->lines,
+                ElementsAre(testing::StartsWith("KESA_COMM3 [reactor] a callback held the loop 'test.m_io' for ")));
+}
+
+TEST_F(ReactorTest, StandsManyProducersTimersAndWatches)
+{
+    constexpr int PRODUCERS = 3;
+    constexpr int ROUNDS = 300;
+    std::atomic<int> ended{0};
+    std::vector<std::thread> producers;
+    for (int producer = 0; producer < PRODUCERS; ++producer) {
+        producers.emplace_back([&] {
+            for (int i = 0; i < ROUNDS; ++i) {
+                const auto pair = std::make_shared<Pair>();
+                const auto guard = std::shared_ptr<void>(nullptr, [&](void*) { ++ended; });
+                loop->post([this, pair, guard] {
+                    const auto id = std::make_shared<Reactor::Id>(0);
+                    const auto timer = loop->startTimer(now() + 60 * SECOND, [guard] { FAIL(); });
+                    *id = loop->watch(pair->ends[0], Reactor::eREADABLE, [this, pair, id, timer, guard](unsigned) {
+                        pair->receive();
+                        loop->unwatch(*id);
+                        loop->cancelTimer(timer);
+                        loop->atTurnEnd([guard] {});
+                    });
+                });
+                pair->send();
+            }
+        });
+    }
+    for (auto& producer : producers) {
+        producer.join();
+    }
+    loop->stop(); // some were served, others are dropped here
+    EXPECT_EQ(ended, PRODUCERS * ROUNDS);
+}

@@ -1,0 +1,226 @@
+// The simulated scheduler: one thread, an order that the seed alone decides, a clock in the test's hand.
+#include "support.h"
+
+#include <comm/Scheduler.h>
+#include <comm/SimulatedScheduler.h>
+#include <obr/ErrorOutput.h>
+#include <obr/ErrorStorage.h>
+#include <obr/errors.h>
+
+#include <optional>
+#include <set>
+
+using namespace comm;
+using namespace comm::test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace {
+
+class Simulated : public testing::Test {
+protected:
+    Simulated() { Scheduler::install(&sim); }
+    ~Simulated() override { Scheduler::install(nullptr); }
+
+    SimulatedScheduler sim{7};
+    std::vector<std::string> log;
+};
+
+/// The order in which three loops with queues and timers run under a seed.
+std::string orderOf(std::uint64_t seed)
+{
+    SimulatedScheduler sim(seed);
+    Scheduler::install(&sim);
+    std::string order;
+    {
+        ActiveObject a("a");
+        ActiveObject b("b");
+        const auto loop = sim.makeReactor("c");
+        for (int i = 0; i < 6; ++i) {
+            post(a, [&order] { order += 'a'; });
+            post(b, [&, i] {
+                order += 'b';
+                loop->post([&, i] {
+                    order += 'c';
+                    loop->startTimer(now() + i * SECOND, [&order] { order += 't'; });
+                    loop->atTurnEnd([&order] { order += 'e'; });
+                });
+            });
+        }
+        EXPECT_TRUE(sim.runAll());
+    }
+    Scheduler::install(nullptr);
+    return order;
+}
+
+} // namespace
+
+TEST(SimulatedOrder, FollowsTheSeedAndNothingElse)
+{
+    std::set<std::string> orders;
+    for (std::uint64_t seed = 0; seed < 50; ++seed) {
+        const std::string order = orderOf(seed);
+        EXPECT_EQ(order, orderOf(seed));
+        EXPECT_EQ(order.size(), 30U);
+        orders.insert(order);
+    }
+    EXPECT_GT(orders.size(), 45U);
+}
+
+TEST_F(Simulated, RunsOneEventPerStepAndGivesEachLoopItsOwnError)
+{
+    ActiveObject a("a");
+    ActiveObject b("b");
+    post(a, [&] {
+        EXPECT_TRUE(a.isCurrentThread());
+        static_cast<void>(obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, "of a"));
+    });
+    EXPECT_TRUE(sim.step());
+    EXPECT_FALSE(sim.step());
+    EXPECT_FALSE(obr::ErrorStorage::isError());
+    EXPECT_TRUE(runAndWait(b, [&] {
+        EXPECT_FALSE(obr::ErrorStorage::isError());
+        EXPECT_TRUE(runAndWait(a, [&] {
+            EXPECT_EQ(obr::ErrorStorage::reason(), "of a");
+            EXPECT_FALSE(b.isCurrentThread());
+        }));
+        EXPECT_TRUE(b.isCurrentThread());
+        EXPECT_FALSE(obr::ErrorStorage::isError());
+    }));
+    EXPECT_FALSE(a.isCurrentThread());
+}
+
+TEST_F(Simulated, TheClockJumpsOnlyWhenNothingIsDue)
+{
+    const auto loop = sim.makeReactor("io");
+    const TimeNs start = now();
+    runOn(*loop, [&] {
+        loop->startTimer(start + 10 * SECOND, [&] { log.emplace_back("ten"); });
+        loop->startTimer(start + 2 * SECOND, [&] {
+            log.emplace_back("two");
+            loop->post([&] { log.emplace_back(now() == start + 2 * SECOND ? "posted at two" : "later"); });
+        });
+        const auto cancelled = loop->startTimer(start + SECOND, [] { FAIL(); });
+        loop->cancelTimer(cancelled);
+        loop->cancelTimer(cancelled);
+    });
+    sim.runReady();
+    EXPECT_THAT(log, ElementsAre());
+    sim.runFor(3 * SECOND);
+    EXPECT_EQ(now(), start + 3 * SECOND);
+    EXPECT_THAT(log, ElementsAre("two", "posted at two"));
+
+    // A wait takes the clock to the next timer, but not beyond its own deadline.
+    std::mutex mutex;
+    Condition never;
+    std::unique_lock lock(mutex);
+    EXPECT_FALSE(waitFor(
+        never, lock, [] { return false; }, start + 5 * SECOND));
+    EXPECT_EQ(now(), start + 5 * SECOND);
+    EXPECT_TRUE(waitFor(never, lock, [&] { return log.size() == 3; }));
+    EXPECT_EQ(now(), start + 10 * SECOND);
+    EXPECT_TRUE(sim.runAll());
+    runOn(*loop, [&] { loop->startTimer(0, [&] { loop->startTimer(0, [] {}); }); });
+    EXPECT_FALSE(sim.runAll(1)) << "still busy";
+}
+
+TEST_F(Simulated, ADeadlockIsReportedAndTheWaitEnds)
+{
+    AssertionRecorder assertions;
+    ActiveObject waiter("Runtime.m_executor");
+    ActiveObject other("Runtime.m_updater");
+    std::optional<bool> answer;
+    bool hasRunLate = false;
+    post(waiter, [&] {
+        answer = runAndWait(other, [&] { // which waits for the first in turn
+            EXPECT_FALSE(runAndWait(waiter, [&hasRunLate] { hasRunLate = true; }));
+        });
+    });
+    sim.runReady();
+    EXPECT_EQ(answer, std::optional<bool>(true));
+    EXPECT_FALSE(hasRunLate) << "its variables are gone";
+    const auto messages = assertions.take();
+    ASSERT_EQ(messages.size(), 1U);
+    EXPECT_THAT(messages[0], HasSubstr("deadlock"));
+    EXPECT_THAT(messages[0], HasSubstr("'Runtime.m_executor'"));
+    EXPECT_THAT(messages[0], HasSubstr("'Runtime.m_updater'"));
+
+    post(waiter, [&] { waiter.stop(); });
+    sim.runReady();
+    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot be stopped")));
+}
+
+TEST_F(Simulated, APausedGroupKeepsItsWorkAndAKilledOneLosesIt)
+{
+    sim.setGroup(1);
+    auto first = std::make_unique<ActiveObject>("first");
+    const auto io = sim.makeReactor("first.io");
+    sim.setGroup(2);
+    ActiveObject second("second");
+    runOn(*io, [&] { io->startTimer(now() + SECOND, [&] { log.emplace_back("timer"); }); });
+    post(*first, [&] { log.emplace_back("first"); });
+    sim.pauseGroup(1);
+    sim.runFor(2 * SECOND);
+    EXPECT_TRUE(log.empty());
+    sim.continueGroup(1);
+    sim.runReady();
+    EXPECT_THAT(log, testing::UnorderedElementsAre("first", "timer"));
+
+    log.clear();
+    const auto drop = [&] {
+        log.emplace_back("dropped");
+        post(second, [&] { log.emplace_back("told"); }); // destructors of what is dropped may go on with other loops
+    };
+    post(
+        *first, [] { FAIL(); }, drop);
+    sim.killGroup(1);
+    EXPECT_THAT(log, ElementsAre("dropped"));
+    post(
+        *first, [] { FAIL(); }, [&] { log.emplace_back("dropped at once"); });
+    io->post([] { FAIL(); });
+    EXPECT_FALSE(runAndWait(*first, [] { FAIL(); }));
+    io->cancelTimer(1);
+    first->stop();
+    first.reset();
+    sim.runReady();
+    EXPECT_THAT(log, ElementsAre("dropped", "dropped at once", "told"));
+}
+
+TEST_F(Simulated, StoppingRunsWhatWasQueuedBefore)
+{
+    ActiveObject object("a");
+    ActiveObject other("b");
+    for (int i = 0; i < 3; ++i) {
+        post(object, [&, i] {
+            log.emplace_back(std::to_string(i));
+            runAndWait(other, [&] { log.emplace_back("b"); });
+            post(object, [] { FAIL() << "came after the stop"; });
+        });
+    }
+    object.stop();
+    EXPECT_THAT(log, ElementsAre("0", "b", "1", "b", "2", "b"));
+
+    const auto loop = sim.makeReactor("io");
+    loop->post([&, loop = loop.get()] {
+        loop->startTimer(now() + SECOND, [] { FAIL(); });
+        loop->atTurnEnd([&] { log.emplace_back("end"); });
+    });
+    loop->stop();
+    EXPECT_EQ(log.back(), "end");
+    AssertionRecorder assertions;
+    loop->startTimer(0, [] { FAIL(); });
+    EXPECT_EQ(loop->watch(0, Reactor::eREADABLE, [](unsigned) {}), 0U);
+    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot watch descriptors")));
+    EXPECT_TRUE(sim.runAll());
+}
+
+TEST_F(Simulated, TheSchedulerIsNotReplacedUnderALoop)
+{
+    AssertionRecorder assertions;
+    ActiveObject object("a");
+    Scheduler::install(&sim);
+    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("the scheduler is replaced while a loop")));
+    object.stop();
+    Scheduler::install(&sim);
+    EXPECT_THAT(assertions.take(), ElementsAre());
+}

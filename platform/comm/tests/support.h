@@ -1,0 +1,106 @@
+#ifndef COMM_TESTS_SUPPORT_H
+#define COMM_TESTS_SUPPORT_H
+
+#include <comm/ActiveObject.h>
+#include <comm/Condition.h>
+#include <comm/Reactor.h>
+#include <obr/GlobalErrorHandler.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace comm::test {
+
+/// Runs a function; tells at its end.
+class FunctionEvent final : public ActiveObjectEvent {
+public:
+    explicit FunctionEvent(std::function<void()> work, std::function<void()> atEnd = nullptr)
+        : m_work(std::move(work)), m_atEnd(std::move(atEnd))
+    {}
+    ~FunctionEvent() override
+    {
+        if (m_atEnd) {
+            m_atEnd();
+        }
+    }
+    int execute() override
+    {
+        m_work();
+        return 0;
+    }
+    bool isType(const EventType& type) const override { return type == TYPE; }
+
+private:
+    static inline const EventType TYPE{};
+    std::function<void()> m_work;
+    std::function<void()> m_atEnd;
+};
+
+inline void post(ActiveObject& object, std::function<void()> work, std::function<void()> atEnd = nullptr)
+{
+    object.enque(std::make_shared<FunctionEvent>(std::move(work), std::move(atEnd)));
+}
+
+/// Lets a test wait for what another thread does.
+class Signal {
+public:
+    void raise(int by = 1)
+    {
+        {
+            const std::lock_guard lock(m_mutex);
+            m_count += by;
+        }
+        m_changed.notifyAll();
+    }
+    void await(int count = 1)
+    {
+        std::unique_lock lock(m_mutex);
+        waitFor(m_changed, lock, [this, count] { return m_count >= count; });
+    }
+
+private:
+    std::mutex m_mutex;
+    Condition m_changed;
+    int m_count = 0;
+};
+
+/// Runs `work` on the loop and waits until it is done.
+inline void runOn(Reactor& loop, std::function<void()> work)
+{
+    const auto done = std::make_shared<Signal>();
+    loop.post([work = std::move(work), done] {
+        work();
+        done->raise();
+    });
+    done->await();
+}
+
+/// Keeps failed assertions instead of ending the process.
+class AssertionRecorder {
+public:
+    AssertionRecorder()
+        : m_before(obr::GlobalErrorHandler::setHandler([this](const obr::GlobalErrorHandler::Report& report) {
+              const std::lock_guard lock(m_mutex);
+              m_messages.emplace_back(report.message);
+          }))
+    {}
+    ~AssertionRecorder() { obr::GlobalErrorHandler::setHandler(m_before); }
+    std::vector<std::string> take()
+    {
+        const std::lock_guard lock(m_mutex);
+        return std::exchange(m_messages, {});
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_messages;
+    obr::GlobalErrorHandler::Handler m_before;
+};
+
+} // namespace comm::test
+
+#endif
