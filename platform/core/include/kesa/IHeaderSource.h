@@ -3,13 +3,22 @@
 
 #include <kesa/GenericObject.h>
 
+#include <mutex>
+
 namespace kesa {
 
-/// Headers as they arrived, decoded when somebody asks. Immutable; any thread.
+/// Headers as they arrived, decoded when somebody asks, once for all copies of a request or response. Any thread.
 class KESA_API IHeaderSource {
 public:
     virtual ~IHeaderSource();
     virtual GenericObject decode() const = 0;
+
+    /// What `decode` answered at the first question.
+    const GenericObject& headers() const;
+
+private:
+    mutable std::once_flag m_once;
+    mutable GenericObject m_headers;
 };
 
 } // namespace kesa

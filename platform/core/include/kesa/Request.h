@@ -27,6 +27,7 @@ public:
     const Payload& getPayload() const noexcept { return m_payload; }
     /// The headers; empty when there are none.
     const GenericObject& getHeaders() const;
+    /// Replaces a header of that name. Copies made before keep theirs.
     void setHeader(std::string_view name, util::config::Value value);
 
     /// Names the format in which answers are wanted, the header "$accept".
@@ -35,12 +36,11 @@ public:
     const util::config::Value& getMimeTypeHeader() const;
 
 private:
-    struct Decoded;
     std::string m_command;
     std::string m_path;
     Payload m_payload;
-    std::shared_ptr<GenericObject> m_headers;
-    std::shared_ptr<Decoded> m_arrived;
+    GenericObject m_headers;
+    std::shared_ptr<const IHeaderSource> m_arrived; // the headers, while nobody has changed them
 };
 
 } // namespace kesa

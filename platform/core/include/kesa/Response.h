@@ -33,14 +33,14 @@ public:
     std::string getErrorMessage() const;
     /// The headers; empty when there are none.
     const GenericObject& getHeaders() const;
+    /// Replaces a header of that name. Copies made before keep theirs.
     void setHeader(std::string_view name, util::config::Value value);
 
 private:
-    struct Decoded;
     unsigned short m_status = 200;
     Payload m_payload;
-    std::shared_ptr<GenericObject> m_headers;
-    std::shared_ptr<Decoded> m_arrived;
+    GenericObject m_headers;
+    std::shared_ptr<const IHeaderSource> m_arrived; // the headers, while nobody has changed them
 };
 
 } // namespace kesa

@@ -5,6 +5,8 @@
 #include <kesa/RequestInfo.h>
 #include <kesa/Response.h>
 
+#include <functional>
+#include <string>
 #include <string_view>
 
 namespace kesa::headers {
@@ -21,9 +23,14 @@ inline constexpr std::string_view RESPONSE_SEMANTIC = "$response-semantic";
 inline constexpr std::string_view TRACE_ID = "$trace-id";
 
 KESA_API void appendTracingInfo(Request& request, std::string_view servicePath, std::string_view clientId);
-/// Adds the process's token for the service, where it has one.
+/// Adds the process's token for the service of "$service-path", where it has one.
 KESA_API void appendAuthInfo(Request& request);
 KESA_API void appendResponseSemantic(Request& request, std::string_view semantic);
+
+/// Answers the token for a service path; empty when there is none.
+using AuthTokenProvider = std::function<std::string(std::string_view servicePath)>;
+/// Installs where `appendAuthInfo` has its tokens from; empty: no tokens, as at start. Any thread.
+KESA_API void setAuthTokenProvider(AuthTokenProvider provider);
 
 /// Repeats command, path and service path of the request in the answer.
 KESA_API void appendRequestInfo(Response& response, const RequestInfo& info);

@@ -1,0 +1,52 @@
+#include <kesa/headers.h>
+
+#include "src/Replaceable.h"
+
+namespace kesa::headers {
+
+namespace {
+
+Replaceable<std::string(std::string_view)>& authTokenProvider()
+{
+    static auto& provider = *new Replaceable<std::string(std::string_view)>;
+    return provider;
+}
+
+} // namespace
+
+void setAuthTokenProvider(AuthTokenProvider provider)
+{
+    authTokenProvider().set(std::move(provider));
+}
+
+void appendTracingInfo(Request& request, std::string_view servicePath, std::string_view clientId)
+{
+    request.setHeader(SERVICE_PATH, servicePath);
+    request.setHeader(TRACE_ID, clientId);
+}
+
+void appendAuthInfo(Request& request)
+{
+    const auto provider = authTokenProvider().get();
+    if (!provider) {
+        return;
+    }
+    std::string token = (*provider)(request.getHeaders()[SERVICE_PATH].stringView());
+    if (!token.empty()) {
+        request.setHeader(AUTH_TOKEN, std::move(token));
+    }
+}
+
+void appendResponseSemantic(Request& request, std::string_view semantic)
+{
+    request.setHeader(RESPONSE_SEMANTIC, semantic);
+}
+
+void appendRequestInfo(Response& response, const RequestInfo& info)
+{
+    response.setHeader(REQUEST_COMMAND, info.getCommand());
+    response.setHeader(SERVICE_PATH, info.getServicePath());
+    response.setHeader(REQUEST_PATH, info.getPath());
+}
+
+} // namespace kesa::headers

@@ -1,0 +1,72 @@
+#include <kesa/ScopedDisposable.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using kesa::Disposable;
+using kesa::ScopedDisposable;
+
+TEST(Disposable, CopiesShareOneRun)
+{
+    int runs = 0;
+    Disposable first([&runs] { ++runs; });
+    Disposable second = first;
+    second.dispose();
+    first.dispose();
+    first.dispose();
+    EXPECT_EQ(runs, 1);
+    Disposable().dispose();
+    {
+        const Disposable dropped([&runs] { ++runs; });
+    }
+    EXPECT_EQ(runs, 1) << "destruction does not dispose";
+}
+
+TEST(Disposable, LetsGoOfItsActionAfterIt)
+{
+    const auto captured = std::make_shared<int>(0);
+    // The action ends every owner of the Disposable, and disposes again.
+    auto owner = std::make_unique<Disposable>();
+    *owner = Disposable([captured, &owner, copy = std::make_shared<Disposable>()]() mutable {
+        *copy = *owner;
+        owner.reset();
+        copy->dispose();
+        EXPECT_EQ(++*captured, 1);
+    });
+    owner->dispose();
+    EXPECT_EQ(*captured, 1);
+    EXPECT_EQ(captured.use_count(), 1);
+}
+
+TEST(Disposable, RunsOnceBetweenThreads)
+{
+    for (int round = 0; round < 50; ++round) {
+        std::atomic<int> runs{0};
+        Disposable shared([&runs] { ++runs; });
+        std::thread other([copy = shared]() mutable { copy.dispose(); });
+        shared.dispose();
+        other.join();
+        EXPECT_EQ(runs, 1);
+    }
+}
+
+TEST(ScopedDisposable, DisposesAtItsEnd)
+{
+    int runs = 0;
+    {
+        ScopedDisposable scoped(Disposable([&runs] { ++runs; }));
+        ScopedDisposable moved = std::move(scoped);
+        scoped.dispose();
+        EXPECT_EQ(runs, 0);
+        ScopedDisposable released(Disposable([&runs] { runs += 10; }));
+        Disposable mine = released.release();
+        moved = ScopedDisposable();
+        EXPECT_EQ(runs, 1);
+        mine.dispose();
+    }
+    EXPECT_EQ(runs, 11);
+}
+
+} // namespace

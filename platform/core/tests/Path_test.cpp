@@ -1,0 +1,67 @@
+#include <kesa/Path.h>
+
+namespace {
+
+using kesa::Path;
+
+TEST(Path, CanonicalIsWhatAServiceMayBeCalled)
+{
+    for (const char* path : {"/", "/a", "/media/player", "/a/.../b", "/\xC3\xBC", "/a b", "/.hidden"}) {
+        EXPECT_TRUE(Path::isCanonical(path)) << path;
+    }
+    for (const char* path : {"", "a", "a/b", "//", "/a/", "/a//b", "/.", "/..", "/a/./b", "/a/../b", "/a\n", "/\x7F",
+                             "/\xC2\x85", "/\xC3", "/\xC0\xAF", "/\xED\xA0\x80", "/\xF5\x80\x80\x80"}) {
+        EXPECT_FALSE(Path::isCanonical(path)) << path;
+    }
+    EXPECT_TRUE(Path::isCanonical('/' + std::string(4095, 'a')));
+    EXPECT_FALSE(Path::isCanonical('/' + std::string(4096, 'a')));
+}
+
+TEST(Path, JoinsWithOneSeparator)
+{
+    EXPECT_EQ(Path::join("/registry", ""), "/registry");
+    EXPECT_EQ(Path::join("/registry", "a"), "/registry/a");
+    EXPECT_EQ(Path::join("/registry", "/a"), "/registry/a");
+    EXPECT_EQ(Path::join("/registry//", "//a/b"), "/registry/a/b");
+    EXPECT_EQ(Path::join("/", "a"), "/a");
+    EXPECT_EQ(Path::join("", "a"), "/a");
+    EXPECT_EQ(Path::join("", ""), "");
+}
+
+TEST(Path, MatchesBySegments)
+{
+    for (const char* path : {"/", "/a", "/a/b"}) {
+        EXPECT_TRUE(Path::matches(path, "**")) << path;
+    }
+    for (const char* path : {"", "a", "/a/", "//", "/a//b"}) {
+        EXPECT_FALSE(Path::matches(path, "**")) << path;
+    }
+    EXPECT_TRUE(Path::matches("/", "/"));
+    EXPECT_FALSE(Path::matches("/a", "/"));
+    EXPECT_TRUE(Path::matches("/a/b", "/a/b"));
+    EXPECT_FALSE(Path::matches("/a/b", "/a"));
+    EXPECT_FALSE(Path::matches("/a", "/a/b"));
+    EXPECT_TRUE(Path::matches("/a", "/a/**"));
+    EXPECT_TRUE(Path::matches("/a/x/b/y/b", "/a/**/b"));
+    EXPECT_FALSE(Path::matches("/a/x/b/y", "/a/**/b"));
+    EXPECT_FALSE(Path::matches("/ab", "/a**")) << "only a whole segment is a wildcard";
+}
+
+TEST(Path, AddressesAServiceThroughAPattern)
+{
+    EXPECT_EQ(Path::replacePattern("**", Path("/media/player")), "/media/player");
+    EXPECT_EQ(Path::replacePattern("/x/**/y", Path("/a/b")), "/x/a/b/y");
+    EXPECT_EQ(Path::replacePattern("/x", Path("/a")), "/x");
+    EXPECT_EQ(Path::indexIntoPathFromPattern("**", "**"), 0u);
+    EXPECT_EQ(Path::indexIntoPathFromPattern("/a/b/**", "**"), 2u);
+    EXPECT_EQ(Path::indexIntoPathFromPattern("/a/b", "**"), std::nullopt);
+    EXPECT_EQ(Path::subpath("/a/b/c", 0), "a/b/c");
+    EXPECT_EQ(Path::subpath("/a/b/c", 2), "c");
+    EXPECT_EQ(Path::subpath("/a/b/c", 3), "");
+    EXPECT_EQ(Path::subpath("/", 0), "");
+    EXPECT_EQ(Path::makeAbsolute("a/b"), "/a/b");
+    EXPECT_EQ(Path::makeAbsolute("/a"), "/a");
+    EXPECT_EQ(Path::makeAbsolute(""), "/");
+}
+
+} // namespace

@@ -1,0 +1,167 @@
+// Requests, responses and payloads: copies never see each other's changes, and arrived headers are decoded once.
+#include <kesa/Payload.h>
+#include <kesa/Request.h>
+#include <kesa/RequestContext.h>
+#include <kesa/ResourceUpdateTypeSerializer.h>
+#include <kesa/Response.h>
+#include <kesa/commands.h>
+#include <kesa/errors.h>
+#include <kesa/headers.h>
+#include <kesa/mimetypes.h>
+#include <kesa/servicecomp.h>
+#include <kesa/toGeneric.h>
+#include <kesa/tracing.h>
+#include <obr/ErrorOutput.h>
+#include <obr/ErrorStorage.h>
+
+#include <atomic>
+#include <thread>
+
+namespace {
+
+using namespace kesa;
+
+class CountingSource : public IHeaderSource {
+public:
+    GenericObject decode() const override
+    {
+        ++decoded;
+        return GenericObject{{"$accept", "application/json"}, {"x", 1}};
+    }
+    mutable std::atomic<int> decoded{0};
+};
+
+TEST(Payload, KeepsBytesAndFormat)
+{
+    util::ByteBufferWriter writer(1024);
+    writer.append("{}");
+    const unsigned char* const bytes = writer.data();
+    const Payload payload = Payload::createFromWriter(std::move(writer), "application/json");
+    EXPECT_EQ(payload.data(), bytes) << "the bytes are taken, not copied";
+    EXPECT_EQ(payload.text(), "{}");
+    EXPECT_EQ(Payload::createStringFrom(payload), "{}");
+
+    Payload copy;
+    {
+        const Payload unknown = Payload::createFromString("short", std::string("x/unknown"));
+        copy = unknown;
+    }
+    EXPECT_EQ(copy.text(), "short");
+    EXPECT_EQ(copy.getMimeType(), "x/unknown");
+    EXPECT_TRUE(Payload::getEmpty().isEmpty());
+    EXPECT_EQ(Payload::getEmpty().getMimeType(), "");
+}
+
+TEST(Request, DecodesArrivedHeadersOnceForAllCopies)
+{
+    const auto source = std::make_shared<CountingSource>();
+    const Request request("retrieve", "/a", Payload(), std::shared_ptr<const IHeaderSource>(source));
+    EXPECT_EQ(source->decoded, 0);
+    std::vector<std::thread> readers;
+    for (int i = 0; i < 4; ++i) {
+        readers.emplace_back(
+            [copy = request] { EXPECT_EQ(copy.getMimeTypeHeader().stringView(), "application/json"); });
+    }
+    for (std::thread& reader : readers) {
+        reader.join();
+    }
+    EXPECT_EQ(source->decoded, 1);
+
+    Request changed = request;
+    changed.setMimeType("application/vnd.qelbin");
+    EXPECT_EQ(changed.getMimeTypeHeader().stringView(), "application/vnd.qelbin");
+    EXPECT_EQ(changed.getHeaders()["x"], 1) << "the others stay";
+    EXPECT_EQ(request.getMimeTypeHeader().stringView(), "application/json");
+    EXPECT_EQ(source->decoded, 1);
+}
+
+TEST(Request, OwnHeadersAreNotShared)
+{
+    const auto headers = std::make_shared<GenericObject>();
+    Request request("insert", "/a", Payload(), headers);
+    headers->set("late", true);
+    EXPECT_TRUE(request.getHeaders().empty());
+    const Request before = request;
+    headers::appendTracingInfo(request, "/registry", kesa::tracing::getTraceClientId());
+    headers::appendAuthInfo(request);
+    headers::appendResponseSemantic(request, "persistent-stream");
+    EXPECT_TRUE(before.getHeaders().empty());
+    EXPECT_EQ(request.getHeaders()["$service-path"].stringView(), "/registry");
+    EXPECT_EQ(request.getHeaders()["$response-semantic"].stringView(), "persistent-stream");
+    EXPECT_FALSE(request.getHeaders().contains("$auth-token"));
+
+    headers::setAuthTokenProvider([](std::string_view path) { return "token for " + std::string(path); });
+    headers::appendAuthInfo(request);
+    headers::setAuthTokenProvider(nullptr);
+    EXPECT_EQ(request.getHeaders()["$auth-token"].stringView(), "token for /registry");
+
+    Response response(200, Payload());
+    headers::appendRequestInfo(response, RequestInfo(request));
+    EXPECT_EQ(response.getHeaders(),
+              (GenericObject{{"$request-command", "insert"}, {"$request-path", "/a"}, {"$service-path", "/registry"}}));
+}
+
+TEST(Response, HasAnErrorText)
+{
+    const Response taken = Response::createErrorResponse(409, "service already registered");
+    EXPECT_EQ(taken.getStatus(), 409);
+    EXPECT_EQ(taken.getErrorMessage(), "service already registered");
+    EXPECT_EQ(Response::getErrorMessageWithCode(taken), "409: service already registered");
+    EXPECT_EQ(Response::getErrorMessageWithCode(Response::createErrorResponse(404)), "404");
+    const Response binary(500, Payload::createFromString("\x01", mimetypes::QELBIN));
+    EXPECT_EQ(Response::getErrorMessageWithCode(binary), "500");
+}
+
+TEST(Tables, KnowTheirNames)
+{
+    EXPECT_EQ(commands::toId("retrieve"), 0);
+    EXPECT_EQ(commands::toId("insert"), 3);
+    EXPECT_EQ(commands::toId("Retrieve"), -1);
+    EXPECT_EQ(mimetypes::typename2id("application/vnd.qelbin"), mimetypes::MimeTypeID::eQELBIN);
+    EXPECT_EQ(mimetypes::typename2id(""), mimetypes::MimeTypeID::eUNKNOWN);
+    EXPECT_EQ(mimetypes::typename2id("text/plain"), mimetypes::MimeTypeID::eUNKNOWN);
+    EXPECT_EQ(mimetypes::id2typename(mimetypes::MimeTypeID::eTEXT), "plain/text");
+    EXPECT_EQ(ResourceUpdateTypeSerializer::enumToValue(ResourceUpdateType::eREMOVED), "REMOVED");
+    EXPECT_EQ(ResourceUpdateTypeSerializer::enumToValue(ResourceUpdateType{3}), std::nullopt);
+    EXPECT_EQ(toGeneric({"a", "b"}).toText(), R"(["a","b"])");
+}
+
+TEST(Errors, FreeTextsStandAlone)
+{
+    const auto reason = [](int number, auto... arguments) {
+        obr::ErrorStorage::ack();
+        EXPECT_TRUE(obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, number, arguments...));
+        return obr::ErrorStorage::reason();
+    };
+    for (const int number : {7, 12, 18}) {
+        EXPECT_EQ(reason(number, "the text"), "the text");
+    }
+    EXPECT_THAT(reason(16, "x/y"), testing::HasSubstr("'x/y'"));
+    EXPECT_THAT(reason(14, "delete", "/a"), testing::AllOf(testing::HasSubstr("delete"), testing::HasSubstr("/a")));
+    EXPECT_THAT(reason(99, "a", "b"), testing::HasSubstr("99"));
+    obr::ErrorStorage::ack();
+}
+
+TEST(Process, ChoosesFormatsAndKnowsWhoAsks)
+{
+    const Request request("retrieve", "/a");
+    EXPECT_EQ(servicecomp::mimeTypeFor(request), "application/json");
+    servicecomp::overrideMimeTypeFunc([](const Request& asked) { return "for " + asked.getPath(); });
+    EXPECT_EQ(servicecomp::mimeTypeFor(request), "for /a");
+    servicecomp::overrideMimeTypeFunc(nullptr);
+
+    EXPECT_EQ(RequestContext::current(), nullptr);
+    RequestContext outer, inner;
+    {
+        const RequestContext::Scope first(&outer);
+        {
+            const RequestContext::Scope second(&inner);
+            EXPECT_EQ(RequestContext::current(), &inner);
+        }
+        EXPECT_EQ(RequestContext::current(), &outer);
+    }
+    EXPECT_EQ(RequestContext::current(), nullptr);
+    EXPECT_EQ(kesa::tracing::getTraceClientId(), kesa::tracing::getTraceClientId());
+}
+
+} // namespace
