@@ -51,4 +51,14 @@ char32_t takeCharacter(std::string_view& text) noexcept
     return character;
 }
 
+bool isValid(std::string_view text) noexcept
+{
+    while (!text.empty()) {
+        if (takeCharacter(text) == INVALID) {
+            return false;
+        }
+    }
+    return true;
+}
+
 } // namespace kesa::utf8

@@ -11,6 +11,8 @@ inline constexpr char32_t INVALID = 0xFFFFFFFF;
 /// Takes the first character off `text`, which is not empty; one byte of it when that is not well-formed UTF-8.
 char32_t takeCharacter(std::string_view& text) noexcept;
 
+bool isValid(std::string_view text) noexcept;
+
 } // namespace kesa::utf8
 
 #endif

@@ -9,16 +9,28 @@
 
 namespace kesa {
 
-/// A compiled glob over paths. Within a segment: `*` any characters, `?` one character, `[a-z]` and `[!a-z]` one of
-/// a set, `\` takes the next character as it is. `**` as a whole segment: any number of segments, also none. `{a,b}`
-/// alternatives, which may nest and span segments. A leading '/' is optional, a trailing one ignored; `/a/**`
-/// matches `/a` too; `**` and the empty pattern match everything.
+/// A compiled glob over paths. The grammar, on UTF-8 characters:
 ///
-/// Matching takes time proportional to pattern times path at most. Copies share the compiled form. Any thread.
+///     glob        = "" | sequence          "" and "**" match everything
+///     sequence    = { item | "/" }         a leading and a trailing "/" are ignored, "//" is the same as "/"
+///     item        = "**"                   a whole segment: any number of segments, also none; "/a/**" matches "/a"
+///     too
+///                 | "*"                    any characters of a segment, also none
+///                 | "?"                    one character of a segment
+///                 | "[" ["!"] ranges "]"   one character of a segment that is (with "!": is not) in one of the ranges
+///                 | "{" sequence { "," sequence } "}"
+///                 | character              itself; "\" takes the character after it as it is
+///     ranges      = character ["-" character] ...    "]" as the first and "-" as first or last stand for themselves
+///
+/// Alternatives nest up to 32 deep, may span segments and may be empty: "/a{,/b/**}" is "/a" or what is below "/a/b".
+/// "}", "," and "]" outside of what they end stand for themselves. "/" matches the path "/" only.
+///
+/// A glob holds at most 4096 bytes, and at most 1024 characters when it is more than a path or a path with "/**".
+/// Matching takes time proportional to glob times path at most. Copies share the compiled form. Any thread.
 class KESA_API PathPatterns {
 public:
-    /// Absent when `glob` is malformed or larger than its limits; the reason, with the position, is in
-    /// `obr::ErrorStorage`.
+    /// Absent when `glob` is malformed or larger than its limits; the reason, with the position (of the character, from
+    /// 1 on), is in `obr::ErrorStorage`.
     static std::optional<PathPatterns> createFromGlob(const std::string& glob);
 
     bool match(const std::string& path) const;
