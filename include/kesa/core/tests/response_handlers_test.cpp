@@ -1,0 +1,150 @@
+// Each adapter records what it passes on; the termination rule is the same for all four.
+#include <kesa/core/response_handlers.h>
+#include <obr/ErrorStorage.h>
+
+namespace {
+
+using namespace kesa::responsehandlers;
+using kesa::IResponseHandler;
+using kesa::Response;
+using Log = std::vector<std::string>;
+using testing::ElementsAre;
+
+/// Writes every call with its name into a log, and its own end.
+class Recorder : public IResponseHandler<int> {
+public:
+    Recorder(Log& log, std::string name, bool refuses = false) : m_log(log), m_name(std::move(name)), m_refuses(refuses)
+    {}
+    ~Recorder() override { m_log.push_back("~" + m_name); }
+    bool onNext(const int& value) override
+    {
+        m_log.push_back(m_name + std::to_string(value));
+        return m_refuses;
+    }
+    void onError(const Response& error) override { m_log.push_back(m_name + Response::getErrorMessageWithCode(error)); }
+    void onCompleted() override { m_log.push_back(m_name + "done"); }
+
+private:
+    Log& m_log;
+    std::string m_name;
+    bool m_refuses;
+};
+
+std::unique_ptr<IResponseHandler<int>> record(Log& log, const std::string& name, bool refuses = false)
+{
+    return std::make_unique<Recorder>(log, name, refuses);
+}
+
+std::vector<std::unique_ptr<IResponseHandler<int>>> oneOfEach(Log& log)
+{
+    std::vector<std::unique_ptr<IResponseHandler<int>>> all;
+    all.push_back(std::make_unique<FuncResponseHandler<int>>(
+        [&log](const int& value) {
+            log.push_back("a" + std::to_string(value));
+            return false;
+        },
+        [&log](const Response& error) { log.push_back("a" + Response::getErrorMessageWithCode(error)); },
+        [&log] { log.push_back("adone"); }));
+    all.push_back(
+        std::make_unique<MappingResponseHandler<int, int>>(record(log, "a"), [](const int& value) { return value; }));
+    all.push_back(std::make_unique<FilteringResponseHandler<int>>(record(log, "a"), [](const int&) { return true; }));
+    all.push_back(std::make_unique<DoOnEachResponseHandler<int>>(
+        std::make_unique<FilteringResponseHandler<int>>(record(log, "x"), [](const int&) { return false; }),
+        record(log, "a")));
+    return all;
+}
+
+bool isOfMain(const std::string& entry)
+{
+    return entry[0] == 'a';
+}
+
+TEST(ResponseHandlers, PassNothingOnAfterTheEnd)
+{
+    Log log;
+    for (auto& handler : oneOfEach(log)) {
+        log.clear();
+        obr::ErrorStorage::ack();
+        EXPECT_FALSE(handler->onNext(1));
+        handler->onError(Response::createErrorResponse(503, "gone"));
+        handler->onError(Response::createErrorResponse(404));
+        handler->onCompleted();
+        EXPECT_FALSE(obr::ErrorStorage::isError());
+        EXPECT_TRUE(handler->onNext(2));
+        EXPECT_EQ(obr::ErrorStorage::reason(), "Request already terminated");
+        Log main;
+        std::copy_if(log.begin(), log.end(), std::back_inserter(main), isOfMain);
+        EXPECT_THAT(main, ElementsAre("a1", "a503: gone"));
+    }
+    for (auto& handler : oneOfEach(log)) {
+        log.clear();
+        handler->onCompleted();
+        handler->onCompleted();
+        handler->onError(Response::createErrorResponse(404));
+        EXPECT_EQ(std::count_if(log.begin(), log.end(), isOfMain), 1);
+        EXPECT_EQ(log.back(), "adone");
+    }
+    obr::ErrorStorage::ack();
+}
+
+TEST(ResponseHandlers, AreTerminatedBeforeTheyPassTheEndOn)
+{
+    IResponseHandler<int>* self = nullptr;
+    int ends = 0;
+    FuncResponseHandler<int> handler([](const int&) { return false; }, [](const Response&) {},
+                                     [&] {
+                                         ++ends;
+                                         self->onCompleted();
+                                         EXPECT_TRUE(self->onNext(1));
+                                     });
+    self = &handler;
+    handler.onCompleted();
+    EXPECT_EQ(ends, 1);
+    obr::ErrorStorage::ack();
+}
+
+TEST(MappingResponseHandler, DoesNotAcceptWhatItCannotConvert)
+{
+    Log log;
+    {
+        MappingResponseHandler<std::string, int> mapping(record(log, "a"), [](const std::string& text) {
+            return text.empty() ? std::nullopt : std::optional<int>(static_cast<int>(text.size()));
+        });
+        EXPECT_TRUE(mapping.onNext(""));
+        EXPECT_FALSE(mapping.onNext("abc"));
+        mapping.onCompleted();
+    }
+    EXPECT_THAT(log, ElementsAre("a3", "adone", "~a"));
+    log.clear();
+    MappingResponseHandler<int, int> refused(record(log, "a", true), [](const int& value) { return value; });
+    EXPECT_TRUE(refused.onNext(1)) << "the answer of the handler behind";
+}
+
+TEST(FilteringResponseHandler, AcceptsWhatItDrops)
+{
+    Log log;
+    FilteringResponseHandler<int> filter(record(log, "a", true), [](const int& value) { return value > 1; });
+    EXPECT_FALSE(filter.onNext(1));
+    EXPECT_TRUE(filter.onNext(2));
+    filter.onError(Response::createErrorResponse(404));
+    EXPECT_THAT(log, ElementsAre("a2", "a404"));
+}
+
+TEST(DoOnEachResponseHandler, ObserverComesFirstAndMayHideValues)
+{
+    Log log;
+    {
+        DoOnEachResponseHandler<int> both(record(log, "o"), record(log, "a"));
+        EXPECT_FALSE(both.onNext(1));
+        both.onCompleted();
+        EXPECT_THAT(log, ElementsAre("o1", "a1", "odone", "adone"));
+    }
+    log.clear();
+    {
+        DoOnEachResponseHandler<int> hidden(record(log, "o", true), record(log, "a"));
+        EXPECT_TRUE(hidden.onNext(1));
+    }
+    EXPECT_THAT(log, testing::UnorderedElementsAre("o1", "~o", "~a")) << "no end is made up";
+}
+
+} // namespace
