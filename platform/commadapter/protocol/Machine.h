@@ -26,7 +26,7 @@ struct Hello {
     std::string realm;
     obr::UUID instance; ///< differs for each start of a process
     std::vector<std::string> listeners;
-    std::uint32_t maxMessageBytes = 16U << 20U;
+    std::uint32_t maxMessageBytes = 16U << 20U; ///< of a peer; the own one is that of the own `Limits`
 };
 
 struct Limits {
@@ -100,7 +100,8 @@ public:
 
     // ---- output half ------------------------------------------------------------------------------------------
 
-    void attach(std::uint32_t target, std::string_view path);
+    /// What is refused is the path of no service: more than 4096 bytes, or not UTF-8.
+    Sent attach(std::uint32_t target, std::string_view path);
     void attached(std::uint32_t target);
     /// From the server: the path is gone. From the client: no more interest in it.
     void detached(std::uint32_t target);
@@ -120,7 +121,7 @@ public:
     /// Bytes queued and not yet sent.
     std::size_t queuedBytes() const noexcept;
     /// Bytes queued for one stream.
-    std::size_t queuedBytes(std::uint32_t stream) const noexcept;
+    std::size_t queuedBytes(std::uint32_t stream) const;
     /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
     /// next call of the output half.
     std::size_t gather(std::span<iovec> out);
@@ -142,8 +143,10 @@ public:
     comm::TimeNs lastSent() const noexcept;
 
 private:
+    struct Shared;
     class Input;
     class Output;
+    std::unique_ptr<Shared> m_shared;
     std::unique_ptr<Input> m_input;
     std::unique_ptr<Output> m_output;
 };

@@ -1,0 +1,164 @@
+#include "protocol/Cbor.h"
+
+#include <cstring>
+
+namespace kesa::commadapter::protocol::cbor {
+
+namespace {
+
+/// Length of the well-formed sequence at `at`, 0 when there is none (RFC 3629: no overlong forms, no surrogates).
+std::size_t sequenceLength(const unsigned char* at, std::size_t left) noexcept
+{
+    const unsigned first = at[0];
+    std::size_t length = 0;
+    unsigned lowest = 0x80;
+    unsigned highest = 0xBF;
+    if (first < 0x80) {
+        return 1;
+    }
+    if (first >= 0xC2 && first <= 0xDF) {
+        length = 2;
+    } else if (first >= 0xE0 && first <= 0xEF) {
+        length = 3;
+        lowest = first == 0xE0 ? 0xA0 : 0x80;
+        highest = first == 0xED ? 0x9F : 0xBF;
+    } else if (first >= 0xF0 && first <= 0xF4) {
+        length = 4;
+        lowest = first == 0xF0 ? 0x90 : 0x80;
+        highest = first == 0xF4 ? 0x8F : 0xBF;
+    }
+    if (length == 0 || length > left || at[1] < lowest || at[1] > highest) {
+        return 0;
+    }
+    for (std::size_t i = 2; i < length; ++i) {
+        if (at[i] < 0x80 || at[i] > 0xBF) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+} // namespace
+
+bool isUtf8(std::string_view text) noexcept
+{
+    const auto* at = reinterpret_cast<const unsigned char*>(text.data());
+    std::size_t left = text.size();
+    while (left > 0) {
+        std::uint64_t eight = 0;
+        if (left >= sizeof eight) {
+            std::memcpy(&eight, at, sizeof eight);
+            if ((eight & 0x8080808080808080U) == 0) {
+                at += sizeof eight;
+                left -= sizeof eight;
+                continue;
+            }
+        }
+        const std::size_t length = sequenceLength(at, left);
+        if (length == 0) {
+            return false;
+        }
+        at += length;
+        left -= length;
+    }
+    return true;
+}
+
+bool Reader::argument(unsigned info, Item& item) noexcept
+{
+    if (info < 24) {
+        item.argument = info;
+        return false;
+    }
+    if (info == 31) {
+        item.isIndefinite = true;
+        return item.major != Major::eARRAY && item.major != Major::eMAP && fail("indefinite length of a wrong item");
+    }
+    if (info > 27) {
+        return fail("reserved item");
+    }
+    const std::size_t bytes = std::size_t{1} << (info - 24);
+    if (static_cast<std::size_t>(m_end - m_at) < bytes) {
+        return fail("it ends inside a value");
+    }
+    for (std::size_t i = 0; i < bytes; ++i) {
+        item.argument = item.argument << 8U | *m_at++;
+    }
+    return false;
+}
+
+bool Reader::item(Item& item) noexcept
+{
+    do {
+        if (m_at == m_end) {
+            return fail("it ends inside a value");
+        }
+        const unsigned first = *m_at++;
+        item = Item();
+        item.major = static_cast<Major>(first >> 5U);
+        if (argument(first & 31U, item)) {
+            return true;
+        }
+        // false, true, null and the floats; nothing else has a value here.
+        if (item.major == Major::eSIMPLE && (first & 31U) < 25 && ((first & 31U) < 20 || (first & 31U) > 22)) {
+            return fail("unknown simple value");
+        }
+    } while (item.major == Major::eTAG);
+    if (item.major == Major::eNEGATIVE && item.argument > INT64_MAX) {
+        return fail("integer out of range");
+    }
+    return false;
+}
+
+bool Reader::string(const Item& item, std::string_view& content) noexcept
+{
+    if (item.argument > static_cast<std::size_t>(m_end - m_at)) {
+        return fail("it ends inside a value");
+    }
+    content = {reinterpret_cast<const char*>(m_at), static_cast<std::size_t>(item.argument)};
+    if (item.major == Major::eTEXT && !isUtf8(content)) {
+        return fail("text is not UTF-8");
+    }
+    m_at += content.size();
+    return false;
+}
+
+bool Reader::skip(unsigned depth) noexcept
+{
+    Item next;
+    return item(next) || skipContent(next, depth);
+}
+
+bool Reader::skipContent(const Item& item, unsigned depth) noexcept
+{
+    std::string_view content;
+    if (item.major == Major::eBYTES || item.major == Major::eTEXT) {
+        return string(item, content);
+    }
+    if (item.major != Major::eARRAY && item.major != Major::eMAP) {
+        return false;
+    }
+    if (depth >= MAX_DEPTH) {
+        return fail("nested too deeply");
+    }
+    for (std::uint64_t i = 0; item.isIndefinite ? !atBreak() : i < item.argument; ++i) {
+        if (item.major == Major::eMAP) {
+            Item key;
+            if (this->item(key)) {
+                return true;
+            }
+            if (key.major != Major::eTEXT) {
+                return fail("key of an inner map is not text");
+            }
+            if (string(key, content)) {
+                return true;
+            }
+        }
+        if (skip(depth + 1)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace kesa::commadapter::protocol::cbor

@@ -1,0 +1,93 @@
+#ifndef KESA_COMMADAPTER_PROTOCOL_FRAME_H
+#define KESA_COMMADAPTER_PROTOCOL_FRAME_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace kesa::commadapter::protocol {
+
+inline constexpr std::uint16_t LOWEST_VERSION = 1;
+inline constexpr std::uint16_t HIGHEST_VERSION = 1;
+
+inline constexpr std::size_t HEADER_BYTES = 16;
+inline constexpr std::size_t FRAME_BYTES = 64U << 10U;      ///< head and body in one frame; a larger message is cut
+inline constexpr std::size_t MAX_HEAD_BYTES = 60U << 10U;   ///< so that every head fits into its first fragment
+inline constexpr std::size_t MAX_PATH_BYTES = 4096;         ///< of an attached path
+inline constexpr std::size_t INLINE_BODY_BYTES = 4U << 10U; ///< bodies up to this are copied, larger ones are not
+inline constexpr std::size_t MAX_INTERLEAVED = 16;          ///< fragmented messages a sender has under way at once
+
+enum class Kind : std::uint8_t {
+    eHELLO = 1,
+    eATTACH,
+    eATTACHED,
+    eDETACHED,
+    eREQUEST,
+    eNEXT,
+    eERROR,
+    eCOMPLETED,
+    eCANCEL,
+    ePING,
+    ePONG,
+};
+
+inline constexpr std::uint8_t FLAG_MORE = 1;           ///< the message goes on in a later frame of its stream
+inline constexpr std::uint8_t FLAG_MAY_BE_IGNORED = 2; ///< whoever does not know the kind skips the frame
+
+/// The 16 bytes in front of each frame.
+struct FrameHeader {
+    std::uint32_t length = 0; ///< of what follows: head and body
+    std::uint8_t kind = 0;
+    std::uint8_t flags = 0;
+    std::uint16_t head = 0;
+    std::uint32_t stream = 0;
+    std::uint32_t target = 0; ///< number of the attached path; in answers the status
+
+    bool hasMore() const noexcept { return (flags & FLAG_MORE) != 0; }
+    std::size_t body() const noexcept { return length - head; }
+};
+
+namespace detail {
+
+inline void put(unsigned char* to, std::uint64_t value, unsigned bytes) noexcept
+{
+    for (unsigned i = 0; i < bytes; ++i) {
+        to[i] = static_cast<unsigned char>(value >> (8U * i));
+    }
+}
+
+inline std::uint32_t get(const unsigned char* from, unsigned bytes) noexcept
+{
+    std::uint32_t value = 0;
+    for (unsigned i = 0; i < bytes; ++i) {
+        value |= static_cast<std::uint32_t>(from[i]) << (8U * i);
+    }
+    return value;
+}
+
+} // namespace detail
+
+inline void writeHeader(unsigned char* to, const FrameHeader& header) noexcept
+{
+    detail::put(to, header.length, 4);
+    to[4] = header.kind;
+    to[5] = header.flags;
+    detail::put(to + 6, header.head, 2);
+    detail::put(to + 8, header.stream, 4);
+    detail::put(to + 12, header.target, 4);
+}
+
+inline FrameHeader readHeader(const unsigned char* from) noexcept
+{
+    FrameHeader header;
+    header.length = detail::get(from, 4);
+    header.kind = from[4];
+    header.flags = from[5];
+    header.head = static_cast<std::uint16_t>(detail::get(from + 6, 2));
+    header.stream = detail::get(from + 8, 4);
+    header.target = detail::get(from + 12, 4);
+    return header;
+}
+
+} // namespace kesa::commadapter::protocol
+
+#endif

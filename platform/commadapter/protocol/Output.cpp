@@ -1,0 +1,157 @@
+#include "protocol/Output.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kesa::commadapter::protocol {
+
+namespace {
+
+comm::TimeNs after(comm::TimeNs now, comm::TimeNs pause) noexcept
+{
+    return pause > comm::NEVER - now ? comm::NEVER : now + pause;
+}
+
+} // namespace
+
+Machine::Output::Output(const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
+    : m_limits(limits), m_shared(shared), m_lastSent(now), m_helloDeadline(after(now, limits.helloTimeout))
+{
+    Hello hello = own;
+    hello.maxMessageBytes = limits.maxMessageBytes;
+    HeadWriter head(m_queue.begin());
+    head.hello(hello);
+    head.close();
+    m_queue.push(Kind::eHELLO, 0, 0, Payload::getEmpty());
+}
+
+Machine::Sent Machine::Output::attach(std::uint32_t target, std::string_view path)
+{
+    if (path.empty() || path.size() > MAX_PATH_BYTES) {
+        return Sent::eTOO_LARGE;
+    }
+    HeadWriter head(m_queue.begin());
+    head.attach(path);
+    return finish(Kind::eATTACH, 0, target, head, Payload::getEmpty());
+}
+
+Machine::Sent Machine::Output::request(std::uint32_t stream, std::uint32_t target, const Request& request)
+{
+    HeadWriter head(m_queue.begin());
+    head.request(request);
+    return finish(Kind::eREQUEST, stream, target, head, request.getPayload());
+}
+
+Machine::Sent Machine::Output::answer(Kind kind, std::uint32_t stream, const Response& response)
+{
+    HeadWriter head(m_queue.begin());
+    head.response(response);
+    return finish(kind, stream, response.getStatus(), head, response.getPayload());
+}
+
+void Machine::Output::error(std::uint32_t stream, const Response& response)
+{
+    if (answer(Kind::eERROR, stream, response) != Sent::eQUEUED) {
+        m_queue.push(Kind::eERROR, stream, response.getStatus());
+    }
+}
+
+Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
+                                      const Payload& body)
+{
+    const std::size_t limit =
+        std::min(m_limits.maxMessageBytes, m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed));
+    if (body.size() <= limit && head.size() + 1 + body.size() > FRAME_BYTES) {
+        head.bodySize(body.size());
+    }
+    head.close();
+    if (head.isInvalid()) {
+        m_queue.abandon();
+        return Sent::eINVALID;
+    }
+    const std::size_t maxHead = std::min<std::size_t>(MAX_HEAD_BYTES, m_limits.maxHeadBytes);
+    if (head.size() > maxHead || body.size() > limit || head.size() + body.size() > limit) {
+        m_queue.abandon();
+        return Sent::eTOO_LARGE;
+    }
+    m_queue.push(kind, stream, target, body);
+    return Sent::eQUEUED;
+}
+
+Machine::Cancelled Machine::Output::cancel(std::uint32_t stream)
+{
+    if (m_queue.drop(stream, Kind::eREQUEST)) {
+        return Cancelled::eNEVER_SENT;
+    }
+    m_queue.push(Kind::eCANCEL, stream, 0);
+    return Cancelled::eASKED;
+}
+
+void Machine::Output::pong()
+{
+    if (!m_queue.hasPong()) { // one answers all pings before it
+        m_queue.push(Kind::ePONG, 0, 0);
+    }
+}
+
+void Machine::Output::sent(std::size_t size, comm::TimeNs now)
+{
+    if (size == 0) {
+        return;
+    }
+    m_lastSent = now;
+    m_queue.sent(size);
+    if (m_queue.hasPing() && m_probeDeadline != comm::NEVER) {
+        m_probeDeadline = after(now, m_limits.heartbeat); // the peer takes what stands before the ping
+    }
+}
+
+// ---- deadlines ------------------------------------------------------------------------------------------------
+
+bool Machine::Output::isProbing() const noexcept
+{
+    return m_probeDeadline != comm::NEVER &&
+           m_shared.receivedCount.load(std::memory_order_relaxed) == m_receivedAtProbe;
+}
+
+void Machine::Output::probe(comm::TimeNs now)
+{
+    if (isProbing()) {
+        return;
+    }
+    m_receivedAtProbe = m_shared.receivedCount.load(std::memory_order_relaxed);
+    m_probeDeadline = after(now, m_limits.heartbeat);
+    if (!m_queue.hasPing()) {
+        m_queue.push(Kind::ePING, 0, 0);
+    }
+}
+
+comm::TimeNs Machine::Output::nextDeadline() const noexcept
+{
+    const bool awaitsHello = !m_shared.hasHello.load(std::memory_order_relaxed);
+    return std::min(awaitsHello ? m_helloDeadline : comm::NEVER, isProbing() ? m_probeDeadline : comm::NEVER);
+}
+
+bool Machine::Output::expired(comm::TimeNs now, std::string& why) const
+{
+    if (!m_shared.hasHello.load(std::memory_order_relaxed) && now >= m_helloDeadline) {
+        why = fmt::format("no hello within {} ms", m_limits.helloTimeout / comm::MILLISECOND);
+        return true;
+    }
+    if (isProbing() && now >= m_probeDeadline) {
+        why = fmt::format("silent for {} ms after a ping", m_limits.heartbeat / comm::MILLISECOND);
+        return true;
+    }
+    return false;
+}
+
+void Machine::Output::restartDeadlines(comm::TimeNs now)
+{
+    m_helloDeadline = after(now, m_limits.helloTimeout);
+    if (m_probeDeadline != comm::NEVER) {
+        m_probeDeadline = after(now, m_limits.heartbeat);
+    }
+}
+
+} // namespace kesa::commadapter::protocol
