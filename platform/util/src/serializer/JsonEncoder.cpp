@@ -1,0 +1,55 @@
+#include "../text/json_text.h"
+#include "IEncoder.h"
+
+#include <charconv>
+
+namespace util::serializer {
+namespace {
+
+template <class T>
+void appendInteger(ByteBufferWriter& out, T value)
+{
+    char text[24];
+    const std::to_chars_result result = std::to_chars(text, text + sizeof text, value);
+    out.append(text, static_cast<std::size_t>(result.ptr - text));
+}
+
+/// Compact: no white space.
+class JsonEncoder final : public IEncoder {
+public:
+    void beginObject(ByteBufferWriter& out) override { out.append('{'); }
+    void memberName(ByteBufferWriter& out, std::string_view name, bool isFirst) override
+    {
+        beginElement(out, isFirst);
+        text::appendJsonString(out, name);
+        out.append(':');
+    }
+    void endObject(ByteBufferWriter& out, std::size_t, std::size_t) override { out.append('}'); }
+    void beginArray(ByteBufferWriter& out) override { out.append('['); }
+    void beginElement(ByteBufferWriter& out, bool isFirst) override
+    {
+        if (!isFirst) {
+            out.append(',');
+        }
+    }
+    void endArray(ByteBufferWriter& out, std::size_t, std::size_t) override { out.append(']'); }
+
+    void nullValue(ByteBufferWriter& out) override { out.append(std::string_view("null")); }
+    void boolValue(ByteBufferWriter& out, bool value) override
+    {
+        out.append(std::string_view(value ? "true" : "false"));
+    }
+    void intValue(ByteBufferWriter& out, std::int64_t value) override { appendInteger(out, value); }
+    void uintValue(ByteBufferWriter& out, std::uint64_t value) override { appendInteger(out, value); }
+    void doubleValue(ByteBufferWriter& out, double value) override { text::appendReal(out, value); }
+    void stringValue(ByteBufferWriter& out, std::string_view value) override { text::appendJsonString(out, value); }
+};
+
+} // namespace
+
+std::unique_ptr<IEncoder> makeJsonEncoder()
+{
+    return std::make_unique<JsonEncoder>();
+}
+
+} // namespace util::serializer

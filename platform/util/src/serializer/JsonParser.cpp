@@ -1,0 +1,169 @@
+// The one unit that knows RapidJSON. The document is copied and its strings are decoded in that copy, so that none of
+// them is allocated; positions in error texts are counted in the original.
+#include "IDocumentParser.h"
+
+#ifdef __SSE2__
+#define RAPIDJSON_SSE2
+#endif
+#define RAPIDJSON_NAMESPACE kesa_rapidjson
+#define RAPIDJSON_NAMESPACE_BEGIN namespace kesa_rapidjson {
+#define RAPIDJSON_NAMESPACE_END }
+#include <rapidjson/reader.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <limits>
+#include <vector>
+
+namespace util::serializer {
+namespace {
+
+namespace json = ::kesa_rapidjson;
+
+/// Vector instructions read up to 15 bytes behind the end.
+constexpr std::size_t PADDING = 16;
+
+/// The events of the reader. They answer whether to go on.
+class Handler {
+public:
+    explicit Handler(TokenList& tokens) noexcept : m_tokens(tokens) {}
+
+    bool Null() { return !m_tokens.addNull(); }
+    bool Bool(bool value) { return !m_tokens.addBool(value); }
+    bool Int(int value) { return !m_tokens.addInteger(value); }
+    bool Uint(unsigned value) { return !m_tokens.addInteger(value); }
+    bool Int64(std::int64_t value) { return !m_tokens.addInteger(value); }
+    bool Uint64(std::uint64_t value) { return !m_tokens.addUnsigned(value); }
+    bool Double(double value) { return !m_tokens.addReal(value); }
+    bool RawNumber(const char*, json::SizeType, bool) { return false; }
+    bool String(const char* text, json::SizeType size, bool) { return !m_tokens.addString({text, size}); }
+    bool Key(const char* text, json::SizeType size, bool) { return !m_tokens.addString({text, size}); }
+    bool StartObject() { return !m_tokens.beginObject(); }
+    bool EndObject(json::SizeType) { return !m_tokens.end(); }
+    bool StartArray() { return !m_tokens.beginArray(); }
+    bool EndArray(json::SizeType) { return !m_tokens.end(); }
+
+private:
+    TokenList& m_tokens;
+};
+
+/// The last character before `offset` that is no white space.
+char lastBefore(std::string_view document, std::size_t offset)
+{
+    const std::size_t place = document.substr(0, offset).find_last_not_of(" \t\r\n");
+    return place != std::string_view::npos ? document[place] : '\0';
+}
+
+std::string explainMisplaced(std::string_view document, std::size_t offset, const char* expected)
+{
+    const char c = document[offset];
+    if (lastBefore(document, offset) == ',' && (c == '}' || c == ']')) {
+        return fmt::format("a comma must not stand before '{}'", c);
+    }
+    if (c == '/' || c == '#') {
+        return "comments are not allowed";
+    }
+    if (c == '\'') {
+        return "strings and names stand in double quotes, not in single ones";
+    }
+    if (document.substr(offset).starts_with("\xef\xbb\xbf")) {
+        return "a byte order mark is not allowed; save the file without it";
+    }
+    if (c == '\0') {
+        return "a NUL byte is not allowed";
+    }
+    return expected;
+}
+
+std::string explain(json::ParseErrorCode code, std::string_view document, std::size_t offset, const TokenList& tokens)
+{
+    if (code == json::kParseErrorTermination) {
+        return tokens.problem();
+    }
+    if (code == json::kParseErrorDocumentEmpty && offset >= document.size()) {
+        return "the document is empty";
+    }
+    if (offset >= document.size()) {
+        return "the document ends too early; a quotation mark or bracket is not closed";
+    }
+    switch (code) {
+    case json::kParseErrorDocumentRootNotSingular:
+        return "unexpected text after the end of the document";
+    case json::kParseErrorObjectMissName:
+        return explainMisplaced(document, offset, "expected a name in double quotes");
+    case json::kParseErrorObjectMissColon:
+        return explainMisplaced(document, offset, "expected ':' after the name");
+    case json::kParseErrorObjectMissCommaOrCurlyBracket:
+        return explainMisplaced(document, offset, "expected ',' or '}'");
+    case json::kParseErrorArrayMissCommaOrSquareBracket:
+        return explainMisplaced(document, offset, "expected ',' or ']'");
+    case json::kParseErrorStringUnicodeEscapeInvalidHex:
+        return "'\\u' is not followed by four hexadecimal digits";
+    case json::kParseErrorStringUnicodeSurrogateInvalid:
+        return "'\\u' names half a character (surrogate)";
+    case json::kParseErrorStringEscapeInvalid:
+        return document[offset] == '\\' ? "unknown escape after '\\'"
+                                        : "a control character in a string is not escaped";
+    case json::kParseErrorStringMissQuotationMark:
+        return "a NUL byte in a string is not escaped";
+    case json::kParseErrorNumberTooBig:
+        return "the number is too large";
+    case json::kParseErrorNumberMissFraction:
+        return "expected a digit after the decimal point";
+    case json::kParseErrorNumberMissExponent:
+        return "expected a digit in the exponent";
+    default:
+        return explainMisplaced(document, offset, "expected a value");
+    }
+}
+
+/// "LINE:COLUMN: what", the column in characters.
+std::string locate(std::string_view document, std::size_t offset, std::string_view what)
+{
+    const std::string_view before = document.substr(0, offset);
+    const std::size_t lineStart = before.rfind('\n') + 1; // 0 when there is none
+    const auto isFirstByte = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; };
+    return fmt::format(
+        "{}:{}: {}", 1 + std::count(before.begin(), before.end(), '\n'),
+        1 + std::count_if(before.begin() + static_cast<std::ptrdiff_t>(lineStart), before.end(), isFirstByte), what);
+}
+
+class JsonParser final : public IDocumentParser {
+public:
+    bool parse(std::string_view document, TokenList& tokens, std::string& problem) override
+    {
+        if (document.size() >= std::numeric_limits<json::SizeType>::max()) {
+            problem = "the document is too large";
+            return true;
+        }
+        m_text.assign(document.begin(), document.end());
+        m_text.resize(document.size() + PADDING, '\0');
+        json::InsituStringStream stream(m_text.data());
+        Handler handler(tokens);
+        constexpr unsigned FLAGS = json::kParseInsituFlag | json::kParseIterativeFlag | json::kParseFullPrecisionFlag;
+        const json::ParseResult result = m_reader.Parse<FLAGS>(stream, handler);
+        if (result.IsError()) {
+            problem = locate(document, result.Offset(), explain(result.Code(), document, result.Offset(), tokens));
+            return true;
+        }
+        if (stream.Tell() != document.size()) { // it stops at the first NUL byte
+            problem = locate(document, stream.Tell(), "a NUL byte is not allowed");
+            return true;
+        }
+        return false;
+    }
+
+private:
+    json::Reader m_reader;
+    std::vector<char> m_text;
+};
+
+} // namespace
+
+std::unique_ptr<IDocumentParser> makeJsonParser()
+{
+    return std::make_unique<JsonParser>();
+}
+
+} // namespace util::serializer

@@ -1,0 +1,429 @@
+// What every format must hold: any value survives, the bytes are those of the format's definition, and no input,
+// however broken, does more than record a reason.
+#include "ValueWalk.h"
+
+#include <obr/ErrorStorage.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+
+namespace util::serializer::test {
+namespace {
+
+using Kind = IStructuredPullDeserializer::Kind;
+using namespace std::string_literals;
+using namespace std::string_view_literals;
+
+constexpr Format ALL_FORMATS[] = {Format::eJSON, Format::eMSGPACK, Format::eQELBIN};
+
+std::string bytesOf(Format format, const Value& value)
+{
+    ByteBufferWriter out(16);
+    EXPECT_FALSE(write(format, value, out));
+    return std::string(out.text());
+}
+
+/// The reason why `bytes` cannot be read; empty when they can.
+std::string reasonOf(Format format, std::string_view bytes)
+{
+    obr::ErrorStorage::ack();
+    Value value;
+    const bool failed = read(format, bytes, value);
+    EXPECT_EQ(failed, obr::ErrorStorage::isError());
+    const std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
+}
+
+class RandomValues {
+public:
+    explicit RandomValues(std::uint64_t seed) : m_engine(seed) {}
+
+    Value make(int depth)
+    {
+        switch (below(depth > 0 ? 9 : 7)) {
+        case 0:
+            return nullptr;
+        case 1:
+            return below(2) == 0;
+        case 2:
+            return static_cast<std::int64_t>(m_engine() >> below(64));
+        case 3:
+            return -static_cast<std::int64_t>(m_engine() >> (1 + below(63)));
+        case 4:
+            return m_engine();
+        case 5:
+            return real();
+        case 6:
+            return text();
+        case 7: {
+            // Now and then one whose size needs the longest form; its elements are simple then.
+            const bool isLarge = depth == 4 && below(25) == 0;
+            Value::Array items(isLarge ? 66'000 : below(6));
+            for (Value& item : items) {
+                item = make(isLarge ? 0 : depth - 1);
+            }
+            return items;
+        }
+        default: {
+            Dictionary members;
+            for (std::uint64_t i = below(20); i > 0; --i) {
+                members.set(text(), make(depth - 1));
+            }
+            return members;
+        }
+        }
+    }
+
+    std::uint64_t below(std::uint64_t bound) { return m_engine() % bound; }
+
+private:
+    double real()
+    {
+        double value = 0;
+        do {
+            const std::uint64_t bits = m_engine();
+            std::memcpy(&value, &bits, sizeof value);
+        } while (!std::isfinite(value));
+        return below(2) == 0 ? value : std::round(std::fmod(value, 1e6));
+    }
+    std::string text()
+    {
+        static constexpr std::string_view PIECES[] = {
+            "a", "key", "\"", "\\", "/", "\n", "\x01", "\0"sv, "\x7f", "é", "€", "\xf0\x9f\x9a\x80", "0123456789abcdef",
+            " "};
+        std::string result;
+        for (std::uint64_t i = below(below(30) == 0 ? 300 : 5); i > 0; --i) {
+            result += PIECES[below(std::size(PIECES))];
+        }
+        return result;
+    }
+
+    std::mt19937_64 m_engine;
+};
+
+TEST(Serializer, anyValueSurvivesEveryFormat)
+{
+    for (std::uint64_t seed = 1; seed <= 300; ++seed) {
+        const Value value = RandomValues(seed).make(4);
+        for (const Format format : ALL_FORMATS) {
+            const std::string bytes = bytesOf(format, value);
+            Value back;
+            ASSERT_FALSE(read(format, bytes, back)) << "seed " << seed << ": " << obr::ErrorStorage::reason();
+            ASSERT_EQ(value, back) << "seed " << seed;
+        }
+    }
+}
+
+TEST(Serializer, writesTheBytesOfItsFormat)
+{
+    const Value value = Dictionary{{"a", Value::Array{1, -1, 23, 24, 255, 256, 65536, -25, 1.5, 2.0}},
+                                   {"b", Dictionary{}},
+                                   {"c/\"\n", "é"},
+                                   {"d", true},
+                                   {"e", nullptr},
+                                   {"f", std::numeric_limits<std::uint64_t>::max()},
+                                   {"g", std::numeric_limits<std::int64_t>::min()}};
+    EXPECT_EQ(bytesOf(Format::eJSON, value),
+              R"({"a":[1,-1,23,24,255,256,65536,-25,1.5,2.0],"b":{},"c/\"\n":"é","d":true,"e":null,)"
+              R"("f":18446744073709551615,"g":-9223372036854775808})");
+    EXPECT_EQ(bytesOf(Format::eMSGPACK, value),
+              "\x87\xa1"
+              "a\x9a\x01\xff\x17\x18\xcc\xff\xcd\x01\x00\xce\x00\x01\x00\x00\xe7\xcb\x3f\xf8\0\0\0\0\0\0"
+              "\xcb\x40\0\0\0\0\0\0\0\xa1"
+              "b\x80\xa4"
+              "c/\"\n\xa2\xc3\xa9\xa1"
+              "d\xc3\xa1"
+              "e\xc0\xa1"
+              "f\xcf\xff\xff\xff\xff\xff\xff\xff\xff\xa1"
+              "g\xd3\x80\0\0\0\0\0\0\0"s);
+    EXPECT_EQ(bytesOf(Format::eQELBIN, value),
+              "\xbf\x61"
+              "a\x9f\x01\x20\x17\x18\x18\x18\xff\x19\x01\x00\x1a\x00\x01\x00\x00\x38\x18\xfb\x3f\xf8\0\0\0\0\0\0"
+              "\xfb\x40\0\0\0\0\0\0\0\xff\x61"
+              "b\xbf\xff\x64"
+              "c/\"\n\x62\xc3\xa9\x61"
+              "d\xf5\x61"
+              "e\xf6\x61"
+              "f\x1b\xff\xff\xff\xff\xff\xff\xff\xff\x61"
+              "g\x3b\x7f\xff\xff\xff\xff\xff\xff\xff\xff"s);
+}
+
+TEST(Serializer, readsWhatOthersWrite)
+{
+    const Value numbers = Value::Array{1.0, 0.5, 100.0, 1};
+    struct Case {
+        Format format;
+        std::string_view bytes;
+        Value value;
+    };
+    const Case cases[] = {
+        {Format::eJSON, " [ 1.0 , 5e-1,1E2\t,\r\n1 ] ", numbers},
+        {Format::eJSON, R"("\u00e9\ud83d\ude80\/\b\u0000")", "é\xf0\x9f\x9a\x80/\b\0"sv},
+        {Format::eJSON, R"({"a":1,"a":2})", Dictionary{{"a", 2}}},
+        {Format::eJSON, "18446744073709551616", 18446744073709551616.0},
+        {Format::eMSGPACK, "\xdd\0\0\0\x01\xda\0\x01x"sv, Value::Array{"x"}},
+        {Format::eMSGPACK, "\xdf\0\0\0\x01\xd9\x01x\xca\x3f\x80\0\0"sv, Dictionary{{"x", 1.0}}},
+        {Format::eMSGPACK, "\x93\xd0\x05\xd3\0\0\0\0\0\0\0\x05\xa0"sv, Value::Array{5, 5, ""}},
+        {Format::eQELBIN, "\x84\xf9\x3c\x00\xfa\x3f\0\0\0\xfb\x40\x59\0\0\0\0\0\0\x1b\0\0\0\0\0\0\0\x01"sv, numbers},
+        {Format::eQELBIN, "\xa2\x61x\x80\x61y\x9b\0\0\0\0\0\0\0\x01\xa0"sv,
+         Dictionary{{"x", Value::Array{}}, {"y", Value::Array{Dictionary{}}}}},
+        {Format::eQELBIN, "\x9f\x7f\x61x\x60\x62yz\xff\x7f\xff\x7f\x61v\xff\xff"sv, Value::Array{"xyz", "", "v"}},
+        {Format::eQELBIN, "\xd9\xd9\xf7\x81\xc0\xc1\x01"sv, Value::Array{1}},
+    };
+    for (const Case& each : cases) {
+        Value value;
+        EXPECT_FALSE(read(each.format, each.bytes, value)) << obr::ErrorStorage::reason();
+        EXPECT_EQ(value, each.value) << value.toText();
+    }
+}
+
+TEST(Serializer, explainsBrokenInput)
+{
+    struct Case {
+        Format format;
+        std::string bytes;
+        std::string_view reason;
+    };
+    const Case cases[] = {
+        {Format::eJSON, "", "1:1: the document is empty"},
+        {Format::eJSON, " \n ", "2:2: the document is empty"},
+        {Format::eJSON, "{\n \"a\": [1, 2",
+         "2:12: the document ends too early; a quotation mark or bracket is not closed"},
+        {Format::eJSON, "\"ab", "1:4: the document ends too early; a quotation mark or bracket is not closed"},
+        {Format::eJSON, "[1,]", "1:4: a comma must not stand before ']'"},
+        {Format::eJSON, "{\"é\": 1,\n}", "2:1: a comma must not stand before '}'"},
+        {Format::eJSON, "{\"é\" 1}", "1:6: expected ':' after the name"},
+        {Format::eJSON, "{\"a\": 1 \"b\"}", "1:9: expected ',' or '}'"},
+        {Format::eJSON, "{a: 1}", "1:2: expected a name in double quotes"},
+        {Format::eJSON, "['a']", "1:2: strings and names stand in double quotes, not in single ones"},
+        {Format::eJSON, "{} // x", "1:4: unexpected text after the end of the document"},
+        {Format::eJSON, "{ // x\n}", "1:3: comments are not allowed"},
+        {Format::eJSON, "\xef\xbb\xbf{}", "1:1: a byte order mark is not allowed; save the file without it"},
+        {Format::eJSON, "{}\0"s, "1:3: a NUL byte is not allowed"},
+        {Format::eJSON, "[1\0]"s, "1:3: a NUL byte is not allowed"},
+        {Format::eJSON, "[\"\0\"]"s, "1:3: a NUL byte in a string is not escaped"},
+        {Format::eJSON, "\"\n\"", "1:2: a control character in a string is not escaped"},
+        {Format::eJSON, "\"\\x\"", "1:2: unknown escape after '\\'"},
+        {Format::eJSON, "\"\\ud800\"", "1:2: '\\u' names half a character (surrogate)"},
+        {Format::eJSON, "\"\\udc00\"", "1:9: a string is not valid UTF-8"},
+        {Format::eJSON, "\"\xc0\xaf\"", "1:4: a string is not valid UTF-8"},
+        {Format::eJSON, "\"\xed\xa0\x80\"", "1:4: a string is not valid UTF-8"},
+        {Format::eJSON, "1e999", "1:1: the number is too large"},
+        {Format::eJSON, "01", "1:2: unexpected text after the end of the document"},
+        {Format::eJSON, "[1.]", "1:4: expected a digit after the decimal point"},
+        {Format::eJSON, "NaN", "1:1: expected a value"},
+        {Format::eMSGPACK, "", "the document is empty"},
+        {Format::eMSGPACK, "\x92\x01", "byte 2: the document ends too early"},
+        {Format::eMSGPACK, "\xdd\xff\xff\xff\xff\x01", "byte 6: the document ends too early"},
+        {Format::eMSGPACK, "\xdb\xff\xff\xff\xff\x01", "byte 5: the document ends too early"},
+        {Format::eMSGPACK, "\x81\x01\x02", "byte 1: the name of a member is no string"},
+        {Format::eMSGPACK, "\x81\x80\x02", "byte 1: the name of a member is no string"},
+        {Format::eMSGPACK, "\xc1", "byte 0: a byte that begins no value"},
+        {Format::eMSGPACK, "\xc4\x01x", "byte 2: binary data is not supported"},
+        {Format::eMSGPACK, "\xd4\x01x", "byte 2: extension types are not supported"},
+        {Format::eMSGPACK, "\xa1\xff", "byte 1: a string is not valid UTF-8"},
+        {Format::eMSGPACK, "\xca\x7f\x80\0\0"s, "byte 4: a number is not finite"},
+        {Format::eMSGPACK, "\x01\x01", "byte 1: unexpected data after the end of the document"},
+        {Format::eQELBIN, "", "the document is empty"},
+        {Format::eQELBIN, "\xbf\x61x", "byte 3: the document ends too early"},
+        {Format::eQELBIN, "\x7a\xff\xff\xff\xffx", "byte 0: the document ends too early"},
+        {Format::eQELBIN, "\x9b\x7f\xff\xff\xff\xff\xff\xff\xff\x01", "byte 0: the document ends too early"},
+        {Format::eQELBIN, "\xbb\x80\0\0\0\0\0\0\x01\x01"s, "byte 0: the document ends too early"},
+        {Format::eQELBIN, "\xbf\x61x\xff", "byte 3: a member has no value"},
+        {Format::eQELBIN, "\xbf\x01\x02\xff", "byte 1: the name of a member is no string"},
+        {Format::eQELBIN, "\xff", "byte 0: an end without a beginning"},
+        {Format::eQELBIN, "\x81\xff", "byte 1: an end without a beginning"},
+        {Format::eQELBIN, "\x9f\xc1\xff", "byte 2: an end without a beginning"},
+        {Format::eQELBIN, "\x7f\x61x", "byte 3: the document ends too early"},
+        {Format::eQELBIN, "\x7f\x61x\x01\xff", "byte 3: a text consists of something else than text"},
+        {Format::eQELBIN, "\x7f\x7f\xff\xff", "byte 1: a text consists of something else than text"},
+        {Format::eQELBIN, "\x41x", "byte 0: binary data is not supported"},
+        {Format::eQELBIN, "\x61\xff", "byte 0: a string is not valid UTF-8"},
+        {Format::eQELBIN, "\x3b\x80\0\0\0\0\0\0\0"s, "byte 0: a negative number does not fit 64 bits"},
+        {Format::eQELBIN, "\xf9\x7e\0"s, "byte 0: a number is not finite"},
+        {Format::eQELBIN, "\xf7", "byte 0: the value 'undefined' is not supported"},
+        {Format::eQELBIN, "\x1f", "byte 0: a byte that begins no value"},
+        {Format::eQELBIN, "\xc1", "byte 1: the document ends too early"},
+        {Format::eQELBIN, "\x01\x01", "byte 1: unexpected data after the end of the document"},
+    };
+    for (const Case& each : cases) {
+        EXPECT_EQ(reasonOf(each.format, each.bytes), each.reason) << testing::PrintToString(each.bytes);
+    }
+}
+
+TEST(Serializer, limitsNesting)
+{
+    struct Case {
+        Format format;
+        std::string begin;
+        std::string end;
+    };
+    const Case cases[] = {
+        {Format::eJSON, "[", "]"},           {Format::eJSON, "{\"a\":", "}"},   {Format::eMSGPACK, "\x91", ""},
+        {Format::eMSGPACK, "\x81\xa1x", ""}, {Format::eQELBIN, "\x9f", "\xff"}, {Format::eQELBIN, "\xa1\x61x", ""},
+    };
+    const auto nested = [](const Case& each, std::size_t depth) {
+        std::string result;
+        for (std::size_t i = 0; i < depth; ++i) {
+            result += each.begin;
+        }
+        result += each.format == Format::eJSON ? "1" : "\x01";
+        for (std::size_t i = 0; i < depth; ++i) {
+            result += each.end;
+        }
+        return result;
+    };
+    for (const Case& each : cases) {
+        EXPECT_EQ(reasonOf(each.format, nested(each, MAX_DEPTH)), "");
+        for (const std::size_t depth : {MAX_DEPTH + 1, std::size_t{100'000}}) {
+            EXPECT_THAT(reasonOf(each.format, nested(each, depth)), testing::HasSubstr("nested too deeply"));
+        }
+        Value value = 1;
+        for (std::size_t i = 0; i < MAX_DEPTH; ++i) {
+            value = Value::Array{value};
+        }
+        ByteBufferWriter out(16);
+        EXPECT_FALSE(write(each.format, value, out));
+        EXPECT_TRUE(write(each.format, Value::Array{value}, out));
+        obr::ErrorStorage::ack();
+    }
+}
+
+TEST(Serializer, everyTruncationIsAnError)
+{
+    for (std::uint64_t seed = 1; seed <= 20; ++seed) {
+        const Value value = Value::Array{RandomValues(seed).make(2), "end"};
+        for (const Format format : ALL_FORMATS) {
+            const std::string bytes = bytesOf(format, value);
+            for (std::size_t size = 0; size < std::min<std::size_t>(bytes.size(), 600); ++size) {
+                // In a block of its own, so that a read behind the end is seen.
+                const std::vector<char> part(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(size));
+                ASSERT_NE(reasonOf(format, {part.data(), part.size()}), "");
+            }
+        }
+    }
+}
+
+TEST(Deserializer, skipsAndReportsByMember)
+{
+    const Value value = Dictionary{{"list", Value::Array{1, Value::Array{2}, Dictionary{{"x", 3}}}},
+                                   {"number", -1},
+                                   {"object", Dictionary{{"deep", Value::Array{}}}}};
+    for (const Format format : ALL_FORMATS) {
+        const std::string bytes = bytesOf(format, value);
+        ByteBufferReader in(bytes.data(), bytes.size(), true);
+        const auto reader = makeDeserializer(format);
+        std::string name;
+        std::string text = "kept";
+        std::uint64_t number = 7;
+        ASSERT_FALSE(reader->attach(in) || reader->beginObject() || reader->memberName(name) || reader->skipValue() ||
+                     reader->endMember() || reader->memberName(name));
+        EXPECT_EQ(name, "number");
+        EXPECT_TRUE(reader->stringValue(text));
+        EXPECT_EQ(obr::ErrorStorage::reason(), "member 'number': expected a string, found an integer");
+        EXPECT_TRUE(reader->uintValue(number));
+        EXPECT_EQ(obr::ErrorStorage::reason(), "member 'number': -1 is negative");
+        EXPECT_EQ(text + std::to_string(number), "kept7");
+        Kind kind{};
+        ASSERT_FALSE(reader->skipValue() || reader->endMember() || reader->memberName(name) || reader->beginObject() ||
+                     reader->memberName(name) || reader->peek(kind));
+        EXPECT_EQ(kind, Kind::eARRAY);
+        EXPECT_TRUE(reader->nullValue());
+        EXPECT_EQ(obr::ErrorStorage::reason(), "member 'deep': expected null, found an array");
+        EXPECT_TRUE(reader->finish());
+        obr::ErrorStorage::ack();
+    }
+}
+
+// What is not allowed is refused with a reason, changes nothing, and the right operation still works after it.
+TEST(Deserializer, refusesMisuse)
+{
+    const auto reader = makeDeserializer(Format::eJSON);
+    bool flag = false;
+    std::string name;
+    const auto expectRefusal = [](bool failed) {
+        EXPECT_TRUE(failed);
+        EXPECT_TRUE(obr::ErrorStorage::isError());
+        obr::ErrorStorage::ack();
+    };
+    expectRefusal(reader->boolValue(flag));
+    expectRefusal(reader->finish());
+    expectRefusal(!reader->atObjectEnd());
+
+    const std::string bytes = R"({"a":[true]})";
+    ByteBufferReader in(bytes.data(), bytes.size(), false);
+    ASSERT_FALSE(reader->attach(in));
+    expectRefusal(reader->endObject());
+    expectRefusal(reader->beginElement());
+    expectRefusal(!reader->atArrayEnd());
+    ASSERT_FALSE(reader->beginObject());
+    expectRefusal(reader->boolValue(flag));
+    expectRefusal(reader->endObject());
+    expectRefusal(reader->endMember());
+    expectRefusal(reader->beginElement());
+    ASSERT_FALSE(reader->atObjectEnd() || reader->memberName(name));
+    expectRefusal(reader->memberName(name));
+    expectRefusal(!reader->atObjectEnd());
+    ASSERT_FALSE(reader->beginArray() || reader->beginElement() || reader->boolValue(flag));
+    expectRefusal(reader->boolValue(flag));
+    expectRefusal(reader->endArray());
+    ASSERT_FALSE(reader->endElement());
+    EXPECT_TRUE(reader->atArrayEnd());
+    expectRefusal(reader->beginElement());
+    ASSERT_FALSE(reader->endArray() || reader->endMember() || reader->endObject() || reader->finish());
+    expectRefusal(reader->skipValue());
+    EXPECT_TRUE(flag);
+}
+
+TEST(Serializer, refusesMisuse)
+{
+    for (const Format format : ALL_FORMATS) {
+        const auto writer = makeSerializer(format);
+        ByteBufferWriter out(16);
+        bool hasContent = true;
+        const auto expectRefusal = [](bool failed) {
+            EXPECT_TRUE(failed);
+            EXPECT_TRUE(obr::ErrorStorage::isError());
+            obr::ErrorStorage::ack();
+        };
+        expectRefusal(writer->nullValue());
+        expectRefusal(writer->finish(hasContent));
+        ASSERT_FALSE(writer->attach(out) || writer->finish(hasContent));
+        EXPECT_FALSE(hasContent);
+        expectRefusal(writer->attach(out));
+        expectRefusal(writer->memberName("a"));
+        expectRefusal(writer->endArray());
+        ASSERT_FALSE(writer->beginObject());
+        expectRefusal(writer->nullValue());
+        expectRefusal(writer->memberName("\xff"));
+        expectRefusal(writer->beginElement());
+        expectRefusal(writer->finish(hasContent));
+        ASSERT_FALSE(writer->memberName("a"));
+        expectRefusal(writer->stringValue("\xc3"));
+        expectRefusal(writer->doubleValue(std::nan("")));
+        expectRefusal(writer->doubleValue(std::numeric_limits<double>::infinity()));
+        expectRefusal(writer->endMember());
+        expectRefusal(writer->endObject());
+        ASSERT_FALSE(writer->uintValue(1));
+        expectRefusal(writer->uintValue(1));
+        ASSERT_FALSE(writer->endMember() || writer->endObject() || writer->finish(hasContent));
+        EXPECT_TRUE(hasContent);
+        Value value;
+        EXPECT_FALSE(read(format, out.text(), value));
+        EXPECT_EQ(value, Value(Dictionary{{"a", 1}}));
+
+        writer->reset();
+        const std::size_t before = out.size();
+        ASSERT_FALSE(writer->attach(out) || writer->beginArray() || writer->endArray() || writer->finish(hasContent));
+        EXPECT_FALSE(read(format, out.text().substr(before), value));
+        EXPECT_EQ(value, Value(Value::Array{}));
+    }
+}
+
+} // namespace
+} // namespace util::serializer::test
