@@ -1,0 +1,192 @@
+// The records in their wire form: every format there and back, and what a reader refuses.
+#include <kesa/core/PayloadConversion.h>
+#include <kesa/toGeneric.h>
+
+#include <gmock/gmock.h>
+
+namespace kesa::serviceregistry {
+namespace {
+
+using serializer::fromPayload;
+using serializer::readPayload;
+using serializer::toPayload;
+using testing::HasSubstr;
+
+ServiceDef fullServiceDef()
+{
+    return ServiceDef(Path("/media/player"), ServiceDef::TypeEnum::gateway, {"1.0.0", "1.1.0"},
+                      {url("ipc://media/media/player"), url("tcp://host:1/x")},
+                      obr::UUID::fromString("01234567-89ab-cdef-0123-456789abcdef"),
+                      GenericObject{{"provider", "media"}, {"versions", toGeneric({"1.0.0"})}, {"level", 3}},
+                      std::vector<std::string>{"application/json"}, "", std::vector<std::string>{"a", "b"});
+}
+
+Payload json(std::string text)
+{
+    return Payload::createFromString(std::move(text), mimetypes::JSON);
+}
+
+class WireForm : public testing::TestWithParam<std::string_view> {};
+
+INSTANTIATE_TEST_SUITE_P(Formats, WireForm, testing::Values(mimetypes::JSON, mimetypes::MSGPACK, mimetypes::QELBIN));
+
+TEST_P(WireForm, KeepsEveryField)
+{
+    const ServiceDef bare(Path("/a"), ServiceDef::TypeEnum::pex, {}, {});
+    for (const ServiceDef& service : {fullServiceDef(), bare}) {
+        const auto payload = toPayload(service, GetParam());
+        ASSERT_TRUE(payload);
+        EXPECT_EQ(payload->getMimeType(), GetParam());
+        const auto read = fromPayload<ServiceDef>(*payload, "ServiceDef");
+        ASSERT_TRUE(read) << obr::ErrorStorage::reason();
+        EXPECT_TRUE(*read == service);
+    }
+    const Query query("/media/**", GenericObject{{"type", toGeneric({"pex", "lomo"})}}, true, "home");
+    const auto readQuery = fromPayload<Query>(*toPayload(query, GetParam()), "Query");
+    ASSERT_TRUE(readQuery);
+    EXPECT_TRUE(*readQuery == query);
+
+    const std::vector<RegistryUpdate> updates = {
+        {RegistryUpdate::UpdateTypeEnum::REMOVED, std::make_shared<ServiceDef>(fullServiceDef())},
+        {RegistryUpdate::UpdateTypeEnum::ADDED, std::make_shared<ServiceDef>(bare)}};
+    const auto readUpdates =
+        fromPayload<std::vector<RegistryUpdate>>(*toPayload(updates, GetParam()), "std::vector<RegistryUpdate>");
+    ASSERT_TRUE(readUpdates);
+    ASSERT_EQ(readUpdates->size(), 2U);
+    EXPECT_EQ(readUpdates->front().updateType, RegistryUpdate::UpdateTypeEnum::REMOVED);
+    EXPECT_TRUE(*readUpdates->front().element == fullServiceDef());
+    EXPECT_TRUE(*readUpdates->back().element == bare);
+}
+
+TEST_P(WireForm, RefusesEveryTruncation)
+{
+    const auto whole = toPayload(fullServiceDef(), GetParam());
+    ASSERT_TRUE(whole);
+    for (std::size_t size = 0; size < whole->size(); ++size) {
+        const auto cut = Payload::createFromString(std::string(whole->text().substr(0, size)), GetParam());
+        ServiceDef service;
+        ASSERT_TRUE(readPayload(cut, service)) << size;
+        ASSERT_NE(obr::ErrorStorage::reason(), "") << size;
+    }
+}
+
+TEST(JsonForm, HasMembersInTheOrderOfTheFieldsAndNoAbsentOnes)
+{
+    EXPECT_EQ(toPayload(ServiceDef(), mimetypes::JSON)->text(),
+              R"({"path":"","type":"pex","versions":[],"locators":[]})");
+    EXPECT_EQ(toPayload(fullServiceDef(), mimetypes::JSON)->text(),
+              R"({"path":"/media/player","type":"gateway","versions":["1.0.0","1.1.0"],)"
+              R"("locators":["ipc://media/media/player","tcp://host:1/x"],"id":"01234567-89ab-cdef-0123-456789abcdef",)"
+              R"("metainfo":{"level":3,"provider":"media","versions":["1.0.0"]},)"
+              R"("serializationFormats":["application/json"],"hostDomain":"","scope":["a","b"]})");
+    EXPECT_EQ(toPayload(Query("**", GenericObject(), false, "s"), mimetypes::JSON)->text(),
+              R"({"pattern":"**","metadata":{},"includeMetadata":false,"scope":"s"})");
+}
+
+TEST(Reading, RefusesWithTheReason)
+{
+    const std::string missing = "Cannot build ServiceDef, some of required attributes are not set: ";
+    const struct {
+        const char* text;
+        std::string reason;
+    } services[] = {
+        {R"({})", missing + "Path Type Versions Locators "},
+        {R"({"locators":[],"path":"/a"})", missing + "Type Versions "},
+        {R"({"path":"/a","versions":[],"x":{"type":"pex"}})", missing + "Type Locators "},
+        {R"({"path":"/a","type":"Pex","versions":[],"locators":[]})", "'Pex' is no type of service"},
+        {R"({"path":null,"type":"pex","versions":[],"locators":[]})", ""},
+        {R"({"path":"/a","type":"pex","versions":null,"locators":[]})", ""},
+        {R"({"path":"/a","type":"pex","versions":[1],"locators":[]})", ""},
+        {R"({"path":"/a","type":"pex","versions":[],"locators":[],"id":"no uuid"})", ""},
+        {R"({"path":"/a","type":"pex","versions":[],"locators":[]} x)", ""},
+        {R"([])", ""},
+        {"", ""},
+    };
+    for (const auto& [text, reason] : services) {
+        ServiceDef service;
+        EXPECT_TRUE(readPayload(json(text), service)) << text;
+        EXPECT_TRUE(obr::ErrorStorage::isError()) << text;
+        EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr(reason)) << text;
+    }
+    Query query;
+    EXPECT_TRUE(readPayload(json(R"({"scope":"x"})"), query));
+    EXPECT_EQ(obr::ErrorStorage::reason(), "Cannot build Query, some of required attributes are not set: Pattern ");
+    RegistryUpdate update;
+    EXPECT_TRUE(readPayload(json(R"({"unknown":[{}]})"), update));
+    EXPECT_EQ(obr::ErrorStorage::reason(),
+              "Cannot build RegistryUpdate, some of required attributes are not set: UpdateType Element ");
+    EXPECT_TRUE(readPayload(json(R"({"updateType":"added"})"), update));
+    EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("'added' is no type of update"));
+}
+
+TEST(Reading, TakesNullForAbsentAndSkipsTheUnknown)
+{
+    Query query("old", GenericObject(), true, "old");
+    EXPECT_FALSE(readPayload(
+        json(R"({"x":[1,{"y":null}],"scope":null,"metadata":null,"includeMetadata":null,"pattern":"p","z":1.5})"),
+        query));
+    EXPECT_TRUE(query == Query("p"));
+}
+
+// A list may come in pieces: what a record already holds and what a second occurrence brings is added up. Everything
+// else is replaced.
+TEST(Reading, AddsUpRequiredListsOnly)
+{
+    ServiceDef service(Path("/old"), ServiceDef::TypeEnum::pex, {"0"}, {});
+    EXPECT_FALSE(readPayload(json(R"({"path":"/a","path":"/b","type":"pex","type":"lomo","versions":["1"],)"
+                                  R"("versions":["2"],"locators":["ipc://a"],"locators":["ipc://b"],)"
+                                  R"("scope":["x"],"scope":["y"],"hostDomain":"d","hostDomain":null})"),
+                             service))
+        << obr::ErrorStorage::reason();
+    ServiceDef expected(Path("/b"), ServiceDef::TypeEnum::lomo, {"0", "1", "2"}, {url("ipc://a"), url("ipc://b")});
+    expected.scope = std::vector<std::string>{"y"};
+    EXPECT_TRUE(service == expected);
+}
+
+TEST(Reading, FailsWhileAnOlderErrorIsPending)
+{
+    const Payload payload = json(R"({"pattern":"p"})");
+    const auto in = serializer::createDeserializerFor(payload);
+    util::ByteBufferReader bytes(payload.data(), payload.size(), false);
+    ASSERT_FALSE(in->attach(bytes));
+    obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, "older");
+    Query query;
+    EXPECT_TRUE(serializer::deserialize(*in, query));
+    EXPECT_EQ(obr::ErrorStorage::reason(), "older");
+    // A read from the top begins with a clean storage.
+    EXPECT_TRUE(fromPayload<Query>(payload, "Query"));
+}
+
+TEST(Writing, RefusesWhatHasNoWireForm)
+{
+    EXPECT_FALSE(toPayload(RegistryUpdate(), mimetypes::JSON));
+    EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("std::shared_ptr"));
+    ServiceDef service;
+    service.type = static_cast<ServiceDef::TypeEnum>(4);
+    EXPECT_FALSE(toPayload(service, mimetypes::JSON));
+    EXPECT_FALSE(toPayload(Query("p"), "text/html"));
+    EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("text/html"));
+}
+
+TEST(PayloadConversion, NamesFormatAndType)
+{
+    EXPECT_FALSE(fromPayload<Query>(Payload::createFromString("{}", "text/html"), "Query"));
+    EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("text/html"));
+    EXPECT_FALSE(fromPayload<std::vector<RegistryUpdate>>(json("[{}]"), "std::vector<RegistryUpdate>"));
+    EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("std::vector<RegistryUpdate>"));
+    EXPECT_TRUE(fromPayload<std::vector<RegistryUpdate>>(json("[]"), "std::vector<RegistryUpdate>"));
+}
+
+// A stream keeps its serializer; a value that cannot be written must not spoil the next one.
+TEST(PayloadConversion, ReusesASerializerAfterAFailure)
+{
+    const auto out = serializer::createSerializerFor(mimetypes::JSON);
+    ASSERT_TRUE(out);
+    EXPECT_FALSE(toPayload(*out, RegistryUpdate(), mimetypes::JSON));
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(toPayload(*out, Query("p"), mimetypes::JSON)->text(), R"({"pattern":"p"})");
+    }
+}
+
+} // namespace
+} // namespace kesa::serviceregistry
