@@ -1,0 +1,73 @@
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <obr/GlobalErrorHandler.h>
+#include <runtime/v02/runtime/KesaRuntimeImpl.h>
+
+#include <new>
+
+namespace kesa::runtime::v02 {
+
+namespace {
+
+KesaRuntimeImpl* singeton_impl = nullptr;
+
+void fail(const char* condition, int line, const char* function, const char* message = nullptr)
+{
+    obr::GlobalErrorHandler::doAssert(false, condition, __FILE__, line, function, message);
+}
+
+} // namespace
+
+bool KesaRuntime::initInstance(const std::string& processName)
+{
+    if (singeton_impl != nullptr) {
+        fail("singeton_impl==nullptr", __LINE__, "initInstance");
+        return false;
+    }
+    auto* const created = new (std::nothrow) KesaRuntimeImpl(processName);
+    if (created == nullptr) {
+        fail("singeton_impl!=nullptr", __LINE__, "initInstance");
+        return true;
+    }
+    singeton_impl = created;
+    return singeton_impl->start();
+}
+
+IKesaRuntime* KesaRuntime::getInstance()
+{
+    if (singeton_impl == nullptr) {
+        fail("singeton_impl!=nullptr", __LINE__, "getInstance");
+        return nullptr;
+    }
+    if (!singeton_impl->isRunning()) {
+        fail("singeton_impl->isRunning()", __LINE__, "getInstance");
+        return nullptr;
+    }
+    return singeton_impl;
+}
+
+void KesaRuntime::shutdown()
+{
+    if (singeton_impl == nullptr) {
+        fail("singeton_impl!=nullptr", __LINE__, "shutdown");
+        return;
+    }
+    if (!singeton_impl->isRunning()) {
+        fail("singeton_impl->isRunning()", __LINE__, "shutdown");
+        return;
+    }
+    if (singeton_impl->isRuntimeThread()) {
+        fail("!singeton_impl->isRuntimeThread()", __LINE__, "shutdown",
+             "shutdown waits for the runtime's threads: call it from a thread of your own, not from a handler");
+        return;
+    }
+    delete singeton_impl;
+    singeton_impl = nullptr;
+}
+
+bool KesaRuntime::isRunning()
+{
+    return singeton_impl != nullptr && singeton_impl->isRunning();
+}
+
+} // namespace kesa::runtime::v02

@@ -1,0 +1,302 @@
+#ifndef KESA_RUNTIME_V02_KESARUNTIMEIMPL_H
+#define KESA_RUNTIME_V02_KESARUNTIMEIMPL_H
+
+#include <comm/ActiveObject.h>
+#include <kesa/Disposable.h>
+#include <kesa/FuncCallEvent.h>
+#include <kesa/Path.h>
+#include <kesa/PathPatterns.h>
+#include <kesa/Response.h>
+#include <kesa/core/response_handlers.h>
+#include <kesa/runtime/v02/IKesaRuntime.h>
+#include <runtime/v02/config/KesaConfig.h>
+#include <runtime/v02/runtime/BackendList.h>
+#include <runtime/v02/runtime/Handle.h>
+#include <runtime/v02/runtime/HandlerTypes.h>
+#include <runtime/v02/runtime/channels.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace kesa::runtime::v02 {
+
+/// The runtime itself: configuration, backends, two threads and every table of service state. One source unit per
+/// topic: core, registration, unregistration, tracking, query tracking, resolving, track-and-resolve, and that by
+/// query.
+///
+/// Threads. The executor runs everything that reads or writes the tables (asserted), so they have no locks. The updater
+/// delivers fan-outs and errors to clients. Public operations and `Disposable`s only post to the executor. `start` and
+/// the destructor run on the caller's thread; what they do to the tables and the backend list they post and wait for.
+///
+/// Closures on the two loops hold the plain object: both loops are joined before it dies. What outlives it holds the
+/// executor weakly, and posting to a loop that was stopped does nothing.
+///
+/// A handler called from here can only post: no table changes under an iterator because of a handler.
+class KesaRuntimeImpl final : public IKesaRuntime {
+public:
+    /// Reads the configuration of the process.
+    explicit KesaRuntimeImpl(const std::string& processName);
+    explicit KesaRuntimeImpl(const KesaConfig& config);
+    KesaRuntimeImpl(const KesaRuntimeImpl&) = delete;
+    KesaRuntimeImpl& operator=(const KesaRuntimeImpl&) = delete;
+    /// Ends both loops and the backends. Not on a loop of this runtime.
+    ~KesaRuntimeImpl() override;
+
+    /// False: started, or running already. True: it cannot.
+    bool start();
+    bool isRunning() const noexcept { return m_isRunning; }
+    /// The caller is the executor or the updater.
+    bool isRuntimeThread() const noexcept;
+
+    Disposable registerService(const std::string& path, std::shared_ptr<IKesaApi> api, ServiceDef::TypeEnum type,
+                               const GenericObject& metainfo, std::unique_ptr<RegistrationHandler>&& handler) override;
+    Disposable registerService(const std::string& path, std::shared_ptr<IKesaApi> api, ServiceDef::TypeEnum type,
+                               const std::vector<std::string>& versions, const GenericObject& metainfo,
+                               std::unique_ptr<RegistrationHandler>&& handler) override;
+    Disposable trackService(const std::string& path, bool, std::unique_ptr<TrackingHandler>&& handler) override;
+    Disposable trackService(const std::string& path, std::unique_ptr<TrackingHandler>&& handler) override;
+    Disposable trackServices(const Query& query, std::unique_ptr<TrackingHandler>&& handler) override;
+    Disposable resolveService(const url& locator, std::unique_ptr<ProxyHandler>&& handler) override;
+    Disposable resolveService(const ServiceDef& serviceDef, std::unique_ptr<ProxyHandler>&& handler) override;
+    Disposable trackAndResolveService(const std::string& path,
+                                      std::unique_ptr<ResolvedServiceHandler>&& handler) override;
+    Disposable trackAndResolveServices(const Query& query, std::unique_ptr<ResolvedServicesHandler>&& handler) override;
+    KesaConfigAccessor getConfigAccessor() const override;
+
+private:
+    using Trackers = std::vector<std::shared_ptr<TrackingHandler>>;
+    using QueryTrackers = std::vector<std::pair<Handle, std::shared_ptr<TrackingHandler>>>;
+
+    /// What is known about one path.
+    struct RuntimeEntry {
+        /// Present while this process has the service registered.
+        optional<std::unique_ptr<RegistrationHandler>> optionalRegistrator;
+        optional<ServiceDef> optionalServiceDef;
+        /// In order of subscription; each is a `QueryUpdateBookkeeper`.
+        Trackers trackers;
+        bool isProvidedByThisProcess = false;
+        bool isStaticConfigured = false;
+        /// What the backends provide for the registration: to be withdrawn with it, whatever its record says by then.
+        std::vector<url> providedLocators;
+    };
+
+    /// The arguments of one `registerService` on their way to the executor.
+    struct Registration {
+        std::string path;
+        std::shared_ptr<IKesaApi> api;
+        ServiceDef::TypeEnum type;
+        std::vector<std::string> versions;
+        GenericObject metainfo;
+        std::unique_ptr<RegistrationHandler> handler;
+    };
+
+    /// A proxy that one subscription has opened.
+    struct OpenedProxy {
+        url locator;
+        const void* handler; ///< as `openProxy` got it
+        std::uint64_t token; ///< of the handler: answers that carry another one are those of an earlier proxy
+        /// `openProxy` did not keep the handler. There is nothing to free: on this locator a stranger may have a proxy.
+        bool isRefused = false;
+    };
+    using OpenedProxies = std::unordered_map<std::string, OpenedProxy>; // by service path
+
+    struct TrackedAndResolvedService {
+        std::unique_ptr<ResolvedServiceHandler> client;
+        bool valuePropagated = false; ///< a present value is the last thing the client was sent
+    };
+
+    template <class Value>
+    using HandleMap = std::unordered_map<Handle, Value, HandleHash>;
+
+    // Core
+    enum class StartResult { eSTARTED, eNO_REGISTRY };
+    StartResult startOnExecutor(const std::string& partition);
+    void initializeStaticServices();
+    template <class T>
+    [[nodiscard]] bool refuseWithoutRegistry(IResponseHandler<T>& handler) const;
+    [[nodiscard]] bool refuseNull(const char* operation, const void* handler) const;
+    template <class T>
+    [[nodiscard]] bool refuseBadPath(const std::string& path, std::unique_ptr<IResponseHandler<T>>& handler);
+    void onExecutor() const;
+    void onUpdater() const;
+
+    // Registration
+    void registerOnExecutor(Registration registration);
+    [[nodiscard]] bool joinEntry(RuntimeEntry& entry, Registration& registration);
+    void registerDynamic(RuntimeEntry& entry, Registration& registration);
+    void registerStatic(RuntimeEntry& entry, Registration& registration);
+    [[nodiscard]] bool applyToStaticRecord(RuntimeEntry& entry, const Registration& registration);
+    ServiceDef dynamicServiceDef(const Registration& registration) const;
+    void announce(RuntimeEntry& entry);
+    [[nodiscard]] static bool lacksRegistrator(const RuntimeEntry& entry, int line);
+    void refuseRegistrator(RuntimeEntry& entry, std::string_view text = {});
+    void refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view text = {});
+
+    // Unregistration. The path may be a part of what goes: taken by value.
+    void performUnregistration(std::string path);
+    void deleteRuntimeEntry(std::string path);
+
+    // Tracking
+    void addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle);
+    void removeTracker(const std::string& path, const Handle& handle);
+    void triggerRuntimeUpdate(ServiceUpdate&& update, const Trackers& trackers, const QueryTrackers& queryTrackers);
+    void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const;
+    void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const;
+
+    // Query tracking
+    void startQuery(const Query& query, const Handle& handle, std::unique_ptr<TrackingHandler> handler);
+    std::vector<ServiceUpdate> initialMatches(const Query& query, const PathPatterns& patterns) const;
+    void disposeQuery(const Query& query, const Handle& handle);
+
+    // Resolving
+    void resolve(const std::vector<url>& urls, std::unique_ptr<ProxyHandler>&& handler, const Handle& handle);
+    void releaseResolve(const Handle& handle);
+    void openProxy(OpenedProxy& proxy, std::unique_ptr<ProxyHandler>&& handler);
+    void freeProxy(const OpenedProxy& proxy, bool serviceRemoved);
+
+    // Track and resolve
+    void startTrackAndResolve(const std::string& path, const Handle& handle,
+                              std::unique_ptr<ResolvedServiceHandler> client);
+    void onNextOfTracking(const Handle& handle, const ServiceUpdate& update);
+    void onAddedOfTracking(const Handle& handle, const ServiceDef& serviceDef);
+    void onRemovedOfTracking(const Handle& handle);
+    void onErrorOfTracking(const Handle& handle, const Response& error);
+    void onCompletedOfTracking(const Handle& handle);
+    std::unique_ptr<ProxyHandler> createResolveTrackerForService(const ServiceDef& serviceDef, const Handle& handle,
+                                                                 std::uint64_t token);
+    void onNextOfResolve(const Handle& handle, std::uint64_t token, const ServiceDef& serviceDef,
+                         const ProxyState& state);
+    void onErrorOfResolve(const Handle& handle, std::uint64_t token, const Response& error);
+    void onCompletedOfResolve(const Handle& handle, std::uint64_t token);
+    bool isCurrentProxy(const Handle& handle, std::uint64_t token) const;
+    void disposeTrackAndResolve(const Handle& handle);
+
+    // Track and resolve by query
+    void startTrackAndResolveQuery(const Query& query, const Handle& handle,
+                                   std::unique_ptr<ResolvedServicesHandler> client);
+    void onNextOfQueryTracking(const Handle& handle, const ServiceUpdate& update);
+    void onAddedOfQueryTracking(const Handle& handle, const ServiceDef& serviceDef);
+    void onRemovedOfQueryTracking(const Handle& handle, const ServiceDef& serviceDef);
+    void onErrorOfQueryTracking(const Handle& handle, const Response& error);
+    void onCompletedOfQueryTracking(const Handle& handle);
+    std::unique_ptr<ProxyHandler> createResolveTrackerForQueryServices(const ServiceDef& serviceDef,
+                                                                       const Handle& handle, std::uint64_t token);
+    void onNextOfQueryResolve(const Handle& handle, std::uint64_t token, const ServiceDef& serviceDef,
+                              const ProxyState& state);
+    void onErrorOfQueryResolve(const Handle& handle, std::uint64_t token, const std::string& path,
+                               const Response& error);
+    void onCompletedOfQueryResolve(const Handle& handle, std::uint64_t token, const std::string& path);
+    bool isCurrentProxy(const Handle& handle, std::uint64_t token, const std::string& path) const;
+    [[nodiscard]] bool freeQueryProxies(const Handle& handle);
+    void disposeTrackAndResolveQuery(const Handle& handle);
+
+    // Posting, wrapping and disposing
+    Handle newHandle(const void* address) { return {address, newNumber()}; }
+    std::uint64_t newNumber() { return m_lastNumber.fetch_add(1, std::memory_order_relaxed) + 1; }
+    template <class F>
+    void toExecutor(F&& work)
+    {
+        post(*m_executor, std::forward<F>(work));
+    }
+    template <class F>
+    Disposable disposable(F work) const;
+    template <class T>
+    void postError(std::unique_ptr<IResponseHandler<T>> handler, Response error);
+    template <class T, class Next, class Error, class Completed>
+    std::unique_ptr<IResponseHandler<T>> postingHandler(Next next, Error error, Completed completed);
+    template <class Value>
+    static optional<Value> take(HandleMap<Value>& table, const Handle& handle);
+
+    std::string m_proc_name;
+    const KesaConfig m_config;
+    bool m_isRunning = false;
+    std::atomic<std::uint64_t> m_lastNumber{0};
+    std::shared_ptr<comm::ActiveObject> m_executor;
+    std::shared_ptr<comm::ActiveObject> m_updater;
+    BackendList m_backendList;
+    std::string m_eventSource;
+    bool isRuntimeInRegistry = false;
+    bool isRegistryServiceRegistered = false;
+    QueryTrackers m_queryTrackers; ///< in the order they are notified
+    std::unordered_map<std::string, RuntimeEntry> m_runtimeEntries;
+    HandleMap<OpenedProxy> m_resolvedLocators;
+    HandleMap<OpenedProxies> m_resolvedServicesLocators;
+    HandleMap<Disposable> m_trackedDisposable;
+    HandleMap<TrackedAndResolvedService> m_trackAndResolveServiceHandler;
+    HandleMap<std::unique_ptr<ResolvedServicesHandler>> m_trackAndResolvedServicesQuery;
+};
+
+/// What disposing posts to the executor, once. It may come after the runtime is gone.
+template <class F>
+Disposable KesaRuntimeImpl::disposable(F work) const
+{
+    return Disposable([executor = std::weak_ptr<comm::ActiveObject>(m_executor), work = std::move(work)]() mutable {
+        if (const auto alive = executor.lock()) {
+            post(*alive, std::move(work));
+        }
+    });
+}
+
+/// Ends a client's stream on the updater; the handler dies there.
+template <class T>
+void KesaRuntimeImpl::postError(std::unique_ptr<IResponseHandler<T>> handler, Response error)
+{
+    post(*m_updater, [handler = std::move(handler), error = std::move(error)] { handler->onError(error); });
+}
+
+/// A handler whose calls run `next`, `error` and `completed` on the executor.
+template <class T, class Next, class Error, class Completed>
+std::unique_ptr<IResponseHandler<T>> KesaRuntimeImpl::postingHandler(Next next, Error error, Completed completed)
+{
+    return std::make_unique<responsehandlers::FuncResponseHandler<T>>(
+        [this, next = std::move(next)](const T& value) {
+            toExecutor([next = next, value = value] { next(value); });
+            return false;
+        },
+        [this, error = std::move(error)](const Response& response) {
+            toExecutor([error = error, response = response] { error(response); });
+        },
+        [this, completed = std::move(completed)] { toExecutor(completed); });
+}
+
+/// The entry leaves the table before what it holds dies.
+template <class Value>
+optional<Value> KesaRuntimeImpl::take(HandleMap<Value>& table, const Handle& handle)
+{
+    auto node = table.extract(handle);
+    return node.empty() ? nullopt : optional<Value>(std::move(node.mapped()));
+}
+
+/// A process that hosts the registry does nothing before that is registered: 409, at once.
+template <class T>
+bool KesaRuntimeImpl::refuseWithoutRegistry(IResponseHandler<T>& handler) const
+{
+    if (!isRuntimeInRegistry || isRegistryServiceRegistered) {
+        return false;
+    }
+    handler.onError(
+        Response::createErrorResponse(409, "kesa runtime in registry you must register first the registry service"));
+    return true;
+}
+
+template <class T>
+bool KesaRuntimeImpl::refuseBadPath(const std::string& path, std::unique_ptr<IResponseHandler<T>>& handler)
+{
+    if (Path::isCanonical(path)) {
+        return false;
+    }
+    postError(std::move(handler), Response::createErrorResponse(
+                                      400, "a service path begins with '/', has no empty, '.' or '..' segment and "
+                                           "no '/' at its end, is printable and has at most 4096 bytes"));
+    return true;
+}
+
+} // namespace kesa::runtime::v02
+
+#endif

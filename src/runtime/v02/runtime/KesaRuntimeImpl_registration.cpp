@@ -1,0 +1,274 @@
+#include <runtime/v02/runtime/KesaRuntimeImpl.h>
+
+#include <kesa/serviceregistry/MetainfoKeys.h>
+#include <kesa/toGeneric.h>
+#include <obr/GlobalErrorHandler.h>
+#include <runtime/v02/runtime/EventLog.h>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+namespace kesa::runtime::v02 {
+
+namespace {
+
+using serviceregistry::MetainfoKeys;
+
+const std::string& versionsKey()
+{
+    static const std::string& key = *new std::string(enumToValue(MetainfoKeys::versions).value_or(""));
+    return key;
+}
+
+const std::string& providerKey()
+{
+    static const std::string& key = *new std::string(enumToValue(MetainfoKeys::provider).value_or(""));
+    return key;
+}
+
+/// The string, or the strings, under "versions"; none when it is anything else.
+std::vector<std::string> versionsOf(const GenericObject& metainfo)
+{
+    const util::config::Value& value = metainfo[versionsKey()];
+    if (value.isString()) {
+        return {std::string(value.stringView())};
+    }
+    std::vector<std::string> versions;
+    for (const util::config::Value& element : value.items()) {
+        if (!element.isString()) {
+            return {};
+        }
+        versions.emplace_back(element.stringView());
+    }
+    return versions;
+}
+
+std::string nameOf(ServiceDef::TypeEnum type)
+{
+    return ServiceDef::enumToValue(type).value_or("");
+}
+
+} // namespace
+
+Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared_ptr<IKesaApi> api,
+                                            ServiceDef::TypeEnum type, const GenericObject& metainfo,
+                                            std::unique_ptr<RegistrationHandler>&& handler)
+{
+    return registerService(path, std::move(api), type, versionsOf(metainfo), metainfo, std::move(handler));
+}
+
+Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared_ptr<IKesaApi> api,
+                                            ServiceDef::TypeEnum type, const std::vector<std::string>& versions,
+                                            const GenericObject& metainfo,
+                                            std::unique_ptr<RegistrationHandler>&& handler)
+{
+    if (refuseNull("registerService", handler.get()) || refuseBadPath(path, handler)) {
+        return {};
+    }
+    if (!api) {
+        postError(std::move(handler), Response::createErrorResponse(400, "the service object is null"));
+        return {};
+    }
+    const void* const address = handler.get();
+    toExecutor([this, registration =
+                          Registration{path, std::move(api), type, versions, metainfo, std::move(handler)}]() mutable {
+        registerOnExecutor(std::move(registration));
+    });
+    return disposable([this, path = path, address] {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[registerService Disposable] service='%s' response_handler='%p'", path.c_str(),
+                   address);
+        performUnregistration(path);
+        KESA_TRACE(MAIN_CHANNEL, 2, "[registerService Disposable] service='%s' response_handler='%p' DONE",
+                   path.c_str(), address);
+    });
+}
+
+void KesaRuntimeImpl::registerOnExecutor(Registration registration)
+{
+    onExecutor();
+    const std::string& path = registration.path;
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] '%s' response_handler='%p'", path.c_str(),
+               static_cast<const void*>(registration.handler.get()));
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] isRuntimeInRegistry='%d', isRegistryServiceRegistered=%d ",
+               static_cast<int>(isRuntimeInRegistry), static_cast<int>(isRegistryServiceRegistered));
+    const auto present = m_runtimeEntries.find(path);
+    if (present != m_runtimeEntries.end()) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] Service '%s' already present tracked or static configured",
+                   path.c_str());
+        if (joinEntry(present->second, registration)) {
+            return;
+        }
+    } else {
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[registerService] service='%s' is not statically configured create new runtimeEntry", path.c_str());
+        RuntimeEntry& created = m_runtimeEntries[path];
+        created.optionalRegistrator = std::move(registration.handler);
+        created.isProvidedByThisProcess = true;
+    }
+    KESA_TRACE_TEXT(MAIN_CHANNEL, 2,
+                    fmt::format("[registerService] service='{}' versions '{}'", path, registration.versions));
+    RuntimeEntry& entry = m_runtimeEntries.find(path)->second;
+    if (entry.isStaticConfigured) {
+        registerStatic(entry, registration);
+    } else {
+        registerDynamic(entry, registration);
+    }
+}
+
+/// Puts the registrator into an entry that is there already. True when the registration was refused.
+bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
+{
+    const std::string& path = registration.path;
+    const void* const address = registration.handler.get();
+    if (entry.optionalRegistrator) {
+        KESA_TRACE(MAIN_CHANNEL, 3, "[registerService] service='%s' already registered handle='%p'", path.c_str(),
+                   address);
+        refuse(std::move(registration.handler));
+        return true;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,
+               path.c_str());
+    if (entry.isStaticConfigured && !entry.isProvidedByThisProcess) {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[registerService] service='%s' is not configured to be provided by this process handle='%p'",
+                   path.c_str(), address);
+        refuse(std::move(registration.handler));
+        return true;
+    }
+    if (!entry.isStaticConfigured && entry.optionalServiceDef) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 4, fmt::format("[registerService] service='{}' is already registered", path));
+        refuse(std::move(registration.handler), "service already registered");
+        return true;
+    }
+    entry.optionalRegistrator = std::move(registration.handler);
+    return false;
+}
+
+void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registration)
+{
+    const std::string& path = registration.path;
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] service is not static configured");
+    ServiceDef serviceDef = dynamicServiceDef(registration);
+    if (m_backendList.providePath(path, registration.api, serviceDef)) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] dynamic service='%s' can not be registered", path.c_str());
+        if (!lacksRegistrator(entry, __LINE__)) {
+            refuseRegistrator(entry);
+        }
+        deleteRuntimeEntry(path);
+        return;
+    }
+    entry.providedLocators = serviceDef.locators;
+    entry.optionalServiceDef = std::move(serviceDef);
+    if (lacksRegistrator(entry, __LINE__)) {
+        return;
+    }
+    eventlog::registrationRegister(m_eventSource, *entry.optionalServiceDef);
+    announce(entry);
+    KESA_TRACE(MAIN_CHANNEL, 3,
+               "[registerService RemoteRegistryHandler] remote registry not available and service='%s' is not "
+               "statically configured",
+               path.c_str());
+    eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
+}
+
+ServiceDef KesaRuntimeImpl::dynamicServiceDef(const Registration& registration) const
+{
+    ServiceDef serviceDef(Path(registration.path), registration.type, registration.versions, {});
+    GenericObject metainfo = registration.metainfo;
+    metainfo.set(providerKey(), m_proc_name);
+    metainfo.add(versionsKey(), toGeneric(registration.versions));
+    bool isExternal = false;
+    if (!metainfo["$external_lomo"].get(isExternal) && isExternal) {
+        serviceDef.serializationFormats = std::vector<std::string>{"application/json"};
+    } else {
+        serviceDef.serializationFormats = KesaConfigAccessor(m_config).getSerializers(registration.path);
+    }
+    serviceDef.metainfo = std::move(metainfo);
+    return serviceDef;
+}
+
+void KesaRuntimeImpl::registerStatic(RuntimeEntry& entry, Registration& registration)
+{
+    const std::string& path = registration.path;
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] service='%s' is static configured", path.c_str());
+    if (!entry.optionalServiceDef) {
+        obr::GlobalErrorHandler::doAssert(false, "iter->second.optionalServiceDef != kesa::nullopt", __FILE__, __LINE__,
+                                          "operator()", "[registerService] No ServiceDef is present");
+        return;
+    }
+    if (applyToStaticRecord(entry, registration)) {
+        return;
+    }
+    if (m_backendList.provideURL(entry.optionalServiceDef->locators, registration.api)) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] static configured service='%s' can not be registered",
+                   path.c_str());
+        if (!lacksRegistrator(entry, __LINE__)) {
+            refuseRegistrator(entry);
+        }
+        return;
+    }
+    entry.providedLocators = entry.optionalServiceDef->locators;
+    announce(entry);
+    eventlog::registrationRegister(m_eventSource, *entry.optionalServiceDef);
+    eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
+}
+
+/// Brings what is registered into the configured record, where it stays also when the registration is refused. True
+/// when it was refused because of its type.
+bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registration& registration)
+{
+    ServiceDef& record = *entry.optionalServiceDef;
+    const std::string& path = registration.path;
+    record.metainfo = registration.metainfo;
+    if (record.versions.empty() && !registration.versions.empty()) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 1,
+                        fmt::format("[registerService] service='{}' static entry has not versions but available at "
+                                    "runtime -> applying",
+                                    path));
+        record.versions = registration.versions;
+        record.metainfo->add(versionsKey(), toGeneric(registration.versions));
+    }
+    if (record.type == registration.type) {
+        return false;
+    }
+    const std::string configured = nameOf(record.type);
+    const std::string registered = nameOf(registration.type);
+    KESA_TRACE(MAIN_CHANNEL, 4,
+               "Service registration of statically configured service '%s': Service type mismatch: configured=%s; "
+               "in-registration=%s",
+               path.c_str(), configured.c_str(), registered.c_str());
+    refuseRegistrator(entry, "service '" + path + "type mismatch configured " + configured + " but registration with " +
+                                 registered);
+    return true;
+}
+
+/// Tells the registrator, here, and all who track the service, on the updater.
+void KesaRuntimeImpl::announce(RuntimeEntry& entry)
+{
+    (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef);
+    triggerRuntimeUpdate(ServiceUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef), entry.trackers,
+                         m_queryTrackers);
+}
+
+bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)
+{
+    if (entry.optionalRegistrator) {
+        return false;
+    }
+    obr::GlobalErrorHandler::doAssert(false, "iter->second.optionalRegistrator.has_value()", __FILE__, line,
+                                      "operator()", "optionalRegistrator is not present it is a strange error");
+    return true;
+}
+
+void KesaRuntimeImpl::refuseRegistrator(RuntimeEntry& entry, std::string_view text)
+{
+    refuse(std::move(*entry.optionalRegistrator), text);
+    entry.optionalRegistrator.reset();
+}
+
+void KesaRuntimeImpl::refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view text)
+{
+    postError(std::move(handler), Response::createErrorResponse(409, text));
+}
+
+} // namespace kesa::runtime::v02

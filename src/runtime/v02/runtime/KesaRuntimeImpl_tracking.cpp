@@ -1,0 +1,165 @@
+#include <runtime/v02/runtime/KesaRuntimeImpl.h>
+
+#include <runtime/v02/runtime/EventLog.h>
+#include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
+
+#include <algorithm>
+
+namespace kesa::runtime::v02 {
+
+namespace {
+
+using eventlog::CausedBy;
+using TrackingObserver = responsehandlers::FuncResponseHandler<ServiceUpdate>;
+using ObservedTracking = responsehandlers::DoOnEachResponseHandler<ServiceUpdate>;
+
+/// Whether a tracker of a path is the one of this handle. Its address alone may be that of an earlier one.
+bool isTracker(const TrackingHandler& tracker, const Handle& handle)
+{
+    return &tracker == handle.address && static_cast<const QueryUpdateBookkeeper&>(tracker).number() == handle.number;
+}
+
+/// The first news of a tracker, on the executor. It must come before the tracker joins the list: later news come on the
+/// updater, and the chain has no lock.
+void notify(TrackingHandler& chain, const ServiceDef& serviceDef)
+{
+    chain.onNext(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef));
+}
+
+} // namespace
+
+Disposable KesaRuntimeImpl::trackService(const std::string& path, std::unique_ptr<TrackingHandler>&& handler)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackService] '%s'", path.c_str());
+    return trackService(path, true, std::move(handler));
+}
+
+Disposable KesaRuntimeImpl::trackService(const std::string& path, bool, std::unique_ptr<TrackingHandler>&& handler)
+{
+    if (refuseNull("trackService", handler.get()) || refuseBadPath(path, handler)) {
+        return {};
+    }
+    auto observer = std::make_unique<TrackingObserver>(
+        [this](const ServiceUpdate& update) {
+            eventlog::trackingUpdate(m_eventSource, update);
+            return false;
+        },
+        [this, path = path](const Response&) { eventlog::trackingStop(m_eventSource, path, CausedBy::eERROR); }, [] {});
+    auto observed = std::make_unique<ObservedTracking>(std::move(observer), std::move(handler));
+    auto chain = std::make_unique<QueryUpdateBookkeeper>(std::move(observed), newNumber());
+    const Handle handle{static_cast<const TrackingHandler*>(chain.get()), chain->number()};
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path]'%s' handle='%p'", path.c_str(), handle.address);
+    toExecutor([this, path = path, handle, chain = std::move(chain)]() mutable {
+        addTracker(path, std::move(chain), handle);
+    });
+    return disposable([this, path = path, handle] { removeTracker(path, handle); });
+}
+
+void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle)
+{
+    onExecutor();
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] new tracker for service '%s' handle='%p'", path.c_str(),
+               handle.address);
+    eventlog::trackingStart(m_eventSource, path);
+    if (refuseWithoutRegistry(*chain)) {
+        return;
+    }
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end()) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] service='%s' is not registerd or tracked handle='%p'",
+                   path.c_str(), handle.address);
+        m_runtimeEntries[path].trackers.push_back(std::move(chain));
+        return;
+    }
+    RuntimeEntry& entry = found->second;
+    if (entry.isProvidedByThisProcess && entry.optionalRegistrator) {
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[trackService, path] service='%s' already registered -> notifying tracker handle='%p'",
+                   path.c_str(), handle.address);
+        notify(*chain, *entry.optionalServiceDef);
+    } else if (entry.isStaticConfigured) {
+        // What this process is to provide itself is there once it has registered it.
+        if (!entry.isProvidedByThisProcess && entry.optionalServiceDef) {
+            KESA_TRACE(MAIN_CHANNEL, 2,
+                       "[trackService, path] service='%s' is static configured an in provided by other process "
+                       "handle='%p'",
+                       path.c_str(), handle.address);
+            notify(*chain, *entry.optionalServiceDef);
+        }
+    } else if (entry.optionalServiceDef) {
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[trackService, path] service='%s' already tracked -> notifying tracker handle='%p'", path.c_str(),
+                   handle.address);
+        notify(*chain, *entry.optionalServiceDef);
+    }
+    entry.trackers.push_back(std::move(chain));
+}
+
+void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handle)
+{
+    onExecutor();
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path Disposable] service='%s'", path.c_str());
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end()) {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[trackService, path Disposable] no trackService found for service='%s' handle='%p'", path.c_str(),
+                   handle.address);
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path Disposable] service='%s' handle='%p' DONE", path.c_str(),
+                   handle.address);
+        return;
+    }
+    RuntimeEntry& entry = found->second;
+    std::shared_ptr<TrackingHandler> leaving;
+    const auto tracker = std::find_if(entry.trackers.begin(), entry.trackers.end(),
+                                      [&handle](const auto& each) { return isTracker(*each, handle); });
+    if (tracker != entry.trackers.end()) {
+        leaving = std::move(*tracker);
+        entry.trackers.erase(tracker);
+    }
+    if (!entry.isStaticConfigured && entry.trackers.empty() && !entry.optionalRegistrator) {
+        entry.optionalServiceDef.reset();
+    }
+    deleteRuntimeEntry(path);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path Disposable] service='%s' handle='%p' DONE", path.c_str(),
+               handle.address);
+    eventlog::trackingStop(m_eventSource, path, CausedBy::eUSER);
+}
+
+void KesaRuntimeImpl::triggerRuntimeUpdate(ServiceUpdate&& update, const Trackers& trackers,
+                                           const QueryTrackers& queryTrackers)
+{
+    onExecutor();
+    post(*m_updater, [this, update = std::move(update), tCopy = trackers, qCopy = queryTrackers] {
+        const char* const path = update.element.path.toString().c_str();
+        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] service='%s' tCopy.size()=%zu qCopy.size()=%zu", path,
+                   tCopy.size(), qCopy.size());
+        deliverToTrackers(update, tCopy);
+        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] query size %zu service='%s'", qCopy.size(), path);
+        deliverToQueryTrackers(update, qCopy);
+        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] DONE service='%s'", path);
+    });
+}
+
+void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const
+{
+    onUpdater();
+    for (const auto& tracker : trackers) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] tracker onNext service='%s'",
+                   update.element.path.toString().c_str());
+        tracker->onNext(update);
+    }
+}
+
+/// Every query tracker filters for itself.
+void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const
+{
+    onUpdater();
+    const char* const path = update.element.path.toString().c_str();
+    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] query size %zu service='%s'", queryTrackers.size(), path);
+    for (const auto& [handle, tracker] : queryTrackers) {
+        tracker->onNext(update);
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] DONE service='%s'", path);
+}
+
+} // namespace kesa::runtime::v02
