@@ -1,5 +1,6 @@
 #include "LoopThread.h"
 
+#include "CurrentLoop.h"
 #include "LiveLoop.h"
 
 #include <comm/AtFork.h>
@@ -30,7 +31,10 @@ void* run(void* argument)
     const std::unique_ptr<Start> start(static_cast<Start*>(argument));
     currentThread = start->thread;
     ::pthread_setname_np(::pthread_self(), threadName(start->thread->loopName()).c_str());
-    start->body();
+    {
+        const CurrentLoop current(&start->thread->info());
+        start->body();
+    }
     currentThread = nullptr;
     return nullptr;
 }
@@ -60,7 +64,9 @@ std::string threadName(const std::string& loopName)
     return last.substr(0, 15);
 }
 
-LoopThread::LoopThread(const std::string& loopName) : m_loopName(loopName), m_generation(AtFork::generation()) {}
+LoopThread::LoopThread(const std::string& loopName, bool isReactor)
+    : m_loopName(loopName), m_info{m_loopName, isReactor}, m_generation(AtFork::generation())
+{}
 
 void LoopThread::start(std::function<void()> body)
 {

@@ -1,6 +1,7 @@
 #ifndef COMM_LOOPTHREAD_H
 #define COMM_LOOPTHREAD_H
 
+#include <comm/onAnyLoop.h>
 #include <pthread.h>
 
 #include <functional>
@@ -15,7 +16,7 @@ std::string threadName(const std::string& loopName);
 /// The thread of one loop. It lives in what the loop and its thread share, so it outlives both uses.
 class LoopThread {
 public:
-    explicit LoopThread(const std::string& loopName);
+    explicit LoopThread(const std::string& loopName, bool isReactor = false);
 
     /// Runs `body` on a new thread, which takes no signals. Ends the process when there is no thread to be had.
     void start(std::function<void()> body);
@@ -32,9 +33,11 @@ public:
     [[nodiscard]] bool mayStop(const char* function) const;
 
     const std::string& loopName() const noexcept { return m_loopName; }
+    const LoopInfo& info() const noexcept { return m_info; }
 
 private:
     const std::string m_loopName;
+    const LoopInfo m_info;
     const unsigned m_generation;
     pthread_t m_thread{};
     std::mutex m_joinMutex;

@@ -4,6 +4,7 @@
 // results have to wait in one direction, as Kesa's do.
 #include <comm/SimulatedScheduler.h>
 
+#include "CurrentLoop.h"
 #include "LiveLoop.h"
 
 #include <obr/ErrorStorage.h>
@@ -30,12 +31,15 @@ struct Timer {
 
 /// What a simulated loop is, run loop or reactor: the one has events, the other tasks and timers.
 struct Loop : std::enable_shared_from_this<Loop> {
-    Loop(const std::string& loopName, std::uint64_t loopGroup) : name(loopName), group(loopGroup) {}
+    Loop(const std::string& loopName, std::uint64_t loopGroup, bool isReactor)
+        : name(loopName), info{name, isReactor}, group(loopGroup)
+    {}
 
     bool hasWork() const noexcept { return !queue.empty() || !turnEnd.empty(); }
     bool hasDueTimer(TimeNs time) const noexcept { return !timers.empty() && timers.begin()->first.when <= time; }
 
     const std::string name;
+    const LoopInfo info;
     const std::uint64_t group;
     std::deque<util::UniqueFunction<void()>> queue;
     std::map<Timer, Reactor::Task> timers;
@@ -68,9 +72,9 @@ public:
         return bound == 0 ? 0 : z % bound;
     }
 
-    std::shared_ptr<Loop> add(const std::string& name)
+    std::shared_ptr<Loop> add(const std::string& name, bool isReactor)
     {
-        return m_loops.emplace_back(std::make_shared<Loop>(name, m_group));
+        return m_loops.emplace_back(std::make_shared<Loop>(name, m_group, isReactor));
     }
     void push(Loop& loop, util::UniqueFunction<void()> work);
     void stop(Loop& loop);
@@ -134,6 +138,7 @@ void SimulatedScheduler::Impl::runOne(Loop& loop)
     const auto keep = loop.shared_from_this(); // its work may destroy its handle
     loop.isRunning = true;
     m_running.push_back(&loop);
+    const CurrentLoop current(&loop.info);
     obr::ErrorStorage::exchange(loop.error);
     const bool isTimerDue = loop.hasDueTimer(m_now);
     if (isTimerDue || !loop.queue.empty()) {
@@ -298,7 +303,9 @@ private:
 
 class SimulatedScheduler::RunLoop final : public IRunLoop {
 public:
-    RunLoop(std::shared_ptr<Impl> impl, const std::string& name) : m_impl(std::move(impl)), m_loop(m_impl->add(name)) {}
+    RunLoop(std::shared_ptr<Impl> impl, const std::string& name)
+        : m_impl(std::move(impl)), m_loop(m_impl->add(name, false))
+    {}
     ~RunLoop() override { m_impl->remove(m_loop); }
 
     void enque(util::SharedPtr<ActiveObjectEvent> event) override
@@ -316,7 +323,7 @@ private:
 class SimulatedScheduler::LoopReactor final : public Reactor {
 public:
     LoopReactor(std::shared_ptr<Impl> impl, const std::string& name)
-        : m_impl(std::move(impl)), m_loop(m_impl->add(name))
+        : m_impl(std::move(impl)), m_loop(m_impl->add(name, true))
     {}
     ~LoopReactor() override { m_impl->remove(m_loop); }
 
