@@ -103,7 +103,7 @@ private:
     void call(F&& callback);
     void requestStop();
     void wake() const noexcept;
-    [[nodiscard]] bool isOnLoop(const char* function) const;
+    void expectOnLoop(const char* function) const;
     [[nodiscard]] bool control(int operation, Watch& watch) const;
 
     LoopThread m_thread;
@@ -188,9 +188,7 @@ void EpollReactor::post(Task task)
 
 Reactor::Id EpollReactor::startTimer(TimeNs when, Task task)
 {
-    if (!isOnLoop(__func__)) {
-        return 0;
-    }
+    expectOnLoop(__func__);
     const Id id = ++m_lastId;
     m_timers.emplace(Timer{when, id}, std::move(task));
     m_timerTimes.emplace(id, when);
@@ -199,9 +197,10 @@ Reactor::Id EpollReactor::startTimer(TimeNs when, Task task)
 
 void EpollReactor::cancelTimer(Id id)
 {
-    if (!isOnLoop(__func__)) {
+    if (m_hasEnded.load(std::memory_order_acquire)) {
         return;
     }
+    expectOnLoop(__func__);
     const auto found = m_timerTimes.find(id);
     if (found != m_timerTimes.end()) {
         const auto timer = m_timers.extract(Timer{found->second, id}); // dies when both tables are in order
@@ -211,9 +210,7 @@ void EpollReactor::cancelTimer(Id id)
 
 Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction ready)
 {
-    if (!isOnLoop(__func__)) {
-        return 0;
-    }
+    expectOnLoop(__func__);
     auto entry = std::make_unique<Watch>(Watch{descriptor, toEpoll(interest), true, std::move(ready)});
     if (control(EPOLL_CTL_ADD, *entry)) {
         return 0;
@@ -225,9 +222,7 @@ Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction
 
 void EpollReactor::changeInterest(Id id, unsigned interest)
 {
-    if (!isOnLoop(__func__)) {
-        return;
-    }
+    expectOnLoop(__func__);
     const auto found = m_watches.find(id);
     if (found == m_watches.end() || found->second->interest == toEpoll(interest)) {
         return;
@@ -238,9 +233,10 @@ void EpollReactor::changeInterest(Id id, unsigned interest)
 
 void EpollReactor::unwatch(Id id)
 {
-    if (!isOnLoop(__func__)) {
+    if (m_hasEnded.load(std::memory_order_acquire)) {
         return;
     }
+    expectOnLoop(__func__);
     const auto found = m_watches.find(id);
     if (found == m_watches.end()) {
         return;
@@ -271,9 +267,7 @@ bool EpollReactor::control(int operation, Watch& watch) const
 
 void EpollReactor::atTurnEnd(Task task)
 {
-    if (!isOnLoop(__func__)) {
-        return;
-    }
+    expectOnLoop(__func__);
     m_turnEnd.push_back(std::move(task));
 }
 
@@ -443,17 +437,12 @@ void EpollReactor::call(F&& callback)
     m_callbackStart = end;
 }
 
-/// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.
-bool EpollReactor::isOnLoop(const char* function) const
+void EpollReactor::expectOnLoop(const char* function) const
 {
-    if (m_thread.isCurrent()) {
-        return true;
-    }
-    if (!m_hasEnded.load(std::memory_order_acquire)) {
+    if (!m_thread.isCurrent()) {
         const std::string message = fmt::format("called outside of the loop '{}'", m_thread.loopName());
         obr::GlobalErrorHandler::doAssert(false, "isCurrent()", __FILE__, __LINE__, function, message.c_str());
     }
-    return false;
 }
 
 } // namespace

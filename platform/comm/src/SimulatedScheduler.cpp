@@ -331,17 +331,16 @@ public:
 
     Id startTimer(TimeNs when, Task task) override
     {
-        if (!isOnLoop(__func__)) {
-            return 0;
-        }
         const Id id = ++m_loop->lastId;
-        m_loop->timers.emplace(Timer{when, id}, std::move(task));
-        m_loop->timerTimes.emplace(id, when);
+        if (expectOnLoop(__func__)) {
+            m_loop->timers.emplace(Timer{when, id}, std::move(task));
+            m_loop->timerTimes.emplace(id, when);
+        }
         return id;
     }
     void cancelTimer(Id id) override
     {
-        if (!isOnLoop(__func__)) {
+        if (!expectOnLoop(__func__)) {
             return;
         }
         const auto found = m_loop->timerTimes.find(id);
@@ -362,7 +361,7 @@ public:
 
     void atTurnEnd(Task task) override
     {
-        if (isOnLoop(__func__)) {
+        if (expectOnLoop(__func__)) {
             m_loop->turnEnd.push_back(std::move(task));
         }
     }
@@ -370,16 +369,14 @@ public:
     bool isCurrent() const noexcept override { return m_impl->isInnermost(*m_loop); }
 
 private:
-    bool isOnLoop(const char* function) const
+    /// False for a loop that has ended: there is nothing left to arrange.
+    bool expectOnLoop(const char* function) const
     {
-        if (m_loop->isDead) {
-            return false;
-        }
-        if (!isCurrent()) {
+        if (!m_loop->isDead && !isCurrent()) {
             const std::string message = "called outside of the loop '" + m_loop->name + "'";
             obr::GlobalErrorHandler::doAssert(false, "isCurrent()", __FILE__, __LINE__, function, message.c_str());
         }
-        return isCurrent();
+        return !m_loop->isDead;
     }
 
     const std::shared_ptr<Impl> m_impl;

@@ -47,11 +47,13 @@ public:
     virtual void onReadable() = 0;
     /// After `wantWrite`: there is room again.
     virtual void onWritable() = 0;
-    /// The peer's process has ended, although its end of the stream may be held open by a child of it.
+    /// The peer's process has ended, although its end of the stream may be held open by a child of it. What it wrote
+    /// has been read before. Not called where the end of the stream was read first and the stream closed.
     virtual void onPeerExited() = 0;
 };
 
-/// A connected stream of bytes that never blocks. Threads: everything on the loop, except `write`.
+/// A connected stream of bytes that never blocks. Threads: everything on the loop, except `write`. A listener may close
+/// and destroy its stream from inside a call.
 class IStream {
 public:
     virtual ~IStream() = default;
@@ -108,14 +110,16 @@ public:
     /// Connects; `done` is called on the loop, never inside the call. Loop only.
     virtual void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) = 0;
 
-    /// Calls `appeared`, on the loop, each time the endpoint may have begun to listen. 0 where that cannot be watched:
-    /// then the caller polls. Loop only.
+    /// Calls `appeared`, on the loop and never inside the call, each time the endpoint may have begun to listen, also
+    /// when that was between the last `connect` and this call. 0 where that cannot be watched: then the caller polls.
+    /// Loop only.
     virtual comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) = 0;
     virtual void unwatchEndpoint(comm::Reactor::Id id) = 0;
 
     /// The longest pause between two attempts to connect.
     virtual comm::TimeNs longestPause() const noexcept = 0;
-    /// Stops listening and gives the name back. Loop only; streams are closed by their owners before.
+    /// Stops listening and gives the name back; no `accept`, `done` or `appeared` is called any more. Loop only; streams
+    /// are closed by their owners before.
     virtual void close() = 0;
 };
 

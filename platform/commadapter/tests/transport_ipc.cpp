@@ -1,0 +1,444 @@
+// The ipc transport against the kernel: each test has a run directory of its own and leaves neither files nor
+// descriptors behind. Other processes are forked children that make plain system calls only.
+
+#include "transport/IpcTransport.h"
+#include "transport/NameClaim.h"
+#include "transport/PeerProcess.h"
+#include "transport_support.h"
+
+#include <comm/Scheduler.h>
+#include <tracing/Sink.h>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <list>
+
+namespace kesa::commadapter::transport::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::size_t openDescriptors()
+{
+    return static_cast<std::size_t>(std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator()));
+}
+
+/// A plain socket that is bound to, or connected to, a path.
+int rawSocket(const fs::path& path, int (*use)(int, const sockaddr*, socklen_t))
+{
+    const int directory = ::open(path.parent_path().c_str(), O_PATH | O_CLOEXEC);
+    const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string name = "/proc/self/fd/" + std::to_string(directory) + '/' + path.filename().string();
+    name.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+    const int result = use(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ::close(directory);
+    return result == 0 ? socket : -1;
+}
+
+/// A child process that runs `body` and then lives until it is ended.
+class Child {
+public:
+    explicit Child(const std::function<void()>& body)
+    {
+        std::array<int, 2> ready{};
+        EXPECT_EQ(::pipe2(ready.data(), O_CLOEXEC), 0);
+        pid = ::fork();
+        if (pid == 0) {
+            body();
+            static_cast<void>(::write(ready[1], "x", 1) == 1);
+            for (;;) {
+                ::pause();
+            }
+        }
+        char byte = 0;
+        ::close(ready[1]);
+        EXPECT_EQ(::read(ready[0], &byte, 1), 1);
+        ::close(ready[0]);
+    }
+    ~Child() { end(); }
+    Child(const Child&) = delete;
+    Child& operator=(const Child&) = delete;
+    void end()
+    {
+        if (pid > 0) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+            pid = 0;
+        }
+    }
+    pid_t pid = 0;
+};
+
+/// One "process": a loop, its transport, and what was accepted.
+struct Node {
+    Node(Board& testBoard, const std::string& directory)
+        : board(testBoard), loop(comm::Scheduler::current().makeReactor("kesa-io"))
+    {
+        IpcSettings settings;
+        settings.runDir = directory;
+        transport = makeIpcTransport(settings, loop);
+    }
+    ~Node()
+    {
+        board.run(*loop, [this] {
+            for (Peer& peer : accepted) {
+                peer.close();
+            }
+            for (Peer& peer : connected) {
+                peer.close();
+            }
+            transport->close();
+        });
+        loop->stop();
+    }
+    Node(const Node&) = delete;
+    Node& operator=(const Node&) = delete;
+
+    bool listen(const std::string& process)
+    {
+        return transport->listen(
+            process,
+            [this](std::unique_ptr<IStream> stream) {
+                Peer* peer = nullptr;
+                board.change([&] { peer = &accepted.emplace_back(board, *loop); });
+                peer->start(std::move(stream));
+            },
+            why);
+    }
+    /// The failure, or nothing when it is connected.
+    std::optional<ITransport::Failure> connect(const std::string& process)
+    {
+        std::optional<ITransport::Connected> result;
+        loop->post([&] {
+            transport->connect({"ipc", process, "", ""}, [&](ITransport::Connected answer) {
+                if (answer.stream) {
+                    connected.emplace_back(board, *loop).start(std::move(answer.stream));
+                }
+                board.change([&] { result = std::move(answer); });
+            });
+        });
+        board.waitUntil([&] { return result.has_value(); });
+        reason = result->reason;
+        return connected.empty() || !reason.empty() ? std::optional(result->failure) : std::nullopt;
+    }
+    comm::Reactor::Id watch(const std::string& process)
+    {
+        comm::Reactor::Id id = 0;
+        board.run(*loop, [&] {
+            id = transport->watchEndpoint({"ipc", process, "", ""}, [this] { board.change([this] { ++appeared; }); });
+        });
+        return id;
+    }
+
+    Board& board;
+    const std::shared_ptr<comm::Reactor> loop;
+    std::unique_ptr<ITransport> transport;
+    std::list<Peer> accepted;
+    std::list<Peer> connected;
+    std::string why;
+    std::string reason;
+    int appeared = 0;
+};
+
+class TransportIpc : public testing::Test {
+protected:
+    TransportIpc()
+    {
+        std::string name = (fs::temp_directory_path() / "kesa-ipc-XXXXXX").string();
+        root = ::mkdtemp(name.data());
+        directory = (root / "run").string();
+    }
+    ~TransportIpc() override
+    {
+        fs::remove_all(root);
+        EXPECT_EQ(openDescriptors(), descriptors);
+    }
+    bool appears(const Node& node, int times)
+    {
+        return board.waitUntil([&] { return node.appeared >= times; });
+    }
+
+    const std::size_t descriptors = openDescriptors();
+    fs::path root;
+    std::string directory;
+    Board board;
+};
+
+TEST_F(TransportIpc, ConnectsWhateverTheLengthOfPathAndNameAndVouchesForBothSides)
+{
+    directory = (root / std::string(150, 'd')).string();
+    const std::string name = "../" + std::string(61, '\x01');
+    Node server(board, directory);
+    Node client(board, directory);
+    ASSERT_FALSE(server.listen(name)) << server.why;
+    ASSERT_FALSE(server.listen(name)) << "claimed already";
+    ASSERT_EQ(client.connect(name), std::nullopt) << client.reason;
+
+    client.connected.back().send(pattern(300'000, 1));
+    ASSERT_TRUE(board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().isConnected; }));
+    Peer& accepted = server.accepted.back();
+    EXPECT_TRUE(board.waitUntil([&] { return accepted.received.size() == 300'000; }));
+    EXPECT_TRUE(board.read(accepted.received) == pattern(300'000, 1));
+    accepted.send("answer");
+    EXPECT_TRUE(board.waitUntil([&] { return client.connected.back().received == "answer"; }));
+    for (Peer* peer : {&accepted, &client.connected.back()}) {
+        EXPECT_EQ(board.read(peer->identity).pid, ::getpid());
+        EXPECT_EQ(board.read(peer->identity).uid, ::getuid());
+        EXPECT_EQ(board.read(peer->identity).gid, ::getgid());
+    }
+
+    struct stat status {};
+    ASSERT_EQ(::stat((directory + '/' + socketFileName(name)).c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 07777U, 0660U);
+    const auto own = server.transport->parse(url(server.transport->ownEndpoint()->toString() + "/a/path"));
+    ASSERT_TRUE(own.has_value());
+    EXPECT_EQ(*own, *server.transport->ownEndpoint());
+    for (const char* malformed : {"ipc://a:1/p", "ipc://%zz/p", "ipc://%2/p", "ipc://a+/p", "ipc:///p", "tcp://a/p"}) {
+        EXPECT_FALSE(client.transport->parse(url(malformed)).has_value()) << malformed;
+    }
+    board.run(*server.loop, [&] { server.transport->close(); });
+    std::size_t files = 0;
+    for (const auto& file : fs::directory_iterator(directory)) {
+        EXPECT_TRUE(file.path().extension() == ".lock" || file.path().filename() == "realm") << file;
+        ++files;
+    }
+    EXPECT_EQ(files, 2U);
+}
+
+TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
+{
+    Node first(board, directory);
+    Node second(board, directory);
+    ASSERT_FALSE(first.listen("media"));
+    EXPECT_TRUE(second.listen("media"));
+    EXPECT_EQ(second.why,
+              "the name \"media\" is held by process " + std::to_string(::getpid()) + ", which is this one");
+    EXPECT_TRUE(first.listen("other")) << "a transport has one name";
+
+    // A child made meanwhile does not keep the name.
+    const Child bystander([] {});
+    board.run(*first.loop, [&] { first.transport->close(); });
+    EXPECT_FALSE(second.listen("media")) << second.why;
+
+    Child holder([this] {
+        const int lock = ::open((directory + "/nav.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ::flock(lock, LOCK_EX | LOCK_NB);
+        const std::string pid = std::to_string(::getpid());
+        static_cast<void>(::write(lock, pid.data(), pid.size()) > 0);
+        rawSocket(directory + "/nav.sock", ::bind);
+    });
+    Node third(board, directory);
+    EXPECT_TRUE(third.listen("nav"));
+    EXPECT_EQ(third.why, "the name \"nav\" is held by process " + std::to_string(holder.pid));
+    holder.end();
+    EXPECT_EQ(second.connect("nav"), ITransport::Failure::eMISSING) << "a stale socket";
+    EXPECT_FALSE(third.listen("nav")) << third.why;
+    EXPECT_EQ(second.connect("nav"), std::nullopt) << second.reason;
+}
+
+TEST_F(TransportIpc, AMissingEndpointIsReportedWhenItAppears)
+{
+    directory = (root / "not" / "there" / "yet").string();
+    Node client(board, directory);
+    auto server = std::make_unique<Node>(board, directory);
+    EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
+    ASSERT_NE(client.watch("media"), 0U);
+    fs::create_directories(fs::path(directory).parent_path());
+    ASSERT_FALSE(server->listen("media")) << server->why;
+    ASSERT_TRUE(appears(client, 1));
+    EXPECT_EQ(client.connect("media"), std::nullopt) << client.reason;
+
+    // Restarted while its directory stays.
+    server = nullptr;
+    EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
+    int before = board.read(client.appeared);
+    server = std::make_unique<Node>(board, directory);
+    ASSERT_FALSE(server->listen("media")) << server->why;
+    ASSERT_TRUE(appears(client, before + 1));
+
+    // Its directory is removed while it is held open, and made anew.
+    before = board.read(client.appeared);
+    fs::remove_all(directory);
+    EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
+    Node next(board, directory);
+    ASSERT_FALSE(next.listen("media")) << next.why;
+    do {
+        ASSERT_TRUE(appears(client, ++before));
+    } while (client.connect("media"));
+    EXPECT_TRUE(client.transport->canHandle(*next.transport->ownEndpoint()));
+}
+
+TEST_F(TransportIpc, AnEndpointThatAppearedBeforeItWasWatchedIsReportedButAStaleFileIsNot)
+{
+    Node client(board, directory);
+    Node server(board, directory);
+    fs::create_directory(directory);
+    ::close(rawSocket(directory + "/stale.sock", ::bind));
+    EXPECT_EQ(client.connect("stale"), ITransport::Failure::eMISSING);
+    EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
+    ASSERT_FALSE(server.listen("media"));
+    const comm::Reactor::Id stale = client.watch("stale");
+    client.watch("media");
+    ASSERT_TRUE(appears(client, 1));
+    board.run(*client.loop, [&] { client.transport->unwatchEndpoint(stale); });
+    EXPECT_EQ(client.appeared, 1);
+}
+
+TEST_F(TransportIpc, ARealmIsOneRunDirectory)
+{
+    Node first(board, directory);
+    Node second(board, directory);
+    Node elsewhere(board, (root / "elsewhere").string());
+    const Endpoint withoutRealm{"ipc", "media", "", ""};
+    EXPECT_TRUE(second.transport->canHandle(withoutRealm));
+    ASSERT_FALSE(first.listen("media"));
+    ASSERT_FALSE(elsewhere.listen("media"));
+    const Endpoint own = *first.transport->ownEndpoint();
+    EXPECT_EQ(own.realm.size(), 16U);
+    EXPECT_NE(own.realm, elsewhere.transport->ownEndpoint()->realm);
+    EXPECT_TRUE(second.transport->canHandle(own)) << "the directory appeared";
+    EXPECT_FALSE(elsewhere.transport->canHandle(own));
+    EXPECT_FALSE(second.transport->canHandle({"tcp", "media", "", ""}));
+    ASSERT_FALSE(second.listen("nav"));
+    EXPECT_EQ(second.transport->ownEndpoint()->realm, own.realm);
+}
+
+class Lines final : public tracing::ISink {
+public:
+    explicit Lines(Board& board) : m_board(board) {}
+    void write(const tracing::Line& line) override
+    {
+        m_board.change([&] { lines.emplace_back(line.text); });
+    }
+    std::vector<std::string> lines;
+
+private:
+    Board& m_board;
+};
+
+TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
+{
+    const auto sink = std::make_shared<Lines>(board);
+    tracing::setSink(sink);
+    std::ofstream(root / "file") << "no directory";
+    Node node(board, (root / "file" / "run").string());
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_NE(node.why.find("KESA_RUN_DIR"), std::string::npos) << node.why;
+    EXPECT_EQ(sink->lines.size(), 1U);
+    tracing::setSink(nullptr);
+
+    IpcSettings settings;
+    settings.runDir = directory;
+    settings.socketGroup = "no such group";
+    const auto transport = makeIpcTransport(settings, node.loop);
+    EXPECT_TRUE(transport->listen(
+        "media", [](std::unique_ptr<IStream>) {}, node.why));
+    EXPECT_EQ(node.why, "there is no group \"no such group\"; see \"socket_group\"");
+    Node other(board, directory);
+    EXPECT_FALSE(other.listen("media")) << other.why;
+    EXPECT_TRUE(Node(board, directory).listen(std::string(65, 'a')));
+}
+
+TEST_F(TransportIpc, AFullBacklogIsBusyNotMissing)
+{
+    fs::create_directory(directory);
+    const int listening = rawSocket(directory + "/busy.sock", ::bind);
+    ASSERT_EQ(::listen(listening, 1), 0);
+    Node client(board, directory);
+    std::optional<ITransport::Failure> failure;
+    for (int i = 0; i < 10 && !failure; ++i) {
+        failure = client.connect("busy");
+    }
+    EXPECT_EQ(failure, ITransport::Failure::eBUSY);
+    ::close(listening);
+}
+
+TEST_F(TransportIpc, TheEndOfAProcessIsSeenAlthoughItsChildHoldsTheStream)
+{
+    Node server(board, directory);
+    ASSERT_FALSE(server.listen("media"));
+    std::array<int, 2> leash{}; // the grandchild ends when the test closes it
+    ASSERT_EQ(::pipe2(leash.data(), O_CLOEXEC), 0);
+    Child process([&] {
+        ::close(leash[1]);
+        const int stream = rawSocket(directory + "/media.sock", ::connect);
+        if (::fork() == 0) {
+            char byte = 0;
+            ::_exit(static_cast<int>(::read(leash[0], &byte, 1)));
+        }
+        const std::string words = pattern(3000, 4);
+        static_cast<void>(::write(stream, words.data(), words.size()) > 0);
+    });
+    const pid_t pid = process.pid;
+    process.end();
+    ASSERT_TRUE(board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().hasPeerExited; }));
+    Peer& accepted = server.accepted.back();
+    EXPECT_TRUE(board.read(accepted.receivedAtExit) == pattern(3000, 4));
+    EXPECT_EQ(board.read(accepted.identity).pid, pid);
+    EXPECT_FALSE(board.read(accepted.isEnded));
+    ::close(leash[0]);
+    ::close(leash[1]);
+    EXPECT_TRUE(board.waitUntil([&] { return accepted.isEnded; }));
+}
+
+TEST_F(TransportIpc, WithoutThePeersPidfdTheNumberIsTakenAndTheSocketLookedAt)
+{
+    std::array<int, 2> pair{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    Child process([] {});
+    EXPECT_TRUE(openPeerProcessByPid(pair[0], process.pid).pidfd);
+    const pid_t pid = process.pid;
+    process.end();
+    EXPECT_TRUE(openPeerProcessByPid(pair[0], pid).hasEnded);
+    ::close(pair[1]);
+    const PeerProcess reused = openPeerProcessByPid(pair[0], ::getpid());
+    EXPECT_FALSE(reused.pidfd || reused.hasEnded) << "the peer is gone, its number may be anybody's";
+    ::close(pair[0]);
+}
+
+TEST_F(TransportIpc, AcceptingPausesWhileNoDescriptorIsLeft)
+{
+    const auto sink = std::make_shared<Lines>(board);
+    Node server(board, directory);
+    ASSERT_FALSE(server.listen("media"));
+    const int directoryFd = ::open(directory.c_str(), O_PATH | O_CLOEXEC);
+    const int client = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string name = "/proc/self/fd/" + std::to_string(directoryFd) + "/media.sock";
+    name.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+
+    tracing::setSink(sink);
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    const rlimit none{0, limit.rlim_max};
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
+    EXPECT_EQ(::connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    EXPECT_TRUE(board.waitUntil([&] { return !sink->lines.empty(); }));
+    EXPECT_TRUE(board.read(server.accepted.size()) == 0);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_TRUE(board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().isConnected; }));
+    EXPECT_EQ(board.read(sink->lines.size()), 1U);
+    tracing::setSink(nullptr);
+    ::close(client);
+    ::close(directoryFd);
+}
+
+} // namespace
+} // namespace kesa::commadapter::transport::test

@@ -1,0 +1,221 @@
+// Two inotify watches: one in the directory, one in its nearest existing parent. The parent's is needed even while the
+// directory exists: a directory that somebody has open reports nothing when it is removed. After each change of the
+// directory itself both are set again and everybody is told, because files may have appeared in between.
+
+#include "transport/EndpointWatch.h"
+
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstring>
+#include <set>
+#include <utility>
+
+namespace kesa::commadapter::transport {
+
+namespace {
+
+constexpr std::uint32_t SELF = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
+constexpr std::uint32_t IN_DIRECTORY = IN_CREATE | IN_MOVED_TO | SELF;
+constexpr std::uint32_t IN_ANCESTOR = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | SELF;
+constexpr std::uint32_t IS_GONE = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
+
+/// While the watches cannot be set again, everybody is told once a second.
+constexpr comm::TimeNs POLL = comm::SECOND;
+
+std::string parentOf(const std::string& path)
+{
+    const std::size_t slash = path.rfind('/');
+    return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+bool isMissing(int error)
+{
+    return error == ENOENT || error == ENOTDIR;
+}
+
+} // namespace
+
+/// What one batch of events means.
+struct EndpointWatch::News {
+    bool isDirectoryChanged = false;
+    bool isOverflow = false;
+    std::set<std::string, std::less<>> appeared;
+
+    void add(const inotify_event& event, int directory, int ancestor, std::string_view awaited)
+    {
+        const std::string_view name = event.len > 0 ? std::string_view(event.name) : std::string_view();
+        if ((event.mask & IN_Q_OVERFLOW) != 0U) {
+            isOverflow = true;
+        } else if (event.wd != directory && event.wd != ancestor) {
+            return; // of a watch that has been removed
+        } else if ((event.mask & IS_GONE) != 0U || (event.wd == ancestor && name == awaited)) {
+            isDirectoryChanged = true;
+        } else if (event.wd == directory) {
+            appeared.emplace(name);
+        }
+    }
+};
+
+EndpointWatch::EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory)
+    : m_loop(std::move(loop)), m_path(directory), m_self(std::make_shared<EndpointWatch*>(this))
+{}
+
+EndpointWatch::~EndpointWatch()
+{
+    clear();
+}
+
+comm::Reactor::Id EndpointWatch::add(const std::string& file, Appeared appeared)
+{
+    if (!m_inotify && open()) {
+        shutDown();
+        return 0;
+    }
+    const comm::Reactor::Id id = ++m_lastId;
+    m_watchers.emplace(id, Watcher{file, std::make_shared<Appeared>(std::move(appeared))});
+    return id;
+}
+
+void EndpointWatch::remove(comm::Reactor::Id id)
+{
+    const auto watcher = m_watchers.extract(id); // dies when the table is in order
+    if (m_watchers.empty()) {
+        shutDown();
+    }
+}
+
+void EndpointWatch::clear()
+{
+    const auto watchers = std::exchange(m_watchers, {});
+    shutDown();
+}
+
+void EndpointWatch::notify(comm::Reactor::Id id)
+{
+    m_loop->post([weak = std::weak_ptr(m_self), id] {
+        const auto self = weak.lock();
+        if (!self) {
+            return;
+        }
+        const auto found = (*self)->m_watchers.find(id);
+        if (found != (*self)->m_watchers.end()) {
+            const auto appeared = found->second.appeared; // it may remove itself
+            (*appeared)();
+        }
+    });
+}
+
+void EndpointWatch::notifyAll()
+{
+    for (const auto& watcher : m_watchers) {
+        notify(watcher.first);
+    }
+}
+
+bool EndpointWatch::open()
+{
+    m_inotify = Descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    if (!m_inotify || arm()) {
+        return true;
+    }
+    m_watch = m_loop->watch(m_inotify.get(), comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { onEvents(); });
+    return m_watch == 0;
+}
+
+void EndpointWatch::shutDown()
+{
+    if (m_watch != 0) {
+        m_loop->unwatch(std::exchange(m_watch, 0));
+    }
+    if (m_timer != 0) {
+        m_loop->cancelTimer(std::exchange(m_timer, 0));
+    }
+    m_inotify.reset();
+    m_directory = -1;
+    m_ancestor = -1;
+}
+
+void EndpointWatch::disarm()
+{
+    for (int* const watch : {&m_directory, &m_ancestor}) {
+        if (*watch >= 0) {
+            ::inotify_rm_watch(m_inotify.get(), *watch);
+            *watch = -1;
+        }
+    }
+}
+
+/// Sets both watches so that no change in between is missed: the parent's comes first. True when they cannot be set.
+bool EndpointWatch::arm()
+{
+    // Again when something appeared behind the back of the parent's watch; who makes it appear ever again is not
+    // served.
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        disarm();
+        std::string child = m_path;
+        for (;;) {
+            m_ancestor = ::inotify_add_watch(m_inotify.get(), parentOf(child).c_str(), IN_ANCESTOR);
+            if (m_ancestor >= 0 || !isMissing(errno) || parentOf(child) == "/") {
+                break;
+            }
+            child = parentOf(child);
+        }
+        m_awaited = child.substr(child.rfind('/') + 1);
+        if (child == m_path) {
+            m_directory = ::inotify_add_watch(m_inotify.get(), m_path.c_str(), IN_DIRECTORY);
+            if (m_directory >= 0 || !isMissing(errno)) {
+                return m_directory < 0;
+            }
+            return m_ancestor < 0;
+        }
+        if (m_ancestor < 0) {
+            return true;
+        }
+        if (::access(child.c_str(), F_OK) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// After a change of the directory itself.
+void EndpointWatch::rearm()
+{
+    if (arm() && m_timer == 0) {
+        m_timer = m_loop->startTimer(comm::now() + POLL, [this] {
+            m_timer = 0;
+            rearm();
+        });
+    }
+    notifyAll();
+}
+
+void EndpointWatch::onEvents()
+{
+    News news;
+    alignas(inotify_event) std::array<char, 8192> buffer;
+    for (;;) {
+        const ssize_t size = retryInterrupted([&] { return ::read(m_inotify.get(), buffer.data(), buffer.size()); });
+        if (size <= 0) {
+            break;
+        }
+        for (std::size_t at = 0; at < static_cast<std::size_t>(size);) {
+            const auto* const event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
+            news.add(*event, m_directory, m_ancestor, m_awaited);
+            at += sizeof(inotify_event) + event->len;
+        }
+    }
+    if (news.isDirectoryChanged || news.isOverflow) {
+        rearm();
+        return;
+    }
+    for (const auto& [id, watcher] : m_watchers) {
+        if (news.appeared.contains(watcher.file)) {
+            notify(id);
+        }
+    }
+}
+
+} // namespace kesa::commadapter::transport

@@ -1,0 +1,65 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_ENDPOINTWATCH_H
+#define KESA_COMMADAPTER_TRANSPORT_ENDPOINTWATCH_H
+
+#include "transport/Descriptor.h"
+
+#include <comm/Reactor.h>
+#include <util/UniqueFunction.h>
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kesa::commadapter::transport {
+
+/// Tells when a file appears in a directory that may itself be missing, be removed and be made anew. Costs nothing
+/// while nobody waits. Loop only.
+class EndpointWatch {
+public:
+    EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory);
+    ~EndpointWatch();
+    EndpointWatch(const EndpointWatch&) = delete;
+    EndpointWatch& operator=(const EndpointWatch&) = delete;
+
+    using Appeared = util::UniqueFunction<void()>;
+    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched.
+    comm::Reactor::Id add(const std::string& file, Appeared appeared);
+    /// Calls it once, never inside the call.
+    void notify(comm::Reactor::Id id);
+    void remove(comm::Reactor::Id id);
+    void clear();
+
+private:
+    struct Watcher {
+        std::string file;
+        std::shared_ptr<Appeared> appeared;
+    };
+    struct News;
+
+    bool open();
+    void shutDown();
+    bool arm();
+    void disarm();
+    void rearm();
+    void onEvents();
+    void notifyAll();
+
+    const std::shared_ptr<comm::Reactor> m_loop;
+    const std::string m_path;
+    std::map<comm::Reactor::Id, Watcher> m_watchers;
+    comm::Reactor::Id m_lastId = 0;
+    /// What is posted holds it weakly, and does nothing once it is gone.
+    std::shared_ptr<EndpointWatch*> m_self;
+
+    Descriptor m_inotify;
+    comm::Reactor::Id m_watch = 0;
+    comm::Reactor::Id m_timer = 0;
+    int m_directory = -1;  ///< watch of the directory, while it exists
+    int m_ancestor = -1;   ///< watch of its nearest existing parent
+    std::string m_awaited; ///< what has to change in the ancestor to matter
+};
+
+} // namespace kesa::commadapter::transport
+
+#endif

@@ -1,0 +1,229 @@
+#include "transport/IpcStream.h"
+
+#include "transport/PeerProcess.h"
+
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <array>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+namespace kesa::commadapter::transport {
+
+namespace {
+
+PeerIdentity toIdentity(const ucred& credentials)
+{
+    return {credentials.pid, credentials.uid, credentials.gid, {}};
+}
+
+PeerIdentity connectedPeer(int socket)
+{
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
+        return {};
+    }
+    return toIdentity(credentials);
+}
+
+} // namespace
+
+IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side)
+    : m_loop(std::move(loop)), m_socket(std::move(socket))
+{
+    if (side == Side::eCONNECTED) {
+        m_peer = connectedPeer(m_socket.get());
+        m_isPeerKnown = true;
+    }
+}
+
+IpcStream::~IpcStream()
+{
+    close();
+}
+
+void IpcStream::start(IStreamListener& listener)
+{
+    if (!m_socket) {
+        return;
+    }
+    m_listener = &listener;
+    m_watch = m_loop->watch(m_socket.get(), comm::Reactor::eREADABLE, [this](unsigned ready) { onReady(ready); });
+    if (m_watch == 0) {
+        m_isUnwatchable = true;
+        m_timer = m_loop->startTimer(comm::now(), [this] {
+            m_timer = 0;
+            m_listener->onReadable();
+        });
+    } else if (m_isPeerKnown) {
+        watchPeer();
+    }
+}
+
+/// One call per turn: the listener may close and destroy the stream in it. What is left is reported in the next turn.
+void IpcStream::onReady(unsigned readiness)
+{
+    if ((readiness & comm::Reactor::eWRITABLE) != 0U) {
+        m_loop->changeInterest(m_watch, comm::Reactor::eREADABLE);
+        m_listener->onWritable();
+    } else {
+        m_listener->onReadable();
+    }
+}
+
+IStream::Result IpcStream::read(std::span<unsigned char> into, std::size_t& size)
+{
+    size = 0;
+    if (!m_socket || m_isUnwatchable) {
+        return end(m_socket ? "the loop cannot watch the connection" : "closed");
+    }
+    if (into.empty()) {
+        return Result::eWOULD_BLOCK;
+    }
+    const ssize_t received =
+        m_isPeerKnown ? retryInterrupted([&] { return ::recv(m_socket.get(), into.data(), into.size(), MSG_DONTWAIT); })
+                      : receiveFirst(into);
+    if (received > 0) {
+        size = static_cast<std::size_t>(received);
+        m_owed -= std::min(m_owed, size);
+        return Result::eDONE;
+    }
+    return received == 0 ? end("the peer closed the connection") : fail(errno);
+}
+
+/// The kernel attaches the writer's credentials to the bytes.
+ssize_t IpcStream::receiveFirst(std::span<unsigned char> into)
+{
+    iovec part{into.data(), into.size()};
+    alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(sizeof(ucred))> control{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    const ssize_t received =
+        retryInterrupted([&] { return ::recvmsg(m_socket.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
+    if (received <= 0) {
+        return received;
+    }
+    m_isPeerKnown = true;
+    m_peer = connectedPeer(m_socket.get());
+    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_CREDENTIALS) {
+        ucred credentials{};
+        std::memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
+        m_peer = toIdentity(credentials);
+    }
+    const int off = 0;
+    ::setsockopt(m_socket.get(), SOL_SOCKET, SO_PASSCRED, &off, sizeof off);
+    if (m_listener != nullptr) {
+        watchPeer();
+    }
+    return received;
+}
+
+IStream::Result IpcStream::write(std::span<const iovec> from, std::size_t& size)
+{
+    size = 0;
+    if (!m_socket) {
+        return end("closed");
+    }
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(from.data());
+    message.msg_iovlen = std::min<std::size_t>(from.size(), IOV_MAX);
+    const ssize_t sent =
+        retryInterrupted([&] { return ::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    if (sent < 0) {
+        return fail(errno);
+    }
+    size = static_cast<std::size_t>(sent);
+    return Result::eDONE;
+}
+
+void IpcStream::wantWrite()
+{
+    if (m_watch != 0) {
+        m_loop->changeInterest(m_watch, comm::Reactor::eREADABLE | comm::Reactor::eWRITABLE);
+    }
+}
+
+void IpcStream::close()
+{
+    for (const comm::Reactor::Id watch : {std::exchange(m_watch, 0), std::exchange(m_pidfdWatch, 0)}) {
+        if (watch != 0) {
+            m_loop->unwatch(watch);
+        }
+    }
+    if (m_timer != 0) {
+        m_loop->cancelTimer(std::exchange(m_timer, 0));
+    }
+    m_pidfd.reset();
+    m_socket.reset();
+    m_listener = nullptr;
+}
+
+void IpcStream::watchPeer()
+{
+    PeerProcess process = openPeerProcess(m_socket.get(), m_peer.pid);
+    m_pidfd = std::move(process.pidfd);
+    if (m_pidfd) {
+        m_pidfdWatch =
+            m_loop->watch(m_pidfd.get(), comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { onPeerEnded(); });
+    } else if (process.hasEnded) {
+        m_timer = m_loop->startTimer(comm::now(), [this] { onPeerEnded(); });
+    }
+}
+
+/// What the peer wrote before its end comes first; what its children may add does not count.
+void IpcStream::onPeerEnded()
+{
+    m_timer = 0;
+    if (!m_hasPeerEnded) {
+        m_hasPeerEnded = true;
+        int unread = 0;
+        if (::ioctl(m_socket.get(), FIONREAD, &unread) == 0) {
+            m_owed = static_cast<std::size_t>(unread);
+        }
+    }
+    if (m_owed > 0) {
+        if (m_pidfdWatch == 0) {
+            m_timer = m_loop->startTimer(comm::now(), [this] { onPeerEnded(); });
+        }
+        return; // the pidfd stays readable: asked again in the next turn
+    }
+    if (m_pidfdWatch != 0) {
+        m_loop->unwatch(std::exchange(m_pidfdWatch, 0));
+        m_pidfd.reset();
+    }
+    m_listener->onPeerExited();
+}
+
+IStream::Result IpcStream::end(const char* reason)
+{
+    const std::lock_guard lock(m_reasonMutex);
+    if (m_reason.empty()) {
+        m_reason = reason;
+    }
+    return Result::eENDED;
+}
+
+IStream::Result IpcStream::fail(int error)
+{
+    switch (error) {
+    case EAGAIN:
+    case ENOBUFS: // of the kernel's, not of the socket's: both pass
+    case ENOMEM:
+        return Result::eWOULD_BLOCK;
+    case EPIPE:
+    case ECONNRESET:
+        return end("the peer closed the connection");
+    default:
+        return end(std::strerror(error));
+    }
+}
+
+} // namespace kesa::commadapter::transport

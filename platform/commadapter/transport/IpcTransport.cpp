@@ -1,0 +1,316 @@
+// Processes find each other in the run directory. A process that listens owns `<process>.sock` there, and holds the
+// lock on `<process>.lock` for as long as it lives (NameClaim.cpp). A client connects to the socket, and where there is
+// none waits for its file to appear (EndpointWatch.cpp). The file `realm` says which run directory a locator means;
+// locators of another one, on another host or in another container, are not handled here (RunDirectory.cpp).
+
+#include "transport/IpcTransport.h"
+
+#include "transport/Authority.h"
+#include "transport/EndpointWatch.h"
+#include "transport/IpcStream.h"
+#include "transport/NameClaim.h"
+#include "transport/RunDirectory.h"
+
+#include <obr/GlobalErrorHandler.h>
+#include <tracing/Channel.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <fmt/format.h>
+
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <utility>
+
+namespace kesa::commadapter::transport {
+
+namespace {
+
+/// So that many clients at once do not keep the loop from its connections.
+constexpr int ACCEPTS_PER_TURN = 64;
+constexpr comm::TimeNs ACCEPT_PAUSE = 100 * comm::MILLISECOND;
+constexpr std::size_t MOST_MISSING = 1024;
+
+const ::tracing::Channel& channel()
+{
+    static const ::tracing::Channel& instance = *new ::tracing::Channel("KESA_COMM_IPC");
+    return instance;
+}
+
+/// Tells one socket file from the next one of the same name; all zero: there is none.
+struct SocketFile {
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::int64_t changed = 0;
+
+    explicit SocketFile() = default;
+    explicit SocketFile(const struct stat& status)
+        : device(status.st_dev), inode(status.st_ino),
+          changed(std::int64_t{status.st_ctim.tv_sec} * comm::SECOND + status.st_ctim.tv_nsec)
+    {}
+    bool operator==(const SocketFile&) const = default;
+};
+
+class IpcTransport final : public ITransport {
+public:
+    IpcTransport(const IpcSettings& settings, std::shared_ptr<comm::Reactor> loop)
+        : m_settings(settings), m_loop(std::move(loop)), m_runDirectory(settings.runDir),
+          m_self(std::make_shared<IpcTransport*>(this)), m_endpoints(m_loop, m_runDirectory.path())
+    {}
+    ~IpcTransport() override { end(); }
+    IpcTransport(const IpcTransport&) = delete;
+    IpcTransport& operator=(const IpcTransport&) = delete;
+
+    std::string scheme() const override { return "ipc"; }
+    bool listen(const std::string& process, Accept accept, std::string& why) override;
+    std::optional<Endpoint> ownEndpoint() const override
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_own;
+    }
+    std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }
+    bool canHandle(const Endpoint& endpoint) const override
+    {
+        return endpoint.scheme == "ipc" && (endpoint.realm.empty() || m_runDirectory.hasRealm(endpoint.realm));
+    }
+    void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) override;
+    comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) override;
+    void unwatchEndpoint(comm::Reactor::Id id) override
+    {
+        onLoop(__func__);
+        m_endpoints.remove(id);
+    }
+    comm::TimeNs longestPause() const noexcept override { return comm::SECOND; }
+    void close() override
+    {
+        onLoop(__func__);
+        end();
+    }
+
+private:
+    void onLoop(const char* function) const
+    {
+        obr::GlobalErrorHandler::doAssert(m_loop->isCurrent(), "m_loop->isCurrent()", __FILE__, __LINE__, function,
+                                          "only on the loop of the transport");
+    }
+    template <class Task>
+    void postWhileOpen(Task task);
+    void startAccepting(Accept accept);
+    void acceptAll();
+    void pauseAccepting(int error);
+    Connected open(const Endpoint& endpoint);
+    Connected miss(const Endpoint& endpoint, const SocketFile& file);
+    void end();
+
+    const IpcSettings m_settings;
+    const std::shared_ptr<comm::Reactor> m_loop;
+    mutable RunDirectory m_runDirectory;
+
+    // Under the mutex.
+    mutable std::mutex m_mutex;
+    std::unique_ptr<NameClaim> m_claim;
+    std::optional<Endpoint> m_own;
+    bool m_isClosed = false;
+    bool m_isUnusableTraced = false;
+    /// What is posted holds it weakly, and does nothing once the transport is closed.
+    std::shared_ptr<IpcTransport*> m_self;
+
+    // The loop's own.
+    EndpointWatch m_endpoints;
+    std::map<std::string, SocketFile> m_missing; ///< what the last connect to a process found that did not answer
+    Accept m_accept;
+    int m_listening = -1;
+    comm::Reactor::Id m_acceptWatch = 0;
+    comm::Reactor::Id m_acceptTimer = 0;
+    bool m_isLimitTraced = false;
+};
+
+template <class Task>
+void IpcTransport::postWhileOpen(Task task)
+{
+    m_loop->post([weak = std::weak_ptr(m_self), task = std::move(task)]() mutable {
+        if (weak.lock()) {
+            task();
+        }
+    });
+}
+
+bool IpcTransport::listen(const std::string& process, Accept accept, std::string& why)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_own && m_own->process == process) {
+        return false;
+    }
+    if (m_isClosed || m_own || !isProcessName(process)) {
+        why = m_isClosed ? std::string("the transport is closed")
+                         : fmt::format("\"{}\" cannot be the name of this process", process);
+        return true;
+    }
+    Descriptor directory;
+    std::string realm;
+    if (m_runDirectory.prepare(directory, realm, why)) {
+        if (!std::exchange(m_isUnusableTraced, true)) {
+            KESA_TRACE_TEXT(channel(), 3,
+                            fmt::format("[listen] this process can connect, but provides nothing: {}", why));
+        }
+        return true;
+    }
+    m_claim = NameClaim::take(std::move(directory), process, m_settings, why);
+    if (!m_claim) {
+        return true;
+    }
+    m_own = Endpoint{"ipc", process, realm, {}};
+    postWhileOpen([this, socket = m_claim->socket(), accept = std::move(accept)]() mutable {
+        m_listening = socket;
+        startAccepting(std::move(accept));
+    });
+    return false;
+}
+
+void IpcTransport::startAccepting(Accept accept)
+{
+    m_accept = std::move(accept);
+    m_acceptWatch = m_loop->watch(m_listening, comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { acceptAll(); });
+    if (m_acceptWatch == 0) {
+        KESA_TRACE(channel(), 4, "[listen] the loop cannot watch the listening socket: nobody can connect");
+    }
+}
+
+void IpcTransport::acceptAll()
+{
+    for (int count = 0; count < ACCEPTS_PER_TURN && m_acceptWatch != 0; ++count) {
+        Descriptor socket(::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        if (socket) {
+            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eACCEPTED));
+        } else if (errno == EAGAIN) {
+            m_isLimitTraced = false;
+            return;
+        } else if (errno != EINTR && errno != ECONNABORTED) {
+            pauseAccepting(errno);
+            return;
+        }
+    }
+}
+
+/// The socket stays readable: without a pause the loop would spin until a descriptor is free.
+void IpcTransport::pauseAccepting(int error)
+{
+    if (!std::exchange(m_isLimitTraced, true)) {
+        KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s", std::strerror(error));
+    }
+    m_loop->changeInterest(m_acceptWatch, comm::Reactor::eNONE);
+    m_acceptTimer = m_loop->startTimer(comm::now() + ACCEPT_PAUSE, [this] {
+        m_acceptTimer = 0;
+        m_loop->changeInterest(m_acceptWatch, comm::Reactor::eREADABLE);
+    });
+}
+
+void IpcTransport::connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done)
+{
+    onLoop(__func__);
+    postWhileOpen([done = std::move(done), connected = open(endpoint)]() mutable { done(std::move(connected)); });
+}
+
+ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
+{
+    if (!canHandle(endpoint)) {
+        return {nullptr, Failure::eOTHER, "the locator is of another realm"};
+    }
+    const auto refuse = [](Failure failure, const char* what) {
+        return Connected{nullptr, failure, fmt::format("{}: {}", what, std::strerror(errno))};
+    };
+    const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
+    const Descriptor file(retryInterrupted([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+    if (!file) {
+        return errno == ENOENT || errno == ENOTDIR ? miss(endpoint, SocketFile())
+                                                   : refuse(Failure::eOTHER, "cannot look into the run directory");
+    }
+    struct stat status {};
+    ::fstat(file.get(), &status);
+    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!socket) {
+        return refuse(Failure::eOTHER, "cannot make a socket");
+    }
+    // Through the descriptor of its file: a socket's address has 108 bytes, whatever the path has.
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string link = fmt::format("/proc/self/fd/{}", file.get());
+    link.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+    if (retryInterrupted([&] {
+            return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+        }) != 0) {
+        switch (errno) {
+        case EAGAIN:
+            return refuse(Failure::eBUSY, "too many connections wait to be accepted");
+        case ENOENT:
+        case ECONNREFUSED:
+            return miss(endpoint, SocketFile(status));
+        default:
+            return refuse(Failure::eOTHER, "cannot connect");
+        }
+    }
+    m_missing.erase(endpoint.process);
+    return {std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eCONNECTED), Failure::eOTHER, {}};
+}
+
+ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)
+{
+    if (m_missing.size() >= MOST_MISSING) {
+        m_missing.clear(); // costs a watcher one attempt too many
+    }
+    m_missing[endpoint.process] = file;
+    return {nullptr, Failure::eMISSING,
+            fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.path())};
+}
+
+comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared)
+{
+    onLoop(__func__);
+    if (!canHandle(endpoint)) {
+        return 0;
+    }
+    const std::string file = socketFileName(endpoint.process);
+    const comm::Reactor::Id id = m_endpoints.add(file, std::move(appeared));
+    if (id == 0) {
+        return 0;
+    }
+    // It may have appeared between the connect that missed it and this call. A file that has been tried already does
+    // not count: it may lie there for ever.
+    struct stat status {};
+    if (::lstat((m_runDirectory.path() + '/' + file).c_str(), &status) == 0) {
+        const auto tried = m_missing.find(endpoint.process);
+        if (tried == m_missing.end() || tried->second != SocketFile(status)) {
+            m_endpoints.notify(id);
+        }
+    }
+    return id;
+}
+
+void IpcTransport::end()
+{
+    if (m_acceptTimer != 0) {
+        m_loop->cancelTimer(std::exchange(m_acceptTimer, 0));
+    }
+    if (m_acceptWatch != 0) {
+        m_loop->unwatch(std::exchange(m_acceptWatch, 0));
+    }
+    m_endpoints.clear();
+    const std::lock_guard lock(m_mutex);
+    m_self.reset();
+    m_isClosed = true;
+    m_own.reset();
+    m_claim.reset();
+}
+
+} // namespace
+
+std::unique_ptr<ITransport> makeIpcTransport(const IpcSettings& settings, std::shared_ptr<comm::Reactor> loop)
+{
+    return std::make_unique<IpcTransport>(settings, std::move(loop));
+}
+
+} // namespace kesa::commadapter::transport

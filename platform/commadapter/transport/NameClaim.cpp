@@ -1,0 +1,190 @@
+// Who has a name is decided by the lock on `<process>.lock` alone: the kernel gives it back when its holder dies,
+// however that happens, and it belongs to one opening of the file, so a second claim in the same process is refused as
+// well. The file is never removed, or two processes could hold locks on two files of one name. Only the holder of the
+// lock touches
+// `<process>.sock`: a socket left by a dead process is simply replaced.
+
+#include "transport/NameClaim.h"
+
+#include "transport/Authority.h"
+
+#include <fcntl.h>
+#include <grp.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <array>
+#include <charconv>
+#include <cstring>
+#include <optional>
+#include <string_view>
+#include <vector>
+
+namespace kesa::commadapter::transport {
+
+namespace {
+
+constexpr mode_t LOCK_MODE = 0600;
+/// The kernel lowers it to its own limit.
+constexpr int BACKLOG = 4096;
+
+std::string describeHolder(int lockFile)
+{
+    std::array<char, 16> buffer;
+    const ssize_t size = retryInterrupted([&] { return ::pread(lockFile, buffer.data(), buffer.size(), 0); });
+    pid_t pid = 0;
+    if (size <= 0 || std::from_chars(buffer.data(), buffer.data() + size, pid).ec != std::errc()) {
+        return "another process";
+    }
+    return fmt::format("process {}{}", pid, pid == ::getpid() ? ", which is this one" : "");
+}
+
+std::optional<gid_t> findGroup(const std::string& name)
+{
+    gid_t number = 0;
+    const auto parsed = std::from_chars(name.data(), name.data() + name.size(), number);
+    if (parsed.ec == std::errc() && parsed.ptr == name.data() + name.size()) {
+        return number;
+    }
+    std::vector<char> buffer(1024);
+    group entry{};
+    group* found = nullptr;
+    int error = 0;
+    while ((error = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
+        buffer.resize(buffer.size() * 2);
+    }
+    return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
+}
+
+} // namespace
+
+std::string socketFileName(const std::string& process)
+{
+    return encodeProcessName(process) + ".sock";
+}
+
+NameClaim::NameClaim(Descriptor directory, const std::string& process)
+    : m_directory(std::move(directory)), m_process(process), m_file(socketFileName(process))
+{}
+
+std::unique_ptr<NameClaim> NameClaim::take(Descriptor directory, const std::string& process,
+                                           const IpcSettings& settings, std::string& why)
+{
+    std::unique_ptr<NameClaim> claim(new NameClaim(std::move(directory), process));
+    if (claim->lock(why) || claim->listen(settings, why)) {
+        return nullptr;
+    }
+    return claim;
+}
+
+bool NameClaim::lock(std::string& why)
+{
+    const std::string file = encodeProcessName(m_process) + ".lock";
+    Descriptor opened(retryInterrupted([&] {
+        return ::openat(m_directory.get(), file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE);
+    }));
+    if (!opened) {
+        why = fmt::format("cannot open \"{}\" in the run directory: {}; it belongs to who used the name \"{}\" first",
+                          file, std::strerror(errno), m_process);
+        return true;
+    }
+    if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
+        why = errno == EWOULDBLOCK
+                  ? fmt::format("the name \"{}\" is held by {}", m_process, describeHolder(opened.get()))
+                  : fmt::format("cannot lock \"{}\" in the run directory: {}", file, std::strerror(errno));
+        return true;
+    }
+    m_lock = std::move(opened);
+    // For whoever is refused; the claim does not depend on it.
+    const std::string pid = fmt::format("{}\n", ::getpid());
+    if (::ftruncate(m_lock.get(), 0) == 0) {
+        static_cast<void>(retryInterrupted([&] { return ::pwrite(m_lock.get(), pid.data(), pid.size(), 0); }));
+    }
+    return false;
+}
+
+/// The socket gets its rights under a name nobody looks for, and appears under its own when one can connect to it.
+bool NameClaim::listen(const IpcSettings& settings, std::string& why)
+{
+    m_socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!m_socket) {
+        why = fmt::format("cannot make a socket: {}", std::strerror(errno));
+        return true;
+    }
+    // Accepted sockets inherit it. Setting it on them would be too late for a peer that writes in between.
+    const int on = 1;
+    ::setsockopt(m_socket.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
+
+    // A name of many encoded bytes is cut, for the length of socket addresses; the lock's number keeps it unique.
+    const std::string temporary =
+        fmt::format(".{:.40}.{}.{}.tmp", encodeProcessName(m_process), ::getpid(), m_lock.get());
+    ::unlinkat(m_directory.get(), temporary.c_str(), 0);
+    bool failed = bindHidden(temporary, settings, why);
+    struct stat status {};
+    if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
+                    ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                    ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
+        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, std::strerror(errno));
+        failed = true;
+    }
+    if (failed) {
+        ::unlinkat(m_directory.get(), temporary.c_str(), 0);
+        return true;
+    }
+    m_inode = status.st_ino;
+    return false;
+}
+
+bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const
+{
+    const auto refuse = [&](const char* what) {
+        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, std::strerror(errno));
+        return true;
+    };
+    // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = fmt::format("/proc/self/fd/{}/{}", m_directory.get(), temporary);
+    path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+    if (::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        return refuse("cannot bind");
+    }
+    if (!settings.socketGroup.empty()) {
+        const auto group = findGroup(settings.socketGroup);
+        if (!group) {
+            why = fmt::format("there is no group \"{}\"; see \"socket_group\"", settings.socketGroup);
+            return true;
+        }
+        if (::fchownat(m_directory.get(), temporary.c_str(), static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) !=
+            0) {
+            return refuse("cannot give its group to");
+        }
+    }
+    if (::fchmodat(m_directory.get(), temporary.c_str(), settings.socketMode, 0) != 0) {
+        return refuse("cannot give its mode to");
+    }
+    return false;
+}
+
+NameClaim::~NameClaim()
+{
+    if (!m_lock.isHere()) {
+        return;
+    }
+    struct stat status {};
+    if (m_inode != 0 && ::fstatat(m_directory.get(), m_file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+        status.st_ino == m_inode) {
+        ::unlinkat(m_directory.get(), m_file.c_str(), 0);
+    }
+    m_socket.reset();
+    static_cast<void>(::ftruncate(m_lock.get(), 0));
+    // Explicitly: a child that is between `fork` and its first instruction still shares the lock.
+    ::flock(m_lock.get(), LOCK_UN);
+}
+
+} // namespace kesa::commadapter::transport

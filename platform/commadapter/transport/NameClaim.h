@@ -1,0 +1,45 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_NAMECLAIM_H
+#define KESA_COMMADAPTER_TRANSPORT_NAMECLAIM_H
+
+#include "transport/Descriptor.h"
+#include "transport/IpcTransport.h"
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+/// The file name of the socket under which a process is found.
+std::string socketFileName(const std::string& process);
+
+/// A process name held in a run directory, and the socket that listens under it. Destroying it gives the name back.
+class NameClaim {
+public:
+    /// Null when a living process has the name or a right is missing; `why` says so. Never waits.
+    static std::unique_ptr<NameClaim> take(Descriptor directory, const std::string& process,
+                                           const IpcSettings& settings, std::string& why);
+    ~NameClaim();
+    NameClaim(const NameClaim&) = delete;
+    NameClaim& operator=(const NameClaim&) = delete;
+
+    int socket() const noexcept { return m_socket.get(); }
+
+private:
+    NameClaim(Descriptor directory, const std::string& process);
+    bool lock(std::string& why);
+    bool listen(const IpcSettings& settings, std::string& why);
+    bool bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const;
+
+    const Descriptor m_directory;
+    const std::string m_process;
+    const std::string m_file;
+    Descriptor m_lock;
+    Descriptor m_socket;
+    ino_t m_inode = 0; ///< of the socket's file, once it is there
+};
+
+} // namespace kesa::commadapter::transport
+
+#endif

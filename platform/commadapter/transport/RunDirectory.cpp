@@ -1,0 +1,157 @@
+#include "transport/RunDirectory.h"
+
+#include "transport/Authority.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+namespace kesa::commadapter::transport {
+
+namespace {
+
+constexpr const char* REALM_FILE = "realm";
+
+// 0755: others may look names up; who may connect is decided by each socket's own mode and group. A directory in which
+// several users provide services is made by the administrator, with the rights they share.
+constexpr mode_t DIRECTORY_MODE = 0755;
+constexpr mode_t REALM_MODE = 0644;
+
+std::string choosePath(const std::string& configured)
+{
+    if (!configured.empty()) {
+        return configured;
+    }
+    if (const char* const own = ::secure_getenv("KESA_RUN_DIR"); own != nullptr && *own != '\0') {
+        return own;
+    }
+    if (const char* const user = ::secure_getenv("XDG_RUNTIME_DIR"); user != nullptr && *user != '\0') {
+        return std::string(user) + "/kesa";
+    }
+    return "/run/kesa";
+}
+
+std::string makeAbsolute(const std::string& path)
+{
+    std::error_code ignored;
+    std::string absolute = std::filesystem::absolute(path, ignored).string();
+    while (absolute.size() > 1 && absolute.back() == '/') {
+        absolute.pop_back();
+    }
+    return absolute;
+}
+
+bool isRealm(std::string_view text)
+{
+    return text.size() == 16 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+/// True when the file is there and holds something else. Missing: `realm` stays empty.
+bool readRealm(int directory, std::string& realm)
+{
+    const Descriptor file(retryInterrupted(
+        [&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+    if (!file) {
+        return false;
+    }
+    std::array<char, 64> buffer;
+    const ssize_t size = retryInterrupted([&] { return ::read(file.get(), buffer.data(), buffer.size()); });
+    std::string_view text(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    if (!text.empty() && text.back() == '\n') {
+        text.remove_suffix(1);
+    }
+    if (!isRealm(text)) {
+        return true;
+    }
+    realm = text;
+    return false;
+}
+
+/// Writes a file of its own and links it to the name: nobody reads half a realm, and the first one to link has won.
+bool writeRealm(int directory)
+{
+    const std::string content = makeRealm() + '\n';
+    const std::string temporary = fmt::format(".realm.{}.{}.tmp", ::getpid(), content.substr(0, 8));
+    const Descriptor file(retryInterrupted(
+        [&] { return ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, REALM_MODE); }));
+    if (!file) {
+        return true;
+    }
+    const bool isWritten = ::fchmod(file.get(), REALM_MODE) == 0 &&
+                           retryInterrupted([&] { return ::write(file.get(), content.data(), content.size()); }) ==
+                               static_cast<ssize_t>(content.size()) &&
+                           retryInterrupted([&] { return ::fsync(file.get()); }) == 0 &&
+                           (::linkat(directory, temporary.c_str(), directory, REALM_FILE, 0) == 0 || errno == EEXIST);
+    const int error = errno;
+    ::unlinkat(directory, temporary.c_str(), 0);
+    errno = error;
+    return !isWritten;
+}
+
+} // namespace
+
+RunDirectory::RunDirectory(const std::string& configured) : m_path(makeAbsolute(choosePath(configured))) {}
+
+bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
+{
+    const auto refuse = [&](const char* what) {
+        why =
+            fmt::format("{} the run directory \"{}\": {}; make it writable for this process, or name another one with "
+                        "\"run_dir\" or KESA_RUN_DIR",
+                        what, m_path, std::strerror(errno));
+        return true;
+    };
+    const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;
+    Descriptor opened(retryInterrupted([&] { return ::open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    if (!opened) {
+        const bool isMissing = errno == ENOENT;
+        errno = isMissing ? makeError : errno;
+        return refuse(isMissing ? "cannot make" : "cannot open");
+    }
+    std::string text;
+    bool failed = readRealm(opened.get(), text);
+    if (!failed && text.empty()) {
+        if (writeRealm(opened.get())) {
+            return refuse("cannot write into");
+        }
+        failed = readRealm(opened.get(), text);
+    }
+    if (failed || text.empty()) {
+        why =
+            fmt::format("the file \"{}/{}\" does not hold 16 hex digits; remove it when no process uses the directory",
+                        m_path, REALM_FILE);
+        return true;
+    }
+    if (::faccessat(opened.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        return refuse("cannot write into");
+    }
+    const std::lock_guard lock(m_mutex);
+    m_realm = text;
+    realm = text;
+    directory = std::move(opened);
+    return false;
+}
+
+bool RunDirectory::hasRealm(const std::string& realm)
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_realm == realm) {
+        return true;
+    }
+    const Descriptor directory(
+        retryInterrupted([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    // While the directory is missing, its last realm stands.
+    return directory && !readRealm(directory.get(), m_realm) && m_realm == realm;
+}
+
+} // namespace kesa::commadapter::transport

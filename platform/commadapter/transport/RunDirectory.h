@@ -1,0 +1,36 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_RUNDIRECTORY_H
+#define KESA_COMMADAPTER_TRANSPORT_RUNDIRECTORY_H
+
+#include "transport/Descriptor.h"
+
+#include <mutex>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+/// The directory in which the processes of one realm find each other; its file `realm` names the realm. Any thread.
+class RunDirectory {
+public:
+    /// `configured`, else `$KESA_RUN_DIR`, else `$XDG_RUNTIME_DIR/kesa`, else `/run/kesa`.
+    explicit RunDirectory(const std::string& configured);
+
+    /// Absolute, without a slash at its end.
+    const std::string& path() const noexcept { return m_path; }
+
+    /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. True on
+    /// failure: `why` says what is wrong and what to do.
+    [[nodiscard]] bool prepare(Descriptor& directory, std::string& realm, std::string& why);
+
+    /// Whether this directory has the realm. Reads its file only until that is known, and for the realms of others:
+    /// the directory may have been made anew.
+    bool hasRealm(const std::string& realm);
+
+private:
+    const std::string m_path;
+    std::mutex m_mutex;
+    std::string m_realm; ///< under `m_mutex`; empty until known
+};
+
+} // namespace kesa::commadapter::transport
+
+#endif
