@@ -11,7 +11,8 @@ namespace util::config {
 
 /// Finds and reads the configuration document of a process. For the name "kesa" and the path "./config" it reads
 /// the first of: the file `$KESA_CONFIG`, `$KESA_CONFIG_DIR/kesa.json`, `./config/kesa.json`, `/etc/kesa/kesa.json`.
-/// A `$KESA_CONFIG` that names a missing file is a failure; the others are skipped when missing.
+/// A `$KESA_CONFIG` that names a missing file is a failure; the others are skipped when missing. A file that is there
+/// and cannot be read, or is larger than 16 MiB, is a failure.
 class KESA_API Provider {
 public:
     Provider(const std::string& name, const std::string& path, int number, LoadStrategy strategy);

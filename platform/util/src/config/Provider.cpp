@@ -1,0 +1,91 @@
+#include "environment.h"
+#include "readDocument.h"
+
+#include <obr/ErrorOutput.h>
+#include <obr/errors.h>
+#include <util/config/Provider.h>
+
+#include <cerrno>
+#include <unistd.h>
+
+namespace util::config {
+namespace {
+
+struct Candidate {
+    std::string folder;
+    std::string file;
+    bool mustExist;
+};
+
+std::string inUpperCase(std::string name)
+{
+    for (char& c : name) {
+        if (c >= 'a' && c <= 'z') {
+            c = static_cast<char>(c - 'a' + 'A');
+        }
+    }
+    return name;
+}
+
+std::string folderOf(const std::string& file)
+{
+    const std::size_t slash = file.rfind('/');
+    return slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
+}
+
+/// The files that may hold the document, the one that counts first.
+std::vector<Candidate> candidates(const std::string& name, const std::string& path)
+{
+    const std::string variable = inUpperCase(name) + "_CONFIG";
+    if (const std::string file = environment(variable); !file.empty()) {
+        return {{folderOf(file), file, true}};
+    }
+    std::vector<Candidate> result;
+    for (const std::string& folder : {environment(variable + "_DIR"), path, "/etc/" + name}) {
+        if (!folder.empty()) {
+            result.push_back({folder, folder + "/" + name + ".json", false});
+        }
+    }
+    return result;
+}
+
+bool exists(const std::string& file)
+{
+    return ::access(file.c_str(), F_OK) == 0 || (errno != ENOENT && errno != ENOTDIR);
+}
+
+} // namespace
+
+Provider::Provider(const std::string& name, const std::string& path, int, LoadStrategy)
+{
+    std::string lookedFor;
+    std::string problem;
+    for (const Candidate& candidate : candidates(name, path)) {
+        const Reading reading = readDocument(candidate.file, m_second, m_duplicateKeys, problem);
+        if (reading == Reading::eREAD) {
+            m_file = candidate.file;
+            m_first = m_second[name];
+            return;
+        }
+        if (reading == Reading::eFAILED || candidate.mustExist) {
+            m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, problem);
+            return;
+        }
+        lookedFor += (lookedFor.empty() ? "" : ", ") + candidate.file;
+    }
+    m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
+                                                          "there is no configuration; looked for " + lookedFor);
+}
+
+std::string Provider::folder(const std::string& name, const std::string& path)
+{
+    const std::vector<Candidate> all = candidates(name, path);
+    for (const Candidate& candidate : all) {
+        if (exists(candidate.file)) {
+            return candidate.folder;
+        }
+    }
+    return all.front().folder;
+}
+
+} // namespace util::config

@@ -1,0 +1,13 @@
+#include "environment.h"
+
+#include <cstdlib>
+
+namespace util::config {
+
+std::string environment(const std::string& name)
+{
+    const char* const value = ::secure_getenv(name.c_str());
+    return value != nullptr ? value : "";
+}
+
+} // namespace util::config

@@ -1,0 +1,106 @@
+#include "parseDocument.h"
+
+#include "../serializer/IDocumentParser.h"
+
+#include <util/config/Dictionary.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace util::config {
+namespace {
+
+using serializer::Token;
+using serializer::TokenList;
+
+/// Makes values of tokens. The depth of a document is limited, and so is the recursion.
+class Builder {
+public:
+    Builder(const TokenList& tokens, std::vector<std::string>& duplicateKeys) noexcept
+        : m_tokens(tokens), m_duplicateKeys(duplicateKeys)
+    {}
+
+    /// The next value; `path` leads to it.
+    Value build(const std::string& path)
+    {
+        const Token& token = m_tokens[m_next++];
+        switch (token.kind) {
+        case Token::Kind::eNULL:
+            return nullptr;
+        case Token::Kind::eFALSE:
+            return false;
+        case Token::Kind::eTRUE:
+            return true;
+        case Token::Kind::eINTEGER:
+            return token.integer;
+        case Token::Kind::eUNSIGNED:
+            return token.unsignedInteger;
+        case Token::Kind::eREAL:
+            return token.real;
+        case Token::Kind::eSTRING:
+            return token.string();
+        case Token::Kind::eARRAY:
+            return buildArray(token.extent, path);
+        case Token::Kind::eOBJECT:
+            break;
+        }
+        return buildDictionary(token.extent, path);
+    }
+
+private:
+    Value buildArray(std::size_t end, const std::string& path)
+    {
+        Value::Array items;
+        while (m_next < end) {
+            items.push_back(build(path + "[" + std::to_string(items.size()) + "]"));
+        }
+        return items;
+    }
+
+    Value buildDictionary(std::size_t end, const std::string& path)
+    {
+        std::vector<Value::Member> members;
+        while (m_next < end) {
+            const std::string_view key = m_tokens[m_next++].string();
+            std::string memberPath = path.empty() ? std::string(key) : path + "." + std::string(key);
+            members.emplace_back(key, build(memberPath));
+        }
+        noteDuplicates(members, path);
+        return Dictionary(std::move(members));
+    }
+
+    void noteDuplicates(const std::vector<Value::Member>& members, const std::string& path)
+    {
+        std::vector<std::string_view> keys;
+        keys.reserve(members.size());
+        for (const Value::Member& member : members) {
+            keys.push_back(member.first);
+        }
+        std::sort(keys.begin(), keys.end());
+        for (std::size_t i = 1; i < keys.size(); ++i) {
+            if (keys[i] == keys[i - 1] && (i == 1 || keys[i - 2] != keys[i])) {
+                m_duplicateKeys.push_back(path.empty() ? std::string(keys[i]) : path + "." + std::string(keys[i]));
+            }
+        }
+    }
+
+    const TokenList& m_tokens;
+    std::vector<std::string>& m_duplicateKeys;
+    std::size_t m_next = 0;
+};
+
+} // namespace
+
+bool parseDocument(std::string_view text, Value& out, std::vector<std::string>& duplicateKeys, std::string& problem)
+{
+    duplicateKeys.clear();
+    TokenList tokens;
+    const std::unique_ptr<serializer::IDocumentParser> parser = serializer::makeJsonParser();
+    if (parser->parse(text, tokens, problem)) {
+        return true;
+    }
+    out = Builder(tokens, duplicateKeys).build("");
+    return false;
+}
+
+} // namespace util::config

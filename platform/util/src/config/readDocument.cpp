@@ -1,0 +1,72 @@
+#include "readDocument.h"
+
+#include "parseDocument.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fcntl.h>
+#include <unistd.h>
+
+namespace util::config {
+namespace {
+
+constexpr std::size_t LARGEST_DOCUMENT = std::size_t{16} << 20;
+
+class Descriptor {
+public:
+    explicit Descriptor(int descriptor) noexcept : m_descriptor(descriptor) {}
+    ~Descriptor()
+    {
+        if (m_descriptor >= 0) {
+            ::close(m_descriptor);
+        }
+    }
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    int get() const noexcept { return m_descriptor; }
+
+private:
+    const int m_descriptor;
+};
+
+/// True, with `errno`, when it cannot be read; what is too large is cut behind the limit.
+[[nodiscard]] bool readBytes(int descriptor, std::string& bytes)
+{
+    char part[16 * 1024];
+    while (bytes.size() <= LARGEST_DOCUMENT) {
+        const ssize_t size = ::read(descriptor, part, sizeof part);
+        if (size == 0) {
+            return false;
+        }
+        if (size > 0) {
+            bytes.append(part, static_cast<std::size_t>(size));
+        } else if (errno != EINTR) {
+            return true;
+        }
+    }
+    return false;
+}
+
+} // namespace
+
+Reading readDocument(const std::string& file, Value& out, std::vector<std::string>& duplicateKeys, std::string& problem)
+{
+    std::string bytes;
+    const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
+        const bool isMissing = errno == ENOENT || errno == ENOTDIR;
+        problem = file + ": cannot be read: " + std::strerror(errno);
+        return isMissing ? Reading::eMISSING : Reading::eFAILED;
+    }
+    if (bytes.size() > LARGEST_DOCUMENT) {
+        problem = file + ": is larger than 16 MiB";
+        return Reading::eFAILED;
+    }
+    if (parseDocument(bytes, out, duplicateKeys, problem)) {
+        problem = file + ":" + problem;
+        return Reading::eFAILED;
+    }
+    return Reading::eREAD;
+}
+
+} // namespace util::config
