@@ -2,6 +2,7 @@
 #include <obr/ErrorOutput.h>
 #include <obr/ErrorStorage.h>
 #include <obr/errors.h>
+#include <util/serializer/formats.h>
 
 #include <utility>
 #include <vector>
@@ -14,8 +15,8 @@ using Kind = IStructuredPullDeserializer::Kind;
 
 namespace {
 
-// Values nest on the stack while they are written and read; nobody's values are that deep.
-constexpr int MAX_DEPTH = 200;
+// Values nest on the stack while they are written and read.
+using util::serializer::MAX_DEPTH;
 
 bool fail(std::string_view text)
 {
@@ -24,12 +25,12 @@ bool fail(std::string_view text)
 
 bool failTooDeep()
 {
-    return fail("the value is nested deeper than 200 levels");
+    return fail("the value is nested too deep");
 }
 
-bool writeValue(IStructuredSerializer& out, const Value& value, int depth);
+bool writeValue(IStructuredSerializer& out, const Value& value, std::size_t depth);
 
-bool writeMembers(IStructuredSerializer& out, const Dictionary& value, int depth)
+bool writeMembers(IStructuredSerializer& out, const Dictionary& value, std::size_t depth)
 {
     if (depth >= MAX_DEPTH) {
         return failTooDeep();
@@ -48,7 +49,7 @@ bool writeMembers(IStructuredSerializer& out, const Dictionary& value, int depth
     return out.endObject();
 }
 
-bool writeElements(IStructuredSerializer& out, const Value::Array& elements, int depth)
+bool writeElements(IStructuredSerializer& out, const Value::Array& elements, std::size_t depth)
 {
     if (depth >= MAX_DEPTH) {
         return failTooDeep();
@@ -76,7 +77,7 @@ bool writeNumber(IStructuredSerializer& out, const Value& value)
     return value.get(number) ? fail("a value that is not defined can not be written") : out.doubleValue(number);
 }
 
-bool writeValue(IStructuredSerializer& out, const Value& value, int depth)
+bool writeValue(IStructuredSerializer& out, const Value& value, std::size_t depth)
 {
     if (value.isDictionary()) {
         return writeMembers(out, value.dictionary(), depth);
@@ -96,9 +97,9 @@ bool writeValue(IStructuredSerializer& out, const Value& value, int depth)
     return writeNumber(out, value);
 }
 
-bool readValue(IStructuredPullDeserializer& in, Value& value, int depth);
+bool readValue(IStructuredPullDeserializer& in, Value& value, std::size_t depth);
 
-bool readMembers(IStructuredPullDeserializer& in, Dictionary& value, int depth)
+bool readMembers(IStructuredPullDeserializer& in, Dictionary& value, std::size_t depth)
 {
     if (depth >= MAX_DEPTH) {
         return failTooDeep();
@@ -122,7 +123,7 @@ bool readMembers(IStructuredPullDeserializer& in, Dictionary& value, int depth)
     return false;
 }
 
-bool readElements(IStructuredPullDeserializer& in, Value& value, int depth)
+bool readElements(IStructuredPullDeserializer& in, Value& value, std::size_t depth)
 {
     if (depth >= MAX_DEPTH) {
         return failTooDeep();
@@ -174,7 +175,7 @@ bool readInto(IStructuredPullDeserializer& in, Value& value)
     return false;
 }
 
-bool readValue(IStructuredPullDeserializer& in, Value& value, int depth)
+bool readValue(IStructuredPullDeserializer& in, Value& value, std::size_t depth)
 {
     Kind kind = Kind::eNULL;
     if (in.peek(kind)) {
