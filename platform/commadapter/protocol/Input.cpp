@@ -114,7 +114,7 @@ bool Machine::Input::checkHeader(const FrameHeader& header)
     if (rule.hasBody && header.length > m_limits.maxMessageBytes) {
         return fail(fmt::format("{} of {} bytes, more than {}", rule.name, header.length, m_limits.maxMessageBytes));
     }
-    return rule.hasBody && (header.hasMore() || !m_partials.empty()) && checkFragment(header);
+    return rule.hasStream && (header.hasMore() || !m_partials.empty()) && checkFragment(header);
 }
 
 bool Machine::Input::checkFragment(const FrameHeader& header)
@@ -340,6 +340,10 @@ bool Machine::Input::fail(std::string reason)
 {
     m_hasFailed = true;
     m_reason = std::move(reason);
+    m_current = nullptr;
+    m_partials.clear();
+    m_begin = 0;
+    m_end = 0;
     return true;
 }
 

@@ -11,6 +11,7 @@ namespace {
 constexpr std::size_t FULL_FRAME = HEADER_BYTES + FRAME_BYTES;
 constexpr std::size_t GATHERED_BYTES = 256U << 10U; ///< of the line in one `gather`: more fits into no socket
 constexpr std::size_t COMPACTED_BYTES = 64U << 10U;
+constexpr std::size_t KEPT_ENTRIES = 4096;
 
 } // namespace
 
@@ -454,6 +455,9 @@ void SendQueue::popFront()
     if (m_first == m_entries.size()) {
         m_entries.clear();
         m_first = 0;
+        if (m_entries.capacity() > KEPT_ENTRIES) { // a burst is over
+            m_entries.shrink_to_fit();
+        }
     } else if (m_first >= 1024 && 2 * m_first > m_entries.size()) {
         m_entries.erase(m_entries.begin(), m_entries.begin() + static_cast<std::ptrdiff_t>(m_first));
         m_first = 0;

@@ -1,0 +1,251 @@
+// What a peer may not do, with the reason each time; and that it cannot make us keep more than it sends.
+
+#include "protocol/Body.h"
+#include "protocol/Frame.h"
+#include "protocol_support.h"
+
+namespace kesa::commadapter::protocol {
+namespace {
+
+using namespace testing;
+
+Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uint32_t target, const Bytes& head = {},
+            std::size_t body = 0)
+{
+    FrameHeader header;
+    header.length = static_cast<std::uint32_t>(head.size() + body);
+    header.kind = static_cast<std::uint8_t>(kind);
+    header.flags = static_cast<std::uint8_t>(flags);
+    header.head = static_cast<std::uint16_t>(head.size());
+    header.stream = stream;
+    header.target = target;
+    Bytes bytes(HEADER_BYTES);
+    writeHeader(bytes.data(), header);
+    bytes.insert(bytes.end(), head.begin(), head.end());
+    bytes.resize(bytes.size() + body, 'b');
+    return bytes;
+}
+
+/// Headers alone, with lengths that are not backed by bytes.
+Bytes claim(std::uint32_t length, std::uint16_t head, unsigned kind = 5)
+{
+    Bytes bytes(HEADER_BYTES);
+    writeHeader(bytes.data(), {length, static_cast<std::uint8_t>(kind), 0, head, 1, 1});
+    return bytes;
+}
+
+/// The first fragment of a request that declares `size` bytes of body.
+Bytes firstFragment(std::uint32_t stream, std::uint32_t size)
+{
+    Bytes head = {0xBF, 3, 0x1A};
+    for (unsigned shift : {24U, 16U, 8U, 0U}) {
+        head.push_back(static_cast<unsigned char>(size >> shift));
+    }
+    head.push_back(0xFF);
+    return frame(5, FLAG_MORE, stream, 1, head, FRAME_BYTES - head.size());
+}
+
+Bytes joined(std::initializer_list<Bytes> parts)
+{
+    Bytes all;
+    for (const Bytes& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
+}
+
+Bytes hello(const Bytes& versions = {16, 1, 17, 1})
+{
+    return frame(1, 0, 0, 0, joined({{0xBF}, versions, {0xFF}}));
+}
+
+std::string reasonOf(Machine::Role role, const Bytes& bytes, const Limits& limits = {}, std::size_t atMost = SIZE_MAX)
+{
+    Recorder recorder;
+    Machine machine(role, helloOf("me"), limits, recorder, 0);
+    if (!feed(machine, bytes, atMost)) {
+        return "";
+    }
+    const std::size_t heard = recorder.lines.size();
+    EXPECT_TRUE(machine.received(0, 0)) << "it stays so";
+    EXPECT_FALSE(machine.inputBuffer().empty());
+    EXPECT_EQ(recorder.lines.size(), heard);
+    return machine.reason();
+}
+
+struct Offence {
+    Bytes afterHello;
+    std::string reason;
+};
+
+void expectReasons(Machine::Role role, const std::vector<Offence>& offences)
+{
+    for (const Offence& offence : offences) {
+        EXPECT_EQ(reasonOf(role, joined({hello(), offence.afterHello})), offence.reason);
+        EXPECT_EQ(reasonOf(role, joined({hello(), offence.afterHello}), {}, 1), offence.reason) << "byte by byte";
+    }
+}
+
+TEST(ProtocolBounds, theFirstMessageIsHelloAndOnlyTheFirst)
+{
+    const auto server = Machine::Role::eSERVER;
+    EXPECT_EQ(reasonOf(server, frame(10, 0, 0, 0)), "first message is of kind 10, not hello");
+    EXPECT_EQ(reasonOf(server, frame(77, 2, 0, 0)), "first message is of kind 77, not hello");
+    EXPECT_EQ(reasonOf(server, joined({hello(), hello()})), "second hello");
+    EXPECT_EQ(reasonOf(server, hello({16, 2, 17, 9})),
+              "no common protocol version: this side speaks 1 to 1, the peer 2 to 9");
+    EXPECT_EQ(reasonOf(server, hello({17, 0})), "no common protocol version: this side speaks 1 to 1, the peer 0 to 0");
+    EXPECT_EQ(reasonOf(server, hello({16, 0, 17, 9})), "") << "the highest common one is 1";
+    EXPECT_EQ(reasonOf(server, frame(1, 0, 0, 0)), "broken head of hello: it ends inside a value");
+    EXPECT_EQ(reasonOf(server, hello({16, 0x61, 'a'})), "broken head of hello: a value is not a number in its range");
+    EXPECT_EQ(reasonOf(server, hello({17, 0x1A, 0, 1, 0, 0})),
+              "broken head of hello: a value is not a number in its range");
+    EXPECT_EQ(reasonOf(server, hello({20, 0x41, 0})), "broken head of hello: the instance is not 16 bytes");
+    EXPECT_EQ(reasonOf(server, hello({21, 1})), "broken head of hello: the listeners are not an array");
+}
+
+TEST(ProtocolBounds, rolesNumbersAndParts)
+{
+    const Bytes path = {0xBF, 1, 0x62, '/', 'a', 0xFF};
+    expectReasons(Machine::Role::eSERVER, {
+                                              {frame(3, 0, 0, 1), "attached from a client"},
+                                              {frame(6, 0, 1, 200), "next from a client"},
+                                              {frame(7, 0, 1, 200), "error from a client"},
+                                              {frame(8, 0, 1, 0), "completed from a client"},
+                                              {frame(2, 0, 3, 1, path), "attach with stream 3"},
+                                              {frame(2, 0, 0, 0, path), "attach without a target"},
+                                              {frame(2, 0, 0, 1, path, 1), "attach with a body"},
+                                              {frame(2, 1, 0, 1, path), "attach in fragments"},
+                                              {frame(2, 0, 0, 1), "attach of a path of 0 bytes"},
+                                              {frame(4, 0, 0, 0), "detached without a target"},
+                                              {frame(4, 0, 0, 1, path), "detached with a head"},
+                                              {frame(5, 0, 0, 1), "request without a stream"},
+                                              {frame(5, 0, 1, 0), "request without a target"},
+                                              {frame(9, 0, 0, 0), "cancel without a stream"},
+                                              {frame(9, 0, 1, 1), "cancel with target 1"},
+                                              {frame(10, 0, 1, 0), "ping with stream 1"},
+                                              {frame(12, 0, 0, 0), "unknown kind 12"},
+                                              {frame(0, 0, 0, 0), "unknown kind 0"},
+                                              {frame(10, 4, 0, 0), "unknown flags 0x04"},
+                                              {claim(65537, 0), "frame of 65537 bytes, more than 65536"},
+                                              {claim(UINT32_MAX, 0), "frame of 4294967295 bytes, more than 65536"},
+                                              {claim(10, 11), "head of 11 bytes in a frame of 10"},
+                                              {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
+                                          });
+    expectReasons(Machine::Role::eCLIENT, {
+                                              {frame(2, 0, 0, 1, path), "attach from a server"},
+                                              {frame(5, 0, 1, 1), "request from a server"},
+                                              {frame(9, 0, 1, 0), "cancel from a server"},
+                                              {frame(6, 0, 1, 65536), "next with status 65536"},
+                                              {frame(8, 0, 1, 200), "completed with target 200"},
+                                          });
+}
+
+TEST(ProtocolBounds, unknownKindsThatMayBeIgnoredAreSkipped)
+{
+    Pair pair;
+    ASSERT_FALSE(feed(pair.server, joined({frame(200, FLAG_MAY_BE_IGNORED | FLAG_MORE, 7, 7, {1, 2, 3}, 60000),
+                                           frame(10, FLAG_MAY_BE_IGNORED, 0, 0), frame(9, 0, 4, 0)})));
+    EXPECT_EQ(pair.atServer.lines, (std::vector<std::string>{"cancel 4"}));
+    EXPECT_EQ(pair.server.takePongsOwed(), 1U);
+}
+
+TEST(ProtocolBounds, brokenHeads)
+{
+    Bytes deep(33, 0x9F);
+    deep.resize(66, 0xFF);
+    const std::vector<std::pair<Bytes, std::string>> heads = {
+        {{0x80}, "it is not a map"},
+        {{0xBF}, "it ends inside a value"},
+        {{0xBF, 0}, "it ends inside a value"},
+        {{0xA1, 0, 0, 0}, "bytes follow the map"},
+        {{0xA2, 0, 0}, "it ends inside a value"},
+        {{0xBF, 0, 4, 0xFF}, "a word has an unknown number"},
+        {{0xBF, 2, 0, 0xFF}, "a word has an unknown number"},
+        {{0xBF, 0, 0, 0, 1, 0xFF}, "a member stands twice"},
+        {{0xBF, 1, 0x41, 'a', 0xFF}, "a value is not text"},
+        {{0xBF, 1, 0x61, 0xFF, 0xFF}, "text is not UTF-8"},
+        {{0xBF, 1, 0x7B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "it ends inside a value"},
+        {{0xBF, 1, 0x7F, 0x61, 'a', 0xFF, 0xFF}, "indefinite length of a wrong item"},
+        {{0xBF, 6, 1, 0xFF}, "a value is not text"},
+        {{0xBF, 0x20, 1, 0xFF}, "a key is neither a number nor text"},
+        {{0xBF, 0x61, 'k', 0xFF}, "indefinite length of a wrong item"},
+        {{0xBF, 0x61, 'k', 0xA1, 1, 1, 0xFF}, "key of an inner map is not text"},
+        {{0xBF, 0x61, 'k', 0x9B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
+         "indefinite length of a wrong item"},
+        {{0xBF, 0x61, 'k', 0x3B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "integer out of range"},
+        {{0xBF, 0x61, 'k', 0xF7, 0xFF}, "unknown simple value"},
+        {{0xBF, 0x61, 'k', 0x1C, 0xFF}, "reserved item"},
+        {joined({{0xBF, 0x61, 'k'}, deep, {0xFF}}), "nested too deeply"},
+        {{0xBF, 3, 1, 0xFF}, ""}, // see below
+    };
+    for (const auto& [head, why] : heads) {
+        const std::string expected =
+            why.empty() ? "request of one frame declares a body size" : "broken head of request: " + why;
+        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})), expected);
+    }
+    // Of a later version, tagged, or of a form this side has no value for: read over.
+    const Bytes odd = {0xBF, 14, 0x9F, 1, 0xFF, 0x18, 99, 0xF6, 0xC1, 1, 0xC1, 0x61, 'p', 0x61, 'b', 0x41, 0, 0xFF};
+    Pair pair;
+    ASSERT_FALSE(feed(pair.server, frame(5, 0, 1, 1, odd))) << pair.server.reason();
+    EXPECT_EQ(pair.atServer.lines, (std::vector<std::string>{"request 1 1  p <>"}));
+}
+
+TEST(ProtocolBounds, fragmentsAreFullCountedAndOfOneMessage)
+{
+    const Bytes first = firstFragment(1, 200000);
+    const std::string shortfall = "fragments of stream 1 do not make the 200000 bytes declared";
+    const std::string between = " of stream 1 between the fragments of another message";
+    const Bytes next = frame(5, FLAG_MORE, 1, 1, {}, FRAME_BYTES);
+    Bytes cancel = frame(9, 0, 1, 0);
+    Bytes plain = frame(5, 0, 1, 1, {0xBF, 0xFF});
+    expectReasons(
+        Machine::Role::eSERVER,
+        {
+            {frame(5, FLAG_MORE, 1, 1, {0xBF, 0xFF}, 100), "fragment of 102 bytes, all but the last have 65536"},
+            {frame(5, FLAG_MORE, 1, 1, {0xBF, 0xFF}, FRAME_BYTES - 2), "fragmented request without a body size"},
+            {firstFragment(1, 10), "fragments of stream 1 do not make the 10 bytes declared"},
+            {joined({first, frame(5, 0, 1, 1, {}, 10)}), shortfall},
+            {joined({first, next, next, next}), shortfall},
+            {joined({first, cancel}), "cancel" + between},
+            {joined({first, plain}), "request" + between},
+            {joined({first, frame(5, FLAG_MORE, 1, 2, {}, FRAME_BYTES)}), "request" + between},
+            {firstFragment(1, 16777216), "request of 16777224 bytes, more than 16777216"},
+        });
+    Limits limits;
+    limits.maxPartialMessages = 2;
+    EXPECT_EQ(reasonOf(Machine::Role::eSERVER,
+                       joined({hello(), firstFragment(1, 200000), firstFragment(2, 200000), firstFragment(3, 200000)}),
+                       limits),
+              "more than 2 fragmented messages at once");
+    limits.maxMessageBytes = 1000;
+    EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {}, 1001)}), limits),
+              "request of 1001 bytes, more than 1000");
+}
+
+TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
+{
+    Body body(UINT32_MAX);
+    const Bytes some(1000, 'x');
+    for (std::size_t i = 0; i < 1000; ++i) {
+        body.append(some.data(), some.size());
+        ASSERT_LE(body.capacity(), std::max(Body::FIRST_BYTES, 4 * body.size()));
+    }
+    Body exact(100000);
+    while (exact.missing() > 0) {
+        exact.append(some.data(), some.size());
+    }
+    EXPECT_EQ(exact.capacity(), 100000U);
+
+    Limits limits;
+    limits.maxMessageBytes = UINT32_MAX;
+    Recorder recorder;
+    Machine machine(Machine::Role::eSERVER, helloOf("me"), limits, recorder, 0);
+    ASSERT_FALSE(feed(machine, hello()));
+    const Bytes first = firstFragment(1, UINT32_MAX - 100);
+    ASSERT_FALSE(feed(machine, first.data(), 10 + HEADER_BYTES));
+    EXPECT_LE(machine.inputBuffer().size(), Body::FIRST_BYTES);
+}
+
+} // namespace
+} // namespace kesa::commadapter::protocol

@@ -1,0 +1,173 @@
+// Replays the vectors of docs/protocol.md: what each says is heard, and writing that again gives the same bytes.
+
+#include "protocol/Frame.h"
+#include "protocol_support.h"
+
+#include <fstream>
+#include <memory>
+
+namespace kesa::commadapter::protocol {
+namespace {
+
+using namespace testing;
+
+struct Vector {
+    std::string sender; ///< "client" or "server"
+    char mark = ':';
+    std::string text;
+    Bytes bytes;
+};
+
+/// "bf 01" or "61*10"
+void appendBytes(const std::string& word, Bytes& bytes)
+{
+    const std::size_t star = word.find('*');
+    const auto byte = static_cast<unsigned char>(std::stoul(word.substr(0, star), nullptr, 16));
+    bytes.insert(bytes.end(), star == std::string::npos ? 1 : std::stoul(word.substr(star + 1)), byte);
+}
+
+std::vector<Vector> readVectors()
+{
+    std::ifstream in(KESA_DOCS "/protocol.md");
+    std::vector<Vector> vectors;
+    bool isInside = false;
+    for (std::string line; std::getline(in, line);) {
+        if (line == "```vector") {
+            isInside = true;
+            std::getline(in, line);
+            const std::size_t end = line.find(' ');
+            vectors.push_back({line.substr(0, end - 1), line[end - 1], line.substr(end + 1), {}});
+        } else if (line == "```") {
+            isInside = false;
+        } else if (isInside) {
+            std::istringstream words(line.substr(0, line.find('#')));
+            for (std::string word; words >> word;) {
+                appendBytes(word, vectors.back().bytes);
+            }
+        }
+    }
+    return vectors;
+}
+
+Bytes helloBytes(Machine::Role role, const Hello& hello)
+{
+    Recorder nobody;
+    Limits limits;
+    limits.maxMessageBytes = hello.maxMessageBytes;
+    Machine machine(role, hello, limits, nobody, 0);
+    return takeAll(machine);
+}
+
+/// Sends again what it hears.
+class Echo final : public Recorder {
+public:
+    explicit Echo(Machine::Role sender) : m_role(sender), machine(sender, helloOf("me"), {}, *this, 0)
+    {
+        takeAll(machine);
+    }
+
+    void onHello(const Hello& peer) override
+    {
+        Recorder::onHello(peer);
+        hello = helloBytes(m_role, peer);
+    }
+    void onAttach(std::uint32_t target, std::string path) override
+    {
+        machine.attach(target, path);
+        Recorder::onAttach(target, path);
+    }
+    void onDetach(std::uint32_t target) override
+    {
+        Recorder::onDetach(target);
+        machine.detached(target);
+    }
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override
+    {
+        EXPECT_EQ(machine.request(stream, target, request), Machine::Sent::eQUEUED);
+        Recorder::onRequest(stream, target, std::move(request));
+    }
+    void onCancel(std::uint32_t stream) override
+    {
+        Recorder::onCancel(stream);
+        EXPECT_EQ(machine.cancel(stream), Machine::Cancelled::eASKED);
+    }
+    void onAttached(std::uint32_t target) override
+    {
+        Recorder::onAttached(target);
+        machine.attached(target);
+    }
+    void onDetached(std::uint32_t target) override
+    {
+        Recorder::onDetached(target);
+        machine.detached(target);
+    }
+    void onNext(std::uint32_t stream, Response response) override
+    {
+        EXPECT_EQ(machine.next(stream, response), Machine::Sent::eQUEUED);
+        Recorder::onNext(stream, std::move(response));
+    }
+    void onError(std::uint32_t stream, Response error) override
+    {
+        machine.error(stream, error);
+        Recorder::onError(stream, std::move(error));
+    }
+    void onCompleted(std::uint32_t stream) override
+    {
+        Recorder::onCompleted(stream);
+        machine.completed(stream);
+    }
+
+private:
+    Machine::Role m_role;
+
+public:
+    Machine machine;
+    Bytes hello;
+};
+
+/// What was heard, in the words of the document: a large body is given by its size alone.
+std::string heard(const Echo& echo, Machine& receiver, const std::string& text)
+{
+    if (!echo.lines.empty()) {
+        return echo.lines.back().substr(0, echo.lines.back().find('#'));
+    }
+    if (text == "pong") {
+        return text; // nobody hears it
+    }
+    return receiver.takePongsOwed() == 1 ? "ping" : "(nothing)";
+}
+
+TEST(ProtocolDocument, itsVectorsAreReadAndWritten)
+{
+    const std::vector<Vector> vectors = readVectors();
+    ASSERT_GE(vectors.size(), 20U);
+    for (const Vector& vector : vectors) {
+        SCOPED_TRACE(vector.sender + vector.mark + ' ' + vector.text);
+        const bool isFromClient = vector.sender == "client";
+        const auto sender = isFromClient ? Machine::Role::eCLIENT : Machine::Role::eSERVER;
+        Echo echo(sender);
+        Machine receiver(isFromClient ? Machine::Role::eSERVER : Machine::Role::eCLIENT, helloOf("me"), {}, echo, 0);
+        if (vector.bytes.at(4) != static_cast<unsigned char>(Kind::eHELLO)) {
+            ASSERT_FALSE(feed(receiver, helloBytes(sender, helloOf("peer"))));
+            echo.lines.clear();
+        }
+        if (vector.mark == '!') {
+            EXPECT_TRUE(feed(receiver, vector.bytes));
+            EXPECT_EQ(receiver.reason(), vector.text);
+            continue;
+        }
+        ASSERT_FALSE(feed(receiver, vector.bytes)) << receiver.reason();
+        EXPECT_EQ(heard(echo, receiver, vector.text), vector.text);
+        if (vector.mark == ':') {
+            if (vector.text == "ping") {
+                echo.machine.ping();
+            } else if (vector.text == "pong") {
+                echo.machine.pong();
+            }
+            EXPECT_EQ(vector.text.rfind("hello", 0) == 0 ? echo.hello : takeAll(echo.machine), vector.bytes);
+        }
+    }
+}
+
+} // namespace
+} // namespace kesa::commadapter::protocol

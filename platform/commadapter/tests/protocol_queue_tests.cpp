@@ -1,0 +1,235 @@
+// How messages leave: the order that is promised, fair turns of large ones, what can be taken back, exact counting.
+// A seed decides what is sent, how many bytes a write takes and how the reader cuts them.
+
+#include "protocol_support.h"
+
+#include <map>
+
+namespace kesa::commadapter::protocol {
+namespace {
+
+using namespace testing;
+
+std::vector<std::string> linesOf(const std::vector<std::string>& lines, std::uint32_t stream)
+{
+    std::vector<std::string> found;
+    for (const std::string& line : lines) {
+        std::istringstream in(line);
+        std::string kind;
+        std::uint32_t number = 0;
+        in >> kind >> number;
+        if (number == stream) {
+            found.push_back(line);
+        }
+    }
+    return found;
+}
+
+/// One run of the property: a server that answers on a few streams, drops, is written in pieces, is read in pieces.
+class Exchange {
+public:
+    explicit Exchange(unsigned seed) : m_random(seed), m_onlySmall(seed % 4 == 0) {}
+
+    void go()
+    {
+        for (int step = 0; step < 200; ++step) {
+            if (draw(3) > 0) {
+                produce();
+            }
+            if (draw(4) == 0) {
+                move(draw(2) == 0 ? draw(300) : draw(200000));
+            }
+            checkCounts();
+        }
+        while (m_pair.server.queuedBytes() > 0) {
+            move(1 + draw(300000));
+        }
+        checkOrder();
+    }
+
+private:
+    std::size_t draw(std::size_t bound) { return std::uniform_int_distribution<std::size_t>(0, bound - 1)(m_random); }
+
+    void produce()
+    {
+        const auto stream = static_cast<std::uint32_t>(1 + draw(5));
+        const std::size_t what = draw(20);
+        if (what == 0 && !m_onlySmall) {
+            m_pair.server.dropQueued(stream);
+            m_dropped[stream] = true;
+            return;
+        }
+        const std::size_t size = what < 14 ? draw(200) : what < 17 || m_onlySmall ? draw(60000) : draw(400000);
+        const Response response(static_cast<unsigned short>(m_count++), large(size));
+        ASSERT_EQ(m_pair.server.next(stream, response), Machine::Sent::eQUEUED);
+        m_sent[stream].push_back(describe("next", stream, response));
+        m_all.push_back(m_sent[stream].back());
+    }
+
+    void move(std::size_t bytes)
+    {
+        const std::size_t queued = m_pair.server.queuedBytes();
+        const Bytes some = take(m_pair.server, bytes, 1 + draw(8));
+        ASSERT_EQ(m_pair.server.queuedBytes(), queued - some.size());
+        ASSERT_FALSE(feed(m_pair.client, some, 1 + draw(100000))) << m_pair.client.reason();
+    }
+
+    void checkCounts()
+    {
+        std::size_t total = 0;
+        for (std::uint32_t stream = 1; stream <= 5; ++stream) {
+            total += m_pair.server.queuedBytes(stream);
+        }
+        ASSERT_EQ(total, m_pair.server.queuedBytes());
+    }
+
+    void checkOrder()
+    {
+        for (const auto& [stream, sent] : m_sent) {
+            const auto heard = linesOf(m_pair.atClient.lines, stream);
+            if (!m_dropped[stream]) {
+                EXPECT_EQ(heard, sent) << "stream " << stream;
+            } else { // some are missing; the others are in order
+                auto at = sent.begin();
+                for (const std::string& line : heard) {
+                    at = std::find(at, sent.end(), line);
+                    ASSERT_NE(at, sent.end()) << "stream " << stream << " out of order: " << line;
+                    ++at;
+                }
+            }
+        }
+        if (m_onlySmall) {
+            EXPECT_EQ(m_pair.atClient.lines, m_all) << "the order across streams";
+        }
+    }
+
+    std::mt19937 m_random;
+    bool m_onlySmall;
+    Pair m_pair;
+    unsigned m_count = 0;
+    std::map<std::uint32_t, std::vector<std::string>> m_sent;
+    std::map<std::uint32_t, bool> m_dropped;
+    std::vector<std::string> m_all;
+};
+
+TEST(ProtocolQueue, eachStreamKeepsItsOrderWhateverTheCuts)
+{
+    for (unsigned seed = 1; seed <= 40; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        Exchange(seed).go();
+        if (HasFailure()) {
+            return;
+        }
+    }
+}
+
+TEST(ProtocolQueue, smallMessagesPassBetweenFragmentsButNotWithinTheirStream)
+{
+    Pair pair;
+    ASSERT_EQ(pair.server.next(1, Response(200, text("before"))), Machine::Sent::eQUEUED);
+    ASSERT_EQ(pair.server.next(1, Response(200, large(300000))), Machine::Sent::eQUEUED);
+    ASSERT_EQ(pair.server.next(1, Response(201, text("after"))), Machine::Sent::eQUEUED);
+    pair.server.completed(1);
+    ASSERT_EQ(pair.server.next(2, Response(200, text("passes"))), Machine::Sent::eQUEUED);
+    pair.server.attached(9);
+    ASSERT_FALSE(feed(pair.client, takeAll(pair.server)));
+    EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{
+                                       "next 1 200 <plain/text>before",
+                                       "next 2 200 <plain/text>passes",
+                                       "attached 9",
+                                       describe("next", 1, Response(200, large(300000))),
+                                       "next 1 201 <plain/text>after",
+                                       "completed 1",
+                                   }));
+}
+
+TEST(ProtocolQueue, largeMessagesTakeTurnsAndStarveNobody)
+{
+    Pair pair;
+    for (std::uint32_t stream = 1; stream <= 40; ++stream) { // more than go on at once
+        ASSERT_EQ(pair.server.next(stream, Response(200, large(stream == 1 ? 2000000 : 150000))),
+                  Machine::Sent::eQUEUED);
+    }
+    // A steady flow of small ones neither stops the large ones nor is stopped by them.
+    std::size_t small = 0;
+    while (pair.server.queuedBytes() > 0) {
+        if (small < 400) {
+            ASSERT_EQ(pair.server.next(100, Response(200, large(40000))), Machine::Sent::eQUEUED);
+            ++small;
+        }
+        ASSERT_FALSE(feed(pair.client, take(pair.server, 100000))) << pair.client.reason();
+    }
+    const auto& lines = pair.atClient.lines;
+    const auto at = [&](std::uint32_t stream) {
+        return std::find(lines.begin(), lines.end(), linesOf(lines, stream).at(0)) - lines.begin();
+    };
+    ASSERT_EQ(lines.size(), 40 + small);
+    EXPECT_GT(at(1), at(2)) << "the longest does not hold up the others";
+    EXPECT_GT(at(1), at(20));
+    EXPECT_LT(at(100), at(2)) << "nor do they hold up small ones";
+    EXPECT_LT(at(40), 400) << "nor small ones them";
+}
+
+TEST(ProtocolQueue, aRequestThatHasNotBegunIsTakenBack)
+{
+    for (std::size_t size : {10U, 10000U, 200000U}) {
+        Pair pair;
+        ASSERT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(size))), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.request(2, 1, Request("retrieve", "/", large(size))), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.request(3, 1, Request("retrieve", "/", large(size))), Machine::Sent::eQUEUED);
+        ASSERT_FALSE(feed(pair.server, take(pair.client, 5))); // the first has begun
+        EXPECT_EQ(pair.client.cancel(1), Machine::Cancelled::eASKED);
+        EXPECT_EQ(pair.client.cancel(2), Machine::Cancelled::eNEVER_SENT);
+        EXPECT_EQ(pair.client.queuedBytes(2), 0U);
+        EXPECT_EQ(pair.client.queuedBytes(), pair.client.queuedBytes(1) + pair.client.queuedBytes(3));
+        ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+        EXPECT_EQ(linesOf(pair.atServer.lines, 1), (std::vector<std::string>{
+                                                       describe(1, 1, Request("retrieve", "/", large(size))),
+                                                       "cancel 1",
+                                                   }));
+        EXPECT_TRUE(linesOf(pair.atServer.lines, 2).empty());
+        EXPECT_EQ(linesOf(pair.atServer.lines, 3).size(), 1U);
+        EXPECT_EQ(pair.client.cancel(3), Machine::Cancelled::eASKED) << "it has left";
+    }
+}
+
+TEST(ProtocolQueue, droppedValuesVanishAndTheEndStillComes)
+{
+    Pair pair;
+    for (std::size_t size : {10U, 300000U, 20U, 5000U, 300001U}) {
+        ASSERT_EQ(pair.server.next(1, Response(200, large(size))), Machine::Sent::eQUEUED);
+    }
+    ASSERT_EQ(pair.server.next(2, Response(200, text("stays"))), Machine::Sent::eQUEUED);
+    pair.server.dropQueued(1);
+    pair.server.error(1, Response::createErrorResponse(503, "too slow"));
+    EXPECT_LT(pair.server.queuedBytes(), 200U);
+    ASSERT_FALSE(feed(pair.client, takeAll(pair.server)));
+    EXPECT_EQ(pair.atClient.lines,
+              (std::vector<std::string>{"next 2 200 <plain/text>stays", "error 1 503 <plain/text>too slow"}));
+}
+
+TEST(ProtocolQueue, manySmallMessagesLeaveInOnePiece)
+{
+    Pair pair;
+    for (int i = 0; i < 1000; ++i) {
+        ASSERT_EQ(pair.server.next(1, Response(200, large(64))), Machine::Sent::eQUEUED);
+    }
+    iovec out[4];
+    EXPECT_EQ(pair.server.gather(out), 1U);
+    EXPECT_EQ(out[0].iov_len, pair.server.queuedBytes());
+}
+
+TEST(ProtocolQueue, pingsThatCannotBeAnsweredDoNotPileUp)
+{
+    Pair pair;
+    for (int i = 0; i < 10000; ++i) {
+        pair.server.pong();
+    }
+    EXPECT_EQ(pair.server.queuedBytes(), 16U);
+    EXPECT_EQ(takeAll(pair.server).size(), 16U);
+    pair.server.pong();
+    EXPECT_EQ(pair.server.queuedBytes(), 16U) << "the next one is answered again";
+}
+
+} // namespace
+} // namespace kesa::commadapter::protocol

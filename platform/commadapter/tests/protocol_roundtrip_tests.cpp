@@ -1,0 +1,170 @@
+// Whatever one machine is told to send, the other hears: the same, in order, however the bytes are cut.
+
+#include "protocol_support.h"
+
+#include <kesa/headers.h>
+
+namespace kesa::commadapter::protocol {
+namespace {
+
+using namespace testing;
+using util::config::Dictionary;
+using util::config::Value;
+
+Request richRequest()
+{
+    Request request("retrieve", "/tracks/7", text("{\"a\":1}", "application/json"));
+    request.setMimeType("application/vnd.qelbin");
+    request.setHeader(headers::RESPONSE_SEMANTIC, "persistent-stream");
+    request.setHeader(headers::SERVICE_PATH, "/media/player");
+    request.setHeader(headers::AUTH_TOKEN, 5); // not of the usual type: travels under its name
+    request.setHeader(headers::ACCEPT, Value::Array{"application/json", "x/y"});
+    request.setHeader("count", -70000);
+    request.setHeader("huge", UINT64_MAX);
+    request.setHeader("flag", true);
+    request.setHeader("none", nullptr);
+    request.setHeader("real", 1.5);
+    request.setHeader("tree", Dictionary{{"list", Value::Array{1, "zwei", Dictionary()}}, {"ü", "ß"}});
+    return request;
+}
+
+TEST(ProtocolRoundTrip, everyKindArrivesThroughAnyCut)
+{
+    for (std::size_t atMost : {1U, 2U, 3U, 7U, 15U, 16U, 17U, 4096U, 70000U}) {
+        Pair pair;
+        pair.client.attach(1, "/media/player");
+        ASSERT_EQ(pair.client.request(3, 1, richRequest()), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.request(4, 1, Request()), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.request(5, 1, Request("move", "", text(std::string(4096, 'x'), "odd/type"))),
+                  Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.request(6, 1, Request("insert", "/big", large(4097))), Machine::Sent::eQUEUED);
+        EXPECT_EQ(pair.client.cancel(77), Machine::Cancelled::eASKED);
+        pair.client.detached(1);
+        pair.client.ping();
+        const auto expected = std::vector<std::string>{
+            "attach 1 /media/player",
+            describe(3, 1, richRequest()),
+            describe(4, 1, Request()),
+            describe(5, 1, Request("move", "", text(std::string(4096, 'x'), "odd/type"))),
+            describe(6, 1, Request("insert", "/big", large(4097))),
+            "cancel 77",
+            "detached 1",
+        };
+        ASSERT_FALSE(feed(pair.server, takeAll(pair.client), atMost)) << pair.server.reason();
+        EXPECT_EQ(pair.atServer.lines, expected) << "at most " << atMost;
+        EXPECT_EQ(pair.server.takePongsOwed(), 1U);
+        EXPECT_EQ(pair.server.takePongsOwed(), 0U);
+
+        Response answer(200, text("1", "application/json"));
+        answer.setHeader(headers::REQUEST_PATH, "/tracks");
+        answer.setHeader(headers::REQUEST_COMMAND, "retrieve");
+        pair.server.pong();
+        pair.server.attached(1);
+        ASSERT_EQ(pair.server.next(3, answer), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.server.next(3, Response()), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.server.next(4, Response(201, large(65000))), Machine::Sent::eQUEUED);
+        pair.server.error(3, Response::createErrorResponse(409, "service already registered"));
+        pair.server.completed(4);
+        pair.server.detached(1);
+        ASSERT_FALSE(feed(pair.client, takeAll(pair.server), atMost)) << pair.client.reason();
+        EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{
+                                           "attached 1",
+                                           describe("next", 3, answer),
+                                           "next 3 200 <>",
+                                           describe("next", 4, Response(201, large(65000))),
+                                           "error 3 409 <plain/text>service already registered",
+                                           "completed 4",
+                                           "detached 1",
+                                       }))
+            << "at most " << atMost;
+        EXPECT_EQ(pair.server.queuedBytes(), 0U);
+    }
+}
+
+TEST(ProtocolRoundTrip, theReceiverSaysWhoTheClientIs)
+{
+    Pair pair;
+    pair.server.setClientId("media");
+    Request request("retrieve", "/");
+    request.setHeader(headers::CLIENT_ID, "somebody else");
+    ASSERT_EQ(pair.client.request(1, 1, request), Machine::Sent::eQUEUED);
+    const Bytes sent = takeAll(pair.client);
+    EXPECT_EQ(std::string(sent.begin(), sent.end()).find("somebody"), std::string::npos) << "it is not even sent";
+    ASSERT_FALSE(feed(pair.server, sent));
+    // From a sender of another make: under its number, and under its name.
+    const Bytes forged = {10, 0, 0, 0,    5, 0,    10,  0,   2, 0,    0,   0,   1,
+                          0,  0, 0, 0xBF, 7, 0x62, 'm', 'e', 4, 0x62, 'h', 'i', 0xFF};
+    ASSERT_FALSE(feed(pair.server, forged)) << pair.server.reason();
+    EXPECT_EQ(pair.atServer.lines,
+              (std::vector<std::string>{"request 1 1 retrieve / <> {\"$client-id\":\"media\"}",
+                                        "request 2 1   <> {\"$accept\":\"hi\",\"$client-id\":\"media\"}"}));
+}
+
+TEST(ProtocolRoundTrip, valuesOutliveTheMachine)
+{
+    struct Keeper : Recorder {
+        void onRequest(std::uint32_t, std::uint32_t, Request request) override { kept.push_back(std::move(request)); }
+        std::vector<Request> kept;
+    } keeper;
+    std::string before;
+    {
+        Machine client(Machine::Role::eCLIENT, helloOf("client"), {}, keeper, 0);
+        Machine server(Machine::Role::eSERVER, helloOf("server"), {}, keeper, 0);
+        ASSERT_EQ(client.request(1, 1, richRequest()), Machine::Sent::eQUEUED);
+        ASSERT_FALSE(feed(server, takeAll(client)));
+        ASSERT_EQ(client.request(2, 1, Request("update", "/", large(100000))), Machine::Sent::eQUEUED);
+        ASSERT_FALSE(feed(server, takeAll(client)));
+    }
+    ASSERT_EQ(keeper.kept.size(), 2U);
+    EXPECT_EQ(describe(1, 1, keeper.kept[0]), describe(1, 1, richRequest()));
+    EXPECT_EQ(keeper.kept[1].getPayload().text(), large(100000).text());
+}
+
+TEST(ProtocolRoundTrip, whatCannotArriveIsRefusedAtTheSender)
+{
+    Limits ofServer;
+    ofServer.maxMessageBytes = 100000;
+    Pair pair({}, ofServer);
+    Value deep = Value::Array{};
+    for (int i = 0; i < 40; ++i) {
+        deep = Value::Array{deep};
+    }
+    Request tooDeep("retrieve", "/");
+    tooDeep.setHeader("deep", deep);
+    Request wideHead("retrieve", "/");
+    wideHead.setHeader("wide", std::string(61U << 10U, 'w'));
+    Request badName("retrieve", "/");
+    badName.setHeader("\xC0", 1);
+    EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(100000))), Machine::Sent::eTOO_LARGE);
+    EXPECT_EQ(pair.client.request(1, 1, wideHead), Machine::Sent::eTOO_LARGE);
+    EXPECT_EQ(pair.client.request(1, 1, tooDeep), Machine::Sent::eINVALID);
+    EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/\xFF")), Machine::Sent::eINVALID);
+    EXPECT_EQ(pair.client.request(1, 1, badName), Machine::Sent::eINVALID);
+    EXPECT_EQ(pair.client.attach(1, std::string(5000, 'p')), Machine::Sent::eTOO_LARGE);
+    EXPECT_EQ(pair.client.queuedBytes(), 0U) << "nothing of it is queued";
+
+    // An error always gets through.
+    pair.server.error(1, Response(409, large(200000)));
+    ASSERT_FALSE(feed(pair.client, takeAll(pair.server)));
+    EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{"error 1 409 <>"}));
+    ASSERT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(99900))), Machine::Sent::eQUEUED);
+    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+}
+
+TEST(ProtocolRoundTrip, sizesAroundTheBoundsOfFramesAndBlocks)
+{
+    for (std::size_t size : {0U, 1U, 4095U, 4096U, 4097U, 65520U, 65530U, 65531U, 65532U, 65533U, 65536U, 65537U,
+                             131060U, 131072U, 131085U, 262144U, 1000000U}) {
+        Pair pair;
+        ASSERT_EQ(pair.server.next(9, Response(200, large(size))), Machine::Sent::eQUEUED);
+        EXPECT_EQ(pair.server.queuedBytes(), pair.server.queuedBytes(9));
+        const std::size_t announced = pair.server.queuedBytes();
+        const Bytes wire = takeAll(pair.server);
+        EXPECT_EQ(wire.size(), announced) << size;
+        ASSERT_FALSE(feed(pair.client, wire, 1 + size / 7)) << pair.client.reason() << " at " << size;
+        EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{describe("next", 9, Response(200, large(size)))}));
+    }
+}
+
+} // namespace
+} // namespace kesa::commadapter::protocol

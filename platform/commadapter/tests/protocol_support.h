@@ -1,0 +1,177 @@
+#ifndef KESA_COMMADAPTER_TESTS_PROTOCOL_SUPPORT_H
+#define KESA_COMMADAPTER_TESTS_PROTOCOL_SUPPORT_H
+
+#include "protocol/Machine.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+/// What the tests of the protocol machine share: a listener that writes down what it hears, and a wire between two
+/// machines on which a seed decides how the bytes are cut.
+namespace kesa::commadapter::protocol::testing {
+
+using Bytes = std::vector<unsigned char>;
+
+inline std::string describe(const Payload& payload)
+{
+    std::ostringstream out;
+    out << '<' << payload.getMimeType() << '>';
+    if (payload.size() <= 64) {
+        out << payload.text();
+    } else {
+        out << payload.size() << '#' << std::hash<std::string_view>()(payload.text());
+    }
+    return out.str();
+}
+
+inline std::string describe(const Hello& hello)
+{
+    std::ostringstream out;
+    out << "hello " << hello.lowestVersion << ".." << hello.highestVersion << ' ' << hello.process << ' ' << hello.realm
+        << ' ' << hello.instance.toString() << ' ' << hello.maxMessageBytes;
+    for (const std::string& listener : hello.listeners) {
+        out << ' ' << listener;
+    }
+    return out.str();
+}
+
+inline std::string describe(const GenericObject& headers)
+{
+    return headers.empty() ? "" : ' ' + util::config::Value(headers).toText();
+}
+
+inline std::string describe(const char* what, std::uint32_t stream, const Response& response)
+{
+    return what + (' ' + std::to_string(stream)) + ' ' + std::to_string(response.getStatus()) + ' ' +
+           describe(response.getPayload()) + describe(response.getHeaders());
+}
+
+inline std::string describe(std::uint32_t stream, std::uint32_t target, const Request& request)
+{
+    return "request " + std::to_string(stream) + ' ' + std::to_string(target) + ' ' + request.getCommand() + ' ' +
+           request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
+}
+
+/// Writes a line per callback.
+class Recorder : public IMachineListener {
+public:
+    void onHello(const Hello& peer) override { lines.push_back(describe(peer)); }
+    void onAttach(std::uint32_t target, std::string path) override { add("attach", target, ' ' + path); }
+    void onDetach(std::uint32_t target) override { add("detached", target); }
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override
+    {
+        lines.push_back(describe(stream, target, request));
+    }
+    void onCancel(std::uint32_t stream) override { add("cancel", stream); }
+    void onAttached(std::uint32_t target) override { add("attached", target); }
+    void onDetached(std::uint32_t target) override { add("detached", target); }
+    void onNext(std::uint32_t stream, Response response) override
+    {
+        lines.push_back(describe("next", stream, response));
+    }
+    void onError(std::uint32_t stream, Response error) override { lines.push_back(describe("error", stream, error)); }
+    void onCompleted(std::uint32_t stream) override { add("completed", stream); }
+
+    std::vector<std::string> lines;
+
+private:
+    void add(const char* what, std::uint32_t number, const std::string& rest = {})
+    {
+        lines.push_back(what + (' ' + std::to_string(number)) + rest);
+    }
+};
+
+/// Puts bytes into a machine. True: it refused them.
+inline bool feed(Machine& machine, const unsigned char* data, std::size_t size, std::size_t atMost = SIZE_MAX)
+{
+    while (size > 0) {
+        const std::span<unsigned char> room = machine.inputBuffer();
+        const std::size_t count = std::min({size, room.size(), atMost});
+        std::memcpy(room.data(), data, count);
+        if (machine.received(count, 0)) {
+            return true;
+        }
+        data += count;
+        size -= count;
+    }
+    return false;
+}
+
+inline bool feed(Machine& machine, const Bytes& bytes, std::size_t atMost = SIZE_MAX)
+{
+    return feed(machine, bytes.data(), bytes.size(), atMost);
+}
+
+/// Takes at most `atMost` bytes of what a machine wants to write.
+inline Bytes take(Machine& machine, std::size_t atMost = SIZE_MAX, std::size_t vectors = 16)
+{
+    std::vector<iovec> out(vectors);
+    Bytes bytes;
+    const std::size_t count = machine.gather(out);
+    for (std::size_t i = 0; i < count && bytes.size() < atMost; ++i) {
+        const auto* const from = static_cast<const unsigned char*>(out[i].iov_base);
+        bytes.insert(bytes.end(), from, from + std::min(out[i].iov_len, atMost - bytes.size()));
+    }
+    machine.sent(bytes.size(), 0);
+    return bytes;
+}
+
+inline Bytes takeAll(Machine& machine)
+{
+    Bytes all;
+    for (Bytes some = take(machine); !some.empty(); some = take(machine)) {
+        all.insert(all.end(), some.begin(), some.end());
+    }
+    return all;
+}
+
+inline Hello helloOf(const char* process)
+{
+    Hello hello;
+    hello.process = process;
+    hello.realm = "3f9c2a7be01d44a0";
+    hello.instance = *obr::UUID::fromString("00112233-4455-6677-8899-aabbccddeeff");
+    return hello;
+}
+
+/// A client and a server that have said hello.
+struct Pair {
+    explicit Pair(const Limits& ofClient = {}, const Limits& ofServer = {})
+        : client(Machine::Role::eCLIENT, helloOf("client"), ofClient, atClient, 0),
+          server(Machine::Role::eSERVER, helloOf("server"), ofServer, atServer, 0)
+    {
+        EXPECT_FALSE(feed(server, takeAll(client)));
+        EXPECT_FALSE(feed(client, takeAll(server)));
+        atClient.lines.clear();
+        atServer.lines.clear();
+    }
+
+    Recorder atClient;
+    Recorder atServer;
+    Machine client;
+    Machine server;
+};
+
+inline Payload text(std::string content, std::string_view mimeType = "plain/text")
+{
+    return Payload::createFromString(std::move(content), mimeType);
+}
+
+inline Payload large(std::size_t size, char first = 'a')
+{
+    std::string content(size, first);
+    for (std::size_t i = 0; i < size; ++i) {
+        content[i] = static_cast<char>(first + static_cast<char>(i * 31 % 64));
+    }
+    return Payload::createFromString(std::move(content), "application/octet-stream");
+}
+
+} // namespace kesa::commadapter::protocol::testing
+
+#endif
