@@ -1,0 +1,195 @@
+#include <obr/ErrorOutput.h>
+#include <obr/ErrorStorage.h>
+#include <obr/GlobalErrorHandler.h>
+#include <obr/Random.h>
+#include <obr/UUID.h>
+#include <obr/errors.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <future>
+#include <set>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+namespace obr {
+namespace {
+
+/// Uses the error store when all of the main thread's own objects are gone already.
+struct RecordsAtExit {
+    ~RecordsAtExit()
+    {
+        ErrorOutput(__FILE__, __LINE__)(errors::Error, errors::TEXT, "late");
+        if (ErrorStorage::reason() != "late") {
+            ::_exit(99);
+        }
+    }
+} g_recordsAtExit;
+
+std::string joined(int number, const std::string_view* arguments, std::size_t count)
+{
+    std::string result = std::to_string(number);
+    std::for_each(arguments, arguments + count,
+                  [&result](std::string_view each) { result += "," + std::string(each); });
+    return result;
+}
+
+constexpr ErrorType JOINED("joined", joined);
+
+TEST(ErrorStorage, theLastErrorWins)
+{
+    EXPECT_FALSE(ErrorStorage::isError());
+    EXPECT_EQ(ErrorStorage::reason(), "");
+    EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, true)(JOINED, 7, std::string("a"), "b", std::string_view("c")));
+    EXPECT_EQ(ErrorStorage::reason(), "7,a,b,c");
+    EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, true)(errors::Error, errors::TEXT, ""));
+    EXPECT_TRUE(ErrorStorage::isError());
+    EXPECT_EQ(ErrorStorage::reason(), "");
+    EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 99));
+    EXPECT_EQ(ErrorStorage::reason(), "error 99 of obr");
+    ErrorStorage::ack();
+    EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, false)(JOINED, 8));
+    EXPECT_FALSE(ErrorStorage::isError());
+}
+
+TEST(ErrorStorage, eachThreadAndEachExchangedLoopHasItsOwn)
+{
+    ErrorOutput(__FILE__, __LINE__)(JOINED, 1);
+    EXPECT_FALSE(std::async(std::launch::async, [] {
+                     const bool before = ErrorStorage::isError();
+                     ErrorOutput(__FILE__, __LINE__)(JOINED, 2);
+                     return before;
+                 }).get());
+    ErrorStorage::Slot loop;
+    ErrorStorage::exchange(loop);
+    EXPECT_FALSE(ErrorStorage::isError());
+    ErrorOutput(__FILE__, __LINE__)(JOINED, 3);
+    ErrorStorage::exchange(loop);
+    EXPECT_EQ(ErrorStorage::reason(), "1");
+    EXPECT_EQ(loop.reason, "3");
+    ErrorStorage::ack();
+}
+
+TEST(GlobalErrorHandler, aReplacedHandlerHearsAndReturns)
+{
+    std::vector<std::string> heard;
+    GlobalErrorHandler::Handler before = GlobalErrorHandler::setHandler([&heard](const auto& report) {
+        heard.push_back(std::string(report.condition) + "|" + report.file + "|" + std::to_string(report.line) + "|" +
+                        report.function + "|" + (report.message != nullptr ? report.message : "null"));
+    });
+    EXPECT_FALSE(before);
+    GlobalErrorHandler::doAssert(true, "x", "f.cpp", 1, "f", nullptr);
+    GlobalErrorHandler::doAssert(false, "a!=b", "f.cpp", 12, "f", nullptr);
+    EXPECT_TRUE(GlobalErrorHandler::setHandler(std::move(before)));
+    EXPECT_THAT(heard, testing::ElementsAre("a!=b|f.cpp|12|f|null"));
+}
+
+TEST(GlobalErrorHandlerDeathTest, theDefaultWritesOneLineFlushesAndAborts)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    EXPECT_EXIT(
+        {
+            GlobalErrorHandler::atFatal([] { [[maybe_unused]] const auto n = ::write(STDERR_FILENO, "flushed\n", 8); });
+            GlobalErrorHandler::doAssert(false, "a!=b", "f.cpp", 12, "f", "what");
+        },
+        testing::KilledBySignal(SIGABRT), "kesa: assertion 'a!=b' failed in f \\(f.cpp:12\\): what\nflushed\n");
+    EXPECT_EXIT(
+        {
+            GlobalErrorHandler::setHandler([](const auto&) {});
+            GlobalErrorHandler::doAbort("f.cpp", 12, "f", nullptr);
+        },
+        testing::KilledBySignal(SIGABRT), "");
+}
+
+TEST(UUID, textAndBytes)
+{
+    const std::string text = "01234567-89ab-cdef-0123-456789abcdef";
+    const std::optional<UUID> id = UUID::fromString("01234567-89AB-CDEF-0123-456789abcdef");
+    ASSERT_TRUE(id);
+    EXPECT_EQ(id->toString(), text);
+    EXPECT_EQ(id->compare(*UUID::fromString(text)), 0);
+    EXPECT_GT(id->compare(UUID()), 0);
+    EXPECT_LT(UUID().compare(*id), 0);
+    EXPECT_TRUE(UUID().isNil());
+    for (const std::string_view bad : {std::string_view(), std::string_view(text).substr(1),
+                                       std::string_view("0123456789-ab-cdef-0123-456789abcdef"),
+                                       std::string_view("g1234567-89ab-cdef-0123-456789abcdef"),
+                                       std::string_view("01234567-89ab-cdef-0123-456789abcdef "),
+                                       std::string_view("01234567-89ab-cdef-0123-456789abcde\0", 36)}) {
+        EXPECT_FALSE(UUID::fromString(bad)) << bad;
+    }
+}
+
+class Counting final : public Random {
+public:
+    std::uint64_t next() override { return m_next += 0x9e3779b97f4a7c15; }
+
+private:
+    std::uint64_t m_next = 0;
+};
+
+TEST(UUID, generatedOnesComeFromTheSourceAndAreMarkedRandom)
+{
+    Counting counting;
+    ASSERT_EQ(Random::install(&counting), nullptr);
+    const UUID first = UUID::generate();
+    const UUID second = UUID::generate();
+    EXPECT_EQ(Random::install(nullptr), &counting);
+    Counting again;
+    Random::install(&again);
+    EXPECT_EQ(UUID::generate(), first);
+    Random::install(nullptr);
+    EXPECT_NE(first, second);
+    EXPECT_EQ(first.toString()[14], '4');
+    EXPECT_NE(std::string("89ab").find(first.toString()[19]), std::string::npos);
+}
+
+TEST(Random, belowIsUniformAndEndsWhateverTheSource)
+{
+    EXPECT_EQ(Random::current().below(0), 0U);
+    EXPECT_EQ(Random::current().below(1), 0U);
+    std::array<int, 3> counts{};
+    for (int i = 0; i < 3000; ++i) {
+        ++counts.at(Random::current().below(3));
+    }
+    EXPECT_GT(*std::min_element(counts.begin(), counts.end()), 800);
+    class Stuck final : public Random {
+        std::uint64_t next() override { return 0; }
+    } stuck;
+    EXPECT_EQ(stuck.below(3), 0U);
+}
+
+TEST(Random, neitherThreadsNorForksRepeatNumbers)
+{
+    const auto draw = [] {
+        std::vector<std::uint64_t> numbers(40);
+        std::generate(numbers.begin(), numbers.end(), [] { return Random::current().next(); });
+        return numbers;
+    };
+    Random::current().next(); // some are drawn ahead now
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        const auto numbers = draw();
+        ::_exit(::write(pipe[1], numbers.data(), sizeof(std::uint64_t) * numbers.size()) < 0);
+    }
+    std::vector<std::uint64_t> all(40);
+    ASSERT_EQ(::read(pipe[0], all.data(), sizeof(std::uint64_t) * 40), ssize_t{sizeof(std::uint64_t) * 40});
+    ASSERT_EQ(::waitpid(child, nullptr, 0), child);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+    for (const auto& numbers : {draw(), std::async(std::launch::async, draw).get()}) {
+        all.insert(all.end(), numbers.begin(), numbers.end());
+    }
+    EXPECT_EQ(std::set(all.begin(), all.end()).size(), 120U);
+}
+
+} // namespace
+} // namespace obr

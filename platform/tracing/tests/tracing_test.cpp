@@ -1,0 +1,244 @@
+#include <obr/ErrorStorage.h>
+#include <tracing/Channel.h>
+#include <tracing/Sink.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <fcntl.h>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+#include <vector>
+
+namespace tracing {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+class Captured final : public ISink {
+public:
+    void write(const Line& line) override
+    {
+        const std::lock_guard lock(m_mutex);
+        lines.push_back(std::string(line.channel) + ":" + std::to_string(line.severity) + ":" + std::string(line.text));
+    }
+    std::vector<std::string> lines;
+
+private:
+    std::mutex m_mutex;
+};
+
+class Tracing : public testing::Test {
+protected:
+    void SetUp() override { setSink(m_captured); }
+    void TearDown() override
+    {
+        setSink(nullptr);
+        setEventLogSink(nullptr);
+        setThreshold("*", 3);
+    }
+    const std::vector<std::string>& lines() const { return m_captured->lines; }
+
+    std::shared_ptr<Captured> m_captured = std::make_shared<Captured>();
+};
+
+int g_evaluated = 0;
+const char* evaluated()
+{
+    ++g_evaluated;
+    return "x";
+}
+
+TEST_F(Tracing, writesFromItsThresholdOn)
+{
+    const Channel channel("T_LEVELS");
+    const Channel same("T_LEVELS", 0, 1);
+    EXPECT_EQ(channel.threshold(), 3);
+    EXPECT_EQ(same.threshold(), 3) << "channels of one name are one";
+    channel.log(2, "not written");
+    channel.log(3, "a");
+    channel.logC(4, "100%s");
+    channel.logCV(3, "%d-%s", 7, "b");
+    channel.logCV(3, "%s", std::string(5000, 'c').c_str());
+    KESA_TRACE(channel, 2, "%s", evaluated());
+    EXPECT_EQ(g_evaluated, 0);
+    setThreshold("T_LEVELS", 2);
+    KESA_TRACE(same, 2, "%s", evaluated());
+    KESA_TRACE_TEXT(same, 1, std::string(evaluated()));
+    EXPECT_EQ(g_evaluated, 1);
+    EXPECT_THAT(lines(), ElementsAre("T_LEVELS:3:a", "T_LEVELS:4:100%s", "T_LEVELS:3:7-b",
+                                     "T_LEVELS:3:" + std::string(5000, 'c'), "T_LEVELS:2:x"));
+}
+
+TEST_F(Tracing, readsThresholdLists)
+{
+    const Channel before("T_LIST_A");
+    EXPECT_FALSE(setThresholds(" T_LIST_B=1, *=2 ,,T_LIST_C=5"));
+    EXPECT_EQ(before.threshold(), 2);
+    EXPECT_EQ(Channel("T_LIST_B").threshold(), 1);
+    EXPECT_EQ(Channel("T_LIST_C").threshold(), 5);
+    EXPECT_EQ(Channel("T_LIST_D").threshold(), 2);
+    EXPECT_TRUE(setThresholds("T_LIST_A=9,T_LIST_B,T_LIST_C=3"));
+    EXPECT_EQ(obr::ErrorStorage::reason(),
+              "'T_LIST_A=9', 'T_LIST_B' is not CHANNEL=N with N from 1 (all) to 5 (nothing)");
+    EXPECT_EQ(Channel("T_LIST_C").threshold(), 3);
+    obr::ErrorStorage::ack();
+}
+
+TEST_F(Tracing, theEventLogIsDeafWithoutASink)
+{
+    const Channel events("t_events", 7, 2);
+    EXPECT_EQ(events.threshold(), 5);
+    setThreshold("*", 1);
+    EXPECT_EQ(events.threshold(), 5);
+    const auto sink = std::make_shared<Captured>();
+    EXPECT_EQ(setEventLogSink(sink), nullptr);
+    EXPECT_EQ(events.threshold(), 2);
+    events.log(2, "{}");
+    EXPECT_EQ(setEventLogSink(nullptr), sink);
+    EXPECT_EQ(events.threshold(), 5);
+    events.log(4, "dropped");
+    EXPECT_THAT(sink->lines, ElementsAre("t_events:2:{}"));
+    EXPECT_TRUE(lines().empty());
+}
+
+std::string contentOf(const std::filesystem::path& file)
+{
+    std::ostringstream content;
+    content << std::ifstream(file).rdbuf();
+    return content.str();
+}
+
+TEST_F(Tracing, writesFilesInWholeEscapedLines)
+{
+    const std::filesystem::path file = testing::TempDir() + "kesa-trace-" + std::to_string(::getpid());
+    const auto sink = makeSink("file:" + file.string());
+    ASSERT_NE(sink, nullptr);
+    sink->write({"CH", 4, "peer says: x\n2026 forged\t\x1b[0m é"});
+    sink->write({"kesa_DataModel", 2, "{\"event\":\"runtime\"}", 7});
+    EXPECT_THAT(contentOf(file), MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
+                                              "\\[CH\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é\n"
+                                              "\\{\"event\":\"runtime\"\\}\n"));
+    std::filesystem::remove(file);
+    EXPECT_EQ(makeSink("file:/nowhere/at/all"), nullptr);
+    EXPECT_EQ(obr::ErrorStorage::reason(), "cannot open trace file '/nowhere/at/all': No such file or directory");
+    EXPECT_EQ(makeSink("syslog"), nullptr);
+    EXPECT_EQ(obr::ErrorStorage::reason(), "'syslog' is no trace sink: use stderr or file:PATH");
+    obr::ErrorStorage::ack();
+}
+
+/// Lets stderr be something else for its life.
+class Stderr {
+public:
+    explicit Stderr(int descriptor) : m_before(::dup(STDERR_FILENO)) { ::dup2(descriptor, STDERR_FILENO); }
+    ~Stderr()
+    {
+        ::dup2(m_before, STDERR_FILENO);
+        ::close(m_before);
+    }
+
+private:
+    int m_before;
+};
+
+std::string drained(int descriptor)
+{
+    ::fcntl(descriptor, F_SETFL, O_NONBLOCK);
+    std::string result;
+    char part[4096];
+    for (ssize_t size = 0; (size = ::read(descriptor, part, sizeof part)) > 0;) {
+        result.append(part, static_cast<std::size_t>(size));
+    }
+    return result;
+}
+
+// A reader that stopped must not stop us, one that died must not kill us, and what was lost is said.
+TEST_F(Tracing, survivesReadersThatStopOrDie)
+{
+    int pipe[2];
+    int sockets[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    for (int* const ends : {pipe, sockets}) {
+        const auto sink = makeSink("stderr");
+        const std::string text(20'000, 'x');
+        {
+            const Stderr redirected(ends[1]);
+            for (int i = 0; i < 100; ++i) {
+                sink->write({"CH", 3, text});
+            }
+        }
+        EXPECT_THAT(drained(ends[0]), HasSubstr(text.substr(0, 1000)));
+        {
+            const Stderr redirected(ends[1]);
+            sink->write({"CH", 3, "again"});
+        }
+        EXPECT_THAT(drained(ends[0]), testing::ContainsRegex("kesa: [0-9]+ lines lost, .*\n.*again\n$"));
+        ::close(ends[0]);
+        {
+            const Stderr redirected(ends[1]);
+            sink->write({"CH", 3, "nobody reads this"});
+        }
+        sigset_t pending;
+        ::sigpending(&pending);
+        EXPECT_FALSE(::sigismember(&pending, SIGPIPE));
+        ::close(ends[1]);
+    }
+}
+
+// The journal is recognised by the identity of the stream, so that a redirected stderr is not mistaken for it.
+TEST_F(Tracing, marksSeveritiesForTheJournal)
+{
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    struct stat status {};
+    ASSERT_EQ(::fstat(pipe[1], &status), 0);
+    ::setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
+    {
+        const Stderr redirected(pipe[1]);
+        const auto sink = makeSink("stderr");
+        sink->write({"CH", 4, "a"});
+        sink->write({"CH", 1, "b"});
+        sink->write({"kesa_DataModel", 2, "{}", 7});
+    }
+    ::unsetenv("JOURNAL_STREAM");
+    EXPECT_THAT(drained(pipe[0]), MatchesRegex("<3>[0-9]+ \\[CH\\] a\n<7>[0-9]+ \\[CH\\] b\n<6>\\{\\}\n"));
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+}
+
+// What the environment names holds from the first use on, even in static objects, and errors in it are told.
+TEST(TracingDeathTest, readsTheEnvironment)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const std::string events = testing::TempDir() + "kesa-events-" + std::to_string(::getpid());
+    ::setenv("KESA_TRACE", "T_ENVIRONMENT=1,broken", 1);
+    ::setenv("KESA_TRACE_SINK", "nonsense", 1);
+    ::setenv("KESA_EVENT_LOG", ("file:" + events).c_str(), 0); // in the process that dies: the one of this process
+    EXPECT_EXIT(
+        {
+            Channel("T_ENVIRONMENT").log(1, "first");
+            Channel("kesa_DataModel", 7, 2).log(2, "{\"event\":1}");
+            ::_exit(0);
+        },
+        testing::ExitedWithCode(0),
+        "\\[KESA_TRACING\\] KESA_TRACE_SINK: 'nonsense' is no trace sink: use stderr or file:PATH; writing to stderr\n"
+        ".*\\[KESA_TRACING\\] KESA_TRACE: 'broken' is not CHANNEL=N.*\n.*\\[T_ENVIRONMENT\\] first\n");
+    EXPECT_EQ(contentOf(events), "{\"event\":1}\n");
+    for (const char* name : {"KESA_TRACE", "KESA_TRACE_SINK", "KESA_EVENT_LOG"}) {
+        ::unsetenv(name);
+    }
+    std::filesystem::remove(events);
+}
+
+} // namespace
+} // namespace tracing
