@@ -54,8 +54,7 @@ bool KesaConfig::readSerializerFormats(const ConfigNode& root)
 {
     const ConfigNode rules = root["serializer-formats"];
     if (!rules.value().isDefined()) {
-        // Not worth the user's attention: most documents have no rules.
-        KESA_TRACE(configChannel(), 3, "[readConfig] serializer-formats is undefined. Falling back to defaults");
+        rules.warn("[readConfig] serializer-formats is undefined. Falling back to defaults");
         return false;
     }
     if (rules.value().isDictionary()) {

@@ -1,0 +1,122 @@
+#include "reviewDocument.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string_view>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+using util::config::Value;
+using Keys = std::vector<std::string_view>;
+
+/// "comm" belongs to the backend of that name.
+const Keys& rootKeys()
+{
+    static const Keys& keys = *new Keys{"use_local_registry",
+                                        "use_registry",
+                                        "service_registry_locators",
+                                        "backends",
+                                        "serializer-formats",
+                                        "services",
+                                        "bypass",
+                                        "smartProxy",
+                                        "comm",
+                                        "node_domain_mapping"};
+    return keys;
+}
+
+const Keys& serviceKeys()
+{
+    static const Keys& keys = *new Keys{"is_dynamic", "path", "version", "type", "locators"};
+    return keys;
+}
+
+const Keys& smartProxyKeys()
+{
+    static const Keys& keys = *new Keys{"timeout", "retryTimes", "mandatoryForwardErrors",
+                                        "mandatroyRetryErrorsSubscribeList", "mandatroyRetryErrorsSubscribeElement"};
+    return keys;
+}
+
+/// Letter case and the kind of separator are what is mistaken most often.
+std::string plain(std::string_view key)
+{
+    std::string text;
+    for (const char c : key) {
+        if (c != '_' && c != '-') {
+            text.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+        }
+    }
+    return text;
+}
+
+/// How many characters have to be inserted, removed or replaced to make one of the other.
+std::size_t editDistance(std::string_view a, std::string_view b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        row[j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+/// The known key that `key` may have been meant for; empty when none is near.
+std::string_view nearest(const std::string& key, const Keys& known)
+{
+    if (key.size() > 64) {
+        return {};
+    }
+    std::string_view best;
+    std::size_t bestDistance = std::max<std::size_t>(2, key.size() / 3) + 1;
+    for (const std::string_view candidate : known) {
+        const std::size_t distance = editDistance(plain(key), plain(candidate));
+        if (distance < bestDistance && distance < candidate.size()) {
+            bestDistance = distance;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+void reviewKeys(const Value& object, const std::string& path, const Keys& known, ConfigReport& report)
+{
+    for (const auto& [key, value] : object) {
+        if (std::find(known.begin(), known.end(), key) != known.end()) {
+            continue;
+        }
+        std::string text = "ignored: unknown key '" + key + "'";
+        const std::string_view meant = nearest(key, known);
+        if (!meant.empty()) {
+            text.append("; did you mean '").append(meant).append("'?");
+        }
+        report.complaints.push_back({2, false, path + key, text});
+    }
+}
+
+} // namespace
+
+void reviewDocument(ConfigReport& report)
+{
+    for (const std::string& path : report.duplicateKeys) {
+        report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
+    }
+    const std::string base = report.rootPath.empty() ? "" : report.rootPath + ".";
+    reviewKeys(report.root, base, rootKeys(), report);
+    std::size_t index = 0;
+    for (const Value& service : report.root["services"].items()) {
+        reviewKeys(service, base + "services[" + std::to_string(index++) + "].", serviceKeys(), report);
+    }
+    reviewKeys(report.root["smartProxy"], base + "smartProxy.", smartProxyKeys(), report);
+}
+
+} // namespace kesa::runtime::v02

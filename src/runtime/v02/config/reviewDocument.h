@@ -1,0 +1,14 @@
+#ifndef KESA_RUNTIME_V02_CONFIG_REVIEWDOCUMENT_H
+#define KESA_RUNTIME_V02_CONFIG_REVIEWDOCUMENT_H
+
+#include "ConfigReport.h"
+
+namespace kesa::runtime::v02 {
+
+/// Adds to `report` what the reader takes without a word but hardly anybody means: keys that stand twice (severity 3)
+/// and keys that mean nothing (severity 2), with the known one that is most like them.
+void reviewDocument(ConfigReport& report);
+
+} // namespace kesa::runtime::v02
+
+#endif

@@ -1,0 +1,155 @@
+// What the configuration answers, and which format is spoken.
+#include "TraceCapture.h"
+
+#include <kesa/runtime/mimetype.h>
+#include <kesa/runtime/v02/KesaConfigAccessor.h>
+#include <kesa/runtime/v02/getPexVersion.h>
+#include <kesa/toGeneric.h>
+#include <runtime/v02/config/KesaConfig.h>
+#include <runtime/v02/config/unsupportedRegistryKey.h>
+#include <util/config/InterfaceInformationProvider.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+using Strings = std::vector<std::string>;
+using Urls = std::vector<url>;
+
+TEST(KesaConfigAccessorTest, AnswersFromTheDefaultsWithoutARecord)
+{
+    const KesaConfigAccessor config;
+    EXPECT_EQ(config.getOwnProcessName(), "unknown_process");
+    EXPECT_TRUE(config.isValid());
+    EXPECT_EQ(config.getSerializers("/a"), Strings{"application/json"});
+    EXPECT_EQ(config.getBackends(), Strings{"comm"});
+    EXPECT_EQ(unsupportedRegistryKey(config), nullptr);
+}
+
+TEST(KesaConfigAccessorTest, FallsBackToTheStar)
+{
+    const KesaConfig named("p", R"({"use_registry": true, "node_domain_mapping": {"n": "d", "d": "e"},
+        "service_registry_locators": {"*": ["ipc://r"], "home": ["ipc://h"]},
+        "serializer-formats": {"/a": ["application/vnd.qelbin"], "*": ["application/json"]}})");
+    const KesaConfigAccessor config(named);
+    EXPECT_EQ(config.getRegistryLocatorsByPartition("home", true), Urls{url("ipc://h")});
+    EXPECT_EQ(config.getRegistryLocatorsByPartition("other", false), Urls{url("ipc://r")});
+    EXPECT_EQ(config.getRegistryLocatorsByPartition("other", true), nullopt);
+    EXPECT_EQ(KesaConfigAccessor().getRegistryLocatorsByPartition("other", false), nullopt);
+    EXPECT_EQ(config.getSerializers("/a"), Strings{"application/vnd.qelbin"});
+    EXPECT_EQ(config.getSerializers("/a/"), Strings{"application/json"});
+    std::string node = "n";
+    config.getNodeDomainMapping(node);
+    EXPECT_EQ(node, "d") << "a domain is not looked up again";
+    node = "x";
+    config.getNodeDomainMapping(node);
+    EXPECT_EQ(node, "x");
+    EXPECT_STREQ(unsupportedRegistryKey(config), "use_registry");
+}
+
+TEST(KesaConfigAccessorTest, BypassesForTheListedPathsOfThisProcess)
+{
+    const std::string text = R"({"bypass": {"p": ["/a", "/b"], "q": ["/c"]}})";
+    const KesaConfig own("p", text);
+    const TraceCapture traces(2);
+    EXPECT_TRUE(KesaConfigAccessor(own).useBypass("/b"));
+    EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/a/"));
+    EXPECT_EQ(traces.lines(), (Strings{"2 use bypass for service='/b'", "2 no bypass for service='/a/' configured"}));
+    EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/c"));
+    EXPECT_FALSE(KesaConfigAccessor(KesaConfig("r", text)).useBypass("/a"));
+}
+
+TEST(MimeType, IsTheFirstKnownFormat)
+{
+    const std::string json = "application/json";
+    const std::string qelbin = "application/vnd.qelbin";
+    EXPECT_EQ(findFormat({"application/vnd.msgpack", qelbin, json}), qelbin);
+    EXPECT_EQ(findFormat({"plain/text"}), json);
+    serviceregistry::ServiceDef service;
+    EXPECT_EQ(getMimeType(service), json);
+    service.serializationFormats.emplace();
+    EXPECT_EQ(getMimeType(service), json);
+    service.serializationFormats->push_back(qelbin);
+    EXPECT_EQ(getMimeType(service), qelbin);
+
+    using util::config::Value;
+    EXPECT_EQ(getMimeType(Value(qelbin)), qelbin);
+    EXPECT_EQ(getMimeType(Value("application/vnd.msgpack")), json);
+    EXPECT_EQ(getMimeType(Value(Value::Array{Value(1), Value("x"), Value(qelbin)})), qelbin);
+    EXPECT_EQ(getMimeType(toGeneric({"x"})), json);
+    EXPECT_EQ(getMimeType(Value(7)), json);
+    EXPECT_EQ(getMimeType(Value::getUndefined()), json);
+}
+
+/// A folder for documents, which the environment names; both are gone in the end.
+class ConfigFolder {
+public:
+    ConfigFolder()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kesa-config-XXXXXX").string();
+        m_path = mkdtemp(pattern.data());
+        setenv("KESA_CONFIG_DIR", m_path.c_str(), 1);
+    }
+    ~ConfigFolder()
+    {
+        unsetenv("KESA_CONFIG_DIR");
+        unsetenv("KESA_CONFIG");
+        std::filesystem::remove_all(m_path);
+    }
+    ConfigFolder(const ConfigFolder&) = delete;
+    ConfigFolder& operator=(const ConfigFolder&) = delete;
+
+    std::string write(const std::string& name, const std::string& text) const
+    {
+        std::ofstream(m_path / name) << text;
+        return (m_path / name).string();
+    }
+
+private:
+    std::filesystem::path m_path;
+};
+
+TEST(PexVersion, IsDeclaredBesideTheConfiguration)
+{
+    const ConfigFolder folder;
+    folder.write("kesa.json", "{}");
+    folder.write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"], "empty": []}})");
+    util::config::InterfaceInformationProvider::instance().forgetForTest();
+    EXPECT_EQ(getPexVersion("/media/player"), (Strings{"1.0.0", "1.1.0"}));
+    EXPECT_EQ(getPexVersion("media/player"), (Strings{"1.0.0", "1.1.0"}));
+    EXPECT_EQ(getPexVersion("/empty"), Strings{});
+    EXPECT_EQ(getPexVersion("//media/player"), nullopt);
+    EXPECT_EQ(getPexVersion(""), nullopt);
+    util::config::InterfaceInformationProvider::instance().forgetForTest();
+}
+
+TEST(Document, IsTheMemberOfItsNameOrTheWhole)
+{
+    const ConfigFolder folder;
+    folder.write("kesa.json", R"({"backends": ["comm", "local"], "kesa": {"backends": ["local"]}})");
+    EXPECT_EQ(KesaConfig("p").m_backends, Strings{"local"});
+    folder.write("kesa.json", R"({"backends": ["comm", "local"]})");
+    EXPECT_EQ(KesaConfig("p").m_backends, (Strings{"comm", "local"}));
+    folder.write("kesa.json", "[]");
+    const TraceCapture traces(3);
+    EXPECT_FALSE(KesaConfig("p").m_valid);
+    EXPECT_EQ(traces.lines(), (Strings{"3 [readConfig] config file contains no dictionary",
+                                       "3 [readConfig] failed to the config file, reason = root is not dictionary"}));
+}
+
+// No fall-through to the next candidate: it would hide a mistyped name.
+TEST(Document, ThatIsNamedMustExist)
+{
+    const ConfigFolder folder;
+    folder.write("kesa.json", "{}");
+    setenv("KESA_CONFIG", "/nonexistent/kesa.json", 1);
+    const TraceCapture traces(3);
+    EXPECT_FALSE(KesaConfig("p").m_valid);
+    EXPECT_THAT(traces.lines(), testing::ElementsAre(testing::HasSubstr("/nonexistent/kesa.json")));
+}
+
+} // namespace
+} // namespace kesa::runtime::v02
