@@ -1,0 +1,229 @@
+#include "print_config.h"
+
+#include <kesa/core/PayloadConversion.h>
+#include <util/config/JSONParser.h>
+
+#include <algorithm>
+#include <fmt/format.h>
+
+namespace kesactl {
+namespace {
+
+using kesa::runtime::v02::KesaConfig;
+using kesa::runtime::v02::ProxyConfig;
+using kesa::serviceregistry::ServiceDef;
+using util::config::Dictionary;
+using util::config::Value;
+
+/// A setting and its value; the members of a table are indented.
+struct Row {
+    std::string name;
+    std::string value;
+};
+using Rows = std::vector<Row>;
+
+const char* severityName(int severity)
+{
+    return severity >= 4 ? "error" : severity == 3 ? "warning" : "hint";
+}
+
+// The same settings are shown as text and as JSON: both begin with these values.
+
+template <class T>
+Value toValue(const T& value)
+{
+    return Value(value);
+}
+
+Value toValue(const kesa::url& locator)
+{
+    return Value(locator.toString());
+}
+
+template <class T>
+Value toValue(const std::vector<T>& list)
+{
+    Value::Array array;
+    for (const T& element : list) {
+        array.push_back(toValue(element));
+    }
+    return Value(std::move(array));
+}
+
+template <class Map>
+Value toTable(const Map& map)
+{
+    Dictionary table;
+    for (const auto& [key, value] : map) {
+        table.set(key, toValue(value));
+    }
+    return Value(std::move(table));
+}
+
+Value smartProxy(const ProxyConfig& proxy)
+{
+    Dictionary settings;
+    const auto add = [&](const char* key, const auto& value) {
+        if (value) {
+            settings.set(key, toValue(*value));
+        }
+    };
+    add("timeout", proxy.m_timeout);
+    add("retryTimes", proxy.m_retryTimes);
+    add("mandatoryForwardErrors", proxy.m_mandatoryForwardErrors);
+    add("mandatroyRetryErrorsSubscribeList", proxy.m_mandatroyRetryErrorsSubscribeList);
+    add("mandatroyRetryErrorsSubscribeElement", proxy.m_mandatroyRetryErrorsSubscribeElement);
+    return Value(std::move(settings));
+}
+
+std::string inOneLine(const Value& value)
+{
+    if (!value.isArray()) {
+        return value.toText();
+    }
+    std::string line;
+    for (const Value& element : value.items()) {
+        line.append(line.empty() ? "" : ", ").append(element.toText());
+    }
+    return line.empty() ? "none" : line;
+}
+
+void addTable(Rows& rows, const std::string& name, const Value& table)
+{
+    rows.push_back({name, table.dictionary().empty() ? "none" : ""});
+    for (const auto& [key, value] : table) {
+        rows.push_back({"  " + key, inOneLine(value)});
+    }
+}
+
+void addServices(Rows& rows, const std::vector<ServiceDef>& services)
+{
+    rows.push_back({"services", services.empty() ? "none" : ""});
+    std::size_t width = 1;
+    for (const ServiceDef& service : services) {
+        width = std::max(width, inOneLine(toValue(service.versions)).size());
+    }
+    for (const ServiceDef& service : services) {
+        rows.push_back({"  " + service.path.toString(),
+                        fmt::format("{:<8}  {:<{}}  {}", *ServiceDef::enumToValue(service.type),
+                                    service.versions.empty() ? "-" : inOneLine(toValue(service.versions)), width,
+                                    inOneLine(toValue(service.locators)))});
+    }
+}
+
+Rows settings(const CheckResult& result)
+{
+    const KesaConfig& config = result.config;
+    Rows rows = {{"file", result.file.empty() ? "none" : result.file}};
+    if (result.process) {
+        rows.push_back({"process", *result.process});
+        rows.push_back({"partition", result.partition});
+    }
+    rows.push_back({"use_local_registry", config.m_useLocalRegistry ? "true" : "false"});
+    rows.push_back({"use_registry", config.m_useRemoteRegistry ? "true" : "false"});
+    addTable(rows, "service_registry_locators", toTable(config.m_registryLocators));
+    rows.push_back({"backends", inOneLine(toValue(config.m_backends))});
+    addTable(rows, "serializer-formats", toTable(config.m_serializers));
+    addServices(rows, config.m_services);
+    addTable(rows, "bypass", toTable(config.m_bypass));
+    addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
+    addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
+    return rows;
+}
+
+std::string aligned(const Rows& rows)
+{
+    std::size_t width = 0;
+    for (const Row& row : rows) {
+        width = std::max(width, row.name.size());
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        text += row.value.empty() ? row.name + "\n" : fmt::format("{:<{}}  {}\n", row.name, width, row.value);
+    }
+    return text;
+}
+
+/// As compilers write it, so that editors find the place.
+std::string asLine(const CheckResult& result, const CheckResult::Complaint& complaint)
+{
+    std::string place = result.file;
+    if (complaint.line > 0) {
+        place += fmt::format(":{}:{}", complaint.line, complaint.column);
+    }
+    return fmt::format("{}{}{}: {}{}{}\n", place, place.empty() ? "" : ": ", severityName(complaint.severity),
+                       complaint.path, complaint.path.empty() ? "" : ": ", complaint.text);
+}
+
+Value asValue(const CheckResult::Complaint& complaint)
+{
+    Dictionary value{{"severity", severityName(complaint.severity)}, {"text", complaint.text}};
+    if (!complaint.path.empty()) {
+        value.set("path", complaint.path);
+    }
+    if (complaint.line > 0) {
+        value.set("line", complaint.line);
+        value.set("column", complaint.column);
+    }
+    return Value(std::move(value));
+}
+
+/// In its wire form.
+Value asValue(const ServiceDef& service)
+{
+    Value value;
+    const auto payload = kesa::serializer::toPayload(service, kesa::mimetypes::JSON);
+    if (!payload || util::config::JSONParser().parseString(payload->text(), value)) {
+        return Value(nullptr);
+    }
+    return value;
+}
+
+template <class T>
+Value asArray(const std::vector<T>& list)
+{
+    Value::Array array;
+    for (const T& element : list) {
+        array.push_back(asValue(element));
+    }
+    return Value(std::move(array));
+}
+
+} // namespace
+
+std::string asText(const CheckResult& result)
+{
+    std::string text = aligned(settings(result)) + "\n";
+    for (const auto& complaint : result.complaints) {
+        text += asLine(result, complaint);
+    }
+    text += result.isValid          ? "valid\n"
+            : result.config.m_valid ? "not valid: a process does not start with it\n"
+                                    : "not valid: a process goes on with the settings above\n";
+    return text;
+}
+
+std::string asJson(const CheckResult& result)
+{
+    const KesaConfig& config = result.config;
+    const Dictionary configuration{{"use_local_registry", config.m_useLocalRegistry},
+                                   {"use_registry", config.m_useRemoteRegistry},
+                                   {"service_registry_locators", toTable(config.m_registryLocators)},
+                                   {"backends", toValue(config.m_backends)},
+                                   {"serializer-formats", toTable(config.m_serializers)},
+                                   {"services", asArray(config.m_services)},
+                                   {"bypass", toTable(config.m_bypass)},
+                                   {"smartProxy", smartProxy(config.m_proxyConfig)},
+                                   {"node_domain_mapping", toTable(config.m_nodeDomainMapping)}};
+    Dictionary object{{"valid", result.isValid},
+                      {"file", result.file.empty() ? Value(nullptr) : Value(result.file)},
+                      {"configuration", configuration},
+                      {"complaints", asArray(result.complaints)}};
+    if (result.process) {
+        object.set("process", *result.process);
+        object.set("partition", result.partition);
+    }
+    return Value(object).toText() + "\n";
+}
+
+} // namespace kesactl
