@@ -19,13 +19,15 @@ namespace kesa {
 /// kept and answered from any thread, one at a time; one destroyed without an end is told to the client as 503.
 class KESA_API IKesaApi {
 public:
-    /// No request was sent. Cancelling it, or a request that has ended, does nothing.
+    /// There is no request. Cancelling it, or a request that has ended, does nothing.
     static constexpr void* UNDEFINED_REQUEST_HANDLE = nullptr;
 
     virtual ~IKesaApi();
 
-    /// Sends a request. Takes `handler` when the request is sent; a request that cannot be sent tells `handler` the
-    /// error and returns `UNDEFINED_REQUEST_HANDLE`.
+    /// Sends a request; takes `handler`. One that cannot be sent ends like any other, on the loop: 503 while the
+    /// service is not connected (before the first connection and after the client object's release, too), 413 when it
+    /// is too large. When the backend has ended there is no loop: then `handler` is told 503 inside this call, stays
+    /// the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
     virtual void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) = 0;
 
     /// Ends a request: no call to its handler runs or comes after this returns, unless it was called from inside

@@ -1,0 +1,142 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENTCONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_CLIENTCONNECTION_H
+
+#include "backend/Connection.h"
+#include "backend/Connector.h"
+#include "backend/StreamTable.h"
+
+#include <comm/Condition.h>
+#include <kesa/IClientConnectionListener.h>
+#include <kesa/IResponseHandler.h>
+#include <kesa/Request.h>
+#include <kesa/Response.h>
+
+#include <deque>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kesa::commadapter {
+
+/// One client object as its connection sees it: its state, and its open requests in the order they were issued.
+/// Guarded by the connection's lock, but for what is marked.
+struct ClientState {
+    ClientState(std::string servicePath, IClientConnectionListener* connectionListener)
+        : path(std::move(servicePath)), listener(connectionListener)
+    {}
+    const std::string path;
+    IClientConnectionListener* listener; ///< null: released
+    bool isAttached = false;             ///< connected: requests may be sent
+    std::uint32_t target = 0;            ///< its number on the present connection; changed on the loop only
+    StreamList open;
+};
+
+/// All that this process has with one endpoint as a client: the client objects, their requests, and the connection,
+/// which may come and go. Shared by the client objects, it outlives the backend with them. See the head of
+/// ClientConnection.cpp.
+class ClientConnection final : public Connection {
+public:
+    using Handler = std::unique_ptr<IResponseHandler<Response>>;
+    /// Called on the loop when a client object is done with the connection.
+    using Unused = std::function<void(ClientConnection&, bool serviceRemoved)>;
+
+    ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, const protocol::Hello& own,
+                     OpenLocal openLocal, Unused unused);
+    ~ClientConnection() override;
+
+    // Any thread.
+    void* request(ClientState& client, const Request& request, Handler&& handler);
+    void cancel(const ClientState& client, void* handle);
+    void start(const std::shared_ptr<ClientState>& client);
+    /// Returns when no call to the listener runs or comes any more.
+    void release(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
+
+    // Loop only.
+    /// Nobody uses it, for now or for good.
+    void disconnect();
+    /// Ends everything, calling nobody but the handlers of open requests.
+    void stop();
+
+    /// After the loop's end, any thread: drops what a loop that was killed has left.
+    void abandon();
+
+    const Destination& destination() const noexcept { return m_connector->destination(); }
+
+private:
+    struct Stream : StreamEntry {
+        Handler handler;
+        ClientState* client = nullptr;
+        std::uint64_t handle = 0;
+        comm::TimeNs issued = 0; ///< of a request for a single answer
+        bool isOpen = false;     ///< else cancelled: the number stays taken until the server ends the stream
+        bool isSingle = false;
+    };
+    /// A request that could not be sent, until the loop tells its handler.
+    struct Failure {
+        std::uint64_t handle;
+        ClientState* client;
+        Handler handler;
+        unsigned short status;
+        const char* text;
+    };
+
+    // Any thread; with the lock held where one is passed.
+    void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
+    void* fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status, const char* text);
+    Handler takeFailed(std::uint64_t handle);
+    void unlink(std::uint32_t stream);
+    void cancelStream(std::uint32_t stream);
+    void callEnded();
+    void waitWhileRunning(Lock& lock, const std::string& path, std::uint64_t handle);
+    static std::uint64_t nextHandle(std::uint32_t stream) noexcept;
+
+    // Loop only.
+    void connected(std::unique_ptr<transport::IStream> stream);
+    void attach(ClientState& client);
+    void retire(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
+    void failed(std::uint64_t handle);
+    void tellFailed(Lock& lock, const ClientState& client);
+    void endStreams(Lock& lock, ClientState& client, const Response& error);
+    void endStream(std::uint32_t stream, const Response* error);
+    void setConnected(Lock& lock, ClientState& client);
+    void setDisconnected(Lock& lock, ClientState& client, const Response& error);
+    void tellListener(Lock& lock, ClientState& client, void (IClientConnectionListener::*call)());
+    template <class Call>
+    void run(Lock& lock, std::uint64_t handle, Call&& call);
+    std::shared_ptr<ClientState> clientOf(std::uint32_t target) const;
+
+    void onClosed(const std::string& reason) override;
+    bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
+    std::string peerName() const override;
+    void onHello(const protocol::Hello& peer) override;
+    void onAttached(std::uint32_t target) override;
+    void onDetached(std::uint32_t target) override;
+    void onNext(std::uint32_t stream, Response response) override;
+    void onError(std::uint32_t stream, Response error) override;
+    void onCompleted(std::uint32_t stream) override;
+
+    const protocol::Hello m_own;
+    const Unused m_unused;
+    const std::shared_ptr<Connector> m_connector;
+
+    // With the lock held.
+    StreamTable<Stream> m_streams;
+    std::deque<Failure> m_failures; ///< handles ascend
+    std::size_t m_openSingles = 0;
+    bool m_isStopped = false;
+    std::uint64_t m_runningHandle = 0;              ///< of the handler being called
+    const ClientState* m_runningListener = nullptr; ///< of the listener being called
+    unsigned m_waiting = 0;
+    comm::Condition m_ended;
+
+    // Loop only.
+    std::vector<std::shared_ptr<ClientState>> m_clients; ///< started and not retired
+    std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
+    std::uint32_t m_lastTarget = 0;
+};
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,45 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENTTABLE_H
+#define KESA_COMMADAPTER_BACKEND_CLIENTTABLE_H
+
+#include "backend/ClientConnection.h"
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace kesa::commadapter {
+
+/// The connections to other endpoints, one each. One that no client object uses any more lingers for a while.
+class ClientTable : public std::enable_shared_from_this<ClientTable> {
+public:
+    ClientTable(std::shared_ptr<IoLoop> loop, const protocol::Hello& own, OpenLocal openLocal);
+
+    /// The connection to an endpoint, with one more user. Any thread.
+    std::shared_ptr<ClientConnection> use(const Destination& destination);
+    /// Ends all of them. Loop only.
+    void stop();
+    /// After the loop's end, any thread: drops what a loop that was killed has left.
+    void abandon();
+
+private:
+    struct Entry {
+        std::shared_ptr<ClientConnection> connection;
+        std::size_t users = 0;
+    };
+    using Entries = std::map<std::string, Entry>;
+
+    void unused(ClientConnection& connection, bool atOnce);
+    void endUnused(const std::string& key);
+    Entries takeAll();
+
+    const std::shared_ptr<IoLoop> m_loop;
+    const protocol::Hello m_own;
+    const OpenLocal m_openLocal;
+    std::mutex m_lock;
+    Entries m_entries; ///< by endpoint; with the lock held
+};
+
+} // namespace kesa::commadapter
+
+#endif

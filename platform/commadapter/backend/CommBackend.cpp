@@ -1,0 +1,227 @@
+// The backend itself only translates locators and hands on: services to the `ServiceTable`, client objects to the
+// `ClientTable`. Its operations come from the executor; what they need of the loop they post, and wait for only where
+// the contract promises that something has ended.
+
+#include "backend/CommBackend.h"
+
+#include "backend/ClientObject.h"
+#include "backend/ClientTable.h"
+#include "backend/IoLoop.h"
+#include "backend/LocalStream.h"
+#include "backend/Locators.h"
+#include "backend/ServiceTable.h"
+#include "backend/channel.h"
+
+#include <kesa/Path.h>
+#include <obr/GlobalErrorHandler.h>
+
+namespace kesa::commadapter {
+
+IBackend::~IBackend() = default;
+
+namespace {
+
+using Transports = std::vector<std::shared_ptr<transport::ITransport>>;
+
+class CommBackend final : public IBackend {
+public:
+    CommBackend(std::string process, const CommSettings& settings, TransportFactory transports)
+        : m_settings(settings), m_makeTransports(std::move(transports))
+    {
+        m_own.process = std::move(process);
+        m_own.maxMessageBytes = settings.maxMessageBytes;
+    }
+    ~CommBackend() override { CommBackend::stop(); }
+    CommBackend(const CommBackend&) = delete;
+    CommBackend& operator=(const CommBackend&) = delete;
+
+    void start() override;
+    void stop() override;
+    bool canHandle(const url& locator) override { return find(locator).has_value(); }
+    bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) override;
+    bool provideOnLocator(const url& locator, IKesaApi* service) override;
+    void unprovide(const url& locator) override;
+    KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override;
+    void release(IKesaApi* client, bool serviceRemoved) override;
+    bool isLocal(const url& locator) override;
+
+private:
+    std::optional<Place> find(const url& locator) const
+    {
+        return m_locators ? m_locators->find(locator) : std::nullopt;
+    }
+    bool isOwnName(const transport::Endpoint& endpoint) const { return endpoint.process == m_own.process; }
+    bool claimName(transport::ITransport& transport);
+    bool provide(const std::string& path, IKesaApi* service);
+    OpenLocal makeOpenLocal() const;
+
+    const CommSettings m_settings;
+    const TransportFactory m_makeTransports;
+    protocol::Hello m_own;
+    std::shared_ptr<IoLoop> m_loop; ///< null before `start` and after `stop`
+    std::optional<Locators> m_locators;
+    Transports m_transports; ///< the first one is what `provideOnPath` answers with
+    std::shared_ptr<ServiceTable> m_services;
+    std::shared_ptr<ClientTable> m_clients;
+    std::string m_claimFailure; ///< the last one traced
+};
+
+void CommBackend::start()
+{
+    if (m_loop) {
+        return;
+    }
+    m_own.instance = obr::UUID::generate();
+    m_loop = std::make_shared<IoLoop>(m_settings);
+    for (auto& transport : m_makeTransports(m_loop->reactor())) {
+        m_transports.push_back(std::move(transport));
+    }
+    m_locators.emplace(m_settings.routes, m_transports);
+    m_services = std::make_shared<ServiceTable>(m_loop);
+    m_clients = std::make_shared<ClientTable>(m_loop, m_own, makeOpenLocal());
+}
+
+void CommBackend::stop()
+{
+    if (!m_loop) {
+        return;
+    }
+    if (m_loop->isCurrent()) {
+        obr::GlobalErrorHandler::doAssert(false, "!m_loop->isCurrent()", __FILE__, __LINE__, __func__,
+                                          "a backend cannot be stopped from its own I/O loop");
+        return;
+    }
+    m_loop->runAndWait("stop", [this] {
+        m_services->stop();
+        m_clients->stop();
+        for (const auto& transport : m_transports) {
+            transport->close();
+        }
+    });
+    m_loop->reactor()->stop();
+    m_services->abandon();
+    m_clients->abandon();
+    m_locators.reset();
+    m_transports.clear();
+    m_services.reset();
+    m_clients.reset();
+    m_loop.reset();
+}
+
+/// The transport listens under the process's name from the first service on.
+bool CommBackend::claimName(transport::ITransport& transport)
+{
+    std::string why;
+    const bool failed = transport.listen(
+        m_own.process,
+        [loop = m_loop, services = std::weak_ptr(m_services), own = m_own,
+         scheme = transport.scheme()](std::unique_ptr<transport::IStream> stream) {
+            const IoLoop::Turn turn(*loop);
+            if (const auto held = services.lock()) {
+                held->accept(std::move(stream), own, scheme);
+            }
+        },
+        why);
+    if (failed && why != m_claimFailure) {
+        KESA_TRACE(CHANNEL, 4, "[claimName] '%s' cannot provide services: %s", m_own.process.c_str(), why.c_str());
+    }
+    m_claimFailure = failed ? why : std::string();
+    return failed;
+}
+
+bool CommBackend::provide(const std::string& path, IKesaApi* service)
+{
+    if (service == nullptr || !Path::isCanonical(path)) {
+        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is no canonical path, or has no service object", path.c_str());
+        return true;
+    }
+    const bool failed = m_services->provide(path, service);
+    if (failed) {
+        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is provided already", path.c_str());
+    }
+    return failed;
+}
+
+bool CommBackend::provideOnPath(const std::string& path, IKesaApi* service, url& locator)
+{
+    if (m_transports.empty() || claimName(*m_transports.front())) {
+        return true;
+    }
+    const auto endpoint = m_transports.front()->ownEndpoint();
+    if (!endpoint || provide(path, service)) {
+        return true;
+    }
+    locator = Locators::make(*endpoint, path);
+    return false;
+}
+
+bool CommBackend::provideOnLocator(const url& locator, IKesaApi* service)
+{
+    const auto place = find(locator);
+    if (!place || !isOwnName(place->destination.endpoint)) {
+        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is not a locator of this process, '%s'", locator.toString().c_str(),
+                   m_own.process.c_str());
+        return true;
+    }
+    return claimName(*place->destination.transport) || provide(place->path, service);
+}
+
+void CommBackend::unprovide(const url& locator)
+{
+    const auto place = find(locator);
+    if (place && isOwnName(place->destination.endpoint)) {
+        m_services->withdraw(place->path);
+    }
+}
+
+KesaClientApi* CommBackend::connect(const url& locator, IClientConnectionListener* listener)
+{
+    auto place = find(locator);
+    if (!place || listener == nullptr) {
+        return nullptr;
+    }
+    const auto client = std::make_shared<ClientState>(place->path, listener);
+    return new ClientObject(m_clients->use(place->destination), client);
+}
+
+void CommBackend::release(IKesaApi* client, bool serviceRemoved)
+{
+    if (auto* const object = dynamic_cast<ClientObject*>(client)) {
+        object->release(serviceRemoved);
+    } else {
+        KESA_TRACE(CHANNEL, 3, "[release] %p is no client object of this backend", static_cast<void*>(client));
+    }
+}
+
+bool CommBackend::isLocal(const url& locator)
+{
+    const auto place = find(locator);
+    return place && isOwnName(place->destination.endpoint) && !claimName(*place->destination.transport);
+}
+
+/// Own locators need no socket. While the name is another process's, they lead there as any other.
+OpenLocal CommBackend::makeOpenLocal() const
+{
+    return [loop = std::weak_ptr(m_loop), services = std::weak_ptr(m_services),
+            own = m_own](const Destination& destination) -> std::unique_ptr<transport::IStream> {
+        const auto endpoint = destination.transport->ownEndpoint();
+        const auto heldLoop = loop.lock();
+        const auto heldServices = services.lock();
+        if (!endpoint || endpoint->process != destination.endpoint.process || !heldLoop || !heldServices) {
+            return nullptr;
+        }
+        auto [client, server] = makeLocalStreams(heldLoop->reactor());
+        heldServices->accept(std::move(server), own, "local");
+        return std::move(client);
+    };
+}
+
+} // namespace
+
+std::unique_ptr<IBackend> makeCommBackend(const std::string& process, const CommSettings& settings,
+                                          TransportFactory transports)
+{
+    return std::make_unique<CommBackend>(process, settings, std::move(transports));
+}
+
+} // namespace kesa::commadapter

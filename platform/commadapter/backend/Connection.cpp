@@ -1,0 +1,320 @@
+// Input: the loop reads a batch, up to a limit so that no peer keeps the loop to itself, and the machine calls the
+// derived class for each message in it. The lock is not held meanwhile.
+//
+// Output: a command is encoded into the machine under the lock. Issued on another thread it is written at once by that
+// thread, unless the socket is full or a batch is being handled; issued on the loop it is gathered, and leaves in one
+// call at the end of the batch or turn, or as soon as GATHERED_BYTES have come together.
+//
+// The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
+// the machine from under its own feet; the rest of the batch is still handled, as it came before the end.
+
+#include "backend/Connection.h"
+
+#include "backend/channel.h"
+
+#include <array>
+
+namespace kesa::commadapter {
+
+namespace {
+
+constexpr unsigned READS_PER_BATCH = 16;
+constexpr std::size_t GATHERED_BYTES = 64U << 10U;
+constexpr std::size_t PARTS_PER_WRITE = 64;
+
+protocol::Limits limitsOf(const CommSettings& settings)
+{
+    protocol::Limits limits;
+    limits.maxMessageBytes = settings.maxMessageBytes;
+    limits.heartbeat = settings.heartbeat;
+    return limits;
+}
+
+} // namespace
+
+Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Machine::Role role)
+    : m_loop(std::move(loop)), m_role(role)
+{}
+
+Connection::~Connection()
+{
+    if (m_countedBytes > 0) {
+        m_loop->countQueued(m_countedBytes, 0);
+    }
+}
+
+void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own)
+{
+    const comm::TimeNs now = comm::now();
+    auto& listener = static_cast<protocol::IMachineListener&>(*this);
+    m_machine = std::make_unique<protocol::Machine>(m_role, own, limitsOf(m_loop->settings()), listener, now);
+    m_stream = std::move(stream);
+    m_isOpen = true;
+    ++m_opened;
+    m_isBatch = m_isBlocked = m_isBroken = false;
+    m_lastProgress = now;
+    m_lostReason.reset();
+}
+
+void Connection::begin()
+{
+    m_loop->add(*this);
+    m_stream->start(*this);
+    flush();
+    m_loop->expectSomething(); // the peer's hello
+}
+
+void Connection::lose(std::string reason)
+{
+    m_loop->onLoop(__func__);
+    if (!m_isOpen) {
+        return;
+    }
+    if (m_isReceiving) {
+        if (!m_lostReason) {
+            m_lostReason = std::move(reason);
+        }
+        return;
+    }
+    const auto keep = shared_from_this();
+    m_loop->remove(*this);
+    Lock lock(m_lock);
+    m_stream->close();
+    m_isOpen = false;
+    m_loop->countQueued(m_countedBytes, 0);
+    m_countedBytes = 0;
+    m_stream.reset();
+    m_machine.reset();
+    lock.unlock();
+    onClosed(reason);
+}
+
+// ---- input --------------------------------------------------------------------------------------------------------
+
+void Connection::onReadable()
+{
+    const IoLoop::Turn turn(*m_loop);
+    const auto keep = shared_from_this();
+    readBatch();
+}
+
+bool Connection::readBatch()
+{
+    if (!m_isOpen || m_isReceiving) {
+        return false;
+    }
+    {
+        const Lock lock(m_lock);
+        m_isBatch = true;
+    }
+    m_isReceiving = true;
+    bool hasMore = false;
+    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason; ++reads) {
+        const auto into = m_machine->inputBuffer();
+        std::size_t size = 0;
+        const auto result = m_stream->read(into, size);
+        if (result == transport::IStream::Result::eENDED) {
+            m_lostReason = m_stream->reason().empty() ? "the peer closed the connection" : m_stream->reason();
+        }
+        hasMore = result == transport::IStream::Result::eDONE && size > 0;
+        if (!hasMore) {
+            break;
+        }
+        const bool failed = m_machine->received(size, comm::now());
+        if (failed) {
+            m_lostReason = m_machine->reason();
+            KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), m_lostReason->c_str());
+        } else if (size < into.size()) {
+            break; // most probably all of it; the stream comes again for the rest
+        }
+    }
+    m_isReceiving = false;
+    finishBatch();
+    return hasMore && m_isOpen;
+}
+
+void Connection::finishBatch()
+{
+    {
+        const Lock lock(m_lock);
+        m_isBatch = false;
+        for (unsigned owed = m_machine->takePongsOwed(); owed > 0; --owed) {
+            m_machine->pong();
+        }
+        write();
+    }
+    if (m_lostReason) {
+        lose(*std::exchange(m_lostReason, std::nullopt));
+    }
+}
+
+void Connection::readAll()
+{
+    while (readBatch()) {
+    }
+}
+
+void Connection::onPeerExited()
+{
+    const IoLoop::Turn turn(*m_loop);
+    const auto keep = shared_from_this();
+    readAll(); // what it had sent before
+    lose("the peer's process has ended");
+}
+
+// ---- output -------------------------------------------------------------------------------------------------------
+
+void Connection::pushOut()
+{
+    countQueued();
+    if (m_machine->queuedBytes() < GATHERED_BYTES) {
+        if (m_isBatch) {
+            return;
+        }
+        if (m_loop->isCurrent()) {
+            if (!m_isGathered) {
+                m_isGathered = true;
+                m_loop->flushAtTurnEnd(*this);
+            }
+            return;
+        }
+    }
+    write();
+}
+
+void Connection::flush()
+{
+    const Lock lock(m_lock);
+    m_isGathered = false;
+    write();
+}
+
+void Connection::onWritable()
+{
+    const IoLoop::Turn turn(*m_loop);
+    const auto keep = shared_from_this();
+    const Lock lock(m_lock);
+    m_isBlocked = false;
+    write();
+}
+
+/// With the lock held. The stream is written to by one thread at a time, and closed under the same lock: nobody writes
+/// to a descriptor that is somebody else's by now.
+void Connection::write()
+{
+    if (!m_isOpen || m_isBroken || m_isBlocked) {
+        return;
+    }
+    std::array<iovec, PARTS_PER_WRITE> parts;
+    while (true) {
+        std::size_t count = m_machine->gather(parts);
+        if (count == 0) {
+            onQueueEmpty();
+            count = m_machine->gather(parts);
+        }
+        if (count == 0) {
+            break;
+        }
+        std::size_t size = 0;
+        const auto result = m_stream->write(std::span<const iovec>(parts.data(), count), size);
+        if (result == transport::IStream::Result::eDONE) {
+            m_lastProgress = comm::now();
+            m_machine->sent(size, m_lastProgress);
+            continue;
+        }
+        if (result == transport::IStream::Result::eENDED) {
+            m_isBroken = true;
+            writeFailed();
+            break;
+        }
+        m_isBlocked = true;
+        m_loop->expectSomething(); // that the queue moves
+        m_loop->post([self = shared_from_this(), opened = m_opened] {
+            if (self->m_isOpen && self->m_opened == opened) {
+                self->m_stream->wantWrite();
+            }
+        });
+        break;
+    }
+    countQueued();
+}
+
+/// What the peer had sent before it left is handled first.
+void Connection::writeFailed()
+{
+    m_loop->post([self = shared_from_this(), opened = m_opened] {
+        if (self->m_isOpen && self->m_opened == opened) {
+            self->readAll();
+        }
+        if (self->m_isOpen && self->m_opened == opened) {
+            const std::string reason = self->m_stream->reason();
+            self->lose(reason.empty() ? "the peer closed the connection" : reason);
+        }
+    });
+}
+
+void Connection::countQueued()
+{
+    const std::size_t queued = m_machine->queuedBytes();
+    if (queued != m_countedBytes) {
+        m_loop->countQueued(m_countedBytes, queued);
+        m_countedBytes = queued;
+    }
+}
+
+bool Connection::isOverBound(std::size_t moreBytes) const
+{
+    const std::size_t queued = m_machine->queuedBytes();
+    return queued > 0 && queued + moreBytes > m_loop->settings().sendQueueBytes;
+}
+
+bool Connection::isProcessOverBound(std::size_t moreBytes) const
+{
+    const std::size_t queued = m_loop->queuedBytes();
+    return queued > 0 && queued + moreBytes > m_loop->settings().processQueueBytes;
+}
+
+bool Connection::isStuck(comm::TimeNs now) const
+{
+    return m_isBlocked && now - m_lastProgress >= m_loop->settings().heartbeat;
+}
+
+// ---- liveness -----------------------------------------------------------------------------------------------------
+
+bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
+{
+    m_loop->onLoop(__func__);
+    if (!m_isOpen) {
+        return false;
+    }
+    Lock lock(m_lock);
+    if (hasSlept) {
+        m_machine->restartDeadlines(now);
+        m_lastProgress = now;
+        return true;
+    }
+    if (now >= m_machine->nextDeadline()) {
+        lock.unlock();
+        readAll(); // before a peer is judged silent
+        if (!m_isOpen) {
+            return false;
+        }
+        lock.lock();
+        std::string why;
+        if (m_machine->expired(now, why)) {
+            lock.unlock();
+            lose(std::move(why));
+            return false;
+        }
+    }
+    bool isLate = false;
+    const bool isOwed = isAnswerOwed(now, isLate);
+    const bool isSilent = now - m_machine->lastReceived() >= m_loop->settings().heartbeat;
+    if (isSilent && (isLate || isStuck(now))) {
+        m_machine->probe(now);
+        pushOut();
+    }
+    return isOwed || m_isBlocked || m_machine->nextDeadline() != comm::NEVER;
+}
+
+} // namespace kesa::commadapter

@@ -1,0 +1,118 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTION_H
+
+#include "backend/IoLoop.h"
+#include "protocol/Machine.h"
+#include "transport/ITransport.h"
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace kesa::commadapter {
+
+/// A stream of bytes and the protocol machine on it: what both sides have in common. See the head of Connection.cpp.
+/// The derived classes hold what the streams of requests and answers mean to their side.
+class Connection : public std::enable_shared_from_this<Connection>,
+                   private transport::IStreamListener,
+                   protected protocol::IMachineListener {
+public:
+    Connection(std::shared_ptr<IoLoop> loop, protocol::Machine::Role role);
+    ~Connection() override;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Writes what is queued. Loop only.
+    void flush();
+    /// One beat of the heart: probes a peer that owes something, ends the connection to one that stays silent.
+    /// `hasSlept`: the loop itself did not run in time, so nobody is judged. Answers whether there is anything to look
+    /// for at the next beat. Loop only.
+    bool checkAlive(comm::TimeNs now, bool hasSlept);
+
+protected:
+    using Lock = std::unique_lock<std::mutex>;
+
+    /// Begins on `stream`. Called with the lock held, on the loop, while not open; then queue the first commands, and
+    /// call `begin` without the lock.
+    void open(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own);
+    void begin();
+    /// Ends the stream: at once, or after the read batch that is being handled. Then `onClosed` is called. Loop only.
+    void lose(std::string reason);
+    /// After a command to the machine, lock held: writes at once, or leaves it to the end of the batch or turn.
+    void pushOut();
+    /// A queue that has not moved for the time of a heartbeat. Lock held.
+    bool isStuck(comm::TimeNs now) const;
+    /// Whether `moreBytes` would exceed the bound of this connection's queue, or of all queues. What there is room for
+    /// in no queue at all still passes an empty one. Lock held.
+    bool isOverBound(std::size_t moreBytes) const;
+    bool isProcessOverBound(std::size_t moreBytes) const;
+
+    bool isOpen() const noexcept { return m_isOpen; }
+    /// While open; lock held.
+    protocol::Machine& machine() noexcept { return *m_machine; }
+    /// Loop only, while open.
+    const transport::PeerIdentity& peer() const noexcept { return m_stream->peer(); }
+    IoLoop& loop() const noexcept { return *m_loop; }
+
+    /// The stream has ended; the lock is not held. Loop only.
+    virtual void onClosed(const std::string& reason) = 0;
+    /// Whether the peer owes an answer, and has for longer than a heartbeat. Lock held, loop only.
+    virtual bool isAnswerOwed(comm::TimeNs now, bool& isLate) = 0;
+    /// The queue is empty: what was held back may be queued now. Lock held, any thread.
+    virtual void onQueueEmpty() {}
+    virtual std::string peerName() const = 0;
+
+    // What only one side hears is nothing to the other.
+    void onHello(const protocol::Hello&) override {}
+    void onAttach(std::uint32_t, std::string) override {}
+    void onDetach(std::uint32_t) override {}
+    void onRequest(std::uint32_t, std::uint32_t, Request) override {}
+    void onCancel(std::uint32_t) override {}
+    void onAttached(std::uint32_t) override {}
+    void onDetached(std::uint32_t) override {}
+    void onNext(std::uint32_t, Response) override {}
+    void onError(std::uint32_t, Response) override {}
+    void onCompleted(std::uint32_t) override {}
+
+    /// Guards the output half of the machine, writing, and the tables of the derived class. Never held around a call
+    /// into a handler, listener or service.
+    mutable std::mutex m_lock;
+
+private:
+    void onReadable() override;
+    void onWritable() override;
+    void onPeerExited() override;
+
+    /// Reads and handles what is there, up to a limit; true: there may be more.
+    bool readBatch();
+    void readAll();
+    void finishBatch();
+    void write();
+    void writeFailed();
+    void countQueued();
+
+    const std::shared_ptr<IoLoop> m_loop;
+    const protocol::Machine::Role m_role;
+
+    // Changed on the loop with the lock held; read on the loop, or with the lock held.
+    std::unique_ptr<protocol::Machine> m_machine;
+    std::unique_ptr<transport::IStream> m_stream;
+    bool m_isOpen = false;
+    std::uint64_t m_opened = 0; ///< how often
+    // With the lock held.
+    bool m_isBatch = false;   ///< a read batch is being handled
+    bool m_isBlocked = false; ///< waits for `onWritable`
+    bool m_isBroken = false;  ///< a write failed
+    comm::TimeNs m_lastProgress = 0;
+    std::size_t m_countedBytes = 0;
+    // Loop only.
+    bool m_isReceiving = false;
+    bool m_isGathered = false;
+    std::optional<std::string> m_lostReason;
+};
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,166 @@
+// A missing endpoint is watched, and nothing is tried until the watch fires. Where nothing can be watched, and after
+// all other failures, the pauses double from 1 ms to the longest of the transport. A busy one is tried again within 1
+// to 5 ms, at random, so that many clients do not come back at the same moment.
+
+#include "backend/Connector.h"
+
+#include "backend/channel.h"
+
+#include <obr/Random.h>
+
+#include <algorithm>
+
+namespace kesa::commadapter {
+
+Connector::Connector(std::shared_ptr<IoLoop> loop, Destination destination, OpenLocal openLocal)
+    : m_loop(std::move(loop)), m_destination(std::move(destination)), m_openLocal(std::move(openLocal))
+{}
+
+void Connector::start(Connected connected)
+{
+    m_loop->onLoop(__func__);
+    if (m_state != State::eSTOPPED) {
+        return;
+    }
+    m_connected = std::move(connected);
+    m_pause = comm::MILLISECOND;
+    attempt();
+}
+
+void Connector::stop()
+{
+    m_loop->onLoop(__func__);
+    m_state = State::eSTOPPED;
+    ++m_round;
+    endWaiting();
+}
+
+void Connector::lost(const std::string& reason)
+{
+    m_loop->onLoop(__func__);
+    if (m_state != State::eSTOPPED) {
+        note(reason);
+        pause(nextPause());
+    }
+}
+
+void Connector::useful()
+{
+    m_pause = comm::MILLISECOND;
+    m_lastReason.clear();
+}
+
+void Connector::attempt()
+{
+    m_state = State::eCONNECTING;
+    m_hasAppeared = false;
+    const std::uint64_t round = ++m_round;
+    if (auto stream = m_openLocal(m_destination)) {
+        attempted({std::move(stream), transport::ITransport::Failure::eOTHER, {}});
+        return;
+    }
+    m_destination.transport->connect(m_destination.endpoint, [weakSelf = weak_from_this(), loop = m_loop,
+                                                              round](transport::ITransport::Connected result) {
+        const IoLoop::Turn turn(*loop);
+        const auto self = weakSelf.lock();
+        if (self && self->m_round == round && self->m_state == State::eCONNECTING) {
+            self->attempted(std::move(result));
+        }
+    });
+}
+
+void Connector::attempted(transport::ITransport::Connected result)
+{
+    if (result.stream) {
+        endWaiting();
+        m_state = State::eCONNECTED;
+        m_connected(std::move(result.stream));
+        return;
+    }
+    note(result.reason);
+    switch (result.failure) {
+    case transport::ITransport::Failure::eMISSING:
+        missing();
+        break;
+    case transport::ITransport::Failure::eBUSY:
+        pause(comm::MILLISECOND + static_cast<comm::TimeNs>(obr::Random::current().below(4 * comm::MILLISECOND)));
+        break;
+    case transport::ITransport::Failure::eOTHER:
+        pause(nextPause());
+        break;
+    }
+}
+
+void Connector::missing()
+{
+    if (m_watch == 0) {
+        m_watch = m_destination.transport->watchEndpoint(m_destination.endpoint,
+                                                         [weakSelf = weak_from_this(), loop = m_loop] {
+                                                             const IoLoop::Turn turn(*loop);
+                                                             if (const auto self = weakSelf.lock()) {
+                                                                 self->appeared();
+                                                             }
+                                                         });
+    }
+    if (m_watch == 0) {
+        pause(nextPause());
+    } else if (m_hasAppeared) {
+        attempt();
+    } else {
+        m_state = State::eWAITING;
+    }
+}
+
+void Connector::appeared()
+{
+    if (m_state == State::eCONNECTING) {
+        m_hasAppeared = true;
+    } else if (m_state == State::eWAITING) {
+        pause(0); // outside of the transport's call: the attempt may end the watch
+    }
+}
+
+void Connector::pause(comm::TimeNs duration)
+{
+    m_state = State::eWAITING;
+    if (m_timer != 0) {
+        m_loop->reactor()->cancelTimer(m_timer);
+    }
+    m_timer = m_loop->startTimer(comm::now() + duration, [weakSelf = weak_from_this()] {
+        const auto self = weakSelf.lock();
+        if (self && self->m_state == State::eWAITING) {
+            self->m_timer = 0;
+            self->attempt();
+        }
+    });
+}
+
+comm::TimeNs Connector::nextPause()
+{
+    const comm::TimeNs pause = m_pause;
+    m_pause = std::min(2 * m_pause, m_destination.transport->longestPause());
+    return pause;
+}
+
+void Connector::endWaiting()
+{
+    if (m_timer != 0) {
+        m_loop->reactor()->cancelTimer(m_timer);
+        m_timer = 0;
+    }
+    if (m_watch != 0) {
+        m_destination.transport->unwatchEndpoint(m_watch);
+        m_watch = 0;
+    }
+}
+
+void Connector::note(const std::string& reason)
+{
+    if (reason != m_lastReason) {
+        m_lastReason = reason;
+        KESA_TRACE(CHANNEL, 3, "[connect] '%s' is not connected: %s", m_destination.endpoint.toString().c_str(),
+                   reason.c_str());
+    }
+}
+
+} // namespace kesa::commadapter

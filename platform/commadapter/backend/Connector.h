@@ -1,0 +1,69 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTOR_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTOR_H
+
+#include "backend/IoLoop.h"
+#include "transport/ITransport.h"
+
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace kesa::commadapter {
+
+/// Where a connection leads.
+struct Destination {
+    std::shared_ptr<transport::ITransport> transport;
+    transport::Endpoint endpoint;
+};
+
+/// Opens a stream to an endpoint of this very process; null when it is another process's.
+using OpenLocal = std::function<std::unique_ptr<transport::IStream>(const Destination&)>;
+
+/// Gets a stream to an endpoint, again and again, until it is told to stop. A missing endpoint is watched for; after
+/// any other failure the pauses grow. Every failure is the endpoint's reason, traced when it changes. Loop only.
+class Connector : public std::enable_shared_from_this<Connector> {
+public:
+    using Connected = std::function<void(std::unique_ptr<transport::IStream>)>;
+
+    Connector(std::shared_ptr<IoLoop> loop, Destination destination, OpenLocal openLocal);
+
+    /// Calls `connected`, on the loop, each time there is a stream; for a local endpoint perhaps inside this call.
+    void start(Connected connected);
+    void stop();
+    /// The stream that was handed over has ended: the next one is wanted.
+    void lost(const std::string& reason);
+    /// The stream that was handed over has proved useful: the pauses begin anew, and so does the tracing of reasons.
+    void useful();
+
+    const Destination& destination() const noexcept { return m_destination; }
+    /// Why there was no connection the last time; empty while there is a useful one.
+    const std::string& lastReason() const noexcept { return m_lastReason; }
+
+private:
+    enum class State { eSTOPPED, eCONNECTING, eWAITING, eCONNECTED };
+
+    void attempt();
+    void attempted(transport::ITransport::Connected result);
+    void missing();
+    void appeared();
+    void pause(comm::TimeNs duration);
+    comm::TimeNs nextPause();
+    void endWaiting();
+    void note(const std::string& reason);
+
+    const std::shared_ptr<IoLoop> m_loop;
+    const Destination m_destination;
+    const OpenLocal m_openLocal;
+    Connected m_connected;
+    State m_state = State::eSTOPPED;
+    std::uint64_t m_round = 0;  ///< of attempts; answers of earlier rounds are dropped
+    bool m_hasAppeared = false; ///< while an attempt was under way
+    comm::Reactor::Id m_watch = 0;
+    comm::Reactor::Id m_timer = 0;
+    comm::TimeNs m_pause = comm::MILLISECOND;
+    std::string m_lastReason;
+};
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,102 @@
+#ifndef KESA_COMMADAPTER_BACKEND_IOLOOP_H
+#define KESA_COMMADAPTER_BACKEND_IOLOOP_H
+
+#include "backend/CommBackend.h"
+
+#include <comm/Reactor.h>
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kesa::commadapter {
+
+class Connection;
+
+/// What all connections of one backend share: the reactor, the gathering of output, the bound on queued bytes, and the
+/// heartbeat, which runs only while some connection is owed something. Outlives the backend as long as a client
+/// object or response handler does. Loop only, unless said otherwise.
+class IoLoop : public std::enable_shared_from_this<IoLoop> {
+public:
+    explicit IoLoop(const CommSettings& settings);
+
+    const CommSettings& settings() const noexcept { return m_settings; }
+    const std::shared_ptr<comm::Reactor>& reactor() const noexcept { return m_reactor; }
+    /// Any thread.
+    bool isCurrent() const noexcept { return m_reactor->isCurrent(); }
+    /// Asserts that this is the loop.
+    void onLoop(const char* function) const;
+
+    /// One entry into the backend's code from the reactor. At the end of the outermost one everything leaves that was
+    /// gathered meanwhile.
+    class Turn {
+    public:
+        explicit Turn(IoLoop& loop) noexcept : m_loop(loop) { ++m_loop.m_depth; }
+        ~Turn()
+        {
+            if (m_loop.m_depth == 1) {
+                m_loop.flushGathered();
+            }
+            --m_loop.m_depth;
+        }
+        Turn(const Turn&) = delete;
+        Turn& operator=(const Turn&) = delete;
+
+    private:
+        IoLoop& m_loop;
+    };
+
+    /// Runs `work` on the loop, as a turn. After the loop's end it is destroyed here. Any thread.
+    template <class Work>
+    void post(Work work)
+    {
+        m_reactor->post([self = shared_from_this(), work = std::move(work)]() mutable {
+            const Turn turn(*self);
+            work();
+        });
+    }
+    template <class Work>
+    comm::Reactor::Id startTimer(comm::TimeNs when, Work work)
+    {
+        return m_reactor->startTimer(when, [self = shared_from_this(), work = std::move(work)]() mutable {
+            const Turn turn(*self);
+            work();
+        });
+    }
+    /// Runs `work` on the loop and returns when it has run, or when the loop has ended; on the loop itself: at once.
+    /// A wait of over a second is traced with `what`. Any thread.
+    void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
+    void flushAtTurnEnd(Connection& connection);
+    void add(Connection& connection);
+    void remove(Connection& connection);
+    /// From now on the heartbeat looks at the connections until none is owed anything. Any thread.
+    void expectSomething();
+
+    /// Queued bytes of all connections. Any thread.
+    std::size_t queuedBytes() const noexcept { return m_queuedBytes.load(std::memory_order_relaxed); }
+    void countQueued(std::size_t before, std::size_t after) noexcept
+    {
+        m_queuedBytes.fetch_add(after - before, std::memory_order_relaxed);
+    }
+
+private:
+    void flushGathered();
+    void startHeartbeat();
+    void beat(comm::TimeNs due);
+
+    const CommSettings m_settings;
+    const std::shared_ptr<comm::Reactor> m_reactor;
+    std::atomic<std::size_t> m_queuedBytes{0};
+    std::atomic<bool> m_isBeating{false};
+    // Loop only.
+    unsigned m_depth = 0;
+    std::vector<std::shared_ptr<Connection>> m_gathered;
+    std::vector<Connection*> m_connections;
+};
+
+} // namespace kesa::commadapter
+
+#endif

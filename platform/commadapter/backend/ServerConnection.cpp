@@ -1,0 +1,412 @@
+// A request is handed to its service on the loop, with a response handler that leads back here by stream and serial:
+// the service may keep it as long as it likes and answer from any thread, one at a time. Whatever ends a stream on this
+// side (the service, the client's cancel, a withdrawal, a cut, the connection) frees its entry under the lock; what the
+// handler says afterwards finds another serial and is not accepted. Where it was not the service that ended it, the
+// service's `cancel` is called, on the loop and without the lock.
+//
+// A stream's number is the client's, and free again for it once this side has said `error` or `completed`, which it
+// says for a cancelled one too.
+//
+// A client that does not keep up: see `QueuePolicy`. What has to end is ended by the loop later, never inside `onNext`.
+
+#include "backend/ServerConnection.h"
+
+#include "backend/channel.h"
+
+#include <kesa/IResponseHandler.h>
+
+#include <algorithm>
+
+namespace kesa::commadapter {
+
+namespace {
+
+constexpr std::size_t MAX_TARGETS = 65536;
+
+/// What a service answers through.
+class ResponseSender final : public IResponseHandler<Response>, public IStreamControl {
+public:
+    ResponseSender(std::shared_ptr<ServerConnection> connection, std::uint32_t stream, std::uint64_t serial)
+        : m_connection(std::move(connection)), m_stream(stream), m_serial(serial)
+    {}
+    ~ResponseSender() override
+    {
+        if (m_connection) {
+            const auto error = Response::createErrorResponse(503, "the service dropped the request");
+            m_connection->finish(m_stream, m_serial, &error);
+        }
+    }
+    ResponseSender(const ResponseSender&) = delete;
+    ResponseSender& operator=(const ResponseSender&) = delete;
+
+    bool onNext(const Response& response) override
+    {
+        return !m_connection || m_connection->next(m_stream, m_serial, response);
+    }
+    void onError(const Response& error) override { finish(&error); }
+    void onCompleted() override { finish(nullptr); }
+    void setQueuePolicy(QueuePolicy policy) override
+    {
+        if (m_connection) {
+            m_connection->setPolicy(m_stream, m_serial, policy);
+        }
+    }
+
+private:
+    void finish(const Response* error)
+    {
+        if (const auto connection = std::exchange(m_connection, nullptr)) {
+            connection->finish(m_stream, m_serial, error);
+        }
+    }
+
+    std::shared_ptr<ServerConnection> m_connection; ///< null after the end
+    const std::uint32_t m_stream;
+    const std::uint64_t m_serial;
+};
+
+} // namespace
+
+ServerConnection::ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services,
+                                   std::string scheme)
+    : Connection(std::move(loop), protocol::Machine::Role::eSERVER), m_services(std::move(services)),
+      m_scheme(std::move(scheme))
+{}
+
+ServerConnection::~ServerConnection() = default;
+
+void ServerConnection::begin(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own)
+{
+    {
+        const Lock lock(m_lock);
+        open(std::move(stream), own);
+    }
+    Connection::begin();
+}
+
+void ServerConnection::end()
+{
+    flush();
+    lose("shutting down");
+}
+
+std::string ServerConnection::peerName() const
+{
+    if (m_context.process.empty()) {
+        return isOpen() && peer().pid >= 0 ? "process " + std::to_string(peer().pid) : "unknown client";
+    }
+    return m_context.process + " (process " + std::to_string(m_context.pid) + ")";
+}
+
+// ---- answers ------------------------------------------------------------------------------------------------------
+
+ServerConnection::Stream* ServerConnection::find(std::uint32_t number, std::uint64_t serial)
+{
+    Stream* const stream = m_streams.find(number);
+    return isOpen() && stream != nullptr && stream->serial == serial ? stream : nullptr;
+}
+
+bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Response& response)
+{
+    const Lock lock(m_lock);
+    Stream* const stream = find(number, serial);
+    if (stream == nullptr || stream->isCut) {
+        return true;
+    }
+    if (stream->hasLatest) {
+        const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
+                                          [number](const Latest& latest) { return latest.stream == number; });
+        waiting->response = response;
+        return false;
+    }
+    const std::size_t size = response.getPayload().size();
+    if (isOverBound(size) || isProcessOverBound(size)) {
+        if (stream->policy == QueuePolicy::eKEEP_LATEST) {
+            stream->hasLatest = true;
+            m_latest.push_back({number, response});
+            return false;
+        }
+        if (isRefused(number, *stream, size)) {
+            return true;
+        }
+    }
+    const auto sent = machine().next(number, response);
+    if (sent != protocol::Machine::Sent::eQUEUED) {
+        KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer of %zu bytes is not sent: %s", stream->service->path.c_str(),
+                   size,
+                   sent == protocol::Machine::Sent::eTOO_LARGE ? "larger than a message may be"
+                                                               : "text that is not UTF-8, or a header without a form");
+        return true;
+    }
+    pushOut();
+    return false;
+}
+
+/// Over the bound: whether the value is not to be queued. What else follows is left to the loop.
+bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
+{
+    const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+    if (stream.policy == QueuePolicy::eCUT_STREAM) {
+        stream.isCut = true;
+        loop().post([self, number, serial = stream.serial] { self->cut(number, serial); });
+        return true;
+    }
+    if (!isProcessOverBound(size) && !isStuck(comm::now())) {
+        return false;
+    }
+    stream.isCut = true;
+    loop().post([self] {
+        if (self->isOpen()) {
+            KESA_TRACE(CHANNEL, 3, "[answer] '%s' is cut off: it does not take its answers", self->peerName().c_str());
+            self->lose("the client does not take its answers");
+        }
+    });
+    return true;
+}
+
+void ServerConnection::cut(std::uint32_t number, std::uint64_t serial)
+{
+    Lock lock(m_lock);
+    if (find(number, serial) != nullptr) {
+        machine().dropQueued(number);
+        lock.unlock();
+        cancelAtService(number, "too slow");
+    }
+}
+
+void ServerConnection::finish(std::uint32_t number, std::uint64_t serial, const Response* error)
+{
+    const Lock lock(m_lock);
+    const Stream* const stream = find(number, serial);
+    if (stream == nullptr || stream->isCut) {
+        return; // a cut stream ends with the loop's word
+    }
+    queueLatest(number);
+    if (error != nullptr) {
+        machine().error(number, *error);
+    } else {
+        machine().completed(number);
+    }
+    release(number);
+    pushOut();
+}
+
+void ServerConnection::setPolicy(std::uint32_t number, std::uint64_t serial, QueuePolicy policy)
+{
+    const Lock lock(m_lock);
+    if (Stream* const stream = find(number, serial)) {
+        stream->policy = policy;
+    }
+}
+
+void ServerConnection::onQueueEmpty()
+{
+    for (const Latest& latest : std::exchange(m_latest, {})) {
+        m_streams.find(latest.stream)->hasLatest = false;
+        // One that is too large is lost as it would have been at once.
+        static_cast<void>(machine().next(latest.stream, latest.response));
+    }
+}
+
+/// The value that waits, before the stream's end.
+void ServerConnection::queueLatest(std::uint32_t number)
+{
+    const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
+                                      [number](const Latest& latest) { return latest.stream == number; });
+    if (waiting != m_latest.end()) {
+        static_cast<void>(machine().next(number, waiting->response));
+        m_latest.erase(waiting);
+    }
+}
+
+void ServerConnection::release(std::uint32_t number)
+{
+    std::erase_if(m_latest, [number](const Latest& latest) { return latest.stream == number; });
+    m_streams.remove(m_streams.find(number)->target->open, number);
+    m_streams.release(number);
+}
+
+// ---- requests -----------------------------------------------------------------------------------------------------
+
+void ServerConnection::onHello(const protocol::Hello& peer)
+{
+    const auto& identity = Connection::peer();
+    m_context.instance = peer.instance;
+    m_context.process = peer.process;
+    m_context.transport = m_scheme;
+    m_context.realm = peer.realm;
+    m_context.pid = identity.pid;
+    m_context.uid = identity.uid;
+    m_context.gid = identity.gid;
+    m_context.subject = identity.subject;
+    machine().setClientId(peer.process + ":" + std::to_string(identity.pid));
+}
+
+void ServerConnection::onAttach(std::uint32_t target, std::string path)
+{
+    if (m_targets.size() >= MAX_TARGETS) {
+        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: too many paths", peerName().c_str());
+        lose("too many paths");
+        return;
+    }
+    const auto [entry, isNew] = m_targets.try_emplace(target, Target{path, nullptr, {}});
+    if (!isNew) {
+        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: target %u is in use", peerName().c_str(), target);
+        lose("target in use");
+        return;
+    }
+    if (const auto service = m_services->addInterest(*this, target, path)) {
+        provided(target, service);
+    }
+}
+
+void ServerConnection::onDetach(std::uint32_t target)
+{
+    const auto found = m_targets.find(target);
+    if (found != m_targets.end()) {
+        cancelAll(found->second, "cancelled");
+        m_services->removeInterest(*this, target, found->second.path);
+        m_targets.erase(found);
+    }
+}
+
+void ServerConnection::provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service)
+{
+    Target& entry = m_targets.at(target);
+    if (entry.service == service) {
+        return;
+    }
+    entry.service = service;
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        machine().attached(target);
+        pushOut();
+    }
+}
+
+void ServerConnection::withdrawn(std::uint32_t target, const ProvidedService& service)
+{
+    const auto found = m_targets.find(target);
+    if (found == m_targets.end() || found->second.service.get() != &service) {
+        return;
+    }
+    found->second.service = nullptr;
+    cancelAll(found->second, "the service was withdrawn");
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        machine().detached(target);
+        pushOut();
+    }
+}
+
+void ServerConnection::cancelAll(Target& target, const char* text)
+{
+    Lock lock(m_lock);
+    while (target.open.first != 0) {
+        const std::uint32_t number = target.open.first;
+        lock.unlock();
+        cancelAtService(number, text);
+        lock.lock();
+    }
+}
+
+/// Ends a stream with 503 and tells its service.
+void ServerConnection::cancelAtService(std::uint32_t number, const char* text)
+{
+    Lock lock(m_lock);
+    const Stream* const stream = m_streams.find(number);
+    if (stream == nullptr) {
+        return;
+    }
+    const auto service = stream->service;
+    void* const handle = stream->handle;
+    if (isOpen()) {
+        queueLatest(number);
+        machine().error(number, Response::createErrorResponse(503, text));
+        release(number);
+        pushOut();
+    } else {
+        release(number);
+    }
+    lock.unlock();
+    if (handle != IKesaApi::UNDEFINED_REQUEST_HANDLE && !service->isWithdrawn) {
+        service->service->cancel(handle);
+    }
+}
+
+void ServerConnection::onCancel(std::uint32_t number)
+{
+    Lock lock(m_lock);
+    if (m_streams.find(number) == nullptr) {
+        return; // it has ended meanwhile
+    }
+    machine().dropQueued(number);
+    lock.unlock();
+    cancelAtService(number, "cancelled");
+}
+
+void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Request request)
+{
+    const auto found = m_targets.find(target);
+    const auto service = found == m_targets.end() ? nullptr : found->second.service;
+    Lock lock(m_lock);
+    if (!isOpen()) {
+        return;
+    }
+    Stream* const stream = m_streams.take(number);
+    if (stream == nullptr) {
+        lock.unlock();
+        const char* const reason = number > MAX_STREAMS ? "too many open requests" : "request number in use";
+        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), reason);
+        lose(reason);
+        return;
+    }
+    if (!service) {
+        m_streams.release(number);
+        machine().error(number, Response::createErrorResponse(503, "the service is not provided"));
+        pushOut();
+        return;
+    }
+    stream->serial = ++m_lastSerial;
+    stream->target = &found->second;
+    stream->service = service;
+    m_streams.append(found->second.open, number);
+    const std::uint64_t serial = stream->serial;
+    lock.unlock();
+    serve(number, serial, service, request);
+}
+
+void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
+                             const std::shared_ptr<ProvidedService>& service, const Request& request)
+{
+    std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<ResponseSender>(
+        std::static_pointer_cast<ServerConnection>(shared_from_this()), number, serial);
+    // A caller in this process is nobody else: it has no context.
+    const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context);
+    void* const handle = service->service->request(request, std::move(handler));
+    const Lock lock(m_lock);
+    if (Stream* const stream = find(number, serial)) {
+        stream->handle = handle;
+    }
+}
+
+// ---- ends ---------------------------------------------------------------------------------------------------------
+
+void ServerConnection::onClosed(const std::string& reason)
+{
+    KESA_TRACE(CHANNEL, 2, "[connection] '%s' has ended: %s", peerName().c_str(), reason.c_str());
+    const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+    for (auto& [target, entry] : m_targets) {
+        m_services->removeInterest(*this, target, entry.path);
+        cancelAll(entry, "");
+    }
+    m_targets.clear();
+    m_services->remove(self);
+}
+
+bool ServerConnection::isAnswerOwed(comm::TimeNs, bool&)
+{
+    return false;
+}
+
+} // namespace kesa::commadapter

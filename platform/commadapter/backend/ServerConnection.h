@@ -1,0 +1,98 @@
+#ifndef KESA_COMMADAPTER_BACKEND_SERVERCONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_SERVERCONNECTION_H
+
+#include "backend/Connection.h"
+#include "backend/ServiceTable.h"
+#include "backend/StreamTable.h"
+
+#include <kesa/RequestContext.h>
+#include <kesa/commadapter/IStreamControl.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+namespace kesa::commadapter {
+
+/// A client's connection to the services of this process. See the head of ServerConnection.cpp.
+class ServerConnection final : public Connection {
+public:
+    ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services, std::string scheme);
+    ~ServerConnection() override;
+
+    // Loop only.
+    void begin(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own);
+    /// Writes what can be written, then ends the connection.
+    void end();
+    void provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service);
+    /// Ends the requests of `target` and tells the client.
+    void withdrawn(std::uint32_t target, const ProvidedService& service);
+
+    // Any thread; called by the response handlers. A `serial` that is not the stream's present one is of a stream that
+    // has ended.
+    /// True when the value was not accepted.
+    bool next(std::uint32_t stream, std::uint64_t serial, const Response& response);
+    /// `error` null: completed.
+    void finish(std::uint32_t stream, std::uint64_t serial, const Response* error);
+    void setPolicy(std::uint32_t stream, std::uint64_t serial, QueuePolicy policy);
+
+private:
+    struct Target {
+        std::string path;
+        std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
+        StreamList open;                          ///< with the lock held
+    };
+    struct Stream : StreamEntry {
+        std::uint64_t serial = 0;
+        Target* target = nullptr;
+        bool hasLatest = false; ///< a value waits in `m_latest`
+        bool isCut = false;     ///< refused a value; the loop is going to end it
+        QueuePolicy policy = QueuePolicy::eCUT_STREAM;
+        void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
+        std::shared_ptr<ProvidedService> service;
+    };
+    struct Latest {
+        std::uint32_t stream;
+        Response response;
+    };
+
+    Stream* find(std::uint32_t stream, std::uint64_t serial);
+    bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
+    void cut(std::uint32_t number, std::uint64_t serial);
+    void queueLatest(std::uint32_t number);
+    void release(std::uint32_t number);
+    void refuse(std::uint32_t stream, std::string_view text);
+    void serve(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
+               const Request& request);
+    void cancelAtService(std::uint32_t number, const char* text);
+    void cancelAll(Target& target, const char* text);
+
+    void onClosed(const std::string& reason) override;
+    bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
+    void onQueueEmpty() override;
+    std::string peerName() const override;
+    void onHello(const protocol::Hello& peer) override;
+    void onAttach(std::uint32_t target, std::string path) override;
+    void onDetach(std::uint32_t target) override;
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override;
+    void onCancel(std::uint32_t stream) override;
+
+    const std::shared_ptr<ServiceTable> m_services;
+    const std::string m_scheme;
+
+    // With the lock held.
+    StreamTable<Stream> m_streams;
+    std::uint64_t m_lastSerial = 0;
+    std::vector<Latest> m_latest; ///< in order of arrival; one for each stream at most
+
+    // Loop only.
+    std::unordered_map<std::uint32_t, Target> m_targets; ///< a target outlives its open streams
+    RequestContext m_context;
+};
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,125 @@
+#include "backend/ServiceTable.h"
+
+#include "backend/ServerConnection.h"
+
+#include <algorithm>
+
+namespace kesa::commadapter {
+
+ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop) : m_loop(std::move(loop)) {}
+
+ServiceTable::~ServiceTable() = default;
+
+bool ServiceTable::provide(const std::string& path, IKesaApi* service)
+{
+    const auto provided = std::make_shared<ProvidedService>(ProvidedService{path, service});
+    {
+        const std::lock_guard lock(m_lock);
+        if (!m_services.emplace(path, provided).second) {
+            return true;
+        }
+    }
+    m_loop->post([self = shared_from_this(), provided] { self->announce(provided); });
+    return false;
+}
+
+bool ServiceTable::provides(const std::string& path) const
+{
+    const std::lock_guard lock(m_lock);
+    return m_services.contains(path);
+}
+
+void ServiceTable::withdraw(const std::string& path)
+{
+    std::unique_lock lock(m_lock);
+    const auto node = m_services.extract(path);
+    lock.unlock();
+    if (!node.empty()) {
+        m_loop->runAndWait(path, [this, service = node.mapped()] { withdrawNow(service); });
+    }
+}
+
+/// A connection that asked for the path meanwhile has the service already.
+void ServiceTable::announce(const std::shared_ptr<ProvidedService>& service)
+{
+    const auto found = m_interests.find(service->path);
+    if (found == m_interests.end() || service->isWithdrawn) {
+        return;
+    }
+    for (const Interest& interest : found->second) {
+        interest.connection->provided(interest.target, service);
+    }
+}
+
+void ServiceTable::withdrawNow(const std::shared_ptr<ProvidedService>& service)
+{
+    m_loop->onLoop(__func__);
+    const auto found = m_interests.find(service->path);
+    if (found != m_interests.end()) {
+        const auto interests = found->second; // calls to the service may change them
+        for (const Interest& interest : interests) {
+            interest.connection->withdrawn(interest.target, *service);
+        }
+    }
+    service->isWithdrawn = true;
+}
+
+void ServiceTable::abandon()
+{
+    m_interests.clear();
+    m_connections.clear();
+}
+
+void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own,
+                          const std::string& scheme)
+{
+    m_loop->onLoop(__func__);
+    const auto connection = std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme);
+    m_connections.insert(connection);
+    connection->begin(std::move(stream), own);
+}
+
+void ServiceTable::stop()
+{
+    m_loop->onLoop(__func__);
+    std::unique_lock lock(m_lock);
+    const auto services = std::exchange(m_services, {});
+    lock.unlock();
+    for (const auto& [path, service] : services) {
+        withdrawNow(service);
+    }
+    for (const auto& connection : std::exchange(m_connections, {})) {
+        connection->end();
+    }
+    m_interests.clear();
+}
+
+std::shared_ptr<ProvidedService> ServiceTable::addInterest(ServerConnection& connection, std::uint32_t target,
+                                                           const std::string& path)
+{
+    m_interests[path].push_back({&connection, target});
+    const std::lock_guard lock(m_lock);
+    const auto found = m_services.find(path);
+    return found == m_services.end() ? nullptr : found->second;
+}
+
+void ServiceTable::removeInterest(ServerConnection& connection, std::uint32_t target, const std::string& path)
+{
+    const auto found = m_interests.find(path);
+    if (found == m_interests.end()) {
+        return;
+    }
+    std::erase_if(found->second, [&connection, target](const Interest& interest) {
+        return interest.connection == &connection && interest.target == target;
+    });
+    if (found->second.empty()) {
+        m_interests.erase(found);
+    }
+}
+
+void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)
+{
+    m_connections.erase(connection);
+}
+
+} // namespace kesa::commadapter

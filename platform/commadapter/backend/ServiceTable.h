@@ -1,0 +1,75 @@
+#ifndef KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
+#define KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
+
+#include "backend/IoLoop.h"
+#include "protocol/Machine.h"
+#include "transport/ITransport.h"
+
+#include <kesa/IKesaApi.h>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+#include <vector>
+
+namespace kesa::commadapter {
+
+class ServerConnection;
+
+/// A service object under its path. Provided twice under one path in turn makes two of these.
+struct ProvidedService {
+    const std::string path;
+    IKesaApi* const service;
+    bool isWithdrawn = false; ///< loop only: it is not called any more
+};
+
+/// The services of this process, and the connections over which others are interested in their paths, also in those
+/// that nobody provides yet. Loop only, unless said otherwise.
+class ServiceTable : public std::enable_shared_from_this<ServiceTable> {
+public:
+    explicit ServiceTable(std::shared_ptr<IoLoop> loop);
+    ~ServiceTable();
+
+    /// True when the path is taken. The clients that wait for it are told. Any thread.
+    [[nodiscard]] bool provide(const std::string& path, IKesaApi* service);
+    /// Returns when nobody calls the service any more and its clients have been told; unknown paths are ignored. Any
+    /// thread.
+    void withdraw(const std::string& path);
+    bool provides(const std::string& path) const;
+
+    /// A client has connected. `scheme` is how it came, "local" for one of this process.
+    void accept(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own, const std::string& scheme);
+    /// Withdraws everything and ends all connections.
+    void stop();
+    /// After the loop's end, any thread: drops what a loop that was killed has left.
+    void abandon();
+
+    // Called by the connections.
+    std::shared_ptr<ProvidedService> addInterest(ServerConnection& connection, std::uint32_t target,
+                                                 const std::string& path);
+    void removeInterest(ServerConnection& connection, std::uint32_t target, const std::string& path);
+    void remove(const std::shared_ptr<ServerConnection>& connection);
+
+private:
+    struct Interest {
+        ServerConnection* connection;
+        std::uint32_t target;
+    };
+
+    void announce(const std::shared_ptr<ProvidedService>& service);
+    void withdrawNow(const std::shared_ptr<ProvidedService>& service);
+
+    const std::shared_ptr<IoLoop> m_loop;
+    mutable std::mutex m_lock;
+    std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
+    // Loop only.
+    std::unordered_map<std::string, std::vector<Interest>> m_interests; ///< by path
+    std::unordered_set<std::shared_ptr<ServerConnection>> m_connections;
+};
+
+} // namespace kesa::commadapter
+
+#endif

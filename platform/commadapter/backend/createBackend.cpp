@@ -1,0 +1,57 @@
+#include "backend/CommBackend.h"
+#include "backend/channel.h"
+#include "backend/readCommSettings.h"
+#include "transport/IpcTransport.h"
+
+#include <kesa/commadapter/createBackend.h>
+#include <obr/ErrorStorage.h>
+#include <util/config/Provider.h>
+
+namespace kesa::commadapter {
+
+namespace {
+
+BackendFactory& factoryForTest()
+{
+    static auto& factory = *new BackendFactory();
+    return factory;
+}
+
+/// A document that cannot be read is the configuration reader's to complain about; here it counts as empty.
+CommSettings readSettings()
+{
+    const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
+    if (provider.hasFailed()) {
+        obr::ErrorStorage::ack();
+    }
+    const auto& root = provider.first().isDefined() ? provider.first() : provider.second();
+    std::vector<std::string> complaints;
+    CommSettings settings = readCommSettings(root["comm"], complaints);
+    for (const std::string& complaint : complaints) {
+        CHANNEL.log(3, "[createBackend] " + complaint);
+    }
+    return settings;
+}
+
+} // namespace
+
+std::unique_ptr<IBackend> createBackend(const std::string& process, const std::string& partition)
+{
+    if (factoryForTest()) {
+        return factoryForTest()(process, partition);
+    }
+    const CommSettings settings = readSettings();
+    return makeCommBackend(process, settings, [settings](const std::shared_ptr<comm::Reactor>& loop) {
+        std::vector<std::unique_ptr<transport::ITransport>> transports;
+        transports.push_back(transport::makeIpcTransport(
+            transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop));
+        return transports;
+    });
+}
+
+void setBackendFactoryForTest(BackendFactory factory)
+{
+    factoryForTest() = std::move(factory);
+}
+
+} // namespace kesa::commadapter

@@ -1,0 +1,19 @@
+#ifndef KESA_COMMADAPTER_BACKEND_READCOMMSETTINGS_H
+#define KESA_COMMADAPTER_BACKEND_READCOMMSETTINGS_H
+
+#include "backend/CommBackend.h"
+
+#include <util/config/Value.h>
+
+#include <string>
+#include <vector>
+
+namespace kesa::commadapter {
+
+/// Reads the "comm" member of a configuration document; what is wrong in it becomes a complaint that says what to do,
+/// and keeps its default.
+CommSettings readCommSettings(const util::config::Value& comm, std::vector<std::string>& complaints);
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,17 @@
+#ifndef KESA_COMMADAPTER_CHECKCOMMSETTINGS_H
+#define KESA_COMMADAPTER_CHECKCOMMSETTINGS_H
+
+#include <util/config/Value.h>
+
+#include <string>
+#include <vector>
+
+namespace kesa::commadapter {
+
+/// What is wrong with the "comm" member of a configuration document, one sentence each that says what to do; empty
+/// when it is absent or good. The backend itself traces the same and goes on with defaults.
+KESA_API std::vector<std::string> checkCommSettings(const util::config::Value& comm);
+
+} // namespace kesa::commadapter
+
+#endif

@@ -1,0 +1,295 @@
+// Requests over the backend: answers, ends, cancels, and the statuses the backend makes itself. Each test runs over a
+// connection between two processes and over the own process's locator: both must behave the same.
+
+#include "backend_support.h"
+
+#include <kesa/RequestContext.h>
+#include <kesa/commadapter/IStreamControl.h>
+#include <kesa/headers.h>
+
+#include <gtest/gtest.h>
+
+namespace kesa::commadapter::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+enum class Road { eREMOTE, eLOCAL };
+
+class BackendRequests : public SimulatedBackends, public testing::WithParamInterface<Road> {
+protected:
+    BackendRequests()
+    {
+        settings.maxMessageBytes = 100U << 10U;
+        server = makeBackend("server");
+        clientBackend = isLocal() ? nullptr : makeBackend("client");
+        locator = provide(*server, "/service", service);
+        client = connect();
+        settle();
+    }
+    ~BackendRequests() override
+    {
+        client.reset();
+        clientBackend.reset();
+        server.reset();
+    }
+    static bool isLocal() { return GetParam() == Road::eLOCAL; }
+    IBackend& backend() { return isLocal() ? *server : *clientBackend; }
+    std::unique_ptr<Client> connect()
+    {
+        auto made = std::make_unique<Client>(backend(), violations, locator);
+        made->start();
+        return made;
+    }
+
+    CheckedService service{violations, "service"};
+    std::unique_ptr<IBackend> server;
+    std::unique_ptr<IBackend> clientBackend;
+    std::string locator;
+    std::unique_ptr<Client> client;
+};
+
+TEST_P(BackendRequests, AnswersComeInOrderAndOnTheLoopOnly)
+{
+    ASSERT_TRUE(client->checker.isConnected());
+    const auto echo = client->request(retrieve("/echo", "hello"));
+    const auto stream = client->request(retrieve("/stream"));
+    EXPECT_THAT(echo->values, IsEmpty()) << "never inside `request`";
+    settle();
+    EXPECT_THAT(echo->values, ElementsAre("hello"));
+    EXPECT_TRUE(echo->isCompleted);
+    EXPECT_TRUE(echo->isDestroyed);
+
+    const auto answer = service.take();
+    ASSERT_TRUE(answer);
+    EXPECT_FALSE(answer->onNext(value("1")));
+    EXPECT_FALSE(answer->onNext(value("2")));
+    EXPECT_THAT(stream->values, IsEmpty()) << "never inside `onNext`";
+    answer->onError(Response::createErrorResponse(404, "no such thing"));
+    EXPECT_TRUE(answer->onNext(value("3"))) << "the stream has ended";
+    settle();
+    EXPECT_THAT(stream->values, ElementsAre("1", "2"));
+    EXPECT_EQ(stream->status, 404);
+    EXPECT_EQ(stream->errorText, "no such thing");
+    EXPECT_FALSE(stream->isCompleted);
+}
+
+TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
+{
+    RequestContext seen;
+    bool hasContext = false;
+    std::string clientId;
+    service.onRequest = [&](const Request& request) {
+        hasContext = RequestContext::current() != nullptr;
+        seen = hasContext ? *RequestContext::current() : RequestContext();
+        clientId = request.getHeaders()[headers::CLIENT_ID].stringView();
+    };
+    Request request = retrieve("/echo");
+    request.setHeader(headers::CLIENT_ID, "somebody else");
+    client->request(request);
+    settle();
+    EXPECT_EQ(hasContext, !isLocal()) << "a caller in this process has none";
+    EXPECT_NE(clientId, "somebody else");
+    if (!isLocal()) {
+        EXPECT_EQ(seen.process, "client");
+        EXPECT_EQ(seen.pid, 2) << "the group of the memory network";
+        EXPECT_EQ(seen.transport, "ipc");
+        EXPECT_FALSE(seen.instance.isNil());
+        EXPECT_EQ(clientId, "client:2");
+    }
+    EXPECT_EQ(RequestContext::current(), nullptr);
+}
+
+TEST_P(BackendRequests, HandlerDroppedByTheServiceEndsWith503)
+{
+    const auto dropped = client->request(retrieve("/drop"));
+    const auto keptAndDropped = client->request(retrieve("/stream"));
+    settle();
+    service.take(); // and lets go of it
+    settle();
+    EXPECT_EQ(dropped->status, 503);
+    EXPECT_EQ(keptAndDropped->status, 503);
+    EXPECT_TRUE(client->checker.isConnected());
+}
+
+TEST_P(BackendRequests, CancelledHandlerHearsNothingMore)
+{
+    const auto stream = client->request(retrieve("/stream"));
+    void* const handle = client->lastHandle();
+    settle();
+    const auto answer = service.handlers().front();
+    answer->onNext(value("1"));
+    client->cancel(*stream, handle);
+    EXPECT_TRUE(stream->isDestroyed);
+    EXPECT_THAT(stream->values, IsEmpty()) << "it was on its way";
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_TRUE(answer->onNext(value("2")));
+    answer->onCompleted();
+
+    // Twice, after the end, and what never was: nothing.
+    client->cancel(*stream, handle);
+    client->cancel(*stream, IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    const auto echo = client->request(retrieve("/echo", "x"));
+    settle();
+    client->cancel(*echo);
+    settle();
+    EXPECT_THAT(echo->values, ElementsAre("x"));
+    EXPECT_EQ(service.cancels(), 1U);
+}
+
+TEST_P(BackendRequests, HandlerMayCancelItselfAndIssueAgain)
+{
+    const auto stream = client->request(retrieve("/stream"));
+    void* const handle = client->lastHandle();
+    std::shared_ptr<Outcome> second;
+    stream->onValue = [&] {
+        client->cancel(*stream, handle);
+        EXPECT_FALSE(stream->isDestroyed) << "its call is still running";
+        second = client->request(retrieve("/echo", "again"));
+    };
+    settle();
+    const auto answer = service.handlers().front();
+    answer->onNext(value("1"));
+    answer->onNext(value("2"));
+    settle();
+    EXPECT_THAT(stream->values, ElementsAre("1"));
+    EXPECT_TRUE(stream->isDestroyed);
+    ASSERT_TRUE(second);
+    EXPECT_THAT(second->values, ElementsAre("again"));
+    EXPECT_EQ(service.cancels(), 1U);
+}
+
+TEST_P(BackendRequests, ServiceThatIsWithdrawnIsDisconnectedAfterIts503s)
+{
+    std::vector<std::string> events;
+    const auto stream = client->request(retrieve("/stream"));
+    stream->onEnd = [&] { events.emplace_back("end"); };
+    client->checker.onDisconnected = [&] { events.emplace_back("disconnected"); };
+    settle();
+    server->unprovide(url(locator));
+    service.withdrawn();
+    EXPECT_EQ(service.cancels(), 1U);
+    settle();
+    EXPECT_EQ(stream->status, 503);
+    EXPECT_THAT(events, ElementsAre("end", "disconnected"));
+
+    const auto late = client->request(retrieve("/echo"));
+    EXPECT_EQ(late->status, 0) << "never inside `request`";
+    const auto cancelled = client->request(retrieve("/echo"));
+    client->cancel(*cancelled);
+    settle();
+    EXPECT_EQ(late->status, 503);
+    EXPECT_TRUE(cancelled->isDestroyed);
+    EXPECT_FALSE(client->checker.isConnected());
+}
+
+TEST_P(BackendRequests, QuickWithdrawalIsSeenAndEndsWhatWasOpen)
+{
+    for (std::uint64_t seed = 1; seed <= 200; ++seed) {
+        CheckedService first(violations, "first");
+        CheckedService second(violations, "second");
+        const std::string at = provide(*server, "/quick", first);
+        Client quick(backend(), violations, at);
+        quick.start();
+        settle();
+        ASSERT_TRUE(quick.checker.isConnected());
+        const auto before = quick.request(retrieve("/stream"));
+        for (std::uint64_t i = scheduler->draw(6); i > 0; --i) {
+            scheduler->step();
+        }
+        server->unprovide(url(at));
+        first.withdrawn();
+        ASSERT_EQ(provide(*server, "/quick", second), at);
+        const auto between = quick.request(retrieve("/stream"));
+        settle();
+        EXPECT_TRUE(quick.checker.isConnected());
+        EXPECT_EQ(quick.checker.connections(), 2U);
+        EXPECT_EQ(before->status, 503);
+        EXPECT_EQ(between->status, 503);
+        EXPECT_EQ(second.open(), 0U) << "what was issued before the disconnect is cancelled";
+        quick.release();
+        settle();
+        server->unprovide(url(at));
+    }
+}
+
+TEST_P(BackendRequests, TooLargeIsToldToTheSenderOnly)
+{
+    const auto request = client->request(retrieve("/echo", std::string(200U << 10U, 'x')));
+    const auto stream = client->request(retrieve("/stream"));
+    settle();
+    EXPECT_EQ(request->status, 413);
+    const auto answer = service.take();
+    EXPECT_TRUE(answer->onNext(value(std::string(200U << 10U, 'x'))));
+    EXPECT_FALSE(answer->onNext(value("small")));
+    settle();
+    EXPECT_THAT(stream->values, ElementsAre("small"));
+    EXPECT_FALSE(stream->hasEnded());
+    EXPECT_TRUE(client->checker.isConnected());
+}
+
+TEST_P(BackendRequests, ReleaseEndsItsRequestsAndNoOthers)
+{
+    auto other = connect();
+    settle();
+    const auto stream = client->request(retrieve("/stream"));
+    const auto others = other->request(retrieve("/stream"));
+    settle();
+    client->release();
+    const auto late = client->request(retrieve("/echo"));
+    settle();
+    EXPECT_EQ(stream->status, 503);
+    EXPECT_EQ(late->status, 503);
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_FALSE(others->hasEnded());
+    service.take()->onNext(value("1"));
+    settle();
+    EXPECT_THAT(others->values, ElementsAre("1"));
+}
+
+TEST_P(BackendRequests, StopEndsEverythingBeforeItReturns)
+{
+    const auto stream = client->request(retrieve("/stream"));
+    settle();
+    const auto answer = service.handlers().front();
+    const auto unsent = client->request(retrieve("/stream"));
+    backend().stop();
+    EXPECT_EQ(stream->status, 503);
+    EXPECT_EQ(unsent->status, 503);
+    EXPECT_EQ(service.cancels() > 0, isLocal());
+    client->checker.released(); // no listener call after `stop`
+    settle();
+    EXPECT_EQ(service.open(), 0U);
+    EXPECT_TRUE(answer->onNext(value("late")));
+    answer->onCompleted();
+
+    clientBackend.reset();
+    server.reset();
+    client->forgetBackend();
+    const auto after = client->request(retrieve("/echo"));
+    EXPECT_EQ(after->status, 503) << "the client object outlives its backend";
+    EXPECT_EQ(client->lastHandle(), IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    client->api().cancel(IKesaApi::UNDEFINED_REQUEST_HANDLE);
+}
+
+TEST_P(BackendRequests, ServiceMayWithdrawItselfInsideARequest)
+{
+    service.onRequest = [&](const Request&) { server->unprovide(url(locator)); };
+    const auto outcome = client->request(retrieve("/echo", "x"));
+    settle();
+    EXPECT_EQ(outcome->status, 503);
+    EXPECT_EQ(service.cancels(), 0U);
+    EXPECT_FALSE(client->checker.isConnected());
+}
+
+INSTANTIATE_TEST_SUITE_P(Roads, BackendRequests, testing::Values(Road::eREMOTE, Road::eLOCAL),
+                         [](const auto& instance) {
+                             return std::string(instance.param == Road::eREMOTE ? "Remote" : "Local");
+                         });
+
+} // namespace
+} // namespace kesa::commadapter::test

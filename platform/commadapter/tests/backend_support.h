@@ -1,0 +1,160 @@
+#ifndef KESA_COMMADAPTER_TESTS_BACKEND_SUPPORT_H
+#define KESA_COMMADAPTER_TESTS_BACKEND_SUPPORT_H
+
+#include "StreamCheckers.h"
+#include "backend/CommBackend.h"
+#include "transport/MemoryNetwork.h"
+
+#include <comm/SimulatedScheduler.h>
+#include <tracing/Sink.h>
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesa::commadapter::test {
+
+/// Keeps the lines of the backend's channel.
+class CapturedTraces final : public ::tracing::ISink {
+public:
+    void write(const ::tracing::Line& line) override
+    {
+        const std::lock_guard lock(m_lock);
+        if (line.channel == "KESA_COMM") {
+            m_lines.emplace_back(line.text);
+        }
+    }
+    std::vector<std::string> take()
+    {
+        const std::lock_guard lock(m_lock);
+        return std::exchange(m_lines, {});
+    }
+
+private:
+    std::mutex m_lock;
+    std::vector<std::string> m_lines;
+};
+
+inline Request retrieve(const std::string& path, std::string_view body = {})
+{
+    return Request("retrieve", path, Payload::createFromString(std::string(body), "plain/text"));
+}
+
+inline Response value(std::string text)
+{
+    return Response(200, Payload::createFromString(std::move(text), "plain/text"));
+}
+
+/// A client object with its checker. Released at its end.
+class Client {
+public:
+    Client(IBackend& backend, Violations& violations, const std::string& locator)
+        : checker(violations, locator), m_backend(&backend), m_api(backend.connect(url(locator), &checker))
+    {}
+    ~Client() { release(); }
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+
+    explicit operator bool() const noexcept { return m_api != nullptr; }
+    Client& start()
+    {
+        m_api->startConnect();
+        return *this;
+    }
+    std::shared_ptr<Outcome> request(const Request& request)
+    {
+        std::shared_ptr<Outcome> outcome;
+        auto handler = checker.handler(outcome);
+        m_lastHandle = m_api->request(request, std::move(handler));
+        return outcome;
+    }
+    /// Cancels a request; `handle` null: the last one issued.
+    void cancel(Outcome& outcome, void* handle = nullptr)
+    {
+        m_api->cancel(handle != nullptr ? handle : m_lastHandle);
+        checker.cancelled(outcome);
+    }
+    void release(bool serviceRemoved = false)
+    {
+        if (m_backend != nullptr && m_api) {
+            m_backend->release(m_api.get(), serviceRemoved);
+            checker.released();
+            m_backend = nullptr;
+        }
+    }
+    /// The backend is gone; the client object stays.
+    void forgetBackend() { m_backend = nullptr; }
+    void* lastHandle() const noexcept { return m_lastHandle; }
+    KesaClientApi& api() const noexcept { return *m_api; }
+
+    ClientChecker checker;
+
+private:
+    IBackend* m_backend;
+    std::unique_ptr<KesaClientApi> m_api;
+    void* m_lastHandle = nullptr;
+};
+
+/// Backends over the memory network in simulated time. The test itself stands where the executor stands.
+class SimulatedBackends : public testing::Test {
+protected:
+    SimulatedBackends() { use(1); }
+    ~SimulatedBackends() override
+    {
+        EXPECT_THAT(violations.take(), testing::IsEmpty());
+        network.reset();
+        comm::Scheduler::install(nullptr);
+        ::tracing::setSink(nullptr);
+    }
+
+    void use(std::uint64_t seed)
+    {
+        network.reset();
+        comm::Scheduler::install(nullptr);
+        scheduler = std::make_unique<comm::SimulatedScheduler>(seed);
+        comm::Scheduler::install(scheduler.get());
+        network = std::make_unique<transport::MemoryNetwork>();
+        ::tracing::setSink(traces);
+    }
+    std::unique_ptr<IBackend> makeBackend(const std::string& process)
+    {
+        const std::uint64_t group = ++lastGroup;
+        scheduler->setGroup(group);
+        auto backend = makeCommBackend(process, settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
+            std::vector<std::unique_ptr<transport::ITransport>> transports;
+            transports.push_back(network->makeTransport(std::move(loop), group));
+            return transports;
+        });
+        backend->start();
+        return backend;
+    }
+    /// What a process does that gets SIGKILL.
+    void kill(std::unique_ptr<IBackend>& backend, std::uint64_t group)
+    {
+        scheduler->killGroup(group);
+        network->kill(group);
+        backend.reset();
+    }
+    /// Runs for a simulated while that is long enough for everything but heartbeats and lingering.
+    void settle() { scheduler->runFor(50 * comm::MILLISECOND); }
+    static std::string provide(IBackend& backend, const std::string& path, IKesaApi& service)
+    {
+        url locator;
+        const bool failed = backend.provideOnPath(path, &service, locator);
+        return failed ? std::string() : locator.toString();
+    }
+
+    CommSettings settings;
+    Violations violations;
+    std::shared_ptr<CapturedTraces> traces = std::make_shared<CapturedTraces>();
+    std::unique_ptr<comm::SimulatedScheduler> scheduler;
+    std::unique_ptr<transport::MemoryNetwork> network;
+    std::uint64_t lastGroup = 0;
+};
+
+} // namespace kesa::commadapter::test
+
+#endif
