@@ -9,6 +9,18 @@ namespace {
 
 using Handler = std::unique_ptr<IResponseHandler<Response>>;
 
+class AnswerHandler final : public IResponseHandler<Response> {
+public:
+    explicit AnswerHandler(std::shared_ptr<OpenRequest> request) noexcept : m_request(std::move(request)) {}
+
+    bool onNext(const Response& response) noexcept override { return m_request->onNext(response); }
+    void onError(const Response& error) noexcept override { m_request->onError(error); }
+    void onCompleted() noexcept override { m_request->onCompleted(); }
+
+private:
+    const std::shared_ptr<OpenRequest> m_request;
+};
+
 Response dropped()
 {
     return Response::createErrorResponse(503, "the service dropped the request without an answer");
@@ -130,6 +142,11 @@ bool OpenRequest::withdraw()
 bool OpenRequest::withdraw(const Response& error)
 {
     return end(true, [&error](IResponseHandler<Response>& handler) { handler.onError(error); });
+}
+
+std::unique_ptr<IResponseHandler<Response>> OpenRequest::makeHandler()
+{
+    return std::make_unique<AnswerHandler>(shared_from_this());
 }
 
 bool OpenRequest::isOpen() const

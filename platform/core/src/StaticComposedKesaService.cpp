@@ -9,19 +9,6 @@ namespace kesa {
 
 namespace {
 
-/// What a resource handler answers to.
-class AnswerHandler final : public IResponseHandler<Response> {
-public:
-    explicit AnswerHandler(std::shared_ptr<OpenRequest> request) noexcept : m_request(std::move(request)) {}
-
-    bool onNext(const Response& response) noexcept override { return m_request->onNext(response); }
-    void onError(const Response& error) noexcept override { m_request->onError(error); }
-    void onCompleted() noexcept override { m_request->onCompleted(); }
-
-private:
-    const std::shared_ptr<OpenRequest> m_request;
-};
-
 bool isBelow(std::string_view path, std::string_view root) noexcept
 {
     if (root.back() == '/') {
@@ -91,7 +78,7 @@ private:
     /// A handler that is left in the pointer dies here, which ends its request.
     static void* serve(const Part& part, const Request& request, const std::shared_ptr<OpenRequest>& open)
     {
-        std::unique_ptr<IResponseHandler<Response>> answers = std::make_unique<AnswerHandler>(open);
+        std::unique_ptr<IResponseHandler<Response>> answers = open->makeHandler();
         void* const handle = part.handler->actionRequest(request, std::move(answers), part.root);
         if (answers && open->isOpen()) {
             open->onError(Response::createErrorResponse(503, "the service did not take the request"));

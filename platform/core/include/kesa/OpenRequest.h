@@ -30,6 +30,8 @@ public:
     void onError(const Response& error);
     void onCompleted();
     bool isOpen() const;
+    /// A handler whose calls are this request's.
+    std::unique_ptr<IResponseHandler<Response>> makeHandler();
 
     /// Ends the request; its handler is destroyed without a call. Waits for a call that is running, unless this comes
     /// from inside it. False when it had ended.

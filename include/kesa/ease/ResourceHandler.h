@@ -1,0 +1,90 @@
+#ifndef KESA_EASE_RESOURCEHANDLER_H
+#define KESA_EASE_RESOURCEHANDLER_H
+
+#include <kesa/IKesaApi.h>
+#include <kesa/commands.h>
+#include <kesa/ease/PathParameters.h>
+#include <kesa/ease/Responder.h>
+#include <util/UniqueFunction.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+namespace kesa {
+
+/// A service object made of functions, each for one command on one route:
+///
+///     auto service = std::make_shared<kesa::ResourceHandler>();
+///     service->onRetrieve("/cpu", [](const Request&, Responder responder) { responder.answer(cpuAsJson()); });
+///     service->onRetrieve("/net/{interface}", [](const Request&, const PathParameters& parameters, Responder
+///     responder) {
+///         responder.answer(countersOf(parameters["interface"]));
+///     });
+///
+/// A route is a path whose segments may be parameters, "{name}", for one segment each; "**" as the last one stands for
+/// all further segments, also none, and is a parameter of that name. The most particular route wins: segment by
+/// segment, text goes before a parameter and that before "**". No route, or none for the command: 404 with a text that
+/// says so.
+///
+/// Threads: routes are added before the service is registered. The functions are called as `IKesaApi` says, one
+/// request at a time; the `Responder` may be kept and used from any thread. An exception out of a function ends the
+/// process. What is open when the object dies is answered 503.
+class KESA_API ResourceHandler : public IKesaApi {
+public:
+    using Function = util::UniqueFunction<void(const Request&, const PathParameters&, Responder)>;
+
+    ResourceHandler();
+    ~ResourceHandler() override;
+
+    template <class F>
+    ResourceHandler& onRetrieve(std::string_view route, F function)
+    {
+        return add(commands::RETRIEVE, route, adapt(std::move(function)));
+    }
+    template <class F>
+    ResourceHandler& onUpdate(std::string_view route, F function)
+    {
+        return add(commands::UPDATE, route, adapt(std::move(function)));
+    }
+    template <class F>
+    ResourceHandler& onDelete(std::string_view route, F function)
+    {
+        return add(commands::DELETE, route, adapt(std::move(function)));
+    }
+    template <class F>
+    ResourceHandler& onInsert(std::string_view route, F function)
+    {
+        return add(commands::INSERT, route, adapt(std::move(function)));
+    }
+
+    /// What the operations above do: replaces the function for `command` on `route`. A malformed route is refused with
+    /// a trace (4) on "KESA_EASE" that says why.
+    ResourceHandler& add(std::string_view command, std::string_view route, Function function);
+
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
+    void cancel(void* handle) noexcept override;
+
+private:
+    template <class F>
+    static Function adapt(F function)
+    {
+        if constexpr (std::is_invocable_v<F&, const Request&, const PathParameters&, Responder>) {
+            return Function(std::move(function));
+        } else {
+            return Function([function = std::move(function)](const Request& request, const PathParameters&,
+                                                             Responder responder) mutable {
+                function(request, std::move(responder));
+            });
+        }
+    }
+
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace kesa
+
+#endif

@@ -1,0 +1,101 @@
+#ifndef KESA_EASE_ON_H
+#define KESA_EASE_ON_H
+
+#include <comm/ActiveObject.h>
+#include <kesa/FuncCallEvent.h>
+#include <kesa/IKesaApi.h>
+#include <kesa/IResponseHandler.h>
+#include <kesa/Response.h>
+
+#include <atomic>
+#include <memory>
+#include <utility>
+
+namespace kesa {
+
+namespace detail {
+
+template <class T>
+class LoopHandler final : public IResponseHandler<T> {
+public:
+    LoopHandler(const std::shared_ptr<comm::ActiveObject>& activeObject, std::unique_ptr<IResponseHandler<T>>&& handler)
+        : m_activeObject(activeObject), m_shared(std::make_shared<Shared>(std::move(handler)))
+    {}
+    ~LoopHandler() override
+    {
+        if (!m_hasEnded) {
+            m_shared->isWithdrawn.store(true, std::memory_order_release);
+        }
+        send([shared = std::move(m_shared)] {}); // the handler dies where it was called
+    }
+
+    bool onNext(const T& value) noexcept override
+    {
+        return send([shared = m_shared, value] { shared->call([&](auto& handler) { handler.onNext(value); }); });
+    }
+    void onError(const Response& error) noexcept override
+    {
+        m_hasEnded = true;
+        send([shared = m_shared, error] { shared->call([&](auto& handler) { handler.onError(error); }); });
+    }
+    void onCompleted() noexcept override
+    {
+        m_hasEnded = true;
+        send([shared = m_shared] { shared->call([](auto& handler) { handler.onCompleted(); }); });
+    }
+
+private:
+    struct Shared {
+        explicit Shared(std::unique_ptr<IResponseHandler<T>>&& h) : handler(std::move(h)) {}
+        template <class Call>
+        void call(const Call& toHandler)
+        {
+            if (!isWithdrawn.load(std::memory_order_acquire)) {
+                toHandler(*handler);
+            }
+        }
+        std::unique_ptr<IResponseHandler<T>> handler; ///< used on the loop only
+        std::atomic<bool> isWithdrawn{false};
+    };
+
+    /// True when there is no loop any more.
+    template <class F>
+    bool send(F&& function)
+    {
+        const auto activeObject = m_activeObject.lock();
+        if (activeObject) {
+            post(*activeObject, std::forward<F>(function));
+        }
+        return !activeObject;
+    }
+
+    const std::weak_ptr<comm::ActiveObject> m_activeObject;
+    std::shared_ptr<Shared> m_shared;
+    bool m_hasEnded = false;
+};
+
+} // namespace detail
+
+/// Moves a handler to the loop of `activeObject`, where it may block: it is called and destroyed there, in the order of
+/// the stream. Values are copied. Every value counts as accepted while the loop lives.
+///
+/// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
+/// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it
+/// has stopped, nothing is called.
+template <class T>
+[[nodiscard]] std::unique_ptr<IResponseHandler<T>> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
+                                                      std::unique_ptr<IResponseHandler<T>>&& handler)
+{
+    return std::make_unique<detail::LoopHandler<T>>(activeObject, std::move(handler));
+}
+
+/// Moves a service object to the loop of `activeObject`, where it may block: requests and cancels reach it there, in
+/// order, and with the `RequestContext` they came with. It answers from any thread, and after a cancel none of its
+/// answers reaches the client. `activeObject` is held weakly: without it, or once it has stopped, requests are answered
+/// 503.
+[[nodiscard]] KESA_API std::shared_ptr<IKesaApi> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
+                                                    std::shared_ptr<IKesaApi> service);
+
+} // namespace kesa
+
+#endif

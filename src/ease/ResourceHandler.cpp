@@ -1,0 +1,234 @@
+#include <kesa/ease/ResourceHandler.h>
+#include <tracing/Channel.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace kesa {
+
+namespace {
+
+constexpr std::string_view COMMANDS[] = {commands::RETRIEVE, commands::UPDATE, commands::DELETE, commands::INSERT};
+
+/// Takes the first segment off `path`, which has no leading '/'.
+std::string_view takeSegment(std::string_view& path) noexcept
+{
+    const std::size_t slash = path.find('/');
+    const std::string_view segment = path.substr(0, slash);
+    path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
+    return segment;
+}
+
+std::string_view withoutOuterSlashes(std::string_view path) noexcept
+{
+    if (!path.empty() && path.front() == '/') {
+        path.remove_prefix(1);
+    }
+    if (!path.empty() && path.back() == '/') {
+        path.remove_suffix(1);
+    }
+    return path;
+}
+
+struct Segment {
+    enum class Kind { eTEXT, ePARAMETER, eREST }; // the most particular first
+    Kind kind;
+    std::string text; ///< or the parameter's name
+
+    bool operator==(const Segment& other) const
+    {
+        return kind == other.kind && (kind != Kind::eTEXT || text == other.text);
+    }
+};
+
+/// One route with a function for each command it serves.
+class Route {
+public:
+    explicit Route(std::string_view route)
+    {
+        for (std::string_view rest = withoutOuterSlashes(route); !rest.empty();) {
+            const std::string_view segment = takeSegment(rest);
+            if (segment == "**") {
+                m_segments.push_back({Segment::Kind::eREST, "**"});
+            } else if (segment.size() > 2 && segment.front() == '{' && segment.back() == '}') {
+                m_segments.push_back({Segment::Kind::ePARAMETER, std::string(segment.substr(1, segment.size() - 2))});
+            } else {
+                m_segments.push_back({Segment::Kind::eTEXT, std::string(segment)});
+            }
+        }
+    }
+
+    /// Why this is no route; empty when it is one.
+    std::string_view fault() const noexcept
+    {
+        for (const Segment& segment : m_segments) {
+            if (segment.kind == Segment::Kind::eREST && &segment != &m_segments.back()) {
+                return "'**' has to be the last segment";
+            }
+            if (segment.text.empty()) {
+                return "it has an empty segment";
+            }
+            if (segment.text.find_first_of("{}") != std::string::npos) {
+                return "a parameter is a whole segment, '{name}'";
+            }
+        }
+        return {};
+    }
+
+    bool isSameAs(const Route& other) const { return m_segments == other.m_segments; }
+
+    bool isMoreParticularThan(const Route& other) const
+    {
+        return std::lexicographical_compare(m_segments.begin(), m_segments.end(), other.m_segments.begin(),
+                                            other.m_segments.end(),
+                                            [](const Segment& a, const Segment& b) { return a.kind < b.kind; });
+    }
+
+    /// `path` is without outer '/'.
+    bool matches(std::string_view path, PathParameters& parameters) const
+    {
+        parameters.clear();
+        for (const Segment& segment : m_segments) {
+            if (segment.kind == Segment::Kind::eREST) {
+                parameters.add(segment.text, path);
+                return true;
+            }
+            if (path.empty()) {
+                return false;
+            }
+            const std::string_view here = takeSegment(path);
+            if (segment.kind == Segment::Kind::ePARAMETER) {
+                parameters.add(segment.text, here);
+            } else if (here != segment.text) {
+                return false;
+            }
+        }
+        return path.empty();
+    }
+
+    std::array<ResourceHandler::Function, std::size(COMMANDS)> functions; ///< by id of the command
+
+private:
+    std::vector<Segment> m_segments;
+};
+
+void refuse(std::string_view command, std::string_view route, std::string_view fault)
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    KESA_TRACE_TEXT(channel, 4, fmt::format("[ResourceHandler] route '{} {}' is refused: {}", command, route, fault));
+}
+
+/// The commands `route` has, for the client that asked for another one.
+std::string otherCommand(const Request& request, const Route& route)
+{
+    std::string known;
+    for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
+        if (route.functions[id]) {
+            known.append(known.empty() ? "'" : ", '").append(COMMANDS[id]).append("'");
+        }
+    }
+    return fmt::format("'{}' does not serve '{}'; it serves {}", request.getPath(), request.getCommand(), known);
+}
+
+} // namespace
+
+class ResourceHandler::Impl {
+public:
+    ~Impl()
+    {
+        for (const auto& open : m_requests.close()) {
+            open->withdraw(Response::createErrorResponse(503, "the service has ended"));
+        }
+    }
+
+    void add(std::string_view command, std::string_view text, Function function)
+    {
+        const int id = commands::toId(command);
+        Route route(text);
+        if (id < 0) {
+            refuse(command, text, "there is no such command");
+            return;
+        }
+        if (const std::string_view fault = route.fault(); !fault.empty()) {
+            refuse(command, text, fault);
+            return;
+        }
+        // Before the first that is no more particular: so of equally particular ones the last added comes first.
+        auto place = std::find_if(m_routes.begin(), m_routes.end(), [&](const Route& r) { return r.isSameAs(route); });
+        if (place == m_routes.end()) {
+            place = std::find_if(m_routes.begin(), m_routes.end(),
+                                 [&](const Route& r) { return !r.isMoreParticularThan(route); });
+            place = m_routes.insert(place, std::move(route));
+        }
+        place->functions[static_cast<std::size_t>(id)] = std::move(function);
+    }
+
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
+    {
+        PathParameters parameters;
+        const std::string_view path = withoutOuterSlashes(request.getPath());
+        const int id = commands::toId(request.getCommand());
+        const Route* other = nullptr;
+        for (Route& route : m_routes) {
+            if (!route.matches(path, parameters)) {
+                continue;
+            }
+            if (id >= 0 && route.functions[static_cast<std::size_t>(id)]) {
+                return serve(route.functions[static_cast<std::size_t>(id)], request, parameters, std::move(handler));
+            }
+            other = other == nullptr ? &route : other;
+        }
+        handler->onError(Response::createErrorResponse(404, other == nullptr
+                                                                ? fmt::format("no resource at '{}'", request.getPath())
+                                                                : otherCommand(request, *other)));
+        return UNDEFINED_REQUEST_HANDLE;
+    }
+
+    void cancel(void* handle)
+    {
+        if (const auto open = m_requests.find(handle)) {
+            open->withdraw();
+        }
+    }
+
+private:
+    void* serve(Function& function, const Request& request, const PathParameters& parameters,
+                std::unique_ptr<IResponseHandler<Response>>&& handler)
+    {
+        auto open = m_requests.open(std::move(handler));
+        if (!open) {
+            return UNDEFINED_REQUEST_HANDLE;
+        }
+        void* const handle = open->handle();
+        function(request, parameters, Responder(std::move(open)));
+        return handle;
+    }
+
+    std::vector<Route> m_routes; ///< the most particular first
+    OpenRequests m_requests;
+};
+
+ResourceHandler::ResourceHandler() : m_impl(std::make_unique<Impl>()) {}
+
+ResourceHandler::~ResourceHandler() = default;
+
+ResourceHandler& ResourceHandler::add(std::string_view command, std::string_view route, Function function)
+{
+    m_impl->add(command, route, std::move(function));
+    return *this;
+}
+
+void* ResourceHandler::request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept
+{
+    return m_impl->request(request, std::move(handler));
+}
+
+void ResourceHandler::cancel(void* handle) noexcept
+{
+    m_impl->cancel(handle);
+}
+
+} // namespace kesa

@@ -1,0 +1,147 @@
+#include <comm/Condition.h>
+#include <comm/onAnyLoop.h>
+#include <kesa/ease/get.h>
+
+#include <atomic>
+#include <fmt/format.h>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace kesa {
+
+namespace {
+
+/// What the waiting caller and the handler it sent share. The handler is a part of it, so that a call costs one
+/// allocation; deleting the handler lets go of the whole.
+class Call {
+public:
+    /// The second is handed out, once, as the handler of the request.
+    Call() = default;
+    std::unique_ptr<IResponseHandler<Response>> handler()
+    {
+        return std::unique_ptr<IResponseHandler<Response>>(&m_handler);
+    }
+
+    /// True when nothing comes any more; false when the request is still open.
+    bool wait(comm::TimeNs timeout, GetResult& result)
+    {
+        const comm::TimeNs now = comm::now();
+        const comm::TimeNs deadline = timeout < comm::NEVER - now ? now + timeout : comm::NEVER;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        comm::waitFor(
+            m_changed, lock, [this] { return m_response || m_isOver; }, deadline);
+        if (m_response) {
+            result.response = std::move(m_response);
+            m_response.reset();
+            m_isTaken = true;
+        } else if (m_error) {
+            result.status = m_error->getStatus();
+            result.error = Response::getErrorMessageWithCode(*m_error);
+        }
+        return m_isOver;
+    }
+
+    void release()
+    {
+        if (m_owners.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+            delete this;
+        }
+    }
+
+private:
+    class Handler final : public IResponseHandler<Response> {
+    public:
+        explicit Handler(Call& call) noexcept : m_call(call) {}
+        static void operator delete(Handler* handler, std::destroying_delete_t)
+        {
+            Call& call = handler->m_call;
+            call.end(nullptr);
+            call.release();
+        }
+
+        bool onNext(const Response& response) noexcept override { return m_call.take(response); }
+        void onError(const Response& error) noexcept override { m_call.end(&error); }
+        void onCompleted() noexcept override { m_call.end(nullptr); }
+
+    private:
+        Call& m_call;
+    };
+
+    bool take(const Response& response)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_response || m_isTaken || m_isOver) {
+                return true;
+            }
+            m_response = response;
+        }
+        m_changed.notifyAll();
+        return false;
+    }
+
+    /// Wakes only who still waits for an answer.
+    void end(const Response* error)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (std::exchange(m_isOver, true)) {
+                return;
+            }
+            if (m_response || m_isTaken) {
+                return;
+            }
+            if (error != nullptr) {
+                m_error = *error;
+            }
+        }
+        m_changed.notifyAll();
+    }
+
+    std::atomic<int> m_owners{2};
+    std::mutex m_mutex;
+    comm::Condition m_changed;
+    std::optional<Response> m_response;
+    std::optional<Response> m_error;
+    bool m_isTaken = false;
+    bool m_isOver = false;
+    Handler m_handler{*this};
+};
+
+/// The loops whose work includes delivering answers. An active object of the application's own may wait.
+bool deliversAnswers(const comm::LoopInfo& loop) noexcept
+{
+    return loop.isReactor || loop.name.substr(0, loop.name.find('.')) == "KesaRuntimeImpl";
+}
+
+} // namespace
+
+GetResult get(IKesaApi& api, const Request& request, comm::TimeNs timeout)
+{
+    GetResult result;
+    if (const comm::LoopInfo* const loop = comm::currentLoop(); loop != nullptr && deliversAnswers(*loop)) {
+        result.error =
+            fmt::format("kesa::get can not wait on '{}', which delivers answers; call IKesaApi::request with "
+                        "a handler, or move the caller to a loop of its own with kesa::on",
+                        loop->name);
+        return result;
+    }
+    Call* const call = new Call;
+    auto handler = call->handler();
+    void* const handle = api.request(request, std::move(handler));
+    handler.reset(); // left here when nothing was sent
+    const bool isOver = call->wait(timeout, result);
+    if (!isOver) {
+        api.cancel(handle);
+    }
+    call->release();
+    if (!result.response && result.error.empty()) {
+        result.error = isOver ? fmt::format("'{} {}' ended without an answer", request.getCommand(), request.getPath())
+                              : fmt::format("no answer to '{} {}' within {} ms", request.getCommand(),
+                                            request.getPath(), timeout / comm::MILLISECOND);
+    }
+    return result;
+}
+
+} // namespace kesa

@@ -1,0 +1,12 @@
+#include <kesa/ease/handler.h>
+#include <tracing/Channel.h>
+
+namespace kesa::detail {
+
+void TraceError::operator()(const Response& error) const
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    KESA_TRACE(channel, 3, "[handler] stream ended with %s", Response::getErrorMessageWithCode(error).c_str());
+}
+
+} // namespace kesa::detail

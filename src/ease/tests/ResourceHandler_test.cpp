@@ -1,0 +1,124 @@
+#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/get.h>
+#include <kesa/ease/handler.h>
+
+namespace {
+
+using namespace kesa;
+
+Payload text(std::string_view value)
+{
+    return Payload::createFromString(std::string(value), "plain/text");
+}
+
+std::string ask(IKesaApi& api, const std::string& command, const std::string& path)
+{
+    const GetResult result = get(api, Request(command, path), comm::SECOND);
+    return result ? std::string(result.response->getPayload().text()) : result.error;
+}
+
+TEST(ResourceHandler, TheMostParticularRouteServes)
+{
+    ResourceHandler service;
+    const auto answer = [](const char* name) {
+        return [name](const Request&, const PathParameters& parameters, Responder responder) {
+            responder.answer(
+                text(std::string(name) + " " + std::string(parameters["x"]) + " " + std::string(parameters["**"])));
+        };
+    };
+    service.onRetrieve("**", answer("rest"))
+        .onRetrieve("/net/{x}", answer("one"))
+        .onRetrieve("/net/lo", answer("lo"))
+        .onRetrieve("/net/{x}/**", answer("below"))
+        .onRetrieve("/{x}/lo", answer("any"))
+        .onRetrieve("/", [](const Request&, Responder responder) { responder.answer(text("root")); });
+    EXPECT_EQ(ask(service, "retrieve", "/"), "root");
+    EXPECT_EQ(ask(service, "retrieve", "/net/lo"), "lo  ");
+    EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "one eth0 ");
+    EXPECT_EQ(ask(service, "retrieve", "/net/eth0/a/b"), "below eth0 a/b");
+    EXPECT_EQ(ask(service, "retrieve", "/cpu/lo"), "any cpu ");
+    EXPECT_EQ(ask(service, "retrieve", "/net"), "rest  net");
+    EXPECT_EQ(ask(service, "retrieve", "/a/b/c"), "rest  a/b/c");
+}
+
+TEST(ResourceHandler, SaysWhatItDoesNotServe)
+{
+    ResourceHandler service;
+    service.onRetrieve("/cpu", [](const Request&, Responder responder) { responder.answer(text("1")); })
+        .onUpdate("/cpu", [](const Request&, Responder responder) { responder.fail(400, "no"); });
+    EXPECT_EQ(ask(service, "retrieve", "/gpu"), "404: no resource at '/gpu'");
+    EXPECT_EQ(ask(service, "delete", "/cpu"), "404: '/cpu' does not serve 'delete'; it serves 'retrieve', 'update'");
+    EXPECT_EQ(ask(service, "update", "/cpu"), "400: no");
+    // A broad route for the command helps out where the particular one has none.
+    service.onDelete("/{x}", [](const Request&, Responder responder) { responder.answer(text("gone")); });
+    EXPECT_EQ(ask(service, "delete", "/cpu"), "gone");
+
+    // Refused routes serve nothing.
+    for (const char* route : {"/**/a", "/a//b", "/{x", "/a{x}", "/{}"}) {
+        service.onInsert(route, [](const Request&, Responder responder) { responder.answer(text("no")); });
+    }
+    EXPECT_EQ(ask(service, "insert", "/x/a"), "404: no resource at '/x/a'");
+}
+
+TEST(ResourceHandler, StreamsUntilCancelled)
+{
+    ResourceHandler service;
+    std::optional<Responder> kept;
+    service.onRetrieve("/load", [&kept](const Request&, Responder responder) { kept = std::move(responder); });
+    std::vector<std::string> got;
+    const auto start = [&] {
+        got.clear();
+        return service.request(
+            Request("retrieve", "/load"),
+            handler<Response>([&](const Response& r) { got.emplace_back(r.getPayload().text()); },
+                              [&](const Response& e) { got.push_back(std::to_string(e.getStatus())); },
+                              [&] { got.push_back("done"); }));
+    };
+    void* const first = start();
+    EXPECT_FALSE(kept->next(text("1")));
+    EXPECT_FALSE(kept->isCancelled());
+    service.cancel(first);
+    EXPECT_TRUE(kept->isCancelled());
+    EXPECT_TRUE(kept->next(text("2")));
+    kept->complete();
+    EXPECT_THAT(got, testing::ElementsAre("1"));
+
+    EXPECT_NE(start(), first);
+    EXPECT_FALSE(kept->next(text("3")));
+    service.cancel(first); // has ended long ago
+    kept->complete();
+    kept->fail(500, "late");
+    EXPECT_THAT(got, testing::ElementsAre("3", "done"));
+
+    start();
+    kept.reset();
+    EXPECT_THAT(got, testing::ElementsAre("503")) << "a dropped responder is told";
+}
+
+TEST(ResourceHandler, AnswersWhatIsOpenAtItsEnd)
+{
+    std::optional<Responder> kept;
+    std::string error;
+    {
+        ResourceHandler service;
+        service.onRetrieve("/", [&kept](const Request&, Responder responder) { kept = std::move(responder); });
+        service.request(Request("retrieve", "/"),
+                        handler<Response>([](const Response&) {},
+                                          [&](const Response& e) { error = Response::getErrorMessageWithCode(e); }));
+    }
+    EXPECT_EQ(error, "503: the service has ended");
+    EXPECT_TRUE(kept->isCancelled());
+}
+
+TEST(Handler, TakesValuesAsItsFunctionSays)
+{
+    auto owned = std::make_unique<int>(2);
+    const auto refusing = handler<int>([owned = std::move(owned)](const int& value) { return value > *owned; });
+    EXPECT_FALSE(refusing->onNext(2));
+    EXPECT_TRUE(refusing->onNext(3));
+    refusing->onCompleted();
+    EXPECT_TRUE(refusing->onNext(1)) << "ended";
+    handler<int>([](const int&) {})->onError(Response::createErrorResponse(404));
+}
+
+} // namespace

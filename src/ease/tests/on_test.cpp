@@ -1,0 +1,143 @@
+// Under the simulated scheduler, so that what is queued and what has run is in the test's hand.
+#include <comm/ActiveObject.h>
+#include <comm/SimulatedScheduler.h>
+#include <comm/onAnyLoop.h>
+#include <kesa/RequestContext.h>
+#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/handler.h>
+#include <kesa/ease/on.h>
+
+namespace {
+
+using namespace kesa;
+using testing::ElementsAre;
+
+/// Says where and when its owner dies.
+class Mark {
+public:
+    explicit Mark(std::vector<std::string>& log) : m_log(&log) {}
+    Mark(Mark&& other) noexcept : m_log(std::exchange(other.m_log, nullptr)) {}
+    ~Mark()
+    {
+        if (m_log != nullptr) {
+            m_log->push_back(comm::onAnyLoop() ? "~" : "~ elsewhere");
+        }
+    }
+
+private:
+    std::vector<std::string>* m_log;
+};
+
+class On : public testing::Test {
+protected:
+    On() : before(comm::Scheduler::install(&scheduler)), loop(std::make_shared<comm::ActiveObject>("own")) {}
+    ~On() override
+    {
+        loop.reset();
+        comm::Scheduler::install(before);
+    }
+
+    std::unique_ptr<IResponseHandler<int>> moved()
+    {
+        return on(loop, handler<int>(
+                            [this, mark = Mark(log)](const int& value) {
+                                EXPECT_TRUE(comm::onAnyLoop());
+                                log.push_back(std::to_string(value));
+                            },
+                            [this](const Response& error) { log.push_back(std::to_string(error.getStatus())); },
+                            [this] { log.push_back("done"); }));
+    }
+
+    std::unique_ptr<IResponseHandler<Response>> client()
+    {
+        return handler<Response>([this](const Response& r) { log.emplace_back(r.getPayload().text()); },
+                                 [this](const Response& e) { log.push_back(std::to_string(e.getStatus())); },
+                                 [this] { log.push_back("done"); });
+    }
+
+    comm::SimulatedScheduler scheduler{1};
+    comm::Scheduler* before;
+    std::shared_ptr<comm::ActiveObject> loop;
+    std::vector<std::string> log;
+};
+
+TEST_F(On, AHandlerHearsItsStreamToTheEnd)
+{
+    auto stream = moved();
+    EXPECT_FALSE(stream->onNext(1));
+    EXPECT_FALSE(stream->onNext(2));
+    stream->onCompleted();
+    stream.reset();
+    EXPECT_TRUE(log.empty()) << "nothing runs inside the call";
+    scheduler.runReady();
+    EXPECT_THAT(log, ElementsAre("1", "2", "done", "~"));
+}
+
+TEST_F(On, AHandlerHearsNothingAfterACancel)
+{
+    auto stream = moved();
+    stream->onNext(1);
+    scheduler.runReady();
+    stream->onNext(2);
+    stream.reset();
+    scheduler.runReady();
+    EXPECT_THAT(log, ElementsAre("1", "~"));
+
+    log.clear();
+    auto orphan = moved();
+    loop.reset();
+    EXPECT_TRUE(orphan->onNext(1)) << "without its loop it accepts nothing";
+    orphan.reset();
+    EXPECT_THAT(log, ElementsAre("~ elsewhere"));
+}
+
+TEST_F(On, AServiceIsCalledOnItsLoop)
+{
+    std::optional<Responder> kept;
+    const auto service = std::make_shared<ResourceHandler>();
+    service->onRetrieve("/", [&](const Request&, Responder responder) {
+        EXPECT_TRUE(comm::onAnyLoop());
+        log.push_back(RequestContext::current() ? RequestContext::current()->process : "nobody");
+        kept = std::move(responder);
+    });
+    auto api = on(loop, std::shared_ptr<IKesaApi>(service));
+    RequestContext context;
+    context.process = "asker";
+    const auto ask = [&] {
+        const RequestContext::Scope scope(&context);
+        return api->request(Request("retrieve", "/"), client());
+    };
+
+    void* const early = ask();
+    api->cancel(early);
+    scheduler.runReady();
+    EXPECT_TRUE(log.empty()) << "cancelled before it began";
+
+    void* const late = ask();
+    scheduler.runReady();
+    EXPECT_THAT(log, ElementsAre("asker"));
+    api->cancel(late);
+    EXPECT_TRUE(kept->next(Payload())) << "nothing reaches the client, though the service does not know yet";
+    scheduler.runReady();
+    EXPECT_TRUE(kept->isCancelled());
+
+    log.clear();
+    ask();
+    scheduler.runReady();
+    api.reset();
+    EXPECT_THAT(log, ElementsAre("asker", "503"));
+    scheduler.runReady();
+    EXPECT_EQ(service.use_count(), 1);
+}
+
+TEST_F(On, AServiceWithoutItsLoopAnswers503)
+{
+    const auto api = on(loop, std::shared_ptr<IKesaApi>(std::make_shared<ResourceHandler>()));
+    loop->stop();
+    api->request(Request("retrieve", "/"), client());
+    loop.reset();
+    api->request(Request("retrieve", "/"), client());
+    EXPECT_THAT(log, ElementsAre("503", "503"));
+}
+
+} // namespace
