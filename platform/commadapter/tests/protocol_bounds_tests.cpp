@@ -4,6 +4,8 @@
 #include "protocol/Frame.h"
 #include "protocol_support.h"
 
+#include <gtest/gtest.h>
+
 namespace kesa::commadapter::protocol {
 namespace {
 

@@ -3,6 +3,8 @@
 #include "protocol/Frame.h"
 #include "protocol_support.h"
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <memory>
 

@@ -3,6 +3,8 @@
 
 #include "protocol_support.h"
 
+#include <gtest/gtest.h>
+
 #include <map>
 
 namespace kesa::commadapter::protocol {

@@ -2,6 +2,8 @@
 
 #include "protocol_support.h"
 
+#include <gtest/gtest.h>
+
 #include <kesa/headers.h>
 
 namespace kesa::commadapter::protocol {
