@@ -1,0 +1,118 @@
+// kesa_sim: runtimes, backends and a network in one thread under a seeded scheduler, many seeds in a row.
+//
+//   kesa_sim --seeds 5000 --seconds 60     at least 5,000 seeds, and as many more as a minute holds
+//   kesa_sim --from 4711 --seeds 1         one run again; a failing seed is the whole report
+//   kesa_sim --threads --seeds 200         the same model with real threads, for the sanitizers
+//
+// The first runs also collect marks: every rare branch in marks.h must be reached by one of them.
+
+#include "World.h"
+#include "marks.h"
+
+#include <CLI/CLI.hpp>
+#include <tracing/Sink.h>
+
+#include <array>
+#include <cstdio>
+
+namespace {
+
+using namespace kesa::sim;
+
+/// Notes which marks the traces reach.
+class MarkSink final : public tracing::ISink {
+public:
+    void write(const tracing::Line& line) override
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        for (std::size_t index = 0; index < MARKS.size(); ++index) {
+            if (!m_reached[index] && line.text.find(MARKS[index]) != std::string_view::npos) {
+                m_reached[index] = true;
+            }
+        }
+    }
+    std::vector<std::string_view> missing() const
+    {
+        std::vector<std::string_view> names;
+        for (std::size_t index = 0; index < MARKS.size(); ++index) {
+            if (!m_reached[index]) {
+                names.push_back(MARKS[index]);
+            }
+        }
+        return names;
+    }
+
+private:
+    std::mutex m_mutex;
+    std::array<bool, MARKS.size()> m_reached{};
+};
+
+class PrintSink final : public tracing::ISink {
+public:
+    void write(const tracing::Line& line) override
+    {
+        std::fprintf(stderr, "%d %.*s\n", line.severity, static_cast<int>(line.text.size()), line.text.data());
+    }
+};
+
+class NullSink final : public tracing::ISink {
+public:
+    void write(const tracing::Line&) override {}
+};
+
+bool runSeed(Options options)
+{
+    const std::vector<std::string> failures = World(options).run();
+    for (const std::string& failure : failures) {
+        std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed), failure.c_str());
+    }
+    return failures.empty();
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    Options options;
+    std::uint64_t from = 1;
+    std::uint64_t seeds = 1000;
+    std::uint64_t markSeeds = 300;
+    double seconds = 0;
+    bool verbose = false;
+    CLI::App app{"Simulates processes that register, track, resolve, call and die."};
+    app.add_option("--from", from, "the first seed")->capture_default_str();
+    app.add_option("--seeds", seeds, "how many, at least")->capture_default_str();
+    app.add_option("--seconds", seconds, "go on until this much time has passed")->capture_default_str();
+    app.add_option("--steps", options.steps, "actions in a run")->capture_default_str();
+    app.add_option("--mark-seeds", markSeeds, "in how many runs marks are collected; 0: none are asked for")
+        ->capture_default_str();
+    app.add_flag("--threads", options.threads, "real threads");
+    app.add_flag("--verbose", verbose, "print every trace");
+    CLI11_PARSE(app, argc, argv);
+
+    const auto marks = std::make_shared<MarkSink>();
+    const comm::TimeNs begin = comm::now();
+    std::uint64_t done = 0;
+    std::uint64_t failed = 0;
+    tracing::setThreshold("*", verbose || markSeeds > 0 ? 1 : 5);
+    tracing::setSink(verbose ? std::shared_ptr<tracing::ISink>(std::make_shared<PrintSink>()) : marks);
+    while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
+        if (done == markSeeds && !verbose) {
+            tracing::setThreshold("*", 5);
+            tracing::setSink(std::make_shared<NullSink>());
+        }
+        options.seed = from + done;
+        failed += runSeed(options) ? 0U : 1U;
+        ++done;
+    }
+    if (!verbose && markSeeds > 0 && done >= markSeeds) {
+        for (const std::string_view name : marks->missing()) {
+            std::printf("never reached: %.*s\n", static_cast<int>(name.size()), name.data());
+            ++failed;
+        }
+    }
+    std::printf("%llu seeds from %llu, %llu failures, %.1f s\n", static_cast<unsigned long long>(done),
+                static_cast<unsigned long long>(from), static_cast<unsigned long long>(failed),
+                static_cast<double>(comm::now() - begin) / 1e9);
+    return failed == 0 ? 0 : 1;
+}
