@@ -118,8 +118,8 @@ public:
 
     /// The longest pause between two attempts to connect.
     virtual comm::TimeNs longestPause() const noexcept = 0;
-    /// Stops listening and gives the name back; no `accept`, `done` or `appeared` is called any more. Loop only; streams
-    /// are closed by their owners before.
+    /// Stops listening and gives the name back; no `accept`, `done` or `appeared` is called any more. Loop only;
+    /// streams are closed by their owners before.
     virtual void close() = 0;
 };
 

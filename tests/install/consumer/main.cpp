@@ -46,14 +46,14 @@ int main()
         "/consumer/greeter", std::make_unique<FuncResponseHandler<Result>>(
                                  [&answer, fail](const Result& result) {
                                      if (result) {
-                                         result->api->request(
-                                             kesa::Request("retrieve", "/"),
-                                             std::make_unique<FuncResponseHandler<kesa::Response>>(
-                                                 [&answer](const kesa::Response& response) {
-                                                     answer.set_value(kesa::Payload::createStringFrom(response.getPayload()));
-                                                     return false;
-                                                 },
-                                                 fail, [] {}));
+                                         result->api->request(kesa::Request("retrieve", "/"),
+                                                              std::make_unique<FuncResponseHandler<kesa::Response>>(
+                                                                  [&answer](const kesa::Response& response) {
+                                                                      answer.set_value(kesa::Payload::createStringFrom(
+                                                                          response.getPayload()));
+                                                                      return false;
+                                                                  },
+                                                                  fail, [] {}));
                                      }
                                      return false;
                                  },
