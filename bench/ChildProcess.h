@@ -1,0 +1,33 @@
+#ifndef BENCH_CHILDPROCESS_H
+#define BENCH_CHILDPROCESS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+
+namespace bench {
+
+/// The other process of a benchmark: a forked child that runs a function and ends with it.
+class ChildProcess {
+public:
+    /// The child calls `ready` once it can be used; the constructor returns then. Fork before threads are started
+    /// that the child could miss.
+    using Body = std::function<void(const std::function<void()>& ready)>;
+    explicit ChildProcess(const Body& body);
+    /// Kills the child if it is still there, and waits for its end.
+    ~ChildProcess();
+    ChildProcess(const ChildProcess&) = delete;
+    ChildProcess& operator=(const ChildProcess&) = delete;
+
+    pid_t pid() const noexcept { return m_pid; }
+    /// The CPU time it has used so far.
+    std::int64_t cpuNs() const noexcept;
+
+private:
+    pid_t m_pid = -1;
+};
+
+} // namespace bench
+
+#endif
