@@ -257,14 +257,36 @@ Measured callOnOneLoop(double seconds)
 
 namespace {
 
+/// Checks the messages that come in batches, and how long each was on its way.
+class BatchRecorder {
+public:
+    BatchRecorder(const ChildProcess& server, double seconds) : m_recorder(server, seconds) {}
+
+    /// False when the time is over.
+    bool add(const Message* messages, std::size_t count)
+    {
+        const std::int64_t time = wallNs();
+        bool goesOn = true;
+        for (std::size_t i = 0; i < count; ++i) {
+            messages[i].check(++m_received);
+            goesOn = m_recorder.add(messages[i].sentAt, time) && goesOn;
+        }
+        return goesOn;
+    }
+    Measured result() const { return m_recorder.result(); }
+
+private:
+    Recorder m_recorder;
+    std::uint64_t m_received = 0;
+};
+
 Measured outstanding(double seconds, bool isCoalesced)
 {
     constexpr std::size_t OUTSTANDING = 64;
     const Link link(SOCK_NONBLOCK, [isCoalesced](int socket) { echo(socket, isCoalesced); });
     MessageReader reader(link.socket);
-    Recorder recorder(link.server, seconds);
+    BatchRecorder answers(link.server, seconds);
     std::uint64_t sent = 0;
-    std::uint64_t received = 0;
     std::vector<Message> requests;
     const auto send = [&](std::size_t count) {
         requests.clear();
@@ -277,16 +299,12 @@ Measured outstanding(double seconds, bool isCoalesced)
     send(OUTSTANDING);
     while (goesOn) {
         require(reader.readBatch([&](const Message* messages, std::size_t count) {
-            const std::int64_t time = wallNs();
-            for (std::size_t i = 0; i < count; ++i) {
-                messages[i].check(++received);
-                goesOn = recorder.add(messages[i].sentAt, time) && goesOn;
-            }
+            goesOn = answers.add(messages, count);
             send(count);
         }),
                 "receive");
     }
-    return recorder.result();
+    return answers.result();
 }
 
 } // namespace
@@ -400,20 +418,14 @@ Measured pushedStream(double seconds)
         }
     });
     MessageReader reader(link.socket);
-    Recorder recorder(link.server, seconds);
-    std::uint64_t received = 0;
+    BatchRecorder answers(link.server, seconds);
     bool goesOn = true;
     while (goesOn) {
-        require(reader.readBatch([&](const Message* messages, std::size_t count) {
-            const std::int64_t time = wallNs();
-            for (std::size_t i = 0; i < count; ++i) {
-                messages[i].check(++received);
-                goesOn = recorder.add(messages[i].sentAt, time) && goesOn;
-            }
-        }),
+        require(reader.readBatch(
+                    [&](const Message* messages, std::size_t count) { goesOn = answers.add(messages, count); }),
                 "receive");
     }
-    return recorder.result();
+    return answers.result();
 }
 
 } // namespace bench
