@@ -45,15 +45,18 @@ void inChild()
     own.mutex.unlock();
 }
 
+Table* makeTable()
+{
+    if (::pthread_atfork(prepare, inParent, inChild) != 0) {
+        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, "no memory for fork handlers");
+    }
+    return new Table;
+}
+
 // Never destroyed: loops may run until the process is gone.
 Table& table()
 {
-    static Table& instance = *[] {
-        if (::pthread_atfork(prepare, inParent, inChild) != 0) {
-            obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, "no memory for fork handlers");
-        }
-        return new Table;
-    }();
+    static Table& instance = *makeTable();
     return instance;
 }
 

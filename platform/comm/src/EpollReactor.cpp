@@ -5,6 +5,7 @@
 #include "EpollReactor.h"
 
 #include "LoopThread.h"
+#include "TimerQueue.h"
 #include "leakInChild.h"
 #include "monotonicClock.h"
 #include "recycle.h"
@@ -26,9 +27,8 @@
 #include <atomic>
 #include <cerrno>
 #include <climits>
-#include <cstring>
-#include <map>
 #include <mutex>
+#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -84,11 +84,6 @@ private:
         bool isWatched;
         ReadyFunction ready;
     };
-    struct Timer {
-        TimeNs when;
-        Id id; ///< equal times: in the order of starting
-        auto operator<=>(const Timer&) const = default;
-    };
 
     void run();
     bool turn();
@@ -103,7 +98,7 @@ private:
     void call(F&& callback);
     void requestStop();
     void wake() const noexcept;
-    void expectOnLoop(const char* function) const;
+    [[nodiscard]] bool isOnLoop(const char* function) const;
     [[nodiscard]] bool control(int operation, Watch& watch) const;
 
     LoopThread m_thread;
@@ -121,8 +116,7 @@ private:
     Id m_lastId = 0;
     std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
     std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
-    std::map<Timer, Task> m_timers;
-    std::unordered_map<Id, TimeNs> m_timerTimes;
+    TimerQueue m_timers;
     std::vector<Task> m_turnEnd;
     std::vector<Task> m_batch;  ///< what `runBatch` runs; empty between
     TimeNs m_callbackStart = 0; ///< of the coarse clock: exact to some milliseconds, and nearly free
@@ -135,7 +129,8 @@ EpollReactor::EpollReactor(const std::string& name)
     event.events = EPOLLIN | EPOLLET;
     event.data.ptr = nullptr;
     if (m_epoll < 0 || m_wake < 0 || ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake, &event) != 0) {
-        const std::string message = fmt::format("cannot make the I/O loop '{}': {}", name, std::strerror(errno));
+        const std::string message =
+            fmt::format("cannot make the I/O loop '{}': {}", name, std::system_category().message(errno));
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
     AtFork::closeInChild(m_epoll);
@@ -188,29 +183,27 @@ void EpollReactor::post(Task task)
 
 Reactor::Id EpollReactor::startTimer(TimeNs when, Task task)
 {
-    expectOnLoop(__func__);
+    if (!isOnLoop(__func__)) {
+        return 0;
+    }
     const Id id = ++m_lastId;
-    m_timers.emplace(Timer{when, id}, std::move(task));
-    m_timerTimes.emplace(id, when);
+    m_timers.start(id, when, std::move(task));
     return id;
 }
 
 void EpollReactor::cancelTimer(Id id)
 {
-    if (m_hasEnded.load(std::memory_order_acquire)) {
+    if (!isOnLoop(__func__)) {
         return;
     }
-    expectOnLoop(__func__);
-    const auto found = m_timerTimes.find(id);
-    if (found != m_timerTimes.end()) {
-        const auto timer = m_timers.extract(Timer{found->second, id}); // dies when both tables are in order
-        m_timerTimes.erase(found);
-    }
+    m_timers.cancel(id);
 }
 
 Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction ready)
 {
-    expectOnLoop(__func__);
+    if (!isOnLoop(__func__)) {
+        return 0;
+    }
     auto entry = std::make_unique<Watch>(Watch{descriptor, toEpoll(interest), true, std::move(ready)});
     if (control(EPOLL_CTL_ADD, *entry)) {
         return 0;
@@ -222,7 +215,9 @@ Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction
 
 void EpollReactor::changeInterest(Id id, unsigned interest)
 {
-    expectOnLoop(__func__);
+    if (!isOnLoop(__func__)) {
+        return;
+    }
     const auto found = m_watches.find(id);
     if (found == m_watches.end() || found->second->interest == toEpoll(interest)) {
         return;
@@ -233,10 +228,9 @@ void EpollReactor::changeInterest(Id id, unsigned interest)
 
 void EpollReactor::unwatch(Id id)
 {
-    if (m_hasEnded.load(std::memory_order_acquire)) {
+    if (!isOnLoop(__func__)) {
         return;
     }
-    expectOnLoop(__func__);
     const auto found = m_watches.find(id);
     if (found == m_watches.end()) {
         return;
@@ -258,7 +252,7 @@ bool EpollReactor::control(int operation, Watch& watch) const
     }
     const int error = errno;
     const std::string message = fmt::format("the loop '{}' cannot watch descriptor {}: {}", m_thread.loopName(),
-                                            watch.descriptor, std::strerror(error));
+                                            watch.descriptor, std::system_category().message(error));
     if (error != ENOMEM && error != ENOSPC) {
         obr::GlobalErrorHandler::doAssert(false, "epoll_ctl(...) == 0", __FILE__, __LINE__, __func__, message.c_str());
     }
@@ -267,7 +261,9 @@ bool EpollReactor::control(int operation, Watch& watch) const
 
 void EpollReactor::atTurnEnd(Task task)
 {
-    expectOnLoop(__func__);
+    if (!isOnLoop(__func__)) {
+        return;
+    }
     m_turnEnd.push_back(std::move(task));
 }
 
@@ -314,7 +310,7 @@ bool EpollReactor::turn()
     m_callbackStart = readClock(CLOCK_MONOTONIC_COARSE);
 
     const bool wasWoken = dispatch(events.data(), count);
-    if (!m_timers.empty()) {
+    if (!m_timers.isEmpty()) {
         runDueTimers();
     }
     const bool isLast = (hasWork || wasWoken) && runPosted();
@@ -339,11 +335,11 @@ int EpollReactor::waitTimeout(bool& hasWork)
     if (hasWork || !m_turnEnd.empty()) {
         return 0;
     }
-    if (m_timers.empty() || m_timers.begin()->first.when == NEVER) {
+    if (m_timers.next() == NEVER) {
         return -1;
     }
     // Rounded up: a timer is never early, and at most a millisecond late.
-    const TimeNs left = m_timers.begin()->first.when - monotonicNow();
+    const TimeNs left = m_timers.next() - monotonicNow();
     return static_cast<int>(std::clamp<TimeNs>((left + MILLISECOND - 1) / MILLISECOND, 0, INT_MAX));
 }
 
@@ -366,19 +362,11 @@ void EpollReactor::runDueTimers()
 {
     const TimeNs time = monotonicNow();
     const Id newest = m_lastId; // what a callback starts waits for the next turn
-    auto next = m_timers.begin();
-    while (next != m_timers.end() && next->first.when <= time) {
-        if (next->first.id > newest) {
-            ++next;
-            continue;
-        }
-        auto timer = m_timers.extract(next);
-        m_timerTimes.erase(timer.key().id);
-        call([&task = timer.mapped()] {
+    while (Task task = m_timers.takeDue(time, newest)) {
+        call([&task] {
             task();
             task = nullptr;
         });
-        next = m_timers.begin();
     }
 }
 
@@ -415,11 +403,10 @@ void EpollReactor::runBatch()
 /// Destructors of what is dropped may cancel, post and start anew.
 void EpollReactor::dropAll()
 {
-    while (!m_watches.empty() || !m_unwatched.empty() || !m_timers.empty() || !m_turnEnd.empty()) {
+    while (!m_watches.empty() || !m_unwatched.empty() || !m_timers.isEmpty() || !m_turnEnd.empty()) {
         std::exchange(m_watches, {}).clear();
         std::exchange(m_unwatched, {}).clear();
-        m_timerTimes.clear();
-        std::exchange(m_timers, {}).clear();
+        m_timers.clear();
         std::exchange(m_turnEnd, {}).clear();
     }
 }
@@ -437,12 +424,17 @@ void EpollReactor::call(F&& callback)
     m_callbackStart = end;
 }
 
-void EpollReactor::expectOnLoop(const char* function) const
+/// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.
+bool EpollReactor::isOnLoop(const char* function) const
 {
-    if (!m_thread.isCurrent()) {
+    if (m_thread.isCurrent()) {
+        return true;
+    }
+    if (!m_hasEnded.load(std::memory_order_acquire)) {
         const std::string message = fmt::format("called outside of the loop '{}'", m_thread.loopName());
         obr::GlobalErrorHandler::doAssert(false, "isCurrent()", __FILE__, __LINE__, function, message.c_str());
     }
+    return false;
 }
 
 } // namespace

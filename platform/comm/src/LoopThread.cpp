@@ -7,8 +7,8 @@
 #include <obr/GlobalErrorHandler.h>
 
 #include <csignal>
-#include <cstring>
 #include <memory>
+#include <system_error>
 #include <utility>
 
 namespace comm {
@@ -77,7 +77,8 @@ void LoopThread::start(std::function<void()> body)
     const int error = ::pthread_create(&m_thread, nullptr, run, start.get());
     ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (error != 0) {
-        const std::string message = "cannot start the thread of the loop '" + m_loopName + "': " + std::strerror(error);
+        const std::string message =
+            "cannot start the thread of the loop '" + m_loopName + "': " + std::system_category().message(error);
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
     static_cast<void>(start.release()); // the thread's own now

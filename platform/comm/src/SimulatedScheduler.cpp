@@ -6,28 +6,21 @@
 
 #include "CurrentLoop.h"
 #include "LiveLoop.h"
+#include "TimerQueue.h"
 
 #include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <algorithm>
 #include <deque>
-#include <map>
 #include <optional>
 #include <set>
-#include <unordered_map>
 #include <utility>
 #include <vector>
 
 namespace comm {
 
 namespace {
-
-struct Timer {
-    TimeNs when;
-    Reactor::Id id;
-    auto operator<=>(const Timer&) const = default;
-};
 
 /// What a simulated loop is, run loop or reactor: the one has events, the other tasks and timers.
 struct Loop : std::enable_shared_from_this<Loop> {
@@ -36,14 +29,13 @@ struct Loop : std::enable_shared_from_this<Loop> {
     {}
 
     bool hasWork() const noexcept { return !queue.empty() || !turnEnd.empty(); }
-    bool hasDueTimer(TimeNs time) const noexcept { return !timers.empty() && timers.begin()->first.when <= time; }
+    bool hasDueTimer(TimeNs time) const noexcept { return !timers.isEmpty() && timers.next() <= time; }
 
     const std::string name;
     const LoopInfo info;
     const std::uint64_t group;
     std::deque<util::UniqueFunction<void()>> queue;
-    std::map<Timer, Reactor::Task> timers;
-    std::unordered_map<Reactor::Id, TimeNs> timerTimes;
+    TimerQueue timers;
     std::vector<Reactor::Task> turnEnd;
     Reactor::Id lastId = 0;
     obr::ErrorStorage::Slot error;
@@ -97,7 +89,6 @@ private:
     }
     void runOne(Loop& loop);
     void runTurnEnd(Loop& loop);
-    static util::UniqueFunction<void()> takeTimer(Loop& loop);
     static void end(Loop& loop);
     void reportDeadlock() const;
 
@@ -144,7 +135,7 @@ void SimulatedScheduler::Impl::runOne(Loop& loop)
     if (isTimerDue || !loop.queue.empty()) {
         util::UniqueFunction<void()> work;
         if (isTimerDue && (loop.queue.empty() || draw(2) == 0)) {
-            work = takeTimer(loop);
+            work = loop.timers.takeDue(m_now);
         } else {
             work = std::move(loop.queue.front());
             loop.queue.pop_front();
@@ -171,19 +162,12 @@ void SimulatedScheduler::Impl::runTurnEnd(Loop& loop)
     }
 }
 
-util::UniqueFunction<void()> SimulatedScheduler::Impl::takeTimer(Loop& loop)
-{
-    auto timer = loop.timers.extract(loop.timers.begin());
-    loop.timerTimes.erase(timer.key().id);
-    return std::move(timer.mapped());
-}
-
 TimeNs SimulatedScheduler::Impl::nextTimer() const noexcept
 {
     TimeNs next = NEVER;
     for (const auto& loop : m_loops) {
-        if (canRun(*loop) && !loop->timers.empty()) {
-            next = std::min(next, loop->timers.begin()->first.when);
+        if (canRun(*loop)) {
+            next = std::min(next, loop->timers.next());
         }
     }
     return next;
@@ -255,10 +239,9 @@ void SimulatedScheduler::Impl::end(Loop& loop)
     loop.isStopping = true;
     loop.isDead = true;
     loop.live.reset();
-    loop.timerTimes.clear();
-    while (!loop.queue.empty() || !loop.timers.empty() || !loop.turnEnd.empty()) {
+    while (!loop.queue.empty() || !loop.timers.isEmpty() || !loop.turnEnd.empty()) {
         std::exchange(loop.queue, {}).clear();
-        std::exchange(loop.timers, {}).clear();
+        loop.timers.clear();
         std::exchange(loop.turnEnd, {}).clear();
     }
 }
@@ -331,22 +314,17 @@ public:
 
     Id startTimer(TimeNs when, Task task) override
     {
-        const Id id = ++m_loop->lastId;
-        if (expectOnLoop(__func__)) {
-            m_loop->timers.emplace(Timer{when, id}, std::move(task));
-            m_loop->timerTimes.emplace(id, when);
+        if (!isOnLoop(__func__)) {
+            return 0;
         }
+        const Id id = ++m_loop->lastId;
+        m_loop->timers.start(id, when, std::move(task));
         return id;
     }
     void cancelTimer(Id id) override
     {
-        if (!expectOnLoop(__func__)) {
-            return;
-        }
-        const auto found = m_loop->timerTimes.find(id);
-        if (found != m_loop->timerTimes.end()) {
-            const auto timer = m_loop->timers.extract(Timer{found->second, id});
-            m_loop->timerTimes.erase(found);
+        if (isOnLoop(__func__)) {
+            m_loop->timers.cancel(id);
         }
     }
 
@@ -361,7 +339,7 @@ public:
 
     void atTurnEnd(Task task) override
     {
-        if (expectOnLoop(__func__)) {
+        if (isOnLoop(__func__)) {
             m_loop->turnEnd.push_back(std::move(task));
         }
     }
@@ -369,14 +347,17 @@ public:
     bool isCurrent() const noexcept override { return m_impl->isInnermost(*m_loop); }
 
 private:
-    /// False for a loop that has ended: there is nothing left to arrange.
-    bool expectOnLoop(const char* function) const
+    /// False where nothing can be arranged: after the loop's end, and, after a failed assertion, outside of it.
+    bool isOnLoop(const char* function) const
     {
-        if (!m_loop->isDead && !isCurrent()) {
+        if (isCurrent()) {
+            return !m_loop->isDead;
+        }
+        if (!m_loop->isDead) {
             const std::string message = "called outside of the loop '" + m_loop->name + "'";
             obr::GlobalErrorHandler::doAssert(false, "isCurrent()", __FILE__, __LINE__, function, message.c_str());
         }
-        return !m_loop->isDead;
+        return false;
     }
 
     const std::shared_ptr<Impl> m_impl;

@@ -43,7 +43,7 @@ public:
 
 } // namespace
 
-Scheduler& threadScheduler() noexcept
+Scheduler& threadScheduler()
 {
     static Scheduler& instance = *new ThreadScheduler;
     return instance;

@@ -6,7 +6,7 @@
 namespace comm {
 
 /// The real scheduler: threads, the kernel's monotonic clock, condition variables. Never destroyed.
-Scheduler& threadScheduler() noexcept;
+Scheduler& threadScheduler();
 
 } // namespace comm
 

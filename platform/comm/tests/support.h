@@ -50,10 +50,8 @@ class Signal {
 public:
     void raise(int by = 1)
     {
-        {
-            const std::lock_guard lock(m_mutex);
-            m_count += by;
-        }
+        const std::lock_guard lock(m_mutex); // also for the notice: who waits may destroy this next
+        m_count += by;
         m_changed.notifyAll();
     }
     void await(int count = 1)

@@ -21,6 +21,7 @@ public:
     Condition(const Condition&) = delete;
     Condition& operator=(const Condition&) = delete;
 
+    /// With the mutex held when the one who waits may destroy this object as soon as it returns.
     void notifyAll();
 
 private:

@@ -11,8 +11,8 @@ namespace comm {
 /// An I/O loop: work, timers and the readiness of descriptors, one callback at a time on one thread. Made by
 /// `comm::Scheduler`; a simulated one has no descriptors.
 ///
-/// Threads: `post`, `stop` and `isCurrent` from any; everything else on the loop itself (asserted); after `stop`,
-/// `cancelTimer` and `unwatch` from any thread do nothing.
+/// Threads: `post`, `stop` and `isCurrent` from any; everything else on the loop itself (asserted). After `stop` all of
+/// it may be called from any thread and does nothing.
 /// A callback may call anything here but `stop`.
 class KESA_API Reactor {
 public:
