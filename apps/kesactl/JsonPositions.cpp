@@ -111,7 +111,11 @@ JsonPositions::JsonPositions(const std::string& text)
     const auto store = [&](const std::string& path, std::size_t offset) {
         const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
         const auto line = static_cast<int>(next - lines.begin());
-        m_positions[path] = {line, static_cast<int>(offset - *std::prev(next)) + 1};
+        const auto lineStart = static_cast<std::ptrdiff_t>(*std::prev(next));
+        const auto isFirstByte = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; };
+        const auto column =
+            std::count_if(text.begin() + lineStart, text.begin() + static_cast<std::ptrdiff_t>(offset), isFirstByte);
+        m_positions[path] = {line, static_cast<int>(column) + 1};
     };
     std::string copy = text; // is overwritten by the reader
     rapidjson::InsituStringStream stream(copy.data());

@@ -10,8 +10,8 @@ namespace kesactl {
 class JsonPositions {
 public:
     struct Position {
-        int line = 0; ///< from 1; 0: unknown
-        int column = 0;
+        int line = 0;   ///< from 1; 0: unknown
+        int column = 0; ///< in characters
     };
 
     /// Knows the values up to the first syntax error of `text`.
