@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <charconv>
 #include <limits>
 #include <vector>
 
@@ -24,6 +25,37 @@ namespace json = ::kesa_rapidjson;
 /// Vector instructions read up to 15 bytes behind the end.
 constexpr std::size_t PADDING = 16;
 
+/// Of a number that no double can hold: whether it is too small rather than too large.
+bool isTiny(std::string_view number)
+{
+    const std::size_t exponent = number.find_first_of("eE");
+    if (exponent != std::string_view::npos) {
+        return number[exponent + 1] == '-';
+    }
+    return number.front() == '0' || number.substr(0, 2) == "-0";
+}
+
+/// RapidJSON's own conversion is undefined for a zero with a large negative exponent.
+[[nodiscard]] bool addNumber(TokenList& tokens, std::string_view number)
+{
+    const char* const end = number.data() + number.size();
+    if (number.find_first_of(".eE") == std::string_view::npos) {
+        std::int64_t integer = 0;
+        if (std::from_chars(number.data(), end, integer).ec == std::errc()) {
+            return tokens.addInteger(integer);
+        }
+        std::uint64_t unsignedInteger = 0;
+        if (std::from_chars(number.data(), end, unsignedInteger).ec == std::errc()) {
+            return tokens.addUnsigned(unsignedInteger);
+        }
+    }
+    double real = 0;
+    if (std::from_chars(number.data(), end, real).ec == std::errc::result_out_of_range && !isTiny(number)) {
+        return tokens.fail("the number is too large");
+    }
+    return tokens.addReal(real);
+}
+
 /// The events of the reader. They answer whether to go on.
 class Handler {
 public:
@@ -31,12 +63,13 @@ public:
 
     bool Null() { return !m_tokens.addNull(); }
     bool Bool(bool value) { return !m_tokens.addBool(value); }
-    bool Int(int value) { return !m_tokens.addInteger(value); }
-    bool Uint(unsigned value) { return !m_tokens.addInteger(value); }
-    bool Int64(std::int64_t value) { return !m_tokens.addInteger(value); }
-    bool Uint64(std::uint64_t value) { return !m_tokens.addUnsigned(value); }
-    bool Double(double value) { return !m_tokens.addReal(value); }
-    bool RawNumber(const char*, json::SizeType, bool) { return false; }
+    bool RawNumber(const char* text, json::SizeType size, bool) { return !addNumber(m_tokens, {text, size}); }
+    // Numbers come as `RawNumber`.
+    bool Int(int) { return false; }
+    bool Uint(unsigned) { return false; }
+    bool Int64(std::int64_t) { return false; }
+    bool Uint64(std::uint64_t) { return false; }
+    bool Double(double) { return false; }
     bool String(const char* text, json::SizeType size, bool) { return !m_tokens.addString({text, size}); }
     bool Key(const char* text, json::SizeType size, bool) { return !m_tokens.addString({text, size}); }
     bool StartObject() { return !m_tokens.beginObject(); }
@@ -141,7 +174,8 @@ public:
         m_text.resize(document.size() + PADDING, '\0');
         json::InsituStringStream stream(m_text.data());
         Handler handler(tokens);
-        constexpr unsigned FLAGS = json::kParseInsituFlag | json::kParseIterativeFlag | json::kParseFullPrecisionFlag;
+        constexpr unsigned FLAGS =
+            json::kParseInsituFlag | json::kParseIterativeFlag | json::kParseNumbersAsStringsFlag;
         const json::ParseResult result = m_reader.Parse<FLAGS>(stream, handler);
         if (result.IsError()) {
             problem = locate(document, result.Offset(), explain(result.Code(), document, result.Offset(), tokens));
