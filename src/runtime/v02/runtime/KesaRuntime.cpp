@@ -1,5 +1,6 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 
+#include <comm/onAnyLoop.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
@@ -14,6 +15,13 @@ KesaRuntimeImpl* singeton_impl = nullptr;
 void fail(const char* condition, int line, const char* function, const char* message = nullptr)
 {
     obr::GlobalErrorHandler::doAssert(false, condition, __FILE__, line, function, message);
+}
+
+/// This thread is one that `shutdown` waits for: the executor, the updater, or the I/O loop of a backend.
+bool isWaitedFor()
+{
+    const comm::LoopInfo* const loop = comm::currentLoop();
+    return singeton_impl->isRuntimeThread() || (loop != nullptr && loop->isReactor);
 }
 
 } // namespace
@@ -56,8 +64,8 @@ void KesaRuntime::shutdown()
         fail("singeton_impl->isRunning()", __LINE__, "shutdown");
         return;
     }
-    if (singeton_impl->isRuntimeThread()) {
-        fail("!singeton_impl->isRuntimeThread()", __LINE__, "shutdown",
+    if (isWaitedFor()) {
+        fail("!isWaitedFor()", __LINE__, "shutdown",
              "shutdown waits for the runtime's threads: call it from a thread of your own, not from a handler");
         return;
     }

@@ -97,11 +97,10 @@ void KesaRuntimeImpl::disposeQuery(const Query& query, const Handle& handle)
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices query Disposable] handle='%p'", handle.address);
-    std::shared_ptr<TrackingHandler> leaving;
     const auto tracker = std::find_if(m_queryTrackers.begin(), m_queryTrackers.end(),
                                       [&handle](const auto& each) { return each.first == handle; });
     if (tracker != m_queryTrackers.end()) {
-        leaving = std::move(tracker->second);
+        const std::shared_ptr<TrackingHandler> leaving = std::move(tracker->second);
         m_queryTrackers.erase(tracker);
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackServices query Disposable] no trackService found for handle='%p'",

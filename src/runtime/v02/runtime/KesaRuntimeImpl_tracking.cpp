@@ -19,6 +19,17 @@ bool isTracker(const TrackingHandler& tracker, const Handle& handle)
     return &tracker == handle.address && static_cast<const QueryUpdateBookkeeper&>(tracker).number() == handle.number;
 }
 
+/// Takes the tracker out of the list, if it is in it; it dies here unless an update is on its way to it.
+void takeTracker(std::vector<std::shared_ptr<TrackingHandler>>& trackers, const Handle& handle)
+{
+    const auto found = std::find_if(trackers.begin(), trackers.end(),
+                                    [&handle](const auto& tracker) { return isTracker(*tracker, handle); });
+    if (found != trackers.end()) {
+        const std::shared_ptr<TrackingHandler> leaving = std::move(*found);
+        trackers.erase(found);
+    }
+}
+
 /// The first news of a tracker, on the executor. It must come before the tracker joins the list: later news come on the
 /// updater, and the chain has no lock.
 void notify(TrackingHandler& chain, const ServiceDef& serviceDef)
@@ -109,13 +120,7 @@ void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handl
         return;
     }
     RuntimeEntry& entry = found->second;
-    std::shared_ptr<TrackingHandler> leaving;
-    const auto tracker = std::find_if(entry.trackers.begin(), entry.trackers.end(),
-                                      [&handle](const auto& each) { return isTracker(*each, handle); });
-    if (tracker != entry.trackers.end()) {
-        leaving = std::move(*tracker);
-        entry.trackers.erase(tracker);
-    }
+    takeTracker(entry.trackers, handle);
     if (!entry.isStaticConfigured && entry.trackers.empty() && !entry.optionalRegistrator) {
         entry.optionalServiceDef.reset();
     }
