@@ -1,0 +1,160 @@
+// Proxies shared per locator, news carried onto the executor, and services kept for as long as a backend may call them.
+#include "RuntimeFixture.h"
+
+#include <comm/Condition.h>
+#include <obr/ErrorStorage.h>
+#include <runtime/v02/runtime/BackendList.h>
+
+namespace kesa::runtime::v02::test {
+namespace {
+
+class BackendListTest : public RuntimeFixture {
+protected:
+    ~BackendListTest() override
+    {
+        m_executor->stop();
+        if (m_list) {
+            m_list->shutdown();
+        }
+        m_list.reset();
+    }
+
+    void startup(const Lines& names)
+    {
+        onExecutor([&] { m_list->startup("me", names, "local", m_executor); });
+    }
+    void onExecutor(const std::function<void()>& work) { ASSERT_TRUE(comm::runAndWait(*m_executor, work)); }
+    /// Opens a proxy; its handle.
+    const void* open(const std::string& locator, const std::string& name, bool failed = false)
+    {
+        auto handler = this->handler<ProxyState>(name);
+        const void* const handle = handler.get();
+        onExecutor([&] { EXPECT_EQ(m_list->openProxy(url(locator), std::move(handler)), failed); });
+        return handle;
+    }
+    void free(const std::string& locator, const void* handle, bool removed = false)
+    {
+        onExecutor([&] { m_list->freeProxy(url(locator), handle, removed); });
+    }
+
+    std::shared_ptr<comm::ActiveObject> m_executor = std::make_shared<comm::ActiveObject>("executor");
+    std::unique_ptr<BackendList> m_list = std::make_unique<BackendList>();
+};
+
+TEST_F(BackendListTest, startsWhatItKnows)
+{
+    EXPECT_THAT(traced(1,
+                       [&] {
+                           startup({"comm", "local", "comm"});
+                       }),
+                ElementsAre("1 [startup] 'me'", "1 [startup] backend not known='local'"));
+    EXPECT_THAT(m_network->calls(), ElementsAre("start me", "start me"));
+    startup({"comm"});
+    EXPECT_THAT(m_assertions->take(), ElementsAre("m_backends.size() == 0, startup, "));
+}
+
+TEST_F(BackendListTest, sharesOneConnectionPerLocator)
+{
+    startup({"comm"});
+    m_network->calls();
+    const void* const a = open("fake://x/s", "a");
+    const void* const b = open("fake://x/s", "b");
+    EXPECT_THAT(m_network->calls(), ElementsAre("connect fake://x/s"));
+    EXPECT_THAT(happened(), IsEmpty());
+
+    m_network->connected("fake://x/s");
+    EXPECT_THAT(happened(), ElementsAre("a: connected", "b: connected"));
+    const void* const late = open("fake://x/s", "late");
+    EXPECT_THAT(happened(), ElementsAre("late: connected"));
+
+    free("fake://x/s", nullptr); // unknown: nobody goes
+    free("fake://x/s", b);
+    EXPECT_THAT(happened(), ElementsAre("b: gone"));
+    m_network->disconnected("fake://x/s");
+    EXPECT_THAT(happened(), ElementsAre("a: lost", "late: lost"));
+    free("fake://x/s", a);
+    EXPECT_THAT(m_network->calls(), IsEmpty());
+
+    // News that are queued when the last user goes reach nobody.
+    EXPECT_THAT(traced(2,
+                       [&] {
+                           onExecutor([&] {
+                               m_network->connected("fake://x/s");
+                               m_list->freeProxy(url("fake://x/s"), late, true);
+                           });
+                       }),
+                Contains("2 clientConnected: MyClientConnectionListener already dead"));
+    EXPECT_THAT(m_network->calls(), ElementsAre("release fake://x/s removed"));
+    EXPECT_THAT(traced(4, [&] { free("fake://x/s", late); }),
+                ElementsAre("4 [BackendList::freeProxy] can not find a listener"));
+}
+
+TEST_F(BackendListTest, tellsAnErrorToAllAndKeepsItForThoseWhoJoin)
+{
+    startup({"comm"});
+    const void* const a = open("fake://x/s", "a");
+    m_network->failed("fake://x/s", 500, "broken");
+    m_network->connected("fake://x/s");
+    EXPECT_THAT(happened(), ElementsAre("a: error 500: broken", "a: connected"));
+    const void* const b = open("fake://x/s", "b");
+    EXPECT_THAT(happened(), ElementsAre("b: connected", "b: error 500: broken"));
+    free("fake://x/s", a);
+    free("fake://x/s", b);
+}
+
+TEST_F(BackendListTest, refusesWhatNoBackendConnectsTo)
+{
+    startup({"comm", "comm"});
+    m_network->calls();
+    open("other://x/s", "unknown scheme", true);
+    m_network->refusedLocators.insert("fake://x/s");
+    open("fake://x/s", "refused", true);
+    EXPECT_THAT(happened(), ElementsAre("unknown scheme: error 404", "unknown scheme: gone", "refused: error 404",
+                                        "refused: gone"));
+    EXPECT_THAT(m_network->calls(), ElementsAre("connect fake://x/s", "connect fake://x/s"));
+    onExecutor([&] {
+        EXPECT_EQ(obr::ErrorStorage::reason(), "no locators found or defined for service 'fake://x/s'");
+        EXPECT_EQ(m_list->getBestLocator({}), nullopt);
+        EXPECT_EQ(m_list->getBestLocator({url("other://x/s"), url("fake://x/s")}), url("fake://x/s"));
+    });
+}
+
+TEST_F(BackendListTest, keepsServicesForAsLongAsABackendMayCallThem)
+{
+    startup({"comm"});
+    const url a("fake://me/a");
+    const url b("fake://me/b");
+    const url foreign("other://me/a");
+    m_network->refusedPaths.insert("fake://me/a");
+    onExecutor([&] {
+        // Two services with one first locator, of which each is provided on another one only.
+        EXPECT_FALSE(m_list->provideURL({a, b}, std::make_shared<FakeService>(&m_livingServices)));
+        EXPECT_FALSE(m_list->provideURL({a, url("fake://me/c")}, std::make_shared<FakeService>(&m_livingServices)));
+        EXPECT_TRUE(m_list->provideURL({foreign}, std::make_shared<FakeService>(&m_livingServices)));
+        EXPECT_TRUE(m_list->provideURL({}, std::make_shared<FakeService>(&m_livingServices)));
+    });
+    EXPECT_EQ(m_livingServices, 2);
+
+    m_network->calls();
+    EXPECT_THAT(traced(4, [&] { onExecutor([&] { m_list->unprovideURL({b}); }); }),
+                ElementsAre(HasSubstr("[unprovideURL] no locator match with key in m_providedServices map")));
+    EXPECT_THAT(m_network->calls(), ElementsAre("unprovide fake://me/b"));
+    onExecutor([&] { m_list->unprovideURL({a}); });
+    EXPECT_EQ(m_livingServices, 1);
+    EXPECT_TRUE(m_network->isProvided("fake://me/c"));
+    onExecutor([&] { m_list->unprovideURL({a, url("fake://me/c")}); });
+    EXPECT_EQ(m_livingServices, 0);
+
+    ServiceDef record;
+    m_network->refusedPaths.insert("/a");
+    EXPECT_THAT(
+        traced(4,
+               [&] {
+                   onExecutor([&] { EXPECT_TRUE(m_list->providePath("/a", std::make_shared<FakeService>(), record)); });
+               }),
+        ElementsAre("4 [providePath] could not provide service='/a'"));
+    EXPECT_THAT(record.locators, IsEmpty());
+}
+
+} // namespace
+} // namespace kesa::runtime::v02::test

@@ -1,0 +1,131 @@
+// The facade, the order of the virtual tables, start and shutdown.
+#include "RuntimeFixture.h"
+
+#include <kesa/FuncCallEvent.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <cstring>
+
+namespace kesa::runtime::v02::test {
+namespace {
+
+/// The slot a call of a virtual member goes through, as the Itanium ABI writes it into a pointer to member.
+template <class Member>
+std::size_t slotOf(Member member)
+{
+    std::ptrdiff_t word = 0;
+    static_assert(sizeof(member) >= sizeof(word));
+    std::memcpy(&word, &member, sizeof(word));
+    return static_cast<std::size_t>(word - 1) / sizeof(void*);
+}
+
+TEST(VirtualTables, areInTheirOrder)
+{
+    using R = IRuntimeRegistry;
+    using T = ServiceDef::TypeEnum;
+    using Api = std::shared_ptr<IKesaApi>;
+    using Versions = std::vector<std::string>;
+    using Registrator = std::unique_ptr<RegistrationHandler>&&;
+    using Tracker = std::unique_ptr<TrackingHandler>&&;
+    using Proxy = std::unique_ptr<ProxyHandler>&&;
+    EXPECT_EQ(
+        slotOf<Disposable (R::*)(const std::string&, Api, T, const GenericObject&, Registrator)>(&R::registerService),
+        0U);
+    EXPECT_EQ(slotOf<Disposable (R::*)(const std::string&, Api, T, const Versions&, const GenericObject&, Registrator)>(
+                  &R::registerService),
+              1U);
+    EXPECT_EQ((slotOf<Disposable (R::*)(const std::string&, bool, Tracker)>(&R::trackService)), 2U);
+    EXPECT_EQ((slotOf<Disposable (R::*)(const std::string&, Tracker)>(&R::trackService)), 3U);
+    EXPECT_EQ(slotOf(&R::trackServices), 4U);
+    EXPECT_EQ((slotOf<Disposable (R::*)(const url&, Proxy)>(&R::resolveService)), 5U);
+    EXPECT_EQ((slotOf<Disposable (R::*)(const ServiceDef&, Proxy)>(&R::resolveService)), 6U);
+    EXPECT_EQ(slotOf(&R::trackAndResolveService), 7U);
+    EXPECT_EQ(slotOf(&R::trackAndResolveServices), 8U);
+    EXPECT_EQ(slotOf(&IKesaRuntime::getConfigAccessor), 11U);
+    EXPECT_EQ(slotOf(&comm::ActiveObjectEvent::execute), 2U);
+    EXPECT_EQ(slotOf(&comm::ActiveObjectEvent::isType), 3U);
+    EXPECT_EQ(slotOf(&TrackingHandler::onNext), 2U);
+    EXPECT_EQ(slotOf(&TrackingHandler::onError), 3U);
+    EXPECT_EQ(slotOf(&TrackingHandler::onCompleted), 4U);
+    EXPECT_EQ(slotOf(&IClientConnectionListener::clientConnected), 2U);
+    EXPECT_EQ(slotOf(&IClientConnectionListener::clientError), 4U);
+    EXPECT_EQ(slotOf(&commadapter::IBackend::start), 2U);
+    EXPECT_EQ(slotOf(&commadapter::IBackend::isLocal), 10U);
+}
+
+class RuntimeTest : public RuntimeFixture {};
+
+TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
+{
+    setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    EXPECT_FALSE(KesaRuntime::isRunning());
+    EXPECT_EQ(KesaRuntime::getInstance(), nullptr);
+    KesaRuntime::shutdown();
+    EXPECT_THAT(m_assertions->take(),
+                ElementsAre("singeton_impl!=nullptr, getInstance, ", "singeton_impl!=nullptr, shutdown, "));
+
+    EXPECT_FALSE(KesaRuntime::initInstance("p"));
+    EXPECT_TRUE(KesaRuntime::isRunning());
+    IKesaRuntime* const instance = KesaRuntime::getInstance();
+    EXPECT_EQ(instance->getConfigAccessor().getOwnProcessName(), "p");
+    KesaRuntime::initInstance("q");
+    EXPECT_EQ(KesaRuntime::getInstance(), instance);
+    EXPECT_THAT(m_assertions->take(), ElementsAre("singeton_impl==nullptr, initInstance, "));
+
+    // From a handler it would wait for itself.
+    auto tracking = instance->trackService("/a", handler<ServiceUpdate>("t", [] { KesaRuntime::shutdown(); }));
+    auto registration = instance->registerService("/a", std::make_shared<FakeService>(), ServiceDef::TypeEnum::pex,
+                                                  GenericObject(), handler<ServiceDef>("r"));
+    run();
+    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("!isWaitedFor(), shutdown, ")));
+    tracking.dispose();
+    run();
+    m_assertions->take();
+    registration.dispose();
+    KesaRuntime::shutdown();
+    EXPECT_FALSE(KesaRuntime::isRunning());
+    unsetenv("KESA_CONFIG_DIR");
+}
+
+TEST_F(RuntimeTest, startsOnceAndEndsInOrder)
+{
+    {
+        KesaRuntimeImpl runtime(KesaConfig("me", R"({"use_local_registry": true})"));
+        EXPECT_FALSE(runtime.isRunning());
+        EXPECT_FALSE(runtime.start());
+        EXPECT_THAT(happened(), ElementsAre("runtime start"));
+        EXPECT_THAT(traced(2, [&] { EXPECT_FALSE(runtime.start()); }),
+                    ElementsAre("2 [KesaRuntimeImpl::start] 'me'", "2 KesaRuntimeImpl::start called twice"));
+        auto tracking = runtime.trackService("/a", handler<ServiceUpdate>("t"));
+        run();
+        m_journal->take();
+        m_traces->take();
+        EXPECT_THAT(m_network->calls(), ElementsAre("start me"));
+    }
+    EXPECT_THAT(m_network->calls(), ElementsAre("stop me"));
+    EXPECT_THAT(m_traces->take(), ElementsAre("1 [dtor]", "1 [shutdown] 'me'", "2 [dtor] m_runtimeEntries 1"));
+    EXPECT_THAT(m_journal->take(), ElementsAre("runtime stop", "t: gone"));
+}
+
+TEST_F(RuntimeTest, doesNotStartWithoutBackendsOrWithARegistry)
+{
+    KesaConfig none("me", "{}");
+    none.m_backends.clear();
+    KesaRuntimeImpl withoutBackends(none);
+    EXPECT_THAT(traced(4, [&] { EXPECT_TRUE(withoutBackends.start()); }),
+                ElementsAre("4 KesaRuntimeImpl::start no backends in config file"));
+    EXPECT_THAT(happened(), ElementsAre("runtime error"));
+    EXPECT_TRUE(withoutBackends.isRunning());
+
+    KesaRuntimeImpl remote(
+        KesaConfig("me", R"({"use_registry": true, "service_registry_locators": {"*": "fake://r/registry"}})"));
+    EXPECT_THAT(traced(4, [&] { EXPECT_TRUE(remote.start()); }),
+                ElementsAre(HasSubstr("\"use_registry\""),
+                            "4 [KesaRuntimeImpl::start] Found no resolvable registry locator in config"));
+    EXPECT_THAT(happened(), ElementsAre("runtime error"));
+    EXPECT_THAT(m_assertions->take(), ElementsAre("resolved, start, [KesaRuntimeImpl::start] Found no resolvable "
+                                                  "registry locator in config"));
+}
+
+} // namespace
+} // namespace kesa::runtime::v02::test

@@ -1,0 +1,175 @@
+// Registering and withdrawing: who is told what, in which order, and every refusal.
+#include "RuntimeFixture.h"
+
+#include <kesa/toGeneric.h>
+
+namespace kesa::runtime::v02::test {
+namespace {
+
+using TypeEnum = ServiceDef::TypeEnum;
+
+class RegistrationTest : public RuntimeFixture {};
+
+constexpr const char* STATIC_DOCUMENT = R"({"use_local_registry": true, "services": [
+    {"path": "/mine", "type": "pex", "locators": ["fake://me/mine"]},
+    {"path": "/mine", "type": "lomo", "locators": ["fake://me/second"]},
+    {"path": "/refused", "type": "pex", "locators": ["fake://me/refused"]},
+    {"path": "/other", "type": "pex", "locators": ["fake://other/other"]}]})";
+
+TEST_F(RegistrationTest, aDynamicServiceIsProvidedAnnouncedAndWithdrawn)
+{
+    m_runtime = startRuntime();
+    auto tracking = track("/a", "t");
+    EXPECT_THAT(happened(), ElementsAre("tracking start"));
+
+    auto registration = registerService("/a", "r");
+    EXPECT_THAT(happened(), ElementsAre("registration register", "r: /a fake://me/a", "registration success",
+                                        "tracking update", "t: ADDED /a"));
+    EXPECT_TRUE(m_network->isProvided("fake://me/a"));
+
+    registration.dispose();
+    registration.dispose();
+    EXPECT_THAT(happened(), ElementsAre("r: gone", "registration unregister", "tracking update", "t: REMOVED /a"));
+    EXPECT_FALSE(m_network->isProvided("fake://me/a"));
+    EXPECT_EQ(m_livingServices, 0);
+}
+
+TEST_F(RegistrationTest, theRecordSaysWhoProvidesWhatAndHow)
+{
+    m_runtime = startRuntime(R"({"use_local_registry": true, "serializer-formats":
+        {"/a": ["application/vnd.qelbin"], "*": ["application/json"]}})");
+    ServiceDef record;
+    const auto registered = [&](const std::string& path, const GenericObject& metainfo) {
+        auto disposable =
+            m_runtime->registerService(path, std::make_shared<FakeService>(), TypeEnum::lomo, metainfo,
+                                       std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+                                           [&](const ServiceDef& value) {
+                                               record = value;
+                                               return false;
+                                           },
+                                           [](const Response&) { FAIL(); }, [] {}));
+        run();
+        return disposable;
+    };
+    auto a = registered("/a", {{"versions", "1.0.0"}, {"x", 1}});
+    EXPECT_THAT(record.versions, ElementsAre("1.0.0"));
+    EXPECT_EQ(record.metainfo, (GenericObject{{"versions", toGeneric({"1.0.0"})}, {"x", 1}, {"provider", "me"}}));
+    EXPECT_THAT(*record.serializationFormats, ElementsAre("application/vnd.qelbin"));
+    a.dispose();
+
+    auto external = registered("/a", {{"$external_lomo", true}, {"versions", toGeneric({"1.0.0", "2.0.0"})}});
+    EXPECT_THAT(record.versions, ElementsAre("1.0.0", "2.0.0"));
+    EXPECT_THAT(*record.serializationFormats, ElementsAre("application/json"));
+    auto none = registered("/b", {{"versions", util::config::Value::Array{"1.0.0", 2}}});
+    EXPECT_THAT(record.versions, IsEmpty());
+}
+
+TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
+{
+    m_runtime = startRuntime();
+    auto first = registerService("/a", "first");
+    auto tracking = track("/b", "t");
+    run();
+    m_journal->take();
+
+    auto second = registerService("/a", "second");
+    EXPECT_THAT(happened(), ElementsAre("second: error 409", "second: gone"));
+
+    m_network->refusedPaths = {"/b", "/c"};
+    auto kept = registerService("/b", "kept");
+    EXPECT_THAT(happened(), ElementsAre("kept: error 409", "kept: gone"));
+    EXPECT_THAT(traced(4, [&] { kept.dispose(); }),
+                ElementsAre("4 [performUnregistration] no ServiceDev for service='/b'"));
+    auto dropped = registerService("/c", "dropped");
+    run();
+    EXPECT_THAT(traced(4, [&] { dropped.dispose(); }), ElementsAre(HasSubstr("can not find service=")));
+    EXPECT_EQ(m_livingServices, 1);
+
+    // Disposing acts on the path: the one refused takes the one in its way with it.
+    m_journal->take();
+    second.dispose();
+    EXPECT_THAT(happened(), ElementsAre("first: gone", "registration unregister"));
+    first.dispose();
+    EXPECT_THAT(happened(), IsEmpty());
+}
+
+TEST_F(RegistrationTest, badArgumentsAreRefusedWithASentence)
+{
+    m_runtime = startRuntime();
+    for (const char* const path : {"", "a", "/a/", "//a", "/a/../b", "/a\n"}) {
+        auto registration = registerService(path, "r");
+        auto tracking = track(path, "t");
+        auto resolving = m_runtime->trackAndResolveService(path, handler<optional<ResolvedService>>("s"));
+        EXPECT_THAT(happened(), ElementsAre(HasSubstr("r: error 400: a service path"), "r: gone",
+                                            HasSubstr("t: error 400: a service path"), "t: gone",
+                                            HasSubstr("s: error 400: a service path"), "s: gone"));
+        registration.dispose();
+        tracking.dispose();
+        resolving.dispose();
+    }
+    auto null = m_runtime->registerService("/a", nullptr, TypeEnum::pex, {}, handler<ServiceDef>("r"));
+    EXPECT_THAT(happened(), ElementsAre("r: error 400: the service object is null", "r: gone"));
+
+    const Lines warnings = traced(3, [&] {
+        m_runtime->registerService("/a", std::make_shared<FakeService>(), TypeEnum::pex, {}, nullptr).dispose();
+        m_runtime->trackService("/a", nullptr).dispose();
+        m_runtime->trackServices(Query("**"), nullptr).dispose();
+        m_runtime->resolveService(url("fake://me/a"), nullptr).dispose();
+        m_runtime->resolveService(ServiceDef(), nullptr).dispose();
+        m_runtime->trackAndResolveService("/a", nullptr).dispose();
+        m_runtime->trackAndResolveServices(Query("**"), nullptr).dispose();
+    });
+    EXPECT_EQ(warnings.size(), 7U);
+    EXPECT_THAT(happened(), IsEmpty());
+    EXPECT_FALSE(m_network->isProvided("fake://me/a"));
+}
+
+TEST_F(RegistrationTest, aStaticServiceKeepsItsEntryAndItsPlace)
+{
+    m_runtime = startRuntime(STATIC_DOCUMENT);
+    auto tracking = track("/mine", "t");
+    EXPECT_THAT(happened(), ElementsAre("tracking start"));
+    for (int round = 0; round < 2; ++round) {
+        auto registration = registerService("/mine", "r", TypeEnum::pex, {{"versions", "1.0.0"}});
+        EXPECT_THAT(happened(), ElementsAre("r: /mine fake://me/mine", "registration register", "registration success",
+                                            "tracking update", "t: ADDED /mine"));
+        registration.dispose();
+        EXPECT_THAT(happened(),
+                    ElementsAre("r: gone", "registration unregister", "tracking update", "t: REMOVED /mine"));
+        EXPECT_FALSE(m_network->isProvided("fake://me/mine"));
+    }
+}
+
+TEST_F(RegistrationTest, aStaticServiceIsRefusedWhenItDoesNotFit)
+{
+    m_runtime = startRuntime(STATIC_DOCUMENT);
+    auto mismatch = registerService("/mine", "m", TypeEnum::lomo, {{"versions", "1.0.0"}});
+    auto foreign = registerService("/other", "f");
+    m_network->refusedPaths = {"fake://me/refused"};
+    auto refused = registerService("/refused", "x");
+    EXPECT_THAT(happened(),
+                ElementsAre("m: error 409: service '/minetype mismatch configured pex but registration with lomo",
+                            "m: gone", "f: error 409", "f: gone", "x: error 409", "x: gone"));
+
+    // Nothing was registered, so there is nothing to withdraw: the service of the other process stays.
+    auto tracking = track("/other", "t");
+    EXPECT_THAT(happened(), ElementsAre("tracking start", "tracking update", "t: ADDED /other"));
+    EXPECT_THAT(traced(4, [&] { foreign.dispose(); }),
+                ElementsAre("4 [performUnregistration] no ServiceDev for service='/other'"));
+    EXPECT_THAT(happened(), IsEmpty());
+
+    // The versions of the refused registration stay.
+    std::vector<std::string> versions;
+    auto accepted = m_runtime->registerService("/mine", std::make_shared<FakeService>(), TypeEnum::pex, {"2.0.0"}, {},
+                                               std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+                                                   [&](const ServiceDef& value) {
+                                                       versions = value.versions;
+                                                       return false;
+                                                   },
+                                                   [](const Response&) {}, [] {}));
+    run();
+    EXPECT_THAT(versions, ElementsAre("1.0.0"));
+}
+
+} // namespace
+} // namespace kesa::runtime::v02::test
