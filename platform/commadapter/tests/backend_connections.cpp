@@ -1,0 +1,259 @@
+// When a client object is connected, and to what: services that come late, go, come back; names, locators and routes;
+// how long connections stay; what becomes of peers that are silent.
+
+#include "backend_support.h"
+
+#include <gtest/gtest.h>
+
+namespace kesa::commadapter::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+
+class BackendConnections : public SimulatedBackends {
+protected:
+    static std::size_t count(const std::vector<std::string>& lines, const std::string& part)
+    {
+        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&part](const std::string& line) {
+            return line.find(part) != std::string::npos;
+        }));
+    }
+    /// Steps until `holds`, and answers how much simulated time that took.
+    template <class Holds>
+    comm::TimeNs timeUntil(const Holds& holds)
+    {
+        const comm::TimeNs start = scheduler->now();
+        while (!holds() && scheduler->now() < start + 100 * comm::SECOND) {
+            scheduler->runFor(comm::MILLISECOND / 10);
+        }
+        return scheduler->now() - start;
+    }
+};
+
+TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
+{
+    auto clientBackend = makeBackend("client");
+    Client client(*clientBackend, violations, "ipc://server/service");
+    client.start();
+    scheduler->runFor(60 * comm::SECOND);
+    EXPECT_EQ(count(traces->take(), "'ipc://server'"), 1U) << "the reason is traced once";
+
+    CheckedService other(violations, "other");
+    CheckedService service(violations, "service");
+    auto server = makeBackend("server");
+    ASSERT_NE(provide(*server, "/other", other), "");
+    scheduler->runFor(comm::SECOND);
+    EXPECT_FALSE(client.checker.isConnected()) << "the process is there, its path is not";
+    ASSERT_NE(provide(*server, "/service", service), "");
+    EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+    client.release();
+}
+
+TEST_F(BackendConnections, KilledServiceIsSeenAndItsNextOneToo)
+{
+    auto clientBackend = makeBackend("client"); // group 1
+    Client client(*clientBackend, violations, "ipc://server/service");
+    client.start();
+    for (int round = 0; round < 3; ++round) {
+        CheckedService service(violations, "service");
+        auto server = makeBackend("server");
+        ASSERT_NE(provide(*server, "/service", service), "");
+        EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+        const auto stream = client.request(retrieve("/stream"));
+        settle();
+        kill(server, lastGroup);
+        EXPECT_LE(timeUntil([&] { return !client.checker.isConnected(); }), comm::MILLISECOND);
+        EXPECT_EQ(stream->status, 503);
+        scheduler->runFor(comm::SECOND);
+    }
+    EXPECT_EQ(client.checker.connections(), 3U);
+    EXPECT_EQ(count(traces->take(), "is not connected"), 6U) << "each time: the end, and nobody listens";
+    client.release();
+}
+
+TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
+{
+    settings.heartbeat = 100 * comm::SECOND;
+    CheckedService service(violations, "service");
+    auto server = makeBackend("server");
+    const std::string a = provide(*server, "/a", service);
+    const std::string b = provide(*server, "/b", service);
+    auto clientBackend = makeBackend("client");
+    Client first(*clientBackend, violations, a);
+    Client second(*clientBackend, violations, b);
+    Client third(*clientBackend, violations, a);
+    first.start();
+    second.start();
+    third.start();
+    settle();
+    EXPECT_TRUE(first.checker.isConnected() && second.checker.isConnected() && third.checker.isConnected());
+    EXPECT_EQ(network->openStreams(), 2U);
+    first.release();
+    second.release();
+    third.release();
+    scheduler->runFor(comm::SECOND);
+    EXPECT_EQ(network->openStreams(), 2U);
+    Client again(*clientBackend, violations, a);
+    again.start();
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_TRUE(again.checker.isConnected());
+    EXPECT_EQ(network->openStreams(), 2U);
+    again.release();
+    scheduler->runFor(3 * comm::SECOND);
+    EXPECT_EQ(network->openStreams(), 0U);
+
+    Client last(*clientBackend, violations, a);
+    last.start();
+    settle();
+    last.release(true);
+    settle();
+    EXPECT_EQ(network->openStreams(), 0U) << "the service was removed";
+}
+
+TEST_F(BackendConnections, SecondBackendOfANameConnectsAndProvidesNothing)
+{
+    CheckedService service(violations, "service");
+    auto first = makeBackend("server");
+    auto second = makeBackend("server");
+    const std::string locator = provide(*first, "/service", service);
+    EXPECT_TRUE(first->isLocal(url(locator)));
+    EXPECT_FALSE(second->isLocal(url(locator)));
+    EXPECT_EQ(provide(*second, "/other", service), "");
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("cannot provide services")));
+    Client client(*second, violations, locator);
+    client.start();
+    settle();
+    const auto echo = client.request(retrieve("/echo", "x"));
+    settle();
+    EXPECT_THAT(echo->values, ElementsAre("x"));
+    EXPECT_EQ(network->openStreams(), 2U);
+    client.release();
+    first->stop();
+    EXPECT_TRUE(second->isLocal(url(locator))) << "the name is free again";
+}
+
+TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
+{
+    settings.routes = {{"/registry", "ipc://registry/registry"}, {"/own", "ipc://server/elsewhere"}};
+    auto server = makeBackend("server");
+    const std::string realm = network->realm();
+    for (const std::string good : {"ipc://p/a", "ipc://p/a/b%20c", "/registry", "/registry/x"}) {
+        EXPECT_TRUE(server->canHandle(url(good))) << good;
+    }
+    EXPECT_TRUE(server->canHandle(url("ipc://p+" + realm + "/a")));
+    for (const std::string bad : {"", "ipc://p", "ipc://p/a/", "ipc://p/a?q", "ipc://p/a#f", "ipc:///a",
+                                  "ipc://p+0123456789abcdef/a", "tcp://h:1/a", "registry", "/registryx", "nonsense"}) {
+        EXPECT_FALSE(server->canHandle(url(bad))) << bad;
+        ClientChecker never(violations, bad);
+        EXPECT_EQ(server->connect(url(bad), &never), nullptr) << bad;
+    }
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("'/registryx' has no scheme and no route")));
+
+    CheckedService service(violations, "service");
+    EXPECT_EQ(provide(*server, "/a b", service), "ipc://server+" + realm + "/a%20b");
+    EXPECT_EQ(provide(*server, "/a b", service), "") << "provided already";
+    EXPECT_TRUE(server->provideOnLocator(url("ipc://server/a%20b"), &service)) << "the same place";
+    EXPECT_TRUE(server->provideOnLocator(url("ipc://other/a"), &service));
+    EXPECT_TRUE(server->provideOnLocator(url("ipc://server/a"), nullptr));
+    EXPECT_EQ(provide(*server, "/a/", service), "");
+    EXPECT_FALSE(server->provideOnLocator(url("/own"), &service));
+    Client client(*server, violations, "ipc://server/elsewhere");
+    client.start();
+    settle();
+    EXPECT_TRUE(client.checker.isConnected());
+    server->unprovide(url("ipc://nobody/elsewhere"));
+    server->unprovide(url("nonsense"));
+    settle();
+    EXPECT_TRUE(client.checker.isConnected());
+    server->unprovide(url("/own"));
+    settle();
+    EXPECT_FALSE(client.checker.isConnected());
+}
+
+TEST_F(BackendConnections, OwnServiceMayComeAfterItsOwnClient)
+{
+    auto server = makeBackend("server");
+    Client client(*server, violations, "ipc://server/service");
+    client.start();
+    settle();
+    CheckedService service(violations, "service");
+    provide(*server, "/service", service);
+    EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+    EXPECT_EQ(network->openStreams(), 0U);
+}
+
+// ---- liveness -----------------------------------------------------------------------------------------------------
+
+class BackendLiveness : public BackendConnections {
+protected:
+    BackendLiveness()
+    {
+        settings.heartbeat = comm::SECOND;
+        server = makeBackend("server"); // group 1
+        clientBackend = makeBackend("client");
+        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
+        client->start();
+        settle();
+    }
+    static Request single()
+    {
+        Request request = retrieve("/stream");
+        request.setHeader("$response-semantic", "single-response");
+        return request;
+    }
+
+    CheckedService service{violations, "service"};
+    std::unique_ptr<IBackend> server;
+    std::unique_ptr<IBackend> clientBackend;
+    std::unique_ptr<Client> client;
+};
+
+TEST_F(BackendLiveness, SilentPeerThatOwesNothingIsLeftAlone)
+{
+    Request persistent = retrieve("/stream");
+    persistent.setHeader("$response-semantic", "persistent-stream");
+    client->request(persistent);
+    settle();
+    scheduler->runFor(2 * comm::SECOND); // the heartbeat finds nothing owed and ends
+    scheduler->pauseGroup(1);
+    scheduler->runFor(100 * comm::SECOND);
+    EXPECT_TRUE(client->checker.isConnected());
+    EXPECT_FALSE(scheduler->step());
+    scheduler->continueGroup(1);
+}
+
+TEST_F(BackendLiveness, SilentPeerThatOwesAnAnswerIsGivenUp)
+{
+    const auto outcome = client->request(single());
+    settle();
+    scheduler->runFor(20 * comm::SECOND);
+    EXPECT_TRUE(client->checker.isConnected()) << "the service is slow, but its process answers pings";
+    scheduler->pauseGroup(1);
+    EXPECT_LE(timeUntil([&] { return !client->checker.isConnected(); }), 3 * comm::SECOND);
+    EXPECT_EQ(outcome->status, 503);
+    EXPECT_THAT(outcome->errorText, HasSubstr("silent"));
+    scheduler->continueGroup(1);
+    scheduler->runFor(3 * comm::SECOND);
+    EXPECT_TRUE(client->checker.isConnected()) << "it heals";
+}
+
+TEST_F(BackendLiveness, LoopThatSleptJudgesNobody)
+{
+    const auto outcome = client->request(single());
+    settle();
+    scheduler->pauseGroup(2); // the client's own process
+    scheduler->runFor(100 * comm::SECOND);
+    scheduler->continueGroup(2);
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_TRUE(client->checker.isConnected());
+    EXPECT_EQ(client->checker.connections(), 1U);
+    EXPECT_FALSE(outcome->hasEnded());
+}
+
+} // namespace
+} // namespace kesa::commadapter::test

@@ -1,0 +1,200 @@
+// Peers that do not take what is sent to them, and very much at once.
+
+#include "backend_support.h"
+
+#include <kesa/commadapter/IStreamControl.h>
+
+#include <gtest/gtest.h>
+
+namespace kesa::commadapter::test {
+namespace {
+
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+constexpr std::size_t BODY = 1000;
+
+/// The client's process (group 2) stands still until a test lets it go on; so nobody takes what the server sends.
+class BackendQueues : public SimulatedBackends {
+protected:
+    BackendQueues()
+    {
+        settings.heartbeat = comm::SECOND;
+        settings.sendQueueBytes = 64U << 10U;
+        transport::MemoryNetwork::Faults faults;
+        faults.pipeBytes = 8U << 10U;
+        network->setFaults(faults);
+        server = makeBackend("server");
+        clientBackend = makeBackend("client");
+        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
+        client->start();
+        settle();
+    }
+    static std::string numbered(int number)
+    {
+        std::string text = std::to_string(number);
+        text.resize(BODY, ' ');
+        return text;
+    }
+    static int numberOf(const std::string& text) { return std::stoi(text); }
+    void setPolicy(IResponseHandler<Response>& handler, QueuePolicy policy)
+    {
+        auto* const control = dynamic_cast<IStreamControl*>(&handler);
+        ASSERT_NE(control, nullptr);
+        control->setQueuePolicy(policy);
+    }
+    /// Sends numbered values until one is refused or `most` have gone; answers how many were accepted.
+    static int flood(IResponseHandler<Response>& handler, int most)
+    {
+        int sent = 0;
+        while (sent < most && !handler.onNext(value(numbered(sent)))) {
+            ++sent;
+        }
+        return sent;
+    }
+
+    CheckedService service{violations, "service"};
+    std::unique_ptr<IBackend> server;
+    std::unique_ptr<IBackend> clientBackend;
+    std::unique_ptr<Client> client;
+};
+
+TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
+{
+    const auto slow = client->request(retrieve("/stream"));
+    const auto other = client->request(retrieve("/stream"));
+    settle();
+    const auto handlers = service.handlers();
+    scheduler->pauseGroup(2);
+    const int accepted = flood(*handlers[0], 1000);
+    EXPECT_GT(accepted, 50);
+    EXPECT_LT(accepted, 100);
+    EXPECT_EQ(service.cancels(), 0U) << "never inside `onNext`";
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_TRUE(handlers[0]->onNext(value("late")));
+    EXPECT_FALSE(handlers[1]->onNext(value("fine")));
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(slow->status, 503);
+    EXPECT_EQ(slow->errorText, "too slow");
+    EXPECT_LT(slow->values.size(), static_cast<std::size_t>(accepted));
+    EXPECT_THAT(other->values, ElementsAre("fine"));
+    EXPECT_TRUE(client->checker.isConnected());
+}
+
+TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
+{
+    const auto stream = client->request(retrieve("/stream"));
+    settle();
+    auto handler = service.take();
+    setPolicy(*handler, QueuePolicy::eKEEP_LATEST);
+    scheduler->pauseGroup(2);
+    EXPECT_EQ(flood(*handler, 1000), 1000);
+    settle();
+    scheduler->continueGroup(2);
+    settle();
+    ASSERT_FALSE(stream->values.empty());
+    EXPECT_LT(stream->values.size(), 100U);
+    EXPECT_EQ(numberOf(stream->values.back()), 999);
+    for (std::size_t i = 1; i < stream->values.size(); ++i) {
+        EXPECT_LT(numberOf(stream->values[i - 1]), numberOf(stream->values[i]));
+    }
+
+    scheduler->pauseGroup(2);
+    EXPECT_EQ(flood(*handler, 500), 500);
+    handler->onCompleted();
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(numberOf(stream->values.back()), 499) << "the value that waited comes before the end";
+    EXPECT_TRUE(stream->isCompleted);
+}
+
+TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
+{
+    const auto stream = client->request(retrieve("/stream"));
+    settle();
+    const auto handler = service.handlers().front();
+    setPolicy(*handler, QueuePolicy::eCUT_CONNECTION);
+    EXPECT_EQ(flood(*handler, 1000), 1000) << "over the bound, but the client may be about to take it";
+    settle();
+    EXPECT_THAT(stream->values, SizeIs(1000));
+
+    scheduler->pauseGroup(2);
+    EXPECT_EQ(flood(*handler, 1000), 1000);
+    scheduler->runFor(1500 * comm::MILLISECOND);
+    EXPECT_TRUE(handler->onNext(value("over the bound, and nothing was taken for a heartbeat")));
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("does not take its answers")));
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(stream->status, 503);
+    EXPECT_EQ(client->checker.connections(), 2U);
+}
+
+TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
+{
+    settings.processQueueBytes = 32U << 10U;
+    auto bounded = makeBackend("bounded");
+    CheckedService other(violations, "other");
+    Client one(*clientBackend, violations, provide(*bounded, "/service", other));
+    one.start();
+    settle();
+    one.request(retrieve("/stream"));
+    settle();
+    const auto handler = other.handlers().front();
+    setPolicy(*handler, QueuePolicy::eCUT_CONNECTION);
+    scheduler->pauseGroup(2);
+    EXPECT_LT(flood(*handler, 1000), 50);
+    settle();
+    EXPECT_EQ(other.cancels(), 1U);
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(one.checker.connections(), 2U);
+    one.release();
+}
+
+TEST_F(BackendQueues, TenThousandRequestsAtOnceTripNothing)
+{
+    std::vector<std::shared_ptr<Outcome>> outcomes;
+    const std::string body(2 * BODY, 'x'); // together many times what a queue may hold
+    for (int i = 0; i < 10'000; ++i) {
+        outcomes.push_back(client->request(retrieve("/stream", body)));
+    }
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_EQ(service.open(), 10'000U);
+    client->release();
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_EQ(service.open(), 0U);
+    for (const auto& outcome : outcomes) {
+        ASSERT_EQ(outcome->status, 503);
+        ASSERT_TRUE(outcome->isDestroyed);
+    }
+}
+
+TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEndAtOnce)
+{
+    scheduler->pauseGroup(1); // the server
+    std::vector<std::shared_ptr<Outcome>> outcomes;
+    for (int i = 0; i < 100; ++i) {
+        outcomes.push_back(client->request(retrieve("/stream", std::string(BODY, 'x'))));
+    }
+    scheduler->runFor(1200 * comm::MILLISECOND);
+    const auto refused = client->request(retrieve("/stream", std::string(BODY, 'x')));
+    settle();
+    EXPECT_EQ(refused->status, 503);
+    EXPECT_FALSE(outcomes.front()->hasEnded());
+    scheduler->runFor(3 * comm::SECOND);
+    EXPECT_EQ(outcomes.front()->status, 503) << "the queue did not move and the ping found no answer";
+    EXPECT_FALSE(client->checker.isConnected());
+    scheduler->continueGroup(1);
+    scheduler->runFor(3 * comm::SECOND);
+    EXPECT_TRUE(client->checker.isConnected());
+}
+
+} // namespace
+} // namespace kesa::commadapter::test

@@ -1,0 +1,283 @@
+// Processes that provide, connect, ask, answer, cancel, withdraw, are killed and cut off from each other, in an order
+// drawn from a seed, over a network that delays and cuts bytes. The checkers watch every client object and service;
+// when everything has settled, a client object is connected exactly if its service is provided, and nothing is left
+// over at the end. A failing seed is the whole report.
+
+#include "backend_support.h"
+
+#include <kesa/commadapter/IStreamControl.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <optional>
+
+namespace kesa::commadapter::test {
+namespace {
+
+using testing::IsEmpty;
+
+constexpr std::size_t PROCESSES = 3;
+constexpr std::size_t PATHS = 2;
+
+class BackendRandom : public SimulatedBackends {
+protected:
+    struct Asked {
+        std::shared_ptr<Outcome> outcome;
+        void* handle = nullptr;
+    };
+    struct OpenClient {
+        std::unique_ptr<Client> client;
+        std::size_t server;
+        std::size_t path;
+        std::vector<Asked> asked;
+    };
+    struct Process {
+        std::unique_ptr<IBackend> backend;
+        std::uint64_t group = 0;
+        std::array<std::unique_ptr<CheckedService>, PATHS> services;
+        std::vector<std::unique_ptr<OpenClient>> clients;
+    };
+
+    static std::string name(std::size_t process) { return "p" + std::to_string(process); }
+    static std::string locator(std::size_t process, std::size_t path)
+    {
+        return "ipc://" + name(process) + "/s" + std::to_string(path);
+    }
+    std::size_t draw(std::size_t bound) { return static_cast<std::size_t>(scheduler->draw(bound)); }
+
+    void begin(std::uint64_t seed)
+    {
+        use(seed);
+        settings.heartbeat = comm::SECOND;
+        settings.sendQueueBytes = 64U << 10U;
+        transport::MemoryNetwork::Faults faults;
+        faults.draw = [this](std::uint64_t bound) { return scheduler->draw(bound); };
+        faults.shortReadPercent = draw(2) == 0 ? 0 : 50;
+        faults.shortWritePercent = draw(2) == 0 ? 0 : 50;
+        faults.refusePercent = draw(2) == 0 ? 0 : 30;
+        faults.longestDelay = draw(2) == 0 ? 0 : 3 * comm::MILLISECOND;
+        network->setFaults(faults);
+        for (std::size_t i = 0; i < PROCESSES; ++i) {
+            start(i);
+        }
+    }
+    void start(std::size_t index)
+    {
+        processes[index].backend = makeBackend(name(index));
+        processes[index].group = lastGroup;
+    }
+    /// Its clients and services go with the process; handlers there hear nothing any more.
+    void kill(std::size_t index)
+    {
+        Process& process = processes[index];
+        SimulatedBackends::kill(process.backend, process.group);
+        for (const auto& open : process.clients) {
+            open->client->forgetBackend();
+        }
+        process.clients.clear();
+        process.services = {};
+        start(index);
+    }
+    void provideOrWithdraw(std::size_t index)
+    {
+        const std::size_t path = draw(PATHS);
+        auto& service = processes[index].services[path];
+        if (service) {
+            processes[index].backend->unprovide(url(locator(index, path)));
+            service->withdrawn();
+            EXPECT_EQ(service->open(), 0U);
+            graveyard.push_back(std::move(service));
+        } else {
+            service = std::make_unique<CheckedService>(violations, locator(index, path));
+            EXPECT_NE(provide(*processes[index].backend, "/s" + std::to_string(path), *service), "");
+        }
+    }
+    void connect(std::size_t index)
+    {
+        auto open = std::make_unique<OpenClient>();
+        open->server = draw(PROCESSES);
+        open->path = draw(PATHS);
+        open->client = std::make_unique<Client>(*processes[index].backend, violations, locator(open->server, open->path));
+        open->client->start();
+        processes[index].clients.push_back(std::move(open));
+    }
+    OpenClient* drawClient(std::size_t index)
+    {
+        auto& clients = processes[index].clients;
+        return clients.empty() ? nullptr : clients[draw(clients.size())].get();
+    }
+    void ask(OpenClient& open)
+    {
+        static const std::array<std::string, 4> RESOURCES = {"/echo", "/drop", "/stream", "/stream"};
+        Request request = retrieve(RESOURCES[draw(RESOURCES.size())], std::string(draw(3) * 3000, 'x'));
+        if (draw(3) == 0) {
+            request.setHeader("$response-semantic", "single-response");
+        }
+        const auto outcome = open.client->request(request);
+        void* const handle = open.client->lastHandle();
+        open.asked.push_back({outcome, handle});
+        if (draw(4) == 0) {
+            outcome->onValue = [&open, outcome, handle] { open.client->cancel(*outcome, handle); };
+        }
+        if (draw(8) == 0) {
+            outcome->onEnd = [this, &open] { ask(open); };
+        }
+    }
+    void cancelOne(OpenClient& open)
+    {
+        if (!open.asked.empty()) {
+            const Asked& asked = open.asked[draw(open.asked.size())];
+            open.client->cancel(*asked.outcome, asked.handle);
+        }
+    }
+    void release(std::size_t index)
+    {
+        auto& clients = processes[index].clients;
+        if (!clients.empty()) {
+            auto& chosen = clients[draw(clients.size())];
+            chosen->client->release(draw(2) == 0);
+            released.push_back(std::move(chosen));
+            std::swap(chosen, clients.back());
+            clients.pop_back();
+        }
+    }
+    void answer(std::size_t index)
+    {
+        const auto& service = processes[index].services[draw(PATHS)];
+        if (!service) {
+            return;
+        }
+        for (const auto& handler : service->handlers()) {
+            handler->onNext(value(std::string(draw(2) * 2000, 'v')));
+        }
+        if (const auto handler = draw(2) == 0 ? service->take() : nullptr) {
+            if (draw(3) == 0) {
+                handler->onCompleted();
+            } else if (draw(2) == 0) {
+                handler->onError(Response::createErrorResponse(400));
+            }
+        }
+    }
+    void act()
+    {
+        const std::size_t index = draw(PROCESSES);
+        OpenClient* const open = drawClient(index);
+        switch (draw(20)) {
+        case 0:
+        case 1:
+        case 2:
+            provideOrWithdraw(index);
+            break;
+        case 3:
+        case 4:
+            connect(index);
+            break;
+        case 5:
+            release(index);
+            break;
+        case 6:
+            if (draw(4) == 0) {
+                kill(index);
+            }
+            break;
+        case 7:
+            network->cut(processes[index].group, processes[draw(PROCESSES)].group);
+            break;
+        case 8:
+            scheduler->runFor(static_cast<comm::TimeNs>(draw(3)) * comm::SECOND);
+            break;
+        case 9:
+        case 10:
+        case 11:
+            answer(index);
+            break;
+        case 12:
+            if (open != nullptr) {
+                cancelOne(*open);
+            }
+            break;
+        default:
+            if (open != nullptr) {
+                ask(*open);
+            }
+        }
+        for (std::size_t steps = draw(10); steps > 0 && scheduler->step(); --steps) {
+        }
+        if (draw(3) == 0) {
+            scheduler->runFor(static_cast<comm::TimeNs>(draw(4)) * comm::MILLISECOND);
+        }
+    }
+    void expectSettled()
+    {
+        scheduler->runFor(10 * comm::SECOND);
+        for (const Process& process : processes) {
+            for (const auto& open : process.clients) {
+                const bool isProvided = processes[open->server].services[open->path] != nullptr;
+                EXPECT_EQ(open->client->checker.isConnected(), isProvided)
+                    << locator(open->server, open->path) << " from group " << process.group;
+                for (const Asked& asked : open->asked) {
+                    const bool isOver = asked.outcome->hasEnded() || asked.outcome->isCancelled;
+                    EXPECT_TRUE(isOver || isProvided);
+                    EXPECT_EQ(asked.outcome->isDestroyed, isOver);
+                }
+            }
+        }
+        for (const auto& open : released) {
+            for (const Asked& asked : open->asked) {
+                EXPECT_TRUE(asked.outcome->isDestroyed) << "released";
+            }
+        }
+    }
+    void end()
+    {
+        for (Process& process : processes) {
+            process.backend->stop();
+            for (const auto& service : process.services) {
+                EXPECT_TRUE(!service || service->open() == 0);
+            }
+            for (const auto& open : process.clients) {
+                open->client->checker.released();
+                open->client->forgetBackend();
+            }
+        }
+        scheduler->runFor(10 * comm::SECOND);
+        for (Process& process : processes) {
+            for (const auto& open : process.clients) {
+                for (const Asked& asked : open->asked) {
+                    EXPECT_TRUE(asked.outcome->isDestroyed);
+                }
+            }
+            process.backend.reset();
+            process.clients.clear();
+            process.services = {};
+        }
+        released.clear();
+        graveyard.clear();
+        EXPECT_EQ(network->openStreams(), 0U);
+    }
+
+    std::array<Process, PROCESSES> processes;
+    std::vector<std::unique_ptr<OpenClient>> released;
+    std::vector<std::unique_ptr<CheckedService>> graveyard;
+};
+
+TEST_F(BackendRandom, EverySeedSettles)
+{
+    const char* const one = std::getenv("KESA_SEED");
+    const std::uint64_t first = one != nullptr ? std::strtoull(one, nullptr, 10) : 1;
+    const std::uint64_t last = one != nullptr ? first : 300;
+    for (std::uint64_t seed = first; seed <= last; ++seed) {
+        begin(seed);
+        for (int i = 0; i < 150; ++i) {
+            act();
+        }
+        expectSettled();
+        end();
+        ASSERT_THAT(violations.take(), IsEmpty()) << "KESA_SEED=" << seed;
+        ASSERT_FALSE(HasFailure()) << "KESA_SEED=" << seed;
+    }
+}
+
+} // namespace
+} // namespace kesa::commadapter::test
