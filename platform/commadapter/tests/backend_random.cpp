@@ -98,7 +98,8 @@ protected:
         auto open = std::make_unique<OpenClient>();
         open->server = draw(PROCESSES);
         open->path = draw(PATHS);
-        open->client = std::make_unique<Client>(*processes[index].backend, violations, locator(open->server, open->path));
+        open->client =
+            std::make_unique<Client>(*processes[index].backend, violations, locator(open->server, open->path));
         open->client->start();
         processes[index].clients.push_back(std::move(open));
     }

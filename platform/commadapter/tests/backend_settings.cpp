@@ -24,11 +24,11 @@ util::config::Value parse(std::string_view text)
 TEST(BackendSettings, GoodMembersApply)
 {
     std::vector<std::string> complaints;
-    const CommSettings settings = readCommSettings(
-        parse(R"({"run_dir": "/tmp/run", "socket_mode": "0600", "socket_group": "kesa",
+    const CommSettings settings =
+        readCommSettings(parse(R"({"run_dir": "/tmp/run", "socket_mode": "0600", "socket_group": "kesa",
                   "routes": {"/registry": "ipc://kesa-registryd/registry"}, "max_message_bytes": 1048576,
                   "send_queue_bytes": 131072, "heartbeat_ms": 250})"),
-        complaints);
+                         complaints);
     EXPECT_THAT(complaints, IsEmpty());
     EXPECT_EQ(settings.runDir, "/tmp/run");
     EXPECT_EQ(settings.socketMode, 0600U);
