@@ -56,9 +56,10 @@ Response unavailable(std::string_view text)
 
 } // namespace
 
-ClientConnection::ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, const protocol::Hello& own,
+ClientConnection::ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, MakeHello makeHello,
                                    OpenLocal openLocal, Unused unused)
-    : Connection(loop, protocol::Machine::Role::eCLIENT), m_own(own), m_unused(std::move(unused)),
+    : Connection(loop, protocol::Machine::Role::eCLIENT), m_makeHello(std::move(makeHello)),
+      m_unused(std::move(unused)),
       m_connector(std::make_shared<Connector>(loop, std::move(destination), std::move(openLocal)))
 {}
 
@@ -453,7 +454,7 @@ void ClientConnection::tellListener(Lock& lock, ClientState& client, void (IClie
 void ClientConnection::connected(std::unique_ptr<transport::IStream> stream)
 {
     Lock lock(m_lock);
-    open(std::move(stream), m_own);
+    open(std::move(stream), m_makeHello());
     for (const auto& client : m_clients) {
         attach(*client);
     }

@@ -42,8 +42,8 @@ public:
     /// Called on the loop when a client object is done with the connection.
     using Unused = std::function<void(ClientConnection&, bool serviceRemoved)>;
 
-    ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, const protocol::Hello& own,
-                     OpenLocal openLocal, Unused unused);
+    ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, MakeHello makeHello, OpenLocal openLocal,
+                     Unused unused);
     ~ClientConnection() override;
 
     // Any thread.
@@ -117,7 +117,7 @@ private:
     void onError(std::uint32_t stream, Response error) override;
     void onCompleted(std::uint32_t stream) override;
 
-    const protocol::Hello m_own;
+    const MakeHello m_makeHello;
     const Unused m_unused;
     const std::shared_ptr<Connector> m_connector;
 

@@ -6,19 +6,26 @@ namespace {
 
 constexpr comm::TimeNs LINGER = 2 * comm::SECOND;
 
+/// An endpoint that can be handled is of this realm, whether its locator says so or not.
+std::string keyOf(transport::Endpoint endpoint)
+{
+    endpoint.realm.clear();
+    return endpoint.toString();
+}
+
 } // namespace
 
-ClientTable::ClientTable(std::shared_ptr<IoLoop> loop, const protocol::Hello& own, OpenLocal openLocal)
-    : m_loop(std::move(loop)), m_own(own), m_openLocal(std::move(openLocal))
+ClientTable::ClientTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, OpenLocal openLocal)
+    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello)), m_openLocal(std::move(openLocal))
 {}
 
 std::shared_ptr<ClientConnection> ClientTable::use(const Destination& destination)
 {
     const std::lock_guard lock(m_lock);
-    Entry& entry = m_entries[destination.endpoint.toString()];
+    Entry& entry = m_entries[keyOf(destination.endpoint)];
     if (!entry.connection) {
         entry.connection = std::make_shared<ClientConnection>(
-            m_loop, destination, m_own, m_openLocal,
+            m_loop, destination, m_makeHello, m_openLocal,
             [weakSelf = weak_from_this()](ClientConnection& connection, bool serviceRemoved) {
                 if (const auto self = weakSelf.lock()) {
                     self->unused(connection, serviceRemoved);
@@ -32,7 +39,7 @@ std::shared_ptr<ClientConnection> ClientTable::use(const Destination& destinatio
 void ClientTable::unused(ClientConnection& connection, bool atOnce)
 {
     m_loop->onLoop(__func__);
-    const std::string key = connection.destination().endpoint.toString();
+    const std::string key = keyOf(connection.destination().endpoint);
     {
         const std::lock_guard lock(m_lock);
         const auto found = m_entries.find(key);

@@ -13,7 +13,7 @@ namespace kesa::commadapter {
 /// The connections to other endpoints, one each. One that no client object uses any more lingers for a while.
 class ClientTable : public std::enable_shared_from_this<ClientTable> {
 public:
-    ClientTable(std::shared_ptr<IoLoop> loop, const protocol::Hello& own, OpenLocal openLocal);
+    ClientTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, OpenLocal openLocal);
 
     /// The connection to an endpoint, with one more user. Any thread.
     std::shared_ptr<ClientConnection> use(const Destination& destination);
@@ -34,7 +34,7 @@ private:
     Entries takeAll();
 
     const std::shared_ptr<IoLoop> m_loop;
-    const protocol::Hello m_own;
+    const MakeHello m_makeHello;
     const OpenLocal m_openLocal;
     std::mutex m_lock;
     Entries m_entries; ///< by endpoint; with the lock held

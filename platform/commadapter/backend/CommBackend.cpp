@@ -26,11 +26,8 @@ using Transports = std::vector<std::shared_ptr<transport::ITransport>>;
 class CommBackend final : public IBackend {
 public:
     CommBackend(std::string process, const CommSettings& settings, TransportFactory transports)
-        : m_settings(settings), m_makeTransports(std::move(transports))
-    {
-        m_own.process = std::move(process);
-        m_own.maxMessageBytes = settings.maxMessageBytes;
-    }
+        : m_settings(settings), m_makeTransports(std::move(transports)), m_process(std::move(process))
+    {}
     ~CommBackend() override { CommBackend::stop(); }
     CommBackend(const CommBackend&) = delete;
     CommBackend& operator=(const CommBackend&) = delete;
@@ -50,14 +47,16 @@ private:
     {
         return m_locators ? m_locators->find(locator) : std::nullopt;
     }
-    bool isOwnName(const transport::Endpoint& endpoint) const { return endpoint.process == m_own.process; }
+    bool isOwnName(const transport::Endpoint& endpoint) const { return endpoint.process == m_process; }
     bool claimName(transport::ITransport& transport);
     bool provide(const std::string& path, IKesaApi* service);
+    MakeHello makeHello() const;
     OpenLocal makeOpenLocal() const;
 
     const CommSettings m_settings;
     const TransportFactory m_makeTransports;
-    protocol::Hello m_own;
+    const std::string m_process;
+    obr::UUID m_instance;           ///< of the present start
     std::shared_ptr<IoLoop> m_loop; ///< null before `start` and after `stop`
     std::optional<Locators> m_locators;
     Transports m_transports; ///< the first one is what `provideOnPath` answers with
@@ -71,14 +70,14 @@ void CommBackend::start()
     if (m_loop) {
         return;
     }
-    m_own.instance = obr::UUID::generate();
+    m_instance = obr::UUID::generate();
     m_loop = std::make_shared<IoLoop>(m_settings);
     for (auto& transport : m_makeTransports(m_loop->reactor())) {
         m_transports.push_back(std::move(transport));
     }
     m_locators.emplace(m_settings.routes, m_transports);
-    m_services = std::make_shared<ServiceTable>(m_loop);
-    m_clients = std::make_shared<ClientTable>(m_loop, m_own, makeOpenLocal());
+    m_services = std::make_shared<ServiceTable>(m_loop, makeHello());
+    m_clients = std::make_shared<ClientTable>(m_loop, makeHello(), makeOpenLocal());
 }
 
 void CommBackend::stop()
@@ -113,17 +112,17 @@ bool CommBackend::claimName(transport::ITransport& transport)
 {
     std::string why;
     const bool failed = transport.listen(
-        m_own.process,
-        [loop = m_loop, services = std::weak_ptr(m_services), own = m_own,
+        m_process,
+        [loop = m_loop, services = std::weak_ptr(m_services),
          scheme = transport.scheme()](std::unique_ptr<transport::IStream> stream) {
             const IoLoop::Turn turn(*loop);
             if (const auto held = services.lock()) {
-                held->accept(std::move(stream), own, scheme);
+                held->accept(std::move(stream), scheme);
             }
         },
         why);
     if (failed && why != m_claimFailure) {
-        KESA_TRACE(CHANNEL, 4, "[claimName] '%s' cannot provide services: %s", m_own.process.c_str(), why.c_str());
+        KESA_TRACE(CHANNEL, 4, "[claimName] '%s' cannot provide services: %s", m_process.c_str(), why.c_str());
     }
     m_claimFailure = failed ? why : std::string();
     return failed;
@@ -160,7 +159,7 @@ bool CommBackend::provideOnLocator(const url& locator, IKesaApi* service)
     const auto place = find(locator);
     if (!place || !isOwnName(place->destination.endpoint)) {
         KESA_TRACE(CHANNEL, 3, "[provide] '%s' is not a locator of this process, '%s'", locator.toString().c_str(),
-                   m_own.process.c_str());
+                   m_process.c_str());
         return true;
     }
     return claimName(*place->destination.transport) || provide(place->path, service);
@@ -199,11 +198,28 @@ bool CommBackend::isLocal(const url& locator)
     return place && isOwnName(place->destination.endpoint) && !claimName(*place->destination.transport);
 }
 
+/// Says what is known of this process when a connection begins.
+MakeHello CommBackend::makeHello() const
+{
+    return [process = m_process, instance = m_instance, transports = m_transports] {
+        protocol::Hello hello;
+        hello.process = process;
+        hello.instance = instance;
+        for (const auto& transport : transports) {
+            if (const auto endpoint = transport->ownEndpoint()) {
+                hello.realm = hello.realm.empty() ? endpoint->realm : hello.realm;
+                hello.listeners.push_back(endpoint->toString());
+            }
+        }
+        return hello;
+    };
+}
+
 /// Own locators need no socket. While the name is another process's, they lead there as any other.
 OpenLocal CommBackend::makeOpenLocal() const
 {
-    return [loop = std::weak_ptr(m_loop), services = std::weak_ptr(m_services),
-            own = m_own](const Destination& destination) -> std::unique_ptr<transport::IStream> {
+    return [loop = std::weak_ptr(m_loop), services = std::weak_ptr(m_services)](
+               const Destination& destination) -> std::unique_ptr<transport::IStream> {
         const auto endpoint = destination.transport->ownEndpoint();
         const auto heldLoop = loop.lock();
         const auto heldServices = services.lock();
@@ -211,7 +227,7 @@ OpenLocal CommBackend::makeOpenLocal() const
             return nullptr;
         }
         auto [client, server] = makeLocalStreams(heldLoop->reactor());
-        heldServices->accept(std::move(server), own, "local");
+        heldServices->accept(std::move(server), "local");
         return std::move(client);
     };
 }

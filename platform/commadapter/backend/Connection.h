@@ -6,12 +6,15 @@
 #include "transport/ITransport.h"
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 namespace kesa::commadapter {
+
+using MakeHello = std::function<protocol::Hello()>;
 
 /// A stream of bytes and the protocol machine on it: what both sides have in common. See the head of Connection.cpp.
 /// The derived classes hold what the streams of requests and answers mean to their side.

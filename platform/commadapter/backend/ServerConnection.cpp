@@ -80,6 +80,7 @@ void ServerConnection::begin(std::unique_ptr<transport::IStream> stream, const p
     {
         const Lock lock(m_lock);
         open(std::move(stream), own);
+        m_context.realm = own.realm; // who reaches a socket is of its realm
     }
     Connection::begin();
 }
@@ -234,7 +235,6 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     m_context.instance = peer.instance;
     m_context.process = peer.process;
     m_context.transport = m_scheme;
-    m_context.realm = peer.realm;
     m_context.pid = identity.pid;
     m_context.uid = identity.uid;
     m_context.gid = identity.gid;

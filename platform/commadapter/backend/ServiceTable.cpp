@@ -6,7 +6,9 @@
 
 namespace kesa::commadapter {
 
-ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop) : m_loop(std::move(loop)) {}
+ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello)
+    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello))
+{}
 
 ServiceTable::~ServiceTable() = default;
 
@@ -70,13 +72,12 @@ void ServiceTable::abandon()
     m_connections.clear();
 }
 
-void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own,
-                          const std::string& scheme)
+void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme)
 {
     m_loop->onLoop(__func__);
     const auto connection = std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme);
     m_connections.insert(connection);
-    connection->begin(std::move(stream), own);
+    connection->begin(std::move(stream), m_makeHello());
 }
 
 void ServiceTable::stop()

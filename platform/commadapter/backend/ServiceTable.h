@@ -1,9 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
 #define KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
 
-#include "backend/IoLoop.h"
-#include "protocol/Machine.h"
-#include "transport/ITransport.h"
+#include "backend/Connection.h"
 
 #include <kesa/IKesaApi.h>
 
@@ -30,7 +28,7 @@ struct ProvidedService {
 /// that nobody provides yet. Loop only, unless said otherwise.
 class ServiceTable : public std::enable_shared_from_this<ServiceTable> {
 public:
-    explicit ServiceTable(std::shared_ptr<IoLoop> loop);
+    ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello);
     ~ServiceTable();
 
     /// True when the path is taken. The clients that wait for it are told. Any thread.
@@ -41,7 +39,7 @@ public:
     bool provides(const std::string& path) const;
 
     /// A client has connected. `scheme` is how it came, "local" for one of this process.
-    void accept(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own, const std::string& scheme);
+    void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme);
     /// Withdraws everything and ends all connections.
     void stop();
     /// After the loop's end, any thread: drops what a loop that was killed has left.
@@ -63,6 +61,7 @@ private:
     void withdrawNow(const std::shared_ptr<ProvidedService>& service);
 
     const std::shared_ptr<IoLoop> m_loop;
+    const MakeHello m_makeHello;
     mutable std::mutex m_lock;
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     // Loop only.

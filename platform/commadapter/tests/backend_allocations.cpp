@@ -4,8 +4,8 @@
 #include "transport/IpcTransport.h"
 
 #include <comm/Condition.h>
-#include <kesa/IKesaApi.h>
 #include <kesa/IClientConnectionListener.h>
+#include <kesa/IKesaApi.h>
 
 #include <gtest/gtest.h>
 

@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
+
 namespace kesa::commadapter::test {
 namespace {
 
@@ -185,6 +187,58 @@ TEST_F(BackendConnections, OwnServiceMayComeAfterItsOwnClient)
     provide(*server, "/service", service);
     EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
     EXPECT_EQ(network->openStreams(), 0U);
+}
+
+TEST_F(BackendConnections, RubbishEndsItsOwnConnectionAndNoOther)
+{
+    /// A client that says what no client says, or nothing.
+    struct Rude final : transport::IStreamListener {
+        void onReadable() override
+        {
+            std::array<unsigned char, 4096> bytes{};
+            std::size_t size = 0;
+            isEnded = stream->read(bytes, size) == transport::IStream::Result::eENDED || isEnded;
+        }
+        void onWritable() override {}
+        void onPeerExited() override {}
+        std::unique_ptr<transport::IStream> stream;
+        bool isEnded = false;
+    };
+    CheckedService service(violations, "service");
+    auto server = makeBackend("server");
+    Client client(*server, violations, provide(*server, "/service", service));
+    client.start();
+    settle();
+    scheduler->setGroup(99);
+    const auto loop = scheduler->makeReactor("rude");
+    const auto transport = network->makeTransport(loop, 99);
+    Rude rude;
+    Rude silent;
+    for (Rude* const each : {&rude, &silent}) {
+        loop->post([&transport, each] {
+            transport->connect({"ipc", "server", "", ""}, [each](transport::ITransport::Connected connected) {
+                each->stream = std::move(connected.stream);
+                each->stream->start(*each);
+            });
+        });
+    }
+    settle();
+    std::string rubbish(100, 'r');
+    iovec part{rubbish.data(), rubbish.size()};
+    std::size_t size = 0;
+    rude.stream->write({&part, 1}, size);
+    settle();
+    EXPECT_TRUE(rude.isEnded);
+    EXPECT_FALSE(silent.isEnded);
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("'process 99' is cut off")));
+    scheduler->runFor(5 * comm::SECOND);
+    EXPECT_TRUE(silent.isEnded) << "no hello";
+    EXPECT_TRUE(client.checker.isConnected());
+    loop->post([&] {
+        rude.stream.reset();
+        silent.stream.reset();
+    });
+    settle();
 }
 
 // ---- liveness -----------------------------------------------------------------------------------------------------

@@ -39,7 +39,8 @@ protected:
     {
         auto backend = makeCommBackend(process, CommSettings(), [this](const std::shared_ptr<comm::Reactor>& loop) {
             std::vector<std::unique_ptr<transport::ITransport>> transports;
-            transports.push_back(transport::makeIpcTransport(transport::IpcSettings{m_runDir.string(), 0600, {}}, loop));
+            transports.push_back(
+                transport::makeIpcTransport(transport::IpcSettings{m_runDir.string(), 0600, {}}, loop));
             return transports;
         });
         backend->start();
