@@ -1,21 +1,11 @@
 // Any text: it is refused with line and column, or its text form reads back as the same value.
+#include "require.h"
+
 #include <obr/ErrorStorage.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
 
-#include <cstdlib>
 #include <memory>
-
-namespace {
-
-void require(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
-
-} // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {

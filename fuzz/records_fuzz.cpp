@@ -1,10 +1,11 @@
 // Any bytes as a record in any format: an error with a reason, or a record that comes back the same when it is written
 // and read again. The first byte chooses format and record.
+#include "require.h"
+
 #include <kesa/core/PayloadConversion.h>
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 
 namespace {
 
@@ -12,13 +13,6 @@ using namespace kesa;
 using serviceregistry::Query;
 using serviceregistry::RegistryUpdate;
 using serviceregistry::ServiceDef;
-
-void require(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
 
 bool same(const ServiceDef& a, const ServiceDef& b)
 {

@@ -1,20 +1,12 @@
 // Any bytes, read as one format: they are refused with a reason, or make a value that survives all formats.
 #include "ValueWalk.h"
+#include "require.h"
 
 #include <obr/ErrorStorage.h>
-
-#include <cstdlib>
 
 using namespace util::serializer;
 
 namespace {
-
-void require(bool holds)
-{
-    if (!holds) {
-        std::abort();
-    }
-}
 
 /// Skipping must come to the same end as reading.
 void skipWhole(std::string_view bytes)

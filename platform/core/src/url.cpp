@@ -52,8 +52,8 @@ bool isMadeOf(std::string_view text, std::string_view also) noexcept
 bool isIpv6(std::string_view text) noexcept
 {
     char terminated[INET6_ADDRSTRLEN];
-    if (text.size() >= sizeof terminated) {
-        return false;
+    if (text.size() >= sizeof terminated || text.find('\0') != std::string_view::npos) {
+        return false; // inet_pton would take a zero byte for the end
     }
     std::memcpy(terminated, text.data(), text.size());
     terminated[text.size()] = '\0';

@@ -72,6 +72,7 @@ TEST(Url, RefusesWhatItForbids)
         EXPECT_EQ(url(text).path(), "") << text;
     }
     EXPECT_FALSE(url(std::string("/a\0b", 4)).isValid());
+    EXPECT_FALSE(url(std::string("//[::\0]", 8)).isValid());
 }
 
 TEST(Url, IsItsText)
