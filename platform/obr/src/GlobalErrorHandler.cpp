@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <memory>
 #include <mutex>
+#include <poll.h>
 #include <unistd.h>
 #include <utility>
 
@@ -49,7 +50,11 @@ void writeReport(const GlobalErrorHandler::Report& report)
     }
     fmt::format_to(out, " in {} ({}:{}): {}\n", orElse(report.function, "?"), orElse(report.file, "?"), report.line,
                    orElse(report.message, "no message"));
-    [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+    // Nobody may keep the process from ending by not reading this.
+    pollfd ready{STDERR_FILENO, POLLOUT, 0};
+    if (::poll(&ready, 1, 1000) == 1) {
+        [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
+    }
 }
 
 [[noreturn]] void endProcess()

@@ -69,13 +69,14 @@ void LineOutput::write(std::string_view line) noexcept
     const Kind what = kind();
     if (m_lostLines > 0) {
         char text[96];
-        const int size = std::snprintf(text, sizeof text, "kesa: %llu lines lost, their reader did not keep up\n",
-                                       static_cast<unsigned long long>(m_lostLines));
+        const int size = std::snprintf(text, sizeof text, "%skesa: %llu lines lost, their reader did not keep up\n",
+                                       m_isCut ? "\n" : "", static_cast<unsigned long long>(m_lostLines));
         if (!writeWhole(what, {text, static_cast<std::size_t>(size)})) {
             ++m_lostLines;
             return;
         }
         m_lostLines = 0;
+        m_isCut = false;
     }
     if (!writeWhole(what, line)) {
         ++m_lostLines;
@@ -125,16 +126,15 @@ std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) const noexce
 
 bool LineOutput::writeWhole(Kind kind, std::string_view line) noexcept
 {
-    while (!line.empty()) {
-        if (!isReady(m_isClogged ? 0 : PATIENCE_MS)) {
-            m_isClogged = true;
-            return false;
-        }
-        const std::size_t written = writeSome(kind, line);
+    for (std::string_view rest = line; !rest.empty();) {
+        const bool hasRoom = isReady(m_isClogged ? 0 : PATIENCE_MS);
+        const std::size_t written = hasRoom ? writeSome(kind, rest) : 0;
         if (written == 0) {
+            m_isClogged = !hasRoom;
+            m_isCut = m_isCut || rest.size() < line.size();
             return false;
         }
-        line.remove_prefix(written);
+        rest.remove_prefix(written);
     }
     m_isClogged = false;
     return true;

@@ -31,6 +31,7 @@ private:
     const int m_descriptor;
     const Ownership m_ownership;
     bool m_isClogged = false; // the reader did not keep up: do not wait for it again
+    bool m_isCut = false;     // the last line was written in part
     std::uint64_t m_lostLines = 0;
 };
 

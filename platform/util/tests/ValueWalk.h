@@ -1,6 +1,7 @@
 #ifndef UTIL_TESTS_VALUEWALK_H
 #define UTIL_TESTS_VALUEWALK_H
 
+#include <obr/ErrorStorage.h>
 #include <util/config/Dictionary.h>
 #include <util/serializer/formats.h>
 
@@ -128,8 +129,11 @@ template <class T>
     case Kind::eBOOL:
         return readScalar(in, value, &IStructuredPullDeserializer::boolValue);
     case Kind::eINTEGER:
-        return readScalar(in, value, &IStructuredPullDeserializer::intValue) &&
-               readScalar(in, value, &IStructuredPullDeserializer::uintValue);
+        if (!readScalar(in, value, &IStructuredPullDeserializer::intValue)) {
+            return false;
+        }
+        obr::ErrorStorage::ack(); // it is too large for a signed one
+        return readScalar(in, value, &IStructuredPullDeserializer::uintValue);
     case Kind::eREAL:
         return readScalar(in, value, &IStructuredPullDeserializer::doubleValue);
     case Kind::eSTRING:

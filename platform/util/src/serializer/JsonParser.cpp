@@ -25,14 +25,23 @@ namespace json = ::kesa_rapidjson;
 /// Vector instructions read up to 15 bytes behind the end.
 constexpr std::size_t PADDING = 16;
 
-/// Of a number that no double can hold: whether it is too small rather than too large.
-bool isTiny(std::string_view number)
+/// The power of ten of the first digit that is not 0, or something of its sign when it is very large.
+std::ptrdiff_t magnitude(std::string_view number)
 {
-    const std::size_t exponent = number.find_first_of("eE");
-    if (exponent != std::string_view::npos) {
-        return number[exponent + 1] == '-';
+    constexpr std::ptrdiff_t VERY_LARGE = 1'000'000'000'000;
+    const std::size_t exponentMark = std::min(number.find_first_of("eE"), number.size());
+    const std::string_view mantissa = number.substr(0, exponentMark);
+    const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
+    const std::size_t first = std::min(mantissa.find_first_of("123456789"), mantissa.size());
+    std::ptrdiff_t exponent = 0;
+    if (exponentMark < number.size()) {
+        const std::size_t begin = exponentMark + (number[exponentMark + 1] == '+' ? 2 : 1);
+        if (std::from_chars(number.data() + begin, number.data() + number.size(), exponent).ec != std::errc()) {
+            exponent = number[begin] == '-' ? -VERY_LARGE : VERY_LARGE;
+        }
     }
-    return number.front() == '0' || number.substr(0, 2) == "-0";
+    return std::clamp(exponent, -VERY_LARGE, VERY_LARGE) + static_cast<std::ptrdiff_t>(point) -
+           static_cast<std::ptrdiff_t>(first);
 }
 
 /// RapidJSON's own conversion is undefined for a zero with a large negative exponent.
@@ -50,8 +59,11 @@ bool isTiny(std::string_view number)
         }
     }
     double real = 0;
-    if (std::from_chars(number.data(), end, real).ec == std::errc::result_out_of_range && !isTiny(number)) {
-        return tokens.fail("the number is too large");
+    if (std::from_chars(number.data(), end, real).ec == std::errc::result_out_of_range) {
+        if (magnitude(number) > 0) {
+            return tokens.fail("the number is too large");
+        }
+        real = number.front() == '-' ? -0.0 : 0.0; // too small
     }
     return tokens.addReal(real);
 }
@@ -170,6 +182,8 @@ public:
             problem = "the document is too large";
             return true;
         }
+        tokens.expect(document.size());
+        m_text.reserve(document.size() + PADDING);
         m_text.assign(document.begin(), document.end());
         m_text.resize(document.size() + PADDING, '\0');
         json::InsituStringStream stream(m_text.data());

@@ -32,6 +32,8 @@ struct Token {
 class TokenList {
 public:
     void clear() noexcept;
+    /// Makes room for the values that a text of `size` bytes usually has.
+    void expect(std::size_t size) { m_tokens.reserve(size / 8); }
     const Token& operator[](std::size_t index) const noexcept { return m_tokens[index]; }
     std::size_t size() const noexcept { return m_tokens.size(); }
 

@@ -100,7 +100,6 @@ public:
     friend bool operator!=(const Value& a, const Value& b) noexcept { return !(a == b); }
 
 private:
-    friend class Dictionary;
     struct Undefined {};
     using Storage = std::variant<Undefined, std::nullptr_t, bool, std::int64_t, std::uint64_t, double,
                                  std::shared_ptr<const std::string>, std::shared_ptr<const Array>,
