@@ -22,7 +22,7 @@ bool isBelow(std::string_view path, std::string_view root) noexcept
 
 class StaticComposedKesaService::Impl {
 public:
-    explicit Impl(std::map<std::string, std::unique_ptr<IResourceHandler>> handlers)
+    explicit Impl(std::map<std::string, std::unique_ptr<IResourceHandler>>&& handlers)
     {
         for (auto& [root, handler] : handlers) {
             if (handler) {
