@@ -6,6 +6,7 @@
 #include "print_config.h"
 
 #include <CLI/CLI.hpp>
+#include <kesa/commadapter/checkCommSettings.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/reviewDocument.h>
@@ -33,13 +34,26 @@ struct Arguments {
     bool isJson = false;
 };
 
+/// The backend reads its part of the document by itself. Its sentences begin with "comm" and the key they are about,
+/// which the path says as well.
+void reviewComm(ConfigReport& report)
+{
+    const util::config::Value& comm = report.root["comm"];
+    for (const std::string& sentence : kesa::commadapter::checkCommSettings(comm)) {
+        constexpr std::string_view PREFIX = "\"comm\": ";
+        const std::string text = sentence.substr(sentence.rfind(PREFIX, 0) == 0 ? PREFIX.size() : 0);
+        const std::string key = text.substr(1, text.find('"', 1) - 1);
+        report.complaints.push_back({3, false, report.path(comm[key].isDefined() ? "comm." + key : "comm"), text});
+    }
+}
+
 /// Complaints beyond those of the reader; whoever reads a part of the document by itself adds its own here.
 void review(const KesaConfig& config, ConfigReport& report)
 {
     reviewDocument(report);
-    const std::string base = report.rootPath.empty() ? "" : report.rootPath + ".";
+    reviewComm(report);
     if (const char* const key = unsupportedRegistryKey(KesaConfigAccessor(config))) {
-        report.complaints.push_back({4, true, base + key,
+        report.complaints.push_back({4, true, report.path(key),
                                      "asks for a registry, which cannot be used yet: a process does not start with "
                                      "it; set it to false and describe the services under \"services\""});
     }

@@ -18,9 +18,11 @@ struct ConfigReport {
     };
     std::vector<Complaint> complaints; ///< in the order of reading
 
-    std::string file;                       ///< empty when none was read
-    util::config::Value root;               ///< what was read as the configuration
-    std::string rootPath;                   ///< of the root in the document: "kesa", or empty for the document itself
+    std::string file;         ///< empty when none was read
+    util::config::Value root; ///< what was read as the configuration
+    std::string rootPath;     ///< of the root in the document: "kesa", or empty for the document itself
+    /// The path in the document of a key, or of any value below the root.
+    std::string path(const std::string& key) const { return rootPath.empty() ? key : rootPath + "." + key; }
     std::vector<std::string> duplicateKeys; ///< paths in the document
 };
 

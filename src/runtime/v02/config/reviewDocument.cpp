@@ -110,13 +110,12 @@ void reviewDocument(ConfigReport& report)
     for (const std::string& path : report.duplicateKeys) {
         report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
     }
-    const std::string base = report.rootPath.empty() ? "" : report.rootPath + ".";
-    reviewKeys(report.root, base, rootKeys(), report);
+    reviewKeys(report.root, report.path(""), rootKeys(), report);
     std::size_t index = 0;
     for (const Value& service : report.root["services"].items()) {
-        reviewKeys(service, base + "services[" + std::to_string(index++) + "].", serviceKeys(), report);
+        reviewKeys(service, report.path("services[") + std::to_string(index++) + "].", serviceKeys(), report);
     }
-    reviewKeys(report.root["smartProxy"], base + "smartProxy.", smartProxyKeys(), report);
+    reviewKeys(report.root["smartProxy"], report.path("smartProxy."), smartProxyKeys(), report);
 }
 
 } // namespace kesa::runtime::v02
