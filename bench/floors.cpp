@@ -1,5 +1,6 @@
 #include "floors.h"
 
+#include "Message.h"
 #include "require.h"
 
 #include <poll.h>
@@ -37,31 +38,6 @@ public:
 private:
     int m_number;
 };
-
-constexpr std::size_t MESSAGE_BYTES = 64;
-
-struct Message {
-    std::uint64_t number = 0;
-    std::int64_t sentAt = 0;
-    std::array<unsigned char, MESSAGE_BYTES - 16> body{};
-
-    static Message make(std::uint64_t number)
-    {
-        Message message{number, wallNs(), {}};
-        for (std::size_t i = 0; i < message.body.size(); ++i) {
-            message.body[i] = static_cast<unsigned char>(number + i);
-        }
-        return message;
-    }
-    void check(std::uint64_t expected) const
-    {
-        require(number == expected, "order of the answers");
-        for (std::size_t i = 0; i < body.size(); ++i) {
-            require(body[i] == static_cast<unsigned char>(expected + i), "bytes of the answer");
-        }
-    }
-};
-static_assert(sizeof(Message) == MESSAGE_BYTES);
 
 /// Writes all of it; waits for room when the socket does not block. False when the peer is gone.
 bool sendAll(int socket, const void* data, std::size_t size)
