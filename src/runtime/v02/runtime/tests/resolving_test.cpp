@@ -77,10 +77,36 @@ TEST_F(ResolvingTest, aLocatorNobodyReachesIsRefusedOnceAndKillsNoStranger)
     m_network->refusedLocators.clear();
     auto stranger = resolve("fake://x/s", "stranger");
     run();
-    refused.dispose();
+    EXPECT_THAT(traced(4, [&] { refused.dispose(); }),
+                ElementsAre(HasSubstr("[releaseResolve] url to release not found handle=")));
     m_network->connected("fake://x/s");
     EXPECT_THAT(toClients(), ElementsAre("stranger: connected"));
     stranger.dispose();
+}
+
+TEST_F(ResolvingTest, theErrorOfARefusedProxyKillsNoStranger)
+{
+    for (const bool byQuery : {false, true}) {
+        m_runtime = startRuntime(REMOTE);
+        Disposable refused;
+        Disposable owner;
+        if (byQuery) {
+            owner = registerService("/a", "r");
+            refused = followAll("/a", "refused");
+        } else {
+            refused = follow("/s", "refused");
+        }
+        const std::string locator = byQuery ? "fake://me/a" : "fake://x/s";
+        m_network->refusedLocators = {locator};
+        runUntil([&] { return m_traces->contains("-> notifying client") || m_traces->contains("by other process"); });
+        auto stranger = resolve(locator, "stranger"); // behind the update, before the error it ends in
+        runUntil([&] { return m_traces->contains("onNext of tracking]"); });
+        m_network->refusedLocators.clear();
+        EXPECT_THAT(toClients(), Contains("refused: error 404"));
+        m_network->connected(locator);
+        EXPECT_THAT(toClients(), ElementsAre("stranger: connected"));
+        m_runtime.reset();
+    }
 }
 
 TEST_F(ResolvingTest, aFollowedServiceIsPresentAndAbsentInTurn)
