@@ -20,7 +20,7 @@ public:
     std::size_t missing() const noexcept { return m_declared - m_size; }
     std::size_t capacity() const noexcept { return m_capacity; }
 
-    /// Where the next bytes belong: at least one and at most `wanted`, which is not more than what is missing.
+    /// Where the next bytes belong: at least one, at most `wanted`. Only while bytes are missing.
     std::span<unsigned char> room(std::size_t wanted);
     /// `count` bytes were put at the start of `room`.
     void arrived(std::size_t count) noexcept { m_size += count; }

@@ -1,7 +1,5 @@
 #include "protocol/Cbor.h"
 
-#include <cstring>
-
 namespace kesa::commadapter::protocol::cbor {
 
 namespace {
@@ -40,20 +38,11 @@ std::size_t sequenceLength(const unsigned char* at, std::size_t left) noexcept
 
 } // namespace
 
-bool isUtf8(std::string_view text) noexcept
+bool isMixedUtf8(std::string_view text) noexcept
 {
     const auto* at = reinterpret_cast<const unsigned char*>(text.data());
     std::size_t left = text.size();
     while (left > 0) {
-        std::uint64_t eight = 0;
-        if (left >= sizeof eight) {
-            std::memcpy(&eight, at, sizeof eight);
-            if ((eight & 0x8080808080808080U) == 0) {
-                at += sizeof eight;
-                left -= sizeof eight;
-                continue;
-            }
-        }
         const std::size_t length = sequenceLength(at, left);
         if (length == 0) {
             return false;
@@ -62,6 +51,17 @@ bool isUtf8(std::string_view text) noexcept
         left -= length;
     }
     return true;
+}
+
+void putLongItem(ByteQueue& out, Major major, std::uint64_t argument)
+{
+    const unsigned log = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
+    const unsigned bytes = 1U << log;
+    unsigned char* const at = out.extend(1 + bytes);
+    at[0] = static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | (24 + log));
+    for (unsigned i = 0; i < bytes; ++i) {
+        at[1 + i] = static_cast<unsigned char>(argument >> (8 * (bytes - 1 - i)));
+    }
 }
 
 bool Reader::argument(unsigned info, Item& item) noexcept
@@ -87,7 +87,7 @@ bool Reader::argument(unsigned info, Item& item) noexcept
     return false;
 }
 
-bool Reader::item(Item& item) noexcept
+bool Reader::longItem(Item& item) noexcept
 {
     do {
         if (m_at == m_end) {

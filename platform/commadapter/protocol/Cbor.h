@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
 /// The few CBOR items (RFC 8949) heads are made of, written and read in place: a head is on the path of every message,
@@ -21,27 +22,38 @@ inline constexpr unsigned char TRUE_ITEM = 0xF5;
 inline constexpr unsigned char NULL_ITEM = 0xF6;
 inline constexpr unsigned MAX_DEPTH = 32; ///< of a head, itself included
 
-bool isUtf8(std::string_view text) noexcept;
+/// `isUtf8` of text that is not ASCII alone.
+bool isMixedUtf8(std::string_view text) noexcept;
+
+inline bool isUtf8(std::string_view text) noexcept
+{
+    const char* at = text.data();
+    std::size_t left = text.size();
+    std::uint64_t bits = 0;
+    for (std::uint64_t eight = 0; left >= sizeof eight; left -= sizeof eight, at += sizeof eight) {
+        std::memcpy(&eight, at, sizeof eight);
+        bits |= eight;
+    }
+    for (; left > 0; --left) {
+        bits |= static_cast<unsigned char>(*at++);
+    }
+    return (bits & 0x8080808080808080U) == 0 || isMixedUtf8(text);
+}
 
 inline void putByte(ByteQueue& out, unsigned char byte)
 {
     *out.extend(1) = byte;
 }
 
+void putLongItem(ByteQueue& out, Major major, std::uint64_t argument);
+
 /// The first byte of an item with its argument, in the shortest form.
 inline void putItem(ByteQueue& out, Major major, std::uint64_t argument)
 {
-    const auto type = static_cast<unsigned>(major) << 5U;
     if (argument < 24) {
-        putByte(out, static_cast<unsigned char>(type | argument));
-        return;
-    }
-    const unsigned log = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
-    const unsigned bytes = 1U << log;
-    unsigned char* const at = out.extend(1 + bytes);
-    at[0] = static_cast<unsigned char>(type | (24 + log));
-    for (unsigned i = 0; i < bytes; ++i) {
-        at[1 + i] = static_cast<unsigned char>(argument >> (8 * (bytes - 1 - i)));
+        putByte(out, static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | argument));
+    } else {
+        putLongItem(out, major, argument);
     }
 }
 
@@ -73,7 +85,16 @@ public:
         std::uint64_t argument = 0;
     };
     /// The first part of the next item.
-    [[nodiscard]] bool item(Item& item) noexcept;
+    [[nodiscard]] bool item(Item& item) noexcept
+    {
+        // Nearly all items of a head are of one byte.
+        if (m_at != m_end && (*m_at & 31U) < 24 && *m_at < TAGS) {
+            item = {static_cast<Major>(*m_at >> 5U), false, *m_at & 31U};
+            ++m_at;
+            return false;
+        }
+        return longItem(item);
+    }
     /// The characters or bytes of a string item.
     [[nodiscard]] bool string(const Item& item, std::string_view& content) noexcept;
     /// The next item as a whole, whatever it is. `depth` is that of the container it stands in.
@@ -98,6 +119,9 @@ public:
     }
 
 private:
+    static constexpr unsigned char TAGS = 0xC0; ///< the first of the bytes that begin tags and simple values
+
+    [[nodiscard]] bool longItem(Item& item) noexcept;
     [[nodiscard]] bool argument(unsigned info, Item& item) noexcept;
     [[nodiscard]] bool skipContent(const Item& item, unsigned depth) noexcept;
 

@@ -25,7 +25,8 @@ Machine::Input::Input(Role role, const Hello& own, const Limits& limits, IMachin
 std::span<unsigned char> Machine::Input::inputBuffer()
 {
     if (m_current != nullptr) {
-        return m_current->body.room(m_remaining);
+        // The header of the next fragment is read along, so that its body, too, goes straight to its place.
+        return m_current->body.room(m_remaining + (m_currentHasMore ? HEADER_BYTES : 0));
     }
     return {m_buffer.get() + m_end, BUFFER_BYTES - m_end};
 }
@@ -38,9 +39,18 @@ bool Machine::Input::received(std::size_t size, comm::TimeNs now)
     m_shared.lastReceived.store(now, std::memory_order_relaxed);
     m_shared.receivedCount.fetch_add(1, std::memory_order_relaxed);
     if (m_current != nullptr) {
-        m_current->body.arrived(size);
-        m_remaining -= size;
-        return m_remaining == 0 && endOfFrame();
+        Body& body = m_current->body;
+        const std::size_t ofBody = std::min(size, m_remaining);
+        body.arrived(ofBody);
+        m_remaining -= ofBody;
+        if (m_remaining > 0) {
+            return false;
+        }
+        std::copy_n(body.data() + body.size(), size - ofBody, m_buffer.get());
+        size -= ofBody;
+        if (endOfFrame()) {
+            return true;
+        }
     }
     m_end += size;
     return readFrames();
@@ -217,12 +227,23 @@ bool Machine::Input::needsSource(const FrameHeader& header, const Head& head) co
     return head.hasHeaders || (m_clientId != nullptr && header.kind == static_cast<std::uint8_t>(Kind::eREQUEST));
 }
 
+bool Machine::Input::readKnownHead(const FrameHeader& header, const unsigned char* content)
+{
+    std::vector<unsigned char>& bytes = m_known.bytes;
+    if (bytes.size() == header.head && std::equal(bytes.begin(), bytes.end(), content)) {
+        return false;
+    }
+    bytes.assign(content, content + header.head);
+    m_known.head = Head();
+    return readMessageHead(header, bytes.data(), m_known.head);
+}
+
 bool Machine::Input::handleMessage(const FrameHeader& header, const unsigned char* content)
 {
-    Head head;
-    if (readMessageHead(header, content, head)) {
+    if (readKnownHead(header, content)) {
         return true;
     }
+    const Head& head = m_known.head;
     if (head.bodySize) {
         return fail(fmt::format("{} of one frame declares a body size", ruleOf(header.kind).name));
     }

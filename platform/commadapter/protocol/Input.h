@@ -8,6 +8,7 @@
 #include "protocol/Shared.h"
 
 #include <map>
+#include <vector>
 
 namespace kesa::commadapter::protocol {
 
@@ -64,6 +65,14 @@ private:
     Partial* m_current = nullptr;                // whose frame is being read into its body
     std::size_t m_remaining = 0;                 // of that frame
     bool m_currentHasMore = false;
+
+    /// The head read last: on a busy stream the next one is often the same.
+    struct KnownHead {
+        std::vector<unsigned char> bytes;
+        Head head; ///< views into `bytes`
+    };
+    [[nodiscard]] bool readKnownHead(const FrameHeader& header, const unsigned char* content);
+    KnownHead m_known;
 
     bool m_hasHello = false;
     bool m_hasFailed = false;
