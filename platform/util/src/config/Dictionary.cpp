@@ -25,6 +25,10 @@ bool isBefore(const Value::Member& member, std::string_view key)
 /// Ascending keys, each once, with the value that stood last.
 void normalise(std::vector<Value::Member>& members)
 {
+    const auto isDisorder = [](const auto& a, const auto& b) { return a.first >= b.first; };
+    if (std::adjacent_find(members.begin(), members.end(), isDisorder) == members.end()) {
+        return; // as our own writers leave them
+    }
     std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     const auto firstKept =
         std::unique(members.rbegin(), members.rend(), [](const auto& a, const auto& b) { return a.first == b.first; });
