@@ -364,7 +364,7 @@ void ClientConnection::start(const std::shared_ptr<ClientState>& client)
 {
     loop().post([self = std::static_pointer_cast<ClientConnection>(shared_from_this()), client] {
         Lock lock(self->m_lock);
-        if (self->m_isStopped || client->listener == nullptr) {
+        if (self->m_isStopped || client->listener == nullptr || std::exchange(client->isStarted, true)) {
             return;
         }
         self->m_clients.push_back(client);
@@ -525,7 +525,11 @@ void ClientConnection::onClosed(const std::string& reason)
         }
     }
     lock.unlock();
-    m_connector->lost(reason);
+    if (m_clients.empty()) {
+        m_connector->stop(); // it only lingered
+    } else {
+        m_connector->lost(reason);
+    }
 }
 
 bool ClientConnection::isAnswerOwed(comm::TimeNs now, bool& isLate)

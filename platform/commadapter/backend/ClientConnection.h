@@ -30,6 +30,7 @@ struct ClientState {
     IClientConnectionListener* listener; ///< null: released
     bool isAttached = false;             ///< connected: requests may be sent
     std::uint32_t target = 0;            ///< its number on the present connection; changed on the loop only
+    bool isStarted = false;
     StreamList open;
 };
 

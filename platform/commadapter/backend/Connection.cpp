@@ -229,14 +229,23 @@ void Connection::write()
         }
         m_isBlocked = true;
         m_loop->expectSomething(); // that the queue moves
-        m_loop->post([self = shared_from_this(), opened = m_opened] {
-            if (self->m_isOpen && self->m_opened == opened) {
-                self->m_stream->wantWrite();
-            }
-        });
+        wantWrite();
         break;
     }
     countQueued();
+}
+
+void Connection::wantWrite()
+{
+    if (m_loop->isCurrent()) {
+        m_stream->wantWrite();
+        return;
+    }
+    m_loop->post([self = shared_from_this(), opened = m_opened] {
+        if (self->m_isOpen && self->m_opened == opened) {
+            self->m_stream->wantWrite();
+        }
+    });
 }
 
 /// What the peer had sent before it left is handled first.

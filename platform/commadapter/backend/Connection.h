@@ -93,6 +93,7 @@ private:
     void readAll();
     void finishBatch();
     void write();
+    void wantWrite();
     void writeFailed();
     void countQueued();
 

@@ -62,69 +62,83 @@ struct Outcome {
 
 class ClientChecker final : public IClientConnectionListener {
 public:
-    ClientChecker(Violations& violations, std::string name) : m_violations(violations), m_name(std::move(name)) {}
+    ClientChecker(Violations& violations, std::string name)
+        : m_state(std::make_shared<State>(violations, std::move(name)))
+    {}
 
     void clientConnected() override
     {
-        std::unique_lock lock(m_lock);
-        expect(!m_isReleased, "after-release", "connected");
-        expect(!m_isConnected, "alternation", "connected twice");
-        for (const auto& outcome : m_open) {
-            expect(outcome->hasEnded() || outcome->isCancelled, "ends-first", "a request is open across connections");
+        {
+            const std::lock_guard lock(m_state->lock);
+            m_state->expect(!m_state->isReleased, "after-release", "connected");
+            m_state->expect(!m_state->isConnected, "alternation", "connected twice");
+            for (const auto& outcome : m_state->open) {
+                m_state->expect(outcome->hasEnded() || outcome->isCancelled, "ends-first",
+                                "a request is open across connections");
+            }
+            m_state->open.clear();
+            m_state->isConnected = true;
+            ++m_state->connections;
         }
-        m_open.clear();
-        m_isConnected = true;
-        ++m_connections;
-        lock.unlock();
         if (onConnected) {
             onConnected();
         }
     }
     void clientDisconnected() override
     {
-        std::unique_lock lock(m_lock);
-        expect(!m_isReleased, "after-release", "disconnected");
-        expect(m_isConnected, "alternation", "disconnected without connected");
-        m_isConnected = false;
-        lock.unlock();
+        {
+            const std::lock_guard lock(m_state->lock);
+            m_state->expect(!m_state->isReleased, "after-release", "disconnected");
+            m_state->expect(m_state->isConnected, "alternation", "disconnected without connected");
+            m_state->isConnected = false;
+        }
         if (onDisconnected) {
             onDisconnected();
         }
     }
     void clientError(unsigned short code, const std::string& message) override
     {
-        m_violations.add("error-never", m_name + ": " + std::to_string(code) + " " + message);
+        m_state->expect(false, "error-never", (std::to_string(code) + " " + message).c_str());
     }
 
-    /// A handler for the next request. Issue it at once.
-    std::unique_ptr<IResponseHandler<Response>> handler(std::shared_ptr<Outcome>& outcome);
+    /// A handler for the next request, to be issued at once. It may outlive the checker.
+    std::unique_ptr<IResponseHandler<Response>> handler(std::shared_ptr<Outcome>& outcome)
+    {
+        outcome = std::make_shared<Outcome>();
+        const std::lock_guard lock(m_state->lock);
+        outcome->connection = m_state->connections;
+        m_state->open.push_back(outcome);
+        return std::make_unique<Handler>(m_state, outcome);
+    }
     /// `release` has returned.
     void released()
     {
-        const std::lock_guard lock(m_lock);
-        m_isReleased = true;
+        const std::lock_guard lock(m_state->lock);
+        m_state->isReleased = true;
     }
     /// `cancel` of a request has returned.
     void cancelled(Outcome& outcome)
     {
-        const std::lock_guard lock(m_lock);
+        const std::lock_guard lock(m_state->lock);
         outcome.isCancelled = true;
     }
 
     bool isConnected() const
     {
-        const std::lock_guard lock(m_lock);
-        return m_isConnected;
+        const std::lock_guard lock(m_state->lock);
+        return m_state->isConnected;
     }
+    /// How often it has connected.
     unsigned connections() const
     {
-        const std::lock_guard lock(m_lock);
-        return m_connections;
+        const std::lock_guard lock(m_state->lock);
+        return m_state->connections;
     }
+    /// Reads outcomes while other threads may change them.
     template <class Read>
     auto read(const Read& what) const
     {
-        const std::lock_guard lock(m_lock);
+        const std::lock_guard lock(m_state->lock);
         return what();
     }
 
@@ -132,90 +146,80 @@ public:
     std::function<void()> onDisconnected;
 
 private:
-    class Handler;
-
-    void expect(bool holds, const char* rule, const char* what)
-    {
-        if (!holds) {
-            m_violations.add(rule, m_name + ": " + what);
+    struct State {
+        State(Violations& allViolations, std::string clientName)
+            : violations(allViolations), name(std::move(clientName))
+        {}
+        void expect(bool holds, const char* rule, const char* what)
+        {
+            if (!holds) {
+                violations.add(rule, name + ": " + what);
+            }
         }
-    }
 
-    Violations& m_violations;
-    const std::string m_name;
-    mutable std::mutex m_lock;
-    bool m_isConnected = false;
-    bool m_isReleased = false;
-    unsigned m_connections = 0;
-    std::vector<std::shared_ptr<Outcome>> m_open; ///< issued since the last `connected`
+        Violations& violations;
+        const std::string name;
+        std::mutex lock;
+        bool isConnected = false;
+        bool isReleased = false;
+        unsigned connections = 0;
+        std::vector<std::shared_ptr<Outcome>> open; ///< issued since the last `connected`
+    };
+
+    class Handler final : public IResponseHandler<Response> {
+    public:
+        Handler(std::shared_ptr<State> state, std::shared_ptr<Outcome> outcome)
+            : m_state(std::move(state)), m_outcome(std::move(outcome))
+        {}
+        ~Handler() override
+        {
+            const std::lock_guard lock(m_state->lock);
+            m_outcome->isDestroyed = true;
+        }
+        Handler(const Handler&) = delete;
+        Handler& operator=(const Handler&) = delete;
+
+        bool onNext(const Response& value) override
+        {
+            {
+                const std::lock_guard lock(m_state->lock);
+                expectOpen("a value");
+                m_state->expect(m_outcome->connection == m_state->connections, "old-value", "a value");
+                m_outcome->values.emplace_back(value.getPayload().text());
+            }
+            if (m_outcome->onValue) {
+                m_outcome->onValue();
+            }
+            return false;
+        }
+        void onError(const Response& error) override { end("an error", error.getStatus(), error.getErrorMessage()); }
+        void onCompleted() override { end("completed", 0, {}); }
+
+    private:
+        void expectOpen(const char* what)
+        {
+            m_state->expect(!m_outcome->hasEnded() && !m_outcome->isCancelled, "one-end", what);
+        }
+        void end(const char* what, int status, std::string text)
+        {
+            {
+                const std::lock_guard lock(m_state->lock);
+                expectOpen(what);
+                m_outcome->status = status;
+                m_outcome->errorText = std::move(text);
+                m_outcome->isCompleted = status == 0;
+            }
+            if (m_outcome->onEnd) {
+                m_outcome->onEnd();
+            }
+        }
+
+        const std::shared_ptr<State> m_state;
+        const std::shared_ptr<Outcome> m_outcome;
+    };
+
+    const std::shared_ptr<State> m_state;
 };
-
-class ClientChecker::Handler final : public IResponseHandler<Response> {
-public:
-    Handler(ClientChecker& checker, std::shared_ptr<Outcome> outcome)
-        : m_checker(checker), m_outcome(std::move(outcome))
-    {}
-    ~Handler() override
-    {
-        const std::lock_guard lock(m_checker.m_lock);
-        m_outcome->isDestroyed = true;
-    }
-    Handler(const Handler&) = delete;
-    Handler& operator=(const Handler&) = delete;
-
-    bool onNext(const Response& value) override
-    {
-        std::unique_lock lock(m_checker.m_lock);
-        expectOpen("a value");
-        m_checker.expect(m_outcome->connection == m_checker.m_connections, "old-value", "a value");
-        m_outcome->values.emplace_back(value.getPayload().text());
-        lock.unlock();
-        if (m_outcome->onValue) {
-            m_outcome->onValue();
-        }
-        return false;
-    }
-    void onError(const Response& error) override
-    {
-        std::unique_lock lock(m_checker.m_lock);
-        expectOpen("an error");
-        m_outcome->status = error.getStatus();
-        m_outcome->errorText = error.getErrorMessage();
-        end(lock);
-    }
-    void onCompleted() override
-    {
-        std::unique_lock lock(m_checker.m_lock);
-        expectOpen("completed");
-        m_outcome->isCompleted = true;
-        end(lock);
-    }
-
-private:
-    void expectOpen(const char* what)
-    {
-        m_checker.expect(!m_outcome->hasEnded() && !m_outcome->isCancelled, "one-end", what);
-    }
-    void end(std::unique_lock<std::mutex>& lock)
-    {
-        lock.unlock();
-        if (m_outcome->onEnd) {
-            m_outcome->onEnd();
-        }
-    }
-
-    ClientChecker& m_checker;
-    const std::shared_ptr<Outcome> m_outcome;
-};
-
-inline std::unique_ptr<IResponseHandler<Response>> ClientChecker::handler(std::shared_ptr<Outcome>& outcome)
-{
-    outcome = std::make_shared<Outcome>();
-    const std::lock_guard lock(m_lock);
-    outcome->connection = m_connections;
-    m_open.push_back(outcome);
-    return std::make_unique<Handler>(*this, outcome);
-}
 
 /// A service that keeps its requests until the test answers them, but for the paths:
 ///   /echo   one answer, the request's body, and the end

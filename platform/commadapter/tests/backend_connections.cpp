@@ -25,16 +25,6 @@ protected:
             return line.find(part) != std::string::npos;
         }));
     }
-    /// Steps until `holds`, and answers how much simulated time that took.
-    template <class Holds>
-    comm::TimeNs timeUntil(const Holds& holds)
-    {
-        const comm::TimeNs start = scheduler->now();
-        while (!holds() && scheduler->now() < start + 100 * comm::SECOND) {
-            scheduler->runFor(comm::MILLISECOND / 10);
-        }
-        return scheduler->now() - start;
-    }
 };
 
 TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
@@ -243,16 +233,12 @@ TEST_F(BackendConnections, RubbishEndsItsOwnConnectionAndNoOther)
 
 // ---- liveness -----------------------------------------------------------------------------------------------------
 
-class BackendLiveness : public BackendConnections {
+class BackendLiveness : public SimulatedPair {
 protected:
     BackendLiveness()
     {
         settings.heartbeat = comm::SECOND;
-        server = makeBackend("server"); // group 1
-        clientBackend = makeBackend("client");
-        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
-        client->start();
-        settle();
+        begin();
     }
     static Request single()
     {
@@ -260,11 +246,6 @@ protected:
         request.setHeader("$response-semantic", "single-response");
         return request;
     }
-
-    CheckedService service{violations, "service"};
-    std::unique_ptr<IBackend> server;
-    std::unique_ptr<IBackend> clientBackend;
-    std::unique_ptr<Client> client;
 };
 
 TEST_F(BackendLiveness, SilentPeerThatOwesNothingIsLeftAlone)

@@ -18,7 +18,7 @@ using testing::SizeIs;
 constexpr std::size_t BODY = 1000;
 
 /// The client's process (group 2) stands still until a test lets it go on; so nobody takes what the server sends.
-class BackendQueues : public SimulatedBackends {
+class BackendQueues : public SimulatedPair {
 protected:
     BackendQueues()
     {
@@ -27,11 +27,7 @@ protected:
         transport::MemoryNetwork::Faults faults;
         faults.pipeBytes = 8U << 10U;
         network->setFaults(faults);
-        server = makeBackend("server");
-        clientBackend = makeBackend("client");
-        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
-        client->start();
-        settle();
+        begin();
     }
     static std::string numbered(int number)
     {
@@ -55,11 +51,6 @@ protected:
         }
         return sent;
     }
-
-    CheckedService service{violations, "service"};
-    std::unique_ptr<IBackend> server;
-    std::unique_ptr<IBackend> clientBackend;
-    std::unique_ptr<Client> client;
 };
 
 TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)

@@ -140,6 +140,16 @@ protected:
     }
     /// Runs for a simulated while that is long enough for everything but heartbeats and lingering.
     void settle() { scheduler->runFor(50 * comm::MILLISECOND); }
+    /// Steps until `holds`, and answers how much simulated time that took.
+    template <class Holds>
+    comm::TimeNs timeUntil(const Holds& holds)
+    {
+        const comm::TimeNs start = scheduler->now();
+        while (!holds() && scheduler->now() < start + 100 * comm::SECOND) {
+            scheduler->runFor(comm::MILLISECOND / 10);
+        }
+        return scheduler->now() - start;
+    }
     static std::string provide(IBackend& backend, const std::string& path, IKesaApi& service)
     {
         url locator;
@@ -153,6 +163,24 @@ protected:
     std::unique_ptr<comm::SimulatedScheduler> scheduler;
     std::unique_ptr<transport::MemoryNetwork> network;
     std::uint64_t lastGroup = 0;
+};
+
+/// A server (group 1) with one service, and a client (group 2) that is connected to it.
+class SimulatedPair : public SimulatedBackends {
+protected:
+    void begin()
+    {
+        server = makeBackend("server");
+        clientBackend = makeBackend("client");
+        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
+        client->start();
+        settle();
+    }
+
+    CheckedService service{violations, "service"};
+    std::unique_ptr<IBackend> server;
+    std::unique_ptr<IBackend> clientBackend;
+    std::unique_ptr<Client> client;
 };
 
 } // namespace kesa::commadapter::test

@@ -62,6 +62,13 @@ protected:
         client.checker.onConnected = [this] { notify(); };
         client.checker.onDisconnected = [this] { notify(); };
     }
+    void connect(IBackend& server, CheckedService& service, Client& client)
+    {
+        watch(client);
+        client.start();
+        ASSERT_FALSE(server.provideOnLocator(url("ipc://server/service"), &service));
+        ASSERT_TRUE(await([&] { return client.checker.isConnected(); }));
+    }
     /// Issues a request and waits for its end.
     std::shared_ptr<Outcome> call(Client& client, const Request& request)
     {
@@ -91,13 +98,9 @@ TEST_F(BackendThreads, ManyCallersShareOneConnection)
 {
     CheckedService service(violations, "service");
     auto server = makeBackend("server");
-    url locator;
-    ASSERT_FALSE(server->provideOnPath("/service", &service, locator));
     auto clientBackend = makeBackend("client");
-    Client client(*clientBackend, violations, locator.toString());
-    watch(client);
-    client.start();
-    ASSERT_TRUE(await([&] { return client.checker.isConnected(); }));
+    Client client(*clientBackend, violations, "ipc://server/service");
+    ASSERT_NO_FATAL_FAILURE(connect(*server, service, client));
     std::atomic<int> answered{0};
     std::vector<std::unique_ptr<comm::ActiveObject>> callers;
     for (int i = 0; i < 4; ++i) {
@@ -119,13 +122,9 @@ TEST_F(BackendThreads, CancelWaitsForTheRunningCall)
 {
     CheckedService service(violations, "service");
     auto server = makeBackend("server");
-    url locator;
-    ASSERT_FALSE(server->provideOnPath("/service", &service, locator));
     auto clientBackend = makeBackend("client");
-    Client client(*clientBackend, violations, locator.toString());
-    watch(client);
-    client.start();
-    ASSERT_TRUE(await([&] { return client.checker.isConnected(); }));
+    Client client(*clientBackend, violations, "ipc://server/service");
+    ASSERT_NO_FATAL_FAILURE(connect(*server, service, client));
 
     std::atomic<bool> isInside{false};
     std::atomic<bool> isCancelled{false};
@@ -135,7 +134,8 @@ TEST_F(BackendThreads, CancelWaitsForTheRunningCall)
         notify();
         EXPECT_FALSE(await([&] { return isCancelled.load(); }, 100 * comm::MILLISECOND));
     };
-    ASSERT_TRUE(await([&] { return isInside.load() || (service.open() > 0 && !service.take()->onNext(value("1"))); }));
+    call(client, retrieve("/echo")); // behind it on the same connection
+    service.take()->onNext(value("1"));
     ASSERT_TRUE(await([&] { return isInside.load(); }));
     client.cancel(*stream);
     isCancelled = true;
