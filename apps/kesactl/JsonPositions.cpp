@@ -65,7 +65,7 @@ private:
         if (!level.isArray) {
             return level.child;
         }
-        const std::string path = level.path + "[" + std::to_string(level.nextIndex++) + "]";
+        std::string path = level.path + "[" + std::to_string(level.nextIndex++) + "]";
         m_store(path, offset);
         return path;
     }

@@ -131,9 +131,10 @@ std::string partitionOf(const std::string& process, const KesaConfig& config, Co
 int checkConfig(const Arguments& arguments)
 {
     if (!arguments.file.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
         setenv("KESA_CONFIG", arguments.file.c_str(), 1);
     }
-    if (std::getenv("KESA_TRACE") == nullptr) {
+    if (::secure_getenv("KESA_TRACE") == nullptr) {
         tracing::setThreshold("KESA_RUNTIME_CONFIG", 5); // everything is said below
     }
     ConfigReport report;
