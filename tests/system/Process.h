@@ -1,0 +1,90 @@
+#ifndef KESA_TESTS_SYSTEM_PROCESS_H
+#define KESA_TESTS_SYSTEM_PROCESS_H
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesa::system_test {
+
+/// What a test waits for at most. Long, since it is waited for only when the test fails, and machines may be slow.
+inline constexpr std::chrono::seconds LIMIT{90};
+
+/// Something that should have happened did not: ends the test.
+class Missing : public std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+/// A child process that is told what to do in lines on its stdin, and tells what happens in lines on its stdout. Its
+/// stderr, and with it its traces, goes to a file. It dies with the object, and with the test.
+class Process {
+public:
+    struct Setup {
+        std::string name;                     ///< in reports
+        std::vector<std::string> arguments;   ///< the first one is the program
+        std::vector<std::string> environment; ///< besides the test's own
+        std::string directory;                ///< of the traces, and to run in
+        bool isNobody = false;                ///< runs with the rights of nobody, if the test runs with those of root
+    };
+    explicit Process(const Setup& setup);
+    ~Process();
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    const std::string& name() const { return m_name; }
+    pid_t pid() const { return m_pid; }
+
+    void send(const std::string& command);
+    /// Waits for an event that is `beginning`, or begins with it and a space; the oldest that was not yet waited for.
+    /// Returns what follows.
+    std::string expect(const std::string& beginning);
+    /// The same for the oldest that is one of `beginnings`; returns that one.
+    std::string expectAny(const std::vector<std::string>& beginnings);
+    /// Waits for an event that contains all of `parts`.
+    void expectLineWith(const std::vector<std::string>& parts);
+    /// Waits for a line on stderr.
+    void expectTrace(const std::string& text);
+    /// Fails when anything is told within the time.
+    void expectQuiet(std::chrono::milliseconds time);
+    /// Waits for its end; the status as `waitpid` has it.
+    int expectEnd();
+
+    void signal(int number) const;
+    /// Returns when it stands still.
+    void stop();
+    void resume() const;
+    /// Returns when it is gone.
+    void kill();
+
+    /// Everything it told so far.
+    const std::vector<std::string>& history();
+    std::string traces() const;
+    std::size_t residentKiB() const;
+    std::size_t openDescriptors() const;
+
+private:
+    using Deadline = std::chrono::steady_clock::time_point;
+    bool readEvents(Deadline deadline);
+    std::string expectMatch(const std::function<bool(const std::string&)>& matches, const std::string& what);
+    [[noreturn]] void miss(const std::string& what);
+
+    const std::string m_name;
+    const std::string m_traceFile;
+    pid_t m_pid = 0;
+    bool m_isReaped = false;
+    int m_status = 0;
+    int m_commands = -1;
+    int m_events = -1;
+    std::string m_partial;
+    std::vector<std::string> m_history;
+    std::vector<bool> m_isExpected; ///< per event of the history
+};
+
+} // namespace kesa::system_test
+
+#endif

@@ -1,0 +1,137 @@
+#include "SystemTest.h"
+
+#include "checkHistory.h"
+
+#include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+namespace kesa::system_test {
+
+namespace fs = std::filesystem;
+
+SystemTest::SystemTest()
+{
+    std::string pattern = (fs::temp_directory_path() / "kesa-system-XXXXXX").string();
+    if (::mkdtemp(pattern.data()) == nullptr) {
+        throw std::runtime_error("no directory like " + pattern);
+    }
+    m_directory = pattern;
+    m_runDirectory = m_directory + "/run";
+    ::chmod(m_directory.c_str(), 0755); // for nobody
+    ::signal(SIGPIPE, SIG_IGN);         // writing to a process that has died is for the test to notice
+    ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+}
+
+SystemTest::~SystemTest()
+{
+    m_processes.clear();
+    // What is left are their children, which have come to the test.
+    std::ifstream children("/proc/thread-self/children");
+    for (pid_t child = 0; children >> child;) {
+        ::kill(child, SIGKILL);
+        ::waitpid(child, nullptr, 0);
+    }
+    std::error_code ignored;
+    fs::remove_all(m_directory, ignored);
+}
+
+void SystemTest::TearDown()
+{
+    for (Process& process : m_processes) {
+        const std::string complaint = checkHistory(process.history());
+        if (!complaint.empty() && !HasFailure()) {
+            ADD_FAILURE() << process.name() << ": " << complaint << "\nIts traces:\n" << process.traces();
+        }
+    }
+}
+
+Process& SystemTest::launchProgram(const std::string& name, const std::vector<std::string>& arguments,
+                                   const Options& options)
+{
+    const std::string document = m_directory + '/' + std::to_string(m_processes.size()) + ".json";
+    std::ofstream file(document);
+    file << R"({"use_registry": false, "backends": ["comm"], "comm": )" << options.comm << R"(, "services": [)";
+    const char* separator = "";
+    for (const std::string& service : options.services) {
+        const std::size_t path = service.find('/', service.find("://") + 3);
+        file << separator << R"({"path": ")" << service.substr(path) << R"(", "type": "pex", "version": "1.0.0", )"
+             << R"("locators": [")" << service.substr(0, path) << R"("]})";
+        separator = ", ";
+    }
+    file << "]}\n";
+    file.close();
+    const std::string run = options.runDirectory.empty() ? m_runDirectory : options.runDirectory;
+    return m_processes.emplace_back(Process::Setup{
+        name,
+        arguments,
+        {"KESA_CONFIG=" + document, "KESA_RUN_DIR=" + run, "KESA_TRACE_SINK=stderr", "KESA_TRACE=" + options.trace},
+        m_directory,
+        options.isNobody});
+}
+
+Process& SystemTest::launch(const std::string& process, const Options& options)
+{
+    return launchProgram(process, {KESA_SYSTEM_ACTOR, process}, options);
+}
+
+Process& SystemTest::start(const std::string& process, const Options& options)
+{
+    Process& started = launch(process, options);
+    started.expect("started");
+    return started;
+}
+
+Process& SystemTest::startProvider(const std::string& process, const std::string& path, const Options& options)
+{
+    Process& provider = start(process, options);
+    provider.send("provide " + path);
+    provider.expect("provided " + path);
+    return provider;
+}
+
+Process& SystemTest::startClient(const std::string& process, const std::string& locator, const Options& options)
+{
+    Process& client = start(process, options);
+    client.send("resolve " + locator);
+    client.expect("connected " + locator);
+    return client;
+}
+
+void SystemTest::startBystander(const std::string& locator)
+{
+    m_bystander = &startClient("bystander", locator);
+    m_bystander->send("start-calls " + locator);
+    expectUndisturbed();
+}
+
+void SystemTest::startBystanders()
+{
+    startProvider("standby", "/standby");
+    startBystander("ipc://standby/standby");
+}
+
+void SystemTest::expectUndisturbed()
+{
+    m_bystander->send("await-calls 20");
+    m_bystander->expect("called");
+}
+
+void SystemTest::endBystander()
+{
+    m_bystander->send("quit");
+    m_bystander->expectEnd();
+}
+
+bool SystemTest::isInRunDirectory(const std::string& file) const
+{
+    return fs::symlink_status(m_runDirectory + '/' + file).type() != fs::file_type::not_found;
+}
+
+} // namespace kesa::system_test

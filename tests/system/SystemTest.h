@@ -1,0 +1,70 @@
+#ifndef KESA_TESTS_SYSTEM_SYSTEMTEST_H
+#define KESA_TESTS_SYSTEM_SYSTEMTEST_H
+
+#include "Process.h"
+
+#include <gtest/gtest.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+namespace kesa::system_test {
+
+/// Processes in a run directory of the test's own. At the end of each test, what every process was told is checked:
+/// "connected" and "lost" took turns, and each request ended at most once, and before the next connection.
+class SystemTest : public testing::Test {
+protected:
+    SystemTest();
+    ~SystemTest() override;
+    void TearDown() override;
+
+    struct Options {
+        std::string comm = "{}";             ///< the document's "comm"
+        std::vector<std::string> services{}; ///< locators of services, under their paths
+        std::string runDirectory{};          ///< the test's unless given
+        std::string trace = "*=2";
+        bool isNobody = false;
+    };
+    /// Starts an actor; returns when its runtime runs.
+    Process& start(const std::string& process, const Options& options);
+    Process& start(const std::string& process) { return start(process, Options()); }
+    /// An actor that is not waited for.
+    Process& launch(const std::string& process, const Options& options);
+    Process& launch(const std::string& process) { return launch(process, Options()); }
+    Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
+    /// An actor that provides `path`.
+    Process& startProvider(const std::string& process, const std::string& path, const Options& options);
+    Process& startProvider(const std::string& process, const std::string& path)
+    {
+        return startProvider(process, path, Options());
+    }
+    /// An actor that is connected to `locator`.
+    Process& startClient(const std::string& process, const std::string& locator, const Options& options);
+    Process& startClient(const std::string& process, const std::string& locator)
+    {
+        return startClient(process, locator, Options());
+    }
+
+    /// Somebody who is not concerned, and calls a service without a pause from now on. No call may fail.
+    void startBystander(const std::string& locator);
+    /// The same with a provider that is not concerned either.
+    void startBystanders();
+    /// Waits for some more calls of the bystander.
+    void expectUndisturbed();
+    void endBystander();
+
+    const std::string& directory() const { return m_directory; }
+    const std::string& runDirectory() const { return m_runDirectory; }
+    bool isInRunDirectory(const std::string& file) const;
+
+private:
+    std::string m_directory;
+    std::string m_runDirectory;
+    std::list<Process> m_processes;
+    Process* m_bystander = nullptr;
+};
+
+} // namespace kesa::system_test
+
+#endif

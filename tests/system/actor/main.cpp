@@ -1,0 +1,347 @@
+// kesa_system_actor PROCESS: a process of the system that does what it is told in lines on stdin, and tells what
+// happens to it in lines on stdout. `COMMANDS` below is the list of both. The end of stdin is the end of the test: it
+// exits.
+
+#include "Caller.h"
+#include "Service.h"
+#include "say.h"
+
+#include <kesa/ease/handler.h>
+#include <kesa/headers.h>
+#include <kesa/mimetypes.h>
+#include <kesa/responsesemantics.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <string>
+
+extern char** environ;
+
+using kesa::runtime::v02::KesaRuntime;
+using kesa::serviceregistry::ServiceDef;
+using Client = std::shared_ptr<kesa::IKesaApi>;
+using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
+
+void say(const std::string& event)
+{
+    const std::string line = event + '\n';
+    static_cast<void>(::write(STDOUT_FILENO, line.data(), line.size()) < 0);
+}
+
+namespace {
+
+/// Up to the first space: the rest of a value only makes it large.
+std::string firstWord(std::string_view text)
+{
+    return std::string(text.substr(0, text.find(' ')));
+}
+
+std::unique_ptr<kesa::IResponseHandler<kesa::Response>> printer(const std::string& stream)
+{
+    return kesa::handler<kesa::Response>(
+        [stream](const kesa::Response& response) {
+            say("value " + stream + ' ' + firstWord(response.getPayload().text()));
+        },
+        [stream](const kesa::Response& error) {
+            say("error " + stream + ' ' + std::to_string(error.getStatus()) + ' ' + error.getErrorMessage());
+        },
+        [stream] { say("completed " + stream); });
+}
+
+/// The client objects that are connected, by what they were resolved from: a locator or a path.
+class Clients {
+public:
+    void connected(const std::string& what, const Client& client)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_clients[what] = client;
+        say("connected " + what);
+        follow(lock, what);
+    }
+    void lost(const std::string& what)
+    {
+        say("lost " + what);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_clients.erase(what);
+    }
+    Client find(const std::string& what)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        const auto found = m_clients.find(what);
+        return found == m_clients.end() ? nullptr : found->second;
+    }
+    /// Follows the feed from now on, and after each connection again, as "WHAT#1", "WHAT#2" and so on.
+    void followAlways(const std::string& what)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        m_followed.try_emplace(what, 0);
+        follow(lock, what);
+    }
+
+private:
+    void follow(std::unique_lock<std::mutex>& lock, const std::string& what)
+    {
+        const auto followed = m_followed.find(what);
+        const auto found = m_clients.find(what);
+        if (followed == m_followed.end() || found == m_clients.end()) {
+            return;
+        }
+        const std::string stream = what + '#' + std::to_string(++followed->second);
+        const Client client = found->second;
+        lock.unlock();
+        say("issued " + stream);
+        kesa::Request request("retrieve", "/feed");
+        kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
+        client->request(request, printer(stream));
+    }
+
+    std::mutex m_mutex;
+    std::map<std::string, Client> m_clients; ///< under `m_mutex`
+    std::map<std::string, int> m_followed;   ///< how often it was followed; under `m_mutex`
+};
+
+class Actor {
+public:
+    explicit Actor(kesa::runtime::v02::IKesaRuntime& runtime) : m_runtime(runtime) {}
+
+    void provide(std::istream& words);
+    void withdraw(std::istream& words);
+    void resolve(std::istream& words);
+    void release(std::istream& words);
+    void follow(std::istream& words) { m_clients.followAlways(word(words)); }
+    void call(std::istream& words);
+    void cancel(std::istream& words);
+    void feed(std::istream& words);
+    void startCalls(std::istream& words);
+    void awaitCalls(std::istream& words);
+    void forkChild(std::istream& words);
+    void spawnChild(std::istream& words);
+    void handleTerm(std::istream& words);
+    void end();
+
+    static std::string word(std::istream& words)
+    {
+        std::string next;
+        words >> next;
+        return next;
+    }
+
+private:
+    kesa::runtime::v02::IKesaRuntime& m_runtime;
+    Service m_service;
+    Clients m_clients;
+    std::map<std::string, kesa::Disposable> m_registrations;
+    std::map<std::string, kesa::Disposable> m_resolved;
+    std::map<std::string, std::pair<Client, void*>> m_requests;
+    std::unique_ptr<Caller> m_caller;
+};
+
+void Actor::provide(std::istream& words)
+{
+    const std::string path = word(words);
+    m_registrations[path] = m_runtime.registerService(
+        path, m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"}, kesa::GenericObject{},
+        kesa::handler<ServiceDef>(
+            [](const ServiceDef& service) {
+                say("provided " + service.path.toString() + ' ' + service.locators.front().toString());
+            },
+            [path](const kesa::Response& error) {
+                say("refused " + path + ' ' + kesa::Response::getErrorMessageWithCode(error));
+            }));
+}
+
+void Actor::withdraw(std::istream& words)
+{
+    m_registrations[word(words)].dispose();
+}
+
+void Actor::resolve(std::istream& words)
+{
+    const std::string what = word(words);
+    const auto failed = [what](const kesa::Response& error) {
+        say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
+    };
+    if (what.front() == '/') {
+        m_resolved[what] = m_runtime.trackAndResolveService(what, kesa::handler<Resolved>(
+                                                                      [this, what](const Resolved& resolved) {
+                                                                          resolved
+                                                                              ? m_clients.connected(what, resolved->api)
+                                                                              : m_clients.lost(what);
+                                                                      },
+                                                                      failed));
+    } else {
+        m_resolved[what] = m_runtime.resolveService(
+            kesa::url(what), kesa::handler<kesa::optional<Client>>(
+                                 [this, what](const kesa::optional<Client>& client) {
+                                     client ? m_clients.connected(what, *client) : m_clients.lost(what);
+                                 },
+                                 failed));
+    }
+}
+
+void Actor::release(std::istream& words)
+{
+    m_resolved[word(words)].dispose();
+}
+
+void Actor::call(std::istream& words)
+{
+    const std::string stream = word(words);
+    const std::string what = word(words);
+    const std::string resource = word(words);
+    const std::string semantic = word(words);
+    const Client client = m_clients.find(what);
+    if (!client) {
+        say("unconnected " + what);
+        return;
+    }
+    kesa::Request request("retrieve", resource, kesa::Payload::createFromString("echo", kesa::mimetypes::TEXT));
+    if (!semantic.empty()) {
+        kesa::headers::appendResponseSemantic(request, semantic);
+    }
+    say("issued " + stream);
+    m_requests[stream] = {client, client->request(request, printer(stream))};
+}
+
+void Actor::cancel(std::istream& words)
+{
+    const std::string stream = word(words);
+    const auto [client, handle] = m_requests[stream];
+    client->cancel(handle);
+    say("cancelled " + stream);
+}
+
+void Actor::feed(std::istream& words)
+{
+    const Service::Fed fed = m_service.feed(std::stoul(word(words)));
+    say("fed " + std::to_string(fed.taken) + ' ' + std::to_string(fed.refused));
+}
+
+void Actor::startCalls(std::istream& words)
+{
+    m_caller = std::make_unique<Caller>(m_clients.find(word(words)));
+}
+
+void Actor::awaitCalls(std::istream& words)
+{
+    m_caller->awaitCalls(std::stoul(word(words)));
+    say("called");
+}
+
+/// The child waits for its parent's death, and then reads the commands in its place. "raw": behind the back of the
+/// handlers that the libraries have installed for `fork`, so that everything stays open in it.
+void Actor::forkChild(std::istream& words)
+{
+    std::array<int, 2> parentLives{};
+    static_cast<void>(::pipe2(parentLives.data(), O_CLOEXEC));
+    const pid_t child = word(words) == "raw" ? ::_Fork() : ::fork();
+    if (child != 0) {
+        say("forked " + std::to_string(child));
+        return;
+    }
+    ::close(parentLives[1]);
+    char nothing = 0;
+    static_cast<void>(::read(parentLives[0], &nothing, 1) < 0);
+    say("orphaned");
+}
+
+void Actor::spawnChild(std::istream&)
+{
+    std::array<int, 2> untilMyEnd{};
+    static_cast<void>(::pipe2(untilMyEnd.data(), O_CLOEXEC));
+    posix_spawn_file_actions_t actions;
+    ::posix_spawn_file_actions_init(&actions);
+    ::posix_spawn_file_actions_adddup2(&actions, untilMyEnd[0], STDIN_FILENO);
+    std::string program = "cat";
+    const std::array<char*, 2> arguments{program.data(), nullptr};
+    pid_t child = 0;
+    const int error = ::posix_spawnp(&child, program.c_str(), &actions, nullptr, arguments.data(), environ);
+    ::posix_spawn_file_actions_destroy(&actions);
+    say(error == 0 ? "spawned " + std::to_string(child) : "no child: error " + std::to_string(error));
+}
+
+void Actor::handleTerm(std::istream&)
+{
+    struct sigaction action {};
+    action.sa_handler = [](int) { say(::gettid() == ::getpid() ? "sigterm main" : "sigterm elsewhere"); };
+    action.sa_flags = SA_RESTART;
+    ::sigaction(SIGTERM, &action, nullptr);
+    say("handling");
+}
+
+void Actor::end()
+{
+    m_caller.reset();
+    KesaRuntime::shutdown();
+    say("ended");
+}
+
+const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
+    {"provide", &Actor::provide},        // PATH: provided PATH LOCATOR, or refused PATH WHY
+    {"withdraw", &Actor::withdraw},      // PATH
+    {"resolve", &Actor::resolve},        // LOCATOR or PATH: connected and lost in turn, or failed WHAT WHY
+    {"release", &Actor::release},        // what was resolved
+    {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
+    {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
+    {"cancel", &Actor::cancel},          // STREAM: cancelled
+    {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
+    {"start-calls", &Actor::startCalls}, // WHAT: later perhaps call-failed WHY
+    {"await-calls", &Actor::awaitCalls}, // COUNT: called
+    {"fork", &Actor::forkChild},         // [raw]: forked PID; the child: orphaned
+    {"spawn", &Actor::spawnChild},       // spawned PID
+    {"handle-term", &Actor::handleTerm}, // handling; later sigterm main
+};
+
+/// Byte by byte: what comes after it may be a child's.
+bool readLine(std::string& line)
+{
+    line.clear();
+    char byte = 0;
+    while (::read(STDIN_FILENO, &byte, 1) == 1) {
+        if (byte == '\n') {
+            return true;
+        }
+        line.push_back(byte);
+    }
+    return false;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 2 || KesaRuntime::initInstance(argv[1])) {
+        say("not started");
+        return 1;
+    }
+    say("started");
+    const auto actor = std::make_unique<Actor>(*KesaRuntime::getInstance());
+    std::string line;
+    while (readLine(line)) {
+        std::istringstream words(line);
+        const std::string name = Actor::word(words);
+        if (name == "quit") {
+            actor->end();
+            return 0;
+        }
+        const auto command = COMMANDS.find(name);
+        if (command == COMMANDS.end()) {
+            say("unknown " + line);
+            continue;
+        }
+        (*actor.*command->second)(words);
+    }
+    ::_exit(0);
+}

@@ -1,0 +1,199 @@
+// A provider dies, is started again, leaves children behind: whoever watches hears each end once, and finds the next
+// one.
+
+#include "SystemTest.h"
+
+#include <sys/wait.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+namespace kesa::system_test {
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string PLAYER = "ipc://media/player";
+
+using SystemDeath = SystemTest;
+
+/// What a process has open that no child of it should have.
+std::vector<std::string> describeDescriptors(pid_t pid)
+{
+    std::vector<std::string> found;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd")) {
+        std::error_code ignored;
+        const std::string target = fs::read_symlink(entry, ignored).string();
+        if (target.find("socket:") == 0 || target.find("anon_inode:") == 0 ||
+            target.find("/run/") != std::string::npos) {
+            found.push_back(target);
+        }
+    }
+    return found;
+}
+
+TEST_F(SystemDeath, AKilledProviderIsLostOnceWithItsStreamsAndFoundAgain)
+{
+    startBystanders();
+    Process& provider = startProvider("media", "/player");
+    Process& byLocator = startClient("locator-watch", PLAYER);
+    Process& byPath = startClient("path-watch", "/player", {.services = {PLAYER}});
+    byLocator.send("follow " + PLAYER);
+    byPath.send("follow /player");
+    byLocator.expect("value " + PLAYER + "#1 0");
+    byPath.expect("value /player#1 0");
+    byLocator.send("call hanging " + PLAYER + " /hang");
+    byLocator.expect("issued hanging");
+
+    provider.kill();
+    EXPECT_EQ(byLocator.expect("error " + PLAYER + "#1").substr(0, 28), "503 the connection was lost:");
+    byLocator.expect("error hanging 503");
+    byLocator.expect("lost " + PLAYER);
+    byPath.expect("error /player#1 503");
+    byPath.expect("lost /player");
+    byLocator.send("call late " + PLAYER + " /echo");
+    byLocator.expect("unconnected " + PLAYER);
+
+    startProvider("media", "/player").send("feed 1");
+    byLocator.expect("connected " + PLAYER);
+    byLocator.expect("value " + PLAYER + "#2 0");
+    byPath.expect("connected /player");
+    byPath.expect("value /player#2 0");
+    byLocator.send("call again " + PLAYER + " /echo single-response");
+    byLocator.expect("value again echo");
+    byLocator.expect("completed again");
+    expectUndisturbed();
+}
+
+TEST_F(SystemDeath, ARowOfDeathsAndRestartsEndsConnected)
+{
+    constexpr int ROUNDS = 20;
+    startBystanders();
+    Process& watcher = start("watcher");
+    watcher.send("resolve " + PLAYER);
+    watcher.send("follow " + PLAYER);
+    for (int round = 0; round < ROUNDS; ++round) {
+        Process& provider = launch("media");
+        provider.send("provide /player");
+        switch (round % 4) {
+        case 0:
+            break; // it dies somewhere on its way up
+        case 1:
+            provider.expect("started");
+            break;
+        case 2:
+            provider.expect("provided /player");
+            break;
+        default:
+            watcher.expect("connected " + PLAYER);
+            break;
+        }
+        provider.kill();
+    }
+    startProvider("media", "/player");
+    // Perhaps the connection it sees is still one before the last.
+    std::string call;
+    do {
+        call += "again";
+        watcher.send("call " + call + ' ' + PLAYER + " /echo");
+    } while (watcher.expectAny({"completed " + call, "error " + call, "unconnected " + PLAYER}) !=
+                 "completed " + call &&
+             watcher.expect("connected " + PLAYER).empty());
+    expectUndisturbed();
+}
+
+TEST_F(SystemDeath, AProviderThatEndsInOrderIsLostTheSameWay)
+{
+    Process& provider = startProvider("media", "/player");
+    Process& watcher = startClient("watcher", PLAYER);
+    watcher.send("follow " + PLAYER);
+    watcher.expect("value " + PLAYER + "#1 0");
+    provider.send("withdraw /player");
+    watcher.expect("error " + PLAYER + "#1 503");
+    watcher.expect("lost " + PLAYER);
+    provider.send("provide /player");
+    watcher.expect("value " + PLAYER + "#2 0");
+    provider.send("quit");
+    provider.expect("ended");
+    EXPECT_EQ(provider.expectEnd(), 0);
+    watcher.expect("error " + PLAYER + "#2 503");
+    watcher.expect("lost " + PLAYER);
+    EXPECT_FALSE(isInRunDirectory("media.sock"));
+    startProvider("media", "/player");
+    watcher.expect("value " + PLAYER + "#3 0");
+}
+
+// What the libraries have open is closed in a child that is forked: it does not hold the name, and may not use the
+// rest.
+TEST_F(SystemDeath, AForkedChildHoldsNothingAndMayUseNothing)
+{
+    startBystanders();
+    Process& provider = startProvider("media", "/player");
+    Process& watcher = startClient("watcher", PLAYER);
+    watcher.send("follow " + PLAYER);
+    watcher.expect("value " + PLAYER + "#1 0");
+    provider.send("fork");
+    const pid_t child = std::stoi(provider.expect("forked"));
+    provider.kill();
+    watcher.expect("error " + PLAYER + "#1 503");
+    watcher.expect("lost " + PLAYER);
+    provider.expect("orphaned");
+    EXPECT_EQ(describeDescriptors(child), std::vector<std::string>());
+
+    startProvider("media", "/player");
+    watcher.expect("value " + PLAYER + "#2 0");
+
+    provider.send("resolve " + PLAYER);
+    provider.expectTrace("belongs to the parent process: after fork, a child may use nothing of Kesa");
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
+    expectUndisturbed();
+}
+
+// A child that was made behind the back of the fork handlers keeps every socket open. The death is seen all the same,
+// by both sides; the name is free once the child is gone.
+TEST_F(SystemDeath, ADeathIsSeenThoughAChildKeepsTheSocketsOpen)
+{
+    startBystanders();
+    Process& provider = startProvider("media", "/player");
+    Process& watcher = startClient("watcher", PLAYER);
+    watcher.send("follow " + PLAYER);
+    watcher.expect("value " + PLAYER + "#1 0");
+    provider.send("fork raw");
+    const pid_t child = std::stoi(provider.expect("forked"));
+    provider.kill();
+    provider.expect("orphaned");
+    EXPECT_FALSE(describeDescriptors(child).empty());
+    watcher.expect("error " + PLAYER + "#1 503");
+    watcher.expect("lost " + PLAYER);
+
+    Process& next = start("media");
+    next.send("provide /player");
+    next.expect("refused /player 409");
+    ::kill(child, SIGKILL);
+    ::waitpid(child, nullptr, 0);
+    next.send("provide /player");
+    next.expect("provided /player");
+    watcher.expect("value " + PLAYER + "#2 0");
+
+    watcher.send("fork raw");
+    watcher.expect("forked");
+    watcher.kill();
+    next.expectTrace("'watcher (process " + std::to_string(watcher.pid()) +
+                     ")' has ended: the peer's process has ended");
+    expectUndisturbed();
+}
+
+TEST_F(SystemDeath, AProgramThatIsStartedInheritsNothing)
+{
+    Process& provider = startProvider("media", "/player");
+    startClient("watcher", PLAYER);
+    provider.send("spawn");
+    const pid_t child = std::stoi(provider.expect("spawned"));
+    EXPECT_EQ(describeDescriptors(child), std::vector<std::string>());
+}
+
+} // namespace
+} // namespace kesa::system_test

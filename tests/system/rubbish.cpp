@@ -1,0 +1,252 @@
+// Peers that are only sockets, and break every rule there is. Each is cut off with a trace that says why, and nobody
+// else notices.
+
+#include "RawPeer.h"
+#include "SystemTest.h"
+
+#include <sys/resource.h>
+
+#include <csignal>
+#include <deque>
+#include <random>
+
+namespace kesa::system_test {
+namespace {
+
+const std::string PLAYER = "ipc://media/player";
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool IS_SANITIZED = true; // memory is not given back, and everything takes longer
+#else
+constexpr bool IS_SANITIZED = false;
+#endif
+
+class SystemRubbish : public SystemTest {
+protected:
+    SystemRubbish() : m_provider(startProvider("media", "/player")) { startBystander(PLAYER); }
+
+    Process& provider() { return m_provider; }
+    RawPeer connect() { return {runDirectory(), "media"}; }
+    /// That has said hello, and attached the path as target 1.
+    RawPeer attach()
+    {
+        RawPeer peer = connect();
+        peer.send(wire::hello() + wire::attach(1, "/player"));
+        const auto answer = peer.receive();
+        EXPECT_TRUE(answer.kind == wire::eATTACHED && answer.target == 1);
+        return peer;
+    }
+    void expectMemoryBelow(std::size_t kibBefore, std::size_t moreMiB)
+    {
+        expectUndisturbed();
+        const std::size_t now = m_provider.residentKiB();
+        if (!IS_SANITIZED) {
+            EXPECT_LT(now, kibBefore + (moreMiB << 10U));
+        }
+    }
+
+private:
+    Process& m_provider;
+};
+
+TEST_F(SystemRubbish, BrokenFramesEndTheirConnectionWithAReason)
+{
+    using namespace std::string_literals;
+    const std::string hello = wire::hello();
+    const std::string attached = hello + wire::attach(1, "/player");
+    struct Rubbish {
+        std::string bytes;
+        std::string reason;
+    };
+    const std::vector<Rubbish> all = {
+        {"GET /player HTTP/1.1\r\nHost: media\r\n\r\n", "frame of 542393671 bytes, more than 65536"},
+        {wire::header(0xFFFFFFFF, wire::eHELLO, 0, 1, 0, 0), "frame of 4294967295 bytes, more than 65536"},
+        {wire::frame(wire::eATTACH, 0, 1, "\xbf\xff"), "first message is of kind 2, not hello"},
+        {wire::frame(wire::eHELLO, 0, 0, "no map"), "broken head of hello"},
+        {wire::frame(wire::eHELLO, 0, 0, "\xbf\x10\x07\x11\x09\xff"s), "no common protocol version"},
+        {hello + hello, "second hello"},
+        {hello + wire::frame(77, 0, 0), "unknown kind 77"},
+        {hello + wire::frame(wire::eATTACHED, 0, 1), "attached from a client"},
+        {hello + wire::frame(wire::eNEXT, 1, 200), "next from a client"},
+        {hello + wire::frame(wire::eCOMPLETED, 1, 0), "completed from a client"},
+        {hello + wire::frame(wire::eREQUEST, 0, 1), "request without a stream"},
+        {hello + wire::header(8, wire::eREQUEST, 0, 9, 1, 1), "head of 9 bytes in a frame of 8"},
+        {hello + wire::frame(wire::eREQUEST, 1, 1, {}, {}, 0x80), "unknown flags 0x80"},
+        {attached + wire::attach(1, "/player"), "target 1 is in use"},
+        {attached + wire::frame(wire::eATTACH, 0, 2, "\xbf\x01\x60\xff"), "attach of a path of 0 bytes"},
+        {attached + wire::request(1, 1, "/hang") + wire::request(1, 1, "/hang"), "request number in use"},
+        {attached + wire::request(70000, 1, "/hang"), "too many open requests"},
+        {attached + wire::request(1, 1, "/\xff\xfe"), "broken head of request"},
+        {attached + wire::frame(wire::eREQUEST, 1, 1, std::string(40, '\x9f')), "broken head of request"},
+        {attached + wire::firstFragment(1, 1, 17U << 20U), "more than 16777216"},
+        {attached + wire::firstFragment(1, 1, 1U << 20U) + wire::request(1, 1, "/echo"),
+         "between the fragments of another message"},
+    };
+    for (const Rubbish& rubbish : all) {
+        SCOPED_TRACE(rubbish.reason);
+        RawPeer peer = connect();
+        peer.send(rubbish.bytes);
+        peer.awaitClosed();
+        provider().expectTrace(rubbish.reason);
+        expectUndisturbed();
+    }
+    // Whatever they are, random bytes are no hello.
+    std::mt19937 random(11); // NOLINT: the same bytes each time
+    for (int round = 0; round < 50; ++round) {
+        std::string bytes(200, ' ');
+        for (char& byte : bytes) {
+            byte = static_cast<char>(random());
+        }
+        RawPeer peer = connect();
+        peer.send(bytes);
+        peer.awaitClosed();
+    }
+    expectUndisturbed();
+}
+
+TEST_F(SystemRubbish, WhatCanBeAnsweredIsAnswered)
+{
+    RawPeer peer = attach();
+    peer.send(wire::frame(wire::eCANCEL, 9, 0) + wire::frame(wire::eDETACHED, 0, 9) + wire::frame(77, 0, 0, {}, {}, 2) +
+              wire::attach(2, "/nowhere") + wire::request(1, 2, "/echo") + wire::request(2, 33, "/echo") +
+              wire::request(3, 1, "/nothing") + wire::frame(wire::ePING, 0, 0) + wire::request(4, 1, "/echo", "hello"));
+    for (const std::uint32_t stream : {1U, 2U}) {
+        const auto answer = peer.receive();
+        EXPECT_EQ(std::tuple(answer.kind, answer.stream, answer.target), std::tuple(wire::eERROR, stream, 503U));
+    }
+    const auto unknown = peer.receive();
+    EXPECT_TRUE(unknown.kind == wire::eERROR && unknown.stream == 3 && unknown.target == 404);
+    const auto answer = peer.receive();
+    EXPECT_TRUE(answer.kind == wire::eNEXT && answer.stream == 4 && answer.body == "hello");
+    EXPECT_EQ(peer.receive().kind, wire::eCOMPLETED);
+    EXPECT_EQ(peer.receive().kind, wire::ePONG);
+}
+
+TEST_F(SystemRubbish, HalfAHelloAndSilenceIsEndedAfterThreeSeconds)
+{
+    RawPeer silent = connect();
+    RawPeer halfway = connect();
+    halfway.send(wire::hello().substr(0, 20));
+    RawPeer patient = attach();
+    const auto first = silent.awaitClosed();
+    EXPECT_GE(first, 2900);
+    if (!IS_SANITIZED) {
+        EXPECT_LE(first, 15000) << "3 s, and then at the latest with the next heartbeat";
+    }
+    halfway.awaitClosed();
+    provider().expectTrace("no hello within 3000 ms");
+    patient.send(wire::request(1, 1, "/echo"));
+    EXPECT_EQ(patient.receive().kind, wire::eNEXT);
+    expectUndisturbed();
+}
+
+TEST_F(SystemRubbish, MessagesThatNeverEndCostWhatHasArrived)
+{
+    const std::size_t before = provider().residentKiB();
+    std::deque<RawPeer> peers;
+    for (int count = 0; count < 10; ++count) {
+        peers.push_back(attach());
+        for (std::uint32_t stream = 1; stream <= 8; ++stream) {
+            peers.back().send(wire::firstFragment(stream, 1, 15U << 20U));
+        }
+        peers.back().send(wire::frame(wire::ePING, 0, 0));
+        EXPECT_EQ(peers.back().receive().kind, wire::ePONG);
+    }
+    expectMemoryBelow(before, 64); // they declared 1200, and sent 5
+    RawPeer greedy = attach();
+    for (std::uint32_t stream = 1; stream <= 65; ++stream) {
+        greedy.send(wire::firstFragment(stream, 1, 1U << 20U));
+    }
+    greedy.awaitClosed();
+    provider().expectTrace("more than 64 fragmented messages at once");
+    expectUndisturbed();
+}
+
+TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
+{
+    const std::size_t descriptors = provider().openDescriptors();
+    std::size_t before = 0;
+    for (int round = 0; round < 6; ++round) {
+        for (int count = 0; count < (IS_SANITIZED ? 100 : 500); ++count) {
+            RawPeer peer = connect();
+            peer.send(count % 3 == 0 ? std::string() : wire::hello() + wire::attach(1, "/player"));
+        }
+        attach().send(wire::request(1, 1, "/feed"));
+        expectUndisturbed();
+        if (round == 1) {
+            before = provider().residentKiB(); // once the allocator has what it needs
+        }
+    }
+    expectMemoryBelow(before, 16);
+    // The last ones may still be on their way out.
+    for (int tries = 0; provider().openDescriptors() > descriptors && tries < 1000; ++tries) {
+        expectUndisturbed();
+    }
+    EXPECT_EQ(provider().openDescriptors(), descriptors);
+}
+
+TEST_F(SystemRubbish, PeersThatLeaveWhileTheyAreAnsweredRaiseNoSignal)
+{
+    for (int round = 0; round < 20; ++round) {
+        {
+            RawPeer peer = attach();
+            std::string bytes;
+            for (std::uint32_t number = 1; number < 100; ++number) {
+                bytes += wire::request(number, 1, "/feed");
+            }
+            peer.send(bytes);
+            EXPECT_EQ(peer.receive().kind, wire::eNEXT);
+            provider().send("feed 100000");
+        }
+        provider().send("feed 100000");
+        provider().expect("fed");
+        provider().expect("fed");
+    }
+    expectUndisturbed();
+}
+
+TEST_F(SystemRubbish, WithoutDescriptorsClientsWaitAndThenComeIn)
+{
+    if (IS_SANITIZED) {
+        GTEST_SKIP() << "the sanitizers need descriptors of their own";
+    }
+    rlimit limit{};
+    ::prlimit(provider().pid(), RLIMIT_NOFILE, nullptr, &limit);
+    const rlimit low{provider().openDescriptors() + 8, limit.rlim_max};
+    ::prlimit(provider().pid(), RLIMIT_NOFILE, &low, nullptr);
+    std::deque<RawPeer> peers;
+    for (int count = 0; count < 30; ++count) {
+        peers.push_back(connect());
+        peers.back().send(wire::hello());
+    }
+    provider().expectTrace("clients wait, tried again every 100 ms: Too many open files");
+    expectUndisturbed();
+    Process& client = start("client");
+    client.send("resolve " + PLAYER);
+    expectUndisturbed();
+    peers.clear();
+    client.expect("connected " + PLAYER);
+    client.send("call within " + PLAYER + " /echo");
+    client.expect("completed within");
+    ::prlimit(provider().pid(), RLIMIT_NOFILE, &limit, nullptr);
+    expectUndisturbed();
+}
+
+TEST_F(SystemRubbish, AListenerThatTalksRubbishIsTriedAgainUntilItIsSomebodyElse)
+{
+    Process& watcher = start("watcher");
+    watcher.send("resolve ipc://fake/a");
+    {
+        const RawListener fake(runDirectory(), "fake");
+        for (int count = 0; count < 5; ++count) {
+            fake.answerNext("HTTP/1.1 400 Bad Request\r\n\r\n");
+        }
+        watcher.expectTrace("'ipc://fake' is cut off: frame of ");
+    }
+    startProvider("fake", "/a");
+    watcher.expect("connected ipc://fake/a");
+    expectUndisturbed();
+}
+
+} // namespace
+} // namespace kesa::system_test
