@@ -1,4 +1,5 @@
 #include <comm/Condition.h>
+#include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
 #include <kesa/ease/get.h>
 
@@ -77,7 +78,7 @@ private:
             }
             m_response = response;
         }
-        m_changed.notifyAll();
+        wake();
         return false;
     }
 
@@ -96,8 +97,40 @@ private:
                 m_error = *error;
             }
         }
-        m_changed.notifyAll();
+        wake();
     }
+
+    /// An I/O loop wakes the caller when its turn ends: in most cases the next message of the turn is the call's end,
+    /// and a caller that was awake before would get in the way of it, or even cancel what is about to be over.
+    void wake()
+    {
+        const comm::LoopInfo* const loop = comm::currentLoop();
+        if (loop != nullptr && loop->isReactor()) {
+            m_owners.fetch_add(1, std::memory_order_relaxed);
+            loop->reactor->atTurnEnd(Waking(*this));
+        } else {
+            m_changed.notifyAll();
+        }
+    }
+
+    /// Wakes when it is destroyed, so also when the loop ends first.
+    class Waking {
+    public:
+        explicit Waking(Call& call) noexcept : m_call(&call) {}
+        Waking(Waking&& other) noexcept : m_call(std::exchange(other.m_call, nullptr)) {}
+        Waking& operator=(Waking&&) = delete;
+        ~Waking()
+        {
+            if (m_call != nullptr) {
+                m_call->m_changed.notifyAll();
+                m_call->release();
+            }
+        }
+        void operator()() const noexcept {}
+
+    private:
+        Call* m_call;
+    };
 
     std::atomic<int> m_owners{2};
     std::mutex m_mutex;
@@ -112,7 +145,7 @@ private:
 /// The loops whose work includes delivering answers. An active object of the application's own may wait.
 bool deliversAnswers(const comm::LoopInfo& loop) noexcept
 {
-    return loop.isReactor || loop.name.substr(0, loop.name.find('.')) == "KesaRuntimeImpl";
+    return loop.isReactor() || loop.name.substr(0, loop.name.find('.')) == "KesaRuntimeImpl";
 }
 
 } // namespace

@@ -123,7 +123,7 @@ private:
 };
 
 EpollReactor::EpollReactor(const std::string& name)
-    : m_thread(name, true), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : m_thread(name, this), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
 {
     epoll_event event{};
     event.events = EPOLLIN | EPOLLET;

@@ -64,8 +64,8 @@ std::string threadName(const std::string& loopName)
     return last.substr(0, 15);
 }
 
-LoopThread::LoopThread(const std::string& loopName, bool isReactor)
-    : m_loopName(loopName), m_info{m_loopName, isReactor}, m_generation(AtFork::generation())
+LoopThread::LoopThread(const std::string& loopName, Reactor* reactor)
+    : m_loopName(loopName), m_info{m_loopName, reactor}, m_generation(AtFork::generation())
 {}
 
 void LoopThread::start(std::function<void()> body)

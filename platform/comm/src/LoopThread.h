@@ -16,7 +16,7 @@ std::string threadName(const std::string& loopName);
 /// The thread of one loop. It lives in what the loop and its thread share, so it outlives both uses.
 class LoopThread {
 public:
-    explicit LoopThread(const std::string& loopName, bool isReactor = false);
+    explicit LoopThread(const std::string& loopName, Reactor* reactor = nullptr);
 
     /// Runs `body` on a new thread, which takes no signals. Ends the process when there is no thread to be had.
     void start(std::function<void()> body);

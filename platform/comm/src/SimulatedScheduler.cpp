@@ -24,8 +24,8 @@ namespace {
 
 /// What a simulated loop is, run loop or reactor: the one has events, the other tasks and timers.
 struct Loop : std::enable_shared_from_this<Loop> {
-    Loop(const std::string& loopName, std::uint64_t loopGroup, bool isReactor)
-        : name(loopName), info{name, isReactor}, group(loopGroup)
+    Loop(const std::string& loopName, std::uint64_t loopGroup, Reactor* reactor)
+        : name(loopName), info{name, reactor}, group(loopGroup)
     {}
 
     bool hasWork() const noexcept { return !queue.empty() || !turnEnd.empty(); }
@@ -64,9 +64,9 @@ public:
         return bound == 0 ? 0 : z % bound;
     }
 
-    std::shared_ptr<Loop> add(const std::string& name, bool isReactor)
+    std::shared_ptr<Loop> add(const std::string& name, Reactor* reactor)
     {
-        return m_loops.emplace_back(std::make_shared<Loop>(name, m_group, isReactor));
+        return m_loops.emplace_back(std::make_shared<Loop>(name, m_group, reactor));
     }
     void push(Loop& loop, util::UniqueFunction<void()> work);
     void stop(Loop& loop);
@@ -287,7 +287,7 @@ private:
 class SimulatedScheduler::RunLoop final : public IRunLoop {
 public:
     RunLoop(std::shared_ptr<Impl> impl, const std::string& name)
-        : m_impl(std::move(impl)), m_loop(m_impl->add(name, false))
+        : m_impl(std::move(impl)), m_loop(m_impl->add(name, nullptr))
     {}
     ~RunLoop() override { m_impl->remove(m_loop); }
 
@@ -306,7 +306,7 @@ private:
 class SimulatedScheduler::LoopReactor final : public Reactor {
 public:
     LoopReactor(std::shared_ptr<Impl> impl, const std::string& name)
-        : m_impl(std::move(impl)), m_loop(m_impl->add(name, true))
+        : m_impl(std::move(impl)), m_loop(m_impl->add(name, this))
     {}
     ~LoopReactor() override { m_impl->remove(m_loop); }
 

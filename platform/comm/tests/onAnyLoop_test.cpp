@@ -11,7 +11,7 @@ namespace {
 std::string here()
 {
     const comm::LoopInfo* const loop = comm::currentLoop();
-    return loop == nullptr ? "none" : (loop->isReactor ? "reactor " : "run loop ") + std::string(loop->name);
+    return loop == nullptr ? "none" : (loop->isReactor() ? "reactor " : "run loop ") + std::string(loop->name);
 }
 
 TEST(OnAnyLoop, KnowsThreads)

@@ -7,9 +7,13 @@
 
 namespace comm {
 
+class Reactor;
+
 struct LoopInfo {
     std::string_view name; ///< as given to `ActiveObject` or `Scheduler::makeReactor`
-    bool isReactor;
+    Reactor* reactor;      ///< the loop, when it is one that waits for descriptors; null for an active object
+
+    bool isReactor() const noexcept { return reactor != nullptr; }
 };
 
 /// The loop whose event or callback is running on this thread, valid during that; null outside of any.

@@ -21,7 +21,7 @@ void fail(const char* condition, int line, const char* function, const char* mes
 bool isWaitedFor()
 {
     const comm::LoopInfo* const loop = comm::currentLoop();
-    return singeton_impl->isRuntimeThread() || (loop != nullptr && loop->isReactor);
+    return singeton_impl->isRuntimeThread() || (loop != nullptr && loop->isReactor());
 }
 
 } // namespace
