@@ -30,6 +30,19 @@ PeerIdentity connectedPeer(int socket)
     return toIdentity(credentials);
 }
 
+/// A single stretch, which most writes are, costs the kernel less than a list of them.
+ssize_t send(int socket, std::span<const iovec> from)
+{
+    constexpr int FLAGS = MSG_NOSIGNAL | MSG_DONTWAIT;
+    if (from.size() == 1) {
+        return ::send(socket, from.front().iov_base, from.front().iov_len, FLAGS);
+    }
+    msghdr message{};
+    message.msg_iov = const_cast<iovec*>(from.data());
+    message.msg_iovlen = std::min<std::size_t>(from.size(), IOV_MAX);
+    return ::sendmsg(socket, &message, FLAGS);
+}
+
 } // namespace
 
 IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side)
@@ -132,11 +145,7 @@ IStream::Result IpcStream::write(std::span<const iovec> from, std::size_t& size)
     if (!m_socket) {
         return end("closed");
     }
-    msghdr message{};
-    message.msg_iov = const_cast<iovec*>(from.data());
-    message.msg_iovlen = std::min<std::size_t>(from.size(), IOV_MAX);
-    const ssize_t sent =
-        retryInterrupted([&] { return ::sendmsg(m_socket.get(), &message, MSG_NOSIGNAL | MSG_DONTWAIT); });
+    const ssize_t sent = retryInterrupted([&] { return send(m_socket.get(), from); });
     if (sent < 0) {
         return fail(errno);
     }
