@@ -56,7 +56,7 @@ Response unavailable(std::string_view text)
 
 } // namespace
 
-ClientConnection::ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, MakeHello makeHello,
+ClientConnection::ClientConnection(const std::shared_ptr<IoLoop>& loop, Destination destination, MakeHello makeHello,
                                    OpenLocal openLocal, Unused unused)
     : Connection(loop, protocol::Machine::Role::eCLIENT), m_makeHello(std::move(makeHello)),
       m_unused(std::move(unused)),

@@ -43,8 +43,8 @@ public:
     /// Called on the loop when a client object is done with the connection.
     using Unused = std::function<void(ClientConnection&, bool serviceRemoved)>;
 
-    ClientConnection(std::shared_ptr<IoLoop> loop, Destination destination, MakeHello makeHello, OpenLocal openLocal,
-                     Unused unused);
+    ClientConnection(const std::shared_ptr<IoLoop>& loop, Destination destination, MakeHello makeHello,
+                     OpenLocal openLocal, Unused unused);
     ~ClientConnection() override;
 
     // Any thread.
