@@ -241,7 +241,7 @@ TEST_F(SystemRubbish, AListenerThatTalksRubbishIsTriedAgainUntilItIsSomebodyElse
         for (int count = 0; count < 5; ++count) {
             fake.answerNext("HTTP/1.1 400 Bad Request\r\n\r\n");
         }
-        watcher.expectTrace("'ipc://fake' is cut off: frame of ");
+        watcher.expectTrace("'ipc://fake' is not connected: frame of ");
     }
     startProvider("fake", "/a");
     watcher.expect("connected ipc://fake/a");

@@ -89,6 +89,17 @@ void Connection::lose(std::string reason)
     onClosed(reason);
 }
 
+void Connection::cutOff(std::string reason)
+{
+    m_loop->onLoop(__func__);
+    if (m_isOpen && !m_lostReason) {
+        if (m_role == protocol::Machine::Role::eSERVER) {
+            KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), reason.c_str());
+        }
+        lose(std::move(reason));
+    }
+}
+
 // ---- input --------------------------------------------------------------------------------------------------------
 
 void Connection::onReadable()
@@ -122,8 +133,7 @@ bool Connection::readBatch()
         }
         const bool failed = m_machine->received(size, comm::now());
         if (failed) {
-            m_lostReason = m_machine->reason();
-            KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), m_lostReason->c_str());
+            cutOff(m_machine->reason());
         } else if (size < into.size()) {
             break; // most probably all of it; the stream comes again for the rest
         }
@@ -312,7 +322,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         std::string why;
         if (m_machine->expired(now, why)) {
             lock.unlock();
-            lose(std::move(why));
+            cutOff(std::move(why));
             return false;
         }
     }

@@ -43,6 +43,9 @@ protected:
     void begin();
     /// Ends the stream: at once, or after the read batch that is being handled. Then `onClosed` is called. Loop only.
     void lose(std::string reason);
+    /// The same because of what the peer does, or does not. A server says so: a client's connector traces each new
+    /// reason why it is not connected.
+    void cutOff(std::string reason);
     /// After a command to the machine, lock held: writes at once, or leaves it to the end of the batch or turn.
     void pushOut();
     /// A queue that has not moved for the time of a heartbeat. Lock held.

@@ -156,12 +156,7 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
         return false;
     }
     stream.isCut = true;
-    loop().post([self] {
-        if (self->isOpen()) {
-            KESA_TRACE(CHANNEL, 3, "[answer] '%s' is cut off: it does not take its answers", self->peerName().c_str());
-            self->lose("the client does not take its answers");
-        }
-    });
+    loop().post([self] { self->cutOff("it does not take its answers"); });
     return true;
 }
 
@@ -245,14 +240,12 @@ void ServerConnection::onHello(const protocol::Hello& peer)
 void ServerConnection::onAttach(std::uint32_t target, std::string path)
 {
     if (m_targets.size() >= MAX_TARGETS) {
-        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: too many paths", peerName().c_str());
-        lose("too many paths");
+        cutOff("too many paths");
         return;
     }
     const auto [entry, isNew] = m_targets.try_emplace(target, Target{path, nullptr, {}});
     if (!isNew) {
-        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: target %u is in use", peerName().c_str(), target);
-        lose("target in use");
+        cutOff("target " + std::to_string(target) + " is in use");
         return;
     }
     if (const auto service = m_services->addInterest(*this, target, path)) {
@@ -356,9 +349,7 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
     Stream* const stream = m_streams.take(number);
     if (stream == nullptr) {
         lock.unlock();
-        const char* const reason = number > MAX_STREAMS ? "too many open requests" : "request number in use";
-        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), reason);
-        lose(reason);
+        cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
         return;
     }
     if (!service) {
