@@ -185,6 +185,38 @@ TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
     EXPECT_EQ(provider().openDescriptors(), descriptors);
 }
 
+TEST_F(SystemRubbish, ManyAttachesAndRequestsAreCountedAndForgotten)
+{
+    constexpr std::uint32_t MANY = 10000;
+    std::size_t before = 0;
+    for (int round = 0; round < 4; ++round) {
+        RawPeer peer = attach();
+        std::string bytes;
+        for (std::uint32_t number = 2; number < MANY; ++number) {
+            bytes += wire::attach(number, "/path/" + std::to_string(number)) + wire::request(number, 1, "/hang");
+        }
+        bytes += wire::frame(wire::ePING, 0, 0);
+        peer.send(bytes);
+        EXPECT_EQ(peer.receive().kind, wire::ePONG);
+        peer.close();
+        expectUndisturbed();
+        if (round == 1) {
+            before = provider().residentKiB();
+        }
+    }
+    expectMemoryBelow(before, 24);
+
+    std::string bytes;
+    for (std::uint32_t number = 2; number <= 65537; ++number) {
+        bytes += wire::attach(number, "/path");
+    }
+    RawPeer greedy = attach();
+    greedy.send(bytes);
+    greedy.awaitClosed();
+    provider().expectTrace("too many paths");
+    expectUndisturbed();
+}
+
 TEST_F(SystemRubbish, PeersThatLeaveWhileTheyAreAnsweredRaiseNoSignal)
 {
     for (int round = 0; round < 20; ++round) {

@@ -243,12 +243,14 @@ void ServerConnection::onAttach(std::uint32_t target, std::string path)
         cutOff("too many paths");
         return;
     }
-    const auto [entry, isNew] = m_targets.try_emplace(target, Target{path, nullptr, {}});
+    const auto [entry, isNew] = m_targets.try_emplace(target);
     if (!isNew) {
         cutOff("target " + std::to_string(target) + " is in use");
         return;
     }
-    if (const auto service = m_services->addInterest(*this, target, path)) {
+    entry->second.interest = m_services->addInterest(*this, target, path);
+    entry->second.path = std::move(path);
+    if (const auto service = m_services->find(entry->second.path)) {
         provided(target, service);
     }
 }
@@ -258,7 +260,7 @@ void ServerConnection::onDetach(std::uint32_t target)
     const auto found = m_targets.find(target);
     if (found != m_targets.end()) {
         cancelAll(found->second, "cancelled");
-        m_services->removeInterest(*this, target, found->second.path);
+        m_services->removeInterest(found->second.path, found->second.interest);
         m_targets.erase(found);
     }
 }
@@ -388,7 +390,7 @@ void ServerConnection::onClosed(const std::string& reason)
     KESA_TRACE(CHANNEL, 2, "[connection] '%s' has ended: %s", peerName().c_str(), reason.c_str());
     const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
     for (auto& [target, entry] : m_targets) {
-        m_services->removeInterest(*this, target, entry.path);
+        m_services->removeInterest(entry.path, entry.interest);
         cancelAll(entry, "");
     }
     m_targets.clear();

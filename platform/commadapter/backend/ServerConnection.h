@@ -42,6 +42,7 @@ public:
 private:
     struct Target {
         std::string path;
+        Interests::iterator interest;
         std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
         StreamList open;                          ///< with the lock held
     };

@@ -2,8 +2,6 @@
 
 #include "backend/ServerConnection.h"
 
-#include <algorithm>
-
 namespace kesa::commadapter {
 
 ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello)
@@ -23,12 +21,6 @@ bool ServiceTable::provide(const std::string& path, IKesaApi* service)
     }
     m_loop->post([self = shared_from_this(), provided] { self->announce(provided); });
     return false;
-}
-
-bool ServiceTable::provides(const std::string& path) const
-{
-    const std::lock_guard lock(m_lock);
-    return m_services.contains(path);
 }
 
 void ServiceTable::withdraw(const std::string& path)
@@ -95,27 +87,27 @@ void ServiceTable::stop()
     m_interests.clear();
 }
 
-std::shared_ptr<ProvidedService> ServiceTable::addInterest(ServerConnection& connection, std::uint32_t target,
-                                                           const std::string& path)
+Interests::iterator ServiceTable::addInterest(ServerConnection& connection, std::uint32_t target,
+                                              const std::string& path)
 {
-    m_interests[path].push_back({&connection, target});
-    const std::lock_guard lock(m_lock);
-    const auto found = m_services.find(path);
-    return found == m_services.end() ? nullptr : found->second;
+    Interests& interests = m_interests[path];
+    return interests.insert(interests.end(), {&connection, target});
 }
 
-void ServiceTable::removeInterest(ServerConnection& connection, std::uint32_t target, const std::string& path)
+void ServiceTable::removeInterest(const std::string& path, Interests::iterator interest)
 {
     const auto found = m_interests.find(path);
-    if (found == m_interests.end()) {
-        return;
-    }
-    std::erase_if(found->second, [&connection, target](const Interest& interest) {
-        return interest.connection == &connection && interest.target == target;
-    });
+    found->second.erase(interest);
     if (found->second.empty()) {
         m_interests.erase(found);
     }
+}
+
+std::shared_ptr<ProvidedService> ServiceTable::find(const std::string& path) const
+{
+    const std::lock_guard lock(m_lock);
+    const auto found = m_services.find(path);
+    return found == m_services.end() ? nullptr : found->second;
 }
 
 void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)

@@ -6,16 +6,24 @@
 #include <kesa/IKesaApi.h>
 
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <unordered_map>
 #include <unordered_set>
-#include <vector>
 
 namespace kesa::commadapter {
 
 class ServerConnection;
+
+/// A connection that wants to know whether a path is provided.
+struct Interest {
+    ServerConnection* connection;
+    std::uint32_t target;
+};
+/// Of one path, in the order they came.
+using Interests = std::list<Interest>;
 
 /// A service object under its path. Provided twice under one path in turn makes two of these.
 struct ProvidedService {
@@ -36,7 +44,6 @@ public:
     /// Returns when nobody calls the service any more and its clients have been told; unknown paths are ignored. Any
     /// thread.
     void withdraw(const std::string& path);
-    bool provides(const std::string& path) const;
 
     /// A client has connected. `scheme` is how it came, "local" for one of this process.
     void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme);
@@ -46,17 +53,13 @@ public:
     void abandon();
 
     // Called by the connections.
-    std::shared_ptr<ProvidedService> addInterest(ServerConnection& connection, std::uint32_t target,
-                                                 const std::string& path);
-    void removeInterest(ServerConnection& connection, std::uint32_t target, const std::string& path);
+    Interests::iterator addInterest(ServerConnection& connection, std::uint32_t target, const std::string& path);
+    void removeInterest(const std::string& path, Interests::iterator interest);
+    /// Null while nobody provides the path. Any thread.
+    std::shared_ptr<ProvidedService> find(const std::string& path) const;
     void remove(const std::shared_ptr<ServerConnection>& connection);
 
 private:
-    struct Interest {
-        ServerConnection* connection;
-        std::uint32_t target;
-    };
-
     void announce(const std::shared_ptr<ProvidedService>& service);
     void withdrawNow(const std::shared_ptr<ProvidedService>& service);
 
@@ -65,7 +68,7 @@ private:
     mutable std::mutex m_lock;
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     // Loop only.
-    std::unordered_map<std::string, std::vector<Interest>> m_interests; ///< by path
+    std::unordered_map<std::string, Interests> m_interests; ///< by path
     std::unordered_set<std::shared_ptr<ServerConnection>> m_connections;
 };
 
