@@ -157,23 +157,6 @@ bool RawPeer::send(std::string_view bytes)
     return false;
 }
 
-bool RawPeer::sendUntilStuck(std::string_view bytes, int milliseconds)
-{
-    while (!bytes.empty()) {
-        const ssize_t size = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
-        if (size < 0 && errno == EAGAIN) {
-            pollfd ready{m_socket, POLLOUT, 0};
-            if (::poll(&ready, 1, milliseconds) == 0) {
-                return true;
-            }
-        } else if (size < 0 && errno != EINTR) {
-            return true;
-        }
-        bytes.remove_prefix(size > 0 ? static_cast<std::size_t>(size) : 0);
-    }
-    return false;
-}
-
 /// False at the end.
 bool RawPeer::fill()
 {

@@ -52,8 +52,6 @@ public:
 
     /// Writes until everything is taken, or the other side has closed: then true.
     bool send(std::string_view bytes);
-    /// The same until nothing is taken for the time either.
-    bool sendUntilStuck(std::string_view bytes, int milliseconds);
 
     struct Frame {
         std::uint8_t kind = 0;

@@ -217,6 +217,31 @@ TEST_F(SystemRubbish, ManyAttachesAndRequestsAreCountedAndForgotten)
     expectUndisturbed();
 }
 
+// It asks and asks, and never takes an answer.
+TEST_F(SystemRubbish, APeerThatTakesNoAnswersIsCutOff)
+{
+    const std::size_t before = provider().residentKiB();
+    std::string echoes;
+    std::string attaches;
+    for (std::uint32_t number = 2; number < 2000; ++number) {
+        echoes += wire::request(number, 33, "/echo");
+        attaches += wire::frame(wire::eDETACHED, 0, number) + wire::attach(number, "/player") +
+                    wire::request(number, number, "/nothing");
+    }
+    for (const std::string& batch : {echoes, attaches}) {
+        RawPeer peer = attach();
+        constexpr std::size_t BYTES = std::size_t{64} << 20U;
+        bool isCutOff = false;
+        for (std::size_t sent = 0; sent < BYTES && !isCutOff; sent += batch.size()) {
+            isCutOff = peer.send(batch);
+        }
+        EXPECT_TRUE(isCutOff) << "everything it sends is taken";
+        expectMemoryBelow(before, 64);
+    }
+    provider().expectTrace("is cut off: it does not take its answers");
+    expectUndisturbed();
+}
+
 TEST_F(SystemRubbish, PeersThatLeaveWhileTheyAreAnsweredRaiseNoSignal)
 {
     for (int round = 0; round < 20; ++round) {

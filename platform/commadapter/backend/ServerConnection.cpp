@@ -22,6 +22,11 @@ namespace kesa::commadapter {
 namespace {
 
 constexpr std::size_t MAX_TARGETS = 65536;
+/// Ends of streams and news of paths are never refused, so they come on top of a queue's bound. There is room for one
+/// of each stream and target that can be open: no more than that of a client that waits for the ends before it uses
+/// their numbers again.
+constexpr std::size_t UNREFUSED_BYTES = 8U << 20U;
+constexpr const char* TAKES_NOTHING = "it does not take its answers";
 
 /// What a service answers through.
 class ResponseSender final : public IResponseHandler<Response>, public IStreamControl {
@@ -156,7 +161,7 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
         return false;
     }
     stream.isCut = true;
-    loop().post([self] { self->cutOff("it does not take its answers"); });
+    loop().post([self] { self->cutOff(TAKES_NOTHING); });
     return true;
 }
 
@@ -237,10 +242,19 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     machine().setClientId(peer.process + ":" + std::to_string(identity.pid));
 }
 
+/// Whether the client goes on to ask without taking answers.
+bool ServerConnection::isOverrun()
+{
+    return machine().queuedBytes() > loop().settings().sendQueueBytes + UNREFUSED_BYTES;
+}
+
 void ServerConnection::onAttach(std::uint32_t target, std::string path)
 {
-    if (m_targets.size() >= MAX_TARGETS) {
-        cutOff("too many paths");
+    Lock lock(m_lock);
+    const bool takesNothing = isOpen() && isOverrun();
+    lock.unlock();
+    if (takesNothing || m_targets.size() >= MAX_TARGETS) {
+        cutOff(takesNothing ? TAKES_NOTHING : "too many paths");
         return;
     }
     const auto [entry, isNew] = m_targets.try_emplace(target);
@@ -348,10 +362,13 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
     if (!isOpen()) {
         return;
     }
-    Stream* const stream = m_streams.take(number);
+    const bool takesNothing = isOverrun();
+    Stream* const stream = takesNothing ? nullptr : m_streams.take(number);
     if (stream == nullptr) {
         lock.unlock();
-        cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
+        cutOff(takesNothing           ? TAKES_NOTHING
+               : number > MAX_STREAMS ? "too many open requests"
+                                      : "request number in use");
         return;
     }
     if (!service) {

@@ -65,7 +65,7 @@ private:
     void cut(std::uint32_t number, std::uint64_t serial);
     void queueLatest(std::uint32_t number);
     void release(std::uint32_t number);
-    void refuse(std::uint32_t stream, std::string_view text);
+    bool isOverrun();
     void serve(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
                const Request& request);
     void cancelAtService(std::uint32_t number, const char* text);
