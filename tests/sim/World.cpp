@@ -1,5 +1,7 @@
 #include "World.h"
 
+#include "CheckedBackend.h"
+
 #include <backend/CommBackend.h>
 #include <kesa/PathPatterns.h>
 #include <kesa/commadapter/createBackend.h>
@@ -167,15 +169,8 @@ World::World(const Options& options) : m_options(options)
     }
     m_verdict = std::make_unique<Verdict>();
     m_network = std::make_unique<commadapter::transport::MemoryNetwork>();
-    commadapter::setBackendFactoryForTest([this](const std::string& process, const std::string&) {
-        const std::uint64_t group = m_groups;
-        return commadapter::makeCommBackend(
-            process, commadapter::CommSettings{}, [this, group](std::shared_ptr<comm::Reactor> loop) {
-                std::vector<std::unique_ptr<commadapter::transport::ITransport>> transports;
-                transports.push_back(m_network->makeTransport(std::move(loop), group));
-                return transports;
-            });
-    });
+    commadapter::setBackendFactoryForTest(
+        [this](const std::string& process, const std::string&) { return makeBackend(process); });
     for (unsigned index = 0; index < PROCESSES; ++index) {
         auto process = std::make_unique<Process>();
         process->name = "p" + std::to_string(index);
@@ -195,6 +190,24 @@ World::~World()
     }
 }
 
+std::unique_ptr<commadapter::IBackend> World::makeBackend(const std::string& name)
+{
+    const std::uint64_t group = m_groups;
+    auto backend = commadapter::makeCommBackend(
+        name, commadapter::CommSettings{}, [this, group](std::shared_ptr<comm::Reactor> loop) {
+            std::vector<std::unique_ptr<commadapter::transport::ITransport>> transports;
+            transports.push_back(m_network->makeTransport(std::move(loop), group));
+            return transports;
+        });
+    const auto& process = *std::find_if(m_processes.begin(), m_processes.end(),
+                                        [&name](const auto& known) { return known->name == name; });
+    process->books = std::make_shared<BackendBooks>();
+    return std::make_unique<CheckedBackend>(*m_verdict, std::move(backend), process->books, [this] {
+        const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+        return m_isRefusing && m_kesaRandom.below(3) == 0;
+    });
+}
+
 std::vector<std::string> World::run()
 {
     commadapter::transport::MemoryNetwork::Faults faults;
@@ -208,6 +221,7 @@ std::vector<std::string> World::run()
     if (!m_options.threads) {
         m_network->setFaults(faults);
     }
+    m_isRefusing = draw(4) == 0;
     for (auto& process : m_processes) {
         start(*process);
     }
@@ -221,6 +235,7 @@ std::vector<std::string> World::run()
         }
     }
     settle();
+    disposeAll();
     for (auto& process : m_processes) {
         shutdown(*process);
     }
@@ -410,7 +425,7 @@ void World::subscribe(Process& process)
     case Stream::eRESOLVE: {
         const std::string owner =
             isStatic(subscription.target) ? ownerOf(subscription.target) : "p" + std::to_string(draw(PROCESSES));
-        subscription.target = (draw(20) == 0 ? "tcp://" : "ipc://") + owner + subscription.target;
+        subscription.target = (draw(5) == 0 ? "tcp://" : "ipc://") + owner + subscription.target;
         named("resolving");
         subscription.disposable = runtime.resolveService(
             url(subscription.target), std::make_unique<ResolvingObserver>(*m_verdict, subscription.belief));
@@ -531,6 +546,44 @@ void World::settle()
     }
 }
 
+/// Whoever has disposed everything holds nothing any more: no proxy, no locator, no connection.
+void World::disposeAll()
+{
+    for (auto& process : m_processes) {
+        for (auto& subscription : process->subscriptions) {
+            subscription.disposed = true;
+            subscription.disposable.dispose();
+        }
+        for (auto& registration : process->registrations) {
+            registration.disposable.dispose();
+        }
+    }
+    const auto isAllTakenBack = [this] {
+        return std::all_of(m_processes.begin(), m_processes.end(), [](const auto& process) {
+            return process->books->clients.empty() && process->books->provided.empty();
+        });
+    };
+    if (m_scheduler) {
+        m_scheduler->runFor(30 * comm::SECOND);
+    }
+    std::unique_lock<std::mutex> lock(m_verdict->mutex);
+    if (!m_scheduler) {
+        comm::waitFor(m_verdict->changed, lock, isAllTakenBack, comm::now() + 60 * comm::SECOND);
+    }
+    for (const auto& process : m_processes) {
+        if (!process->books->clients.empty()) {
+            m_verdict->fail("nothing is left when all is disposed", process->name + ": client objects");
+        }
+        if (!process->books->provided.empty()) {
+            m_verdict->fail("nothing is left when all is disposed",
+                            process->name + ": " + *process->books->provided.begin());
+        }
+    }
+    if (m_scheduler && m_network->openStreams() > 0) {
+        m_verdict->fail("nothing is left when all is disposed", "connections");
+    }
+}
+
 std::vector<std::string> World::differences() const
 {
     std::vector<std::string> found;
@@ -551,11 +604,14 @@ std::string World::differenceOf(const Process& process, const Subscription& subs
     const bool malformed = subscription.target == PATTERNS.back();
     const bool unreachable = subscription.target.compare(0, 6, "tcp://") == 0;
     if (belief.terminal) {
-        const unsigned short expected = malformed ? 400 : unreachable ? 404 : 0;
+        const unsigned short expected = malformed ? 400 : unreachable || m_isRefusing ? 404 : 0;
         return belief.error == expected ? "" : "ended with " + std::to_string(belief.error);
     }
     if (subscription.disposed) {
         return belief.destroyed ? "" : "disposed and still there";
+    }
+    if (belief.destroyed) {
+        return "was ended by nobody";
     }
     if (malformed || unreachable) {
         return "has not ended";

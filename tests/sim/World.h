@@ -6,6 +6,7 @@
 #include <comm/SimulatedScheduler.h>
 #include <kesa/Disposable.h>
 #include <kesa/IKesaApi.h>
+#include <kesa/commadapter/IBackend.h>
 #include <obr/Random.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 #include <transport/MemoryNetwork.h>
@@ -18,6 +19,8 @@
 #include <vector>
 
 namespace kesa::sim {
+
+struct BackendBooks;
 
 struct Options {
     std::uint64_t seed = 1;
@@ -53,6 +56,7 @@ private:
         std::string name;
         std::uint64_t group = 0;
         std::unique_ptr<runtime::v02::KesaRuntimeImpl> runtime;
+        std::shared_ptr<BackendBooks> books;
         std::vector<Subscription> subscriptions;
         std::vector<Registration> registrations;
         std::vector<std::shared_ptr<Belief>> answers;
@@ -80,6 +84,8 @@ private:
 
     /// Faults off; waits until nothing moves any more, or every observer believes the truth.
     void settle();
+    void disposeAll();
+    std::unique_ptr<commadapter::IBackend> makeBackend(const std::string& name);
     std::vector<std::string> differences() const;
     std::string differenceOf(const Process& process, const Subscription& subscription) const;
     std::set<std::string> expectedOf(const Process& process, const Subscription& subscription) const;
@@ -103,6 +109,7 @@ private:
     std::vector<std::unique_ptr<Process>> m_processes;
     std::uint64_t m_groups = 0;
     unsigned m_names = 0;
+    bool m_isRefusing = false; ///< backends refuse some client objects
 };
 
 } // namespace kesa::sim
