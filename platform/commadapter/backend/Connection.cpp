@@ -3,7 +3,10 @@
 //
 // Output: a command is encoded into the machine under the lock. Issued on another thread it is written at once by that
 // thread, unless the socket is full or a batch is being handled; issued on the loop it is gathered, and leaves in one
-// call at the end of the batch or turn, or as soon as GATHERED_BYTES have come together.
+// call at the end of the batch or turn, or as soon as GATHERED_BYTES have come together. Values of a stream that
+// another thread issues within BURST after the last write are gathered, too, and the loop is woken for them once: a
+// thread that pushes without a pause would otherwise wake the peer for each. Requests and ends never wait like that:
+// somebody may be blocked until they arrive.
 //
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
 // the machine from under its own feet; the rest of the batch is still handled, as it came before the end.
@@ -21,6 +24,7 @@ namespace {
 constexpr unsigned READS_PER_BATCH = 16;
 constexpr std::size_t GATHERED_BYTES = 64U << 10U;
 constexpr std::size_t PARTS_PER_WRITE = 64;
+constexpr comm::TimeNs BURST = comm::MILLISECOND / 200;
 
 protocol::Limits limitsOf(const CommSettings& settings)
 {
@@ -174,7 +178,7 @@ void Connection::onPeerExited()
 
 // ---- output -------------------------------------------------------------------------------------------------------
 
-void Connection::pushOut()
+void Connection::pushOut(Haste haste)
 {
     countQueued();
     if (m_machine->queuedBytes() < GATHERED_BYTES) {
@@ -188,8 +192,20 @@ void Connection::pushOut()
             }
             return;
         }
+        if (haste == Haste::eMAY_GATHER && isBurst()) {
+            if (!m_isGathered) {
+                m_isGathered = true;
+                m_loop->post([self = shared_from_this()] { self->flush(); });
+            }
+            return;
+        }
     }
     write();
+}
+
+bool Connection::isBurst() const
+{
+    return m_isGathered || comm::now() - m_lastProgress < BURST;
 }
 
 void Connection::flush()

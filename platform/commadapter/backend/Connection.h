@@ -46,8 +46,12 @@ protected:
     /// The same because of what the peer does, or does not. A server says so: a client's connector traces each new
     /// reason why it is not connected.
     void cutOff(std::string reason);
+    enum class Haste {
+        eAT_ONCE,
+        eMAY_GATHER, ///< what comes right after another write may leave with what comes next
+    };
     /// After a command to the machine, lock held: writes at once, or leaves it to the end of the batch or turn.
-    void pushOut();
+    void pushOut(Haste haste = Haste::eAT_ONCE);
     /// A queue that has not moved for the time of a heartbeat. Lock held.
     bool isStuck(comm::TimeNs now) const;
     /// Whether `moreBytes` would exceed the bound of this connection's queue, or of all queues. What there is room for
@@ -99,6 +103,7 @@ private:
     void wantWrite();
     void writeFailed();
     void countQueued();
+    bool isBurst() const;
 
     const std::shared_ptr<IoLoop> m_loop;
     const protocol::Machine::Role m_role;
@@ -109,14 +114,14 @@ private:
     bool m_isOpen = false;
     std::uint64_t m_opened = 0; ///< how often
     // With the lock held.
-    bool m_isBatch = false;   ///< a read batch is being handled
-    bool m_isBlocked = false; ///< waits for `onWritable`
-    bool m_isBroken = false;  ///< a write failed
+    bool m_isBatch = false;    ///< a read batch is being handled
+    bool m_isBlocked = false;  ///< waits for `onWritable`
+    bool m_isBroken = false;   ///< a write failed
+    bool m_isGathered = false; ///< the loop is going to flush
     comm::TimeNs m_lastProgress = 0;
     std::size_t m_countedBytes = 0;
     // Loop only.
     bool m_isReceiving = false;
-    bool m_isGathered = false;
     std::optional<std::string> m_lostReason;
 };
 

@@ -144,7 +144,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
                                                                : "text that is not UTF-8, or a header without a form");
         return true;
     }
-    pushOut();
+    pushOut(Haste::eMAY_GATHER);
     return false;
 }
 
