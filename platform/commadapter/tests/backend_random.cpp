@@ -1,7 +1,7 @@
 // Processes that provide, connect, ask, answer, cancel, withdraw, are killed and cut off from each other, in an order
 // drawn from a seed, over a network that delays and cuts bytes. The checkers watch every client object and service;
 // when everything has settled, a client object is connected exactly if its service is provided, and nothing is left
-// over at the end. A failing seed is the whole report.
+// over at the end. A failing seed is the whole report; KESA_SEED=N runs it alone, KESA_SEEDS=N that many.
 
 #include "backend_support.h"
 
@@ -37,6 +37,7 @@ protected:
         std::uint64_t group = 0;
         std::array<std::unique_ptr<CheckedService>, PATHS> services;
         std::vector<std::unique_ptr<OpenClient>> clients;
+        std::vector<std::unique_ptr<OpenClient>> released;
     };
 
     static std::string name(std::size_t process) { return "p" + std::to_string(process); }
@@ -76,6 +77,7 @@ protected:
             open->client->forgetBackend();
         }
         process.clients.clear();
+        process.released.clear();
         process.services = {};
         start(index);
     }
@@ -138,7 +140,7 @@ protected:
         if (!clients.empty()) {
             auto& chosen = clients[draw(clients.size())];
             chosen->client->release(draw(2) == 0);
-            released.push_back(std::move(chosen));
+            processes[index].released.push_back(std::move(chosen));
             std::swap(chosen, clients.back());
             clients.pop_back();
         }
@@ -213,6 +215,11 @@ protected:
     {
         scheduler->runFor(10 * comm::SECOND);
         for (const Process& process : processes) {
+            for (const auto& open : process.released) {
+                for (const Asked& asked : open->asked) {
+                    EXPECT_TRUE(asked.outcome->isDestroyed) << "released";
+                }
+            }
             for (const auto& open : process.clients) {
                 const bool isProvided = processes[open->server].services[open->path] != nullptr;
                 EXPECT_EQ(open->client->checker.isConnected(), isProvided)
@@ -222,11 +229,6 @@ protected:
                     EXPECT_TRUE(isOver || isProvided);
                     EXPECT_EQ(asked.outcome->isDestroyed, isOver);
                 }
-            }
-        }
-        for (const auto& open : released) {
-            for (const Asked& asked : open->asked) {
-                EXPECT_TRUE(asked.outcome->isDestroyed) << "released";
             }
         }
     }
@@ -251,23 +253,26 @@ protected:
             }
             process.backend.reset();
             process.clients.clear();
+            process.released.clear();
             process.services = {};
         }
-        released.clear();
         graveyard.clear();
         EXPECT_EQ(network->openStreams(), 0U);
     }
 
     std::array<Process, PROCESSES> processes;
-    std::vector<std::unique_ptr<OpenClient>> released;
     std::vector<std::unique_ptr<CheckedService>> graveyard;
 };
 
 TEST_F(BackendRandom, EverySeedSettles)
 {
-    const char* const one = std::getenv("KESA_SEED");
-    const std::uint64_t first = one != nullptr ? std::strtoull(one, nullptr, 10) : 1;
-    const std::uint64_t last = one != nullptr ? first : 200;
+    const auto fromEnvironment = [](const char* variable, std::uint64_t otherwise) {
+        const char* const text = std::getenv(variable);
+        return text != nullptr ? std::strtoull(text, nullptr, 10) : otherwise;
+    };
+    const std::uint64_t first = fromEnvironment("KESA_SEED", 1);
+    const bool isOne = std::getenv("KESA_SEED") != nullptr;
+    const std::uint64_t last = first - 1 + fromEnvironment("KESA_SEEDS", isOne ? 1 : 200);
     for (std::uint64_t seed = first; seed <= last; ++seed) {
         begin(seed);
         for (int i = 0; i < 150; ++i) {
