@@ -96,12 +96,20 @@ Process& SystemTest::startProvider(const std::string& process, const std::string
     return provider;
 }
 
-Process& SystemTest::startClient(const std::string& process, const std::string& locator, const Options& options)
+Process& SystemTest::startClient(const std::string& process, const std::string& service, const Options& options)
 {
     Process& client = start(process, options);
-    client.send("resolve " + locator);
-    client.expect("connected " + locator);
+    client.send("resolve " + service);
+    client.expect("connected " + service);
     return client;
+}
+
+Process& SystemTest::startFollower(const std::string& process, const std::string& service, const Options& options)
+{
+    Process& follower = startClient(process, service, options);
+    follower.send("follow " + service);
+    follower.expect("value " + service + "#1 0");
+    return follower;
 }
 
 void SystemTest::startBystander(const std::string& locator)

@@ -11,6 +11,15 @@
 
 namespace kesa::system_test {
 
+/// How a process is started.
+struct Options {
+    std::string comm = "{}";             ///< the document's "comm"
+    std::vector<std::string> services{}; ///< locators of services, under their paths
+    std::string runDirectory{};          ///< the test's unless given
+    std::string trace = "*=2";
+    bool isNobody = false;
+};
+
 /// Processes in a run directory of the test's own. At the end of each test, what every process was told is checked:
 /// "connected" and "lost" took turns, and each request ended at most once, and before the next connection.
 class SystemTest : public testing::Test {
@@ -19,32 +28,17 @@ protected:
     ~SystemTest() override;
     void TearDown() override;
 
-    struct Options {
-        std::string comm = "{}";             ///< the document's "comm"
-        std::vector<std::string> services{}; ///< locators of services, under their paths
-        std::string runDirectory{};          ///< the test's unless given
-        std::string trace = "*=2";
-        bool isNobody = false;
-    };
     /// Starts an actor; returns when its runtime runs.
-    Process& start(const std::string& process, const Options& options);
-    Process& start(const std::string& process) { return start(process, Options()); }
+    Process& start(const std::string& process, const Options& options = {});
     /// An actor that is not waited for.
-    Process& launch(const std::string& process, const Options& options);
-    Process& launch(const std::string& process) { return launch(process, Options()); }
+    Process& launch(const std::string& process, const Options& options = {});
     Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
     /// An actor that provides `path`.
-    Process& startProvider(const std::string& process, const std::string& path, const Options& options);
-    Process& startProvider(const std::string& process, const std::string& path)
-    {
-        return startProvider(process, path, Options());
-    }
-    /// An actor that is connected to `locator`.
-    Process& startClient(const std::string& process, const std::string& locator, const Options& options);
-    Process& startClient(const std::string& process, const std::string& locator)
-    {
-        return startClient(process, locator, Options());
-    }
+    Process& startProvider(const std::string& process, const std::string& path, const Options& options = {});
+    /// An actor that is connected to `service`, a locator or a path.
+    Process& startClient(const std::string& process, const std::string& service, const Options& options = {});
+    /// One that also follows its feed.
+    Process& startFollower(const std::string& process, const std::string& service, const Options& options = {});
 
     /// Somebody who is not concerned, and calls a service without a pause from now on. No call may fail.
     void startBystander(const std::string& locator);

@@ -37,12 +37,8 @@ TEST_F(SystemDeath, AKilledProviderIsLostOnceWithItsStreamsAndFoundAgain)
 {
     startBystanders();
     Process& provider = startProvider("media", "/player");
-    Process& byLocator = startClient("locator-watch", PLAYER);
-    Process& byPath = startClient("path-watch", "/player", {.services = {PLAYER}});
-    byLocator.send("follow " + PLAYER);
-    byPath.send("follow /player");
-    byLocator.expect("value " + PLAYER + "#1 0");
-    byPath.expect("value /player#1 0");
+    Process& byLocator = startFollower("locator-watch", PLAYER);
+    Process& byPath = startFollower("path-watch", "/player", {.services = {PLAYER}});
     byLocator.send("call hanging " + PLAYER + " /hang");
     byLocator.expect("issued hanging");
 
@@ -106,9 +102,7 @@ TEST_F(SystemDeath, ARowOfDeathsAndRestartsEndsConnected)
 TEST_F(SystemDeath, AProviderThatEndsInOrderIsLostTheSameWay)
 {
     Process& provider = startProvider("media", "/player");
-    Process& watcher = startClient("watcher", PLAYER);
-    watcher.send("follow " + PLAYER);
-    watcher.expect("value " + PLAYER + "#1 0");
+    Process& watcher = startFollower("watcher", PLAYER);
     provider.send("withdraw /player");
     watcher.expect("error " + PLAYER + "#1 503");
     watcher.expect("lost " + PLAYER);
@@ -130,9 +124,7 @@ TEST_F(SystemDeath, AForkedChildHoldsNothingAndMayUseNothing)
 {
     startBystanders();
     Process& provider = startProvider("media", "/player");
-    Process& watcher = startClient("watcher", PLAYER);
-    watcher.send("follow " + PLAYER);
-    watcher.expect("value " + PLAYER + "#1 0");
+    Process& watcher = startFollower("watcher", PLAYER);
     provider.send("fork");
     const pid_t child = std::stoi(provider.expect("forked"));
     provider.kill();
@@ -158,9 +150,7 @@ TEST_F(SystemDeath, ADeathIsSeenThoughAChildKeepsTheSocketsOpen)
 {
     startBystanders();
     Process& provider = startProvider("media", "/player");
-    Process& watcher = startClient("watcher", PLAYER);
-    watcher.send("follow " + PLAYER);
-    watcher.expect("value " + PLAYER + "#1 0");
+    Process& watcher = startFollower("watcher", PLAYER);
     provider.send("fork raw");
     const pid_t child = std::stoi(provider.expect("forked"));
     provider.kill();

@@ -16,9 +16,7 @@ using SystemSilence = SystemTest;
 TEST_F(SystemSilence, AnIdleProviderMayStandStill)
 {
     Process& provider = startProvider("media", "/player", {.comm = R"({"heartbeat_ms": 100})"});
-    Process& watcher = startClient("watcher", PLAYER, {.comm = R"({"heartbeat_ms": 100})"});
-    watcher.send("follow " + PLAYER);
-    watcher.expect("value " + PLAYER + "#1 0");
+    Process& watcher = startFollower("watcher", PLAYER, {.comm = R"({"heartbeat_ms": 100})"});
     provider.stop();
     watcher.expectQuiet(1200ms);
     provider.resume();
@@ -32,9 +30,7 @@ TEST_F(SystemSilence, AnAnswerThatIsOwedByAProviderThatStandsStillEndsTheConnect
 {
     startBystanders();
     Process& provider = startProvider("media", "/player");
-    Process& watcher = startClient("watcher", PLAYER, {.comm = R"({"heartbeat_ms": 400})"});
-    watcher.send("follow " + PLAYER);
-    watcher.expect("value " + PLAYER + "#1 0");
+    Process& watcher = startFollower("watcher", PLAYER, {.comm = R"({"heartbeat_ms": 400})"});
     // A service may take its time: its process answers the pings.
     watcher.send("call owed " + PLAYER + " /hang single-response");
     watcher.expect("issued owed");
@@ -72,12 +68,8 @@ TEST_F(SystemSilence, AClientThatStandsStillLosesItsStreamAndNobodyElseDoes)
     Process& provider =
         startProvider("media", "/player", {.comm = R"({"send_queue_bytes": 65536, "heartbeat_ms": 600000})"});
     startBystander(PLAYER);
-    Process& slow = startClient("slow", PLAYER);
-    Process& other = startClient("other", PLAYER);
-    for (Process* const client : {&slow, &other}) {
-        client->send("follow " + PLAYER);
-        client->expect("value " + PLAYER + "#1 0");
-    }
+    Process& slow = startFollower("slow", PLAYER);
+    Process& other = startFollower("other", PLAYER);
     slow.send("call hanging " + PLAYER + " /hang");
     slow.expect("issued hanging");
     slow.stop();
@@ -111,9 +103,7 @@ TEST_F(SystemSilence, AClientThatStandsStillForLongIsCutOff)
     Process& provider =
         startProvider("media", "/player", {.comm = R"({"send_queue_bytes": 65536, "heartbeat_ms": 300})"});
     startBystander(PLAYER);
-    Process& slow = startClient("slow", PLAYER);
-    slow.send("follow " + PLAYER);
-    slow.expect("value " + PLAYER + "#1 0");
+    Process& slow = startFollower("slow", PLAYER);
     slow.stop();
     for (std::string fed; fed != "0 1";) {
         provider.send("feed 30000");
