@@ -77,9 +77,11 @@ void SendQueue::pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, 
     } else {
         m_bodies.push_back(body);
     }
+    const auto bodyNumber = static_cast<std::uint32_t>(m_firstBody + m_bodies.size() - 1);
     writeHeader(m_bytes.data() + m_lineBytes, header);
     const auto bytes = static_cast<std::uint32_t>(m_bytes.size() - m_lineBytes);
-    m_entries.push_back({stream, bytes, isCopied ? 0 : static_cast<std::uint32_t>(body.size()), kind, false, false});
+    m_entries.push_back(
+        {stream, bytes, isCopied ? 0 : static_cast<std::uint32_t>(body.size()), bodyNumber, 0, kind, false, false});
     m_lineBytes = m_bytes.size();
     m_hasPing = m_hasPing || kind == Kind::ePING;
     m_hasPong = m_hasPong || kind == Kind::ePONG;
@@ -89,7 +91,7 @@ void SendQueue::pushLane(Lane& lane)
 {
     lane.written = 0;
     lane.isInRing = false;
-    m_entries.push_back({lane.stream, 0, 0, lane.message.kind, false, true});
+    m_entries.push_back({lane.stream, 0, 0, 0, 0, lane.message.kind, false, true});
 }
 
 void SendQueue::advance(Lane& lane)
@@ -130,24 +132,25 @@ bool SendQueue::drop(std::uint32_t stream, Kind kind)
 bool SendQueue::dropFromLine(std::uint32_t stream, Kind kind)
 {
     account();
-    if (m_perStream.count(stream) == 0) {
+    const auto account = m_perStream.find(stream);
+    if (account == m_perStream.end()) {
         return false;
     }
     bool dropped = false;
-    std::size_t body = 0;
-    for (std::size_t i = m_first; i < m_entries.size(); ++i) {
-        Entry& entry = m_entries[i];
-        const bool isBegun = i == m_first && m_frontWritten > 0;
-        if (entry.stream == stream && entry.kind == kind && !entry.isDropped && !entry.isLarge && !isBegun) {
+    std::uint64_t number = account->second.last;
+    for (std::uint32_t back = 1; back != 0 && number >= m_firstNumber; number -= back) {
+        Entry& entry = entryAt(number);
+        const bool isBegun = number == m_firstNumber && m_frontWritten > 0;
+        if (entry.kind == kind && !entry.isDropped && !isBegun) {
             unaccount(entry);
             m_queued -= entry.size();
             if (entry.body > 0) {
-                m_bodies[body] = Payload();
+                m_bodies[entry.bodyNumber - m_firstBody] = Payload();
             }
             dropEntry(entry);
             dropped = true;
         }
-        body += entry.body > 0 ? 1U : 0U;
+        back = entry.previous;
     }
     return dropped;
 }
@@ -201,6 +204,7 @@ void SendQueue::compact()
             to += entry.bytes;
             entries.push_back(entry);
             if (entry.body > 0) {
+                entries.back().bodyNumber = static_cast<std::uint32_t>(m_firstBody + bodies.size());
                 bodies.push_back(std::move(m_bodies[body]));
             }
         }
@@ -219,26 +223,31 @@ void SendQueue::compact()
 
 // ---- counting -------------------------------------------------------------------------------------------------
 
-void SendQueue::account() const
+void SendQueue::account()
 {
     for (std::size_t i = m_first + m_accounted; i < m_entries.size(); ++i) {
-        const Entry& entry = m_entries[i];
-        if (!entry.isDropped && !entry.isLarge) {
-            m_perStream[entry.stream] += entry.size();
+        Entry& entry = m_entries[i];
+        if (entry.isDropped || entry.isLarge) {
+            continue;
         }
+        const std::uint64_t number = m_firstNumber + (i - m_first);
+        const auto [account, isFirst] = m_perStream.try_emplace(entry.stream);
+        entry.previous = isFirst ? 0 : static_cast<std::uint32_t>(number - account->second.last);
+        account->second.last = number;
+        account->second.bytes += entry.size();
     }
     m_accounted = m_entries.size() - m_first;
 }
 
-void SendQueue::unaccount(const Entry& entry) const
+void SendQueue::unaccount(const Entry& entry)
 {
     const auto found = m_perStream.find(entry.stream);
-    if (found != m_perStream.end() && (found->second -= entry.size()) == 0) {
+    if (found != m_perStream.end() && (found->second.bytes -= entry.size()) == 0) {
         m_perStream.erase(found);
     }
 }
 
-std::size_t SendQueue::bytes(std::uint32_t stream) const
+std::size_t SendQueue::bytes(std::uint32_t stream)
 {
     if (m_queued == 0) {
         return 0;
@@ -246,7 +255,7 @@ std::size_t SendQueue::bytes(std::uint32_t stream) const
     account();
     std::size_t bytes = 0;
     if (const auto found = m_perStream.find(stream); found != m_perStream.end()) {
-        bytes = found->second;
+        bytes = found->second.bytes;
     }
     if (m_frontWritten > 0 && m_entries[m_first].stream == stream) {
         bytes -= m_frontWritten;
@@ -450,8 +459,10 @@ void SendQueue::popFront()
     m_lineBytes -= entry.bytes;
     if (entry.body > 0) {
         m_bodies.pop_front();
+        ++m_firstBody;
     }
     ++m_first;
+    ++m_firstNumber;
     if (m_first == m_entries.size()) {
         m_entries.clear();
         m_first = 0;

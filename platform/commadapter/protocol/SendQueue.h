@@ -47,7 +47,7 @@ public:
     bool drop(std::uint32_t stream, Kind kind);
 
     std::size_t bytes() const noexcept { return m_queued; }
-    std::size_t bytes(std::uint32_t stream) const;
+    std::size_t bytes(std::uint32_t stream);
     bool hasPing() const noexcept { return m_hasPing; }
     bool hasPong() const noexcept { return m_hasPong; }
 
@@ -60,8 +60,10 @@ private:
     /// One place in the line: a message of one frame, or where a larger one waits.
     struct Entry {
         std::uint32_t stream;
-        std::uint32_t bytes; ///< of it in `m_bytes`
-        std::uint32_t body;  ///< of it in `m_bodies`, when it was too large to copy
+        std::uint32_t bytes;      ///< of it in `m_bytes`
+        std::uint32_t body;       ///< of it in `m_bodies`, when it was too large to copy
+        std::uint32_t bodyNumber; ///< its number, counted from when the queue was made; may overflow
+        std::uint32_t previous;   ///< so many entries before this one is another of the stream; 0: none is known
         Kind kind;
         bool isDropped;
         bool isLarge; ///< the message is its stream's lane
@@ -113,15 +115,19 @@ private:
     void sentLane(Lane& lane, std::size_t size);
     void popFront();
 
-    void account() const;
-    void unaccount(const Entry& entry) const;
+    /// Entries are numbered in the order they came; compacting gives new numbers.
+    Entry& entryAt(std::uint64_t number) noexcept { return m_entries[m_first + (number - m_firstNumber)]; }
+    void account();
+    void unaccount(const Entry& entry);
 
     // The line. Entries and bodies before `m_first` and `m_firstBody` have left.
     ByteQueue m_bytes;
     std::size_t m_lineBytes = 0; ///< of `m_bytes`, without a message that is being encoded
     std::vector<Entry> m_entries;
     std::size_t m_first = 0;
+    std::uint64_t m_firstNumber = 0; ///< number of the one at `m_first`
     std::deque<Payload> m_bodies;
+    std::uint32_t m_firstBody = 0;  ///< number of the first of them
     std::size_t m_frontWritten = 0; ///< bytes of the first entry
     std::size_t m_droppedBytes = 0; ///< held by entries that are dropped and still there
 
@@ -137,9 +143,13 @@ private:
     std::vector<Step> m_steps;                                                           ///< of the last `gather`
     std::array<std::array<unsigned char, HEADER_BYTES>, GATHERED_FRAGMENTS> m_headers{}; ///< of its fragments
 
-    // Bytes per stream in the line, brought up to date when asked for: nobody asks while the queue does not grow.
-    mutable std::unordered_map<std::uint32_t, std::size_t> m_perStream;
-    mutable std::size_t m_accounted = 0; ///< entries, from `m_first` on
+    // What each stream has in the line, brought up to date when asked for: nobody asks while the queue does not grow.
+    struct Account {
+        std::size_t bytes = 0;
+        std::uint64_t last = 0; ///< number of its last entry
+    };
+    std::unordered_map<std::uint32_t, Account> m_perStream;
+    std::size_t m_accounted = 0; ///< entries, from `m_first` on
 };
 
 } // namespace kesa::commadapter::protocol
