@@ -89,12 +89,13 @@ TEST_F(ReactorTest, TimersRunInTheOrderOfTheirTimesUnlessCancelled)
         loop->post([this] { log.emplace_back("posted"); });
     });
     done.await();
+    runOn(*loop, [] {}); // a turn more
     loop->stop();
     EXPECT_GE(ranAt, start + 4 * MILLISECOND);
-    log.erase(std::remove(log.begin(), log.end(), "posted"), log.end());
-    EXPECT_EQ(log.front(), "past");
-    EXPECT_EQ(log.back(), "late");
-    EXPECT_EQ(log.size(), 4U);
+    // On a busy machine all may be due in one turn, and what a timer starts waits for the next.
+    EXPECT_EQ(std::erase(log, "past again"), 1U);
+    EXPECT_EQ(std::erase(log, "posted"), 1U);
+    EXPECT_EQ(log, (std::vector<std::string>{"past", "early", "late"}));
 }
 
 TEST_F(ReactorTest, ReportsADescriptorAsLongAsItIsReady)
