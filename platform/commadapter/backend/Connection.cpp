@@ -113,17 +113,16 @@ void Connection::onReadable()
     readBatch();
 }
 
-bool Connection::readBatch()
+void Connection::readBatch()
 {
     if (!m_isOpen || m_isReceiving) {
-        return false;
+        return;
     }
     {
         const Lock lock(m_lock);
         m_isBatch = true;
     }
     m_isReceiving = true;
-    bool hasMore = false;
     for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason; ++reads) {
         const auto into = m_machine->inputBuffer();
         std::size_t size = 0;
@@ -131,8 +130,7 @@ bool Connection::readBatch()
         if (result == transport::IStream::Result::eENDED) {
             m_lostReason = m_stream->reason().empty() ? "the peer closed the connection" : m_stream->reason();
         }
-        hasMore = result == transport::IStream::Result::eDONE && size > 0;
-        if (!hasMore) {
+        if (result != transport::IStream::Result::eDONE || size == 0) {
             break;
         }
         const bool failed = m_machine->received(size, comm::now());
@@ -144,7 +142,6 @@ bool Connection::readBatch()
     }
     m_isReceiving = false;
     finishBatch();
-    return hasMore && m_isOpen;
 }
 
 void Connection::finishBatch()
@@ -162,17 +159,10 @@ void Connection::finishBatch()
     }
 }
 
-void Connection::readAll()
-{
-    while (readBatch()) {
-    }
-}
-
 void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    readAll(); // what it had sent before
     lose("the peer's process has ended");
 }
 
@@ -279,7 +269,7 @@ void Connection::writeFailed()
 {
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
-            self->readAll();
+            self->readBatch();
         }
         if (self->m_isOpen && self->m_opened == opened) {
             const std::string reason = self->m_stream->reason();
@@ -330,7 +320,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     if (now >= m_machine->nextDeadline()) {
         lock.unlock();
-        readAll(); // before a peer is judged silent
+        readBatch(); // before a peer is judged silent
         if (!m_isOpen) {
             return false;
         }

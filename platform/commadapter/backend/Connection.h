@@ -95,9 +95,9 @@ private:
     void onWritable() override;
     void onPeerExited() override;
 
-    /// Reads and handles what is there, up to a limit; true: there may be more.
-    bool readBatch();
-    void readAll();
+    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on keeps
+    /// nobody here.
+    void readBatch();
     void finishBatch();
     void write();
     void wantWrite();
