@@ -201,13 +201,16 @@ std::int64_t RawPeer::awaitClosed()
 
 RawListener::RawListener(const std::string& runDirectory, const std::string& process)
     : m_socket(openSocket(runDirectory, process, ::bind))
-{
-    ::listen(m_socket, 16);
-}
+{}
 
 RawListener::~RawListener()
 {
     ::close(m_socket);
+}
+
+void RawListener::listen() const
+{
+    ::listen(m_socket, 16);
 }
 
 void RawListener::answerNext(std::string_view bytes) const

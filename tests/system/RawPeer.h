@@ -75,11 +75,13 @@ private:
 /// A server that is only a socket. Its file stays.
 class RawListener {
 public:
+    /// Its socket is there, and refuses everybody until `listen`.
     RawListener(const std::string& runDirectory, const std::string& process);
     ~RawListener();
     RawListener(const RawListener&) = delete;
     RawListener& operator=(const RawListener&) = delete;
 
+    void listen() const;
     /// Waits for the next client, writes, and closes the connection.
     void answerNext(std::string_view bytes) const;
 

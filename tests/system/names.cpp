@@ -70,7 +70,7 @@ TEST_F(SystemNames, WhatADeadProcessLeftIsInNobodysWay)
     EXPECT_TRUE(isInRunDirectory("media.sock") && isInRunDirectory("media.lock"));
     Process& watcher = start("watcher");
     watcher.send("resolve " + PLAYER);
-    watcher.expectTrace("no process listens as \"media\"");
+    watcher.expectTrace("nobody listens on the socket of \"media\"");
     startProvider("media", "/player");
     watcher.expect("connected " + PLAYER);
 }

@@ -295,6 +295,8 @@ TEST_F(SystemRubbish, AListenerThatTalksRubbishIsTriedAgainUntilItIsSomebodyElse
     watcher.send("resolve ipc://fake/a");
     {
         const RawListener fake(runDirectory(), "fake");
+        watcher.expectTrace("nobody listens on the socket of \"fake\""); // tried before it listens: no file tells when
+        fake.listen();
         for (int count = 0; count < 5; ++count) {
             fake.answerNext("HTTP/1.1 400 Bad Request\r\n\r\n");
         }

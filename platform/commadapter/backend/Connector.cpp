@@ -1,6 +1,7 @@
-// A missing endpoint is watched, and nothing is tried until the watch fires. Where nothing can be watched, and after
-// all other failures, the pauses double from 1 ms to the longest of the transport. A busy one is tried again within 1
-// to 5 ms, at random, so that many clients do not come back at the same moment.
+// A missing endpoint is watched, and nothing is tried until the watch fires. Where nothing can be watched, after all
+// other failures, and beside the watch of a socket that nobody listens on, the pauses double from 1 ms to the longest
+// of the transport. A busy one is tried again within 1 to 5 ms, at random, so that many clients do not come back at the
+// same moment.
 
 #include "backend/Connector.h"
 
@@ -81,6 +82,12 @@ void Connector::attempted(transport::ITransport::Connected result)
     switch (result.failure) {
     case transport::ITransport::Failure::eMISSING:
         missing();
+        break;
+    case transport::ITransport::Failure::eSILENT:
+        missing();
+        if (m_state == State::eWAITING && m_timer == 0) {
+            pause(nextPause());
+        }
         break;
     case transport::ITransport::Failure::eBUSY:
         pause(comm::MILLISECOND + static_cast<comm::TimeNs>(obr::Random::current().below(4 * comm::MILLISECOND)));

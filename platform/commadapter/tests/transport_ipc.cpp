@@ -246,7 +246,7 @@ TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
     EXPECT_TRUE(third.listen("nav"));
     EXPECT_EQ(third.why, "the name \"nav\" is held by process " + std::to_string(holder.pid));
     holder.end();
-    EXPECT_EQ(second.connect("nav"), ITransport::Failure::eMISSING) << "a stale socket";
+    EXPECT_EQ(second.connect("nav"), ITransport::Failure::eSILENT) << "a stale socket";
     EXPECT_FALSE(third.listen("nav")) << third.why;
     EXPECT_EQ(second.connect("nav"), std::nullopt) << second.reason;
 }
@@ -289,7 +289,7 @@ TEST_F(TransportIpc, AnEndpointThatAppearedBeforeItWasWatchedIsReportedButAStale
     Node server(board, directory);
     fs::create_directory(directory);
     ::close(rawSocket(directory + "/stale.sock", ::bind));
-    EXPECT_EQ(client.connect("stale"), ITransport::Failure::eMISSING);
+    EXPECT_EQ(client.connect("stale"), ITransport::Failure::eSILENT);
     EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
     ASSERT_FALSE(server.listen("media"));
     const comm::Reactor::Id stale = client.watch("stale");

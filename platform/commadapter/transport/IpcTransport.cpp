@@ -247,8 +247,15 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         case EAGAIN:
             return refuse(Failure::eBUSY, "too many connections wait to be accepted");
         case ENOENT:
-        case ECONNREFUSED:
             return miss(endpoint, SocketFile(status));
+        case ECONNREFUSED: {
+            // Of a dead process, or of one that is between bind and listen, which no watch would tell of.
+            Connected silent = miss(endpoint, SocketFile(status));
+            silent.failure = Failure::eSILENT;
+            silent.reason = fmt::format("nobody listens on the socket of \"{}\" in \"{}\"", endpoint.process,
+                                        m_runDirectory.path());
+            return silent;
+        }
         default:
             return refuse(Failure::eOTHER, "cannot connect");
         }
