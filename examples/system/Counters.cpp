@@ -1,5 +1,6 @@
 #include "Counters.h"
 
+#include <cmath>
 #include <fstream>
 #include <sstream>
 
@@ -57,7 +58,7 @@ kesa::GenericObject CpuCounter::read()
         total > m_total ? static_cast<double>(busy - m_busy) / static_cast<double>(total - m_total) : 0.0;
     m_busy = busy;
     m_total = total;
-    return {{"busy_percent", static_cast<std::int64_t>(share * 1000.0) / 10.0}};
+    return {{"busy_percent", std::round(share * 1000.0) / 10.0}};
 }
 
 kesa::GenericObject readMemory()

@@ -95,8 +95,8 @@ private:
     void onWritable() override;
     void onPeerExited() override;
 
-    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on keeps
-    /// nobody here.
+    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on
+    /// keeps nobody here.
     void readBatch();
     void finishBatch();
     void write();

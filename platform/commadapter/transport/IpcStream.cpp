@@ -9,6 +9,7 @@
 #include <array>
 #include <climits>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 namespace kesa::commadapter::transport {
@@ -231,7 +232,7 @@ IStream::Result IpcStream::fail(int error)
     case ECONNRESET:
         return end("the peer closed the connection");
     default:
-        return end(std::strerror(error));
+        return end(std::system_category().message(error).c_str());
     }
 }
 

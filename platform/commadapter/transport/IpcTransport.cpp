@@ -21,9 +21,9 @@
 
 #include <fmt/format.h>
 
-#include <cstring>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
 namespace kesa::commadapter::transport {
@@ -200,7 +200,8 @@ void IpcTransport::acceptAll()
 void IpcTransport::pauseAccepting(int error)
 {
     if (!std::exchange(m_isLimitTraced, true)) {
-        KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s", std::strerror(error));
+        KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s",
+                   std::system_category().message(error).c_str());
     }
     m_loop->changeInterest(m_acceptWatch, comm::Reactor::eNONE);
     m_acceptTimer = m_loop->startTimer(comm::now() + ACCEPT_PAUSE, [this] {
@@ -221,7 +222,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         return {nullptr, Failure::eOTHER, "the locator is of another realm"};
     }
     const auto refuse = [](Failure failure, const char* what) {
-        return Connected{nullptr, failure, fmt::format("{}: {}", what, std::strerror(errno))};
+        return Connected{nullptr, failure, fmt::format("{}: {}", what, std::system_category().message(errno))};
     };
     const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
     const Descriptor file(retryInterrupted([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));

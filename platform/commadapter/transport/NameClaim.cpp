@@ -20,9 +20,9 @@
 
 #include <array>
 #include <charconv>
-#include <cstring>
 #include <optional>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace kesa::commadapter::transport {
@@ -90,13 +90,14 @@ bool NameClaim::lock(std::string& why)
     }));
     if (!opened) {
         why = fmt::format("cannot open \"{}\" in the run directory: {}; it belongs to who used the name \"{}\" first",
-                          file, std::strerror(errno), m_process);
+                          file, std::system_category().message(errno), m_process);
         return true;
     }
     if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
         why = errno == EWOULDBLOCK
                   ? fmt::format("the name \"{}\" is held by {}", m_process, describeHolder(opened.get()))
-                  : fmt::format("cannot lock \"{}\" in the run directory: {}", file, std::strerror(errno));
+                  : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
+                                std::system_category().message(errno));
         return true;
     }
     m_lock = std::move(opened);
@@ -113,7 +114,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
     m_socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!m_socket) {
-        why = fmt::format("cannot make a socket: {}", std::strerror(errno));
+        why = fmt::format("cannot make a socket: {}", std::system_category().message(errno));
         return true;
     }
     // Accepted sockets inherit it. Setting it on them would be too late for a peer that writes in between.
@@ -129,7 +130,8 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
                     ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
                     ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
-        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, std::strerror(errno));
+        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file,
+                          std::system_category().message(errno));
         failed = true;
     }
     if (failed) {
@@ -143,7 +145,8 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const
 {
     const auto refuse = [&](const char* what) {
-        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, std::strerror(errno));
+        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file,
+                          std::system_category().message(errno));
         return true;
     };
     // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.

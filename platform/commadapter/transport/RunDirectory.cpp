@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -108,7 +107,7 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         why =
             fmt::format("{} the run directory \"{}\": {}; make it writable for this process, or name another one with "
                         "\"run_dir\" or KESA_RUN_DIR",
-                        what, m_path, std::strerror(errno));
+                        what, m_path, std::system_category().message(errno));
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;

@@ -6,7 +6,7 @@
 
 namespace kesa {
 
-Request::Request(std::string command, std::string path, Payload payload, std::shared_ptr<GenericObject> headers)
+Request::Request(std::string command, std::string path, Payload payload, const std::shared_ptr<GenericObject>& headers)
     : m_command(std::move(command)), m_path(std::move(path)), m_payload(std::move(payload)),
       m_headers(headers ? *headers : GenericObject())
 {}

@@ -5,7 +5,7 @@
 
 namespace kesa {
 
-Response::Response(unsigned short status, Payload payload, std::shared_ptr<GenericObject> headers)
+Response::Response(unsigned short status, Payload payload, const std::shared_ptr<GenericObject>& headers)
     : m_status(status), m_payload(std::move(payload)), m_headers(headers ? *headers : GenericObject())
 {}
 

@@ -9,10 +9,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
+#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -170,7 +170,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
     const int descriptor =
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0640);
     if (descriptor < 0) {
-        reason = "cannot open trace file '" + path + "': " + std::strerror(errno);
+        reason = "cannot open trace file '" + path + "': " + std::system_category().message(errno);
         return nullptr;
     }
     return std::make_shared<SpdlogSink>(descriptor, LineOutput::Ownership::eOWNED, false);

@@ -16,9 +16,9 @@ public:
         : serviceDef(std::move(resolved)), api(std::move(client))
     {}
     ResolveResult(const ResolveResult&) = default;
-    ResolveResult(ResolveResult&&) = default;
+    ResolveResult(ResolveResult&&) noexcept = default;
     ResolveResult& operator=(const ResolveResult&) = default;
-    ResolveResult& operator=(ResolveResult&&) = default;
+    ResolveResult& operator=(ResolveResult&&) noexcept = default;
     virtual ~ResolveResult() = default;
 
     serviceregistry::ServiceDef serviceDef;

@@ -18,7 +18,7 @@ public:
     Request() = default;
     /// `headers` may be null; it is not shared with whoever changes it afterwards through another pointer.
     Request(std::string command, std::string path, Payload payload = Payload(),
-            std::shared_ptr<GenericObject> headers = nullptr);
+            const std::shared_ptr<GenericObject>& headers = nullptr);
     /// A request that arrived: its headers are decoded at the first question for them.
     Request(std::string command, std::string path, Payload payload, std::shared_ptr<const IHeaderSource> headers);
 

@@ -18,7 +18,7 @@ namespace kesa {
 class KESA_API Response {
 public:
     Response() = default;
-    Response(unsigned short status, Payload payload, std::shared_ptr<GenericObject> headers = nullptr);
+    Response(unsigned short status, Payload payload, const std::shared_ptr<GenericObject>& headers = nullptr);
     /// A response that arrived: its headers are decoded at the first question for them.
     Response(unsigned short status, Payload payload, std::shared_ptr<const IHeaderSource> headers);
 

@@ -5,6 +5,8 @@
 #include <obr/errors.h>
 #include <util/config/Provider.h>
 
+#include <fmt/format.h>
+
 #include <cerrno>
 #include <unistd.h>
 
@@ -43,7 +45,7 @@ std::vector<Candidate> candidates(const std::string& name, const std::string& pa
     std::vector<Candidate> result;
     for (const std::string& folder : {environment(variable + "_DIR"), path, "/etc/" + name}) {
         if (!folder.empty()) {
-            result.push_back({folder, folder + "/" + name + ".json", false});
+            result.push_back({folder, fmt::format("{}/{}.json", folder, name), false});
         }
     }
     return result;

@@ -3,8 +3,8 @@
 #include "parseDocument.h"
 
 #include <cerrno>
-#include <cstring>
 #include <fcntl.h>
+#include <system_error>
 #include <unistd.h>
 
 namespace util::config {
@@ -55,7 +55,7 @@ Reading readDocument(const std::string& file, Value& out, std::vector<std::strin
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
         const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-        problem = file + ": cannot be read: " + std::strerror(errno);
+        problem = file + ": cannot be read: " + std::system_category().message(errno);
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
     if (bytes.size() > LARGEST_DOCUMENT) {

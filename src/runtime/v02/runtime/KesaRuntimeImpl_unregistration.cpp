@@ -22,6 +22,7 @@ std::vector<url> locatorsToWithdraw(const std::vector<url>& recorded, const std:
 
 } // namespace
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the path may be a part of what goes
 void KesaRuntimeImpl::performUnregistration(std::string path)
 {
     onExecutor();
@@ -58,6 +59,7 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
     eventlog::registrationUnregister(m_eventSource, serviceDef);
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the path may be a part of what goes
 void KesaRuntimeImpl::deleteRuntimeEntry(std::string path)
 {
     onExecutor();
