@@ -5,8 +5,8 @@
 #include "backend/ServiceTable.h"
 #include "backend/StreamTable.h"
 
+#include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
-#include <kesa/commadapter/IStreamControl.h>
 
 #include <cstdint>
 #include <memory>

@@ -2,7 +2,7 @@
 
 #include "backend_support.h"
 
-#include <kesa/commadapter/IStreamControl.h>
+#include <kesa/IStreamControl.h>
 
 #include <gtest/gtest.h>
 

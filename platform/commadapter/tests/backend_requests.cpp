@@ -3,8 +3,8 @@
 
 #include "backend_support.h"
 
+#include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
-#include <kesa/commadapter/IStreamControl.h>
 #include <kesa/headers.h>
 
 #include <gtest/gtest.h>

@@ -1,6 +1,7 @@
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IHeaderSource.h>
 #include <kesa/IKesaApi.h>
+#include <kesa/IPeer.h>
 #include <kesa/IResourceHandler.h>
 
 namespace kesa {
@@ -9,6 +10,7 @@ namespace kesa {
 IClientConnectionListener::~IClientConnectionListener() = default;
 IHeaderSource::~IHeaderSource() = default;
 IKesaApi::~IKesaApi() = default;
+IPeer::~IPeer() = default;
 IResourceHandler::~IResourceHandler() = default;
 
 const GenericObject& IHeaderSource::headers() const

@@ -1,10 +1,13 @@
 #ifndef KESA_REQUESTCONTEXT_H
 #define KESA_REQUESTCONTEXT_H
 
+#include <kesa/IPeer.h>
+#include <kesa/IStreamControl.h>
 #include <obr/UUID.h>
 #include <obr/api.h>
 
 #include <cstdint>
+#include <memory>
 #include <string>
 
 namespace kesa {
@@ -21,6 +24,8 @@ public:
     std::int64_t uid = -1;
     std::int64_t gid = -1;
     std::string subject; ///< of the peer's certificate, where there is one
+    std::shared_ptr<IPeer> peer;
+    IStreamControl* stream = nullptr; ///< of the request being handled, inside that call only
 
     /// The context of the request being handled on this thread; null outside of one, and for a caller in this process.
     static const RequestContext* current() noexcept;

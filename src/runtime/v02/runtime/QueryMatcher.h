@@ -12,8 +12,8 @@ namespace kesa::runtime::v02 {
 /// Values of the query's metadata are compared by their texts. A list of accepted strings accepts any of them; where
 /// the service has a list, too, both must hold the same strings in any order. Arrays and dictionaries inside a list
 /// match nothing.
-bool matchesQuery(const serviceregistry::ServiceDef& serviceDef, const serviceregistry::Query& query,
-                  const PathPatterns& patterns);
+KESA_API bool matchesQuery(const serviceregistry::ServiceDef& serviceDef, const serviceregistry::Query& query,
+                           const PathPatterns& patterns);
 
 } // namespace kesa::runtime::v02
 

@@ -1,9 +1,9 @@
-#ifndef KESA_COMMADAPTER_ISTREAMCONTROL_H
-#define KESA_COMMADAPTER_ISTREAMCONTROL_H
+#ifndef KESA_ISTREAMCONTROL_H
+#define KESA_ISTREAMCONTROL_H
 
 #include <obr/api.h>
 
-namespace kesa::commadapter {
+namespace kesa {
 
 /// What becomes of a value for a client that does not take its values as fast as they come, once more is queued for
 /// it than the bound.
@@ -13,8 +13,8 @@ enum class QueuePolicy {
     eCUT_CONNECTION, ///< the value is queued all the same; a client that takes nothing at all is cut off
 };
 
-/// What a service may set for one stream of answers. The response handler that a request comes with is one of these
-/// when it leads straight to a connection: `dynamic_cast<IStreamControl*>(handler.get())`.
+/// What a service may set for one stream of answers: `RequestContext::current()->stream`, while it is given the
+/// request.
 class KESA_API IStreamControl {
 public:
     virtual ~IStreamControl() = default;
@@ -22,6 +22,6 @@ public:
     virtual void setQueuePolicy(QueuePolicy policy) = 0;
 };
 
-} // namespace kesa::commadapter
+} // namespace kesa
 
 #endif

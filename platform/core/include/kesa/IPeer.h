@@ -1,0 +1,33 @@
+#ifndef KESA_IPEER_H
+#define KESA_IPEER_H
+
+#include <comm/Clock.h>
+#include <obr/api.h>
+
+#include <functional>
+
+namespace kesa {
+
+/// The process at the other end of the connection that a request came over. Any thread; it may be kept, and may outlive
+/// the connection and the backend.
+class KESA_API IPeer {
+public:
+    virtual ~IPeer();
+
+    /// Asks the peer for a sign of life. `answer` is called once, on the backend's I/O loop, never inside this call and
+    /// with no lock held: true when anything came from the peer after it was asked; false when the connection has
+    /// ended, the process has exited, or nothing came `within` that time. Before false the connection has been closed
+    /// and its requests have been cancelled at their services. After the backend's end `answer` is dropped.
+    virtual void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) = 0;
+
+    /// Calls `task` once, on the I/O loop, never inside this call and with no lock held, as soon as nothing is queued
+    /// for the peer any more. Dropped when the connection ends.
+    virtual void whenDrained(std::function<void()> task) = 0;
+
+    /// Closes the connection, with `reason` in the trace; its requests are cancelled. Never inside this call.
+    virtual void disconnect(const char* reason) = 0;
+};
+
+} // namespace kesa
+
+#endif

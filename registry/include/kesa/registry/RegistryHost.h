@@ -1,0 +1,42 @@
+#ifndef KESA_REGISTRY_REGISTRYHOST_H
+#define KESA_REGISTRY_REGISTRYHOST_H
+
+#include <kesa/Response.h>
+#include <kesa/runtime/v02/IRuntimeRegistry.h>
+#include <kesa/serviceregistry/IServiceRegistry.h>
+
+#include <functional>
+#include <memory>
+
+namespace kesa::registry {
+
+/// Makes this process the host of the registry: registers it with the runtime, as the first of all services, and shows
+/// its watchers what this process itself provides. The runtime must have found one of its registry locators to be its
+/// own.
+///
+/// The runtime of the hosting process knows its own services only: who wants to see all of them here asks `registry()`.
+class KESA_API RegistryHost {
+public:
+    /// `ready` is called on the executor once the registry can be reached, `failed` on the updater when it cannot be
+    /// registered; one of them, once.
+    RegistryHost(runtime::v02::IRuntimeRegistry& runtime, std::function<void()> ready,
+                 std::function<void(const Response& error)> failed);
+    /// Stops, if that has not been done.
+    ~RegistryHost();
+    RegistryHost(const RegistryHost&) = delete;
+    RegistryHost& operator=(const RegistryHost&) = delete;
+
+    /// Ends all requests with 503, then withdraws the registry. Every other registration of this process must have
+    /// been disposed before. Not on a loop of the runtime.
+    void stop();
+
+    serviceregistry::IServiceRegistry& registry();
+
+private:
+    class Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+} // namespace kesa::registry
+
+#endif

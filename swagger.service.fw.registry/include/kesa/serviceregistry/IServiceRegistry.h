@@ -1,0 +1,48 @@
+#ifndef KESA_SERVICEREGISTRY_ISERVICEREGISTRY_H
+#define KESA_SERVICEREGISTRY_ISERVICEREGISTRY_H
+
+#include <kesa/IResponseHandler.h>
+#include <kesa/Path.h>
+#include <kesa/optional.h>
+#include <kesa/serviceregistry/Query.h>
+#include <kesa/serviceregistry/RegistryUpdate.h>
+#include <kesa/serviceregistry/ServiceDef.h>
+
+#include <memory>
+#include <vector>
+
+namespace kesa::serviceregistry {
+
+/// A registry of services: one in another process through its client, or one in this process.
+///
+/// Each operation opens a stream of answers that lasts until it is cancelled, and returns a handle for that. It takes
+/// the handler; one that it cannot use (the request could not be written) is told `onError` inside the call and stays
+/// the caller's, and `IKesaApi::UNDEFINED_REQUEST_HANDLE` is returned. Handlers are called on whatever thread the
+/// answers come on and must only post. A registry never completes a stream.
+///
+/// Statuses: 400 a malformed pattern or record, 403 refused by policy, 409 the path is another living process's, 503
+/// the registry is out of reach for now.
+class KESA_API IServiceRegistry {
+public:
+    /// The path of the registry's own root inside its service.
+    static constexpr const char* PATH = "/";
+
+    virtual ~IServiceRegistry();
+
+    /// Every service that matches: lists of `ADDED`, the first answer ending with an empty list, then every change.
+    virtual void* queryRegistry(std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>&& handler,
+                                const Query& query) = 0;
+    /// Registers a service for as long as the request lasts; the answer is the record as it was registered.
+    virtual void* registerService(std::unique_ptr<IResponseHandler<ServiceDef>>&& handler, const Path& path,
+                                  const ServiceDef& serviceDef) = 0;
+    /// One path: `ADDED` at once if it is there (else no first answer), then every change.
+    virtual void* trackService(std::unique_ptr<IResponseHandler<RegistryUpdate>>&& handler, const Path& path,
+                               const optional<bool>& includeMetaInfo) = 0;
+    /// Ends a request; no answer comes after it returns, unless it is called from inside one. Handles of requests that
+    /// have ended, null and `UNDEFINED_REQUEST_HANDLE` are ignored.
+    virtual void cancelRequest(void* handle) = 0;
+};
+
+} // namespace kesa::serviceregistry
+
+#endif

@@ -1,0 +1,7 @@
+#include <kesa/serviceregistry/IServiceRegistry.h>
+
+namespace kesa::serviceregistry {
+
+IServiceRegistry::~IServiceRegistry() = default;
+
+} // namespace kesa::serviceregistry
