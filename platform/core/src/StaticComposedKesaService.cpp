@@ -62,10 +62,17 @@ public:
 
     void end()
     {
-        for (const auto& open : m_requests.close()) {
-            if (open->withdraw(Response::createErrorResponse(503, "the service has ended"))) {
-                cancelWork(open->work());
+        // Every client is told before anything is cancelled: what the end of one request means to the others is then
+        // written to nobody.
+        const Response ended = Response::createErrorResponse(503, "the service has ended");
+        std::vector<std::shared_ptr<OpenRequest>> withdrawn;
+        for (auto& open : m_requests.close()) {
+            if (open->withdraw(ended)) {
+                withdrawn.push_back(std::move(open));
             }
+        }
+        for (const auto& open : withdrawn) {
+            cancelWork(open->work());
         }
     }
 
