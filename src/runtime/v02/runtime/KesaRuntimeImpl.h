@@ -145,7 +145,8 @@ private:
     // Tracking
     void addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle);
     void removeTracker(const std::string& path, const Handle& handle);
-    void triggerRuntimeUpdate(ServiceUpdate&& update, const Trackers& trackers, const QueryTrackers& queryTrackers);
+    void triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef, const Trackers& trackers,
+                              const QueryTrackers& queryTrackers);
     void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const;
     void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const;
 

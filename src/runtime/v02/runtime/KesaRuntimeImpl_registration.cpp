@@ -246,8 +246,7 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
 void KesaRuntimeImpl::announce(RuntimeEntry& entry)
 {
     (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef);
-    triggerRuntimeUpdate(ServiceUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef), entry.trackers,
-                         m_queryTrackers);
+    triggerRuntimeUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
 }
 
 bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)

@@ -130,11 +130,15 @@ void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handl
     eventlog::trackingStop(m_eventSource, path, CausedBy::eUSER);
 }
 
-void KesaRuntimeImpl::triggerRuntimeUpdate(ServiceUpdate&& update, const Trackers& trackers,
-                                           const QueryTrackers& queryTrackers)
+void KesaRuntimeImpl::triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef,
+                                           const Trackers& trackers, const QueryTrackers& queryTrackers)
 {
     onExecutor();
-    post(*m_updater, [this, update = std::move(update), tCopy = trackers, qCopy = queryTrackers] {
+    // With nobody to tell, only a reader of the traces would have something of the copies and of waking the updater.
+    if (trackers.empty() && queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2)) {
+        return;
+    }
+    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), tCopy = trackers, qCopy = queryTrackers] {
         const char* const path = update.element.path.toString().c_str();
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] service='%s' tCopy.size()=%zu qCopy.size()=%zu", path,
                    tCopy.size(), qCopy.size());

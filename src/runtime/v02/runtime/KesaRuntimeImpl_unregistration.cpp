@@ -53,7 +53,7 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
         const auto registrator = std::move(*entry.optionalRegistrator);
         entry.optionalRegistrator.reset();
     }
-    triggerRuntimeUpdate(ServiceUpdate(ResourceUpdateType::eREMOVED, serviceDef), entry.trackers, m_queryTrackers);
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, serviceDef, entry.trackers, m_queryTrackers);
     deleteRuntimeEntry(path);
     KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] after deleteRuntimeEntry of service ='%s'", path.c_str());
     eventlog::registrationUnregister(m_eventSource, serviceDef);
