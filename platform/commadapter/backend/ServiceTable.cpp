@@ -13,13 +13,17 @@ ServiceTable::~ServiceTable() = default;
 bool ServiceTable::provide(const std::string& path, IKesaApi* service)
 {
     const auto provided = std::make_shared<ProvidedService>(ProvidedService{path, service});
+    bool isAwaited = false;
     {
         const std::lock_guard lock(m_lock);
         if (!m_services.emplace(path, provided).second) {
             return true;
         }
+        isAwaited = m_interests.count(path) != 0; // who asks from now on finds it
     }
-    m_loop->post([self = shared_from_this(), provided] { self->announce(provided); });
+    if (isAwaited) {
+        m_loop->post([self = shared_from_this(), provided] { self->announce(provided); });
+    }
     return false;
 }
 
@@ -60,7 +64,10 @@ void ServiceTable::withdrawNow(const std::shared_ptr<ProvidedService>& service)
 
 void ServiceTable::abandon()
 {
-    m_interests.clear();
+    {
+        const std::lock_guard lock(m_lock);
+        m_interests.clear();
+    }
     m_connections.clear();
 }
 
@@ -84,18 +91,21 @@ void ServiceTable::stop()
     for (const auto& connection : std::exchange(m_connections, {})) {
         connection->end();
     }
+    lock.lock();
     m_interests.clear();
 }
 
 Interests::iterator ServiceTable::addInterest(ServerConnection& connection, std::uint32_t target,
                                               const std::string& path)
 {
+    const std::lock_guard lock(m_lock);
     Interests& interests = m_interests[path];
     return interests.insert(interests.end(), {&connection, target});
 }
 
 void ServiceTable::removeInterest(const std::string& path, Interests::iterator interest)
 {
+    const std::lock_guard lock(m_lock);
     const auto found = m_interests.find(path);
     found->second.erase(interest);
     if (found->second.empty()) {

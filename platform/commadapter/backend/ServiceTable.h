@@ -67,9 +67,9 @@ private:
     const MakeHello m_makeHello;
     mutable std::mutex m_lock;
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
-    // Loop only.
-    std::unordered_map<std::string, Interests> m_interests; ///< by path
-    std::unordered_set<std::shared_ptr<ServerConnection>> m_connections;
+    /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
+    std::unordered_map<std::string, Interests> m_interests;
+    std::unordered_set<std::shared_ptr<ServerConnection>> m_connections; ///< loop only
 };
 
 } // namespace kesa::commadapter
