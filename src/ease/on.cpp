@@ -31,6 +31,7 @@ public:
         std::optional<RequestContext> context;
         if (const RequestContext* const current = RequestContext::current()) {
             context = *current;
+            context->stream = nullptr; // lives in this call only
         }
         // Not run, the event lets go of the request, which then answers 503 itself.
         send([service = m_service, request, context = std::move(context), open = std::move(open)] {

@@ -113,11 +113,12 @@ void Connection::onReadable()
     readBatch();
 }
 
-void Connection::readBatch()
+void Connection::readBatch(bool untilEmpty)
 {
     if (!m_isOpen || m_isReceiving) {
         return;
     }
+    bool isSign = false;
     {
         const Lock lock(m_lock);
         m_isBatch = true;
@@ -133,15 +134,19 @@ void Connection::readBatch()
         if (result != transport::IStream::Result::eDONE || size == 0) {
             break;
         }
+        isSign = true;
         const bool failed = m_machine->received(size, comm::now());
         if (failed) {
             cutOff(m_machine->reason());
-        } else if (size < into.size()) {
+        } else if (size < into.size() && !untilEmpty) {
             break; // most probably all of it; the stream comes again for the rest
         }
     }
     m_isReceiving = false;
     finishBatch();
+    if (isSign && m_isOpen) {
+        onSign();
+    }
 }
 
 void Connection::finishBatch()

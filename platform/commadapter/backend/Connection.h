@@ -58,6 +58,12 @@ protected:
     /// in no queue at all still passes an empty one. Lock held.
     bool isOverBound(std::size_t moreBytes) const;
     bool isProcessOverBound(std::size_t moreBytes) const;
+    /// When bytes left last.
+    comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
+
+    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on
+    /// keeps nobody here. Not `untilEmpty`, the last read may be spared. Loop only.
+    void readBatch(bool untilEmpty = false);
 
     bool isOpen() const noexcept { return m_isOpen; }
     /// While open; lock held.
@@ -72,6 +78,8 @@ protected:
     virtual bool isAnswerOwed(comm::TimeNs now, bool& isLate) = 0;
     /// The queue is empty: what was held back may be queued now. Lock held, any thread.
     virtual void onQueueEmpty() {}
+    /// Bytes came from the peer, and what was in them has been handled. Loop only, while open.
+    virtual void onSign() {}
     virtual std::string peerName() const = 0;
 
     // What only one side hears is nothing to the other.
@@ -95,9 +103,6 @@ private:
     void onWritable() override;
     void onPeerExited() override;
 
-    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on
-    /// keeps nobody here.
-    void readBatch();
     void finishBatch();
     void write();
     void wantWrite();

@@ -11,6 +11,7 @@
 
 #include "backend/ServerConnection.h"
 
+#include "backend/Peer.h"
 #include "backend/channel.h"
 
 #include <kesa/IResponseHandler.h>
@@ -29,7 +30,7 @@ constexpr std::size_t UNREFUSED_BYTES = 8U << 20U;
 constexpr const char* TAKES_NOTHING = "it does not take its answers";
 
 /// What a service answers through.
-class ResponseSender final : public IResponseHandler<Response>, public IStreamControl {
+class ResponseSender final : public IResponseHandler<Response> {
 public:
     ResponseSender(std::shared_ptr<ServerConnection> connection, std::uint32_t stream, std::uint64_t serial)
         : m_connection(std::move(connection)), m_stream(stream), m_serial(serial)
@@ -50,12 +51,6 @@ public:
     }
     void onError(const Response& error) override { finish(&error); }
     void onCompleted() override { finish(nullptr); }
-    void setQueuePolicy(QueuePolicy policy) override
-    {
-        if (m_connection) {
-            m_connection->setPolicy(m_stream, m_serial, policy);
-        }
-    }
 
 private:
     void finish(const Response* error)
@@ -69,6 +64,25 @@ private:
     const std::uint32_t m_stream;
     const std::uint64_t m_serial;
 };
+
+/// Apart from the response handler, which the service may destroy while it is given the request.
+class StreamControl final : public IStreamControl {
+public:
+    StreamControl(ServerConnection& connection, std::uint32_t stream, std::uint64_t serial)
+        : m_connection(connection), m_stream(stream), m_serial(serial)
+    {}
+    void setQueuePolicy(QueuePolicy policy) override { m_connection.setPolicy(m_stream, m_serial, policy); }
+
+private:
+    ServerConnection& m_connection;
+    const std::uint32_t m_stream;
+    const std::uint64_t m_serial;
+};
+
+/// Into how many parts the time of a question is divided, to see whether the loop itself slept in one of them.
+constexpr comm::TimeNs PARTS_OF_WAIT = 4;
+/// How late a part may end without that.
+constexpr comm::TimeNs LATE = 50 * comm::MILLISECOND;
 
 } // namespace
 
@@ -207,6 +221,7 @@ void ServerConnection::onQueueEmpty()
         // One that is too large is lost as it would have been at once.
         static_cast<void>(machine().next(latest.stream, latest.response));
     }
+    postDrained();
 }
 
 /// The value that waits, before the stream's end.
@@ -239,6 +254,8 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     m_context.uid = identity.uid;
     m_context.gid = identity.gid;
     m_context.subject = identity.subject;
+    m_context.peer = std::make_shared<Peer>(loop().shared_from_this(),
+                                            std::static_pointer_cast<ServerConnection>(shared_from_this()));
     machine().setClientId(peer.process + ":" + std::to_string(identity.pid));
 }
 
@@ -391,12 +408,117 @@ void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
 {
     std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<ResponseSender>(
         std::static_pointer_cast<ServerConnection>(shared_from_this()), number, serial);
-    // A caller in this process is nobody else: it has no context.
-    const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context);
-    void* const handle = service->service->request(request, std::move(handler));
+    StreamControl control(*this, number, serial);
+    m_context.stream = &control;
+    void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    {
+        // A caller in this process is nobody else: it has no context.
+        const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context);
+        handle = service->service->request(request, std::move(handler));
+    }
+    m_context.stream = nullptr;
     const Lock lock(m_lock);
     if (Stream* const stream = find(number, serial)) {
         stream->handle = handle;
+    }
+}
+
+// ---- the peer -----------------------------------------------------------------------------------------------------
+
+/// What is there already was written before anybody asked; the process may have stopped or died since.
+void ServerConnection::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
+{
+    readBatch(true);
+    if (!isOpen()) {
+        answer(false);
+        return;
+    }
+    if (m_askers.empty()) {
+        const Lock lock(m_lock);
+        machine().ping();
+        pushOut();
+    }
+    m_askers.push_back({++m_lastAsker, within, comm::now(), std::move(answer)});
+    awaitSign(m_askers.back());
+}
+
+void ServerConnection::awaitSign(const Asker& asker)
+{
+    const comm::TimeNs part = asker.within / PARTS_OF_WAIT;
+    const comm::TimeNs due = std::min(comm::now() + part, asker.begun + asker.within);
+    loop().startTimer(due, [weak = weak_from_this(), number = asker.number, latest = due + part + LATE] {
+        if (const auto self = weak.lock()) {
+            static_cast<ServerConnection&>(*self).judge(number, comm::now() > latest);
+        }
+    });
+}
+
+/// A client that takes what stands before the ping in the queue is given the time anew, too.
+void ServerConnection::judge(std::uint64_t number, bool hasSlept)
+{
+    const auto asker =
+        std::find_if(m_askers.begin(), m_askers.end(), [number](const Asker& a) { return a.number == number; });
+    if (asker == m_askers.end()) {
+        return;
+    }
+    const comm::TimeNs now = comm::now();
+    const comm::TimeNs within = asker->within;
+    {
+        const Lock lock(m_lock);
+        if (hasSlept || (machine().queuedBytes() > 0 && lastProgress() > asker->begun)) {
+            asker->begun = now;
+        }
+    }
+    if (now - asker->begun < within) {
+        awaitSign(*asker);
+        return;
+    }
+    readBatch();
+    if (isOpen() && !m_askers.empty()) {
+        cutOff("silent for " + std::to_string(within / comm::MILLISECOND) + " ms after a ping");
+    }
+}
+
+void ServerConnection::answerAskers(bool isAlive)
+{
+    for (const Asker& asker : std::exchange(m_askers, {})) {
+        asker.answer(isAlive);
+    }
+}
+
+void ServerConnection::whenDrained(std::function<void()> task)
+{
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        m_drained.push_back(std::move(task));
+        postDrained();
+    }
+}
+
+/// With the lock held.
+void ServerConnection::postDrained()
+{
+    if (machine().queuedBytes() == 0 && !m_drained.empty() && !std::exchange(m_isDrainedPosted, true)) {
+        loop().post([self = std::static_pointer_cast<ServerConnection>(shared_from_this())] { self->runDrained(); });
+    }
+}
+
+/// Runs one task. What it writes has to leave before the next one's turn.
+void ServerConnection::runDrained()
+{
+    Lock lock(m_lock);
+    m_isDrainedPosted = false;
+    if (!isOpen() || m_drained.empty() || machine().queuedBytes() > 0) {
+        return;
+    }
+    auto task = std::move(m_drained.front());
+    m_drained.pop_front();
+    lock.unlock();
+    task();
+    task = nullptr;
+    lock.lock();
+    if (isOpen()) {
+        postDrained();
     }
 }
 
@@ -412,6 +534,10 @@ void ServerConnection::onClosed(const std::string& reason)
     }
     m_targets.clear();
     m_services->remove(self);
+    answerAskers(false);
+    std::deque<std::function<void()>> dropped; // without the lock
+    const Lock lock(m_lock);
+    std::swap(dropped, m_drained);
 }
 
 bool ServerConnection::isAnswerOwed(comm::TimeNs, bool&)

@@ -9,6 +9,8 @@
 #include <kesa/RequestContext.h>
 
 #include <cstdint>
+#include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -30,9 +32,13 @@ public:
     void provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service);
     /// Ends the requests of `target` and tells the client.
     void withdrawn(std::uint32_t target, const ProvidedService& service);
+    // See `IPeer`.
+    void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer);
+    void whenDrained(std::function<void()> task);
+    void disconnect(std::string reason) { cutOff(std::move(reason)); }
 
-    // Any thread; called by the response handlers. A `serial` that is not the stream's present one is of a stream that
-    // has ended.
+    // Any thread; called by the response handlers and stream controls. A `serial` that is not the stream's present one
+    // is of a stream that has ended.
     /// True when the value was not accepted.
     bool next(std::uint32_t stream, std::uint64_t serial, const Response& response);
     /// `error` null: completed.
@@ -59,6 +65,13 @@ private:
         std::uint32_t stream;
         Response response;
     };
+    /// Wants to know whether the client lives.
+    struct Asker {
+        std::uint64_t number;
+        comm::TimeNs within;
+        comm::TimeNs begun; ///< when `within` began, the last time
+        std::function<void(bool isAlive)> answer;
+    };
 
     Stream* find(std::uint32_t stream, std::uint64_t serial);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
@@ -70,10 +83,16 @@ private:
                const Request& request);
     void cancelAtService(std::uint32_t number, const char* text);
     void cancelAll(Target& target, const char* text);
+    void awaitSign(const Asker& asker);
+    void judge(std::uint64_t asker, bool hasSlept);
+    void answerAskers(bool isAlive);
+    void postDrained();
+    void runDrained();
 
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
     void onQueueEmpty() override;
+    void onSign() override { answerAskers(true); }
     std::string peerName() const override;
     void onHello(const protocol::Hello& peer) override;
     void onAttach(std::uint32_t target, std::string path) override;
@@ -87,11 +106,15 @@ private:
     // With the lock held.
     StreamTable<Stream> m_streams;
     std::uint64_t m_lastSerial = 0;
-    std::vector<Latest> m_latest; ///< in order of arrival; one for each stream at most
+    std::vector<Latest> m_latest;                ///< in order of arrival; one for each stream at most
+    std::deque<std::function<void()>> m_drained; ///< what waits for the queue to be empty
+    bool m_isDrainedPosted = false;
 
     // Loop only.
     std::unordered_map<std::uint32_t, Target> m_targets; ///< a target outlives its open streams
     RequestContext m_context;
+    std::vector<Asker> m_askers; ///< since one ping, which has had no answer
+    std::uint64_t m_lastAsker = 0;
 };
 
 } // namespace kesa::commadapter

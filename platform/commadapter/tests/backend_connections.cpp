@@ -3,6 +3,8 @@
 
 #include "backend_support.h"
 
+#include <kesa/RequestContext.h>
+
 #include <gtest/gtest.h>
 
 #include <array>
@@ -288,6 +290,120 @@ TEST_F(BackendLiveness, LoopThatSleptJudgesNobody)
     EXPECT_TRUE(client->checker.isConnected());
     EXPECT_EQ(client->checker.connections(), 1U);
     EXPECT_FALSE(outcome->hasEnded());
+}
+
+// ---- proof of life, as a service asks for it ----------------------------------------------------------------------
+
+/// The client has a request open at the service, which keeps its peer.
+class BackendPeers : public SimulatedPair {
+protected:
+    BackendPeers()
+    {
+        service.onRequest = [this](const Request&) { peer = RequestContext::current()->peer; };
+        begin();
+        client->request(retrieve("/stream"));
+        settle();
+    }
+    /// The answer appears in `answers`, with how many requests had been cancelled by then.
+    void ask(comm::TimeNs within = comm::SECOND)
+    {
+        peer->proveAlive(within, [this](bool isAlive) {
+            answers.push_back((isAlive ? "alive" : "dead, cancels: ") +
+                              (isAlive ? "" : std::to_string(service.cancels())));
+        });
+    }
+    comm::TimeNs timeToAnswers(std::size_t count)
+    {
+        return timeUntil([&] { return answers.size() >= count; });
+    }
+
+    std::shared_ptr<IPeer> peer;
+    std::vector<std::string> answers;
+};
+
+TEST_F(BackendPeers, WhoAnswersLives)
+{
+    ask();
+    ask();
+    EXPECT_THAT(answers, IsEmpty()) << "never inside the call";
+    settle();
+    EXPECT_THAT(answers, ElementsAre("alive", "alive"));
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_THAT(answers, SizeIs(2));
+    EXPECT_EQ(client->checker.connections(), 1U);
+}
+
+TEST_F(BackendPeers, WhoIsSilentIsDisconnectedBeforeTheAnswer)
+{
+    client->request(retrieve("/stream"));
+    scheduler->runFor(0); // on its way
+    scheduler->pauseGroup(2);
+    ask(3 * comm::SECOND);
+    ask();
+    EXPECT_GE(timeToAnswers(1), comm::SECOND);
+    EXPECT_THAT(answers, ElementsAre("dead, cancels: 2", "dead, cancels: 2")) << "what it wrote before does not count";
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("silent for 1000 ms after a ping")));
+    ask();
+    settle();
+    EXPECT_THAT(answers, SizeIs(3)) << "it is known";
+    scheduler->continueGroup(2);
+    scheduler->runFor(comm::SECOND);
+    EXPECT_EQ(client->checker.connections(), 2U);
+}
+
+TEST_F(BackendPeers, WhoWasStoppedForLessThanTheTimeLives)
+{
+    scheduler->pauseGroup(2);
+    ask();
+    scheduler->runFor(900 * comm::MILLISECOND);
+    EXPECT_THAT(answers, IsEmpty());
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_THAT(answers, ElementsAre("alive"));
+}
+
+TEST_F(BackendPeers, WhoseProcessHasEndedIsDeadAtOnce)
+{
+    transport::MemoryNetwork::Faults faults;
+    faults.draw = [](std::uint64_t) { return 0; };
+    faults.heldOpenPercent = 100;
+    network->setFaults(faults); // a child of it keeps the connection open
+    kill(clientBackend, 2);
+    ask();
+    EXPECT_LE(timeToAnswers(1), comm::MILLISECOND);
+    EXPECT_THAT(answers, ElementsAre("dead, cancels: 1"));
+    client->forgetBackend();
+}
+
+TEST_F(BackendPeers, AskerThatSleptItselfGivesTheTimeAnew)
+{
+    scheduler->pauseGroup(2);
+    ask();
+    settle();
+    scheduler->pauseGroup(1);
+    scheduler->runFor(100 * comm::SECOND);
+    scheduler->continueGroup(1);
+    scheduler->runFor(500 * comm::MILLISECOND);
+    EXPECT_THAT(answers, IsEmpty());
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_THAT(answers, ElementsAre("alive"));
+}
+
+TEST_F(BackendPeers, PeerMayOutliveItsBackend)
+{
+    scheduler->pauseGroup(2);
+    ask();
+    server->stop();
+    EXPECT_THAT(answers, ElementsAre("dead, cancels: 1")) << "the connection has ended";
+    ask();
+    server.reset();
+    ask();
+    peer->whenDrained([] { FAIL(); });
+    peer->disconnect("gone");
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_THAT(answers, SizeIs(1)) << "dropped";
 }
 
 } // namespace

@@ -2,7 +2,7 @@
 
 #include "backend_support.h"
 
-#include <kesa/IStreamControl.h>
+#include <kesa/RequestContext.h>
 
 #include <gtest/gtest.h>
 
@@ -27,6 +27,7 @@ protected:
         transport::MemoryNetwork::Faults faults;
         faults.pipeBytes = 8U << 10U;
         network->setFaults(faults);
+        service.onRequest = [this](const Request&) { setPolicy(); };
         begin();
     }
     static std::string numbered(int number)
@@ -36,11 +37,12 @@ protected:
         return text;
     }
     static int numberOf(const std::string& text) { return std::stoi(text); }
-    void setPolicy(IResponseHandler<Response>& handler, QueuePolicy policy)
+    void setPolicy()
     {
-        auto* const control = dynamic_cast<IStreamControl*>(&handler);
-        ASSERT_NE(control, nullptr);
-        control->setQueuePolicy(policy);
+        const RequestContext* const context = RequestContext::current();
+        ASSERT_TRUE(context != nullptr && context->stream != nullptr);
+        context->stream->setQueuePolicy(policy);
+        peer = context->peer;
     }
     /// Sends numbered values until one is refused or `most` have gone; answers how many were accepted.
     static int flood(IResponseHandler<Response>& handler, int most)
@@ -51,6 +53,9 @@ protected:
         }
         return sent;
     }
+
+    QueuePolicy policy = QueuePolicy::eCUT_STREAM; ///< of the next request
+    std::shared_ptr<IPeer> peer;                   ///< of the last one
 };
 
 TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
@@ -79,10 +84,10 @@ TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
 
 TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
 {
+    policy = QueuePolicy::eKEEP_LATEST;
     const auto stream = client->request(retrieve("/stream"));
     settle();
     auto handler = service.take();
-    setPolicy(*handler, QueuePolicy::eKEEP_LATEST);
     scheduler->pauseGroup(2);
     EXPECT_EQ(flood(*handler, 1000), 1000);
     settle();
@@ -106,10 +111,10 @@ TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
 
 TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
 {
+    policy = QueuePolicy::eCUT_CONNECTION;
     const auto stream = client->request(retrieve("/stream"));
     settle();
     const auto handler = service.handlers().front();
-    setPolicy(*handler, QueuePolicy::eCUT_CONNECTION);
     EXPECT_EQ(flood(*handler, 1000), 1000) << "over the bound, but the client may be about to take it";
     settle();
     EXPECT_THAT(stream->values, SizeIs(1000));
@@ -127,18 +132,65 @@ TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
     EXPECT_EQ(client->checker.connections(), 2U);
 }
 
+TEST_F(BackendQueues, WhatWaitsForTheQueueRunsInOrderOnceItIsEmpty)
+{
+    client->request(retrieve("/stream"));
+    settle();
+    const auto handler = service.handlers().front();
+    std::string ran;
+    peer->whenDrained([&] { ran += 'a'; });
+    EXPECT_EQ(ran, "") << "never inside the call";
+    settle();
+    EXPECT_EQ(ran, "a");
+
+    scheduler->pauseGroup(2);
+    const auto fill = [&] { EXPECT_EQ(flood(*handler, 20), 20); };
+    fill();
+    peer->whenDrained([&] {
+        ran += 'b';
+        fill();
+        scheduler->pauseGroup(2);
+    });
+    peer->whenDrained([&] { ran += 'c'; });
+    settle();
+    EXPECT_EQ(ran, "a");
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(ran, "ab") << "what the one before it wrote has to leave first";
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(ran, "abc");
+    scheduler->pauseGroup(2);
+    fill();
+    peer->whenDrained([&] { ran += 'd'; });
+    peer->disconnect("not wanted");
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("is cut off: not wanted")));
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(ran, "abc") << "dropped with the connection";
+    EXPECT_EQ(client->checker.connections(), 2U);
+    peer->whenDrained([&] { ran += 'e'; });
+    peer->disconnect("gone already");
+    settle();
+    EXPECT_EQ(ran, "abc");
+    EXPECT_EQ(client->checker.connections(), 2U);
+}
+
 TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
 {
     settings.processQueueBytes = 32U << 10U;
     auto bounded = makeBackend("bounded");
     CheckedService other(violations, "other");
+    policy = QueuePolicy::eCUT_CONNECTION;
+    other.onRequest = service.onRequest;
     Client one(*clientBackend, violations, provide(*bounded, "/service", other));
     one.start();
     settle();
     one.request(retrieve("/stream"));
     settle();
     const auto handler = other.handlers().front();
-    setPolicy(*handler, QueuePolicy::eCUT_CONNECTION);
     scheduler->pauseGroup(2);
     EXPECT_LT(flood(*handler, 1000), 50);
     settle();

@@ -97,12 +97,17 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     const auto service = std::make_shared<ResourceHandler>();
     service->onRetrieve("/", [&](const Request&, Responder responder) {
         EXPECT_TRUE(comm::onAnyLoop());
-        log.push_back(RequestContext::current() ? RequestContext::current()->process : "nobody");
+        const RequestContext* const current = RequestContext::current();
+        log.push_back(current != nullptr && current->stream == nullptr ? current->process : "nobody");
         kept = std::move(responder);
     });
     auto api = on(loop, std::shared_ptr<IKesaApi>(service));
+    struct : IStreamControl {
+        void setQueuePolicy(QueuePolicy) override {}
+    } control; // lives in the first call only
     RequestContext context;
     context.process = "asker";
+    context.stream = &control;
     const auto ask = [&] {
         const RequestContext::Scope scope(&context);
         return api->request(Request("retrieve", "/"), client());

@@ -1,0 +1,38 @@
+#include "backend/Peer.h"
+
+namespace kesa::commadapter {
+
+Peer::Peer(std::shared_ptr<IoLoop> loop, std::weak_ptr<ServerConnection> connection)
+    : m_loop(std::move(loop)), m_connection(std::move(connection))
+{}
+
+void Peer::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
+{
+    m_loop->post([weak = m_connection, within, answer = std::move(answer)]() mutable {
+        if (const auto connection = weak.lock()) {
+            connection->proveAlive(within, std::move(answer));
+        } else {
+            answer(false);
+        }
+    });
+}
+
+void Peer::whenDrained(std::function<void()> task)
+{
+    m_loop->post([weak = m_connection, task = std::move(task)]() mutable {
+        if (const auto connection = weak.lock()) {
+            connection->whenDrained(std::move(task));
+        }
+    });
+}
+
+void Peer::disconnect(const char* reason)
+{
+    m_loop->post([weak = m_connection, text = std::string(reason)]() mutable {
+        if (const auto connection = weak.lock()) {
+            connection->disconnect(std::move(text));
+        }
+    });
+}
+
+} // namespace kesa::commadapter

@@ -1,0 +1,28 @@
+#ifndef KESA_COMMADAPTER_BACKEND_PEER_H
+#define KESA_COMMADAPTER_BACKEND_PEER_H
+
+#include "backend/ServerConnection.h"
+
+#include <kesa/IPeer.h>
+
+#include <memory>
+
+namespace kesa::commadapter {
+
+/// What a service keeps of a client: leads to its connection for as long as there is one.
+class Peer final : public IPeer {
+public:
+    Peer(std::shared_ptr<IoLoop> loop, std::weak_ptr<ServerConnection> connection);
+
+    void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) override;
+    void whenDrained(std::function<void()> task) override;
+    void disconnect(const char* reason) override;
+
+private:
+    const std::shared_ptr<IoLoop> m_loop;
+    const std::weak_ptr<ServerConnection> m_connection;
+};
+
+} // namespace kesa::commadapter
+
+#endif
