@@ -11,83 +11,72 @@
 namespace kesa::runtime::v02 {
 namespace {
 
-class Lines final : public tracing::ISink {
+class LastLine final : public tracing::ISink {
 public:
     void write(const tracing::Line& line) override
     {
         EXPECT_EQ(line.channel, "kesa_DataModel");
         EXPECT_EQ(line.severity, 2);
-        last = std::string(line.text);
+        text = std::string(line.text);
     }
-    std::string last;
+    std::string text;
 };
 
 class EventLogTest : public testing::Test {
 protected:
-    EventLogTest() { tracing::setEventLogSink(m_lines); }
+    EventLogTest() { tracing::setEventLogSink(m_line); }
     ~EventLogTest() override { tracing::setEventLogSink(nullptr); }
 
-    std::string last() { return std::exchange(m_lines->last, {}); }
+    std::string last() { return std::exchange(m_line->text, {}); }
 
-    std::shared_ptr<Lines> m_lines = std::make_shared<Lines>();
-    const ServiceDef m_service{Path("/a"), ServiceDef::TypeEnum::lomo, {"1.0.0"}, {url("ipc://p/a")}};
-    const std::string m_json = R"({"path":"/a","type":"lomo","versions":["1.0.0"],"locators":["ipc://p/a"]})";
+    std::shared_ptr<LastLine> m_line = std::make_shared<LastLine>();
 };
 
 TEST_F(EventLogTest, writesEachLineAsItIsDocumented)
 {
-    const std::string on = "p\"q"; // nothing escapes it
-    eventlog::runtimeStart(on);
-    EXPECT_EQ(last(), R"({"event":"runtime", "info":"start", "on":"p"q"})");
-    eventlog::runtimeStop(on);
-    EXPECT_EQ(last(), R"({"event":"runtime", "info":"stop", "on":"p"q"})");
-    eventlog::runtimeError(on, "why");
-    EXPECT_EQ(last(), R"({"event":"runtime", "info":"error", "on":"p"q", "error":"why"})");
-
-    eventlog::registrationRegister("p", m_service);
-    EXPECT_EQ(last(), R"({"event":"registration", "info":"register", "on":"p", "serviceDef":)" + m_json + "}");
-    eventlog::registrationSuccess("p", m_service);
-    EXPECT_EQ(last(), R"({"event":"registration", "info":"success", "on":"p", "serviceDef":)" + m_json + "}");
-    eventlog::registrationError("p", m_service, "why");
-    EXPECT_EQ(last(),
-              R"({"event":"registration", "info":"error", "on":"p", "serviceDef":)" + m_json + R"(, "error":"why"})");
-    eventlog::registrationUnregister("p", m_service);
-    EXPECT_EQ(last(), R"({"event":"registration", "info":"unregister", "on":"p", "serviceDef":)" + m_json + "}");
-
-    eventlog::trackingStart("p", "/a");
-    EXPECT_EQ(last(), R"({"event":"tracking", "info":"start", "on":"p", "servicePath":"/a"})");
-    eventlog::trackingUpdate("p", {ResourceUpdateType::eREMOVED, m_service});
-    EXPECT_EQ(last(), R"({"event":"tracking", "info":"update", "on":"p", "updateType":"REMOVED", "serviceDef":)" +
-                          m_json + "}");
-    eventlog::trackingUpdate("p", {static_cast<ResourceUpdateType>(7), m_service});
-    EXPECT_EQ(last(), R"({"event":"tracking", "info":"update", "on":"p", "updateType":"unknown", "serviceDef":)" +
-                          m_json + "}");
-    eventlog::trackingStop("p", "/a", eventlog::CausedBy::eUSER);
-    EXPECT_EQ(last(), R"({"event":"tracking", "info":"stop", "on":"p", "servicePath":"/a", "caused-by":"USER"})");
-
+    using namespace eventlog;
+    const ServiceDef service(Path("/a"), ServiceDef::TypeEnum::lomo, {"1.0.0"}, {url("ipc://p/a")});
     const Query query("/a/**");
-    eventlog::queryStart("p", query);
-    EXPECT_EQ(last(), R"({"event":"query", "info":"start", "on":"p", "query":{"pattern":"/a/**"}})");
-    eventlog::queryUpdate("p", query, {ResourceUpdateType::eADDED, m_service});
-    EXPECT_EQ(last(), R"({"event":"query", "info":"update", "on":"p", "query":{"pattern":"/a/**"}, )"
-                      R"("updateType":"ADDED", "serviceDef":)" +
-                          m_json + "}");
-    eventlog::queryStop("p", query, eventlog::CausedBy::eERROR);
-    EXPECT_EQ(last(),
-              R"({"event":"query", "info":"stop", "on":"p", "query":{"pattern":"/a/**"}, "caused-by":"ERROR"})");
-
     const url uri("ipc://p/a");
-    const std::string place = R"("on":"p", "servicePath":"/a", "uri":"ipc://p/a")";
-    eventlog::connectStart("p", uri);
-    EXPECT_EQ(last(), R"({"event":"connect", "info":"start", )" + place + "}");
-    eventlog::connectServiceConnected("p", uri);
-    EXPECT_EQ(last(), R"({"event":"connect", "info":"serviceConnected", )" + place + "}");
-    eventlog::connectServiceLost("p", uri);
-    EXPECT_EQ(last(), R"({"event":"connect", "info":"serviceLost", )" + place + "}");
-    eventlog::connectError("p", uri, Response::createErrorResponse(503, "gone"));
-    EXPECT_EQ(last(), R"({"event":"connect", "info":"error", )" + place + R"(, "error":"503: gone"})");
-    eventlog::connectStop("p", uri);
-    EXPECT_EQ(last(), R"({"event":"connect", "info":"stop", )" + place + "}");
+    const std::string json =
+        R"("serviceDef":{"path":"/a","type":"lomo","versions":["1.0.0"],"locators":["ipc://p/a"]})";
+    const std::string asked = R"("query":{"pattern":"/a/**"}, )";
+    const auto update = [&](int type) { return ServiceUpdate{static_cast<ResourceUpdateType>(type), service}; };
+    const struct {
+        std::function<void()> write;
+        std::string event, info, rest;
+    } lines[] = {
+        {[&] { runtimeStart("p"); }, "runtime", "start", ""},
+        {[&] { runtimeStop("p"); }, "runtime", "stop", ""},
+        {[&] { runtimeError("p", "why"); }, "runtime", "error", R"("error":"why")"},
+        {[&] { registrationRegister("p", service); }, "registration", "register", json},
+        {[&] { registrationSuccess("p", service); }, "registration", "success", json},
+        {[&] { registrationError("p", service, "why"); }, "registration", "error", json + R"(, "error":"why")"},
+        {[&] { registrationUnregister("p", service); }, "registration", "unregister", json},
+        {[&] { trackingStart("p", "/a"); }, "tracking", "start", R"("servicePath":"/a")"},
+        {[&] { trackingUpdate("p", update(0)); }, "tracking", "update", R"("updateType":"ADDED", )" + json},
+        {[&] { trackingUpdate("p", update(2)); }, "tracking", "update", R"("updateType":"REMOVED", )" + json},
+        {[&] { trackingUpdate("p", update(7)); }, "tracking", "update", R"("updateType":"unknown", )" + json},
+        {[&] { trackingStop("p", "/a", CausedBy::eUSER); }, "tracking", "stop",
+         R"("servicePath":"/a", "caused-by":"USER")"},
+        {[&] { queryStart("p", query); }, "query", "start", R"("query":{"pattern":"/a/**"})"},
+        {[&] { queryUpdate("p", query, update(0)); }, "query", "update", asked + R"("updateType":"ADDED", )" + json},
+        {[&] { queryStop("p", query, CausedBy::eERROR); }, "query", "stop", asked + R"("caused-by":"ERROR")"},
+        {[&] { connectStart("p", uri); }, "connect", "start", R"("servicePath":"/a", "uri":"ipc://p/a")"},
+        {[&] { connectServiceConnected("p", uri); }, "connect", "serviceConnected",
+         R"("servicePath":"/a", "uri":"ipc://p/a")"},
+        {[&] { connectServiceLost("p", uri); }, "connect", "serviceLost", R"("servicePath":"/a", "uri":"ipc://p/a")"},
+        {[&] { connectError("p", uri, Response::createErrorResponse(503, "gone")); }, "connect", "error",
+         R"("servicePath":"/a", "uri":"ipc://p/a", "error":"503: gone")"},
+        {[&] { connectStop("p", uri); }, "connect", "stop", R"("servicePath":"/a", "uri":"ipc://p/a")"},
+    };
+    for (const auto& [write, event, info, rest] : lines) {
+        write();
+        EXPECT_EQ(last(), R"({"event":")" + event + R"(", "info":")" + info + R"(", "on":"p")" +
+                              (rest.empty() ? "" : ", " + rest) + "}");
+    }
+    runtimeStart("p\"q"); // nothing escapes it
+    EXPECT_EQ(last(), R"({"event":"runtime", "info":"start", "on":"p"q"})");
 }
 
 TEST_F(EventLogTest, aRecordThatCannotBeWrittenDoesNotStopTheLine)
@@ -103,10 +92,6 @@ TEST_F(EventLogTest, aRecordThatCannotBeWrittenDoesNotStopTheLine)
     EXPECT_EQ(last(), R"({"event":"query", "info":"start", "on":"p", "query":Query serialization failed})");
     EXPECT_EQ(obr::ErrorStorage::reason(), "of the caller");
     obr::ErrorStorage::ack();
-
-    tracing::setEventLogSink(nullptr);
-    eventlog::runtimeStart("p");
-    EXPECT_EQ(last(), "");
 }
 
 } // namespace

@@ -4,11 +4,13 @@
 #include <kesa/commadapter/IBackend.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kesa::runtime::v02::test {
@@ -17,21 +19,47 @@ namespace kesa::runtime::v02::test {
 /// "fake://<process>/path". Listeners are called with the lock held, so none runs once `release` has returned.
 class FakeNetwork {
 public:
-    // The test's hand
     std::set<std::string> refusedPaths;    ///< `provideOnPath` fails
     std::set<std::string> refusedLocators; ///< `connect` answers null
-    std::string scheme = "fake";
-    bool isAutomatic = false; ///< clients of provided locators are connected as soon as they start
+    bool isAutomatic = false;              ///< clients of provided locators are connected as soon as they start
 
-    void connected(const std::string& locator);
-    void disconnected(const std::string& locator);
-    void failed(const std::string& locator, unsigned short code, const std::string& message);
+    void connected(const std::string& locator)
+    {
+        forEachOf(locator, [](Client& client) {
+            if (!std::exchange(client.isConnected, true)) {
+                client.listener->clientConnected();
+            }
+        });
+    }
+    void disconnected(const std::string& locator)
+    {
+        forEachOf(locator, [](Client& client) {
+            if (std::exchange(client.isConnected, false)) {
+                client.listener->clientDisconnected();
+            }
+        });
+    }
+    void failed(const std::string& locator, unsigned short code, const std::string& message)
+    {
+        forEachOf(locator, [&](Client& client) { client.listener->clientError(code, message); });
+    }
 
-    // What a test asks
-    bool isProvided(const std::string& locator);
-    IKesaApi* service(const std::string& locator);
-    std::size_t openClients();
-    std::vector<std::string> calls(); ///< to the backends, in order
+    bool isProvided(const std::string& locator)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return provided.count(locator) != 0;
+    }
+    std::size_t openClients()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return clients.size();
+    }
+    /// The calls to the backends so far, in order; forgets them.
+    std::vector<std::string> calls()
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        return std::exchange(log, {});
+    }
 
     struct Client {
         IClientConnectionListener* listener;
@@ -39,43 +67,113 @@ public:
         bool isConnected = false;
     };
     std::mutex mutex;
-    std::map<std::string, IKesaApi*> provided;
+    std::set<std::string> provided;
     std::map<const IKesaApi*, Client> clients; ///< not yet released
     std::vector<std::string> log;
     std::atomic<int> livingClientObjects{0};
+
+private:
+    void forEachOf(const std::string& locator, const std::function<void(Client&)>& work)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        for (auto& [api, client] : clients) {
+            if (client.locator == locator) {
+                work(client);
+            }
+        }
+    }
+};
+
+class FakeClient final : public commadapter::KesaClientApi {
+public:
+    FakeClient(std::shared_ptr<FakeNetwork> network, std::string locator)
+        : m_network(std::move(network)), m_locator(std::move(locator))
+    {
+        ++m_network->livingClientObjects;
+    }
+    ~FakeClient() override { --m_network->livingClientObjects; }
+
+    void startConnect() override
+    {
+        if (m_network->isAutomatic && m_network->isProvided(m_locator)) {
+            m_network->connected(m_locator);
+        }
+    }
+    void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override
+    {
+        return UNDEFINED_REQUEST_HANDLE;
+    }
+    void cancel(void*) override {}
+
+private:
+    std::shared_ptr<FakeNetwork> m_network;
+    std::string m_locator;
 };
 
 class FakeBackend final : public commadapter::IBackend {
 public:
-    FakeBackend(std::shared_ptr<FakeNetwork> network, std::string process);
+    FakeBackend(std::shared_ptr<FakeNetwork> network, std::string process)
+        : m_network(std::move(network)), m_process(std::move(process))
+    {}
 
-    void start() override;
-    void stop() override;
-    bool canHandle(const url& locator) override;
-    bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) override;
-    bool provideOnLocator(const url& locator, IKesaApi* service) override;
-    void unprovide(const url& locator) override;
-    commadapter::KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override;
-    void release(IKesaApi* client, bool serviceRemoved) override;
-    bool isLocal(const url& locator) override;
+    void start() override { note("start " + m_process); }
+    void stop() override
+    {
+        const auto lock = note("stop " + m_process);
+        m_network->clients.clear();
+    }
+    bool canHandle(const url& locator) override { return locator.scheme() == "fake"; }
+    bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) override
+    {
+        const url chosen("fake://" + m_process + path);
+        if (m_network->refusedPaths.count(path) != 0 || provideOnLocator(chosen, service)) {
+            return true;
+        }
+        locator = chosen;
+        return false;
+    }
+    bool provideOnLocator(const url& locator, IKesaApi*) override
+    {
+        const auto lock = note("provide " + locator.toString());
+        return m_network->refusedPaths.count(locator.toString()) != 0 ||
+               !m_network->provided.insert(locator.toString()).second;
+    }
+    void unprovide(const url& locator) override
+    {
+        {
+            const auto lock = note("unprovide " + locator.toString());
+            m_network->provided.erase(locator.toString());
+        }
+        m_network->disconnected(locator.toString());
+    }
+    commadapter::KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override
+    {
+        const auto lock = note("connect " + locator.toString());
+        if (m_network->refusedLocators.count(locator.toString()) != 0) {
+            return nullptr;
+        }
+        auto* const client = new FakeClient(m_network, locator.toString());
+        m_network->clients.emplace(client, FakeNetwork::Client{listener, locator.toString()});
+        return client;
+    }
+    void release(IKesaApi* client, bool serviceRemoved) override
+    {
+        const std::lock_guard<std::mutex> lock(m_network->mutex);
+        const auto released = m_network->clients.extract(client);
+        m_network->log.push_back("release " + released.mapped().locator + (serviceRemoved ? " removed" : ""));
+    }
+    bool isLocal(const url& locator) override { return canHandle(locator) && locator.authority() == m_process; }
 
 private:
-    void note(const std::string& call) { m_network->log.push_back(call); }
+    std::unique_lock<std::mutex> note(const std::string& call)
+    {
+        std::unique_lock<std::mutex> lock(m_network->mutex);
+        m_network->log.push_back(call);
+        return lock;
+    }
 
     std::shared_ptr<FakeNetwork> m_network;
     std::string m_process;
-};
-
-/// A service object that counts its lives.
-class FakeService final : public IKesaApi {
-public:
-    explicit FakeService(std::atomic<int>* living = nullptr);
-    ~FakeService() override;
-    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override;
-    void cancel(void* handle) override;
-
-private:
-    std::atomic<int>* m_living;
 };
 
 } // namespace kesa::runtime::v02::test

@@ -74,8 +74,8 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
 
     // From a handler it would wait for itself.
     auto tracking = instance->trackService("/a", handler<ServiceUpdate>("t", [] { KesaRuntime::shutdown(); }));
-    auto registration = instance->registerService("/a", std::make_shared<FakeService>(), ServiceDef::TypeEnum::pex,
-                                                  GenericObject(), handler<ServiceDef>("r"));
+    auto registration = instance->registerService("/a", service(), ServiceDef::TypeEnum::pex, GenericObject(),
+                                                  handler<ServiceDef>("r"));
     run();
     EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("!isWaitedFor(), shutdown, ")));
     tracking.dispose();

@@ -48,34 +48,74 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         return std::exchange(m_lines, {});
     }
-    bool contains(const std::string& part)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return std::any_of(m_lines.begin(), m_lines.end(),
-                           [&part](const std::string& line) { return line.find(part) != std::string::npos; });
-    }
 
 private:
     std::mutex m_mutex;
     Lines m_lines;
 };
 
-/// Writes lines into a journal: those of the event log as "registration register", traces as "4 text" from `least` on.
+/// Writes lines into a journal: those of the event log as "registration register", traces as "4 text".
 class JournalSink final : public tracing::ISink {
 public:
-    JournalSink(std::shared_ptr<Journal> journal, int least) : m_journal(std::move(journal)), m_least(least) {}
-    void write(const tracing::Line& line) override;
+    JournalSink(std::shared_ptr<Journal> journal, bool isEventLog)
+        : m_journal(std::move(journal)), m_isEventLog(isEventLog)
+    {}
+    void write(const tracing::Line& line) override
+    {
+        if (!m_isEventLog) {
+            m_journal->add(std::to_string(line.severity) + " " + std::string(line.text));
+            return;
+        }
+        const std::string cause = member(line.text, "caused-by");
+        m_journal->add(member(line.text, "event") + " " + member(line.text, "info") + (cause.empty() ? "" : " ") +
+                       cause);
+    }
 
 private:
+    static std::string member(std::string_view line, const std::string& name)
+    {
+        const std::string key = "\"" + name + "\":\"";
+        const auto begin = line.find(key);
+        if (begin == std::string_view::npos) {
+            return "";
+        }
+        const auto from = begin + key.size();
+        return std::string(line.substr(from, line.find('"', from) - from));
+    }
+
     std::shared_ptr<Journal> m_journal;
-    int m_least;
+    bool m_isEventLog;
 };
 
-std::string textOf(const ServiceDef& service);
-std::string textOf(const ServiceUpdate& update);
-std::string textOf(const ProxyState& state);
-std::string textOf(const optional<ResolvedService>& result);
-std::string textOf(const ResolvedServiceState& result);
+inline std::string textOf(const ServiceDef& service)
+{
+    std::string text = service.path.toString();
+    for (const url& locator : service.locators) {
+        text += " " + locator.toString();
+    }
+    return text;
+}
+
+inline std::string textOf(const ServiceUpdate& update)
+{
+    static const char* const NAMES[] = {"ADDED ", "MODIFIED ", "REMOVED "};
+    return NAMES[static_cast<int>(update.type)] + update.element.path.toString();
+}
+
+inline std::string textOf(const ProxyState& state)
+{
+    return state ? "connected" : "lost";
+}
+
+inline std::string textOf(const optional<ResolvedService>& result)
+{
+    return result ? "present " + result->serviceDef.path.toString() : "absent";
+}
+
+inline std::string textOf(const ResolvedServiceState& result)
+{
+    return (result.api ? "present " : "absent ") + result.serviceDef.path.toString();
+}
 
 /// Notes each call as "name: text", its end as "name: gone". `hook`, when set, runs inside each call and in the
 /// destructor.
@@ -108,14 +148,61 @@ private:
     std::function<void()> m_hook;
 };
 
+/// A service object that counts its lives.
+class FakeService final : public IKesaApi {
+public:
+    explicit FakeService(std::atomic<int>& living) : m_living(living) { ++m_living; }
+    ~FakeService() override { --m_living; }
+    void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override
+    {
+        return UNDEFINED_REQUEST_HANDLE;
+    }
+    void cancel(void*) override {}
+
+private:
+    std::atomic<int>& m_living;
+};
+
 /// A runtime over a fake backend, both loops in the test's hand: nothing happens before `run`.
 class RuntimeFixture : public testing::Test {
 protected:
-    explicit RuntimeFixture(std::uint64_t seed = 1);
-    ~RuntimeFixture() override;
+    RuntimeFixture()
+    {
+        comm::Scheduler::install(&m_scheduler);
+        tracing::setThreshold("*", 1);
+        tracing::setSink(std::make_shared<JournalSink>(m_traces, false));
+        tracing::setEventLogSink(std::make_shared<JournalSink>(m_journal, true));
+        obr::GlobalErrorHandler::setHandler([assertions = m_assertions](const auto& report) {
+            assertions->add(std::string(report.condition) + ", " + report.function + ", " +
+                            (report.message != nullptr ? report.message : ""));
+        });
+        commadapter::setBackendFactoryForTest([network = m_network](const std::string& process, const std::string&) {
+            return std::make_unique<FakeBackend>(network, process);
+        });
+    }
+    ~RuntimeFixture() override
+    {
+        m_runtime.reset();
+        EXPECT_THAT(m_assertions->take(), IsEmpty());
+        EXPECT_EQ(m_network->livingClientObjects, 0);
+        EXPECT_EQ(m_livingServices, 0);
+        commadapter::setBackendFactoryForTest({});
+        obr::GlobalErrorHandler::setHandler({});
+        tracing::setEventLogSink(nullptr);
+        tracing::setSink(nullptr);
+        tracing::setThreshold("*", 3);
+        comm::Scheduler::install(nullptr);
+    }
 
     /// A started runtime named "me".
-    std::unique_ptr<KesaRuntimeImpl> startRuntime(const std::string& document = R"({"use_local_registry": true})");
+    std::unique_ptr<KesaRuntimeImpl> startRuntime(const std::string& document = R"({"use_local_registry": true})")
+    {
+        auto runtime = std::make_unique<KesaRuntimeImpl>(KesaConfig("me", document));
+        EXPECT_FALSE(runtime->start());
+        m_journal->take();
+        m_network->calls();
+        return runtime;
+    }
     void run() { m_scheduler.runReady(); }
     /// Runs, and hands out what happened.
     Lines happened()
@@ -123,34 +210,58 @@ protected:
         run();
         return m_journal->take();
     }
-    Lines traced(int severity, const std::function<void()>& work);
+    /// The same without the event log.
+    Lines toClients()
+    {
+        Lines lines = happened();
+        std::erase_if(lines, [](const std::string& line) { return line.find(": ") == std::string::npos; });
+        return lines;
+    }
+    /// The traces of exactly this severity that `work`, and what it posts, write.
+    Lines traced(int severity, const std::function<void()>& work)
+    {
+        m_traces->take();
+        work();
+        run();
+        Lines lines = m_traces->take();
+        std::erase_if(lines, [severity](const std::string& line) { return line[0] - '0' != severity; });
+        return lines;
+    }
 
     template <class T>
     std::unique_ptr<IResponseHandler<T>> handler(const std::string& name, std::function<void()> hook = {})
     {
         return std::make_unique<NotingHandler<T>>(m_journal, name, std::move(hook));
     }
+    std::shared_ptr<IKesaApi> service() { return std::make_shared<FakeService>(m_livingServices); }
     Disposable registerService(const std::string& path, const std::string& name,
                                ServiceDef::TypeEnum type = ServiceDef::TypeEnum::pex,
                                const GenericObject& metainfo = {})
     {
-        return m_runtime->registerService(path, std::make_shared<FakeService>(&m_livingServices), type, metainfo,
-                                          handler<ServiceDef>(name));
-    }
-    /// A registration nobody cares to hear of.
-    Disposable provide(const std::string& path)
-    {
-        auto disposable = registerService(path, "service");
-        run();
-        m_journal->take();
-        return disposable;
+        return m_runtime->registerService(path, service(), type, metainfo, handler<ServiceDef>(name));
     }
     Disposable track(const std::string& path, const std::string& name)
     {
         return m_runtime->trackService(path, handler<ServiceUpdate>(name));
     }
+    Disposable query(const std::string& pattern, const std::string& name)
+    {
+        return m_runtime->trackServices(Query(pattern), handler<ServiceUpdate>(name));
+    }
+    Disposable resolve(const std::string& locator, const std::string& name)
+    {
+        return m_runtime->resolveService(url(locator), handler<ProxyState>(name));
+    }
+    Disposable follow(const std::string& path, const std::string& name)
+    {
+        return m_runtime->trackAndResolveService(path, handler<optional<ResolvedService>>(name));
+    }
+    Disposable followAll(const std::string& pattern, const std::string& name)
+    {
+        return m_runtime->trackAndResolveServices(Query(pattern), handler<ResolvedServiceState>(name));
+    }
 
-    comm::SimulatedScheduler m_scheduler;
+    comm::SimulatedScheduler m_scheduler{1};
     std::shared_ptr<FakeNetwork> m_network = std::make_shared<FakeNetwork>();
     std::shared_ptr<Journal> m_journal = std::make_shared<Journal>();
     std::shared_ptr<Journal> m_traces = std::make_shared<Journal>();

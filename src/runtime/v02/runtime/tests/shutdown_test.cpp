@@ -8,43 +8,36 @@
 namespace kesa::runtime::v02::test {
 namespace {
 
-/// Calls every operation, keeps what it gets, and now and then disposes some of it.
-class Caller {
-public:
-    Caller(std::shared_ptr<FakeNetwork> network, std::function<std::uint64_t(std::uint64_t)> draw)
-        : m_network(std::move(network)), m_draw(std::move(draw))
-    {}
-
-    void use(IRuntimeRegistry* runtime) { m_runtime = runtime; }
-
+class ShutdownTest : public RuntimeFixture {
+protected:
     /// One operation on one of a few paths; its handler calls one itself, down to `depth`.
     void callOne(int depth)
     {
-        if (m_runtime == nullptr || depth == 0) {
+        if (m_called == nullptr || depth == 0) {
             return;
         }
-        const std::string path = std::string("/") + static_cast<char>('a' + m_draw(3));
+        const std::string path = std::string("/") + static_cast<char>('a' + m_scheduler.draw(3));
         const auto hook = [this, depth] { callOne(depth - 1); };
-        const auto journal = std::make_shared<Journal>();
-        switch (m_kept.size() < 30 ? m_draw(8) : 7) {
+        switch (m_kept.size() < 30 ? m_scheduler.draw(8) : 7) {
         case 0:
-            keep(m_runtime->registerService(path, std::make_shared<FakeService>(&living), ServiceDef::TypeEnum::pex, {},
-                                            make<ServiceDef>(journal, hook)));
+            keep(m_called->registerService(path, service(), ServiceDef::TypeEnum::pex, {},
+                                           handler<ServiceDef>("h", hook)));
             break;
         case 1:
-            keep(m_runtime->trackService(path, make<ServiceUpdate>(journal, hook)));
+            keep(m_called->trackService(path, handler<ServiceUpdate>("h", hook)));
             break;
         case 2:
-            keep(m_runtime->trackServices(Query(m_draw(8) == 0 ? "[" : "**"), make<ServiceUpdate>(journal, hook)));
+            keep(m_called->trackServices(Query(m_scheduler.draw(8) == 0 ? "[" : "**"),
+                                         handler<ServiceUpdate>("h", hook)));
             break;
         case 3:
-            keep(m_runtime->resolveService(url("fake://me" + path), make<ProxyState>(journal, hook)));
+            keep(m_called->resolveService(url("fake://me" + path), handler<ProxyState>("h", hook)));
             break;
         case 4:
-            keep(m_runtime->trackAndResolveService(path, make<optional<ResolvedService>>(journal, hook)));
+            keep(m_called->trackAndResolveService(path, handler<optional<ResolvedService>>("h", hook)));
             break;
         case 5:
-            keep(m_runtime->trackAndResolveServices(Query("**"), make<ResolvedServiceState>(journal, hook)));
+            keep(m_called->trackAndResolveServices(Query("**"), handler<ResolvedServiceState>("h", hook)));
             break;
         case 6:
             m_network->disconnected("fake://me" + path);
@@ -54,93 +47,59 @@ public:
             break;
         }
     }
-    void disposeOne()
-    {
-        if (m_kept.empty()) {
-            return;
-        }
-        Disposable& chosen = m_kept[m_draw(m_kept.size())];
-        Disposable disposing = chosen;
-        if (m_draw(2) == 0) { // else it is disposed again some time
-            chosen = m_kept.back();
-            m_kept.pop_back();
-        }
-        disposing.dispose();
-    }
     void disposeAll()
     {
-        auto kept = std::exchange(m_kept, {});
-        for (Disposable& disposable : kept) {
+        for (Disposable& disposable : std::exchange(m_kept, {})) {
             disposable.dispose();
         }
     }
 
-    std::atomic<int> living{0};
+    IRuntimeRegistry* m_called = nullptr; ///< also while it ends
 
 private:
-    template <class T>
-    std::unique_ptr<IResponseHandler<T>> make(const std::shared_ptr<Journal>& journal, std::function<void()> hook)
-    {
-        return std::make_unique<NotingHandler<T>>(journal, "h", std::move(hook));
-    }
     void keep(Disposable disposable) { m_kept.push_back(std::move(disposable)); }
+    void disposeOne()
+    {
+        if (!m_kept.empty()) {
+            Disposable& chosen = m_kept[m_scheduler.draw(m_kept.size())];
+            Disposable disposing = chosen;
+            if (m_scheduler.draw(2) == 0) { // else it is disposed again some time
+                chosen = m_kept.back();
+                m_kept.pop_back();
+            }
+            disposing.dispose();
+        }
+    }
 
-    std::shared_ptr<FakeNetwork> m_network;
-    std::function<std::uint64_t(std::uint64_t)> m_draw;
-    IRuntimeRegistry* m_runtime = nullptr;
     std::vector<Disposable> m_kept;
 };
-
-class ShutdownTest : public RuntimeFixture {};
 
 TEST_F(ShutdownTest, endsInTheMiddleOfEverything)
 {
     tracing::setThreshold("*", 5); // a thousand rounds of traces are of no use
     m_network->isAutomatic = true;
     for (int round = 0; round < 1000; ++round) {
-        Caller caller(m_network, [this](std::uint64_t bound) { return m_scheduler.draw(bound); });
         m_runtime = startRuntime();
-        caller.use(m_runtime.get());
+        m_called = m_runtime.get();
         for (std::uint64_t calls = m_scheduler.draw(20); calls > 0; --calls) {
-            caller.callOne(2);
+            callOne(2);
             for (std::uint64_t steps = m_scheduler.draw(6); steps > 0; --steps) {
                 m_scheduler.step();
             }
         }
         if (m_scheduler.draw(4) == 0) {
-            caller.disposeAll();
+            disposeAll();
         }
         m_runtime.reset();
-        caller.use(nullptr);
-        caller.disposeAll();
+        m_called = nullptr;
+        disposeAll();
         run();
-        ASSERT_EQ(caller.living, 0) << "round " << round;
+        ASSERT_EQ(m_livingServices, 0) << "round " << round;
         ASSERT_EQ(m_network->livingClientObjects, 0) << "round " << round;
         ASSERT_THAT(m_assertions->take(), IsEmpty()) << "round " << round;
         m_network->provided.clear();
+        m_journal->take();
     }
-    EXPECT_THAT(m_assertions->take(), IsEmpty());
-}
-
-TEST_F(ShutdownTest, whatIsDisposedLeavesNothingBehind)
-{
-    tracing::setThreshold("*", 5);
-    m_network->isAutomatic = true;
-    Caller caller(m_network, [this](std::uint64_t bound) { return m_scheduler.draw(bound); });
-    m_runtime = startRuntime();
-    caller.use(m_runtime.get());
-    for (int calls = 0; calls < 1000; ++calls) {
-        caller.callOne(2);
-        m_scheduler.step();
-    }
-    caller.use(nullptr);
-    caller.disposeAll();
-    run();
-    EXPECT_EQ(caller.living, 0);
-    EXPECT_EQ(m_network->openClients(), 0U);
-    EXPECT_THAT(m_network->provided, IsEmpty());
-    tracing::setThreshold("*", 1);
-    EXPECT_THAT(traced(2, [&] { m_runtime.reset(); }), ElementsAre("2 [dtor] m_runtimeEntries 0"));
 }
 
 /// With the runtime's own threads.
@@ -152,31 +111,30 @@ TEST(RuntimeThreads, deliverWhereTheyShouldAndEndWhileOthersDispose)
         return std::make_unique<FakeBackend>(network, process);
     });
     tracing::setThreshold("*", 5);
-    const auto thread = [] {
-        char name[16] = {};
-        pthread_getname_np(pthread_self(), name, sizeof(name));
-        return std::string(name);
-    };
+    std::atomic<int> services{0};
     for (int round = 0; round < 30; ++round) {
         auto runtime = std::make_unique<KesaRuntimeImpl>(KesaConfig("me", R"({"use_local_registry": true})"));
         ASSERT_FALSE(runtime->start());
-        const auto journal = std::make_shared<Journal>();
-        const auto noting = [&journal, &thread](const char* name) {
-            return [journal, thread, name] { journal->add(std::string(name) + " on " + thread()); };
-        };
         const auto muted = std::make_shared<Journal>();
+        const auto journal = std::make_shared<Journal>();
         const auto registerA = [&](const char* name) {
-            return runtime->registerService("/a", std::make_shared<FakeService>(), ServiceDef::TypeEnum::pex, {},
-                                            std::make_unique<NotingHandler<ServiceDef>>(muted, name, noting(name)));
+            const auto hook = [journal, name] {
+                char thread[16] = {};
+                pthread_getname_np(pthread_self(), thread, sizeof(thread));
+                journal->add(name + (" on " + std::string(thread)));
+            };
+            return runtime->registerService("/a", std::make_shared<FakeService>(services), ServiceDef::TypeEnum::pex,
+                                            {}, std::make_unique<NotingHandler<ServiceDef>>(muted, name, hook));
         };
         auto first = registerA("first");
         auto second = registerA("second");
         std::vector<Disposable> subscriptions;
         for (int i = 0; i < 20; ++i) {
             subscriptions.push_back(runtime->trackService(
-                "/a", std::make_unique<NotingHandler<ServiceUpdate>>(muted, "t", noting("track"))));
+                "/a", std::make_unique<NotingHandler<ServiceUpdate>>(muted, "t", std::function<void()>())));
             subscriptions.push_back(runtime->trackAndResolveServices(
-                Query("**"), std::make_unique<NotingHandler<ResolvedServiceState>>(muted, "q", noting("resolve"))));
+                Query("**"),
+                std::make_unique<NotingHandler<ResolvedServiceState>>(muted, "q", std::function<void()>())));
         }
         // Two threads dispose the same subscriptions while the runtime ends under a third.
         auto disposeAll = [subscriptions]() mutable {
@@ -186,18 +144,19 @@ TEST(RuntimeThreads, deliverWhereTheyShouldAndEndWhileOthersDispose)
         };
         std::thread one(disposeAll);
         std::thread two(disposeAll);
-        std::thread caller([&registerA] { registerA("third").dispose(); });
-        caller.join();
+        registerA("third").dispose();
         runtime.reset();
         one.join();
         two.join();
         first.dispose();
         second.dispose();
-        EXPECT_TRUE(journal->contains("first on kesa-executor"));
-        EXPECT_TRUE(journal->contains("second on kesa-updater"));
-        EXPECT_FALSE(journal->contains("second on kesa-executor"));
+        const Lines lines = journal->take();
+        EXPECT_THAT(lines, Contains("first on kesa-executor"));
+        EXPECT_THAT(lines, Contains("second on kesa-updater"));
+        EXPECT_THAT(lines, Not(Contains("second on kesa-executor")));
         EXPECT_EQ(network->livingClientObjects, 0);
     }
+    EXPECT_EQ(services, 0);
     commadapter::setBackendFactoryForTest({});
     tracing::setThreshold("*", 3);
 }
