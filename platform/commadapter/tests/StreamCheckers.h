@@ -54,10 +54,12 @@ struct Outcome {
     bool isCancelled = false; ///< the cancel has returned
     bool isDestroyed = false;
     unsigned connection = 0; ///< count of `connected` when it was issued; 0 before the first
+    void* handle = nullptr;
     std::function<void()> onValue;
     std::function<void()> onEnd;
 
     bool hasEnded() const noexcept { return status != 0 || isCompleted; }
+    bool isOver() const noexcept { return hasEnded() || isCancelled; }
 };
 
 class ClientChecker final : public IClientConnectionListener {
@@ -73,8 +75,7 @@ public:
             m_state->expect(!m_state->isReleased, "after-release", "connected");
             m_state->expect(!m_state->isConnected, "alternation", "connected twice");
             for (const auto& outcome : m_state->open) {
-                m_state->expect(outcome->hasEnded() || outcome->isCancelled, "ends-first",
-                                "a request is open across connections");
+                m_state->expect(outcome->isOver(), "ends-first", "a request is open across connections");
             }
             m_state->open.clear();
             m_state->isConnected = true;
@@ -196,10 +197,7 @@ private:
         void onCompleted() override { end("completed", 0, {}); }
 
     private:
-        void expectOpen(const char* what)
-        {
-            m_state->expect(!m_outcome->hasEnded() && !m_outcome->isCancelled, "one-end", what);
-        }
+        void expectOpen(const char* what) { m_state->expect(!m_outcome->isOver(), "one-end", what); }
         void end(const char* what, int status, std::string text)
         {
             {

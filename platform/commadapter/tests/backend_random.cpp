@@ -5,12 +5,9 @@
 
 #include "backend_support.h"
 
-#include <kesa/IStreamControl.h>
-
 #include <gtest/gtest.h>
 
 #include <array>
-#include <optional>
 
 namespace kesa::commadapter::test {
 namespace {
@@ -22,22 +19,27 @@ constexpr std::size_t PATHS = 2;
 
 class BackendRandom : public SimulatedBackends {
 protected:
-    struct Asked {
-        std::shared_ptr<Outcome> outcome;
-        void* handle = nullptr;
-    };
     struct OpenClient {
         std::unique_ptr<Client> client;
         std::size_t server;
         std::size_t path;
-        std::vector<Asked> asked;
+        std::vector<std::shared_ptr<Outcome>> asked;
+        bool isReleased = false;
     };
     struct Process {
         std::unique_ptr<IBackend> backend;
         std::uint64_t group = 0;
         std::array<std::unique_ptr<CheckedService>, PATHS> services;
         std::vector<std::unique_ptr<OpenClient>> clients;
-        std::vector<std::unique_ptr<OpenClient>> released;
+
+        void clear()
+        {
+            for (const auto& open : clients) {
+                open->client->forgetBackend();
+            }
+            clients.clear();
+            services = {};
+        }
     };
 
     static std::string name(std::size_t process) { return "p" + std::to_string(process); }
@@ -71,14 +73,8 @@ protected:
     /// Its clients and services go with the process; handlers there hear nothing any more.
     void kill(std::size_t index)
     {
-        Process& process = processes[index];
-        SimulatedBackends::kill(process.backend, process.group);
-        for (const auto& open : process.clients) {
-            open->client->forgetBackend();
-        }
-        process.clients.clear();
-        process.released.clear();
-        process.services = {};
+        SimulatedBackends::kill(processes[index].backend, processes[index].group);
+        processes[index].clear();
         start(index);
     }
     void provideOrWithdraw(std::size_t index)
@@ -97,18 +93,11 @@ protected:
     }
     void connect(std::size_t index)
     {
-        auto open = std::make_unique<OpenClient>();
-        open->server = draw(PROCESSES);
-        open->path = draw(PATHS);
+        auto open = std::make_unique<OpenClient>(OpenClient{nullptr, draw(PROCESSES), draw(PATHS), {}});
         open->client =
             std::make_unique<Client>(*processes[index].backend, violations, locator(open->server, open->path));
         open->client->start();
         processes[index].clients.push_back(std::move(open));
-    }
-    OpenClient* drawClient(std::size_t index)
-    {
-        auto& clients = processes[index].clients;
-        return clients.empty() ? nullptr : clients[draw(clients.size())].get();
     }
     void ask(OpenClient& open)
     {
@@ -118,31 +107,12 @@ protected:
             request.setHeader("$response-semantic", "single-response");
         }
         const auto outcome = open.client->request(request);
-        void* const handle = open.client->lastHandle();
-        open.asked.push_back({outcome, handle});
+        open.asked.push_back(outcome);
         if (draw(4) == 0) {
-            outcome->onValue = [&open, self = outcome.get(), handle] { open.client->cancel(*self, handle); };
+            outcome->onValue = [&open, self = outcome.get()] { open.client->cancel(*self); };
         }
         if (draw(8) == 0) {
             outcome->onEnd = [this, &open] { ask(open); };
-        }
-    }
-    void cancelOne(OpenClient& open)
-    {
-        if (!open.asked.empty()) {
-            const Asked& asked = open.asked[draw(open.asked.size())];
-            open.client->cancel(*asked.outcome, asked.handle);
-        }
-    }
-    void release(std::size_t index)
-    {
-        auto& clients = processes[index].clients;
-        if (!clients.empty()) {
-            auto& chosen = clients[draw(clients.size())];
-            chosen->client->release(draw(2) == 0);
-            processes[index].released.push_back(std::move(chosen));
-            std::swap(chosen, clients.back());
-            clients.pop_back();
         }
     }
     void answer(std::size_t index)
@@ -162,47 +132,38 @@ protected:
             }
         }
     }
+    void actAsClient(OpenClient& open)
+    {
+        const std::size_t what = draw(10);
+        if (what == 0) {
+            open.isReleased = true;
+            open.client->release(draw(2) == 0);
+        } else if (what == 1 && !open.asked.empty()) {
+            open.client->cancel(*open.asked[draw(open.asked.size())]);
+        } else {
+            ask(open);
+        }
+    }
     void act()
     {
         const std::size_t index = draw(PROCESSES);
-        OpenClient* const open = drawClient(index);
-        switch (draw(20)) {
-        case 0:
-        case 1:
-        case 2:
+        const std::size_t what = draw(20);
+        if (what < 3) {
             provideOrWithdraw(index);
-            break;
-        case 3:
-        case 4:
+        } else if (what < 5) {
             connect(index);
-            break;
-        case 5:
-            release(index);
-            break;
-        case 6:
-            if (draw(4) == 0) {
-                kill(index);
-            }
-            break;
-        case 7:
+        } else if (what == 5) {
             network->cut(processes[index].group, processes[draw(PROCESSES)].group);
-            break;
-        case 8:
+        } else if (what == 6) {
             scheduler->runFor(static_cast<comm::TimeNs>(draw(3)) * comm::SECOND);
-            break;
-        case 9:
-        case 10:
-        case 11:
+        } else if (what == 7 && draw(4) == 0) {
+            kill(index);
+        } else if (what < 11) {
             answer(index);
-            break;
-        case 12:
-            if (open != nullptr) {
-                cancelOne(*open);
-            }
-            break;
-        default:
-            if (open != nullptr) {
-                ask(*open);
+        } else if (auto& clients = processes[index].clients; !clients.empty()) {
+            OpenClient& open = *clients[draw(clients.size())];
+            if (!open.isReleased) {
+                actAsClient(open);
             }
         }
         for (std::size_t steps = draw(10); steps > 0 && scheduler->step(); --steps) {
@@ -215,19 +176,15 @@ protected:
     {
         scheduler->runFor(10 * comm::SECOND);
         for (const Process& process : processes) {
-            for (const auto& open : process.released) {
-                for (const Asked& asked : open->asked) {
-                    EXPECT_TRUE(asked.outcome->isDestroyed) << "released";
-                }
-            }
             for (const auto& open : process.clients) {
                 const bool isProvided = processes[open->server].services[open->path] != nullptr;
-                EXPECT_EQ(open->client->checker.isConnected(), isProvided)
-                    << locator(open->server, open->path) << " from group " << process.group;
-                for (const Asked& asked : open->asked) {
-                    const bool isOver = asked.outcome->hasEnded() || asked.outcome->isCancelled;
-                    EXPECT_TRUE(isOver || isProvided);
-                    EXPECT_EQ(asked.outcome->isDestroyed, isOver);
+                if (!open->isReleased) {
+                    EXPECT_EQ(open->client->checker.isConnected(), isProvided)
+                        << locator(open->server, open->path) << " from group " << process.group;
+                }
+                for (const auto& outcome : open->asked) {
+                    EXPECT_TRUE(outcome->isOver() || (isProvided && !open->isReleased));
+                    EXPECT_EQ(outcome->isDestroyed, outcome->isOver());
                 }
             }
         }
@@ -241,20 +198,17 @@ protected:
             }
             for (const auto& open : process.clients) {
                 open->client->checker.released();
-                open->client->forgetBackend();
             }
         }
         scheduler->runFor(10 * comm::SECOND);
         for (Process& process : processes) {
             for (const auto& open : process.clients) {
-                for (const Asked& asked : open->asked) {
-                    EXPECT_TRUE(asked.outcome->isDestroyed);
+                for (const auto& outcome : open->asked) {
+                    EXPECT_TRUE(outcome->isDestroyed);
                 }
             }
             process.backend.reset();
-            process.clients.clear();
-            process.released.clear();
-            process.services = {};
+            process.clear();
         }
         graveyard.clear();
         EXPECT_EQ(network->openStreams(), 0U);

@@ -58,7 +58,6 @@ public:
     Client(const Client&) = delete;
     Client& operator=(const Client&) = delete;
 
-    explicit operator bool() const noexcept { return m_api != nullptr; }
     Client& start()
     {
         m_api->startConnect();
@@ -68,13 +67,12 @@ public:
     {
         std::shared_ptr<Outcome> outcome;
         auto handler = checker.handler(outcome);
-        m_lastHandle = m_api->request(request, std::move(handler));
+        outcome->handle = m_api->request(request, std::move(handler));
         return outcome;
     }
-    /// Cancels a request; `handle` null: the last one issued.
-    void cancel(Outcome& outcome, void* handle = nullptr)
+    void cancel(Outcome& outcome)
     {
-        m_api->cancel(handle != nullptr ? handle : m_lastHandle);
+        m_api->cancel(outcome.handle);
         checker.cancelled(outcome);
     }
     void release(bool serviceRemoved = false)
@@ -87,7 +85,6 @@ public:
     }
     /// The backend is gone; the client object stays.
     void forgetBackend() { m_backend = nullptr; }
-    void* lastHandle() const noexcept { return m_lastHandle; }
     KesaClientApi& api() const noexcept { return *m_api; }
 
     ClientChecker checker;
@@ -95,7 +92,6 @@ public:
 private:
     IBackend* m_backend;
     std::unique_ptr<KesaClientApi> m_api;
-    void* m_lastHandle = nullptr;
 };
 
 /// Backends over the memory network in simulated time. The test itself stands where the executor stands.

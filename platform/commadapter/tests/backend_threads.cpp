@@ -243,23 +243,5 @@ TEST_F(BackendTraffic, WithdrawReleaseAndStopInTheMiddleOfIt)
     remote.forgetBackend();
 }
 
-TEST_F(BackendThreads, ServiceThatStartsAgainIsFound)
-{
-    auto clientBackend = makeBackend("client");
-    Client client(*clientBackend, violations, "ipc://server/service");
-    watch(client);
-    client.start();
-    for (int round = 0; round < 5; ++round) {
-        CheckedService service(violations, "service");
-        auto server = makeBackend("server");
-        ASSERT_FALSE(server->provideOnLocator(url("ipc://server/service"), &service));
-        ASSERT_TRUE(await([&] { return client.checker.isConnected(); }));
-        EXPECT_TRUE(call(client, retrieve("/echo", "x"))->isCompleted);
-        server->stop();
-        ASSERT_TRUE(await([&] { return !client.checker.isConnected(); }));
-    }
-    client.release();
-}
-
 } // namespace
 } // namespace kesa::commadapter::test

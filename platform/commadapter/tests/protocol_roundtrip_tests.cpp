@@ -102,26 +102,6 @@ TEST(ProtocolRoundTrip, theReceiverSaysWhoTheClientIs)
                                         "request 2 1   <> {\"$accept\":\"hi\",\"$client-id\":\"media\"}"}));
 }
 
-TEST(ProtocolRoundTrip, valuesOutliveTheMachine)
-{
-    struct Keeper : Recorder {
-        void onRequest(std::uint32_t, std::uint32_t, Request request) override { kept.push_back(std::move(request)); }
-        std::vector<Request> kept;
-    } keeper;
-    std::string before;
-    {
-        Machine client(Machine::Role::eCLIENT, helloOf("client"), {}, keeper, 0);
-        Machine server(Machine::Role::eSERVER, helloOf("server"), {}, keeper, 0);
-        ASSERT_EQ(client.request(1, 1, richRequest()), Machine::Sent::eQUEUED);
-        ASSERT_FALSE(feed(server, takeAll(client)));
-        ASSERT_EQ(client.request(2, 1, Request("update", "/", large(100000))), Machine::Sent::eQUEUED);
-        ASSERT_FALSE(feed(server, takeAll(client)));
-    }
-    ASSERT_EQ(keeper.kept.size(), 2U);
-    EXPECT_EQ(describe(1, 1, keeper.kept[0]), describe(1, 1, richRequest()));
-    EXPECT_EQ(keeper.kept[1].getPayload().text(), large(100000).text());
-}
-
 TEST(ProtocolRoundTrip, whatCannotArriveIsRefusedAtTheSender)
 {
     Limits ofServer;
