@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <csignal>
 #include <functional>
 #include <stdexcept>
 #include <string>
@@ -43,10 +44,8 @@ public:
     /// Waits for an event that is `beginning`, or begins with it and a space; the oldest that was not yet waited for.
     /// Returns what follows.
     std::string expect(const std::string& beginning);
-    /// The same for the oldest that is one of `beginnings`; returns that one.
-    std::string expectAny(const std::vector<std::string>& beginnings);
-    /// Waits for an event that contains all of `parts`.
-    void expectLineWith(const std::vector<std::string>& parts);
+    /// Waits for an event that contains both.
+    void expectLineWith(const std::string& part, const std::string& other);
     /// Waits for a line on stderr.
     void expectTrace(const std::string& text);
     /// Fails when anything is told within the time.
@@ -54,10 +53,10 @@ public:
     /// Waits for its end; the status as `waitpid` has it.
     int expectEnd();
 
-    void signal(int number) const;
+    void signal(int number) const { ::kill(m_pid, number); }
     /// Returns when it stands still.
     void stop();
-    void resume() const;
+    void resume() const { signal(SIGCONT); }
     /// Returns when it is gone.
     void kill();
 

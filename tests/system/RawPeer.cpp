@@ -190,13 +190,11 @@ RawPeer::Frame RawPeer::receive()
     }
 }
 
-std::int64_t RawPeer::awaitClosed()
+void RawPeer::awaitClosed()
 {
-    const auto begin = std::chrono::steady_clock::now();
     while (fill()) {
         m_input.clear();
     }
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
 }
 
 RawListener::RawListener(const std::string& runDirectory, const std::string& process)

@@ -61,8 +61,8 @@ public:
     };
     /// The next frame that is no hello.
     Frame receive();
-    /// Reads on until the other side closes; milliseconds that took.
-    std::int64_t awaitClosed();
+    /// Reads on until the other side closes.
+    void awaitClosed();
     void close();
 
 private:

