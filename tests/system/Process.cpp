@@ -193,17 +193,6 @@ void Process::expectTrace(const std::string& text)
     }
 }
 
-void Process::expectQuiet(std::chrono::milliseconds time)
-{
-    const std::size_t before = history().size();
-    const auto deadline = Clock::now() + time;
-    while (readEvents(deadline)) {
-    }
-    if (m_history.size() > before) {
-        miss("silence");
-    }
-}
-
 int Process::expectEnd()
 {
     if (!m_isReaped) {

@@ -48,8 +48,6 @@ public:
     void expectLineWith(const std::string& part, const std::string& other);
     /// Waits for a line on stderr.
     void expectTrace(const std::string& text);
-    /// Fails when anything is told within the time.
-    void expectQuiet(std::chrono::milliseconds time);
     /// Waits for its end; the status as `waitpid` has it.
     int expectEnd();
 

@@ -45,25 +45,17 @@ std::string text(const std::string& content)
 
 } // namespace
 
-std::string header(std::uint32_t length, std::uint8_t kind, std::uint8_t flags, std::uint16_t head,
-                   std::uint32_t stream, std::uint32_t target)
-{
-    std::string bytes;
-    append(bytes, length, 4);
-    append(bytes, kind, 1);
-    append(bytes, flags, 1);
-    append(bytes, head, 2);
-    append(bytes, stream, 4);
-    append(bytes, target, 4);
-    return bytes;
-}
-
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head,
                   const std::string& body, std::uint8_t flags)
 {
-    return header(static_cast<std::uint32_t>(head.size() + body.size()), kind, flags,
-                  static_cast<std::uint16_t>(head.size()), stream, target) +
-           head + body;
+    std::string bytes;
+    append(bytes, head.size() + body.size(), 4);
+    append(bytes, kind, 1);
+    append(bytes, flags, 1);
+    append(bytes, head.size(), 2);
+    append(bytes, stream, 4);
+    append(bytes, target, 4);
+    return bytes + head + body;
 }
 
 std::string hello()
@@ -83,22 +75,12 @@ std::string request(std::uint32_t stream, std::uint32_t target, const std::strin
     return frame(eREQUEST, stream, target, "\xbf\x00\x00\x01"s + text(resource) + "\xff", body);
 }
 
-std::string firstFragment(std::uint32_t stream, std::uint32_t target, std::uint32_t size)
-{
-    std::string head = "\xbf\x03\x1a";
-    for (int i = 3; i >= 0; --i) {
-        head.push_back(static_cast<char>(size >> (8 * i)));
-    }
-    head.push_back('\xff');
-    return frame(eREQUEST, stream, target, head, std::string(LARGEST_FRAME - head.size(), 'f'), MORE);
-}
-
 } // namespace wire
 
 namespace {
 
-/// Binds or connects a new socket to that of a process, whatever the length of the path.
-int openSocket(const std::string& runDirectory, const std::string& process, int (*use)(int, const sockaddr*, socklen_t))
+/// Connects a new socket to that of a process, whatever the length of the path.
+int openSocket(const std::string& runDirectory, const std::string& process)
 {
     const int socket = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int directory = ::open(runDirectory.c_str(), O_PATH | O_CLOEXEC);
@@ -106,27 +88,19 @@ int openSocket(const std::string& runDirectory, const std::string& process, int 
     address.sun_family = AF_UNIX;
     const std::string path = "/proc/self/fd/" + std::to_string(directory) + '/' + process + ".sock";
     path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
-    const int failed = use(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    const int error = errno;
+    const int failed = ::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address);
     ::close(directory);
     if (failed != 0) {
         ::close(socket);
-        throw Missing("no socket of " + process + ": " + std::strerror(error));
+        throw Missing("no socket of " + process + ": " + std::strerror(errno));
     }
     return socket;
-}
-
-/// False when the time is over.
-bool awaitReadable(int socket)
-{
-    pollfd ready{socket, POLLIN, 0};
-    return ::poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(LIMIT).count())) > 0;
 }
 
 } // namespace
 
 RawPeer::RawPeer(const std::string& runDirectory, const std::string& process)
-    : m_socket(openSocket(runDirectory, process, ::connect))
+    : m_socket(openSocket(runDirectory, process))
 {}
 
 RawPeer::RawPeer(RawPeer&& other) noexcept
@@ -160,7 +134,8 @@ bool RawPeer::send(std::string_view bytes)
 /// False at the end.
 bool RawPeer::fill()
 {
-    if (!awaitReadable(m_socket)) {
+    pollfd ready{m_socket, POLLIN, 0};
+    if (::poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(LIMIT).count())) <= 0) {
         throw Missing("a raw peer waited in vain for bytes or the end");
     }
     std::array<char, 65536> buffer;
@@ -195,30 +170,6 @@ void RawPeer::awaitClosed()
     while (fill()) {
         m_input.clear();
     }
-}
-
-RawListener::RawListener(const std::string& runDirectory, const std::string& process)
-    : m_socket(openSocket(runDirectory, process, ::bind))
-{}
-
-RawListener::~RawListener()
-{
-    ::close(m_socket);
-}
-
-void RawListener::listen() const
-{
-    ::listen(m_socket, 16);
-}
-
-void RawListener::answerNext(std::string_view bytes) const
-{
-    const int client = awaitReadable(m_socket) ? ::accept4(m_socket, nullptr, nullptr, SOCK_CLOEXEC) : -1;
-    if (client < 0) {
-        throw Missing("nobody connects to a raw listener");
-    }
-    static_cast<void>(::send(client, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0);
-    ::close(client);
 }
 
 } // namespace kesa::system_test

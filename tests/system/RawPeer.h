@@ -25,11 +25,6 @@ enum Kind : std::uint8_t {
     ePONG
 };
 
-inline constexpr std::uint8_t MORE = 1;
-inline constexpr std::uint32_t LARGEST_FRAME = 65536;
-
-std::string header(std::uint32_t length, std::uint8_t kind, std::uint8_t flags, std::uint16_t head,
-                   std::uint32_t stream, std::uint32_t target);
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head = {},
                   const std::string& body = {}, std::uint8_t flags = 0);
 std::string hello();
@@ -37,8 +32,6 @@ std::string attach(std::uint32_t target, const std::string& path);
 /// A "retrieve" of `resource`, of at most 23 bytes.
 std::string request(std::uint32_t stream, std::uint32_t target, const std::string& resource,
                     const std::string& body = {});
-/// The first fragment of a request with a body of `size` bytes.
-std::string firstFragment(std::uint32_t stream, std::uint32_t target, std::uint32_t size);
 
 } // namespace wire
 
@@ -70,23 +63,6 @@ private:
 
     int m_socket = -1;
     std::string m_input;
-};
-
-/// A server that is only a socket. Its file stays.
-class RawListener {
-public:
-    /// Its socket is there, and refuses everybody until `listen`.
-    RawListener(const std::string& runDirectory, const std::string& process);
-    ~RawListener();
-    RawListener(const RawListener&) = delete;
-    RawListener& operator=(const RawListener&) = delete;
-
-    void listen() const;
-    /// Waits for the next client, writes, and closes the connection.
-    void answerNext(std::string_view bytes) const;
-
-private:
-    int m_socket = -1;
 };
 
 } // namespace kesa::system_test

@@ -15,13 +15,13 @@ namespace kesa::system_test {
 struct Options {
     std::string comm = "{}";             ///< the document's "comm"
     std::vector<std::string> services{}; ///< locators of services, under their paths
-    std::string runDirectory{};          ///< the test's unless given
     std::string trace = "*=2";
     bool isNobody = false;
 };
 
 /// Processes in a run directory of the test's own. At the end of each test, what every process was told is checked:
-/// "connected" and "lost" took turns, and each request ended at most once, and before the next connection.
+/// "connected" and "lost" took turns, each request had values only between its issue and its one end, and ended before
+/// the next connection.
 class SystemTest : public testing::Test {
 protected:
     SystemTest();
@@ -40,15 +40,13 @@ protected:
     /// One that also follows its feed.
     Process& startFollower(const std::string& process, const std::string& service, const Options& options = {});
 
-    /// Somebody who is not concerned, and calls a service without a pause from now on. No call may fail.
+    /// Somebody who is not concerned: a client of a service, whose calls succeed.
     void startBystander(const std::string& locator);
     /// The same with a provider that is not concerned either.
     void startBystanders();
-    /// Waits for some more calls of the bystander.
+    /// Some more calls of the bystander, over the connection it has had from the start.
     void expectUndisturbed();
-    void endBystander();
 
-    const std::string& directory() const { return m_directory; }
     const std::string& runDirectory() const { return m_runDirectory; }
     bool isInRunDirectory(const std::string& file) const;
 
@@ -57,6 +55,8 @@ private:
     std::string m_runDirectory;
     std::list<Process> m_processes;
     Process* m_bystander = nullptr;
+    std::string m_bystanderCall;
+    int m_bystanderCalls = 0;
 };
 
 } // namespace kesa::system_test

@@ -37,7 +37,7 @@ TEST_F(SystemNames, ASecondProcessOfANameProvidesNothingUntilTheFirstHasEnded)
     // It is a client as any other, also of the one whose name it has.
     second.send("resolve " + PLAYER);
     second.expect("connected " + PLAYER);
-    endBystander();
+    expectUndisturbed();
     first.kill();
     second.expect("lost " + PLAYER);
     second.send("provide /player");
@@ -62,22 +62,6 @@ TEST_F(SystemNames, WhatIsLeftOverIsReplacedOrExplained)
     taken.send("provide /a");
     taken.expect("refused /a 409");
     taken.expectTrace("cannot open \"taken.lock\" in the run directory");
-}
-
-TEST_F(SystemNames, ARunDirectoryThatIsRemovedIsMadeAgain)
-{
-    Process& watcher = start("watcher");
-    watcher.send("resolve " + PLAYER);
-    watcher.expectTrace("no process listens as \"media\"");
-    Process& provider = startProvider("media", "/player");
-    watcher.expect("connected " + PLAYER);
-    fs::remove_all(runDirectory());
-    watcher.send("call after " + PLAYER + " /echo");
-    watcher.expect("completed after");
-    provider.kill();
-    watcher.expect("lost " + PLAYER);
-    startProvider("media", "/player");
-    watcher.expect("connected " + PLAYER);
 }
 
 TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)

@@ -105,28 +105,6 @@ TEST_F(SystemRubbish, HalfAHelloAndSilenceIsEndedAfterThreeSeconds)
     expectUndisturbed();
 }
 
-TEST_F(SystemRubbish, MessagesThatNeverEndCostWhatHasArrived)
-{
-    const std::size_t before = provider().residentKiB();
-    std::deque<RawPeer> peers;
-    for (int count = 0; count < 10; ++count) {
-        peers.push_back(attach());
-        for (std::uint32_t stream = 1; stream <= 8; ++stream) {
-            peers.back().send(wire::firstFragment(stream, 1, 15U << 20U));
-        }
-        peers.back().send(wire::frame(wire::ePING, 0, 0));
-        EXPECT_EQ(peers.back().receive().kind, wire::ePONG);
-    }
-    expectMemoryBelow(before, 64); // they declared 1200, and sent 5
-    RawPeer greedy = attach();
-    for (std::uint32_t stream = 1; stream <= 65; ++stream) {
-        greedy.send(wire::firstFragment(stream, 1, 1U << 20U));
-    }
-    greedy.awaitClosed();
-    provider().expectTrace("more than 64 fragmented messages at once");
-    expectUndisturbed();
-}
-
 TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
 {
     const std::size_t descriptors = provider().openDescriptors();
@@ -231,24 +209,6 @@ TEST_F(SystemRubbish, WithoutDescriptorsClientsWaitAndThenComeIn)
     client.send("call within " + PLAYER + " /echo");
     client.expect("completed within");
     ::prlimit(provider().pid(), RLIMIT_NOFILE, &limit, nullptr);
-    expectUndisturbed();
-}
-
-TEST_F(SystemRubbish, AListenerThatTalksRubbishIsTriedAgainUntilItIsSomebodyElse)
-{
-    Process& watcher = start("watcher");
-    watcher.send("resolve ipc://fake/a");
-    {
-        const RawListener fake(runDirectory(), "fake");
-        watcher.expectTrace("nobody listens on the socket of \"fake\""); // tried before it listens: no file tells when
-        fake.listen();
-        for (int count = 0; count < 5; ++count) {
-            fake.answerNext("HTTP/1.1 400 Bad Request\r\n\r\n");
-        }
-        watcher.expectTrace("'ipc://fake' is not connected: frame of ");
-    }
-    startProvider("fake", "/a");
-    watcher.expect("connected ipc://fake/a");
     expectUndisturbed();
 }
 

@@ -6,8 +6,6 @@
 namespace kesa::system_test {
 namespace {
 
-using namespace std::chrono_literals;
-
 const std::string PLAYER = "ipc://media/player";
 
 using SystemSilence = SystemTest;
@@ -17,11 +15,8 @@ TEST_F(SystemSilence, AnAnswerThatIsOwedByAProviderThatStandsStillEndsTheConnect
     startBystanders();
     Process& provider = startProvider("media", "/player");
     Process& watcher = startFollower("watcher", PLAYER, {.comm = R"({"heartbeat_ms": 400})"});
-    // A service may take its time: its process answers the pings.
     watcher.send("call owed " + PLAYER + " /hang single-response");
     watcher.expect("issued owed");
-    watcher.expectQuiet(1200ms);
-
     provider.stop();
     EXPECT_NE(watcher.expect("error owed 503").find("silent for 400 ms after a ping"), std::string::npos);
     watcher.expect("error " + PLAYER + "#1 503");

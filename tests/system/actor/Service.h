@@ -2,29 +2,60 @@
 #define KESA_TESTS_SYSTEM_ACTOR_SERVICE_H
 
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/mimetypes.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <utility>
 #include <vector>
 
 /// What an actor provides: "/echo" answers at once, "/hang" never, "/feed" with 0 at once and then with what `feed`
 /// says.
 class Service {
 public:
-    Service();
+    Service()
+    {
+        m_api->onRetrieve("/echo", [](const kesa::Request& request, kesa::Responder responder) {
+            responder.answer(request.getPayload());
+        });
+        m_api->onRetrieve("/hang", [this](const kesa::Request&, kesa::Responder responder) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_hanging.push_back(std::move(responder));
+        });
+        m_api->onRetrieve("/feed", [this](const kesa::Request&, kesa::Responder responder) {
+            static_cast<void>(responder.next(text("0")));
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_followers.push_back(std::move(responder));
+        });
+    }
 
     std::shared_ptr<kesa::IKesaApi> api() const { return m_api; }
 
-    struct Fed {
-        std::size_t taken = 0;
-        std::size_t refused = 0;
-    };
-    /// Sends the next number to each that follows, filled up to `bytes`. Who refuses it follows no longer.
-    Fed feed(std::size_t bytes);
+    /// Sends the next number to each that follows, filled up to `bytes`. Who refuses it follows no longer. How many
+    /// took it, and how many refused it.
+    std::pair<std::size_t, std::size_t> feed(std::size_t bytes)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        std::string content = std::to_string(++m_fed) + ' ';
+        content.resize(std::max(bytes, content.size()), '.');
+        const kesa::Payload payload = text(std::move(content));
+        const std::size_t before = m_followers.size();
+        m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(),
+                                         [&payload](kesa::Responder& follower) { return follower.next(payload); }),
+                          m_followers.end());
+        return {m_followers.size(), before - m_followers.size()};
+    }
 
 private:
-    const std::shared_ptr<kesa::ResourceHandler> m_api;
+    static kesa::Payload text(std::string content)
+    {
+        return kesa::Payload::createFromString(std::move(content), kesa::mimetypes::TEXT);
+    }
+
+    const std::shared_ptr<kesa::ResourceHandler> m_api = std::make_shared<kesa::ResourceHandler>();
     std::mutex m_mutex;
     std::vector<kesa::Responder> m_followers; ///< under `m_mutex`
     std::vector<kesa::Responder> m_hanging;   ///< under `m_mutex`

@@ -2,9 +2,7 @@
 // happens to it in lines on stdout. `COMMANDS` below is the list of both. The end of stdin is the end of the test: it
 // exits.
 
-#include "Caller.h"
 #include "Service.h"
-#include "say.h"
 
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
@@ -34,13 +32,14 @@ using kesa::serviceregistry::ServiceDef;
 using Client = std::shared_ptr<kesa::IKesaApi>;
 using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
 
+namespace {
+
+/// Tells the test one event, as one line on stdout. Any thread.
 void say(const std::string& event)
 {
     const std::string line = event + '\n';
     static_cast<void>(::write(STDOUT_FILENO, line.data(), line.size()) < 0);
 }
-
-namespace {
 
 /// Up to the first space: the rest of a value only makes it large.
 std::string firstWord(std::string_view text)
@@ -122,12 +121,9 @@ public:
     void follow(std::istream& words) { m_clients.followAlways(word(words)); }
     void call(std::istream& words);
     void feed(std::istream& words);
-    void startCalls(std::istream& words);
-    void awaitCalls(std::istream& words);
     void forkChild(std::istream& words);
     void spawnChild(std::istream& words);
     void handleTerm(std::istream& words);
-    void end();
 
     static std::string word(std::istream& words)
     {
@@ -142,7 +138,6 @@ private:
     Clients m_clients;
     std::map<std::string, kesa::Disposable> m_registrations;
     std::map<std::string, kesa::Disposable> m_resolved;
-    std::unique_ptr<Caller> m_caller;
 };
 
 void Actor::provide(std::istream& words)
@@ -209,19 +204,8 @@ void Actor::call(std::istream& words)
 
 void Actor::feed(std::istream& words)
 {
-    const Service::Fed fed = m_service.feed(std::stoul(word(words)));
-    say("fed " + std::to_string(fed.taken) + ' ' + std::to_string(fed.refused));
-}
-
-void Actor::startCalls(std::istream& words)
-{
-    m_caller = std::make_unique<Caller>(m_clients.find(word(words)));
-}
-
-void Actor::awaitCalls(std::istream& words)
-{
-    m_caller->awaitCalls(std::stoul(word(words)));
-    say("called");
+    const auto [taken, refused] = m_service.feed(std::stoul(word(words)));
+    say("fed " + std::to_string(taken) + ' ' + std::to_string(refused));
 }
 
 /// The child waits for its parent's death, and then reads the commands in its place. "raw": behind the back of the
@@ -265,13 +249,6 @@ void Actor::handleTerm(std::istream&)
     say("handling");
 }
 
-void Actor::end()
-{
-    m_caller.reset();
-    KesaRuntime::shutdown();
-    say("ended");
-}
-
 const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"provide", &Actor::provide},        // PATH: provided PATH LOCATOR, or refused PATH WHY
     {"withdraw", &Actor::withdraw},      // PATH
@@ -279,8 +256,6 @@ const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
     {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
-    {"start-calls", &Actor::startCalls}, // WHAT: later perhaps call-failed WHY
-    {"await-calls", &Actor::awaitCalls}, // COUNT: called
     {"fork", &Actor::forkChild},         // [raw]: forked PID; the child: orphaned
     {"spawn", &Actor::spawnChild},       // spawned PID
     {"handle-term", &Actor::handleTerm}, // handling; later sigterm main
@@ -315,7 +290,8 @@ int main(int argc, char** argv)
         std::istringstream words(line);
         const std::string name = Actor::word(words);
         if (name == "quit") {
-            actor->end();
+            KesaRuntime::shutdown();
+            say("ended");
             return 0;
         }
         const auto command = COMMANDS.find(name);
