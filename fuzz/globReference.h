@@ -1,5 +1,5 @@
-#ifndef KESA_CORE_TESTS_GLOBREFERENCE_H
-#define KESA_CORE_TESTS_GLOBREFERENCE_H
+#ifndef KESA_FUZZ_GLOBREFERENCE_H
+#define KESA_FUZZ_GLOBREFERENCE_H
 
 #include <cstddef>
 #include <string>

@@ -1,7 +1,7 @@
 // A glob and a path, apart by a zero byte: a malformed glob has a reason with a position, a match never takes long, and
 // a small glob of the simple kind matches what the plain reference matches.
+#include "globReference.h"
 #include "require.h"
-#include "tests/globReference.h"
 
 #include <kesa/PathPatterns.h>
 #include <obr/ErrorStorage.h>

@@ -1,12 +1,29 @@
 // Any bytes, read as one format: they are refused with a reason, or make a value that survives all formats.
-#include "ValueWalk.h"
 #include "require.h"
 
+#include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
+#include <util/serializer/formats.h>
 
 using namespace util::serializer;
+using util::config::Value;
 
 namespace {
+
+bool write(Format format, const Value& value, util::ByteBufferWriter& out)
+{
+    const auto serializer = makeSerializer(format);
+    bool hasContent = false;
+    return serializer->attach(out) || kesa::serializer::serialize(*serializer, value) ||
+           serializer->finish(hasContent) || !hasContent;
+}
+
+bool read(Format format, std::string_view bytes, Value& value)
+{
+    const auto deserializer = makeDeserializer(format);
+    util::ByteBufferReader in(bytes.data(), bytes.size(), false);
+    return deserializer->attach(in) || kesa::serializer::deserialize(*deserializer, value) || deserializer->finish();
+}
 
 /// Skipping must come to the same end as reading.
 void skipWhole(std::string_view bytes)
@@ -22,8 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     obr::ErrorStorage::ack();
-    test::Value value;
-    const bool failed = test::read(Format::KESA_FUZZ_FORMAT, bytes, value);
+    Value value;
+    const bool failed = read(Format::KESA_FUZZ_FORMAT, bytes, value);
     require(failed == obr::ErrorStorage::isError());
     if (failed) {
         require(!obr::ErrorStorage::reason().empty());
@@ -32,9 +49,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     skipWhole(bytes);
     for (const Format format : {Format::eJSON, Format::eMSGPACK, Format::eQELBIN}) {
         util::ByteBufferWriter out(64);
-        test::Value back;
-        require(!test::write(format, value, out));
-        require(!test::read(format, out.text(), back));
+        Value back;
+        require(!write(format, value, out));
+        require(!read(format, out.text(), back));
         require(back == value);
     }
     return 0;

@@ -84,12 +84,11 @@ protected:
 
 TEST_F(StaticComposed, LongestRootBySegmentsServes)
 {
-    for (const char* path : {"/", "/x", "/ab", "/a", "/a/", "/a/bc", "/a/b", "/a/b/c"}) {
+    for (const char* path : {"/", "/ab", "/a/", "/a/bc", "/a/b/c"}) {
         ask(path);
     }
-    EXPECT_THAT(service,
-                ElementsAre("asked / at /", "asked /x at /", "asked /ab at /", "asked /a at /a", "asked /a/ at /a",
-                            "asked /a/bc at /a", "asked /a/b at /a/b", "asked /a/b/c at /a/b"));
+    EXPECT_THAT(service, ElementsAre("asked / at /", "asked /ab at /", "asked /a/ at /a", "asked /a/bc at /a",
+                                     "asked /a/b/c at /a/b"));
     StaticComposedKesaService empty({});
     auto handler = std::unique_ptr<IResponseHandler<Response>>(std::make_unique<Client>(client));
     client.clear();

@@ -4,6 +4,7 @@
 namespace {
 
 using kesa::url;
+using namespace std::string_literals;
 
 TEST(Url, FindsItsParts)
 {
@@ -41,38 +42,15 @@ TEST(Url, AcceptsWhatTheGrammarAllows)
 
 TEST(Url, RefusesWhatItForbids)
 {
-    for (const char* text : {"",
-                             "a b",
-                             "ipc://p/a b",
-                             "ipc://p/%2",
-                             "ipc://p/%zz",
-                             "ipc://p%/",
-                             "1tcp://h",
-                             "://h",
-                             "a:b/c\\d",
-                             "t_p://h",
-                             "tcp://h:8o/",
-                             "tcp://[::1/",
-                             "tcp://[1::2::3]/",
-                             "tcp://[::1]x/",
-                             "tcp://[::g]/",
-                             "tcp://[v.a]/",
-                             "tcp://::1/",
-                             "tcp://a@b@c/",
-                             "/\xC3\xBC",
-                             "/a?b c",
-                             "/a#b#c",
-                             "/a\"",
-                             "/a<b>",
-                             "/a|b",
-                             "/a\x7F"}) {
+    for (const std::string& text :
+         {std::string(),    "a b"s,          "ipc://p/%2"s,   "ipc://p/%zz"s, "ipc://p%/"s,    "1tcp://h"s,
+          "://h"s,          "a:b/c\\d"s,     "t_p://h"s,      "tcp://h:8o/"s, "tcp://[::1/"s,  "tcp://[1::2::3]/"s,
+          "tcp://[::1]x/"s, "tcp://[::g]/"s, "tcp://[v.a]/"s, "tcp://::1/"s,  "tcp://a@b@c/"s, "/\xC3\xBC"s,
+          "/a?b c"s,        "/a#b#c"s,       "/a\""s,         "/a<b>"s,       "/a|b"s,         "/a\x7F"s,
+          "/a\0b"s,         "//[::\0]"s}) {
         EXPECT_FALSE(url(text).isValid()) << text;
-        EXPECT_FALSE(url(text).isAbsolute()) << text;
         EXPECT_EQ(url(text).toString(), text);
-        EXPECT_EQ(url(text).path(), "") << text;
     }
-    EXPECT_FALSE(url(std::string("/a\0b", 4)).isValid());
-    EXPECT_FALSE(url(std::string("//[::\0]", 8)).isValid());
 }
 
 TEST(Url, IsItsText)
