@@ -2,7 +2,6 @@
 #include "support.h"
 
 #include <comm/Scheduler.h>
-#include <tracing/Sink.h>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -173,39 +172,6 @@ TEST_F(ReactorTest, MisuseIsAFailedAssertion)
     EXPECT_THAT(assertions.take(),
                 ElementsAre(HasSubstr("cannot be stopped from inside"), HasSubstr("cannot watch descriptor -1"),
                             HasSubstr("called outside of the loop 'test.m_io'")));
-    // The last owner is a task of its own.
-    Signal ended;
-    Reactor& alias = *loop;
-    alias.post([owned = std::move(loop),
-                guard = std::shared_ptr<void>(nullptr, [&](void*) { ended.raise(); })]() mutable { owned = nullptr; });
-    ended.await();
-    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot be stopped from inside")));
-}
-
-TEST_F(ReactorTest, TracesACallbackThatHoldsTheLoop)
-{
-    class Capture final : public tracing::ISink {
-    public:
-        void write(const tracing::Line& line) override
-        {
-            const std::lock_guard lock(mutex);
-            lines.push_back(std::string(line.channel) + std::to_string(line.severity) + ' ' + std::string(line.text));
-        }
-        std::mutex mutex;
-        std::vector<std::string> lines;
-    };
-    const auto capture = std::make_shared<Capture>();
-    const auto before = tracing::setSink(capture);
-    loop->post([] {});
-    loop->post([] {
-        const TimeNs end = now() + 70 * MILLISECOND;
-        while (now() < end) {
-        }
-    });
-    loop->stop();
-    tracing::setSink(before);
-    EXPECT_THAT(capture->lines,
-                ElementsAre(testing::StartsWith("KESA_COMM3 [reactor] a callback held the loop 'test.m_io' for ")));
 }
 
 TEST_F(ReactorTest, StandsManyProducersTimersAndWatches)

@@ -3,9 +3,6 @@
 
 #include <comm/Scheduler.h>
 #include <comm/SimulatedScheduler.h>
-#include <obr/ErrorOutput.h>
-#include <obr/ErrorStorage.h>
-#include <obr/errors.h>
 
 #include <optional>
 #include <set>
@@ -67,29 +64,6 @@ TEST(SimulatedOrder, FollowsTheSeedAndNothingElse)
     EXPECT_GT(orders.size(), 45U);
 }
 
-TEST_F(Simulated, RunsOneEventPerStepAndGivesEachLoopItsOwnError)
-{
-    ActiveObject a("a");
-    ActiveObject b("b");
-    post(a, [&] {
-        EXPECT_TRUE(a.isCurrentThread());
-        static_cast<void>(obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, "of a"));
-    });
-    EXPECT_TRUE(sim.step());
-    EXPECT_FALSE(sim.step());
-    EXPECT_FALSE(obr::ErrorStorage::isError());
-    EXPECT_TRUE(runAndWait(b, [&] {
-        EXPECT_FALSE(obr::ErrorStorage::isError());
-        EXPECT_TRUE(runAndWait(a, [&] {
-            EXPECT_EQ(obr::ErrorStorage::reason(), "of a");
-            EXPECT_FALSE(b.isCurrentThread());
-        }));
-        EXPECT_TRUE(b.isCurrentThread());
-        EXPECT_FALSE(obr::ErrorStorage::isError());
-    }));
-    EXPECT_FALSE(a.isCurrentThread());
-}
-
 TEST_F(Simulated, TheClockJumpsOnlyWhenNothingIsDue)
 {
     const auto loop = sim.makeReactor("io");
@@ -144,10 +118,6 @@ TEST_F(Simulated, ADeadlockIsReportedAndTheWaitEnds)
     EXPECT_THAT(messages[0], HasSubstr("deadlock"));
     EXPECT_THAT(messages[0], HasSubstr("'Runtime.m_executor'"));
     EXPECT_THAT(messages[0], HasSubstr("'Runtime.m_updater'"));
-
-    post(waiter, [&] { waiter.stop(); });
-    sim.runReady();
-    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot be stopped")));
 }
 
 TEST_F(Simulated, APausedGroupKeepsItsWorkAndAKilledOneLosesIt)
@@ -179,48 +149,7 @@ TEST_F(Simulated, APausedGroupKeepsItsWorkAndAKilledOneLosesIt)
         *first, [] { FAIL(); }, [&] { log.emplace_back("dropped at once"); });
     io->post([] { FAIL(); });
     EXPECT_FALSE(runAndWait(*first, [] { FAIL(); }));
-    io->cancelTimer(1);
-    first->stop();
     first.reset();
     sim.runReady();
     EXPECT_THAT(log, ElementsAre("dropped", "dropped at once", "told"));
-}
-
-TEST_F(Simulated, StoppingRunsWhatWasQueuedBefore)
-{
-    ActiveObject object("a");
-    ActiveObject other("b");
-    for (int i = 0; i < 3; ++i) {
-        post(object, [&, i] {
-            log.emplace_back(std::to_string(i));
-            runAndWait(other, [&] { log.emplace_back("b"); });
-            post(object, [] { FAIL() << "came after the stop"; });
-        });
-    }
-    object.stop();
-    EXPECT_THAT(log, ElementsAre("0", "b", "1", "b", "2", "b"));
-
-    const auto loop = sim.makeReactor("io");
-    loop->post([&, loop = loop.get()] {
-        loop->startTimer(now() + SECOND, [] { FAIL(); });
-        loop->atTurnEnd([&] { log.emplace_back("end"); });
-    });
-    loop->stop();
-    EXPECT_EQ(log.back(), "end");
-    AssertionRecorder assertions;
-    loop->startTimer(0, [] { FAIL(); });
-    EXPECT_EQ(loop->watch(0, Reactor::eREADABLE, [](unsigned) {}), 0U);
-    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("cannot watch descriptors")));
-    EXPECT_TRUE(sim.runAll());
-}
-
-TEST_F(Simulated, TheSchedulerIsNotReplacedUnderALoop)
-{
-    AssertionRecorder assertions;
-    ActiveObject object("a");
-    Scheduler::install(&sim);
-    EXPECT_THAT(assertions.take(), ElementsAre(HasSubstr("the scheduler is replaced while a loop")));
-    object.stop();
-    Scheduler::install(&sim);
-    EXPECT_THAT(assertions.take(), ElementsAre());
 }

@@ -72,13 +72,11 @@ public:
     {
         {
             const std::lock_guard lock(m_state->lock);
-            m_state->expect(!m_state->isReleased, "after-release", "connected");
-            m_state->expect(!m_state->isConnected, "alternation", "connected twice");
+            m_state->change(true);
             for (const auto& outcome : m_state->open) {
                 m_state->expect(outcome->isOver(), "ends-first", "a request is open across connections");
             }
             m_state->open.clear();
-            m_state->isConnected = true;
             ++m_state->connections;
         }
         if (onConnected) {
@@ -89,9 +87,7 @@ public:
     {
         {
             const std::lock_guard lock(m_state->lock);
-            m_state->expect(!m_state->isReleased, "after-release", "disconnected");
-            m_state->expect(m_state->isConnected, "alternation", "disconnected without connected");
-            m_state->isConnected = false;
+            m_state->change(false);
         }
         if (onDisconnected) {
             onDisconnected();
@@ -135,12 +131,11 @@ public:
         const std::lock_guard lock(m_state->lock);
         return m_state->connections;
     }
-    /// Reads outcomes while other threads may change them.
-    template <class Read>
-    auto read(const Read& what) const
+    /// While other threads may change it.
+    bool isDestroyed(const Outcome& outcome) const
     {
         const std::lock_guard lock(m_state->lock);
-        return what();
+        return outcome.isDestroyed;
     }
 
     std::function<void()> onConnected;
@@ -151,6 +146,11 @@ private:
         State(Violations& allViolations, std::string clientName)
             : violations(allViolations), name(std::move(clientName))
         {}
+        void change(bool connected)
+        {
+            expect(!isReleased, "after-release", "a listener call");
+            expect(std::exchange(isConnected, connected) != connected, "alternation", "the same twice");
+        }
         void expect(bool holds, const char* rule, const char* what)
         {
             if (!holds) {
@@ -177,8 +177,6 @@ private:
             const std::lock_guard lock(m_state->lock);
             m_outcome->isDestroyed = true;
         }
-        Handler(const Handler&) = delete;
-        Handler& operator=(const Handler&) = delete;
 
         bool onNext(const Response& value) override
         {
@@ -224,11 +222,6 @@ private:
 ///   /drop   drops the handler
 class CheckedService final : public IKesaApi {
 public:
-    struct Kept {
-        std::string path;
-        std::shared_ptr<IResponseHandler<Response>> handler;
-    };
-
     CheckedService(Violations& violations, std::string name) : m_violations(violations), m_name(std::move(name)) {}
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
@@ -245,8 +238,7 @@ public:
             handler->onCompleted();
         } else if (request.getPath() != "/drop") {
             lock.lock();
-            m_kept.emplace(handle, Kept{request.getPath(), std::move(handler)});
-            ++m_requests;
+            m_kept.emplace(handle, std::move(handler));
             return handle;
         }
         handler.reset();
@@ -254,14 +246,14 @@ public:
     }
     void cancel(void* handle) override
     {
-        std::unique_lock lock(m_lock);
+        std::map<void*, std::shared_ptr<IResponseHandler<Response>>>::node_type node; // dies outside of the lock
+        const std::lock_guard lock(m_lock);
         expectProvided("a cancel");
-        const auto node = m_kept.extract(handle);
+        node = m_kept.extract(handle);
         if (node.empty()) {
             m_violations.add("known-cancel", m_name);
         }
         ++m_cancels;
-        lock.unlock();
     }
     /// `unprovide` has returned.
     void withdrawn()
@@ -275,7 +267,7 @@ public:
         const std::lock_guard lock(m_lock);
         std::vector<std::shared_ptr<IResponseHandler<Response>>> all;
         for (const auto& [handle, kept] : m_kept) {
-            all.push_back(kept.handler);
+            all.push_back(kept);
         }
         return all;
     }
@@ -286,7 +278,7 @@ public:
         if (m_kept.empty()) {
             return nullptr;
         }
-        auto handler = std::move(m_kept.begin()->second.handler);
+        auto handler = std::move(m_kept.begin()->second);
         m_kept.erase(m_kept.begin());
         return handler;
     }
@@ -299,11 +291,6 @@ public:
     {
         const std::lock_guard lock(m_lock);
         return m_cancels;
-    }
-    unsigned requests() const
-    {
-        const std::lock_guard lock(m_lock);
-        return m_requests;
     }
 
     std::function<void(const Request&)> onRequest; ///< inside the call, before anything else
@@ -319,9 +306,8 @@ private:
     Violations& m_violations;
     const std::string m_name;
     mutable std::mutex m_lock;
-    std::map<void*, Kept> m_kept;
+    std::map<void*, std::shared_ptr<IResponseHandler<Response>>> m_kept;
     std::uintptr_t m_lastHandle = 0;
-    unsigned m_requests = 0; ///< kept ones
     unsigned m_cancels = 0;
     bool m_isWithdrawn = false;
 };

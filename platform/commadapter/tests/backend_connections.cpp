@@ -42,28 +42,6 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
     client.release();
 }
 
-TEST_F(BackendConnections, KilledServiceIsSeenAndItsNextOneToo)
-{
-    auto clientBackend = makeBackend("client"); // group 1
-    Client client(*clientBackend, violations, "ipc://server/service");
-    client.start();
-    for (int round = 0; round < 3; ++round) {
-        CheckedService service(violations, "service");
-        auto server = makeBackend("server");
-        ASSERT_NE(provide(*server, "/service", service), "");
-        EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
-        const auto stream = client.request(retrieve("/stream"));
-        settle();
-        kill(server, lastGroup);
-        EXPECT_LE(timeUntil([&] { return !client.checker.isConnected(); }), comm::MILLISECOND);
-        EXPECT_EQ(stream->status, 503);
-        scheduler->runFor(comm::SECOND);
-    }
-    EXPECT_EQ(client.checker.connections(), 3U);
-    EXPECT_EQ(count(traces->take(), "is not connected"), 6U) << "each time: the end, and nobody listens";
-    client.release();
-}
-
 TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
 {
     settings.heartbeat = 100 * comm::SECOND;

@@ -224,25 +224,6 @@ TEST_P(BackendRequests, TooLargeIsToldToTheSenderOnly)
     EXPECT_TRUE(client->checker.isConnected());
 }
 
-TEST_P(BackendRequests, ReleaseEndsItsRequestsAndNoOthers)
-{
-    auto other = connect();
-    settle();
-    const auto stream = client->request(retrieve("/stream"));
-    const auto others = other->request(retrieve("/stream"));
-    settle();
-    client->release();
-    const auto late = client->request(retrieve("/echo"));
-    settle();
-    EXPECT_EQ(stream->status, 503);
-    EXPECT_EQ(late->status, 503);
-    EXPECT_EQ(service.cancels(), 1U);
-    EXPECT_FALSE(others->hasEnded());
-    service.take()->onNext(value("1"));
-    settle();
-    EXPECT_THAT(others->values, ElementsAre("1"));
-}
-
 TEST_P(BackendRequests, StopEndsEverythingBeforeItReturns)
 {
     const auto stream = client->request(retrieve("/stream"));

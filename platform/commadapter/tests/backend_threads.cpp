@@ -70,10 +70,6 @@ protected:
         ASSERT_TRUE(await([&] { return client.checker.isConnected(); }));
     }
     /// Issues a request and waits for its end.
-    std::shared_ptr<Outcome> call(Client& client, const Request& request)
-    {
-        return call(client.api(), client.checker, request);
-    }
     std::shared_ptr<Outcome> call(KesaClientApi& api, ClientChecker& checker, const Request& request)
     {
         std::shared_ptr<Outcome> outcome;
@@ -108,7 +104,7 @@ TEST_F(BackendThreads, ManyCallersShareOneConnection)
         post(*callers.back(), [this, &client, &answered, i] {
             for (int n = 0; n < 100; ++n) {
                 const std::string body(static_cast<std::size_t>(n * i * 500), static_cast<char>('a' + i));
-                const auto outcome = call(client, retrieve("/echo", body));
+                const auto outcome = call(client.api(), client.checker, retrieve("/echo", body));
                 answered += outcome->isCompleted && outcome->values == std::vector<std::string>{body} ? 1 : 0;
             }
         });
@@ -134,12 +130,12 @@ TEST_F(BackendThreads, CancelWaitsForTheRunningCall)
         notify();
         EXPECT_FALSE(await([&] { return isCancelled.load(); }, 100 * comm::MILLISECOND));
     };
-    call(client, retrieve("/echo")); // behind it on the same connection
+    call(client.api(), client.checker, retrieve("/echo")); // behind it on the same connection
     service.take()->onNext(value("1"));
     ASSERT_TRUE(await([&] { return isInside.load(); }));
     client.cancel(*stream);
     isCancelled = true;
-    EXPECT_TRUE(client.checker.read([&] { return stream->isDestroyed; }));
+    EXPECT_TRUE(client.checker.isDestroyed(*stream));
     client.release();
 }
 

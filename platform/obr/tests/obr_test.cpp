@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <csignal>
 #include <future>
 #include <set>
@@ -75,20 +74,6 @@ TEST(ErrorStorage, eachThreadAndEachExchangedLoopHasItsOwn)
     ErrorStorage::ack();
 }
 
-TEST(GlobalErrorHandler, aReplacedHandlerHearsAndReturns)
-{
-    std::vector<std::string> heard;
-    GlobalErrorHandler::Handler before = GlobalErrorHandler::setHandler([&heard](const auto& report) {
-        heard.push_back(std::string(report.condition) + "|" + report.file + "|" + std::to_string(report.line) + "|" +
-                        report.function + "|" + (report.message != nullptr ? report.message : "null"));
-    });
-    EXPECT_FALSE(before);
-    GlobalErrorHandler::doAssert(true, "x", "f.cpp", 1, "f", nullptr);
-    GlobalErrorHandler::doAssert(false, "a!=b", "f.cpp", 12, "f", nullptr);
-    EXPECT_TRUE(GlobalErrorHandler::setHandler(std::move(before)));
-    EXPECT_THAT(heard, testing::ElementsAre("a!=b|f.cpp|12|f|null"));
-}
-
 TEST(GlobalErrorHandlerDeathTest, theDefaultWritesOneLineFlushesAndAborts)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
@@ -98,12 +83,6 @@ TEST(GlobalErrorHandlerDeathTest, theDefaultWritesOneLineFlushesAndAborts)
             GlobalErrorHandler::doAssert(false, "a!=b", "f.cpp", 12, "f", "what");
         },
         testing::KilledBySignal(SIGABRT), "kesa: assertion 'a!=b' failed in f \\(f.cpp:12\\): what\nflushed\n");
-    EXPECT_EXIT(
-        {
-            GlobalErrorHandler::setHandler([](const auto&) {});
-            GlobalErrorHandler::doAbort("f.cpp", 12, "f", nullptr);
-        },
-        testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST(UUID, textAndBytes)
@@ -114,8 +93,6 @@ TEST(UUID, textAndBytes)
     EXPECT_EQ(id->toString(), text);
     EXPECT_EQ(id->compare(*UUID::fromString(text)), 0);
     EXPECT_GT(id->compare(UUID()), 0);
-    EXPECT_LT(UUID().compare(*id), 0);
-    EXPECT_TRUE(UUID().isNil());
     for (const std::string_view bad : {std::string_view(), std::string_view(text).substr(1),
                                        std::string_view("0123456789-ab-cdef-0123-456789abcdef"),
                                        std::string_view("g1234567-89ab-cdef-0123-456789abcdef"),
@@ -147,21 +124,6 @@ TEST(UUID, generatedOnesComeFromTheSourceAndAreMarkedRandom)
     EXPECT_NE(first, second);
     EXPECT_EQ(first.toString()[14], '4');
     EXPECT_NE(std::string("89ab").find(first.toString()[19]), std::string::npos);
-}
-
-TEST(Random, belowIsUniformAndEndsWhateverTheSource)
-{
-    EXPECT_EQ(Random::current().below(0), 0U);
-    EXPECT_EQ(Random::current().below(1), 0U);
-    std::array<int, 3> counts{};
-    for (int i = 0; i < 3000; ++i) {
-        ++counts.at(Random::current().below(3));
-    }
-    EXPECT_GT(*std::min_element(counts.begin(), counts.end()), 800);
-    class Stuck final : public Random {
-        std::uint64_t next() override { return 0; }
-    } stuck;
-    EXPECT_EQ(stuck.below(3), 0U);
 }
 
 TEST(Random, neitherThreadsNorForksRepeatNumbers)

@@ -54,11 +54,6 @@ std::vector<std::unique_ptr<IResponseHandler<int>>> oneOfEach(Log& log)
     return all;
 }
 
-bool isOfMain(const std::string& entry)
-{
-    return entry[0] == 'a';
-}
-
 TEST(ResponseHandlers, PassNothingOnAfterTheEnd)
 {
     Log log;
@@ -72,17 +67,8 @@ TEST(ResponseHandlers, PassNothingOnAfterTheEnd)
         EXPECT_FALSE(obr::ErrorStorage::isError());
         EXPECT_TRUE(handler->onNext(2));
         EXPECT_EQ(obr::ErrorStorage::reason(), "Request already terminated");
-        Log main;
-        std::copy_if(log.begin(), log.end(), std::back_inserter(main), isOfMain);
-        EXPECT_THAT(main, ElementsAre("a1", "a503: gone"));
-    }
-    for (auto& handler : oneOfEach(log)) {
-        log.clear();
-        handler->onCompleted();
-        handler->onCompleted();
-        handler->onError(Response::createErrorResponse(404));
-        EXPECT_EQ(std::count_if(log.begin(), log.end(), isOfMain), 1);
-        EXPECT_EQ(log.back(), "adone");
+        std::erase_if(log, [](const std::string& entry) { return entry[0] != 'a'; });
+        EXPECT_THAT(log, ElementsAre("a1", "a503: gone"));
     }
     obr::ErrorStorage::ack();
 }
@@ -103,42 +89,27 @@ TEST(ResponseHandlers, AreTerminatedBeforeTheyPassTheEndOn)
     obr::ErrorStorage::ack();
 }
 
-TEST(MappingResponseHandler, DoesNotAcceptWhatItCannotConvert)
+TEST(ResponseHandlers, AcceptWhatTheHandlerBehindAccepts)
 {
     Log log;
-    {
-        MappingResponseHandler<std::string, int> mapping(record(log, "a"), [](const std::string& text) {
-            return text.empty() ? std::nullopt : std::optional<int>(static_cast<int>(text.size()));
-        });
-        EXPECT_TRUE(mapping.onNext(""));
-        EXPECT_FALSE(mapping.onNext("abc"));
-        mapping.onCompleted();
-    }
-    EXPECT_THAT(log, ElementsAre("a3", "adone", "~a"));
-    log.clear();
-    MappingResponseHandler<int, int> refused(record(log, "a", true), [](const int& value) { return value; });
-    EXPECT_TRUE(refused.onNext(1)) << "the answer of the handler behind";
-}
-
-TEST(FilteringResponseHandler, AcceptsWhatItDrops)
-{
-    Log log;
-    FilteringResponseHandler<int> filter(record(log, "a", true), [](const int& value) { return value > 1; });
-    EXPECT_FALSE(filter.onNext(1));
+    MappingResponseHandler<std::string, int> mapping(record(log, "a"), [](const std::string& text) {
+        return text.empty() ? std::nullopt : std::optional<int>(static_cast<int>(text.size()));
+    });
+    EXPECT_TRUE(mapping.onNext("")) << "it cannot be converted";
+    EXPECT_FALSE(mapping.onNext("abc"));
+    FilteringResponseHandler<int> filter(record(log, "b", true), [](const int& value) { return value > 1; });
+    EXPECT_FALSE(filter.onNext(1)) << "what is dropped is accepted";
     EXPECT_TRUE(filter.onNext(2));
-    filter.onError(Response::createErrorResponse(404));
-    EXPECT_THAT(log, ElementsAre("a2", "a404"));
+    EXPECT_THAT(log, ElementsAre("a3", "b2"));
 }
 
 TEST(DoOnEachResponseHandler, ObserverComesFirstAndMayHideValues)
 {
     Log log;
-    {
-        DoOnEachResponseHandler<int> both(record(log, "o"), record(log, "a"));
-        EXPECT_FALSE(both.onNext(1));
-        both.onCompleted();
-        EXPECT_THAT(log, ElementsAre("o1", "a1", "odone", "adone"));
-    }
+    DoOnEachResponseHandler<int> both(record(log, "o"), record(log, "a"));
+    EXPECT_FALSE(both.onNext(1));
+    both.onCompleted();
+    EXPECT_THAT(log, ElementsAre("o1", "a1", "odone", "adone"));
     log.clear();
     {
         DoOnEachResponseHandler<int> hidden(record(log, "o", true), record(log, "a"));

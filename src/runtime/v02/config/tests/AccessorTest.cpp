@@ -84,71 +84,41 @@ TEST(MimeType, IsTheFirstKnownFormat)
     EXPECT_EQ(getMimeType(Value::getUndefined()), json);
 }
 
-/// A folder for documents, which the environment names; both are gone in the end.
-class ConfigFolder {
-public:
-    ConfigFolder()
-    {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kesa-config-XXXXXX").string();
-        m_path = mkdtemp(pattern.data());
-        setenv("KESA_CONFIG_DIR", m_path.c_str(), 1);
-    }
-    ~ConfigFolder()
-    {
-        unsetenv("KESA_CONFIG_DIR");
-        unsetenv("KESA_CONFIG");
-        std::filesystem::remove_all(m_path);
-    }
-    ConfigFolder(const ConfigFolder&) = delete;
-    ConfigFolder& operator=(const ConfigFolder&) = delete;
-
-    std::string write(const std::string& name, const std::string& text) const
-    {
-        std::ofstream(m_path / name) << text;
-        return (m_path / name).string();
-    }
-
-private:
-    std::filesystem::path m_path;
-};
-
-TEST(PexVersion, IsDeclaredBesideTheConfiguration)
+TEST(Document, IsFoundByTheEnvironment)
 {
-    const ConfigFolder folder;
-    folder.write("kesa.json", "{}");
-    folder.write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"], "empty": []}})");
+    std::string folder = (std::filesystem::temp_directory_path() / "kesa-config-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    setenv("KESA_CONFIG_DIR", folder.c_str(), 1);
+    const auto write = [&folder](const std::string& name, const std::string& text) {
+        std::ofstream(folder + "/" + name) << text;
+    };
+    // The member of its name, or the whole.
+    write("kesa.json", R"({"backends": ["comm", "local"], "kesa": {"backends": ["local"]}})");
+    EXPECT_EQ(KesaConfig("p").m_backends, Strings{"local"});
+    write("kesa.json", R"({"backends": ["comm", "local"]})");
+    EXPECT_EQ(KesaConfig("p").m_backends, (Strings{"comm", "local"}));
+
+    // Versions are declared beside it.
+    write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"], "empty": []}})");
     util::config::InterfaceInformationProvider::instance().forgetForTest();
     EXPECT_EQ(getPexVersion("/media/player"), (Strings{"1.0.0", "1.1.0"}));
-    EXPECT_EQ(getPexVersion("media/player"), (Strings{"1.0.0", "1.1.0"}));
     EXPECT_EQ(getPexVersion("/empty"), Strings{});
     EXPECT_EQ(getPexVersion("//media/player"), nullopt);
-    EXPECT_EQ(getPexVersion(""), nullopt);
     util::config::InterfaceInformationProvider::instance().forgetForTest();
-}
 
-TEST(Document, IsTheMemberOfItsNameOrTheWhole)
-{
-    const ConfigFolder folder;
-    folder.write("kesa.json", R"({"backends": ["comm", "local"], "kesa": {"backends": ["local"]}})");
-    EXPECT_EQ(KesaConfig("p").m_backends, Strings{"local"});
-    folder.write("kesa.json", R"({"backends": ["comm", "local"]})");
-    EXPECT_EQ(KesaConfig("p").m_backends, (Strings{"comm", "local"}));
-    folder.write("kesa.json", "[]");
     const TraceCapture traces(3);
+    write("kesa.json", "[]");
     EXPECT_FALSE(KesaConfig("p").m_valid);
     EXPECT_EQ(traces.lines(), (Strings{"3 [readConfig] config file contains no dictionary",
                                        "3 [readConfig] failed to the config file, reason = root is not dictionary"}));
-}
-
-// No fall-through to the next candidate: it would hide a mistyped name.
-TEST(Document, ThatIsNamedMustExist)
-{
-    const ConfigFolder folder;
-    folder.write("kesa.json", "{}");
+    // No fall-through to the next candidate: it would hide a mistyped name.
+    write("kesa.json", "{}");
     setenv("KESA_CONFIG", "/nonexistent/kesa.json", 1);
-    const TraceCapture traces(3);
     EXPECT_FALSE(KesaConfig("p").m_valid);
-    EXPECT_THAT(traces.lines(), testing::ElementsAre(testing::HasSubstr("/nonexistent/kesa.json")));
+    EXPECT_THAT(traces.lines().back(), testing::HasSubstr("/nonexistent/kesa.json"));
+    unsetenv("KESA_CONFIG");
+    unsetenv("KESA_CONFIG_DIR");
+    std::filesystem::remove_all(folder);
 }
 
 } // namespace

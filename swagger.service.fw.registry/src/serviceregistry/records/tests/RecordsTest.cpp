@@ -82,15 +82,6 @@ TEST(ServiceDefEquality, LooksAtEveryField)
     }
 }
 
-TEST(QueryEquality, TellsAbsentFromEmpty)
-{
-    EXPECT_TRUE(Query("**") == Query("**", nullopt, nullopt, nullopt));
-    EXPECT_FALSE(Query("**") == Query("/**"));
-    EXPECT_FALSE(Query("**") == Query("**", GenericObject(), nullopt, nullopt));
-    EXPECT_FALSE(Query("**") == Query("**", nullopt, false, nullopt));
-    EXPECT_FALSE(Query("**") == Query("**", nullopt, nullopt, ""));
-}
-
 // Watchers compare updates to find out whether they hold the very same record; equal contents are no reason to take
 // one for the other.
 TEST(RegistryUpdateEquality, IsIdentityOfTheElement)
