@@ -7,10 +7,10 @@
 
 #include <CLI/CLI.hpp>
 #include <kesa/commadapter/checkCommSettings.h>
+#include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/reviewDocument.h>
-#include <runtime/v02/config/unsupportedRegistryKey.h>
 #include <tracing/Sink.h>
 #include <util/config/FrameworkProvider.h>
 
@@ -52,10 +52,12 @@ void review(const KesaConfig& config, ConfigReport& report)
 {
     reviewDocument(report);
     reviewComm(report);
-    if (const char* const key = unsupportedRegistryKey(KesaConfigAccessor(config))) {
-        report.complaints.push_back({4, true, report.path(key),
-                                     "asks for a registry, which cannot be used yet: a process does not start with "
-                                     "it; set it to false and describe the services under \"services\""});
+    const KesaConfigAccessor accessor(config);
+    if (accessor.useRemoteRegistry() && !accessor.getRegistryLocatorsByPartition("*", true)) {
+        report.complaints.push_back({3, false, report.path("use_registry"),
+                                     "asks for a registry, but there are no locators for partition \"*\": a process on "
+                                     "a node without locators of its own ends at start; write "
+                                     "\"service_registry_locators\": {\"*\": [\"ipc://kesa-registryd/registry\"]}"});
     }
 }
 

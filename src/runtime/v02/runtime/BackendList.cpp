@@ -231,4 +231,11 @@ void BackendList::freeProxy(const url& locator, const void* handle, bool service
     listener->backend()->release(api.get(), serviceRemoved);
 }
 
+bool BackendList::hasHandler(const url& locator, const void* handle) const
+{
+    onExecutor();
+    const auto open = m_openProxies.find(locator.toString());
+    return open != m_openProxies.end() && open->second->hasResponseHandler(handle);
+}
+
 } // namespace kesa::runtime::v02

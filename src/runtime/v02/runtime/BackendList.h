@@ -55,6 +55,9 @@ public:
     /// to the backend.
     void freeProxy(const url& locator, const void* handle, bool serviceRemoved);
 
+    /// Whether that handler waits for news of the locator.
+    bool hasHandler(const url& locator, const void* handle) const;
+
 private:
     void onExecutor() const;
     int provideOnBackends(const url& locator, const std::shared_ptr<IKesaApi>& service);

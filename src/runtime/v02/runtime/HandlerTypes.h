@@ -7,6 +7,7 @@
 #include <kesa/optional.h>
 #include <kesa/runtime/v02/ResolveResult.h>
 #include <kesa/serviceregistry/Query.h>
+#include <kesa/serviceregistry/RegistryUpdate.h>
 #include <kesa/serviceregistry/ServiceDef.h>
 
 #include <memory>
@@ -14,6 +15,7 @@
 namespace kesa::runtime::v02 {
 
 using serviceregistry::Query;
+using serviceregistry::RegistryUpdate;
 using serviceregistry::ServiceDef;
 
 using ServiceUpdate = ResourceUpdate<ServiceDef>;

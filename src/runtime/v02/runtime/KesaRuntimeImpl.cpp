@@ -4,8 +4,8 @@
 #include <kesa/Request.h>
 #include <kesa/runtime/mimetype.h>
 #include <kesa/servicecomp.h>
+#include <kesa/serviceregistry/ServiceRegistryPexClient.h>
 #include <obr/GlobalErrorHandler.h>
-#include <runtime/v02/config/unsupportedRegistryKey.h>
 #include <runtime/v02/runtime/EventLog.h>
 #include <util/config/FrameworkProvider.h>
 
@@ -25,6 +25,7 @@ KesaRuntimeImpl::KesaRuntimeImpl(const KesaConfig& config)
 KesaRuntimeImpl::~KesaRuntimeImpl()
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[dtor]");
+    comm::runAndWait(*m_executor, [this] { releaseRegistry(); });
     // Everything ends before any pointer goes: what still drains on one loop may post to the other.
     m_executor->stop();
     m_updater->stop();
@@ -59,9 +60,15 @@ bool KesaRuntimeImpl::start()
         eventlog::runtimeError(m_eventSource, "Error during start: no backends in config file");
         return true;
     }
-    StartResult result = StartResult::eNO_REGISTRY;
+    StartResult result = StartResult::eNO_LOCATOR;
     comm::runAndWait(*m_executor, [this, &partition, &result] { result = startOnExecutor(partition); });
-    if (result == StartResult::eNO_REGISTRY) {
+    if (result == StartResult::eNO_PARTITION) {
+        eventlog::runtimeError(m_eventSource, "Error during start: found no partition for kesa registry");
+        obr::GlobalErrorHandler::doAssert(false, "optRegistryLocators.has_value()", __FILE__, __LINE__, "start",
+                                          "[KesaRuntimeImpl::start] found no partition for kesa registry");
+        return true;
+    }
+    if (result == StartResult::eNO_LOCATOR) {
         eventlog::runtimeError(m_eventSource, "Error during start: Found no resolvable registry locator in config");
         obr::GlobalErrorHandler::doAssert(false, "resolved", __FILE__, __LINE__, "start",
                                           "[KesaRuntimeImpl::start] Found no resolvable registry locator in config");
@@ -76,16 +83,79 @@ KesaRuntimeImpl::StartResult KesaRuntimeImpl::startOnExecutor(const std::string&
     onExecutor();
     const KesaConfigAccessor config(m_config);
     m_backendList.startup(m_proc_name, config.getBackends(), partition, m_executor);
-    if (const char* const key = unsupportedRegistryKey(config)) {
-        KESA_TRACE(MAIN_CHANNEL, 4,
-                   "[KesaRuntimeImpl::start] \"%s\" asks for a registry, there is none yet: set it to false, and "
-                   "\"use_local_registry\" to true",
-                   key);
-        KESA_TRACE(MAIN_CHANNEL, 4, "[KesaRuntimeImpl::start] Found no resolvable registry locator in config");
-        return StartResult::eNO_REGISTRY;
+    if (config.useRemoteRegistry()) {
+        return findRegistry(partition);
     }
     initializeStaticServices();
     return StartResult::eSTARTED;
+}
+
+/// In this process, or at the first locator that a backend can handle.
+KesaRuntimeImpl::StartResult KesaRuntimeImpl::findRegistry(const std::string& partition)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "KesaRuntimeImpl::start use remote registry");
+    const auto optRegistryLocators = KesaConfigAccessor(m_config).getRegistryLocatorsByPartition(partition, false);
+    if (!optRegistryLocators) {
+        return StartResult::eNO_PARTITION;
+    }
+    m_registryLocators = *optRegistryLocators;
+    isRuntimeInRegistry = m_backendList.isLocalService(m_registryLocators);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] is runtime in kesa registry=%d",
+               static_cast<int>(isRuntimeInRegistry));
+    if (isRuntimeInRegistry) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] runtime in kesa registry");
+        return StartResult::eSTARTED;
+    }
+    for (const url& locator : m_registryLocators) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "Registry locators %s", locator.toString().c_str());
+        if (m_backendList.isSupportedLocator(locator)) {
+            KESA_TRACE(MAIN_CHANNEL, 2, "Registry locators='%s' is the best locator", locator.toString().c_str());
+            m_registryUrl = locator;
+            m_remoteRegistryHandler = createRemoteRegistryTracker(m_registryUrl);
+            return StartResult::eSTARTED;
+        }
+    }
+    KESA_TRACE(MAIN_CHANNEL, 4, "[KesaRuntimeImpl::start] Found no resolvable registry locator in config");
+    return StartResult::eNO_LOCATOR;
+}
+
+std::shared_ptr<RemoteRegistryHandler> KesaRuntimeImpl::createRemoteRegistryTracker(const url& locator)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "[createRemoteRegistryTracker] seting up remote registry tracker");
+    using RegistryState = std::shared_ptr<serviceregistry::ServiceRegistryPex>;
+    return std::make_shared<RemoteRegistryHandler>(
+        [this, locator = locator](std::unique_ptr<RemoteRegistryHandler::ConnectionHandler>&& handler) {
+            auto wrapper = std::make_unique<responsehandlers::MappingResponseHandler<ProxyState, RegistryState>>(
+                std::move(handler), [](const ProxyState& state) {
+                    if (!state) {
+                        return optional<RegistryState>(std::in_place, nullptr); // a value: there is none now
+                    }
+                    ServiceDef registry;
+                    registry.serializationFormats = std::vector<std::string>{"application/json"};
+                    return optional<RegistryState>(std::make_shared<serviceregistry::ServiceRegistryPexClient>(
+                        ResolvedService(std::move(registry), *state)));
+                });
+            m_registryProxyHandle = static_cast<const ProxyHandler*>(wrapper.get());
+            const bool failed = m_backendList.openProxy(locator, std::move(wrapper));
+            if (failed) {
+                m_registryProxyHandle = nullptr; // the error has been told
+            }
+        });
+}
+
+/// The proxy goes before the object that its handler calls.
+void KesaRuntimeImpl::releaseRegistry()
+{
+    onExecutor();
+    if (!KesaConfigAccessor(m_config).useRemoteRegistry()) {
+        return;
+    }
+    m_backendList.freeProxy(m_registryUrl, m_registryProxyHandle, false);
+    if (m_backendList.hasHandler(m_registryUrl, m_registryProxyHandle)) {
+        obr::GlobalErrorHandler::doAssert(false, "!hasHandler", __FILE__, __LINE__, __func__,
+                                          "the registry's proxy still has its handler");
+    }
+    m_remoteRegistryHandler.reset();
 }
 
 void KesaRuntimeImpl::initializeStaticServices()

@@ -13,6 +13,7 @@
 #include <runtime/v02/runtime/BackendList.h>
 #include <runtime/v02/runtime/Handle.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
+#include <runtime/v02/runtime/RemoteRegistryHandler.h>
 #include <runtime/v02/runtime/channels.h>
 
 #include <atomic>
@@ -21,14 +22,15 @@
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
 namespace kesa::runtime::v02 {
 
 /// The runtime itself: configuration, backends, two threads and every table of service state. One source unit per
-/// topic: core, registration, unregistration, tracking, query tracking, resolving, track-and-resolve, and that by
-/// query.
+/// topic: core, registration, remote registration, the registry in this process, unregistration, tracking, query
+/// tracking, remote tracking, resolving, track-and-resolve, and that by query.
 ///
 /// Threads. The executor runs everything that reads or writes the tables (asserted), so they have no locks. The updater
 /// delivers fan-outs and errors to clients. Public operations and `Disposable`s only post to the executor. `start` and
@@ -78,10 +80,16 @@ private:
         /// Present while this process has the service registered.
         optional<std::unique_ptr<RegistrationHandler>> optionalRegistrator;
         optional<ServiceDef> optionalServiceDef;
+        /// Under which the registration is kept at the remote registry.
+        optional<std::uint32_t> remoteRegistrationId;
+        std::uint64_t remoteRegistrationNumber = 0; ///< of the answers that count; 0: none does
         /// In order of subscription; each is a `QueryUpdateBookkeeper`.
         Trackers trackers;
         bool isProvidedByThisProcess = false;
         bool isStaticConfigured = false;
+        /// Under which the path is tracked at the remote registry.
+        optional<std::uint32_t> remoteTrackingId;
+        std::uint64_t remoteTrackingNumber = 0; ///< of the answers that count; 0: none does
         /// What the backends provide for the registration: to be withdrawn with it, whatever its record says by then.
         std::vector<url> providedLocators;
     };
@@ -106,6 +114,15 @@ private:
     };
     using OpenedProxies = std::unordered_map<std::string, OpenedProxy>; // by service path
 
+    /// A query that was forwarded to the remote registry.
+    struct RemoteQuery {
+        std::uint32_t requestId = 0;
+        std::unordered_set<std::string> services; ///< paths it has reported, and the local matches it began with
+        /// Reported while this process had the path registered, too.
+        std::unordered_map<std::string, std::shared_ptr<ServiceDef>> hidden;
+        bool isComplete = false; ///< the first answer since the last connection has ended
+    };
+
     struct TrackedAndResolvedService {
         std::unique_ptr<ResolvedServiceHandler> client;
         bool valuePropagated = false; ///< a present value is the last thing the client was sent
@@ -115,8 +132,11 @@ private:
     using HandleMap = std::unordered_map<Handle, Value, HandleHash>;
 
     // Core
-    enum class StartResult { eSTARTED, eNO_REGISTRY };
+    enum class StartResult { eSTARTED, eNO_PARTITION, eNO_LOCATOR };
     StartResult startOnExecutor(const std::string& partition);
+    StartResult findRegistry(const std::string& partition);
+    std::shared_ptr<RemoteRegistryHandler> createRemoteRegistryTracker(const url& locator);
+    void releaseRegistry();
     void initializeStaticServices();
     template <class T>
     [[nodiscard]] bool refuseWithoutRegistry(IResponseHandler<T>& handler) const;
@@ -138,15 +158,33 @@ private:
     void refuseRegistrator(RuntimeEntry& entry, std::string_view text = {});
     void refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view text = {});
 
+    // Registration at the remote registry
+    void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);
+    std::unique_ptr<RegistrationHandler> registrationAnswers(const ServiceDef& serviceDef, std::uint64_t number);
+    void onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer);
+    void onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error);
+    void withdrawRefused(RuntimeEntry& entry, const std::string& path, const Response& error,
+                         const std::string& message);
+
+    // The registry in this process
+    void registerRegistryService(Registration registration);
+    ServiceDef registryServiceDef(const Registration& registration) const;
+
     // Unregistration. The path may be a part of what goes: taken by value.
     void performUnregistration(std::string path);
+    void findAndUnregister(std::string path, const char* caller);
     void deleteRuntimeEntry(std::string path);
+    static ServiceDef takeRecord(RuntimeEntry& entry);
+    void unprovide(RuntimeEntry& entry, const ServiceDef& record);
 
     // Tracking
     void addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle);
+    void useRemoteRegistry(const std::string& path, const Handle& handle);
     void removeTracker(const std::string& path, const Handle& handle);
     void triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef, const Trackers& trackers,
                               const QueryTrackers& queryTrackers);
+    void triggerQueryRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef,
+                                   const QueryTrackers& queryTrackers);
     void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const;
     void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const;
 
@@ -154,6 +192,28 @@ private:
     void startQuery(const Query& query, const Handle& handle, std::unique_ptr<TrackingHandler> handler);
     std::vector<ServiceUpdate> initialMatches(const Query& query, const PathPatterns& patterns) const;
     void disposeQuery(const Query& query, const Handle& handle);
+
+    // Remote tracking and remote queries
+    void trackServiceOnRegistry(const std::string& path);
+    void cancelRemoteTracking(RuntimeEntry& entry);
+    void followRemotely(const std::string& path);
+    RuntimeEntry* remotelyTracked(const std::string& path, std::uint64_t number);
+    void updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number);
+    void removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update);
+    void remoteTrackingLost(const std::string& path, std::uint64_t number);
+    void queryServiceOnRegistry(const Query& query, const Handle& handle,
+                                const std::vector<ServiceUpdate>& initialUpdates);
+    void onRemoteQueryAnswer(const Query& query, const Handle& handle, const std::vector<RegistryUpdate>& updates);
+    void handleRemoteQueryOnRegistryUpdate(const std::vector<RegistryUpdate>& updates, RemoteQuery& record);
+    void handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record);
+    void remoteQueryLost(const Handle& handle);
+    void removeUnlessRegisteredHere(const std::string& path, const char* caller);
+    [[nodiscard]] bool endRemoteQuery(const Handle& handle);
+    void tellIncompleteQueries(const ServiceDef& dropped);
+    void list(RemoteQuery& record, const std::string& path);
+    bool unlist(RemoteQuery& record, const std::string& path);
+    void uncount(const std::string& path);
+    bool isListed(const std::string& path) const;
 
     // Resolving
     void resolve(const std::vector<url>& urls, std::unique_ptr<ProxyHandler>&& handler, const Handle& handle);
@@ -221,11 +281,17 @@ private:
     std::shared_ptr<comm::ActiveObject> m_executor;
     std::shared_ptr<comm::ActiveObject> m_updater;
     BackendList m_backendList;
+    std::shared_ptr<RemoteRegistryHandler> m_remoteRegistryHandler; ///< set while a remote registry is used
+    url m_registryUrl;
+    const void* m_registryProxyHandle = nullptr;
+    std::vector<url> m_registryLocators;
     std::string m_eventSource;
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
     QueryTrackers m_queryTrackers; ///< in the order they are notified
     std::unordered_map<std::string, RuntimeEntry> m_runtimeEntries;
+    HandleMap<RemoteQuery> m_remoteQueries;
+    std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
     HandleMap<OpenedProxy> m_resolvedLocators;
     HandleMap<OpenedProxies> m_resolvedServicesLocators;
     HandleMap<Disposable> m_trackedDisposable;

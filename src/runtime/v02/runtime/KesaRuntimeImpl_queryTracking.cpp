@@ -76,6 +76,11 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
         [this, shared](const Response&) { eventlog::queryStop(m_eventSource, *shared, CausedBy::eERROR); }, [] {});
     m_queryTrackers.emplace_back(handle, std::make_shared<responsehandlers::DoOnEachResponseHandler<ServiceUpdate>>(
                                              std::move(observer), filtered(std::move(bookkeeper), shared, *patterns)));
+    if (m_remoteRegistryHandler) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices] setting up query on remote kesa registry for '%s'",
+                   query.pattern.c_str());
+        queryServiceOnRegistry(query, handle, initialUpdates);
+    }
 }
 
 /// What this process has registered and the query asks for.
@@ -106,8 +111,10 @@ void KesaRuntimeImpl::disposeQuery(const Query& query, const Handle& handle)
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackServices query Disposable] no trackService found for handle='%p'",
                    handle.address);
     }
-    KESA_TRACE(MAIN_CHANNEL, 4, "[trackServices query Disposable] no remoteQuery entry found for handle='%p'",
-               handle.address);
+    if (!endRemoteQuery(handle)) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[trackServices query Disposable] no remoteQuery entry found for handle='%p'",
+                   handle.address);
+    }
     eventlog::queryStop(m_eventSource, query, CausedBy::eUSER);
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices query Disposable DONE] handle='%p'", handle.address);
 }

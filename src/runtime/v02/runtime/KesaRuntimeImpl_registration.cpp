@@ -91,6 +91,10 @@ void KesaRuntimeImpl::registerOnExecutor(Registration registration)
                static_cast<const void*>(registration.handler.get()));
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] isRuntimeInRegistry='%d', isRegistryServiceRegistered=%d ",
                static_cast<int>(isRuntimeInRegistry), static_cast<int>(isRegistryServiceRegistered));
+    if (isRuntimeInRegistry && !isRegistryServiceRegistered) {
+        registerRegistryService(std::move(registration));
+        return;
+    }
     const auto present = m_runtimeEntries.find(path);
     if (present != m_runtimeEntries.end()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] Service '%s' already present tracked or static configured",
@@ -141,6 +145,7 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
         return true;
     }
     entry.optionalRegistrator = std::move(registration.handler);
+    cancelRemoteTracking(entry); // the path is provided here now
     return false;
 }
 
@@ -155,6 +160,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
             refuseRegistrator(entry);
         }
         deleteRuntimeEntry(path);
+        followRemotely(path);
         return;
     }
     entry.providedLocators = serviceDef.locators;
@@ -164,6 +170,10 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
     }
     eventlog::registrationRegister(m_eventSource, *entry.optionalServiceDef);
     announce(entry);
+    if (m_remoteRegistryHandler) {
+        registerServiceOnRegistry(entry, *entry.optionalServiceDef);
+        return;
+    }
     KESA_TRACE(MAIN_CHANNEL, 3,
                "[registerService RemoteRegistryHandler] remote registry not available and service='%s' is not "
                "statically configured",

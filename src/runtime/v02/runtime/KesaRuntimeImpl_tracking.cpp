@@ -80,9 +80,12 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] service='%s' is not registerd or tracked handle='%p'",
                    path.c_str(), handle.address);
         m_runtimeEntries[path].trackers.push_back(std::move(chain));
+        useRemoteRegistry(path, handle);
         return;
     }
     RuntimeEntry& entry = found->second;
+    // An entry that is not configured and has no registrator may be another process's, whatever it once was.
+    bool isRemote = false;
     if (entry.isProvidedByThisProcess && entry.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackService, path] service='%s' already registered -> notifying tracker handle='%p'",
@@ -102,8 +105,24 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
                    "[trackService, path] service='%s' already tracked -> notifying tracker handle='%p'", path.c_str(),
                    handle.address);
         notify(*chain, *entry.optionalServiceDef);
+        isRemote = !entry.remoteTrackingId;
+    } else {
+        isRemote = true;
     }
     entry.trackers.push_back(std::move(chain));
+    if (isRemote) {
+        useRemoteRegistry(path, handle);
+    }
+}
+
+/// A tracker of a path that this process does not provide.
+void KesaRuntimeImpl::useRemoteRegistry(const std::string& path, const Handle& handle)
+{
+    if (m_remoteRegistryHandler) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] Service '%s' use remote registry handle='%p'", path.c_str(),
+                   handle.address);
+        trackServiceOnRegistry(path);
+    }
 }
 
 void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handle)
@@ -121,7 +140,12 @@ void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handl
     }
     RuntimeEntry& entry = found->second;
     takeTracker(entry.trackers, handle);
-    if (!entry.isStaticConfigured && entry.trackers.empty() && !entry.optionalRegistrator) {
+    if (entry.trackers.empty()) {
+        cancelRemoteTracking(entry);
+    }
+    if (!entry.isStaticConfigured && entry.trackers.empty() && !isListed(path) && !entry.optionalRegistrator &&
+        entry.optionalServiceDef) {
+        tellIncompleteQueries(*entry.optionalServiceDef);
         entry.optionalServiceDef.reset();
     }
     deleteRuntimeEntry(path);
@@ -146,6 +170,18 @@ void KesaRuntimeImpl::triggerRuntimeUpdate(ResourceUpdateType type, const Servic
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] query size %zu service='%s'", qCopy.size(), path);
         deliverToQueryTrackers(update, qCopy);
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] DONE service='%s'", path);
+    });
+}
+
+void KesaRuntimeImpl::triggerQueryRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef,
+                                                const QueryTrackers& queryTrackers)
+{
+    onExecutor();
+    if (queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2)) {
+        return;
+    }
+    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), qCopy = queryTrackers] {
+        deliverToQueryTrackers(update, qCopy);
     });
 }
 

@@ -1,5 +1,6 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
 
 #include <algorithm>
@@ -42,13 +43,17 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
     if (entry.optionalServiceDef->type == ServiceDef::TypeEnum::registry) {
         isRegistryServiceRegistered = false;
     }
-    const ServiceDef serviceDef = *entry.optionalServiceDef;
-    if (!entry.isStaticConfigured) {
-        entry.optionalServiceDef.reset();
+    if (m_remoteRegistryHandler) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] free remote registration of service ='%s'", path.c_str());
+        if (entry.remoteRegistrationId) {
+            m_remoteRegistryHandler->cancel(*entry.remoteRegistrationId);
+        }
+        entry.remoteRegistrationId.reset();
+        entry.remoteRegistrationNumber = 0;
     }
+    const ServiceDef serviceDef = takeRecord(entry);
     KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] unprovideURL of service ='%s'", path.c_str());
-    m_backendList.unprovideURL(locatorsToWithdraw(serviceDef.locators, entry.providedLocators));
-    entry.providedLocators.clear();
+    unprovide(entry, serviceDef);
     {
         const auto registrator = std::move(*entry.optionalRegistrator);
         entry.optionalRegistrator.reset();
@@ -57,6 +62,74 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
     deleteRuntimeEntry(path);
     KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] after deleteRuntimeEntry of service ='%s'", path.c_str());
     eventlog::registrationUnregister(m_eventSource, serviceDef);
+    followRemotely(path);
+}
+
+/// What the path's record is, which then is not there any more unless it is configured.
+ServiceDef KesaRuntimeImpl::takeRecord(RuntimeEntry& entry)
+{
+    ServiceDef record = *entry.optionalServiceDef;
+    if (!entry.isStaticConfigured) {
+        entry.optionalServiceDef.reset();
+    }
+    return record;
+}
+
+void KesaRuntimeImpl::unprovide(RuntimeEntry& entry, const ServiceDef& record)
+{
+    m_backendList.unprovideURL(locatorsToWithdraw(record.locators, entry.providedLocators));
+    entry.providedLocators.clear();
+}
+
+/// The remote registry does not list the service any more.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the path may be a part of what goes
+void KesaRuntimeImpl::findAndUnregister(std::string path, const char* caller)
+{
+    onExecutor();
+    const char* const text = path.c_str();
+    const void* const address = text;
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end()) {
+        KESA_TRACE(MAIN_CHANNEL, 3, "[findAndUnregister, %s] service-path='%s' does not point to service registration",
+                   caller, text);
+        return;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 1, "[findAndUnregister, %s] service-path='%s' points to service registration", caller,
+               text);
+    RuntimeEntry& entry = found->second;
+    if (entry.isStaticConfigured) {
+        if (!entry.optionalServiceDef) {
+            obr::GlobalErrorHandler::doAssert(false, "runtimeEntryIter->second.optionalServiceDef.has_value()",
+                                              __FILE__, __LINE__, __func__,
+                                              "entry is static configured but has no ServiceDef");
+            return;
+        }
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[findAndUnregister, %s] service-path='%s' entry is static configured do not erase it", caller,
+                   text);
+        triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
+        return;
+    }
+    const bool isInUse = !entry.trackers.empty() || entry.optionalRegistrator;
+    if (!entry.optionalServiceDef) {
+        if (isInUse) {
+            KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s else] entry is in use service='%p'", caller, address);
+        } else {
+            KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s else] delete entry with service='%p'", caller, address);
+            m_runtimeEntries.erase(found);
+        }
+        return;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 1, "[findAndUnregister, %s] service-path='%s' has a ServiceDef", caller, text);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s] unregistered service '%s' trackerSize=%zu", caller, text,
+               entry.trackers.size());
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
+    if (isInUse) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s]  entry is in use service='%s'", caller, text);
+        return;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s] delete entry with service='%s'", caller, text);
+    m_runtimeEntries.erase(found);
 }
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the path may be a part of what goes
@@ -80,6 +153,11 @@ void KesaRuntimeImpl::deleteRuntimeEntry(std::string path)
     }
     if (!found->second.trackers.empty()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[deleteRuntimeEntry]  entry is in use service='%p'", address);
+        return;
+    }
+    if (found->second.optionalRegistrator) {
+        obr::GlobalErrorHandler::doAssert(false, "!optionalRegistrator", __FILE__, __LINE__, __func__,
+                                          "a registered service has no ServiceDef");
         return;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[deleteRuntimeEntry] delete entry with service='%p'", address);

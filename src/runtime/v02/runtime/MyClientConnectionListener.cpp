@@ -114,6 +114,12 @@ void BackendList::MyClientConnectionListener::eraseResponseHandler(const void* h
     m_handlers.erase(found);
 }
 
+bool BackendList::MyClientConnectionListener::hasResponseHandler(const void* handle) const
+{
+    return std::any_of(m_handlers.begin(), m_handlers.end(),
+                       [handle](const auto& handler) { return handler.get() == handle; });
+}
+
 template <class Call>
 void BackendList::MyClientConnectionListener::tellHandlers(const Call& call)
 {

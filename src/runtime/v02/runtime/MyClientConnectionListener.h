@@ -35,6 +35,7 @@ public:
     /// Tells it the state as far as one is known, then keeps it.
     void addResponseHandler(std::unique_ptr<ProxyHandler>&& handler);
     void eraseResponseHandler(const void* handle);
+    bool hasResponseHandler(const void* handle) const;
 
 private:
     void changeConnectionState(bool connected);

@@ -6,7 +6,6 @@
 #include <kesa/runtime/v02/getPexVersion.h>
 #include <kesa/toGeneric.h>
 #include <runtime/v02/config/KesaConfig.h>
-#include <runtime/v02/config/unsupportedRegistryKey.h>
 #include <util/config/InterfaceInformationProvider.h>
 
 #include <cstdlib>
@@ -26,7 +25,6 @@ TEST(KesaConfigAccessorTest, AnswersFromTheDefaultsWithoutARecord)
     EXPECT_TRUE(config.isValid());
     EXPECT_EQ(config.getSerializers("/a"), Strings{"application/json"});
     EXPECT_EQ(config.getBackends(), Strings{"comm"});
-    EXPECT_EQ(unsupportedRegistryKey(config), nullptr);
 }
 
 TEST(KesaConfigAccessorTest, FallsBackToTheStar)
@@ -47,7 +45,6 @@ TEST(KesaConfigAccessorTest, FallsBackToTheStar)
     node = "x";
     config.getNodeDomainMapping(node);
     EXPECT_EQ(node, "x");
-    EXPECT_STREQ(unsupportedRegistryKey(config), "use_registry");
 }
 
 TEST(KesaConfigAccessorTest, BypassesForTheListedPathsOfThisProcess)

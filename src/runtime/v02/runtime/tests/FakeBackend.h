@@ -44,6 +44,12 @@ public:
         forEachOf(locator, [&](Client& client) { client.listener->clientError(code, message); });
     }
 
+    IKesaApi* service(const std::string& locator)
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        const auto found = provided.find(locator);
+        return found == provided.end() ? nullptr : found->second;
+    }
     bool isProvided(const std::string& locator)
     {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -99,11 +105,17 @@ public:
             m_network->connected(m_locator);
         }
     }
-    void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
     {
-        return UNDEFINED_REQUEST_HANDLE;
+        IKesaApi* const service = m_network->service(m_locator);
+        return service == nullptr ? UNDEFINED_REQUEST_HANDLE : service->request(request, std::move(handler));
     }
-    void cancel(void*) override {}
+    void cancel(void* handle) override
+    {
+        if (IKesaApi* const service = m_network->service(m_locator)) {
+            service->cancel(handle);
+        }
+    }
 
 private:
     std::shared_ptr<FakeNetwork> m_network;

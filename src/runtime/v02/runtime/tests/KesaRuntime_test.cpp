@@ -107,7 +107,7 @@ TEST_F(RuntimeTest, startsOnceAndEndsInOrder)
     EXPECT_THAT(m_journal->take(), ElementsAre("runtime stop", "t: gone"));
 }
 
-TEST_F(RuntimeTest, doesNotStartWithoutBackendsOrWithARegistry)
+TEST_F(RuntimeTest, doesNotStartWithoutBackends)
 {
     KesaConfig none("me", "{}");
     none.m_backends.clear();
@@ -116,15 +116,6 @@ TEST_F(RuntimeTest, doesNotStartWithoutBackendsOrWithARegistry)
                 ElementsAre("4 KesaRuntimeImpl::start no backends in config file"));
     EXPECT_THAT(happened(), ElementsAre("runtime error"));
     EXPECT_TRUE(withoutBackends.isRunning());
-
-    KesaRuntimeImpl remote(
-        KesaConfig("me", R"({"use_registry": true, "service_registry_locators": {"*": "fake://r/registry"}})"));
-    EXPECT_THAT(traced(4, [&] { EXPECT_TRUE(remote.start()); }),
-                ElementsAre(HasSubstr("\"use_registry\""),
-                            "4 [KesaRuntimeImpl::start] Found no resolvable registry locator in config"));
-    EXPECT_THAT(happened(), ElementsAre("runtime error"));
-    EXPECT_THAT(m_assertions->take(), ElementsAre("resolved, start, [KesaRuntimeImpl::start] Found no resolvable "
-                                                  "registry locator in config"));
 }
 
 } // namespace

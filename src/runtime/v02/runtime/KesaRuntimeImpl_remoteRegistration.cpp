@@ -1,0 +1,140 @@
+#include <runtime/v02/runtime/KesaRuntimeImpl.h>
+
+#include <obr/GlobalErrorHandler.h>
+#include <runtime/v02/runtime/EventLog.h>
+
+namespace kesa::runtime::v02 {
+
+/// Announces what was just registered. The request is kept, and issued at each connection, until the registration ends.
+/// Its number tells answers to it from late ones to an earlier registration of the path.
+void KesaRuntimeImpl::registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef)
+{
+    onExecutor();
+    const std::uint64_t number = newNumber();
+    entry.remoteRegistrationNumber = number;
+    RemoteRegistryHandler::Request request;
+    request.issue = [this, serviceDef = serviceDef, number](serviceregistry::IServiceRegistry* registry) {
+        return registry->registerService(registrationAnswers(serviceDef, number), serviceDef.path, serviceDef);
+    };
+    entry.remoteRegistrationId = m_remoteRegistryHandler->execute(std::move(request));
+}
+
+std::unique_ptr<RegistrationHandler> KesaRuntimeImpl::registrationAnswers(const ServiceDef& serviceDef,
+                                                                          std::uint64_t number)
+{
+    return std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+        [this, path = serviceDef.path, number](const ServiceDef& answer) {
+            toExecutor([this, path = path, number, answer = answer] { onRegistrationConfirmed(path, number, answer); });
+            return false;
+        },
+        [this, serviceDef = serviceDef, number](const Response& error) {
+            toExecutor([this, serviceDef = serviceDef, number, error = error] {
+                onRegistrationFailed(serviceDef, number, error);
+            });
+        },
+        [this, serviceDef = serviceDef] {
+            // The protocol knows no end of a registration but the registering side's: nothing sensible can follow.
+            KESA_TRACE(MAIN_CHANNEL, 4, "[registerService RemoteRegistryHandler] onCompleted");
+            eventlog::registrationError(m_eventSource, serviceDef, "onCompleted");
+            obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, "operator()",
+                                             "[registerService RemoteRegistryHandler] onCompleted strange error");
+        });
+}
+
+void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer)
+{
+    onExecutor();
+    const std::string& path = answer.path.toString();
+    KESA_TRACE(MAIN_CHANNEL, 2,
+               "[registerService RemoteRegistryHandler] Received response from parent registry regarding registration "
+               "of service '%s'",
+               path.c_str());
+    if (answer.path != registered) {
+        KESA_TRACE(MAIN_CHANNEL, 3,
+                   "[registerService RemoteRegistryHandler] the answer is for service='%s' -> ignoring",
+                   registered.toString().c_str());
+        return;
+    }
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end() || found->second.remoteRegistrationNumber != number) {
+        KESA_TRACE(MAIN_CHANNEL, 3,
+                   "[registerService RemoteRegistryHandler] registration was cancelled before announce it at the "
+                   "client service='%s'",
+                   path.c_str());
+        return;
+    }
+    optional<ServiceDef>& recorded = found->second.optionalServiceDef;
+    if (!recorded) {
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[registerService RemoteRegistryHandler] service service='%s' is already unregistered",
+                   path.c_str());
+        return;
+    }
+    eventlog::registrationSuccess(m_eventSource, answer);
+    if (*recorded == answer) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[registerService RemoteRegistryHandler] do not update ServiceDef for service='%s'",
+                   path.c_str());
+        return;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2, "[registerService RemoteRegistryHandler] update ServiceDef for service='%s'",
+               path.c_str());
+    recorded = answer;
+}
+
+void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error)
+{
+    onExecutor();
+    const std::string& path = serviceDef.path.toString();
+    const std::string message = Response::getErrorMessageWithCode(error);
+    KESA_TRACE(MAIN_CHANNEL, 4, "[registerService RemoteRegistryHandler] %s onError message=%s", path.c_str(),
+               message.c_str());
+    eventlog::registrationError(m_eventSource, serviceDef, message);
+    if (error.getStatus() == 503) {
+        KESA_TRACE(MAIN_CHANNEL, 1,
+                   "[registerService RemoteRegistryHandler] not deconstructing service %s after error %s", path.c_str(),
+                   message.c_str());
+        return;
+    }
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end() || found->second.remoteRegistrationNumber != number) {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[registerService RemoteRegistryHandler] find no entry in m_runtimeEntries for service='%s'",
+                   path.c_str());
+        return;
+    }
+    withdrawRefused(found->second, path, error, message);
+}
+
+/// The registry will not have the service: it goes, its registrator hears why.
+void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& path, const Response& error,
+                                      const std::string& message)
+{
+    // Kept, the request would be issued again at the next connection, for a service that nobody provides by then.
+    if (m_remoteRegistryHandler) {
+        m_remoteRegistryHandler->forget(*entry.remoteRegistrationId);
+    }
+    entry.remoteRegistrationNumber = 0;
+    if (entry.optionalRegistrator) {
+        postError(std::move(*entry.optionalRegistrator), error);
+        entry.optionalRegistrator.reset();
+    } else {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[registerService RemoteRegistryHandler] runtimeEntryIter->second.optionalRegistrator has no value "
+                   "onError message=%s",
+                   message.c_str());
+    }
+    if (!entry.optionalServiceDef) {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[registerService RemoteRegistryHandler] runtimeEntryIter->second.optionalServiceDef has no value "
+                   "onError message=%s",
+                   message.c_str());
+        return;
+    }
+    const ServiceDef withdrawn = takeRecord(entry);
+    unprovide(entry, withdrawn);
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, withdrawn, entry.trackers, m_queryTrackers);
+    deleteRuntimeEntry(path);
+    followRemotely(path);
+}
+
+} // namespace kesa::runtime::v02

@@ -1,0 +1,405 @@
+#include <runtime/v02/runtime/KesaRuntimeImpl.h>
+
+#include <kesa/serviceregistry/MetainfoKeys.h>
+
+namespace kesa::runtime::v02 {
+
+namespace {
+
+using UpdateType = RegistryUpdate::UpdateTypeEnum;
+
+std::string nameOf(UpdateType type)
+{
+    return RegistryUpdate::enumToValue(type).value_or("");
+}
+
+const std::string& providerKey()
+{
+    static const std::string& key = *new std::string(enumToValue(serviceregistry::MetainfoKeys::provider).value_or(""));
+    return key;
+}
+
+bool isProvidedBy(const ServiceDef& service, const std::string& process)
+{
+    return service.metainfo && (*service.metainfo)[providerKey()].stringView() == process;
+}
+
+} // namespace
+
+// ---- one path -----------------------------------------------------------------------------------------------------
+
+void KesaRuntimeImpl::trackServiceOnRegistry(const std::string& path)
+{
+    onExecutor();
+    RuntimeEntry& entry = m_runtimeEntries.find(path)->second;
+    if (entry.remoteTrackingId) {
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[trackService] Remote tracker for service '%s' already established. Current count is '%zu'",
+                   path.c_str(), entry.trackers.size());
+        return;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2,
+               "[trackServiceOnRegistry] Service '%s' is externally hosted -> setting up remote tracker", path.c_str());
+    const std::uint64_t number = newNumber();
+    entry.remoteTrackingNumber = number;
+    RemoteRegistryHandler::Request request;
+    request.issue = [this, path = path, number](serviceregistry::IServiceRegistry* registry) {
+        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<RegistryUpdate>>(
+            [this, path, number](const RegistryUpdate& update) {
+                toExecutor([this, path = path, number, update = update] {
+                    const std::string type = nameOf(update.updateType);
+                    KESA_TRACE(MAIN_CHANNEL, 2,
+                               "[trackServiceOnRegistry onNext] Received RegistryUpdate '%s' for service '%s'",
+                               type.c_str(), path.c_str());
+                    updateRemoteTrackedService(update, number);
+                });
+                return false;
+            },
+            [](const Response&) {}, [] {});
+        return registry->trackService(std::move(handler), Path(path), true);
+    };
+    request.onDisconnect = [this, path = path, number] {
+        toExecutor([this, path = path, number] { remoteTrackingLost(path, number); });
+    };
+    entry.remoteTrackingId = m_remoteRegistryHandler->execute(std::move(request));
+}
+
+/// Ends the tracking at the registry, if there is one; its answers on the way do not count any more.
+void KesaRuntimeImpl::cancelRemoteTracking(RuntimeEntry& entry)
+{
+    if (m_remoteRegistryHandler && entry.remoteTrackingId) {
+        m_remoteRegistryHandler->cancel(*entry.remoteTrackingId);
+    }
+    entry.remoteTrackingId.reset();
+    entry.remoteTrackingNumber = 0;
+}
+
+/// A registration has ended on the path, after `eREMOVED` has been sent: who still watches it has to hear of other
+/// processes' services there. A tracking that ran beside the registration may have told of such a service already, so
+/// it is begun anew; what a query told is still known.
+void KesaRuntimeImpl::followRemotely(const std::string& path)
+{
+    onExecutor();
+    if (!m_remoteRegistryHandler) {
+        return;
+    }
+    for (auto& [handle, query] : m_remoteQueries) {
+        if (const auto node = query.hidden.extract(path); !node.empty()) {
+            handleRemoteServiceRegistered(node.mapped(), query);
+        } else {
+            unlist(query, path); // it was a local match
+        }
+    }
+    const auto found = m_runtimeEntries.find(path);
+    if (found != m_runtimeEntries.end() && !found->second.isStaticConfigured && !found->second.trackers.empty()) {
+        cancelRemoteTracking(found->second);
+        trackServiceOnRegistry(path);
+    }
+}
+
+/// The entry that an answer to the tracking `number` is about; none when that has been cancelled.
+KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::remotelyTracked(const std::string& path, std::uint64_t number)
+{
+    const auto found = m_runtimeEntries.find(path);
+    return found == m_runtimeEntries.end() || found->second.remoteTrackingNumber != number ? nullptr : &found->second;
+}
+
+void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number)
+{
+    onExecutor();
+    const std::string path = update.element->path.toString();
+    RuntimeEntry* const entry = remotelyTracked(path, number);
+    switch (update.updateType) {
+    case UpdateType::ADDED:
+        KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] eADDED for service='%s' '%p'", path.c_str(),
+                   static_cast<const void*>(&update));
+        if (entry == nullptr) {
+            KESA_TRACE(MAIN_CHANNEL, 3, "[updateRemoteTrackedService] Service '%s' already unregistered -> ignoring",
+                       path.c_str());
+            break;
+        }
+        entry->optionalServiceDef = *update.element;
+        triggerRuntimeUpdate(ResourceUpdateType::eADDED, *update.element, entry->trackers, m_queryTrackers);
+        break;
+    case UpdateType::REMOVED:
+        KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] eREMOVED for service='%s' %ld", path.c_str(),
+                   static_cast<long>(reinterpret_cast<std::intptr_t>(&update)));
+        if (entry == nullptr) {
+            // The placeholder is the text's own.
+            KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                            std::string("[updateRemoteTrackedService] service='%s' runtimeEntry not present"));
+        } else {
+            removeRemoteTrackedService(*entry, update);
+        }
+        break;
+    case UpdateType::MODIFIED: // a registry of ours removes and adds a record that has changed
+        break;
+    }
+}
+
+void KesaRuntimeImpl::removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update)
+{
+    const std::string path = update.element->path.toString();
+    if (!entry.optionalServiceDef) {
+        KESA_TRACE(MAIN_CHANNEL, 3, "[updateRemoteTrackedService] Service '%s' already unregistered -> ignoring",
+                   path.c_str());
+        return;
+    }
+    if (entry.optionalRegistrator) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                        std::string("[updateRemoteTrackedService] service='%s' is already registed do not forward "
+                                    "eREMOVED event"));
+        return;
+    }
+    if (!entry.isStaticConfigured) {
+        entry.optionalServiceDef.reset();
+    }
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *update.element, entry.trackers, m_queryTrackers);
+    deleteRuntimeEntry(path);
+}
+
+void KesaRuntimeImpl::remoteTrackingLost(const std::string& path, std::uint64_t number)
+{
+    onExecutor();
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] service='%s'", path.c_str());
+    RuntimeEntry* const entry = remotelyTracked(path, number);
+    if (entry == nullptr || !entry->optionalServiceDef) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[trackServiceOnRegistry onCompleted] found no service entry for service='%s'",
+                   path.c_str());
+        return;
+    }
+    if (entry->optionalRegistrator) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] service='%s' is registered here -> kept",
+                   path.c_str());
+        return;
+    }
+    const ServiceDef lost = takeRecord(*entry);
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, lost, entry->trackers, m_queryTrackers);
+}
+
+// ---- queries ------------------------------------------------------------------------------------------------------
+
+void KesaRuntimeImpl::queryServiceOnRegistry(const Query& query, const Handle& handle,
+                                             const std::vector<ServiceUpdate>& initialUpdates)
+{
+    onExecutor();
+    RemoteQuery& record = m_remoteQueries[handle];
+    for (const ServiceUpdate& update : initialUpdates) {
+        list(record, update.element.path.toString());
+    }
+    RemoteRegistryHandler::Request request;
+    request.issue = [this, query = query, handle](serviceregistry::IServiceRegistry* registry) {
+        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<std::vector<RegistryUpdate>>>(
+            [this, query, handle](const std::vector<RegistryUpdate>& updates) {
+                if (!updates.empty()) {
+                    const std::string type = nameOf(updates.front().updateType);
+                    KESA_TRACE(MAIN_CHANNEL, 2,
+                               "[queryServiceOnRegistry direct handler] Received %zu RegistryUpdates for query '%s' "
+                               "updateType='%s'",
+                               updates.size(), query.pattern.c_str(), type.c_str());
+                }
+                toExecutor(
+                    [this, query = query, handle, updates = updates] { onRemoteQueryAnswer(query, handle, updates); });
+                return false;
+            },
+            [](const Response&) {}, [] {});
+        return registry->queryRegistry(std::move(handler), query);
+    };
+    request.onDisconnect = [this, handle] { toExecutor([this, handle] { remoteQueryLost(handle); }); };
+    record.requestId = m_remoteRegistryHandler->execute(std::move(request));
+}
+
+void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& handle,
+                                          const std::vector<RegistryUpdate>& updates)
+{
+    onExecutor();
+    const auto found = m_remoteQueries.find(handle);
+    if (found == m_remoteQueries.end()) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[queryServiceOnRegistry] remoteQuery already disposed handle='%p'",
+                   handle.address);
+        return;
+    }
+    if (updates.empty()) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[queryServiceOnRegistry] Received %zu RegistryUpdates for query '%s'",
+                   updates.size(), query.pattern.c_str());
+        found->second.isComplete = true;
+    } else {
+        const std::string type = nameOf(updates.front().updateType);
+        KESA_TRACE(MAIN_CHANNEL, 2,
+                   "[queryServiceOnRegistry] Received %zu RegistryUpdates for query '%s' updateType='%s'",
+                   updates.size(), query.pattern.c_str(), type.c_str());
+    }
+    handleRemoteQueryOnRegistryUpdate(updates, found->second);
+}
+
+void KesaRuntimeImpl::handleRemoteQueryOnRegistryUpdate(const std::vector<RegistryUpdate>& updates, RemoteQuery& record)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate]");
+    for (const RegistryUpdate& update : updates) {
+        const std::string& path = update.element->path.toString();
+        KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s' locators='%zu'", path.c_str(),
+                   update.element->locators.size());
+        if (isProvidedBy(*update.element, m_proc_name)) {
+            KESA_TRACE(MAIN_CHANNEL, 2,
+                       "[handleRemoteQueryOnRegistryUpdate] service='%s' was provided by this process, the update was "
+                       "already send by the runtime -> ignore",
+                       path.c_str());
+            continue;
+        }
+        switch (update.updateType) {
+        case UpdateType::ADDED:
+            KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s'eADDED", path.c_str());
+            handleRemoteServiceRegistered(update.element, record);
+            break;
+        case UpdateType::REMOVED:
+            KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s' eREMOVED", path.c_str());
+            record.hidden.erase(path);
+            if (unlist(record, path)) {
+                removeUnlessRegisteredHere(path, "handleRemoteQueryOnRegistryUpdate");
+            }
+            break;
+        case UpdateType::MODIFIED:
+            break;
+        }
+    }
+    KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] DONE");
+}
+
+void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record)
+{
+    const std::string& path = element->path.toString();
+    KESA_TRACE(MAIN_CHANNEL, 2,
+               "[handleRemoteServiceRegistered] new registration for remote service '%s' locators='%zu'", path.c_str(),
+               element->locators.size());
+    const auto [entry, isNew] = m_runtimeEntries.try_emplace(path);
+    if (entry->second.optionalRegistrator) {
+        // This process registers the path at the same time. Once it has been refused, the other's service is there.
+        record.hidden[path] = element;
+    } else if (!entry->second.optionalServiceDef) {
+        // New, or kept by trackers whose own tracking has not told them yet: nobody else would remove what a query
+        // told.
+        entry->second.optionalServiceDef = *element;
+    }
+    list(record, path);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] registration for remote service '%s' accepted",
+               path.c_str());
+    triggerQueryRuntimeUpdate(ResourceUpdateType::eADDED, *element, m_queryTrackers);
+}
+
+void KesaRuntimeImpl::remoteQueryLost(const Handle& handle)
+{
+    onExecutor();
+    const auto found = m_remoteQueries.find(handle);
+    if (found == m_remoteQueries.end()) {
+        return;
+    }
+    RemoteQuery& record = found->second;
+    record.isComplete = false;
+    record.hidden.clear();
+    const auto lost = std::exchange(record.services, {});
+    for (const std::string& path : lost) {
+        uncount(path);
+        removeUnlessRegisteredHere(path, "handleRemoteServiceUnregistered#query");
+    }
+}
+
+/// The registry does not list the service any more. What this process has registered is there all the same.
+void KesaRuntimeImpl::removeUnlessRegisteredHere(const std::string& path, const char* caller)
+{
+    const auto found = m_runtimeEntries.find(path);
+    if (found != m_runtimeEntries.end() && found->second.optionalRegistrator) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[%s] service='%s' is registered here -> kept", caller, path.c_str());
+        return;
+    }
+    findAndUnregister(path, caller);
+}
+
+/// Ends the forwarded query. The entries that it alone has kept go; paths that are tracked, too, are followed on their
+/// own from now on. False when there is none.
+bool KesaRuntimeImpl::endRemoteQuery(const Handle& handle)
+{
+    const optional<RemoteQuery> record = take(m_remoteQueries, handle);
+    if (!record) {
+        return false;
+    }
+    if (m_remoteRegistryHandler) {
+        m_remoteRegistryHandler->cancel(record->requestId);
+    }
+    std::vector<std::string> unused;
+    for (const std::string& path : record->services) {
+        uncount(path);
+        const auto found = m_runtimeEntries.find(path);
+        if (found == m_runtimeEntries.end() || found->second.isStaticConfigured || found->second.optionalRegistrator) {
+            continue;
+        }
+        if (found->second.trackers.empty()) {
+            if (!isListed(path)) {
+                unused.push_back(path);
+            }
+        } else if (!found->second.remoteTrackingId && m_remoteRegistryHandler) {
+            KESA_TRACE(MAIN_CHANNEL, 2,
+                       "[trackServices query Disposable] delete query and setup remote tracker for service '%s' use "
+                       "remote registry",
+                       path.c_str());
+            trackServiceOnRegistry(path);
+        }
+    }
+    for (const std::string& path : unused) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices query Disposable] erase service='%s' handle='%p'", path.c_str(),
+                   handle.address);
+        const auto node = m_runtimeEntries.extract(path);
+        if (node.mapped().optionalServiceDef) {
+            tellIncompleteQueries(*node.mapped().optionalServiceDef);
+        }
+    }
+    return true;
+}
+
+/// The record of a service is dropped although nobody has said that it is gone: nobody follows it any more. A query
+/// whose first answer is still under way may have shown it because of others' tracking; it is taken back, and that
+/// answer brings it again if it is there.
+void KesaRuntimeImpl::tellIncompleteQueries(const ServiceDef& dropped)
+{
+    QueryTrackers incomplete;
+    for (const auto& [handle, tracker] : m_queryTrackers) {
+        const auto record = m_remoteQueries.find(handle);
+        if (record != m_remoteQueries.end() && !record->second.isComplete) {
+            incomplete.emplace_back(handle, tracker);
+        }
+    }
+    if (!incomplete.empty()) {
+        triggerQueryRuntimeUpdate(ResourceUpdateType::eREMOVED, dropped, incomplete);
+    }
+}
+
+void KesaRuntimeImpl::list(RemoteQuery& record, const std::string& path)
+{
+    if (record.services.insert(path).second) {
+        ++m_listed[path];
+    }
+}
+
+/// True when the query had reported it.
+bool KesaRuntimeImpl::unlist(RemoteQuery& record, const std::string& path)
+{
+    if (record.services.erase(path) == 0) {
+        return false;
+    }
+    uncount(path);
+    return true;
+}
+
+void KesaRuntimeImpl::uncount(const std::string& path)
+{
+    const auto found = m_listed.find(path);
+    if (--found->second == 0) {
+        m_listed.erase(found);
+    }
+}
+
+bool KesaRuntimeImpl::isListed(const std::string& path) const
+{
+    return m_listed.count(path) != 0;
+}
+
+} // namespace kesa::runtime::v02

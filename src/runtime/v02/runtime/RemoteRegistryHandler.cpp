@@ -1,0 +1,97 @@
+#include <runtime/v02/runtime/RemoteRegistryHandler.h>
+
+#include <kesa/core/response_handlers.h>
+#include <obr/GlobalErrorHandler.h>
+#include <runtime/v02/runtime/channels.h>
+
+#include <string>
+#include <utility>
+
+namespace kesa::runtime::v02 {
+
+/// While foreign functions run with the lock held.
+class RemoteRegistryHandler::Dispatching {
+public:
+    explicit Dispatching(std::atomic<bool>& flag) : m_flag(flag) { m_flag = true; }
+    ~Dispatching() { m_flag = false; }
+    Dispatching(const Dispatching&) = delete;
+    Dispatching& operator=(const Dispatching&) = delete;
+
+private:
+    std::atomic<bool>& m_flag;
+};
+
+RemoteRegistryHandler::RemoteRegistryHandler(
+    const std::function<void(std::unique_ptr<ConnectionHandler>&& handler)>& connect)
+{
+    connect(std::make_unique<responsehandlers::FuncResponseHandler<std::shared_ptr<ServiceRegistryPex>>>(
+        [this](const std::shared_ptr<ServiceRegistryPex>& registry) {
+            connectionChanged(registry);
+            return false;
+        },
+        [](const Response& error) {
+            const std::string text = Response::getErrorMessageWithCode(error);
+            KESA_TRACE(MAIN_CHANNEL, 4, "[RemoteRegistryHandler onError] Received error: %s", text.c_str());
+        },
+        [] { KESA_TRACE(MAIN_CHANNEL, 4, "[RemoteRegistryHandler onCompleted] should never happend logical error"); }));
+}
+
+void RemoteRegistryHandler::connectionChanged(const std::shared_ptr<ServiceRegistryPex>& registry)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "[RemoteRegistryHandler onNext] value %p", static_cast<const void*>(registry.get()));
+    std::shared_ptr<ServiceRegistryPex> before = registry;
+    const std::lock_guard<std::mutex> lock(m_lock);
+    const Dispatching dispatching(m_isDispatching);
+    m_registry.swap(before);
+    for (auto& [id, request] : m_requests) {
+        if (registry) {
+            request.handle = request.issue(registry->main());
+        } else {
+            request.onDisconnect();
+            request.handle = nullptr;
+        }
+    }
+}
+
+std::uint32_t RemoteRegistryHandler::execute(Request request)
+{
+    notDispatching();
+    const std::lock_guard<std::mutex> lock(m_lock);
+    const std::uint32_t id = m_nextId++;
+    Request& kept = m_requests.emplace(id, std::move(request)).first->second;
+    if (m_registry) {
+        const Dispatching dispatching(m_isDispatching);
+        kept.handle = kept.issue(m_registry->main());
+    }
+    return id;
+}
+
+void RemoteRegistryHandler::cancel(std::uint32_t id)
+{
+    notDispatching();
+    decltype(m_requests)::node_type leaving; // dies without the lock
+    const std::lock_guard<std::mutex> lock(m_lock);
+    leaving = m_requests.extract(id);
+    if (!leaving.empty() && m_registry) {
+        const Dispatching dispatching(m_isDispatching);
+        m_registry->main()->cancelRequest(leaving.mapped().handle);
+    }
+}
+
+void RemoteRegistryHandler::forget(std::uint32_t id)
+{
+    notDispatching();
+    decltype(m_requests)::node_type leaving;
+    const std::lock_guard<std::mutex> lock(m_lock);
+    leaving = m_requests.extract(id);
+}
+
+void RemoteRegistryHandler::notDispatching() const
+{
+    if (m_isDispatching) {
+        obr::GlobalErrorHandler::doAssert(false, "!m_isDispatching", __FILE__, __LINE__, __func__,
+                                          "a request called back while it was issued");
+    }
+}
+
+} // namespace kesa::runtime::v02

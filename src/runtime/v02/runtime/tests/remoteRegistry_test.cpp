@@ -1,0 +1,371 @@
+// A registry in another process, and in this one: what is asked of it, and what its answers and its loss do.
+#include "FakeRegistry.h"
+
+#include <runtime/v02/runtime/RemoteRegistryHandler.h>
+
+namespace kesa::runtime::v02::test {
+namespace {
+
+using enum RegistryUpdate::UpdateTypeEnum;
+using Pex = serviceregistry::ServiceRegistryPexService;
+
+constexpr const char* REGISTRY = "fake://registry/registry";
+constexpr const char* DOCUMENT =
+    R"({"use_registry": true, "service_registry_locators": ["other://elsewhere/registry", "fake://registry/registry"]})";
+
+ServiceDef foreign(const std::string& path)
+{
+    ServiceDef service(Path(path), ServiceDef::TypeEnum::pex, {}, {url("fake://other" + path)});
+    service.metainfo = GenericObject{{"provider", "other"}};
+    return service;
+}
+
+RegistryUpdate update(RegistryUpdate::UpdateTypeEnum type, const ServiceDef& service)
+{
+    return {type, std::make_shared<ServiceDef>(service)};
+}
+
+RegistryUpdate update(RegistryUpdate::UpdateTypeEnum type, const std::string& path)
+{
+    return update(type, foreign(path));
+}
+
+class RemoteRegistryTest : public RuntimeFixture {
+protected:
+    RemoteRegistryTest()
+    {
+        auto owned = std::make_unique<FakeRegistry>();
+        registry = owned.get();
+        m_pex = std::make_shared<Pex>(std::move(owned));
+        m_network->provided.emplace(REGISTRY, Pex::getService(m_pex).get());
+    }
+    ~RemoteRegistryTest() override
+    {
+        Pex::getService(m_pex)->endOutstandingRequests(); // as a backend does before it lets go of a runtime
+        m_runtime.reset();
+    }
+
+    void startConnected()
+    {
+        m_runtime = startRuntime(DOCUMENT);
+        connect();
+        registry->asked();
+    }
+    void connect()
+    {
+        m_network->connected(REGISTRY);
+        run();
+    }
+    void lose()
+    {
+        registry->loseAll();
+        m_network->disconnected(REGISTRY);
+        run();
+    }
+    Lines asked()
+    {
+        run();
+        return registry->asked();
+    }
+    Disposable query(const std::string& pattern, const std::string& name)
+    {
+        return m_runtime->trackServices(Query(pattern), handler<ServiceUpdate>(name));
+    }
+    /// What handlers heard, without the lines of the event log.
+    Lines heard()
+    {
+        Lines lines = happened();
+        lines.erase(std::remove_if(lines.begin(), lines.end(),
+                                   [](const std::string& line) { return line.find(": ") == std::string::npos; }),
+                    lines.end());
+        return lines;
+    }
+
+    FakeRegistry* registry;
+
+private:
+    std::shared_ptr<Pex> m_pex;
+};
+
+TEST_F(RemoteRegistryTest, requestsAreIssuedAtEveryConnectionInOrder)
+{
+    m_runtime = startRuntime(DOCUMENT);
+    auto first = registerService("/b", "b");
+    auto second = track("/a", "a");
+    auto third = query("/c/*", "c");
+    EXPECT_THAT(asked(), IsEmpty());
+    connect();
+    EXPECT_THAT(asked(), ElementsAre("insert /b", "track /a", "query /c/*"));
+    EXPECT_EQ(registry->lastRecord.locators, std::vector<url>{url("fake://me/b")});
+    second.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel track /a"));
+    lose();
+    third.dispose(); // unconnected: only forgotten
+    EXPECT_THAT(asked(), IsEmpty());
+    connect();
+    EXPECT_THAT(asked(), ElementsAre("insert /b"));
+    first.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel insert /b"));
+    EXPECT_THAT(m_traces->take(), Not(Contains(HasSubstr("query Disposable] no remoteQuery"))));
+}
+
+TEST_F(RemoteRegistryTest, aRegistrationIsConfirmedKeptAndRefused)
+{
+    startConnected();
+    auto registration = registerService("/a", "r");
+    auto tracker = track("/a", "t");
+    EXPECT_THAT(happened(), ElementsAre("registration register", "r: /a fake://me/a", "tracking start",
+                                        "tracking update", "t: ADDED /a"));
+    ServiceDef recorded = registry->lastRecord;
+    recorded.id = obr::UUID::fromString("00000000-0000-0000-0000-000000000001");
+    registry->insert("/a").onNext(recorded);
+    EXPECT_THAT(happened(), ElementsAre("registration success"));
+    registry->insert("/a").onNext(recorded);
+    EXPECT_THAT(traced(2, [] {}), Contains(HasSubstr("do not update ServiceDef")));
+
+    registry->insert("/a").onError(Response::createErrorResponse(503)); // may be otherwise in a moment
+    EXPECT_THAT(heard(), IsEmpty());
+    lose();
+    connect();
+    EXPECT_THAT(asked(), Contains("insert /a"));
+    EXPECT_THAT(heard(), IsEmpty());
+
+    auto second = track("/a", "u");
+    run();
+    m_journal->take();
+    registry->asked();
+    registry->insert("/a").onError(Response::createErrorResponse(409, "service already registered"));
+    EXPECT_THAT(heard(), UnorderedElementsAre("r: error 409: service already registered", "r: gone", "t: REMOVED /a",
+                                              "u: REMOVED /a"));
+    EXPECT_FALSE(m_network->isProvided("fake://me/a"));
+    EXPECT_THAT(asked(), ElementsAre("track /a")) << "whose service it is may be heard now";
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /a", "u: ADDED /a"));
+    lose();
+    connect();
+    EXPECT_THAT(asked(), ElementsAre("track /a")) << "the refused registration is forgotten";
+    m_journal->take();
+    registration.dispose(); // withdraws nothing: the service is not this process's
+    EXPECT_THAT(heard(), Not(Contains("t: REMOVED /a")));
+}
+
+TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
+{
+    startConnected();
+    auto tracker = track("/a", "t");
+    run();
+    registry->track("/a").onNext(update(ADDED, "/a")); // on its way while the registration is made
+    auto registration = registerService("/a", "r");
+    run();
+    EXPECT_TRUE(m_journal->contains("r: error 409: service already registered"));
+    registry->track("/a").onNext(update(REMOVED, "/a"));
+    run();
+    m_journal->take();
+    auto third = registerService("/a", "r3");
+    run();
+    third.dispose();
+    auto fourth = registerService("/a", "r4"); // answers to the third are behind it in the queue
+    registry->insert("/a").onNext(registry->lastRecord);
+    registry->insert("/a").onError(Response::createErrorResponse(409));
+    m_journal->take();
+    run();
+    EXPECT_FALSE(m_journal->contains("registration success"));
+    EXPECT_FALSE(m_journal->contains("r4: error"));
+    EXPECT_TRUE(m_network->isProvided("fake://me/a"));
+}
+
+TEST_F(RemoteRegistryTest, aPathIsTrackedOnceAndLostWithTheRegistry)
+{
+    startConnected();
+    auto first = track("/a", "t");
+    auto second = track("/a", "u");
+    EXPECT_THAT(asked(), ElementsAre("track /a"));
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->track("/a").onNext(update(MODIFIED, "/a"));
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /a", "u: ADDED /a"));
+    lose();
+    EXPECT_THAT(heard(), ElementsAre("t: REMOVED /a", "u: REMOVED /a"));
+    connect();
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->track("/a").onNext(update(REMOVED, "/a"));
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /a", "u: ADDED /a", "t: REMOVED /a", "u: REMOVED /a"));
+    auto third = track("/a", "v");
+    EXPECT_THAT(heard(), IsEmpty()) << "what was removed is not remembered";
+    registry->asked();
+    first.dispose();
+    second.dispose();
+    EXPECT_THAT(asked(), IsEmpty());
+    third.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel track /a"));
+    EXPECT_THAT(traced(2, [&] { m_runtime.reset(); }), Contains("2 [dtor] m_runtimeEntries 0"));
+}
+
+TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
+{
+    startConnected();
+    auto tracker = track("/a", "t");
+    auto registration = registerService("/a", "r");
+    EXPECT_THAT(asked(), ElementsAre("track /a", "cancel track /a", "insert /a"));
+    registration.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel insert /a", "track /a"));
+    m_network->refusedPaths.insert("/a");
+    auto refused = registerService("/a", "r2");
+    EXPECT_THAT(asked(), ElementsAre("cancel track /a", "track /a"));
+
+    // A tracker that comes while the path is registered is followed at the registry, too; what that has told by then
+    // is not told again unless it is asked anew.
+    m_network->refusedPaths.clear();
+    auto second = registerService("/a", "r3");
+    auto late = track("/a", "u");
+    run();
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    run();
+    registry->asked();
+    m_journal->take();
+    registry->insert("/a").onError(Response::createErrorResponse(409));
+    EXPECT_THAT(asked(), ElementsAre("cancel track /a", "track /a"));
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    EXPECT_THAT(heard(), testing::IsSupersetOf({"t: REMOVED /a", "u: REMOVED /a", "t: ADDED /a", "u: ADDED /a"}));
+}
+
+TEST_F(RemoteRegistryTest, theLossOfTheRegistryLeavesOwnServicesAlone)
+{
+    startConnected();
+    auto tracker = track("/a", "t");
+    auto registration = registerService("/a", "r");
+    auto late = track("/a", "u"); // followed at the registry, too
+    auto all = query("**", "q");
+    run();
+    m_journal->take();
+    lose();
+    connect();
+    EXPECT_THAT(heard(), IsEmpty());
+    EXPECT_TRUE(m_network->isProvided("fake://me/a"));
+    registry->track("/a").onNext(update(REMOVED, registry->lastRecord)); // not the word of this process
+    registry->query("**").onNext({update(ADDED, registry->lastRecord), update(REMOVED, registry->lastRecord)});
+    EXPECT_THAT(heard(), IsEmpty());
+}
+
+TEST_F(RemoteRegistryTest, aQueryShowsWhatTheRegistryReports)
+{
+    startConnected();
+    auto subscription = query("/a/*", "q");
+    EXPECT_THAT(asked(), ElementsAre("query /a/*"));
+    registry->query("/a/*").onNext({update(REMOVED, "/a/never"), update(ADDED, "/a/1"), update(ADDED, "/a/2")});
+    registry->query("/a/*").onNext({});
+    EXPECT_THAT(heard(), ElementsAre("q: ADDED /a/1", "q: ADDED /a/2"));
+    auto tracker = track("/a/1", "t"); // known: told at once, and followed on its own from now on
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /a/1"));
+    EXPECT_THAT(asked(), ElementsAre("track /a/1"));
+    registry->query("/a/*").onNext({update(REMOVED, "/a/1"), update(REMOVED, "/a/2")});
+    registry->track("/a/1").onNext(update(REMOVED, "/a/1"));
+    EXPECT_THAT(heard(), ElementsAre("t: REMOVED /a/1", "q: REMOVED /a/1", "q: REMOVED /a/2"));
+    registry->query("/a/*").onNext({update(ADDED, "/a/2")});
+    lose();
+    EXPECT_THAT(heard(), ElementsAre("q: ADDED /a/2", "q: REMOVED /a/2"));
+    connect();
+    registry->query("/a/*").onNext({update(ADDED, "/a/2")});
+    run();
+    registry->asked();
+    subscription.dispose();
+    tracker.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel query /a/*", "cancel track /a/1"));
+    EXPECT_THAT(traced(2, [&] { m_runtime.reset(); }), Contains("2 [dtor] m_runtimeEntries 0"));
+}
+
+TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
+{
+    startConnected();
+    // Told by a tracking that ends before the query's own first answer: taken back, and brought again by that answer.
+    auto subscription = query("**", "q");
+    auto tracker = track("/a", "t");
+    run();
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    run();
+    tracker.dispose();
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /a", "q: ADDED /a", "t: gone", "q: REMOVED /a"));
+    registry->query("**").onNext({update(ADDED, "/a")});
+    registry->query("**").onNext({});
+    EXPECT_THAT(heard(), ElementsAre("q: ADDED /a"));
+
+    // The record of an entry that only waits for its tracking is the query's: it stays when the tracker goes.
+    auto second = track("/b", "u");
+    run();
+    registry->query("**").onNext({update(ADDED, "/b")});
+    run();
+    second.dispose();
+    run();
+    registry->query("**").onNext({update(REMOVED, "/b")});
+    EXPECT_THAT(heard(), testing::IsSupersetOf({"q: ADDED /b", "q: REMOVED /b"}));
+}
+
+TEST_F(RemoteRegistryTest, aQueryShowsTheOtherClaimantWhenTheOwnClaimIsRefused)
+{
+    startConnected();
+    auto subscription = query("**", "q");
+    auto registration = registerService("/a", "r");
+    run();
+    registry->query("**").onNext({update(ADDED, "/a")});
+    run();
+    m_journal->take();
+    registry->query("**").onNext({update(REMOVED, "/a")}); // the other one's, who comes back
+    EXPECT_THAT(heard(), IsEmpty());
+    registry->query("**").onNext({update(ADDED, "/a")});
+    run();
+    registry->insert("/a").onError(Response::createErrorResponse(409));
+    EXPECT_THAT(heard(), UnorderedElementsAre("r: error 409", "r: gone", "q: REMOVED /a", "q: ADDED /a"));
+    registry->query("**").onNext({update(REMOVED, "/a")});
+    EXPECT_THAT(heard(), ElementsAre("q: REMOVED /a"));
+}
+
+TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
+{
+    m_runtime = startRuntime(R"({"use_registry": true, "service_registry_locators": ["fake://me/registry"]})");
+    auto early = track("/a", "t");
+    auto wrong = registerService("/a", "r");
+    EXPECT_THAT(heard(),
+                ElementsAre("t: error 409: kesa runtime in registry you must register first the registry service",
+                            "t: gone", "r: error 409: kesa runtime in registry, registry service must registered first",
+                            "r: gone"));
+    EXPECT_THAT(
+        m_assertions->take(),
+        ElementsAre("false, registerRegistryService, [registerRegistryService] kesa runtime in registry, registry "
+                    "service must be registered first"));
+
+    auto registration = registerService("/registry", "registry", ServiceDef::TypeEnum::registry);
+    EXPECT_THAT(happened(),
+                ElementsAre("registration register", "registry: /registry fake://me/registry", "registration success"));
+    auto tracker = track("/registry", "t");
+    auto all = query("**", "q");
+    auto other = registerService("/a", "a");
+    EXPECT_THAT(heard(), ElementsAre("t: ADDED /registry", "q: ADDED /registry", "a: /a fake://me/a", "q: ADDED /a"));
+    other.dispose();
+    registration.dispose();
+    EXPECT_THAT(heard(), testing::IsSupersetOf({"t: REMOVED /registry", "q: REMOVED /registry"}));
+    auto again = registerService("/registry", "registry2", ServiceDef::TypeEnum::registry);
+    EXPECT_THAT(heard(),
+                ElementsAre("registry2: /registry fake://me/registry", "t: ADDED /registry", "q: ADDED /registry"));
+    again.dispose();
+    run();
+    m_network->refusedPaths.insert("fake://me/registry");
+    m_journal->take();
+    auto failing = registerService("/registry", "registry3", ServiceDef::TypeEnum::registry);
+    EXPECT_THAT(happened(),
+                ElementsAre("registration register", "registration error", "registry3: error 409", "registry3: gone"));
+    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("registry service can not be registed")));
+}
+
+TEST_F(RemoteRegistryTest, aRuntimeThatFindsNoRegistryDoesNotStart)
+{
+    const auto start = [this](const char* document) {
+        KesaRuntimeImpl runtime(KesaConfig("me", document));
+        EXPECT_TRUE(runtime.start());
+        return m_assertions->take();
+    };
+    EXPECT_THAT(start(R"({"use_registry": true})"), ElementsAre(HasSubstr("found no partition for kesa registry")));
+    EXPECT_THAT(start(R"({"use_registry": true, "service_registry_locators": ["other://a/registry"]})"),
+                ElementsAre(HasSubstr("Found no resolvable registry locator in config")));
+}
+
+} // namespace
+} // namespace kesa::runtime::v02::test
