@@ -14,7 +14,16 @@ namespace kesa::registry {
 /// that sent it (`RequestContext::current()`; without one, to this process). A path that another living process holds
 /// is refused with 409, but only when the holder has just proved that it lives; a holder that does not is disconnected.
 ///
-/// Any thread. Handlers are called with the registry's lock held and must only queue.
+/// Per query, the first answer lists the services in the order of their paths, in lists below 48 KiB, as fast as the
+/// peer takes them, each service as it is when its turn comes. Changes of what has been listed come between, so that
+/// nothing is missed or repeated; the empty list ends the first answer. A service whose only locators are `ipc` ones of
+/// another realm is not shown to a peer.
+///
+/// Limits, refused with 400: 32 KiB for a record or a query, and per connection 65,536 registrations, 65,536 trackings
+/// and 16,384 queries.
+///
+/// Any thread. Handlers are called with the registry's lock held and must only queue. They are destroyed with no lock
+/// held; those still kept when the registry is destroyed, without a final call.
 class KESA_API Registry final : public serviceregistry::IServiceRegistry {
 public:
     Registry();
@@ -29,6 +38,7 @@ public:
     void cancelRequest(void* handle) override;
 
 private:
+    friend class RegistryHost;
     class Impl;
     std::shared_ptr<Impl> m_impl;
 };

@@ -1,0 +1,35 @@
+#include "service/RegistryImpl.h"
+
+namespace kesa::registry {
+
+Registry::Registry() : m_impl(std::make_shared<Impl>()) {}
+
+Registry::~Registry()
+{
+    m_impl->close();
+}
+
+void* Registry::queryRegistry(std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>&& handler,
+                              const Query& query)
+{
+    return m_impl->queryRegistry(std::move(handler), query);
+}
+
+void* Registry::registerService(std::unique_ptr<IResponseHandler<ServiceDef>>&& handler, const Path& path,
+                                const ServiceDef& serviceDef)
+{
+    return m_impl->registerService(std::move(handler), path.toString(), serviceDef);
+}
+
+void* Registry::trackService(std::unique_ptr<IResponseHandler<RegistryUpdate>>&& handler, const Path& path,
+                             const optional<bool>&)
+{
+    return m_impl->trackService(std::move(handler), path.toString());
+}
+
+void Registry::cancelRequest(void* handle)
+{
+    m_impl->cancelRequest(handle);
+}
+
+} // namespace kesa::registry

@@ -1,0 +1,146 @@
+#include "service/RegistryImpl.h"
+
+#include <kesa/Disposable.h>
+#include <kesa/core/response_handlers.h>
+#include <kesa/registry/RegistryHost.h>
+#include <kesa/serviceregistry/registerServiceRegistryPex.h>
+
+#include <map>
+#include <mutex>
+#include <string>
+#include <utility>
+
+namespace kesa::registry {
+
+using runtime::v02::IRuntimeRegistry;
+using serviceregistry::IServiceRegistry;
+using serviceregistry::ServiceRegistryPexService;
+using ServiceUpdate = ResourceUpdate<ServiceDef>;
+
+/// Follows what the own runtime provides, and holds it in the registry as one more process would, save that it is
+/// always there and never refused.
+class RegistryHost::Impl : public std::enable_shared_from_this<RegistryHost::Impl> {
+public:
+    Impl(IRuntimeRegistry& runtime, std::function<void()> ready, std::function<void(const Response&)> failed)
+        : m_runtime(runtime), m_ready(std::move(ready)), m_failed(std::move(failed)), m_registry(new Registry()),
+          m_core(m_registry->m_impl),
+          m_service(std::make_shared<ServiceRegistryPexService>(std::unique_ptr<IServiceRegistry>(m_registry)))
+    {}
+
+    void start()
+    {
+        const std::weak_ptr<Impl> weak = weak_from_this();
+        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+            [weak](const ServiceDef& serviceDef) {
+                if (const auto self = weak.lock()) {
+                    self->registered(serviceDef);
+                }
+                return false;
+            },
+            [weak](const Response& error) {
+                if (const auto self = weak.lock()) {
+                    self->m_failed(error);
+                }
+            },
+            [] {});
+        Disposable registration =
+            serviceregistry::registerRegistry(m_runtime, m_service, GenericObject(), std::move(handler));
+        const std::lock_guard lock(m_mutex);
+        m_registration = std::move(registration);
+    }
+
+    void stop()
+    {
+        std::unique_lock lock(m_mutex);
+        m_isStopped = true;
+        Disposable following = std::exchange(m_following, Disposable());
+        Disposable registration = std::exchange(m_registration, Disposable());
+        lock.unlock();
+        following.dispose();
+        registration.dispose();
+    }
+
+    IServiceRegistry& registry() { return *m_registry; }
+
+private:
+    void registered(const ServiceDef& serviceDef)
+    {
+        // Not left to the tracking, so that it comes first.
+        mirror(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef));
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_isStopped) {
+                return;
+            }
+            m_following = m_runtime.trackServices(
+                Query("**"), std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
+                                 [weak = weak_from_this()](const ServiceUpdate& update) {
+                                     if (const auto self = weak.lock()) {
+                                         self->mirror(update);
+                                     }
+                                     return false;
+                                 },
+                                 [](const Response&) {}, [] {}));
+        }
+        m_ready();
+    }
+
+    void mirror(const ServiceUpdate& update)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_isStopped) {
+            return;
+        }
+        const std::string& path = update.element.path.toString();
+        const auto before = m_mirrored.find(path);
+        void* const old = before == m_mirrored.end() ? nullptr : before->second;
+        if (update.type == ResourceUpdateType::eREMOVED) {
+            m_mirrored.erase(path);
+        } else {
+            // There is nobody to tell: the registrator has been told by the runtime.
+            m_mirrored[path] =
+                m_core->mirror(std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+                                   [](const ServiceDef&) { return false; }, [](const Response&) {}, [] {}),
+                               update.element);
+        }
+        m_core->cancelRequest(old);
+    }
+
+    IRuntimeRegistry& m_runtime;
+    const std::function<void()> m_ready;
+    const std::function<void(const Response&)> m_failed;
+    Registry* const m_registry; ///< the service's
+    const std::shared_ptr<Registry::Impl> m_core;
+    const std::shared_ptr<ServiceRegistryPexService> m_service;
+
+    std::mutex m_mutex;
+    // With the mutex held.
+    bool m_isStopped = false;
+    Disposable m_registration;
+    Disposable m_following;
+    std::map<std::string, void*> m_mirrored; ///< requests at the registry, by path
+};
+
+RegistryHost::RegistryHost(IRuntimeRegistry& runtime, std::function<void()> ready,
+                           std::function<void(const Response& error)> failed)
+    : m_impl(std::make_shared<Impl>(runtime, std::move(ready), std::move(failed)))
+{
+    m_impl->start();
+}
+
+RegistryHost::~RegistryHost()
+{
+    stop();
+}
+
+void RegistryHost::stop()
+{
+    m_impl->stop();
+}
+
+serviceregistry::IServiceRegistry& RegistryHost::registry()
+{
+    return m_impl->registry();
+}
+
+} // namespace kesa::registry

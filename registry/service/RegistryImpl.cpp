@@ -1,0 +1,437 @@
+// Every request and everything a peer answers is a turn: under one mutex a command changes the store, and what it
+// brought about is written to the streams, in order, before the mutex is free. So all streams see the changes in one
+// order, and nothing is said to a request whose cancel has returned. Writing only queues; nobody's code runs, save the
+// handlers.
+//
+// A handler that calls the registry from inside its call does so in the same turn: its command is carried out at once,
+// what that brings about is written after what was to be written before.
+//
+// First answers of queries are written one list at a time, and per connection no more than about two lists wait in its
+// queue. What changes meanwhile: see `QueryWatch`.
+
+#include "service/RegistryImpl.h"
+
+#include "service/channel.h"
+#include "service/limits.h"
+
+#include <kesa/IKesaApi.h>
+#include <kesa/Path.h>
+#include <kesa/RequestContext.h>
+#include <kesa/Response.h>
+#include <obr/ErrorStorage.h>
+
+#include <algorithm>
+#include <cstdint>
+
+namespace kesa::registry {
+
+namespace {
+
+constexpr std::array<std::size_t, 3> MAX_REQUESTS = {MAX_REGISTRATIONS, MAX_TRACKINGS, MAX_QUERIES};
+constexpr std::array<const char*, 3> KINDS = {"registrations", "trackings", "queries"};
+
+void* toHandle(StreamId stream) noexcept
+{
+    return reinterpret_cast<void*>(static_cast<std::uintptr_t>(stream));
+}
+
+StreamId toStream(void* handle) noexcept
+{
+    return static_cast<StreamId>(reinterpret_cast<std::uintptr_t>(handle));
+}
+
+/// What was wrong, from the error storage.
+std::string takeReason()
+{
+    std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
+}
+
+std::string tooLarge(const char* what, std::size_t bytes, std::size_t limit)
+{
+    return std::string(what) + " takes " + std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit);
+}
+
+/// The handler stays the caller's.
+template <class T>
+void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text)
+{
+    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, subject.c_str(), text.c_str());
+    handler.onError(Response::createErrorResponse(400, text));
+    return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+}
+
+} // namespace
+
+std::string Registry::Impl::Asker::name() const
+{
+    return peer || !process.empty() ? process + " (process " + std::to_string(pid) + ")" : "this process";
+}
+
+// ---- turns --------------------------------------------------------------------------------------------------------
+
+template <class Command>
+void Registry::Impl::turn(const Command& command)
+{
+    std::vector<Request> dead; // destroyed with the mutex free
+    const std::lock_guard lock(m_mutex);
+    command();
+    if (!m_isWorking) {
+        m_isWorking = true;
+        work();
+        m_isWorking = false;
+        dead.swap(m_dead);
+    }
+}
+
+void Registry::Impl::work()
+{
+    deliver();
+    while (!m_toList.empty()) {
+        const auto asker = std::move(m_toList.back());
+        m_toList.pop_back();
+        listOn(asker);
+        deliver();
+    }
+}
+
+/// Makes a request of the handler and runs `command(stream, asker)`, unless the asker has as many as it may.
+template <class H, class Command>
+void* Registry::Impl::open(H&& handler, const char* operation, const std::string& subject, const Command& command)
+{
+    const RequestContext* const context = RequestContext::current();
+    if (context != nullptr && context->stream != nullptr) {
+        // Who watches must never miss a change.
+        context->stream->setQueuePolicy(QueuePolicy::eCUT_CONNECTION);
+    }
+    StreamId stream = 0;
+    std::size_t kind = 0;
+    turn([&] {
+        const std::shared_ptr<Asker> asker = currentAsker();
+        Request request{Handler(std::move(handler)), asker};
+        kind = request.handler.index();
+        if (asker->peer && asker->requests[kind] >= MAX_REQUESTS[kind]) {
+            handler = std::move(std::get<std::decay_t<H>>(request.handler));
+            return;
+        }
+        ++asker->requests[kind];
+        stream = ++m_lastStream;
+        m_requests.emplace(stream, std::move(request));
+        command(stream, asker);
+    });
+    if (stream == 0) {
+        return refuse(*handler, operation, subject,
+                      "a connection can not have more than " + std::to_string(MAX_REQUESTS[kind]) + ' ' + KINDS[kind]);
+    }
+    return toHandle(stream);
+}
+
+std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
+{
+    const RequestContext* const context = RequestContext::current();
+    const AskerKey key = context == nullptr ? AskerKey() : AskerKey(context->peer.get(), context->instance.bytes());
+    auto& asker = m_askers[key];
+    if (!asker) {
+        asker = std::make_shared<Asker>();
+        asker->key = key;
+        if (context != nullptr) {
+            // Nil means this process, which no peer is, whatever it says.
+            asker->instance = context->instance.isNil() ? obr::UUID::generate() : context->instance;
+            asker->process = context->process;
+            asker->pid = context->pid;
+            asker->realm = std::make_shared<const std::string>(context->realm);
+            asker->peer = context->peer;
+        }
+    }
+    return asker;
+}
+
+/// Takes a request out of the table.
+Registry::Impl::Request Registry::Impl::take(Requests::iterator request)
+{
+    Request taken = std::move(request->second);
+    Asker& asker = *taken.asker;
+    --asker.requests[taken.handler.index()];
+    std::erase(asker.listing, request->first);
+    m_requests.erase(request);
+    if (asker.requests == std::array<std::size_t, 3>{}) {
+        m_askers.erase(AskerKey(asker.key));
+    }
+    return taken;
+}
+
+// ---- requests -----------------------------------------------------------------------------------------------------
+
+void* Registry::Impl::registerService(RegistrationHandler&& handler, const std::string& path,
+                                      const ServiceDef& serviceDef)
+{
+    if (!Path::isCanonical(path)) {
+        return refuse(*handler, "registerService", path, "'" + path + "' is no canonical absolute path");
+    }
+    if (serviceDef.path.toString() != path) {
+        return refuse(*handler, "registerService", path, "path of the record differs from the request path");
+    }
+    return claim(std::move(handler), serviceDef, false);
+}
+
+void* Registry::Impl::mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef)
+{
+    return claim(std::move(handler), serviceDef, true);
+}
+
+void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient)
+{
+    const std::string& path = serviceDef.path.toString();
+    Claim claim;
+    claim.record = std::make_shared<Record>(Record{serviceDef});
+    claim.keepsId = serviceDef.id.has_value();
+    claim.isPatient = isPatient;
+    if (!claim.keepsId) {
+        claim.record->serviceDef.id = obr::UUID::generate();
+    }
+    if (measure(claim.record->serviceDef, claim.record->bytes)) {
+        return refuse(*handler, "registerService", path, takeReason());
+    }
+    if (claim.record->bytes > MAX_RECORD_BYTES) {
+        return refuse(*handler, "registerService", path, tooLarge("the record", claim.record->bytes, MAX_RECORD_BYTES));
+    }
+    return open(std::move(handler), "registerService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+        KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
+        claim.instance = asker->instance;
+        m_store.registerService(stream, std::move(claim));
+    });
+}
+
+void* Registry::Impl::trackService(TrackingHandler&& handler, const std::string& path)
+{
+    if (!Path::isCanonical(path)) {
+        return refuse(*handler, "trackService", path, "'" + path + "' is no canonical absolute path");
+    }
+    return open(std::move(handler), "trackService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+        KESA_TRACE(CHANNEL, 2, "[trackService] '%s' by %s", path.c_str(), asker->name().c_str());
+        m_store.trackService(stream, path, asker->realm);
+    });
+}
+
+void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
+{
+    const auto patterns = PathPatterns::createFromGlob(query.pattern);
+    std::size_t bytes = 0;
+    if (!patterns || measure(query, bytes)) {
+        return refuse(*handler, "queryRegistry", query.pattern, takeReason());
+    }
+    if (bytes > MAX_QUERY_BYTES) {
+        return refuse(*handler, "queryRegistry", query.pattern, tooLarge("the query", bytes, MAX_QUERY_BYTES));
+    }
+    return open(std::move(handler), "queryRegistry", query.pattern,
+                [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+                    KESA_TRACE(CHANNEL, 2, "[queryRegistry] '%s' by %s", query.pattern.c_str(), asker->name().c_str());
+                    m_store.queryRegistry(stream, query, *patterns, asker->realm);
+                    asker->listing.push_back(stream);
+                    m_toList.push_back(asker);
+                });
+}
+
+void Registry::Impl::cancelRequest(void* handle)
+{
+    turn([&] {
+        const StreamId stream = toStream(handle);
+        const auto request = m_requests.find(stream);
+        if (request != m_requests.end()) {
+            m_dead.push_back(take(request));
+            m_store.end(stream);
+        }
+    });
+}
+
+void Registry::Impl::close()
+{
+    Requests requests; // destroyed with the mutex free
+    turn([&] {
+        m_askers.clear();
+        requests.swap(m_requests);
+    });
+}
+
+// ---- what is told -------------------------------------------------------------------------------------------------
+
+void Registry::Impl::deliver()
+{
+    std::vector<RegistryUpdate> list;
+    for (Output output; m_store.next(output);) {
+        switch (output.kind) {
+        case Output::Kind::eUPDATE:
+            update(output, list);
+            break;
+        case Output::Kind::eREGISTERED:
+            registered(output);
+            break;
+        case Output::Kind::eREFUSED:
+            refused(output);
+            break;
+        case Output::Kind::eASK_HOLDER:
+            askHolder(output);
+            break;
+        case Output::Kind::eKEEPS_WAITING:
+            keepsWaiting(output);
+            break;
+        }
+    }
+}
+
+/// `list` holds the last update that was told: the same one goes to many.
+void Registry::Impl::update(const Output& output, std::vector<RegistryUpdate>& list)
+{
+    const auto request = m_requests.find(output.stream);
+    if (request == m_requests.end()) {
+        return; // a handler has cancelled it meanwhile
+    }
+    if (list.empty() || list[0].element.get() != &output.record->serviceDef || list[0].updateType != output.type) {
+        list.assign(1, makeUpdate(output.type, output.record));
+    }
+    if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
+        (*query)->onNext(list);
+    } else if (auto* const tracking = std::get_if<TrackingHandler>(&request->second.handler)) {
+        (*tracking)->onNext(list[0]);
+    }
+}
+
+void Registry::Impl::registered(const Output& output)
+{
+    const auto request = m_requests.find(output.stream);
+    if (request != m_requests.end()) {
+        std::get<RegistrationHandler>(request->second.handler)->onNext(output.record->serviceDef);
+    }
+}
+
+void Registry::Impl::refused(const Output& output)
+{
+    const auto found = m_requests.find(output.stream);
+    if (found == m_requests.end()) {
+        return;
+    }
+    m_dead.push_back(take(found));
+    KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
+               output.record->path().c_str(), m_dead.back().asker->name().c_str());
+    auto& handler = *std::get<RegistrationHandler>(m_dead.back().handler);
+    handler.onError(Response::createErrorResponse(409, "service already registered"));
+}
+
+void Registry::Impl::askHolder(const Output& output)
+{
+    const auto request = m_requests.find(output.stream);
+    if (request == m_requests.end()) {
+        return; // it has ended, and the claim was accepted
+    }
+    const std::shared_ptr<Asker>& asker = request->second.asker;
+    const std::string& path = output.record->path();
+    if (!asker->peer) {
+        m_store.proved(path, output.proof, true);
+        return;
+    }
+    KESA_TRACE(CHANNEL, 2, "[claim] '%s' is claimed; asking its holder %s", path.c_str(), asker->name().c_str());
+    asker->peer->proveAlive(PROOF_TIME, [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker),
+                                         record = output.record, proof = output.proof](bool isAlive) {
+        if (const auto self = weak.lock()) {
+            self->proved(record->path(), proof, isAlive, holder);
+        }
+    });
+}
+
+void Registry::Impl::proved(const std::string& path, std::uint64_t proof, bool isAlive,
+                            const std::weak_ptr<Asker>& asker)
+{
+    turn([&] {
+        const auto holder = asker.lock();
+        if (!isAlive && holder) {
+            KESA_TRACE(CHANNEL, 3, "[claim] '%s': its holder %s shows no sign of life", path.c_str(),
+                       holder->name().c_str());
+            dropRegistrations(*holder);
+        }
+        m_store.proved(path, proof, isAlive);
+    });
+}
+
+/// Those of a peer that does not live; its requests stay until they are cancelled.
+void Registry::Impl::dropRegistrations(const Asker& asker)
+{
+    std::vector<StreamId> streams;
+    for (const auto& [stream, request] : m_requests) {
+        if (request.asker.get() == &asker && std::holds_alternative<RegistrationHandler>(request.handler)) {
+            streams.push_back(stream);
+        }
+    }
+    std::sort(streams.begin(), streams.end());
+    for (const StreamId stream : streams) {
+        m_store.end(stream);
+    }
+}
+
+void Registry::Impl::keepsWaiting(const Output& output)
+{
+    const auto holder = m_requests.find(output.stream);
+    KESA_TRACE(CHANNEL, 4,
+               "[mirror] '%s' of this process is hidden: %s has registered it, too; it is shown when that one goes",
+               output.record->path().c_str(),
+               holder == m_requests.end() ? "another process" : holder->second.asker->name().c_str());
+}
+
+// ---- first answers ------------------------------------------------------------------------------------------------
+
+/// Writes the next list of the asker's first answers, if its queue has room.
+void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
+{
+    if (asker->listing.empty() || asker->isWaiting) {
+        return;
+    }
+    if (asker->peer && asker->written >= LIST_BYTES) {
+        waitForQueue(asker);
+        return;
+    }
+    const StreamId stream = asker->listing.front();
+    std::vector<RecordPtr> records;
+    std::size_t bytes = 0;
+    const bool hasMore = m_store.list(stream, LIST_BYTES - LIST_FRAME_BYTES, records, bytes);
+    asker->written += bytes + LIST_FRAME_BYTES;
+    if (!hasMore) {
+        asker->listing.pop_front();
+    }
+    m_toList.push_back(asker);
+    std::vector<RegistryUpdate> updates;
+    updates.reserve(records.size());
+    for (const RecordPtr& record : records) {
+        updates.push_back(makeUpdate(UpdateType::ADDED, record));
+    }
+    const auto tell = [&] {
+        const auto request = m_requests.find(stream);
+        if (request != m_requests.end()) {
+            std::get<QueryHandler>(request->second.handler)->onNext(updates);
+        }
+    };
+    if (!updates.empty()) {
+        tell();
+    }
+    if (!hasMore) {
+        updates.clear();
+        tell();
+    }
+}
+
+void Registry::Impl::waitForQueue(const std::shared_ptr<Asker>& asker)
+{
+    asker->isWaiting = true;
+    asker->peer->whenDrained([weak = weak_from_this(), waiting = std::weak_ptr<Asker>(asker)] {
+        const auto self = weak.lock();
+        const auto ready = waiting.lock();
+        if (self && ready) {
+            self->turn([&] {
+                ready->isWaiting = false;
+                ready->written = 0;
+                self->m_toList.push_back(ready);
+            });
+        }
+    });
+}
+
+} // namespace kesa::registry

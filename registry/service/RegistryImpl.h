@@ -1,0 +1,98 @@
+#ifndef KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
+#define KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
+
+#include "store/Store.h"
+
+#include <kesa/IPeer.h>
+#include <kesa/registry/Registry.h>
+
+#include <array>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+#include <utility>
+#include <variant>
+#include <vector>
+
+namespace kesa::registry {
+
+/// The store with those who ask it: handlers, peers, limits. See the head of RegistryImpl.cpp.
+class Registry::Impl : public std::enable_shared_from_this<Registry::Impl> {
+public:
+    using RegistrationHandler = std::unique_ptr<IResponseHandler<ServiceDef>>;
+    using TrackingHandler = std::unique_ptr<IResponseHandler<RegistryUpdate>>;
+    using QueryHandler = std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>;
+
+    void* queryRegistry(QueryHandler&& handler, const Query& query);
+    void* registerService(RegistrationHandler&& handler, const std::string& path, const ServiceDef& serviceDef);
+    void* trackService(TrackingHandler&& handler, const std::string& path);
+    void cancelRequest(void* handle);
+
+    /// Registers a service of this process; it waits for a path that another living process holds.
+    void* mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef);
+    /// Lets go of all requests; their handlers are not called.
+    void close();
+
+private:
+    using AskerKey = std::pair<const IPeer*, std::array<std::uint8_t, 16>>; ///< the peer, its instance
+    /// A connection, or this process: who makes requests.
+    struct Asker {
+        AskerKey key;
+        obr::UUID instance; ///< nil: this process
+        std::string process;
+        std::int64_t pid = -1;
+        Realm realm;
+        std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
+        std::array<std::size_t, 3> requests{}; ///< open ones, by the kind of their handler
+
+        std::deque<StreamId> listing; ///< queries whose first answer is not complete, in order
+        std::size_t written = 0;      ///< of first answers, since its queue was last known to be empty
+        bool isWaiting = false;       ///< for its queue to be empty
+
+        std::string name() const;
+    };
+    using Handler = std::variant<RegistrationHandler, TrackingHandler, QueryHandler>;
+    struct Request {
+        Handler handler;
+        std::shared_ptr<Asker> asker;
+    };
+    using Requests = std::unordered_map<StreamId, Request>;
+
+    template <class Command>
+    void turn(const Command& command);
+    void work();
+    template <class H, class Command>
+    void* open(H&& handler, const char* operation, const std::string& subject, const Command& command);
+    void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
+    std::shared_ptr<Asker> currentAsker();
+    Request take(Requests::iterator request);
+
+    void deliver();
+    void update(const Output& output, std::vector<RegistryUpdate>& list);
+    void registered(const Output& output);
+    void refused(const Output& output);
+    void askHolder(const Output& output);
+    void keepsWaiting(const Output& output);
+    void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
+    void dropRegistrations(const Asker& asker);
+
+    void listOn(const std::shared_ptr<Asker>& asker);
+    void waitForQueue(const std::shared_ptr<Asker>& asker);
+
+    std::recursive_mutex m_mutex; // recursive: a handler that calls back does not hang; its command waits for its turn
+    // With the mutex held.
+    Store m_store;
+    Requests m_requests;
+    std::map<AskerKey, std::shared_ptr<Asker>> m_askers;
+    StreamId m_lastStream = 0;
+    bool m_isWorking = false;
+    std::vector<std::shared_ptr<Asker>> m_toList; ///< whose first answers may go on
+    std::vector<Request> m_dead;                  ///< to be destroyed once the mutex is free
+};
+
+} // namespace kesa::registry
+
+#endif

@@ -1,0 +1,29 @@
+#ifndef KESA_REGISTRY_SERVICE_LIMITS_H
+#define KESA_REGISTRY_SERVICE_LIMITS_H
+
+#include <comm/Clock.h>
+
+#include <cstddef>
+
+/// What one peer may make the registry keep, and how much is written at once. README.md lists them for users.
+namespace kesa::registry {
+
+// Per connection. A connection carries 65,536 requests at most, so registrations are never refused before it is.
+inline constexpr std::size_t MAX_REGISTRATIONS = 65536;
+inline constexpr std::size_t MAX_TRACKINGS = 65536;
+inline constexpr std::size_t MAX_QUERIES = 16384;
+
+inline constexpr std::size_t MAX_RECORD_BYTES = 32U << 10U;
+inline constexpr std::size_t MAX_QUERY_BYTES = 32U << 10U;
+
+/// A list stays below this: it has room for one record at least, and travels as one message that is not taken apart.
+inline constexpr std::size_t LIST_BYTES = 48U << 10U;
+/// What a list takes besides its updates.
+inline constexpr std::size_t LIST_FRAME_BYTES = 64;
+
+/// How long a holder has to show that it lives.
+inline constexpr comm::TimeNs PROOF_TIME = comm::SECOND;
+
+} // namespace kesa::registry
+
+#endif

@@ -1,0 +1,47 @@
+#ifndef KESA_REGISTRY_STORE_RECORD_H
+#define KESA_REGISTRY_STORE_RECORD_H
+
+#include <kesa/optional.h>
+#include <kesa/serviceregistry/Query.h>
+#include <kesa/serviceregistry/RegistryUpdate.h>
+#include <kesa/serviceregistry/ServiceDef.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace kesa::registry {
+
+using serviceregistry::Query;
+using serviceregistry::RegistryUpdate;
+using serviceregistry::ServiceDef;
+using UpdateType = RegistryUpdate::UpdateTypeEnum;
+
+/// A service as the registry knows it. Shared by everybody who is told of it, and not changed once it is in the store.
+struct Record {
+    ServiceDef serviceDef;
+    std::size_t bytes = 0; ///< on the wire, in the longer of its forms
+
+    const std::string& path() const noexcept { return serviceDef.path.toString(); }
+};
+using RecordPtr = std::shared_ptr<const Record>;
+
+/// The realm a watcher's `ipc` locators lead into. Null: it is shown everything.
+using Realm = std::shared_ptr<const std::string>;
+
+/// Whether the watcher can reach the service: not when all its locators are `ipc` ones of other realms. A runtime ends
+/// a whole query on the first match it cannot reach.
+bool isVisible(const ServiceDef& serviceDef, const Realm& realm);
+
+/// The size in the longer of the JSON and qelbin forms. True when it cannot be written, with the reason in
+/// `obr::ErrorStorage`.
+[[nodiscard]] bool measure(const ServiceDef& serviceDef, std::size_t& bytes);
+[[nodiscard]] bool measure(const Query& query, std::size_t& bytes);
+
+/// Shares the record.
+RegistryUpdate makeUpdate(UpdateType type, const RecordPtr& record);
+
+} // namespace kesa::registry
+
+#endif

@@ -1,0 +1,268 @@
+#include "store/Store.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace kesa::registry {
+
+namespace {
+
+/// What an update takes in a list besides its record: `{"updateType":"REMOVED","element":},`
+constexpr std::size_t UPDATE_BYTES = 40;
+/// What looking at a record counts like.
+constexpr std::size_t LOOK_BYTES = 32;
+
+} // namespace
+
+// ---- registrations ------------------------------------------------------------------------------------------------
+
+void Store::registerService(StreamId stream, Claim claim)
+{
+    Registration& registration = m_registrations[stream];
+    registration = {claim.instance, claim.isPatient, State::eCLAIMS, claim.record};
+    const auto held = m_records.find(registration.record->path());
+    if (held == m_records.end()) {
+        accept(stream, registration);
+    } else if (m_registrations.at(held->second.holder).instance == registration.instance) {
+        takeOver(stream, registration, claim, held);
+    } else {
+        contest(stream, registration);
+    }
+}
+
+void Store::accept(StreamId stream, Registration& registration)
+{
+    registration.state = State::eHOLDS;
+    const RecordPtr record = registration.record;
+    m_records.emplace(record->path(), Entry{record, stream});
+    say(Output::Kind::eREGISTERED, stream, record);
+    announce(UpdateType::ADDED, record);
+}
+
+void Store::takeOver(StreamId stream, Registration& registration, const Claim& claim, Records::iterator held)
+{
+    const RecordPtr old = held->second.record;
+    supersede(held->second.holder);
+    if (!claim.keepsId) {
+        claim.record->serviceDef.id = old->serviceDef.id;
+    }
+    const bool isEqual = claim.record->serviceDef == old->serviceDef;
+    registration.state = State::eHOLDS;
+    registration.record = isEqual ? old : claim.record;
+    m_records.erase(held);
+    m_records.emplace(registration.record->path(), Entry{registration.record, stream});
+    say(Output::Kind::eREGISTERED, stream, registration.record);
+    if (!isEqual) {
+        announce(UpdateType::REMOVED, old);
+        announce(UpdateType::ADDED, registration.record);
+    }
+    judgeAnew(old->path());
+}
+
+void Store::supersede(StreamId stream)
+{
+    Registration& registration = m_registrations.at(stream);
+    registration.state = State::eSUPERSEDED;
+    registration.record.reset();
+}
+
+void Store::contest(StreamId stream, const Registration& registration)
+{
+    const std::string& path = registration.record->path();
+    Contest& contest = m_contests[path];
+    // An earlier claim of the same process is superseded.
+    const auto earlier = std::find_if(contest.claims.begin(), contest.claims.end(), [&](StreamId each) {
+        return m_registrations.at(each).instance == registration.instance;
+    });
+    if (earlier != contest.claims.end()) {
+        supersede(*earlier);
+        contest.proof = *earlier == contest.judged ? 0 : contest.proof;
+        contest.claims.erase(earlier);
+    }
+    contest.claims.push_back(stream);
+    if (contest.proof == 0) {
+        judgeNext(path, contest);
+    }
+}
+
+void Store::end(StreamId stream)
+{
+    const auto found = m_registrations.find(stream);
+    if (found == m_registrations.end()) {
+        m_watchers.erase(stream);
+        return;
+    }
+    const Registration registration = std::move(found->second);
+    m_registrations.erase(found);
+    switch (registration.state) {
+    case State::eHOLDS:
+        release(registration.record->path());
+        break;
+    case State::eCLAIMS:
+    case State::eWAITS:
+        withdrawClaim(registration.record->path(), stream);
+        break;
+    case State::eSUPERSEDED:
+        break;
+    }
+}
+
+void Store::withdrawClaim(const std::string& path, StreamId stream)
+{
+    const auto found = m_contests.find(path);
+    Contest& contest = found->second;
+    std::erase(contest.claims, stream);
+    if (contest.claims.empty()) {
+        m_contests.erase(found);
+    } else if (contest.judged == stream) {
+        judgeNext(path, contest);
+    }
+}
+
+/// The path is free again: the first who claims it gets it.
+void Store::release(const std::string& path)
+{
+    const auto held = m_records.find(path);
+    const RecordPtr record = held->second.record;
+    m_records.erase(held);
+    announce(UpdateType::REMOVED, record);
+    const auto contest = m_contests.find(path);
+    if (contest == m_contests.end()) {
+        return;
+    }
+    const StreamId first = contest->second.claims.front();
+    contest->second.claims.pop_front();
+    accept(first, m_registrations.at(first));
+    judgeAnew(path);
+}
+
+/// The path has another holder.
+void Store::judgeAnew(const std::string& path)
+{
+    const auto found = m_contests.find(path);
+    if (found == m_contests.end()) {
+        return;
+    }
+    if (found->second.claims.empty()) {
+        m_contests.erase(found);
+        return;
+    }
+    for (const StreamId each : found->second.claims) {
+        m_registrations.at(each).state = State::eCLAIMS;
+    }
+    judgeNext(path, found->second);
+}
+
+void Store::judgeNext(const std::string& path, Contest& contest)
+{
+    const auto next = std::find_if(contest.claims.begin(), contest.claims.end(),
+                                   [this](StreamId each) { return m_registrations.at(each).state == State::eCLAIMS; });
+    contest.proof = 0;
+    contest.judged = 0;
+    if (next == contest.claims.end()) {
+        return;
+    }
+    contest.proof = ++m_lastProof;
+    contest.judged = *next;
+    const Entry& held = m_records.at(path);
+    say(Output::Kind::eASK_HOLDER, held.holder, held.record, contest.proof);
+}
+
+void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
+{
+    const auto found = m_contests.find(path);
+    if (found == m_contests.end() || found->second.proof != proof) {
+        return;
+    }
+    const StreamId holder = m_records.at(path).holder;
+    if (!isAlive) {
+        supersede(holder); // its request may not have ended yet
+        release(path);
+        return;
+    }
+    Contest& contest = found->second;
+    const StreamId judged = contest.judged;
+    Registration& claimant = m_registrations.at(judged);
+    if (claimant.isPatient) {
+        claimant.state = State::eWAITS;
+        say(Output::Kind::eKEEPS_WAITING, holder, claimant.record);
+        judgeNext(path, contest);
+        return;
+    }
+    say(Output::Kind::eREFUSED, judged, claimant.record);
+    m_registrations.erase(judged);
+    withdrawClaim(path, judged);
+}
+
+// ---- watchers -----------------------------------------------------------------------------------------------------
+
+void Store::trackService(StreamId stream, const std::string& path, const Realm& realm)
+{
+    m_watchers.addTracker(stream, path, realm);
+    const auto held = m_records.find(path);
+    if (held != m_records.end() && isVisible(held->second.record->serviceDef, realm)) {
+        m_outputs.push_back({Output::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0});
+    }
+}
+
+void Store::queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm)
+{
+    m_watchers.addQuery(stream, query, patterns, realm);
+}
+
+bool Store::list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& records, std::size_t& bytes)
+{
+    QueryWatch* const watch = m_watchers.findQuery(query);
+    if (watch == nullptr) {
+        return false;
+    }
+    bytes = 0;
+    const bool hasBegun = !watch->listedUpTo.empty();
+    auto at = hasBegun ? m_records.upper_bound(watch->listedUpTo) : m_records.lower_bound(watch->pathPrefix);
+    std::string_view last;
+    for (; at != m_records.end() && watch->covers(at->first); ++at) {
+        const RecordPtr& record = at->second.record;
+        const bool isMatch = watch->patterns.match(record->path()) && watch->wants(*record);
+        const std::size_t cost = isMatch ? record->bytes + UPDATE_BYTES : LOOK_BYTES;
+        if (bytes + cost >= maxBytes) {
+            watch->listedUpTo = last.empty() ? watch->listedUpTo : std::string(last);
+            return true;
+        }
+        bytes += cost;
+        last = at->first;
+        if (isMatch) {
+            records.push_back(record);
+        }
+    }
+    watch->isListing = false;
+    return false;
+}
+
+// ---- outputs ------------------------------------------------------------------------------------------------------
+
+void Store::announce(UpdateType type, const RecordPtr& record)
+{
+    m_concerned.clear();
+    m_watchers.concerned(*record, m_concerned);
+    for (const StreamId stream : m_concerned) {
+        m_outputs.push_back({Output::Kind::eUPDATE, stream, type, record, 0});
+    }
+}
+
+void Store::say(Output::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof)
+{
+    m_outputs.push_back({kind, stream, UpdateType::ADDED, std::move(record), proof});
+}
+
+bool Store::next(Output& output)
+{
+    if (m_taken == m_outputs.size()) {
+        m_outputs.clear();
+        m_taken = 0;
+        return false;
+    }
+    output = std::move(m_outputs[m_taken++]);
+    return true;
+}
+
+} // namespace kesa::registry

@@ -1,0 +1,116 @@
+#ifndef KESA_REGISTRY_STORE_STORE_H
+#define KESA_REGISTRY_STORE_STORE_H
+
+#include "store/Record.h"
+#include "store/Watchers.h"
+
+#include <obr/UUID.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+namespace kesa::registry {
+
+/// What a command brought about, for one stream.
+struct Output {
+    enum class Kind {
+        eUPDATE,       ///< to a tracking or a query
+        eREGISTERED,   ///< the answer to a registration: the record
+        eREFUSED,      ///< the end of a registration: another living process has the path
+        eASK_HOLDER,   ///< `stream` holds the path of `record`: does it live? `proved` with the number `proof`
+        eKEEPS_WAITING ///< a patient claim on the path of `record` learned that the holder `stream` lives
+    };
+    Kind kind = Kind::eUPDATE;
+    StreamId stream = 0;
+    UpdateType type = UpdateType::ADDED;
+    RecordPtr record;
+    std::uint64_t proof = 0;
+};
+
+/// A wish to register.
+struct Claim {
+    obr::UUID instance; ///< the process that makes it; nil: this one
+    std::shared_ptr<Record> record;
+    bool keepsId = true;    ///< its `id` was given, not made for it
+    bool isPatient = false; ///< waits for a path that a living process holds, instead of being refused
+};
+
+/// The state of the registry: records, who holds them, who claims them, who watches. No I/O, no threads, no clock:
+/// commands go in, what they bring about comes out of `next`, in the order in which it has to be written.
+///
+/// Every path is held by one registration at most. A claim of the holder's own process takes the path over; the
+/// registration that had it is superseded: nothing is said to it any more, and its end changes nothing. Claims of
+/// others wait in order while the holder is asked to prove that it lives, one claim at a time, each by a question of
+/// its own.
+class Store {
+public:
+    void registerService(StreamId stream, Claim claim);
+    void trackService(StreamId stream, const std::string& path, const Realm& realm);
+    /// The first answer is fetched with `list`.
+    void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm);
+    /// Ends a request of any kind. One it does not know is ignored.
+    void end(StreamId stream);
+    /// The answer to `eASK_HOLDER`. One whose question has lost its meaning is ignored.
+    void proved(const std::string& path, std::uint64_t proof, bool isAlive);
+
+    /// The next part of a query's first answer: records of together less than `maxBytes`, which one record with its
+    /// update always is. What is only looked at counts a little, so that a call stays short. `bytes`: how much it was.
+    /// False when the first answer is complete with it.
+    [[nodiscard]] bool list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& records, std::size_t& bytes);
+
+    /// Takes the next output. False when there is none.
+    bool next(Output& output);
+
+    std::size_t size() const noexcept { return m_records.size(); }
+
+private:
+    struct Entry {
+        RecordPtr record;
+        StreamId holder = 0;
+    };
+    enum class State { eHOLDS, eCLAIMS, eWAITS, eSUPERSEDED };
+    struct Registration {
+        obr::UUID instance;
+        bool isPatient = false;
+        State state = State::eCLAIMS;
+        RecordPtr record; ///< null when superseded
+    };
+    /// Claims on a path that is held.
+    struct Contest {
+        std::deque<StreamId> claims; ///< in order
+        StreamId judged = 0;         ///< the claim for which the holder is asked
+        std::uint64_t proof = 0;     ///< the question's number; 0: none
+    };
+    using Records = std::map<std::string_view, Entry>; // the keys lie in the records
+
+    void accept(StreamId stream, Registration& registration);
+    void takeOver(StreamId stream, Registration& registration, const Claim& claim, Records::iterator held);
+    void contest(StreamId stream, const Registration& registration);
+    void supersede(StreamId stream);
+    void withdrawClaim(const std::string& path, StreamId stream);
+    void release(const std::string& path);
+    void judgeAnew(const std::string& path);
+    void judgeNext(const std::string& path, Contest& contest);
+    void announce(UpdateType type, const RecordPtr& record);
+    void say(Output::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof = 0);
+
+    Records m_records;
+    std::unordered_map<StreamId, Registration> m_registrations;
+    std::unordered_map<std::string, Contest> m_contests;
+    Watchers m_watchers;
+    std::uint64_t m_lastProof = 0;
+
+    std::vector<Output> m_outputs; ///< from `m_taken` on
+    std::size_t m_taken = 0;
+    std::vector<StreamId> m_concerned; ///< only inside `announce`
+};
+
+} // namespace kesa::registry
+
+#endif

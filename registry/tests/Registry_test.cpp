@@ -1,0 +1,262 @@
+// What clients of the registry are told, in which order, by one registry and processes whose signs of life and queues
+// are in the test's hand.
+#include "tests/support.h"
+
+#include "service/limits.h"
+
+#include <kesa/IKesaApi.h>
+
+#include <gmock/gmock.h>
+
+namespace kesa::registry::test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+TEST_F(RegistryFixture, AnswersAndTellsInOneOrder)
+{
+    Process provider("provider"), watcher("watcher");
+    query(watcher, "all", Query("**"));
+    track(watcher, "one", "/a");
+    query(watcher, "below", Query("/a/**"));
+    EXPECT_THAT(happened(), ElementsAre("all: []", "below: []"));
+
+    optional<obr::UUID> id;
+    void* const first =
+        registerService(provider, "r1", service("/a"), [&](const ServiceDef& recorded) { id = recorded.id; });
+    EXPECT_THAT(happened(), ElementsAre("r1: registered /a", "one: +/a", "all: [+/a]", "below: [+/a]"));
+    EXPECT_TRUE(id && !id->isNil());
+    track(watcher, "late", "/a");
+    query(watcher, "lists", Query("/*"));
+    EXPECT_THAT(happened(), ElementsAre("late: +/a", "lists: [+/a]", "lists: []"));
+    EXPECT_EQ(watcher.policies, 5);
+
+    // The same process, the same record: nobody hears of it, and the id stays.
+    void* const second =
+        registerService(provider, "r2", service("/a"), [&](const ServiceDef& recorded) { EXPECT_EQ(recorded.id, id); });
+    EXPECT_THAT(happened(), ElementsAre("r2: registered /a"));
+    // The end of what was taken over changes nothing, whenever it comes.
+    m_registry->cancelRequest(first);
+    EXPECT_THAT(happened(), ElementsAre("r1: gone"));
+
+    // A changed record: gone for everybody before it is there again for anybody.
+    void* const third = registerService(provider, "r3", service("/a", "ipc://p/other"));
+    EXPECT_THAT(happened(),
+                ElementsAre("r3: registered /a", "one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]",
+                            "one: +/a", "late: +/a", "all: [+/a]", "below: [+/a]", "lists: [+/a]"));
+    m_registry->cancelRequest(second);
+    EXPECT_THAT(happened(), ElementsAre("r2: gone"));
+    m_registry->cancelRequest(third);
+    EXPECT_THAT(happened(),
+                ElementsAre("one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]", "r3: gone"));
+    for (void* const handle : {third, static_cast<void*>(nullptr), reinterpret_cast<void*>(99)}) {
+        m_registry->cancelRequest(handle);
+    }
+    EXPECT_THAT(happened(), IsEmpty());
+}
+
+TEST_F(RegistryFixture, RefusesOnlyWhenTheHolderHasProvedThatItLives)
+{
+    Process holder("holder"), other("other"), third("third"), watcher("watcher");
+    void* const held = registerService(holder, "held", service("/a"));
+    registerService(holder, "more", service("/b"));
+    registerService(other, "c1", service("/a", "ipc://other/a"));
+    registerService(third, "c2", service("/a", "ipc://third/a"));
+    track(watcher, "one", "/a");
+    EXPECT_THAT(happened(), ElementsAre("held: registered /a", "more: registered /b", "one: +/a"));
+    // Each claim by a question of its own, one after the other.
+    ASSERT_EQ(holder.peer->questions.size(), 1U);
+    holder.peer->answer(true);
+    EXPECT_THAT(happened(), ElementsAre("c1: 409: service already registered", "c1: gone"));
+    ASSERT_EQ(holder.peer->questions.size(), 1U);
+
+    // The holder goes while it is asked: the claim is accepted, and the late answer means nothing.
+    m_registry->cancelRequest(held);
+    EXPECT_THAT(happened(), ElementsAre("one: -/a", "c2: registered /a", "one: +/a", "held: gone"));
+    holder.peer->answer(true);
+    EXPECT_THAT(happened(), IsEmpty());
+
+    // A holder that shows no sign of life loses all it holds, before its requests have ended, too.
+    query(watcher, "all", Query("/b"));
+    registerService(other, "c3", service("/b", "ipc://other/b"));
+    happened();
+    holder.peer->answer(false);
+    EXPECT_THAT(happened(), ElementsAre("all: [-/b]", "c3: registered /b", "all: [+/b]"));
+}
+
+TEST_F(RegistryFixture, ClaimsOfOneProcessSupersedeEachOther)
+{
+    Process holder("holder"), other("other"), third("third");
+    void* held = registerService(holder, "held", service("/a"));
+    void* const earlier = registerService(other, "c1", service("/a"));
+    registerService(third, "c2", service("/a"));
+    registerService(other, "c3", service("/a"));
+    // The holder has connected again: it is asked over the new connection.
+    auto before = holder.peer;
+    holder.reconnect();
+    void* const again = registerService(holder, "again", service("/a"));
+    m_registry->cancelRequest(held);
+    while (!before->questions.empty()) {
+        before->answer(false);
+    }
+    EXPECT_THAT(happened(), ElementsAre("held: registered /a", "again: registered /a", "held: gone"));
+    m_registry->cancelRequest(again);
+    EXPECT_THAT(happened(), ElementsAre("c2: registered /a", "again: gone"));
+    m_registry->cancelRequest(earlier);
+    third.peer->answer(true);
+    EXPECT_THAT(happened(), ElementsAre("c1: gone", "c3: 409: service already registered", "c3: gone"));
+}
+
+TEST_F(RegistryFixture, ThisProcessNeedsNoProof)
+{
+    std::unique_ptr<IResponseHandler<ServiceDef>> handler =
+        std::make_unique<NotingHandler<ServiceDef>>(m_lines, "own", nullptr);
+    m_registry->registerService(std::move(handler), Path("/a"), service("/a"));
+    Process other("other");
+    other.context.instance = obr::UUID(); // no peer is this process, whatever it says
+    registerService(other, "c", service("/a"));
+    EXPECT_THAT(happened(), ElementsAre("own: registered /a", "c: 409: service already registered", "c: gone"));
+}
+
+TEST_F(RegistryFixture, FirstAnswersWaitForTheirPeer)
+{
+    Process provider("provider"), slow("slow");
+    constexpr int COUNT = 1000;
+    std::vector<void*> handles;
+    const auto path = [](int number) { return "/s/" + std::to_string(10000 + number); };
+    for (int number = 0; number < COUNT; ++number) {
+        handles.push_back(registerService(provider, "r", service(path(number))));
+    }
+    std::map<std::string, int> believed;
+    std::size_t lists = 0;
+    bool isComplete = false;
+    const auto note = [&](const std::vector<RegistryUpdate>& list) {
+        ++lists;
+        isComplete = isComplete || list.empty();
+        for (const RegistryUpdate& update : list) {
+            int& count = believed[update.element->path.toString()];
+            count += update.updateType == UpdateType::ADDED ? 1 : -1;
+            EXPECT_TRUE(count == 0 || count == 1) << textOf(update);
+        }
+    };
+    query(slow, "q", Query("/s/**"), note);
+    query(slow, "second", Query("/s/**"));
+    const std::size_t atOnce = lists;
+    EXPECT_LE(atOnce, 2U);
+    happened();
+    // What has been listed is told of at once, what has not is told as it is when its turn comes.
+    m_registry->cancelRequest(handles[0]);
+    m_registry->cancelRequest(handles[COUNT - 1]);
+    registerService(provider, "r", service("/s/0"));
+    registerService(provider, "r", service("/s/99999"));
+    EXPECT_THAT(happened(), ElementsAre("q: [-/s/10000]", "r: gone", "r: gone", "r: registered /s/0", "q: [+/s/0]",
+                                        "r: registered /s/99999"));
+    EXPECT_FALSE(isComplete);
+    while (!isComplete && slow.peer->drain()) {
+    }
+    EXPECT_TRUE(isComplete);
+    EXPECT_GT(lists, atOnce + 3);
+    std::erase_if(believed, [](const auto& each) { return each.second == 0; });
+    EXPECT_EQ(believed.size(), static_cast<std::size_t>(COUNT));
+    EXPECT_FALSE(believed.contains(path(0)) || believed.contains(path(COUNT - 1)));
+    // The other query goes on, and its peer may find the registry gone.
+    EXPECT_FALSE(slow.peer->tasks.empty());
+    m_registry.reset();
+    slow.peer->drain();
+}
+
+TEST_F(RegistryFixture, ListsStayBelowTheirSize)
+{
+    Process provider("provider"), watcher("watcher");
+    for (int number = 0; number < 5; ++number) {
+        ServiceDef large = service("/s/" + std::to_string(number));
+        large.hostDomain = std::string(32000, 'x');
+        registerService(provider, "r", large);
+    }
+    happened();
+    query(watcher, "q", Query("**"));
+    while (watcher.peer->drain()) {
+    }
+    EXPECT_THAT(happened(), ElementsAre("q: [+/s/0]", "q: [+/s/1]", "q: [+/s/2]", "q: [+/s/3]", "q: [+/s/4]", "q: []"));
+}
+
+TEST_F(RegistryFixture, HidesWhatAWatcherCannotReach)
+{
+    Process provider("provider"), here("here", "here"), there("there", "there");
+    query(here, "here", Query("**"));
+    query(there, "there", Query("**"));
+    happened();
+    registerService(provider, "r", service("/a", "ipc://p+here/a"));
+    track(there, "track", "/a");
+    EXPECT_THAT(happened(), ElementsAre("r: registered /a", "here: [+/a]"));
+    ServiceDef both = service("/b", "ipc://p+here/b");
+    both.locators.emplace_back("tls://host:1/b");
+    registerService(provider, "r", both);
+    EXPECT_THAT(happened(), ElementsAre("r: registered /b", "here: [+/b]", "there: [+/b]"));
+    query(there, "late", Query("/*"));
+    EXPECT_THAT(happened(), ElementsAre("late: [+/b]", "late: []"));
+}
+
+TEST_F(RegistryFixture, RefusesWhatIsWrongAndSaysWhy)
+{
+    Process process("process");
+    ServiceDef large = service("/a");
+    large.hostDomain = std::string(MAX_RECORD_BYTES, 'x');
+    Query deep("**");
+    deep.metadata = GenericObject{{"key", std::string(MAX_QUERY_BYTES, 'x')}};
+    for (void* const handle : {registerService(process, "large", large), query(process, "deep", deep),
+                               registerService(process, "bent", service("/a/../b")), track(process, "bent", "a"),
+                               query(process, "glob", Query("/a/[b"))}) {
+        EXPECT_EQ(handle, IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    }
+    const Lines lines = happened();
+    ASSERT_EQ(lines.size(), 10U); // each with its "gone"
+    for (const std::size_t index : {0U, 2U}) {
+        EXPECT_THAT(lines[index], testing::AllOf(HasSubstr(": 400: the "), HasSubstr("the limit is 32768")));
+    }
+    EXPECT_THAT(lines[4], HasSubstr("400: '/a/../b' is no canonical"));
+    EXPECT_THAT(lines[6], HasSubstr("400: 'a' is no canonical"));
+    EXPECT_THAT(lines[8], HasSubstr("position 4"));
+
+    std::unique_ptr<IResponseHandler<ServiceDef>> handler =
+        std::make_unique<NotingHandler<ServiceDef>>(m_lines, "other", nullptr);
+    m_registry->registerService(std::move(handler), Path("/b"), service("/a"));
+    EXPECT_THAT(happened(), ElementsAre("other: 400: path of the record differs from the request path"));
+}
+
+TEST_F(RegistryFixture, LimitsQueriesOfAConnection)
+{
+    Process process("process"), other("other");
+    for (std::size_t count = 0; count < MAX_QUERIES; ++count) {
+        query(process, "q", Query("/q"));
+    }
+    while (process.peer->drain()) {
+    }
+    happened();
+    EXPECT_EQ(query(process, "over", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    query(other, "other", Query("/q"));
+    EXPECT_THAT(happened(),
+                ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: gone", "other: []"));
+}
+
+TEST_F(RegistryFixture, HandlersMayCallBackAndDieWithNoLockHeld)
+{
+    Process provider("provider"), watcher("watcher");
+    void* own = nullptr;
+    own = query(watcher, "q", Query("**"), [&](const std::vector<RegistryUpdate>& list) {
+        if (!list.empty()) {
+            m_registry->cancelRequest(own);
+            registerService(provider, "inner", service("/b"));
+        }
+    });
+    track(watcher, "t", "/b");
+    happened();
+    registerService(provider, "outer", service("/a"));
+    EXPECT_THAT(happened(),
+                ElementsAre("outer: registered /a", "q: [+/a]", "inner: registered /b", "t: +/b", "q: gone"));
+}
+
+} // namespace
+} // namespace kesa::registry::test
