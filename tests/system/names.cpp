@@ -1,11 +1,10 @@
-// Who has which name, and what becomes of files and directories that are in the way or go away.
+// Who may have a name, and who may not.
 
 #include "SystemTest.h"
 
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 
 namespace kesa::system_test {
 namespace {
@@ -45,25 +44,6 @@ TEST_F(SystemNames, ASecondProcessOfANameProvidesNothingUntilTheFirstHasEnded)
     second.expect("connected " + PLAYER);
 }
 
-TEST_F(SystemNames, WhatIsLeftOverIsReplacedOrExplained)
-{
-    Process& watcher = start("watcher");
-    watcher.send("resolve " + PLAYER);
-    startProvider("media", "/player").kill();
-    EXPECT_TRUE(isInRunDirectory("media.sock") && isInRunDirectory("media.lock"));
-    watcher.expectTrace("nobody listens on the socket of \"media\"");
-    fs::remove(runDirectory() + "/media.sock");
-    std::ofstream(runDirectory() + "/media.sock") << "no socket";
-    startProvider("media", "/player");
-    watcher.expect("connected " + PLAYER);
-
-    fs::create_directory(runDirectory() + "/taken.lock");
-    Process& taken = start("taken");
-    taken.send("provide /a");
-    taken.expect("refused /a 409");
-    taken.expectTrace("cannot open \"taken.lock\" in the run directory");
-}
-
 TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
 {
     if (::geteuid() == 0 && !canNobodyRun(KESA_SYSTEM_ACTOR)) {
@@ -79,22 +59,6 @@ TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
     reader.send("resolve " + PLAYER);
     reader.expect("connected " + PLAYER);
     fs::permissions(runDirectory(), fs::perms(0755));
-}
-
-TEST_F(SystemNames, OddNamesAreReachedByTheLocatorThatWasProvided)
-{
-    const std::string longest(64, 'n');
-    for (const std::string& name :
-         {std::string("../up"), std::string("50%+r@h:1?#"), std::string("M\xc3\xbcller\n"), longest}) {
-        Process& provider = start(name);
-        provider.send("provide /player");
-        const std::string locator = provider.expect("provided /player");
-        startClient("client", locator);
-    }
-    Process& tooLong = start(longest + "n");
-    tooLong.send("provide /player");
-    tooLong.expect("refused /player 409");
-    tooLong.expectTrace("cannot be the name of this process");
 }
 
 } // namespace

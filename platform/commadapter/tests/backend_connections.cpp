@@ -11,7 +11,10 @@ namespace kesa::commadapter::test {
 namespace {
 
 using testing::Contains;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
 
 class BackendConnections : public SimulatedBackends {
 protected:

@@ -159,19 +159,14 @@ TEST(ProtocolBounds, brokenHeads)
     const std::vector<std::pair<Bytes, std::string>> heads = {
         {{0x80}, "it is not a map"},
         {{0xBF}, "it ends inside a value"},
-        {{0xBF, 0}, "it ends inside a value"},
         {{0xA1, 0, 0, 0}, "bytes follow the map"},
-        {{0xA2, 0, 0}, "it ends inside a value"},
         {{0xBF, 0, 4, 0xFF}, "a word has an unknown number"},
-        {{0xBF, 2, 0, 0xFF}, "a word has an unknown number"},
         {{0xBF, 0, 0, 0, 1, 0xFF}, "a member stands twice"},
         {{0xBF, 1, 0x41, 'a', 0xFF}, "a value is not text"},
         {{0xBF, 1, 0x61, 0xFF, 0xFF}, "text is not UTF-8"},
         {{0xBF, 1, 0x7B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "it ends inside a value"},
         {{0xBF, 1, 0x7F, 0x61, 'a', 0xFF, 0xFF}, "indefinite length of a wrong item"},
-        {{0xBF, 6, 1, 0xFF}, "a value is not text"},
         {{0xBF, 0x20, 1, 0xFF}, "a key is neither a number nor text"},
-        {{0xBF, 0x61, 'k', 0xFF}, "indefinite length of a wrong item"},
         {{0xBF, 0x61, 'k', 0xA1, 1, 1, 0xFF}, "key of an inner map is not text"},
         {{0xBF, 0x61, 'k', 0x9B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
          "indefinite length of a wrong item"},
@@ -179,13 +174,13 @@ TEST(ProtocolBounds, brokenHeads)
         {{0xBF, 0x61, 'k', 0xF7, 0xFF}, "unknown simple value"},
         {{0xBF, 0x61, 'k', 0x1C, 0xFF}, "reserved item"},
         {joined({{0xBF, 0x61, 'k'}, deep, {0xFF}}), "nested too deeply"},
-        {{0xBF, 3, 1, 0xFF}, ""}, // see below
     };
     for (const auto& [head, why] : heads) {
-        const std::string expected =
-            why.empty() ? "request of one frame declares a body size" : "broken head of request: " + why;
-        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})), expected);
+        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})),
+                  "broken head of request: " + why);
     }
+    EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {0xBF, 3, 1, 0xFF})})),
+              "request of one frame declares a body size");
     // Of a later version, tagged, or of a form this side has no value for: read over.
     const Bytes odd = {0xBF, 14, 0x9F, 1, 0xFF, 0x18, 99, 0xF6, 0xC1, 1, 0xC1, 0x61, 'p', 0x61, 'b', 0x41, 0, 0xFF};
     Pair pair;

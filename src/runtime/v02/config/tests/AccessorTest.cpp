@@ -4,7 +4,6 @@
 #include <kesa/runtime/mimetype.h>
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/getPexVersion.h>
-#include <kesa/toGeneric.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <util/config/InterfaceInformationProvider.h>
 
@@ -36,7 +35,6 @@ TEST(KesaConfigAccessorTest, FallsBackToTheStar)
     EXPECT_EQ(config.getRegistryLocatorsByPartition("home", true), Urls{url("ipc://h")});
     EXPECT_EQ(config.getRegistryLocatorsByPartition("other", false), Urls{url("ipc://r")});
     EXPECT_EQ(config.getRegistryLocatorsByPartition("other", true), nullopt);
-    EXPECT_EQ(KesaConfigAccessor().getRegistryLocatorsByPartition("other", false), nullopt);
     EXPECT_EQ(config.getSerializers("/a"), Strings{"application/vnd.qelbin"});
     EXPECT_EQ(config.getSerializers("/a/"), Strings{"application/json"});
     std::string node = "n";
@@ -56,7 +54,6 @@ TEST(KesaConfigAccessorTest, BypassesForTheListedPathsOfThisProcess)
     EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/a/"));
     EXPECT_EQ(traces.lines(), (Strings{"2 use bypass for service='/b'", "2 no bypass for service='/a/' configured"}));
     EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/c"));
-    EXPECT_FALSE(KesaConfigAccessor(KesaConfig("r", text)).useBypass("/a"));
 }
 
 TEST(MimeType, IsTheFirstKnownFormat)
@@ -76,7 +73,6 @@ TEST(MimeType, IsTheFirstKnownFormat)
     EXPECT_EQ(getMimeType(Value(qelbin)), qelbin);
     EXPECT_EQ(getMimeType(Value("application/vnd.msgpack")), json);
     EXPECT_EQ(getMimeType(Value(Value::Array{Value(1), Value("x"), Value(qelbin)})), qelbin);
-    EXPECT_EQ(getMimeType(toGeneric({"x"})), json);
     EXPECT_EQ(getMimeType(Value(7)), json);
     EXPECT_EQ(getMimeType(Value::getUndefined()), json);
 }
@@ -96,10 +92,9 @@ TEST(Document, IsFoundByTheEnvironment)
     EXPECT_EQ(KesaConfig("p").m_backends, (Strings{"comm", "local"}));
 
     // Versions are declared beside it.
-    write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"], "empty": []}})");
+    write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"]}})");
     util::config::InterfaceInformationProvider::instance().forgetForTest();
     EXPECT_EQ(getPexVersion("/media/player"), (Strings{"1.0.0", "1.1.0"}));
-    EXPECT_EQ(getPexVersion("/empty"), Strings{});
     EXPECT_EQ(getPexVersion("//media/player"), nullopt);
     util::config::InterfaceInformationProvider::instance().forgetForTest();
 

@@ -1,5 +1,5 @@
-// Client objects for locators, paths and queries: what the event log says, and the errors of a backend. That clients
-// always believe the truth, whatever overtakes what, is for the simulation.
+// Client objects for locators, paths and queries: what the event log says, the errors of a backend, and answers that
+// are too late. Whatever else overtakes what, that clients believe the truth, is for the simulation.
 #include "RuntimeFixture.h"
 
 namespace kesa::runtime::v02::test {
@@ -53,6 +53,39 @@ TEST_F(ResolvingTest, aServiceThatGoesIsReleasedAsRemoved)
     registration.dispose();
     EXPECT_THAT(toClients(), ElementsAre("r: gone", "f: absent"));
     EXPECT_THAT(m_network->calls(), ElementsAre("unprovide fake://me/a", "release fake://me/a removed"));
+}
+
+// An answer goes through the executor twice, a removal through the updater: each may overtake the other. The simulation
+// has no removal of a living service, so it does not find this.
+TEST_F(ResolvingTest, anAnswerThatComesAfterTheRemovalIsDropped)
+{
+    m_runtime = startRuntime();
+    auto following = follow("/a", "f");
+    auto all = followAll("**", "q");
+    for (int round = 0; round < 300; ++round) {
+        m_network->isAutomatic = false;
+        auto registration = registerService("/a", "r");
+        run();
+        m_journal->take();
+        registration.dispose();
+        for (std::uint64_t steps = m_scheduler.draw(6); steps > 0; --steps) {
+            m_scheduler.step();
+        }
+        m_network->connected("fake://me/a");
+        const Lines lines = toClients();
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), "f: present /a"),
+                  std::count(lines.begin(), lines.end(), "f: absent"));
+        EXPECT_EQ(std::count(lines.begin(), lines.end(), "q: present /a"),
+                  std::count(lines.begin(), lines.end(), "q: absent /a"));
+        m_network->isAutomatic = true;
+        auto again = registerService("/a", "r");
+        EXPECT_THAT(toClients(), ElementsAre("r: /a fake://me/a", "f: present /a", "q: present /a"));
+        again.dispose();
+        run();
+    }
+    const Lines traces = m_traces->take();
+    EXPECT_THAT(traces, Contains(HasSubstr("[trackAndResolveService onNext of resolve] proxy is gone")));
+    EXPECT_THAT(traces, Contains(HasSubstr("[trackAndResolveServices onNext of resolve] proxy is gone")));
 }
 
 TEST_F(ResolvingTest, aFollowedServiceThatCannotBeReachedEndsTheSubscription)
