@@ -73,7 +73,7 @@ public:
         bool isConnected = false;
     };
     std::mutex mutex;
-    std::set<std::string> provided;
+    std::map<std::string, IKesaApi*> provided;
     std::map<const IKesaApi*, Client> clients; ///< not yet released
     std::vector<std::string> log;
     std::atomic<int> livingClientObjects{0};
@@ -144,11 +144,11 @@ public:
         locator = chosen;
         return false;
     }
-    bool provideOnLocator(const url& locator, IKesaApi*) override
+    bool provideOnLocator(const url& locator, IKesaApi* service) override
     {
         const auto lock = note("provide " + locator.toString());
         return m_network->refusedPaths.count(locator.toString()) != 0 ||
-               !m_network->provided.insert(locator.toString()).second;
+               !m_network->provided.emplace(locator.toString(), service).second;
     }
     void unprovide(const url& locator) override
     {
