@@ -142,7 +142,6 @@ TEST_F(BackendThreads, CancelWaitsForTheRunningCall)
 /// Threads that ask and cancel as fast as they can, while the test pulls everything away under their hands.
 class BackendTraffic : public BackendThreads {
 protected:
-    ~BackendTraffic() override { end(); }
     void begin(const std::vector<KesaClientApi*>& apis, ClientChecker& checker)
     {
         for (int i = 0; i < 3; ++i) {
@@ -206,6 +205,7 @@ TEST_F(BackendTraffic, WithdrawReleaseAndStopInTheMiddleOfIt)
     // Requests are issued from many threads in the middle of reconnections: what they hear is checked by their own
     // checker, which knows of no connection.
     ClientChecker checker(violations, "traffic");
+    const std::shared_ptr<void> ending(nullptr, [this](void*) { end(); }); // before what they use dies
     begin({&remote.api(), &local.api()}, checker);
     for (int round = 0; round < 20; ++round) {
         services.push_back(std::make_unique<CheckedService>(violations, "service"));
