@@ -181,7 +181,7 @@ TEST_F(SystemRubbish, APeerThatTakesNoAnswersIsCutOff)
         EXPECT_TRUE(isCutOff) << "everything it sends is taken";
         expectMemoryBelow(before, 64);
     }
-    provider().expectTrace("is cut off: it does not take its answers");
+    provider().expectTrace("is cut off: it does not take what is sent to it");
     expectUndisturbed();
 }
 

@@ -18,6 +18,7 @@
 
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
+#include <obr/GlobalErrorHandler.h>
 
 #include <algorithm>
 #include <atomic>
@@ -43,9 +44,8 @@ std::uint32_t streamOf(std::uint64_t handle) noexcept
 }
 
 /// Only an explicit wish for one answer makes an answer owed: a persistent stream may be silent for ever.
-bool isSingle(const Request& request)
+bool isSingle(std::string_view semantic)
 {
-    const auto semantic = request.getHeaders()[headers::RESPONSE_SEMANTIC].stringView();
     return semantic == responsesemantics::SINGLE_RESPONSE || semantic == responsesemantics::EMPTY_RESPONSE;
 }
 
@@ -98,9 +98,8 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
 
 void* ClientConnection::send(Lock& lock, ClientState& client, const Request& request, Handler&& handler)
 {
-    // Many requests at once are the caller's own; only a peer that takes nothing makes them pile up.
-    const std::size_t size = request.getPayload().size();
-    if ((isOverBound(size) && isStuck(comm::now())) || isProcessOverBound(size)) {
+    const auto semantic = request.getHeaders()[headers::RESPONSE_SEMANTIC].stringView();
+    if (isRefused(request.getPayload().size(), semantic == responsesemantics::PERSISTENT_STREAM)) {
         return fail(lock, client, std::move(handler), 503, TOO_SLOW);
     }
     const std::uint32_t number = m_streams.takeAny();
@@ -118,7 +117,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.client = &client;
     stream.handle = nextHandle(number);
     stream.isOpen = true;
-    stream.isSingle = isSingle(request);
+    stream.isSingle = isSingle(semantic);
     const std::uint64_t handle = stream.handle;
     if (stream.isSingle) {
         stream.issued = comm::now();
@@ -128,6 +127,20 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     m_streams.append(client.open, number);
     pushOut();
     return reinterpret_cast<void*>(handle);
+}
+
+/// Many requests at once are the caller's own; only a peer that takes nothing makes them pile up. A persistent stream
+/// is asked for once per connection, so it is never refused on one that goes on to live.
+bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
+{
+    if (!isOverBound(size) && !isProcessOverBound(size)) {
+        return false;
+    }
+    if (isPersistent) {
+        queueBeyondBound();
+        return false;
+    }
+    return isStuck(comm::now()) || isProcessOverBound(size);
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended meanwhile, it is told here.
@@ -291,6 +304,10 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     if (stream == nullptr || !stream->isOpen) {
         return; // cancelled, and the server does not know it yet
     }
+    if (!stream->client->isAttached && stream->client->listener != nullptr) {
+        obr::GlobalErrorHandler::doAssert(false, "stream->client->isAttached", __FILE__, __LINE__, __func__,
+                                          "a value after the disconnect of its client object");
+    }
     IResponseHandler<Response>* const handler = stream->handler.get();
     m_runningHandle = stream->handle;
     lock.unlock();
@@ -420,6 +437,10 @@ void ClientConnection::retire(const std::shared_ptr<ClientState>& client, bool s
 void ClientConnection::setConnected(Lock& lock, ClientState& client)
 {
     tellFailed(lock, client);
+    if (!client.isAttached && client.open.first != 0) {
+        obr::GlobalErrorHandler::doAssert(false, "client.open.first == 0", __FILE__, __LINE__, __func__,
+                                          "a request is open across connections");
+    }
     if (client.listener != nullptr && !client.isAttached) {
         client.isAttached = true;
         tellListener(lock, client, &IClientConnectionListener::clientConnected);

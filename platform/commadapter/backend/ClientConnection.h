@@ -84,6 +84,7 @@ private:
     };
 
     // Any thread; with the lock held where one is passed.
+    bool isRefused(std::size_t size, bool isPersistent);
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
     void* fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status, const char* text);
     Handler takeFailed(std::uint64_t handle);

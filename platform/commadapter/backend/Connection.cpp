@@ -55,7 +55,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     m_stream = std::move(stream);
     m_isOpen = true;
     ++m_opened;
-    m_isBatch = m_isBlocked = m_isBroken = false;
+    m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
     m_lastProgress = now;
     m_lostReason.reset();
 }
@@ -234,6 +234,7 @@ void Connection::write()
             count = m_machine->gather(parts);
         }
         if (count == 0) {
+            m_isBeyondBound = false;
             break;
         }
         std::size_t size = 0;
@@ -323,6 +324,11 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         m_lastProgress = now;
         return true;
     }
+    if (takesNothing(now)) {
+        lock.unlock();
+        cutOff(TAKES_NOTHING);
+        return false;
+    }
     if (now >= m_machine->nextDeadline()) {
         lock.unlock();
         readBatch(); // before a peer is judged silent
@@ -345,6 +351,17 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         pushOut();
     }
     return isOwed || m_isBlocked || m_machine->nextDeadline() != comm::NEVER;
+}
+
+/// With the lock held. The stream is asked itself, in case that news of room are still on their way.
+bool Connection::takesNothing(comm::TimeNs now)
+{
+    if (m_isBeyondBound && isOverBound(0) && isStuck(now)) {
+        m_isBlocked = false;
+        write();
+        return isStuck(now);
+    }
+    return false;
 }
 
 } // namespace kesa::commadapter

@@ -43,6 +43,7 @@ protected:
     void begin();
     /// Ends the stream: at once, or after the read batch that is being handled. Then `onClosed` is called. Loop only.
     void lose(std::string reason);
+    static constexpr const char* TAKES_NOTHING = "it does not take what is sent to it";
     /// The same because of what the peer does, or does not. A server says so: a client's connector traces each new
     /// reason why it is not connected.
     void cutOff(std::string reason);
@@ -58,6 +59,10 @@ protected:
     /// in no queue at all still passes an empty one. Lock held.
     bool isOverBound(std::size_t moreBytes) const;
     bool isProcessOverBound(std::size_t moreBytes) const;
+    /// What is queued next goes beyond the bound: it must not be lost, and the peer is probably about to take it. One
+    /// that takes nothing at all for the time of a heartbeat is cut off by the loop. Lock held.
+    void queueBeyondBound() noexcept { m_isBeyondBound = true; }
+    bool isBeyondBound() const noexcept { return m_isBeyondBound; }
     /// When bytes left last.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
 
@@ -105,6 +110,7 @@ private:
 
     void finishBatch();
     void write();
+    bool takesNothing(comm::TimeNs now);
     void wantWrite();
     void writeFailed();
     void countQueued();
@@ -119,10 +125,11 @@ private:
     bool m_isOpen = false;
     std::uint64_t m_opened = 0; ///< how often
     // With the lock held.
-    bool m_isBatch = false;    ///< a read batch is being handled
-    bool m_isBlocked = false;  ///< waits for `onWritable`
-    bool m_isBroken = false;   ///< a write failed
-    bool m_isGathered = false; ///< the loop is going to flush
+    bool m_isBatch = false;       ///< a read batch is being handled
+    bool m_isBlocked = false;     ///< waits for `onWritable`
+    bool m_isBroken = false;      ///< a write failed
+    bool m_isGathered = false;    ///< the loop is going to flush
+    bool m_isBeyondBound = false; ///< since the queue was empty
     comm::TimeNs m_lastProgress = 0;
     std::size_t m_countedBytes = 0;
     // Loop only.

@@ -7,7 +7,8 @@
 // A stream's number is the client's, and free again for it once this side has said `error` or `completed`, which it
 // says for a cancelled one too.
 //
-// A client that does not keep up: see `QueuePolicy`. What has to end is ended by the loop later, never inside `onNext`.
+// A client that does not keep up: see `QueuePolicy`. What has to end is ended by the loop later, never inside `onNext`;
+// whether a client that is over its bound takes nothing at all is seen by the heartbeat.
 
 #include "backend/ServerConnection.h"
 
@@ -27,7 +28,6 @@ constexpr std::size_t MAX_TARGETS = 65536;
 /// of each stream and target that can be open: no more than that of a client that waits for the ends before it uses
 /// their numbers again.
 constexpr std::size_t UNREFUSED_BYTES = 8U << 20U;
-constexpr const char* TAKES_NOTHING = "it does not take its answers";
 
 /// What a service answers through.
 class ResponseSender final : public IResponseHandler<Response> {
@@ -171,7 +171,8 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
         loop().post([self, number, serial = stream.serial] { self->cut(number, serial); });
         return true;
     }
-    if (!isProcessOverBound(size) && !isStuck(comm::now())) {
+    if (!isProcessOverBound(size)) {
+        queueBeyondBound();
         return false;
     }
     stream.isCut = true;
@@ -262,7 +263,9 @@ void ServerConnection::onHello(const protocol::Hello& peer)
 /// Whether the client goes on to ask without taking answers.
 bool ServerConnection::isOverrun()
 {
-    return machine().queuedBytes() > loop().settings().sendQueueBytes + UNREFUSED_BYTES;
+    const CommSettings& settings = loop().settings();
+    const std::size_t bound = isBeyondBound() ? settings.processQueueBytes : settings.sendQueueBytes;
+    return machine().queuedBytes() > bound + UNREFUSED_BYTES;
 }
 
 void ServerConnection::onAttach(std::uint32_t target, std::string path)

@@ -36,6 +36,12 @@ protected:
         text.resize(BODY, ' ');
         return text;
     }
+    static Request persistent()
+    {
+        Request request = retrieve("/stream", numbered(0));
+        request.setHeader("$response-semantic", "persistent-stream");
+        return request;
+    }
     static int numberOf(const std::string& text) { return std::stoi(text); }
     void setPolicy()
     {
@@ -121,11 +127,25 @@ TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
 
     scheduler->pauseGroup(2);
     EXPECT_EQ(flood(*handler, 1000), 1000);
-    scheduler->runFor(1500 * comm::MILLISECOND);
-    EXPECT_TRUE(handler->onNext(value("over the bound, and nothing was taken for a heartbeat")));
+    scheduler->runFor(500 * comm::MILLISECOND);
+    scheduler->pauseGroup(1);
+    scheduler->runFor(10 * comm::SECOND);
+    scheduler->continueGroup(1);
+    EXPECT_EQ(flood(*handler, 10), 10) << "the server itself stood still";
+    scheduler->runFor(500 * comm::MILLISECOND);
+    scheduler->continueGroup(2);
     settle();
-    EXPECT_EQ(service.cancels(), 1U);
-    EXPECT_THAT(traces->take(), Contains(HasSubstr("does not take its answers")));
+    EXPECT_THAT(stream->values, SizeIs(2010));
+    EXPECT_EQ(client->checker.connections(), 1U);
+
+    scheduler->pauseGroup(2);
+    EXPECT_EQ(flood(*handler, 1000), 1000);
+    scheduler->runFor(900 * comm::MILLISECOND);
+    EXPECT_EQ(flood(*handler, 10), 10);
+    scheduler->runFor(400 * comm::MILLISECOND);
+    EXPECT_EQ(service.cancels(), 1U) << "nothing was taken for a heartbeat";
+    EXPECT_TRUE(handler->onNext(value("late")));
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("does not take what is sent to it")));
     scheduler->continueGroup(2);
     settle();
     EXPECT_EQ(stream->status, 503);
@@ -201,16 +221,32 @@ TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
     one.release();
 }
 
-TEST_F(BackendQueues, TenThousandRequestsAtOnceTripNothing)
+/// A process that comes back: all it holds and follows at once, many times what a queue may hold on either side.
+TEST_F(BackendQueues, TenThousandPersistentRequestsAtOnceTripNothing)
 {
+    settings.processQueueBytes = 1U << 20U;
+    auto announcer = makeBackend("announcer");
+    Client all(*announcer, violations, "ipc://server/service");
+    all.start();
+    settle();
+    policy = QueuePolicy::eCUT_CONNECTION;
     std::vector<std::shared_ptr<Outcome>> outcomes;
-    const std::string body(2 * BODY, 'x'); // together many times what a queue may hold
     for (int i = 0; i < 10'000; ++i) {
-        outcomes.push_back(client->request(retrieve("/stream", body)));
+        outcomes.push_back(all.request(persistent()));
     }
-    scheduler->runFor(10 * comm::SECOND);
-    EXPECT_EQ(service.open(), 10'000U);
-    client->release();
+    EXPECT_TRUE(timeUntil([&] { return service.open() == 10'000; }) < comm::SECOND);
+    for (const auto& handler : service.handlers()) {
+        EXPECT_FALSE(handler->onNext(value(numbered(1))));
+        EXPECT_FALSE(handler->onNext(value(numbered(2))));
+    }
+    outcomes.push_back(all.request(persistent()));
+    scheduler->runFor(comm::SECOND);
+    EXPECT_EQ(service.open(), 10'001U);
+    EXPECT_EQ(std::count_if(outcomes.begin(), outcomes.end(), [](const auto& o) { return o->values.size() == 2; }),
+              10'000);
+    EXPECT_EQ(all.checker.connections(), 1U);
+
+    all.release();
     scheduler->runFor(10 * comm::SECOND);
     EXPECT_EQ(service.open(), 0U);
     for (const auto& outcome : outcomes) {
@@ -219,7 +255,7 @@ TEST_F(BackendQueues, TenThousandRequestsAtOnceTripNothing)
     }
 }
 
-TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEndAtOnce)
+TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
 {
     scheduler->pauseGroup(1); // the server
     std::vector<std::shared_ptr<Outcome>> outcomes;
@@ -228,11 +264,15 @@ TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEndAtOnce)
     }
     scheduler->runFor(1200 * comm::MILLISECOND);
     const auto refused = client->request(retrieve("/stream", std::string(BODY, 'x')));
+    const auto kept = client->request(persistent());
     settle();
     EXPECT_EQ(refused->status, 503);
     EXPECT_FALSE(outcomes.front()->hasEnded());
-    scheduler->runFor(3 * comm::SECOND);
-    EXPECT_EQ(outcomes.front()->status, 503) << "the queue did not move and the ping found no answer";
+    EXPECT_FALSE(kept->hasEnded()) << "it would not be issued again on this connection";
+    EXPECT_TRUE(client->checker.isConnected());
+    scheduler->runFor(300 * comm::MILLISECOND);
+    EXPECT_EQ(outcomes.front()->status, 503);
+    EXPECT_EQ(kept->status, 503);
     EXPECT_FALSE(client->checker.isConnected());
     scheduler->continueGroup(1);
     scheduler->runFor(3 * comm::SECOND);

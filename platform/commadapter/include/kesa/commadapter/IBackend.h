@@ -13,8 +13,11 @@ namespace kesa::commadapter {
 /// One way for processes to reach each other. `bool` results of `provideOnPath` and `provideOnLocator` are true on
 /// failure. Operations come from one thread, the runtime's executor, which must not be the backend's own loop.
 ///
-/// Per client object connected and disconnected alternate; no value of an old connection comes after its
-/// disconnected; the 503s that end its streams all come before the next connected.
+/// Per client object connected and disconnected strictly alternate; no value of an old connection comes after its
+/// disconnected; the 503s that end its streams, and those of requests issued while it is not connected, all come before
+/// the next connected. So who issues again what is to last at each connected loses nothing: a persistent stream is
+/// never refused while the connection lives, but when the service drops it or sends more than its queue policy takes.
+/// 404 is a service's own word, never the backend's.
 class KESA_API IBackend {
 public:
     virtual ~IBackend();
