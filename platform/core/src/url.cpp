@@ -1,9 +1,10 @@
 #include <kesa/url.h>
 
-#include <algorithm>
 #include <arpa/inet.h>
+#include <array>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 // A parser of RFC 3986 references. It only finds where the components lie and whether they hold forbidden
 // characters; it decodes and normalises nothing.
@@ -26,11 +27,29 @@ bool isHexDigit(char c) noexcept
 }
 bool isOneOf(char c, std::string_view set) noexcept
 {
-    return set.find(c) != std::string_view::npos;
+    for (const char one : set) { // a handful: `find` would call `memchr`
+        if (one == c) {
+            return true;
+        }
+    }
+    return false;
 }
+
+/// By table: every locator that is read is checked character by character.
+constexpr std::array<bool, 256> makeUnreservedOrSubDelims() noexcept
+{
+    std::array<bool, 256> is{};
+    for (const char c :
+         std::string_view("abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789-._~!$&'()*+,;=")) {
+        is[static_cast<unsigned char>(c)] = true;
+    }
+    return is;
+}
+constexpr std::array<bool, 256> UNRESERVED_OR_SUB_DELIMS = makeUnreservedOrSubDelims();
+
 bool isUnreservedOrSubDelim(char c) noexcept
 {
-    return isAlpha(c) || isDigit(c) || isOneOf(c, "-._~!$&'()*+,;=");
+    return UNRESERVED_OR_SUB_DELIMS[static_cast<unsigned char>(c)];
 }
 
 /// Each character is unreserved, a sub-delimiter, percent-encoded or one of `also`.
@@ -122,16 +141,19 @@ bool isScheme(std::string_view text) noexcept
 
 } // namespace
 
-void url::init(const std::string& text)
+void url::init(std::string text)
 {
     *this = url();
-    m_text = text;
-    if (text.empty() || text.size() > std::numeric_limits<std::uint32_t>::max()) {
+    m_text = std::move(text);
+    if (m_text.empty() || m_text.size() > std::numeric_limits<std::uint32_t>::max()) {
         return;
     }
     const std::string_view all = m_text;
     const auto until = [all](std::string_view delimiters, std::size_t from) {
-        return std::min(all.find_first_of(delimiters, from), all.size());
+        while (from < all.size() && !isOneOf(all[from], delimiters)) {
+            ++from;
+        }
+        return from;
     };
 
     std::size_t schemeSize = 0;

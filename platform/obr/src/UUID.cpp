@@ -19,15 +19,23 @@ UUID UUID::generate()
 
 namespace {
 
-/// 0 to 15; more for what is no hexadecimal digit.
-unsigned digit(char character) noexcept
+constexpr std::uint8_t NO_DIGIT = 0xff;
+
+/// 0 to 15, or `NO_DIGIT`, for each character.
+constexpr std::array<std::uint8_t, 256> makeDigits() noexcept
 {
-    if (character >= '0' && character <= '9') {
-        return static_cast<unsigned>(character - '0');
+    std::array<std::uint8_t, 256> digits{};
+    digits.fill(NO_DIGIT);
+    for (unsigned value = 0; value < 16; ++value) {
+        digits[static_cast<unsigned char>("0123456789abcdef"[value])] = static_cast<std::uint8_t>(value);
+        digits[static_cast<unsigned char>("0123456789ABCDEF"[value])] = static_cast<std::uint8_t>(value);
     }
-    const auto letter = static_cast<unsigned>(character | 0x20) - 'a';
-    return letter < 6 ? 10 + letter : 16;
+    return digits;
 }
+constexpr std::array<std::uint8_t, 256> DIGITS = makeDigits();
+
+/// Where the two digits of each byte stand.
+constexpr std::array<std::uint8_t, 16> PLACES = {0, 2, 4, 6, 9, 11, 14, 16, 19, 21, 24, 26, 28, 30, 32, 34};
 
 } // namespace
 
@@ -38,18 +46,14 @@ std::optional<UUID> UUID::fromString(std::string_view text) noexcept
         return std::nullopt;
     }
     std::array<std::uint8_t, 16> bytes{};
-    std::size_t at = 0;
-    for (std::uint8_t& byte : bytes) {
-        at += at == 8 || at == 13 || at == 18 || at == 23 ? 1 : 0;
-        const unsigned high = digit(text[at]);
-        const unsigned low = digit(text[at + 1]);
-        if (high > 15 || low > 15) {
-            return std::nullopt;
-        }
-        byte = static_cast<std::uint8_t>(high << 4U | low);
-        at += 2;
+    unsigned all = 0;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        const unsigned high = DIGITS[static_cast<unsigned char>(text[PLACES[i]])];
+        const unsigned low = DIGITS[static_cast<unsigned char>(text[PLACES[i] + 1U])];
+        all |= high | low;
+        bytes[i] = static_cast<std::uint8_t>(high << 4U | low);
     }
-    return UUID(bytes);
+    return all < 16 ? std::optional<UUID>(bytes) : std::nullopt;
 }
 
 std::string UUID::toString() const

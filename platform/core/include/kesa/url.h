@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace kesa {
 
@@ -15,9 +16,9 @@ class KESA_API url {
 public:
     /// Empty, not valid.
     url() = default;
-    explicit url(const std::string& text) { init(text); }
+    explicit url(std::string text) { init(std::move(text)); }
     /// The same as building anew from `text`.
-    void init(const std::string& text);
+    void init(std::string text);
 
     /// Parses under RFC 3986 and is not empty.
     bool isValid() const noexcept { return m_valid; }
