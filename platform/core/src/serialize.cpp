@@ -108,13 +108,12 @@ bool readMembers(IStructuredPullDeserializer& in, Dictionary& value, std::size_t
         return true;
     }
     std::vector<Value::Member> members;
+    members.reserve(in.itemCount());
     while (!in.atObjectEnd()) {
-        Value::Member member;
-        if (obr::ErrorStorage::isError() || in.memberName(member.first) || readValue(in, member.second, depth + 1) ||
-            in.endMember()) {
+        auto& [name, member] = members.emplace_back();
+        if (obr::ErrorStorage::isError() || in.memberName(name) || readValue(in, member, depth + 1) || in.endMember()) {
             return true;
         }
-        members.push_back(std::move(member));
     }
     if (in.endObject()) {
         return true;
@@ -132,12 +131,12 @@ bool readElements(IStructuredPullDeserializer& in, Value& value, std::size_t dep
         return true;
     }
     Value::Array elements;
+    elements.reserve(in.itemCount());
     while (!in.atArrayEnd()) {
-        Value element;
-        if (obr::ErrorStorage::isError() || in.beginElement() || readValue(in, element, depth + 1) || in.endElement()) {
+        if (obr::ErrorStorage::isError() || in.beginElement() || readValue(in, elements.emplace_back(), depth + 1) ||
+            in.endElement()) {
             return true;
         }
-        elements.push_back(std::move(element));
     }
     if (in.endArray()) {
         return true;
@@ -171,7 +170,7 @@ bool readInto(IStructuredPullDeserializer& in, Value& value)
     if ((in.*READ)(read)) {
         return true;
     }
-    value = Value(std::move(read));
+    value = Value(read);
     return false;
 }
 
@@ -192,7 +191,7 @@ bool readValue(IStructuredPullDeserializer& in, Value& value, std::size_t depth)
     case Kind::eREAL:
         return readInto<double, &IStructuredPullDeserializer::doubleValue>(in, value);
     case Kind::eSTRING:
-        return readInto<std::string, &IStructuredPullDeserializer::stringValue>(in, value);
+        return readInto<std::string_view, &IStructuredPullDeserializer::stringView>(in, value);
     case Kind::eARRAY:
         return readElements(in, value, depth);
     case Kind::eOBJECT:
@@ -248,33 +247,33 @@ bool deserialize(IStructuredPullDeserializer& in, bool& value)
 
 bool deserialize(IStructuredPullDeserializer& in, Path& value)
 {
-    std::string text;
-    if (in.stringValue(text)) {
+    std::string_view text;
+    if (in.stringView(text)) {
         return true;
     }
-    value = Path(std::move(text));
+    value = Path(std::string(text));
     return false;
 }
 
 bool deserialize(IStructuredPullDeserializer& in, url& value)
 {
-    std::string text;
-    if (in.stringValue(text)) {
+    std::string_view text;
+    if (in.stringView(text)) {
         return true;
     }
-    value.init(text);
+    value.init(std::string(text));
     return false;
 }
 
 bool deserialize(IStructuredPullDeserializer& in, obr::UUID& value)
 {
-    std::string text;
-    if (in.stringValue(text)) {
+    std::string_view text;
+    if (in.stringView(text)) {
         return true;
     }
     const auto id = obr::UUID::fromString(text);
     if (!id) {
-        return fail("'" + text + "' is not a UUID");
+        return fail("'" + std::string(text) + "' is not a UUID");
     }
     value = *id;
     return false;

@@ -93,7 +93,7 @@ bool PullReader::attach(ByteBufferReader& in)
         m_tokens.clear();
         return fail(problem);
     }
-    m_open.push_back({Place::eROOT, Due::eVALUE, 0, static_cast<std::uint32_t>(m_tokens.size())});
+    m_open.push_back({Place::eROOT, Due::eVALUE, 0, static_cast<std::uint32_t>(m_tokens.size()), 0});
     return false;
 }
 
@@ -136,7 +136,7 @@ bool PullReader::begin(Place place)
         return true;
     }
     taken();
-    m_open.push_back({place, Due::eITEM_OR_END, 0, token->extent});
+    m_open.push_back({place, Due::eITEM_OR_END, 0, token->extent, token->items});
     return false;
 }
 
@@ -182,7 +182,8 @@ bool PullReader::atObjectEnd()
     return atEnd(Place::eOBJECT, "the end of an object may be asked for only in an object, between members");
 }
 
-bool PullReader::memberName(std::string& name)
+template <class Text>
+bool PullReader::readName(Text& name)
 {
     if (!mayEnd(Place::eOBJECT) || m_next == m_open.back().end) {
         return fail("no member follows here");
@@ -192,6 +193,16 @@ bool PullReader::memberName(std::string& name)
     m_open.back().due = Due::eVALUE;
     ++m_next;
     return false;
+}
+
+bool PullReader::memberName(std::string& name)
+{
+    return readName(name);
+}
+
+bool PullReader::memberNameView(std::string_view& name)
+{
+    return readName(name);
 }
 
 bool PullReader::skipValue()
@@ -246,6 +257,11 @@ bool PullReader::endArray()
     return end(Place::eARRAY, "an array ends only after its last element");
 }
 
+std::size_t PullReader::itemCount() const noexcept
+{
+    return m_open.empty() ? 0 : m_open.back().items;
+}
+
 bool PullReader::peek(Kind& kind)
 {
     const Token* const token = due();
@@ -265,7 +281,8 @@ bool PullReader::nullValue()
     return false;
 }
 
-bool PullReader::stringValue(std::string& value)
+template <class Text>
+bool PullReader::readString(Text& value)
 {
     const Token* const token = due(Kind::eSTRING, "a string");
     if (token == nullptr) {
@@ -274,6 +291,16 @@ bool PullReader::stringValue(std::string& value)
     value = token->string();
     taken();
     return false;
+}
+
+bool PullReader::stringValue(std::string& value)
+{
+    return readString(value);
+}
+
+bool PullReader::stringView(std::string_view& value)
+{
+    return readString(value);
 }
 
 bool PullReader::boolValue(bool& value)

@@ -20,6 +20,7 @@ public:
     bool beginObject() override;
     bool atObjectEnd() override;
     bool memberName(std::string& name) override;
+    bool memberNameView(std::string_view& name) override;
     bool skipValue() override;
     bool endMember() override;
     bool endObject() override;
@@ -28,10 +29,12 @@ public:
     bool beginElement() override;
     bool endElement() override;
     bool endArray() override;
+    std::size_t itemCount() const noexcept override;
 
     bool peek(Kind& kind) override;
     bool nullValue() override;
     bool stringValue(std::string& value) override;
+    bool stringView(std::string_view& value) override;
     bool boolValue(bool& value) override;
     bool intValue(std::int64_t& value) override;
     bool uintValue(std::uint64_t& value) override;
@@ -48,6 +51,7 @@ private:
         Due due;
         std::uint32_t name; // index of the member's name that was read last; 0 if none
         std::uint32_t end;  // index behind the last token
+        std::uint32_t items;
     };
 
     bool fail(std::string_view problem) const;
@@ -57,6 +61,10 @@ private:
     const Token* due(Kind kind, const char* expected) const;
     void taken() noexcept;
     bool begin(Place place);
+    template <class Text>
+    bool readName(Text& name);
+    template <class Text>
+    bool readString(Text& value);
     bool mayEnd(Place place) const;
     bool atEnd(Place place, const char* problem) const;
     bool endItem(Place place, const char* problem);

@@ -28,6 +28,7 @@ Token* TokenList::add(Token::Kind kind, bool isString)
             return nullptr;
         }
         open.isNameDue = open.isObject && !open.isNameDue;
+        open.items += open.isNameDue ? 0 : 1; // a member counts with its name
     } else if (!m_tokens.empty()) {
         m_problem = "unexpected data after the end of the document";
         return nullptr;
@@ -113,7 +114,7 @@ bool TokenList::begin(Token::Kind kind)
         return true;
     }
     const bool isObject = kind == Token::Kind::eOBJECT;
-    m_open.push_back({static_cast<std::uint32_t>(m_tokens.size() - 1), isObject, isObject});
+    m_open.push_back({static_cast<std::uint32_t>(m_tokens.size() - 1), 0, isObject, isObject});
     return false;
 }
 
@@ -127,6 +128,7 @@ bool TokenList::end()
         return fail("a member has no value");
     }
     m_open.pop_back();
+    m_tokens[open.index].items = open.items;
     m_tokens[open.index].extent = static_cast<std::uint32_t>(m_tokens.size());
     return false;
 }

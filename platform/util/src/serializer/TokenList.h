@@ -18,6 +18,7 @@ struct Token {
         std::uint64_t unsignedInteger; // of kind eUNSIGNED: above the largest signed one
         double real;
         const char* text;
+        std::uint32_t items; // of an array or object: how many elements or members it has
     };
     std::uint32_t extent; // of a string: its length; of an array or object: the index behind its last token
     Kind kind;
@@ -62,6 +63,7 @@ public:
 private:
     struct Open {
         std::uint32_t index;
+        std::uint32_t items;
         bool isObject;
         bool isNameDue;
     };

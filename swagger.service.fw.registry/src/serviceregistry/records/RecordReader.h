@@ -22,13 +22,13 @@ template <class F>
     if (in.beginObject()) {
         return true;
     }
-    std::string name;
+    std::string_view name;
     while (!in.atObjectEnd()) {
         // Broken input answers "not at the end" for ever, with an error pending.
         if (obr::ErrorStorage::isError()) {
             return true;
         }
-        if (in.memberName(name) || readMember(std::string_view(name)) || in.endMember()) {
+        if (in.memberNameView(name) || readMember(name) || in.endMember()) {
             return true;
         }
     }
@@ -48,15 +48,16 @@ template <class T>
     if (in.beginArray()) {
         return true;
     }
+    if (list.empty()) { // a list that comes piece by piece would move with every piece
+        list.reserve(in.itemCount());
+    }
     while (!in.atArrayEnd()) {
         if (obr::ErrorStorage::isError()) {
             return true;
         }
-        T element;
-        if (in.beginElement() || serializer::deserialize(in, element) || in.endElement()) {
+        if (in.beginElement() || serializer::deserialize(in, list.emplace_back()) || in.endElement()) {
             return true;
         }
-        list.push_back(std::move(element));
     }
     return in.endArray();
 }
@@ -73,12 +74,7 @@ template <class T>
     if (kind == IStructuredPullDeserializer::Kind::eNULL) {
         return in.nullValue();
     }
-    T value{};
-    if (readValue(in, value)) {
-        return true;
-    }
-    field = std::move(value);
-    return false;
+    return readValue(in, field.emplace());
 }
 
 /// The required members of a record that have not been read so far, one bit each in the order of `words`.

@@ -3,8 +3,10 @@
 
 #include <util/ByteBufferReader.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace util::serializer {
 
@@ -25,6 +27,8 @@ public:
     /// `obr::ErrorStorage::isError` next.
     virtual bool atObjectEnd() = 0;
     [[nodiscard]] virtual bool memberName(std::string& name) = 0;
+    /// The same without a copy; valid until the next `attach`.
+    [[nodiscard]] virtual bool memberNameView(std::string_view& name) = 0;
     [[nodiscard]] virtual bool skipValue() = 0;
     [[nodiscard]] virtual bool endMember() = 0;
     [[nodiscard]] virtual bool endObject() = 0;
@@ -33,11 +37,15 @@ public:
     [[nodiscard]] virtual bool beginElement() = 0;
     [[nodiscard]] virtual bool endElement() = 0;
     [[nodiscard]] virtual bool endArray() = 0;
+    /// How many members or elements the innermost object or array has in all, to make room for them; 0 outside.
+    virtual std::size_t itemCount() const noexcept = 0;
 
     /// The kind of the next value, which stays unread.
     [[nodiscard]] virtual bool peek(Kind& kind) = 0;
     [[nodiscard]] virtual bool nullValue() = 0;
     [[nodiscard]] virtual bool stringValue(std::string& value) = 0;
+    /// The same without a copy; valid until the next `attach`.
+    [[nodiscard]] virtual bool stringView(std::string_view& value) = 0;
     [[nodiscard]] virtual bool boolValue(bool& value) = 0;
     [[nodiscard]] virtual bool intValue(std::int64_t& value) = 0;
     [[nodiscard]] virtual bool uintValue(std::uint64_t& value) = 0;
