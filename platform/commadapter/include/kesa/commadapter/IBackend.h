@@ -15,9 +15,9 @@ namespace kesa::commadapter {
 ///
 /// Per client object connected and disconnected strictly alternate; no value of an old connection comes after its
 /// disconnected; the 503s that end its streams, and those of requests issued while it is not connected, all come before
-/// the next connected. So who issues again what is to last at each connected loses nothing: a persistent stream is
-/// never refused while the connection lives, but when the service drops it or sends more than its queue policy takes.
-/// 404 is a service's own word, never the backend's.
+/// the next connected. So who issues at each connected what is to last loses nothing: while the connection lives, a
+/// persistent stream ends with 503 only when the service drops it, when a value is refused by its queue policy, or when
+/// 65536 requests are open. 404 is a service's own word, never the backend's.
 class KESA_API IBackend {
 public:
     virtual ~IBackend();
