@@ -15,49 +15,55 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-TEST_F(RegistryFixture, AnswersAndTellsInOneOrder)
+class RegistryTest : public testing::Test, protected Clients {
+protected:
+    RegistryTest() { m_asked = m_registry.get(); }
+
+    std::unique_ptr<Registry> m_registry = std::make_unique<Registry>();
+};
+
+TEST_F(RegistryTest, AnswersAndTellsInOneOrder)
 {
     Process provider("provider"), watcher("watcher");
     query(watcher, "all", Query("**"));
     track(watcher, "one", "/a");
     query(watcher, "below", Query("/a/**"));
-    EXPECT_THAT(happened(), ElementsAre("all: []", "below: []"));
+    EXPECT_THAT(told(), ElementsAre("all: []", "below: []"));
 
     optional<obr::UUID> id;
     void* const first =
         registerService(provider, "r1", service("/a"), [&](const ServiceDef& recorded) { id = recorded.id; });
-    EXPECT_THAT(happened(), ElementsAre("r1: registered /a", "one: +/a", "all: [+/a]", "below: [+/a]"));
+    EXPECT_THAT(told(), ElementsAre("r1: registered /a", "one: +/a", "all: [+/a]", "below: [+/a]"));
     EXPECT_TRUE(id && !id->isNil());
     track(watcher, "late", "/a");
     query(watcher, "lists", Query("/*"));
-    EXPECT_THAT(happened(), ElementsAre("late: +/a", "lists: [+/a]", "lists: []"));
+    EXPECT_THAT(told(), ElementsAre("late: +/a", "lists: [+/a]", "lists: []"));
     EXPECT_EQ(watcher.policies, 5);
 
     // The same process, the same record: nobody hears of it, and the id stays.
     void* const second =
         registerService(provider, "r2", service("/a"), [&](const ServiceDef& recorded) { EXPECT_EQ(recorded.id, id); });
-    EXPECT_THAT(happened(), ElementsAre("r2: registered /a"));
+    EXPECT_THAT(told(), ElementsAre("r2: registered /a"));
     // The end of what was taken over changes nothing, whenever it comes.
     m_registry->cancelRequest(first);
-    EXPECT_THAT(happened(), ElementsAre("r1: gone"));
+    EXPECT_THAT(told(), ElementsAre("r1: gone"));
 
     // A changed record: gone for everybody before it is there again for anybody.
     void* const third = registerService(provider, "r3", service("/a", "ipc://p/other"));
-    EXPECT_THAT(happened(),
+    EXPECT_THAT(told(),
                 ElementsAre("r3: registered /a", "one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]",
                             "one: +/a", "late: +/a", "all: [+/a]", "below: [+/a]", "lists: [+/a]"));
     m_registry->cancelRequest(second);
-    EXPECT_THAT(happened(), ElementsAre("r2: gone"));
+    EXPECT_THAT(told(), ElementsAre("r2: gone"));
     m_registry->cancelRequest(third);
-    EXPECT_THAT(happened(),
-                ElementsAre("one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]", "r3: gone"));
+    EXPECT_THAT(told(), ElementsAre("one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]", "r3: gone"));
     for (void* const handle : {third, static_cast<void*>(nullptr), reinterpret_cast<void*>(99)}) {
         m_registry->cancelRequest(handle);
     }
-    EXPECT_THAT(happened(), IsEmpty());
+    EXPECT_THAT(told(), IsEmpty());
 }
 
-TEST_F(RegistryFixture, RefusesOnlyWhenTheHolderHasProvedThatItLives)
+TEST_F(RegistryTest, RefusesOnlyWhenTheHolderHasProvedThatItLives)
 {
     Process holder("holder"), other("other"), third("third"), watcher("watcher");
     void* const held = registerService(holder, "held", service("/a"));
@@ -65,28 +71,28 @@ TEST_F(RegistryFixture, RefusesOnlyWhenTheHolderHasProvedThatItLives)
     registerService(other, "c1", service("/a", "ipc://other/a"));
     registerService(third, "c2", service("/a", "ipc://third/a"));
     track(watcher, "one", "/a");
-    EXPECT_THAT(happened(), ElementsAre("held: registered /a", "more: registered /b", "one: +/a"));
+    EXPECT_THAT(told(), ElementsAre("held: registered /a", "more: registered /b", "one: +/a"));
     // Each claim by a question of its own, one after the other.
     ASSERT_EQ(holder.peer->questions.size(), 1U);
     holder.peer->answer(true);
-    EXPECT_THAT(happened(), ElementsAre("c1: 409: service already registered", "c1: gone"));
+    EXPECT_THAT(told(), ElementsAre("c1: 409: service already registered", "c1: gone"));
     ASSERT_EQ(holder.peer->questions.size(), 1U);
 
     // The holder goes while it is asked: the claim is accepted, and the late answer means nothing.
     m_registry->cancelRequest(held);
-    EXPECT_THAT(happened(), ElementsAre("one: -/a", "c2: registered /a", "one: +/a", "held: gone"));
+    EXPECT_THAT(told(), ElementsAre("one: -/a", "c2: registered /a", "one: +/a", "held: gone"));
     holder.peer->answer(true);
-    EXPECT_THAT(happened(), IsEmpty());
+    EXPECT_THAT(told(), IsEmpty());
 
     // A holder that shows no sign of life loses all it holds, before its requests have ended, too.
     query(watcher, "all", Query("/b"));
     registerService(other, "c3", service("/b", "ipc://other/b"));
-    happened();
+    told();
     holder.peer->answer(false);
-    EXPECT_THAT(happened(), ElementsAre("all: [-/b]", "c3: registered /b", "all: [+/b]"));
+    EXPECT_THAT(told(), ElementsAre("all: [-/b]", "c3: registered /b", "all: [+/b]"));
 }
 
-TEST_F(RegistryFixture, ClaimsOfOneProcessSupersedeEachOther)
+TEST_F(RegistryTest, ClaimsOfOneProcessSupersedeEachOther)
 {
     Process holder("holder"), other("other"), third("third");
     void* held = registerService(holder, "held", service("/a"));
@@ -101,15 +107,15 @@ TEST_F(RegistryFixture, ClaimsOfOneProcessSupersedeEachOther)
     while (!before->questions.empty()) {
         before->answer(false);
     }
-    EXPECT_THAT(happened(), ElementsAre("held: registered /a", "again: registered /a", "held: gone"));
+    EXPECT_THAT(told(), ElementsAre("held: registered /a", "again: registered /a", "held: gone"));
     m_registry->cancelRequest(again);
-    EXPECT_THAT(happened(), ElementsAre("c2: registered /a", "again: gone"));
+    EXPECT_THAT(told(), ElementsAre("c2: registered /a", "again: gone"));
     m_registry->cancelRequest(earlier);
     third.peer->answer(true);
-    EXPECT_THAT(happened(), ElementsAre("c1: gone", "c3: 409: service already registered", "c3: gone"));
+    EXPECT_THAT(told(), ElementsAre("c1: gone", "c3: 409: service already registered", "c3: gone"));
 }
 
-TEST_F(RegistryFixture, ThisProcessNeedsNoProof)
+TEST_F(RegistryTest, ThisProcessNeedsNoProof)
 {
     std::unique_ptr<IResponseHandler<ServiceDef>> handler =
         std::make_unique<NotingHandler<ServiceDef>>(m_lines, "own", nullptr);
@@ -117,10 +123,10 @@ TEST_F(RegistryFixture, ThisProcessNeedsNoProof)
     Process other("other");
     other.context.instance = obr::UUID(); // no peer is this process, whatever it says
     registerService(other, "c", service("/a"));
-    EXPECT_THAT(happened(), ElementsAre("own: registered /a", "c: 409: service already registered", "c: gone"));
+    EXPECT_THAT(told(), ElementsAre("own: registered /a", "c: 409: service already registered", "c: gone"));
 }
 
-TEST_F(RegistryFixture, FirstAnswersWaitForTheirPeer)
+TEST_F(RegistryTest, FirstAnswersWaitForTheirPeer)
 {
     Process provider("provider"), slow("slow");
     constexpr int COUNT = 1000;
@@ -145,14 +151,14 @@ TEST_F(RegistryFixture, FirstAnswersWaitForTheirPeer)
     query(slow, "second", Query("/s/**"));
     const std::size_t atOnce = lists;
     EXPECT_LE(atOnce, 2U);
-    happened();
+    told();
     // What has been listed is told of at once, what has not is told as it is when its turn comes.
     m_registry->cancelRequest(handles[0]);
     m_registry->cancelRequest(handles[COUNT - 1]);
     registerService(provider, "r", service("/s/0"));
     registerService(provider, "r", service("/s/99999"));
-    EXPECT_THAT(happened(), ElementsAre("q: [-/s/10000]", "r: gone", "r: gone", "r: registered /s/0", "q: [+/s/0]",
-                                        "r: registered /s/99999"));
+    EXPECT_THAT(told(), ElementsAre("q: [-/s/10000]", "r: gone", "r: gone", "r: registered /s/0", "q: [+/s/0]",
+                                    "r: registered /s/99999"));
     EXPECT_FALSE(isComplete);
     while (!isComplete && slow.peer->drain()) {
     }
@@ -167,7 +173,7 @@ TEST_F(RegistryFixture, FirstAnswersWaitForTheirPeer)
     slow.peer->drain();
 }
 
-TEST_F(RegistryFixture, ListsStayBelowTheirSize)
+TEST_F(RegistryTest, ListsStayBelowTheirSize)
 {
     Process provider("provider"), watcher("watcher");
     for (int number = 0; number < 5; ++number) {
@@ -175,31 +181,31 @@ TEST_F(RegistryFixture, ListsStayBelowTheirSize)
         large.hostDomain = std::string(32000, 'x');
         registerService(provider, "r", large);
     }
-    happened();
+    told();
     query(watcher, "q", Query("**"));
     while (watcher.peer->drain()) {
     }
-    EXPECT_THAT(happened(), ElementsAre("q: [+/s/0]", "q: [+/s/1]", "q: [+/s/2]", "q: [+/s/3]", "q: [+/s/4]", "q: []"));
+    EXPECT_THAT(told(), ElementsAre("q: [+/s/0]", "q: [+/s/1]", "q: [+/s/2]", "q: [+/s/3]", "q: [+/s/4]", "q: []"));
 }
 
-TEST_F(RegistryFixture, HidesWhatAWatcherCannotReach)
+TEST_F(RegistryTest, HidesWhatAWatcherCannotReach)
 {
     Process provider("provider"), here("here", "here"), there("there", "there");
     query(here, "here", Query("**"));
     query(there, "there", Query("**"));
-    happened();
+    told();
     registerService(provider, "r", service("/a", "ipc://p+here/a"));
     track(there, "track", "/a");
-    EXPECT_THAT(happened(), ElementsAre("r: registered /a", "here: [+/a]"));
+    EXPECT_THAT(told(), ElementsAre("r: registered /a", "here: [+/a]"));
     ServiceDef both = service("/b", "ipc://p+here/b");
     both.locators.emplace_back("tls://host:1/b");
     registerService(provider, "r", both);
-    EXPECT_THAT(happened(), ElementsAre("r: registered /b", "here: [+/b]", "there: [+/b]"));
+    EXPECT_THAT(told(), ElementsAre("r: registered /b", "here: [+/b]", "there: [+/b]"));
     query(there, "late", Query("/*"));
-    EXPECT_THAT(happened(), ElementsAre("late: [+/b]", "late: []"));
+    EXPECT_THAT(told(), ElementsAre("late: [+/b]", "late: []"));
 }
 
-TEST_F(RegistryFixture, RefusesWhatIsWrongAndSaysWhy)
+TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
 {
     Process process("process");
     ServiceDef large = service("/a");
@@ -211,7 +217,7 @@ TEST_F(RegistryFixture, RefusesWhatIsWrongAndSaysWhy)
                                query(process, "glob", Query("/a/[b"))}) {
         EXPECT_EQ(handle, IKesaApi::UNDEFINED_REQUEST_HANDLE);
     }
-    const Lines lines = happened();
+    const Lines lines = told();
     ASSERT_EQ(lines.size(), 10U); // each with its "gone"
     for (const std::size_t index : {0U, 2U}) {
         EXPECT_THAT(lines[index], testing::AllOf(HasSubstr(": 400: the "), HasSubstr("the limit is 32768")));
@@ -223,10 +229,10 @@ TEST_F(RegistryFixture, RefusesWhatIsWrongAndSaysWhy)
     std::unique_ptr<IResponseHandler<ServiceDef>> handler =
         std::make_unique<NotingHandler<ServiceDef>>(m_lines, "other", nullptr);
     m_registry->registerService(std::move(handler), Path("/b"), service("/a"));
-    EXPECT_THAT(happened(), ElementsAre("other: 400: path of the record differs from the request path"));
+    EXPECT_THAT(told(), ElementsAre("other: 400: path of the record differs from the request path"));
 }
 
-TEST_F(RegistryFixture, LimitsQueriesOfAConnection)
+TEST_F(RegistryTest, LimitsQueriesOfAConnection)
 {
     Process process("process"), other("other");
     for (std::size_t count = 0; count < MAX_QUERIES; ++count) {
@@ -234,14 +240,14 @@ TEST_F(RegistryFixture, LimitsQueriesOfAConnection)
     }
     while (process.peer->drain()) {
     }
-    happened();
+    told();
     EXPECT_EQ(query(process, "over", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
     query(other, "other", Query("/q"));
-    EXPECT_THAT(happened(),
+    EXPECT_THAT(told(),
                 ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: gone", "other: []"));
 }
 
-TEST_F(RegistryFixture, HandlersMayCallBackAndDieWithNoLockHeld)
+TEST_F(RegistryTest, HandlersMayCallBackAndDieWithNoLockHeld)
 {
     Process provider("provider"), watcher("watcher");
     void* own = nullptr;
@@ -252,10 +258,9 @@ TEST_F(RegistryFixture, HandlersMayCallBackAndDieWithNoLockHeld)
         }
     });
     track(watcher, "t", "/b");
-    happened();
+    told();
     registerService(provider, "outer", service("/a"));
-    EXPECT_THAT(happened(),
-                ElementsAre("outer: registered /a", "q: [+/a]", "inner: registered /b", "t: +/b", "q: gone"));
+    EXPECT_THAT(told(), ElementsAre("outer: registered /a", "q: [+/a]", "inner: registered /b", "t: +/b", "q: gone"));
 }
 
 } // namespace

@@ -127,8 +127,9 @@ struct Process : IStreamControl {
     int policies = 0;
 };
 
-class RegistryFixture : public testing::Test {
-protected:
+/// Asks a registry in the names of processes, and keeps what it told them.
+class Clients {
+public:
     using Updates = std::vector<RegistryUpdate>;
 
     void* registerService(Process& process, const std::string& name, const ServiceDef& serviceDef,
@@ -137,14 +138,14 @@ protected:
         const RequestContext::Scope scope(&process.context);
         std::unique_ptr<IResponseHandler<ServiceDef>> handler =
             std::make_unique<NotingHandler<ServiceDef>>(m_lines, name, std::move(hook));
-        return m_registry->registerService(std::move(handler), serviceDef.path, serviceDef);
+        return m_asked->registerService(std::move(handler), serviceDef.path, serviceDef);
     }
     void* track(Process& process, const std::string& name, const std::string& path)
     {
         const RequestContext::Scope scope(&process.context);
         std::unique_ptr<IResponseHandler<RegistryUpdate>> handler =
             std::make_unique<NotingHandler<RegistryUpdate>>(m_lines, name, nullptr);
-        return m_registry->trackService(std::move(handler), Path(path), true);
+        return m_asked->trackService(std::move(handler), Path(path), true);
     }
     void* query(Process& process, const std::string& name, const Query& query,
                 std::function<void(const Updates&)> hook = {})
@@ -152,12 +153,12 @@ protected:
         const RequestContext::Scope scope(&process.context);
         std::unique_ptr<IResponseHandler<Updates>> handler =
             std::make_unique<NotingHandler<Updates>>(m_lines, name, std::move(hook));
-        return m_registry->queryRegistry(std::move(handler), query);
+        return m_asked->queryRegistry(std::move(handler), query);
     }
-    Lines happened() { return std::exchange(*m_lines, {}); }
+    Lines told() { return std::exchange(*m_lines, {}); }
 
     std::shared_ptr<Lines> m_lines = std::make_shared<Lines>();
-    std::unique_ptr<Registry> m_registry = std::make_unique<Registry>();
+    serviceregistry::IServiceRegistry* m_asked = nullptr;
 };
 
 } // namespace kesa::registry::test
