@@ -8,6 +8,9 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 namespace kesa::registry::test {
 namespace {
 
@@ -245,6 +248,54 @@ TEST_F(RegistryTest, LimitsQueriesOfAConnection)
     query(other, "other", Query("/q"));
     EXPECT_THAT(told(),
                 ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: gone", "other: []"));
+}
+
+/// Fails the test when it is called after `isOver`.
+template <class T>
+class StrictHandler final : public IResponseHandler<T> {
+public:
+    explicit StrictHandler(std::shared_ptr<std::atomic<bool>> isOver) : m_isOver(std::move(isOver)) {}
+    bool onNext(const T&) override
+    {
+        EXPECT_FALSE(*m_isOver);
+        return false;
+    }
+    void onError(const Response&) override { EXPECT_FALSE(*m_isOver); }
+    void onCompleted() override {}
+
+private:
+    std::shared_ptr<std::atomic<bool>> m_isOver;
+};
+
+TEST_F(RegistryTest, SaysNothingOnceACancelHasReturned)
+{
+    const auto work = [this](const std::string& name, bool isProvider) {
+        Process process(name);
+        process.context.stream = nullptr;
+        process.context.peer = nullptr; // taken to live
+        const RequestContext::Scope scope(&process.context);
+        for (int round = 0; round < 300; ++round) {
+            const auto isOver = std::make_shared<std::atomic<bool>>(false);
+            const std::string path = "/a/" + std::to_string(round % 3);
+            void* const handle =
+                isProvider ? m_registry->registerService(std::make_unique<StrictHandler<ServiceDef>>(isOver),
+                                                         Path(path), service(path))
+                           : m_registry->queryRegistry(
+                                 std::make_unique<StrictHandler<std::vector<RegistryUpdate>>>(isOver), Query("/a/*"));
+            m_registry->cancelRequest(handle);
+            *isOver = true;
+        }
+    };
+    std::vector<std::thread> threads;
+    for (int number = 0; number < 4; ++number) {
+        threads.emplace_back(work, "process" + std::to_string(number), number % 2 == 0);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    Process last("last");
+    query(last, "q", Query("**"));
+    EXPECT_THAT(told(), ElementsAre("q: []"));
 }
 
 TEST_F(RegistryTest, HandlersMayCallBackAndDieWithNoLockHeld)

@@ -30,6 +30,7 @@ public:
     virtual ~IServiceRegistry();
 
     /// Every service that matches: lists of `ADDED`, the first answer ending with an empty list, then every change.
+    /// Changes of what has been listed may come before the first answer is complete.
     virtual void* queryRegistry(std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>&& handler,
                                 const Query& query) = 0;
     /// Registers a service for as long as the request lasts; the answer is the record as it was registered.
