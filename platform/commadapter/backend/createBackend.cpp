@@ -4,8 +4,6 @@
 #include "transport/IpcTransport.h"
 
 #include <kesa/commadapter/createBackend.h>
-#include <obr/ErrorStorage.h>
-#include <util/config/Provider.h>
 
 namespace kesa::commadapter {
 
@@ -17,16 +15,10 @@ BackendFactory& factoryForTest()
     return factory;
 }
 
-/// A document that cannot be read is the configuration reader's to complain about; here it counts as empty.
 CommSettings readSettings()
 {
-    const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
-    if (provider.hasFailed()) {
-        obr::ErrorStorage::ack();
-    }
-    const auto& root = provider.first().isDefined() ? provider.first() : provider.second();
     std::vector<std::string> complaints;
-    CommSettings settings = readCommSettings(root["comm"], complaints);
+    CommSettings settings = readCommSettings(complaints);
     for (const std::string& complaint : complaints) {
         CHANNEL.log(3, "[createBackend] " + complaint);
     }

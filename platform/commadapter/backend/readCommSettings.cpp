@@ -3,6 +3,8 @@
 #include <kesa/Path.h>
 #include <kesa/commadapter/checkCommSettings.h>
 #include <kesa/url.h>
+#include <obr/ErrorStorage.h>
+#include <util/config/Provider.h>
 
 #include <fmt/format.h>
 
@@ -153,6 +155,16 @@ CommSettings readCommSettings(const Value& comm, Complaints& complaints)
         }
     }
     return settings;
+}
+
+CommSettings readCommSettings(Complaints& complaints)
+{
+    const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
+    if (provider.hasFailed()) {
+        obr::ErrorStorage::ack();
+    }
+    const Value& root = provider.first().isDefined() ? provider.first() : provider.second();
+    return readCommSettings(root["comm"], complaints);
 }
 
 std::vector<std::string> checkCommSettings(const Value& comm)

@@ -13,6 +13,9 @@ namespace kesa::commadapter {
 /// Reads the "comm" member of a configuration document; what is wrong in it becomes a complaint that says what to do,
 /// and keeps its default.
 CommSettings readCommSettings(const util::config::Value& comm, std::vector<std::string>& complaints);
+/// The same from the document of this process. One that cannot be read is the configuration reader's to complain about;
+/// here it counts as empty.
+CommSettings readCommSettings(std::vector<std::string>& complaints);
 
 } // namespace kesa::commadapter
 

@@ -44,6 +44,30 @@ std::string describeHolder(int lockFile)
     return fmt::format("process {}{}", pid, pid == ::getpid() ? ", which is this one" : "");
 }
 
+/// Opens the lock file of a name and takes its lock. True on failure.
+bool openLocked(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
+                std::string& why)
+{
+    isHeld = false;
+    const std::string file = encodeProcessName(process) + ".lock";
+    Descriptor opened(retryInterrupted(
+        [&] { return ::openat(directory.get(), file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE); }));
+    if (!opened) {
+        why = fmt::format("cannot open \"{}\" in the run directory: {}; it belongs to who used the name \"{}\" first",
+                          file, std::system_category().message(errno), process);
+        return true;
+    }
+    if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
+        isHeld = errno == EWOULDBLOCK;
+        why = isHeld ? fmt::format("the name \"{}\" is held by {}", process, describeHolder(opened.get()))
+                     : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
+                                   std::system_category().message(errno));
+        return true;
+    }
+    lock = std::move(opened);
+    return false;
+}
+
 std::optional<gid_t> findGroup(const std::string& name)
 {
     gid_t number = 0;
@@ -82,25 +106,18 @@ std::unique_ptr<NameClaim> NameClaim::take(Descriptor directory, const std::stri
     return claim;
 }
 
+bool NameClaim::isRefused(const Descriptor& directory, const std::string& process, bool& isHeld, std::string& why)
+{
+    Descriptor lock;
+    return openLocked(directory, process, lock, isHeld, why);
+}
+
 bool NameClaim::lock(std::string& why)
 {
-    const std::string file = encodeProcessName(m_process) + ".lock";
-    Descriptor opened(retryInterrupted([&] {
-        return ::openat(m_directory.get(), file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE);
-    }));
-    if (!opened) {
-        why = fmt::format("cannot open \"{}\" in the run directory: {}; it belongs to who used the name \"{}\" first",
-                          file, std::system_category().message(errno), m_process);
+    bool isHeld = false;
+    if (openLocked(m_directory, m_process, m_lock, isHeld, why)) {
         return true;
     }
-    if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
-        why = errno == EWOULDBLOCK
-                  ? fmt::format("the name \"{}\" is held by {}", m_process, describeHolder(opened.get()))
-                  : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
-                                std::system_category().message(errno));
-        return true;
-    }
-    m_lock = std::move(opened);
     // For whoever is refused; the claim does not depend on it.
     const std::string pid = fmt::format("{}\n", ::getpid());
     if (::ftruncate(m_lock.get(), 0) == 0) {

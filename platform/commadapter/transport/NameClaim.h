@@ -20,6 +20,9 @@ public:
     /// Null when a living process has the name or a right is missing; `why` says so. Never waits.
     static std::unique_ptr<NameClaim> take(Descriptor directory, const std::string& process,
                                            const IpcSettings& settings, std::string& why);
+    /// Whether `take` would fail, since a living process has the name (`isHeld`) or since a right is missing. Has the
+    /// name itself for a moment: for explanations, not to decide by.
+    static bool isRefused(const Descriptor& directory, const std::string& process, bool& isHeld, std::string& why);
     ~NameClaim();
     NameClaim(const NameClaim&) = delete;
     NameClaim& operator=(const NameClaim&) = delete;

@@ -21,11 +21,21 @@ public:
     /// Creates the runtime and starts it. False: started. True: the configuration names no backend; the instance is
     /// there all the same and has to be shut down.
     static bool initInstance(const std::string& processName);
+    /// The same, for a process that needs no configuration file: the text of a document that counts when there is no
+    /// file at all. Of the text the backend reads nothing; it has its defaults then.
+    static bool initInstance(const std::string& processName, const std::string& fallbackDocument);
+    /// Such a text: services are found through the `kesa-registryd` of this machine.
+    static constexpr const char* WITH_REGISTRYD =
+        R"({"use_registry": true, "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]},)"
+        R"( "serializer-formats": {"*": ["application/json"]}})";
     static IKesaRuntime* getInstance();
     /// Ends the runtime: no handler is called after it returns; those still kept are destroyed without a final call.
     /// `Disposable`s and client objects may be kept: disposing does nothing then, requests end with 503.
     static void shutdown();
     static bool isRunning();
+    /// This process hosts the registry: one of the registry's locators is its own, and it has got its name. Known when
+    /// `initInstance` has returned; false without an instance.
+    static bool isRegistryHost();
 };
 
 } // namespace kesa::runtime::v02

@@ -7,6 +7,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <unistd.h>
 
@@ -77,6 +78,13 @@ Provider::Provider(const std::string& name, const std::string& path, int, LoadSt
     }
     m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
                                                           "there is no configuration; looked for " + lookedFor);
+}
+
+bool Provider::isConfigured(const std::string& name, const std::string& path)
+{
+    const std::vector<Candidate> all = candidates(name, path);
+    return std::any_of(all.begin(), all.end(),
+                       [](const Candidate& candidate) { return candidate.mustExist || exists(candidate.file); });
 }
 
 std::string Provider::folder(const std::string& name, const std::string& path)

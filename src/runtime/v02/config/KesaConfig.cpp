@@ -13,6 +13,13 @@ namespace kesa::runtime::v02 {
 
 using util::config::Value;
 
+namespace {
+
+constexpr const char* PROVIDER_NAME = "kesa";
+constexpr const char* PROVIDER_PATH = "./config";
+
+} // namespace
+
 KesaConfig::KesaConfig() : m_ownProcessName("unknown_process")
 {
     setDefaults();
@@ -33,6 +40,13 @@ KesaConfig::KesaConfig(const std::string& processName, const std::string& text, 
     ConfigReport& filled = report != nullptr ? *report : unread;
     setDefaults();
     endReading(readText(text, filled), filled);
+}
+
+KesaConfig KesaConfig::readOr(const std::string& processName, const std::string& fallback, ConfigReport* report)
+{
+    return util::config::Provider::isConfigured(PROVIDER_NAME, PROVIDER_PATH)
+               ? KesaConfig(processName, report)
+               : KesaConfig(processName, fallback, report);
 }
 
 const KesaConfig& KesaConfig::getDefault()
@@ -57,7 +71,7 @@ void KesaConfig::setDefaults()
 bool KesaConfig::readDocument(ConfigReport& report)
 {
     obr::ErrorStorage::ack();
-    const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
+    const util::config::Provider provider(PROVIDER_NAME, PROVIDER_PATH, 0, util::config::LoadStrategy::eFIRST_FOUND);
     report.file = provider.file();
     report.duplicateKeys = provider.duplicateKeys();
     if (provider.hasFailed()) {

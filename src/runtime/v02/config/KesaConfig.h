@@ -26,6 +26,9 @@ public:
     explicit KesaConfig(const std::string& processName, ConfigReport* report = nullptr);
     /// Reads `text`, whose root is the configuration itself.
     KesaConfig(const std::string& processName, const std::string& text, ConfigReport* report = nullptr);
+    /// Reads the document that `util::config::Provider` finds; `fallback`, read as a text, when there is none at all.
+    static KesaConfig readOr(const std::string& processName, const std::string& fallback,
+                             ConfigReport* report = nullptr);
 
     /// The record of the default constructor; lives until the process ends.
     static const KesaConfig& getDefault();

@@ -28,11 +28,17 @@ bool isWaitedFor()
 
 bool KesaRuntime::initInstance(const std::string& processName)
 {
+    return initInstance(processName, std::string());
+}
+
+bool KesaRuntime::initInstance(const std::string& processName, const std::string& fallbackDocument)
+{
     if (singeton_impl != nullptr) {
         fail("singeton_impl==nullptr", __LINE__, "initInstance");
         return false;
     }
-    auto* const created = new (std::nothrow) KesaRuntimeImpl(processName);
+    auto* const created = new (std::nothrow) KesaRuntimeImpl(
+        fallbackDocument.empty() ? KesaConfig(processName) : KesaConfig::readOr(processName, fallbackDocument));
     if (created == nullptr) {
         fail("singeton_impl!=nullptr", __LINE__, "initInstance");
         return true;
@@ -76,6 +82,11 @@ void KesaRuntime::shutdown()
 bool KesaRuntime::isRunning()
 {
     return singeton_impl != nullptr && singeton_impl->isRunning();
+}
+
+bool KesaRuntime::isRegistryHost()
+{
+    return isRunning() && singeton_impl->isRegistryHost();
 }
 
 } // namespace kesa::runtime::v02

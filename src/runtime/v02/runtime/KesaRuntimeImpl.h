@@ -42,8 +42,6 @@ namespace kesa::runtime::v02 {
 /// A handler called from here can only post: no table changes under an iterator because of a handler.
 class KesaRuntimeImpl final : public IKesaRuntime {
 public:
-    /// Reads the configuration of the process.
-    explicit KesaRuntimeImpl(const std::string& processName);
     explicit KesaRuntimeImpl(const KesaConfig& config);
     KesaRuntimeImpl(const KesaRuntimeImpl&) = delete;
     KesaRuntimeImpl& operator=(const KesaRuntimeImpl&) = delete;
@@ -53,6 +51,8 @@ public:
     /// False: started, or running already. True: it cannot.
     bool start();
     bool isRunning() const noexcept { return m_isRunning; }
+    /// Known when `start` has returned.
+    bool isRegistryHost() const noexcept { return isRuntimeInRegistry; }
     /// The caller is the executor or the updater.
     bool isRuntimeThread() const noexcept;
 

@@ -27,6 +27,8 @@ public:
 
     /// The file that was read; empty when none was.
     const std::string& file() const noexcept { return m_file; }
+    /// Whether there is a document to read: `$KESA_CONFIG` is set, or one of the files is there.
+    static bool isConfigured(const std::string& name, const std::string& path);
     /// The folder in which the documents beside the configuration are looked for.
     static std::string folder(const std::string& name, const std::string& path);
     const std::vector<std::string>& duplicateKeys() const noexcept { return m_duplicateKeys; }

@@ -1,0 +1,83 @@
+#include "RegistryPlace.h"
+
+#include <kesa/commadapter/checkOwnLocator.h>
+#include <kesa/runtime/v02/KesaConfigAccessor.h>
+#include <obr/ErrorStorage.h>
+#include <runtime/v02/config/ConfigReport.h>
+#include <runtime/v02/config/KesaConfig.h>
+#include <util/config/FrameworkProvider.h>
+
+#include <fmt/format.h>
+
+namespace apps {
+
+using kesa::commadapter::OwnLocator;
+using kesa::commadapter::checkOwnLocator;
+using kesa::runtime::v02::ConfigReport;
+using kesa::runtime::v02::KesaConfig;
+using kesa::runtime::v02::KesaConfigAccessor;
+
+namespace {
+
+std::string join(const std::vector<kesa::url>& locators)
+{
+    std::string text;
+    for (const kesa::url& locator : locators) {
+        text.append(text.empty() ? "" : ", ").append(locator.toString());
+    }
+    return text;
+}
+
+/// A runtime that could reach none of them would not start.
+std::string complaintAbout(const RegistryPlace& place, const std::string& process)
+{
+    for (const kesa::url& locator : place.locators) {
+        const OwnLocator own = checkOwnLocator(process, locator);
+        if (own.state != OwnLocator::State::eUNREACHABLE) {
+            return {};
+        }
+    }
+    return fmt::format("no registry locator of {} ({}) can be reached from here; write one such as "
+                       "\"ipc://kesa-registryd/registry\", and one of another run directory only without its realm",
+                       place.source, join(place.locators));
+}
+
+} // namespace
+
+RegistryPlace findRegistryPlace(const std::string& process, const std::string& fallbackDocument)
+{
+    ConfigReport report;
+    const KesaConfig config = KesaConfig::readOr(process, fallbackDocument, &report);
+    const KesaConfigAccessor accessor(config);
+    RegistryPlace place;
+    place.source = report.file.empty() ? "the built-in document" : report.file;
+    if (!accessor.isValid()) {
+        place.problem = fmt::format("the configuration cannot be read: {}; see kesactl check-config",
+                                    report.complaints.empty() ? "" : report.complaints.front().text);
+        return place;
+    }
+    if (!accessor.useRemoteRegistry()) {
+        place.problem = fmt::format("{} asks for no registry; write \"use_registry\": true and "
+                                    "\"service_registry_locators\": {{\"*\": [\"ipc://kesa-registryd/registry\"]}}",
+                                    place.source);
+        return place;
+    }
+    std::string partition;
+    if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
+        place.problem = "the partition of this node cannot be found out: " + obr::ErrorStorage::reason();
+        obr::ErrorStorage::ack();
+        return place;
+    }
+    accessor.getNodeDomainMapping(partition);
+    place.locators = accessor.getRegistryLocatorsByPartition(partition, false).value_or(std::vector<kesa::url>());
+    if (place.locators.empty()) {
+        place.problem = fmt::format("{} has no registry locators for the partition \"{}\", and none for \"*\"; add "
+                                    "them to \"service_registry_locators\"",
+                                    place.source, partition);
+    } else {
+        place.problem = complaintAbout(place, process);
+    }
+    return place;
+}
+
+} // namespace apps

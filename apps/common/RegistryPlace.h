@@ -1,0 +1,23 @@
+#ifndef KESA_APPS_COMMON_REGISTRYPLACE_H
+#define KESA_APPS_COMMON_REGISTRYPLACE_H
+
+#include <kesa/url.h>
+
+#include <string>
+#include <vector>
+
+namespace apps {
+
+/// Where a process would find the registry, as its start finds it: by its document and the partition of its node.
+struct RegistryPlace {
+    std::string source;              ///< the document's file, or "the built-in document"
+    std::vector<kesa::url> locators; ///< in order; empty when `problem` is not
+    std::string problem;             ///< why there are none, as a sentence with what to do
+};
+
+/// `fallbackDocument` counts when there is no configuration file at all.
+RegistryPlace findRegistryPlace(const std::string& process, const std::string& fallbackDocument);
+
+} // namespace apps
+
+#endif

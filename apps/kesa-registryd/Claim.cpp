@@ -1,0 +1,46 @@
+#include "Claim.h"
+
+#include <common/RegistryPlace.h>
+#include <kesa/commadapter/checkOwnLocator.h>
+
+#include <fmt/format.h>
+
+namespace registryd {
+
+using kesa::commadapter::OwnLocator;
+
+Claim checkClaim(const std::string& process, const std::string& fallbackDocument)
+{
+    const apps::RegistryPlace place = apps::findRegistryPlace(process, fallbackDocument);
+    if (!place.problem.empty()) {
+        return {ExitCode::eCONFIGURATION, place.problem, {}};
+    }
+    Claim claim;
+    std::string all;
+    for (const kesa::url& locator : place.locators) {
+        all.append(all.empty() ? "" : ", ").append(locator.toString());
+        const OwnLocator own = kesa::commadapter::checkOwnLocator(process, locator);
+        switch (own.state) {
+        case OwnLocator::State::eUNREACHABLE:
+        case OwnLocator::State::eOTHERS:
+            break;
+        case OwnLocator::State::eNAME_HELD:
+            return {ExitCode::eNAME_HELD, own.why, {}};
+        case OwnLocator::State::eUNUSABLE:
+            return {ExitCode::eFAILED, own.why, {}};
+        case OwnLocator::State::eCLAIMABLE:
+            claim.locators.append(claim.locators.empty() ? "" : ", ").append(locator.toString());
+            break;
+        }
+    }
+    if (claim.locators.empty()) {
+        return {ExitCode::eCONFIGURATION,
+                fmt::format("{} says that the registry is at {}, which is not this process (\"{}\"); give a name of "
+                            "those with --name, or add \"ipc://{}/registry\" to \"service_registry_locators\"",
+                            place.source, all, process, process),
+                {}};
+    }
+    return claim;
+}
+
+} // namespace registryd

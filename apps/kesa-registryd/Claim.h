@@ -1,0 +1,27 @@
+#ifndef KESA_REGISTRYD_CLAIM_H
+#define KESA_REGISTRYD_CLAIM_H
+
+#include <string>
+
+namespace registryd {
+
+/// How this program ends.
+enum class ExitCode {
+    eENDED = 0,         ///< on SIGTERM or SIGINT
+    eFAILED = 1,        ///< the run directory, or what else the system refuses
+    eCONFIGURATION = 2, ///< wrong arguments, or a document that does not make this process the registry's host
+    eNAME_HELD = 3,     ///< another process has the name
+};
+
+/// Whether a process of this name could host the registry now.
+struct Claim {
+    ExitCode exitCode = ExitCode::eENDED; ///< `eENDED`: it could
+    std::string problem;                  ///< if not
+    std::string locators;                 ///< its own ones among the registry's, for people
+};
+
+Claim checkClaim(const std::string& process, const std::string& fallbackDocument);
+
+} // namespace registryd
+
+#endif

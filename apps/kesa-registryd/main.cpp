@@ -1,0 +1,149 @@
+// kesa-registryd: the process that hosts the registry. It claims its name, registers the registry with its runtime as
+// the first service, says that it is ready, and waits for the signal to end. What its clients do cannot end it.
+
+#include "Claim.h"
+
+#include <CLI/CLI.hpp>
+#include <kesa/registry/RegistryHost.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+#include <systemd/sd-daemon.h>
+#include <tracing/Sink.h>
+
+#include <fmt/format.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <unistd.h>
+
+namespace registryd {
+namespace {
+
+using kesa::runtime::v02::KesaRuntime;
+
+const char* const FOOTER =
+    R"(Without a configuration file the registry is at ipc://NAME/registry; processes without one look for it at
+ipc://kesa-registryd/registry. The run directory, in which they find each other, is $KESA_RUN_DIR,
+$XDG_RUNTIME_DIR/kesa or /run/kesa.
+
+It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end it.
+
+Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
+
+struct Arguments {
+    std::string config;
+    std::string name = "kesa-registryd";
+};
+
+int complain(ExitCode exitCode, const std::string& problem)
+{
+    fmt::print(stderr, "kesa-registryd: {}\n", problem);
+    return static_cast<int>(exitCode);
+}
+
+/// Blocked before the first thread is made, so that only `sigwait` takes them.
+sigset_t blockEndSignals()
+{
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGINT);
+    sigaddset(&ends, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    std::signal(SIGPIPE, SIG_IGN); // nobody may read the line that says it is ready
+    return ends;
+}
+
+void tellReady(const std::string& locators)
+{
+    fmt::print("kesa-registryd: ready at {}\n", locators);
+    std::fflush(stdout);
+    sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators).c_str());
+}
+
+ExitCode serve(const std::string& locators, const sigset_t& ends)
+{
+    std::atomic<ExitCode> exitCode = ExitCode::eENDED;
+    kesa::registry::RegistryHost host(
+        *KesaRuntime::getInstance(), [&locators] { tellReady(locators); },
+        [&exitCode](const kesa::Response& error) {
+            exitCode = ExitCode::eFAILED;
+            complain(exitCode, "the registry cannot be provided: " + kesa::Response::getErrorMessageWithCode(error));
+            ::kill(::getpid(), SIGTERM); // ends the wait below
+        });
+    int signal = 0;
+    sigwait(&ends, &signal);
+    sd_notify(0, "STOPPING=1");
+    if (::secure_getenv("KESA_TRACE") == nullptr) {
+        // What the runtime warns of when a process without a remote registry withdraws is how this one always ends.
+        tracing::setThreshold("KESA_RUNTIME_MAIN", 5);
+        tracing::setThreshold("KESA_RUNTIME_BACKENDS", 5);
+    }
+    host.stop();
+    return exitCode;
+}
+
+int run(const Arguments& arguments)
+{
+    const sigset_t ends = blockEndSignals();
+    if (!arguments.config.empty()) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread so far.
+        setenv("KESA_CONFIG", arguments.config.c_str(), 1);
+    }
+    const std::string document =
+        fmt::format(R"({{"use_registry": true, "service_registry_locators": {{"*": ["ipc://{}/registry"]}},)"
+                    R"( "serializer-formats": {{"*": ["application/json"]}}}})",
+                    arguments.name);
+    const Claim claim = checkClaim(arguments.name, document);
+    if (claim.exitCode != ExitCode::eENDED) {
+        return complain(claim.exitCode, claim.problem);
+    }
+    const bool failed = KesaRuntime::initInstance(arguments.name, document);
+    ExitCode exitCode = ExitCode::eFAILED;
+    if (failed) {
+        complain(exitCode, "the runtime did not start; see its traces");
+    } else if (!KesaRuntime::isRegistryHost()) { // somebody was faster since it was looked at
+        exitCode = ExitCode::eNAME_HELD;
+        complain(exitCode, fmt::format("another process has just taken the name \"{}\"", arguments.name));
+    } else {
+        exitCode = serve(claim.locators, ends);
+    }
+    KesaRuntime::shutdown();
+    return static_cast<int>(exitCode);
+}
+
+/// What a process may be called: it becomes the name of a file and a part of locators.
+std::string checkName(const std::string& name)
+{
+    const bool isGood = !name.empty() && name.size() <= 64 && name.front() != '.' &&
+                        name.find_first_not_of("ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-") ==
+                            std::string::npos;
+    return isGood ? "" : "a name has 1 to 64 of the characters A-Z a-z 0-9 . _ - and does not begin with a dot";
+}
+
+} // namespace
+} // namespace registryd
+
+int main(int argc, char** argv)
+{
+    registryd::Arguments arguments;
+    CLI::App app("Hosts the registry, through which the Kesa processes of a machine find each other.",
+                 "kesa-registryd");
+    app.set_version_flag("--version", "kesa-registryd " KESA_VERSION);
+    app.add_option("--config", arguments.config, "The configuration document, instead of the one that would be found.")
+        ->type_name("FILE");
+    app.add_option("--name", arguments.name,
+                   "The name of this process, in the built-in document also that of the host.")
+        ->check(registryd::checkName)
+        ->type_name("NAME")
+        ->capture_default_str();
+    app.footer(registryd::FOOTER);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : static_cast<int>(registryd::ExitCode::eCONFIGURATION);
+    }
+    return registryd::run(arguments);
+}

@@ -1,0 +1,54 @@
+#include "backend/Locators.h"
+#include "backend/readCommSettings.h"
+#include "transport/IpcTransport.h"
+#include "transport/NameClaim.h"
+#include "transport/RunDirectory.h"
+
+#include <kesa/commadapter/checkOwnLocator.h>
+
+namespace kesa::commadapter {
+
+namespace {
+
+CommSettings quietSettings()
+{
+    std::vector<std::string> complaints; // the backend's to tell
+    return readCommSettings(complaints);
+}
+
+} // namespace
+
+OwnLocator checkOwnLocator(const std::string& process, const url& locator)
+{
+    using State = OwnLocator::State;
+    const CommSettings settings = quietSettings();
+    // Only to read locators with; it never gets to use a loop.
+    const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
+        transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, nullptr);
+    const auto place = Locators(settings.routes, {transport}).find(locator);
+    if (!place) {
+        return {State::eUNREACHABLE, {}};
+    }
+    if (place->destination.endpoint.process != process) {
+        return {State::eOTHERS, {}};
+    }
+    transport::RunDirectory runDirectory(settings.runDir);
+    transport::Descriptor directory;
+    std::string realm;
+    std::string why;
+    if (runDirectory.prepare(directory, realm, why)) {
+        return {State::eUNUSABLE, why};
+    }
+    bool isHeld = false;
+    if (transport::NameClaim::isRefused(directory, process, isHeld, why)) {
+        return {isHeld ? State::eNAME_HELD : State::eUNUSABLE, why};
+    }
+    return {State::eCLAIMABLE, {}};
+}
+
+std::string runDirectory()
+{
+    return transport::RunDirectory(quietSettings().runDir).path();
+}
+
+} // namespace kesa::commadapter
