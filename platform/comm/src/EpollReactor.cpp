@@ -1,7 +1,8 @@
 // One turn of the loop: wait, call what is ready, run due timers, run what was posted, run what was left for the end of
 // the turn. The loop stands on the path of every call between processes, so a wake-up costs one `epoll_wait` and no
 // other system call: a descriptor is registered once, level-triggered, and stays armed; the wake-up descriptor is
-// edge-triggered and never read.
+// edge-triggered and never read. So is the timer descriptor, which is set when a timer comes before the time it is set
+// to: a wait with a time limit would set up and take back a timer of the kernel's each time.
 #include "EpollReactor.h"
 
 #include "LoopThread.h"
@@ -18,6 +19,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -26,7 +28,6 @@
 #include <array>
 #include <atomic>
 #include <cerrno>
-#include <climits>
 #include <mutex>
 #include <system_error>
 #include <unordered_map>
@@ -84,11 +85,17 @@ private:
         bool isWatched;
         ReadyFunction ready;
     };
+    /// What else a wait may end for.
+    struct Woken {
+        bool byPost = false;
+        bool byTimer = false;
+    };
 
     void run();
     bool turn();
-    int waitTimeout(bool& hasWork);
-    bool dispatch(const epoll_event* events, int count);
+    bool isAnythingPosted();
+    void setTimer();
+    Woken dispatch(const epoll_event* events, int count);
     void runDueTimers();
     bool runPosted();
     void runTurnEnd();
@@ -104,6 +111,7 @@ private:
     LoopThread m_thread;
     int m_epoll = -1;
     int m_wake = -1;
+    int m_timer = -1;
 
     std::mutex m_mutex;
     std::vector<Task> m_posted; ///< under `m_mutex`
@@ -117,29 +125,35 @@ private:
     std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
     std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
     TimerQueue m_timers;
+    TimeNs m_timerSetTo = NEVER; ///< not later than the first of the timers, while the loop waits
     std::vector<Task> m_turnEnd;
     std::vector<Task> m_batch;  ///< what `runBatch` runs; empty between
     TimeNs m_callbackStart = 0; ///< of the coarse clock: exact to some milliseconds, and nearly free
 };
 
 EpollReactor::EpollReactor(const std::string& name)
-    : m_thread(name, this), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK))
+    : m_thread(name, this), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))
 {
-    epoll_event event{};
-    event.events = EPOLLIN | EPOLLET;
-    event.data.ptr = nullptr;
-    if (m_epoll < 0 || m_wake < 0 || ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_wake, &event) != 0) {
+    const auto add = [this](int descriptor) {
+        epoll_event event{};
+        event.events = EPOLLIN | EPOLLET;
+        event.data.ptr = descriptor == m_timer ? &m_timer : nullptr;
+        return ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
+    };
+    if (m_epoll < 0 || !add(m_wake) || !add(m_timer)) {
         const std::string message =
             fmt::format("cannot make the I/O loop '{}': {}", name, std::system_category().message(errno));
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
-    AtFork::closeInChild(m_epoll);
-    AtFork::closeInChild(m_wake);
+    for (const int descriptor : {m_epoll, m_wake, m_timer}) {
+        AtFork::closeInChild(descriptor);
+    }
 }
 
 EpollReactor::~EpollReactor()
 {
-    for (const int descriptor : {m_epoll, m_wake}) {
+    for (const int descriptor : {m_epoll, m_wake, m_timer}) {
         AtFork::forget(descriptor);
         ::close(descriptor);
     }
@@ -303,17 +317,19 @@ void EpollReactor::run()
 bool EpollReactor::turn()
 {
     std::array<epoll_event, 64> events;
-    bool hasWork = false;
-    const int timeout = waitTimeout(hasWork);
+    setTimer();
+    const bool hasWork = isAnythingPosted();
+    const int timeout = hasWork || !m_turnEnd.empty() ? 0 : -1;
     const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
     m_isAsleep.store(false, std::memory_order_relaxed);
     m_callbackStart = readClock(CLOCK_MONOTONIC_COARSE);
 
-    const bool wasWoken = dispatch(events.data(), count);
-    if (!m_timers.isEmpty()) {
+    const Woken woken = dispatch(events.data(), count);
+    if (woken.byTimer) {
+        m_timerSetTo = NEVER;
         runDueTimers();
     }
-    const bool isLast = (hasWork || wasWoken) && runPosted();
+    const bool isLast = (hasWork || woken.byPost) && runPosted();
     if (!m_turnEnd.empty()) {
         runTurnEnd();
     }
@@ -323,39 +339,43 @@ bool EpollReactor::turn()
     return isLast;
 }
 
-int EpollReactor::waitTimeout(bool& hasWork)
+/// False: whoever posts from now on wakes the loop.
+bool EpollReactor::isAnythingPosted()
 {
-    {
-        const std::lock_guard lock(m_mutex);
-        hasWork = !m_posted.empty() || m_isStopping;
-        if (!hasWork) {
-            m_isAsleep.store(true, std::memory_order_relaxed);
-        }
+    const std::lock_guard lock(m_mutex);
+    const bool isAnything = !m_posted.empty() || m_isStopping;
+    if (!isAnything) {
+        m_isAsleep.store(true, std::memory_order_relaxed);
     }
-    if (hasWork || !m_turnEnd.empty()) {
-        return 0;
-    }
-    if (m_timers.next() == NEVER) {
-        return -1;
-    }
-    // Rounded up: a timer is never early, and at most a millisecond late.
-    const TimeNs left = m_timers.next() - monotonicNow();
-    return static_cast<int>(std::clamp<TimeNs>((left + MILLISECOND - 1) / MILLISECOND, 0, INT_MAX));
+    return isAnything;
 }
 
-/// True when the loop was woken for what was posted.
-bool EpollReactor::dispatch(const epoll_event* events, int count)
+/// What it is set to for a timer that was cancelled stays: one turn for nothing.
+void EpollReactor::setTimer()
 {
-    bool wasWoken = false;
+    const TimeNs next = m_timers.next();
+    if (next < m_timerSetTo) {
+        m_timerSetTo = next;
+        const TimeNs when = std::max<TimeNs>(next, 1); // 0 would mean none
+        const itimerspec time{{}, {static_cast<time_t>(when / SECOND), static_cast<long>(when % SECOND)}};
+        ::timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &time, nullptr);
+    }
+}
+
+EpollReactor::Woken EpollReactor::dispatch(const epoll_event* events, int count)
+{
+    Woken woken;
     for (int i = 0; i < count; ++i) {
-        auto* const watch = static_cast<Watch*>(events[i].data.ptr);
-        if (watch == nullptr) {
-            wasWoken = true;
-        } else if (watch->isWatched) {
+        void* const whom = events[i].data.ptr;
+        if (whom == nullptr) {
+            woken.byPost = true;
+        } else if (whom == &m_timer) {
+            woken.byTimer = true;
+        } else if (auto* const watch = static_cast<Watch*>(whom); watch->isWatched) {
             call([watch, readiness = toReadiness(events[i].events)] { watch->ready(readiness); });
         }
     }
-    return wasWoken;
+    return woken;
 }
 
 void EpollReactor::runDueTimers()
