@@ -15,7 +15,7 @@ void Body::Free::operator()(unsigned char* block) const noexcept
 std::span<unsigned char> Body::room(std::size_t wanted)
 {
     if (m_size == m_capacity) {
-        const std::size_t capacity = std::min(m_declared, std::max(FIRST_BYTES, 4 * m_size));
+        const std::size_t capacity = std::min(m_declared, std::max({FIRST_BYTES, m_atOnce, 4 * m_size}));
         void* const block = std::realloc(m_block.get(), capacity); // moves pages instead of bytes where it can
         if (block == nullptr) {
             throw std::bad_alloc();

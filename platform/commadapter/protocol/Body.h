@@ -8,12 +8,13 @@
 namespace kesa::commadapter::protocol {
 
 /// The block of a body that arrives in pieces. It grows with what arrives: at no time does it hold more than
-/// `FIRST_BYTES` or four times what is there, whatever size was declared.
+/// `FIRST_BYTES`, `atOnce` or four times what is there, whatever size was declared.
 class Body {
 public:
     static constexpr std::size_t FIRST_BYTES = 64U << 10U;
 
-    explicit Body(std::size_t declared) noexcept : m_declared(declared) {}
+    /// `atOnce`: what the sender has earned; its block need not grow up to that size, and no byte is moved.
+    explicit Body(std::size_t declared, std::size_t atOnce = 0) noexcept : m_declared(declared), m_atOnce(atOnce) {}
 
     std::size_t declared() const noexcept { return m_declared; }
     std::size_t size() const noexcept { return m_size; }
@@ -36,6 +37,7 @@ private:
     };
     std::unique_ptr<unsigned char, Free> m_block;
     std::size_t m_declared;
+    std::size_t m_atOnce;
     std::size_t m_size = 0;
     std::size_t m_capacity = 0;
 };

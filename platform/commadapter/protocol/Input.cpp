@@ -12,8 +12,8 @@ namespace kesa::commadapter::protocol {
 
 namespace {
 
-/// Any frame fits as a whole.
-constexpr std::size_t BUFFER_BYTES = HEADER_BYTES + FRAME_BYTES;
+/// Any frame fits as a whole, and the header of the next: what follows a first fragment then goes straight into place.
+constexpr std::size_t BUFFER_BYTES = HEADER_BYTES + FRAME_BYTES + HEADER_BYTES;
 
 } // namespace
 
@@ -296,8 +296,9 @@ bool Machine::Input::begin(const FrameHeader& header, const unsigned char* conte
     if (header.hasMore() && declared <= header.body()) {
         return fail(fmt::format("fragments of stream {} do not make the {} bytes declared", header.stream, declared));
     }
+    const std::size_t atOnce = m_partials.empty() ? m_largestBody : 0;
     m_partials.emplace(header.stream,
-                       Partial{header, head, std::move(source), Body(static_cast<std::size_t>(declared))});
+                       Partial{header, head, std::move(source), Body(static_cast<std::size_t>(declared), atOnce)});
     return false;
 }
 
@@ -326,6 +327,7 @@ bool Machine::Input::endOfFrame()
     const auto node = m_partials.extract(partial->header.stream);
     const unsigned char* const data = partial->body.data();
     const std::size_t size = partial->body.size();
+    m_largestBody = std::max(m_largestBody, size);
     Payload payload(partial->body.take(), data, size, partial->head.mimeType);
     std::shared_ptr<HeaderSource> source =
         needsSource(partial->header, partial->head) ? std::move(partial->source) : nullptr;

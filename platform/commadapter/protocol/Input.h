@@ -65,6 +65,8 @@ private:
     Partial* m_current = nullptr;                // whose frame is being read into its body
     std::size_t m_remaining = 0;                 // of that frame
     bool m_currentHasMore = false;
+    /// The largest that has arrived whole. As much is kept at once for the next one, but for one at a time.
+    std::size_t m_largestBody = 0;
 
     /// The head read last: on a busy stream the next one is often the same.
     struct KnownHead {

@@ -86,7 +86,7 @@ public:
     // ---- input half -------------------------------------------------------------------------------------------
 
     /// Where the next bytes belong, never empty: a large body is read straight into its block, which grows with what
-    /// arrives, not by what was declared.
+    /// arrives, or has arrived before, not by what was declared.
     std::span<unsigned char> inputBuffer();
     /// `size` bytes were put at the start of the last `inputBuffer`. True: the peer broke the protocol, `reason` says
     /// how, and the connection must be closed; nothing is called any more.

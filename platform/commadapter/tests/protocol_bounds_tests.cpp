@@ -244,5 +244,36 @@ TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
     EXPECT_LE(machine.inputBuffer().size(), Body::FIRST_BYTES);
 }
 
+TEST(ProtocolBounds, asMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)
+{
+    constexpr std::uint32_t SIZE = 1U << 20U;
+    Recorder recorder;
+    Machine machine(Machine::Role::eSERVER, helloOf("me"), {}, recorder, 0);
+    ASSERT_FALSE(feed(machine, hello()));
+    /// Begins a body, up to the second fragment, for which there is room at once or not.
+    const auto begin = [&machine](std::uint32_t stream, std::uint32_t size) {
+        EXPECT_FALSE(feed(machine, firstFragment(stream, size)));
+        const Bytes second = frame(5, FLAG_MORE, stream, 1, {}, FRAME_BYTES);
+        EXPECT_FALSE(feed(machine, second.data(), HEADER_BYTES));
+        return machine.inputBuffer().size() >= FRAME_BYTES;
+    };
+    const auto end = [&machine](std::uint32_t stream) { // of what `begin` began
+        EXPECT_FALSE(feed(machine, Bytes(FRAME_BYTES, 'b')));
+        const std::uint32_t headBytes = 8;
+        for (std::uint32_t left = SIZE + headBytes - 2 * FRAME_BYTES; left > 0;) {
+            const std::uint32_t size = std::min<std::uint32_t>(left, FRAME_BYTES);
+            left -= size;
+            EXPECT_FALSE(feed(machine, frame(5, left > 0 ? FLAG_MORE : 0, stream, 1, {}, size)));
+        }
+    };
+    EXPECT_FALSE(begin(1, SIZE)) << "nothing has arrived yet";
+    end(1);
+    EXPECT_TRUE(begin(1, 8 * SIZE)) << "whatever is declared, as much as arrived";
+    EXPECT_FALSE(feed(machine, Bytes(FRAME_BYTES, 'b')));
+    EXPECT_FALSE(begin(2, SIZE)) << "another one is under way";
+    end(2);
+    ASSERT_EQ(recorder.lines.size(), 3U);
+}
+
 } // namespace
 } // namespace kesa::commadapter::protocol
