@@ -9,7 +9,7 @@ namespace kesa::commadapter::protocol {
 namespace {
 
 constexpr std::size_t FULL_FRAME = HEADER_BYTES + FRAME_BYTES;
-constexpr std::size_t GATHERED_BYTES = 256U << 10U; ///< of the line in one `gather`: more fits into no socket
+constexpr std::size_t GATHERED_BYTES = 512U << 10U; ///< of the line in one `gather`: more fits into no socket
 constexpr std::size_t COMPACTED_BYTES = 64U << 10U;
 constexpr std::size_t KEPT_ENTRIES = 4096;
 

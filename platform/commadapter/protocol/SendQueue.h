@@ -139,7 +139,7 @@ private:
     bool m_hasPing = false;
     bool m_hasPong = false;
 
-    static constexpr std::size_t GATHERED_FRAGMENTS = 4;
+    static constexpr std::size_t GATHERED_FRAGMENTS = 16;
     std::vector<Step> m_steps;                                                           ///< of the last `gather`
     std::array<std::array<unsigned char, HEADER_BYTES>, GATHERED_FRAGMENTS> m_headers{}; ///< of its fragments
 
