@@ -11,8 +11,8 @@
 
 namespace apps {
 
-using kesa::commadapter::OwnLocator;
 using kesa::commadapter::checkOwnLocator;
+using kesa::commadapter::OwnLocator;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaConfigAccessor;

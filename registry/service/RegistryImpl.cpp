@@ -6,8 +6,10 @@
 // A handler that calls the registry from inside its call does so in the same turn: its command is carried out at once,
 // what that brings about is written after what was to be written before.
 //
-// First answers of queries are written one list at a time, and per connection no more than about two lists wait in its
-// queue. What changes meanwhile: see `QueryWatch`.
+// To each connection no more is written than fits into a window, then its queue has to be empty once. What is to be
+// told meanwhile waits, in order, as references to records: a slow watcher costs little, holds up nobody, and is not
+// cut off for what others do. First answers of queries come after that, one list at a time; what changes meanwhile: see
+// `QueryWatch`.
 
 #include "service/RegistryImpl.h"
 
@@ -88,9 +90,10 @@ void Registry::Impl::turn(const Command& command)
 void Registry::Impl::work()
 {
     deliver();
-    while (!m_toList.empty()) {
-        const auto asker = std::move(m_toList.back());
-        m_toList.pop_back();
+    while (!m_ready.empty()) {
+        const auto asker = std::move(m_ready.back());
+        m_ready.pop_back();
+        tellNews(asker);
         listOn(asker);
         deliver();
     }
@@ -229,7 +232,7 @@ void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
                     KESA_TRACE(CHANNEL, 2, "[queryRegistry] '%s' by %s", query.pattern.c_str(), asker->name().c_str());
                     m_store.queryRegistry(stream, query, *patterns, asker->realm);
                     asker->listing.push_back(stream);
-                    m_toList.push_back(asker);
+                    m_ready.push_back(asker);
                 });
 }
 
@@ -258,17 +261,13 @@ void Registry::Impl::close()
 
 void Registry::Impl::deliver()
 {
-    std::vector<RegistryUpdate> list;
+    Updates list;
     for (Output output; m_store.next(output);) {
         switch (output.kind) {
         case Output::Kind::eUPDATE:
-            update(output, list);
-            break;
         case Output::Kind::eREGISTERED:
-            registered(output);
-            break;
         case Output::Kind::eREFUSED:
-            refused(output);
+            toAsker(std::move(output), list);
             break;
         case Output::Kind::eASK_HOLDER:
             askHolder(output);
@@ -280,38 +279,93 @@ void Registry::Impl::deliver()
     }
 }
 
-/// `list` holds the last update that was told: the same one goes to many.
-void Registry::Impl::update(const Output& output, std::vector<RegistryUpdate>& list)
+/// Now, or after what waits for the asker already.
+void Registry::Impl::toAsker(Output output, Updates& list)
 {
     const auto request = m_requests.find(output.stream);
     if (request == m_requests.end()) {
         return; // a handler has cancelled it meanwhile
     }
-    if (list.empty() || list[0].element.get() != &output.record->serviceDef || list[0].updateType != output.type) {
+    const std::shared_ptr<Asker> asker = request->second.asker;
+    if (asker->isWaiting || !asker->news.empty()) {
+        wait(*asker, std::move(output));
+        return;
+    }
+    tell(request, output, list);
+    if (asker->peer && asker->written >= WINDOW_BYTES) {
+        waitForQueue(asker);
+    }
+}
+
+/// A peer that does not take its news holds up nobody else. They cost a reference each; one that is stopped would
+/// gather them for ever.
+void Registry::Impl::wait(Asker& asker, Output output)
+{
+    asker.news.push_back(std::move(output));
+    if (asker.news.size() == MAX_WAITING_OF_THE_LIVING) {
+        asker.peer->disconnect("it takes its news more slowly than they come");
+    } else if (asker.news.size() >= MAX_WAITING && !asker.isProbed) {
+        asker.isProbed = true; // not alive, it is disconnected
+        asker.peer->proveAlive(WAITING_PROOF_TIME, [](bool) {});
+    }
+}
+
+/// `list` holds the last update that was told: the same one goes to many.
+void Registry::Impl::tell(Requests::iterator request, const Output& output, Updates& list)
+{
+    if (output.kind == Output::Kind::eREFUSED) {
+        refused(request, output);
+        return;
+    }
+    request->second.asker->written += output.record->bytes + LIST_FRAME_BYTES;
+    if (auto* const registration = std::get_if<RegistrationHandler>(&request->second.handler)) {
+        (*registration)->onNext(output.record->serviceDef);
+        return;
+    }
+    if (list.size() != 1 || list[0].element.get() != &output.record->serviceDef || list[0].updateType != output.type) {
         list.assign(1, makeUpdate(output.type, output.record));
     }
     if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
         (*query)->onNext(list);
-    } else if (auto* const tracking = std::get_if<TrackingHandler>(&request->second.handler)) {
-        (*tracking)->onNext(list[0]);
+    } else {
+        (*std::get_if<TrackingHandler>(&request->second.handler))->onNext(list[0]);
     }
 }
 
-void Registry::Impl::registered(const Output& output)
+/// What has waited, as far as the queue has room. Neighbouring changes for one query share a list.
+void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
 {
-    const auto request = m_requests.find(output.stream);
-    if (request != m_requests.end()) {
-        std::get<RegistrationHandler>(request->second.handler)->onNext(output.record->serviceDef);
+    Updates list;
+    while (!asker->isWaiting && !asker->news.empty()) {
+        const Output output = std::move(asker->news.front());
+        asker->news.pop_front();
+        const auto request = m_requests.find(output.stream);
+        if (request == m_requests.end()) {
+            continue;
+        }
+        if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
+            std::size_t bytes = LIST_FRAME_BYTES + output.record->bytes + UPDATE_BYTES;
+            list.assign(1, makeUpdate(output.type, output.record));
+            while (!asker->news.empty() && asker->news.front().stream == output.stream &&
+                   bytes + asker->news.front().record->bytes + UPDATE_BYTES < LIST_BYTES) {
+                bytes += asker->news.front().record->bytes + UPDATE_BYTES;
+                list.push_back(makeUpdate(asker->news.front().type, asker->news.front().record));
+                asker->news.pop_front();
+            }
+            asker->written += bytes;
+            (*query)->onNext(list);
+        } else {
+            tell(request, output, list);
+        }
+        if (asker->written >= WINDOW_BYTES) {
+            waitForQueue(asker);
+        }
     }
 }
 
-void Registry::Impl::refused(const Output& output)
+void Registry::Impl::refused(Requests::iterator request, const Output& output)
 {
-    const auto found = m_requests.find(output.stream);
-    if (found == m_requests.end()) {
-        return;
-    }
-    m_dead.push_back(take(found));
+    m_dead.push_back(take(request));
     KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
                output.record->path().c_str(), m_dead.back().asker->name().c_str());
     auto& handler = *std::get<RegistrationHandler>(m_dead.back().handler);
@@ -382,10 +436,10 @@ void Registry::Impl::keepsWaiting(const Output& output)
 /// Writes the next list of the asker's first answers, if its queue has room.
 void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
 {
-    if (asker->listing.empty() || asker->isWaiting) {
+    if (asker->listing.empty() || asker->isWaiting || !asker->news.empty()) {
         return;
     }
-    if (asker->peer && asker->written >= LIST_BYTES) {
+    if (asker->peer && asker->written >= WINDOW_BYTES) {
         waitForQueue(asker);
         return;
     }
@@ -397,7 +451,7 @@ void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
     if (!hasMore) {
         asker->listing.pop_front();
     }
-    m_toList.push_back(asker);
+    m_ready.push_back(asker);
     std::vector<RegistryUpdate> updates;
     updates.reserve(records.size());
     for (const RecordPtr& record : records) {
@@ -427,8 +481,9 @@ void Registry::Impl::waitForQueue(const std::shared_ptr<Asker>& asker)
         if (self && ready) {
             self->turn([&] {
                 ready->isWaiting = false;
+                ready->isProbed = false;
                 ready->written = 0;
-                self->m_toList.push_back(ready);
+                self->m_ready.push_back(ready);
             });
         }
     });

@@ -48,9 +48,12 @@ private:
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
         std::array<std::size_t, 3> requests{}; ///< open ones, by the kind of their handler
 
-        std::deque<StreamId> listing; ///< queries whose first answer is not complete, in order
-        std::size_t written = 0;      ///< of first answers, since its queue was last known to be empty
-        bool isWaiting = false;       ///< for its queue to be empty
+        std::deque<Output> news; ///< to be written once its queue is empty
+        std::deque<StreamId>
+            listing;             ///< queries whose first answer is not complete, in order; they come after the news
+        std::size_t written = 0; ///< since its queue was last known to be empty
+        bool isWaiting = false;  ///< for its queue to be empty
+        bool isProbed = false;   ///< asked for a sign of life, since so much waits for it
 
         std::string name() const;
     };
@@ -70,10 +73,14 @@ private:
     std::shared_ptr<Asker> currentAsker();
     Request take(Requests::iterator request);
 
+    using Updates = std::vector<RegistryUpdate>;
+
     void deliver();
-    void update(const Output& output, std::vector<RegistryUpdate>& list);
-    void registered(const Output& output);
-    void refused(const Output& output);
+    void toAsker(Output output, Updates& list);
+    void wait(Asker& asker, Output output);
+    void tell(Requests::iterator request, const Output& output, Updates& list);
+    void tellNews(const std::shared_ptr<Asker>& asker);
+    void refused(Requests::iterator request, const Output& output);
     void askHolder(const Output& output);
     void keepsWaiting(const Output& output);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
@@ -89,8 +96,8 @@ private:
     std::map<AskerKey, std::shared_ptr<Asker>> m_askers;
     StreamId m_lastStream = 0;
     bool m_isWorking = false;
-    std::vector<std::shared_ptr<Asker>> m_toList; ///< whose first answers may go on
-    std::vector<Request> m_dead;                  ///< to be destroyed once the mutex is free
+    std::vector<std::shared_ptr<Asker>> m_ready; ///< whose news and first answers may go on
+    std::vector<Request> m_dead;                 ///< to be destroyed once the mutex is free
 };
 
 } // namespace kesa::registry

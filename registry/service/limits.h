@@ -21,6 +21,14 @@ inline constexpr std::size_t LIST_BYTES = 48U << 10U;
 /// What a list takes besides its updates.
 inline constexpr std::size_t LIST_FRAME_BYTES = 64;
 
+/// How much is written to a connection before its queue has to be empty once. What comes meanwhile waits here, as
+/// references to records.
+inline constexpr std::size_t WINDOW_BYTES = 128U << 10U;
+/// With that many news waiting, a peer has to show that it lives; with that many more it is cut off.
+inline constexpr std::size_t MAX_WAITING = 1U << 14U;
+inline constexpr std::size_t MAX_WAITING_OF_THE_LIVING = 1U << 20U;
+inline constexpr comm::TimeNs WAITING_PROOF_TIME = 5 * comm::SECOND;
+
 /// How long a holder has to show that it lives.
 inline constexpr comm::TimeNs PROOF_TIME = comm::SECOND;
 

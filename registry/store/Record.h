@@ -25,6 +25,8 @@ struct Record {
 
     const std::string& path() const noexcept { return serviceDef.path.toString(); }
 };
+/// What an update takes besides its record: `{"updateType":"REMOVED","element":},`
+inline constexpr std::size_t UPDATE_BYTES = 40;
 using RecordPtr = std::shared_ptr<const Record>;
 
 /// The realm a watcher's `ipc` locators lead into. Null: it is shown everything.

@@ -7,8 +7,6 @@ namespace kesa::registry {
 
 namespace {
 
-/// What an update takes in a list besides its record: `{"updateType":"REMOVED","element":},`
-constexpr std::size_t UPDATE_BYTES = 40;
 /// What looking at a record counts like.
 constexpr std::size_t LOOK_BYTES = 32;
 
