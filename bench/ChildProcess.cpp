@@ -3,6 +3,7 @@
 #include "clocks.h"
 #include "require.h"
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -12,16 +13,28 @@
 
 namespace bench {
 
-ChildProcess::ChildProcess(const Body& body)
+namespace {
+
+/// In the child.
+void runProgram(const std::string& program, int output)
+{
+    require(::dup2(output, STDOUT_FILENO) >= 0, "standard output");
+    ::execl(program.c_str(), program.c_str(), nullptr);
+    require(false, program.c_str());
+}
+
+} // namespace
+
+ChildProcess::ChildProcess(const std::function<void(int ready)>& run)
 {
     int ends[2];
-    require(::pipe(ends) == 0, "pipe");
+    require(::pipe2(ends, O_CLOEXEC) == 0, "pipe");
     m_pid = ::fork();
     require(m_pid >= 0, "fork");
     if (m_pid == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::close(ends[0]);
-        body([&ends] { require(::write(ends[1], "r", 1) == 1, "tell the parent"); });
+        run(ends[1]);
         ::_exit(0);
     }
     ::close(ends[1]);
@@ -30,10 +43,24 @@ ChildProcess::ChildProcess(const Body& body)
     ::close(ends[0]);
 }
 
+ChildProcess::ChildProcess(const Body& body)
+    : ChildProcess(std::function<void(int)>(
+          [&body](int ready) { body([ready] { require(::write(ready, "r", 1) == 1, "tell the parent"); }); }))
+{}
+
+ChildProcess::ChildProcess(const std::string& program)
+    : ChildProcess(std::function<void(int)>([&program](int ready) { runProgram(program, ready); }))
+{}
+
 ChildProcess::~ChildProcess()
 {
-    ::kill(m_pid, SIGKILL);
+    kill();
     ::waitpid(m_pid, nullptr, 0);
+}
+
+void ChildProcess::kill() const noexcept
+{
+    ::kill(m_pid, SIGKILL);
 }
 
 std::int64_t ChildProcess::cpuNs() const noexcept

@@ -78,4 +78,16 @@ void compareExcess(const std::string& what, const Side& floor, const Side& own, 
     print(what, floor, own, measured, fmt::format("{:+.2f} ns  <= {} ns {}", excess, aimNs, verdict(excess, aimNs)));
 }
 
+void measureAlone(const std::string& what, const Side& own, int rounds, double aimMs)
+{
+    std::vector<double> times;
+    for (int round = 0; round < rounds; ++round) {
+        times.push_back(own.round() / 1e6);
+    }
+    const double median = quantile(times, 0.5);
+    fmt::print("{:<44} {:>50}: {:.1f} ms ({:.1f}..{:.1f}){}\n", what, own.name, median, quantile(times, 0.25),
+               quantile(times, 0.75), aimMs == 0 ? "" : fmt::format("  <= {} ms {}", aimMs, verdict(median, aimMs)));
+    std::fflush(stdout);
+}
+
 } // namespace bench

@@ -16,6 +16,8 @@ struct Side {
 void compare(const std::string& what, const Side& floor, const Side& own, int rounds, double aim = 0);
 /// The same, but what counts is how many nanoseconds `own` takes longer.
 void compareExcess(const std::string& what, const Side& floor, const Side& own, int rounds, double aimNs);
+/// One side alone, in milliseconds, which with an aim above 0 are to be that at most.
+void measureAlone(const std::string& what, const Side& own, int rounds, double aimMs = 0);
 
 } // namespace bench
 

@@ -1,6 +1,7 @@
 // Calls between two processes beside what the machine can do without Kesa. Kesa and the floor are measured in turn,
 // each time in processes of their own; a ratio is the median of the ratios of neighbouring measurements.
 //     kesa_bench_call [rounds [seconds per measurement]]
+#include "RunDirectory.h"
 #include "apart.h"
 #include "floors.h"
 #include "kesa_calls.h"
@@ -8,8 +9,6 @@
 #include <fmt/format.h>
 
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <string>
 #include <vector>
@@ -121,25 +120,6 @@ void countAllocations()
     print("64 B, blocked in get, provider's side", counted.provider);
 }
 
-/// A folder for sockets and the configuration, which is gone at the end.
-class RunDirectory {
-public:
-    RunDirectory() : m_folder((std::filesystem::temp_directory_path() / "kesa-bench-XXXXXX").string())
-    {
-        require(::mkdtemp(m_folder.data()) != nullptr, "temporary folder");
-        const std::string document = m_folder + "/kesa.json";
-        std::ofstream(document) << R"({"use_registry": false, "backends": ["comm"]})";
-        ::setenv("KESA_RUN_DIR", m_folder.c_str(), 1);
-        ::setenv("KESA_CONFIG", document.c_str(), 1);
-    }
-    ~RunDirectory() { std::filesystem::remove_all(m_folder); }
-    RunDirectory(const RunDirectory&) = delete;
-    RunDirectory& operator=(const RunDirectory&) = delete;
-
-private:
-    std::string m_folder;
-};
-
 } // namespace
 
 int main(int argc, char** argv)
@@ -147,7 +127,7 @@ int main(int argc, char** argv)
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 7;
     const double seconds = argc > 2 ? std::atof(argv[2]) : 0.5;
     const std::string only = argc > 3 ? argv[3] : "";
-    const RunDirectory directory;
+    const bench::RunDirectory directory(R"({"use_registry": false, "backends": ["comm"]})");
     fmt::print("{:<37} {:<12} {:>12} {:>18} {:>6} {:<14}  {}\n", "two processes", "", "Kesa", "floor", "ratio",
                "(quartiles)", "aim");
     for (const Row& row : rows()) {

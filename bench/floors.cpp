@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstring>
+#include <memory>
 #include <mutex>
 #include <thread>
 #include <utility>
@@ -402,6 +403,60 @@ Measured pushedStream(double seconds)
                 "receive");
     }
     return answers.result();
+}
+
+Measured relayOverTwoHops(double seconds)
+{
+    int hop[2];
+    require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, hop) == 0, "socketpair");
+    const Descriptor into(hop[0]);
+    const Descriptor outOf(hop[1]);
+    const Link third(0, [&outOf](int socket) { // tells when it had the message
+        Message message;
+        while (receiveAll(outOf, &message, sizeof message)) {
+            message.sentAt = wallNs();
+            require(sendAll(socket, &message, sizeof message), "send");
+        }
+    });
+    const Link second(0, [&into](int socket) {
+        Message message;
+        while (receiveAll(socket, &message, sizeof message) && sendAll(into, &message, sizeof message)) {
+        }
+    });
+    Recorder recorder(second.server, seconds);
+    std::uint64_t number = 0;
+    for (bool goesOn = true; goesOn;) {
+        const Message sent = Message::make(++number);
+        Message arrived;
+        require(sendAll(second.socket, &sent, sizeof sent), "send");
+        require(receiveAll(third.socket, &arrived, sizeof arrived), "receive");
+        arrived.check(number);
+        goesOn = recorder.add(sent.sentAt, arrived.sentAt);
+    }
+    return recorder.result();
+}
+
+std::int64_t deathHeardThroughAnother(const ChildProcess::Body& live)
+{
+    int ends[2];
+    require(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) == 0, "socketpair");
+    auto mortalEnd = std::make_unique<Descriptor>(ends[0]);
+    const Descriptor watched(ends[1]);
+    const ChildProcess mortal(live);
+    mortalEnd.reset(); // the mortal's copy is the last
+    const Link witness(0, [&watched](int socket) {
+        Message message;
+        require(!receiveAll(watched, &message, sizeof message), "end of the socket");
+        message = Message::make(1);
+        require(sendAll(socket, &message, sizeof message), "send");
+    });
+    const std::int64_t killedAt = wallNs();
+    mortal.kill();
+    Message message;
+    require(receiveAll(witness.socket, &message, sizeof message), "receive");
+    const std::int64_t heardAt = wallNs();
+    message.check(1);
+    return heardAt - killedAt;
 }
 
 } // namespace bench

@@ -25,6 +25,12 @@ Measured connectAndTwoRoundTrips(double seconds);
 /// The server pushes, one write per message; the times are the messages' ages when read.
 Measured pushedStream(double seconds);
 
+/// One message through a second process to a third; the time until that has it.
+Measured relayOverTwoHops(double seconds);
+/// Kills a process that runs `live`, which says when it can be killed; the time until a third one has heard of the end
+/// of its socket from a second.
+std::int64_t deathHeardThroughAnother(const ChildProcess::Body& live);
+
 } // namespace bench
 
 #endif
