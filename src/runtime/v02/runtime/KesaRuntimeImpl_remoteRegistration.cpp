@@ -114,6 +114,12 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
         m_remoteRegistryHandler->forget(*entry.remoteRegistrationId);
     }
     entry.remoteRegistrationNumber = 0;
+    // Nobody calls the service any more when its registrator hears of it and lets go of what the service needs.
+    optional<ServiceDef> withdrawn;
+    if (entry.optionalServiceDef) {
+        withdrawn = takeRecord(entry);
+        unprovide(entry, *withdrawn);
+    }
     if (entry.optionalRegistrator) {
         postError(std::move(*entry.optionalRegistrator), error);
         entry.optionalRegistrator.reset();
@@ -123,16 +129,14 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
                    "onError message=%s",
                    message.c_str());
     }
-    if (!entry.optionalServiceDef) {
+    if (!withdrawn) {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[registerService RemoteRegistryHandler] runtimeEntryIter->second.optionalServiceDef has no value "
                    "onError message=%s",
                    message.c_str());
         return;
     }
-    const ServiceDef withdrawn = takeRecord(entry);
-    unprovide(entry, withdrawn);
-    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, withdrawn, entry.trackers, m_queryTrackers);
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *withdrawn, entry.trackers, m_queryTrackers);
     deleteRuntimeEntry(path);
     followRemotely(path);
 }
