@@ -6,6 +6,7 @@
 #include <kesa/commadapter/IBackend.h>
 
 #include <functional>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
@@ -15,15 +16,15 @@ namespace kesa::sim {
 
 /// What a runtime asked of its backend, and has not taken back.
 struct BackendBooks {
-    std::set<const void*> clients;       ///< connected and not released
-    std::multiset<std::string> provided; ///< and not unprovided
+    std::map<const void*, std::string> clients; ///< connected and not released, with their locators
+    std::multiset<std::string> provided;        ///< and not unprovided
 };
 
 /// Stands between a runtime and its backend: keeps the books, and refuses some client objects when the run wants that.
 class CheckedBackend final : public commadapter::IBackend {
 public:
     CheckedBackend(Verdict& verdict, std::unique_ptr<IBackend> backend, std::shared_ptr<BackendBooks> books,
-                   std::function<bool()> refuses)
+                   std::function<bool(const url&)> refuses)
         : m_verdict(verdict), m_backend(std::move(backend)), m_books(std::move(books)), m_refuses(std::move(refuses))
     {}
 
@@ -53,10 +54,10 @@ public:
 
     commadapter::KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override
     {
-        commadapter::KesaClientApi* const client = m_refuses() ? nullptr : m_backend->connect(locator, listener);
+        commadapter::KesaClientApi* const client = m_refuses(locator) ? nullptr : m_backend->connect(locator, listener);
         const std::lock_guard<std::mutex> lock(m_verdict.mutex);
         if (client != nullptr) {
-            m_books->clients.insert(client);
+            m_books->clients.emplace(client, locator.toString());
         }
         return client;
     }
@@ -81,7 +82,7 @@ private:
     Verdict& m_verdict;
     const std::unique_ptr<IBackend> m_backend;
     const std::shared_ptr<BackendBooks> m_books;
-    const std::function<bool()> m_refuses;
+    const std::function<bool(const url&)> m_refuses;
 };
 
 } // namespace kesa::sim

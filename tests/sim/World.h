@@ -1,115 +1,137 @@
 #ifndef KESA_TESTS_SIM_WORLD_H
 #define KESA_TESTS_SIM_WORLD_H
 
-#include "Observers.h"
+#include "Process.h"
+#include "Random.h"
 
+#include <backend/CommBackend.h>
 #include <comm/SimulatedScheduler.h>
-#include <kesa/Disposable.h>
-#include <kesa/IKesaApi.h>
 #include <kesa/commadapter/IBackend.h>
-#include <obr/Random.h>
-#include <runtime/v02/runtime/KesaRuntimeImpl.h>
 #include <transport/MemoryNetwork.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
 namespace kesa::sim {
 
-struct BackendBooks;
-
 struct Options {
     std::uint64_t seed = 1;
     unsigned steps = 150;
-    bool threads = false; ///< real loops instead of the simulated ones: not repeatable, for the sanitizers
+    bool threads = false;  ///< real loops instead of the simulated ones: not repeatable, for the sanitizers
+    bool registry = false; ///< a registry in a process of its own, instead of configured services
 };
 
-/// A few processes on one network, driven by one seed: they register, track, query, resolve, call, dispose, are killed
-/// and start again, on paths they share. `run` answers the broken rules.
+inline constexpr const char* REGISTRY_PROCESS = "kesa-registryd";
+inline constexpr const char* REGISTRY_PATH = "/registry";
+/// Configured services, without a registry: the first half is of "p0", the rest of "p1".
+inline const std::vector<std::string> STATIC_PATHS = {"/s/a", "/s/b", "/s/c", "/s/d"};
+inline const std::vector<std::string> DYNAMIC_PATHS = {"/d/a", "/d/b", "/d/c"};
+inline const std::string MALFORMED_PATTERN = "/d/[a-";
+
+std::string ownerOf(const std::string& staticPath);
+bool isStatic(const std::string& path);
+
+/// Processes on one network, everything that can be done to them, and what has to be true of them. Units: processes
+/// (processes.cpp), what their programs do (programs.cpp), what must be true (expectations.cpp).
 class World {
 public:
     explicit World(const Options& options);
     ~World();
+    World(const World&) = delete;
+    World& operator=(const World&) = delete;
 
-    std::vector<std::string> run();
+    Process& add(const std::string& name);
+    Process& registry();
+    std::vector<std::unique_ptr<Process>>& processes() { return m_processes; }
+    commadapter::transport::MemoryNetwork& network() { return *m_network; }
+    /// Null with real threads.
+    comm::SimulatedScheduler* scheduler() { return m_scheduler.get(); }
+    Verdict& verdict() { return *m_verdict; }
+    bool hasRegistry() const { return m_options.registry; }
+    /// Backends refuse some client objects from now on.
+    void refuseSome(bool refuses) { m_isRefusing = refuses; }
+    void setBackendSettings(const commadapter::CommSettings& settings) { m_settings = settings; }
+
+    void start(Process& process);
+    /// From one moment to the next: its loops never run again, its network ends, nothing is said.
+    void kill(Process& process);
+    /// As on SIGTERM.
+    void end(Process& process);
+    /// As by SIGSTOP and SIGCONT. Nothing may be done to a stopped process but killing and continuing it.
+    void stop(Process& process);
+    void resume(Process& process);
+
+    struct Offer {
+        std::string path;
+        ServiceDef::TypeEnum type = ServiceDef::TypeEnum::pex;
+        std::string colour = "red";
+        std::size_t fillerBytes = 0; ///< makes the record large
+    };
+    void registerService(Process& process, const Offer& offer);
+    void subscribe(Process& process, Stream kind, const std::string& target);
+    void subscribe(Process& process, Stream kind, const serviceregistry::Query& query);
+    void dispose(Subscription& subscription);
+    /// To one of the clients that the subscription has; true when there was one.
+    bool call(Process& process, const Subscription& subscription, bool isCancelled);
+
+    /// Waits until nothing moves any more, or every observer believes the truth; then asks all clients who answers.
+    void settle();
+    /// Everything is taken back: nobody holds anything any more.
+    void disposeAll();
+    /// Ends all.
+    void endAll();
 
 private:
-    enum class Stream { eTRACK, eQUERY, eRESOLVE, eTRACK_RESOLVE, eQUERY_RESOLVE };
-    struct Subscription {
-        Stream kind;
-        std::string target; ///< path, pattern or locator
-        Disposable disposable;
-        std::shared_ptr<Belief> belief;
-        bool disposed = false;
-    };
-    struct Registration {
-        std::string path;
-        Disposable disposable;
-        std::shared_ptr<Belief> belief;
-    };
-    class Service;
-    struct Process {
-        std::string name;
-        std::uint64_t group = 0;
-        std::unique_ptr<runtime::v02::KesaRuntimeImpl> runtime;
-        std::shared_ptr<BackendBooks> books;
-        std::vector<Subscription> subscriptions;
-        std::vector<Registration> registrations;
-        std::vector<std::shared_ptr<Belief>> answers;
-        std::vector<std::shared_ptr<Service>> services;
-    };
-
-    std::uint64_t draw(std::uint64_t bound) { return m_random.below(bound); }
-    template <class T>
-    T& pick(std::vector<T>& from)
-    {
-        return from[draw(from.size())];
-    }
-
-    void act();
-    void start(Process& process);
-    void kill(Process& process);
-    void shutdown(Process& process);
-    void registerService(Process& process);
-    void subscribe(Process& process);
-    void dispose(Process& process);
-    void disposeAgain(Process& process);
-    void call(Process& process);
-    void answer(Process& process);
-    void advance();
-
-    /// Faults off; waits until nothing moves any more, or every observer believes the truth.
-    void settle();
-    void disposeAll();
     std::unique_ptr<commadapter::IBackend> makeBackend(const std::string& name);
-    std::vector<std::string> differences() const;
-    std::string differenceOf(const Process& process, const Subscription& subscription) const;
-    std::set<std::string> expectedOf(const Process& process, const Subscription& subscription) const;
-    void checkEnds(Process& process);
-    bool provides(const std::string& process, const std::string& path) const;
-    bool registered(const Process& process, const std::string& path) const;
-    static std::string document();
-    std::string somePath();
+    void startRegistry(Process& process);
+    std::string document() const;
+    void letGo(Process& process);
+    void add(Process& process, Subscription subscription);
+    Client clientOf(const Subscription& subscription);
+    std::shared_ptr<Belief> ask(Process& process, const Client& client, const std::string& path);
 
-    struct SeededRandom final : obr::Random {
-        std::uint64_t state = 0;
-        std::uint64_t next() override;
-    };
+    // expectations.cpp. With the verdict's mutex held.
+    using Truth = std::map<std::string, std::shared_ptr<Belief>>; ///< registrations by path; null: any
+
+    std::vector<std::string> differences();
+    std::vector<std::string> registryDifferences();
+    std::string differenceOf(const Process& process, const Subscription& subscription);
+    std::string endOf(const Process& process, const Subscription& subscription) const;
+    Truth truthOf(const Process& process);
+    Truth expectedOf(const Process& process, const Subscription& subscription);
+    std::string shownBy(const Subscription& subscription, const Truth& expected) const;
+    std::shared_ptr<Belief> provided(const std::string& process, const std::string& path) const;
+    static std::shared_ptr<Belief> registered(const Process& process, const std::string& path);
+    bool isTakenBack();
+    void checkEnds(Process& process);
+    void checkRefusals();
+    bool isDoubleClaim(const Belief& refused) const;
+    void askAll();
 
     Options m_options;
-    SeededRandom m_random;
-    SeededRandom m_kesaRandom;
+    SeededRandom m_random; ///< Kesa's, and what happens inside
     std::unique_ptr<comm::SimulatedScheduler> m_scheduler;
     std::unique_ptr<Verdict> m_verdict;
     std::unique_ptr<commadapter::transport::MemoryNetwork> m_network;
+    commadapter::CommSettings m_settings;
     std::vector<std::unique_ptr<Process>> m_processes;
     std::uint64_t m_groups = 0;
     unsigned m_names = 0;
-    bool m_isRefusing = false; ///< backends refuse some client objects
+    bool m_isRefusing = false;
+    comm::TimeNs m_timeStopped = 0; ///< of all stops together
+    std::map<std::uint64_t, comm::TimeNs> m_stoppedAt;
+
+    /// Every registration there ever was.
+    struct Claim {
+        std::string path;
+        std::uint64_t group;
+        std::shared_ptr<Belief> belief;
+    };
+    std::vector<Claim> m_claims;
 };
 
 } // namespace kesa::sim

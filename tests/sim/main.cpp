@@ -2,18 +2,20 @@
 //
 //   kesa_sim --seeds 5000 --seconds 60     at least 5,000 seeds, and as many more as a minute holds
 //   kesa_sim --from 4711 --seeds 1         one run again; a failing seed is the whole report
+//   kesa_sim --registry ...                with a registry in a process of its own, instead of configured services
 //   kesa_sim --threads --seeds 200         the same model with real threads, for the sanitizers
 //
 // The first runs also collect marks: every rare branch in marks.h must be reached by one of them.
 
-#include "World.h"
+#include "Run.h"
 #include "marks.h"
+#include "orders.h"
 
 #include <CLI/CLI.hpp>
 #include <tracing/Sink.h>
 
-#include <array>
 #include <cstdio>
+#include <mutex>
 
 namespace {
 
@@ -22,11 +24,13 @@ using namespace kesa::sim;
 /// Notes which marks the traces reach.
 class MarkSink final : public tracing::ISink {
 public:
+    explicit MarkSink(std::vector<std::string_view> names) : m_names(std::move(names)), m_reached(m_names.size()) {}
+
     void write(const tracing::Line& line) override
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        for (std::size_t index = 0; index < MARKS.size(); ++index) {
-            if (!m_reached[index] && line.text.find(MARKS[index]) != std::string_view::npos) {
+        for (std::size_t index = 0; index < m_names.size(); ++index) {
+            if (!m_reached[index] && line.text.find(m_names[index]) != std::string_view::npos) {
                 m_reached[index] = true;
             }
         }
@@ -34,17 +38,18 @@ public:
     std::vector<std::string_view> missing() const
     {
         std::vector<std::string_view> names;
-        for (std::size_t index = 0; index < MARKS.size(); ++index) {
+        for (std::size_t index = 0; index < m_names.size(); ++index) {
             if (!m_reached[index]) {
-                names.push_back(MARKS[index]);
+                names.push_back(m_names[index]);
             }
         }
         return names;
     }
 
 private:
+    const std::vector<std::string_view> m_names;
     std::mutex m_mutex;
-    std::array<bool, MARKS.size()> m_reached{};
+    std::vector<bool> m_reached;
 };
 
 class PrintSink final : public tracing::ISink {
@@ -60,13 +65,13 @@ public:
     void write(const tracing::Line&) override {}
 };
 
-bool runSeed(Options options)
+/// Prints the failures; their number.
+std::uint64_t report(std::uint64_t seed, const std::vector<std::string>& failures)
 {
-    const std::vector<std::string> failures = World(options).run();
     for (const std::string& failure : failures) {
-        std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed), failure.c_str());
+        std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), failure.c_str());
     }
-    return failures.empty();
+    return failures.empty() ? 0 : 1;
 }
 
 } // namespace
@@ -78,6 +83,7 @@ int main(int argc, char** argv)
     std::uint64_t seeds = 1000;
     std::uint64_t markSeeds = 300;
     double seconds = 0;
+    std::uint64_t orders = 0;
     bool verbose = false;
     CLI::App app{"Simulates processes that register, track, resolve, call and die."};
     app.add_option("--from", from, "the first seed")->capture_default_str();
@@ -86,23 +92,29 @@ int main(int argc, char** argv)
     app.add_option("--steps", options.steps, "actions in a run")->capture_default_str();
     app.add_option("--mark-seeds", markSeeds, "in how many runs marks are collected; 0: none are asked for")
         ->capture_default_str();
+    app.add_flag("--registry", options.registry, "with a registry in a process of its own");
+    app.add_option("--orders", orders, "with how many seeds to run all orders of start first")->capture_default_str();
     app.add_flag("--threads", options.threads, "real threads");
     app.add_flag("--verbose", verbose, "print every trace");
     CLI11_PARSE(app, argc, argv);
 
-    const auto marks = std::make_shared<MarkSink>();
+    const auto marks = std::make_shared<MarkSink>(options.registry ? registryMarks() : localMarks());
     const comm::TimeNs begin = comm::now();
     std::uint64_t done = 0;
     std::uint64_t failed = 0;
     tracing::setThreshold("*", verbose || markSeeds > 0 ? 1 : 5);
     tracing::setSink(verbose ? std::shared_ptr<tracing::ISink>(std::make_shared<PrintSink>()) : marks);
+    for (std::uint64_t seed = from; seed < from + orders; ++seed) {
+        failed += report(seed, runOrders(seed));
+        failed += report(seed, runManyProcesses(seed));
+    }
     while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
         if (done == markSeeds && !verbose) {
             tracing::setThreshold("*", 5);
             tracing::setSink(std::make_shared<NullSink>());
         }
         options.seed = from + done;
-        failed += runSeed(options) ? 0U : 1U;
+        failed += report(options.seed, Run(options).run());
         ++done;
     }
     if (!verbose && markSeeds > 0 && done >= markSeeds) {

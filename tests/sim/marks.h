@@ -1,43 +1,54 @@
 #ifndef KESA_TESTS_SIM_MARKS_H
 #define KESA_TESTS_SIM_MARKS_H
 
-#include <array>
 #include <string_view>
+#include <vector>
 
 namespace kesa::sim {
 
 /// Texts of traces, each of a branch that only an unusual order of events reaches.
-inline constexpr std::array<std::string_view, 29> MARKS = {
-    "already registered handle=",
-    "is not configured to be provided by this process",
-    "type mismatch",
-    "[performUnregistration] can not find service",
-    "entry is in use service=",
-    "already registered -> notifying tracker",
-    "static configured an in provided by other process",
-    "[QueryUpdateBookkeeper onNext] initial update",
-    "[QueryUpdateBookkeeper onNext] flip in service lifetime",
-    "[QueryUpdateBookkeeper onNext] erase",
-    "path do not match",
-    "[trackServices query Disposable] no trackService found",
-    "services matching query",
-    "[resolve] no resolveable url found",
-    "[releaseResolve] url to release not found",
-    "there are already active openProxys",
-    "there are still active openProxy call do not free proxy",
-    "MyClientConnectionListener already dead",
-    "[trackAndResolveService onNext of tracking] eREMOVED",
-    "has value send it to client",
-    "has no value send nullopt to client",
-    "[trackAndResolveService Disposable] can not find url  to release",
-    "[trackAndResolveServices onNext of tracking] eREMOVED call onNext to client",
-    "[trackAndResolveService onNext of resolve] proxy is gone",
-    "[trackAndResolveServices onNext of resolve] proxy is gone",
-    "[trackAndResolveService onNext of tracking] subscription is gone",
-    "[trackAndResolveServices onNext of tracking] subscription is gone",
-    "[addResponseHandler] add handle",
-    "[dtor] m_runtimeEntries",
-};
+inline std::vector<std::string_view> localMarks()
+{
+    return {
+        "already registered handle=",
+        "is not configured to be provided by this process",
+        "type mismatch",
+        "[performUnregistration] can not find service",
+        "entry is in use service=",
+        "already registered -> notifying tracker",
+        "static configured an in provided by other process",
+        "[QueryUpdateBookkeeper onNext] initial update",
+        "[QueryUpdateBookkeeper onNext] flip in service lifetime",
+        "[QueryUpdateBookkeeper onNext] erase",
+        "path do not match",
+        "[trackServices query Disposable] no trackService found",
+        "services matching query",
+        "[resolve] no resolveable url found",
+        "[releaseResolve] url to release not found",
+        "there are already active openProxys",
+        "there are still active openProxy call do not free proxy",
+        "MyClientConnectionListener already dead",
+        "[trackAndResolveService onNext of tracking] eREMOVED",
+        "has value send it to client",
+        "has no value send nullopt to client",
+        "[trackAndResolveService Disposable] can not find url  to release",
+        "[trackAndResolveServices onNext of tracking] eREMOVED call onNext to client",
+        "[trackAndResolveService onNext of resolve] proxy is gone",
+        "[trackAndResolveServices onNext of resolve] proxy is gone",
+        "[trackAndResolveService onNext of tracking] subscription is gone",
+        "[trackAndResolveServices onNext of tracking] subscription is gone",
+        "[addResponseHandler] add handle",
+        "[dtor] m_runtimeEntries",
+    };
+}
+
+inline std::vector<std::string_view> registryMarks()
+{
+    return {
+        "is refused: another living process has it",
+        "shows no sign of life",
+    };
+}
 
 } // namespace kesa::sim
 

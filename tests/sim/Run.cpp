@@ -1,0 +1,296 @@
+#include "Run.h"
+
+#include <mutex>
+
+namespace kesa::sim {
+
+using serviceregistry::Query;
+
+namespace {
+
+constexpr unsigned PROCESSES = 3; // besides the registry's
+const std::vector<std::string> PATTERNS = {"**", "/s/*", "/d/**", "/s/{a,c}", "/nowhere/*", MALFORMED_PATTERN};
+const std::vector<std::string> REGISTRY_PATTERNS = {"**",   "/d/*",       "/d/[ab]",        "/*/b",
+                                                    "/d/c", "/nowhere/*", MALFORMED_PATTERN};
+const std::vector<std::string> COLOURS = {"red", "blue"};
+
+} // namespace
+
+Run::Run(const Options& options) : m_options(options), m_world(options)
+{
+    m_random.state = options.seed * 2 + 1;
+    m_networkRandom.state = options.seed ^ 0x5A5A5A5AULL;
+}
+
+std::vector<std::string> Run::run()
+{
+    drawFaults();
+    if (m_options.registry) {
+        m_world.add(REGISTRY_PROCESS);
+    }
+    for (unsigned index = 0; index < PROCESSES; ++index) {
+        m_world.add("p" + std::to_string(index));
+    }
+    for (auto& process : m_world.processes()) {
+        if (!m_options.registry || !oneIn(3)) {
+            m_world.start(*process);
+        }
+    }
+    for (unsigned step = 0; step < m_options.steps && !m_world.verdict().failed(); ++step) {
+        act();
+    }
+    m_world.network().setFaults({});
+    for (auto& process : m_world.processes()) {
+        m_world.resume(*process);
+        if (!process->runtime) {
+            m_world.start(*process);
+        }
+    }
+    m_world.settle();
+    m_world.disposeAll();
+    m_world.endAll();
+    return m_world.verdict().failures();
+}
+
+// ---- faults -------------------------------------------------------------------------------------------------------
+
+/// Each run leaves some kinds out and overdoes others.
+void Run::drawFaults()
+{
+    commadapter::transport::MemoryNetwork::Faults faults;
+    if (draw(3) != 0) {
+        faults.draw = [this](std::uint64_t bound) { return m_networkRandom.below(bound); };
+        faults.shortWritePercent = static_cast<unsigned>(draw(2) * draw(60));
+        faults.shortReadPercent = static_cast<unsigned>(draw(2) * draw(60));
+        faults.refusePercent = static_cast<unsigned>(draw(2) * draw(50));
+        faults.longestDelay = static_cast<comm::TimeNs>(draw(2) * draw(20)) * comm::MILLISECOND;
+        if (m_options.registry) {
+            faults.heldOpenPercent = static_cast<unsigned>(draw(2) * draw(100));
+        }
+    }
+    if (m_options.registry && oneIn(6)) { // large records through narrow streams, and queues that overflow
+        m_fillerBytes = 20000;
+        faults.pipeBytes = 4096U << draw(4);
+        commadapter::CommSettings settings;
+        settings.sendQueueBytes = 128U << 10U;
+        m_world.setBackendSettings(settings);
+    }
+    if (m_options.threads) {
+        faults = {};
+    }
+    m_world.network().setFaults(faults);
+    m_world.refuseSome(oneIn(4));
+}
+
+void Run::advance()
+{
+    comm::SimulatedScheduler* const scheduler = m_world.scheduler();
+    if (scheduler == nullptr) {
+        return;
+    }
+    switch (draw(m_options.registry ? 8 : 4)) {
+    case 0:
+        scheduler->runReady();
+        break;
+    case 1:
+        scheduler->runFor(static_cast<comm::TimeNs>(draw(200)) * comm::MILLISECOND);
+        break;
+    case 7:
+        scheduler->runFor(static_cast<comm::TimeNs>(draw(8000)) * comm::MILLISECOND);
+        break;
+    default:
+        for (std::uint64_t count = draw(40); count > 0; --count) {
+            scheduler->step();
+        }
+    }
+}
+
+/// Gone and back at once, and it does again what it did first.
+void Run::restart(Process& process)
+{
+    std::vector<std::string> paths;
+    for (const Registration& registration : process.registrations) {
+        if (registration.belief->isInForce()) {
+            paths.push_back(registration.path);
+        }
+    }
+    if (process.isRegistry && oneIn(2)) {
+        m_world.end(process);
+    } else {
+        m_world.kill(process);
+    }
+    m_world.start(process);
+    for (const std::string& path : paths) {
+        m_world.registerService(process, {path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
+    }
+}
+
+// ---- actions ------------------------------------------------------------------------------------------------------
+
+void Run::act()
+{
+    Process& process = *pick(m_world.processes());
+    if (process.isStopped) {
+        actWhileStopped(process);
+    } else if (process.runtime) {
+        actOf(process);
+    } else if (oneIn(2)) {
+        m_world.start(process);
+    } else {
+        advance();
+    }
+}
+
+void Run::actWhileStopped(Process& process)
+{
+    const std::uint64_t choice = draw(20);
+    if (choice == 0) {
+        m_world.kill(process);
+    } else if (choice < 5) {
+        m_world.resume(process);
+    } else {
+        advance();
+    }
+}
+
+void Run::actOf(Process& process)
+{
+    const std::uint64_t choice = draw(100);
+    if (choice < 3) {
+        m_world.kill(process);
+    } else if (choice < 5) {
+        m_world.end(process);
+    } else if (choice < 18) {
+        registerService(process);
+    } else if (choice < 38) {
+        subscribe(process);
+    } else if (choice < 48) {
+        dispose(process);
+    } else if (choice < 50) {
+        disposeAgain(process);
+    } else if (choice < 58) {
+        if (!process.subscriptions.empty()) {
+            m_world.call(process, pick(process.subscriptions), oneIn(4));
+        }
+    } else if (choice < 64) {
+        if (!process.services.empty()) {
+            pick(process.services)->answerOne();
+        }
+    } else if (choice < 66) {
+        const Process& other = *pick(m_world.processes());
+        m_world.network().cut(process.group, other.group);
+    } else if (m_options.registry && choice < 68) {
+        m_world.stop(process);
+    } else if (m_options.registry && choice < 70) {
+        restart(process);
+    } else if (m_options.registry && choice < 73) {
+        change(process);
+    } else {
+        advance();
+    }
+}
+
+std::string Run::somePath()
+{
+    if (m_options.registry) {
+        return oneIn(20) ? REGISTRY_PATH : pick(DYNAMIC_PATHS);
+    }
+    return oneIn(2) ? pick(STATIC_PATHS) : pick(DYNAMIC_PATHS);
+}
+
+std::string Run::someLocator()
+{
+    const std::string path = m_options.registry || oneIn(2) ? pick(DYNAMIC_PATHS) : pick(STATIC_PATHS);
+    const std::string owner = isStatic(path) ? ownerOf(path) : "p" + std::to_string(draw(PROCESSES));
+    return (oneIn(5) ? "tcp://" : "ipc://") + owner + path;
+}
+
+Query Run::someQuery()
+{
+    if (!m_options.registry) {
+        return Query(pick(PATTERNS));
+    }
+    Query query(pick(REGISTRY_PATTERNS));
+    if (oneIn(3)) {
+        query.metadata.emplace();
+        if (oneIn(4)) {
+            query.metadata->set("id", "");
+        } else {
+            query.metadata->set("colour", pick(COLOURS));
+        }
+    }
+    if (oneIn(3)) {
+        query.includeMetadata = oneIn(2);
+    }
+    if (oneIn(4)) {
+        query.scope = "anything"; // services without a scope match all
+    }
+    return query;
+}
+
+void Run::registerService(Process& process)
+{
+    std::string path = somePath();
+    if (path == REGISTRY_PATH) {
+        path = DYNAMIC_PATHS.front();
+    }
+    const auto type = oneIn(12) ? ServiceDef::TypeEnum::lomo : ServiceDef::TypeEnum::pex;
+    m_world.registerService(process, {path, type, pick(COLOURS), m_fillerBytes});
+}
+
+void Run::subscribe(Process& process)
+{
+    const auto kind = static_cast<Stream>(draw(5));
+    switch (kind) {
+    case Stream::eQUERY:
+    case Stream::eQUERY_RESOLVE:
+        m_world.subscribe(process, kind, someQuery());
+        break;
+    case Stream::eRESOLVE:
+        m_world.subscribe(process, kind, someLocator());
+        break;
+    case Stream::eTRACK:
+    case Stream::eTRACK_RESOLVE:
+        m_world.subscribe(process, kind, somePath());
+        break;
+    }
+}
+
+void Run::dispose(Process& process)
+{
+    const std::size_t total = process.subscriptions.size() + process.registrations.size();
+    if (total == 0) {
+        return;
+    }
+    const std::size_t index = draw(total);
+    if (index < process.subscriptions.size()) {
+        m_world.dispose(process.subscriptions[index]);
+    } else {
+        process.registrations[index - process.subscriptions.size()].disposable.dispose();
+    }
+}
+
+void Run::disposeAgain(Process& process)
+{
+    for (auto& subscription : process.subscriptions) {
+        if (subscription.disposed) {
+            subscription.disposable.dispose();
+        }
+    }
+}
+
+/// The same path with another record, at once.
+void Run::change(Process& process)
+{
+    for (std::size_t index = process.registrations.size(); index > 0; --index) {
+        Registration& registration = process.registrations[index - 1];
+        if (registration.belief->isInForce()) {
+            registration.disposable.dispose();
+            m_world.registerService(process,
+                                    {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
+            return;
+        }
+    }
+}
+
+} // namespace kesa::sim

@@ -1,0 +1,56 @@
+#ifndef KESA_TESTS_SIM_RUN_H
+#define KESA_TESTS_SIM_RUN_H
+
+#include "World.h"
+
+#include <string>
+#include <vector>
+
+namespace kesa::sim {
+
+/// One run: a few processes that share paths, and actions drawn from the seed. `run` answers the broken rules.
+class Run {
+public:
+    explicit Run(const Options& options);
+    std::vector<std::string> run();
+
+private:
+    std::uint64_t draw(std::uint64_t bound) { return m_random.below(bound); }
+    bool oneIn(std::uint64_t bound) { return draw(bound) == 0; }
+    template <class T>
+    T& pick(std::vector<T>& from)
+    {
+        return from[draw(from.size())];
+    }
+    template <class T>
+    const T& pick(const std::vector<T>& from)
+    {
+        return from[draw(from.size())];
+    }
+
+    void drawFaults();
+    void act();
+    void actWhileStopped(Process& process);
+    void actOf(Process& process);
+    void advance();
+
+    void registerService(Process& process);
+    void subscribe(Process& process);
+    serviceregistry::Query someQuery();
+    std::string somePath();
+    std::string someLocator();
+    void dispose(Process& process);
+    void disposeAgain(Process& process);
+    void change(Process& process);
+    void restart(Process& process);
+
+    Options m_options;
+    SeededRandom m_random;
+    SeededRandom m_networkRandom;
+    World m_world;
+    std::size_t m_fillerBytes = 0;
+};
+
+} // namespace kesa::sim
+
+#endif

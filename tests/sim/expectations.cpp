@@ -1,0 +1,406 @@
+// What has to be true: of everybody's belief once nothing moves any more, of every refusal, and of what is left.
+
+#include "World.h"
+
+#include <kesa/PathPatterns.h>
+
+#include <algorithm>
+
+namespace kesa::sim {
+
+namespace {
+
+/// How long it takes at most until a process has heard what happened, if nothing stands still.
+constexpr comm::TimeNs NEWS_TIME = 3 * comm::SECOND;
+
+std::string colourAsked(const serviceregistry::Query& query)
+{
+    return query.metadata ? std::string((*query.metadata)["colour"].stringView()) : std::string();
+}
+
+} // namespace
+
+void World::settle()
+{
+    for (auto& process : m_processes) {
+        resume(*process);
+    }
+    std::unique_lock<std::mutex> lock(m_verdict->mutex, std::defer_lock);
+    if (m_scheduler) {
+        m_scheduler->runFor(30 * comm::SECOND);
+        lock.lock();
+    } else {
+        // The truth comes by itself; a minute without it is reported.
+        lock.lock();
+        comm::waitFor(
+            m_verdict->changed, lock, [this] { return differences().empty(); }, comm::now() + 60 * comm::SECOND);
+    }
+    for (const std::string& difference : differences()) {
+        m_verdict->fail("everybody believes what is true", difference);
+    }
+    checkRefusals();
+    lock.unlock();
+    if (!m_verdict->failed()) {
+        askAll();
+    }
+}
+
+std::vector<std::string> World::differences()
+{
+    std::vector<std::string> found;
+    if (hasRegistry()) {
+        found = registryDifferences();
+    }
+    for (const auto& process : m_processes) {
+        for (const auto& subscription : process->subscriptions) {
+            std::string difference = differenceOf(*process, subscription);
+            if (!difference.empty()) {
+                found.push_back(subscription.belief->name + ": " + difference);
+            }
+        }
+    }
+    return found;
+}
+
+/// The registry lists what is provided, by whom, and nothing else.
+std::vector<std::string> World::registryDifferences()
+{
+    std::vector<std::string> found;
+    std::map<std::string, std::string> listed;
+    for (const auto& [path, isPresent] : registry().list->present) {
+        if (isPresent) {
+            listed.emplace(path, registry().list->claims.at(path));
+        }
+    }
+    if (listed.erase(REGISTRY_PATH) == 0) {
+        found.emplace_back("the registry does not list itself");
+    }
+    auto unknown = listed;
+    for (const auto& process : m_processes) {
+        for (const Registration& registration : process->registrations) {
+            if (!registration.belief->isInForce()) {
+                continue;
+            }
+            const auto record = listed.find(registration.path);
+            if (record != listed.end() && record->second == registration.belief->claim) {
+                unknown.erase(registration.path);
+            } else if (record == listed.end() || !process->isRegistry) {
+                found.push_back(registration.belief->name + ": is not listed by the registry");
+            }
+        }
+    }
+    for (const auto& [path, claim] : unknown) {
+        found.push_back("the registry lists " + path + " as registered by #" + claim + ", which is gone");
+    }
+    return found;
+}
+
+/// What the process is to know of: everything that the registry lists, and what it has registered itself.
+World::Truth World::truthOf(const Process& process)
+{
+    Truth truth;
+    if (hasRegistry() && !process.isRegistry) {
+        for (const auto& [path, isPresent] : registry().list->present) {
+            if (isPresent) {
+                const std::string& claim = registry().list->claims.at(path);
+                const auto claimed = std::find_if(m_claims.begin(), m_claims.end(),
+                                                  [&claim](const Claim& each) { return each.belief->claim == claim; });
+                truth.emplace(path, claimed == m_claims.end() ? nullptr : claimed->belief);
+            }
+        }
+        return truth;
+    }
+    if (process.isRegistry) {
+        truth.emplace(REGISTRY_PATH, nullptr);
+    }
+    for (const Registration& registration : process.registrations) {
+        if (registration.belief->isInForce()) {
+            truth.emplace(registration.path, registration.belief);
+        }
+    }
+    return truth;
+}
+
+World::Truth World::expectedOf(const Process& process, const Subscription& subscription)
+{
+    const std::string& target = subscription.target;
+    const Truth truth = truthOf(process);
+    Truth expected;
+    switch (subscription.kind) {
+    case Stream::eTRACK:
+        if (!hasRegistry() && isStatic(target) && ownerOf(target) != process.name) {
+            expected.emplace(target, nullptr); // is there by configuration
+        } else if (const auto found = truth.find(target); found != truth.end()) {
+            expected.insert(*found);
+        }
+        break;
+    case Stream::eRESOLVE: {
+        const url locator(target);
+        const std::string owner(locator.authority());
+        if (const auto service = provided(owner, std::string(locator.path()))) {
+            expected.emplace("", service);
+        }
+        break;
+    }
+    case Stream::eTRACK_RESOLVE:
+        if (!hasRegistry() && isStatic(target)) {
+            if (const auto service = provided(ownerOf(target), target)) {
+                expected.emplace("", service);
+            }
+        } else if (const auto found = truth.find(target); found != truth.end()) {
+            expected.emplace("", found->second);
+        }
+        break;
+    case Stream::eQUERY:
+    case Stream::eQUERY_RESOLVE: {
+        const auto patterns = PathPatterns::createFromGlob(target);
+        const std::string colour = colourAsked(subscription.query);
+        for (const auto& [path, service] : truth) {
+            if (patterns && patterns->match(path) && (colour.empty() || (service && service->colour == colour))) {
+                expected.emplace(path, service);
+            }
+        }
+        break;
+    }
+    }
+    return expected;
+}
+
+std::string World::endOf(const Process&, const Subscription& subscription) const
+{
+    const Belief& belief = *subscription.belief;
+    const bool malformed = subscription.target == MALFORMED_PATTERN;
+    const bool unreachable = subscription.target.compare(0, 6, "tcp://") == 0;
+    if (belief.terminal) {
+        const unsigned short expected = malformed ? 400 : unreachable || m_isRefusing ? 404 : 0;
+        return belief.error == expected ? "" : "ended with " + std::to_string(belief.error);
+    }
+    if (subscription.disposed) {
+        return belief.destroyed ? "" : "disposed and still there";
+    }
+    if (belief.destroyed) {
+        return "was ended by nobody";
+    }
+    return malformed || unreachable ? "has not ended" : "";
+}
+
+std::string World::differenceOf(const Process& process, const Subscription& subscription)
+{
+    std::string end = endOf(process, subscription);
+    if (!end.empty() || subscription.disposed || subscription.belief->terminal) {
+        return end;
+    }
+    return shownBy(subscription, expectedOf(process, subscription));
+}
+
+std::string World::shownBy(const Subscription& subscription, const Truth& expected) const
+{
+    const Belief& belief = *subscription.belief;
+    // A record gets its id after it was shown: who asks for records without one may have been shown it or not.
+    const bool isLoose = subscription.query.metadata && (*subscription.query.metadata)["id"].isDefined();
+    for (const auto& [path, isPresent] : belief.present) {
+        const auto truth = expected.find(path);
+        if (isPresent && truth == expected.end()) {
+            return path + " is shown and is gone";
+        }
+        if (!isPresent && truth != expected.end() && !isLoose) {
+            return path + " is there and is not shown";
+        }
+        const auto shown = belief.claims.find(path);
+        if (isPresent && hasRegistry() && truth->second && shown != belief.claims.end() &&
+            shown->second != truth->second->claim) {
+            return path + " is shown as #" + shown->second + ", and is #" + truth->second->claim;
+        }
+    }
+    for (const auto& [path, service] : expected) {
+        if (belief.present.count(path) == 0 && !isLoose) {
+            return path + " is there and was never shown";
+        }
+    }
+    return "";
+}
+
+/// The registration of that path that is in force in the process.
+std::shared_ptr<Belief> World::registered(const Process& process, const std::string& path)
+{
+    const auto found = std::find_if(process.registrations.begin(), process.registrations.end(),
+                                    [&path](const Registration& registration) {
+                                        return registration.path == path && registration.belief->isInForce();
+                                    });
+    return found == process.registrations.end() ? nullptr : found->belief;
+}
+
+std::shared_ptr<Belief> World::provided(const std::string& name, const std::string& path) const
+{
+    for (const auto& process : m_processes) {
+        if (process->name == name && process->runtime) {
+            return registered(*process, path);
+        }
+    }
+    return nullptr;
+}
+
+/// Every client object leads to the present service.
+void World::askAll()
+{
+    struct Question {
+        std::shared_ptr<Belief> expected;
+        std::shared_ptr<Belief> answer;
+    };
+    std::vector<Question> questions;
+    for (auto& process : m_processes) {
+        for (const Subscription& subscription : process->subscriptions) {
+            std::unique_lock<std::mutex> lock(m_verdict->mutex);
+            const Truth expected = expectedOf(*process, subscription);
+            auto clients = subscription.belief->clients;
+            if (subscription.belief->client) {
+                clients.emplace("", subscription.belief->client);
+            }
+            lock.unlock();
+            for (const auto& [path, client] : clients) {
+                const auto found = expected.find(path);
+                if (found != expected.end() && found->second) {
+                    questions.push_back({found->second, ask(*process, client, subscription.target)});
+                }
+            }
+        }
+    }
+    const auto isAnswered = [&questions] {
+        return std::all_of(questions.begin(), questions.end(),
+                           [](const Question& question) { return question.answer->terminal; });
+    };
+    if (m_scheduler) {
+        m_scheduler->runFor(5 * comm::SECOND);
+    }
+    std::unique_lock<std::mutex> lock(m_verdict->mutex);
+    if (!m_scheduler) {
+        comm::waitFor(m_verdict->changed, lock, isAnswered, comm::now() + 60 * comm::SECOND);
+    }
+    for (const Question& question : questions) {
+        if (question.answer->answer != question.expected->claim) {
+            m_verdict->fail("a client object leads to the present service",
+                            question.answer->name + ": expected #" + question.expected->claim + ", answered by #" +
+                                question.answer->answer + ", status " + std::to_string(question.answer->error));
+        }
+    }
+}
+
+// ---- refusals -----------------------------------------------------------------------------------------------------
+
+void World::checkRefusals()
+{
+    if (!hasRegistry()) {
+        return;
+    }
+    for (const Claim& claim : m_claims) {
+        const Belief& belief = *claim.belief;
+        const bool isDead = belief.ended.number != 0 && belief.ended.number < belief.failed.number;
+        if (belief.failed.number != 0 && !isDead && (belief.error != 409 || !isDoubleClaim(belief))) {
+            m_verdict->fail("only a double claim is refused", belief.name + ": " + std::to_string(belief.error));
+        }
+    }
+}
+
+/// The registry may refuse only what a living process has registered meanwhile. A runtime may also refuse by what it
+/// has heard last, which may be a little old.
+bool World::isDoubleClaim(const Belief& refused) const
+{
+    const auto self = std::find_if(m_claims.begin(), m_claims.end(),
+                                   [&refused](const Claim& each) { return each.belief.get() == &refused; });
+    const comm::TimeNs oldest = refused.failed.time - NEWS_TIME - m_timeStopped;
+    return std::any_of(m_claims.begin(), m_claims.end(), [&](const Claim& other) {
+        const Belief& belief = *other.belief;
+        if (&other == &*self || other.path != self->path || belief.begun.number > refused.failed.number) {
+            return false;
+        }
+        const bool isRecent = belief.ended.number == 0 || belief.ended.time >= oldest;
+        const bool overlaps = belief.ended.number == 0 || belief.ended.number > refused.begun.number;
+        if (other.group == self->group) {
+            return !refused.accepted && overlaps;
+        }
+        return isRecent && (!refused.accepted || overlaps);
+    });
+}
+
+// ---- what is left -------------------------------------------------------------------------------------------------
+
+/// Whatever was open when a runtime went has been destroyed by now, and every request has ended.
+void World::checkEnds(Process& process)
+{
+    for (auto& service : process.services) {
+        service->dropAll();
+    }
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    const auto check = [this](const Belief& belief) {
+        if (!belief.destroyed && !belief.processDead) {
+            m_verdict->fail("every handler is destroyed by shutdown", belief.name);
+        }
+    };
+    for (const auto& subscription : process.subscriptions) {
+        check(*subscription.belief);
+    }
+    for (const auto& registration : process.registrations) {
+        check(*registration.belief);
+    }
+    if (process.list) {
+        check(*process.list);
+    }
+    for (const auto& belief : process.answers) {
+        check(*belief);
+        if (!belief->terminal && !belief->processDead) {
+            m_verdict->fail("every request ends", belief->name);
+        }
+    }
+}
+
+/// Whoever has disposed everything holds nothing any more: no entry, no proxy, no locator, no connection, save what
+/// leads to the registry.
+void World::disposeAll()
+{
+    for (auto& process : m_processes) {
+        for (auto& subscription : process->subscriptions) {
+            dispose(subscription);
+        }
+        for (auto& registration : process->registrations) {
+            registration.disposable.dispose();
+        }
+    }
+    if (m_scheduler) {
+        m_scheduler->runFor(30 * comm::SECOND);
+    }
+    std::unique_lock<std::mutex> lock(m_verdict->mutex);
+    if (!m_scheduler) {
+        comm::waitFor(
+            m_verdict->changed, lock, [this] { return isTakenBack(); }, comm::now() + 60 * comm::SECOND);
+    }
+    for (const auto& process : m_processes) {
+        const auto left = [&](const std::string& what) {
+            m_verdict->fail("nothing is left when all is disposed", process->name + ": " + what);
+        };
+        const bool isClient = hasRegistry() && !process->isRegistry;
+        if (process->books->clients.size() != (isClient ? 1 : 0)) {
+            left(std::to_string(process->books->clients.size()) + " client objects");
+        }
+        if (process->books->provided.size() != (process->isRegistry ? 1 : 0)) {
+            left(std::to_string(process->books->provided.size()) + " locators");
+        }
+    }
+    for (const std::string& difference : differences()) {
+        m_verdict->fail("nothing is left when all is disposed", difference);
+    }
+    lock.unlock();
+    const std::size_t connections = hasRegistry() ? m_processes.size() - 1 : 0;
+    if (m_scheduler && m_network->openStreams() > 2 * connections) {
+        m_verdict->fail("nothing is left when all is disposed", "connections");
+    }
+}
+
+bool World::isTakenBack()
+{
+    return differences().empty() && std::all_of(m_processes.begin(), m_processes.end(), [this](const auto& process) {
+               return process->books->clients.size() <= (hasRegistry() && !process->isRegistry ? 1U : 0U) &&
+                      process->books->provided.size() <= (process->isRegistry ? 1U : 0U);
+           });
+}
+
+} // namespace kesa::sim
