@@ -119,6 +119,7 @@ void Connection::readBatch(bool untilEmpty)
         return;
     }
     bool isSign = false;
+    const std::uint64_t pongs = m_machine->pongs();
     {
         const Lock lock(m_lock);
         m_isBatch = true;
@@ -145,7 +146,7 @@ void Connection::readBatch(bool untilEmpty)
     m_isReceiving = false;
     finishBatch();
     if (isSign && m_isOpen) {
-        onSign();
+        onSign(m_machine->pongs() != pongs);
     }
 }
 

@@ -84,7 +84,7 @@ protected:
     /// The queue is empty: what was held back may be queued now. Lock held, any thread.
     virtual void onQueueEmpty() {}
     /// Bytes came from the peer, and what was in them has been handled. Loop only, while open.
-    virtual void onSign() {}
+    virtual void onSign(bool /*isPong*/) {}
     virtual std::string peerName() const = 0;
 
     // What only one side hears is nothing to the other.

@@ -428,7 +428,8 @@ void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
 
 // ---- the peer -----------------------------------------------------------------------------------------------------
 
-/// What is there already was written before anybody asked; the process may have stopped or died since.
+/// What comes next may have been on its way when the process stopped or died; only the answer to a question proves that
+/// it lived when it was asked.
 void ServerConnection::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
 {
     readBatch(true);
@@ -436,13 +437,39 @@ void ServerConnection::proveAlive(comm::TimeNs within, std::function<void(bool i
         answer(false);
         return;
     }
-    if (m_askers.empty()) {
-        const Lock lock(m_lock);
-        machine().ping();
-        pushOut();
-    }
-    m_askers.push_back({++m_lastAsker, within, comm::now(), std::move(answer)});
+    m_askers.push_back({++m_lastAsker, within, comm::now(), std::move(answer), false});
     awaitSign(m_askers.back());
+    if (m_askers.size() == 1) {
+        askNext();
+    }
+}
+
+void ServerConnection::askNext()
+{
+    for (Asker& asker : m_askers) {
+        asker.isAsked = true;
+    }
+    const Lock lock(m_lock);
+    machine().ping();
+    pushOut();
+}
+
+/// Whoever still hears something from the client waits on.
+void ServerConnection::onSign(bool isPong)
+{
+    std::vector<Asker> answered;
+    std::vector<Asker> waiting;
+    for (Asker& asker : m_askers) {
+        asker.begun = comm::now();
+        (isPong && asker.isAsked ? answered : waiting).push_back(std::move(asker));
+    }
+    m_askers = std::move(waiting);
+    if (!answered.empty() && !m_askers.empty()) {
+        askNext();
+    }
+    for (const Asker& asker : answered) {
+        asker.answer(true);
+    }
 }
 
 void ServerConnection::awaitSign(const Asker& asker)
@@ -459,8 +486,7 @@ void ServerConnection::awaitSign(const Asker& asker)
 /// A client that takes what stands before the ping in the queue is given the time anew, too.
 void ServerConnection::judge(std::uint64_t number, bool hasSlept)
 {
-    const auto asker =
-        std::find_if(m_askers.begin(), m_askers.end(), [number](const Asker& a) { return a.number == number; });
+    const auto asker = findAsker(number);
     if (asker == m_askers.end()) {
         return;
     }
@@ -477,16 +503,20 @@ void ServerConnection::judge(std::uint64_t number, bool hasSlept)
         return;
     }
     readBatch();
-    if (isOpen() && !m_askers.empty()) {
-        cutOff("silent for " + std::to_string(within / comm::MILLISECOND) + " ms after a ping");
+    const auto left = findAsker(number);
+    if (!isOpen() || left == m_askers.end()) {
+        return;
     }
+    if (now - left->begun < within) { // something has come
+        awaitSign(*left);
+        return;
+    }
+    cutOff("silent for " + std::to_string(within / comm::MILLISECOND) + " ms after a ping");
 }
 
-void ServerConnection::answerAskers(bool isAlive)
+std::vector<ServerConnection::Asker>::iterator ServerConnection::findAsker(std::uint64_t number)
 {
-    for (const Asker& asker : std::exchange(m_askers, {})) {
-        asker.answer(isAlive);
-    }
+    return std::find_if(m_askers.begin(), m_askers.end(), [number](const Asker& a) { return a.number == number; });
 }
 
 void ServerConnection::whenDrained(std::function<void()> task)
@@ -537,7 +567,9 @@ void ServerConnection::onClosed(const std::string& reason)
     }
     m_targets.clear();
     m_services->remove(self);
-    answerAskers(false);
+    for (const Asker& asker : std::exchange(m_askers, {})) {
+        asker.answer(false);
+    }
     std::deque<std::function<void()>> dropped; // without the lock
     const Lock lock(m_lock);
     std::swap(dropped, m_drained);

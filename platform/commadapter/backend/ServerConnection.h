@@ -71,6 +71,7 @@ private:
         comm::TimeNs within;
         comm::TimeNs begun; ///< when `within` began, the last time
         std::function<void(bool isAlive)> answer;
+        bool isAsked; ///< the ping under way is its question
     };
 
     Stream* find(std::uint32_t stream, std::uint64_t serial);
@@ -83,16 +84,17 @@ private:
                const Request& request);
     void cancelAtService(std::uint32_t number, const char* text);
     void cancelAll(Target& target, const char* text);
+    void askNext();
     void awaitSign(const Asker& asker);
+    std::vector<Asker>::iterator findAsker(std::uint64_t number);
     void judge(std::uint64_t asker, bool hasSlept);
-    void answerAskers(bool isAlive);
     void postDrained();
     void runDrained();
 
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
     void onQueueEmpty() override;
-    void onSign() override { answerAskers(true); }
+    void onSign(bool isPong) override;
     std::string peerName() const override;
     void onHello(const protocol::Hello& peer) override;
     void onAttach(std::uint32_t target, std::string path) override;
@@ -113,7 +115,7 @@ private:
     // Loop only.
     std::unordered_map<std::uint32_t, Target> m_targets; ///< a target outlives its open streams
     RequestContext m_context;
-    std::vector<Asker> m_askers; ///< since one ping, which has had no answer
+    std::vector<Asker> m_askers; ///< who came after a ping had gone out waits for the next one
     std::uint64_t m_lastAsker = 0;
 };
 

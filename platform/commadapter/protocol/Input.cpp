@@ -178,7 +178,10 @@ bool Machine::Input::handle(const FrameHeader& header, const unsigned char* cont
     case Kind::ePING:
         m_shared.pongsOwed.fetch_add(1, std::memory_order_relaxed);
         return false;
-    default: // a pong, or a kind that may be ignored: that it came is all it says
+    case Kind::ePONG:
+        ++m_shared.pongs;
+        return false;
+    default: // a kind that may be ignored
         return false;
     }
 }

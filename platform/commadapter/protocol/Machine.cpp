@@ -41,6 +41,11 @@ unsigned Machine::takePongsOwed() noexcept
     return m_shared->pongsOwed.exchange(0, std::memory_order_relaxed);
 }
 
+std::uint64_t Machine::pongs() const noexcept
+{
+    return m_shared->pongs;
+}
+
 // ---- output half ----------------------------------------------------------------------------------------------
 
 Machine::Sent Machine::attach(std::uint32_t target, std::string_view path)

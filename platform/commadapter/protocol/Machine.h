@@ -97,6 +97,8 @@ public:
     void setClientId(std::string id);
     /// Pongs to be sent, since the last question: the owner takes its lock and calls `pong` that often.
     unsigned takePongsOwed() noexcept;
+    /// How many pongs have come.
+    std::uint64_t pongs() const noexcept;
 
     // ---- output half ------------------------------------------------------------------------------------------
 

@@ -14,6 +14,7 @@ struct Machine::Shared {
     std::atomic<comm::TimeNs> lastReceived{0};
     std::atomic<std::uint64_t> receivedCount{0}; ///< grows with each `received`: two of them may have the same time
     std::atomic<unsigned> pongsOwed{0};
+    std::uint64_t pongs = 0; ///< received; the input half's own
     std::atomic<bool> hasHello{false};
     std::atomic<std::uint32_t> peerMaxMessageBytes{UINT32_MAX};
 };

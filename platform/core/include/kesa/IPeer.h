@@ -15,9 +15,9 @@ public:
     virtual ~IPeer();
 
     /// Asks the peer for a sign of life. `answer` is called once, on the backend's I/O loop, never inside this call and
-    /// with no lock held: true when anything came from the peer after it was asked; false when the connection has
-    /// ended, the process has exited, or nothing came `within` that time, which begins anew while the peer still takes
-    /// what stood before the question, and when this process itself stood still. Before false the connection has been
+    /// with no lock held: true when the peer has answered; false when the connection has ended, the process has exited,
+    /// or nothing came `within` that time, which begins anew with whatever comes, while the peer still takes what stood
+    /// before the question, and when this process itself stood still. Before false the connection has been
     /// closed and its requests have been cancelled at their services. After the backend's end `answer` is dropped.
     virtual void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) = 0;
 
