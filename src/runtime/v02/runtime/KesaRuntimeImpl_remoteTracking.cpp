@@ -118,6 +118,12 @@ void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, s
                        path.c_str());
             break;
         }
+        if (entry->optionalRegistrator) {
+            // This process's own, or one that the registry will refuse it for: then the path is tracked anew.
+            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] service='%s' is registered here -> kept",
+                       path.c_str());
+            break;
+        }
         entry->optionalServiceDef = *update.element;
         triggerRuntimeUpdate(ResourceUpdateType::eADDED, *update.element, entry->trackers, m_queryTrackers);
         break;
@@ -271,16 +277,20 @@ void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<Servic
     KESA_TRACE(MAIN_CHANNEL, 2,
                "[handleRemoteServiceRegistered] new registration for remote service '%s' locators='%zu'", path.c_str(),
                element->locators.size());
-    const auto [entry, isNew] = m_runtimeEntries.try_emplace(path);
-    if (entry->second.optionalRegistrator) {
+    list(record, path);
+    RuntimeEntry& entry = m_runtimeEntries[path];
+    if (entry.optionalRegistrator) {
         // This process registers the path at the same time. Once it has been refused, the other's service is there.
+        KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] service='%s' is registered here -> kept aside",
+                   path.c_str());
         record.hidden[path] = element;
-    } else if (!entry->second.optionalServiceDef) {
+        return;
+    }
+    if (!entry.optionalServiceDef) {
         // New, or kept by trackers whose own tracking has not told them yet: nobody else would remove what a query
         // told.
-        entry->second.optionalServiceDef = *element;
+        entry.optionalServiceDef = *element;
     }
-    list(record, path);
     KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] registration for remote service '%s' accepted",
                path.c_str());
     triggerQueryRuntimeUpdate(ResourceUpdateType::eADDED, *element, m_queryTrackers);
@@ -312,6 +322,12 @@ void KesaRuntimeImpl::removeUnlessRegisteredHere(const std::string& path, const 
         return;
     }
     findAndUnregister(path, caller);
+    // An entry that trackers keep loses the record, too. Their own tracking may have been begun after the service went:
+    // it will not say so, and whoever comes next would be told of a service that is gone.
+    const auto kept = m_runtimeEntries.find(path);
+    if (kept != m_runtimeEntries.end() && !kept->second.isStaticConfigured) {
+        kept->second.optionalServiceDef.reset();
+    }
 }
 
 /// Ends the forwarded query. The entries that it alone has kept go; paths that are tracked, too, are followed on their
