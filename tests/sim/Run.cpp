@@ -185,6 +185,8 @@ void Run::actOf(Process& process)
         restart(process);
     } else if (m_options.registry && choice < 73) {
         change(process);
+    } else if (m_options.registry && choice < 74) {
+        usurp(process);
     } else {
         advance();
     }
@@ -288,6 +290,23 @@ void Run::change(Process& process)
             registration.disposable.dispose();
             m_world.registerService(process,
                                     {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
+            return;
+        }
+    }
+}
+
+/// Stands still while another registers what it holds; it may be for too long to be taken to live.
+void Run::usurp(Process& process)
+{
+    Process& other = *pick(m_world.processes());
+    for (const Registration& registration : process.registrations) {
+        if (registration.belief->isInForce() && &other != &process && other.isRunning()) {
+            m_world.stop(process);
+            m_world.registerService(other,
+                                    {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
+            if (comm::SimulatedScheduler* const scheduler = m_world.scheduler()) {
+                scheduler->runFor(static_cast<comm::TimeNs>(500 + draw(2500)) * comm::MILLISECOND);
+            }
             return;
         }
     }

@@ -43,6 +43,7 @@ private:
     void disposeAgain(Process& process);
     void change(Process& process);
     void restart(Process& process);
+    void usurp(Process& process);
 
     Options m_options;
     SeededRandom m_random;

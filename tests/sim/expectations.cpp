@@ -318,7 +318,8 @@ bool World::isDoubleClaim(const Belief& refused) const
         if (other.group == self->group) {
             return !refused.accepted && overlaps;
         }
-        return isRecent && (!refused.accepted || overlaps);
+        // What the registry's own process withdraws reaches the registry a little later.
+        return isRecent && (!refused.accepted || overlaps || other.isOfRegistry);
     });
 }
 

@@ -46,7 +46,7 @@ inline std::vector<std::string_view> registryMarks()
 {
     return {
         "is refused: another living process has it",
-        "shows no sign of life",
+        "ms after a ping",
     };
 }
 
