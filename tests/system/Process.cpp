@@ -41,6 +41,11 @@ std::string makeTraceFile(const Process::Setup& setup)
     return setup.directory + '/' + std::to_string(++count) + ".traces";
 }
 
+bool beginsWithWords(const std::string& line, const std::string& words)
+{
+    return line.starts_with(words) && (line.size() == words.size() || line[words.size()] == ' ');
+}
+
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
@@ -158,11 +163,20 @@ std::string Process::expectMatch(const std::function<bool(const std::string&)>& 
 std::string Process::expect(const std::string& beginning)
 {
     const std::string event = expectMatch(
-        [&](const std::string& line) {
-            return line.starts_with(beginning) && (line.size() == beginning.size() || line[beginning.size()] == ' ');
-        },
-        '"' + beginning + '"');
+        [&beginning](const std::string& line) { return beginsWithWords(line, beginning); }, '"' + beginning + '"');
     return event.size() == beginning.size() ? std::string() : event.substr(beginning.size() + 1);
+}
+
+bool Process::hasTold(const std::string& beginning)
+{
+    history();
+    for (std::size_t i = 0; i < m_history.size(); ++i) {
+        if (!m_isExpected[i] && beginsWithWords(m_history[i], beginning)) {
+            m_isExpected[i] = true;
+            return true;
+        }
+    }
+    return false;
 }
 
 void Process::expectLineWith(const std::string& part, const std::string& other)
@@ -174,13 +188,23 @@ void Process::expectLineWith(const std::string& part, const std::string& other)
         "a line with " + part + " and " + other);
 }
 
-void Process::expectTrace(const std::string& text)
+std::size_t Process::countTraces(const std::string& text) const
+{
+    const std::string all = traces();
+    std::size_t count = 0;
+    for (std::size_t at = 0; (at = all.find(text, at)) != std::string::npos; at += text.size()) {
+        ++count;
+    }
+    return count;
+}
+
+void Process::expectTrace(const std::string& text, std::size_t times)
 {
     const auto deadline = Clock::now() + LIMIT;
     const int changes = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
     ::inotify_add_watch(changes, m_traceFile.c_str(), IN_MODIFY);
     bool isThere = false;
-    while (!(isThere = traces().find(text) != std::string::npos) && millisecondsUntil(deadline) > 0) {
+    while (!(isThere = countTraces(text) >= times) && millisecondsUntil(deadline) > 0) {
         pollfd ready{changes, POLLIN, 0};
         ::poll(&ready, 1, millisecondsUntil(deadline));
         std::array<char, 4096> events;
@@ -227,6 +251,38 @@ const std::vector<std::string>& Process::history()
     while (readEvents(Clock::now())) {
     }
     return m_history;
+}
+
+std::string Process::findUnexpected(std::string_view beginning)
+{
+    history();
+    for (std::size_t i = 0; i < m_history.size(); ++i) {
+        if (!m_isExpected[i] && m_history[i].starts_with(beginning)) {
+            return m_history[i];
+        }
+    }
+    return {};
+}
+
+void Process::waitForAny(const std::vector<Process*>& processes, Deadline deadline)
+{
+    std::vector<pollfd> ready;
+    for (const Process* const process : processes) {
+        ready.push_back({process->m_events, POLLIN, 0});
+    }
+    ::poll(ready.data(), ready.size(), millisecondsUntil(deadline));
+}
+
+bool Process::hasEnded()
+{
+    m_isReaped = m_isReaped || ::waitpid(m_pid, &m_status, WNOHANG) == m_pid;
+    return m_isReaped;
+}
+
+bool Process::hasCrashed()
+{
+    const int signal = hasEnded() && WIFSIGNALED(m_status) ? WTERMSIG(m_status) : SIGKILL;
+    return signal != SIGKILL && signal != SIGTERM && signal != SIGINT;
 }
 
 std::string Process::traces() const

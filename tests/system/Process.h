@@ -44,10 +44,13 @@ public:
     /// Waits for an event that is `beginning`, or begins with it and a space; the oldest that was not yet waited for.
     /// Returns what follows.
     std::string expect(const std::string& beginning);
+    /// Whether such an event has come; takes it as `expect` does.
+    bool hasTold(const std::string& beginning);
     /// Waits for an event that contains both.
     void expectLineWith(const std::string& part, const std::string& other);
-    /// Waits for a line on stderr.
-    void expectTrace(const std::string& text);
+    /// Waits for a line on stderr, or for so many.
+    void expectTrace(const std::string& text, std::size_t times = 1);
+    std::size_t countTraces(const std::string& text) const;
     /// Waits for its end; the status as `waitpid` has it.
     int expectEnd();
 
@@ -60,7 +63,15 @@ public:
 
     /// Everything it told so far.
     const std::vector<std::string>& history();
+    /// What nobody waited for that begins so; empty when there is none.
+    std::string findUnexpected(std::string_view beginning);
+    /// Returns when one of them tells something, has ended, or at the deadline.
+    static void waitForAny(const std::vector<Process*>& processes, std::chrono::steady_clock::time_point deadline);
+    bool hasEnded();
+    /// It has ended by a signal that no test sends.
+    bool hasCrashed();
     std::string traces() const;
+    const std::string& traceFile() const { return m_traceFile; }
     std::size_t residentKiB() const;
     std::size_t openDescriptors() const;
 

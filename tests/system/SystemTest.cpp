@@ -74,27 +74,44 @@ SystemTest::~SystemTest()
     fs::remove_all(m_directory, ignored);
 }
 
+void SystemTest::check(Process& process)
+{
+    std::string complaint = complaintAbout(process.history());
+    if (process.traces().find("Sanitizer") != std::string::npos) {
+        complaint = "a sanitizer complains";
+    } else if (process.hasCrashed()) {
+        complaint = "it crashed";
+    }
+    if (!complaint.empty() && !HasFailure()) {
+        ADD_FAILURE() << process.name() << ": " << complaint << "\nIt told:\n"
+                      << testing::PrintToString(process.history()) << "\nIts traces:\n"
+                      << process.traces();
+    }
+}
+
 void SystemTest::TearDown()
 {
     for (Process& process : m_processes) {
-        std::string complaint = complaintAbout(process.history());
-        if (process.traces().find("Sanitizer") != std::string::npos) {
-            complaint = "a sanitizer complains";
-        }
-        if (!complaint.empty() && !HasFailure()) {
-            ADD_FAILURE() << process.name() << ": " << complaint << "\nIt told:\n"
-                          << testing::PrintToString(process.history()) << "\nIts traces:\n"
-                          << process.traces();
-        }
+        check(process);
     }
+}
+
+void SystemTest::discard(Process& process)
+{
+    check(process);
+    std::error_code ignored;
+    fs::remove(process.traceFile(), ignored);
+    m_processes.remove_if([&process](const Process& other) { return &other == &process; });
 }
 
 Process& SystemTest::launchProgram(const std::string& name, const std::vector<std::string>& arguments,
                                    const Options& options)
 {
-    const std::string document = m_directory + '/' + std::to_string(m_processes.size()) + ".json";
+    const std::string document = m_directory + '/' + std::to_string(m_documents++) + ".json";
     std::ofstream file(document);
-    file << R"({"use_registry": false, "backends": ["comm"], "comm": )" << options.comm << R"(, "services": [)";
+    file << R"({"use_registry": )" << (options.document == Options::Document::eWITH_REGISTRY ? "true" : "false")
+         << R"(, "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}, "backends": ["comm"], "comm": )"
+         << options.comm << R"(, "services": [)";
     const char* separator = "";
     for (const std::string& service : options.services) {
         const std::size_t path = service.find('/', service.find("://") + 3);
@@ -104,17 +121,29 @@ Process& SystemTest::launchProgram(const std::string& name, const std::vector<st
     }
     file << "]}\n";
     file.close();
-    return m_processes.emplace_back(Process::Setup{name,
-                                                   arguments,
-                                                   {"KESA_CONFIG=" + document, "KESA_RUN_DIR=" + m_runDirectory,
-                                                    "KESA_TRACE_SINK=stderr", "KESA_TRACE=" + options.trace},
-                                                   m_directory,
-                                                   options.isNobody});
+    std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
+                                         "KESA_TRACE=" + options.trace};
+    if (options.document != Options::Document::eNONE) {
+        environment.push_back("KESA_CONFIG=" + document);
+    }
+    return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory, options.isNobody});
 }
 
 Process& SystemTest::launch(const std::string& process, const Options& options)
 {
     return launchProgram(process, {KESA_SYSTEM_ACTOR, process}, options);
+}
+
+Process& SystemTest::launchRegistry(const Options& options)
+{
+    return launchProgram("kesa-registryd", {KESA_REGISTRYD}, options);
+}
+
+Process& SystemTest::startRegistry()
+{
+    Process& registry = launchRegistry();
+    registry.expect("kesa-registryd: ready at ipc://kesa-registryd/registry");
+    return registry;
 }
 
 Process& SystemTest::start(const std::string& process, const Options& options)

@@ -17,7 +17,12 @@ struct Options {
     std::vector<std::string> services{}; ///< locators of services, under their paths
     std::string trace = "*=2";
     bool isNobody = false;
+    enum class Document { eWITHOUT_REGISTRY, eWITH_REGISTRY, eNONE };
+    Document document = Document::eWITHOUT_REGISTRY;
 };
+
+/// For clients of `kesa-registryd`, and itself.
+inline const Options WITH_REGISTRY{.document = Options::Document::eWITH_REGISTRY};
 
 /// Processes in a run directory of the test's own. At the end of each test, what every process was told is checked:
 /// "connected" and "lost" took turns, each request had values only between its issue and its one end, and ended before
@@ -40,6 +45,13 @@ protected:
     /// One that also follows its feed.
     Process& startFollower(const std::string& process, const std::string& service, const Options& options = {});
 
+    /// Ends a process and forgets it, after a look at what it was told.
+    void discard(Process& process);
+
+    /// Returns when it is ready.
+    Process& startRegistry();
+    Process& launchRegistry(const Options& options = WITH_REGISTRY);
+
     /// Somebody who is not concerned: a client of a service, whose calls succeed.
     void startBystander(const std::string& locator);
     /// The same with a provider that is not concerned either.
@@ -51,12 +63,15 @@ protected:
     bool isInRunDirectory(const std::string& file) const;
 
 private:
+    static void check(Process& process);
+
     std::string m_directory;
     std::string m_runDirectory;
     std::list<Process> m_processes;
     Process* m_bystander = nullptr;
     std::string m_bystanderCall;
     int m_bystanderCalls = 0;
+    int m_documents = 0;
 };
 
 } // namespace kesa::system_test

@@ -2,6 +2,7 @@
 // happens to it in lines on stdout. `COMMANDS` below is the list of both. The end of stdin is the end of the test: it
 // exits.
 
+#include "Beliefs.h"
 #include "Service.h"
 
 #include <kesa/ease/handler.h>
@@ -28,7 +29,9 @@
 extern char** environ;
 
 using kesa::runtime::v02::KesaRuntime;
+using kesa::serviceregistry::Query;
 using kesa::serviceregistry::ServiceDef;
+using Update = kesa::ResourceUpdate<ServiceDef>;
 using Client = std::shared_ptr<kesa::IKesaApi>;
 using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
 
@@ -121,6 +124,11 @@ public:
     void follow(std::istream& words) { m_clients.followAlways(word(words)); }
     void call(std::istream& words);
     void feed(std::istream& words);
+    void track(std::istream& words);
+    void expectAll(std::istream& words) { expect(words, true); }
+    void expectSome(std::istream& words) { expect(words, false); }
+    void tellBeliefs(std::istream&) { say("beliefs " + m_beliefs.json()); }
+    void churn(std::istream& words);
     void forkChild(std::istream& words);
     void spawnChild(std::istream& words);
     void handleTerm(std::istream& words);
@@ -133,18 +141,22 @@ public:
     }
 
 private:
+    void expect(std::istream& words, bool isAll);
+
     kesa::runtime::v02::IKesaRuntime& m_runtime;
     Service m_service;
     Clients m_clients;
+    Beliefs m_beliefs{say};
     std::map<std::string, kesa::Disposable> m_registrations;
     std::map<std::string, kesa::Disposable> m_resolved;
+    std::map<std::string, kesa::Disposable> m_tracked;
 };
 
 void Actor::provide(std::istream& words)
 {
     const std::string path = word(words);
     m_registrations[path] = m_runtime.registerService(
-        path, m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"}, kesa::GenericObject{},
+        path, m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"}, kesa::GenericObject{{"generation", word(words)}},
         kesa::handler<ServiceDef>(
             [](const ServiceDef& service) {
                 say("provided " + service.path.toString() + ' ' + service.locators.front().toString());
@@ -168,9 +180,13 @@ void Actor::resolve(std::istream& words)
     if (what.front() == '/') {
         m_resolved[what] = m_runtime.trackAndResolveService(what, kesa::handler<Resolved>(
                                                                       [this, what](const Resolved& resolved) {
-                                                                          resolved
-                                                                              ? m_clients.connected(what, resolved->api)
-                                                                              : m_clients.lost(what);
+                                                                          if (resolved) {
+                                                                              m_clients.connected(what, resolved->api);
+                                                                              m_beliefs.added(what, "connected");
+                                                                          } else {
+                                                                              m_clients.lost(what);
+                                                                              m_beliefs.removed(what);
+                                                                          }
                                                                       },
                                                                       failed));
     } else {
@@ -206,6 +222,58 @@ void Actor::feed(std::istream& words)
 {
     const auto [taken, refused] = m_service.feed(std::stoul(word(words)));
     say("fed " + std::to_string(taken) + ' ' + std::to_string(refused));
+}
+
+/// A path, or a pattern with a star.
+void Actor::track(std::istream& words)
+{
+    const std::string what = word(words);
+    auto handler = kesa::handler<Update>(
+        [this, what](const Update& update) {
+            const std::string subject = what + ' ' + update.element.path.toString();
+            if (update.type == kesa::ResourceUpdateType::eREMOVED) {
+                m_beliefs.removed(subject);
+                return;
+            }
+            std::string generation = "-";
+            static_cast<void>(update.element.metainfo && (*update.element.metainfo)["generation"].get(generation));
+            m_beliefs.added(subject, generation);
+        },
+        [what](const kesa::Response& error) {
+            say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
+        });
+    m_tracked[what] = what.find('*') == std::string::npos ? m_runtime.trackService(what, std::move(handler))
+                                                          : m_runtime.trackServices(Query(what), std::move(handler));
+}
+
+void Actor::expect(std::istream& words, bool isAll)
+{
+    const std::string id = word(words);
+    words.ignore();
+    std::set<std::string> facts;
+    for (std::string fact; std::getline(words, fact, ';');) {
+        facts.insert(fact);
+    }
+    m_beliefs.expect(id, std::move(facts), isAll);
+}
+
+/// Makes the registry tell much to all who track everything.
+void Actor::churn(std::istream& words)
+{
+    const int count = std::stoi(word(words));
+    const std::string filler(std::stoul(word(words)), '.');
+    for (int i = 0; i < count; ++i) {
+        m_runtime
+            .registerService("/churn", m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"},
+                             kesa::GenericObject{{"filler", filler}},
+                             kesa::handler<ServiceDef>([](const ServiceDef&) {},
+                                                       [](const kesa::Response& error) {
+                                                           say("refused /churn " +
+                                                               kesa::Response::getErrorMessageWithCode(error));
+                                                       }))
+            .dispose();
+    }
+    say("churned");
 }
 
 /// The child waits for its parent's death, and then reads the commands in its place. "raw": behind the back of the
@@ -250,12 +318,17 @@ void Actor::handleTerm(std::istream&)
 }
 
 const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
-    {"provide", &Actor::provide},        // PATH: provided PATH LOCATOR, or refused PATH WHY
+    {"provide", &Actor::provide},        // PATH [GENERATION]: provided PATH LOCATOR; refused PATH WHY, also later
     {"withdraw", &Actor::withdraw},      // PATH
     {"resolve", &Actor::resolve},        // LOCATOR or PATH: connected and lost in turn, or failed WHAT WHY
     {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
     {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
+    {"track", &Actor::track},            // PATH or PATTERN
+    {"expect", &Actor::expectAll},       // ID FACT;FACT...: true ID, once it believes just that
+    {"expect-some", &Actor::expectSome}, // ID FACT;FACT...: true ID, once it believes that too
+    {"beliefs", &Actor::tellBeliefs},    // beliefs JSON
+    {"churn", &Actor::churn},            // COUNT BYTES: churned; /churn came and went so often, with as many bytes
     {"fork", &Actor::forkChild},         // [raw]: forked PID; the child: orphaned
     {"spawn", &Actor::spawnChild},       // spawned PID
     {"handle-term", &Actor::handleTerm}, // handling; later sigterm main
