@@ -8,20 +8,11 @@
 
 namespace kesa::commadapter {
 
-namespace {
-
-CommSettings quietSettings()
-{
-    std::vector<std::string> complaints; // the backend's to tell
-    return readCommSettings(complaints);
-}
-
-} // namespace
-
 OwnLocator checkOwnLocator(const std::string& process, const url& locator)
 {
     using State = OwnLocator::State;
-    const CommSettings settings = quietSettings();
+    std::vector<std::string> complaints; // the backend's to tell
+    const CommSettings settings = readCommSettings(complaints);
     // Only to read locators with; it never gets to use a loop.
     const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
         transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, nullptr);
@@ -44,11 +35,6 @@ OwnLocator checkOwnLocator(const std::string& process, const url& locator)
         return {isHeld ? State::eNAME_HELD : State::eUNUSABLE, why};
     }
     return {State::eCLAIMABLE, {}};
-}
-
-std::string runDirectory()
-{
-    return transport::RunDirectory(quietSettings().runDir).path();
 }
 
 } // namespace kesa::commadapter

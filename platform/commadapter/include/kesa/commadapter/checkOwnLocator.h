@@ -24,9 +24,6 @@ struct OwnLocator {
 /// Not to be asked for the name of a runtime that is running in this very process.
 KESA_API OwnLocator checkOwnLocator(const std::string& process, const url& locator);
 
-/// Where the processes of this machine find each other, by the settings of the configuration document.
-KESA_API std::string runDirectory();
-
 } // namespace kesa::commadapter
 
 #endif

@@ -1,0 +1,49 @@
+#include "backend/Locators.h"
+#include "backend/readCommSettings.h"
+#include "transport/IpcTransport.h"
+
+#include <comm/Condition.h>
+#include <comm/Scheduler.h>
+#include <kesa/commadapter/whyUnreachable.h>
+
+#include <mutex>
+
+namespace kesa::commadapter {
+
+std::string whyUnreachable(const url& locator)
+{
+    std::vector<std::string> complaints; // the backend's to tell
+    const CommSettings settings = readCommSettings(complaints);
+    const auto loop = comm::Scheduler::current().makeReactor("kesa-io");
+    const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
+        transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop);
+    const auto place = Locators(settings.routes, {transport}).find(locator);
+    if (!place) {
+        loop->stop();
+        return "\"" + locator.toString() + "\" is of a scheme or of a run directory that is not known here";
+    }
+    std::mutex mutex;
+    comm::Condition changed;
+    bool isDone = false;
+    std::string reason;
+    loop->post([&] {
+        transport->connect(place->destination.endpoint, [&](transport::ITransport::Connected connected) {
+            if (connected.stream) {
+                connected.stream->close();
+            }
+            transport->close();
+            const std::lock_guard lock(mutex);
+            reason = std::move(connected.reason);
+            isDone = true;
+            changed.notifyAll();
+        });
+    });
+    {
+        std::unique_lock lock(mutex);
+        comm::waitFor(changed, lock, [&] { return isDone; });
+    }
+    loop->stop();
+    return reason;
+}
+
+} // namespace kesa::commadapter
