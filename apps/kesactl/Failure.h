@@ -1,0 +1,25 @@
+#ifndef KESACTL_FAILURE_H
+#define KESACTL_FAILURE_H
+
+#include <string>
+
+namespace kesactl {
+
+/// How a command ends, for scripts.
+enum class ExitCode {
+    eOK = 0,
+    eFAILED = 1,      ///< not found, or the service refused
+    eUSAGE = 2,       ///< wrong arguments
+    eNO_REGISTRY = 3, ///< not there, or it does not answer
+    eTIMED_OUT = 4,
+};
+
+/// Thrown by a command that cannot go on; `main` prints the text and ends with the code.
+struct Failure {
+    ExitCode exitCode;
+    std::string text; ///< what is wrong and what to do
+};
+
+} // namespace kesactl
+
+#endif

@@ -1,0 +1,229 @@
+#include "RegistryView.h"
+
+#include "Failure.h"
+
+#include <kesa/commadapter/whyUnreachable.h>
+#include <kesa/ease/handler.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+#include <kesa/serviceregistry/ServiceRegistryPexClient.h>
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace kesactl {
+
+using kesa::runtime::v02::KesaRuntime;
+using kesa::serviceregistry::RegistryUpdate;
+using kesa::serviceregistry::ServiceRegistryPexClient;
+using Kind = RegistryView::Event::Kind;
+using Updates = std::vector<RegistryUpdate>;
+
+/// Shared with the handlers, which may be called as long as the runtime runs.
+struct RegistryView::State : std::enable_shared_from_this<State> {
+    void connected(const std::shared_ptr<kesa::IKesaApi>& api);
+    void lost();
+    void refused(const kesa::Response& error);
+    void told(std::uint64_t connection, const Updates& updates);
+
+    const std::string glob;
+    std::mutex mutex;
+    comm::Condition changed;
+    // With the mutex held.
+    bool isConnected = false;
+    bool isComplete = false;      ///< the first answer of this connection has ended
+    std::uint64_t connection = 0; ///< whose answers count
+    std::shared_ptr<ServiceRegistryPexClient> client;
+    void* query = nullptr;
+    Services services;
+    bool wasLost = false;
+    Services beforeLoss; ///< what `events` had come to
+    std::deque<Event> events;
+    std::optional<kesa::Response> refusal;
+
+    explicit State(std::string pattern) : glob(std::move(pattern)) {}
+
+private:
+    void announceDifference();
+};
+
+void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
+{
+    auto registry = std::make_shared<ServiceRegistryPexClient>(api, "application/json");
+    std::uint64_t number = 0;
+    {
+        const std::lock_guard lock(mutex);
+        isConnected = true;
+        services.clear();
+        client = registry;
+        number = ++connection;
+        changed.notifyAll();
+    }
+    auto answers = kesa::handler<Updates>(
+        [self = shared_from_this(), number](const Updates& updates) { self->told(number, updates); },
+        [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
+    void* const request = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
+    const std::lock_guard lock(mutex);
+    query = request;
+}
+
+void RegistryView::State::lost()
+{
+    const std::lock_guard lock(mutex);
+    if (isComplete) {
+        events.push_back({Kind::eREGISTRY_LOST, {}});
+        beforeLoss = std::move(services);
+        wasLost = true;
+    }
+    isConnected = false;
+    isComplete = false;
+    ++connection;
+    changed.notifyAll();
+}
+
+void RegistryView::State::refused(const kesa::Response& error)
+{
+    if (error.getStatus() == 503) { // the connection: `lost` comes, too
+        return;
+    }
+    const std::lock_guard lock(mutex);
+    refusal = error;
+    changed.notifyAll();
+}
+
+void RegistryView::State::told(std::uint64_t number, const Updates& updates)
+{
+    const std::lock_guard lock(mutex);
+    if (number != connection) {
+        return;
+    }
+    for (const RegistryUpdate& update : updates) {
+        const std::string& path = update.element->path.toString();
+        const bool isRemoval = update.updateType == RegistryUpdate::UpdateTypeEnum::REMOVED;
+        if (isRemoval) {
+            services.erase(path);
+        } else {
+            services.insert_or_assign(path, *update.element);
+        }
+        if (isComplete) {
+            events.push_back({isRemoval ? Kind::eREMOVED : Kind::eADDED, *update.element});
+        }
+    }
+    if (updates.empty() && !isComplete) {
+        isComplete = true;
+        if (wasLost) {
+            events.push_back({Kind::eREGISTRY_FOUND, {}});
+        }
+        announceDifference();
+    }
+    changed.notifyAll();
+}
+
+/// After a loss, services that came back as they were are no news; only their records have new numbers.
+void RegistryView::State::announceDifference()
+{
+    const auto isSame = [](const Services& in, const std::string& path, ServiceDef service) {
+        const auto found = in.find(path);
+        service.id = found == in.end() ? service.id : found->second.id;
+        return found != in.end() && found->second == service;
+    };
+    for (const auto& [path, service] : beforeLoss) {
+        if (!isSame(services, path, service)) {
+            events.push_back({Kind::eREMOVED, service});
+        }
+    }
+    for (const auto& [path, service] : services) {
+        if (!isSame(beforeLoss, path, service)) {
+            events.push_back({Kind::eADDED, service});
+        }
+    }
+    beforeLoss.clear();
+}
+
+RegistryView::RegistryView(std::vector<kesa::url> locators, const std::string& glob)
+    : m_locators(std::move(locators)), m_state(std::make_shared<State>(glob))
+{
+    using Client = kesa::optional<std::shared_ptr<kesa::IKesaApi>>;
+    const ServiceDef registry(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, m_locators);
+    m_subscription = KesaRuntime::getInstance()->resolveService(
+        registry, kesa::handler<Client>(
+                      [state = m_state](const Client& api) {
+                          if (api) {
+                              state->connected(*api);
+                          } else {
+                              state->lost();
+                          }
+                      },
+                      [state = m_state](const kesa::Response& error) { state->refused(error); }));
+}
+
+RegistryView::~RegistryView()
+{
+    std::unique_lock lock(m_state->mutex);
+    ++m_state->connection; // what still comes is not for this object
+    const auto client = std::exchange(m_state->client, nullptr);
+    lock.unlock();
+    if (client) {
+        client->main()->cancelRequest(m_state->query);
+    }
+    m_subscription.dispose();
+}
+
+Services RegistryView::list(comm::TimeNs deadline)
+{
+    std::unique_lock lock(m_state->mutex);
+    comm::waitFor(
+        m_state->changed, lock, [this] { return m_state->isComplete || m_state->refusal; }, deadline);
+    if (m_state->refusal) {
+        throw Failure{ExitCode::eFAILED,
+                      "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*m_state->refusal)};
+    }
+    if (!m_state->isComplete) {
+        failUnreachable(m_state->isConnected);
+    }
+    return m_state->services;
+}
+
+bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Services& services)
+{
+    std::unique_lock lock(m_state->mutex);
+    const bool isSo = comm::waitFor(
+        m_state->changed, lock, [&] { return m_state->isComplete && m_state->services.empty() == isGone; }, deadline);
+    if (!m_state->isComplete) {
+        failUnreachable(m_state->isConnected);
+    }
+    services = m_state->services;
+    return isSo;
+}
+
+std::optional<RegistryView::Event> RegistryView::next(comm::TimeNs deadline)
+{
+    std::unique_lock lock(m_state->mutex);
+    if (!comm::waitFor(
+            m_state->changed, lock, [this] { return !m_state->events.empty(); }, deadline)) {
+        return std::nullopt;
+    }
+    Event event = std::move(m_state->events.front());
+    m_state->events.pop_front();
+    return event;
+}
+
+/// In doubt somebody listens and says nothing: before the registry has answered, a stopped one looks like a missing
+/// one.
+void RegistryView::failUnreachable(bool isConnected) const
+{
+    const std::string& where = m_locators.front().toString();
+    const std::string why = isConnected ? "" : kesa::commadapter::whyUnreachable(m_locators.front());
+    if (why.empty()) {
+        throw Failure{ExitCode::eNO_REGISTRY,
+                      fmt::format("the registry at {} does not answer: its process is stopped or busy; try a longer "
+                                  "--timeout, or restart it",
+                                  where)};
+    }
+    throw Failure{
+        ExitCode::eNO_REGISTRY,
+        fmt::format("no registry at {}: {}; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses", where,
+                    why)};
+}
+
+} // namespace kesactl

@@ -1,0 +1,63 @@
+#ifndef KESACTL_REGISTRYVIEW_H
+#define KESACTL_REGISTRYVIEW_H
+
+#include <comm/Clock.h>
+#include <comm/Condition.h>
+#include <kesa/Disposable.h>
+#include <kesa/Response.h>
+#include <kesa/serviceregistry/RegistryUpdate.h>
+#include <kesa/serviceregistry/ServiceDef.h>
+#include <kesa/url.h>
+
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kesactl {
+
+using kesa::serviceregistry::ServiceDef;
+using Services = std::map<std::string, ServiceDef>; // by path
+
+/// What the registry says about the services that match a glob, kept true for as long as this object lives: by a query
+/// at the registry itself, repeated after each loss of the connection. A query, also for a single path: tracking a path
+/// gets no answer when nothing is there.
+///
+/// Used by the thread that made it, which blocks; fed by the runtime.
+class RegistryView {
+public:
+    /// One change, in the order in which the registry tells them.
+    struct Event {
+        enum class Kind { eADDED, eREMOVED, eREGISTRY_LOST, eREGISTRY_FOUND };
+        Kind kind;
+        ServiceDef service; ///< for the first two
+    };
+
+    RegistryView(std::vector<kesa::url> locators, const std::string& glob);
+    ~RegistryView();
+    RegistryView(const RegistryView&) = delete;
+    RegistryView& operator=(const RegistryView&) = delete;
+
+    /// The services at the moment. A `Failure` when the registry has not told them by the deadline.
+    Services list(comm::TimeNs deadline);
+    /// Waits until there are some (`isGone`: none), as far as the registry knows. False at the deadline; a `Failure`
+    /// when the registry could not be asked at all.
+    bool waitFor(bool isGone, comm::TimeNs deadline, Services& services);
+    /// The next change; absent at the deadline.
+    std::optional<Event> next(comm::TimeNs deadline);
+
+private:
+    struct State;
+    [[noreturn]] void failUnreachable(bool isConnected) const;
+
+    const std::vector<kesa::url> m_locators;
+    std::shared_ptr<State> m_state;
+    kesa::Disposable m_subscription;
+};
+
+} // namespace kesactl
+
+#endif

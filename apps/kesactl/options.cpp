@@ -1,0 +1,48 @@
+#include "options.h"
+
+#include <CLI/CLI.hpp>
+#include <kesa/Path.h>
+#include <kesa/PathPatterns.h>
+#include <obr/ErrorStorage.h>
+
+namespace kesactl {
+
+void addCommonOptions(CLI::App& command, CommonOptions& options, const std::string& timeoutText)
+{
+    command.add_flag("--json", options.isJson, "One JSON value per line.");
+    command.add_option("--timeout", options.timeoutSeconds, timeoutText)
+        ->check(CLI::Range(0.0, 1e9))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+}
+
+std::string checkGlob(const std::string& glob)
+{
+    if (kesa::PathPatterns::createFromGlob(glob)) {
+        return {};
+    }
+    const std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
+}
+
+std::string checkPath(const std::string& path)
+{
+    return kesa::Path::isCanonical(path)
+               ? ""
+               : "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end";
+}
+
+std::string literal(const std::string& path)
+{
+    std::string glob;
+    for (const char c : path) {
+        if (std::string_view(R"(*?[]{},\)").find(c) != std::string_view::npos) {
+            glob += '\\';
+        }
+        glob += c;
+    }
+    return glob;
+}
+
+} // namespace kesactl

@@ -1,0 +1,31 @@
+#ifndef KESACTL_OPTIONS_H
+#define KESACTL_OPTIONS_H
+
+#include <CLI/App.hpp>
+#include <comm/Clock.h>
+
+#include <string>
+
+namespace kesactl {
+
+/// What every command that talks to a running system understands.
+struct CommonOptions {
+    bool isJson = false;
+    double timeoutSeconds = 2;
+
+    /// Counted from now.
+    comm::TimeNs deadline() const { return comm::now() + static_cast<comm::TimeNs>(timeoutSeconds * 1e9); }
+};
+
+void addCommonOptions(CLI::App& command, CommonOptions& options, const std::string& timeoutText);
+
+// For `CLI::Option::check`: what is wrong, or empty.
+std::string checkGlob(const std::string& glob);
+std::string checkPath(const std::string& path);
+
+/// A glob that matches this path only.
+std::string literal(const std::string& path);
+
+} // namespace kesactl
+
+#endif

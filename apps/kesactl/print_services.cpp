@@ -1,0 +1,179 @@
+#include "print_services.h"
+
+#include <kesa/core/PayloadConversion.h>
+#include <kesa/core/Serializer.h>
+#include <kesa/mimetypes.h>
+#include <kesa/serviceregistry/MetainfoKeys.h>
+
+#include <fmt/format.h>
+#include <fmt/ranges.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace kesactl {
+namespace {
+
+using kesa::serviceregistry::enumToValue;
+using kesa::serviceregistry::MetainfoKeys;
+
+std::string typeOf(const ServiceDef& service)
+{
+    return ServiceDef::enumToValue(service.type).value_or("-");
+}
+
+std::string inOneLine(const std::vector<std::string>& list)
+{
+    return list.empty() ? "-" : fmt::format("{}", fmt::join(list, ", "));
+}
+
+std::string locatorsOf(const ServiceDef& service)
+{
+    std::vector<std::string> locators;
+    for (const kesa::url& locator : service.locators) {
+        locators.push_back(locator.toString());
+    }
+    return inOneLine(locators);
+}
+
+using Row = std::array<std::string, 5>;
+
+Row rowOf(const std::string& path, const ServiceDef& service)
+{
+    return {path, typeOf(service), inOneLine(service.versions), providerOf(service), locatorsOf(service)};
+}
+
+/// The last column is not filled up.
+std::string align(const std::vector<Row>& rows)
+{
+    std::array<std::size_t, 5> widths{};
+    for (const Row& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::string text;
+    for (const Row& row : rows) {
+        text += fmt::format("{:<{}}  {:<{}}  {:<{}}  {:<{}}  {}\n", row[0], widths[0], row[1], widths[1], row[2],
+                            widths[2], row[3], widths[3], row[4]);
+    }
+    return text;
+}
+
+/// A segment of paths with what is below it.
+struct Node {
+    const ServiceDef* service = nullptr;
+    std::map<std::string, Node> children;
+};
+
+void addTo(std::string& text, const Node& node, const std::string& indent)
+{
+    for (auto child = node.children.begin(); child != node.children.end(); ++child) {
+        const bool isLast = std::next(child) == node.children.end();
+        const ServiceDef* const service = child->second.service;
+        text +=
+            fmt::format("{}{}{}{}\n", indent, isLast ? "└── " : "├── ", child->first,
+                        service == nullptr ? "" : fmt::format("  {} of {}", typeOf(*service), providerOf(*service)));
+        addTo(text, child->second, indent + (isLast ? "    " : "│   "));
+    }
+}
+
+} // namespace
+
+std::string providerOf(const ServiceDef& service)
+{
+    std::string provider;
+    if (service.metainfo && !(*service.metainfo)[*enumToValue(MetainfoKeys::provider)].get(provider)) {
+        return provider;
+    }
+    if (service.locators.empty()) {
+        return "-";
+    }
+    const std::string_view endpoint = service.locators.front().authority();
+    return std::string(endpoint.substr(0, endpoint.find('+')));
+}
+
+std::string asTable(const Services& services)
+{
+    std::vector<Row> rows{{"PATH", "TYPE", "VERSIONS", "PROVIDER", "LOCATORS"}};
+    for (const auto& [path, service] : services) {
+        rows.push_back(rowOf(path, service));
+    }
+    return align(rows);
+}
+
+std::string asTree(const Services& services)
+{
+    Node root;
+    for (const auto& [path, service] : services) {
+        Node* node = &root;
+        for (std::size_t begin = 1; begin < path.size();) {
+            const std::size_t end = std::min(path.find('/', begin), path.size());
+            node = &node->children[path.substr(begin, end - begin)];
+            begin = end + 1;
+        }
+        node->service = &service;
+    }
+    std::string text = "/\n";
+    addTo(text, root, "");
+    return text;
+}
+
+std::string asDetails(const ServiceDef& service)
+{
+    std::string text;
+    const auto add = [&text](std::string_view name, const std::string& value) {
+        text += fmt::format("{:<12}  {}\n", name, value);
+    };
+    add("path", service.path.toString());
+    add("type", typeOf(service));
+    add("versions", inOneLine(service.versions));
+    add("provider", providerOf(service));
+    for (const kesa::url& locator : service.locators) {
+        add("locator", locator.toString());
+    }
+    add("formats", service.serializationFormats ? inOneLine(*service.serializationFormats) : "-");
+    if (service.scope) {
+        add("scope", inOneLine(*service.scope));
+    }
+    if (service.hostDomain) {
+        add("host domain", *service.hostDomain);
+    }
+    if (service.id) {
+        add("record", service.id->toString());
+    }
+    if (service.metainfo) {
+        for (const auto& [key, value] : *service.metainfo) {
+            add("metainfo", fmt::format("{}: {}", key, value.toText()));
+        }
+    }
+    return text;
+}
+
+std::string asJson(const ServiceDef& service)
+{
+    const auto payload = kesa::serializer::toPayload(service, kesa::mimetypes::JSON);
+    return payload ? std::string(payload->text()) : "null";
+}
+
+void print(const std::string& text)
+{
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+void print(const Services& services, bool isJson)
+{
+    if (!isJson) {
+        print(asTable(services));
+        return;
+    }
+    std::string lines;
+    for (const auto& [path, service] : services) {
+        lines += asJson(service) + '\n';
+    }
+    print(lines);
+}
+
+} // namespace kesactl

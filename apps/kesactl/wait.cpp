@@ -1,0 +1,50 @@
+#include "Failure.h"
+#include "System.h"
+#include "commands.h"
+#include "options.h"
+#include "print_services.h"
+
+#include <CLI/CLI.hpp>
+
+#include <fmt/format.h>
+
+namespace kesactl {
+namespace {
+
+struct Arguments {
+    std::string glob;
+    bool isGone = false;
+    CommonOptions common{.timeoutSeconds = 30};
+};
+
+void wait(const Arguments& arguments)
+{
+    const System system;
+    Services services;
+    const auto view = system.view(arguments.glob);
+    if (!view->waitFor(arguments.isGone, arguments.common.deadline(), services)) {
+        const std::string what = arguments.isGone ? fmt::format("still there: {}", services.begin()->first)
+                                                  : "no service matches '" + arguments.glob + "'";
+        throw Failure{ExitCode::eTIMED_OUT, fmt::format("{} after {} s", what, arguments.common.timeoutSeconds)};
+    }
+    if (!arguments.isGone) {
+        print(services, arguments.common.isJson);
+    }
+}
+
+} // namespace
+
+void addWait(CLI::App& app)
+{
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command = app.add_subcommand("wait", "Waits until a service is there, and prints it.");
+    command->add_option("PATH|GLOB", arguments->glob, "Of the service, or of any of several.")
+        ->required()
+        ->check(checkGlob)
+        ->type_name("");
+    command->add_flag("--gone", arguments->isGone, "Waits until there is none.");
+    addCommonOptions(*command, arguments->common, "How long; also for the registry.");
+    command->callback([arguments] { wait(*arguments); });
+}
+
+} // namespace kesactl
