@@ -2,29 +2,26 @@
 
 #include <util/config/Value.h>
 
-#include <algorithm>
 #include <array>
 
 namespace examples {
 
-void Board::expect(const std::string& path)
+void Board::connected(const std::string& path, const kesa::serviceregistry::ServiceDef& service)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_rows[path];
-}
-
-void Board::connected(const std::string& path)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_rows[path].state = "connected";
-    ++m_rows[path].connections;
-    write(path, "connected");
+    Row& row = m_rows[path];
+    row.isThere = true;
+    row.since = comm::now();
+    row.provider = service.metainfo ? std::string((*service.metainfo)["provider"].stringView()) : "";
+    write(path, "connected", R"(,"provider":")" + row.provider + '"');
 }
 
 void Board::lost(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_rows[path].state = "LOST";
+    Row& row = m_rows[path];
+    row.isThere = false;
+    row.since = comm::now();
     write(path, "lost");
 }
 
@@ -46,13 +43,6 @@ void Board::streamed(const std::string& path, const std::string& value)
     write(path, "value", R"(,"value":)" + value);
 }
 
-void Board::failed(const std::string& path, const std::string& error)
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    m_rows[path].state = "FAILED: " + error;
-    write(path, "failed");
-}
-
 void Board::write(const std::string& path, const char* event, const std::string& more)
 {
     if (m_events != nullptr) {
@@ -70,18 +60,22 @@ std::string Board::table() const
     std::array<char, 512> line{};
     std::string text;
     const auto add = [&](auto... columns) {
-        std::snprintf(line.data(), line.size(), "  %-24.24s %-10.24s %11s %8s  %.90s\n", columns...);
+        std::snprintf(line.data(), line.size(), "  %-22.22s %-15.15s %-10s %8s %9s %7s  %.80s\n", columns...);
         text += line.data();
     };
-    add("service", "state", "call", "values", "latest");
+    add("service", "provider", "state", "since", "call", "values", "latest");
+    const comm::TimeNs now = comm::now();
     for (const auto& [path, row] : m_rows) {
+        std::array<char, 32> since{};
         std::array<char, 32> took{"-"};
+        std::snprintf(since.data(), since.size(), "%.1f s", static_cast<double>(now - row.since) / 1e9);
         if (row.callTook > 0) {
             std::snprintf(took.data(), took.size(), "%.0f us", static_cast<double>(row.callTook) / 1000.0);
         }
-        add(path.c_str(), row.state.c_str(), took.data(), std::to_string(row.values).c_str(), row.value.c_str());
+        add(path.c_str(), row.provider.c_str(), row.isThere ? "connected" : "GONE", since.data(), took.data(),
+            std::to_string(row.values).c_str(), row.value.c_str());
     }
-    return text;
+    return m_rows.empty() ? "  no service below /system; waiting\n" : text;
 }
 
 } // namespace examples

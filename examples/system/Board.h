@@ -2,6 +2,7 @@
 #define KESA_EXAMPLES_SYSTEM_BOARD_H
 
 #include <comm/Clock.h>
+#include <kesa/serviceregistry/ServiceDef.h>
 
 #include <cstdint>
 #include <cstdio>
@@ -17,22 +18,21 @@ public:
     /// `events` may be null; it stays the caller's.
     explicit Board(std::FILE* events) : m_events(events) {}
 
-    void expect(const std::string& path);
-    void connected(const std::string& path);
+    void connected(const std::string& path, const kesa::serviceregistry::ServiceDef& service);
     void lost(const std::string& path);
     void answered(const std::string& path, comm::TimeNs took, const std::string& value);
     void streamed(const std::string& path, const std::string& value);
-    void failed(const std::string& path, const std::string& error);
 
     std::string table() const;
 
 private:
     struct Row {
-        std::string state = "waiting";
+        bool isThere = false;
+        comm::TimeNs since = 0;
+        std::string provider;
         std::string value;
         comm::TimeNs callTook = 0;
         std::uint64_t values = 0;
-        std::uint64_t connections = 0;
     };
     void write(const std::string& path, const char* event, const std::string& more = {});
 

@@ -1,8 +1,11 @@
 #include "Counters.h"
 
+#include <algorithm>
 #include <cmath>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <system_error>
 
 namespace examples {
 
@@ -107,6 +110,49 @@ kesa::GenericObject readNetwork(const std::string& interface)
         }
     }
     return {};
+}
+
+std::vector<std::string> disks()
+{
+    std::vector<std::string> names;
+    std::error_code error; // without /sys there are none
+    for (const auto& entry : std::filesystem::directory_iterator("/sys/block", error)) {
+        if (std::filesystem::exists(entry.path() / "device", error)) {
+            names.push_back(entry.path().filename().string());
+        }
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+kesa::GenericObject readDisk(const std::string& disk)
+{
+    constexpr std::uint64_t SECTOR = 512; // of these counters, whatever the disk has
+    std::ifstream file("/sys/block/" + disk + "/stat");
+    std::uint64_t reads = 0;
+    std::uint64_t readSectors = 0;
+    std::uint64_t writes = 0;
+    std::uint64_t writtenSectors = 0;
+    std::uint64_t skipped = 0;
+    file >> reads >> skipped >> readSectors >> skipped >> writes >> skipped >> writtenSectors;
+    if (!file) {
+        return {};
+    }
+    return {{"reads", reads},
+            {"read_bytes", readSectors * SECTOR},
+            {"writes", writes},
+            {"written_bytes", writtenSectors * SECTOR}};
+}
+
+kesa::GenericObject readFilesystem()
+{
+    std::error_code error;
+    const std::filesystem::space_info space = std::filesystem::space("/", error);
+    if (error) {
+        return {};
+    }
+    return {{"total_mib", std::uint64_t{space.capacity >> 20U}},
+            {"available_mib", std::uint64_t{space.available >> 20U}}};
 }
 
 } // namespace examples

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-/// This machine's own counters, out of /proc.
+/// This machine's own counters, out of /proc and /sys.
 namespace examples {
 
 /// Busy share of the processors since the last question.
@@ -26,6 +26,13 @@ kesa::GenericObject readLoad();
 std::vector<std::string> networkInterfaces();
 /// Bytes and packets of one interface; empty when there is none of that name.
 kesa::GenericObject readNetwork(const std::string& interface);
+
+/// Real devices, none that only show a file or memory.
+std::vector<std::string> disks();
+/// Reads and writes of one disk since the machine started; empty when there is none of that name.
+kesa::GenericObject readDisk(const std::string& disk);
+/// Space of the root file system.
+kesa::GenericObject readFilesystem();
 
 } // namespace examples
 

@@ -1,4 +1,4 @@
-// system-watch [EVENTS_FILE]: shows the services that its configuration document names as a live table. It connects to
+// system-watch [EVENTS_FILE]: shows every service below /system as a live table, whoever provides it. It connects to
 // each as soon as it is there, asks it once, follows its stream, and begins again when it was lost. Ends on SIGINT and
 // SIGTERM.
 
@@ -15,14 +15,14 @@
 #include <csignal>
 #include <cstdio>
 #include <memory>
+#include <string>
 #include <unistd.h>
-#include <vector>
 
 namespace {
 
 using kesa::runtime::v02::KesaRuntime;
 using Client = std::shared_ptr<kesa::IKesaApi>;
-using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
+using Resolved = kesa::runtime::v02::ResolveResult<kesa::optional<Client>>;
 
 constexpr comm::TimeNs FRAME = 250 * comm::MILLISECOND;
 
@@ -49,23 +49,24 @@ void follow(const std::string& path, kesa::IKesaApi& client, examples::Board& bo
                                 [](const kesa::Response&) {}));
 }
 
-kesa::Disposable watch(const std::string& path, comm::ActiveObject& worker, examples::Board& board)
+kesa::Disposable watch(comm::ActiveObject& worker, examples::Board& board)
 {
-    board.expect(path);
-    return KesaRuntime::getInstance()->trackAndResolveService(
-        path, kesa::handler<Resolved>(
-                  [path, &worker, &board](const Resolved& resolved) {
-                      if (!resolved) {
-                          board.lost(path);
-                          return;
-                      }
-                      board.connected(path);
-                      follow(path, *resolved->api, board);
-                      kesa::post(worker, [path, client = resolved->api, &board] { askOnce(path, *client, board); });
-                  },
-                  [path, &board](const kesa::Response& error) {
-                      board.failed(path, kesa::Response::getErrorMessageWithCode(error));
-                  }));
+    return KesaRuntime::getInstance()->trackAndResolveServices(
+        kesa::serviceregistry::Query("/system/**"),
+        kesa::handler<Resolved>(
+            [&worker, &board](const Resolved& resolved) {
+                const std::string path = resolved.serviceDef.path.toString();
+                if (!resolved.api) {
+                    board.lost(path);
+                    return;
+                }
+                board.connected(path, resolved.serviceDef);
+                follow(path, **resolved.api, board);
+                kesa::post(worker, [path, client = *resolved.api, &board] { askOnce(path, *client, board); });
+            },
+            [](const kesa::Response& error) {
+                std::fprintf(stderr, "system-watch: %s\n", kesa::Response::getErrorMessageWithCode(error).c_str());
+            }));
 }
 
 /// On a terminal each frame is drawn over the last.
@@ -93,21 +94,13 @@ int main(int argc, char** argv)
         std::perror(argv[1]);
         return 1;
     }
-    if (KesaRuntime::initInstance("system-watch")) {
+    if (KesaRuntime::initInstance("system-watch", KesaRuntime::WITH_REGISTRYD)) {
         std::fputs("system-watch: the runtime did not start\n", stderr);
         return 1;
     }
-    const auto& services = KesaRuntime::getInstance()->getConfigAccessor().getServices();
-    if (services.empty()) {
-        std::fputs("system-watch: the configuration document names no services; set KESA_CONFIG to one that does\n",
-                   stderr);
-    }
     examples::Board board(events);
     comm::ActiveObject worker("system-watch.worker");
-    std::vector<kesa::Disposable> subscriptions;
-    for (const auto& service : services) {
-        subscriptions.push_back(watch(service.path.toString(), worker, board));
-    }
+    const kesa::Disposable subscription = watch(worker, board);
     const auto screen = comm::Scheduler::current().makeReactor("system-watch.screen");
     screen->post([&] { drawForEver(*screen, board, comm::now() + FRAME); });
 

@@ -1,4 +1,5 @@
-// The pair of examples, as a user starts them: in either order, with a death in between.
+// The examples and the registry's program, as a user starts them: without a configuration, in any order, with deaths in
+// between.
 
 #include "SystemTest.h"
 
@@ -7,9 +8,18 @@
 namespace kesa::system_test {
 namespace {
 
+const Options NO_DOCUMENT{.document = Options::Document::eNONE};
+
 class SystemDemo : public SystemTest {
 protected:
-    Process& startMonitor() { return launchProgram("system-monitor", {KESA_SYSTEM_MONITOR}, {}); }
+    Process& startRegistry()
+    {
+        Process& registry = launchProgram("kesa-registryd", {KESA_REGISTRYD}, NO_DOCUMENT);
+        registry.expect("kesa-registryd: ready at ipc://kesa-registryd/registry");
+        return registry;
+    }
+    Process& startMonitor() { return launchProgram("system-monitor", {KESA_SYSTEM_MONITOR}, NO_DOCUMENT); }
+    Process& startWatch() { return launchProgram("system-watch", {KESA_SYSTEM_WATCH, "/proc/self/fd/1"}, NO_DOCUMENT); }
     static void expectEach(Process& watch, const std::vector<std::string>& events)
     {
         for (const std::string& event : events) {
@@ -25,29 +35,37 @@ protected:
     }
 };
 
-TEST_F(SystemDemo, EitherMayComeFirst)
+TEST_F(SystemDemo, AnyMayComeFirstAndDie)
 {
-    const auto startWatch = [this]() -> Process& {
-        return launchProgram("system-watch", {KESA_SYSTEM_WATCH, "/proc/self/fd/1"},
-                             {.services = {"ipc://system-monitor/system/memory", "ipc://system-monitor/system/load"}});
-    };
+    const std::vector<std::string> ALL = {"connected", "answer", "value", "value"};
     Process& early = startWatch();
-    early.expectTrace("no process listens as \"system-monitor\"");
+    early.expectTrace("no process listens as \"kesa-registryd\"");
     Process& monitor = startMonitor();
-    expectEach(early, {"connected", "answer", "value", "value"});
+    Process& registry = startRegistry();
+    expectEach(early, ALL);
+
     monitor.kill();
     expectEach(early, {"lost"});
     Process& again = startMonitor();
     again.expect("/system/load at");
     Process& late = startWatch();
-    for (Process* const watch : {&early, &late}) {
-        expectEach(*watch, {"connected", "answer", "value", "value"});
-    }
+    expectEach(early, ALL);
+    expectEach(late, ALL);
+
+    registry.kill();
+    expectEach(early, {"lost"});
+    Process& registryAgain = startRegistry();
+    expectEach(early, ALL);
+    expectEach(late, {"lost"});
+    expectEach(late, ALL);
+
     expectOrderlyEnd(again);
     expectEach(late, {"lost"});
-    expectOrderlyEnd(late);
-    expectOrderlyEnd(early);
+    for (Process* const process : {&late, &early, &registryAgain}) {
+        expectOrderlyEnd(*process);
+    }
     EXPECT_FALSE(isInRunDirectory("system-monitor.sock"));
+    EXPECT_FALSE(isInRunDirectory("kesa-registryd.sock"));
 }
 
 } // namespace
