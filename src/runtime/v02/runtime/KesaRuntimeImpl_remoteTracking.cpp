@@ -118,8 +118,8 @@ void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, s
                        path.c_str());
             break;
         }
-        if (entry->optionalRegistrator) {
-            // This process's own, or one that the registry will refuse it for: then the path is tracked anew.
+        if (entry->optionalRegistrator && !isProvidedBy(*update.element, m_proc_name)) {
+            // Another's, for which the registry is going to refuse the own one: then the path is tracked anew.
             KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] service='%s' is registered here -> kept",
                        path.c_str());
             break;
