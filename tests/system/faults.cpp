@@ -32,8 +32,9 @@ constexpr int FAULTS_PER_LONG_STOP = 500;
 struct Member {
     std::string name;
     std::vector<std::string> provides{};
-    std::vector<std::string> tracks{};
+    std::vector<std::string> couldTrack{};
     std::vector<std::string> resolves{};
+    std::vector<std::string> tracks{};
     Process* process = nullptr;
     std::map<std::string, int> claims{}; ///< generation by path, of what it has registered and was not refused
     bool isStopped = false;
@@ -58,6 +59,10 @@ private:
     std::size_t draw(std::size_t limit) { return std::uniform_int_distribution<std::size_t>(0, limit - 1)(m_random); }
     Member* drawMember(std::vector<Member>& from, bool (*isGood)(const Member&));
     static bool isRunning(const Member& member) { return member.process != nullptr && !member.isStopped; }
+    static bool tracksAll(const Member& member)
+    {
+        return std::find(member.tracks.begin(), member.tracks.end(), "**") != member.tracks.end();
+    }
     static bool isAlive(const Member& member) { return member.process != nullptr; }
 
     void launchMember(Member& member);
@@ -71,6 +76,7 @@ private:
     Facts factsOf(const Member& member, const Facts& provided) const;
     void awaitFacts(Member& member, const Facts& facts, bool isAll);
     void awaitClaims();
+    void refused(Member& member, const std::string& path);
     void awaitOutcome(Member& member, const std::string& path);
     void checkQuiet(Member& member);
 
@@ -84,6 +90,7 @@ private:
     bool claimTwice();
     bool claimHeld();
     bool withdraw();
+    bool changeTracks();
     bool crowd();
     bool killWatcher();
     bool stopWatcher();
@@ -98,9 +105,9 @@ private:
     std::vector<Member> m_providers;
     std::vector<Member> m_watchers;
     Member m_witness{.name = "witness",
-                     .tracks = {"**"}};  ///< nothing happens to it; it registers what changes in each round
-    std::set<std::string> m_disputed;    ///< paths that several claim, as long as it is not known who has it
-    std::map<Process*, pid_t> m_orphans; ///< children of processes that are dead
+                     .couldTrack = {"**"}}; ///< nothing happens to it; it registers what changes in each round
+    std::set<std::string> m_disputed;       ///< paths that several claim, as long as it is not known who has it
+    std::map<Process*, pid_t> m_orphans;    ///< children of processes that are dead
     Process* m_registry = nullptr;
     bool m_isRegistryStopped = false;
     bool m_isSettled = true;
@@ -122,6 +129,7 @@ SystemFaults::SystemFaults()
               {"free path claimed twice", 4, &SystemFaults::claimTwice, 0},
               {"held path claimed", 3, &SystemFaults::claimHeld, 0},
               {"withdrawn", 2, &SystemFaults::withdraw, 0},
+              {"trackings ended or begun", 3, &SystemFaults::changeTracks, 0},
               {"crowd came and died", 0.3, &SystemFaults::crowd, 0},
               {"watcher killed", 2, &SystemFaults::killWatcher, 0},
               {"watcher stopped", 2, &SystemFaults::stopWatcher, 0},
@@ -135,7 +143,7 @@ SystemFaults::SystemFaults()
         const std::string own = "/own/" + std::to_string(i);
         m_providers.push_back({"provider-" + std::to_string(i), {own + "/0", own + "/1", own + "/2"}});
         if (i % 2 == 1) {
-            m_providers.back().tracks = {"**", CONTESTED[0], own + "/0"};
+            m_providers.back().couldTrack = {"**", CONTESTED[0], own + "/0"};
         }
     }
     for (int i = 0; i < WATCHERS; ++i) {
@@ -170,6 +178,7 @@ void SystemFaults::launchMember(Member& member)
     const bool isTrackingFirst = draw(2) == 0;
     for (const bool isTracking : {isTrackingFirst, !isTrackingFirst}) {
         if (isTracking) {
+            member.tracks = member.couldTrack;
             for (const std::string& what : member.tracks) {
                 member.process->send("track " + what);
             }
@@ -263,7 +272,7 @@ Facts SystemFaults::factsOf(const Member& member, const Facts& provided) const
         }
         for (const std::string& what : member.resolves) {
             if (what == path) {
-                facts.insert(path + " connected");
+                facts.insert('=' + path + ' ' + path + " connected");
             }
         }
     }
@@ -286,6 +295,15 @@ void SystemFaults::awaitFacts(Member& member, const Facts& facts, bool isAll)
     }
 }
 
+/// What it disposes then is nobody's service.
+void SystemFaults::refused(Member& member, const std::string& path)
+{
+    member.claims.erase(path);
+    if (draw(2) == 0) {
+        member.process->send("withdraw " + path);
+    }
+}
+
 /// Of those who claim a path, all but one are refused.
 void SystemFaults::awaitClaims()
 {
@@ -295,7 +313,7 @@ void SystemFaults::awaitClaims()
             std::vector<Process*> processes;
             for (Member* const rival : rivals) {
                 if (rival->process->hasTold("refused " + path)) {
-                    rival->claims.erase(path);
+                    refused(*rival, path);
                     processes.clear();
                     break;
                 }
@@ -320,7 +338,7 @@ void SystemFaults::awaitOutcome(Member& member, const std::string& path)
     m_witness.process->send("expect-some " + id + " ** " + path + ' ' + std::to_string(member.claims[path]));
     while (!m_witness.process->hasTold("true " + id)) {
         if (member.process->hasTold("refused " + path)) {
-            member.claims.erase(path);
+            refused(member, path);
             return;
         }
         ASSERT_LT(std::chrono::steady_clock::now(), deadline) << path << " is neither provided nor refused";
@@ -441,7 +459,7 @@ bool SystemFaults::claimOfStopped()
     const std::string& path = CONTESTED[draw(CONTESTED.size())];
     const auto holders = claimants(path);
     Member* const rival = drawMember(m_providers, isRunning);
-    if (holders.size() != 1 || rival == nullptr || rival == holders.front() || !rival->tracks.empty()) {
+    if (holders.size() != 1 || rival == nullptr || rival == holders.front() || !rival->couldTrack.empty()) {
         return false;
     }
     resumeRegistry();
@@ -479,7 +497,7 @@ bool SystemFaults::claimTwice()
     Member* const first = drawMember(m_providers, isRunning);
     Member* const second = drawMember(m_providers, isRunning);
     if (!claimants(path).empty() || first == nullptr || first == second ||
-        (!m_isSettled && (!first->tracks.empty() || !second->tracks.empty()))) {
+        (!m_isSettled && (!first->couldTrack.empty() || !second->couldTrack.empty()))) {
         return false;
     }
     provide(*first, path);
@@ -513,6 +531,27 @@ bool SystemFaults::withdraw()
     member->claims.erase(path);
     if (path.starts_with("/own/") && draw(2) == 0) {
         provide(*member, path);
+    }
+    return true;
+}
+
+/// Ends and begins some, among them what goes on without a break.
+bool SystemFaults::changeTracks()
+{
+    Member* const member = drawMember(draw(2) == 0 ? m_watchers : m_providers, isRunning);
+    if (member == nullptr || member->couldTrack.empty()) {
+        return false;
+    }
+    for (std::size_t left = 1 + draw(4); left > 0; --left) {
+        const std::string& what = member->couldTrack[draw(member->couldTrack.size())];
+        const auto tracked = std::find(member->tracks.begin(), member->tracks.end(), what);
+        if (tracked != member->tracks.end()) {
+            member->process->send("untrack " + what);
+            member->tracks.erase(tracked);
+        } else {
+            member->process->send("track " + what);
+            member->tracks.push_back(what);
+        }
     }
     return true;
 }
@@ -564,7 +603,13 @@ bool SystemFaults::stuckWatcher()
     }
     const std::string cut = "is cut off: ";
     const std::size_t before = m_registry->countTraces(cut);
-    stopWatcher();
+    Member* const watcher =
+        drawMember(m_watchers, [](const Member& member) { return isRunning(member) && tracksAll(member); });
+    if (watcher == nullptr) {
+        return false;
+    }
+    watcher->process->stop();
+    watcher->isStopped = true;
     provider->process->send("churn 40 20000");
     provider->process->expect("churned");
     m_registry->expectTrace(cut, before + 1);

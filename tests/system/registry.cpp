@@ -118,7 +118,7 @@ TEST_F(SystemRegistry, EveryOrderOfStartsEndsTheSame)
                 }
             }
             registry = registry != nullptr ? registry : &startRegistry();
-            expectBelief(*watcher, "** /player 1;** /registry -;/player /player 1;/player connected");
+            expectBelief(*watcher, "** /player 1;** /registry -;/player /player 1;=/player /player connected");
             for (Process* const process : {watcher, provider, registry}) {
                 expectUndisturbed(*process);
                 process->kill();

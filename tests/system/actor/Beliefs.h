@@ -16,25 +16,44 @@ class Beliefs {
 public:
     explicit Beliefs(std::function<void(const std::string&)> say) : m_say(std::move(say)) {}
 
-    void added(const std::string& subject, const std::string& detail)
+    /// Begins to follow it, from now on under the number that is returned.
+    int follow(const std::string& what)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_known.emplace(subject, detail).second) {
-            m_say("broken " + subject + ' ' + detail + " is there twice");
-        }
-        m_facts.insert(subject + ' ' + detail);
-        check();
+        forgetLocked(what);
+        return m_numbers[what] = ++m_lastNumber;
     }
-    void removed(const std::string& subject)
+    /// Drops what it said; calls that still come do not count.
+    void forget(const std::string& what)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        const auto known = m_known.find(subject);
-        if (known == m_known.end()) {
-            m_say("broken " + subject + " is gone without having been there");
+        forgetLocked(what);
+    }
+    void added(const std::string& what, int number, const std::string& path, const std::string& generation)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_numbers[what] != number) {
             return;
         }
-        m_facts.erase(subject + ' ' + known->second);
-        m_known.erase(known);
+        if (!m_known[what].emplace(path, generation).second) {
+            m_say("broken " + what + ' ' + path + ' ' + generation + " is there twice");
+        }
+        m_facts.insert(fact(what, path, generation));
+        check();
+    }
+    void removed(const std::string& what, int number, const std::string& path)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_numbers[what] != number) {
+            return;
+        }
+        const auto known = m_known[what].find(path);
+        if (known == m_known[what].end()) {
+            m_say("broken " + what + ' ' + path + " is gone without having been there");
+            return;
+        }
+        m_facts.erase(fact(what, path, known->second));
+        m_known[what].erase(known);
         check();
     }
     /// `isAll`: and nothing else.
@@ -57,6 +76,18 @@ public:
     }
 
 private:
+    static std::string fact(const std::string& what, const std::string& path, const std::string& generation)
+    {
+        return what + ' ' + path + ' ' + generation;
+    }
+    void forgetLocked(const std::string& what)
+    {
+        m_numbers.erase(what);
+        for (const auto& [path, generation] : m_known[what]) {
+            m_facts.erase(fact(what, path, generation));
+        }
+        m_known.erase(what);
+    }
     void check()
     {
         if (!m_expectation.empty() &&
@@ -68,11 +99,14 @@ private:
 
     const std::function<void(const std::string&)> m_say;
     std::mutex m_mutex;
-    std::map<std::string, std::string> m_known; ///< detail by subject; under `m_mutex`
-    std::set<std::string> m_facts;              ///< the same as texts; under `m_mutex`
-    std::set<std::string> m_expected;           ///< under `m_mutex`
-    bool m_isAllExpected = true;                ///< under `m_mutex`
-    std::string m_expectation;                  ///< empty when there is none; under `m_mutex`
+    int m_lastNumber = 0;                 ///< under `m_mutex`
+    std::map<std::string, int> m_numbers; ///< of what is followed; under `m_mutex`
+    /// Generation by path by what is followed; under `m_mutex`.
+    std::map<std::string, std::map<std::string, std::string>> m_known;
+    std::set<std::string> m_facts;    ///< the same as texts; under `m_mutex`
+    std::set<std::string> m_expected; ///< under `m_mutex`
+    bool m_isAllExpected = true;      ///< under `m_mutex`
+    std::string m_expectation;        ///< empty when there is none; under `m_mutex`
 };
 
 #endif

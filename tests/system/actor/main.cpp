@@ -125,6 +125,7 @@ public:
     void call(std::istream& words);
     void feed(std::istream& words);
     void track(std::istream& words);
+    void untrack(std::istream& words);
     void expectAll(std::istream& words) { expect(words, true); }
     void expectSome(std::istream& words) { expect(words, false); }
     void tellBeliefs(std::istream&) { say("beliefs " + m_beliefs.json()); }
@@ -178,17 +179,16 @@ void Actor::resolve(std::istream& words)
         say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
     };
     if (what.front() == '/') {
-        m_resolved[what] = m_runtime.trackAndResolveService(what, kesa::handler<Resolved>(
-                                                                      [this, what](const Resolved& resolved) {
-                                                                          if (resolved) {
-                                                                              m_clients.connected(what, resolved->api);
-                                                                              m_beliefs.added(what, "connected");
-                                                                          } else {
-                                                                              m_clients.lost(what);
-                                                                              m_beliefs.removed(what);
-                                                                          }
-                                                                      },
-                                                                      failed));
+        const auto next = [this, what, number = m_beliefs.follow('=' + what)](const Resolved& resolved) {
+            if (resolved) {
+                m_clients.connected(what, resolved->api);
+                m_beliefs.added('=' + what, number, what, "connected");
+            } else {
+                m_clients.lost(what);
+                m_beliefs.removed('=' + what, number, what);
+            }
+        };
+        m_resolved[what] = m_runtime.trackAndResolveService(what, kesa::handler<Resolved>(next, failed));
     } else {
         m_resolved[what] = m_runtime.resolveService(
             kesa::url(what), kesa::handler<kesa::optional<Client>>(
@@ -229,21 +229,28 @@ void Actor::track(std::istream& words)
 {
     const std::string what = word(words);
     auto handler = kesa::handler<Update>(
-        [this, what](const Update& update) {
-            const std::string subject = what + ' ' + update.element.path.toString();
+        [this, what, number = m_beliefs.follow(what)](const Update& update) {
+            const std::string path = update.element.path.toString();
             if (update.type == kesa::ResourceUpdateType::eREMOVED) {
-                m_beliefs.removed(subject);
+                m_beliefs.removed(what, number, path);
                 return;
             }
             std::string generation = "-";
             static_cast<void>(update.element.metainfo && (*update.element.metainfo)["generation"].get(generation));
-            m_beliefs.added(subject, generation);
+            m_beliefs.added(what, number, path, generation);
         },
         [what](const kesa::Response& error) {
             say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
         });
     m_tracked[what] = what.find('*') == std::string::npos ? m_runtime.trackService(what, std::move(handler))
                                                           : m_runtime.trackServices(Query(what), std::move(handler));
+}
+
+void Actor::untrack(std::istream& words)
+{
+    const std::string what = word(words);
+    m_beliefs.forget(what);
+    m_tracked[what].dispose();
 }
 
 void Actor::expect(std::istream& words, bool isAll)
@@ -325,6 +332,7 @@ const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
     {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
     {"track", &Actor::track},            // PATH or PATTERN
+    {"untrack", &Actor::untrack},        // what is tracked
     {"expect", &Actor::expectAll},       // ID FACT;FACT...: true ID, once it believes just that
     {"expect-some", &Actor::expectSome}, // ID FACT;FACT...: true ID, once it believes that too
     {"beliefs", &Actor::tellBeliefs},    // beliefs JSON
