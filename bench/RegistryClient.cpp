@@ -81,8 +81,8 @@ public:
 
     std::atomic<int> awaited{-1};
     std::atomic<std::int64_t> confirmedAt{0};
-    Signal confirmed;
-    Signal synced;
+    Signal confirmed{Signal::Between::eTHREADS};
+    Signal synced{Signal::Between::eTHREADS};
 
 private:
     const OnConfirmed m_onConfirmed;
@@ -95,7 +95,6 @@ RegistryClient::RegistryClient(const std::string& processName, OnConfirmed onCon
     static_cast<kesa::ResourceHandler&>(*m_service).onRetrieve("/", [](const auto&, kesa::Responder responder) {
         responder.answer(kesa::Payload::createFromString("here", kesa::mimetypes::TEXT));
     });
-    tracing::setEventLogSink(m_sink);
     sync();
 }
 
@@ -132,13 +131,23 @@ std::int64_t RegistryClient::registerAndWait(int number, kesa::Disposable& regis
     return m_sink->confirmedAt;
 }
 
+void RegistryClient::switchLogOff()
+{
+    m_isLogOff = true;
+    tracing::setEventLogSink(nullptr);
+}
+
 void RegistryClient::sync()
 {
+    tracing::setEventLogSink(m_sink);
     std::string path(SYNC_PREFIX);
     path.append(std::to_string(::getpid())).append("/").append(std::to_string(m_synced++));
     kesa::Disposable registration = registerPath(path, {});
     m_sink->synced.take("answer of the registry");
     registration.dispose();
+    if (m_isLogOff) {
+        switchLogOff();
+    }
 }
 
 kesa::serviceregistry::IServiceRegistry& RegistryClient::bare()

@@ -37,6 +37,8 @@ public:
     [[nodiscard]] kesa::Disposable registerService(int number, const std::string& information = {});
     /// Registers, waits until it is confirmed, and answers when that was. Only for who has no `OnConfirmed`.
     std::int64_t registerAndWait(int number, kesa::Disposable& registration);
+    /// For who only watches: what nobody reads is not written.
+    void switchLogOff();
     /// Waits until the registry has dealt with all that this process has asked for so far.
     void sync();
     /// The registry itself, without the runtime's tables.
@@ -51,6 +53,7 @@ private:
     kesa::runtime::v02::IKesaRuntime& m_runtime;
     std::shared_ptr<kesa::IKesaApi> m_service;
     std::unique_ptr<kesa::serviceregistry::ServiceRegistryPexClient> m_bare;
+    bool m_isLogOff = false;
     int m_synced = 0;
 };
 

@@ -33,10 +33,15 @@ private:
     T* m_object;
 };
 
-/// Something that happened, for another process that waits for it. Each `give` ends one `take`.
+/// Something that happened, for another thread that waits for it, or for another process (it lies in `Shared` then).
+/// Each `give` ends one `take`.
 class Signal {
 public:
-    Signal() { require(::sem_init(&m_semaphore, 1, 0) == 0, "sem_init"); }
+    enum class Between { eTHREADS, ePROCESSES };
+    explicit Signal(Between between = Between::ePROCESSES)
+    {
+        require(::sem_init(&m_semaphore, between == Between::ePROCESSES ? 1 : 0, 0) == 0, "sem_init");
+    }
     Signal(const Signal&) = delete;
     Signal& operator=(const Signal&) = delete;
 

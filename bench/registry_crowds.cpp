@@ -84,6 +84,7 @@ std::unique_ptr<ChildProcess> makeWatcherOfOthers(int count, bool hasPatterns)
 {
     return std::make_unique<ChildProcess>([&](const Ready& ready) {
         RegistryClient client("bench-watcher-of-others");
+        client.switchLogOff();
         const auto nothing = [] {
             return kesa::handler<Update>([](const Update&) { require(false, "nothing to be told"); });
         };
@@ -131,6 +132,7 @@ World::World(const Population& population)
     for (int connection = 0; connection < connections; ++connection) {
         m_crowd.push_back(std::make_unique<ChildProcess>([&](const Ready& ready) {
             RegistryClient client("bench-watcher-" + std::to_string(connection));
+            client.switchLogOff();
             for (int number = 0; number < population.watchers / connections; ++number) {
                 client.bare().trackService(kesa::handler<RegistryUpdate>([&](const RegistryUpdate&) {
                                                m_board->toldAt = wallNs();
@@ -233,6 +235,7 @@ double firstList(const Listing& listing, int samples)
         const Shared<std::atomic<std::int64_t>> took;
         const ChildProcess watcher([&](const Ready& ready) {
             RegistryClient client("bench-watcher");
+            client.switchLogOff();
             Seen seen(listing);
             Signal hasAll;
             const std::int64_t startedAt = wallNs();
@@ -267,6 +270,7 @@ ListedToMany firstListForMany(const Listing& listing, int watchers)
     const auto crowd = makeCrowd(watchers, [&](int number) {
         return std::make_unique<ChildProcess>([&, number](const Ready& ready) {
             RegistryClient client("bench-watcher-" + std::to_string(number));
+            client.switchLogOff();
             auto& registry = client.bare();
             Seen seen(listing);
             ready();
@@ -332,6 +336,7 @@ Restart restart(int processes, int registrationsEach)
     const Shared<Board> board;
     const ChildProcess watcher([&](const Ready& ready) {
         RegistryClient client("bench-watcher");
+        client.switchLogOff();
         std::set<int> present;
         const kesa::Disposable query =
             client.runtime().trackServices(ALL, kesa::handler<Update>([&](const Update& update) {

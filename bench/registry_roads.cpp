@@ -101,6 +101,7 @@ ChildProcess makeWatcher(Watch watch, Heard& heard)
 {
     return ChildProcess([watch, &heard](const Ready& ready) {
         RegistryClient client("bench-watcher");
+        client.switchLogOff();
         const kesa::Disposable following = follow(client, watch, heard);
         client.sync();
         ready();
@@ -115,7 +116,7 @@ Measured confirmedRegistrations(double seconds, int inFlight)
     const ChildProcess registryd{std::string(KESA_REGISTRYD)};
     std::vector<std::int64_t> startedAt(MOST);
     Recorder recorder(registryd, seconds);
-    Signal next;
+    Signal next(Signal::Between::eTHREADS);
     std::atomic<bool> isOver = false;
     std::atomic<int> confirmed = 0;
     RegistryClient client("bench-provider", [&](int number, std::int64_t atNs) {
@@ -142,7 +143,7 @@ Measured bareRegistrations(double seconds)
     const ChildProcess registryd{std::string(KESA_REGISTRYD)};
     RegistryClient client("bench-provider");
     Recorder recorder(registryd, seconds);
-    Signal answered;
+    Signal answered(Signal::Between::eTHREADS);
     std::int64_t answeredAt = 0;
     int number = 0;
     for (bool goesOn = true; goesOn; ++number) {
