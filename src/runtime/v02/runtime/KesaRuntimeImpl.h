@@ -183,8 +183,7 @@ private:
     void removeTracker(const std::string& path, const Handle& handle);
     void triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef, const Trackers& trackers,
                               const QueryTrackers& queryTrackers);
-    void triggerQueryRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef,
-                                   const QueryTrackers& queryTrackers);
+    void triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& updates, const QueryTrackers& queryTrackers);
     void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const;
     void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const;
 
@@ -205,7 +204,8 @@ private:
                                 const std::vector<ServiceUpdate>& initialUpdates);
     void onRemoteQueryAnswer(const Query& query, const Handle& handle, const std::vector<RegistryUpdate>& updates);
     void handleRemoteQueryOnRegistryUpdate(const std::vector<RegistryUpdate>& updates, RemoteQuery& record);
-    void handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record);
+    void handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record,
+                                       std::vector<ServiceUpdate>& added);
     void remoteQueryLost(const Handle& handle);
     void removeUnlessRegisteredHere(const std::string& path, const char* caller);
     [[nodiscard]] bool endRemoteQuery(const Handle& handle);

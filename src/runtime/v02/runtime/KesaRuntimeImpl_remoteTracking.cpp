@@ -83,13 +83,15 @@ void KesaRuntimeImpl::followRemotely(const std::string& path)
     if (!m_remoteRegistryHandler) {
         return;
     }
+    std::vector<ServiceUpdate> added;
     for (auto& [handle, query] : m_remoteQueries) {
         if (const auto node = query.hidden.extract(path); !node.empty()) {
-            handleRemoteServiceRegistered(node.mapped(), query);
+            handleRemoteServiceRegistered(node.mapped(), query, added);
         } else {
             unlist(query, path); // it was a local match
         }
     }
+    triggerQueryRuntimeUpdate(std::move(added), m_queryTrackers);
     const auto found = m_runtimeEntries.find(path);
     if (found != m_runtimeEntries.end() && !found->second.isStaticConfigured && !found->second.trackers.empty()) {
         cancelRemoteTracking(found->second);
@@ -241,6 +243,7 @@ void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& hand
 void KesaRuntimeImpl::handleRemoteQueryOnRegistryUpdate(const std::vector<RegistryUpdate>& updates, RemoteQuery& record)
 {
     KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate]");
+    std::vector<ServiceUpdate> added; // and not told yet
     for (const RegistryUpdate& update : updates) {
         const std::string& path = update.element->path.toString();
         KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s' locators='%zu'", path.c_str(),
@@ -255,12 +258,13 @@ void KesaRuntimeImpl::handleRemoteQueryOnRegistryUpdate(const std::vector<Regist
         switch (update.updateType) {
         case UpdateType::ADDED:
             KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s'eADDED", path.c_str());
-            handleRemoteServiceRegistered(update.element, record);
+            handleRemoteServiceRegistered(update.element, record, added);
             break;
         case UpdateType::REMOVED:
             KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s' eREMOVED", path.c_str());
             record.hidden.erase(path);
             if (unlist(record, path)) {
+                triggerQueryRuntimeUpdate(std::exchange(added, {}), m_queryTrackers);
                 removeUnlessRegisteredHere(path, "handleRemoteQueryOnRegistryUpdate");
             }
             break;
@@ -268,10 +272,13 @@ void KesaRuntimeImpl::handleRemoteQueryOnRegistryUpdate(const std::vector<Regist
             break;
         }
     }
+    triggerQueryRuntimeUpdate(std::move(added), m_queryTrackers);
     KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] DONE");
 }
 
-void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record)
+/// Appends to `added` what the queries are to be told.
+void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record,
+                                                    std::vector<ServiceUpdate>& added)
 {
     const std::string& path = element->path.toString();
     KESA_TRACE(MAIN_CHANNEL, 2,
@@ -293,7 +300,7 @@ void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<Servic
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] registration for remote service '%s' accepted",
                path.c_str());
-    triggerQueryRuntimeUpdate(ResourceUpdateType::eADDED, *element, m_queryTrackers);
+    added.emplace_back(ResourceUpdateType::eADDED, *element);
 }
 
 void KesaRuntimeImpl::remoteQueryLost(const Handle& handle)
@@ -384,7 +391,7 @@ void KesaRuntimeImpl::tellIncompleteQueries(const ServiceDef& dropped)
         }
     }
     if (!incomplete.empty()) {
-        triggerQueryRuntimeUpdate(ResourceUpdateType::eREMOVED, dropped, incomplete);
+        triggerQueryRuntimeUpdate({ServiceUpdate(ResourceUpdateType::eREMOVED, dropped)}, incomplete);
     }
 }
 

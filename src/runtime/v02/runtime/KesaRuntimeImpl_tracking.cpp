@@ -173,15 +173,18 @@ void KesaRuntimeImpl::triggerRuntimeUpdate(ResourceUpdateType type, const Servic
     });
 }
 
-void KesaRuntimeImpl::triggerQueryRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef,
+/// Neighbouring updates go together: waking the updater for each would cost more than the updates.
+void KesaRuntimeImpl::triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& updates,
                                                 const QueryTrackers& queryTrackers)
 {
     onExecutor();
-    if (queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2)) {
+    if (updates.empty() || (queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2))) {
         return;
     }
-    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), qCopy = queryTrackers] {
-        deliverToQueryTrackers(update, qCopy);
+    post(*m_updater, [this, updates = std::move(updates), qCopy = queryTrackers] {
+        for (const ServiceUpdate& update : updates) {
+            deliverToQueryTrackers(update, qCopy);
+        }
     });
 }
 
