@@ -100,32 +100,32 @@ void Registry::Impl::work()
 }
 
 /// Makes a request of the handler and runs `command(stream, asker)`, unless the asker has as many as it may.
-template <class H, class Command>
-void* Registry::Impl::open(H&& handler, const char* operation, const std::string& subject, const Command& command)
+template <class T, class Command>
+void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation,
+                           const std::string& subject, const Command& command)
 {
     const RequestContext* const context = RequestContext::current();
     if (context != nullptr && context->stream != nullptr) {
         // Who watches must never miss a change.
         context->stream->setQueuePolicy(QueuePolicy::eCUT_CONNECTION);
     }
+    constexpr std::size_t KIND = std::is_same_v<T, ServiceDef> ? 0 : std::is_same_v<T, RegistryUpdate> ? 1 : 2;
+    bool isTooMany = false;
     StreamId stream = 0;
-    std::size_t kind = 0;
     turn([&] {
         const std::shared_ptr<Asker> asker = currentAsker();
-        Request request{Handler(std::move(handler)), asker};
-        kind = request.handler.index();
-        if (asker->peer && asker->requests[kind] >= MAX_REQUESTS[kind]) {
-            handler = std::move(std::get<std::decay_t<H>>(request.handler));
+        if (asker->peer && asker->requests[KIND] >= MAX_REQUESTS[KIND]) {
+            isTooMany = true;
             return;
         }
-        ++asker->requests[kind];
+        ++asker->requests[KIND];
         stream = ++m_lastStream;
-        m_requests.emplace(stream, std::move(request));
+        m_requests.emplace(stream, Request{Handler(std::move(handler)), asker});
         command(stream, asker);
     });
-    if (stream == 0) {
+    if (isTooMany) {
         return refuse(*handler, operation, subject,
-                      "a connection can not have more than " + std::to_string(MAX_REQUESTS[kind]) + ' ' + KINDS[kind]);
+                      "a connection can not have more than " + std::to_string(MAX_REQUESTS[KIND]) + ' ' + KINDS[KIND]);
     }
     return toHandle(stream);
 }

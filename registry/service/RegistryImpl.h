@@ -12,6 +12,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <variant>
@@ -67,8 +68,9 @@ private:
     template <class Command>
     void turn(const Command& command);
     void work();
-    template <class H, class Command>
-    void* open(H&& handler, const char* operation, const std::string& subject, const Command& command);
+    template <class T, class Command>
+    void* open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation, const std::string& subject,
+               const Command& command);
     void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
     std::shared_ptr<Asker> currentAsker();
     Request take(Requests::iterator request);
