@@ -84,6 +84,9 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint6
 void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error)
 {
     onExecutor();
+    if (!m_remoteRegistryHandler) {
+        return; // shutdown has let go of the registry: that is no error of each service
+    }
     const std::string& path = serviceDef.path.toString();
     const std::string message = Response::getErrorMessageWithCode(error);
     KESA_TRACE(MAIN_CHANNEL, 4, "[registerService RemoteRegistryHandler] %s onError message=%s", path.c_str(),
@@ -110,9 +113,7 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
                                       const std::string& message)
 {
     // Kept, the request would be issued again at the next connection, for a service that nobody provides by then.
-    if (m_remoteRegistryHandler) {
-        m_remoteRegistryHandler->forget(*entry.remoteRegistrationId);
-    }
+    m_remoteRegistryHandler->forget(*entry.remoteRegistrationId);
     entry.remoteRegistrationNumber = 0;
     // Nobody calls the service any more when its registrator hears of it and lets go of what the service needs.
     optional<ServiceDef> withdrawn;

@@ -21,6 +21,7 @@ class FakeNetwork {
 public:
     std::set<std::string> refusedPaths;    ///< `provideOnPath` fails
     std::set<std::string> refusedLocators; ///< `connect` answers null
+    std::function<void()> onRelease;       ///< the open requests of the client object end
     bool isAutomatic = false;              ///< clients of provided locators are connected as soon as they start
 
     void connected(const std::string& locator)
@@ -173,6 +174,9 @@ public:
         const std::lock_guard<std::mutex> lock(m_network->mutex);
         const auto released = m_network->clients.extract(client);
         m_network->log.push_back("release " + released.mapped().locator + (serviceRemoved ? " removed" : ""));
+        if (m_network->onRelease) {
+            m_network->onRelease();
+        }
     }
     bool isLocal(const url& locator) override { return canHandle(locator) && locator.authority() == m_process; }
 

@@ -245,6 +245,16 @@ TEST_F(RemoteRegistryTest, theLossOfTheRegistryLeavesOwnServicesAlone)
     EXPECT_THAT(heard(), IsEmpty());
 }
 
+TEST_F(RemoteRegistryTest, aShutdownIsNoErrorOfEachService)
+{
+    startConnected();
+    auto registration = registerService("/a", "r");
+    run();
+    m_network->onRelease = [this] { registry->loseAll(); };
+    EXPECT_THAT(traced(4, [&] { m_runtime.reset(); }), IsEmpty());
+    m_network->onRelease = {};
+}
+
 TEST_F(RemoteRegistryTest, aQueryShowsWhatTheRegistryReports)
 {
     startConnected();
