@@ -319,6 +319,10 @@ void Registry::Impl::tell(Requests::iterator request, const Output& output, Upda
     }
     request->second.asker->written += output.record->bytes + LIST_FRAME_BYTES;
     if (auto* const registration = std::get_if<RegistrationHandler>(&request->second.handler)) {
+        if (output.isTakenOver) {
+            KESA_TRACE(CHANNEL, 2, "[registerService] registered again by %s: '%s'",
+                       request->second.asker->name().c_str(), output.record->path().c_str());
+        }
         (*registration)->onNext(output.record->serviceDef);
         return;
     }
@@ -474,6 +478,7 @@ void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
 
 void Registry::Impl::waitForQueue(const std::shared_ptr<Asker>& asker)
 {
+    KESA_TRACE(CHANNEL, 2, "[deliver] waits for the queue of %s", asker->name().c_str());
     asker->isWaiting = true;
     asker->peer->whenDrained([weak = weak_from_this(), waiting = std::weak_ptr<Asker>(asker)] {
         const auto self = weak.lock();

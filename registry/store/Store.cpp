@@ -50,6 +50,7 @@ void Store::takeOver(StreamId stream, Registration& registration, const Claim& c
     m_records.erase(held);
     m_records.emplace(registration.record->path(), Entry{registration.record, stream});
     say(Output::Kind::eREGISTERED, stream, registration.record);
+    m_outputs.back().isTakenOver = true;
     if (!isEqual) {
         announce(UpdateType::REMOVED, old);
         announce(UpdateType::ADDED, registration.record);
@@ -199,7 +200,7 @@ void Store::trackService(StreamId stream, const std::string& path, const Realm& 
     m_watchers.addTracker(stream, path, realm);
     const auto held = m_records.find(path);
     if (held != m_records.end() && isVisible(held->second.record->serviceDef, realm)) {
-        m_outputs.push_back({Output::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0});
+        m_outputs.push_back({Output::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0, false});
     }
 }
 
@@ -243,13 +244,13 @@ void Store::announce(UpdateType type, const RecordPtr& record)
     m_concerned.clear();
     m_watchers.concerned(*record, m_concerned);
     for (const StreamId stream : m_concerned) {
-        m_outputs.push_back({Output::Kind::eUPDATE, stream, type, record, 0});
+        m_outputs.push_back({Output::Kind::eUPDATE, stream, type, record, 0, false});
     }
 }
 
 void Store::say(Output::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof)
 {
-    m_outputs.push_back({kind, stream, UpdateType::ADDED, std::move(record), proof});
+    m_outputs.push_back({kind, stream, UpdateType::ADDED, std::move(record), proof, false});
 }
 
 bool Store::next(Output& output)

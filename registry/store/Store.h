@@ -31,6 +31,7 @@ struct Output {
     UpdateType type = UpdateType::ADDED;
     RecordPtr record;
     std::uint64_t proof = 0;
+    bool isTakenOver = false; ///< of `eREGISTERED`: its process had the path already
 };
 
 /// A wish to register.

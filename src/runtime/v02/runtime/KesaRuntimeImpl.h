@@ -90,6 +90,7 @@ private:
         /// Under which the path is tracked at the remote registry.
         optional<std::uint32_t> remoteTrackingId;
         std::uint64_t remoteTrackingNumber = 0; ///< of the answers that count; 0: none does
+        bool isTrackingAnswered = false;        ///< it has told of the record, and will tell of its end
         /// What the backends provide for the registration: to be withdrawn with it, whatever its record says by then.
         std::vector<url> providedLocators;
     };
@@ -120,7 +121,6 @@ private:
         std::unordered_set<std::string> services; ///< paths it has reported, and the local matches it began with
         /// Reported while this process had the path registered, too.
         std::unordered_map<std::string, std::shared_ptr<ServiceDef>> hidden;
-        bool isComplete = false; ///< the first answer since the last connection has ended
     };
 
     struct TrackedAndResolvedService {
@@ -161,6 +161,8 @@ private:
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);
     std::unique_ptr<RegistrationHandler> registrationAnswers(const ServiceDef& serviceDef, std::uint64_t number);
+    RuntimeEntry* entryOfRequest(const std::string& path, std::uint64_t RuntimeEntry::*current, std::uint64_t number,
+                                 const char* caller);
     void onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer);
     void onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error);
     void withdrawRefused(RuntimeEntry& entry, const std::string& path, const Response& error,
@@ -196,7 +198,6 @@ private:
     void trackServiceOnRegistry(const std::string& path);
     void cancelRemoteTracking(RuntimeEntry& entry);
     void followRemotely(const std::string& path);
-    RuntimeEntry* remotelyTracked(const std::string& path, std::uint64_t number);
     void updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number);
     void removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update);
     void remoteTrackingLost(const std::string& path, std::uint64_t number);
@@ -209,7 +210,8 @@ private:
     void remoteQueryLost(const Handle& handle);
     void removeUnlessRegisteredHere(const std::string& path, const char* caller);
     [[nodiscard]] bool endRemoteQuery(const Handle& handle);
-    void tellIncompleteQueries(const ServiceDef& dropped);
+    void doubtUntilTold(RuntimeEntry& entry);
+    void takeBackFromQueries(const ServiceDef& dropped);
     void list(RemoteQuery& record, const std::string& path);
     bool unlist(RemoteQuery& record, const std::string& path);
     void uncount(const std::string& path);

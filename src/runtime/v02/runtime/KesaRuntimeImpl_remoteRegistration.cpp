@@ -41,6 +41,22 @@ std::unique_ptr<RegistrationHandler> KesaRuntimeImpl::registrationAnswers(const 
         });
 }
 
+/// The entry that an answer to the request `number` is about; none when that request has ended.
+KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::entryOfRequest(const std::string& path,
+                                                               std::uint64_t RuntimeEntry::*current,
+                                                               std::uint64_t number, const char* caller)
+{
+    const auto found = m_runtimeEntries.find(path);
+    if (found == m_runtimeEntries.end()) {
+        return nullptr;
+    }
+    if (found->second.*current != number) {
+        KESA_TRACE(MAIN_CHANNEL, 1, "[%s] of an earlier request service='%s'", caller, path.c_str());
+        return nullptr;
+    }
+    return &found->second;
+}
+
 void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer)
 {
     onExecutor();
@@ -55,15 +71,16 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint6
                    registered.toString().c_str());
         return;
     }
-    const auto found = m_runtimeEntries.find(path);
-    if (found == m_runtimeEntries.end() || found->second.remoteRegistrationNumber != number) {
+    RuntimeEntry* const entry =
+        entryOfRequest(path, &RuntimeEntry::remoteRegistrationNumber, number, "onRegistrationConfirmed");
+    if (entry == nullptr) {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[registerService RemoteRegistryHandler] registration was cancelled before announce it at the "
                    "client service='%s'",
                    path.c_str());
         return;
     }
-    optional<ServiceDef>& recorded = found->second.optionalServiceDef;
+    optional<ServiceDef>& recorded = entry->optionalServiceDef;
     if (!recorded) {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[registerService RemoteRegistryHandler] service service='%s' is already unregistered",
@@ -98,14 +115,15 @@ void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::ui
                    message.c_str());
         return;
     }
-    const auto found = m_runtimeEntries.find(path);
-    if (found == m_runtimeEntries.end() || found->second.remoteRegistrationNumber != number) {
+    RuntimeEntry* const entry =
+        entryOfRequest(path, &RuntimeEntry::remoteRegistrationNumber, number, "onRegistrationFailed");
+    if (entry == nullptr) {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[registerService RemoteRegistryHandler] find no entry in m_runtimeEntries for service='%s'",
                    path.c_str());
         return;
     }
-    withdrawRefused(found->second, path, error, message);
+    withdrawRefused(*entry, path, error, message);
 }
 
 /// The registry will not have the service: it goes, its registrator hears why.

@@ -42,6 +42,7 @@ void KesaRuntimeImpl::trackServiceOnRegistry(const std::string& path)
                "[trackServiceOnRegistry] Service '%s' is externally hosted -> setting up remote tracker", path.c_str());
     const std::uint64_t number = newNumber();
     entry.remoteTrackingNumber = number;
+    entry.isTrackingAnswered = false;
     RemoteRegistryHandler::Request request;
     request.issue = [this, path = path, number](serviceregistry::IServiceRegistry* registry) {
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<RegistryUpdate>>(
@@ -72,6 +73,7 @@ void KesaRuntimeImpl::cancelRemoteTracking(RuntimeEntry& entry)
     }
     entry.remoteTrackingId.reset();
     entry.remoteTrackingNumber = 0;
+    entry.isTrackingAnswered = false;
 }
 
 /// A registration has ended on the path, after `eREMOVED` has been sent: who still watches it has to hear of other
@@ -86,6 +88,8 @@ void KesaRuntimeImpl::followRemotely(const std::string& path)
     std::vector<ServiceUpdate> added;
     for (auto& [handle, query] : m_remoteQueries) {
         if (const auto node = query.hidden.extract(path); !node.empty()) {
+            KESA_TRACE(MAIN_CHANNEL, 2, "[followRemotely] of another process, kept aside so far: service='%s'",
+                       path.c_str());
             handleRemoteServiceRegistered(node.mapped(), query, added);
         } else {
             unlist(query, path); // it was a local match
@@ -94,23 +98,18 @@ void KesaRuntimeImpl::followRemotely(const std::string& path)
     triggerQueryRuntimeUpdate(std::move(added), m_queryTrackers);
     const auto found = m_runtimeEntries.find(path);
     if (found != m_runtimeEntries.end() && !found->second.isStaticConfigured && !found->second.trackers.empty()) {
+        KESA_TRACE(MAIN_CHANNEL, 2, "[followRemotely] still tracked service='%s'", path.c_str());
         cancelRemoteTracking(found->second);
         trackServiceOnRegistry(path);
     }
-}
-
-/// The entry that an answer to the tracking `number` is about; none when that has been cancelled.
-KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::remotelyTracked(const std::string& path, std::uint64_t number)
-{
-    const auto found = m_runtimeEntries.find(path);
-    return found == m_runtimeEntries.end() || found->second.remoteTrackingNumber != number ? nullptr : &found->second;
 }
 
 void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number)
 {
     onExecutor();
     const std::string path = update.element->path.toString();
-    RuntimeEntry* const entry = remotelyTracked(path, number);
+    RuntimeEntry* const entry =
+        entryOfRequest(path, &RuntimeEntry::remoteTrackingNumber, number, "updateRemoteTrackedService");
     switch (update.updateType) {
     case UpdateType::ADDED:
         KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] eADDED for service='%s' '%p'", path.c_str(),
@@ -122,10 +121,18 @@ void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, s
         }
         if (entry->optionalRegistrator && !isProvidedBy(*update.element, m_proc_name)) {
             // Another's, for which the registry is going to refuse the own one: then the path is tracked anew.
-            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] service='%s' is registered here -> kept",
+            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] registered here -> ignoring service='%s'",
                        path.c_str());
             break;
         }
+        if (!entry->optionalRegistrator && entry->optionalServiceDef && *entry->optionalServiceDef != *update.element) {
+            // Told by a query before its successor came, and nobody has said that it went.
+            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] another record was known service='%s'",
+                       path.c_str());
+            triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *entry->optionalServiceDef, entry->trackers,
+                                 m_queryTrackers);
+        }
+        entry->isTrackingAnswered = true;
         entry->optionalServiceDef = *update.element;
         triggerRuntimeUpdate(ResourceUpdateType::eADDED, *update.element, entry->trackers, m_queryTrackers);
         break;
@@ -148,6 +155,7 @@ void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, s
 void KesaRuntimeImpl::removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update)
 {
     const std::string path = update.element->path.toString();
+    entry.isTrackingAnswered = false;
     if (!entry.optionalServiceDef) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[updateRemoteTrackedService] Service '%s' already unregistered -> ignoring",
                    path.c_str());
@@ -170,14 +178,17 @@ void KesaRuntimeImpl::remoteTrackingLost(const std::string& path, std::uint64_t 
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] service='%s'", path.c_str());
-    RuntimeEntry* const entry = remotelyTracked(path, number);
+    RuntimeEntry* const entry = entryOfRequest(path, &RuntimeEntry::remoteTrackingNumber, number, "remoteTrackingLost");
+    if (entry != nullptr) {
+        entry->isTrackingAnswered = false;
+    }
     if (entry == nullptr || !entry->optionalServiceDef) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackServiceOnRegistry onCompleted] found no service entry for service='%s'",
                    path.c_str());
         return;
     }
     if (entry->optionalRegistrator) {
-        KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] service='%s' is registered here -> kept",
+        KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] registered here -> kept service='%s'",
                    path.c_str());
         return;
     }
@@ -230,7 +241,6 @@ void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& hand
     if (updates.empty()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[queryServiceOnRegistry] Received %zu RegistryUpdates for query '%s'",
                    updates.size(), query.pattern.c_str());
-        found->second.isComplete = true;
     } else {
         const std::string type = nameOf(updates.front().updateType);
         KESA_TRACE(MAIN_CHANNEL, 2,
@@ -285,10 +295,11 @@ void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<Servic
                "[handleRemoteServiceRegistered] new registration for remote service '%s' locators='%zu'", path.c_str(),
                element->locators.size());
     list(record, path);
-    RuntimeEntry& entry = m_runtimeEntries[path];
+    const auto [found, isNew] = m_runtimeEntries.try_emplace(path);
+    RuntimeEntry& entry = found->second;
     if (entry.optionalRegistrator) {
         // This process registers the path at the same time. Once it has been refused, the other's service is there.
-        KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] service='%s' is registered here -> kept aside",
+        KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] registered here -> kept aside service='%s'",
                    path.c_str());
         record.hidden[path] = element;
         return;
@@ -296,7 +307,11 @@ void KesaRuntimeImpl::handleRemoteServiceRegistered(const std::shared_ptr<Servic
     if (!entry.optionalServiceDef) {
         // New, or kept by trackers whose own tracking has not told them yet: nobody else would remove what a query
         // told.
+        KESA_TRACE(MAIN_CHANNEL, 1, "[handleRemoteServiceRegistered] %s service='%s'",
+                   isNew ? "new entry" : "fill entry of trackers", path.c_str());
         entry.optionalServiceDef = *element;
+    } else {
+        KESA_TRACE(MAIN_CHANNEL, 1, "[handleRemoteServiceRegistered] known already service='%s'", path.c_str());
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteServiceRegistered] registration for remote service '%s' accepted",
                path.c_str());
@@ -311,7 +326,6 @@ void KesaRuntimeImpl::remoteQueryLost(const Handle& handle)
         return;
     }
     RemoteQuery& record = found->second;
-    record.isComplete = false;
     record.hidden.clear();
     const auto lost = std::exchange(record.services, {});
     for (const std::string& path : lost) {
@@ -325,7 +339,7 @@ void KesaRuntimeImpl::removeUnlessRegisteredHere(const std::string& path, const 
 {
     const auto found = m_runtimeEntries.find(path);
     if (found != m_runtimeEntries.end() && found->second.optionalRegistrator) {
-        KESA_TRACE(MAIN_CHANNEL, 2, "[%s] service='%s' is registered here -> kept", caller, path.c_str());
+        KESA_TRACE(MAIN_CHANNEL, 2, "[%s] registered here -> kept service='%s'", caller, path.c_str());
         return;
     }
     findAndUnregister(path, caller);
@@ -359,12 +373,17 @@ bool KesaRuntimeImpl::endRemoteQuery(const Handle& handle)
             if (!isListed(path)) {
                 unused.push_back(path);
             }
-        } else if (!found->second.remoteTrackingId && m_remoteRegistryHandler) {
+            continue;
+        }
+        if (!found->second.remoteTrackingId && m_remoteRegistryHandler) {
             KESA_TRACE(MAIN_CHANNEL, 2,
                        "[trackServices query Disposable] delete query and setup remote tracker for service '%s' use "
                        "remote registry",
                        path.c_str());
             trackServiceOnRegistry(path);
+        }
+        if (!isListed(path)) {
+            doubtUntilTold(found->second);
         }
     }
     for (const std::string& path : unused) {
@@ -372,27 +391,32 @@ bool KesaRuntimeImpl::endRemoteQuery(const Handle& handle)
                    handle.address);
         const auto node = m_runtimeEntries.extract(path);
         if (node.mapped().optionalServiceDef) {
-            tellIncompleteQueries(*node.mapped().optionalServiceDef);
+            takeBackFromQueries(*node.mapped().optionalServiceDef);
         }
     }
     return true;
 }
 
-/// The record of a service is dropped although nobody has said that it is gone: nobody follows it any more. A query
-/// whose first answer is still under way may have shown it because of others' tracking; it is taken back, and that
-/// answer brings it again if it is there.
-void KesaRuntimeImpl::tellIncompleteQueries(const ServiceDef& dropped)
+/// Trackers know the service from a query that ends now, and their own tracking is under way. Should the service go
+/// before the registry begins that, nobody would say so: it is taken back, and comes again with the first answer.
+void KesaRuntimeImpl::doubtUntilTold(RuntimeEntry& entry)
 {
-    QueryTrackers incomplete;
-    for (const auto& [handle, tracker] : m_queryTrackers) {
-        const auto record = m_remoteQueries.find(handle);
-        if (record != m_remoteQueries.end() && !record->second.isComplete) {
-            incomplete.emplace_back(handle, tracker);
-        }
+    if (!m_remoteRegistryHandler || entry.isTrackingAnswered || !entry.optionalServiceDef) {
+        return;
     }
-    if (!incomplete.empty()) {
-        triggerQueryRuntimeUpdate({ServiceUpdate(ResourceUpdateType::eREMOVED, dropped)}, incomplete);
-    }
+    const ServiceDef doubted = takeRecord(entry);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices query Disposable] taken back until tracked service='%s'",
+               doubted.path.toString().c_str());
+    triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, doubted, entry.trackers, m_queryTrackers);
+}
+
+/// The record of a service is dropped although nobody has said that it is gone: nobody follows it any more, and no
+/// query lists it. A query may have shown it all the same, because of others' news, while its own was under way; it is
+/// taken back, and that news, or the first answer after a loss, brings it again if it is there.
+void KesaRuntimeImpl::takeBackFromQueries(const ServiceDef& dropped)
+{
+    KESA_TRACE(MAIN_CHANNEL, 2, "[takeBackFromQueries] service='%s'", dropped.path.toString().c_str());
+    triggerQueryRuntimeUpdate({ServiceUpdate(ResourceUpdateType::eREMOVED, dropped)}, m_queryTrackers);
 }
 
 void KesaRuntimeImpl::list(RemoteQuery& record, const std::string& path)

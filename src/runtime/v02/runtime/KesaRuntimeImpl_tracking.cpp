@@ -145,7 +145,7 @@ void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handl
     }
     if (!entry.isStaticConfigured && entry.trackers.empty() && !isListed(path) && !entry.optionalRegistrator &&
         entry.optionalServiceDef) {
-        tellIncompleteQueries(*entry.optionalServiceDef);
+        takeBackFromQueries(*entry.optionalServiceDef);
         entry.optionalServiceDef.reset();
     }
     deleteRuntimeEntry(path);
