@@ -187,6 +187,8 @@ void Run::actOf(Process& process)
         change(process);
     } else if (m_options.registry && choice < 74) {
         usurp(process);
+    } else if (m_options.registry && choice < 76) {
+        followClosely(process);
     } else {
         advance();
     }
@@ -291,6 +293,54 @@ void Run::change(Process& process)
             m_world.registerService(process,
                                     {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
             return;
+        }
+    }
+}
+
+/// Whoever watches the path by query begins to track it and ends the query, while the path goes from one process to
+/// another.
+void Run::followClosely(Process& process)
+{
+    Process& watcher = *pick(m_world.processes());
+    Process& next = *pick(m_world.processes());
+    std::vector<std::string> paths;
+    for (const Registration& registration : process.registrations) {
+        if (registration.belief->isInForce()) {
+            paths.push_back(registration.path);
+        }
+    }
+    if (paths.empty() || &watcher == &process || !watcher.isRunning() || watcher.isRegistry) {
+        return;
+    }
+    const std::string path = pick(paths);
+    const auto track = [&] { m_world.subscribe(watcher, oneIn(2) ? Stream::eTRACK : Stream::eTRACK_RESOLVE, path); };
+    const auto leave = [&] {
+        for (Subscription& subscription : watcher.subscriptions) {
+            if (subscription.isQuery() && !oneIn(4)) {
+                m_world.dispose(subscription);
+            }
+        }
+    };
+    const auto go = [&] {
+        if (oneIn(2) && !process.isRegistry) {
+            m_world.kill(process);
+        } else {
+            for (Registration& registration : process.registrations) {
+                registration.disposable.dispose();
+            }
+        }
+    };
+    const auto come = [&] {
+        if (next.isRunning() && &next != &process) {
+            m_world.registerService(next, {path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
+        }
+    };
+    std::vector<std::function<void()>> acts = {track, leave, go, come};
+    std::swap(acts[draw(2)], acts[draw(4)]);
+    for (const auto& act : acts) {
+        act();
+        for (std::uint64_t count = draw(30); count > 0 && m_world.scheduler() != nullptr; --count) {
+            m_world.scheduler()->step();
         }
     }
 }

@@ -44,6 +44,7 @@ private:
     void change(Process& process);
     void restart(Process& process);
     void usurp(Process& process);
+    void followClosely(Process& process);
 
     Options m_options;
     SeededRandom m_random;

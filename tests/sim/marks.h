@@ -45,8 +45,43 @@ inline std::vector<std::string_view> localMarks()
 inline std::vector<std::string_view> registryMarks()
 {
     return {
+        // The registry: claims.
         "is refused: another living process has it",
         "ms after a ping",
+        "registered again by",
+        "[mirror] '/d/",
+        "[deliver] waits for the queue",
+        // What this process and another register at the same time.
+        "[handleRemoteServiceRegistered] registered here -> kept aside",
+        "[followRemotely] of another process, kept aside so far",
+        "[followRemotely] still tracked",
+        "[updateRemoteTrackedService] registered here -> ignoring",
+        // The registry is lost.
+        "[trackServiceOnRegistry onCompleted] registered here -> kept",
+        "[handleRemoteServiceUnregistered#query] registered here -> kept",
+        "[trackServiceOnRegistry onCompleted] found no service entry",
+        "not deconstructing service",
+        // Answers to requests that have ended.
+        "[onRegistrationConfirmed] of an earlier request",
+        "[onRegistrationFailed] of an earlier request",
+        "[updateRemoteTrackedService] of an earlier request",
+        "[remoteTrackingLost] of an earlier request",
+        "[queryServiceOnRegistry] remoteQuery already disposed",
+        "already unregistered -> ignoring",
+        // Trackings and queries that tell of the same path.
+        "[handleRemoteServiceRegistered] fill entry of trackers",
+        "[handleRemoteServiceRegistered] known already",
+        "[takeBackFromQueries]",
+        "[trackServices query Disposable] taken back until tracked",
+        "[trackServices query Disposable] erase service",
+        "already tracked -> notifying tracker",
+        "[findAndUnregister, handleRemoteQueryOnRegistryUpdate]  entry is in use",
+        "[findAndUnregister, handleRemoteQueryOnRegistryUpdate else] entry is in use",
+        "does not point to service registration",
+        "[QueryUpdateBookkeeper onNext] ignore is duplicate",
+        // Proxies.
+        "[trackAndResolveService onNext of resolve] proxy is gone",
+        "[trackAndResolveServices onNext of resolve] proxy is gone",
     };
 }
 
