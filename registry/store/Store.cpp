@@ -62,7 +62,63 @@ void Store::supersede(StreamId stream)
 {
     Registration& registration = m_registrations.at(stream);
     registration.state = State::eSUPERSEDED;
-    registration.record.reset();
+    m_superseded[registration.record->path()].push_back(stream);
+}
+
+/// With all of the same process on this path that were superseded before.
+void Store::supersedeForGood(const std::string& path, StreamId stream)
+{
+    supersede(stream);
+    const obr::UUID instance = m_registrations.at(stream).instance;
+    while (const StreamId each = takeSuperseded(path, instance)) {
+        m_registrations.at(each).record.reset();
+    }
+}
+
+/// The last one of the process; 0: none.
+StreamId Store::takeSuperseded(const std::string& path, const obr::UUID& instance)
+{
+    const auto found = m_superseded.find(path);
+    if (found == m_superseded.end()) {
+        return 0;
+    }
+    auto& streams = found->second;
+    const auto last = std::find_if(streams.rbegin(), streams.rend(),
+                                   [&](StreamId each) { return m_registrations.at(each).instance == instance; });
+    const StreamId stream = last == streams.rend() ? 0 : *last;
+    forgetSuperseded(path, stream);
+    return stream;
+}
+
+void Store::forgetSuperseded(const std::string& path, StreamId stream)
+{
+    const auto found = m_superseded.find(path);
+    if (found != m_superseded.end() && std::erase(found->second, stream) > 0 && found->second.empty()) {
+        m_superseded.erase(found);
+    }
+}
+
+/// The holder has ended. True when an earlier registration of its process goes on in its place.
+bool Store::giveBack(const std::string& path, const obr::UUID& instance)
+{
+    const StreamId stream = takeSuperseded(path, instance);
+    if (stream == 0) {
+        return false;
+    }
+    Registration& registration = m_registrations.at(stream);
+    registration.state = State::eHOLDS;
+    const auto held = m_records.find(path);
+    const RecordPtr old = held->second.record;
+    m_records.erase(held);
+    m_records.emplace(registration.record->path(), Entry{registration.record, stream});
+    say(Output::Kind::eREGISTERED, stream, registration.record);
+    m_outputs.back().isTakenOver = true;
+    if (registration.record->serviceDef != old->serviceDef) {
+        announce(UpdateType::REMOVED, old);
+        announce(UpdateType::ADDED, registration.record);
+    }
+    judgeAnew(path);
+    return true;
 }
 
 void Store::contest(StreamId stream, const Registration& registration)
@@ -95,13 +151,22 @@ void Store::end(StreamId stream)
     m_registrations.erase(found);
     switch (registration.state) {
     case State::eHOLDS:
-        release(registration.record->path());
+        if (!giveBack(registration.record->path(), registration.instance)) {
+            release(registration.record->path());
+        }
         break;
     case State::eCLAIMS:
     case State::eWAITS:
         withdrawClaim(registration.record->path(), stream);
+        if (const StreamId earlier = takeSuperseded(registration.record->path(), registration.instance)) {
+            m_registrations.at(earlier).state = State::eCLAIMS;
+            contest(earlier, m_registrations.at(earlier));
+        }
         break;
     case State::eSUPERSEDED:
+        if (registration.record) {
+            forgetSuperseded(registration.record->path(), stream);
+        }
         break;
     }
 }
@@ -175,7 +240,7 @@ void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
     }
     const StreamId holder = m_records.at(path).holder;
     if (!isAlive) {
-        supersede(holder); // its request may not have ended yet
+        supersedeForGood(path, holder); // its request may not have ended yet
         release(path);
         return;
     }

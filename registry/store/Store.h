@@ -46,7 +46,9 @@ struct Claim {
 /// commands go in, what they bring about comes out of `next`, in the order in which it has to be written.
 ///
 /// Every path is held by one registration at most. A claim of the holder's own process takes the path over; the
-/// registration that had it is superseded: nothing is said to it any more, and its end changes nothing. Claims of
+/// registration that had it is superseded: nothing is said to it any more, and its end changes nothing. Should the one
+/// that took over end before it, it has the path again: what a lost connection still brought may be read after the
+/// same request over the new connection, and ends with the lost one. Claims of
 /// others wait in order while the holder is asked to prove that it lives, one claim at a time, each by a question of
 /// its own.
 class Store {
@@ -80,7 +82,7 @@ private:
         obr::UUID instance;
         bool isPatient = false;
         State state = State::eCLAIMS;
-        RecordPtr record; ///< null when superseded
+        RecordPtr record; ///< null when superseded for good
     };
     /// Claims on a path that is held.
     struct Contest {
@@ -94,6 +96,10 @@ private:
     void takeOver(StreamId stream, Registration& registration, const Claim& claim, Records::iterator held);
     void contest(StreamId stream, const Registration& registration);
     void supersede(StreamId stream);
+    void supersedeForGood(const std::string& path, StreamId stream);
+    StreamId takeSuperseded(const std::string& path, const obr::UUID& instance);
+    void forgetSuperseded(const std::string& path, StreamId stream);
+    [[nodiscard]] bool giveBack(const std::string& path, const obr::UUID& instance);
     void withdrawClaim(const std::string& path, StreamId stream);
     void release(const std::string& path);
     void judgeAnew(const std::string& path);
@@ -104,6 +110,7 @@ private:
     Records m_records;
     std::unordered_map<StreamId, Registration> m_registrations;
     std::unordered_map<std::string, Contest> m_contests;
+    std::unordered_map<std::string, std::vector<StreamId>> m_superseded; ///< by path, those that may have it again
     Watchers m_watchers;
     std::uint64_t m_lastProof = 0;
 

@@ -23,12 +23,16 @@ public:
         std::string locator;
     };
     std::map<std::string, std::vector<Wish>> paths; ///< the first one holds the path, the others wait in order
+    std::map<std::string, std::vector<Wish>> superseded;
 
     void registerService(const std::string& path, const Wish& wish)
     {
         auto& wishes = paths[path];
         const auto same =
             std::find_if(wishes.begin(), wishes.end(), [&](const Wish& each) { return each.process == wish.process; });
+        if (same != wishes.end()) {
+            superseded[path].push_back(*same);
+        }
         if (same != wishes.end() && same == wishes.begin()) {
             *same = wish;
             return;
@@ -38,11 +42,38 @@ public:
         }
         wishes.push_back(wish);
     }
-    void end(StreamId stream)
+    /// An earlier wish of the process takes its place, unless it was refused.
+    void end(StreamId stream, bool isRefused = false)
     {
         for (auto& [path, wishes] : paths) {
-            std::erase_if(wishes, [stream](const Wish& each) { return each.stream == stream; });
+            auto& earlier = superseded[path];
+            std::erase_if(earlier, [stream](const Wish& each) { return each.stream == stream; });
+            const auto ended =
+                std::find_if(wishes.begin(), wishes.end(), [&](const Wish& each) { return each.stream == stream; });
+            if (ended == wishes.end()) {
+                continue;
+            }
+            const auto next = std::find_if(earlier.rbegin(), earlier.rend(),
+                                           [&](const Wish& each) { return each.process == ended->process; });
+            if (next == earlier.rend() || isRefused) {
+                wishes.erase(ended);
+                continue;
+            }
+            const Wish again = *next;
+            earlier.erase(std::next(next).base());
+            if (ended == wishes.begin()) {
+                *ended = again;
+            } else {
+                wishes.erase(ended);
+                wishes.push_back(again);
+            }
         }
+    }
+    void lose(const std::string& path)
+    {
+        auto& wishes = paths[path];
+        std::erase_if(superseded[path], [&](const Wish& each) { return each.process == wishes.front().process; });
+        wishes.erase(wishes.begin());
     }
 };
 
@@ -145,7 +176,7 @@ protected:
         if (!isAlive && current != m_current.end() && current->second == proof) {
             auto& wishes = m_model.paths[path];
             if (wishes.size() > 1) {
-                wishes.erase(wishes.begin());
+                m_model.lose(path);
             }
         }
         m_store.proved(path, proof, isAlive);
@@ -164,7 +195,7 @@ protected:
                 break;
             case Output::Kind::eREFUSED:
                 EXPECT_FALSE(m_model.paths[path].front().stream == output.stream) << "the holder is refused";
-                m_model.end(output.stream);
+                m_model.end(output.stream, true);
                 ++m_refused;
                 break;
             case Output::Kind::eASK_HOLDER:
