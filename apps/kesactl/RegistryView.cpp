@@ -63,8 +63,13 @@ void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
         [self = shared_from_this(), number](const Updates& updates) { self->told(number, updates); },
         [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
     void* const request = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
-    const std::lock_guard lock(mutex);
+    std::unique_lock lock(mutex);
     query = request;
+    const bool isOver = number != connection; // lost, or the view has ended, before the handle was known
+    lock.unlock();
+    if (isOver) {
+        registry->main()->cancelRequest(request);
+    }
 }
 
 void RegistryView::State::lost()
@@ -77,6 +82,7 @@ void RegistryView::State::lost()
     }
     isConnected = false;
     isComplete = false;
+    query = nullptr;
     ++connection;
     changed.notifyAll();
 }
@@ -162,9 +168,10 @@ RegistryView::~RegistryView()
     std::unique_lock lock(m_state->mutex);
     ++m_state->connection; // what still comes is not for this object
     const auto client = std::exchange(m_state->client, nullptr);
+    void* const query = std::exchange(m_state->query, nullptr);
     lock.unlock();
     if (client) {
-        client->main()->cancelRequest(m_state->query);
+        client->main()->cancelRequest(query);
     }
     m_subscription.dispose();
 }
