@@ -16,6 +16,9 @@ namespace kesa::commadapter::transport {
 
 namespace {
 
+/// Until descriptors that were short are tried for again.
+constexpr comm::TimeNs SHORTAGE_PAUSE = 100 * comm::MILLISECOND;
+
 PeerIdentity toIdentity(const ucred& credentials)
 {
     return {credentials.pid, credentials.uid, credentials.gid, {}};
@@ -199,6 +202,11 @@ void IpcStream::watchPeer()
             m_loop->watch(m_pidfd.get(), comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { onPeerEnded(); });
     } else if (process.hasEnded) {
         m_timer = m_loop->startTimer(comm::now(), [this] { onPeerEnded(); });
+    } else if (process.isShort) {
+        m_timer = m_loop->startTimer(comm::now() + SHORTAGE_PAUSE, [this] {
+            m_timer = 0;
+            watchPeer();
+        });
     }
 }
 

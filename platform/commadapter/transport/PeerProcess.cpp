@@ -28,7 +28,7 @@ PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
     }
     const long opened = ::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0U);
     if (opened < 0) {
-        return {Descriptor(), errno == ESRCH};
+        return {Descriptor(), errno == ESRCH, errno == EMFILE || errno == ENFILE || errno == ENOMEM};
     }
     Descriptor pidfd(static_cast<int>(opened));
     // The number may have gone to a new process meanwhile; then the peer's end of the socket has been closed before.

@@ -8,10 +8,11 @@
 namespace kesa::commadapter::transport {
 
 /// A descriptor that becomes readable when the process at the other end of a Unix socket has ended. Empty where the
-/// kernel gives none; `hasEnded` then tells whether that is because the process is gone.
+/// kernel gives none; then one of the others may tell why.
 struct PeerProcess {
     Descriptor pidfd;
-    bool hasEnded = false;
+    bool hasEnded = false; ///< the process is gone
+    bool isShort = false;  ///< no descriptors or memory just now
 };
 
 /// `pid` is the peer's, as the credentials on `socket` have it.
