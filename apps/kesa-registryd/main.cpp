@@ -104,9 +104,10 @@ int run(const Arguments& arguments)
     ExitCode exitCode = ExitCode::eFAILED;
     if (failed) {
         complain(exitCode, "the runtime did not start; see its traces");
-    } else if (!KesaRuntime::isRegistryHost()) { // somebody was faster since it was looked at
-        exitCode = ExitCode::eNAME_HELD;
-        complain(exitCode, fmt::format("another process has just taken the name \"{}\"", arguments.name));
+    } else if (!KesaRuntime::isRegistryHost()) { // somebody was faster since it was looked at, or it was refused
+        const Claim again = checkClaim(arguments.name, document);
+        exitCode = again.exitCode == ExitCode::eENDED ? ExitCode::eFAILED : again.exitCode;
+        complain(exitCode, again.problem.empty() ? "the runtime did not get its name; see its traces" : again.problem);
     } else {
         exitCode = serve(claim.locators, ends);
     }
