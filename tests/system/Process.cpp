@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -307,6 +308,27 @@ std::size_t Process::openDescriptors() const
 {
     const std::filesystem::directory_iterator begin("/proc/" + std::to_string(m_pid) + "/fd");
     return static_cast<std::size_t>(std::distance(begin, std::filesystem::directory_iterator()));
+}
+
+void Process::limitDescriptors(std::size_t more) const
+{
+    rlimit limit{};
+    ::prlimit(m_pid, RLIMIT_NOFILE, nullptr, &limit);
+    limit.rlim_cur = 0;
+    for (std::size_t unused = 0; unused < more + 1; ++limit.rlim_cur) {
+        const std::string link = "/proc/" + std::to_string(m_pid) + "/fd/" + std::to_string(limit.rlim_cur);
+        unused += std::filesystem::is_symlink(link) ? 0U : 1U;
+    }
+    --limit.rlim_cur; // the first that it must not get
+    ::prlimit(m_pid, RLIMIT_NOFILE, &limit, nullptr);
+}
+
+void Process::freeDescriptors() const
+{
+    rlimit limit{};
+    ::prlimit(m_pid, RLIMIT_NOFILE, nullptr, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::prlimit(m_pid, RLIMIT_NOFILE, &limit, nullptr);
 }
 
 void Process::miss(const std::string& what)

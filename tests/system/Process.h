@@ -74,6 +74,9 @@ public:
     const std::string& traceFile() const { return m_traceFile; }
     std::size_t residentKiB() const;
     std::size_t openDescriptors() const;
+    /// From now on it can open so many more.
+    void limitDescriptors(std::size_t more) const;
+    void freeDescriptors() const; ///< as many as it may have
 
 private:
     using Deadline = std::chrono::steady_clock::time_point;

@@ -26,6 +26,11 @@ constexpr int PROVIDERS = 8;
 constexpr int WATCHERS = 3;
 const std::vector<std::string> CONTESTED = {"/contested/0", "/contested/1", "/contested/2"};
 constexpr std::chrono::seconds LONG_STOP{10};
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool IS_SANITIZED = true; // they need descriptors of their own
+#else
+constexpr bool IS_SANITIZED = false;
+#endif
 constexpr int FAULTS_PER_LONG_STOP = 500;
 
 /// One name in the system, and the process that has it now.
@@ -71,6 +76,7 @@ private:
     void startAgainOrNot(Member& member);
     void startRegistryAgain();
     void resumeRegistry();
+    void awaitRegistry();
     std::vector<Member*> claimants(const std::string& path);
     Facts provided();
     Facts factsOf(const Member& member, const Facts& provided) const;
@@ -98,6 +104,7 @@ private:
     bool killRegistry();
     bool endRegistry();
     bool stopRegistry();
+    bool starveRegistry();
     bool stopRegistryLong();
 
     std::mt19937_64 m_random{faultOptions.seed};
@@ -110,6 +117,7 @@ private:
     std::map<Process*, pid_t> m_orphans;    ///< children of processes that are dead
     Process* m_registry = nullptr;
     bool m_isRegistryStopped = false;
+    bool m_isRegistryReady = false;
     bool m_isSettled = true;
     int m_generation = 0;
     int m_expectations = 0;
@@ -137,6 +145,7 @@ SystemFaults::SystemFaults()
               {"registry killed", 2, &SystemFaults::killRegistry, 0},
               {"registry ended", 2, &SystemFaults::endRegistry, 0},
               {"registry stopped", 1, &SystemFaults::stopRegistry, 0},
+              {"registry without descriptors", IS_SANITIZED ? 0 : 1, &SystemFaults::starveRegistry, 0},
               {"registry stopped for 10 s", 0, &SystemFaults::stopRegistryLong, 0}}
 {
     for (int i = 0; i < PROVIDERS; ++i) { // every other one is a watcher, too
@@ -173,7 +182,9 @@ Member* SystemFaults::drawMember(std::vector<Member>& from, bool (*isGood)(const
 // What it registers and what it tracks are told in either order: its own services of before may still be known.
 void SystemFaults::launchMember(Member& member)
 {
-    member.process = &launch(member.name, WITH_REGISTRY);
+    Options options = WITH_REGISTRY;
+    options.trace = &member == &m_witness ? "*=3" : "*=2"; // it lives as long as the run
+    member.process = &launch(member.name, options);
     member.isStopped = false;
     const bool isTrackingFirst = draw(2) == 0;
     for (const bool isTracking : {isTrackingFirst, !isTrackingFirst}) {
@@ -223,7 +234,7 @@ void SystemFaults::startRegistryAgain()
 {
     discard(*m_registry);
     m_registry = &launchRegistry(REGISTRY);
-    m_isRegistryStopped = false;
+    m_isRegistryStopped = m_isRegistryReady = false;
 }
 
 void SystemFaults::resumeRegistry()
@@ -231,6 +242,16 @@ void SystemFaults::resumeRegistry()
     if (m_isRegistryStopped) {
         m_registry->resume();
         m_isRegistryStopped = false;
+    }
+    m_registry->freeDescriptors();
+}
+
+void SystemFaults::awaitRegistry()
+{
+    resumeRegistry();
+    if (!m_isRegistryReady) {
+        m_registry->expect("kesa-registryd: ready at");
+        m_isRegistryReady = true;
     }
 }
 
@@ -290,8 +311,9 @@ void SystemFaults::awaitFacts(Member& member, const Facts& facts, bool isAll)
         member.process->expect("true " + std::to_string(m_expectations));
     } catch (const Missing& missing) {
         member.process->send("beliefs");
-        throw Missing("it should believe " + line + "\nand believes " + member.process->expect("beliefs") + '\n' +
-                      missing.what() + "\nThe registry's traces:\n" + m_registry->traces());
+        throw Missing("after " + std::to_string(m_faults) + " faults, it should believe " + line + "\nand believes " +
+                      member.process->expect("beliefs") + '\n' + missing.what() + "\nThe registry's traces:\n" +
+                      m_registry->traces());
     }
 }
 
@@ -463,8 +485,10 @@ bool SystemFaults::claimOfStopped()
         return false;
     }
     resumeRegistry();
-    holders.front()->process->stop();
-    holders.front()->isStopped = true;
+    if (!holders.front()->isStopped) {
+        holders.front()->process->stop();
+        holders.front()->isStopped = true;
+    }
     provide(*rival, path);
     awaitFacts(m_witness, {"** " + path + ' ' + std::to_string(rival->claims[path])}, false);
     return true;
@@ -597,21 +621,16 @@ bool SystemFaults::stopWatcher()
 
 bool SystemFaults::stuckWatcher()
 {
-    Member* const provider = drawMember(m_providers, isRunning);
-    if (!m_isSettled || provider == nullptr) {
+    Member* const watcher = drawMember(m_watchers, tracksAll);
+    if (!m_isSettled || watcher == nullptr) {
         return false;
     }
     const std::string cut = "is cut off: ";
     const std::size_t before = m_registry->countTraces(cut);
-    Member* const watcher =
-        drawMember(m_watchers, [](const Member& member) { return isRunning(member) && tracksAll(member); });
-    if (watcher == nullptr) {
-        return false;
-    }
     watcher->process->stop();
     watcher->isStopped = true;
-    provider->process->send("churn 40 20000");
-    provider->process->expect("churned");
+    m_witness.process->send("churn 40 20000"); // it is connected to the registry for sure
+    m_witness.process->expect("churned");
     m_registry->expectTrace(cut, before + 1);
     return true;
 }
@@ -625,8 +644,7 @@ bool SystemFaults::killRegistry()
 
 bool SystemFaults::endRegistry()
 {
-    resumeRegistry();
-    m_registry->expect("kesa-registryd: ready at"); // before that, a signal may end it in any way
+    awaitRegistry(); // before that, a signal may end it in any way
     m_registry->signal(draw(2) == 0 ? SIGTERM : SIGINT);
     EXPECT_EQ(m_registry->expectEnd(), 0);
     startRegistryAgain();
@@ -640,6 +658,13 @@ bool SystemFaults::stopRegistry()
     }
     m_registry->stop();
     m_isRegistryStopped = true;
+    return true;
+}
+
+bool SystemFaults::starveRegistry()
+{
+    awaitRegistry();
+    m_registry->limitDescriptors(draw(3));
     return true;
 }
 

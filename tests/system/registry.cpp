@@ -86,6 +86,25 @@ TEST_F(SystemRegistry, ASecondOneSaysWhoHasTheNameAndEnds)
     startRegistry();
 }
 
+// It takes the connection with its last descriptor, and has none to watch the process with.
+TEST_F(SystemRegistry, ADeathIsSeenThoughDescriptorsWereShortAndAChildKeepsTheSocketsOpen)
+{
+    Process& registry = startRegistry();
+    Process& watcher = start("watcher", WITH_REGISTRY);
+    watcher.send("track **");
+    expectBelief(watcher, "** /registry -");
+    registry.limitDescriptors(1);
+    Process& provider = start("provider", WITH_REGISTRY);
+    provider.send("provide /player 1");
+    expectBelief(watcher, "** /player 1;** /registry -");
+    registry.freeDescriptors();
+    provider.send("fork raw");
+    provider.expect("forked");
+    provider.kill();
+    provider.expect("orphaned");
+    expectBelief(watcher, "** /registry -");
+}
+
 // Each order, with the registry dying nowhere or after the first or the second start, to come back at once or when all
 // others are there.
 TEST_F(SystemRegistry, EveryOrderOfStartsEndsTheSame)
