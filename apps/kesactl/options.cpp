@@ -21,7 +21,7 @@ std::string checkGlob(const std::string& glob)
     if (kesa::PathPatterns::createFromGlob(glob)) {
         return {};
     }
-    const std::string reason = obr::ErrorStorage::reason();
+    std::string reason = obr::ErrorStorage::reason();
     obr::ErrorStorage::ack();
     return reason;
 }
