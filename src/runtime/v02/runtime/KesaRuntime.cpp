@@ -37,8 +37,9 @@ bool KesaRuntime::initInstance(const std::string& processName, const std::string
         fail("singeton_impl==nullptr", __LINE__, "initInstance");
         return false;
     }
-    auto* const created = new (std::nothrow) KesaRuntimeImpl(
-        fallbackDocument.empty() ? KesaConfig(processName) : KesaConfig::readOr(processName, fallbackDocument));
+    auto* const created = fallbackDocument.empty()
+                              ? new (std::nothrow) KesaRuntimeImpl(processName)
+                              : new (std::nothrow) KesaRuntimeImpl(KesaConfig::readOr(processName, fallbackDocument));
     if (created == nullptr) {
         fail("singeton_impl!=nullptr", __LINE__, "initInstance");
         return true;

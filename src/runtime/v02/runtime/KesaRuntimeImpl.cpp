@@ -11,6 +11,8 @@
 
 namespace kesa::runtime::v02 {
 
+KesaRuntimeImpl::KesaRuntimeImpl(const std::string& processName) : KesaRuntimeImpl(KesaConfig(processName)) {}
+
 KesaRuntimeImpl::KesaRuntimeImpl(const KesaConfig& config)
     : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(config),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),

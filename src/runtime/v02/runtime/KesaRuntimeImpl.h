@@ -42,6 +42,8 @@ namespace kesa::runtime::v02 {
 /// A handler called from here can only post: no table changes under an iterator because of a handler.
 class KesaRuntimeImpl final : public IKesaRuntime {
 public:
+    /// Reads the configuration of the process.
+    explicit KesaRuntimeImpl(const std::string& processName);
     explicit KesaRuntimeImpl(const KesaConfig& config);
     KesaRuntimeImpl(const KesaRuntimeImpl&) = delete;
     KesaRuntimeImpl& operator=(const KesaRuntimeImpl&) = delete;
