@@ -189,6 +189,10 @@ void Run::actOf(Process& process)
         usurp(process);
     } else if (m_options.registry && choice < 76) {
         followClosely(process);
+    } else if (m_options.registry && choice < 77) {
+        claimAgain(process);
+    } else if (m_options.registry && choice < 78) {
+        loseWhatIsOnItsWay(process);
     } else {
         advance();
     }
@@ -339,8 +343,60 @@ void Run::followClosely(Process& process)
     std::swap(acts[draw(2)], acts[draw(4)]);
     for (const auto& act : acts) {
         act();
-        for (std::uint64_t count = draw(30); count > 0 && m_world.scheduler() != nullptr; --count) {
-            m_world.scheduler()->step();
+        fewSteps(30);
+    }
+}
+
+void Run::fewSteps(std::uint64_t most)
+{
+    for (std::uint64_t count = draw(most); count > 0 && m_world.scheduler() != nullptr; --count) {
+        m_world.scheduler()->step();
+    }
+}
+
+/// Claims what the process holds, which goes meanwhile; takes the claim back and makes it anew before it has heard of
+/// the first one's refusal.
+void Run::claimAgain(Process& process)
+{
+    Process& other = *pick(m_world.processes());
+    for (std::size_t index = 0; index < process.registrations.size(); ++index) {
+        Registration& held = process.registrations[index];
+        if (!held.belief->isInForce() || &other == &process || !other.isRunning() || other.isRegistry) {
+            continue;
+        }
+        const World::Offer offer{held.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes};
+        m_world.registerService(other, offer);
+        fewSteps(60);
+        held.disposable.dispose();
+        fewSteps(20);
+        other.registrations.back().disposable.dispose();
+        m_world.registerService(other, offer);
+        return;
+    }
+}
+
+/// Watchers come and go, services are registered, and the registry or the connections to it end in the middle of it.
+void Run::loseWhatIsOnItsWay(Process& process)
+{
+    const std::string path = pick(DYNAMIC_PATHS);
+    if (!process.isRegistry) {
+        m_world.subscribe(process, Stream::eTRACK, path);
+        fewSteps(60);
+        m_world.subscribe(process, Stream::eQUERY, Query("**"));
+        fewSteps(8);
+        m_world.dispose(process.subscriptions[process.subscriptions.size() - 2]);
+        m_world.registerService(process, {pick(DYNAMIC_PATHS), ServiceDef::TypeEnum::pex, "red", m_fillerBytes});
+        fewSteps(6);
+    }
+    Process& registry = m_world.registry();
+    if (oneIn(2)) {
+        m_world.network().cut(process.group, registry.group);
+    } else if (registry.isRunning()) {
+        m_world.end(registry);
+    }
+    for (auto& other : m_world.processes()) {
+        if (oneIn(4) && other->isRunning() && !other->isRegistry && other.get() != &process) {
+            m_world.kill(*other);
         }
     }
 }

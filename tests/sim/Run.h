@@ -45,6 +45,9 @@ private:
     void restart(Process& process);
     void usurp(Process& process);
     void followClosely(Process& process);
+    void claimAgain(Process& process);
+    void loseWhatIsOnItsWay(Process& process);
+    void fewSteps(std::uint64_t most);
 
     Options m_options;
     SeededRandom m_random;
