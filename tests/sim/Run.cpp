@@ -110,7 +110,7 @@ void Run::restart(Process& process)
 {
     std::vector<std::string> paths;
     for (const Registration& registration : process.registrations) {
-        if (registration.belief->isInForce()) {
+        if (m_world.isInForce(registration)) {
             paths.push_back(registration.path);
         }
     }
@@ -292,7 +292,7 @@ void Run::change(Process& process)
 {
     for (std::size_t index = process.registrations.size(); index > 0; --index) {
         Registration& registration = process.registrations[index - 1];
-        if (registration.belief->isInForce()) {
+        if (m_world.isInForce(registration)) {
             registration.disposable.dispose();
             m_world.registerService(process,
                                     {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
@@ -309,7 +309,7 @@ void Run::followClosely(Process& process)
     Process& next = *pick(m_world.processes());
     std::vector<std::string> paths;
     for (const Registration& registration : process.registrations) {
-        if (registration.belief->isInForce()) {
+        if (m_world.isInForce(registration)) {
             paths.push_back(registration.path);
         }
     }
@@ -361,7 +361,7 @@ void Run::claimAgain(Process& process)
     Process& other = *pick(m_world.processes());
     for (std::size_t index = 0; index < process.registrations.size(); ++index) {
         Registration& held = process.registrations[index];
-        if (!held.belief->isInForce() || &other == &process || !other.isRunning() || other.isRegistry) {
+        if (!m_world.isInForce(held) || &other == &process || !other.isRunning() || other.isRegistry) {
             continue;
         }
         const World::Offer offer{held.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes};
@@ -406,7 +406,7 @@ void Run::usurp(Process& process)
 {
     Process& other = *pick(m_world.processes());
     for (const Registration& registration : process.registrations) {
-        if (registration.belief->isInForce() && &other != &process && other.isRunning()) {
+        if (m_world.isInForce(registration) && &other != &process && other.isRunning()) {
             m_world.stop(process);
             m_world.registerService(other,
                                     {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});

@@ -72,6 +72,7 @@ public:
         std::size_t fillerBytes = 0; ///< makes the record large
     };
     void registerService(Process& process, const Offer& offer);
+    bool isInForce(const Registration& registration);
     void subscribe(Process& process, Stream kind, const std::string& target);
     void subscribe(Process& process, Stream kind, const serviceregistry::Query& query);
     void dispose(Subscription& subscription);

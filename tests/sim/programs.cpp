@@ -31,6 +31,12 @@ void World::registerService(Process& process, const Offer& offer)
     process.registrations.push_back({offer.path, disposable, belief});
 }
 
+bool World::isInForce(const Registration& registration)
+{
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    return registration.belief->isInForce();
+}
+
 void World::subscribe(Process& process, Stream kind, const std::string& target)
 {
     add(process, {kind, target, Query(), Disposable(), std::make_shared<Belief>(), false});

@@ -124,7 +124,7 @@ comm::TimeNs arrivalTime(const Streams& streams, End& receiver)
 
 void endOf(const Streams& streams, End& receiver, const std::string& reason)
 {
-    if (!receiver.isOver) {
+    if (!receiver.isOver && !receiver.isClosed) { // whoever has read the end reads the reason without the lock
         receiver.isOver = true;
         receiver.reason = reason;
         arrivalTime(streams, receiver);
