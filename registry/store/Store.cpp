@@ -14,7 +14,7 @@ constexpr std::size_t LOOK_BYTES = 32;
 
 // ---- registrations ------------------------------------------------------------------------------------------------
 
-void Store::registerService(StreamId stream, Claim claim)
+void Store::registerService(StreamId stream, const Claim& claim)
 {
     Registration& registration = m_registrations[stream];
     registration = {claim.instance, claim.isPatient, State::eCLAIMS, claim.record};

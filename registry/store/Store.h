@@ -53,7 +53,7 @@ struct Claim {
 /// its own.
 class Store {
 public:
-    void registerService(StreamId stream, Claim claim);
+    void registerService(StreamId stream, const Claim& claim);
     void trackService(StreamId stream, const std::string& path, const Realm& realm);
     /// The first answer is fetched with `list`.
     void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm);
