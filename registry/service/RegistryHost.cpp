@@ -30,6 +30,11 @@ public:
     void start()
     {
         const std::weak_ptr<Impl> weak = weak_from_this();
+        m_core->setMirrorProof([weak](const std::string& path, std::function<void(bool)>&& answer) {
+            if (const auto self = weak.lock()) {
+                self->prove(path, std::move(answer));
+            }
+        });
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
             [weak](const ServiceDef& serviceDef) {
                 if (const auto self = weak.lock()) {
@@ -85,11 +90,14 @@ private:
         m_ready();
     }
 
+    /// The registry is not called with the mutex held: it may ask for a proof.
     void mirror(const ServiceUpdate& update)
     {
-        const std::lock_guard lock(m_mutex);
-        if (m_isStopped) {
-            return;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (m_isStopped) {
+                return;
+            }
         }
         const std::string& path = update.element.path.toString();
         const auto before = m_mirrored.find(path);
@@ -106,6 +114,27 @@ private:
         m_core->cancelRequest(old);
     }
 
+    /// A withdrawal is known to the runtime before the mirror hears of it, so the runtime is asked: a new tracking is
+    /// told at once of what is registered, behind all that was posted before. Without an answer, the mirror's removal
+    /// is on its way, or all requests are about to end.
+    void prove(const std::string& path, std::function<void(bool)>&& answer)
+    {
+        const std::lock_guard lock(m_mutex); // the runtime only posts
+        if (m_isStopped) {
+            return;
+        }
+        m_runtime
+            .trackService(path, std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
+                                    [answer = std::move(answer)](const ServiceUpdate& update) {
+                                        if (update.type == ResourceUpdateType::eADDED) {
+                                            answer(true);
+                                        }
+                                        return false;
+                                    },
+                                    [](const Response&) {}, [] {}))
+            .dispose();
+    }
+
     IRuntimeRegistry& m_runtime;
     const std::function<void()> m_ready;
     const std::function<void(const Response&)> m_failed;
@@ -118,7 +147,9 @@ private:
     bool m_isStopped = false;
     Disposable m_registration;
     Disposable m_following;
-    std::map<std::string, void*> m_mirrored; ///< requests at the registry, by path
+
+    /// Requests at the registry, by path. Of the executor until the services are followed, then of the updater.
+    std::map<std::string, void*> m_mirrored;
 };
 
 RegistryHost::RegistryHost(IRuntimeRegistry& runtime, std::function<void()> ready,

@@ -178,6 +178,12 @@ void* Registry::Impl::registerService(RegistrationHandler&& handler, const std::
     return claim(std::move(handler), serviceDef, false);
 }
 
+void Registry::Impl::setMirrorProof(MirrorProof&& prove)
+{
+    const std::lock_guard lock(m_mutex);
+    m_proveMirrored = std::move(prove);
+}
+
 void* Registry::Impl::mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef)
 {
     return claim(std::move(handler), serviceDef, true);
@@ -384,17 +390,22 @@ void Registry::Impl::askHolder(const Output& output)
     }
     const std::shared_ptr<Asker>& asker = request->second.asker;
     const std::string& path = output.record->path();
-    if (!asker->peer) {
+    if (!asker->peer && !output.isPatient) {
         m_store.proved(path, output.proof, true);
         return;
     }
     KESA_TRACE(CHANNEL, 2, "[claim] '%s' is claimed; asking its holder %s", path.c_str(), asker->name().c_str());
-    asker->peer->proveAlive(PROOF_TIME, [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker),
-                                         record = output.record, proof = output.proof](bool isAlive) {
+    auto answer = [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker), record = output.record,
+                   proof = output.proof](bool isAlive) {
         if (const auto self = weak.lock()) {
             self->proved(record->path(), proof, isAlive, holder);
         }
-    });
+    };
+    if (asker->peer) {
+        asker->peer->proveAlive(PROOF_TIME, std::move(answer));
+    } else {
+        m_proveMirrored(path, std::move(answer));
+    }
 }
 
 void Registry::Impl::proved(const std::string& path, std::uint64_t proof, bool isAlive,

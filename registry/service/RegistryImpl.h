@@ -8,6 +8,7 @@
 
 #include <array>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -32,6 +33,11 @@ public:
     void* trackService(TrackingHandler&& handler, const std::string& path);
     void cancelRequest(void* handle);
 
+    /// Asks whether this process still provides a mirrored service: `answer(true)` if so, later; no answer if not,
+    /// since the mirror's own removal is on its way then. Called with the mutex held.
+    using MirrorProof = std::function<void(const std::string& path, std::function<void(bool)>&& answer)>;
+    /// To be called before the first `mirror`.
+    void setMirrorProof(MirrorProof&& prove);
     /// Registers a service of this process; it waits for a path that another living process holds.
     void* mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef);
     /// Lets go of all requests; their handlers are not called.
@@ -94,6 +100,7 @@ private:
     std::recursive_mutex m_mutex; // recursive: a handler that calls back does not hang; its command waits for its turn
     // With the mutex held.
     Store m_store;
+    MirrorProof m_proveMirrored;
     Requests m_requests;
     std::map<AskerKey, std::shared_ptr<Asker>> m_askers;
     StreamId m_lastStream = 0;

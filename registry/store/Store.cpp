@@ -230,6 +230,7 @@ void Store::judgeNext(const std::string& path, Contest& contest)
     contest.judged = *next;
     const Entry& held = m_records.at(path);
     say(Output::Kind::eASK_HOLDER, held.holder, held.record, contest.proof);
+    m_outputs.back().isPatient = m_registrations.at(held.holder).isPatient;
 }
 
 void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)

@@ -32,6 +32,7 @@ struct Output {
     RecordPtr record;
     std::uint64_t proof = 0;
     bool isTakenOver = false; ///< of `eREGISTERED`: its process had the path already
+    bool isPatient = false;   ///< of `eASK_HOLDER`: what the holder has was claimed with patience
 };
 
 /// A wish to register.

@@ -41,6 +41,7 @@ TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
     run();
     EXPECT_THAT(m_clients.told(), ElementsAre("all: [+/own]"));
     m_clients.registerService(other, "claim", test::service("/own"));
+    run();
     EXPECT_THAT(m_clients.told(), ElementsAre("claim: 409: service already registered", "claim: gone"));
 
     // A path that another living process holds: the own service waits for it, and says so.
@@ -60,6 +61,20 @@ TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
     hidden.dispose();
     run();
     EXPECT_THAT(m_clients.told(), ElementsAre("all: [-/own]", "all: [-/taken]"));
+}
+
+TEST_F(RegistryHostTest, DoesNotRefuseWhatItsProcessHasJustWithdrawn)
+{
+    host();
+    Process other("other", "");
+    auto own = registerService("/own", "own");
+    run();
+    m_clients.told();
+    own.dispose(); // the mirror has not heard of it
+    m_clients.registerService(other, "claim", test::service("/own"));
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
+    run();
+    EXPECT_THAT(m_clients.told(), ElementsAre("claim: registered /own"));
 }
 
 TEST_F(RegistryHostTest, EndsItsRequestsAndGoes)

@@ -130,7 +130,6 @@ private:
     struct Claim {
         std::string path;
         std::uint64_t group;
-        bool isOfRegistry;
         std::shared_ptr<Belief> belief;
     };
     std::vector<Claim> m_claims;

@@ -320,8 +320,7 @@ bool World::isDoubleClaim(const Belief& refused) const
         if (other.group == self->group) {
             return !refused.accepted && overlaps;
         }
-        // What the registry's own process withdraws reaches the registry a little later.
-        return isRecent && (!refused.accepted || overlaps || other.isOfRegistry);
+        return isRecent && (!refused.accepted || overlaps);
     });
 }
 

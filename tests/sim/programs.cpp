@@ -24,7 +24,7 @@ void World::registerService(Process& process, const Offer& offer)
     }
     auto service = std::make_shared<Service>(*m_verdict, belief, m_names);
     process.services.push_back(service);
-    m_claims.push_back({offer.path, process.group, process.isRegistry, belief});
+    m_claims.push_back({offer.path, process.group, belief});
     Disposable disposable =
         process.runtime->registerService(offer.path, service, offer.type, {"1.0.0"}, metainfo,
                                          std::make_unique<RegistrationObserver>(*m_verdict, belief));
