@@ -6,7 +6,7 @@
 #include "transport/MemoryNetwork.h"
 
 #include <comm/SimulatedScheduler.h>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 #include <gmock/gmock.h>
 
@@ -16,27 +16,6 @@
 #include <vector>
 
 namespace kesa::commadapter::test {
-
-/// Keeps the lines of the backend's channel.
-class CapturedTraces final : public ::tracing::ISink {
-public:
-    void write(const ::tracing::Line& line) override
-    {
-        const std::lock_guard lock(m_lock);
-        if (line.channel == "KESA_COMM") {
-            m_lines.emplace_back(line.text);
-        }
-    }
-    std::vector<std::string> take()
-    {
-        const std::lock_guard lock(m_lock);
-        return std::exchange(m_lines, {});
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<std::string> m_lines;
-};
 
 inline Request retrieve(const std::string& path, std::string_view body = {})
 {
@@ -155,7 +134,7 @@ protected:
 
     CommSettings settings;
     Violations violations;
-    std::shared_ptr<CapturedTraces> traces = std::make_shared<CapturedTraces>();
+    std::shared_ptr<::tracing::CapturingSink> traces = std::make_shared<::tracing::CapturingSink>("KESA_COMM");
     std::unique_ptr<comm::SimulatedScheduler> scheduler;
     std::unique_ptr<transport::MemoryNetwork> network;
     std::uint64_t lastGroup = 0;

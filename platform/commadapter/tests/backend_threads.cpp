@@ -27,7 +27,7 @@ protected:
         std::string directory = (std::filesystem::temp_directory_path() / "kesa-backend-XXXXXX").string();
         EXPECT_NE(mkdtemp(directory.data()), nullptr);
         m_runDir = directory;
-        ::tracing::setSink(std::make_shared<CapturedTraces>());
+        ::tracing::setSink(std::make_shared<::tracing::CapturingSink>("KESA_COMM"));
     }
     ~BackendThreads() override
     {

@@ -8,7 +8,7 @@
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/Scheduler.h>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -409,23 +409,15 @@ TEST_F(TransportIpc, ARealmIsOneRunDirectory)
     EXPECT_EQ(second.transport->ownEndpoint()->realm, own.realm);
 }
 
-class Counting final : public tracing::ISink {
-public:
-    void write(const tracing::Line&) override { ++lines; }
-    int lines = 0;
-};
-
 TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
 {
-    const auto sink = std::make_shared<Counting>();
-    tracing::setSink(sink);
+    const tracing::TraceCapture traces("KESA_COMM_IPC");
     std::ofstream(root / "file") << "no directory";
     Node node(board, (root / "file" / "run").string());
     EXPECT_TRUE(node.listen("media"));
     EXPECT_TRUE(node.listen("media"));
     EXPECT_NE(node.why.find("KESA_RUN_DIR"), std::string::npos) << node.why;
-    EXPECT_EQ(sink->lines, 1);
-    tracing::setSink(nullptr);
+    EXPECT_EQ(traces.take().size(), 1U);
 
     IpcSettings settings;
     settings.runDir = directory;

@@ -1,6 +1,6 @@
 #include <obr/ErrorStorage.h>
+#include <tracing/CapturingSink.h>
 #include <tracing/Channel.h>
-#include <tracing/Sink.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -10,7 +10,6 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <mutex>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,19 +23,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
-class Captured final : public ISink {
-public:
-    void write(const Line& line) override
-    {
-        const std::lock_guard lock(m_mutex);
-        lines.push_back(std::string(line.channel) + ":" + std::to_string(line.severity) + ":" + std::string(line.text));
-    }
-    std::vector<std::string> lines;
-
-private:
-    std::mutex m_mutex;
-};
-
 class Tracing : public testing::Test {
 protected:
     void SetUp() override { setSink(m_captured); }
@@ -46,9 +32,8 @@ protected:
         setEventLogSink(nullptr);
         setThreshold("*", 3);
     }
-    const std::vector<std::string>& lines() const { return m_captured->lines; }
 
-    std::shared_ptr<Captured> m_captured = std::make_shared<Captured>();
+    const std::shared_ptr<CapturingSink> m_captured = std::make_shared<CapturingSink>();
 };
 
 int g_evaluated = 0;
@@ -74,8 +59,8 @@ TEST_F(Tracing, writesFromItsThresholdOn)
     KESA_TRACE(same, 2, "%s", evaluated());
     KESA_TRACE_TEXT(same, 1, std::string(evaluated()));
     EXPECT_EQ(g_evaluated, 1);
-    EXPECT_THAT(lines(), ElementsAre("T_LEVELS:3:a", "T_LEVELS:4:100%s", "T_LEVELS:3:" + std::string(5000, 'c'),
-                                     "T_LEVELS:2:x"));
+    EXPECT_THAT(m_captured->take(), ElementsAre("T_LEVELS 3 a", "T_LEVELS 4 100%s",
+                                                "T_LEVELS 3 " + std::string(5000, 'c'), "T_LEVELS 2 x"));
 }
 
 TEST_F(Tracing, readsThresholdLists)
@@ -98,15 +83,15 @@ TEST_F(Tracing, theEventLogIsDeafWithoutASink)
     EXPECT_EQ(events.threshold(), 5);
     setThreshold("*", 1);
     EXPECT_EQ(events.threshold(), 5);
-    const auto sink = std::make_shared<Captured>();
+    const auto sink = std::make_shared<CapturingSink>();
     EXPECT_EQ(setEventLogSink(sink), nullptr);
     EXPECT_EQ(events.threshold(), 2);
     events.log(2, "{}");
     EXPECT_EQ(setEventLogSink(nullptr), sink);
     EXPECT_EQ(events.threshold(), 5);
     events.log(4, "dropped");
-    EXPECT_THAT(sink->lines, ElementsAre("t_events:2:{}"));
-    EXPECT_TRUE(lines().empty());
+    EXPECT_THAT(sink->take(), ElementsAre("t_events 2 {}"));
+    EXPECT_TRUE(m_captured->take().empty());
 }
 
 std::string contentOf(const std::filesystem::path& file)

@@ -1,10 +1,9 @@
 // What the configuration answers, and which format is spoken.
-#include "TraceCapture.h"
-
 #include <kesa/runtime/mimetype.h>
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/getPexVersion.h>
 #include <runtime/v02/config/KesaConfig.h>
+#include <tracing/CapturingSink.h>
 #include <util/config/InterfaceInformationProvider.h>
 
 #include <cstdlib>
@@ -15,6 +14,7 @@ namespace kesa::runtime::v02 {
 namespace {
 
 using Strings = std::vector<std::string>;
+using ::tracing::TraceCapture;
 using Urls = std::vector<url>;
 
 TEST(KesaConfigAccessorTest, AnswersFromTheDefaultsWithoutARecord)
@@ -49,10 +49,10 @@ TEST(KesaConfigAccessorTest, BypassesForTheListedPathsOfThisProcess)
 {
     const std::string text = R"({"bypass": {"p": ["/a", "/b"], "q": ["/c"]}})";
     const KesaConfig own("p", text);
-    const TraceCapture traces(2);
+    const TraceCapture traces("KESA_RUNTIME_CONFIG", 2);
     EXPECT_TRUE(KesaConfigAccessor(own).useBypass("/b"));
     EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/a/"));
-    EXPECT_EQ(traces.lines(), (Strings{"2 use bypass for service='/b'", "2 no bypass for service='/a/' configured"}));
+    EXPECT_EQ(traces.take(), (Strings{"2 use bypass for service='/b'", "2 no bypass for service='/a/' configured"}));
     EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/c"));
 }
 
@@ -98,16 +98,16 @@ TEST(Document, IsFoundByTheEnvironment)
     EXPECT_EQ(getPexVersion("//media/player"), nullopt);
     util::config::InterfaceInformationProvider::instance().forgetForTest();
 
-    const TraceCapture traces(3);
+    const TraceCapture traces("KESA_RUNTIME_CONFIG", 3);
     write("kesa.json", "[]");
     EXPECT_FALSE(KesaConfig("p").m_valid);
-    EXPECT_EQ(traces.lines(), (Strings{"3 [readConfig] config file contains no dictionary",
-                                       "3 [readConfig] failed to the config file, reason = root is not dictionary"}));
+    EXPECT_EQ(traces.take(), (Strings{"3 [readConfig] config file contains no dictionary",
+                                      "3 [readConfig] failed to the config file, reason = root is not dictionary"}));
     // No fall-through to the next candidate: it would hide a mistyped name.
     write("kesa.json", "{}");
     setenv("KESA_CONFIG", "/nonexistent/kesa.json", 1);
     EXPECT_FALSE(KesaConfig("p").m_valid);
-    EXPECT_THAT(traces.lines().back(), testing::HasSubstr("/nonexistent/kesa.json"));
+    EXPECT_THAT(traces.take().back(), testing::HasSubstr("/nonexistent/kesa.json"));
     unsetenv("KESA_CONFIG");
     unsetenv("KESA_CONFIG_DIR");
     std::filesystem::remove_all(folder);
