@@ -4,32 +4,26 @@
 #include <obr/ErrorOutput.h>
 #include <obr/ErrorStorage.h>
 #include <obr/errors.h>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 #include <gtest/gtest.h>
 
 namespace kesa::runtime::v02 {
 namespace {
 
-class LastLine final : public tracing::ISink {
-public:
-    void write(const tracing::Line& line) override
-    {
-        EXPECT_EQ(line.channel, "kesa_DataModel");
-        EXPECT_EQ(line.severity, 2);
-        text = std::string(line.text);
-    }
-    std::string text;
-};
-
 class EventLogTest : public testing::Test {
 protected:
-    EventLogTest() { tracing::setEventLogSink(m_line); }
+    EventLogTest() { tracing::setEventLogSink(m_lines); }
     ~EventLogTest() override { tracing::setEventLogSink(nullptr); }
 
-    std::string last() { return std::exchange(m_line->text, {}); }
+    std::string last()
+    {
+        const std::string line = m_lines->take().back();
+        EXPECT_EQ(line.substr(0, 2), "2 ");
+        return line.substr(2);
+    }
 
-    std::shared_ptr<LastLine> m_line = std::make_shared<LastLine>();
+    std::shared_ptr<tracing::CapturingSink> m_lines = std::make_shared<tracing::CapturingSink>("kesa_DataModel");
 };
 
 TEST_F(EventLogTest, writesEachLineAsItIsDocumented)

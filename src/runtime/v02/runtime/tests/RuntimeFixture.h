@@ -10,7 +10,7 @@
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -35,57 +35,20 @@ using testing::UnorderedElementsAre;
 using Lines = std::vector<std::string>;
 
 /// What happened, in order: calls to handlers, lines of the event log, traces.
-class Journal {
-public:
-    void add(const std::string& line)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_lines.push_back(line);
-    }
-    /// The lines so far; forgets them.
-    Lines take()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return std::exchange(m_lines, {});
-    }
+using Journal = ::tracing::CapturingSink;
 
-private:
-    std::mutex m_mutex;
-    Lines m_lines;
-};
-
-/// Writes lines into a journal: those of the event log as "registration register", traces as "4 text".
-class JournalSink final : public tracing::ISink {
-public:
-    JournalSink(std::shared_ptr<Journal> journal, bool isEventLog)
-        : m_journal(std::move(journal)), m_isEventLog(isEventLog)
-    {}
-    void write(const tracing::Line& line) override
-    {
-        if (!m_isEventLog) {
-            m_journal->add(std::to_string(line.severity) + " " + std::string(line.text));
-            return;
-        }
-        const std::string cause = member(line.text, "caused-by");
-        m_journal->add(member(line.text, "event") + " " + member(line.text, "info") + (cause.empty() ? "" : " ") +
-                       cause);
-    }
-
-private:
-    static std::string member(std::string_view line, const std::string& name)
-    {
+/// A line of the event log as "registration register".
+inline std::string textOf(const ::tracing::Line& line)
+{
+    const auto member = [text = line.text](const std::string& name) {
         const std::string key = "\"" + name + "\":\"";
-        const auto begin = line.find(key);
-        if (begin == std::string_view::npos) {
-            return "";
-        }
+        const auto begin = text.find(key);
         const auto from = begin + key.size();
-        return std::string(line.substr(from, line.find('"', from) - from));
-    }
-
-    std::shared_ptr<Journal> m_journal;
-    bool m_isEventLog;
-};
+        return begin == std::string_view::npos ? "" : std::string(text.substr(from, text.find('"', from) - from));
+    };
+    const std::string cause = member("caused-by");
+    return member("event") + " " + member("info") + (cause.empty() ? "" : " ") + cause;
+}
 
 inline std::string textOf(const ServiceDef& service)
 {
@@ -170,8 +133,8 @@ protected:
     {
         comm::Scheduler::install(&m_scheduler);
         tracing::setThreshold("*", 1);
-        tracing::setSink(std::make_shared<JournalSink>(m_traces, false));
-        tracing::setEventLogSink(std::make_shared<JournalSink>(m_journal, true));
+        tracing::setSink(m_traces);
+        tracing::setEventLogSink(m_journal);
         obr::GlobalErrorHandler::setHandler([assertions = m_assertions](const auto& report) {
             assertions->add(std::string(report.condition) + ", " + report.function + ", " +
                             (report.message != nullptr ? report.message : ""));
@@ -263,8 +226,8 @@ protected:
 
     comm::SimulatedScheduler m_scheduler{1};
     std::shared_ptr<FakeNetwork> m_network = std::make_shared<FakeNetwork>();
-    std::shared_ptr<Journal> m_journal = std::make_shared<Journal>();
-    std::shared_ptr<Journal> m_traces = std::make_shared<Journal>();
+    std::shared_ptr<Journal> m_journal = std::make_shared<Journal>([](const auto& line) { return textOf(line); });
+    std::shared_ptr<Journal> m_traces = std::make_shared<Journal>(&Journal::textOf);
     std::shared_ptr<Journal> m_assertions = std::make_shared<Journal>();
     std::atomic<int> m_livingServices{0};
     std::unique_ptr<KesaRuntimeImpl> m_runtime;

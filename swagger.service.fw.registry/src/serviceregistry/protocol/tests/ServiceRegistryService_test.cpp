@@ -4,19 +4,10 @@
 #include <kesa/headers.h>
 #include <kesa/responsehandlers/FuncResponseHandler.h>
 #include <kesa/serviceregistry/ServiceRegistryService.h>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 namespace kesa::serviceregistry::test {
 namespace {
-
-class ErrorTraces final : public ::tracing::ISink {
-public:
-    void write(const ::tracing::Line& line) override
-    {
-        lines.push_back(std::string(line.channel) + " " + std::to_string(line.severity) + " " + std::string(line.text));
-    }
-    Lines lines;
-};
 
 class ServiceRegistryServiceTest : public testing::Test {
 protected:
@@ -33,7 +24,7 @@ protected:
     Lines calls, heard;
     FakeRegistry registry{calls};
     ServiceRegistryService service{&registry};
-    std::shared_ptr<ErrorTraces> traces = std::make_shared<ErrorTraces>();
+    std::shared_ptr<::tracing::CapturingSink> traces = std::make_shared<::tracing::CapturingSink>();
 };
 
 Payload json(std::string text)
@@ -71,7 +62,7 @@ TEST_F(ServiceRegistryServiceTest, CallsTheRegistry)
     service.cancelRequest(handleOf(103));
     EXPECT_EQ(calls.back(), "cancel 103");
     EXPECT_THAT(heard, IsEmpty());
-    EXPECT_THAT(traces->lines, IsEmpty());
+    EXPECT_THAT(traces->take(), IsEmpty());
 }
 
 TEST_F(ServiceRegistryServiceTest, RefusesWithAStatusAReasonAndATrace)
@@ -113,8 +104,8 @@ TEST_F(ServiceRegistryServiceTest, RefusesWithAStatusAReasonAndATrace)
         EXPECT_EQ(ask(Request(command, path, body), dispatch), IKesaApi::UNDEFINED_REQUEST_HANDLE);
         EXPECT_THAT(std::exchange(heard, {}), ElementsAre("error " + answer, "gone"));
         const bool isNoPath = answer.find("no path of a resource") != std::string::npos;
-        EXPECT_THAT(std::exchange(traces->lines, {}), ElementsAre(head + command + "' path='" + path + "' reason='" +
-                                                                  (isNoPath ? "" : answer.substr(5)) + "'"));
+        EXPECT_THAT(traces->take(), ElementsAre(head + command + "' path='" + path + "' reason='" +
+                                                (isNoPath ? "" : answer.substr(5)) + "'"));
     }
     for (const char* const broken : {"[]", "{", R"({"includeMetaInfo":1})", R"({"includeMetaInfo":true} x)"}) {
         ask(Request("retrieve", "/a", json(broken)));
