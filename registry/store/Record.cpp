@@ -4,6 +4,8 @@
 #include <util/serializer/formats.h>
 
 #include <algorithm>
+#include <array>
+#include <memory>
 #include <string_view>
 
 namespace kesa::registry {
@@ -12,22 +14,38 @@ namespace {
 
 using util::serializer::Format;
 
-template <class T>
-[[nodiscard]] bool measureForms(const T& value, std::size_t& bytes)
-{
-    std::size_t longest = 0;
-    for (const Format format : {Format::eJSON, Format::eQELBIN}) {
-        util::ByteBufferWriter out(1024);
-        const auto serializer = util::serializer::makeSerializer(format);
-        bool hasContent = false;
-        if (serializer->attach(out) || serializer::serialize(*serializer, value) || serializer->finish(hasContent)) {
-            return true;
+/// Writes values only to see how long they get.
+class Scale {
+public:
+    template <class T>
+    [[nodiscard]] bool measure(const T& value, std::size_t& bytes)
+    {
+        std::size_t longest = 0;
+        for (const auto& form : m_forms) {
+            m_out.clear();
+            form->reset();
+            bool hasContent = false;
+            if (form->attach(m_out) || serializer::serialize(*form, value) || form->finish(hasContent)) {
+                return true;
+            }
+            longest = std::max(longest, m_out.size());
         }
-        longest = std::max(longest, out.size());
+        bytes = longest;
+        return false;
     }
-    bytes = longest;
-    return false;
-}
+
+    /// One per thread: what it writes into is kept.
+    static Scale& here()
+    {
+        thread_local Scale scale;
+        return scale;
+    }
+
+private:
+    util::ByteBufferWriter m_out{1024};
+    const std::array<std::unique_ptr<serializer::IStructuredSerializer>, 2> m_forms{
+        util::serializer::makeSerializer(Format::eJSON), util::serializer::makeSerializer(Format::eQELBIN)};
+};
 
 /// An `ipc` locator without a realm means the realm of whoever reads it.
 bool isReachable(const url& locator, std::string_view realm)
@@ -52,12 +70,12 @@ bool isVisible(const ServiceDef& serviceDef, const Realm& realm)
 
 bool measure(const ServiceDef& serviceDef, std::size_t& bytes)
 {
-    return measureForms(serviceDef, bytes);
+    return Scale::here().measure(serviceDef, bytes);
 }
 
 bool measure(const Query& query, std::size_t& bytes)
 {
-    return measureForms(query, bytes);
+    return Scale::here().measure(query, bytes);
 }
 
 RegistryUpdate makeUpdate(UpdateType type, const RecordPtr& record)

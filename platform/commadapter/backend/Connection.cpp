@@ -83,12 +83,10 @@ void Connection::lose(std::string reason)
     const auto keep = shared_from_this();
     m_loop->remove(*this);
     Lock lock(m_lock);
-    m_stream->close();
     m_isOpen = false;
     m_loop->countQueued(m_countedBytes, 0);
     m_countedBytes = 0;
-    m_stream.reset();
-    m_machine.reset();
+    m_loop->destroyAtTurnEnd(std::move(m_stream), std::move(m_machine));
     lock.unlock();
     onClosed(reason);
 }

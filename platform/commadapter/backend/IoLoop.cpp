@@ -80,6 +80,14 @@ void IoLoop::flushGathered()
     }
 }
 
+void IoLoop::destroyAtTurnEnd(std::unique_ptr<transport::IStream> stream, std::unique_ptr<protocol::Machine> machine)
+{
+    onLoop(__func__);
+    if (m_depth > 0) {
+        m_remains.emplace_back(std::move(stream), std::move(machine));
+    }
+}
+
 void IoLoop::add(Connection& connection)
 {
     onLoop(__func__);

@@ -2,6 +2,8 @@
 #define KESA_COMMADAPTER_BACKEND_IOLOOP_H
 
 #include "backend/CommBackend.h"
+#include "protocol/Machine.h"
+#include "transport/ITransport.h"
 
 #include <comm/Reactor.h>
 
@@ -39,6 +41,7 @@ public:
         {
             if (m_loop.m_depth == 1) {
                 m_loop.flushGathered();
+                m_loop.m_remains.clear();
             }
             --m_loop.m_depth;
         }
@@ -70,6 +73,9 @@ public:
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
     void flushAtTurnEnd(Connection& connection);
+    /// Destroys what a connection leaves behind once everybody has been told of its end: closing descriptors and
+    /// freeing buffers takes long.
+    void destroyAtTurnEnd(std::unique_ptr<transport::IStream> stream, std::unique_ptr<protocol::Machine> machine);
     void add(Connection& connection);
     void remove(Connection& connection);
     /// From now on the heartbeat looks at the connections until none is owed anything. Any thread.
@@ -94,6 +100,7 @@ private:
     // Loop only.
     unsigned m_depth = 0;
     std::vector<std::shared_ptr<Connection>> m_gathered;
+    std::vector<std::pair<std::unique_ptr<transport::IStream>, std::unique_ptr<protocol::Machine>>> m_remains;
     std::vector<Connection*> m_connections;
 };
 

@@ -21,6 +21,8 @@ using util::config::Value;
 
 namespace {
 
+constexpr std::size_t USUAL_HEADERS = 6;
+
 /// The key of a member: a number, or a name.
 struct MemberKey {
     bool isNumber = false;
@@ -287,6 +289,7 @@ GenericObject HeaderSource::decode() const
     obr::ErrorStorage::Slot pending; // asking for headers is no read of its own
     obr::ErrorStorage::exchange(pending);
     std::vector<Value::Member> members;
+    members.reserve(USUAL_HEADERS);
     Reader reader(m_data, m_size);
     const bool failed = m_size > 0 && forEachMember(reader, [&](const MemberKey& key, Reader& in) {
                             const std::string_view name = headerName(key);

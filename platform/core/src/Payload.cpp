@@ -2,7 +2,6 @@
 #include <kesa/mimetypes.h>
 
 #include <utility>
-#include <vector>
 
 namespace kesa {
 
@@ -18,10 +17,9 @@ Payload::Payload(std::shared_ptr<const void> owner, const void* data, std::size_
 
 Payload Payload::createFromWriter(util::ByteBufferWriter&& writer, std::string_view mimeName)
 {
-    auto bytes = std::make_shared<const std::vector<unsigned char>>(writer.take());
-    const void* const data = bytes->data();
-    const std::size_t size = bytes->size();
-    return Payload(std::move(bytes), data, size, mimeName);
+    const std::size_t size = writer.size();
+    const void* const data = writer.data();
+    return Payload(std::shared_ptr<const unsigned char[]>(writer.take()), data, size, mimeName);
 }
 
 Payload Payload::createFromString(std::string text, std::string_view mimeName)

@@ -3,7 +3,7 @@
 
 #include <kesa/GenericObject.h>
 
-#include <mutex>
+#include <atomic>
 
 namespace kesa {
 
@@ -17,8 +17,7 @@ public:
     const GenericObject& headers() const;
 
 private:
-    mutable std::once_flag m_once;
-    mutable GenericObject m_headers;
+    mutable std::atomic<const GenericObject*> m_headers{nullptr};
 };
 
 } // namespace kesa

@@ -4,38 +4,61 @@
 #include <obr/api.h>
 
 #include <cstddef>
+#include <cstring>
+#include <memory>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 namespace util {
 
 /// Bytes that grow at the end. Move-only: the bytes go on into a payload without being copied.
 class KESA_API ByteBufferWriter {
 public:
-    explicit ByteBufferWriter(std::size_t capacity) { m_bytes.reserve(capacity); }
-    ByteBufferWriter(ByteBufferWriter&&) noexcept = default;
-    ByteBufferWriter& operator=(ByteBufferWriter&&) noexcept = default;
+    explicit ByteBufferWriter(std::size_t capacity) : m_bytes(new unsigned char[capacity]), m_capacity(capacity) {}
+    ByteBufferWriter(ByteBufferWriter&& other) noexcept
+        : m_bytes(std::move(other.m_bytes)), m_size(std::exchange(other.m_size, 0)),
+          m_capacity(std::exchange(other.m_capacity, 0))
+    {}
+    ByteBufferWriter& operator=(ByteBufferWriter&& other) noexcept
+    {
+        m_size = std::exchange(other.m_size, 0);
+        m_capacity = std::exchange(other.m_capacity, 0);
+        m_bytes = std::move(other.m_bytes);
+        return *this;
+    }
 
     void append(const void* data, std::size_t size)
     {
-        const auto* const bytes = static_cast<const unsigned char*>(data);
-        m_bytes.insert(m_bytes.end(), bytes, bytes + size);
+        if (size > m_capacity - m_size) {
+            grow(size);
+        }
+        if (size > 0) {
+            std::memcpy(m_bytes.get() + m_size, data, size);
+            m_size += size;
+        }
     }
     void append(std::string_view text) { append(text.data(), text.size()); }
-    void append(char byte) { m_bytes.push_back(static_cast<unsigned char>(byte)); }
+    void append(char byte) { append(&byte, 1); }
 
-    const unsigned char* data() const noexcept { return m_bytes.data(); }
-    unsigned char* data() noexcept { return m_bytes.data(); }
-    std::size_t size() const noexcept { return m_bytes.size(); }
-    std::string_view text() const noexcept { return {reinterpret_cast<const char*>(m_bytes.data()), m_bytes.size()}; }
-    void clear() noexcept { m_bytes.clear(); }
+    const unsigned char* data() const noexcept { return m_bytes.get(); }
+    unsigned char* data() noexcept { return m_bytes.get(); }
+    std::size_t size() const noexcept { return m_size; }
+    std::string_view text() const noexcept { return {reinterpret_cast<const char*>(m_bytes.get()), m_size}; }
+    void clear() noexcept { m_size = 0; }
 
     /// Hands the bytes over and is empty afterwards.
-    std::vector<unsigned char> take() noexcept { return std::move(m_bytes); }
+    std::unique_ptr<unsigned char[]> take() noexcept
+    {
+        m_size = m_capacity = 0;
+        return std::move(m_bytes);
+    }
 
 private:
-    std::vector<unsigned char> m_bytes;
+    void grow(std::size_t more);
+
+    std::unique_ptr<unsigned char[]> m_bytes;
+    std::size_t m_size = 0;
+    std::size_t m_capacity;
 };
 
 } // namespace util

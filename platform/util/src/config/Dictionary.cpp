@@ -17,6 +17,8 @@ struct Dictionary::Content {
 
 namespace {
 
+constexpr std::size_t USUAL_SIZE = 4;
+
 bool isBefore(const Value::Member& member, std::string_view key)
 {
     return member.first < key;
@@ -79,6 +81,7 @@ Dictionary::Content& Dictionary::writable()
 {
     if (m_content == nullptr) {
         m_content = new Content({});
+        m_content->members.reserve(USUAL_SIZE);
     } else if (m_content->owners.load(std::memory_order_acquire) != 1) {
         auto* const copy = new Content(m_content->members);
         release();

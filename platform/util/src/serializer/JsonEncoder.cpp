@@ -17,39 +17,43 @@ void appendInteger(ByteBufferWriter& out, T value)
 /// Compact: no white space.
 class JsonEncoder final : public IEncoder {
 public:
-    void beginObject(ByteBufferWriter& out) override { out.append('{'); }
-    void memberName(ByteBufferWriter& out, std::string_view name, bool isFirst) override
+    void beginObject(ByteBufferWriter& out) const override { out.append('{'); }
+    void memberName(ByteBufferWriter& out, std::string_view name, bool isFirst) const override
     {
         beginElement(out, isFirst);
         text::appendJsonString(out, name);
         out.append(':');
     }
-    void endObject(ByteBufferWriter& out, std::size_t, std::size_t) override { out.append('}'); }
-    void beginArray(ByteBufferWriter& out) override { out.append('['); }
-    void beginElement(ByteBufferWriter& out, bool isFirst) override
+    void endObject(ByteBufferWriter& out, std::size_t, std::size_t) const override { out.append('}'); }
+    void beginArray(ByteBufferWriter& out) const override { out.append('['); }
+    void beginElement(ByteBufferWriter& out, bool isFirst) const override
     {
         if (!isFirst) {
             out.append(',');
         }
     }
-    void endArray(ByteBufferWriter& out, std::size_t, std::size_t) override { out.append(']'); }
+    void endArray(ByteBufferWriter& out, std::size_t, std::size_t) const override { out.append(']'); }
 
-    void nullValue(ByteBufferWriter& out) override { out.append(std::string_view("null")); }
-    void boolValue(ByteBufferWriter& out, bool value) override
+    void nullValue(ByteBufferWriter& out) const override { out.append(std::string_view("null")); }
+    void boolValue(ByteBufferWriter& out, bool value) const override
     {
         out.append(std::string_view(value ? "true" : "false"));
     }
-    void intValue(ByteBufferWriter& out, std::int64_t value) override { appendInteger(out, value); }
-    void uintValue(ByteBufferWriter& out, std::uint64_t value) override { appendInteger(out, value); }
-    void doubleValue(ByteBufferWriter& out, double value) override { text::appendReal(out, value); }
-    void stringValue(ByteBufferWriter& out, std::string_view value) override { text::appendJsonString(out, value); }
+    void intValue(ByteBufferWriter& out, std::int64_t value) const override { appendInteger(out, value); }
+    void uintValue(ByteBufferWriter& out, std::uint64_t value) const override { appendInteger(out, value); }
+    void doubleValue(ByteBufferWriter& out, double value) const override { text::appendReal(out, value); }
+    void stringValue(ByteBufferWriter& out, std::string_view value) const override
+    {
+        text::appendJsonString(out, value);
+    }
 };
 
 } // namespace
 
-std::unique_ptr<IEncoder> makeJsonEncoder()
+const IEncoder& jsonEncoder()
 {
-    return std::make_unique<JsonEncoder>();
+    static const JsonEncoder& encoder = *new JsonEncoder;
+    return encoder;
 }
 
 } // namespace util::serializer

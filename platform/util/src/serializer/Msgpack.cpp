@@ -89,36 +89,36 @@ void insertHeader(ByteBufferWriter& out, std::size_t begin, PackHeader packHeade
 
 class MsgpackEncoder final : public IEncoder {
 public:
-    void beginObject(ByteBufferWriter& out) override { out.append('\0'); }
-    void memberName(ByteBufferWriter& out, std::string_view name, bool) override { stringValue(out, name); }
-    void endObject(ByteBufferWriter& out, std::size_t begin, std::size_t count) override
+    void beginObject(ByteBufferWriter& out) const override { out.append('\0'); }
+    void memberName(ByteBufferWriter& out, std::string_view name, bool) const override { stringValue(out, name); }
+    void endObject(ByteBufferWriter& out, std::size_t begin, std::size_t count) const override
     {
         insertHeader(out, begin, [count](Packer& packer) { packer.pack_map(static_cast<std::uint32_t>(count)); });
     }
-    void beginArray(ByteBufferWriter& out) override { out.append('\0'); }
-    void beginElement(ByteBufferWriter&, bool) override {}
-    void endArray(ByteBufferWriter& out, std::size_t begin, std::size_t count) override
+    void beginArray(ByteBufferWriter& out) const override { out.append('\0'); }
+    void beginElement(ByteBufferWriter&, bool) const override {}
+    void endArray(ByteBufferWriter& out, std::size_t begin, std::size_t count) const override
     {
         insertHeader(out, begin, [count](Packer& packer) { packer.pack_array(static_cast<std::uint32_t>(count)); });
     }
 
-    void nullValue(ByteBufferWriter& out) override
+    void nullValue(ByteBufferWriter& out) const override
     {
         pack(out, [](Packer& packer) { packer.pack_nil(); });
     }
-    void boolValue(ByteBufferWriter& out, bool value) override
+    void boolValue(ByteBufferWriter& out, bool value) const override
     {
         pack(out, [value](Packer& packer) { value ? packer.pack_true() : packer.pack_false(); });
     }
-    void intValue(ByteBufferWriter& out, std::int64_t value) override
+    void intValue(ByteBufferWriter& out, std::int64_t value) const override
     {
         pack(out, [value](Packer& packer) { packer.pack_int64(value); });
     }
-    void uintValue(ByteBufferWriter& out, std::uint64_t value) override
+    void uintValue(ByteBufferWriter& out, std::uint64_t value) const override
     {
         pack(out, [value](Packer& packer) { packer.pack_uint64(value); });
     }
-    void doubleValue(ByteBufferWriter& out, double value) override
+    void doubleValue(ByteBufferWriter& out, double value) const override
     {
         // Written here: the packer makes integers of whole numbers, but what was a real has to come back as one.
         std::array<unsigned char, 9> bytes{0xcb};
@@ -128,7 +128,7 @@ public:
         }
         out.append(bytes.data(), bytes.size());
     }
-    void stringValue(ByteBufferWriter& out, std::string_view value) override
+    void stringValue(ByteBufferWriter& out, std::string_view value) const override
     {
         pack(out, [value](Packer& packer) { packer.pack_str(static_cast<std::uint32_t>(value.size())); });
         out.append(value);
@@ -151,9 +151,10 @@ std::unique_ptr<IDocumentParser> makeMsgpackParser()
     return std::make_unique<MsgpackParser>();
 }
 
-std::unique_ptr<IEncoder> makeMsgpackEncoder()
+const IEncoder& msgpackEncoder()
 {
-    return std::make_unique<MsgpackEncoder>();
+    static const MsgpackEncoder& encoder = *new MsgpackEncoder;
+    return encoder;
 }
 
 } // namespace util::serializer

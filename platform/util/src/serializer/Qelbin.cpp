@@ -226,16 +226,16 @@ private:
 
 class QelbinEncoder final : public IEncoder {
 public:
-    void beginObject(ByteBufferWriter& out) override { put(out, ::cbor_encode_indef_map_start); }
-    void memberName(ByteBufferWriter& out, std::string_view name, bool) override { stringValue(out, name); }
-    void endObject(ByteBufferWriter& out, std::size_t, std::size_t) override { put(out, ::cbor_encode_break); }
-    void beginArray(ByteBufferWriter& out) override { put(out, ::cbor_encode_indef_array_start); }
-    void beginElement(ByteBufferWriter&, bool) override {}
-    void endArray(ByteBufferWriter& out, std::size_t, std::size_t) override { put(out, ::cbor_encode_break); }
+    void beginObject(ByteBufferWriter& out) const override { put(out, ::cbor_encode_indef_map_start); }
+    void memberName(ByteBufferWriter& out, std::string_view name, bool) const override { stringValue(out, name); }
+    void endObject(ByteBufferWriter& out, std::size_t, std::size_t) const override { put(out, ::cbor_encode_break); }
+    void beginArray(ByteBufferWriter& out) const override { put(out, ::cbor_encode_indef_array_start); }
+    void beginElement(ByteBufferWriter&, bool) const override {}
+    void endArray(ByteBufferWriter& out, std::size_t, std::size_t) const override { put(out, ::cbor_encode_break); }
 
-    void nullValue(ByteBufferWriter& out) override { put(out, ::cbor_encode_null); }
-    void boolValue(ByteBufferWriter& out, bool value) override { put(out, ::cbor_encode_bool, value); }
-    void intValue(ByteBufferWriter& out, std::int64_t value) override
+    void nullValue(ByteBufferWriter& out) const override { put(out, ::cbor_encode_null); }
+    void boolValue(ByteBufferWriter& out, bool value) const override { put(out, ::cbor_encode_bool, value); }
+    void intValue(ByteBufferWriter& out, std::int64_t value) const override
     {
         if (value >= 0) {
             put(out, ::cbor_encode_uint, static_cast<std::uint64_t>(value));
@@ -243,9 +243,9 @@ public:
             put(out, ::cbor_encode_negint, static_cast<std::uint64_t>(-1 - value));
         }
     }
-    void uintValue(ByteBufferWriter& out, std::uint64_t value) override { put(out, ::cbor_encode_uint, value); }
-    void doubleValue(ByteBufferWriter& out, double value) override { put(out, ::cbor_encode_double, value); }
-    void stringValue(ByteBufferWriter& out, std::string_view value) override
+    void uintValue(ByteBufferWriter& out, std::uint64_t value) const override { put(out, ::cbor_encode_uint, value); }
+    void doubleValue(ByteBufferWriter& out, double value) const override { put(out, ::cbor_encode_double, value); }
+    void stringValue(ByteBufferWriter& out, std::string_view value) const override
     {
         put(out, ::cbor_encode_string_start, value.size());
         out.append(value);
@@ -268,9 +268,10 @@ std::unique_ptr<IDocumentParser> makeQelbinParser()
     return std::make_unique<QelbinParser>();
 }
 
-std::unique_ptr<IEncoder> makeQelbinEncoder()
+const IEncoder& qelbinEncoder()
 {
-    return std::make_unique<QelbinEncoder>();
+    static const QelbinEncoder& encoder = *new QelbinEncoder;
+    return encoder;
 }
 
 } // namespace util::serializer

@@ -8,13 +8,21 @@
 
 #include <cmath>
 #include <limits>
-#include <utility>
 
 namespace util::serializer {
 
+namespace {
+
+constexpr std::size_t USUAL_DEPTH = 8;
+
+} // namespace
+
 IStructuredSerializer::~IStructuredSerializer() = default;
 
-StructuredWriter::StructuredWriter(std::unique_ptr<IEncoder> encoder) noexcept : m_encoder(std::move(encoder)) {}
+StructuredWriter::StructuredWriter(const IEncoder& encoder) : m_encoder(encoder)
+{
+    m_open.reserve(USUAL_DEPTH);
+}
 
 bool StructuredWriter::fail(const char* problem) const
 {
@@ -98,7 +106,7 @@ bool StructuredWriter::beginObject()
     if (begin(Kind::eOBJECT)) {
         return true;
     }
-    m_encoder->beginObject(*m_out);
+    m_encoder.beginObject(*m_out);
     return false;
 }
 
@@ -108,7 +116,7 @@ bool StructuredWriter::memberName(std::string_view name)
         beginItem(Kind::eOBJECT, "a member's name may be written only in an object, between members")) {
         return true;
     }
-    m_encoder->memberName(*m_out, name, m_open.back().count == 1);
+    m_encoder.memberName(*m_out, name, m_open.back().count == 1);
     return false;
 }
 
@@ -122,7 +130,7 @@ bool StructuredWriter::endObject()
     if (claimEnd(Kind::eOBJECT, "an object ends only where it began, between members")) {
         return true;
     }
-    m_encoder->endObject(*m_out, m_open.back().begin, m_open.back().count);
+    m_encoder.endObject(*m_out, m_open.back().begin, m_open.back().count);
     m_open.pop_back();
     return false;
 }
@@ -132,7 +140,7 @@ bool StructuredWriter::beginArray()
     if (begin(Kind::eARRAY)) {
         return true;
     }
-    m_encoder->beginArray(*m_out);
+    m_encoder.beginArray(*m_out);
     return false;
 }
 
@@ -141,7 +149,7 @@ bool StructuredWriter::beginElement()
     if (beginItem(Kind::eARRAY, "an element begins only in an array, between elements")) {
         return true;
     }
-    m_encoder->beginElement(*m_out, m_open.back().count == 1);
+    m_encoder.beginElement(*m_out, m_open.back().count == 1);
     return false;
 }
 
@@ -155,7 +163,7 @@ bool StructuredWriter::endArray()
     if (claimEnd(Kind::eARRAY, "an array ends only where it began, between elements")) {
         return true;
     }
-    m_encoder->endArray(*m_out, m_open.back().begin, m_open.back().count);
+    m_encoder.endArray(*m_out, m_open.back().begin, m_open.back().count);
     m_open.pop_back();
     return false;
 }
@@ -165,7 +173,7 @@ bool StructuredWriter::stringValue(std::string_view value)
     if (claimText(value) || claimValue()) {
         return true;
     }
-    m_encoder->stringValue(*m_out, value);
+    m_encoder.stringValue(*m_out, value);
     return false;
 }
 
@@ -174,7 +182,7 @@ bool StructuredWriter::boolValue(bool value)
     if (claimValue()) {
         return true;
     }
-    m_encoder->boolValue(*m_out, value);
+    m_encoder.boolValue(*m_out, value);
     return false;
 }
 
@@ -183,7 +191,7 @@ bool StructuredWriter::nullValue()
     if (claimValue()) {
         return true;
     }
-    m_encoder->nullValue(*m_out);
+    m_encoder.nullValue(*m_out);
     return false;
 }
 
@@ -192,7 +200,7 @@ bool StructuredWriter::intValue(std::int64_t value)
     if (claimValue()) {
         return true;
     }
-    m_encoder->intValue(*m_out, value);
+    m_encoder.intValue(*m_out, value);
     return false;
 }
 
@@ -201,7 +209,7 @@ bool StructuredWriter::uintValue(std::uint64_t value)
     if (claimValue()) {
         return true;
     }
-    m_encoder->uintValue(*m_out, value);
+    m_encoder.uintValue(*m_out, value);
     return false;
 }
 
@@ -213,7 +221,7 @@ bool StructuredWriter::doubleValue(double value)
     if (claimValue()) {
         return true;
     }
-    m_encoder->doubleValue(*m_out, value);
+    m_encoder.doubleValue(*m_out, value);
     return false;
 }
 

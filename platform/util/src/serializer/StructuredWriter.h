@@ -12,7 +12,7 @@ namespace util::serializer {
 /// The serializer of all formats: checks that the calls make one value, and lets an encoder write it.
 class StructuredWriter final : public IStructuredSerializer {
 public:
-    explicit StructuredWriter(std::unique_ptr<IEncoder> encoder) noexcept;
+    explicit StructuredWriter(const IEncoder& encoder);
 
     bool attach(ByteBufferWriter& out) override;
     void reset() override;
@@ -54,7 +54,7 @@ private:
     bool endItem(Kind kind, const char* problem);
     bool claimEnd(Kind kind, const char* problem) const;
 
-    const std::unique_ptr<IEncoder> m_encoder;
+    const IEncoder& m_encoder;
     ByteBufferWriter* m_out = nullptr;
     std::vector<Open> m_open; // the root is the first
 };

@@ -11,13 +11,13 @@ std::unique_ptr<IStructuredSerializer> makeSerializer(Format format)
 {
     switch (format) {
     case Format::eJSON:
-        return std::make_unique<StructuredWriter>(makeJsonEncoder());
+        return std::make_unique<StructuredWriter>(jsonEncoder());
     case Format::eMSGPACK:
-        return std::make_unique<StructuredWriter>(makeMsgpackEncoder());
+        return std::make_unique<StructuredWriter>(msgpackEncoder());
     case Format::eQELBIN:
         break;
     }
-    return std::make_unique<StructuredWriter>(makeQelbinEncoder());
+    return std::make_unique<StructuredWriter>(qelbinEncoder());
 }
 
 std::unique_ptr<IStructuredPullDeserializer> makeDeserializer(Format format)

@@ -1,14 +1,19 @@
 #include "json_text.h"
 
+#include <array>
 #include <charconv>
 
 namespace util::text {
 namespace {
 
-bool mustBeEscaped(char c)
-{
-    return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
-}
+constexpr auto MUST_BE_ESCAPED = [] {
+    std::array<bool, 256> table{};
+    for (std::size_t c = 0; c < 0x20; ++c) {
+        table[c] = true;
+    }
+    table['"'] = table['\\'] = true;
+    return table;
+}();
 
 template <class Out>
 void appendEscaped(Out& out, char c)
@@ -35,7 +40,7 @@ void appendJsonString(Out& out, std::string_view value)
     out.append(std::string_view("\""));
     std::size_t begin = 0;
     for (std::size_t i = 0; i < value.size(); ++i) {
-        if (mustBeEscaped(value[i])) {
+        if (MUST_BE_ESCAPED[static_cast<unsigned char>(value[i])]) {
             out.append(value.substr(begin, i - begin));
             appendEscaped(out, value[i]);
             begin = i + 1;

@@ -1,6 +1,5 @@
 #include <runtime/v02/runtime/EventLog.h>
 
-#include <kesa/Payload.h>
 #include <kesa/ResourceUpdateTypeSerializer.h>
 #include <kesa/core/Serializer.h>
 #include <kesa/mimetypes.h>
@@ -42,7 +41,7 @@ std::string jsonOf(const Record& record, const char* failureText)
         serializer->finish(hasContent)) {
         return failureText;
     }
-    return Payload::createStringFrom(Payload::createFromWriter(std::move(writer), mimetypes::JSON));
+    return std::string(writer.text());
 }
 
 /// The path of a locator, taken only for a line that is written.

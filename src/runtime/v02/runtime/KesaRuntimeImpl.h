@@ -162,10 +162,11 @@ private:
 
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);
-    std::unique_ptr<RegistrationHandler> registrationAnswers(const ServiceDef& serviceDef, std::uint64_t number);
+    std::unique_ptr<RegistrationHandler> registrationAnswers(const std::shared_ptr<const ServiceDef>& announced,
+                                                             std::uint64_t number);
     RuntimeEntry* entryOfRequest(const std::string& path, std::uint64_t RuntimeEntry::*current, std::uint64_t number,
                                  const char* caller);
-    void onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer);
+    void onRegistrationConfirmed(const Path& registered, std::uint64_t number, ServiceDef answer);
     void onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error);
     void withdrawRefused(RuntimeEntry& entry, const std::string& path, const Response& error,
                          const std::string& message);

@@ -95,23 +95,22 @@ void KesaRuntimeImpl::registerOnExecutor(Registration registration)
         registerRegistryService(std::move(registration));
         return;
     }
-    const auto present = m_runtimeEntries.find(path);
-    if (present != m_runtimeEntries.end()) {
+    const auto [place, isNew] = m_runtimeEntries.try_emplace(path);
+    RuntimeEntry& entry = place->second;
+    if (!isNew) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] Service '%s' already present tracked or static configured",
                    path.c_str());
-        if (joinEntry(present->second, registration)) {
+        if (joinEntry(entry, registration)) {
             return;
         }
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[registerService] service='%s' is not statically configured create new runtimeEntry", path.c_str());
-        RuntimeEntry& created = m_runtimeEntries[path];
-        created.optionalRegistrator = std::move(registration.handler);
-        created.isProvidedByThisProcess = true;
+        entry.optionalRegistrator = std::move(registration.handler);
+        entry.isProvidedByThisProcess = true;
     }
     KESA_TRACE_TEXT(MAIN_CHANNEL, 2,
                     fmt::format("[registerService] service='{}' versions '{}'", path, registration.versions));
-    RuntimeEntry& entry = m_runtimeEntries.find(path)->second;
     if (entry.isStaticConfigured) {
         registerStatic(entry, registration);
     } else {

@@ -13,29 +13,30 @@ void KesaRuntimeImpl::registerServiceOnRegistry(RuntimeEntry& entry, const Servi
     const std::uint64_t number = newNumber();
     entry.remoteRegistrationNumber = number;
     RemoteRegistryHandler::Request request;
-    request.issue = [this, serviceDef = serviceDef, number](serviceregistry::IServiceRegistry* registry) {
-        return registry->registerService(registrationAnswers(serviceDef, number), serviceDef.path, serviceDef);
+    request.issue = [this, announced = std::make_shared<const ServiceDef>(serviceDef),
+                     number](serviceregistry::IServiceRegistry* registry) {
+        return registry->registerService(registrationAnswers(announced, number), announced->path, *announced);
     };
     entry.remoteRegistrationId = m_remoteRegistryHandler->execute(std::move(request));
 }
 
-std::unique_ptr<RegistrationHandler> KesaRuntimeImpl::registrationAnswers(const ServiceDef& serviceDef,
-                                                                          std::uint64_t number)
+std::unique_ptr<RegistrationHandler>
+KesaRuntimeImpl::registrationAnswers(const std::shared_ptr<const ServiceDef>& announced, std::uint64_t number)
 {
     return std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
-        [this, path = serviceDef.path, number](const ServiceDef& answer) {
-            toExecutor([this, path = path, number, answer = answer] { onRegistrationConfirmed(path, number, answer); });
+        [this, announced, number](const ServiceDef& answer) {
+            toExecutor([this, announced, number, answer = answer]() mutable {
+                onRegistrationConfirmed(announced->path, number, std::move(answer));
+            });
             return false;
         },
-        [this, serviceDef = serviceDef, number](const Response& error) {
-            toExecutor([this, serviceDef = serviceDef, number, error = error] {
-                onRegistrationFailed(serviceDef, number, error);
-            });
+        [this, announced, number](const Response& error) {
+            toExecutor([this, announced, number, error = error] { onRegistrationFailed(*announced, number, error); });
         },
-        [this, serviceDef = serviceDef] {
+        [this, announced] {
             // The protocol knows no end of a registration but the registering side's: nothing sensible can follow.
             KESA_TRACE(MAIN_CHANNEL, 4, "[registerService RemoteRegistryHandler] onCompleted");
-            eventlog::registrationError(m_eventSource, serviceDef, "onCompleted");
+            eventlog::registrationError(m_eventSource, *announced, "onCompleted");
             obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, "operator()",
                                              "[registerService RemoteRegistryHandler] onCompleted strange error");
         });
@@ -57,7 +58,7 @@ KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::entryOfRequest(const std::string
     return &found->second;
 }
 
-void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint64_t number, const ServiceDef& answer)
+void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint64_t number, ServiceDef answer)
 {
     onExecutor();
     const std::string& path = answer.path.toString();
@@ -95,7 +96,7 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint6
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService RemoteRegistryHandler] update ServiceDef for service='%s'",
                path.c_str());
-    recorded = answer;
+    recorded = std::move(answer);
 }
 
 void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error)
