@@ -120,6 +120,19 @@ TEST_F(RegistryTest, ClaimsOfOneProcessSupersedeEachOther)
     EXPECT_THAT(told(), ElementsAre("c1: gone", "c3: 409: service already registered", "c3: gone"));
 }
 
+TEST_F(RegistryTest, ASupersededRequestHasThePathAgain)
+{
+    Process provider("provider"), watcher("watcher");
+    track(watcher, "t", "/a");
+    void* const present = registerService(provider, "present", service("/a"));
+    void* const late = registerService(provider, "late", service("/a", "ipc://p/old")); // read from a lost connection
+    told();
+    m_registry->cancelRequest(late);
+    EXPECT_THAT(told(), ElementsAre("present: registered /a", "t: -/a", "t: +/a", "late: gone"));
+    m_registry->cancelRequest(present);
+    EXPECT_THAT(told(), ElementsAre("t: -/a", "present: gone"));
+}
+
 TEST_F(RegistryTest, ThisProcessNeedsNoProof)
 {
     std::unique_ptr<IResponseHandler<ServiceDef>> handler =

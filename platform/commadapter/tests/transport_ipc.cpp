@@ -8,6 +8,8 @@
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/Scheduler.h>
+#include <kesa/commadapter/checkOwnLocator.h>
+#include <kesa/commadapter/whyUnreachable.h>
 #include <tracing/CapturingSink.h>
 
 #include <fcntl.h>
@@ -429,6 +431,37 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
     Node other(board, directory);
     EXPECT_FALSE(other.listen("media")) << other.why;
     EXPECT_TRUE(Node(board, directory).listen(std::string(65, 'a')));
+}
+
+TEST_F(TransportIpc, ToolsAskWhoHasANameAndWhyNobodyAnswers)
+{
+    using State = OwnLocator::State;
+    ::setenv("KESA_CONFIG_DIR", root.c_str(), 1);
+    ::setenv("KESA_RUN_DIR", directory.c_str(), 1);
+    const url media("ipc://media/player");
+    const auto judge = [&media](const std::string& process) { return checkOwnLocator(process, media).state; };
+    EXPECT_EQ(judge("media"), State::eCLAIMABLE);
+    EXPECT_EQ(judge("nav"), State::eOTHERS);
+    for (const char* const unknown : {"tcp://media:1/player", "ipc://media+0123456789abcdef/player", "/player"}) {
+        EXPECT_EQ(checkOwnLocator("media", url(unknown)).state, State::eUNREACHABLE) << unknown;
+        EXPECT_EQ(whyUnreachable(url(unknown)),
+                  '"' + std::string(unknown) + "\" is of a scheme or of a run directory that is not known here");
+    }
+    EXPECT_EQ(whyUnreachable(media), "no process listens as \"media\" in \"" + directory + '"');
+
+    Node node(board, directory);
+    ASSERT_FALSE(node.listen("media")) << "looking claims nothing: " << node.why;
+    EXPECT_EQ(judge("media"), State::eNAME_HELD);
+    EXPECT_EQ(checkOwnLocator("media", media).why,
+              "the name \"media\" is held by process " + std::to_string(::getpid()) + ", which is this one");
+    EXPECT_EQ(whyUnreachable(media), "");
+
+    std::ofstream(root / "file") << "no directory";
+    ::setenv("KESA_RUN_DIR", (root / "file" / "run").c_str(), 1);
+    EXPECT_EQ(judge("media"), State::eUNUSABLE);
+    EXPECT_NE(checkOwnLocator("media", media).why.find("KESA_RUN_DIR"), std::string::npos);
+    ::unsetenv("KESA_RUN_DIR");
+    ::unsetenv("KESA_CONFIG_DIR");
 }
 
 TEST_F(TransportIpc, AFullBacklogIsBusyNotMissing)

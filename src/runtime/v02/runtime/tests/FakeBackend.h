@@ -19,6 +19,7 @@ namespace kesa::runtime::v02::test {
 /// "fake://<process>/path". Listeners are called with the lock held, so none runs once `release` has returned.
 class FakeNetwork {
 public:
+    std::string handledScheme = "fake";
     std::set<std::string> refusedPaths;    ///< `provideOnPath` fails
     std::set<std::string> refusedLocators; ///< `connect` answers null
     std::function<void()> onRelease;       ///< the open requests of the client object end
@@ -135,7 +136,7 @@ public:
         const auto lock = note("stop " + m_process);
         m_network->clients.clear();
     }
-    bool canHandle(const url& locator) override { return locator.scheme() == "fake"; }
+    bool canHandle(const url& locator) override { return locator.scheme() == m_network->handledScheme; }
     bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) override
     {
         const url chosen("fake://" + m_process + path);

@@ -4,7 +4,11 @@
 #include <kesa/FuncCallEvent.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
+#include <fstream>
 
 namespace kesa::runtime::v02::test {
 namespace {
@@ -85,6 +89,25 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     KesaRuntime::shutdown();
     EXPECT_FALSE(KesaRuntime::isRunning());
     unsetenv("KESA_CONFIG_DIR");
+}
+
+TEST_F(RuntimeTest, aDocumentOfItsOwnCountsOnlyWithoutAConfiguredOne)
+{
+    const std::string file = testing::TempDir() + "kesa_fallback_" + std::to_string(::getpid()) + ".json";
+    std::ofstream(file) << R"({"use_local_registry": true, "backends": ["comm"]})";
+    const auto connected = [this](const char* variable, const std::string& value) {
+        setenv(variable, value.c_str(), 1);
+        EXPECT_FALSE(KesaRuntime::initInstance("p", KesaRuntime::WITH_REGISTRYD));
+        run();
+        EXPECT_FALSE(KesaRuntime::isRegistryHost());
+        KesaRuntime::shutdown();
+        unsetenv(variable);
+        return m_network->calls();
+    };
+    m_network->handledScheme = "ipc";
+    EXPECT_THAT(connected("KESA_CONFIG_DIR", "/nonexistent"), Contains("connect ipc://kesa-registryd/registry"));
+    EXPECT_THAT(connected("KESA_CONFIG", file), Not(Contains(HasSubstr("connect"))));
+    std::remove(file.c_str());
 }
 
 TEST_F(RuntimeTest, startsOnceAndEndsInOrder)

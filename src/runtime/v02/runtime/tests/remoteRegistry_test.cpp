@@ -221,8 +221,10 @@ TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
     run();
     registry->asked();
     m_journal->take();
+    m_network->calls();
     registry->insert("/a").onError(Response::createErrorResponse(409));
     EXPECT_THAT(asked(), ElementsAre("cancel track /a", "track /a"));
+    EXPECT_THAT(m_network->calls(), ElementsAre("unprovide fake://me/a")) << "the own record is still the own one";
     registry->track("/a").onNext(update(ADDED, "/a"));
     EXPECT_THAT(heard(), testing::IsSupersetOf({"t: REMOVED /a", "u: REMOVED /a", "t: ADDED /a", "u: ADDED /a"}));
 }
