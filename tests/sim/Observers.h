@@ -101,99 +101,6 @@ struct Belief {
     }
 };
 
-/// The rules of every stream: one call at a time, nothing after a terminal call, nothing after the destructor,
-/// destroyed once.
-template <class T>
-class Observer : public IResponseHandler<T> {
-public:
-    Observer(Verdict& verdict, std::shared_ptr<Belief> belief) : m_verdict(verdict), m_belief(std::move(belief)) {}
-    ~Observer() override
-    {
-        std::vector<Client> dropped;
-        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        if (m_belief->destroyed) {
-            m_verdict.fail("destroyed once", m_belief->name);
-        }
-        m_belief->destroyed = true;
-        if (m_belief->ended.number == 0) {
-            m_belief->ended = m_verdict.now();
-        }
-        m_belief->dropAll();
-        dropped.swap(m_belief->dropped);
-        m_verdict.changed.notifyAll();
-    }
-
-    bool onNext(const T& value) override
-    {
-        std::vector<Client> dropped;
-        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        enter();
-        ++m_belief->values;
-        see(value, *m_belief);
-        leave(dropped);
-        return false;
-    }
-    void onError(const Response& error) override
-    {
-        std::vector<Client> dropped;
-        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        enter();
-        m_belief->terminal = true;
-        m_belief->error = error.getStatus();
-        m_belief->failed = m_verdict.now();
-        m_belief->dropAll();
-        leave(dropped);
-    }
-    void onCompleted() override
-    {
-        std::vector<Client> dropped;
-        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        enter();
-        m_belief->terminal = true;
-        leave(dropped);
-    }
-
-protected:
-    virtual void see(const T& value, Belief& belief) = 0;
-
-    /// Announced and gone take turns, beginning with announced.
-    void alternate(const std::string& path, bool present)
-    {
-        bool& last = m_belief->present[path];
-        if (last == present) {
-            m_verdict.fail("present and absent take turns",
-                           m_belief->name + ": " + path + (present ? " present twice" : " absent twice"));
-        }
-        last = present;
-    }
-
-private:
-    void enter()
-    {
-        if (m_belief->destroyed) {
-            m_verdict.fail("nothing after the destructor", m_belief->name);
-        }
-        if (m_belief->terminal) {
-            m_verdict.fail("nothing after a terminal call", m_belief->name);
-        }
-        if (m_belief->processDead) {
-            m_verdict.fail("nothing in a dead process", m_belief->name);
-        }
-        if (++m_belief->inCall != 1) {
-            m_verdict.fail("one call at a time", m_belief->name);
-        }
-    }
-    void leave(std::vector<Client>& dropped)
-    {
-        --m_belief->inCall;
-        dropped.swap(m_belief->dropped);
-        m_verdict.changed.notifyAll();
-    }
-
-    Verdict& m_verdict;
-    std::shared_ptr<Belief> m_belief;
-};
-
 using serviceregistry::RegistryUpdate;
 using serviceregistry::ServiceDef;
 
@@ -205,97 +112,128 @@ inline std::string claimOf(const ServiceDef& service)
     return service.metainfo ? std::string((*service.metainfo)[CLAIM].stringView()) : std::string();
 }
 
-class RegistrationObserver final : public Observer<ServiceDef> {
+/// A stream of `T`, and its rules: one call at a time, nothing after a terminal call, nothing after the destructor,
+/// destroyed once; what is shown present and absent takes turns.
+template <class T>
+class Observer final : public IResponseHandler<T> {
 public:
-    using Observer::Observer;
-
-private:
-    void see(const ServiceDef&, Belief& belief) override { belief.accepted = true; }
-};
-
-class TrackingObserver final : public Observer<ResourceUpdate<ServiceDef>> {
-public:
-    using Observer::Observer;
-
-private:
-    void see(const ResourceUpdate<ServiceDef>& update, Belief& belief) override
+    Observer(Verdict& verdict, std::shared_ptr<Belief> belief) : m_verdict(verdict), m_belief(std::move(belief)) {}
+    ~Observer() override
     {
-        belief.claims[update.element.path.toString()] = claimOf(update.element);
-        alternate(update.element.path.toString(), update.type == ResourceUpdateType::eADDED);
+        change([this] {
+            if (m_belief->destroyed) {
+                m_verdict.fail("destroyed once", m_belief->name);
+            }
+            m_belief->destroyed = true;
+            if (m_belief->ended.number == 0) {
+                m_belief->ended = m_verdict.now();
+            }
+            m_belief->dropAll();
+        });
     }
-};
 
-class ResolvingObserver final : public Observer<optional<Client>> {
-public:
-    using Observer::Observer;
-
-private:
-    void see(const optional<Client>& value, Belief& belief) override
+    bool onNext(const T& value) override
     {
-        alternate("", value.has_value());
-        belief.drop(belief.client);
-        belief.client = value.value_or(nullptr);
+        enter([&] {
+            ++m_belief->values;
+            see(value);
+        });
+        return false;
     }
-};
-
-class TrackAndResolveObserver final : public Observer<optional<runtime::v02::ResolveResult<Client>>> {
-public:
-    using Observer::Observer;
-
-private:
-    void see(const optional<runtime::v02::ResolveResult<Client>>& value, Belief& belief) override
+    void onError(const Response& error) override
     {
-        alternate("", value.has_value());
-        belief.drop(belief.client);
-        belief.client = value ? value->api : nullptr;
+        enter([&] {
+            m_belief->terminal = true;
+            m_belief->error = error.getStatus();
+            m_belief->failed = m_verdict.now();
+            m_belief->dropAll();
+        });
     }
-};
-
-class TrackAndResolveQueryObserver final : public Observer<runtime::v02::ResolveResult<optional<Client>>> {
-public:
-    using Observer::Observer;
+    void onCompleted() override
+    {
+        enter([this] { m_belief->terminal = true; });
+    }
 
 private:
-    void see(const runtime::v02::ResolveResult<optional<Client>>& value, Belief& belief) override
+    /// Of a registration, a tracking by path or query, a resolving, both ways of both at once, and a request; the last
+    /// one is the registry's own list, of one who watches it from inside.
+    void see(const ServiceDef&) { m_belief->accepted = true; }
+    void see(const ResourceUpdate<ServiceDef>& update)
     {
-        const std::string path = value.serviceDef.path.toString();
-        alternate(path, value.api.has_value());
-        belief.claims[path] = claimOf(value.serviceDef);
-        belief.drop(belief.clients[path]);
-        if (value.api) {
-            belief.clients[path] = *value.api;
-        } else {
-            belief.clients.erase(path);
+        show(update.element, update.type == ResourceUpdateType::eADDED);
+    }
+    void see(const optional<Client>& client) { hold("", m_belief->client, client); }
+    void see(const optional<runtime::v02::ResolveResult<Client>>& result)
+    {
+        hold("", m_belief->client, result ? optional<Client>(result->api) : nullopt);
+    }
+    void see(const runtime::v02::ResolveResult<optional<Client>>& result)
+    {
+        const std::string path = result.serviceDef.path.toString();
+        m_belief->claims[path] = claimOf(result.serviceDef);
+        hold(path, m_belief->clients[path], result.api);
+        if (!result.api) {
+            m_belief->clients.erase(path);
         }
     }
-};
-
-/// Answers of one request.
-class AnswerObserver final : public Observer<Response> {
-public:
-    using Observer::Observer;
-
-private:
-    void see(const Response& response, Belief& belief) override
-    {
-        belief.answer = std::string(response.getPayload().text());
-    }
-};
-
-/// The registry's own list, as one who watches it from inside.
-class RegistryObserver final : public Observer<std::vector<RegistryUpdate>> {
-public:
-    using Observer::Observer;
-
-private:
-    void see(const std::vector<RegistryUpdate>& updates, Belief& belief) override
+    void see(const Response& response) { m_belief->answer = std::string(response.getPayload().text()); }
+    void see(const std::vector<RegistryUpdate>& updates)
     {
         for (const RegistryUpdate& update : updates) {
-            const std::string path = update.element->path.toString();
-            belief.claims[path] = claimOf(*update.element);
-            alternate(path, update.updateType == RegistryUpdate::UpdateTypeEnum::ADDED);
+            show(*update.element, update.updateType == RegistryUpdate::UpdateTypeEnum::ADDED);
         }
     }
+
+    void show(const ServiceDef& service, bool isPresent)
+    {
+        m_belief->claims[service.path.toString()] = claimOf(service);
+        alternate(service.path.toString(), isPresent);
+    }
+    void hold(const std::string& path, Client& held, const optional<Client>& client)
+    {
+        alternate(path, client.has_value());
+        m_belief->drop(held);
+        held = client.value_or(nullptr);
+    }
+    void alternate(const std::string& path, bool isPresent)
+    {
+        bool& last = m_belief->present[path];
+        if (last == isPresent) {
+            m_verdict.fail("present and absent take turns",
+                           m_belief->name + ": " + path + (isPresent ? " present twice" : " absent twice"));
+        }
+        last = isPresent;
+    }
+
+    template <class Work>
+    void enter(const Work& work)
+    {
+        change([&] {
+            const auto mustNot = [this](bool isSo, const char* rule) {
+                if (isSo) {
+                    m_verdict.fail(rule, m_belief->name);
+                }
+            };
+            mustNot(m_belief->destroyed, "nothing after the destructor");
+            mustNot(m_belief->terminal, "nothing after a terminal call");
+            mustNot(m_belief->processDead, "nothing in a dead process");
+            mustNot(++m_belief->inCall != 1, "one call at a time");
+            work();
+            --m_belief->inCall;
+        });
+    }
+    template <class Work>
+    void change(const Work& work)
+    {
+        std::vector<Client> dropped;
+        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
+        work();
+        dropped.swap(m_belief->dropped);
+        m_verdict.changed.notifyAll();
+    }
+
+    Verdict& m_verdict;
+    std::shared_ptr<Belief> m_belief;
 };
 
 } // namespace kesa::sim

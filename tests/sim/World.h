@@ -91,13 +91,21 @@ private:
     void startRegistry(Process& process);
     std::string document() const;
     void letGo(Process& process);
+    template <class T>
+    std::unique_ptr<IResponseHandler<T>> observer(std::shared_ptr<Belief> belief)
+    {
+        return std::make_unique<Observer<T>>(*m_verdict, std::move(belief));
+    }
     void add(Process& process, Subscription subscription);
     Client clientOf(const Subscription& subscription);
+    std::pair<std::shared_ptr<Belief>, void*> issue(Process& process, const Client& client, const std::string& resource,
+                                                    const std::string& what);
     std::shared_ptr<Belief> ask(Process& process, const Client& client, const std::string& path);
 
     // expectations.cpp. With the verdict's mutex held.
     using Truth = std::map<std::string, std::shared_ptr<Belief>>; ///< registrations by path; null: any
 
+    std::unique_lock<std::mutex> runUntil(comm::TimeNs simulated, const std::function<bool()>& isTrue);
     std::vector<std::string> differences();
     std::vector<std::string> registryDifferences();
     std::string differenceOf(const Process& process, const Subscription& subscription);

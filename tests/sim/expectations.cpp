@@ -25,16 +25,7 @@ void World::settle()
     for (auto& process : m_processes) {
         resume(*process);
     }
-    std::unique_lock<std::mutex> lock(m_verdict->mutex, std::defer_lock);
-    if (m_scheduler) {
-        m_scheduler->runFor(30 * comm::SECOND);
-        lock.lock();
-    } else {
-        // The truth comes by itself; a minute without it is reported.
-        lock.lock();
-        comm::waitFor(
-            m_verdict->changed, lock, [this] { return differences().empty(); }, comm::now() + 60 * comm::SECOND);
-    }
+    auto lock = runUntil(30 * comm::SECOND, [this] { return differences().empty(); });
     for (const std::string& difference : differences()) {
         m_verdict->fail("everybody believes what is true", difference);
     }
@@ -43,6 +34,20 @@ void World::settle()
     if (!m_verdict->failed()) {
         askAll();
     }
+}
+
+/// Simulated, lets so much time pass. Threads come to what is true by themselves; a minute without it is reported.
+/// Returns with the verdict's mutex held.
+std::unique_lock<std::mutex> World::runUntil(comm::TimeNs simulated, const std::function<bool()>& isTrue)
+{
+    if (m_scheduler) {
+        m_scheduler->runFor(simulated);
+    }
+    std::unique_lock<std::mutex> lock(m_verdict->mutex);
+    if (!m_scheduler) {
+        comm::waitFor(m_verdict->changed, lock, isTrue, comm::now() + 60 * comm::SECOND);
+    }
+    return lock;
 }
 
 std::vector<std::string> World::differences()
@@ -125,29 +130,31 @@ World::Truth World::expectedOf(const Process& process, const Subscription& subsc
 {
     const std::string& target = subscription.target;
     const Truth truth = truthOf(process);
+    const auto found = truth.find(target);
+    const bool isConfigured = !hasRegistry() && isStatic(target);
     Truth expected;
+    const auto expectFrom = [&](const std::string& owner, const std::string& path) {
+        if (const auto service = provided(owner, path)) {
+            expected.emplace("", service);
+        }
+    };
     switch (subscription.kind) {
     case Stream::eTRACK:
-        if (!hasRegistry() && isStatic(target) && ownerOf(target) != process.name) {
-            expected.emplace(target, nullptr); // is there by configuration
-        } else if (const auto found = truth.find(target); found != truth.end()) {
+        if (isConfigured && ownerOf(target) != process.name) {
+            expected.emplace(target, nullptr);
+        } else if (found != truth.end()) {
             expected.insert(*found);
         }
         break;
     case Stream::eRESOLVE: {
         const url locator(target);
-        const std::string owner(locator.authority());
-        if (const auto service = provided(owner, std::string(locator.path()))) {
-            expected.emplace("", service);
-        }
+        expectFrom(std::string(locator.authority()), std::string(locator.path()));
         break;
     }
     case Stream::eTRACK_RESOLVE:
-        if (!hasRegistry() && isStatic(target)) {
-            if (const auto service = provided(ownerOf(target), target)) {
-                expected.emplace("", service);
-            }
-        } else if (const auto found = truth.find(target); found != truth.end()) {
+        if (isConfigured) {
+            expectFrom(ownerOf(target), target);
+        } else if (found != truth.end()) {
             expected.emplace("", found->second);
         }
         break;
@@ -269,13 +276,7 @@ void World::askAll()
         return std::all_of(questions.begin(), questions.end(),
                            [](const Question& question) { return question.answer->terminal; });
     };
-    if (m_scheduler) {
-        m_scheduler->runFor(5 * comm::SECOND);
-    }
-    std::unique_lock<std::mutex> lock(m_verdict->mutex);
-    if (!m_scheduler) {
-        comm::waitFor(m_verdict->changed, lock, isAnswered, comm::now() + 60 * comm::SECOND);
-    }
+    const auto lock = runUntil(5 * comm::SECOND, isAnswered);
     for (const Question& question : questions) {
         // With real threads a connection that was cut may not have been noticed before it was used.
         const bool isLate = !m_scheduler && question.answer->error == 503;
@@ -367,14 +368,7 @@ void World::disposeAll()
             registration.disposable.dispose();
         }
     }
-    if (m_scheduler) {
-        m_scheduler->runFor(30 * comm::SECOND);
-    }
-    std::unique_lock<std::mutex> lock(m_verdict->mutex);
-    if (!m_scheduler) {
-        comm::waitFor(
-            m_verdict->changed, lock, [this] { return isTakenBack(); }, comm::now() + 60 * comm::SECOND);
-    }
+    auto lock = runUntil(30 * comm::SECOND, [this] { return isTakenBack(); });
     for (const auto& process : m_processes) {
         const auto left = [&](const std::string& what) {
             m_verdict->fail("nothing is left when all is disposed", process->name + ": " + what);

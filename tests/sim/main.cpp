@@ -12,58 +12,46 @@
 #include "orders.h"
 
 #include <CLI/CLI.hpp>
-#include <tracing/Sink.h>
+#include <tracing/CapturingSink.h>
 
 #include <cstdio>
+#include <functional>
 #include <mutex>
 
 namespace {
 
 using namespace kesa::sim;
 
-/// Notes which marks the traces reach.
-class MarkSink final : public tracing::ISink {
+/// The marks that no trace has reached yet. Any thread.
+class Marks {
 public:
-    explicit MarkSink(std::vector<std::string_view> names) : m_names(std::move(names)), m_reached(m_names.size()) {}
+    explicit Marks(std::vector<std::string_view> names) : m_missing(std::move(names)) {}
 
-    void write(const tracing::Line& line) override
+    void look(std::string_view text)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        for (std::size_t index = 0; index < m_names.size(); ++index) {
-            if (!m_reached[index] && line.text.find(m_names[index]) != std::string_view::npos) {
-                m_reached[index] = true;
-            }
-        }
+        std::erase_if(m_missing, [text](std::string_view mark) { return text.find(mark) != std::string_view::npos; });
     }
-    std::vector<std::string_view> missing() const
-    {
-        std::vector<std::string_view> names;
-        for (std::size_t index = 0; index < m_names.size(); ++index) {
-            if (!m_reached[index]) {
-                names.push_back(m_names[index]);
-            }
-        }
-        return names;
-    }
+    const std::vector<std::string_view>& missing() const { return m_missing; }
 
 private:
-    const std::vector<std::string_view> m_names;
     std::mutex m_mutex;
-    std::vector<bool> m_reached;
+    std::vector<std::string_view> m_missing;
 };
 
-class PrintSink final : public tracing::ISink {
-public:
-    void write(const tracing::Line& line) override
-    {
-        std::fprintf(stderr, "%d %.*s\n", line.severity, static_cast<int>(line.text.size()), line.text.data());
-    }
-};
+void print(const tracing::Line& line)
+{
+    std::fprintf(stderr, "%d %.*s\n", line.severity, static_cast<int>(line.text.size()), line.text.data());
+}
 
-class NullSink final : public tracing::ISink {
-public:
-    void write(const tracing::Line&) override {}
-};
+/// Where traces go: nothing is kept of them.
+void look(std::function<void(const tracing::Line&)> work)
+{
+    tracing::setSink(std::make_shared<tracing::CapturingSink>([work = std::move(work)](const tracing::Line& line) {
+        work(line);
+        return std::string();
+    }));
+}
 
 /// Prints the failures; their number.
 std::uint64_t report(std::uint64_t seed, const std::vector<std::string>& failures)
@@ -98,26 +86,27 @@ int main(int argc, char** argv)
     app.add_flag("--verbose", verbose, "print every trace");
     CLI11_PARSE(app, argc, argv);
 
-    const auto marks = std::make_shared<MarkSink>(options.registry ? registryMarks() : localMarks());
+    Marks marks(options.registry ? registryMarks() : localMarks());
     const comm::TimeNs begin = comm::now();
     std::uint64_t done = 0;
     std::uint64_t failed = 0;
     tracing::setThreshold("*", 1); // always the same: what only a trace has use for is posted, too
-    tracing::setSink(verbose ? std::shared_ptr<tracing::ISink>(std::make_shared<PrintSink>()) : marks);
+    look([&](const tracing::Line& line) { verbose ? print(line) : marks.look(line.text); });
     for (std::uint64_t seed = from; seed < from + orders; ++seed) {
         failed += report(seed, runOrders(seed));
         failed += report(seed, runManyProcesses(seed));
     }
     while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
         if (done == markSeeds && !verbose) {
-            tracing::setSink(std::make_shared<NullSink>());
+            look([](const tracing::Line&) {});
         }
         options.seed = from + done;
         failed += report(options.seed, Run(options).run());
         ++done;
     }
+    tracing::setSink(nullptr);
     if (!verbose && markSeeds > 0 && done >= markSeeds) {
-        for (const std::string_view name : marks->missing()) {
+        for (const std::string_view name : marks.missing()) {
             std::printf("never reached: %.*s\n", static_cast<int>(name.size()), name.data());
             ++failed;
         }

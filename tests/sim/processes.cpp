@@ -133,7 +133,7 @@ void World::startRegistry(Process& process)
         [this](const Response& error) {
             m_verdict->fail("the registry is registered", Response::getErrorMessageWithCode(error));
         });
-    process.host->registry().queryRegistry(std::make_unique<RegistryObserver>(*m_verdict, process.list),
+    process.host->registry().queryRegistry(observer<std::vector<RegistryUpdate>>(process.list),
                                            serviceregistry::Query("**"));
 }
 

@@ -25,9 +25,8 @@ void World::registerService(Process& process, const Offer& offer)
     auto service = std::make_shared<Service>(*m_verdict, belief, m_names);
     process.services.push_back(service);
     m_claims.push_back({offer.path, process.group, belief});
-    Disposable disposable =
-        process.runtime->registerService(offer.path, service, offer.type, {"1.0.0"}, metainfo,
-                                         std::make_unique<RegistrationObserver>(*m_verdict, belief));
+    Disposable disposable = process.runtime->registerService(offer.path, service, offer.type, {"1.0.0"}, metainfo,
+                                                             observer<ServiceDef>(belief));
     process.registrations.push_back({offer.path, disposable, belief});
 }
 
@@ -49,36 +48,30 @@ void World::subscribe(Process& process, Stream kind, const Query& query)
 
 void World::add(Process& process, Subscription subscription)
 {
+    static constexpr const char* KINDS[] = {"tracking", "query", "resolving", "track and resolve",
+                                            "track and resolve by query"};
     const std::shared_ptr<Belief>& belief = subscription.belief;
+    belief->name = process.name + ' ' + KINDS[static_cast<int>(subscription.kind)] + " #" + std::to_string(++m_names) +
+                   " of " + subscription.target;
     auto& runtime = *process.runtime;
-    const auto named = [&](const char* kind) {
-        belief->name = process.name + " " + kind + " #" + std::to_string(++m_names) + " of " + subscription.target;
-    };
+    Disposable& disposable = subscription.disposable;
     switch (subscription.kind) {
     case Stream::eTRACK:
-        named("tracking");
-        subscription.disposable =
-            runtime.trackService(subscription.target, std::make_unique<TrackingObserver>(*m_verdict, belief));
+        disposable = runtime.trackService(subscription.target, observer<ResourceUpdate<ServiceDef>>(belief));
         break;
     case Stream::eQUERY:
-        named("query");
-        subscription.disposable =
-            runtime.trackServices(subscription.query, std::make_unique<TrackingObserver>(*m_verdict, belief));
+        disposable = runtime.trackServices(subscription.query, observer<ResourceUpdate<ServiceDef>>(belief));
         break;
     case Stream::eRESOLVE:
-        named("resolving");
-        subscription.disposable =
-            runtime.resolveService(url(subscription.target), std::make_unique<ResolvingObserver>(*m_verdict, belief));
+        disposable = runtime.resolveService(url(subscription.target), observer<optional<Client>>(belief));
         break;
     case Stream::eTRACK_RESOLVE:
-        named("track and resolve");
-        subscription.disposable = runtime.trackAndResolveService(
-            subscription.target, std::make_unique<TrackAndResolveObserver>(*m_verdict, belief));
+        disposable = runtime.trackAndResolveService(subscription.target,
+                                                    observer<optional<runtime::v02::ResolveResult<Client>>>(belief));
         break;
     case Stream::eQUERY_RESOLVE:
-        named("track and resolve by query");
-        subscription.disposable = runtime.trackAndResolveServices(
-            subscription.query, std::make_unique<TrackAndResolveQueryObserver>(*m_verdict, belief));
+        disposable = runtime.trackAndResolveServices(subscription.query,
+                                                     observer<runtime::v02::ResolveResult<optional<Client>>>(belief));
         break;
     }
     process.subscriptions.push_back(std::move(subscription));
@@ -112,11 +105,7 @@ bool World::call(Process& process, const Subscription& subscription, bool isCanc
     if (!client) {
         return false;
     }
-    auto belief = std::make_shared<Belief>();
-    belief->name = process.name + " request #" + std::to_string(++m_names);
-    process.answers.push_back(belief);
-    std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<AnswerObserver>(*m_verdict, belief);
-    void* const handle = client->request(Request("retrieve", "/"), std::move(handler));
+    const auto [belief, handle] = issue(process, client, "/", "request");
     if (handle != IKesaApi::UNDEFINED_REQUEST_HANDLE && isCancelled) {
         client->cancel(handle);
         const std::lock_guard<std::mutex> lock(m_verdict->mutex);
@@ -131,12 +120,17 @@ bool World::call(Process& process, const Subscription& subscription, bool isCanc
 /// Which service answers?
 std::shared_ptr<Belief> World::ask(Process& process, const Client& client, const std::string& path)
 {
+    return issue(process, client, Service::WHO, "question to " + path).first;
+}
+
+std::pair<std::shared_ptr<Belief>, void*> World::issue(Process& process, const Client& client,
+                                                       const std::string& resource, const std::string& what)
+{
     auto belief = std::make_shared<Belief>();
-    belief->name = process.name + " question #" + std::to_string(++m_names) + " to " + path;
+    belief->name = process.name + ' ' + what + " #" + std::to_string(++m_names);
     process.answers.push_back(belief);
-    std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<AnswerObserver>(*m_verdict, belief);
-    client->request(Request("retrieve", Service::WHO), std::move(handler));
-    return belief;
+    void* const handle = client->request(Request("retrieve", resource), observer<Response>(belief));
+    return {belief, handle};
 }
 
 } // namespace kesa::sim

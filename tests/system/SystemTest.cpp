@@ -96,6 +96,13 @@ void SystemTest::TearDown()
     }
 }
 
+void SystemTest::expectQuiet(Process& actor)
+{
+    for (const char* const bad : {"refused", "broken", "failed", "not started", "unknown"}) {
+        EXPECT_EQ(actor.findUnexpected(bad), "") << actor.name() << " told this\n" << actor.traces();
+    }
+}
+
 void SystemTest::discard(Process& process)
 {
     check(process);

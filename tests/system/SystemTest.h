@@ -11,6 +11,12 @@
 
 namespace kesa::system_test {
 
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool IS_SANITIZED = true; // with descriptors and memory of its own, and slow
+#else
+inline constexpr bool IS_SANITIZED = false;
+#endif
+
 /// How a process is started.
 struct Options {
     std::string comm = "{}";             ///< the document's "comm"
@@ -45,6 +51,8 @@ protected:
     /// One that also follows its feed.
     Process& startFollower(const std::string& process, const std::string& service, const Options& options = {});
 
+    /// An actor has told nothing bad that nobody waited for.
+    static void expectQuiet(Process& actor);
     /// Ends a process and forgets it, after a look at what it was told.
     void discard(Process& process);
 

@@ -54,30 +54,6 @@ TEST_F(SystemDeath, AKilledProviderIsLostOnceWithItsStreamsAndFoundAgain)
     expectUndisturbed();
 }
 
-TEST_F(SystemDeath, ARowOfDeathsAndRestartsEndsConnected)
-{
-    startBystanders();
-    Process& watcher = start("watcher");
-    watcher.send("resolve " + PLAYER);
-    watcher.send("follow " + PLAYER);
-    for (int round = 0; round < 20; ++round) {
-        Process& provider = launch("media");
-        provider.send("provide /player");
-        if (round % 3 == 1) { // else it dies somewhere on its way up
-            provider.expect("provided /player");
-        } else if (round % 3 == 2) {
-            watcher.expect("connected " + PLAYER);
-        }
-        provider.kill();
-    }
-    startProvider("media", "/player").send("provide /last");
-    watcher.send("resolve ipc://media/last"); // which none of those before had
-    watcher.expect("connected ipc://media/last");
-    watcher.send("call again " + PLAYER + " /echo");
-    watcher.expect("completed again");
-    expectUndisturbed();
-}
-
 TEST_F(SystemDeath, AProviderThatEndsInOrderIsLostTheSameWay)
 {
     Process& provider = startProvider("media", "/player");
@@ -110,13 +86,15 @@ TEST_F(SystemDeath, AProviderThatEndsInOrderIsLostTheSameWay)
     watcher.expect("lost " + PLAYER);
 }
 
-// What the libraries have open is closed in a child that is forked: it does not hold the name, and may not use the
-// rest.
-TEST_F(SystemDeath, AForkedChildHoldsNothingAndMayUseNothing)
+// A program that is started inherits nothing. In a child that is forked, what the libraries have open is closed: it
+// does not hold the name, and may not use the rest.
+TEST_F(SystemDeath, AChildHoldsNothingAndMayUseNothing)
 {
     startBystanders();
     Process& provider = startProvider("media", "/player");
     Process& watcher = startFollower("watcher", PLAYER);
+    provider.send("spawn");
+    EXPECT_EQ(describeDescriptors(std::stoi(provider.expect("spawned"))), std::vector<std::string>());
     provider.send("fork");
     const pid_t child = std::stoi(provider.expect("forked"));
     provider.kill();
@@ -161,15 +139,6 @@ TEST_F(SystemDeath, ADeathIsSeenThoughAChildKeepsTheSocketsOpen)
     watcher.expect("value " + PLAYER + "#2 0");
 
     expectUndisturbed();
-}
-
-TEST_F(SystemDeath, AProgramThatIsStartedInheritsNothing)
-{
-    Process& provider = startProvider("media", "/player");
-    startClient("watcher", PLAYER);
-    provider.send("spawn");
-    const pid_t child = std::stoi(provider.expect("spawned"));
-    EXPECT_EQ(describeDescriptors(child), std::vector<std::string>());
 }
 
 } // namespace

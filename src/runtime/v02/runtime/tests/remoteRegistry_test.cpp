@@ -171,6 +171,10 @@ TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
     EXPECT_THAT(lines, Not(Contains("registration success")));
     EXPECT_THAT(lines, Not(Contains(HasSubstr("r4: error"))));
     EXPECT_TRUE(m_network->isProvided("fake://me/a"));
+    auto keeping = track("/a", "u"); // keeps the entry
+    fourth.dispose();
+    registry->insert("/a").onError(Response::createErrorResponse(409));
+    EXPECT_THAT(traced(1, [] {}), Contains(HasSubstr("[onRegistrationFailed] of an earlier request")));
 }
 
 TEST_F(RemoteRegistryTest, aPathIsTrackedOnceAndLostWithTheRegistry)
@@ -298,6 +302,27 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     registry->query("**").onNext({update(ADDED, "/a")});
     registry->query("**").onNext({});
     EXPECT_THAT(heard(), ElementsAre("q: ADDED /a"));
+
+    // A query that ends before the tracking of its path has answered: nobody knows until then.
+    run();
+    auto doubting = track("/a", "d");
+    subscription.dispose();
+    EXPECT_THAT(heard(), ElementsAre("d: ADDED /a", "q: gone", "d: REMOVED /a"));
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    EXPECT_THAT(heard(), ElementsAre("d: ADDED /a"));
+    doubting.dispose();
+
+    // A tracking that answers with another record than the query had told of: the old one went.
+    subscription = query("**", "q");
+    run();
+    registry->query("**").onNext({update(ADDED, "/a")});
+    auto successor = track("/a", "s");
+    run();
+    m_journal->take();
+    ServiceDef other = foreign("/a");
+    other.versions = {"2.0.0"};
+    registry->track("/a").onNext(update(ADDED, other));
+    EXPECT_THAT(heard(), ElementsAre("s: REMOVED /a", "q: REMOVED /a", "s: ADDED /a", "q: ADDED /a"));
 
     // The record of an entry that only waits for its tracking is the query's: it stays when the tracker goes.
     auto second = track("/b", "u");
