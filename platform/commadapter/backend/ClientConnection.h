@@ -66,6 +66,8 @@ public:
     const Destination& destination() const noexcept { return m_connector->destination(); }
 
 private:
+    static constexpr const char* SHUTTING_DOWN = "shutting down";
+
     struct Stream : StreamEntry {
         Handler handler;
         ClientState* client = nullptr;
@@ -83,7 +85,7 @@ private:
         const char* text;
     };
 
-    // Any thread; with the lock held where one is passed.
+    // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
     bool isRefused(std::size_t size, bool isPersistent);
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
     void* fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status, const char* text);

@@ -32,7 +32,7 @@ public:
     void provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service);
     /// Ends the requests of `target` and tells the client.
     void withdrawn(std::uint32_t target, const ProvidedService& service);
-    // See `IPeer`.
+    // See `IPeer`; in ServerConnection_peer.cpp.
     void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer);
     void whenDrained(std::function<void()> task);
     void disconnect(std::string reason) { cutOff(std::move(reason)); }
@@ -84,6 +84,7 @@ private:
                const Request& request);
     void cancelAtService(std::uint32_t number, const char* text);
     void cancelAll(Target& target, const char* text);
+    // ServerConnection_peer.cpp
     void askNext();
     void awaitSign(const Asker& asker);
     std::vector<Asker>::iterator findAsker(std::uint64_t number);

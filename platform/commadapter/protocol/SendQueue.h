@@ -103,6 +103,7 @@ private:
     void pushLane(Lane& lane);
     /// A lane's message has left or was dropped: what waited with it moves up.
     void advance(Lane& lane);
+    // SendQueue_drop.cpp
     bool dropFromLane(Lane& lane, Kind kind);
     bool dropFromLine(std::uint32_t stream, Kind kind);
     void dropEntry(Entry& entry);

@@ -1,0 +1,351 @@
+// Requests and their answers. A request's number on the wire is its place in one flat table; its handle is a count of
+// all requests with that number in the low bits, so that a handle is found at once and never comes back. Requests that
+// cannot be sent wait in `m_failures` for the loop, which tells their handlers; the low bits of their handles are 0.
+//
+// Which calls run when, and what waits for what, is explained at the head of ClientConnection.cpp.
+
+#include "backend/ClientConnection.h"
+
+#include "backend/Waiter.h"
+#include "backend/channel.h"
+
+#include <kesa/headers.h>
+#include <kesa/responsesemantics.h>
+#include <obr/GlobalErrorHandler.h>
+
+#include <algorithm>
+#include <atomic>
+
+namespace kesa::commadapter {
+
+namespace {
+
+constexpr unsigned STREAM_BITS = 17;
+static_assert(MAX_STREAMS < (1U << STREAM_BITS));
+static_assert(sizeof(void*) == sizeof(std::uint64_t), "a handle is a count");
+
+constexpr const char* NOT_CONNECTED = "the service is not connected";
+constexpr const char* TOO_SLOW = "the service is too slow";
+constexpr const char* TOO_MANY = "too many open requests";
+constexpr const char* TOO_LARGE = "the request is larger than a message may be";
+constexpr const char* NOT_SENDABLE = "the request has text that is not UTF-8, or a header without a form on the wire";
+
+std::uint32_t streamOf(std::uint64_t handle) noexcept
+{
+    return static_cast<std::uint32_t>(handle & ((1U << STREAM_BITS) - 1));
+}
+
+/// Only an explicit wish for one answer makes an answer owed: a persistent stream may be silent for ever.
+bool isSingle(std::string_view semantic)
+{
+    return semantic == responsesemantics::SINGLE_RESPONSE || semantic == responsesemantics::EMPTY_RESPONSE;
+}
+
+} // namespace
+
+// ---- issuing ------------------------------------------------------------------------------------------------------
+
+std::uint64_t ClientConnection::nextHandle(std::uint32_t stream) noexcept
+{
+    static std::atomic<std::uint64_t> count{0};
+    return (count.fetch_add(1, std::memory_order_relaxed) + 1) << STREAM_BITS | stream;
+}
+
+void* ClientConnection::request(ClientState& client, const Request& request, Handler&& handler)
+{
+    if (!handler) {
+        KESA_TRACE(CHANNEL, 3, "[request] '%s' without a handler is not sent", client.path.c_str());
+        return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    }
+    Lock lock(m_lock);
+    if (m_isStopped) {
+        lock.unlock();
+        handler->onError(Response::createErrorResponse(503, SHUTTING_DOWN));
+        return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    }
+    if (!client.isAttached || !isOpen()) {
+        return fail(lock, client, std::move(handler), 503, NOT_CONNECTED);
+    }
+    return send(lock, client, request, std::move(handler));
+}
+
+void* ClientConnection::send(Lock& lock, ClientState& client, const Request& request, Handler&& handler)
+{
+    const auto semantic = request.getHeaders()[headers::RESPONSE_SEMANTIC].stringView();
+    if (isRefused(request.getPayload().size(), semantic == responsesemantics::PERSISTENT_STREAM)) {
+        return fail(lock, client, std::move(handler), 503, TOO_SLOW);
+    }
+    const std::uint32_t number = m_streams.takeAny();
+    if (number == 0) {
+        return fail(lock, client, std::move(handler), 503, TOO_MANY);
+    }
+    const auto sent = machine().request(number, client.target, request);
+    if (sent != protocol::Machine::Sent::eQUEUED) {
+        m_streams.giveBack(number);
+        const bool isTooLarge = sent == protocol::Machine::Sent::eTOO_LARGE;
+        return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400, isTooLarge ? TOO_LARGE : NOT_SENDABLE);
+    }
+    Stream& stream = *m_streams.find(number);
+    stream.handler = std::move(handler);
+    stream.client = &client;
+    stream.handle = nextHandle(number);
+    stream.isOpen = true;
+    stream.isSingle = isSingle(semantic);
+    const std::uint64_t handle = stream.handle;
+    if (stream.isSingle) {
+        stream.issued = comm::now();
+        ++m_openSingles;
+        loop().expectSomething();
+    }
+    m_streams.append(client.open, number);
+    pushOut();
+    return reinterpret_cast<void*>(handle);
+}
+
+/// Many requests at once are the caller's own; only a peer that takes nothing makes them pile up. A persistent stream
+/// is asked for once per connection, so it is never refused on one that goes on to live.
+bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
+{
+    if (!isOverBound(size) && !isProcessOverBound(size)) {
+        return false;
+    }
+    if (isPersistent) {
+        queueBeyondBound();
+        return false;
+    }
+    return isStuck(comm::now()) || isProcessOverBound(size);
+}
+
+/// Hands the error to the loop, which tells it in its turn. When the loop has ended meanwhile, it is told here.
+void* ClientConnection::fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status,
+                             const char* text)
+{
+    struct Telling {
+        Telling(std::shared_ptr<ClientConnection> toTell, std::uint64_t failedHandle)
+            : connection(std::move(toTell)), handle(failedHandle)
+        {}
+        Telling(Telling&&) = default;
+        ~Telling()
+        {
+            if (connection) { // the loop has dropped it
+                const Lock held(connection->m_lock);
+                connection->m_isStopped = true;
+            }
+        }
+        void operator()() { std::exchange(connection, nullptr)->failed(handle); }
+
+        std::shared_ptr<ClientConnection> connection;
+        std::uint64_t handle;
+    };
+    const std::uint64_t handle = nextHandle(0);
+    m_failures.push_back({handle, &client, std::move(handler), status, text});
+    lock.unlock();
+    const auto self = std::static_pointer_cast<ClientConnection>(shared_from_this());
+    loop().post(Telling(self, handle));
+    lock.lock();
+    const Handler untold = m_isStopped ? takeFailed(handle) : nullptr;
+    lock.unlock();
+    if (untold) {
+        untold->onError(Response::createErrorResponse(503, SHUTTING_DOWN));
+        return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    }
+    return reinterpret_cast<void*>(handle);
+}
+
+ClientConnection::Handler ClientConnection::takeFailed(std::uint64_t handle)
+{
+    const auto found = std::lower_bound(m_failures.begin(), m_failures.end(), handle,
+                                        [](const Failure& failure, std::uint64_t h) { return failure.handle < h; });
+    if (found == m_failures.end() || found->handle != handle) {
+        return nullptr;
+    }
+    Handler handler = std::move(found->handler);
+    m_failures.erase(found);
+    return handler;
+}
+
+void ClientConnection::failed(std::uint64_t handle)
+{
+    Lock lock(m_lock);
+    const auto found = std::find_if(m_failures.begin(), m_failures.end(),
+                                    [handle](const Failure& failure) { return failure.handle == handle; });
+    if (found == m_failures.end()) {
+        return;
+    }
+    const Response error = Response::createErrorResponse(found->status, found->text);
+    Handler handler = std::move(found->handler);
+    m_failures.erase(found);
+    run(lock, handle, [&] {
+        handler->onError(error);
+        handler.reset();
+    });
+}
+
+/// Tells the requests of `client` that failed so far.
+void ClientConnection::tellFailed(Lock& lock, const ClientState& client)
+{
+    while (true) {
+        const auto found = std::find_if(m_failures.begin(), m_failures.end(),
+                                        [&client](const Failure& failure) { return failure.client == &client; });
+        if (found == m_failures.end()) {
+            return;
+        }
+        const std::uint64_t handle = found->handle;
+        lock.unlock();
+        failed(handle);
+        lock.lock();
+    }
+}
+
+void ClientConnection::cancel(const ClientState& client, void* handle)
+{
+    const auto wanted = reinterpret_cast<std::uint64_t>(handle);
+    Handler cancelled; // destroyed without the lock
+    Lock lock(m_lock);
+    const std::uint32_t number = streamOf(wanted);
+    Stream* const stream = m_streams.find(number);
+    if (stream != nullptr && stream->handle == wanted && stream->isOpen) {
+        if (m_runningHandle != wanted) {
+            cancelled = std::move(stream->handler);
+        }
+        cancelStream(number);
+    } else if (number == 0) {
+        cancelled = takeFailed(wanted);
+    }
+    waitWhileRunning(lock, client.path, wanted);
+}
+
+/// Its number stays taken until the server ends the stream, or the connection ends.
+void ClientConnection::cancelStream(std::uint32_t number)
+{
+    unlink(number);
+    m_streams.find(number)->isOpen = false;
+    if (!isOpen()) {
+        return;
+    }
+    if (machine().cancel(number) == protocol::Machine::Cancelled::eNEVER_SENT) {
+        m_streams.giveBack(number);
+    }
+    pushOut();
+}
+
+void ClientConnection::waitWhileRunning(Lock& lock, const std::string& path, std::uint64_t handle)
+{
+    if (handle == 0 || m_runningHandle != handle || loop().isCurrent()) {
+        return;
+    }
+    ++m_waiting;
+    waitTracing(
+        m_ended, lock, [this, handle] { return m_runningHandle != handle; }, path);
+    --m_waiting;
+}
+
+void ClientConnection::unlink(std::uint32_t number)
+{
+    const Stream& stream = *m_streams.find(number);
+    m_streams.remove(stream.client->open, number);
+    if (stream.isSingle) {
+        --m_openSingles;
+    }
+}
+
+// ---- answers ------------------------------------------------------------------------------------------------------
+
+/// Calls a handler without the lock, as the one call that `cancel` may have to wait for.
+template <class Call>
+void ClientConnection::run(Lock& lock, std::uint64_t handle, Call&& call)
+{
+    const std::uint64_t outer = std::exchange(m_runningHandle, handle);
+    lock.unlock();
+    call();
+    lock.lock();
+    m_runningHandle = outer;
+    callEnded();
+}
+
+void ClientConnection::callEnded()
+{
+    if (m_waiting > 0) {
+        m_ended.notifyAll();
+    }
+}
+
+void ClientConnection::onNext(std::uint32_t number, Response response)
+{
+    Lock lock(m_lock);
+    const Stream* const stream = m_streams.find(number);
+    if (stream == nullptr || !stream->isOpen) {
+        return; // cancelled, and the server does not know it yet
+    }
+    if (!stream->client->isAttached && stream->client->listener != nullptr) {
+        obr::GlobalErrorHandler::doAssert(false, "stream->client->isAttached", __FILE__, __LINE__, __func__,
+                                          "a value after the disconnect of its client object");
+    }
+    IResponseHandler<Response>* const handler = stream->handler.get();
+    m_runningHandle = stream->handle;
+    lock.unlock();
+    handler->onNext(response);
+    lock.lock();
+    Stream* const after = m_streams.find(number); // the table may have grown meanwhile
+    if (!after->isOpen) {
+        Handler cancelled = std::move(after->handler);
+        lock.unlock();
+        cancelled.reset();
+        lock.lock();
+    }
+    m_runningHandle = 0;
+    callEnded();
+}
+
+void ClientConnection::onError(std::uint32_t number, Response error)
+{
+    endStream(number, &error);
+}
+
+void ClientConnection::onCompleted(std::uint32_t number)
+{
+    endStream(number, nullptr);
+}
+
+void ClientConnection::endStream(std::uint32_t number, const Response* error)
+{
+    Lock lock(m_lock);
+    Stream* const stream = m_streams.find(number);
+    if (stream == nullptr) {
+        return;
+    }
+    if (!stream->isOpen) {
+        m_streams.giveBack(number);
+        return;
+    }
+    unlink(number);
+    Handler handler = std::move(stream->handler);
+    const std::uint64_t handle = stream->handle;
+    m_streams.giveBack(number);
+    run(lock, handle, [&] {
+        if (error != nullptr) {
+            handler->onError(*error);
+        } else {
+            handler->onCompleted();
+        }
+        handler.reset();
+    });
+}
+
+/// Ends the open requests of a client object on this side.
+void ClientConnection::endStreams(Lock& lock, ClientState& client, const Response& error)
+{
+    while (client.open.first != 0) {
+        const std::uint32_t number = client.open.first;
+        Stream& stream = *m_streams.find(number);
+        Handler handler = std::move(stream.handler);
+        const std::uint64_t handle = stream.handle;
+        cancelStream(number);
+        run(lock, handle, [&] {
+            handler->onError(error);
+            handler.reset();
+        });
+    }
+}
+
+} // namespace kesa::commadapter
