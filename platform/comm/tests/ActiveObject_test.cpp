@@ -4,7 +4,6 @@
 
 #include <comm/AtFork.h>
 #include <comm/Scheduler.h>
-#include <comm/onAnyLoop.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -140,14 +139,11 @@ TEST(ActiveObject, ItsThreadHasAShortNameAndTakesNoSignals)
 {
     for (const auto& [name, expected] : std::vector<std::pair<std::string, std::string>>{
              {"KesaRuntimeImpl.m_executor", "kesa-executor"},
-             {"KesaRuntimeImpl.m_updater", "kesa-updater"},
              {"kesa-io", "kesa-io"},
              {"a.very_long_name_of_a_loop", "kesa-very_long_"},
          }) {
         ActiveObject object(name);
         EXPECT_TRUE(runAndWait(object, [&, expected = expected] {
-            ASSERT_NE(currentLoop(), nullptr);
-            EXPECT_EQ(currentLoop()->name, object.name());
             char text[32] = {};
             pthread_getname_np(pthread_self(), text, sizeof text);
             EXPECT_EQ(text, expected);
@@ -157,8 +153,6 @@ TEST(ActiveObject, ItsThreadHasAShortNameAndTakesNoSignals)
                 EXPECT_TRUE(sigismember(&blocked, signal));
             }
         }));
-        EXPECT_EQ(object.name(), name);
-        EXPECT_FALSE(onAnyLoop());
     }
 }
 
@@ -186,9 +180,11 @@ TEST(Fork, AChildMayNotUseTheLoopsOfItsParent)
     const char* const text = "belongs to the parent process";
     auto object = std::make_unique<ActiveObject>("m_loop");
     auto reactor = Scheduler::current().makeReactor("kesa-io");
-    EXPECT_EQ(inChild(text, [&] { return post(*object, [] {}), 0; }), 100);
-    EXPECT_EQ(inChild(text, [&] { return object->stop(), 0; }), 100);
-    EXPECT_EQ(inChild(text, [&] { return reactor->post([] {}), 0; }), 100);
+    const std::function<void()> uses[] = {[&] { post(*object, [] {}); }, [&] { object->stop(); },
+                                          [&] { reactor->post([] {}); }};
+    for (const auto& use : uses) {
+        EXPECT_EQ(inChild(text, [&use] { return use(), 0; }), 100);
+    }
     EXPECT_EQ(inChild(text,
                       [&] {
                           EXPECT_FALSE(object->isCurrentThread());

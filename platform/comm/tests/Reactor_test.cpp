@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
-#include <thread>
 
 using namespace comm;
 using namespace comm::test;
@@ -22,9 +20,7 @@ struct Pair {
     ~Pair()
     {
         ::close(ends[0]);
-        if (ends[1] >= 0) {
-            ::close(ends[1]);
-        }
+        closeOther();
     }
     void send() const { EXPECT_EQ(::write(ends[1], "x", 1), 1); }
     void receive() const
@@ -83,6 +79,7 @@ TEST_F(ReactorTest, TimersRunInTheOrderOfTheirTimesUnlessCancelled)
         loop->startTimer(0, [this] {
             log.emplace_back("past");
             loop->startTimer(0, [this] { log.emplace_back("past again"); });
+            loop->atTurnEnd([this] { log.emplace_back("end of its turn"); });
         });
         loop->startTimer(NEVER, [] { FAIL(); });
         loop->post([this] { log.emplace_back("posted"); });
@@ -91,8 +88,9 @@ TEST_F(ReactorTest, TimersRunInTheOrderOfTheirTimesUnlessCancelled)
     runOn(*loop, [] {}); // a turn more
     loop->stop();
     EXPECT_GE(ranAt, start + 4 * MILLISECOND);
-    // On a busy machine all may be due in one turn, and what a timer starts waits for the next.
-    EXPECT_EQ(std::erase(log, "past again"), 1U);
+    // On a busy machine all may be due in one turn, but what a timer starts waits for the next.
+    EXPECT_LT(std::find(log.begin(), log.end(), "end of its turn"), std::find(log.begin(), log.end(), "past again"));
+    EXPECT_EQ(std::erase(log, "past again") + std::erase(log, "end of its turn"), 2U);
     EXPECT_EQ(std::erase(log, "posted"), 1U);
     EXPECT_EQ(log, (std::vector<std::string>{"past", "early", "late"}));
 }
@@ -172,36 +170,4 @@ TEST_F(ReactorTest, MisuseIsAFailedAssertion)
     EXPECT_THAT(assertions.take(),
                 ElementsAre(HasSubstr("cannot be stopped from inside"), HasSubstr("cannot watch descriptor -1"),
                             HasSubstr("called outside of the loop 'test.m_io'")));
-}
-
-TEST_F(ReactorTest, StandsManyProducersTimersAndWatches)
-{
-    constexpr int PRODUCERS = 3;
-    constexpr int ROUNDS = 300;
-    std::atomic<int> ended{0};
-    std::vector<std::thread> producers;
-    for (int producer = 0; producer < PRODUCERS; ++producer) {
-        producers.emplace_back([&] {
-            for (int i = 0; i < ROUNDS; ++i) {
-                const auto pair = std::make_shared<Pair>();
-                const auto guard = std::shared_ptr<void>(nullptr, [&](void*) { ++ended; });
-                loop->post([this, pair, guard] {
-                    const auto id = std::make_shared<Reactor::Id>(0);
-                    const auto timer = loop->startTimer(now() + 60 * SECOND, [guard] { FAIL(); });
-                    *id = loop->watch(pair->ends[0], Reactor::eREADABLE, [this, pair, id, timer, guard](unsigned) {
-                        pair->receive();
-                        loop->unwatch(*id);
-                        loop->cancelTimer(timer);
-                        loop->atTurnEnd([guard] {});
-                    });
-                });
-                pair->send();
-            }
-        });
-    }
-    for (auto& producer : producers) {
-        producer.join();
-    }
-    loop->stop(); // some were served, others are dropped here
-    EXPECT_EQ(ended, PRODUCERS * ROUNDS);
 }

@@ -12,15 +12,11 @@ TEST(Disposable, CopiesShareOneRun)
 {
     int runs = 0;
     Disposable first([&runs] { ++runs; });
-    Disposable second = first;
-    second.dispose();
-    first.dispose();
+    Disposable(first).dispose();
     first.dispose();
     EXPECT_EQ(runs, 1);
     Disposable().dispose();
-    {
-        const Disposable dropped([&runs] { ++runs; });
-    }
+    static_cast<void>(Disposable([&runs] { ++runs; }));
     EXPECT_EQ(runs, 1) << "destruction does not dispose";
 }
 
@@ -60,8 +56,7 @@ TEST(ScopedDisposable, DisposesAtItsEnd)
         ScopedDisposable moved = std::move(scoped);
         scoped.dispose();
         EXPECT_EQ(runs, 0);
-        ScopedDisposable released(Disposable([&runs] { runs += 10; }));
-        Disposable mine = released.release();
+        Disposable mine = ScopedDisposable(Disposable([&runs] { runs += 10; })).release();
         moved = ScopedDisposable();
         EXPECT_EQ(runs, 1);
         mine.dispose();

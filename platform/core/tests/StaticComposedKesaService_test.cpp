@@ -38,7 +38,7 @@ public:
     {
         m_log.push_back("asked " + request.getPath() + " at " + dispatch);
         if (inAction) {
-            inAction(handler);
+            inAction();
         }
         answers = std::move(handler);
         return reinterpret_cast<void*>(std::uintptr_t{77});
@@ -48,7 +48,7 @@ public:
         m_log.push_back("cancelled " + std::to_string(reinterpret_cast<std::uintptr_t>(handle)));
         answers.reset();
     }
-    std::function<void(std::unique_ptr<IResponseHandler<Response>>&)> inAction;
+    std::function<void()> inAction;
     std::unique_ptr<IResponseHandler<Response>> answers;
 
 private:
@@ -153,7 +153,7 @@ TEST_F(StaticComposed, EndingAnswersEverythingOnce)
 
 TEST_F(StaticComposed, EndingDuringTheActionCancelsAfterIt)
 {
-    resources["/a"]->inAction = [&](auto&) { composed->endOutstandingRequests(); };
+    resources["/a"]->inAction = [&] { composed->endOutstandingRequests(); };
     ask("/a");
     EXPECT_THAT(client, ElementsAre("503", "~"));
     EXPECT_THAT(service, ElementsAre("asked /a at /a", "cancelled 77"));

@@ -1,15 +1,11 @@
 // Requests, responses and payloads: copies never see each other's changes, and arrived headers are decoded once.
 #include <kesa/Payload.h>
 #include <kesa/Request.h>
-#include <kesa/RequestContext.h>
 #include <kesa/Response.h>
-#include <kesa/errors.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/servicecomp.h>
 #include <kesa/tracing.h>
-#include <obr/ErrorOutput.h>
-#include <obr/ErrorStorage.h>
 
 #include <atomic>
 #include <thread>
@@ -105,38 +101,13 @@ TEST(Response, HasAnErrorText)
     EXPECT_EQ(Response::getErrorMessageWithCode(binary), "500");
 }
 
-TEST(Errors, FreeTextsStandAlone)
-{
-    const auto reason = [](int number, auto... arguments) {
-        obr::ErrorStorage::ack();
-        EXPECT_TRUE(obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, number, arguments...));
-        return obr::ErrorStorage::reason();
-    };
-    for (const int number : {7, 12, 18}) {
-        EXPECT_EQ(reason(number, "the text"), "the text");
-    }
-    EXPECT_THAT(reason(16, "x/y"), testing::HasSubstr("'x/y'"));
-    EXPECT_THAT(reason(14, "delete", "/a"), testing::AllOf(testing::HasSubstr("delete"), testing::HasSubstr("/a")));
-    EXPECT_THAT(reason(99, "a", "b"), testing::HasSubstr("99"));
-    obr::ErrorStorage::ack();
-}
-
-TEST(Process, ChoosesFormatsAndKnowsWhoAsks)
+TEST(Process, ChoosesFormats)
 {
     const Request request("retrieve", "/a");
     EXPECT_EQ(servicecomp::mimeTypeFor(request), "application/json");
     servicecomp::overrideMimeTypeFunc([](const Request& asked) { return "for " + asked.getPath(); });
     EXPECT_EQ(servicecomp::mimeTypeFor(request), "for /a");
     servicecomp::overrideMimeTypeFunc(nullptr);
-
-    EXPECT_EQ(RequestContext::current(), nullptr);
-    RequestContext outer, inner;
-    const RequestContext::Scope first(&outer);
-    {
-        const RequestContext::Scope second(&inner);
-        EXPECT_EQ(RequestContext::current(), &inner);
-    }
-    EXPECT_EQ(RequestContext::current(), &outer);
 }
 
 } // namespace

@@ -30,15 +30,11 @@ struct RecordsAtExit {
     }
 } g_recordsAtExit;
 
-std::string joined(int number, const std::string_view* arguments, std::size_t count)
-{
+constexpr ErrorType JOINED("joined", [](int number, const std::string_view* arguments, std::size_t count) {
     std::string result = std::to_string(number);
-    std::for_each(arguments, arguments + count,
-                  [&result](std::string_view each) { result += "," + std::string(each); });
+    std::for_each(arguments, arguments + count, [&](std::string_view each) { result += "," + std::string(each); });
     return result;
-}
-
-constexpr ErrorType JOINED("joined", joined);
+});
 
 TEST(ErrorStorage, theLastErrorWins)
 {
@@ -91,7 +87,6 @@ TEST(UUID, textAndBytes)
     const std::optional<UUID> id = UUID::fromString("01234567-89AB-CDEF-0123-456789abcdef");
     ASSERT_TRUE(id);
     EXPECT_EQ(id->toString(), text);
-    EXPECT_EQ(id->compare(*UUID::fromString(text)), 0);
     EXPECT_GT(id->compare(UUID()), 0);
     for (const std::string_view bad : {std::string_view(), std::string_view(text).substr(1),
                                        std::string_view("0123456789-ab-cdef-0123-456789abcdef"),
@@ -102,26 +97,18 @@ TEST(UUID, textAndBytes)
     }
 }
 
-class Counting final : public Random {
-public:
-    std::uint64_t next() override { return m_next += 0x9e3779b97f4a7c15; }
-
-private:
-    std::uint64_t m_next = 0;
-};
-
 TEST(UUID, generatedOnesComeFromTheSourceAndAreMarkedRandom)
 {
-    Counting counting;
+    struct : Random {
+        std::uint64_t next() override { return last += 0x9e3779b97f4a7c15; }
+        std::uint64_t last = 0;
+    } counting;
     ASSERT_EQ(Random::install(&counting), nullptr);
     const UUID first = UUID::generate();
-    const UUID second = UUID::generate();
-    EXPECT_EQ(Random::install(nullptr), &counting);
-    Counting again;
-    Random::install(&again);
+    EXPECT_NE(UUID::generate(), first);
+    counting.last = 0;
     EXPECT_EQ(UUID::generate(), first);
-    Random::install(nullptr);
-    EXPECT_NE(first, second);
+    EXPECT_EQ(Random::install(nullptr), &counting);
     EXPECT_EQ(first.toString()[14], '4');
     EXPECT_NE(std::string("89ab").find(first.toString()[19]), std::string::npos);
 }

@@ -10,6 +10,7 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -119,19 +120,14 @@ TEST_F(Tracing, writesFilesInWholeEscapedLines)
     obr::ErrorStorage::ack();
 }
 
-/// Lets stderr be something else for its life.
-class Stderr {
-public:
-    explicit Stderr(int descriptor) : m_before(::dup(STDERR_FILENO)) { ::dup2(descriptor, STDERR_FILENO); }
-    ~Stderr()
-    {
-        ::dup2(m_before, STDERR_FILENO);
-        ::close(m_before);
-    }
-
-private:
-    int m_before;
-};
+void withStderr(int descriptor, const std::function<void()>& work)
+{
+    const int before = ::dup(STDERR_FILENO);
+    ::dup2(descriptor, STDERR_FILENO);
+    work();
+    ::dup2(before, STDERR_FILENO);
+    ::close(before);
+}
 
 std::string drained(int descriptor)
 {
@@ -154,23 +150,16 @@ TEST_F(Tracing, survivesReadersThatStopOrDie)
     for (int* const ends : {pipe, sockets}) {
         const auto sink = makeSink("stderr");
         const std::string text(20'000, 'x');
-        {
-            const Stderr redirected(ends[1]);
+        withStderr(ends[1], [&] {
             for (int i = 0; i < 100; ++i) {
                 sink->write({"CH", 3, text});
             }
-        }
+        });
         EXPECT_THAT(drained(ends[0]), HasSubstr(text.substr(0, 1000)));
-        {
-            const Stderr redirected(ends[1]);
-            sink->write({"CH", 3, "again"});
-        }
+        withStderr(ends[1], [&] { sink->write({"CH", 3, "again"}); });
         EXPECT_THAT(drained(ends[0]), testing::ContainsRegex("kesa: [0-9]+ lines lost, .*\n.*again\n$"));
         ::close(ends[0]);
-        {
-            const Stderr redirected(ends[1]);
-            sink->write({"CH", 3, "nobody reads this"});
-        }
+        withStderr(ends[1], [&] { sink->write({"CH", 3, "nobody reads this"}); });
         sigset_t pending;
         ::sigpending(&pending);
         EXPECT_FALSE(::sigismember(&pending, SIGPIPE));
@@ -186,13 +175,12 @@ TEST_F(Tracing, marksSeveritiesForTheJournal)
     struct stat status {};
     ASSERT_EQ(::fstat(pipe[1], &status), 0);
     ::setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
-    {
-        const Stderr redirected(pipe[1]);
+    withStderr(pipe[1], [] {
         const auto sink = makeSink("stderr");
         sink->write({"CH", 4, "a"});
         sink->write({"CH", 1, "b"});
         sink->write({"kesa_DataModel", 2, "{}", 7});
-    }
+    });
     ::unsetenv("JOURNAL_STREAM");
     EXPECT_THAT(drained(pipe[0]), MatchesRegex("<3>[0-9]+ \\[CH\\] a\n<7>[0-9]+ \\[CH\\] b\n<6>\\{\\}\n"));
     ::close(pipe[0]);

@@ -17,15 +17,6 @@ using Strings = std::vector<std::string>;
 using ::tracing::TraceCapture;
 using Urls = std::vector<url>;
 
-TEST(KesaConfigAccessorTest, AnswersFromTheDefaultsWithoutARecord)
-{
-    const KesaConfigAccessor config;
-    EXPECT_EQ(config.getOwnProcessName(), "unknown_process");
-    EXPECT_TRUE(config.isValid());
-    EXPECT_EQ(config.getSerializers("/a"), Strings{"application/json"});
-    EXPECT_EQ(config.getBackends(), Strings{"comm"});
-}
-
 TEST(KesaConfigAccessorTest, FallsBackToTheStar)
 {
     const KesaConfig named("p", R"({"use_registry": true, "node_domain_mapping": {"n": "d", "d": "e"},
@@ -43,12 +34,12 @@ TEST(KesaConfigAccessorTest, FallsBackToTheStar)
     node = "x";
     config.getNodeDomainMapping(node);
     EXPECT_EQ(node, "x");
+    EXPECT_EQ(KesaConfigAccessor().getSerializers("/a"), Strings{"application/json"}) << "without a record";
 }
 
 TEST(KesaConfigAccessorTest, BypassesForTheListedPathsOfThisProcess)
 {
-    const std::string text = R"({"bypass": {"p": ["/a", "/b"], "q": ["/c"]}})";
-    const KesaConfig own("p", text);
+    const KesaConfig own("p", R"({"bypass": {"p": ["/a", "/b"], "q": ["/c"]}})");
     const TraceCapture traces("KESA_RUNTIME_CONFIG", 2);
     EXPECT_TRUE(KesaConfigAccessor(own).useBypass("/b"));
     EXPECT_FALSE(KesaConfigAccessor(own).useBypass("/a/"));
@@ -61,19 +52,15 @@ TEST(MimeType, IsTheFirstKnownFormat)
     const std::string json = "application/json";
     const std::string qelbin = "application/vnd.qelbin";
     EXPECT_EQ(findFormat({"application/vnd.msgpack", qelbin, json}), qelbin);
-    EXPECT_EQ(findFormat({"plain/text"}), json);
     serviceregistry::ServiceDef service;
     EXPECT_EQ(getMimeType(service), json);
-    service.serializationFormats.emplace();
-    EXPECT_EQ(getMimeType(service), json);
-    service.serializationFormats->push_back(qelbin);
+    service.serializationFormats = Strings{qelbin};
     EXPECT_EQ(getMimeType(service), qelbin);
 
     using util::config::Value;
     EXPECT_EQ(getMimeType(Value(qelbin)), qelbin);
     EXPECT_EQ(getMimeType(Value("application/vnd.msgpack")), json);
-    EXPECT_EQ(getMimeType(Value(Value::Array{Value(1), Value("x"), Value(qelbin)})), qelbin);
-    EXPECT_EQ(getMimeType(Value(7)), json);
+    EXPECT_EQ(getMimeType(Value(Value::Array{1, "x", qelbin})), qelbin);
     EXPECT_EQ(getMimeType(Value::getUndefined()), json);
 }
 
@@ -85,11 +72,9 @@ TEST(Document, IsFoundByTheEnvironment)
     const auto write = [&folder](const std::string& name, const std::string& text) {
         std::ofstream(folder + "/" + name) << text;
     };
-    // The member of its name, or the whole.
+    // The member of its name.
     write("kesa.json", R"({"backends": ["comm", "local"], "kesa": {"backends": ["local"]}})");
     EXPECT_EQ(KesaConfig("p").m_backends, Strings{"local"});
-    write("kesa.json", R"({"backends": ["comm", "local"]})");
-    EXPECT_EQ(KesaConfig("p").m_backends, (Strings{"comm", "local"}));
 
     // Versions are declared beside it.
     write("interfaces.json", R"({"pex": {"media/player": ["1.0.0", "1.1.0"]}})");
