@@ -2,8 +2,8 @@
 #define KESA_COMMADAPTER_TESTS_STREAMCHECKERS_H
 
 // The contract of `IBackend`, checked from where its users stand. A `ClientChecker` listens for one client object and
-// makes the handlers of its requests; a `CheckedService` stands where a service stands. What breaks a rule is recorded
-// in `Violations`, by the name of the rule:
+// makes the handlers of its requests; a `CheckedService` stands where a service stands. What breaks a rule fails the
+// test, by the name of the rule:
 //   alternation         connected and disconnected strictly alternate, beginning with connected
 //   error-never         `clientError` is not called
 //   after-release       no listener call after `release` has returned
@@ -16,6 +16,8 @@
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
 
+#include <gtest/gtest.h>
+
 #include <functional>
 #include <map>
 #include <memory>
@@ -25,25 +27,6 @@
 #include <vector>
 
 namespace kesa::commadapter::test {
-
-/// Any thread.
-class Violations {
-public:
-    void add(const std::string& rule, const std::string& what)
-    {
-        const std::lock_guard lock(m_lock);
-        m_found.push_back(rule + ": " + what);
-    }
-    std::vector<std::string> take()
-    {
-        const std::lock_guard lock(m_lock);
-        return std::exchange(m_found, {});
-    }
-
-private:
-    std::mutex m_lock;
-    std::vector<std::string> m_found;
-};
 
 /// How a request has gone so far. Shared by its handler and the test.
 struct Outcome {
@@ -63,39 +46,22 @@ struct Outcome {
 };
 
 class ClientChecker final : public IClientConnectionListener {
-public:
-    ClientChecker(Violations& violations, std::string name)
-        : m_state(std::make_shared<State>(violations, std::move(name)))
-    {}
+    /// With the lock held.
+    template <class Read>
+    auto read(const Read& what) const
+    {
+        const std::lock_guard lock(m_state->lock);
+        return what();
+    }
 
-    void clientConnected() override
-    {
-        {
-            const std::lock_guard lock(m_state->lock);
-            m_state->change(true);
-            for (const auto& outcome : m_state->open) {
-                m_state->expect(outcome->isOver(), "ends-first", "a request is open across connections");
-            }
-            m_state->open.clear();
-            ++m_state->connections;
-        }
-        if (onConnected) {
-            onConnected();
-        }
-    }
-    void clientDisconnected() override
-    {
-        {
-            const std::lock_guard lock(m_state->lock);
-            m_state->change(false);
-        }
-        if (onDisconnected) {
-            onDisconnected();
-        }
-    }
+public:
+    explicit ClientChecker(std::string name) : m_state(std::make_shared<State>(std::move(name))) {}
+
+    void clientConnected() override { change(true); }
+    void clientDisconnected() override { change(false); }
     void clientError(unsigned short code, const std::string& message) override
     {
-        m_state->expect(false, "error-never", (std::to_string(code) + " " + message).c_str());
+        m_state->expect(false, "error-never", std::to_string(code) + " " + message);
     }
 
     /// A handler for the next request, to be issued at once. It may outlive the checker.
@@ -110,55 +76,39 @@ public:
     /// `release` has returned.
     void released()
     {
-        const std::lock_guard lock(m_state->lock);
-        m_state->isReleased = true;
+        read([this] { return m_state->isReleased = true; });
     }
     /// `cancel` of a request has returned.
     void cancelled(Outcome& outcome)
     {
-        const std::lock_guard lock(m_state->lock);
-        outcome.isCancelled = true;
+        read([&outcome] { return outcome.isCancelled = true; });
     }
 
     bool isConnected() const
     {
-        const std::lock_guard lock(m_state->lock);
-        return m_state->isConnected;
+        return read([this] { return m_state->isConnected; });
     }
     /// How often it has connected.
     unsigned connections() const
     {
-        const std::lock_guard lock(m_state->lock);
-        return m_state->connections;
+        return read([this] { return m_state->connections; });
     }
     /// While other threads may change it.
     bool isDestroyed(const Outcome& outcome) const
     {
-        const std::lock_guard lock(m_state->lock);
-        return outcome.isDestroyed;
+        return read([&outcome] { return outcome.isDestroyed; });
     }
 
-    std::function<void()> onConnected;
-    std::function<void()> onDisconnected;
+    std::function<void()> onChange;
 
 private:
     struct State {
-        State(Violations& allViolations, std::string clientName)
-            : violations(allViolations), name(std::move(clientName))
-        {}
-        void change(bool connected)
+        explicit State(std::string clientName) : name(std::move(clientName)) {}
+        void expect(bool holds, const char* rule, const std::string& what) const
         {
-            expect(!isReleased, "after-release", "a listener call");
-            expect(std::exchange(isConnected, connected) != connected, "alternation", "the same twice");
-        }
-        void expect(bool holds, const char* rule, const char* what)
-        {
-            if (!holds) {
-                violations.add(rule, name + ": " + what);
-            }
+            EXPECT_TRUE(holds) << rule << ": " << name << ": " << what;
         }
 
-        Violations& violations;
         const std::string name;
         std::mutex lock;
         bool isConnected = false;
@@ -177,42 +127,61 @@ private:
             const std::lock_guard lock(m_state->lock);
             m_outcome->isDestroyed = true;
         }
-
         bool onNext(const Response& value) override
         {
-            {
-                const std::lock_guard lock(m_state->lock);
-                expectOpen("a value");
+            hear(m_outcome->onValue, [&] {
                 m_state->expect(m_outcome->connection == m_state->connections, "old-value", "a value");
                 m_outcome->values.emplace_back(value.getPayload().text());
-            }
-            if (m_outcome->onValue) {
-                m_outcome->onValue();
-            }
+            });
             return false;
         }
-        void onError(const Response& error) override { end("an error", error.getStatus(), error.getErrorMessage()); }
-        void onCompleted() override { end("completed", 0, {}); }
+        void onError(const Response& error) override
+        {
+            hear(m_outcome->onEnd, [&] {
+                m_outcome->status = error.getStatus();
+                m_outcome->errorText = error.getErrorMessage();
+            });
+        }
+        void onCompleted() override
+        {
+            hear(m_outcome->onEnd, [this] { m_outcome->isCompleted = true; });
+        }
 
     private:
-        void expectOpen(const char* what) { m_state->expect(!m_outcome->isOver(), "one-end", what); }
-        void end(const char* what, int status, std::string text)
+        template <class Note>
+        void hear(const std::function<void()>& then, const Note& note)
         {
             {
                 const std::lock_guard lock(m_state->lock);
-                expectOpen(what);
-                m_outcome->status = status;
-                m_outcome->errorText = std::move(text);
-                m_outcome->isCompleted = status == 0;
+                m_state->expect(!m_outcome->isOver(), "one-end", "a call after the end");
+                note();
             }
-            if (m_outcome->onEnd) {
-                m_outcome->onEnd();
+            if (then) {
+                then();
             }
         }
 
         const std::shared_ptr<State> m_state;
         const std::shared_ptr<Outcome> m_outcome;
     };
+
+    void change(bool isConnected)
+    {
+        {
+            const std::lock_guard lock(m_state->lock);
+            m_state->expect(!m_state->isReleased, "after-release", "a listener call");
+            m_state->expect(std::exchange(m_state->isConnected, isConnected) != isConnected, "alternation", "twice");
+            if (isConnected) {
+                ++m_state->connections;
+                for (const auto& outcome : std::exchange(m_state->open, {})) {
+                    m_state->expect(outcome->isOver(), "ends-first", "a request is open across connections");
+                }
+            }
+        }
+        if (onChange) {
+            onChange();
+        }
+    }
 
     const std::shared_ptr<State> m_state;
 };
@@ -222,37 +191,36 @@ private:
 ///   /drop   drops the handler
 class CheckedService final : public IKesaApi {
 public:
-    CheckedService(Violations& violations, std::string name) : m_violations(violations), m_name(std::move(name)) {}
+    using Kept = std::shared_ptr<IResponseHandler<Response>>;
+
+    explicit CheckedService(std::string name) : m_name(std::move(name)) {}
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
     {
+        Kept mine(std::move(handler)); // dies outside of the lock
         std::unique_lock lock(m_lock);
-        expectProvided("a request");
+        EXPECT_TRUE(!m_isWithdrawn) << "after-unprovide: " << m_name << ": a request";
         auto* const handle = reinterpret_cast<void*>(++m_lastHandle);
         lock.unlock();
         if (onRequest) {
             onRequest(request);
         }
         if (request.getPath() == "/echo") {
-            handler->onNext(Response(200, request.getPayload()));
-            handler->onCompleted();
+            mine->onNext(Response(200, request.getPayload()));
+            mine->onCompleted();
         } else if (request.getPath() != "/drop") {
             lock.lock();
-            m_kept.emplace(handle, std::move(handler));
-            return handle;
+            m_kept.emplace(handle, std::move(mine));
         }
-        handler.reset();
         return handle;
     }
     void cancel(void* handle) override
     {
-        std::map<void*, std::shared_ptr<IResponseHandler<Response>>>::node_type node; // dies outside of the lock
+        std::map<void*, Kept>::node_type node; // dies outside of the lock
         const std::lock_guard lock(m_lock);
-        expectProvided("a cancel");
+        EXPECT_TRUE(!m_isWithdrawn) << "after-unprovide: " << m_name << ": a cancel";
         node = m_kept.extract(handle);
-        if (node.empty()) {
-            m_violations.add("known-cancel", m_name);
-        }
+        EXPECT_FALSE(node.empty()) << "known-cancel: " << m_name;
         ++m_cancels;
     }
     /// `unprovide` has returned.
@@ -262,31 +230,22 @@ public:
         m_isWithdrawn = true;
     }
     /// The requests that are open, in order of arrival.
-    std::vector<std::shared_ptr<IResponseHandler<Response>>> handlers() const
+    std::vector<Kept> handlers() const
     {
         const std::lock_guard lock(m_lock);
-        std::vector<std::shared_ptr<IResponseHandler<Response>>> all;
+        std::vector<Kept> all;
         for (const auto& [handle, kept] : m_kept) {
             all.push_back(kept);
         }
         return all;
     }
-    /// Takes the oldest open request away; null when there is none.
-    std::shared_ptr<IResponseHandler<Response>> take()
+    /// Takes the oldest open request away.
+    Kept take()
     {
         const std::lock_guard lock(m_lock);
-        if (m_kept.empty()) {
-            return nullptr;
-        }
-        auto handler = std::move(m_kept.begin()->second);
-        m_kept.erase(m_kept.begin());
-        return handler;
+        return m_kept.empty() ? nullptr : std::move(m_kept.extract(m_kept.begin()).mapped());
     }
-    std::size_t open() const
-    {
-        const std::lock_guard lock(m_lock);
-        return m_kept.size();
-    }
+    std::size_t open() const { return handlers().size(); }
     unsigned cancels() const
     {
         const std::lock_guard lock(m_lock);
@@ -296,17 +255,9 @@ public:
     std::function<void(const Request&)> onRequest; ///< inside the call, before anything else
 
 private:
-    void expectProvided(const char* what)
-    {
-        if (m_isWithdrawn) {
-            m_violations.add("after-unprovide", m_name + ": " + what);
-        }
-    }
-
-    Violations& m_violations;
     const std::string m_name;
     mutable std::mutex m_lock;
-    std::map<void*, std::shared_ptr<IResponseHandler<Response>>> m_kept;
+    std::map<void*, Kept> m_kept;
     std::uintptr_t m_lastHandle = 0;
     unsigned m_cancels = 0;
     bool m_isWithdrawn = false;

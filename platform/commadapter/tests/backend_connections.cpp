@@ -16,26 +16,18 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-class BackendConnections : public SimulatedBackends {
-protected:
-    static std::size_t count(const std::vector<std::string>& lines, const std::string& part)
-    {
-        return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), [&part](const std::string& line) {
-            return line.find(part) != std::string::npos;
-        }));
-    }
-};
+using BackendConnections = SimulatedBackends;
 
 TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
 {
     auto clientBackend = makeBackend("client");
-    Client client(*clientBackend, violations, "ipc://server/service");
+    Client client(*clientBackend, "ipc://server/service");
     client.start();
     scheduler->runFor(60 * comm::SECOND);
-    EXPECT_EQ(count(traces->take(), "'ipc://server'"), 1U) << "the reason is traced once";
+    EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("'ipc://server'"))) << "the reason is traced once";
 
-    CheckedService other(violations, "other");
-    CheckedService service(violations, "service");
+    CheckedService other("other");
+    CheckedService service("service");
     auto server = makeBackend("server");
     ASSERT_NE(provide(*server, "/other", other), "");
     scheduler->runFor(comm::SECOND);
@@ -48,36 +40,40 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
 TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
 {
     settings.heartbeat = 100 * comm::SECOND;
-    CheckedService service(violations, "service");
+    CheckedService service("service");
     auto server = makeBackend("server");
     const std::string a = provide(*server, "/a", service);
     const std::string b = provide(*server, "/b", service);
     auto clientBackend = makeBackend("client");
-    Client first(*clientBackend, violations, a);
-    Client second(*clientBackend, violations, b);
-    Client third(*clientBackend, violations, a);
-    first.start();
-    second.start();
-    third.start();
+    const auto connect = [&](const std::string& locator) {
+        auto client = std::make_unique<Client>(*clientBackend, locator);
+        client->start();
+        settle();
+        EXPECT_TRUE(client->checker.isConnected());
+        return client;
+    };
+    const auto first = connect(a);
+    const auto second = connect(b);
+    first->release();
     settle();
-    EXPECT_TRUE(first.checker.isConnected() && second.checker.isConnected() && third.checker.isConnected());
-    EXPECT_EQ(network->openStreams(), 2U);
-    first.release();
-    second.release();
+    const auto third = connect(a);
+    EXPECT_EQ(second->checker.connections(), 1U);
+    second->release();
     scheduler->runFor(10 * comm::SECOND);
     EXPECT_EQ(network->openStreams(), 2U);
-    third.release();
+    third->release();
     scheduler->runFor(comm::SECOND);
     EXPECT_EQ(network->openStreams(), 2U);
     scheduler->runFor(3 * comm::SECOND);
     EXPECT_EQ(network->openStreams(), 0U);
 
-    Client last(*clientBackend, violations, a);
-    last.start();
-    settle();
-    last.release(true);
+    connect(a)->release(true);
     settle();
     EXPECT_EQ(network->openStreams(), 0U) << "the service was removed";
+    connect(a)->release();
+    network->cut(1, 2);
+    scheduler->runFor(comm::SECOND);
+    EXPECT_EQ(network->openStreams(), 0U) << "it only lingered";
 }
 
 TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
@@ -92,12 +88,12 @@ TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
     for (const std::string bad : {"", "ipc://p", "ipc://p/a/", "ipc://p/a?q", "ipc://p/a#f", "ipc:///a",
                                   "ipc://p+0123456789abcdef/a", "tcp://h:1/a", "registry", "/registryx", "nonsense"}) {
         EXPECT_FALSE(server->canHandle(url(bad))) << bad;
-        ClientChecker never(violations, bad);
+        ClientChecker never(bad);
         EXPECT_EQ(server->connect(url(bad), &never), nullptr) << bad;
     }
     EXPECT_THAT(traces->take(), Contains(HasSubstr("'/registryx' has no scheme and no route")));
 
-    CheckedService service(violations, "service");
+    CheckedService service("service");
     EXPECT_EQ(provide(*server, "/a b", service), "ipc://server+" + realm + "/a%20b");
     EXPECT_EQ(provide(*server, "/a b", service), "") << "provided already";
     EXPECT_TRUE(server->provideOnLocator(url("ipc://server/a%20b"), &service)) << "the same place";
@@ -105,7 +101,7 @@ TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
     EXPECT_TRUE(server->provideOnLocator(url("ipc://server/a"), nullptr));
     EXPECT_EQ(provide(*server, "/a/", service), "");
     EXPECT_FALSE(server->provideOnLocator(url("/own"), &service));
-    Client client(*server, violations, "ipc://server/elsewhere");
+    Client client(*server, "ipc://server/elsewhere");
     client.start();
     settle();
     EXPECT_TRUE(client.checker.isConnected());
@@ -116,6 +112,29 @@ TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
     server->unprovide(url("/own"));
     settle();
     EXPECT_FALSE(client.checker.isConnected());
+}
+
+TEST_F(BackendConnections, WhatWasSentBeforeTheEndIsHeard)
+{
+    auto clientBackend = makeBackend("client");
+    for (int round = 0; round < 20; ++round) {
+        auto server = makeBackend("server");
+        CheckedService service("service");
+        Client client(*clientBackend, provide(*server, "/service", service));
+        client.start();
+        settle();
+        const auto stream = client.request(retrieve("/stream"));
+        settle();
+        scheduler->pauseGroup(1);
+        EXPECT_FALSE(service.handlers().front()->onNext(value("last")));
+        settle();
+        server->stop();
+        const auto late = client.request(retrieve("/echo")); // is written into a connection that has ended
+        scheduler->continueGroup(1);
+        settle();
+        EXPECT_THAT(stream->values, ElementsAre("last"));
+        EXPECT_TRUE(stream->status == 503 && late->status == 503);
+    }
 }
 
 // ---- liveness -----------------------------------------------------------------------------------------------------
@@ -140,7 +159,9 @@ TEST_F(BackendLiveness, SilentPeerThatOwesNothingIsLeftAlone)
     Request persistent = retrieve("/stream");
     persistent.setHeader("$response-semantic", "persistent-stream");
     client->request(persistent);
+    client->request(single());
     settle();
+    service.handlers().back()->onCompleted();
     scheduler->runFor(2 * comm::SECOND); // the heartbeat finds nothing owed and ends
     scheduler->pauseGroup(1);
     scheduler->runFor(100 * comm::SECOND);
@@ -155,9 +176,9 @@ TEST_F(BackendLiveness, SilentPeerThatOwesAnAnswerIsGivenUp)
     settle();
     scheduler->runFor(20 * comm::SECOND);
     EXPECT_TRUE(client->checker.isConnected()) << "the service is slow, but its process answers pings";
+    client->checker.onChange = [&] { EXPECT_EQ(outcome->status, 503); };
     scheduler->pauseGroup(1);
     EXPECT_LE(timeUntil([&] { return !client->checker.isConnected(); }), 3 * comm::SECOND);
-    EXPECT_EQ(outcome->status, 503);
     EXPECT_THAT(outcome->errorText, HasSubstr("silent"));
     scheduler->continueGroup(1);
     scheduler->runFor(3 * comm::SECOND);
@@ -206,15 +227,20 @@ protected:
     std::vector<std::string> answers;
 };
 
-TEST_F(BackendPeers, WhoAnswersLives)
+TEST_F(BackendPeers, WhoAnswersInTimeLives)
 {
     ask();
     ask();
     EXPECT_THAT(answers, IsEmpty()) << "never inside the call";
     settle();
     EXPECT_THAT(answers, ElementsAre("alive", "alive"));
-    scheduler->runFor(10 * comm::SECOND);
+    scheduler->pauseGroup(2);
+    ask();
+    scheduler->runFor(900 * comm::MILLISECOND);
     EXPECT_THAT(answers, SizeIs(2));
+    scheduler->continueGroup(2);
+    scheduler->runFor(10 * comm::SECOND);
+    EXPECT_THAT(answers, ElementsAre("alive", "alive", "alive"));
     EXPECT_EQ(client->checker.connections(), 1U);
 }
 
@@ -235,15 +261,22 @@ TEST_F(BackendPeers, WhoIsSilentIsDisconnectedBeforeTheAnswer)
     EXPECT_EQ(client->checker.connections(), 2U);
 }
 
-TEST_F(BackendPeers, WhoWasStoppedForLessThanTheTimeLives)
+TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
 {
-    scheduler->pauseGroup(2);
+    transport::MemoryNetwork::Faults faults;
+    faults.draw = [](std::uint64_t bound) { return bound - 1; };
+    faults.longestDelay = 10 * comm::MILLISECOND; // each way
+    network->setFaults(faults);
+    client->request(retrieve("/stream"));
+    ask(16 * comm::MILLISECOND);
+    scheduler->runFor(15 * comm::MILLISECOND);
+    scheduler->pauseGroup(2); // it has answered
     ask();
-    scheduler->runFor(900 * comm::MILLISECOND);
-    EXPECT_THAT(answers, IsEmpty());
-    scheduler->continueGroup(2);
     settle();
-    EXPECT_THAT(answers, ElementsAre("alive"));
+    EXPECT_THAT(answers, ElementsAre("alive")) << "something else was heard in time";
+    EXPECT_GE(timeToAnswers(2), 900 * comm::MILLISECOND);
+    EXPECT_THAT(answers, ElementsAre("alive", "dead, cancels: 2"));
+    scheduler->continueGroup(2);
 }
 
 TEST_F(BackendPeers, WhoseProcessHasEndedIsDeadAtOnce)

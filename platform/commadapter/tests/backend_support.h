@@ -30,8 +30,8 @@ inline Response value(std::string text)
 /// A client object with its checker. Released at its end.
 class Client {
 public:
-    Client(IBackend& backend, Violations& violations, const std::string& locator)
-        : checker(violations, locator), m_backend(&backend), m_api(backend.connect(url(locator), &checker))
+    Client(IBackend& backend, const std::string& locator)
+        : checker(locator), m_backend(&backend), m_api(backend.connect(url(locator), &checker))
     {}
     ~Client() { release(); }
     Client(const Client&) = delete;
@@ -79,7 +79,6 @@ protected:
     SimulatedBackends() { use(1); }
     ~SimulatedBackends() override
     {
-        EXPECT_THAT(violations.take(), testing::IsEmpty());
         network.reset();
         comm::Scheduler::install(nullptr);
         ::tracing::setSink(nullptr);
@@ -133,7 +132,6 @@ protected:
     }
 
     CommSettings settings;
-    Violations violations;
     std::shared_ptr<::tracing::CapturingSink> traces = std::make_shared<::tracing::CapturingSink>("KESA_COMM");
     std::unique_ptr<comm::SimulatedScheduler> scheduler;
     std::unique_ptr<transport::MemoryNetwork> network;
@@ -147,12 +145,12 @@ protected:
     {
         server = makeBackend("server");
         clientBackend = makeBackend("client");
-        client = std::make_unique<Client>(*clientBackend, violations, provide(*server, "/service", service));
+        client = std::make_unique<Client>(*clientBackend, provide(*server, "/service", service));
         client->start();
         settle();
     }
 
-    CheckedService service{violations, "service"};
+    CheckedService service{"service"};
     std::unique_ptr<IBackend> server;
     std::unique_ptr<IBackend> clientBackend;
     std::unique_ptr<Client> client;

@@ -92,16 +92,12 @@ TEST(ProtocolBounds, theFirstMessageIsHelloAndOnlyTheFirst)
 {
     const auto server = Machine::Role::eSERVER;
     EXPECT_EQ(reasonOf(server, frame(10, 0, 0, 0)), "first message is of kind 10, not hello");
-    EXPECT_EQ(reasonOf(server, frame(77, 2, 0, 0)), "first message is of kind 77, not hello");
     EXPECT_EQ(reasonOf(server, joined({hello(), hello()})), "second hello");
     EXPECT_EQ(reasonOf(server, hello({16, 2, 17, 9})),
               "no common protocol version: this side speaks 1 to 1, the peer 2 to 9");
-    EXPECT_EQ(reasonOf(server, hello({17, 0})), "no common protocol version: this side speaks 1 to 1, the peer 0 to 0");
     EXPECT_EQ(reasonOf(server, hello({16, 0, 17, 9})), "") << "the highest common one is 1";
     EXPECT_EQ(reasonOf(server, frame(1, 0, 0, 0)), "broken head of hello: it ends inside a value");
     EXPECT_EQ(reasonOf(server, hello({16, 0x61, 'a'})), "broken head of hello: a value is not a number in its range");
-    EXPECT_EQ(reasonOf(server, hello({17, 0x1A, 0, 1, 0, 0})),
-              "broken head of hello: a value is not a number in its range");
     EXPECT_EQ(reasonOf(server, hello({20, 0x41, 0})), "broken head of hello: the instance is not 16 bytes");
     EXPECT_EQ(reasonOf(server, hello({21, 1})), "broken head of hello: the listeners are not an array");
 }
@@ -111,33 +107,21 @@ TEST(ProtocolBounds, rolesNumbersAndParts)
     const Bytes path = {0xBF, 1, 0x62, '/', 'a', 0xFF};
     expectReasons(Machine::Role::eSERVER, {
                                               {frame(3, 0, 0, 1), "attached from a client"},
-                                              {frame(6, 0, 1, 200), "next from a client"},
-                                              {frame(7, 0, 1, 200), "error from a client"},
-                                              {frame(8, 0, 1, 0), "completed from a client"},
                                               {frame(2, 0, 3, 1, path), "attach with stream 3"},
-                                              {frame(2, 0, 0, 0, path), "attach without a target"},
                                               {frame(2, 0, 0, 1, path, 1), "attach with a body"},
                                               {frame(2, 1, 0, 1, path), "attach in fragments"},
                                               {frame(2, 0, 0, 1), "attach of a path of 0 bytes"},
                                               {frame(4, 0, 0, 0), "detached without a target"},
-                                              {frame(4, 0, 0, 1, path), "detached with a head"},
                                               {frame(5, 0, 0, 1), "request without a stream"},
-                                              {frame(5, 0, 1, 0), "request without a target"},
-                                              {frame(9, 0, 0, 0), "cancel without a stream"},
                                               {frame(9, 0, 1, 1), "cancel with target 1"},
-                                              {frame(10, 0, 1, 0), "ping with stream 1"},
                                               {frame(12, 0, 0, 0), "unknown kind 12"},
-                                              {frame(0, 0, 0, 0), "unknown kind 0"},
                                               {frame(10, 4, 0, 0), "unknown flags 0x04"},
                                               {claim(65537, 0), "frame of 65537 bytes, more than 65536"},
-                                              {claim(UINT32_MAX, 0), "frame of 4294967295 bytes, more than 65536"},
                                               {claim(10, 11), "head of 11 bytes in a frame of 10"},
                                               {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
                                           });
     expectReasons(Machine::Role::eCLIENT, {
-                                              {frame(2, 0, 0, 1, path), "attach from a server"},
                                               {frame(5, 0, 1, 1), "request from a server"},
-                                              {frame(9, 0, 1, 0), "cancel from a server"},
                                               {frame(6, 0, 1, 65536), "next with status 65536"},
                                               {frame(8, 0, 1, 200), "completed with target 200"},
                                           });
@@ -158,29 +142,22 @@ TEST(ProtocolBounds, brokenHeads)
     deep.resize(66, 0xFF);
     const std::vector<std::pair<Bytes, std::string>> heads = {
         {{0x80}, "it is not a map"},
-        {{0xBF}, "it ends inside a value"},
         {{0xA1, 0, 0, 0}, "bytes follow the map"},
         {{0xBF, 0, 4, 0xFF}, "a word has an unknown number"},
         {{0xBF, 0, 0, 0, 1, 0xFF}, "a member stands twice"},
-        {{0xBF, 1, 0x41, 'a', 0xFF}, "a value is not text"},
         {{0xBF, 1, 0x61, 0xFF, 0xFF}, "text is not UTF-8"},
         {{0xBF, 1, 0x7B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "it ends inside a value"},
         {{0xBF, 1, 0x7F, 0x61, 'a', 0xFF, 0xFF}, "indefinite length of a wrong item"},
         {{0xBF, 0x20, 1, 0xFF}, "a key is neither a number nor text"},
         {{0xBF, 0x61, 'k', 0xA1, 1, 1, 0xFF}, "key of an inner map is not text"},
-        {{0xBF, 0x61, 'k', 0x9B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF},
-         "indefinite length of a wrong item"},
         {{0xBF, 0x61, 'k', 0x3B, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF}, "integer out of range"},
         {{0xBF, 0x61, 'k', 0xF7, 0xFF}, "unknown simple value"},
-        {{0xBF, 0x61, 'k', 0x1C, 0xFF}, "reserved item"},
         {joined({{0xBF, 0x61, 'k'}, deep, {0xFF}}), "nested too deeply"},
     };
     for (const auto& [head, why] : heads) {
         EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})),
                   "broken head of request: " + why);
     }
-    EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {0xBF, 3, 1, 0xFF})})),
-              "request of one frame declares a body size");
     // Of a later version, tagged, or of a form this side has no value for: read over.
     const Bytes odd = {0xBF, 14, 0x9F, 1, 0xFF, 0x18, 99, 0xF6, 0xC1, 1, 0xC1, 0x61, 'p', 0x61, 'b', 0x41, 0, 0xFF};
     Pair pair;
@@ -204,6 +181,8 @@ TEST(ProtocolBounds, fragmentsAreFullCountedAndOfOneMessage)
             {firstFragment(1, 10), "fragments of stream 1 do not make the 10 bytes declared"},
             {joined({first, frame(5, 0, 1, 1, {}, 10)}), shortfall},
             {joined({first, next, next, next}), shortfall},
+            {joined({firstFragment(1, 2 * FRAME_BYTES - 8), next}),
+             "fragments of stream 1 do not make the 131064 bytes declared"},
             {joined({first, cancel}), "cancel" + between},
             {joined({first, plain}), "request" + between},
             {joined({first, frame(5, FLAG_MORE, 1, 2, {}, FRAME_BYTES)}), "request" + between},

@@ -149,7 +149,7 @@ TEST(ProtocolQueue, largeMessagesTakeTurnsAndStarveNobody)
 {
     Pair pair;
     for (std::uint32_t stream = 1; stream <= 40; ++stream) { // more than go on at once
-        ASSERT_EQ(pair.server.next(stream, Response(200, large(stream == 1 ? 2000000 : 150000))),
+        ASSERT_EQ(pair.server.next(stream, Response(200, large(stream == 1 ? 1000000 : 100000))),
                   Machine::Sent::eQUEUED);
     }
     // A steady flow of small ones neither stops the large ones nor is stopped by them.
@@ -159,7 +159,7 @@ TEST(ProtocolQueue, largeMessagesTakeTurnsAndStarveNobody)
             ASSERT_EQ(pair.server.next(100, Response(200, large(40000))), Machine::Sent::eQUEUED);
             ++small;
         }
-        ASSERT_FALSE(feed(pair.client, take(pair.server, 100000))) << pair.client.reason();
+        ASSERT_FALSE(feed(pair.client, take(pair.server, 40000))) << pair.client.reason();
     }
     const auto& lines = pair.atClient.lines;
     const auto at = [&](std::uint32_t stream) {
@@ -192,6 +192,25 @@ TEST(ProtocolQueue, aRequestThatHasNotBegunIsTakenBack)
         EXPECT_EQ(linesOf(pair.atServer.lines, 3).size(), 1U);
         EXPECT_EQ(pair.client.cancel(3), Machine::Cancelled::eASKED) << "it has left";
     }
+}
+
+TEST(ProtocolQueue, whatStandsAmongManyThatWereTakenBackIsSentWhole)
+{
+    Pair pair;
+    const Request request("update", "/", large(5000));
+    std::vector<std::string> left;
+    for (std::uint32_t stream = 1; stream <= 3000; ++stream) {
+        ASSERT_EQ(pair.client.request(stream, 1, request), Machine::Sent::eQUEUED);
+    }
+    for (std::uint32_t stream = 1; stream <= 3000; ++stream) {
+        if (stream > 2500 || stream % 100 == 0) {
+            left.push_back(describe(stream, 1, request));
+        } else {
+            ASSERT_EQ(pair.client.cancel(stream), Machine::Cancelled::eNEVER_SENT);
+        }
+    }
+    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+    EXPECT_EQ(pair.atServer.lines, left);
 }
 
 TEST(ProtocolQueue, manySmallMessagesLeaveInOnePiece)
