@@ -153,6 +153,7 @@ protected:
         if (draw(2) == 0 && !m_watchers.empty()) {
             const auto leaving = std::next(m_watchers.begin(), static_cast<std::ptrdiff_t>(draw(m_watchers.size())));
             m_store.end(leaving->first);
+            m_store.end(leaving->first); // unknown by now
             m_watchers.erase(leaving);
         } else if (!m_registrations.empty()) {
             const auto leaving =

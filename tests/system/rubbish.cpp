@@ -17,15 +17,6 @@ protected:
 
     Process& provider() { return m_provider; }
     RawPeer connect() { return {runDirectory(), "media"}; }
-    /// That has said hello, and attached the path as target 1.
-    RawPeer attach()
-    {
-        RawPeer peer = connect();
-        peer.send(wire::hello() + wire::attach(1, "/player"));
-        const auto answer = peer.receive();
-        EXPECT_TRUE(answer.kind == wire::eATTACHED && answer.target == 1);
-        return peer;
-    }
     void expectMemoryBelow(std::size_t kibBefore, std::size_t moreMiB)
     {
         expectUndisturbed();
@@ -42,14 +33,11 @@ private:
 TEST_F(SystemRubbish, BrokenFramesEndTheirConnectionWithAReason)
 {
     const std::string hello = wire::hello();
-    const std::string attached = hello + wire::attach(1, "/player");
     // One of each part that judges what arrives; the protocol's own tests have the others.
     const std::pair<std::string, const char*> all[] = {
         {"GET /player HTTP/1.1\r\nHost: media\r\n\r\n", "frame of 542393671 bytes, more than 65536"},
         {wire::frame(wire::eATTACH, 0, 1, "\xbf\xff"), "first message is of kind 2, not hello"},
-        {attached + wire::attach(1, "/player"), "target 1 is in use"},
-        {attached + wire::request(1, 1, "/hang") + wire::request(1, 1, "/hang"), "request number in use"},
-        {attached + wire::frame(wire::eREQUEST, 1, 1, std::string(40, '\x9f')), "broken head of request"},
+        {hello + wire::frame(wire::eREQUEST, 1, 1, std::string(40, '\x9f')), "broken head of request"},
     };
     for (const auto& [bytes, reason] : all) {
         SCOPED_TRACE(reason);
@@ -66,12 +54,9 @@ TEST_F(SystemRubbish, HalfAHelloAndSilenceIsEndedAfterThreeSeconds)
     RawPeer silent = connect();
     RawPeer halfway = connect();
     halfway.send(wire::hello().substr(0, 20));
-    RawPeer patient = attach();
     silent.awaitClosed();
     halfway.awaitClosed();
     provider().expectTrace("no hello within 3000 ms");
-    patient.send(wire::request(1, 1, "/echo"));
-    EXPECT_EQ(patient.receive().kind, wire::eNEXT);
     expectUndisturbed();
 }
 
@@ -84,7 +69,6 @@ TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
             RawPeer peer = connect();
             peer.send(count % 3 == 0 ? std::string() : wire::hello() + wire::attach(1, "/player"));
         }
-        attach().send(wire::request(1, 1, "/feed"));
         expectUndisturbed();
         if (round == 1) {
             before = provider().residentKiB(); // once the allocator has what it needs
@@ -96,38 +80,6 @@ TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
         expectUndisturbed();
     }
     EXPECT_EQ(provider().openDescriptors(), descriptors);
-}
-
-TEST_F(SystemRubbish, ManyAttachesAndRequestsAreCountedAndForgotten)
-{
-    constexpr std::uint32_t MANY = 10000;
-    std::size_t before = 0;
-    for (int round = 0; round < 4; ++round) {
-        RawPeer peer = attach();
-        std::string bytes;
-        for (std::uint32_t number = 2; number < MANY; ++number) {
-            bytes += wire::attach(number, "/path/" + std::to_string(number)) + wire::request(number, 1, "/hang");
-        }
-        bytes += wire::frame(wire::ePING, 0, 0);
-        peer.send(bytes);
-        EXPECT_EQ(peer.receive().kind, wire::ePONG);
-        peer.close();
-        expectUndisturbed();
-        if (round == 1) {
-            before = provider().residentKiB();
-        }
-    }
-    expectMemoryBelow(before, 24);
-
-    std::string bytes;
-    for (std::uint32_t number = 2; number <= 65537; ++number) {
-        bytes += wire::attach(number, "/path");
-    }
-    RawPeer greedy = attach();
-    greedy.send(bytes);
-    greedy.awaitClosed();
-    provider().expectTrace("too many paths");
-    expectUndisturbed();
 }
 
 // It asks and asks, and never takes an answer.
@@ -142,7 +94,8 @@ TEST_F(SystemRubbish, APeerThatTakesNoAnswersIsCutOff)
                     wire::request(number, number, "/nothing");
     }
     for (const std::string& batch : {echoes, attaches}) {
-        RawPeer peer = attach();
+        RawPeer peer = connect();
+        peer.send(wire::hello());
         constexpr std::size_t BYTES = std::size_t{64} << 20U;
         bool isCutOff = false;
         for (std::size_t sent = 0; sent < BYTES && !isCutOff; sent += batch.size()) {

@@ -1,4 +1,4 @@
-// Proxies shared per locator, news carried onto the executor, and services kept for as long as a backend may call them.
+// Errors kept for those who join a proxy, and services kept for as long as a backend may call them.
 #include "RuntimeFixture.h"
 
 #include <comm/Condition.h>
@@ -20,19 +20,10 @@ protected:
         onExecutor([&] { m_list->startup("me", names, "local", m_executor); });
     }
     void onExecutor(const std::function<void()>& work) { ASSERT_TRUE(comm::runAndWait(*m_executor, work)); }
-    /// Opens a proxy; its handle.
-    const void* open(const std::string& locator, const std::string& name, bool failed = false)
+    void open(const std::string& locator, const std::string& name, bool failed = false)
     {
-        auto handler = this->handler<ProxyState>(name);
-        const void* const handle = handler.get();
-        onExecutor([&] { EXPECT_EQ(m_list->openProxy(url(locator), std::move(handler)), failed); });
-        return handle;
+        onExecutor([&] { EXPECT_EQ(m_list->openProxy(url(locator), handler<ProxyState>(name)), failed); });
     }
-    void free(const std::string& locator, const void* handle)
-    {
-        onExecutor([&] { m_list->freeProxy(url(locator), handle, false); });
-    }
-
     std::shared_ptr<comm::ActiveObject> m_executor = std::make_shared<comm::ActiveObject>("executor");
     std::unique_ptr<BackendList> m_list = std::make_unique<BackendList>();
 };
@@ -47,38 +38,6 @@ TEST_F(BackendListTest, startsWhatItKnowsOnce)
     EXPECT_THAT(m_network->calls(), ElementsAre("start me", "start me"));
     startup({"comm"});
     EXPECT_THAT(m_assertions->take(), ElementsAre("m_backends.size() == 0, startup, "));
-}
-
-TEST_F(BackendListTest, sharesOneConnectionPerLocator)
-{
-    startup({"comm"});
-    m_network->calls();
-    const void* const a = open("fake://x/s", "a");
-    const void* const b = open("fake://x/s", "b");
-    EXPECT_THAT(happened(), IsEmpty());
-    m_network->connected("fake://x/s");
-    EXPECT_THAT(happened(), ElementsAre("a: connected", "b: connected"));
-    const void* const late = open("fake://x/s", "late");
-    EXPECT_THAT(happened(), ElementsAre("late: connected"));
-    free("fake://x/s", nullptr); // unknown: nobody goes
-    free("fake://x/s", b);
-    free("fake://x/s", a);
-    EXPECT_THAT(happened(), ElementsAre("b: gone", "a: gone"));
-    EXPECT_THAT(m_network->calls(), ElementsAre("connect fake://x/s"));
-
-    // News that are queued when the last user goes reach nobody.
-    EXPECT_THAT(traced(2,
-                       [&] {
-                           onExecutor([&] {
-                               m_network->disconnected("fake://x/s");
-                               m_network->connected("fake://x/s");
-                               m_list->freeProxy(url("fake://x/s"), late, true);
-                           });
-                       }),
-                Contains("2 clientConnected: MyClientConnectionListener already dead"));
-    EXPECT_THAT(m_network->calls(), ElementsAre("release fake://x/s removed"));
-    EXPECT_THAT(traced(4, [&] { free("fake://x/s", late); }),
-                ElementsAre("4 [BackendList::freeProxy] can not find a listener"));
 }
 
 TEST_F(BackendListTest, keepsAnErrorForThoseWhoJoin)

@@ -9,43 +9,31 @@
 namespace kesa::serviceregistry {
 namespace {
 
-TEST(Enumerations, HaveExactNames)
+template <class Enum, class ToValue, class FromValue>
+void expectNames(const std::vector<std::string>& names, ToValue toValue, FromValue fromValue)
 {
-    const std::vector<std::string> types = {"pex", "lomo", "gateway", "registry"};
-    for (std::size_t i = 0; i < types.size(); ++i) {
-        EXPECT_EQ(ServiceDef::enumToValue(static_cast<ServiceDef::TypeEnum>(i)), types[i]);
-        EXPECT_EQ(ServiceDef::valueToTypeEnum(types[i]), static_cast<ServiceDef::TypeEnum>(i));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        EXPECT_EQ(toValue(static_cast<Enum>(i)), names[i]);
+        EXPECT_EQ(fromValue(names[i]), static_cast<Enum>(i));
+        EXPECT_FALSE(fromValue(names[i] + " ") || fromValue(names[i].substr(1)));
     }
-    const std::vector<std::string> updates = {"ADDED", "MODIFIED", "REMOVED"};
-    for (std::size_t i = 0; i < updates.size(); ++i) {
-        EXPECT_EQ(RegistryUpdate::enumToValue(static_cast<RegistryUpdate::UpdateTypeEnum>(i)), updates[i]);
-        EXPECT_EQ(RegistryUpdate::valueToUpdateTypeEnum(updates[i]), static_cast<RegistryUpdate::UpdateTypeEnum>(i));
-    }
-    const std::vector<std::string> keys = {"description", "external",        "is_dynamic", "locators",
-                                           "provider",    "servicecategory", "type",       "versions"};
-    for (std::size_t i = 0; i < keys.size(); ++i) {
-        EXPECT_EQ(enumToValue(static_cast<MetainfoKeys>(i)), keys[i]);
-        EXPECT_EQ(valueToMetainfoKeys(keys[i]), static_cast<MetainfoKeys>(i));
-    }
+    EXPECT_FALSE(toValue(static_cast<Enum>(names.size())) || fromValue(""));
 }
 
-TEST(Enumerations, RefuseWhatIsNotInTheTable)
+TEST(Enumerations, HaveExactNames)
 {
-    std::string text = "kept";
-    EXPECT_TRUE(ServiceDef::enumToValue(static_cast<ServiceDef::TypeEnum>(4), text));
-    EXPECT_TRUE(RegistryUpdate::enumToValue(static_cast<RegistryUpdate::UpdateTypeEnum>(3), text));
-    EXPECT_TRUE(enumToValue(static_cast<MetainfoKeys>(8), text));
-    EXPECT_EQ(text, "kept");
-
-    auto type = ServiceDef::TypeEnum::gateway;
-    for (const char* const wrong : {"Registry", "pex ", "pe", ""}) {
-        EXPECT_TRUE(ServiceDef::valueToEnum(wrong, type)) << wrong;
-    }
-    EXPECT_EQ(type, ServiceDef::TypeEnum::gateway);
-    EXPECT_FALSE(RegistryUpdate::valueToUpdateTypeEnum("added"));
-    for (const char* const wrong : {"", "service", "servicecategory2", "zzz", "Type"}) {
-        EXPECT_FALSE(valueToMetainfoKeys(wrong)) << wrong;
-    }
+    using Type = ServiceDef::TypeEnum;
+    using Update = RegistryUpdate::UpdateTypeEnum;
+    expectNames<Type>(
+        {"pex", "lomo", "gateway", "registry"}, [](Type type) { return ServiceDef::enumToValue(type); },
+        [](const std::string& text) { return ServiceDef::valueToTypeEnum(text); });
+    expectNames<Update>(
+        {"ADDED", "MODIFIED", "REMOVED"}, [](Update type) { return RegistryUpdate::enumToValue(type); },
+        [](const std::string& text) { return RegistryUpdate::valueToUpdateTypeEnum(text); });
+    expectNames<MetainfoKeys>(
+        {"description", "external", "is_dynamic", "locators", "provider", "servicecategory", "type", "versions"},
+        [](MetainfoKeys key) { return enumToValue(key); },
+        [](const std::string& text) { return valueToMetainfoKeys(text); });
 }
 
 ServiceDef example()
