@@ -12,7 +12,6 @@ constexpr unsigned PROCESSES = 3; // besides the registry's
 const std::vector<std::string> PATTERNS = {"**", "/s/*", "/d/**", "/s/{a,c}", "/nowhere/*", MALFORMED_PATTERN};
 const std::vector<std::string> REGISTRY_PATTERNS = {"**",   "/d/*",       "/d/[ab]",        "/*/b",
                                                     "/d/c", "/nowhere/*", MALFORMED_PATTERN};
-const std::vector<std::string> COLOURS = {"red", "blue"};
 
 } // namespace
 
@@ -102,26 +101,6 @@ void Run::advance()
         for (std::uint64_t count = draw(40); count > 0; --count) {
             scheduler->step();
         }
-    }
-}
-
-/// Gone and back at once, and it does again what it did first.
-void Run::restart(Process& process)
-{
-    std::vector<std::string> paths;
-    for (const Registration& registration : process.registrations) {
-        if (m_world.isInForce(registration)) {
-            paths.push_back(registration.path);
-        }
-    }
-    if (process.isRegistry && oneIn(2)) {
-        m_world.end(process);
-    } else {
-        m_world.kill(process);
-    }
-    m_world.start(process);
-    for (const std::string& path : paths) {
-        m_world.registerService(process, {path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
     }
 }
 
@@ -283,137 +262,6 @@ void Run::disposeAgain(Process& process)
     for (auto& subscription : process.subscriptions) {
         if (subscription.disposed) {
             subscription.disposable.dispose();
-        }
-    }
-}
-
-/// The same path with another record, at once.
-void Run::change(Process& process)
-{
-    for (std::size_t index = process.registrations.size(); index > 0; --index) {
-        Registration& registration = process.registrations[index - 1];
-        if (m_world.isInForce(registration)) {
-            registration.disposable.dispose();
-            m_world.registerService(process,
-                                    {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
-            return;
-        }
-    }
-}
-
-/// Whoever watches the path by query begins to track it and ends the query, while the path goes from one process to
-/// another.
-void Run::followClosely(Process& process)
-{
-    Process& watcher = *pick(m_world.processes());
-    Process& next = *pick(m_world.processes());
-    std::vector<std::string> paths;
-    for (const Registration& registration : process.registrations) {
-        if (m_world.isInForce(registration)) {
-            paths.push_back(registration.path);
-        }
-    }
-    if (paths.empty() || &watcher == &process || !watcher.isRunning() || watcher.isRegistry) {
-        return;
-    }
-    const std::string path = pick(paths);
-    const auto track = [&] { m_world.subscribe(watcher, oneIn(2) ? Stream::eTRACK : Stream::eTRACK_RESOLVE, path); };
-    const auto leave = [&] {
-        for (Subscription& subscription : watcher.subscriptions) {
-            if (subscription.isQuery() && !oneIn(4)) {
-                m_world.dispose(subscription);
-            }
-        }
-    };
-    const auto go = [&] {
-        if (oneIn(2) && !process.isRegistry) {
-            m_world.kill(process);
-        } else {
-            for (Registration& registration : process.registrations) {
-                registration.disposable.dispose();
-            }
-        }
-    };
-    const auto come = [&] {
-        if (next.isRunning() && &next != &process) {
-            m_world.registerService(next, {path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
-        }
-    };
-    std::vector<std::function<void()>> acts = {track, leave, go, come};
-    std::swap(acts[draw(2)], acts[draw(4)]);
-    for (const auto& act : acts) {
-        act();
-        fewSteps(30);
-    }
-}
-
-void Run::fewSteps(std::uint64_t most)
-{
-    for (std::uint64_t count = draw(most); count > 0 && m_world.scheduler() != nullptr; --count) {
-        m_world.scheduler()->step();
-    }
-}
-
-/// Claims what the process holds, which goes meanwhile; takes the claim back and makes it anew before it has heard of
-/// the first one's refusal.
-void Run::claimAgain(Process& process)
-{
-    Process& other = *pick(m_world.processes());
-    for (std::size_t index = 0; index < process.registrations.size(); ++index) {
-        Registration& held = process.registrations[index];
-        if (!m_world.isInForce(held) || &other == &process || !other.isRunning() || other.isRegistry) {
-            continue;
-        }
-        const World::Offer offer{held.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes};
-        m_world.registerService(other, offer);
-        fewSteps(60);
-        held.disposable.dispose();
-        fewSteps(20);
-        other.registrations.back().disposable.dispose();
-        m_world.registerService(other, offer);
-        return;
-    }
-}
-
-/// Watchers come and go, services are registered, and the registry or the connections to it end in the middle of it.
-void Run::loseWhatIsOnItsWay(Process& process)
-{
-    const std::string path = pick(DYNAMIC_PATHS);
-    if (!process.isRegistry) {
-        m_world.subscribe(process, Stream::eTRACK, path);
-        fewSteps(60);
-        m_world.subscribe(process, Stream::eQUERY, Query("**"));
-        fewSteps(8);
-        m_world.dispose(process.subscriptions[process.subscriptions.size() - 2]);
-        m_world.registerService(process, {pick(DYNAMIC_PATHS), ServiceDef::TypeEnum::pex, "red", m_fillerBytes});
-        fewSteps(6);
-    }
-    Process& registry = m_world.registry();
-    if (oneIn(2)) {
-        m_world.network().cut(process.group, registry.group);
-    } else if (registry.isRunning()) {
-        m_world.end(registry);
-    }
-    for (auto& other : m_world.processes()) {
-        if (oneIn(4) && other->isRunning() && !other->isRegistry && other.get() != &process) {
-            m_world.kill(*other);
-        }
-    }
-}
-
-/// Stands still while another registers what it holds; it may be for too long to be taken to live.
-void Run::usurp(Process& process)
-{
-    Process& other = *pick(m_world.processes());
-    for (const Registration& registration : process.registrations) {
-        if (m_world.isInForce(registration) && &other != &process && other.isRunning()) {
-            m_world.stop(process);
-            m_world.registerService(other,
-                                    {registration.path, ServiceDef::TypeEnum::pex, pick(COLOURS), m_fillerBytes});
-            if (comm::SimulatedScheduler* const scheduler = m_world.scheduler()) {
-                scheduler->runFor(static_cast<comm::TimeNs>(500 + draw(2500)) * comm::MILLISECOND);
-            }
-            return;
         }
     }
 }

@@ -8,6 +8,8 @@
 
 namespace kesa::sim {
 
+inline const std::vector<std::string> COLOURS = {"red", "blue"};
+
 /// One run: a few processes that share paths, and actions drawn from the seed. `run` answers the broken rules.
 class Run {
 public:
@@ -41,6 +43,10 @@ private:
     std::string someLocator();
     void dispose(Process& process);
     void disposeAgain(Process& process);
+
+    // sequences.cpp
+    World::Offer offerOf(const std::string& path);
+    std::vector<std::string> pathsOf(const Process& process);
     void change(Process& process);
     void restart(Process& process);
     void usurp(Process& process);

@@ -36,7 +36,7 @@ std::string ownerOf(const std::string& staticPath);
 bool isStatic(const std::string& path);
 
 /// Processes on one network, everything that can be done to them, and what has to be true of them. Units: processes
-/// (processes.cpp), what their programs do (programs.cpp), what must be true (expectations.cpp).
+/// (processes.cpp), what their programs do (programs.cpp), what must be true (expectations.cpp, endings.cpp).
 class World {
 public:
     explicit World(const Options& options);
@@ -102,7 +102,7 @@ private:
                                                     const std::string& what);
     std::shared_ptr<Belief> ask(Process& process, const Client& client, const std::string& path);
 
-    // expectations.cpp. With the verdict's mutex held.
+    // expectations.cpp and endings.cpp, with the verdict's mutex held.
     using Truth = std::map<std::string, std::shared_ptr<Belief>>; ///< registrations by path; null: any
 
     std::unique_lock<std::mutex> runUntil(comm::TimeNs simulated, const std::function<bool()>& isTrue);

@@ -94,7 +94,6 @@ int main(int argc, char** argv)
     look([&](const tracing::Line& line) { verbose ? print(line) : marks.look(line.text); });
     for (std::uint64_t seed = from; seed < from + orders; ++seed) {
         failed += report(seed, runOrders(seed));
-        failed += report(seed, runManyProcesses(seed));
     }
     while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
         if (done == markSeeds && !verbose) {

@@ -150,41 +150,4 @@ std::vector<std::string> runOrders(std::uint64_t seed)
     return failures;
 }
 
-std::vector<std::string> runManyProcesses(std::uint64_t seed)
-{
-    constexpr unsigned PROCESSES = 50;
-    World world({seed, 0, false, true});
-    Process& registry = world.add(REGISTRY_PROCESS);
-    world.start(registry);
-    for (unsigned index = 0; index < PROCESSES; ++index) {
-        const std::string name = "p" + std::to_string(index);
-        Process& process = world.add(name);
-        world.start(process);
-        world.registerService(process, {"/many/" + name});
-    }
-    Process& watcher = world.add("watcher");
-    world.start(watcher);
-    world.subscribe(watcher, Stream::eQUERY, serviceregistry::Query("/many/*"));
-    world.settle();
-    for (const bool isKilled : {false, true}) {
-        if (isKilled) {
-            world.kill(registry);
-        } else {
-            world.end(registry);
-        }
-        world.scheduler()->runFor(seed % 2 == 0 ? 0 : 3 * comm::SECOND);
-        world.start(registry);
-        world.settle();
-        const Belief& belief = *watcher.subscriptions.front().belief;
-        const auto shown =
-            std::count_if(belief.present.begin(), belief.present.end(), [](const auto& each) { return each.second; });
-        if (shown != PROCESSES) {
-            world.verdict().fail("all come back", std::to_string(shown));
-        }
-    }
-    world.disposeAll();
-    world.endAll();
-    return world.verdict().failures();
-}
-
 } // namespace kesa::sim

@@ -11,9 +11,6 @@ namespace kesa::sim {
 /// Answers the broken rules; the end is the same every time.
 std::vector<std::string> runOrders(std::uint64_t seed);
 
-/// Fifty registered processes live through the end and the death of the registry, and are all listed again.
-std::vector<std::string> runManyProcesses(std::uint64_t seed);
-
 } // namespace kesa::sim
 
 #endif

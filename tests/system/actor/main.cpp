@@ -3,6 +3,7 @@
 // exits.
 
 #include "Beliefs.h"
+#include "Clients.h"
 #include "Service.h"
 
 #include <kesa/ease/handler.h>
@@ -19,10 +20,8 @@
 #include <array>
 #include <csignal>
 #include <cstdlib>
-#include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <string>
 
@@ -32,87 +31,9 @@ using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::Query;
 using kesa::serviceregistry::ServiceDef;
 using Update = kesa::ResourceUpdate<ServiceDef>;
-using Client = std::shared_ptr<kesa::IKesaApi>;
 using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
 
 namespace {
-
-/// Tells the test one event, as one line on stdout. Any thread.
-void say(const std::string& event)
-{
-    const std::string line = event + '\n';
-    static_cast<void>(::write(STDOUT_FILENO, line.data(), line.size()) < 0);
-}
-
-/// Up to the first space: the rest of a value only makes it large.
-std::string firstWord(std::string_view text)
-{
-    return std::string(text.substr(0, text.find(' ')));
-}
-
-std::unique_ptr<kesa::IResponseHandler<kesa::Response>> printer(const std::string& stream)
-{
-    return kesa::handler<kesa::Response>(
-        [stream](const kesa::Response& response) {
-            say("value " + stream + ' ' + firstWord(response.getPayload().text()));
-        },
-        [stream](const kesa::Response& error) {
-            say("error " + stream + ' ' + std::to_string(error.getStatus()) + ' ' + error.getErrorMessage());
-        },
-        [stream] { say("completed " + stream); });
-}
-
-/// The client objects that are connected, by what they were resolved from: a locator or a path.
-class Clients {
-public:
-    void connected(const std::string& what, const Client& client)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_clients[what] = client;
-        say("connected " + what);
-        follow(lock, what);
-    }
-    void lost(const std::string& what)
-    {
-        say("lost " + what);
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_clients.erase(what);
-    }
-    Client find(const std::string& what)
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        const auto found = m_clients.find(what);
-        return found == m_clients.end() ? nullptr : found->second;
-    }
-    /// Follows the feed from now on, and after each connection again, as "WHAT#1", "WHAT#2" and so on.
-    void followAlways(const std::string& what)
-    {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_followed.try_emplace(what, 0);
-        follow(lock, what);
-    }
-
-private:
-    void follow(std::unique_lock<std::mutex>& lock, const std::string& what)
-    {
-        const auto followed = m_followed.find(what);
-        const auto found = m_clients.find(what);
-        if (followed == m_followed.end() || found == m_clients.end()) {
-            return;
-        }
-        const std::string stream = what + '#' + std::to_string(++followed->second);
-        const Client client = found->second;
-        lock.unlock();
-        say("issued " + stream);
-        kesa::Request request("retrieve", "/feed");
-        kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
-        client->request(request, printer(stream));
-    }
-
-    std::mutex m_mutex;
-    std::map<std::string, Client> m_clients; ///< under `m_mutex`
-    std::map<std::string, int> m_followed;   ///< how often it was followed; under `m_mutex`
-};
 
 class Actor {
 public:
