@@ -13,67 +13,60 @@
 namespace kesa::registry::test {
 namespace {
 
-/// What the registry has to come to, kept in the plainest way.
+/// What the registry has to come to, kept in the plainest way: who wishes for a path, in order; the first one holds it.
+/// Each process has a stack of requests, of which the last one counts until it ends.
 class Model {
 public:
     struct Wish {
         StreamId stream;
-        int process;
-        bool isPatient;
         std::string locator;
     };
-    std::map<std::string, std::vector<Wish>> paths; ///< the first one holds the path, the others wait in order
-    std::map<std::string, std::vector<Wish>> superseded;
+    struct Place {
+        std::vector<int> processes;
+        std::map<int, std::vector<Wish>> wishes;
+    };
+    std::map<std::string, Place> places;
 
-    void registerService(const std::string& path, const Wish& wish)
+    const Wish* holder(const std::string& path)
     {
-        auto& wishes = paths[path];
-        const auto same =
-            std::find_if(wishes.begin(), wishes.end(), [&](const Wish& each) { return each.process == wish.process; });
-        if (same != wishes.end()) {
-            superseded[path].push_back(*same);
-        }
-        if (same != wishes.end() && same == wishes.begin()) {
-            *same = wish;
-            return;
-        }
-        if (same != wishes.end()) {
-            wishes.erase(same);
-        }
-        wishes.push_back(wish);
+        Place& place = places[path];
+        return place.processes.empty() ? nullptr : &place.wishes[place.processes.front()].back();
+    }
+    void registerService(const std::string& path, int process, const Wish& wish)
+    {
+        Place& place = places[path];
+        place.wishes[process].push_back(wish);
+        wishLast(place, process);
     }
     /// An earlier wish of the process takes its place, unless it was refused.
     void end(StreamId stream, bool isRefused = false)
     {
-        for (auto& [path, wishes] : paths) {
-            auto& earlier = superseded[path];
-            std::erase_if(earlier, [stream](const Wish& each) { return each.stream == stream; });
-            const auto ended =
-                std::find_if(wishes.begin(), wishes.end(), [&](const Wish& each) { return each.stream == stream; });
-            if (ended == wishes.end()) {
-                continue;
-            }
-            const auto next = std::find_if(earlier.rbegin(), earlier.rend(),
-                                           [&](const Wish& each) { return each.process == ended->process; });
-            if (next == earlier.rend() || isRefused) {
-                wishes.erase(ended);
-                continue;
-            }
-            const Wish again = *next;
-            earlier.erase(std::next(next).base());
-            if (ended == wishes.begin()) {
-                *ended = again;
-            } else {
-                wishes.erase(ended);
-                wishes.push_back(again);
+        for (auto& [path, place] : places) {
+            for (auto& [process, wishes] : place.wishes) {
+                const bool counts = !wishes.empty() && wishes.back().stream == stream;
+                std::erase_if(wishes, [stream](const Wish& each) { return each.stream == stream; });
+                if (counts && (isRefused || wishes.empty())) {
+                    std::erase(place.processes, process);
+                } else if (counts && std::count(place.processes.begin(), place.processes.end(), process) != 0) {
+                    wishLast(place, process);
+                }
             }
         }
     }
     void lose(const std::string& path)
     {
-        auto& wishes = paths[path];
-        std::erase_if(superseded[path], [&](const Wish& each) { return each.process == wishes.front().process; });
-        wishes.erase(wishes.begin());
+        Place& place = places[path];
+        place.wishes.erase(place.processes.front());
+        place.processes.erase(place.processes.begin());
+    }
+
+private:
+    static void wishLast(Place& place, int process)
+    {
+        if (place.processes.empty() || place.processes.front() != process) {
+            std::erase(place.processes, process);
+            place.processes.push_back(process);
+        }
     }
 };
 
@@ -113,7 +106,7 @@ protected:
         claim.record->serviceDef.id = obr::UUID({static_cast<std::uint8_t>(++m_lastStream % 256), 1});
         claim.keepsId = false;
         claim.isPatient = process == 0;
-        m_model.registerService(path, {m_lastStream, static_cast<int>(process), claim.isPatient, locator});
+        m_model.registerService(path, static_cast<int>(process), {m_lastStream, locator});
         m_registrations.insert(m_lastStream);
         m_store.registerService(m_lastStream, std::move(claim));
     }
@@ -175,8 +168,7 @@ protected:
         const bool isAlive = draw(2) == 0;
         const auto current = m_current.find(path);
         if (!isAlive && current != m_current.end() && current->second == proof) {
-            auto& wishes = m_model.paths[path];
-            if (wishes.size() > 1) {
+            if (m_model.places[path].processes.size() > 1) {
                 m_model.lose(path);
             }
         }
@@ -195,12 +187,12 @@ protected:
                 m_holders[path] = output.stream;
                 break;
             case Output::Kind::eREFUSED:
-                EXPECT_FALSE(m_model.paths[path].front().stream == output.stream) << "the holder is refused";
+                EXPECT_NE(m_model.holder(path)->stream, output.stream) << "the holder is refused";
                 m_model.end(output.stream, true);
                 ++m_refused;
                 break;
             case Output::Kind::eASK_HOLDER:
-                EXPECT_EQ(output.stream, m_model.paths[path].front().stream);
+                EXPECT_EQ(output.stream, m_model.holder(path)->stream);
                 m_questions.push_back({path, output.proof});
                 m_current[path] = output.proof;
                 break;
@@ -224,28 +216,28 @@ protected:
 
     void compare()
     {
-        std::size_t count = 0;
-        for (const auto& [path, wishes] : m_model.paths) {
-            if (!wishes.empty()) {
-                ++count;
+        std::map<std::string, std::string> held;
+        for (const auto& [path, place] : m_model.places) {
+            if (const Model::Wish* const holder = m_model.holder(path)) {
+                held.emplace(path, holder->locator);
+                EXPECT_EQ(m_holders[path], holder->stream) << path;
             }
-            EXPECT_TRUE(wishes.empty() || m_holders[path] == wishes.front().stream) << path;
         }
-        EXPECT_EQ(m_store.size(), count);
+        EXPECT_EQ(m_store.size(), held.size());
         for (const auto& [stream, watcher] : m_watchers) {
             if (watcher.isListing) {
                 continue;
             }
             std::map<std::string, std::string> expected, believed;
-            for (const auto& [path, wishes] : m_model.paths) {
-                if (!wishes.empty() && watcher.patterns.match(path) &&
-                    (!watcher.realm || wishes.front().locator.find("+" + *watcher.realm) != std::string::npos ||
-                     wishes.front().locator.find("tcp") == 0)) {
-                    expected[path] = wishes.front().locator;
+            for (const auto& [path, locator] : held) {
+                const bool isVisible = !watcher.realm || locator.find("+" + *watcher.realm) != std::string::npos ||
+                                       locator.starts_with("tcp");
+                if (isVisible && watcher.patterns.match(path)) {
+                    expected.emplace(path, locator);
                 }
             }
             for (const auto& [path, record] : watcher.believed) {
-                believed[path] = record->serviceDef.locators[0].toString();
+                believed.emplace(path, record->serviceDef.locators[0].toString());
             }
             ASSERT_EQ(believed, expected) << watcher.path;
         }

@@ -151,16 +151,5 @@ TEST(Writing, RefusesWhatHasNoWireForm)
     EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr("text/html"));
 }
 
-// A stream keeps its serializer; a value that cannot be written must not spoil the next one.
-TEST(PayloadConversion, ReusesASerializerAfterAFailure)
-{
-    const auto out = serializer::createSerializerFor(mimetypes::JSON);
-    ASSERT_TRUE(out);
-    EXPECT_FALSE(toPayload(*out, RegistryUpdate(), mimetypes::JSON));
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(toPayload(*out, Query("p"), mimetypes::JSON)->text(), R"({"pattern":"p"})");
-    }
-}
-
 } // namespace
 } // namespace kesa::serviceregistry
