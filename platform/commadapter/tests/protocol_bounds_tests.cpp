@@ -1,4 +1,5 @@
-// What a peer may not do, with the reason each time; and that it cannot make us keep more than it sends.
+// What a peer may not do, with the reason each time; and that it cannot make us keep more than it sends. Some of it
+// stands in the document, whose vectors are tried elsewhere.
 
 #include "protocol/Body.h"
 #include "protocol/Frame.h"
@@ -111,18 +112,14 @@ TEST(ProtocolBounds, rolesNumbersAndParts)
                                               {frame(2, 0, 0, 1, path, 1), "attach with a body"},
                                               {frame(2, 1, 0, 1, path), "attach in fragments"},
                                               {frame(2, 0, 0, 1), "attach of a path of 0 bytes"},
-                                              {frame(4, 0, 0, 0), "detached without a target"},
                                               {frame(5, 0, 0, 1), "request without a stream"},
                                               {frame(9, 0, 1, 1), "cancel with target 1"},
-                                              {frame(12, 0, 0, 0), "unknown kind 12"},
                                               {frame(10, 4, 0, 0), "unknown flags 0x04"},
-                                              {claim(65537, 0), "frame of 65537 bytes, more than 65536"},
                                               {claim(10, 11), "head of 11 bytes in a frame of 10"},
                                               {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
                                           });
     expectReasons(Machine::Role::eCLIENT, {
                                               {frame(5, 0, 1, 1), "request from a server"},
-                                              {frame(6, 0, 1, 65536), "next with status 65536"},
                                               {frame(8, 0, 1, 200), "completed with target 200"},
                                           });
 }
@@ -141,7 +138,6 @@ TEST(ProtocolBounds, brokenHeads)
     Bytes deep(33, 0x9F);
     deep.resize(66, 0xFF);
     const std::vector<std::pair<Bytes, std::string>> heads = {
-        {{0x80}, "it is not a map"},
         {{0xA1, 0, 0, 0}, "bytes follow the map"},
         {{0xBF, 0, 4, 0xFF}, "a word has an unknown number"},
         {{0xBF, 0, 0, 0, 1, 0xFF}, "a member stands twice"},
@@ -201,9 +197,9 @@ TEST(ProtocolBounds, fragmentsAreFullCountedAndOfOneMessage)
 
 TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
 {
-    Body body(UINT32_MAX);
     const Bytes some(1000, 'x');
-    for (std::size_t i = 0; i < 1000; ++i) {
+    Body body(UINT32_MAX);
+    while (body.size() < 1'000'000) {
         body.append(some.data(), some.size());
         ASSERT_LE(body.capacity(), std::max(Body::FIRST_BYTES, 4 * body.size()));
     }
@@ -212,15 +208,6 @@ TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
         exact.append(some.data(), some.size());
     }
     EXPECT_EQ(exact.capacity(), 100000U);
-
-    Limits limits;
-    limits.maxMessageBytes = UINT32_MAX;
-    Recorder recorder;
-    Machine machine(Machine::Role::eSERVER, helloOf("me"), limits, recorder, 0);
-    ASSERT_FALSE(feed(machine, hello()));
-    const Bytes first = firstFragment(1, UINT32_MAX - 100);
-    ASSERT_FALSE(feed(machine, first.data(), 10 + HEADER_BYTES));
-    EXPECT_LE(machine.inputBuffer().size(), Body::FIRST_BYTES);
 }
 
 TEST(ProtocolBounds, asMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)

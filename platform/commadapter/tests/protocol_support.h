@@ -57,32 +57,66 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
            request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
 }
 
-/// Writes a line per callback.
+/// Writes a line per callback, and lets `echo` send what was heard.
 class Recorder : public IMachineListener {
 public:
     void onHello(const Hello& peer) override { lines.push_back(describe(peer)); }
-    void onAttach(std::uint32_t target, std::string path) override { add("attach", target, ' ' + path); }
-    void onDetach(std::uint32_t target) override { add("detached", target); }
+    void onAttach(std::uint32_t target, std::string path) override
+    {
+        add("attach", target, ' ' + path);
+        say([&] { static_cast<void>(echo->attach(target, path)); });
+    }
+    void onDetach(std::uint32_t target) override { onDetached(target); }
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override
     {
         lines.push_back(describe(stream, target, request));
+        say([&] { static_cast<void>(echo->request(stream, target, request)); });
     }
-    void onCancel(std::uint32_t stream) override { add("cancel", stream); }
-    void onAttached(std::uint32_t target) override { add("attached", target); }
-    void onDetached(std::uint32_t target) override { add("detached", target); }
+    void onCancel(std::uint32_t stream) override
+    {
+        add("cancel", stream);
+        say([&] { static_cast<void>(echo->cancel(stream)); });
+    }
+    void onAttached(std::uint32_t target) override
+    {
+        add("attached", target);
+        say([&] { echo->attached(target); });
+    }
+    void onDetached(std::uint32_t target) override
+    {
+        add("detached", target);
+        say([&] { echo->detached(target); });
+    }
     void onNext(std::uint32_t stream, Response response) override
     {
         lines.push_back(describe("next", stream, response));
+        say([&] { static_cast<void>(echo->next(stream, response)); });
     }
-    void onError(std::uint32_t stream, Response error) override { lines.push_back(describe("error", stream, error)); }
-    void onCompleted(std::uint32_t stream) override { add("completed", stream); }
+    void onError(std::uint32_t stream, Response error) override
+    {
+        lines.push_back(describe("error", stream, error));
+        say([&] { echo->error(stream, error); });
+    }
+    void onCompleted(std::uint32_t stream) override
+    {
+        add("completed", stream);
+        say([&] { echo->completed(stream); });
+    }
 
     std::vector<std::string> lines;
+    Machine* echo = nullptr;
 
 private:
     void add(const char* what, std::uint32_t number, const std::string& rest = {})
     {
         lines.push_back(what + (' ' + std::to_string(number)) + rest);
+    }
+    template <class Say>
+    void say(const Say& what) const
+    {
+        if (echo != nullptr) {
+            what();
+        }
     }
 };
 

@@ -50,6 +50,7 @@ TEST(KesaConfigTest, RefusesWithTheReason)
         std::string text;
         std::string reason;
     } documents[] = {
+        {R"([])", "root is not dictionary"},
         {"{\n  \"use_registry\": tru\n}", "2:22: expected a value"},
         {R"({"use_local_registry": 1})", "local registy not bool"},
         {R"({"use_registry": null})", "(remote) registy not bool"},
