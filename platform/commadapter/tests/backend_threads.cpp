@@ -168,6 +168,7 @@ TEST_F(BackendThreads, CancelAndReleaseWaitForTheRunningCall)
     ASSERT_TRUE(await([&] { return isInside.load(); }));
     remote->release();
     hasReturned = true;
+    clientBackend->stop(); // and what may still run
 }
 
 TEST_F(BackendThreads, WithdrawReleaseAndStopInTheMiddleOfTraffic)

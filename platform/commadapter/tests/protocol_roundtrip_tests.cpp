@@ -39,8 +39,8 @@ TEST(ProtocolRoundTrip, whatIsSentTogetherArrivesThroughAnyCut)
                                 Request(),
                                 Request("move", "", text(std::string(4096, 'x'), "odd/type")),
                                 Request("insert", "/big", large(4097)),
-                                Request("retrieve", "/a"),
-                                Request("retrieve", "/b")};
+                                Request("retrieve", "/track/a"),
+                                Request("retrieve", "/track/b")};
     std::vector<std::string> atServer = {"attach 1 /media/player"};
     for (std::uint32_t stream = 1; const Request& request : requests) {
         atServer.push_back(describe(stream++, 1, request));
