@@ -13,16 +13,13 @@ namespace util::serializer {
 
 namespace {
 
-constexpr std::size_t USUAL_DEPTH = 8;
+constexpr std::size_t USUAL_DEPTH = 6;
 
 } // namespace
 
 IStructuredSerializer::~IStructuredSerializer() = default;
 
-StructuredWriter::StructuredWriter(const IEncoder& encoder) : m_encoder(encoder)
-{
-    m_open.reserve(USUAL_DEPTH);
-}
+StructuredWriter::StructuredWriter(const IEncoder& encoder) noexcept : m_encoder(encoder) {}
 
 bool StructuredWriter::fail(const char* problem) const
 {
@@ -35,6 +32,7 @@ bool StructuredWriter::attach(ByteBufferWriter& out)
         return fail("the serializer is in use: reset it first");
     }
     m_out = &out;
+    m_open.reserve(USUAL_DEPTH); // not before: many streams keep a serializer that they hardly use
     m_open.push_back({Kind::eROOT, Due::eVALUE, out.size(), 0});
     return false;
 }

@@ -12,7 +12,7 @@ namespace util::serializer {
 /// The serializer of all formats: checks that the calls make one value, and lets an encoder write it.
 class StructuredWriter final : public IStructuredSerializer {
 public:
-    explicit StructuredWriter(const IEncoder& encoder);
+    explicit StructuredWriter(const IEncoder& encoder) noexcept;
 
     bool attach(ByteBufferWriter& out) override;
     void reset() override;
