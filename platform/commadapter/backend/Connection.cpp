@@ -86,7 +86,7 @@ void Connection::lose(std::string reason)
     m_isOpen = false;
     m_loop->countQueued(m_countedBytes, 0);
     m_countedBytes = 0;
-    m_loop->destroyAtTurnEnd(std::move(m_stream), std::move(m_machine));
+    m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
     onClosed(reason);
 }
