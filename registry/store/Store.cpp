@@ -157,17 +157,25 @@ void Store::end(StreamId stream)
         break;
     case State::eCLAIMS:
     case State::eWAITS:
-        withdrawClaim(registration.record->path(), stream);
-        if (const StreamId earlier = takeSuperseded(registration.record->path(), registration.instance)) {
-            m_registrations.at(earlier).state = State::eCLAIMS;
-            contest(earlier, m_registrations.at(earlier));
-        }
+        endClaim(registration.record->path(), stream, registration.instance);
         break;
     case State::eSUPERSEDED:
         if (registration.record) {
             forgetSuperseded(registration.record->path(), stream);
         }
         break;
+    }
+}
+
+/// The latest claim of its process that it superseded is one again. Also when it was refused: the refusal may have gone
+/// to a lost connection, and the other claim, made over the new one, has to be answered, too.
+void Store::endClaim(const std::string& path, StreamId stream, const obr::UUID& instance)
+{
+    withdrawClaim(path, stream);
+    if (const StreamId earlier = takeSuperseded(path, instance)) {
+        Registration& registration = m_registrations.at(earlier);
+        registration.state = State::eCLAIMS;
+        contest(earlier, registration);
     }
 }
 
@@ -255,8 +263,9 @@ void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
         return;
     }
     say(Output::Kind::eREFUSED, judged, claimant.record);
+    const obr::UUID instance = claimant.instance;
     m_registrations.erase(judged);
-    withdrawClaim(path, judged);
+    endClaim(path, judged, instance);
 }
 
 // ---- watchers -----------------------------------------------------------------------------------------------------

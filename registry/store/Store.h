@@ -101,6 +101,7 @@ private:
     StreamId takeSuperseded(const std::string& path, const obr::UUID& instance);
     void forgetSuperseded(const std::string& path, StreamId stream);
     [[nodiscard]] bool giveBack(const std::string& path, const obr::UUID& instance);
+    void endClaim(const std::string& path, StreamId stream, const obr::UUID& instance);
     void withdrawClaim(const std::string& path, StreamId stream);
     void release(const std::string& path);
     void judgeAnew(const std::string& path);

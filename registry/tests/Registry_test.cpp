@@ -133,6 +133,20 @@ TEST_F(RegistryTest, ASupersededRequestHasThePathAgain)
     EXPECT_THAT(told(), ElementsAre("t: -/a", "present: gone"));
 }
 
+TEST_F(RegistryTest, ASupersededClaimIsAnsweredToo)
+{
+    Process holder("holder"), other("other");
+    registerService(holder, "held", service("/a"));
+    registerService(other, "present", service("/a"));
+    registerService(other, "late", service("/a")); // read from a lost connection, where nobody hears the answer
+    told();
+    while (!holder.peer->questions.empty()) {
+        holder.peer->answer(true);
+    }
+    EXPECT_THAT(told(), ElementsAre("late: 409: service already registered", "late: gone",
+                                    "present: 409: service already registered", "present: gone"));
+}
+
 TEST_F(RegistryTest, ThisProcessNeedsNoProof)
 {
     std::unique_ptr<IResponseHandler<ServiceDef>> handler =

@@ -38,14 +38,14 @@ public:
         place.wishes[process].push_back(wish);
         wishLast(place, process);
     }
-    /// An earlier wish of the process takes its place, unless it was refused.
-    void end(StreamId stream, bool isRefused = false)
+    /// An earlier wish of the process takes its place.
+    void end(StreamId stream)
     {
         for (auto& [path, place] : places) {
             for (auto& [process, wishes] : place.wishes) {
                 const bool counts = !wishes.empty() && wishes.back().stream == stream;
                 std::erase_if(wishes, [stream](const Wish& each) { return each.stream == stream; });
-                if (counts && (isRefused || wishes.empty())) {
+                if (counts && wishes.empty()) {
                     std::erase(place.processes, process);
                 } else if (counts && std::count(place.processes.begin(), place.processes.end(), process) != 0) {
                     wishLast(place, process);
@@ -188,7 +188,7 @@ protected:
                 break;
             case Output::Kind::eREFUSED:
                 EXPECT_NE(m_model.holder(path)->stream, output.stream) << "the holder is refused";
-                m_model.end(output.stream, true);
+                m_model.end(output.stream);
                 ++m_refused;
                 break;
             case Output::Kind::eASK_HOLDER:
