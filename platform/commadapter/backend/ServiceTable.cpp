@@ -75,7 +75,7 @@ void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const std:
 {
     m_loop->onLoop(__func__);
     const auto connection = std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme);
-    m_connections.insert(connection);
+    m_connections.push_back(connection);
     connection->begin(std::move(stream), m_makeHello());
 }
 
@@ -122,7 +122,7 @@ std::shared_ptr<ProvidedService> ServiceTable::find(const std::string& path) con
 
 void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)
 {
-    m_connections.erase(connection);
+    m_connections.remove(connection);
 }
 
 } // namespace kesa::commadapter

@@ -11,7 +11,6 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
-#include <unordered_set>
 
 namespace kesa::commadapter {
 
@@ -69,7 +68,7 @@ private:
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
     std::unordered_map<std::string, Interests> m_interests;
-    std::unordered_set<std::shared_ptr<ServerConnection>> m_connections; ///< loop only
+    std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came, loop only
 };
 
 } // namespace kesa::commadapter

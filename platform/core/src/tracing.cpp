@@ -9,8 +9,9 @@ namespace kesa::tracing {
 
 const std::string& getTraceClientId()
 {
-    static const std::string& id = *new std::string(fmt::format("{}-{}-{:08x}", program_invocation_short_name, getpid(),
-                                                                obr::Random::current().next() & 0xFFFFFFFF));
+    // Of one length, whatever the process's number: requests carry it, and a simulated run hangs on their size.
+    static const std::string& id = *new std::string(fmt::format("{}-{:07}-{:08x}", program_invocation_short_name,
+                                                                getpid(), obr::Random::current().next() & 0xFFFFFFFF));
     return id;
 }
 
