@@ -3,6 +3,7 @@
 //     kesa_bench_runtime [rounds]
 #include "Comparison.h"
 #include "Measured.h"
+#include "RunDirectory.h"
 #include "clocks.h"
 #include "require.h"
 
@@ -18,7 +19,6 @@
 
 #include <condition_variable>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -329,15 +329,12 @@ void printBytes()
 int main(int argc, char** argv)
 {
     const int rounds = argc > 1 ? std::atoi(argv[1]) : 15;
-    std::string folder = (std::filesystem::temp_directory_path() / "kesa-bench-XXXXXX").string();
-    require(::mkdtemp(folder.data()) != nullptr, "a temporary directory");
-    ::setenv("KESA_RUN_DIR", folder.c_str(), 1);
+    const bench::RunDirectory directory(R"({"use_registry": false})");
     tracing::setThreshold("*", 5);
 
     compareSizes(rounds);
     compareFanOut(rounds);
     compareRoad(rounds);
     printBytes();
-    std::filesystem::remove_all(folder);
     return 0;
 }

@@ -73,8 +73,8 @@ public:
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
     void flushAtTurnEnd(Connection& connection);
-    /// Destroys what a connection leaves behind once everybody has been told of its end: closing descriptors and
-    /// freeing buffers takes long.
+    /// Destroys what a connection leaves behind once everybody has been told of its end, outside of a turn at once:
+    /// closing descriptors and freeing buffers takes long.
     void destroyAtTurnEnd(std::unique_ptr<transport::IStream> stream, std::unique_ptr<protocol::Machine> machine);
     void add(Connection& connection);
     void remove(Connection& connection);
