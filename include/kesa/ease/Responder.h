@@ -18,13 +18,16 @@ class Responder {
 public:
     explicit Responder(std::shared_ptr<OpenRequest> request) noexcept : m_request(std::move(request)) {}
 
-    /// The only answer.
-    void answer(Payload payload) const
+    /// The only answer. True when it was not accepted, see `next`.
+    bool answer(Payload payload) const
     {
-        static_cast<void>(next(std::move(payload)));
+        const bool isRefused = next(std::move(payload));
         complete();
+        return isRefused;
     }
-    /// One answer of a stream. True when it was not accepted: the stream has ended, or the client is too slow.
+    /// One answer of a stream. True when it was not accepted: the stream has ended, or ends now, with what the client
+    /// is told: 503 when it is too slow, 413 when the answer is larger than a message between the two may be, 500 when
+    /// it has a header or text without a form on the wire.
     bool next(Payload payload) const { return next(Response(200, std::move(payload))); }
     bool next(const Response& response) const { return m_request->onNext(response); }
     /// Ends the stream.

@@ -128,15 +128,23 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     if (stream == nullptr || stream->isCut) {
         return true;
     }
+    const std::size_t size = response.getPayload().size();
     if (stream->hasLatest) {
+        if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
+            refuseValue(number, *stream, sent, size);
+            return true;
+        }
         const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
                                           [number](const Latest& latest) { return latest.stream == number; });
         waiting->response = response;
         return false;
     }
-    const std::size_t size = response.getPayload().size();
     if (isOverBound(size) || isProcessOverBound(size)) {
         if (stream->policy == QueuePolicy::eKEEP_LATEST) {
+            if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
+                refuseValue(number, *stream, sent, size);
+                return true;
+            }
             stream->hasLatest = true;
             m_latest.push_back({number, response});
             return false;
@@ -147,23 +155,35 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     }
     const auto sent = machine().next(number, response);
     if (sent != protocol::Machine::Sent::eQUEUED) {
-        KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer of %zu bytes is not sent: %s", stream->service->path.c_str(),
-                   size,
-                   sent == protocol::Machine::Sent::eTOO_LARGE ? "larger than a message may be"
-                                                               : "text that is not UTF-8, or a header without a form");
+        refuseValue(number, *stream, sent, size);
         return true;
     }
     pushOut(Haste::eMAY_GATHER);
     return false;
 }
 
+/// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
+void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why, std::size_t size)
+{
+    const bool isTooLarge = why == protocol::Machine::Sent::eTOO_LARGE;
+    KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer of %zu bytes is not sent: it %s", stream.service->path.c_str(),
+               size, machine().refusal().c_str());
+    postCut(number, stream, Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + machine().refusal()));
+}
+
+void ServerConnection::postCut(std::uint32_t number, Stream& stream, Response error)
+{
+    stream.isCut = true;
+    loop().post([self = std::static_pointer_cast<ServerConnection>(shared_from_this()), number, serial = stream.serial,
+                 error = std::move(error)] { self->cut(number, serial, error); });
+}
+
 /// Over the bound: whether the value is not to be queued. What else follows is left to the loop.
 bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
 {
-    const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
     if (stream.policy == QueuePolicy::eCUT_STREAM) {
-        stream.isCut = true;
-        loop().post([self, number, serial = stream.serial] { self->cut(number, serial); });
+        machine().dropQueued(number);
+        postCut(number, stream, Response::createErrorResponse(503, "too slow"));
         return true;
     }
     if (!isProcessOverBound(size)) {
@@ -171,26 +191,30 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
         return false;
     }
     stream.isCut = true;
-    loop().post([self] { self->cutOff(TAKES_NOTHING); });
+    loop().post(
+        [self = std::static_pointer_cast<ServerConnection>(shared_from_this())] { self->cutOff(TAKES_NOTHING); });
     return true;
 }
 
-void ServerConnection::cut(std::uint32_t number, std::uint64_t serial)
+void ServerConnection::cut(std::uint32_t number, std::uint64_t serial, const Response& error)
 {
     Lock lock(m_lock);
     if (find(number, serial) != nullptr) {
-        machine().dropQueued(number);
         lock.unlock();
-        cancelAtService(number, "too slow");
+        cancelAtService(number, error);
     }
 }
 
 void ServerConnection::finish(std::uint32_t number, std::uint64_t serial, const Response* error)
 {
     const Lock lock(m_lock);
-    const Stream* const stream = find(number, serial);
-    if (stream == nullptr || stream->isCut) {
-        return; // a cut stream ends with the loop's word
+    Stream* const stream = find(number, serial);
+    if (stream == nullptr) {
+        return;
+    }
+    if (stream->isCut) { // ends with the loop's word
+        stream->isFinished = true;
+        return;
     }
     queueLatest(number);
     if (error != nullptr) {
@@ -214,8 +238,7 @@ void ServerConnection::onQueueEmpty()
 {
     for (const Latest& latest : std::exchange(m_latest, {})) {
         m_streams.find(latest.stream)->hasLatest = false;
-        // One that is too large is lost as it would have been at once.
-        static_cast<void>(machine().next(latest.stream, latest.response));
+        static_cast<void>(machine().next(latest.stream, latest.response)); // tried before
     }
     postDrained();
 }
@@ -329,13 +352,13 @@ void ServerConnection::cancelAll(Target& target, const char* text)
     while (target.open.first != 0) {
         const std::uint32_t number = target.open.first;
         lock.unlock();
-        cancelAtService(number, text);
+        cancelAtService(number, Response::createErrorResponse(503, text));
         lock.lock();
     }
 }
 
-/// Ends a stream with 503 and tells its service.
-void ServerConnection::cancelAtService(std::uint32_t number, const char* text)
+/// Ends a stream and tells its service, unless that has done with it.
+void ServerConnection::cancelAtService(std::uint32_t number, const Response& error)
 {
     Lock lock(m_lock);
     const Stream* const stream = m_streams.find(number);
@@ -343,10 +366,10 @@ void ServerConnection::cancelAtService(std::uint32_t number, const char* text)
         return;
     }
     const auto service = stream->service;
-    void* const handle = stream->handle;
+    void* const handle = stream->isFinished ? IKesaApi::UNDEFINED_REQUEST_HANDLE : stream->handle;
     if (isOpen()) {
         queueLatest(number);
-        machine().error(number, Response::createErrorResponse(503, text));
+        machine().error(number, error);
         release(number);
         pushOut();
     } else {
@@ -366,7 +389,7 @@ void ServerConnection::onCancel(std::uint32_t number)
     }
     machine().dropQueued(number);
     lock.unlock();
-    cancelAtService(number, "cancelled");
+    cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
 }
 
 void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Request request)

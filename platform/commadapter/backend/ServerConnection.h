@@ -55,8 +55,9 @@ private:
     struct Stream : StreamEntry {
         std::uint64_t serial = 0;
         Target* target = nullptr;
-        bool hasLatest = false; ///< a value waits in `m_latest`
-        bool isCut = false;     ///< refused a value; the loop is going to end it
+        bool hasLatest = false;  ///< a value waits in `m_latest`
+        bool isCut = false;      ///< refused a value; the loop is going to end it
+        bool isFinished = false; ///< by the service, after that: it hears of no cancel
         QueuePolicy policy = QueuePolicy::eCUT_STREAM;
         void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
         std::shared_ptr<ProvidedService> service;
@@ -76,13 +77,15 @@ private:
 
     Stream* find(std::uint32_t stream, std::uint64_t serial);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
-    void cut(std::uint32_t number, std::uint64_t serial);
+    void refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why, std::size_t size);
+    void postCut(std::uint32_t number, Stream& stream, Response error);
+    void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
     void queueLatest(std::uint32_t number);
     void release(std::uint32_t number);
     bool isOverrun();
     void serve(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
                const Request& request);
-    void cancelAtService(std::uint32_t number, const char* text);
+    void cancelAtService(std::uint32_t number, const Response& error);
     void cancelAll(Target& target, const char* text);
     // ServerConnection_peer.cpp
     void askNext();

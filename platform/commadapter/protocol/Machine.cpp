@@ -73,6 +73,16 @@ Machine::Sent Machine::next(std::uint32_t stream, const Response& response)
     return m_output->answer(Kind::eNEXT, stream, response);
 }
 
+Machine::Sent Machine::tryNext(const Response& response)
+{
+    return m_output->tryAnswer(response);
+}
+
+const std::string& Machine::refusal() const noexcept
+{
+    return m_output->refusal();
+}
+
 void Machine::error(std::uint32_t stream, const Response& response)
 {
     m_output->error(stream, response);

@@ -109,6 +109,10 @@ public:
     void detached(std::uint32_t target);
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
     [[nodiscard]] Sent next(std::uint32_t stream, const Response& response);
+    /// What `next` would answer.
+    [[nodiscard]] Sent tryNext(const Response& response);
+    /// What is wrong with the message that was refused last, as the end of a sentence.
+    const std::string& refusal() const noexcept;
     /// An error whose text does not fit is sent without it.
     void error(std::uint32_t stream, const Response& response);
     void completed(std::uint32_t stream);

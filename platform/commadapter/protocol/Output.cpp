@@ -57,8 +57,28 @@ void Machine::Output::error(std::uint32_t stream, const Response& response)
     }
 }
 
+Machine::Sent Machine::Output::tryAnswer(const Response& response)
+{
+    HeadWriter head(m_queue.begin());
+    head.response(response);
+    const Sent verdict = close(head, response.getPayload());
+    m_queue.abandon();
+    return verdict;
+}
+
 Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
                                       const Payload& body)
+{
+    const Sent verdict = close(head, body);
+    if (verdict == Sent::eQUEUED) {
+        m_queue.push(kind, stream, target, body);
+    } else {
+        m_queue.abandon();
+    }
+    return verdict;
+}
+
+Machine::Sent Machine::Output::close(HeadWriter& head, const Payload& body)
 {
     const std::size_t limit =
         std::min(m_limits.maxMessageBytes, m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed));
@@ -67,15 +87,20 @@ Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint
     }
     head.close();
     if (head.isInvalid()) {
-        m_queue.abandon();
+        m_refusal = "has text that is not UTF-8, or a header without a form on the wire";
         return Sent::eINVALID;
     }
     const std::size_t maxHead = std::min<std::size_t>(MAX_HEAD_BYTES, m_limits.maxHeadBytes);
-    if (head.size() > maxHead || body.size() > limit || head.size() + body.size() > limit) {
-        m_queue.abandon();
+    if (head.size() > maxHead) {
+        m_refusal =
+            fmt::format("has headers of {} bytes, more than the {} that a message may have", head.size(), maxHead);
         return Sent::eTOO_LARGE;
     }
-    m_queue.push(kind, stream, target, body);
+    if (body.size() > limit || head.size() + body.size() > limit) {
+        m_refusal =
+            fmt::format("has {} bytes, more than the {} that a message may have", head.size() + body.size(), limit);
+        return Sent::eTOO_LARGE;
+    }
     return Sent::eQUEUED;
 }
 

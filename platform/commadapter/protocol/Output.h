@@ -18,6 +18,8 @@ public:
     Sent attach(std::uint32_t target, std::string_view path);
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
     [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response);
+    [[nodiscard]] Sent tryAnswer(const Response& response);
+    const std::string& refusal() const noexcept { return m_refusal; }
     void error(std::uint32_t stream, const Response& response);
     [[nodiscard]] Cancelled cancel(std::uint32_t stream);
     void pong();
@@ -34,11 +36,14 @@ public:
 private:
     [[nodiscard]] Sent finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
                               const Payload& body);
+    /// Completes the head, and judges the message by both sides' limits.
+    [[nodiscard]] Sent close(HeadWriter& head, const Payload& body);
     bool isProbing() const noexcept;
 
     const Limits m_limits;
     Shared& m_shared;
     SendQueue m_queue;
+    std::string m_refusal; ///< of the last message that was not queued
     comm::TimeNs m_lastSent;
     comm::TimeNs m_helloDeadline;
     comm::TimeNs m_probeDeadline = comm::NEVER;

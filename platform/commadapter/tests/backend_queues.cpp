@@ -117,6 +117,23 @@ TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
     EXPECT_TRUE(stream->isCompleted);
 }
 
+TEST_F(BackendQueues, LatestThatIsTooLargeEndsItsStreamAfterTheOneThatWaited)
+{
+    policy = QueuePolicy::eKEEP_LATEST;
+    const auto stream = client->request(retrieve("/stream"));
+    settle();
+    const auto handler = service.handlers().front();
+    scheduler->pauseGroup(2);
+    EXPECT_EQ(flood(*handler, 1000), 1000);
+    EXPECT_TRUE(handler->onNext(value(std::string(settings.maxMessageBytes, 'x'))));
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    scheduler->continueGroup(2);
+    settle();
+    EXPECT_EQ(numberOf(stream->values.back()), 999);
+    EXPECT_EQ(stream->status, 413);
+}
+
 TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
 {
     policy = QueuePolicy::eCUT_CONNECTION;

@@ -217,18 +217,38 @@ TEST_P(BackendRequests, QuickWithdrawalIsSeenAndEndsWhatWasOpen)
     }
 }
 
-TEST_P(BackendRequests, TooLargeIsToldToTheSenderOnly)
+TEST_P(BackendRequests, WhatHasNoFormOnTheWireEndsItsRequestWithWhatIsWrong)
 {
-    const auto request = client->request(retrieve("/echo", std::string(200U << 10U, 'x')));
+    const std::string huge(200U << 10U, 'x');
+    const auto asked = client->request(retrieve("/echo", huge));
+    const auto once = client->request(retrieve("/stream"));
     const auto stream = client->request(retrieve("/stream"));
+    const auto odd = client->request(retrieve("/stream"));
     settle();
-    EXPECT_EQ(request->status, 413);
-    const auto answer = service.take();
-    EXPECT_TRUE(answer->onNext(value(std::string(200U << 10U, 'x'))));
-    EXPECT_FALSE(answer->onNext(value("small")));
+    EXPECT_EQ(asked->status, 413);
+
+    const auto answer = service.take(); // done with, once it has completed
+    EXPECT_TRUE(answer->onNext(value(huge)));
+    answer->onCompleted();
+    const auto watched = service.handlers().front();
+    EXPECT_FALSE(watched->onNext(value("small")));
+    EXPECT_TRUE(watched->onNext(value(huge)));
+    EXPECT_TRUE(watched->onNext(value("after"))) << "one is missing before it";
+    Response broken = value("x");
+    broken.setHeader("name", "\xff");
+    EXPECT_TRUE(service.handlers().back()->onNext(broken));
+    EXPECT_EQ(service.cancels(), 0U) << "never inside `onNext`";
     settle();
+    const auto isToldTheSize = HasSubstr("bytes, more than the 102400 that a message may have");
+    EXPECT_EQ(once->status, 413);
+    EXPECT_THAT(once->errorText, isToldTheSize);
+    EXPECT_THAT(once->values, IsEmpty());
+    EXPECT_EQ(stream->status, 413);
+    EXPECT_THAT(stream->errorText, isToldTheSize);
     EXPECT_THAT(stream->values, ElementsAre("small"));
-    EXPECT_FALSE(stream->hasEnded());
+    EXPECT_EQ(odd->status, 500);
+    EXPECT_THAT(odd->errorText, HasSubstr("not UTF-8"));
+    EXPECT_EQ(service.cancels(), 2U) << "of those that the service had not ended";
     EXPECT_TRUE(client->checker.isConnected());
 }
 
