@@ -106,14 +106,14 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
 /// is asked for once per connection, so it is never refused on one that goes on to live.
 bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
 {
-    if (!isOverBound(size) && !isProcessOverBound(size)) {
-        return false;
+    if (!isOverBound(size)) {
+        return false; // what others have queued is not this peer's doing
     }
     if (isPersistent) {
         queueBeyondBound();
         return false;
     }
-    return isStuck(comm::now()) || isProcessOverBound(size);
+    return isStuck(comm::now());
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended meanwhile, it is told here.

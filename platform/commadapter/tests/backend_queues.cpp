@@ -299,6 +299,32 @@ TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
     EXPECT_TRUE(client->checker.isConnected());
 }
 
+TEST_F(BackendQueues, RequestsThatWaitForOthersRefuseNobody)
+{
+    settings.processQueueBytes = 32U << 10U;
+    auto asker = makeBackend("asker");
+    auto healthy = makeBackend("healthy");
+    CheckedService other("other");
+    Client toStopped(*asker, "ipc://server/service");
+    Client toHealthy(*asker, provide(*healthy, "/other", other));
+    toStopped.start();
+    toHealthy.start();
+    settle();
+    scheduler->pauseGroup(1); // the server
+    std::vector<std::shared_ptr<Outcome>> waiting;
+    for (int i = 0; i < 50; ++i) {
+        waiting.push_back(toStopped.request(retrieve("/echo", std::string(BODY, 'x'))));
+    }
+    const auto answered = toHealthy.request(retrieve("/echo", "x"));
+    settle();
+    EXPECT_THAT(answered->values, ElementsAre("x"));
+    scheduler->continueGroup(1);
+    settle();
+    EXPECT_TRUE(std::all_of(waiting.begin(), waiting.end(), [](const auto& o) { return o->isCompleted; }));
+    toStopped.release();
+    toHealthy.release();
+}
+
 using BackendNumbers = SimulatedPair;
 
 TEST_F(BackendNumbers, OfRequestsRunOutAndComeBack)
