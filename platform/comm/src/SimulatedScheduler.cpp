@@ -30,6 +30,9 @@ struct Loop : std::enable_shared_from_this<Loop> {
 
     bool hasWork() const noexcept { return !queue.empty() || !turnEnd.empty(); }
     bool hasDueTimer(TimeNs time) const noexcept { return !timers.isEmpty() && timers.next() <= time; }
+    bool isBehind(TimeNs time) const noexcept { return behindUntil > time; }
+    /// When it has something to run; the past when it has already.
+    TimeNs nextDue() const noexcept { return std::max(hasWork() ? 0 : timers.next(), behindUntil); }
 
     const std::string name;
     const LoopInfo info;
@@ -38,6 +41,7 @@ struct Loop : std::enable_shared_from_this<Loop> {
     TimerQueue timers;
     std::vector<Reactor::Task> turnEnd;
     Reactor::Id lastId = 0;
+    TimeNs behindUntil = 0;
     obr::ErrorStorage::Slot error;
     bool isRunning = false;  ///< in the middle of an event
     bool isStopping = false; ///< takes nothing new
@@ -74,13 +78,14 @@ public:
     bool isInnermost(const Loop& loop) const noexcept { return !m_running.empty() && m_running.back() == &loop; }
 
     bool step();
-    TimeNs nextTimer() const noexcept;
+    TimeNs nextDue() const noexcept;
     bool wait(std::unique_lock<std::mutex>& lock, const std::function<bool()>& predicate, TimeNs deadline);
 
     void setGroup(std::uint64_t group) noexcept { m_group = group; }
     void pause(std::uint64_t group) { m_paused.insert(group); }
     void resume(std::uint64_t group) { m_paused.erase(group); }
     void kill(std::uint64_t group);
+    void leaveBehind(std::uint64_t group, const std::string& name, TimeNs until) noexcept;
 
 private:
     bool canRun(const Loop& loop) const noexcept
@@ -112,7 +117,7 @@ bool SimulatedScheduler::Impl::step()
 {
     m_candidates.clear();
     for (const auto& loop : m_loops) {
-        if (canRun(*loop) && (loop->hasWork() || loop->hasDueTimer(m_now))) {
+        if (canRun(*loop) && !loop->isBehind(m_now) && (loop->hasWork() || loop->hasDueTimer(m_now))) {
             m_candidates.push_back(loop.get());
         }
     }
@@ -162,12 +167,12 @@ void SimulatedScheduler::Impl::runTurnEnd(Loop& loop)
     }
 }
 
-TimeNs SimulatedScheduler::Impl::nextTimer() const noexcept
+TimeNs SimulatedScheduler::Impl::nextDue() const noexcept
 {
     TimeNs next = NEVER;
     for (const auto& loop : m_loops) {
         if (canRun(*loop)) {
-            next = std::min(next, loop->timers.next());
+            next = std::min(next, loop->nextDue());
         }
     }
     return next;
@@ -183,7 +188,7 @@ bool SimulatedScheduler::Impl::wait(std::unique_lock<std::mutex>& lock, const st
         lock.unlock();
         bool isStuck = false;
         if (!step()) {
-            const TimeNs next = std::min(nextTimer(), deadline);
+            const TimeNs next = std::min(nextDue(), deadline);
             isStuck = next == NEVER;
             if (isStuck) {
                 reportDeadlock();
@@ -266,6 +271,15 @@ void SimulatedScheduler::Impl::kill(std::uint64_t group)
     for (const auto& loop : loops) {
         if (loop->group == group) {
             end(*loop);
+        }
+    }
+}
+
+void SimulatedScheduler::Impl::leaveBehind(std::uint64_t group, const std::string& name, TimeNs until) noexcept
+{
+    for (const auto& loop : m_loops) {
+        if (loop->group == group && loop->name == name) {
+            loop->behindUntil = until;
         }
     }
 }
@@ -405,7 +419,7 @@ std::size_t SimulatedScheduler::runReady()
 void SimulatedScheduler::runUntil(TimeNs until)
 {
     runReady();
-    for (TimeNs next = m_impl->nextTimer(); next <= until && next != NEVER; next = m_impl->nextTimer()) {
+    for (TimeNs next = m_impl->nextDue(); next <= until && next != NEVER; next = m_impl->nextDue()) {
         m_impl->advanceTo(next);
         runReady();
     }
@@ -418,7 +432,7 @@ bool SimulatedScheduler::runAll(std::size_t limit)
         if (m_impl->step()) {
             continue;
         }
-        const TimeNs next = m_impl->nextTimer();
+        const TimeNs next = m_impl->nextDue();
         if (next == NEVER) {
             return true;
         }
@@ -445,6 +459,11 @@ void SimulatedScheduler::continueGroup(std::uint64_t group)
 void SimulatedScheduler::killGroup(std::uint64_t group)
 {
     m_impl->kill(group);
+}
+
+void SimulatedScheduler::leaveBehind(std::uint64_t group, const std::string& loop, TimeNs until)
+{
+    m_impl->leaveBehind(group, loop, until);
 }
 
 std::uint64_t SimulatedScheduler::draw(std::uint64_t bound) noexcept

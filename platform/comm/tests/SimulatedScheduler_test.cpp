@@ -148,3 +148,21 @@ TEST_F(Simulated, APausedGroupKeepsItsWorkAndAKilledOneLosesIt)
     sim.runReady();
     EXPECT_THAT(log, ElementsAre("dropped", "dropped at once", "told"));
 }
+
+TEST_F(Simulated, ALoopThatIsLeftBehindRunsLaterThanAllOthers)
+{
+    sim.setGroup(1);
+    ActiveObject slow("slow");
+    const auto io = sim.makeReactor("io");
+    post(slow, [&] { log.emplace_back("slow"); });
+    runOn(*io, [&] { io->startTimer(now() + SECOND, [&] { log.emplace_back("timer"); }); });
+    log.clear();
+    post(slow, [&] { log.emplace_back("late"); });
+    const TimeNs until = now() + 3 * SECOND;
+    sim.leaveBehind(1, "slow", until);
+    sim.runFor(2 * SECOND);
+    EXPECT_THAT(log, ElementsAre("timer"));
+    EXPECT_TRUE(sim.runAll()) << "what it has left is not forgotten";
+    EXPECT_EQ(now(), until);
+    EXPECT_EQ(log.back(), "late");
+}

@@ -39,6 +39,9 @@ public:
     void continueGroup(std::uint64_t group);
     /// The loops of the group never run again; their work is dropped without being run (a process under SIGKILL).
     void killGroup(std::uint64_t group);
+    /// The group's loop of that name runs nothing before `until`, while time passes and everybody else goes on: a
+    /// thread that is busy, or gets no processor.
+    void leaveBehind(std::uint64_t group, const std::string& loop, TimeNs until);
 
     /// A draw from the run's own seed, for the test's choices.
     std::uint64_t draw(std::uint64_t bound) noexcept;
