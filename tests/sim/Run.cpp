@@ -158,19 +158,21 @@ void Run::actOf(Process& process)
     } else if (choice < 66) {
         const Process& other = *pick(m_world.processes());
         m_world.network().cut(process.group, other.group);
-    } else if (m_options.registry && choice < 68) {
-        m_world.stop(process);
+    } else if (choice < 68) {
+        leaveBehind(process);
     } else if (m_options.registry && choice < 70) {
+        m_world.stop(process);
+    } else if (m_options.registry && choice < 72) {
         restart(process);
-    } else if (m_options.registry && choice < 73) {
+    } else if (m_options.registry && choice < 75) {
         change(process);
-    } else if (m_options.registry && choice < 74) {
-        usurp(process);
     } else if (m_options.registry && choice < 76) {
-        followClosely(process);
-    } else if (m_options.registry && choice < 77) {
-        claimAgain(process);
+        usurp(process);
     } else if (m_options.registry && choice < 78) {
+        followClosely(process);
+    } else if (m_options.registry && choice < 79) {
+        claimAgain(process);
+    } else if (m_options.registry && choice < 80) {
         loseWhatIsOnItsWay(process);
     } else {
         advance();

@@ -53,6 +53,9 @@ private:
     void followClosely(Process& process);
     void claimAgain(Process& process);
     void loseWhatIsOnItsWay(Process& process);
+    void leaveBehind(Process& process);
+    void keepBusy(Process& process);
+    void lose(Process& process);
     void fewSteps(std::uint64_t most);
 
     Options m_options;

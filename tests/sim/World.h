@@ -64,6 +64,8 @@ public:
     /// As by SIGSTOP and SIGCONT. Nothing may be done to a stopped process but killing and continuing it.
     void stop(Process& process);
     void resume(Process& process);
+    /// One of its loops runs nothing for so long, while everything else goes on.
+    void leaveBehind(Process& process, const std::string& loop, comm::TimeNs time);
 
     struct Offer {
         std::string path;
@@ -131,7 +133,7 @@ private:
     std::uint64_t m_groups = 0;
     unsigned m_names = 0;
     bool m_isRefusing = false;
-    comm::TimeNs m_timeStopped = 0; ///< of all stops together
+    comm::TimeNs m_timeStopped = 0; ///< of all stops together, and of loops left behind
     std::map<std::uint64_t, comm::TimeNs> m_stoppedAt;
 
     /// Every registration there ever was.

@@ -206,6 +206,14 @@ void World::resume(Process& process)
     }
 }
 
+void World::leaveBehind(Process& process, const std::string& loop, comm::TimeNs time)
+{
+    if (m_scheduler) {
+        m_timeStopped += time;
+        m_scheduler->leaveBehind(process.group, loop, comm::now() + time);
+    }
+}
+
 void World::endAll()
 {
     for (auto& process : m_processes) {

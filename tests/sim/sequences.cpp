@@ -148,6 +148,51 @@ void Run::loseWhatIsOnItsWay(Process& process)
     }
 }
 
+/// One of its loops, mostly the executor, is left behind. Meanwhile its program goes on, and what it is connected to is
+/// lost and found again, once or twice.
+void Run::leaveBehind(Process& process)
+{
+    static const std::vector<std::string> LOOPS = {"KesaRuntimeImpl.m_executor", "KesaRuntimeImpl.m_updater",
+                                                   "kesa-io"};
+    const auto time = static_cast<comm::TimeNs>(100 + draw(4000)) * comm::MILLISECOND;
+    m_world.leaveBehind(process, oneIn(4) ? pick(LOOPS) : LOOPS.front(), time);
+    const std::uint64_t losses = 1 + draw(2);
+    for (std::uint64_t count = 0; count < losses; ++count) {
+        keepBusy(process);
+        lose(process);
+        keepBusy(process);
+        if (comm::SimulatedScheduler* const scheduler = m_world.scheduler(); scheduler != nullptr && !oneIn(4)) {
+            scheduler->runFor(time / static_cast<comm::TimeNs>(losses + 1));
+        }
+    }
+    keepBusy(process);
+}
+
+void Run::keepBusy(Process& process)
+{
+    for (std::uint64_t count = draw(4); count > 0; --count) {
+        if (oneIn(3)) {
+            registerService(process);
+        } else if (oneIn(2)) {
+            subscribe(process);
+        } else {
+            dispose(process);
+        }
+        fewSteps(10);
+    }
+}
+
+/// Of what it is connected to, the registry above all: the connections, or whoever is at their other ends.
+void Run::lose(Process& process)
+{
+    Process& other = m_options.registry ? m_world.registry() : *pick(m_world.processes());
+    if (&other == &process || !other.isRunning() || oneIn(2)) {
+        m_world.network().cut(process.group, other.group);
+    } else {
+        restart(other);
+    }
+}
+
 /// Stands still while another registers what it holds; it may be for too long to be taken to live.
 void Run::usurp(Process& process)
 {

@@ -43,6 +43,11 @@ using serviceregistry::ServiceDef;
 /// Calls of one handler never overlap. Handlers must not block: the executor carries the whole runtime, the updater
 /// every client's updates.
 ///
+/// "Connected" and "lost" of a client object are news: the connection may be lost, and there again, before they come.
+/// Whoever issues a persistent request at "connected" cancels it at "lost", at the client object it had, before it
+/// issues the next: it may have gone over the connection of which "connected" is yet to come. Cancelling a request that
+/// has ended does nothing.
+///
 /// Disposing posts the end of the subscription. Until the handler's destructor has run, calls may still come; after it
 /// none. Handlers are destroyed on the executor, on the updater or in `KesaRuntime::shutdown`, without a final call.
 class KESA_API IRuntimeRegistry {

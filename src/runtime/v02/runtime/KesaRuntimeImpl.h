@@ -76,6 +76,7 @@ public:
 private:
     using Trackers = std::vector<std::shared_ptr<TrackingHandler>>;
     using QueryTrackers = std::vector<std::pair<Handle, std::shared_ptr<TrackingHandler>>>;
+    using Issue = RemoteRegistryHandler::Issue;
 
     /// What is known about one path.
     struct RuntimeEntry {
@@ -84,15 +85,13 @@ private:
         optional<ServiceDef> optionalServiceDef;
         /// Under which the registration is kept at the remote registry.
         optional<std::uint32_t> remoteRegistrationId;
-        std::uint64_t remoteRegistrationNumber = 0; ///< of the answers that count; 0: none does
         /// In order of subscription; each is a `QueryUpdateBookkeeper`.
         Trackers trackers;
         bool isProvidedByThisProcess = false;
         bool isStaticConfigured = false;
         /// Under which the path is tracked at the remote registry.
         optional<std::uint32_t> remoteTrackingId;
-        std::uint64_t remoteTrackingNumber = 0; ///< of the answers that count; 0: none does
-        bool isTrackingAnswered = false;        ///< it has told of the record, and will tell of its end
+        bool isTrackingAnswered = false; ///< it has told of the record, and will tell of its end
         /// What the backends provide for the registration: to be withdrawn with it, whatever its record says by then.
         std::vector<url> providedLocators;
     };
@@ -163,11 +162,14 @@ private:
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);
     std::unique_ptr<RegistrationHandler> registrationAnswers(const std::shared_ptr<const ServiceDef>& announced,
-                                                             std::uint64_t number);
-    RuntimeEntry* entryOfRequest(const std::string& path, std::uint64_t RuntimeEntry::*current, std::uint64_t number,
-                                 const char* caller);
-    void onRegistrationConfirmed(const Path& registered, std::uint64_t number, ServiceDef answer);
-    void onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error);
+                                                             const Issue& issue);
+    [[nodiscard]] bool isLate(const Issue& issue, const char* caller, const std::string& subject) const;
+    RuntimeEntry* entryOfRequest(const std::string& path, optional<std::uint32_t> RuntimeEntry::*current,
+                                 std::uint32_t request, const char* caller);
+    RuntimeEntry* entryOfIssue(const std::string& path, optional<std::uint32_t> RuntimeEntry::*current,
+                               const Issue& issue, const char* caller);
+    void onRegistrationConfirmed(const Path& registered, const Issue& issue, ServiceDef answer);
+    void onRegistrationFailed(const ServiceDef& serviceDef, const Issue& issue, const Response& error);
     void withdrawRefused(RuntimeEntry& entry, const std::string& path, const Response& error,
                          const std::string& message);
 
@@ -201,12 +203,13 @@ private:
     void trackServiceOnRegistry(const std::string& path);
     void cancelRemoteTracking(RuntimeEntry& entry);
     void followRemotely(const std::string& path);
-    void updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number);
+    void updateRemoteTrackedService(const RegistryUpdate& update, const Issue& issue);
     void removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update);
-    void remoteTrackingLost(const std::string& path, std::uint64_t number);
+    void remoteTrackingLost(const std::string& path, std::uint32_t request);
     void queryServiceOnRegistry(const Query& query, const Handle& handle,
                                 const std::vector<ServiceUpdate>& initialUpdates);
-    void onRemoteQueryAnswer(const Query& query, const Handle& handle, const std::vector<RegistryUpdate>& updates);
+    void onRemoteQueryAnswer(const Query& query, const Handle& handle, const Issue& issue,
+                             const std::vector<RegistryUpdate>& updates);
     void handleRemoteQueryOnRegistryUpdate(const std::vector<RegistryUpdate>& updates, RemoteQuery& record);
     void handleRemoteServiceRegistered(const std::shared_ptr<ServiceDef>& element, RemoteQuery& record,
                                        std::vector<ServiceUpdate>& added);

@@ -6,32 +6,29 @@
 namespace kesa::runtime::v02 {
 
 /// Announces what was just registered. The request is kept, and issued at each connection, until the registration ends.
-/// Its number tells answers to it from late ones to an earlier registration of the path.
 void KesaRuntimeImpl::registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef)
 {
     onExecutor();
-    const std::uint64_t number = newNumber();
-    entry.remoteRegistrationNumber = number;
     RemoteRegistryHandler::Request request;
-    request.issue = [this, announced = std::make_shared<const ServiceDef>(serviceDef),
-                     number](serviceregistry::IServiceRegistry* registry) {
-        return registry->registerService(registrationAnswers(announced, number), announced->path, *announced);
+    request.issue = [this, announced = std::make_shared<const ServiceDef>(serviceDef)](
+                        serviceregistry::IServiceRegistry* registry, const Issue& issue) {
+        return registry->registerService(registrationAnswers(announced, issue), announced->path, *announced);
     };
     entry.remoteRegistrationId = m_remoteRegistryHandler->execute(std::move(request));
 }
 
 std::unique_ptr<RegistrationHandler>
-KesaRuntimeImpl::registrationAnswers(const std::shared_ptr<const ServiceDef>& announced, std::uint64_t number)
+KesaRuntimeImpl::registrationAnswers(const std::shared_ptr<const ServiceDef>& announced, const Issue& issue)
 {
     return std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
-        [this, announced, number](const ServiceDef& answer) {
-            toExecutor([this, announced, number, answer = answer]() mutable {
-                onRegistrationConfirmed(announced->path, number, std::move(answer));
+        [this, announced, issue](const ServiceDef& answer) {
+            toExecutor([this, announced, issue, answer = answer]() mutable {
+                onRegistrationConfirmed(announced->path, issue, std::move(answer));
             });
             return false;
         },
-        [this, announced, number](const Response& error) {
-            toExecutor([this, announced, number, error = error] { onRegistrationFailed(*announced, number, error); });
+        [this, announced, issue](const Response& error) {
+            toExecutor([this, announced, issue, error = error] { onRegistrationFailed(*announced, issue, error); });
         },
         [this, announced] {
             // The protocol knows no end of a registration but the registering side's: nothing sensible can follow.
@@ -42,23 +39,42 @@ KesaRuntimeImpl::registrationAnswers(const std::shared_ptr<const ServiceDef>& an
         });
 }
 
-/// The entry that an answer to the request `number` is about; none when that request has ended.
+/// The entry that `request` is kept for; none when it has ended.
 KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::entryOfRequest(const std::string& path,
-                                                               std::uint64_t RuntimeEntry::*current,
-                                                               std::uint64_t number, const char* caller)
+                                                               optional<std::uint32_t> RuntimeEntry::*current,
+                                                               std::uint32_t request, const char* caller)
 {
     const auto found = m_runtimeEntries.find(path);
     if (found == m_runtimeEntries.end()) {
         return nullptr;
     }
-    if (found->second.*current != number) {
+    if (found->second.*current != request) {
         KESA_TRACE(MAIN_CHANNEL, 1, "[%s] of an earlier request service='%s'", caller, path.c_str());
         return nullptr;
     }
     return &found->second;
 }
 
-void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint64_t number, ServiceDef answer)
+/// The entry that an answer to `issue` is about; none when the answer does not count any more.
+KesaRuntimeImpl::RuntimeEntry* KesaRuntimeImpl::entryOfIssue(const std::string& path,
+                                                             optional<std::uint32_t> RuntimeEntry::*current,
+                                                             const Issue& issue, const char* caller)
+{
+    RuntimeEntry* const entry = entryOfRequest(path, current, issue.request, caller);
+    return entry == nullptr || isLate(issue, caller, path) ? nullptr : entry;
+}
+
+/// The request was given up, or issued again, after the answer had been given.
+bool KesaRuntimeImpl::isLate(const Issue& issue, const char* caller, const std::string& subject) const
+{
+    if (m_remoteRegistryHandler && m_remoteRegistryHandler->isLatest(issue)) {
+        return false;
+    }
+    KESA_TRACE(MAIN_CHANNEL, 1, "[%s] of an earlier issue '%s'", caller, subject.c_str());
+    return true;
+}
+
+void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, const Issue& issue, ServiceDef answer)
 {
     onExecutor();
     const std::string& path = answer.path.toString();
@@ -73,7 +89,7 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint6
         return;
     }
     RuntimeEntry* const entry =
-        entryOfRequest(path, &RuntimeEntry::remoteRegistrationNumber, number, "onRegistrationConfirmed");
+        entryOfIssue(path, &RuntimeEntry::remoteRegistrationId, issue, "onRegistrationConfirmed");
     if (entry == nullptr) {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[registerService RemoteRegistryHandler] registration was cancelled before announce it at the "
@@ -99,7 +115,7 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, std::uint6
     recorded = std::move(answer);
 }
 
-void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::uint64_t number, const Response& error)
+void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, const Issue& issue, const Response& error)
 {
     onExecutor();
     if (!m_remoteRegistryHandler) {
@@ -116,8 +132,7 @@ void KesaRuntimeImpl::onRegistrationFailed(const ServiceDef& serviceDef, std::ui
                    message.c_str());
         return;
     }
-    RuntimeEntry* const entry =
-        entryOfRequest(path, &RuntimeEntry::remoteRegistrationNumber, number, "onRegistrationFailed");
+    RuntimeEntry* const entry = entryOfIssue(path, &RuntimeEntry::remoteRegistrationId, issue, "onRegistrationFailed");
     if (entry == nullptr) {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[registerService RemoteRegistryHandler] find no entry in m_runtimeEntries for service='%s'",
@@ -132,8 +147,7 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
                                       const std::string& message)
 {
     // Kept, the request would be issued again at the next connection, for a service that nobody provides by then.
-    m_remoteRegistryHandler->forget(*entry.remoteRegistrationId);
-    entry.remoteRegistrationNumber = 0;
+    m_remoteRegistryHandler->cancel(*entry.remoteRegistrationId);
     // Nobody calls the service any more when its registrator hears of it and lets go of what the service needs.
     optional<ServiceDef> withdrawn;
     if (entry.optionalServiceDef) {

@@ -40,27 +40,25 @@ void KesaRuntimeImpl::trackServiceOnRegistry(const std::string& path)
     }
     KESA_TRACE(MAIN_CHANNEL, 2,
                "[trackServiceOnRegistry] Service '%s' is externally hosted -> setting up remote tracker", path.c_str());
-    const std::uint64_t number = newNumber();
-    entry.remoteTrackingNumber = number;
     entry.isTrackingAnswered = false;
     RemoteRegistryHandler::Request request;
-    request.issue = [this, path = path, number](serviceregistry::IServiceRegistry* registry) {
+    request.issue = [this, path = path](serviceregistry::IServiceRegistry* registry, const Issue& issue) {
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<RegistryUpdate>>(
-            [this, path, number](const RegistryUpdate& update) {
-                toExecutor([this, path = path, number, update = update] {
+            [this, path, issue](const RegistryUpdate& update) {
+                toExecutor([this, path = path, issue, update = update] {
                     const std::string type = nameOf(update.updateType);
                     KESA_TRACE(MAIN_CHANNEL, 2,
                                "[trackServiceOnRegistry onNext] Received RegistryUpdate '%s' for service '%s'",
                                type.c_str(), path.c_str());
-                    updateRemoteTrackedService(update, number);
+                    updateRemoteTrackedService(update, issue);
                 });
                 return false;
             },
             [](const Response&) {}, [] {});
         return registry->trackService(std::move(handler), Path(path), true);
     };
-    request.onDisconnect = [this, path = path, number] {
-        toExecutor([this, path = path, number] { remoteTrackingLost(path, number); });
+    request.onDisconnect = [this, path = path](std::uint32_t id) {
+        toExecutor([this, path = path, id] { remoteTrackingLost(path, id); });
     };
     entry.remoteTrackingId = m_remoteRegistryHandler->execute(std::move(request));
 }
@@ -72,7 +70,6 @@ void KesaRuntimeImpl::cancelRemoteTracking(RuntimeEntry& entry)
         m_remoteRegistryHandler->cancel(*entry.remoteTrackingId);
     }
     entry.remoteTrackingId.reset();
-    entry.remoteTrackingNumber = 0;
     entry.isTrackingAnswered = false;
 }
 
@@ -104,12 +101,12 @@ void KesaRuntimeImpl::followRemotely(const std::string& path)
     }
 }
 
-void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, std::uint64_t number)
+void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, const Issue& issue)
 {
     onExecutor();
     const std::string path = update.element->path.toString();
     RuntimeEntry* const entry =
-        entryOfRequest(path, &RuntimeEntry::remoteTrackingNumber, number, "updateRemoteTrackedService");
+        entryOfIssue(path, &RuntimeEntry::remoteTrackingId, issue, "updateRemoteTrackedService");
     switch (update.updateType) {
     case UpdateType::ADDED:
         KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] eADDED for service='%s' '%p'", path.c_str(),
@@ -174,11 +171,11 @@ void KesaRuntimeImpl::removeRemoteTrackedService(RuntimeEntry& entry, const Regi
     deleteRuntimeEntry(path);
 }
 
-void KesaRuntimeImpl::remoteTrackingLost(const std::string& path, std::uint64_t number)
+void KesaRuntimeImpl::remoteTrackingLost(const std::string& path, std::uint32_t request)
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServiceOnRegistry onCompleted] service='%s'", path.c_str());
-    RuntimeEntry* const entry = entryOfRequest(path, &RuntimeEntry::remoteTrackingNumber, number, "remoteTrackingLost");
+    RuntimeEntry* const entry = entryOfRequest(path, &RuntimeEntry::remoteTrackingId, request, "remoteTrackingLost");
     if (entry != nullptr) {
         entry->isTrackingAnswered = false;
     }
@@ -207,9 +204,9 @@ void KesaRuntimeImpl::queryServiceOnRegistry(const Query& query, const Handle& h
         list(record, update.element.path.toString());
     }
     RemoteRegistryHandler::Request request;
-    request.issue = [this, query = query, handle](serviceregistry::IServiceRegistry* registry) {
+    request.issue = [this, query = query, handle](serviceregistry::IServiceRegistry* registry, const Issue& issue) {
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<std::vector<RegistryUpdate>>>(
-            [this, query, handle](const std::vector<RegistryUpdate>& updates) {
+            [this, query, handle, issue](const std::vector<RegistryUpdate>& updates) {
                 if (!updates.empty()) {
                     const std::string type = nameOf(updates.front().updateType);
                     KESA_TRACE(MAIN_CHANNEL, 2,
@@ -217,18 +214,19 @@ void KesaRuntimeImpl::queryServiceOnRegistry(const Query& query, const Handle& h
                                "updateType='%s'",
                                updates.size(), query.pattern.c_str(), type.c_str());
                 }
-                toExecutor(
-                    [this, query = query, handle, updates = updates] { onRemoteQueryAnswer(query, handle, updates); });
+                toExecutor([this, query = query, handle, issue, updates = updates] {
+                    onRemoteQueryAnswer(query, handle, issue, updates);
+                });
                 return false;
             },
             [](const Response&) {}, [] {});
         return registry->queryRegistry(std::move(handler), query);
     };
-    request.onDisconnect = [this, handle] { toExecutor([this, handle] { remoteQueryLost(handle); }); };
+    request.onDisconnect = [this, handle](std::uint32_t) { toExecutor([this, handle] { remoteQueryLost(handle); }); };
     record.requestId = m_remoteRegistryHandler->execute(std::move(request));
 }
 
-void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& handle,
+void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& handle, const Issue& issue,
                                           const std::vector<RegistryUpdate>& updates)
 {
     onExecutor();
@@ -236,6 +234,9 @@ void KesaRuntimeImpl::onRemoteQueryAnswer(const Query& query, const Handle& hand
     if (found == m_remoteQueries.end()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[queryServiceOnRegistry] remoteQuery already disposed handle='%p'",
                    handle.address);
+        return;
+    }
+    if (isLate(issue, "onRemoteQueryAnswer", query.pattern)) {
         return;
     }
     if (updates.empty()) {

@@ -49,7 +49,6 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
             m_remoteRegistryHandler->cancel(*entry.remoteRegistrationId);
         }
         entry.remoteRegistrationId.reset();
-        entry.remoteRegistrationNumber = 0;
     }
     const ServiceDef serviceDef = takeRecord(entry);
     KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] unprovideURL of service ='%s'", path.c_str());

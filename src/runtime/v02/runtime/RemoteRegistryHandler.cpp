@@ -44,13 +44,21 @@ void RemoteRegistryHandler::connectionChanged(const std::shared_ptr<ServiceRegis
     const Dispatching dispatching(m_isDispatching);
     m_registry.swap(before);
     for (auto& [id, request] : m_requests) {
+        if (before) {
+            before->main()->cancelRequest(std::exchange(request.handle, nullptr));
+            request.onDisconnect(id);
+        }
         if (registry) {
-            request.handle = request.issue(registry->main());
-        } else {
-            request.onDisconnect();
-            request.handle = nullptr;
+            issue(id, request);
         }
     }
+}
+
+/// With the lock held, and a registry.
+void RemoteRegistryHandler::issue(std::uint32_t id, Request& request)
+{
+    request.lastIssue = ++m_lastIssue;
+    request.handle = request.issue(m_registry->main(), {id, request.lastIssue});
 }
 
 std::uint32_t RemoteRegistryHandler::execute(Request request)
@@ -61,7 +69,7 @@ std::uint32_t RemoteRegistryHandler::execute(Request request)
     Request& kept = m_requests.emplace(id, std::move(request)).first->second;
     if (m_registry) {
         const Dispatching dispatching(m_isDispatching);
-        kept.handle = kept.issue(m_registry->main());
+        issue(id, kept);
     }
     return id;
 }
@@ -78,12 +86,12 @@ void RemoteRegistryHandler::cancel(std::uint32_t id)
     }
 }
 
-void RemoteRegistryHandler::forget(std::uint32_t id)
+bool RemoteRegistryHandler::isLatest(const Issue& issue)
 {
     notDispatching();
-    decltype(m_requests)::node_type leaving;
     const std::lock_guard<std::mutex> lock(m_lock);
-    leaving = m_requests.extract(id);
+    const auto found = m_requests.find(issue.request);
+    return found != m_requests.end() && found->second.lastIssue == issue.number;
 }
 
 void RemoteRegistryHandler::notDispatching() const

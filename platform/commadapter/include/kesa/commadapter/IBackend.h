@@ -18,6 +18,10 @@ namespace kesa::commadapter {
 /// the next connected. So who issues at each connected what is to last loses nothing: while the connection lives, a
 /// persistent stream ends with 503 only when the service drops it, when a value is refused by its queue policy, or when
 /// 65536 requests are open. 404 is a service's own word, never the backend's.
+///
+/// Who hears of it on another thread may issue a request after the connection was lost and is there again, before
+/// having heard of either: it goes over the new connection, and lives. So whoever issues at connected cancels at
+/// disconnected what it issued before, at the client object it had; nothing happens to requests that have ended.
 class KESA_API IBackend {
 public:
     virtual ~IBackend();
