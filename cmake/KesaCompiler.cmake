@@ -35,4 +35,14 @@ if(KESA_COVERAGE)
   add_link_options(--coverage)
 endif()
 
+# Files are named from the root of the tree, in assertions and in debug information: nothing that is built tells where. (A
+# compiler cache may name files relative to the build folder; of several that match, the last counts. Coverage needs the
+# real names.)
+if(NOT KESA_COVERAGE AND NOT CMAKE_BINARY_DIR STREQUAL CMAKE_SOURCE_DIR)
+  cmake_path(RELATIVE_PATH CMAKE_SOURCE_DIR BASE_DIRECTORY ${CMAKE_BINARY_DIR} OUTPUT_VARIABLE root)
+  add_compile_options(-ffile-prefix-map=${root}/= -ffile-prefix-map=${CMAKE_SOURCE_DIR}/=
+    -ffile-prefix-map=${CMAKE_BINARY_DIR}=.)
+endif()
+set(CMAKE_BUILD_RPATH_USE_ORIGIN ON)
+
 find_package(Threads REQUIRED)
