@@ -25,6 +25,14 @@ KesaRuntimeImpl::KesaRuntimeImpl(const KesaConfig& config)
 KesaRuntimeImpl::~KesaRuntimeImpl()
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[dtor]");
+    if (!m_executor) {
+        eventlog::runtimeError(m_eventSource, "Error during shutdown: executor is null");
+    }
+    if (!m_updater) {
+        eventlog::runtimeError(m_eventSource, "Error during shutdown: updater is null");
+    }
+    obr::GlobalErrorHandler::doAssert(m_executor != nullptr, "m_executor", __FILE__, __LINE__, __func__, nullptr);
+    obr::GlobalErrorHandler::doAssert(m_updater != nullptr, "m_updater", __FILE__, __LINE__, __func__, nullptr);
     comm::runAndWait(*m_executor, [this] { releaseRegistry(); });
     // Everything ends before any pointer goes: what still drains on one loop may post to the other.
     m_executor->stop();

@@ -285,26 +285,26 @@ private:
     std::string m_proc_name;
     const KesaConfig m_config;
     bool m_isRunning = false;
-    std::atomic<std::uint64_t> m_lastNumber{0};
     std::shared_ptr<comm::ActiveObject> m_executor;
     std::shared_ptr<comm::ActiveObject> m_updater;
     BackendList m_backendList;
     std::shared_ptr<RemoteRegistryHandler> m_remoteRegistryHandler; ///< set while a remote registry is used
     url m_registryUrl;
-    const void* m_registryProxyHandle = nullptr;
     std::vector<url> m_registryLocators;
+    const void* m_registryProxyHandle = nullptr;
     std::string m_eventSource;
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
     QueryTrackers m_queryTrackers; ///< in the order they are notified
     std::unordered_map<std::string, RuntimeEntry> m_runtimeEntries;
     HandleMap<RemoteQuery> m_remoteQueries;
-    std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
     HandleMap<OpenedProxy> m_resolvedLocators;
     HandleMap<OpenedProxies> m_resolvedServicesLocators;
     HandleMap<Disposable> m_trackedDisposable;
     HandleMap<TrackedAndResolvedService> m_trackAndResolveServiceHandler;
     HandleMap<std::unique_ptr<ResolvedServicesHandler>> m_trackAndResolvedServicesQuery;
+    std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
+    std::atomic<std::uint64_t> m_lastNumber{0};
 };
 
 /// What disposing posts to the executor, once. It may come after the runtime is gone.

@@ -91,6 +91,13 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, const Issu
     RuntimeEntry* const entry =
         entryOfIssue(path, &RuntimeEntry::remoteRegistrationId, issue, "onRegistrationConfirmed");
     if (entry == nullptr) {
+        const auto kept = m_runtimeEntries.find(path);
+        if (kept != m_runtimeEntries.end() && !kept->second.optionalServiceDef) { // for trackers
+            KESA_TRACE(MAIN_CHANNEL, 2,
+                       "[registerService RemoteRegistryHandler] service service='%s' is already unregistered",
+                       path.c_str());
+            return;
+        }
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[registerService RemoteRegistryHandler] registration was cancelled before announce it at the "
                    "client service='%s'",

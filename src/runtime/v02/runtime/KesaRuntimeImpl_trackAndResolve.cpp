@@ -206,7 +206,13 @@ void KesaRuntimeImpl::onErrorOfResolve(const Handle& handle, std::uint64_t token
                    "[trackAndResolveService onError tracking] found no trackAndResolverSerivce handle='%p'",
                    handle.address);
     }
-    freeProxy(*take(m_resolvedLocators, handle), false);
+    if (const auto proxy = take(m_resolvedLocators, handle)) {
+        freeProxy(*proxy, false);
+    } else {
+        KESA_TRACE(MAIN_CHANNEL, 4,
+                   "[trackAndResolveService onError tracking] can not find url  to release handle='%p'",
+                   handle.address);
+    }
     if (auto tracking = take(m_trackedDisposable, handle)) {
         tracking->dispose();
     } else {

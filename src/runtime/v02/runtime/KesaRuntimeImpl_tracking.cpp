@@ -93,7 +93,9 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
         notify(*chain, *entry.optionalServiceDef);
     } else if (entry.isStaticConfigured) {
         // What this process is to provide itself is there once it has registered it.
-        if (!entry.isProvidedByThisProcess && entry.optionalServiceDef) {
+        if (!entry.optionalServiceDef) {
+            isRemote = !entry.isProvidedByThisProcess;
+        } else if (!entry.isProvidedByThisProcess) {
             KESA_TRACE(MAIN_CHANNEL, 2,
                        "[trackService, path] service='%s' is static configured an in provided by other process "
                        "handle='%p'",

@@ -163,6 +163,26 @@ TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
     EXPECT_THAT(traced(1, [] {}), Contains(HasSubstr("[onRegistrationFailed] of an earlier request")));
 }
 
+TEST_F(RemoteRegistryTest, aConfirmationAfterTheEndIsNoWarning)
+{
+    startConnected();
+    const auto confirmedLate = [this] {
+        auto registration = registerService("/a", "r");
+        run();
+        registration.dispose();
+        registry->insert("/a").onNext(registry->lastRecord);
+    };
+    EXPECT_THAT(traced(3, confirmedLate), Contains(HasSubstr("registration was cancelled before announce")));
+    auto tracking = track("/a", "t");
+    run();
+    Lines lines = traced(2, confirmedLate);
+    EXPECT_THAT(lines, Contains("2 [registerService RemoteRegistryHandler] service service='/a' is already "
+                                "unregistered"));
+    EXPECT_THAT(traced(3, confirmedLate), IsEmpty());
+    tracking.dispose();
+    run();
+}
+
 TEST_F(RemoteRegistryTest, aPathIsTrackedOnceAndLostWithTheRegistry)
 {
     startConnected();
