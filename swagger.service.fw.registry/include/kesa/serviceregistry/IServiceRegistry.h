@@ -20,7 +20,7 @@ namespace kesa::serviceregistry {
 /// the caller's, and `IKesaApi::UNDEFINED_REQUEST_HANDLE` is returned. Handlers are called on whatever thread the
 /// answers come on and must only post. A registry never completes a stream.
 ///
-/// Statuses: 400 a malformed pattern or record, 403 refused by policy, 409 the path is another living process's, 503
+/// Statuses: 400 a malformed pattern or record, 409 the path is another living process's, 503
 /// the registry is out of reach for now.
 class KESA_API IServiceRegistry {
 public:

@@ -12,8 +12,8 @@
 namespace kesa::serviceregistry {
 
 /// Registers a registry implementation as an ordinary service of type `pex` below "/registry". Errors come as from
-/// `IRuntimeRegistry::registerService`. Disposing ends its outstanding requests with 503, then the registration; the
-/// service stays alive until then.
+/// `IRuntimeRegistry::registerService`; without a runtime the handler is told 400 inside the call. Disposing ends its
+/// outstanding requests with 503, then the registration; the service stays alive until then.
 [[nodiscard]] KESA_API Disposable registerServiceRegistryPex(runtime::v02::IRuntimeRegistry* runtime,
                                                              const std::shared_ptr<ServiceRegistryPexService>& service,
                                                              const GenericObject& metainfo,

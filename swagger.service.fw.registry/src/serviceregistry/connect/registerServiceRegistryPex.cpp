@@ -32,6 +32,12 @@ Disposable registerServiceRegistryPex(IRuntimeRegistry* runtime,
                                       std::unique_ptr<IResponseHandler<ServiceDef>>&& handler,
                                       const std::string& suffix)
 {
+    if (runtime == nullptr) {
+        if (handler) {
+            handler->onError(Response::createErrorResponse(400, "the runtime is null"));
+        }
+        return {};
+    }
     return registerAs(ServiceDef::TypeEnum::pex, Path::join(ServiceRegistryPex::SERVICE_PATH, suffix), *runtime,
                       service, metainfo, std::move(handler));
 }

@@ -85,10 +85,6 @@ private:
         if (findService("ServiceRegistryService::registerService", service) || readBody(serviceDef)) {
             return true;
         }
-        // Else watchers would know the service under another path than the one its owner holds.
-        if (!m_request.getPayload().isEmpty() && serviceDef.path != service) {
-            return refuse(400, 12, "path of the record differs from the request path");
-        }
         auto answers = answersOf<RegisterServiceResponseHandler, ServiceDef>();
         m_handle = m_registry.registerService(std::move(answers), service, serviceDef);
         return false;

@@ -126,6 +126,11 @@ TEST_F(ConnectTest, RegistersAndEndsRequestsBeforeTheRegistration)
     using Service = std::shared_ptr<ServiceRegistryPexService>;
     const GenericObject metainfo{{"k", 1}};
     const auto handler = [] { return Handler<ServiceDef>(); };
+    auto refused = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+        [](const ServiceDef&) { return false; },
+        [&](const Response& error) { heard.push_back(Response::getErrorMessageWithCode(error)); }, [] {});
+    registerServiceRegistryPex(nullptr, nullptr, std::move(refused)).dispose();
+    EXPECT_THAT(std::exchange(heard, {}), ElementsAre("400: the runtime is null"));
     const struct {
         std::function<Disposable(const Service&)> call;
         std::string path;

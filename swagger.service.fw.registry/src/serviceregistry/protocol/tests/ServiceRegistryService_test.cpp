@@ -95,7 +95,6 @@ TEST_F(ServiceRegistryServiceTest, RefusesWithAStatusAReasonAndATrace)
          "400: Cannot build ServiceDef, some of required attributes are not set: Locators "},
         {"retrieve", "/", json("{}"), "/",
          "400: Cannot build Query, some of required attributes are not set: Pattern "},
-        {"insert", "/a", json(jsonOfService("/b")), "/", "400: path of the record differs from the request path"},
         {"retrieve", "/", Payload::createFromString("x", "text/html"), "/",
          "400: no serializer for the mime type 'text/html'"},
     };
