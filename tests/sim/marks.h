@@ -67,6 +67,10 @@ inline std::vector<std::string_view> registryMarks()
         "[updateRemoteTrackedService] of an earlier request",
         "[remoteTrackingLost] of an earlier request",
         "[queryServiceOnRegistry] remoteQuery already disposed",
+        // Answers to an issue over a connection of which its loss and return had not been told yet.
+        "[onRegistrationConfirmed] of an earlier issue",
+        "[updateRemoteTrackedService] of an earlier issue",
+        "[onRemoteQueryAnswer] of an earlier issue",
         "already unregistered -> ignoring",
         // Trackings and queries that tell of the same path.
         "[handleRemoteServiceRegistered] fill entry of trackers",

@@ -46,6 +46,8 @@ void RemoteRegistryHandler::connectionChanged(const std::shared_ptr<ServiceRegis
     for (auto& [id, request] : m_requests) {
         if (before) {
             before->main()->cancelRequest(std::exchange(request.handle, nullptr));
+        }
+        if (before || !registry) {
             request.onDisconnect(id);
         }
         if (registry) {

@@ -183,6 +183,34 @@ TEST_F(RemoteRegistryTest, aConfirmationAfterTheEndIsNoWarning)
     run();
 }
 
+// The connection is lost and there again before the executor has heard of the loss: what it issues meanwhile goes over
+// the new connection, and once more when it hears of that.
+TEST_F(RemoteRegistryTest, aRequestIsOpenOnceThoughTheNewsOfTheConnectionAreLate)
+{
+    startConnected();
+    auto registration = registerService("/a", "r");
+    auto tracker = track("/b", "t");
+    auto subscription = query("/c/*", "q");
+    registry->loseAll();
+    m_network->disconnected(REGISTRY);
+    m_network->connected(REGISTRY);
+    while (registry->calls.size() < 3) {
+        ASSERT_TRUE(m_scheduler.step());
+    }
+    ASSERT_THAT(registry->asked(), ElementsAre("insert /a", "track /b", "query /c/*"));
+    // Answers to these are behind the news in the queue.
+    registry->track("/b").onNext(update(ADDED, "/b"));
+    registry->query("/c/*").onNext({update(ADDED, "/c/1")});
+    registry->insert("/a").onError(Response::createErrorResponse(409));
+    EXPECT_THAT(toClients(), ElementsAre("r: /a fake://me/a"));
+    EXPECT_THAT(asked(), ElementsAre("cancel track /b", "cancel query /c/*", "insert /a", "track /b", "query /c/*"))
+        << "what has ended has nothing to cancel";
+    registration.dispose();
+    tracker.dispose();
+    subscription.dispose();
+    EXPECT_THAT(asked(), ElementsAre("cancel insert /a", "cancel track /b", "cancel query /c/*"));
+}
+
 TEST_F(RemoteRegistryTest, aPathIsTrackedOnceAndLostWithTheRegistry)
 {
     startConnected();
