@@ -15,7 +15,8 @@ namespace kesa::runtime::v02 {
 ///     kesa::runtime::v02::KesaRuntime::shutdown();
 ///
 /// `initInstance` and `shutdown` must not run at the same time as anything else here, nor on a thread of the runtime,
-/// that is, inside a handler. Misuse is a failed assertion.
+/// that is, inside a handler. Misuse is a failed assertion, and so is either of them while the other one, or itself,
+/// runs in another thread; that nobody uses the instance any more when `shutdown` begins is for the caller to see to.
 class KESA_API KesaRuntime {
 public:
     /// Creates the runtime and starts it. False: started. True: the configuration names no backend; the instance is

@@ -4,13 +4,19 @@
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <atomic>
 #include <new>
 
 namespace kesa::runtime::v02 {
 
 namespace {
 
-KesaRuntimeImpl* singeton_impl = nullptr;
+/// Where the instance is in its life. Whoever creates or ends it takes the state first, so that a second thread finds
+/// out instead of meeting an object that comes or goes.
+enum class State { eNONE, eSTARTING, ePRESENT, eENDING };
+
+std::atomic<State> state{State::eNONE};
+std::atomic<KesaRuntimeImpl*> singeton_impl{nullptr};
 
 void fail(const char* condition, int line, const char* function, const char* message = nullptr)
 {
@@ -21,7 +27,25 @@ void fail(const char* condition, int line, const char* function, const char* mes
 bool isWaitedFor()
 {
     const comm::LoopInfo* const loop = comm::currentLoop();
-    return singeton_impl->isRuntimeThread() || (loop != nullptr && loop->isReactor());
+    return singeton_impl.load()->isRuntimeThread() || (loop != nullptr && loop->isReactor());
+}
+
+/// True when the state was another one. Between the two that last, somebody else is at it: that is told here.
+[[nodiscard]] bool failToTake(State from, State to, int line, const char* function)
+{
+    State found = from;
+    if (state.compare_exchange_strong(found, to)) {
+        return false;
+    }
+    if (found == State::eSTARTING || found == State::eENDING) {
+        fail("!isChanging", line, function,
+             "initInstance or shutdown is still running: call them one after the other, from a thread of your own");
+    } else if (from == State::eNONE) {
+        fail("singeton_impl==nullptr", line, function);
+    } else {
+        fail("singeton_impl!=nullptr", line, function);
+    }
+    return true;
 }
 
 } // namespace
@@ -33,61 +57,68 @@ bool KesaRuntime::initInstance(const std::string& processName)
 
 bool KesaRuntime::initInstance(const std::string& processName, const std::string& fallbackDocument)
 {
-    if (singeton_impl != nullptr) {
-        fail("singeton_impl==nullptr", __LINE__, "initInstance");
+    if (failToTake(State::eNONE, State::eSTARTING, __LINE__, "initInstance")) {
         return false;
     }
     auto* const created = fallbackDocument.empty()
                               ? new (std::nothrow) KesaRuntimeImpl(processName)
                               : new (std::nothrow) KesaRuntimeImpl(KesaConfig::readOr(processName, fallbackDocument));
     if (created == nullptr) {
+        state = State::eNONE;
         fail("singeton_impl!=nullptr", __LINE__, "initInstance");
         return true;
     }
     singeton_impl = created;
-    return singeton_impl->start();
+    const bool failed = created->start();
+    state = State::ePRESENT;
+    return failed;
 }
 
 IKesaRuntime* KesaRuntime::getInstance()
 {
-    if (singeton_impl == nullptr) {
+    KesaRuntimeImpl* const instance = singeton_impl;
+    if (instance == nullptr) {
         fail("singeton_impl!=nullptr", __LINE__, "getInstance");
         return nullptr;
     }
-    if (!singeton_impl->isRunning()) {
+    if (!isRunning()) {
         fail("singeton_impl->isRunning()", __LINE__, "getInstance");
         return nullptr;
     }
-    return singeton_impl;
+    return instance;
 }
 
 void KesaRuntime::shutdown()
 {
-    if (singeton_impl == nullptr) {
-        fail("singeton_impl!=nullptr", __LINE__, "shutdown");
+    if (failToTake(State::ePRESENT, State::eENDING, __LINE__, "shutdown")) {
         return;
     }
-    if (!singeton_impl->isRunning()) {
+    if (!singeton_impl.load()->isRunning()) {
+        state = State::ePRESENT;
         fail("singeton_impl->isRunning()", __LINE__, "shutdown");
         return;
     }
     if (isWaitedFor()) {
+        state = State::ePRESENT;
         fail("!isWaitedFor()", __LINE__, "shutdown",
              "shutdown waits for the runtime's threads: call it from a thread of your own, not from a handler");
         return;
     }
-    delete singeton_impl;
+    delete singeton_impl.load(); // whose handlers may still ask for it
     singeton_impl = nullptr;
+    state = State::eNONE;
 }
 
+/// An instance that is there has run since its start.
 bool KesaRuntime::isRunning()
 {
-    return singeton_impl != nullptr && singeton_impl->isRunning();
+    const State now = state;
+    return now == State::ePRESENT || now == State::eENDING;
 }
 
 bool KesaRuntime::isRegistryHost()
 {
-    return isRunning() && singeton_impl->isRegistryHost();
+    return isRunning() && singeton_impl.load()->isRegistryHost();
 }
 
 } // namespace kesa::runtime::v02

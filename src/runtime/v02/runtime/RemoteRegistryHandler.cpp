@@ -21,10 +21,9 @@ private:
     std::atomic<bool>& m_flag;
 };
 
-RemoteRegistryHandler::RemoteRegistryHandler(
-    const std::function<void(std::unique_ptr<ConnectionHandler>&& handler)>& connect)
+RemoteRegistryHandler::RemoteRegistryHandler(Connect connect) : m_connect(std::move(connect))
 {
-    connect(std::make_unique<responsehandlers::FuncResponseHandler<std::shared_ptr<ServiceRegistryPex>>>(
+    m_connect(std::make_unique<responsehandlers::FuncResponseHandler<std::shared_ptr<ServiceRegistryPex>>>(
         [this](const std::shared_ptr<ServiceRegistryPex>& registry) {
             connectionChanged(registry);
             return false;

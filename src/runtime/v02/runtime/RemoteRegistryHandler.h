@@ -45,8 +45,10 @@ public:
         std::uint64_t lastIssue = 0; ///< its number
     };
 
+    using Connect = std::function<void(std::unique_ptr<ConnectionHandler>&& handler)>;
+
     /// Subscribes to the state of the connection with `connect`, once, here. The object outlives the subscription.
-    explicit RemoteRegistryHandler(const std::function<void(std::unique_ptr<ConnectionHandler>&& handler)>& connect);
+    explicit RemoteRegistryHandler(Connect connect);
     RemoteRegistryHandler(const RemoteRegistryHandler&) = delete;
     RemoteRegistryHandler& operator=(const RemoteRegistryHandler&) = delete;
     ~RemoteRegistryHandler() = default;
@@ -65,6 +67,7 @@ private:
     void issue(std::uint32_t id, Request& request);
     void notDispatching() const;
 
+    const Connect m_connect;
     std::shared_ptr<ServiceRegistryPex> m_registry;
     std::map<std::uint32_t, Request> m_requests;
     std::uint32_t m_nextId = 0;

@@ -86,7 +86,19 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     run();
     m_assertions->take();
     registration.dispose();
+    // Nor while it is under way: here what dies in it stands for another thread.
+    std::shared_ptr<void> dying(nullptr, [](void*) {
+        KesaRuntime::shutdown();
+        KesaRuntime::initInstance("q");
+    });
+    auto kept = std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
+        [dying](const ServiceUpdate&) { return false; }, [](const Response&) {}, [] {});
+    static_cast<void>(instance->trackService("/b", std::move(kept)));
+    run();
+    dying.reset();
     KesaRuntime::shutdown();
+    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("!isChanging, shutdown, initInstance or shutdown is still"),
+                                                  HasSubstr("!isChanging, initInstance, ")));
     EXPECT_FALSE(KesaRuntime::isRunning());
     unsetenv("KESA_CONFIG_DIR");
 }
