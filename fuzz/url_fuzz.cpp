@@ -17,11 +17,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const char c : text) {
         require(c > ' ' && c != 0x7F);
     }
-    std::string sum(locator.scheme());
+    const std::string scheme = locator.scheme();
+    std::string sum = text.substr(0, scheme.size());
+    for (std::size_t i = 0; i < scheme.size(); ++i) {
+        require(scheme[i] == (sum[i] >= 'A' && sum[i] <= 'Z' ? sum[i] - 'A' + 'a' : sum[i]));
+    }
     sum.append(sum.empty() ? "" : ":");
     if (text.compare(sum.size(), 2, "//") == 0) {
         sum.append("//").append(locator.authority());
-        require(locator.isAbsolute() == !locator.scheme().empty());
+        require(locator.isAbsolute() == !scheme.empty());
         require(locator.path().empty() || locator.path()[0] == '/');
     }
     sum += locator.path();

@@ -7,7 +7,7 @@
 #include <utility>
 
 // A parser of RFC 3986 references. It only finds where the components lie and whether they hold forbidden
-// characters; it decodes and normalises nothing.
+// characters; it decodes nothing, and normalises nothing but the scheme when it is asked for.
 
 namespace kesa {
 
@@ -183,6 +183,15 @@ void url::init(std::string text)
     m_pathSize = static_cast<std::uint32_t>(pathEnd - pathBegin);
     m_hasAuthority = hasAuthority;
     m_valid = true;
+}
+
+std::string url::scheme() const
+{
+    std::string scheme(part(0, m_schemeSize));
+    for (char& c : scheme) {
+        c = c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+    }
+    return scheme;
 }
 
 } // namespace kesa

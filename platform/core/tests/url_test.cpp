@@ -16,6 +16,11 @@ TEST(Url, FindsItsParts)
     EXPECT_EQ(full.toString(), "tls://media+3f9c@host.example:7443/media/player");
     EXPECT_FALSE(full.hasQueryOrFragment());
 
+    const url loud("TlS://Host/A");
+    EXPECT_EQ(loud.scheme(), "tls");
+    EXPECT_EQ(loud.toString(), "TlS://Host/A");
+    EXPECT_NE(loud, url("tls://Host/A"));
+
     const url bare("/registry");
     EXPECT_TRUE(bare.isValid());
     EXPECT_FALSE(bare.isAbsolute());

@@ -11,7 +11,7 @@
 namespace kesa {
 
 /// A locator, `scheme://authority/path`. It keeps the text it was built from: that text is its identity, in
-/// equality, as a key and in traces. Nothing is normalised.
+/// equality, as a key and in traces. Nothing in it is normalised; only `scheme` answers in lower case.
 class KESA_API url {
 public:
     /// Empty, not valid.
@@ -25,7 +25,8 @@ public:
     /// Valid, with scheme and authority.
     bool isAbsolute() const noexcept { return m_valid && m_schemeSize > 0 && m_hasAuthority; }
 
-    std::string_view scheme() const noexcept { return part(0, m_schemeSize); }
+    /// In lower case, whatever the text has: RFC 3986 makes no difference.
+    std::string scheme() const;
     std::string_view authority() const noexcept { return part(m_authorityBegin, m_authoritySize); }
     /// "tcp://h:1" has the path "", "/registry" is its own path.
     std::string path() const { return std::string(part(m_pathBegin, m_pathSize)); }
