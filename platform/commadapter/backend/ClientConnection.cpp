@@ -54,7 +54,7 @@ void ClientConnection::start(const std::shared_ptr<ClientState>& client)
         }
         self->m_clients.push_back(client);
         if (self->isOpen()) {
-            self->attach(*client);
+            self->attach(client);
             self->pushOut();
             return;
         }
@@ -104,15 +104,16 @@ void ClientConnection::retire(const std::shared_ptr<ClientState>& client, bool s
 
 void ClientConnection::setConnected(Lock& lock, ClientState& client)
 {
-    tellFailed(lock, client);
-    if (!client.isAttached && client.open.first != 0) {
+    if (client.listener == nullptr || client.isAttached) {
+        return;
+    }
+    if (client.open.first != 0) {
         obr::GlobalErrorHandler::doAssert(false, "client.open.first == 0", __FILE__, __LINE__, __func__,
                                           "a request is open across connections");
     }
-    if (client.listener != nullptr && !client.isAttached) {
-        client.isAttached = true;
-        tellListener(lock, client, &IClientConnectionListener::clientConnected);
-    }
+    client.isAttached = true; // first: what a handler told here issues again is sent, and cannot fail without end
+    tellFailed(lock, m_failures.size());
+    tellListener(lock, client, &IClientConnectionListener::clientConnected);
 }
 
 void ClientConnection::setDisconnected(Lock& lock, ClientState& client, const Response& error)
@@ -145,21 +146,19 @@ void ClientConnection::connected(std::unique_ptr<transport::IStream> stream)
     Lock lock(m_lock);
     open(std::move(stream), m_makeHello());
     for (const auto& client : m_clients) {
-        attach(*client);
+        attach(client);
     }
     lock.unlock();
     begin();
 }
 
 /// With the lock held. Numbers of targets are never used again on a connection: news about an old one may still come.
-void ClientConnection::attach(ClientState& client)
+void ClientConnection::attach(const std::shared_ptr<ClientState>& client)
 {
-    client.target = ++m_lastTarget;
+    client->target = ++m_lastTarget;
     // The path was checked when the locator was read; one that is refused all the same is provided by nobody.
-    static_cast<void>(machine().attach(client.target, client.path));
-    const auto found = std::find_if(m_clients.begin(), m_clients.end(),
-                                    [&client](const auto& known) { return known.get() == &client; });
-    m_targets.emplace(client.target, *found);
+    static_cast<void>(machine().attach(client->target, client->path));
+    m_targets.emplace(client->target, client);
 }
 
 std::shared_ptr<ClientState> ClientConnection::clientOf(std::uint32_t target) const
@@ -255,12 +254,7 @@ void ClientConnection::stop()
         for (const auto& client : m_clients) {
             endStreams(lock, *client, unavailable(SHUTTING_DOWN));
         }
-        while (!m_failures.empty()) {
-            const std::uint64_t handle = m_failures.front().handle;
-            lock.unlock();
-            failed(handle);
-            lock.lock();
-        }
+        tellFailed(lock, m_failures.size());
     }
     lose("shutting down");
     m_clients.clear();

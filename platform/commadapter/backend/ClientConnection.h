@@ -11,6 +11,7 @@
 #include <kesa/Request.h>
 #include <kesa/Response.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -79,8 +80,7 @@ private:
     /// A request that could not be sent, until the loop tells its handler.
     struct Failure {
         std::uint64_t handle;
-        ClientState* client;
-        Handler handler;
+        Handler handler; ///< null: cancelled meanwhile
         unsigned short status;
         const char* text;
     };
@@ -88,7 +88,8 @@ private:
     // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
     bool isRefused(std::size_t size, bool isPersistent);
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
-    void* fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status, const char* text);
+    void* fail(Lock& lock, Handler&& handler, unsigned short status, const char* text);
+    void tellLater();
     Handler takeFailed(std::uint64_t handle);
     void unlink(std::uint32_t stream);
     void cancelStream(std::uint32_t stream);
@@ -98,10 +99,9 @@ private:
 
     // Loop only.
     void connected(std::unique_ptr<transport::IStream> stream);
-    void attach(ClientState& client);
+    void attach(const std::shared_ptr<ClientState>& client);
     void retire(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
-    void failed(std::uint64_t handle);
-    void tellFailed(Lock& lock, const ClientState& client);
+    void tellFailed(Lock& lock, std::size_t atMost);
     void endStreams(Lock& lock, ClientState& client, const Response& error);
     void endStream(std::uint32_t stream, const Response* error);
     void setConnected(Lock& lock, ClientState& client);
@@ -127,13 +127,15 @@ private:
 
     // With the lock held.
     StreamTable<Stream> m_streams;
-    std::deque<Failure> m_failures; ///< handles ascend
+    std::deque<Failure> m_failures; ///< handles ascend; the last one is not cancelled
+    bool m_isTelling = false;       ///< an event for all of them is in the loop's queue
     std::size_t m_openSingles = 0;
     bool m_isStopped = false;
     std::uint64_t m_runningHandle = 0;              ///< of the handler being called
     const ClientState* m_runningListener = nullptr; ///< of the listener being called
     unsigned m_waiting = 0;
     comm::Condition m_ended;
+    std::atomic<bool> m_isLoopGone{false}; ///< it has dropped an event
 
     // Loop only.
     std::vector<std::shared_ptr<ClientState>> m_clients; ///< started and not retired

@@ -24,6 +24,8 @@ constexpr unsigned STREAM_BITS = 17;
 static_assert(MAX_STREAMS < (1U << STREAM_BITS));
 static_assert(sizeof(void*) == sizeof(std::uint64_t), "a handle is a count");
 
+constexpr std::size_t TOLD_AT_ONCE = 256;
+
 constexpr const char* NOT_CONNECTED = "the service is not connected";
 constexpr const char* TOO_SLOW = "the service is too slow";
 constexpr const char* TOO_MANY = "too many open requests";
@@ -64,7 +66,7 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
         return IKesaApi::UNDEFINED_REQUEST_HANDLE;
     }
     if (!client.isAttached || !isOpen()) {
-        return fail(lock, client, std::move(handler), 503, NOT_CONNECTED);
+        return fail(lock, std::move(handler), 503, NOT_CONNECTED);
     }
     return send(lock, client, request, std::move(handler));
 }
@@ -73,17 +75,17 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
 {
     const auto semantic = request.getHeaders()[headers::RESPONSE_SEMANTIC].stringView();
     if (isRefused(request.getPayload().size(), semantic == responsesemantics::PERSISTENT_STREAM)) {
-        return fail(lock, client, std::move(handler), 503, TOO_SLOW);
+        return fail(lock, std::move(handler), 503, TOO_SLOW);
     }
     const std::uint32_t number = m_streams.takeAny();
     if (number == 0) {
-        return fail(lock, client, std::move(handler), 503, TOO_MANY);
+        return fail(lock, std::move(handler), 503, TOO_MANY);
     }
     const auto sent = machine().request(number, client.target, request);
     if (sent != protocol::Machine::Sent::eQUEUED) {
         m_streams.giveBack(number);
         const bool isTooLarge = sent == protocol::Machine::Sent::eTOO_LARGE;
-        return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400, isTooLarge ? TOO_LARGE : NOT_SENDABLE);
+        return fail(lock, std::move(handler), isTooLarge ? 413 : 400, isTooLarge ? TOO_LARGE : NOT_SENDABLE);
     }
     Stream& stream = *m_streams.find(number);
     stream.handler = std::move(handler);
@@ -116,40 +118,50 @@ bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
     return isStuck(comm::now());
 }
 
-/// Hands the error to the loop, which tells it in its turn. When the loop has ended meanwhile, it is told here.
-void* ClientConnection::fail(Lock& lock, ClientState& client, Handler&& handler, unsigned short status,
-                             const char* text)
+/// Hands the error to the loop, which tells it in its turn. When the loop has ended, it is told here.
+void* ClientConnection::fail(Lock& lock, Handler&& handler, unsigned short status, const char* text)
+{
+    const std::uint64_t handle = nextHandle(0);
+    m_failures.push_back({handle, std::move(handler), status, text});
+    tellLater();
+    if (!m_isStopped) {
+        return reinterpret_cast<void*>(handle);
+    }
+    handler = takeFailed(handle);
+    lock.unlock();
+    handler->onError(Response::createErrorResponse(503, SHUTTING_DOWN));
+    return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+}
+
+/// One event for all that fail until it runs, and for a few of them at a time: the loop has others to serve.
+void ClientConnection::tellLater()
 {
     struct Telling {
-        Telling(std::shared_ptr<ClientConnection> toTell, std::uint64_t failedHandle)
-            : connection(std::move(toTell)), handle(failedHandle)
-        {}
+        explicit Telling(std::shared_ptr<ClientConnection> toTell) : connection(std::move(toTell)) {}
         Telling(Telling&&) = default;
         ~Telling()
         {
-            if (connection) { // the loop has dropped it
-                const Lock held(connection->m_lock);
-                connection->m_isStopped = true;
+            if (connection) { // dropped: perhaps inside `post`, with the lock held
+                connection->m_isLoopGone = true;
             }
         }
-        void operator()() { std::exchange(connection, nullptr)->failed(handle); }
+        void operator()()
+        {
+            const auto self = std::exchange(connection, nullptr);
+            Lock lock(self->m_lock);
+            self->tellFailed(lock, TOLD_AT_ONCE);
+            self->m_isTelling = false;
+            if (!self->m_failures.empty()) {
+                self->tellLater();
+            }
+        }
 
         std::shared_ptr<ClientConnection> connection;
-        std::uint64_t handle;
     };
-    const std::uint64_t handle = nextHandle(0);
-    m_failures.push_back({handle, &client, std::move(handler), status, text});
-    lock.unlock();
-    const auto self = std::static_pointer_cast<ClientConnection>(shared_from_this());
-    loop().post(Telling(self, handle));
-    lock.lock();
-    const Handler untold = m_isStopped ? takeFailed(handle) : nullptr;
-    lock.unlock();
-    if (untold) {
-        untold->onError(Response::createErrorResponse(503, SHUTTING_DOWN));
-        return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    if (!std::exchange(m_isTelling, true)) {
+        loop().post(Telling(std::static_pointer_cast<ClientConnection>(shared_from_this())));
     }
-    return reinterpret_cast<void*>(handle);
+    m_isStopped = m_isStopped || m_isLoopGone;
 }
 
 ClientConnection::Handler ClientConnection::takeFailed(std::uint64_t handle)
@@ -160,40 +172,24 @@ ClientConnection::Handler ClientConnection::takeFailed(std::uint64_t handle)
         return nullptr;
     }
     Handler handler = std::move(found->handler);
-    m_failures.erase(found);
+    while (!m_failures.empty() && !m_failures.back().handler) {
+        m_failures.pop_back();
+    }
     return handler;
 }
 
-void ClientConnection::failed(std::uint64_t handle)
+/// In the order in which they were issued. A handler may issue again: that is not told here for ever.
+void ClientConnection::tellFailed(Lock& lock, std::size_t atMost)
 {
-    Lock lock(m_lock);
-    const auto found = std::find_if(m_failures.begin(), m_failures.end(),
-                                    [handle](const Failure& failure) { return failure.handle == handle; });
-    if (found == m_failures.end()) {
-        return;
-    }
-    const Response error = Response::createErrorResponse(found->status, found->text);
-    Handler handler = std::move(found->handler);
-    m_failures.erase(found);
-    run(lock, handle, [&] {
-        handler->onError(error);
-        handler.reset();
-    });
-}
-
-/// Tells the requests of `client` that failed so far.
-void ClientConnection::tellFailed(Lock& lock, const ClientState& client)
-{
-    while (true) {
-        const auto found = std::find_if(m_failures.begin(), m_failures.end(),
-                                        [&client](const Failure& failure) { return failure.client == &client; });
-        if (found == m_failures.end()) {
-            return;
+    for (; atMost > 0 && !m_failures.empty(); --atMost) {
+        Failure failure = std::move(m_failures.front());
+        m_failures.pop_front();
+        if (failure.handler) {
+            run(lock, failure.handle, [&failure] {
+                failure.handler->onError(Response::createErrorResponse(failure.status, failure.text));
+                failure.handler.reset();
+            });
         }
-        const std::uint64_t handle = found->handle;
-        lock.unlock();
-        failed(handle);
-        lock.lock();
     }
 }
 

@@ -179,6 +179,54 @@ TEST_P(BackendRequests, ServiceThatIsWithdrawnIsDisconnectedAfterIts503s)
     EXPECT_FALSE(client->checker.isConnected());
 }
 
+// The loop's events are counted: what is told costs none for each request.
+TEST_P(BackendRequests, OneThatFailsCostsTheSameAmongMany)
+{
+    constexpr unsigned MANY = 20'000;
+    server->unprovide(url(locator));
+    settle();
+    std::vector<std::shared_ptr<Outcome>> told;
+    for (unsigned i = 0; i < MANY; ++i) {
+        told.push_back(client->request(retrieve("/echo")));
+        client->cancel(*client->request(retrieve("/echo")));
+    }
+    EXPECT_LT(scheduler->runReady(), MANY / 100);
+    for (const auto& outcome : told) {
+        EXPECT_EQ(outcome->status, 503);
+    }
+}
+
+TEST_P(BackendRequests, HandlerThatIssuesAgainAtOnceGetsThrough)
+{
+    server->unprovide(url(locator));
+    settle();
+    struct Again final : IResponseHandler<Response> {
+        Again(Client& toAsk, std::string& toFill, unsigned timesLeft) : client(toAsk), answer(toFill), left(timesLeft)
+        {}
+        bool onNext(const Response& response) override
+        {
+            answer = response.getPayload().text();
+            return false;
+        }
+        void onError(const Response&) override
+        {
+            if (left > 0) {
+                client.api().request(retrieve("/echo", "there"), std::make_unique<Again>(client, answer, left - 1));
+            }
+        }
+        void onCompleted() override {}
+        Client& client;
+        std::string& answer;
+        const unsigned left;
+    };
+    std::string answer;
+    client->api().request(retrieve("/echo", "there"), std::make_unique<Again>(*client, answer, 10'000));
+    ASSERT_EQ(provide(*server, "/service", service), locator);
+    settle();
+    EXPECT_EQ(answer, "there");
+    EXPECT_TRUE(client->checker.isConnected());
+}
+
 // Wherever the requests are on their way, to whichever service: they end before the listener hears of it.
 TEST_P(BackendRequests, QuickWithdrawalIsSeenAndEndsWhatWasOpen)
 {
