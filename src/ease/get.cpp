@@ -57,13 +57,13 @@ private:
         static void operator delete(Handler* handler, std::destroying_delete_t)
         {
             Call& call = handler->m_call;
-            call.end(nullptr);
+            call.end(nullptr, false);
             call.release();
         }
 
         bool onNext(const Response& response) noexcept override { return m_call.take(response); }
-        void onError(const Response& error) noexcept override { m_call.end(&error); }
-        void onCompleted() noexcept override { m_call.end(nullptr); }
+        void onError(const Response& error) noexcept override { m_call.end(&error, false); }
+        void onCompleted() noexcept override { m_call.end(nullptr, true); }
 
     private:
         Call& m_call;
@@ -82,8 +82,8 @@ private:
         return false;
     }
 
-    /// Wakes only who still waits for an answer.
-    void end(const Response* error)
+    /// Neither: the handler was dropped. Wakes only who still waits for an answer.
+    void end(const Response* error, bool isCompleted)
     {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
@@ -95,6 +95,8 @@ private:
             }
             if (error != nullptr) {
                 m_error = *error;
+            } else if (isCompleted) {
+                m_response.emplace();
             }
         }
         wake();
@@ -170,9 +172,10 @@ GetResult get(IKesaApi& api, const Request& request, comm::TimeNs timeout)
     }
     call->release();
     if (!result.response && result.error.empty()) {
-        result.error = isOver ? fmt::format("'{} {}' ended without an answer", request.getCommand(), request.getPath())
-                              : fmt::format("no answer to '{} {}' within {} ms", request.getCommand(),
-                                            request.getPath(), timeout / comm::MILLISECOND);
+        result.error =
+            isOver ? fmt::format("'{} {}' was dropped without an answer", request.getCommand(), request.getPath())
+                   : fmt::format("no answer to '{} {}' within {} ms", request.getCommand(), request.getPath(),
+                                 timeout / comm::MILLISECOND);
     }
     return result;
 }

@@ -19,7 +19,8 @@ struct GetResult {
 };
 
 /// Sends `request` and waits for its first answer, `timeout` at most; whatever the service would say further is
-/// cancelled:
+/// cancelled. A request that ends without an answer and without an error has succeeded: its answer is an empty one of
+/// status 200.
 ///
 ///     const kesa::GetResult cpu = kesa::get(*api, kesa::Request("retrieve", "/cpu"), 2 * comm::SECOND);
 ///     if (!cpu) { std::cerr << cpu.error << '\n'; }

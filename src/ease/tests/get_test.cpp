@@ -43,7 +43,18 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
     EXPECT_TRUE(kept->isCancelled());
     const GetResult missing = ask("/none");
     EXPECT_TRUE(!missing && missing.status == 404);
-    EXPECT_EQ(ask("/empty").error, "'retrieve /empty' ended without an answer");
+    const GetResult empty = ask("/empty");
+    EXPECT_TRUE(empty && empty.response->getStatus() == 200 && empty.response->getPayload().isEmpty());
+    EXPECT_EQ(empty.error, "");
+    struct : IKesaApi {
+        void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&& handler) override
+        {
+            handler.reset();
+            return this;
+        }
+        void cancel(void*) override {}
+    } dropping;
+    EXPECT_EQ(get(dropping, Request("update", "/x"), comm::SECOND).error, "'update /x' was dropped without an answer");
     const GetResult late = ask("/silent");
     EXPECT_EQ(late.error, "no answer to 'retrieve /silent' within 50 ms");
     EXPECT_EQ(late.status, 0);
