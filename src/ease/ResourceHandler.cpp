@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <exception>
 #include <vector>
 
 namespace kesa {
@@ -115,10 +116,22 @@ private:
     std::vector<Segment> m_segments;
 };
 
-void refuse(std::string_view command, std::string_view route, std::string_view fault)
+void complain(const std::string& text)
 {
     static const ::tracing::Channel channel("KESA_EASE");
-    KESA_TRACE_TEXT(channel, 4, fmt::format("[ResourceHandler] route '{} {}' is refused: {}", command, route, fault));
+    KESA_TRACE_TEXT(channel, 4, "[ResourceHandler] " + text);
+}
+
+void refuse(std::string_view command, std::string_view route, std::string_view fault)
+{
+    complain(fmt::format("route '{} {}' is refused: {}", command, route, fault));
+}
+
+/// Our service's bug, but no reason to end the process: whoever can send a bad input could end it at will.
+void fail(const Request& request, OpenRequest& open, const char* what)
+{
+    complain(fmt::format("'{} {}' has thrown: {}", request.getCommand(), request.getPath(), what));
+    open.onError(Response::createErrorResponse(500, what));
 }
 
 /// The commands `route` has, for the client that asked for another one.
@@ -202,9 +215,14 @@ private:
         if (!open) {
             return UNDEFINED_REQUEST_HANDLE;
         }
-        void* const handle = open->handle();
-        function(request, parameters, Responder(std::move(open)));
-        return handle;
+        try {
+            function(request, parameters, Responder(open));
+        } catch (const std::exception& exception) {
+            fail(request, *open, exception.what());
+        } catch (...) {
+            fail(request, *open, "an exception that is no std::exception");
+        }
+        return open->handle();
     }
 
     std::vector<Route> m_routes; ///< the most particular first

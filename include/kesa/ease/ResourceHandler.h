@@ -30,8 +30,11 @@ namespace kesa {
 /// says so.
 ///
 /// Threads: routes are added before the service is registered. The functions are called as `IKesaApi` says, one
-/// request at a time; the `Responder` may be kept and used from any thread. An exception out of a function ends the
-/// process. What is open when the object dies is answered 503.
+/// request at a time; the `Responder` may be kept and used from any thread. What is open when the object dies is
+/// answered 503.
+///
+/// An exception out of a function is traced (4) on "KESA_EASE" and ends its request with 500 and the exception's text,
+/// unless the request has ended already; a `Responder` that was kept is without effect then.
 class KESA_API ResourceHandler : public IKesaApi {
 public:
     using Function = util::UniqueFunction<void(const Request&, const PathParameters&, Responder)>;

@@ -1,6 +1,9 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
+#include <tracing/CapturingSink.h>
+
+#include <stdexcept>
 
 namespace {
 
@@ -58,6 +61,48 @@ TEST(ResourceHandler, SaysWhatItDoesNotServe)
         service.onInsert(route, [](const Request&, Responder responder) { responder.answer(text("no")); });
     }
     EXPECT_EQ(ask(service, "insert", "/x/a"), "404: no resource at '/x/a'");
+}
+
+TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)
+{
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
+    ResourceHandler service;
+    std::vector<Responder> kept;
+    service
+        .onRetrieve("/number/{text}",
+                    [](const Request&, const PathParameters& parameters, Responder responder) {
+                        responder.answer(text(std::to_string(std::stoi(std::string(parameters["text"])))));
+                    })
+        .onRetrieve("/odd", [](const Request&, Responder) { throw 7; })
+        .onRetrieve("/late",
+                    [](const Request&, Responder responder) {
+                        responder.answer(text("answered"));
+                        throw std::runtime_error("after the end");
+                    })
+        .onRetrieve("/kept", [&kept](const Request&, Responder responder) {
+            static_cast<void>(responder.next(text("first")));
+            kept.push_back(std::move(responder));
+            throw std::runtime_error("left");
+        });
+    EXPECT_EQ(ask(service, "retrieve", "/number/x"), "500: stoi");
+    EXPECT_EQ(ask(service, "retrieve", "/odd"), "500: an exception that is no std::exception");
+    EXPECT_EQ(ask(service, "retrieve", "/number/3"), "3");
+
+    std::vector<std::string> got;
+    for (const char* path : {"/late", "/kept"}) {
+        service.request(Request("retrieve", path),
+                        handler<Response>([&](const Response& r) { got.emplace_back(r.getPayload().text()); },
+                                          [&](const Response& e) { got.push_back(e.getErrorMessage()); },
+                                          [&] { got.push_back("done"); }));
+    }
+    EXPECT_TRUE(kept.front().isCancelled() && kept.front().next(text("second")));
+    kept.clear();
+    EXPECT_THAT(got, testing::ElementsAre("answered", "done", "first", "left"));
+    EXPECT_THAT(sink->take(), testing::ElementsAre(testing::HasSubstr("'retrieve /number/x' has thrown: stoi"),
+                                                   testing::HasSubstr("'retrieve /odd'"),
+                                                   testing::HasSubstr("after the end"), testing::HasSubstr("left")));
+    ::tracing::setSink(nullptr);
 }
 
 // That nothing comes after an end is proven where requests are kept, for all services.

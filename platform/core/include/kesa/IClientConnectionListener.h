@@ -8,7 +8,7 @@
 namespace kesa {
 
 /// Hears of the connection of one client object. Calls come on the backend's threads, one at a time; connected and
-/// disconnected alternate, beginning with connected.
+/// disconnected alternate, beginning with connected. An exception ends the process.
 class KESA_API IClientConnectionListener {
 public:
     virtual ~IClientConnectionListener();

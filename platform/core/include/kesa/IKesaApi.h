@@ -16,7 +16,9 @@ namespace kesa {
 ///
 /// As a service object: called on the backend's I/O loop, one request at a time; it must not block, and must not wait
 /// for anything the runtime's threads deliver. `kesa::on` moves a service to a loop of its own. The handler may be
-/// kept and answered from any thread, one at a time; one destroyed without an end is told to the client as 503.
+/// kept and answered from any thread, one at a time; one destroyed without an end is told to the client as 503. An
+/// exception out of `request` or `cancel` ends the process, on a loop of `kesa::on`, too; `ResourceHandler` catches
+/// those of its functions.
 class KESA_API IKesaApi {
 public:
     /// There is no request. Cancelling it, or a request that has ended, does nothing.

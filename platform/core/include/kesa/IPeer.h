@@ -9,7 +9,7 @@
 namespace kesa {
 
 /// The process at the other end of the connection that a request came over. Any thread; it may be kept, and may outlive
-/// the connection and the backend.
+/// the connection and the backend. An exception out of a function given here ends the process.
 class KESA_API IPeer {
 public:
     virtual ~IPeer();

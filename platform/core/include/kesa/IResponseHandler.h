@@ -8,7 +8,7 @@ namespace kesa {
 class Response;
 
 /// Receives a stream of values: any number of `onNext`, then at most one of `onError` and `onCompleted`. One thread
-/// calls at a time. No operation may throw. After the destructor nothing is called.
+/// calls at a time. No operation may throw: an exception ends the process. After the destructor nothing is called.
 template <class T>
 class KESA_API IResponseHandler {
 public:
