@@ -189,7 +189,7 @@ void addCall(CLI::App& app)
     auto arguments = std::make_shared<Arguments>();
     CLI::App* const command = app.add_subcommand("call", "Sends a request to a service and prints the answer.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
-    command->add_option("RESOURCE", arguments->resource, "Inside the service.")->check(checkPath)->type_name("");
+    command->add_option("RESOURCE", arguments->resource, "Inside the service.")->check(checkResource)->type_name("");
     command->add_option("--command", arguments->command, "retrieve, insert, update or delete.")
         ->check(CLI::IsMember({"retrieve", "insert", "update", "delete"}))
         ->type_name("COMMAND")

@@ -18,6 +18,9 @@ void addCommonOptions(CLI::App& command, CommonOptions& options, const std::stri
 
 std::string checkGlob(const std::string& glob)
 {
+    if (glob == "/") {
+        return checkPath(glob); // it matches that path only, which no service has
+    }
     if (kesa::PathPatterns::createFromGlob(glob)) {
         return {};
     }
@@ -31,6 +34,11 @@ std::string checkPath(const std::string& path)
     return kesa::Path::isCanonical(path)
                ? ""
                : "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end";
+}
+
+std::string checkResource(const std::string& path)
+{
+    return path == "/" ? "" : checkPath(path);
 }
 
 std::string literal(const std::string& path)

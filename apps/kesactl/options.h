@@ -21,7 +21,8 @@ void addCommonOptions(CLI::App& command, CommonOptions& options, const std::stri
 
 // For `CLI::Option::check`: what is wrong, or empty.
 std::string checkGlob(const std::string& glob);
-std::string checkPath(const std::string& path);
+std::string checkPath(const std::string& path);     ///< of a service, which "/" is not
+std::string checkResource(const std::string& path); ///< inside a service
 
 /// A glob that matches this path only.
 std::string literal(const std::string& path);

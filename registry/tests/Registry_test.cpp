@@ -288,17 +288,20 @@ TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
     deep.metadata = GenericObject{{"key", std::string(MAX_QUERY_BYTES, 'x')}};
     for (void* const handle : {registerService(process, "large", large), query(process, "deep", deep),
                                registerService(process, "bent", service("/a/../b")), track(process, "bent", "a"),
-                               query(process, "glob", Query("/a/[b"))}) {
+                               query(process, "glob", Query("/a/[b")), registerService(process, "root", service("/")),
+                               track(process, "root", "/")}) {
         EXPECT_EQ(handle, IKesaApi::UNDEFINED_REQUEST_HANDLE);
     }
     const Lines lines = told();
-    ASSERT_EQ(lines.size(), 10U); // each with its "gone"
+    ASSERT_EQ(lines.size(), 14U); // each with its "gone"
     for (const std::size_t index : {0U, 2U}) {
         EXPECT_THAT(lines[index], testing::AllOf(HasSubstr(": 400: the "), HasSubstr("the limit is 32768")));
     }
     EXPECT_THAT(lines[4], HasSubstr("400: '/a/../b' is no canonical"));
     EXPECT_THAT(lines[6], HasSubstr("400: 'a' is no canonical"));
     EXPECT_THAT(lines[8], HasSubstr("position 4"));
+    EXPECT_THAT(lines[10], HasSubstr("400: '/' is no canonical"));
+    EXPECT_THAT(lines[12], HasSubstr("400: '/' is no canonical"));
 
     std::unique_ptr<IResponseHandler<ServiceDef>> handler =
         std::make_unique<NotingHandler<ServiceDef>>(m_lines, "other", nullptr);

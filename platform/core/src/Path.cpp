@@ -65,7 +65,7 @@ bool Path::isAbsolute(const std::string& path) noexcept
 
 bool Path::isCanonical(const std::string& path) noexcept
 {
-    if (!isWellFormed(path) || path.size() > MAX_PATH_SIZE) {
+    if (!isWellFormed(path) || path.size() == 1 || path.size() > MAX_PATH_SIZE) {
         return false;
     }
     for (Segments segments(path); !segments.atEnd(); segments.next()) {

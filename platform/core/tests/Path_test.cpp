@@ -6,11 +6,11 @@ using kesa::Path;
 
 TEST(Path, CanonicalIsWhatAServiceMayBeCalled)
 {
-    for (const char* path : {"/", "/a", "/media/player", "/a/.../b", "/\xC3\xBC", "/a b", "/.hidden"}) {
+    for (const char* path : {"/a", "/media/player", "/a/.../b", "/\xC3\xBC", "/a b", "/.hidden"}) {
         EXPECT_TRUE(Path::isCanonical(path)) << path;
     }
-    for (const char* path : {"", "a", "a/b", "//", "/a/", "/a//b", "/.", "/..", "/a/./b", "/a/../b", "/a\n", "/\x7F",
-                             "/\xC2\x85", "/\xC3", "/\xC0\xAF", "/\xED\xA0\x80", "/\xF5\x80\x80\x80"}) {
+    for (const char* path : {"", "/", "a", "a/b", "//", "/a/", "/a//b", "/.", "/..", "/a/./b", "/a/../b", "/a\n",
+                             "/\x7F", "/\xC2\x85", "/\xC3", "/\xC0\xAF", "/\xED\xA0\x80", "/\xF5\x80\x80\x80"}) {
         EXPECT_FALSE(Path::isCanonical(path)) << path;
     }
     EXPECT_TRUE(Path::isCanonical('/' + std::string(4095, 'a')));

@@ -22,7 +22,7 @@ public:
 
     /// Begins with '/'.
     static bool isAbsolute(const std::string& path) noexcept;
-    /// Absolute, without empty, "." and ".." segments and without a trailing '/' (but "/" itself), printable UTF-8
+    /// Absolute, without empty, "." and ".." segments and without a trailing '/' (so "/" is not), printable UTF-8
     /// and at most 4096 bytes: what a service may be registered and tracked under.
     static bool isCanonical(const std::string& path) noexcept;
     /// `a` and `b` with exactly one '/' between them; `a` when `b` is empty.

@@ -113,7 +113,11 @@ void reviewDocument(ConfigReport& report)
     reviewKeys(report.root, report.path(""), rootKeys(), report);
     std::size_t index = 0;
     for (const Value& service : report.root["services"].items()) {
-        reviewKeys(service, report.path("services[") + std::to_string(index++) + "].", serviceKeys(), report);
+        const std::string place = report.path("services[") + std::to_string(index++) + "].";
+        reviewKeys(service, place, serviceKeys(), report);
+        if (service["path"].stringView() == "/") {
+            report.complaints.push_back({3, false, place + "path", "'/' is no path of a service: nobody can reach it"});
+        }
     }
     reviewKeys(report.root["smartProxy"], report.path("smartProxy."), smartProxyKeys(), report);
 }

@@ -94,7 +94,7 @@ private:
     bool findService(const char* operation, Path& service)
     {
         const auto index = m_dispatch.empty() ? nullopt : Path::indexIntoPathFromPattern(SERVICE_ROUTE, WILDCARD);
-        if (!index) {
+        if (!index || m_request.getPath() == ServiceRegistryService::ROOT) {
             return refuse(400, 15, operation);
         }
         service = Path(Path::makeAbsolute(Path::subpath(m_request.getPath(), *index)));

@@ -94,7 +94,7 @@ TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
 TEST_F(RegistrationTest, badArgumentsAreRefusedWithASentence)
 {
     m_runtime = startRuntime();
-    for (const char* const path : {"", "a", "/a/", "//a", "/a/../b", "/a\n"}) {
+    for (const char* const path : {"", "/", "//", "a", "/a/", "//a", "/a/../b", "/a\n"}) {
         auto registration = registerService(path, "r");
         auto tracking = track(path, "t");
         auto resolving = follow(path, "s");

@@ -91,6 +91,8 @@ TEST_F(ServiceRegistryServiceTest, RefusesWithAStatusAReasonAndATrace)
          {},
          "",
          "400: ServiceRegistryService::registerService: no service path can be derived from the path of the request"},
+        {"insert", "/", json(jsonOfService("/")), "/",
+         "400: ServiceRegistryService::registerService: no service path can be derived from the path of the request"},
         {"insert", "/a", json(R"({"path":"/a","type":"pex","versions":[]})"), "/",
          "400: Cannot build ServiceDef, some of required attributes are not set: Locators "},
         {"retrieve", "/", json("{}"), "/",
