@@ -35,8 +35,8 @@ inline std::vector<std::string_view> localMarks()
         "[trackAndResolveServices onNext of tracking] eREMOVED call onNext to client",
         "[trackAndResolveService onNext of resolve] proxy is gone",
         "[trackAndResolveServices onNext of resolve] proxy is gone",
-        "[trackAndResolveService onNext of tracking] subscription is gone",
-        "[trackAndResolveServices onNext of tracking] subscription is gone",
+        "[trackAndResolveService onNext of tracking] can not find m_trackAndResolveServiceHandler",
+        "[trackAndResolveServices onNext of tracking] can not find m_trackAndResolveServiceHandler",
         "[addResponseHandler] add handle",
         "[dtor] m_runtimeEntries",
     };

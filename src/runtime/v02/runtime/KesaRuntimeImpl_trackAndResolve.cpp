@@ -58,14 +58,9 @@ void KesaRuntimeImpl::onAddedOfTracking(const Handle& handle, const ServiceDef& 
 {
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveService onNext of tracking] eADDED service='%s' hanlde='%p'",
                serviceDef.path.toString().c_str(), handle.address);
-    if (m_trackedDisposable.count(handle) == 0) {
-        // Disposed, or ended by an error of its proxy, while this update was queued: nobody would free a proxy.
-        KESA_TRACE(MAIN_CHANNEL, 3, "[trackAndResolveService onNext of tracking] subscription is gone handle='%p'",
-                   handle.address);
-        return;
-    }
     const optional<url> locator = m_backendList.getBestLocator(serviceDef.locators);
-    if (locator) {
+    // GUARD: whoever has disposed, or was told an error, hears of no proxy any more; perhaps nobody would free it.
+    if (locator && m_trackAndResolveServiceHandler.count(handle) != 0) {
         const std::uint64_t token = newNumber();
         auto resolveHandler = createResolveTrackerForService(serviceDef, handle, token);
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveService onNext of tracking] insert");
@@ -74,7 +69,9 @@ void KesaRuntimeImpl::onAddedOfTracking(const Handle& handle, const ServiceDef& 
         openProxy(proxy, std::move(resolveHandler));
         return;
     }
-    KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveService onNext of tracking] resolved url is null");
+    if (!locator) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveService onNext of tracking] resolved url is null");
+    }
     if (auto service = take(m_trackAndResolveServiceHandler, handle)) {
         postError(std::move(service->client), Response::createErrorResponse(404));
     } else {

@@ -61,14 +61,9 @@ void KesaRuntimeImpl::onAddedOfQueryTracking(const Handle& handle, const Service
     const std::string& path = serviceDef.path.toString();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of tracking] eADDED service='%s' locators=%zu",
                path.c_str(), serviceDef.locators.size());
-    if (m_trackedDisposable.count(handle) == 0) {
-        // Disposed, or ended by an error of a proxy, while this update was queued: nobody would free a proxy.
-        KESA_TRACE(MAIN_CHANNEL, 3, "[trackAndResolveServices onNext of tracking] subscription is gone handle='%p'",
-                   handle.address);
-        return;
-    }
     const optional<url> locator = m_backendList.getBestLocator(serviceDef.locators);
-    if (locator) {
+    // GUARD: as in the form for one service.
+    if (locator && m_trackAndResolvedServicesQuery.count(handle) != 0) {
         const std::uint64_t token = newNumber();
         auto resolveHandler = createResolveTrackerForQueryServices(serviceDef, handle, token);
         OpenedProxy& proxy = m_resolvedServicesLocators[handle]
@@ -77,7 +72,9 @@ void KesaRuntimeImpl::onAddedOfQueryTracking(const Handle& handle, const Service
         openProxy(proxy, std::move(resolveHandler));
         return;
     }
-    KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] no url to resolve");
+    if (!locator) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] no url to resolve");
+    }
     if (auto bookkeeper = take(m_trackAndResolvedServicesQuery, handle)) {
         postError(std::move(*bookkeeper), Response::createErrorResponse(404));
     } else {

@@ -110,6 +110,34 @@ TEST_F(ResolvingTest, aFollowedServiceThatCannotBeReachedEndsTheSubscription)
     EXPECT_EQ(m_network->openClients(), 0U);
 }
 
+// What the client has been told is the end. The tracking goes on, and so does what was open then, until it is disposed.
+TEST_F(ResolvingTest, whoWasToldItsErrorHasNoProxyOpenedAnyMore)
+{
+    m_runtime = startRuntime();
+    m_network->isAutomatic = true;
+    auto b = registerService("/b", "b");
+    auto one = follow("/a", "one");
+    auto all = followAll("**", "all");
+    run();
+    m_network->handledScheme = "other";
+    registerService("/a", "a").dispose();
+    EXPECT_THAT(toClients(), testing::IsSupersetOf(
+                                 {"all: present /b", "one: error 404", "one: gone", "all: error 404", "all: gone"}));
+    m_network->handledScheme = "fake";
+    m_network->calls();
+    Disposable a;
+    EXPECT_THAT(
+        traced(3, [&] { a = registerService("/a", "a"); }),
+        testing::IsSupersetOf({HasSubstr("[trackAndResolveService onNext of tracking] can not find m_track"),
+                               HasSubstr("[trackAndResolveServices onNext of tracking] can not find m_track")}));
+    EXPECT_THAT(m_network->calls(), ElementsAre("provide fake://me/a"));
+    EXPECT_THAT(traced(4, [&] { m_network->disconnected("fake://me/a"); }), IsEmpty());
+    EXPECT_EQ(m_network->openClients(), 1U) << "that of /b";
+    all.dispose();
+    run();
+    EXPECT_EQ(m_network->openClients(), 0U);
+}
+
 TEST_F(ResolvingTest, oneProxyThatFailsEndsAQueryAndFreesTheOthers)
 {
     m_runtime = startRuntime();
