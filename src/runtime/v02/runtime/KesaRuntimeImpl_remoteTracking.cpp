@@ -345,9 +345,9 @@ void KesaRuntimeImpl::removeUnlessRegisteredHere(const std::string& path, const 
     }
     findAndUnregister(path, caller);
     // An entry that trackers keep loses the record, too. Their own tracking may have been begun after the service went:
-    // it will not say so, and whoever comes next would be told of a service that is gone.
+    // it will not say so, and whoever comes next would be told of a service that is gone. One that has answered will.
     const auto kept = m_runtimeEntries.find(path);
-    if (kept != m_runtimeEntries.end() && !kept->second.isStaticConfigured) {
+    if (kept != m_runtimeEntries.end() && !kept->second.isStaticConfigured && !kept->second.isTrackingAnswered) {
         kept->second.optionalServiceDef.reset();
     }
 }

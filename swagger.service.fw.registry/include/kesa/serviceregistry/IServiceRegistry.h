@@ -20,6 +20,11 @@ namespace kesa::serviceregistry {
 /// the caller's, and `IKesaApi::UNDEFINED_REQUEST_HANDLE` is returned. Handlers are called on whatever thread the
 /// answers come on and must only post. A registry never completes a stream.
 ///
+/// There is one order of all changes, and all streams of one connection keep to it among each other: none tells of a
+/// change after another one has told of a later change, and a first answer says how it is when it is given. The runtime
+/// relies on that wherever several streams tell of one path: a removal that comes late would take away a service that
+/// is there. Only the trackers of a path whose tracking has answered are safe from it: no query speaks for them.
+///
 /// Statuses: 400 a malformed pattern or record, 409 the path is another living process's, 503
 /// the registry is out of reach for now.
 class KESA_API IServiceRegistry {

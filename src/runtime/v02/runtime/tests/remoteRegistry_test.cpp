@@ -369,6 +369,26 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     EXPECT_THAT(toClients(), testing::IsSupersetOf({"q: ADDED /b", "q: REMOVED /b"}));
 }
 
+// Whatever order the registry's streams come in.
+TEST_F(RemoteRegistryTest, aQuerySpeaksForNoTrackingThatHasAnswered)
+{
+    startConnected();
+    auto subscription = query("**", "q");
+    auto tracker = track("/a", "t");
+    run();
+    registry->query("**").onNext({update(ADDED, "/a")});
+    registry->track("/a").onNext(update(ADDED, "/a"));
+    EXPECT_THAT(toClients(), UnorderedElementsAre("q: ADDED /a", "t: ADDED /a"));
+    registry->query("**").onNext({update(REMOVED, "/a")}); // of what was there before the answer
+    EXPECT_THAT(toClients(), ElementsAre("q: REMOVED /a"));
+    auto late = track("/a", "u");
+    EXPECT_THAT(toClients(), ElementsAre("u: ADDED /a")) << "the record is kept";
+    registry->query("**").onNext({update(ADDED, "/a")});
+    EXPECT_THAT(toClients(), ElementsAre("q: ADDED /a"));
+    lose();
+    EXPECT_THAT(toClients(), UnorderedElementsAre("q: REMOVED /a", "t: REMOVED /a", "u: REMOVED /a"));
+}
+
 TEST_F(RemoteRegistryTest, aQueryShowsTheOtherClaimantWhenTheOwnClaimIsRefused)
 {
     startConnected();
