@@ -4,6 +4,7 @@
 #include <kesa/toGeneric.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
+#include <runtime/v02/runtime/identity.h>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -17,12 +18,6 @@ using serviceregistry::MetainfoKeys;
 const std::string& versionsKey()
 {
     static const std::string& key = *new std::string(enumToValue(MetainfoKeys::versions).value_or(""));
-    return key;
-}
-
-const std::string& providerKey()
-{
-    static const std::string& key = *new std::string(enumToValue(MetainfoKeys::provider).value_or(""));
     return key;
 }
 

@@ -1,6 +1,6 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
-#include <kesa/serviceregistry/MetainfoKeys.h>
+#include <runtime/v02/runtime/identity.h>
 
 namespace kesa::runtime::v02 {
 
@@ -13,15 +13,16 @@ std::string nameOf(UpdateType type)
     return RegistryUpdate::enumToValue(type).value_or("");
 }
 
-const std::string& providerKey()
+/// Whether the registry tells of a service of this process. A record without metainfo does not name its provider: then
+/// it is one whose locators lead here, or what is registered here (`registered`, if anything is).
+bool isOwn(const ServiceDef& told, const std::string& process, const BackendList& backends,
+           const ServiceDef* registered)
 {
-    static const std::string& key = *new std::string(enumToValue(serviceregistry::MetainfoKeys::provider).value_or(""));
-    return key;
-}
-
-bool isProvidedBy(const ServiceDef& service, const std::string& process)
-{
-    return service.metainfo && (*service.metainfo)[providerKey()].stringView() == process;
+    const std::string_view provider = providerOf(told);
+    if (!provider.empty()) {
+        return provider == process;
+    }
+    return backends.isLocalService(told.locators) || (registered != nullptr && isSameRegistration(*registered, told));
 }
 
 } // namespace
@@ -116,15 +117,17 @@ void KesaRuntimeImpl::updateRemoteTrackedService(const RegistryUpdate& update, c
                        path.c_str());
             break;
         }
-        if (entry->optionalRegistrator && !isProvidedBy(*update.element, m_proc_name)) {
+        if (entry->optionalRegistrator && entry->optionalServiceDef &&
+            !isOwn(*update.element, m_proc_name, m_backendList, &*entry->optionalServiceDef)) {
             // Another's, for which the registry is going to refuse the own one: then the path is tracked anew.
             KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] registered here -> ignoring service='%s'",
                        path.c_str());
             break;
         }
-        if (!entry->optionalRegistrator && entry->optionalServiceDef && *entry->optionalServiceDef != *update.element) {
+        if (!entry->optionalRegistrator && entry->optionalServiceDef &&
+            !isSameRegistration(*entry->optionalServiceDef, *update.element)) {
             // Told by a query before its successor came, and nobody has said that it went.
-            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] another record was known service='%s'",
+            KESA_TRACE(MAIN_CHANNEL, 2, "[updateRemoteTrackedService] another registration was known service='%s'",
                        path.c_str());
             triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *entry->optionalServiceDef, entry->trackers,
                                  m_queryTrackers);
@@ -259,7 +262,11 @@ void KesaRuntimeImpl::handleRemoteQueryOnRegistryUpdate(const std::vector<Regist
         const std::string& path = update.element->path.toString();
         KESA_TRACE(MAIN_CHANNEL, 2, "[handleRemoteQueryOnRegistryUpdate] service='%s' locators='%zu'", path.c_str(),
                    update.element->locators.size());
-        if (isProvidedBy(*update.element, m_proc_name)) {
+        const auto known = m_runtimeEntries.find(path);
+        const bool isRegisteredHere =
+            known != m_runtimeEntries.end() && known->second.optionalRegistrator && known->second.optionalServiceDef;
+        if (isOwn(*update.element, m_proc_name, m_backendList,
+                  isRegisteredHere ? &*known->second.optionalServiceDef : nullptr)) {
             KESA_TRACE(MAIN_CHANNEL, 2,
                        "[handleRemoteQueryOnRegistryUpdate] service='%s' was provided by this process, the update was "
                        "already send by the runtime -> ignore",

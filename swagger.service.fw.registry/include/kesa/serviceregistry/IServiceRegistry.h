@@ -25,8 +25,11 @@ namespace kesa::serviceregistry {
 /// relies on that wherever several streams tell of one path: a removal that comes late would take away a service that
 /// is there. Only the trackers of a path whose tracking has answered are safe from it: no query speaks for them.
 ///
-/// Statuses: 400 a malformed pattern or record, 409 the path is another living process's, 503
-/// the registry is out of reach for now.
+/// A registry may leave the metainfo out of the records for those who do not ask for it. Ours sends records whole,
+/// whatever `Query::includeMetadata` and `includeMetaInfo` say.
+///
+/// Statuses: 400 a malformed pattern or record, 409 the path is another living process's, 503 the registry is out of
+/// reach for now.
 class KESA_API IServiceRegistry {
 public:
     /// The path of the registry's own root inside its service.

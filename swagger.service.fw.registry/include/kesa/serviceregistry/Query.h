@@ -22,7 +22,7 @@ public:
     /// What a service must carry: per key one string or an array of accepted strings. "type" and "id" are compared
     /// with those fields, "locators" (as a set) with the locators, every other key with the metainfo.
     optional<GenericObject> metadata;
-    optional<bool> includeMetadata; ///< whether results are to include the metainfo
+    optional<bool> includeMetadata; ///< whether metainfo is wanted; ours sends it always, see `IServiceRegistry`
     optional<std::string> scope;    ///< matches services that list it, and services without a scope
 
     KESA_API friend bool operator==(const Query& a, const Query& b);

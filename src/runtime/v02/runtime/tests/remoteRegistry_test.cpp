@@ -346,7 +346,7 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     EXPECT_THAT(toClients(), ElementsAre("d: ADDED /a"));
     doubting.dispose();
 
-    // A tracking that answers with another record than the query had told of: the old one went.
+    // A tracking that answers with another registration than the query had told of: the old one went.
     subscription = query("**", "q");
     run();
     registry->query("**").onNext({update(ADDED, "/a")});
@@ -354,9 +354,24 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     run();
     m_journal->take();
     ServiceDef other = foreign("/a");
-    other.versions = {"2.0.0"};
+    other.id = obr::UUID({2});
+    other.locators = {url("fake://third/a")};
     registry->track("/a").onNext(update(ADDED, other));
     EXPECT_THAT(toClients(), ElementsAre("s: REMOVED /a", "q: REMOVED /a", "s: ADDED /a", "q: ADDED /a"));
+    // Another record of the same one, whole this time: it takes the place of the known one, and nobody hears of it.
+    other.versions = {"2.0.0"};
+    other.metainfo->set("zone", "kitchen");
+    registry->track("/a").onNext(update(ADDED, other));
+    EXPECT_THAT(toClients(), IsEmpty());
+    ServiceDef told;
+    auto reader = m_runtime->trackService("/a", std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
+                                                    [&told](const ServiceUpdate& added) {
+                                                        told = added.element;
+                                                        return false;
+                                                    },
+                                                    [](const Response&) {}, [] {}));
+    run();
+    EXPECT_EQ(told, other);
 
     // The record of an entry that only waits for its tracking is the query's: it stays when the tracker goes.
     auto second = track("/b", "u");
@@ -389,6 +404,28 @@ TEST_F(RemoteRegistryTest, aQuerySpeaksForNoTrackingThatHasAnswered)
     EXPECT_THAT(toClients(), UnorderedElementsAre("q: REMOVED /a", "t: REMOVED /a", "u: REMOVED /a"));
 }
 
+TEST_F(RemoteRegistryTest, anOwnServiceIsKnownWithoutItsMetainfo)
+{
+    startConnected();
+    auto subscription = query("**", "q");
+    auto registration = registerService("/a", "r");
+    run();
+    ServiceDef own = registry->lastRecord;
+    own.metainfo.reset();
+    ServiceDef recorded = own; // by a registry that puts itself between
+    recorded.id = obr::UUID({1});
+    recorded.locators = {url("fake://gateway/a")};
+    registry->query("**").onNext({update(ADDED, own)});
+    registry->insert("/a").onNext(recorded);
+    registry->query("**").onNext({update(ADDED, recorded)});
+    run();
+    m_journal->take();
+    registration.dispose();
+    EXPECT_THAT(toClients(), ElementsAre("r: gone", "q: REMOVED /a"));
+    registry->query("**").onNext({update(ADDED, own), update(REMOVED, own)}); // was on its way
+    EXPECT_THAT(toClients(), IsEmpty());
+}
+
 TEST_F(RemoteRegistryTest, aQueryShowsTheOtherClaimantWhenTheOwnClaimIsRefused)
 {
     startConnected();
@@ -400,7 +437,9 @@ TEST_F(RemoteRegistryTest, aQueryShowsTheOtherClaimantWhenTheOwnClaimIsRefused)
     m_journal->take();
     registry->query("**").onNext({update(REMOVED, "/a")}); // the other one's, who comes back
     EXPECT_THAT(toClients(), IsEmpty());
-    registry->query("**").onNext({update(ADDED, "/a")});
+    ServiceDef withoutMetainfo = foreign("/a");
+    withoutMetainfo.metainfo.reset();
+    registry->query("**").onNext({update(ADDED, withoutMetainfo)});
     run();
     registry->insert("/a").onError(Response::createErrorResponse(409));
     EXPECT_THAT(toClients(), UnorderedElementsAre("r: error 409", "r: gone", "q: REMOVED /a", "q: ADDED /a"));
