@@ -59,7 +59,7 @@ void KesaRuntimeImpl::onAddedOfTracking(const Handle& handle, const ServiceDef& 
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveService onNext of tracking] eADDED service='%s' hanlde='%p'",
                serviceDef.path.toString().c_str(), handle.address);
     const optional<url> locator = m_backendList.getBestLocator(serviceDef.locators);
-    // GUARD: whoever has disposed, or was told an error, hears of no proxy any more; perhaps nobody would free it.
+    // Whoever has disposed, or was told an error, hears of no proxy any more; perhaps nobody would free it.
     if (locator && m_trackAndResolveServiceHandler.count(handle) != 0) {
         const std::uint64_t token = newNumber();
         auto resolveHandler = createResolveTrackerForService(serviceDef, handle, token);

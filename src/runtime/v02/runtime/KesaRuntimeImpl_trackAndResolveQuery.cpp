@@ -62,7 +62,7 @@ void KesaRuntimeImpl::onAddedOfQueryTracking(const Handle& handle, const Service
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of tracking] eADDED service='%s' locators=%zu",
                path.c_str(), serviceDef.locators.size());
     const optional<url> locator = m_backendList.getBestLocator(serviceDef.locators);
-    // GUARD: as in the form for one service.
+    // As in the form for one service.
     if (locator && m_trackAndResolvedServicesQuery.count(handle) != 0) {
         const std::uint64_t token = newNumber();
         auto resolveHandler = createResolveTrackerForQueryServices(serviceDef, handle, token);

@@ -122,7 +122,7 @@ void KesaRuntimeImpl::findAndUnregister(std::string path, const char* caller)
     KESA_TRACE(MAIN_CHANNEL, 1, "[findAndUnregister, %s] service-path='%s' has a ServiceDef", caller, text);
     KESA_TRACE(MAIN_CHANNEL, 2, "[findAndUnregister, %s] unregistered service '%s' trackerSize=%zu", caller, text,
                entry.trackers.size());
-    // GUARD: a tracking that has answered tells its trackers itself; this may be about what was there before its
+    // A tracking that has answered tells its trackers itself; this may be about what was there before its
     // answer.
     triggerRuntimeUpdate(ResourceUpdateType::eREMOVED, *entry.optionalServiceDef,
                          entry.isTrackingAnswered ? Trackers() : entry.trackers, m_queryTrackers);
