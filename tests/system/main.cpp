@@ -1,4 +1,5 @@
-// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which.
+// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which, and how
+// often `SystemGhosts` starts the registry again.
 
 #include "faultOptions.h"
 
@@ -12,6 +13,9 @@ int main(int argc, char** argv)
     app.add_option("--faults", kesa::system_test::faultOptions.count, "How many faults SystemFaults makes.")
         ->capture_default_str();
     app.add_option("--seed", kesa::system_test::faultOptions.seed, "From which they are drawn.")->capture_default_str();
+    app.add_option("--restarts", kesa::system_test::faultOptions.restarts,
+                   "How often SystemGhosts starts the registry again, for each signal and size of burst; without it a "
+                   "few times with small ones.");
     CLI11_PARSE(app, argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -3,6 +3,7 @@
 // exits.
 
 #include "Beliefs.h"
+#include "Burst.h"
 #include "Clients.h"
 #include "Service.h"
 
@@ -51,6 +52,9 @@ public:
     void expectSome(std::istream& words) { expect(words, false); }
     void tellBeliefs(std::istream&) { say("beliefs " + m_beliefs.json()); }
     void churn(std::istream& words);
+    void burst(std::istream& words) { m_burst.add(words); }
+    void release(std::istream&) { m_burst.release(); }
+    void disposeBurst(std::istream&) { m_burst.dispose(); }
     void forkChild(std::istream& words);
     void spawnChild(std::istream& words);
     void handleTerm(std::istream& words);
@@ -67,6 +71,7 @@ private:
 
     kesa::runtime::v02::IKesaRuntime& m_runtime;
     Service m_service;
+    Burst m_burst{m_runtime, m_service.api()};
     Clients m_clients;
     Beliefs m_beliefs{say};
     std::map<std::string, kesa::Disposable> m_registrations;
@@ -258,6 +263,10 @@ const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"expect-some", &Actor::expectSome}, // ID FACT;FACT...: true ID, once it believes that too
     {"beliefs", &Actor::tellBeliefs},    // beliefs JSON
     {"churn", &Actor::churn},            // COUNT BYTES: churned; /churn came and went so often, with as many bytes
+    {"burst", &Actor::burst},            // NAME COUNT AT [hold]: registered NAME; reached NAME, when AT are provided,
+                                         // "hold": the executor stays in there; provided-all NAME
+    {"release", &Actor::release},        // the executor goes on
+    {"dispose-burst", &Actor::disposeBurst},
     {"fork", &Actor::forkChild},         // [raw]: forked PID; the child: orphaned
     {"spawn", &Actor::spawnChild},       // spawned PID
     {"handle-term", &Actor::handleTerm}, // handling; later sigterm main
