@@ -14,6 +14,7 @@
 
 #include <csignal>
 #include <cstdio>
+#include <map>
 #include <memory>
 #include <string>
 #include <unistd.h>
@@ -37,16 +38,24 @@ void askOnce(const std::string& path, kesa::IKesaApi& client, examples::Board& b
     }
 }
 
-/// Follows until the connection is lost; then the stream ends with 503, and the next connection begins it anew.
-void follow(const std::string& path, kesa::IKesaApi& client, examples::Board& board)
+/// Where a request was made, and its handle there.
+struct Stream {
+    Client client;
+    void* handle = nullptr;
+};
+
+/// Follows until the connection is lost; the next connection begins it anew.
+Stream follow(const std::string& path, const Client& client, examples::Board& board)
 {
     kesa::Request request("retrieve", "/");
     kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
-    client.request(request, kesa::handler<kesa::Response>(
-                                [path, &board](const kesa::Response& response) {
-                                    board.streamed(path, std::string(response.getPayload().text()));
-                                },
-                                [](const kesa::Response&) {}));
+    void* const handle =
+        client->request(request, kesa::handler<kesa::Response>(
+                                     [path, &board](const kesa::Response& response) {
+                                         board.streamed(path, std::string(response.getPayload().text()));
+                                     },
+                                     [](const kesa::Response&) {}));
+    return {client, handle};
 }
 
 kesa::Disposable watch(comm::ActiveObject& worker, examples::Board& board)
@@ -54,14 +63,18 @@ kesa::Disposable watch(comm::ActiveObject& worker, examples::Board& board)
     return KesaRuntime::getInstance()->trackAndResolveServices(
         kesa::serviceregistry::Query("/system/**"),
         kesa::handler<Resolved>(
-            [&worker, &board](const Resolved& resolved) {
+            [&worker, &board, streams = std::map<std::string, Stream>()](const Resolved& resolved) mutable {
                 const std::string path = resolved.serviceDef.path.toString();
                 if (!resolved.api) {
+                    // It has mostly ended with the connection; but the next one may be there before this is told.
+                    if (const auto lost = streams.extract(path)) {
+                        lost.mapped().client->cancel(lost.mapped().handle);
+                    }
                     board.lost(path);
                     return;
                 }
                 board.connected(path, resolved.serviceDef);
-                follow(path, **resolved.api, board);
+                streams[path] = follow(path, *resolved.api, board);
                 kesa::post(worker, [path, client = *resolved.api, &board] { askOnce(path, *client, board); });
             },
             [](const kesa::Response& error) {

@@ -36,6 +36,8 @@ std::string complaintAbout(const std::vector<std::string>& events)
             for (const auto& [stream, open] : isOpen) { // ends come before the next connection
                 isWrong = isWrong || (kind == "connected" && open && stream.starts_with(subject + '#'));
             }
+        } else if (kind == "cancelled") { // it may have ended before
+            isOpen[subject] = false;
         } else if (kind == "issued" || kind == "value" || isEnd) {
             isWrong = std::exchange(isOpen[subject], !isEnd) == (kind == "issued");
         }

@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 
 using Client = std::shared_ptr<kesa::IKesaApi>;
 
@@ -48,15 +49,20 @@ class Clients {
 public:
     void connected(const std::string& what, const Client& client)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
+        const std::lock_guard<std::mutex> lock(m_mutex);
         m_clients[what] = client;
         say("connected " + what);
-        follow(lock, what);
+        follow(what);
     }
     void lost(const std::string& what)
     {
-        say("lost " + what);
         const std::lock_guard<std::mutex> lock(m_mutex);
+        say("lost " + what);
+        const auto followed = m_followed.find(what);
+        if (followed != m_followed.end()) { // it may have been issued over the next connection
+            m_clients[what]->cancel(std::exchange(followed->second.handle, nullptr));
+            say("cancelled " + streamOf(*followed));
+        }
         m_clients.erase(what);
     }
     Client find(const std::string& what)
@@ -68,31 +74,41 @@ public:
     /// Follows the feed from now on, and after each connection again, as "WHAT#1", "WHAT#2" and so on.
     void followAlways(const std::string& what)
     {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        m_followed.try_emplace(what, 0);
-        follow(lock, what);
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_followed.try_emplace(what);
+        follow(what);
     }
 
 private:
-    void follow(std::unique_lock<std::mutex>& lock, const std::string& what)
+    struct Followed {
+        int times = 0;
+        void* handle = nullptr; ///< of the last time
+    };
+
+    static std::string streamOf(const std::pair<const std::string, Followed>& followed)
+    {
+        return followed.first + '#' + std::to_string(followed.second.times);
+    }
+
+    /// With the lock held, which no answer takes: a loss comes before the request or finds its handle.
+    void follow(const std::string& what)
     {
         const auto followed = m_followed.find(what);
         const auto found = m_clients.find(what);
         if (followed == m_followed.end() || found == m_clients.end()) {
             return;
         }
-        const std::string stream = what + '#' + std::to_string(++followed->second);
-        const Client client = found->second;
-        lock.unlock();
+        ++followed->second.times;
+        const std::string stream = streamOf(*followed);
         say("issued " + stream);
         kesa::Request request("retrieve", "/feed");
         kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
-        client->request(request, printer(stream));
+        followed->second.handle = found->second->request(request, printer(stream));
     }
 
     std::mutex m_mutex;
-    std::map<std::string, Client> m_clients; ///< under `m_mutex`
-    std::map<std::string, int> m_followed;   ///< how often it was followed; under `m_mutex`
+    std::map<std::string, Client> m_clients;    ///< under `m_mutex`
+    std::map<std::string, Followed> m_followed; ///< under `m_mutex`
 };
 
 #endif
