@@ -22,8 +22,9 @@ protected:
     const bool m_isHeld = std::get<0>(GetParam());
     const int m_signal = std::get<1>(GetParam());
     Process* m_registry = &startRegistry();
-    Process& m_provider =
-        start("provider", {.trace = "*=3,KESA_COMM=2", .document = Options::Document::eWITH_REGISTRY});
+    // Its runtime traces each registration at each loss.
+    Process& m_provider = start(
+        "provider", {.trace = "*=3,KESA_RUNTIME_MAIN=5,KESA_COMM=2", .document = Options::Document::eWITH_REGISTRY});
     int m_restarts = 0;
     int m_rounds = 0;
 
