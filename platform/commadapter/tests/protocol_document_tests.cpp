@@ -1,4 +1,5 @@
-// Replays the vectors of docs/protocol.md: what each says is heard, and writing that again gives the same bytes.
+// Replays the vectors of docs/protocol.md and docs/protocol_registry.md: what each says is heard, and writing that
+// again gives the same bytes.
 
 #include "protocol/Frame.h"
 #include "protocol_support.h"
@@ -20,18 +21,30 @@ struct Vector {
     Bytes bytes;
 };
 
-/// "bf 01" or "61*10"
-void appendBytes(const std::string& word, Bytes& bytes)
+/// "bf 01", or "61*10"
+void appendWord(const std::string& word, Bytes& bytes)
 {
     const std::size_t star = word.find('*');
     const auto byte = static_cast<unsigned char>(std::stoul(word.substr(0, star), nullptr, 16));
     bytes.insert(bytes.end(), star == std::string::npos ? 1 : std::stoul(word.substr(star + 1)), byte);
 }
 
-std::vector<Vector> readVectors()
+/// Words and a comment, or text behind "|".
+void appendLine(const std::string& line, Bytes& bytes)
 {
-    std::ifstream in(KESA_DOCS "/protocol.md");
-    std::vector<Vector> vectors;
+    if (line.substr(0, 1) == "|") {
+        bytes.insert(bytes.end(), line.begin() + 1, line.end());
+        return;
+    }
+    std::istringstream words(line.substr(0, line.find('#')));
+    for (std::string word; words >> word;) {
+        appendWord(word, bytes);
+    }
+}
+
+void readVectors(const char* document, std::vector<Vector>& vectors)
+{
+    std::ifstream in(std::string(KESA_DOCS "/") + document);
     bool isInside = false;
     for (std::string line; std::getline(in, line);) {
         if (line == "```vector") {
@@ -42,13 +55,9 @@ std::vector<Vector> readVectors()
         } else if (line == "```") {
             isInside = false;
         } else if (isInside) {
-            std::istringstream words(line.substr(0, line.find('#')));
-            for (std::string word; words >> word;) {
-                appendBytes(word, vectors.back().bytes);
-            }
+            appendLine(line, vectors.back().bytes);
         }
     }
-    return vectors;
 }
 
 Bytes helloBytes(Machine::Role role, const Hello& hello)
@@ -71,11 +80,15 @@ public:
     Hello hello;
 };
 
-/// What was heard, in the words of the document: a large body is given by its size alone.
+/// What was heard, in the words of the document: a large body is given by its size alone, without the hash.
 std::string heard(const Recorder& hearer, Machine& receiver, const std::string& text)
 {
     if (!hearer.lines.empty()) {
-        return hearer.lines.back().substr(0, hearer.lines.back().find('#'));
+        std::string line = hearer.lines.back();
+        if (const std::size_t hash = line.find('#'); hash != std::string::npos) {
+            line.erase(hash, line.find_first_not_of("0123456789", hash + 1) - hash);
+        }
+        return line;
     }
     if (text == "pong") {
         return text; // nobody hears it
@@ -85,8 +98,12 @@ std::string heard(const Recorder& hearer, Machine& receiver, const std::string& 
 
 TEST(ProtocolDocument, itsVectorsAreReadAndWritten)
 {
-    const std::vector<Vector> vectors = readVectors();
+    std::vector<Vector> vectors;
+    readVectors("protocol.md", vectors);
     ASSERT_GE(vectors.size(), 20U);
+    const std::size_t general = vectors.size();
+    readVectors("protocol_registry.md", vectors);
+    ASSERT_GE(vectors.size(), general + 10);
     for (const Vector& vector : vectors) {
         SCOPED_TRACE(vector.sender + vector.mark + ' ' + vector.text);
         const bool isFromClient = vector.sender == "client";
