@@ -4,6 +4,7 @@
 #include "Claim.h"
 
 #include <CLI/CLI.hpp>
+#include <common/standard_descriptors.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <systemd/sd-daemon.h>
@@ -129,6 +130,7 @@ std::string checkName(const std::string& name)
 
 int main(int argc, char** argv)
 {
+    apps::holdStandardDescriptors();
     registryd::Arguments arguments;
     CLI::App app("Hosts the registry, through which the Kesa processes of a machine find each other.",
                  "kesa-registryd");

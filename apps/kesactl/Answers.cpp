@@ -28,12 +28,22 @@ Answers::Answer Answers::next(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     if (!comm::waitFor(
-            m_state->changed, lock, [this] { return !m_state->answers.empty(); }, deadline)) {
+            m_state->changed, lock, [this] { return !m_state->answers.empty() || m_state->isInterrupted; }, deadline)) {
         return {Kind::eTIMED_OUT, {}};
+    }
+    if (m_state->isInterrupted) {
+        return {Kind::eINTERRUPTED, {}};
     }
     Answer answer = std::move(m_state->answers.front());
     m_state->answers.pop_front();
     return answer;
+}
+
+void Answers::interrupt()
+{
+    const std::lock_guard lock(m_state->mutex);
+    m_state->isInterrupted = true;
+    m_state->changed.notifyAll();
 }
 
 } // namespace kesactl

@@ -16,7 +16,7 @@ namespace kesactl {
 /// The answers to one request, for a thread that waits for them. Destroying it cancels the request.
 class Answers {
 public:
-    enum class Kind { eVALUE, eERROR, eCOMPLETED, eTIMED_OUT };
+    enum class Kind { eVALUE, eERROR, eCOMPLETED, eTIMED_OUT, eINTERRUPTED };
     struct Answer {
         Kind kind;
         kesa::Response response; ///< of the first two
@@ -28,12 +28,15 @@ public:
     Answers& operator=(const Answers&) = delete;
 
     Answer next(comm::TimeNs deadline);
+    /// `next` does not wait any more. Any thread.
+    void interrupt();
 
 private:
     struct State {
         std::mutex mutex;
         comm::Condition changed;
-        std::deque<Answer> answers; ///< with the mutex held
+        std::deque<Answer> answers; ///< with the mutex held, as the next one
+        bool isInterrupted = false;
     };
 
     const std::shared_ptr<kesa::IKesaApi> m_client;

@@ -12,12 +12,13 @@ enum class ExitCode {
     eUSAGE = 2,       ///< wrong arguments
     eNO_REGISTRY = 3, ///< not there, or it does not answer
     eTIMED_OUT = 4,
+    eNOT_WRITTEN = 5, ///< the output, or its reader has gone
 };
 
 /// Thrown by a command that cannot go on; `main` prints the text and ends with the code.
 struct Failure {
     ExitCode exitCode;
-    std::string text; ///< what is wrong and what to do
+    std::string text; ///< what is wrong and what to do; empty when there is nobody to tell
 };
 
 } // namespace kesactl

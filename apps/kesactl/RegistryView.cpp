@@ -24,15 +24,18 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     void connected(const std::shared_ptr<kesa::IKesaApi>& api);
     void lost();
     void refused(const kesa::Response& error);
-    void told(std::uint64_t connection, const Updates& updates);
+    void told(const Updates& updates);
+    /// The query, if there is one. Not with the mutex held, which its answers take.
+    void cancel();
 
     const std::string glob;
     std::mutex mutex;
     comm::Condition changed;
     // With the mutex held.
     bool isConnected = false;
-    bool isComplete = false;      ///< the first answer of this connection has ended
-    std::uint64_t connection = 0; ///< whose answers count
+    bool isComplete = false; ///< the first answer of this connection has ended
+    bool hasEnded = false;   ///< the view
+    bool isInterrupted = false;
     std::shared_ptr<ServiceRegistryPexClient> client;
     void* query = nullptr;
     Services services;
@@ -50,30 +53,31 @@ private:
 void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
 {
     auto registry = std::make_shared<ServiceRegistryPexClient>(api, "application/json");
-    std::uint64_t number = 0;
     {
         const std::lock_guard lock(mutex);
         isConnected = true;
         services.clear();
-        client = registry;
-        number = ++connection;
         changed.notifyAll();
     }
-    auto answers = kesa::handler<Updates>(
-        [self = shared_from_this(), number](const Updates& updates) { self->told(number, updates); },
-        [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
+    auto answers =
+        kesa::handler<Updates>([self = shared_from_this()](const Updates& updates) { self->told(updates); },
+                               [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
     void* const request = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
     std::unique_lock lock(mutex);
+    client = registry;
     query = request;
-    const bool isOver = number != connection; // lost, or the view has ended, before the handle was known
+    const bool isOver = hasEnded;
     lock.unlock();
     if (isOver) {
-        registry->main()->cancelRequest(request);
+        cancel();
     }
 }
 
+/// The query may have been issued over the next connection already, before its predecessor's loss was told; so it is
+/// cancelled, and no answer of it comes after the loss.
 void RegistryView::State::lost()
 {
+    cancel();
     const std::lock_guard lock(mutex);
     if (isComplete) {
         events.push_back({Kind::eREGISTRY_LOST, {}});
@@ -82,8 +86,6 @@ void RegistryView::State::lost()
     }
     isConnected = false;
     isComplete = false;
-    query = nullptr;
-    ++connection;
     changed.notifyAll();
 }
 
@@ -97,12 +99,20 @@ void RegistryView::State::refused(const kesa::Response& error)
     changed.notifyAll();
 }
 
-void RegistryView::State::told(std::uint64_t number, const Updates& updates)
+void RegistryView::State::cancel()
+{
+    std::unique_lock lock(mutex);
+    const auto registry = std::exchange(client, nullptr);
+    void* const request = std::exchange(query, nullptr);
+    lock.unlock();
+    if (registry) {
+        registry->main()->cancelRequest(request);
+    }
+}
+
+void RegistryView::State::told(const Updates& updates)
 {
     const std::lock_guard lock(mutex);
-    if (number != connection) {
-        return;
-    }
     for (const RegistryUpdate& update : updates) {
         const std::string& path = update.element->path.toString();
         const bool isRemoval = update.updateType == RegistryUpdate::UpdateTypeEnum::REMOVED;
@@ -165,14 +175,11 @@ RegistryView::RegistryView(std::vector<kesa::url> locators, const std::string& g
 
 RegistryView::~RegistryView()
 {
-    std::unique_lock lock(m_state->mutex);
-    ++m_state->connection; // what still comes is not for this object
-    const auto client = std::exchange(m_state->client, nullptr);
-    void* const query = std::exchange(m_state->query, nullptr);
-    lock.unlock();
-    if (client) {
-        client->main()->cancelRequest(query);
+    {
+        const std::lock_guard lock(m_state->mutex);
+        m_state->hasEnded = true;
     }
+    m_state->cancel();
     m_subscription.dispose();
 }
 
@@ -207,12 +214,20 @@ std::optional<RegistryView::Event> RegistryView::next(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     if (!comm::waitFor(
-            m_state->changed, lock, [this] { return !m_state->events.empty(); }, deadline)) {
+            m_state->changed, lock, [this] { return !m_state->events.empty() || m_state->isInterrupted; }, deadline) ||
+        m_state->isInterrupted) {
         return std::nullopt;
     }
     Event event = std::move(m_state->events.front());
     m_state->events.pop_front();
     return event;
+}
+
+void RegistryView::interrupt()
+{
+    const std::lock_guard lock(m_state->mutex);
+    m_state->isInterrupted = true;
+    m_state->changed.notifyAll();
 }
 
 /// In doubt somebody listens and says nothing: before the registry has answered, a stopped one looks like a missing

@@ -46,8 +46,10 @@ public:
     /// Waits until there are some (`isGone`: none), as far as the registry knows. False at the deadline; a `Failure`
     /// when the registry could not be asked at all.
     bool waitFor(bool isGone, comm::TimeNs deadline, Services& services);
-    /// The next change; absent at the deadline.
+    /// The next change; absent at the deadline and once it is interrupted.
     std::optional<Event> next(comm::TimeNs deadline);
+    /// Any thread.
+    void interrupt();
 
 private:
     struct State;

@@ -3,6 +3,7 @@
 #include "System.h"
 #include "commands.h"
 #include "options.h"
+#include "output.h"
 #include "print_services.h"
 
 #include <CLI/CLI.hpp>
@@ -120,7 +121,8 @@ private:
 
 std::string asJsonText(std::string_view text)
 {
-    return util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();
+    const std::string list = util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();
+    return list.substr(1, list.size() - 2);
 }
 
 /// The payload as it came; as JSON, an object with its format, and texts of other formats as strings.
@@ -130,16 +132,18 @@ std::string lineOf(const kesa::Response& response, bool isJson)
     if (!isJson) {
         return std::string(payload.text()) + '\n';
     }
+    const std::string_view format = payload.getMimeType();
     std::string value = "null";
-    if (payload.getMimeType() == kesa::mimetypes::JSON) {
-        value = payload.text();
-    } else if (!payload.isEmpty()) {
-        const std::string list = asJsonText(payload.text());
-        value = list.substr(1, list.size() - 2);
+    if (!payload.isEmpty()) {
+        value = format == kesa::mimetypes::JSON
+                    ? asJsonLine(payload.text(), "the answer says that it is JSON, but is not")
+                    : asJsonLine(asJsonText(payload.text()), fmt::format("the answer, of format '{}', cannot be shown "
+                                                                         "as JSON; leave out --json",
+                                                                         format));
     }
-    return fmt::format(R"({{"status":{},"format":"{}","value":{}}})"
+    return fmt::format(R"({{"status":{},"format":{},"value":{}}})"
                        "\n",
-                       response.getStatus(), payload.getMimeType(), value);
+                       response.getStatus(), asJsonText(format), value);
 }
 
 kesa::Request makeRequest(const Arguments& arguments)
@@ -159,6 +163,7 @@ void call(const Arguments& arguments)
     const System system;
     Connection connection(find(system, arguments, deadline));
     Answers answers(connection.client(deadline), request);
+    const ReaderWatch reader([&answers] { answers.interrupt(); });
     for (bool isFirst = true;; isFirst = false) {
         const Answers::Answer answer = answers.next(isFirst ? deadline : comm::NEVER);
         switch (answer.kind) {
@@ -170,6 +175,8 @@ void call(const Arguments& arguments)
             break;
         case Answers::Kind::eCOMPLETED:
             return;
+        case Answers::Kind::eINTERRUPTED:
+            ReaderWatch::fail();
         case Answers::Kind::eERROR:
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,

@@ -3,6 +3,7 @@
 #include "CheckResult.h"
 #include "JsonPositions.h"
 #include "advice.h"
+#include "output.h"
 #include "print_config.h"
 
 #include <CLI/CLI.hpp>
@@ -16,7 +17,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -151,8 +151,8 @@ int checkConfig(const Arguments& arguments)
     const std::string& file = report.file.empty() ? arguments.file : report.file;
     const CheckResult result{
         file, process, partition, config, config.m_valid && !hasFatal(report), locate(report, file)};
-    const std::string output = arguments.isJson ? asJson(result) : asText(result);
-    std::fwrite(output.data(), 1, output.size(), stdout);
+    print(arguments.isJson ? asJsonLine(asJson(result), "this cannot be said in JSON; leave out --json") + '\n'
+                           : asText(result));
     return result.isValid ? 0 : 1;
 }
 
@@ -167,7 +167,8 @@ void addCheckConfig(CLI::App& app, int& exitCode)
         ->check([](const std::string& file) { return file.empty() ? "the name of the file is empty" : ""; });
     command->add_flag("--json", arguments->isJson, "One JSON object instead of text.");
     command->add_option("--process", arguments->process, "The name of the process that reads it.")->type_name("NAME");
-    command->footer("Exit code: 0 when the document is valid, 1 when it is not, 2 for wrong arguments.");
+    command->footer("Exit code: 0 when the document is valid, 1 when it is not, 2 for wrong arguments, 5 when the "
+                    "output cannot be written.");
     command->callback([arguments, &exitCode] { exitCode = checkConfig(*arguments); });
 }
 

@@ -2,6 +2,7 @@
 #include "System.h"
 #include "commands.h"
 #include "options.h"
+#include "output.h"
 #include "print_services.h"
 
 #include <CLI/CLI.hpp>

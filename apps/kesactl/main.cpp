@@ -2,10 +2,14 @@
 #include "Failure.h"
 #include "check_config.h"
 #include "commands.h"
+#include "output.h"
 
 #include <CLI/CLI.hpp>
+#include <common/standard_descriptors.h>
 
+#include <csignal>
 #include <cstdio>
+#include <sstream>
 
 namespace {
 
@@ -24,11 +28,10 @@ const char* const FOOTER = R"(Examples:
 The registry is found as any process finds it: by the configuration document, without one at
 ipc://kesa-registryd/registry in the run directory ($KESA_RUN_DIR, $XDG_RUNTIME_DIR/kesa or /run/kesa).
 
-Exit codes: 0 done, 1 not found or failed, 2 wrong arguments, 3 the registry cannot be reached, 4 timed out.)";
+Exit codes: 0 done, 1 not found or failed, 2 wrong arguments, 3 the registry cannot be reached, 4 timed out,
+5 the output cannot be written or its reader has gone.)";
 
-} // namespace
-
-int main(int argc, char** argv)
+int run(int argc, char** argv)
 {
     CLI::App app("Shows, checks and drives a system of Kesa processes.", "kesactl");
     app.set_version_flag("--version", "kesactl " KESA_VERSION);
@@ -44,10 +47,27 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(ExitCode::eUSAGE); // 0: help or version was asked for
-    } catch (const kesactl::Failure& failure) {
-        std::fprintf(stderr, "kesactl: %s\n", failure.text.c_str());
-        return static_cast<int>(failure.exitCode);
+        std::ostringstream asked; // help or version
+        if (app.exit(error, asked, std::cerr) != 0) {
+            return static_cast<int>(ExitCode::eUSAGE);
+        }
+        kesactl::print(asked.str());
     }
     return exitCode;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    apps::holdStandardDescriptors();
+    std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
+    try {
+        return run(argc, argv);
+    } catch (const kesactl::Failure& failure) {
+        if (!failure.text.empty()) {
+            std::fprintf(stderr, "kesactl: %s\n", failure.text.c_str());
+        }
+        return static_cast<int>(failure.exitCode);
+    }
 }

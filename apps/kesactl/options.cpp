@@ -21,6 +21,9 @@ std::string checkGlob(const std::string& glob)
     if (glob == "/") {
         return checkPath(glob); // it matches that path only, which no service has
     }
+    if (glob.find("//") != std::string::npos) {
+        return "'" + glob + "' has '//', which no path has; write one '/'";
+    }
     if (kesa::PathPatterns::createFromGlob(glob)) {
         return {};
     }

@@ -223,7 +223,7 @@ std::string asJson(const CheckResult& result)
         object.set("process", *result.process);
         object.set("partition", result.partition);
     }
-    return Value(object).toText() + "\n";
+    return Value(object).toText();
 }
 
 } // namespace kesactl

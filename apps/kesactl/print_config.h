@@ -9,7 +9,7 @@ namespace kesactl {
 
 /// Aligned sections for a reader, one complaint per line.
 std::string asText(const CheckResult& result);
-/// One JSON object on one line.
+/// One JSON object on one line, without its end.
 std::string asJson(const CheckResult& result);
 
 } // namespace kesactl

@@ -1,16 +1,19 @@
 #include "print_services.h"
 
+#include "Failure.h"
+#include "output.h"
+
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/core/Serializer.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/MetainfoKeys.h>
+#include <obr/ErrorStorage.h>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 
 namespace kesactl {
 namespace {
@@ -154,13 +157,13 @@ std::string asDetails(const ServiceDef& service)
 std::string asJson(const ServiceDef& service)
 {
     const auto payload = kesa::serializer::toPayload(service, kesa::mimetypes::JSON);
-    return payload ? std::string(payload->text()) : "null";
-}
-
-void print(const std::string& text)
-{
-    std::fwrite(text.data(), 1, text.size(), stdout);
-    std::fflush(stdout);
+    if (!payload) {
+        const std::string reason = obr::ErrorStorage::reason();
+        obr::ErrorStorage::ack();
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("the record of {} has no form in JSON: {}", service.path.toString(), reason)};
+    }
+    return std::string(payload->text());
 }
 
 void print(const Services& services, bool isJson)

@@ -16,15 +16,13 @@ std::string asTree(const Services& services);
 /// All that is known of one service.
 std::string asDetails(const ServiceDef& service);
 
-/// One line of JSON, without its end: the record as it is on the wire.
+/// One line of JSON, without its end: the record as it is on the wire. A `Failure` when that has no form in JSON.
 std::string asJson(const ServiceDef& service);
 
 /// The process that has registered it: as the record says, else as its locator does.
 std::string providerOf(const ServiceDef& service);
 
-/// To stdout, at once.
-void print(const std::string& text);
-/// A table, or one JSON line per service.
+/// To stdout: a table, or one JSON line per service.
 void print(const Services& services, bool isJson);
 
 } // namespace kesactl

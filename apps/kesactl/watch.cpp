@@ -1,6 +1,7 @@
 #include "System.h"
 #include "commands.h"
 #include "options.h"
+#include "output.h"
 #include "print_services.h"
 
 #include <CLI/CLI.hpp>
@@ -47,8 +48,13 @@ void watch(const Arguments& arguments)
     const System system;
     const auto view = system.view(arguments.glob);
     static_cast<void>(view->list(arguments.common.deadline())); // a registry that is not there is an error at first
+    const ReaderWatch reader([&view = *view] { view.interrupt(); });
     for (std::uint64_t printed = 0; arguments.count == 0 || printed < arguments.count; ++printed) {
-        print(lineOf(*view->next(comm::NEVER), arguments.common.isJson) + '\n');
+        const std::optional<Event> event = view->next(comm::NEVER);
+        if (!event) {
+            ReaderWatch::fail();
+        }
+        print(lineOf(*event, arguments.common.isJson) + '\n');
     }
 }
 

@@ -1,6 +1,6 @@
 // media: the process "media" of the sessions. "/media/player" answers "/" with a title and its follower with three
-// values, echoes an update of "/volume", never answers "/hang", and refuses the rest. "/media/radio" is the same, and
-// registered before it.
+// values, echoes an update of "/volume", never answers "/hang", begins a stream at "/feed" and never goes on with it,
+// has answers that are hard to show, and refuses the rest. "/media/radio" is the same, and registered before it.
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/handler.h>
@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace {
@@ -41,15 +42,37 @@ void answerTitle(const Request& request, const Responder& responder)
     responder.complete();
 }
 
+void addAnswersThatAreHardToShow(kesa::ResourceHandler& player)
+{
+    const struct {
+        const char* resource;
+        std::string text;
+        std::string_view format;
+    } answers[] = {{"/text", "a \"text\"", kesa::mimetypes::TEXT},
+                   {"/bytes", "\xff\xfe", kesa::mimetypes::OCTETS},
+                   {"/lines", "{\n\t\"title\": \"one\"\r\n}\n", kesa::mimetypes::JSON},
+                   {"/torn", R"({"title":)", kesa::mimetypes::JSON},
+                   {"/two", R"({"title":"one"} {})", kesa::mimetypes::JSON},
+                   {"/nothing", "", kesa::mimetypes::JSON},
+                   {"/quoted", "one", R"(x/"quoted")"},
+                   {"/huge", std::string(std::size_t{17} << 20, ' '), kesa::mimetypes::TEXT}};
+    for (const auto& [resource, text, format] : answers) {
+        player.onRetrieve(resource, [payload = Payload::createFromString(text, format)](
+                                        const Request&, const Responder& responder) { responder.answer(payload); });
+    }
+}
+
 std::shared_ptr<kesa::ResourceHandler> makePlayer()
 {
     auto player = std::make_shared<kesa::ResourceHandler>();
     player->onRetrieve("/", answerTitle);
-    player->onRetrieve("/text", [](const Request&, const Responder& responder) {
-        responder.answer(Payload::createFromString("a \"text\"", kesa::mimetypes::TEXT));
+    const auto kept = std::make_shared<std::vector<Responder>>();
+    player->onRetrieve("/hang", [kept](const Request&, Responder responder) { kept->push_back(std::move(responder)); });
+    player->onRetrieve("/feed", [kept](const Request&, Responder responder) {
+        static_cast<void>(responder.next(json("1")));
+        kept->push_back(std::move(responder));
     });
-    player->onRetrieve("/hang", [kept = std::make_shared<std::vector<Responder>>()](
-                                    const Request&, Responder responder) { kept->push_back(std::move(responder)); });
+    addAnswersThatAreHardToShow(*player);
     player->onUpdate(
         "/volume", [](const Request& request, const Responder& responder) { responder.answer(request.getPayload()); });
     player->onDelete("/volume", [](const Request&, const Responder& responder) { responder.complete(); });

@@ -1,0 +1,39 @@
+#ifndef KESACTL_OUTPUT_H
+#define KESACTL_OUTPUT_H
+
+#include <comm/Reactor.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+
+namespace kesactl {
+
+/// To stdout, at once. A `Failure` when it cannot be written; without a text when its reader has gone, as the reader of
+/// a pipe that has seen enough.
+void print(const std::string& text);
+
+/// `json` as one line without its end. A `Failure` when it is not one valid JSON value: `what` begins the sentence.
+std::string asJsonLine(std::string_view json, const std::string& what);
+
+/// Hears when the reader of stdout goes: what a command learns from writing only when there is something to write.
+class ReaderWatch {
+public:
+    /// `gone` is called once, on a loop of this object's own.
+    explicit ReaderWatch(std::function<void()> gone);
+    /// `gone` is not called any more.
+    ~ReaderWatch();
+    ReaderWatch(const ReaderWatch&) = delete;
+    ReaderWatch& operator=(const ReaderWatch&) = delete;
+
+    /// How the command ends then.
+    [[noreturn]] static void fail();
+
+private:
+    const std::shared_ptr<comm::Reactor> m_loop;
+};
+
+} // namespace kesactl
+
+#endif
