@@ -24,7 +24,7 @@ constexpr Advice TABLE[] = {
     {"service path not absolute", "begin it with '/'"},
     {"service type unknown", "known are \"pex\", \"lomo\", \"gateway\" and \"registry\""},
     {"locators is not array", "write a list of locators; it may be empty"},
-    {"service locator is not an url", "write an absolute locator such as \"ipc://process/path\"; a query needs a path"},
+    {"service locator is not an url", "write an absolute locator such as \"ipc://process/path\", without a query"},
     {"bypass is not a dictionary", "write an object: lists of service paths by process name"},
     {"timeout not int", "write a whole number"},
     {"node_domain_mapping is not a dictionary", "write an object: domains by node name"},

@@ -85,10 +85,14 @@ void readRoutes(const Value& value, CommSettings& settings, Complaints& complain
     }
     for (const auto& [path, target] : value) {
         const url locator{std::string(target.stringView())};
-        if (!Path::isCanonical(path) || !locator.isAbsolute()) {
-            complaints.push_back(fmt::format("\"comm\": the route \"{}\": {} is left out; write an absolute path and a "
-                                             "locator with scheme and process",
-                                             path, target.toText()));
+        const bool leadsNowhere = !locator.isAbsolute() || locator.hasQueryOrFragment() ||
+                                  !(locator.path().empty() || Path::isCanonical(locator.path()));
+        if (!Path::isCanonical(path) || leadsNowhere) {
+            complaints.push_back(
+                fmt::format("\"comm\": the route \"{}\": {} is left out; write a path and a locator such "
+                            "as \"/registry\" and \"ipc://kesa-registryd/registry\", neither with '/' "
+                            "at its end, and without a query",
+                            path, target.toText()));
             continue;
         }
         settings.routes.insert_or_assign(path, locator.toString());

@@ -4,11 +4,25 @@
 
 #include <comm/Condition.h>
 #include <comm/Scheduler.h>
+#include <kesa/Path.h>
 #include <kesa/commadapter/whyUnreachable.h>
 
 #include <mutex>
 
 namespace kesa::commadapter {
+
+namespace {
+
+/// Of a locator that was not understood.
+const char* whyNowhere(const url& locator)
+{
+    const bool namesNoService =
+        locator.isAbsolute() && (locator.hasQueryOrFragment() || !Path::isCanonical(locator.path()));
+    return namesNoService ? "leads nowhere: what follows the process is no path of a service"
+                          : "is of a scheme or of a run directory that is not known here";
+}
+
+} // namespace
 
 std::string whyUnreachable(const url& locator)
 {
@@ -20,7 +34,7 @@ std::string whyUnreachable(const url& locator)
     const auto place = Locators(settings.routes, {transport}).find(locator);
     if (!place) {
         loop->stop();
-        return "\"" + locator.toString() + "\" is of a scheme or of a run directory that is not known here";
+        return "\"" + locator.toString() + "\" " + whyNowhere(locator);
     }
     std::mutex mutex;
     comm::Condition changed;

@@ -13,6 +13,25 @@ namespace {
 using serializer::Token;
 using serializer::TokenList;
 
+/// Where a value stands: in an object by its key, in an array by its index. Its path is made only to be told.
+struct Place {
+    const Place* parent; ///< null: the root
+    const std::string_view* key = nullptr;
+    std::size_t index = 0;
+
+    std::string path() const
+    {
+        if (parent == nullptr) {
+            return {};
+        }
+        std::string path = parent->path();
+        if (key == nullptr) {
+            return path.append("[").append(std::to_string(index)).append("]");
+        }
+        return path.append(path.empty() ? "" : ".").append(*key);
+    }
+};
+
 /// Makes values of tokens. The depth of a document is limited, and so is the recursion.
 class Builder {
 public:
@@ -20,8 +39,8 @@ public:
         : m_tokens(tokens), m_duplicateKeys(duplicateKeys)
     {}
 
-    /// The next value; `path` leads to it.
-    Value build(const std::string& path)
+    /// The next value, which stands at `place`.
+    Value build(const Place& place)
     {
         const Token& token = m_tokens[m_next++];
         switch (token.kind) {
@@ -40,36 +59,35 @@ public:
         case Token::Kind::eSTRING:
             return token.string();
         case Token::Kind::eARRAY:
-            return buildArray(token.extent, path);
+            return buildArray(token.extent, place);
         case Token::Kind::eOBJECT:
             break;
         }
-        return buildDictionary(token.extent, path);
+        return buildDictionary(token.extent, place);
     }
 
 private:
-    Value buildArray(std::size_t end, const std::string& path)
+    Value buildArray(std::size_t end, const Place& place)
     {
         Value::Array items;
         while (m_next < end) {
-            items.push_back(build(path + "[" + std::to_string(items.size()) + "]"));
+            items.push_back(build({&place, nullptr, items.size()}));
         }
         return items;
     }
 
-    Value buildDictionary(std::size_t end, const std::string& path)
+    Value buildDictionary(std::size_t end, const Place& place)
     {
         std::vector<Value::Member> members;
         while (m_next < end) {
             const std::string_view key = m_tokens[m_next++].string();
-            std::string memberPath = path.empty() ? std::string(key) : path + "." + std::string(key);
-            members.emplace_back(key, build(memberPath));
+            members.emplace_back(key, build({&place, &key}));
         }
-        noteDuplicates(members, path);
+        noteDuplicates(members, place);
         return Dictionary(std::move(members));
     }
 
-    void noteDuplicates(const std::vector<Value::Member>& members, const std::string& path)
+    void noteDuplicates(const std::vector<Value::Member>& members, const Place& place)
     {
         std::vector<std::string_view> keys;
         keys.reserve(members.size());
@@ -79,7 +97,7 @@ private:
         std::sort(keys.begin(), keys.end());
         for (std::size_t i = 1; i < keys.size(); ++i) {
             if (keys[i] == keys[i - 1] && (i == 1 || keys[i - 2] != keys[i])) {
-                m_duplicateKeys.push_back(path.empty() ? std::string(keys[i]) : path + "." + std::string(keys[i]));
+                m_duplicateKeys.push_back(Place{&place, &keys[i]}.path());
             }
         }
     }
@@ -99,7 +117,7 @@ bool parseDocument(std::string_view text, Value& out, std::vector<std::string>& 
     if (parser->parse(text, tokens, problem)) {
         return true;
     }
-    out = Builder(tokens, duplicateKeys).build("");
+    out = Builder(tokens, duplicateKeys).build(Place{nullptr});
     return false;
 }
 

@@ -30,6 +30,11 @@ public:
     static KesaConfig readOr(const std::string& processName, const std::string& fallback,
                              ConfigReport* report = nullptr);
 
+    KesaConfig(KesaConfig&&) = default;
+    KesaConfig& operator=(KesaConfig&&) = delete;
+    KesaConfig(const KesaConfig&) = delete;
+    KesaConfig& operator=(const KesaConfig&) = delete;
+
     /// The record of the default constructor; lives until the process ends.
     static const KesaConfig& getDefault();
 

@@ -42,19 +42,20 @@ bool readLocators(const ConfigNode& node, const std::string& path, std::vector<u
         return node.fail("locators is not array");
     }
     return node.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t) {
-        const url locator(text);
-        if (!locator.isAbsolute()) {
-            return element.fail("service locator is not an url");
-        }
-        if (!locator.path().empty()) {
-            locators.push_back(locator);
-            return false;
-        }
+        url locator(text);
         // The path is appended to the text: behind a query or fragment it would become part of that.
-        if (locator.hasQueryOrFragment()) {
+        if (!locator.isAbsolute() || (locator.path().empty() && locator.hasQueryOrFragment())) {
             return element.fail("service locator is not an url");
         }
-        locators.emplace_back(text + path);
+        if (locator.path().empty()) {
+            locator.init(text + path);
+            if (locator.path() != path) {
+                element.warn("[readConfig] '{}' leads nowhere: not every character of the path may stand in a locator; "
+                             "write the whole locator, with the path percent-encoded",
+                             locator.toString());
+            }
+        }
+        locators.push_back(std::move(locator));
         return false;
     });
 }

@@ -1,5 +1,8 @@
 #include "reviewDocument.h"
 
+#include <kesa/Path.h>
+#include <kesa/url.h>
+
 #include <algorithm>
 #include <cctype>
 #include <string_view>
@@ -103,6 +106,51 @@ void reviewKeys(const Value& object, const std::string& path, const Keys& known,
     }
 }
 
+/// Of locators that are read as they are: those that no service can have.
+void reviewLocators(const Value& list, const std::string& path, bool mayLackPath, ConfigReport& report)
+{
+    std::size_t index = 0;
+    for (const Value& element : list.items()) {
+        const std::string place = path + "[" + std::to_string(index++) + "]";
+        const url locator{std::string(element.stringView())};
+        if (!locator.isValid() || (mayLackPath && locator.path().empty())) {
+            continue; // the reader's to judge
+        }
+        if (locator.hasQueryOrFragment()) {
+            report.complaints.push_back(
+                {3, false, place, "leads nowhere: the locator of a service has no query and no fragment"});
+        } else if (!Path::isCanonical(locator.path())) {
+            report.complaints.push_back(
+                {3, false, place, "leads nowhere: '" + locator.path() + "' is no path of a service"});
+        }
+    }
+}
+
+void reviewServices(ConfigReport& report)
+{
+    std::size_t index = 0;
+    for (const Value& service : report.root["services"].items()) {
+        const std::string place = report.path("services[") + std::to_string(index++) + "].";
+        reviewKeys(service, place, serviceKeys(), report);
+        const std::string path(service["path"].stringView());
+        if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
+            report.complaints.push_back(
+                {3, false, place + "path", "'" + path + "' is no path of a service: nobody can reach it"});
+        }
+        reviewLocators(service["locators"], place + "locators", true, report);
+    }
+}
+
+void reviewRegistryLocators(ConfigReport& report)
+{
+    const Value& locators = report.root["service_registry_locators"];
+    const std::string place = report.path("service_registry_locators");
+    reviewLocators(locators, place, false, report);
+    for (const auto& [partition, list] : locators) {
+        reviewLocators(list, place + "." + partition, false, report);
+    }
+}
+
 } // namespace
 
 void reviewDocument(ConfigReport& report)
@@ -111,14 +159,8 @@ void reviewDocument(ConfigReport& report)
         report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
     }
     reviewKeys(report.root, report.path(""), rootKeys(), report);
-    std::size_t index = 0;
-    for (const Value& service : report.root["services"].items()) {
-        const std::string place = report.path("services[") + std::to_string(index++) + "].";
-        reviewKeys(service, place, serviceKeys(), report);
-        if (service["path"].stringView() == "/") {
-            report.complaints.push_back({3, false, place + "path", "'/' is no path of a service: nobody can reach it"});
-        }
-    }
+    reviewServices(report);
+    reviewRegistryLocators(report);
     reviewKeys(report.root["smartProxy"], report.path("smartProxy."), smartProxyKeys(), report);
 }
 

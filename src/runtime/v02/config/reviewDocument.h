@@ -5,8 +5,9 @@
 
 namespace kesa::runtime::v02 {
 
-/// Adds to `report` what the reader takes without a word but hardly anybody means: keys that stand twice (severity 3)
-/// and keys that mean nothing (severity 2), with the known one that is most like them.
+/// Adds to `report` what the reader takes without a word but hardly anybody means: keys that stand twice,
+/// and paths and locators that no service can have (severity 3), and keys that mean nothing (severity 2), with the
+/// known one that is most like them.
 void reviewDocument(ConfigReport& report);
 
 } // namespace kesa::runtime::v02

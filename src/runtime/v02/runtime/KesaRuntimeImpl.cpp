@@ -13,8 +13,8 @@ namespace kesa::runtime::v02 {
 
 KesaRuntimeImpl::KesaRuntimeImpl(const std::string& processName) : KesaRuntimeImpl(KesaConfig(processName)) {}
 
-KesaRuntimeImpl::KesaRuntimeImpl(const KesaConfig& config)
-    : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(config),
+KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config)
+    : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(std::move(config)),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),
       m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")), m_eventSource(m_proc_name)
 {

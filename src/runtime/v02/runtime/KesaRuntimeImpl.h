@@ -44,7 +44,7 @@ class KesaRuntimeImpl final : public IKesaRuntime {
 public:
     /// Reads the configuration of the process.
     explicit KesaRuntimeImpl(const std::string& processName);
-    explicit KesaRuntimeImpl(const KesaConfig& config);
+    explicit KesaRuntimeImpl(KesaConfig&& config);
     KesaRuntimeImpl(const KesaRuntimeImpl&) = delete;
     KesaRuntimeImpl& operator=(const KesaRuntimeImpl&) = delete;
     /// Ends both loops and the backends. Not on a loop of this runtime.

@@ -2,6 +2,7 @@
 #include <kesa/toGeneric.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
+#include <runtime/v02/config/reviewDocument.h>
 #include <tracing/CapturingSink.h>
 
 #include <gmock/gmock.h>
@@ -36,10 +37,11 @@ void expectDefaults(const KesaConfig& config)
 
 TEST(KesaConfigTest, TakesDefaultsForWhatIsAbsent)
 {
-    for (const KesaConfig& config : {read("{}"), KesaConfig::getDefault()}) {
-        expectDefaults(config);
-        EXPECT_TRUE(config.m_valid);
-        EXPECT_FALSE(config.m_proxyConfig.m_timeout);
+    const KesaConfig empty = read("{}");
+    for (const KesaConfig* config : {&empty, &KesaConfig::getDefault()}) {
+        expectDefaults(*config);
+        EXPECT_TRUE(config->m_valid);
+        EXPECT_FALSE(config->m_proxyConfig.m_timeout);
     }
 }
 
@@ -155,6 +157,42 @@ TEST(KesaConfigTest, BuildsTheStaticServices)
     EXPECT_THAT(traces.take(),
                 testing::IsSupersetOf({"2 [readConfig] service: path=/media/player, type=lomo, loc#=3 version='1.0.0'",
                                        "2 [readConfig] service: path=/b, type=registry, loc#=0 version=''"}));
+}
+
+// They are kept as they are: whoever wrote them is told, and nobody else's reading of them is known.
+TEST(KesaConfigTest, WarnsOfLocatorsThatLeadNowhere)
+{
+    const TraceCapture traces("KESA_RUNTIME_CONFIG", 3);
+    ConfigReport report;
+    const KesaConfig config = read(R"({"serializer-formats": ["application/json"],
+        "service_registry_locators": {"a": ["ipc://r"], "b": ["ipc://r/registry", "/registry", "ipc://r/"]},
+        "services": [
+            {"path": "/a b", "type": "pex", "locators": ["ipc://p", "ipc://p/a%20b"]},
+            {"path": "/100%", "type": "pex", "locators": ["ipc://p"]},
+            {"path": "/q?x", "type": "pex", "locators": ["ipc://p"]},
+            {"path": "/c/", "type": "pex", "locators": ["ipc://p/", "ipc://p/c", "ipc://p/c?x"]}]})",
+                                   &report);
+    EXPECT_TRUE(config.m_valid);
+    EXPECT_EQ(config.m_services.at(0).locators.at(0).toString(), "ipc://p/a b");
+    reviewDocument(report);
+    const std::string why = "' leads nowhere: not every character of the path may stand in a locator; write the whole "
+                            "locator, with the path percent-encoded";
+    EXPECT_THAT(traces.take(), ElementsAre("3 [readConfig] 'ipc://p/a b" + why, "3 [readConfig] 'ipc://p/100%" + why,
+                                           "3 [readConfig] 'ipc://p/q?x" + why));
+    Strings complaints;
+    for (const auto& complaint : report.complaints) {
+        complaints.push_back(complaint.path + ": " + complaint.text);
+    }
+    EXPECT_THAT(complaints,
+                ElementsAre("services[0].locators[0]: 'ipc://p/a b" + why,
+                            "services[1].locators[0]: 'ipc://p/100%" + why,
+                            "services[2].locators[0]: 'ipc://p/q?x" + why,
+                            "services[3].path: '/c/' is no path of a service: nobody can reach it",
+                            "services[3].locators[0]: leads nowhere: '/' is no path of a service",
+                            "services[3].locators[2]: leads nowhere: the locator of a service has no query and no "
+                            "fragment",
+                            "service_registry_locators.a[0]: leads nowhere: '' is no path of a service",
+                            "service_registry_locators.b[2]: leads nowhere: '/' is no path of a service"));
 }
 
 TEST(SmartProxy, StoresListsThatAreThereAndNeverRetriesWhatMustBeForwarded)

@@ -146,7 +146,7 @@ TEST_F(RuntimeTest, doesNotStartWithoutBackends)
 {
     KesaConfig none("me", "{}");
     none.m_backends.clear();
-    KesaRuntimeImpl withoutBackends(none);
+    KesaRuntimeImpl withoutBackends(std::move(none));
     EXPECT_THAT(traced(4, [&] { EXPECT_TRUE(withoutBackends.start()); }),
                 ElementsAre("4 KesaRuntimeImpl::start no backends in config file"));
     EXPECT_THAT(happened(), ElementsAre("runtime error"));
