@@ -8,7 +8,6 @@
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <systemd/sd-daemon.h>
-#include <tracing/Sink.h>
 
 #include <fmt/format.h>
 
@@ -77,11 +76,6 @@ ExitCode serve(const std::string& locators, const sigset_t& ends)
     int signal = 0;
     sigwait(&ends, &signal);
     sd_notify(0, "STOPPING=1");
-    if (::secure_getenv("KESA_TRACE") == nullptr) {
-        // What the runtime warns of when a process without a remote registry withdraws is how this one always ends.
-        tracing::setThreshold("KESA_RUNTIME_MAIN", 5);
-        tracing::setThreshold("KESA_RUNTIME_BACKENDS", 5);
-    }
     host.stop();
     return exitCode;
 }

@@ -4,9 +4,12 @@
 #include <kesa/core/response_handlers.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/serviceregistry/registerServiceRegistryPex.h>
+#include <runtime/v02/runtime/channels.h>
+#include <tracing/Sink.h>
 
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -50,6 +53,7 @@ public:
             [] {});
         Disposable registration =
             serviceregistry::registerRegistry(m_runtime, m_service, GenericObject(), std::move(handler));
+        follow();
         const std::lock_guard lock(m_mutex);
         m_registration = std::move(registration);
     }
@@ -57,11 +61,14 @@ public:
     void stop()
     {
         std::unique_lock lock(m_mutex);
-        m_isStopped = true;
-        Disposable following = std::exchange(m_following, Disposable());
+        if (std::exchange(m_isStopped, true)) {
+            return;
+        }
         Disposable registration = std::exchange(m_registration, Disposable());
         lock.unlock();
-        following.dispose();
+        if (const auto silence = m_silence.lock()) {
+            silence->emplace(runtime::v02::BACKENDS_CHANNEL.name());
+        }
         registration.dispose();
     }
 
@@ -77,17 +84,25 @@ private:
             if (m_isStopped) {
                 return;
             }
-            m_following = m_runtime.trackServices(
-                Query("**"), std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
-                                 [weak = weak_from_this()](const ServiceUpdate& update) {
-                                     if (const auto self = weak.lock()) {
-                                         self->mirror(update);
-                                     }
-                                     return false;
-                                 },
-                                 [](const Response&) {}, [] {}));
         }
         m_ready();
+    }
+
+    /// Behind the registration, without which it would be refused. It is never disposed: its handler goes with the
+    /// runtime, and with it what keeps the runtime's end quiet.
+    void follow()
+    {
+        const auto silence = std::make_shared<std::optional<tracing::Silence>>();
+        m_silence = silence;
+        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
+            [weak = weak_from_this(), silence](const ServiceUpdate& update) {
+                if (const auto self = weak.lock()) {
+                    self->mirror(update);
+                }
+                return false;
+            },
+            [](const Response&) {}, [] {});
+        static_cast<void>(m_runtime.trackServices(Query("**"), std::move(handler)));
     }
 
     /// The registry is not called with the mutex held: it may ask for a proof.
@@ -141,12 +156,13 @@ private:
     Registry* const m_registry; ///< the service's
     const std::shared_ptr<Registry::Impl> m_core;
     const std::shared_ptr<ServiceRegistryPexService> m_service;
+    /// From `stop` to the runtime's end, which frees a proxy that this process does not have, and calls that an error.
+    std::weak_ptr<std::optional<tracing::Silence>> m_silence;
 
     std::mutex m_mutex;
     // With the mutex held.
     bool m_isStopped = false;
     Disposable m_registration;
-    Disposable m_following;
 
     /// Requests at the registry, by path. Of the executor until the services are followed, then of the updater.
     std::map<std::string, void*> m_mirrored;

@@ -150,7 +150,16 @@ std::string Registry::setThresholds(std::string_view list)
 void Registry::applyThreshold(ChannelState& channel)
 {
     const bool isDeaf = channel.facility == EVENT_LOG_FACILITY && sinks(Output::eEVENTS).current() == nullptr;
-    channel.threshold.store(isDeaf ? NOTHING : channel.configured, std::memory_order_relaxed);
+    const bool isSet = m_textThreshold != 0 || m_thresholds.count(channel.name) != 0;
+    const bool isSilent = isDeaf || (channel.silences > 0 && !isSet);
+    channel.threshold.store(isSilent ? NOTHING : channel.configured, std::memory_order_relaxed);
+}
+
+void Registry::silence(ChannelState& channel, int change)
+{
+    const std::lock_guard lock(m_mutex);
+    channel.silences += change;
+    applyThreshold(channel);
 }
 
 std::shared_ptr<ISink> Registry::setSink(Output output, std::shared_ptr<ISink> sink)

@@ -21,6 +21,7 @@ struct ChannelState {
     const std::string name;
     const int facility;
     int configured;             // guarded by the registry's mutex
+    int silences = 0;           // likewise
     std::atomic<int> threshold; // what holds now
 };
 
@@ -31,6 +32,8 @@ public:
 
     ChannelState& channel(std::string_view name, int facility, int threshold);
     void setThreshold(std::string_view channel, int threshold);
+    /// One `Silence` more or less.
+    void silence(ChannelState& channel, int change);
     /// The parts of `list` that cannot be read, empty when all can.
     std::string setThresholds(std::string_view list);
 

@@ -32,6 +32,16 @@ bool setThresholds(std::string_view list)
     return !bad.empty() && obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, bad);
 }
 
+Silence::Silence(std::string_view channel) : m_channel(Registry::instance().channel(channel, 0, 3))
+{
+    Registry::instance().silence(m_channel, 1);
+}
+
+Silence::~Silence()
+{
+    Registry::instance().silence(m_channel, -1);
+}
+
 std::shared_ptr<ISink> makeSink(const std::string& description)
 {
     std::string reason;

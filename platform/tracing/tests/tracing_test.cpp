@@ -24,6 +24,24 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
+// The first test: what a threshold has been set for, and all others set "*", is not silenced any more.
+TEST(TracingSilence, lastsUntilItsEndOrAThreshold)
+{
+    const Channel channel("T_SILENCE");
+    const int before = channel.threshold();
+    {
+        const Silence outer("T_SILENCE");
+        {
+            const Silence inner("T_SILENCE");
+        }
+        EXPECT_EQ(channel.threshold(), 5);
+    }
+    EXPECT_EQ(channel.threshold(), before);
+    const Silence silence("T_SILENCE");
+    setThreshold("T_SILENCE", 2);
+    EXPECT_EQ(channel.threshold(), 2);
+}
+
 class Tracing : public testing::Test {
 protected:
     void SetUp() override { setSink(m_captured); }

@@ -9,6 +9,8 @@
 
 namespace tracing {
 
+struct ChannelState;
+
 /// One line on its way out. The views are valid during `ISink::write` only.
 struct Line {
     std::string_view channel;
@@ -40,6 +42,19 @@ KESA_API void setThreshold(std::string_view channel, int threshold);
 /// Reads a list such as "*=3,KESA_RUNTIME_MAIN=1", in which a name counts more than "*" wherever they stand. True, with
 /// the reason in `obr::ErrorStorage`, when a part of it cannot be read; the good parts apply.
 [[nodiscard]] KESA_API bool setThresholds(std::string_view list);
+
+/// While one lives, its channel is silent, unless a threshold has been set for it, by the environment or by a call: for
+/// lines that are an error elsewhere and expected now. Any thread.
+class KESA_API Silence {
+public:
+    explicit Silence(std::string_view channel);
+    ~Silence();
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+private:
+    ChannelState& m_channel;
+};
 
 /// "stderr" or "file:PATH"; the file is appended to. A line of the event log is written bare, every other as
 /// "TIME SEVERITY PROCESS/THREAD [CHANNEL] TEXT", with its control characters escaped. A reader that does not keep up

@@ -27,7 +27,8 @@ public:
     RegistryHost& operator=(const RegistryHost&) = delete;
 
     /// Ends all requests with 503, then withdraws the registry. Every other registration of this process must have
-    /// been disposed before. Not on a loop of the runtime.
+    /// been disposed before. From then on until the runtime ends, its channel KESA_RUNTIME_BACKENDS is silent unless
+    /// a threshold has been set for it. Before the runtime ends; not on a loop of it.
     void stop();
 
     serviceregistry::IServiceRegistry& registry();
