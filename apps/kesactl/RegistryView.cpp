@@ -1,6 +1,7 @@
 #include "RegistryView.h"
 
 #include "Failure.h"
+#include "output.h"
 
 #include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/ease/handler.h>
@@ -9,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <functional>
 #include <utility>
 
 namespace kesactl {
@@ -27,6 +29,8 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     void told(const Updates& updates);
     /// The query, if there is one. Not with the mutex held, which its answers take.
     void cancel();
+    /// False at the deadline; a `Failure` when the registry refuses, or nobody is there any more to read the output.
+    bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline, const std::function<bool()>& predicate);
 
     const std::string glob;
     std::mutex mutex;
@@ -135,6 +139,20 @@ void RegistryView::State::told(const Updates& updates)
     changed.notifyAll();
 }
 
+bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
+                                const std::function<bool()>& predicate)
+{
+    const bool isSo = comm::waitFor(
+        changed, lock, [&] { return refusal || isInterrupted || predicate(); }, deadline);
+    if (refusal) {
+        throw Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*refusal)};
+    }
+    if (isInterrupted) {
+        ReaderWatch::fail();
+    }
+    return isSo;
+}
+
 /// After a loss, services that came back as they were are no news; only their records have new numbers.
 void RegistryView::State::announceDifference()
 {
@@ -186,13 +204,7 @@ RegistryView::~RegistryView()
 Services RegistryView::list(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
-    comm::waitFor(
-        m_state->changed, lock, [this] { return m_state->isComplete || m_state->refusal; }, deadline);
-    if (m_state->refusal) {
-        throw Failure{ExitCode::eFAILED,
-                      "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*m_state->refusal)};
-    }
-    if (!m_state->isComplete) {
+    if (!m_state->await(lock, deadline, [this] { return m_state->isComplete; })) {
         failUnreachable(m_state->isConnected);
     }
     return m_state->services;
@@ -201,8 +213,8 @@ Services RegistryView::list(comm::TimeNs deadline)
 bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Services& services)
 {
     std::unique_lock lock(m_state->mutex);
-    const bool isSo = comm::waitFor(
-        m_state->changed, lock, [&] { return m_state->isComplete && m_state->services.empty() == isGone; }, deadline);
+    const bool isSo =
+        m_state->await(lock, deadline, [&] { return m_state->isComplete && m_state->services.empty() == isGone; });
     if (!m_state->isComplete) {
         failUnreachable(m_state->isConnected);
     }
@@ -210,14 +222,10 @@ bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Services& service
     return isSo;
 }
 
-std::optional<RegistryView::Event> RegistryView::next(comm::TimeNs deadline)
+RegistryView::Event RegistryView::next()
 {
     std::unique_lock lock(m_state->mutex);
-    if (!comm::waitFor(
-            m_state->changed, lock, [this] { return !m_state->events.empty() || m_state->isInterrupted; }, deadline) ||
-        m_state->isInterrupted) {
-        return std::nullopt;
-    }
+    m_state->await(lock, comm::NEVER, [this] { return !m_state->events.empty(); });
     Event event = std::move(m_state->events.front());
     m_state->events.pop_front();
     return event;

@@ -41,14 +41,16 @@ public:
     RegistryView(const RegistryView&) = delete;
     RegistryView& operator=(const RegistryView&) = delete;
 
+    // Each ends with a `Failure` when the registry refuses to tell, and once it is interrupted.
+
     /// The services at the moment. A `Failure` when the registry has not told them by the deadline.
     Services list(comm::TimeNs deadline);
     /// Waits until there are some (`isGone`: none), as far as the registry knows. False at the deadline; a `Failure`
     /// when the registry could not be asked at all.
     bool waitFor(bool isGone, comm::TimeNs deadline, Services& services);
-    /// The next change; absent at the deadline and once it is interrupted.
-    std::optional<Event> next(comm::TimeNs deadline);
-    /// Any thread.
+    /// The next change, whenever it comes.
+    Event next();
+    /// The reader of the output has gone. Any thread.
     void interrupt();
 
 private:

@@ -2,11 +2,14 @@
 #include "System.h"
 #include "commands.h"
 #include "options.h"
+#include "output.h"
 #include "print_services.h"
 
 #include <CLI/CLI.hpp>
 
 #include <fmt/format.h>
+
+#include <optional>
 
 namespace kesactl {
 namespace {
@@ -22,6 +25,10 @@ void wait(const Arguments& arguments)
     const System system;
     Services services;
     const auto view = system.view(arguments.glob);
+    std::optional<ReaderWatch> reader;
+    if (!arguments.isGone) { // which prints nothing
+        reader.emplace([&view = *view] { view.interrupt(); });
+    }
     if (!view->waitFor(arguments.isGone, arguments.common.deadline(), services)) {
         const std::string what = arguments.isGone ? fmt::format("still there: {}", services.begin()->first)
                                                   : "no service matches '" + arguments.glob + "'";

@@ -47,14 +47,10 @@ void watch(const Arguments& arguments)
 {
     const System system;
     const auto view = system.view(arguments.glob);
-    static_cast<void>(view->list(arguments.common.deadline())); // a registry that is not there is an error at first
     const ReaderWatch reader([&view = *view] { view.interrupt(); });
+    static_cast<void>(view->list(arguments.common.deadline())); // a registry that is not there is an error at first
     for (std::uint64_t printed = 0; arguments.count == 0 || printed < arguments.count; ++printed) {
-        const std::optional<Event> event = view->next(comm::NEVER);
-        if (!event) {
-            ReaderWatch::fail();
-        }
-        print(lineOf(*event, arguments.common.isJson) + '\n');
+        print(lineOf(view->next(), arguments.common.isJson) + '\n');
     }
 }
 
