@@ -147,7 +147,7 @@ void reviewRegistryLocators(ConfigReport& report)
     const std::string place = report.path("service_registry_locators");
     reviewLocators(locators, place, false, report);
     for (const auto& [partition, list] : locators) {
-        reviewLocators(list, place + "." + partition, false, report);
+        reviewLocators(list, std::string(place).append(".").append(partition), false, report);
     }
 }
 
