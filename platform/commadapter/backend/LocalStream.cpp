@@ -19,6 +19,7 @@ struct LocalEnd {
     std::size_t taken = 0;
     transport::IStreamListener* listener = nullptr;
     bool wantsWrite = false;
+    bool isReading = true;
     bool isClosed = false;
     bool isPosted = false; ///< a look at it is in the loop's queue
 
@@ -32,7 +33,10 @@ struct LocalLink : std::enable_shared_from_this<LocalLink> {
     std::mutex lock;
     std::array<LocalEnd, 2> ends;
 
-    bool isReadable(std::size_t side) const noexcept { return ends[side].unread() > 0 || ends[1 - side].isClosed; }
+    bool isReadable(std::size_t side) const noexcept
+    {
+        return ends[side].isReading && (ends[side].unread() > 0 || ends[1 - side].isClosed);
+    }
     bool isWritable(std::size_t side) const noexcept
     {
         return ends[1 - side].isClosed || ends[1 - side].unread() < PIPE_BYTES;
@@ -131,6 +135,13 @@ public:
         }
         m_link->notify(1 - m_side);
         return Result::eDONE;
+    }
+
+    void setReading(bool isOn) override
+    {
+        const std::lock_guard lock(m_link->lock);
+        own().isReading = isOn;
+        m_link->notify(m_side);
     }
 
     void wantWrite() override

@@ -72,10 +72,10 @@ private:
     comm::Condition m_changed;
 };
 
-/// One end of a stream: says hello, keeps what arrives, closes at the end.
+/// One end of a stream: says hello, keeps what arrives, closes at the end. `readsOnce`: does not read on by itself.
 class Peer final : public IStreamListener {
 public:
-    explicit Peer(Board& board) : m_board(board) {}
+    explicit Peer(Board& board, bool readsOnce = false) : m_board(board), m_readsOnce(readsOnce) {}
 
     /// On the loop.
     void start(std::unique_ptr<IStream> stream)
@@ -94,12 +94,19 @@ public:
             m_stream->close();
         }
     }
+    /// On the loop.
+    void readOn()
+    {
+        m_readsOnce = false;
+        m_stream->setReading(true);
+    }
 
     void onReadable() override
     {
         std::array<unsigned char, 512> buffer;
         std::size_t size = 0;
         const IStream::Result result = m_stream->read(buffer, size);
+        m_stream->setReading(!m_readsOnce);
         m_board.change([&] {
             received.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(size));
             identity = m_stream->peer();
@@ -109,7 +116,10 @@ public:
             close();
         }
     }
-    void onWritable() override {}
+    void onWritable() override
+    {
+        m_board.change([this] { ++writable; });
+    }
     void onPeerExited() override
     {
         m_board.change([this] {
@@ -121,12 +131,14 @@ public:
     // Under the board's lock.
     std::string received;
     bool isEnded = false;
+    int writable = 0;
     bool hasPeerExited = false;
     std::string receivedAtExit;
     PeerIdentity identity;
 
 private:
     Board& m_board;
+    bool m_readsOnce;
     std::unique_ptr<IStream> m_stream;
 };
 
@@ -213,7 +225,7 @@ struct Node {
             process,
             [this](std::unique_ptr<IStream> stream) {
                 Peer* peer = nullptr;
-                board.change([&] { peer = &accepted.emplace_back(board); });
+                board.change([&] { peer = &accepted.emplace_back(board, readsOnce); });
                 peer->start(std::move(stream));
             },
             why);
@@ -246,6 +258,7 @@ struct Node {
     Board& board;
     const std::shared_ptr<comm::Reactor> loop;
     std::unique_ptr<ITransport> transport;
+    bool readsOnce = false; ///< who is accepted
     std::list<Peer> accepted;
     std::list<Peer> connected;
     std::string why;
@@ -474,9 +487,35 @@ TEST_F(TransportIpc, AFullBacklogIsBusyNotMissing)
     ::close(listening);
 }
 
-TEST_F(TransportIpc, TheEndOfAProcessIsSeenAlthoughItsChildHoldsTheStream)
+TEST_F(TransportIpc, WhoDoesNotReadIsToldToWriteAtTheEnd)
 {
     Node server(board, directory);
+    server.readsOnce = true;
+    ASSERT_FALSE(server.listen("media"));
+    const int stream = rawSocket(directory + "/media.sock", ::connect);
+    const std::string words(600, 'w');
+    ASSERT_EQ(::write(stream, words.data(), words.size()), 600);
+    ASSERT_TRUE(
+        board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().received.size() == 512; }));
+    Peer& accepted = server.accepted.back();
+    board.run(*server.loop, [] {}); // a turn in which it could have read
+    EXPECT_EQ(board.read(accepted.writable), 0);
+    ::close(stream);
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.writable > 0; }));
+    EXPECT_EQ(board.read(accepted.received).size(), 512U);
+    board.run(*server.loop, [&] { accepted.readOn(); });
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.isEnded; }));
+    EXPECT_EQ(board.read(accepted.received), words);
+}
+
+class TransportIpcEnd : public TransportIpc, public testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(WhoReadsOnce, TransportIpcEnd, testing::Bool());
+
+TEST_P(TransportIpcEnd, OfAProcessIsSeenAlthoughItsChildHoldsTheStream)
+{
+    Node server(board, directory);
+    server.readsOnce = GetParam();
     ASSERT_FALSE(server.listen("media"));
     std::array<int, 2> leash{}; // the grandchild ends when the test closes it
     ASSERT_EQ(::pipe2(leash.data(), O_CLOEXEC), 0);
@@ -494,9 +533,11 @@ TEST_F(TransportIpc, TheEndOfAProcessIsSeenAlthoughItsChildHoldsTheStream)
     process.end();
     ASSERT_TRUE(board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().hasPeerExited; }));
     Peer& accepted = server.accepted.back();
-    EXPECT_TRUE(board.read(accepted.receivedAtExit) == std::string(3000, 'w'));
+    EXPECT_EQ(board.read(accepted.receivedAtExit).size(), GetParam() ? 512U : 3000U);
     EXPECT_EQ(board.read(accepted.identity).pid, pid);
     EXPECT_FALSE(board.read(accepted.isEnded));
+    board.run(*server.loop, [&] { accepted.readOn(); });
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.received == std::string(3000, 'w'); }));
     ::close(leash[0]);
     ::close(leash[1]);
     EXPECT_TRUE(board.waitUntil([&] { return accepted.isEnded; }));

@@ -45,10 +45,11 @@ public:
     virtual ~IStreamListener() = default;
     /// Bytes, or the end, can be read. Comes again as long as there is something.
     virtual void onReadable() = 0;
-    /// After `wantWrite`: there is room again.
+    /// After `wantWrite`: there is room again, or the stream has ended, as the next write will tell.
     virtual void onWritable() = 0;
     /// The peer's process has ended, although its end of the stream may be held open by a child of it. What it wrote
-    /// has been read before. Not called where the end of the stream was read first and the stream closed.
+    /// has been read before, unless reading is off. Not called where the end of the stream was read first and the
+    /// stream closed.
     virtual void onPeerExited() = 0;
 };
 
@@ -66,6 +67,9 @@ public:
         eENDED,       ///< the peer closed, or the stream broke: see `reason`
     };
     virtual Result read(std::span<unsigned char> into, std::size_t& size) = 0;
+    /// Off: no `onReadable` comes, and what the peer writes fills its own side. The end is then found by writing, so an
+    /// owner that turns it off waits for `onWritable`. On at first. `read` works all the same.
+    virtual void setReading(bool isOn) = 0;
     /// Any thread, under the owner's output lock.
     virtual Result write(std::span<const iovec> from, std::size_t& size) = 0;
     /// Asks for one `onWritable`.

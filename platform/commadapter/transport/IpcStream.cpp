@@ -98,8 +98,10 @@ void IpcStream::start(IStreamListener& listener)
 /// One call per turn: the listener may close and destroy the stream in it. What is left is reported in the next turn.
 void IpcStream::onReady(unsigned readiness)
 {
-    if ((readiness & comm::Reactor::eWRITABLE) != 0U) {
-        m_loop->changeInterest(m_watch, comm::Reactor::eREADABLE);
+    // A hang-up is always told. Without reading it is left to the next write to find the end.
+    if ((readiness & comm::Reactor::eWRITABLE) != 0U || !m_isReading) {
+        m_wantsWrite = false;
+        updateInterest();
         m_listener->onWritable();
     } else {
         m_listener->onReadable();
@@ -171,10 +173,23 @@ IStream::Result IpcStream::write(std::span<const iovec> from, std::size_t& size)
     return Result::eDONE;
 }
 
+void IpcStream::setReading(bool isOn)
+{
+    m_isReading = isOn;
+    updateInterest();
+}
+
 void IpcStream::wantWrite()
 {
+    m_wantsWrite = true;
+    updateInterest();
+}
+
+void IpcStream::updateInterest()
+{
     if (m_watch != 0) {
-        m_loop->changeInterest(m_watch, comm::Reactor::eREADABLE | comm::Reactor::eWRITABLE);
+        m_loop->changeInterest(m_watch, (m_isReading ? comm::Reactor::eREADABLE : comm::Reactor::eNONE) |
+                                            (m_wantsWrite ? comm::Reactor::eWRITABLE : comm::Reactor::eNONE));
     }
 }
 
@@ -210,7 +225,8 @@ void IpcStream::watchPeer()
     }
 }
 
-/// What the peer wrote before its end comes first; what its children may add does not count.
+/// What the peer wrote before its end comes first; what its children may add does not count. Who does not read is not
+/// waited for.
 void IpcStream::onPeerEnded()
 {
     m_timer = 0;
@@ -221,7 +237,7 @@ void IpcStream::onPeerEnded()
             m_owed = static_cast<std::size_t>(unread);
         }
     }
-    if (m_owed > 0) {
+    if (m_owed > 0 && m_isReading) {
         if (m_pidfdWatch == 0) {
             m_timer = m_loop->startTimer(comm::now(), [this] { onPeerEnded(); });
         }

@@ -25,6 +25,7 @@ public:
     void start(IStreamListener& listener) override;
     Result read(std::span<unsigned char> into, std::size_t& size) override;
     Result write(std::span<const iovec> from, std::size_t& size) override;
+    void setReading(bool isOn) override;
     void wantWrite() override;
     void close() override;
     const PeerIdentity& peer() const noexcept override { return m_peer; }
@@ -32,6 +33,7 @@ public:
 
 private:
     void onReady(unsigned readiness);
+    void updateInterest();
     ssize_t receiveFirst(std::span<unsigned char> into);
     void watchPeer();
     void onPeerEnded();
@@ -45,6 +47,8 @@ private:
     PeerIdentity m_peer;
     bool m_isPeerKnown = false;
     bool m_isUnwatchable = false; ///< the loop cannot watch the socket
+    bool m_isReading = true;
+    bool m_wantsWrite = false;
 
     Descriptor m_pidfd;
     comm::Reactor::Id m_pidfdWatch = 0;

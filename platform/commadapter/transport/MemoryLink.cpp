@@ -43,10 +43,10 @@ News nextNews(const Streams& streams, const Link& link, std::size_t side, comm::
     if (end.wantsWrite && (end.isOver || room(streams, link.ends[1 - side]) > 0)) {
         return News::eWRITABLE;
     }
-    if (arrivedBytes(end, now) > 0 || (isEndReached(end, now) && !end.isEndRead)) {
+    if (end.isReading && (arrivedBytes(end, now) > 0 || (isEndReached(end, now) && !end.isEndRead))) {
         return News::eREADABLE;
     }
-    return end.isPeerGone && end.chunks.empty() ? News::ePEER_EXITED : News::eNONE;
+    return end.isPeerGone && (end.chunks.empty() || !end.isReading) ? News::ePEER_EXITED : News::eNONE;
 }
 
 void look(const std::weak_ptr<Streams>& weakStreams, const std::weak_ptr<Link>& weakLink, std::size_t side);
@@ -61,7 +61,7 @@ void lookAgain(const std::shared_ptr<Streams>& streams, const std::shared_ptr<Li
         return;
     }
     const bool isEndComing = end.isOver && !end.isEndRead && end.chunks.empty();
-    if (end.isClosed || end.hasTimer || (end.chunks.empty() && !isEndComing)) {
+    if (end.isClosed || end.hasTimer || !end.isReading || (end.chunks.empty() && !isEndComing)) {
         return;
     }
     if (const auto loop = end.loop.lock()) {
@@ -176,6 +176,13 @@ public:
 
     Result read(std::span<unsigned char> into, std::size_t& size) override;
     Result write(std::span<const iovec> from, std::size_t& size) override;
+
+    void setReading(bool isOn) override
+    {
+        const std::lock_guard lock(m_streams->lock);
+        own().isReading = isOn;
+        wake(m_streams, m_link, m_side);
+    }
 
     void wantWrite() override
     {

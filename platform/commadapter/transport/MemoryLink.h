@@ -48,6 +48,7 @@ struct End {
     bool isEndRead = false;
     bool isPeerGone = false; ///< to be told by `onPeerExited`
     bool wantsWrite = false;
+    bool isReading = true;
     bool isClosed = false; ///< by its owner, or with its process
     bool isWoken = false;  ///< a look at it is queued on its loop
     bool hasTimer = false; ///< the same, for when the next bytes arrive
