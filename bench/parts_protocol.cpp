@@ -32,7 +32,7 @@ public:
     void onHello(const Hello&) override {}
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
-    void onRequest(std::uint32_t, std::uint32_t, Request request) override { add(request.getPayload()); }
+    void onRequest(std::uint32_t, std::uint32_t, Request request, bool) override { add(request.getPayload()); }
     void onCancel(std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}

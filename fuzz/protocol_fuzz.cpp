@@ -30,10 +30,10 @@ public:
           m_receiver(hearing, helloOf("echo"), {}, m_second, 0)
     {}
 
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
     {
         m_isSaid = m_sender.request(stream, target, request) == Machine::Sent::eQUEUED;
-        Recorder::onRequest(stream, target, std::move(request));
+        Recorder::onRequest(stream, target, std::move(request), isPersistent);
         compare();
     }
     void onNext(std::uint32_t stream, Response response) override
@@ -177,6 +177,9 @@ void converse(FuzzedDataProvider& data)
 {
     Conversation talk(data);
     Pair& pair = talk.pair;
+    if (data.ConsumeBool()) {
+        pair.atServer.held = &pair.server;
+    }
     while (data.remaining_bytes() > 0) {
         talk.say();
         if (data.ConsumeBool()) {

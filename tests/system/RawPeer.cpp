@@ -118,6 +118,12 @@ bool RawPeer::send(std::string_view bytes)
     return false;
 }
 
+std::size_t RawPeer::sendSome(std::string_view bytes)
+{
+    const ssize_t size = ::send(m_socket, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    return size > 0 ? static_cast<std::size_t>(size) : 0;
+}
+
 void RawPeer::awaitClosed()
 {
     std::array<char, 65536> buffer;

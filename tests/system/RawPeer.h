@@ -32,6 +32,8 @@ public:
 
     /// Writes until everything is taken, or the other side has closed: then true.
     bool send(std::string_view bytes);
+    /// Writes what is taken without waiting, and answers how much that was.
+    std::size_t sendSome(std::string_view bytes);
 
     /// Reads on until the other side closes.
     void awaitClosed();

@@ -8,6 +8,12 @@
 // thread that pushes without a pause would otherwise wake the peer for each. Requests and ends never wait like that:
 // somebody may be blocked until they arrive.
 //
+// Holding: a server whose answers are not taken stops reading, since every request read is an answer to be queued. It
+// begins when the queue is over its bound and the stream takes nothing, between two messages, and ends at half of that
+// bound; so there is always a write that is waited for meanwhile, which also is what finds the peer's end. Requests
+// that are not read wait in the peer. A client never stops reading, so two processes that ask each other cannot wait
+// for each other.
+//
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
 // the machine from under its own feet; the rest of the batch is still handled, as it came before the end.
 
@@ -15,6 +21,7 @@
 
 #include "backend/channel.h"
 
+#include <algorithm>
 #include <array>
 
 namespace kesa::commadapter {
@@ -25,6 +32,8 @@ constexpr unsigned READS_PER_BATCH = 16;
 constexpr std::size_t GATHERED_BYTES = 64U << 10U;
 constexpr std::size_t PARTS_PER_WRITE = 64;
 constexpr comm::TimeNs BURST = comm::MILLISECOND / 200;
+/// The bound of the process, in this many parts, is what a connection may have queued when the whole is used up.
+constexpr std::size_t SHARES = 1024;
 
 protocol::Limits limitsOf(const CommSettings& settings)
 {
@@ -42,9 +51,7 @@ Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Machine::Role rol
 
 Connection::~Connection()
 {
-    if (m_countedBytes > 0) {
-        m_loop->countQueued(m_countedBytes, 0);
-    }
+    m_loop->countQueued(m_counted, {});
 }
 
 void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own)
@@ -57,6 +64,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     ++m_opened;
     m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
     m_lastProgress = now;
+    m_isReading = true;
     m_lostReason.reset();
 }
 
@@ -84,8 +92,7 @@ void Connection::lose(std::string reason)
     m_loop->remove(*this);
     Lock lock(m_lock);
     m_isOpen = false;
-    m_loop->countQueued(m_countedBytes, 0);
-    m_countedBytes = 0;
+    m_loop->countQueued(std::exchange(m_counted, {}), {});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
     onClosed(reason);
@@ -116,14 +123,18 @@ void Connection::readBatch(bool untilEmpty)
     if (!m_isOpen || m_isReceiving) {
         return;
     }
-    bool isSign = false;
+    bool hasRead = false;
     const std::uint64_t pongs = m_machine->pongs();
     {
         const Lock lock(m_lock);
         m_isBatch = true;
+        hold(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
-    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason; ++reads) {
+    if (m_machine->readOn()) {
+        cutOff(m_machine->reason());
+    }
+    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !m_machine->isHeld(); ++reads) {
         const auto into = m_machine->inputBuffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
@@ -133,7 +144,7 @@ void Connection::readBatch(bool untilEmpty)
         if (result != transport::IStream::Result::eDONE || size == 0) {
             break;
         }
-        isSign = true;
+        hasRead = true;
         const bool failed = m_machine->received(size, comm::now());
         if (failed) {
             cutOff(m_machine->reason());
@@ -142,17 +153,24 @@ void Connection::readBatch(bool untilEmpty)
         }
     }
     m_isReceiving = false;
-    finishBatch();
-    if (isSign && m_isOpen) {
-        onSign(m_machine->pongs() != pongs);
+    finishBatch(hasRead);
+    if (m_isOpen) {
+        updateReading();
+        const bool isPong = m_machine->pongs() != pongs;
+        if (hasRead || isPong) {
+            onSign(isPong);
+        }
     }
 }
 
-void Connection::finishBatch()
+void Connection::finishBatch(bool hasRead)
 {
     {
         const Lock lock(m_lock);
         m_isBatch = false;
+        if (hasRead && m_isBlocked && m_role == protocol::Machine::Role::eCLIENT) {
+            m_lastProgress = comm::now();
+        }
         for (unsigned owed = m_machine->takePongsOwed(); owed > 0; --owed) {
             m_machine->pong();
         }
@@ -167,6 +185,14 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
+    if (m_isOpen && (!m_isReading || m_machine->isHeld())) {
+        {
+            const Lock lock(m_lock);
+            m_isBroken = true;
+            endHold();
+        }
+        readBatch(true); // what it had sent before
+    }
     lose("the peer's process has ended");
 }
 
@@ -195,6 +221,7 @@ void Connection::pushOut(Haste haste)
         }
     }
     write();
+    hold();
 }
 
 bool Connection::isBurst() const
@@ -254,6 +281,48 @@ void Connection::write()
         break;
     }
     countQueued();
+    endHold();
+}
+
+/// What may be queued on a connection before it is held. Once the process has too much queued, it is little for each:
+/// so those that have much are held.
+std::size_t Connection::holdBound() const
+{
+    const CommSettings& settings = m_loop->settings();
+    const bool isProcessOver = m_loop->queued().all > settings.processQueueBytes;
+    return isProcessOver ? std::min(settings.sendQueueBytes, settings.processQueueBytes / SHARES)
+                         : settings.sendQueueBytes;
+}
+
+/// With the lock held, after writing what could be written.
+void Connection::hold()
+{
+    if (m_role == protocol::Machine::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->isHeld() &&
+        m_machine->queuedBytes() >= holdBound()) {
+        m_machine->hold();
+    }
+}
+
+/// With the lock held, any thread; the loop then goes on with what has waited.
+void Connection::endHold()
+{
+    if (!m_machine->isHeld() || (!m_isBroken && m_machine->queuedBytes() > holdBound() / 2)) {
+        return;
+    }
+    m_machine->release();
+    m_loop->post([self = shared_from_this(), opened = m_opened] {
+        if (self->m_isOpen && self->m_opened == opened) {
+            self->readBatch();
+        }
+    });
+}
+
+void Connection::updateReading()
+{
+    const bool isWanted = !m_machine->isHeld();
+    if (std::exchange(m_isReading, isWanted) != isWanted) {
+        m_stream->setReading(isWanted);
+    }
 }
 
 void Connection::wantWrite()
@@ -274,7 +343,7 @@ void Connection::writeFailed()
 {
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
-            self->readBatch();
+            self->readBatch(true);
         }
         if (self->m_isOpen && self->m_opened == opened) {
             const std::string reason = self->m_stream->reason();
@@ -285,28 +354,32 @@ void Connection::writeFailed()
 
 void Connection::countQueued()
 {
-    const std::size_t queued = m_machine->queuedBytes();
-    if (queued != m_countedBytes) {
-        m_loop->countQueued(m_countedBytes, queued);
-        m_countedBytes = queued;
-    }
+    const IoLoop::Queued queued{m_machine->queuedBytes(), m_machine->persistentBytes()};
+    m_loop->countQueued(m_counted, queued);
+    m_counted = queued;
+}
+
+std::size_t Connection::boundedBytes() const
+{
+    return m_role == protocol::Machine::Role::eCLIENT ? m_machine->queuedBytes() : m_machine->persistentBytes();
 }
 
 bool Connection::isOverBound(std::size_t moreBytes) const
 {
-    const std::size_t queued = m_machine->queuedBytes();
+    const std::size_t queued = boundedBytes();
     return queued > 0 && queued + moreBytes > m_loop->settings().sendQueueBytes;
 }
 
 bool Connection::isProcessOverBound(std::size_t moreBytes) const
 {
-    const std::size_t queued = m_loop->queuedBytes();
-    return queued > 0 && queued + moreBytes > m_loop->settings().processQueueBytes;
+    const std::size_t bound = m_loop->settings().processQueueBytes;
+    return m_machine->persistentBytes() > bound / SHARES && m_loop->queued().persistent + moreBytes > bound;
 }
 
 bool Connection::isStuck(comm::TimeNs now) const
 {
-    return m_isBlocked && now - m_lastProgress >= m_loop->settings().heartbeat;
+    const bool isClient = m_role == protocol::Machine::Role::eCLIENT;
+    return m_isBlocked && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
 }
 
 // ---- liveness -----------------------------------------------------------------------------------------------------
@@ -328,6 +401,10 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         cutOff(TAKES_NOTHING);
         return false;
     }
+    const bool isJudgedStuck = isStuck(now) && boundedBytes() > 0;
+    if (m_machine->isHeld() && !isJudgedStuck) {
+        m_machine->restartDeadlines(now); // its sign of life may be among what is not read
+    }
     if (now >= m_machine->nextDeadline()) {
         lock.unlock();
         readBatch(); // before a peer is judged silent
@@ -345,7 +422,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     bool isLate = false;
     const bool isOwed = isAnswerOwed(now, isLate);
     const bool isSilent = now - m_machine->lastReceived() >= m_loop->settings().heartbeat;
-    if (isSilent && (isLate || isStuck(now))) {
+    if (isSilent && (isLate || isJudgedStuck)) {
         m_machine->probe(now);
         pushOut();
     }

@@ -53,17 +53,21 @@ protected:
     };
     /// After a command to the machine, lock held: writes at once, or leaves it to the end of the batch or turn.
     void pushOut(Haste haste = Haste::eAT_ONCE);
-    /// A queue that has not moved for the time of a heartbeat. Lock held.
+    /// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
+    /// server does not read the requests of a client that takes no answers. Lock held.
     bool isStuck(comm::TimeNs now) const;
-    /// Whether `moreBytes` would exceed the bound of this connection's queue, or of all queues. What there is room for
-    /// in no queue at all still passes an empty one. Lock held.
+    /// Whether `moreBytes` would exceed the bound of what this connection may have queued: a client its requests, a
+    /// server its values of persistent streams. What there is room for in no queue at all still passes an empty one.
+    /// Lock held.
     bool isOverBound(std::size_t moreBytes) const;
+    /// The same for the values of all connections; false for one that has only a little of them queued.
     bool isProcessOverBound(std::size_t moreBytes) const;
     /// What is queued next goes beyond the bound: it must not be lost, and the peer is probably about to take it. One
     /// that takes nothing at all for the time of a heartbeat is cut off by the loop. Lock held.
     void queueBeyondBound() noexcept { m_isBeyondBound = true; }
-    bool isBeyondBound() const noexcept { return m_isBeyondBound; }
-    /// When bytes left last.
+    /// Nobody takes what is written any more; what the peer has sent is still handled. Lock held.
+    bool isBroken() const noexcept { return m_isBroken; }
+    /// When bytes left last; on a client's blocked connection also when bytes came.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
 
     /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on
@@ -91,7 +95,7 @@ protected:
     void onHello(const protocol::Hello&) override {}
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
-    void onRequest(std::uint32_t, std::uint32_t, Request) override {}
+    void onRequest(std::uint32_t, std::uint32_t, Request, bool) override {}
     void onCancel(std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}
@@ -108,8 +112,13 @@ private:
     void onWritable() override;
     void onPeerExited() override;
 
-    void finishBatch();
+    void finishBatch(bool hasRead);
     void write();
+    std::size_t holdBound() const;
+    std::size_t boundedBytes() const;
+    void hold();
+    void endHold();
+    void updateReading();
     bool takesNothing(comm::TimeNs now);
     void wantWrite();
     void writeFailed();
@@ -131,9 +140,10 @@ private:
     bool m_isGathered = false;    ///< the loop is going to flush
     bool m_isBeyondBound = false; ///< since the queue was empty
     comm::TimeNs m_lastProgress = 0;
-    std::size_t m_countedBytes = 0;
+    IoLoop::Queued m_counted;
     // Loop only.
     bool m_isReceiving = false;
+    bool m_isReading = true; ///< the stream reports what arrives
     std::optional<std::string> m_lostReason;
 };
 

@@ -81,11 +81,25 @@ public:
     /// From now on the heartbeat looks at the connections until none is owed anything. Any thread.
     void expectSomething();
 
-    /// Queued bytes of all connections. Any thread.
-    std::size_t queuedBytes() const noexcept { return m_queuedBytes.load(std::memory_order_relaxed); }
-    void countQueued(std::size_t before, std::size_t after) noexcept
+    /// What is queued on connections, in bytes.
+    struct Queued {
+        std::size_t all = 0;
+        std::size_t persistent = 0; ///< values of persistent streams among them
+    };
+    /// Of all connections. Any thread.
+    Queued queued() const noexcept
     {
-        m_queuedBytes.fetch_add(after - before, std::memory_order_relaxed);
+        return {m_queuedBytes.load(std::memory_order_relaxed), m_persistentBytes.load(std::memory_order_relaxed)};
+    }
+    /// One connection's share has changed. Any thread.
+    void countQueued(const Queued& before, const Queued& after) noexcept
+    {
+        if (before.all != after.all) {
+            m_queuedBytes.fetch_add(after.all - before.all, std::memory_order_relaxed);
+        }
+        if (before.persistent != after.persistent) {
+            m_persistentBytes.fetch_add(after.persistent - before.persistent, std::memory_order_relaxed);
+        }
     }
 
 private:
@@ -96,6 +110,7 @@ private:
     const CommSettings m_settings;
     const std::shared_ptr<comm::Reactor> m_reactor;
     std::atomic<std::size_t> m_queuedBytes{0};
+    std::atomic<std::size_t> m_persistentBytes{0};
     std::atomic<bool> m_isBeating{false};
     // Loop only.
     unsigned m_depth = 0;

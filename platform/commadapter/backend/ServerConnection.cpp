@@ -7,8 +7,10 @@
 // A stream's number is the client's, and free again for it once this side has said `error` or `completed`, which it
 // says for a cancelled one too.
 //
-// A client that does not keep up: see `QueuePolicy`. What has to end is ended by the loop later, never inside `onNext`;
-// whether a client that is over its bound takes nothing at all is seen by the heartbeat.
+// A client that does not keep up with its calls waits: their answers are queued whatever there is, and beyond the bound
+// no further request is read, see Connection.cpp. For persistent streams, see `QueuePolicy`. What has to end is ended
+// by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
+// heartbeat.
 
 #include "backend/ServerConnection.h"
 
@@ -24,10 +26,6 @@ namespace kesa::commadapter {
 namespace {
 
 constexpr std::size_t MAX_TARGETS = 65536;
-/// Ends of streams and news of paths are never refused, so they come on top of a queue's bound. There is room for one
-/// of each stream and target that can be open: no more than that of a client that waits for the ends before it uses
-/// their numbers again.
-constexpr std::size_t UNREFUSED_BYTES = 8U << 20U;
 
 /// What a service answers through.
 class ResponseSender final : public IResponseHandler<Response> {
@@ -125,7 +123,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
 {
     const Lock lock(m_lock);
     Stream* const stream = find(number, serial);
-    if (stream == nullptr || stream->isCut) {
+    if (stream == nullptr || stream->isCut || isBroken()) {
         return true;
     }
     const std::size_t size = response.getPayload().size();
@@ -139,7 +137,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
         waiting->response = response;
         return false;
     }
-    if (isOverBound(size) || isProcessOverBound(size)) {
+    if (isTooMuch(number, *stream, size)) {
         if (stream->policy == QueuePolicy::eKEEP_LATEST) {
             if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
                 refuseValue(number, *stream, sent, size);
@@ -153,13 +151,24 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
             return true;
         }
     }
-    const auto sent = machine().next(number, response);
+    const auto sent = machine().next(number, response, stream->isPersistent);
     if (sent != protocol::Machine::Sent::eQUEUED) {
         refuseValue(number, *stream, sent, size);
         return true;
     }
     pushOut(Haste::eMAY_GATHER);
     return false;
+}
+
+/// Whether the stream's policy decides. That of a call does not, unless the call alone has more queued than the process
+/// may have: reading no further bounds what many calls queue, not what one of them does.
+bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
+{
+    if (stream.isPersistent) {
+        return isOverBound(size) || isProcessOverBound(size);
+    }
+    const std::size_t bound = loop().settings().processQueueBytes;
+    return machine().queuedBytes() > bound && machine().queuedBytes(number) > bound;
 }
 
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
@@ -186,7 +195,7 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
         postCut(number, stream, Response::createErrorResponse(503, "too slow"));
         return true;
     }
-    if (!isProcessOverBound(size)) {
+    if (stream.isPersistent && !isProcessOverBound(size)) {
         queueBeyondBound();
         return false;
     }
@@ -237,8 +246,9 @@ void ServerConnection::setPolicy(std::uint32_t number, std::uint64_t serial, Que
 void ServerConnection::onQueueEmpty()
 {
     for (const Latest& latest : std::exchange(m_latest, {})) {
-        m_streams.find(latest.stream)->hasLatest = false;
-        static_cast<void>(machine().next(latest.stream, latest.response)); // tried before
+        Stream& stream = *m_streams.find(latest.stream);
+        stream.hasLatest = false;
+        static_cast<void>(machine().next(latest.stream, latest.response, stream.isPersistent)); // tried before
     }
     postDrained();
 }
@@ -249,7 +259,7 @@ void ServerConnection::queueLatest(std::uint32_t number)
     const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
                                       [number](const Latest& latest) { return latest.stream == number; });
     if (waiting != m_latest.end()) {
-        static_cast<void>(machine().next(number, waiting->response));
+        static_cast<void>(machine().next(number, waiting->response, m_streams.find(number)->isPersistent));
         m_latest.erase(waiting);
     }
 }
@@ -278,21 +288,10 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     machine().setClientId(peer.process + ":" + std::to_string(identity.pid));
 }
 
-/// Whether the client goes on to ask without taking answers.
-bool ServerConnection::isOverrun()
-{
-    const CommSettings& settings = loop().settings();
-    const std::size_t bound = isBeyondBound() ? settings.processQueueBytes : settings.sendQueueBytes;
-    return machine().queuedBytes() > bound + UNREFUSED_BYTES;
-}
-
 void ServerConnection::onAttach(std::uint32_t target, std::string path)
 {
-    Lock lock(m_lock);
-    const bool takesNothing = isOpen() && isOverrun();
-    lock.unlock();
-    if (takesNothing || m_targets.size() >= MAX_TARGETS) {
-        cutOff(takesNothing ? TAKES_NOTHING : "too many paths");
+    if (m_targets.size() >= MAX_TARGETS) {
+        cutOff("too many paths");
         return;
     }
     const auto [entry, isNew] = m_targets.try_emplace(target);
@@ -392,7 +391,7 @@ void ServerConnection::onCancel(std::uint32_t number)
     cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
 }
 
-void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Request request)
+void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Request request, bool isPersistent)
 {
     const auto found = m_targets.find(target);
     const auto service = found == m_targets.end() ? nullptr : found->second.service;
@@ -400,13 +399,10 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
     if (!isOpen()) {
         return;
     }
-    const bool takesNothing = isOverrun();
-    Stream* const stream = takesNothing ? nullptr : m_streams.take(number);
+    Stream* const stream = m_streams.take(number);
     if (stream == nullptr) {
         lock.unlock();
-        cutOff(takesNothing           ? TAKES_NOTHING
-               : number > MAX_STREAMS ? "too many open requests"
-                                      : "request number in use");
+        cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
         return;
     }
     if (!service) {
@@ -418,6 +414,7 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
     stream->serial = ++m_lastSerial;
     stream->target = &found->second;
     stream->service = service;
+    stream->isPersistent = isPersistent;
     m_streams.append(found->second.open, number);
     const std::uint64_t serial = stream->serial;
     lock.unlock();

@@ -55,6 +55,7 @@ private:
     struct Stream : StreamEntry {
         std::uint64_t serial = 0;
         Target* target = nullptr;
+        bool isPersistent = false;
         bool hasLatest = false;  ///< a value waits in `m_latest`
         bool isCut = false;      ///< refused a value; the loop is going to end it
         bool isFinished = false; ///< by the service, after that: it hears of no cancel
@@ -76,13 +77,13 @@ private:
     };
 
     Stream* find(std::uint32_t stream, std::uint64_t serial);
+    bool isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
     void refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why, std::size_t size);
     void postCut(std::uint32_t number, Stream& stream, Response error);
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
     void queueLatest(std::uint32_t number);
     void release(std::uint32_t number);
-    bool isOverrun();
     void serve(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
                const Request& request);
     void cancelAtService(std::uint32_t number, const Response& error);
@@ -103,7 +104,7 @@ private:
     void onHello(const protocol::Hello& peer) override;
     void onAttach(std::uint32_t target, std::string path) override;
     void onDetach(std::uint32_t target) override;
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override;
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override;
     void onCancel(std::uint32_t stream) override;
 
     const std::shared_ptr<ServiceTable> m_services;

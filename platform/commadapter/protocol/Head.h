@@ -86,6 +86,7 @@ struct Head {
     std::string_view mimeType;
     std::optional<std::uint64_t> bodySize;
     bool hasHeaders = false;
+    bool isPersistent = false; ///< a request's response semantic
 };
 
 /// Checks a head as a whole. True: it is broken, `why` says how.

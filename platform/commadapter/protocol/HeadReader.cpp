@@ -3,6 +3,7 @@
 #include "protocol/Vocabulary.h"
 
 #include <kesa/headers.h>
+#include <kesa/responsesemantics.h>
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
 #include <util/ByteBufferReader.h>
@@ -142,18 +143,24 @@ std::string_view headerName(const MemberKey& key) noexcept
 }
 
 /// Checks what stays undecoded.
-[[nodiscard]] bool skipHeader(const MemberKey& key, Reader& reader, bool& hasHeaders)
+[[nodiscard]] bool skipHeader(const MemberKey& key, Reader& reader, Head& head)
 {
     if (!key.isNumber) {
-        hasHeaders = true;
+        head.hasHeaders = true;
         return reader.skip(1);
     }
     if (vocabulary::headerOf(key.number).empty()) {
         return reader.skip(1); // of a later version
     }
-    hasHeaders = true;
+    head.hasHeaders = true;
     std::string_view word;
-    return readWord(reader, key.number, word);
+    if (readWord(reader, key.number, word)) {
+        return true;
+    }
+    if (key.number == Key::eRESPONSE_SEMANTIC) {
+        head.isPersistent = word == responsesemantics::PERSISTENT_STREAM;
+    }
+    return false;
 }
 
 } // namespace
@@ -180,7 +187,7 @@ bool readHead(const unsigned char* data, std::size_t size, Head& head, std::stri
         case Key::eBODY_SIZE:
             return readNumber(in, UINT32_MAX, head.bodySize.emplace());
         default:
-            return skipHeader(key, in, head.hasHeaders);
+            return skipHeader(key, in, head);
         }
     });
     if (failed) {

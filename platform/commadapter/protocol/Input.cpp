@@ -59,9 +59,9 @@ bool Machine::Input::received(std::size_t size, comm::TimeNs now)
 bool Machine::Input::readFrames()
 {
     bool failed = false;
-    while (!readFrame(failed)) {
+    while (!m_shared.isHeld.load(std::memory_order_relaxed) && !readFrame(failed)) {
     }
-    // What is left is less than a frame, and in most cases nothing.
+    // What is left is less than a frame, and in most cases nothing, unless it is held.
     if (m_begin > 0 && !failed) {
         std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
         m_end -= m_begin;
@@ -348,7 +348,8 @@ void Machine::Input::deliver(const FrameHeader& header, const Head& head, Payloa
         m_listener.onRequest(header.stream, header.target,
                              source == nullptr ? Request(std::move(command), std::move(path), std::move(payload))
                                                : Request(std::move(command), std::move(path), std::move(payload),
-                                                         std::shared_ptr<const IHeaderSource>(std::move(source))));
+                                                         std::shared_ptr<const IHeaderSource>(std::move(source))),
+                             head.isPersistent);
         return;
     }
     const auto status = static_cast<unsigned short>(header.target);

@@ -20,6 +20,7 @@ public:
 
     std::span<unsigned char> inputBuffer();
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
+    [[nodiscard]] bool readOn() { return m_hasFailed || readFrames(); }
     const std::string& reason() const noexcept { return m_reason; }
     void setClientId(std::string id) { m_clientId = std::make_shared<const std::string>(std::move(id)); }
 

@@ -26,6 +26,11 @@ bool Machine::received(std::size_t size, comm::TimeNs now)
     return m_input->received(size, now);
 }
 
+bool Machine::readOn()
+{
+    return m_input->readOn();
+}
+
 const std::string& Machine::reason() const noexcept
 {
     return m_input->reason();
@@ -44,6 +49,23 @@ unsigned Machine::takePongsOwed() noexcept
 std::uint64_t Machine::pongs() const noexcept
 {
     return m_shared->pongs;
+}
+
+// ---- holding back ---------------------------------------------------------------------------------------------
+
+void Machine::hold() noexcept
+{
+    m_shared->isHeld.store(true, std::memory_order_relaxed);
+}
+
+void Machine::release() noexcept
+{
+    m_shared->isHeld.store(false, std::memory_order_relaxed);
+}
+
+bool Machine::isHeld() const noexcept
+{
+    return m_shared->isHeld.load(std::memory_order_relaxed);
 }
 
 // ---- output half ----------------------------------------------------------------------------------------------
@@ -68,9 +90,9 @@ Machine::Sent Machine::request(std::uint32_t stream, std::uint32_t target, const
     return m_output->request(stream, target, request);
 }
 
-Machine::Sent Machine::next(std::uint32_t stream, const Response& response)
+Machine::Sent Machine::next(std::uint32_t stream, const Response& response, bool isPersistent)
 {
-    return m_output->answer(Kind::eNEXT, stream, response);
+    return m_output->answer(Kind::eNEXT, stream, response, isPersistent);
 }
 
 Machine::Sent Machine::tryNext(const Response& response)
@@ -116,6 +138,11 @@ void Machine::pong()
 std::size_t Machine::queuedBytes() const noexcept
 {
     return m_output->queue().bytes();
+}
+
+std::size_t Machine::persistentBytes() const noexcept
+{
+    return m_output->queue().persistentBytes();
 }
 
 std::size_t Machine::queuedBytes(std::uint32_t stream) const

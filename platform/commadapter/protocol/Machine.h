@@ -47,7 +47,8 @@ public:
     // Heard by the side that serves.
     virtual void onAttach(std::uint32_t target, std::string path) = 0;
     virtual void onDetach(std::uint32_t target) = 0; ///< the client is no longer interested
-    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request) = 0;
+    /// `isPersistent`: it asks for a stream that lasts, else it is a call, with an answer or a few.
+    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) = 0;
     virtual void onCancel(std::uint32_t stream) = 0;
 
     // Heard by the side that asks.
@@ -63,7 +64,8 @@ public:
 ///
 /// Threads: two halves that may run at the same time. The input half (`inputBuffer`, `received`) belongs to the loop.
 /// The output half (commands, `gather`, `sent`, deadlines) is guarded by a lock of the owner's, held around every
-/// call of it; the input half does not need that lock, and answers a ping through `takePongsOwed`.
+/// call of it; the input half does not need that lock, and answers a ping through `takePongsOwed`. `hold`, `release`
+/// and `isHeld` may be called from any thread, also inside a callback.
 class Machine {
 public:
     enum class Role { eCLIENT, eSERVER };
@@ -85,12 +87,14 @@ public:
 
     // ---- input half -------------------------------------------------------------------------------------------
 
-    /// Where the next bytes belong, never empty: a large body is read straight into its block, which grows with what
-    /// arrives, or has arrived before, not by what was declared.
+    /// Where the next bytes belong, never empty unless held: a large body is read straight into its block, which grows
+    /// with what arrives, or has arrived before, not by what was declared.
     std::span<unsigned char> inputBuffer();
     /// `size` bytes were put at the start of the last `inputBuffer`. True: the peer broke the protocol, `reason` says
     /// how, and the connection must be closed; nothing is called any more.
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
+    /// Handles what a hold has left of what was received, as `received` would have.
+    [[nodiscard]] bool readOn();
     const std::string& reason() const noexcept;
     /// What "$client-id" reads in the requests that arrive from now on, whatever the sender wrote there; usually set in
     /// `onHello`. Costs nothing per request, unlike `Request::setHeader`.
@@ -100,6 +104,14 @@ public:
     /// How many pongs have come.
     std::uint64_t pongs() const noexcept;
 
+    // ---- holding back -----------------------------------------------------------------------------------------
+
+    /// From the next frame on nothing is handled, in the order it came, until `release` and then `readOn`. The owner
+    /// reads nothing meanwhile, so it waits at the peer.
+    void hold() noexcept;
+    void release() noexcept;
+    bool isHeld() const noexcept;
+
     // ---- output half ------------------------------------------------------------------------------------------
 
     /// What is refused is the path of no service: more than 4096 bytes, or not UTF-8.
@@ -108,7 +120,7 @@ public:
     /// From the server: the path is gone. From the client: no more interest in it.
     void detached(std::uint32_t target);
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
-    [[nodiscard]] Sent next(std::uint32_t stream, const Response& response);
+    [[nodiscard]] Sent next(std::uint32_t stream, const Response& response, bool isPersistent = false);
     /// What `next` would answer.
     [[nodiscard]] Sent tryNext(const Response& response);
     /// What is wrong with the message that was refused last, as the end of a sentence.
@@ -126,6 +138,8 @@ public:
 
     /// Bytes queued and not yet sent.
     std::size_t queuedBytes() const noexcept;
+    /// Those of values of persistent streams; one that has begun to leave may count as a whole.
+    std::size_t persistentBytes() const noexcept;
     /// Bytes queued for one stream.
     std::size_t queuedBytes(std::uint32_t stream) const;
     /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the

@@ -43,11 +43,11 @@ Machine::Sent Machine::Output::request(std::uint32_t stream, std::uint32_t targe
     return finish(Kind::eREQUEST, stream, target, head, request.getPayload());
 }
 
-Machine::Sent Machine::Output::answer(Kind kind, std::uint32_t stream, const Response& response)
+Machine::Sent Machine::Output::answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent)
 {
     HeadWriter head(m_queue.begin());
     head.response(response);
-    return finish(kind, stream, response.getStatus(), head, response.getPayload());
+    return finish(kind, stream, response.getStatus(), head, response.getPayload(), isPersistent);
 }
 
 void Machine::Output::error(std::uint32_t stream, const Response& response)
@@ -67,11 +67,11 @@ Machine::Sent Machine::Output::tryAnswer(const Response& response)
 }
 
 Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
-                                      const Payload& body)
+                                      const Payload& body, bool isPersistent)
 {
     const Sent verdict = close(head, body);
     if (verdict == Sent::eQUEUED) {
-        m_queue.push(kind, stream, target, body);
+        m_queue.push(kind, stream, target, body, isPersistent);
     } else {
         m_queue.abandon();
     }

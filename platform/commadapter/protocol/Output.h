@@ -17,7 +17,7 @@ public:
 
     Sent attach(std::uint32_t target, std::string_view path);
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
-    [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response);
+    [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent = false);
     [[nodiscard]] Sent tryAnswer(const Response& response);
     const std::string& refusal() const noexcept { return m_refusal; }
     void error(std::uint32_t stream, const Response& response);
@@ -35,7 +35,7 @@ public:
 
 private:
     [[nodiscard]] Sent finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
-                              const Payload& body);
+                              const Payload& body, bool isPersistent = false);
     /// Completes the head, and judges the message by both sides' limits.
     [[nodiscard]] Sent close(HeadWriter& head, const Payload& body);
     bool isProbing() const noexcept;

@@ -37,20 +37,32 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target)
     push(kind, stream, target, Payload::getEmpty());
 }
 
-void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body)
+void SendQueue::count(std::size_t size, bool isPersistent) noexcept
+{
+    m_queued += size;
+    m_persistent += isPersistent ? size : 0;
+}
+
+void SendQueue::uncount(std::size_t size, bool isPersistent) noexcept
+{
+    m_queued -= size;
+    m_persistent -= isPersistent ? size : 0;
+}
+
+void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent)
 {
     const std::size_t head = m_bytes.size() - m_lineBytes - HEADER_BYTES;
     Lane* lane = laneOf(stream);
     if (lane == nullptr && head + body.size() <= FRAME_BYTES) {
-        m_queued += HEADER_BYTES + head + body.size();
-        pushLine(kind, stream, target, body);
+        count(HEADER_BYTES + head + body.size(), isPersistent);
+        pushLine(kind, stream, target, body, isPersistent);
         return;
     }
     const unsigned char* const from = m_bytes.data() + m_lineBytes + HEADER_BYTES;
-    Message message{kind, target, std::vector<unsigned char>(from, from + head), body};
+    Message message{kind, target, std::vector<unsigned char>(from, from + head), body, isPersistent};
     abandon();
     const std::size_t size = message.wireBytes();
-    m_queued += size;
+    count(size, isPersistent);
     if (lane != nullptr) {
         lane->followerBytes += size;
         lane->followers.push_back(std::move(message));
@@ -62,7 +74,7 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, cons
     pushLane(*lane);
 }
 
-void SendQueue::pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body)
+void SendQueue::pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent)
 {
     FrameHeader header;
     header.head = static_cast<std::uint16_t>(m_bytes.size() - m_lineBytes - HEADER_BYTES);
@@ -79,8 +91,8 @@ void SendQueue::pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, 
     const auto bodyNumber = static_cast<std::uint32_t>(m_firstBody + m_bodies.size() - 1);
     writeHeader(m_bytes.data() + m_lineBytes, header);
     const auto bytes = static_cast<std::uint32_t>(m_bytes.size() - m_lineBytes);
-    m_entries.push_back(
-        {stream, bytes, isCopied ? 0 : static_cast<std::uint32_t>(body.size()), bodyNumber, 0, kind, false, false});
+    m_entries.push_back({stream, bytes, isCopied ? 0 : static_cast<std::uint32_t>(body.size()), bodyNumber, 0, kind,
+                         false, false, isPersistent});
     m_lineBytes = m_bytes.size();
     m_hasPing = m_hasPing || kind == Kind::ePING;
     m_hasPong = m_hasPong || kind == Kind::ePONG;
@@ -90,7 +102,7 @@ void SendQueue::pushLane(Lane& lane)
 {
     lane.written = 0;
     lane.isInRing = false;
-    m_entries.push_back({lane.stream, 0, 0, 0, 0, lane.message.kind, false, true});
+    m_entries.push_back({lane.stream, 0, 0, 0, 0, lane.message.kind, false, true, false});
 }
 
 void SendQueue::advance(Lane& lane)
@@ -105,7 +117,7 @@ void SendQueue::advance(Lane& lane)
             return;
         }
         begin().append(message.head.data(), message.head.size());
-        pushLine(message.kind, lane.stream, message.target, message.body);
+        pushLine(message.kind, lane.stream, message.target, message.body, message.isPersistent);
     }
     m_lanes.erase(lane.stream);
 }
@@ -279,7 +291,10 @@ void SendQueue::sentLine(std::size_t size)
         if (!entry.isDropped && (entry.isLarge || m_frontWritten < entry.size())) {
             break;
         }
-        m_frontWritten -= entry.isDropped ? 0 : entry.size();
+        if (!entry.isDropped) {
+            m_frontWritten -= entry.size();
+            m_persistent -= entry.isPersistent ? entry.size() : 0;
+        }
         popFront();
     }
 }
@@ -321,6 +336,7 @@ void SendQueue::popFront()
 void SendQueue::sentLane(Lane& lane, std::size_t size)
 {
     lane.written += size;
+    m_persistent -= lane.message.isPersistent ? size : 0;
     const bool isFinished = lane.written == lane.message.wireBytes();
     if (!isFinished && lane.written % FULL_FRAME != 0) {
         return;

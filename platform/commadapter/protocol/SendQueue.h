@@ -37,7 +37,7 @@ public:
     /// Forgets what was encoded since `begin`.
     void abandon() noexcept { m_bytes.truncate(m_lineBytes); }
     /// Queues what was encoded since `begin`, followed by `body`.
-    void push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body);
+    void push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent = false);
     /// Queues a message of nothing but a header.
     void push(Kind kind, std::uint32_t stream, std::uint32_t target);
 
@@ -47,6 +47,8 @@ public:
     bool drop(std::uint32_t stream, Kind kind);
 
     std::size_t bytes() const noexcept { return m_queued; }
+    /// Of messages pushed as persistent. One in the line counts as a whole until it has left.
+    std::size_t persistentBytes() const noexcept { return m_persistent; }
     std::size_t bytes(std::uint32_t stream);
     bool hasPing() const noexcept { return m_hasPing; }
     bool hasPong() const noexcept { return m_hasPong; }
@@ -67,6 +69,7 @@ private:
         Kind kind;
         bool isDropped;
         bool isLarge; ///< the message is its stream's lane
+        bool isPersistent;
 
         std::size_t size() const noexcept { return std::size_t{bytes} + body; }
     };
@@ -76,6 +79,7 @@ private:
         std::uint32_t target = 0;
         std::vector<unsigned char> head;
         Payload body;
+        bool isPersistent = false;
 
         std::size_t content() const noexcept { return head.size() + body.size(); }
         bool isLarge() const noexcept { return content() > FRAME_BYTES; }
@@ -99,7 +103,9 @@ private:
     struct Plan;
 
     Lane* laneOf(std::uint32_t stream);
-    void pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body);
+    void pushLine(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent);
+    void count(std::size_t size, bool isPersistent) noexcept;
+    void uncount(std::size_t size, bool isPersistent) noexcept;
     void pushLane(Lane& lane);
     /// A lane's message has left or was dropped: what waited with it moves up.
     void advance(Lane& lane);
@@ -137,6 +143,7 @@ private:
     std::size_t m_credit = FRAME_BYTES; ///< bytes the line may send before the ring's turn
 
     std::size_t m_queued = 0;
+    std::size_t m_persistent = 0;
     bool m_hasPing = false;
     bool m_hasPong = false;
 

@@ -43,7 +43,7 @@ bool SendQueue::dropFromLine(std::uint32_t stream, Kind kind)
         const bool isBegun = number == m_firstNumber && m_frontWritten > 0;
         if (entry.kind == kind && !entry.isDropped && !isBegun) {
             unaccount(entry);
-            m_queued -= entry.size();
+            uncount(entry.size(), entry.isPersistent);
             if (entry.body > 0) {
                 m_bodies[entry.bodyNumber - m_firstBody] = Payload();
             }
@@ -67,7 +67,7 @@ bool SendQueue::dropFromLane(Lane& lane, Kind kind)
     const std::size_t count = lane.followers.size();
     for (Message& message : lane.followers) {
         if (message.kind == kind) {
-            m_queued -= message.wireBytes();
+            uncount(message.wireBytes(), message.isPersistent);
             lane.followerBytes -= message.wireBytes();
         } else {
             kept.push_back(std::move(message));
@@ -77,7 +77,7 @@ bool SendQueue::dropFromLane(Lane& lane, Kind kind)
     if (lane.message.kind != kind || lane.written > 0) {
         return lane.followers.size() < count;
     }
-    m_queued -= lane.message.wireBytes();
+    uncount(lane.message.wireBytes(), lane.message.isPersistent);
     if (lane.isInRing) {
         m_ring.erase(std::find(m_ring.begin(), m_ring.end(), &lane));
     } else {

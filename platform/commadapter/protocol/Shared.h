@@ -16,6 +16,7 @@ struct Machine::Shared {
     std::atomic<unsigned> pongsOwed{0};
     std::uint64_t pongs = 0; ///< received; the input half's own
     std::atomic<bool> hasHello{false};
+    std::atomic<bool> isHeld{false}; ///< the input half takes up no further frame
     std::atomic<std::uint32_t> peerMaxMessageBytes{UINT32_MAX};
 };
 

@@ -67,8 +67,8 @@ protected:
 
 TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
 {
-    const auto slow = client->request(retrieve("/stream"));
-    const auto other = client->request(retrieve("/stream"));
+    const auto slow = client->request(persistent());
+    const auto other = client->request(persistent());
     settle();
     const auto handlers = service.handlers();
     scheduler->pauseGroup(2);
@@ -93,7 +93,7 @@ TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
 TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
 {
     policy = QueuePolicy::eKEEP_LATEST;
-    const auto stream = client->request(retrieve("/stream"));
+    const auto stream = client->request(persistent());
     settle();
     auto handler = service.take();
     scheduler->pauseGroup(2);
@@ -120,7 +120,7 @@ TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
 TEST_F(BackendQueues, LatestThatIsTooLargeEndsItsStreamAfterTheOneThatWaited)
 {
     policy = QueuePolicy::eKEEP_LATEST;
-    const auto stream = client->request(retrieve("/stream"));
+    const auto stream = client->request(persistent());
     settle();
     const auto handler = service.handlers().front();
     scheduler->pauseGroup(2);
@@ -137,7 +137,7 @@ TEST_F(BackendQueues, LatestThatIsTooLargeEndsItsStreamAfterTheOneThatWaited)
 TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
 {
     policy = QueuePolicy::eCUT_CONNECTION;
-    const auto stream = client->request(retrieve("/stream"));
+    const auto stream = client->request(persistent());
     settle();
     const auto handler = service.handlers().front();
     EXPECT_EQ(flood(*handler, 1000), 1000) << "over the bound, but the client may be about to take it";
@@ -228,7 +228,7 @@ TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
     one.start();
     settle();
     for (unsigned connection = 1; connection <= 3; ++connection) {
-        one.request(retrieve("/stream"));
+        one.request(persistent());
         settle();
         scheduler->pauseGroup(2);
         const int accepted = flood(*other.handlers().front(), 1000);

@@ -46,6 +46,7 @@ public:
         while (m_pair.server.queuedBytes() > 0) {
             move(1 + draw(300000));
         }
+        ASSERT_EQ(m_pair.server.persistentBytes(), 0U);
         checkOrder();
     }
 
@@ -63,7 +64,7 @@ private:
         }
         const std::size_t size = what < 14 ? draw(200) : what < 17 || m_onlySmall ? draw(60000) : draw(400000);
         const Response response(static_cast<unsigned short>(m_count++), large(size));
-        ASSERT_EQ(m_pair.server.next(stream, response), Machine::Sent::eQUEUED);
+        ASSERT_EQ(m_pair.server.next(stream, response, isPersistent(stream)), Machine::Sent::eQUEUED);
         m_sent[stream].push_back(describe("next", stream, response));
         m_all.push_back(m_sent[stream].back());
     }
@@ -76,13 +77,20 @@ private:
         ASSERT_FALSE(feed(m_pair.client, some, 1 + draw(100000))) << m_pair.client.reason();
     }
 
+    static bool isPersistent(std::uint32_t stream) { return stream % 2 == 1; }
+
     void checkCounts()
     {
         std::size_t total = 0;
+        std::size_t persistent = 0;
         for (std::uint32_t stream = 1; stream <= 5; ++stream) {
-            total += m_pair.server.queuedBytes(stream);
+            const std::size_t queued = m_pair.server.queuedBytes(stream);
+            total += queued;
+            persistent += isPersistent(stream) ? queued : 0;
         }
         ASSERT_EQ(total, m_pair.server.queuedBytes());
+        ASSERT_GE(m_pair.server.persistentBytes(), persistent);
+        ASSERT_LE(m_pair.server.persistentBytes(), persistent + 65'552) << "one that is leaving";
     }
 
     void checkOrder()

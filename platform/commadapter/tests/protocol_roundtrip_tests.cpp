@@ -1,4 +1,5 @@
-// Whatever one machine is told to send, the other hears: the same, in order, however the bytes are cut.
+// Whatever one machine is told to send, the other hears: the same, in order, however the bytes are cut, and held back
+// after each message or not.
 
 #include "protocol_support.h"
 
@@ -46,8 +47,11 @@ TEST(ProtocolRoundTrip, whatIsSentTogetherArrivesThroughAnyCut)
         atServer.push_back(describe(stream++, 1, request));
     }
     atServer.insert(atServer.end(), {"cancel 77", "detached 1"});
-    for (std::size_t atMost : {1U, 2U, 3U, 7U, 15U, 16U, 17U, 4096U, 70000U}) {
+    for (std::size_t atMost : {1U, 2U, 3U, 7U, 15U, 16U, 17U, 4096U, 70000U, 4095U, 70001U}) {
         Pair pair;
+        if (atMost % 2 == 1) {
+            pair.atServer.held = &pair.server;
+        }
         pair.client.attach(1, "/media/player");
         for (std::uint32_t stream = 1; const Request& request : requests) {
             ASSERT_EQ(pair.client.request(stream++, 1, request), Machine::Sent::eQUEUED);
@@ -57,6 +61,7 @@ TEST(ProtocolRoundTrip, whatIsSentTogetherArrivesThroughAnyCut)
         pair.client.ping();
         ASSERT_FALSE(feed(pair.server, takeAll(pair.client), atMost)) << pair.server.reason();
         EXPECT_EQ(pair.atServer.lines, atServer) << "at most " << atMost;
+        EXPECT_EQ(pair.atServer.persistent, std::vector<std::uint32_t>{1});
         EXPECT_EQ(pair.server.takePongsOwed(), 1U);
         EXPECT_EQ(pair.server.takePongsOwed(), 0U);
 

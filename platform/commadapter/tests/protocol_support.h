@@ -57,19 +57,22 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
            request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
 }
 
-/// Writes a line per callback, and lets `echo` send what was heard.
+/// Writes a line per callback, lets `echo` send what was heard, and has `held` hold after each.
 class Recorder : public IMachineListener {
 public:
-    void onHello(const Hello& peer) override { lines.push_back(describe(peer)); }
+    void onHello(const Hello& peer) override { add(describe(peer)); }
     void onAttach(std::uint32_t target, std::string path) override
     {
         add("attach", target, ' ' + path);
         say([&] { static_cast<void>(echo->attach(target, path)); });
     }
     void onDetach(std::uint32_t target) override { onDetached(target); }
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request) override
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
     {
-        lines.push_back(describe(stream, target, request));
+        add(describe(stream, target, request));
+        if (isPersistent) {
+            persistent.push_back(stream);
+        }
         say([&] { static_cast<void>(echo->request(stream, target, request)); });
     }
     void onCancel(std::uint32_t stream) override
@@ -89,12 +92,12 @@ public:
     }
     void onNext(std::uint32_t stream, Response response) override
     {
-        lines.push_back(describe("next", stream, response));
+        add(describe("next", stream, response));
         say([&] { static_cast<void>(echo->next(stream, response)); });
     }
     void onError(std::uint32_t stream, Response error) override
     {
-        lines.push_back(describe("error", stream, error));
+        add(describe("error", stream, error));
         say([&] { echo->error(stream, error); });
     }
     void onCompleted(std::uint32_t stream) override
@@ -104,12 +107,22 @@ public:
     }
 
     std::vector<std::string> lines;
+    std::vector<std::uint32_t> persistent; ///< streams of the requests that say so
     Machine* echo = nullptr;
+    Machine* held = nullptr;
 
 private:
     void add(const char* what, std::uint32_t number, const std::string& rest = {})
     {
-        lines.push_back(what + (' ' + std::to_string(number)) + rest);
+        add(what + (' ' + std::to_string(number)) + rest);
+    }
+    void add(std::string line)
+    {
+        if (held != nullptr) {
+            lines.insert(lines.end(), held->isHeld() ? 1 : 0, "called while held");
+            held->hold();
+        }
+        lines.push_back(std::move(line));
     }
     template <class Say>
     void say(const Say& what) const
@@ -120,14 +133,19 @@ private:
     }
 };
 
-/// Puts bytes into a machine. True: it refused them.
+/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
 inline bool feed(Machine& machine, const unsigned char* data, std::size_t size, std::size_t atMost = SIZE_MAX)
 {
     while (size > 0) {
         const std::span<unsigned char> room = machine.inputBuffer();
         const std::size_t count = std::min({size, room.size(), atMost});
         std::memcpy(room.data(), data, count);
-        if (machine.received(count, 0)) {
+        bool failed = machine.received(count, 0);
+        while (machine.isHeld() && !failed) {
+            machine.release();
+            failed = machine.readOn();
+        }
+        if (failed) {
             return true;
         }
         data += count;

@@ -5,8 +5,10 @@
 
 namespace kesa {
 
-/// What becomes of a value for a client that does not take its values as fast as they come, once more is queued for
-/// it than the bound.
+/// What becomes of a value of a persistent stream ("$response-semantic") for a client that does not take such values as
+/// fast as they come, once more of them are queued for it than the bound. Answers of other requests are queued whatever
+/// there is: such a client's further requests are not read. Only when more than the process may have queued is of one
+/// of them alone does this decide about it, too; the connection is then cut off at once.
 enum class QueuePolicy {
     eCUT_STREAM,     ///< the value is refused, and the stream ends with 503
     eKEEP_LATEST,    ///< the value waits in place of the one that waited before it
