@@ -34,8 +34,9 @@ public:
             context->stream = nullptr; // lives in this call only
         }
         // Not run, the event lets go of the request, which then answers 503 itself.
-        send([service = m_service, request, context = std::move(context), open = std::move(open)] {
-            const RequestContext::Scope scope(context ? &*context : nullptr);
+        send([service = m_service, request, context = std::move(context), deadline = RequestContext::deadline(),
+              open = std::move(open)] {
+            const RequestContext::Scope scope(context ? &*context : nullptr, deadline);
             serve(*service, request, *open);
         });
         return handle;

@@ -1,4 +1,5 @@
-// Client objects and the connection they share. Their requests are in ClientConnection_requests.cpp.
+// Client objects and the connection they share. Their requests are in ClientConnection_requests.cpp, the time limits of
+// these in ClientConnection_limits.cpp.
 //
 // Calls. The loop calls one handler or listener at a time, without the lock, and notes which. `cancel` and `release`
 // from another thread take away what would be called next and then wait while exactly that call runs; on the loop they
@@ -238,6 +239,7 @@ bool ClientConnection::isAnswerOwed(comm::TimeNs now, bool& isLate)
 void ClientConnection::disconnect()
 {
     m_connector->stop();
+    loop().reactor()->cancelTimer(m_timer);
     lose("no longer used");
 }
 

@@ -3,6 +3,7 @@
 
 #include "backend/Connection.h"
 #include "backend/Connector.h"
+#include "backend/Deadlines.h"
 #include "backend/StreamTable.h"
 
 #include <comm/Condition.h>
@@ -69,12 +70,18 @@ public:
 private:
     static constexpr const char* SHUTTING_DOWN = "shutting down";
 
+    enum class Limited : std::uint8_t {
+        eNOT,
+        eUNTIL_VALUE, ///< a persistent stream, until its first value
+        eUNTIL_END,
+    };
     struct Stream : StreamEntry {
         Handler handler;
         ClientState* client = nullptr;
         std::uint64_t handle = 0;
-        comm::TimeNs issued = 0; ///< of a request for a single answer
-        bool isOpen = false;     ///< else cancelled: the number stays taken until the server ends the stream
+        comm::TimeNs issued = 0; ///< of a request for a single answer, or with a time limit
+        Limited limited = Limited::eNOT;
+        bool isOpen = false; ///< else cancelled: the number stays taken until the server ends the stream
         bool isSingle = false;
     };
     /// A request that could not be sent, until the loop tells its handler.
@@ -92,10 +99,15 @@ private:
     void tellLater();
     Handler takeFailed(std::uint64_t handle);
     void unlink(std::uint32_t stream);
+    void unlimit(Stream& stream) noexcept;
     void cancelStream(std::uint32_t stream);
     void callEnded();
     void waitWhileRunning(Lock& lock, const std::string& path, std::uint64_t handle);
     static std::uint64_t nextHandle(std::uint32_t stream) noexcept;
+    static std::uint32_t streamOf(std::uint64_t handle) noexcept;
+    // ClientConnection_limits.cpp
+    void limit(Stream& stream, comm::TimeNs deadline, bool isPersistent);
+    bool isLimited(std::uint64_t handle);
 
     // Loop only.
     void connected(std::unique_ptr<transport::IStream> stream);
@@ -103,6 +115,7 @@ private:
     void retire(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
     void tellFailed(Lock& lock, std::size_t atMost);
     void endStreams(Lock& lock, ClientState& client, const Response& error);
+    void endHere(Lock& lock, std::uint32_t stream, const Response& error);
     void endStream(std::uint32_t stream, const Response* error);
     void setConnected(Lock& lock, ClientState& client);
     void setDisconnected(Lock& lock, ClientState& client, const Response& error);
@@ -110,6 +123,9 @@ private:
     template <class Call>
     void run(Lock& lock, std::uint64_t handle, Call&& call);
     std::shared_ptr<ClientState> clientOf(std::uint32_t target) const;
+    // ClientConnection_limits.cpp
+    void setTimer();
+    void expire();
 
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
@@ -130,6 +146,8 @@ private:
     std::deque<Failure> m_failures; ///< handles ascend; the last one is not cancelled
     bool m_isTelling = false;       ///< an event for all of them is in the loop's queue
     std::size_t m_openSingles = 0;
+    Deadlines m_deadlines{[this](std::uint64_t handle) { return isLimited(handle); }};
+    comm::TimeNs m_timerDue = comm::NEVER; ///< when `m_timer` runs, or is about to be set for
     bool m_isStopped = false;
     std::uint64_t m_runningHandle = 0;              ///< of the handler being called
     const ClientState* m_runningListener = nullptr; ///< of the listener being called
@@ -141,6 +159,7 @@ private:
     std::vector<std::shared_ptr<ClientState>> m_clients; ///< started and not retired
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
+    comm::Reactor::Id m_timer = 0;
 };
 
 } // namespace kesa::commadapter

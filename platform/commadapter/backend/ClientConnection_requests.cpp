@@ -8,6 +8,7 @@
 
 #include "backend/Waiter.h"
 #include "backend/channel.h"
+#include "backend/timeLimit.h"
 
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
@@ -30,12 +31,8 @@ constexpr const char* NOT_CONNECTED = "the service is not connected";
 constexpr const char* TOO_SLOW = "the service is too slow";
 constexpr const char* TOO_MANY = "too many open requests";
 constexpr const char* TOO_LARGE = "the request is larger than a message may be";
+constexpr const char* NO_TIME = "no time is left for it";
 constexpr const char* NOT_SENDABLE = "the request has text that is not UTF-8, or a header without a form on the wire";
-
-std::uint32_t streamOf(std::uint64_t handle) noexcept
-{
-    return static_cast<std::uint32_t>(handle & ((1U << STREAM_BITS) - 1));
-}
 
 /// Only an explicit wish for one answer makes an answer owed: a persistent stream may be silent for ever.
 bool isSingle(std::string_view semantic)
@@ -51,6 +48,11 @@ std::uint64_t ClientConnection::nextHandle(std::uint32_t stream) noexcept
 {
     static std::atomic<std::uint64_t> count{0};
     return (count.fetch_add(1, std::memory_order_relaxed) + 1) << STREAM_BITS | stream;
+}
+
+std::uint32_t ClientConnection::streamOf(std::uint64_t handle) noexcept
+{
+    return static_cast<std::uint32_t>(handle & ((1U << STREAM_BITS) - 1));
 }
 
 void* ClientConnection::request(ClientState& client, const Request& request, Handler&& handler)
@@ -73,8 +75,17 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
 
 void* ClientConnection::send(Lock& lock, ClientState& client, const Request& request, Handler&& handler)
 {
-    const auto semantic = request.getHeaders()[headers::RESPONSE_SEMANTIC].stringView();
-    if (isRefused(request.getPayload().size(), semantic == responsesemantics::PERSISTENT_STREAM)) {
+    const GenericObject& headers = request.getHeaders();
+    comm::TimeNs timeLimit = comm::NEVER;
+    if (readTimeLimit(headers[headers::TIMEOUT], timeLimit)) {
+        return fail(lock, std::move(handler), 400, BAD_TIME_LIMIT);
+    }
+    if (timeLimit == 0) {
+        return fail(lock, std::move(handler), 504, NO_TIME);
+    }
+    const auto semantic = headers[headers::RESPONSE_SEMANTIC].stringView();
+    const bool isPersistent = semantic == responsesemantics::PERSISTENT_STREAM;
+    if (isRefused(request.getPayload().size(), isPersistent)) {
         return fail(lock, std::move(handler), 503, TOO_SLOW);
     }
     const std::uint32_t number = m_streams.takeAny();
@@ -94,11 +105,14 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.isOpen = true;
     stream.isSingle = isSingle(semantic);
     const std::uint64_t handle = stream.handle;
-    if (stream.isSingle) {
+    if (stream.isSingle || timeLimit != comm::NEVER) {
         stream.issued = comm::now();
+    }
+    if (stream.isSingle) {
         ++m_openSingles;
         loop().expectSomething();
     }
+    limit(stream, deadlineOf(stream.issued, timeLimit), isPersistent);
     m_streams.append(client.open, number);
     pushOut();
     return reinterpret_cast<void*>(handle);
@@ -238,8 +252,9 @@ void ClientConnection::waitWhileRunning(Lock& lock, const std::string& path, std
 
 void ClientConnection::unlink(std::uint32_t number)
 {
-    const Stream& stream = *m_streams.find(number);
+    Stream& stream = *m_streams.find(number);
     m_streams.remove(stream.client->open, number);
+    unlimit(stream);
     if (stream.isSingle) {
         --m_openSingles;
     }
@@ -269,13 +284,16 @@ void ClientConnection::callEnded()
 void ClientConnection::onNext(std::uint32_t number, Response response)
 {
     Lock lock(m_lock);
-    const Stream* const stream = m_streams.find(number);
+    Stream* const stream = m_streams.find(number);
     if (stream == nullptr || !stream->isOpen) {
         return; // cancelled, and the server does not know it yet
     }
     if (!stream->client->isAttached && stream->client->listener != nullptr) {
         obr::GlobalErrorHandler::doAssert(false, "stream->client->isAttached", __FILE__, __LINE__, __func__,
                                           "a value after the disconnect of its client object");
+    }
+    if (stream->limited == Limited::eUNTIL_VALUE) {
+        unlimit(*stream);
     }
     IResponseHandler<Response>* const handler = stream->handler.get();
     m_runningHandle = stream->handle;
@@ -332,16 +350,20 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
 void ClientConnection::endStreams(Lock& lock, ClientState& client, const Response& error)
 {
     while (client.open.first != 0) {
-        const std::uint32_t number = client.open.first;
-        Stream& stream = *m_streams.find(number);
-        Handler handler = std::move(stream.handler);
-        const std::uint64_t handle = stream.handle;
-        cancelStream(number);
-        run(lock, handle, [&] {
-            handler->onError(error);
-            handler.reset();
-        });
+        endHere(lock, client.open.first, error);
     }
+}
+
+void ClientConnection::endHere(Lock& lock, std::uint32_t number, const Response& error)
+{
+    Stream& stream = *m_streams.find(number);
+    Handler handler = std::move(stream.handler);
+    const std::uint64_t handle = stream.handle;
+    cancelStream(number);
+    run(lock, handle, [&] {
+        handler->onError(error);
+        handler.reset();
+    });
 }
 
 } // namespace kesa::commadapter

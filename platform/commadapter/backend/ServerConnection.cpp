@@ -16,8 +16,10 @@
 
 #include "backend/Peer.h"
 #include "backend/channel.h"
+#include "backend/timeLimit.h"
 
 #include <kesa/IResponseHandler.h>
+#include <kesa/headers.h>
 
 #include <algorithm>
 
@@ -424,6 +426,16 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
 void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
                              const std::shared_ptr<ProvidedService>& service, const Request& request)
 {
+    comm::TimeNs timeLimit = comm::NEVER;
+    if (readTimeLimit(request.getHeader(headers::TIMEOUT), timeLimit)) {
+        const auto error = Response::createErrorResponse(400, BAD_TIME_LIMIT);
+        finish(number, serial, &error);
+        return;
+    }
+    std::optional<comm::TimeNs> deadline;
+    if (timeLimit != comm::NEVER) {
+        deadline = deadlineOf(machine().lastReceived(), timeLimit);
+    }
     std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<ResponseSender>(
         std::static_pointer_cast<ServerConnection>(shared_from_this()), number, serial);
     StreamControl control(*this, number, serial);
@@ -431,7 +443,7 @@ void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
     void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
     {
         // A caller in this process is nobody else: it has no context.
-        const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context);
+        const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context, deadline);
         handle = service->service->request(request, std::move(handler));
     }
     m_context.stream = nullptr;

@@ -107,8 +107,12 @@ public:
         m_size = size;
     }
     GenericObject decode() const override;
+    util::config::Value find(std::string_view name) const override;
 
 private:
+    template <class IsWanted, class Keep>
+    void read(const IsWanted& isWanted, const Keep& keep) const;
+
     const unsigned char* m_data = nullptr;
     std::size_t m_size = 0;
     bool m_isRequest;

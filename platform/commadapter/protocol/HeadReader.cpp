@@ -109,11 +109,14 @@ std::string_view headerName(const MemberKey& key) noexcept
     if (reader.skip(1)) {
         return true;
     }
+    obr::ErrorStorage::Slot pending; // asking for headers is no read of its own
+    obr::ErrorStorage::exchange(pending);
     util::ByteBufferReader bytes(start, static_cast<std::size_t>(reader.position() - start), false);
     const auto deserializer = util::serializer::makeDeserializer(util::serializer::Format::eQELBIN);
     if (deserializer->attach(bytes) || serializer::deserialize(*deserializer, value) || deserializer->finish()) {
         value = Value(); // a form this side has no value for
     }
+    obr::ErrorStorage::exchange(pending);
     return false;
 }
 
@@ -291,16 +294,15 @@ bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::s
     return failed;
 }
 
-GenericObject HeaderSource::decode() const
+/// Decodes the wanted headers. What a sender says of the client is none.
+template <class IsWanted, class Keep>
+void HeaderSource::read(const IsWanted& isWanted, const Keep& keep) const
 {
-    obr::ErrorStorage::Slot pending; // asking for headers is no read of its own
-    obr::ErrorStorage::exchange(pending);
-    std::vector<Value::Member> members;
-    members.reserve(USUAL_HEADERS);
     Reader reader(m_data, m_size);
     const bool failed = m_size > 0 && forEachMember(reader, [&](const MemberKey& key, Reader& in) {
                             const std::string_view name = headerName(key);
-                            if ((key.isNumber && name.empty()) || (m_isRequest && name == kesa::headers::CLIENT_ID)) {
+                            if ((key.isNumber && name.empty()) || !isWanted(name) ||
+                                (m_isRequest && name == kesa::headers::CLIENT_ID)) {
                                 return in.skip(1);
                             }
                             Value value;
@@ -308,16 +310,36 @@ GenericObject HeaderSource::decode() const
                                 return true;
                             }
                             if (value.isDefined()) {
-                                members.emplace_back(std::string(name), std::move(value));
+                                keep(name, std::move(value));
                             }
                             return false;
                         });
-    obr::ErrorStorage::exchange(pending);
     static_cast<void>(failed); // the head was checked when it arrived
-    if (m_clientId != nullptr) {
-        members.emplace_back(std::string(kesa::headers::CLIENT_ID), Value(*m_clientId));
+    if (m_clientId != nullptr && isWanted(kesa::headers::CLIENT_ID)) {
+        keep(kesa::headers::CLIENT_ID, Value(*m_clientId));
     }
+}
+
+GenericObject HeaderSource::decode() const
+{
+    std::vector<Value::Member> members;
+    members.reserve(USUAL_HEADERS);
+    read([](std::string_view) { return true; },
+         [&members](std::string_view name, Value&& value) { members.emplace_back(name, std::move(value)); });
     return GenericObject(std::move(members));
+}
+
+Value HeaderSource::find(std::string_view name) const
+{
+    Value found;
+    // Mostly it is not there: a header travels under its name, unless it has a number.
+    const std::string_view head(reinterpret_cast<const char*>(m_data), m_size);
+    const bool isNowhere = head.find(name) == std::string_view::npos && !vocabulary::keyOf(name);
+    if (!isNowhere) {
+        read([name](std::string_view header) { return header == name; },
+             [&found](std::string_view, Value&& value) { found = std::move(value); });
+    }
+    return found;
 }
 
 } // namespace kesa::commadapter::protocol

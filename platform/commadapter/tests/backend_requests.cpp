@@ -1,7 +1,7 @@
 // Requests over the backend: answers, ends, cancels, and the statuses the backend makes itself. Each test runs over a
 // connection between two processes and over the own process's locator: both must behave the same.
 
-#include "backend_support.h"
+#include "backend_roads.h"
 
 #include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
@@ -17,40 +17,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-enum class Road { eREMOTE, eLOCAL };
-
-class BackendRequests : public SimulatedBackends, public testing::WithParamInterface<Road> {
-protected:
-    BackendRequests()
-    {
-        settings.maxMessageBytes = 100U << 10U;
-        server = makeBackend("server");
-        clientBackend = isLocal() ? nullptr : makeBackend("client");
-        locator = provide(*server, "/service", service);
-        client = connect();
-        settle();
-    }
-    ~BackendRequests() override
-    {
-        client.reset();
-        clientBackend.reset();
-        server.reset();
-    }
-    static bool isLocal() { return GetParam() == Road::eLOCAL; }
-    IBackend& backend() { return isLocal() ? *server : *clientBackend; }
-    std::unique_ptr<Client> connect()
-    {
-        auto made = std::make_unique<Client>(backend(), locator);
-        made->start();
-        return made;
-    }
-
-    CheckedService service{"service"};
-    std::unique_ptr<IBackend> server;
-    std::unique_ptr<IBackend> clientBackend;
-    std::string locator;
-    std::unique_ptr<Client> client;
-};
+class BackendRequests : public BothRoads {};
 
 TEST_P(BackendRequests, AnswersComeInOrderAndOnTheLoopOnly)
 {
@@ -93,10 +60,17 @@ TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
     service.onRequest = [&](const Request& request) {
         hasContext = RequestContext::current() != nullptr;
         seen = hasContext ? *RequestContext::current() : RequestContext();
-        clientId = request.getHeaders()[headers::CLIENT_ID].stringView();
+        clientId = request.getHeader(headers::CLIENT_ID).stringView();
+        for (const auto& [name, one] : request.getHeaders()) {
+            EXPECT_EQ(request.getHeader(name), one) << name;
+        }
+        EXPECT_FALSE(request.getHeader("nam").isDefined()) << "a part of one that is there";
     };
     Request request = retrieve("/echo");
     request.setHeader(headers::CLIENT_ID, "somebody else");
+    request.setHeader(headers::ACCEPT, "application/json");
+    request.setHeader("name", util::config::Value::Array{1, "two"});
+    request.setHeader("of", "name");
     client->request(request);
     settle();
     EXPECT_EQ(hasContext, !isLocal()) << "a caller in this process has none";
@@ -335,10 +309,7 @@ TEST_P(BackendRequests, ServiceMayWithdrawItselfInsideARequest)
     EXPECT_FALSE(client->checker.isConnected());
 }
 
-INSTANTIATE_TEST_SUITE_P(Roads, BackendRequests, testing::Values(Road::eREMOTE, Road::eLOCAL),
-                         [](const auto& instance) {
-                             return std::string(instance.param == Road::eREMOTE ? "Remote" : "Local");
-                         });
+INSTANTIATE_TEST_SUITE_P(Roads, BackendRequests, testing::Values(Road::eREMOTE, Road::eLOCAL), nameOfRoad);
 
 } // namespace
 } // namespace kesa::commadapter::test

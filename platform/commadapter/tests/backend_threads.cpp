@@ -7,6 +7,7 @@
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
 #include <kesa/FuncCallEvent.h>
+#include <kesa/headers.h>
 
 #include <gtest/gtest.h>
 
@@ -90,26 +91,34 @@ protected:
         return outcome;
     }
 
-    // Threads that ask and cancel as fast as they can.
+    // Threads that ask and cancel as fast as they can; some requests run out of time meanwhile.
     void beginTraffic(const std::vector<KesaClientApi*>& apis)
     {
         for (unsigned i = 0; i < 3; ++i) {
             m_threads.push_back(std::make_unique<comm::ActiveObject>("test.traffic"));
             post(*m_threads.back(), [this, apis, i] {
                 for (unsigned n = 0; !m_isOver; ++n) {
-                    issue(*apis[n % apis.size()], n % 8 == 0, (n + i) % 2 == 0);
+                    issue(*apis[n % apis.size()], n % 8 == 0, (n + i) % 2 == 0, n % 3 == 0);
                 }
             });
         }
     }
-    void issue(KesaClientApi& api, bool isAwaited, bool isCancelled)
+    void issue(KesaClientApi& api, bool isAwaited, bool isCancelled, bool isLimited)
     {
         std::shared_ptr<Outcome> outcome;
         if (isAwaited) { // keeps pace with the loop
             outcome = call(api, traffic, retrieve("/echo", "x"));
         } else {
             auto handler = traffic.handler(outcome);
-            void* const handle = api.request(retrieve("/stream", "x"), std::move(handler));
+            Request request = retrieve("/stream", "x");
+            if (isLimited) {
+                request.setHeader(headers::TIMEOUT, 1);
+                outcome->onEnd = [this] {
+                    ++m_limitedEnds;
+                    notify();
+                };
+            }
+            void* const handle = api.request(request, std::move(handler));
             if (isCancelled) {
                 api.cancel(handle);
                 traffic.cancelled(*outcome);
@@ -139,6 +148,7 @@ protected:
     /// Of requests issued from many threads in the middle of reconnections; it knows of no connection.
     ClientChecker traffic{"traffic"};
     std::atomic<bool> m_isOver{false};
+    std::atomic<unsigned> m_limitedEnds{0};
     std::vector<std::shared_ptr<Outcome>> m_outcomes;
     std::vector<std::unique_ptr<comm::ActiveObject>> m_threads;
 };
@@ -169,6 +179,24 @@ TEST_F(BackendThreads, CancelAndReleaseWaitForTheRunningCall)
     remote->release();
     hasReturned = true;
     clientBackend->stop(); // and what may still run
+}
+
+TEST_F(BackendThreads, TimeRunsOutInTheMiddleOfTraffic)
+{
+    local = connect(*server);
+    provide();
+    beginTraffic({&remote->api(), &local->api()});
+    EXPECT_TRUE(await([this] { return m_limitedEnds >= 1000; }));
+    m_isOver = true;
+    m_threads.clear();
+    clientBackend->stop();
+    server->stop();
+    services.back()->withdrawn();
+    for (const auto& outcome : m_outcomes) {
+        EXPECT_TRUE(outcome->isDestroyed);
+    }
+    remote->forgetBackend();
+    local->forgetBackend();
 }
 
 TEST_F(BackendThreads, WithdrawReleaseAndStopInTheMiddleOfTraffic)

@@ -21,6 +21,11 @@ const GenericObject& Request::getHeaders() const
     return m_arrived ? m_arrived->headers() : m_headers;
 }
 
+util::config::Value Request::getHeader(std::string_view name) const
+{
+    return m_arrived ? m_arrived->find(name) : m_headers[name];
+}
+
 void Request::setHeader(std::string_view name, util::config::Value value)
 {
     if (m_arrived) {
@@ -28,6 +33,12 @@ void Request::setHeader(std::string_view name, util::config::Value value)
         m_arrived.reset();
     }
     m_headers.set(name, std::move(value));
+}
+
+void Request::setHeaders(GenericObject headers)
+{
+    m_headers = std::move(headers);
+    m_arrived.reset();
 }
 
 void Request::setMimeType(const std::string& name)

@@ -5,20 +5,38 @@
 namespace kesa {
 
 namespace {
-thread_local const RequestContext* currentContext = nullptr;
+
+/// Together, since each access to something of a thread's own costs.
+struct Handling {
+    const RequestContext* context = nullptr;
+    std::optional<comm::TimeNs> deadline;
+};
+thread_local Handling handling;
+
 } // namespace
 
 const RequestContext* RequestContext::current() noexcept
 {
-    return currentContext;
+    return handling.context;
 }
 
-RequestContext::Scope::Scope(const RequestContext* context) noexcept : m_before(std::exchange(currentContext, context))
-{}
+std::optional<comm::TimeNs> RequestContext::deadline() noexcept
+{
+    return handling.deadline;
+}
+
+RequestContext::Scope::Scope(const RequestContext* context, std::optional<comm::TimeNs> deadline) noexcept
+{
+    Handling& here = handling;
+    m_context = std::exchange(here.context, context);
+    m_deadline = std::exchange(here.deadline, deadline);
+}
 
 RequestContext::Scope::~Scope()
 {
-    currentContext = m_before;
+    Handling& here = handling;
+    here.context = m_context;
+    here.deadline = m_deadline;
 }
 
 } // namespace kesa

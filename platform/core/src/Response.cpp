@@ -21,6 +21,11 @@ Response Response::createErrorResponse(unsigned short status, std::string_view t
     return Response(status, Payload::createFromString(std::string(text), mimetypes::TEXT));
 }
 
+Response Response::createTimeoutResponse(std::chrono::milliseconds limit)
+{
+    return createErrorResponse(504, "no answer within " + std::to_string(limit.count()) + " ms");
+}
+
 std::string Response::getErrorMessageWithCode(const Response& response)
 {
     std::string text = std::to_string(response.m_status);

@@ -2,6 +2,8 @@
 
 #include "src/Replaceable.h"
 
+#include <algorithm>
+
 namespace kesa::headers {
 
 namespace {
@@ -40,6 +42,21 @@ void appendAuthInfo(Request& request)
 void appendResponseSemantic(Request& request, std::string_view semantic)
 {
     request.setHeader(RESPONSE_SEMANTIC, semantic);
+}
+
+void appendTimeout(Request& request, std::chrono::nanoseconds left)
+{
+    const auto whole = std::chrono::ceil<std::chrono::milliseconds>(std::max(left, std::chrono::nanoseconds::zero()));
+    if (!request.getHeaders().empty()) {
+        request.setHeader(TIMEOUT, whole.count());
+        return;
+    }
+    // A thread that asks again and again mostly waits equally long: its requests share their headers.
+    thread_local GenericObject before;
+    if (before[TIMEOUT] != whole.count()) {
+        before = {{std::string(TIMEOUT), whole.count()}};
+    }
+    request.setHeaders(before);
 }
 
 void appendRequestInfo(Response& response, const RequestInfo& info)

@@ -21,6 +21,7 @@ public:
         ++decoded;
         return GenericObject{{"$accept", "application/json"}, {"x", 1}};
     }
+    util::config::Value find(std::string_view name) const override { return name == "x" ? 1 : util::config::Value(); }
     mutable std::atomic<int> decoded{0};
 };
 
@@ -45,6 +46,7 @@ TEST(Request, DecodesArrivedHeadersOnceForAllCopies)
 {
     const auto source = std::make_shared<CountingSource>();
     const Request request("retrieve", "/a", Payload(), std::shared_ptr<const IHeaderSource>(source));
+    EXPECT_EQ(request.getHeader("x"), 1);
     EXPECT_EQ(source->decoded, 0);
     std::vector<const GenericObject*> seen(4);
     std::vector<std::thread> readers;
@@ -89,6 +91,21 @@ TEST(Request, OwnHeadersAreNotShared)
     headers::appendRequestInfo(response, RequestInfo(request));
     EXPECT_EQ(response.getHeaders(),
               (GenericObject{{"$request-command", "insert"}, {"$request-path", "/a"}, {"$service-path", "/registry"}}));
+}
+
+TEST(Request, TimeLimitIsItsOwnAndLeavesOtherHeaders)
+{
+    Request first("retrieve", "/");
+    Request second("retrieve", "/");
+    Request arrived("retrieve", "/", Payload(), std::shared_ptr<const IHeaderSource>(new CountingSource));
+    for (Request* const request : {&first, &second, &arrived}) {
+        headers::appendTimeout(*request, std::chrono::milliseconds(5));
+    }
+    second.setHeader("x", 1);
+    headers::appendTimeout(second, std::chrono::milliseconds(7));
+    EXPECT_EQ(first.getHeaders(), (GenericObject{{"$timeout", 5}}));
+    EXPECT_EQ(second.getHeaders(), (GenericObject{{"$timeout", 7}, {"x", 1}}));
+    EXPECT_EQ(arrived.getHeaders(), (GenericObject{{"$accept", "application/json"}, {"$timeout", 5}, {"x", 1}}));
 }
 
 TEST(Response, HasAnErrorText)

@@ -97,6 +97,7 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
         EXPECT_TRUE(comm::onAnyLoop());
         const RequestContext* const current = RequestContext::current();
         log.push_back(current != nullptr && current->stream == nullptr ? current->process : "nobody");
+        EXPECT_EQ(RequestContext::deadline(), 70);
         kept = std::move(responder);
     });
     auto api = on(loop, std::shared_ptr<IKesaApi>(service));
@@ -107,7 +108,7 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     context.process = "asker";
     context.stream = &control;
     const auto ask = [&] {
-        const RequestContext::Scope scope(&context);
+        const RequestContext::Scope scope(&context, 70);
         return api->request(Request("retrieve", "/"), client());
     };
 

@@ -4,6 +4,7 @@
 #include <kesa/GenericObject.h>
 
 #include <atomic>
+#include <string_view>
 
 namespace kesa {
 
@@ -12,6 +13,8 @@ class KESA_API IHeaderSource {
 public:
     virtual ~IHeaderSource();
     virtual GenericObject decode() const = 0;
+    /// One of them, undefined when absent, without decoding the others.
+    virtual util::config::Value find(std::string_view name) const = 0;
 
     /// What `decode` answered at the first question.
     const GenericObject& headers() const;

@@ -30,6 +30,11 @@ public:
     /// service is not connected (before the first connection and after the client object's release, too), 413 when it
     /// is too large. When the backend has ended there is no loop: then `handler` is told 503 inside this call, stays
     /// the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
+    ///
+    /// A request may have a time limit (`headers::appendTimeout`). A client object ends it with 504 when it has not
+    /// been answered to the end by then, or, for a persistent stream, has brought no value; it is cancelled at the
+    /// service, and nothing comes after the 504. A limit that is no whole number of milliseconds is answered 400. The
+    /// service sees what it has left: `RequestContext::deadline`.
     virtual void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) = 0;
 
     /// Ends a request: no call to its handler runs or comes after this returns, unless it was called from inside

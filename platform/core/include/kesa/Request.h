@@ -27,8 +27,12 @@ public:
     const Payload& getPayload() const noexcept { return m_payload; }
     /// The headers; empty when there are none.
     const GenericObject& getHeaders() const;
+    /// One header; undefined when absent. Of a request that arrived the others stay undecoded.
+    util::config::Value getHeader(std::string_view name) const;
     /// Replaces a header of that name. Copies made before keep theirs.
     void setHeader(std::string_view name, util::config::Value value);
+    /// Replaces all of them.
+    void setHeaders(GenericObject headers);
 
     /// Names the format in which answers are wanted, the header "$accept".
     void setMimeType(const std::string& name);

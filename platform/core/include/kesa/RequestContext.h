@@ -1,6 +1,7 @@
 #ifndef KESA_REQUESTCONTEXT_H
 #define KESA_REQUESTCONTEXT_H
 
+#include <comm/Clock.h>
 #include <kesa/IPeer.h>
 #include <kesa/IStreamControl.h>
 #include <obr/UUID.h>
@@ -8,6 +9,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace kesa {
@@ -29,17 +31,22 @@ public:
 
     /// The context of the request being handled on this thread; null outside of one, and for a caller in this process.
     static const RequestContext* current() noexcept;
+    /// When the time limit of the request being handled on this thread runs out, on the clock of `comm::now`; nothing
+    /// when it has none. Whoever asks is told 504 then, and the request is cancelled. Callers in this process have
+    /// limits, too. A service that answers later keeps it with the request.
+    static std::optional<comm::TimeNs> deadline() noexcept;
 
-    /// Sets the context for the scope of a call.
+    /// Sets context and deadline for the scope of a call.
     class KESA_API Scope {
     public:
-        explicit Scope(const RequestContext* context) noexcept;
+        explicit Scope(const RequestContext* context, std::optional<comm::TimeNs> deadline = {}) noexcept;
         ~Scope();
         Scope(const Scope&) = delete;
         Scope& operator=(const Scope&) = delete;
 
     private:
-        const RequestContext* m_before;
+        const RequestContext* m_context; ///< of before, as the next one
+        std::optional<comm::TimeNs> m_deadline;
     };
 };
 

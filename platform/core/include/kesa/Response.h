@@ -5,6 +5,7 @@
 #include <kesa/IHeaderSource.h>
 #include <kesa/Payload.h>
 
+#include <chrono>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -14,7 +15,7 @@ namespace kesa {
 /// One answer of a service, or the error that ends a stream.
 ///
 /// Statuses Kesa itself makes: 400 bad request or pattern, 404 no locator that can be reached, 409 taken or refused
-/// here, 413 too large to send, 503 all that may be otherwise in a moment.
+/// here, 413 too large to send, 503 all that may be otherwise in a moment, 504 not answered within its time limit.
 class KESA_API Response {
 public:
     Response() = default;
@@ -24,6 +25,8 @@ public:
 
     /// An error; its text, when not empty, is the payload ("plain/text").
     static Response createErrorResponse(unsigned short status, std::string_view text = {});
+    /// The error of a request that has not been answered within its time limit: 504, "no answer within 2000 ms".
+    static Response createTimeoutResponse(std::chrono::milliseconds limit);
     /// "409: service already registered", or "409" without a text.
     static std::string getErrorMessageWithCode(const Response& response);
 

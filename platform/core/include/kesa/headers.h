@@ -5,6 +5,7 @@
 #include <kesa/RequestInfo.h>
 #include <kesa/Response.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -19,6 +20,8 @@ inline constexpr std::string_view CLIENT_ID = "$client-id";
 inline constexpr std::string_view ACCEPT = "$accept";
 inline constexpr std::string_view AUTH_TOKEN = "$auth-token";
 inline constexpr std::string_view RESPONSE_SEMANTIC = "$response-semantic";
+/// The time limit of a request: how many milliseconds are left for its answer, a whole number. See `IKesaApi::request`.
+inline constexpr std::string_view TIMEOUT = "$timeout";
 /// Names the sending process in traces; says nothing about who it is.
 inline constexpr std::string_view TRACE_ID = "$trace-id";
 
@@ -26,6 +29,10 @@ KESA_API void appendTracingInfo(Request& request, std::string_view servicePath, 
 /// Adds the process's token for the service of "$service-path", where it has one.
 KESA_API void appendAuthInfo(Request& request);
 KESA_API void appendResponseSemantic(Request& request, std::string_view semantic);
+/// Limits the time of a request, from when it is issued; `left` is rounded up to whole milliseconds, and less than
+/// nothing is nothing. A service hands on what is left to it with
+///     appendTimeout(further, std::chrono::nanoseconds(*RequestContext::deadline() - comm::now()));
+KESA_API void appendTimeout(Request& request, std::chrono::nanoseconds left);
 
 /// Answers the token for a service path; empty when there is none.
 using AuthTokenProvider = std::function<std::string(std::string_view servicePath)>;
