@@ -178,7 +178,7 @@ private:
 Response call(kesa::IKesaApi& api, Payload body)
 {
     kesa::GetResult result =
-        kesa::get(api, Request(std::string(kesa::commands::RETRIEVE), "/", std::move(body)), 10 * comm::SECOND);
+        kesa::get(api, Request(std::string(kesa::commands::RETRIEVE), "/", std::move(body)), std::chrono::seconds(10));
     require(static_cast<bool>(result), result.error.c_str());
     return std::move(*result.response);
 }

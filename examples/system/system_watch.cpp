@@ -32,7 +32,7 @@ constexpr comm::TimeNs FRAME = 250 * comm::MILLISECOND;
 void askOnce(const std::string& path, kesa::IKesaApi& client, examples::Board& board)
 {
     const comm::TimeNs begin = comm::now();
-    const kesa::GetResult result = kesa::get(client, kesa::Request("retrieve", "/"), 2 * comm::SECOND);
+    const kesa::GetResult result = kesa::get(client, kesa::Request("retrieve", "/"), std::chrono::seconds(2));
     if (result) {
         board.answered(path, comm::now() - begin, std::string(result.response->getPayload().text()));
     }

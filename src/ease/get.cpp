@@ -2,7 +2,9 @@
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
 #include <kesa/ease/get.h>
+#include <kesa/headers.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fmt/format.h>
 #include <mutex>
@@ -12,6 +14,12 @@
 namespace kesa {
 
 namespace {
+
+void setError(GetResult& result, const Response& error)
+{
+    result.status = error.getStatus();
+    result.error = Response::getErrorMessageWithCode(error);
+}
 
 /// What the waiting caller and the handler it sent share. The handler is a part of it, so that a call costs one
 /// allocation; deleting the handler lets go of the whole.
@@ -25,10 +33,8 @@ public:
     }
 
     /// True when nothing comes any more; false when the request is still open.
-    bool wait(comm::TimeNs timeout, GetResult& result)
+    bool wait(comm::TimeNs deadline, GetResult& result)
     {
-        const comm::TimeNs now = comm::now();
-        const comm::TimeNs deadline = timeout < comm::NEVER - now ? now + timeout : comm::NEVER;
         std::unique_lock<std::mutex> lock(m_mutex);
         comm::waitFor(
             m_changed, lock, [this] { return m_response || m_isOver; }, deadline);
@@ -37,8 +43,7 @@ public:
             m_response.reset();
             m_isTaken = true;
         } else if (m_error) {
-            result.status = m_error->getStatus();
-            result.error = Response::getErrorMessageWithCode(*m_error);
+            setError(result, *m_error);
         }
         return m_isOver;
     }
@@ -152,7 +157,7 @@ bool deliversAnswers(const comm::LoopInfo& loop) noexcept
 
 } // namespace
 
-GetResult get(IKesaApi& api, const Request& request, comm::TimeNs timeout)
+GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
 {
     GetResult result;
     if (const comm::LoopInfo* const loop = comm::currentLoop(); loop != nullptr && deliversAnswers(*loop)) {
@@ -162,20 +167,28 @@ GetResult get(IKesaApi& api, const Request& request, comm::TimeNs timeout)
                         loop->name);
         return result;
     }
+    // A client object ends the request by itself, but any other service object knows of no limits: the wait has one,
+    // too.
+    timeout = std::max(timeout, std::chrono::nanoseconds::zero());
+    headers::appendTimeout(request, timeout);
+    const comm::TimeNs now = comm::now();
+    const comm::TimeNs deadline = timeout.count() < comm::NEVER - now ? now + timeout.count() : comm::NEVER;
     Call* const call = new Call;
     auto handler = call->handler();
     void* const handle = api.request(request, std::move(handler));
     handler.reset(); // left here when nothing was sent
-    const bool isOver = call->wait(timeout, result);
+    const bool isOver = call->wait(deadline, result);
     if (!isOver) {
         api.cancel(handle);
     }
     call->release();
     if (!result.response && result.error.empty()) {
-        result.error =
-            isOver ? fmt::format("'{} {}' was dropped without an answer", request.getCommand(), request.getPath())
-                   : fmt::format("no answer to '{} {}' within {} ms", request.getCommand(), request.getPath(),
-                                 timeout / comm::MILLISECOND);
+        if (isOver) {
+            result.error =
+                fmt::format("'{} {}' was dropped without an answer", request.getCommand(), request.getPath());
+        } else {
+            setError(result, Response::createTimeoutResponse(std::chrono::ceil<std::chrono::milliseconds>(timeout)));
+        }
     }
     return result;
 }

@@ -1,9 +1,9 @@
 #ifndef KESA_EASE_GET_H
 #define KESA_EASE_GET_H
 
-#include <comm/Clock.h>
 #include <kesa/IKesaApi.h>
 
+#include <chrono>
 #include <optional>
 #include <string>
 
@@ -12,22 +12,23 @@ namespace kesa {
 /// What a blocking call came to: an answer, or why there is none.
 struct GetResult {
     std::optional<Response> response;
-    unsigned short status = 0; ///< of the error; 0 when it is not the service's
+    unsigned short status = 0; ///< of the error: the service's, or 504 when the time is over; 0 when it has none
     std::string error;
 
     explicit operator bool() const noexcept { return response.has_value(); }
 };
 
 /// Sends `request` and waits for its first answer, `timeout` at most; whatever the service would say further is
-/// cancelled. A request that ends without an answer and without an error has succeeded: its answer is an empty one of
-/// status 200.
+/// cancelled. The service is told how long the caller waits, in whole milliseconds, rounded up: see
+/// `RequestContext::deadline`. `std::chrono::nanoseconds::max()` is for ever. A request that ends without an answer and
+/// without an error has succeeded: its answer is an empty one of status 200.
 ///
-///     const kesa::GetResult cpu = kesa::get(*api, kesa::Request("retrieve", "/cpu"), 2 * comm::SECOND);
+///     const kesa::GetResult cpu = kesa::get(*api, kesa::Request("retrieve", "/cpu"), std::chrono::seconds(2));
 ///     if (!cpu) { std::cerr << cpu.error << '\n'; }
 ///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
 /// `api` stays alive during the call.
-[[nodiscard]] KESA_API GetResult get(IKesaApi& api, const Request& request, comm::TimeNs timeout);
+[[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout);
 
 } // namespace kesa
 

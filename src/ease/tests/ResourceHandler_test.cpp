@@ -16,7 +16,7 @@ Payload text(std::string_view value)
 
 std::string ask(IKesaApi& api, const std::string& command, const std::string& path)
 {
-    const GetResult result = get(api, Request(command, path), comm::SECOND);
+    const GetResult result = get(api, Request(command, path), std::chrono::seconds(1));
     return result ? std::string(result.response->getPayload().text()) : result.error;
 }
 

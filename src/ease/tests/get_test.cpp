@@ -4,12 +4,23 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/on.h>
+#include <kesa/headers.h>
 
+#include <chrono>
 #include <future>
 
 namespace {
 
 using namespace kesa;
+using namespace std::chrono_literals;
+
+template <class Timeout>
+concept IsTimeout = requires(IKesaApi& api, Timeout timeout)
+{
+    kesa::get(api, Request(), timeout);
+};
+static_assert(IsTimeout<std::chrono::hours> && IsTimeout<std::chrono::microseconds>);
+static_assert(!IsTimeout<int> && !IsTimeout<comm::TimeNs> && !IsTimeout<double>, "of what unit?");
 
 Payload text(std::string_view value)
 {
@@ -30,7 +41,7 @@ protected:
             .onRetrieve("/silent", [this](const Request&, Responder r) { kept = std::move(r); })
             .onRetrieve("/empty", [](const Request&, Responder r) { r.complete(); });
     }
-    GetResult ask(const std::string& path) { return get(*service, Request("retrieve", path), 50 * comm::MILLISECOND); }
+    GetResult ask(const std::string& path) { return get(*service, Request("retrieve", path), 50ms); }
 
     std::optional<Responder> kept;
     std::shared_ptr<ResourceHandler> service = std::make_shared<ResourceHandler>();
@@ -54,11 +65,34 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
         }
         void cancel(void*) override {}
     } dropping;
-    EXPECT_EQ(get(dropping, Request("update", "/x"), comm::SECOND).error, "'update /x' was dropped without an answer");
+    EXPECT_EQ(get(dropping, Request("update", "/x"), 1s).error, "'update /x' was dropped without an answer");
     const GetResult late = ask("/silent");
-    EXPECT_EQ(late.error, "no answer to 'retrieve /silent' within 50 ms");
-    EXPECT_EQ(late.status, 0);
+    EXPECT_EQ(late.error, "504: no answer within 50 ms");
+    EXPECT_EQ(late.status, 504);
     EXPECT_TRUE(kept->isCancelled());
+}
+
+TEST_F(Get, TellsTheServiceHowLongItWaits)
+{
+    struct : IKesaApi {
+        void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
+        {
+            limit = request.getHeaders()[headers::TIMEOUT];
+            handler->onCompleted();
+            return nullptr;
+        }
+        void cancel(void*) override {}
+        util::config::Value limit;
+    } noting;
+    const auto limitOf = [&noting](auto timeout) {
+        EXPECT_TRUE(get(noting, Request(), timeout));
+        return noting.limit;
+    };
+    EXPECT_EQ(limitOf(2s), 2000);
+    EXPECT_EQ(limitOf(1500us), 2) << "rounded up: what is not over has a limit left";
+    EXPECT_EQ(limitOf(0s), 0);
+    EXPECT_EQ(limitOf(-1h), 0);
+    EXPECT_EQ(limitOf(std::chrono::nanoseconds::max()), INT64_MAX / comm::MILLISECOND + 1);
 }
 
 TEST_F(Get, RefusesWhereItWouldKeepTheAnswerFromComing)
@@ -82,7 +116,7 @@ TEST_F(Get, WaitsForAnotherThread)
     const auto loop = std::make_shared<comm::ActiveObject>("service");
     const auto moved = on(loop, std::shared_ptr<IKesaApi>(service));
     for (int round = 0; round < 200; ++round) {
-        EXPECT_EQ(get(*moved, Request("retrieve", "/one"), comm::SECOND).response->getPayload().text(), "1");
+        EXPECT_EQ(get(*moved, Request("retrieve", "/one"), 1s).response->getPayload().text(), "1");
     }
 }
 
