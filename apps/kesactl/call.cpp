@@ -158,15 +158,19 @@ kesa::Request makeRequest(const Arguments& arguments)
 
 void call(const Arguments& arguments)
 {
-    const kesa::Request request = makeRequest(arguments);
+    kesa::Request request = makeRequest(arguments);
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system;
     Connection connection(find(system, arguments, deadline));
-    Answers answers(connection.client(deadline), request);
+    const Client client = connection.client(deadline);
+    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
+    Answers answers(client, request);
     const ReaderWatch reader([&answers] { answers.interrupt(); });
     for (bool isFirst = true;; isFirst = false) {
         const Answers::Answer answer = answers.next(isFirst ? deadline : comm::NEVER);
-        switch (answer.kind) {
+        // Whoever is first, this wait or the connection: one text.
+        const bool isTimeOver = answer.response.getStatus() == 504 && isFirst && comm::now() >= deadline;
+        switch (isTimeOver ? Answers::Kind::eTIMED_OUT : answer.kind) {
         case Answers::Kind::eVALUE:
             print(lineOf(answer.response, arguments.common.isJson));
             if (!arguments.isFollowing) {

@@ -1,7 +1,9 @@
 // media: the process "media" of the sessions. "/media/player" answers "/" with a title and its follower with three
-// values, echoes an update of "/volume", never answers "/hang", begins a stream at "/feed" and never goes on with it,
-// has answers that are hard to show, and refuses the rest. "/media/radio" is the same, and registered before it.
+// values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, never answers "/hang",
+// begins a stream at "/feed" and never goes on with it, has answers that are hard to show, and refuses the rest.
+// "/media/radio" is the same, and registered before it.
 
+#include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
@@ -71,6 +73,9 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
     player->onRetrieve("/feed", [kept](const Request&, Responder responder) {
         static_cast<void>(responder.next(json("1")));
         kept->push_back(std::move(responder));
+    });
+    player->onRetrieve("/limit", [](const Request&, const Responder& responder) {
+        responder.answer(json(kesa::RequestContext::deadline() ? "true" : "false"));
     });
     addAnswersThatAreHardToShow(*player);
     player->onUpdate(
