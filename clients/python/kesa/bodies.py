@@ -1,0 +1,66 @@
+"""Values as bodies of a mime type, and back."""
+
+from __future__ import annotations
+
+import json
+from dataclasses import dataclass
+from typing import Any
+
+from . import cbor
+from .errors import ProtocolError, ServiceError
+
+JSON = "application/json"
+QELBIN = "application/vnd.qelbin"
+TEXT = "plain/text"
+BYTES = "application/octet-stream"
+
+
+@dataclass(frozen=True)
+class Body:
+    """A body whose bytes and mime type the caller chooses, wherever a value may stand."""
+
+    data: bytes
+    mime_type: str
+
+
+def text(value: str) -> Body:
+    """A body of type plain/text."""
+    return Body(value.encode(), TEXT)
+
+
+def encode(value: Any, accept: Any = None) -> Body:
+    """`Body` as it is, bytes as application/octet-stream, everything else as JSON, or as qelbin if only that is accepted.
+
+    TypeError or ValueError for a value without a form.
+    """
+    if isinstance(value, Body):
+        return value
+    if isinstance(value, (bytes, bytearray, memoryview)):
+        return Body(bytes(value), BYTES)
+    wanted = accept if isinstance(accept, list) else [accept]
+    if QELBIN in wanted and JSON not in wanted:
+        return Body(cbor.encode(value), QELBIN)
+    return Body(json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":")).encode(), JSON)
+
+
+def decode(data: bytes, mime_type: str) -> Any:
+    """The value of JSON and qelbin, `str` of plain/text, None of no body at all, `bytes` of every other type.
+
+    ServiceError 400 if the bytes are not what the type says.
+    """
+    if not data and not mime_type:
+        return None
+    try:
+        if mime_type == JSON:
+            return json.loads(data, parse_constant=_refuse)
+        if mime_type == QELBIN:
+            return cbor.decode(data)
+        if mime_type == TEXT:
+            return data.decode()
+    except (ValueError, RecursionError, ProtocolError) as error:
+        raise ServiceError(400, f"the body is no {mime_type}: {error}") from None
+    return data
+
+
+def _refuse(constant: str) -> Any:
+    raise ValueError(f"{constant} is no number")

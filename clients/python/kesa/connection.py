@@ -1,0 +1,155 @@
+"""One connection to another process, as client or as server: hello, signs of life, messages."""
+
+from __future__ import annotations
+
+import asyncio
+import os
+import socket
+import time
+from typing import Callable
+
+from . import frames
+from .errors import ProtocolError
+from .frames import Message
+from .heads import Hello
+from .wire import Wire
+
+VERSION = 1
+HELLO_SECONDS = 3.0
+HEARTBEAT_SECONDS = 5.0
+_LOOK_SECONDS = 1.0
+_STOOD_STILL_SECONDS = 3.0
+
+
+class Connection:
+    """From its making until `on_end`, which comes once, with a reason, unless this side closes first. I/O thread only.
+
+    `waits` says whether an answer is awaited that makes a silent peer suspicious.
+    """
+
+    def __init__(
+        self,
+        loop: asyncio.AbstractEventLoop,
+        sock: socket.socket,
+        own: Hello,
+        peer_is: str,
+        on_message: Callable[[Message], None],
+        on_end: Callable[[str], None],
+        waits: Callable[[], bool] = lambda: False,
+    ):
+        self.peer: Hello | None = None
+        self._loop = loop
+        self._own = own
+        self._on_message = on_message
+        self._on_end = on_end
+        self._waits = waits
+        self._decoder = frames.Decoder(peer_is, own.limit)
+        self._ended = False
+        now = time.monotonic()
+        self._heard = self._looked = now
+        self._waiting_since: float | None = None
+        self._pinged: float | None = None
+        self._process: int | None = None
+        self._wire = Wire(
+            loop, sock, self._received, lambda: self._end("the peer closed the connection"), peer_is == "client"
+        )
+        self._hello_timer = loop.call_later(HELLO_SECONDS, self._end, "the peer sent no hello")
+        self._look_timer = loop.call_later(_LOOK_SECONDS, self._look)
+        self._wire.write(Message(frames.HELLO, head=own).encode())
+
+    @property
+    def pid(self) -> int:
+        """Of a client: the process that wrote its hello, 0 if the kernel does not say."""
+        return self._wire.writer
+
+    @property
+    def limit(self) -> int:
+        """The largest message that may be sent."""
+        return min(self._own.limit, self.peer.limit) if self.peer else self._own.limit
+
+    def send(self, message: Message) -> None:
+        """ValueError or OverflowError if it has no form or is too large; then nothing was sent."""
+        self._wire.write(message.encode(self.limit))
+
+    def when_room(self, then: Callable[[], None]) -> None:
+        """Calls `then`, perhaps at once, when not too much is pending or the end has come."""
+        self._wire.when_room(then)
+
+    async def drained(self) -> None:
+        """Waits until the peer has taken everything."""
+        await self._wire.drained()
+
+    def close(self) -> None:
+        """Nothing is told after it."""
+        self._ended = True
+        self._hello_timer.cancel()
+        self._look_timer.cancel()
+        self._wire.close()
+        if self._process is not None:
+            self._loop.remove_reader(self._process)
+            os.close(self._process)
+            self._process = None
+
+    def _end(self, reason: str) -> None:
+        if not self._ended:
+            self.close()
+            self._on_end(reason)
+
+    def _received(self, data: bytes) -> None:
+        self._heard = time.monotonic()
+        try:
+            for message in self._decoder.feed(data):
+                self._take(message)
+                if self._ended:
+                    return
+        except ProtocolError as error:
+            self._end(f"the peer broke the protocol: {error}")
+
+    def _take(self, message: Message) -> None:
+        if (message.kind == frames.HELLO) != (self.peer is None):
+            raise ProtocolError("hello is not the first message, or not the only one")
+        if message.kind == frames.HELLO:
+            self._hello(message.head)
+        elif message.kind == frames.PING:
+            self.send(Message(frames.PONG))
+        elif message.kind != frames.PONG:
+            self._on_message(message)
+
+    def _hello(self, hello: Hello) -> None:
+        if not hello.lowest <= VERSION <= hello.highest:
+            raise ProtocolError(f"it speaks versions {hello.lowest} to {hello.highest}, this side {VERSION} to {VERSION}")
+        self.peer = hello
+        self._hello_timer.cancel()
+        if self.pid:
+            self._watch_process()
+
+    def _watch_process(self) -> None:
+        # A child may hold the socket open; the connection ends with the process that began it all the same.
+        try:
+            self._process = os.pidfd_open(self.pid)
+        except OSError:
+            return  # It ended already, so the socket says it; or it cannot be watched.
+        self._loop.add_reader(self._process, self._process_ended)
+
+    def _process_ended(self) -> None:
+        self._wire.read_rest()
+        self._end("the peer's process ended")
+
+    def _look(self) -> None:
+        now = time.monotonic()
+        stood_still = now - self._looked > _STOOD_STILL_SECONDS
+        self._looked = now
+        self._look_timer = self._loop.call_later(_LOOK_SECONDS, self._look)
+        if not (self._waits() or self._wire.pending) or stood_still:
+            self._waiting_since = self._pinged = None
+            return
+        if self._waiting_since is None:
+            self._waiting_since = now
+        if self._pinged is not None and self._heard > self._pinged:
+            self._pinged = None
+        if self._pinged is None:
+            if now - max(self._waiting_since, self._heard) >= HEARTBEAT_SECONDS:
+                self._pinged = now
+                self.send(Message(frames.PING))
+        elif now - self._pinged >= HEARTBEAT_SECONDS:
+            self._end("the peer is silent")

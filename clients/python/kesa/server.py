@@ -1,0 +1,225 @@
+"""This process as a server: whoever connects to its name may attach to its services and ask them."""
+
+from __future__ import annotations
+
+import asyncio
+import logging
+import socket
+import threading
+
+from . import frames, requests
+from .bodies import TEXT, Body
+from .connection import Connection
+from .errors import ProtocolError, ServiceError
+from .frames import Message
+from .heads import Head, Hello
+from .link import EMPTY, SINGLE, STREAM
+from .requests import Handler, Request
+from .rundir import Claim
+
+_MOST_ATTACHED = 65536
+_MOST_REQUESTS = 1000
+_MOST_UNDER_WAY = 64
+_log = logging.getLogger("kesa")
+
+
+class Server:
+    """Accepts on the socket of a claim, whose owner it is. I/O thread only."""
+
+    def __init__(self, loop: asyncio.AbstractEventLoop, claim: Claim, hello: Hello):
+        self.loop = loop
+        self.services: dict[str, Handler] = {}
+        self.running = 0
+        self._claim = claim
+        self._hello = hello
+        self._peers: set[_Peer] = set()
+        loop.add_reader(claim.socket, self._accept)
+
+    def provide(self, path: str, handler: Handler) -> None:
+        """Who has attached to `path` is told."""
+        self.services[path] = handler
+        for peer in self._peers:
+            peer.provided(path)
+
+    def withdraw(self, path: str) -> None:
+        """Ends all requests of `path`."""
+        if self.services.pop(path, None):
+            for peer in self._peers:
+                peer.withdrawn(path)
+
+    async def close(self) -> None:
+        """Withdraws everything, sends what is pending, gives the name back."""
+        for path in list(self.services):
+            self.withdraw(path)
+        drained = [asyncio.create_task(peer.connection.drained()) for peer in self._peers]
+        if drained:
+            await asyncio.wait(drained, timeout=1.0)
+        self.loop.remove_reader(self._claim.socket)
+        self._claim.release()
+        for task in drained:
+            task.cancel()
+        for peer in self._peers:
+            peer.connection.close()
+        self._peers.clear()
+
+    def forget(self, peer: _Peer) -> None:
+        self._peers.discard(peer)
+
+    def _accept(self) -> None:
+        try:
+            sock, _ = self._claim.socket.accept()
+        except BlockingIOError:
+            return
+        except OSError as error:
+            _log.warning("cannot accept a client: %s", error)
+            self.loop.remove_reader(self._claim.socket)
+            self.loop.call_later(0.1, self._accept_again)
+            return
+        sock.setblocking(False)
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
+        self._peers.add(_Peer(self, sock, self._hello))
+
+    def _accept_again(self) -> None:
+        if self._claim.socket.fileno() >= 0:
+            self.loop.add_reader(self._claim.socket, self._accept)
+
+
+class _Peer:
+    """One client."""
+
+    def __init__(self, server: Server, sock: socket.socket, hello: Hello):
+        self.server = server
+        self.open: dict[int, _Serving] = {}
+        self._paths: dict[int, str] = {}
+        self.connection = Connection(server.loop, sock, hello, "client", self._take, self._lost)
+
+    def provided(self, path: str) -> None:
+        for number, wanted in self._paths.items():
+            if wanted == path:
+                self.connection.send(Message(frames.ATTACHED, target=number))
+
+    def withdrawn(self, path: str) -> None:
+        for number, wanted in self._paths.items():
+            if wanted == path:
+                self._end_all(number, "the service was withdrawn")
+                self.connection.send(Message(frames.DETACHED, target=number))
+
+    def _lost(self, reason: str) -> None:
+        for serving in list(self.open.values()):
+            serving.cancel(reason)
+        self.server.forget(self)
+
+    def _end_all(self, number: int, reason: str) -> None:
+        for serving in [serving for serving in self.open.values() if serving.target == number]:
+            serving.cancel(reason)
+
+    def _take(self, message: Message) -> None:
+        if message.kind == frames.ATTACH:
+            self._attach(message.target, message.head.path)
+        elif message.kind == frames.DETACHED:
+            if self._paths.pop(message.target, None) is not None:
+                self._end_all(message.target, "cancelled")
+        elif message.kind == frames.REQUEST:
+            self._request(message)
+        elif message.stream in self.open:
+            self.open[message.stream].cancel("cancelled")
+
+    def _attach(self, number: int, path: str) -> None:
+        if number in self._paths:
+            raise ProtocolError(f"attach with number {number}, which is in use")
+        if len(self._paths) == _MOST_ATTACHED:
+            raise ProtocolError(f"more than {_MOST_ATTACHED} paths attached")
+        if not 1 <= len(path.encode()) <= 4096:
+            raise ProtocolError("attach of a path that has not 1 to 4096 bytes")
+        self._paths[number] = path
+        if path in self.server.services:
+            self.connection.send(Message(frames.ATTACHED, target=number))
+
+    def _request(self, message: Message) -> None:
+        if message.stream in self.open:
+            raise ProtocolError(f"request with number {message.stream}, which is in use")
+        head = message.head
+        semantic = head.headers.get("$response-semantic", "")
+        client = f"{self.connection.peer.process}:{self.connection.pid}"
+        headers = {**head.headers, "$client-id": client}
+        request = Request(head.command, head.path or "/", message.body, head.mime_type, headers, client, semantic == STREAM)
+        serving = self.open[message.stream] = _Serving(self, message.stream, message.target, request, semantic)
+        handler = self.server.services.get(self._paths.get(message.target, ""))
+        if not handler:
+            serving.finish(ServiceError(503, "the service is not provided"))
+        elif self.server.running >= _MOST_REQUESTS:
+            serving.finish(ServiceError(503, f"{_MOST_REQUESTS} requests are being answered"))
+        else:
+            self.server.running += 1
+            requests.run(handler, request, serving)
+
+
+class _Serving:
+    """One open request of one client. `value` and `end` come from its thread, everything else from the I/O thread."""
+
+    def __init__(self, peer: _Peer, stream: int, target: int, request: Request, semantic: str):
+        self.target = target
+        self._peer = peer
+        self._stream = stream
+        self._request = request
+        self._semantic = semantic
+        self._slots = threading.Semaphore(_MOST_UNDER_WAY)
+
+    def value(self, body: Body) -> bool:
+        self._slots.acquire()
+        if self._request.cancelled.is_set():
+            return False
+        try:
+            self._peer.server.loop.call_soon_threadsafe(self._value, body)
+        except RuntimeError:
+            return False  # The loop is closed, with the connection.
+        return True
+
+    def end(self, body: Body | None, error: ServiceError | None) -> None:
+        try:
+            self._peer.server.loop.call_soon_threadsafe(self._end, body, error)
+        except RuntimeError:
+            pass  # The loop is closed, with the connection.
+
+    def cancel(self, reason: str) -> None:
+        """Its handler hears it; what that still says is dropped."""
+        self.finish(ServiceError(503, reason))
+
+    def finish(self, error: ServiceError | None) -> None:
+        """Sends the one end of the request."""
+        if self._peer.open.get(self._stream) is not self:
+            return
+        del self._peer.open[self._stream]
+        self._request.cancelled.set()
+        if not error:
+            self._peer.connection.send(Message(frames.COMPLETED, self._stream))
+            return
+        text = error.reason.encode(errors="replace")
+        message = Message(frames.ERROR, self._stream, error.status, Head(mime_type=TEXT if text else ""), text)
+        try:
+            self._peer.connection.send(message)
+        except (OverflowError, ValueError):
+            self._peer.connection.send(Message(frames.ERROR, self._stream, error.status))
+
+    def _value(self, body: Body) -> None:
+        self._send(body)
+        self._peer.connection.when_room(self._slots.release)
+
+    def _end(self, body: Body | None, error: ServiceError | None) -> None:
+        self._peer.server.running -= 1
+        if body is not None:
+            self._send(body)
+        self.finish(error)
+
+    def _send(self, body: Body) -> None:
+        if self._peer.open.get(self._stream) is not self:
+            return
+        if self._semantic != EMPTY:
+            try:
+                self._peer.connection.send(Message(frames.NEXT, self._stream, 200, Head(mime_type=body.mime_type), body.data))
+            except OverflowError as problem:
+                self.finish(ServiceError(413, str(problem)))
+            except (ValueError, TypeError) as problem:
+                self.finish(ServiceError(500, f"the answer has no form: {problem}"))
+        if self._semantic in (SINGLE, EMPTY):
+            self.finish(None)

@@ -1,0 +1,392 @@
+"""The system as one process sees it: `connect` and what it returns."""
+
+from __future__ import annotations
+
+import asyncio
+import concurrent.futures
+import os
+import secrets
+import threading
+from typing import Any, Callable, Coroutine, TypeVar
+
+from . import bodies, rundir
+from .errors import KesaError, NoRegistry, ServiceError, Timeout
+from .heads import Hello
+from .link import SINGLE, STREAM, Answer, Exchange, Link
+from .names import Locator, check_path, literal_glob
+from .query import Query
+from .records import Change, Record
+from .registry import PROCESS, Registry
+from .requests import Handler
+from .routes import Route
+from .rundir import Claim
+from .server import Server
+from .service import Registration, Service
+from .streams import Mailbox, Stream, too_slow
+
+T = TypeVar("T")
+_MOST_VALUES = 65536
+_MOST_CHANGES = 1_000_000
+
+
+def connect(name: str | None = None, *, run_dir: str | None = None, timeout: float | None = 5.0) -> System:
+    """Joins the system in `run_dir`, else $KESA_RUN_DIR, else $XDG_RUNTIME_DIR/kesa, else /run/kesa.
+
+    `name` is needed to provide services, and is this process's until it ends or calls `close`. Who only asks needs none.
+    Waits up to `timeout` seconds for the registry, None for ever: then a process may start before it.
+
+    `NoRegistry` if the registry is not there in time, `NameTaken` if another living process has `name`, ValueError if it is none.
+    """
+    system = System(name, run_dir or rundir.find())
+    try:
+        system._run(system._wait_registry(), timeout)
+    except BaseException as error:
+        problem = system._registry.problem
+        system.close()
+        if isinstance(error, Timeout):
+            raise NoRegistry(
+                f"no registry: {problem}. Start kesa-registryd, or name its run directory: connect(run_dir=...) or $KESA_RUN_DIR"
+            ) from None
+        raise
+    return system
+
+
+class System:
+    """From `connect`. Every method may be called from any thread, also from handlers; each blocks its caller only.
+
+    One thread of its own holds all connections and answers the others' signs of life, so what a user's code does or waits for
+    never makes this process look dead. A lost registry is found again by itself, and everything is made known to it anew.
+    Connections to other processes do not depend on it. Time limits are in seconds, None is none.
+    A child made by `fork` must not use it.
+    """
+
+    def __init__(self, name: str | None, directory: str):
+        """Internal: use `connect`."""
+        self._directory = directory
+        self._claim = Claim(directory, name) if name else None
+        self._instance = secrets.token_bytes(16)
+        self._loop = asyncio.new_event_loop()
+        self._links: dict[str, Link] = {}
+        self._routes: dict[str, Route] = {}
+        self._services: dict[str, tuple[Registration, Service]] = {}
+        self._mailboxes: set[Mailbox] = set()
+        self._closing = threading.Lock()
+        self._closed = False
+        self._thread = threading.Thread(target=self._loop.run_forever, name="kesa", daemon=True)
+        self._thread.start()
+        asyncio.run_coroutine_threadsafe(self._begin(), self._loop).result()
+
+    def list(
+        self, glob: str = "**", *, metadata: dict[str, Any] | None = None, scope: str | None = None, timeout: float | None = 5.0
+    ) -> list[Record]:
+        """The services whose paths match `glob`, by path.
+
+        In a glob `*` stands for any characters of a segment, `**` for any number of segments. `metadata` maps keys of the
+        metainfo to a text or to a list of texts, one of which it must be. ServiceError 400 if the glob is malformed.
+        """
+        return self._run(self._list(glob, _conditions(metadata, scope)), timeout)
+
+    def watch(self, glob: str = "**", *, metadata: dict[str, Any] | None = None, scope: str | None = None) -> Stream[Change]:
+        """Each service that is there and matches as "added", then every change, until it is cancelled.
+
+        While the registry is away nothing is told. A registry that was started anew tells each service again when its provider
+        has found it, so a watcher hears that as a removal and an addition.
+        """
+        return self._run(self._watch(glob, _conditions(metadata, scope)), None)
+
+    def wait(self, path: str, timeout: float | None = 30.0) -> Record:
+        """Returns when a service is at `path`. Timeout."""
+        with self.watch(literal_glob(check_path(path))) as changes:
+            try:
+                return changes.next(timeout).record
+            except Timeout:
+                raise Timeout(f"no service at {path} within {timeout} s") from None
+
+    def call(
+        self,
+        path: str,
+        resource: str = "/",
+        *,
+        command: str = "retrieve",
+        body: Any = None,
+        headers: dict[str, Any] | None = None,
+        timeout: float | None = 10.0,
+    ) -> Any:
+        """Asks the service at `path` once, and returns its answer's value, None if it has none.
+
+        `body`: None for no body, `bytes` as they are, `kesa.Body` with a mime type of your own, else it is sent as JSON.
+        The value: of JSON and qelbin as Python has it, `str` of text, `bytes` of any other type. `command` is retrieve, update,
+        delete, insert, or what the service understands.
+
+        ServiceNotThere at once if nobody provides `path`; ServiceError if the request ended with an error; Timeout.
+        """
+        return self._run(self._call(path, resource, command, body, headers), timeout, lambda: self._problem(path))
+
+    def follow(
+        self,
+        path: str,
+        resource: str = "/",
+        *,
+        command: str = "retrieve",
+        body: Any = None,
+        headers: dict[str, Any] | None = None,
+        timeout: float | None = 10.0,
+    ) -> Stream[Any]:
+        """Like `call`, for a stream of values; see `Stream` about its end. `timeout` is for reaching the service only."""
+        return self._run(self._follow(path, resource, command, body, headers), timeout, lambda: self._problem(path))
+
+    def provide(
+        self,
+        path: str,
+        handler: Handler,
+        *,
+        versions: tuple[str, ...] = ("1.0.0",),
+        metainfo: dict[str, Any] | None = None,
+        scope: tuple[str, ...] = (),
+        timeout: float | None = 10.0,
+    ) -> Service:
+        """Provides a service at `path`; when this returns, others find it.
+
+        `handler(request)` runs in a thread of its own for each request, several at a time. What it returns is the answer, None is
+        an answer without a value; a generator's values are a stream, which is closed at its next value once the client has
+        cancelled. Values as bodies: see `call`. `raise ServiceError(status, reason)` answers with that; any other exception is
+        logged and answered with 500.
+
+        ServiceError 409 if another living process has `path`; ValueError if it is no path, or is provided here already.
+        """
+        if not self._claim:
+            raise KesaError('a process that provides services needs a name: kesa.connect("my-name")')
+        return self._run(self._provide(check_path(path), handler, versions, metainfo or {}, scope), timeout)
+
+    def close(self) -> None:
+        """Withdraws all services, ends all streams and what waits, leaves. Again it does nothing."""
+        with self._closing:
+            if self._closed:
+                return
+            self._closed = True
+        asyncio.run_coroutine_threadsafe(self._shut_down(), self._loop).result()
+        self._loop.call_soon_threadsafe(self._loop.stop)
+        self._thread.join()
+        self._loop.close()
+
+    def __enter__(self) -> System:
+        return self
+
+    def __exit__(self, *exception: object) -> None:
+        self.close()
+
+    # From here on: the I/O thread, except _run and _later.
+
+    def _run(self, work: Coroutine[Any, Any, T], timeout: float | None, problem: Callable[[], str] | None = None) -> T:
+        with self._closing:
+            if self._closed:
+                work.close()
+                raise KesaError("the system is closed")
+            future = asyncio.run_coroutine_threadsafe(self._within(work, timeout, problem), self._loop)
+        try:
+            return future.result()
+        except concurrent.futures.CancelledError:
+            raise KesaError("the system was closed") from None
+        finally:
+            future.cancel()
+
+    def _later(self, function: Callable[..., Any], *arguments: Any) -> None:
+        try:
+            self._loop.call_soon_threadsafe(function, *arguments)
+        except RuntimeError:
+            pass  # Closed: nothing is left to do.
+
+    async def _within(self, work: Coroutine[Any, Any, T], timeout: float | None, problem: Callable[[], str] | None) -> T:
+        try:
+            async with asyncio.timeout(timeout):
+                return await work
+        except TimeoutError:
+            raise Timeout(f"not within {timeout} s: {problem() if problem else self._registry_problem()}") from None
+
+    async def _begin(self) -> None:
+        self._hello = self._make_hello()
+        self._server = Server(self._loop, self._claim, self._hello) if self._claim else None
+        self._registry = Registry(self._link(PROCESS))
+
+    def _make_hello(self) -> Hello:
+        name = self._claim.name if self._claim else f"python-{os.getpid()}"
+        realm = self._claim.realm if self._claim else ""
+        listeners = [str(Locator(name, realm, ""))] if self._claim else []
+        return Hello(1, 1, name, realm, self._instance, listeners)
+
+    def _realm(self) -> str:
+        return self._claim.realm if self._claim else rundir.realm(self._directory)
+
+    def _link(self, process: str) -> Link:
+        link = self._links.get(process)
+        if link is None or link.idle:
+            link = self._links[process] = Link(self._loop, self._directory, process, lambda: self._hello)
+        return link
+
+    def _registry_problem(self) -> str:
+        return "the registry does not answer" if self._registry.reachable else self._registry.problem
+
+    async def _wait_registry(self) -> None:
+        await self._registry.wait_reachable()
+
+    async def _list(self, glob: str, conditions: dict[str, Any]) -> list[Record]:
+        done = self._loop.create_future()
+        query = Query(glob, lambda change: None, lambda: _resolve(done), lambda error: _fail(done, error), **conditions)
+        self._registry.add(query)
+        try:
+            await done
+            return [query.known[path] for path in sorted(query.known)]
+        finally:
+            self._registry.remove(query)
+
+    async def _watch(self, glob: str, conditions: dict[str, Any]) -> Stream[Change]:
+        mailbox: Mailbox[Change] = Mailbox(_MOST_CHANGES)
+
+        def on_change(change: Change) -> None:
+            if not mailbox.put(change):
+                mailbox.end(too_slow(_MOST_CHANGES))
+                cancel()
+
+        def cancel() -> None:
+            if mailbox in self._mailboxes:
+                self._mailboxes.discard(mailbox)
+                self._registry.remove(query)
+
+        query = Query(glob, on_change, on_refused=mailbox.end, **conditions)
+        self._mailboxes.add(mailbox)
+        self._registry.add(query)
+        return Stream(mailbox, lambda: self._later(cancel))
+
+    async def _reach(self, path: str) -> tuple[Link, Any]:
+        route = self._routes.get(path)
+        if route is None:
+            route = self._routes[path] = Route(check_path(path), self._realm, self._link)
+            self._registry.add(route.query)
+        try:
+            return await route.ready()
+        except ServiceError:
+            if self._routes.get(path) is route:
+                del self._routes[path]
+                self._registry.remove(route.query)
+                route.close()
+            raise
+
+    def _problem(self, path: str) -> str:
+        route = self._routes.get(path)
+        return route.problem() if route and route.query.known else self._registry_problem()
+
+    async def _call(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Any:
+        link, target = await self._reach(path)
+        answers: list[Answer] = []
+        done = self._loop.create_future()
+        exchange = Exchange(target, SINGLE, answers.append, lambda error: _fail(done, error) if error else _resolve(done))
+        _ask(link, exchange, resource, command, body, headers)
+        try:
+            await done
+        finally:
+            link.cancel(exchange)
+        return bodies.decode(answers[0].data, answers[0].mime_type) if answers else None
+
+    async def _follow(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Stream[Any]:
+        link, target = await self._reach(path)
+        mailbox: Mailbox[Any] = Mailbox(_MOST_VALUES)
+
+        def on_value(answer: Answer) -> None:
+            try:
+                taken = mailbox.put(bodies.decode(answer.data, answer.mime_type))
+                error = None if taken else too_slow(_MOST_VALUES)
+            except ServiceError as broken:
+                error = broken
+            if error:
+                mailbox.end(error)
+                link.cancel(exchange)
+
+        def on_end(error: ServiceError | None) -> None:
+            self._mailboxes.discard(mailbox)
+            mailbox.end(error)
+
+        exchange = Exchange(target, STREAM, on_value, on_end)
+        _ask(link, exchange, resource, command, body, headers)
+        self._mailboxes.add(mailbox)
+        return Stream(mailbox, lambda: self._later(link.cancel, exchange))
+
+    async def _provide(
+        self, path: str, handler: Handler, versions: tuple[str, ...], metainfo: dict[str, Any], scope: tuple[str, ...]
+    ) -> Service:
+        if path in self._services:
+            raise ValueError(f"{path} is provided by this process already")
+        locator = str(Locator(self._claim.name, self._claim.realm, path))
+        metainfo = {"provider": self._claim.name, "versions": list(versions), **metainfo}
+        record = Record(path, "pex", tuple(versions), (locator,), "", metainfo, scope=tuple(scope))
+        told = self._loop.create_future()
+
+        def on_told(record: Record) -> None:
+            service.told(record)
+            _resolve(told)
+
+        def on_refused(error: ServiceError) -> None:
+            self._forget(registration, service, error)
+            _fail(told, error)
+
+        registration = Registration(record, on_told, on_refused)
+        service = Service(record, lambda: self._close_service(registration, service))
+        self._services[path] = (registration, service)
+        self._server.provide(path, handler)
+        self._registry.add(registration)
+        try:
+            await told
+        except BaseException:
+            self._forget(registration, service, None)
+            raise
+        return service
+
+    def _close_service(self, registration: Registration, service: Service) -> None:
+        async def close() -> None:
+            await asyncio.wait([self._forget(registration, service, None)], timeout=1.0)
+
+        try:
+            self._run(close(), None)
+        except KesaError:
+            pass  # With the system, which has withdrawn it.
+
+    def _forget(self, registration: Registration, service: Service, error: ServiceError | None) -> asyncio.Future:
+        if self._services.get(service.path, (None,))[0] is registration:
+            del self._services[service.path]
+            self._server.withdraw(service.path)
+        service.ended(error)
+        return self._registry.remove(registration)
+
+    async def _shut_down(self) -> None:
+        gone = [self._forget(registration, service, None) for registration, service in list(self._services.values())]
+        if gone:
+            await asyncio.wait(gone, timeout=1.0)
+        if self._server:
+            await self._server.close()
+        for link in list(self._links.values()):
+            await link.close()
+        for mailbox in list(self._mailboxes):
+            mailbox.end()
+        rest = [task for task in asyncio.all_tasks() if task is not asyncio.current_task()]
+        for task in rest:
+            task.cancel()
+        await asyncio.gather(*rest, return_exceptions=True)
+
+
+def _ask(link: Link, exchange: Exchange, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> None:
+    encoded = bodies.Body(b"", "") if body is None else bodies.encode(body)
+    exchange.headers.update({"$accept": [bodies.JSON, bodies.QELBIN], **(headers or {})})
+    link.request(exchange, command, resource, encoded.data, encoded.mime_type)
+
+
+def _conditions(metadata: dict[str, Any] | None, scope: str | None) -> dict[str, Any]:
+    return {key: value for key, value in (("metadata", metadata), ("scope", scope)) if value is not None}
+
+
+def _resolve(future: asyncio.Future) -> None:
+    if not future.done():
+        future.set_result(None)
+
+
+def _fail(future: asyncio.Future, error: Exception) -> None:
+    if not future.done():
+        future.set_exception(error)

@@ -1,0 +1,142 @@
+"""Calls and streams, of C++ and of Python processes, and how they end."""
+
+from __future__ import annotations
+
+import os
+import threading
+from unittest import mock
+
+import kesa
+from kesa import connection, system
+from programs import DEADLINE, SystemTest
+
+
+class CallingCpp(SystemTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.monitor = self.start_monitor()
+        self.system = self.connect()
+        self.system.wait("/system/cpu", DEADLINE)
+
+    def test_answer_and_errors(self) -> None:
+        self.assertEqual(list(self.system.call("/system/cpu")), ["busy_percent"])
+        for error in (
+            self.failure(lambda: self.system.call("/system/cpu", "/no/such")),
+            self.failure(lambda: self.system.call("/system/cpu", "/no/such", body=bytes(3_000_000))),
+        ):
+            self.assertEqual((error.status, error.reason), (404, "no resource at '/no/such'"))
+        with self.assertRaisesRegex(kesa.ServiceNotThere, "no process provides /nobody"):
+            self.system.call("/nobody")
+        self.assertEqual(self.failure(lambda: self.system.call("/system/cpu", body=bytes(17_000_000))).status, 413)
+
+    def test_follow_until_cancelled_and_again(self) -> None:
+        for _ in range(2):
+            with self.system.follow("/system/cpu") as values:
+                self.assertEqual(list(values.next(DEADLINE)), ["busy_percent"])
+            self.assertEqual(list(values), [])
+
+    def test_a_stream_ends_with_its_provider_and_works_again_with_the_next(self) -> None:
+        values = self.system.follow("/system/cpu")
+        values.next(DEADLINE)
+        changes = self.system.watch("/system/cpu")
+        self.monitor.kill()
+        self.assertEqual(self.failure(lambda: list(values)).status, 503)
+        self.assertEqual(self.failure(lambda: list(values)).status, 503)
+        self.start_monitor()
+        while changes.next(DEADLINE).kind != "removed":
+            pass
+        self.assertEqual(changes.next(DEADLINE).kind, "added")
+        self.assertEqual(list(self.system.call("/system/cpu", timeout=DEADLINE)), ["busy_percent"])
+
+    def test_a_stopped_provider(self) -> None:
+        self.system.call("/system/cpu")
+        self.monitor.stop()
+        with self.assertRaises(kesa.Timeout):
+            self.system.call("/system/cpu", timeout=0.01)
+        with mock.patch.multiple(connection, HEARTBEAT_SECONDS=0.02, _LOOK_SECONDS=0.01):
+            error = self.failure(lambda: self.system.call("/system/cpu", timeout=None))
+        self.assertEqual(error.status, 503)
+        self.assertIn("silent", error.reason)
+
+
+class CallingPython(SystemTest):
+    def setUp(self) -> None:
+        super().setUp()
+        self.provider = self.start_provider("counter", "/counter")
+        self.system = self.connect()
+
+    def test_every_kind_of_value(self) -> None:
+        for value in (None, False, 7, -1.5, "text", [1, [2]], {"a": {"b": None}}, 2**63):
+            if value is not None:
+                self.assertEqual(self.system.call("/counter", "/echo", body=value), value)
+        self.assertEqual(self.system.call("/counter", "/echo", body=b"\0raw"), b"\0raw")
+        self.assertEqual(self.system.call("/counter", "/echo", body=kesa.text("grüße")), "grüße")
+        self.assertEqual(self.system.call("/counter", "/text"), "grüße")
+        self.assertIsNone(self.system.call("/counter", "/nothing"))
+
+    def test_large_bodies(self) -> None:
+        large = os.urandom(5_000_000)
+        self.assertEqual(self.system.call("/counter", "/echo", body=large), large)
+        error = self.failure(lambda: self.system.call("/counter", "/large", body=17_000_000))
+        self.assertEqual(error.status, 413)
+        self.assertRegex(error.reason, "170000.*16777216")
+
+    def test_a_stream_that_ends(self) -> None:
+        self.assertEqual(list(self.system.follow("/counter", "/three")), ["a", "b", "c"])
+        self.assertEqual(self.system.call("/counter", "/three"), "a")
+        values = self.system.follow("/counter", "/breaks")
+        self.assertEqual(values.next(DEADLINE), 1)
+        self.assertEqual(str(self.failure(lambda: values.next(DEADLINE))), "418 enough")
+
+    def test_cancelling_reaches_the_handler(self) -> None:
+        values = self.system.follow("/counter", "/count")
+        self.assertEqual([values.next(DEADLINE) for _ in range(1000)], list(range(1000)))
+        values.cancel()
+        self.provider.line(lambda line: line == "stream closed")
+        for _ in self.system.follow("/counter", "/slow-count"):
+            break
+        self.provider.line(lambda line: line == "slow stream closed")
+
+    def test_who_does_not_take_its_values_is_told(self) -> None:
+        with mock.patch.object(system, "_MOST_VALUES", 100):
+            values = self.system.follow("/counter", "/count")
+        self.provider.line(lambda line: line == "stream closed")
+        taken = []
+        with self.assertRaisesRegex(kesa.ServiceError, "were not taken"):
+            for value in values:
+                taken.append(value)
+        self.assertEqual(taken, list(range(100)))
+
+    def test_streams_and_calls_outlive_the_registry(self) -> None:
+        values = self.system.follow("/counter", "/slow-count")
+        self.assertEqual(values.next(DEADLINE), 0)
+        changes = self.system.watch("/counter")
+        before = changes.next(DEADLINE).record
+        self.registry.kill()
+        self.assertEqual(self.system.call("/counter", "/three"), "a")
+        self.start_registry()
+        self.assertEqual([changes.next(DEADLINE).kind for _ in range(2)], ["removed", "added"])
+        self.assertNotEqual(self.system.list("/counter")[0].id, before.id)
+        self.assertEqual([values.next(DEADLINE) for _ in range(2000)], list(range(1, 2001)))
+
+    def test_closing_ends_what_waits(self) -> None:
+        errors = []
+        caller = threading.Thread(target=lambda: errors.append(self.failure_of(kesa.KesaError)))
+        caller.start()
+        self.provider.line(lambda line: line == "busy")
+        self.system.close()
+        caller.join(DEADLINE)
+        self.assertIn("closed", str(errors[0]))
+
+    def failure_of(self, kind: type[Exception]) -> Exception:
+        with self.assertRaises(kind) as raised:
+            self.system.call("/counter", "/busy", timeout=None)
+        return raised.exception
+
+    def test_a_withdrawn_service_ends_its_streams(self) -> None:
+        service = self.connect("inside").provide("/inside", lambda request: iter(request.cancelled.wait, None))
+        values = self.system.follow("/inside")
+        service.close()
+        error = self.failure(lambda: list(values))
+        self.assertEqual((error.status, error.reason), (503, "the service was withdrawn"))
+        self.assertEqual(self.system.list("/inside"), [])
