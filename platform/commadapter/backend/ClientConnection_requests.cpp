@@ -34,10 +34,24 @@ constexpr const char* TOO_LARGE = "the request is larger than a message may be";
 constexpr const char* NO_TIME = "no time is left for it";
 constexpr const char* NOT_SENDABLE = "the request has text that is not UTF-8, or a header without a form on the wire";
 
-/// Only an explicit wish for one answer makes an answer owed: a persistent stream may be silent for ever.
-bool isSingle(std::string_view semantic)
+/// What the headers of a request ask of this side.
+struct Wishes {
+    comm::TimeNs timeLimit = comm::NEVER;
+    bool isPersistent = false;
+    /// Only an explicit wish for one answer makes an answer owed: a persistent stream may be silent for ever.
+    bool isSingle = false;
+};
+
+/// True when the time limit is none.
+[[nodiscard]] bool readWishes(const GenericObject& headers, Wishes& wishes)
 {
-    return semantic == responsesemantics::SINGLE_RESPONSE || semantic == responsesemantics::EMPTY_RESPONSE;
+    if (headers.empty()) {
+        return false;
+    }
+    const auto semantic = headers[headers::RESPONSE_SEMANTIC].stringView();
+    wishes.isPersistent = semantic == responsesemantics::PERSISTENT_STREAM;
+    wishes.isSingle = semantic == responsesemantics::SINGLE_RESPONSE || semantic == responsesemantics::EMPTY_RESPONSE;
+    return readTimeLimit(headers[headers::TIMEOUT], wishes.timeLimit);
 }
 
 } // namespace
@@ -75,17 +89,14 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
 
 void* ClientConnection::send(Lock& lock, ClientState& client, const Request& request, Handler&& handler)
 {
-    const GenericObject& headers = request.getHeaders();
-    comm::TimeNs timeLimit = comm::NEVER;
-    if (readTimeLimit(headers[headers::TIMEOUT], timeLimit)) {
+    Wishes wishes;
+    if (readWishes(request.getHeaders(), wishes)) {
         return fail(lock, std::move(handler), 400, BAD_TIME_LIMIT);
     }
-    if (timeLimit == 0) {
+    if (wishes.timeLimit == 0) {
         return fail(lock, std::move(handler), 504, NO_TIME);
     }
-    const auto semantic = headers[headers::RESPONSE_SEMANTIC].stringView();
-    const bool isPersistent = semantic == responsesemantics::PERSISTENT_STREAM;
-    if (isRefused(request.getPayload().size(), isPersistent)) {
+    if (isRefused(request.getPayload().size(), wishes.isPersistent)) {
         return fail(lock, std::move(handler), 503, TOO_SLOW);
     }
     const std::uint32_t number = m_streams.takeAny();
@@ -103,16 +114,19 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.client = &client;
     stream.handle = nextHandle(number);
     stream.isOpen = true;
-    stream.isSingle = isSingle(semantic);
+    stream.isSingle = wishes.isSingle;
     const std::uint64_t handle = stream.handle;
-    if (stream.isSingle || timeLimit != comm::NEVER) {
+    const bool isLimited = wishes.timeLimit != comm::NEVER;
+    if (stream.isSingle || isLimited) {
         stream.issued = comm::now();
     }
     if (stream.isSingle) {
         ++m_openSingles;
         loop().expectSomething();
     }
-    limit(stream, deadlineOf(stream.issued, timeLimit), isPersistent);
+    if (isLimited) {
+        limit(stream, deadlineOf(stream.issued, wishes.timeLimit), wishes.isPersistent);
+    }
     m_streams.append(client.open, number);
     pushOut();
     return reinterpret_cast<void*>(handle);

@@ -110,6 +110,7 @@ public:
     util::config::Value find(std::string_view name) const override;
 
 private:
+    bool mayHave(std::string_view name) const noexcept;
     template <class IsWanted, class Keep>
     void read(const IsWanted& isWanted, const Keep& keep) const;
 
