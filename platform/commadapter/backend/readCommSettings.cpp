@@ -178,4 +178,13 @@ std::vector<std::string> checkCommSettings(const Value& comm)
     return complaints;
 }
 
+std::vector<std::string> commSettingKeys()
+{
+    std::vector<std::string> keys;
+    for (const Member& member : MEMBERS) {
+        keys.emplace_back(member.key);
+    }
+    return keys;
+}
+
 } // namespace kesa::commadapter

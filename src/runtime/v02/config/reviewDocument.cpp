@@ -153,6 +153,18 @@ void reviewRegistryLocators(ConfigReport& report)
 
 } // namespace
 
+std::vector<std::string> documentKeys()
+{
+    std::vector<std::string> keys(rootKeys().begin(), rootKeys().end());
+    for (const std::string_view key : serviceKeys()) {
+        keys.push_back(std::string("services[].").append(key));
+    }
+    for (const std::string_view key : smartProxyKeys()) {
+        keys.push_back(std::string("smartProxy.").append(key));
+    }
+    return keys;
+}
+
 void reviewDocument(ConfigReport& report)
 {
     for (const std::string& path : report.duplicateKeys) {

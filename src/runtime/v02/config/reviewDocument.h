@@ -10,6 +10,9 @@ namespace kesa::runtime::v02 {
 /// known one that is most like them.
 void reviewDocument(ConfigReport& report);
 
+/// Each key that means something, at its place in a document ("services[].type"); those in "comm" are its backend's.
+std::vector<std::string> documentKeys();
+
 } // namespace kesa::runtime::v02
 
 #endif

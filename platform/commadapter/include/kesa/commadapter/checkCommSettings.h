@@ -12,6 +12,9 @@ namespace kesa::commadapter {
 /// when it is absent or good. The backend itself traces the same and goes on with defaults.
 KESA_API std::vector<std::string> checkCommSettings(const util::config::Value& comm);
 
+/// The keys of that member that are known, those that are refused as not supported yet among them.
+KESA_API std::vector<std::string> commSettingKeys();
+
 } // namespace kesa::commadapter
 
 #endif

@@ -1,0 +1,177 @@
+// docs/configuration.md: its tables name each key that the readers know and no other, with an example that is good and
+// one that is complained of in the words the table has; its documents are good.
+#include <kesa/commadapter/checkCommSettings.h>
+#include <kesa/runtime/v02/getPexVersion.h>
+#include <runtime/v02/config/ConfigReport.h>
+#include <runtime/v02/config/KesaConfig.h>
+#include <runtime/v02/config/reviewDocument.h>
+#include <tracing/CapturingSink.h>
+#include <util/config/FrameworkProvider.h>
+#include <util/config/InterfaceInformationProvider.h>
+#include <util/config/JSONParser.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAreArray;
+using util::config::Dictionary;
+using util::config::Value;
+using Strings = std::vector<std::string>;
+
+struct Row {
+    std::string key; ///< as `documentKeys` names it
+    std::string example;
+    std::string wrong;
+    std::string complaint;
+};
+
+/// A document of the page, and the name of the file that holds it.
+struct Document {
+    std::string file;
+    std::string text;
+};
+
+Strings cellsOf(const std::string& line)
+{
+    Strings cells;
+    for (std::size_t begin = 1, end = 0; (end = line.find('|', begin)) != std::string::npos; begin = end + 1) {
+        std::string cell = line.substr(begin, end - begin);
+        const std::size_t first = cell.find_first_not_of(" `");
+        const std::size_t last = cell.find_last_not_of(" `");
+        cells.push_back(first == std::string::npos ? "" : cell.substr(first, last - first + 1));
+    }
+    return cells;
+}
+
+void readPage(std::vector<Row>& rows, std::vector<Document>& documents)
+{
+    const std::string fence = "```json";
+    std::ifstream page(KESA_DOCS "/configuration.md");
+    bool isInTable = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line.rfind(fence, 0) == 0) {
+            documents.push_back({line.size() > fence.size() ? line.substr(fence.size() + 1) : "kesa.json", ""});
+            while (std::getline(page, line) && line != "```") {
+                documents.back().text += line + '\n';
+            }
+            continue;
+        }
+        isInTable = line.rfind("| Key |", 0) == 0 || (isInTable && line.rfind('|', 0) == 0);
+        if (isInTable && line.rfind("| `", 0) == 0) {
+            const Strings cells = cellsOf(line);
+            ASSERT_EQ(cells.size(), 6U) << line;
+            rows.push_back({cells[0], cells[3], cells[4], cells[5]});
+        }
+    }
+}
+
+Value parse(const std::string& text)
+{
+    Value value;
+    EXPECT_FALSE(util::config::JSONParser().parseString(text, value)) << text;
+    return value;
+}
+
+/// A document that is good but for the value of the key.
+std::string documentWith(const std::string& key, const std::string& text)
+{
+    Dictionary root{{"serializer-formats", parse(R"(["application/json"])")}};
+    const std::size_t dot = key.find('.');
+    const std::string object = key.substr(0, dot);
+    if (dot == std::string::npos) {
+        root.set(key, parse(text));
+    } else if (object == "services[]") {
+        Dictionary service = parse(R"({"path": "/a", "type": "pex", "locators": []})").dictionary();
+        service.set(key.substr(dot + 1), parse(text));
+        root.set("services", Value(Value::Array{Value(service)}));
+    } else {
+        root.set(object, Value(Dictionary{{key.substr(dot + 1), parse(text)}}));
+    }
+    return Value(root).toText();
+}
+
+/// As `kesactl check-config` words them, but for what it advises.
+Strings complaintsOf(ConfigReport& report)
+{
+    reviewDocument(report);
+    Strings complaints;
+    for (const auto& complaint : report.complaints) {
+        const int severity = complaint.isFatal ? 4 : complaint.severity;
+        complaints.push_back((severity == 4 ? "error: " : severity == 3 ? "warning: " : "hint: ") + complaint.text);
+    }
+    const std::string prefix = "\"comm\": ";
+    for (const std::string& text : commadapter::checkCommSettings(report.root["comm"])) {
+        complaints.push_back("warning: " + text.substr(text.rfind(prefix, 0) == 0 ? prefix.size() : 0));
+    }
+    return complaints;
+}
+
+TEST(ConfigurationPage, HasTheKeysThatTheReadersKnow)
+{
+    std::vector<Row> rows;
+    std::vector<Document> documents;
+    readPage(rows, documents);
+    Strings documented;
+    for (const Row& row : rows) {
+        documented.push_back(row.key);
+    }
+    Strings known = documentKeys();
+    for (const std::string& key : commadapter::commSettingKeys()) {
+        known.push_back("comm." + key);
+    }
+    EXPECT_THAT(documented, UnorderedElementsAreArray(known));
+}
+
+TEST(ConfigurationPage, HasGoodExamplesAndTheComplaintsOfBadOnes)
+{
+    const ::tracing::TraceCapture traces("KESA_RUNTIME_CONFIG", 3);
+    std::vector<Row> rows;
+    std::vector<Document> documents;
+    readPage(rows, documents);
+    for (const Row& row : rows) {
+        ConfigReport good;
+        const KesaConfig config("media", documentWith(row.key, row.example), &good);
+        const bool isRefused = row.complaint.find("not supported yet") != std::string::npos;
+        EXPECT_THAT(complaintsOf(good), isRefused ? testing::Matcher<Strings>(ElementsAre(row.complaint)) : IsEmpty())
+            << row.key << ": " << row.example;
+        ConfigReport bad;
+        const KesaConfig wrong("media", documentWith(row.key, row.wrong), &bad);
+        EXPECT_THAT(complaintsOf(bad), ElementsAre(row.complaint)) << row.key << ": " << row.wrong;
+        EXPECT_EQ(wrong.m_valid, row.complaint.rfind("error", 0) != 0) << row.key << ": " << row.wrong;
+    }
+}
+
+TEST(ConfigurationPage, HasGoodDocuments)
+{
+    std::vector<Row> rows;
+    std::vector<Document> documents;
+    readPage(rows, documents);
+    std::string folder = (std::filesystem::temp_directory_path() / "kesa-page-XXXXXX").string();
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    setenv("KESA_CONFIG_DIR", folder.c_str(), 1);
+    for (const auto& [file, text] : documents) {
+        std::ofstream(folder + "/" + file) << text;
+        ConfigReport report;
+        const KesaConfig config("media", &report);
+        EXPECT_TRUE(config.m_valid) << text;
+        EXPECT_THAT(complaintsOf(report), IsEmpty()) << text;
+    }
+    std::string node;
+    EXPECT_FALSE(util::config::FrameworkProvider::getNodenameForProcess("media", node));
+    EXPECT_NE(node, "local") << "framework.json says nothing of it";
+    util::config::InterfaceInformationProvider::instance().forgetForTest();
+    EXPECT_NE(getPexVersion("/media/player"), nullopt);
+    util::config::InterfaceInformationProvider::instance().forgetForTest();
+    unsetenv("KESA_CONFIG_DIR");
+    std::filesystem::remove_all(folder);
+}
+
+} // namespace
+} // namespace kesa::runtime::v02
