@@ -77,6 +77,7 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     } else {
         place.problem = complaintAbout(place, process);
     }
+    place.endsProcess = !place.problem.empty();
     return place;
 }
 

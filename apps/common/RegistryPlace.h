@@ -13,6 +13,7 @@ struct RegistryPlace {
     std::string source;              ///< the document's file, or "the built-in document"
     std::vector<kesa::url> locators; ///< in order; empty when `problem` is not
     std::string problem;             ///< why there are none, as a sentence with what to do
+    bool endsProcess = false;        ///< a runtime does not start with that problem
 };
 
 /// `fallbackDocument` counts when there is no configuration file at all.

@@ -19,6 +19,7 @@ enum class ExitCode {
 struct Failure {
     ExitCode exitCode;
     std::string text; ///< what is wrong and what to do; empty when there is nobody to tell
+    int status = 0;   ///< of the error that the service has answered; 0: none has
 };
 
 } // namespace kesactl

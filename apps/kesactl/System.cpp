@@ -13,14 +13,14 @@ namespace kesactl {
 
 using kesa::runtime::v02::KesaRuntime;
 
-System::System()
+System::System(bool isRegistryNeeded)
 {
     if (::secure_getenv("KESA_TRACE") == nullptr) {
         tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says
     }
     const std::string name = "kesactl-" + std::to_string(::getpid());
     apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
-    if (!place.problem.empty()) {
+    if (!place.problem.empty() && (isRegistryNeeded || place.endsProcess)) {
         throw Failure{ExitCode::eNO_REGISTRY, place.problem};
     }
     m_locators = std::move(place.locators);

@@ -9,10 +9,11 @@
 namespace kesactl {
 
 /// This process as a guest of the running system: a runtime named "kesactl-PID" that provides nothing and leaves no
-/// files. A `Failure` when the configuration names no registry.
+/// files.
 class System {
 public:
-    System();
+    /// A `Failure` when the configuration names no registry and one is needed, or when no process starts with it.
+    explicit System(bool isRegistryNeeded = true);
     ~System();
     System(const System&) = delete;
     System& operator=(const System&) = delete;

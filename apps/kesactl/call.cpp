@@ -1,17 +1,14 @@
 #include "Answers.h"
+#include "Connection.h"
 #include "Failure.h"
-#include "System.h"
 #include "commands.h"
 #include "options.h"
 #include "output.h"
-#include "print_services.h"
 
 #include <CLI/CLI.hpp>
-#include <kesa/ease/handler.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
-#include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
 
@@ -19,110 +16,93 @@
 
 #include <iostream>
 #include <iterator>
+#include <optional>
 
 namespace kesactl {
 namespace {
-
-using kesa::runtime::v02::KesaRuntime;
-using Client = std::shared_ptr<kesa::IKesaApi>;
 
 struct Arguments {
     std::string path;
     std::string resource = "/";
     std::string command = "retrieve";
-    std::string body;
+    std::optional<std::string> body;
+    std::string format{kesa::mimetypes::JSON};
+    std::vector<std::string> headers;
+    std::string locator;
     bool isFollowing = false;
+    std::uint64_t count = 0; ///< of values; 0: to the end
     CommonOptions common;
 };
 
-/// The body as it was given, on stdin for "-", once it is known to be JSON.
-kesa::Payload readBody(const std::string& given)
+/// What is wrong with a JSON text; its value when nothing is.
+std::optional<std::string> parseJson(std::string_view text, util::config::Value& value)
 {
-    if (given.empty()) {
+    if (!util::config::JSONParser().parseString(text, value)) {
+        return std::nullopt;
+    }
+    std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
+}
+
+/// The body as it was given, on stdin for "-"; one of JSON once it is known to be that.
+kesa::Payload readBody(const Arguments& arguments)
+{
+    if (!arguments.body) {
         return {};
     }
-    std::string text = given == "-" ? std::string(std::istreambuf_iterator<char>(std::cin), {}) : given;
+    std::string text =
+        *arguments.body == "-" ? std::string(std::istreambuf_iterator<char>(std::cin), {}) : *arguments.body;
     util::config::Value value;
-    if (util::config::JSONParser().parseString(text, value)) {
-        const std::string reason = obr::ErrorStorage::reason();
-        obr::ErrorStorage::ack();
-        throw Failure{ExitCode::eUSAGE, "the body is no JSON: " + reason};
+    if (arguments.format == kesa::mimetypes::JSON) {
+        if (const auto reason = parseJson(text, value)) {
+            throw Failure{ExitCode::eUSAGE, fmt::format("the body is no JSON: {}; nothing was sent. A text has double "
+                                                        "quotes, '\"text\"', or another --format",
+                                                        *reason)};
+        }
     }
-    return kesa::Payload::createFromString(std::move(text), kesa::mimetypes::JSON);
+    return kesa::Payload::createFromString(std::move(text), arguments.format);
 }
 
-ServiceDef find(const System& system, const Arguments& arguments, comm::TimeNs deadline)
+std::string checkHeader(const std::string& header)
 {
-    const Services services = system.view(literal(arguments.path))->list(deadline);
-    if (services.empty()) {
-        throw Failure{ExitCode::eFAILED,
-                      fmt::format("no service at {}; kesactl list shows what is there. The path of a "
-                                  "resource is an argument of its own: kesactl call {} /resource",
-                                  arguments.path, arguments.path)};
+    const std::size_t end = header.find('=');
+    if (end == 0 || end == std::string::npos) {
+        return "'" + header + "' is no header; write NAME=VALUE";
     }
-    return services.begin()->second;
+    return header.substr(0, end) == kesa::headers::TIMEOUT ? "the time limit of the request is --timeout" : "";
 }
 
-/// The connection to a service.
-class Connection {
-public:
-    explicit Connection(const ServiceDef& service) : m_service(service)
-    {
-        using Resolved = kesa::optional<Client>;
-        m_subscription = KesaRuntime::getInstance()->resolveService(
-            service, kesa::handler<Resolved>([state = m_state](const Resolved& client) { state->keep(client, false); },
-                                             [state = m_state](const kesa::Response&) { state->keep({}, true); }));
-    }
-    ~Connection() { m_subscription.dispose(); }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    Client client(comm::TimeNs deadline)
-    {
-        std::unique_lock lock(m_state->mutex);
-        comm::waitFor(
-            m_state->changed, lock, [this] { return m_state->client || m_state->isRefused; }, deadline);
-        const std::string& where =
-            m_service.locators.empty() ? m_service.path.toString() : m_service.locators.front().toString();
-        if (m_state->isRefused) {
-            throw Failure{ExitCode::eFAILED,
-                          fmt::format("{} cannot be reached from here: it is in another run directory or on another "
-                                      "host, and offers no other locator",
-                                      where)};
-        }
-        if (!m_state->client) {
-            throw Failure{ExitCode::eTIMED_OUT,
-                          fmt::format("no connection to {}: its process is stopped, busy, or refuses this user; try a "
-                                      "longer --timeout",
-                                      where)};
-        }
-        return *m_state->client;
-    }
-
-private:
-    struct State {
-        void keep(const kesa::optional<Client>& newClient, bool isRefusal)
-        {
-            const std::lock_guard lock(mutex);
-            client = newClient;
-            isRefused = isRefusal;
-            changed.notifyAll();
-        }
-        std::mutex mutex;
-        comm::Condition changed;
-        kesa::optional<Client> client; ///< with the mutex held, as the next one
-        bool isRefused = false;
-    };
-
-    const ServiceDef m_service;
-    const std::shared_ptr<State> m_state = std::make_shared<State>();
-    kesa::Disposable m_subscription;
-};
-
-std::string asJsonText(std::string_view text)
+std::string checkCommand(const std::string& command)
 {
-    const std::string list = util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();
-    return list.substr(1, list.size() - 2);
+    return command.empty() ? "the command is empty; write one such as retrieve" : "";
+}
+
+std::string checkLocator(const std::string& text)
+{
+    const kesa::url locator(text);
+    return locator.isValid() && locator.isAbsolute() && !locator.hasQueryOrFragment()
+               ? ""
+               : "'" + text + "' is no locator; write one such as ipc://media or ipc://media/media/player";
+}
+
+kesa::Request makeRequest(const Arguments& arguments)
+{
+    kesa::Request request(arguments.command, arguments.resource, readBody(arguments));
+    request.setMimeType(std::string(kesa::mimetypes::JSON));
+    if (arguments.isFollowing) {
+        kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
+    }
+    for (const std::string& header : arguments.headers) {
+        const std::size_t end = header.find('=');
+        const std::string text = header.substr(end + 1);
+        util::config::Value value;
+        if (parseJson(text, value)) {
+            value = util::config::Value(text);
+        }
+        request.setHeader(header.substr(0, end), std::move(value));
+    }
+    return request;
 }
 
 /// The payload as it came; as JSON, an object with its format, and texts of other formats as strings.
@@ -135,38 +115,45 @@ std::string lineOf(const kesa::Response& response, bool isJson)
     const std::string_view format = payload.getMimeType();
     std::string value = "null";
     if (!payload.isEmpty()) {
-        value = format == kesa::mimetypes::JSON
-                    ? asJsonLine(payload.text(), "the answer says that it is JSON, but is not")
-                    : asJsonLine(asJsonText(payload.text()), fmt::format("the answer, of format '{}', cannot be shown "
-                                                                         "as JSON; leave out --json",
-                                                                         format));
+        value =
+            format == kesa::mimetypes::JSON
+                ? asJsonLine(payload.text(), "the answer says that it is JSON, but is not")
+                : asJsonLine(asJsonString(payload.text()), fmt::format("the answer, of format '{}', cannot be shown "
+                                                                       "as JSON; leave out --json",
+                                                                       format));
     }
     return fmt::format(R"({{"status":{},"format":{},"value":{}}})"
                        "\n",
-                       response.getStatus(), asJsonText(format), value);
+                       response.getStatus(), asJsonString(format), value);
 }
 
-kesa::Request makeRequest(const Arguments& arguments)
+/// The record of the service, of which a given locator says enough; one that names the process only gets the path.
+ServiceDef find(const System& system, const Arguments& arguments, comm::TimeNs deadline)
 {
-    kesa::Request request(arguments.command, arguments.resource, readBody(arguments.body));
-    request.setMimeType(std::string(kesa::mimetypes::JSON));
-    if (arguments.isFollowing) {
-        kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
+    if (arguments.locator.empty()) {
+        return findService(system, arguments.path, deadline,
+                           fmt::format(". The path of a resource is an argument of its own: kesactl call {} /resource",
+                                       arguments.path));
     }
-    return request;
+    kesa::url locator(arguments.locator);
+    if (locator.path().empty()) {
+        locator.init(arguments.locator + arguments.path);
+    }
+    return {kesa::Path(arguments.path), ServiceDef::TypeEnum::pex, {}, {locator}};
 }
 
 void call(const Arguments& arguments)
 {
     kesa::Request request = makeRequest(arguments);
     const comm::TimeNs deadline = arguments.common.deadline();
-    const System system;
+    const System system(arguments.locator.empty());
     Connection connection(find(system, arguments, deadline));
-    const Client client = connection.client(deadline);
+    const Connection::Client client = connection.client(deadline);
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
     Answers answers(client, request);
     const ReaderWatch reader([&answers] { answers.interrupt(); });
-    for (bool isFirst = true;; isFirst = false) {
+    for (std::uint64_t printed = 0; arguments.count == 0 || printed < arguments.count; ++printed) {
+        const bool isFirst = printed == 0;
         const Answers::Answer answer = answers.next(isFirst ? deadline : comm::NEVER);
         // Whoever is first, this wait or the connection: one text.
         const bool isTimeOver = answer.response.getStatus() == 504 && isFirst && comm::now() >= deadline;
@@ -184,7 +171,8 @@ void call(const Arguments& arguments)
         case Answers::Kind::eERROR:
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,
-                                      kesa::Response::getErrorMessageWithCode(answer.response))};
+                                      kesa::Response::getErrorMessageWithCode(answer.response)),
+                          static_cast<int>(answer.response.getStatus())};
         case Answers::Kind::eTIMED_OUT:
             throw Failure{ExitCode::eTIMED_OUT,
                           fmt::format("no answer to {} {} of {} within {} s", arguments.command, arguments.resource,
@@ -201,12 +189,22 @@ void addCall(CLI::App& app)
     CLI::App* const command = app.add_subcommand("call", "Sends a request to a service and prints the answer.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
     command->add_option("RESOURCE", arguments->resource, "Inside the service.")->check(checkResource)->type_name("");
-    command->add_option("--command", arguments->command, "retrieve, insert, update or delete.")
-        ->check(CLI::IsMember({"retrieve", "insert", "update", "delete"}))
+    command->add_option("--command", arguments->command, "retrieve, insert, update, delete, or any other word.")
+        ->check(checkCommand)
         ->type_name("COMMAND")
         ->capture_default_str();
-    command->add_option("--body", arguments->body, "JSON, or - for stdin.")->type_name("JSON");
-    command->add_flag("--follow", arguments->isFollowing, "Asks for a stream, and prints it until it ends.");
+    command->add_option("--body", arguments->body, "The body, or - for stdin.")->type_name("BODY");
+    command->add_option("--format", arguments->format, "Of the body.")->type_name("FORMAT")->capture_default_str();
+    command->add_option("--header", arguments->headers, "A header; as often as needed. VALUE is JSON, else a text.")
+        ->check(checkHeader)
+        ->allow_extra_args(false)
+        ->type_name("NAME=VALUE");
+    command->add_option("--locator", arguments->locator, "Where the service is, without asking the registry.")
+        ->check(checkLocator)
+        ->type_name("URL");
+    CLI::Option* const follow =
+        command->add_flag("--follow", arguments->isFollowing, "Asks for a stream, and prints it until it ends.");
+    command->add_option("--count", arguments->count, "Ends after so many values.")->needs(follow)->type_name("VALUES");
     addCommonOptions(*command, arguments->common, "How long until the first answer.");
     command->callback([arguments] { call(*arguments); });
 }

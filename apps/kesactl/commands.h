@@ -3,9 +3,11 @@
 
 #include <CLI/App.hpp>
 
+#include <string>
+
 namespace kesactl {
 
-// The commands against a running system; each adds itself to `app`, runs inside of its parsing, and throws a `Failure`
+// The commands but for `check-config`; each adds itself to `app`, runs inside of its parsing, and throws a `Failure`
 // when it does not succeed.
 
 void addList(CLI::App& app); ///< and `tree`: the same services, shown differently
@@ -13,6 +15,11 @@ void addShow(CLI::App& app);
 void addWatch(CLI::App& app);
 void addWait(CLI::App& app);
 void addCall(CLI::App& app);
+void addPing(CLI::App& app);
+void addHelp(CLI::App& app);
+
+/// The command of that name; a `Failure` that names the nearest when there is none.
+const CLI::App& findCommand(const CLI::App& app, const std::string& name);
 
 } // namespace kesactl
 

@@ -7,48 +7,109 @@
 
 #include <CLI/CLI.hpp>
 
+#include <fmt/format.h>
+
+#include <algorithm>
+
 namespace kesactl {
 namespace {
 
 struct Arguments {
     std::string glob = "**";
+    std::vector<std::string> where;
+    std::string type;
+    std::string provider;
+    std::vector<std::string> columns = {"path", "type", "versions", "provider", "locators"};
     CommonOptions common;
 };
+
+/// Whether the value is that text, or a list that has it.
+bool has(const util::config::Value& value, const std::string& text)
+{
+    const auto isThat = [&text](const auto& one) { return one.isDefined() && one.toText() == text; };
+    return isThat(value) || std::any_of(value.items().begin(), value.items().end(), isThat);
+}
+
+bool isWanted(const ServiceDef& service, const Arguments& arguments)
+{
+    const auto fits = [&service](const std::string& condition) {
+        const std::size_t end = condition.find('=');
+        return service.metainfo && has((*service.metainfo)[condition.substr(0, end)], condition.substr(end + 1));
+    };
+    return std::all_of(arguments.where.begin(), arguments.where.end(), fits) &&
+           (arguments.type.empty() || arguments.type == ServiceDef::enumToValue(service.type)) &&
+           (arguments.provider.empty() || arguments.provider == providerOf(service));
+}
 
 Services find(const Arguments& arguments)
 {
     const System system;
-    Services services = system.view(arguments.glob)->list(arguments.common.deadline());
-    if (services.empty()) {
+    const Services all = system.view(arguments.glob)->list(arguments.common.deadline());
+    Services services;
+    for (const auto& [path, service] : all) {
+        if (isWanted(service, arguments)) {
+            services.emplace(path, service);
+        }
+    }
+    if (all.empty()) {
         throw Failure{ExitCode::eFAILED, "no service matches '" + arguments.glob + "'; kesactl list shows all"};
+    }
+    if (services.empty()) {
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("none of the {} services that match '{}' is so; kesactl show PATH has the type, the "
+                                  "provider and the metainfo of one",
+                                  all.size(), arguments.glob)};
     }
     return services;
 }
 
-void add(CLI::App& app, const char* name, const char* description, std::string (*show)(const Services&))
+std::string checkCondition(const std::string& condition)
 {
-    auto arguments = std::make_shared<Arguments>();
+    const std::size_t end = condition.find('=');
+    return end == 0 || end == std::string::npos ? "'" + condition + "' is no condition; write KEY=VALUE" : "";
+}
+
+CLI::App& add(CLI::App& app, const char* name, const char* description, const std::shared_ptr<Arguments>& arguments)
+{
     CLI::App* const command = app.add_subcommand(name, description);
     command->add_option("GLOB", arguments->glob, "Of paths: '/system/**', '/media/*'; without it all.")
         ->check(checkGlob)
         ->type_name("");
+    command->add_option("--where", arguments->where, "With that metainfo, or a list that has it; as often as needed.")
+        ->check(checkCondition)
+        ->allow_extra_args(false)
+        ->type_name("KEY=VALUE");
+    command->add_option("--type", arguments->type, "Of that type.")
+        ->check(CLI::IsMember({"pex", "lomo", "gateway", "registry"}))
+        ->type_name("TYPE");
+    command->add_option("--provider", arguments->provider, "Of that process.")->type_name("NAME");
     addCommonOptions(*command, arguments->common, "How long the registry may take to answer.");
-    command->callback([arguments, show] {
-        const Services services = find(*arguments);
-        if (arguments->common.isJson) {
-            print(services, true);
-        } else {
-            print(show(services));
-        }
-    });
+    return *command;
 }
 
 } // namespace
 
 void addList(CLI::App& app)
 {
-    add(app, "list", "Lists the services.", asTable);
-    add(app, "tree", "Shows the services as a tree of their paths; as JSON, the same lines as list.", asTree);
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App& list = add(app, "list", "Lists the services.", arguments);
+    list.add_option("--columns", arguments->columns, "Of the table, in order; also formats, scope and metainfo.")
+        ->check(checkColumn)
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->excludes("--json")
+        ->type_name("NAMES")
+        ->capture_default_str();
+    list.callback([arguments] {
+        const Services services = find(*arguments);
+        print(arguments->common.isJson ? asJsonLines(services) : fitted(asTable(services, arguments->columns)));
+    });
+    auto ofTree = std::make_shared<Arguments>();
+    add(app, "tree", "Shows the services as a tree of their paths; as JSON, the same lines as list.", ofTree)
+        .callback([ofTree] {
+            const Services services = find(*ofTree);
+            print(ofTree->common.isJson ? asJsonLines(services) : fitted(asTree(services)));
+        });
 }
 
 } // namespace kesactl

@@ -7,19 +7,21 @@
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
 
+#include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <sstream>
 
 namespace {
 
 using kesactl::ExitCode;
+using kesactl::Failure;
 
 const char* const FOOTER = R"(Examples:
   kesactl list '/system/**'                        the services below /system
   kesactl wait /media/player --timeout 10 && echo it is there
   kesactl call /system/cpu --follow                its values, until it ends
   kesactl call /media/player /volume --command update --body '{"percent":30}'
+  kesactl ping /media/player                       how long a request takes
   kesactl list --json | jq -r .path
   kesactl check-config                             what a process started here would read
   kesactl check-config kesa.json --process media   a document, as the process "media" reads it
@@ -28,8 +30,31 @@ const char* const FOOTER = R"(Examples:
 The registry is found as any process finds it: by the configuration document, without one at
 ipc://kesa-registryd/registry in the run directory ($KESA_RUN_DIR, $XDG_RUNTIME_DIR/kesa or /run/kesa).
 
+With --json an error is one JSON object on stderr: {"error":"...","exitCode":1}.
 Exit codes: 0 done, 1 not found or failed, 2 wrong arguments, 3 the registry cannot be reached, 4 timed out,
 5 the output cannot be written or its reader has gone.)";
+
+/// Before its parser reads on: that knows only that a word is not expected.
+void refuseUnknownCommand(const CLI::App& app, int argc, char** argv)
+{
+    const std::vector<std::string> words(argv + 1, argv + argc);
+    const auto first =
+        std::find_if(words.begin(), words.end(), [](const auto& word) { return word.rfind('-', 0) != 0; });
+    if (first != words.end()) {
+        kesactl::findCommand(app, *first);
+    }
+}
+
+std::string adviseHelp(const std::string& what, const CLI::App& app)
+{
+    const auto commands = app.get_subcommands();
+    return what + "; see kesactl help" + (commands.empty() ? "" : " " + commands.front()->get_name());
+}
+
+bool isJsonWanted(int argc, char** argv)
+{
+    return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
+}
 
 int run(int argc, char** argv)
 {
@@ -43,14 +68,18 @@ int run(int argc, char** argv)
     kesactl::addWatch(app);
     kesactl::addWait(app);
     kesactl::addCall(app);
+    kesactl::addPing(app);
     kesactl::addCheckConfig(app, exitCode);
+    kesactl::addHelp(app);
+    refuseUnknownCommand(app, argc, argv);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        std::ostringstream asked; // help or version
-        if (app.exit(error, asked, std::cerr) != 0) {
-            return static_cast<int>(ExitCode::eUSAGE);
+        if (error.get_exit_code() != 0) {
+            throw Failure{ExitCode::eUSAGE, adviseHelp(error.what(), app)};
         }
+        std::ostringstream asked; // help or version
+        app.exit(error, asked, asked);
         kesactl::print(asked.str());
     }
     return exitCode;
@@ -64,10 +93,8 @@ int main(int argc, char** argv)
     std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
     try {
         return run(argc, argv);
-    } catch (const kesactl::Failure& failure) {
-        if (!failure.text.empty()) {
-            std::fprintf(stderr, "kesactl: %s\n", failure.text.c_str());
-        }
+    } catch (const Failure& failure) {
+        kesactl::printFailure(failure, isJsonWanted(argc, argv));
         return static_cast<int>(failure.exitCode);
     }
 }

@@ -1,14 +1,15 @@
 #include "output.h"
 
-#include "Failure.h"
-
 #include <comm/Scheduler.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
@@ -24,7 +25,83 @@ bool isPipeOrSocket(int descriptor)
     return ::fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
 }
 
+/// In characters; 0 when stdout is no terminal, or one that does not say.
+std::size_t terminalWidth()
+{
+    winsize size{};
+    return ::isatty(STDOUT_FILENO) != 0 && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+}
+
+/// The bytes of the first `count` characters of UTF-8.
+std::size_t bytesOf(std::string_view text, std::size_t count)
+{
+    std::size_t end = 0;
+    for (; end < text.size(); ++end) {
+        const bool isFirstByte = (static_cast<unsigned char>(text[end]) & 0xc0U) != 0x80;
+        if (isFirstByte && count-- == 0) {
+            break;
+        }
+    }
+    return end;
+}
+
+bool isJsonText(std::string_view text)
+{
+    util::config::Value value;
+    const bool failed = util::config::JSONParser().parseString(text, value);
+    obr::ErrorStorage::ack();
+    return !failed;
+}
+
+/// What a command line has need not be UTF-8; the sentence is still to be read.
+std::string asReadableJsonString(std::string text)
+{
+    if (!isJsonText(asJsonString(text))) {
+        std::replace_if(
+            text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
+    }
+    return asJsonString(text);
+}
+
 } // namespace
+
+void printFailure(const Failure& failure, bool isJson)
+{
+    if (failure.text.empty()) {
+        return;
+    }
+    if (!isJson) {
+        std::fprintf(stderr, "kesactl: %s\n", failure.text.c_str());
+        return;
+    }
+    const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
+    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asReadableJsonString(failure.text),
+                                         static_cast<int>(failure.exitCode), status);
+    std::fprintf(stderr, "%s\n", line.c_str());
+}
+
+std::string fitted(const std::string& text)
+{
+    const std::size_t width = terminalWidth();
+    if (width == 0) {
+        return text;
+    }
+    std::string cut;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        const std::string_view line = std::string_view(text).substr(begin, end - begin);
+        const bool isTooLong = bytesOf(line, width) < line.size();
+        cut.append(line.substr(0, isTooLong ? bytesOf(line, width - 1) : line.size())).append(isTooLong ? "…\n" : "\n");
+        begin = end + 1;
+    }
+    return cut;
+}
+
+std::string asJsonString(std::string_view text)
+{
+    const std::string list = util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();
+    return list.substr(1, list.size() - 2);
+}
 
 void print(const std::string& text)
 {

@@ -1,6 +1,8 @@
 #ifndef KESACTL_OUTPUT_H
 #define KESACTL_OUTPUT_H
 
+#include "Failure.h"
+
 #include <comm/Reactor.h>
 
 #include <functional>
@@ -13,6 +15,16 @@ namespace kesactl {
 /// To stdout, at once. A `Failure` when it cannot be written; without a text when its reader has gone, as the reader of
 /// a pipe that has seen enough.
 void print(const std::string& text);
+
+/// To stderr: a line for people, or one JSON object, {"error": text, "exitCode": number}, and "status" when a service
+/// has refused. Nothing for a failure without a text.
+void printFailure(const Failure& failure, bool isJson);
+
+/// Cuts each line at the width of the terminal, with an ellipsis for what is missing; unchanged when stdout is none.
+std::string fitted(const std::string& text);
+
+/// `text` in quotation marks, as JSON has it.
+std::string asJsonString(std::string_view text);
 
 /// `json` as one line without its end. A `Failure` when it is not one valid JSON value: `what` begins the sentence.
 std::string asJsonLine(std::string_view json, const std::string& what);

@@ -1,7 +1,6 @@
 #include "print_services.h"
 
 #include "Failure.h"
-#include "output.h"
 
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/core/Serializer.h>
@@ -13,20 +12,22 @@
 #include <fmt/ranges.h>
 
 #include <algorithm>
-#include <array>
+#include <cctype>
+#include <iterator>
 
 namespace kesactl {
 namespace {
 
 using kesa::serviceregistry::enumToValue;
 using kesa::serviceregistry::MetainfoKeys;
+using Strings = std::vector<std::string>;
 
 std::string typeOf(const ServiceDef& service)
 {
     return ServiceDef::enumToValue(service.type).value_or("-");
 }
 
-std::string inOneLine(const std::vector<std::string>& list)
+std::string inOneLine(const Strings& list)
 {
     return list.empty() ? "-" : fmt::format("{}", fmt::join(list, ", "));
 }
@@ -40,26 +41,55 @@ std::string locatorsOf(const ServiceDef& service)
     return inOneLine(locators);
 }
 
-using Row = std::array<std::string, 5>;
-
-Row rowOf(const std::string& path, const ServiceDef& service)
+std::string metainfoOf(const ServiceDef& service)
 {
-    return {path, typeOf(service), inOneLine(service.versions), providerOf(service), locatorsOf(service)};
+    std::vector<std::string> members;
+    if (service.metainfo) {
+        for (const auto& [key, value] : *service.metainfo) {
+            members.push_back(fmt::format("{}={}", key, value.toText()));
+        }
+    }
+    return inOneLine(members);
 }
 
-/// The last column is not filled up.
-std::string align(const std::vector<Row>& rows)
+struct Column {
+    std::string_view name;
+    std::string (*textOf)(const ServiceDef& service);
+};
+
+constexpr Column COLUMNS[] = {
+    {"path", [](const ServiceDef& service) { return service.path.toString(); }},
+    {"type", typeOf},
+    {"versions", [](const ServiceDef& service) { return inOneLine(service.versions); }},
+    {"provider", providerOf},
+    {"locators", locatorsOf},
+    {"formats", [](const ServiceDef& service) { return inOneLine(service.serializationFormats.value_or(Strings())); }},
+    {"scope", [](const ServiceDef& service) { return inOneLine(service.scope.value_or(Strings())); }},
+    {"metainfo", metainfoOf},
+};
+
+const Column* findColumn(std::string_view name)
 {
-    std::array<std::size_t, 5> widths{};
-    for (const Row& row : rows) {
+    const auto* const found = std::find_if(std::begin(COLUMNS), std::end(COLUMNS),
+                                           [name](const Column& column) { return column.name == name; });
+    return found == std::end(COLUMNS) ? nullptr : found;
+}
+
+/// Each as wide as its longest text; the last one is not filled up.
+std::string align(const std::vector<Strings>& rows)
+{
+    std::vector<std::size_t> widths(rows.front().size());
+    for (const Strings& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column) {
             widths[column] = std::max(widths[column], row[column].size());
         }
     }
     std::string text;
-    for (const Row& row : rows) {
-        text += fmt::format("{:<{}}  {:<{}}  {:<{}}  {:<{}}  {}\n", row[0], widths[0], row[1], widths[1], row[2],
-                            widths[2], row[3], widths[3], row[4]);
+    for (const Strings& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            text += fmt::format("{:<{}}  ", row[column], widths[column]);
+        }
+        text += row.back() + '\n';
     }
     return text;
 }
@@ -97,11 +127,30 @@ std::string providerOf(const ServiceDef& service)
     return std::string(endpoint.substr(0, endpoint.find('+')));
 }
 
-std::string asTable(const Services& services)
+std::string checkColumn(const std::string& name)
 {
-    std::vector<Row> rows{{"PATH", "TYPE", "VERSIONS", "PROVIDER", "LOCATORS"}};
+    if (findColumn(name) != nullptr) {
+        return {};
+    }
+    Strings known;
+    for (const Column& column : COLUMNS) {
+        known.emplace_back(column.name);
+    }
+    return fmt::format("there is no column '{}'; known are {}", name, inOneLine(known));
+}
+
+std::string asTable(const Services& services, const Strings& columns)
+{
+    std::vector<Strings> rows(1);
+    for (const std::string& column : columns) {
+        rows.front().push_back(column);
+        std::transform(column.begin(), column.end(), rows.front().back().begin(), ::toupper);
+    }
     for (const auto& [path, service] : services) {
-        rows.push_back(rowOf(path, service));
+        rows.emplace_back();
+        for (const std::string& column : columns) {
+            rows.back().push_back(findColumn(column)->textOf(service));
+        }
     }
     return align(rows);
 }
@@ -166,17 +215,13 @@ std::string asJson(const ServiceDef& service)
     return std::string(payload->text());
 }
 
-void print(const Services& services, bool isJson)
+std::string asJsonLines(const Services& services)
 {
-    if (!isJson) {
-        print(asTable(services));
-        return;
-    }
     std::string lines;
     for (const auto& [path, service] : services) {
         lines += asJson(service) + '\n';
     }
-    print(lines);
+    return lines;
 }
 
 } // namespace kesactl

@@ -4,13 +4,17 @@
 #include "RegistryView.h"
 
 #include <string>
+#include <vector>
 
 namespace kesactl {
 
 // Lines for people, each with its end.
 
-/// A heading and one aligned line per service.
-std::string asTable(const Services& services);
+/// A heading and one aligned line per service. `columns` are known ones.
+std::string asTable(const Services& services,
+                    const std::vector<std::string>& columns = {"path", "type", "versions", "provider", "locators"});
+/// For `CLI::Option::check`: what is wrong with the name of a column, or empty.
+std::string checkColumn(const std::string& name);
 /// The paths as a tree; what is a service has its type and provider behind it.
 std::string asTree(const Services& services);
 /// All that is known of one service.
@@ -22,8 +26,8 @@ std::string asJson(const ServiceDef& service);
 /// The process that has registered it: as the record says, else as its locator does.
 std::string providerOf(const ServiceDef& service);
 
-/// To stdout: a table, or one JSON line per service.
-void print(const Services& services, bool isJson);
+/// One such line per service, each with its end.
+std::string asJsonLines(const Services& services);
 
 } // namespace kesactl
 

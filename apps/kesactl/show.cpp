@@ -1,5 +1,4 @@
-#include "Failure.h"
-#include "System.h"
+#include "Connection.h"
 #include "commands.h"
 #include "options.h"
 #include "output.h"
@@ -18,11 +17,7 @@ struct Arguments {
 void show(const Arguments& arguments)
 {
     const System system;
-    const Services services = system.view(literal(arguments.path))->list(arguments.common.deadline());
-    if (services.empty()) {
-        throw Failure{ExitCode::eFAILED, "no service at " + arguments.path + "; kesactl list shows what is there"};
-    }
-    const ServiceDef& service = services.begin()->second;
+    const ServiceDef service = findService(system, arguments.path, arguments.common.deadline());
     print(arguments.common.isJson ? asJson(service) + '\n' : asDetails(service));
 }
 

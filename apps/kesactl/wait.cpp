@@ -35,7 +35,7 @@ void wait(const Arguments& arguments)
         throw Failure{ExitCode::eTIMED_OUT, fmt::format("{} after {} s", what, arguments.common.timeoutSeconds)};
     }
     if (!arguments.isGone) {
-        print(services, arguments.common.isJson);
+        print(arguments.common.isJson ? asJsonLines(services) : fitted(asTable(services)));
     }
 }
 

@@ -5,10 +5,12 @@
 #include "print_services.h"
 
 #include <CLI/CLI.hpp>
+#include <comm/wallClock.h>
 
 #include <fmt/format.h>
 
 #include <array>
+#include <ctime>
 
 namespace kesactl {
 namespace {
@@ -30,17 +32,36 @@ constexpr std::array<Words, 4> WORDS = {{{"added", "+"},
                                          {"registry lost", "! the registry is lost; waiting for it"},
                                          {"registry found", "! the registry is back"}}};
 
+/// Text: the time of this place; JSON: date and time of UTC. Both to the millisecond.
+std::string timeStamp(bool isJson)
+{
+    const comm::TimeNs now = comm::wallClock();
+    const std::time_t seconds = now / comm::SECOND;
+    std::tm parts{};
+    std::array<char, 32> text;
+    if (isJson) {
+        ::gmtime_r(&seconds, &parts);
+    } else {
+        ::localtime_r(&seconds, &parts);
+    }
+    const std::size_t size = std::strftime(text.data(), text.size(), isJson ? "%Y-%m-%dT%H:%M:%S" : "%H:%M:%S", &parts);
+    return fmt::format("{}.{:03}{}", std::string_view(text.data(), size), now % comm::SECOND / comm::MILLISECOND,
+                       isJson ? "Z" : "");
+}
+
 std::string lineOf(const Event& event, bool isJson)
 {
+    const std::string time = timeStamp(isJson);
     const bool isOfService = event.kind == Event::Kind::eADDED || event.kind == Event::Kind::eREMOVED;
     const Words& words = WORDS.at(static_cast<std::size_t>(event.kind));
     if (isJson) {
-        return isOfService ? fmt::format(R"({{"event":"{}","service":{}}})", words.json, asJson(event.service))
-                           : fmt::format(R"({{"event":"{}"}})", words.json);
+        return isOfService ? fmt::format(R"({{"time":"{}","event":"{}","service":{}}})", time, words.json,
+                                         asJson(event.service))
+                           : fmt::format(R"({{"time":"{}","event":"{}"}})", time, words.json);
     }
-    return isOfService
-               ? fmt::format("{} {}  of {}", words.text, event.service.path.toString(), providerOf(event.service))
-               : words.text;
+    return isOfService ? fmt::format("{} {} {}  of {}", time, words.text, event.service.path.toString(),
+                                     providerOf(event.service))
+                       : fmt::format("{} {}", time, words.text);
 }
 
 void watch(const Arguments& arguments)

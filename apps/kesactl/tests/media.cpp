@@ -1,5 +1,5 @@
 // media: the process "media" of the sessions. "/media/player" answers "/" with a title and its follower with three
-// values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, never answers "/hang",
+// values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header "room", never answers "/hang",
 // begins a stream at "/feed" and never goes on with it, has answers that are hard to show, and refuses the rest.
 // "/media/radio" is the same, and registered before it.
 
@@ -76,6 +76,10 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
     });
     player->onRetrieve("/limit", [](const Request&, const Responder& responder) {
         responder.answer(json(kesa::RequestContext::deadline() ? "true" : "false"));
+    });
+    player->onRetrieve("/room", [](const Request& request, const Responder& responder) {
+        const util::config::Value room = request.getHeader("room");
+        responder.answer(json(room.isString() ? "\"" + room.toText() + "\"" : room.toText()));
     });
     addAnswersThatAreHardToShow(*player);
     player->onUpdate(

@@ -1,10 +1,11 @@
 #include "reviewDocument.h"
 
+#include "nearestName.h"
+
 #include <kesa/Path.h>
 #include <kesa/url.h>
 
 #include <algorithm>
-#include <cctype>
 #include <string_view>
 
 namespace kesa::runtime::v02 {
@@ -42,55 +43,6 @@ const Keys& smartProxyKeys()
     return keys;
 }
 
-/// Letter case and the kind of separator are what is mistaken most often.
-std::string plain(std::string_view key)
-{
-    std::string text;
-    for (const char c : key) {
-        if (c != '_' && c != '-') {
-            text.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-        }
-    }
-    return text;
-}
-
-/// How many characters have to be inserted, removed or replaced to make one of the other.
-std::size_t editDistance(std::string_view a, std::string_view b)
-{
-    std::vector<std::size_t> row(b.size() + 1);
-    for (std::size_t j = 0; j <= b.size(); ++j) {
-        row[j] = j;
-    }
-    for (std::size_t i = 1; i <= a.size(); ++i) {
-        std::size_t diagonal = row[0];
-        row[0] = i;
-        for (std::size_t j = 1; j <= b.size(); ++j) {
-            const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
-            diagonal = row[j];
-            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
-        }
-    }
-    return row.back();
-}
-
-/// The known key that `key` may have been meant for; empty when none is near.
-std::string_view nearest(const std::string& key, const Keys& known)
-{
-    if (key.size() > 64) {
-        return {};
-    }
-    std::string_view best;
-    std::size_t bestDistance = std::max<std::size_t>(2, key.size() / 3) + 1;
-    for (const std::string_view candidate : known) {
-        const std::size_t distance = editDistance(plain(key), plain(candidate));
-        if (distance < bestDistance && distance < candidate.size()) {
-            bestDistance = distance;
-            best = candidate;
-        }
-    }
-    return best;
-}
-
 void reviewKeys(const Value& object, const std::string& path, const Keys& known, ConfigReport& report)
 {
     for (const auto& [key, value] : object) {
@@ -98,7 +50,7 @@ void reviewKeys(const Value& object, const std::string& path, const Keys& known,
             continue;
         }
         std::string text = "ignored: unknown key '" + key + "'";
-        const std::string_view meant = nearest(key, known);
+        const std::string_view meant = nearestName(key, known);
         if (!meant.empty()) {
             text.append("; did you mean '").append(meant).append("'?");
         }

@@ -1,0 +1,75 @@
+#include "Connection.h"
+
+#include "Failure.h"
+#include "options.h"
+
+#include <kesa/commadapter/whyUnreachable.h>
+#include <kesa/ease/handler.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace kesactl {
+
+using kesa::runtime::v02::KesaRuntime;
+
+ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline, const std::string& hint)
+{
+    const Services services = system.view(literal(path))->list(deadline);
+    if (services.empty()) {
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("no service at {}; kesactl list shows what is there{}", path, hint)};
+    }
+    return services.begin()->second;
+}
+
+void Connection::State::keep(const kesa::optional<Client>& newClient, bool isRefusal)
+{
+    const std::lock_guard lock(mutex);
+    client = newClient;
+    isRefused = isRefusal;
+    changed.notifyAll();
+}
+
+Connection::Connection(ServiceDef service) : m_service(std::move(service))
+{
+    using Resolved = kesa::optional<Client>;
+    m_subscription = KesaRuntime::getInstance()->resolveService(
+        m_service, kesa::handler<Resolved>([state = m_state](const Resolved& client) { state->keep(client, false); },
+                                           [state = m_state](const kesa::Response&) { state->keep({}, true); }));
+}
+
+Connection::~Connection()
+{
+    m_subscription.dispose();
+}
+
+Connection::Client Connection::client(comm::TimeNs deadline)
+{
+    std::unique_lock lock(m_state->mutex);
+    comm::waitFor(
+        m_state->changed, lock, [this] { return m_state->client || m_state->isRefused; }, deadline);
+    if (m_state->client) {
+        return *m_state->client;
+    }
+    const bool isRefused = m_state->isRefused;
+    lock.unlock();
+    const kesa::url where =
+        m_service.locators.empty() ? kesa::url(m_service.path.toString()) : m_service.locators.front();
+    if (isRefused) {
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("{} cannot be reached from here: it is in another run directory or on another "
+                                  "host, and offers no other locator",
+                                  where.toString())};
+    }
+    const std::string why = kesa::commadapter::whyUnreachable(where);
+    throw Failure{ExitCode::eTIMED_OUT,
+                  fmt::format("no connection to {}: {}", where.toString(),
+                              why.empty() ? "its process is there, but is stopped or busy, or does not provide that "
+                                            "path; try a longer --timeout"
+                                          : why)};
+}
+
+} // namespace kesactl

@@ -1,0 +1,53 @@
+#ifndef KESACTL_CONNECTION_H
+#define KESACTL_CONNECTION_H
+
+#include "System.h"
+
+#include <comm/Clock.h>
+#include <comm/Condition.h>
+#include <kesa/Disposable.h>
+#include <kesa/IKesaApi.h>
+#include <kesa/optional.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+namespace kesactl {
+
+/// The record of a service as the registry has it. A `Failure` when there is none, which ends with `hint`.
+ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline,
+                       const std::string& hint = {});
+
+/// The connection to a service, at the locators of its record.
+class Connection {
+public:
+    using Client = std::shared_ptr<kesa::IKesaApi>;
+
+    explicit Connection(ServiceDef service);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Waits for it; a `Failure` that says why there is none at the deadline. The client object stays good when the
+    /// connection is lost and found again.
+    Client client(comm::TimeNs deadline);
+
+private:
+    struct State {
+        void keep(const kesa::optional<Client>& newClient, bool isRefusal);
+
+        std::mutex mutex;
+        comm::Condition changed;
+        kesa::optional<Client> client; ///< with the mutex held, as the next one
+        bool isRefused = false;
+    };
+
+    const ServiceDef m_service;
+    const std::shared_ptr<State> m_state = std::make_shared<State>();
+    kesa::Disposable m_subscription;
+};
+
+} // namespace kesactl
+
+#endif

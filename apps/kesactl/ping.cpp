@@ -1,0 +1,180 @@
+// ping: how long a request takes to a service and back. It is of a command that no service has, so that it does nothing
+// there: whatever the service says of it is an answer.
+#include "Answers.h"
+#include "Connection.h"
+#include "Failure.h"
+#include "commands.h"
+#include "options.h"
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+#include <kesa/headers.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kesactl {
+namespace {
+
+constexpr const char* COMMAND = "ping";
+
+struct Arguments {
+    std::string path;
+    std::uint64_t count = 5;
+    double intervalSeconds = 0.2;
+    CommonOptions common;
+};
+
+/// What came of one request.
+struct Round {
+    comm::TimeNs time = 0;
+    std::string problem; ///< empty: it was answered
+    ExitCode exitCode = ExitCode::eOK;
+};
+
+/// What the loop waits in, so that the end of its reader ends each wait.
+class Waits {
+public:
+    Answers::Answer next(Answers& answers, comm::TimeNs deadline)
+    {
+        setCurrent(&answers);
+        Answers::Answer answer = answers.next(deadline);
+        setCurrent(nullptr);
+        return answer;
+    }
+    void pauseUntil(comm::TimeNs time)
+    {
+        std::unique_lock lock(m_mutex);
+        if (comm::waitFor(
+                m_changed, lock, [this] { return m_isInterrupted; }, time)) {
+            ReaderWatch::fail();
+        }
+    }
+    void interrupt()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_isInterrupted = true;
+        m_changed.notifyAll();
+        if (m_answers != nullptr) {
+            m_answers->interrupt();
+        }
+    }
+
+private:
+    void setCurrent(Answers* answers)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_answers = answers;
+        if (m_isInterrupted) {
+            ReaderWatch::fail();
+        }
+    }
+
+    std::mutex m_mutex;
+    comm::Condition m_changed;
+    Answers* m_answers = nullptr; ///< with the mutex held, as the next one
+    bool m_isInterrupted = false;
+};
+
+Round measure(const Connection::Client& client, const Arguments& arguments, Waits& waits)
+{
+    kesa::Request request(COMMAND, "/");
+    const comm::TimeNs begin = comm::now();
+    const comm::TimeNs deadline = arguments.common.deadline();
+    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - begin));
+    Answers answers(client, request);
+    const Answers::Answer answer = waits.next(answers, deadline);
+    const comm::TimeNs time = comm::now() - begin;
+    const int status = static_cast<int>(answer.response.getStatus());
+    if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
+        return {time, fmt::format("no answer within {} s", arguments.common.timeoutSeconds), ExitCode::eTIMED_OUT};
+    }
+    if (answer.kind == Answers::Kind::eERROR && status == 503) { // not the service, its connection
+        return {time, kesa::Response::getErrorMessageWithCode(answer.response), ExitCode::eFAILED};
+    }
+    return {time, {}};
+}
+
+double milliseconds(comm::TimeNs time)
+{
+    return static_cast<double>(time) / 1e6;
+}
+
+std::string lineOf(std::uint64_t number, const Round& round, bool isJson)
+{
+    if (!isJson) {
+        return round.problem.empty() ? fmt::format("{}: {:.3f} ms\n", number, milliseconds(round.time))
+                                     : fmt::format("{}: {}\n", number, round.problem);
+    }
+    return fmt::format("{{\"number\":{},{}}}\n", number,
+                       round.problem.empty() ? fmt::format(R"("ms":{:.3f})", milliseconds(round.time))
+                                             : fmt::format(R"("error":{})", asJsonString(round.problem)));
+}
+
+std::string summaryOf(std::uint64_t sent, std::vector<comm::TimeNs> times, bool isJson)
+{
+    std::sort(times.begin(), times.end());
+    const double least = milliseconds(times.front());
+    const double median = milliseconds(times[times.size() / 2]);
+    const double most = milliseconds(times.back());
+    if (isJson) {
+        return fmt::format(R"({{"sent":{},"answered":{},"least":{:.3f},"median":{:.3f},"most":{:.3f}}})"
+                           "\n",
+                           sent, times.size(), least, median, most);
+    }
+    return fmt::format("{} of {} answered: least {:.3f} ms, median {:.3f} ms, most {:.3f} ms\n", times.size(), sent,
+                       least, median, most);
+}
+
+void ping(const Arguments& arguments)
+{
+    const comm::TimeNs deadline = arguments.common.deadline();
+    const System system(true);
+    Connection connection(findService(system, arguments.path, deadline));
+    const Connection::Client client = connection.client(deadline);
+    Waits waits;
+    const ReaderWatch reader([&waits] { waits.interrupt(); });
+    const auto interval = static_cast<comm::TimeNs>(arguments.intervalSeconds * 1e9);
+    std::vector<comm::TimeNs> times;
+    Round worst;
+    comm::TimeNs next = comm::now();
+    for (std::uint64_t number = 1; number <= arguments.count; ++number, next += interval) {
+        waits.pauseUntil(next);
+        const Round round = measure(client, arguments, waits);
+        print(lineOf(number, round, arguments.common.isJson));
+        if (round.problem.empty()) {
+            times.push_back(round.time);
+        } else {
+            worst = round;
+        }
+    }
+    if (!times.empty()) {
+        print(summaryOf(arguments.count, std::move(times), arguments.common.isJson));
+    }
+    if (!worst.problem.empty()) {
+        throw Failure{worst.exitCode, fmt::format("{} did not answer each request: {}", arguments.path, worst.problem)};
+    }
+}
+
+} // namespace
+
+void addPing(CLI::App& app)
+{
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command =
+        app.add_subcommand("ping", "Measures how long a request takes to a service and back; it does nothing there.");
+    command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
+    command->add_option("--count", arguments->count, "So many requests.")
+        ->check(CLI::Range(std::uint64_t{1}, std::uint64_t{1'000'000}))
+        ->type_name("REQUESTS")
+        ->capture_default_str();
+    command->add_option("--interval", arguments->intervalSeconds, "From one request to the next.")
+        ->check(CLI::Range(0.0, 1e6))
+        ->type_name("SECONDS")
+        ->capture_default_str();
+    addCommonOptions(*command, arguments->common, "How long until each answer; also for the registry at first.");
+    command->callback([arguments] { ping(*arguments); });
+}
+
+} // namespace kesactl

@@ -1,0 +1,12 @@
+#include <comm/wallClock.h>
+
+#include "monotonicClock.h"
+
+namespace comm {
+
+TimeNs wallClock() noexcept
+{
+    return readClock(CLOCK_REALTIME);
+}
+
+} // namespace comm

@@ -1,0 +1,60 @@
+#include "nearestName.h"
+
+#include <algorithm>
+#include <cctype>
+#include <string>
+
+namespace kesa::runtime::v02 {
+namespace {
+
+/// Letter case and the kind of separator are what is mistaken most often.
+std::string plain(std::string_view name)
+{
+    std::string text;
+    for (const char c : name) {
+        if (c != '_' && c != '-') {
+            text.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+        }
+    }
+    return text;
+}
+
+/// How many characters have to be inserted, removed or replaced to make one of the other.
+std::size_t editDistance(std::string_view a, std::string_view b)
+{
+    std::vector<std::size_t> row(b.size() + 1);
+    for (std::size_t j = 0; j <= b.size(); ++j) {
+        row[j] = j;
+    }
+    for (std::size_t i = 1; i <= a.size(); ++i) {
+        std::size_t diagonal = row[0];
+        row[0] = i;
+        for (std::size_t j = 1; j <= b.size(); ++j) {
+            const std::size_t replaced = diagonal + (a[i - 1] == b[j - 1] ? 0 : 1);
+            diagonal = row[j];
+            row[j] = std::min({replaced, row[j] + 1, row[j - 1] + 1});
+        }
+    }
+    return row.back();
+}
+
+} // namespace
+
+std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known)
+{
+    if (name.size() > 64) {
+        return {};
+    }
+    std::string_view best;
+    std::size_t bestDistance = std::max<std::size_t>(2, name.size() / 3) + 1;
+    for (const std::string_view candidate : known) {
+        const std::size_t distance = editDistance(plain(name), plain(candidate));
+        if (distance < bestDistance && distance < candidate.size()) {
+            bestDistance = distance;
+            best = candidate;
+        }
+    }
+    return best;
+}
+
+} // namespace kesa::runtime::v02
