@@ -18,11 +18,14 @@ struct CheckResult {
         int column;
         std::string text;
     };
-    std::string file; ///< empty when no document was found
+    std::string file; ///< empty: there is none, and the built-in document counts
     std::optional<std::string> process;
     std::string partition; ///< of the process, when one is named
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
+    util::config::Value comm; ///< what counts of it
+    std::string runDirectory;
+    std::string runDirectorySource; ///< what names it
     std::vector<Complaint> complaints;
 };
 

@@ -4,18 +4,29 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <vector>
 
 namespace kesactl {
 namespace {
 
+// A path is known by its hash, which that of what is below it goes on from: the paths of a long list below a long key
+// would take as many times the key as the list has elements. Two that met would show the place of the other one.
+constexpr std::uint64_t NO_PATH = 14695981039346656037U;
+
+std::uint64_t extended(std::uint64_t path, std::string_view text)
+{
+    for (const char c : text) {
+        path = (path ^ static_cast<unsigned char>(c)) * 1099511628211U;
+    }
+    return path;
+}
+
 /// RapidJSON's handler. Reading in place, strings and numbers are given as addresses inside of the text, so their
 /// beginnings are known.
 class Collector {
 public:
-    using Store = std::function<void(const std::string& path, std::size_t offset)>;
+    using Store = std::function<void(std::uint64_t path, std::size_t offset)>;
 
     Collector(const char* text, rapidjson::InsituStringStream& stream, Store store)
         : m_text(text), m_stream(stream), m_store(std::move(store))
@@ -32,8 +43,7 @@ public:
     bool Key(const char* characters, unsigned int size, bool)
     {
         Level& level = m_levels.back();
-        level.child = level.path.empty() ? "" : level.path + ".";
-        level.child.append(characters, size);
+        level.child = extended(level.path == NO_PATH ? NO_PATH : extended(level.path, "."), {characters, size});
         m_store(level.child, offset(characters) - 1);
         return true;
     }
@@ -46,26 +56,26 @@ public:
 
 private:
     struct Level {
-        std::string path;
+        std::uint64_t path;
         bool isArray;
         std::size_t nextIndex;
-        std::string child; ///< path of the member that follows
+        std::uint64_t child; ///< path of the member that follows
     };
 
     std::size_t offset(const char* characters) const { return static_cast<std::size_t>(characters - m_text); }
 
     /// The path of the value that begins at `offset`.
-    std::string begin(std::size_t offset)
+    std::uint64_t begin(std::size_t offset)
     {
         if (m_levels.empty()) {
-            m_store("", offset);
-            return "";
+            m_store(NO_PATH, offset);
+            return NO_PATH;
         }
         Level& level = m_levels.back();
         if (!level.isArray) {
             return level.child;
         }
-        std::string path = level.path + "[" + std::to_string(level.nextIndex++) + "]";
+        const std::uint64_t path = extended(level.path, "[" + std::to_string(level.nextIndex++) + "]");
         m_store(path, offset);
         return path;
     }
@@ -76,7 +86,7 @@ private:
     }
     bool open(bool isArray)
     {
-        m_levels.push_back({begin(m_stream.Tell()), isArray, 0, ""});
+        m_levels.push_back({begin(m_stream.Tell()), isArray, 0, NO_PATH});
         return true;
     }
     bool close()
@@ -91,32 +101,36 @@ private:
     std::vector<Level> m_levels;
 };
 
-/// Where each line of a text begins.
-std::vector<std::size_t> lineBeginnings(const std::string& text)
-{
-    std::vector<std::size_t> beginnings = {0};
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\n') {
-            beginnings.push_back(i + 1);
+/// Goes through a text, forwards only.
+class Cursor {
+public:
+    explicit Cursor(const std::string& text) : m_text(text) {}
+
+    JsonPositions::Position at(std::size_t offset)
+    {
+        for (; m_offset < offset; ++m_offset) {
+            const char c = m_text[m_offset];
+            if (c == '\n') {
+                m_position = {m_position.line + 1, 1};
+            } else if ((static_cast<unsigned char>(c) & 0xc0U) != 0x80) { // the first byte of a character
+                ++m_position.column;
+            }
         }
+        return m_position;
     }
-    return beginnings;
-}
+
+private:
+    const std::string& m_text;
+    std::size_t m_offset = 0;
+    JsonPositions::Position m_position{1, 1};
+};
 
 } // namespace
 
 JsonPositions::JsonPositions(const std::string& text)
 {
-    const std::vector<std::size_t> lines = lineBeginnings(text);
-    const auto store = [&](const std::string& path, std::size_t offset) {
-        const auto next = std::upper_bound(lines.begin(), lines.end(), offset);
-        const auto line = static_cast<int>(next - lines.begin());
-        const auto lineStart = static_cast<std::ptrdiff_t>(*std::prev(next));
-        const auto isFirstByte = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; };
-        const auto column =
-            std::count_if(text.begin() + lineStart, text.begin() + static_cast<std::ptrdiff_t>(offset), isFirstByte);
-        m_positions[path] = {line, static_cast<int>(column) + 1};
-    };
+    Cursor cursor(text); // the reader comes by each place once, in order
+    const auto store = [&](std::uint64_t path, std::size_t offset) { m_positions[path] = cursor.at(offset); };
     std::string copy = text; // is overwritten by the reader
     rapidjson::InsituStringStream stream(copy.data());
     Collector collector(copy.data(), stream, store);
@@ -126,15 +140,21 @@ JsonPositions::JsonPositions(const std::string& text)
     static_cast<void>(reader.Parse<FLAGS>(stream, collector));
 }
 
-JsonPositions::Position JsonPositions::find(std::string path) const
+JsonPositions::Position JsonPositions::find(std::string_view path) const
 {
-    auto found = m_positions.find(path);
-    while (found == m_positions.end() && !path.empty()) {
-        const std::size_t end = path.find_last_of(".[");
-        path.erase(end == std::string::npos ? 0 : end);
-        found = m_positions.find(path);
+    Position nearest;
+    std::uint64_t hash = NO_PATH;
+    for (std::size_t begin = 0;;) {
+        if (const auto found = m_positions.find(hash); found != m_positions.end()) {
+            nearest = found->second;
+        }
+        if (begin == path.size()) {
+            return nearest;
+        }
+        const std::size_t end = std::min(path.find_first_of(".[", begin + 1), path.size());
+        hash = extended(hash, path.substr(begin, end - begin));
+        begin = end;
     }
-    return found == m_positions.end() ? Position() : found->second;
 }
 
 } // namespace kesactl

@@ -1,7 +1,9 @@
 #ifndef KESACTL_JSONPOSITIONS_H
 #define KESACTL_JSONPOSITIONS_H
 
+#include <cstdint>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 
 namespace kesactl {
@@ -14,15 +16,16 @@ public:
         int column = 0; ///< in characters
     };
 
-    /// Knows the values up to the first syntax error of `text`.
+    /// Knows the values up to the first syntax error of `text`. Takes time and memory as the text is long, whatever is
+    /// in it.
     explicit JsonPositions(const std::string& text);
 
     /// Of the key of a member, of an element itself. For a path that is not in the text that of the nearest value
     /// around it.
-    Position find(std::string path) const;
+    Position find(std::string_view path) const;
 
 private:
-    std::unordered_map<std::string, Position> m_positions;
+    std::unordered_map<std::uint64_t, Position> m_positions; ///< by the hash of the path
 };
 
 } // namespace kesactl

@@ -5,15 +5,21 @@
 #include "advice.h"
 #include "output.h"
 #include "print_config.h"
+#include "reviewSettings.h"
 
 #include <CLI/CLI.hpp>
-#include <kesa/commadapter/checkCommSettings.h>
+#include <backend/readCommSettings.h>
+#include <comm/Clock.h>
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <tracing/Sink.h>
+#include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <charconv>
@@ -24,9 +30,11 @@
 namespace kesactl {
 namespace {
 
+using kesa::commadapter::CommSettings;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaConfigAccessor;
+using kesa::runtime::v02::KesaRuntime;
 
 struct Arguments {
     std::string file;
@@ -34,31 +42,22 @@ struct Arguments {
     bool isJson = false;
 };
 
-/// The backend reads its part of the document by itself. Its sentences begin with "comm" and the key they are about,
-/// which the path says as well.
-void reviewComm(ConfigReport& report)
+/// What counts of "comm", the defaults among it.
+util::config::Value valueOf(const CommSettings& settings)
 {
-    const util::config::Value& comm = report.root["comm"];
-    for (const std::string& sentence : kesa::commadapter::checkCommSettings(comm)) {
-        constexpr std::string_view PREFIX = "\"comm\": ";
-        const std::string text = sentence.substr(sentence.rfind(PREFIX, 0) == 0 ? PREFIX.size() : 0);
-        const std::string key = text.substr(1, text.find('"', 1) - 1);
-        report.complaints.push_back({3, false, report.path(comm[key].isDefined() ? "comm." + key : "comm"), text});
+    util::config::Dictionary routes;
+    for (const auto& [path, locator] : settings.routes) {
+        routes.set(path, locator);
     }
-}
-
-/// Complaints beyond those of the reader; whoever reads a part of the document by itself adds its own here.
-void review(const KesaConfig& config, ConfigReport& report)
-{
-    reviewDocument(report);
-    reviewComm(report);
-    const KesaConfigAccessor accessor(config);
-    if (accessor.useRemoteRegistry() && !accessor.getRegistryLocatorsByPartition("*", true)) {
-        report.complaints.push_back({3, false, report.path("use_registry"),
-                                     "asks for a registry, but there are no locators for partition \"*\": a process on "
-                                     "a node without locators of its own ends at start; write "
-                                     "\"service_registry_locators\": {\"*\": [\"ipc://kesa-registryd/registry\"]}"});
+    util::config::Dictionary values{{"socket_mode", fmt::format("{:04o}", settings.socketMode)},
+                                    {"routes", routes},
+                                    {"max_message_bytes", settings.maxMessageBytes},
+                                    {"send_queue_bytes", static_cast<std::uint64_t>(settings.sendQueueBytes)},
+                                    {"heartbeat_ms", settings.heartbeat / comm::MILLISECOND}};
+    if (!settings.socketGroup.empty()) {
+        values.set("socket_group", settings.socketGroup);
     }
+    return util::config::Value(std::move(values));
 }
 
 /// Takes the place, "FILE: " or "FILE:LINE:COLUMN: ", off the text of a document that cannot be read.
@@ -137,20 +136,33 @@ int checkConfig(const Arguments& arguments)
         setenv("KESA_CONFIG", arguments.file.c_str(), 1);
     }
     if (::secure_getenv("KESA_TRACE") == nullptr) {
-        tracing::setThreshold("KESA_RUNTIME_CONFIG", 5); // everything is said below
+        tracing::setThreshold("*", 5); // everything is said below
     }
     ConfigReport report;
-    const KesaConfig config(arguments.process, &report);
-    review(config, report);
+    const KesaConfig config = arguments.file.empty()
+                                  ? KesaConfig::readOr(arguments.process, KesaRuntime::WITH_REGISTRYD, &report)
+                                  : KesaConfig(arguments.process, &report);
     std::optional<std::string> process;
     std::string partition;
     if (!arguments.process.empty()) {
         process = arguments.process;
         partition = partitionOf(arguments.process, config, report);
     }
+    reviewDocument(report);
+    reviewSettings(config, partition, report);
+    std::vector<std::string> said; // by the review
+    const CommSettings comm = kesa::commadapter::readCommSettings(report.root["comm"], said);
+    const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     const std::string& file = report.file.empty() ? arguments.file : report.file;
-    const CheckResult result{
-        file, process, partition, config, config.m_valid && !hasFatal(report), locate(report, file)};
+    const CheckResult result{file,
+                             process,
+                             partition,
+                             config,
+                             config.m_valid && !hasFatal(report),
+                             valueOf(comm),
+                             runDirectory.path(),
+                             runDirectory.source(),
+                             locate(report, file)};
     print(arguments.isJson ? asJsonLine(asJson(result), "this cannot be said in JSON; leave out --json") + '\n'
                            : asText(result));
     return result.isValid ? 0 : 1;

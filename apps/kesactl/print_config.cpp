@@ -79,7 +79,7 @@ Value smartProxy(const ProxyConfig& proxy)
 std::string inOneLine(const Value& value)
 {
     if (!value.isArray()) {
-        return value.toText();
+        return value.isDictionary() && value.dictionary().empty() ? "none" : value.toText();
     }
     std::string line;
     for (const Value& element : value.items()) {
@@ -114,7 +114,7 @@ void addServices(Rows& rows, const std::vector<ServiceDef>& services)
 Rows settings(const CheckResult& result)
 {
     const KesaConfig& config = result.config;
-    Rows rows = {{"file", result.file.empty() ? "none" : result.file}};
+    Rows rows = {{"file", result.file.empty() ? "none: the built-in document counts" : result.file}};
     if (result.process) {
         rows.push_back({"process", *result.process});
         rows.push_back({"partition", result.partition});
@@ -128,6 +128,8 @@ Rows settings(const CheckResult& result)
     addTable(rows, "bypass", toTable(config.m_bypass));
     addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
     addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
+    addTable(rows, "comm", result.comm);
+    rows.push_back({"run directory", fmt::format("{} ({})", result.runDirectory, result.runDirectorySource)});
     return rows;
 }
 
@@ -214,10 +216,13 @@ std::string asJson(const CheckResult& result)
                                    {"services", asArray(config.m_services)},
                                    {"bypass", toTable(config.m_bypass)},
                                    {"smartProxy", smartProxy(config.m_proxyConfig)},
-                                   {"node_domain_mapping", toTable(config.m_nodeDomainMapping)}};
+                                   {"node_domain_mapping", toTable(config.m_nodeDomainMapping)},
+                                   {"comm", result.comm}};
     Dictionary object{{"valid", result.isValid},
                       {"file", result.file.empty() ? Value(nullptr) : Value(result.file)},
                       {"configuration", configuration},
+                      {"run_directory", result.runDirectory},
+                      {"run_directory_from", result.runDirectorySource},
                       {"complaints", asArray(result.complaints)}};
     if (result.process) {
         object.set("process", *result.process);

@@ -1,6 +1,7 @@
 // media: the process "media" of the sessions. "/media/player" answers "/" with a title and its follower with three
-// values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header "room", never answers "/hang",
-// begins a stream at "/feed" and never goes on with it, has answers that are hard to show, and refuses the rest.
+// values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header
+// "room", never answers "/hang", begins a stream at "/feed" and never goes on with it, has answers that are hard to
+// show, and refuses the rest.
 // "/media/radio" is the same, and registered before it.
 
 #include <kesa/RequestContext.h>

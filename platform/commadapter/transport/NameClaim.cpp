@@ -68,6 +68,8 @@ bool openLocked(const Descriptor& directory, const std::string& process, Descrip
     return false;
 }
 
+} // namespace
+
 std::optional<gid_t> findGroup(const std::string& name)
 {
     gid_t number = 0;
@@ -84,8 +86,6 @@ std::optional<gid_t> findGroup(const std::string& name)
     }
     return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
 }
-
-} // namespace
 
 std::string socketFileName(const std::string& process)
 {

@@ -7,9 +7,13 @@
 #include <sys/types.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace kesa::commadapter::transport {
+
+/// The number of a group, given by its name or as a number; none when there is no such group.
+std::optional<gid_t> findGroup(const std::string& name);
 
 /// The file name of the socket under which a process is found.
 std::string socketFileName(const std::string& process);

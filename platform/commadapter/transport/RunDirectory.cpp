@@ -26,17 +26,21 @@ constexpr const char* REALM_FILE = "realm";
 constexpr mode_t DIRECTORY_MODE = 0755;
 constexpr mode_t REALM_MODE = 0644;
 
-std::string choosePath(const std::string& configured)
+std::string choosePath(const std::string& configured, const char*& source)
 {
     if (!configured.empty()) {
+        source = "run_dir";
         return configured;
     }
     if (const char* const own = ::secure_getenv("KESA_RUN_DIR"); own != nullptr && *own != '\0') {
+        source = "$KESA_RUN_DIR";
         return own;
     }
     if (const char* const user = ::secure_getenv("XDG_RUNTIME_DIR"); user != nullptr && *user != '\0') {
+        source = "$XDG_RUNTIME_DIR";
         return std::string(user) + "/kesa";
     }
+    source = "the default";
     return "/run/kesa";
 }
 
@@ -99,7 +103,7 @@ bool writeRealm(int directory)
 
 } // namespace
 
-RunDirectory::RunDirectory(const std::string& configured) : m_path(makeAbsolute(choosePath(configured))) {}
+RunDirectory::RunDirectory(const std::string& configured) : m_path(makeAbsolute(choosePath(configured, m_source))) {}
 
 bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
 {

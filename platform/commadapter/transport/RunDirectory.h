@@ -16,6 +16,8 @@ public:
 
     /// Absolute, without a slash at its end.
     const std::string& path() const noexcept { return m_path; }
+    /// What names it: "run_dir", "$KESA_RUN_DIR", "$XDG_RUNTIME_DIR" or "the default".
+    const char* source() const noexcept { return m_source; }
 
     /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. True on
     /// failure: `why` says what is wrong and what to do.
@@ -26,6 +28,7 @@ public:
     bool hasRealm(const std::string& realm);
 
 private:
+    const char* m_source = nullptr; ///< filled while the next one is
     const std::string m_path;
     std::mutex m_mutex;
     std::string m_realm; ///< under `m_mutex`; empty until known

@@ -15,7 +15,7 @@ ConfigNode ConfigNode::operator[](std::string_view key) const
 {
     ConfigNode member = *this;
     member.m_value = &(*m_value)[key];
-    member.m_path.append(m_path.empty() ? "" : ".").append(key);
+    member.m_path.append(m_path.empty() ? "" : ".").append(ConfigReport::shortened(key));
     return member;
 }
 

@@ -4,6 +4,7 @@
 #include <util/config/Value.h>
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kesa::runtime::v02 {
@@ -24,6 +25,9 @@ struct ConfigReport {
     /// The path in the document of a key, or of any value below the root.
     std::string path(const std::string& key) const { return rootPath.empty() ? key : rootPath + "." + key; }
     std::vector<std::string> duplicateKeys; ///< paths in the document
+
+    /// The key as paths have it: of a very long one the beginning, since each value below it repeats it.
+    static std::string_view shortened(std::string_view key) { return key.substr(0, 256); }
 };
 
 } // namespace kesa::runtime::v02

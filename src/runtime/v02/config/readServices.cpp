@@ -12,9 +12,18 @@ namespace {
 using serviceregistry::MetainfoKeys;
 using serviceregistry::ServiceDef;
 
+/// No service has a longer one; and each locator without a path gets it.
+constexpr std::size_t MAX_PATH_SIZE = 4096;
+
 bool readServicePath(const ConfigNode& node, std::string& path)
 {
-    return node.get(path) || (!Path::isAbsolute(path) && node.fail("service path not absolute"));
+    if (node.get(path)) {
+        return true;
+    }
+    if (path.size() > MAX_PATH_SIZE) {
+        return node.fail("service path longer than 4096 bytes");
+    }
+    return !Path::isAbsolute(path) && node.fail("service path not absolute");
 }
 
 /// Versions are a list, of which the document can name one.

@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <string_view>
+#include <unordered_set>
 
 namespace kesa::runtime::v02 {
 namespace {
@@ -54,7 +55,7 @@ void reviewKeys(const Value& object, const std::string& path, const Keys& known,
         if (!meant.empty()) {
             text.append("; did you mean '").append(meant).append("'?");
         }
-        report.complaints.push_back({2, false, path + key, text});
+        report.complaints.push_back({2, false, path + std::string(ConfigReport::shortened(key)), text});
     }
 }
 
@@ -78,18 +79,35 @@ void reviewLocators(const Value& list, const std::string& path, bool mayLackPath
     }
 }
 
+/// A path that stands for a service.
+void reviewPath(const std::string& path, const std::string& place, ConfigReport& report)
+{
+    if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
+        report.complaints.push_back({3, false, place, "'" + path + "' is no path of a service: nobody can reach it"});
+    }
+}
+
 void reviewServices(ConfigReport& report)
 {
+    const Value& services = report.root["services"];
+    std::unordered_set<std::string> paths;
     std::size_t index = 0;
-    for (const Value& service : report.root["services"].items()) {
+    for (const Value& service : services.items()) {
         const std::string place = report.path("services[") + std::to_string(index++) + "].";
         reviewKeys(service, place, serviceKeys(), report);
         const std::string path(service["path"].stringView());
-        if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
+        reviewPath(path, place + "path", report);
+        if (!path.empty() && !paths.insert(path).second) {
             report.complaints.push_back(
-                {3, false, place + "path", "'" + path + "' is no path of a service: nobody can reach it"});
+                {3, false, place + "path", "'" + path + "' stands more than once; the first entry counts"});
         }
         reviewLocators(service["locators"], place + "locators", true, report);
+    }
+    bool useRegistry = false;
+    if (!paths.empty() && !report.root["use_registry"].get(useRegistry) && useRegistry) {
+        report.complaints.push_back(
+            {3, false, report.path("services"),
+             "have no effect together with \"use_registry\": true: the registry knows the services; remove them"});
     }
 }
 
@@ -97,10 +115,61 @@ void reviewRegistryLocators(ConfigReport& report)
 {
     const Value& locators = report.root["service_registry_locators"];
     const std::string place = report.path("service_registry_locators");
+    if (locators.isDefined() && !locators.isArray() && !locators.isDictionary()) {
+        report.complaints.push_back({3, false, place,
+                                     "is neither object nor list, and counts as none; write {\"*\": "
+                                     "[\"ipc://kesa-registryd/registry\"]}"});
+    }
     reviewLocators(locators, place, false, report);
     for (const auto& [partition, list] : locators) {
-        reviewLocators(list, std::string(place).append(".").append(partition), false, report);
+        reviewLocators(list, place + "." + std::string(ConfigReport::shortened(partition)), false, report);
     }
+}
+
+void reviewBackends(ConfigReport& report)
+{
+    std::unordered_set<std::string_view> names;
+    std::size_t index = 0;
+    for (const Value& name : report.root["backends"].items()) {
+        const std::string place = report.path("backends[") + std::to_string(index++) + "]";
+        if (name.isString() && !names.insert(name.stringView()).second) {
+            report.complaints.push_back({3, false, place,
+                                         "'" + std::string(name.stringView()) +
+                                             "' stands more than once; the second one would not get the name of the "
+                                             "process; remove it"});
+        }
+    }
+}
+
+/// Paths that stand for services: keys of the formats, and what may be reached directly.
+void reviewPaths(ConfigReport& report)
+{
+    for (const auto& [path, formats] : report.root["serializer-formats"]) {
+        const std::string place = report.path("serializer-formats.") + std::string(ConfigReport::shortened(path));
+        reviewPath(path, place, report);
+        if (path != "*" && !Path::isAbsolute(path)) {
+            report.complaints.push_back(
+                {3, false, place, "'" + path + "' is no path of a service; write \"*\" or begin it with '/'"});
+        }
+    }
+    for (const auto& [client, paths] : report.root["bypass"]) {
+        const std::string place = report.path("bypass.") + std::string(ConfigReport::shortened(client)) + "[";
+        std::size_t index = 0;
+        for (const Value& path : paths.items()) {
+            reviewPath(std::string(path.stringView()), place + std::to_string(index++) + "]", report);
+        }
+    }
+}
+
+void reviewSmartProxy(ConfigReport& report)
+{
+    const Value& proxy = report.root["smartProxy"];
+    if (proxy.isDefined() && !proxy.isDictionary()) {
+        report.complaints.push_back({3, false, report.path("smartProxy"),
+                                     "is no object, and counts as an empty one; write {\"timeout\": 3000} or leave it "
+                                     "out"});
+    }
+    reviewKeys(proxy, report.path("smartProxy."), smartProxyKeys(), report);
 }
 
 } // namespace
@@ -125,7 +194,9 @@ void reviewDocument(ConfigReport& report)
     reviewKeys(report.root, report.path(""), rootKeys(), report);
     reviewServices(report);
     reviewRegistryLocators(report);
-    reviewKeys(report.root["smartProxy"], report.path("smartProxy."), smartProxyKeys(), report);
+    reviewBackends(report);
+    reviewPaths(report);
+    reviewSmartProxy(report);
 }
 
 } // namespace kesa::runtime::v02

@@ -1,0 +1,157 @@
+#include "reviewSettings.h"
+
+#include <backend/Locators.h>
+#include <backend/readCommSettings.h>
+#include <kesa/Path.h>
+#include <kesa/commadapter/checkCommSettings.h>
+#include <transport/IpcTransport.h>
+#include <transport/NameClaim.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kesactl {
+namespace {
+
+using kesa::commadapter::CommSettings;
+using kesa::runtime::v02::ConfigReport;
+using kesa::runtime::v02::KesaConfig;
+using util::config::Value;
+
+constexpr const char* GOOD_LOCATORS = R"("service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]})";
+
+void refuse(ConfigReport& report, const std::string& key, std::string text)
+{
+    report.complaints.push_back({4, true, report.path(key), std::move(text)});
+}
+
+void warn(ConfigReport& report, const std::string& key, std::string text)
+{
+    report.complaints.push_back({3, false, report.path(key), std::move(text)});
+}
+
+/// The backend reads its part of the document by itself. Its sentences begin with "comm" and the key they are about,
+/// which the path says as well.
+void reviewComm(ConfigReport& report)
+{
+    const Value& comm = report.root["comm"];
+    for (const std::string& sentence : kesa::commadapter::checkCommSettings(comm)) {
+        constexpr std::string_view PREFIX = "\"comm\": ";
+        const std::string text = sentence.substr(sentence.rfind(PREFIX, 0) == 0 ? PREFIX.size() : 0);
+        const std::string key = text.substr(1, text.find('"', 1) - 1);
+        warn(report, comm[key].isDefined() ? "comm." + key : "comm", text);
+    }
+}
+
+void reviewGroup(const CommSettings& settings, ConfigReport& report)
+{
+    if (!settings.socketGroup.empty() && !kesa::commadapter::transport::findGroup(settings.socketGroup)) {
+        warn(report, "comm.socket_group",
+             fmt::format("there is no group \"{}\" on this machine: a process could not provide services; make the "
+                         "group, or name another one",
+                         settings.socketGroup));
+    }
+}
+
+/// The route of a path is its own, or that of a path above it.
+bool hasRoute(const CommSettings& settings, std::string path)
+{
+    while (!path.empty() && settings.routes.count(path) == 0) {
+        path.erase(path.rfind('/'));
+    }
+    return !path.empty();
+}
+
+void reviewBypass(const KesaConfig& config, const CommSettings& settings, ConfigReport& report)
+{
+    for (const auto& [client, paths] : config.m_bypass) {
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            if (kesa::Path::isCanonical(paths[i]) && !hasRoute(settings, paths[i])) {
+                warn(report, fmt::format("bypass.{}[{}]", ConfigReport::shortened(client), i),
+                     fmt::format("'{0}' has no route, and is told 404; write \"comm\": {{\"routes\": {{\"{0}\": "
+                                 "\"ipc://process{0}\"}}}}",
+                                 paths[i]));
+            }
+        }
+    }
+}
+
+/// Whether a process with these settings can use the one or the other of the locators.
+class Reach {
+public:
+    explicit Reach(const CommSettings& settings)
+        : m_locators(settings.routes, {kesa::commadapter::transport::makeIpcTransport(
+                                          {settings.runDir, settings.socketMode, settings.socketGroup}, nullptr)})
+    {}
+    bool hasAny(const std::vector<kesa::url>& locators) const
+    {
+        return std::any_of(locators.begin(), locators.end(),
+                           [this](const kesa::url& locator) { return m_locators.find(locator).has_value(); });
+    }
+
+private:
+    const kesa::commadapter::Locators m_locators;
+};
+
+void reviewPartitions(const KesaConfig& config, const std::string& own, const CommSettings& settings,
+                      ConfigReport& report)
+{
+    const Reach reach(settings);
+    for (const auto& [partition, locators] : config.m_registryLocators) {
+        if (reach.hasAny(locators)) {
+            continue;
+        }
+        const bool isOwn =
+            own.empty() || own == partition || (partition == "*" && config.m_registryLocators.count(own) == 0);
+        const bool isList = report.root["service_registry_locators"].isArray();
+        const std::string key = isList ? "" : fmt::format(".{}", ConfigReport::shortened(partition));
+        const std::string text =
+            "none of the locators leads anywhere: each has a scheme or the realm of a run directory that are not known "
+            "here, or lacks its path; a process ends at start; write \"ipc://kesa-registryd/registry\"";
+        isOwn ? refuse(report, "service_registry_locators" + key, text)
+              : warn(report, "service_registry_locators" + key, text);
+    }
+}
+
+/// What ends a process at its start.
+void reviewRegistry(const KesaConfig& config, const std::string& partition, const CommSettings& settings,
+                    ConfigReport& report)
+{
+    if (!config.m_valid || !config.m_useRemoteRegistry) {
+        return;
+    }
+    const auto& locators = config.m_registryLocators;
+    if (std::find(config.m_backends.begin(), config.m_backends.end(), "comm") == config.m_backends.end()) {
+        refuse(report, "backends",
+               "none of them reaches the registry that \"use_registry\" asks for, so a process ends at start; write "
+               "[\"comm\"]");
+    } else if (locators.empty() || (!partition.empty() && locators.count(partition) + locators.count("*") == 0)) {
+        const std::string where = partition.empty() ? "" : " for partition \"" + partition + "\"";
+        refuse(report, "use_registry",
+               fmt::format("asks for a registry, but there are no locators{}, so a process ends at start; write {}",
+                           where, GOOD_LOCATORS));
+    } else {
+        if (partition.empty() && locators.count("*") == 0) {
+            warn(report, "use_registry",
+                 fmt::format("asks for a registry, but there are no locators for partition \"*\": a process on a node "
+                             "without locators of its own ends at start; write {}",
+                             GOOD_LOCATORS));
+        }
+        reviewPartitions(config, partition, settings, report);
+    }
+}
+
+} // namespace
+
+void reviewSettings(const KesaConfig& config, const std::string& partition, ConfigReport& report)
+{
+    reviewComm(report);
+    std::vector<std::string> said; // by `reviewComm`
+    const CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], said);
+    reviewGroup(settings, report);
+    reviewBypass(config, settings, report);
+    reviewRegistry(config, partition, settings, report);
+}
+
+} // namespace kesactl
