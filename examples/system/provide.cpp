@@ -1,17 +1,15 @@
 #include "provide.h"
 
 #include <comm/Scheduler.h>
+#include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
-#include <kesa/runtime/v02/KesaRuntime.h>
 
-#include <csignal>
 #include <cstdio>
 
 namespace examples {
 
 namespace {
 
-using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::ServiceDef;
 
 constexpr comm::TimeNs PERIOD = 250 * comm::MILLISECOND;
@@ -45,29 +43,20 @@ kesa::Disposable provide(kesa::runtime::v02::IRuntimeRegistry& runtime, const Fe
 
 int provideUntilSignal(const char* name, const Feeds& feeds)
 {
-    // Blocked before the first thread is made, so that only `sigwait` below takes them.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-
-    if (KesaRuntime::initInstance(name, KesaRuntime::WITH_REGISTRYD)) {
-        std::fprintf(stderr, "%s: the runtime did not start\n", name);
+    kesa::Runtime runtime(name);
+    if (!runtime) {
+        std::fprintf(stderr, "%s\n", runtime.error().c_str());
         return 1;
     }
     std::vector<kesa::Disposable> registrations;
     for (const auto& feed : feeds) {
-        registrations.push_back(provide(*KesaRuntime::getInstance(), *feed));
+        registrations.push_back(provide(*runtime, *feed));
     }
     const auto sampler = comm::Scheduler::current().makeReactor("examples.sampler");
     sampler->post([&] { sampleForEver(*sampler, feeds, comm::now() + PERIOD); });
 
-    int signal = 0;
-    sigwait(&ends, &signal);
-
+    runtime.runUntilSignal();
     sampler->stop();
-    KesaRuntime::shutdown();
     return 0;
 }
 

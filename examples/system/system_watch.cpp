@@ -6,13 +6,12 @@
 
 #include <comm/Scheduler.h>
 #include <kesa/FuncCallEvent.h>
+#include <kesa/ease/Runtime.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
-#include <kesa/runtime/v02/KesaRuntime.h>
 
-#include <csignal>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -21,7 +20,6 @@
 
 namespace {
 
-using kesa::runtime::v02::KesaRuntime;
 using Client = std::shared_ptr<kesa::IKesaApi>;
 using Resolved = kesa::runtime::v02::ResolveResult<kesa::optional<Client>>;
 
@@ -58,9 +56,10 @@ Stream follow(const std::string& path, const Client& client, examples::Board& bo
     return {client, handle};
 }
 
-kesa::Disposable watch(comm::ActiveObject& worker, examples::Board& board)
+kesa::Disposable watch(kesa::runtime::v02::IRuntimeRegistry& runtime, comm::ActiveObject& worker,
+                       examples::Board& board)
 {
-    return KesaRuntime::getInstance()->trackAndResolveServices(
+    return runtime.trackAndResolveServices(
         kesa::serviceregistry::Query("/system/**"),
         kesa::handler<Resolved>(
             [&worker, &board, streams = std::map<std::string, Stream>()](const Resolved& resolved) mutable {
@@ -96,32 +95,26 @@ void drawForEver(comm::Reactor& loop, const examples::Board& board, comm::TimeNs
 
 int main(int argc, char** argv)
 {
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-
+    kesa::Runtime runtime("system-watch");
+    if (!runtime) {
+        std::fprintf(stderr, "%s\n", runtime.error().c_str());
+        return 1;
+    }
     std::FILE* const events = argc > 1 ? std::fopen(argv[1], "a") : nullptr;
     if (argc > 1 && events == nullptr) {
         std::perror(argv[1]);
         return 1;
     }
-    if (KesaRuntime::initInstance("system-watch", KesaRuntime::WITH_REGISTRYD)) {
-        std::fputs("system-watch: the runtime did not start\n", stderr);
-        return 1;
-    }
     examples::Board board(events);
     comm::ActiveObject worker("system-watch.worker");
-    const kesa::Disposable subscription = watch(worker, board);
+    const kesa::Disposable subscription = watch(*runtime, worker, board);
     const auto screen = comm::Scheduler::current().makeReactor("system-watch.screen");
     screen->post([&] { drawForEver(*screen, board, comm::now() + FRAME); });
 
-    int signal = 0;
-    sigwait(&ends, &signal);
+    runtime.runUntilSignal();
 
     screen->stop();
     worker.stop();
-    KesaRuntime::shutdown();
+    runtime.end(); // before the board goes
     return 0;
 }

@@ -1,0 +1,66 @@
+#ifndef KESA_EASE_RUNTIME_H
+#define KESA_EASE_RUNTIME_H
+
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <memory>
+#include <string>
+
+namespace kesa {
+
+/// The runtime of this process, from here to the end of the scope:
+///
+///     int main()
+///     {
+///         kesa::Runtime runtime("greeter");
+///         if (!runtime) {
+///             std::cerr << runtime.error() << '\n';
+///             return 1;
+///         }
+///         auto registration = runtime->registerService("/greeter", ...);
+///         runtime.runUntilSignal();
+///     }
+///
+/// Make it first in `main`, before any thread: it blocks SIGINT and SIGTERM in the calling thread, and a thread made
+/// afterwards inherits that; so the two reach `runUntilSignal` alone, also when they come before it. A program started
+/// with `exec` inherits that as well. SIGPIPE is left as it is: no socket of the runtime raises it.
+///
+/// Handlers and service objects may be called until the runtime has ended. What they use is declared before it, or the
+/// runtime is ended by hand before that goes.
+///
+/// Threads: made and ended in one thread of the process's own, no handler.
+class KESA_API Runtime {
+public:
+    /// `fallbackDocument` counts when there is no configuration file at all; when it is empty there has to be one.
+    explicit Runtime(const std::string& processName,
+                     const std::string& fallbackDocument = runtime::v02::KesaRuntime::WITH_REGISTRYD);
+    /// Ends, and blocks the two signals no longer, if it was the constructor that did.
+    ~Runtime();
+    Runtime(const Runtime&) = delete;
+    Runtime& operator=(const Runtime&) = delete;
+
+    /// Whether it runs. If it does not, `error` says why in one sentence. A registry of the configuration that no
+    /// backend can reach is a failed assertion before that, which ends the process unless its handler returns.
+    explicit operator bool() const noexcept;
+    const std::string& error() const noexcept;
+
+    /// Only while it runs.
+    runtime::v02::IKesaRuntime* operator->() const;
+    runtime::v02::IKesaRuntime& operator*() const;
+
+    /// Waits until the process is told to end. Which signal told it, SIGINT or SIGTERM; 0, at once, when the runtime
+    /// does not run. Such signals that come afterwards, while the process ends, do nothing.
+    int runUntilSignal();
+
+    /// Ends the runtime before the destructor does: no handler and no service is called after it returns. Twice is
+    /// harmless.
+    void end();
+
+private:
+    class Impl;
+    std::unique_ptr<Impl> m_impl;
+};
+
+} // namespace kesa
+
+#endif

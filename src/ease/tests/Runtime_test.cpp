@@ -1,0 +1,100 @@
+// The real runtime of this process, in a run directory of the test's own and without a registry.
+#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/Runtime.h>
+#include <kesa/ease/handler.h>
+#include <obr/GlobalErrorHandler.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+
+namespace {
+
+using namespace kesa;
+using runtime::v02::KesaRuntime;
+using testing::HasSubstr;
+
+constexpr const char* ALONE = R"({"use_registry": false})";
+
+class RuntimeTest : public testing::Test {
+protected:
+    RuntimeTest()
+    {
+        std::string pattern = (std::filesystem::temp_directory_path() / "kesa-ease-XXXXXX").string();
+        directory = ::mkdtemp(pattern.data());
+        ::setenv("KESA_RUN_DIR", directory.c_str(), 1);
+        ::setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    }
+    ~RuntimeTest() override
+    {
+        ::unsetenv("KESA_RUN_DIR");
+        ::unsetenv("KESA_CONFIG_DIR");
+        std::filesystem::remove_all(directory);
+    }
+
+    static bool isBlocked(int signal)
+    {
+        sigset_t blocked;
+        pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+        return sigismember(&blocked, signal) == 1;
+    }
+
+    std::string directory;
+};
+
+TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
+{
+    {
+        Runtime runtime("greeter", ALONE);
+        ASSERT_TRUE(runtime) << runtime.error();
+        EXPECT_EQ(runtime->getConfigAccessor().getOwnProcessName(), "greeter");
+        EXPECT_TRUE(isBlocked(SIGINT) && isBlocked(SIGTERM) && !isBlocked(SIGPIPE));
+        ::raise(SIGTERM);
+        EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
+        ::raise(SIGINT); // let through at the end it would end the test
+        EXPECT_TRUE(KesaRuntime::isRunning());
+    }
+    EXPECT_FALSE(KesaRuntime::isRunning() || isBlocked(SIGINT) || isBlocked(SIGTERM));
+}
+
+TEST_F(RuntimeTest, CallsNothingAfterItsEnd)
+{
+    Runtime runtime("greeter", ALONE);
+    std::promise<void> provided;
+    auto mark = std::make_shared<int>();
+    static_cast<void>(runtime->registerService(
+        "/greeter", std::make_shared<ResourceHandler>(), serviceregistry::ServiceDef::TypeEnum::pex, {"1.0.0"},
+        GenericObject{}, handler<serviceregistry::ServiceDef>([&provided, mark](const serviceregistry::ServiceDef&) {
+            provided.set_value();
+        })));
+    provided.get_future().wait();
+    runtime.end();
+    runtime.end();
+    EXPECT_EQ(mark.use_count(), 1);
+    EXPECT_FALSE(runtime);
+    EXPECT_EQ(runtime.runUntilSignal(), 0);
+    EXPECT_TRUE(Runtime("again", ALONE)) << "one after the other";
+}
+
+TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
+{
+    {
+        const auto before = obr::GlobalErrorHandler::setHandler([](const auto&) {}); // it would end the process
+        Runtime without("greeter", R"({"use_registry": true, "backends": ["local"],
+                                       "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}})");
+        obr::GlobalErrorHandler::setHandler(before);
+        EXPECT_FALSE(without || KesaRuntime::isRunning());
+        EXPECT_THAT(without.error(), HasSubstr("'greeter' did not start: its configuration names no backend"));
+        EXPECT_EQ(without.runUntilSignal(), 0);
+    }
+    const Runtime first("first", ALONE);
+    EXPECT_TRUE(first && first.error().empty());
+    {
+        const Runtime second("second", ALONE);
+        EXPECT_EQ(second.error(), "the runtime 'second' did not start: this process has one already");
+    }
+    EXPECT_TRUE(first && KesaRuntime::isRunning());
+}
+
+} // namespace
