@@ -1,3 +1,5 @@
+#include "waiting.h"
+
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
@@ -149,30 +151,20 @@ private:
     Handler m_handler{*this};
 };
 
-/// The loops whose work includes delivering answers. An active object of the application's own may wait.
-bool deliversAnswers(const comm::LoopInfo& loop) noexcept
-{
-    return loop.isReactor() || loop.name.substr(0, loop.name.find('.')) == "KesaRuntimeImpl";
-}
-
 } // namespace
 
 GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
 {
     GetResult result;
-    if (const comm::LoopInfo* const loop = comm::currentLoop(); loop != nullptr && deliversAnswers(*loop)) {
-        result.error =
-            fmt::format("kesa::get can not wait on '{}', which delivers answers; call IKesaApi::request with "
-                        "a handler, or move the caller to a loop of its own with kesa::on",
-                        loop->name);
+    result.error = detail::refusalToWait("kesa::get", "call IKesaApi::request with a handler");
+    if (!result.error.empty()) {
         return result;
     }
     // A client object ends the request by itself, but any other service object knows of no limits: the wait has one,
     // too.
     timeout = std::max(timeout, std::chrono::nanoseconds::zero());
     headers::appendTimeout(request, timeout);
-    const comm::TimeNs now = comm::now();
-    const comm::TimeNs deadline = timeout.count() < comm::NEVER - now ? now + timeout.count() : comm::NEVER;
+    const comm::TimeNs deadline = detail::deadlineIn(timeout);
     Call* const call = new Call;
     auto handler = call->handler();
     void* const handle = api.request(request, std::move(handler));

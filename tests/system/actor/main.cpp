@@ -6,6 +6,8 @@
 #include "Burst.h"
 #include "Clients.h"
 #include "Service.h"
+#include "Ticks.h"
+#include "Used.h"
 
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
@@ -46,6 +48,10 @@ public:
     void follow(std::istream& words) { m_clients.followAlways(word(words)); }
     void call(std::istream& words);
     void feed(std::istream& words);
+    void tick(std::istream&) { m_ticks.start(); }
+    void untick(std::istream&) { m_ticks.stop(); }
+    void use(std::istream& words);
+    void reach(std::istream& words);
     void track(std::istream& words);
     void untrack(std::istream& words);
     void expectAll(std::istream& words) { expect(words, true); }
@@ -71,6 +77,8 @@ private:
 
     kesa::runtime::v02::IKesaRuntime& m_runtime;
     Service m_service;
+    Ticks m_ticks{m_service};
+    std::map<std::string, std::unique_ptr<Used>> m_used;
     Burst m_burst{m_runtime, m_service.api()};
     Clients m_clients;
     Beliefs m_beliefs{say};
@@ -148,6 +156,17 @@ void Actor::feed(std::istream& words)
 {
     const auto [taken, refused] = m_service.feed(std::stoul(word(words)));
     say("fed " + std::to_string(taken) + ' ' + std::to_string(refused));
+}
+
+void Actor::use(std::istream& words)
+{
+    const std::string path = word(words);
+    m_used[path] = std::make_unique<Used>(m_runtime, path);
+}
+
+void Actor::reach(std::istream& words)
+{
+    m_used[word(words)]->reach(std::stoull(word(words)));
 }
 
 /// A path, or a pattern with a star.
@@ -257,6 +276,10 @@ const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
     {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
     {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
+    {"tick", &Actor::tick},              // feeds a thousand times a second
+    {"untick", &Actor::untick},          // ticked LAST
+    {"use", &Actor::use},                // PATH: there and gone in turn, began for each stream; gap PATH BEFORE VALUE
+    {"reach", &Actor::reach},            // PATH VALUE: reached PATH VALUE, once the stream has
     {"track", &Actor::track},            // PATH or PATTERN
     {"untrack", &Actor::untrack},        // what is tracked
     {"expect", &Actor::expectAll},       // ID FACT;FACT...: true ID, once it believes just that

@@ -1,0 +1,111 @@
+#ifndef KESA_EASE_USE_H
+#define KESA_EASE_USE_H
+
+#include <kesa/Disposable.h>
+#include <kesa/IKesaApi.h>
+#include <util/UniqueFunction.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <utility>
+
+namespace kesa {
+
+namespace runtime::v02 {
+class IRuntimeRegistry;
+}
+
+/// A client object that follows its service wherever it goes, and may be called always:
+///
+///     const std::shared_ptr<kesa::Client> player = kesa::use("/media/player");
+///     player->whenConnected([] { std::puts("there"); });
+///     auto titles = player->follow(kesa::Request("retrieve", "/title"), kesa::handler<kesa::Response>(...));
+///     kesa::GetResult answer = kesa::get(*player, kesa::Request("retrieve", "/title"), std::chrono::seconds(2));
+///
+/// It connects when the path is registered, and stays connected while the provider lives, whether there is a registry
+/// or not: requests and streams go on while only the registry is away. It lets go when the connection is lost and the
+/// registry does not know the service either, and begins anew when the service is registered again, by whomever.
+///
+/// Threads: every operation from any. Nothing is called after `end` or the destructor has returned; both wait for a
+/// handler that is running, unless they come from inside it. So two handlers that run at once must not each end what
+/// the other belongs to.
+class KESA_API Client final : public IKesaApi {
+public:
+    /// By `use`. `runtime` may be null: then there is nothing to connect to, and `reason` says so.
+    Client(runtime::v02::IRuntimeRegistry* runtime, const std::string& path);
+    Client(const Client&) = delete;
+    Client& operator=(const Client&) = delete;
+    /// Ends.
+    ~Client() override;
+
+    /// As for every client object. While there is nothing to send to, `handler` is told 503 and the reason inside this
+    /// call, stays the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
+    void cancel(void* handle) noexcept override;
+
+    bool isConnected() const;
+    /// Why it is not connected, in one sentence; empty while it is.
+    std::string reason() const;
+
+    /// `handler(isConnected)` is called at each change: on the runtime's executor or updater, one call at a time; and
+    /// with true inside this call, if it is connected now. It must not block.
+    void onChange(util::UniqueFunction<void(bool)> handler);
+    /// `handler()` is called at each connection, in the same way.
+    template <class Function>
+    void whenConnected(Function handler)
+    {
+        onChange([handler = std::move(handler)](bool isConnected) mutable {
+            if (isConnected) {
+                handler();
+            }
+        });
+    }
+
+    /// Asks for a persistent stream now or at the next connection, and again after each reconnection: the values of all
+    /// these streams go to `handler`, one at a time, on the I/O loop. What a service sends first comes again each time.
+    ///
+    /// A stream that ends with 503 is asked for again: at the next connection, or at once when it has brought more than
+    /// one value, for it may have been cut as "too slow". Every other end is passed to `handler`, and is the end of the
+    /// following.
+    ///
+    /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call.
+    Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
+
+    /// Lets go. Open requests are answered 503 inside this call, all other handlers are destroyed without a call. Every
+    /// request from then on is answered 503. Twice is harmless.
+    void end();
+
+private:
+    friend class Connecting;
+    class Impl;
+    std::shared_ptr<Impl> m_impl;
+};
+
+/// Follows the service at `path` through the runtime of this process. It ends by itself with the runtime.
+[[nodiscard]] KESA_API std::shared_ptr<Client> use(const std::string& path);
+/// The same through `runtime`, which outlives no call to the client's operations.
+[[nodiscard]] KESA_API std::shared_ptr<Client> use(runtime::v02::IRuntimeRegistry& runtime, const std::string& path);
+
+/// What `connect` came to: a client that is connected, or why there is none.
+struct ConnectResult {
+    std::shared_ptr<Client> client;
+    unsigned short status = 0; ///< of the error: 504 when the time is over; 0 when it has none
+    std::string error;
+
+    explicit operator bool() const noexcept { return client != nullptr; }
+};
+
+/// `use`, and waits until it is connected, `timeout` at most. Nothing is left behind when it fails.
+///
+///     const kesa::ConnectResult player = kesa::connect("/media/player", std::chrono::seconds(2));
+///     if (!player) { std::cerr << player.error << '\n'; }
+///
+/// Not on the runtime's threads: on an executor, an updater or an I/O loop it fails at once.
+[[nodiscard]] KESA_API ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout);
+[[nodiscard]] KESA_API ConnectResult connect(runtime::v02::IRuntimeRegistry& runtime, const std::string& path,
+                                             std::chrono::nanoseconds timeout);
+
+} // namespace kesa
+
+#endif

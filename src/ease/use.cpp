@@ -1,0 +1,448 @@
+// How a client follows its service. The registry is followed for knowing (the tracking), the locators of the record for
+// talking (the resolving), since a connection does not pass the registry:
+//
+// - ADDED with other locators than those resolved: resolve anew. With the same: it is the service we have, or will
+// have.
+// - REMOVED while connected: no notice, the registry may be away. While not connected: let go.
+// - connection lost while the registry knows the service: keep the resolving, which connects again by itself. While it
+//   does not: let go.
+//
+// Requests take the client object under a mutex of their own, never the one that is held while handlers are told.
+#include "Follow.h"
+#include "waiting.h"
+
+#include <comm/Condition.h>
+#include <fmt/format.h>
+#include <kesa/OpenRequest.h>
+#include <kesa/ease/handler.h>
+#include <kesa/ease/use.h>
+#include <kesa/headers.h>
+#include <kesa/responsesemantics.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace kesa {
+
+using runtime::v02::IRuntimeRegistry;
+using serviceregistry::ServiceDef;
+
+namespace {
+
+using Api = std::shared_ptr<IKesaApi>;
+
+std::string locatorsOf(const ServiceDef& record)
+{
+    std::string all;
+    for (const url& locator : record.locators) {
+        all.append(all.empty() ? "" : ", ").append(locator.toString());
+    }
+    return all;
+}
+
+} // namespace
+
+class Client::Impl : public std::enable_shared_from_this<Impl> {
+public:
+    explicit Impl(std::string path) : m_path(std::move(path)) {}
+
+    void start(IRuntimeRegistry* runtime)
+    {
+        if (runtime == nullptr) {
+            m_hasEnded = true;
+            setState(nullptr, "this process has no runtime", 503);
+            return;
+        }
+        m_runtime = runtime;
+        const std::lock_guard<std::recursive_mutex> lock(m_news);
+        m_tracking = runtime->trackService(
+            m_path, handler<ResourceUpdate<ServiceDef>>(
+                        [self = shared_from_this()](const ResourceUpdate<ServiceDef>& update) {
+                            self->onNews([&] { self->tracked(update); });
+                        },
+                        [self = shared_from_this()](const Response& error) {
+                            self->onNews([&] {
+                                self->setState(nullptr, Response::getErrorMessageWithCode(error), error.getStatus());
+                            });
+                        }));
+    }
+
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const Api api = m_api;
+        const std::size_t number = m_apis;
+        if (!api) {
+            const Response error = Response::createErrorResponse(503, m_reason);
+            lock.unlock();
+            handler->onError(error);
+            return UNDEFINED_REQUEST_HANDLE;
+        }
+        lock.unlock();
+        const auto open = m_requests.open(std::move(handler));
+        if (!open) {
+            return UNDEFINED_REQUEST_HANDLE;
+        }
+        void* const handle = open->handle();
+        void* const work = api->request(request, open->makeHandler());
+        if (open->setWork({number, work})) {
+            api->cancel(work);
+        }
+        return handle;
+    }
+
+    void cancel(void* handle)
+    {
+        if (const auto open = m_requests.find(handle); open && open->withdraw()) {
+            cancelWork(*open);
+        }
+    }
+
+    bool isConnected() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_isConnected;
+    }
+
+    std::string reason() const
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_reason;
+    }
+
+    void onChange(util::UniqueFunction<void(bool)> handler)
+    {
+        const std::lock_guard<std::recursive_mutex> lock(m_news);
+        if (m_hasEnded) {
+            return;
+        }
+        const auto kept = std::make_shared<util::UniqueFunction<void(bool)>>(std::move(handler));
+        m_handlers.push_back(kept);
+        if (isConnected()) {
+            (*kept)(true);
+        }
+    }
+
+    Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler)
+    {
+        if (!request.getHeader(headers::RESPONSE_SEMANTIC).isDefined()) {
+            headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
+        }
+        const std::lock_guard<std::recursive_mutex> lock(m_news);
+        if (m_hasEnded) {
+            const auto dropped = std::move(handler);
+            return {};
+        }
+        const auto follow = std::make_shared<Follow>(std::move(request), m_following.open(std::move(handler)));
+        m_follows.erase(std::remove_if(m_follows.begin(), m_follows.end(), [](const auto& f) { return f->isOver(); }),
+                        m_follows.end());
+        m_follows.push_back(follow);
+        if (isConnected()) {
+            follow->connected(m_api);
+        }
+        return Disposable([weak = std::weak_ptr<Follow>(follow)] {
+            if (const auto ended = weak.lock()) {
+                ended->end();
+            }
+        });
+    }
+
+    void end()
+    {
+        std::vector<std::shared_ptr<Follow>> follows;
+        onNews([&] {
+            m_hasEnded = true;
+            m_tracking.dispose();
+            m_resolving.dispose();
+            m_handlers.clear();
+            follows.swap(m_follows);
+        });
+        for (const auto& follow : follows) {
+            follow->end();
+        }
+        const auto open = m_requests.close();
+        for (const auto& request : open) {
+            if (request->withdraw(Response::createErrorResponse(503, ENDED))) {
+                cancelWork(*request);
+            }
+        }
+        if (m_runtime != nullptr) {
+            setState(nullptr, ENDED, 503);
+        }
+    }
+
+    /// What the wait came to: the status of an error, 0 when it is connected.
+    unsigned short wait(comm::TimeNs deadline, std::string& reason)
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const bool isOver = comm::waitFor(
+            m_changed, lock, [this] { return m_isConnected || m_status != 0; }, deadline);
+        reason = m_reason;
+        constexpr unsigned short TIME_IS_OVER = 504;
+        return isOver ? m_status : TIME_IS_OVER;
+    }
+
+private:
+    static constexpr const char* ENDED = "the client has ended";
+
+    /// What changes the tables below goes through here: one at a time, and nothing after the end. What it leaves to be
+    /// cancelled is cancelled without the lock.
+    template <class Work>
+    void onNews(const Work& work)
+    {
+        std::vector<Asked> left;
+        {
+            const std::lock_guard<std::recursive_mutex> lock(m_news);
+            if (m_hasEnded) {
+                return;
+            }
+            work();
+            left.swap(m_left);
+        }
+        for (const Asked& asked : left) {
+            asked.cancel();
+        }
+    }
+
+    void tracked(const ResourceUpdate<ServiceDef>& update)
+    {
+        m_isKnown = update.type == ResourceUpdateType::eADDED;
+        if (m_isKnown && (m_locators.empty() || update.element.locators != m_locators)) {
+            letGo();
+            resolve(update.element);
+        } else if (!m_isKnown && !isConnected()) {
+            letGo();
+        }
+    }
+
+    void resolve(const ServiceDef& record)
+    {
+        if (m_hasEnded) {
+            return;
+        }
+        m_locators = record.locators;
+        setState(nullptr, fmt::format("'{}' is registered at {} and not connected", m_path, locatorsOf(record)), 0);
+        m_resolving = m_runtime->resolveService(
+            record, handler<optional<Api>>(
+                        [self = shared_from_this(), number = m_number](const optional<Api>& api) {
+                            self->onNews([&] { self->resolved(number, api); });
+                        },
+                        [self = shared_from_this(), number = m_number](const Response& error) {
+                            self->onNews([&] { self->refused(number, error); });
+                        }));
+    }
+
+    void resolved(unsigned number, const optional<Api>& api)
+    {
+        if (number != m_number) {
+            return; // of a resolving that has been disposed
+        }
+        if (api) {
+            setState(*api, {}, 0);
+            for (const auto& follow : m_follows) {
+                follow->connected(*api);
+            }
+            tell(true);
+            return;
+        }
+        lose(fmt::format("the connection to '{}' is lost", m_path));
+        if (!m_isKnown && !m_hasEnded) {
+            letGo();
+        }
+    }
+
+    void refused(unsigned number, const Response& error)
+    {
+        if (number == m_number) {
+            letGo();
+            setState(nullptr,
+                     fmt::format("'{}' cannot be reached: {}", m_path, Response::getErrorMessageWithCode(error)),
+                     error.getStatus());
+        }
+    }
+
+    void letGo()
+    {
+        lose(nobody());
+        if (m_hasEnded) {
+            return; // by a handler that was told
+        }
+        ++m_number;
+        m_resolving.dispose();
+        m_resolving = Disposable();
+        m_locators.clear();
+        setState(nullptr, nobody(), 0);
+    }
+
+    /// The client object is kept: it may be connected again before we hear of it.
+    void lose(const std::string& reason)
+    {
+        Api api;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (!m_isConnected) {
+                return;
+            }
+            m_isConnected = false;
+            m_reason = reason;
+        }
+        for (const auto& follow : m_follows) {
+            m_left.push_back(follow->lost());
+        }
+        tell(false);
+    }
+
+    void tell(bool isConnected)
+    {
+        const auto handlers = m_handlers; // one of them may add another, which is told itself, or end us
+        for (const auto& handler : handlers) {
+            if (m_hasEnded) {
+                return;
+            }
+            (*handler)(isConnected);
+        }
+    }
+
+    /// Connected to `api`, or not, with the reason.
+    void setState(const Api& api, const std::string& reason, unsigned short status)
+    {
+        Api before;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (api != m_api) {
+            before = std::exchange(m_api, api);
+            ++m_apis;
+        }
+        m_isConnected = api != nullptr;
+        m_reason = reason;
+        m_status = status;
+        m_changed.notifyAll();
+    }
+
+    void cancelWork(const OpenRequest& open)
+    {
+        const OpenRequest::Work work = open.work();
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const Api api = work.part == m_apis ? m_api : nullptr; // an older one has ended its requests, or is about to
+        lock.unlock();
+        Asked{api, work.handle}.cancel();
+    }
+
+    std::string nobody() const { return fmt::format("nobody is known to provide '{}'", m_path); }
+
+    const std::string m_path;
+    IRuntimeRegistry* m_runtime = nullptr;
+
+    /// Held while the handlers of `onChange` are called, so that `end` waits for them; recursive, since they may end
+    /// us.
+    std::recursive_mutex m_news;
+    bool m_hasEnded = false;     ///< this and the following under `m_news`
+    bool m_isKnown = false;      ///< the registry knows the service
+    std::vector<url> m_locators; ///< those resolved; empty: none
+    unsigned m_number = 0;       ///< of the resolving
+    std::vector<Asked> m_left;   ///< to be cancelled
+    Disposable m_tracking;
+    Disposable m_resolving;
+    std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>> m_handlers;
+    std::vector<std::shared_ptr<Follow>> m_follows;
+
+    mutable std::mutex m_mutex;
+    comm::Condition m_changed;
+    Api m_api;              ///< this and the following under `m_mutex`
+    std::size_t m_apis = 0; ///< how many there have been: the part of a request's work
+    bool m_isConnected = false;
+    std::string m_reason = nobody();
+    unsigned short m_status = 0; ///< of an error that will not pass by itself
+
+    OpenRequests m_requests;
+    OpenRequests m_following;
+};
+
+Client::Client(IRuntimeRegistry* runtime, const std::string& path) : m_impl(std::make_shared<Impl>(path))
+{
+    m_impl->start(runtime);
+}
+
+Client::~Client()
+{
+    m_impl->end();
+}
+
+void* Client::request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept
+{
+    return m_impl->request(request, std::move(handler));
+}
+
+void Client::cancel(void* handle) noexcept
+{
+    m_impl->cancel(handle);
+}
+
+bool Client::isConnected() const
+{
+    return m_impl->isConnected();
+}
+
+std::string Client::reason() const
+{
+    return m_impl->reason();
+}
+
+void Client::onChange(util::UniqueFunction<void(bool)> handler)
+{
+    m_impl->onChange(std::move(handler));
+}
+
+Disposable Client::follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler)
+{
+    return m_impl->follow(std::move(request), std::move(handler));
+}
+
+void Client::end()
+{
+    m_impl->end();
+}
+
+std::shared_ptr<Client> use(const std::string& path)
+{
+    return std::make_shared<Client>(runtime::v02::KesaRuntime::getInstance(), path);
+}
+
+std::shared_ptr<Client> use(IRuntimeRegistry& runtime, const std::string& path)
+{
+    return std::make_shared<Client>(&runtime, path);
+}
+
+/// Waits for a client's connection.
+class Connecting {
+public:
+    static ConnectResult run(IRuntimeRegistry* runtime, const std::string& path, std::chrono::nanoseconds timeout)
+    {
+        ConnectResult result;
+        result.error = detail::refusalToWait("kesa::connect", "use kesa::use and whenConnected");
+        if (!result.error.empty()) {
+            return result;
+        }
+        auto client = std::make_shared<Client>(runtime, path);
+        result.status = client->m_impl->wait(detail::deadlineIn(timeout), result.error);
+        if (result.status == 0) {
+            result.client = std::move(client);
+        } else if (result.status == 504) {
+            result.error = fmt::format("not connected within {} ms: {}",
+                                       std::chrono::ceil<std::chrono::milliseconds>(timeout).count(), result.error);
+        }
+        return result;
+    }
+};
+
+ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout)
+{
+    return Connecting::run(runtime::v02::KesaRuntime::getInstance(), path, timeout);
+}
+
+ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::chrono::nanoseconds timeout)
+{
+    return Connecting::run(&runtime, path, timeout);
+}
+
+} // namespace kesa

@@ -1,0 +1,95 @@
+// A client that follows its service, over the ends and returns of the registry and of the provider.
+
+#include "SystemTest.h"
+
+#include <algorithm>
+#include <csignal>
+
+namespace kesa::system_test {
+namespace {
+
+class SystemUse : public SystemTest {
+protected:
+    /// The stream goes on for so many values more.
+    void expectProgress(int values)
+    {
+        m_reached += values;
+        const std::string target = "/p " + std::to_string(m_reached);
+        m_user->send("reach " + target);
+        m_user->expect("reached " + target);
+    }
+    Process& startTicking()
+    {
+        Process& provider = startProvider("provider", "/p", WITH_REGISTRY);
+        provider.send("tick");
+        return provider;
+    }
+    static std::size_t count(Process& actor, const std::string& event)
+    {
+        const auto& history = actor.history();
+        return static_cast<std::size_t>(std::count(history.begin(), history.end(), event));
+    }
+
+    Process* m_user = nullptr;
+    int m_reached = 0;
+};
+
+TEST_F(SystemUse, LosesAndRepeatsNothingWhileOnlyTheRegistryEndsAndReturns)
+{
+    Process* registry = &startRegistry();
+    Process& provider = startTicking();
+    m_user = &start("user", WITH_REGISTRY);
+    m_user->send("track /p");
+    m_user->send("use /p");
+    m_user->expect("there /p");
+    expectProgress(1000);
+    int round = 0;
+    for (const int signal : {SIGKILL, SIGTERM, SIGKILL}) {
+        registry->signal(signal);
+        registry->expectEnd();
+        m_user->send("expect gone-" + std::to_string(round) + ' '); // the tracking knows
+        m_user->expect("true gone-" + std::to_string(round));
+        expectProgress(300);
+        registry = &startRegistry();
+        m_user->send("expect back-" + std::to_string(round) + " /p /p ");
+        m_user->expect("true back-" + std::to_string(round));
+        expectProgress(300);
+        ++round;
+    }
+    provider.send("untick");
+    const std::string last = "/p " + provider.expect("ticked");
+    m_user->send("reach " + last);
+    m_user->expect("reached " + last);
+    EXPECT_EQ(count(*m_user, "began /p"), 1U);
+    for (const char* const bad : {"gap", "gone", "broken"}) {
+        EXPECT_EQ(m_user->findUnexpected(bad), "");
+    }
+}
+
+TEST_F(SystemUse, FollowsAProviderWithAndWithoutTheRegistry)
+{
+    Process* registry = &startRegistry();
+    m_user = &start("user", WITH_REGISTRY);
+    m_user->send("use /p");
+    for (const bool isRegistryLost : {false, true}) {
+        Process& provider = startTicking();
+        m_user->expect("there /p");
+        m_user->expect("began /p");
+        m_reached = 0;
+        expectProgress(10);
+        if (isRegistryLost) {
+            registry->kill();
+            expectProgress(10);
+        }
+        provider.kill();
+        m_user->expect("gone /p");
+    }
+    startTicking(); // which nobody can know
+    registry = &startRegistry();
+    m_user->expect("there /p");
+    m_user->expect("began /p");
+    EXPECT_EQ(m_user->findUnexpected("broken"), "");
+}
+
+} // namespace
+} // namespace kesa::system_test
