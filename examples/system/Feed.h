@@ -2,42 +2,36 @@
 #define KESA_EXAMPLES_SYSTEM_FEED_H
 
 #include <kesa/GenericObject.h>
-#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/Topic.h>
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <vector>
+#include <utility>
 
 namespace examples {
 
-/// One measured quantity as a service: "retrieve" on "/" answers once, or, when a persistent stream is asked for, with
-/// every new sample until the client cancels.
+/// One measured quantity as a service: its samples are the topic at "/".
 class Feed {
 public:
-    Feed(std::string path, std::function<kesa::GenericObject()> read);
+    Feed(std::string path, std::function<kesa::GenericObject()> read) : m_path(std::move(path)), m_read(std::move(read))
+    {
+        m_samples.serve(*m_service, "/");
+        sample();
+    }
 
     const std::string& path() const noexcept { return m_path; }
-    /// The service object to register. It may outlive the feed no longer than any backend calls it.
+    /// The service object to register.
     std::shared_ptr<kesa::IKesaApi> service() const { return m_service; }
 
     /// Takes a sample and sends it to those who follow. Any thread, one at a time.
-    void sample();
+    void sample() { m_samples.publish(m_read()); }
 
 private:
-    struct Follower {
-        kesa::Responder responder;
-        std::string mimeType;
-    };
-    void serve(const kesa::Request& request, kesa::Responder responder);
-
     const std::string m_path;
     const std::function<kesa::GenericObject()> m_read;
-    std::shared_ptr<kesa::ResourceHandler> m_service;
-    std::mutex m_mutex;
-    kesa::GenericObject m_latest;      ///< under `m_mutex`
-    std::vector<Follower> m_followers; ///< under `m_mutex`
+    const std::shared_ptr<kesa::ResourceHandler> m_service = std::make_shared<kesa::ResourceHandler>();
+    kesa::Topic<kesa::GenericObject> m_samples;
 };
 
 } // namespace examples

@@ -1,0 +1,114 @@
+#ifndef KESA_EASE_PROPERTY_H
+#define KESA_EASE_PROPERTY_H
+
+#include <kesa/ease/Followers.h>
+
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <utility>
+
+namespace kesa {
+
+/// A value that others may read, follow and, where that is wanted, set:
+///
+///     kesa::Property<int> volume(50, [](const int& value) { mixer.set(value); });
+///     volume.serveWritable(*service, "/volume");
+///
+/// `T` is as for `Topic`, can be compared with `==`, and for `serveWritable` has a `deserialize`. Followers get the
+/// present value and then each other one: setting what it is already tells nobody.
+///
+/// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
+/// its routes answer 503 then, and `onChange` is called no more once its destructor has returned.
+template <class T>
+class Property {
+public:
+    using OnChange = std::function<void(const T&)>;
+
+    /// `onChange` is called after each change, in the thread that made it, one call at a time and in order. It must not
+    /// set this property.
+    explicit Property(T value, OnChange onChange = {})
+        : m_state(std::make_shared<State>(std::move(value), std::move(onChange)))
+    {}
+    Property(const Property&) = delete;
+    Property& operator=(const Property&) = delete;
+    ~Property() { m_state->end(); }
+
+    T get() const { return m_state->get(); }
+    void set(T value) { m_state->set(std::move(value)); }
+
+    /// Adds a route that answers and streams it. Before the service is registered.
+    void serve(ResourceHandler& service, std::string_view route)
+    {
+        service.onRetrieve(route, [state = m_state](const Request& request, Responder responder) {
+            state->followers.answer(request, responder);
+        });
+    }
+    /// The same with "update", which sets it: 400 when the body is no such value.
+    void serveWritable(ResourceHandler& service, std::string_view route)
+    {
+        serve(service, route);
+        service.onUpdate(route, [state = m_state](const Request& request, Responder responder) {
+            T value{};
+            if (detail::decode(request.getPayload(), value)) {
+                responder.fail(400, "the body is no value of this property");
+            } else if (state->set(std::move(value))) {
+                responder.fail(503, "the value has ended");
+            } else {
+                responder.complete();
+            }
+        });
+    }
+
+private:
+    struct State {
+        State(T first, OnChange handler) : value(std::move(first)), onChange(std::move(handler)) { publish(); }
+
+        T get() const
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return value;
+        }
+        /// True when it has ended.
+        bool set(T next)
+        {
+            const std::lock_guard<std::mutex> order(changes);
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                if (hasEnded || value == next) {
+                    return hasEnded;
+                }
+                value = std::move(next);
+            }
+            publish(); // only a change may write, and this is the one
+            if (onChange) {
+                onChange(value);
+            }
+            return false;
+        }
+        void end()
+        {
+            const std::lock_guard<std::mutex> order(changes); // waits for `onChange`
+            {
+                const std::lock_guard<std::mutex> lock(mutex);
+                hasEnded = true;
+            }
+            followers.end();
+        }
+        void publish() { followers.publish(detail::encoder(std::make_shared<const T>(value))); }
+
+        std::mutex changes;       ///< held while one is told
+        mutable std::mutex mutex; ///< of `value` and `hasEnded`
+        T value;
+        bool hasEnded = false;
+        const OnChange onChange;
+        Followers followers;
+    };
+
+    const std::shared_ptr<State> m_state;
+};
+
+} // namespace kesa
+
+#endif

@@ -1,0 +1,79 @@
+#include <kesa/ease/Followers.h>
+
+#include <kesa/headers.h>
+#include <kesa/responsesemantics.h>
+#include <kesa/servicecomp.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace kesa {
+
+bool Followers::send(const Follower& follower, const optional<Payload>& payload)
+{
+    if (payload) {
+        return follower.responder.next(*payload);
+    }
+    follower.responder.fail(500, obr::ErrorStorage::reason());
+    return true;
+}
+
+void Followers::publish(Encode value)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_last = std::move(value);
+    std::vector<std::pair<std::string, optional<Payload>>> encoded; // mostly one format
+    const auto hasLeft = [&](const Follower& follower) {
+        auto known = std::find_if(encoded.begin(), encoded.end(),
+                                  [&follower](const auto& form) { return form.first == follower.mimeType; });
+        if (known == encoded.end()) {
+            known = encoded.emplace(known, follower.mimeType, m_last(follower.mimeType));
+        }
+        return send(follower, known->second);
+    };
+    m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(), hasLeft), m_followers.end());
+}
+
+std::size_t Followers::count() const
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_followers.size();
+}
+
+void Followers::answer(const Request& request, const Responder& responder)
+{
+    Follower follower{responder, servicecomp::mimeTypeFor(request)};
+    const bool isFollowing =
+        request.getHeader(headers::RESPONSE_SEMANTIC).stringView() == responsesemantics::PERSISTENT_STREAM;
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_hasEnded) {
+        responder.fail(503, "the value has ended");
+        return;
+    }
+    if (!m_last && !isFollowing) {
+        responder.fail(404, "there is no value yet");
+        return;
+    }
+    const bool hasLeft = m_last && send(follower, m_last(follower.mimeType));
+    if (!isFollowing) {
+        responder.complete();
+    } else if (!hasLeft) {
+        m_followers.push_back(std::move(follower));
+    }
+}
+
+void Followers::end()
+{
+    std::vector<Follower> followers;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_hasEnded = true;
+        m_last = nullptr;
+        followers.swap(m_followers);
+    }
+    for (const Follower& follower : followers) {
+        follower.responder.fail(503, "the value has ended");
+    }
+}
+
+} // namespace kesa

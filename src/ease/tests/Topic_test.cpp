@@ -1,0 +1,92 @@
+#include <kesa/GenericObject.h>
+#include <kesa/ease/Property.h>
+#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/Topic.h>
+#include <kesa/ease/get.h>
+#include <kesa/ease/handler.h>
+#include <kesa/headers.h>
+#include <kesa/mimetypes.h>
+#include <kesa/responsesemantics.h>
+#include <kesa/servicecomp.h>
+
+namespace {
+
+using namespace kesa;
+using testing::ElementsAre;
+
+class Values : public testing::Test {
+protected:
+    std::string ask(const std::string& command, const std::string& body = {})
+    {
+        const Payload payload = body.empty() ? Payload() : Payload::createFromString(body, mimetypes::JSON);
+        const GetResult result = get(service, Request(command, "/v", payload), std::chrono::seconds(1));
+        return result ? std::string(result.response->getPayload().text()) : result.error;
+    }
+    void* follow()
+    {
+        Request request("retrieve", "/v");
+        headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
+        return service.request(
+            request, handler<Response>([this](const Response& r) { told.emplace_back(r.getPayload().text()); },
+                                       [this](const Response& e) { told.push_back(std::to_string(e.getStatus())); }));
+    }
+
+    ResourceHandler service;
+    std::vector<std::string> told;
+};
+
+TEST_F(Values, ATopicTellsItsLastValueAndEachOneAfterIt)
+{
+    auto topic = std::make_unique<Topic<GenericObject>>();
+    topic->serve(service, "/v");
+    EXPECT_EQ(ask("retrieve"), "404: there is no value yet");
+    void* const first = follow();
+    topic->publish({{"a", 1}});
+    EXPECT_EQ(ask("retrieve"), R"({"a":1})");
+    follow();
+    EXPECT_EQ(topic->followers(), 2U);
+    service.cancel(first);
+    topic->publish({{"a", 1}});
+    EXPECT_EQ(topic->followers(), 1U);
+    topic.reset();
+    EXPECT_THAT(told, ElementsAre(R"({"a":1})", R"({"a":1})", R"({"a":1})", "503"));
+    EXPECT_EQ(ask("retrieve"), "503: the value has ended");
+}
+
+TEST_F(Values, EachFollowerHasItsFormat)
+{
+    servicecomp::overrideMimeTypeFunc([](const Request& request) {
+        return request.getMimeTypeHeader().stringView().empty() ? "application/json" : "plain/text";
+    });
+    Topic<std::string> topic;
+    topic.serve(service, "/v");
+    follow();
+    Request other("retrieve", "/v");
+    other.setMimeType("plain/text"); // which has no structure
+    topic.publish("x");
+    EXPECT_EQ(get(service, other, std::chrono::seconds(1)).status, 500);
+    topic.publish("y");
+    EXPECT_THAT(told, ElementsAre("\"x\"", "\"y\""));
+    servicecomp::overrideMimeTypeFunc({});
+}
+
+TEST_F(Values, APropertyTellsChangesOnly)
+{
+    auto property =
+        std::make_unique<Property<int>>(50, [this](const int& v) { told.push_back("=" + std::to_string(v)); });
+    property->serveWritable(service, "/v");
+    EXPECT_EQ(ask("retrieve"), "50");
+    follow();
+    property->set(50);
+    property->set(60);
+    EXPECT_EQ(ask("update", "70"), "");
+    EXPECT_EQ(property->get(), 70);
+    EXPECT_EQ(ask("update", "70"), "");
+    EXPECT_EQ(ask("update", R"("loud")"), "400: the body is no value of this property");
+    EXPECT_EQ(ask("update", "7"), "");
+    property.reset();
+    EXPECT_EQ(ask("update", "80"), "503: the value has ended");
+    EXPECT_THAT(told, ElementsAre("50", "60", "=60", "70", "=70", "7", "=7", "503"));
+}
+
+} // namespace
