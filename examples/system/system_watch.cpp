@@ -7,6 +7,7 @@
 #include <comm/Scheduler.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/found.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
@@ -21,7 +22,6 @@
 namespace {
 
 using Client = std::shared_ptr<kesa::IKesaApi>;
-using Resolved = kesa::runtime::v02::ResolveResult<kesa::optional<Client>>;
 
 constexpr comm::TimeNs FRAME = 250 * comm::MILLISECOND;
 
@@ -61,8 +61,8 @@ kesa::Disposable watch(kesa::runtime::v02::IRuntimeRegistry& runtime, comm::Acti
 {
     return runtime.trackAndResolveServices(
         kesa::serviceregistry::Query("/system/**"),
-        kesa::handler<Resolved>(
-            [&worker, &board, streams = std::map<std::string, Stream>()](const Resolved& resolved) mutable {
+        kesa::handler<kesa::FoundByQuery>(
+            [&worker, &board, streams = std::map<std::string, Stream>()](const kesa::FoundByQuery& resolved) mutable {
                 const std::string path = resolved.serviceDef.path.toString();
                 if (!resolved.api) {
                     // It has mostly ended with the connection; but the next one may be there before this is told.

@@ -74,13 +74,20 @@ private:
     template <class F>
     static Function adapt(F function)
     {
-        if constexpr (std::is_invocable_v<F&, const Request&, const PathParameters&, Responder>) {
+        constexpr bool TAKES_PARAMETERS = std::is_invocable_v<F&, const Request&, const PathParameters&, Responder>;
+        constexpr bool TAKES_NONE = std::is_invocable_v<F&, const Request&, Responder>;
+        static_assert(TAKES_PARAMETERS || TAKES_NONE,
+                      "a route's function takes (const kesa::Request&, kesa::Responder), "
+                      "or (const kesa::Request&, const kesa::PathParameters&, kesa::Responder)");
+        if constexpr (TAKES_PARAMETERS) {
             return Function(std::move(function));
-        } else {
+        } else if constexpr (TAKES_NONE) {
             return Function([function = std::move(function)](const Request& request, const PathParameters&,
                                                              Responder responder) mutable {
                 function(request, std::move(responder));
             });
+        } else {
+            return Function();
         }
     }
 

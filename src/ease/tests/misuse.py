@@ -1,0 +1,41 @@
+#!/usr/bin/env python3
+"""misuse.py COMPILER INCLUDE_DIRECTORIES: what must not compile ends in one error, and that is a sentence that says what to do."""
+
+import subprocess
+import sys
+
+ROUTE = "a route's function takes"
+MISUSES = {
+    'service.onRetrieve("/a", [](kesa::Responder) {});': ROUTE,
+    'service.onUpdate("/a", [](const kesa::Request&, kesa::Responder&) {});': ROUTE,
+    'service.onUpdate("/a", 7);': ROUTE,
+    "auto h = kesa::handler<int>([](const std::string&) {});": "the first function of kesa::handler<T> takes",
+    "auto h = kesa::handler<int>([](int) { return std::string(); });": "the first function of kesa::handler<T> takes",
+    "auto h = kesa::handler<int>([](int) {}, [](int) {});": "the second function of kesa::handler<T> takes",
+    "auto h = kesa::handler<int>([](int) {}, [](auto&) {}, [](int) {});": "the third function of kesa::handler<T> takes",
+}
+GOOD = [
+    'service.onRetrieve("/a", [](const kesa::Request&, kesa::Responder) {});',
+    "auto h = kesa::handler<int>([](int) { return false; }, [](auto&) {}, [] {});",
+]
+
+
+def main():
+    # One source, since the headers cost most of the time.
+    source = "#include <kesa/ease/ResourceHandler.h>\n#include <kesa/ease/handler.h>\n"
+    for number, code in enumerate([*GOOD, *MISUSES]):
+        source += f"void user{number}([[maybe_unused]] kesa::ResourceHandler& service) {{ {code} }}\n"
+    command = [sys.argv[1], "-std=c++17", "-fsyntax-only", "-x", "c++", "-"]
+    command += [option for folder in sys.argv[2].split(";") for option in ("-I", folder)]
+    result = subprocess.run(command, input=source, capture_output=True, text=True, check=False)
+    errors = [line for line in result.stderr.splitlines() if "error:" in line]
+    expected = sorted(MISUSES.values())
+    found = sorted(next((text for text in expected if text in error), error) for error in errors)
+    if found != expected:
+        print("\n".join(errors), f"\n{len(errors)} errors instead of one for each of {len(expected)} misuses")
+        return 1
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
