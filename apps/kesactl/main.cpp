@@ -2,6 +2,7 @@
 #include "Failure.h"
 #include "check_config.h"
 #include "commands.h"
+#include "doctor.h"
 #include "output.h"
 
 #include <CLI/CLI.hpp>
@@ -26,6 +27,7 @@ const char* const FOOTER = R"(Examples:
   kesactl check-config                             what a process started here would read
   kesactl check-config kesa.json --process media   a document, as the process "media" reads it
   kesactl check-config kesa.json --json | jq .complaints
+  kesactl doctor                                   why do processes not find each other?
 
 The registry is found as any process finds it: by the configuration document, without one at
 ipc://kesa-registryd/registry in the run directory ($KESA_RUN_DIR, $XDG_RUNTIME_DIR/kesa or /run/kesa).
@@ -70,6 +72,7 @@ int run(int argc, char** argv)
     kesactl::addCall(app);
     kesactl::addPing(app);
     kesactl::addCheckConfig(app, exitCode);
+    kesactl::addDoctor(app, exitCode);
     kesactl::addHelp(app);
     refuseUnknownCommand(app, argc, argv);
     try {

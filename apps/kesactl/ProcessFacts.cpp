@@ -1,0 +1,87 @@
+#include "ProcessFacts.h"
+
+#include <grp.h>
+#include <pwd.h>
+#include <sys/stat.h>
+
+#include <filesystem>
+#include <fstream>
+#include <string_view>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+constexpr std::string_view DELETED = " (deleted)";
+
+bool takeDeleted(std::string& path)
+{
+    const bool isDeleted =
+        path.size() > DELETED.size() && path.compare(path.size() - DELETED.size(), DELETED.size(), DELETED) == 0;
+    path.resize(path.size() - (isDeleted ? DELETED.size() : 0));
+    return isDeleted;
+}
+
+/// The rest of the line that begins with `key`.
+std::string readLine(const std::string& file, std::string_view key)
+{
+    std::ifstream in(file);
+    for (std::string line; std::getline(in, line);) {
+        if (line.compare(0, key.size(), key) == 0) {
+            return line.substr(key.size());
+        }
+    }
+    return {};
+}
+
+/// The file of Kesa's runtime that the process has loaded.
+std::string findLibrary(const std::string& folder)
+{
+    std::ifstream maps(folder + "/maps");
+    for (std::string line; std::getline(maps, line);) {
+        const std::size_t name = line.rfind("/libkesa_runtime.so");
+        if (name != std::string::npos) {
+            return line.substr(name + 1);
+        }
+    }
+    return {};
+}
+
+} // namespace
+
+ProcessFacts::ProcessFacts(pid_t pid)
+{
+    const std::string folder = "/proc/" + std::to_string(pid);
+    struct stat status {};
+    if (::stat(folder.c_str(), &status) != 0) {
+        return;
+    }
+    isThere = true;
+    user = userName(status.st_uid);
+    const std::string state = readLine(folder + "/status", "State:\t");
+    isStopped = !state.empty() && (state.front() == 'T' || state.front() == 't');
+    std::error_code unknown;
+    executable = std::filesystem::read_symlink(folder + "/exe", unknown).string();
+    if (unknown) {
+        executable = readLine(folder + "/status", "Name:\t");
+    }
+    library = findLibrary(folder);
+    const bool isProgramReplaced = takeDeleted(executable);
+    isReplaced = takeDeleted(library) || isProgramReplaced;
+}
+
+std::string userName(uid_t user)
+{
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): asked by the main thread alone.
+    const passwd* const entry = ::getpwuid(user);
+    return entry == nullptr ? std::to_string(user) : entry->pw_name;
+}
+
+std::string groupName(gid_t number)
+{
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): asked by the main thread alone.
+    const group* const entry = ::getgrgid(number);
+    return entry == nullptr ? std::to_string(number) : entry->gr_name;
+}
+
+} // namespace kesactl

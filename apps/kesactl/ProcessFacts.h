@@ -1,0 +1,28 @@
+#ifndef KESACTL_PROCESSFACTS_H
+#define KESACTL_PROCESSFACTS_H
+
+#include <sys/types.h>
+
+#include <string>
+
+namespace kesactl {
+
+/// What the kernel tells of a running process; what this user may not know is empty.
+struct ProcessFacts {
+    explicit ProcessFacts(pid_t pid);
+
+    bool isThere = false;
+    bool isStopped = false;  ///< by a signal or a debugger
+    bool isReplaced = false; ///< its program or one of Kesa's libraries was replaced since it started
+    std::string user;
+    std::string executable; ///< its path, else its name
+    std::string library;    ///< "libkesa_runtime.so.0.1.0"; empty for a program that has it built in
+};
+
+/// The name of a user or group, else its number.
+std::string userName(uid_t user);
+std::string groupName(gid_t group);
+
+} // namespace kesactl
+
+#endif

@@ -1,0 +1,178 @@
+// Who has a name is read from the kernel's table of locks: to try the lock would refuse the name to a process that is
+// just starting.
+#include "RunDirectoryFacts.h"
+
+#include "ProcessFacts.h"
+
+#include <transport/Descriptor.h>
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/sysmacros.h>
+#include <sys/un.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+using kesa::commadapter::transport::Descriptor;
+
+struct Lock {
+    dev_t device;
+    pid_t holder;
+};
+using Locks = std::multimap<ino_t, Lock>;
+
+/// The locks on whole files that this process may see; others are those of another container.
+Locks readLocks()
+{
+    Locks locks;
+    std::ifstream in("/proc/locks");
+    for (std::string line; std::getline(in, line);) {
+        std::istringstream words(line);
+        std::string number;
+        std::string kind;
+        std::string mode;
+        std::string access;
+        std::string file;
+        pid_t pid = 0;
+        unsigned major = 0;
+        unsigned minor = 0;
+        unsigned long inode = 0;
+        words >> number >> kind >> mode >> access >> pid >> file;
+        if (kind == "FLOCK" && std::sscanf(file.c_str(), "%x:%x:%lu", &major, &minor, &inode) == 3) {
+            locks.emplace(inode, Lock{::makedev(major, minor), pid});
+        }
+    }
+    return locks;
+}
+
+/// What the holder of a lock has written into its file; 0 when it cannot be read.
+pid_t readPid(int directory, const std::string& file)
+{
+    const Descriptor opened(::openat(directory, file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    char text[16] = {};
+    const ssize_t size = opened ? ::read(opened.get(), text, sizeof text - 1) : 0;
+    pid_t pid = 0;
+    return size > 0 && std::sscanf(text, "%d", &pid) == 1 ? pid : 0;
+}
+
+/// Some file systems give the table another device than the file: then the number in the file has to be the same.
+pid_t findHolder(const Locks& locks, int directory, const std::string& file)
+{
+    struct stat status {};
+    if (::fstatat(directory, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return 0;
+    }
+    const auto [begin, end] = locks.equal_range(status.st_ino);
+    for (auto lock = begin; lock != end; ++lock) {
+        if (lock->second.device == status.st_dev || lock->second.holder == readPid(directory, file)) {
+            return lock->second.holder;
+        }
+    }
+    return 0;
+}
+
+std::string rightsOf(const struct stat& status)
+{
+    std::string text = S_ISDIR(status.st_mode) ? "d" : S_ISSOCK(status.st_mode) ? "s" : "-";
+    for (int bit = 8; bit >= 0; --bit) {
+        text += (status.st_mode >> static_cast<unsigned>(bit) & 1U) != 0 ? "xwr"[bit % 3] : '-';
+    }
+    return fmt::format("{} {} {}", text, userName(status.st_uid), groupName(status.st_gid));
+}
+
+int tryConnect(int directory, const std::string& file)
+{
+    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!socket) {
+        return errno;
+    }
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, file);
+    if (path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1) < path.size()) {
+        return ENAMETOOLONG;
+    }
+    const bool isConnected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    return isConnected || errno == EAGAIN ? 0 : errno; // EAGAIN: others wait to be accepted
+}
+
+/// The part before the ending; empty for a file without it.
+std::string withoutEnding(const std::string& file, std::string_view ending)
+{
+    const bool has = file.size() > ending.size() && file.front() != '.' &&
+                     file.compare(file.size() - ending.size(), ending.size(), ending) == 0;
+    return has ? file.substr(0, file.size() - ending.size()) : "";
+}
+
+void readRealm(RunDirectoryFacts& facts)
+{
+    std::ifstream in(facts.path + "/realm");
+    std::error_code unknown;
+    if (!in && !std::filesystem::exists(facts.path + "/realm", unknown)) {
+        return;
+    }
+    std::getline(in, facts.realm);
+    const bool isGood =
+        facts.realm.size() == 16 && facts.realm.find_first_not_of("0123456789abcdef") == std::string::npos;
+    facts.realmState = isGood ? RunDirectoryFacts::Realm::eGOOD : RunDirectoryFacts::Realm::eBAD;
+}
+
+} // namespace
+
+RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(directoryPath)
+{
+    const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    struct stat status {};
+    if (!directory || ::fstat(directory.get(), &status) != 0) {
+        error = errno;
+        return;
+    }
+    device = status.st_dev;
+    inode = status.st_ino;
+    rights = rightsOf(status);
+    isWritable = ::faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+    readRealm(*this);
+    std::set<std::string> used;
+    std::error_code failed;
+    for (const auto& entry : std::filesystem::directory_iterator(path, failed)) {
+        const std::string file = entry.path().filename().string();
+        const std::string ofLock = withoutEnding(file, ".lock");
+        const std::string ofSocket = withoutEnding(file, ".sock");
+        if (!ofLock.empty() || !ofSocket.empty()) {
+            used.insert(ofLock.empty() ? ofSocket : ofLock);
+        } else if (file != "realm") {
+            strays.push_back(file);
+        }
+    }
+    std::sort(strays.begin(), strays.end());
+    const Locks locks = readLocks();
+    for (const std::string& process : used) {
+        Name name;
+        name.name = process;
+        name.holder = findHolder(locks, directory.get(), process + ".lock");
+        struct stat socket {};
+        name.hasSocket = ::fstatat(directory.get(), (process + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
+        if (name.hasSocket) {
+            name.rights = rightsOf(socket);
+            name.connectError = tryConnect(directory.get(), process + ".sock");
+        }
+        if (name.hasSocket || name.holder != 0) {
+            names.push_back(name);
+        }
+    }
+}
+
+} // namespace kesactl

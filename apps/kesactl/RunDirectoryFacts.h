@@ -1,0 +1,40 @@
+#ifndef KESACTL_RUNDIRECTORYFACTS_H
+#define KESACTL_RUNDIRECTORYFACTS_H
+
+#include <sys/stat.h>
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace kesactl {
+
+/// What stands in a run directory. Looking changes nothing there and takes no lock.
+struct RunDirectoryFacts {
+    /// A process name that is or was used.
+    struct Name {
+        std::string name; ///< as in locators
+        pid_t holder = 0; ///< 0: nobody has it
+        bool hasSocket = false;
+        std::string rights;   ///< of the socket: "srw-rw---- root kesa"
+        int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
+    };
+    enum class Realm { eMISSING, eGOOD, eBAD };
+
+    explicit RunDirectoryFacts(const std::string& path);
+
+    const std::string path;
+    int error = 0; ///< `errno` of opening it; what follows is empty then
+    dev_t device = 0;
+    ino_t inode = 0;
+    std::string rights; ///< "drwxr-xr-x root root"
+    bool isWritable = false;
+    Realm realmState = Realm::eMISSING;
+    std::string realm;
+    std::vector<Name> names;         ///< in order; those nobody has only if their socket is there
+    std::vector<std::string> strays; ///< other files
+};
+
+} // namespace kesactl
+
+#endif
