@@ -40,7 +40,10 @@ struct Page {
     std::string text;
     std::vector<std::string> findings; ///< each a sentence with what to do
 
-    void add(std::string_view name, std::string_view value) { text += fmt::format("{:<14}  {}\n", name, value); }
+    void add(std::string_view name, std::string_view value)
+    {
+        text += value.empty() ? fmt::format("{}\n", name) : fmt::format("{:<17} {}\n", name, value);
+    }
 };
 
 std::string reasonOf(int error)
@@ -163,9 +166,10 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
         addFinding(page, facts.path, name, process);
     }
     if (!facts.strays.empty()) {
-        page.findings.push_back(fmt::format("{} has {} files that are none of Kesa's or were left by a killed process, "
-                                            "{} the first; remove them",
-                                            facts.path, facts.strays.size(), facts.strays.front()));
+        page.findings.push_back(
+            fmt::format("{} has files that are none of Kesa's or were left by a killed process ({}), "
+                        "such as {}; remove them",
+                        facts.path, facts.strays.size(), facts.strays.front()));
     }
 }
 
