@@ -41,7 +41,7 @@ public:
     /// Adds a route that answers and streams it. Before the service is registered.
     void serve(ResourceHandler& service, std::string_view route)
     {
-        service.onRetrieve(route, [state = m_state](const Request& request, Responder responder) {
+        service.onRetrieve(route, [state = m_state](const Request& request, const Responder& responder) {
             state->followers.answer(request, responder);
         });
     }
@@ -49,7 +49,7 @@ public:
     void serveWritable(ResourceHandler& service, std::string_view route)
     {
         serve(service, route);
-        service.onUpdate(route, [state = m_state](const Request& request, Responder responder) {
+        service.onUpdate(route, [state = m_state](const Request& request, const Responder& responder) {
             T value{};
             if (detail::decode(request.getPayload(), value)) {
                 responder.fail(400, "the body is no value of this property");

@@ -37,7 +37,7 @@ public:
     /// Adds its route. Before the service is registered; any number of times.
     void serve(ResourceHandler& service, std::string_view route)
     {
-        service.onRetrieve(route, [followers = m_followers](const Request& request, Responder responder) {
+        service.onRetrieve(route, [followers = m_followers](const Request& request, const Responder& responder) {
             followers->answer(request, responder);
         });
     }
