@@ -20,7 +20,8 @@ _kesactl_value() {
   while IFS= read -r line; do
     if [[ $line == "$2 "[!\ ]* || $line == -?,"$2 "[!\ ]* ]]; then
       line=${line#* }
-      printf '%s\n' "${line%%  *}"
+      line=${line%%  *}
+      [[ $line == Needs:* || $line == Excludes:* ]] || printf '%s\n' "$line"
     fi
   done < <(_kesactl_section "$1" Options)
 }
@@ -63,6 +64,13 @@ _kesactl() {
       ;;
     *PATH* | *GLOB*)
       mapfile -t words < <("$program" list --json --timeout 1 2>/dev/null | sed -n 's/^{"path":"\([^"\\]*\)".*/\1/p')
+      ;;
+    COMMAND=*)
+      words=(retrieve insert update delete)
+      ;;
+    COMMAND*)
+      mapfile -t words < <(_kesactl_section "$("$program" --help 2>/dev/null)" Subcommands)
+      words=("${words[@]%% *}")
       ;;
     FILE*)
       compopt -o filenames 2>/dev/null
