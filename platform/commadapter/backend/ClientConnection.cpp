@@ -3,8 +3,8 @@
 //
 // Calls. The loop calls one handler or listener at a time, without the lock, and notes which. `cancel` and `release`
 // from another thread take away what would be called next and then wait while exactly that call runs; on the loop they
-// are inside of it, or no call runs, and they do not wait. A handler that is cancelled while it runs is destroyed after
-// its call, by the loop. A handle that is running is always one whose stream the table still has, or has just ended.
+// are inside of it, or no call runs, and they do not wait. A handler is out of the table while it runs, so nothing that
+// happens to its stream meanwhile destroys it; when it was cancelled, its call does so afterwards.
 //
 // Order. When a path or the connection goes, first nothing can be sent any more, then each open request ends with 503,
 // then the listener hears of it. Before a listener hears `connected`, requests that failed meanwhile are told so. What

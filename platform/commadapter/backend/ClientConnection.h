@@ -76,9 +76,10 @@ private:
         eUNTIL_END,
     };
     struct Stream : StreamEntry {
-        Handler handler;
+        Handler handler; ///< null while it is given a value
         ClientState* client = nullptr;
         std::uint64_t handle = 0;
+        std::uint64_t queueEnd = 0; ///< right after it was queued: see `Machine::isUnsent`
         comm::TimeNs issued = 0; ///< of a request for a single answer, or with a time limit
         Limited limited = Limited::eNOT;
         bool isOpen = false; ///< else cancelled: the number stays taken until the server ends the stream
@@ -117,6 +118,7 @@ private:
     void endStreams(Lock& lock, ClientState& client, const Response& error);
     void endHere(Lock& lock, std::uint32_t stream, const Response& error);
     void endStream(std::uint32_t stream, const Response* error);
+    bool breaksOrder(Lock& lock, std::uint32_t number, const Stream& stream);
     void setConnected(Lock& lock, ClientState& client);
     void setDisconnected(Lock& lock, ClientState& client, const Response& error);
     void tellListener(Lock& lock, ClientState& client, void (IClientConnectionListener::*call)());

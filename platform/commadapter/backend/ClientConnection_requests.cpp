@@ -113,6 +113,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.handler = std::move(handler);
     stream.client = &client;
     stream.handle = nextHandle(number);
+    stream.queueEnd = machine().queueEnd();
     stream.isOpen = true;
     stream.isSingle = wishes.isSingle;
     const std::uint64_t handle = stream.handle;
@@ -229,9 +230,7 @@ void ClientConnection::cancel(const ClientState& client, void* handle)
     const std::uint32_t number = streamOf(wanted);
     Stream* const stream = m_streams.find(number);
     if (stream != nullptr && stream->handle == wanted && stream->isOpen) {
-        if (m_runningHandle != wanted) {
-            cancelled = std::move(stream->handler);
-        }
+        cancelled = std::move(stream->handler);
         cancelStream(number);
     } else if (number == 0) {
         cancelled = takeFailed(wanted);
@@ -295,12 +294,25 @@ void ClientConnection::callEnded()
     }
 }
 
+/// True, and the connection ends, when the peer answers what it cannot have read: the number of a request that is still
+/// queued must not become free.
+bool ClientConnection::breaksOrder(Lock& lock, std::uint32_t number, const Stream& stream)
+{
+    if (!machine().isUnsent(number, stream.queueEnd)) {
+        return false;
+    }
+    lock.unlock();
+    cutOff("answer to a request that was not sent");
+    return true;
+}
+
+/// The handler is out of the table meanwhile: whatever becomes of its number, nobody destroys it but this call.
 void ClientConnection::onNext(std::uint32_t number, Response response)
 {
     Lock lock(m_lock);
     Stream* const stream = m_streams.find(number);
-    if (stream == nullptr || !stream->isOpen) {
-        return; // cancelled, and the server does not know it yet
+    if (stream == nullptr || breaksOrder(lock, number, *stream) || !stream->isOpen) {
+        return; // not open: cancelled, and the server does not know it yet
     }
     if (!stream->client->isAttached && stream->client->listener != nullptr) {
         obr::GlobalErrorHandler::doAssert(false, "stream->client->isAttached", __FILE__, __LINE__, __func__,
@@ -309,16 +321,18 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     if (stream->limited == Limited::eUNTIL_VALUE) {
         unlimit(*stream);
     }
-    IResponseHandler<Response>* const handler = stream->handler.get();
-    m_runningHandle = stream->handle;
+    Handler handler = std::move(stream->handler);
+    const std::uint64_t handle = stream->handle;
+    m_runningHandle = handle;
     lock.unlock();
     handler->onNext(response);
     lock.lock();
     Stream* const after = m_streams.find(number); // the table may have grown meanwhile
-    if (!after->isOpen) {
-        Handler cancelled = std::move(after->handler);
+    if (after != nullptr && after->handle == handle && after->isOpen) {
+        after->handler = std::move(handler);
+    } else {
         lock.unlock();
-        cancelled.reset();
+        handler.reset();
         lock.lock();
     }
     m_runningHandle = 0;
@@ -339,7 +353,7 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
 {
     Lock lock(m_lock);
     Stream* const stream = m_streams.find(number);
-    if (stream == nullptr) {
+    if (stream == nullptr || breaksOrder(lock, number, *stream)) {
         return;
     }
     if (!stream->isOpen) {

@@ -150,6 +150,16 @@ std::size_t Machine::queuedBytes(std::uint32_t stream) const
     return m_output->queue().bytes(stream);
 }
 
+std::uint64_t Machine::queueEnd() const noexcept
+{
+    return m_output->queue().end();
+}
+
+bool Machine::isUnsent(std::uint32_t stream, std::uint64_t endThen)
+{
+    return m_output->queue().holds(stream, Kind::eREQUEST, endThen);
+}
+
 std::size_t Machine::gather(std::span<iovec> out)
 {
     return m_output->queue().gather(out);

@@ -142,6 +142,11 @@ public:
     std::size_t persistentBytes() const noexcept;
     /// Bytes queued for one stream.
     std::size_t queuedBytes(std::uint32_t stream) const;
+    /// How many bytes will have been sent once all that is queued has.
+    std::uint64_t queueEnd() const noexcept;
+    /// Whether a byte of a stream's request is still queued. `endThen`: what `queueEnd` was right after `request`; it
+    /// spares a search for nearly all that have been sent.
+    bool isUnsent(std::uint32_t stream, std::uint64_t endThen);
     /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
     /// next call of the output half.
     std::size_t gather(std::span<iovec> out);

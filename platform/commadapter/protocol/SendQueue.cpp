@@ -261,6 +261,7 @@ void SendQueue::planFragment(Plan& plan, Lane& lane, unsigned char* header)
 void SendQueue::sent(std::size_t size)
 {
     m_queued -= size;
+    m_sent += size;
     for (const Step& step : m_steps) {
         const std::size_t taken = std::min(size, step.bytes);
         if (taken == 0) {

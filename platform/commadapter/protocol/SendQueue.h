@@ -50,6 +50,11 @@ public:
     /// Of messages pushed as persistent. One in the line counts as a whole until it has left.
     std::size_t persistentBytes() const noexcept { return m_persistent; }
     std::size_t bytes(std::uint32_t stream);
+    /// How many bytes will have been sent once all that is queued has.
+    std::uint64_t end() const noexcept { return m_sent + m_queued; }
+    /// Whether a byte of the message of `stream` and `kind` is still queued. `endThen`: what `end` was right after it
+    /// was pushed; when as much has been sent, the line is not searched.
+    bool holds(std::uint32_t stream, Kind kind, std::uint64_t endThen);
     bool hasPing() const noexcept { return m_hasPing; }
     bool hasPong() const noexcept { return m_hasPong; }
 
@@ -114,6 +119,7 @@ private:
     bool dropFromLine(std::uint32_t stream, Kind kind);
     void dropEntry(Entry& entry);
     void compact();
+    bool isInLine(std::uint32_t stream, Kind kind);
 
     void activate();
     void planLine(Plan& plan, std::size_t limit);
@@ -143,6 +149,7 @@ private:
     std::size_t m_credit = FRAME_BYTES; ///< bytes the line may send before the ring's turn
 
     std::size_t m_queued = 0;
+    std::uint64_t m_sent = 0; ///< bytes, ever
     std::size_t m_persistent = 0;
     bool m_hasPing = false;
     bool m_hasPong = false;

@@ -1,4 +1,4 @@
-// Taking back what has not left, and the count per stream that it needs.
+// Taking back what has not left, telling whether something has, and the count per stream that both need.
 
 #include "protocol/SendQueue.h"
 
@@ -119,6 +119,36 @@ void SendQueue::compact()
     m_droppedBytes = 0;
     m_perStream.clear();
     m_accounted = 0;
+}
+
+// ---- what has left --------------------------------------------------------------------------------------------
+
+/// What is taken back makes the end come earlier, so fewer bytes than `endThen` say nothing yet. Nothing is queued
+/// behind a message of the same stream and kind, so none is among a lane's followers.
+bool SendQueue::holds(std::uint32_t stream, Kind kind, std::uint64_t endThen)
+{
+    if (const Lane* const lane = laneOf(stream)) {
+        return lane->message.kind == kind;
+    }
+    return m_sent < endThen && isInLine(stream, kind);
+}
+
+bool SendQueue::isInLine(std::uint32_t stream, Kind kind)
+{
+    account();
+    const auto account = m_perStream.find(stream);
+    if (account == m_perStream.end()) {
+        return false;
+    }
+    std::uint64_t number = account->second.last;
+    for (std::uint32_t back = 1; back != 0 && number >= m_firstNumber; number -= back) {
+        const Entry& entry = entryAt(number);
+        if (entry.kind == kind && !entry.isDropped) {
+            return true;
+        }
+        back = entry.previous;
+    }
+    return false;
 }
 
 // ---- counting -------------------------------------------------------------------------------------------------

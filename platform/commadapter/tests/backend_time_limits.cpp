@@ -1,8 +1,8 @@
 // Requests with a time limit, in simulated time: when they end, what the service learns, and that nothing else changes.
 
+#include "CarelessPeer.h"
 #include "backend/Deadlines.h"
 #include "backend_roads.h"
-#include "protocol_support.h"
 
 #include <kesa/RequestContext.h>
 #include <kesa/headers.h>
@@ -212,60 +212,15 @@ TEST_F(BackendTimeLimitsRemote, PeerThatStandsStillCostsNoMoreThanTheLimit)
     EXPECT_THAT(next->values, ElementsAre("there"));
 }
 
-/// A client that sends what it is told, without judging it.
-class CarelessClient final : public transport::IStreamListener {
-public:
-    CarelessClient(transport::MemoryNetwork& network, const std::string& locator)
-        : m_transport(network.makeTransport(m_loop, 9))
-    {
-        m_loop->post([this, endpoint = *m_transport->parse(url(locator))] {
-            m_transport->connect(endpoint, [this](transport::ITransport::Connected connected) {
-                m_stream = std::move(connected.stream);
-                m_stream->start(*this);
-            });
-        });
-    }
-    ~CarelessClient() { m_loop->stop(); }
-    CarelessClient(const CarelessClient&) = delete;
-    CarelessClient& operator=(const CarelessClient&) = delete;
-
-    void request(const Request& request)
-    {
-        EXPECT_EQ(m_machine.attach(1, "/service"), protocol::Machine::Sent::eQUEUED);
-        EXPECT_EQ(m_machine.request(1, 1, request), protocol::Machine::Sent::eQUEUED);
-        m_loop->post([this, bytes = protocol::testing::takeAll(m_machine)]() mutable {
-            const iovec part{bytes.data(), bytes.size()};
-            std::size_t size = 0;
-            EXPECT_EQ(m_stream->write({&part, 1}, size), transport::IStream::Result::eDONE);
-        });
-    }
-    const std::vector<std::string>& heard() const noexcept { return m_heard.lines; }
-
-private:
-    void onReadable() override
-    {
-        std::size_t size = 0;
-        if (m_stream->read(m_machine.inputBuffer(), size) == transport::IStream::Result::eDONE) {
-            EXPECT_FALSE(m_machine.received(size, comm::now()));
-        }
-    }
-    void onWritable() override {}
-    void onPeerExited() override {}
-
-    const std::shared_ptr<comm::Reactor> m_loop = comm::Scheduler::current().makeReactor("careless");
-    const std::unique_ptr<transport::ITransport> m_transport;
-    std::unique_ptr<transport::IStream> m_stream;
-    protocol::testing::Recorder m_heard;
-    protocol::Machine m_machine{
-        protocol::Machine::Role::eCLIENT, protocol::testing::helloOf("careless"), {}, m_heard, 0};
-};
-
 TEST_F(BackendTimeLimitsRemote, ServerRefusesWhatIsNoLimit)
 {
     service.onRequest = [](const Request&) { ADD_FAILURE() << "it reached the service"; };
-    CarelessClient careless(*network, "ipc://server/service");
+    CarelessPeer careless(*network, protocol::Machine::Role::eCLIENT);
+    careless.connect("ipc://server/service");
     settle();
-    careless.request(limited(retrieve("/echo"), "soon"));
+    ASSERT_EQ(careless.machine().attach(1, "/service"), protocol::Machine::Sent::eQUEUED);
+    ASSERT_EQ(careless.machine().request(1, 1, limited(retrieve("/echo"), "soon")), protocol::Machine::Sent::eQUEUED);
+    careless.send();
     settle();
     EXPECT_THAT(careless.heard(), testing::Contains(HasSubstr("error 1 400 <plain/text>\"$timeout\" is not")));
 }

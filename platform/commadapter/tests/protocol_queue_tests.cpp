@@ -183,15 +183,33 @@ TEST(ProtocolQueue, aRequestThatHasNotBegunIsTakenBack)
 {
     for (std::size_t size : {10U, 10000U, 200000U}) {
         Pair pair;
+        std::array<std::uint64_t, 4> ends{};
+        const auto unsent = [&pair, &ends] {
+            std::vector<std::uint32_t> streams;
+            for (const std::uint32_t stream : {1U, 2U, 3U}) {
+                if (pair.client.isUnsent(stream, ends[stream])) {
+                    streams.push_back(stream);
+                }
+            }
+            return streams;
+        };
         for (const std::uint32_t stream : {1U, 2U, 3U}) {
             ASSERT_EQ(pair.client.request(stream, 1, Request("retrieve", "/", large(size))), Machine::Sent::eQUEUED);
+            ends[stream] = pair.client.queueEnd();
         }
         ASSERT_FALSE(feed(pair.server, take(pair.client, 5))); // the first has begun
+        EXPECT_EQ(unsent(), (std::vector<std::uint32_t>{1, 2, 3}));
         EXPECT_EQ(pair.client.cancel(1), Machine::Cancelled::eASKED);
         EXPECT_EQ(pair.client.cancel(2), Machine::Cancelled::eNEVER_SENT);
         EXPECT_EQ(pair.client.queuedBytes(2), 0U);
+        EXPECT_EQ(unsent(), (std::vector<std::uint32_t>{1, 3}));
         EXPECT_EQ(pair.client.queuedBytes(), pair.client.queuedBytes(1) + pair.client.queuedBytes(3));
+        while (unsent().size() == 2) {
+            ASSERT_FALSE(feed(pair.server, take(pair.client, 5 + size / 10)));
+        }
+        EXPECT_EQ(unsent(), (std::vector<std::uint32_t>{3})) << "whatever was taken back before";
         ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+        EXPECT_EQ(unsent(), std::vector<std::uint32_t>());
         EXPECT_EQ(linesOf(pair.atServer.lines, 1), (std::vector<std::string>{
                                                        describe(1, 1, Request("retrieve", "/", large(size))),
                                                        "cancel 1",

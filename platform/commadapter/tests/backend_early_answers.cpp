@@ -1,0 +1,97 @@
+// A server that answers a request of which it cannot have read all: the client ends the connection, and keeps its head.
+
+#include "CarelessPeer.h"
+
+#include <gtest/gtest.h>
+
+namespace kesa::commadapter::test {
+namespace {
+
+using protocol::Machine;
+using testing::ElementsAre;
+
+enum class Answer { eNEXT, eERROR, eCOMPLETED };
+constexpr std::uint32_t SENT = 1;
+constexpr std::uint32_t BEGUN = 2;
+constexpr std::uint32_t QUEUED = 3;
+
+class BackendEarlyAnswers : public SimulatedBackends,
+                            public testing::WithParamInterface<std::tuple<Answer, std::uint32_t>> {
+protected:
+    BackendEarlyAnswers()
+    {
+        transport::MemoryNetwork::Faults narrow;
+        narrow.pipeBytes = 4096;
+        network->setFaults(narrow);
+        server = std::make_unique<CarelessPeer>(*network, Machine::Role::eSERVER);
+        server->listen("careless");
+        backend = makeBackend("client");
+        client = std::make_unique<Client>(*backend, "ipc://careless/service");
+        client->start();
+        settle();
+        server->machine().attached(1);
+        server->send();
+        settle();
+        server->stopReading();
+        settle();
+        for (const std::size_t size : {10U, 8192U, 10U}) {
+            requests.push_back(client->request(retrieve("/x", std::string(size, 'x'))));
+        }
+        settle();
+    }
+    void answer(Answer with, std::uint32_t stream)
+    {
+        switch (with) {
+        case Answer::eNEXT:
+            ASSERT_EQ(server->machine().next(stream, value("x")), Machine::Sent::eQUEUED);
+            break;
+        case Answer::eERROR:
+            server->machine().error(stream, Response::createErrorResponse(409, "taken"));
+            break;
+        case Answer::eCOMPLETED:
+            server->machine().completed(stream);
+            break;
+        }
+    }
+    std::shared_ptr<Outcome>& of(std::uint32_t stream) { return requests[stream - 1]; }
+
+    std::unique_ptr<CarelessPeer> server;
+    std::unique_ptr<IBackend> backend;
+    std::unique_ptr<Client> client;
+    std::vector<std::shared_ptr<Outcome>> requests;
+};
+
+TEST_P(BackendEarlyAnswers, EndTheConnectionAndTouchNoHandler)
+{
+    const auto [with, stream] = GetParam();
+    const bool isLate = stream == SENT;
+    of(stream)->onValue = [this, stream = stream] { client->cancel(*of(stream)); };
+    answer(with, stream);
+    answer(Answer::eNEXT, stream);
+    server->send();
+    settle();
+    EXPECT_EQ(client->checker.isConnected(), isLate);
+    EXPECT_EQ(of(stream)->values.size(), isLate && with == Answer::eNEXT ? 1U : 0U);
+    EXPECT_TRUE(of(stream)->isDestroyed);
+    for (const std::uint32_t open : {BEGUN, QUEUED}) {
+        EXPECT_EQ(of(open)->errorText, isLate ? "" : "the connection was lost: answer to a request that was not sent");
+    }
+}
+
+// The number must not become free before the rest of the request has left.
+TEST_P(BackendEarlyAnswers, EndTheConnectionAlsoWhenTheRequestWasCancelled)
+{
+    const auto [with, stream] = GetParam();
+    client->cancel(*of(stream));
+    answer(with, stream);
+    server->send();
+    settle();
+    EXPECT_EQ(client->checker.isConnected(), stream != BEGUN) << "what was queued was taken back, and is nobody's";
+}
+
+INSTANTIATE_TEST_SUITE_P(All, BackendEarlyAnswers,
+                         testing::Combine(testing::Values(Answer::eNEXT, Answer::eERROR, Answer::eCOMPLETED),
+                                          testing::Values(SENT, BEGUN, QUEUED)));
+
+} // namespace
+} // namespace kesa::commadapter::test
