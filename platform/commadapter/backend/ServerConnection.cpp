@@ -21,7 +21,7 @@
 #include <kesa/IResponseHandler.h>
 #include <kesa/headers.h>
 
-#include <algorithm>
+#include <utility>
 
 namespace kesa::commadapter {
 
@@ -134,9 +134,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
             refuseValue(number, *stream, sent, size);
             return true;
         }
-        const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
-                                          [number](const Latest& latest) { return latest.stream == number; });
-        waiting->response = response;
+        stream->latest->response = response;
         return false;
     }
     if (isTooMuch(number, *stream, size)) {
@@ -146,7 +144,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
                 return true;
             }
             stream->hasLatest = true;
-            m_latest.push_back({number, response});
+            stream->latest = m_latest.insert(m_latest.end(), {number, response});
             return false;
         }
         if (isRefused(number, *stream, size)) {
@@ -227,7 +225,7 @@ void ServerConnection::finish(std::uint32_t number, std::uint64_t serial, const 
         stream->isFinished = true;
         return;
     }
-    queueLatest(number);
+    queueLatest(number, *stream);
     if (error != nullptr) {
         machine().error(number, *error);
     } else {
@@ -247,29 +245,30 @@ void ServerConnection::setPolicy(std::uint32_t number, std::uint64_t serial, Que
 
 void ServerConnection::onQueueEmpty()
 {
-    for (const Latest& latest : std::exchange(m_latest, {})) {
-        Stream& stream = *m_streams.find(latest.stream);
-        stream.hasLatest = false;
-        static_cast<void>(machine().next(latest.stream, latest.response, stream.isPersistent)); // tried before
+    while (!m_latest.empty()) {
+        const std::uint32_t number = m_latest.front().stream;
+        queueLatest(number, *m_streams.find(number));
     }
     postDrained();
 }
 
 /// The value that waits, before the stream's end.
-void ServerConnection::queueLatest(std::uint32_t number)
+void ServerConnection::queueLatest(std::uint32_t number, Stream& stream)
 {
-    const auto waiting = std::find_if(m_latest.begin(), m_latest.end(),
-                                      [number](const Latest& latest) { return latest.stream == number; });
-    if (waiting != m_latest.end()) {
-        static_cast<void>(machine().next(number, waiting->response, m_streams.find(number)->isPersistent));
-        m_latest.erase(waiting);
+    if (std::exchange(stream.hasLatest, false)) {
+        // It was tried before.
+        static_cast<void>(machine().next(number, stream.latest->response, stream.isPersistent));
+        m_latest.erase(stream.latest);
     }
 }
 
 void ServerConnection::release(std::uint32_t number)
 {
-    std::erase_if(m_latest, [number](const Latest& latest) { return latest.stream == number; });
-    m_streams.remove(m_streams.find(number)->target->open, number);
+    Stream& stream = *m_streams.find(number);
+    if (stream.hasLatest) {
+        m_latest.erase(stream.latest);
+    }
+    m_streams.remove(stream.target->open, number);
     m_streams.release(number);
 }
 
@@ -362,14 +361,14 @@ void ServerConnection::cancelAll(Target& target, const char* text)
 void ServerConnection::cancelAtService(std::uint32_t number, const Response& error)
 {
     Lock lock(m_lock);
-    const Stream* const stream = m_streams.find(number);
+    Stream* const stream = m_streams.find(number);
     if (stream == nullptr) {
         return;
     }
     const auto service = stream->service;
     void* const handle = stream->isFinished ? IKesaApi::UNDEFINED_REQUEST_HANDLE : stream->handle;
     if (isOpen()) {
-        queueLatest(number);
+        queueLatest(number, *stream);
         machine().error(number, error);
         release(number);
         pushOut();

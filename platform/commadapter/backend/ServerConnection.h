@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,20 +53,21 @@ private:
         std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
         StreamList open;                          ///< with the lock held
     };
+    struct Latest {
+        std::uint32_t stream;
+        Response response;
+    };
     struct Stream : StreamEntry {
         std::uint64_t serial = 0;
         Target* target = nullptr;
         bool isPersistent = false;
-        bool hasLatest = false;  ///< a value waits in `m_latest`
+        bool hasLatest = false;  ///< a value waits at `latest`
         bool isCut = false;      ///< refused a value; the loop is going to end it
         bool isFinished = false; ///< by the service, after that: it hears of no cancel
         QueuePolicy policy = QueuePolicy::eCUT_STREAM;
+        std::list<Latest>::iterator latest;                ///< in `m_latest`
         void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
         std::shared_ptr<ProvidedService> service;
-    };
-    struct Latest {
-        std::uint32_t stream;
-        Response response;
     };
     /// Wants to know whether the client lives.
     struct Asker {
@@ -82,7 +84,7 @@ private:
     void refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why, std::size_t size);
     void postCut(std::uint32_t number, Stream& stream, Response error);
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
-    void queueLatest(std::uint32_t number);
+    void queueLatest(std::uint32_t number, Stream& stream);
     void release(std::uint32_t number);
     void serve(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
                const Request& request);
@@ -113,7 +115,7 @@ private:
     // With the lock held.
     StreamTable<Stream> m_streams;
     std::uint64_t m_lastSerial = 0;
-    std::vector<Latest> m_latest;                ///< in order of arrival; one for each stream at most
+    std::list<Latest> m_latest;                  ///< in order of arrival; one for each stream at most
     std::deque<std::function<void()>> m_drained; ///< what waits for the queue to be empty
     bool m_isDrainedPosted = false;
 

@@ -95,7 +95,7 @@ TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
     policy = QueuePolicy::eKEEP_LATEST;
     const auto stream = client->request(persistent());
     settle();
-    auto handler = service.take();
+    const auto handler = service.take();
     scheduler->pauseGroup(2);
     EXPECT_EQ(flood(*handler, 1000), 1000);
     settle();
@@ -107,14 +107,38 @@ TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)
     for (std::size_t i = 1; i < stream->values.size(); ++i) {
         EXPECT_LT(numberOf(stream->values[i - 1]), numberOf(stream->values[i]));
     }
+}
 
+TEST_F(BackendQueues, LatestOfManyLeaveInTheOrderInWhichTheyCame)
+{
+    policy = QueuePolicy::eKEEP_LATEST;
+    std::vector<std::shared_ptr<Outcome>> streams;
+    for (int i = 0; i < 6; ++i) {
+        streams.push_back(client->request(persistent()));
+    }
+    settle();
+    const auto handlers = service.handlers();
     scheduler->pauseGroup(2);
-    EXPECT_EQ(flood(*handler, 500), 500);
-    handler->onCompleted();
+    flood(*handlers[0], 200);
+    std::vector<std::string> heard;
+    for (const std::size_t i : {3U, 1U, 5U, 2U, 4U, 1U}) {
+        streams[i]->onValue = [&heard, stream = streams[i].get()] { heard.push_back(stream->values.back()); };
+        std::string text(BODY, ' ');
+        text.replace(0, 1, std::to_string(i));
+        EXPECT_FALSE(handlers[i]->onNext(value(std::string(text))));
+    }
+    handlers[5]->onCompleted();
+    handlers[3]->onError(Response::createErrorResponse(500, "over"));
     scheduler->continueGroup(2);
     settle();
-    EXPECT_EQ(numberOf(stream->values.back()), 499) << "the value that waited comes before the end";
-    EXPECT_TRUE(stream->isCompleted);
+    std::string order;
+    for (const std::string& text : heard) {
+        order += text.front();
+    }
+    EXPECT_EQ(order, "53124") << "what ended did not wait any longer";
+    EXPECT_TRUE(streams[5]->isCompleted);
+    EXPECT_EQ(streams[3]->status, 500);
+    EXPECT_EQ(numberOf(streams[0]->values.back()), 199);
 }
 
 TEST_F(BackendQueues, LatestThatIsTooLargeEndsItsStreamAfterTheOneThatWaited)
