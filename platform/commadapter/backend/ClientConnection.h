@@ -72,7 +72,7 @@ private:
 
     enum class Limited : std::uint8_t {
         eNOT,
-        eUNTIL_VALUE, ///< a persistent stream, until its first value
+        eUNTIL_VALUE, ///< until the first value: of a persistent stream, or the only one
         eUNTIL_END,
     };
     struct Stream : StreamEntry {
@@ -80,7 +80,7 @@ private:
         ClientState* client = nullptr;
         std::uint64_t handle = 0;
         std::uint64_t queueEnd = 0; ///< right after it was queued: see `Machine::isUnsent`
-        comm::TimeNs issued = 0; ///< of a request for a single answer, or with a time limit
+        comm::TimeNs issued = 0;    ///< of a request for a single answer, or with a time limit
         Limited limited = Limited::eNOT;
         bool isOpen = false; ///< else cancelled: the number stays taken until the server ends the stream
         bool isSingle = false;
@@ -107,7 +107,7 @@ private:
     static std::uint64_t nextHandle(std::uint32_t stream) noexcept;
     static std::uint32_t streamOf(std::uint64_t handle) noexcept;
     // ClientConnection_limits.cpp
-    void limit(Stream& stream, comm::TimeNs deadline, bool isPersistent);
+    void limit(Stream& stream, comm::TimeNs deadline, Limited limited);
     bool isLimited(std::uint64_t handle);
 
     // Loop only.
@@ -128,6 +128,7 @@ private:
     // ClientConnection_limits.cpp
     void setTimer();
     void expire();
+    bool looksAgain(comm::TimeNs now, bool stoodStill);
 
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
@@ -162,6 +163,7 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
+    unsigned m_looks = 0; ///< since the loop stood still, for answers that came meanwhile
 };
 
 } // namespace kesa::commadapter

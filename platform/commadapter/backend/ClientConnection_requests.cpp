@@ -126,7 +126,9 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
         loop().expectSomething();
     }
     if (isLimited) {
-        limit(stream, deadlineOf(stream.issued, wishes.timeLimit), wishes.isPersistent);
+        const bool isValueEnough = wishes.isPersistent || wishes.isSingle;
+        limit(stream, deadlineOf(stream.issued, wishes.timeLimit),
+              isValueEnough ? Limited::eUNTIL_VALUE : Limited::eUNTIL_END);
     }
     m_streams.append(client.open, number);
     pushOut();

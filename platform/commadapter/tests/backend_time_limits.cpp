@@ -31,6 +31,12 @@ Request persistent(Request request)
     return request;
 }
 
+Request singleResponse(Request request)
+{
+    headers::appendResponseSemantic(request, responsesemantics::SINGLE_RESPONSE);
+    return request;
+}
+
 class BackendTimeLimits : public BothRoads {
 protected:
     void runFor(comm::TimeNs milliseconds) { scheduler->runFor(milliseconds * comm::MILLISECOND); }
@@ -70,6 +76,7 @@ TEST_P(BackendTimeLimits, WhatIsAnsweredInTimeHearsNoMoreOfIt)
 {
     const auto call = client->request(limited(retrieve("/stream"), 100));
     const auto stream = client->request(limited(persistent(retrieve("/stream")), 100));
+    const auto single = client->request(limited(singleResponse(retrieve("/stream")), 100));
     const auto cancelled = client->request(limited(retrieve("/stream"), 100));
     client->cancel(*cancelled);
     runFor(99);
@@ -78,6 +85,8 @@ TEST_P(BackendTimeLimits, WhatIsAnsweredInTimeHearsNoMoreOfIt)
     answer->onCompleted();
     const auto watched = service.handlers().front();
     EXPECT_FALSE(watched->onNext(value("1")));
+    const auto ends = service.handlers().back();
+    EXPECT_FALSE(ends->onNext(value("all")));
     scheduler->runReady();
     const auto sameNumber = client->request(limited(retrieve("/stream"), 1000));
     runFor(999);
@@ -88,8 +97,12 @@ TEST_P(BackendTimeLimits, WhatIsAnsweredInTimeHearsNoMoreOfIt)
     EXPECT_TRUE(call->isCompleted);
     EXPECT_FALSE(stream->isOver()) << "only its first value has a time limit";
     EXPECT_FALSE(watched->onNext(value("2")));
+    EXPECT_FALSE(single->isOver()) << "its one value was there in time";
+    ends->onCompleted();
     settle();
     EXPECT_THAT(stream->values, ElementsAre("1", "2"));
+    EXPECT_THAT(single->values, ElementsAre("all"));
+    EXPECT_TRUE(single->isCompleted);
 }
 
 TEST_P(BackendTimeLimits, ServiceKnowsHowLongItHas)
@@ -176,19 +189,61 @@ INSTANTIATE_TEST_SUITE_P(Roads, BackendTimeLimits, testing::Values(Road::eREMOTE
 class BackendTimeLimitsRemote : public SimulatedPair {
 protected:
     BackendTimeLimitsRemote() { begin(); }
+
+    std::uint64_t drawn = 0;
 };
 
-TEST_F(BackendTimeLimitsRemote, AnswerThatWaitsForALateLoopCounts)
+// More was answered than the stream holds, so the rest comes while the client reads; each piece takes a while. Which
+// comes first when it goes on, the timer or the answers, is drawn.
+TEST_F(BackendTimeLimitsRemote, AnswersThatWaitForALateLoopCount)
 {
-    // Which comes first then, the timer or the answer, is drawn.
-    for (int round = 0; round < 50; ++round) {
-        const auto outcome = client->request(limited(retrieve("/echo", "x"), 100));
+    transport::MemoryNetwork::Faults narrow;
+    narrow.pipeBytes = 4096;
+    narrow.draw = [this](std::uint64_t bound) { return ++drawn * 7919 % bound; };
+    narrow.longestDelay = 5 * comm::MILLISECOND;
+    network->setFaults(narrow);
+    for (int round = 0; round < 10; ++round) {
+        std::vector<std::shared_ptr<Outcome>> outcomes;
+        for (int i = 0; i < 20; ++i) {
+            outcomes.push_back(client->request(limited(retrieve("/stream"), 100)));
+        }
+        scheduler->runFor(90 * comm::MILLISECOND);
         scheduler->pauseGroup(2);
+        while (const auto handler = service.take()) {
+            EXPECT_FALSE(handler->onNext(value(std::string(4000, 'x'))));
+            handler->onCompleted();
+        }
         scheduler->runFor(comm::SECOND);
         scheduler->continueGroup(2);
-        settle();
-        EXPECT_TRUE(outcome->isCompleted);
+        scheduler->runFor(comm::SECOND);
+        for (const auto& outcome : outcomes) {
+            EXPECT_TRUE(outcome->isCompleted) << outcome->errorText;
+        }
     }
+    EXPECT_EQ(service.cancels(), 0U);
+}
+
+TEST_F(BackendTimeLimitsRemote, PeerThatSendsOnAndOnPutsOffNoLimitForLong)
+{
+    client->request(persistent(retrieve("/stream")));
+    const auto floodFor = [this](int milliseconds) {
+        for (int i = 0; i < milliseconds / 10; ++i) {
+            EXPECT_FALSE(service.handlers().front()->onNext(value("x")));
+            scheduler->runFor(10 * comm::MILLISECOND);
+        }
+    };
+    settle();
+    const auto punctual = client->request(limited(retrieve("/stream"), 100));
+    floodFor(110);
+    EXPECT_EQ(punctual->status, 504) << "the loop did not stand still";
+    const auto late = client->request(limited(retrieve("/stream"), 100));
+    scheduler->pauseGroup(2);
+    scheduler->runFor(comm::SECOND);
+    scheduler->continueGroup(2);
+    floodFor(900);
+    EXPECT_FALSE(late->isOver());
+    floodFor(200);
+    EXPECT_EQ(late->status, 504);
 }
 
 TEST_F(BackendTimeLimitsRemote, PeerThatStandsStillCostsNoMoreThanTheLimit)
