@@ -114,7 +114,7 @@ std::string_view headerName(const MemberKey& key) noexcept
     util::ByteBufferReader bytes(start, static_cast<std::size_t>(reader.position() - start), false);
     const auto deserializer = util::serializer::makeDeserializer(util::serializer::Format::eQELBIN);
     if (deserializer->attach(bytes) || serializer::deserialize(*deserializer, value) || deserializer->finish()) {
-        value = Value(); // a form this side has no value for
+        value = Value(nullptr); // a form this side has no value for: there, but nothing that is understood
     }
     obr::ErrorStorage::exchange(pending);
     return false;
@@ -309,9 +309,7 @@ void HeaderSource::read(const IsWanted& isWanted, const Keep& keep) const
                             if (readHeader(key, in, value)) {
                                 return true;
                             }
-                            if (value.isDefined()) {
-                                keep(name, std::move(value));
-                            }
+                            keep(name, std::move(value));
                             return false;
                         });
     static_cast<void>(failed); // the head was checked when it arrived

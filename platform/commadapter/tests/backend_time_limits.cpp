@@ -3,6 +3,7 @@
 #include "CarelessPeer.h"
 #include "backend/Deadlines.h"
 #include "backend_roads.h"
+#include "protocol/Frame.h"
 
 #include <kesa/RequestContext.h>
 #include <kesa/headers.h>
@@ -10,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <set>
 
 namespace kesa::commadapter::test {
@@ -125,7 +127,8 @@ TEST_P(BackendTimeLimits, ServiceKnowsHowLongItHas)
 TEST_P(BackendTimeLimits, WhatIsNoLimitIsRefusedAndNoTimeIsTooLittle)
 {
     service.onRequest = [](const Request&) { ADD_FAILURE() << "it was sent"; };
-    for (const Value& bad : {Value("soon"), Value("100"), Value(-1), Value(1.5), Value(true), Value(nullptr)}) {
+    for (const Value& bad :
+         {Value("soon"), Value("100"), Value(-1), Value(1.5), Value(std::nan("")), Value(true), Value(nullptr)}) {
         const auto outcome = client->request(limited(retrieve("/echo"), bad));
         settle();
         EXPECT_EQ(outcome->status, 400) << bad.toText();
@@ -274,10 +277,24 @@ TEST_F(BackendTimeLimitsRemote, ServerRefusesWhatIsNoLimit)
     careless.connect("ipc://server/service");
     settle();
     ASSERT_EQ(careless.machine().attach(1, "/service"), protocol::Machine::Sent::eQUEUED);
-    ASSERT_EQ(careless.machine().request(1, 1, limited(retrieve("/echo"), "soon")), protocol::Machine::Sent::eQUEUED);
     careless.send();
-    settle();
-    EXPECT_THAT(careless.heard(), testing::Contains(HasSubstr("error 1 400 <plain/text>\"$timeout\" is not")));
+    std::uint32_t stream = 0;
+    for (const std::string& bad : {std::string("\x64soon"), std::string("\xF9\x7E\x01"), std::string("\xF9\x7C\x00", 3),
+                                   std::string("\x41x")}) { // text, two not finite, bytes
+        const std::string head = std::string("\xBF\x01\x65/echo\x68$timeout") + bad + '\xFF';
+        protocol::FrameHeader header;
+        header.length = header.head = static_cast<std::uint16_t>(head.size());
+        header.kind = static_cast<std::uint8_t>(protocol::Kind::eREQUEST);
+        header.stream = ++stream;
+        header.target = 1;
+        protocol::testing::Bytes bytes(protocol::HEADER_BYTES);
+        protocol::writeHeader(bytes.data(), header);
+        bytes.insert(bytes.end(), head.begin(), head.end());
+        careless.send(bytes);
+        settle();
+        EXPECT_THAT(careless.heard().back(),
+                    HasSubstr("error " + std::to_string(stream) + " 400 <plain/text>\"$timeout\" is not"));
+    }
 }
 
 TEST(Deadlines, KeepTheirOrderAndFewOfThoseThatHaveEnded)
