@@ -3,6 +3,7 @@
 #include <kesa/Disposable.h>
 #include <kesa/core/response_handlers.h>
 #include <kesa/registry/RegistryHost.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/registerServiceRegistryPex.h>
 #include <runtime/v02/runtime/channels.h>
 #include <tracing/Sink.h>
@@ -16,6 +17,7 @@
 namespace kesa::registry {
 
 using runtime::v02::IRuntimeRegistry;
+using runtime::v02::KesaRuntime;
 using serviceregistry::IServiceRegistry;
 using serviceregistry::ServiceRegistryPexService;
 using ServiceUpdate = ResourceUpdate<ServiceDef>;
@@ -32,44 +34,39 @@ public:
 
     void start()
     {
-        const std::weak_ptr<Impl> weak = weak_from_this();
-        m_core->setMirrorProof([weak](const std::string& path, std::function<void(bool)>&& answer) {
+        if (KesaRuntime::isRunning() && KesaRuntime::getInstance() == &m_runtime && !KesaRuntime::isRegistryHost()) {
+            refused(Response::createErrorResponse(
+                409, "this process does not host the registry: one of \"service_registry_locators\" in its "
+                     "configuration has to be of its own name, and no other process may have that name"));
+            return;
+        }
+        m_core->setMirrorProof([weak = weak_from_this()](const std::string& path, std::function<void(bool)>&& answer) {
             if (const auto self = weak.lock()) {
                 self->prove(path, std::move(answer));
             }
         });
+        // It holds this object: whether the registration is ours to end may be known only after `stop`.
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
-            [weak](const ServiceDef& serviceDef) {
-                if (const auto self = weak.lock()) {
-                    self->registered(serviceDef);
-                }
+            [self = shared_from_this()](const ServiceDef& serviceDef) {
+                self->registered(serviceDef);
                 return false;
             },
-            [weak](const Response& error) {
-                if (const auto self = weak.lock()) {
-                    self->m_failed(error);
-                }
-            },
-            [] {});
+            [self = shared_from_this()](const Response& error) { self->refused(error); }, [] {});
         Disposable registration =
             serviceregistry::registerRegistry(m_runtime, m_service, GenericObject(), std::move(handler));
-        follow();
         const std::lock_guard lock(m_mutex);
         m_registration = std::move(registration);
     }
 
     void stop()
     {
-        std::unique_lock lock(m_mutex);
-        if (std::exchange(m_isStopped, true)) {
-            return;
+        {
+            const std::lock_guard lock(m_mutex);
+            if (std::exchange(m_isStopped, true) || !m_isRegistered) {
+                return;
+            }
         }
-        Disposable registration = std::exchange(m_registration, Disposable());
-        lock.unlock();
-        if (const auto silence = m_silence.lock()) {
-            silence->emplace(runtime::v02::BACKENDS_CHANNEL.name());
-        }
-        registration.dispose();
+        withdraw();
     }
 
     IServiceRegistry& registry() { return *m_registry; }
@@ -79,17 +76,46 @@ private:
     {
         // Not left to the tracking, so that it comes first.
         mirror(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef));
+        follow();
+        bool isUnwanted = false;
         {
             const std::lock_guard lock(m_mutex);
-            if (m_isStopped) {
+            m_isRegistered = true;
+            isUnwanted = m_isStopped;
+        }
+        if (isUnwanted) {
+            withdraw();
+        } else {
+            m_ready();
+        }
+    }
+
+    /// What was refused is never disposed: that would end the registration that was in its way.
+    void refused(const Response& error)
+    {
+        {
+            const std::lock_guard lock(m_mutex);
+            const bool wasRegistered = std::exchange(m_isRegistered, false);
+            if (std::exchange(m_isStopped, true) || wasRegistered) {
                 return;
             }
         }
-        m_ready();
+        m_failed(error);
     }
 
-    /// Behind the registration, without which it would be refused. It is never disposed: its handler goes with the
-    /// runtime, and with it what keeps the runtime's end quiet.
+    void withdraw()
+    {
+        if (const auto silence = m_silence.lock()) {
+            silence->emplace(runtime::v02::BACKENDS_CHANNEL.name());
+        }
+        std::unique_lock lock(m_mutex);
+        Disposable registration = std::exchange(m_registration, Disposable());
+        lock.unlock();
+        registration.dispose();
+    }
+
+    /// Only of what is registered. It is never disposed: its handler goes with the runtime, and with it what keeps the
+    /// runtime's end quiet.
     void follow()
     {
         const auto silence = std::make_shared<std::optional<tracing::Silence>>();
@@ -156,12 +182,14 @@ private:
     Registry* const m_registry; ///< the service's
     const std::shared_ptr<Registry::Impl> m_core;
     const std::shared_ptr<ServiceRegistryPexService> m_service;
-    /// From `stop` to the runtime's end, which frees a proxy that this process does not have, and calls that an error.
+    /// From the withdrawal to the runtime's end, which frees a proxy that this process does not have, and calls that an
+    /// error. Set before `m_isRegistered`.
     std::weak_ptr<std::optional<tracing::Silence>> m_silence;
 
     std::mutex m_mutex;
     // With the mutex held.
-    bool m_isStopped = false;
+    bool m_isStopped = false; ///< by the owner, or because it was refused
+    bool m_isRegistered = false;
     Disposable m_registration;
 
     /// Requests at the registry, by path. Of the executor until the services are followed, then of the updater.

@@ -3,6 +3,8 @@
 #include "tests/support.h"
 
 #include <kesa/registry/RegistryHost.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+#include <runtime/v02/runtime/channels.h>
 #include <runtime/v02/runtime/tests/RuntimeFixture.h>
 
 namespace kesa::registry::test {
@@ -16,13 +18,26 @@ protected:
     static constexpr const char* DOCUMENT =
         R"({"use_registry": true, "service_registry_locators": ["fake://me/registry"]})";
 
+    RegistryHostTest() { tracing::setThreshold("*", 0); } // all lines, and none is asked for: silences count
     void host()
     {
         m_runtime = startRuntime(DOCUMENT);
-        m_host = std::make_unique<RegistryHost>(
-            *m_runtime, [this] { m_clients.m_lines->push_back("ready"); },
-            [this](const Response& error) { m_clients.m_lines->push_back(Response::getErrorMessageWithCode(error)); });
+        m_host = makeHost(*m_runtime, "");
         m_clients.m_asked = &m_host->registry();
+    }
+    std::unique_ptr<RegistryHost> makeHost(runtime::v02::IRuntimeRegistry& runtime, const std::string& name)
+    {
+        return std::make_unique<RegistryHost>(
+            runtime, [this, name] { m_clients.m_lines->push_back(name + "ready"); },
+            [this, name](const Response& error) {
+                m_clients.m_lines->push_back(name + Response::getErrorMessageWithCode(error));
+            });
+    }
+    bool isProvided() { return m_network->service("fake://me/registry") != nullptr; }
+    /// An error line on the channel that a host silences for the end of its runtime.
+    bool isBackendsErrorShown()
+    {
+        return !traced(4, [] { KESA_TRACE_TEXT(runtime::v02::BACKENDS_CHANNEL, 4, std::string("line")); }).empty();
     }
     ~RegistryHostTest() override { m_host.reset(); }
 
@@ -77,15 +92,49 @@ TEST_F(RegistryHostTest, DoesNotRefuseWhatItsProcessHasJustWithdrawn)
     EXPECT_THAT(m_clients.told(), ElementsAre("claim: registered /own"));
 }
 
-TEST_F(RegistryHostTest, EndsItsRequestsAndGoes)
+TEST_F(RegistryHostTest, EndsItsRequestsAndGoesQuietly)
 {
     host();
     run();
-    EXPECT_TRUE(m_network->service("fake://me/registry") != nullptr);
+    EXPECT_TRUE(isProvided() && isBackendsErrorShown());
     m_host->stop();
-    run();
-    EXPECT_TRUE(m_network->service("fake://me/registry") == nullptr);
+    EXPECT_FALSE(isBackendsErrorShown());
+    EXPECT_FALSE(isProvided());
     EXPECT_THAT(m_clients.told(), ElementsAre("ready"));
+
+    // Ended before it is known whether it was registered.
+    makeHost(*m_runtime, "brief ").reset();
+    run();
+    EXPECT_FALSE(isProvided());
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
+}
+
+TEST_F(RegistryHostTest, RefusedOneLeavesTheOtherAlone)
+{
+    host();
+    auto second = makeHost(*m_runtime, "second ");
+    run();
+    EXPECT_THAT(m_clients.told(), ElementsAre("ready", "second 409"));
+    second.reset();
+    EXPECT_TRUE(isBackendsErrorShown());
+    EXPECT_TRUE(isProvided());
+    makeHost(*m_runtime, "third ").reset(); // before the refusal comes
+    EXPECT_TRUE(isBackendsErrorShown());
+    EXPECT_TRUE(isProvided());
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
+}
+
+TEST_F(RegistryHostTest, RefusesAtOnceWhereTheRegistryIsElsewhere)
+{
+    using runtime::v02::KesaRuntime;
+    setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    EXPECT_FALSE(KesaRuntime::initInstance("other", DOCUMENT));
+    unsetenv("KESA_CONFIG_DIR");
+    makeHost(*KesaRuntime::getInstance(), "").reset();
+    EXPECT_THAT(m_clients.told(), ElementsAre(HasSubstr("409: this process does not host the registry")));
+    EXPECT_TRUE(isBackendsErrorShown());
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
+    KesaRuntime::shutdown();
 }
 
 TEST_F(RegistryHostTest, SaysThatItCannotBeReached)

@@ -12,13 +12,14 @@ namespace kesa::registry {
 
 /// Makes this process the host of the registry: registers it with the runtime, as the first of all services, and shows
 /// its watchers what this process itself provides. The runtime must have found one of its registry locators to be its
-/// own.
+/// own (`KesaRuntime::isRegistryHost`). There is one at a time: a second one is refused and leaves the first alone.
 ///
 /// The runtime of the hosting process knows its own services only: who wants to see all of them here asks `registry()`.
 class KESA_API RegistryHost {
 public:
     /// `ready` is called on the executor once the registry can be reached, `failed` on the updater when it cannot be
-    /// registered; one of them, once.
+    /// registered, or inside the constructor when this process does not host the registry (409); one of them, once.
+    /// After `stop` none begins; one may be under way. Both are kept until the registration has ended.
     RegistryHost(runtime::v02::IRuntimeRegistry& runtime, std::function<void()> ready,
                  std::function<void(const Response& error)> failed);
     /// Stops, if that has not been done.
@@ -28,7 +29,8 @@ public:
 
     /// Ends all requests with 503, then withdraws the registry. Every other registration of this process must have
     /// been disposed before. From then on until the runtime ends, its channel KESA_RUNTIME_BACKENDS is silent unless
-    /// a threshold has been set for it. Before the runtime ends; not on a loop of it.
+    /// a threshold has been set for it. Does nothing when the registration was refused. Before the runtime ends; not on
+    /// a loop of it.
     void stop();
 
     serviceregistry::IServiceRegistry& registry();
