@@ -64,7 +64,7 @@ Connection::Client Connection::client(comm::TimeNs deadline)
                                   "host, and offers no other locator",
                                   where.toString())};
     }
-    const std::string why = kesa::commadapter::whyUnreachable(where);
+    const std::string why = kesa::commadapter::whyUnreachable(where).reason;
     throw Failure{ExitCode::eTIMED_OUT,
                   fmt::format("no connection to {}: {}", where.toString(),
                               why.empty() ? "its process is there, but is stopped or busy, or does not provide that "

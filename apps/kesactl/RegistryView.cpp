@@ -243,8 +243,9 @@ void RegistryView::interrupt()
 void RegistryView::failUnreachable(bool isConnected) const
 {
     const std::string& where = m_locators.front().toString();
-    const std::string why = isConnected ? "" : kesa::commadapter::whyUnreachable(m_locators.front());
-    if (why.empty()) {
+    const auto why =
+        isConnected ? kesa::commadapter::Unreachable() : kesa::commadapter::whyUnreachable(m_locators.front());
+    if (why.reason.empty()) {
         throw Failure{ExitCode::eNO_REGISTRY,
                       fmt::format("the registry at {} does not answer: its process is stopped or busy; try a longer "
                                   "--timeout, or restart it",
@@ -252,8 +253,8 @@ void RegistryView::failUnreachable(bool isConnected) const
     }
     throw Failure{
         ExitCode::eNO_REGISTRY,
-        fmt::format("no registry at {}: {}; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses", where,
-                    why)};
+        fmt::format("no registry at {}: {}{}", where, why.reason,
+                    why.isForbidden ? "" : "; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses")};
 }
 
 } // namespace kesactl

@@ -5,13 +5,26 @@
 #include <kesa/PathPatterns.h>
 #include <obr/ErrorStorage.h>
 
+#include <cmath>
+#include <cstdlib>
+
 namespace kesactl {
+
+namespace {
+
+std::string checkNumber(const std::string& text)
+{
+    return std::isnan(std::strtod(text.c_str(), nullptr)) ? "'" + text + "' is no number of seconds" : "";
+}
+
+} // namespace
 
 void addCommonOptions(CLI::App& command, CommonOptions& options, const std::string& timeoutText)
 {
     command.add_flag("--json", options.isJson, "One JSON value per line.");
     command.add_option("--timeout", options.timeoutSeconds, timeoutText)
         ->check(CLI::Range(0.0, 1e9))
+        ->check(checkNumber) // which a range lets pass
         ->type_name("SECONDS")
         ->capture_default_str();
 }

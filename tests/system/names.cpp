@@ -49,6 +49,7 @@ TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
     if (::geteuid() == 0 && !canNobodyRun(KESA_SYSTEM_ACTOR)) {
         GTEST_SKIP() << "nobody may not run the actor where it was built";
     }
+    startProvider("nav", "/route"); // 0660
     startProvider("media", "/player", {.comm = R"({"socket_mode": "0666"})"});
     fs::permissions(runDirectory(), fs::perms(0555));
     Process& reader = start("reader", {.isNobody = true});
@@ -58,6 +59,9 @@ TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
                        runDirectory() + "\": Permission denied");
     reader.send("resolve " + PLAYER);
     reader.expect("connected " + PLAYER);
+    reader.send("resolve ipc://nav/route");
+    reader.expectTrace("'ipc://nav' is not connected: no right to use \"" + runDirectory() +
+                       "/nav.sock\", which has the group ");
     fs::permissions(runDirectory(), fs::perms(0755));
 }
 

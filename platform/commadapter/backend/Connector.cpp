@@ -92,6 +92,7 @@ void Connector::attempted(transport::ITransport::Connected result)
     case transport::ITransport::Failure::eBUSY:
         pause(comm::MILLISECOND + static_cast<comm::TimeNs>(obr::Random::current().below(4 * comm::MILLISECOND)));
         break;
+    case transport::ITransport::Failure::eFORBIDDEN:
     case transport::ITransport::Failure::eOTHER:
         pause(nextPause());
         break;

@@ -24,7 +24,7 @@ const char* whyNowhere(const url& locator)
 
 } // namespace
 
-std::string whyUnreachable(const url& locator)
+Unreachable whyUnreachable(const url& locator)
 {
     std::vector<std::string> complaints; // the backend's to tell
     const CommSettings settings = readCommSettings(complaints);
@@ -34,12 +34,12 @@ std::string whyUnreachable(const url& locator)
     const auto place = Locators(settings.routes, {transport}).find(locator);
     if (!place) {
         loop->stop();
-        return "\"" + locator.toString() + "\" " + whyNowhere(locator);
+        return {"\"" + locator.toString() + "\" " + whyNowhere(locator)};
     }
     std::mutex mutex;
     comm::Condition changed;
     bool isDone = false;
-    std::string reason;
+    Unreachable result;
     loop->post([&] {
         transport->connect(place->destination.endpoint, [&](transport::ITransport::Connected connected) {
             if (connected.stream) {
@@ -47,7 +47,8 @@ std::string whyUnreachable(const url& locator)
             }
             transport->close();
             const std::lock_guard lock(mutex);
-            reason = std::move(connected.reason);
+            result.reason = std::move(connected.reason);
+            result.isForbidden = connected.failure == transport::ITransport::Failure::eFORBIDDEN;
             isDone = true;
             changed.notifyAll();
         });
@@ -57,7 +58,7 @@ std::string whyUnreachable(const url& locator)
         comm::waitFor(changed, lock, [&] { return isDone; });
     }
     loop->stop();
-    return reason;
+    return result;
 }
 
 } // namespace kesa::commadapter

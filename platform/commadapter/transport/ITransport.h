@@ -102,9 +102,10 @@ public:
     virtual bool canHandle(const Endpoint& endpoint) const = 0;
 
     enum class Failure {
-        eMISSING, ///< nobody is there: worth watching for
-        eSILENT,  ///< a socket that nobody listens on, or not yet: worth watching for, and asking again
-        eBUSY,    ///< try again in a few milliseconds
+        eMISSING,   ///< nobody is there: worth watching for
+        eSILENT,    ///< a socket that nobody listens on, or not yet: worth watching for, and asking again
+        eBUSY,      ///< try again in a few milliseconds
+        eFORBIDDEN, ///< this process lacks a right
         eOTHER,
     };
     struct Connected {

@@ -15,12 +15,14 @@
 #include <tracing/Channel.h>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
 #include <fmt/format.h>
 
+#include <array>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -34,6 +36,27 @@ namespace {
 constexpr int ACCEPTS_PER_TURN = 64;
 constexpr comm::TimeNs ACCEPT_PAUSE = 100 * comm::MILLISECOND;
 constexpr std::size_t MOST_MISSING = 1024;
+
+/// The group's name, or its number where it has none that can be read.
+std::string groupName(gid_t group)
+{
+    std::array<char, 16384> buffer{};
+    struct group entry {};
+    struct group* found = nullptr;
+    const bool isKnown = ::getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+    return isKnown ? found->gr_name : std::to_string(group);
+}
+
+/// Why a socket or directory may not be used, and what to do.
+ITransport::Connected forbid(const std::string& path, const struct stat& status)
+{
+    const mode_t needed = S_ISDIR(status.st_mode) ? S_IXGRP : S_IWGRP;
+    const char* const advice = (status.st_mode & needed) != 0 ? "add this user to the group and log in anew"
+                                                              : "its owner has to let the group use it";
+    return {nullptr, ITransport::Failure::eFORBIDDEN,
+            fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
+                        groupName(status.st_gid), status.st_mode & 07777U, advice)};
+}
 
 const ::tracing::Channel& channel()
 {
@@ -226,11 +249,14 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
     };
     const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
     const Descriptor file(retryInterrupted([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+    struct stat status {};
     if (!file) {
+        if (errno == EACCES && ::stat(m_runDirectory.path().c_str(), &status) == 0) {
+            return forbid(m_runDirectory.path(), status);
+        }
         return errno == ENOENT || errno == ENOTDIR ? miss(endpoint, SocketFile())
                                                    : refuse(Failure::eOTHER, "cannot look into the run directory");
     }
-    struct stat status {};
     ::fstat(file.get(), &status);
     Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!socket) {
@@ -247,6 +273,8 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         switch (errno) {
         case EAGAIN:
             return refuse(Failure::eBUSY, "too many connections wait to be accepted");
+        case EACCES:
+            return forbid(path, status);
         case ENOENT:
             return miss(endpoint, SocketFile(status));
         case ECONNREFUSED: {

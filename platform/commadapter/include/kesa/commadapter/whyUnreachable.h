@@ -7,10 +7,14 @@
 
 namespace kesa::commadapter {
 
-/// For tools that explain why nobody answers at a locator: one attempt to connect, on a loop of its own. Its reason,
-/// such as "no process listens as \"media\" in \"/run/kesa\""; empty when somebody listens there. Blocks; not on a
-/// loop.
-KESA_API std::string whyUnreachable(const url& locator);
+struct Unreachable {
+    std::string reason;       ///< such as "no process listens as \"media\" in \"/run/kesa\""; empty: somebody listens
+    bool isForbidden = false; ///< this process lacks a right; the reason says which, and what to do
+};
+
+/// For tools that explain why nobody answers at a locator: one attempt to connect, on a loop of its own. Blocks; not on
+/// a loop.
+KESA_API Unreachable whyUnreachable(const url& locator);
 
 } // namespace kesa::commadapter
 
