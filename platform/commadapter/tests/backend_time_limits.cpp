@@ -192,8 +192,6 @@ INSTANTIATE_TEST_SUITE_P(Roads, BackendTimeLimits, testing::Values(Road::eREMOTE
 class BackendTimeLimitsRemote : public SimulatedPair {
 protected:
     BackendTimeLimitsRemote() { begin(); }
-
-    std::uint64_t drawn = 0;
 };
 
 // More was answered than the stream holds, so the rest comes while the client reads; each piece takes a while. Which
@@ -202,7 +200,7 @@ TEST_F(BackendTimeLimitsRemote, AnswersThatWaitForALateLoopCount)
 {
     transport::MemoryNetwork::Faults narrow;
     narrow.pipeBytes = 4096;
-    narrow.draw = [this](std::uint64_t bound) { return ++drawn * 7919 % bound; };
+    narrow.draw = [drawn = std::uint64_t{0}](std::uint64_t bound) mutable { return ++drawn * 7919 % bound; };
     narrow.longestDelay = 5 * comm::MILLISECOND;
     network->setFaults(narrow);
     for (int round = 0; round < 10; ++round) {
