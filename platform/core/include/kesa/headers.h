@@ -31,6 +31,7 @@ KESA_API void appendAuthInfo(Request& request);
 KESA_API void appendResponseSemantic(Request& request, std::string_view semantic);
 /// Limits the time of a request, from when it is issued; `left` is rounded up to whole milliseconds, and less than
 /// nothing is nothing. A service hands on what is left to it with
+///
 ///     appendTimeout(further, std::chrono::nanoseconds(*RequestContext::deadline() - comm::now()));
 KESA_API void appendTimeout(Request& request, std::chrono::nanoseconds left);
 
