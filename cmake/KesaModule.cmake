@@ -13,10 +13,11 @@ function(kesa_module name)
   endif()
   set(sources)
   foreach(dir IN LISTS M_SOURCES)
-    file(GLOB_RECURSE found CONFIGURE_DEPENDS ${dir}/*.cpp)
+    file(GLOB_RECURSE found RELATIVE ${CMAKE_CURRENT_SOURCE_DIR} CONFIGURE_DEPENDS ${dir}/*.cpp)
     list(APPEND sources ${found})
   endforeach()
-  list(FILTER sources EXCLUDE REGEX "/tests/")
+  list(FILTER sources EXCLUDE REGEX "(^|/)tests/") # of the module: the tree itself may lie below a folder of that name
+  list(TRANSFORM sources PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
   list(TRANSFORM M_SEES PREPEND kesa_)
   # In normal form, so that headers have the same names in every build: a compiler cache turns "src/../include" into "include".
   set(includes)
