@@ -1,8 +1,7 @@
 #include "store/Watchers.h"
 
-#include <runtime/v02/runtime/QueryMatcher.h>
-
 #include <algorithm>
+#include <kesa/serviceregistry/matchesQuery.h>
 #include <utility>
 
 namespace kesa::registry {
@@ -19,7 +18,7 @@ const PathPatterns& anyPath()
 
 bool QueryWatch::wants(const Record& record) const
 {
-    return isVisible(record.serviceDef, realm) && runtime::v02::matchesQuery(record.serviceDef, query, anyPath());
+    return isVisible(record.serviceDef, realm) && serviceregistry::matchesQuery(record.serviceDef, query, anyPath());
 }
 
 void Watchers::addTracker(StreamId stream, const std::string& path, const Realm& realm)

@@ -1,4 +1,4 @@
-#include "../text/json_text.h"
+#include "src/text/json_text.h"
 
 #include <util/config/Dictionary.h>
 #include <util/config/Value.h>

@@ -1,6 +1,6 @@
 #include "parseDocument.h"
 
-#include "../serializer/IDocumentParser.h"
+#include "src/serializer/IDocumentParser.h"
 
 #include <util/config/Dictionary.h>
 

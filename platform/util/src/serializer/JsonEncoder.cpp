@@ -1,5 +1,5 @@
-#include "../text/json_text.h"
 #include "IEncoder.h"
+#include "src/text/json_text.h"
 
 #include <charconv>
 

@@ -1,6 +1,6 @@
 #include "StructuredWriter.h"
 
-#include "../text/utf8.h"
+#include "src/text/utf8.h"
 
 #include <obr/ErrorOutput.h>
 #include <obr/errors.h>

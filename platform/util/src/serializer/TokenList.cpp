@@ -1,6 +1,6 @@
 #include "TokenList.h"
 
-#include "../text/utf8.h"
+#include "src/text/utf8.h"
 
 #include <util/serializer/formats.h>
 

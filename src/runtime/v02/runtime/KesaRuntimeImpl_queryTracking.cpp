@@ -1,9 +1,9 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
 #include <kesa/PathPatterns.h>
+#include <kesa/serviceregistry/matchesQuery.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/runtime/EventLog.h>
-#include <runtime/v02/runtime/QueryMatcher.h>
 #include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
 
 #include <algorithm>

@@ -1,18 +1,18 @@
-#include <runtime/v02/runtime/QueryMatcher.h>
-
-#include <runtime/v02/runtime/channels.h>
+#include <kesa/serviceregistry/matchesQuery.h>
 
 #include <algorithm>
 #include <string>
+#include <tracing/Channel.h>
 #include <vector>
 
-namespace kesa::runtime::v02 {
+namespace kesa::serviceregistry {
 
 namespace {
 
-using serviceregistry::Query;
-using serviceregistry::ServiceDef;
 using util::config::Value;
+
+/// The runtime's: its queries ask here.
+const ::tracing::Channel CHANNEL{"KESA_RUNTIME_MAIN"};
 
 /// The texts of a value: of each element of an array, else of the value alone.
 class Texts {
@@ -66,7 +66,7 @@ bool matchesMetainfo(const ServiceDef& serviceDef, const std::string& key, const
 {
     const Value& value = serviceDef.metainfo ? (*serviceDef.metainfo)[key] : Value::getUndefined();
     if (!value.isDefined()) {
-        KESA_TRACE(MAIN_CHANNEL, 2, "metainfo do not match");
+        KESA_TRACE(CHANNEL, 2, "metainfo do not match");
         return false;
     }
     if (value.isArray()) {
@@ -80,21 +80,21 @@ bool matchesEntry(const ServiceDef& serviceDef, const std::string& key, const Te
     if (key == "type") {
         const bool matches = accepted.contains(ServiceDef::enumToValue(serviceDef.type).value_or(""));
         if (!matches) {
-            KESA_TRACE(MAIN_CHANNEL, 2, "type do not match");
+            KESA_TRACE(CHANNEL, 2, "type do not match");
         }
         return matches;
     }
     if (key == "id") {
         const bool matches = accepted.contains(serviceDef.id ? serviceDef.id->toString() : std::string());
         if (!matches) {
-            KESA_TRACE(MAIN_CHANNEL, 2, "id do not match");
+            KESA_TRACE(CHANNEL, 2, "id do not match");
         }
         return matches;
     }
     if (key == "locators") {
         const bool matches = haveSameTexts(Texts(serviceDef.locators), accepted);
         if (!matches) {
-            KESA_TRACE(MAIN_CHANNEL, 2, "locator do not match");
+            KESA_TRACE(CHANNEL, 2, "locator do not match");
         }
         return matches;
     }
@@ -115,12 +115,12 @@ bool matchesQuery(const ServiceDef& serviceDef, const Query& query, const PathPa
 {
     const std::string& path = serviceDef.path.toString();
     if (!patterns.match(path)) {
-        KESA_TRACE(MAIN_CHANNEL, 2, "serviceDef %s query %s", path.c_str(), query.pattern.c_str());
-        KESA_TRACE(MAIN_CHANNEL, 2, "path do not match");
+        KESA_TRACE(CHANNEL, 2, "serviceDef %s query %s", path.c_str(), query.pattern.c_str());
+        KESA_TRACE(CHANNEL, 2, "path do not match");
         return false;
     }
     if (!matchesScope(serviceDef, query)) {
-        KESA_TRACE(MAIN_CHANNEL, 2, "scope do not match");
+        KESA_TRACE(CHANNEL, 2, "scope do not match");
         return false;
     }
     if (!query.metadata) {
@@ -131,4 +131,4 @@ bool matchesQuery(const ServiceDef& serviceDef, const Query& query, const PathPa
     });
 }
 
-} // namespace kesa::runtime::v02
+} // namespace kesa::serviceregistry
