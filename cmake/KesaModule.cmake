@@ -1,10 +1,17 @@
-# kesa_module(NAME [SEES module...] [LIBS lib...] [INCLUDE dir...] [SOURCES dir...])
+# kesa_module(NAME [SEES module...] [LINKS module...] [LIBS lib...] [INCLUDE dir...] [SOURCES dir...] [HEADERS path...]
+#             [LAYERS dir...] [PURE dir...] [OPENS module...])
 # One layer of the system: a static archive kesa_NAME of every src/*.cpp, whose users see its include/.
-#   SEES  the modules it may include; nothing else is on its include path
-#   LIBS  external libraries, private to the module
+#   SEES     the modules it may include, and what those see
+#   LINKS    modules that it needs in a program and does not include
+#   LIBS     external libraries, private to the module
+# The rest is for tools/check_house, which reads it here:
+#   HEADERS  the module's own, where several share a folder: files, patterns, folders
+#   LAYERS   folders of the module, lowest first: each includes itself and those before it
+#   PURE     folders without sockets, threads, locks and clocks
+#   OPENS    modules that may include what is not installed of this one
 # The shared libraries are made of these archives' objects; unit tests link the archives, so they reach what is hidden.
 function(kesa_module name)
-  cmake_parse_arguments(M "" "" "SEES;LIBS;INCLUDE;SOURCES" ${ARGN})
+  cmake_parse_arguments(M "" "" "SEES;LINKS;LIBS;INCLUDE;SOURCES;HEADERS;LAYERS;PURE;OPENS" ${ARGN})
   if(NOT M_SOURCES)
     set(M_SOURCES src)
   endif()
@@ -35,6 +42,9 @@ function(kesa_module name)
     target_include_directories(kesa_${name} INTERFACE ${includes})
     target_link_libraries(kesa_${name} INTERFACE ${M_SEES} Threads::Threads)
   endif()
+  foreach(module IN LISTS M_LINKS)
+    target_link_libraries(kesa_${name} INTERFACE $<LINK_ONLY:kesa_${module}>)
+  endforeach()
 endfunction()
 
 # kesa_tests(NAME [SEES module...] [LIBS lib...] [DIR dir]): the module's unit tests, one binary kesa_NAME_tests of DIR/*.cpp.

@@ -5,7 +5,6 @@
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/registerServiceRegistryPex.h>
-#include <runtime/v02/runtime/channels.h>
 #include <tracing/Sink.h>
 
 #include <map>
@@ -106,7 +105,7 @@ private:
     void withdraw()
     {
         if (const auto silence = m_silence.lock()) {
-            silence->emplace(runtime::v02::BACKENDS_CHANNEL.name());
+            silence->emplace("KESA_RUNTIME_BACKENDS");
         }
         std::unique_lock lock(m_mutex);
         Disposable registration = std::exchange(m_registration, Disposable());
