@@ -178,7 +178,7 @@ private:
 Response call(kesa::IKesaApi& api, Payload body)
 {
     kesa::GetResult result =
-        kesa::get(api, Request(std::string(kesa::commands::RETRIEVE), "/", std::move(body)), std::chrono::seconds(10));
+        kesa::get(api, Request(kesa::commands::RETRIEVE, "/", std::move(body)), std::chrono::seconds(10));
     require(static_cast<bool>(result), result.error.c_str());
     return std::move(*result.response);
 }
@@ -232,7 +232,7 @@ private:
     void issue(int next)
     {
         const Message message = Message::make(++m_sent);
-        m_api.request(Request(std::string(kesa::commands::RETRIEVE), "/", toPayload(message)),
+        m_api.request(Request(kesa::commands::RETRIEVE, "/", toPayload(message)),
                       kesa::handler<Response>(
                           [this, number = m_sent, next](const Response& response) {
                               if (m_recorder.add(toMessage(response), number)) {
@@ -269,11 +269,10 @@ Measured streamed(double seconds, Service::Push push)
     const auto received = [&, count = std::uint64_t{0}](const Response& response) mutable {
         const bool goesOn = recorder.add(toMessage(response), ++count);
         if (goesOn && count % STREAM_WINDOW == 1) { // the window under way and the next
-            api->request(Request(std::string(kesa::commands::UPDATE), "/"),
-                         kesa::handler<Response>([](const Response&) {}, failed));
+            api->request(Request(kesa::commands::UPDATE, "/"), kesa::handler<Response>([](const Response&) {}, failed));
         }
     };
-    api->request(Request(std::string(kesa::commands::INSERT), "/"), kesa::handler<Response>(received, failed));
+    api->request(Request(kesa::commands::INSERT, "/"), kesa::handler<Response>(received, failed));
     return recorder.await();
 }
 
@@ -337,7 +336,7 @@ Measured resolvesToFirstAnswer(double seconds)
         kesa::Disposable resolution = KesaRuntime::getInstance()->resolveService(
             locator(), kesa::handler<kesa::optional<Api>>([&, end = std::move(end)](const kesa::optional<Api>& api) {
                 require(api.has_value(), "connection to the provider");
-                (*api)->request(Request(std::string(kesa::commands::RETRIEVE), "/", toPayload(message)),
+                (*api)->request(Request(kesa::commands::RETRIEVE, "/", toPayload(message)),
                                 kesa::handler<Response>([&](const Response& response) {
                                     toMessage(response).check(message.number);
                                     isAnswered.release();

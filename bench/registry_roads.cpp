@@ -72,7 +72,7 @@ auto hearing(Heard& heard)
 
 void callOnce(kesa::IKesaApi& api, Heard& heard)
 {
-    api.request(kesa::Request(std::string(kesa::commands::RETRIEVE), "/"),
+    api.request(kesa::Request(kesa::commands::RETRIEVE, "/"),
                 kesa::handler<kesa::Response>([&heard](const kesa::Response& response) {
                     require(response.getPayload().text() == "here", "answer of the service");
                     heard.add();

@@ -343,11 +343,10 @@ void Machine::Input::deliver(const FrameHeader& header, const Head& head, Payloa
 {
     const auto kind = static_cast<Kind>(header.kind);
     if (kind == Kind::eREQUEST) {
-        std::string command(head.command);
         std::string path(head.path);
         m_listener.onRequest(header.stream, header.target,
-                             source == nullptr ? Request(std::move(command), std::move(path), std::move(payload))
-                                               : Request(std::move(command), std::move(path), std::move(payload),
+                             source == nullptr ? Request(head.command, std::move(path), std::move(payload))
+                                               : Request(head.command, std::move(path), std::move(payload),
                                                          std::shared_ptr<const IHeaderSource>(std::move(source))),
                              head.isPersistent);
         return;

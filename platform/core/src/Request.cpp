@@ -6,14 +6,15 @@
 
 namespace kesa {
 
-Request::Request(std::string command, std::string path, Payload payload, const std::shared_ptr<GenericObject>& headers)
-    : m_command(std::move(command)), m_path(std::move(path)), m_payload(std::move(payload)),
+Request::Request(std::string_view command, std::string path, Payload payload,
+                 const std::shared_ptr<GenericObject>& headers)
+    : m_command(command), m_path(std::move(path)), m_payload(std::move(payload)),
       m_headers(headers ? *headers : GenericObject())
 {}
 
-Request::Request(std::string command, std::string path, Payload payload, std::shared_ptr<const IHeaderSource> headers)
-    : m_command(std::move(command)), m_path(std::move(path)), m_payload(std::move(payload)),
-      m_arrived(std::move(headers))
+Request::Request(std::string_view command, std::string path, Payload payload,
+                 std::shared_ptr<const IHeaderSource> headers)
+    : m_command(command), m_path(std::move(path)), m_payload(std::move(payload)), m_arrived(std::move(headers))
 {}
 
 const GenericObject& Request::getHeaders() const

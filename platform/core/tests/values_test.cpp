@@ -70,7 +70,7 @@ TEST(Request, DecodesArrivedHeadersOnceForAllCopies)
 TEST(Request, OwnHeadersAreNotShared)
 {
     const auto headers = std::make_shared<GenericObject>();
-    Request request("insert", "/a", Payload(), headers);
+    Request request(commands::INSERT, "/a", Payload(), headers);
     headers->set("late", true);
     EXPECT_TRUE(request.getHeaders().empty());
     const Request before = request;

@@ -4,6 +4,7 @@
 #include <kesa/GenericObject.h>
 #include <kesa/IHeaderSource.h>
 #include <kesa/Payload.h>
+#include <kesa/commands.h>
 
 #include <memory>
 #include <string>
@@ -11,16 +12,16 @@
 
 namespace kesa {
 
-/// A request to a service: a command ("retrieve", "update", "delete", "insert"), the path of a resource inside the
-/// service, a body and headers.
+/// A request to a service: a command, mostly one of commands.h, the path of a resource inside the service, a body and
+/// headers.
 class KESA_API Request {
 public:
     Request() = default;
     /// `headers` may be null; it is not shared with whoever changes it afterwards through another pointer.
-    Request(std::string command, std::string path, Payload payload = Payload(),
+    Request(std::string_view command, std::string path, Payload payload = Payload(),
             const std::shared_ptr<GenericObject>& headers = nullptr);
     /// A request that arrived: its headers are decoded at the first question for them.
-    Request(std::string command, std::string path, Payload payload, std::shared_ptr<const IHeaderSource> headers);
+    Request(std::string_view command, std::string path, Payload payload, std::shared_ptr<const IHeaderSource> headers);
 
     const std::string& getCommand() const noexcept { return m_command; }
     const std::string& getPath() const noexcept { return m_path; }

@@ -60,7 +60,7 @@ void* ServiceRegistryClient::send(std::string_view command, const std::string& p
         obr::ErrorStorage::ack();
         return IKesaApi::UNDEFINED_REQUEST_HANDLE;
     }
-    Request request(std::string(command), path, std::move(*payload));
+    Request request(command, path, std::move(*payload));
     request.setMimeType(m_mimeType);
     headers::appendTracingInfo(request, ServiceRegistryPex::SERVICE_PATH, tracing::getTraceClientId());
     headers::appendAuthInfo(request);
