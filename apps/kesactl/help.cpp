@@ -3,7 +3,7 @@
 #include "output.h"
 
 #include <CLI/CLI.hpp>
-#include <runtime/v02/config/nearestName.h>
+#include <util/nearestName.h>
 
 namespace kesactl {
 namespace {
@@ -26,7 +26,7 @@ const CLI::App& findCommand(const CLI::App& app, const std::string& name)
             return *command;
         }
     }
-    const std::string_view meant = kesa::runtime::v02::nearestName(name, commandNames(app));
+    const std::string_view meant = util::nearestName(name, commandNames(app));
     throw Failure{ExitCode::eUSAGE,
                   "unknown command '" + name + "'; " +
                       (meant.empty() ? "kesactl help names all" : "did you mean '" + std::string(meant) + "'?")};

@@ -1,9 +1,8 @@
 #include "reviewDocument.h"
 
-#include "nearestName.h"
-
 #include <kesa/Path.h>
 #include <kesa/url.h>
+#include <util/nearestName.h>
 
 #include <algorithm>
 #include <string_view>
@@ -51,7 +50,7 @@ void reviewKeys(const Value& object, const std::string& path, const Keys& known,
             continue;
         }
         std::string text = "ignored: unknown key '" + key + "'";
-        const std::string_view meant = nearestName(key, known);
+        const std::string_view meant = util::nearestName(key, known);
         if (!meant.empty()) {
             text.append("; did you mean '").append(meant).append("'?");
         }

@@ -1,10 +1,10 @@
-#include "nearestName.h"
+#include <util/nearestName.h>
 
 #include <algorithm>
 #include <cctype>
 #include <string>
 
-namespace kesa::runtime::v02 {
+namespace util {
 namespace {
 
 /// Letter case and the kind of separator are what is mistaken most often.
@@ -42,13 +42,18 @@ std::size_t editDistance(std::string_view a, std::string_view b)
 
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known)
 {
-    if (name.size() > 64) {
+    if (name.size() > LONGEST_NEAR_NAME) {
         return {};
     }
+    const std::string wanted = plain(name);
     std::string_view best;
     std::size_t bestDistance = std::max<std::size_t>(2, name.size() / 3) + 1;
     for (const std::string_view candidate : known) {
-        const std::size_t distance = editDistance(plain(name), plain(candidate));
+        const std::string text = plain(candidate);
+        if (std::max(text.size(), wanted.size()) - std::min(text.size(), wanted.size()) >= bestDistance) {
+            continue; // so many characters at least have to be inserted or removed
+        }
+        const std::size_t distance = editDistance(wanted, text);
         if (distance < bestDistance && distance < candidate.size()) {
             bestDistance = distance;
             best = candidate;
@@ -57,4 +62,4 @@ std::string_view nearestName(std::string_view name, const std::vector<std::strin
     return best;
 }
 
-} // namespace kesa::runtime::v02
+} // namespace util
