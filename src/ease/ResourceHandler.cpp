@@ -1,10 +1,14 @@
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/resources.h>
+#include <obr/ErrorStorage.h>
 #include <tracing/Channel.h>
+#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <bitset>
 #include <exception>
 #include <vector>
 
@@ -44,6 +48,8 @@ struct Segment {
         return kind == other.kind && (kind != Kind::eTEXT || text == other.text);
     }
 };
+
+using Commands = std::bitset<std::size(COMMANDS)>; ///< by id
 
 /// One route with a function for each command it serves.
 class Route {
@@ -110,7 +116,42 @@ public:
         return path.empty();
     }
 
+    /// As it was given, with one '/' at its beginning and none at its end.
+    std::string text() const
+    {
+        std::string text;
+        for (const Segment& segment : m_segments) {
+            text += segment.kind == Segment::Kind::ePARAMETER ? "/{" + segment.text + "}" : "/" + segment.text;
+        }
+        return text.empty() ? "/" : text;
+    }
+
+    /// The path that this route would be for if only its texts had been mistaken: parameters are as in `path`, which is
+    /// without outer '/'. Those that `path` is too short for are empty.
+    std::string filledFrom(std::string_view path) const
+    {
+        std::string filled;
+        for (const Segment& segment : m_segments) {
+            if (segment.kind == Segment::Kind::eREST) {
+                return filled.append("/").append(path);
+            }
+            const std::string_view here = takeSegment(path);
+            filled.append("/").append(segment.kind == Segment::Kind::eTEXT ? segment.text : here);
+        }
+        return filled;
+    }
+
+    Commands commands() const
+    {
+        Commands served;
+        for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
+            served[id] = static_cast<bool>(functions[id]);
+        }
+        return served;
+    }
+
     std::array<ResourceHandler::Function, std::size(COMMANDS)> functions; ///< by id of the command
+    std::array<RouteInfo, std::size(COMMANDS)> infos;                     ///< likewise
 
 private:
     std::vector<Segment> m_segments;
@@ -134,22 +175,64 @@ void fail(const Request& request, OpenRequest& open, const char* what)
     open.onError(Response::createErrorResponse(500, what));
 }
 
-/// The commands `route` has, for the client that asked for another one.
-std::string otherCommand(const Request& request, const Route& route)
+/// Of a path that has functions for `commands` only.
+Response noSuchCommand(const Request& request, Commands commands)
 {
     std::string known;
     for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
-        if (route.functions[id]) {
+        if (commands[id]) {
             known.append(known.empty() ? "'" : ", '").append(COMMANDS[id]).append("'");
         }
     }
-    return fmt::format("'{}' does not serve '{}'; it serves {}", request.getPath(), request.getCommand(), known);
+    return Response::createErrorResponse(
+        405, fmt::format("'{}' does not serve '{}'; it serves {}", request.getPath(), request.getCommand(), known));
+}
+
+/// What may have been meant by `path`; empty when nothing is near.
+std::string nearestPath(const std::string& path, const std::vector<Route>& routes)
+{
+    if (path.size() > util::LONGEST_NEAR_NAME) {
+        return {};
+    }
+    std::vector<std::string> paths;
+    for (const Route& route : routes) {
+        paths.push_back(route.filledFrom(withoutOuterSlashes(path)));
+    }
+    const std::string_view nearest = util::nearestName(path, std::vector<std::string_view>(paths.begin(), paths.end()));
+    for (std::size_t i = 0; !nearest.empty() && i < routes.size(); ++i) {
+        if (nearest.data() == paths[i].data()) {
+            const bool isTooShort = nearest.back() == '/'; // so it shows which parameter is missing
+            return isTooShort ? routes[i].text() : paths[i];
+        }
+    }
+    return {};
+}
+
+Response noSuchResource(const Request& request, const std::vector<Route>& routes)
+{
+    std::string text = fmt::format("no resource at '{}'", request.getPath());
+    if (const std::string nearest = nearestPath(request.getPath(), routes); !nearest.empty()) {
+        text += fmt::format("; did you mean '{}'?", nearest);
+    }
+    return Response::createErrorResponse(404, text);
 }
 
 } // namespace
 
 class ResourceHandler::Impl {
 public:
+    Impl()
+    {
+        const auto tell = [this](const Request&, const PathParameters&, const Responder& responder) {
+            if (auto list = describe()) {
+                responder.answer(std::move(*list));
+            } else {
+                responder.fail(500, obr::ErrorStorage::reason());
+            }
+        };
+        add(commands::RETRIEVE, resources::PATH, tell, {});
+    }
+
     ~Impl()
     {
         for (const auto& open : m_requests.close()) {
@@ -157,7 +240,7 @@ public:
         }
     }
 
-    void add(std::string_view command, std::string_view text, Function function)
+    void add(std::string_view command, std::string_view text, Function function, RouteInfo info)
     {
         const int id = commands::toId(command);
         Route route(text);
@@ -177,6 +260,7 @@ public:
             place = m_routes.insert(place, std::move(route));
         }
         place->functions[static_cast<std::size_t>(id)] = std::move(function);
+        place->infos[static_cast<std::size_t>(id)] = std::move(info);
     }
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
@@ -184,7 +268,7 @@ public:
         PathParameters parameters;
         const std::string_view path = withoutOuterSlashes(request.getPath());
         const int id = commands::toId(request.getCommand());
-        const Route* other = nullptr;
+        Commands others;
         for (Route& route : m_routes) {
             if (!route.matches(path, parameters)) {
                 continue;
@@ -192,11 +276,9 @@ public:
             if (id >= 0 && route.functions[static_cast<std::size_t>(id)]) {
                 return serve(route.functions[static_cast<std::size_t>(id)], request, parameters, std::move(handler));
             }
-            other = other == nullptr ? &route : other;
+            others |= route.commands();
         }
-        handler->onError(Response::createErrorResponse(404, other == nullptr
-                                                                ? fmt::format("no resource at '{}'", request.getPath())
-                                                                : otherCommand(request, *other)));
+        handler->onError(others.none() ? noSuchResource(request, m_routes) : noSuchCommand(request, others));
         return UNDEFINED_REQUEST_HANDLE;
     }
 
@@ -225,6 +307,23 @@ private:
         return open->handle();
     }
 
+    optional<Payload> describe() const
+    {
+        std::vector<std::string> paths; // which the list refers to
+        for (const Route& route : m_routes) {
+            paths.push_back(route.text());
+        }
+        std::vector<resources::Resource> list;
+        for (std::size_t i = 0; i < m_routes.size(); ++i) {
+            for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
+                if (m_routes[i].functions[id] && paths[i] != resources::PATH) {
+                    list.push_back({paths[i], COMMANDS[id], m_routes[i].infos[id]});
+                }
+            }
+        }
+        return resources::describe(std::move(list));
+    }
+
     std::vector<Route> m_routes; ///< the most particular first
     OpenRequests m_requests;
 };
@@ -233,9 +332,10 @@ ResourceHandler::ResourceHandler() : m_impl(std::make_unique<Impl>()) {}
 
 ResourceHandler::~ResourceHandler() = default;
 
-ResourceHandler& ResourceHandler::add(std::string_view command, std::string_view route, Function function)
+ResourceHandler& ResourceHandler::add(std::string_view command, std::string_view route, Function function,
+                                      RouteInfo info)
 {
-    m_impl->add(command, route, std::move(function));
+    m_impl->add(command, route, std::move(function), std::move(info));
     return *this;
 }
 

@@ -2,11 +2,12 @@
 // values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header
 // "room", never answers "/hang", begins a stream at "/feed" and never goes on with it, has answers that are hard to
 // show, and refuses the rest.
-// "/media/radio" is the same, and registered before it.
+// "/media/radio" is the same, and registered before it; as its resources it names what is no such list.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/resources.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
@@ -17,6 +18,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -68,7 +70,7 @@ void addAnswersThatAreHardToShow(kesa::ResourceHandler& player)
 std::shared_ptr<kesa::ResourceHandler> makePlayer()
 {
     auto player = std::make_shared<kesa::ResourceHandler>();
-    player->onRetrieve("/", answerTitle);
+    player->onRetrieve("/", answerTitle, kesa::about("what plays").stream().answer(R"({"type":"object"})"));
     const auto kept = std::make_shared<std::vector<Responder>>();
     player->onRetrieve("/hang", [kept](const Request&, Responder responder) { kept->push_back(std::move(responder)); });
     player->onRetrieve("/feed", [kept](const Request&, Responder responder) {
@@ -83,9 +85,15 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
         responder.answer(json(room.isString() ? "\"" + room.toText() + "\"" : room.toText()));
     });
     addAnswersThatAreHardToShow(*player);
-    player->onUpdate(
-        "/volume", [](const Request& request, const Responder& responder) { responder.answer(request.getPayload()); });
+    const auto echo = [](const Request& request, const Responder& responder) {
+        responder.answer(request.getPayload());
+    };
+    player->onUpdate("/volume", echo, kesa::about("louder\x1b[31m, or not").body(R"({"type":"object"})"));
     player->onDelete("/volume", [](const Request&, const Responder& responder) { responder.complete(); });
+    player->onRetrieve("/tracks/{number}",
+                       [](const Request&, const kesa::PathParameters& parameters, const Responder& responder) {
+                           responder.answer(json(std::string(parameters["number"])));
+                       });
     return player;
 }
 
@@ -100,11 +108,15 @@ int main()
     if (KesaRuntime::initInstance("media", KesaRuntime::WITH_REGISTRYD)) {
         return 1;
     }
+    const auto radio = makePlayer();
+    radio->onRetrieve(kesa::resources::PATH, [](const Request&, const Responder& responder) {
+        responder.answer(json(R"([{"resource":"/","command":7}])"));
+    });
     std::vector<kesa::Disposable> registrations;
-    for (const char* const path : {"/media/radio", "/media/player"}) {
+    for (const auto& [path, service] : {std::pair{"/media/radio", radio}, std::pair{"/media/player", makePlayer()}}) {
         registrations.push_back(KesaRuntime::getInstance()->registerService(
-            path, makePlayer(), ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"},
-            kesa::GenericObject{{"description", "plays"}}, kesa::handler<ServiceDef>([](const ServiceDef&) {})));
+            path, service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"}, kesa::GenericObject{{"description", "plays"}},
+            kesa::handler<ServiceDef>([](const ServiceDef&) {})));
     }
     std::puts("started");
     std::fflush(stdout);

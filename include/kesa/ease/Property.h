@@ -39,17 +39,19 @@ public:
     void set(T value) { m_state->set(std::move(value)); }
 
     /// Adds a route that answers and streams it. Before the service is registered.
-    void serve(ResourceHandler& service, std::string_view route)
+    void serve(ResourceHandler& service, std::string_view route, RouteInfo info = {})
     {
-        service.onRetrieve(route, [state = m_state](const Request& request, const Responder& responder) {
+        const auto answer = [state = m_state](const Request& request, const Responder& responder) {
             state->followers.answer(request, responder);
-        });
+        };
+        service.onRetrieve(route, answer, std::move(info.stream()));
     }
-    /// The same with "update", which sets it: 400 when the body is no such value.
-    void serveWritable(ResourceHandler& service, std::string_view route)
+    /// The same with "update", which sets it: 400 when the body is no such value. What `info` says of the answer is
+    /// said of that body, too.
+    void serveWritable(ResourceHandler& service, std::string_view route, const RouteInfo& info = {})
     {
-        serve(service, route);
-        service.onUpdate(route, [state = m_state](const Request& request, const Responder& responder) {
+        serve(service, route, info);
+        const auto set = [state = m_state](const Request& request, const Responder& responder) {
             T value{};
             if (detail::decode(request.getPayload(), value)) {
                 responder.fail(400, "the body is no value of this property");
@@ -58,7 +60,8 @@ public:
             } else {
                 responder.complete();
             }
-        });
+        };
+        service.onUpdate(route, set, info.ofSetting());
     }
 
 private:

@@ -5,6 +5,7 @@
 #include <kesa/commands.h>
 #include <kesa/ease/PathParameters.h>
 #include <kesa/ease/Responder.h>
+#include <kesa/ease/RouteInfo.h>
 #include <util/UniqueFunction.h>
 
 #include <memory>
@@ -26,8 +27,13 @@ namespace kesa {
 ///
 /// A route is a path whose segments may be parameters, "{name}", for one segment each; "**" as the last one stands for
 /// all further segments, also none, and is a parameter of that name. The most particular route wins: segment by
-/// segment, text goes before a parameter and that before "**". No route, or none for the command: 404 with a text that
-/// says so.
+/// segment, text goes before a parameter and that before "**". No route: 404 with a text that names the nearest. None
+/// for the command: 405 with one that names the commands there are.
+///
+/// It says by itself which routes it has (resources.h), unless a route of the same text says otherwise. What is said of
+/// a route stands at its end:
+///
+///     service->onRetrieve("/cpu", answerCpu, kesa::about("load of all cores").answer(R"({"type":"number"})"));
 ///
 /// Threads: routes are added before the service is registered. The functions are called as `IKesaApi` says, one
 /// request at a time; the `Responder` may be kept and used from any thread. What is open when the object dies is
@@ -43,29 +49,29 @@ public:
     ~ResourceHandler() override;
 
     template <class F>
-    ResourceHandler& onRetrieve(std::string_view route, F function)
+    ResourceHandler& onRetrieve(std::string_view route, F function, RouteInfo info = {})
     {
-        return add(commands::RETRIEVE, route, adapt(std::move(function)));
+        return add(commands::RETRIEVE, route, adapt(std::move(function)), std::move(info));
     }
     template <class F>
-    ResourceHandler& onUpdate(std::string_view route, F function)
+    ResourceHandler& onUpdate(std::string_view route, F function, RouteInfo info = {})
     {
-        return add(commands::UPDATE, route, adapt(std::move(function)));
+        return add(commands::UPDATE, route, adapt(std::move(function)), std::move(info));
     }
     template <class F>
-    ResourceHandler& onDelete(std::string_view route, F function)
+    ResourceHandler& onDelete(std::string_view route, F function, RouteInfo info = {})
     {
-        return add(commands::DELETE, route, adapt(std::move(function)));
+        return add(commands::DELETE, route, adapt(std::move(function)), std::move(info));
     }
     template <class F>
-    ResourceHandler& onInsert(std::string_view route, F function)
+    ResourceHandler& onInsert(std::string_view route, F function, RouteInfo info = {})
     {
-        return add(commands::INSERT, route, adapt(std::move(function)));
+        return add(commands::INSERT, route, adapt(std::move(function)), std::move(info));
     }
 
     /// What the operations above do: replaces the function for `command` on `route`. A malformed route is refused with
     /// a trace (4) on "KESA_EASE" that says why.
-    ResourceHandler& add(std::string_view command, std::string_view route, Function function);
+    ResourceHandler& add(std::string_view command, std::string_view route, Function function, RouteInfo info = {});
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
     void cancel(void* handle) noexcept override;

@@ -34,12 +34,13 @@ public:
     /// How many follow, as far as the last value has shown.
     std::size_t followers() const { return m_followers->count(); }
 
-    /// Adds its route. Before the service is registered; any number of times.
-    void serve(ResourceHandler& service, std::string_view route)
+    /// Adds its route, as a stream. Before the service is registered; any number of times.
+    void serve(ResourceHandler& service, std::string_view route, RouteInfo info = {})
     {
-        service.onRetrieve(route, [followers = m_followers](const Request& request, const Responder& responder) {
+        const auto answer = [followers = m_followers](const Request& request, const Responder& responder) {
             followers->answer(request, responder);
-        });
+        };
+        service.onRetrieve(route, answer, std::move(info.stream()));
     }
 
 private:

@@ -1,6 +1,8 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/resources.h>
+#include <kesa/mimetypes.h>
 #include <tracing/CapturingSink.h>
 
 #include <stdexcept>
@@ -49,18 +51,102 @@ TEST(ResourceHandler, SaysWhatItDoesNotServe)
     ResourceHandler service;
     service.onRetrieve("/cpu", [](const Request&, Responder responder) { responder.answer(text("1")); })
         .onUpdate("/cpu", [](const Request&, Responder responder) { responder.fail(400, "no"); });
-    EXPECT_EQ(ask(service, "retrieve", "/gpu"), "404: no resource at '/gpu'");
-    EXPECT_EQ(ask(service, "delete", "/cpu"), "404: '/cpu' does not serve 'delete'; it serves 'retrieve', 'update'");
+    EXPECT_EQ(ask(service, "retrieve", "/memory"), "404: no resource at '/memory'");
+    EXPECT_EQ(ask(service, "delete", "/cpu"), "405: '/cpu' does not serve 'delete'; it serves 'retrieve', 'update'");
     EXPECT_EQ(ask(service, "update", "/cpu"), "400: no");
     // A broad route for the command helps out where the particular one has none.
     service.onDelete("/{x}", [](const Request&, Responder responder) { responder.answer(text("gone")); });
     EXPECT_EQ(ask(service, "delete", "/cpu"), "gone");
+    EXPECT_EQ(ask(service, "ping", "/cpu"),
+              "405: '/cpu' does not serve 'ping'; it serves 'retrieve', 'update', 'delete'");
 
     // Refused routes serve nothing.
     for (const char* route : {"/**/a", "/a//b", "/{x", "/a{x}", "/{}"}) {
         service.onInsert(route, [](const Request&, Responder responder) { responder.answer(text("no")); });
     }
     EXPECT_EQ(ask(service, "insert", "/x/a"), "404: no resource at '/x/a'");
+}
+
+TEST(ResourceHandler, NamesTheNearestRoute)
+{
+    ResourceHandler service;
+    for (const char* route : {"/", "/cpu/load", "/net/{interface}/received", "/file/{name}", "/log/**"}) {
+        service.onRetrieve(route, [](const Request&, Responder responder) { responder.complete(); });
+    }
+    const auto meant = [&service](const std::string& path) {
+        const std::string answer = ask(service, "retrieve", path);
+        const std::string start = "404: no resource at '" + path + "'";
+        EXPECT_THAT(answer, testing::StartsWith(start));
+        return answer.substr(start.size());
+    };
+    EXPECT_EQ(meant("/cpu/laod"), "; did you mean '/cpu/load'?");
+    EXPECT_EQ(meant("cpu"), "");
+    EXPECT_EQ(meant("/nte/eth0/received"), "; did you mean '/net/eth0/received'?");
+    EXPECT_EQ(meant("/file"), "; did you mean '/file/{name}'?");
+    EXPECT_EQ(meant("/file/a/b"), "; did you mean '/file/a'?");
+    EXPECT_EQ(meant("/lgo/2026/may"), "; did you mean '/log/2026/may'?");
+    EXPECT_EQ(meant("/" + std::string(10000, 'x')), "");
+}
+
+TEST(ResourceHandler, SaysWhichRoutesItHas)
+{
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
+    ResourceHandler service;
+    const std::string path(resources::PATH);
+    EXPECT_EQ(ask(service, "retrieve", path), "[]");
+    const auto answer = [](const Request&, Responder responder) { responder.answer(text("own")); };
+    service.onUpdate("hello/{name}/", answer, about("sets").body(R"({ "type": "string" })").answer("{torn"))
+        .onRetrieve("/hello/{name}", answer, about("greets").stream().answer("true"))
+        .onRetrieve("/.well-known/{x}", answer)
+        .onRetrieve("**", answer);
+    EXPECT_THAT(sink->take(), testing::ElementsAre(testing::HasSubstr(
+                                  "the schema of the answer of 'sets' is left out, since it is no JSON: 1:2:")));
+    ::tracing::setSink(nullptr);
+    EXPECT_EQ(
+        ask(service, "retrieve", path),
+        R"([{"answers":"single","command":"retrieve","resource":"/**"},)"
+        R"({"answers":"single","command":"retrieve","resource":"/.well-known/{x}"},)"
+        R"({"answer":true,"answers":"stream","command":"retrieve","resource":"/hello/{name}","text":"greets"},)"
+        R"({"answers":"single","body":{"type":"string"},"command":"update","resource":"/hello/{name}","text":"sets"}])");
+    EXPECT_EQ(
+        get(service, Request(commands::RETRIEVE, path), std::chrono::seconds(1)).response->getPayload().getMimeType(),
+        mimetypes::JSON);
+    EXPECT_THAT(ask(service, "insert", path), testing::StartsWith("405"));
+
+    service.onRetrieve("/bad", answer, about("\xff"));
+    EXPECT_THAT(ask(service, "retrieve", path), testing::HasSubstr("500: "));
+    service.onRetrieve(path, answer);
+    EXPECT_EQ(ask(service, "retrieve", path), "own");
+}
+
+TEST(ResourceHandler, AServiceWrittenByHandSaysItLikewise)
+{
+    class Mixer : public IKesaApi {
+    public:
+        void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
+        {
+            if (resources::areAskedBy(request)) {
+                return resources::tell(*handler, {{"/volume", commands::UPDATE, about("in percent")},
+                                                  {"/volume", commands::RETRIEVE, about(m_text).stream()},
+                                                  {"/mute", commands::UPDATE}});
+            }
+            handler->onError(Response::createErrorResponse(404));
+            return UNDEFINED_REQUEST_HANDLE;
+        }
+        void cancel(void*) override {}
+        std::string m_text;
+    };
+    Mixer mixer;
+    const std::string path(resources::PATH);
+    EXPECT_EQ(ask(mixer, "retrieve", path),
+              R"([{"answers":"single","command":"update","resource":"/mute"},)"
+              R"({"answers":"stream","command":"retrieve","resource":"/volume"},)"
+              R"({"answers":"single","command":"update","resource":"/volume","text":"in percent"}])");
+    EXPECT_EQ(ask(mixer, "update", path), "404");
+    EXPECT_EQ(ask(mixer, "retrieve", "/volume"), "404");
+    mixer.m_text = "\xff";
+    EXPECT_THAT(ask(mixer, "retrieve", path), testing::HasSubstr("500: "));
 }
 
 TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)

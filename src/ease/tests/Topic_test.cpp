@@ -4,6 +4,7 @@
 #include <kesa/ease/Topic.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/resources.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
@@ -68,6 +69,21 @@ TEST_F(Values, EachFollowerHasItsFormat)
     topic.publish("y");
     EXPECT_THAT(told, ElementsAre("\"x\"", "\"y\""));
     servicecomp::overrideMimeTypeFunc({});
+}
+
+TEST_F(Values, TheirRoutesSayThatTheyAreStreams)
+{
+    Topic<double> topic;
+    topic.serve(service, "/t");
+    Property<int> property(50);
+    property.serveWritable(service, "/v", about("percent").answer(R"({"type":"integer"})"));
+    const GetResult list =
+        get(service, Request(commands::RETRIEVE, std::string(resources::PATH)), std::chrono::seconds(1));
+    EXPECT_EQ(
+        list.response->getPayload().text(),
+        R"([{"answers":"stream","command":"retrieve","resource":"/t"},)"
+        R"({"answer":{"type":"integer"},"answers":"stream","command":"retrieve","resource":"/v","text":"percent"},)"
+        R"({"answers":"single","body":{"type":"integer"},"command":"update","resource":"/v","text":"percent"}])");
 }
 
 TEST_F(Values, APropertyTellsChangesOnly)

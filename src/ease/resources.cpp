@@ -1,0 +1,68 @@
+#include <kesa/ease/resources.h>
+
+#include <kesa/GenericObject.h>
+#include <kesa/IKesaApi.h>
+#include <kesa/commands.h>
+#include <kesa/core/PayloadConversion.h>
+#include <kesa/mimetypes.h>
+#include <obr/ErrorStorage.h>
+
+#include <algorithm>
+#include <string>
+#include <tuple>
+#include <utility>
+
+namespace kesa::resources {
+
+namespace {
+
+using util::config::Value;
+
+Value asValue(const Resource& resource)
+{
+    GenericObject object{{"resource", resource.path},
+                         {"command", resource.command},
+                         {"answers", resource.info.isStream() ? "stream" : "single"}};
+    const auto addIfGiven = [&object](std::string_view name, const Value& value) {
+        if (value.isDefined()) {
+            object.set(name, value);
+        }
+    };
+    addIfGiven("text", resource.info.text().empty() ? Value() : Value(resource.info.text()));
+    addIfGiven("body", resource.info.bodySchema());
+    addIfGiven("answer", resource.info.answerSchema());
+    return object;
+}
+
+} // namespace
+
+bool areAskedBy(const Request& request) noexcept
+{
+    return request.getPath() == PATH && request.getCommand() == commands::RETRIEVE;
+}
+
+optional<Payload> describe(std::vector<Resource> resources)
+{
+    std::sort(resources.begin(), resources.end(), [](const Resource& a, const Resource& b) {
+        return std::tie(a.path, a.command) < std::tie(b.path, b.command);
+    });
+    Value::Array list;
+    for (const Resource& resource : resources) {
+        list.push_back(asValue(resource));
+    }
+    obr::ErrorStorage::ack();
+    return serializer::toPayload(Value(std::move(list)), mimetypes::JSON);
+}
+
+void* tell(IResponseHandler<Response>& handler, std::vector<Resource> resources)
+{
+    if (auto list = describe(std::move(resources))) {
+        handler.onNext(Response(200, std::move(*list)));
+        handler.onCompleted();
+    } else {
+        handler.onError(Response::createErrorResponse(500, obr::ErrorStorage::reason()));
+    }
+    return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+}
+
+} // namespace kesa::resources
