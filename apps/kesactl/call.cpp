@@ -4,6 +4,7 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "resources.h"
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
@@ -14,12 +15,16 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iostream>
 #include <iterator>
 #include <optional>
 
 namespace kesactl {
 namespace {
+
+/// The options that say what to ask for.
+constexpr const char* OF_REQUEST[] = {"RESOURCE", "--command", "--body", "--header", "--follow"};
 
 struct Arguments {
     std::string path;
@@ -31,6 +36,7 @@ struct Arguments {
     std::string locator;
     bool isFollowing = false;
     std::uint64_t count = 0; ///< of values; 0: to the end
+    bool isAlone = true;     ///< none of `OF_REQUEST` was given
     CommonOptions common;
 };
 
@@ -149,6 +155,10 @@ void call(const Arguments& arguments)
     const System system(arguments.locator.empty());
     Connection connection(find(system, arguments, deadline));
     const Connection::Client client = connection.client(deadline);
+    if (arguments.isAlone) {
+        printResources(client, arguments.path, arguments.common, deadline);
+        return;
+    }
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
     Answers answers(client, request);
     const ReaderWatch reader([&answers] { answers.interrupt(); });
@@ -186,9 +196,12 @@ void call(const Arguments& arguments)
 void addCall(CLI::App& app)
 {
     auto arguments = std::make_shared<Arguments>();
-    CLI::App* const command = app.add_subcommand("call", "Sends a request to a service and prints the answer.");
+    CLI::App* const command = app.add_subcommand(
+        "call", "Sends a request to a service and prints the answer; PATH alone lists its resources.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
-    command->add_option("RESOURCE", arguments->resource, "Inside the service.")->check(checkResource)->type_name("");
+    command->add_option("RESOURCE", arguments->resource, "Inside the service; / for the service itself.")
+        ->check(checkResource)
+        ->type_name("");
     command->add_option("--command", arguments->command, "retrieve, insert, update, delete, or any other word.")
         ->check(checkCommand)
         ->type_name("COMMAND")
@@ -206,7 +219,11 @@ void addCall(CLI::App& app)
         command->add_flag("--follow", arguments->isFollowing, "Asks for a stream, and prints it until it ends.");
     command->add_option("--count", arguments->count, "Ends after so many values.")->needs(follow)->type_name("VALUES");
     addCommonOptions(*command, arguments->common, "How long until the first answer.");
-    command->callback([arguments] { call(*arguments); });
+    command->callback([arguments, command] {
+        arguments->isAlone = std::all_of(std::begin(OF_REQUEST), std::end(OF_REQUEST),
+                                         [command](const char* option) { return command->count(option) == 0; });
+        call(*arguments);
+    });
 }
 
 } // namespace kesactl

@@ -97,6 +97,24 @@ std::string fitted(const std::string& text)
     return cut;
 }
 
+std::string aligned(const std::vector<std::vector<std::string>>& rows)
+{
+    std::vector<std::size_t> widths(rows.front().size());
+    for (const std::vector<std::string>& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            widths[column] = std::max(widths[column], row[column].size());
+        }
+    }
+    std::string text;
+    for (const std::vector<std::string>& row : rows) {
+        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
+            text += fmt::format("{:<{}}  ", row[column], widths[column]);
+        }
+        text += row.back() + '\n';
+    }
+    return text;
+}
+
 std::string asJsonString(std::string_view text)
 {
     const std::string list = util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace kesactl {
 
@@ -22,6 +23,10 @@ void printFailure(const Failure& failure, bool isJson);
 
 /// Cuts each line at the width of the terminal, with an ellipsis for what is missing; unchanged when stdout is none.
 std::string fitted(const std::string& text);
+
+/// A table: each column is as wide as its longest text, the last one not filled up. `rows` are of one length, the
+/// heading among them.
+std::string aligned(const std::vector<std::vector<std::string>>& rows);
 
 /// `text` in quotation marks, as JSON has it.
 std::string asJsonString(std::string_view text);

@@ -1,6 +1,7 @@
 #include "print_services.h"
 
 #include "Failure.h"
+#include "output.h"
 
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/core/Serializer.h>
@@ -75,25 +76,6 @@ const Column* findColumn(std::string_view name)
     return found == std::end(COLUMNS) ? nullptr : found;
 }
 
-/// Each as wide as its longest text; the last one is not filled up.
-std::string align(const std::vector<Strings>& rows)
-{
-    std::vector<std::size_t> widths(rows.front().size());
-    for (const Strings& row : rows) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            widths[column] = std::max(widths[column], row[column].size());
-        }
-    }
-    std::string text;
-    for (const Strings& row : rows) {
-        for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            text += fmt::format("{:<{}}  ", row[column], widths[column]);
-        }
-        text += row.back() + '\n';
-    }
-    return text;
-}
-
 /// A segment of paths with what is below it.
 struct Node {
     const ServiceDef* service = nullptr;
@@ -152,7 +134,7 @@ std::string asTable(const Services& services, const Strings& columns)
             rows.back().push_back(findColumn(column)->textOf(service));
         }
     }
-    return align(rows);
+    return aligned(rows);
 }
 
 std::string asTree(const Services& services)

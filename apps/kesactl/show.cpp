@@ -3,6 +3,7 @@
 #include "options.h"
 #include "output.h"
 #include "print_services.h"
+#include "resources.h"
 
 #include <CLI/CLI.hpp>
 
@@ -11,13 +12,20 @@ namespace {
 
 struct Arguments {
     std::string path;
+    bool wantsResources = false;
     CommonOptions common;
 };
 
 void show(const Arguments& arguments)
 {
+    const comm::TimeNs deadline = arguments.common.deadline();
     const System system;
-    const ServiceDef service = findService(system, arguments.path, arguments.common.deadline());
+    const ServiceDef service = findService(system, arguments.path, deadline);
+    if (arguments.wantsResources) {
+        Connection connection(service);
+        printResources(connection.client(deadline), arguments.path, arguments.common, deadline);
+        return;
+    }
     print(arguments.common.isJson ? asJson(service) + '\n' : asDetails(service));
 }
 
@@ -28,7 +36,9 @@ void addShow(CLI::App& app)
     auto arguments = std::make_shared<Arguments>();
     CLI::App* const command = app.add_subcommand("show", "Shows all that is known of one service.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
-    addCommonOptions(*command, arguments->common, "How long the registry may take to answer.");
+    command->add_flag("--resources", arguments->wantsResources,
+                      "Asks it for its resources, and shows these; as JSON with the schemas of body and answer.");
+    addCommonOptions(*command, arguments->common, "How long the registry and the service may take to answer.");
     command->callback([arguments] { show(*arguments); });
 }
 

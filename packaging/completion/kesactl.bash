@@ -1,4 +1,5 @@
-# Completion of kesactl for bash. Commands, options and arguments are those of its help, paths those that the registry knows.
+# Completion of kesactl for bash. Commands, options and arguments are those of its help, paths those that the registry knows,
+# resources those of which their service says that it has them.
 
 # Prints the lines of the help $1 below "$2:".
 _kesactl_section() {
@@ -27,7 +28,7 @@ _kesactl_value() {
 }
 
 _kesactl() {
-  local program=${1/#\~/$HOME} word=$2 help command='' value='' position=0 words=() i
+  local program=${1/#\~/$HOME} word=$2 help command='' path='' value='' position=0 words=() i
   help=$("$program" --help 2>/dev/null)
   for ((i = 1; i < COMP_CWORD; i++)); do
     if [[ ${COMP_WORDS[i]} == = ]]; then
@@ -41,6 +42,7 @@ _kesactl() {
       help=$("$program" "$command" --help 2>/dev/null)
     else
       position=$((position + 1))
+      [[ $position -ne 1 ]] || path=${COMP_WORDS[i]}
     fi
   done
 
@@ -64,6 +66,10 @@ _kesactl() {
       ;;
     *PATH* | *GLOB*)
       mapfile -t words < <("$program" list --json --timeout 1 2>/dev/null | sed -n 's/^{"path":"\([^"\\]*\)".*/\1/p')
+      ;;
+    RESOURCE*) # those without a parameter
+      mapfile -t words < <("$program" show "$path" --resources --json --timeout 1 2>/dev/null |
+        sed -n 's/^{"resource":"\([^"\\{*]*\)".*/\1/p' | uniq)
       ;;
     COMMAND=*)
       words=(retrieve insert update delete)

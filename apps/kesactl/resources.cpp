@@ -1,0 +1,122 @@
+#include "resources.h"
+
+#include "Answers.h"
+#include "Failure.h"
+#include "output.h"
+
+#include <kesa/commands.h>
+#include <kesa/ease/resources.h>
+#include <kesa/headers.h>
+#include <obr/ErrorStorage.h>
+#include <util/config/Dictionary.h>
+#include <util/config/JSONParser.h>
+
+#include <fmt/format.h>
+
+namespace kesactl {
+namespace {
+
+using util::config::Value;
+
+constexpr std::string_view MEMBERS[] = {"resource", "command", "answers"}; ///< that each of the list has
+
+[[noreturn]] void failSilent(const std::string& path, ExitCode code, const std::string& reason, int status = 0)
+{
+    throw Failure{
+        code,
+        fmt::format("{0} does not say which resources it has: {1}; kesactl call {0} / asks the service itself", path,
+                    reason),
+        status};
+}
+
+bool isList(const Value& value)
+{
+    for (const Value& resource : value.items()) {
+        for (const std::string_view member : MEMBERS) {
+            if (!resource[member].isString()) {
+                return false;
+            }
+        }
+    }
+    return value.isArray();
+}
+
+Value ask(const Connection::Client& client, const std::string& path, const CommonOptions& options,
+          comm::TimeNs deadline)
+{
+    kesa::Request request(kesa::commands::RETRIEVE, std::string(kesa::resources::PATH));
+    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
+    Answers answers(client, request);
+    const ReaderWatch reader([&answers] { answers.interrupt(); });
+    const Answers::Answer answer = answers.next(deadline);
+    const int status = static_cast<int>(answer.response.getStatus());
+    if (answer.kind == Answers::Kind::eINTERRUPTED) {
+        ReaderWatch::fail();
+    }
+    if (answer.kind == Answers::Kind::eTIMED_OUT || status == 504) {
+        failSilent(path, ExitCode::eTIMED_OUT, fmt::format("no answer within {} s", options.timeoutSeconds));
+    }
+    if (answer.kind == Answers::Kind::eERROR) {
+        failSilent(path, ExitCode::eFAILED, kesa::Response::getErrorMessageWithCode(answer.response), status);
+    }
+    Value list;
+    const bool failed = util::config::JSONParser().parseString(answer.response.getPayload().text(), list);
+    obr::ErrorStorage::ack();
+    if (failed || !isList(list)) {
+        failSilent(path, ExitCode::eFAILED, fmt::format("its answer at {} is no such list", kesa::resources::PATH));
+    }
+    return list;
+}
+
+/// What a service says, without what a terminal would obey: control characters are blanks.
+std::string asWords(const Value& value)
+{
+    std::string text(value.stringView());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const auto byte = static_cast<unsigned char>(text[i]);
+        const bool isC1 = byte == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0;
+        if (byte < 0x20 || byte == 0x7f || isC1) {
+            text.replace(i, isC1 ? 2 : 1, " ");
+        }
+    }
+    return text;
+}
+
+std::string asTable(const Value& list)
+{
+    std::vector<std::vector<std::string>> rows{{"RESOURCE", "COMMAND", "ANSWERS", "TEXT"}};
+    for (const Value& resource : list.items()) {
+        const std::string text = asWords(resource["text"]);
+        rows.push_back({asWords(resource["resource"]), asWords(resource["command"]), asWords(resource["answers"]),
+                        text.empty() ? "-" : text});
+    }
+    return aligned(rows);
+}
+
+std::string asJsonLines(const Value& list)
+{
+    std::string lines;
+    for (const Value& resource : list.items()) {
+        util::config::Dictionary others = resource.dictionary();
+        std::string line = "{";
+        for (const std::string_view member : MEMBERS) {
+            line += fmt::format(R"({}"{}":{})", line.size() == 1 ? "" : ",", member,
+                                asJsonString(resource[member].stringView()));
+            others.erase(member);
+        }
+        const std::string rest = others.empty() ? "}" : "," + Value(others).toText().substr(1);
+        lines += line + rest + '\n';
+    }
+    return lines;
+}
+
+} // namespace
+
+void printResources(const Connection::Client& client, const std::string& path, const CommonOptions& options,
+                    comm::TimeNs deadline)
+{
+    const Value list = ask(client, path, options, deadline);
+    print(options.isJson ? asJsonLines(list) : fitted(asTable(list)));
+}
+
+} // namespace kesactl
