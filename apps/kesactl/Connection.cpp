@@ -17,7 +17,10 @@ using kesa::runtime::v02::KesaRuntime;
 
 ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline, const std::string& hint)
 {
-    const Services services = system.view(literal(path))->list(deadline);
+    const auto [services, isAll] = system.view(literal(path))->list(deadline, true);
+    if (services.empty() && !isAll) {
+        RegistryView::failUnsettled();
+    }
     if (services.empty()) {
         throw Failure{ExitCode::eFAILED,
                       fmt::format("no service at {}; kesactl list shows what is there{}", path, hint)};

@@ -10,6 +10,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <functional>
 #include <utility>
 
@@ -17,18 +18,25 @@ namespace kesactl {
 
 using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::RegistryUpdate;
+using kesa::serviceregistry::ServiceRegistryPex;
 using kesa::serviceregistry::ServiceRegistryPexClient;
 using Kind = RegistryView::Event::Kind;
 using Updates = std::vector<RegistryUpdate>;
 
+/// From the start of a registry until every provider has found it again: their longest pause, and some.
+constexpr comm::TimeNs SETTLING = 1500 * comm::MILLISECOND;
+
 /// Shared with the handlers, which may be called as long as the runtime runs.
 struct RegistryView::State : std::enable_shared_from_this<State> {
     void connected(const std::shared_ptr<kesa::IKesaApi>& api);
+    void toldOfRegistry(const RegistryUpdate& update);
     void lost();
     void refused(const kesa::Response& error);
     void told(const Updates& updates);
-    /// The query, if there is one. Not with the mutex held, which its answers take.
+    /// The requests, if there are some. Not with the mutex held, which their answers take.
     void cancel();
+    /// Whether the services of before have had the time to return to a registry that was started anew.
+    bool isSettled() const { return isComplete && comm::now() >= settledAt; }
     /// False at the deadline; a `Failure` when the registry refuses, or nobody is there any more to read the output.
     bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline, const std::function<bool()>& predicate);
 
@@ -42,6 +50,8 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     bool isInterrupted = false;
     std::shared_ptr<ServiceRegistryPexClient> client;
     void* query = nullptr;
+    void* tracking = nullptr; ///< of the registry itself
+    comm::TimeNs settledAt = comm::NEVER;
     Services services;
     bool wasLost = false;
     Services beforeLoss; ///< what `events` had come to
@@ -61,15 +71,22 @@ void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
         const std::lock_guard lock(mutex);
         isConnected = true;
         services.clear();
+        settledAt = comm::now() + SETTLING; // should the registry not say when it began
         changed.notifyAll();
     }
+    auto itself = kesa::handler<RegistryUpdate>(
+        [self = shared_from_this()](const RegistryUpdate& update) { self->toldOfRegistry(update); },
+        [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
     auto answers =
         kesa::handler<Updates>([self = shared_from_this()](const Updates& updates) { self->told(updates); },
                                [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
-    void* const request = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
+    void* const first =
+        registry->main()->trackService(std::move(itself), kesa::Path(ServiceRegistryPex::SERVICE_PATH), {});
+    void* const second = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
     std::unique_lock lock(mutex);
     client = registry;
-    query = request;
+    tracking = first;
+    query = second;
     const bool isOver = hasEnded;
     lock.unlock();
     if (isOver) {
@@ -77,8 +94,20 @@ void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
     }
 }
 
-/// The query may have been issued over the next connection already, before its predecessor's loss was told; so it is
-/// cancelled, and no answer of it comes after the loss.
+/// A time of another clock, as of another host, may be later than now, and tells nothing.
+void RegistryView::State::toldOfRegistry(const RegistryUpdate& update)
+{
+    const std::lock_guard lock(mutex);
+    std::uint64_t started = 0;
+    if (update.element->metainfo && !(*update.element->metainfo)["started_ms"].get(started) &&
+        started <= static_cast<std::uint64_t>(comm::now() / comm::MILLISECOND)) {
+        settledAt = static_cast<comm::TimeNs>(started) * comm::MILLISECOND + SETTLING;
+        changed.notifyAll();
+    }
+}
+
+/// The requests may have been issued over the next connection already, before its predecessor's loss was told; so they
+/// are cancelled, and no answer of them comes after the loss.
 void RegistryView::State::lost()
 {
     cancel();
@@ -90,6 +119,7 @@ void RegistryView::State::lost()
     }
     isConnected = false;
     isComplete = false;
+    settledAt = comm::NEVER;
     changed.notifyAll();
 }
 
@@ -107,10 +137,12 @@ void RegistryView::State::cancel()
 {
     std::unique_lock lock(mutex);
     const auto registry = std::exchange(client, nullptr);
-    void* const request = std::exchange(query, nullptr);
+    void* const first = std::exchange(tracking, nullptr);
+    void* const second = std::exchange(query, nullptr);
     lock.unlock();
     if (registry) {
-        registry->main()->cancelRequest(request);
+        registry->main()->cancelRequest(first);
+        registry->main()->cancelRequest(second);
     }
 }
 
@@ -142,14 +174,21 @@ void RegistryView::State::told(const Updates& updates)
 bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
                                 const std::function<bool()>& predicate)
 {
-    const bool isSo = comm::waitFor(
-        changed, lock, [&] { return refusal || isInterrupted || predicate(); }, deadline);
-    if (refusal) {
-        throw Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*refusal)};
-    }
-    if (isInterrupted) {
-        ReaderWatch::fail();
-    }
+    bool isSo = false;
+    do {
+        const comm::TimeNs settling = settledAt; // when the predicate may become true without news
+        comm::waitFor(
+            changed, lock, [&] { return refusal || isInterrupted || predicate() || settledAt != settling; },
+            settling > comm::now() ? std::min(settling, deadline) : deadline);
+        if (refusal) {
+            throw Failure{ExitCode::eFAILED,
+                          "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*refusal)};
+        }
+        if (isInterrupted) {
+            ReaderWatch::fail();
+        }
+        isSo = predicate();
+    } while (!isSo && comm::now() < deadline);
     return isSo;
 }
 
@@ -201,25 +240,44 @@ RegistryView::~RegistryView()
     m_subscription.dispose();
 }
 
-Services RegistryView::list(comm::TimeNs deadline)
+void RegistryView::await(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     if (!m_state->await(lock, deadline, [this] { return m_state->isComplete; })) {
         failUnreachable(m_state->isConnected);
     }
-    return m_state->services;
 }
 
-bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Services& services)
+RegistryView::Answer RegistryView::list(comm::TimeNs deadline, bool isAnyEnough)
 {
     std::unique_lock lock(m_state->mutex);
-    const bool isSo =
-        m_state->await(lock, deadline, [&] { return m_state->isComplete && m_state->services.empty() == isGone; });
+    m_state->await(lock, deadline, [&] {
+        return m_state->isSettled() || (isAnyEnough && m_state->isComplete && !m_state->services.empty());
+    });
     if (!m_state->isComplete) {
         failUnreachable(m_state->isConnected);
     }
-    services = m_state->services;
+    return {m_state->services, m_state->isSettled()};
+}
+
+bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Answer& answer)
+{
+    std::unique_lock lock(m_state->mutex);
+    const bool isSo = m_state->await(lock, deadline, [&] {
+        return m_state->services.empty() == isGone && (isGone ? m_state->isSettled() : m_state->isComplete);
+    });
+    if (!m_state->isComplete) {
+        failUnreachable(m_state->isConnected);
+    }
+    answer = {m_state->services, m_state->isSettled()};
     return isSo;
+}
+
+void RegistryView::failUnsettled()
+{
+    throw Failure{ExitCode::eTIMED_OUT,
+                  "the registry has just started, and services may be on their way back to it; try again, or with a "
+                  "longer --timeout"};
 }
 
 RegistryView::Event RegistryView::next()

@@ -36,6 +36,11 @@ public:
         ServiceDef service; ///< for the first two
     };
 
+    struct Answer {
+        Services services;
+        bool isAll; ///< false: the registry has just started, and services of before may not have returned to it
+    };
+
     RegistryView(std::vector<kesa::url> locators, const std::string& glob);
     ~RegistryView();
     RegistryView(const RegistryView&) = delete;
@@ -43,11 +48,16 @@ public:
 
     // Each ends with a `Failure` when the registry refuses to tell, and once it is interrupted.
 
-    /// The services at the moment. A `Failure` when the registry has not told them by the deadline.
-    Services list(comm::TimeNs deadline);
-    /// Waits until there are some (`isGone`: none), as far as the registry knows. False at the deadline; a `Failure`
-    /// when the registry could not be asked at all.
-    bool waitFor(bool isGone, comm::TimeNs deadline, Services& services);
+    /// Waits for the registry. A `Failure` when it has not answered by the deadline.
+    void await(comm::TimeNs deadline);
+    /// The services at the moment, as soon as these are all (`isAnyEnough`: or there is one); at the deadline, what is
+    /// known. A `Failure` when the registry has told nothing.
+    Answer list(comm::TimeNs deadline, bool isAnyEnough = false);
+    /// Waits until there are some (`isGone`: none). False at the deadline; a `Failure` when the registry could not be
+    /// asked at all.
+    bool waitFor(bool isGone, comm::TimeNs deadline, Answer& answer);
+    /// How a command ends that had to know all.
+    [[noreturn]] static void failUnsettled();
     /// The next change, whenever it comes.
     Event next();
     /// The reader of the output has gone. Any thread.

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <functional>
 
 namespace kesactl {
 namespace {
@@ -41,15 +42,18 @@ bool isWanted(const ServiceDef& service, const Arguments& arguments)
            (arguments.provider.empty() || arguments.provider == providerOf(service));
 }
 
-Services find(const Arguments& arguments)
+RegistryView::Answer find(const Arguments& arguments)
 {
     const System system;
-    const Services all = system.view(arguments.glob)->list(arguments.common.deadline());
+    const auto [all, isAll] = system.view(arguments.glob)->list(arguments.common.deadline());
     Services services;
     for (const auto& [path, service] : all) {
         if (isWanted(service, arguments)) {
             services.emplace(path, service);
         }
+    }
+    if (services.empty() && !isAll) {
+        RegistryView::failUnsettled();
     }
     if (all.empty()) {
         throw Failure{ExitCode::eFAILED, "no service matches '" + arguments.glob + "'; kesactl list shows all"};
@@ -60,7 +64,17 @@ Services find(const Arguments& arguments)
                                   "provider and the metainfo of one",
                                   all.size(), arguments.glob)};
     }
-    return services;
+    return {services, isAll};
+}
+
+/// What is known is printed, even when it may be not all.
+void printList(const Arguments& arguments, const std::function<std::string(const Services&)>& asText)
+{
+    const auto [services, isAll] = find(arguments);
+    print(arguments.common.isJson ? asJsonLines(services) : fitted(asText(services)));
+    if (!isAll) {
+        RegistryView::failUnsettled();
+    }
 }
 
 std::string checkCondition(const std::string& condition)
@@ -101,15 +115,11 @@ void addList(CLI::App& app)
         ->type_name("NAMES")
         ->capture_default_str();
     list.callback([arguments] {
-        const Services services = find(*arguments);
-        print(arguments->common.isJson ? asJsonLines(services) : fitted(asTable(services, arguments->columns)));
+        printList(*arguments, [&](const Services& services) { return asTable(services, arguments->columns); });
     });
     auto ofTree = std::make_shared<Arguments>();
     add(app, "tree", "Shows the services as a tree of their paths; as JSON, the same lines as list.", ofTree)
-        .callback([ofTree] {
-            const Services services = find(*ofTree);
-            print(ofTree->common.isJson ? asJsonLines(services) : fitted(asTree(services)));
-        });
+        .callback([ofTree] { printList(*ofTree, asTree); });
 }
 
 } // namespace kesactl

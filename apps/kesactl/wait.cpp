@@ -23,19 +23,22 @@ struct Arguments {
 void wait(const Arguments& arguments)
 {
     const System system;
-    Services services;
+    RegistryView::Answer answer;
     const auto view = system.view(arguments.glob);
     std::optional<ReaderWatch> reader;
     if (!arguments.isGone) { // which prints nothing
         reader.emplace([&view = *view] { view.interrupt(); });
     }
-    if (!view->waitFor(arguments.isGone, arguments.common.deadline(), services)) {
-        const std::string what = arguments.isGone ? fmt::format("still there: {}", services.begin()->first)
+    if (!view->waitFor(arguments.isGone, arguments.common.deadline(), answer)) {
+        if (arguments.isGone && answer.services.empty()) {
+            RegistryView::failUnsettled();
+        }
+        const std::string what = arguments.isGone ? fmt::format("still there: {}", answer.services.begin()->first)
                                                   : "no service matches '" + arguments.glob + "'";
         throw Failure{ExitCode::eTIMED_OUT, fmt::format("{} after {} s", what, arguments.common.timeoutSeconds)};
     }
     if (!arguments.isGone) {
-        print(arguments.common.isJson ? asJsonLines(services) : fitted(asTable(services)));
+        print(arguments.common.isJson ? asJsonLines(answer.services) : fitted(asTable(answer.services)));
     }
 }
 

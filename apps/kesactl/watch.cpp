@@ -69,7 +69,7 @@ void watch(const Arguments& arguments)
     const System system;
     const auto view = system.view(arguments.glob);
     const ReaderWatch reader([&view = *view] { view.interrupt(); });
-    static_cast<void>(view->list(arguments.common.deadline())); // a registry that is not there is an error at first
+    view->await(arguments.common.deadline()); // a registry that is not there is an error at first
     for (std::uint64_t printed = 0; arguments.count == 0 || printed < arguments.count; ++printed) {
         print(lineOf(view->next(), arguments.common.isJson) + '\n');
     }

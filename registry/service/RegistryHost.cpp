@@ -1,5 +1,6 @@
 #include "service/RegistryImpl.h"
 
+#include <comm/Clock.h>
 #include <kesa/Disposable.h>
 #include <kesa/core/response_handlers.h>
 #include <kesa/registry/RegistryHost.h>
@@ -51,8 +52,9 @@ public:
                 return false;
             },
             [self = shared_from_this()](const Response& error) { self->refused(error); }, [] {});
-        Disposable registration =
-            serviceregistry::registerRegistry(m_runtime, m_service, GenericObject(), std::move(handler));
+        // For whoever has to know whether the services of before may have found a registry that was started anew.
+        const GenericObject metainfo{{"started_ms", comm::now() / comm::MILLISECOND}};
+        Disposable registration = serviceregistry::registerRegistry(m_runtime, m_service, metainfo, std::move(handler));
         const std::lock_guard lock(m_mutex);
         m_registration = std::move(registration);
     }
