@@ -90,13 +90,13 @@ private:
         std::uint64_t handle;
         Handler handler; ///< null: cancelled meanwhile
         unsigned short status;
-        const char* text;
+        std::string text;
     };
 
     // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
     bool isRefused(std::size_t size, bool isPersistent);
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
-    void* fail(Lock& lock, Handler&& handler, unsigned short status, const char* text);
+    void* fail(Lock& lock, Handler&& handler, unsigned short status, std::string text);
     void tellLater();
     Handler takeFailed(std::uint64_t handle);
     void unlink(std::uint32_t stream);

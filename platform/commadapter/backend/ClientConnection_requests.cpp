@@ -30,9 +30,7 @@ constexpr std::size_t TOLD_AT_ONCE = 256;
 constexpr const char* NOT_CONNECTED = "the service is not connected";
 constexpr const char* TOO_SLOW = "the service is too slow";
 constexpr const char* TOO_MANY = "too many open requests";
-constexpr const char* TOO_LARGE = "the request is larger than a message may be";
 constexpr const char* NO_TIME = "no time is left for it";
-constexpr const char* NOT_SENDABLE = "the request has text that is not UTF-8, or a header without a form on the wire";
 
 /// What the headers of a request ask of this side.
 struct Wishes {
@@ -107,7 +105,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     if (sent != protocol::Machine::Sent::eQUEUED) {
         m_streams.giveBack(number);
         const bool isTooLarge = sent == protocol::Machine::Sent::eTOO_LARGE;
-        return fail(lock, std::move(handler), isTooLarge ? 413 : 400, isTooLarge ? TOO_LARGE : NOT_SENDABLE);
+        return fail(lock, std::move(handler), isTooLarge ? 413 : 400, "the request " + machine().refusal());
     }
     Stream& stream = *m_streams.find(number);
     stream.handler = std::move(handler);
@@ -150,10 +148,10 @@ bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended, it is told here.
-void* ClientConnection::fail(Lock& lock, Handler&& handler, unsigned short status, const char* text)
+void* ClientConnection::fail(Lock& lock, Handler&& handler, unsigned short status, std::string text)
 {
     const std::uint64_t handle = nextHandle(0);
-    m_failures.push_back({handle, std::move(handler), status, text});
+    m_failures.push_back({handle, std::move(handler), status, std::move(text)});
     tellLater();
     if (!m_isStopped) {
         return reinterpret_cast<void*>(handle);

@@ -92,8 +92,9 @@ Machine::Sent Machine::Output::close(HeadWriter& head, const Payload& body)
     }
     const std::size_t maxHead = std::min<std::size_t>(MAX_HEAD_BYTES, m_limits.maxHeadBytes);
     if (head.size() > maxHead) {
-        m_refusal =
-            fmt::format("has headers of {} bytes, more than the {} that a message may have", head.size(), maxHead);
+        m_refusal = fmt::format("has {} bytes besides its body, which are path and headers, more than the {} that a "
+                                "message may have of these",
+                                head.size(), maxHead);
         return Sent::eTOO_LARGE;
     }
     if (body.size() > limit || head.size() + body.size() > limit) {

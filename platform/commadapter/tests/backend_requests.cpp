@@ -243,11 +243,16 @@ TEST_P(BackendRequests, WhatHasNoFormOnTheWireEndsItsRequestWithWhatIsWrong)
 {
     const std::string huge(200U << 10U, 'x');
     const auto asked = client->request(retrieve("/echo", huge));
+    const auto wide = client->request(retrieve('/' + std::string(61U << 10U, 'p')));
     const auto once = client->request(retrieve("/stream"));
     const auto stream = client->request(retrieve("/stream"));
     const auto odd = client->request(retrieve("/stream"));
     settle();
+    const auto isToldTheSize = HasSubstr("bytes, more than the 102400 that a message may have");
     EXPECT_EQ(asked->status, 413);
+    EXPECT_THAT(asked->errorText, isToldTheSize);
+    EXPECT_EQ(wide->status, 413);
+    EXPECT_THAT(wide->errorText, HasSubstr("path and headers, more than the 61440"));
 
     const auto answer = service.take(); // done with, once it has completed
     EXPECT_TRUE(answer->onNext(value(huge)));
@@ -261,7 +266,6 @@ TEST_P(BackendRequests, WhatHasNoFormOnTheWireEndsItsRequestWithWhatIsWrong)
     EXPECT_TRUE(service.handlers().back()->onNext(broken));
     EXPECT_EQ(service.cancels(), 0U) << "never inside `onNext`";
     settle();
-    const auto isToldTheSize = HasSubstr("bytes, more than the 102400 that a message may have");
     EXPECT_EQ(once->status, 413);
     EXPECT_THAT(once->errorText, isToldTheSize);
     EXPECT_THAT(once->values, IsEmpty());
