@@ -23,7 +23,7 @@ constexpr Advice TABLE[] = {
     {"services is not array", "write [ ... ] around the services"},
     {"service path not absolute", "begin it with '/'"},
     {"service type unknown", "known are \"pex\", \"lomo\", \"gateway\" and \"registry\""},
-    {"locators is not array", "write a list of locators; it may be empty"},
+    {"locators is not array", "write a list of locators such as [\"ipc://process\"]"},
     {"service locator is not an url", "write an absolute locator such as \"ipc://process/path\", without a query"},
     {"bypass is not a dictionary", "write an object: lists of service paths by process name"},
     {"timeout not int", "write a whole number"},

@@ -84,33 +84,71 @@ public:
         : m_locators(settings.routes, {kesa::commadapter::transport::makeIpcTransport(
                                           {settings.runDir, settings.socketMode, settings.socketGroup}, nullptr)})
     {}
+    bool has(const kesa::url& locator) const { return m_locators.find(locator).has_value(); }
     bool hasAny(const std::vector<kesa::url>& locators) const
     {
-        return std::any_of(locators.begin(), locators.end(),
-                           [this](const kesa::url& locator) { return m_locators.find(locator).has_value(); });
+        return std::any_of(locators.begin(), locators.end(), [this](const kesa::url& locator) { return has(locator); });
     }
 
 private:
     const kesa::commadapter::Locators m_locators;
 };
 
+/// One that is passed over, unless the review of the document has said already what is wrong with it.
+void reviewReach(const std::string& written, const kesa::url& locator, const std::string& key, const Reach& reach,
+                 ConfigReport& report)
+{
+    if (!locator.hasQueryOrFragment() && kesa::Path::isCanonical(locator.path()) && !reach.has(locator)) {
+        warn(report, key,
+             fmt::format("'{}' cannot be reached from here, and is passed over: {}", written,
+                         !locator.isAbsolute()       ? "it has no scheme, and its path no route"
+                         : locator.scheme() == "ipc" ? "its realm is not that of the run directory"
+                                                     : "processes are reached over \"ipc\" only"));
+    }
+}
+
+/// The locators of configured services that nobody would use.
+void reviewServices(const CommSettings& settings, ConfigReport& report)
+{
+    bool useRegistry = false;
+    if (!report.root["use_registry"].get(useRegistry) && useRegistry) {
+        return; // the services have no effect
+    }
+    const Reach reach(settings);
+    const auto& services = report.root["services"].items();
+    for (std::size_t i = 0; i < services.size(); ++i) {
+        const auto& locators = services[i]["locators"].items();
+        for (std::size_t j = 0; j < locators.size(); ++j) {
+            const std::string written(locators[j].stringView());
+            const kesa::url locator(written);
+            if (locator.isAbsolute()) {
+                reviewReach(written, locator.path().empty() ? kesa::url(written + "/check") : locator,
+                            fmt::format("services[{}].locators[{}]", i, j), reach, report);
+            }
+        }
+    }
+}
+
 void reviewPartitions(const KesaConfig& config, const std::string& own, const CommSettings& settings,
                       ConfigReport& report)
 {
     const Reach reach(settings);
     for (const auto& [partition, locators] : config.m_registryLocators) {
+        const bool isList = report.root["service_registry_locators"].isArray();
+        const std::string key =
+            "service_registry_locators" + (isList ? "" : fmt::format(".{}", ConfigReport::shortened(partition)));
         if (reach.hasAny(locators)) {
+            for (std::size_t i = 0; i < locators.size(); ++i) {
+                reviewReach(locators[i].toString(), locators[i], fmt::format("{}[{}]", key, i), reach, report);
+            }
             continue;
         }
         const bool isOwn =
             own.empty() || own == partition || (partition == "*" && config.m_registryLocators.count(own) == 0);
-        const bool isList = report.root["service_registry_locators"].isArray();
-        const std::string key = isList ? "" : fmt::format(".{}", ConfigReport::shortened(partition));
         const std::string text =
             "none of the locators leads anywhere: each has a scheme or the realm of a run directory that are not known "
             "here, or lacks its path; a process ends at start; write \"ipc://kesa-registryd/registry\"";
-        isOwn ? refuse(report, "service_registry_locators" + key, text)
-              : warn(report, "service_registry_locators" + key, text);
+        isOwn ? refuse(report, key, text) : warn(report, key, text);
     }
 }
 
@@ -152,6 +190,7 @@ void reviewSettings(const KesaConfig& config, const std::string& partition, Conf
     reviewGroup(settings, report);
     reviewBypass(config, settings, report);
     reviewRegistry(config, partition, settings, report);
+    reviewServices(settings, report);
 }
 
 } // namespace kesactl

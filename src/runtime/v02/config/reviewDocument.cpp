@@ -1,5 +1,7 @@
 #include "reviewDocument.h"
 
+#include "addFurtherErrors.h"
+
 #include <kesa/Path.h>
 #include <kesa/url.h>
 #include <util/nearestName.h>
@@ -62,9 +64,14 @@ void reviewKeys(const Value& object, const std::string& path, const Keys& known,
 void reviewLocators(const Value& list, const std::string& path, bool mayLackPath, ConfigReport& report)
 {
     std::size_t index = 0;
+    std::unordered_set<std::string_view> seen;
     for (const Value& element : list.items()) {
         const std::string place = path + "[" + std::to_string(index++) + "]";
         const url locator{std::string(element.stringView())};
+        if (element.isString() && !seen.insert(element.stringView()).second) {
+            report.complaints.push_back({2, false, place, "stands more than once"});
+            continue;
+        }
         if (!locator.isValid() || (mayLackPath && locator.path().empty())) {
             continue; // the reader's to judge
         }
@@ -89,6 +96,8 @@ void reviewPath(const std::string& path, const std::string& place, ConfigReport&
 void reviewServices(ConfigReport& report)
 {
     const Value& services = report.root["services"];
+    bool useRegistry = false;
+    static_cast<void>(report.root["use_registry"].get(useRegistry));
     std::unordered_set<std::string> paths;
     std::size_t index = 0;
     for (const Value& service : services.items()) {
@@ -101,9 +110,16 @@ void reviewServices(ConfigReport& report)
                 {3, false, place + "path", "'" + path + "' stands more than once; the first entry counts"});
         }
         reviewLocators(service["locators"], place + "locators", true, report);
+        bool isDynamic = false;
+        const bool isPassedOver = !service["is_dynamic"].get(isDynamic) && isDynamic;
+        if (!useRegistry && !isPassedOver && service["locators"].isArray() && service["locators"].items().empty()) {
+            report.complaints.push_back(
+                {3, false, place + "locators",
+                 "has no locator, so nobody can provide or reach the service; write one such as "
+                 "\"ipc://process\", or \"is_dynamic\": true"});
+        }
     }
-    bool useRegistry = false;
-    if (!paths.empty() && !report.root["use_registry"].get(useRegistry) && useRegistry) {
+    if (!paths.empty() && useRegistry) {
         report.complaints.push_back(
             {3, false, report.path("services"),
              "have no effect together with \"use_registry\": true: the registry knows the services; remove them"});
@@ -121,7 +137,13 @@ void reviewRegistryLocators(ConfigReport& report)
     }
     reviewLocators(locators, place, false, report);
     for (const auto& [partition, list] : locators) {
-        reviewLocators(list, place + "." + std::string(ConfigReport::shortened(partition)), false, report);
+        const std::string placeOfList = place + "." + std::string(ConfigReport::shortened(partition));
+        reviewLocators(list, placeOfList, false, report);
+        if (list.isArray() && list.items().empty()) {
+            report.complaints.push_back({3, false, placeOfList,
+                                         "has no locators, and counts as not there; name one such as "
+                                         "\"ipc://kesa-registryd/registry\", or leave it out"});
+        }
     }
 }
 
@@ -187,6 +209,7 @@ std::vector<std::string> documentKeys()
 
 void reviewDocument(ConfigReport& report)
 {
+    addFurtherErrors(report);
     for (const std::string& path : report.duplicateKeys) {
         report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
     }

@@ -88,7 +88,7 @@ std::string documentWith(const std::string& key, const std::string& text)
     if (dot == std::string::npos) {
         root.set(key, parse(text));
     } else if (object == "services[]") {
-        Dictionary service = parse(R"({"path": "/a", "type": "pex", "locators": []})").dictionary();
+        Dictionary service = parse(R"({"path": "/a", "type": "pex", "locators": ["ipc://p"]})").dictionary();
         service.set(key.substr(dot + 1), parse(text));
         root.set("services", Value(Value::Array{Value(service)}));
     } else {

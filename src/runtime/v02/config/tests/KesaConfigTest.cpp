@@ -2,6 +2,7 @@
 #include <kesa/toGeneric.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
+#include <runtime/v02/config/addFurtherErrors.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <tracing/CapturingSink.h>
 
@@ -193,6 +194,39 @@ TEST(KesaConfigTest, WarnsOfLocatorsThatLeadNowhere)
                             "fragment",
                             "service_registry_locators.a[0]: leads nowhere: '' is no path of a service",
                             "service_registry_locators.b[2]: leads nowhere: '/' is no path of a service"));
+}
+
+// The reader ends with the first error; whoever writes a document wants to see all.
+TEST(KesaConfigTest, ReviewFindsTheErrorsBehindTheFirstOne)
+{
+    const TraceCapture traces("KESA_RUNTIME_CONFIG", 3);
+    const std::string longKey(300, 'k');
+    ConfigReport report;
+    const KesaConfig config =
+        read(R"({"use_registry": 1, "service_registry_locators": {"a.b[0]": [5, "ipc://r/x", "", ""]},
+        "backends": [1, "comm", 2], "serializer-formats": {"*": ["application/json", 2], "/a": "x"},
+        "services": [7, {"path": "a", "type": "b", "locators": [1, "ipc://p", "/x"]}, {"is_dynamic": 1}],
+        "bypass": {")" +
+                 longKey + R"(": ["/b", "a", 1], "m": 1}, "smartProxy": {"timeout": "x", "retryTimes": ["a"]},
+        "node_domain_mapping": {"a": 1, "b": 2}})",
+             &report);
+    EXPECT_FALSE(config.m_valid);
+    EXPECT_EQ(report.complaints.size(), 1U);
+    addFurtherErrors(report);
+    Strings places;
+    for (const auto& complaint : report.complaints) {
+        places.push_back(complaint.path);
+    }
+    const std::string shortened(256, 'k');
+    EXPECT_THAT(places,
+                testing::UnorderedElementsAre(
+                    "use_registry", "service_registry_locators.a.b[0][0]", "service_registry_locators.a.b[0][2]",
+                    "service_registry_locators.a.b[0][3]", "backends[0]", "backends", "backends[2]",
+                    "serializer-formats.*[1]", "serializer-formats./a", "services[1].path", "services[1].type",
+                    "services[1].locators[0]", "services[1].locators[2]", "services[2].is_dynamic",
+                    "bypass." + shortened + "[1]", "bypass." + shortened + "[2]", "bypass.m", "smartProxy.timeout",
+                    "smartProxy.retryTimes[0]", "smartProxy.retryTimes", "node_domain_mapping.a",
+                    "node_domain_mapping.b", "services[0].path"));
 }
 
 TEST(SmartProxy, StoresListsThatAreThereAndNeverRetriesWhatMustBeForwarded)
