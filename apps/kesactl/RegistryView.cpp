@@ -1,6 +1,7 @@
 #include "RegistryView.h"
 
 #include "Failure.h"
+#include "otherRunDirectories.h"
 #include "output.h"
 
 #include <kesa/commadapter/whyUnreachable.h>
@@ -309,10 +310,12 @@ void RegistryView::failUnreachable(bool isConnected) const
                                   "--timeout, or restart it",
                                   where)};
     }
-    throw Failure{
-        ExitCode::eNO_REGISTRY,
-        fmt::format("no registry at {}: {}{}", where, why.reason,
-                    why.isForbidden ? "" : "; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses")};
+    const std::string elsewhere = whereElse(processOf(m_locators.front()));
+    const std::string advice = why.isForbidden ? ""
+                               : elsewhere.empty()
+                                   ? "; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses"
+                                   : "; " + elsewhere;
+    throw Failure{ExitCode::eNO_REGISTRY, fmt::format("no registry at {}: {}{}", where, why.reason, advice)};
 }
 
 } // namespace kesactl

@@ -143,6 +143,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
     device = status.st_dev;
     inode = status.st_ino;
     rights = rightsOf(status);
+    group = groupName(status.st_gid);
     isWritable = ::faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
     readRealm(*this);
     std::set<std::string> used;

@@ -23,11 +23,12 @@ struct RunDirectoryFacts {
 
     explicit RunDirectoryFacts(const std::string& path);
 
-    const std::string path;
+    std::string path;
     int error = 0; ///< `errno` of opening it; what follows is empty then
     dev_t device = 0;
     ino_t inode = 0;
     std::string rights; ///< "drwxr-xr-x root root"
+    std::string group;
     bool isWritable = false;
     Realm realmState = Realm::eMISSING;
     std::string realm;

@@ -4,6 +4,7 @@
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
 #include "System.h"
+#include "otherRunDirectories.h"
 #include "output.h"
 #include "reviewSettings.h"
 
@@ -16,33 +17,48 @@
 #include <tracing/Sink.h>
 #include <transport/RunDirectory.h>
 
+#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <system_error>
 
 namespace kesactl {
 namespace {
 
 using kesa::commadapter::transport::RunDirectory;
+using kesa::commadapter::transport::SYSTEM_RUN_DIRECTORY;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaRuntime;
+using util::config::Dictionary;
+using util::config::Value;
 using Name = RunDirectoryFacts::Name;
 using Realm = RunDirectoryFacts::Realm;
 
 /// All that decides whether the processes of this machine find each other, and what is wrong.
 struct Page {
     std::string text;
+    Dictionary facts;                  ///< what the text says, in JSON
     std::vector<std::string> findings; ///< each a sentence with what to do
 
-    void add(std::string_view name, std::string_view value)
+    void addLine(std::string_view name, std::string_view value)
     {
         text += value.empty() ? fmt::format("{}\n", name) : fmt::format("{:<17} {}\n", name, value);
+    }
+    /// A line, and the same as a member of the facts.
+    void add(std::string_view name, const std::string& value)
+    {
+        addLine(name, value);
+        std::string key(name);
+        std::replace(key.begin(), key.end(), ' ', '_');
+        facts.set(key, value);
     }
 };
 
@@ -60,10 +76,13 @@ void addMachine(Page& page)
     page.add("kernel",
              fmt::format("{} {}", static_cast<const char*>(system.sysname), static_cast<const char*>(system.release)));
     page.add("user", fmt::format("{}, group {}", userName(::geteuid()), groupName(::getegid())));
+    Dictionary environment;
     for (const char* const name : {"KESA_CONFIG", "KESA_CONFIG_DIR", "KESA_RUN_DIR", "XDG_RUNTIME_DIR", "KESA_NODE"}) {
         const char* const value = ::secure_getenv(name);
-        page.add(fmt::format("${}", name), value == nullptr ? "not set" : value);
+        page.addLine(fmt::format("${}", name), value == nullptr ? "not set" : value);
+        environment.set(name, value == nullptr ? Value(nullptr) : Value(value));
     }
+    page.facts.set("environment", environment);
 }
 
 /// Answers the run directory that the document names, or nothing.
@@ -148,23 +167,36 @@ void addFinding(Page& page, const std::string& directory, const Name& name, cons
     }
 }
 
+std::string describe(const Name& name, const ProcessFacts& process)
+{
+    if (name.holder == 0) {
+        return name.hasSocket && name.connectError == 0
+                   ? "a process that is not visible from here, as of another container"
+                   : "nobody: its socket is left";
+    }
+    return process.isThere ? fmt::format("process {} of {}, {}{}{}", name.holder, process.user, process.executable,
+                                         process.library.empty() ? "" : ", ", process.library)
+                           : fmt::format("process {}, which is not visible from here", name.holder);
+}
+
 void addNames(Page& page, const RunDirectoryFacts& facts)
 {
-    page.add("names", facts.names.empty() ? "none is held" : "");
+    page.addLine("names", facts.names.empty() ? "none is held" : "");
+    Value::Array names;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder);
-        std::string line = "nobody: its socket is left";
-        if (name.holder != 0 && !process.isThere) {
-            line = fmt::format("process {}, which is not visible from here", name.holder);
-        } else if (name.holder != 0) {
-            line = fmt::format("process {} of {}, {}{}{}", name.holder, process.user, process.executable,
-                               process.library.empty() ? "" : ", ", process.library);
-        } else if (name.hasSocket && name.connectError == 0) {
-            line = "a process that is not visible from here, as of another container";
+        page.addLine("  " + name.name, describe(name, process));
+        Dictionary entry{{"name", name.name}};
+        if (name.holder != 0) {
+            entry.set("pid", std::int64_t{name.holder});
+            entry.set("user", process.user);
+            entry.set("executable", process.executable);
+            entry.set("library", process.library);
         }
-        page.add("  " + name.name, line);
+        names.emplace_back(std::move(entry));
         addFinding(page, facts.path, name, process);
     }
+    page.facts.set("names", std::move(names));
     if (!facts.strays.empty()) {
         page.findings.push_back(
             fmt::format("{} has files that are none of Kesa's or were left by a killed process ({}), "
@@ -173,65 +205,79 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
     }
 }
 
-/// Where else processes may be meeting.
-std::vector<std::string> otherPlaces()
+/// One of this user that chose before it could choose as it would now.
+void addLeftBehind(Page& page, const RunDirectoryFacts& other, const std::string& chosen)
 {
-    std::vector<std::string> places = {"/run/kesa"};
-    const auto add = [&places](const char* variable, const char* below) {
-        const char* const value = ::secure_getenv(variable);
-        if (value != nullptr && *value != '\0') {
-            places.push_back(std::string(value) + below);
-        }
-    };
-    add("KESA_RUN_DIR", "");
-    add("XDG_RUNTIME_DIR", "/kesa");
-    std::error_code failed;
-    for (const auto& user : std::filesystem::directory_iterator("/run/user", failed)) {
-        places.push_back(user.path().string() + "/kesa");
+    const std::string ofUser = ::secure_getenv("XDG_RUNTIME_DIR") == nullptr ? "" : ::secure_getenv("XDG_RUNTIME_DIR");
+    if (other.path != ofUser + "/kesa" || chosen != SYSTEM_RUN_DIRECTORY) {
+        return;
     }
-    return places;
-}
-
-bool isHeld(const RunDirectoryFacts& facts, std::string_view process)
-{
-    return std::any_of(facts.names.begin(), facts.names.end(),
-                       [process](const Name& name) { return name.name == process && name.holder != 0; });
-}
-
-void addOthers(Page& page, const RunDirectoryFacts& chosen, std::string_view registry)
-{
-    std::vector<std::pair<dev_t, ino_t>> seen = {{chosen.device, chosen.inode}};
-    for (const std::string& place : otherPlaces()) {
-        const RunDirectoryFacts other(place);
-        const std::pair identity(other.device, other.inode);
-        if (other.error != 0 || std::find(seen.begin(), seen.end(), identity) != seen.end()) {
-            continue;
+    for (const Name& name : other.names) {
+        if (name.holder != 0) {
+            page.findings.push_back(
+                fmt::format("{} ({}) meets others in {}, not in {}: it was started before this user "
+                            "could write there; restart it",
+                            name.name, name.holder, other.path, chosen));
         }
-        seen.push_back(identity);
+    }
+}
+
+void addOthers(Page& page, const RunDirectoryFacts& chosen)
+{
+    Value::Array others;
+    for (const RunDirectoryFacts& other : otherRunDirectories(chosen.path)) {
         const auto held =
             std::count_if(other.names.begin(), other.names.end(), [](const Name& name) { return name.holder != 0; });
-        page.add("there is, too", fmt::format("{}, realm {}, {} names held", place,
-                                              other.realmState == Realm::eGOOD ? other.realm : "none", held));
-        if (isHeld(other, registry) && !isHeld(chosen, registry)) {
-            page.findings.push_back(fmt::format("a registry runs in {}, and none in {}, which counts here; set "
-                                                "KESA_RUN_DIR={}, or start the registry here",
-                                                place, chosen.path, place));
-        }
+        const std::string realm = other.realmState == Realm::eGOOD ? other.realm : "none";
+        page.addLine("there is, too", fmt::format("{}, realm {}, {} names held", other.path, realm, held));
+        others.emplace_back(Dictionary{{"path", other.path}, {"realm", realm}, {"names_held", std::int64_t{held}}});
+        addLeftBehind(page, other, chosen.path);
     }
+    page.facts.set("other_run_directories", std::move(others));
 }
 
-/// Answers the name of the process that hosts the registry.
-std::string addRegistry(Page& page, const apps::RegistryPlace& place)
+void addRegistry(Page& page, const apps::RegistryPlace& place)
 {
     page.add("registry", place.locators.empty() ? "none" : place.locators.front().toString());
     if (!place.problem.empty()) {
         page.findings.push_back(place.problem);
     }
-    if (place.locators.empty()) {
-        return {};
+}
+
+/// The rule by which it was chosen, as far as it shows.
+std::string reasonOf(const RunDirectory& directory)
+{
+    const std::string source = directory.source();
+    if (source == "run_dir") {
+        return ::secure_getenv("KESA_RUN_DIR") == nullptr ? source : "run_dir, which wins over $KESA_RUN_DIR";
     }
-    const std::string_view authority = place.locators.front().authority();
-    return std::string(authority.substr(0, authority.find('+')));
+    return source == "$XDG_RUNTIME_DIR"
+               ? fmt::format("{}, since this user may neither write into {} nor make it", source, SYSTEM_RUN_DIRECTORY)
+               : source;
+}
+
+void addRunDirectory(Page& page, const RunDirectory& directory, const RunDirectoryFacts& facts)
+{
+    page.addLine("run directory", fmt::format("{} ({})", directory.path(), reasonOf(directory)));
+    page.facts.set("run_directory", directory.path());
+    page.facts.set("run_directory_from", std::string(directory.source()));
+    if (facts.error == 0) {
+        addRights(page, facts);
+        addRealm(page, facts);
+        addNames(page, facts);
+        return;
+    }
+    const std::string around = std::filesystem::path(directory.path()).parent_path().string();
+    page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
+    if (facts.error != ENOENT) {
+        page.findings.push_back(
+            fmt::format("the run directory {} cannot be looked at: {}", facts.path, reasonOf(facts.error)));
+    } else if (::faccessat(AT_FDCWD, around.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        page.findings.push_back(
+            fmt::format("the run directory {} is not there, and this user cannot make it in {}: {}; "
+                        "make it, or name another one with KESA_RUN_DIR",
+                        facts.path, around, reasonOf(errno)));
+    }
 }
 
 void addAnswer(Page& page, const apps::RegistryPlace& place)
@@ -242,14 +288,34 @@ void addAnswer(Page& page, const apps::RegistryPlace& place)
     try {
         const System system;
         const Services services = system.view("**")->list(comm::now() + 2 * comm::SECOND, true).services;
-        page.add("it answers", fmt::format("{} services", services.size()));
+        page.addLine("it answers", fmt::format("{} services", services.size()));
+        page.facts.set("services", static_cast<std::uint64_t>(services.size()));
     } catch (const Failure& failure) {
-        page.add("it answers", "nothing");
+        page.addLine("it answers", "nothing");
         page.findings.push_back(failure.text);
     }
 }
 
-void diagnose(int& exitCode)
+std::string asText(const Page& page)
+{
+    std::string text = page.text + (page.findings.empty() ? "nothing is wrong\n" : "\n");
+    for (std::size_t i = 0; i < page.findings.size(); ++i) {
+        text += fmt::format("{}. {}\n", i + 1, page.findings[i]);
+    }
+    return text;
+}
+
+std::string asJson(const Page& page)
+{
+    Value::Array findings;
+    for (const std::string& finding : page.findings) {
+        findings.emplace_back(finding);
+    }
+    const Value whole(Dictionary{{"findings", std::move(findings)}, {"facts", page.facts}});
+    return asJsonLine(whole.toText(), "this cannot be said in JSON; leave out --json") + '\n';
+}
+
+bool diagnose(bool isJson)
 {
     if (::secure_getenv("KESA_TRACE") == nullptr) {
         tracing::setThreshold("*", 5); // everything is said below
@@ -259,26 +325,13 @@ void diagnose(int& exitCode)
     addMachine(page);
     const RunDirectory runDirectory(addConfiguration(page, process));
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
-    const std::string registry = addRegistry(page, place);
-    page.add("run directory", fmt::format("{} ({})", runDirectory.path(), runDirectory.source()));
+    addRegistry(page, place);
     const RunDirectoryFacts facts(runDirectory.path());
-    if (facts.error != 0) {
-        page.findings.push_back(fmt::format("the run directory {} cannot be looked at: {}; the first process makes it "
-                                            "when the folder around it is there and writable",
-                                            facts.path, reasonOf(facts.error)));
-    } else {
-        addRights(page, facts);
-        addRealm(page, facts);
-        addNames(page, facts);
-    }
-    addOthers(page, facts, registry);
+    addRunDirectory(page, runDirectory, facts);
+    addOthers(page, facts);
     addAnswer(page, place);
-    page.text += page.findings.empty() ? "nothing is wrong\n" : "\n";
-    for (std::size_t i = 0; i < page.findings.size(); ++i) {
-        page.text += fmt::format("{}. {}\n", i + 1, page.findings[i]);
-    }
-    exitCode = page.findings.empty() ? 0 : 1;
-    print(page.text);
+    print(isJson ? asJson(page) : asText(page));
+    return !page.findings.empty();
 }
 
 } // namespace
@@ -289,7 +342,9 @@ void addDoctor(CLI::App& app, int& exitCode)
         app.add_subcommand("doctor", "Looks at all by which processes find each other here, and says what is wrong.");
     command->footer("It changes nothing, except that the registry sees a guest. Exit code: 0 when nothing is wrong, 1 "
                     "when something is.");
-    command->callback([&exitCode] { diagnose(exitCode); });
+    const auto isJson = std::make_shared<bool>();
+    command->add_flag("--json", *isJson, "One JSON object: facts, and what is wrong.");
+    command->callback([&exitCode, isJson] { exitCode = diagnose(*isJson) ? 1 : 0; });
 }
 
 } // namespace kesactl

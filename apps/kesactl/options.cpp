@@ -14,7 +14,10 @@ namespace {
 
 std::string checkNumber(const std::string& text)
 {
-    return std::isnan(std::strtod(text.c_str(), nullptr)) ? "'" + text + "' is no number of seconds" : "";
+    const double seconds = std::strtod(text.c_str(), nullptr);
+    return std::isnan(seconds) ? "'" + text + "' is no number of seconds"
+           : seconds == 0      ? "0 seconds are over before anything can answer; write some, such as 0.5"
+                               : "";
 }
 
 } // namespace

@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import errno
 import fcntl
+import functools
 import itertools
 import os
 import secrets
@@ -12,17 +13,25 @@ import socket
 from .errors import KesaError, NameTaken
 from .names import encode_process
 
+_SYSTEM = "/run/kesa"
 _LONGEST_ADDRESS = 107
 _BACKLOG = 4096
 _numbers = itertools.count()
 
 
 def find() -> str:
-    """The directory that the environment names: $KESA_RUN_DIR, else $XDG_RUNTIME_DIR/kesa, else /run/kesa."""
-    if os.environ.get("KESA_RUN_DIR"):
-        return os.environ["KESA_RUN_DIR"]
+    """$KESA_RUN_DIR, else /run/kesa if this user may write there or make it, else $XDG_RUNTIME_DIR/kesa, else /run/kesa."""
+    return os.environ.get("KESA_RUN_DIR") or _find_shared()
+
+
+@functools.cache  # a process stays where it is
+def _find_shared() -> str:
+    def may_write(path: str) -> bool:
+        return os.access(path, os.W_OK | os.X_OK, effective_ids=True)
+
     base = os.environ.get("XDG_RUNTIME_DIR")
-    return os.path.join(base, "kesa") if base else "/run/kesa"
+    is_system = may_write(_SYSTEM) or (not os.path.lexists(_SYSTEM) and may_write(os.path.dirname(_SYSTEM)))
+    return os.path.join(base, "kesa") if base and not is_system else _SYSTEM
 
 
 def connect(directory: str, process: str) -> socket.socket:

@@ -30,7 +30,7 @@ _MOST_CHANGES = 1_000_000
 
 
 def connect(name: str | None = None, *, run_dir: str | None = None, timeout: float | None = 5.0) -> System:
-    """Joins the system in `run_dir`, else $KESA_RUN_DIR, else $XDG_RUNTIME_DIR/kesa, else /run/kesa.
+    """Joins the system in `run_dir`, else in the one that the environment and the rights of this user name (docs/protocol.md).
 
     `name` is needed to provide services, and is this process's until it ends or calls `close`. Who only asks needs none.
     Waits up to `timeout` seconds for the registry, None for ever: then a process may start before it.

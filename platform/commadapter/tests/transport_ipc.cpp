@@ -4,6 +4,7 @@
 #include "transport/IpcTransport.h"
 #include "transport/NameClaim.h"
 #include "transport/PeerProcess.h"
+#include "transport/chooseRunDirectory.h"
 
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
@@ -418,6 +419,31 @@ TEST_F(TransportIpc, ARealmIsOneRunDirectory)
     EXPECT_FALSE(elsewhere.transport->canHandle(own));
     ASSERT_FALSE(second.listen("nav"));
     EXPECT_EQ(second.transport->ownEndpoint()->realm, own.realm);
+}
+
+TEST_F(TransportIpc, TheRunDirectoryIsTheMachinesWhereThisUserMayUseIt)
+{
+    const std::string system = (root / "system").string();
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, system) << "it may be made";
+    fs::create_directory(system);
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, system);
+    EXPECT_EQ(chooseSharedRunDirectory(system + "/none/kesa").path, "/run/user/7/kesa");
+    fs::permissions(system, fs::perms::owner_read | fs::perms::owner_exec);
+    const bool isRoot = ::geteuid() == 0 && ::seteuid(65534) == 0;
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, "/run/user/7/kesa");
+    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+    ::unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_EQ(chooseSharedRunDirectory(system + "/none/kesa").path, system + "/none/kesa");
+
+    const std::string chosen = chooseRunDirectory("").path;
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/8", 1);
+    EXPECT_EQ(chooseRunDirectory("").path, chosen) << "a process stays where it is";
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ::setenv("KESA_RUN_DIR", "/own", 1);
+    EXPECT_EQ(chooseRunDirectory("").path, "/own");
+    EXPECT_EQ(chooseRunDirectory("/configured").path, "/configured");
+    ::unsetenv("KESA_RUN_DIR");
 }
 
 TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)

@@ -15,14 +15,12 @@
 #include <tracing/Channel.h>
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 
 #include <fmt/format.h>
 
-#include <array>
 #include <map>
 #include <mutex>
 #include <system_error>
@@ -36,16 +34,6 @@ namespace {
 constexpr int ACCEPTS_PER_TURN = 64;
 constexpr comm::TimeNs ACCEPT_PAUSE = 100 * comm::MILLISECOND;
 constexpr std::size_t MOST_MISSING = 1024;
-
-/// The group's name, or its number where it has none that can be read.
-std::string groupName(gid_t group)
-{
-    std::array<char, 16384> buffer{};
-    struct group entry {};
-    struct group* found = nullptr;
-    const bool isKnown = ::getgrgid_r(group, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-    return isKnown ? found->gr_name : std::to_string(group);
-}
 
 /// Why a socket or directory may not be used, and what to do.
 ITransport::Connected forbid(const std::string& path, const struct stat& status)
@@ -299,8 +287,11 @@ ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketF
         m_missing.clear(); // costs a watcher one attempt too many
     }
     m_missing[endpoint.process] = file;
+    const bool hasDirectory = ::access(m_runDirectory.path().c_str(), F_OK) == 0;
     return {nullptr, Failure::eMISSING,
-            fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.path())};
+            hasDirectory
+                ? fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.path())
+                : fmt::format("the run directory \"{}\" is not there, so nobody listens", m_runDirectory.path())};
 }
 
 comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared)

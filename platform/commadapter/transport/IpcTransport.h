@@ -11,7 +11,7 @@
 namespace kesa::commadapter::transport {
 
 struct IpcSettings {
-    std::string runDir; ///< empty: `$KESA_RUN_DIR`, else `$XDG_RUNTIME_DIR/kesa`, else `/run/kesa`
+    std::string runDir; ///< empty: the one that `chooseRunDirectory` finds
     unsigned socketMode = 0660;
     std::string socketGroup; ///< empty: as the directory gives it
 };

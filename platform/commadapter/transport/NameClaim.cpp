@@ -87,6 +87,15 @@ std::optional<gid_t> findGroup(const std::string& name)
     return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
 }
 
+std::string groupName(gid_t number)
+{
+    std::array<char, 16384> buffer{};
+    group entry{};
+    group* found = nullptr;
+    const bool isKnown = ::getgrgid_r(number, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+    return isKnown ? found->gr_name : std::to_string(number);
+}
+
 std::string socketFileName(const std::string& process)
 {
     return encodeProcessName(process) + ".sock";

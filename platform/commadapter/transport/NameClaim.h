@@ -15,6 +15,9 @@ namespace kesa::commadapter::transport {
 /// The number of a group, given by its name or as a number; none when there is no such group.
 std::optional<gid_t> findGroup(const std::string& name);
 
+/// The group's name, or its number where it has none that can be read.
+std::string groupName(gid_t group);
+
 /// The file name of the socket under which a process is found.
 std::string socketFileName(const std::string& process);
 

@@ -1,6 +1,7 @@
 #include "transport/RunDirectory.h"
 
 #include "transport/Authority.h"
+#include "transport/NameClaim.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +11,6 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <string_view>
 #include <system_error>
@@ -26,24 +26,6 @@ constexpr const char* REALM_FILE = "realm";
 constexpr mode_t DIRECTORY_MODE = 0755;
 constexpr mode_t REALM_MODE = 0644;
 
-std::string choosePath(const std::string& configured, const char*& source)
-{
-    if (!configured.empty()) {
-        source = "run_dir";
-        return configured;
-    }
-    if (const char* const own = ::secure_getenv("KESA_RUN_DIR"); own != nullptr && *own != '\0') {
-        source = "$KESA_RUN_DIR";
-        return own;
-    }
-    if (const char* const user = ::secure_getenv("XDG_RUNTIME_DIR"); user != nullptr && *user != '\0') {
-        source = "$XDG_RUNTIME_DIR";
-        return std::string(user) + "/kesa";
-    }
-    source = "the default";
-    return "/run/kesa";
-}
-
 std::string makeAbsolute(const std::string& path)
 {
     std::error_code ignored;
@@ -57,6 +39,15 @@ std::string makeAbsolute(const std::string& path)
 bool isRealm(std::string_view text)
 {
     return text.size() == 16 && text.find_first_not_of("0123456789abcdef") == std::string_view::npos;
+}
+
+/// What lets this user write into a directory.
+std::string adviseRights(const std::string& directory)
+{
+    struct stat status {};
+    return ::stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0
+               ? fmt::format("add this user to the group \"{}\" and log in anew", groupName(status.st_gid))
+               : "make it writable for this process";
 }
 
 /// True when the file is there and holds something else. Missing: `realm` stays empty.
@@ -103,15 +94,18 @@ bool writeRealm(int directory)
 
 } // namespace
 
-RunDirectory::RunDirectory(const std::string& configured) : m_path(makeAbsolute(choosePath(configured, m_source))) {}
+RunDirectory::RunDirectory(const std::string& configured) : RunDirectory(chooseRunDirectory(configured)) {}
+
+RunDirectory::RunDirectory(const RunDirectoryChoice& choice)
+    : m_source(choice.source), m_path(makeAbsolute(choice.path))
+{}
 
 bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
 {
     const auto refuse = [&](const char* what) {
-        why =
-            fmt::format("{} the run directory \"{}\": {}; make it writable for this process, or name another one with "
-                        "\"run_dir\" or KESA_RUN_DIR",
-                        what, m_path, std::system_category().message(errno));
+        const int error = errno;
+        why = fmt::format("{} the run directory \"{}\": {}; {}, or name another one with \"run_dir\" or KESA_RUN_DIR",
+                          what, m_path, std::system_category().message(error), adviseRights(m_path));
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;

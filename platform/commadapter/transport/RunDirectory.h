@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_TRANSPORT_RUNDIRECTORY_H
 
 #include "transport/Descriptor.h"
+#include "transport/chooseRunDirectory.h"
 
 #include <mutex>
 #include <string>
@@ -11,12 +12,12 @@ namespace kesa::commadapter::transport {
 /// The directory in which the processes of one realm find each other; its file `realm` names the realm. Any thread.
 class RunDirectory {
 public:
-    /// `configured`, else `$KESA_RUN_DIR`, else `$XDG_RUNTIME_DIR/kesa`, else `/run/kesa`.
+    /// The one that `chooseRunDirectory` names.
     explicit RunDirectory(const std::string& configured);
 
     /// Absolute, without a slash at its end.
     const std::string& path() const noexcept { return m_path; }
-    /// What names it: "run_dir", "$KESA_RUN_DIR", "$XDG_RUNTIME_DIR" or "the default".
+    /// What names it, as in `RunDirectoryChoice`.
     const char* source() const noexcept { return m_source; }
 
     /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. True on
@@ -28,7 +29,9 @@ public:
     bool hasRealm(const std::string& realm);
 
 private:
-    const char* m_source = nullptr; ///< filled while the next one is
+    explicit RunDirectory(const RunDirectoryChoice& choice);
+
+    const char* const m_source;
     const std::string m_path;
     std::mutex m_mutex;
     std::string m_realm; ///< under `m_mutex`; empty until known

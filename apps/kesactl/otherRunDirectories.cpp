@@ -1,0 +1,90 @@
+#include "otherRunDirectories.h"
+
+#include <backend/readCommSettings.h>
+#include <transport/RunDirectory.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+namespace transport = kesa::commadapter::transport;
+
+std::vector<std::string> places()
+{
+    std::vector<std::string> places = {transport::SYSTEM_RUN_DIRECTORY};
+    const auto add = [&places](const char* variable, const char* below) {
+        const char* const value = ::secure_getenv(variable);
+        if (value != nullptr && *value != '\0') {
+            places.push_back(std::string(value) + below);
+        }
+    };
+    add("KESA_RUN_DIR", "");
+    add("XDG_RUNTIME_DIR", "/kesa");
+    std::error_code failed;
+    for (const auto& user : std::filesystem::directory_iterator("/run/user", failed)) {
+        places.push_back(user.path().string() + "/kesa");
+    }
+    return places;
+}
+
+} // namespace
+
+std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
+{
+    const RunDirectoryFacts own(chosen);
+    std::vector<std::pair<dev_t, ino_t>> seen = {{own.device, own.inode}};
+    std::vector<RunDirectoryFacts> others;
+    for (const std::string& place : places()) {
+        RunDirectoryFacts other(place);
+        const std::pair identity(other.device, other.inode);
+        if (other.error == 0 && std::find(seen.begin(), seen.end(), identity) == seen.end()) {
+            seen.push_back(identity);
+            others.push_back(std::move(other));
+        }
+    }
+    return others;
+}
+
+bool isHeld(const RunDirectoryFacts& directory, std::string_view process)
+{
+    return std::any_of(directory.names.begin(), directory.names.end(),
+                       [process](const auto& name) { return name.name == process && name.holder != 0; });
+}
+
+std::string processOf(const kesa::url& locator)
+{
+    const std::string_view authority = locator.authority();
+    return std::string(authority.substr(0, authority.find('+')));
+}
+
+std::string howToMeetIn(const RunDirectoryFacts& directory)
+{
+    std::vector<std::string> said; // by check-config
+    const auto settings = kesa::commadapter::readCommSettings(said);
+    if (!settings.runDir.empty()) {
+        return fmt::format(R"(write "run_dir": "{}" under "comm" in the configuration)", directory.path);
+    }
+    const bool isOfGroup = !directory.isWritable && directory.path == transport::SYSTEM_RUN_DIRECTORY;
+    return isOfGroup ? fmt::format("add this user to the group \"{}\" and log in anew", directory.group)
+                     : "set KESA_RUN_DIR=" + directory.path;
+}
+
+std::string whereElse(const std::string& process)
+{
+    std::vector<std::string> said; // by check-config
+    const transport::RunDirectory chosen(kesa::commadapter::readCommSettings(said).runDir);
+    for (const RunDirectoryFacts& other : otherRunDirectories(chosen.path())) {
+        if (isHeld(other, process)) {
+            return fmt::format("there is one in {}; to meet there, {}", other.path, howToMeetIn(other));
+        }
+    }
+    return {};
+}
+
+} // namespace kesactl
