@@ -4,7 +4,7 @@
 
 #include "Board.h"
 
-#include <comm/Scheduler.h>
+#include <comm/ActiveObject.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/found.h>
@@ -13,6 +13,7 @@
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
 
+#include <chrono>
 #include <cstdio>
 #include <map>
 #include <memory>
@@ -22,8 +23,6 @@
 namespace {
 
 using Client = std::shared_ptr<kesa::IKesaApi>;
-
-constexpr comm::TimeNs FRAME = 250 * comm::MILLISECOND;
 
 /// Asks once, blocking, with a limit of two seconds: on a loop of the watcher's own, since the runtime's must not
 /// block.
@@ -82,39 +81,28 @@ kesa::Disposable watch(kesa::runtime::v02::IRuntimeRegistry& runtime, comm::Acti
 }
 
 /// On a terminal each frame is drawn over the last.
-void drawForEver(comm::Reactor& loop, const examples::Board& board, comm::TimeNs when)
+void draw(const examples::Board& board)
 {
-    loop.startTimer(when, [&loop, &board, when] {
-        std::printf("%s%s\n", isatty(STDOUT_FILENO) == 1 ? "\x1b[H\x1b[2J" : "", board.table().c_str());
-        std::fflush(stdout);
-        drawForEver(loop, board, when + FRAME);
-    });
+    std::printf("%s%s\n", isatty(STDOUT_FILENO) == 1 ? "\x1b[H\x1b[2J" : "", board.table().c_str());
+    std::fflush(stdout);
 }
 
 } // namespace
 
 int main(int argc, char** argv)
 {
-    kesa::Runtime runtime("system-watch");
-    if (!runtime) {
-        std::fprintf(stderr, "%s\n", runtime.error().c_str());
-        return 1;
-    }
     std::FILE* const events = argc > 1 ? std::fopen(argv[1], "a") : nullptr;
     if (argc > 1 && events == nullptr) {
         std::perror(argv[1]);
         return 1;
     }
     examples::Board board(events);
+    kesa::Runtime runtime = kesa::startOrExit("system-watch");
     comm::ActiveObject worker("system-watch.worker");
     const kesa::Disposable subscription = watch(*runtime, worker, board);
-    const auto screen = comm::Scheduler::current().makeReactor("system-watch.screen");
-    screen->post([&] { drawForEver(*screen, board, comm::now() + FRAME); });
 
-    runtime.runUntilSignal();
+    runtime.runUntilSignal(std::chrono::milliseconds(250), [&board] { draw(board); });
 
-    screen->stop();
     worker.stop();
-    runtime.end(); // before the board goes
     return 0;
 }

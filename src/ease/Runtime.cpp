@@ -1,6 +1,10 @@
+#include <comm/Clock.h>
 #include <kesa/ease/Runtime.h>
 
+#include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <ctime>
 #include <fmt/format.h>
 
@@ -43,6 +47,19 @@ public:
         return signal;
     }
 
+    /// 0 when it is `deadline` first.
+    int waitUntil(comm::TimeNs deadline)
+    {
+        int signal = -1;
+        do {
+            const comm::TimeNs left = std::max<comm::TimeNs>(deadline - comm::now(), 0);
+            const timespec limit{left / comm::SECOND, left % comm::SECOND};
+            signal = sigtimedwait(&m_signals, nullptr, &limit);
+        } while (signal < 0 && comm::now() < deadline); // a debugger interrupts it
+        m_hasCome = m_hasCome || signal > 0;
+        return std::max(signal, 0);
+    }
+
 private:
     const sigset_t m_signals = endSignals();
     sigset_t m_before{};
@@ -73,6 +90,16 @@ public:
     bool isRunning() const noexcept { return m_isRunning; }
     const std::string& error() const noexcept { return m_error; }
     int runUntilSignal() { return m_isRunning ? m_signals.wait() : 0; }
+    int runUntilSignal(comm::TimeNs period, const std::function<void()>& work)
+    {
+        int signal = 0;
+        for (comm::TimeNs next = comm::now(); m_isRunning && signal == 0; signal = m_signals.waitUntil(next)) {
+            work();
+            const comm::TimeNs late = comm::now() - next;
+            next += (late / period + 1) * period;
+        }
+        return signal;
+    }
     void end()
     {
         if (m_isRunning) {
@@ -90,6 +117,8 @@ private:
 Runtime::Runtime(const std::string& processName, const std::string& fallbackDocument)
     : m_impl(std::make_unique<Impl>(processName, fallbackDocument))
 {}
+
+Runtime::Runtime(std::unique_ptr<Impl> impl) : m_impl(std::move(impl)) {}
 
 Runtime::~Runtime() = default;
 
@@ -118,9 +147,24 @@ int Runtime::runUntilSignal()
     return m_impl->runUntilSignal();
 }
 
+int Runtime::runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work)
+{
+    return m_impl->runUntilSignal(std::clamp<comm::TimeNs>(period.count(), 1, comm::NEVER / 4), work);
+}
+
 void Runtime::end()
 {
     m_impl->end();
+}
+
+Runtime startOrExit(const std::string& processName, const std::string& fallbackDocument)
+{
+    auto impl = std::make_unique<Runtime::Impl>(processName, fallbackDocument);
+    if (!impl->isRunning()) {
+        fmt::print(stderr, "{}\n", impl->error());
+        std::exit(1); // NOLINT(concurrency-mt-unsafe): there is one thread so far
+    }
+    return Runtime(std::move(impl));
 }
 
 } // namespace kesa

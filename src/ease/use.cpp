@@ -445,4 +445,19 @@ ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::c
     return Connecting::run(&runtime, path, timeout);
 }
 
+GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
+{
+    return get(*runtime::v02::KesaRuntime::getInstance(), path, std::move(request), timeout);
+}
+
+GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
+{
+    const comm::TimeNs deadline = detail::deadlineIn(timeout);
+    const ConnectResult found = connect(runtime, path, timeout);
+    if (!found) {
+        return {std::nullopt, found.status, found.error};
+    }
+    return get(*found.client, std::move(request), std::chrono::nanoseconds(deadline - comm::now()));
+}
+
 } // namespace kesa

@@ -47,7 +47,7 @@ TEST_F(SystemDemo, AnyMayComeFirstAndDie)
     monitor.kill();
     expectEach(early, {"lost"});
     Process& again = startMonitor();
-    again.expect("/system/load at");
+    again.expect("/system/load");
     Process& late = startWatch();
     expectEach(early, ALL);
     expectEach(late, ALL);

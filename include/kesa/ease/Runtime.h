@@ -3,6 +3,8 @@
 
 #include <kesa/runtime/v02/KesaRuntime.h>
 
+#include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,12 +14,8 @@ namespace kesa {
 ///
 ///     int main()
 ///     {
-///         kesa::Runtime runtime("greeter");
-///         if (!runtime) {
-///             std::cerr << runtime.error() << '\n';
-///             return 1;
-///         }
-///         auto registration = runtime->registerService("/greeter", ...);
+///         kesa::Runtime runtime = kesa::startOrExit("greeter");
+///         const auto greeter = kesa::provide("/greeter", service);
 ///         runtime.runUntilSignal();
 ///     }
 ///
@@ -51,15 +49,25 @@ public:
     /// Waits until the process is told to end. Which signal told it, SIGINT or SIGTERM; 0, at once, when the runtime
     /// does not run. Such signals that come afterwards, while the process ends, do nothing.
     int runUntilSignal();
+    /// The same, and meanwhile calls `work` in this thread: now, and then after each `period`, which is more than
+    /// nothing. What it is late it catches up with; periods that are over by then are left out.
+    int runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work);
 
     /// Ends the runtime before the destructor does: no handler and no service is called after it returns. Twice is
     /// harmless.
     void end();
 
 private:
+    friend KESA_API Runtime startOrExit(const std::string& processName, const std::string& fallbackDocument);
     class Impl;
+    explicit Runtime(std::unique_ptr<Impl> impl);
     std::unique_ptr<Impl> m_impl;
 };
+
+/// The runtime of a program that can do nothing without it: when it does not start, `error` is written to stderr and
+/// the process ends with exit code 1.
+[[nodiscard]] KESA_API Runtime startOrExit(
+    const std::string& processName, const std::string& fallbackDocument = runtime::v02::KesaRuntime::WITH_REGISTRYD);
 
 } // namespace kesa
 

@@ -3,6 +3,7 @@
 
 #include <kesa/Disposable.h>
 #include <kesa/IKesaApi.h>
+#include <kesa/ease/get.h>
 #include <util/UniqueFunction.h>
 
 #include <chrono>
@@ -105,6 +106,17 @@ struct ConnectResult {
 [[nodiscard]] KESA_API ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout);
 [[nodiscard]] KESA_API ConnectResult connect(runtime::v02::IRuntimeRegistry& runtime, const std::string& path,
                                              std::chrono::nanoseconds timeout);
+
+/// One question to the service at `path`: connects, asks and waits, all within `timeout`. Whoever asks more than once
+/// keeps the client of `connect` or `use`.
+///
+///     const kesa::GetResult title = kesa::get("/media/player", kesa::Request("retrieve", "/title"),
+///     std::chrono::seconds(2));
+///
+/// Where, and what about the timeout, as for the other `get`.
+[[nodiscard]] KESA_API GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout);
+[[nodiscard]] KESA_API GetResult get(runtime::v02::IRuntimeRegistry& runtime, const std::string& path, Request request,
+                                     std::chrono::nanoseconds timeout);
 
 } // namespace kesa
 

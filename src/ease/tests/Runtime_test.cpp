@@ -58,6 +58,22 @@ TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
     EXPECT_FALSE(KesaRuntime::isRunning() || isBlocked(SIGINT) || isBlocked(SIGTERM));
 }
 
+TEST_F(RuntimeTest, WorksUntilASignal)
+{
+    Runtime runtime = startOrExit("greeter", ALONE);
+    int calls = 0;
+    const auto work = [&calls] {
+        if (++calls == 3) {
+            ::raise(SIGINT);
+        }
+    };
+    EXPECT_EQ(runtime.runUntilSignal(std::chrono::nanoseconds(1), work), SIGINT);
+    EXPECT_EQ(calls, 3);
+    runtime.end();
+    EXPECT_EQ(runtime.runUntilSignal(std::chrono::hours(1), work), 0);
+    EXPECT_EQ(calls, 3);
+}
+
 TEST_F(RuntimeTest, CallsNothingAfterItsEnd)
 {
     Runtime runtime("greeter", ALONE);
@@ -79,13 +95,16 @@ TEST_F(RuntimeTest, CallsNothingAfterItsEnd)
 
 TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
 {
+    const char* const unreachable = R"({"use_registry": true, "backends": ["local"],
+                                        "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}})";
+    const char* const why = "'greeter' did not start: its configuration names no backend";
+    const auto before = obr::GlobalErrorHandler::setHandler([](const auto&) {}); // it would end the process
+    EXPECT_EXIT(static_cast<void>(startOrExit("greeter", unreachable)), testing::ExitedWithCode(1), why);
     {
-        const auto before = obr::GlobalErrorHandler::setHandler([](const auto&) {}); // it would end the process
-        Runtime without("greeter", R"({"use_registry": true, "backends": ["local"],
-                                       "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}})");
+        Runtime without("greeter", unreachable);
         obr::GlobalErrorHandler::setHandler(before);
         EXPECT_FALSE(without || KesaRuntime::isRunning());
-        EXPECT_THAT(without.error(), HasSubstr("'greeter' did not start: its configuration names no backend"));
+        EXPECT_THAT(without.error(), HasSubstr(why));
         EXPECT_EQ(without.runUntilSignal(), 0);
     }
     const Runtime first("first", ALONE);

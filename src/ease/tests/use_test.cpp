@@ -1,4 +1,6 @@
 // The runtime is played by the test: it tells what a registry and the connections would, in the orders they may have.
+#include "PlayedRuntime.h"
+
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -7,113 +9,14 @@
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
-#include <kesa/runtime/v02/IRuntimeRegistry.h>
 
 namespace {
 
 using namespace kesa;
 using namespace std::chrono_literals;
-using serviceregistry::Query;
-using serviceregistry::ServiceDef;
+using namespace kesa::test;
 using testing::ElementsAre;
 using testing::IsEmpty;
-
-using Api = std::shared_ptr<IKesaApi>;
-
-class PlayedRuntime final : public runtime::v02::IRuntimeRegistry {
-public:
-    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const GenericObject&,
-                               std::unique_ptr<IResponseHandler<ServiceDef>>&&) override
-    {
-        return {};
-    }
-    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const std::vector<std::string>&,
-                               const GenericObject&, std::unique_ptr<IResponseHandler<ServiceDef>>&&) override
-    {
-        return {};
-    }
-    Disposable trackService(const std::string& path, bool,
-                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
-    {
-        return trackService(path, std::move(handler));
-    }
-    Disposable trackService(const std::string& path,
-                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
-    {
-        log.push_back("track " + path);
-        tracking = std::move(handler);
-        return Disposable([this] { log.push_back("untrack"); });
-    }
-    Disposable trackServices(const Query&, std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&&) override
-    {
-        return {};
-    }
-    Disposable resolveService(const url&, std::unique_ptr<IResponseHandler<optional<Api>>>&&) override { return {}; }
-    Disposable resolveService(const ServiceDef& record,
-                              std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
-    {
-        const std::string locator = record.locators.front().toString();
-        log.push_back("resolve " + locator);
-        before = std::exchange(resolving, std::move(handler));
-        return Disposable([this, locator] { log.push_back("release " + locator); });
-    }
-    Disposable
-    trackAndResolveService(const std::string&,
-                           std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>>&&) override
-    {
-        return {};
-    }
-    Disposable
-    trackAndResolveServices(const Query&,
-                            std::unique_ptr<IResponseHandler<runtime::v02::ResolveResult<optional<Api>>>>&&) override
-    {
-        return {};
-    }
-
-    void added(const std::string& locator) { update(ResourceUpdateType::eADDED, locator); }
-    void removed() { update(ResourceUpdateType::eREMOVED, "ipc://p/p"); }
-    void connected(const Api& api) const { resolving->onNext(api); }
-    void lost() const { resolving->onNext(optional<Api>()); }
-    std::vector<std::string> take() { return std::exchange(log, {}); }
-
-    std::vector<std::string> log;
-    std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>> tracking;
-    std::unique_ptr<IResponseHandler<optional<Api>>> resolving;
-    std::unique_ptr<IResponseHandler<optional<Api>>> before; ///< of the resolving that has been released
-
-private:
-    void update(ResourceUpdateType type, const std::string& locator) const
-    {
-        ServiceDef record;
-        record.locators = {url(locator)};
-        tracking->onNext({type, record});
-    }
-};
-
-/// Keeps what it was asked.
-class PlayedService final : public IKesaApi {
-public:
-    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
-    {
-        requests.push_back(request);
-        handlers.push_back(std::move(handler));
-        return reinterpret_cast<void*>(handlers.size());
-    }
-    void cancel(void* handle) override { handlers[reinterpret_cast<std::size_t>(handle) - 1].reset(); }
-    void value(const std::string& text) const
-    {
-        handlers.back()->onNext(Response(200, Payload::createFromString(text, "plain/text")));
-    }
-    void end(unsigned short status) const { handlers.back()->onError(Response::createErrorResponse(status)); }
-    std::size_t open() const
-    {
-        return static_cast<std::size_t>(
-            std::count_if(handlers.begin(), handlers.end(), [](const auto& handler) { return handler != nullptr; }));
-    }
-
-    std::vector<Request> requests;
-    std::vector<std::unique_ptr<IResponseHandler<Response>>> handlers;
-};
 
 class Use : public testing::Test {
 protected:
@@ -293,6 +196,10 @@ TEST_F(Use, ConnectWaitsOrSaysWhyNot)
 {
     EXPECT_EQ(kesa::connect(runtime, "/p", 0s).error, "not connected within 0 ms: nobody is known to provide '/p'");
     EXPECT_EQ(runtime.take().back(), "untrack") << "nothing is left";
+    const GetResult nobody = kesa::get(runtime, "/p", Request("retrieve", "/"), 0s);
+    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p'");
+    EXPECT_EQ(nobody.status, 504);
+    EXPECT_EQ(runtime.take().back(), "untrack");
 
     comm::ActiveObject loop("application");
     ConnectResult result;

@@ -9,22 +9,23 @@ namespace kesa::runtime::v02 {
 
 /// The one runtime of a process.
 ///
-///     kesa::runtime::v02::KesaRuntime::initInstance("media");
+///     if (kesa::runtime::v02::KesaRuntime::initInstance("media")) { ... } // true: it has failed
 ///     auto* const runtime = kesa::runtime::v02::KesaRuntime::getInstance();
 ///     ...
 ///     kesa::runtime::v02::KesaRuntime::shutdown();
 ///
 /// `initInstance` and `shutdown` must not run at the same time as anything else here, nor on a thread of the runtime,
-/// that is, inside a handler. Misuse is a failed assertion, and so is either of them while the other one, or itself,
-/// runs in another thread; that nobody uses the instance any more when `shutdown` begins is for the caller to see to.
+/// that is, inside a handler. Misuse is a failed assertion that says what to do, and so is either of them while the
+/// other one, or itself, runs in another thread; that nobody uses the instance any more when `shutdown` begins is for
+/// the caller to see to.
 class KESA_API KesaRuntime {
 public:
     /// Creates the runtime and starts it. False: started. True: the configuration names no backend; the instance is
     /// there all the same and has to be shut down.
-    static bool initInstance(const std::string& processName);
+    [[nodiscard]] static bool initInstance(const std::string& processName);
     /// The same, for a process that needs no configuration file: the text of a document that counts when there is no
     /// file at all. Of the text the backend reads nothing; it has its defaults then.
-    static bool initInstance(const std::string& processName, const std::string& fallbackDocument);
+    [[nodiscard]] static bool initInstance(const std::string& processName, const std::string& fallbackDocument);
     /// Such a text: services are found through the `kesa-registryd` of this machine.
     static constexpr const char* WITH_REGISTRYD =
         R"({"use_registry": true, "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]},)"

@@ -18,7 +18,12 @@ enum class State { eNONE, eSTARTING, ePRESENT, eENDING };
 std::atomic<State> state{State::eNONE};
 std::atomic<KesaRuntimeImpl*> singeton_impl{nullptr};
 
-void fail(const char* condition, int line, const char* function, const char* message = nullptr)
+constexpr const char* NONE =
+    "this process has no runtime: call initInstance before, and nothing of the runtime after shutdown";
+constexpr const char* ONE_ALREADY =
+    "this process has a runtime, which getInstance answers: call initInstance again only after shutdown";
+
+void fail(const char* condition, int line, const char* function, const char* message)
 {
     obr::GlobalErrorHandler::doAssert(false, condition, __FILE__, line, function, message);
 }
@@ -41,9 +46,9 @@ bool isWaitedFor()
         fail("!isChanging", line, function,
              "initInstance or shutdown is still running: call them one after the other, from a thread of your own");
     } else if (from == State::eNONE) {
-        fail("singeton_impl==nullptr", line, function);
+        fail("singeton_impl==nullptr", line, function, ONE_ALREADY);
     } else {
-        fail("singeton_impl!=nullptr", line, function);
+        fail("singeton_impl!=nullptr", line, function, NONE);
     }
     return true;
 }
@@ -65,7 +70,7 @@ bool KesaRuntime::initInstance(const std::string& processName, const std::string
                               : new (std::nothrow) KesaRuntimeImpl(KesaConfig::readOr(processName, fallbackDocument));
     if (created == nullptr) {
         state = State::eNONE;
-        fail("singeton_impl!=nullptr", __LINE__, "initInstance");
+        fail("singeton_impl!=nullptr", __LINE__, "initInstance", "there is no memory for the runtime");
         return true;
     }
     singeton_impl = created;
@@ -78,11 +83,11 @@ IKesaRuntime* KesaRuntime::getInstance()
 {
     KesaRuntimeImpl* const instance = singeton_impl;
     if (instance == nullptr) {
-        fail("singeton_impl!=nullptr", __LINE__, "getInstance");
+        fail("singeton_impl!=nullptr", __LINE__, "getInstance", NONE);
         return nullptr;
     }
     if (!isRunning()) {
-        fail("singeton_impl->isRunning()", __LINE__, "getInstance");
+        fail("singeton_impl->isRunning()", __LINE__, "getInstance", "initInstance has not returned yet: wait for it");
         return nullptr;
     }
     return instance;
@@ -95,7 +100,7 @@ void KesaRuntime::shutdown()
     }
     if (!singeton_impl.load()->isRunning()) {
         state = State::ePRESENT;
-        fail("singeton_impl->isRunning()", __LINE__, "shutdown");
+        fail("singeton_impl->isRunning()", __LINE__, "shutdown", "the runtime was never started");
         return;
     }
     if (isWaitedFor()) {

@@ -1,0 +1,219 @@
+// How a process learns that the registry knows its service: a tracking of the own path is told by the own runtime,
+// which never asks for what it provides itself. So the registry is asked as any service is, with its request for a
+// tracking, over the connection that the runtime has to it. Nothing is asked until somebody wants to know.
+#include <kesa/core/PayloadConversion.h>
+#include <kesa/ease/handler.h>
+#include <kesa/ease/provide.h>
+#include <kesa/ease/use.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+#include <kesa/serviceregistry/RegistryUpdate.h>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
+#include <obr/ErrorStorage.h>
+
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace kesa {
+
+using runtime::v02::IRuntimeRegistry;
+using serviceregistry::RegistryUpdate;
+using serviceregistry::ServiceDef;
+using serviceregistry::ServiceRegistryPex;
+
+namespace {
+
+/// The registry's word that it has the service that is at `locators`.
+bool isAdded(const Response& response, const std::vector<url>& locators)
+{
+    RegistryUpdate update;
+    const bool failed = serializer::readPayload(response.getPayload(), update);
+    obr::ErrorStorage::ack();
+    return !failed && update.updateType == RegistryUpdate::UpdateTypeEnum::ADDED && update.element &&
+           update.element->locators == locators;
+}
+
+} // namespace
+
+class Registration::Impl : public std::enable_shared_from_this<Registration::Impl> {
+public:
+    Impl(IRuntimeRegistry& runtime, std::string path, OnRefused onRefused)
+        : m_runtime(runtime), m_path(std::move(path)), m_onRefused(std::move(onRefused))
+    {}
+
+    void start(std::shared_ptr<IKesaApi> service, const GenericObject& metainfo)
+    {
+        Disposable registration = m_runtime.registerService(
+            m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
+            handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
+                                [self = shared_from_this()](const Response& error) { self->refused(error); }));
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_registration = std::move(registration);
+    }
+
+    void whenKnown(util::UniqueFunction<void()> handler)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_state == State::eOVER) {
+                return;
+            }
+            if (m_state == State::eASKED) {
+                m_waiting.push_back(std::move(handler));
+                return;
+            }
+        }
+        ask(std::move(handler));
+    }
+
+    void end()
+    {
+        std::shared_ptr<Client> registry;
+        std::vector<util::UniqueFunction<void()>> waiting;
+        Disposable registration;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_hasEnded = true;
+            registry.swap(m_registry);
+            waiting.swap(m_waiting);
+            // What is asked for may yet be refused, and its `Disposable` would end what is in its way: left to the
+            // answer.
+            if (m_state == State::ePROVIDED) {
+                m_state = State::eOVER;
+                registration = m_registration;
+            }
+        }
+        registration.dispose();
+        if (registry) {
+            registry->end();
+        }
+        const std::lock_guard<std::recursive_mutex> telling(m_telling);
+    }
+
+private:
+    enum class State { eASKED, ePROVIDED, eOVER };
+
+    void provided(const ServiceDef& record)
+    {
+        std::vector<util::UniqueFunction<void()>> waiting;
+        Disposable unwanted;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_state = m_hasEnded ? State::eOVER : State::ePROVIDED;
+            m_locators = record.locators;
+            waiting.swap(m_waiting);
+            if (m_hasEnded) {
+                unwanted = m_registration;
+            }
+        }
+        unwanted.dispose();
+        for (auto& handler : waiting) {
+            ask(std::move(handler));
+        }
+    }
+
+    void refused(const Response& error)
+    {
+        std::shared_ptr<Client> registry;
+        std::vector<util::UniqueFunction<void()>> waiting;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_state = State::eOVER;
+            registry.swap(m_registry);
+            waiting.swap(m_waiting);
+        }
+        if (registry) {
+            registry->end();
+        }
+        const std::lock_guard<std::recursive_mutex> telling(m_telling);
+        if (hasEnded()) {
+            return;
+        }
+        if (m_onRefused) {
+            m_onRefused(error);
+        } else {
+            detail::TraceError()(error);
+        }
+    }
+
+    void ask(util::UniqueFunction<void()> handler)
+    {
+        std::shared_ptr<Client> registry;
+        std::vector<url> locators;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_hasEnded || m_state == State::eOVER) {
+                return;
+            }
+            if (!m_registry) {
+                m_registry = use(m_runtime, ServiceRegistryPex::SERVICE_PATH);
+            }
+            registry = m_registry;
+            locators = m_locators;
+        }
+        static_cast<void>(
+            registry->follow(Request("retrieve", m_path),
+                             kesa::handler<Response>([handler = std::move(handler), locators = std::move(locators)](
+                                                         const Response& response) mutable {
+                                 if (isAdded(response, locators)) {
+                                     handler();
+                                 }
+                             })));
+    }
+
+    bool hasEnded()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return m_hasEnded;
+    }
+
+    IRuntimeRegistry& m_runtime;
+    const std::string m_path;
+    std::recursive_mutex m_telling; ///< held while `m_onRefused` is called, so that `end` waits for it
+    OnRefused m_onRefused;          ///< under `m_telling`
+
+    std::mutex m_mutex; ///< of all below
+    State m_state = State::eASKED;
+    bool m_hasEnded = false;
+    Disposable m_registration;
+    std::vector<url> m_locators;                         ///< once provided
+    std::vector<util::UniqueFunction<void()>> m_waiting; ///< until then
+    std::shared_ptr<Client> m_registry;                  ///< once somebody wants to know
+};
+
+Registration::Registration(IRuntimeRegistry& runtime, const std::string& path, std::shared_ptr<IKesaApi> service,
+                           const GenericObject& metainfo, OnRefused onRefused)
+    : m_impl(std::make_shared<Impl>(runtime, path, std::move(onRefused)))
+{
+    m_impl->start(std::move(service), metainfo);
+}
+
+Registration::~Registration()
+{
+    m_impl->end();
+}
+
+void Registration::whenKnown(util::UniqueFunction<void()> handler)
+{
+    m_impl->whenKnown(std::move(handler));
+}
+
+void Registration::end()
+{
+    m_impl->end();
+}
+
+std::unique_ptr<Registration> provide(const std::string& path, std::shared_ptr<IKesaApi> service,
+                                      const GenericObject& metainfo, Registration::OnRefused onRefused)
+{
+    return provide(*runtime::v02::KesaRuntime::getInstance(), path, std::move(service), metainfo, std::move(onRefused));
+}
+
+std::unique_ptr<Registration> provide(IRuntimeRegistry& runtime, const std::string& path,
+                                      std::shared_ptr<IKesaApi> service, const GenericObject& metainfo,
+                                      Registration::OnRefused onRefused)
+{
+    return std::make_unique<Registration>(runtime, path, std::move(service), metainfo, std::move(onRefused));
+}
+
+} // namespace kesa

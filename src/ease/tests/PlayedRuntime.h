@@ -1,0 +1,123 @@
+#ifndef KESA_EASE_TESTS_PLAYEDRUNTIME_H
+#define KESA_EASE_TESTS_PLAYEDRUNTIME_H
+
+#include <kesa/runtime/v02/IRuntimeRegistry.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace kesa::test {
+
+using serviceregistry::Query;
+using serviceregistry::ServiceDef;
+using Api = std::shared_ptr<IKesaApi>;
+
+/// Does what the test says a registry and the connections do, in any order, and writes down what it was asked.
+class PlayedRuntime final : public runtime::v02::IRuntimeRegistry {
+public:
+    Disposable registerService(const std::string& path, Api, ServiceDef::TypeEnum, const GenericObject&,
+                               std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) override
+    {
+        log.push_back("register " + path);
+        registrator = std::move(handler);
+        return Disposable([this, path] { log.push_back("unregister " + path); });
+    }
+    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const std::vector<std::string>&,
+                               const GenericObject&, std::unique_ptr<IResponseHandler<ServiceDef>>&&) override
+    {
+        return {};
+    }
+    Disposable trackService(const std::string& path, bool,
+                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
+    {
+        return trackService(path, std::move(handler));
+    }
+    Disposable trackService(const std::string& path,
+                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
+    {
+        log.push_back("track " + path);
+        tracking = std::move(handler);
+        return Disposable([this] { log.push_back("untrack"); });
+    }
+    Disposable trackServices(const Query&, std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&&) override
+    {
+        return {};
+    }
+    Disposable resolveService(const url&, std::unique_ptr<IResponseHandler<optional<Api>>>&&) override { return {}; }
+    Disposable resolveService(const ServiceDef& record,
+                              std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
+    {
+        const std::string locator = record.locators.front().toString();
+        log.push_back("resolve " + locator);
+        before = std::exchange(resolving, std::move(handler));
+        return Disposable([this, locator] { log.push_back("release " + locator); });
+    }
+    Disposable
+    trackAndResolveService(const std::string&,
+                           std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>>&&) override
+    {
+        return {};
+    }
+    Disposable
+    trackAndResolveServices(const Query&,
+                            std::unique_ptr<IResponseHandler<runtime::v02::ResolveResult<optional<Api>>>>&&) override
+    {
+        return {};
+    }
+
+    static ServiceDef record(const std::string& locator)
+    {
+        ServiceDef made;
+        made.locators = {url(locator)};
+        return made;
+    }
+    void added(const std::string& locator) { update(ResourceUpdateType::eADDED, locator); }
+    void removed() { update(ResourceUpdateType::eREMOVED, "ipc://p/p"); }
+    void connected(const Api& api) const { resolving->onNext(api); }
+    void lost() const { resolving->onNext(optional<Api>()); }
+    std::vector<std::string> take() { return std::exchange(log, {}); }
+
+    std::vector<std::string> log;
+    std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
+    std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>> tracking;
+    std::unique_ptr<IResponseHandler<optional<Api>>> resolving;
+    std::unique_ptr<IResponseHandler<optional<Api>>> before; ///< of the resolving that has been released
+
+private:
+    void update(ResourceUpdateType type, const std::string& locator) const
+    {
+        tracking->onNext({type, record(locator)});
+    }
+};
+
+/// Keeps what it was asked.
+class PlayedService final : public IKesaApi {
+public:
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
+    {
+        requests.push_back(request);
+        handlers.push_back(std::move(handler));
+        return reinterpret_cast<void*>(handlers.size());
+    }
+    void cancel(void* handle) override { handlers[reinterpret_cast<std::size_t>(handle) - 1].reset(); }
+    void value(const std::string& text) const
+    {
+        handlers.back()->onNext(Response(200, Payload::createFromString(text, "plain/text")));
+    }
+    void end(unsigned short status) const { handlers.back()->onError(Response::createErrorResponse(status)); }
+    std::size_t open() const
+    {
+        return static_cast<std::size_t>(
+            std::count_if(handlers.begin(), handlers.end(), [](const auto& handler) { return handler != nullptr; }));
+    }
+
+    std::vector<Request> requests;
+    std::vector<std::unique_ptr<IResponseHandler<Response>>> handlers;
+};
+
+} // namespace kesa::test
+
+#endif
