@@ -1,0 +1,41 @@
+// hall-switch: switches on each lamp of the hall, whoever provides it, as soon as it is there. Ends on SIGINT and
+// SIGTERM.
+
+#include <kesa/ease/Runtime.h>
+#include <kesa/ease/found.h>
+#include <kesa/ease/handler.h>
+#include <kesa/mimetypes.h>
+
+#include <iostream>
+
+void switchOn(const std::string& path, kesa::IKesaApi& lamp)
+{
+    const auto on = kesa::Payload::createFromString("true", kesa::mimetypes::JSON);
+    lamp.request(kesa::Request("update", "/light", on),
+                 kesa::handler<kesa::Response>([](const kesa::Response&) {}, // this update has no answer but its end
+                                               [path](const kesa::Response& error) {
+                                                   std::cout << path << ": "
+                                                             << kesa::Response::getErrorMessageWithCode(error)
+                                                             << std::endl;
+                                               },
+                                               [path] { std::cout << path << " was switched on" << std::endl; }));
+}
+
+int main()
+{
+    kesa::Runtime runtime = kesa::startOrExit("hall-switch");
+
+    kesa::serviceregistry::Query query("/lamps/*");
+    query.metadata = kesa::GenericObject{{"room", "hall"}};
+    const auto found = [](const kesa::FoundByQuery& lamp) {
+        const std::string path = lamp.serviceDef.path.toString();
+        if (lamp.api) {
+            switchOn(path, **lamp.api);
+        } else {
+            std::cout << path << " is gone" << std::endl;
+        }
+    };
+    const auto hall = runtime->trackAndResolveServices(query, kesa::handler<kesa::FoundByQuery>(found));
+
+    runtime.runUntilSignal();
+}

@@ -1,0 +1,27 @@
+// hub: hosts the registry in place of kesa-registryd, and provides /hub itself, until SIGINT or SIGTERM. Whoever shall
+// meet here is given the document that says so: KESA_CONFIG=kesa.json.
+
+#include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/Runtime.h>
+#include <kesa/ease/asText.h>
+#include <kesa/ease/provide.h>
+#include <kesa/registry/RegistryHost.h>
+
+#include <iostream>
+
+int main()
+{
+    kesa::Runtime runtime = kesa::startOrExit("hub", ""); // without a document it would not know that it is the host
+
+    kesa::registry::RegistryHost host(
+        *runtime, [] { std::cout << "the registry is at ipc://hub/registry" << std::endl; },
+        [](const kesa::Response& error) { std::cerr << error.getErrorMessage() << std::endl; });
+
+    const auto service = std::make_shared<kesa::ResourceHandler>();
+    service->onRetrieve("/motto", [](const kesa::Request&, const kesa::Responder& reply) {
+        reply.answer(kesa::asText("all meet here"));
+    });
+    const auto hub = kesa::provide("/hub", service); // withdrawn before the registry is
+
+    runtime.runUntilSignal();
+}
