@@ -107,8 +107,8 @@ struct ConnectResult {
 [[nodiscard]] KESA_API ConnectResult connect(runtime::v02::IRuntimeRegistry& runtime, const std::string& path,
                                              std::chrono::nanoseconds timeout);
 
-/// One question to the service at `path`: connects, asks and waits, all within `timeout`. Whoever asks more than once
-/// keeps the client of `connect` or `use`.
+/// One question to the service at `path`: connects, asks and waits, all within `timeout`. Whoever asks often keeps
+/// the client of `connect` or `use`.
 ///
 ///     const kesa::GetResult title = kesa::get("/media/player", kesa::Request("retrieve", "/title"),
 ///     std::chrono::seconds(2));
