@@ -228,7 +228,7 @@ class Demo:
         self.system.kesactl("tree")
         self.system.kesactl("show", "/system/cpu")
         self.system.kesactl("wait", "/system/memory", "--timeout", "10")
-        value = json.loads(self.system.kesactl("call", "/system/memory"))
+        value = json.loads(self.system.kesactl("call", "/system/memory", "/"))
         if value["total_kib"] <= 0:
             raise AssertionError(f"no memory: {value}")
 
@@ -248,7 +248,7 @@ class Demo:
         self.measure("provider started again: all connected", self.watcher.wait_for("connected", self.disks, again))
         self.measure("provider started again: all streams flow", self.watcher.wait_for("value", self.disks, again))
         self.watcher.show(again)
-        self.system.kesactl("call", "/system/filesystem")
+        self.system.kesactl("call", "/system/filesystem", "/")
         self.expect_listed(self.services)
         if others & set(self.watcher.seen("lost", begin)):
             raise AssertionError("services of system-monitor were disturbed")

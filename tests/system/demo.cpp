@@ -39,7 +39,7 @@ TEST_F(SystemDemo, AnyMayComeFirstAndDie)
 {
     const std::vector<std::string> ALL = {"connected", "answer", "value", "value"};
     Process& early = startWatch();
-    early.expectTrace("no process listens as \"kesa-registryd\"");
+    early.expectTrace("'ipc://kesa-registryd' is not connected");
     Process& monitor = startMonitor();
     Process& registry = startRegistry();
     expectEach(early, ALL);

@@ -93,5 +93,5 @@ class FarAway(SystemTest):
         name = "odd name." + "ü" * 20
         self.connect(name).provide("/odd/päth +?", lambda request: request.client)
         self.assertEqual([line["path"] for line in self.kesactl_json("list", "/odd/**")], ["/odd/päth +?"])
-        self.kesactl("call", "/odd/päth +?")
+        self.kesactl("call", "/odd/päth +?", "/")
         self.assertRegex(self.connect().call("/odd/päth +?"), r":\d+$")

@@ -118,7 +118,7 @@ class Providing(SystemTest):
             self.restart_registry()
             self.kesactl("wait", "/py")
             self.kesactl("wait", "/inside")
-            self.assertEqual(self.kesactl("call", "/inside").strip(), '"here"')
+            self.assertEqual(self.kesactl("call", "/inside", "/").strip(), '"here"')
         self.assertNotEqual(service.record.id, before.id)
         service.close()
         self.kesactl("wait", "/inside", "--gone")
