@@ -42,9 +42,12 @@ protected:
         m_provider.expectTrace(connected, before + 1);
     }
 
-    /// Somebody who has not been there before asks the registry.
-    std::size_t countListed()
+    /// What somebody who has not been there before is told by the registry, once it lists `path`.
+    std::size_t countListed(const std::string& path)
     {
+        Process& waiting = launchProgram("waiting", {KESACTL, "wait", path, "--timeout", "60"}, WITH_REGISTRY);
+        EXPECT_EQ(waiting.expectEnd(), 0);
+        discard(waiting);
         Process& asker = launchProgram("asker", {KESACTL, "list", "--json", "--timeout", "60"}, WITH_REGISTRY);
         asker.expectLineWith("\"path\"", "\"/registry\""); // the last one
         EXPECT_EQ(asker.expectEnd(), 0);
@@ -72,7 +75,7 @@ protected:
         m_provider.expect("registered " + name + "-held");
         for (int losses = 1 + m_rounds % 2; losses > 0; --losses) {
             restartRegistry();
-            EXPECT_EQ(countListed(), 0U); // after this answer the registry has answered the provider's connection, too
+            EXPECT_EQ(countListed("/registry"), 0U); // after this answer the registry has answered the provider's connection, too
         }
         m_provider.send("release");
     }
@@ -96,10 +99,10 @@ protected:
             }
         }
         m_provider.send("dispose-burst");
-        m_provider.send("provide /last " + name); // when it is there, all before it is done
-        m_provider.expect("provided /last");
-        const std::size_t listed = countListed();
-        m_provider.send("withdraw /last");
+        const std::string last = "/last/" + name; // the registry reads what its process says in order
+        m_provider.send("provide " + last);
+        const std::size_t listed = countListed(last);
+        m_provider.send("withdraw " + last);
         return listed;
     }
 };
