@@ -55,14 +55,16 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     comm::TimeNs settledAt = comm::NEVER;
     Services services;
     bool wasLost = false;
-    Services beforeLoss; ///< what `events` had come to
+    Services beforeLoss; ///< of what `events` had come to, what has not come back yet
     std::deque<Event> events;
     std::optional<kesa::Response> refusal;
 
     explicit State(std::string pattern) : glob(std::move(pattern)) {}
 
+    void announceGone();
+
 private:
-    void announceDifference();
+    void announce(const ServiceDef& service);
 };
 
 void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
@@ -115,7 +117,7 @@ void RegistryView::State::lost()
     const std::lock_guard lock(mutex);
     if (isComplete) {
         events.push_back({Kind::eREGISTRY_LOST, {}});
-        beforeLoss = std::move(services);
+        beforeLoss.merge(services);
         wasLost = true;
     }
     isConnected = false;
@@ -158,8 +160,10 @@ void RegistryView::State::told(const Updates& updates)
         } else {
             services.insert_or_assign(path, *update.element);
         }
-        if (isComplete) {
-            events.push_back({isRemoval ? Kind::eREMOVED : Kind::eADDED, *update.element});
+        if (isComplete && isRemoval) {
+            events.push_back({Kind::eREMOVED, *update.element});
+        } else if (isComplete) {
+            announce(*update.element);
         }
     }
     if (updates.empty() && !isComplete) {
@@ -167,7 +171,9 @@ void RegistryView::State::told(const Updates& updates)
         if (wasLost) {
             events.push_back({Kind::eREGISTRY_FOUND, {}});
         }
-        announceDifference();
+        for (const auto& [path, service] : services) {
+            announce(service);
+        }
     }
     changed.notifyAll();
 }
@@ -193,25 +199,32 @@ bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs
     return isSo;
 }
 
-/// After a loss, services that came back as they were are no news; only their records have new numbers.
-void RegistryView::State::announceDifference()
+/// After a loss, a service that comes back as it was is no news; only its record has a new number.
+void RegistryView::State::announce(const ServiceDef& service)
 {
-    const auto isSame = [](const Services& in, const std::string& path, ServiceDef service) {
-        const auto found = in.find(path);
-        service.id = found == in.end() ? service.id : found->second.id;
-        return found != in.end() && found->second == service;
-    };
-    for (const auto& [path, service] : beforeLoss) {
-        if (!isSame(services, path, service)) {
+    const auto before = beforeLoss.find(service.path.toString());
+    if (before != beforeLoss.end()) {
+        const ServiceDef old = std::move(before->second);
+        beforeLoss.erase(before);
+        ServiceDef renumbered = service;
+        renumbered.id = old.id;
+        if (renumbered == old) {
+            return;
+        }
+        events.push_back({Kind::eREMOVED, old});
+    }
+    events.push_back({Kind::eADDED, service});
+}
+
+/// What has not come back in time.
+void RegistryView::State::announceGone()
+{
+    if (isSettled()) {
+        for (const auto& [path, service] : beforeLoss) {
             events.push_back({Kind::eREMOVED, service});
         }
+        beforeLoss.clear();
     }
-    for (const auto& [path, service] : services) {
-        if (!isSame(beforeLoss, path, service)) {
-            events.push_back({Kind::eADDED, service});
-        }
-    }
-    beforeLoss.clear();
 }
 
 RegistryView::RegistryView(std::vector<kesa::url> locators, const std::string& glob)
@@ -284,7 +297,10 @@ void RegistryView::failUnsettled()
 RegistryView::Event RegistryView::next()
 {
     std::unique_lock lock(m_state->mutex);
-    m_state->await(lock, comm::NEVER, [this] { return !m_state->events.empty(); });
+    m_state->await(lock, comm::NEVER, [this] {
+        m_state->announceGone();
+        return !m_state->events.empty();
+    });
     Event event = std::move(m_state->events.front());
     m_state->events.pop_front();
     return event;
