@@ -17,9 +17,11 @@ using util::config::Dictionary;
 using util::config::Value;
 using Complaint = ConfigReport::Complaint;
 
-/// Of readings; and of what is read altogether, since each reads the whole document.
+/// Of readings, and of what is read altogether, since each reads the whole document; and of repairs, since each copies
+/// what stands beside the value.
 constexpr std::size_t MOST_READINGS = 50;
 constexpr std::size_t MOST_BYTES = std::size_t{32} << 20U;
+constexpr std::size_t MOST_REPAIRS = 200;
 
 /// An element that no complaint is about, in a list somewhere under the key `top` of the document.
 Value goodElement(std::string_view top)
@@ -100,13 +102,17 @@ bool endsReading(const Complaint& complaint)
 }
 
 /// With what was wrong replaced; a list is kept that is called wrong for an element that is.
-Value repairedAll(Value root, const std::vector<Complaint>& complaints)
+Value repairedAll(Value root, const std::vector<Complaint>& complaints, std::size_t& repairs)
 {
     for (const Complaint& complaint : complaints) {
+        if (!endsReading(complaint) || repairs == MOST_REPAIRS) {
+            continue;
+        }
         const bool hasDeeper = std::any_of(complaints.begin(), complaints.end(), [&](const Complaint& other) {
             return other.isFatal && other.path.rfind(complaint.path + "[", 0) == 0;
         });
-        if (endsReading(complaint) && !hasDeeper) {
+        if (!hasDeeper) {
+            ++repairs;
             root = repaired(root, complaint.path, "");
         }
     }
@@ -128,8 +134,10 @@ void addFurtherErrors(ConfigReport& report)
     }
     Value root = report.root;
     std::size_t bytes = 0;
-    for (std::size_t readings = 0; readings < MOST_READINGS && bytes < MOST_BYTES; ++readings) {
-        Value next = repairedAll(root, complaints);
+    std::size_t repairs = 0;
+    for (std::size_t readings = 0; readings < MOST_READINGS && bytes < MOST_BYTES && repairs < MOST_REPAIRS;
+         ++readings) {
+        Value next = repairedAll(root, complaints, repairs);
         if (next == root) {
             return;
         }
