@@ -17,15 +17,16 @@ namespace transport = kesa::commadapter::transport;
 
 std::vector<std::string> places()
 {
-    std::vector<std::string> places = {transport::SYSTEM_RUN_DIRECTORY};
+    std::vector<std::string> places;
     const auto add = [&places](const char* variable, const char* below) {
         const char* const value = ::secure_getenv(variable);
         if (value != nullptr && *value != '\0') {
             places.push_back(std::string(value) + below);
         }
     };
-    add("KESA_RUN_DIR", "");
     add("XDG_RUNTIME_DIR", "/kesa");
+    add("KESA_RUN_DIR", "");
+    places.emplace_back(transport::SYSTEM_RUN_DIRECTORY);
     std::error_code failed;
     for (const auto& user : std::filesystem::directory_iterator("/run/user", failed)) {
         places.push_back(user.path().string() + "/kesa");
