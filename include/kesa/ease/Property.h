@@ -44,7 +44,7 @@ public:
         const auto answer = [state = m_state](const Request& request, const Responder& responder) {
             state->followers.answer(request, responder);
         };
-        service.onRetrieve(route, answer, std::move(info.stream()));
+        service.onRetrieve(route, answer, info.stream());
     }
     /// The same with "update", which sets it: 400 when the body is no such value. What `info` says of the answer is
     /// said of that body, too.

@@ -49,24 +49,24 @@ public:
     ~ResourceHandler() override;
 
     template <class F>
-    ResourceHandler& onRetrieve(std::string_view route, F function, RouteInfo info = {})
+    ResourceHandler& onRetrieve(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::RETRIEVE, route, adapt(std::move(function)), std::move(info));
+        return add(commands::RETRIEVE, route, adapt(std::move(function)), info);
     }
     template <class F>
-    ResourceHandler& onUpdate(std::string_view route, F function, RouteInfo info = {})
+    ResourceHandler& onUpdate(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::UPDATE, route, adapt(std::move(function)), std::move(info));
+        return add(commands::UPDATE, route, adapt(std::move(function)), info);
     }
     template <class F>
-    ResourceHandler& onDelete(std::string_view route, F function, RouteInfo info = {})
+    ResourceHandler& onDelete(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::DELETE, route, adapt(std::move(function)), std::move(info));
+        return add(commands::DELETE, route, adapt(std::move(function)), info);
     }
     template <class F>
-    ResourceHandler& onInsert(std::string_view route, F function, RouteInfo info = {})
+    ResourceHandler& onInsert(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::INSERT, route, adapt(std::move(function)), std::move(info));
+        return add(commands::INSERT, route, adapt(std::move(function)), info);
     }
 
     /// What the operations above do: replaces the function for `command` on `route`. A malformed route is refused with

@@ -40,7 +40,7 @@ public:
         const auto answer = [followers = m_followers](const Request& request, const Responder& responder) {
             followers->answer(request, responder);
         };
-        service.onRetrieve(route, answer, std::move(info.stream()));
+        service.onRetrieve(route, answer, info.stream());
     }
 
 private:
