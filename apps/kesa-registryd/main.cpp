@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
+#include <kesa/reasonOf.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <systemd/sd-daemon.h>
@@ -70,7 +71,7 @@ ExitCode serve(const std::string& locators, const sigset_t& ends)
         *KesaRuntime::getInstance(), [&locators] { tellReady(locators); },
         [&exitCode](const kesa::Response& error) {
             exitCode = ExitCode::eFAILED;
-            complain(exitCode, "the registry cannot be provided: " + kesa::Response::getErrorMessageWithCode(error));
+            complain(exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
             ::kill(::getpid(), SIGTERM); // ends the wait below
         });
     int signal = 0;

@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
@@ -181,7 +182,7 @@ void call(const Arguments& arguments)
         case Answers::Kind::eERROR:
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,
-                                      kesa::Response::getErrorMessageWithCode(answer.response)),
+                                      kesa::reasonOf(answer.response)),
                           static_cast<int>(answer.response.getStatus())};
         case Answers::Kind::eTIMED_OUT:
             throw Failure{ExitCode::eTIMED_OUT,

@@ -9,6 +9,7 @@
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
+#include <kesa/reasonOf.h>
 
 #include <fmt/format.h>
 
@@ -91,7 +92,7 @@ Round measure(const Connection::Client& client, const Arguments& arguments, Wait
         return {time, fmt::format("no answer within {} s", arguments.common.timeoutSeconds), ExitCode::eTIMED_OUT};
     }
     if (answer.kind == Answers::Kind::eERROR && status == 503) { // not the service, its connection
-        return {time, kesa::Response::getErrorMessageWithCode(answer.response), ExitCode::eFAILED};
+        return {time, kesa::reasonOf(answer.response), ExitCode::eFAILED};
     }
     return {time, {}};
 }

@@ -2,6 +2,7 @@
 
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/provide.h>
+#include <kesa/reasonOf.h>
 
 #include <cstdio>
 
@@ -15,8 +16,7 @@ int provideUntilSignal(const char* name, const Feeds& feeds)
         const char* const path = feed->path().c_str();
         registrations.push_back(
             kesa::provide(feed->path(), feed->service(), {{"versions", "1.0.0"}}, [path](const kesa::Response& error) {
-                std::fprintf(stderr, "%s cannot be provided: %s\n", path,
-                             kesa::Response::getErrorMessageWithCode(error).c_str());
+                std::fprintf(stderr, "%s cannot be provided: %s\n", path, kesa::reasonOf(error).c_str());
             }));
         registrations.back()->whenKnown([path] {
             std::printf("%s\n", path);

@@ -11,6 +11,7 @@
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 
 #include <chrono>
@@ -76,7 +77,7 @@ kesa::Disposable watch(kesa::runtime::v02::IRuntimeRegistry& runtime, comm::Acti
                 kesa::post(worker, [path, client = *resolved.api, &board] { askOnce(path, *client, board); });
             },
             [](const kesa::Response& error) {
-                std::fprintf(stderr, "system-watch: %s\n", kesa::Response::getErrorMessageWithCode(error).c_str());
+                std::fprintf(stderr, "system-watch: %s\n", kesa::reasonOf(error).c_str());
             }));
 }
 

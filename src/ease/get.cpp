@@ -5,6 +5,7 @@
 #include <comm/onAnyLoop.h>
 #include <kesa/ease/get.h>
 #include <kesa/headers.h>
+#include <kesa/reasonOf.h>
 
 #include <algorithm>
 #include <atomic>
@@ -20,7 +21,7 @@ namespace {
 void setError(GetResult& result, const Response& error)
 {
     result.status = error.getStatus();
-    result.error = Response::getErrorMessageWithCode(error);
+    result.error = reasonOf(error);
 }
 
 /// What the waiting caller and the handler it sent share. The handler is a part of it, so that a call costs one

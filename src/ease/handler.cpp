@@ -1,4 +1,5 @@
 #include <kesa/ease/handler.h>
+#include <kesa/reasonOf.h>
 #include <tracing/Channel.h>
 
 namespace kesa::detail {
@@ -6,7 +7,7 @@ namespace kesa::detail {
 void TraceError::operator()(const Response& error) const
 {
     static const ::tracing::Channel channel("KESA_EASE");
-    KESA_TRACE(channel, 3, "[handler] stream ended with %s", Response::getErrorMessageWithCode(error).c_str());
+    KESA_TRACE(channel, 3, "[handler] stream ended with %s", reasonOf(error).c_str());
 }
 
 } // namespace kesa::detail

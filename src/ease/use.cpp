@@ -17,6 +17,7 @@
 #include <kesa/ease/handler.h>
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
@@ -62,9 +63,7 @@ public:
                             self->onNews([&] { self->tracked(update); });
                         },
                         [self = shared_from_this()](const Response& error) {
-                            self->onNews([&] {
-                                self->setState(nullptr, Response::getErrorMessageWithCode(error), error.getStatus());
-                            });
+                            self->onNews([&] { self->setState(nullptr, reasonOf(error), error.getStatus()); });
                         }));
     }
 
@@ -256,9 +255,7 @@ private:
     {
         if (number == m_number) {
             letGo();
-            setState(nullptr,
-                     fmt::format("'{}' cannot be reached: {}", m_path, Response::getErrorMessageWithCode(error)),
-                     error.getStatus());
+            setState(nullptr, fmt::format("'{}' cannot be reached: {}", m_path, reasonOf(error)), error.getStatus());
         }
     }
 

@@ -75,7 +75,8 @@ protected:
         m_provider.expect("registered " + name + "-held");
         for (int losses = 1 + m_rounds % 2; losses > 0; --losses) {
             restartRegistry();
-            EXPECT_EQ(countListed("/registry"), 0U); // after this answer the registry has answered the provider's connection, too
+            EXPECT_EQ(countListed("/registry"),
+                      0U); // after this answer the registry has answered the provider's connection, too
         }
         m_provider.send("release");
     }

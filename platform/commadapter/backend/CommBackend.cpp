@@ -13,6 +13,8 @@
 #include "backend/channel.h"
 
 #include <kesa/Path.h>
+#include <kesa/errors.h>
+#include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
 
 namespace kesa::commadapter {
@@ -50,6 +52,7 @@ private:
     bool isOwnName(const transport::Endpoint& endpoint) const { return endpoint.process == m_process; }
     bool claimName(transport::ITransport& transport);
     bool provide(const std::string& path, IKesaApi* service);
+    [[nodiscard]] static bool refuse(const std::string& reason);
     MakeHello makeHello() const;
     OpenLocal makeOpenLocal() const;
 
@@ -131,20 +134,25 @@ bool CommBackend::claimName(transport::ITransport& transport)
 bool CommBackend::provide(const std::string& path, IKesaApi* service)
 {
     if (service == nullptr || !Path::isCanonical(path)) {
-        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is no canonical path, or has no service object", path.c_str());
-        return true;
+        return refuse("'" + path + "' is no canonical path, or has no service object");
     }
-    const bool failed = m_services->provide(path, service);
-    if (failed) {
-        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is provided already", path.c_str());
-    }
-    return failed;
+    return m_services->provide(path, service) && refuse("'" + path + "' is provided already");
+}
+
+/// True, with the reason for whoever asked.
+bool CommBackend::refuse(const std::string& reason)
+{
+    KESA_TRACE(CHANNEL, 3, "[provide] %s", reason.c_str());
+    return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, reason);
 }
 
 bool CommBackend::provideOnPath(const std::string& path, IKesaApi* service, url& locator)
 {
-    if (m_transports.empty() || claimName(*m_transports.front())) {
-        return true;
+    if (m_transports.empty()) {
+        return refuse("the backend is not started");
+    }
+    if (claimName(*m_transports.front())) {
+        return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, m_claimFailure);
     }
     const auto endpoint = m_transports.front()->ownEndpoint();
     if (!endpoint || provide(path, service)) {
@@ -158,11 +166,12 @@ bool CommBackend::provideOnLocator(const url& locator, IKesaApi* service)
 {
     const auto place = find(locator);
     if (!place || !isOwnName(place->destination.endpoint)) {
-        KESA_TRACE(CHANNEL, 3, "[provide] '%s' is not a locator of this process, '%s'", locator.toString().c_str(),
-                   m_process.c_str());
-        return true;
+        return refuse("'" + locator.toString() + "' is not a locator of this process, '" + m_process + "'");
     }
-    return claimName(*place->destination.transport) || provide(place->path, service);
+    if (claimName(*place->destination.transport)) {
+        return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, m_claimFailure);
+    }
+    return provide(place->path, service);
 }
 
 void CommBackend::unprovide(const url& locator)

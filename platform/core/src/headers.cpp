@@ -66,4 +66,11 @@ void appendRequestInfo(Response& response, const RequestInfo& info)
     response.setHeader(REQUEST_PATH, info.getPath());
 }
 
+void appendReason(Response& error, std::string_view reason)
+{
+    if (!reason.empty()) {
+        error.setHeader(REASON, reason);
+    }
+}
+
 } // namespace kesa::headers

@@ -4,6 +4,7 @@
 #include <kesa/Response.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/reasonOf.h>
 #include <kesa/servicecomp.h>
 #include <kesa/tracing.h>
 
@@ -117,6 +118,13 @@ TEST(Response, HasAnErrorText)
     EXPECT_EQ(Response::getErrorMessageWithCode(Response::createErrorResponse(404)), "404");
     const Response binary(500, Payload::createFromString("\x01", mimetypes::QELBIN));
     EXPECT_EQ(Response::getErrorMessageWithCode(binary), "500");
+
+    Response bare = Response::createErrorResponse(409);
+    headers::appendReason(bare, "");
+    EXPECT_EQ(reasonOf(bare), "409");
+    headers::appendReason(bare, "held by process player (pid 812)");
+    EXPECT_EQ(Response::getErrorMessageWithCode(bare), "409");
+    EXPECT_EQ(reasonOf(bare), "409: held by process player (pid 812)");
 }
 
 TEST(Process, ChoosesFormats)

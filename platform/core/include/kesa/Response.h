@@ -27,7 +27,7 @@ public:
     static Response createErrorResponse(unsigned short status, std::string_view text = {});
     /// The error of a request that has not been answered within its time limit: 504, "no answer within 2000 ms".
     static Response createTimeoutResponse(std::chrono::milliseconds limit);
-    /// "409: service already registered", or "409" without a text.
+    /// "409: service already registered", or "409" without a text. `reasonOf` often knows more.
     static std::string getErrorMessageWithCode(const Response& response);
 
     unsigned short getStatus() const noexcept { return m_status; }

@@ -24,6 +24,8 @@ inline constexpr std::string_view RESPONSE_SEMANTIC = "$response-semantic";
 inline constexpr std::string_view TIMEOUT = "$timeout";
 /// Names the sending process in traces; says nothing about who it is.
 inline constexpr std::string_view TRACE_ID = "$trace-id";
+/// Of an error: why, for people; beside its text, which may be empty. See `reasonOf`.
+inline constexpr std::string_view REASON = "$reason";
 
 KESA_API void appendTracingInfo(Request& request, std::string_view servicePath, std::string_view clientId);
 /// Adds the process's token for the service of "$service-path", where it has one.
@@ -42,6 +44,8 @@ KESA_API void setAuthTokenProvider(AuthTokenProvider provider);
 
 /// Repeats command, path and service path of the request in the answer.
 KESA_API void appendRequestInfo(Response& response, const RequestInfo& info);
+/// An empty reason is none.
+KESA_API void appendReason(Response& error, std::string_view reason);
 
 } // namespace kesa::headers
 

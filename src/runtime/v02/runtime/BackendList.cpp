@@ -1,9 +1,10 @@
 #include <runtime/v02/runtime/BackendList.h>
 
-#include <kesa/Response.h>
 #include <kesa/commadapter/createBackend.h>
 #include <kesa/errors.h>
+#include <kesa/headers.h>
 #include <obr/ErrorOutput.h>
+#include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/MyClientConnectionListener.h>
 #include <runtime/v02/runtime/channels.h>
@@ -60,6 +61,7 @@ bool BackendList::provideURL(const std::vector<url>& locators, const std::shared
 {
     onExecutor();
     KESA_TRACE(BACKENDS_CHANNEL, 2, "[provideURL] '%d'", static_cast<int>(locators.size()));
+    obr::ErrorStorage::ack();
     int count = 0;
     for (const url& locator : locators) {
         const int provided = provideOnBackends(locator, service);
@@ -75,7 +77,21 @@ bool BackendList::provideURL(const std::vector<url>& locators, const std::shared
         m_providedServices.emplace(key, service);
     }
     KESA_TRACE(BACKENDS_CHANNEL, 1, "[provideURL] locator=%d", count);
-    return count == 0;
+    return endProviding(count == 0);
+}
+
+/// Answers `failed`. What failed at one backend is nothing when another has succeeded.
+bool BackendList::endProviding(bool failed) const
+{
+    if (!failed) {
+        obr::ErrorStorage::ack();
+    } else if (!obr::ErrorStorage::isError()) {
+        obr::ErrorOutput(__FILE__, __LINE__, true)(
+            errors::Error, 7,
+            m_backends.empty() ? "this process has no backend; its configuration names none under \"backends\""
+                               : "no backend of this process can handle the locators that are configured for it");
+    }
+    return failed;
 }
 
 int BackendList::provideOnBackends(const url& locator, const std::shared_ptr<IKesaApi>& service)
@@ -97,6 +113,7 @@ bool BackendList::providePath(const std::string& path, const std::shared_ptr<IKe
 {
     onExecutor();
     KESA_TRACE(BACKENDS_CHANNEL, 2, "[providePath] '%s'", path.c_str());
+    obr::ErrorStorage::ack();
     bool failed = true;
     for (const auto& backend : m_backends) {
         url locator;
@@ -108,10 +125,10 @@ bool BackendList::providePath(const std::string& path, const std::shared_ptr<IKe
     }
     if (failed) {
         KESA_TRACE(BACKENDS_CHANNEL, 4, "[providePath] could not provide service='%s'", path.c_str());
-        return true;
+    } else {
+        m_providedServices.emplace(serviceDef.locators.front().toString(), service);
     }
-    m_providedServices.emplace(serviceDef.locators.front().toString(), service);
-    return false;
+    return endProviding(failed);
 }
 
 void BackendList::unprovideURL(const std::vector<url>& locators)
@@ -203,7 +220,7 @@ bool BackendList::openProxy(const url& locator, std::unique_ptr<ProxyHandler>&& 
         }
     }
     const std::unique_ptr<ProxyHandler> refused = std::move(handler);
-    refused->onError(Response::createErrorResponse(404));
+    refused->onError(noLocator({locator}));
     return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7,
                                                       "no locators found or defined for service '" + key + "'");
 }
@@ -229,6 +246,18 @@ void BackendList::freeProxy(const url& locator, const void* handle, bool service
     m_openProxies.erase(open);
     const std::shared_ptr<IKesaApi> api = listener->api();
     listener->backend()->release(api.get(), serviceRemoved);
+}
+
+Response BackendList::noLocator(const std::vector<url>& locators)
+{
+    std::string names;
+    for (const url& locator : locators) {
+        names.append(names.empty() ? "" : ", ").append(locator.toString());
+    }
+    Response error = Response::createErrorResponse(404);
+    headers::appendReason(error, names.empty() ? "the service has no locators"
+                                               : "no backend of this process reaches any of its locators: " + names);
+    return error;
 }
 
 bool BackendList::hasHandler(const url& locator, const void* handle) const

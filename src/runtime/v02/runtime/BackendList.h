@@ -2,6 +2,7 @@
 #define KESA_RUNTIME_V02_BACKENDLIST_H
 
 #include <comm/ActiveObject.h>
+#include <kesa/Response.h>
 #include <kesa/commadapter/IBackend.h>
 #include <kesa/url.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
@@ -32,6 +33,8 @@ public:
     /// Stops and destroys the backends. Open proxies and provided services stay; nothing is called any more.
     void shutdown();
 
+    // What could not be provided leaves its reason in `obr::ErrorStorage`.
+
     /// Offers `service` on each locator, at every backend that can handle it. True when none could be provided.
     [[nodiscard]] bool provideURL(const std::vector<url>& locators, const std::shared_ptr<IKesaApi>& service);
     /// Offers `service` at every backend under a locator of the backend's choosing, appended to `serviceDef.locators`.
@@ -55,11 +58,15 @@ public:
     /// to the backend.
     void freeProxy(const url& locator, const void* handle, bool serviceRemoved);
 
+    /// The error of whoever wants to reach a service at these locators, when no backend can: 404, with a reason.
+    static Response noLocator(const std::vector<url>& locators);
+
     /// Whether that handler waits for news of the locator.
     bool hasHandler(const url& locator, const void* handle) const;
 
 private:
     void onExecutor() const;
+    bool endProviding(bool failed) const;
     int provideOnBackends(const url& locator, const std::shared_ptr<IKesaApi>& service);
 
     std::string m_processName;

@@ -155,9 +155,10 @@ private:
     [[nodiscard]] bool applyToStaticRecord(RuntimeEntry& entry, const Registration& registration);
     ServiceDef dynamicServiceDef(const Registration& registration) const;
     void announce(RuntimeEntry& entry);
+    static std::string takeReason();
     [[nodiscard]] static bool lacksRegistrator(const RuntimeEntry& entry, int line);
-    void refuseRegistrator(RuntimeEntry& entry, std::string_view text = {});
-    void refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view text = {});
+    void refuseRegistrator(RuntimeEntry& entry, std::string_view reason, std::string_view text = {});
+    void refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view reason, std::string_view text = {});
 
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);

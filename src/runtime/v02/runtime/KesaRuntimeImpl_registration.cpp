@@ -1,7 +1,9 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <kesa/headers.h>
 #include <kesa/serviceregistry/MetainfoKeys.h>
 #include <kesa/toGeneric.h>
+#include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
 #include <runtime/v02/runtime/identity.h>
@@ -36,6 +38,13 @@ std::vector<std::string> versionsOf(const GenericObject& metainfo)
         versions.emplace_back(element.stringView());
     }
     return versions;
+}
+
+/// Of a record of another process.
+std::string holderOf(const ServiceDef& record)
+{
+    const std::string_view provider = providerOf(record);
+    return provider.empty() ? std::string() : "held by process " + std::string(provider);
 }
 
 std::string nameOf(ServiceDef::TypeEnum type)
@@ -121,7 +130,7 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
     if (entry.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerService] service='%s' already registered handle='%p'", path.c_str(),
                    address);
-        refuse(std::move(registration.handler));
+        refuse(std::move(registration.handler), "this process has registered it");
         return true;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,
@@ -130,12 +139,14 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[registerService] service='%s' is not configured to be provided by this process handle='%p'",
                    path.c_str(), address);
-        refuse(std::move(registration.handler));
+        refuse(std::move(registration.handler),
+               "the configuration gives it to another process: none of its locators is of this one, '" + m_proc_name +
+                   "'");
         return true;
     }
     if (!entry.isStaticConfigured && entry.optionalServiceDef) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 4, fmt::format("[registerService] service='{}' is already registered", path));
-        refuse(std::move(registration.handler), "service already registered");
+        refuse(std::move(registration.handler), holderOf(*entry.optionalServiceDef), "service already registered");
         return true;
     }
     entry.optionalRegistrator = std::move(registration.handler);
@@ -151,7 +162,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
     if (m_backendList.providePath(path, registration.api, serviceDef)) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] dynamic service='%s' can not be registered", path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(entry);
+            refuseRegistrator(entry, takeReason());
         }
         deleteRuntimeEntry(path);
         followRemotely(path);
@@ -207,7 +218,7 @@ void KesaRuntimeImpl::registerStatic(RuntimeEntry& entry, Registration& registra
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] static configured service='%s' can not be registered",
                    path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(entry);
+            refuseRegistrator(entry, takeReason());
         }
         return;
     }
@@ -241,8 +252,9 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
                "Service registration of statically configured service '%s': Service type mismatch: configured=%s; "
                "in-registration=%s",
                path.c_str(), configured.c_str(), registered.c_str());
-    refuseRegistrator(entry, "service '" + path + "type mismatch configured " + configured + " but registration with " +
-                                 registered);
+    refuseRegistrator(entry, {},
+                      "service '" + path + "type mismatch configured " + configured + " but registration with " +
+                          registered);
     return true;
 }
 
@@ -251,6 +263,14 @@ void KesaRuntimeImpl::announce(RuntimeEntry& entry)
 {
     (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef);
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
+}
+
+/// What a backend has left.
+std::string KesaRuntimeImpl::takeReason()
+{
+    std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
 }
 
 bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)
@@ -263,15 +283,18 @@ bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)
     return true;
 }
 
-void KesaRuntimeImpl::refuseRegistrator(RuntimeEntry& entry, std::string_view text)
+void KesaRuntimeImpl::refuseRegistrator(RuntimeEntry& entry, std::string_view reason, std::string_view text)
 {
-    refuse(std::move(*entry.optionalRegistrator), text);
+    refuse(std::move(*entry.optionalRegistrator), reason, text);
     entry.optionalRegistrator.reset();
 }
 
-void KesaRuntimeImpl::refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view text)
+void KesaRuntimeImpl::refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view reason,
+                             std::string_view text)
 {
-    postError(std::move(handler), Response::createErrorResponse(409, text));
+    Response error = Response::createErrorResponse(409, text);
+    headers::appendReason(error, reason);
+    postError(std::move(handler), error);
 }
 
 } // namespace kesa::runtime::v02

@@ -28,7 +28,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     if (present != m_runtimeEntries.end() && present->second.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerRegistryService] service='%s' is registered as something else",
                    path.c_str());
-        refuse(std::move(registration.handler));
+        refuse(std::move(registration.handler), "this process has registered it as something else");
         return;
     }
     const ServiceDef serviceDef = registryServiceDef(registration);
@@ -42,7 +42,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] dynamic service='%s' can no be registered",
                    path.c_str());
         eventlog::registrationError(m_eventSource, serviceDef, "dynamic service can no be registered");
-        refuseRegistrator(entry);
+        refuseRegistrator(entry, takeReason());
         entry.optionalServiceDef.reset();
         deleteRuntimeEntry(path);
         obr::GlobalErrorHandler::doAssert(

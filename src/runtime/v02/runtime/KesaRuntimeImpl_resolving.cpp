@@ -43,7 +43,7 @@ void KesaRuntimeImpl::resolve(const std::vector<url>& urls, std::unique_ptr<Prox
     const optional<url> best = m_backendList.getBestLocator(urls);
     if (!best) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[resolve] no resolveable url found handle='%p'", handle.address);
-        postError(std::move(handler), Response::createErrorResponse(404));
+        postError(std::move(handler), BackendList::noLocator(urls));
         return;
     }
     const url& uri = *best;

@@ -73,7 +73,7 @@ void KesaRuntimeImpl::onAddedOfTracking(const Handle& handle, const ServiceDef& 
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveService onNext of tracking] resolved url is null");
     }
     if (auto service = take(m_trackAndResolveServiceHandler, handle)) {
-        postError(std::move(service->client), Response::createErrorResponse(404));
+        postError(std::move(service->client), BackendList::noLocator(serviceDef.locators));
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveService onNext of tracking] can not find m_trackAndResolveServiceHandler for "

@@ -76,7 +76,7 @@ void KesaRuntimeImpl::onAddedOfQueryTracking(const Handle& handle, const Service
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] no url to resolve");
     }
     if (auto bookkeeper = take(m_trackAndResolvedServicesQuery, handle)) {
-        postError(std::move(*bookkeeper), Response::createErrorResponse(404));
+        postError(std::move(*bookkeeper), BackendList::noLocator(serviceDef.locators));
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveServices onNext of tracking] can not find m_trackAndResolveServiceHandler for "

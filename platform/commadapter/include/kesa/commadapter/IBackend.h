@@ -31,7 +31,8 @@ public:
     /// By scheme and realm, never by what can be reached at the moment.
     virtual bool canHandle(const url& locator) = 0;
     /// Offers `service` under a locator of the backend's choosing. `service` stays the caller's and alive until
-    /// `unprovide` of that locator has returned. A locator that is provided already is refused.
+    /// `unprovide` of that locator has returned. A locator that is provided already is refused. The reason of a failure
+    /// is in `obr::ErrorStorage`; the same for the next one.
     virtual bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) = 0;
     virtual bool provideOnLocator(const url& locator, IKesaApi* service) = 0;
     /// No call into the service runs or comes after it returns; its open requests were cancelled and its clients are

@@ -2,6 +2,8 @@
 #define KESA_RUNTIME_V02_TESTS_FAKEBACKEND_H
 
 #include <kesa/commadapter/IBackend.h>
+#include <kesa/errors.h>
+#include <obr/ErrorOutput.h>
 
 #include <atomic>
 #include <functional>
@@ -140,7 +142,10 @@ public:
     bool provideOnPath(const std::string& path, IKesaApi* service, url& locator) override
     {
         const url chosen("fake://" + m_process + path);
-        if (m_network->refusedPaths.count(path) != 0 || provideOnLocator(chosen, service)) {
+        if (m_network->refusedPaths.count(path) != 0) {
+            return refuse();
+        }
+        if (provideOnLocator(chosen, service)) {
             return true;
         }
         locator = chosen;
@@ -149,9 +154,11 @@ public:
     bool provideOnLocator(const url& locator, IKesaApi* service) override
     {
         const auto lock = note("provide " + locator.toString());
-        return m_network->refusedPaths.count(locator.toString()) != 0 ||
-               !m_network->provided.emplace(locator.toString(), service).second;
+        const bool isRefused = m_network->refusedPaths.count(locator.toString()) != 0 ||
+                               !m_network->provided.emplace(locator.toString(), service).second;
+        return isRefused && refuse();
     }
+    static bool refuse() { return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, "the fake refuses it"); }
     void unprovide(const url& locator) override
     {
         {

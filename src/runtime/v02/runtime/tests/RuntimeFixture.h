@@ -7,6 +7,7 @@
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
 #include <kesa/commadapter/createBackend.h>
+#include <kesa/reasonOf.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
@@ -94,7 +95,7 @@ public:
         note(textOf(value));
         return false;
     }
-    void onError(const Response& error) override { note("error " + Response::getErrorMessageWithCode(error)); }
+    void onError(const Response& error) override { note("error " + reasonOf(error)); }
     void onCompleted() override { note("completed"); }
 
 private:

@@ -75,11 +75,11 @@ TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
     run();
     m_journal->take();
     auto second = registerService("/a", "second");
-    EXPECT_THAT(happened(), ElementsAre("second: error 409", "second: gone"));
+    EXPECT_THAT(happened(), ElementsAre("second: error 409: this process has registered it", "second: gone"));
 
     m_network->refusedPaths = {"/c"};
     auto dropped = registerService("/c", "dropped");
-    EXPECT_THAT(happened(), ElementsAre("dropped: error 409", "dropped: gone"));
+    EXPECT_THAT(happened(), ElementsAre("dropped: error 409: the fake refuses it", "dropped: gone"));
     EXPECT_THAT(traced(4, [&] { dropped.dispose(); }), ElementsAre(HasSubstr("can not find service=")));
     EXPECT_EQ(m_livingServices, 1);
 
@@ -144,7 +144,10 @@ TEST_F(RegistrationTest, aStaticServiceIsRefusedWhenItDoesNotFit)
     auto refused = registerService("/refused", "x");
     EXPECT_THAT(happened(),
                 ElementsAre("m: error 409: service '/minetype mismatch configured pex but registration with lomo",
-                            "m: gone", "f: error 409", "f: gone", "x: error 409", "x: gone"));
+                            "m: gone",
+                            "f: error 409: the configuration gives it to another process: none of its locators is of "
+                            "this one, 'me'",
+                            "f: gone", "x: error 409: the fake refuses it", "x: gone"));
 
     // Nothing was registered, so there is nothing to withdraw: the service of the other process stays.
     auto tracking = track("/other", "t");

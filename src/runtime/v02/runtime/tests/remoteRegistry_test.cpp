@@ -142,7 +142,7 @@ TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
     run();
     registry->track("/a").onNext(update(ADDED, "/a")); // on its way while the registration is made
     auto registration = registerService("/a", "r");
-    EXPECT_THAT(toClients(), Contains("r: error 409: service already registered"));
+    EXPECT_THAT(toClients(), Contains("r: error 409: service already registered: held by process other"));
     registry->track("/a").onNext(update(REMOVED, "/a"));
     run();
     m_journal->take();
@@ -480,8 +480,8 @@ TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
     m_network->refusedPaths.insert("fake://me/registry");
     m_journal->take();
     auto failing = registerService("/registry", "registry3", ServiceDef::TypeEnum::registry);
-    EXPECT_THAT(happened(),
-                ElementsAre("registration register", "registration error", "registry3: error 409", "registry3: gone"));
+    EXPECT_THAT(happened(), ElementsAre("registration register", "registration error",
+                                        "registry3: error 409: the fake refuses it", "registry3: gone"));
     EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("registry service can not be registed")));
 }
 
