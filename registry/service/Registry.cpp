@@ -1,5 +1,7 @@
 #include "service/RegistryImpl.h"
 
+#include <kesa/IKesaApi.h>
+
 namespace kesa::registry {
 
 Registry::Registry() : m_impl(std::make_shared<Impl>()) {}
@@ -25,6 +27,14 @@ void* Registry::trackService(std::unique_ptr<IResponseHandler<RegistryUpdate>>&&
                              const optional<bool>&)
 {
     return m_impl->trackService(std::move(handler), path.toString());
+}
+
+void* Registry::explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                        const std::string& process)
+{
+    const auto taken = std::move(handler);
+    m_impl->explain(*taken, path.toString(), process);
+    return IKesaApi::UNDEFINED_REQUEST_HANDLE;
 }
 
 void Registry::cancelRequest(void* handle)

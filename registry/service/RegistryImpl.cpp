@@ -16,10 +16,12 @@
 #include "service/channel.h"
 #include "service/limits.h"
 
+#include <comm/wallClock.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/Path.h>
 #include <kesa/RequestContext.h>
 #include <kesa/Response.h>
+#include <kesa/headers.h>
 #include <obr/ErrorStorage.h>
 
 #include <algorithm>
@@ -31,6 +33,11 @@ namespace {
 
 constexpr std::array<std::size_t, 3> MAX_REQUESTS = {MAX_REGISTRATIONS, MAX_TRACKINGS, MAX_QUERIES};
 constexpr std::array<const char*, 3> KINDS = {"registrations", "trackings", "queries"};
+
+std::int64_t wallClockMs() noexcept
+{
+    return comm::wallClock() / comm::MILLISECOND;
+}
 
 void* toHandle(StreamId stream) noexcept
 {
@@ -65,6 +72,8 @@ void* refuse(IResponseHandler<T>& handler, const char* operation, const std::str
 }
 
 } // namespace
+
+Registry::Impl::Impl() : m_started(wallClockMs()) {}
 
 std::string Registry::Impl::Asker::name() const
 {
@@ -143,6 +152,7 @@ std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
             asker->instance = context->instance.isNil() ? obr::UUID::generate() : context->instance;
             asker->process = context->process;
             asker->pid = context->pid;
+            asker->uid = context->uid;
             asker->realm = std::make_shared<const std::string>(context->realm);
             asker->peer = context->peer;
         }
@@ -249,7 +259,10 @@ void Registry::Impl::cancelRequest(void* handle)
         const auto request = m_requests.find(stream);
         if (request != m_requests.end()) {
             m_dead.push_back(take(request));
-            m_store.end(stream);
+            if (const RecordPtr gone = m_store.end(stream)) {
+                const auto& peer = m_dead.back().asker->peer;
+                noteEnd(m_dead.back(), *gone, peer ? peer->endReason() : std::string());
+            }
         }
     });
 }
@@ -270,8 +283,10 @@ void Registry::Impl::deliver()
     Updates list;
     for (Output output; m_store.next(output);) {
         switch (output.kind) {
-        case Output::Kind::eUPDATE:
         case Output::Kind::eREGISTERED:
+            noteRegistered(output.stream);
+            [[fallthrough]];
+        case Output::Kind::eUPDATE:
         case Output::Kind::eREFUSED:
             toAsker(std::move(output), list);
             break;
@@ -283,6 +298,22 @@ void Registry::Impl::deliver()
             break;
         }
     }
+}
+
+void Registry::Impl::noteRegistered(StreamId stream)
+{
+    const auto request = m_requests.find(stream);
+    if (request != m_requests.end() && request->second.since == 0) {
+        request->second.since = wallClockMs();
+    }
+}
+
+/// Without a reason it was withdrawn.
+void Registry::Impl::noteEnd(const Request& registration, const Record& record, std::string reason)
+{
+    const auto what = reason.empty() ? History::Event::What::eWITHDRAWN : History::Event::What::eLOST;
+    m_history.add(record.path(),
+                  {what, registration.since, wallClockMs(), whoOf(*registration.asker, record), std::move(reason)});
 }
 
 /// Now, or after what waits for the asker already.
@@ -378,8 +409,12 @@ void Registry::Impl::refused(Requests::iterator request, const Output& output)
     m_dead.push_back(take(request));
     KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
                output.record->path().c_str(), m_dead.back().asker->name().c_str());
-    auto& handler = *std::get<RegistrationHandler>(m_dead.back().handler);
-    handler.onError(Response::createErrorResponse(409, "service already registered"));
+    const std::string reason = holderOf(output.record->path());
+    m_history.add(output.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
+                                          whoOf(*m_dead.back().asker, *output.record), reason});
+    Response error = Response::createErrorResponse(409, "service already registered");
+    headers::appendReason(error, reason);
+    std::get<RegistrationHandler>(m_dead.back().handler)->onError(error);
 }
 
 void Registry::Impl::askHolder(const Output& output)
@@ -433,7 +468,9 @@ void Registry::Impl::dropRegistrations(const Asker& asker)
     }
     std::sort(streams.begin(), streams.end());
     for (const StreamId stream : streams) {
-        m_store.end(stream);
+        if (const RecordPtr gone = m_store.end(stream)) {
+            noteEnd(m_requests.at(stream), *gone, "no sign of life");
+        }
     }
 }
 

@@ -1,8 +1,10 @@
 #ifndef KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 #define KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 
+#include "store/History.h"
 #include "store/Store.h"
 
+#include <kesa/GenericObject.h>
 #include <kesa/IPeer.h>
 #include <kesa/registry/Registry.h>
 
@@ -28,10 +30,14 @@ public:
     using TrackingHandler = std::unique_ptr<IResponseHandler<RegistryUpdate>>;
     using QueryHandler = std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>;
 
+    Impl();
+
     void* queryRegistry(QueryHandler&& handler, const Query& query);
     void* registerService(RegistrationHandler&& handler, const std::string& path, const ServiceDef& serviceDef);
     void* trackService(TrackingHandler&& handler, const std::string& path);
     void cancelRequest(void* handle);
+    /// See explain.cpp.
+    void explain(IResponseHandler<GenericObject>& handler, const std::string& path, const std::string& process);
 
     /// Asks whether this process still provides a mirrored service: `answer(true)` if so, later; no answer if not,
     /// since the mirror's own removal is on its way then. Called with the mutex held.
@@ -51,6 +57,7 @@ private:
         obr::UUID instance; ///< nil: this process
         std::string process;
         std::int64_t pid = -1;
+        std::int64_t uid = -1;
         Realm realm;
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
         std::array<std::size_t, 3> requests{}; ///< open ones, by the kind of their handler
@@ -68,6 +75,7 @@ private:
     struct Request {
         Handler handler;
         std::shared_ptr<Asker> asker;
+        std::int64_t since = 0; ///< of a registration: when it got the path, in milliseconds since 1970; 0: not yet
     };
     using Requests = std::unordered_map<StreamId, Request>;
 
@@ -93,6 +101,16 @@ private:
     void keepsWaiting(const Output& output);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
     void dropRegistrations(const Asker& asker);
+    void noteRegistered(StreamId stream);
+    void noteEnd(const Request& registration, const Record& record, std::string reason);
+    // explain.cpp
+    std::string nearestTo(const std::string& path) const;
+    static Who whoOf(const Asker& asker, const Record& record);
+    std::string holderOf(const std::string& path) const;
+    GenericObject describeHolder(const Store::Held& held) const;
+    util::config::Value describeHistory(const std::string& path) const;
+    util::config::Value describeProcess(const std::string& path, const std::string& process);
+    GenericObject describeAsking(StreamId stream, const Request& request, const Record* record);
 
     void listOn(const std::shared_ptr<Asker>& asker);
     void waitForQueue(const std::shared_ptr<Asker>& asker);
@@ -100,6 +118,8 @@ private:
     std::recursive_mutex m_mutex; // recursive: a handler that calls back does not hang; its command waits for its turn
     // With the mutex held.
     Store m_store;
+    History m_history;
+    const std::int64_t m_started;
     MirrorProof m_proveMirrored;
     Requests m_requests;
     std::map<AskerKey, std::shared_ptr<Asker>> m_askers;

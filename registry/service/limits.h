@@ -29,6 +29,12 @@ inline constexpr std::size_t MAX_WAITING = 1U << 14U;
 inline constexpr std::size_t MAX_WAITING_OF_THE_LIVING = 1U << 20U;
 inline constexpr comm::TimeNs WAITING_PROOF_TIME = 5 * comm::SECOND;
 
+/// Of an explanation: so many requests of a process that ask for the path.
+inline constexpr std::size_t MAX_EXPLAINED_ASKS = 16;
+
+/// And so many paths, in the folders around the one that is not there, are looked at for the one that was meant.
+inline constexpr std::size_t MAX_NEAREST_LOOKS = 2000;
+
 /// How long a holder has to show that it lives.
 inline constexpr comm::TimeNs PROOF_TIME = comm::SECOND;
 

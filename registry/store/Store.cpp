@@ -32,7 +32,7 @@ void Store::accept(StreamId stream, Registration& registration)
 {
     registration.state = State::eHOLDS;
     const RecordPtr record = registration.record;
-    m_records.emplace(record->path(), Entry{record, stream});
+    m_records.emplace(record->path(), Held{record, stream});
     say(Output::Kind::eREGISTERED, stream, record);
     announce(UpdateType::ADDED, record);
 }
@@ -48,7 +48,7 @@ void Store::takeOver(StreamId stream, Registration& registration, const Claim& c
     registration.state = State::eHOLDS;
     registration.record = isEqual ? old : claim.record;
     m_records.erase(held);
-    m_records.emplace(registration.record->path(), Entry{registration.record, stream});
+    m_records.emplace(registration.record->path(), Held{registration.record, stream});
     say(Output::Kind::eREGISTERED, stream, registration.record);
     m_outputs.back().isTakenOver = true;
     if (!isEqual) {
@@ -110,7 +110,7 @@ bool Store::giveBack(const std::string& path, const obr::UUID& instance)
     const auto held = m_records.find(path);
     const RecordPtr old = held->second.record;
     m_records.erase(held);
-    m_records.emplace(registration.record->path(), Entry{registration.record, stream});
+    m_records.emplace(registration.record->path(), Held{registration.record, stream});
     say(Output::Kind::eREGISTERED, stream, registration.record);
     m_outputs.back().isTakenOver = true;
     if (registration.record->serviceDef != old->serviceDef) {
@@ -140,19 +140,19 @@ void Store::contest(StreamId stream, const Registration& registration)
     }
 }
 
-void Store::end(StreamId stream)
+RecordPtr Store::end(StreamId stream)
 {
     const auto found = m_registrations.find(stream);
     if (found == m_registrations.end()) {
         m_watchers.erase(stream);
-        return;
+        return nullptr;
     }
     const Registration registration = std::move(found->second);
     m_registrations.erase(found);
     switch (registration.state) {
     case State::eHOLDS:
         if (!giveBack(registration.record->path(), registration.instance)) {
-            release(registration.record->path());
+            return release(registration.record->path());
         }
         break;
     case State::eCLAIMS:
@@ -165,6 +165,7 @@ void Store::end(StreamId stream)
         }
         break;
     }
+    return nullptr;
 }
 
 /// The latest claim of its process that it superseded is one again. Also when it was refused: the refusal may have gone
@@ -192,20 +193,26 @@ void Store::withdrawClaim(const std::string& path, StreamId stream)
 }
 
 /// The path is free again: the first who claims it gets it.
-void Store::release(const std::string& path)
+RecordPtr Store::release(const std::string& path)
 {
     const auto held = m_records.find(path);
-    const RecordPtr record = held->second.record;
+    RecordPtr record = held->second.record;
     m_records.erase(held);
     announce(UpdateType::REMOVED, record);
     const auto contest = m_contests.find(path);
-    if (contest == m_contests.end()) {
-        return;
+    if (contest != m_contests.end()) {
+        const StreamId first = contest->second.claims.front();
+        contest->second.claims.pop_front();
+        accept(first, m_registrations.at(first));
+        judgeAnew(path);
     }
-    const StreamId first = contest->second.claims.front();
-    contest->second.claims.pop_front();
-    accept(first, m_registrations.at(first));
-    judgeAnew(path);
+    return record;
+}
+
+const Store::Held* Store::find(const std::string& path) const
+{
+    const auto held = m_records.find(path);
+    return held == m_records.end() ? nullptr : &held->second;
 }
 
 /// The path has another holder.
@@ -236,7 +243,7 @@ void Store::judgeNext(const std::string& path, Contest& contest)
     }
     contest.proof = ++m_lastProof;
     contest.judged = *next;
-    const Entry& held = m_records.at(path);
+    const Held& held = m_records.at(path);
     say(Output::Kind::eASK_HOLDER, held.holder, held.record, contest.proof);
     m_outputs.back().isPatient = m_registrations.at(held.holder).isPatient;
 }
@@ -310,6 +317,16 @@ bool Store::list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& r
     }
     watch->isListing = false;
     return false;
+}
+
+void Store::below(const std::string& prefix, std::size_t most, std::vector<std::string_view>& paths) const
+{
+    for (auto at = m_records.lower_bound(prefix); at != m_records.end() && most > 0; ++at, --most) {
+        if (at->first.substr(0, prefix.size()) != prefix) {
+            break;
+        }
+        paths.push_back(at->first);
+    }
 }
 
 // ---- outputs ------------------------------------------------------------------------------------------------------

@@ -58,8 +58,9 @@ public:
     void trackService(StreamId stream, const std::string& path, const Realm& realm);
     /// The first answer is fetched with `list`.
     void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm);
-    /// Ends a request of any kind. One it does not know is ignored.
-    void end(StreamId stream);
+    /// Ends a request of any kind. One it does not know is ignored. Answers the record that is there no longer because
+    /// of that, if any.
+    RecordPtr end(StreamId stream);
     /// The answer to `eASK_HOLDER`. One whose question has lost its meaning is ignored.
     void proved(const std::string& path, std::uint64_t proof, bool isAlive);
 
@@ -68,16 +69,24 @@ public:
     /// False when the first answer is complete with it.
     [[nodiscard]] bool list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& records, std::size_t& bytes);
 
+    /// Who holds a path, and what; null: nobody.
+    struct Held {
+        RecordPtr record;
+        StreamId holder = 0;
+    };
+    const Held* find(const std::string& path) const;
+    /// Appends the paths that are there and begin with `prefix`, at most `most`. Valid until the next change.
+    void below(const std::string& prefix, std::size_t most, std::vector<std::string_view>& paths) const;
+    /// Who asks for a path, whether or not it is there and they are told of it.
+    void asking(const std::string& path, std::vector<StreamId>& streams) { m_watchers.asking(path, streams); }
+    const QueryWatch* findQuery(StreamId query) { return m_watchers.findQuery(query); }
+
     /// Takes the next output. False when there is none.
     bool next(Output& output);
 
     std::size_t size() const noexcept { return m_records.size(); }
 
 private:
-    struct Entry {
-        RecordPtr record;
-        StreamId holder = 0;
-    };
     enum class State { eHOLDS, eCLAIMS, eWAITS, eSUPERSEDED };
     struct Registration {
         obr::UUID instance;
@@ -91,7 +100,7 @@ private:
         StreamId judged = 0;         ///< the claim for which the holder is asked
         std::uint64_t proof = 0;     ///< the question's number; 0: none
     };
-    using Records = std::map<std::string_view, Entry>; // the keys lie in the records
+    using Records = std::map<std::string_view, Held>; // the keys lie in the records
 
     void accept(StreamId stream, Registration& registration);
     void takeOver(StreamId stream, Registration& registration, const Claim& claim, Records::iterator held);
@@ -103,7 +112,7 @@ private:
     [[nodiscard]] bool giveBack(const std::string& path, const obr::UUID& instance);
     void endClaim(const std::string& path, StreamId stream, const obr::UUID& instance);
     void withdrawClaim(const std::string& path, StreamId stream);
-    void release(const std::string& path);
+    RecordPtr release(const std::string& path);
     void judgeAnew(const std::string& path);
     void judgeNext(const std::string& path, Contest& contest);
     void announce(UpdateType type, const RecordPtr& record);

@@ -86,4 +86,18 @@ void Watchers::concerned(const Record& record, std::vector<StreamId>& streams)
     }
 }
 
+void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
+{
+    const auto trackers = m_trackers.find(path);
+    if (trackers != m_trackers.end()) {
+        for (const auto& [stream, realm] : trackers->second) {
+            streams.push_back(stream);
+        }
+    }
+    m_matching.clear();
+    m_patterns.match(path, m_matching);
+    std::sort(m_matching.begin(), m_matching.end());
+    streams.insert(streams.end(), m_matching.begin(), m_matching.end());
+}
+
 } // namespace kesa::registry

@@ -52,6 +52,8 @@ public:
     QueryWatch* findQuery(StreamId stream);
     /// Appends who is to be told of a change of `record`: trackings, then queries, each in the order they came.
     void concerned(const Record& record, std::vector<StreamId>& streams);
+    /// Appends who asks for the path: trackings, then queries whose pattern matches it, in the order they came.
+    void asking(const std::string& path, std::vector<StreamId>& streams);
 
 private:
     using Trackers = std::map<StreamId, Realm>;
@@ -62,7 +64,7 @@ private:
     std::unordered_map<StreamId, const std::string*> m_trackedPaths; ///< into the keys of `m_trackers`
     std::unordered_map<StreamId, QueryWatch> m_queries;
     PatternTrie m_patterns;
-    std::vector<StreamId> m_matching; ///< only inside `concerned`
+    std::vector<StreamId> m_matching; ///< only inside `concerned` and `asking`
 };
 
 } // namespace kesa::registry

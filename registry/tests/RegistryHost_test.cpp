@@ -29,9 +29,7 @@ protected:
     {
         return std::make_unique<RegistryHost>(
             runtime, [this, name] { m_clients.m_lines->push_back(name + "ready"); },
-            [this, name](const Response& error) {
-                m_clients.m_lines->push_back(name + Response::getErrorMessageWithCode(error));
-            });
+            [this, name](const Response& error) { m_clients.m_lines->push_back(name + reasonOf(error)); });
     }
     bool isProvided() { return m_network->service("fake://me/registry") != nullptr; }
     /// An error line on the channel that a host silences for the end of its runtime.
@@ -57,7 +55,9 @@ TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
     EXPECT_THAT(m_clients.told(), ElementsAre("all: [+/own]"));
     m_clients.registerService(other, "claim", test::service("/own"));
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("claim: 409: service already registered", "claim: gone"));
+    EXPECT_THAT(m_clients.told(), ElementsAre("claim: 409: service already registered: held by process me (pid " +
+                                                  std::to_string(::getpid()) + ")",
+                                              "claim: gone"));
 
     // A path that another living process holds: the own service waits for it, and says so.
     void* const held = m_clients.registerService(other, "held", test::service("/taken"));
@@ -114,7 +114,7 @@ TEST_F(RegistryHostTest, RefusedOneLeavesTheOtherAlone)
     host();
     auto second = makeHost(*m_runtime, "second ");
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("ready", "second 409"));
+    EXPECT_THAT(m_clients.told(), ElementsAre("ready", "second 409: this process has registered it"));
     second.reset();
     EXPECT_TRUE(isBackendsErrorShown());
     EXPECT_TRUE(isProvided());
@@ -142,7 +142,7 @@ TEST_F(RegistryHostTest, SaysThatItCannotBeReached)
     m_network->refusedPaths.insert("fake://me/registry");
     host();
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("409"));
+    EXPECT_THAT(m_clients.told(), ElementsAre("409: the fake refuses it"));
     EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("registry service can not be registed")));
 }
 

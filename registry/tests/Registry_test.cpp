@@ -80,7 +80,7 @@ TEST_F(RegistryTest, RefusesOnlyWhenTheHolderHasProvedThatItLives)
     // Each claim by a question of its own, one after the other.
     ASSERT_EQ(holder.peer->questions.size(), 1U);
     holder.peer->answer(true);
-    EXPECT_THAT(told(), ElementsAre("c1: 409: service already registered", "c1: gone"));
+    EXPECT_THAT(told(), ElementsAre("c1: 409: service already registered: held by process holder (pid 7)", "c1: gone"));
     ASSERT_EQ(holder.peer->questions.size(), 1U);
 
     // The holder goes while it is asked: the claim is accepted, and the late answer means nothing.
@@ -117,7 +117,8 @@ TEST_F(RegistryTest, ClaimsOfOneProcessSupersedeEachOther)
     EXPECT_THAT(told(), ElementsAre("c2: registered /a", "again: gone"));
     m_registry->cancelRequest(earlier);
     third.peer->answer(true);
-    EXPECT_THAT(told(), ElementsAre("c1: gone", "c3: 409: service already registered", "c3: gone"));
+    EXPECT_THAT(told(), ElementsAre("c1: gone", "c3: 409: service already registered: held by process third (pid 7)",
+                                    "c3: gone"));
 }
 
 TEST_F(RegistryTest, ASupersededRequestHasThePathAgain)
@@ -143,8 +144,8 @@ TEST_F(RegistryTest, ASupersededClaimIsAnsweredToo)
     while (!holder.peer->questions.empty()) {
         holder.peer->answer(true);
     }
-    EXPECT_THAT(told(), ElementsAre("late: 409: service already registered", "late: gone",
-                                    "present: 409: service already registered", "present: gone"));
+    const std::string refused = ": 409: service already registered: held by process holder (pid 7)";
+    EXPECT_THAT(told(), ElementsAre("late" + refused, "late: gone", "present" + refused, "present: gone"));
 }
 
 TEST_F(RegistryTest, ThisProcessNeedsNoProof)
@@ -155,7 +156,92 @@ TEST_F(RegistryTest, ThisProcessNeedsNoProof)
     Process other("other");
     other.context.instance = obr::UUID(); // no peer is this process, whatever it says
     registerService(other, "c", service("/a"));
-    EXPECT_THAT(told(), ElementsAre("own: registered /a", "c: 409: service already registered", "c: gone"));
+    EXPECT_THAT(told(),
+                ElementsAre("own: registered /a", HasSubstr("c: 409: service already registered: held by"), "c: gone"));
+}
+
+/// "what provider [reason]" of each event, where it is whole.
+Lines historyOf(const GenericObject& explanation)
+{
+    Lines lines;
+    for (const auto& event : explanation["history"].items()) {
+        const bool isOfARegistration = event["what"] != "refused";
+        EXPECT_EQ(event["pid"], 7);
+        EXPECT_TRUE(event["when"].isInteger());
+        EXPECT_EQ(event["since"].isInteger(), isOfARegistration);
+        lines.push_back(event["what"].toText() + ' ' + event["provider"].toText() + " [" +
+                        std::string(event["reason"].stringView()) + ']');
+    }
+    return lines;
+}
+
+TEST_F(RegistryTest, ExplainsWhoHasAPathAndWhatBecameOfItsRegistrations)
+{
+    Process holder("holder"), other("other");
+    EXPECT_FALSE(explain(other, "/a")["holder"].isDefined());
+    void* const withdrawn = registerService(holder, "w", service("/a"));
+    const GenericObject present = explain(other, "/a");
+    EXPECT_EQ(present["registered"], true);
+    EXPECT_EQ(present["holder"]["provider"], "holder");
+    EXPECT_EQ(present["holder"]["record"]["locators"][0], "ipc://p/s");
+    EXPECT_GE(present["holder"]["since"].toText(), present["registryStarted"].toText());
+    EXPECT_THAT(historyOf(present), IsEmpty()) << "what is there is no history";
+    for (int round = 0; round < 3; ++round) { // counts as one
+        registerService(other, "c", service("/a"));
+        holder.peer->answer(true);
+    }
+    m_registry->cancelRequest(withdrawn);
+    void* const lost = registerService(holder, "l", service("/a"));
+    holder.peer->reason = "the peer closed the connection";
+    m_registry->cancelRequest(lost);
+    holder.reconnect();
+    registerService(holder, "d", service("/a"));
+    registerService(other, "o", service("/a"));
+    holder.peer->answer(false);
+    EXPECT_THAT(historyOf(explain(holder, "/a")),
+                ElementsAre("refused other [held by process holder (pid 7)]", "withdrawn holder []",
+                            "lost holder [the peer closed the connection]", "lost holder [no sign of life]"));
+    EXPECT_EQ(explain(holder, "/a")["holder"]["provider"], "other");
+
+    registerService(holder, "n", service("/media/player"));
+    EXPECT_EQ(explain(other, "/media/plaier")["nearest"], "/media/player");
+    EXPECT_EQ(explain(other, "/meida/player")["nearest"], "/media/player");
+    EXPECT_FALSE(explain(other, "/something/else")["nearest"].isDefined());
+}
+
+TEST_F(RegistryTest, ExplainsWhatAProcessIsNotToldOf)
+{
+    Process provider("provider", "there"), watcher("watcher"), blind("blind");
+    Query scoped("/s"), selective("/s");
+    scoped.scope = "cellar";
+    selective.metadata = GenericObject{{"room", "hall"}};
+    for (const Query& each : {Query("/*"), scoped, selective, Query("/other")}) {
+        query(watcher, "q", each);
+    }
+    query(blind, "q", Query("/other"));
+    EXPECT_EQ(explain(blind, "/s", "watcher")["for"]["asks"].arraySize(), 3U);
+    ServiceDef record = service("/s");
+    record.scope = std::vector<std::string>{"attic"};
+    registerService(provider, "r", record);
+    track(watcher, "t", "/s");
+
+    const auto asks = [this, &blind](const std::string& path) {
+        Lines lines;
+        const GenericObject explanation = explain(blind, path, "watcher");
+        for (const auto& ask : explanation["for"]["asks"].items()) {
+            lines.push_back(ask["kind"].toText() + ' ' + ask["told"].toText() + ' ' + ask["because"].toText());
+        }
+        return lines;
+    };
+    EXPECT_THAT(asks("/s"), ElementsAre("tracking true undefined", "query true undefined", "query false scope",
+                                        "query false metadata"));
+    EXPECT_EQ(explain(blind, "/s", "blind")["for"].toText(), R"({"asks":[],"known":true,"process":"blind"})");
+    EXPECT_EQ(explain(blind, "/s", "nobody")["for"]["known"], false);
+
+    registerService(provider, "r", service("/far", "ipc://p+there/s"));
+    EXPECT_THAT(asks("/far"), ElementsAre("query false realm"));
+    EXPECT_EQ(explain(watcher, "/far")["hiddenBy"], "realm");
+    EXPECT_FALSE(explain(provider, "/far")["hiddenBy"].isDefined());
 }
 
 TEST_F(RegistryTest, FirstAnswersWaitForTheirPeer)

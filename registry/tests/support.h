@@ -7,6 +7,8 @@
 #include <kesa/IResponseHandler.h>
 #include <kesa/RequestContext.h>
 #include <kesa/Response.h>
+#include <kesa/core/response_handlers.h>
+#include <kesa/reasonOf.h>
 #include <kesa/registry/Registry.h>
 
 #include <gtest/gtest.h>
@@ -60,10 +62,7 @@ public:
         }
         return false;
     }
-    void onError(const Response& error) override
-    {
-        m_lines->push_back(m_name + ": " + Response::getErrorMessageWithCode(error));
-    }
+    void onError(const Response& error) override { m_lines->push_back(m_name + ": " + reasonOf(error)); }
     void onCompleted() override { ADD_FAILURE() << m_name << " was completed"; }
 
 private:
@@ -78,6 +77,7 @@ public:
     void proveAlive(comm::TimeNs, std::function<void(bool)> answer) override { questions.push_back(std::move(answer)); }
     void whenDrained(std::function<void()> task) override { tasks.push_back(std::move(task)); }
     void disconnect(const char*) override {}
+    std::string endReason() const override { return reason; }
 
     void answer(bool isAlive)
     {
@@ -96,6 +96,7 @@ public:
         return !waiting.empty();
     }
 
+    std::string reason; ///< why its connection has ended
     std::vector<std::function<void(bool)>> questions;
     std::vector<std::function<void()>> tasks;
 };
@@ -154,6 +155,23 @@ public:
         std::unique_ptr<IResponseHandler<Updates>> handler =
             std::make_unique<NotingHandler<Updates>>(m_lines, name, std::move(hook));
         return m_asked->queryRegistry(std::move(handler), query);
+    }
+    GenericObject explain(const Process& process, const std::string& path, const std::string& asking = {})
+    {
+        const RequestContext::Scope scope(&process.context);
+        GenericObject answer;
+        bool isCompleted = false;
+        std::unique_ptr<IResponseHandler<GenericObject>> handler =
+            std::make_unique<responsehandlers::FuncResponseHandler<GenericObject>>(
+                [&answer](const GenericObject& told) {
+                    answer = told;
+                    return false;
+                },
+                [](const Response& error) { ADD_FAILURE() << reasonOf(error); },
+                [&isCompleted] { isCompleted = true; });
+        m_asked->explain(std::move(handler), Path(path), asking);
+        EXPECT_TRUE(isCompleted);
+        return answer;
     }
     Lines told() { return std::exchange(*m_lines, {}); }
 

@@ -35,4 +35,10 @@ void Peer::disconnect(const char* reason)
     });
 }
 
+std::string Peer::endReason() const
+{
+    const auto connection = m_connection.lock();
+    return connection ? connection->endReason() : "the connection has ended";
+}
+
 } // namespace kesa::commadapter

@@ -6,6 +6,7 @@
 #include <kesa/IPeer.h>
 
 #include <memory>
+#include <string>
 
 namespace kesa::commadapter {
 
@@ -17,6 +18,7 @@ public:
     void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) override;
     void whenDrained(std::function<void()> task) override;
     void disconnect(const char* reason) override;
+    std::string endReason() const override;
 
 private:
     const std::shared_ptr<IoLoop> m_loop;

@@ -458,6 +458,10 @@ void ServerConnection::onClosed(const std::string& reason)
 {
     KESA_TRACE(CHANNEL, 2, "[connection] '%s' has ended: %s", peerName().c_str(), reason.c_str());
     const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+    {
+        const Lock lock(m_lock);
+        m_endReason = reason;
+    }
     for (auto& [target, entry] : m_targets) {
         m_services->removeInterest(entry.path, entry.interest);
         cancelAll(entry, "");

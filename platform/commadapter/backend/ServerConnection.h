@@ -45,6 +45,8 @@ public:
     /// `error` null: completed.
     void finish(std::uint32_t stream, std::uint64_t serial, const Response* error);
     void setPolicy(std::uint32_t stream, std::uint64_t serial, QueuePolicy policy);
+    /// See `IPeer`.
+    std::string endReason() const;
 
 private:
     struct Target {
@@ -118,6 +120,7 @@ private:
     std::list<Latest> m_latest;                  ///< in order of arrival; one for each stream at most
     std::deque<std::function<void()>> m_drained; ///< what waits for the queue to be empty
     bool m_isDrainedPosted = false;
+    std::string m_endReason;
 
     // Loop only.
     std::unordered_map<std::uint32_t, Target> m_targets; ///< a target outlives its open streams

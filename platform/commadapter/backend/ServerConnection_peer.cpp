@@ -144,4 +144,10 @@ void ServerConnection::runDrained()
     }
 }
 
+std::string ServerConnection::endReason() const
+{
+    const Lock lock(m_lock);
+    return m_endReason;
+}
+
 } // namespace kesa::commadapter

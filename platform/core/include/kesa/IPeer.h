@@ -5,6 +5,7 @@
 #include <obr/api.h>
 
 #include <functional>
+#include <string>
 
 namespace kesa {
 
@@ -27,6 +28,10 @@ public:
 
     /// Closes the connection, with `reason` in the trace; its requests are cancelled. Never inside this call.
     virtual void disconnect(const char* reason) = 0;
+
+    /// Why the connection has ended, such as "the peer closed the connection"; empty while it lives. Asked later than
+    /// when its requests are cancelled for that, perhaps only that it has.
+    virtual std::string endReason() const = 0;
 };
 
 } // namespace kesa

@@ -36,6 +36,9 @@ public:
     void* trackService(std::unique_ptr<IResponseHandler<serviceregistry::RegistryUpdate>>&& handler, const Path& path,
                        const optional<bool>& includeMetaInfo) override;
     void cancelRequest(void* handle) override;
+    /// Answers inside the call.
+    void* explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                  const std::string& process) override;
 
 private:
     friend class RegistryHost;

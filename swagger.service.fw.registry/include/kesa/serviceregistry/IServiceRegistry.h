@@ -1,6 +1,7 @@
 #ifndef KESA_SERVICEREGISTRY_ISERVICEREGISTRY_H
 #define KESA_SERVICEREGISTRY_ISERVICEREGISTRY_H
 
+#include <kesa/GenericObject.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Path.h>
 #include <kesa/optional.h>
@@ -9,6 +10,7 @@
 #include <kesa/serviceregistry/ServiceDef.h>
 
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace kesa::serviceregistry {
@@ -34,6 +36,9 @@ class KESA_API IServiceRegistry {
 public:
     /// The path of the registry's own root inside its service.
     static constexpr const char* PATH = "/";
+    /// The command of `explain`, on the path of the service.
+    static constexpr const char* EXPLAIN = "explain";
+    static constexpr const char* EXPLAIN_FOR = "for"; ///< the member of its body that names a process
 
     virtual ~IServiceRegistry();
 
@@ -50,6 +55,12 @@ public:
     /// Ends a request; no answer comes after it returns, unless it is called from inside one. Handles of requests that
     /// have ended, null and `UNDEFINED_REQUEST_HANDLE` are ignored.
     virtual void cancelRequest(void* handle) = 0;
+    /// What the registry knows of a path for those who ask why a service is not there: one answer, then the end, unlike
+    /// the streams above. `process`, when not empty: also whether the processes of that name ask for the path, and are
+    /// told of it. A registry that does not know how answers 400, as this one does. docs/protocol_registry.md has the
+    /// members.
+    virtual void* explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                          const std::string& process);
 };
 
 } // namespace kesa::serviceregistry

@@ -2,6 +2,7 @@
 #define KESA_SERVICEREGISTRY_SERVICEREGISTRYCLIENT_H
 
 #include <kesa/IKesaApi.h>
+#include <kesa/responsesemantics.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
 
 #include <string>
@@ -23,11 +24,14 @@ public:
     void* trackService(std::unique_ptr<IResponseHandler<RegistryUpdate>>&& handler, const Path& path,
                        const optional<bool>& includeMetaInfo) override;
     void cancelRequest(void* handle) override;
+    void* explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                  const std::string& process) override;
 
 private:
     template <class Answer, class Body>
     void* send(std::string_view command, const std::string& path, const Body& body, const char* answerName,
-               std::unique_ptr<IResponseHandler<Answer>>&& handler);
+               std::unique_ptr<IResponseHandler<Answer>>&& handler,
+               std::string_view semantic = responsesemantics::PERSISTENT_STREAM);
 
     IKesaApi* m_api;
     std::string m_mimeType;

@@ -7,8 +7,9 @@
 namespace kesa::serviceregistry {
 
 /// The registry protocol's serving side: reads requests, calls the registry, and writes its answers in the format that
-/// was asked for. "retrieve" on "/" is a query, on any other path a tracking; "insert" is a registration. 400: a body
-/// that cannot be read, a record of another path than the request's, an unknown command; 404: any other command.
+/// was asked for. "retrieve" on "/" is a query, on any other path a tracking; "insert" is a registration; "explain" is
+/// answered once. 400: a body that cannot be read, a record of another path than the request's, an unknown command;
+/// 404: any other command.
 ///
 /// The registry is called on the thread that delivers the request, with the asker in `RequestContext::current()`.
 class KESA_API ServiceRegistryService final : public IResourceHandler {

@@ -78,6 +78,13 @@ public:
     {}
 };
 
+class ExplainResponseHandler final : public AnswerWriter<GenericObject> {
+public:
+    ExplainResponseHandler(std::unique_ptr<IResponseHandler<Response>>&& downstream, const Request& request)
+        : AnswerWriter(std::move(downstream), request, "operation explain")
+    {}
+};
+
 } // namespace kesa::serviceregistry
 
 #endif

@@ -4,7 +4,6 @@
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/headers.h>
 #include <kesa/responsehandlers/MappingResponseHandler.h>
-#include <kesa/responsesemantics.h>
 #include <kesa/serviceregistry/ServiceRegistryClient.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <kesa/tracing.h>
@@ -50,9 +49,18 @@ void ServiceRegistryClient::cancelRequest(void* handle)
     m_api->cancel(handle);
 }
 
+void* ServiceRegistryClient::explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                                     const std::string& process)
+{
+    const GenericObject body = process.empty() ? GenericObject() : GenericObject{{EXPLAIN_FOR, process}};
+    return send(EXPLAIN, requestPathOf(path), body, "GenericObject", std::move(handler),
+                responsesemantics::SINGLE_RESPONSE);
+}
+
 template <class Answer, class Body>
 void* ServiceRegistryClient::send(std::string_view command, const std::string& path, const Body& body,
-                                  const char* answerName, std::unique_ptr<IResponseHandler<Answer>>&& handler)
+                                  const char* answerName, std::unique_ptr<IResponseHandler<Answer>>&& handler,
+                                  std::string_view semantic)
 {
     auto payload = serializer::toPayload(body, m_mimeType);
     if (!payload) {
@@ -64,7 +72,7 @@ void* ServiceRegistryClient::send(std::string_view command, const std::string& p
     request.setMimeType(m_mimeType);
     headers::appendTracingInfo(request, ServiceRegistryPex::SERVICE_PATH, tracing::getTraceClientId());
     headers::appendAuthInfo(request);
-    headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
+    headers::appendResponseSemantic(request, semantic);
     // An answer that cannot be read is no reason to end the stream: the next one may be fine.
     auto answers = std::make_unique<responsehandlers::MappingResponseHandler<Response, Answer>>(
         std::move(handler), [answerName](const Response& response) {

@@ -39,6 +39,9 @@ public:
 
     bool route()
     {
+        if (m_request.getCommand() == IServiceRegistry::EXPLAIN) {
+            return explain();
+        }
         switch (commands::toId(m_request.getCommand())) {
         case eRETRIEVE:
             return m_request.getPath() == ServiceRegistryService::ROOT ? query() : track();
@@ -87,6 +90,19 @@ private:
         }
         auto answers = answersOf<RegisterServiceResponseHandler, ServiceDef>();
         m_handle = m_registry.registerService(std::move(answers), service, serviceDef);
+        return false;
+    }
+
+    bool explain()
+    {
+        Path service;
+        GenericObject body;
+        if (findService("ServiceRegistryService::explain", service) || readBody(body)) {
+            return true;
+        }
+        auto answers = answersOf<ExplainResponseHandler, GenericObject>();
+        m_handle = m_registry.explain(std::move(answers), service,
+                                      std::string(body[IServiceRegistry::EXPLAIN_FOR].stringView()));
         return false;
     }
 

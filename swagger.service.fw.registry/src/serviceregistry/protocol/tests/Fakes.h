@@ -114,6 +114,11 @@ public:
         const std::string flag = includeMetaInfo ? (*includeMetaInfo ? "true" : "false") : "absent";
         return note("track " + path.toString() + " " + flag, handler, trackings);
     }
+    void* explain(std::unique_ptr<IResponseHandler<GenericObject>>&& handler, const Path& path,
+                  const std::string& process) override
+    {
+        return note("explain " + path.toString() + " '" + process + "'", handler, explanations);
+    }
     void cancelRequest(void* handle) override
     {
         m_calls.push_back("cancel " + std::to_string(reinterpret_cast<std::uintptr_t>(handle)));
@@ -122,6 +127,7 @@ public:
     std::vector<std::unique_ptr<IResponseHandler<Updates>>> queries;
     std::vector<std::unique_ptr<IResponseHandler<ServiceDef>>> registrations;
     std::vector<std::unique_ptr<IResponseHandler<RegistryUpdate>>> trackings;
+    std::vector<std::unique_ptr<IResponseHandler<GenericObject>>> explanations;
 
 private:
     template <class Handler>

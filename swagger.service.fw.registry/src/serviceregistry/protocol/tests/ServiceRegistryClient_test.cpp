@@ -53,6 +53,11 @@ TEST_F(ServiceRegistryClientTest, SendsEachOperationInItsForm)
         {[this](auto& r) { return registerService(r); }, "insert", "/a",
          R"({"path":"/a","type":"pex","versions":[],"locators":[]})",
          "\xBF\x64path\x62/a\x64type\x63pex\x68versions\x9F\xFF\x68locators\x9F\xFF\xFF"},
+        {[this](auto& r) { return r.explain(handler<GenericObject>(), Path("/a"), "media"); }, "explain", "/a",
+         R"({"for":"media"})",
+         "\xBF\x63"
+         "for\x65"
+         "media\xFF"},
     };
     for (const std::string_view mimeType : {mimetypes::JSON, mimetypes::QELBIN}) {
         ServiceRegistryClient client(&api, std::string(mimeType));
@@ -64,11 +69,13 @@ TEST_F(ServiceRegistryClientTest, SendsEachOperationInItsForm)
             EXPECT_EQ(request.getPath(), operation.path);
             EXPECT_EQ(request.getPayload().getMimeType(), mimeType);
             EXPECT_EQ(request.getPayload().text(), mimeType == mimetypes::JSON ? operation.json : operation.qelbin);
-            EXPECT_EQ(request.getHeaders(), (GenericObject{{"$accept", mimeType},
-                                                           {"$service-path", "/registry"},
-                                                           {"$trace-id", tracing::getTraceClientId()},
-                                                           {"$auth-token", "token for /registry"},
-                                                           {"$response-semantic", "persistent-stream"}}));
+            EXPECT_EQ(request.getHeaders(),
+                      (GenericObject{{"$accept", mimeType},
+                                     {"$service-path", "/registry"},
+                                     {"$trace-id", tracing::getTraceClientId()},
+                                     {"$auth-token", "token for /registry"},
+                                     {"$response-semantic",
+                                      request.getCommand() == "explain" ? "single-response" : "persistent-stream"}}));
         }
         client.cancelRequest(handleOf(7));
     }

@@ -52,6 +52,8 @@ TEST_F(ServiceRegistryServiceTest, CallsTheRegistry)
         {"insert", "/a", *serializer::toPayload(serviceAt("/a"), mimetypes::MSGPACK),
          "register /a " + jsonOfService("/a")},
         {"insert", "/a", {}, "register /a " + jsonOfService("")},
+        {"explain", "/a", {}, "explain /a ''"},
+        {"explain", "/a", json(R"({"for":"media"})"), "explain /a 'media'"},
     };
     std::uintptr_t handle = 100;
     for (const auto& [command, path, body, call] : requests) {

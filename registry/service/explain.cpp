@@ -1,0 +1,197 @@
+// What the registry knows of a path, for those who ask why a service is not there, or why somebody does not see it. It
+// is gathered when somebody asks. docs/protocol_registry.md has the members of the answer.
+
+#include "service/RegistryImpl.h"
+#include "service/limits.h"
+
+#include <kesa/RequestContext.h>
+#include <kesa/core/PayloadConversion.h>
+#include <kesa/mimetypes.h>
+#include <runtime/v02/runtime/QueryMatcher.h>
+#include <runtime/v02/runtime/identity.h>
+#include <util/nearestName.h>
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace kesa::registry {
+
+namespace {
+
+using util::config::Value;
+
+const char* nameOf(History::Event::What what) noexcept
+{
+    switch (what) {
+    case History::Event::What::eWITHDRAWN:
+        return "withdrawn";
+    case History::Event::What::eLOST:
+        return "lost";
+    default:
+        return "refused";
+    }
+}
+
+void describe(const Who& who, GenericObject& object)
+{
+    object.set("provider", who.process);
+    if (who.pid >= 0) {
+        object.set("pid", who.pid);
+    }
+    if (who.uid >= 0) {
+        object.set("uid", who.uid);
+    }
+}
+
+/// As it is on the wire. A record was measured when it came, so it has that form.
+Value describe(const ServiceDef& record)
+{
+    const auto payload = serializer::toPayload(record, mimetypes::JSON);
+    const auto value = payload ? serializer::fromPayload<Value>(*payload, "ServiceDef") : nullopt;
+    return value.value_or(Value());
+}
+
+/// Why a query whose pattern matches is not told of a record.
+const char* whyNot(const QueryWatch& watch, const Record& record)
+{
+    Query withoutMetadata = watch.query;
+    withoutMetadata.metadata.reset();
+    return runtime::v02::matchesQuery(record.serviceDef, withoutMetadata, watch.patterns) ? "metadata" : "scope";
+}
+
+} // namespace
+
+void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std::string& path,
+                             const std::string& process)
+{
+    GenericObject answer{{"path", path}, {"registryStarted", m_started}};
+    {
+        const std::lock_guard lock(m_mutex);
+        const Store::Held* const held = m_store.find(path);
+        answer.set("registered", held != nullptr);
+        if (held != nullptr) {
+            answer.set("holder", describeHolder(*held));
+            const RequestContext* const context = RequestContext::current();
+            if (context != nullptr &&
+                !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
+                answer.set("hiddenBy", "realm");
+            }
+        } else if (const std::string nearest = nearestTo(path); !nearest.empty()) {
+            answer.set("nearest", nearest);
+        }
+        answer.set("history", describeHistory(path));
+        if (!process.empty()) {
+            answer.set("for", describeProcess(path, process));
+        }
+    }
+    if (!handler.onNext(answer)) {
+        handler.onCompleted();
+    }
+}
+
+/// Whoever mistypes a path mostly has its first segments right: so its own folder comes first.
+std::string Registry::Impl::nearestTo(const std::string& path) const
+{
+    std::size_t looks = MAX_NEAREST_LOOKS;
+    std::string folder = path;
+    while (looks > 0 && !folder.empty()) {
+        folder.resize(folder.rfind('/'));
+        std::vector<std::string_view> known;
+        m_store.below(folder + '/', looks, known);
+        const std::string_view nearest = util::nearestName(path, known);
+        if (!nearest.empty()) {
+            return std::string(nearest);
+        }
+        looks -= known.size();
+    }
+    return {};
+}
+
+/// The own process says nothing of itself but its name in the record.
+Who Registry::Impl::whoOf(const Asker& asker, const Record& record)
+{
+    if (asker.peer || !asker.process.empty()) {
+        return {asker.process, asker.pid, asker.uid};
+    }
+    return {std::string(runtime::v02::providerOf(record.serviceDef)), ::getpid(), ::geteuid()};
+}
+
+/// Such as "held by process player (pid 812)". Empty when nobody has it, or he has just gone.
+std::string Registry::Impl::holderOf(const std::string& path) const
+{
+    const Store::Held* const held = m_store.find(path);
+    const auto request = held == nullptr ? m_requests.end() : m_requests.find(held->holder);
+    if (request == m_requests.end()) {
+        return {};
+    }
+    const Who who = whoOf(*request->second.asker, *held->record);
+    return "held by process " + who.process + " (pid " + std::to_string(who.pid) + ")";
+}
+
+GenericObject Registry::Impl::describeHolder(const Store::Held& held) const
+{
+    GenericObject holder{{"record", describe(held.record->serviceDef)}};
+    const auto request = m_requests.find(held.holder);
+    if (request != m_requests.end()) {
+        describe(whoOf(*request->second.asker, *held.record), holder);
+        holder.set("since", request->second.since);
+    }
+    return holder;
+}
+
+Value Registry::Impl::describeHistory(const std::string& path) const
+{
+    Value::Array events;
+    for (const History::Event& event : m_history.of(path)) {
+        GenericObject object{{"what", nameOf(event.what)}, {"when", event.when}};
+        describe(event.who, object);
+        if (event.since != 0) {
+            object.set("since", event.since);
+        }
+        if (!event.reason.empty()) {
+            object.set("reason", event.reason);
+        }
+        events.emplace_back(std::move(object));
+    }
+    return events;
+}
+
+Value Registry::Impl::describeProcess(const std::string& path, const std::string& process)
+{
+    const bool isKnown = std::any_of(m_askers.begin(), m_askers.end(),
+                                     [&process](const auto& each) { return each.second->process == process; });
+    const Store::Held* const held = m_store.find(path);
+    std::vector<StreamId> streams;
+    m_store.asking(path, streams);
+    Value::Array asks;
+    for (const StreamId stream : streams) {
+        const auto request = m_requests.find(stream);
+        if (request != m_requests.end() && request->second.asker->process == process &&
+            asks.size() < MAX_EXPLAINED_ASKS) {
+            asks.emplace_back(describeAsking(stream, request->second, held == nullptr ? nullptr : held->record.get()));
+        }
+    }
+    return GenericObject{{"process", process}, {"known", isKnown}, {"asks", std::move(asks)}};
+}
+
+GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& request, const Record* record)
+{
+    const QueryWatch* const watch = m_store.findQuery(stream);
+    GenericObject object{{"pid", request.asker->pid}, {"kind", watch == nullptr ? "tracking" : "query"}};
+    if (watch != nullptr) {
+        object.set("pattern", watch->query.pattern);
+    }
+    if (record == nullptr) {
+        return object;
+    }
+    const bool isReachable = isVisible(record->serviceDef, request.asker->realm);
+    const bool isTold = watch == nullptr ? isReachable : watch->wants(*record);
+    object.set("told", isTold);
+    if (!isTold) {
+        object.set("because", isReachable ? whyNot(*watch, *record) : "realm");
+    }
+    return object;
+}
+
+} // namespace kesa::registry
