@@ -1,9 +1,9 @@
 #include "Connection.h"
 
 #include "Failure.h"
+#include "explainUnreachable.h"
 #include "options.h"
 
-#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/ease/handler.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
@@ -49,30 +49,35 @@ Connection::~Connection()
     m_subscription.dispose();
 }
 
-Connection::Client Connection::client(comm::TimeNs deadline)
+Connection::Client Connection::tryClient(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     comm::waitFor(
         m_state->changed, lock, [this] { return m_state->client || m_state->isRefused; }, deadline);
-    if (m_state->client) {
-        return *m_state->client;
+    return m_state->client.value_or(nullptr);
+}
+
+bool Connection::isRefused()
+{
+    const std::lock_guard lock(m_state->mutex);
+    return m_state->isRefused;
+}
+
+Connection::Client Connection::client(comm::TimeNs deadline)
+{
+    if (Client client = tryClient(deadline)) {
+        return client;
     }
-    const bool isRefused = m_state->isRefused;
-    lock.unlock();
     const kesa::url where =
         m_service.locators.empty() ? kesa::url(m_service.path.toString()) : m_service.locators.front();
-    if (isRefused) {
+    if (isRefused()) {
         throw Failure{ExitCode::eFAILED,
                       fmt::format("{} cannot be reached from here: it is in another run directory or on another "
                                   "host, and offers no other locator",
                                   where.toString())};
     }
-    const std::string why = kesa::commadapter::whyUnreachable(where).reason;
-    throw Failure{ExitCode::eTIMED_OUT,
-                  fmt::format("no connection to {}: {}", where.toString(),
-                              why.empty() ? "its process is there, but is stopped or busy, or does not provide that "
-                                            "path; try a longer --timeout"
-                                          : why)};
+    const Unreached why = explainUnreachable(where);
+    throw Failure{ExitCode::eTIMED_OUT, fmt::format("no connection to {}: {}", where.toString(), why.sentence())};
 }
 
 } // namespace kesactl

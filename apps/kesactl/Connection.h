@@ -29,9 +29,13 @@ public:
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    /// Waits for it; a `Failure` that says why there is none at the deadline. The client object stays good when the
+    /// Waits for it; null at the deadline, or when this process reaches none of the locators.
+    Client tryClient(comm::TimeNs deadline);
+    /// The same; a `Failure` that says why there is none at the deadline. The client object stays good when the
     /// connection is lost and found again.
     Client client(comm::TimeNs deadline);
+    /// This process reaches none of the locators.
+    bool isRefused();
 
 private:
     struct State {

@@ -56,9 +56,12 @@ ProcessFacts::ProcessFacts(pid_t pid)
     if (::stat(folder.c_str(), &status) != 0) {
         return;
     }
+    const std::string state = readLine(folder + "/status", "State:\t");
+    if (!state.empty() && (state.front() == 'Z' || state.front() == 'X')) {
+        return; // it has ended, and nobody has asked how
+    }
     isThere = true;
     user = userName(status.st_uid);
-    const std::string state = readLine(folder + "/status", "State:\t");
     isStopped = !state.empty() && (state.front() == 'T' || state.front() == 't');
     std::error_code unknown;
     executable = std::filesystem::read_symlink(folder + "/exe", unknown).string();

@@ -1,11 +1,12 @@
 #include "RegistryView.h"
 
 #include "Failure.h"
+#include "explainUnreachable.h"
 #include "otherRunDirectories.h"
 #include "output.h"
 
-#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/ease/handler.h>
+#include <kesa/reasonOf.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/ServiceRegistryPexClient.h>
 
@@ -188,8 +189,7 @@ bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs
             changed, lock, [&] { return refusal || isInterrupted || predicate() || settledAt != settling; },
             settling > comm::now() ? std::min(settling, deadline) : deadline);
         if (refusal) {
-            throw Failure{ExitCode::eFAILED,
-                          "the registry refuses: " + kesa::Response::getErrorMessageWithCode(*refusal)};
+            throw Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::reasonOf(*refusal)};
         }
         if (isInterrupted) {
             ReaderWatch::fail();
@@ -258,7 +258,7 @@ void RegistryView::await(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     if (!m_state->await(lock, deadline, [this] { return m_state->isComplete; })) {
-        failUnreachable(m_state->isConnected);
+        failUnreachable();
     }
 }
 
@@ -269,7 +269,7 @@ RegistryView::Answer RegistryView::list(comm::TimeNs deadline, bool isAnyEnough)
         return m_state->isSettled() || (isAnyEnough && m_state->isComplete && !m_state->services.empty());
     });
     if (!m_state->isComplete) {
-        failUnreachable(m_state->isConnected);
+        failUnreachable();
     }
     return {m_state->services, m_state->isSettled()};
 }
@@ -281,7 +281,7 @@ bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Answer& answer)
         return m_state->services.empty() == isGone && (isGone ? m_state->isSettled() : m_state->isComplete);
     });
     if (!m_state->isComplete) {
-        failUnreachable(m_state->isConnected);
+        failUnreachable();
     }
     answer = {m_state->services, m_state->isSettled()};
     return isSo;
@@ -313,25 +313,19 @@ void RegistryView::interrupt()
     m_state->changed.notifyAll();
 }
 
-/// In doubt somebody listens and says nothing: before the registry has answered, a stopped one looks like a missing
-/// one.
-void RegistryView::failUnreachable(bool isConnected) const
+void RegistryView::failUnreachable() const
 {
     const std::string& where = m_locators.front().toString();
-    const auto why =
-        isConnected ? kesa::commadapter::Unreachable() : kesa::commadapter::whyUnreachable(m_locators.front());
-    if (why.reason.empty()) {
-        throw Failure{ExitCode::eNO_REGISTRY,
-                      fmt::format("the registry at {} does not answer: its process is stopped or busy; try a longer "
-                                  "--timeout, or restart it",
-                                  where)};
+    Unreached why = explainUnreachable(m_locators.front());
+    if (why.cause == "nobody-listens") {
+        why.advice = whereElse(processOf(m_locators.front()));
+        if (why.advice.empty()) {
+            why.advice = "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
+        }
     }
-    const std::string elsewhere = whereElse(processOf(m_locators.front()));
-    const std::string advice = why.isForbidden ? ""
-                               : elsewhere.empty()
-                                   ? "; start kesa-registryd, or set KESA_RUN_DIR to the directory it uses"
-                                   : "; " + elsewhere;
-    throw Failure{ExitCode::eNO_REGISTRY, fmt::format("no registry at {}: {}{}", where, why.reason, advice)};
+    throw Failure{ExitCode::eNO_REGISTRY,
+                  fmt::format("{} {}: {}", why.isSomebodyThere ? "no answer of the registry at" : "no registry at",
+                              where, why.sentence())};
 }
 
 } // namespace kesactl

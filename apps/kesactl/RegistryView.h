@@ -65,7 +65,7 @@ public:
 
 private:
     struct State;
-    [[noreturn]] void failUnreachable(bool isConnected) const;
+    [[noreturn]] void failUnreachable() const;
 
     const std::vector<kesa::url> m_locators;
     std::shared_ptr<State> m_state;

@@ -17,6 +17,7 @@ void addWait(CLI::App& app);
 void addCall(CLI::App& app);
 void addPing(CLI::App& app);
 void addHelp(CLI::App& app);
+void addWhy(CLI::App& app, int& exitCode); ///< it sets `exitCode` to 0 when the service works, else to 1
 
 /// The command of that name; a `Failure` that names the nearest when there is none.
 const CLI::App& findCommand(const CLI::App& app, const std::string& name);

@@ -27,6 +27,7 @@ const char* const FOOTER = R"(Examples:
   kesactl check-config                             what a process started here would read
   kesactl check-config kesa.json --process media   a document, as the process "media" reads it
   kesactl check-config kesa.json --json | jq .complaints
+  kesactl why /media/player                        is it there, does it work, and if not, why
   kesactl doctor                                   why do processes not find each other?
 
 The registry is found as any process finds it: by the configuration document, without one at
@@ -74,6 +75,7 @@ int run(int argc, char** argv)
     kesactl::addPing(app);
     kesactl::addCheckConfig(app, exitCode);
     kesactl::addDoctor(app, exitCode);
+    kesactl::addWhy(app, exitCode);
     kesactl::addHelp(app);
     refuseUnknownCommand(app, argc, argv);
     try {

@@ -36,6 +36,12 @@ std::vector<std::string> places()
 
 } // namespace
 
+std::string chosenRunDirectory()
+{
+    std::vector<std::string> said; // by check-config
+    return transport::RunDirectory(kesa::commadapter::readCommSettings(said).runDir).path();
+}
+
 std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
 {
     const RunDirectoryFacts own(chosen);
@@ -76,16 +82,19 @@ std::string howToMeetIn(const RunDirectoryFacts& directory)
                      : "set KESA_RUN_DIR=" + directory.path;
 }
 
+std::vector<RunDirectoryFacts> otherDirectoriesOf(const std::string& process)
+{
+    std::vector<RunDirectoryFacts> others = otherRunDirectories(chosenRunDirectory());
+    std::erase_if(others, [&process](const RunDirectoryFacts& other) { return !isHeld(other, process); });
+    return others;
+}
+
 std::string whereElse(const std::string& process)
 {
-    std::vector<std::string> said; // by check-config
-    const transport::RunDirectory chosen(kesa::commadapter::readCommSettings(said).runDir);
-    for (const RunDirectoryFacts& other : otherRunDirectories(chosen.path())) {
-        if (isHeld(other, process)) {
-            return fmt::format("there is one in {}; to meet there, {}", other.path, howToMeetIn(other));
-        }
-    }
-    return {};
+    const auto others = otherDirectoriesOf(process);
+    return others.empty()
+               ? ""
+               : fmt::format("there is one in {}; to meet there, {}", others.front().path, howToMeetIn(others.front()));
 }
 
 } // namespace kesactl

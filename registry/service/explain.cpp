@@ -7,8 +7,7 @@
 #include <kesa/RequestContext.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/mimetypes.h>
-#include <runtime/v02/runtime/QueryMatcher.h>
-#include <runtime/v02/runtime/identity.h>
+#include <kesa/serviceregistry/matchesQuery.h>
 #include <util/nearestName.h>
 
 #include <unistd.h>
@@ -57,7 +56,7 @@ const char* whyNot(const QueryWatch& watch, const Record& record)
 {
     Query withoutMetadata = watch.query;
     withoutMetadata.metadata.reset();
-    return runtime::v02::matchesQuery(record.serviceDef, withoutMetadata, watch.patterns) ? "metadata" : "scope";
+    return serviceregistry::matchesQuery(record.serviceDef, withoutMetadata, watch.patterns) ? "metadata" : "scope";
 }
 
 } // namespace
@@ -114,7 +113,8 @@ Who Registry::Impl::whoOf(const Asker& asker, const Record& record)
     if (asker.peer || !asker.process.empty()) {
         return {asker.process, asker.pid, asker.uid};
     }
-    return {std::string(runtime::v02::providerOf(record.serviceDef)), ::getpid(), ::geteuid()};
+    const auto& metainfo = record.serviceDef.metainfo;
+    return {std::string(metainfo ? (*metainfo)["provider"].stringView() : ""), ::getpid(), ::geteuid()};
 }
 
 /// Such as "held by process player (pid 812)". Empty when nobody has it, or he has just gone.

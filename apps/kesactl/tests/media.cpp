@@ -2,7 +2,8 @@
 // values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header
 // "room", never answers "/hang", begins a stream at "/feed" and never goes on with it, has answers that are hard to
 // show, and refuses the rest.
-// "/media/radio" is the same, and registered before it; as its resources it names what is no such list.
+// "/media/radio" is the same, and registered before it; as its resources it names what is no such list. "media NAME" is
+// a process of that name, which says why it is refused, and ends when both are.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -10,14 +11,17 @@
 #include <kesa/ease/resources.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <unistd.h>
 #include <utility>
 #include <vector>
 
@@ -99,24 +103,31 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
 
 } // namespace
 
-int main()
+int main(int count, char** arguments)
 {
     sigset_t ends;
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    if (KesaRuntime::initInstance("media", KesaRuntime::WITH_REGISTRYD)) {
+    if (KesaRuntime::initInstance(count > 1 ? arguments[1] : "media", KesaRuntime::WITH_REGISTRYD)) {
         return 1;
     }
     const auto radio = makePlayer();
     radio->onRetrieve(kesa::resources::PATH, [](const Request&, const Responder& responder) {
         responder.answer(json(R"([{"resource":"/","command":7}])"));
     });
+    std::atomic<int> refusals{0};
     std::vector<kesa::Disposable> registrations;
     for (const auto& [path, service] : {std::pair{"/media/radio", radio}, std::pair{"/media/player", makePlayer()}}) {
         registrations.push_back(KesaRuntime::getInstance()->registerService(
             path, service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"}, kesa::GenericObject{{"description", "plays"}},
-            kesa::handler<ServiceDef>([](const ServiceDef&) {})));
+            kesa::handler<ServiceDef>([](const ServiceDef&) {},
+                                      [&refusals, path](const kesa::Response& error) {
+                                          std::printf("%s: %s\n", path, kesa::reasonOf(error).c_str());
+                                          if (++refusals == 2) {
+                                              ::kill(::getpid(), SIGTERM); // to the process, which waits for it
+                                          }
+                                      })));
     }
     std::puts("started");
     std::fflush(stdout);

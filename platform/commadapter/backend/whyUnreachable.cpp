@@ -1,17 +1,80 @@
+// A connection of its own, which says hello, asks for the path and sends a ping, all at once. What is provided is
+// attached before the pong comes: so a pong alone says that the path is not.
+
+#include "backend/Connection.h"
 #include "backend/Locators.h"
+#include "backend/Waiter.h"
 #include "backend/readCommSettings.h"
 #include "transport/IpcTransport.h"
 
-#include <comm/Condition.h>
-#include <comm/Scheduler.h>
 #include <kesa/Path.h>
 #include <kesa/commadapter/whyUnreachable.h>
 
-#include <mutex>
+#include <functional>
+#include <utility>
 
 namespace kesa::commadapter {
 
 namespace {
+
+using Cause = Unreachable::Cause;
+
+class Probe final : public Connection {
+public:
+    Probe(std::shared_ptr<IoLoop> loop, std::string path, std::function<void(Unreachable)> done)
+        : Connection(std::move(loop), protocol::Machine::Role::eCLIENT), m_path(std::move(path)),
+          m_done(std::move(done))
+    {}
+
+    void begin(std::unique_ptr<transport::IStream> stream, comm::TimeNs within)
+    {
+        m_pid = stream->peer().pid;
+        {
+            const Lock lock(m_lock);
+            protocol::Hello own;
+            own.process = "probe";
+            own.instance = obr::UUID::generate();
+            open(std::move(stream), own);
+            static_cast<void>(machine().attach(1, m_path));
+            machine().ping();
+        }
+        Connection::begin();
+        loop().startTimer(comm::now() + within, [self = std::static_pointer_cast<Probe>(shared_from_this())] {
+            self->finish(Cause::eSILENT, self->m_hasHello ? "it says hello, and then nothing"
+                                                          : "it can be connected to, and says nothing");
+        });
+    }
+
+private:
+    void finish(Cause cause, std::string reason)
+    {
+        if (const auto done = std::exchange(m_done, nullptr)) {
+            lose("probed");
+            done({cause, std::move(reason), m_pid});
+        }
+    }
+
+    void onHello(const protocol::Hello&) override { m_hasHello = true; }
+    void onAttached(std::uint32_t) override { finish(Cause::eNONE, {}); }
+    void onSign(bool isPong) override
+    {
+        if (isPong) {
+            finish(Cause::eNOT_PROVIDED, "it does not provide \"" + m_path + '"');
+        }
+    }
+    void onClosed(const std::string& reason) override
+    {
+        const bool isOtherVersion = reason.rfind(protocol::NO_COMMON_VERSION, 0) == 0;
+        finish(isOtherVersion ? Cause::eOTHER_VERSION : Cause::eGARBAGE, reason);
+    }
+    bool isAnswerOwed(comm::TimeNs, bool&) override { return false; }
+    std::string peerName() const override { return "probed process"; }
+
+    const std::string m_path;
+    std::function<void(Unreachable)> m_done; ///< null once it is known
+    std::int64_t m_pid = -1;
+    bool m_hasHello = false;
+};
 
 /// Of a locator that was not understood.
 const char* whyNowhere(const url& locator)
@@ -22,42 +85,64 @@ const char* whyNowhere(const url& locator)
                           : "is of a scheme or of a run directory that is not known here";
 }
 
+Cause causeOf(transport::ITransport::Failure failure)
+{
+    using Failure = transport::ITransport::Failure;
+    switch (failure) {
+    case Failure::eMISSING:
+    case Failure::eSILENT: // the socket of a dead process
+        return Cause::eMISSING;
+    case Failure::eBUSY:
+        return Cause::eSILENT;
+    case Failure::eFORBIDDEN:
+        return Cause::eFORBIDDEN;
+    default:
+        return Cause::eNOT_CONNECTED;
+    }
+}
+
+/// One attempt, on the loop.
+void attempt(const std::shared_ptr<IoLoop>& loop, const Place& place, comm::TimeNs within,
+             const std::function<void(Unreachable)>& done)
+{
+    place.destination.transport->connect(
+        place.destination.endpoint, [=, path = place.path](transport::ITransport::Connected connected) {
+            const IoLoop::Turn turn(*loop);
+            if (connected.stream) {
+                std::make_shared<Probe>(loop, path, done)->begin(std::move(connected.stream), within);
+            } else {
+                done({causeOf(connected.failure), std::move(connected.reason)});
+            }
+        });
+}
+
 } // namespace
 
-Unreachable whyUnreachable(const url& locator)
+Unreachable whyUnreachable(const url& locator, comm::TimeNs within)
 {
     std::vector<std::string> complaints; // the backend's to tell
     const CommSettings settings = readCommSettings(complaints);
-    const auto loop = comm::Scheduler::current().makeReactor("kesa-io");
+    const auto loop = std::make_shared<IoLoop>(settings);
     const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
-        transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop);
-    const auto place = Locators(settings.routes, {transport}).find(locator);
-    if (!place) {
-        loop->stop();
-        return {"\"" + locator.toString() + "\" " + whyNowhere(locator)};
-    }
-    std::mutex mutex;
-    comm::Condition changed;
-    bool isDone = false;
+        transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop->reactor());
     Unreachable result;
-    loop->post([&] {
-        transport->connect(place->destination.endpoint, [&](transport::ITransport::Connected connected) {
-            if (connected.stream) {
-                connected.stream->close();
-            }
-            transport->close();
-            const std::lock_guard lock(mutex);
-            result.reason = std::move(connected.reason);
-            result.isForbidden = connected.failure == transport::ITransport::Failure::eFORBIDDEN;
-            isDone = true;
-            changed.notifyAll();
+    if (const auto place = Locators(settings.routes, {transport}).find(locator)) {
+        const auto waiter = std::make_shared<Waiter>();
+        loop->post([&] {
+            attempt(loop, *place, within, [&result, waiter](Unreachable found) {
+                const std::lock_guard lock(waiter->lock);
+                result = std::move(found);
+                waiter->isDone = true;
+                waiter->condition.notifyAll();
+            });
         });
-    });
-    {
-        std::unique_lock lock(mutex);
-        comm::waitFor(changed, lock, [&] { return isDone; });
+        std::unique_lock lock(waiter->lock);
+        comm::waitFor(waiter->condition, lock, [&waiter] { return waiter->isDone; });
+    } else {
+        result = {Cause::eNOWHERE, "\"" + locator.toString() + "\" " + whyNowhere(locator)};
     }
-    loop->stop();
+    loop->runAndWait("whyUnreachable", [&transport] { transport->close(); });
+    loop->reactor()->stop();
     return result;
 }
 

@@ -195,7 +195,7 @@ bool Machine::Input::handleHello(const FrameHeader& header, const unsigned char*
     }
     const std::uint16_t version = std::min(m_own.highestVersion, peer.highestVersion);
     if (version < std::max(m_own.lowestVersion, peer.lowestVersion)) {
-        return fail(fmt::format("no common protocol version: this side speaks {} to {}, the peer {} to {}",
+        return fail(fmt::format("{}: this side speaks {} to {}, the peer {} to {}", NO_COMMON_VERSION,
                                 m_own.lowestVersion, m_own.highestVersion, peer.lowestVersion, peer.highestVersion));
     }
     m_hasHello = true;

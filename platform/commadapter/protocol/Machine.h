@@ -29,6 +29,9 @@ struct Hello {
     std::uint32_t maxMessageBytes = 16U << 20U; ///< of a peer; the own one is that of the own `Limits`
 };
 
+/// How the reason begins why a connection between processes of different versions ends.
+inline constexpr std::string_view NO_COMMON_VERSION = "no common protocol version";
+
 struct Limits {
     std::uint32_t maxMessageBytes = 16U << 20U; ///< of one message, head and body
     std::uint32_t maxHeadBytes = 60U << 10U;

@@ -12,7 +12,7 @@ namespace kesa::runtime::v02 {
 const std::string& providerKey();
 
 /// The process that the record names as the provider; empty when the registry kept the metainfo back.
-KESA_API std::string_view providerOf(const serviceregistry::ServiceDef& service);
+std::string_view providerOf(const serviceregistry::ServiceDef& service);
 
 /// Whether two records of a path are of the same registration, however else they differ: equal locators, id and
 /// provider. An id or a provider that one of them does not state makes no difference.

@@ -1,0 +1,81 @@
+#include "Verdict.h"
+
+#include "output.h"
+
+#include <comm/Clock.h>
+#include <util/config/Dictionary.h>
+
+#include <fmt/format.h>
+
+#include <array>
+#include <ctime>
+
+namespace kesactl {
+
+using util::config::Dictionary;
+using util::config::Value;
+
+std::string asLines(const std::string& path, const Verdict& verdict)
+{
+    std::string text = fmt::format("{}: {}\n  {}\n", path, verdict.cause, verdict.text);
+    if (!verdict.advice.empty()) {
+        text += fmt::format("  -> {}\n", verdict.advice);
+    }
+    for (const std::string& note : verdict.notes) {
+        text += fmt::format("  {}\n", note);
+    }
+    return text;
+}
+
+std::string asJson(const std::string& path, const Verdict& verdict, const Value& explanation)
+{
+    Value::Array notes;
+    for (const std::string& note : verdict.notes) {
+        notes.emplace_back(note);
+    }
+    Dictionary line{{"path", path},         {"works", verdict.isGood()}, {"cause", verdict.cause},
+                    {"text", verdict.text}, {"advice", verdict.advice},  {"notes", std::move(notes)}};
+    if (explanation.isDefined()) {
+        line.set("registry", explanation);
+    }
+    return asJsonLine(Value(std::move(line)).toText(), "the answer cannot be shown as JSON") + '\n';
+}
+
+std::int64_t integerOf(const Value& value)
+{
+    std::int64_t number = 0;
+    static_cast<void>(value.get(number));
+    return number;
+}
+
+std::string timeText(const Value& milliseconds)
+{
+    const std::int64_t time = integerOf(milliseconds);
+    const std::time_t seconds = time / 1000;
+    std::tm parts{};
+    ::localtime_r(&seconds, &parts);
+    std::array<char, 32> text;
+    const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
+    return fmt::format("{}.{:03}", std::string_view(text.data(), size), time % 1000);
+}
+
+std::string whoText(const Value& who)
+{
+    return who["pid"].isInteger() ? fmt::format("{} (process {})", who["provider"].toText(), integerOf(who["pid"]))
+                                  : who["provider"].toText();
+}
+
+std::string eventText(const Value& event)
+{
+    const std::string time = timeText(event["when"]);
+    const std::string who = whoText(event);
+    const std::string_view what = event["what"].stringView();
+    const std::string reason = event["reason"].isDefined() ? ": " + event["reason"].toText() : std::string();
+    return fmt::format("{}: {} {}{}", time, who,
+                       what == "refused"     ? "was refused it"
+                       : what == "withdrawn" ? "withdrew it"
+                                             : "was lost",
+                       reason);
+}
+
+} // namespace kesactl

@@ -1,0 +1,78 @@
+#include "explainUnreachable.h"
+
+#include "ProcessFacts.h"
+#include "RunDirectoryFacts.h"
+#include "otherRunDirectories.h"
+
+#include <kesa/commadapter/whyUnreachable.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kesactl {
+namespace {
+
+using kesa::commadapter::Unreachable;
+
+/// Nobody listens under that name: perhaps because somebody took the socket away.
+Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
+{
+    const RunDirectoryFacts facts(chosenRunDirectory());
+    const std::string process = processOf(locator);
+    const auto name = std::find_if(facts.names.begin(), facts.names.end(),
+                                   [&process](const auto& each) { return each.name == process; });
+    if (name != facts.names.end() && name->holder != 0 && !name->hasSocket) {
+        return {"socket-removed",
+                fmt::format("process {} has the name \"{}\", but its socket was removed from {}", name->holder, process,
+                            facts.path),
+                "restart it, and keep cleaners out of the run directory"};
+    }
+    return {"nobody-listens", found.reason, "start it, or set KESA_RUN_DIR to the directory it uses"};
+}
+
+Unreached explainSilent(const Unreachable& found)
+{
+    const ProcessFacts process(static_cast<pid_t>(found.pid));
+    if (process.isStopped) {
+        return {"stopped", fmt::format("its process ({}) is stopped", found.pid),
+                fmt::format("continue it with kill -CONT {}, or end its debugger", found.pid), true};
+    }
+    return {"silent", fmt::format("its process ({}) does not answer: {}", found.pid, found.reason),
+            "it is busy, or a handler blocks its I/O loop: look at its threads, or restart it", true};
+}
+
+} // namespace
+
+Unreached explainUnreachable(const kesa::url& locator)
+{
+    using Cause = Unreachable::Cause;
+    const Unreachable found = kesa::commadapter::whyUnreachable(locator, 2 * comm::SECOND);
+    const std::string process = fmt::format("its process ({})", found.pid);
+    switch (found.cause) {
+    case Cause::eNONE:
+        return {"slow", "it is there, but has not answered within the time limit", "give it more with --timeout", true};
+    case Cause::eNOWHERE:
+        return {"bad-locator", found.reason, "its provider has to name one that leads here"};
+    case Cause::eMISSING:
+        return explainMissing(locator, found);
+    case Cause::eFORBIDDEN:
+        return {"rights", found.reason, {}};
+    case Cause::eNOT_CONNECTED:
+        return {"not-connected", found.reason, "kesactl doctor shows the run directory and who is in it"};
+    case Cause::eSILENT:
+        return explainSilent(found);
+    case Cause::eGARBAGE:
+        return {"garbage", fmt::format("what {} says is not Kesa's protocol: {}", process, found.reason),
+                "some other program has its name, or it was just ending", true};
+    case Cause::eOTHER_VERSION:
+        return {"other-version", fmt::format("{} is of another version: {}", process, found.reason),
+                "install the same version for both", true};
+    case Cause::eNOT_PROVIDED:
+        return {"not-provided", fmt::format("{} answers, but {}", process, found.reason),
+                "correct the path in the locator, or wait until it provides the service", true};
+    }
+    return {};
+}
+
+} // namespace kesactl

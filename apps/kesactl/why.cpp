@@ -1,0 +1,232 @@
+// why: one answer to "why does this service not work", out of those of docs/why.md. It goes the way that a client goes:
+// to the registry, to the record, to the process that provides the service, and to an answer of that; the first step
+// that fails is the cause.
+#include "Answers.h"
+#include "Connection.h"
+#include "Failure.h"
+#include "ProcessFacts.h"
+#include "System.h"
+#include "Verdict.h"
+#include "commands.h"
+#include "explainUnreachable.h"
+#include "options.h"
+#include "otherRunDirectories.h"
+#include "output.h"
+#include "whyAbsent.h"
+#include "whyNotTold.h"
+
+#include <CLI/CLI.hpp>
+#include <common/RegistryPlace.h>
+#include <kesa/headers.h>
+#include <kesa/mimetypes.h>
+#include <kesa/reasonOf.h>
+#include <kesa/responsesemantics.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
+#include <kesa/serviceregistry/IServiceRegistry.h>
+#include <obr/ErrorStorage.h>
+#include <util/config/JSONParser.h>
+
+#include <fmt/format.h>
+
+#include <unistd.h>
+
+namespace kesactl {
+namespace {
+
+using kesa::runtime::v02::KesaRuntime;
+using kesa::serviceregistry::IServiceRegistry;
+using util::config::Value;
+
+struct Arguments {
+    std::string path;
+    std::string process;
+    CommonOptions common;
+};
+
+class Search {
+public:
+    explicit Search(const Arguments& arguments) : m_arguments(arguments) {}
+
+    Verdict run();
+    /// What the registry has answered; undefined when it has not.
+    const Value& explanation() const noexcept { return m_explanation; }
+
+private:
+    Verdict askRegistry(const kesa::url& registry);
+    Verdict explainNoRegistry(const kesa::url& registry) const;
+    Verdict judge(const std::string& registry);
+    Verdict reach() const;
+    Verdict call(const Connection::Client& client, const std::string& locator) const;
+    Answers::Answer ask(const Connection::Client& client, kesa::Request request) const;
+    std::string holder() const { return whoText(m_explanation["holder"]); }
+
+    const Arguments& m_arguments;
+    Value m_explanation;
+};
+
+Verdict Search::run()
+{
+    const std::string name = "kesactl-" + std::to_string(::getpid());
+    const apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
+    if (!place.problem.empty()) {
+        return {"no-registry", place.problem, "kesactl check-config explains the document", {}};
+    }
+    const System system;
+    return askRegistry(place.locators.front());
+}
+
+Verdict Search::askRegistry(const kesa::url& registry)
+{
+    Connection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
+    const Connection::Client client = connection.tryClient(m_arguments.common.deadline());
+    if (!client) {
+        return explainNoRegistry(registry);
+    }
+    const std::string body = m_arguments.process.empty() ? "{}"
+                                                         : fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR,
+                                                                       asJsonString(m_arguments.process));
+    const Answers::Answer answer =
+        ask(client, kesa::Request(IServiceRegistry::EXPLAIN, m_arguments.path,
+                                  kesa::Payload::createFromString(body, kesa::mimetypes::JSON)));
+    if (answer.kind == Answers::Kind::eTIMED_OUT || answer.response.getStatus() == 503 ||
+        answer.response.getStatus() == 504) {
+        return explainNoRegistry(registry);
+    }
+    if (answer.kind != Answers::Kind::eVALUE ||
+        util::config::JSONParser().parseString(answer.response.getPayload().text(), m_explanation)) {
+        obr::ErrorStorage::ack();
+        return {"old-registry",
+                fmt::format("the registry does not explain: {}", kesa::reasonOf(answer.response)),
+                "update kesa-registryd; until then kesactl show says whether it is there",
+                {}};
+    }
+    const std::string_view authority = registry.authority();
+    return judge(std::string(authority.substr(0, authority.find('+'))));
+}
+
+Verdict Search::explainNoRegistry(const kesa::url& registry) const
+{
+    Unreached why = explainUnreachable(registry);
+    if (why.cause == "nobody-listens") {
+        const auto others = otherDirectoriesOf(processOf(registry));
+        why.cause = others.empty() ? "no-registry" : "other-run-directory";
+        why.text += others.empty() ? "" : fmt::format("; a registry runs in {}", others.front().path);
+        why.advice = others.empty() ? "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses"
+                                    : fmt::format("{}, or start a registry here", howToMeetIn(others.front()));
+    }
+    return {why.cause, fmt::format("the registry at {}: {}", registry.toString(), why.text), why.advice, {}};
+}
+
+Verdict Search::judge(const std::string& registry)
+{
+    if (m_explanation["registered"] != true) {
+        return explainAbsence(m_explanation, registry);
+    }
+    if (m_explanation["hiddenBy"] == "realm") {
+        return {"hidden-by-realm",
+                fmt::format("{} provides it at {} only, which is of another run directory", holder(),
+                            m_explanation["holder"]["record"]["locators"].toText()),
+                fmt::format("set KESA_RUN_DIR to the directory that {} uses", holder()),
+                {}};
+    }
+    Verdict verdict = reach();
+    if (verdict.isGood() && !m_arguments.process.empty()) {
+        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path);
+        ofProcess.notes.push_back(verdict.text);
+        verdict = std::move(ofProcess);
+    }
+    for (std::string& note : notesOf(m_explanation, 0)) {
+        verdict.notes.push_back(std::move(note));
+    }
+    return verdict;
+}
+
+/// Goes to the process that provides it, as a client would.
+Verdict Search::reach() const
+{
+    ServiceDef service(kesa::Path(m_arguments.path), ServiceDef::TypeEnum::pex, {}, {});
+    for (const Value& locator : m_explanation["holder"]["record"]["locators"].items()) {
+        service.locators.emplace_back(locator.toText());
+    }
+    if (service.locators.empty()) {
+        return {"bad-locator",
+                fmt::format("{} has registered it without a locator", holder()),
+                "its provider has to name where it is",
+                {}};
+    }
+    Connection connection(service);
+    if (const Connection::Client client = connection.tryClient(m_arguments.common.deadline())) {
+        return call(client, service.locators.front().toString());
+    }
+    const Unreached why = explainUnreachable(service.locators.front());
+    return {why.cause,
+            fmt::format("{} has registered it at {}: {}", holder(), service.locators.front().toString(), why.text),
+            why.advice,
+            {}};
+}
+
+Verdict Search::call(const Connection::Client& client, const std::string& locator) const
+{
+    // As `ping` does: a command that no service has, so whatever is said of it is an answer.
+    const Answers::Answer answer = ask(client, kesa::Request("ping", "/"));
+    const auto status = answer.response.getStatus();
+    if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
+        const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
+        if (ProcessFacts(static_cast<pid_t>(pid)).isStopped) {
+            return {"stopped",
+                    fmt::format("{} is stopped", holder()),
+                    fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
+                    {}};
+        }
+        return {"no-answer",
+                fmt::format("{} can be reached, but its service has not answered within {} s", holder(),
+                            m_arguments.common.timeoutSeconds),
+                "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
+                {}};
+    }
+    if (answer.kind == Answers::Kind::eERROR && status == 503) {
+        return {"not-provided",
+                fmt::format("{} has just gone: {}", holder(), kesa::reasonOf(answer.response)),
+                "ask again",
+                {}};
+    }
+    return {std::string(Verdict::WORKS),
+            fmt::format("{} has provided it since {} at {}, and answers", holder(),
+                        timeText(m_explanation["holder"]["since"]), locator),
+            {},
+            {}};
+}
+
+Answers::Answer Search::ask(const Connection::Client& client, kesa::Request request) const
+{
+    const comm::TimeNs deadline = m_arguments.common.deadline();
+    kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
+    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
+    Answers answers(client, request);
+    return answers.next(deadline);
+}
+
+void why(const Arguments& arguments, int& exitCode)
+{
+    Search search(arguments);
+    const Verdict verdict = search.run();
+    print(arguments.common.isJson ? asJson(arguments.path, verdict, search.explanation())
+                                  : asLines(arguments.path, verdict));
+    exitCode = verdict.isGood() ? 0 : static_cast<int>(ExitCode::eFAILED);
+}
+
+} // namespace
+
+void addWhy(CLI::App& app, int& exitCode)
+{
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command = app.add_subcommand("why", "Says whether a service is there and works, and if not, why.");
+    command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
+    command->add_option("--for", arguments->process, "Also, whether this process is told of it.")->type_name("PROCESS");
+    addCommonOptions(*command, arguments->common, "How long each step may take.");
+    command->footer(
+        "One answer, what to do, and what was before. Exit code: 0 when it is there and works, 1 when not.");
+    command->callback([arguments, &exitCode] { why(*arguments, exitCode); });
+}
+
+} // namespace kesactl

@@ -1,0 +1,104 @@
+#include "whyAbsent.h"
+
+#include "ProcessFacts.h"
+#include "otherRunDirectories.h"
+
+#include <comm/wallClock.h>
+
+#include <fmt/format.h>
+
+namespace kesactl {
+namespace {
+
+using util::config::Value;
+
+/// From the start of a registry until the providers of before have found it again.
+constexpr std::int64_t SETTLING_MS = 1500;
+
+Verdict explainNever(const Value& explanation, const std::string& registry)
+{
+    const Value& started = explanation["registryStarted"];
+    if (comm::wallClock() / comm::MILLISECOND - integerOf(started) < SETTLING_MS) {
+        return {"registry-young",
+                fmt::format("the registry started only at {}, and providers take up to a second to find it again",
+                            timeText(started)),
+                "ask again",
+                {}};
+    }
+    Verdict verdict{"never-registered",
+                    fmt::format("nobody has registered it since the registry started at {}", timeText(started)),
+                    "start its provider; kesactl list shows what is there",
+                    {}};
+    if (const Value& nearest = explanation["nearest"]; nearest.isString()) {
+        verdict.advice = fmt::format("did you mean {}?", nearest.toText());
+    }
+    for (const RunDirectoryFacts& other : otherDirectoriesOf(registry)) {
+        verdict.notes.push_back(
+            fmt::format("another registry runs in {}; to ask that one, {}", other.path, howToMeetIn(other)));
+    }
+    return verdict;
+}
+
+Verdict explainRefused(const Value& event)
+{
+    return {"refused",
+            fmt::format("{} was refused it at {}{}; now nobody has it", whoText(event), timeText(event["when"]),
+                        event["reason"].isDefined() ? ": " + event["reason"].toText() : ""),
+            fmt::format("restart {}: a refused registration is not repeated", event["provider"].toText()),
+            {}};
+}
+
+Verdict explainGone(const Value& event)
+{
+    const bool isWithdrawn = event["what"] == "withdrawn";
+    const std::int64_t pid = integerOf(event["pid"]);
+    const ProcessFacts process(static_cast<pid_t>(pid));
+    const std::string name = event["provider"].toText();
+    Verdict verdict{"gone",
+                    fmt::format("{} provided it from {} to {}; then {}; its process {}", whoText(event),
+                                timeText(event["since"]), timeText(event["when"]),
+                                isWithdrawn ? "it withdrew it" : "its connection ended: " + event["reason"].toText(),
+                                process.isStopped ? "is stopped"
+                                : process.isThere ? "is still there"
+                                                  : "has ended"),
+                    {},
+                    {}};
+    if (process.isStopped) {
+        verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
+    } else if (!process.isThere) {
+        verdict.advice = fmt::format("start {} again", name);
+    } else if (isWithdrawn) {
+        verdict.advice = fmt::format("that was {}'s own decision; its log may say why", name);
+    } else {
+        verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
+                                     "says what keeps it",
+                                     name);
+    }
+    return verdict;
+}
+
+} // namespace
+
+Verdict explainAbsence(const Value& explanation, const std::string& registry)
+{
+    const auto& history = explanation["history"].items();
+    if (history.empty()) {
+        return explainNever(explanation, registry);
+    }
+    const Value& last = history.back();
+    Verdict verdict = last["what"] == "refused" ? explainRefused(last) : explainGone(last);
+    verdict.notes = notesOf(explanation, 1);
+    return verdict;
+}
+
+std::vector<std::string> notesOf(const Value& explanation, std::size_t withoutLast)
+{
+    std::vector<std::string> notes;
+    const auto& history = explanation["history"].items();
+    for (std::size_t i = 0; i + withoutLast < history.size(); ++i) {
+        notes.push_back("before, " + eventText(history[i]));
+    }
+    return notes;
+}
+
+} // namespace kesactl

@@ -1,0 +1,16 @@
+#ifndef KESACTL_WHYABSENT_H
+#define KESACTL_WHYABSENT_H
+
+#include "Verdict.h"
+
+namespace kesactl {
+
+/// Why nobody provides a path, by what the registry tells of it. `registry`: the name of the registry's process.
+Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry);
+
+/// The events of a path, each as a sentence; but the last ones.
+std::vector<std::string> notesOf(const util::config::Value& explanation, std::size_t withoutLast);
+
+} // namespace kesactl
+
+#endif

@@ -1,0 +1,13 @@
+#ifndef KESACTL_WHYNOTTOLD_H
+#define KESACTL_WHYNOTTOLD_H
+
+#include "Verdict.h"
+
+namespace kesactl {
+
+/// Whether a process is told of a service that is there, and if not, why; by what the registry tells of both.
+Verdict explainProcess(const util::config::Value& explanation, const std::string& process, const std::string& path);
+
+} // namespace kesactl
+
+#endif
