@@ -283,10 +283,8 @@ void Registry::Impl::deliver()
     Updates list;
     for (Output output; m_store.next(output);) {
         switch (output.kind) {
-        case Output::Kind::eREGISTERED:
-            noteRegistered(output.stream);
-            [[fallthrough]];
         case Output::Kind::eUPDATE:
+        case Output::Kind::eREGISTERED:
         case Output::Kind::eREFUSED:
             toAsker(std::move(output), list);
             break;
@@ -297,14 +295,6 @@ void Registry::Impl::deliver()
             keepsWaiting(output);
             break;
         }
-    }
-}
-
-void Registry::Impl::noteRegistered(StreamId stream)
-{
-    const auto request = m_requests.find(stream);
-    if (request != m_requests.end() && request->second.since == 0) {
-        request->second.since = wallClockMs();
     }
 }
 
@@ -322,6 +312,9 @@ void Registry::Impl::toAsker(Output output, Updates& list)
     const auto request = m_requests.find(output.stream);
     if (request == m_requests.end()) {
         return; // a handler has cancelled it meanwhile
+    }
+    if (output.kind == Output::Kind::eREGISTERED && request->second.since == 0) {
+        request->second.since = wallClockMs();
     }
     const std::shared_ptr<Asker> asker = request->second.asker;
     if (asker->isWaiting || !asker->news.empty()) {

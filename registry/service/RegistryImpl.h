@@ -101,7 +101,6 @@ private:
     void keepsWaiting(const Output& output);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
     void dropRegistrations(const Asker& asker);
-    void noteRegistered(StreamId stream);
     void noteEnd(const Request& registration, const Record& record, std::string reason);
     // explain.cpp
     std::string nearestTo(const std::string& path) const;

@@ -121,7 +121,10 @@ Who Registry::Impl::whoOf(const Asker& asker, const Record& record)
 std::string Registry::Impl::holderOf(const std::string& path) const
 {
     const Store::Held* const held = m_store.find(path);
-    const auto request = held == nullptr ? m_requests.end() : m_requests.find(held->holder);
+    if (held == nullptr) {
+        return {};
+    }
+    const auto request = m_requests.find(held->holder);
     if (request == m_requests.end()) {
         return {};
     }
