@@ -28,6 +28,7 @@
 
 #include <fmt/format.h>
 
+#include <iterator>
 #include <unistd.h>
 
 namespace kesactl {
@@ -158,9 +159,14 @@ Verdict Search::reach() const
     if (const Connection::Client client = connection.tryClient(m_arguments.common.deadline())) {
         return call(client, service.locators.front().toString());
     }
-    const Unreached why = explainUnreachable(service.locators.front());
+    // Of several, the one that the runtime has taken: the first that is understood here.
+    auto locator = service.locators.begin();
+    Unreached why = explainUnreachable(*locator);
+    while (why.cause == "bad-locator" && std::next(locator) != service.locators.end()) {
+        why = explainUnreachable(*++locator);
+    }
     return {why.cause,
-            fmt::format("{} has registered it at {}: {}", holder(), service.locators.front().toString(), why.text),
+            fmt::format("{} has registered it at {}: {}", holder(), locator->toString(), why.text),
             why.advice,
             {}};
 }
