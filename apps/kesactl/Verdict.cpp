@@ -61,8 +61,10 @@ std::string timeText(const Value& milliseconds)
 
 std::string whoText(const Value& who)
 {
-    return who["pid"].isInteger() ? fmt::format("{} (process {})", who["provider"].toText(), integerOf(who["pid"]))
-                                  : who["provider"].toText();
+    const std::string name = who["provider"].toText();
+    return !who["pid"].isInteger() ? name
+           : name.empty()          ? fmt::format("process {}", integerOf(who["pid"]))
+                                   : fmt::format("{} (process {})", name, integerOf(who["pid"]));
 }
 
 std::string eventText(const Value& event)
