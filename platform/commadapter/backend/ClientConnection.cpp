@@ -44,6 +44,22 @@ std::string ClientConnection::peerName() const
     return m_connector->destination().endpoint.toString();
 }
 
+ConnectionFacts ClientConnection::facts(std::size_t& looks) const
+{
+    ConnectionFacts facts;
+    facts.process = m_connector->destination().endpoint.process;
+    const Lock lock(m_lock);
+    facts.isConnected = isOpen() && m_isGreeted;
+    if (isOpen()) {
+        addFacts(facts, m_openedAt);
+        addOpenRequests(facts, m_streams, looks);
+    }
+    if (!facts.isConnected) {
+        facts.reason = m_connector->lastReason().empty() ? "it has not said hello yet" : m_connector->lastReason();
+    }
+    return facts;
+}
+
 // ---- client objects -----------------------------------------------------------------------------------------------
 
 void ClientConnection::start(const std::shared_ptr<ClientState>& client)
@@ -146,6 +162,8 @@ void ClientConnection::connected(std::unique_ptr<transport::IStream> stream)
 {
     Lock lock(m_lock);
     open(std::move(stream), m_makeHello());
+    m_isGreeted = false;
+    m_openedAt = comm::now();
     for (const auto& client : m_clients) {
         attach(client);
     }
@@ -170,6 +188,7 @@ std::shared_ptr<ClientState> ClientConnection::clientOf(std::uint32_t target) co
 
 void ClientConnection::onHello(const protocol::Hello& peer)
 {
+    m_isGreeted = true;
     KESA_TRACE(CHANNEL, 2, "[connect] '%s' answers as '%s'", peerName().c_str(), peer.process.c_str());
 }
 

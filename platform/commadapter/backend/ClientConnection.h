@@ -57,6 +57,8 @@ public:
     void release(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
 
     // Loop only.
+    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
+    ConnectionFacts facts(std::size_t& looks) const;
     /// Nobody uses it, for now or for good.
     void disconnect();
     /// Ends everything, calling nobody but the handlers of open requests.
@@ -163,7 +165,9 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
-    unsigned m_looks = 0; ///< since the loop stood still, for answers that came meanwhile
+    unsigned m_looks = 0;     ///< since the loop stood still, for answers that came meanwhile
+    bool m_isGreeted = false; ///< the server has said hello
+    comm::TimeNs m_openedAt = 0;
 };
 
 } // namespace kesa::commadapter

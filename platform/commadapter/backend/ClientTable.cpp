@@ -77,6 +77,22 @@ ClientTable::Entries ClientTable::takeAll()
     return std::exchange(m_entries, {});
 }
 
+std::size_t ClientTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks)
+{
+    m_loop->onLoop(__func__);
+    std::vector<std::shared_ptr<ClientConnection>> connections;
+    std::unique_lock lock(m_lock);
+    const std::size_t count = m_entries.size();
+    for (auto entry = m_entries.begin(); entry != m_entries.end() && connections.size() < most; ++entry) {
+        connections.push_back(entry->second.connection);
+    }
+    lock.unlock();
+    for (const auto& connection : connections) {
+        facts.push_back(connection->facts(looks));
+    }
+    return count;
+}
+
 void ClientTable::stop()
 {
     m_loop->onLoop(__func__);

@@ -9,13 +9,18 @@
 #include "backend/IoLoop.h"
 #include "backend/LocalStream.h"
 #include "backend/Locators.h"
+#include "backend/ProcessDescription.h"
+#include "backend/ProcessService.h"
 #include "backend/ServiceTable.h"
 #include "backend/channel.h"
 
+#include <comm/wallClock.h>
 #include <kesa/Path.h>
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
+
+#include <algorithm>
 
 namespace kesa::commadapter {
 
@@ -43,6 +48,7 @@ public:
     KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override;
     void release(IKesaApi* client, bool serviceRemoved) override;
     bool isLocal(const url& locator) override;
+    std::string describe() override;
 
 private:
     std::optional<Place> find(const url& locator) const
@@ -55,14 +61,17 @@ private:
     [[nodiscard]] static bool refuse(const std::string& reason);
     MakeHello makeHello() const;
     OpenLocal makeOpenLocal() const;
+    std::string describeNow() const;
 
     const CommSettings m_settings;
     const TransportFactory m_makeTransports;
     const std::string m_process;
-    obr::UUID m_instance;           ///< of the present start
+    obr::UUID m_instance;           ///< of the present start, as the next one
+    comm::TimeNs m_started = 0;     ///< on the wall clock
     std::shared_ptr<IoLoop> m_loop; ///< null before `start` and after `stop`
     std::optional<Locators> m_locators;
     Transports m_transports; ///< the first one is what `provideOnPath` answers with
+    ProcessService m_ownService{[this] { return describeNow(); }};
     std::shared_ptr<ServiceTable> m_services;
     std::shared_ptr<ClientTable> m_clients;
     std::string m_claimFailure; ///< the last one traced
@@ -74,12 +83,14 @@ void CommBackend::start()
         return;
     }
     m_instance = obr::UUID::generate();
+    m_started = comm::wallClock();
     m_loop = std::make_shared<IoLoop>(m_settings);
     for (auto& transport : m_makeTransports(m_loop->reactor())) {
         m_transports.push_back(std::move(transport));
     }
     m_locators.emplace(m_settings.routes, m_transports);
-    m_services = std::make_shared<ServiceTable>(m_loop, makeHello());
+    m_services = std::make_shared<ServiceTable>(m_loop, makeHello(),
+                                                ProvidedService{std::string(ProcessService::PATH), &m_ownService});
     m_clients = std::make_shared<ClientTable>(m_loop, makeHello(), makeOpenLocal());
 }
 
@@ -205,6 +216,39 @@ bool CommBackend::isLocal(const url& locator)
 {
     const auto place = find(locator);
     return place && isOwnName(place->destination.endpoint) && !claimName(*place->destination.transport);
+}
+
+std::string CommBackend::describe()
+{
+    std::string description;
+    if (m_loop) {
+        m_loop->runAndWait("describe", [this, &description] { description = describeNow(); });
+    }
+    return description;
+}
+
+/// Everything is read where it is kept anyway; nothing is counted for it. Loop only.
+std::string CommBackend::describeNow() const
+{
+    constexpr std::size_t MOST_BYTES = std::size_t{1} << 20U;
+    std::size_t looks = 200'000; // at numbers of requests, in all: half a millisecond
+    ProcessDescription description;
+    description.process = m_process;
+    description.instance = m_instance;
+    description.started = m_started;
+    if (!m_transports.empty()) {
+        const transport::ITransport& transport = *m_transports.front();
+        const auto endpoint = transport.ownEndpoint();
+        description.realm = endpoint ? endpoint->realm : std::string();
+        description.runDirectory = transport.runDirectory();
+    }
+    description.serviceCount = m_services->addPaths(description.services, ProcessDescription::MOST_NAMED);
+    auto& connections = description.connections;
+    description.connectionCount = m_clients->addFacts(connections, ProcessDescription::MOST_NAMED, looks);
+    description.connectionCount +=
+        m_services->addFacts(connections, ProcessDescription::MOST_NAMED - connections.size(), looks);
+    description.queuedBytes = m_loop->queued().all;
+    return description.toJson(std::min<std::size_t>(MOST_BYTES, m_settings.maxMessageBytes / 2));
 }
 
 /// Says what is known of this process when a connection begins.

@@ -21,6 +21,8 @@
 
 #include "backend/channel.h"
 
+#include <comm/wallClock.h>
+
 #include <algorithm>
 #include <array>
 
@@ -380,6 +382,18 @@ bool Connection::isStuck(comm::TimeNs now) const
 {
     const bool isClient = m_role == protocol::Machine::Role::eCLIENT;
     return m_isBlocked && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
+}
+
+void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
+{
+    m_loop->onLoop(__func__);
+    const transport::PeerIdentity& identity = m_stream->peer();
+    facts.pid = identity.pid;
+    facts.uid = identity.uid;
+    facts.since = comm::wallClock() - (comm::now() - openedAt);
+    facts.queuedBytes = m_machine->queuedBytes();
+    facts.unreadBytes = m_stream->unread();
+    facts.isHeld = m_machine->isHeld();
 }
 
 // ---- liveness -----------------------------------------------------------------------------------------------------

@@ -1,6 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_H
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_H
 
+#include "backend/ConnectionFacts.h"
 #include "backend/IoLoop.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
@@ -80,6 +81,8 @@ protected:
     /// Loop only, while open.
     const transport::PeerIdentity& peer() const noexcept { return m_stream->peer(); }
     IoLoop& loop() const noexcept { return *m_loop; }
+    /// Fills in what both sides know of an open connection; `openedAt` by `comm::now`. Lock held, loop only.
+    void addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const;
 
     /// The stream has ended; the lock is not held. Loop only.
     virtual void onClosed(const std::string& reason) = 0;

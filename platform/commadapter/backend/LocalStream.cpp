@@ -159,6 +159,11 @@ public:
         m_link->notify(1 - m_side);
     }
 
+    std::size_t unread() const override
+    {
+        const std::lock_guard lock(m_link->lock);
+        return m_link->ends[m_side].unread();
+    }
     const transport::PeerIdentity& peer() const noexcept override { return m_peer; }
     const std::string& reason() const noexcept override { return m_reason; }
 

@@ -94,6 +94,7 @@ void ServerConnection::begin(std::unique_ptr<transport::IStream> stream, const p
     {
         const Lock lock(m_lock);
         open(std::move(stream), own);
+        m_openedAt = comm::now();
         m_context.realm = own.realm; // who reaches a socket is of its realm
     }
     Connection::begin();
@@ -103,6 +104,20 @@ void ServerConnection::end()
 {
     flush();
     lose("shutting down");
+}
+
+ConnectionFacts ServerConnection::facts(std::size_t& looks) const
+{
+    ConnectionFacts facts;
+    facts.isByPeer = true;
+    facts.isConnected = m_context.peer != nullptr;
+    facts.process = m_context.process;
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        addFacts(facts, m_openedAt);
+        addOpenRequests(facts, m_streams, looks);
+    }
+    return facts;
 }
 
 std::string ServerConnection::peerName() const

@@ -33,6 +33,8 @@ public:
     void provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service);
     /// Ends the requests of `target` and tells the client.
     void withdrawn(std::uint32_t target, const ProvidedService& service);
+    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
+    ConnectionFacts facts(std::size_t& looks) const;
     // See `IPeer`; in ServerConnection_peer.cpp.
     void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer);
     void whenDrained(std::function<void()> task);
@@ -127,6 +129,7 @@ private:
     RequestContext m_context;
     std::vector<Asker> m_askers; ///< who came after a ping had gone out waits for the next one
     std::uint64_t m_lastAsker = 0;
+    comm::TimeNs m_openedAt = 0;
 };
 
 } // namespace kesa::commadapter

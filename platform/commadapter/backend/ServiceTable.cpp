@@ -2,10 +2,12 @@
 
 #include "backend/ServerConnection.h"
 
+#include <algorithm>
+
 namespace kesa::commadapter {
 
-ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello)
-    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello))
+ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own)
+    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello)), m_own(std::make_shared<ProvidedService>(own))
 {}
 
 ServiceTable::~ServiceTable() = default;
@@ -33,7 +35,12 @@ void ServiceTable::withdraw(const std::string& path)
     const auto node = m_services.extract(path);
     lock.unlock();
     if (!node.empty()) {
-        m_loop->runAndWait(path, [this, service = node.mapped()] { withdrawNow(service); });
+        m_loop->runAndWait(path, [this, service = node.mapped()] {
+            withdrawNow(service);
+            if (const auto next = find(service->path)) { // the own one
+                announce(next);
+            }
+        });
     }
 }
 
@@ -45,6 +52,9 @@ void ServiceTable::announce(const std::shared_ptr<ProvidedService>& service)
         return;
     }
     for (const Interest& interest : found->second) {
+        if (service != m_own) {
+            interest.connection->withdrawn(interest.target, *m_own);
+        }
         interest.connection->provided(interest.target, service);
     }
 }
@@ -117,7 +127,31 @@ std::shared_ptr<ProvidedService> ServiceTable::find(const std::string& path) con
 {
     const std::lock_guard lock(m_lock);
     const auto found = m_services.find(path);
-    return found == m_services.end() ? nullptr : found->second;
+    if (found != m_services.end()) {
+        return found->second;
+    }
+    return path == m_own->path ? m_own : nullptr;
+}
+
+std::size_t ServiceTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const
+{
+    m_loop->onLoop(__func__);
+    for (auto connection = m_connections.begin(); connection != m_connections.end() && most > 0; ++connection, --most) {
+        facts.push_back((*connection)->facts(looks));
+    }
+    return m_connections.size();
+}
+
+std::size_t ServiceTable::addPaths(std::vector<std::string>& paths, std::size_t most) const
+{
+    std::unique_lock lock(m_lock);
+    const std::size_t count = m_services.size();
+    for (auto service = m_services.begin(); service != m_services.end() && paths.size() < most; ++service) {
+        paths.push_back(service->first);
+    }
+    lock.unlock();
+    std::sort(paths.begin(), paths.end());
+    return count;
 }
 
 void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)

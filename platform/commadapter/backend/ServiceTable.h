@@ -11,6 +11,7 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <vector>
 
 namespace kesa::commadapter {
 
@@ -35,7 +36,9 @@ struct ProvidedService {
 /// that nobody provides yet. Loop only, unless said otherwise.
 class ServiceTable : public std::enable_shared_from_this<ServiceTable> {
 public:
-    ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello);
+    /// `own` is what is found under its path while the process provides nothing there; it stays until the loop has
+    /// ended.
+    ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own);
     ~ServiceTable();
 
     /// True when the path is taken. The clients that wait for it are told. Any thread.
@@ -46,6 +49,10 @@ public:
 
     /// A client has connected. `scheme` is how it came, "local" for one of this process.
     void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme);
+    /// Of the first `most` connections; answers how many there are.
+    std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const;
+    /// Up to `most` of the paths that the process provides, in order; answers how many it does. Any thread.
+    std::size_t addPaths(std::vector<std::string>& paths, std::size_t most) const;
     /// Withdraws everything and ends all connections.
     void stop();
     /// After the loop's end, any thread: drops what a loop that was killed has left.
@@ -64,6 +71,7 @@ private:
 
     const std::shared_ptr<IoLoop> m_loop;
     const MakeHello m_makeHello;
+    const std::shared_ptr<ProvidedService> m_own;
     mutable std::mutex m_lock;
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.

@@ -1,6 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_STREAMTABLE_H
 #define KESA_COMMADAPTER_BACKEND_STREAMTABLE_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -71,6 +72,12 @@ public:
         m_free.push_back(stream);
     }
 
+    /// How many numbers are in use: a look at all that ever were.
+    std::size_t countTaken() const noexcept
+    {
+        return static_cast<std::size_t>(
+            std::count_if(m_entries.begin(), m_entries.end(), [](const Entry& entry) { return entry.isTaken; }));
+    }
     /// The highest number that was ever in use.
     std::uint32_t highest() const noexcept { return static_cast<std::uint32_t>(m_entries.size()); }
 

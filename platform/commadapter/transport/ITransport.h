@@ -77,6 +77,8 @@ public:
     /// Ends the stream and frees the descriptor. With the owner's output lock held, so that nobody writes meanwhile.
     virtual void close() = 0;
 
+    /// Bytes that the peer has written and nobody has read yet. Loop only.
+    virtual std::size_t unread() const = 0;
     /// Known once the first bytes have been read.
     virtual const PeerIdentity& peer() const noexcept = 0;
     virtual const std::string& reason() const noexcept = 0;
@@ -87,6 +89,8 @@ class ITransport {
 public:
     virtual ~ITransport() = default;
     virtual std::string scheme() const = 0;
+    /// Where the processes of this realm find each other; empty when that is no directory.
+    virtual std::string runDirectory() const = 0;
 
     using Accept = util::UniqueFunction<void(std::unique_ptr<IStream>)>;
     /// Claims the name of a process and listens under it; `accept` is called on the loop, for each client. True on

@@ -128,6 +128,12 @@ IStream::Result IpcStream::read(std::span<unsigned char> into, std::size_t& size
     return received == 0 ? end("the peer closed the connection") : fail(errno);
 }
 
+std::size_t IpcStream::unread() const
+{
+    int bytes = 0;
+    return ::ioctl(m_socket.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
+}
+
 /// The kernel attaches the writer's credentials to the bytes.
 ssize_t IpcStream::receiveFirst(std::span<unsigned char> into)
 {
@@ -232,10 +238,7 @@ void IpcStream::onPeerEnded()
     m_timer = 0;
     if (!m_hasPeerEnded) {
         m_hasPeerEnded = true;
-        int unread = 0;
-        if (::ioctl(m_socket.get(), FIONREAD, &unread) == 0) {
-            m_owed = static_cast<std::size_t>(unread);
-        }
+        m_owed = unread();
     }
     if (m_owed > 0 && m_isReading) {
         if (m_pidfdWatch == 0) {

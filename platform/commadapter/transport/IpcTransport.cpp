@@ -77,6 +77,7 @@ public:
     IpcTransport& operator=(const IpcTransport&) = delete;
 
     std::string scheme() const override { return "ipc"; }
+    std::string runDirectory() const override { return m_runDirectory.path(); }
     bool listen(const std::string& process, Accept accept, std::string& why) override;
     std::optional<Endpoint> ownEndpoint() const override
     {

@@ -197,6 +197,11 @@ public:
         closeEnd(m_streams, m_link, m_side, "the peer closed the connection");
     }
 
+    std::size_t unread() const override
+    {
+        const std::lock_guard lock(m_streams->lock);
+        return m_link->ends[m_side].unread;
+    }
     const PeerIdentity& peer() const noexcept override { return m_peer; }
     const std::string& reason() const noexcept override { return m_link->ends[m_side].reason; }
 

@@ -112,6 +112,7 @@ public:
     MemoryTransport& operator=(const MemoryTransport&) = delete;
 
     std::string scheme() const override { return "ipc"; }
+    std::string runDirectory() const override { return {}; }
     bool listen(const std::string& process, Accept accept, std::string& why) override;
     std::optional<Endpoint> ownEndpoint() const override;
     std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }

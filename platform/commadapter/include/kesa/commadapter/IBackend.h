@@ -46,6 +46,9 @@ public:
     virtual void release(IKesaApi* client, bool serviceRemoved) = 0;
     /// The locator addresses this very process through this backend.
     virtual bool isLocal(const url& locator) = 0;
+    /// What this process is and whom it talks to, as JSON: docs/protocol.md, "What a process says of itself". Waits for
+    /// the I/O loop; empty before `start` and after `stop`, and where a backend does not say.
+    virtual std::string describe() { return {}; }
 };
 
 } // namespace kesa::commadapter

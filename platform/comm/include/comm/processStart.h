@@ -1,0 +1,16 @@
+#ifndef COMM_PROCESSSTART_H
+#define COMM_PROCESSSTART_H
+
+#include <comm/Clock.h>
+
+#include <sys/types.h>
+
+namespace comm {
+
+/// When a process of this machine began, as `wallClock` would have told then if it was not set since; 0 when that
+/// cannot be known. The kernel keeps it in hundredths of a second. Reads a file of /proc; any thread.
+KESA_API TimeNs processStart(pid_t pid);
+
+} // namespace comm
+
+#endif

@@ -1,0 +1,41 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTIONFACTS_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTIONFACTS_H
+
+#include <comm/Clock.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace kesa::commadapter {
+
+/// A connection as it is at the moment of a question.
+struct ConnectionFacts {
+    bool isByPeer = false;    ///< the peer has opened it, and asks; else this process has, and asks
+    bool isConnected = false; ///< the peer has said hello
+    std::string process;      ///< as the peer says, or as the locator does; empty while unknown
+    std::int64_t pid = -1;    ///< -1 while unknown, like the next one
+    std::int64_t uid = -1;
+    comm::TimeNs since = 0;                      ///< on the wall clock; 0 while there is none
+    std::optional<std::size_t> openRequests = 0; ///< whose end has not been sent, or has not come; none: not counted
+    std::size_t queuedBytes = 0;                 ///< to the peer, still in this process
+    std::size_t unreadBytes = 0;                 ///< of the peer, arrived and not read
+    bool isHeld = false;                         ///< it is not read, since its peer does not take its answers
+    std::string reason;                          ///< why it is not connected
+};
+
+/// Counts the requests of a table of streams, unless that would be more than `looks`, of which it takes its part.
+template <class Streams>
+void addOpenRequests(ConnectionFacts& facts, const Streams& streams, std::size_t& looks)
+{
+    facts.openRequests.reset();
+    if (streams.highest() <= looks) {
+        looks -= streams.highest();
+        facts.openRequests = streams.countTaken();
+    }
+}
+
+} // namespace kesa::commadapter
+
+#endif
