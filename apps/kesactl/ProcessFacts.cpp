@@ -1,5 +1,7 @@
 #include "ProcessFacts.h"
 
+#include <comm/processStart.h>
+
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
@@ -61,8 +63,11 @@ ProcessFacts::ProcessFacts(pid_t pid)
         return; // it has ended, and nobody has asked how
     }
     isThere = true;
-    user = userName(status.st_uid);
-    isStopped = !state.empty() && (state.front() == 'T' || state.front() == 't');
+    started = comm::processStart(pid);
+    uid = status.st_uid;
+    user = userName(uid);
+    isTraced = !state.empty() && state.front() == 't';
+    isStopped = isTraced || (!state.empty() && state.front() == 'T');
     std::error_code unknown;
     executable = std::filesystem::read_symlink(folder + "/exe", unknown).string();
     if (unknown) {

@@ -1,6 +1,8 @@
 #ifndef KESACTL_PROCESSFACTS_H
 #define KESACTL_PROCESSFACTS_H
 
+#include <comm/Clock.h>
+
 #include <sys/types.h>
 
 #include <string>
@@ -12,8 +14,11 @@ struct ProcessFacts {
     explicit ProcessFacts(pid_t pid);
 
     bool isThere = false;
-    bool isStopped = false;  ///< by a signal or a debugger
-    bool isReplaced = false; ///< its program or one of Kesa's libraries was replaced since it started
+    bool isStopped = false;   ///< by a signal or a debugger
+    bool isTraced = false;    ///< by a debugger
+    bool isReplaced = false;  ///< its program or one of Kesa's libraries was replaced since it started
+    comm::TimeNs started = 0; ///< on the wall clock
+    uid_t uid = 0;
     std::string user;
     std::string executable; ///< its path, else its name
     std::string library;    ///< "libkesa_runtime.so.0.1.0"; empty for a program that has it built in

@@ -16,6 +16,8 @@ void addWatch(CLI::App& app);
 void addWait(CLI::App& app);
 void addCall(CLI::App& app);
 void addPing(CLI::App& app);
+void addPs(CLI::App& app);
+void addStatus(CLI::App& app);
 void addHelp(CLI::App& app);
 void addWhy(CLI::App& app, int& exitCode); ///< it sets `exitCode` to 0 when the service works, else to 1
 

@@ -5,6 +5,9 @@
 #include <CLI/CLI.hpp>
 #include <util/nearestName.h>
 
+#include <algorithm>
+#include <vector>
+
 namespace kesactl {
 namespace {
 
@@ -17,6 +20,20 @@ std::vector<std::string_view> commandNames(const CLI::App& app)
     return names;
 }
 
+/// The command that is written as `name` with letters left out, as "list" is "ls" before that is a mistyped "ps".
+std::string_view findShortened(const std::string& name, const std::vector<std::string_view>& commands)
+{
+    const auto isShort = [&name](std::string_view command) {
+        std::size_t next = 0;
+        for (const char c : command) {
+            next += next < name.size() && name[next] == c ? 1U : 0U;
+        }
+        return next == name.size() && name.size() > 1 && command.front() == name.front();
+    };
+    const auto found = std::find_if(commands.begin(), commands.end(), isShort);
+    return found == commands.end() ? std::string_view() : *found;
+}
+
 } // namespace
 
 const CLI::App& findCommand(const CLI::App& app, const std::string& name)
@@ -26,7 +43,9 @@ const CLI::App& findCommand(const CLI::App& app, const std::string& name)
             return *command;
         }
     }
-    const std::string_view meant = util::nearestName(name, commandNames(app));
+    const std::vector<std::string_view> names = commandNames(app);
+    const std::string_view shortened = findShortened(name, names);
+    const std::string_view meant = shortened.empty() ? util::nearestName(name, names) : shortened;
     throw Failure{ExitCode::eUSAGE,
                   "unknown command '" + name + "'; " +
                       (meant.empty() ? "kesactl help names all" : "did you mean '" + std::string(meant) + "'?")};

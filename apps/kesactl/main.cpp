@@ -23,6 +23,8 @@ const char* const FOOTER = R"(Examples:
   kesactl call /system/cpu --follow                its values, until it ends
   kesactl call /media/player /volume --command update --body '{"percent":30}'
   kesactl ping /media/player                       how long a request takes
+  kesactl ps                                       which processes are here
+  kesactl status media                             what one of them is, provides and is connected to
   kesactl list --json | jq -r .path
   kesactl check-config                             what a process started here would read
   kesactl check-config kesa.json --process media   a document, as the process "media" reads it
@@ -73,6 +75,8 @@ int run(int argc, char** argv)
     kesactl::addWait(app);
     kesactl::addCall(app);
     kesactl::addPing(app);
+    kesactl::addPs(app);
+    kesactl::addStatus(app);
     kesactl::addCheckConfig(app, exitCode);
     kesactl::addDoctor(app, exitCode);
     kesactl::addWhy(app, exitCode);

@@ -71,6 +71,9 @@ _kesactl() {
       mapfile -t words < <("$program" show "$path" --resources --json --timeout 1 2>/dev/null |
         sed -n 's/^{"resource":"\([^"\\{*]*\)".*/\1/p' | uniq)
       ;;
+    *PROCESS*)
+      mapfile -t words < <("$program" ps --timeout 1 2>/dev/null | sed -n '1d;s/ .*//p')
+      ;;
     COMMAND=*)
       words=(retrieve insert update delete)
       ;;

@@ -1,0 +1,219 @@
+#include "ProcessReport.h"
+
+#include "askProcesses.h"
+
+#include <backend/readCommSettings.h>
+#include <comm/wallClock.h>
+#include <transport/RunDirectory.h>
+#include <util/config/Dictionary.h>
+
+#include <fmt/chrono.h>
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <ctime>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+using util::config::Dictionary;
+using util::config::Value;
+using Name = RunDirectoryFacts::Name;
+
+/// Somebody has the name, or answers under it.
+bool isThere(const Name& name)
+{
+    return name.holder != 0 || (name.hasSocket && (name.connectError == 0 || name.connectError == EACCES));
+}
+
+void explain(ProcessReport& report, ExitCode exitCode, std::string_view note, std::string_view advice)
+{
+    report.exitCode = exitCode;
+    report.note = note;
+    report.advice = report.pid == 0 ? fmt::format("{} {}", report.name, advice)
+                                    : fmt::format("{} ({}) {}", report.name, report.pid, advice);
+}
+
+void explainStopped(ProcessReport& report)
+{
+    explain(report, ExitCode::eTIMED_OUT, "stopped",
+            report.facts.isTraced
+                ? "does not answer; it is stopped by its debugger; go on there"
+                : fmt::format("does not answer; it is stopped (SIGSTOP); continue it with kill -CONT {}", report.pid));
+}
+
+/// What is known without asking.
+ProcessReport reportOf(const Name& name, const std::string& directory)
+{
+    ProcessReport report{name.name, name.holder, ProcessFacts(name.holder), {}, {}, {}};
+    if (report.facts.isStopped) {
+        explainStopped(report);
+    } else if (!name.hasSocket) {
+        explain(
+            report, ExitCode::eFAILED, "no socket",
+            "has its name, but its socket was removed, so nobody can reach it; restart it, and keep cleaners out of "
+            "the run directory");
+    } else if (name.connectError == EACCES) {
+        explain(report, ExitCode::eFAILED, "not allowed",
+                fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); join the group, or set "
+                            "\"socket_group\" and \"socket_mode\" of that process",
+                            directory, name.name, name.rights));
+    }
+    return report;
+}
+
+void add(ProcessReport& report, const Said& said)
+{
+    report.answer = said.answer;
+    if (said.answer.isDefined()) {
+        return;
+    }
+    report.facts = ProcessFacts(report.pid); // it may have been stopped meanwhile
+    if (report.facts.isStopped) {
+        explainStopped(report);
+    } else if (said.whyNot == Said::WhyNot::eOTHER_VERSION) {
+        explain(report, ExitCode::eFAILED, "other version",
+                fmt::format("cannot be asked: {}; use one version of Kesa for both", said.reason));
+    } else if (said.whyNot == Said::WhyNot::eDOES_NOT_SAY) {
+        explain(report, ExitCode::eFAILED, "does not say",
+                fmt::format("cannot be asked: {}; it may be of an earlier version, or no program of this library",
+                            said.reason));
+    } else {
+        explain(
+            report, ExitCode::eTIMED_OUT, "does not answer",
+            fmt::format("does not answer: {}; it is just starting or ending, or busy: a handler that blocks keeps it "
+                        "from answering",
+                        said.reason));
+    }
+}
+
+std::string textOf(const Value& value)
+{
+    return value.isDefined() ? value.toText() : "-";
+}
+
+std::string orNothing(const std::string& text)
+{
+    return text.empty() ? "-" : text;
+}
+
+} // namespace
+
+std::string ProcessReport::processId() const
+{
+    return pid != 0 ? std::to_string(pid) : textOf(answer["pid"]);
+}
+
+std::string ProcessReport::user() const
+{
+    unsigned uid = 0;
+    return facts.isThere ? facts.user : answer["uid"].get(uid) ? "-" : userName(uid);
+}
+
+std::string ProcessReport::executable() const
+{
+    return orNothing(facts.isThere ? facts.executable : std::string(answer["executable"].stringView()));
+}
+
+comm::TimeNs ProcessReport::started() const
+{
+    std::int64_t milliseconds = 0;
+    const bool isUnknown = answer["started"].get(milliseconds);
+    return facts.isThere || isUnknown ? facts.started : milliseconds * comm::MILLISECOND;
+}
+
+std::string ProcessReport::version() const
+{
+    const std::string said(answer["version"].stringView());
+    return orNothing(said + (said.empty() || facts.library.empty() ? "" : ", ") + facts.library);
+}
+
+std::string ProcessReport::number(std::string_view member) const
+{
+    return textOf(answer[member]);
+}
+
+std::string ProcessReport::asJson() const
+{
+    Dictionary all = answer.dictionary();
+    if (!answer.isDefined()) {
+        all.set("process", name);
+        all.set("note", note);
+        all.set("advice", advice);
+        if (facts.isThere) {
+            all.set("pid", pid);
+            all.set("uid", facts.uid);
+            all.set("executable", facts.executable);
+            all.set("started", facts.started / comm::MILLISECOND);
+        }
+    }
+    all.set("user", user());
+    return Value(std::move(all)).toText();
+}
+
+RunDirectoryFacts findRunDirectory()
+{
+    std::vector<std::string> complaints; // check-config has them
+    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(complaints).runDir);
+    RunDirectoryFacts facts(place.path());
+    if (facts.error != 0) {
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("no process is here: the run directory {} ({}) cannot be looked at: {}; kesactl "
+                                  "doctor looks for others",
+                                  facts.path, place.source(), std::system_category().message(facts.error))};
+    }
+    std::erase_if(facts.names, [](const Name& name) { return !isThere(name); });
+    if (facts.names.empty()) {
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("no process has a name in the run directory {} ({}); one that provides nothing needs "
+                                  "none; kesactl doctor looks for other directories",
+                                  facts.path, place.source())};
+    }
+    return facts;
+}
+
+std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
+                                           comm::TimeNs deadline)
+{
+    std::vector<ProcessReport> reports;
+    std::vector<std::string> asked;
+    for (const Name& name : directory.names) {
+        if (only.empty() || only == name.name) {
+            reports.push_back(reportOf(name, directory.path));
+            if (reports.back().note.empty()) {
+                asked.push_back(name.name);
+            }
+        }
+    }
+    if (!asked.empty()) {
+        const auto said = askProcesses(asked, deadline);
+        for (ProcessReport& report : reports) {
+            if (report.note.empty()) {
+                add(report, said.at(report.name));
+            }
+        }
+    }
+    return reports;
+}
+
+std::string asLocalTime(comm::TimeNs time, bool isShort)
+{
+    const auto partsOf = [](comm::TimeNs when) {
+        const std::time_t seconds = when / comm::SECOND;
+        std::tm parts{};
+        ::localtime_r(&seconds, &parts);
+        return parts;
+    };
+    if (time == 0) {
+        return "-";
+    }
+    const std::tm parts = partsOf(time);
+    if (!isShort) {
+        return fmt::format("{:%F %T}", parts);
+    }
+    const bool isToday = fmt::format("{:%F}", parts) == fmt::format("{:%F}", partsOf(comm::wallClock()));
+    return isToday ? fmt::format("{:%T}", parts) : fmt::format("{:%F}", parts);
+}
+
+} // namespace kesactl

@@ -1,0 +1,54 @@
+#ifndef KESACTL_PROCESSREPORT_H
+#define KESACTL_PROCESSREPORT_H
+
+#include "Failure.h"
+#include "ProcessFacts.h"
+#include "RunDirectoryFacts.h"
+
+#include <comm/Clock.h>
+#include <util/config/Value.h>
+
+#include <sys/types.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesactl {
+
+/// A process that has a name in the run directory: what the kernel knows of it, and what it says itself.
+struct ProcessReport {
+    std::string name;           ///< as in locators
+    pid_t pid = 0;              ///< 0: of another container, so the kernel tells nothing
+    ProcessFacts facts;         ///< of `pid`
+    util::config::Value answer; ///< as in docs/protocol.md; undefined when it has not answered
+    /// Why not: "stopped", "does not answer", "other version", "does not say", "not allowed", "no socket".
+    std::string note;
+    std::string advice; ///< the same in a sentence, with what to do; begins with the process
+    ExitCode exitCode = ExitCode::eOK;
+
+    std::string processId() const; ///< "-" when unknown, as the next ones
+    std::string user() const;
+    std::string executable() const;
+    comm::TimeNs started() const; ///< on the wall clock; 0 when unknown
+    std::string version() const;  ///< of the library, and its file
+    /// Of the answer, a number; "-" without one.
+    std::string number(std::string_view member) const;
+    /// The answer, else what the kernel knows with "note" and "advice"; both with "user". One line without its end.
+    std::string asJson() const;
+};
+
+/// The run directory that counts for this process. A `Failure` when there is none, or when nobody is in it.
+RunDirectoryFacts findRunDirectory();
+
+/// Of the processes that are there, in order of their names; all are asked at once. `only`: one of them, by its name as
+/// in locators; empty: all. Those that cannot answer are not waited for.
+std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
+                                           comm::TimeNs deadline);
+
+/// Of this place; "-" for 0. Short for tables: "18:03:11" of today, "2026-11-25" of another day; else both.
+std::string asLocalTime(comm::TimeNs time, bool isShort = false);
+
+} // namespace kesactl
+
+#endif

@@ -1,0 +1,161 @@
+// status: one page of one process, for a person.
+#include "ProcessReport.h"
+#include "commands.h"
+#include "options.h"
+#include "output.h"
+
+#include <CLI/CLI.hpp>
+#include <transport/Authority.h>
+#include <util/nearestName.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace kesactl {
+namespace {
+
+using util::config::Value;
+using Name = RunDirectoryFacts::Name;
+using Rows = std::vector<std::vector<std::string>>;
+
+struct Arguments {
+    std::string process;
+    CommonOptions common;
+};
+
+/// By its name, or by its number where no name is like that. Answers the name as in locators.
+std::string findProcess(const RunDirectoryFacts& directory, const std::string& wanted)
+{
+    const std::string encoded = kesa::commadapter::transport::encodeProcessName(wanted);
+    std::vector<std::string_view> known;
+    for (const Name& name : directory.names) {
+        if (name.name == wanted || name.name == encoded) {
+            return name.name;
+        }
+        known.emplace_back(name.name);
+    }
+    for (const Name& name : directory.names) {
+        if (name.holder != 0 && std::to_string(name.holder) == wanted) {
+            return name.name;
+        }
+    }
+    const std::string_view meant = util::nearestName(wanted, known);
+    throw Failure{ExitCode::eFAILED, fmt::format("no process '{}' in {}; {}", wanted, directory.path,
+                                                 meant.empty() ? "kesactl ps lists those that are there"
+                                                               : fmt::format("did you mean '{}'?", meant))};
+}
+
+void addLine(std::string& page, std::string_view name, std::string_view value)
+{
+    page += fmt::format("{:<14} {}\n", name, value);
+}
+
+/// "3", or "1200, of which 1000 follow".
+std::string countOf(const ProcessReport& report, std::string_view counted, std::string_view named)
+{
+    const std::string count = report.number(counted);
+    const std::string shown = std::to_string(report.answer[named].arraySize());
+    return count == shown ? count : fmt::format("{}, of which {} follow", count, shown);
+}
+
+/// A peer calls itself what it likes; a terminal shows it as locators do.
+std::string nameOf(const Value& connection)
+{
+    const std::string_view name = connection["process"].stringView();
+    return name.empty() ? "-" : kesa::commadapter::transport::encodeProcessName(name);
+}
+
+std::string stateOf(const Value& connection)
+{
+    if (connection["connected"] == Value(true)) {
+        return connection["held"] == Value(true)
+                   ? fmt::format("does not take its answers; {} bytes of it wait", connection["unreadBytes"].toText())
+                   : "connected";
+    }
+    std::string reason(connection["reason"].stringView());
+    std::replace_if(
+        reason.begin(), reason.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return fmt::format("not connected{}{}", reason.empty() ? "" : ": ", reason);
+}
+
+std::vector<std::string> rowOf(const Value& connection, const std::string& process)
+{
+    const auto text = [&connection](const char* member) {
+        const Value& value = connection[member];
+        return value.isDefined() ? value.toText() : std::string("-");
+    };
+    unsigned uid = 0;
+    std::int64_t since = 0;
+    const bool hasUser = !connection["uid"].get(uid);
+    const bool hasTime = !connection["since"].get(since);
+    return {nameOf(connection),
+            text("pid"),
+            hasUser ? userName(uid) : "-",
+            connection["openedBy"].stringView() == "peer" ? nameOf(connection) : process,
+            hasTime ? asLocalTime(since * comm::MILLISECOND, true) : "-",
+            text("openRequests"),
+            text("queuedBytes"),
+            stateOf(connection)};
+}
+
+void addAnswer(std::string& page, const ProcessReport& report)
+{
+    const Value& answer = report.answer;
+    addLine(page, "run directory",
+            fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
+    addLine(page, "instance", answer["instance"].toText());
+    addLine(page, "queued", report.number("queuedBytes") + " bytes");
+    addLine(page, "services", countOf(report, "serviceCount", "services"));
+    for (const Value& path : answer["services"].items()) {
+        page += "  " + path.toText() + '\n';
+    }
+    addLine(page, "connections", countOf(report, "connectionCount", "connections"));
+    Rows rows = {{"  PEER", "PID", "USER", "OPENED BY", "SINCE", "REQUESTS", "QUEUED", "STATE"}};
+    for (const Value& connection : answer["connections"].items()) {
+        rows.push_back(rowOf(connection, report.name));
+        rows.back().front().insert(0, "  ");
+    }
+    page += rows.size() > 1 ? aligned(rows) : "";
+}
+
+std::string pageOf(const ProcessReport& report)
+{
+    std::string page;
+    addLine(page, "process", report.name);
+    addLine(page, "pid", report.processId());
+    addLine(page, "user", report.user());
+    addLine(page, "executable",
+            report.executable() + (report.facts.isReplaced ? ", replaced since it started; restart it" : ""));
+    addLine(page, "library", report.version());
+    addLine(page, "since", asLocalTime(report.started()));
+    if (report.answer.isDefined()) {
+        addAnswer(page, report);
+    }
+    return page;
+}
+
+void printStatus(const Arguments& arguments)
+{
+    const RunDirectoryFacts directory = findRunDirectory();
+    const std::string name = findProcess(directory, arguments.process);
+    const ProcessReport report = lookAtProcesses(directory, name, arguments.common.deadline()).front();
+    print(arguments.common.isJson ? report.asJson() + '\n' : fitted(pageOf(report)));
+    if (!report.note.empty()) {
+        throw Failure{report.exitCode, report.advice};
+    }
+}
+
+} // namespace
+
+void addStatus(CLI::App& app)
+{
+    auto arguments = std::make_shared<Arguments>();
+    CLI::App* const command = app.add_subcommand(
+        "status", "Shows what a process is, what it provides and whom it is connected to; needs no registry.");
+    command->add_option("PROCESS", arguments->process, "Its name, or its process id.")->required()->type_name("");
+    addCommonOptions(*command, arguments->common, "How long it may take to answer.");
+    command->callback([arguments] { printStatus(*arguments); });
+}
+
+} // namespace kesactl
