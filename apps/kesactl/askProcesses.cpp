@@ -6,6 +6,7 @@
 #include <kesa/commadapter/createBackend.h>
 #include <kesa/ease/handler.h>
 #include <obr/ErrorStorage.h>
+#include <protocol/Machine.h>
 #include <tracing/Sink.h>
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
@@ -145,7 +146,7 @@ Said explain(const Question& question, const std::string& name, const Value& own
             return question.isAttached() ? Said{{}, WhyNot::eSILENT, "it has not answered in time"}
                                          : Said{{}, WhyNot::eDOES_NOT_SAY, "it does not say what it is"};
         }
-        const bool isOtherVersion = reason.find("protocol version") != std::string::npos;
+        const bool isOtherVersion = reason.find(kesa::commadapter::protocol::NO_COMMON_VERSION) != std::string::npos;
         return {{}, isOtherVersion ? WhyNot::eOTHER_VERSION : WhyNot::eSILENT, reason};
     }
     return {{}, WhyNot::eSILENT, "it was not connected to"};
