@@ -8,6 +8,8 @@
 
 #include "backend/ClientConnection.h"
 
+#include "backend/channel.h"
+
 #include <chrono>
 
 namespace kesa::commadapter {
@@ -104,7 +106,10 @@ bool ClientConnection::looksAgain(comm::TimeNs now, bool stoodStill)
     if (m_looks == 0 ? !stoodStill : now - machine().lastReceived() >= QUIET) {
         return false;
     }
-    ++m_looks;
+    if (++m_looks == 1) {
+        KESA_TRACE(CHANNEL, 1, "[looksAgain] '%s': this process stood still, what was answered meanwhile counts",
+                   peerName().c_str());
+    }
     return true;
 }
 

@@ -302,6 +302,8 @@ void Connection::hold()
     if (m_role == protocol::Machine::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->isHeld() &&
         m_machine->queuedBytes() >= holdBound()) {
         m_machine->hold();
+        KESA_TRACE(CHANNEL, 1, "[hold] '%s' does not take its answers: %zu bytes are queued, its requests wait",
+                   peerName().c_str(), m_machine->queuedBytes());
     }
 }
 
@@ -312,6 +314,7 @@ void Connection::endHold()
         return;
     }
     m_machine->release();
+    KESA_TRACE(CHANNEL, 1, "[endHold] '%s' is read again", peerName().c_str());
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
             self->readBatch();
