@@ -38,7 +38,9 @@ std::vector<std::string> Run::run()
     for (unsigned step = 0; step < m_options.steps && !m_world.verdict().failed(); ++step) {
         act();
     }
-    m_world.network().setFaults({});
+    commadapter::transport::MemoryNetwork::Faults none;
+    none.pipeBytes = m_pipeBytes;
+    m_world.network().setFaults(none);
     for (auto& process : m_world.processes()) {
         m_world.resume(*process);
         if (!process->runtime) {
@@ -46,6 +48,9 @@ std::vector<std::string> Run::run()
         }
     }
     m_world.settle();
+    if (m_isCrowded && !m_hasFragments && !m_world.verdict().failed()) {
+        checkHolds();
+    }
     m_world.disposeAll();
     m_world.endAll();
     return m_world.verdict().failures();
@@ -72,11 +77,16 @@ void Run::drawFaults()
         faults.pipeBytes = 4096U << draw(4);
         commadapter::CommSettings settings;
         settings.sendQueueBytes = 128U << 10U;
-        m_world.setBackendSettings(settings);
+        m_world.setBackendSettings(settings, settings);
+    } else if (oneIn(m_options.crowds)) {
+        m_isCrowded = true;
+        faults.pipeBytes = 4096U << draw(3);
+        m_world.setBackendSettings(crowdSettings(faults.pipeBytes), {});
     }
     if (m_options.threads) {
         faults = {};
     }
+    m_pipeBytes = faults.pipeBytes;
     m_world.network().setFaults(faults);
     m_world.refuseSome(oneIn(4));
 }
@@ -134,6 +144,10 @@ void Run::actWhileStopped(Process& process)
 
 void Run::actOf(Process& process)
 {
+    if (m_isCrowded && oneIn(10)) {
+        crowd(process);
+        return;
+    }
     const std::uint64_t choice = draw(100);
     if (choice < 3) {
         m_world.kill(process);
@@ -148,9 +162,7 @@ void Run::actOf(Process& process)
     } else if (choice < 50) {
         disposeAgain(process);
     } else if (choice < 58) {
-        if (!process.subscriptions.empty()) {
-            m_world.call(process, pick(process.subscriptions), oneIn(4));
-        }
+        call(process);
     } else if (choice < 64) {
         if (!process.services.empty()) {
             pick(process.services)->answerOne();

@@ -44,6 +44,20 @@ private:
     void dispose(Process& process);
     void disposeAgain(Process& process);
 
+    // crowds.cpp
+    commadapter::CommSettings crowdSettings(std::size_t pipeBytes);
+    Wish someWish();
+    void call(Process& process);
+    void crowd(Process& asker);
+    Client reach(Process& asker, Process& provider);
+    void ask(Process& asker, Client client, std::vector<World::Issued>& issued);
+    void disturb(Process& asker, Process& provider, std::vector<World::Issued>& issued);
+    void pass();
+    void checkHolds();
+    void checkUnheld(Process& asker, const Client& client);
+    void checkLastRequests(Process& asker, const Client& client);
+    void checkAsked(const std::vector<World::Issued>& issued, const char* rule);
+
     // sequences.cpp
     World::Offer offerOf(const std::string& path);
     std::vector<std::string> pathsOf(const Process& process);
@@ -62,7 +76,10 @@ private:
     SeededRandom m_random;
     SeededRandom m_networkRandom;
     World m_world;
+    std::size_t m_pipeBytes = 0;
     std::size_t m_fillerBytes = 0;
+    bool m_isCrowded = false; ///< many ask at once, and queues are small
+    bool m_hasFragments = false;
 };
 
 } // namespace kesa::sim

@@ -1,6 +1,7 @@
 #include "Service.h"
 
 #include <kesa/Request.h>
+#include <kesa/RequestContext.h>
 
 #include <algorithm>
 #include <mutex>
@@ -8,8 +9,9 @@
 
 namespace kesa::sim {
 
-Service::Service(Verdict& verdict, std::shared_ptr<Belief> registration, std::uint64_t seed)
-    : m_verdict(verdict), m_registration(std::move(registration))
+Service::Service(Verdict& verdict, Calls& calls, std::shared_ptr<Belief> registration, std::uint64_t group,
+                 std::size_t largest, std::uint64_t seed)
+    : m_verdict(verdict), m_calls(calls), m_registration(std::move(registration)), m_group(group), m_largest(largest)
 {
     m_random.state = seed;
 }
@@ -18,14 +20,21 @@ void* Service::request(const Request& request, std::unique_ptr<IResponseHandler<
 {
     std::uint64_t number = 0;
     std::uint64_t choice = 0;
+    std::shared_ptr<Call> call;
     {
         const std::lock_guard<std::mutex> lock(m_verdict.mutex);
         checkAlive();
         number = ++m_handles;
         choice = m_random.below(4);
+        call = m_calls.of(request);
+        call->asked(RequestContext::deadline());
     }
     std::unique_ptr<IResponseHandler<Response>> taken = std::move(handler);
-    if (request.getPath() == WHO) {
+    if (call->wish().isLarge()) {
+        answerLarge(*call, *taken);
+        return UNDEFINED_REQUEST_HANDLE;
+    }
+    if (request.getPath() == Wish::WHO) {
         taken->onNext(Response(200, Payload::createFromString(m_registration->claim, "plain/text")));
         taken->onCompleted();
         return UNDEFINED_REQUEST_HANDLE;
@@ -39,8 +48,23 @@ void* Service::request(const Request& request, std::unique_ptr<IResponseHandler<
         return UNDEFINED_REQUEST_HANDLE; // dropped unfinished
     }
     const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-    m_open.emplace_back(number, std::move(taken));
+    m_open.push_back({number, std::move(call), std::move(taken)});
     return reinterpret_cast<void*>(number);
+}
+
+void Service::answerLarge(Call& call, IResponseHandler<Response>& handler)
+{
+    std::string text = call.number() + ' ';
+    {
+        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
+        text += std::string(m_largest / 8 + m_random.below(m_largest * 7 / 8), 'x');
+        call.given(text.size(), m_calls.flow(call.group(), m_group));
+    }
+    if (handler.onNext(Response(200, Payload::createFromString(std::move(text), "plain/text")))) {
+        const std::lock_guard<std::mutex> lock(m_verdict.mutex);
+        call.taken();
+    }
+    handler.onCompleted();
 }
 
 void Service::cancel(void* handle)
@@ -50,17 +74,16 @@ void Service::cancel(void* handle)
     checkAlive();
     const auto number = reinterpret_cast<std::uint64_t>(handle);
     const auto found =
-        std::find_if(m_open.begin(), m_open.end(), [number](const auto& open) { return open.first == number; });
+        std::find_if(m_open.begin(), m_open.end(), [number](const Open& open) { return open.number == number; });
     if (found != m_open.end()) {
-        ended = std::move(found->second);
+        ended = std::move(found->handler);
         m_open.erase(found);
     }
 }
 
 void Service::answerOne()
 {
-    std::unique_ptr<IResponseHandler<Response>> taken;
-    std::uint64_t number = 0;
+    Open taken;
     std::uint64_t choice = 0;
     {
         const std::lock_guard<std::mutex> lock(m_verdict.mutex);
@@ -68,27 +91,36 @@ void Service::answerOne()
             return;
         }
         const std::size_t index = m_random.below(m_open.size());
-        number = m_open[index].first;
-        taken = std::move(m_open[index].second);
+        taken = std::move(m_open[index]);
         m_open.erase(m_open.begin() + static_cast<std::ptrdiff_t>(index));
         choice = m_random.below(4);
     }
     if (choice == 0) {
-        taken->onCompleted();
+        taken.handler->onCompleted();
     } else if (choice == 1) {
-        taken->onError(Response::createErrorResponse(418, "no"));
+        taken.handler->onError(Response::createErrorResponse(418, "no"));
     } else {
-        taken->onNext(Response(200, Payload::createFromString(std::string(m_random.below(9000), 'x'), "plain/text")));
+        taken.handler->onNext(
+            Response(200, Payload::createFromString(std::string(m_random.below(9000), 'x'), "plain/text")));
         const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        m_open.emplace_back(number, std::move(taken));
+        m_open.push_back(std::move(taken));
     }
 }
 
 void Service::dropAll()
 {
-    std::vector<std::pair<std::uint64_t, std::unique_ptr<IResponseHandler<Response>>>> open;
+    std::vector<Open> open;
     const std::lock_guard<std::mutex> lock(m_verdict.mutex);
     open.swap(m_open);
+}
+
+std::shared_ptr<Call> Service::overButOpen() const
+{
+    if (m_registration->ended.number != 0) {
+        return nullptr; // whoever withdraws a service ends its requests himself
+    }
+    const auto found = std::find_if(m_open.begin(), m_open.end(), [](const Open& open) { return open.call->isOver(); });
+    return found == m_open.end() ? nullptr : found->call;
 }
 
 void Service::checkAlive()

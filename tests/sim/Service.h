@@ -1,24 +1,24 @@
 #ifndef KESA_TESTS_SIM_SERVICE_H
 #define KESA_TESTS_SIM_SERVICE_H
 
+#include "Call.h"
 #include "Observers.h"
 #include "Random.h"
 
 #include <kesa/IKesaApi.h>
 
 #include <memory>
-#include <utility>
 #include <vector>
 
 namespace kesa::sim {
 
-/// Answers some requests at once, keeps others open, ends some later, drops some unfinished. A request to "/who" is
-/// answered with the claim's number.
+/// Answers some requests at once, keeps others open, ends some later, drops some unfinished; what `Wish` names as it
+/// says there.
 class Service final : public IKesaApi {
 public:
-    static constexpr const char* WHO = "/who";
-
-    Service(Verdict& verdict, std::shared_ptr<Belief> registration, std::uint64_t seed);
+    /// Of process `group`; `largest`: how much it answers at most.
+    Service(Verdict& verdict, Calls& calls, std::shared_ptr<Belief> registration, std::uint64_t group,
+            std::size_t largest, std::uint64_t seed);
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override;
     void cancel(void* handle) override;
@@ -26,15 +26,28 @@ public:
     /// Sends a value, or ends a stream, from the test's thread.
     void answerOne();
     void dropAll();
+    /// Of those that it has not ended itself, the first of which it should have heard the end; null when there is
+    /// none. With the verdict's mutex held.
+    std::shared_ptr<Call> overButOpen() const;
 
 private:
     void checkAlive();
+    void answerLarge(Call& call, IResponseHandler<Response>& handler);
+
+    struct Open {
+        std::uint64_t number;
+        std::shared_ptr<Call> call;
+        std::unique_ptr<IResponseHandler<Response>> handler;
+    };
 
     Verdict& m_verdict;
-    std::shared_ptr<Belief> m_registration;
+    Calls& m_calls;
+    const std::shared_ptr<Belief> m_registration;
+    const std::uint64_t m_group;
+    const std::size_t m_largest;
     SeededRandom m_random;
     std::uint64_t m_handles = 0;
-    std::vector<std::pair<std::uint64_t, std::unique_ptr<IResponseHandler<Response>>>> m_open;
+    std::vector<Open> m_open;
 };
 
 } // namespace kesa::sim

@@ -1,6 +1,7 @@
 #ifndef KESA_TESTS_SIM_WORLD_H
 #define KESA_TESTS_SIM_WORLD_H
 
+#include "Call.h"
 #include "Process.h"
 #include "Random.h"
 
@@ -23,6 +24,7 @@ struct Options {
     unsigned steps = 150;
     bool threads = false;  ///< real loops instead of the simulated ones: not repeatable, for the sanitizers
     bool registry = false; ///< a registry in a process of its own, instead of configured services
+    unsigned crowds = 20;  ///< one of so many runs is crowded
 };
 
 inline constexpr const char* REGISTRY_PROCESS = "kesa-registryd";
@@ -31,12 +33,14 @@ inline constexpr const char* REGISTRY_PATH = "/registry";
 inline const std::vector<std::string> STATIC_PATHS = {"/s/a", "/s/b", "/s/c", "/s/d"};
 inline const std::vector<std::string> DYNAMIC_PATHS = {"/d/a", "/d/b", "/d/c"};
 inline const std::string MALFORMED_PATTERN = "/d/[a-";
+inline constexpr const char* IO_LOOP = "kesa-io";
 
 std::string ownerOf(const std::string& staticPath);
 bool isStatic(const std::string& path);
 
 /// Processes on one network, everything that can be done to them, and what has to be true of them. Units: processes
-/// (processes.cpp), what their programs do (programs.cpp), what must be true (expectations.cpp, endings.cpp).
+/// (processes.cpp), what their programs do (programs.cpp), what they ask each other (calls.cpp), what must be true
+/// (expectations.cpp, endings.cpp, Call.cpp).
 class World {
 public:
     explicit World(const Options& options);
@@ -54,7 +58,18 @@ public:
     bool hasRegistry() const { return m_options.registry; }
     /// Backends refuse some client objects from now on.
     void refuseSome(bool refuses) { m_isRefusing = refuses; }
-    void setBackendSettings(const commadapter::CommSettings& settings) { m_settings = settings; }
+    void setBackendSettings(const commadapter::CommSettings& settings, const commadapter::CommSettings& ofTheRegistry)
+    {
+        m_settings = settings;
+        m_registrySettings = ofTheRegistry;
+    }
+    /// How much a service answers at most when it answers much, and how much of it may be under way to one client; 0:
+    /// is not known.
+    void setAnswers(std::size_t largest, std::size_t underWay)
+    {
+        m_largestAnswer = largest;
+        m_mostUnderWay = underWay;
+    }
 
     void start(Process& process);
     /// From one moment to the next: its loops never run again, its network ends, nothing is said.
@@ -78,8 +93,19 @@ public:
     void subscribe(Process& process, Stream kind, const std::string& target);
     void subscribe(Process& process, Stream kind, const serviceregistry::Query& query);
     void dispose(Subscription& subscription);
-    /// To one of the clients that the subscription has; true when there was one.
-    bool call(Process& process, const Subscription& subscription, bool isCancelled);
+
+    struct Issued {
+        Client client;
+        void* handle = nullptr;
+        std::shared_ptr<Call> call;
+    };
+    Issued issue(Process& process, const Client& client, const Wish& wish);
+    /// As its asker, who lives and does not stand still.
+    void cancel(const Issued& issued);
+    /// One that the subscription has; not the registry's. Null when it has none.
+    Client clientOf(const Subscription& subscription);
+    /// One that the asker has by a locator of the provider's; null when it has none.
+    Client clientTo(const Process& asker, const Process& provider);
 
     /// Waits until nothing moves any more, or every observer believes the truth; then asks all clients who answers.
     void settle();
@@ -99,10 +125,6 @@ private:
         return std::make_unique<Observer<T>>(*m_verdict, std::move(belief));
     }
     void add(Process& process, Subscription subscription);
-    Client clientOf(const Subscription& subscription);
-    std::pair<std::shared_ptr<Belief>, void*> issue(Process& process, const Client& client, const std::string& resource,
-                                                    const std::string& what);
-    std::shared_ptr<Belief> ask(Process& process, const Client& client, const std::string& path);
 
     // expectations.cpp and endings.cpp, with the verdict's mutex held.
     using Truth = std::map<std::string, std::shared_ptr<Belief>>; ///< registrations by path; null: any
@@ -110,6 +132,7 @@ private:
     std::unique_lock<std::mutex> runUntil(comm::TimeNs simulated, const std::function<bool()>& isTrue);
     std::vector<std::string> differences();
     std::vector<std::string> registryDifferences();
+    std::vector<std::string> callDifferences() const;
     std::string differenceOf(const Process& process, const Subscription& subscription);
     std::string endOf(const Process& process, const Subscription& subscription) const;
     Truth truthOf(const Process& process);
@@ -129,12 +152,17 @@ private:
     std::unique_ptr<Verdict> m_verdict;
     std::unique_ptr<commadapter::transport::MemoryNetwork> m_network;
     commadapter::CommSettings m_settings;
+    commadapter::CommSettings m_registrySettings;
+    std::size_t m_largestAnswer = 9000;
+    std::size_t m_mostUnderWay = 0;
+    Calls m_calls;
     std::vector<std::unique_ptr<Process>> m_processes;
     std::uint64_t m_groups = 0;
     unsigned m_names = 0;
     bool m_isRefusing = false;
     comm::TimeNs m_timeStopped = 0; ///< of all stops together, and of loops left behind
     std::map<std::uint64_t, comm::TimeNs> m_stoppedAt;
+    std::map<std::uint64_t, comm::TimeNs> m_ioBehindUntil;
 
     /// Every registration there ever was.
     struct Claim {

@@ -53,6 +53,9 @@ std::vector<std::string> World::differences()
     if (hasRegistry()) {
         found = registryDifferences();
     }
+    for (std::string& difference : callDifferences()) {
+        found.push_back(std::move(difference));
+    }
     for (const auto& process : m_processes) {
         for (const auto& subscription : process->subscriptions) {
             std::string difference = differenceOf(*process, subscription);
@@ -264,7 +267,7 @@ void World::askAll()
             for (const auto& [path, client] : clients) {
                 const auto found = expected.find(path);
                 if (found != expected.end() && found->second) {
-                    questions.push_back({found->second, ask(*process, client, subscription.target)});
+                    questions.push_back({found->second, issue(*process, client, Wish::of(Wish::WHO)).call->belief()});
                 }
             }
         }

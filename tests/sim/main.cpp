@@ -3,6 +3,7 @@
 //   kesa_sim --seeds 5000 --seconds 60     at least 5,000 seeds, and as many more as a minute holds
 //   kesa_sim --from 4711 --seeds 1         one run again; a failing seed is the whole report
 //   kesa_sim --registry ...                with a registry in a process of its own, instead of configured services
+//   kesa_sim --crowds 1 ...                many ask at once, in every run
 //   kesa_sim --threads --seeds 200         the same model with real threads, for the sanitizers
 //
 // The first runs also collect marks: every rare branch in marks.h must be reached by one of them.
@@ -14,9 +15,12 @@
 #include <CLI/CLI.hpp>
 #include <tracing/CapturingSink.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <mutex>
+#include <utility>
 
 namespace {
 
@@ -27,6 +31,10 @@ class Marks {
 public:
     explicit Marks(std::vector<std::string_view> names) : m_missing(std::move(names)) {}
 
+    void add(const std::vector<std::string_view>& names)
+    {
+        m_missing.insert(m_missing.end(), names.begin(), names.end());
+    }
     void look(std::string_view text)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -37,6 +45,37 @@ public:
 private:
     std::mutex m_mutex;
     std::vector<std::string_view> m_missing;
+};
+
+/// Connections that were ended for what a peer of this kind does not do. Any thread.
+class CutOffs {
+public:
+    void look(const tracing::Line& line)
+    {
+        static constexpr std::string_view BEGIN = " is cut off: ";
+        static constexpr std::string_view OF_STANDING[] = {"it does not take what is sent to it", "silent for ",
+                                                           "no hello within ", "it takes its news more slowly"};
+        const std::size_t at =
+            line.channel == "KESA_COMM" && line.severity == 3 ? line.text.find(BEGIN) : line.text.npos;
+        if (at == line.text.npos) {
+            return;
+        }
+        const std::string_view reason = line.text.substr(at + BEGIN.size());
+        if (std::none_of(std::begin(OF_STANDING), std::end(OF_STANDING),
+                         [reason](std::string_view begin) { return reason.substr(0, begin.size()) == begin; })) {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_found.push_back("nobody breaks the protocol: " + std::string(line.text));
+        }
+    }
+    std::vector<std::string> take()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        return std::exchange(m_found, {});
+    }
+
+private:
+    std::mutex m_mutex;
+    std::vector<std::string> m_found;
 };
 
 void print(const tracing::Line& line)
@@ -53,9 +92,12 @@ void look(std::function<void(const tracing::Line&)> work)
     }));
 }
 
-/// Prints the failures; their number.
-std::uint64_t report(std::uint64_t seed, const std::vector<std::string>& failures)
+/// Prints the failures; 1 if there are any.
+std::uint64_t report(std::uint64_t seed, std::vector<std::string> failures, CutOffs& cutOffs)
 {
+    for (std::string& cut : cutOffs.take()) {
+        failures.push_back(std::move(cut));
+    }
     for (const std::string& failure : failures) {
         std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), failure.c_str());
     }
@@ -82,25 +124,31 @@ int main(int argc, char** argv)
         ->capture_default_str();
     app.add_flag("--registry", options.registry, "with a registry in a process of its own");
     app.add_option("--orders", orders, "with how many seeds to run all orders of start first")->capture_default_str();
+    app.add_option("--crowds", options.crowds, "one of so many runs is crowded")->capture_default_str();
     app.add_flag("--threads", options.threads, "real threads");
     app.add_flag("--verbose", verbose, "print every trace");
     CLI11_PARSE(app, argc, argv);
 
-    Marks marks(options.registry ? registryMarks() : localMarks());
+    Marks marks(callMarks());
+    marks.add(options.registry ? registryMarks() : localMarks());
     const comm::TimeNs begin = comm::now();
     std::uint64_t done = 0;
     std::uint64_t failed = 0;
     tracing::setThreshold("*", 1); // always the same: what only a trace has use for is posted, too
-    look([&](const tracing::Line& line) { verbose ? print(line) : marks.look(line.text); });
+    CutOffs cutOffs;
+    look([&](const tracing::Line& line) {
+        cutOffs.look(line);
+        verbose ? print(line) : marks.look(line.text);
+    });
     for (std::uint64_t seed = from; seed < from + orders; ++seed) {
-        failed += report(seed, runOrders(seed));
+        failed += report(seed, runOrders(seed), cutOffs);
     }
     while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
         if (done == markSeeds && !verbose) {
-            look([](const tracing::Line&) {});
+            look([&cutOffs](const tracing::Line& line) { cutOffs.look(line); });
         }
         options.seed = from + done;
-        failed += report(options.seed, Run(options).run());
+        failed += report(options.seed, Run(options).run(), cutOffs);
         ++done;
     }
     tracing::setSink(nullptr);

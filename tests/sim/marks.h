@@ -7,6 +7,22 @@
 namespace kesa::sim {
 
 /// Texts of traces, each of a branch that only an unusual order of events reaches.
+inline std::vector<std::string_view> callMarks()
+{
+    return {
+        // Of clients that do not take their answers.
+        "[hold] ",
+        "[endHold] ",
+        // Of time limits.
+        "[looksAgain] ",
+        "[call] answered after its time, which this process spent standing still",
+        "[call] had its value in time, and went on",
+        "[call] 504 while the service had it",
+        "[call] 504 before the service had it",
+        "[call] reached the service after its 504",
+    };
+}
+
 inline std::vector<std::string_view> localMarks()
 {
     return {

@@ -78,7 +78,8 @@ Process& World::registry()
 std::unique_ptr<commadapter::IBackend> World::makeBackend(const std::string& name)
 {
     const std::uint64_t group = m_groups;
-    auto backend = commadapter::makeCommBackend(name, m_settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
+    const auto& settings = name == REGISTRY_PROCESS ? m_registrySettings : m_settings;
+    auto backend = commadapter::makeCommBackend(name, settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
         std::vector<std::unique_ptr<commadapter::transport::ITransport>> transports;
         transports.push_back(m_network->makeTransport(std::move(loop), group));
         return transports;
@@ -109,6 +110,10 @@ std::string World::document() const
 void World::start(Process& process)
 {
     process.group = ++m_groups;
+    if (!process.isRegistry) {
+        const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+        m_calls.bound(process.group, m_mostUnderWay);
+    }
     if (m_scheduler) {
         m_scheduler->setGroup(process.group);
     }
@@ -192,6 +197,7 @@ void World::stop(Process& process)
 {
     if (m_scheduler) {
         process.isStopped = true;
+        m_calls.standsStill(process.group, comm::NEVER);
         m_stoppedAt[process.group] = comm::now();
         m_scheduler->pauseGroup(process.group);
     }
@@ -201,6 +207,7 @@ void World::resume(Process& process)
 {
     if (process.isStopped) {
         process.isStopped = false;
+        m_calls.standsStill(process.group, std::max(comm::now(), m_ioBehindUntil[process.group]));
         m_timeStopped += comm::now() - m_stoppedAt[process.group];
         m_scheduler->continueGroup(process.group);
     }
@@ -211,6 +218,10 @@ void World::leaveBehind(Process& process, const std::string& loop, comm::TimeNs 
     if (m_scheduler) {
         m_timeStopped += time;
         m_scheduler->leaveBehind(process.group, loop, comm::now() + time);
+        if (loop == IO_LOOP) {
+            m_ioBehindUntil[process.group] = comm::now() + time;
+            m_calls.standsStill(process.group, comm::now() + time);
+        }
     }
 }
 

@@ -22,7 +22,7 @@ void World::registerService(Process& process, const Offer& offer)
     if (offer.fillerBytes > 0) {
         metainfo.set("filler", std::string(offer.fillerBytes, 'f'));
     }
-    auto service = std::make_shared<Service>(*m_verdict, belief, m_names);
+    auto service = std::make_shared<Service>(*m_verdict, m_calls, belief, process.group, m_largestAnswer, m_names);
     process.services.push_back(service);
     m_claims.push_back({offer.path, process.group, belief});
     Disposable disposable = process.runtime->registerService(offer.path, service, offer.type, {"1.0.0"}, metainfo,
@@ -81,56 +81,6 @@ void World::dispose(Subscription& subscription)
 {
     subscription.disposed = true;
     subscription.disposable.dispose();
-}
-
-/// One that the subscription has; not the registry's.
-Client World::clientOf(const Subscription& subscription)
-{
-    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
-    const Belief& belief = *subscription.belief;
-    if (belief.client && subscription.target.find(REGISTRY_PATH) == std::string::npos) {
-        return belief.client;
-    }
-    for (const auto& [path, client] : belief.clients) {
-        if (path != REGISTRY_PATH) {
-            return client;
-        }
-    }
-    return nullptr;
-}
-
-bool World::call(Process& process, const Subscription& subscription, bool isCancelled)
-{
-    const Client client = clientOf(subscription);
-    if (!client) {
-        return false;
-    }
-    const auto [belief, handle] = issue(process, client, "/", "request");
-    if (handle != IKesaApi::UNDEFINED_REQUEST_HANDLE && isCancelled) {
-        client->cancel(handle);
-        const std::lock_guard<std::mutex> lock(m_verdict->mutex);
-        if (m_scheduler && !belief->destroyed) {
-            m_verdict->fail("a cancelled request's handler is destroyed", belief->name);
-        }
-        belief->terminal = true;
-    }
-    return true;
-}
-
-/// Which service answers?
-std::shared_ptr<Belief> World::ask(Process& process, const Client& client, const std::string& path)
-{
-    return issue(process, client, Service::WHO, "question to " + path).first;
-}
-
-std::pair<std::shared_ptr<Belief>, void*> World::issue(Process& process, const Client& client,
-                                                       const std::string& resource, const std::string& what)
-{
-    auto belief = std::make_shared<Belief>();
-    belief->name = process.name + ' ' + what + " #" + std::to_string(++m_names);
-    process.answers.push_back(belief);
-    void* const handle = client->request(Request("retrieve", resource), observer<Response>(belief));
-    return {belief, handle};
 }
 
 } // namespace kesa::sim

@@ -152,8 +152,7 @@ void Run::loseWhatIsOnItsWay(Process& process)
 /// lost and found again, once or twice.
 void Run::leaveBehind(Process& process)
 {
-    static const std::vector<std::string> LOOPS = {"KesaRuntimeImpl.m_executor", "KesaRuntimeImpl.m_updater",
-                                                   "kesa-io"};
+    static const std::vector<std::string> LOOPS = {"KesaRuntimeImpl.m_executor", "KesaRuntimeImpl.m_updater", IO_LOOP};
     const auto time = static_cast<comm::TimeNs>(100 + draw(4000)) * comm::MILLISECOND;
     m_world.leaveBehind(process, oneIn(4) ? pick(LOOPS) : LOOPS.front(), time);
     const std::uint64_t losses = 1 + draw(2);

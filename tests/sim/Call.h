@@ -1,0 +1,134 @@
+#ifndef KESA_TESTS_SIM_CALL_H
+#define KESA_TESTS_SIM_CALL_H
+
+#include "Observers.h"
+
+#include <comm/Clock.h>
+#include <kesa/Request.h>
+#include <kesa/responsesemantics.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace kesa::sim {
+
+class Calls;
+
+/// Of a client, what a service has given at once and it has not seen yet.
+struct Flow {
+    std::size_t unread = 0;
+    std::size_t bound = 0; ///< 0: none is known
+};
+
+/// How a request is issued.
+struct Wish {
+    static constexpr const char* WHO = "/who";     ///< is answered with the claim's number
+    static constexpr const char* LARGE = "/large"; ///< is answered at once, with the request's number and much more
+
+    std::string resource = "/";
+    std::optional<std::uint64_t> timeLimitMs;
+    bool isMalformed = false; ///< a time limit that is none
+    std::string_view semantic;
+    std::size_t bodyBytes = 0;
+
+    bool isLarge() const { return resource == LARGE; }
+    static Wish of(std::string resource)
+    {
+        Wish wish;
+        wish.resource = std::move(resource);
+        return wish;
+    }
+};
+
+/// A request as its asker and its service know it, and the rules of its course. With the verdict's mutex held.
+class Call {
+public:
+    Call(Verdict& verdict, const Calls& calls, Wish wish, std::string number, std::shared_ptr<Belief> belief);
+
+    // How its asker issues it.
+    Request request() const;
+    /// By process `group`; `isTimed`: with simulated time.
+    void issued(std::uint64_t group, bool isTimed);
+
+    // What its asker hears.
+    void value(const Response& response);
+    void error(const Response& error);
+    void completed();
+    void destroyed();
+
+    // What its service does.
+    /// `deadline`: as the service sees it.
+    void asked(std::optional<comm::TimeNs> deadline);
+    /// `bytes` on their way, unless the asker has its end already.
+    void given(std::size_t bytes, Flow& flow);
+    void taken();
+
+    const std::string& number() const { return m_number; }
+    const std::shared_ptr<Belief>& belief() const { return m_belief; }
+    std::uint64_t group() const { return m_group; }
+    const Wish& wish() const { return m_wish; }
+    /// For its asker.
+    bool isOver() const;
+    bool isAsked() const { return m_isAsked; }
+
+private:
+    void check(bool holds, const char* rule, const std::string& what = {});
+    void checkReason(const std::string& text);
+    void checkNotAnswered();
+    void checkInTime();
+    void mark(const char* what) const;
+    bool hasLimit() const { return m_deadline != comm::NEVER; }
+    bool isValueEnough() const { return !m_wish.semantic.empty(); }
+    comm::TimeNs latestEnd() const;
+
+    Verdict& m_verdict;
+    const Calls& m_calls;
+    const Wish m_wish;
+    const std::string m_number;
+    const std::shared_ptr<Belief> m_belief;
+    std::uint64_t m_group = 0;
+    bool m_isTimed = false;
+    comm::TimeNs m_deadline = comm::NEVER;
+    bool m_isAsked = false;
+    comm::TimeNs m_given = comm::NEVER; ///< when its answer was
+    Flow* m_flow = nullptr;
+    std::size_t m_unread = 0;
+};
+
+/// All of a run, by the number that a request carries. With the verdict's mutex held.
+class Calls {
+public:
+    void add(const std::shared_ptr<Call>& call) { m_calls.emplace(call->number(), call); }
+    std::shared_ptr<Call> find(const std::string& number) const;
+    /// The one that a request is of.
+    std::shared_ptr<Call> of(const Request& request) const;
+    const std::map<std::string, std::shared_ptr<Call>>& all() const { return m_calls; }
+    /// From process `to` back to the one that asks it.
+    Flow& flow(std::uint64_t from, std::uint64_t to);
+    /// What process `group` may have under way to each other one.
+    void bound(std::uint64_t group, std::size_t bytes) { m_bounds[group] = bytes; }
+    /// Until when the I/O loop of process `group` stands still, or did last; `comm::NEVER` while nobody knows.
+    void standsStill(std::uint64_t group, comm::TimeNs until) { m_still[group] = until; }
+    comm::TimeNs stillUntil(std::uint64_t group) const;
+    /// Whether another one does, or did after `since`.
+    bool hasOtherStood(std::uint64_t group, comm::TimeNs since) const;
+
+private:
+    std::map<std::uint64_t, comm::TimeNs> m_still;
+    std::map<std::uint64_t, std::size_t> m_bounds;
+    std::map<std::string, std::shared_ptr<Call>> m_calls;
+    std::map<std::pair<std::uint64_t, std::uint64_t>, Flow> m_flows;
+};
+
+/// What a request is answered through: the rules of a stream, and of the call.
+std::unique_ptr<IResponseHandler<Response>> makeCaller(Verdict& verdict, std::shared_ptr<Call> call);
+
+} // namespace kesa::sim
+
+#endif

@@ -1,0 +1,86 @@
+// What the programs ask each other, and what has to be true of it once nothing moves any more.
+
+#include "World.h"
+
+#include <algorithm>
+
+namespace kesa::sim {
+
+Client World::clientOf(const Subscription& subscription)
+{
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    const Belief& belief = *subscription.belief;
+    if (belief.client && subscription.target.find(REGISTRY_PATH) == std::string::npos) {
+        return belief.client;
+    }
+    for (const auto& [path, client] : belief.clients) {
+        if (path != REGISTRY_PATH) {
+            return client;
+        }
+    }
+    return nullptr;
+}
+
+Client World::clientTo(const Process& asker, const Process& provider)
+{
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    for (const Subscription& subscription : asker.subscriptions) {
+        const Client& client = subscription.belief->client;
+        if (subscription.kind == Stream::eRESOLVE && client) {
+            const url locator(subscription.target);
+            if (locator.authority() == provider.name && registered(provider, std::string(locator.path()))) {
+                return client;
+            }
+        }
+    }
+    return nullptr;
+}
+
+World::Issued World::issue(Process& process, const Client& client, const Wish& wish)
+{
+    const std::string number = std::to_string(++m_names);
+    auto belief = std::make_shared<Belief>();
+    belief->name = process.name + " request of " + wish.resource + " #" + number;
+    const auto call = std::make_shared<Call>(*m_verdict, m_calls, wish, number, belief);
+    process.answers.push_back(belief);
+    const Request request = call->request();
+    {
+        const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+        m_calls.add(call);
+        call->issued(process.group, m_scheduler != nullptr);
+    }
+    return {client, client->request(request, makeCaller(*m_verdict, call)), call};
+}
+
+void World::cancel(const Issued& issued)
+{
+    issued.client->cancel(issued.handle);
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    Belief& belief = *issued.call->belief();
+    if (m_scheduler && !belief.destroyed) {
+        m_verdict->fail("a cancelled request's handler is destroyed", belief.name);
+    }
+    belief.terminal = true;
+}
+
+/// What is answered at once has been answered, and services have heard of the end of what they have kept.
+std::vector<std::string> World::callDifferences() const
+{
+    std::vector<std::string> found;
+    for (const auto& [number, call] : m_calls.all()) {
+        if (call->wish().isLarge() && !call->isOver()) {
+            found.push_back(call->belief()->name + ": is not answered");
+        }
+    }
+    for (const auto& process : m_processes) {
+        for (const auto& service : process->services) {
+            const auto open = m_scheduler ? service->overButOpen() : nullptr;
+            if (open) {
+                found.push_back(open->belief()->name + ": is over, and its service has not heard of it");
+            }
+        }
+    }
+    return found;
+}
+
+} // namespace kesa::sim
