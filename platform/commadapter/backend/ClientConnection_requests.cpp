@@ -144,7 +144,7 @@ bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
         queueBeyondBound();
         return false;
     }
-    return isStuck(comm::now());
+    return isFoundStuck();
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended, it is told here.

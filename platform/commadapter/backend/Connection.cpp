@@ -65,7 +65,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     m_isOpen = true;
     ++m_opened;
     m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
-    m_lastProgress = now;
+    progressed(now);
     m_isReading = true;
     m_lostReason.reset();
 }
@@ -171,7 +171,7 @@ void Connection::finishBatch(bool hasRead)
         const Lock lock(m_lock);
         m_isBatch = false;
         if (hasRead && m_isBlocked && m_role == protocol::Machine::Role::eCLIENT) {
-            m_lastProgress = comm::now();
+            progressed(comm::now());
         }
         for (unsigned owed = m_machine->takePongsOwed(); owed > 0; --owed) {
             m_machine->pong();
@@ -268,7 +268,7 @@ void Connection::write()
         std::size_t size = 0;
         const auto result = m_stream->write(std::span<const iovec>(parts.data(), count), size);
         if (result == transport::IStream::Result::eDONE) {
-            m_lastProgress = comm::now();
+            progressed(comm::now());
             m_machine->sent(size, m_lastProgress);
             continue;
         }
@@ -381,6 +381,8 @@ bool Connection::isProcessOverBound(std::size_t moreBytes) const
     return m_machine->persistentBytes() > bound / SHARES && m_loop->queued().persistent + moreBytes > bound;
 }
 
+/// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
+/// server does not read the requests of a client that takes no answers.
 bool Connection::isStuck(comm::TimeNs now) const
 {
     const bool isClient = m_role == protocol::Machine::Role::eCLIENT;
@@ -399,6 +401,12 @@ void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
     facts.isHeld = m_machine->isHeld();
 }
 
+void Connection::progressed(comm::TimeNs now) noexcept
+{
+    m_lastProgress = now;
+    m_isFoundStuck = false;
+}
+
 // ---- liveness -----------------------------------------------------------------------------------------------------
 
 bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
@@ -410,7 +418,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     Lock lock(m_lock);
     if (hasSlept) {
         m_machine->restartDeadlines(now);
-        m_lastProgress = now;
+        progressed(now);
         return true;
     }
     if (takesNothing(now)) {
@@ -418,7 +426,8 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         cutOff(TAKES_NOTHING);
         return false;
     }
-    const bool isJudgedStuck = isStuck(now) && boundedBytes() > 0;
+    m_isFoundStuck = isStuck(now);
+    const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
     if (m_machine->isHeld() && !isJudgedStuck) {
         m_machine->restartDeadlines(now); // its sign of life may be among what is not read
     }

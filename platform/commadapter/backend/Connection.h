@@ -54,9 +54,9 @@ protected:
     };
     /// After a command to the machine, lock held: writes at once, or leaves it to the end of the batch or turn.
     void pushOut(Haste haste = Haste::eAT_ONCE);
-    /// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
-    /// server does not read the requests of a client that takes no answers. Lock held.
-    bool isStuck(comm::TimeNs now) const;
+    /// The heartbeat has found that the queue has not moved for its time, and nothing has moved since. What a caller
+    /// finds by the clock may be that this process stood still. Lock held.
+    bool isFoundStuck() const noexcept { return m_isFoundStuck; }
     /// Whether `moreBytes` would exceed the bound of what this connection may have queued: a client its requests, a
     /// server its values of persistent streams. What there is room for in no queue at all still passes an empty one.
     /// Lock held.
@@ -122,6 +122,8 @@ private:
     void hold();
     void endHold();
     void updateReading();
+    bool isStuck(comm::TimeNs now) const;
+    void progressed(comm::TimeNs now) noexcept;
     bool takesNothing(comm::TimeNs now);
     void wantWrite();
     void writeFailed();
@@ -142,6 +144,7 @@ private:
     bool m_isBroken = false;      ///< a write failed
     bool m_isGathered = false;    ///< the loop is going to flush
     bool m_isBeyondBound = false; ///< since the queue was empty
+    bool m_isFoundStuck = false;
     comm::TimeNs m_lastProgress = 0;
     IoLoop::Queued m_counted;
     // Loop only.

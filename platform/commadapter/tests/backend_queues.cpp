@@ -307,6 +307,13 @@ TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
     for (int i = 0; i < 100; ++i) {
         outcomes.push_back(client->request(retrieve("/stream", std::string(BODY, 'x'))));
     }
+    scheduler->runFor(500 * comm::MILLISECOND);
+    scheduler->pauseGroup(2);
+    scheduler->runFor(10 * comm::SECOND);
+    scheduler->continueGroup(2);
+    const auto early = client->request(retrieve("/stream", std::string(BODY, 'x')));
+    settle();
+    EXPECT_FALSE(early->hasEnded()) << "the client itself stood still";
     scheduler->runFor(1200 * comm::MILLISECOND);
     const auto refused = client->request(retrieve("/stream", std::string(BODY, 'x')));
     const auto kept = client->request(persistent());
