@@ -165,9 +165,11 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
-    unsigned m_looks = 0;     ///< since the loop stood still, for answers that came meanwhile
     bool m_isGreeted = false; ///< the server has said hello
     comm::TimeNs m_openedAt = 0;
+    // Since the loop stood still, for answers that came meanwhile.
+    comm::TimeNs m_lastLook = 0; ///< its end; 0: none
+    comm::TimeNs m_lookedFor = 0;
 };
 
 } // namespace kesa::commadapter

@@ -4,12 +4,14 @@
 //
 // A loop that stood still, as its process did, finds answers that were given in time, and not all at once: what the
 // stream had no room for comes as the peer hears that there is. So nobody is judged until it has been quiet for a
-// while, or for the looks that a peer which sends on and on is given.
+// while, or for as long as is looked for what a peer sends that sends on and on. A loop that is late because its
+// handlers take long looks no different, and tells a limit that much later.
 
 #include "backend/ClientConnection.h"
 
 #include "backend/channel.h"
 
+#include <algorithm>
 #include <chrono>
 
 namespace kesa::commadapter {
@@ -19,8 +21,9 @@ namespace {
 /// A timer that comes so late tells that the loop stood still.
 constexpr comm::TimeNs LATE = 10 * comm::MILLISECOND;
 constexpr comm::TimeNs QUIET = 50 * comm::MILLISECOND;
-/// At `QUIET` each: a second, whatever the limits are.
-constexpr unsigned MOST_LOOKS = 20;
+constexpr comm::TimeNs LONGEST_LOOKING = comm::SECOND;
+/// What the pause between two looks counts at most: the process may stand still again meanwhile.
+constexpr comm::TimeNs MOST_COUNTED = LONGEST_LOOKING / 2;
 
 } // namespace
 
@@ -75,16 +78,22 @@ void ClientConnection::expire()
     Lock lock(m_lock);
     if (m_deadlines.next() <= now) {
         const bool stoodStill = now - m_timerDue >= LATE;
+        if (m_lastLook != 0) {
+            m_lookedFor += std::min(now - m_lastLook, MOST_COUNTED);
+        }
         lock.unlock();
-        readBatch(true); // what the peer answered while this loop was busy counts
+        readBatch(true, LONGEST_LOOKING - m_lookedFor); // what the peer answered while this loop was busy counts
         lock.lock();
+        const comm::TimeNs read = comm::now();
+        m_lookedFor += read - now;
         if (looksAgain(now, stoodStill)) {
-            m_timerDue = now + QUIET;
+            m_lastLook = read;
+            m_timerDue = read + QUIET;
             setTimer();
             return;
         }
     }
-    m_looks = 0;
+    m_lastLook = m_lookedFor = 0;
     while (const auto due = m_deadlines.takeDue(now)) {
         const std::uint32_t number = streamOf(due->handle);
         Stream& stream = *m_streams.find(number);
@@ -97,20 +106,20 @@ void ClientConnection::expire()
     setTimer();
 }
 
-/// With the lock held, after reading. The looks are counted, not timed: the process may stand still again meanwhile.
+/// With the lock held, after reading.
 bool ClientConnection::looksAgain(comm::TimeNs now, bool stoodStill)
 {
-    if (!isOpen() || m_deadlines.next() > now || m_looks == MOST_LOOKS) {
+    if (!isOpen() || m_deadlines.next() > now || m_lookedFor >= LONGEST_LOOKING) {
         return false;
     }
-    if (m_looks == 0 ? !stoodStill : now - machine().lastReceived() >= QUIET) {
-        return false;
+    if (m_lastLook != 0) {
+        return now - machine().lastReceived() < QUIET;
     }
-    if (++m_looks == 1) {
+    if (stoodStill) {
         KESA_TRACE(CHANNEL, 1, "[looksAgain] '%s': this process stood still, what was answered meanwhile counts",
                    peerName().c_str());
     }
-    return true;
+    return stoodStill;
 }
 
 } // namespace kesa::commadapter

@@ -120,12 +120,13 @@ void Connection::onReadable()
     readBatch();
 }
 
-void Connection::readBatch(bool untilEmpty)
+void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
 {
     if (!m_isOpen || m_isReceiving) {
         return;
     }
     bool hasRead = false;
+    comm::TimeNs begun = 0;
     const std::uint64_t pongs = m_machine->pongs();
     {
         const Lock lock(m_lock);
@@ -146,12 +147,16 @@ void Connection::readBatch(bool untilEmpty)
         if (result != transport::IStream::Result::eDONE || size == 0) {
             break;
         }
+        const comm::TimeNs now = comm::now();
+        begun = hasRead ? begun : now;
         hasRead = true;
-        const bool failed = m_machine->received(size, comm::now());
+        const bool failed = m_machine->received(size, now);
         if (failed) {
             cutOff(m_machine->reason());
         } else if (size < into.size() && !untilEmpty) {
             break; // most probably all of it; the stream comes again for the rest
+        } else if (comm::now() - begun >= within) {
+            break;
         }
     }
     m_isReceiving = false;
@@ -193,7 +198,7 @@ void Connection::onPeerExited()
             m_isBroken = true;
             endHold();
         }
-        readBatch(true); // what it had sent before
+        readAll(); // what it had sent before
     }
     lose("the peer's process has ended");
 }
@@ -348,7 +353,7 @@ void Connection::writeFailed()
 {
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
-            self->readBatch(true);
+            self->readAll();
         }
         if (self->m_isOpen && self->m_opened == opened) {
             const std::string reason = self->m_stream->reason();

@@ -71,9 +71,13 @@ protected:
     /// When bytes left last; on a client's blocked connection also when bytes came.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
 
-    /// Reads and handles what is there, up to a limit that is more than a socket holds: a peer that writes on and on
-    /// keeps nobody here. Not `untilEmpty`, the last read may be spared. Loop only.
-    void readBatch(bool untilEmpty = false);
+    static constexpr comm::TimeNs BATCH = 50 * comm::MILLISECOND;
+    /// Reads and handles what is there, up to a limit that is more than a socket holds, and no further once handling it
+    /// has taken `within`: a peer that writes on and on keeps nobody here. Not `untilEmpty`, the last read may be
+    /// spared. Loop only.
+    void readBatch(bool untilEmpty = false, comm::TimeNs within = BATCH);
+    /// The same of what must not be left unread: whatever time it takes.
+    void readAll() { readBatch(true, comm::NEVER); }
 
     bool isOpen() const noexcept { return m_isOpen; }
     /// While open; lock held.

@@ -21,7 +21,7 @@ constexpr comm::TimeNs LATE = 50 * comm::MILLISECOND;
 /// it lived when it was asked.
 void ServerConnection::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
 {
-    readBatch(true);
+    readAll();
     if (!isOpen()) {
         answer(false);
         return;

@@ -5,6 +5,7 @@
 #include "backend_roads.h"
 #include "protocol/Frame.h"
 
+#include <comm/Condition.h>
 #include <kesa/RequestContext.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
@@ -12,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <cmath>
+#include <mutex>
 #include <set>
 
 namespace kesa::commadapter::test {
@@ -214,7 +216,12 @@ TEST_F(BackendTimeLimitsRemote, AnswersThatWaitForALateLoopCount)
             EXPECT_FALSE(handler->onNext(value(std::string(4000, 'x'))));
             handler->onCompleted();
         }
-        scheduler->runFor(comm::SECOND);
+        for (int stops = 0; stops < 2; ++stops) { // the second one in the midst of looking
+            scheduler->runFor(comm::SECOND);
+            scheduler->continueGroup(2);
+            scheduler->runFor(20 * comm::MILLISECOND);
+            scheduler->pauseGroup(2);
+        }
         scheduler->continueGroup(2);
         scheduler->runFor(comm::SECOND);
         for (const auto& outcome : outcomes) {
@@ -245,6 +252,41 @@ TEST_F(BackendTimeLimitsRemote, PeerThatSendsOnAndOnPutsOffNoLimitForLong)
     EXPECT_FALSE(late->isOver());
     floodFor(200);
     EXPECT_EQ(late->status, 504);
+}
+
+TEST_F(BackendTimeLimitsRemote, LoopThatIsLateBecauseItWorksPutsOffNoLimitForLong)
+{
+    const auto flood = client->request(persistent(retrieve("/stream")));
+    settle();
+    const auto values = service.handlers().front();
+    int left = 0;
+    flood->onValue = [&] {
+        std::mutex mutex;
+        std::unique_lock lock(mutex);
+        comm::Condition busy;
+        comm::waitFor(
+            busy, lock, [] { return false; }, comm::now() + 5 * comm::MILLISECOND);
+        if (left > 0) { // so there are always a hundred
+            --left;
+            EXPECT_FALSE(values->onNext(value("x")));
+        }
+    };
+    for (const comm::TimeNs limit : {100 * comm::MILLISECOND, 3 * comm::SECOND}) {
+        const comm::TimeNs issued = scheduler->now();
+        comm::TimeNs took = 0;
+        const auto late = client->request(limited(retrieve("/stream"), limit / comm::MILLISECOND));
+        late->onEnd = [&] {
+            took = scheduler->now() - issued;
+            left = 0;
+        };
+        left = 5000;
+        for (int i = 0; i < 100; ++i) {
+            EXPECT_FALSE(values->onNext(value("x")));
+        }
+        settle();
+        EXPECT_EQ(late->status, 504);
+        EXPECT_LT(took, limit + 3 * comm::SECOND) << "looking for a second, among reads of half a second";
+    }
 }
 
 TEST_F(BackendTimeLimitsRemote, PeerThatStandsStillCostsNoMoreThanTheLimit)

@@ -33,9 +33,9 @@ public:
     ///
     /// A request may have a time limit (`headers::appendTimeout`). A client object ends it with 504 when it has not
     /// been answered to the end by then, or, for a persistent stream or a single response, has brought no value; it is
-    /// cancelled at the service, and nothing comes after the 504. What was answered while this process stood still
-    /// counts: then the 504 comes up to a second later. A limit that is no whole number of milliseconds is answered
-    /// 400. The service sees what it has left: `RequestContext::deadline`.
+    /// cancelled at the service, and nothing comes after the 504. What was answered while this process stood still,
+    /// or was busy in handlers, counts: then the 504 comes up to a second later. A limit that is no whole number of
+    /// milliseconds is answered 400. The service sees what it has left: `RequestContext::deadline`.
     virtual void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) = 0;
 
     /// Ends a request: no call to its handler runs or comes after this returns, unless it was called from inside
