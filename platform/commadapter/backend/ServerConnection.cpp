@@ -175,15 +175,17 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     return false;
 }
 
-/// Whether the stream's policy decides. That of a call does not, unless the call alone has more queued than the process
-/// may have: reading no further bounds what many calls queue, not what one of them does.
+/// Whether the stream's policy decides. Of a call only a value that would wait behind another of the same call is
+/// judged, by all that calls have queued here: reading no further bounds how many calls there are, not what each says.
 bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
 {
     if (stream.isPersistent) {
         return isOverBound(size) || isProcessOverBound(size);
     }
-    const std::size_t bound = loop().settings().processQueueBytes;
-    return machine().queuedBytes() > bound && machine().queuedBytes(number) > bound;
+    const CommSettings& settings = loop().settings();
+    const bool isProcessOver = loop().queued().all > settings.processQueueBytes;
+    const std::size_t bound = isProcessOver ? settings.sendQueueBytes : settings.processQueueBytes;
+    return machine().queuedBytes() > bound + machine().persistentBytes() && machine().queuedBytes(number) > 0;
 }
 
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.

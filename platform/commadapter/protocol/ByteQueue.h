@@ -8,8 +8,8 @@
 
 namespace kesa::commadapter::protocol {
 
-/// Bytes that are appended at the end and consumed from the front, in one block that is used again and again.
-/// Pointers into it are valid until the next `extend`.
+/// Bytes that are appended at the end and consumed from the front, in one block that is used again and again, and given
+/// back when a burst is over. Pointers into it are valid until the next change of its size.
 class ByteQueue {
 public:
     const unsigned char* data() const noexcept { return m_block.get() + m_begin; }
@@ -33,19 +33,21 @@ public:
         }
     }
     /// Takes bytes back from the end.
-    void truncate(std::size_t size) noexcept { m_end = m_begin + size; }
-    void consume(std::size_t count) noexcept
+    void truncate(std::size_t size)
+    {
+        m_end = m_begin + size;
+        shrink();
+    }
+    void consume(std::size_t count)
     {
         m_begin += count;
         if (m_begin == m_end) {
             m_begin = 0;
             m_end = 0;
-            if (m_capacity > KEPT_BYTES) { // a burst is over
-                m_block.reset();
-                m_capacity = 0;
-            }
         }
+        shrink();
     }
+    std::size_t capacityForTest() const noexcept { return m_capacity; }
 
 private:
     static constexpr std::size_t FIRST_BYTES = 4U << 10U;
@@ -56,15 +58,27 @@ private:
         const std::size_t used = size();
         if (m_begin >= used && m_capacity - used >= count) {
             std::memcpy(m_block.get(), m_block.get() + m_begin, used);
+            m_begin = 0;
+            m_end = used;
         } else {
-            const std::size_t capacity = std::max({FIRST_BYTES, 2 * m_capacity, used + count});
-            std::unique_ptr<unsigned char[]> block(new unsigned char[capacity]);
-            if (used > 0) {
-                std::memcpy(block.get(), m_block.get() + m_begin, used);
-            }
-            m_block = std::move(block);
-            m_capacity = capacity;
+            move(std::max({FIRST_BYTES, 2 * m_capacity, used + count}));
         }
+    }
+    void shrink()
+    {
+        if (m_capacity > KEPT_BYTES && size() < m_capacity / 8) {
+            move(2 * size());
+        }
+    }
+    void move(std::size_t capacity)
+    {
+        const std::size_t used = size();
+        std::unique_ptr<unsigned char[]> block(capacity > 0 ? new unsigned char[capacity] : nullptr);
+        if (used > 0) {
+            std::memcpy(block.get(), m_block.get() + m_begin, used);
+        }
+        m_block = std::move(block);
+        m_capacity = capacity;
         m_begin = 0;
         m_end = used;
     }

@@ -325,12 +325,14 @@ void SendQueue::popFront()
     if (m_first == m_entries.size()) {
         m_entries.clear();
         m_first = 0;
-        if (m_entries.capacity() > KEPT_ENTRIES) { // a burst is over
-            m_entries.shrink_to_fit();
-        }
     } else if (m_first >= 1024 && 2 * m_first > m_entries.size()) {
         m_entries.erase(m_entries.begin(), m_entries.begin() + static_cast<std::ptrdiff_t>(m_first));
         m_first = 0;
+    } else {
+        return;
+    }
+    if (m_entries.capacity() > KEPT_ENTRIES && m_entries.size() < m_entries.capacity() / 8) { // a burst is over
+        m_entries.shrink_to_fit();
     }
 }
 

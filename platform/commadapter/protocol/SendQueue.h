@@ -35,7 +35,7 @@ public:
         return m_bytes;
     }
     /// Forgets what was encoded since `begin`.
-    void abandon() noexcept { m_bytes.truncate(m_lineBytes); }
+    void abandon() { m_bytes.truncate(m_lineBytes); }
     /// Queues what was encoded since `begin`, followed by `body`.
     void push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent = false);
     /// Queues a message of nothing but a header.

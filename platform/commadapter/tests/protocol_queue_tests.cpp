@@ -1,6 +1,7 @@
 // How messages leave: the order that is promised, fair turns of large ones, what can be taken back, exact counting.
 // A seed decides what is sent, how many bytes a write takes and how the reader cuts them.
 
+#include "protocol/ByteQueue.h"
 #include "protocol_support.h"
 
 #include <gtest/gtest.h>
@@ -249,6 +250,23 @@ TEST(ProtocolQueue, manySmallMessagesLeaveInOnePiece)
     iovec out[4];
     EXPECT_EQ(pair.server.gather(out), 1U);
     EXPECT_EQ(out[0].iov_len, pair.server.queuedBytes());
+}
+
+TEST(ProtocolQueue, blockOfABurstIsGivenBackWhileBytesComeAndGo)
+{
+    const std::vector<unsigned char> some(1000, 'x');
+    for (const bool isTakenBack : {false, true}) {
+        ByteQueue queue;
+        for (int i = 0; i < 10'000; ++i) {
+            queue.append(some.data(), some.size());
+        }
+        while (queue.size() > 2000) {
+            isTakenBack ? queue.truncate(queue.size() - 2000) : queue.consume(2000);
+            *queue.extend(1000) = 'y';
+        }
+        EXPECT_LT(queue.capacityForTest(), 300U << 10U);
+        EXPECT_EQ(queue.data()[queue.size() - 1000], 'y');
+    }
 }
 
 TEST(ProtocolQueue, pingsThatCannotBeAnsweredDoNotPileUp)

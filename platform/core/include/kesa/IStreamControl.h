@@ -6,9 +6,11 @@
 namespace kesa {
 
 /// What becomes of a value of a persistent stream ("$response-semantic") for a client that does not take such values as
-/// fast as they come, once more of them are queued for it than the bound. Answers of other requests are queued whatever
-/// there is: such a client's further requests are not read. Only when more than the process may have queued is of one
-/// of them alone does this decide about it, too; the connection is then cut off at once.
+/// fast as they come, once more of them are queued for it than the bound. The first value of any other request is
+/// queued whatever there is: such a client's further requests are not read. This decides about a further one only while
+/// one of the same request waits and such answers have more queued for the client than the process may have queued
+/// (than the connection may, once the process is over its bound); with `eCUT_CONNECTION` the client is then cut off at
+/// once.
 enum class QueuePolicy {
     eCUT_STREAM,     ///< the value is refused, and the stream ends with 503
     eKEEP_LATEST,    ///< the value waits in place of the one that waited before it
