@@ -1,7 +1,8 @@
 // A missing endpoint is watched, and nothing is tried until the watch fires. Where nothing can be watched, after all
 // other failures, and beside the watch of a socket that nobody listens on, the pauses double from 1 ms to the longest
-// of the transport. A busy one is tried again within 1 to 5 ms, at random, so that many clients do not come back at the
-// same moment.
+// of the transport. They begin anew when a useful connection has lasted as long as the longest: a peer that ends each
+// at once is not asked again and again. One that is started again meanwhile is found by the watch. A busy one is tried
+// again within 1 to 5 ms, at random, so that many clients do not come back at the same moment.
 
 #include "backend/Connector.h"
 
@@ -10,6 +11,7 @@
 #include <obr/Random.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace kesa::commadapter {
 
@@ -39,15 +41,23 @@ void Connector::stop()
 void Connector::lost(const std::string& reason)
 {
     m_loop->onLoop(__func__);
-    if (m_state != State::eSTOPPED) {
-        note(reason);
-        pause(nextPause());
+    if (m_state == State::eSTOPPED) {
+        return;
     }
+    if (std::exchange(m_isUseful, false) && comm::now() - m_connectedSince >= m_destination.transport->longestPause()) {
+        m_pause = comm::MILLISECOND;
+        m_tracedReason.clear();
+    }
+    note(reason);
+    if (!m_isLocal) {
+        watch();
+    }
+    pause(nextPause());
 }
 
 void Connector::useful()
 {
-    m_pause = comm::MILLISECOND;
+    m_isUseful = true;
     m_lastReason.clear();
 }
 
@@ -56,7 +66,9 @@ void Connector::attempt()
     m_state = State::eCONNECTING;
     m_hasAppeared = false;
     const std::uint64_t round = ++m_round;
-    if (auto stream = m_openLocal(m_destination)) {
+    auto stream = m_openLocal(m_destination);
+    m_isLocal = stream != nullptr;
+    if (m_isLocal) {
         attempted({std::move(stream), transport::ITransport::Failure::eOTHER, {}});
         return;
     }
@@ -75,6 +87,7 @@ void Connector::attempted(transport::ITransport::Connected result)
     if (result.stream) {
         endWaiting();
         m_state = State::eCONNECTED;
+        m_connectedSince = comm::now();
         m_connected(std::move(result.stream));
         return;
     }
@@ -99,7 +112,7 @@ void Connector::attempted(transport::ITransport::Connected result)
     }
 }
 
-void Connector::missing()
+void Connector::watch()
 {
     if (m_watch == 0) {
         m_watch = m_destination.transport->watchEndpoint(m_destination.endpoint,
@@ -110,6 +123,11 @@ void Connector::missing()
                                                              }
                                                          });
     }
+}
+
+void Connector::missing()
+{
+    watch();
     if (m_watch == 0) {
         pause(nextPause());
     } else if (m_hasAppeared) {
@@ -164,8 +182,9 @@ void Connector::endWaiting()
 
 void Connector::note(const std::string& reason)
 {
-    if (reason != m_lastReason) {
-        m_lastReason = reason;
+    m_lastReason = reason;
+    if (reason != m_tracedReason) {
+        m_tracedReason = reason;
         KESA_TRACE(CHANNEL, 3, "[connect] '%s' is not connected: %s", m_destination.endpoint.toString().c_str(),
                    reason.c_str());
     }

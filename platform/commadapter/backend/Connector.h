@@ -20,7 +20,8 @@ struct Destination {
 using OpenLocal = std::function<std::unique_ptr<transport::IStream>(const Destination&)>;
 
 /// Gets a stream to an endpoint, again and again, until it is told to stop. A missing endpoint is watched for; after
-/// any other failure the pauses grow. Every failure is the endpoint's reason, traced when it changes. Loop only.
+/// any other failure the pauses grow, and after a connection that did not last. Every failure is the endpoint's reason,
+/// traced when it changes. Loop only.
 class Connector : public std::enable_shared_from_this<Connector> {
 public:
     using Connected = std::function<void(std::unique_ptr<transport::IStream>)>;
@@ -32,7 +33,8 @@ public:
     void stop();
     /// The stream that was handed over has ended: the next one is wanted.
     void lost(const std::string& reason);
-    /// The stream that was handed over has proved useful: the pauses begin anew, and so does the tracing of reasons.
+    /// The stream that was handed over has proved useful: once it has lasted as well, the pauses begin anew, and so
+    /// does the tracing of reasons.
     void useful();
 
     const Destination& destination() const noexcept { return m_destination; }
@@ -44,6 +46,7 @@ private:
 
     void attempt();
     void attempted(transport::ITransport::Connected result);
+    void watch();
     void missing();
     void appeared();
     void pause(comm::TimeNs duration);
@@ -61,7 +64,11 @@ private:
     comm::Reactor::Id m_watch = 0;
     comm::Reactor::Id m_timer = 0;
     comm::TimeNs m_pause = comm::MILLISECOND;
+    bool m_isLocal = false;  ///< the last attempt's stream is to this very process
+    bool m_isUseful = false; ///< the stream that was handed over
+    comm::TimeNs m_connectedSince = 0;
     std::string m_lastReason;
+    std::string m_tracedReason;
 };
 
 } // namespace kesa::commadapter

@@ -76,6 +76,46 @@ TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
     EXPECT_EQ(network->openStreams(), 0U) << "it only lingered";
 }
 
+TEST_F(BackendConnections, ThatEndAtOnceAreTriedSeldomAndARestartIsSeenAtOnce)
+{
+    CheckedService service("service");
+    auto server = makeBackend("server");
+    const std::string locator = provide(*server, "/service", service);
+    auto clientBackend = makeBackend("client");
+    Client client(*clientBackend, locator);
+    client.start();
+    bool isEnding = true;
+    client.checker.onChange = [&] {
+        if (isEnding && client.checker.isConnected()) {
+            network->cut(1, 2);
+        }
+    };
+    scheduler->runFor(20 * comm::SECOND);
+    EXPECT_GT(client.checker.connections(), 20U);
+    EXPECT_LT(client.checker.connections(), 40U);
+    EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("is not connected")));
+
+    isEnding = false;
+    const unsigned before = client.checker.connections();
+    EXPECT_LT(timeUntil([&] { return client.checker.connections() > before; }), comm::SECOND);
+    for (int restarts = 0; restarts < 3; ++restarts) {
+        settle();
+        kill(server, lastGroup == 2 ? 1 : lastGroup);
+        settle();
+        EXPECT_FALSE(client.checker.isConnected());
+        server = makeBackend("server");
+        provide(*server, "/service", service);
+        EXPECT_LT(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+    }
+    scheduler->runFor(2 * comm::SECOND);
+    traces->take();
+    network->cut(lastGroup, 2);
+    EXPECT_LT(timeUntil([&] { return !client.checker.isConnected(); }), comm::MILLISECOND);
+    EXPECT_LT(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+    EXPECT_THAT(traces->take(), SizeIs(1)) << "it had lasted";
+    client.release();
+}
+
 TEST_F(BackendConnections, LocatorsAreJudgedByTheirText)
 {
     settings.routes = {{"/registry", "IPC://registry/registry"}, {"/own", "ipc://server/elsewhere"}};

@@ -121,8 +121,8 @@ public:
     virtual void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) = 0;
 
     /// Calls `appeared`, on the loop and never inside the call, each time the endpoint may have begun to listen, also
-    /// when that was between the last `connect` and this call. 0 where that cannot be watched: then the caller polls.
-    /// Loop only.
+    /// when that was between the last `connect` and this call; what that one reached does not count. 0 where that
+    /// cannot be watched: then the caller polls. Loop only.
     virtual comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) = 0;
     virtual void unwatchEndpoint(comm::Reactor::Id id) = 0;
 

@@ -33,7 +33,7 @@ namespace {
 /// So that many clients at once do not keep the loop from its connections.
 constexpr int ACCEPTS_PER_TURN = 64;
 constexpr comm::TimeNs ACCEPT_PAUSE = 100 * comm::MILLISECOND;
-constexpr std::size_t MOST_MISSING = 1024;
+constexpr std::size_t MOST_TRIED = 1024;
 
 /// Why a socket or directory may not be used, and what to do.
 ITransport::Connected forbid(const std::string& path, const struct stat& status)
@@ -115,6 +115,7 @@ private:
     void acceptAll();
     void pauseAccepting(int error);
     Connected open(const Endpoint& endpoint);
+    void tried(const Endpoint& endpoint, const SocketFile& file);
     Connected miss(const Endpoint& endpoint, const SocketFile& file);
     void end();
 
@@ -133,7 +134,7 @@ private:
 
     // The loop's own.
     EndpointWatch m_endpoints;
-    std::map<std::string, SocketFile> m_missing; ///< what the last connect to a process found that did not answer
+    std::map<std::string, SocketFile> m_tried; ///< what the last connect to a process found
     Accept m_accept;
     int m_listening = -1;
     comm::Reactor::Id m_acceptWatch = 0;
@@ -278,16 +279,21 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
             return refuse(Failure::eOTHER, "cannot connect");
         }
     }
-    m_missing.erase(endpoint.process);
+    tried(endpoint, SocketFile(status));
     return {std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eCONNECTED), Failure::eOTHER, {}};
+}
+
+void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)
+{
+    if (m_tried.size() >= MOST_TRIED) {
+        m_tried.clear(); // costs a watcher one attempt too many
+    }
+    m_tried[endpoint.process] = file;
 }
 
 ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)
 {
-    if (m_missing.size() >= MOST_MISSING) {
-        m_missing.clear(); // costs a watcher one attempt too many
-    }
-    m_missing[endpoint.process] = file;
+    tried(endpoint, file);
     const bool hasDirectory = ::access(m_runDirectory.path().c_str(), F_OK) == 0;
     return {nullptr, Failure::eMISSING,
             hasDirectory
@@ -306,12 +312,12 @@ comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::Un
     if (id == 0) {
         return 0;
     }
-    // It may have appeared between the connect that missed it and this call. A file that has been tried already does
+    // It may have appeared between the last connect and this call. A file that has been tried already does
     // not count: it may lie there for ever.
     struct stat status {};
     if (::lstat((m_runDirectory.path() + '/' + file).c_str(), &status) == 0) {
-        const auto tried = m_missing.find(endpoint.process);
-        if (tried == m_missing.end() || tried->second != SocketFile(status)) {
+        const auto tried = m_tried.find(endpoint.process);
+        if (tried == m_tried.end() || tried->second != SocketFile(status)) {
             m_endpoints.notify(id);
         }
     }

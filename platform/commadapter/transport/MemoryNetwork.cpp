@@ -27,7 +27,8 @@ struct Port {
         std::shared_ptr<util::UniqueFunction<void()>> appeared;
     };
     std::map<comm::Reactor::Id, Watch> watches;
-    bool isClosed = false; ///< by its owner or with its process
+    std::map<std::string, std::weak_ptr<Port>> reached; ///< by the last connect to a process
+    bool isClosed = false;                              ///< by its owner or with its process
 };
 
 struct Network : Streams {
@@ -192,6 +193,7 @@ ITransport::Connected MemoryTransport::open(const Endpoint& endpoint, std::share
         return {nullptr, Failure::eBUSY, "too many connections wait to be accepted"};
     }
     listener = found->second;
+    m_port->reached[endpoint.process] = listener;
     const auto link = std::make_shared<memory::Link>();
     link->ends[0].loop = m_port->loop;
     link->ends[0].group = m_port->group;
@@ -227,7 +229,10 @@ comm::Reactor::Id MemoryTransport::watchEndpoint(const Endpoint& endpoint, util:
     const comm::Reactor::Id id = ++m_network->lastWatch;
     m_port->watches.emplace(
         id, Port::Watch{endpoint.process, std::make_shared<util::UniqueFunction<void()>>(std::move(appeared))});
-    if (m_network->listening.contains(endpoint.process)) {
+    const auto& reached = m_port->reached[endpoint.process];
+    const auto listener = m_network->listening.find(endpoint.process);
+    if (listener != m_network->listening.end() &&
+        (reached.owner_before(listener->second) || listener->second.owner_before(reached))) {
         postAppeared(m_network, m_port, id);
     }
     return id;
