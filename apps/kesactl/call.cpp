@@ -170,7 +170,7 @@ void call(const Arguments& arguments)
         const bool isTimeOver = answer.response.getStatus() == 504 && isFirst && comm::now() >= deadline;
         switch (isTimeOver ? Answers::Kind::eTIMED_OUT : answer.kind) {
         case Answers::Kind::eVALUE:
-            print(lineOf(answer.response, arguments.common.isJson));
+            printValue(lineOf(answer.response, arguments.common.isJson));
             if (!arguments.isFollowing) {
                 return;
             }

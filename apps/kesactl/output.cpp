@@ -1,5 +1,7 @@
 #include "output.h"
 
+#include "visible.h"
+
 #include <comm/Scheduler.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
@@ -45,22 +47,16 @@ std::size_t bytesOf(std::string_view text, std::size_t count)
     return end;
 }
 
-bool isJsonText(std::string_view text)
+void write(std::string_view text)
 {
-    util::config::Value value;
-    const bool failed = util::config::JSONParser().parseString(text, value);
-    obr::ErrorStorage::ack();
-    return !failed;
-}
-
-/// What a command line has need not be UTF-8; the sentence is still to be read.
-std::string asReadableJsonString(std::string text)
-{
-    if (!isJsonText(asJsonString(text))) {
-        std::replace_if(
-            text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
+    const bool isWritten = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
+    if (isWritten && std::fflush(stdout) == 0) {
+        return;
     }
-    return asJsonString(text);
+    if (errno == EPIPE) {
+        ReaderWatch::fail();
+    }
+    throw Failure{ExitCode::eNOT_WRITTEN, "the output cannot be written: " + std::system_category().message(errno)};
 }
 
 } // namespace
@@ -71,13 +67,13 @@ void printFailure(const Failure& failure, bool isJson)
         return;
     }
     if (!isJson) {
-        std::fprintf(stderr, "kesactl: %s\n", failure.text.c_str());
+        std::fprintf(stderr, "kesactl: %s\n", visible(failure.text).c_str());
         return;
     }
     const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
-    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asReadableJsonString(failure.text),
+    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asJsonString(failure.text),
                                          static_cast<int>(failure.exitCode), status);
-    std::fprintf(stderr, "%s\n", line.c_str());
+    std::fprintf(stderr, "%s\n", visibleLines(line).c_str());
 }
 
 std::string fitted(const std::string& text)
@@ -97,8 +93,11 @@ std::string fitted(const std::string& text)
     return cut;
 }
 
-std::string aligned(const std::vector<std::vector<std::string>>& rows)
+std::string aligned(std::vector<std::vector<std::string>> rows)
 {
+    for (std::vector<std::string>& row : rows) {
+        std::transform(row.begin(), row.end(), row.begin(), visible);
+    }
     std::vector<std::size_t> widths(rows.front().size());
     for (const std::vector<std::string>& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column) {
@@ -123,14 +122,12 @@ std::string asJsonString(std::string_view text)
 
 void print(const std::string& text)
 {
-    const bool isWritten = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
-    if (isWritten && std::fflush(stdout) == 0) {
-        return;
-    }
-    if (errno == EPIPE) {
-        ReaderWatch::fail();
-    }
-    throw Failure{ExitCode::eNOT_WRITTEN, "the output cannot be written: " + std::system_category().message(errno)};
+    write(visibleLines(text));
+}
+
+void printValue(const std::string& text)
+{
+    write(::isatty(STDOUT_FILENO) != 0 ? visibleLines(text) : text);
 }
 
 std::string asJsonLine(std::string_view json, const std::string& what)

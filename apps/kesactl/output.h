@@ -13,9 +13,13 @@
 
 namespace kesactl {
 
-/// To stdout, at once. A `Failure` when it cannot be written; without a text when its reader has gone, as the reader of
-/// a pipe that has seen enough.
+/// To stdout, at once, with `visibleLines`. A `Failure` when it cannot be written; without a text when its reader has
+/// gone, as the reader of a pipe that has seen enough. Lines are the caller's to keep: what others have written is
+/// `visible` in them.
 void print(const std::string& text);
+
+/// The same for what has to arrive as it is: only a terminal is spared what it would obey.
+void printValue(const std::string& text);
 
 /// To stderr: a line for people, or one JSON object, {"error": text, "exitCode": number}, and "status" when a service
 /// has refused. Nothing for a failure without a text.
@@ -25,8 +29,8 @@ void printFailure(const Failure& failure, bool isJson);
 std::string fitted(const std::string& text);
 
 /// A table: each column is as wide as its longest text, the last one not filled up. `rows` are of one length, the
-/// heading among them.
-std::string aligned(const std::vector<std::vector<std::string>>& rows);
+/// heading among them. Each text is made `visible`.
+std::string aligned(std::vector<std::vector<std::string>> rows);
 
 /// `text` in quotation marks, as JSON has it.
 std::string asJsonString(std::string_view text);

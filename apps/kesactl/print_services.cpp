@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 #include "output.h"
+#include "visible.h"
 
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/core/Serializer.h>
@@ -87,9 +88,9 @@ void addTo(std::string& text, const Node& node, const std::string& indent)
     for (auto child = node.children.begin(); child != node.children.end(); ++child) {
         const bool isLast = std::next(child) == node.children.end();
         const ServiceDef* const service = child->second.service;
-        text +=
-            fmt::format("{}{}{}{}\n", indent, isLast ? "└── " : "├── ", child->first,
-                        service == nullptr ? "" : fmt::format("  {} of {}", typeOf(*service), providerOf(*service)));
+        text += fmt::format(
+            "{}{}{}{}\n", indent, isLast ? "└── " : "├── ", visible(child->first),
+            service == nullptr ? "" : fmt::format("  {} of {}", typeOf(*service), visible(providerOf(*service))));
         addTo(text, child->second, indent + (isLast ? "    " : "│   "));
     }
 }
@@ -134,7 +135,7 @@ std::string asTable(const Services& services, const Strings& columns)
             rows.back().push_back(findColumn(column)->textOf(service));
         }
     }
-    return aligned(rows);
+    return aligned(std::move(rows));
 }
 
 std::string asTree(const Services& services)
@@ -158,7 +159,7 @@ std::string asDetails(const ServiceDef& service)
 {
     std::string text;
     const auto add = [&text](std::string_view name, const std::string& value) {
-        text += fmt::format("{:<12}  {}\n", name, value);
+        text += fmt::format("{:<12}  {}\n", name, visible(value));
     };
     add("path", service.path.toString());
     add("type", typeOf(service));

@@ -68,29 +68,18 @@ Value ask(const Connection::Client& client, const std::string& path, const Commo
     return list;
 }
 
-/// What a service says, without what a terminal would obey: control characters are blanks.
-std::string asWords(const Value& value)
-{
-    std::string text(value.stringView());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const auto byte = static_cast<unsigned char>(text[i]);
-        const bool isC1 = byte == 0xc2 && i + 1 < text.size() && static_cast<unsigned char>(text[i + 1]) < 0xa0;
-        if (byte < 0x20 || byte == 0x7f || isC1) {
-            text.replace(i, isC1 ? 2 : 1, " ");
-        }
-    }
-    return text;
-}
-
 std::string asTable(const Value& list)
 {
     std::vector<std::vector<std::string>> rows{{"RESOURCE", "COMMAND", "ANSWERS", "TEXT"}};
     for (const Value& resource : list.items()) {
-        const std::string text = asWords(resource["text"]);
-        rows.push_back({asWords(resource["resource"]), asWords(resource["command"]), asWords(resource["answers"]),
-                        text.empty() ? "-" : text});
+        rows.emplace_back();
+        for (const std::string_view member : MEMBERS) {
+            rows.back().emplace_back(resource[member].stringView());
+        }
+        const std::string_view text = resource["text"].stringView();
+        rows.back().emplace_back(text.empty() ? "-" : text);
     }
-    return aligned(rows);
+    return aligned(std::move(rows));
 }
 
 std::string asJsonLines(const Value& list)

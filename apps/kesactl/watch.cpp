@@ -3,6 +3,7 @@
 #include "options.h"
 #include "output.h"
 #include "print_services.h"
+#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <comm/wallClock.h>
@@ -59,8 +60,8 @@ std::string lineOf(const Event& event, bool isJson)
                                          asJson(event.service))
                            : fmt::format(R"({{"time":"{}","event":"{}"}})", time, words.json);
     }
-    return isOfService ? fmt::format("{} {} {}  of {}", time, words.text, event.service.path.toString(),
-                                     providerOf(event.service))
+    return isOfService ? fmt::format("{} {} {}  of {}", time, words.text, visible(event.service.path.toString()),
+                                     visible(providerOf(event.service)))
                        : fmt::format("{} {}", time, words.text);
 }
 

@@ -2,8 +2,9 @@
 // values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header
 // "room", never answers "/hang", begins a stream at "/feed" and never goes on with it, has answers that are hard to
 // show, and refuses the rest.
-// "/media/radio" is the same, and registered before it; as its resources it names what is no such list. "media NAME" is
-// a process of that name, which says why it is refused, and ends when both are.
+// "/media/radio" is the same, and registered before it; its description has what a terminal obeys, and as its resources
+// it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
+// both are.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -58,7 +59,7 @@ void addAnswersThatAreHardToShow(kesa::ResourceHandler& player)
         std::string text;
         std::string_view format;
     } answers[] = {{"/text", "a \"text\"", kesa::mimetypes::TEXT},
-                   {"/bytes", "\xff\xfe", kesa::mimetypes::OCTETS},
+                   {"/bytes", "\xff\x1b[31m", kesa::mimetypes::OCTETS},
                    {"/lines", "{\n\t\"title\": \"one\"\r\n}\n", kesa::mimetypes::JSON},
                    {"/torn", R"({"title":)", kesa::mimetypes::JSON},
                    {"/two", R"({"title":"one"} {})", kesa::mimetypes::JSON},
@@ -118,9 +119,16 @@ int main(int count, char** arguments)
     });
     std::atomic<int> refusals{0};
     std::vector<kesa::Disposable> registrations;
-    for (const auto& [path, service] : {std::pair{"/media/radio", radio}, std::pair{"/media/player", makePlayer()}}) {
+    const struct {
+        const char* path;
+        std::shared_ptr<kesa::ResourceHandler> service;
+        const char* description;
+    } services[] = {{"/media/radio", radio, "plays\x1b[31m,\nor \u009b32mnot"},
+                    {"/media/player", makePlayer(), "plays"}};
+    for (const auto& [path, service, description] : services) {
         registrations.push_back(KesaRuntime::getInstance()->registerService(
-            path, service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"}, kesa::GenericObject{{"description", "plays"}},
+            path, service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"},
+            kesa::GenericObject{{"description", description}},
             kesa::handler<ServiceDef>([](const ServiceDef&) {},
                                       [&refusals, path](const kesa::Response& error) {
                                           std::printf("%s: %s\n", path, kesa::reasonOf(error).c_str());

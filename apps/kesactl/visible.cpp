@@ -1,0 +1,49 @@
+#include "visible.h"
+
+#include <src/utf8.h>
+
+#include <fmt/format.h>
+
+#include <iterator>
+
+namespace kesactl {
+namespace {
+
+/// Those of C0 and C1, the separators of lines, and those that turn the direction of writing.
+bool isControl(char32_t character)
+{
+    return character < 0x20 || (character >= 0x7f && character < 0xa0) ||
+           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+}
+
+std::string visibleBut(std::string_view text, std::string_view kept)
+{
+    std::string result;
+    result.reserve(text.size());
+    while (!text.empty()) {
+        const std::string_view rest = text;
+        const char32_t character = kesa::utf8::takeCharacter(text);
+        if (character == kesa::utf8::INVALID) {
+            result += "\uFFFD";
+        } else if (isControl(character) && kept.find(rest.front()) == std::string_view::npos) {
+            fmt::format_to(std::back_inserter(result), "\\u{:04x}", static_cast<unsigned>(character));
+        } else {
+            result.append(rest.substr(0, rest.size() - text.size()));
+        }
+    }
+    return result;
+}
+
+} // namespace
+
+std::string visible(std::string_view text)
+{
+    return visibleBut(text, {});
+}
+
+std::string visibleLines(std::string_view text)
+{
+    return visibleBut(text, "\n\t");
+}
+
+} // namespace kesactl
