@@ -5,6 +5,7 @@
 #include "ProcessFacts.h"
 
 #include <transport/Descriptor.h>
+#include <transport/RunDirectory.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -93,18 +94,18 @@ std::string rightsOf(const struct stat& status)
     return fmt::format("{} {} {}", text, userName(status.st_uid), groupName(status.st_gid));
 }
 
+/// Through the descriptor of its file: a socket's address has 108 bytes, whatever the name has.
 int tryConnect(int directory, const std::string& file)
 {
+    const Descriptor opened(::openat(directory, file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!socket) {
+    if (!opened || !socket) {
         return errno;
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = fmt::format("/proc/self/fd/{}/{}", directory, file);
-    if (path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1) < path.size()) {
-        return ENAMETOOLONG;
-    }
+    const std::string path = fmt::format("/proc/self/fd/{}", opened.get());
+    path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
     const bool isConnected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     return isConnected || errno == EAGAIN ? 0 : errno; // EAGAIN: others wait to be accepted
 }
@@ -117,17 +118,15 @@ std::string withoutEnding(const std::string& file, std::string_view ending)
     return has ? file.substr(0, file.size() - ending.size()) : "";
 }
 
-void readRealm(RunDirectoryFacts& facts)
+void readRealm(RunDirectoryFacts& facts, int directory)
 {
-    std::ifstream in(facts.path + "/realm");
-    std::error_code unknown;
-    if (!in && !std::filesystem::exists(facts.path + "/realm", unknown)) {
-        return;
-    }
-    std::getline(in, facts.realm);
-    const bool isGood =
-        facts.realm.size() == 16 && facts.realm.find_first_not_of("0123456789abcdef") == std::string::npos;
-    facts.realmState = isGood ? RunDirectoryFacts::Realm::eGOOD : RunDirectoryFacts::Realm::eBAD;
+    using Realm = RunDirectoryFacts::Realm;
+    const auto file = kesa::commadapter::transport::readRealmFile(directory);
+    facts.realm = file.realm;
+    facts.realmState = file.error == ENOENT  ? Realm::eMISSING
+                       : file.error != 0     ? Realm::eUNREADABLE
+                       : facts.realm.empty() ? Realm::eBAD
+                                             : Realm::eGOOD;
 }
 
 } // namespace
@@ -145,7 +144,11 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
     rights = rightsOf(status);
     group = groupName(status.st_gid);
     isWritable = ::faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
-    readRealm(*this);
+    if (::faccessat(directory.get(), ".", X_OK, AT_EACCESS) != 0) { // its names can be listed, and no more
+        error = errno;
+        return;
+    }
+    readRealm(*this, directory.get());
     std::set<std::string> used;
     std::error_code failed;
     for (const auto& entry : std::filesystem::directory_iterator(path, failed)) {

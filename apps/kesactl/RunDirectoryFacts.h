@@ -19,12 +19,12 @@ struct RunDirectoryFacts {
         std::string rights;   ///< of the socket: "srw-rw---- root kesa"
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
     };
-    enum class Realm { eMISSING, eGOOD, eBAD };
+    enum class Realm { eMISSING, eGOOD, eBAD, eUNREADABLE };
 
     explicit RunDirectoryFacts(const std::string& path);
 
     std::string path;
-    int error = 0; ///< `errno` of opening it; what follows is empty then
+    int error = 0; ///< `errno` of looking into it; what follows is empty then
     dev_t device = 0;
     ino_t inode = 0;
     std::string rights; ///< "drwxr-xr-x root root"

@@ -7,10 +7,12 @@
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "reviewSettings.h"
+#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <backend/readCommSettings.h>
 #include <common/RegistryPlace.h>
+#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
 #include <runtime/v02/config/reviewDocument.h>
@@ -42,6 +44,8 @@ using util::config::Value;
 using Name = RunDirectoryFacts::Name;
 using Realm = RunDirectoryFacts::Realm;
 
+constexpr std::size_t MOST = 20; ///< of a kind; more would hide the rest
+
 /// All that decides whether the processes of this machine find each other, and what is wrong.
 struct Page {
     std::string text;
@@ -50,7 +54,8 @@ struct Page {
 
     void addLine(std::string_view name, std::string_view value)
     {
-        text += value.empty() ? fmt::format("{}\n", name) : fmt::format("{:<17} {}\n", name, value);
+        text += value.empty() ? fmt::format("{}\n", visible(name))
+                              : fmt::format("{:<17} {}\n", visible(name), visible(value));
     }
     /// A line, and the same as a member of the facts.
     void add(std::string_view name, const std::string& value)
@@ -59,6 +64,16 @@ struct Page {
         std::string key(name);
         std::replace(key.begin(), key.end(), ' ', '_');
         facts.set(key, value);
+    }
+    /// Findings of one kind.
+    void find(std::vector<std::string>& kind, std::string_view whatMore)
+    {
+        const std::size_t size = kind.size();
+        kind.resize(std::min(size, MOST));
+        findings.insert(findings.end(), kind.begin(), kind.end());
+        if (size > MOST) {
+            findings.push_back(fmt::format("{} more {}", size - MOST, whatMore));
+        }
     }
 };
 
@@ -88,7 +103,7 @@ void addMachine(Page& page)
 /// Answers the run directory that the document names, or nothing.
 std::string addConfiguration(Page& page, const std::string& process)
 {
-    constexpr std::size_t MOST = 5;
+    constexpr std::size_t MOST_COMPLAINTS = 5;
     ConfigReport report;
     const KesaConfig config = KesaConfig::readOr(process, KesaRuntime::WITH_REGISTRYD, &report);
     reviewDocument(report);
@@ -96,14 +111,14 @@ std::string addConfiguration(Page& page, const std::string& process)
     page.add("configuration", report.file.empty() ? "no file: the built-in document counts" : report.file);
     std::size_t count = 0;
     for (const auto& complaint : report.complaints) {
-        if (complaint.severity >= 3 && ++count <= MOST) {
+        if (complaint.severity >= 3 && ++count <= MOST_COMPLAINTS) {
             page.findings.push_back(fmt::format("{}: {}{}{}; kesactl check-config says where",
                                                 report.file.empty() ? "the configuration" : report.file, complaint.path,
                                                 complaint.path.empty() ? "" : ": ", complaint.text));
         }
     }
-    if (count > MOST) {
-        page.findings.push_back(fmt::format("{} more complaints; see kesactl check-config", count - MOST));
+    if (count > MOST_COMPLAINTS) {
+        page.findings.push_back(fmt::format("{} more complaints; see kesactl check-config", count - MOST_COMPLAINTS));
     }
     std::vector<std::string> said; // by the review
     return kesa::commadapter::readCommSettings(report.root["comm"], said).runDir;
@@ -121,33 +136,37 @@ void addRights(Page& page, const RunDirectoryFacts& facts)
     }
 }
 
+/// Nobody has the name, and nobody listens.
+bool isLeft(const Name& name)
+{
+    return name.holder == 0 && name.connectError != 0 && name.connectError != EACCES;
+}
+
 void addRealm(Page& page, const RunDirectoryFacts& facts)
 {
-    page.add("realm", facts.realmState == Realm::eMISSING ? "none" : facts.realm);
-    if (facts.realmState == Realm::eBAD) {
+    page.add("realm", facts.realmState == Realm::eGOOD ? facts.realm : "none");
+    if (facts.realmState == Realm::eUNREADABLE) {
+        page.findings.push_back(fmt::format("{}/realm cannot be read by this user; give it the mode 0644", facts.path));
+    } else if (facts.realmState == Realm::eBAD) {
         page.findings.push_back(fmt::format("{}/realm does not hold 16 hex digits; remove it when no process uses the "
                                             "directory",
                                             facts.path));
-    } else if (facts.realmState == Realm::eMISSING && !facts.names.empty()) {
+    } else if (facts.realmState == Realm::eMISSING && !std::all_of(facts.names.begin(), facts.names.end(), isLeft)) {
         page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
                                             "realm than those that run; restart all of them",
                                             facts.path));
     }
 }
 
-/// What keeps others from the process, or is left of it.
-void addFinding(Page& page, const std::string& directory, const Name& name, const ProcessFacts& process)
+/// What keeps others from the process.
+void addFindings(std::vector<std::string>& findings, const std::string& socket, const Name& name,
+                 const ProcessFacts& process)
 {
     const auto find = [&](std::string_view what) {
-        page.findings.push_back(fmt::format("{} ({}): {}", name.name, name.holder, what));
+        findings.push_back(name.holder == 0 ? fmt::format("{}: {}", name.name, what)
+                                            : fmt::format("{} ({}): {}", name.name, name.holder, what));
     };
-    const std::string socket = directory + "/" + name.name + ".sock";
-    if (name.holder == 0 && name.connectError != 0) {
-        page.findings.push_back(
-            fmt::format("{} is left of a process that was killed; the next one of that name replaces "
-                        "it, or remove it",
-                        socket));
-    } else if (name.holder != 0 && !name.hasSocket) {
+    if (name.holder != 0 && !name.hasSocket) {
         find("has its name, but its socket was removed, so nobody can reach it; restart it, and keep cleaners out of "
              "the run directory");
     } else if (name.connectError == EACCES) {
@@ -170,9 +189,8 @@ void addFinding(Page& page, const std::string& directory, const Name& name, cons
 std::string describe(const Name& name, const ProcessFacts& process)
 {
     if (name.holder == 0) {
-        return name.hasSocket && name.connectError == 0
-                   ? "a process that is not visible from here, as of another container"
-                   : "nobody: its socket is left";
+        return isLeft(name) ? "nobody: its socket is left"
+                            : "a process that is not visible from here, as of another container";
     }
     return process.isThere ? fmt::format("process {} of {}, {}{}{}", name.holder, process.user, process.executable,
                                          process.library.empty() ? "" : ", ", process.library)
@@ -183,9 +201,21 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
+    std::vector<std::string> wrong;
+    std::vector<std::string> left;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder);
-        page.addLine("  " + name.name, describe(name, process));
+        const std::string socket = facts.path + "/" + name.name + ".sock";
+        if (isLeft(name)) {
+            left.push_back(fmt::format(
+                "{} is left of a process that was killed; the next one of that name replaces it, or remove it",
+                socket));
+        } else {
+            addFindings(wrong, socket, name, process);
+        }
+        if (!isLeft(name) || left.size() <= MOST) {
+            page.addLine("  " + name.name, describe(name, process));
+        }
         Dictionary entry{{"name", name.name}};
         if (name.holder != 0) {
             entry.set("pid", std::int64_t{name.holder});
@@ -194,8 +224,12 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
             entry.set("library", process.library);
         }
         names.emplace_back(std::move(entry));
-        addFinding(page, facts.path, name, process);
     }
+    if (left.size() > MOST) {
+        page.addLine(fmt::format("  and {} more", left.size() - MOST), "nobody: their sockets are left");
+    }
+    page.find(wrong, "findings about processes with a name here; see to those above first");
+    page.find(left, "sockets are left of processes that were killed");
     page.facts.set("names", std::move(names));
     if (!facts.strays.empty()) {
         page.findings.push_back(
@@ -271,7 +305,8 @@ void addRunDirectory(Page& page, const RunDirectory& directory, const RunDirecto
     page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
     if (facts.error != ENOENT) {
         page.findings.push_back(
-            fmt::format("the run directory {} cannot be looked at: {}", facts.path, reasonOf(facts.error)));
+            fmt::format("the run directory {} cannot be looked into: {}; its owner or group may let this user",
+                        facts.path, reasonOf(facts.error)));
     } else if (::faccessat(AT_FDCWD, around.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
         page.findings.push_back(
             fmt::format("the run directory {} is not there, and this user cannot make it in {}: {}; "
@@ -285,9 +320,14 @@ void addAnswer(Page& page, const apps::RegistryPlace& place)
     if (!place.problem.empty()) {
         return;
     }
+    // Where nobody listens now, there is nothing to wait for.
+    const bool isListened = std::any_of(place.locators.begin(), place.locators.end(), [](const kesa::url& locator) {
+        return kesa::commadapter::whyUnreachable(locator).reason.empty();
+    });
     try {
         const System system;
-        const Services services = system.view("**")->list(comm::now() + 2 * comm::SECOND, true).services;
+        const comm::TimeNs deadline = comm::now() + (isListened ? 2 * comm::SECOND : 0);
+        const Services services = system.view("**")->list(deadline, true).services;
         page.addLine("it answers", fmt::format("{} services", services.size()));
         page.facts.set("services", static_cast<std::uint64_t>(services.size()));
     } catch (const Failure& failure) {
@@ -300,7 +340,7 @@ std::string asText(const Page& page)
 {
     std::string text = page.text + (page.findings.empty() ? "nothing is wrong\n" : "\n");
     for (std::size_t i = 0; i < page.findings.size(); ++i) {
-        text += fmt::format("{}. {}\n", i + 1, page.findings[i]);
+        text += fmt::format("{}. {}\n", i + 1, visible(page.findings[i]));
     }
     return text;
 }
@@ -312,7 +352,7 @@ std::string asJson(const Page& page)
         findings.emplace_back(finding);
     }
     const Value whole(Dictionary{{"findings", std::move(findings)}, {"facts", page.facts}});
-    return asJsonLine(whole.toText(), "this cannot be said in JSON; leave out --json") + '\n';
+    return whole.toText() + '\n';
 }
 
 bool diagnose(bool isJson)

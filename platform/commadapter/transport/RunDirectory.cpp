@@ -50,27 +50,6 @@ std::string adviseRights(const std::string& directory)
                : "make it writable for this process";
 }
 
-/// True when the file is there and holds something else. Missing: `realm` stays empty.
-bool readRealm(int directory, std::string& realm)
-{
-    const Descriptor file(retryInterrupted(
-        [&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
-    if (!file) {
-        return false;
-    }
-    std::array<char, 64> buffer;
-    const ssize_t size = retryInterrupted([&] { return ::read(file.get(), buffer.data(), buffer.size()); });
-    std::string_view text(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
-    if (!text.empty() && text.back() == '\n') {
-        text.remove_suffix(1);
-    }
-    if (!isRealm(text)) {
-        return true;
-    }
-    realm = text;
-    return false;
-}
-
 /// Writes a file of its own and links it to the name: nobody reads half a realm, and the first one to link has won.
 bool writeRealm(int directory)
 {
@@ -94,6 +73,23 @@ bool writeRealm(int directory)
 
 } // namespace
 
+RealmFile readRealmFile(int directory)
+{
+    const Descriptor file(retryInterrupted(
+        [&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+    if (!file) {
+        const bool isNoFile = errno == ELOOP || errno == ENXIO; // a link or a socket
+        return {isNoFile ? 0 : errno, {}};
+    }
+    std::array<char, 64> buffer;
+    const ssize_t size = retryInterrupted([&] { return ::read(file.get(), buffer.data(), buffer.size()); });
+    std::string_view text(buffer.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    if (!text.empty() && text.back() == '\n') {
+        text.remove_suffix(1);
+    }
+    return {0, std::string(isRealm(text) ? text : "")};
+}
+
 RunDirectory::RunDirectory(const std::string& configured) : RunDirectory(chooseRunDirectory(configured)) {}
 
 RunDirectory::RunDirectory(const RunDirectoryChoice& choice)
@@ -115,26 +111,27 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         errno = isMissing ? makeError : errno;
         return refuse(isMissing ? "cannot make" : "cannot open");
     }
-    std::string text;
-    bool failed = readRealm(opened.get(), text);
-    if (!failed && text.empty()) {
+    RealmFile file = readRealmFile(opened.get());
+    if (file.error == ENOENT) {
         if (writeRealm(opened.get())) {
             return refuse("cannot write into");
         }
-        failed = readRealm(opened.get(), text);
+        file = readRealmFile(opened.get());
     }
-    if (failed || text.empty()) {
-        why =
-            fmt::format("the file \"{}/{}\" does not hold 16 hex digits; remove it when no process uses the directory",
-                        m_path, REALM_FILE);
+    if (file.realm.empty()) {
+        why = file.error == 0 ? fmt::format("the file \"{}/{}\" does not hold 16 hex digits; remove it when no process "
+                                            "uses the directory",
+                                            m_path, REALM_FILE)
+                              : fmt::format("cannot read the file \"{}/{}\": {}; give it the mode {:04o}", m_path,
+                                            REALM_FILE, std::system_category().message(file.error), REALM_MODE);
         return true;
     }
     if (::faccessat(opened.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
         return refuse("cannot write into");
     }
     const std::lock_guard lock(m_mutex);
-    m_realm = text;
-    realm = text;
+    m_realm = file.realm;
+    realm = file.realm;
     directory = std::move(opened);
     return false;
 }
@@ -147,8 +144,11 @@ bool RunDirectory::hasRealm(const std::string& realm)
     }
     const Descriptor directory(
         retryInterrupted([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-    // While the directory is missing, its last realm stands.
-    return directory && !readRealm(directory.get(), m_realm) && m_realm == realm;
+    const std::string present = directory ? readRealmFile(directory.get()).realm : "";
+    if (!present.empty()) { // while it is missing, the last one stands
+        m_realm = present;
+    }
+    return m_realm == realm;
 }
 
 } // namespace kesa::commadapter::transport

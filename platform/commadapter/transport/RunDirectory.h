@@ -9,6 +9,15 @@
 
 namespace kesa::commadapter::transport {
 
+/// What the file `realm` of a run directory holds.
+struct RealmFile {
+    int error = 0;     ///< `errno` of opening it: `ENOENT` when it is not there
+    std::string realm; ///< empty: it holds something else, or is no file
+};
+
+/// Whatever it is that somebody has put there: neither waits, nor follows a link, nor reads on.
+RealmFile readRealmFile(int directory);
+
 /// The directory in which the processes of one realm find each other; its file `realm` names the realm. Any thread.
 class RunDirectory {
 public:
