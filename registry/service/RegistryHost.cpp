@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace kesa::registry {
 
@@ -21,6 +22,111 @@ using runtime::v02::KesaRuntime;
 using serviceregistry::IServiceRegistry;
 using serviceregistry::ServiceRegistryPexService;
 using ServiceUpdate = ResourceUpdate<ServiceDef>;
+
+namespace {
+
+/// What hears of the runtime's own services, for one host after the other: a runtime has a single query for it, which
+/// is never disposed, as that would be traced as an error here. It goes with the runtime.
+class Follower {
+public:
+    using Mirror = std::function<void(const ServiceUpdate&)>;
+
+    explicit Follower(Mirror mirror) : m_mirror(std::move(mirror)) {}
+
+    /// From its own "/registry" on; what comes before was its predecessor's.
+    void takeOver(Mirror mirror)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_next = std::move(mirror);
+        m_silence.reset();
+    }
+    /// The runtime's end frees a proxy that this process does not have, and calls that an error.
+    void beQuiet()
+    {
+        const std::lock_guard lock(m_mutex);
+        m_silence.emplace("KESA_RUNTIME_BACKENDS");
+    }
+    /// On the updater.
+    void told(const ServiceUpdate& update)
+    {
+        std::unique_lock lock(m_mutex);
+        if (m_next && update.type == ResourceUpdateType::eADDED &&
+            update.element.path.toString() == serviceregistry::ServiceRegistryPex::SERVICE_PATH) {
+            m_mirror = std::exchange(m_next, nullptr);
+        }
+        const Mirror mirror = m_mirror;
+        lock.unlock();
+        mirror(update);
+    }
+
+private:
+    std::mutex m_mutex;
+    // With the mutex held.
+    Mirror m_mirror;
+    Mirror m_next;
+    std::optional<tracing::Silence> m_silence;
+};
+
+/// Those that begin when the registration of one that was stopped has been answered, and with it withdrawn or refused.
+struct Successors {
+    std::vector<std::function<void()>> begins; ///< with the mutex of `Predecessors` held
+};
+
+/// What the hosts of one runtime leave to the next. What belongs to a runtime that has ended is without effect.
+class Predecessors {
+public:
+    static Predecessors& of(const IRuntimeRegistry& runtime)
+    {
+        static std::mutex mutex;
+        static auto* const all = new std::map<const IRuntimeRegistry*, Predecessors>(); // runtimes may outlive statics
+        const std::lock_guard lock(mutex);
+        return (*all)[&runtime];
+    }
+
+    /// True when a host has to wait: then `begin` is called, on a loop of the runtime.
+    bool await(std::function<void()> begin)
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto ending = m_ending.lock();
+        if (ending) {
+            ending->begins.push_back(std::move(begin));
+        }
+        return ending != nullptr;
+    }
+    /// One was stopped whose registration has not been answered.
+    void setEnding(const std::weak_ptr<Successors>& successors)
+    {
+        const std::lock_guard lock(m_mutex);
+        m_ending = successors;
+    }
+    /// It has been. Answers who begins now.
+    std::vector<std::function<void()>> setEnded(Successors& successors)
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_ending.lock().get() == &successors) {
+            m_ending.reset();
+        }
+        return std::exchange(successors.begins, {});
+    }
+    /// Its handler keeps it. Null when there is none to take over; then `made` is the one.
+    std::shared_ptr<Follower> findFollower(const std::shared_ptr<Follower>& made)
+    {
+        const std::lock_guard lock(m_mutex);
+        const auto found = m_follower.lock();
+        if (!found) {
+            m_follower = made;
+        }
+        return found;
+    }
+
+private:
+    std::mutex m_mutex;
+    // With the mutex held.
+    std::weak_ptr<Successors> m_ending; ///< owned by the handler of the registration
+    std::weak_ptr<Follower> m_follower;
+};
+
+} // namespace
 
 /// Follows what the own runtime provides, and holds it in the registry as one more process would, save that it is
 /// always there and never refused.
@@ -45,25 +151,27 @@ public:
                 self->prove(path, std::move(answer));
             }
         });
-        // It holds this object: whether the registration is ours to end may be known only after `stop`.
-        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
-            [self = shared_from_this()](const ServiceDef& serviceDef) {
-                self->registered(serviceDef);
-                return false;
-            },
-            [self = shared_from_this()](const Response& error) { self->refused(error); }, [] {});
-        // For whoever has to know whether the services of before may have found a registry that was started anew.
-        const GenericObject metainfo{{"started_ms", comm::now() / comm::MILLISECOND}};
-        Disposable registration = serviceregistry::registerRegistry(m_runtime, m_service, metainfo, std::move(handler));
-        const std::lock_guard lock(m_mutex);
-        m_registration = std::move(registration);
+        const bool waits = m_predecessors.await([weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                self->begin();
+            }
+        });
+        if (!waits) {
+            begin();
+        }
     }
 
     void stop()
     {
         {
             const std::lock_guard lock(m_mutex);
-            if (std::exchange(m_isStopped, true) || !m_isRegistered) {
+            if (std::exchange(m_isStopped, true)) {
+                return;
+            }
+            if (!m_isRegistered) {
+                if (!m_successors.expired()) {
+                    m_predecessors.setEnding(m_successors);
+                }
                 return;
             }
         }
@@ -73,6 +181,37 @@ public:
     IServiceRegistry& registry() { return *m_registry; }
 
 private:
+    void begin()
+    {
+        const auto successors = std::make_shared<Successors>();
+        // It holds this object: whether the registration is ours to end may be known only after `stop`.
+        auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
+            [self = shared_from_this(), successors](const ServiceDef& serviceDef) {
+                self->registered(serviceDef);
+                self->beginNext(*successors);
+                return false;
+            },
+            [self = shared_from_this(), successors](const Response& error) {
+                self->refused(error);
+                self->beginNext(*successors);
+            },
+            [] {});
+        // For whoever has to know whether the services of before may have found a registry that was started anew.
+        const GenericObject metainfo{{"started_ms", comm::now() / comm::MILLISECOND}};
+        const std::lock_guard lock(m_mutex); // the runtime only posts
+        if (!m_isStopped) {
+            m_successors = successors;
+            m_registration = serviceregistry::registerRegistry(m_runtime, m_service, metainfo, std::move(handler));
+        }
+    }
+
+    void beginNext(Successors& successors)
+    {
+        for (const std::function<void()>& begin : m_predecessors.setEnded(successors)) {
+            begin();
+        }
+    }
+
     void registered(const ServiceDef& serviceDef)
     {
         // Not left to the tracking, so that it comes first.
@@ -106,8 +245,8 @@ private:
 
     void withdraw()
     {
-        if (const auto silence = m_silence.lock()) {
-            silence->emplace("KESA_RUNTIME_BACKENDS");
+        if (const auto follower = m_follower.lock()) {
+            follower->beQuiet();
         }
         std::unique_lock lock(m_mutex);
         Disposable registration = std::exchange(m_registration, Disposable());
@@ -115,17 +254,24 @@ private:
         registration.dispose();
     }
 
-    /// Only of what is registered. It is never disposed: its handler goes with the runtime, and with it what keeps the
-    /// runtime's end quiet.
+    /// Only of what is registered.
     void follow()
     {
-        const auto silence = std::make_shared<std::optional<tracing::Silence>>();
-        m_silence = silence;
+        const auto mirror = [weak = weak_from_this()](const ServiceUpdate& update) {
+            if (const auto self = weak.lock()) {
+                self->mirror(update);
+            }
+        };
+        auto follower = std::make_shared<Follower>(mirror);
+        if (const auto found = m_predecessors.findFollower(follower)) {
+            found->takeOver(mirror);
+            m_follower = found;
+            return;
+        }
+        m_follower = follower;
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
-            [weak = weak_from_this(), silence](const ServiceUpdate& update) {
-                if (const auto self = weak.lock()) {
-                    self->mirror(update);
-                }
+            [follower = std::move(follower)](const ServiceUpdate& update) {
+                follower->told(update);
                 return false;
             },
             [](const Response&) {}, [] {});
@@ -178,20 +324,20 @@ private:
     }
 
     IRuntimeRegistry& m_runtime;
+    Predecessors& m_predecessors = Predecessors::of(m_runtime);
     const std::function<void()> m_ready;
     const std::function<void(const Response&)> m_failed;
     Registry* const m_registry; ///< the service's
     const std::shared_ptr<Registry::Impl> m_core;
     const std::shared_ptr<ServiceRegistryPexService> m_service;
-    /// From the withdrawal to the runtime's end, which frees a proxy that this process does not have, and calls that an
-    /// error. Set before `m_isRegistered`.
-    std::weak_ptr<std::optional<tracing::Silence>> m_silence;
+    std::weak_ptr<Follower> m_follower; ///< set before `m_isRegistered`
 
     std::mutex m_mutex;
     // With the mutex held.
     bool m_isStopped = false; ///< by the owner, or because it was refused
     bool m_isRegistered = false;
     Disposable m_registration;
+    std::weak_ptr<Successors> m_successors; ///< none before it has begun
 
     /// Requests at the registry, by path. Of the executor until the services are followed, then of the updater.
     std::map<std::string, void*> m_mirrored;

@@ -109,6 +109,39 @@ TEST_F(RegistryHostTest, EndsItsRequestsAndGoesQuietly)
     EXPECT_THAT(m_clients.told(), testing::IsEmpty());
 }
 
+TEST_F(RegistryHostTest, BeginsWhenItsPredecessorHasEnded)
+{
+    host();
+    m_host.reset(); // before it is known whether it was registered
+    auto brief = makeHost(*m_runtime, "brief ");
+    brief.reset(); // before it has begun
+    m_host = makeHost(*m_runtime, "second ");
+    auto rival = makeHost(*m_runtime, "rival ");
+    run();
+    EXPECT_THAT(m_clients.told(), ElementsAre("second ready", "rival 409"));
+    EXPECT_TRUE(isProvided() && isBackendsErrorShown());
+    rival.reset();
+
+    // However often it has begun, one query follows the services, and only the present registry hears of them.
+    Process watcher("watcher", "");
+    for (int i = 0; i < 3; ++i) {
+        m_host->stop();
+        EXPECT_FALSE(isBackendsErrorShown());
+        m_host = makeHost(*m_runtime, "");
+        m_clients.told(); // what the one before had been asked is gone with it
+        m_clients.m_asked = &m_host->registry();
+        m_clients.query(watcher, "all", Query("**"));
+        EXPECT_THAT(traced(4, [] {}), testing::IsEmpty());
+        EXPECT_THAT(m_clients.told(), ElementsAre("all: []", "all: [+/registry]", "ready"));
+    }
+    EXPECT_TRUE(isBackendsErrorShown());
+    m_journal->take();
+    auto own = registerService("/own", "own");
+    Lines lines = happened();
+    EXPECT_EQ(std::count(lines.begin(), lines.end(), "query update"), 1);
+    own.dispose();
+}
+
 TEST_F(RegistryHostTest, RefusedOneLeavesTheOtherAlone)
 {
     host();

@@ -13,6 +13,8 @@ namespace kesa::registry {
 /// Makes this process the host of the registry: registers it with the runtime, as the first of all services, and shows
 /// its watchers what this process itself provides. The runtime must have found one of its registry locators to be its
 /// own (`KesaRuntime::isRegistryHost`). There is one at a time: a second one is refused and leaves the first alone.
+/// Once one has been stopped the next may be made: it begins when the first has been withdrawn, which its `ready`
+/// tells.
 ///
 /// The runtime of the hosting process knows its own services only: who wants to see all of them here asks `registry()`.
 class KESA_API RegistryHost {
@@ -28,9 +30,9 @@ public:
     RegistryHost& operator=(const RegistryHost&) = delete;
 
     /// Ends all requests with 503, then withdraws the registry. Every other registration of this process must have
-    /// been disposed before. From then on until the runtime ends, its channel KESA_RUNTIME_BACKENDS is silent unless
-    /// a threshold has been set for it. Does nothing when the registration was refused. Before the runtime ends; not on
-    /// a loop of it.
+    /// been disposed before. From then on until the runtime ends or hosts again, its channel KESA_RUNTIME_BACKENDS is
+    /// silent unless a threshold has been set for it. Does nothing when the registration was refused. Before the
+    /// runtime ends; not on a loop of it.
     void stop();
 
     serviceregistry::IServiceRegistry& registry();
