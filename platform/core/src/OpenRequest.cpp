@@ -99,6 +99,7 @@ bool OpenRequest::onNext(const Response& response)
     const bool notAccepted = m_handler->onNext(response);
     if (--m_calls == 0 && m_hasEnded) {
         done = std::move(m_handler); // ended inside the call; dies without the lock
+        m_table->erase(m_number);
     }
     return notAccepted;
 }
@@ -119,8 +120,8 @@ bool OpenRequest::end(bool isWithdrawn, const Call& call)
     call(*m_handler);
     if (--m_calls == 0) {
         done = std::move(m_handler);
+        m_table->erase(m_number); // not before the calls: who cancels meanwhile has to find the request, and wait
     }
-    m_table->erase(m_number); // not before the call: who cancels meanwhile has to find the request, and wait
     return true;
 }
 
