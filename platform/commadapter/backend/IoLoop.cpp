@@ -69,6 +69,9 @@ void IoLoop::runAndWait(const std::string& what, util::UniqueFunction<void()> wo
 void IoLoop::flushAtTurnEnd(Connection& connection)
 {
     m_gathered.push_back(connection.shared_from_this());
+    if (m_depth == 0 && m_gathered.size() == 1) { // called by somebody's timer: no turn of ours is under way
+        m_reactor->atTurnEnd([self = shared_from_this()] { const Turn turn(*self); });
+    }
 }
 
 void IoLoop::flushGathered()

@@ -52,6 +52,15 @@ TEST_P(BackendRequests, AnswersComeInOrderAndOnTheLoopOnly)
     EXPECT_TRUE(client->checker.isConnected());
 }
 
+TEST_P(BackendRequests, LeaveAtOnceAlsoFromSomebodysWorkOnTheLoop)
+{
+    auto echo = client->request(retrieve("/drop"));
+    settle();
+    lastLoop.lock()->post([&] { echo = client->request(retrieve("/echo", "hello")); });
+    settle(); // no heartbeat is due, whose turn would take it along
+    EXPECT_THAT(echo->values, ElementsAre("hello"));
+}
+
 TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
 {
     RequestContext seen;

@@ -98,6 +98,7 @@ protected:
         const std::uint64_t group = ++lastGroup;
         scheduler->setGroup(group);
         auto backend = makeCommBackend(process, settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
+            lastLoop = loop;
             std::vector<std::unique_ptr<transport::ITransport>> transports;
             transports.push_back(network->makeTransport(std::move(loop), group));
             return transports;
@@ -136,6 +137,7 @@ protected:
     std::unique_ptr<comm::SimulatedScheduler> scheduler;
     std::unique_ptr<transport::MemoryNetwork> network;
     std::uint64_t lastGroup = 0;
+    std::weak_ptr<comm::Reactor> lastLoop; ///< of the backend that was made last
 };
 
 /// A server (group 1) with one service, and a client (group 2) that is connected to it.
