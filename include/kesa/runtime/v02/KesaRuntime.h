@@ -3,6 +3,7 @@
 
 #include <kesa/runtime/v02/IKesaRuntime.h>
 
+#include <functional>
 #include <string>
 
 namespace kesa::runtime::v02 {
@@ -31,6 +32,10 @@ public:
         R"({"use_registry": true, "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]},)"
         R"( "serializer-formats": {"*": ["application/json"]}})";
     static IKesaRuntime* getInstance();
+    /// Calls `work` with the instance, which lives until `work` has returned: `shutdown` waits for that. False, and
+    /// nothing is called, while there is none or it is ending. For who may run while the runtime ends; any thread.
+    /// `work` must wait for nothing and not come back here.
+    static bool withInstance(const std::function<void(IKesaRuntime&)>& work);
     /// Ends the runtime: no handler is called after it returns; those still kept are destroyed without a final call.
     /// `Disposable`s and client objects may be kept: disposing does nothing then, requests end with 503.
     static void shutdown();

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <new>
+#include <shared_mutex>
 
 namespace kesa::runtime::v02 {
 
@@ -17,6 +18,7 @@ enum class State { eNONE, eSTARTING, ePRESENT, eENDING };
 
 std::atomic<State> state{State::eNONE};
 std::atomic<KesaRuntimeImpl*> singeton_impl{nullptr};
+std::shared_mutex inUse; ///< shared while `withInstance` uses the instance, and taken alone before it is deleted
 
 constexpr const char* NONE =
     "this process has no runtime: call initInstance before, and nothing of the runtime after shutdown";
@@ -93,6 +95,16 @@ IKesaRuntime* KesaRuntime::getInstance()
     return instance;
 }
 
+bool KesaRuntime::withInstance(const std::function<void(IKesaRuntime&)>& work)
+{
+    const std::shared_lock<std::shared_mutex> lock(inUse);
+    if (state != State::ePRESENT) {
+        return false;
+    }
+    work(*singeton_impl.load());
+    return true;
+}
+
 void KesaRuntime::shutdown()
 {
     if (failToTake(State::ePRESENT, State::eENDING, __LINE__, "shutdown")) {
@@ -108,6 +120,9 @@ void KesaRuntime::shutdown()
         fail("!isWaitedFor()", __LINE__, "shutdown",
              "shutdown waits for the runtime's threads: call it from a thread of your own, not from a handler");
         return;
+    }
+    {
+        const std::unique_lock<std::shared_mutex> alone(inUse); // who comes later finds that it is ending
     }
     delete singeton_impl.load(); // whose handlers may still ask for it
     singeton_impl = nullptr;

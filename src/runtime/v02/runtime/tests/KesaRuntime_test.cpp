@@ -64,6 +64,8 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
     EXPECT_FALSE(KesaRuntime::isRunning());
     EXPECT_EQ(KesaRuntime::getInstance(), nullptr);
+    const auto isThere = [] { return KesaRuntime::withInstance([](IKesaRuntime&) {}); };
+    EXPECT_FALSE(isThere());
     KesaRuntime::shutdown();
     EXPECT_THAT(m_assertions->take(),
                 ElementsAre(HasSubstr("singeton_impl!=nullptr, getInstance, this process has no runtime: call init"),
@@ -73,6 +75,7 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     EXPECT_TRUE(KesaRuntime::isRunning());
     IKesaRuntime* const instance = KesaRuntime::getInstance();
     EXPECT_EQ(instance->getConfigAccessor().getOwnProcessName(), "p");
+    EXPECT_TRUE(isThere());
     EXPECT_FALSE(KesaRuntime::initInstance("q"));
     EXPECT_EQ(KesaRuntime::getInstance(), instance);
     EXPECT_THAT(m_assertions->take(),
@@ -89,7 +92,8 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     m_assertions->take();
     registration.dispose();
     // Nor while it is under way: here what dies in it stands for another thread.
-    std::shared_ptr<void> dying(nullptr, [](void*) {
+    std::shared_ptr<void> dying(nullptr, [&isThere](void*) {
+        EXPECT_FALSE(isThere());
         KesaRuntime::shutdown();
         EXPECT_FALSE(KesaRuntime::initInstance("q"));
     });
