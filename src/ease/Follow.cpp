@@ -1,8 +1,26 @@
+// A stream that ends with 503 is asked for again, whatever has ended it. The 503 of a lost connection comes before the
+// news of the loss, so it cannot be told from one of a service that is still connected: "too slow", or its own. Asking
+// again can: without a connection it fails, and the next connection asks anyway. A pause keeps a service that ends each
+// stream from being asked as fast as it can answer.
+//
+// A client object tells such an error on its I/O loop, whose timer is the pause's. Off a loop it comes of the runtime's
+// end or of a client object that has been let go: nobody is left to be asked.
 #include "Follow.h"
 
+#include <comm/Reactor.h>
+#include <comm/onAnyLoop.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace kesa {
+
+namespace {
+
+constexpr comm::TimeNs FIRST_PAUSE = 10 * comm::MILLISECOND;
+constexpr comm::TimeNs LONGEST_PAUSE = comm::SECOND;
+
+} // namespace
 
 /// Of one stream: of those before the last nothing counts any more.
 class Follow::Handler final : public IResponseHandler<Response> {
@@ -21,18 +39,68 @@ Follow::Follow(Request request, std::shared_ptr<OpenRequest> client)
     : m_request(std::move(request)), m_client(std::move(client))
 {}
 
-void Follow::ask(const std::shared_ptr<IKesaApi>& api)
+bool Follow::isOver() const
 {
-    if (isOver()) {
-        return;
-    }
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_isOver;
+}
+
+void Follow::connected(const std::shared_ptr<IKesaApi>& api, unsigned connection)
+{
     unsigned number = 0;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        number = ++m_number;
+        if (m_isOver || connection <= m_connection) {
+            return;
+        }
+        m_connection = connection;
+        m_pause = 0;
         m_asked = {api, IKesaApi::UNDEFINED_REQUEST_HANDLE};
-        m_values = 0;
+        number = begin();
     }
+    ask(api, number);
+}
+
+Asked Follow::lost(unsigned connection)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_connection = connection;
+    ++m_number;
+    return std::exchange(m_asked, Asked());
+}
+
+void Follow::end()
+{
+    const Asked asked = finish();
+    m_client->withdraw();
+    asked.cancel();
+}
+
+void Follow::end(const Response& error)
+{
+    const Asked asked = finish();
+    m_client->withdraw(error);
+    asked.cancel();
+}
+
+Asked Follow::finish()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_isOver = true;
+    ++m_number;
+    return std::exchange(m_asked, Asked());
+}
+
+/// A new stream; with the lock held.
+unsigned Follow::begin()
+{
+    m_since = comm::now();
+    m_hasValue = false;
+    return ++m_number;
+}
+
+void Follow::ask(const std::shared_ptr<IKesaApi>& api, unsigned number)
+{
     void* const handle = api->request(m_request, std::make_unique<Handler>(shared_from_this(), number));
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -41,26 +109,7 @@ void Follow::ask(const std::shared_ptr<IKesaApi>& api)
             return;
         }
     }
-    Asked{api, handle}.cancel(); // lost, ended or asked for again meanwhile
-}
-
-Asked Follow::lost()
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    ++m_number;
-    return std::exchange(m_asked, Asked());
-}
-
-void Follow::end()
-{
-    m_client->withdraw();
-    lost().cancel();
-}
-
-bool Follow::isCurrent(unsigned number) const
-{
-    const std::lock_guard<std::mutex> lock(m_mutex);
-    return m_number == number;
+    Asked{api, handle}.cancel(); // lost, ended or over meanwhile
 }
 
 bool Follow::onNext(unsigned number, const Response& response)
@@ -70,38 +119,74 @@ bool Follow::onNext(unsigned number, const Response& response)
         if (m_number != number) {
             return true;
         }
-        ++m_values;
+        m_hasValue = true;
     }
     return m_client->onNext(response);
 }
 
-/// The 503 of a lost connection comes before the news of the loss, so it can not be told from one of a service that is
-/// still connected. Asking again can: without a connection it fails, and the next connection asks anyway. A stream that
-/// ends with its first value would only be asked for for ever.
+/// False when that stream does not count any more.
+bool Follow::endsWith(unsigned number)
+{
+    Asked asked; // dies without the lock
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_number != number) {
+        return false;
+    }
+    m_isOver = true;
+    ++m_number;
+    asked = std::exchange(m_asked, Asked());
+    return true;
+}
+
 void Follow::onError(unsigned number, const Response& error)
 {
-    constexpr unsigned WORTH_ASKING_AGAIN = 2;
-    std::shared_ptr<IKesaApi> api;
-    unsigned values = 0;
+    if (error.getStatus() == 503) {
+        askLater(number);
+    } else if (endsWith(number)) {
+        m_client->onError(error);
+    }
+}
+
+void Follow::askLater(unsigned number)
+{
+    comm::TimeNs due = comm::now();
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_number != number) {
             return;
         }
-        api = std::exchange(m_asked, Asked()).api;
-        values = m_values;
+        const bool hasLasted = m_hasValue && due - m_since > m_pause;
+        m_pause = hasLasted ? FIRST_PAUSE : std::clamp(2 * m_pause, FIRST_PAUSE, LONGEST_PAUSE);
+        m_asked.handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
+        number = ++m_number;
+        due += m_pause;
     }
-    if (error.getStatus() != 503) {
-        m_client->onError(error);
-    } else if (values >= WORTH_ASKING_AGAIN) {
-        ask(api);
+    if (const comm::LoopInfo* const loop = comm::currentLoop(); loop != nullptr && loop->isReactor()) {
+        loop->reactor->startTimer(due, [weak = weak_from_this(), number] {
+            if (const auto follow = weak.lock()) {
+                follow->askAgain(number);
+            }
+        });
     }
+}
+
+void Follow::askAgain(unsigned number)
+{
+    std::shared_ptr<IKesaApi> api;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_number != number) {
+            return;
+        }
+        api = m_asked.api;
+        number = begin();
+    }
+    ask(api, number);
 }
 
 void Follow::onCompleted(unsigned number)
 {
-    if (isCurrent(number)) {
-        static_cast<void>(lost());
+    if (endsWith(number)) {
         m_client->onCompleted();
     }
 }

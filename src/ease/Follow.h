@@ -1,6 +1,7 @@
 #ifndef KESA_EASE_FOLLOW_H
 #define KESA_EASE_FOLLOW_H
 
+#include <comm/Clock.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/OpenRequest.h>
 
@@ -22,34 +23,48 @@ struct Asked {
     }
 };
 
-/// One persistent stream that is asked for at each connection. Any thread; the client's handler is called without the
-/// lock.
+/// One persistent stream that is asked for at each connection, and again after a pause when it ends with 503 while
+/// connected. Any thread; nothing is called with the lock held, so what only takes that waits for no handler.
 class Follow : public std::enable_shared_from_this<Follow> {
 public:
     Follow(Request request, std::shared_ptr<OpenRequest> client);
 
-    bool isOver() const { return !m_client->isOpen(); }
-    /// There is a connection.
-    void connected(const std::shared_ptr<IKesaApi>& api) { ask(api); }
-    /// There is none any more: what comes of the last stream is passed over. The caller cancels what is returned.
-    [[nodiscard]] Asked lost();
+    /// It needs nothing any more, though its last handler may still be running. Waits for no handler.
+    bool isOver() const;
+    /// There is a connection: the `connection`th change. Who tells of it may come late: changes before those that it
+    /// has heard of are passed over.
+    void connected(const std::shared_ptr<IKesaApi>& api, unsigned connection);
+    /// There is none any more: what comes of the last stream is passed over. The caller cancels what is returned. Waits
+    /// for no handler.
+    [[nodiscard]] Asked lost(unsigned connection);
     /// No call to the client's handler runs or comes after this returns, unless it comes from inside one.
     void end();
+    /// The same, but tells it `error`.
+    void end(const Response& error);
 
 private:
     class Handler;
-    void ask(const std::shared_ptr<IKesaApi>& api);
-    bool isCurrent(unsigned number) const;
+    unsigned begin();
+    void ask(const std::shared_ptr<IKesaApi>& api, unsigned number);
+    void askAgain(unsigned number);
+    void askLater(unsigned number);
+    Asked finish();
+    bool endsWith(unsigned number);
     bool onNext(unsigned number, const Response& response);
     void onError(unsigned number, const Response& error);
     void onCompleted(unsigned number);
 
     const Request m_request;
     const std::shared_ptr<OpenRequest> m_client;
-    mutable std::mutex m_mutex;
-    Asked m_asked;         ///< under `m_mutex`
-    unsigned m_number = 0; ///< of the stream; under `m_mutex`
-    unsigned m_values = 0; ///< of the stream; under `m_mutex`
+
+    mutable std::mutex m_mutex; ///< of all below
+    Asked m_asked;              ///< its `api` is the connection's, also during a pause
+    unsigned m_number = 0;      ///< of the stream, or of the pause; what has another one does not count any more
+    unsigned m_connection = 0;  ///< the last change that was heard of
+    comm::TimeNs m_since = 0;   ///< when the stream was asked for
+    bool m_hasValue = false;    ///< it has brought one
+    comm::TimeNs m_pause = 0;   ///< the last one on this connection
+    bool m_isOver = false;
 };
 
 } // namespace kesa

@@ -7,7 +7,10 @@
 // - connection lost while the registry knows the service: keep the resolving, which connects again by itself. While it
 //   does not: let go.
 //
-// Requests take the client object under a mutex of their own, never the one that is held while handlers are told.
+// Two locks. `m_news` is held while news are worked on and told, so whoever takes it waits for the handlers of
+// `onChange`. Under `m_mutex` is what `request` and `follow` need, and with that held nothing is asked that may wait
+// for a handler: a stream's handler runs under its stream's own lock and may call these two, while a handler of
+// `onChange` disposes that very stream. So `follow` never takes `m_news`.
 #include "Follow.h"
 #include "waiting.h"
 
@@ -57,16 +60,10 @@ public:
         }
         m_runtime = runtime;
         const std::lock_guard<std::recursive_mutex> lock(m_news);
-        m_tracking = runtime->trackService(
-            m_path, handler<ResourceUpdate<ServiceDef>>(
-                        [self = shared_from_this()](const ResourceUpdate<ServiceDef>& update) {
-                            self->onNews([&] { self->tracked(update); });
-                        },
-                        [self = shared_from_this()](const Response& error) {
-                            self->onNews([&] { self->setState(nullptr, reasonOf(error), error.getStatus()); });
-                        }));
+        m_tracking = runtime->trackService(m_path, std::make_unique<Tracking>(shared_from_this()));
     }
 
+    /// Nothing of this is touched after a handler has been called: it may drop the client.
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
@@ -112,11 +109,11 @@ public:
 
     void onChange(util::UniqueFunction<void(bool)> handler)
     {
+        const auto kept = std::make_shared<util::UniqueFunction<void(bool)>>(std::move(handler));
         const std::lock_guard<std::recursive_mutex> lock(m_news);
         if (m_hasEnded) {
             return;
         }
-        const auto kept = std::make_shared<util::UniqueFunction<void(bool)>>(std::move(handler));
         m_handlers.push_back(kept);
         if (isConnected()) {
             (*kept)(true);
@@ -128,17 +125,18 @@ public:
         if (!request.getHeader(headers::RESPONSE_SEMANTIC).isDefined()) {
             headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
         }
-        const std::lock_guard<std::recursive_mutex> lock(m_news);
+        auto taken = std::move(handler); // dropped without the lock, if it is
+        std::unique_lock<std::mutex> lock(m_mutex);
         if (m_hasEnded) {
-            const auto dropped = std::move(handler);
             return {};
         }
-        const auto follow = std::make_shared<Follow>(std::move(request), m_following.open(std::move(handler)));
-        m_follows.erase(std::remove_if(m_follows.begin(), m_follows.end(), [](const auto& f) { return f->isOver(); }),
-                        m_follows.end());
-        m_follows.push_back(follow);
-        if (isConnected()) {
-            follow->connected(m_api);
+        const auto follow = std::make_shared<Follow>(std::move(request), m_following.open(std::move(taken)));
+        addFollow(follow);
+        const Api api = m_isConnected ? m_api : nullptr;
+        const unsigned change = m_changes;
+        lock.unlock();
+        if (api) {
+            follow->connected(api, change);
         }
         return Disposable([weak = std::weak_ptr<Follow>(follow)] {
             if (const auto ended = weak.lock()) {
@@ -147,21 +145,20 @@ public:
         });
     }
 
+    /// Each caller waits for the handlers that are running, not only the first.
     void end()
     {
-        std::vector<std::shared_ptr<Follow>> follows;
-        onNews([&] {
-            m_hasEnded = true;
-            m_tracking.dispose();
-            m_resolving.dispose();
-            m_handlers.clear();
-            follows.swap(m_follows);
-        });
-        for (const auto& follow : follows) {
+        std::vector<Asked> left;
+        for (const auto& follow : takeAll(left)) {
             follow->end();
         }
-        const auto open = m_requests.close();
-        for (const auto& request : open) {
+        for (const Asked& asked : left) {
+            asked.cancel();
+        }
+        for (const auto& running : m_following.close()) {
+            running->withdraw();
+        }
+        for (const auto& request : m_requests.close()) {
             if (request->withdraw(Response::createErrorResponse(503, ENDED))) {
                 cancelWork(*request);
             }
@@ -184,6 +181,45 @@ public:
 
 private:
     static constexpr const char* ENDED = "the client has ended";
+    static constexpr const char* RUNTIME_ENDED = "the runtime has ended";
+
+    using Handlers = std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>>;
+    using Follows = std::vector<std::shared_ptr<Follow>>;
+
+    /// Of the connection, and who is to be told.
+    struct Change {
+        unsigned number = 0;
+        Follows follows;
+    };
+
+    /// Unless it has failed, it dies after our own end, or with the runtime.
+    class Tracking final : public IResponseHandler<ResourceUpdate<ServiceDef>> {
+    public:
+        explicit Tracking(std::shared_ptr<Impl> client) : m_client(std::move(client)) {}
+        Tracking(const Tracking&) = delete;
+        Tracking& operator=(const Tracking&) = delete;
+        ~Tracking() override
+        {
+            if (!m_hasFailed) {
+                m_client->runtimeEnded();
+            }
+        }
+        bool onNext(const ResourceUpdate<ServiceDef>& update) noexcept override
+        {
+            m_client->onNews([&] { m_client->tracked(update); });
+            return false;
+        }
+        void onError(const Response& error) noexcept override
+        {
+            m_hasFailed = true;
+            m_client->onNews([&] { m_client->setState(nullptr, reasonOf(error), error.getStatus()); });
+        }
+        void onCompleted() noexcept override {}
+
+    private:
+        const std::shared_ptr<Impl> m_client;
+        bool m_hasFailed = false;
+    };
 
     /// What changes the tables below goes through here: one at a time, and nothing after the end. What it leaves to be
     /// cancelled is cancelled without the lock.
@@ -238,9 +274,9 @@ private:
             return; // of a resolving that has been disposed
         }
         if (api) {
-            setState(*api, {}, 0);
-            for (const auto& follow : m_follows) {
-                follow->connected(*api);
+            const Change change = setState(*api, {}, 0);
+            for (const auto& follow : change.follows) {
+                follow->connected(*api, change.number);
             }
             tell(true);
             return;
@@ -256,6 +292,21 @@ private:
         if (number == m_number) {
             letGo();
             setState(nullptr, fmt::format("'{}' cannot be reached: {}", m_path, reasonOf(error)), error.getStatus());
+        }
+    }
+
+    /// Open requests have been told by then. What follows is told that nothing more comes.
+    void runtimeEnded()
+    {
+        onNews([this] {
+            lose(RUNTIME_ENDED);
+            if (!m_hasEnded) { // by a handler that was told
+                setState(nullptr, RUNTIME_ENDED, 503);
+            }
+        });
+        std::vector<Asked> left;
+        for (const auto& follow : takeAll(left)) {
+            follow->end(Response::createErrorResponse(503, RUNTIME_ENDED));
         }
     }
 
@@ -275,7 +326,7 @@ private:
     /// The client object is kept: it may be connected again before we hear of it.
     void lose(const std::string& reason)
     {
-        Api api;
+        Change change;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (!m_isConnected) {
@@ -283,16 +334,17 @@ private:
             }
             m_isConnected = false;
             m_reason = reason;
+            change = {++m_changes, m_follows};
         }
-        for (const auto& follow : m_follows) {
-            m_left.push_back(follow->lost());
+        for (const auto& follow : change.follows) {
+            m_left.push_back(follow->lost(change.number));
         }
         tell(false);
     }
 
     void tell(bool isConnected)
     {
-        const auto handlers = m_handlers; // one of them may add another, which is told itself, or end us
+        const Handlers handlers = m_handlers; // one of them may add another, which is told itself, or end us
         for (const auto& handler : handlers) {
             if (m_hasEnded) {
                 return;
@@ -302,7 +354,7 @@ private:
     }
 
     /// Connected to `api`, or not, with the reason.
-    void setState(const Api& api, const std::string& reason, unsigned short status)
+    Change setState(const Api& api, const std::string& reason, unsigned short status)
     {
         Api before;
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -314,6 +366,42 @@ private:
         m_reason = reason;
         m_status = status;
         m_changed.notifyAll();
+        return {++m_changes, m_follows};
+    }
+
+    /// Those that are over go when there are twice as many as were left the last time.
+    void addFollow(const std::shared_ptr<Follow>& follow)
+    {
+        if (m_follows.size() >= m_swept) {
+            m_follows.erase(
+                std::remove_if(m_follows.begin(), m_follows.end(), [](const auto& f) { return f->isOver(); }),
+                m_follows.end());
+            constexpr std::size_t FEW = 16;
+            m_swept = std::max(2 * m_follows.size(), FEW);
+        }
+        m_follows.push_back(follow);
+    }
+
+    /// Ends the news, once none is being told; all but `left` and what is answered is destroyed without a lock.
+    Follows takeAll(std::vector<Asked>& left)
+    {
+        Handlers handlers;
+        Disposable tracking;
+        Disposable resolving;
+        Follows follows;
+        {
+            const std::lock_guard<std::recursive_mutex> news(m_news);
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_hasEnded = true;
+            handlers.swap(m_handlers);
+            std::swap(tracking, m_tracking);
+            std::swap(resolving, m_resolving);
+            follows.swap(m_follows);
+            left.swap(m_left);
+        }
+        tracking.dispose();
+        resolving.dispose();
+        return follows;
     }
 
     void cancelWork(const OpenRequest& open)
@@ -328,28 +416,30 @@ private:
     std::string nobody() const { return fmt::format("nobody is known to provide '{}'", m_path); }
 
     const std::string m_path;
-    IRuntimeRegistry* m_runtime = nullptr;
+    IRuntimeRegistry* m_runtime = nullptr; ///< used in its own calls only, so while it lives
 
     /// Held while the handlers of `onChange` are called, so that `end` waits for them; recursive, since they may end
     /// us.
     std::recursive_mutex m_news;
-    bool m_hasEnded = false;     ///< this and the following under `m_news`
-    bool m_isKnown = false;      ///< the registry knows the service
+    bool m_isKnown = false;      ///< the registry knows the service; this and the following under `m_news`
     std::vector<url> m_locators; ///< those resolved; empty: none
     unsigned m_number = 0;       ///< of the resolving
     std::vector<Asked> m_left;   ///< to be cancelled
     Disposable m_tracking;
     Disposable m_resolving;
-    std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>> m_handlers;
-    std::vector<std::shared_ptr<Follow>> m_follows;
+    Handlers m_handlers;
+    bool m_hasEnded = false; ///< written under both locks, so either will do for reading
 
     mutable std::mutex m_mutex;
     comm::Condition m_changed;
     Api m_api;              ///< this and the following under `m_mutex`
     std::size_t m_apis = 0; ///< how many there have been: the part of a request's work
     bool m_isConnected = false;
+    unsigned m_changes = 0; ///< of that
     std::string m_reason = nobody();
     unsigned short m_status = 0; ///< of an error that will not pass by itself
+    Follows m_follows;
+    std::size_t m_swept = 0; ///< so many are kept before those that are over go
 
     OpenRequests m_requests;
     OpenRequests m_following;
@@ -370,9 +460,12 @@ void* Client::request(const Request& request, std::unique_ptr<IResponseHandler<R
     return m_impl->request(request, std::move(handler));
 }
 
+// What calls a handler, or destroys one, keeps what it works on: the handler may drop the client.
+
 void Client::cancel(void* handle) noexcept
 {
-    m_impl->cancel(handle);
+    const auto impl = m_impl;
+    impl->cancel(handle);
 }
 
 bool Client::isConnected() const
@@ -387,22 +480,28 @@ std::string Client::reason() const
 
 void Client::onChange(util::UniqueFunction<void(bool)> handler)
 {
-    m_impl->onChange(std::move(handler));
+    const auto impl = m_impl;
+    impl->onChange(std::move(handler));
 }
 
 Disposable Client::follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler)
 {
-    return m_impl->follow(std::move(request), std::move(handler));
+    const auto impl = m_impl;
+    return impl->follow(std::move(request), std::move(handler));
 }
 
 void Client::end()
 {
-    m_impl->end();
+    const auto impl = m_impl;
+    impl->end();
 }
 
 std::shared_ptr<Client> use(const std::string& path)
 {
-    return std::make_shared<Client>(runtime::v02::KesaRuntime::getInstance(), path);
+    std::shared_ptr<Client> client;
+    const bool isThere = runtime::v02::KesaRuntime::withInstance(
+        [&](IRuntimeRegistry& runtime) { client = std::make_shared<Client>(&runtime, path); });
+    return isThere ? client : std::make_shared<Client>(nullptr, path);
 }
 
 std::shared_ptr<Client> use(IRuntimeRegistry& runtime, const std::string& path)
@@ -413,14 +512,16 @@ std::shared_ptr<Client> use(IRuntimeRegistry& runtime, const std::string& path)
 /// Waits for a client's connection.
 class Connecting {
 public:
-    static ConnectResult run(IRuntimeRegistry* runtime, const std::string& path, std::chrono::nanoseconds timeout)
+    template <class Use>
+    static ConnectResult run(const Use& use, std::chrono::nanoseconds timeout)
     {
         ConnectResult result;
         result.error = detail::refusalToWait("kesa::connect", "use kesa::use and whenConnected");
         if (!result.error.empty()) {
             return result;
         }
-        auto client = std::make_shared<Client>(runtime, path);
+        timeout = std::max(timeout, std::chrono::nanoseconds::zero());
+        std::shared_ptr<Client> client = use();
         result.status = client->m_impl->wait(detail::deadlineIn(timeout), result.error);
         if (result.status == 0) {
             result.client = std::move(client);
@@ -434,27 +535,37 @@ public:
 
 ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run(runtime::v02::KesaRuntime::getInstance(), path, timeout);
+    return Connecting::run([&] { return use(path); }, timeout);
 }
 
 ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run(&runtime, path, timeout);
+    return Connecting::run([&] { return use(runtime, path); }, timeout);
 }
 
-GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
-{
-    return get(*runtime::v02::KesaRuntime::getInstance(), path, std::move(request), timeout);
-}
+namespace {
 
-GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
+template <class Connect>
+GetResult connectAndGet(const Connect& connect, Request&& request, std::chrono::nanoseconds timeout)
 {
     const comm::TimeNs deadline = detail::deadlineIn(timeout);
-    const ConnectResult found = connect(runtime, path, timeout);
+    const ConnectResult found = connect();
     if (!found) {
         return {std::nullopt, found.status, found.error};
     }
     return get(*found.client, std::move(request), std::chrono::nanoseconds(deadline - comm::now()));
+}
+
+} // namespace
+
+GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
+{
+    return connectAndGet([&] { return connect(path, timeout); }, std::move(request), timeout);
+}
+
+GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
+{
+    return connectAndGet([&] { return connect(runtime, path, timeout); }, std::move(request), timeout);
 }
 
 } // namespace kesa

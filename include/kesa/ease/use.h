@@ -28,9 +28,12 @@ class IRuntimeRegistry;
 /// or not: requests and streams go on while only the registry is away. It lets go when the connection is lost and the
 /// registry does not know the service either, and begins anew when the service is registered again, by whomever.
 ///
+/// When the runtime ends, it tells its handlers so before `shutdown` returns, in that thread: `onChange` false, what
+/// follows 503; `reason` says it, too. It does not come back to life with another runtime.
+///
 /// Threads: every operation from any. Nothing is called after `end` or the destructor has returned; both wait for a
 /// handler that is running, unless they come from inside it. So two handlers that run at once must not each end what
-/// the other belongs to.
+/// the other belongs to. A handler may drop the client.
 class KESA_API Client final : public IKesaApi {
 public:
     /// By `use`. `runtime` may be null: then there is nothing to connect to, and `reason` says so.
@@ -50,7 +53,7 @@ public:
     std::string reason() const;
 
     /// `handler(isConnected)` is called at each change: on the runtime's executor or updater, one call at a time; and
-    /// with true inside this call, if it is connected now. It must not block.
+    /// with true inside this call, if it is connected now. It must not block. Waits for one that is running.
     void onChange(util::UniqueFunction<void(bool)> handler);
     /// `handler()` is called at each connection, in the same way.
     template <class Function>
@@ -66,15 +69,15 @@ public:
     /// Asks for a persistent stream now or at the next connection, and again after each reconnection: the values of all
     /// these streams go to `handler`, one at a time, on the I/O loop. What a service sends first comes again each time.
     ///
-    /// A stream that ends with 503 is asked for again: at the next connection, or at once when it has brought more than
-    /// one value, for it may have been cut as "too slow". Every other end is passed to `handler`, and is the end of the
-    /// following.
+    /// A stream that ends with 503 is asked for again: at the next connection, or, while connected (it was cut as "too
+    /// slow", or the service says so), after 10 ms. The pause doubles up to 1 s as long as the streams end without a
+    /// value or within the pause before. Every other end is passed to `handler`, and is the end of the following.
     ///
     /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call.
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
 
     /// Lets go. Open requests are answered 503 inside this call, all other handlers are destroyed without a call. Every
-    /// request from then on is answered 503. Twice is harmless.
+    /// request from then on is answered 503. Twice is harmless, and the second waits, too.
     void end();
 
 private:
@@ -83,7 +86,8 @@ private:
     std::shared_ptr<Impl> m_impl;
 };
 
-/// Follows the service at `path` through the runtime of this process. It ends by itself with the runtime.
+/// Follows the service at `path` through the runtime of this process. Never null: without a runtime, or while it ends,
+/// `reason` says that there is none, as do `connect` and `get` (503).
 [[nodiscard]] KESA_API std::shared_ptr<Client> use(const std::string& path);
 /// The same through `runtime`, which outlives no call to the client's operations.
 [[nodiscard]] KESA_API std::shared_ptr<Client> use(runtime::v02::IRuntimeRegistry& runtime, const std::string& path);

@@ -39,7 +39,8 @@ public:
                             std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
     {
         log.push_back("track " + path);
-        tracking = std::move(handler);
+        tracking = handler.get();
+        trackings.push_back(std::move(handler));
         return Disposable([this] { log.push_back("untrack"); });
     }
     Disposable trackServices(const Query&, std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&&) override
@@ -78,11 +79,17 @@ public:
     void removed() { update(ResourceUpdateType::eREMOVED, "ipc://p/p"); }
     void connected(const Api& api) const { resolving->onNext(api); }
     void lost() const { resolving->onNext(optional<Api>()); }
+    void end()
+    {
+        trackings.clear();
+        resolving.reset();
+    }
     std::vector<std::string> take() { return std::exchange(log, {}); }
 
     std::vector<std::string> log;
     std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
-    std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>> tracking;
+    std::vector<std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>> trackings;
+    IResponseHandler<ResourceUpdate<ServiceDef>>* tracking = nullptr; ///< the last one
     std::unique_ptr<IResponseHandler<optional<Api>>> resolving;
     std::unique_ptr<IResponseHandler<optional<Api>>> before; ///< of the resolving that has been released
 

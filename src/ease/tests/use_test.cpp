@@ -3,12 +3,18 @@
 
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
+#include <comm/Reactor.h>
+#include <comm/SimulatedScheduler.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
 
 namespace {
 
@@ -136,19 +142,14 @@ TEST_F(Use, FollowsAgainAfterEachReconnection)
     runtime.connected(service);
     service->value("2");
     EXPECT_EQ(service->requests.size(), 2U);
-    service->value("3");
-    service->end(503); // while connected, as "too slow"
-    EXPECT_EQ(service->requests.size(), 3U);
-    service->end(503); // it was the loss
-    EXPECT_EQ(service->requests.size(), 3U);
-    EXPECT_THAT(takeTold(), ElementsAre("1", "lost", "connected", "2", "3"));
+    EXPECT_THAT(takeTold(), ElementsAre("1", "lost", "connected", "2"));
     runtime.lost();
     runtime.connected(service);
     following.dispose();
     EXPECT_EQ(service->handlers.back(), nullptr);
     runtime.lost();
     runtime.connected(service);
-    EXPECT_EQ(service->requests.size(), 4U);
+    EXPECT_EQ(service->requests.size(), 3U);
 
     const Disposable none = client->follow(Request("retrieve", "/none"), listener());
     told.clear();
@@ -156,7 +157,80 @@ TEST_F(Use, FollowsAgainAfterEachReconnection)
     runtime.lost();
     runtime.connected(service);
     EXPECT_THAT(takeTold(), ElementsAre("404", "lost", "connected"));
-    EXPECT_EQ(service->requests.size(), 5U);
+    EXPECT_EQ(service->requests.size(), 4U);
+}
+
+class SimulatedTime {
+protected:
+    SimulatedTime() { comm::Scheduler::install(&scheduler); }
+    SimulatedTime(const SimulatedTime&) = delete;
+    SimulatedTime& operator=(const SimulatedTime&) = delete;
+    ~SimulatedTime() { comm::Scheduler::install(nullptr); }
+
+    comm::SimulatedScheduler scheduler{1};
+};
+
+/// Answers come on an I/O loop, whose clock the test has in its hand.
+class UseOnALoop : public SimulatedTime, public Use {
+protected:
+    UseOnALoop() { connect(); }
+    ~UseOnALoop() override { loop->stop(); }
+
+    /// `service` brings so many values at once and ends the stream with 503.
+    void endsAfter(int values)
+    {
+        loop->post([this, values] {
+            for (int i = 0; i < values; ++i) {
+                service->value("v");
+            }
+            service->end(503);
+        });
+        scheduler.runReady();
+    }
+    /// When it is asked for the next time, in ms from now; it must not be before.
+    comm::TimeNs pause()
+    {
+        const std::size_t before = service->requests.size();
+        const comm::TimeNs since = comm::now();
+        while (service->requests.size() == before && comm::now() < since + 10 * comm::SECOND) {
+            scheduler.runFor(comm::MILLISECOND);
+        }
+        EXPECT_EQ(service->requests.size(), before + 1);
+        return (comm::now() - since) / comm::MILLISECOND;
+    }
+
+    std::shared_ptr<comm::Reactor> loop = comm::Scheduler::current().makeReactor("io");
+};
+
+TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
+{
+    auto following = client->follow(Request("retrieve", "/feed"), listener());
+    for (const int values : {0, 1, 2, 9, 1, 0, 1, 1, 1}) {
+        endsAfter(values);
+        takeTold();
+        const comm::TimeNs expected = std::min<comm::TimeNs>(10LL << (service->requests.size() - 1), 1000);
+        EXPECT_EQ(pause(), expected);
+    }
+    scheduler.runFor(2 * comm::SECOND); // it lasts, but without a value
+    endsAfter(0);
+    EXPECT_EQ(pause(), 1000);
+    scheduler.runFor(2 * comm::SECOND);
+    endsAfter(1);
+    EXPECT_EQ(pause(), 10);
+
+    endsAfter(0);
+    runtime.lost();
+    runtime.connected(service);
+    const std::size_t asked = service->requests.size();
+    scheduler.runFor(2 * comm::SECOND);
+    EXPECT_EQ(service->requests.size(), asked) << "by the connection, at once, and by no timer any more";
+    endsAfter(0);
+    EXPECT_EQ(pause(), 10) << "a new connection, a new chance";
+
+    endsAfter(0);
+    following.dispose();
+    scheduler.runFor(2 * comm::SECOND);
+    EXPECT_EQ(service->requests.size(), asked + 1);
 }
 
 TEST_F(Use, CallsNothingAfterItsEnd)
@@ -178,6 +252,80 @@ TEST_F(Use, CallsNothingAfterItsEnd)
     EXPECT_THAT(takeTold(), IsEmpty());
 }
 
+/// Runs the stream's handler, which the test gives, in this thread, as the I/O loop does.
+TEST_F(Use, MayBeFollowedWhileAnyHandlerRuns)
+{
+    connect();
+    const auto followElsewhere = [this] {
+        std::async(std::launch::async, [this] {
+            client->follow(Request("retrieve", "/other"), handler<Response>([](const Response&) {})).dispose();
+        }).get();
+    };
+    const Disposable stream =
+        client->follow(Request("retrieve", "/feed"), handler<Response>([&](const Response&) { followElsewhere(); }));
+    service->value("1"); // a follow that waits for the running handler would never return
+    client->onChange([&](bool) { followElsewhere(); });
+    runtime.lost();
+    EXPECT_EQ(service->open(), 0U) << "each was cancelled";
+}
+
+TEST_F(Use, EveryEndWaitsForAHandlerThatRuns)
+{
+    for (const bool isStream : {true, false}) {
+        client = use(runtime, "/p");
+        connect();
+        std::atomic<bool> hasReturned{false};
+        bool wasEarly = false;
+        std::thread second;
+        auto held = handler<Response>(
+            [&](const Response&) {
+                client->end();
+                second = std::thread([&] {
+                    client->end();
+                    hasReturned = true;
+                });
+                for (int i = 0; i < 1000; ++i) { // time for one that does not wait
+                    std::this_thread::yield();
+                }
+                wasEarly = hasReturned;
+            },
+            [](const Response&) {});
+        if (isStream) {
+            static_cast<void>(client->follow(Request("retrieve", "/feed"), std::move(held)));
+        } else {
+            client->request(Request("retrieve", "/"), std::move(held));
+        }
+        const auto call = std::move(service->handlers.back()); // whose call the cancel does not destroy
+        call->onNext(Response(200, Payload()));
+        second.join();
+        EXPECT_FALSE(wasEarly) << isStream;
+    }
+}
+
+TEST_F(Use, SaysSoWhenTheRuntimeEnds)
+{
+    connect();
+    const Disposable feed = client->follow(Request("retrieve", "/feed"), listener());
+    runtime.end();
+    EXPECT_THAT(takeTold(), ElementsAre("lost", "503"));
+    EXPECT_FALSE(client->isConnected());
+    EXPECT_EQ(call(), "503: the runtime has ended");
+    EXPECT_EQ(client->reason(), "the runtime has ended");
+
+    client = use(runtime, "/p");
+    runtime.tracking->onError(Response::createErrorResponse(400, "no path"));
+    runtime.end();
+    EXPECT_EQ(client->reason(), "400: no path") << "it had ended before";
+}
+
+TEST_F(Use, WithoutARuntimeIsAReason)
+{
+    EXPECT_EQ(kesa::use("/p")->reason(), "this process has no runtime");
+    EXPECT_EQ(kesa::connect("/p", 1s).error, "this process has no runtime");
+    const GetResult result = kesa::get("/p", Request("retrieve", "/"), 1s);
+    EXPECT_EQ(std::to_string(result.status) + ' ' + result.error, "503 this process has no runtime");
+}
+
 TEST_F(Use, AHandlerMayEndIt)
 {
     client->onChange([this](bool isConnected) {
@@ -190,11 +338,27 @@ TEST_F(Use, AHandlerMayEndIt)
     runtime.added("ipc://other/p");
     EXPECT_THAT(takeTold(), ElementsAre("lost"));
     EXPECT_THAT(runtime.take(), ElementsAre("untrack", "release ipc://p/p"));
+
+    const auto drop = [this] {
+        client.reset();
+        runtime.end(); // so nobody else keeps what is being called
+    };
+    client = use(runtime, "/p");
+    connect();
+    client->onChange([&drop](bool) { drop(); });
+    EXPECT_EQ(client, nullptr);
+    client = use(runtime, "/p");
+    connect();
+    client->request(Request("retrieve", "/"),
+                    handler<Response>([](const Response&) {}, [&drop](const Response&) { drop(); }));
+    client->end();
+    EXPECT_EQ(client, nullptr);
 }
 
 TEST_F(Use, ConnectWaitsOrSaysWhyNot)
 {
-    EXPECT_EQ(kesa::connect(runtime, "/p", 0s).error, "not connected within 0 ms: nobody is known to provide '/p'");
+    EXPECT_EQ(kesa::connect(runtime, "/p", std::chrono::nanoseconds::min()).error,
+              "not connected within 0 ms: nobody is known to provide '/p'");
     EXPECT_EQ(runtime.take().back(), "untrack") << "nothing is left";
     const GetResult nobody = kesa::get(runtime, "/p", Request("retrieve", "/"), 0s);
     EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p'");
