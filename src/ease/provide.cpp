@@ -37,18 +37,25 @@ bool isAdded(const Response& response, const std::vector<url>& locators)
 
 class Registration::Impl : public std::enable_shared_from_this<Registration::Impl> {
 public:
-    Impl(IRuntimeRegistry& runtime, std::string path, OnRefused onRefused)
+    Impl(IRuntimeRegistry* runtime, std::string path, OnRefused onRefused)
         : m_runtime(runtime), m_path(std::move(path)), m_onRefused(std::move(onRefused))
     {}
 
     void start(std::shared_ptr<IKesaApi> service, const GenericObject& metainfo)
     {
-        Disposable registration = m_runtime.registerService(
-            m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
-            handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
-                                [self = shared_from_this()](const Response& error) { self->refused(error); }));
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        m_registration = std::move(registration);
+        const auto registerAt = [&](IRuntimeRegistry& runtime) {
+            Disposable registration = runtime.registerService(
+                m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
+                handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
+                                    [self = shared_from_this()](const Response& error) { self->refused(error); }));
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_registration = std::move(registration);
+        };
+        if (m_runtime != nullptr) {
+            registerAt(*m_runtime);
+        } else if (!runtime::v02::KesaRuntime::withInstance(registerAt)) {
+            refused(Response::createErrorResponse(503, "this process has no runtime"));
+        }
     }
 
     void whenKnown(util::UniqueFunction<void()> handler)
@@ -74,7 +81,7 @@ public:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_hasEnded = true;
-            registry.swap(m_registry);
+            registry = m_registry; // stays: who ends us a second time waits for its handlers, too
             waiting.swap(m_waiting);
             // What is asked for may yet be refused, and its `Disposable` would end what is in its way: left to the
             // answer.
@@ -119,7 +126,7 @@ private:
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_state = State::eOVER;
-            registry.swap(m_registry);
+            registry = m_registry;
             waiting.swap(m_waiting);
         }
         if (registry) {
@@ -146,7 +153,8 @@ private:
                 return;
             }
             if (!m_registry) {
-                m_registry = use(m_runtime, ServiceRegistryPex::SERVICE_PATH);
+                m_registry = m_runtime == nullptr ? use(ServiceRegistryPex::SERVICE_PATH)
+                                                  : use(*m_runtime, ServiceRegistryPex::SERVICE_PATH);
             }
             registry = m_registry;
             locators = m_locators;
@@ -167,7 +175,7 @@ private:
         return m_hasEnded;
     }
 
-    IRuntimeRegistry& m_runtime;
+    IRuntimeRegistry* const m_runtime; ///< null: that of the process
     const std::string m_path;
     std::recursive_mutex m_telling; ///< held while `m_onRefused` is called, so that `end` waits for it
     OnRefused m_onRefused;          ///< under `m_telling`
@@ -181,7 +189,7 @@ private:
     std::shared_ptr<Client> m_registry;                  ///< once somebody wants to know
 };
 
-Registration::Registration(IRuntimeRegistry& runtime, const std::string& path, std::shared_ptr<IKesaApi> service,
+Registration::Registration(IRuntimeRegistry* runtime, const std::string& path, std::shared_ptr<IKesaApi> service,
                            const GenericObject& metainfo, OnRefused onRefused)
     : m_impl(std::make_shared<Impl>(runtime, path, std::move(onRefused)))
 {
@@ -200,20 +208,21 @@ void Registration::whenKnown(util::UniqueFunction<void()> handler)
 
 void Registration::end()
 {
-    m_impl->end();
+    const auto impl = m_impl; // a handler that is destroyed may drop us
+    impl->end();
 }
 
 std::unique_ptr<Registration> provide(const std::string& path, std::shared_ptr<IKesaApi> service,
                                       const GenericObject& metainfo, Registration::OnRefused onRefused)
 {
-    return provide(*runtime::v02::KesaRuntime::getInstance(), path, std::move(service), metainfo, std::move(onRefused));
+    return std::make_unique<Registration>(nullptr, path, std::move(service), metainfo, std::move(onRefused));
 }
 
 std::unique_ptr<Registration> provide(IRuntimeRegistry& runtime, const std::string& path,
                                       std::shared_ptr<IKesaApi> service, const GenericObject& metainfo,
                                       Registration::OnRefused onRefused)
 {
-    return std::make_unique<Registration>(runtime, path, std::move(service), metainfo, std::move(onRefused));
+    return std::make_unique<Registration>(&runtime, path, std::move(service), metainfo, std::move(onRefused));
 }
 
 } // namespace kesa

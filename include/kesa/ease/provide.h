@@ -26,14 +26,14 @@ class IRuntimeRegistry;
 ///
 /// Threads: every operation from any. Nothing is called after `end` or the destructor has returned; both wait for a
 /// handler that is running, unless they come from inside it. So two handlers that run at once must not both end it. The
-/// service object may be called until the runtime has let go of it. After the runtime's end only these two may be
-/// called.
+/// service object may be called until the runtime has let go of it. After the end of a runtime that was named only
+/// these two may be called.
 class KESA_API Registration {
 public:
     using OnRefused = util::UniqueFunction<void(const Response&)>;
 
-    /// By `provide`.
-    Registration(runtime::v02::IRuntimeRegistry& runtime, const std::string& path, std::shared_ptr<IKesaApi> service,
+    /// By `provide`. `runtime` may be null: that of this process.
+    Registration(runtime::v02::IRuntimeRegistry* runtime, const std::string& path, std::shared_ptr<IKesaApi> service,
                  const GenericObject& metainfo, OnRefused onRefused);
     Registration(const Registration&) = delete;
     Registration& operator=(const Registration&) = delete;
@@ -58,7 +58,7 @@ private:
 ///
 /// `onRefused` hears why it is not provided, also long after `provide`, when the registry refuses it: 409, the path is
 /// another's; 400, it is no path, or `service` is null. On the updater, once; it must not block. Without one it is
-/// traced (3) on "KESA_EASE".
+/// traced (3) on "KESA_EASE". 503, this process has no runtime, is told inside this call.
 [[nodiscard]] KESA_API std::unique_ptr<Registration> provide(const std::string& path, std::shared_ptr<IKesaApi> service,
                                                              const GenericObject& metainfo = {},
                                                              Registration::OnRefused onRefused = {});

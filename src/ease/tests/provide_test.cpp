@@ -109,4 +109,13 @@ TEST_F(Provide, LeavesItsEndToTheAnswerThatIsOutstanding)
     EXPECT_THAT(takeTold(), IsEmpty());
 }
 
+TEST_F(Provide, WithoutARuntimeIsRefused)
+{
+    std::string why;
+    registration =
+        provide("/p", service, {}, [&why](const Response& e) { why = Response::getErrorMessageWithCode(e); });
+    EXPECT_EQ(why, "503: this process has no runtime");
+    whenKnown("never");
+}
+
 } // namespace
