@@ -58,8 +58,22 @@ void Followers::answer(const Request& request, const Responder& responder)
     if (!isFollowing) {
         responder.complete();
     } else if (!hasLeft) {
-        m_followers.push_back(std::move(follower));
+        add(std::move(follower));
     }
+}
+
+/// Without a new value nothing shows who has left, so when there are twice as many as stayed the last time, each is
+/// asked.
+void Followers::add(Follower&& follower)
+{
+    if (m_followers.size() >= m_swept) {
+        m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(),
+                                         [](const Follower& other) { return other.responder.isCancelled(); }),
+                          m_followers.end());
+        constexpr std::size_t FEW = 16;
+        m_swept = std::max(2 * m_followers.size(), FEW);
+    }
+    m_followers.push_back(std::move(follower));
 }
 
 void Followers::end()

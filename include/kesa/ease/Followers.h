@@ -43,10 +43,12 @@ private:
     };
     /// True when it follows no longer.
     static bool send(const Follower& follower, const optional<Payload>& payload);
+    void add(Follower&& follower);
 
     mutable std::mutex m_mutex;
     Encode m_last;                     ///< under `m_mutex`
     std::vector<Follower> m_followers; ///< under `m_mutex`
+    std::size_t m_swept = 0;           ///< so many are kept before those that have left go; under `m_mutex`
     bool m_hasEnded = false;           ///< under `m_mutex`
 };
 
