@@ -175,6 +175,15 @@ void fail(const Request& request, OpenRequest& open, const char* what)
     open.onError(Response::createErrorResponse(500, what));
 }
 
+void refuse(const Request& request, OpenRequest& open, const RequestError& error)
+{
+    if (error.status() < 400) {
+        fail(request, open, fmt::format("RequestError of status {}: {}", error.status(), error.what()).c_str());
+        return;
+    }
+    open.onError(Response::createErrorResponse(error.status(), error.what()));
+}
+
 /// Of a path that has functions for `commands` only.
 Response noSuchCommand(const Request& request, Commands commands)
 {
@@ -299,6 +308,8 @@ private:
         }
         try {
             function(request, parameters, Responder(open));
+        } catch (const RequestError& error) {
+            refuse(request, *open, error);
         } catch (const std::exception& exception) {
             fail(request, *open, exception.what());
         } catch (...) {

@@ -7,8 +7,11 @@
 
 #include <memory>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
-/// From a value to a payload and back, for every type that has a `serialize` and a `deserialize`:
+/// From a value to a payload and back, for every type that has a `serialize` and a `deserialize`, here or beside
+/// itself: numbers, `bool`, `std::string`, `GenericObject`, `Value`, the records.
 ///
 ///     const auto payload = kesa::serializer::toPayload(serviceDef, kesa::mimetypes::JSON);
 ///     const auto copy = kesa::serializer::fromPayload<ServiceDef>(*payload, "ServiceDef");
@@ -19,6 +22,30 @@ namespace kesa::serializer {
 /// Null, with a reason, for a format that has no structure or is unknown.
 KESA_API std::unique_ptr<IStructuredSerializer> createSerializerFor(std::string_view mimeName);
 KESA_API std::unique_ptr<IStructuredPullDeserializer> createDeserializerFor(const Payload& payload);
+
+namespace detail {
+
+template <class T, class = void>
+struct CanWrite : std::false_type {};
+template <class T>
+struct CanWrite<T, std::void_t<decltype(serialize(std::declval<IStructuredSerializer&>(), std::declval<const T&>()))>>
+    : std::bool_constant<!std::is_pointer_v<T> && !(std::is_enum_v<T> && std::is_convertible_v<T, int>)> {
+    // those would be taken for a `bool`
+};
+
+template <class T, class = void>
+struct CanRead : std::false_type {};
+template <class T>
+struct CanRead<T, std::void_t<decltype(deserialize(std::declval<IStructuredPullDeserializer&>(), std::declval<T&>()))>>
+    : std::is_default_constructible<T> {};
+
+} // namespace detail
+
+/// Whether `toPayload` takes a `T`, and `fromPayload` makes one.
+template <class T>
+inline constexpr bool CAN_WRITE = detail::CanWrite<T>::value;
+template <class T>
+inline constexpr bool CAN_READ = detail::CanRead<T>::value;
 
 /// Writes with a serializer of the format `mimeName` that the caller keeps for many values; it is reset before and
 /// after. A value without content gives the empty payload.

@@ -7,15 +7,13 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/optional.h>
 #include <obr/ErrorStorage.h>
-#include <util/config/Value.h>
 
 #include <cstddef>
 #include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <string_view>
-#include <type_traits>
+#include <utility>
 #include <vector>
 
 namespace kesa {
@@ -55,39 +53,12 @@ private:
 namespace detail {
 
 template <class T>
-inline constexpr bool IS_NUMBER = std::is_arithmetic_v<T> && !std::is_same_v<T, bool>;
-
-/// Numbers have no `serialize` of their own.
-template <class T>
-optional<Payload> encode(const T& value, const std::string& mimeType)
-{
-    obr::ErrorStorage::ack();
-    if constexpr (IS_NUMBER<T>) {
-        return serializer::toPayload(util::config::Value(value), mimeType);
-    } else {
-        return serializer::toPayload(value, mimeType);
-    }
-}
-
-/// True on failure.
-template <class T>
-[[nodiscard]] bool decode(const Payload& payload, T& value)
-{
-    bool failed = false;
-    if constexpr (IS_NUMBER<T>) {
-        util::config::Value read;
-        failed = serializer::readPayload(payload, read) || read.get(value);
-    } else {
-        failed = serializer::readPayload(payload, value);
-    }
-    obr::ErrorStorage::ack();
-    return failed;
-}
-
-template <class T>
 Followers::Encode encoder(std::shared_ptr<const T> value)
 {
-    return [value = std::move(value)](const std::string& mimeType) { return encode(*value, mimeType); };
+    return [value = std::move(value)](const std::string& mimeType) {
+        obr::ErrorStorage::ack();
+        return serializer::toPayload(*value, mimeType);
+    };
 }
 
 } // namespace detail

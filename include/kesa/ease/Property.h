@@ -51,14 +51,9 @@ public:
     void serveWritable(ResourceHandler& service, std::string_view route, const RouteInfo& info = {})
     {
         serve(service, route, info);
-        const auto set = [state = m_state](const Request& request, const Responder& responder) {
-            T value{};
-            if (detail::decode(request.getPayload(), value)) {
-                responder.fail(400, "the body is no value of this property");
-            } else if (state->set(std::move(value))) {
-                responder.fail(503, "the value has ended");
-            } else {
-                responder.complete();
+        const auto set = [state = m_state](const Request& request) {
+            if (state->set(body<T>(request))) {
+                throw RequestError(503, "the value has ended");
             }
         };
         service.onUpdate(route, set, info.ofSetting());

@@ -3,15 +3,13 @@
 
 #include <kesa/IKesaApi.h>
 #include <kesa/commands.h>
-#include <kesa/ease/PathParameters.h>
-#include <kesa/ease/Responder.h>
+#include <kesa/ease/RequestError.h>
 #include <kesa/ease/RouteInfo.h>
-#include <util/UniqueFunction.h>
+#include <kesa/ease/body.h>
+#include <kesa/ease/routeFunction.h>
 
 #include <memory>
-#include <string>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 
 namespace kesa {
@@ -19,11 +17,20 @@ namespace kesa {
 /// A service object made of functions, each for one command on one route:
 ///
 ///     auto service = std::make_shared<kesa::ResourceHandler>();
-///     service->onRetrieve("/cpu", [](const Request&, Responder responder) { responder.answer(cpuAsJson()); });
-///     service->onRetrieve("/net/{interface}", [](const Request&, const PathParameters& parameters, Responder
-///     responder) {
-///         responder.answer(countersOf(parameters["interface"]));
+///     service->onRetrieve("/load", [](const Request&) { return 0.7; });
+///     service->onRetrieve("/net/{interface}", [](const Request&, const PathParameters& path) -> GenericObject {
+///         return countersOf(path["interface"]);
 ///     });
+///     service->onUpdate("/volume", [](const Request& request) { mixer.set(kesa::body<int>(request)); });
+///     service->onRetrieve("/song", [](const Request&, Responder responder) { waiting.push_back(responder); });
+///
+/// What a function returns is the answer: a `Payload`; a `Response`, an error when its status is 400 or above; any
+/// value that PayloadConversion.h can write, in the format that the request accepts, else JSON (so a text is a JSON
+/// string; for plain text return `asText`); or nothing, for an end without an answer. A `bool` is such a value, and
+/// says nothing of success. A function that answers later, or more than once, takes a `Responder` instead and returns
+/// nothing.
+///
+/// `throw kesa::RequestError(409, "...")` ends the request with that status and text.
 ///
 /// A route is a path whose segments may be parameters, "{name}", for one segment each; "**" as the last one stands for
 /// all further segments, also none, and is a parameter of that name. The most particular route wins: segment by
@@ -39,11 +46,11 @@ namespace kesa {
 /// request at a time; the `Responder` may be kept and used from any thread. What is open when the object dies is
 /// answered 503.
 ///
-/// An exception out of a function is traced (4) on "KESA_EASE" and ends its request with 500 and the exception's text,
-/// unless the request has ended already; a `Responder` that was kept is without effect then.
+/// Any other exception out of a function is traced (4) on "KESA_EASE" and ends its request with 500 and the exception's
+/// text. Neither tells anything when the request has ended already; a `Responder` that was kept is without effect then.
 class KESA_API ResourceHandler : public IKesaApi {
 public:
-    using Function = util::UniqueFunction<void(const Request&, const PathParameters&, Responder)>;
+    using Function = RouteFunction;
 
     ResourceHandler();
     ~ResourceHandler() override;
@@ -51,22 +58,22 @@ public:
     template <class F>
     ResourceHandler& onRetrieve(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::RETRIEVE, route, adapt(std::move(function)), info);
+        return add(commands::RETRIEVE, route, detail::routeFunction(std::move(function)), info);
     }
     template <class F>
     ResourceHandler& onUpdate(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::UPDATE, route, adapt(std::move(function)), info);
+        return add(commands::UPDATE, route, detail::routeFunction(std::move(function)), info);
     }
     template <class F>
     ResourceHandler& onDelete(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::DELETE, route, adapt(std::move(function)), info);
+        return add(commands::DELETE, route, detail::routeFunction(std::move(function)), info);
     }
     template <class F>
     ResourceHandler& onInsert(std::string_view route, F function, const RouteInfo& info = {})
     {
-        return add(commands::INSERT, route, adapt(std::move(function)), info);
+        return add(commands::INSERT, route, detail::routeFunction(std::move(function)), info);
     }
 
     /// What the operations above do: replaces the function for `command` on `route`. A malformed route is refused with
@@ -77,26 +84,6 @@ public:
     void cancel(void* handle) noexcept override;
 
 private:
-    template <class F>
-    static Function adapt(F function)
-    {
-        constexpr bool TAKES_PARAMETERS = std::is_invocable_v<F&, const Request&, const PathParameters&, Responder>;
-        constexpr bool TAKES_NONE = std::is_invocable_v<F&, const Request&, Responder>;
-        static_assert(TAKES_PARAMETERS || TAKES_NONE,
-                      "a route's function takes (const kesa::Request&, kesa::Responder), "
-                      "or (const kesa::Request&, const kesa::PathParameters&, kesa::Responder)");
-        if constexpr (TAKES_PARAMETERS) {
-            return Function(std::move(function));
-        } else if constexpr (TAKES_NONE) {
-            return Function([function = std::move(function)](const Request& request, const PathParameters&,
-                                                             Responder responder) mutable {
-                function(request, std::move(responder));
-            });
-        } else {
-            return Function();
-        }
-    }
-
     class Impl;
     std::unique_ptr<Impl> m_impl;
 };

@@ -19,9 +19,15 @@ public:
     explicit Responder(std::shared_ptr<OpenRequest> request) noexcept : m_request(std::move(request)) {}
 
     /// The only answer. True when it was not accepted, see `next`.
-    bool answer(Payload payload) const
+    bool answer(Payload payload) const { return answer(Response(200, std::move(payload))); }
+    /// The same; one with a status of 400 and above is an error.
+    bool answer(const Response& response) const
     {
-        const bool isRefused = next(std::move(payload));
+        if (response.getStatus() >= 400) {
+            m_request->onError(response);
+            return false;
+        }
+        const bool isRefused = next(response);
         complete();
         return isRefused;
     }

@@ -4,6 +4,8 @@
 #include <obr/errors.h>
 #include <util/serializer/formats.h>
 
+#include <fmt/format.h>
+
 #include <utility>
 #include <vector>
 
@@ -205,6 +207,28 @@ bool readValue(IStructuredPullDeserializer& in, Value& value, std::size_t depth)
     return false;
 }
 
+template <class T>
+bool readNumberAs(IStructuredPullDeserializer& in, T& value, T least, T most, const char* expected)
+{
+    Kind kind = Kind::eNULL;
+    if (in.peek(kind)) {
+        return true;
+    }
+    if (kind != Kind::eINTEGER && kind != Kind::eREAL) {
+        return fail("a number is expected");
+    }
+    Value read;
+    if (readValue(in, read, 0)) {
+        return true;
+    }
+    T number{};
+    if (read.get(number) || number < least || number > most) {
+        return fail(fmt::format("{} is no {} from {} to {}", read.toText(), expected, least, most));
+    }
+    value = number;
+    return false;
+}
+
 } // namespace
 
 bool serialize(IStructuredSerializer& out, const std::string& value)
@@ -243,6 +267,19 @@ bool deserialize(IStructuredPullDeserializer& in, std::string& value)
 bool deserialize(IStructuredPullDeserializer& in, bool& value)
 {
     return in.boolValue(value);
+}
+
+bool readNumber(IStructuredPullDeserializer& in, std::int64_t& value, std::int64_t least, std::int64_t most)
+{
+    return readNumberAs(in, value, least, most, "integer");
+}
+bool readNumber(IStructuredPullDeserializer& in, std::uint64_t& value, std::uint64_t least, std::uint64_t most)
+{
+    return readNumberAs(in, value, least, most, "integer");
+}
+bool readNumber(IStructuredPullDeserializer& in, double& value, double least, double most)
+{
+    return readNumberAs(in, value, least, most, "number");
 }
 
 bool deserialize(IStructuredPullDeserializer& in, Path& value)

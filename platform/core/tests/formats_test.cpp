@@ -116,6 +116,46 @@ TEST(Serializer, textsWithAMeaningComeBackOrFailWithAReason)
     }
 }
 
+template <class T>
+void expectBounds(Format format)
+{
+    expectBack(format, std::numeric_limits<T>::lowest());
+    expectBack(format, std::numeric_limits<T>::max());
+}
+
+TEST(Serializer, numbersComeBackWhereTheyFitOrFailWithAReason)
+{
+    const auto refused = [](Format format, auto written, auto kept) {
+        const auto before = kept;
+        obr::ErrorStorage::ack();
+        EXPECT_TRUE(read(format, bytesOf(format, written), kept));
+        EXPECT_EQ(kept, before);
+        const std::string reason = obr::ErrorStorage::reason();
+        obr::ErrorStorage::ack();
+        return reason;
+    };
+    for (const Format format : ALL_FORMATS) {
+        expectBounds<std::int8_t>(format);
+        expectBounds<std::uint16_t>(format);
+        expectBounds<int>(format);
+        expectBounds<long long>(format);
+        expectBounds<unsigned long long>(format);
+        expectBounds<float>(format);
+        expectBounds<double>(format);
+        double whole = 0;
+        EXPECT_FALSE(read(format, bytesOf(format, 7), whole));
+        EXPECT_EQ(whole, 7.0);
+        EXPECT_EQ(refused(format, 128, std::int8_t{1}), "128 is no integer from -128 to 127");
+        EXPECT_EQ(refused(format, -1, 1U), "-1 is no integer from 0 to 4294967295");
+        EXPECT_EQ(refused(format, UINT64_MAX, std::int64_t{1}),
+                  "18446744073709551615 is no integer from -9223372036854775808 to 9223372036854775807");
+        EXPECT_EQ(refused(format, 7.5, 1), "7.5 is no integer from -2147483648 to 2147483647");
+        EXPECT_THAT(refused(format, 1e300, 1.F), testing::StartsWith("1e+300 is no number from -3.4"));
+        EXPECT_EQ(refused(format, true, 1), "a number is expected");
+        EXPECT_EQ(refused(format, Value(Value::Array{1}), 1), "a number is expected");
+    }
+}
+
 TEST(Serializer, writesTheBytesOfItsFormat)
 {
     const Value value = Dictionary{{"a", Value::Array{1, -1, 23, 24, 255, 256, 65536, -25, 1.5, 2.0}},

@@ -1,8 +1,10 @@
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/asText.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/resources.h>
 #include <kesa/mimetypes.h>
+#include <kesa/servicecomp.h>
 #include <tracing/CapturingSink.h>
 
 #include <stdexcept>
@@ -10,11 +12,6 @@
 namespace {
 
 using namespace kesa;
-
-Payload text(std::string_view value)
-{
-    return Payload::createFromString(std::string(value), "plain/text");
-}
 
 std::string ask(IKesaApi& api, const std::string& command, const std::string& path)
 {
@@ -26,9 +23,8 @@ TEST(ResourceHandler, TheMostParticularRouteServes)
 {
     ResourceHandler service;
     const auto answer = [](const char* name) {
-        return [name](const Request&, const PathParameters& parameters, Responder responder) {
-            responder.answer(
-                text(std::string(name) + " " + std::string(parameters["x"]) + " " + std::string(parameters["**"])));
+        return [name](const Request&, const PathParameters& path) {
+            return asText(std::string(name) + " " + std::string(path["x"]) + " " + std::string(path["**"]));
         };
     };
     service.onRetrieve("**", answer("rest"))
@@ -36,7 +32,7 @@ TEST(ResourceHandler, TheMostParticularRouteServes)
         .onRetrieve("/net/lo", answer("lo"))
         .onRetrieve("/net/{x}/**", answer("below"))
         .onRetrieve("/{x}/lo", answer("any"))
-        .onRetrieve("/", [](const Request&, Responder responder) { responder.answer(text("root")); });
+        .onRetrieve("/", [](const Request&) { return asText("root"); });
     EXPECT_EQ(ask(service, "retrieve", "/"), "root");
     EXPECT_EQ(ask(service, "retrieve", "/net/lo"), "lo  ");
     EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "one eth0 ");
@@ -46,23 +42,93 @@ TEST(ResourceHandler, TheMostParticularRouteServes)
     EXPECT_EQ(ask(service, "retrieve", "/a/b/c"), "rest  a/b/c");
 }
 
+TEST(ResourceHandler, AnswersWhatItsFunctionsReturn)
+{
+    ResourceHandler service;
+    const auto answered = [&service](auto function, const char* accept = "application/json") {
+        service.onRetrieve("/{name}", function);
+        Request request("retrieve", "/lo");
+        request.setMimeType(accept);
+        const GetResult result = get(service, request, std::chrono::seconds(1));
+        const Payload payload = result ? result.response->getPayload() : Payload();
+        return result ? std::string(payload.getMimeType()) + ": " + std::string(payload.text()) : result.error;
+    };
+    const auto withPath = [uses = std::make_shared<int>()](const Request& request, const PathParameters& path) mutable {
+        return GenericObject{{"of", path["name"]}, {"uses", ++*uses}, {"path", request.getPath()}};
+    };
+    const std::string title = "\"So What\"";
+    EXPECT_EQ(answered(withPath), R"(application/json: {"of":"lo","path":"/lo","uses":1})");
+    EXPECT_EQ(answered([](const Request&) { return 0.7F + 0.05F; }), "application/json: 0.75");
+    EXPECT_EQ(answered([](const Request&) { return UINT64_MAX; }), "application/json: 18446744073709551615");
+    EXPECT_EQ(answered([](const Request&) { return true; }), "application/json: true");
+    EXPECT_EQ(answered([](const Request&) { return "a \"b\""; }), R"(application/json: "a \"b\"")");
+    EXPECT_EQ(answered([&](const Request&) { return std::string_view(title).substr(4, 4); }),
+              R"(application/json: "What")");
+    EXPECT_EQ(answered([](const Request&) {
+                  return util::config::Value(util::config::Value::Array{1, nullptr});
+              }),
+              "application/json: [1,null]");
+    EXPECT_EQ(answered([&title](const Request&) -> const std::string& { return title; }),
+              R"(application/json: "\"So What\"")");
+    EXPECT_EQ(answered([](const Request&) { return asText("7"); }), "plain/text: 7");
+    EXPECT_EQ(answered([](const Request&) { return Response(201, asText("made")); }), "plain/text: made");
+    EXPECT_EQ(answered([](const Request&) { return Response::createErrorResponse(410, "gone"); }), "410: gone");
+    EXPECT_EQ(answered([](const Request&) {}), ": ");
+    EXPECT_EQ(answered([](const Request&) { return util::config::Value(); }),
+              "500: the value has no form in application/json: a value that is not defined can not be written");
+
+    servicecomp::overrideMimeTypeFunc([](const Request& r) { return std::string(r.getMimeTypeHeader().stringView()); });
+    EXPECT_EQ(answered([](const Request&) { return "a"; }, "application/vnd.msgpack"),
+              "application/vnd.msgpack: \241a");
+    servicecomp::overrideMimeTypeFunc({});
+}
+
+TEST(ResourceHandler, ReadsBodiesOrSaysWhatIsWrongWithThem)
+{
+    ResourceHandler service;
+    const auto read = [&service](auto function, const Payload& body) {
+        service.onUpdate("/", function);
+        const GetResult result = get(service, Request("update", "/", body), std::chrono::seconds(1));
+        return result ? "read" : result.error;
+    };
+    const auto json = [](const char* text) { return Payload::createFromString(text, mimetypes::JSON); };
+    const auto number = [](const Request& request) { return static_cast<void>(body<std::uint8_t>(request)); };
+    EXPECT_EQ(read(number, asPayload(255)), "read");
+    EXPECT_EQ(read(number, asPayload(256)), "400: the body can not be read: 256 is no integer from 0 to 255");
+    EXPECT_EQ(read(number, asPayload(-1, mimetypes::QELBIN)),
+              "400: the body can not be read: -1 is no integer from 0 to 255");
+    EXPECT_EQ(read(number, asPayload(7.5)), "400: the body can not be read: 7.5 is no integer from 0 to 255");
+    EXPECT_EQ(read(number, asPayload("7")), "400: the body can not be read: a number is expected");
+    EXPECT_EQ(read(number, json("7 8")),
+              "400: the body can not be read: 1:3: unexpected text after the end of the document");
+    EXPECT_EQ(read(number, {}), "400: the body is empty");
+    EXPECT_EQ(read(number, asText("7")), "400: the body can not be read: no serializer for the mime type 'plain/text'");
+
+    const Response answer(200, json(R"({"a":[1,{"b":null}]})"));
+    EXPECT_EQ(asPayload(body<util::config::Value>(answer)).text(), answer.getPayload().text());
+    EXPECT_EQ(body<std::string>(Request("", "", asPayload("a", mimetypes::MSGPACK))), "a");
+    EXPECT_EQ(body<std::string>(Request("", "", asText("a"))), "a");
+    EXPECT_THROW(static_cast<void>(body<bool>(answer)), std::runtime_error);
+    EXPECT_THROW(static_cast<void>(asPayload("\xff")), std::runtime_error);
+}
+
 TEST(ResourceHandler, SaysWhatItDoesNotServe)
 {
     ResourceHandler service;
-    service.onRetrieve("/cpu", [](const Request&, Responder responder) { responder.answer(text("1")); })
+    service.onRetrieve("/cpu", [](const Request&) { return 1; })
         .onUpdate("/cpu", [](const Request&, Responder responder) { responder.fail(400, "no"); });
     EXPECT_EQ(ask(service, "retrieve", "/memory"), "404: no resource at '/memory'");
     EXPECT_EQ(ask(service, "delete", "/cpu"), "405: '/cpu' does not serve 'delete'; it serves 'retrieve', 'update'");
     EXPECT_EQ(ask(service, "update", "/cpu"), "400: no");
     // A broad route for the command helps out where the particular one has none.
-    service.onDelete("/{x}", [](const Request&, Responder responder) { responder.answer(text("gone")); });
+    service.onDelete("/{x}", [](const Request&) { return asText("gone"); });
     EXPECT_EQ(ask(service, "delete", "/cpu"), "gone");
     EXPECT_EQ(ask(service, "ping", "/cpu"),
               "405: '/cpu' does not serve 'ping'; it serves 'retrieve', 'update', 'delete'");
 
     // Refused routes serve nothing.
     for (const char* route : {"/**/a", "/a//b", "/{x", "/a{x}", "/{}"}) {
-        service.onInsert(route, [](const Request&, Responder responder) { responder.answer(text("no")); });
+        service.onInsert(route, [](const Request&) {});
     }
     EXPECT_EQ(ask(service, "insert", "/x/a"), "404: no resource at '/x/a'");
 }
@@ -71,7 +137,7 @@ TEST(ResourceHandler, NamesTheNearestRoute)
 {
     ResourceHandler service;
     for (const char* route : {"/", "/cpu/load", "/net/{interface}/received", "/file/{name}", "/log/**"}) {
-        service.onRetrieve(route, [](const Request&, Responder responder) { responder.complete(); });
+        service.onRetrieve(route, [](const Request&) {});
     }
     const auto meant = [&service](const std::string& path) {
         const std::string answer = ask(service, "retrieve", path);
@@ -95,7 +161,7 @@ TEST(ResourceHandler, SaysWhichRoutesItHas)
     ResourceHandler service;
     const std::string path(resources::PATH);
     EXPECT_EQ(ask(service, "retrieve", path), "[]");
-    const auto answer = [](const Request&, Responder responder) { responder.answer(text("own")); };
+    const auto answer = [](const Request&) { return asText("own"); };
     service.onUpdate("hello/{name}/", answer, about("sets").body(R"({ "type": "string" })").answer("{torn"))
         .onRetrieve("/hello/{name}", answer, about("greets").stream().answer("true"))
         .onRetrieve("/.well-known/{x}", answer)
@@ -157,22 +223,24 @@ TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)
     std::vector<Responder> kept;
     service
         .onRetrieve("/number/{text}",
-                    [](const Request&, const PathParameters& parameters, Responder responder) {
-                        responder.answer(text(std::to_string(std::stoi(std::string(parameters["text"])))));
-                    })
+                    [](const Request&, const PathParameters& path) { return std::stoi(std::string(path["text"])); })
         .onRetrieve("/odd", [](const Request&, Responder) { throw 7; })
+        .onRetrieve("/fine", [](const Request&) { throw RequestError(200, "fine"); })
+        .onRetrieve("/refused", [](const Request&) -> int { throw RequestError(409, "nothing to play"); })
         .onRetrieve("/late",
                     [](const Request&, Responder responder) {
-                        responder.answer(text("answered"));
-                        throw std::runtime_error("after the end");
+                        responder.answer(asText("answered"));
+                        throw RequestError(409, "after the end");
                     })
         .onRetrieve("/kept", [&kept](const Request&, Responder responder) {
-            static_cast<void>(responder.next(text("first")));
+            static_cast<void>(responder.next(asText("first")));
             kept.push_back(std::move(responder));
             throw std::runtime_error("left");
         });
     EXPECT_EQ(ask(service, "retrieve", "/number/x"), "500: stoi");
     EXPECT_EQ(ask(service, "retrieve", "/odd"), "500: an exception that is no std::exception");
+    EXPECT_EQ(ask(service, "retrieve", "/fine"), "500: RequestError of status 200: fine");
+    EXPECT_EQ(ask(service, "retrieve", "/refused"), "409: nothing to play");
     EXPECT_EQ(ask(service, "retrieve", "/number/3"), "3");
 
     std::vector<std::string> got;
@@ -182,12 +250,12 @@ TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)
                                           [&](const Response& e) { got.push_back(e.getErrorMessage()); },
                                           [&] { got.push_back("done"); }));
     }
-    EXPECT_TRUE(kept.front().isCancelled() && kept.front().next(text("second")));
+    EXPECT_TRUE(kept.front().isCancelled() && kept.front().next(asText("second")));
     kept.clear();
     EXPECT_THAT(got, testing::ElementsAre("answered", "done", "first", "left"));
     EXPECT_THAT(sink->take(), testing::ElementsAre(testing::HasSubstr("'retrieve /number/x' has thrown: stoi"),
                                                    testing::HasSubstr("'retrieve /odd'"),
-                                                   testing::HasSubstr("after the end"), testing::HasSubstr("left")));
+                                                   testing::HasSubstr("'retrieve /fine'"), testing::HasSubstr("left")));
     ::tracing::setSink(nullptr);
 }
 
@@ -206,9 +274,9 @@ TEST(ResourceHandler, StreamsUntilCancelledOrEnded)
                               [&] { got.push_back("done"); }));
     };
     void* const first = start();
-    EXPECT_FALSE(kept->next(text("1")) || kept->isCancelled());
+    EXPECT_FALSE(kept->next(asText("1")) || kept->isCancelled());
     service->cancel(first);
-    EXPECT_TRUE(kept->isCancelled() && kept->next(text("2")));
+    EXPECT_TRUE(kept->isCancelled() && kept->next(asText("2")));
     start();
     kept->complete();
     start();

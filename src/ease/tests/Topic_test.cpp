@@ -103,7 +103,7 @@ TEST_F(Values, APropertyTellsChangesOnly)
     EXPECT_EQ(ask("update", "70"), "");
     EXPECT_EQ(property->get(), 70);
     EXPECT_EQ(ask("update", "70"), "");
-    EXPECT_EQ(ask("update", R"("loud")"), "400: the body is no value of this property");
+    EXPECT_EQ(ask("update", R"("loud")"), "400: the body can not be read: a number is expected");
     EXPECT_EQ(ask("update", "7"), "");
     property.reset();
     EXPECT_EQ(ask("update", "80"), "503: the value has ended");

@@ -5,10 +5,17 @@ import subprocess
 import sys
 
 ROUTE = "a route's function takes"
+ANSWER = "a route's function returns"
 MISUSES = {
     'service.onRetrieve("/a", [](kesa::Responder) {});': ROUTE,
     'service.onUpdate("/a", [](const kesa::Request&, kesa::Responder&) {});': ROUTE,
     'service.onUpdate("/a", 7);': ROUTE,
+    'service.onRetrieve("/a", [](const kesa::Request&, kesa::Responder) { return 7; });': "a route's function that takes a kesa::Responder",
+    'service.onRetrieve("/a", [](const kesa::Request& request) { return &request; });': ANSWER,
+    'service.onRetrieve("/a", [](const kesa::Request&) { return std::vector<int>(); });': ANSWER,
+    'service.onRetrieve("/a", [](const kesa::Request&) { enum { eLOUD } volume = eLOUD; return volume; });': ANSWER,
+    "auto v = kesa::body<std::vector<int>>(kesa::Request());": "kesa::body<T> is for a T that",
+    "auto p = kesa::asPayload(std::vector<int>());": "kesa::asPayload takes",
     "auto h = kesa::handler<int>([](const std::string&) {});": "the first function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) { return std::string(); });": "the first function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) {}, [](int) {});": "the second function of kesa::handler<T> takes",
@@ -16,6 +23,8 @@ MISUSES = {
 }
 GOOD = [
     'service.onRetrieve("/a", [](const kesa::Request&, kesa::Responder) {});',
+    'service.onRetrieve("/a", [](const auto&, const auto& reply) { reply.complete(); });',
+    'service.onRetrieve("/a", [](const auto&) { return "text"; });',
     "auto h = kesa::handler<int>([](int) { return false; }, [](auto&) {}, [] {});",
 ]
 

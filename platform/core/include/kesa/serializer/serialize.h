@@ -8,7 +8,10 @@
 #include <util/serializer/IStructuredPullDeserializer.h>
 #include <util/serializer/IStructuredSerializer.h>
 
+#include <cstdint>
+#include <limits>
 #include <string>
+#include <type_traits>
 
 /// Writing and reading of single values. Each answers `true` on failure, with a reason in `obr::ErrorStorage`, and
 /// leaves what it reads into alone then.
@@ -34,6 +37,36 @@ bool serialize(IStructuredSerializer& out, const char* value) = delete;
 [[nodiscard]] KESA_API bool deserialize(IStructuredPullDeserializer& in, obr::UUID& value);
 [[nodiscard]] KESA_API bool deserialize(IStructuredPullDeserializer& in, util::config::Value& value);
 [[nodiscard]] KESA_API bool deserialize(IStructuredPullDeserializer& in, util::config::Dictionary& value);
+
+/// Fails for what is no number from `least` to `most`.
+[[nodiscard]] KESA_API bool readNumber(IStructuredPullDeserializer& in, std::int64_t& value, std::int64_t least,
+                                       std::int64_t most);
+[[nodiscard]] KESA_API bool readNumber(IStructuredPullDeserializer& in, std::uint64_t& value, std::uint64_t least,
+                                       std::uint64_t most);
+/// Integers are numbers, too.
+[[nodiscard]] KESA_API bool readNumber(IStructuredPullDeserializer& in, double& value, double least, double most);
+
+template <class T>
+using EnableForNumbers = std::enable_if_t<std::is_arithmetic_v<T> && !std::is_same_v<T, bool>, int>;
+
+template <class T, EnableForNumbers<T> = 0>
+[[nodiscard]] bool serialize(IStructuredSerializer& out, T value)
+{
+    return serialize(out, util::config::Value(value));
+}
+
+template <class T, EnableForNumbers<T> = 0>
+[[nodiscard]] bool deserialize(IStructuredPullDeserializer& in, T& value)
+{
+    using Integer = std::conditional_t<std::is_signed_v<T>, std::int64_t, std::uint64_t>;
+    using Widest = std::conditional_t<std::is_floating_point_v<T>, double, Integer>;
+    Widest read{};
+    if (readNumber(in, read, std::numeric_limits<T>::lowest(), std::numeric_limits<T>::max())) {
+        return true;
+    }
+    value = static_cast<T>(read);
+    return false;
+}
 
 } // namespace kesa::serializer
 
