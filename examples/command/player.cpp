@@ -3,7 +3,6 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
-#include <kesa/ease/asText.h>
 #include <kesa/ease/provide.h>
 
 #include <iostream>
@@ -17,20 +16,18 @@ int main()
     kesa::Runtime runtime = kesa::startOrExit("player"); // after what its handlers use: it ends before that goes
 
     const auto service = std::make_shared<kesa::ResourceHandler>();
-    service->onInsert("/titles", [&](const kesa::Request& request, const kesa::Responder& reply) {
-        titles.emplace_back(request.getPayload().text());
-        reply.answer(kesa::asText(std::to_string(titles.size())));
+    service->onInsert("/titles", [&](const kesa::Request& request) {
+        titles.push_back(kesa::body<std::string>(request)); // or 400, and what is wrong with the body
+        return titles.size();
     });
-    service->onUpdate("/play", [&](const kesa::Request&, const kesa::Responder& reply) {
+    service->onUpdate("/play", [&](const kesa::Request&) {
         if (titles.empty()) {
-            reply.fail(409, "there is nothing to play"); // any status of 400 and above
-            return;
+            throw kesa::RequestError(409, "there is nothing to play"); // any status of 400 and above
         }
-        std::cout << "plays " << titles.front() << std::endl;
-        reply.complete(); // done, without an answer
+        std::cout << "plays " << titles.front() << std::endl; // done, without an answer
     });
-    service->onUpdate("/eject", [](const kesa::Request&, const kesa::Responder&) {
-        throw std::runtime_error("the drive is stuck"); // is answered with 500
+    service->onUpdate("/eject", [](const kesa::Request&) {
+        throw std::runtime_error("the drive is stuck"); // is answered with 500, and traced
     });
     service->onRetrieve("/end", [&](const kesa::Request&, const kesa::Responder& reply) {
         listeners.push_back(reply); // may be answered later, from any thread; here never

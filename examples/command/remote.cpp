@@ -1,7 +1,6 @@
 // remote: has /player do this and that, and prints what came of it.
 
 #include <kesa/ease/Runtime.h>
-#include <kesa/ease/asText.h>
 #include <kesa/ease/use.h>
 
 #include <iostream>
@@ -27,7 +26,7 @@ int main()
     }
 
     tell(*player.client, kesa::Request("update", "/play"), std::chrono::seconds(10));
-    tell(*player.client, kesa::Request("insert", "/titles", kesa::asText("So What")), std::chrono::seconds(10));
+    tell(*player.client, kesa::Request("insert", "/titles", kesa::asPayload("So What")), std::chrono::seconds(10));
     tell(*player.client, kesa::Request("update", "/play"), std::chrono::seconds(10));
     tell(*player.client, kesa::Request("update", "/eject"), std::chrono::seconds(10));
     tell(*player.client, kesa::Request("retrieve", "/end"), std::chrono::milliseconds(500)); // is told the limit, too

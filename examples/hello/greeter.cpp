@@ -2,7 +2,6 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
-#include <kesa/ease/asText.h>
 #include <kesa/ease/provide.h>
 
 #include <iostream>
@@ -11,11 +10,10 @@ int main()
 {
     kesa::Runtime runtime = kesa::startOrExit("greeter"); // first in main: it blocks SIGINT and SIGTERM
 
-    const auto greet = [](const kesa::Request&, const kesa::PathParameters& path, const kesa::Responder& reply) {
-        reply.answer(kesa::asText("hello " + std::string(path["name"])));
-    };
     const auto service = std::make_shared<kesa::ResourceHandler>();
-    service->onRetrieve("/hello/{name}", greet);
+    service->onRetrieve("/hello/{name}", [](const kesa::Request&, const kesa::PathParameters& path) {
+        return "hello " + std::string(path["name"]);
+    });
     const auto greeter = kesa::provide("/greeter", service); // until it goes
     greeter->whenKnown([] { std::cout << "others find /greeter now" << std::endl; });
 

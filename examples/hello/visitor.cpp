@@ -16,5 +16,5 @@ int main(int argc, char** argv)
         std::cerr << greeting.error << '\n'; // nobody provides it, or what it has answered
         return 1;
     }
-    std::cout << greeting.response->getPayload().text() << '\n';
+    std::cout << kesa::body<std::string>(*greeting.response) << '\n';
 }

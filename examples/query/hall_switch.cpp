@@ -2,16 +2,15 @@
 // SIGTERM.
 
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/body.h>
 #include <kesa/ease/found.h>
 #include <kesa/ease/handler.h>
-#include <kesa/mimetypes.h>
 
 #include <iostream>
 
 void switchOn(const std::string& path, kesa::IKesaApi& lamp)
 {
-    const auto on = kesa::Payload::createFromString("true", kesa::mimetypes::JSON);
-    lamp.request(kesa::Request("update", "/light", on),
+    lamp.request(kesa::Request("update", "/light", kesa::asPayload(true)),
                  kesa::handler<kesa::Response>([](const kesa::Response&) {}, // this update has no answer but its end
                                                [path](const kesa::Response& error) {
                                                    std::cout << path << ": "

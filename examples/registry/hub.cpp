@@ -3,7 +3,6 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
-#include <kesa/ease/asText.h>
 #include <kesa/ease/provide.h>
 #include <kesa/registry/RegistryHost.h>
 
@@ -18,9 +17,7 @@ int main()
         [](const kesa::Response& error) { std::cerr << error.getErrorMessage() << std::endl; });
 
     const auto service = std::make_shared<kesa::ResourceHandler>();
-    service->onRetrieve("/motto", [](const kesa::Request&, const kesa::Responder& reply) {
-        reply.answer(kesa::asText("all meet here"));
-    });
+    service->onRetrieve("/motto", [](const kesa::Request&) { return "all meet here"; });
     const auto hub = kesa::provide("/hub", service); // withdrawn before the registry is
 
     runtime.runUntilSignal();

@@ -13,6 +13,6 @@ int main(int argc, char** argv)
         const std::string number = argv[i];
         const kesa::Request request("retrieve", "/factors/" + number);
         const kesa::GetResult factors = kesa::get("/factory", request, std::chrono::seconds(10));
-        std::cout << number << ": " << (factors ? factors.response->getPayload().text() : factors.error) << '\n';
+        std::cout << number << ": " << (factors ? kesa::body<std::string>(*factors.response) : factors.error) << '\n';
     }
 }

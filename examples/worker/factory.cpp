@@ -4,7 +4,6 @@
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
-#include <kesa/ease/asText.h>
 #include <kesa/ease/on.h>
 #include <kesa/ease/provide.h>
 
@@ -31,12 +30,10 @@ int main()
     const auto worker = std::make_shared<comm::ActiveObject>("factory.worker"); // a thread with a queue
     kesa::Runtime runtime = kesa::startOrExit("factory");
 
-    const auto answer = [](const kesa::Request&, const kesa::PathParameters& path, const kesa::Responder& reply) {
-        const std::uint64_t number = std::stoull(std::string(path["number"]));
-        reply.answer(kesa::asText(factorsOf(number)));
-    };
     const auto service = std::make_shared<kesa::ResourceHandler>();
-    service->onRetrieve("/factors/{number}", answer);
+    service->onRetrieve("/factors/{number}", [](const kesa::Request&, const kesa::PathParameters& path) {
+        return factorsOf(std::stoull(std::string(path["number"]))); // what this throws is answered with 500
+    });
     const auto factory = kesa::provide("/factory", kesa::on(worker, service)); // so a route may block
 
     runtime.runUntilSignal();

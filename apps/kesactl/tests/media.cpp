@@ -67,8 +67,8 @@ void addAnswersThatAreHardToShow(kesa::ResourceHandler& player)
                    {"/quoted", "one", R"(x/"quoted")"},
                    {"/huge", std::string(std::size_t{17} << 20, ' '), kesa::mimetypes::TEXT}};
     for (const auto& [resource, text, format] : answers) {
-        player.onRetrieve(resource, [payload = Payload::createFromString(text, format)](
-                                        const Request&, const Responder& responder) { responder.answer(payload); });
+        player.onRetrieve(resource,
+                          [payload = Payload::createFromString(text, format)](const Request&) { return payload; });
     }
 }
 
@@ -82,23 +82,15 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
         static_cast<void>(responder.next(json("1")));
         kept->push_back(std::move(responder));
     });
-    player->onRetrieve("/limit", [](const Request&, const Responder& responder) {
-        responder.answer(json(kesa::RequestContext::deadline() ? "true" : "false"));
-    });
-    player->onRetrieve("/room", [](const Request& request, const Responder& responder) {
-        const util::config::Value room = request.getHeader("room");
-        responder.answer(json(room.isString() ? "\"" + room.toText() + "\"" : room.toText()));
-    });
+    player->onRetrieve("/limit", [](const Request&) { return kesa::RequestContext::deadline().has_value(); });
+    player->onRetrieve("/room", [](const Request& request) { return request.getHeader("room"); });
     addAnswersThatAreHardToShow(*player);
-    const auto echo = [](const Request& request, const Responder& responder) {
-        responder.answer(request.getPayload());
-    };
+    const auto echo = [](const Request& request) { return request.getPayload(); };
     player->onUpdate("/volume", echo, kesa::about("louder\x1b[31m, or not").body(R"({"type":"object"})"));
-    player->onDelete("/volume", [](const Request&, const Responder& responder) { responder.complete(); });
-    player->onRetrieve("/tracks/{number}",
-                       [](const Request&, const kesa::PathParameters& parameters, const Responder& responder) {
-                           responder.answer(json(std::string(parameters["number"])));
-                       });
+    player->onDelete("/volume", [](const Request&) {});
+    player->onRetrieve("/tracks/{number}", [](const Request&, const kesa::PathParameters& parameters) {
+        return json(std::string(parameters["number"]));
+    });
     return player;
 }
 
@@ -114,9 +106,7 @@ int main(int count, char** arguments)
         return 1;
     }
     const auto radio = makePlayer();
-    radio->onRetrieve(kesa::resources::PATH, [](const Request&, const Responder& responder) {
-        responder.answer(json(R"([{"resource":"/","command":7}])"));
-    });
+    radio->onRetrieve(kesa::resources::PATH, [](const Request&) { return json(R"([{"resource":"/","command":7}])"); });
     std::atomic<int> refusals{0};
     std::vector<kesa::Disposable> registrations;
     const struct {

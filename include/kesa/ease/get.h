@@ -2,6 +2,7 @@
 #define KESA_EASE_GET_H
 
 #include <kesa/IKesaApi.h>
+#include <kesa/ease/body.h>
 
 #include <chrono>
 #include <optional>
@@ -25,6 +26,7 @@ struct GetResult {
 ///
 ///     const kesa::GetResult cpu = kesa::get(*api, kesa::Request("retrieve", "/cpu"), std::chrono::seconds(2));
 ///     if (!cpu) { std::cerr << cpu.error << '\n'; }
+///     else { std::cout << kesa::body<double>(*cpu.response) << '\n'; }
 ///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
 /// `api` stays alive during the call.
