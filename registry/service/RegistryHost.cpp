@@ -112,7 +112,7 @@ public:
     std::shared_ptr<Follower> findFollower(const std::shared_ptr<Follower>& made)
     {
         const std::lock_guard lock(m_mutex);
-        const auto found = m_follower.lock();
+        auto found = m_follower.lock();
         if (!found) {
             m_follower = made;
         }

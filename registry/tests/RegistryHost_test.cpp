@@ -118,7 +118,7 @@ TEST_F(RegistryHostTest, BeginsWhenItsPredecessorHasEnded)
     m_host = makeHost(*m_runtime, "second ");
     auto rival = makeHost(*m_runtime, "rival ");
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("second ready", "rival 409"));
+    EXPECT_THAT(m_clients.told(), ElementsAre("second ready", "rival 409: this process has registered it"));
     EXPECT_TRUE(isProvided() && isBackendsErrorShown());
     rival.reset();
 

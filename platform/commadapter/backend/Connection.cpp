@@ -153,9 +153,10 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
         const bool failed = m_machine->received(size, now);
         if (failed) {
             cutOff(m_machine->reason());
-        } else if (size < into.size() && !untilEmpty) {
-            break; // most probably all of it; the stream comes again for the rest
-        } else if (comm::now() - begun >= within) {
+            continue;
+        }
+        const bool isProbablyAll = size < into.size() && !untilEmpty; // the stream comes again for the rest
+        if (isProbablyAll || comm::now() - begun >= within) {
             break;
         }
     }
