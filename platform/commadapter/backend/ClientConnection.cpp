@@ -232,6 +232,8 @@ void ClientConnection::onClosed(const std::string& reason)
             m_streams.giveBack(number); // cancelled ones
         }
     }
+    m_endsOwed = 0;
+    m_noneFreeSince = comm::NEVER;
     lock.unlock();
     if (m_clients.empty()) {
         m_connector->stop(); // it only lingered

@@ -97,6 +97,7 @@ private:
 
     // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
     bool isRefused(std::size_t size, bool isPersistent);
+    void noNumberFree();
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
     void* fail(Lock& lock, Handler&& handler, unsigned short status, std::string text);
     void tellLater();
@@ -151,6 +152,8 @@ private:
     std::deque<Failure> m_failures; ///< handles ascend; the last one is not cancelled
     bool m_isTelling = false;       ///< an event for all of them is in the loop's queue
     std::size_t m_openSingles = 0;
+    std::size_t m_endsOwed = 0;                 ///< of cancelled streams
+    comm::TimeNs m_noneFreeSince = comm::NEVER; ///< a request found no number, and no end of a cancelled one has come
     Deadlines m_deadlines{[this](std::uint64_t handle) { return isLimited(handle); }};
     comm::TimeNs m_timerDue = comm::NEVER; ///< when `m_timer` runs, or is about to be set for
     bool m_isStopped = false;

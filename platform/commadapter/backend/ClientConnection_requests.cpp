@@ -26,6 +26,8 @@ static_assert(MAX_STREAMS < (1U << STREAM_BITS));
 static_assert(sizeof(void*) == sizeof(std::uint64_t), "a handle is a count");
 
 constexpr std::size_t TOLD_AT_ONCE = 256;
+/// When no number is free: more is the peer's doing than this side's.
+constexpr std::size_t MOST_ENDS_OWED = MAX_STREAMS / 2;
 
 constexpr const char* NOT_CONNECTED = "the service is not connected";
 constexpr const char* TOO_SLOW = "the service is too slow";
@@ -99,6 +101,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     }
     const std::uint32_t number = m_streams.takeAny();
     if (number == 0) {
+        noNumberFree();
         return fail(lock, std::move(handler), 503, TOO_MANY);
     }
     const auto sent = machine().request(number, client.target, request);
@@ -145,6 +148,29 @@ bool ClientConnection::isRefused(std::size_t size, bool isPersistent)
         return false;
     }
     return isFoundStuck();
+}
+
+/// With the lock held. A peer that reads cancels and ends nothing would take all numbers for good; one that is only
+/// slow has ended something by the next time.
+void ClientConnection::noNumberFree()
+{
+    const comm::TimeNs now = comm::now();
+    if (m_endsOwed < MOST_ENDS_OWED) {
+        return;
+    }
+    if (m_noneFreeSince == comm::NEVER) {
+        m_noneFreeSince = now;
+    } else if (now - m_noneFreeSince >= loop().settings().heartbeat) {
+        m_noneFreeSince = now;
+        loop().post([self = std::static_pointer_cast<ClientConnection>(shared_from_this())] {
+            self->readAll(); // this process may have stood still itself
+            Lock lock(self->m_lock);
+            if (self->m_noneFreeSince != comm::NEVER) {
+                lock.unlock();
+                self->cutOff("it does not end what was cancelled");
+            }
+        });
+    }
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended, it is told here.
@@ -248,6 +274,8 @@ void ClientConnection::cancelStream(std::uint32_t number)
     }
     if (machine().cancel(number) == protocol::Machine::Cancelled::eNEVER_SENT) {
         m_streams.giveBack(number);
+    } else {
+        ++m_endsOwed;
     }
     pushOut();
 }
@@ -358,6 +386,8 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
     }
     if (!stream->isOpen) {
         m_streams.giveBack(number);
+        --m_endsOwed;
+        m_noneFreeSince = comm::NEVER;
         return;
     }
     unlink(number);

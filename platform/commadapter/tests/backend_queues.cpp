@@ -1,5 +1,6 @@
 // Peers that do not take what is sent to them, and very much at once.
 
+#include "CarelessPeer.h"
 #include "backend/StreamTable.h"
 #include "backend_support.h"
 
@@ -383,6 +384,41 @@ TEST_F(BackendNumbers, OfRequestsRunOutAndComeBack)
     scheduler->runFor(3 * comm::SECOND);
     EXPECT_EQ(fill(1), 2);
     EXPECT_FALSE(outcomes.back()->hasEnded());
+}
+
+TEST_F(BackendNumbers, AreNotKeptByAPeerThatEndsNothing)
+{
+    CarelessPeer careless(*network, protocol::Machine::Role::eSERVER);
+    careless.listen("careless");
+    clientBackend = makeBackend("client");
+    Client asker(*clientBackend, "ipc://careless/service");
+    asker.start();
+    settle();
+    careless.machine().attached(1);
+    careless.send();
+    settle();
+    for (std::uint32_t i = 0; i < MAX_STREAMS; ++i) {
+        const auto outcome = asker.request(retrieve("/x"));
+        scheduler->runReady();
+        asker.cancel(*outcome);
+    }
+    const auto isFull = [&] {
+        const auto outcome = asker.request(retrieve("/x"));
+        settle();
+        return outcome->errorText == "too many open requests";
+    };
+    EXPECT_TRUE(isFull());
+    scheduler->runFor(settings.heartbeat);
+    careless.machine().completed(1);
+    careless.send();
+    settle();
+    EXPECT_FALSE(isFull());
+    EXPECT_TRUE(isFull()) << "it had ended one";
+    EXPECT_TRUE(asker.checker.isConnected());
+    scheduler->runFor(settings.heartbeat);
+    EXPECT_TRUE(isFull());
+    EXPECT_FALSE(asker.checker.isConnected()) << "it had ended none";
+    asker.release();
 }
 
 } // namespace
