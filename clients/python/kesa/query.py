@@ -26,26 +26,24 @@ class Query(Wish):
     ):
         super().__init__("retrieve", "/", {"pattern": glob, **conditions})
         self.known: dict[str, Record] = {}
-        self.complete = False
+        self.caught_up = False
         self._told: set[str] = set()
-        self._catching_up = True
         self._on_change = on_change
         self._on_complete = on_complete
         self._on_refused = on_refused
 
     def sent(self) -> None:
         self._told = set()
-        self._catching_up = True
+        self.caught_up = False
 
     def told(self, value: Any) -> None:
         for update in value:
             self._update(update["updateType"], records.from_json(update["element"]))
-        if not value and self._catching_up:
-            self._catching_up = False
+        if not value and not self.caught_up:
+            self.caught_up = True
             for path in self.known.keys() - self._told:
                 self._on_change(Change("removed", self.known.pop(path)))
             self._told = set()
-            self.complete = True
             self._on_complete()
 
     def refused(self, error: ServiceError) -> None:
@@ -54,7 +52,7 @@ class Query(Wish):
     def _update(self, kind: str, record: Record) -> None:
         before = self.known.get(record.path)
         if kind == "ADDED":
-            if self._catching_up:
+            if not self.caught_up:
                 self._told.add(record.path)
             if before == record:
                 return

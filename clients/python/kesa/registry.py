@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import asyncio
 import json
-from typing import Any
+from typing import Any, Callable
 
 from .bodies import JSON
 from .errors import ProtocolError, ServiceError
@@ -12,6 +12,8 @@ from .link import STREAM, Answer, Exchange, Link
 
 PROCESS = "kesa-registryd"
 PATH = "/registry"
+# From the start of a registry until every provider has found it again: their longest pause, and some.
+_SETTLING_SECONDS = 1.5
 
 
 class Wish:
@@ -34,19 +36,43 @@ class Wish:
         """The registry ended it for good; it is not asked again."""
 
 
+class _Itself(Wish):
+    """Tells when the registry began, if it says so."""
+
+    def __init__(self, on_started: Callable[[float], None]):
+        super().__init__("retrieve", PATH, {})
+        self._on_started = on_started
+
+    def told(self, value: Any) -> None:
+        started = (value["element"].get("metainfo") or {}).get("started_ms")
+        if value["updateType"] == "ADDED" and isinstance(started, int):
+            self._on_started(started / 1000)
+
+
 class Registry:
     """I/O thread only."""
 
     def __init__(self, link: Link, path: str = PATH):
         self._link = link
-        self._wishes: list[Wish] = []
+        self._loop = asyncio.get_running_loop()
+        self.settled = False
+        """Whether the services of before have had the time to return to it, should it have been started anew."""
+        self.on_settled: list[Callable[[], None]] = []
+        self._settling: asyncio.TimerHandle | None = None
+        self._is_young = False
+        # The first to be asked for, so that it is answered before the queries.
+        self._wishes: list[Wish] = [_Itself(self._started)]
         self._target = link.acquire(path)
         self._target.on_change.append(self._changed)
 
     @property
     def problem(self) -> str:
-        """Why it cannot be reached."""
-        return self._link.problem
+        """Why it cannot be reached, or what it is waited for."""
+        if not self.reachable:
+            return self._link.problem
+        if self._is_young and not self.settled:
+            return "the registry has just started, and services may be on their way back to it"
+        return "the registry does not answer"
 
     @property
     def reachable(self) -> bool:
@@ -73,9 +99,34 @@ class Registry:
         return wish.gone
 
     def _changed(self, attached: bool) -> None:
+        self._is_young = False
+        self._settle_at(self._loop.time() + _SETTLING_SECONDS if attached else None)
         if attached:
             for wish in list(self._wishes):
                 self._send(wish)
+
+    def _started(self, started: float) -> None:
+        """A time of another clock, as of another host, may be later than now, and tells nothing."""
+        if started <= self._loop.time():
+            self._is_young = True
+            self._settle_at(started + _SETTLING_SECONDS)
+
+    def _settle_at(self, time: float | None) -> None:
+        self.settled = False
+        if self._settling:
+            self._settling.cancel()
+            self._settling = None
+        if time is None:
+            return
+        if time > self._loop.time():
+            self._settling = self._loop.call_at(time, self._settle)
+        else:
+            self._settle()
+
+    def _settle(self) -> None:
+        self.settled = True
+        for each in list(self.on_settled):
+            each()
 
     def _send(self, wish: Wish) -> None:
         def on_value(answer: Answer) -> None:

@@ -10,6 +10,7 @@ from .link import Link, Target
 from .names import Locator, literal_glob, parse_locator
 from .query import Query
 from .records import Change, Record
+from .registry import Registry
 
 
 def usable(record: Record, realm: str) -> Locator | None:
@@ -24,8 +25,10 @@ def usable(record: Record, realm: str) -> Locator | None:
 class Route:
     """I/O thread only. It stands while the registry is away, and open requests outlive the service's record."""
 
-    def __init__(self, path: str, realm: Callable[[], str], link_to: Callable[[str], Link]):
+    def __init__(self, path: str, registry: Registry, realm: Callable[[], str], link_to: Callable[[str], Link]):
         self.path = path
+        self._registry = registry
+        registry.on_settled.append(self._wake)
         self.query = Query(literal_glob(path), self._changed, self._wake, self._refused)
         self._realm = realm
         self._link_to = link_to
@@ -41,7 +44,7 @@ class Route:
             record = self.query.known.get(self.path)
             if record and not self._way:
                 raise ServiceNotThere(f"{self.path} cannot be reached from here: {', '.join(record.locators) or 'no locators'}")
-            if not record and self.query.complete:
+            if not record and self.query.caught_up and self._registry.settled:
                 raise ServiceNotThere(f"no process provides {self.path}")
             if self._way and self._way[1].attached:
                 return self._way[:2]
@@ -53,9 +56,10 @@ class Route:
         """What `ready` is waiting for."""
         if self._way:
             return f"{self._way[2]}: {self._way[0].problem}"
-        return "the registry does not answer"
+        return self._registry.problem
 
     def close(self) -> None:
+        self._registry.on_settled.remove(self._wake)
         self._leave()
         self._wake()
 

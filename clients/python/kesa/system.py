@@ -79,7 +79,7 @@ class System:
     def list(
         self, glob: str = "**", *, metadata: dict[str, Any] | None = None, scope: str | None = None, timeout: float | None = 5.0
     ) -> list[Record]:
-        """The services whose paths match `glob`, by path.
+        """The services whose paths match `glob`, by path. A registry that was started anew is given 1.5 s to hear of those of before.
 
         In a glob `*` stands for any characters of a segment, `**` for any number of segments. `metadata` maps keys of the
         metainfo to a text or to a list of texts, one of which it must be. ServiceError 400 if the glob is malformed.
@@ -118,7 +118,7 @@ class System:
         The value: of JSON and qelbin as Python has it, `str` of text, `bytes` of any other type. `command` is retrieve, update,
         delete, insert, or what the service understands.
 
-        ServiceNotThere at once if nobody provides `path`; ServiceError if the request ended with an error; Timeout.
+        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout.
         """
         return self._run(self._call(path, resource, command, body, headers), timeout, lambda: self._problem(path))
 
@@ -201,7 +201,7 @@ class System:
             async with asyncio.timeout(timeout):
                 return await work
         except TimeoutError:
-            raise Timeout(f"not within {timeout} s: {problem() if problem else self._registry_problem()}") from None
+            raise Timeout(f"not within {timeout} s: {problem() if problem else self._registry.problem}") from None
 
     async def _begin(self) -> None:
         self._hello = self._make_hello()
@@ -223,20 +223,24 @@ class System:
             link = self._links[process] = Link(self._loop, self._directory, process, lambda: self._hello)
         return link
 
-    def _registry_problem(self) -> str:
-        return "the registry does not answer" if self._registry.reachable else self._registry.problem
-
     async def _wait_registry(self) -> None:
         await self._registry.wait_reachable()
 
     async def _list(self, glob: str, conditions: dict[str, Any]) -> list[Record]:
         done = self._loop.create_future()
-        query = Query(glob, lambda change: None, lambda: _resolve(done), lambda error: _fail(done, error), **conditions)
+
+        def look() -> None:
+            if query.caught_up and self._registry.settled:
+                _resolve(done)
+
+        query = Query(glob, lambda change: None, look, lambda error: _fail(done, error), **conditions)
+        self._registry.on_settled.append(look)
         self._registry.add(query)
         try:
             await done
             return [query.known[path] for path in sorted(query.known)]
         finally:
+            self._registry.on_settled.remove(look)
             self._registry.remove(query)
 
     async def _watch(self, glob: str, conditions: dict[str, Any]) -> Stream[Change]:
@@ -260,7 +264,7 @@ class System:
     async def _reach(self, path: str) -> tuple[Link, Any]:
         route = self._routes.get(path)
         if route is None:
-            route = self._routes[path] = Route(check_path(path), self._realm, self._link)
+            route = self._routes[path] = Route(check_path(path), self._registry, self._realm, self._link)
             self._registry.add(route.query)
         try:
             return await route.ready()
@@ -273,7 +277,7 @@ class System:
 
     def _problem(self, path: str) -> str:
         route = self._routes.get(path)
-        return route.problem() if route and route.query.known else self._registry_problem()
+        return route.problem() if route and route.query.known else self._registry.problem
 
     async def _call(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Any:
         link, target = await self._reach(path)

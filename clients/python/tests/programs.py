@@ -53,6 +53,10 @@ class Running:
         self.process.send_signal(signal.SIGSTOP)
         os.waitid(os.P_PID, self.process.pid, os.WSTOPPED)
 
+    def go_on(self) -> None:
+        """As kill -CONT."""
+        self.process.send_signal(signal.SIGCONT)
+
     def kill(self) -> None:
         """As kill -9. Returns when it is dead."""
         self.process.kill()

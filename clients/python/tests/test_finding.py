@@ -4,8 +4,10 @@ from __future__ import annotations
 
 import threading
 from typing import Callable
+from unittest import mock
 
 import kesa
+from kesa import registry
 from programs import DEADLINE, SystemTest
 
 
@@ -44,6 +46,29 @@ class Finding(SystemTest):
         self.start_registry()
         self.take(changes, there, lambda: "/goes" not in there and there.get("/system/cpu", before) != before)
         self.assertEqual(there["/system/cpu"].provider, "system-monitor")
+
+    def test_nothing_is_called_gone_since_the_registry_has_just_started(self) -> None:
+        monitor = self.start_monitor()
+        self.connect().wait("/system/cpu", DEADLINE)
+        for ask in (lambda: [record.path for record in young.list("/system/cpu")], lambda: list(young.call("/system/cpu"))):
+            monitor.stop()
+            self.restart_registry()
+            young = self.connect()
+            answers: list[list[str]] = []
+            asking = threading.Thread(target=lambda: answers.append(ask()))
+            asking.start()
+            young.wait("/registry", DEADLINE)
+            monitor.go_on()
+            asking.join(DEADLINE)
+            self.assertIn(answers, ([["/system/cpu"]], [["busy_percent"]]))
+
+    def test_what_is_not_known_in_time_is_said_to_be_so(self) -> None:
+        with mock.patch.object(registry, "_SETTLING_SECONDS", 1e6):
+            system = self.connect()
+            system.wait("/registry", DEADLINE)
+            for work in (lambda: system.list(timeout=0.01), lambda: system.call("/nobody", timeout=0.01)):
+                with self.assertRaisesRegex(kesa.Timeout, "just started"):
+                    work()
 
     def take(self, changes: kesa.Stream[kesa.Change], there: dict[str, kesa.Record], enough: Callable[[], bool]) -> None:
         """Keeps `there` by the changes; each must be one of it."""
