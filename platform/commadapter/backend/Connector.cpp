@@ -1,8 +1,9 @@
 // A missing endpoint is watched, and nothing is tried until the watch fires. Where nothing can be watched, after all
 // other failures, and beside the watch of a socket that nobody listens on, the pauses double from 1 ms to the longest
 // of the transport. They begin anew when a useful connection has lasted as long as the longest: a peer that ends each
-// at once is not asked again and again. One that is started again meanwhile is found by the watch. A busy one is tried
-// again within 1 to 5 ms, at random, so that many clients do not come back at the same moment.
+// at once is not asked again and again. One that is started again meanwhile is found by the watch, which begins them
+// anew, too. A busy one is tried again within 1 to 5 ms, at random, so that many clients do not come back at the same
+// moment.
 
 #include "backend/Connector.h"
 
@@ -139,6 +140,7 @@ void Connector::missing()
 
 void Connector::appeared()
 {
+    m_pause = comm::MILLISECOND; // another process's, which may be about to listen
     if (m_state == State::eCONNECTING) {
         m_hasAppeared = true;
     } else if (m_state == State::eWAITING) {
