@@ -29,9 +29,7 @@ template <class T, class = void>
 struct CanWrite : std::false_type {};
 template <class T>
 struct CanWrite<T, std::void_t<decltype(serialize(std::declval<IStructuredSerializer&>(), std::declval<const T&>()))>>
-    : std::bool_constant<!std::is_pointer_v<T> && !(std::is_enum_v<T> && std::is_convertible_v<T, int>)> {
-    // those would be taken for a `bool`
-};
+    : std::true_type {};
 
 template <class T, class = void>
 struct CanRead : std::false_type {};

@@ -235,10 +235,6 @@ bool serialize(IStructuredSerializer& out, const std::string& value)
 {
     return out.stringValue(value);
 }
-bool serialize(IStructuredSerializer& out, bool value)
-{
-    return out.boolValue(value);
-}
 bool serialize(IStructuredSerializer& out, const Path& value)
 {
     return out.stringValue(value.toString());

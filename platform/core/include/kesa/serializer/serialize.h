@@ -21,14 +21,16 @@ using util::serializer::IStructuredPullDeserializer;
 using util::serializer::IStructuredSerializer;
 
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const std::string& value);
-[[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, bool value);
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const Path& value);
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const url& value);
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const obr::UUID& value);
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const util::config::Value& value);
 [[nodiscard]] KESA_API bool serialize(IStructuredSerializer& out, const util::config::Dictionary& value);
-/// A literal would be taken for a `bool`.
-bool serialize(IStructuredSerializer& out, const char* value) = delete;
+/// Pointers, so literals, and enumerators that are numbers would be taken for a `bool`.
+template <class T>
+bool serialize(IStructuredSerializer& out, T* value) = delete;
+template <class T, std::enable_if_t<std::is_enum_v<T> && std::is_convertible_v<T, int>, int> = 0>
+bool serialize(IStructuredSerializer& out, T value) = delete;
 
 [[nodiscard]] KESA_API bool deserialize(IStructuredPullDeserializer& in, std::string& value);
 [[nodiscard]] KESA_API bool deserialize(IStructuredPullDeserializer& in, bool& value);
@@ -49,10 +51,17 @@ bool serialize(IStructuredSerializer& out, const char* value) = delete;
 template <class T>
 using EnableForNumbers = std::enable_if_t<std::is_arithmetic_v<T> && !std::is_same_v<T, bool>, int>;
 
+/// Of exactly these types: what only converts to a number or a `bool` does not compile.
 template <class T, EnableForNumbers<T> = 0>
 [[nodiscard]] bool serialize(IStructuredSerializer& out, T value)
 {
     return serialize(out, util::config::Value(value));
+}
+
+template <class T, std::enable_if_t<std::is_same_v<T, bool>, int> = 0>
+[[nodiscard]] bool serialize(IStructuredSerializer& out, T value)
+{
+    return out.boolValue(value);
 }
 
 template <class T, EnableForNumbers<T> = 0>

@@ -140,6 +140,29 @@ TEST(Reading, FailsWhileAnOlderErrorIsPending)
     EXPECT_TRUE(fromPayload<Query>(payload, "Query"));
 }
 
+template <class T>
+std::string kept(const T& value, std::string_view format)
+{
+    const auto back = fromPayload<T>(*toPayload(value, format), "value");
+    EXPECT_TRUE(back == value) << obr::ErrorStorage::reason();
+    return std::string(toPayload(value, mimetypes::JSON)->text());
+}
+
+TEST_P(WireForm, KeepsSingleValuesAndConvertsNone)
+{
+    EXPECT_EQ(kept(21.5, GetParam()), "21.5");
+    EXPECT_EQ(kept(-7, GetParam()), "-7");
+    EXPECT_EQ(kept(false, GetParam()), "false");
+    EXPECT_EQ(kept(std::string("true"), GetParam()), R"("true")");
+
+    enum Plain { eLOUD };
+    struct Flag {
+        operator bool() const { return true; }
+    };
+    static_assert(!serializer::CAN_WRITE<Plain> && !serializer::CAN_WRITE<Flag> && !serializer::CAN_WRITE<int*> &&
+                  !serializer::CAN_WRITE<char[6]> && !serializer::CAN_WRITE<void (*)()>);
+}
+
 TEST(Writing, RefusesWhatHasNoWireForm)
 {
     EXPECT_FALSE(toPayload(RegistryUpdate(), mimetypes::JSON));
