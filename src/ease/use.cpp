@@ -509,14 +509,14 @@ std::shared_ptr<Client> use(IRuntimeRegistry& runtime, const std::string& path)
     return std::make_shared<Client>(&runtime, path);
 }
 
-/// Waits for a client's connection.
+/// Waits for a client's connection. `operation` is what the user has called.
 class Connecting {
 public:
     template <class Use>
-    static ConnectResult run(const Use& use, std::chrono::nanoseconds timeout)
+    static ConnectResult run(const Use& use, std::chrono::nanoseconds timeout, const char* operation)
     {
         ConnectResult result;
-        result.error = detail::refusalToWait("kesa::connect", "use kesa::use and whenConnected");
+        result.error = detail::refusalToWait(operation, "use kesa::use and whenConnected");
         if (!result.error.empty()) {
             return result;
         }
@@ -535,21 +535,21 @@ public:
 
 ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run([&] { return use(path); }, timeout);
+    return Connecting::run([&] { return use(path); }, timeout, "kesa::connect");
 }
 
 ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run([&] { return use(runtime, path); }, timeout);
+    return Connecting::run([&] { return use(runtime, path); }, timeout, "kesa::connect");
 }
 
 namespace {
 
-template <class Connect>
-GetResult connectAndGet(const Connect& connect, Request&& request, std::chrono::nanoseconds timeout)
+template <class Use>
+GetResult connectAndGet(const Use& use, Request&& request, std::chrono::nanoseconds timeout)
 {
     const comm::TimeNs deadline = detail::deadlineIn(timeout);
-    const ConnectResult found = connect();
+    const ConnectResult found = Connecting::run(use, timeout, "kesa::get");
     if (!found) {
         return {std::nullopt, found.status, found.error};
     }
@@ -560,12 +560,12 @@ GetResult connectAndGet(const Connect& connect, Request&& request, std::chrono::
 
 GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
 {
-    return connectAndGet([&] { return connect(path, timeout); }, std::move(request), timeout);
+    return connectAndGet([&] { return use(path); }, std::move(request), timeout);
 }
 
 GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
 {
-    return connectAndGet([&] { return connect(runtime, path, timeout); }, std::move(request), timeout);
+    return connectAndGet([&] { return use(runtime, path); }, std::move(request), timeout);
 }
 
 } // namespace kesa

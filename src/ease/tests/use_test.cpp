@@ -370,8 +370,13 @@ TEST_F(Use, ConnectWaitsOrSaysWhyNot)
     comm::ActiveObject loop("application");
     ConnectResult result;
     comm::ActiveObject updater("KesaRuntimeImpl.m_updater");
-    comm::runAndWait(updater, [&] { result = kesa::connect(runtime, "/p", 1s); });
+    GetResult answer;
+    comm::runAndWait(updater, [&] {
+        result = kesa::connect(runtime, "/p", 1s);
+        answer = kesa::get(runtime, "/p", Request("retrieve", "/"), 1s);
+    });
     EXPECT_THAT(result.error, testing::StartsWith("kesa::connect can not wait on 'KesaRuntimeImpl.m_updater'"));
+    EXPECT_THAT(answer.error, testing::StartsWith("kesa::get can not wait on 'KesaRuntimeImpl.m_updater'"));
     EXPECT_THAT(runtime.take(), IsEmpty());
 }
 
