@@ -5,10 +5,12 @@
 #include <kesa/ease/handler.h>
 #include <kesa/ease/provide.h>
 #include <kesa/ease/use.h>
+#include <kesa/reasonOf.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <obr/ErrorStorage.h>
+#include <tracing/Channel.h>
 
 #include <mutex>
 #include <utility>
@@ -139,7 +141,9 @@ private:
         if (m_onRefused) {
             m_onRefused(error);
         } else {
-            detail::TraceError()(error);
+            static const ::tracing::Channel channel("KESA_EASE");
+            KESA_TRACE(channel, 3, "[provide] the registration of '%s' was refused: %s", m_path.c_str(),
+                       reasonOf(error).c_str());
         }
     }
 

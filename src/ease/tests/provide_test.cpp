@@ -4,6 +4,7 @@
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/provide.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
+#include <tracing/CapturingSink.h>
 
 namespace {
 
@@ -107,6 +108,17 @@ TEST_F(Provide, LeavesItsEndToTheAnswerThatIsOutstanding)
     refused();
     EXPECT_THAT(runtime.take(), ElementsAre("register /q"));
     EXPECT_THAT(takeTold(), IsEmpty());
+}
+
+TEST_F(Provide, TracesARefusalThatNobodyHears)
+{
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
+    registration = provide(runtime, "tv", service);
+    runtime.registrator->onError(Response::createErrorResponse(400, "a service path begins with '/'"));
+    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr(
+                                  "the registration of 'tv' was refused: 400: a service path begins with '/'")));
+    ::tracing::setSink(nullptr);
 }
 
 TEST_F(Provide, WithoutARuntimeIsRefused)
