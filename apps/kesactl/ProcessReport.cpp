@@ -80,11 +80,10 @@ void add(ProcessReport& report, const Said& said)
                 fmt::format("cannot be asked: {}; it may be of an earlier version, or no program of this library",
                             said.reason));
     } else {
-        explain(
-            report, ExitCode::eTIMED_OUT, "does not answer",
-            fmt::format("does not answer: {}; it is just starting or ending, or busy: a handler that blocks keeps it "
-                        "from answering",
-                        said.reason));
+        explain(report, ExitCode::eTIMED_OUT, "does not answer",
+                fmt::format("does not answer: {}; it is just starting or ending, a handler blocks it, or it is none of "
+                            "Kesa's programs: ask again, then look at its threads, or restart it",
+                            said.reason));
     }
 }
 

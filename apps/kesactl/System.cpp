@@ -4,9 +4,7 @@
 
 #include <common/RegistryPlace.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
-#include <tracing/Sink.h>
 
-#include <cstdlib>
 #include <unistd.h>
 
 namespace kesactl {
@@ -15,9 +13,6 @@ using kesa::runtime::v02::KesaRuntime;
 
 System::System(bool isRegistryNeeded)
 {
-    if (::secure_getenv("KESA_TRACE") == nullptr) {
-        tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says
-    }
     const std::string name = "kesactl-" + std::to_string(::getpid());
     apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
     if (!place.problem.empty() && (isRegistryNeeded || place.endsProcess)) {

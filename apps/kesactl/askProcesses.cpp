@@ -7,14 +7,12 @@
 #include <kesa/ease/handler.h>
 #include <obr/ErrorStorage.h>
 #include <protocol/Machine.h>
-#include <tracing/Sink.h>
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -156,9 +154,6 @@ Said explain(const Question& question, const std::string& name, const Value& own
 
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
 {
-    if (::secure_getenv("KESA_TRACE") == nullptr) {
-        tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says
-    }
     const std::string ownName = "kesactl-" + std::to_string(::getpid());
     const auto backend = kesa::commadapter::createBackend(ownName, "");
     backend->start();

@@ -15,7 +15,6 @@
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/reviewDocument.h>
-#include <tracing/Sink.h>
 #include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
 
@@ -87,15 +86,15 @@ void splitPlace(const std::string& file, CheckResult::Complaint& complaint)
 }
 
 /// In the order in which they stand in the document.
-std::vector<CheckResult::Complaint> locate(const ConfigReport& report, const std::string& file)
+std::vector<CheckResult::Complaint> locate(const ConfigReport& report)
 {
-    std::ifstream in(report.file, std::ios::binary);
+    std::ifstream in(report.root.isDefined() ? report.file : "", std::ios::binary);
     const JsonPositions positions(std::string(std::istreambuf_iterator<char>(in), {}));
     std::vector<CheckResult::Complaint> complaints;
     for (const auto& [severity, isFatal, path, text] : report.complaints) {
         const auto [line, column] = positions.find(path);
         complaints.push_back({isFatal ? 4 : severity, path, line, column, text});
-        splitPlace(file, complaints.back());
+        splitPlace(report.file, complaints.back());
         const std::string_view advice = adviceFor(text);
         if (!advice.empty()) {
             complaints.back().text.append(": ").append(advice);
@@ -135,9 +134,6 @@ int checkConfig(const Arguments& arguments)
         // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
         setenv("KESA_CONFIG", arguments.file.c_str(), 1);
     }
-    if (::secure_getenv("KESA_TRACE") == nullptr) {
-        tracing::setThreshold("*", 5); // everything is said below
-    }
     ConfigReport report;
     const KesaConfig config = arguments.file.empty()
                                   ? KesaConfig::readOr(arguments.process, KesaRuntime::WITH_REGISTRYD, &report)
@@ -153,8 +149,7 @@ int checkConfig(const Arguments& arguments)
     std::vector<std::string> said; // by the review
     const CommSettings comm = kesa::commadapter::readCommSettings(report.root["comm"], said);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
-    const std::string& file = report.file.empty() ? arguments.file : report.file;
-    const CheckResult result{file,
+    const CheckResult result{report.file,
                              process,
                              partition,
                              config,
@@ -162,7 +157,7 @@ int checkConfig(const Arguments& arguments)
                              valueOf(comm),
                              runDirectory.path(),
                              runDirectory.source(),
-                             locate(report, file)};
+                             locate(report)};
     print(arguments.isJson ? asJsonLine(asJson(result), "this cannot be said in JSON; leave out --json") + '\n'
                            : asText(result));
     return result.isValid ? 0 : 1;

@@ -2,6 +2,7 @@
 
 #include "Failure.h"
 #include "ProcessFacts.h"
+#include "ProcessReport.h"
 #include "RunDirectoryFacts.h"
 #include "System.h"
 #include "otherRunDirectories.h"
@@ -16,7 +17,6 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
 #include <runtime/v02/config/reviewDocument.h>
-#include <tracing/Sink.h>
 #include <transport/RunDirectory.h>
 
 #include <fcntl.h>
@@ -100,28 +100,44 @@ void addMachine(Page& page)
     page.facts.set("environment", environment);
 }
 
-/// Answers the run directory that the document names, or nothing.
-std::string addConfiguration(Page& page, const std::string& process)
+std::string describe(const ConfigReport::Complaint& complaint, const ConfigReport& report)
+{
+    if (!report.root.isDefined()) { // the text says where
+        return complaint.text + "; correct it and start the processes again";
+    }
+    return fmt::format("{}: {}{}{}; kesactl check-config says where",
+                       report.file.empty() ? "the configuration" : report.file, complaint.path,
+                       complaint.path.empty() ? "" : ": ", complaint.text);
+}
+
+struct Configuration {
+    bool isValid;
+    std::string runDirectory; ///< that the document names, or empty
+};
+
+Configuration addConfiguration(Page& page, const std::string& process)
 {
     constexpr std::size_t MOST_COMPLAINTS = 5;
     ConfigReport report;
     const KesaConfig config = KesaConfig::readOr(process, KesaRuntime::WITH_REGISTRYD, &report);
     reviewDocument(report);
     reviewSettings(config, "", report);
-    page.add("configuration", report.file.empty() ? "no file: the built-in document counts" : report.file);
+    page.add("configuration",
+             report.file.empty() ? "no file: the built-in document counts"
+             : config.m_valid
+                 ? report.file
+                 : report.file + ", which is not valid: a process goes on with defaults, which ask for no registry");
     std::size_t count = 0;
     for (const auto& complaint : report.complaints) {
         if (complaint.severity >= 3 && ++count <= MOST_COMPLAINTS) {
-            page.findings.push_back(fmt::format("{}: {}{}{}; kesactl check-config says where",
-                                                report.file.empty() ? "the configuration" : report.file, complaint.path,
-                                                complaint.path.empty() ? "" : ": ", complaint.text));
+            page.findings.push_back(describe(complaint, report));
         }
     }
     if (count > MOST_COMPLAINTS) {
         page.findings.push_back(fmt::format("{} more complaints; see kesactl check-config", count - MOST_COMPLAINTS));
     }
     std::vector<std::string> said; // by the review
-    return kesa::commadapter::readCommSettings(report.root["comm"], said).runDir;
+    return {config.m_valid, kesa::commadapter::readCommSettings(report.root["comm"], said).runDir};
 }
 
 void addRights(Page& page, const RunDirectoryFacts& facts)
@@ -158,32 +174,22 @@ void addRealm(Page& page, const RunDirectoryFacts& facts)
     }
 }
 
-/// What keeps others from the process.
-void addFindings(std::vector<std::string>& findings, const std::string& socket, const Name& name,
-                 const ProcessFacts& process)
+/// What keeps others from the processes. All are asked at once.
+std::vector<std::string> findWrong(RunDirectoryFacts facts)
 {
-    const auto find = [&](std::string_view what) {
-        findings.push_back(name.holder == 0 ? fmt::format("{}: {}", name.name, what)
-                                            : fmt::format("{} ({}): {}", name.name, name.holder, what));
-    };
-    if (name.holder != 0 && !name.hasSocket) {
-        find("has its name, but its socket was removed, so nobody can reach it; restart it, and keep cleaners out of "
-             "the run directory");
-    } else if (name.connectError == EACCES) {
-        find(fmt::format("this user may not connect to {} ({}); join the group, or set \"socket_group\" and "
-                         "\"socket_mode\" of that process",
-                         socket, name.rights));
-    } else if (name.connectError != 0) {
-        find(fmt::format("cannot be connected to: {}; it is just starting or ending, else restart it",
-                         reasonOf(name.connectError)));
+    constexpr comm::TimeNs LIMIT = 2 * comm::SECOND;
+    std::erase_if(facts.names, isLeft);
+    std::vector<std::string> wrong;
+    for (const ProcessReport& report : lookAtProcesses(facts, "", comm::now() + LIMIT)) {
+        if (!report.advice.empty() && report.note != "does not say") {
+            wrong.push_back(report.advice);
+        }
+        if (report.facts.isReplaced) {
+            wrong.push_back(fmt::format("{} ({}): its program or library was replaced while it runs; restart it",
+                                        report.name, report.pid));
+        }
     }
-    if (process.isStopped) {
-        find(fmt::format("is stopped, and answers nothing; continue it with kill -CONT {}, or end its debugger",
-                         name.holder));
-    }
-    if (process.isReplaced) {
-        find("its program or library was replaced while it runs; restart it");
-    }
+    return wrong;
 }
 
 std::string describe(const Name& name, const ProcessFacts& process)
@@ -201,7 +207,6 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
-    std::vector<std::string> wrong;
     std::vector<std::string> left;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder);
@@ -210,8 +215,6 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
             left.push_back(fmt::format(
                 "{} is left of a process that was killed; the next one of that name replaces it, or remove it",
                 socket));
-        } else {
-            addFindings(wrong, socket, name, process);
         }
         if (!isLeft(name) || left.size() <= MOST) {
             page.addLine("  " + name.name, describe(name, process));
@@ -228,6 +231,7 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
     if (left.size() > MOST) {
         page.addLine(fmt::format("  and {} more", left.size() - MOST), "nobody: their sockets are left");
     }
+    std::vector<std::string> wrong = findWrong(facts);
     page.find(wrong, "findings about processes with a name here; see to those above first");
     page.find(left, "sockets are left of processes that were killed");
     page.facts.set("names", std::move(names));
@@ -270,10 +274,10 @@ void addOthers(Page& page, const RunDirectoryFacts& chosen)
     page.facts.set("other_run_directories", std::move(others));
 }
 
-void addRegistry(Page& page, const apps::RegistryPlace& place)
+void addRegistry(Page& page, const apps::RegistryPlace& place, bool isConfigurationValid)
 {
     page.add("registry", place.locators.empty() ? "none" : place.locators.front().toString());
-    if (!place.problem.empty()) {
+    if (!place.problem.empty() && isConfigurationValid) { // else it is said already
         page.findings.push_back(place.problem);
     }
 }
@@ -357,15 +361,13 @@ std::string asJson(const Page& page)
 
 bool diagnose(bool isJson)
 {
-    if (::secure_getenv("KESA_TRACE") == nullptr) {
-        tracing::setThreshold("*", 5); // everything is said below
-    }
     const std::string process = "kesactl-" + std::to_string(::getpid());
     Page page;
     addMachine(page);
-    const RunDirectory runDirectory(addConfiguration(page, process));
+    const Configuration configuration = addConfiguration(page, process);
+    const RunDirectory runDirectory(configuration.runDirectory);
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
-    addRegistry(page, place);
+    addRegistry(page, place, configuration.isValid);
     const RunDirectoryFacts facts(runDirectory.path());
     addRunDirectory(page, runDirectory, facts);
     addOthers(page, facts);

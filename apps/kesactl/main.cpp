@@ -7,9 +7,11 @@
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
+#include <tracing/Sink.h>
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <sstream>
 
 namespace {
@@ -101,6 +103,9 @@ int main(int argc, char** argv)
 {
     apps::holdStandardDescriptors();
     std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
+    if (::secure_getenv("KESA_TRACE") == nullptr) {
+        tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says
+    }
     try {
         return run(argc, argv);
     } catch (const Failure& failure) {

@@ -116,6 +116,7 @@ TEST_F(Documents, whatCannotBeReadIsAFailure)
     ::setenv("KESA_CONFIG", "bad.json", 1);
     EXPECT_TRUE(load().hasFailed());
     EXPECT_EQ(obr::ErrorStorage::reason(), "bad.json:2:6: expected a value");
+    EXPECT_EQ(load().file(), "bad.json");
 }
 
 TEST_F(Documents, nodesOfProcesses)

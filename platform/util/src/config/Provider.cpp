@@ -65,16 +65,17 @@ Provider::Provider(const std::string& name, const std::string& path, int, LoadSt
     std::string problem;
     for (const Candidate& candidate : candidates(name, path)) {
         const Reading reading = readDocument(candidate.file, m_second, m_duplicateKeys, problem);
+        if (reading == Reading::eMISSING && !candidate.mustExist) {
+            lookedFor += (lookedFor.empty() ? "" : ", ") + candidate.file;
+            continue;
+        }
+        m_file = candidate.file;
         if (reading == Reading::eREAD) {
-            m_file = candidate.file;
             m_first = m_second[name];
-            return;
-        }
-        if (reading == Reading::eFAILED || candidate.mustExist) {
+        } else {
             m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, problem);
-            return;
         }
-        lookedFor += (lookedFor.empty() ? "" : ", ") + candidate.file;
+        return;
     }
     m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
                                                           "there is no configuration; looked for " + lookedFor);

@@ -19,8 +19,8 @@ struct ConfigReport {
     };
     std::vector<Complaint> complaints; ///< in the order of reading
 
-    std::string file;         ///< empty when none was read
-    util::config::Value root; ///< what was read as the configuration
+    std::string file;         ///< that counts, also when it could not be read; empty without one
+    util::config::Value root; ///< what was read as the configuration; undefined when nothing was
     std::string rootPath;     ///< of the root in the document: "kesa", or empty for the document itself
     /// The path in the document of a key, or of any value below the root.
     std::string path(const std::string& key) const { return rootPath.empty() ? key : rootPath + "." + key; }

@@ -25,7 +25,7 @@ public:
     const Value& first() const noexcept { return m_first; }
     const Value& second() const noexcept { return m_second; }
 
-    /// The file that was read; empty when none was.
+    /// The file that counts, also when it could not be read; empty when there is none.
     const std::string& file() const noexcept { return m_file; }
     /// Whether there is a document to read: `$KESA_CONFIG` is set, or one of the files is there.
     static bool isConfigured(const std::string& name, const std::string& path);
