@@ -6,7 +6,9 @@
 #include <kesa/commadapter/whyUnreachable.h>
 
 #include <gmock/gmock.h>
+#include <grp.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -14,6 +16,7 @@
 #include <filesystem>
 #include <optional>
 #include <thread>
+#include <vector>
 
 namespace kesa::commadapter::test {
 namespace {
@@ -122,6 +125,38 @@ TEST_F(WhyUnreachableTest, NamesTheStepAtWhichItEnds)
     expect(locator.toString(), Cause::eNONE, "");
     expect("ipc://media/plaier", Cause::eNOT_PROVIDED, "does not provide \"/plaier\"");
     backend->stop();
+}
+
+TEST_F(WhyUnreachableTest, NobodyIsSentIntoTheGroupOfRootOrOfAPerson)
+{
+    std::vector<gid_t> groups(static_cast<std::size_t>(::getgroups(0, nullptr)));
+    ASSERT_GE(::getgroups(static_cast<int>(groups.size()), groups.data()), 0);
+    if (::geteuid() != 0 || ::setgroups(0, nullptr) != 0) {
+        GTEST_SKIP() << "only root can give a socket to another group";
+    }
+    const gid_t own = ::getegid();
+    ASSERT_EQ(::setegid(65534), 0);
+    const std::string path = m_directory + "/media.sock";
+    const Socket media(path);
+    const auto expectAdvice = [this, &path](uid_t owner, gid_t group, mode_t mode, const std::string& advice) {
+        ASSERT_EQ(::chown(path.c_str(), owner, group), 0);
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        ASSERT_EQ(::seteuid(65534), 0);
+        expect("ipc://media/player", Cause::eFORBIDDEN, advice, false);
+        ASSERT_EQ(::seteuid(0), 0);
+    };
+    ASSERT_EQ(::chmod(m_directory.c_str(), 0755), 0);
+    const std::string join = "and mode 0660; add this user to the group";
+    const std::string set = R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
+    expectAdvice(0, 0, 0660, set);
+    expectAdvice(54321, 54321, 0660, set);
+    expectAdvice(0, 54321, 0600, set);
+    expectAdvice(0, 54321, 0660, join);
+    expectAdvice(321, 321, 0660, join); // a service's
+    ASSERT_EQ(::chmod(m_directory.c_str(), 0750), 0);
+    expectAdvice(0, 0, 0660, "its owner has to let a group of this user use it");
+    ASSERT_EQ(::setegid(own), 0);
+    ASSERT_EQ(::setgroups(groups.size(), groups.data()), 0);
 }
 
 } // namespace

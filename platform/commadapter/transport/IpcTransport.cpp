@@ -38,9 +38,12 @@ constexpr std::size_t MOST_TRIED = 1024;
 /// Why a socket or directory may not be used, and what to do.
 ITransport::Connected forbid(const std::string& path, const struct stat& status)
 {
-    const mode_t needed = S_ISDIR(status.st_mode) ? S_IXGRP : S_IWGRP;
-    const char* const advice = (status.st_mode & needed) != 0 ? "add this user to the group and log in anew"
-                                                              : "its owner has to let the group use it";
+    const bool isDirectory = S_ISDIR(status.st_mode);
+    const bool mayGroup = (status.st_mode & (isDirectory ? S_IXGRP : S_IWGRP)) != 0;
+    const char* const advice =
+        mayGroup && isSharedGroup(status.st_uid, status.st_gid) ? "add this user to the group and log in anew"
+        : isDirectory                                           ? "its owner has to let a group of this user use it"
+                      : R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
     return {nullptr, ITransport::Failure::eFORBIDDEN,
             fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
                         groupName(status.st_gid), status.st_mode & 07777U, advice)};

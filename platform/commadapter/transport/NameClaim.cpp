@@ -96,6 +96,12 @@ std::string groupName(gid_t number)
     return isKnown ? found->gr_name : std::to_string(number);
 }
 
+bool isSharedGroup(uid_t owner, gid_t group)
+{
+    constexpr uid_t FIRST_PERSON = 1000; // those below are of services
+    return group != 0 && (group != owner || owner < FIRST_PERSON);
+}
+
 std::string socketFileName(const std::string& process)
 {
     return encodeProcessName(process) + ".sock";

@@ -45,7 +45,8 @@ bool isRealm(std::string_view text)
 std::string adviseRights(const std::string& directory)
 {
     struct stat status {};
-    return ::stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0
+    return ::stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0 &&
+                   isSharedGroup(status.st_uid, status.st_gid)
                ? fmt::format("add this user to the group \"{}\" and log in anew", groupName(status.st_gid))
                : "make it writable for this process";
 }
