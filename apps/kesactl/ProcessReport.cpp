@@ -56,8 +56,8 @@ ProcessReport reportOf(const Name& name, const std::string& directory)
             "the run directory");
     } else if (name.connectError == EACCES) {
         explain(report, ExitCode::eFAILED, "not allowed",
-                fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); join the group, or set "
-                            "\"socket_group\" and \"socket_mode\" of that process",
+                fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); join the group if it is "
+                            "not root's, or set \"socket_group\" and \"socket_mode\" of that process",
                             directory, name.name, name.rights));
     }
     return report;
