@@ -256,8 +256,14 @@ void Call::given(std::size_t bytes, Flow& flow)
     m_flow = &flow;
     m_unread = bytes;
     flow.unread += bytes;
-    check(flow.bound == 0 || flow.unread <= flow.bound, "what is queued for one client is bounded",
-          std::to_string(flow.unread) + " bytes");
+}
+
+void Call::accepted()
+{
+    if (m_unread > 0) {
+        check(m_flow->bound == 0 || m_flow->unread <= m_flow->bound, "what is queued for one client is bounded",
+              std::to_string(m_flow->unread) + " bytes");
+    }
 }
 
 void Call::taken()

@@ -67,6 +67,8 @@ public:
     void asked(std::optional<comm::TimeNs> deadline);
     /// `bytes` on their way, unless the asker has its end already.
     void given(std::size_t bytes, Flow& flow);
+    /// Not refused, as on a connection that has ended.
+    void accepted();
     void taken();
 
     const std::string& number() const { return m_number; }

@@ -60,9 +60,10 @@ void Service::answerLarge(Call& call, IResponseHandler<Response>& handler)
         text += std::string(m_largest / 8 + m_random.below(m_largest * 7 / 8), 'x');
         call.given(text.size(), m_calls.flow(call.group(), m_group));
     }
-    if (handler.onNext(Response(200, Payload::createFromString(std::move(text), "plain/text")))) {
+    const bool isRefused = handler.onNext(Response(200, Payload::createFromString(std::move(text), "plain/text")));
+    {
         const std::lock_guard<std::mutex> lock(m_verdict.mutex);
-        call.taken();
+        isRefused ? call.taken() : call.accepted();
     }
     handler.onCompleted();
 }
