@@ -45,19 +45,20 @@ public:
 
     void start(std::shared_ptr<IKesaApi> service, const GenericObject& metainfo)
     {
+        Disposable registration;
         const auto registerAt = [&](IRuntimeRegistry& runtime) {
-            Disposable registration = runtime.registerService(
+            registration = runtime.registerService(
                 m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
                 handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
                                     [self = shared_from_this()](const Response& error) { self->refused(error); }));
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            m_registration = std::move(registration);
         };
         if (m_runtime != nullptr) {
             registerAt(*m_runtime);
         } else if (!runtime::v02::KesaRuntime::withInstance(registerAt)) {
             refused(Response::createErrorResponse(503, "this process has no runtime"));
         }
+        const std::lock_guard<std::mutex> lock(m_mutex); // not within `withInstance`: `ask` takes the two in turn
+        m_registration = std::move(registration);
     }
 
     void whenKnown(util::UniqueFunction<void()> handler)
