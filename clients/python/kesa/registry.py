@@ -10,8 +10,8 @@ from .bodies import JSON
 from .errors import ProtocolError, ServiceError
 from .link import STREAM, Answer, Exchange, Link
 
-PROCESS = "kesa-registryd"
 PATH = "/registry"
+LOCATOR = f"ipc://kesa-registryd{PATH}"
 # From the start of a registry until every provider has found it again: their longest pause, and some.
 _SETTLING_SECONDS = 1.5
 
@@ -52,7 +52,7 @@ class _Itself(Wish):
 class Registry:
     """I/O thread only."""
 
-    def __init__(self, link: Link, path: str = PATH):
+    def __init__(self, link: Link, path: str):
         self._link = link
         self._loop = asyncio.get_running_loop()
         self.settled = False

@@ -13,10 +13,10 @@ from . import bodies, rundir
 from .errors import KesaError, NoRegistry, ServiceError, Timeout
 from .heads import Hello
 from .link import SINGLE, STREAM, Answer, Exchange, Link
-from .names import Locator, check_path, literal_glob
+from .names import Locator, check_path, literal_glob, parse_locator
 from .query import Query
 from .records import Change, Record
-from .registry import PROCESS, Registry
+from .registry import LOCATOR, Registry
 from .requests import Handler
 from .routes import Route
 from .rundir import Claim
@@ -29,15 +29,22 @@ _MOST_VALUES = 65536
 _MOST_CHANGES = 1_000_000
 
 
-def connect(name: str | None = None, *, run_dir: str | None = None, timeout: float | None = 5.0) -> System:
+def connect(
+    name: str | None = None, *, run_dir: str | None = None, registry: str = LOCATOR, timeout: float | None = 5.0
+) -> System:
     """Joins the system in `run_dir`, else in the one that the environment and the rights of this user name (docs/protocol.md).
 
     `name` is needed to provide services, and is this process's until it ends or calls `close`. Who only asks needs none.
+    `registry` is the locator of another registry, as in the configuration document of the system's other processes.
     Waits up to `timeout` seconds for the registry, None for ever: then a process may start before it.
 
-    `NoRegistry` if the registry is not there in time, `NameTaken` if another living process has `name`, ValueError if it is none.
+    `NoRegistry` if the registry is not there in time, `NameTaken` if another living process has `name`, ValueError if it is none,
+    or `registry` no locator.
     """
-    system = System(name, run_dir or rundir.find())
+    locator = parse_locator(registry)
+    if not locator or not locator.path:
+        raise ValueError(f"registry {registry!r} is no locator; write it as {LOCATOR!r}")
+    system = System(name, run_dir or rundir.find(), locator)
     try:
         system._run(system._wait_registry(), timeout)
     except BaseException as error:
@@ -45,7 +52,8 @@ def connect(name: str | None = None, *, run_dir: str | None = None, timeout: flo
         system.close()
         if isinstance(error, Timeout):
             raise NoRegistry(
-                f"no registry: {problem}. Start kesa-registryd, or name its run directory: connect(run_dir=...) or $KESA_RUN_DIR"
+                f"no registry: {problem}. Start {locator.process}, or name its run directory: connect(run_dir=...) or "
+                "$KESA_RUN_DIR; or another registry: connect(registry=...)"
             ) from None
         raise
     return system
@@ -60,7 +68,7 @@ class System:
     A child made by `fork` must not use it.
     """
 
-    def __init__(self, name: str | None, directory: str):
+    def __init__(self, name: str | None, directory: str, registry: Locator):
         """Internal: use `connect`."""
         self._directory = directory
         self._claim = Claim(directory, name) if name else None
@@ -74,7 +82,7 @@ class System:
         self._closed = False
         self._thread = threading.Thread(target=self._loop.run_forever, name="kesa", daemon=True)
         self._thread.start()
-        asyncio.run_coroutine_threadsafe(self._begin(), self._loop).result()
+        asyncio.run_coroutine_threadsafe(self._begin(registry), self._loop).result()
 
     def list(
         self, glob: str = "**", *, metadata: dict[str, Any] | None = None, scope: str | None = None, timeout: float | None = 5.0
@@ -203,10 +211,10 @@ class System:
         except TimeoutError:
             raise Timeout(f"not within {timeout} s: {problem() if problem else self._registry.problem}") from None
 
-    async def _begin(self) -> None:
+    async def _begin(self, registry: Locator) -> None:
         self._hello = self._make_hello()
         self._server = Server(self._loop, self._claim, self._hello) if self._claim else None
-        self._registry = Registry(self._link(PROCESS))
+        self._registry = Registry(self._link(registry.process), registry.path)
 
     def _make_hello(self) -> Hello:
         name = self._claim.name if self._claim else f"python-{os.getpid()}"

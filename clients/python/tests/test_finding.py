@@ -8,7 +8,7 @@ from unittest import mock
 
 import kesa
 from kesa import registry
-from programs import DEADLINE, SystemTest
+from programs import DEADLINE, SystemTest, program
 
 
 class Finding(SystemTest):
@@ -86,6 +86,16 @@ class Finding(SystemTest):
             self.connect(timeout=0.01)
         with self.assertRaisesRegex(kesa.NoRegistry, "no process listens as 'kesa-registryd' in /nowhere"):
             kesa.connect(run_dir="/nowhere", timeout=0.01)
+
+    def test_a_registry_may_have_another_name(self) -> None:
+        self.start(program("apps", "kesa-registryd", "kesa-registryd"), "--name", "hub").line(lambda line: "ready" in line)
+        hub = self.connect("greeter", registry="ipc://hub/registry")
+        hub.provide("/greeter", lambda request: "hello")
+        self.assertEqual([record.path for record in hub.list()], ["/greeter", "/registry"])
+        self.assertEqual([record.path for record in self.connect().list()], ["/registry"])
+        for text in ("hub", "ipc://hub", "tcp://hub/registry"):
+            with self.assertRaisesRegex(ValueError, "is no locator; write it as 'ipc://kesa-registryd/registry'"):
+                self.connect(registry=text)
 
     def test_waiting_has_a_limit(self) -> None:
         with self.assertRaisesRegex(kesa.Timeout, "no service at /nobody within 0 s"):
