@@ -8,7 +8,8 @@ namespace kesa::system_test {
 struct FaultOptions {
     int count = 100;
     std::uint64_t seed = 1;
-    int restarts = 0; ///< of the registry, for each cell of `SystemGhosts`; 0: the few of its small form
+    /// Of the registry, in `SystemUse` and in each cell of `SystemGhosts`; 0: the few of the small form.
+    int restarts = 0;
 };
 
 inline FaultOptions faultOptions;
