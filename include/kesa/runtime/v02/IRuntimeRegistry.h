@@ -69,8 +69,8 @@ public:
                                        const GenericObject& metainfo,
                                        std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) = 0;
 
-    /// Follows one path: `eADDED` at once if the service is there, then every change. `eADDED` and `eREMOVED` take
-    /// turns. The flag has no meaning.
+    /// Follows one path: `ResourceUpdateType::eADDED` at once if the service is there, then every change. It and
+    /// `ResourceUpdateType::eREMOVED` take turns. The flag has no meaning.
     virtual Disposable trackService(const std::string& path, bool flag,
                                     std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) = 0;
     virtual Disposable trackService(const std::string& path,
