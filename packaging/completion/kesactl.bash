@@ -67,9 +67,10 @@ _kesactl() {
     *PATH* | *GLOB*)
       mapfile -t words < <("$program" list --json --timeout 1 2>/dev/null | sed -n 's/^{"path":"\([^"\\]*\)".*/\1/p')
       ;;
-    RESOURCE*) # those without a parameter
+    RESOURCE*) # as far as a parameter, which is then typed
       mapfile -t words < <("$program" show "$path" --resources --json --timeout 1 2>/dev/null |
-        sed -n 's/^{"resource":"\([^"\\{*]*\)".*/\1/p' | uniq)
+        sed -n 's/^{"resource":"\([^"\\{*]*\)["{*].*/\1/p' | sort -u)
+      compopt -o nospace 2>/dev/null
       ;;
     *PROCESS*)
       mapfile -t words < <("$program" ps --timeout 1 2>/dev/null | sed -n '1d;s/ .*//p')
