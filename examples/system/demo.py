@@ -200,6 +200,11 @@ class Demo:
         if listed != set(services):
             raise AssertionError(f"kesactl lists {sorted(listed)} instead of {sorted(services)}")
 
+    def list_of_young_registry(self):
+        print(painted(2, "   the registry is young: for 1.5 s kesactl waits for providers that have yet to find it\n"))
+        self.system.kesactl("list", "/system/**")
+        self.expect_listed(self.services)
+
     def run(self):
         self.start()
         self.ask()
@@ -223,8 +228,7 @@ class Demo:
 
     def ask(self):
         self.act("kesactl asks the registry, and calls a service")
-        self.system.kesactl("list", "/system/**")
-        self.expect_listed(self.services)
+        self.list_of_young_registry()
         self.system.kesactl("tree")
         self.system.kesactl("show", "/system/cpu")
         self.system.kesactl("wait", "/system/memory", "--timeout", "10")
@@ -267,8 +271,7 @@ class Demo:
         self.measure("registry started again: all connected", self.watcher.wait_for("connected", self.services, begin))
         self.measure("registry started again: all streams flow", self.watcher.wait_for("value", self.services, begin))
         self.watcher.show(begin)
-        self.system.kesactl("list", "/system/**")
-        self.expect_listed(self.services)
+        self.list_of_young_registry()
 
     def end(self):
         self.system.end()
