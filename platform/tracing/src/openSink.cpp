@@ -80,23 +80,43 @@ std::string_view journalPrefixOf(int severity)
     }
 }
 
-bool isControl(char c)
+/// Terminals act on these, too, when they are sent to them as one byte or as UTF-8.
+bool isHighControl(unsigned char byte)
 {
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7f;
+    return byte >= 0x80 && byte < 0xa0;
 }
 
-/// A text may hold what a peer sent: it must not be able to begin a line of its own.
+bool mayBeControl(char c)
+{
+    const auto byte = static_cast<unsigned char>(c);
+    return byte < 0x20 || byte == 0x7f || isHighControl(byte);
+}
+
+/// The length of the character at the beginning, as its first byte says; 1 for one that does not go on as UTF-8 would.
+std::size_t characterLength(std::string_view text)
+{
+    const auto first = static_cast<unsigned char>(text.front());
+    const std::size_t length = first < 0xc2 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 1;
+    const auto goesOn = [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) == 0x80; };
+    return length <= text.size() && std::all_of(text.begin() + 1, text.begin() + length, goesOn) ? length : 1;
+}
+
+/// A text may hold what a peer sent: it must not be able to begin a line of its own, nor to command a terminal.
 std::string escapeControls(std::string_view text)
 {
     std::string result;
-    for (const char c : text) {
-        if (c == '\n') {
+    while (!text.empty()) {
+        const std::string_view character = text.substr(0, characterLength(text));
+        text.remove_prefix(character.size());
+        const auto last = static_cast<unsigned char>(character.back());
+        if (character == "\n") {
             result += "\\n";
-        } else if (isControl(c)) {
-            fmt::format_to(std::back_inserter(result), "\\x{:02x}", static_cast<unsigned char>(c));
+        } else if (character.size() == 1 && mayBeControl(character.front())) {
+            fmt::format_to(std::back_inserter(result), "\\x{:02x}", last);
+        } else if (character.size() == 2 && character.front() == '\xc2' && isHighControl(last)) {
+            fmt::format_to(std::back_inserter(result), "\\u{:04x}", last);
         } else {
-            result += c;
+            result += character;
         }
     }
     return result;
@@ -110,7 +130,7 @@ public:
 
     void write(const Line& line) override
     {
-        if (std::any_of(line.text.begin(), line.text.end(), isControl)) {
+        if (std::any_of(line.text.begin(), line.text.end(), mayBeControl)) {
             const std::string escaped = escapeControls(line.text);
             writePrintable({line.channel, line.severity, escaped, line.facility});
         } else {

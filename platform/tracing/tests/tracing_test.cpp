@@ -125,10 +125,12 @@ TEST_F(Tracing, writesFilesInWholeEscapedLines)
     const std::filesystem::path file = testing::TempDir() + "kesa-trace-" + std::to_string(::getpid());
     const auto sink = makeSink("file:" + file.string());
     ASSERT_NE(sink, nullptr);
-    sink->write({"CH", 4, "peer says: x\n2026 forged\t\x1b[0m é"});
+    // Of two bytes with 0x9b, one is the end of a letter; "\xe2\x80" is cut off.
+    sink->write({"CH", 4, "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \xe2\x80"});
     sink->write({"kesa_DataModel", 2, "{\"event\":\"runtime\"}", 7});
     EXPECT_THAT(contentOf(file), MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
-                                              "\\[CH\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é\n"
+                                              "\\[CH\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é "
+                                              "\\\\u009b\\[1m \\\\x9b\\[2m ś \u20ac \xe2\\\\x80\n"
                                               "\\{\"event\":\"runtime\"\\}\n"));
     std::filesystem::remove(file);
     EXPECT_EQ(makeSink("file:/nowhere/at/all"), nullptr);
