@@ -20,7 +20,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <array>
 #include <csignal>
@@ -331,8 +331,9 @@ TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
     Node second(board, directory);
     ASSERT_FALSE(first.listen("media"));
     EXPECT_TRUE(second.listen("media"));
-    EXPECT_EQ(second.why,
-              "the name \"media\" is held by process " + std::to_string(::getpid()) + ", which is this one");
+    EXPECT_EQ(second.why, "the name \"media\" is held by process " + std::to_string(::getpid()) +
+                              ", which is this one; end that one, or give one of both another name; \"kesactl ps\" "
+                              "shows which are taken");
     EXPECT_TRUE(first.listen("other")) << "a transport has one name";
 
     // A child made meanwhile does not keep the name.
@@ -349,7 +350,10 @@ TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
     });
     Node third(board, directory);
     EXPECT_TRUE(third.listen("nav"));
-    EXPECT_EQ(third.why, "the name \"nav\" is held by process " + std::to_string(holder.pid));
+    EXPECT_THAT(third.why, testing::MatchesRegex("the name \"nav\" is held by process " + std::to_string(holder.pid) +
+                                                 " \\(" + fs::read_symlink("/proc/self/exe").string() +
+                                                 "\\) since 20[0-9-]{8} [0-9:]{8}; end that one, or give one of both "
+                                                 "another name; \"kesactl ps\" shows which are taken"));
     holder.end();
     EXPECT_EQ(second.connect("nav"), ITransport::Failure::eSILENT) << "a stale socket";
     EXPECT_FALSE(third.listen("nav")) << third.why;
@@ -483,8 +487,10 @@ TEST_F(TransportIpc, ToolsAskWhoHasAName)
     Node node(board, directory);
     ASSERT_FALSE(node.listen("media")) << "looking claims nothing: " << node.why;
     EXPECT_EQ(judge("media"), State::eNAME_HELD);
-    EXPECT_EQ(checkOwnLocator("media", media).why,
-              "the name \"media\" is held by process " + std::to_string(::getpid()) + ", which is this one");
+    EXPECT_EQ(checkOwnLocator("media", media).why, "the name \"media\" is held by process " +
+                                                       std::to_string(::getpid()) +
+                                                       ", which is this one; end that one, or give one of both another "
+                                                       "name; \"kesactl ps\" shows which are taken");
 
     std::ofstream(root / "file") << "no directory";
     ::setenv("KESA_RUN_DIR", (root / "file" / "run").c_str(), 1);

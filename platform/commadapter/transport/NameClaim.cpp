@@ -16,11 +16,14 @@
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <fmt/format.h>
+#include <fmt/chrono.h>
 
 #include <array>
 #include <charconv>
+#include <ctime>
+#include <fstream>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <system_error>
 #include <vector>
@@ -33,6 +36,20 @@ constexpr mode_t LOCK_MODE = 0600;
 /// The kernel lowers it to its own limit.
 constexpr int BACKLOG = 4096;
 
+/// The program's path, else its short name, which everybody may read; empty when neither can be.
+std::string programOf(pid_t pid)
+{
+    std::array<char, 4096> path;
+    const ssize_t size = ::readlink(fmt::format("/proc/{}/exe", pid).c_str(), path.data(), path.size());
+    if (size > 0) {
+        return {path.data(), static_cast<std::size_t>(size)};
+    }
+    std::string name;
+    std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), name);
+    return name;
+}
+
+/// Who has locked the file, with what is known of it: the claim wrote its number into the file and nobody does since.
 std::string describeHolder(int lockFile)
 {
     std::array<char, 16> buffer;
@@ -41,7 +58,17 @@ std::string describeHolder(int lockFile)
     if (size <= 0 || std::from_chars(buffer.data(), buffer.data() + size, pid).ec != std::errc()) {
         return "another process";
     }
-    return fmt::format("process {}{}", pid, pid == ::getpid() ? ", which is this one" : "");
+    if (pid == ::getpid()) {
+        return fmt::format("process {}, which is this one", pid);
+    }
+    const std::string program = programOf(pid);
+    std::string holder = fmt::format("process {}{}", pid, program.empty() ? "" : " (" + program + ")");
+    struct stat status {};
+    tm local{};
+    if (::fstat(lockFile, &status) == 0 && ::localtime_r(&status.st_mtim.tv_sec, &local) != nullptr) {
+        holder.append(fmt::format(" since {:%Y-%m-%d %H:%M:%S}", local));
+    }
+    return holder;
 }
 
 /// Opens the lock file of a name and takes its lock. True on failure.
@@ -59,7 +86,9 @@ bool openLocked(const Descriptor& directory, const std::string& process, Descrip
     }
     if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
         isHeld = errno == EWOULDBLOCK;
-        why = isHeld ? fmt::format("the name \"{}\" is held by {}", process, describeHolder(opened.get()))
+        why = isHeld ? fmt::format("the name \"{}\" is held by {}; end that one, or give one of both another name; "
+                                   "\"kesactl ps\" shows which are taken",
+                                   process, describeHolder(opened.get()))
                      : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
                                    std::system_category().message(errno));
         return true;
