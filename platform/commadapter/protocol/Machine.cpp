@@ -7,7 +7,7 @@ namespace kesa::commadapter::protocol {
 
 Machine::Machine(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, comm::TimeNs now)
     : m_shared(std::make_unique<Shared>()), m_input(std::make_unique<Input>(role, own, limits, listener, *m_shared)),
-      m_output(std::make_unique<Output>(own, limits, *m_shared, now))
+      m_output(std::make_unique<Output>(role, own, limits, *m_shared, now))
 {
     m_shared->lastReceived.store(now, std::memory_order_relaxed);
 }

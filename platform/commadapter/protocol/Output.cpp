@@ -15,8 +15,9 @@ comm::TimeNs after(comm::TimeNs now, comm::TimeNs pause) noexcept
 
 } // namespace
 
-Machine::Output::Output(const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
-    : m_limits(limits), m_shared(shared), m_lastSent(now), m_helloDeadline(after(now, limits.helloTimeout))
+Machine::Output::Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
+    : m_role(role), m_limits(limits), m_shared(shared), m_lastSent(now),
+      m_helloDeadline(after(now, limits.helloTimeout))
 {
     Hello hello = own;
     hello.maxMessageBytes = limits.maxMessageBytes;
@@ -98,11 +99,21 @@ Machine::Sent Machine::Output::close(HeadWriter& head, const Payload& body)
         return Sent::eTOO_LARGE;
     }
     if (body.size() > limit || head.size() + body.size() > limit) {
-        m_refusal =
-            fmt::format("has {} bytes, more than the {} that a message may have", head.size() + body.size(), limit);
+        m_refusal = fmt::format("has {} bytes, more than the {} of \"comm\", \"max_message_bytes\" in the "
+                                "configuration of {}",
+                                head.size() + body.size(), limit, whoseLimit());
         return Sent::eTOO_LARGE;
     }
     return Sent::eQUEUED;
+}
+
+/// In words that mean the same on both sides, as the other one may be told.
+const char* Machine::Output::whoseLimit() const
+{
+    const std::size_t peers = m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed);
+    return m_limits.maxMessageBytes == peers                                 ? "both processes"
+           : (m_limits.maxMessageBytes < peers) == (m_role == Role::eCLIENT) ? "the asking process"
+                                                                             : "the serving process";
 }
 
 Machine::Cancelled Machine::Output::cancel(std::uint32_t stream)

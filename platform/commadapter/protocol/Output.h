@@ -13,7 +13,7 @@ namespace kesa::commadapter::protocol {
 /// Encodes messages into the queue, and watches the deadlines.
 class Machine::Output {
 public:
-    Output(const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now);
+    Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now);
 
     Sent attach(std::uint32_t target, std::string_view path);
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
@@ -38,8 +38,10 @@ private:
                               const Payload& body, bool isPersistent = false);
     /// Completes the head, and judges the message by both sides' limits.
     [[nodiscard]] Sent close(HeadWriter& head, const Payload& body);
+    const char* whoseLimit() const;
     bool isProbing() const noexcept;
 
+    const Role m_role;
     const Limits m_limits;
     Shared& m_shared;
     SendQueue m_queue;

@@ -257,7 +257,8 @@ TEST_P(BackendRequests, WhatHasNoFormOnTheWireEndsItsRequestWithWhatIsWrong)
     const auto stream = client->request(retrieve("/stream"));
     const auto odd = client->request(retrieve("/stream"));
     settle();
-    const auto isToldTheSize = HasSubstr("bytes, more than the 102400 that a message may have");
+    const auto isToldTheSize = HasSubstr(
+        "bytes, more than the 102400 of \"comm\", \"max_message_bytes\" in the configuration of both processes");
     EXPECT_EQ(asked->status, 413);
     EXPECT_THAT(asked->errorText, isToldTheSize);
     EXPECT_EQ(wide->status, 413);

@@ -3,7 +3,7 @@
 
 #include "protocol_support.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <kesa/headers.h>
 
@@ -115,6 +115,9 @@ TEST(ProtocolRoundTrip, whatCannotArriveIsRefusedAtTheSender)
     Request badName("retrieve", "/");
     badName.setHeader("\xC0", 1);
     EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(100000))), Machine::Sent::eTOO_LARGE);
+    EXPECT_THAT(pair.client.refusal(), ::testing::EndsWith("the configuration of the serving process"));
+    EXPECT_EQ(pair.server.next(1, Response(200, large(100000))), Machine::Sent::eTOO_LARGE);
+    EXPECT_THAT(pair.server.refusal(), ::testing::EndsWith("the configuration of the serving process"));
     EXPECT_EQ(pair.client.request(1, 1, wideHead), Machine::Sent::eTOO_LARGE);
     EXPECT_EQ(pair.client.request(1, 1, tooDeep), Machine::Sent::eINVALID);
     EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/\xFF")), Machine::Sent::eINVALID);
