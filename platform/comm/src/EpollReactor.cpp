@@ -6,6 +6,7 @@
 #include "EpollReactor.h"
 
 #include "LoopThread.h"
+#include "ProcessorWait.h"
 #include "TimerQueue.h"
 #include "leakInChild.h"
 #include "monotonicClock.h"
@@ -38,8 +39,6 @@ namespace comm {
 
 namespace {
 
-constexpr TimeNs SLOW_CALLBACK = 50 * MILLISECOND;
-
 const tracing::Channel& channel()
 {
     static const tracing::Channel& instance = *new tracing::Channel("KESA_COMM");
@@ -71,6 +70,7 @@ public:
     void changeInterest(Id id, unsigned interest) override;
     void unwatch(Id id) override;
     void atTurnEnd(Task task) override;
+    TimeNs lap() override;
     void stop() override;
     bool isCurrent() const noexcept override { return m_thread.isCurrent(); }
 
@@ -103,6 +103,7 @@ private:
     void dropAll();
     template <class F>
     void call(F&& callback);
+    TimeNs workedSince(TimeNs start, TimeNs end);
     void requestStop();
     void wake() const noexcept;
     [[nodiscard]] bool isOnLoop(const char* function) const;
@@ -127,8 +128,11 @@ private:
     TimerQueue m_timers;
     TimeNs m_timerSetTo = NEVER; ///< not later than the first of the timers, while the loop waits
     std::vector<Task> m_turnEnd;
-    std::vector<Task> m_batch;  ///< what `runBatch` runs; empty between
-    TimeNs m_callbackStart = 0; ///< of the coarse clock: exact to some milliseconds, and nearly free
+    std::vector<Task> m_batch; ///< what `runBatch` runs; empty between
+    // Of the coarse clock: exact to some milliseconds, and nearly free.
+    TimeNs m_callbackStart = 0; ///< later by what `lap` has told or taken off
+    TimeNs m_lapStart = 0;
+    ProcessorWait m_processorWait;
 };
 
 EpollReactor::EpollReactor(const std::string& name)
@@ -322,7 +326,7 @@ bool EpollReactor::turn()
     const int timeout = hasWork || !m_turnEnd.empty() ? 0 : -1;
     const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
     m_isAsleep.store(false, std::memory_order_relaxed);
-    m_callbackStart = readClock(CLOCK_MONOTONIC_COARSE);
+    m_callbackStart = m_lapStart = readClock(CLOCK_MONOTONIC_COARSE);
 
     const Woken woken = dispatch(events.data(), count);
     if (woken.byTimer) {
@@ -336,6 +340,7 @@ bool EpollReactor::turn()
     while (!m_unwatched.empty()) {
         std::exchange(m_unwatched, {}).clear();
     }
+    m_processorWait.refresh(m_callbackStart);
     return isLast;
 }
 
@@ -431,17 +436,39 @@ void EpollReactor::dropAll()
     }
 }
 
+/// Without what the thread has waited for a processor, which is looked at only when it matters.
+TimeNs EpollReactor::workedSince(TimeNs start, TimeNs end)
+{
+    const TimeNs lasted = end - start;
+    return lasted <= LONG_CALLBACK ? lasted : std::max<TimeNs>(lasted - m_processorWait.sinceRefresh(end), 0);
+}
+
 template <class F>
 void EpollReactor::call(F&& callback)
 {
     callback();
     const TimeNs end = readClock(CLOCK_MONOTONIC_COARSE);
-    if (end - m_callbackStart > SLOW_CALLBACK) {
+    if (const TimeNs worked = workedSince(m_callbackStart, end); worked > LONG_CALLBACK) {
         KESA_TRACE_TEXT(channel(), 3,
-                        fmt::format("[reactor] a callback held the loop '{}' for {} ms", m_thread.loopName(),
-                                    (end - m_callbackStart) / MILLISECOND));
+                        fmt::format("[reactor] a callback held the loop '{}' for {} ms, in which nothing was sent or "
+                                    "received",
+                                    m_thread.loopName(), worked / MILLISECOND));
     }
-    m_callbackStart = end;
+    m_callbackStart = m_lapStart = end;
+}
+
+TimeNs EpollReactor::lap()
+{
+    if (!isOnLoop(__func__)) {
+        return 0;
+    }
+    const TimeNs end = readClock(CLOCK_MONOTONIC_COARSE);
+    const TimeNs lasted = end - m_lapStart;
+    const TimeNs worked = workedSince(m_lapStart, end);
+    const bool isLong = worked > LONG_CALLBACK;
+    m_callbackStart += isLong ? lasted : lasted - worked; // what is told here, and what is nobody's doing
+    m_lapStart = end;
+    return isLong ? worked : 0;
 }
 
 /// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.

@@ -151,6 +151,7 @@ void ClientConnection::tellListener(Lock& lock, ClientState& client, void (IClie
     m_runningListener = &client;
     lock.unlock();
     (listener->*call)();
+    loop().lap([&client] { return "what has been told that '" + client.path + "' comes or goes"; });
     lock.lock();
     m_runningListener = nullptr;
     callEnded();

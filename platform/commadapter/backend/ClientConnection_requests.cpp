@@ -351,9 +351,11 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     }
     Handler handler = std::move(stream->handler);
     const std::uint64_t handle = stream->handle;
+    const ClientState& client = *stream->client;
     m_runningHandle = handle;
     lock.unlock();
     handler->onNext(response);
+    lap(client);
     lock.lock();
     Stream* const after = m_streams.find(number); // the table may have grown meanwhile
     if (after != nullptr && after->handle == handle && after->isOpen) {
@@ -393,6 +395,7 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
     unlink(number);
     Handler handler = std::move(stream->handler);
     const std::uint64_t handle = stream->handle;
+    const ClientState& client = *stream->client;
     m_streams.giveBack(number);
     run(lock, handle, [&] {
         if (error != nullptr) {
@@ -401,7 +404,14 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
             handler->onCompleted();
         }
         handler.reset();
+        lap(client);
     });
+}
+
+/// The client is there until the loop retires it, so for as long as a handler runs.
+void ClientConnection::lap(const ClientState& client)
+{
+    loop().lap([&client] { return "the handler of an answer of '" + client.path + "'"; });
 }
 
 /// Ends the open requests of a client object on this side.

@@ -66,6 +66,15 @@ void IoLoop::runAndWait(const std::string& what, util::UniqueFunction<void()> wo
         waiter->condition, lock, [&waiter] { return waiter->isDone; }, what);
 }
 
+void IoLoop::traceHeld(const std::string& what, comm::TimeNs held)
+{
+    KESA_TRACE(
+        CHANNEL, 3,
+        "[loop] %s took %lld ms, in which this process sent and received nothing: leave what takes long or waits "
+        "to a thread of your own, as kesa::on does",
+        what.c_str(), static_cast<long long>(held / comm::MILLISECOND));
+}
+
 void IoLoop::flushAtTurnEnd(Connection& connection)
 {
     m_gathered.push_back(connection.shared_from_this());

@@ -72,6 +72,14 @@ public:
     /// Runs `work` on the loop and returns when it has run, or when the loop has ended; on the loop itself: at once.
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
+    /// To be called when something foreign has run in a turn: traces what `describe` says when that took long.
+    template <class Describe>
+    void lap(const Describe& describe)
+    {
+        if (const comm::TimeNs held = m_reactor->lap(); held != 0) {
+            traceHeld(describe(), held);
+        }
+    }
     void flushAtTurnEnd(Connection& connection);
     /// Destroys what a connection leaves behind once everybody has been told of its end, outside of a turn at once:
     /// closing descriptors and freeing buffers takes long.
@@ -103,6 +111,7 @@ public:
     }
 
 private:
+    static void traceHeld(const std::string& what, comm::TimeNs held);
     void flushGathered();
     void startHeartbeat();
     void beat(comm::TimeNs due);

@@ -3,11 +3,14 @@
 
 #include "backend_roads.h"
 
+#include <comm/Condition.h>
 #include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
 #include <kesa/headers.h>
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+
+#include <mutex>
 
 namespace kesa::commadapter::test {
 namespace {
@@ -16,6 +19,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::UnorderedElementsAre;
 
 class BackendRequests : public BothRoads {};
 
@@ -59,6 +63,27 @@ TEST_P(BackendRequests, LeaveAtOnceAlsoFromSomebodysWorkOnTheLoop)
     lastLoop.lock()->post([&] { echo = client->request(retrieve("/echo", "hello")); });
     settle(); // no heartbeat is due, whose turn would take it along
     EXPECT_THAT(echo->values, ElementsAre("hello"));
+}
+
+TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
+{
+    const auto wait = [](comm::TimeNs duration) {
+        std::mutex mutex;
+        comm::Condition never;
+        std::unique_lock lock(mutex);
+        comm::waitFor(
+            never, lock, [] { return false; }, comm::now() + duration);
+    };
+    service.onRequest = [&](const Request& request) {
+        wait((request.getPath() == "/echo" ? 60 : 30) * comm::MILLISECOND);
+    };
+    const auto answered = client->request(retrieve("/echo", "hello"));
+    const auto quick = client->request(retrieve("/drop"));
+    answered->onValue = [&] { wait(70 * comm::MILLISECOND); };
+    scheduler->runFor(comm::SECOND);
+    EXPECT_THAT(traces->take(),
+                UnorderedElementsAre(HasSubstr("the request 'retrieve /echo' of the service '/service' took 60 ms"),
+                                     HasSubstr("the handler of an answer of '/service' took 70 ms")));
 }
 
 TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)

@@ -47,6 +47,14 @@ public:
     /// flush what they gathered.
     virtual void atTurnEnd(Task task) = 0;
 
+    /// A callback that runs longer keeps others waiting noticeably.
+    static constexpr TimeNs LONG_CALLBACK = 50 * MILLISECOND;
+    /// Divides a callback that does several things, so that the one that takes long can be named: how long the loop was
+    /// kept from others since the callback began, or since this was asked last in it; 0 up to `LONG_CALLBACK`. Time in
+    /// which the thread could run and had no processor is not counted. The caller traces what is not 0; the loop does
+    /// for what is left at the end of the callback.
+    virtual TimeNs lap() = 0;
+
     /// Runs what was posted before it, drops timers and watches, ends the loop and waits for it. Twice is harmless.
     virtual void stop() = 0;
     virtual bool isCurrent() const noexcept = 0;
