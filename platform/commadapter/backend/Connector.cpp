@@ -49,7 +49,7 @@ void Connector::lost(const std::string& reason)
         m_pause = comm::MILLISECOND;
         m_tracedReason.clear();
     }
-    note(reason);
+    note(reason, 3);
     if (!m_isLocal) {
         watch();
     }
@@ -60,6 +60,9 @@ void Connector::useful()
 {
     m_isUseful = true;
     m_lastReason.clear();
+    if (std::exchange(m_isAbsenceTraced, false)) {
+        KESA_TRACE(CHANNEL, 3, "[connect] '%s' is connected now", m_destination.endpoint.toString().c_str());
+    }
 }
 
 void Connector::attempt()
@@ -92,7 +95,9 @@ void Connector::attempted(transport::ITransport::Connected result)
         m_connected(std::move(result.stream));
         return;
     }
-    note(result.reason);
+    const bool isAbsent = result.failure == transport::ITransport::Failure::eMISSING ||
+                          result.failure == transport::ITransport::Failure::eSILENT;
+    note(result.reason, m_isAbsenceTraced && isAbsent ? 2 : 3);
     switch (result.failure) {
     case transport::ITransport::Failure::eMISSING:
         missing();
@@ -182,12 +187,13 @@ void Connector::endWaiting()
     }
 }
 
-void Connector::note(const std::string& reason)
+void Connector::note(const std::string& reason, int severity)
 {
     m_lastReason = reason;
     if (reason != m_tracedReason) {
         m_tracedReason = reason;
-        KESA_TRACE(CHANNEL, 3, "[connect] '%s' is not connected: %s", m_destination.endpoint.toString().c_str(),
+        m_isAbsenceTraced = m_isAbsenceTraced || severity >= 3;
+        KESA_TRACE(CHANNEL, severity, "[connect] '%s' is not connected: %s", m_destination.endpoint.toString().c_str(),
                    reason.c_str());
     }
 }

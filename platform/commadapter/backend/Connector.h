@@ -21,7 +21,7 @@ using OpenLocal = std::function<std::unique_ptr<transport::IStream>(const Destin
 
 /// Gets a stream to an endpoint, again and again, until it is told to stop. A missing endpoint is watched for; after
 /// any other failure the pauses grow, and after a connection that did not last. Every failure is the endpoint's reason,
-/// traced when it changes. Loop only.
+/// traced when it changes; that nobody is there, when it is not plain from what was traced before. Loop only.
 class Connector : public std::enable_shared_from_this<Connector> {
 public:
     using Connected = std::function<void(std::unique_ptr<transport::IStream>)>;
@@ -52,7 +52,7 @@ private:
     void pause(comm::TimeNs duration);
     comm::TimeNs nextPause();
     void endWaiting();
-    void note(const std::string& reason);
+    void note(const std::string& reason, int severity);
 
     const std::shared_ptr<IoLoop> m_loop;
     const Destination m_destination;
@@ -69,6 +69,7 @@ private:
     comm::TimeNs m_connectedSince = 0;
     std::string m_lastReason;
     std::string m_tracedReason;
+    bool m_isAbsenceTraced = false; ///< and that it is over has not been
 };
 
 } // namespace kesa::commadapter
