@@ -2,7 +2,6 @@
 
 #include "CheckResult.h"
 #include "JsonPositions.h"
-#include "advice.h"
 #include "output.h"
 #include "print_config.h"
 #include "reviewSettings.h"
@@ -14,6 +13,7 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
+#include <runtime/v02/config/advice.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
@@ -95,7 +95,7 @@ std::vector<CheckResult::Complaint> locate(const ConfigReport& report)
         const auto [line, column] = positions.find(path);
         complaints.push_back({isFatal ? 4 : severity, path, line, column, text});
         splitPlace(report.file, complaints.back());
-        const std::string_view advice = adviceFor(text);
+        const std::string_view advice = kesa::runtime::v02::adviceFor(text);
         if (!advice.empty()) {
             complaints.back().text.append(": ").append(advice);
         }

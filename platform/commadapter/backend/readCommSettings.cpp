@@ -5,6 +5,7 @@
 #include <kesa/url.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/Provider.h>
+#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
@@ -134,6 +135,17 @@ constexpr std::array MEMBERS = {
     Member{"insecure", [](const Value&, CommSettings&, Complaints& complaints) { refuse("insecure", complaints); }},
 };
 
+std::string complaintOfUnknown(const std::string& key)
+{
+    std::vector<std::string_view> known;
+    for (const Member& member : MEMBERS) {
+        known.push_back(member.key);
+    }
+    const std::string_view meant = util::nearestName(key, known);
+    return fmt::format("\"comm\": \"{}\" is unknown and has no effect; {}", key,
+                       meant.empty() ? "correct or remove it" : fmt::format("did you mean \"{}\"?", meant));
+}
+
 } // namespace
 
 CommSettings readCommSettings(const Value& comm, Complaints& complaints)
@@ -154,8 +166,7 @@ CommSettings readCommSettings(const Value& comm, Complaints& complaints)
         if (known != nullptr) {
             known->read(value, settings, complaints);
         } else {
-            complaints.push_back(
-                fmt::format("\"comm\": \"{}\" is unknown and has no effect; correct or remove it", key));
+            complaints.push_back(complaintOfUnknown(key));
         }
     }
     return settings;
@@ -168,7 +179,11 @@ CommSettings readCommSettings(Complaints& complaints)
         obr::ErrorStorage::ack();
     }
     const Value& root = provider.first().isDefined() ? provider.first() : provider.second();
-    return readCommSettings(root["comm"], complaints);
+    CommSettings settings = readCommSettings(root["comm"], complaints);
+    for (std::string& complaint : complaints) {
+        complaint.insert(0, provider.file() + ": ");
+    }
+    return settings;
 }
 
 std::vector<std::string> checkCommSettings(const Value& comm)

@@ -14,7 +14,7 @@ namespace kesa::commadapter {
 /// and keeps its default.
 CommSettings readCommSettings(const util::config::Value& comm, std::vector<std::string>& complaints);
 /// The same from the document of this process. One that cannot be read is the configuration reader's to complain about;
-/// here it counts as empty.
+/// here it counts as empty. Complaints begin with its file.
 CommSettings readCommSettings(std::vector<std::string>& complaints);
 
 } // namespace kesa::commadapter

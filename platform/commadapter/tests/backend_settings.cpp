@@ -46,16 +46,16 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
         R"({"advertise": "h", "heartbeat_ms": 1, "listen": {}, "max_message_bytes": "1", "rundir": "/x",
             "routes": {"/": "ipc://p/a", "/a": "b", "/b": "ipc://p/", "/c": "ipc://p/c?d", "/good": "ipc://p"}, "run_dir": "relative", "send_queue_bytes": -1,
             "socket_group": 7, "socket_mode": 660, "tls": {}})");
-    EXPECT_THAT(checkCommSettings(document),
-                ElementsAre(HasSubstr("\"advertise\" is not supported yet"), HasSubstr("\"heartbeat_ms\" is 1"),
-                            HasSubstr("\"listen\" is not supported yet"), HasSubstr("\"max_message_bytes\" is 1;"),
-                            HasSubstr("the route \"/\": ipc://p/a is left out"),
-                            HasSubstr("the route \"/a\": b is left out"),
-                            HasSubstr("the route \"/b\": ipc://p/ is left out"),
-                            HasSubstr("the route \"/c\": ipc://p/c?d is left out"),
-                            HasSubstr("\"run_dir\" is relative"), HasSubstr("\"rundir\" is unknown"),
-                            HasSubstr("\"send_queue_bytes\" is -1"), HasSubstr("\"socket_group\" is 7"),
-                            HasSubstr("\"socket_mode\" is 660"), HasSubstr("\"tls\" is not supported yet")));
+    EXPECT_THAT(
+        checkCommSettings(document),
+        ElementsAre(HasSubstr("\"advertise\" is not supported yet"), HasSubstr("\"heartbeat_ms\" is 1"),
+                    HasSubstr("\"listen\" is not supported yet"), HasSubstr("\"max_message_bytes\" is 1;"),
+                    HasSubstr("the route \"/\": ipc://p/a is left out"), HasSubstr("the route \"/a\": b is left out"),
+                    HasSubstr("the route \"/b\": ipc://p/ is left out"),
+                    HasSubstr("the route \"/c\": ipc://p/c?d is left out"), HasSubstr("\"run_dir\" is relative"),
+                    HasSubstr("\"rundir\" is unknown and has no effect; did you mean \"run_dir\"?"),
+                    HasSubstr("\"send_queue_bytes\" is -1"), HasSubstr("\"socket_group\" is 7"),
+                    HasSubstr("\"socket_mode\" is 660"), HasSubstr("\"tls\" is not supported yet")));
     std::vector<std::string> complaints;
     const CommSettings settings = readCommSettings(document, complaints);
     const CommSettings defaults;

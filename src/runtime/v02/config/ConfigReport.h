@@ -19,6 +19,7 @@ struct ConfigReport {
     };
     std::vector<Complaint> complaints; ///< in the order of reading
 
+    bool isMissing = false;   ///< there is no document at all
     std::string file;         ///< that counts, also when it could not be read; empty without one
     util::config::Value root; ///< what was read as the configuration; undefined when nothing was
     std::string rootPath;     ///< of the root in the document: "kesa", or empty for the document itself

@@ -1,6 +1,8 @@
 #include "KesaConfig.h"
 
 #include "ConfigNode.h"
+#include "traceFaults.h"
+#include "unknownKeys.h"
 
 #include <kesa/mimetypes.h>
 #include <obr/ErrorStorage.h>
@@ -55,6 +57,11 @@ const KesaConfig& KesaConfig::getDefault()
     return config;
 }
 
+std::string KesaConfig::source() const
+{
+    return m_file.empty() ? "the document given to the runtime" : m_file;
+}
+
 /// Also what a failed reading ends with. Registry locators, bypass, proxy settings and node mapping are not touched:
 /// what was read of them before the failure stays in use.
 void KesaConfig::setDefaults()
@@ -72,7 +79,9 @@ bool KesaConfig::readDocument(ConfigReport& report)
 {
     obr::ErrorStorage::ack();
     const util::config::Provider provider(PROVIDER_NAME, PROVIDER_PATH, 0, util::config::LoadStrategy::eFIRST_FOUND);
-    report.file = provider.file();
+    m_file = provider.file();
+    report.file = m_file;
+    report.isMissing = m_file.empty();
     report.duplicateKeys = provider.duplicateKeys();
     if (provider.hasFailed()) {
         return true;
@@ -101,25 +110,27 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
         return root.fail(3, "root is not dictionary", "[readConfig] config file contains no dictionary");
     }
     // The formats come before the services: each service takes its list from them.
-    return readUseLocalRegistry(root) || readUseRegistry(root) || readRegistryLocators(root) || readBackends(root) ||
-           readSerializerFormats(root) || readServices(root) || readBypass(root) || readSmartProxy(root) ||
-           readNodeDomainMapping(root);
+    const bool failed = readUseLocalRegistry(root) || readUseRegistry(root) || readRegistryLocators(root) ||
+                        readBackends(root) || readSerializerFormats(root) || readServices(root) || readBypass(root) ||
+                        readSmartProxy(root) || readNodeDomainMapping(root);
+    addUnknownKeys(report);
+    return failed;
 }
 
 void KesaConfig::endReading(bool failed, ConfigReport& report)
 {
-    if (!failed) {
-        return;
+    if (failed) {
+        // Not every failure records a reason: the text is then empty, or that of a failure which was tolerated before.
+        const std::string reason = obr::ErrorStorage::reason();
+        KESA_TRACE(configChannel(), 3, "[readConfig] failed to the config file, reason = %s", reason.c_str());
+        obr::ErrorStorage::ack();
+        if (report.complaints.empty()) {
+            report.complaints.push_back({4, true, "", reason}); // no document, or none that can be parsed
+        }
+        setDefaults();
+        m_valid = false;
     }
-    // Not every failure records a reason: the text is then empty, or that of a failure which was tolerated before.
-    const std::string reason = obr::ErrorStorage::reason();
-    KESA_TRACE(configChannel(), 3, "[readConfig] failed to the config file, reason = %s", reason.c_str());
-    obr::ErrorStorage::ack();
-    if (report.complaints.empty()) {
-        report.complaints.push_back({4, true, "", reason}); // no document, or none that can be parsed
-    }
-    setDefaults();
-    m_valid = false;
+    traceFaults(report, source(), failed);
 }
 
 } // namespace kesa::runtime::v02

@@ -38,6 +38,9 @@ public:
     /// The record of the default constructor; lives until the process ends.
     static const KesaConfig& getDefault();
 
+    /// What was read, for people: the file, or words for the text that was given.
+    std::string source() const;
+
     bool m_useRemoteRegistry = false;
     bool m_useLocalRegistry = false;
     std::vector<std::string> m_backends; ///< never empty
@@ -45,6 +48,7 @@ public:
     std::unordered_map<std::string, std::vector<std::string>> m_serializers; ///< by service path; always has "*"
     std::unordered_map<std::string, std::vector<url>> m_registryLocators;    ///< by partition, or "*"
     bool m_valid = true;
+    std::string m_file; ///< the document that counts, also when it is not valid; empty without one
     std::unordered_map<std::string, std::vector<std::string>> m_bypass; ///< service paths, by client process
     std::string m_ownProcessName;
     ProxyConfig m_proxyConfig;

@@ -4,7 +4,6 @@
 
 #include <kesa/Path.h>
 #include <kesa/url.h>
-#include <util/nearestName.h>
 
 #include <algorithm>
 #include <string_view>
@@ -14,52 +13,6 @@ namespace kesa::runtime::v02 {
 namespace {
 
 using util::config::Value;
-using Keys = std::vector<std::string_view>;
-
-/// "comm" belongs to the backend of that name.
-const Keys& rootKeys()
-{
-    static const Keys& keys = *new Keys{"use_local_registry",
-                                        "use_registry",
-                                        "service_registry_locators",
-                                        "backends",
-                                        "serializer-formats",
-                                        "services",
-                                        "bypass",
-                                        "smartProxy",
-                                        "comm",
-                                        "node_domain_mapping"};
-    return keys;
-}
-
-const Keys& serviceKeys()
-{
-    static const Keys& keys = *new Keys{"is_dynamic", "path", "version", "type", "locators"};
-    return keys;
-}
-
-const Keys& smartProxyKeys()
-{
-    static const Keys& keys = *new Keys{"timeout", "retryTimes", "mandatoryForwardErrors",
-                                        "mandatroyRetryErrorsSubscribeList", "mandatroyRetryErrorsSubscribeElement"};
-    return keys;
-}
-
-void reviewKeys(const Value& object, const std::string& path, const Keys& known, ConfigReport& report)
-{
-    for (const auto& [key, value] : object) {
-        if (std::find(known.begin(), known.end(), key) != known.end()) {
-            continue;
-        }
-        std::string text = "ignored: unknown key '" + key + "'";
-        const std::string_view meant = util::nearestName(key, known);
-        if (!meant.empty()) {
-            text.append("; did you mean '").append(meant).append("'?");
-        }
-        report.complaints.push_back({2, false, path + std::string(ConfigReport::shortened(key)), text});
-    }
-}
-
 /// Of locators that are read as they are: those that no service can have.
 void reviewLocators(const Value& list, const std::string& path, bool mayLackPath, ConfigReport& report)
 {
@@ -102,7 +55,6 @@ void reviewServices(ConfigReport& report)
     std::size_t index = 0;
     for (const Value& service : services.items()) {
         const std::string place = report.path("services[") + std::to_string(index++) + "].";
-        reviewKeys(service, place, serviceKeys(), report);
         const std::string path(service["path"].stringView());
         reviewPath(path, place + "path", report);
         if (!path.empty() && !paths.insert(path).second) {
@@ -190,22 +142,9 @@ void reviewSmartProxy(ConfigReport& report)
                                      "is no object, and counts as an empty one; write {\"timeout\": 3000} or leave it "
                                      "out"});
     }
-    reviewKeys(proxy, report.path("smartProxy."), smartProxyKeys(), report);
 }
 
 } // namespace
-
-std::vector<std::string> documentKeys()
-{
-    std::vector<std::string> keys(rootKeys().begin(), rootKeys().end());
-    for (const std::string_view key : serviceKeys()) {
-        keys.push_back(std::string("services[].").append(key));
-    }
-    for (const std::string_view key : smartProxyKeys()) {
-        keys.push_back(std::string("smartProxy.").append(key));
-    }
-    return keys;
-}
 
 void reviewDocument(ConfigReport& report)
 {
@@ -213,7 +152,6 @@ void reviewDocument(ConfigReport& report)
     for (const std::string& path : report.duplicateKeys) {
         report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
     }
-    reviewKeys(report.root, report.path(""), rootKeys(), report);
     reviewServices(report);
     reviewRegistryLocators(report);
     reviewBackends(report);

@@ -7,11 +7,8 @@ namespace kesa::runtime::v02 {
 
 /// Adds to `report` the errors behind the first one, and what the reader takes without a word but hardly anybody means:
 /// keys, services and backends that stand twice, paths and locators that no service can have, and what has no effect
-/// (severity 3); keys that mean nothing (severity 2), with the known one that is most like them.
+/// (severity 3).
 void reviewDocument(ConfigReport& report);
-
-/// Each key that means something, at its place in a document ("services[].type"); those in "comm" are its backend's.
-std::vector<std::string> documentKeys();
 
 } // namespace kesa::runtime::v02
 

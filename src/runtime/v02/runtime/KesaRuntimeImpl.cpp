@@ -5,9 +5,13 @@
 #include <kesa/runtime/mimetype.h>
 #include <kesa/servicecomp.h>
 #include <kesa/serviceregistry/ServiceRegistryPexClient.h>
+#include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
+#include <runtime/v02/config/traceFaults.h>
 #include <runtime/v02/runtime/EventLog.h>
 #include <util/config/FrameworkProvider.h>
+
+#include <algorithm>
 
 namespace kesa::runtime::v02 {
 
@@ -59,6 +63,7 @@ bool KesaRuntimeImpl::start()
     KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] after node domain mapping ownPartition=%s",
                partition.c_str());
     if (failure) {
+        traceFault("the node of '" + m_proc_name + "'", obr::ErrorStorage::reason());
         obr::GlobalErrorHandler::doAssert(false, "!failure", __FILE__, __LINE__, "start",
                                           "[KesaRuntimeImpl::start] Unable to determine own partition");
         return true;
@@ -71,12 +76,17 @@ bool KesaRuntimeImpl::start()
     StartResult result = StartResult::eNO_LOCATOR;
     comm::runAndWait(*m_executor, [this, &partition, &result] { result = startOnExecutor(partition); });
     if (result == StartResult::eNO_PARTITION) {
+        traceFault(m_config.source(),
+                   "\"use_registry\" asks for a registry, and \"service_registry_locators\" has none for the partition "
+                   "of this process, '" +
+                       partition + "'; write {\"*\": [\"ipc://kesa-registryd/registry\"]}");
         eventlog::runtimeError(m_eventSource, "Error during start: found no partition for kesa registry");
         obr::GlobalErrorHandler::doAssert(false, "optRegistryLocators.has_value()", __FILE__, __LINE__, "start",
                                           "[KesaRuntimeImpl::start] found no partition for kesa registry");
         return true;
     }
     if (result == StartResult::eNO_LOCATOR) {
+        traceFault(m_config.source(), whyNoLocator());
         eventlog::runtimeError(m_eventSource, "Error during start: Found no resolvable registry locator in config");
         obr::GlobalErrorHandler::doAssert(false, "resolved", __FILE__, __LINE__, "start",
                                           "[KesaRuntimeImpl::start] Found no resolvable registry locator in config");
@@ -84,6 +94,21 @@ bool KesaRuntimeImpl::start()
     }
     eventlog::runtimeStart(m_eventSource);
     return false;
+}
+
+std::string KesaRuntimeImpl::whyNoLocator() const
+{
+    const std::vector<std::string>& backends = m_config.m_backends;
+    if (std::find(backends.begin(), backends.end(), "comm") == backends.end()) {
+        return "\"use_registry\" asks for a registry, and none of \"backends\" reaches one; write [\"comm\"]";
+    }
+    std::string all;
+    for (const url& locator : m_registryLocators) {
+        all.append(all.empty() ? "" : ", ").append(locator.toString());
+    }
+    return "\"service_registry_locators\": none of " + all +
+           " can be reached: it takes the scheme \"ipc\", a path, and no realm but that of the run directory; write "
+           "\"ipc://kesa-registryd/registry\"";
 }
 
 KesaRuntimeImpl::StartResult KesaRuntimeImpl::startOnExecutor(const std::string& partition)

@@ -136,6 +136,7 @@ private:
     enum class StartResult { eSTARTED, eNO_PARTITION, eNO_LOCATOR };
     StartResult startOnExecutor(const std::string& partition);
     StartResult findRegistry(const std::string& partition);
+    std::string whyNoLocator() const;
     std::shared_ptr<RemoteRegistryHandler> createRemoteRegistryTracker(const url& locator);
     void releaseRegistry();
     void initializeStaticServices();

@@ -5,6 +5,7 @@
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <runtime/v02/config/reviewDocument.h>
+#include <runtime/v02/config/unknownKeys.h>
 #include <tracing/CapturingSink.h>
 #include <util/config/FrameworkProvider.h>
 #include <util/config/InterfaceInformationProvider.h>

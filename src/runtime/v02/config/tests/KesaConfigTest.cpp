@@ -117,6 +117,37 @@ TEST(KesaConfigTest, ToleratesBadPartitions)
                 UnorderedElementsAre(Pair("*", ElementsAre(url("ipc://r/registry")))));
 }
 
+// The fixed texts say what; these say where, and what to write. Keys that are like none may be anybody's.
+TEST(KesaConfigTest, SaysWhereTheFaultIsAndWhatToWrite)
+{
+    const TraceCapture traces("KESA_UTIL_CONFIG", 3);
+    const std::string begin = " [configuration] the document given to the runtime: ";
+    EXPECT_FALSE(read(R"({"use_regisrty": true, "note": 1, "serializer-formats": ["text/html", "application/json"],
+        "services": [{"path": "/a", "type": "PEX"}]})")
+                     .m_valid);
+    EXPECT_THAT(
+        traces.take(),
+        ElementsAre("3" + begin +
+                        "serializer-formats[0]: unknown serializer-format 'text/html' configured: known are "
+                        "\"application/json\" and \"application/vnd.qelbin\"",
+                    "4" + begin +
+                        "services[0].type: service type unknown: known are \"pex\", \"lomo\", "
+                        "\"gateway\" and \"registry\"",
+                    "3" + begin + "use_regisrty: ignored: unknown key 'use_regisrty'; did you mean 'use_registry'?",
+                    "4" + begin +
+                        "it does not count; with the defaults, which do, this process finds no other process"));
+    EXPECT_TRUE(read(R"({"service_registry_locators": ["ipc://r/registry"], "other": {}})").m_valid);
+    EXPECT_THAT(traces.take(), ElementsAre());
+    std::string mistyped;
+    for (int i = 0; i < 12; ++i) {
+        mistyped += R"("use_registry)" + std::string(1, static_cast<char>('a' + i)) + R"(": true, )";
+    }
+    EXPECT_TRUE(read("{" + mistyped + R"("bypass": {}})").m_valid);
+    const Strings lines = traces.take();
+    ASSERT_EQ(lines.size(), 11U);
+    EXPECT_EQ(lines.back(), "3" + begin + "2 more like these");
+}
+
 TEST(KesaConfigTest, SkipsUnknownBackendsAndFormats)
 {
     const TraceCapture traces("KESA_RUNTIME_CONFIG", 3);

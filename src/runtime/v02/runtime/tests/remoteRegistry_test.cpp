@@ -2,6 +2,7 @@
 #include "FakeRegistry.h"
 
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
+#include <tracing/CapturingSink.h>
 
 namespace kesa::runtime::v02::test {
 namespace {
@@ -487,14 +488,21 @@ TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
 
 TEST_F(RemoteRegistryTest, aRuntimeThatFindsNoRegistryDoesNotStart)
 {
+    const ::tracing::TraceCapture faults("KESA_UTIL_CONFIG");
     const auto start = [this](const char* document) {
         KesaRuntimeImpl runtime(KesaConfig("me", document));
         EXPECT_TRUE(runtime.start());
         return m_assertions->take();
     };
     EXPECT_THAT(start(R"({"use_registry": true})"), ElementsAre(HasSubstr("found no partition for kesa registry")));
+    EXPECT_THAT(faults.take(), ElementsAre(HasSubstr("runtime: \"use_registry\" asks for a registry, and "
+                                                     "\"service_registry_locators\" has none for the partition of this "
+                                                     "process, 'local'; write {")));
     EXPECT_THAT(start(R"({"use_registry": true, "service_registry_locators": ["other://a/registry"]})"),
                 ElementsAre(HasSubstr("Found no resolvable registry locator in config")));
+    EXPECT_THAT(faults.take(), ElementsAre(HasSubstr("none of other://a/registry can be reached")));
+    start(R"({"use_registry": true, "backends": ["local"], "service_registry_locators": ["fake://a/registry"]})");
+    EXPECT_THAT(faults.take(), ElementsAre(HasSubstr("none of \"backends\" reaches one; write [\"comm\"]")));
 }
 
 } // namespace

@@ -1,6 +1,6 @@
 #include "advice.h"
 
-namespace kesactl {
+namespace kesa::runtime::v02 {
 namespace {
 
 struct Advice {
@@ -42,4 +42,4 @@ std::string_view adviceFor(std::string_view complaint)
     return {};
 }
 
-} // namespace kesactl
+} // namespace kesa::runtime::v02
