@@ -2,6 +2,7 @@
 
 #include <common/RegistryPlace.h>
 #include <kesa/commadapter/checkOwnLocator.h>
+#include <tracing/Sink.h>
 
 #include <fmt/format.h>
 
@@ -11,6 +12,9 @@ using kesa::commadapter::OwnLocator;
 
 Claim checkClaim(const std::string& process, const std::string& fallbackDocument)
 {
+    // What it says of the document the start says again, and an error is the answer's.
+    const tracing::Silence words("KESA_RUNTIME_CONFIG");
+    const tracing::Silence places("KESA_UTIL_CONFIG");
     const apps::RegistryPlace place = apps::findRegistryPlace(process, fallbackDocument);
     if (!place.problem.empty()) {
         return {ExitCode::eCONFIGURATION, place.problem, {}};

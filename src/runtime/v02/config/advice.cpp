@@ -42,4 +42,17 @@ std::string_view adviceFor(std::string_view complaint)
     return {};
 }
 
+std::string sentenceOf(const ConfigReport::Complaint& complaint, const std::string& source)
+{
+    std::string sentence;
+    if (!complaint.path.empty()) {
+        sentence.append(source).append(": ").append(complaint.path).append(": ");
+    }
+    sentence.append(complaint.text);
+    if (const std::string_view advice = adviceFor(complaint.text); !advice.empty()) {
+        sentence.append(": ").append(advice);
+    }
+    return sentence;
+}
+
 } // namespace kesa::runtime::v02

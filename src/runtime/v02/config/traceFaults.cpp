@@ -20,10 +20,10 @@ const Channel& channel()
 }
 
 /// The reader's own trace says all of the others: that a default counts, or what is wrong with a text of any length.
-bool needsPlace(const ConfigReport::Complaint& complaint, std::string_view advice)
+bool needsPlace(const ConfigReport::Complaint& complaint)
 {
     return !complaint.path.empty() &&
-           (complaint.isFatal || !advice.empty() || complaint.text.rfind(UNKNOWN_KEY, 0) == 0);
+           (complaint.isFatal || !adviceFor(complaint.text).empty() || complaint.text.rfind(UNKNOWN_KEY, 0) == 0);
 }
 
 } // namespace
@@ -32,13 +32,9 @@ void traceFaults(const ConfigReport& report, const std::string& source, bool has
 {
     std::size_t count = 0;
     for (const ConfigReport::Complaint& complaint : report.complaints) {
-        const std::string_view advice = adviceFor(complaint.text);
-        if (complaint.severity < 3 || !needsPlace(complaint, advice) || ++count > MOST_TRACED) {
-            continue;
+        if (complaint.severity >= 3 && needsPlace(complaint) && ++count <= MOST_TRACED) {
+            KESA_TRACE_TEXT(channel(), complaint.severity, "[configuration] " + sentenceOf(complaint, source));
         }
-        KESA_TRACE_TEXT(channel(), complaint.severity,
-                        fmt::format("[configuration] {}: {}: {}{}{}", source, complaint.path, complaint.text,
-                                    advice.empty() ? "" : ": ", advice));
     }
     if (count > MOST_TRACED) {
         KESA_TRACE_TEXT(channel(), 3,
