@@ -3,6 +3,7 @@
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
+#include <kesa/Path.h>
 #include <kesa/ease/get.h>
 #include <kesa/headers.h>
 #include <kesa/reasonOf.h>
@@ -159,6 +160,10 @@ GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
     GetResult result;
     result.error = detail::refusalToWait("kesa::get", "call IKesaApi::request with a handler");
     if (!result.error.empty()) {
+        return result;
+    }
+    if (const std::string& path = request.getPath(); !path.empty() && path.front() != '/') {
+        setError(result, Response::createErrorResponse(400, Path::complaintAbout(path)));
         return result;
     }
     // A client object ends the request by itself, but any other service object knows of no limits: the wait has one,

@@ -28,6 +28,8 @@ struct GetResult {
 ///     if (!cpu) { std::cerr << cpu.error << '\n'; }
 ///     else { std::cout << kesa::body<double>(*cpu.response) << '\n'; }
 ///
+/// A resource begins with '/': another text fails at once, with 400. An empty one is the service itself, as "/" is.
+///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
 /// `api` stays alive during the call.
 [[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout);

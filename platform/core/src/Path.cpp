@@ -45,6 +45,17 @@ bool isWellFormed(std::string_view path) noexcept
            (path.size() == 1 || path.back() != '/');
 }
 
+bool isPrintable(std::string_view text) noexcept
+{
+    while (!text.empty()) {
+        const char32_t character = utf8::takeCharacter(text);
+        if (character == utf8::INVALID || character < 0x20 || (character >= 0x7F && character < 0xA0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
 /// Where the segment `wanted` begins in `pattern`; npos when there is none.
 std::size_t findSegment(std::string_view pattern, std::string_view wanted) noexcept
 {
@@ -65,7 +76,7 @@ bool Path::isAbsolute(const std::string& path) noexcept
 
 bool Path::isCanonical(const std::string& path) noexcept
 {
-    if (!isWellFormed(path) || path.size() == 1 || path.size() > MAX_PATH_SIZE) {
+    if (!isWellFormed(path) || path.size() == 1 || path.size() > MAX_PATH_SIZE || !isPrintable(path)) {
         return false;
     }
     for (Segments segments(path); !segments.atEnd(); segments.next()) {
@@ -73,13 +84,18 @@ bool Path::isCanonical(const std::string& path) noexcept
             return false;
         }
     }
-    for (std::string_view rest = path; !rest.empty();) {
-        const char32_t character = utf8::takeCharacter(rest);
-        if (character == utf8::INVALID || character < 0x20 || (character >= 0x7F && character < 0xA0)) {
-            return false;
-        }
-    }
     return true;
+}
+
+std::string Path::complaintAbout(const std::string& path)
+{
+    if (path.size() > MAX_PATH_SIZE) {
+        return "a path has at most " + std::to_string(MAX_PATH_SIZE) + " bytes, and this one " +
+               std::to_string(path.size());
+    }
+    return isPrintable(path)
+               ? "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end"
+               : "a path is printable UTF-8, and this one is not";
 }
 
 std::string Path::join(const std::string& a, const std::string& b)

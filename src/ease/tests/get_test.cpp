@@ -54,6 +54,10 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
     EXPECT_TRUE(kept->isCancelled());
     const GetResult missing = ask("/none");
     EXPECT_TRUE(!missing && missing.status == 404);
+    const GetResult relative = ask("one");
+    EXPECT_EQ(relative.error,
+              "400: 'one' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end");
+    EXPECT_EQ(relative.status, 400);
     const GetResult empty = ask("/empty");
     EXPECT_TRUE(empty && empty.response->getStatus() == 200 && empty.response->getPayload().isEmpty());
     EXPECT_EQ(empty.error, "");

@@ -25,6 +25,8 @@ public:
     /// Absolute, without empty, "." and ".." segments and without a trailing '/' (so "/" is not), printable UTF-8
     /// and at most 4096 bytes: what a service may be registered and tracked under.
     static bool isCanonical(const std::string& path) noexcept;
+    /// What to tell whoever gave a path that is not canonical, in one sentence.
+    static std::string complaintAbout(const std::string& path);
     /// `a` and `b` with exactly one '/' between them; `a` when `b` is empty.
     static std::string join(const std::string& a, const std::string& b);
     /// Whether `path` matches `pattern`: segments as they are, "**" for any well-formed absolute path ("/" too, ""

@@ -368,9 +368,7 @@ bool KesaRuntimeImpl::refuseBadPath(const std::string& path, std::unique_ptr<IRe
     if (Path::isCanonical(path)) {
         return false;
     }
-    postError(std::move(handler), Response::createErrorResponse(
-                                      400, "a service path begins with '/', has no empty, '.' or '..' segment and "
-                                           "no '/' at its end, is printable and has at most 4096 bytes"));
+    postError(std::move(handler), Response::createErrorResponse(400, Path::complaintAbout(path)));
     return true;
 }
 
