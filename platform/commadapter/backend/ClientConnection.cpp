@@ -55,9 +55,51 @@ ConnectionFacts ClientConnection::facts(std::size_t& looks) const
         addOpenRequests(facts, m_streams, looks);
     }
     if (!facts.isConnected) {
-        facts.reason = m_connector->lastReason().empty() ? "it has not said hello yet" : m_connector->lastReason();
+        facts.reason = m_connector->lastReason();
+        facts.reason = facts.reason.empty() ? "it has not said hello yet" : facts.reason;
     }
     return facts;
+}
+
+std::string ClientConnection::obstacle(const ClientState& client) const
+{
+    std::string why;
+    transport::PeerIdentity peer;
+    {
+        const Lock lock(m_lock);
+        why = isConnected(client) ? std::string() : whyNot(client);
+        if (!isOpen() || client.listener == nullptr) {
+            return why;
+        }
+        peer = m_peer;
+    }
+    const Destination& destination = m_connector->destination();
+    const std::string pid = std::to_string(peer.pid);
+    return destination.transport->isStopped(peer) ? '"' + destination.endpoint.process + "\" is stopped: process " +
+                                                        pid + "; kill -CONT " + pid + " lets it go on"
+                                                  : why;
+}
+
+/// With the lock held; of one that is not connected.
+std::string ClientConnection::whyNot(const ClientState& client) const
+{
+    if (m_isStopped) {
+        return SHUTTING_DOWN;
+    }
+    if (client.listener == nullptr) {
+        return "the client object was released, as its subscription was disposed or its service has gone";
+    }
+    const Destination& destination = m_connector->destination();
+    const std::string peer = '"' + destination.endpoint.process + '"';
+    if (isOpen()) {
+        return m_isGreeted
+                   ? peer + " answers, and does not provide \"" + client.path + '"'
+                   : peer + " takes the connection and has said nothing yet, like one that is stopped or blocked";
+    }
+    std::string reason = m_connector->explainedReason();
+    reason = reason.empty() ? "there is no connection yet" : reason;
+    const std::string source = destination.transport->runDirectorySource();
+    return source.empty() ? reason : reason + " (run directory by " + source + ')';
 }
 
 // ---- client objects -----------------------------------------------------------------------------------------------
@@ -162,6 +204,7 @@ void ClientConnection::tellListener(Lock& lock, ClientState& client, void (IClie
 void ClientConnection::connected(std::unique_ptr<transport::IStream> stream)
 {
     Lock lock(m_lock);
+    m_peer = stream->peer();
     open(std::move(stream), m_makeHello());
     m_isGreeted = false;
     m_openedAt = comm::now();
@@ -189,7 +232,10 @@ std::shared_ptr<ClientState> ClientConnection::clientOf(std::uint32_t target) co
 
 void ClientConnection::onHello(const protocol::Hello& peer)
 {
-    m_isGreeted = true;
+    {
+        const Lock lock(m_lock);
+        m_isGreeted = true;
+    }
     KESA_TRACE(CHANNEL, 2, "[connect] '%s' answers as '%s'", peerName().c_str(), peer.process.c_str());
 }
 
@@ -239,7 +285,7 @@ void ClientConnection::onClosed(const std::string& reason)
     if (m_clients.empty()) {
         m_connector->stop(); // it only lingered
     } else {
-        m_connector->lost(reason);
+        m_connector->lost(reason, m_isGreeted);
     }
 }
 

@@ -55,6 +55,8 @@ public:
     void start(const std::shared_ptr<ClientState>& client);
     /// Returns when no call to the listener runs or comes any more.
     void release(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
+    /// As `KesaClientApi::obstacle`.
+    std::string obstacle(const ClientState& client) const;
 
     // Loop only.
     /// `looks`: so many more numbers of requests may be looked at to count those that are open.
@@ -96,6 +98,8 @@ private:
     };
 
     // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
+    bool isConnected(const ClientState& client) const noexcept { return client.isAttached && isOpen(); }
+    std::string whyNot(const ClientState& client) const;
     bool isRefused(std::size_t size, bool isPersistent);
     void noNumberFree();
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
@@ -158,6 +162,8 @@ private:
     Deadlines m_deadlines{[this](std::uint64_t handle) { return isLimited(handle); }};
     comm::TimeNs m_timerDue = comm::NEVER; ///< when `m_timer` runs, or is about to be set for
     bool m_isStopped = false;
+    transport::PeerIdentity m_peer;                 ///< of the present connection, or of the last one
+    bool m_isGreeted = false;                       ///< the server has said hello
     std::uint64_t m_runningHandle = 0;              ///< of the handler being called
     const ClientState* m_runningListener = nullptr; ///< of the listener being called
     unsigned m_waiting = 0;
@@ -169,7 +175,6 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
-    bool m_isGreeted = false; ///< the server has said hello
     comm::TimeNs m_openedAt = 0;
     // Since the loop stood still, for answers that came meanwhile.
     comm::TimeNs m_lastLook = 0; ///< its end; 0: none

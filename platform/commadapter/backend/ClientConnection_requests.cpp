@@ -29,7 +29,7 @@ constexpr std::size_t TOLD_AT_ONCE = 256;
 /// When no number is free: more is the peer's doing than this side's.
 constexpr std::size_t MOST_ENDS_OWED = MAX_STREAMS / 2;
 
-constexpr const char* NOT_CONNECTED = "the service is not connected";
+constexpr const char* NOT_CONNECTED = "the service is not connected: ";
 constexpr const char* TOO_SLOW = "the service is too slow";
 constexpr const char* TOO_MANY = "too many open requests";
 constexpr const char* NO_TIME = "no time is left for it";
@@ -81,8 +81,8 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
         handler->onError(Response::createErrorResponse(503, SHUTTING_DOWN));
         return IKesaApi::UNDEFINED_REQUEST_HANDLE;
     }
-    if (!client.isAttached || !isOpen()) {
-        return fail(lock, std::move(handler), 503, NOT_CONNECTED);
+    if (!isConnected(client)) {
+        return fail(lock, std::move(handler), 503, NOT_CONNECTED + whyNot(client));
     }
     return send(lock, client, request, std::move(handler));
 }

@@ -6,6 +6,7 @@
 #include <kesa/commadapter/KesaClientApi.h>
 
 #include <memory>
+#include <string>
 
 namespace kesa::commadapter {
 
@@ -25,6 +26,8 @@ public:
         return m_connection->request(*m_client, request, std::move(handler));
     }
     void cancel(void* handle) override { m_connection->cancel(*m_client, handle); }
+
+    std::string obstacle() const override { return m_connection->obstacle(*m_client); }
 
     void release(bool serviceRemoved) { m_connection->release(m_client, serviceRemoved); }
 

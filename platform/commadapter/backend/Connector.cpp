@@ -8,6 +8,7 @@
 #include "backend/Connector.h"
 
 #include "backend/channel.h"
+#include "protocol/Machine.h"
 
 #include <obr/Random.h>
 
@@ -39,7 +40,7 @@ void Connector::stop()
     endWaiting();
 }
 
-void Connector::lost(const std::string& reason)
+void Connector::lost(const std::string& reason, bool hasHello)
 {
     m_loop->onLoop(__func__);
     if (m_state == State::eSTOPPED) {
@@ -50,6 +51,7 @@ void Connector::lost(const std::string& reason)
         m_tracedReason.clear();
     }
     note(reason, 3);
+    setLastReason(reason, hasHello);
     if (!m_isLocal) {
         watch();
     }
@@ -59,10 +61,36 @@ void Connector::lost(const std::string& reason)
 void Connector::useful()
 {
     m_isUseful = true;
-    m_lastReason.clear();
+    setLastReason({});
     if (std::exchange(m_isAbsenceTraced, false)) {
         KESA_TRACE(CHANNEL, 3, "[connect] '%s' is connected now", m_destination.endpoint.toString().c_str());
     }
+}
+
+std::string Connector::lastReason() const
+{
+    const std::lock_guard lock(m_mutex);
+    return m_lastReason;
+}
+
+std::string Connector::explainedReason() const
+{
+    const std::lock_guard lock(m_mutex);
+    if (m_hadHello) {
+        return m_lastReason;
+    }
+    const auto begins = [this](std::string_view text) { return m_lastReason.rfind(text, 0) == 0; };
+    const char* const what = begins(protocol::NO_COMMON_VERSION) ? "of another version"
+                             : begins(protocol::NO_HELLO)        ? "stopped or blocked"
+                                                                 : "another program, or just ending";
+    return "what listens as \"" + m_destination.endpoint.process + "\" is " + what + ": " + m_lastReason;
+}
+
+void Connector::setLastReason(const std::string& reason, bool hadHello)
+{
+    const std::lock_guard lock(m_mutex);
+    m_lastReason = reason;
+    m_hadHello = hadHello;
 }
 
 void Connector::attempt()
@@ -189,7 +217,7 @@ void Connector::endWaiting()
 
 void Connector::note(const std::string& reason, int severity)
 {
-    m_lastReason = reason;
+    setLastReason(reason);
     if (reason != m_tracedReason) {
         m_tracedReason = reason;
         m_isAbsenceTraced = m_isAbsenceTraced || severity >= 3;

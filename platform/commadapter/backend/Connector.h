@@ -6,6 +6,7 @@
 
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <string>
 
 namespace kesa::commadapter {
@@ -31,15 +32,17 @@ public:
     /// Calls `connected`, on the loop, each time there is a stream; for a local endpoint perhaps inside this call.
     void start(Connected connected);
     void stop();
-    /// The stream that was handed over has ended: the next one is wanted.
-    void lost(const std::string& reason);
+    /// The stream that was handed over has ended: the next one is wanted. `hasHello`: the peer had said it.
+    void lost(const std::string& reason, bool hasHello);
     /// The stream that was handed over has proved useful: once it has lasted as well, the pauses begin anew, and so
     /// does the tracing of reasons.
     void useful();
 
     const Destination& destination() const noexcept { return m_destination; }
-    /// Why there was no connection the last time; empty while there is a useful one.
-    const std::string& lastReason() const noexcept { return m_lastReason; }
+    /// Why there was no connection the last time; empty while there is a useful one. Any thread.
+    std::string lastReason() const;
+    /// The same in words for who does not know the protocol.
+    std::string explainedReason() const;
 
 private:
     enum class State { eSTOPPED, eCONNECTING, eWAITING, eCONNECTED };
@@ -53,6 +56,7 @@ private:
     comm::TimeNs nextPause();
     void endWaiting();
     void note(const std::string& reason, int severity);
+    void setLastReason(const std::string& reason, bool hadHello = true);
 
     const std::shared_ptr<IoLoop> m_loop;
     const Destination m_destination;
@@ -67,9 +71,11 @@ private:
     bool m_isLocal = false;  ///< the last attempt's stream is to this very process
     bool m_isUseful = false; ///< the stream that was handed over
     comm::TimeNs m_connectedSince = 0;
-    std::string m_lastReason;
     std::string m_tracedReason;
     bool m_isAbsenceTraced = false; ///< and that it is over has not been
+    mutable std::mutex m_mutex;
+    std::string m_lastReason; ///< this and the next under the mutex; the rest is the loop's
+    bool m_hadHello = true;   ///< else that ended a connection before the peer's hello
 };
 
 } // namespace kesa::commadapter

@@ -31,6 +31,8 @@ struct Hello {
 
 /// How the reason begins why a connection between processes of different versions ends.
 inline constexpr std::string_view NO_COMMON_VERSION = "no common protocol version";
+/// The same of a peer that has not introduced itself in time.
+inline constexpr std::string_view NO_HELLO = "no hello within";
 
 struct Limits {
     std::uint32_t maxMessageBytes = 16U << 20U; ///< of one message, head and body

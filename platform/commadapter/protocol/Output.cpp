@@ -173,7 +173,7 @@ comm::TimeNs Machine::Output::nextDeadline() const noexcept
 bool Machine::Output::expired(comm::TimeNs now, std::string& why) const
 {
     if (!m_shared.hasHello.load(std::memory_order_relaxed) && now >= m_helloDeadline) {
-        why = fmt::format("no hello within {} ms", m_limits.helloTimeout / comm::MILLISECOND);
+        why = fmt::format("{} {} ms", NO_HELLO, m_limits.helloTimeout / comm::MILLISECOND);
         return true;
     }
     if (isProbing() && now >= m_probeDeadline) {

@@ -1,6 +1,7 @@
 // When a client object is connected, and to what: services that come late, go, come back; locators and routes; how long
 // connections stay; what becomes of peers that are silent.
 
+#include "CarelessPeer.h"
 #include "backend_support.h"
 
 #include <kesa/RequestContext.h>
@@ -18,13 +19,18 @@ using testing::SizeIs;
 
 using BackendConnections = SimulatedBackends;
 
-TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
+TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnceAndKnowsWhyNot)
 {
     auto clientBackend = makeBackend("client");
     Client client(*clientBackend, "ipc://server/service");
+    EXPECT_EQ(client.api().obstacle(), "there is no connection yet");
     client.start();
     scheduler->runFor(60 * comm::SECOND);
     EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("'ipc://server'"))) << "the reason is traced once";
+    EXPECT_EQ(client.api().obstacle(), "nobody listens");
+    const auto early = client.request(retrieve("/"));
+    settle();
+    EXPECT_EQ(early->errorText, "the service is not connected: " + client.api().obstacle());
 
     CheckedService other("other");
     CheckedService service("service");
@@ -32,9 +38,41 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnce)
     ASSERT_NE(provide(*server, "/other", other), "");
     scheduler->runFor(comm::SECOND);
     EXPECT_FALSE(client.checker.isConnected()) << "the process is there, its path is not";
+    EXPECT_EQ(client.api().obstacle(), "\"server\" answers, and does not provide \"/service\"");
     ASSERT_NE(provide(*server, "/service", service), "");
     EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
+    EXPECT_EQ(client.api().obstacle(), "");
     client.release();
+    EXPECT_THAT(client.api().obstacle(), HasSubstr("the client object was released, as its subscription was"));
+    clientBackend->stop();
+    EXPECT_EQ(client.api().obstacle(), "shutting down");
+}
+
+TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
+{
+    using namespace std::string_literals;
+    const std::string later = "\x18\0\0\0\x01\0\x18\0\0\0\0\0\0\0\0\0\xbf\x10\x07\x11\x09\x14\x50"
+                              "0123456789abcdef\xff"s;
+    for (const auto& [said, what] : {std::pair<std::string, std::string>{"HTTP/1.1 400 Bad Request\r\n\r\n",
+                                                                         "another program, or just ending: frame of"},
+                                     {later, "of another version: no common protocol version: "},
+                                     {"", "stopped or blocked: no hello within 3000 ms"}}) {
+        use(1);
+        CarelessPeer peer(*network, protocol::Machine::Role::eSERVER);
+        peer.listen("server");
+        auto backend = makeBackend("client");
+        Client client(*backend, "ipc://server/service");
+        client.start();
+        settle();
+        EXPECT_EQ(client.api().obstacle(),
+                  "\"server\" takes the connection and has said nothing yet, like one that is stopped or blocked");
+        if (!said.empty()) {
+            peer.send(protocol::testing::Bytes(said.begin(), said.end()));
+        }
+        const std::string whole = "what listens as \"server\" is " + what;
+        EXPECT_LE(timeUntil([&] { return client.api().obstacle().rfind(whole, 0) == 0; }), 4 * comm::SECOND);
+        client.release();
+    }
 }
 
 TEST_F(BackendConnections, OneConnectionServesAllAndLingers)

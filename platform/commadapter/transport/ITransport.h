@@ -91,6 +91,8 @@ public:
     virtual std::string scheme() const = 0;
     /// Where the processes of this realm find each other; empty when that is no directory.
     virtual std::string runDirectory() const = 0;
+    /// What names that, as in `RunDirectoryChoice`; empty when there is none.
+    virtual std::string runDirectorySource() const { return {}; }
 
     using Accept = util::UniqueFunction<void(std::unique_ptr<IStream>)>;
     /// Claims the name of a process and listens under it; `accept` is called on the loop, for each client. True on
@@ -99,6 +101,9 @@ public:
     [[nodiscard]] virtual bool listen(const std::string& process, Accept accept, std::string& why) = 0;
     /// The own endpoint with its realm, as locators name it; absent while not listening.
     virtual std::optional<Endpoint> ownEndpoint() const = 0;
+
+    /// The process at the other end is stopped, by a signal or a debugger, as far as that can be known. Any thread.
+    virtual bool isStopped(const PeerIdentity& /*peer*/) const { return false; }
 
     /// Reads the authority of a locator of this scheme; absent when it is malformed.
     virtual std::optional<Endpoint> parse(const url& locator) const = 0;

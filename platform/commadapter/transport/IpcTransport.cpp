@@ -11,6 +11,7 @@
 #include "transport/NameClaim.h"
 #include "transport/RunDirectory.h"
 
+#include <comm/processStart.h>
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/Channel.h>
 
@@ -81,11 +82,16 @@ public:
 
     std::string scheme() const override { return "ipc"; }
     std::string runDirectory() const override { return m_runDirectory.path(); }
+    std::string runDirectorySource() const override { return m_runDirectory.source(); }
     bool listen(const std::string& process, Accept accept, std::string& why) override;
     std::optional<Endpoint> ownEndpoint() const override
     {
         const std::lock_guard lock(m_mutex);
         return m_own;
+    }
+    bool isStopped(const PeerIdentity& peer) const override
+    {
+        return comm::isProcessStopped(static_cast<pid_t>(peer.pid));
     }
     std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }
     bool canHandle(const Endpoint& endpoint) const override

@@ -11,6 +11,9 @@ namespace comm {
 /// cannot be known. The kernel keeps it in hundredths of a second. Reads a file of /proc; any thread.
 KESA_API TimeNs processStart(pid_t pid);
 
+/// It is there, and stopped by a signal or a debugger. Reads a file of /proc; any thread.
+KESA_API bool isProcessStopped(pid_t pid);
+
 } // namespace comm
 
 #endif
