@@ -73,7 +73,9 @@ public:
     Impl(const std::string& processName, const std::string& fallbackDocument)
     {
         if (KesaRuntime::isRunning()) {
-            m_error = fmt::format("the runtime '{}' did not start: this process has one already", processName);
+            m_error =
+                fmt::format("the runtime '{}' did not start: this process has one already; use that, or end it before",
+                            processName);
         } else if (KesaRuntime::initInstance(processName, fallbackDocument)) {
             KesaRuntime::shutdown(); // an instance is there all the same
             m_error = fmt::format("the runtime '{}' did not start: its configuration names no backend, or no registry "

@@ -5,6 +5,7 @@
 #include <comm/onAnyLoop.h>
 #include <kesa/Path.h>
 #include <kesa/ease/get.h>
+#include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/reasonOf.h>
 
@@ -23,6 +24,19 @@ void setError(GetResult& result, const Response& error)
 {
     result.status = error.getStatus();
     result.error = reasonOf(error);
+}
+
+/// A time that was over has a cause that a client may know.
+void addObstacle(GetResult& result, const IKesaApi& api)
+{
+    constexpr unsigned short TIME_IS_OVER = 504;
+    if (result.status != TIME_IS_OVER) {
+        return;
+    }
+    if (const auto* const client = dynamic_cast<const Client*>(&api)) {
+        const std::string why = client->reason();
+        result.error.append(why.empty() ? "" : "; ").append(why);
+    }
 }
 
 /// What the waiting caller and the handler it sent share. The handler is a part of it, so that a call costs one
@@ -188,6 +202,7 @@ GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
             setError(result, Response::createTimeoutResponse(std::chrono::ceil<std::chrono::milliseconds>(timeout)));
         }
     }
+    addObstacle(result, api);
     return result;
 }
 

@@ -1,6 +1,8 @@
 // How a process learns that the registry knows its service: a tracking of the own path is told by the own runtime,
 // which never asks for what it provides itself. So the registry is asked as any service is, with its request for a
 // tracking, over the connection that the runtime has to it. Nothing is asked until somebody wants to know.
+#include "waiting.h"
+
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/provide.h>
@@ -55,7 +57,7 @@ public:
         if (m_runtime != nullptr) {
             registerAt(*m_runtime);
         } else if (!runtime::v02::KesaRuntime::withInstance(registerAt)) {
-            refused(Response::createErrorResponse(503, "this process has no runtime"));
+            refused(Response::createErrorResponse(503, detail::NO_RUNTIME));
         }
         const std::lock_guard<std::mutex> lock(m_mutex); // not within `withInstance`: `ask` takes the two in turn
         m_registration = std::move(registration);

@@ -29,6 +29,8 @@
 
 namespace kesa {
 
+using runtime::v02::IKesaRuntime;
+using runtime::v02::IReasons;
 using runtime::v02::IRuntimeRegistry;
 using serviceregistry::ServiceDef;
 
@@ -55,10 +57,13 @@ public:
     {
         if (runtime == nullptr) {
             m_hasEnded = true;
-            setState(nullptr, "this process has no runtime", 503);
+            setState(nullptr, detail::NO_RUNTIME, 503);
             return;
         }
         m_runtime = runtime;
+        if (const auto* const whole = dynamic_cast<const IKesaRuntime*>(runtime)) {
+            m_reasons = whole->reasons();
+        }
         const std::lock_guard<std::recursive_mutex> lock(m_news);
         m_tracking = runtime->trackService(m_path, std::make_unique<Tracking>(shared_from_this()));
     }
@@ -70,9 +75,8 @@ public:
         const Api api = m_api;
         const std::size_t number = m_apis;
         if (!api) {
-            const Response error = Response::createErrorResponse(503, m_reason);
             lock.unlock();
-            handler->onError(error);
+            handler->onError(Response::createErrorResponse(503, reason()));
             return UNDEFINED_REQUEST_HANDLE;
         }
         lock.unlock();
@@ -103,8 +107,25 @@ public:
 
     std::string reason() const
     {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_reason;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        const std::string reason = m_reason;
+        const std::vector<url> resolved = m_resolved;
+        const bool isConnected = m_isConnected;
+        if (m_status != 0 || !m_reasons) {
+            return reason;
+        }
+        lock.unlock();
+        if (resolved.empty()) {
+            return reason + ": " + m_reasons->whyUnknown(m_path);
+        }
+        std::string why;
+        for (const url& locator : resolved) { // the runtime takes one of them
+            why = why.empty() ? m_reasons->obstacle(locator) : why;
+        }
+        if (isConnected) {
+            return why.empty() ? why : fmt::format("'{}' is connected and silent: {}", m_path, why);
+        }
+        return fmt::format("{}{}{}; 'kesactl why {}' says more", reason, why.empty() ? "" : ": ", why, m_path);
     }
 
     void onChange(util::UniqueFunction<void(bool)> handler)
@@ -169,19 +190,18 @@ public:
     }
 
     /// What the wait came to: the status of an error, 0 when it is connected.
-    unsigned short wait(comm::TimeNs deadline, std::string& reason)
+    unsigned short wait(comm::TimeNs deadline)
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         const bool isOver = comm::waitFor(
             m_changed, lock, [this] { return m_isConnected || m_status != 0; }, deadline);
-        reason = m_reason;
         constexpr unsigned short TIME_IS_OVER = 504;
         return isOver ? m_status : TIME_IS_OVER;
     }
 
 private:
-    static constexpr const char* ENDED = "the client has ended";
-    static constexpr const char* RUNTIME_ENDED = "the runtime has ended";
+    static constexpr const char* ENDED = "the client has ended; kesa::use makes another";
+    static constexpr const char* RUNTIME_ENDED = "the runtime has ended, and with it this client; end the runtime last";
 
     using Handlers = std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>>;
     using Follows = std::vector<std::shared_ptr<Follow>>;
@@ -257,6 +277,7 @@ private:
             return;
         }
         m_locators = record.locators;
+        setResolved(m_locators);
         setState(nullptr, fmt::format("'{}' is registered at {} and not connected", m_path, locatorsOf(record)), 0);
         m_resolving = m_runtime->resolveService(
             record, handler<optional<Api>>(
@@ -291,7 +312,10 @@ private:
     {
         if (number == m_number) {
             letGo();
-            setState(nullptr, fmt::format("'{}' cannot be reached: {}", m_path, reasonOf(error)), error.getStatus());
+            setState(
+                nullptr,
+                fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, reasonOf(error), m_path),
+                error.getStatus());
         }
     }
 
@@ -320,6 +344,7 @@ private:
         m_resolving.dispose();
         m_resolving = Disposable();
         m_locators.clear();
+        setResolved({});
         setState(nullptr, nobody(), 0);
     }
 
@@ -351,6 +376,12 @@ private:
             }
             (*handler)(isConnected);
         }
+    }
+
+    void setResolved(std::vector<url> locators)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_resolved.swap(locators);
     }
 
     /// Connected to `api`, or not, with the reason.
@@ -417,6 +448,7 @@ private:
 
     const std::string m_path;
     IRuntimeRegistry* m_runtime = nullptr; ///< used in its own calls only, so while it lives
+    std::shared_ptr<const IReasons> m_reasons;
 
     /// Held while the handlers of `onChange` are called, so that `end` waits for them; recursive, since they may end
     /// us.
@@ -435,9 +467,10 @@ private:
     Api m_api;              ///< this and the following under `m_mutex`
     std::size_t m_apis = 0; ///< how many there have been: the part of a request's work
     bool m_isConnected = false;
-    unsigned m_changes = 0; ///< of that
-    std::string m_reason = nobody();
-    unsigned short m_status = 0; ///< of an error that will not pass by itself
+    unsigned m_changes = 0;          ///< of that
+    std::string m_reason = nobody(); ///< what `m_reasons` adds is asked for when it is wanted
+    std::vector<url> m_resolved;     ///< `m_locators`, for that
+    unsigned short m_status = 0;     ///< of an error that will not pass by itself
     Follows m_follows;
     std::size_t m_swept = 0; ///< so many are kept before those that are over go
 
@@ -522,7 +555,8 @@ public:
         }
         timeout = std::max(timeout, std::chrono::nanoseconds::zero());
         std::shared_ptr<Client> client = use();
-        result.status = client->m_impl->wait(detail::deadlineIn(timeout), result.error);
+        result.status = client->m_impl->wait(detail::deadlineIn(timeout));
+        result.error = result.status == 0 ? std::string() : client->reason();
         if (result.status == 0) {
             result.client = std::move(client);
         } else if (result.status == 504) {

@@ -8,6 +8,10 @@
 
 namespace kesa::detail {
 
+/// What who asks without a runtime is told.
+inline constexpr const char* NO_RUNTIME =
+    "this process has no runtime; make a kesa::Runtime first in main, and let it end last";
+
 /// Why this thread must not wait: it is one that delivers what would be waited for. Empty when it may.
 /// `instead` says what to do.
 std::string refusalToWait(const char* operation, const char* instead);

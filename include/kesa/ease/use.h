@@ -49,7 +49,10 @@ public:
     void cancel(void* handle) noexcept override;
 
     bool isConnected() const;
-    /// Why it is not connected, in one sentence; empty while it is.
+    /// Why it is not connected, or that the process it is connected to is stopped, in one sentence that ends with what
+    /// to do or to ask next; empty when nothing is known to be in the way:
+    ///     nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not connected: no process
+    ///     listens as "kesa-registryd" in "/run/kesa" (run directory by the default); 'kesactl doctor' says more
     std::string reason() const;
 
     /// `handler(isConnected)` is called at each change: on the runtime's executor or updater, one call at a time; and
@@ -92,7 +95,7 @@ private:
 /// The same through `runtime`, which outlives no call to the client's operations.
 [[nodiscard]] KESA_API std::shared_ptr<Client> use(runtime::v02::IRuntimeRegistry& runtime, const std::string& path);
 
-/// What `connect` came to: a client that is connected, or why there is none.
+/// What `connect` came to: a client that is connected, or why there is none, as `Client::reason` says it.
 struct ConnectResult {
     std::shared_ptr<Client> client;
     unsigned short status = 0; ///< of the error: 504 when the time is over; 0 when it has none

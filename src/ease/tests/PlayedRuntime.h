@@ -1,7 +1,7 @@
 #ifndef KESA_EASE_TESTS_PLAYEDRUNTIME_H
 #define KESA_EASE_TESTS_PLAYEDRUNTIME_H
 
-#include <kesa/runtime/v02/IRuntimeRegistry.h>
+#include <kesa/runtime/v02/IKesaRuntime.h>
 
 #include <algorithm>
 #include <memory>
@@ -16,7 +16,7 @@ using serviceregistry::ServiceDef;
 using Api = std::shared_ptr<IKesaApi>;
 
 /// Does what the test says a registry and the connections do, in any order, and writes down what it was asked.
-class PlayedRuntime final : public runtime::v02::IRuntimeRegistry {
+class PlayedRuntime final : public runtime::v02::IKesaRuntime {
 public:
     Disposable registerService(const std::string& path, Api, ServiceDef::TypeEnum, const GenericObject&,
                                std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) override
@@ -69,6 +69,9 @@ public:
         return {};
     }
 
+    runtime::v02::KesaConfigAccessor getConfigAccessor() const override { return {}; }
+    std::shared_ptr<const runtime::v02::IReasons> reasons() const override { return played; }
+
     static ServiceDef record(const std::string& locator)
     {
         ServiceDef made;
@@ -86,6 +89,15 @@ public:
     }
     std::vector<std::string> take() { return std::exchange(log, {}); }
 
+    struct Reasons final : runtime::v02::IReasons {
+        std::string whyUnknown(const std::string& path) const override { return "why " + path; }
+        std::string obstacle(const url& locator) const override
+        {
+            return locator == url("ipc://p/p") ? connection : "";
+        }
+        std::string connection;
+    };
+    const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     std::vector<std::string> log;
     std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
     std::vector<std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>> trackings;

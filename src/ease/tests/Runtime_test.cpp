@@ -2,12 +2,14 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/use.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <future>
+#include <thread>
 
 namespace {
 
@@ -93,6 +95,22 @@ TEST_F(RuntimeTest, CallsNothingAfterItsEnd)
     EXPECT_TRUE(Runtime("again", ALONE)) << "one after the other";
 }
 
+TEST_F(RuntimeTest, SaysWhereItLooksForTheRegistryThatIsNotThere)
+{
+    Runtime runtime("visitor");
+    const auto client = use("/x");
+    while (client->reason().find("no process listens") == std::string::npos) { // it may not have looked yet
+        std::this_thread::yield();
+    }
+    const std::string why = "nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
+                            "connected: no process listens as \"kesa-registryd\" in \"" +
+                            directory + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
+    EXPECT_EQ(client->reason(), why);
+    EXPECT_EQ(connect("/x", std::chrono::seconds(0)).error, "not connected within 0 ms: " + why);
+    runtime.end();
+    EXPECT_THAT(client->reason(), HasSubstr("the runtime has ended"));
+}
+
 TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
 {
     const char* const unreachable = R"({"use_registry": true, "backends": ["local"],
@@ -111,7 +129,8 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
     EXPECT_TRUE(first && first.error().empty());
     {
         const Runtime second("second", ALONE);
-        EXPECT_EQ(second.error(), "the runtime 'second' did not start: this process has one already");
+        EXPECT_EQ(second.error(),
+                  "the runtime 'second' did not start: this process has one already; use that, or end it before");
     }
     EXPECT_TRUE(first && KesaRuntime::isRunning());
 }

@@ -55,12 +55,17 @@ protected:
 
 TEST_F(Use, ConnectsToWhatIsRegistered)
 {
-    EXPECT_EQ(client->reason(), "nobody is known to provide '/p'");
-    EXPECT_EQ(call(), "503: nobody is known to provide '/p'");
+    EXPECT_EQ(client->reason(), "nobody is known to provide '/p': why /p");
+    EXPECT_EQ(call(), "503: nobody is known to provide '/p': why /p");
     runtime.added("ipc://p/p");
-    EXPECT_EQ(client->reason(), "'/p' is registered at ipc://p/p and not connected");
+    EXPECT_EQ(client->reason(), "'/p' is registered at ipc://p/p and not connected; 'kesactl why /p' says more");
+    runtime.played->connection = "it is stopped";
+    EXPECT_EQ(call(),
+              "503: '/p' is registered at ipc://p/p and not connected: it is stopped; 'kesactl why /p' says more");
     EXPECT_FALSE(client->isConnected());
     runtime.connected(service);
+    EXPECT_EQ(call(), "504: no answer within 0 ms; '/p' is connected and silent: it is stopped");
+    runtime.played->connection.clear();
     EXPECT_TRUE(client->isConnected());
     EXPECT_EQ(client->reason(), "");
     client->whenConnected([this] { told.push_back("at once"); });
@@ -96,13 +101,13 @@ TEST_F(Use, LetsGoWhenItIsReallyGone)
     connect();
     runtime.lost(); // the registry still knows it: it may be back in a moment
     EXPECT_THAT(runtime.take(), IsEmpty());
-    EXPECT_EQ(client->reason(), "the connection to '/p' is lost");
+    EXPECT_EQ(client->reason(), "the connection to '/p' is lost; 'kesactl why /p' says more");
     runtime.connected(service);
     runtime.lost();
     EXPECT_THAT(takeTold(), ElementsAre("lost", "connected", "lost"));
     runtime.removed();
     EXPECT_THAT(runtime.take(), ElementsAre("release ipc://p/p"));
-    EXPECT_EQ(client->reason(), "nobody is known to provide '/p'");
+    EXPECT_EQ(client->reason(), "nobody is known to provide '/p': why /p");
 }
 
 TEST_F(Use, ResolvesAnewWhatIsElsewhere)
@@ -248,7 +253,7 @@ TEST_F(Use, CallsNothingAfterItsEnd)
     const Disposable late = client->follow(Request("retrieve", "/feed"), listener());
     client->end();
     EXPECT_THAT(runtime.take(), IsEmpty());
-    EXPECT_EQ(call(), "503: the client has ended");
+    EXPECT_EQ(call(), "503: the client has ended; kesa::use makes another");
     EXPECT_THAT(takeTold(), IsEmpty());
 }
 
@@ -311,8 +316,8 @@ TEST_F(Use, SaysSoWhenTheRuntimeEnds)
     runtime.end();
     EXPECT_THAT(takeTold(), ElementsAre("lost", "503"));
     EXPECT_FALSE(client->isConnected());
-    EXPECT_EQ(call(), "503: the runtime has ended");
-    EXPECT_EQ(client->reason(), "the runtime has ended");
+    EXPECT_EQ(call(), "503: the runtime has ended, and with it this client; end the runtime last");
+    EXPECT_EQ("503: " + client->reason(), call());
 
     client = use(runtime, "/p");
     runtime.tracking->onError(Response::createErrorResponse(400, "no path"));
@@ -322,10 +327,11 @@ TEST_F(Use, SaysSoWhenTheRuntimeEnds)
 
 TEST_F(Use, WithoutARuntimeIsAReason)
 {
-    EXPECT_EQ(kesa::use("/p")->reason(), "this process has no runtime");
-    EXPECT_EQ(kesa::connect("/p", 1s).error, "this process has no runtime");
+    const std::string none = "this process has no runtime; make a kesa::Runtime first in main, and let it end last";
+    EXPECT_EQ(kesa::use("/p")->reason(), none);
+    EXPECT_EQ(kesa::connect("/p", 1s).error, none);
     const GetResult result = kesa::get("/p", Request("retrieve", "/"), 1s);
-    EXPECT_EQ(std::to_string(result.status) + ' ' + result.error, "503 this process has no runtime");
+    EXPECT_EQ(std::to_string(result.status) + ' ' + result.error, "503 " + none);
 }
 
 TEST_F(Use, AHandlerMayEndIt)
@@ -360,10 +366,10 @@ TEST_F(Use, AHandlerMayEndIt)
 TEST_F(Use, ConnectWaitsOrSaysWhyNot)
 {
     EXPECT_EQ(kesa::connect(runtime, "/p", std::chrono::nanoseconds::min()).error,
-              "not connected within 0 ms: nobody is known to provide '/p'");
+              "not connected within 0 ms: nobody is known to provide '/p': why /p");
     EXPECT_EQ(runtime.take().back(), "untrack") << "nothing is left";
     const GetResult nobody = kesa::get(runtime, "/p", Request("retrieve", "/"), 0s);
-    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p'");
+    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p': why /p");
     EXPECT_EQ(nobody.status, 504);
     EXPECT_EQ(runtime.take().back(), "untrack");
 

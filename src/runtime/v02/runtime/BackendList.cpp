@@ -214,6 +214,7 @@ bool BackendList::openProxy(const url& locator, std::unique_ptr<ProxyHandler>&& 
         if (client != nullptr) {
             listener->setApi(std::shared_ptr<IKesaApi>(client));
             listener->addResponseHandler(std::move(handler));
+            m_visibleProxies->add(locator, listener->api(), *client);
             client->startConnect();
             m_openProxies.emplace(key, std::move(listener));
             return false;
@@ -244,6 +245,7 @@ void BackendList::freeProxy(const url& locator, const void* handle, bool service
     // The listener leaves the table before the handler in it dies, and outlives the backend's last call to it.
     const std::shared_ptr<MyClientConnectionListener> listener = std::move(open->second);
     m_openProxies.erase(open);
+    m_visibleProxies->remove(locator);
     const std::shared_ptr<IKesaApi> api = listener->api();
     listener->backend()->release(api.get(), serviceRemoved);
 }

@@ -6,6 +6,7 @@
 #include <kesa/commadapter/IBackend.h>
 #include <kesa/url.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
+#include <runtime/v02/runtime/OpenProxies.h>
 
 #include <memory>
 #include <string>
@@ -61,6 +62,9 @@ public:
     /// The error of whoever wants to reach a service at these locators, when no backend can: 404, with a reason.
     static Response noLocator(const std::vector<url>& locators);
 
+    /// What other threads may look at. Never null; may be kept longer. Any thread.
+    const std::shared_ptr<OpenProxies>& openProxies() const noexcept { return m_visibleProxies; }
+
     /// Whether that handler waits for news of the locator.
     bool hasHandler(const url& locator, const void* handle) const;
 
@@ -72,6 +76,7 @@ private:
     std::string m_processName;
     std::vector<std::unique_ptr<commadapter::IBackend>> m_backends;
     std::unordered_map<std::string, std::shared_ptr<MyClientConnectionListener>> m_openProxies;
+    const std::shared_ptr<OpenProxies> m_visibleProxies = std::make_shared<OpenProxies>();
     std::unordered_map<std::string, std::shared_ptr<IKesaApi>> m_providedServices;
     /// Backends hold plain pointers. What they may call is kept here under every locator they may call it by, since the
     /// table above has one key per service, and none for a service whose first locator is a key already.

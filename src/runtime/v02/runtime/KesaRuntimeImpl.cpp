@@ -20,7 +20,8 @@ KesaRuntimeImpl::KesaRuntimeImpl(const std::string& processName) : KesaRuntimeIm
 KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config)
     : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(std::move(config)),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),
-      m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")), m_eventSource(m_proc_name)
+      m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")),
+      m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies())), m_eventSource(m_proc_name)
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[ctor]");
     servicecomp::overrideMimeTypeFunc([](const Request& request) { return getMimeType(request.getMimeTypeHeader()); });
@@ -137,6 +138,7 @@ KesaRuntimeImpl::StartResult KesaRuntimeImpl::findRegistry(const std::string& pa
                static_cast<int>(isRuntimeInRegistry));
     if (isRuntimeInRegistry) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] runtime in kesa registry");
+        m_reasons->setRegistryHere();
         return StartResult::eSTARTED;
     }
     for (const url& locator : m_registryLocators) {
@@ -144,6 +146,7 @@ KesaRuntimeImpl::StartResult KesaRuntimeImpl::findRegistry(const std::string& pa
         if (m_backendList.isSupportedLocator(locator)) {
             KESA_TRACE(MAIN_CHANNEL, 2, "Registry locators='%s' is the best locator", locator.toString().c_str());
             m_registryUrl = locator;
+            m_reasons->setRegistryAt(locator);
             m_remoteRegistryHandler = createRemoteRegistryTracker(m_registryUrl);
             return StartResult::eSTARTED;
         }
@@ -159,7 +162,8 @@ std::shared_ptr<RemoteRegistryHandler> KesaRuntimeImpl::createRemoteRegistryTrac
     return std::make_shared<RemoteRegistryHandler>(
         [this, locator = locator](std::unique_ptr<RemoteRegistryHandler::ConnectionHandler>&& handler) {
             auto wrapper = std::make_unique<responsehandlers::MappingResponseHandler<ProxyState, RegistryState>>(
-                std::move(handler), [](const ProxyState& state) {
+                std::move(handler), [reasons = m_reasons](const ProxyState& state) {
+                    reasons->setRegistryConnected(state.has_value());
                     if (!state) {
                         return optional<RegistryState>(std::in_place, nullptr); // a value: there is none now
                     }

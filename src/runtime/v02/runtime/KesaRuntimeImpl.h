@@ -13,6 +13,7 @@
 #include <runtime/v02/runtime/BackendList.h>
 #include <runtime/v02/runtime/Handle.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
+#include <runtime/v02/runtime/Reasons.h>
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
 #include <runtime/v02/runtime/channels.h>
 
@@ -72,6 +73,7 @@ public:
                                       std::unique_ptr<ResolvedServiceHandler>&& handler) override;
     Disposable trackAndResolveServices(const Query& query, std::unique_ptr<ResolvedServicesHandler>&& handler) override;
     KesaConfigAccessor getConfigAccessor() const override;
+    std::shared_ptr<const IReasons> reasons() const override { return m_reasons; }
 
 private:
     using Trackers = std::vector<std::shared_ptr<TrackingHandler>>;
@@ -294,6 +296,7 @@ private:
     url m_registryUrl;
     std::vector<url> m_registryLocators;
     const void* m_registryProxyHandle = nullptr;
+    const std::shared_ptr<Reasons> m_reasons;
     std::string m_eventSource;
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;

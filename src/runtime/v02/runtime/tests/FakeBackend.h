@@ -25,6 +25,7 @@ public:
     std::set<std::string> refusedPaths;    ///< `provideOnPath` fails
     std::set<std::string> refusedLocators; ///< `connect` answers null
     std::function<void()> onRelease;       ///< the open requests of the client object end
+    std::string obstacle;                  ///< of every client object
     bool isAutomatic = false;              ///< clients of provided locators are connected as soon as they start
 
     void connected(const std::string& locator)
@@ -109,6 +110,7 @@ public:
             m_network->connected(m_locator);
         }
     }
+    std::string obstacle() const override { return m_network->obstacle; }
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
     {
         IKesaApi* const service = m_network->service(m_locator);

@@ -148,6 +148,51 @@ TEST_F(RuntimeTest, startsOnceAndEndsInOrder)
     EXPECT_THAT(m_journal->take(), ElementsAre("runtime stop", "t: gone"));
 }
 
+TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
+{
+    const auto reasonsOf = [this](const std::string& locator) {
+        m_runtime.reset();
+        m_runtime = startRuntime(R"({"use_registry": true, "service_registry_locators": [")" + locator + "\"]}");
+        return m_runtime->reasons();
+    };
+    m_runtime = startRuntime("{}");
+    EXPECT_EQ(m_runtime->reasons()->whyUnknown("/x"),
+              "this process asks no registry, since its built-in configuration has no \"use_registry\": true, and "
+              "so sees its own services only; 'kesactl check-config' shows what counts");
+    KesaRuntimeImpl invalid(KesaConfig("me", "{"));
+    EXPECT_THAT(invalid.reasons()->whyUnknown("/x"),
+                HasSubstr("since it has no configuration file, and no valid text in place of one, and"));
+    EXPECT_THAT(reasonsOf("fake://me/registry")->whyUnknown("/x"), HasSubstr("this process hosts the registry, and"));
+
+    const std::string registry = "fake://registry/registry";
+    const auto reasons = reasonsOf(registry);
+    run();
+    EXPECT_EQ(reasons->whyUnknown("/x"),
+              "the registry at " + registry + " is not connected; 'kesactl doctor' says more");
+    m_network->obstacle = "it is stopped";
+    EXPECT_EQ(reasons->whyUnknown("/x"),
+              "the registry at " + registry + " is not connected: it is stopped; 'kesactl doctor' says more");
+    EXPECT_EQ(reasons->obstacle(url("fake://other/x")), "");
+    auto resolving = resolve("fake://other/x", "p");
+    run();
+    EXPECT_EQ(reasons->obstacle(url("fake://other/x")), "it is stopped");
+    resolving.dispose();
+    run();
+    EXPECT_EQ(reasons->obstacle(url("fake://other/x")), "");
+    m_network->connected(registry);
+    run();
+    EXPECT_EQ(reasons->whyUnknown("/x"),
+              "the registry at " + registry + " is connected and silent: it is stopped; 'kesactl why /x' says more");
+    m_network->obstacle.clear();
+    EXPECT_EQ(reasons->whyUnknown("/x"),
+              "the registry at " + registry + " is connected and names nobody; 'kesactl why /x' says more");
+    m_network->disconnected(registry);
+    run();
+    m_runtime.reset();
+    EXPECT_EQ(reasons->whyUnknown("/x"),
+              "the registry at " + registry + " is not connected; 'kesactl doctor' says more");
+}
+
 TEST_F(RuntimeTest, doesNotStartWithoutBackends)
 {
     KesaConfig none("me", "{}");

@@ -1,0 +1,27 @@
+#ifndef KESA_RUNTIME_V02_IREASONS_H
+#define KESA_RUNTIME_V02_IREASONS_H
+
+#include <kesa/url.h>
+
+#include <string>
+
+namespace kesa::runtime::v02 {
+
+/// What a process itself knows about why a service is not there, for the texts of its errors: how it stands to the
+/// registry, and why a connection is not there. Nothing is asked of anybody for it; `kesactl` asks further.
+///
+/// Any thread, inside handlers too: it waits for nothing and calls nobody. It may be kept longer than its runtime.
+class KESA_API IReasons {
+public:
+    virtual ~IReasons();
+    /// Why nobody may be known to provide `path`, in words that go on after "nobody is known to provide it: " and end
+    /// with the command that says more.
+    virtual std::string whyUnknown(const std::string& path) const = 0;
+    /// What keeps what is resolved by this locator from answering: why it is not connected, or that its process is
+    /// stopped. Empty when nothing is known to, and when nothing is resolved by it.
+    virtual std::string obstacle(const url& locator) const = 0;
+};
+
+} // namespace kesa::runtime::v02
+
+#endif
