@@ -59,7 +59,8 @@ public:
     /// "versions" in `metainfo`.
     ///
     /// Disposing withdraws what the *path* has registered by then: the `Disposable` of a refused registration, if
-    /// disposed, ends the registration that was in its way. Never put it under a scope guard before `onNext` came.
+    /// disposed, ends the registration that was in its way, with a trace (3). Never put it under a
+    /// scope guard before `onNext` came.
     virtual Disposable registerService(const std::string& path, std::shared_ptr<IKesaApi> api,
                                        ServiceDef::TypeEnum type, const GenericObject& metainfo,
                                        std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) = 0;

@@ -84,6 +84,7 @@ private:
     struct RuntimeEntry {
         /// Present while this process has the service registered.
         optional<std::unique_ptr<RegistrationHandler>> optionalRegistrator;
+        Handle registration; ///< of that, or of the last one
         optional<ServiceDef> optionalServiceDef;
         /// Under which the registration is kept at the remote registry.
         optional<std::uint32_t> remoteRegistrationId;
@@ -106,6 +107,7 @@ private:
         std::vector<std::string> versions;
         GenericObject metainfo;
         std::unique_ptr<RegistrationHandler> handler;
+        Handle handle;
     };
 
     /// A proxy that one subscription has opened.
@@ -153,6 +155,7 @@ private:
     // Registration
     void registerOnExecutor(Registration registration);
     [[nodiscard]] bool joinEntry(RuntimeEntry& entry, Registration& registration);
+    static void setRegistrator(RuntimeEntry& entry, Registration& registration);
     void registerDynamic(RuntimeEntry& entry, Registration& registration);
     void registerStatic(RuntimeEntry& entry, Registration& registration);
     [[nodiscard]] bool applyToStaticRecord(RuntimeEntry& entry, const Registration& registration);
@@ -182,6 +185,7 @@ private:
     ServiceDef registryServiceDef(const Registration& registration) const;
 
     // Unregistration. The path may be a part of what goes: taken by value.
+    void warnOfOther(const std::string& path, const Handle& disposed) const;
     void performUnregistration(std::string path);
     void findAndUnregister(std::string path, const char* caller);
     void deleteRuntimeEntry(std::string path);
@@ -292,11 +296,11 @@ private:
     std::shared_ptr<comm::ActiveObject> m_executor;
     std::shared_ptr<comm::ActiveObject> m_updater;
     BackendList m_backendList;
+    const std::shared_ptr<Reasons> m_reasons;
     std::shared_ptr<RemoteRegistryHandler> m_remoteRegistryHandler; ///< set while a remote registry is used
     url m_registryUrl;
     std::vector<url> m_registryLocators;
     const void* m_registryProxyHandle = nullptr;
-    const std::shared_ptr<Reasons> m_reasons;
     std::string m_eventSource;
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;

@@ -73,17 +73,16 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
         postError(std::move(handler), Response::createErrorResponse(400, "the service object is null"));
         return {};
     }
-    const void* const address = handler.get();
-    toExecutor([this, registration =
-                          Registration{path, std::move(api), type, versions, metainfo, std::move(handler)}]() mutable {
-        registerOnExecutor(std::move(registration));
-    });
-    return disposable([this, path = path, address] {
+    const Handle handle = newHandle(handler.get());
+    toExecutor([this, registration = Registration{path, std::move(api), type, versions, metainfo, std::move(handler),
+                                                  handle}]() mutable { registerOnExecutor(std::move(registration)); });
+    return disposable([this, path = path, handle] {
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService Disposable] service='%s' response_handler='%p'", path.c_str(),
-                   address);
+                   handle.address);
+        warnOfOther(path, handle);
         performUnregistration(path);
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService Disposable] service='%s' response_handler='%p' DONE",
-                   path.c_str(), address);
+                   path.c_str(), handle.address);
     });
 }
 
@@ -110,7 +109,7 @@ void KesaRuntimeImpl::registerOnExecutor(Registration registration)
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[registerService] service='%s' is not statically configured create new runtimeEntry", path.c_str());
-        entry.optionalRegistrator = std::move(registration.handler);
+        setRegistrator(entry, registration);
         entry.isProvidedByThisProcess = true;
     }
     KESA_TRACE_TEXT(MAIN_CHANNEL, 2,
@@ -149,9 +148,15 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
         refuse(std::move(registration.handler), holderOf(*entry.optionalServiceDef), "service already registered");
         return true;
     }
-    entry.optionalRegistrator = std::move(registration.handler);
+    setRegistrator(entry, registration);
     cancelRemoteTracking(entry); // the path is provided here now
     return false;
+}
+
+void KesaRuntimeImpl::setRegistrator(RuntimeEntry& entry, Registration& registration)
+{
+    entry.optionalRegistrator = std::move(registration.handler);
+    entry.registration = registration.handle;
 }
 
 void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registration)
@@ -252,7 +257,11 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
                "Service registration of statically configured service '%s': Service type mismatch: configured=%s; "
                "in-registration=%s",
                path.c_str(), configured.c_str(), registered.c_str());
-    refuseRegistrator(entry, {},
+    refuseRegistrator(entry,
+                      fmt::format("{} has it as \"{}\", and it is registered as \"{}\": write \"type\": \"{}\" "
+                                  "there, or register it with the other type",
+                                  m_config.m_file.empty() ? "the configuration" : m_config.m_file, configured,
+                                  registered, registered),
                       "service '" + path + "type mismatch configured " + configured + " but registration with " +
                           registered);
     return true;

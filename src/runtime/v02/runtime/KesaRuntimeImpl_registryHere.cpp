@@ -35,7 +35,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     eventlog::registrationRegister(m_eventSource, serviceDef);
     // The entry may be there: trackers of a registry that was withdrawn have kept it.
     RuntimeEntry& entry = m_runtimeEntries[path];
-    entry.optionalRegistrator = std::move(registration.handler);
+    setRegistrator(entry, registration);
     entry.isProvidedByThisProcess = true;
     entry.optionalServiceDef = serviceDef;
     if (m_backendList.provideURL(m_registryLocators, registration.api)) {

@@ -23,6 +23,21 @@ std::vector<url> locatorsToWithdraw(const std::vector<url>& recorded, const std:
 
 } // namespace
 
+/// A disposal acts on the path, so that of a refused registration ends the one that was in its way.
+void KesaRuntimeImpl::warnOfOther(const std::string& path, const Handle& disposed) const
+{
+    onExecutor();
+    const auto found = m_runtimeEntries.find(path);
+    if (found != m_runtimeEntries.end() && found->second.optionalRegistrator &&
+        !(found->second.registration == disposed)) {
+        KESA_TRACE(MAIN_CHANNEL, 3,
+                   "[registerService Disposable] the registration of '%s' that is disposed was refused, or has ended: "
+                   "this ends another one of the path, which was good. Do not dispose after an error, or use "
+                   "kesa::provide, which sees to that",
+                   path.c_str());
+    }
+}
+
 // NOLINTNEXTLINE(performance-unnecessary-value-param): the path may be a part of what goes
 void KesaRuntimeImpl::performUnregistration(std::string path)
 {

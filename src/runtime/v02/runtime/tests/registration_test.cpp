@@ -85,7 +85,9 @@ TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
 
     // Disposing acts on the path: the one refused takes the one in its way with it.
     m_journal->take();
-    second.dispose();
+    EXPECT_THAT(traced(3, [&] { second.dispose(); }),
+                ElementsAre(HasSubstr("the registration of '/a' that is disposed was refused, or has ended: this ends "
+                                      "another one")));
     EXPECT_THAT(happened(), ElementsAre("first: gone", "registration unregister"));
     first.dispose();
     EXPECT_THAT(happened(), IsEmpty());
@@ -95,9 +97,9 @@ TEST_F(RegistrationTest, badArgumentsAreRefusedWithASentence)
 {
     m_runtime = startRuntime();
     for (const char* const path : {"", "/", "//", "a", "/a/", "//a", "/a/../b", "/a\n"}) {
+        const std::string complaint = Path::complaintAbout(path);
         auto registration = registerService(path, "r");
         auto tracking = track(path, "t");
-        const std::string complaint = Path::complaintAbout(path);
         auto resolving = follow(path, "s");
         EXPECT_THAT(happened(), ElementsAre("r: error 400: " + complaint, "r: gone", "t: error 400: " + complaint,
                                             "t: gone", "s: error 400: " + complaint, "s: gone"));
@@ -142,12 +144,15 @@ TEST_F(RegistrationTest, aStaticServiceIsRefusedWhenItDoesNotFit)
     auto foreign = registerService("/other", "f");
     m_network->refusedPaths = {"fake://me/refused"};
     auto refused = registerService("/refused", "x");
-    EXPECT_THAT(happened(),
-                ElementsAre("m: error 409: service '/minetype mismatch configured pex but registration with lomo",
-                            "m: gone",
-                            "f: error 409: the configuration gives it to another process: none of its locators is of "
-                            "this one, 'me'",
-                            "f: gone", "x: error 409: the fake refuses it", "x: gone"));
+    EXPECT_THAT(
+        happened(),
+        ElementsAre("m: error 409: service '/minetype mismatch configured pex but registration with lomo: the "
+                    "configuration has it as \"pex\", and it is registered as \"lomo\": write \"type\": \"lomo\" "
+                    "there, or register it with the other type",
+                    "m: gone",
+                    "f: error 409: the configuration gives it to another process: none of its locators is of "
+                    "this one, 'me'",
+                    "f: gone", "x: error 409: the fake refuses it", "x: gone"));
 
     // Nothing was registered, so there is nothing to withdraw: the service of the other process stays.
     auto tracking = track("/other", "t");
