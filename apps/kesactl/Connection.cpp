@@ -22,8 +22,9 @@ ServiceDef findService(const System& system, const std::string& path, comm::Time
         RegistryView::failUnsettled();
     }
     if (services.empty()) {
-        throw Failure{ExitCode::eFAILED,
-                      fmt::format("no service at {}; kesactl list shows what is there{}", path, hint)};
+        throw Failure{
+            ExitCode::eFAILED,
+            fmt::format("no service at {0}; kesactl why {0} says why, kesactl list what is there{1}", path, hint)};
     }
     return services.begin()->second;
 }

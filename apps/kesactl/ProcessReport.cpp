@@ -1,6 +1,8 @@
 #include "ProcessReport.h"
 
 #include "askProcesses.h"
+#include "otherRunDirectories.h"
+#include "runDirectoryProblem.h"
 
 #include <backend/readCommSettings.h>
 #include <comm/wallClock.h>
@@ -10,9 +12,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
-#include <cerrno>
 #include <ctime>
-#include <system_error>
 
 namespace kesactl {
 namespace {
@@ -46,7 +46,8 @@ void explainStopped(ProcessReport& report)
 /// What is known without asking.
 ProcessReport reportOf(const Name& name, const std::string& directory)
 {
-    ProcessReport report{name.name, name.holder, ProcessFacts(name.holder), {}, {}, {}};
+    const pid_t pid = name.holder != 0 ? name.holder : name.listener;
+    ProcessReport report{name.name, pid, ProcessFacts(pid), {}, {}, {}};
     if (report.facts.isStopped) {
         explainStopped(report);
     } else if (!name.hasSocket) {
@@ -72,19 +73,26 @@ void add(ProcessReport& report, const Said& said)
     report.facts = ProcessFacts(report.pid); // it may have been stopped meanwhile
     if (report.facts.isStopped) {
         explainStopped(report);
-    } else if (said.whyNot == Said::WhyNot::eOTHER_VERSION) {
-        explain(report, ExitCode::eFAILED, "other version",
-                fmt::format("cannot be asked: {}; use one version of Kesa for both", said.reason));
-    } else if (said.whyNot == Said::WhyNot::eDOES_NOT_SAY) {
-        explain(report, ExitCode::eFAILED, "does not say",
-                fmt::format("cannot be asked: {}; it may be of an earlier version, or no program of this library",
-                            said.reason));
-    } else {
-        explain(report, ExitCode::eTIMED_OUT, "does not answer",
-                fmt::format("does not answer: {}; it is just starting or ending, a handler blocks it, or it is none of "
-                            "Kesa's programs: ask again, then look at its threads, or restart it",
-                            said.reason));
+        return;
     }
+    const bool isSilent = said.why.cause == "silent" || said.why.cause == "slow";
+    report.exitCode = isSilent ? ExitCode::eTIMED_OUT : ExitCode::eFAILED;
+    report.note = said.why.cause == "other-version"  ? "other version"
+                  : said.why.cause == "garbage"      ? "other program"
+                  : said.why.cause == "not-provided" ? "does not say"
+                                                     : "does not answer";
+    report.advice = said.why.cause == "not-provided"
+                        ? fmt::format("{}: {}; it may be of an earlier version, or no program of this library",
+                                      report.name, said.why.text)
+                        : fmt::format("{}: {}", report.name, said.why.sentence());
+}
+
+/// Where else processes have names.
+std::string elsewhere(const std::string& chosen)
+{
+    std::vector<RunDirectoryFacts> others = otherRunDirectories(chosen);
+    std::erase_if(others, [](const RunDirectoryFacts& other) { return holdersOf(other, false).empty(); });
+    return others.empty() ? "" : "; processes run in " + namesOf(others);
 }
 
 std::string textOf(const Value& value)
@@ -156,18 +164,21 @@ RunDirectoryFacts findRunDirectory()
     std::vector<std::string> complaints; // check-config has them
     const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(complaints).runDir);
     RunDirectoryFacts facts(place.path());
-    if (facts.error != 0) {
+    if (const RunDirectoryProblem problem = findProblem(facts, place.source()); !problem.text.empty()) {
+        throw Failure{ExitCode::eFAILED, problem.sentence()};
+    }
+    if (facts.error != 0 && facts.names.empty()) {
         throw Failure{ExitCode::eFAILED,
-                      fmt::format("no process is here: the run directory {} ({}) cannot be looked at: {}; kesactl "
-                                  "doctor looks for others",
-                                  facts.path, place.source(), std::system_category().message(facts.error))};
+                      fmt::format("no process is here: the run directory {} ({}) is not there yet, the first process "
+                                  "makes it{}; kesactl doctor looks for others",
+                                  facts.path, place.source(), elsewhere(facts.path))};
     }
     std::erase_if(facts.names, [](const Name& name) { return !isThere(name); });
     if (facts.names.empty()) {
         throw Failure{ExitCode::eFAILED,
                       fmt::format("no process has a name in the run directory {} ({}); one that provides nothing needs "
-                                  "none; kesactl doctor looks for other directories",
-                                  facts.path, place.source())};
+                                  "none{}; kesactl doctor looks for other directories",
+                                  facts.path, place.source(), elsewhere(facts.path))};
     }
     return facts;
 }

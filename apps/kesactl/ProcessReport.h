@@ -22,7 +22,8 @@ struct ProcessReport {
     pid_t pid = 0;              ///< 0: of another container, so the kernel tells nothing
     ProcessFacts facts;         ///< of `pid`
     util::config::Value answer; ///< as in docs/protocol.md; undefined when it has not answered
-    /// Why not: "stopped", "does not answer", "other version", "does not say", "not allowed", "no socket".
+    /// Why not: "stopped", "does not answer", "other version", "other program", "does not say", "not allowed",
+    /// "no socket".
     std::string note;
     std::string advice; ///< the same in a sentence, with what to do; begins with the process
     ExitCode exitCode = ExitCode::eOK;

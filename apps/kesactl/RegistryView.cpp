@@ -1,8 +1,7 @@
 #include "RegistryView.h"
 
 #include "Failure.h"
-#include "explainUnreachable.h"
-#include "otherRunDirectories.h"
+#include "explainNoRegistry.h"
 #include "output.h"
 
 #include <kesa/ease/handler.h>
@@ -316,13 +315,7 @@ void RegistryView::interrupt()
 void RegistryView::failUnreachable() const
 {
     const std::string& where = m_locators.front().toString();
-    Unreached why = explainUnreachable(m_locators.front());
-    if (why.cause == "nobody-listens") {
-        why.advice = whereElse(processOf(m_locators.front()));
-        if (why.advice.empty()) {
-            why.advice = "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
-        }
-    }
+    const Unreached why = explainNoRegistry(m_locators.front());
     throw Failure{ExitCode::eNO_REGISTRY,
                   fmt::format("{} {}: {}", why.isSomebodyThere ? "no answer of the registry at" : "no registry at",
                               where, why.sentence())};

@@ -3,13 +3,13 @@
 #include "RunDirectoryFacts.h"
 
 #include "ProcessFacts.h"
+#include "nameHolders.h"
 
 #include <transport/Descriptor.h>
 #include <transport/RunDirectory.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
-#include <sys/sysmacros.h>
 #include <sys/un.h>
 
 #include <fmt/format.h>
@@ -18,46 +18,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
-#include <fstream>
-#include <map>
 #include <set>
-#include <sstream>
 #include <system_error>
 
 namespace kesactl {
 namespace {
 
 using kesa::commadapter::transport::Descriptor;
-
-struct Lock {
-    dev_t device;
-    pid_t holder;
-};
-using Locks = std::multimap<ino_t, Lock>;
-
-/// The locks on whole files that this process may see; others are those of another container.
-Locks readLocks()
-{
-    Locks locks;
-    std::ifstream in("/proc/locks");
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string number;
-        std::string kind;
-        std::string mode;
-        std::string access;
-        std::string file;
-        pid_t pid = 0;
-        unsigned major = 0;
-        unsigned minor = 0;
-        unsigned long inode = 0;
-        words >> number >> kind >> mode >> access >> pid >> file;
-        if (kind == "FLOCK" && std::sscanf(file.c_str(), "%x:%x:%lu", &major, &minor, &inode) == 3) {
-            locks.emplace(inode, Lock{::makedev(major, minor), pid});
-        }
-    }
-    return locks;
-}
 
 /// What the holder of a lock has written into its file; 0 when it cannot be read.
 pid_t readPid(int directory, const std::string& file)
@@ -94,8 +61,9 @@ std::string rightsOf(const struct stat& status)
     return fmt::format("{} {} {}", text, userName(status.st_uid), groupName(status.st_gid));
 }
 
-/// Through the descriptor of its file: a socket's address has 108 bytes, whatever the name has.
-int tryConnect(int directory, const std::string& file)
+/// Through the descriptor of its file: a socket's address has 108 bytes, whatever the name has. `listener`: who
+/// listens.
+int tryConnect(int directory, const std::string& file, pid_t& listener)
 {
     const Descriptor opened(::openat(directory, file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -107,6 +75,11 @@ int tryConnect(int directory, const std::string& file)
     const std::string path = fmt::format("/proc/self/fd/{}", opened.get());
     path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
     const bool isConnected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (isConnected && ::getsockopt(socket.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0) {
+        listener = peer.pid;
+    }
     return isConnected || errno == EAGAIN ? 0 : errno; // EAGAIN: others wait to be accepted
 }
 
@@ -129,6 +102,30 @@ void readRealm(RunDirectoryFacts& facts, int directory)
                                              : Realm::eGOOD;
 }
 
+/// The processes that were here before somebody removed their files, after those that are here.
+void addLost(RunDirectoryFacts& facts)
+{
+    std::error_code failed;
+    const std::string path = std::filesystem::weakly_canonical(facts.path, failed).string();
+    for (const NameHolder& holder : findNameHolders()) {
+        if (!holder.isLost || holder.directory != path) {
+            continue;
+        }
+        const auto reached = std::find_if(facts.names.begin(), facts.names.end(),
+                                          [&holder](const auto& name) { return name.listener == holder.pid; });
+        if (reached != facts.names.end()) { // only its lock file was removed
+            reached->holder = holder.pid;
+            reached->isLost = true;
+            continue;
+        }
+        RunDirectoryFacts::Name name;
+        name.name = holder.name;
+        name.holder = holder.pid;
+        name.isLost = true;
+        facts.names.push_back(name);
+    }
+}
+
 } // namespace
 
 RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(directoryPath)
@@ -137,6 +134,8 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
     struct stat status {};
     if (!directory || ::fstat(directory.get(), &status) != 0) {
         error = errno;
+        rights = ::stat(path.c_str(), &status) == 0 ? rightsOf(status) : "";
+        addLost(*this);
         return;
     }
     device = status.st_dev;
@@ -171,12 +170,13 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         name.hasSocket = ::fstatat(directory.get(), (process + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
         if (name.hasSocket) {
             name.rights = rightsOf(socket);
-            name.connectError = tryConnect(directory.get(), process + ".sock");
+            name.connectError = tryConnect(directory.get(), process + ".sock", name.listener);
         }
         if (name.hasSocket || name.holder != 0) {
             names.push_back(name);
         }
     }
+    addLost(*this);
 }
 
 } // namespace kesactl

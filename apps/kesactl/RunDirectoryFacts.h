@@ -13,9 +13,11 @@ namespace kesactl {
 struct RunDirectoryFacts {
     /// A process name that is or was used.
     struct Name {
-        std::string name; ///< as in locators
-        pid_t holder = 0; ///< 0: nobody has it
+        std::string name;    ///< as in locators
+        pid_t holder = 0;    ///< 0: nobody has it
+        bool isLost = false; ///< its holder lives, but its files were removed; others may have the name by now
         bool hasSocket = false;
+        pid_t listener = 0;   ///< who has made the socket; 0: unknown
         std::string rights;   ///< of the socket: "srw-rw---- root kesa"
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
     };
@@ -24,7 +26,7 @@ struct RunDirectoryFacts {
     explicit RunDirectoryFacts(const std::string& path);
 
     std::string path;
-    int error = 0; ///< `errno` of looking into it; what follows is empty then
+    int error = 0; ///< `errno` of looking into it; then there are its rights and those that are lost only
     dev_t device = 0;
     ino_t inode = 0;
     std::string rights; ///< "drwxr-xr-x root root"
@@ -32,7 +34,7 @@ struct RunDirectoryFacts {
     bool isWritable = false;
     Realm realmState = Realm::eMISSING;
     std::string realm;
-    std::vector<Name> names;         ///< in order; those nobody has only if their socket is there
+    std::vector<Name> names;         ///< in order, then the lost ones; those nobody has only if their socket is there
     std::vector<std::string> strays; ///< other files
 };
 

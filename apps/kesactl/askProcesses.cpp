@@ -1,18 +1,21 @@
+// Each process is asked over one connection, while another one finds out whether it can be asked at all: it is that one
+// which ends the waiting for a process of another version, another program, or one that does not say what it is.
 #include "askProcesses.h"
 
 #include <backend/ProcessService.h>
 #include <comm/Condition.h>
+#include <comm/wallClock.h>
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/commadapter/createBackend.h>
+#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/ease/handler.h>
 #include <obr/ErrorStorage.h>
-#include <protocol/Machine.h>
-#include <transport/Authority.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -24,9 +27,9 @@ using kesa::Response;
 using kesa::commadapter::IBackend;
 using kesa::commadapter::KesaClientApi;
 using kesa::commadapter::ProcessService;
+using kesa::commadapter::Unreachable;
 using util::config::Dictionary;
 using util::config::Value;
-using WhyNot = Said::WhyNot;
 
 /// What the asked processes have in common.
 struct Answers {
@@ -35,13 +38,14 @@ struct Answers {
     std::size_t open = 0; ///< with the mutex held
 };
 
+constexpr std::string_view PROBE = "probe"; ///< how the other connection calls this process
+
 /// One process that is asked. It is asked again when the connection is lost before it has answered. Lives until the
 /// backend has been stopped.
 class Question final : public kesa::IClientConnectionListener {
 public:
-    Question(IBackend& backend, const std::string& name, std::shared_ptr<Answers> answers)
-        : m_answers(std::move(answers)),
-          m_api(backend.connect(kesa::url("ipc://" + name + std::string(ProcessService::PATH)), this))
+    Question(IBackend& backend, kesa::url locator, std::shared_ptr<Answers> answers)
+        : m_answers(std::move(answers)), m_locator(std::move(locator)), m_api(backend.connect(m_locator, this))
     {
         if (m_api) {
             ++m_answers->open;
@@ -53,19 +57,38 @@ public:
             m_api->startConnect();
         }
     }
-    /// What came; empty when that was no value.
-    std::string text() const { return lockedCopy(m_text); }
-    bool hasEnded() const { return lockedCopy(m_hasEnded); }
-    /// The path was there, so it could be asked.
-    bool isAttached() const { return lockedCopy(m_isAttached); }
-
-private:
-    template <class T>
-    T lockedCopy(const T& member) const
+    bool hasEnded() const
     {
         const std::lock_guard lock(m_answers->mutex);
-        return member;
+        return m_hasEnded;
     }
+    const kesa::url& locator() const noexcept { return m_locator; }
+    /// What came; empty when that was no value.
+    std::string text() const
+    {
+        const std::lock_guard lock(m_answers->mutex);
+        return m_text;
+    }
+    Unreachable found() const
+    {
+        const std::lock_guard lock(m_answers->mutex);
+        return m_found;
+    }
+    /// What the other connection has found.
+    void probed(Unreachable found)
+    {
+        using Cause = Unreachable::Cause;
+        const bool mayAnswer = found.cause == Cause::eNONE || found.cause == Cause::eSILENT;
+        {
+            const std::lock_guard lock(m_answers->mutex);
+            m_found = std::move(found);
+        }
+        if (!mayAnswer) {
+            end({});
+        }
+    }
+
+private:
     void end(std::string text)
     {
         const std::lock_guard lock(m_answers->mutex);
@@ -78,10 +101,6 @@ private:
 
     void clientConnected() override
     {
-        {
-            const std::lock_guard lock(m_answers->mutex);
-            m_isAttached = true;
-        }
         m_api->request(
             kesa::Request("retrieve", "/"),
             kesa::handler<Response>([this](const Response& value) { end(std::string(value.getPayload().text())); },
@@ -95,11 +114,12 @@ private:
     void clientError(unsigned short /*code*/, const std::string& /*message*/) override {}
 
     const std::shared_ptr<Answers> m_answers;
+    const kesa::url m_locator;
     const std::unique_ptr<KesaClientApi> m_api; ///< null when the name is none
     // With the mutex held.
-    bool m_isAttached = false;
     bool m_hasEnded = false;
     std::string m_text;
+    Unreachable m_found;
 };
 
 Value parse(const std::string& text)
@@ -112,70 +132,77 @@ Value parse(const std::string& text)
     return value.isDictionary() && value["process"].isString() ? value : Value();
 }
 
-/// The process without the connections of this one, which are there only for the question.
-Value withoutOwn(const Value& answer, const std::string& ownName)
+/// The process without the connections of this one, which are there only for the question. One made since `begin` that
+/// has not said its name yet is of this one, too. `begin`: on the wall clock.
+Value withoutOwn(const Value& answer, const std::string& ownName, comm::TimeNs begin)
 {
+    const auto isOwn = [&ownName, begin](const Value& connection) {
+        const std::string_view name = connection["process"].stringView();
+        std::int64_t since = 0;
+        return name == ownName || (name == PROBE && connection["pid"] == Value(std::int64_t{::getpid()})) ||
+               (name.empty() && !connection["since"].get(since) && since >= begin / comm::MILLISECOND);
+    };
     Value::Array others;
     for (const Value& connection : answer["connections"].items()) {
-        if (connection["process"].stringView() != ownName) {
+        if (!isOwn(connection)) {
             others.push_back(connection);
         }
     }
-    std::uint64_t count = others.size() + 1;
-    static_cast<void>(answer["connectionCount"].get(count)); // of all, also where not all are named
+    std::uint64_t all = answer["connections"].arraySize();
+    const std::uint64_t own = all - others.size();
+    static_cast<void>(answer["connectionCount"].get(all)); // also where not all are named
     Dictionary edited = answer.dictionary();
     edited.set("connections", Value(std::move(others)));
-    edited.set("connectionCount", count - 1);
+    edited.set("connectionCount", all - own);
     return Value(std::move(edited));
 }
 
-/// `own`: what this process says of itself.
-Said explain(const Question& question, const std::string& name, const Value& own)
+/// Of one that has not answered.
+Unreached explain(const Question& question)
 {
-    if (question.hasEnded()) {
-        return {{}, WhyNot::eDOES_NOT_SAY, "it has another service where processes say what they are"};
+    using Cause = Unreachable::Cause;
+    Unreachable found = question.found();
+    if (found.cause == Cause::eNONE && question.hasEnded()) {
+        found.cause = Cause::eNOT_PROVIDED;
+        found.reason = "it has another service where processes say what they are";
+    } else if (found.cause == Cause::eNONE) {
+        found.cause = Cause::eSILENT;
+        found.reason = "it has not answered in time";
     }
-    for (const Value& connection : own["connections"].items()) {
-        if (kesa::commadapter::transport::encodeProcessName(connection["process"].stringView()) != name) {
-            continue;
-        }
-        const std::string reason(connection["reason"].stringView());
-        if (connection["connected"] == Value(true)) {
-            return question.isAttached() ? Said{{}, WhyNot::eSILENT, "it has not answered in time"}
-                                         : Said{{}, WhyNot::eDOES_NOT_SAY, "it does not say what it is"};
-        }
-        const bool isOtherVersion = reason.find(kesa::commadapter::protocol::NO_COMMON_VERSION) != std::string::npos;
-        return {{}, isOtherVersion ? WhyNot::eOTHER_VERSION : WhyNot::eSILENT, reason};
-    }
-    return {{}, WhyNot::eSILENT, "it was not connected to"};
+    return kesactl::explain(question.locator(), found);
 }
 
 } // namespace
 
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
 {
+    const comm::TimeNs begin = comm::wallClock();
     const std::string ownName = "kesactl-" + std::to_string(::getpid());
     const auto backend = kesa::commadapter::createBackend(ownName, "");
     backend->start();
     const auto answers = std::make_shared<Answers>();
-    std::map<std::string, std::unique_ptr<Question>> questions;
+    std::vector<std::unique_ptr<Question>> questions;
+    std::vector<kesa::url> locators;
     for (const std::string& name : names) {
-        questions.emplace(name, std::make_unique<Question>(*backend, name, answers));
+        locators.emplace_back("ipc://" + name + std::string(ProcessService::PATH));
+        questions.push_back(std::make_unique<Question>(*backend, locators.back(), answers));
     }
-    for (const auto& [name, question] : questions) {
+    for (const auto& question : questions) {
         question->start();
     }
+    kesa::commadapter::whyUnreachable(
+        locators, std::max<comm::TimeNs>(deadline - comm::now(), 0),
+        [&questions](std::size_t number, Unreachable found) { questions[number]->probed(std::move(found)); });
     {
         std::unique_lock lock(answers->mutex);
         comm::waitFor(
             answers->changed, lock, [&answers] { return answers->open == 0; }, deadline);
     }
-    const Value own = parse(backend->describe());
     std::map<std::string, Said> said;
-    for (const auto& [name, question] : questions) {
-        const Value answer = parse(question->text());
-        said.emplace(name,
-                     answer.isDefined() ? Said{withoutOwn(answer, ownName), {}, {}} : explain(*question, name, own));
+    for (std::size_t number = 0; number < names.size(); ++number) {
+        const Value answer = parse(questions[number]->text());
+        said.emplace(names[number], answer.isDefined() ? Said{withoutOwn(answer, ownName, begin), {}}
+                                                       : Said{{}, explain(*questions[number])});
     }
     backend->stop();
     return said;

@@ -1,6 +1,8 @@
 #ifndef KESACTL_ASKPROCESSES_H
 #define KESACTL_ASKPROCESSES_H
 
+#include "explainUnreachable.h"
+
 #include <comm/Clock.h>
 #include <util/config/Value.h>
 
@@ -12,18 +14,12 @@ namespace kesactl {
 
 /// What a process has said of itself: docs/protocol.md has its members.
 struct Said {
-    enum class WhyNot {
-        eSILENT,        ///< it cannot be connected to, or says nothing in time
-        eOTHER_VERSION, ///< of the protocol
-        eDOES_NOT_SAY,  ///< as one of an earlier version, or in another language
-    };
     util::config::Value answer; ///< undefined when it has not answered
-    WhyNot whyNot = WhyNot::eSILENT;
-    std::string reason; ///< as a sentence without its end
+    Unreached why;              ///< why not; "not-provided": it does not say what it is
 };
 
 /// Asks processes of the run directory, by their names as in locators, all at once; without a registry. The connections
-/// that this makes are not told. Returns when all have answered, or at the deadline.
+/// that this makes are not told. Returns when all have answered or shown that they will not, or at the deadline.
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline);
 
 } // namespace kesactl

@@ -5,21 +5,21 @@
 #include "ProcessReport.h"
 #include "RunDirectoryFacts.h"
 #include "System.h"
+#include "explainNoRegistry.h"
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "reviewSettings.h"
+#include "runDirectoryProblem.h"
 #include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <backend/readCommSettings.h>
 #include <common/RegistryPlace.h>
-#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <transport/RunDirectory.h>
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/utsname.h>
 #include <unistd.h>
@@ -27,8 +27,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
+#include <optional>
 #include <system_error>
 
 namespace kesactl {
@@ -152,6 +152,22 @@ void addRights(Page& page, const RunDirectoryFacts& facts)
     }
 }
 
+bool isLost(const Name& name)
+{
+    return name.isLost;
+}
+
+/// Processes whose files somebody has removed: all that is wrong with them has this cause.
+void addLost(Page& page, const RunDirectoryFacts& facts)
+{
+    if (const std::string lost = holdersOf(facts, true); !lost.empty()) {
+        page.findings.push_back(
+            fmt::format("somebody has removed files from {} under running processes: who starts now does not find {}; "
+                        "restart them, and keep cleaners out of the run directory",
+                        facts.path, lost));
+    }
+}
+
 /// Nobody has the name, and nobody listens.
 bool isLeft(const Name& name)
 {
@@ -167,21 +183,21 @@ void addRealm(Page& page, const RunDirectoryFacts& facts)
         page.findings.push_back(fmt::format("{}/realm does not hold 16 hex digits; remove it when no process uses the "
                                             "directory",
                                             facts.path));
-    } else if (facts.realmState == Realm::eMISSING && !std::all_of(facts.names.begin(), facts.names.end(), isLeft)) {
+    } else if (facts.realmState == Realm::eMISSING && std::none_of(facts.names.begin(), facts.names.end(), isLost) &&
+               !std::all_of(facts.names.begin(), facts.names.end(), isLeft)) {
         page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
                                             "realm than those that run; restart all of them",
                                             facts.path));
     }
 }
 
-/// What keeps others from the processes. All are asked at once.
-std::vector<std::string> findWrong(RunDirectoryFacts facts)
+/// What keeps others from the processes. All are asked at once. `blamed`: of that one it is said already.
+std::vector<std::string> findWrong(RunDirectoryFacts facts, const std::string& blamed, comm::TimeNs deadline)
 {
-    constexpr comm::TimeNs LIMIT = 2 * comm::SECOND;
-    std::erase_if(facts.names, isLeft);
+    std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
     std::vector<std::string> wrong;
-    for (const ProcessReport& report : lookAtProcesses(facts, "", comm::now() + LIMIT)) {
-        if (!report.advice.empty() && report.note != "does not say") {
+    for (const ProcessReport& report : lookAtProcesses(facts, "", deadline)) {
+        if (!report.advice.empty() && report.note != "does not say" && report.name != blamed) {
             wrong.push_back(report.advice);
         }
         if (report.facts.isReplaced) {
@@ -194,22 +210,26 @@ std::vector<std::string> findWrong(RunDirectoryFacts facts)
 
 std::string describe(const Name& name, const ProcessFacts& process)
 {
-    if (name.holder == 0) {
+    const pid_t pid = name.holder != 0 ? name.holder : name.listener;
+    if (pid == 0) {
         return isLeft(name) ? "nobody: its socket is left"
                             : "a process that is not visible from here, as of another container";
     }
-    return process.isThere ? fmt::format("process {} of {}, {}{}{}", name.holder, process.user, process.executable,
-                                         process.library.empty() ? "" : ", ", process.library)
-                           : fmt::format("process {}, which is not visible from here", name.holder);
+    return process.isThere ? fmt::format("process {} of {}, {}{}{}{}", pid, process.user, process.executable,
+                                         process.library.empty() ? "" : ", ", process.library,
+                                         name.isLost        ? "; its files were removed"
+                                         : name.holder == 0 ? "; it listens, and does not hold the name"
+                                                            : "")
+                           : fmt::format("process {}, which is not visible from here", pid);
 }
 
-void addNames(Page& page, const RunDirectoryFacts& facts)
+void addNames(Page& page, const RunDirectoryFacts& facts, const std::string& blamed, comm::TimeNs deadline)
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
     std::vector<std::string> left;
     for (const Name& name : facts.names) {
-        const ProcessFacts process(name.holder);
+        const ProcessFacts process(name.holder != 0 ? name.holder : name.listener);
         const std::string socket = facts.path + "/" + name.name + ".sock";
         if (isLeft(name)) {
             left.push_back(fmt::format(
@@ -231,7 +251,7 @@ void addNames(Page& page, const RunDirectoryFacts& facts)
     if (left.size() > MOST) {
         page.addLine(fmt::format("  and {} more", left.size() - MOST), "nobody: their sockets are left");
     }
-    std::vector<std::string> wrong = findWrong(facts);
+    std::vector<std::string> wrong = findWrong(facts, blamed, deadline);
     page.find(wrong, "findings about processes with a name here; see to those above first");
     page.find(left, "sockets are left of processes that were killed");
     page.facts.set("names", std::move(names));
@@ -267,7 +287,9 @@ void addOthers(Page& page, const RunDirectoryFacts& chosen)
         const auto held =
             std::count_if(other.names.begin(), other.names.end(), [](const Name& name) { return name.holder != 0; });
         const std::string realm = other.realmState == Realm::eGOOD ? other.realm : "none";
-        page.addLine("there is, too", fmt::format("{}, realm {}, {} names held", other.path, realm, held));
+        const std::string holders = holdersOf(other, false);
+        page.addLine("there is, too", fmt::format("{}, realm {}, {}{}", other.path, realm,
+                                                  holders.empty() ? "without a process" : "in which run ", holders));
         others.emplace_back(Dictionary{{"path", other.path}, {"realm", realm}, {"names_held", std::int64_t{held}}});
         addLeftBehind(page, other, chosen.path);
     }
@@ -282,6 +304,44 @@ void addRegistry(Page& page, const apps::RegistryPlace& place, bool isConfigurat
     }
 }
 
+/// What the registry says.
+struct Answer {
+    std::optional<std::uint64_t> services; ///< how many; absent: it does not answer
+    std::string silent;                    ///< the process that should, and does not
+    std::string problem;
+};
+
+Answer askRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
+{
+    Answer answer;
+    if (!place.problem.empty()) {
+        return answer;
+    }
+    // Where nobody listens now, there is nothing to wait for.
+    std::vector<Unreached> found;
+    for (const kesa::url& locator : place.locators) {
+        found.push_back(explainNoRegistry(locator, std::max<comm::TimeNs>(deadline - comm::now(), 0)));
+        if (found.back().cause == "slow") {
+            break;
+        }
+    }
+    if (found.back().cause != "slow") {
+        const std::string locator = place.locators.front().toString();
+        answer.silent = processOf(place.locators.front());
+        answer.problem =
+            fmt::format("{} {}: {}", found.front().isSomebodyThere ? "no answer of the registry at" : "no registry at",
+                        locator, found.front().sentence());
+        return answer;
+    }
+    try {
+        const System system;
+        answer.services = system.view("**")->list(deadline, true).services.size();
+    } catch (const Failure& failure) {
+        answer.problem = failure.text;
+    }
+    return answer;
+}
+
 /// The rule by which it was chosen, as far as it shows.
 std::string reasonOf(const RunDirectory& directory)
 {
@@ -294,49 +354,45 @@ std::string reasonOf(const RunDirectory& directory)
                : source;
 }
 
-void addRunDirectory(Page& page, const RunDirectory& directory, const RunDirectoryFacts& facts)
+void addRunDirectory(Page& page, const RunDirectory& directory, const RunDirectoryFacts& facts, const Answer& answer,
+                     comm::TimeNs deadline)
 {
     page.addLine("run directory", fmt::format("{} ({})", directory.path(), reasonOf(directory)));
     page.facts.set("run_directory", directory.path());
     page.facts.set("run_directory_from", std::string(directory.source()));
     if (facts.error == 0) {
         addRights(page, facts);
+        addLost(page, facts);
         addRealm(page, facts);
-        addNames(page, facts);
+        addNames(page, facts, answer.silent, deadline);
         return;
     }
-    const std::string around = std::filesystem::path(directory.path()).parent_path().string();
     page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
-    if (facts.error != ENOENT) {
-        page.findings.push_back(
-            fmt::format("the run directory {} cannot be looked into: {}; its owner or group may let this user",
-                        facts.path, reasonOf(facts.error)));
-    } else if (::faccessat(AT_FDCWD, around.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-        page.findings.push_back(
-            fmt::format("the run directory {} is not there, and this user cannot make it in {}: {}; "
-                        "make it, or name another one with KESA_RUN_DIR",
-                        facts.path, around, reasonOf(errno)));
+    if (!facts.names.empty()) {
+        addLost(page, facts);
+        addNames(page, facts, answer.silent, deadline);
+    }
+    if (const RunDirectoryProblem problem = findProblem(facts, directory.source()); !problem.text.empty()) {
+        page.findings.push_back(problem.sentence());
     }
 }
 
-void addAnswer(Page& page, const apps::RegistryPlace& place)
+/// Not if another finding has said why it does not answer.
+void addAnswer(Page& page, const apps::RegistryPlace& place, const RunDirectoryFacts& facts, const Answer& answer)
 {
     if (!place.problem.empty()) {
         return;
     }
-    // Where nobody listens now, there is nothing to wait for.
-    const bool isListened = std::any_of(place.locators.begin(), place.locators.end(), [](const kesa::url& locator) {
-        return kesa::commadapter::whyUnreachable(locator).reason.empty();
+    page.addLine("it answers", answer.services ? fmt::format("{} services", *answer.services) : "nothing");
+    if (answer.services) {
+        page.facts.set("services", *answer.services);
+    }
+    const bool isLostOne = std::any_of(facts.names.begin(), facts.names.end(), [&answer](const Name& name) {
+        return name.isLost && name.name == answer.silent;
     });
-    try {
-        const System system;
-        const comm::TimeNs deadline = comm::now() + (isListened ? 2 * comm::SECOND : 0);
-        const Services services = system.view("**")->list(deadline, true).services;
-        page.addLine("it answers", fmt::format("{} services", services.size()));
-        page.facts.set("services", static_cast<std::uint64_t>(services.size()));
-    } catch (const Failure& failure) {
-        page.addLine("it answers", "nothing");
-        page.findings.push_back(failure.text);
+    const bool isUnusable = facts.error != 0 && !findProblem(facts, "").text.empty();
+    if (!answer.problem.empty() && !isLostOne && !isUnusable) {
+        page.findings.push_back(answer.problem);
     }
 }
 
@@ -362,6 +418,7 @@ std::string asJson(const Page& page)
 bool diagnose(bool isJson)
 {
     const std::string process = "kesactl-" + std::to_string(::getpid());
+    const comm::TimeNs begin = comm::now();
     Page page;
     addMachine(page);
     const Configuration configuration = addConfiguration(page, process);
@@ -369,9 +426,10 @@ bool diagnose(bool isJson)
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
     addRegistry(page, place, configuration.isValid);
     const RunDirectoryFacts facts(runDirectory.path());
-    addRunDirectory(page, runDirectory, facts);
+    const Answer answer = askRegistry(place, begin + comm::SECOND);
+    addRunDirectory(page, runDirectory, facts, answer, begin + 2 * comm::SECOND);
     addOthers(page, facts);
-    addAnswer(page, place);
+    addAnswer(page, place, facts, answer);
     print(isJson ? asJson(page) : asText(page));
     return !page.findings.empty();
 }

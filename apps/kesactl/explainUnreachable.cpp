@@ -4,8 +4,6 @@
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
 
-#include <kesa/commadapter/whyUnreachable.h>
-
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -20,9 +18,10 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
 {
     const RunDirectoryFacts facts(chosenRunDirectory());
     const std::string process = processOf(locator);
-    const auto name = std::find_if(facts.names.begin(), facts.names.end(),
-                                   [&process](const auto& each) { return each.name == process; });
-    if (name != facts.names.end() && name->holder != 0 && !name->hasSocket) {
+    const auto name = std::find_if(facts.names.begin(), facts.names.end(), [&process](const auto& each) {
+        return each.name == process && each.holder != 0 && !each.hasSocket;
+    });
+    if (name != facts.names.end()) {
         return {"socket-removed",
                 fmt::format("process {} has the name \"{}\", but its socket was removed from {}", name->holder, process,
                             facts.path),
@@ -44,10 +43,9 @@ Unreached explainSilent(const Unreachable& found)
 
 } // namespace
 
-Unreached explainUnreachable(const kesa::url& locator)
+Unreached explain(const kesa::url& locator, const Unreachable& found)
 {
     using Cause = Unreachable::Cause;
-    const Unreachable found = kesa::commadapter::whyUnreachable(locator, 2 * comm::SECOND);
     const std::string process = fmt::format("its process ({})", found.pid);
     switch (found.cause) {
     case Cause::eNONE:
@@ -73,6 +71,11 @@ Unreached explainUnreachable(const kesa::url& locator)
                 "correct the path in the locator, or wait until it provides the service", true};
     }
     return {};
+}
+
+Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within)
+{
+    return explain(locator, kesa::commadapter::whyUnreachable(locator, within));
 }
 
 } // namespace kesactl

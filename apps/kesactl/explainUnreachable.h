@@ -1,6 +1,7 @@
 #ifndef KESACTL_EXPLAINUNREACHABLE_H
 #define KESACTL_EXPLAINUNREACHABLE_H
 
+#include <kesa/commadapter/whyUnreachable.h>
 #include <kesa/url.h>
 
 #include <string>
@@ -17,8 +18,11 @@ struct Unreached {
     std::string sentence() const { return advice.empty() ? text : text + "; " + advice; }
 };
 
-/// Asks there once more, and looks at the process. Blocks for up to two seconds.
-Unreached explainUnreachable(const kesa::url& locator);
+/// In words, what an attempt at a locator has found; looks at the process.
+Unreached explain(const kesa::url& locator, const kesa::commadapter::Unreachable& found);
+
+/// Asks there once more, and looks at the process. Blocks, at most for `within`.
+Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within = 2 * comm::SECOND);
 
 } // namespace kesactl
 

@@ -59,6 +59,18 @@ std::string adviseHelp(const std::string& what, const CLI::App& app)
     return what + "; see kesactl help" + (commands.empty() ? "" : " " + commands.front()->get_name());
 }
 
+/// An option that the command does not have: then what follows it was taken for something else, and complained of.
+std::string unknownOption(const CLI::App& app)
+{
+    const auto commands = app.get_subcommands();
+    for (const std::string& word : commands.empty() ? app.remaining() : commands.front()->remaining()) {
+        if (word.rfind("--", 0) == 0 && word.size() > 2) {
+            return "The following argument was not expected: " + word;
+        }
+    }
+    return {};
+}
+
 bool isJsonWanted(int argc, char** argv)
 {
     return std::any_of(argv + 1, argv + argc, [](const char* word) { return std::string_view(word) == "--json"; });
@@ -88,7 +100,8 @@ int run(int argc, char** argv)
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
         if (error.get_exit_code() != 0) {
-            throw Failure{ExitCode::eUSAGE, adviseHelp(error.what(), app)};
+            const std::string unknown = unknownOption(app);
+            throw Failure{ExitCode::eUSAGE, adviseHelp(unknown.empty() ? error.what() : unknown, app)};
         }
         std::ostringstream asked; // help or version
         app.exit(error, asked, asked);

@@ -7,6 +7,8 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <sstream>
+#include <string_view>
 
 namespace kesactl {
 
@@ -18,6 +20,17 @@ std::string checkNumber(const std::string& text)
     return std::isnan(seconds) ? "'" + text + "' is no number of seconds"
            : seconds == 0      ? "0 seconds are over before anything can answer; write some, such as 0.5"
                                : "";
+}
+
+/// What was meant, as far as it can be told: ". Write '/media/player'".
+std::string adviseOn(const std::string& path)
+{
+    std::string meant;
+    std::istringstream parts(path);
+    for (std::string part; std::getline(parts, part, '/');) {
+        meant += part.empty() || part == "." ? "" : "/" + part;
+    }
+    return kesa::Path::isCanonical(meant) ? "; write '" + meant + "'" : "";
 }
 
 } // namespace
@@ -37,6 +50,9 @@ std::string checkGlob(const std::string& glob)
     if (glob == "/") {
         return checkPath(glob); // it matches that path only, which no service has
     }
+    if (glob.empty() || std::string_view("/*?[{").find(glob.front()) == std::string_view::npos) {
+        return "'" + glob + "' matches no path, since each begins with '/'; write '/" + glob + "'";
+    }
     if (glob.find("//") != std::string::npos) {
         return "'" + glob + "' has '//', which no path has; write one '/'";
     }
@@ -52,7 +68,8 @@ std::string checkPath(const std::string& path)
 {
     return kesa::Path::isCanonical(path)
                ? ""
-               : "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end";
+               : "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end" +
+                     adviseOn(path);
 }
 
 std::string checkResource(const std::string& path)

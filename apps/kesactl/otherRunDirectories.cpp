@@ -1,5 +1,7 @@
 #include "otherRunDirectories.h"
 
+#include "nameHolders.h"
+
 #include <backend/readCommSettings.h>
 #include <transport/RunDirectory.h>
 
@@ -8,14 +10,35 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <set>
 #include <system_error>
+#include <utility>
 
 namespace kesactl {
 namespace {
 
 namespace transport = kesa::commadapter::transport;
 
-std::vector<std::string> places()
+/// In which processes have names, those beside the one at `chosen` first: its name is perhaps a mistyped one of theirs.
+std::vector<std::string> placesOfHolders(const std::string& chosen)
+{
+    std::set<std::string> found;
+    for (const NameHolder& holder : findNameHolders()) {
+        if (!holder.isLost) {
+            found.insert(holder.directory);
+        }
+    }
+    const auto inCommon = [&chosen](const std::string& place) {
+        return std::mismatch(place.begin(), place.end(), chosen.begin(), chosen.end()).first - place.begin();
+    };
+    std::vector<std::string> places(found.begin(), found.end());
+    std::stable_sort(places.begin(), places.end(), [&inCommon](const std::string& one, const std::string& other) {
+        return inCommon(one) > inCommon(other);
+    });
+    return places;
+}
+
+std::vector<std::string> placesFor(const std::string& chosen)
 {
     std::vector<std::string> places;
     const auto add = [&places](const char* variable, const char* below) {
@@ -30,6 +53,9 @@ std::vector<std::string> places()
     std::error_code failed;
     for (const auto& user : std::filesystem::directory_iterator("/run/user", failed)) {
         places.push_back(user.path().string() + "/kesa");
+    }
+    for (std::string& place : placesOfHolders(chosen)) {
+        places.push_back(std::move(place));
     }
     return places;
 }
@@ -47,7 +73,7 @@ std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
     const RunDirectoryFacts own(chosen);
     std::vector<std::pair<dev_t, ino_t>> seen = {{own.device, own.inode}};
     std::vector<RunDirectoryFacts> others;
-    for (const std::string& place : places()) {
+    for (const std::string& place : placesFor(chosen)) {
         RunDirectoryFacts other(place);
         const std::pair identity(other.device, other.inode);
         if (other.error == 0 && std::find(seen.begin(), seen.end(), identity) == seen.end()) {
@@ -60,8 +86,9 @@ std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
 
 bool isHeld(const RunDirectoryFacts& directory, std::string_view process)
 {
-    return std::any_of(directory.names.begin(), directory.names.end(),
-                       [process](const auto& name) { return name.name == process && name.holder != 0; });
+    return std::any_of(directory.names.begin(), directory.names.end(), [process](const auto& name) {
+        return name.name == process && name.holder != 0 && !name.isLost;
+    });
 }
 
 std::string processOf(const kesa::url& locator)
@@ -89,12 +116,27 @@ std::vector<RunDirectoryFacts> otherDirectoriesOf(const std::string& process)
     return others;
 }
 
-std::string whereElse(const std::string& process)
+std::string holdersOf(const RunDirectoryFacts& directory, bool isLost)
 {
-    const auto others = otherDirectoriesOf(process);
-    return others.empty()
-               ? ""
-               : fmt::format("there is one in {}; to meet there, {}", others.front().path, howToMeetIn(others.front()));
+    constexpr std::size_t MOST = 5;
+    std::string text;
+    std::size_t count = 0;
+    for (const auto& name : directory.names) {
+        if (name.holder != 0 && name.isLost == isLost && ++count <= MOST) {
+            text += fmt::format("{}{} ({})", text.empty() ? "" : ", ", name.name, name.holder);
+        }
+    }
+    return count > MOST ? fmt::format("{} and {} more", text, count - MOST) : text;
+}
+
+std::string namesOf(const std::vector<RunDirectoryFacts>& directories)
+{
+    constexpr std::size_t MOST = 3;
+    std::string text;
+    for (std::size_t i = 0; i < directories.size() && i < MOST; ++i) {
+        text += (i == 0 ? "" : " and in ") + directories[i].path;
+    }
+    return text;
 }
 
 } // namespace kesactl

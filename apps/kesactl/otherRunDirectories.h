@@ -15,7 +15,8 @@ namespace kesactl {
 std::string chosenRunDirectory();
 
 /// The directories besides the one at `chosen` in which processes may be meeting: those in which they would in another
-/// environment, or as another user, as far as they are there.
+/// environment, or as another user, as far as they are there, and those in which processes that this user may look at
+/// have names.
 std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen);
 
 /// Whether a process has that name there.
@@ -30,9 +31,11 @@ std::string howToMeetIn(const RunDirectoryFacts& directory);
 /// Those of them in which a living process has the name.
 std::vector<RunDirectoryFacts> otherDirectoriesOf(const std::string& process);
 
-/// A sentence with what to do about `process` not being in the run directory of this process: where else it is, or
-/// nothing when it is nowhere.
-std::string whereElse(const std::string& process);
+/// "media (812), radio (813)", of the first ones: of those that are lost, or of those that are there.
+std::string holdersOf(const RunDirectoryFacts& directory, bool isLost);
+
+/// "A and in B", of the first ones.
+std::string namesOf(const std::vector<RunDirectoryFacts>& directories);
 
 } // namespace kesactl
 

@@ -8,9 +8,9 @@
 #include "System.h"
 #include "Verdict.h"
 #include "commands.h"
-#include "explainUnreachable.h"
+#include "explainNoRegistry.h"
+#include "nameHolders.h"
 #include "options.h"
-#include "otherRunDirectories.h"
 #include "output.h"
 #include "whyAbsent.h"
 #include "whyNotTold.h"
@@ -28,6 +28,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <iterator>
 #include <unistd.h>
 
@@ -44,6 +45,12 @@ struct Arguments {
     CommonOptions common;
 };
 
+Verdict unreached(const kesa::url& registry)
+{
+    const Unreached why = explainNoRegistry(registry);
+    return {why.cause, fmt::format("the registry at {}: {}", registry.toString(), why.text), why.advice, {}};
+}
+
 class Search {
 public:
     explicit Search(const Arguments& arguments) : m_arguments(arguments) {}
@@ -54,8 +61,8 @@ public:
 
 private:
     Verdict askRegistry(const kesa::url& registry);
-    Verdict explainNoRegistry(const kesa::url& registry) const;
     Verdict judge(const std::string& registry);
+    Verdict explainRealm() const;
     Verdict reach() const;
     Verdict call(const Connection::Client& client, const std::string& locator) const;
     Answers::Answer ask(const Connection::Client& client, kesa::Request request) const;
@@ -70,7 +77,7 @@ Verdict Search::run()
     const std::string name = "kesactl-" + std::to_string(::getpid());
     const apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
     if (!place.problem.empty()) {
-        return {"no-registry", place.problem, "kesactl check-config explains the document", {}};
+        return explainWithoutRegistry(place, m_arguments.path);
     }
     const System system;
     return askRegistry(place.locators.front());
@@ -81,7 +88,7 @@ Verdict Search::askRegistry(const kesa::url& registry)
     Connection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
     const Connection::Client client = connection.tryClient(m_arguments.common.deadline());
     if (!client) {
-        return explainNoRegistry(registry);
+        return unreached(registry);
     }
     const std::string body = m_arguments.process.empty() ? "{}"
                                                          : fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR,
@@ -91,7 +98,7 @@ Verdict Search::askRegistry(const kesa::url& registry)
                                   kesa::Payload::createFromString(body, kesa::mimetypes::JSON)));
     if (answer.kind == Answers::Kind::eTIMED_OUT || answer.response.getStatus() == 503 ||
         answer.response.getStatus() == 504) {
-        return explainNoRegistry(registry);
+        return unreached(registry);
     }
     if (answer.kind != Answers::Kind::eVALUE ||
         util::config::JSONParser().parseString(answer.response.getPayload().text(), m_explanation)) {
@@ -105,30 +112,13 @@ Verdict Search::askRegistry(const kesa::url& registry)
     return judge(std::string(authority.substr(0, authority.find('+'))));
 }
 
-Verdict Search::explainNoRegistry(const kesa::url& registry) const
-{
-    Unreached why = explainUnreachable(registry);
-    if (why.cause == "nobody-listens") {
-        const auto others = otherDirectoriesOf(processOf(registry));
-        why.cause = others.empty() ? "no-registry" : "other-run-directory";
-        why.text += others.empty() ? "" : fmt::format("; a registry runs in {}", others.front().path);
-        why.advice = others.empty() ? "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses"
-                                    : fmt::format("{}, or start a registry here", howToMeetIn(others.front()));
-    }
-    return {why.cause, fmt::format("the registry at {}: {}", registry.toString(), why.text), why.advice, {}};
-}
-
 Verdict Search::judge(const std::string& registry)
 {
     if (m_explanation["registered"] != true) {
         return explainAbsence(m_explanation, registry);
     }
     if (m_explanation["hiddenBy"] == "realm") {
-        return {"hidden-by-realm",
-                fmt::format("{} provides it at {} only, which is of another run directory", holder(),
-                            m_explanation["holder"]["record"]["locators"].toText()),
-                fmt::format("set KESA_RUN_DIR to the directory that {} uses", holder()),
-                {}};
+        return explainRealm();
     }
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
@@ -140,6 +130,29 @@ Verdict Search::judge(const std::string& registry)
         verdict.notes.push_back(std::move(note));
     }
     return verdict;
+}
+
+/// Its locators are of another realm: of another run directory, or of this one before it was emptied.
+Verdict Search::explainRealm() const
+{
+    const std::string locators = m_explanation["holder"]["record"]["locators"].toText();
+    const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
+    const auto holders = findNameHolders();
+    const auto found =
+        std::find_if(holders.begin(), holders.end(), [pid](const NameHolder& each) { return each.pid == pid; });
+    if (found != holders.end() && found->isLost) {
+        return {"socket-removed",
+                fmt::format("{} provides it at {}, but its files were removed from {}", holder(), locators,
+                            found->directory),
+                "restart it, and keep cleaners out of the run directory",
+                {}};
+    }
+    return {"hidden-by-realm",
+            fmt::format("{} provides it at {} only, which is of another run directory", holder(), locators),
+            found == holders.end()
+                ? fmt::format("set KESA_RUN_DIR to the directory that {} uses", holder())
+                : fmt::format("set KESA_RUN_DIR={} for all who shall meet it, or start it here", found->directory),
+            {}};
 }
 
 /// Goes to the process that provides it, as a client would.

@@ -15,6 +15,26 @@ using util::config::Value;
 /// From the start of a registry until the providers of before have found it again.
 constexpr std::int64_t SETTLING_MS = 1500;
 
+/// Whoever provides it may run where this registry does not see it.
+void addElsewhere(Verdict& verdict, const std::string& registry)
+{
+    const RunDirectoryFacts here(chosenRunDirectory());
+    if (const std::string lost = holdersOf(here, true); !lost.empty()) {
+        verdict.advice = fmt::format("restart {}: files of theirs were removed from {}, so they do not find this "
+                                     "registry; keep cleaners out of there",
+                                     lost, here.path);
+    }
+    constexpr std::size_t MOST = 3;
+    for (const RunDirectoryFacts& other : otherRunDirectories(here.path)) {
+        const std::string holders = holdersOf(other, false);
+        if (!holders.empty() && verdict.notes.size() < MOST) {
+            verdict.notes.push_back(
+                fmt::format("in {} run {}, {}which this registry does not see; to look there, {}", other.path, holders,
+                            isHeld(other, registry) ? "with a registry of their own, " : "", howToMeetIn(other)));
+        }
+    }
+}
+
 Verdict explainNever(const Value& explanation, const std::string& registry)
 {
     const Value& started = explanation["registryStarted"];
@@ -32,10 +52,7 @@ Verdict explainNever(const Value& explanation, const std::string& registry)
     if (const Value& nearest = explanation["nearest"]; nearest.isString()) {
         verdict.advice = fmt::format("did you mean {}?", nearest.toText());
     }
-    for (const RunDirectoryFacts& other : otherDirectoriesOf(registry)) {
-        verdict.notes.push_back(
-            fmt::format("another registry runs in {}; to ask that one, {}", other.path, howToMeetIn(other)));
-    }
+    addElsewhere(verdict, registry);
     return verdict;
 }
 

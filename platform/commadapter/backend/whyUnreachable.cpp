@@ -120,30 +120,50 @@ void attempt(const std::shared_ptr<IoLoop>& loop, const Place& place, comm::Time
 
 Unreachable whyUnreachable(const url& locator, comm::TimeNs within)
 {
+    Unreachable result;
+    whyUnreachable(std::vector<url>{locator}, within,
+                   [&result](std::size_t, Unreachable found) { result = std::move(found); });
+    return result;
+}
+
+void whyUnreachable(const std::vector<url>& locators, comm::TimeNs within,
+                    const std::function<void(std::size_t, Unreachable)>& found)
+{
     std::vector<std::string> complaints; // the backend's to tell
     const CommSettings settings = readCommSettings(complaints);
     const auto loop = std::make_shared<IoLoop>(settings);
     const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
         transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop->reactor());
-    Unreachable result;
-    if (const auto place = Locators(settings.routes, {transport}).find(locator)) {
-        const auto waiter = std::make_shared<Waiter>();
-        loop->post([&] {
-            attempt(loop, *place, within, [&result, waiter](Unreachable found) {
-                const std::lock_guard lock(waiter->lock);
-                result = std::move(found);
-                waiter->isDone = true;
-                waiter->condition.notifyAll();
-            });
-        });
-        std::unique_lock lock(waiter->lock);
-        comm::waitFor(waiter->condition, lock, [&waiter] { return waiter->isDone; });
-    } else {
-        result = {Cause::eNOWHERE, "\"" + locator.toString() + "\" " + whyNowhere(locator)};
+    const Locators places(settings.routes, {transport});
+    Waiter waiter;
+    std::size_t open = locators.size() + 1; // the loop's own, with one for the beginning
+    const auto end = [&waiter, &open] {
+        if (--open == 0) {
+            const std::lock_guard lock(waiter.lock);
+            waiter.isDone = true;
+            waiter.condition.notifyAll();
+        }
+    };
+    loop->post([&] {
+        for (std::size_t number = 0; number < locators.size(); ++number) {
+            const auto done = [&found, &end, number](Unreachable result) {
+                found(number, std::move(result));
+                end();
+            };
+            if (const auto place = places.find(locators[number])) {
+                attempt(loop, *place, within, done);
+            } else {
+                done({Cause::eNOWHERE, "\"" + locators[number].toString() + "\" " + whyNowhere(locators[number])});
+            }
+        }
+        end();
+    });
+    {
+        std::unique_lock lock(waiter.lock);
+        comm::waitFor(waiter.condition, lock, [&waiter] { return waiter.isDone; });
     }
     loop->runAndWait("whyUnreachable", [&transport] { transport->close(); });
     loop->reactor()->stop();
-    return result;
 }
 
 } // namespace kesa::commadapter

@@ -4,8 +4,11 @@
 #include <comm/Clock.h>
 #include <kesa/url.h>
 
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <vector>
 
 namespace kesa::commadapter {
 
@@ -30,6 +33,11 @@ struct Unreachable {
 /// For tools that explain why nobody answers at a locator: connects, says hello and asks for the path, on a loop of its
 /// own. Blocks, at most for `within` once it is connected; not on a loop.
 KESA_API Unreachable whyUnreachable(const url& locator, comm::TimeNs within = comm::SECOND);
+
+/// The same at many locators at once. `found` hears of each as soon as it is known, by its number in `locators`, one
+/// after the other on that loop; of none after this has returned.
+KESA_API void whyUnreachable(const std::vector<url>& locators, comm::TimeNs within,
+                             const std::function<void(std::size_t, Unreachable)>& found);
 
 } // namespace kesa::commadapter
 

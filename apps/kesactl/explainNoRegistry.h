@@ -1,0 +1,24 @@
+#ifndef KESACTL_EXPLAINNOREGISTRY_H
+#define KESACTL_EXPLAINNOREGISTRY_H
+
+#include "Verdict.h"
+#include "explainUnreachable.h"
+
+#include <common/RegistryPlace.h>
+#include <kesa/url.h>
+
+#include <string>
+
+namespace kesactl {
+
+/// Why nobody answers at the registry's locator, and where there is a registry instead: here under another name, or in
+/// another run directory. Blocks, at most for `within`.
+Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within = 2 * comm::SECOND);
+
+/// Of a service, where the document of this process names no registry that it could ask: then what the document itself
+/// provides is all there is.
+Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path);
+
+} // namespace kesactl
+
+#endif

@@ -1,0 +1,35 @@
+#ifndef KESACTL_NAMEHOLDERS_H
+#define KESACTL_NAMEHOLDERS_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace kesactl {
+
+struct Lock {
+    dev_t device;
+    pid_t holder;
+};
+/// By the inode of the file.
+using Locks = std::multimap<ino_t, Lock>;
+
+/// The locks on whole files that this process may see; others are those of another container.
+Locks readLocks();
+
+/// A running process that has a name in some run directory, found by the lock file that it holds open.
+struct NameHolder {
+    pid_t pid;
+    std::string name;      ///< as in locators
+    std::string directory; ///< where the lock file stands, or stood
+    bool isLost;           ///< that file is not there any more: who starts now does not find the process
+};
+
+/// Those whose open files this user may look at.
+std::vector<NameHolder> findNameHolders();
+
+} // namespace kesactl
+
+#endif

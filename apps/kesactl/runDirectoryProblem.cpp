@@ -1,0 +1,82 @@
+#include "runDirectoryProblem.h"
+
+#include <backend/readCommSettings.h>
+#include <transport/RunDirectory.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string textOf(int error)
+{
+    return std::system_category().message(error);
+}
+
+/// The first part of the path that is not there, or is no directory.
+fs::path findEnd(const fs::path& path)
+{
+    fs::path reached;
+    for (const fs::path& part : path) {
+        reached /= part;
+        struct stat status {};
+        if (::stat(reached.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+            return reached;
+        }
+    }
+    return reached;
+}
+
+std::string nameAnother(const std::string& source)
+{
+    return source == "run_dir" ? R"(name another one with "run_dir")" : "name another one with KESA_RUN_DIR";
+}
+
+} // namespace
+
+RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::string& source)
+{
+    const std::string what = fmt::format("the run directory {} ({})", directory.path, source);
+    const std::string end = findEnd(directory.path).string();
+    if (directory.error == ENOTDIR) {
+        return {fmt::format("{} cannot be one, since {} is a file: {}", what, end, textOf(ENOTDIR)),
+                nameAnother(source)};
+    }
+    if (directory.error != 0 && directory.error != ENOENT) {
+        return {fmt::format("{} cannot be looked into: {}{}", what, textOf(directory.error),
+                            directory.rights.empty() ? "" : fmt::format(" ({})", directory.rights)),
+                "let its owner or a group of this user use it, or " + nameAnother(source)};
+    }
+    if (directory.error == 0 || !directory.names.empty()) {
+        return {};
+    }
+    const std::string around = fs::path(directory.path).parent_path().string();
+    if (end != directory.path) {
+        return {fmt::format("{} is not there, and cannot be made, since {} is not there either", what, around),
+                fmt::format("make {}, or {}", around, nameAnother(source))};
+    }
+    if (::faccessat(AT_FDCWD, around.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
+        return {fmt::format("{} is not there, and this user cannot make it in {}: {}", what, around, textOf(errno)),
+                "have it made for this user, or " + nameAnother(source)};
+    }
+    return {};
+}
+
+RunDirectoryProblem findProblem()
+{
+    std::vector<std::string> said; // by check-config
+    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(said).runDir);
+    return findProblem(RunDirectoryFacts(place.path()), place.source());
+}
+
+} // namespace kesactl
