@@ -78,7 +78,8 @@ Connection::Client Connection::client(comm::TimeNs deadline)
                                   where.toString())};
     }
     const Unreached why = explainUnreachable(where);
-    throw Failure{ExitCode::eTIMED_OUT, fmt::format("no connection to {}: {}", where.toString(), why.sentence())};
+    throw Failure{ExitCode::eTIMED_OUT, fmt::format("no connection to {}: {}", where.toString(), why.text), 0,
+                  why.advice};
 }
 
 } // namespace kesactl

@@ -18,8 +18,11 @@ enum class ExitCode {
 /// Thrown by a command that cannot go on; `main` prints the text and ends with the code.
 struct Failure {
     ExitCode exitCode;
-    std::string text; ///< what is wrong and what to do; empty when there is nobody to tell
-    int status = 0;   ///< of the error that the service has answered; 0: none has
+    std::string text;     ///< what is wrong; empty when there is nobody to tell
+    int status = 0;       ///< of the error that the service has answered; 0: none has
+    std::string advice{}; ///< what to do, on a line of its own; may be empty, or part of the text
+
+    std::string sentence() const { return advice.empty() ? text : text + "; " + advice; }
 };
 
 } // namespace kesactl

@@ -165,7 +165,7 @@ RunDirectoryFacts findRunDirectory()
     const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(complaints).runDir);
     RunDirectoryFacts facts(place.path());
     if (const RunDirectoryProblem problem = findProblem(facts, place.source()); !problem.text.empty()) {
-        throw Failure{ExitCode::eFAILED, problem.sentence()};
+        throw Failure{ExitCode::eFAILED, problem.text, 0, problem.advice};
     }
     if (facts.error != 0 && facts.names.empty()) {
         throw Failure{ExitCode::eFAILED,

@@ -318,7 +318,8 @@ void RegistryView::failUnreachable() const
     const Unreached why = explainNoRegistry(m_locators.front());
     throw Failure{ExitCode::eNO_REGISTRY,
                   fmt::format("{} {}: {}", why.isSomebodyThere ? "no answer of the registry at" : "no registry at",
-                              where, why.sentence())};
+                              where, why.text),
+                  0, why.advice};
 }
 
 } // namespace kesactl

@@ -337,7 +337,7 @@ Answer askRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
         const System system;
         answer.services = system.view("**")->list(deadline, true).services.size();
     } catch (const Failure& failure) {
-        answer.problem = failure.text;
+        answer.problem = failure.sentence();
     }
     return answer;
 }

@@ -67,11 +67,12 @@ void printFailure(const Failure& failure, bool isJson)
         return;
     }
     if (!isJson) {
-        std::fprintf(stderr, "kesactl: %s\n", visible(failure.text).c_str());
+        const std::string advice = failure.advice.empty() ? "" : "\n  -> " + visible(failure.advice);
+        std::fprintf(stderr, "kesactl: %s%s\n", visible(failure.text).c_str(), advice.c_str());
         return;
     }
     const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
-    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asJsonString(failure.text),
+    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asJsonString(failure.sentence()),
                                          static_cast<int>(failure.exitCode), status);
     std::fprintf(stderr, "%s\n", visibleLines(line).c_str());
 }

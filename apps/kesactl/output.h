@@ -21,8 +21,8 @@ void print(const std::string& text);
 /// The same for what has to arrive as it is: only a terminal is spared what it would obey.
 void printValue(const std::string& text);
 
-/// To stderr: a line for people, or one JSON object, {"error": text, "exitCode": number}, and "status" when a service
-/// has refused. Nothing for a failure without a text.
+/// To stderr: for people a line, and one with what to do; or one JSON object, {"error": text, "exitCode": number}, and
+/// "status" when a service has refused. Nothing for a failure without a text.
 void printFailure(const Failure& failure, bool isJson);
 
 /// Cuts each line at the width of the terminal, with an ellipsis for what is missing; unchanged when stdout is none.
