@@ -430,7 +430,7 @@ bool diagnose(bool isJson)
     addRunDirectory(page, runDirectory, facts, answer, begin + 2 * comm::SECOND);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
-    print(isJson ? asJson(page) : asText(page));
+    print(isJson ? asJson(page) : wrapped(asText(page)));
     return !page.findings.empty();
 }
 

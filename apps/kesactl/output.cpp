@@ -27,11 +27,11 @@ bool isPipeOrSocket(int descriptor)
     return ::fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
 }
 
-/// In characters; 0 when stdout is no terminal, or one that does not say.
-std::size_t terminalWidth()
+/// In characters; 0 when `output` is no terminal, or one that does not say.
+std::size_t terminalWidth(int output)
 {
     winsize size{};
-    return ::isatty(STDOUT_FILENO) != 0 && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
+    return ::isatty(output) != 0 && ::ioctl(output, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
 }
 
 /// The bytes of the first `count` characters of UTF-8.
@@ -45,6 +45,65 @@ std::size_t bytesOf(std::string_view text, std::size_t count)
         }
     }
     return end;
+}
+
+std::size_t charactersOf(std::string_view text)
+{
+    return static_cast<std::size_t>(std::count_if(
+        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; }));
+}
+
+/// Where a line goes on below itself: after "  -> ", after "1. ", or where its second column begins.
+std::size_t indentOf(std::string_view line)
+{
+    constexpr std::size_t MOST = 24;
+    const std::size_t begin = std::min(line.find_first_not_of(' '), line.size());
+    const std::size_t space = line.find(' ', begin);
+    const std::string_view first = line.substr(begin, space == std::string_view::npos ? 0 : space - begin);
+    if (!first.empty() && (first == "->" || first.find_first_not_of("0123456789.") == std::string_view::npos)) {
+        return space + 1;
+    }
+    const std::size_t gap = line.find("  ", begin);
+    const std::size_t column = gap < MOST ? line.find_first_not_of(' ', gap) : std::string_view::npos;
+    return column <= MOST ? column : begin == 0 ? 2 : begin;
+}
+
+std::string wrapped(std::string_view line, std::size_t width)
+{
+    const std::string margin(indentOf(line), ' ');
+    std::string text;
+    std::size_t used = 0; // of the last line
+    std::size_t begin = 0;
+    while (begin < line.size()) {
+        const std::size_t wordBegin = std::min(line.find_first_not_of(' ', begin), line.size());
+        const std::size_t end = std::min(line.find(' ', wordBegin), line.size());
+        const std::size_t size = charactersOf(line.substr(begin, end - begin));
+        if (used != 0 && used + size > width) {
+            text.append("\n").append(margin).append(line.substr(wordBegin, end - wordBegin));
+            used = margin.size() + charactersOf(line.substr(wordBegin, end - wordBegin));
+        } else {
+            text.append(line.substr(begin, end - begin));
+            used += size;
+        }
+        begin = end;
+    }
+    return text;
+}
+
+std::string wrappedLines(const std::string& text, int output)
+{
+    const std::size_t width = terminalWidth(output);
+    if (width == 0) {
+        return text;
+    }
+    std::string whole;
+    for (std::size_t begin = 0; begin < text.size();) {
+        const std::size_t end = std::min(text.find('\n', begin), text.size());
+        whole.append(wrapped(std::string_view(text).substr(begin, end - begin), width));
+        whole.append(end < text.size() ? "\n" : "");
+        begin = end + 1;
+    }
+    return whole;
 }
 
 void write(std::string_view text)
@@ -68,7 +127,8 @@ void printFailure(const Failure& failure, bool isJson)
     }
     if (!isJson) {
         const std::string advice = failure.advice.empty() ? "" : "\n  -> " + visible(failure.advice);
-        std::fprintf(stderr, "kesactl: %s%s\n", visible(failure.text).c_str(), advice.c_str());
+        const std::string text = "kesactl: " + visible(failure.text) + advice;
+        std::fprintf(stderr, "%s\n", wrappedLines(text, STDERR_FILENO).c_str());
         return;
     }
     const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
@@ -77,9 +137,19 @@ void printFailure(const Failure& failure, bool isJson)
     std::fprintf(stderr, "%s\n", visibleLines(line).c_str());
 }
 
+std::string wrapped(const std::string& text)
+{
+    return wrappedLines(text, STDOUT_FILENO);
+}
+
+bool fits(const std::string& text)
+{
+    return fitted(text) == text;
+}
+
 std::string fitted(const std::string& text)
 {
-    const std::size_t width = terminalWidth();
+    const std::size_t width = terminalWidth(STDOUT_FILENO);
     if (width == 0) {
         return text;
     }

@@ -28,6 +28,12 @@ void printFailure(const Failure& failure, bool isJson);
 /// Cuts each line at the width of the terminal, with an ellipsis for what is missing; unchanged when stdout is none.
 std::string fitted(const std::string& text);
 
+/// Whether that would cut nothing.
+bool fits(const std::string& text);
+
+/// Breaks lines that are longer than the terminal is wide between words; unchanged when stdout is none.
+std::string wrapped(const std::string& text);
+
 /// A table: each column is as wide as its longest text, the last one not filled up. `rows` are of one length, the
 /// heading among them. Each text is made `visible`.
 std::string aligned(std::vector<std::vector<std::string>> rows);

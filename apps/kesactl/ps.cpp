@@ -12,9 +12,12 @@ namespace {
 
 using Rows = std::vector<std::vector<std::string>>;
 
-/// What keeps a process from answering stands before its program, where a narrow terminal still shows it.
-std::vector<std::string> rowOf(const ProcessReport& report)
+/// What keeps a process from answering stands before its program. `isShort`: for a narrow terminal.
+std::vector<std::string> rowOf(const ProcessReport& report, bool isShort)
 {
+    const std::string path = report.executable();
+    const std::string program = isShort ? path.substr(path.rfind('/') + 1) : path;
+    const std::string noted = isShort ? fmt::format("({})", report.note) : fmt::format("({}) {}", report.note, path);
     return {report.name,
             report.processId(),
             report.user(),
@@ -22,18 +25,27 @@ std::vector<std::string> rowOf(const ProcessReport& report)
             report.number("serviceCount"),
             report.number("connectionCount"),
             report.number("queuedBytes"),
-            report.note.empty() ? report.executable() : fmt::format("({}) {}", report.note, report.executable())};
+            report.note.empty() ? program : noted};
+}
+
+std::string asTable(const std::vector<ProcessReport>& reports, bool isShort)
+{
+    Rows rows = {{"NAME", "PID", "USER", "SINCE", "SERVICES", "PEERS", "QUEUED", "EXECUTABLE"}};
+    for (const ProcessReport& report : reports) {
+        rows.push_back(rowOf(report, isShort));
+    }
+    return aligned(rows);
 }
 
 void printProcesses(const CommonOptions& options)
 {
-    Rows rows = {{"NAME", "PID", "USER", "SINCE", "SERVICES", "CONNECTIONS", "QUEUED", "EXECUTABLE"}};
+    const auto reports = lookAtProcesses(findRunDirectory(), "", options.deadline());
     std::string lines;
-    for (const ProcessReport& report : lookAtProcesses(findRunDirectory(), "", options.deadline())) {
-        rows.push_back(rowOf(report));
+    for (const ProcessReport& report : reports) {
         lines += report.asJson() + '\n';
     }
-    print(options.isJson ? lines : fitted(aligned(rows)));
+    const std::string table = asTable(reports, false);
+    print(options.isJson ? lines : fits(table) ? table : fitted(asTable(reports, true)));
 }
 
 } // namespace

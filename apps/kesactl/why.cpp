@@ -230,7 +230,7 @@ void why(const Arguments& arguments, int& exitCode)
     Search search(arguments);
     const Verdict verdict = search.run();
     print(arguments.common.isJson ? asJson(arguments.path, verdict, search.explanation())
-                                  : asLines(arguments.path, verdict));
+                                  : wrapped(asLines(arguments.path, verdict)));
     exitCode = verdict.isGood() ? 0 : static_cast<int>(ExitCode::eFAILED);
 }
 

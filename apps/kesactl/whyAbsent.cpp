@@ -28,9 +28,9 @@ void addElsewhere(Verdict& verdict, const std::string& registry)
     for (const RunDirectoryFacts& other : otherRunDirectories(here.path)) {
         const std::string holders = holdersOf(other, false);
         if (!holders.empty() && verdict.notes.size() < MOST) {
-            verdict.notes.push_back(
-                fmt::format("in {} run {}, {}which this registry does not see; to look there, {}", other.path, holders,
-                            isHeld(other, registry) ? "with a registry of their own, " : "", howToMeetIn(other)));
+            verdict.notes.push_back(fmt::format("elsewhere, in {}: {}{}; to look there, {}", other.path, holders,
+                                                isHeld(other, registry) ? ", with a registry of their own" : "",
+                                                howToMeetIn(other)));
         }
     }
 }
