@@ -13,6 +13,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <unistd.h>
 
 namespace kesactl {
@@ -72,7 +73,9 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
     }
     if (const std::string here = findRegistryHere(deadline); !here.empty()) {
         why.cause = "other-registry";
-        why.text += fmt::format(", but \"{}\" is a registry here", here);
+        const char* const node = ::secure_getenv("KESA_NODE");
+        why.text += fmt::format(", but \"{}\" is a registry here{}", here,
+                                node == nullptr ? "" : fmt::format(" (KESA_NODE={} chooses the locator)", node));
         why.advice =
             fmt::format(R"(write "service_registry_locators": {{"*": ["ipc://{}/registry"]}} for all who shall )"
                         "meet, or start the registry as \"{}\"",

@@ -56,7 +56,8 @@ RegistryView::Answer find(const Arguments& arguments)
         RegistryView::failUnsettled();
     }
     if (all.empty()) {
-        throw Failure{ExitCode::eFAILED, "no service matches '" + arguments.glob + "'; kesactl list shows all"};
+        throw Failure{ExitCode::eFAILED, fmt::format("no service matches '{}'; kesactl list shows all{}",
+                                                     arguments.glob, adviseWhy(arguments.glob))};
     }
     if (services.empty()) {
         throw Failure{ExitCode::eFAILED,

@@ -89,4 +89,9 @@ std::string literal(const std::string& path)
     return glob;
 }
 
+std::string adviseWhy(const std::string& glob)
+{
+    return checkPath(glob).empty() && literal(glob) == glob ? "; kesactl why " + glob + " says why" : "";
+}
+
 } // namespace kesactl

@@ -27,6 +27,9 @@ std::string checkResource(const std::string& path); ///< inside a service
 /// A glob that matches this path only.
 std::string literal(const std::string& path);
 
+/// "; kesactl why /media/player says why" of a glob that is a path, else nothing.
+std::string adviseWhy(const std::string& glob);
+
 } // namespace kesactl
 
 #endif

@@ -35,7 +35,8 @@ void wait(const Arguments& arguments)
         }
         const std::string what = arguments.isGone ? fmt::format("still there: {}", answer.services.begin()->first)
                                                   : "no service matches '" + arguments.glob + "'";
-        throw Failure{ExitCode::eTIMED_OUT, fmt::format("{} after {} s", what, arguments.common.timeoutSeconds)};
+        throw Failure{ExitCode::eTIMED_OUT, fmt::format("{} after {} s{}", what, arguments.common.timeoutSeconds,
+                                                        arguments.isGone ? "" : adviseWhy(arguments.glob))};
     }
     if (!arguments.isGone) {
         print(arguments.common.isJson ? asJsonLines(answer.services) : fitted(asTable(answer.services)));
