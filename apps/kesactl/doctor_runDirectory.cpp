@@ -1,0 +1,225 @@
+#include "doctor_runDirectory.h"
+
+#include "ProcessFacts.h"
+#include "ProcessReport.h"
+#include "otherRunDirectories.h"
+#include "runDirectoryProblem.h"
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <system_error>
+
+namespace kesactl {
+namespace {
+
+using kesa::commadapter::transport::RunDirectory;
+using kesa::commadapter::transport::SYSTEM_RUN_DIRECTORY;
+using util::config::Dictionary;
+using util::config::Value;
+using Name = RunDirectoryFacts::Name;
+using Realm = RunDirectoryFacts::Realm;
+
+std::string reasonOf(int error)
+{
+    return std::system_category().message(error);
+}
+
+void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
+{
+    page.add("rights",
+             fmt::format("{}, {} for this user", facts.rights, facts.isWritable ? "writable" : "not writable"));
+    if (!facts.isWritable) {
+        page.findings.push_back(
+            fmt::format("this user cannot provide services: {} is not writable for {}; use its user "
+                        "or group, or change its rights",
+                        facts.path, userName(::geteuid())));
+    }
+}
+
+bool isLost(const Name& name)
+{
+    return name.isLost;
+}
+
+/// Processes whose files somebody has removed: all that is wrong with them has this cause.
+void addLost(DoctorPage& page, const RunDirectoryFacts& facts)
+{
+    if (const std::string lost = holdersOf(facts, true); !lost.empty()) {
+        page.findings.push_back(
+            fmt::format("somebody has removed files from {} under running processes: who starts now does not find {}; "
+                        "restart them, and keep cleaners out of the run directory",
+                        facts.path, lost));
+    }
+}
+
+/// Nobody has the name, and nobody listens.
+bool isLeft(const Name& name)
+{
+    return name.holder == 0 && name.connectError != 0 && name.connectError != EACCES;
+}
+
+void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
+{
+    page.add("realm", facts.realmState == Realm::eGOOD ? facts.realm : "none");
+    if (facts.realmState == Realm::eUNREADABLE) {
+        page.findings.push_back(fmt::format("{}/realm cannot be read by this user; give it the mode 0644", facts.path));
+    } else if (facts.realmState == Realm::eBAD) {
+        page.findings.push_back(fmt::format("{}/realm does not hold 16 hex digits; remove it when no process uses the "
+                                            "directory",
+                                            facts.path));
+    } else if (facts.realmState == Realm::eMISSING && std::none_of(facts.names.begin(), facts.names.end(), isLost) &&
+               !std::all_of(facts.names.begin(), facts.names.end(), isLeft)) {
+        page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
+                                            "realm than those that run; restart all of them",
+                                            facts.path));
+    }
+}
+
+/// What keeps others from the processes. All are asked at once. `blamed`: of that one it is said already.
+std::vector<std::string> findWrong(RunDirectoryFacts facts, const std::string& blamed, comm::TimeNs deadline)
+{
+    std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
+    std::vector<std::string> wrong;
+    for (const ProcessReport& report : lookAtProcesses(facts, "", deadline)) {
+        if (!report.advice.empty() && report.note != "does not say" && report.name != blamed) {
+            wrong.push_back(report.advice);
+        }
+        if (report.facts.isReplaced) {
+            wrong.push_back(fmt::format("{} ({}): its program or library was replaced while it runs; restart it",
+                                        report.name, report.pid));
+        }
+    }
+    return wrong;
+}
+
+std::string describe(const Name& name, const ProcessFacts& process)
+{
+    const pid_t pid = name.holder != 0 ? name.holder : name.listener;
+    if (pid == 0) {
+        return isLeft(name) ? "nobody: its socket is left"
+                            : "a process that is not visible from here, as of another container";
+    }
+    return process.isThere ? fmt::format("process {} of {}, {}{}{}{}", pid, process.user, process.executable,
+                                         process.library.empty() ? "" : ", ", process.library,
+                                         name.isLost        ? "; its files were removed"
+                                         : name.holder == 0 ? "; it listens, and does not hold the name"
+                                                            : "")
+                           : fmt::format("process {}, which is not visible from here", pid);
+}
+
+void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::string& blamed, comm::TimeNs deadline)
+{
+    page.addLine("names", facts.names.empty() ? "none is held" : "");
+    Value::Array names;
+    std::vector<std::string> left;
+    for (const Name& name : facts.names) {
+        const ProcessFacts process(name.holder != 0 ? name.holder : name.listener);
+        const std::string socket = facts.path + "/" + name.name + ".sock";
+        if (isLeft(name)) {
+            left.push_back(fmt::format(
+                "{} is left of a process that was killed; the next one of that name replaces it, or remove it",
+                socket));
+        }
+        if (!isLeft(name) || left.size() <= DoctorPage::MOST) {
+            page.addLine("  " + name.name, describe(name, process));
+        }
+        Dictionary entry{{"name", name.name}};
+        if (name.holder != 0) {
+            entry.set("pid", std::int64_t{name.holder});
+            entry.set("user", process.user);
+            entry.set("executable", process.executable);
+            entry.set("library", process.library);
+            entry.set("files_removed", name.isLost);
+        }
+        names.emplace_back(std::move(entry));
+    }
+    if (left.size() > DoctorPage::MOST) {
+        page.addLine(fmt::format("  and {} more", left.size() - DoctorPage::MOST), "nobody: their sockets are left");
+    }
+    std::vector<std::string> wrong = findWrong(facts, blamed, deadline);
+    page.find(wrong, "findings about processes with a name here; see to those above first");
+    page.find(left, "sockets are left of processes that were killed");
+    page.facts.set("names", std::move(names));
+    if (!facts.strays.empty()) {
+        page.findings.push_back(
+            fmt::format("{} has files that are none of Kesa's or were left by a killed process ({}), "
+                        "such as {}; remove them",
+                        facts.path, facts.strays.size(), facts.strays.front()));
+    }
+}
+
+/// One of this user that chose before it could choose as it would now.
+void addLeftBehind(DoctorPage& page, const RunDirectoryFacts& other, const std::string& chosen)
+{
+    const std::string ofUser = ::secure_getenv("XDG_RUNTIME_DIR") == nullptr ? "" : ::secure_getenv("XDG_RUNTIME_DIR");
+    if (other.path != ofUser + "/kesa" || chosen != SYSTEM_RUN_DIRECTORY) {
+        return;
+    }
+    for (const Name& name : other.names) {
+        if (name.holder != 0) {
+            page.findings.push_back(
+                fmt::format("{} ({}) meets others in {}, not in {}: it was started before this user "
+                            "could write there; restart it",
+                            name.name, name.holder, other.path, chosen));
+        }
+    }
+}
+
+/// The rule by which it was chosen, as far as it shows.
+std::string reasonOf(const RunDirectory& directory)
+{
+    const std::string source = directory.source();
+    if (source == "run_dir") {
+        return ::secure_getenv("KESA_RUN_DIR") == nullptr ? source : "run_dir, which wins over $KESA_RUN_DIR";
+    }
+    return source == "$XDG_RUNTIME_DIR"
+               ? fmt::format("{}, since this user may neither write into {} nor make it", source, SYSTEM_RUN_DIRECTORY)
+               : source;
+}
+
+} // namespace
+
+void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunDirectoryFacts& facts,
+                     const std::string& silent, comm::TimeNs deadline)
+{
+    page.addLine("run directory", fmt::format("{} ({})", directory.path(), reasonOf(directory)));
+    page.facts.set("run_directory", directory.path());
+    page.facts.set("run_directory_from", std::string(directory.source()));
+    if (facts.error == 0) {
+        addRights(page, facts);
+        addLost(page, facts);
+        addRealm(page, facts);
+        addNames(page, facts, silent, deadline);
+        return;
+    }
+    page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
+    if (!facts.names.empty()) {
+        addLost(page, facts);
+        addNames(page, facts, silent, deadline);
+    }
+    if (const RunDirectoryProblem problem = findProblem(facts, directory.source()); !problem.text.empty()) {
+        page.findings.push_back(problem.sentence());
+    }
+}
+
+void addOthers(DoctorPage& page, const RunDirectoryFacts& chosen)
+{
+    Value::Array others;
+    for (const RunDirectoryFacts& other : otherRunDirectories(chosen.path)) {
+        const auto held =
+            std::count_if(other.names.begin(), other.names.end(), [](const Name& name) { return name.holder != 0; });
+        const std::string realm = other.realmState == Realm::eGOOD ? other.realm : "none";
+        const std::string holders = holdersOf(other, false);
+        page.addLine("there is, too", fmt::format("{}, realm {}, {}{}", other.path, realm,
+                                                  holders.empty() ? "without a process" : "in which run ", holders));
+        others.emplace_back(Dictionary{{"path", other.path}, {"realm", realm}, {"names_held", std::int64_t{held}}});
+        addLeftBehind(page, other, chosen.path);
+    }
+    page.facts.set("other_run_directories", std::move(others));
+}
+
+} // namespace kesactl
