@@ -71,8 +71,9 @@ void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
         page.findings.push_back(fmt::format("{}/realm does not hold 16 hex digits; remove it when no process uses the "
                                             "directory",
                                             facts.path));
-    } else if (facts.realmState == Realm::eMISSING && std::none_of(facts.names.begin(), facts.names.end(), isLost) &&
-               !std::all_of(facts.names.begin(), facts.names.end(), isLeft)) {
+    } else if (facts.realmState == Realm::eMISSING &&
+               std::any_of(facts.names.begin(), facts.names.end(),
+                           [](const Name& name) { return !isLeft(name) && !isLost(name); })) {
         page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
                                             "realm than those that run; restart all of them",
                                             facts.path));
