@@ -68,7 +68,7 @@ std::size_t indentOf(std::string_view line)
     return column <= MOST ? column : begin == 0 ? 2 : begin;
 }
 
-std::string wrapped(std::string_view line, std::size_t width)
+std::string breakLine(std::string_view line, std::size_t width)
 {
     const std::string margin(indentOf(line), ' ');
     std::string text;
@@ -90,7 +90,9 @@ std::string wrapped(std::string_view line, std::size_t width)
     return text;
 }
 
-std::string wrappedLines(const std::string& text, int output)
+/// `text` with each line changed, in the width of the terminal; unchanged when `output` is none.
+template <class Change>
+std::string changeLines(const std::string& text, int output, Change change)
 {
     const std::size_t width = terminalWidth(output);
     if (width == 0) {
@@ -99,11 +101,17 @@ std::string wrappedLines(const std::string& text, int output)
     std::string whole;
     for (std::size_t begin = 0; begin < text.size();) {
         const std::size_t end = std::min(text.find('\n', begin), text.size());
-        whole.append(wrapped(std::string_view(text).substr(begin, end - begin), width));
+        whole.append(change(std::string_view(text).substr(begin, end - begin), width));
         whole.append(end < text.size() ? "\n" : "");
         begin = end + 1;
     }
     return whole;
+}
+
+std::string cut(std::string_view line, std::size_t width)
+{
+    const bool isTooLong = bytesOf(line, width) < line.size();
+    return isTooLong ? std::string(line.substr(0, bytesOf(line, width - 1))).append("…") : std::string(line);
 }
 
 void write(std::string_view text)
@@ -128,7 +136,7 @@ void printFailure(const Failure& failure, bool isJson)
     if (!isJson) {
         const std::string advice = failure.advice.empty() ? "" : "\n  -> " + visible(failure.advice);
         const std::string text = "kesactl: " + visible(failure.text) + advice;
-        std::fprintf(stderr, "%s\n", wrappedLines(text, STDERR_FILENO).c_str());
+        std::fprintf(stderr, "%s\n", changeLines(text, STDERR_FILENO, breakLine).c_str());
         return;
     }
     const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
@@ -139,7 +147,7 @@ void printFailure(const Failure& failure, bool isJson)
 
 std::string wrapped(const std::string& text)
 {
-    return wrappedLines(text, STDOUT_FILENO);
+    return changeLines(text, STDOUT_FILENO, breakLine);
 }
 
 bool fits(const std::string& text)
@@ -149,19 +157,7 @@ bool fits(const std::string& text)
 
 std::string fitted(const std::string& text)
 {
-    const std::size_t width = terminalWidth(STDOUT_FILENO);
-    if (width == 0) {
-        return text;
-    }
-    std::string cut;
-    for (std::size_t begin = 0; begin < text.size();) {
-        const std::size_t end = std::min(text.find('\n', begin), text.size());
-        const std::string_view line = std::string_view(text).substr(begin, end - begin);
-        const bool isTooLong = bytesOf(line, width) < line.size();
-        cut.append(line.substr(0, isTooLong ? bytesOf(line, width - 1) : line.size())).append(isTooLong ? "…\n" : "\n");
-        begin = end + 1;
-    }
-    return cut;
+    return changeLines(text, STDOUT_FILENO, cut);
 }
 
 std::string aligned(std::vector<std::vector<std::string>> rows)
