@@ -108,7 +108,7 @@ public:
     std::string reason() const
     {
         std::unique_lock<std::mutex> lock(m_mutex);
-        const std::string reason = m_reason;
+        std::string reason = m_reason;
         const std::vector<url> resolved = m_resolved;
         const bool isConnected = m_isConnected;
         if (m_status != 0 || !m_reasons) {

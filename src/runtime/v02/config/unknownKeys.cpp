@@ -48,9 +48,12 @@ void addUnknown(const Value& object, const std::string& path, const Keys& known,
         }
         const std::string name(ConfigReport::shortened(key));
         const std::string_view meant = util::nearestName(key, known);
-        const std::string question = meant.empty() ? "" : "; did you mean '" + std::string(meant) + "'?";
-        report.complaints.push_back(
-            {meant.empty() ? 2 : 3, false, path + name, UNKNOWN_KEY + (" '" + name + "'") + question});
+        std::string text(UNKNOWN_KEY);
+        text.append(" '").append(name).append("'");
+        if (!meant.empty()) {
+            text.append("; did you mean '").append(meant).append("'?");
+        }
+        report.complaints.push_back({meant.empty() ? 2 : 3, false, path + name, text});
     }
 }
 
