@@ -91,7 +91,10 @@ _kesactl() {
   # Not compgen -W, which would expand what stands in a path.
   COMPREPLY=()
   for value in "${words[@]}"; do
-    [[ $value != "$word"* ]] || COMPREPLY+=("$(printf '%q' "$value")")
+    if [[ $value == "$word"* ]]; then
+      printf -v value '%q' "$value"
+      COMPREPLY+=("$value")
+    fi
   done
 }
 

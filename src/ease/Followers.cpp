@@ -3,20 +3,24 @@
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/servicecomp.h>
+#include <tracing/Channel.h>
 
 #include <algorithm>
 #include <utility>
 
 namespace kesa {
 
-bool Followers::send(const Follower& follower, const optional<Payload>& payload)
+namespace {
+
+void traceLeftOut(const std::string& mimeType)
 {
-    if (payload) {
-        return follower.responder.next(*payload);
-    }
-    follower.responder.fail(500, obr::ErrorStorage::reason());
-    return true;
+    static const ::tracing::Channel channel("KESA_EASE");
+    KESA_TRACE(channel, 3, "[publish] a value is left out for those who follow as '%s': %s", mimeType.c_str(),
+               obr::ErrorStorage::reason().c_str());
+    obr::ErrorStorage::ack();
 }
+
+} // namespace
 
 void Followers::publish(Encode value)
 {
@@ -28,8 +32,11 @@ void Followers::publish(Encode value)
                                   [&follower](const auto& form) { return form.first == follower.mimeType; });
         if (known == encoded.end()) {
             known = encoded.emplace(known, follower.mimeType, m_last(follower.mimeType));
+            if (!known->second) {
+                traceLeftOut(follower.mimeType);
+            }
         }
-        return send(follower, known->second);
+        return known->second && follower.responder.next(*known->second);
     };
     m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(), hasLeft), m_followers.end());
 }
@@ -54,7 +61,15 @@ void Followers::answer(const Request& request, const Responder& responder)
         responder.fail(404, "there is no value yet");
         return;
     }
-    const bool hasLeft = m_last && send(follower, m_last(follower.mimeType));
+    const optional<Payload> last = m_last ? m_last(follower.mimeType) : optional<Payload>();
+    if (!last && !isFollowing) {
+        responder.fail(500, obr::ErrorStorage::reason());
+        return;
+    }
+    if (!last && m_last) {
+        traceLeftOut(follower.mimeType);
+    }
+    const bool hasLeft = last && responder.next(*last);
     if (!isFollowing) {
         responder.complete();
     } else if (!hasLeft) {

@@ -1,6 +1,9 @@
 // How a process learns that the registry knows its service: a tracking of the own path is told by the own runtime,
 // which never asks for what it provides itself. So the registry is asked as any service is, with its request for a
 // tracking, over the connection that the runtime has to it. Nothing is asked until somebody wants to know.
+//
+// One that ends before it is answered withdraws nothing until it is, see `end`. Whoever provides the path meanwhile
+// would be refused for it, so he registers when that answer has come: `Ending`.
 #include "waiting.h"
 
 #include <kesa/core/PayloadConversion.h>
@@ -14,6 +17,7 @@
 #include <obr/ErrorStorage.h>
 #include <tracing/Channel.h>
 
+#include <map>
 #include <mutex>
 #include <utility>
 #include <vector>
@@ -44,23 +48,18 @@ public:
     Impl(IRuntimeRegistry* runtime, std::string path, OnRefused onRefused)
         : m_runtime(runtime), m_path(std::move(path)), m_onRefused(std::move(onRefused))
     {}
+    Impl(const Impl&) = delete;
+    Impl& operator=(const Impl&) = delete;
+    /// Without an answer when the runtime has ended, and then nobody waits for it any more.
+    ~Impl() { Ending::remove(m_runtime, m_path, this); }
 
     void start(std::shared_ptr<IKesaApi> service, const GenericObject& metainfo)
     {
-        Disposable registration;
-        const auto registerAt = [&](IRuntimeRegistry& runtime) {
-            registration = runtime.registerService(
-                m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
-                handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
-                                    [self = shared_from_this()](const Response& error) { self->refused(error); }));
-        };
-        if (m_runtime != nullptr) {
-            registerAt(*m_runtime);
-        } else if (!runtime::v02::KesaRuntime::withInstance(registerAt)) {
-            refused(Response::createErrorResponse(503, detail::NO_RUNTIME));
+        const std::shared_ptr<Impl> before = Ending::find(m_runtime, m_path);
+        if (!before || !before->startAfter(
+                           [self = shared_from_this(), service, metainfo] { self->registerIt(service, metainfo); })) {
+            registerIt(std::move(service), metainfo);
         }
-        const std::lock_guard<std::mutex> lock(m_mutex); // not within `withInstance`: `ask` takes the two in turn
-        m_registration = std::move(registration);
     }
 
     void whenKnown(util::UniqueFunction<void()> handler)
@@ -70,7 +69,7 @@ public:
             if (m_state == State::eOVER) {
                 return;
             }
-            if (m_state == State::eASKED) {
+            if (m_state != State::ePROVIDED) {
                 m_waiting.push_back(std::move(handler));
                 return;
             }
@@ -90,9 +89,13 @@ public:
             waiting.swap(m_waiting);
             // What is asked for may yet be refused, and its `Disposable` would end what is in its way: left to the
             // answer.
-            if (m_state == State::ePROVIDED) {
+            if (m_state == State::eASKED) {
+                Ending::add(m_runtime, m_path, weak_from_this());
+            } else {
+                if (m_state == State::ePROVIDED) {
+                    registration = std::exchange(m_registration, {});
+                }
                 m_state = State::eOVER;
-                registration = m_registration;
             }
         }
         registration.dispose();
@@ -103,22 +106,128 @@ public:
     }
 
 private:
-    enum class State { eASKED, ePROVIDED, eOVER };
+    /// `eWAITING`: for the answer to one of the same path that has ended.
+    enum class State { eWAITING, eASKED, ePROVIDED, eOVER };
+
+    /// Those of this process that have ended and are not answered yet, the last one of each path. Any thread.
+    class Ending {
+    public:
+        static std::shared_ptr<Impl> find(IRuntimeRegistry* runtime, const std::string& path)
+        {
+            const std::lock_guard<std::mutex> lock(mutex());
+            const auto found = table().find({runtime, path});
+            return found == table().end() ? nullptr : found->second.lock();
+        }
+        static void add(IRuntimeRegistry* runtime, const std::string& path, std::weak_ptr<Impl> registration)
+        {
+            const std::lock_guard<std::mutex> lock(mutex());
+            table()[{runtime, path}] = std::move(registration);
+        }
+        /// Also those that have gone without an answer.
+        static void remove(IRuntimeRegistry* runtime, const std::string& path, const Impl* registration)
+        {
+            std::shared_ptr<Impl> known; // may be the last of its owners, so not destroyed under the lock
+            const std::lock_guard<std::mutex> lock(mutex());
+            const auto found = table().find({runtime, path});
+            if (found != table().end()) {
+                known = found->second.lock();
+                if (!known || known.get() == registration) {
+                    table().erase(found);
+                }
+            }
+        }
+
+    private:
+        using Table = std::map<std::pair<IRuntimeRegistry*, std::string>, std::weak_ptr<Impl>>;
+        static std::mutex& mutex()
+        {
+            static std::mutex& instance = *new std::mutex;
+            return instance;
+        }
+        static Table& table()
+        {
+            static Table& instance = *new Table;
+            return instance;
+        }
+    };
+
+    /// False when there is nothing to wait for.
+    bool startAfter(util::UniqueFunction<void()> next)
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_hasEnded || m_state != State::eASKED) {
+            return false;
+        }
+        m_next.push_back(std::move(next));
+        return true;
+    }
+
+    /// The path is free, or another's.
+    void startNext()
+    {
+        std::vector<util::UniqueFunction<void()>> next;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            m_state = State::eOVER;
+            next.swap(m_next);
+        }
+        Ending::remove(m_runtime, m_path, this);
+        for (auto& start : next) {
+            start();
+        }
+    }
+
+    void registerIt(std::shared_ptr<IKesaApi> service, const GenericObject& metainfo)
+    {
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_hasEnded) {
+                return;
+            }
+            m_state = State::eASKED;
+        }
+        Disposable registration;
+        const auto registerAt = [&](IRuntimeRegistry& runtime) {
+            registration = runtime.registerService(
+                m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
+                handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
+                                    [self = shared_from_this()](const Response& error) { self->refused(error); }));
+        };
+        if (m_runtime != nullptr) {
+            registerAt(*m_runtime);
+        } else if (!runtime::v02::KesaRuntime::withInstance(registerAt)) {
+            refused(Response::createErrorResponse(503, detail::NO_RUNTIME));
+        }
+        std::unique_lock<std::mutex> lock(m_mutex); // not within `withInstance`: `ask` takes the two in turn
+        m_registration = std::move(registration);
+        if (m_hasEnded && m_isProvided) { // another thread was faster
+            registration = std::exchange(m_registration, {});
+            lock.unlock();
+            registration.dispose();
+        }
+    }
 
     void provided(const ServiceDef& record)
     {
         std::vector<util::UniqueFunction<void()>> waiting;
         Disposable unwanted;
+        bool hasEnded = false;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_state = m_hasEnded ? State::eOVER : State::ePROVIDED;
+            m_isProvided = true;
             m_locators = record.locators;
             waiting.swap(m_waiting);
-            if (m_hasEnded) {
-                unwanted = m_registration;
+            hasEnded = m_hasEnded;
+            if (hasEnded) {
+                unwanted = std::exchange(m_registration, {});
+            } else {
+                m_state = State::ePROVIDED;
             }
         }
-        unwanted.dispose();
+        if (hasEnded) {
+            unwanted.dispose();
+            startNext();
+        }
         for (auto& handler : waiting) {
             ask(std::move(handler));
         }
@@ -130,10 +239,10 @@ private:
         std::vector<util::UniqueFunction<void()>> waiting;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            m_state = State::eOVER;
             registry = m_registry;
             waiting.swap(m_waiting);
         }
+        startNext();
         if (registry) {
             registry->end();
         }
@@ -188,11 +297,13 @@ private:
     OnRefused m_onRefused;          ///< under `m_telling`
 
     std::mutex m_mutex; ///< of all below
-    State m_state = State::eASKED;
+    State m_state = State::eWAITING;
     bool m_hasEnded = false;
+    bool m_isProvided = false; ///< it has been, whatever came then
     Disposable m_registration;
     std::vector<url> m_locators;                         ///< once provided
     std::vector<util::UniqueFunction<void()>> m_waiting; ///< until then
+    std::vector<util::UniqueFunction<void()>> m_next;    ///< what waits for the answer to one that has ended
     std::shared_ptr<Client> m_registry;                  ///< once somebody wants to know
 };
 

@@ -6,6 +6,9 @@
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/mimetypes.h>
 #include <obr/ErrorStorage.h>
+#include <tracing/Channel.h>
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <string>
@@ -34,6 +37,26 @@ Value asValue(const Resource& resource)
     return object;
 }
 
+/// One that cannot be told (a text that is no UTF-8, a schema that is nested too deep) hides no other.
+Value::Array thoseWithAForm(const Value::Array& list)
+{
+    Value::Array left;
+    for (const Value& resource : list) {
+        obr::ErrorStorage::ack();
+        if (serializer::toPayload(Value(Value::Array{resource}), mimetypes::JSON)) {
+            left.push_back(resource);
+        } else {
+            static const ::tracing::Channel channel("KESA_EASE");
+            KESA_TRACE_TEXT(channel, 3,
+                            fmt::format("[resources] '{} {}' is left out of what the service says of itself: {}",
+                                        resource["command"].stringView(), resource["resource"].stringView(),
+                                        obr::ErrorStorage::reason()));
+        }
+    }
+    obr::ErrorStorage::ack();
+    return left;
+}
+
 } // namespace
 
 bool areAskedBy(const Request& request) noexcept
@@ -51,7 +74,8 @@ optional<Payload> describe(std::vector<Resource> resources)
         list.push_back(asValue(resource));
     }
     obr::ErrorStorage::ack();
-    return serializer::toPayload(Value(std::move(list)), mimetypes::JSON);
+    auto all = serializer::toPayload(Value(list), mimetypes::JSON);
+    return all ? std::move(all) : serializer::toPayload(Value(thoseWithAForm(list)), mimetypes::JSON);
 }
 
 void* tell(IResponseHandler<Response>& handler, std::vector<Resource> resources)

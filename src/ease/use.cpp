@@ -64,8 +64,12 @@ public:
         if (const auto* const whole = dynamic_cast<const IKesaRuntime*>(runtime)) {
             m_reasons = whole->reasons();
         }
-        const std::lock_guard<std::recursive_mutex> lock(m_news);
-        m_tracking = runtime->trackService(m_path, std::make_unique<Tracking>(shared_from_this()));
+        // Without `m_news`: who calls us may hold what a handler of `onChange` asks for when it calls `use`.
+        Disposable tracking = runtime->trackService(m_path, std::make_unique<Tracking>(shared_from_this()));
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_hasEnded) { // by the runtime, which ends its trackings itself
+            m_tracking = std::move(tracking);
+        }
     }
 
     /// Nothing of this is touched after a handler has been called: it may drop the client.

@@ -45,7 +45,8 @@ public:
     /// is back; never where there is no registry, or when the service is refused. On the I/O loop: it must not block.
     void whenKnown(util::UniqueFunction<void()> handler);
 
-    /// Withdraws the service. Twice is harmless.
+    /// Withdraws the service. Twice is harmless. From then on the path may be provided again; while it is provided, a
+    /// second one is refused (409), so `lamp = kesa::provide("/lamps/desk", ...)` needs `lamp.reset()` before.
     void end();
 
 private:

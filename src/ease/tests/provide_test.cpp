@@ -100,8 +100,13 @@ TEST_F(Provide, LeavesItsEndToTheAnswerThatIsOutstanding)
     whenKnown("never");
     registration->end();
     EXPECT_THAT(runtime.take(), ElementsAre("register /p"));
-    provided();
-    EXPECT_THAT(runtime.take(), ElementsAre("unregister /p"));
+    auto soon = provide(runtime, "/p", service);
+    const auto later = provide(runtime, "/p", service);
+    soon->end();
+    EXPECT_THAT(runtime.take(), IsEmpty()) << "this process would be refused for its own";
+    const auto before = std::move(runtime.registrator);
+    before->onNext(PlayedRuntime::record("ipc://me/p"));
+    EXPECT_THAT(runtime.take(), ElementsAre("unregister /p", "register /p")) << "of the one that has not ended";
 
     registration = provide(runtime, "/q", service);
     registration->end();
