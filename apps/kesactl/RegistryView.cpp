@@ -24,9 +24,6 @@ using kesa::serviceregistry::ServiceRegistryPexClient;
 using Kind = RegistryView::Event::Kind;
 using Updates = std::vector<RegistryUpdate>;
 
-/// From the start of a registry until every provider has found it again: their longest pause, and some.
-constexpr comm::TimeNs SETTLING = 1500 * comm::MILLISECOND;
-
 /// Shared with the handlers, which may be called as long as the runtime runs.
 struct RegistryView::State : std::enable_shared_from_this<State> {
     void connected(const std::shared_ptr<kesa::IKesaApi>& api);

@@ -22,6 +22,9 @@ namespace kesactl {
 using kesa::serviceregistry::ServiceDef;
 using Services = std::map<std::string, ServiceDef>; // by path
 
+/// From the start of a registry until every provider has found it again: their longest pause, and some.
+inline constexpr comm::TimeNs SETTLING = 1500 * comm::MILLISECOND;
+
 /// What the registry says about the services that match a glob, kept true for as long as this object lives: by a query
 /// at the registry itself, repeated after each loss of the connection. A query, also for a single path: tracking a path
 /// gets no answer when nothing is there.

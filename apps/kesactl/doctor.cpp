@@ -9,6 +9,7 @@
 #include "explainNoRegistry.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "providersHere.h"
 #include "reviewSettings.h"
 #include "runDirectoryProblem.h"
 
@@ -108,12 +109,13 @@ void addRegistry(DoctorPage& page, const apps::RegistryPlace& place, bool isConf
 
 /// What the registry says.
 struct Answer {
-    std::optional<std::uint64_t> services; ///< how many; absent: it does not answer
-    std::string silent;                    ///< the process that should, and does not
+    bool isThere = false;
+    std::optional<Services> services; ///< absent: it does not answer
+    std::string silent;               ///< the process that should, and does not
     std::string problem;
 };
 
-Answer askRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
+Answer lookForRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
 {
     Answer answer;
     if (!place.problem.empty()) {
@@ -127,21 +129,49 @@ Answer askRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
             break;
         }
     }
-    if (found.back().cause != "slow") {
+    answer.isThere = found.back().cause == "slow";
+    if (!answer.isThere) {
         const std::string locator = place.locators.front().toString();
         answer.silent = processOf(place.locators.front());
         answer.problem =
             fmt::format("{} {}: {}", found.front().isSomebodyThere ? "no answer of the registry at" : "no registry at",
                         locator, found.front().sentence());
-        return answer;
     }
+    return answer;
+}
+
+void listServices(Answer& answer, comm::TimeNs deadline)
+{
     try {
         const System system;
-        answer.services = system.view("**")->list(deadline, true).services.size();
+        answer.services = system.view("**")->list(deadline, true).services;
     } catch (const Failure& failure) {
         answer.problem = failure.sentence();
     }
-    return answer;
+}
+
+/// What processes here provide, and the registry does not know. It was asked after them, and nothing is said while they
+/// may not have found each other yet. `registry`: its process.
+void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, const std::string& registry,
+                const Services& known)
+{
+    if (std::any_of(reports.begin(), reports.end(), [&registry](const ProcessReport& report) {
+            return report.name == registry && isYoung(report.started());
+        })) {
+        return;
+    }
+    std::vector<std::string> found;
+    for (const ProcessReport& report : reports) {
+        const auto& services = report.answer["services"].items();
+        const auto unknown = std::find_if(services.begin(), services.end(),
+                                          [&known](const Value& path) { return known.count(path.toText()) == 0; });
+        if (unknown != services.end() && !isYoung(report.started())) {
+            found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it; kesactl why {} "
+                                        "says more",
+                                        report.name, report.pid, unknown->toText(), unknown->toText()));
+        }
+    }
+    page.find(found, "processes provide what the registry does not know");
 }
 
 /// Not if another finding has said why it does not answer.
@@ -150,9 +180,9 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     if (!place.problem.empty()) {
         return;
     }
-    page.addLine("it answers", answer.services ? fmt::format("{} services", *answer.services) : "nothing");
+    page.addLine("it answers", answer.services ? fmt::format("{} services", answer.services->size()) : "nothing");
     if (answer.services) {
-        page.facts.set("services", *answer.services);
+        page.facts.set("services", std::uint64_t{answer.services->size()});
     }
     const bool isLostOne = std::any_of(facts.names.begin(), facts.names.end(), [&answer](const Name& name) {
         return name.isLost && name.name == answer.silent;
@@ -174,10 +204,16 @@ bool diagnose(bool isJson)
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
     addRegistry(page, place, configuration.isValid);
     const RunDirectoryFacts facts(runDirectory.path());
-    const Answer answer = askRegistry(place, begin + comm::SECOND);
-    addRunDirectory(page, runDirectory, facts, answer.silent, begin + 2 * comm::SECOND);
+    Answer answer = lookForRegistry(place, begin + comm::SECOND);
+    const auto reports = addRunDirectory(page, runDirectory, facts, answer.silent, begin + 1500 * comm::MILLISECOND);
     addOthers(page, facts);
+    if (answer.isThere) {
+        listServices(answer, begin + 2 * comm::SECOND);
+    }
     addAnswer(page, place, facts, answer);
+    if (answer.services) {
+        addUnknown(page, reports, processOf(place.locators.front()), *answer.services);
+    }
     print(isJson ? page.asJson() : wrapped(page.asText()));
     return !page.findings.empty();
 }

@@ -1,7 +1,6 @@
 #include "doctor_runDirectory.h"
 
 #include "ProcessFacts.h"
-#include "ProcessReport.h"
 #include "otherRunDirectories.h"
 #include "runDirectoryProblem.h"
 
@@ -80,12 +79,18 @@ void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
     }
 }
 
-/// What keeps others from the processes. All are asked at once. `blamed`: of that one it is said already.
-std::vector<std::string> findWrong(RunDirectoryFacts facts, const std::string& blamed, comm::TimeNs deadline)
+/// All are asked at once.
+std::vector<ProcessReport> lookAtAll(RunDirectoryFacts facts, comm::TimeNs deadline)
 {
     std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
+    return lookAtProcesses(facts, "", deadline);
+}
+
+/// What keeps others from the processes. `blamed`: of that one it is said already.
+std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, const std::string& blamed)
+{
     std::vector<std::string> wrong;
-    for (const ProcessReport& report : lookAtProcesses(facts, "", deadline)) {
+    for (const ProcessReport& report : reports) {
         if (!report.advice.empty() && report.note != "does not say" && report.name != blamed) {
             wrong.push_back(report.advice);
         }
@@ -112,7 +117,8 @@ std::string describe(const Name& name, const ProcessFacts& process)
                            : fmt::format("process {}, which is not visible from here", pid);
 }
 
-void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::string& blamed, comm::TimeNs deadline)
+std::vector<ProcessReport> addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::string& blamed,
+                                    comm::TimeNs deadline)
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
@@ -141,7 +147,8 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::strin
     if (left.size() > DoctorPage::MOST) {
         page.addLine(fmt::format("  and {} more", left.size() - DoctorPage::MOST), "nobody: their sockets are left");
     }
-    std::vector<std::string> wrong = findWrong(facts, blamed, deadline);
+    std::vector<ProcessReport> reports = lookAtAll(facts, deadline);
+    std::vector<std::string> wrong = findWrong(reports, blamed);
     page.find(wrong, "findings about processes with a name here; see to those above first");
     page.find(left, "sockets are left of processes that were killed");
     page.facts.set("names", std::move(names));
@@ -151,6 +158,7 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::strin
                         "such as {}; remove them",
                         facts.path, facts.strays.size(), facts.strays.front()));
     }
+    return reports;
 }
 
 /// One of this user that chose before it could choose as it would now.
@@ -184,8 +192,9 @@ std::string reasonOf(const RunDirectory& directory)
 
 } // namespace
 
-void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunDirectoryFacts& facts,
-                     const std::string& silent, comm::TimeNs deadline)
+std::vector<ProcessReport> addRunDirectory(DoctorPage& page, const RunDirectory& directory,
+                                           const RunDirectoryFacts& facts, const std::string& silent,
+                                           comm::TimeNs deadline)
 {
     page.addLine("run directory", fmt::format("{} ({})", directory.path(), reasonOf(directory)));
     page.facts.set("run_directory", directory.path());
@@ -194,17 +203,21 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
         addRights(page, facts);
         addLost(page, facts);
         addRealm(page, facts);
-        addNames(page, facts, silent, deadline);
-        return;
+        return addNames(page, facts, silent, deadline);
     }
-    page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
+    const RunDirectoryProblem problem = findProblem(facts, directory.source());
+    if (problem.text.empty()) {
+        page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
+    }
+    std::vector<ProcessReport> reports;
     if (!facts.names.empty()) {
         addLost(page, facts);
-        addNames(page, facts, silent, deadline);
+        reports = addNames(page, facts, silent, deadline);
     }
-    if (const RunDirectoryProblem problem = findProblem(facts, directory.source()); !problem.text.empty()) {
+    if (!problem.text.empty()) {
         page.findings.push_back(problem.sentence());
     }
+    return reports;
 }
 
 void addOthers(DoctorPage& page, const RunDirectoryFacts& chosen)

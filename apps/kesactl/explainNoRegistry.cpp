@@ -1,13 +1,12 @@
 #include "explainNoRegistry.h"
 
-#include "askProcesses.h"
 #include "otherRunDirectories.h"
+#include "providersHere.h"
 #include "runDirectoryProblem.h"
 
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
-#include <obr/ErrorStorage.h>
 #include <runtime/v02/config/KesaConfig.h>
 
 #include <fmt/format.h>
@@ -24,27 +23,13 @@ using kesa::runtime::v02::KesaConfigAccessor;
 using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::ServiceDef;
 using kesa::serviceregistry::ServiceRegistryPex;
-using util::config::Value;
 
-/// A process of the chosen run directory that provides the registry's path; empty: there is none.
-std::string findRegistryHere(comm::TimeNs deadline)
+/// Processes meet there, or a registry has left its socket: so one is missed there, and the directory is no mistake.
+bool isUsed(const RunDirectoryFacts& directory, const std::string& registry)
 {
-    std::vector<std::string> names;
-    for (const auto& name : RunDirectoryFacts(chosenRunDirectory()).names) {
-        if (!name.isLost && name.hasSocket && name.connectError == 0) {
-            names.push_back(name.name);
-        }
-    }
-    if (names.empty()) {
-        return {};
-    }
-    for (const auto& [name, said] : askProcesses(names, deadline)) {
-        const auto& services = said.answer["services"].items();
-        if (std::find(services.begin(), services.end(), Value(ServiceRegistryPex::SERVICE_PATH)) != services.end()) {
-            return name;
-        }
-    }
-    return {};
+    return std::any_of(directory.names.begin(), directory.names.end(), [&registry](const auto& each) {
+        return (each.holder != 0 && !each.isLost) || (each.name == registry && each.hasSocket);
+    });
 }
 
 std::string join(const std::vector<ServiceDef>& services)
@@ -63,6 +48,12 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 {
     const comm::TimeNs deadline = comm::now() + within;
     Unreached why = explainUnreachable(registry, within);
+    if (why.cause == "not-provided") {
+        why.advice = registry.path() == ServiceRegistryPex::SERVICE_PATH
+                         ? fmt::format("\"{}\" is no registry: name the process that is one", processOf(registry))
+                         : fmt::format("a registry's path is \"{}\": correct it in \"service_registry_locators\"",
+                                       ServiceRegistryPex::SERVICE_PATH);
+    }
     if (why.cause != "nobody-listens") {
         return why;
     }
@@ -71,7 +62,8 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
         return {"bad-run-directory", problem.text + (others.empty() ? "" : "; a registry runs in " + namesOf(others)),
                 problem.advice};
     }
-    if (const std::string here = findRegistryHere(deadline); !here.empty()) {
+    if (const auto found = findProviderHere(ServiceRegistryPex::SERVICE_PATH, deadline)) {
+        const std::string& here = found->name;
         why.cause = "other-registry";
         const char* const node = ::secure_getenv("KESA_NODE");
         why.text += fmt::format(", but \"{}\" is a registry here{}", here,
@@ -83,10 +75,17 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
         return why;
     }
     const auto others = otherDirectoriesOf(processOf(registry));
-    why.cause = others.empty() ? "no-registry" : "other-run-directory";
-    why.advice = others.empty() ? "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses"
-                                : fmt::format("{}, or start a registry here", howToMeetIn(others.front()));
     why.text += others.empty() ? "" : "; a registry runs in " + namesOf(others);
+    if (others.empty()) {
+        why.cause = "no-registry";
+        why.advice = "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
+    } else if (isUsed(RunDirectoryFacts(chosenRunDirectory()), processOf(registry))) {
+        why.cause = "no-registry";
+        why.advice = fmt::format("start kesa-registryd here, or {}", howToMeetIn(others.front()));
+    } else {
+        why.cause = "other-run-directory";
+        why.advice = fmt::format("{}, or start a registry here", howToMeetIn(others.front()));
+    }
     return why;
 }
 
@@ -103,7 +102,13 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
                                     [&path](const ServiceDef& service) { return service.path.toString() == path; });
     if (found != services.end() && !found->locators.empty()) {
         const kesa::url& locator = found->locators.front();
-        const Unreached why = explainUnreachable(locator);
+        Unreached why = explainUnreachable(locator);
+        if (why.cause == "not-provided") {
+            why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
+                                     "in its document (kesactl check-config --process {0}) may differ from its own; or "
+                                     "it has yet to provide it",
+                                     processOf(locator));
+        }
         const std::string where = fmt::format("{} has it at {}", place.source, locator.toString());
         return why.cause == "slow"
                    ? Verdict{std::string(Verdict::WORKS), where + ", and its process provides it", {}, {}}

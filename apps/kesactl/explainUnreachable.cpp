@@ -4,9 +4,13 @@
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
 
+#include <util/nearestName.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <string_view>
+#include <vector>
 
 namespace kesactl {
 namespace {
@@ -27,7 +31,18 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
                             facts.path),
                 "restart it, and keep cleaners out of the run directory"};
     }
-    return {"nobody-listens", found.reason, "start it, or set KESA_RUN_DIR to the directory it uses"};
+    std::vector<std::string_view> held;
+    for (const auto& each : facts.names) {
+        if (each.holder != 0 && !each.isLost) {
+            held.emplace_back(each.name);
+        }
+    }
+    const std::string_view meant = util::nearestName(process, held);
+    return {"nobody-listens", found.reason,
+            meant.empty() ? "start it, or set KESA_RUN_DIR to the directory it uses"
+                          : fmt::format("is \"{}\" meant, which runs here? Else start it, or set KESA_RUN_DIR to the "
+                                        "directory it uses",
+                                        meant)};
 }
 
 Unreached explainSilent(const Unreachable& found)

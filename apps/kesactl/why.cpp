@@ -11,7 +11,9 @@
 #include "explainNoRegistry.h"
 #include "nameHolders.h"
 #include "options.h"
+#include "otherRunDirectories.h"
 #include "output.h"
+#include "providersHere.h"
 #include "whyAbsent.h"
 #include "whyNotTold.h"
 
@@ -30,7 +32,9 @@
 
 #include <algorithm>
 #include <iterator>
+#include <optional>
 #include <unistd.h>
+#include <utility>
 
 namespace kesactl {
 namespace {
@@ -51,6 +55,25 @@ Verdict unreached(const kesa::url& registry)
     return {why.cause, fmt::format("the registry at {}: {}", registry.toString(), why.text), why.advice, {}};
 }
 
+/// To a registry. `process`: also whether that one is told of it; may be empty.
+kesa::Request questionAbout(const std::string& path, const std::string& process)
+{
+    const std::string body =
+        process.empty() ? "{}" : fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(process));
+    return {IServiceRegistry::EXPLAIN, path, kesa::Payload::createFromString(body, kesa::mimetypes::JSON)};
+}
+
+/// Of the locators of a record the one that the runtime has taken, which is the first that is understood here.
+std::pair<kesa::url, Unreached> explainTaken(const ServiceDef& service)
+{
+    auto locator = service.locators.begin();
+    Unreached why = explainUnreachable(*locator);
+    while (why.cause == "bad-locator" && std::next(locator) != service.locators.end()) {
+        why = explainUnreachable(*++locator);
+    }
+    return {*locator, std::move(why)};
+}
+
 class Search {
 public:
     explicit Search(const Arguments& arguments) : m_arguments(arguments) {}
@@ -60,11 +83,11 @@ public:
     const Value& explanation() const noexcept { return m_explanation; }
 
 private:
-    Verdict askRegistry(const kesa::url& registry);
-    Verdict judge(const std::string& registry);
+    std::optional<Verdict> askRegistry(const kesa::url& registry);
+    Verdict judge(const kesa::url& registry) const;
     Verdict explainRealm() const;
     Verdict reach() const;
-    Verdict call(const Connection::Client& client, const std::string& locator) const;
+    Verdict call(const Connection::Client& client, const ServiceDef& service) const;
     Answers::Answer ask(const Connection::Client& client, kesa::Request request) const;
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
@@ -80,22 +103,35 @@ Verdict Search::run()
         return explainWithoutRegistry(place, m_arguments.path);
     }
     const System system;
-    return askRegistry(place.locators.front());
+    const kesa::url& registry = place.locators.front();
+    if (auto failure = askRegistry(registry)) {
+        return *failure;
+    }
+    Verdict verdict = judge(registry);
+    if (verdict.cause != "never-registered") {
+        return verdict;
+    }
+    const auto provider =
+        findProviderHere(m_arguments.path, std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
+    if (!provider) {
+        return verdict;
+    }
+    if (auto failure = askRegistry(registry)) { // it may have registered meanwhile
+        return *failure;
+    }
+    Verdict now = judge(registry);
+    return now.cause == "never-registered" ? explainHereOnly(*provider, registry) : now;
 }
 
-Verdict Search::askRegistry(const kesa::url& registry)
+/// A verdict when it has not explained the path.
+std::optional<Verdict> Search::askRegistry(const kesa::url& registry)
 {
     Connection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
     const Connection::Client client = connection.tryClient(m_arguments.common.deadline());
     if (!client) {
         return unreached(registry);
     }
-    const std::string body = m_arguments.process.empty() ? "{}"
-                                                         : fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR,
-                                                                       asJsonString(m_arguments.process));
-    const Answers::Answer answer =
-        ask(client, kesa::Request(IServiceRegistry::EXPLAIN, m_arguments.path,
-                                  kesa::Payload::createFromString(body, kesa::mimetypes::JSON)));
+    const Answers::Answer answer = ask(client, questionAbout(m_arguments.path, m_arguments.process));
     if (answer.kind == Answers::Kind::eTIMED_OUT || answer.response.getStatus() == 503 ||
         answer.response.getStatus() == 504) {
         return unreached(registry);
@@ -103,19 +139,18 @@ Verdict Search::askRegistry(const kesa::url& registry)
     if (answer.kind != Answers::Kind::eVALUE ||
         util::config::JSONParser().parseString(answer.response.getPayload().text(), m_explanation)) {
         obr::ErrorStorage::ack();
-        return {"old-registry",
-                fmt::format("the registry does not explain: {}", kesa::reasonOf(answer.response)),
-                "update kesa-registryd; until then kesactl show says whether it is there",
-                {}};
+        return Verdict{"old-registry",
+                       fmt::format("the registry does not explain: {}", kesa::reasonOf(answer.response)),
+                       "update kesa-registryd; until then kesactl show says whether it is there",
+                       {}};
     }
-    const std::string_view authority = registry.authority();
-    return judge(std::string(authority.substr(0, authority.find('+'))));
+    return std::nullopt;
 }
 
-Verdict Search::judge(const std::string& registry)
+Verdict Search::judge(const kesa::url& registry) const
 {
     if (m_explanation["registered"] != true) {
-        return explainAbsence(m_explanation, registry);
+        return explainAbsence(m_explanation, processOf(registry));
     }
     if (m_explanation["hiddenBy"] == "realm") {
         return explainRealm();
@@ -170,24 +205,21 @@ Verdict Search::reach() const
     }
     Connection connection(service);
     if (const Connection::Client client = connection.tryClient(m_arguments.common.deadline())) {
-        return call(client, service.locators.front().toString());
+        return call(client, service);
     }
-    // Of several, the one that the runtime has taken: the first that is understood here.
-    auto locator = service.locators.begin();
-    Unreached why = explainUnreachable(*locator);
-    while (why.cause == "bad-locator" && std::next(locator) != service.locators.end()) {
-        why = explainUnreachable(*++locator);
-    }
+    const auto [locator, why] = explainTaken(service);
     return {why.cause,
-            fmt::format("{} has registered it at {}: {}", holder(), locator->toString(), why.text),
+            fmt::format("{} has registered it at {}: {}", holder(), locator.toString(), why.text),
             why.advice,
             {}};
 }
 
-Verdict Search::call(const Connection::Client& client, const std::string& locator) const
+Verdict Search::call(const Connection::Client& client, const ServiceDef& service) const
 {
-    // As `ping` does: a command that no service has, so whatever is said of it is an answer.
-    const Answers::Answer answer = ask(client, kesa::Request("ping", "/"));
+    // As `ping` does: a command that no service has, so whatever is said of it is an answer. A registry would complain.
+    const bool isRegistry = m_explanation["holder"]["record"]["type"] == "registry";
+    const Answers::Answer answer =
+        ask(client, isRegistry ? questionAbout(m_arguments.path, {}) : kesa::Request("ping", "/"));
     const auto status = answer.response.getStatus();
     if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
         const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
@@ -203,16 +235,22 @@ Verdict Search::call(const Connection::Client& client, const std::string& locato
                 "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
                 {}};
     }
-    if (answer.kind == Answers::Kind::eERROR && status == 503) {
+    // Of the connection, or the service's own.
+    const bool isRefusal = answer.kind == Answers::Kind::eERROR && status == 503;
+    if (isRefusal && explainTaken(service).second.cause != "slow") {
         return {"not-provided",
                 fmt::format("{} has just gone: {}", holder(), kesa::reasonOf(answer.response)),
                 "ask again",
                 {}};
     }
     return {std::string(Verdict::WORKS),
-            fmt::format("{} has provided it since {} at {}, and answers", holder(),
-                        timeText(m_explanation["holder"]["since"]), locator),
-            {},
+            fmt::format("{} has provided it since {} at {}, {}", holder(), timeText(m_explanation["holder"]["since"]),
+                        service.locators.front().toString(),
+                        isRefusal ? fmt::format("but its service itself answers {}", kesa::reasonOf(answer.response))
+                                  : "and answers"),
+            isRefusal ? fmt::format("{}'s log may say what its service waits for",
+                                    m_explanation["holder"]["provider"].toText())
+                      : "",
             {}};
 }
 

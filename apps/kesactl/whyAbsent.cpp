@@ -3,17 +3,12 @@
 #include "ProcessFacts.h"
 #include "otherRunDirectories.h"
 
-#include <comm/wallClock.h>
-
 #include <fmt/format.h>
 
 namespace kesactl {
 namespace {
 
 using util::config::Value;
-
-/// From the start of a registry until the providers of before have found it again.
-constexpr std::int64_t SETTLING_MS = 1500;
 
 /// Whoever provides it may run where this registry does not see it.
 void addElsewhere(Verdict& verdict, const std::string& registry)
@@ -38,7 +33,7 @@ void addElsewhere(Verdict& verdict, const std::string& registry)
 Verdict explainNever(const Value& explanation, const std::string& registry)
 {
     const Value& started = explanation["registryStarted"];
-    if (comm::wallClock() / comm::MILLISECOND - integerOf(started) < SETTLING_MS) {
+    if (isYoung(integerOf(started) * comm::MILLISECOND)) {
         return {"registry-young",
                 fmt::format("the registry started only at {}, and providers take up to a second to find it again",
                             timeText(started)),
@@ -106,6 +101,19 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
     Verdict verdict = last["what"] == "refused" ? explainRefused(last) : explainGone(last);
     verdict.notes = notesOf(explanation, 1);
     return verdict;
+}
+
+Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
+{
+    return {"provided-here-only",
+            fmt::format("{} ({}) provides it here, and the registry at {} does not know it", provider.name,
+                        provider.pid, registry.toString()),
+            provider.isYoung
+                ? "ask again: that process has just started"
+                : fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
+                              "kesactl check-config --process {0}",
+                              provider.name),
+            {}};
 }
 
 std::vector<std::string> notesOf(const Value& explanation, std::size_t withoutLast)

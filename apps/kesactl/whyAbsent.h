@@ -2,11 +2,17 @@
 #define KESACTL_WHYABSENT_H
 
 #include "Verdict.h"
+#include "providersHere.h"
+
+#include <kesa/url.h>
 
 namespace kesactl {
 
 /// Why nobody provides a path, by what the registry tells of it. `registry`: the name of the registry's process.
 Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry);
+
+/// Of a path that nobody has registered, and that a process of this run directory provides nevertheless.
+Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry);
 
 /// The events of a path, each as a sentence; but the last ones.
 std::vector<std::string> notesOf(const util::config::Value& explanation, std::size_t withoutLast);

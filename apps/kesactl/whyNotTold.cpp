@@ -47,7 +47,9 @@ Verdict explainUnknown(const std::string& process)
     const std::string_view meant = util::nearestName(process, names);
     return {"no-such-process",
             fmt::format("no process {} is known to the registry, or has its name in {}", process, facts.path),
-            meant.empty() ? "start it; kesactl doctor shows who is there" : fmt::format("did you mean {}?", meant),
+            meant.empty()
+                ? "start it; or it runs, asks for nothing and provides nothing: such a one is known by no name"
+                : fmt::format("did you mean {}?", meant),
             {}};
 }
 
@@ -123,7 +125,8 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     }
     if (asks.empty()) {
         return {"not-asked",
-                fmt::format("{} asks the registry for other services, and for none that {} would be", process, path),
+                fmt::format("{} asks the registry for nothing that {} would be: for other services, or for none",
+                            process, path),
                 "compare the paths and patterns that it tracks, letter by letter",
                 {}};
     }

@@ -4,7 +4,7 @@
 // show, and refuses the rest.
 // "/media/radio" is the same, and registered before it; its description has what a terminal obeys, and as its resources
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
-// both are.
+// both are; all that "media warming" answers is 503.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -94,6 +94,16 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
     return player;
 }
 
+struct WarmingUp : kesa::IKesaApi {
+    void* request(const Request& /*request*/,
+                  std::unique_ptr<kesa::IResponseHandler<kesa::Response>>&& handler) override
+    {
+        handler->onError(kesa::Response::createErrorResponse(503, "warming up"));
+        return nullptr;
+    }
+    void cancel(void* /*handle*/) override {}
+};
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -102,7 +112,8 @@ int main(int count, char** arguments)
     sigemptyset(&ends);
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
-    if (KesaRuntime::initInstance(count > 1 ? arguments[1] : "media", KesaRuntime::WITH_REGISTRYD)) {
+    const std::string name = count > 1 ? arguments[1] : "media";
+    if (KesaRuntime::initInstance(name, KesaRuntime::WITH_REGISTRYD)) {
         return 1;
     }
     const auto radio = makePlayer();
@@ -111,13 +122,14 @@ int main(int count, char** arguments)
     std::vector<kesa::Disposable> registrations;
     const struct {
         const char* path;
-        std::shared_ptr<kesa::ResourceHandler> service;
+        std::shared_ptr<kesa::IKesaApi> service;
         const char* description;
     } services[] = {{"/media/radio", radio, "plays\x1b[31m,\nor \u009b32mnot"},
                     {"/media/player", makePlayer(), "plays"}};
+    const auto warming = name == "warming" ? std::make_shared<WarmingUp>() : nullptr;
     for (const auto& [path, service, description] : services) {
         registrations.push_back(KesaRuntime::getInstance()->registerService(
-            path, service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"},
+            path, warming ? warming : service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"},
             kesa::GenericObject{{"description", description}},
             kesa::handler<ServiceDef>([](const ServiceDef&) {},
                                       [&refusals, path](const kesa::Response& error) {
