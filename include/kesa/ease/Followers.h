@@ -24,8 +24,9 @@ public:
     /// A value in a format; nothing, with a reason in `obr::ErrorStorage`, when it has no form in that.
     using Encode = std::function<optional<Payload>(const std::string& mimeType)>;
 
-    /// Sends a value to all who follow, and to who comes later. Not from inside the handler of one of them. Those in whose
-    /// format it has no form (a number that is not finite, a text that is no UTF-8) get the next one; that is traced (3).
+    /// Sends a value to all who follow, and to who comes later. Not from inside the handler of one of them. Those in
+    /// whose format it has no form (a number that is not finite, a text that is no UTF-8) get the next one; that is
+    /// traced (3).
     void publish(Encode value);
     /// How many follow, as far as the last value has shown.
     std::size_t count() const;

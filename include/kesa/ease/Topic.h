@@ -18,8 +18,8 @@ namespace kesa {
 ///
 /// `T` is a number, a `bool`, a text, a `GenericObject`, a `Value`, or has a `serialize`; see PayloadConversion.h.
 /// "retrieve" answers the last value, 404 before the first one; who asks for a persistent stream gets the last value
-/// and each one after it. A value that has no form in a follower's format, as a number that is not finite, is left out for
-/// that follower and traced (3).
+/// and each one after it. A value that has no form in a follower's format, as a number that is not finite, is left out
+/// for that follower and traced (3).
 ///
 /// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
 /// its routes answer 503 then.
