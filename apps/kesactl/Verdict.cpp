@@ -1,6 +1,7 @@
 #include "Verdict.h"
 
 #include "output.h"
+#include "visible.h"
 
 #include <comm/Clock.h>
 #include <util/config/Dictionary.h>
@@ -17,12 +18,12 @@ using util::config::Value;
 
 std::string asLines(const std::string& path, const Verdict& verdict)
 {
-    std::string text = fmt::format("{}: {}\n  {}\n", path, verdict.cause, verdict.text);
+    std::string text = fmt::format("{}: {}\n  {}\n", visible(path), verdict.cause, visible(verdict.text));
     if (!verdict.advice.empty()) {
-        text += fmt::format("  -> {}\n", verdict.advice);
+        text += fmt::format("  -> {}\n", visible(verdict.advice));
     }
     for (const std::string& note : verdict.notes) {
-        text += fmt::format("  {}\n", note);
+        text += fmt::format("  {}\n", visible(note));
     }
     return text;
 }
