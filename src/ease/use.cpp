@@ -79,8 +79,11 @@ public:
         const Api api = m_api;
         const std::size_t number = m_apis;
         if (!api) {
+            const std::optional<Response> refusal = m_refusal;
+            const bool mayStillConnect = m_apis == 0 && m_status == 0;
             lock.unlock();
-            handler->onError(Response::createErrorResponse(503, reason()));
+            handler->onError(refusal ? *refusal
+                                     : Response::createErrorResponse(503, reason() + (mayStillConnect ? WAIT : "")));
             return UNDEFINED_REQUEST_HANDLE;
         }
         lock.unlock();
@@ -205,6 +208,7 @@ public:
 
 private:
     static constexpr const char* ENDED = "the client has ended; kesa::use makes another";
+    static constexpr const char* WAIT = "; wait with whenConnected, or use kesa::connect";
     static constexpr const char* RUNTIME_ENDED = "the runtime has ended, and with it this client; end the runtime last";
 
     using Handlers = std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>>;
@@ -236,7 +240,7 @@ private:
         void onError(const Response& error) noexcept override
         {
             m_hasFailed = true;
-            m_client->onNews([&] { m_client->setState(nullptr, reasonOf(error), error.getStatus()); });
+            m_client->onNews([&] { m_client->setState(nullptr, reasonOf(error), error.getStatus(), error); });
         }
         void onCompleted() noexcept override {}
 
@@ -282,7 +286,7 @@ private:
         }
         m_locators = record.locators;
         setResolved(m_locators);
-        setState(nullptr, fmt::format("'{}' is registered at {} and not connected", m_path, locatorsOf(record)), 0);
+        setState(nullptr, fmt::format("'{}' is known at {} and not connected", m_path, locatorsOf(record)), 0);
         m_resolving = m_runtime->resolveService(
             record, handler<optional<Api>>(
                         [self = shared_from_this(), number = m_number](const optional<Api>& api) {
@@ -388,8 +392,9 @@ private:
         m_resolved.swap(locators);
     }
 
-    /// Connected to `api`, or not, with the reason.
-    Change setState(const Api& api, const std::string& reason, unsigned short status)
+    /// Connected to `api`, or not, with the reason. `refusal` is what requests are answered instead of 503 and that.
+    Change setState(const Api& api, const std::string& reason, unsigned short status,
+                    const std::optional<Response>& refusal = {})
     {
         Api before;
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -400,6 +405,7 @@ private:
         m_isConnected = api != nullptr;
         m_reason = reason;
         m_status = status;
+        m_refusal = refusal;
         m_changed.notifyAll();
         return {++m_changes, m_follows};
     }
@@ -471,10 +477,11 @@ private:
     Api m_api;              ///< this and the following under `m_mutex`
     std::size_t m_apis = 0; ///< how many there have been: the part of a request's work
     bool m_isConnected = false;
-    unsigned m_changes = 0;          ///< of that
-    std::string m_reason = nobody(); ///< what `m_reasons` adds is asked for when it is wanted
-    std::vector<url> m_resolved;     ///< `m_locators`, for that
-    unsigned short m_status = 0;     ///< of an error that will not pass by itself
+    unsigned m_changes = 0;            ///< of that
+    std::string m_reason = nobody();   ///< what `m_reasons` adds is asked for when it is wanted
+    std::vector<url> m_resolved;       ///< `m_locators`, for that
+    unsigned short m_status = 0;       ///< of an error that will not pass by itself
+    std::optional<Response> m_refusal; ///< by the registry or the runtime
     Follows m_follows;
     std::size_t m_swept = 0; ///< so many are kept before those that are over go
 

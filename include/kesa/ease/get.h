@@ -31,7 +31,8 @@ struct GetResult {
 /// A resource begins with '/': another text fails at once, with 400. An empty one is the service itself, as "/" is.
 ///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
-/// `api` stays alive during the call.
+/// `api` stays alive during the call, and it is connected: `get` waits for the answer, not for the connection. One that
+/// `kesa::use` has just made is not yet; `kesa::connect` and the `get` that is given a path wait for it.
 [[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout);
 
 } // namespace kesa

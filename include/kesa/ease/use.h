@@ -9,6 +9,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace kesa {
@@ -16,6 +17,13 @@ namespace kesa {
 namespace runtime::v02 {
 class IRuntimeRegistry;
 }
+
+namespace detail {
+
+template <class>
+inline constexpr bool misused = false;
+
+} // namespace detail
 
 /// A client object that follows its service wherever it goes, and may be called always:
 ///
@@ -44,7 +52,7 @@ public:
     ~Client() override;
 
     /// As for every client object. While there is nothing to send to, `handler` is told 503 and the reason inside this
-    /// call, stays the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
+    /// call (400, when the path is none), stays the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
     void cancel(void* handle) noexcept override;
 
@@ -58,15 +66,26 @@ public:
     /// `handler(isConnected)` is called at each change: on the runtime's executor or updater, one call at a time; and
     /// with true inside this call, if it is connected now. It must not block. Waits for one that is running.
     void onChange(util::UniqueFunction<void(bool)> handler);
+    template <class Function, std::enable_if_t<!std::is_invocable_v<Function&, bool>, int> = 0>
+    void onChange(const Function&)
+    {
+        static_assert(detail::misused<Function>, "the function of kesa::Client::onChange takes (bool isConnected); the "
+                                                 "one of whenConnected takes nothing");
+    }
     /// `handler()` is called at each connection, in the same way.
     template <class Function>
     void whenConnected(Function handler)
     {
-        onChange([handler = std::move(handler)](bool isConnected) mutable {
-            if (isConnected) {
-                handler();
-            }
-        });
+        if constexpr (std::is_invocable_v<Function&>) {
+            onChange([handler = std::move(handler)](bool isConnected) mutable {
+                if (isConnected) {
+                    handler();
+                }
+            });
+        } else {
+            static_assert(detail::misused<Function>, "the function of kesa::Client::whenConnected takes nothing; the "
+                                                     "one of onChange takes (bool isConnected)");
+        }
     }
 
     /// Asks for a persistent stream now or at the next connection, and again after each reconnection: the values of all
@@ -78,6 +97,13 @@ public:
     ///
     /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call.
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
+    template <class Function, std::enable_if_t<std::is_invocable_v<Function&, const Response&>, int> = 0>
+    Disposable follow(const Request&, const Function&)
+    {
+        static_assert(detail::misused<Function>, "kesa::Client::follow takes a response handler; write "
+                                                 "kesa::handler<kesa::Response>(function)");
+        return {};
+    }
 
     /// Lets go. Open requests are answered 503 inside this call, all other handlers are destroyed without a call. Every
     /// request from then on is answered 503. Twice is harmless, and the second waits, too.

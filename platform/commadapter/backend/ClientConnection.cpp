@@ -91,13 +91,16 @@ std::string ClientConnection::whyNot(const ClientState& client) const
     }
     const Destination& destination = m_connector->destination();
     const std::string peer = '"' + destination.endpoint.process + '"';
-    if (isOpen()) {
-        return m_isGreeted
-                   ? peer + " answers, and does not provide \"" + client.path + '"'
-                   : peer + " takes the connection and has said nothing yet, like one that is stopped or blocked";
+    if (isOpen() && m_isGreeted) {
+        return peer + " answers, and does not provide \"" + client.path + '"';
     }
-    std::string reason = m_connector->explainedReason();
-    reason = reason.empty() ? "there is no connection yet" : reason;
+    std::string reason = isOpen() ? std::string() : m_connector->explainedReason();
+    if (reason.empty()) {
+        const comm::TimeNs since = comm::now() - (isOpen() ? m_openedAt : client.begun);
+        return isOpen() && since >= comm::SECOND
+                   ? peer + " takes the connection and has said nothing yet, like one that is stopped or blocked"
+                   : "no connection yet (begun " + std::to_string(since / comm::MILLISECOND) + " ms ago)";
+    }
     const std::string source = destination.transport->runDirectorySource();
     return source.empty() ? reason : reason + " (run directory by " + source + ')';
 }

@@ -29,6 +29,7 @@ struct ClientState {
         : path(std::move(servicePath)), listener(connectionListener)
     {}
     const std::string path;
+    const comm::TimeNs begun = comm::now();
     IClientConnectionListener* listener; ///< null: released
     bool isAttached = false;             ///< connected: requests may be sent
     std::uint32_t target = 0;            ///< its number on the present connection; changed on the loop only
@@ -163,6 +164,7 @@ private:
     comm::TimeNs m_timerDue = comm::NEVER; ///< when `m_timer` runs, or is about to be set for
     bool m_isStopped = false;
     transport::PeerIdentity m_peer;                 ///< of the present connection, or of the last one
+    comm::TimeNs m_openedAt = 0;                    ///< the present connection, or the last one
     bool m_isGreeted = false;                       ///< the server has said hello
     std::uint64_t m_runningHandle = 0;              ///< of the handler being called
     const ClientState* m_runningListener = nullptr; ///< of the listener being called
@@ -175,7 +177,6 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
-    comm::TimeNs m_openedAt = 0;
     // Since the loop stood still, for answers that came meanwhile.
     comm::TimeNs m_lastLook = 0; ///< its end; 0: none
     comm::TimeNs m_lookedFor = 0;

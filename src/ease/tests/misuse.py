@@ -20,18 +20,23 @@ MISUSES = {
     "auto h = kesa::handler<int>([](int) { return std::string(); });": "the first function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) {}, [](int) {});": "the second function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) {}, [](auto&) {}, [](int) {});": "the third function of kesa::handler<T> takes",
+    "kesa::use(\"/a\")->onChange([] {});": "the function of kesa::Client::onChange takes",
+    "kesa::use(\"/a\")->whenConnected([](bool) {});": "the function of kesa::Client::whenConnected takes",
+    "kesa::use(\"/a\")->follow(kesa::Request(), [](const kesa::Response&) {});": "kesa::Client::follow takes",
 }
 GOOD = [
     'service.onRetrieve("/a", [](const kesa::Request&, kesa::Responder) {});',
     'service.onRetrieve("/a", [](const auto&, const auto& reply) { reply.complete(); });',
     'service.onRetrieve("/a", [](const auto&) { return "text"; });',
     "auto h = kesa::handler<int>([](int) { return false; }, [](auto&) {}, [] {});",
+    'auto c = kesa::use("/a"); c->onChange([](auto) {}); c->whenConnected([c] {});',
+    'kesa::use("/a")->follow(kesa::Request(), kesa::handler<kesa::Response>([](auto&) {}));',
 ]
 
 
 def main():
     # One source, since the headers cost most of the time.
-    source = "#include <kesa/ease/ResourceHandler.h>\n#include <kesa/ease/handler.h>\n"
+    source = "#include <kesa/ease/ResourceHandler.h>\n#include <kesa/ease/handler.h>\n#include <kesa/ease/use.h>\n"
     for number, code in enumerate([*GOOD, *MISUSES]):
         source += f"void user{number}([[maybe_unused]] kesa::ResourceHandler& service) {{ {code} }}\n"
     command = [sys.argv[1], "-std=c++17", "-fsyntax-only", "-x", "c++", "-"]

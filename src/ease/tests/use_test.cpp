@@ -56,12 +56,12 @@ protected:
 TEST_F(Use, ConnectsToWhatIsRegistered)
 {
     EXPECT_EQ(client->reason(), "nobody is known to provide '/p': why /p");
-    EXPECT_EQ(call(), "503: nobody is known to provide '/p': why /p");
+    EXPECT_EQ(call(), "503: nobody is known to provide '/p': why /p; wait with whenConnected, or use kesa::connect");
     runtime.added("ipc://p/p");
-    EXPECT_EQ(client->reason(), "'/p' is registered at ipc://p/p and not connected; 'kesactl why /p' says more");
+    EXPECT_EQ(client->reason(), "'/p' is known at ipc://p/p and not connected; 'kesactl why /p' says more");
     runtime.played->connection = "it is stopped";
-    EXPECT_EQ(call(),
-              "503: '/p' is registered at ipc://p/p and not connected: it is stopped; 'kesactl why /p' says more");
+    EXPECT_EQ(call(), "503: '/p' is known at ipc://p/p and not connected: it is stopped; 'kesactl why /p' says more; "
+                      "wait with whenConnected, or use kesa::connect");
     EXPECT_FALSE(client->isConnected());
     runtime.connected(service);
     EXPECT_EQ(call(), "504: no answer within 0 ms; '/p' is connected and silent: it is stopped");
@@ -323,6 +323,7 @@ TEST_F(Use, SaysSoWhenTheRuntimeEnds)
     runtime.tracking->onError(Response::createErrorResponse(400, "no path"));
     runtime.end();
     EXPECT_EQ(client->reason(), "400: no path") << "it had ended before";
+    EXPECT_EQ(call(), client->reason()) << "one status";
 }
 
 TEST_F(Use, WithoutARuntimeIsAReason)
