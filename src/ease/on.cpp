@@ -1,24 +1,76 @@
 #include <kesa/OpenRequest.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/on.h>
+#include <tracing/Channel.h>
 
+#include <atomic>
 #include <optional>
 
 namespace kesa {
 
 namespace {
 
+struct Served {
+    explicit Served(std::shared_ptr<IKesaApi> s) : service(std::move(s)) {}
+    const std::shared_ptr<IKesaApi> service;
+    std::atomic<bool> isEndTraced{false};
+};
+
+/// One request on its way to the loop. Dropped there without having run, it answers the client itself.
+class Serving {
+public:
+    Serving(std::shared_ptr<Served> served, Request request, std::optional<RequestContext> context,
+            std::optional<comm::TimeNs> deadline, std::shared_ptr<OpenRequest> open)
+        : m_served(std::move(served)), m_request(std::move(request)), m_context(std::move(context)),
+          m_deadline(deadline), m_open(std::move(open))
+    {}
+    Serving(Serving&&) = default;
+    Serving& operator=(Serving&&) = delete;
+    ~Serving()
+    {
+        if (m_open && m_open->isOpen()) {
+            if (!m_served->isEndTraced.exchange(true)) {
+                static const ::tracing::Channel channel("KESA_EASE");
+                KESA_TRACE(channel, 3, "[on] %s: from now on each request is answered 503", LOOP_HAS_ENDED);
+            }
+            m_open->onError(Response::createErrorResponse(503, LOOP_HAS_ENDED));
+        }
+    }
+
+    void operator()()
+    {
+        const auto open = std::move(m_open);
+        const RequestContext::Scope scope(m_context ? &*m_context : nullptr, m_deadline);
+        if (!open->isOpen()) {
+            return; // cancelled before it began
+        }
+        void* const work = m_served->service->request(m_request, open->makeHandler());
+        if (open->setWork({0, work})) {
+            m_served->service->cancel(work);
+        }
+    }
+
+private:
+    static constexpr const char* LOOP_HAS_ENDED = "the loop given to kesa::on has ended";
+
+    std::shared_ptr<Served> m_served;
+    Request m_request;
+    std::optional<RequestContext> m_context;
+    std::optional<comm::TimeNs> m_deadline;
+    std::shared_ptr<OpenRequest> m_open; ///< until it is served
+};
+
 class LoopService final : public IKesaApi {
 public:
     LoopService(const std::shared_ptr<comm::ActiveObject>& activeObject, std::shared_ptr<IKesaApi> service)
-        : m_activeObject(activeObject), m_service(std::move(service))
+        : m_activeObject(activeObject), m_served(std::make_shared<Served>(std::move(service)))
     {}
     ~LoopService() override
     {
         for (const auto& open : m_requests.close()) {
             end(*open, open->withdraw(Response::createErrorResponse(503, "the service has ended")));
         }
-        send([service = std::move(m_service)] {}); // it dies where it was called
+        send([served = std::move(m_served)] {}); // it dies where it was called
     }
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override
@@ -33,12 +85,7 @@ public:
             context = *current;
             context->stream = nullptr; // lives in this call only
         }
-        // Not run, the event lets go of the request, which then answers 503 itself.
-        send([service = m_service, request, context = std::move(context), deadline = RequestContext::deadline(),
-              open = std::move(open)] {
-            const RequestContext::Scope scope(context ? &*context : nullptr, deadline);
-            serve(*service, request, *open);
-        });
+        send(Serving{m_served, request, std::move(context), RequestContext::deadline(), std::move(open)});
         return handle;
     }
 
@@ -50,21 +97,10 @@ public:
     }
 
 private:
-    static void serve(IKesaApi& service, const Request& request, OpenRequest& open)
-    {
-        if (!open.isOpen()) {
-            return; // cancelled before it began
-        }
-        void* const work = service.request(request, open.makeHandler());
-        if (open.setWork({0, work})) {
-            service.cancel(work);
-        }
-    }
-
     void end(const OpenRequest& open, bool isWithdrawn)
     {
         if (void* const work = open.work().handle; isWithdrawn && work != UNDEFINED_REQUEST_HANDLE) {
-            send([service = m_service, work] { service->cancel(work); });
+            send([served = m_served, work] { served->service->cancel(work); });
         }
     }
 
@@ -77,7 +113,7 @@ private:
     }
 
     const std::weak_ptr<comm::ActiveObject> m_activeObject;
-    std::shared_ptr<IKesaApi> m_service;
+    std::shared_ptr<Served> m_served;
     OpenRequests m_requests;
 };
 

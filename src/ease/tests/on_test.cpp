@@ -6,10 +6,12 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/on.h>
+#include <kesa/reasonOf.h>
 
 namespace {
 
 using namespace kesa;
+using testing::Each;
 using testing::ElementsAre;
 
 /// Says where and when its owner dies.
@@ -138,10 +140,15 @@ TEST_F(On, AServiceWithoutItsLoopAnswers503)
 {
     const auto api = on(loop, std::shared_ptr<IKesaApi>(std::make_shared<ResourceHandler>()));
     loop->stop();
-    api->request(Request("retrieve", "/"), client());
+    const auto ask = [&] {
+        api->request(Request("retrieve", "/"),
+                     handler<Response>([](const Response&) {}, [&](const Response& e) { log.push_back(reasonOf(e)); }));
+    };
+    ask();
     loop.reset();
-    api->request(Request("retrieve", "/"), client());
-    EXPECT_THAT(log, ElementsAre("503", "503"));
+    ask();
+    EXPECT_THAT(log, Each("503: the loop given to kesa::on has ended"));
+    EXPECT_EQ(log.size(), 2U);
 }
 
 } // namespace
