@@ -10,4 +10,4 @@ def answer(request):
 
 
 with kesa.connect("py-echo", timeout=None) as system:              # the name of this process, which provides
-    system.provide("/py/echo", answer).wait()
+    system.provide("/py/echo", answer, metainfo={"room": "hall"}).wait()

@@ -248,5 +248,10 @@ class Link:
         del self._exchanges[message.stream]
         if not exchange.target.users:
             self._drop_unused(exchange.target)
-        error = ServiceError(message.target, message.body.decode(errors="replace")) if message.kind == frames.ERROR else None
-        exchange.on_end(error)
+        exchange.on_end(_error(message) if message.kind == frames.ERROR else None)
+
+
+def _error(message: Message) -> ServiceError:
+    """With what `$reason` says beside the text, as who holds a path."""
+    texts = (message.body.decode(errors="replace"), message.head.headers.get("$reason"))
+    return ServiceError(message.target, ": ".join(text for text in texts if text and isinstance(text, str)))

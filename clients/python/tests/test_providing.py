@@ -130,7 +130,7 @@ class Providing(SystemTest):
         caller = self.start_kesactl("call", "/py", "/busy", "--timeout", "100")
         first.line(lambda line: line == "busy")
         refused = self.failure(lambda: system.provide("/py", lambda request: "second"))
-        self.assertEqual((refused.status, refused.reason), (409, "service already registered"))
+        self.assertEqual(str(refused), f"409 service already registered: held by process first (pid {first.process.pid})")
         first.kill()
         system.provide("/py", lambda request: "second")
         self.assertEqual(system.call("/py"), "second")
