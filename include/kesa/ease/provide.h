@@ -59,7 +59,8 @@ private:
 ///
 /// `onRefused` hears why it is not provided, also long after `provide`, when the registry refuses it: 409, the path is
 /// another's; 400, it is no path, or `service` is null. On the updater, once; it must not block. Without one it is
-/// traced (3) on "KESA_EASE". 503, this process has no runtime, is told inside this call.
+/// traced (3) on "KESA_EASE". `kesa::reasonOf` says the whole of it, also who has the path. 503, this process has no
+/// runtime, is told inside this call.
 [[nodiscard]] KESA_API std::unique_ptr<Registration> provide(const std::string& path, std::shared_ptr<IKesaApi> service,
                                                              const GenericObject& metainfo = {},
                                                              Registration::OnRefused onRefused = {});
