@@ -23,6 +23,10 @@ namespace kesa::commadapter {
 
 namespace {
 
+/// At most, of a peer that is well; only then its silence accuses it.
+constexpr comm::TimeNs HELLO_TAKES = comm::SECOND;
+constexpr comm::TimeNs ATTACHING_TAKES = 100 * comm::MILLISECOND;
+
 Response unavailable(std::string_view text)
 {
     return Response::createErrorResponse(503, text);
@@ -91,15 +95,17 @@ std::string ClientConnection::whyNot(const ClientState& client) const
     }
     const Destination& destination = m_connector->destination();
     const std::string peer = '"' + destination.endpoint.process + '"';
-    if (isOpen() && m_isGreeted) {
+    const comm::TimeNs now = comm::now();
+    if (isOpen() && m_isGreeted && now - client.begun >= ATTACHING_TAKES) {
         return peer + " answers, and does not provide \"" + client.path + '"';
+    }
+    if (isOpen() && !m_isGreeted && now - m_openedAt >= HELLO_TAKES) {
+        return peer + " takes the connection and has said nothing yet, like one that is stopped or blocked";
     }
     std::string reason = isOpen() ? std::string() : m_connector->explainedReason();
     if (reason.empty()) {
-        const comm::TimeNs since = comm::now() - (isOpen() ? m_openedAt : client.begun);
-        return isOpen() && since >= comm::SECOND
-                   ? peer + " takes the connection and has said nothing yet, like one that is stopped or blocked"
-                   : "no connection yet (begun " + std::to_string(since / comm::MILLISECOND) + " ms ago)";
+        const comm::TimeNs begun = isOpen() ? std::max(m_openedAt, client.begun) : client.begun;
+        return "no connection yet (begun " + std::to_string((now - begun) / comm::MILLISECOND) + " ms ago)";
     }
     const std::string source = destination.transport->runDirectorySource();
     return source.empty() ? reason : reason + " (run directory by " + source + ')';

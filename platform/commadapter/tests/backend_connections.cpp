@@ -39,6 +39,13 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnceAndKnowsW
     scheduler->runFor(comm::SECOND);
     EXPECT_FALSE(client.checker.isConnected()) << "the process is there, its path is not";
     EXPECT_EQ(client.api().obstacle(), "\"server\" answers, and does not provide \"/service\"");
+    Client late(*clientBackend, "ipc://server/late");
+    late.start();
+    scheduler->runFor(99 * comm::MILLISECOND);
+    EXPECT_EQ(late.api().obstacle(), "no connection yet (begun 99 ms ago)");
+    scheduler->runFor(comm::MILLISECOND);
+    EXPECT_EQ(late.api().obstacle(), "\"server\" answers, and does not provide \"/late\"");
+    late.release();
     ASSERT_NE(provide(*server, "/service", service), "");
     EXPECT_LE(timeUntil([&] { return client.checker.isConnected(); }), 2 * comm::MILLISECOND);
     EXPECT_EQ(client.api().obstacle(), "");
