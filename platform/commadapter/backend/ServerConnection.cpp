@@ -146,7 +146,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     const std::size_t size = response.getPayload().size();
     if (stream->hasLatest) {
         if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
-            refuseValue(number, *stream, sent, size);
+            refuseValue(number, *stream, sent);
             return true;
         }
         stream->latest->response = response;
@@ -155,7 +155,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     if (isTooMuch(number, *stream, size)) {
         if (stream->policy == QueuePolicy::eKEEP_LATEST) {
             if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
-                refuseValue(number, *stream, sent, size);
+                refuseValue(number, *stream, sent);
                 return true;
             }
             stream->hasLatest = true;
@@ -168,7 +168,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     }
     const auto sent = machine().next(number, response, stream->isPersistent);
     if (sent != protocol::Machine::Sent::eQUEUED) {
-        refuseValue(number, *stream, sent, size);
+        refuseValue(number, *stream, sent);
         return true;
     }
     pushOut(Haste::eMAY_GATHER);
@@ -189,11 +189,11 @@ bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std
 }
 
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
-void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why, std::size_t size)
+void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why)
 {
     const bool isTooLarge = why == protocol::Machine::Sent::eTOO_LARGE;
-    KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer of %zu bytes is not sent: it %s", stream.service->path.c_str(),
-               size, machine().refusal().c_str());
+    KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer is not sent: it %s", stream.service->path.c_str(),
+               machine().refusal().c_str());
     postCut(number, stream, Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + machine().refusal()));
 }
 

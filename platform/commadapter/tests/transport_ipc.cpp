@@ -34,6 +34,9 @@
 namespace kesa::commadapter::transport::test {
 namespace {
 
+using testing::EndsWith;
+using testing::HasSubstr;
+
 namespace fs = std::filesystem;
 
 /// What loops change and the test waits for.
@@ -453,11 +456,19 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
 {
     const tracing::TraceCapture traces("KESA_COMM_IPC");
     std::ofstream(root / "file") << "no directory";
-    Node node(board, (root / "file" / "run").string());
+    Node node(board, (root / "file" / "run" / "kesa").string());
     EXPECT_TRUE(node.listen("media"));
     EXPECT_TRUE(node.listen("media"));
-    EXPECT_NE(node.why.find("KESA_RUN_DIR"), std::string::npos) << node.why;
+    EXPECT_THAT(node.why, EndsWith("\": Not a directory; \"" + (root / "file").string() +
+                                   "\" is a file; name another one with \"run_dir\" or KESA_RUN_DIR"));
     EXPECT_EQ(traces.take().size(), 1U);
+    Node missing(board, (root / "none" / "run").string());
+    EXPECT_TRUE(missing.listen("media"));
+    EXPECT_THAT(missing.why,
+                HasSubstr("No such file or directory; make \"" + (root / "none").string() + "\", or name"));
+    Node unmakeable(board, "/proc/none");
+    EXPECT_TRUE(unmakeable.listen("media"));
+    EXPECT_THAT(unmakeable.why, HasSubstr("No such file or directory; name another one"));
 
     IpcSettings settings;
     settings.runDir = directory;
@@ -468,7 +479,9 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
     EXPECT_EQ(node.why, "there is no group \"no such group\"; see \"socket_group\"");
     Node other(board, directory);
     EXPECT_FALSE(other.listen("media")) << other.why;
-    EXPECT_TRUE(Node(board, directory).listen(std::string(65, 'a')));
+    Node unnamed(board, directory);
+    EXPECT_TRUE(unnamed.listen(std::string(65, 'a')));
+    EXPECT_THAT(unnamed.why, EndsWith("cannot be the name of this process: a name has 1 to 64 bytes, and this one 65"));
 }
 
 TEST_F(TransportIpc, ToolsAskWhoHasAName)

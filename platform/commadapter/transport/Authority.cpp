@@ -72,6 +72,12 @@ bool isProcessName(std::string_view name) noexcept
     return !name.empty() && name.size() <= LONGEST_PROCESS_NAME;
 }
 
+std::string refuseProcessName(std::string_view name)
+{
+    return fmt::format("\"{}\" cannot be the name of this process: a name has 1 to {} bytes, and this one {}", name,
+                       LONGEST_PROCESS_NAME, name.size());
+}
+
 std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme)
 {
     if (!locator.isAbsolute() || locator.scheme() != scheme) {

@@ -18,6 +18,8 @@ std::string encodeProcessName(std::string_view name);
 
 /// Whether a process can have this name: 1 to 64 bytes.
 bool isProcessName(std::string_view name) noexcept;
+/// Why it is none.
+std::string refuseProcessName(std::string_view name);
 
 /// Reads the authority `process` or `process+realm` of a locator of `scheme`; absent when it is malformed.
 std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme);

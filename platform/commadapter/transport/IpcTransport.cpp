@@ -168,8 +168,7 @@ bool IpcTransport::listen(const std::string& process, Accept accept, std::string
         return false;
     }
     if (m_isClosed || m_own || !isProcessName(process)) {
-        why = m_isClosed ? std::string("the transport is closed")
-                         : fmt::format("\"{}\" cannot be the name of this process", process);
+        why = m_isClosed ? std::string("the transport is closed") : refuseProcessName(process);
         return true;
     }
     Descriptor directory;

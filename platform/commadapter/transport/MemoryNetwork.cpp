@@ -152,8 +152,7 @@ bool MemoryTransport::listen(const std::string& process, Accept accept, std::str
         return true;
     }
     if (m_port->isClosed || !m_port->process.empty() || !isProcessName(process)) {
-        why = m_port->isClosed ? std::string("the transport is closed")
-                               : fmt::format("\"{}\" cannot be the name of this process", process);
+        why = m_port->isClosed ? std::string("the transport is closed") : refuseProcessName(process);
         return true;
     }
     m_port->process = process;

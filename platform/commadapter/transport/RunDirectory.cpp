@@ -45,10 +45,36 @@ bool isRealm(std::string_view text)
 std::string adviseRights(const std::string& directory)
 {
     struct stat status {};
-    return ::stat(directory.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0 &&
-                   isSharedGroup(status.st_uid, status.st_gid)
+    if (::stat(directory.c_str(), &status) != 0) {
+        return "have it made for this user";
+    }
+    return (status.st_mode & S_IWGRP) != 0 && isSharedGroup(status.st_uid, status.st_gid)
                ? fmt::format("add this user to the group \"{}\" and log in anew", groupName(status.st_gid))
                : "make it writable for this process";
+}
+
+/// What helps against `error`, before "name another one"; empty where nothing else does.
+std::string advise(const std::string& directory, int error)
+{
+    namespace fs = std::filesystem;
+    const fs::path around = fs::path(directory).parent_path();
+    struct stat status {};
+    switch (error) {
+    case EACCES:
+    case EPERM:
+        return adviseRights(directory) + ", or ";
+    case ENOENT:
+        return ::stat(around.c_str(), &status) == 0 ? "" : fmt::format("make \"{}\", or ", around.string());
+    case ENOTDIR: {
+        fs::path file = directory;
+        while (::stat(file.c_str(), &status) != 0 && errno == ENOTDIR) {
+            file = file.parent_path();
+        }
+        return fmt::format("\"{}\" is a file; ", file.string());
+    }
+    default:
+        return "";
+    }
 }
 
 /// Writes a file of its own and links it to the name: nobody reads half a realm, and the first one to link has won.
@@ -101,8 +127,8 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
 {
     const auto refuse = [&](const char* what) {
         const int error = errno;
-        why = fmt::format("{} the run directory \"{}\": {}; {}, or name another one with \"run_dir\" or KESA_RUN_DIR",
-                          what, m_path, std::system_category().message(error), adviseRights(m_path));
+        why = fmt::format("{} the run directory \"{}\": {}; {}name another one with \"run_dir\" or KESA_RUN_DIR", what,
+                          m_path, std::system_category().message(error), advise(m_path, error));
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;
