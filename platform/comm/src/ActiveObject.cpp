@@ -24,6 +24,21 @@ void ActiveObject::stop()
     m_loop->stop();
 }
 
+void ActiveObject::watch(util::UniqueFunction<void(TimeNs)> tell)
+{
+    m_loop->watch(std::move(tell));
+}
+
+TimeNs ActiveObject::lap()
+{
+    return m_loop->lap();
+}
+
+TimeNs ActiveObject::heldFor() const noexcept
+{
+    return m_loop->heldFor();
+}
+
 bool ActiveObject::isCurrentThread() const noexcept
 {
     return m_loop->isCurrent();

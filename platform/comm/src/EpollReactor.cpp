@@ -5,14 +5,15 @@
 // to: a wait with a time limit would set up and take back a timer of the kernel's each time.
 #include "EpollReactor.h"
 
+#include "CallbackTimer.h"
 #include "LoopThread.h"
-#include "ProcessorWait.h"
 #include "TimerQueue.h"
 #include "leakInChild.h"
 #include "monotonicClock.h"
 #include "recycle.h"
 
 #include <comm/AtFork.h>
+#include <comm/OncePerSecond.h>
 #include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
 #include <obr/errors.h>
@@ -103,7 +104,7 @@ private:
     void dropAll();
     template <class F>
     void call(F&& callback);
-    TimeNs workedSince(TimeNs start, TimeNs end);
+    void traceHeld(TimeNs held);
     void requestStop();
     void wake() const noexcept;
     [[nodiscard]] bool isOnLoop(const char* function) const;
@@ -129,10 +130,8 @@ private:
     TimeNs m_timerSetTo = NEVER; ///< not later than the first of the timers, while the loop waits
     std::vector<Task> m_turnEnd;
     std::vector<Task> m_batch; ///< what `runBatch` runs; empty between
-    // Of the coarse clock: exact to some milliseconds, and nearly free.
-    TimeNs m_callbackStart = 0; ///< later by what `lap` has told or taken off
-    TimeNs m_lapStart = 0;
-    ProcessorWait m_processorWait;
+    CallbackTimer m_callbackTimer;
+    OncePerSecond m_heldTraces;
 };
 
 EpollReactor::EpollReactor(const std::string& name)
@@ -326,7 +325,7 @@ bool EpollReactor::turn()
     const int timeout = hasWork || !m_turnEnd.empty() ? 0 : -1;
     const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
     m_isAsleep.store(false, std::memory_order_relaxed);
-    m_callbackStart = m_lapStart = readClock(CLOCK_MONOTONIC_COARSE);
+    m_callbackTimer.start();
 
     const Woken woken = dispatch(events.data(), count);
     if (woken.byTimer) {
@@ -340,7 +339,7 @@ bool EpollReactor::turn()
     while (!m_unwatched.empty()) {
         std::exchange(m_unwatched, {}).clear();
     }
-    m_processorWait.refresh(m_callbackStart);
+    m_callbackTimer.refresh();
     return isLast;
 }
 
@@ -437,38 +436,28 @@ void EpollReactor::dropAll()
 }
 
 /// Without what the thread has waited for a processor, which is looked at only when it matters.
-TimeNs EpollReactor::workedSince(TimeNs start, TimeNs end)
-{
-    const TimeNs lasted = end - start;
-    return lasted <= LONG_CALLBACK ? lasted : std::max<TimeNs>(lasted - m_processorWait.sinceRefresh(end), 0);
-}
-
 template <class F>
 void EpollReactor::call(F&& callback)
 {
     callback();
-    const TimeNs end = readClock(CLOCK_MONOTONIC_COARSE);
-    if (const TimeNs worked = workedSince(m_callbackStart, end); worked > LONG_CALLBACK) {
+    if (const TimeNs held = m_callbackTimer.end(); held != 0) {
+        traceHeld(held);
+    }
+}
+
+void EpollReactor::traceHeld(TimeNs held)
+{
+    if (const auto end = m_heldTraces.pass(readClock(CLOCK_MONOTONIC_COARSE))) {
         KESA_TRACE_TEXT(channel(), 3,
                         fmt::format("[reactor] a callback held the loop '{}' for {} ms, in which nothing was sent or "
-                                    "received",
-                                    m_thread.loopName(), worked / MILLISECOND));
+                                    "received{}",
+                                    m_thread.loopName(), held / MILLISECOND, *end));
     }
-    m_callbackStart = m_lapStart = end;
 }
 
 TimeNs EpollReactor::lap()
 {
-    if (!isOnLoop(__func__)) {
-        return 0;
-    }
-    const TimeNs end = readClock(CLOCK_MONOTONIC_COARSE);
-    const TimeNs lasted = end - m_lapStart;
-    const TimeNs worked = workedSince(m_lapStart, end);
-    const bool isLong = worked > LONG_CALLBACK;
-    m_callbackStart += isLong ? lasted : lasted - worked; // what is told here, and what is nobody's doing
-    m_lapStart = end;
-    return isLong ? worked : 0;
+    return isOnLoop(__func__) ? m_callbackTimer.lap() : 0;
 }
 
 /// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.

@@ -42,6 +42,7 @@ struct Loop : std::enable_shared_from_this<Loop> {
     std::vector<Reactor::Task> turnEnd;
     Reactor::Id lastId = 0;
     TimeNs lapStart = 0;
+    util::UniqueFunction<void(TimeNs)> tell; ///< of a long event, on a watched run loop
     TimeNs behindUntil = 0;
     obr::ErrorStorage::Slot error;
     bool isRunning = false;  ///< in the middle of an event
@@ -77,6 +78,13 @@ public:
     void stop(Loop& loop);
     void remove(const std::shared_ptr<Loop>& loop);
     bool isInnermost(const Loop& loop) const noexcept { return !m_running.empty() && m_running.back() == &loop; }
+
+    /// What a callback waits for is its own, however much the other loops have to do meanwhile.
+    TimeNs lap(Loop& loop) const noexcept
+    {
+        const TimeNs lasted = m_now - std::exchange(loop.lapStart, m_now);
+        return lasted > Reactor::LONG_CALLBACK ? lasted : 0;
+    }
 
     bool step();
     TimeNs nextDue() const noexcept;
@@ -149,6 +157,9 @@ void SimulatedScheduler::Impl::runOne(Loop& loop)
         loop.lapStart = m_now;
         work();
         work = nullptr;
+        if (const TimeNs held = lap(loop); held != 0 && loop.tell) {
+            loop.tell(held);
+        }
     }
     const bool hasMore = !loop.queue.empty() || loop.hasDueTimer(m_now);
     if (!loop.turnEnd.empty() && (!hasMore || draw(2) == 0)) {
@@ -313,6 +324,12 @@ public:
     }
     void stop() override { m_impl->stop(*m_loop); }
     bool isCurrent() const noexcept override { return m_impl->isInnermost(*m_loop); }
+    void watch(util::UniqueFunction<void(TimeNs)> tell) override { m_loop->tell = std::move(tell); }
+    TimeNs lap() override { return m_impl->lap(*m_loop); }
+    TimeNs heldFor() const noexcept override
+    {
+        return m_loop->tell && m_loop->isRunning ? m_impl->now() - m_loop->lapStart : 0;
+    }
 
 private:
     const std::shared_ptr<Impl> m_impl;
@@ -353,16 +370,7 @@ public:
     void changeInterest(Id, unsigned) override {}
     void unwatch(Id) override {}
 
-    /// What a callback waits for is its own, however much the other loops have to do meanwhile.
-    TimeNs lap() override
-    {
-        if (!isOnLoop(__func__)) {
-            return 0;
-        }
-        const TimeNs now = m_impl->now();
-        const TimeNs lasted = now - std::exchange(m_loop->lapStart, now);
-        return lasted > LONG_CALLBACK ? lasted : 0;
-    }
+    TimeNs lap() override { return isOnLoop(__func__) ? m_impl->lap(*m_loop) : 0; }
     void atTurnEnd(Task task) override
     {
         if (isOnLoop(__func__)) {

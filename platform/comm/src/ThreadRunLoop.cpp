@@ -2,10 +2,12 @@
 // loop costs one lock per batch, and a producer wakes it only when the list was empty.
 #include "ThreadRunLoop.h"
 
+#include "CallbackTimer.h"
 #include "LoopThread.h"
 #include "leakInChild.h"
 #include "recycle.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <utility>
@@ -17,6 +19,7 @@ struct ThreadRunLoop::Shared {
     explicit Shared(const std::string& name) : thread(name) {}
 
     void run();
+    void runWatched(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch);
     void requestStop();
     /// Fills `batch` with what is queued; waits for it. False when there is nothing left to come.
     bool take(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch);
@@ -26,17 +29,41 @@ struct ThreadRunLoop::Shared {
     std::condition_variable filled;
     std::vector<util::SharedPtr<ActiveObjectEvent>> queue; ///< under `mutex`
     bool isStopping = false;                               ///< under `mutex`
+
+    // Of a loop that is watched.
+    util::UniqueFunction<void(TimeNs)> tell; ///< set before the first event, then the loop's own
+    CallbackTimer timer;                     ///< the loop's own
+    std::atomic<TimeNs> heldSince{0};        ///< 0: no event is under way
 };
 
 void ThreadRunLoop::Shared::run()
 {
     std::vector<util::SharedPtr<ActiveObjectEvent>> batch;
     while (take(batch)) {
+        if (tell) {
+            runWatched(batch);
+            continue;
+        }
         for (auto& event : batch) {
             event->execute();
             event.reset();
         }
     }
+}
+
+void ThreadRunLoop::Shared::runWatched(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch)
+{
+    timer.start();
+    timer.refresh();
+    for (auto& event : batch) {
+        heldSince.store(timer.lapStart(), std::memory_order_relaxed);
+        event->execute();
+        event.reset();
+        if (const TimeNs held = timer.end(); held != 0) {
+            tell(held);
+        }
+    }
+    heldSince.store(0, std::memory_order_relaxed);
 }
 
 bool ThreadRunLoop::Shared::take(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch)
@@ -99,6 +126,24 @@ void ThreadRunLoop::stop()
         m_shared->requestStop();
         m_shared->thread.join();
     }
+}
+
+void ThreadRunLoop::watch(util::UniqueFunction<void(TimeNs)> tell)
+{
+    m_shared->tell = std::move(tell);
+}
+
+TimeNs ThreadRunLoop::lap()
+{
+    const TimeNs held = m_shared->timer.lap();
+    m_shared->heldSince.store(m_shared->timer.lapStart(), std::memory_order_relaxed);
+    return held;
+}
+
+TimeNs ThreadRunLoop::heldFor() const noexcept
+{
+    const TimeNs since = m_shared->heldSince.load(std::memory_order_relaxed);
+    return since == 0 ? 0 : readClock(CLOCK_MONOTONIC_COARSE) - since;
 }
 
 bool ThreadRunLoop::isCurrent() const noexcept

@@ -17,6 +17,9 @@ public:
     void enque(util::SharedPtr<ActiveObjectEvent> event) override;
     void stop() override;
     bool isCurrent() const noexcept override;
+    void watch(util::UniqueFunction<void(TimeNs)> tell) override;
+    TimeNs lap() override;
+    TimeNs heldFor() const noexcept override;
 
 private:
     struct Shared;

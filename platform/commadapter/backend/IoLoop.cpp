@@ -7,6 +7,8 @@
 #include <comm/Scheduler.h>
 #include <obr/GlobalErrorHandler.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace kesa::commadapter {
@@ -68,11 +70,12 @@ void IoLoop::runAndWait(const std::string& what, util::UniqueFunction<void()> wo
 
 void IoLoop::traceHeld(const std::string& what, comm::TimeNs held)
 {
-    KESA_TRACE(
-        CHANNEL, 3,
-        "[loop] %s took %lld ms, in which this process sent and received nothing: leave what takes long or waits "
-        "to a thread of your own, as kesa::on does",
-        what.c_str(), static_cast<long long>(held / comm::MILLISECOND));
+    if (const auto end = m_heldTraces.pass(comm::now())) {
+        KESA_TRACE_TEXT(CHANNEL, 3,
+                        fmt::format("[loop] {} took {} ms, in which this process sent and received nothing: leave what "
+                                    "takes long or waits to a thread of your own, as kesa::on does{}",
+                                    what, held / comm::MILLISECOND, *end));
+    }
 }
 
 void IoLoop::flushAtTurnEnd(Connection& connection)

@@ -5,6 +5,7 @@
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
+#include <comm/OncePerSecond.h>
 #include <comm/Reactor.h>
 
 #include <atomic>
@@ -72,7 +73,8 @@ public:
     /// Runs `work` on the loop and returns when it has run, or when the loop has ended; on the loop itself: at once.
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
-    /// To be called when something foreign has run in a turn: traces what `describe` says when that took long.
+    /// To be called when something foreign has run in a turn: traces what `describe` says when that took long,
+    /// once in a second.
     template <class Describe>
     void lap(const Describe& describe)
     {
@@ -111,7 +113,7 @@ public:
     }
 
 private:
-    static void traceHeld(const std::string& what, comm::TimeNs held);
+    void traceHeld(const std::string& what, comm::TimeNs held);
     void flushGathered();
     void startHeartbeat();
     void beat(comm::TimeNs due);
@@ -122,6 +124,7 @@ private:
     std::atomic<std::size_t> m_persistentBytes{0};
     std::atomic<bool> m_isBeating{false};
     // Loop only.
+    comm::OncePerSecond m_heldTraces;
     unsigned m_depth = 0;
     std::vector<std::shared_ptr<Connection>> m_gathered;
     std::vector<std::pair<std::unique_ptr<transport::IStream>, std::unique_ptr<protocol::Machine>>> m_remains;

@@ -2,7 +2,9 @@
 #define COMM_ACTIVEOBJECT_H
 
 #include <comm/ActiveObjectEvent.h>
+#include <comm/Clock.h>
 #include <util/SharedPtr.h>
+#include <util/UniqueFunction.h>
 
 #include <memory>
 #include <string>
@@ -33,6 +35,16 @@ public:
 
     /// True inside an event of this object.
     bool isCurrentThread() const noexcept;
+
+    /// For a loop whose events should be short. `tell` is called on it after each event that kept it from others for
+    /// more than `Reactor::LONG_CALLBACK`, with the time that no `lap` has told, counted as there. To be called once,
+    /// before the first event.
+    void watch(util::UniqueFunction<void(TimeNs)> tell);
+    /// `Reactor::lap` for the event under way. On the loop itself, which is watched.
+    TimeNs lap();
+    /// How long the event under way has held the loop, since it began or since its last lap; exact to some
+    /// milliseconds. 0 when none is under way, or when the loop is not watched. Any thread.
+    TimeNs heldFor() const noexcept;
 
     const std::string& name() const noexcept { return m_name; }
 

@@ -21,7 +21,9 @@ KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config)
     : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(std::move(config)),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),
       m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")),
-      m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies())), m_eventSource(m_proc_name)
+      m_executorWatch(*m_executor, "executor"), m_updaterWatch(*m_updater, "updater"),
+      m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies(), m_executor, m_updater)),
+      m_eventSource(m_proc_name)
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[ctor]");
     servicecomp::overrideMimeTypeFunc([](const Request& request) { return getMimeType(request.getMimeTypeHeader()); });

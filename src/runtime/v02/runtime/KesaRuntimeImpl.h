@@ -13,6 +13,7 @@
 #include <runtime/v02/runtime/BackendList.h>
 #include <runtime/v02/runtime/Handle.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
+#include <runtime/v02/runtime/LoopWatch.h>
 #include <runtime/v02/runtime/Reasons.h>
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
 #include <runtime/v02/runtime/channels.h>
@@ -199,8 +200,8 @@ private:
     void triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef, const Trackers& trackers,
                               const QueryTrackers& queryTrackers);
     void triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& updates, const QueryTrackers& queryTrackers);
-    void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const;
-    void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const;
+    void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers);
+    void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers);
 
     // Query tracking
     void startQuery(const Query& query, const Handle& handle, std::unique_ptr<TrackingHandler> handler);
@@ -295,6 +296,8 @@ private:
     bool m_isRunning = false;
     std::shared_ptr<comm::ActiveObject> m_executor;
     std::shared_ptr<comm::ActiveObject> m_updater;
+    LoopWatch m_executorWatch;
+    LoopWatch m_updaterWatch;
     BackendList m_backendList;
     const std::shared_ptr<Reasons> m_reasons;
     std::shared_ptr<RemoteRegistryHandler> m_remoteRegistryHandler; ///< set while a remote registry is used

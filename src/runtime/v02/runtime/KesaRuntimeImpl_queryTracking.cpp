@@ -66,6 +66,7 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
     // Before the chain joins the list: later news come on the updater, and the chain has no lock.
     for (const ServiceUpdate& update : initialUpdates) {
         bookkeeper->onNext(update);
+        m_executorWatch.told("trackServices", update.element.path.toString());
     }
     const auto shared = std::make_shared<const Query>(query);
     auto observer = std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(

@@ -271,6 +271,7 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
 void KesaRuntimeImpl::announce(RuntimeEntry& entry)
 {
     (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef);
+    m_executorWatch.told("registerService", entry.optionalServiceDef->path.toString());
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
 }
 

@@ -53,6 +53,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     entry.providedLocators = m_registryLocators;
     isRegistryServiceRegistered = true;
     (*entry.optionalRegistrator)->onNext(serviceDef);
+    m_executorWatch.told("registerService", path);
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, serviceDef, entry.trackers, m_queryTrackers); // left from before
     eventlog::registrationSuccess(m_eventSource, serviceDef);
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] service='%s' DONE", path.c_str());

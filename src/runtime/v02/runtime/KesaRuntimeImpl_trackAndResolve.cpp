@@ -167,6 +167,7 @@ void KesaRuntimeImpl::onNextOfResolve(const Handle& handle, std::uint64_t token,
                    handle.address);
         service.valuePropagated = true;
         service.client->onNext(ResolvedService(serviceDef, *state));
+        m_executorWatch.told("trackAndResolveService", serviceDef.path.toString());
     } else if (state) {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackAndResolveService onNext of resolve] has value but was already propagated to client "
@@ -178,6 +179,7 @@ void KesaRuntimeImpl::onNextOfResolve(const Handle& handle, std::uint64_t token,
                    handle.address);
         service.valuePropagated = false;
         service.client->onNext(nullopt);
+        m_executorWatch.told("trackAndResolveService", serviceDef.path.toString());
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackAndResolveService onNext of resolve] has no value but was already propagated to client "

@@ -101,6 +101,7 @@ void KesaRuntimeImpl::onRemovedOfQueryTracking(const Handle& handle, const Servi
     if (bookkeeper != m_trackAndResolvedServicesQuery.end()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of tracking] eREMOVED call onNext to client");
         bookkeeper->second->onNext(ResolvedServiceState(serviceDef, nullopt));
+        m_executorWatch.told("trackAndResolveServices", serviceDef.path.toString());
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] response handle='%p' not found",
                    handle.address);
@@ -172,6 +173,7 @@ void KesaRuntimeImpl::onNextOfQueryResolve(const Handle& handle, std::uint64_t t
     } else if (isCurrentProxy(handle, token, serviceDef.path.toString())) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of resolve] call onNext");
         bookkeeper->second->onNext(ResolvedServiceState(serviceDef, state));
+        m_executorWatch.told("trackAndResolveServices", serviceDef.path.toString());
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of resolve] proxy is gone handle='%p'",
                    handle.address);

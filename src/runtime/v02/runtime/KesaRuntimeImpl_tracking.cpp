@@ -32,9 +32,10 @@ void takeTracker(std::vector<std::shared_ptr<TrackingHandler>>& trackers, const 
 
 /// The first news of a tracker, on the executor. It must come before the tracker joins the list: later news come on the
 /// updater, and the chain has no lock.
-void notify(TrackingHandler& chain, const ServiceDef& serviceDef)
+void notify(TrackingHandler& chain, const ServiceDef& serviceDef, LoopWatch& watch)
 {
     chain.onNext(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef));
+    watch.told("trackService", serviceDef.path.toString());
 }
 
 } // namespace
@@ -90,7 +91,7 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackService, path] service='%s' already registered -> notifying tracker handle='%p'",
                    path.c_str(), handle.address);
-        notify(*chain, *entry.optionalServiceDef);
+        notify(*chain, *entry.optionalServiceDef, m_executorWatch);
     } else if (entry.isStaticConfigured) {
         // What this process is to provide itself is there once it has registered it.
         if (!entry.optionalServiceDef) {
@@ -100,13 +101,13 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
                        "[trackService, path] service='%s' is static configured an in provided by other process "
                        "handle='%p'",
                        path.c_str(), handle.address);
-            notify(*chain, *entry.optionalServiceDef);
+            notify(*chain, *entry.optionalServiceDef, m_executorWatch);
         }
     } else if (entry.optionalServiceDef) {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackService, path] service='%s' already tracked -> notifying tracker handle='%p'", path.c_str(),
                    handle.address);
-        notify(*chain, *entry.optionalServiceDef);
+        notify(*chain, *entry.optionalServiceDef, m_executorWatch);
         isRemote = !entry.remoteTrackingId;
     } else {
         isRemote = true;
@@ -190,26 +191,29 @@ void KesaRuntimeImpl::triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& upd
     });
 }
 
-void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers) const
+void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers)
 {
     onUpdater();
     for (const auto& tracker : trackers) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] tracker onNext service='%s'",
                    update.element.path.toString().c_str());
         tracker->onNext(update);
+        m_updaterWatch.told("trackService", update.element.path.toString());
     }
 }
 
 /// Every query tracker filters for itself.
-void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers) const
+void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers)
 {
     onUpdater();
-    const char* const path = update.element.path.toString().c_str();
-    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] query size %zu service='%s'", queryTrackers.size(), path);
+    const std::string& path = update.element.path.toString();
+    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] query size %zu service='%s'", queryTrackers.size(),
+               path.c_str());
     for (const auto& [handle, tracker] : queryTrackers) {
         tracker->onNext(update);
+        m_updaterWatch.told("trackServices", path);
     }
-    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] DONE service='%s'", path);
+    KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] DONE service='%s'", path.c_str());
 }
 
 } // namespace kesa::runtime::v02

@@ -1,5 +1,7 @@
 #include <runtime/v02/runtime/Reasons.h>
 
+#include <comm/Reactor.h>
+
 #include <fmt/format.h>
 
 #include <utility>
@@ -26,8 +28,10 @@ std::string withoutRegistry(const KesaConfig& config)
 
 } // namespace
 
-Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies)
-    : m_proxies(std::move(proxies)), m_withoutAsking(withoutRegistry(config))
+Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies,
+                 std::weak_ptr<const comm::ActiveObject> executor, std::weak_ptr<const comm::ActiveObject> updater)
+    : m_proxies(std::move(proxies)), m_executor(std::move(executor)), m_updater(std::move(updater)),
+      m_withoutAsking(withoutRegistry(config))
 {}
 
 void Reasons::setRegistryHere()
@@ -44,8 +48,27 @@ void Reasons::setRegistryAt(const url& locator)
     m_registry = locator;
 }
 
+/// A handler on one of the loops over which this process hears of services; empty when none has taken long.
+std::string Reasons::whyDeaf() const
+{
+    for (const auto& [loop, name] :
+         {std::pair(m_executor.lock(), "executor"), std::pair(m_updater.lock(), "updater")}) {
+        const comm::TimeNs held = loop ? loop->heldFor() : 0;
+        if (held > comm::Reactor::LONG_CALLBACK) {
+            return fmt::format(
+                "this process's {} has been held for {} ms by one handler, so it hears of nothing: leave "
+                "what takes long or waits to a thread of your own, as kesa::on does",
+                name, held / comm::MILLISECOND);
+        }
+    }
+    return {};
+}
+
 std::string Reasons::whyUnknown(const std::string& path) const
 {
+    if (std::string deaf = whyDeaf(); !deaf.empty()) {
+        return deaf;
+    }
     url registry;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);

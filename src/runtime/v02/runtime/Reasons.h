@@ -1,6 +1,7 @@
 #ifndef KESA_RUNTIME_V02_REASONS_H
 #define KESA_RUNTIME_V02_REASONS_H
 
+#include <comm/ActiveObject.h>
 #include <kesa/runtime/v02/IReasons.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <runtime/v02/runtime/OpenProxies.h>
@@ -15,7 +16,8 @@ namespace kesa::runtime::v02 {
 /// How this process stands to the registry: it asks none, hosts it, or has a connection to it.
 class Reasons final : public IReasons {
 public:
-    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies);
+    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies,
+            std::weak_ptr<const comm::ActiveObject> executor, std::weak_ptr<const comm::ActiveObject> updater);
 
     /// The registry is this process's own.
     void setRegistryHere();
@@ -26,7 +28,11 @@ public:
     std::string obstacle(const url& locator) const override { return m_proxies->obstacle(locator); }
 
 private:
+    std::string whyDeaf() const;
+
     const std::shared_ptr<const OpenProxies> m_proxies;
+    const std::weak_ptr<const comm::ActiveObject> m_executor;
+    const std::weak_ptr<const comm::ActiveObject> m_updater;
     std::atomic<bool> m_isConnected{false};
     mutable std::mutex m_mutex;
     std::string m_withoutAsking; ///< what is so when no other process is asked; this and the next under the mutex

@@ -1,6 +1,7 @@
 // The facade, the order of the virtual tables, start and shutdown.
 #include "RuntimeFixture.h"
 
+#include <comm/Condition.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
@@ -191,6 +192,56 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     m_runtime.reset();
     EXPECT_EQ(reasons->whyUnknown("/x"),
               "the registry at " + registry + " is not connected; 'kesactl doctor' says more");
+}
+
+TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)
+{
+    m_runtime = startRuntime();
+    bool isHolding = true;
+    Lines reasons;
+    const auto hold = [&] {
+        if (!isHolding) {
+            return;
+        }
+        std::mutex mutex;
+        comm::Condition never;
+        std::unique_lock lock(mutex);
+        comm::waitFor(
+            never, lock, [] { return false; }, comm::now() + 60 * comm::MILLISECOND);
+        reasons.push_back(m_runtime->reasons()->whyUnknown("/x"));
+    };
+    auto tracking = m_runtime->trackService("/a", handler<ServiceUpdate>("t", hold));
+    auto query = m_runtime->trackServices(Query("/b"), handler<ServiceUpdate>("q", hold));
+    run();
+    const auto told = [this](const std::function<void()>& work) {
+        m_scheduler.runFor(comm::SECOND); // since the last line
+        Lines lines = traced(3, work);
+        std::erase_if(lines, [](const std::string& line) { return line.find("[loop]") == std::string::npos; });
+        return lines;
+    };
+    const auto registering = [&](const std::string& path, const std::function<void()>& hook) {
+        return told([&] {
+            static_cast<void>(m_runtime->registerService(path, service(), ServiceDef::TypeEnum::pex, GenericObject(),
+                                                         handler<ServiceDef>("r", hook)));
+        });
+    };
+    const std::string rest = ", in which this process heard of no service: leave what takes long or waits to a thread "
+                             "of your own, as kesa::on does";
+    EXPECT_THAT(registering("/a", hold),
+                ElementsAre("3 [loop] the handler of registerService, told of '/a', took 60 ms on the executor" + rest,
+                            "3 [loop] the handler of trackService, told of '/a', took 60 ms on the updater" + rest));
+    const std::string held = " has been held for 60 ms by one handler, so it hears of nothing: leave ";
+    EXPECT_THAT(reasons,
+                ElementsAre(HasSubstr("this process's executor" + held), HasSubstr("this process's updater" + held)));
+    EXPECT_THAT(registering("/b", {}),
+                ElementsAre(HasSubstr("the handler of trackServices, told of '/b', took 60 ms")));
+    EXPECT_THAT(
+        told([&] { auto nowhere = m_runtime->resolveService(url("x://nowhere"), handler<ProxyState>("p", hold)); }),
+        ElementsAre(HasSubstr("[loop] a handler took 120 ms on the updater")))
+        << "its error and its end";
+    isHolding = false;
+    EXPECT_THAT(m_runtime->reasons()->whyUnknown("/x"), HasSubstr("asks no registry"));
+    m_runtime.reset();
 }
 
 TEST_F(RuntimeTest, doesNotStartWithoutBackends)

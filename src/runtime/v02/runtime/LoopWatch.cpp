@@ -1,0 +1,26 @@
+#include <runtime/v02/runtime/LoopWatch.h>
+
+#include <runtime/v02/runtime/channels.h>
+
+#include <fmt/format.h>
+
+#include <utility>
+
+namespace kesa::runtime::v02 {
+
+LoopWatch::LoopWatch(comm::ActiveObject& loop, std::string name) : m_loop(loop), m_name(std::move(name))
+{
+    loop.watch([this](comm::TimeNs held) { trace("a handler", held); });
+}
+
+void LoopWatch::trace(const std::string& what, comm::TimeNs held)
+{
+    if (const auto end = m_traces.pass(comm::now())) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                        fmt::format("[loop] {} took {} ms on the {}, in which this process heard of no service: leave "
+                                    "what takes long or waits to a thread of your own, as kesa::on does{}",
+                                    what, held / comm::MILLISECOND, m_name, *end));
+    }
+}
+
+} // namespace kesa::runtime::v02
