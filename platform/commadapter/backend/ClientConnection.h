@@ -124,7 +124,8 @@ private:
     void retire(const std::shared_ptr<ClientState>& client, bool serviceRemoved);
     void tellFailed(Lock& lock, std::size_t atMost);
     void endStreams(Lock& lock, ClientState& client, const Response& error);
-    void lap(const ClientState& client);
+    template <class Call>
+    void callOut(const ClientState& client, Call&& call);
     void endHere(Lock& lock, std::uint32_t stream, const Response& error);
     void endStream(std::uint32_t stream, const Response* error);
     bool breaksOrder(Lock& lock, std::uint32_t number, const Stream& stream);

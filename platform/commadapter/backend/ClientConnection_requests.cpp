@@ -303,6 +303,13 @@ void ClientConnection::unlink(std::uint32_t number)
 
 // ---- answers ------------------------------------------------------------------------------------------------------
 
+/// The client is there until the loop retires it, so for as long as a handler runs.
+template <class Call>
+void ClientConnection::callOut(const ClientState& client, Call&& call)
+{
+    loop().callOut(std::forward<Call>(call), [&client] { return "the handler of an answer of '" + client.path + "'"; });
+}
+
 /// Calls a handler without the lock, as the one call that `cancel` may have to wait for.
 template <class Call>
 void ClientConnection::run(Lock& lock, std::uint64_t handle, Call&& call)
@@ -354,8 +361,7 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     const ClientState& client = *stream->client;
     m_runningHandle = handle;
     lock.unlock();
-    handler->onNext(response);
-    lap(client);
+    callOut(client, [&] { handler->onNext(response); });
     lock.lock();
     Stream* const after = m_streams.find(number); // the table may have grown meanwhile
     if (after != nullptr && after->handle == handle && after->isOpen) {
@@ -398,20 +404,15 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
     const ClientState& client = *stream->client;
     m_streams.giveBack(number);
     run(lock, handle, [&] {
-        if (error != nullptr) {
-            handler->onError(*error);
-        } else {
-            handler->onCompleted();
-        }
-        handler.reset();
-        lap(client);
+        callOut(client, [&] {
+            if (error != nullptr) {
+                handler->onError(*error);
+            } else {
+                handler->onCompleted();
+            }
+            handler.reset();
+        });
     });
-}
-
-/// The client is there until the loop retires it, so for as long as a handler runs.
-void ClientConnection::lap(const ClientState& client)
-{
-    loop().lap([&client] { return "the handler of an answer of '" + client.path + "'"; });
 }
 
 /// Ends the open requests of a client object on this side.

@@ -10,6 +10,7 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <exception>
 
 namespace kesa::commadapter {
 
@@ -76,6 +77,23 @@ void IoLoop::traceHeld(const std::string& what, comm::TimeNs held)
                                     "takes long or waits to a thread of your own, as kesa::on does{}",
                                     what, held / comm::MILLISECOND, *end));
     }
+}
+
+/// Of the exception that is being handled.
+void IoLoop::endThrown(const std::string& what)
+{
+    std::string text = "what is no std::exception";
+    try {
+        throw;
+    } catch (const std::exception& exception) {
+        text = exception.what();
+    } catch (...) {
+    }
+    KESA_TRACE(CHANNEL, 4,
+               "[loop] %s has thrown, which ends this process: %s; catch it there, as "
+               "kesa::ResourceHandler does",
+               what.c_str(), text.c_str());
+    std::terminate();
 }
 
 void IoLoop::flushAtTurnEnd(Connection& connection)

@@ -73,8 +73,19 @@ public:
     /// Runs `work` on the loop and returns when it has run, or when the loop has ended; on the loop itself: at once.
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
-    /// To be called when something foreign has run in a turn: traces what `describe` says when that took long,
-    /// once in a second.
+    /// Runs something foreign in a turn. Traces what `describe` says of it when that took long, once in a second, and
+    /// when it has thrown, which ends the process.
+    template <class Call, class Describe>
+    void callOut(Call&& call, const Describe& describe)
+    {
+        try {
+            call();
+        } catch (...) {
+            endThrown(describe());
+        }
+        lap(describe);
+    }
+    /// When something foreign has run otherwise: the first half of that.
     template <class Describe>
     void lap(const Describe& describe)
     {
@@ -113,6 +124,7 @@ public:
     }
 
 private:
+    [[noreturn]] static void endThrown(const std::string& what);
     void traceHeld(const std::string& what, comm::TimeNs held);
     void flushGathered();
     void startHeartbeat();

@@ -460,12 +460,12 @@ void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
     {
         // A caller in this process is nobody else: it has no context.
         const RequestContext::Scope scope(m_scheme == "local" ? nullptr : &m_context, deadline);
-        handle = service->service->request(request, std::move(handler));
+        loop().callOut([&] { handle = service->service->request(request, std::move(handler)); },
+                       [&] {
+                           return "the request '" + request.getCommand() + ' ' + request.getPath() +
+                                  "' of the service '" + service->path + "'";
+                       });
     }
-    loop().lap([&] {
-        return "the request '" + request.getCommand() + ' ' + request.getPath() + "' of the service '" + service->path +
-               "'";
-    });
     m_context.stream = nullptr;
     const Lock lock(m_lock);
     if (Stream* const stream = find(number, serial)) {

@@ -11,6 +11,7 @@
 #include <gmock/gmock.h>
 
 #include <mutex>
+#include <stdexcept>
 
 namespace kesa::commadapter::test {
 namespace {
@@ -96,6 +97,21 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
     const auto answered = client->request(retrieve("/echo", "hello"));
     answered->onValue = [&] { wait(70 * comm::MILLISECOND); };
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 70 ms")));
+}
+
+TEST_P(BackendRequests, WhatThrowsIsNamedBeforeTheProcessEnds)
+{
+    const auto request = [this](bool isService) {
+        tracing::setSink(nullptr);
+        const auto fail = [] { throw std::runtime_error("disk full"); };
+        service.onRequest = [&](const Request&) { isService ? fail() : void(); };
+        const auto answered = client->request(retrieve("/echo", "hello"));
+        answered->onValue = fail;
+        settle();
+    };
+    const std::string rest = " has thrown, which ends this process: disk full; catch it there";
+    EXPECT_DEATH(request(true), "the request 'retrieve /echo' of the service '/service'" + rest);
+    EXPECT_DEATH(request(false), "the handler of an answer of '/service'" + rest);
 }
 
 TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
