@@ -6,6 +6,7 @@
 #include <comm/Reactor.h>
 #include <obr/GlobalErrorHandler.h>
 
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -75,6 +76,20 @@ inline void runOn(Reactor& loop, std::function<void()> work)
         done->raise();
     });
     done->await();
+}
+
+/// Keeps the thread busy for longer than `Reactor::LONG_CALLBACK`, by what the processor has done for it: so also where
+/// the machine has little time for it.
+inline void workLong()
+{
+    const auto ran = [] {
+        timespec time{};
+        ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+        return time.tv_sec * SECOND + time.tv_nsec;
+    };
+    const TimeNs end = ran() + Reactor::LONG_CALLBACK + 20 * MILLISECOND;
+    while (ran() < end) {
+    }
 }
 
 /// Keeps failed assertions instead of ending the process.

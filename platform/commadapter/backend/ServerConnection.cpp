@@ -394,7 +394,8 @@ void ServerConnection::cancelAtService(std::uint32_t number, const Response& err
     }
     lock.unlock();
     if (handle != IKesaApi::UNDEFINED_REQUEST_HANDLE && !service->isWithdrawn) {
-        service->service->cancel(handle);
+        loop().callOut([&] { service->service->cancel(handle); },
+                       [&] { return "the cancel of a request of the service '" + service->path + "'"; });
     }
 }
 

@@ -15,7 +15,7 @@ class KESA_API IReasons {
 public:
     virtual ~IReasons();
     /// Why nobody may be known to provide `path`, in words that go on after "nobody is known to provide it: " and end
-    /// with the command that says more.
+    /// with the command that says more, or with what to do: while a handler holds the executor or the updater, that.
     virtual std::string whyUnknown(const std::string& path) const = 0;
     /// What keeps what is resolved by this locator from answering: why it is not connected, or that its process is
     /// stopped. Empty when nothing is known to, and when nothing is resolved by it.
