@@ -5,10 +5,14 @@
 
 #include <unistd.h>
 
+#include <charconv>
+#include <csignal>
+#include <cstdint>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <string_view>
 
 namespace comm {
 
@@ -23,6 +27,34 @@ std::string fieldsAfterName(pid_t pid)
     return name == std::string::npos ? std::string() : line.substr(name + 1);
 }
 
+/// 0 when it is not there.
+TimeNs numberAt(const std::string& fieldsAfterName, int index)
+{
+    std::istringstream fields(fieldsAfterName);
+    std::string passed;
+    for (int field = 0; field < index; ++field) {
+        fields >> passed;
+    }
+    TimeNs number = 0;
+    fields >> number;
+    return number;
+}
+
+bool isKillPending(pid_t pid)
+{
+    constexpr std::string_view MASK = "SigPnd:\t"; // of the first thread, and "ShdPnd:" of all
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    bool isPending = false;
+    for (std::string line; std::getline(status, line) && !isPending;) {
+        if (line.compare(0, MASK.size(), MASK) == 0 || line.compare(0, MASK.size(), "ShdPnd:\t") == 0) {
+            std::uint64_t signals = 0;
+            std::from_chars(line.data() + MASK.size(), line.data() + line.size(), signals, 16);
+            isPending = (signals & (std::uint64_t{1} << (SIGKILL - 1))) != 0;
+        }
+    }
+    return isPending;
+}
+
 } // namespace
 
 bool isProcessStopped(pid_t pid)
@@ -31,16 +63,23 @@ bool isProcessStopped(pid_t pid)
     return fields.size() > 1 && (fields[1] == 'T' || fields[1] == 't');
 }
 
+bool isProcessEnding(pid_t pid)
+{
+    // In this order: first it has the signal, then it takes it and exits.
+    if (isKillPending(pid)) {
+        return true;
+    }
+    const std::string fields = fieldsAfterName(pid);
+    constexpr int FLAGS = 6;
+    constexpr TimeNs IS_EXITING = 4;
+    return fields.size() > 1 && (fields[1] == 'Z' || fields[1] == 'X' || (numberAt(fields, FLAGS) & IS_EXITING) != 0);
+}
+
 TimeNs processStart(pid_t pid)
 {
-    constexpr int FIELDS_BEFORE = 19; // between the name and the start
-    std::istringstream fields(fieldsAfterName(pid));
-    std::string passed;
-    for (int field = 0; field < FIELDS_BEFORE; ++field) {
-        fields >> passed;
-    }
-    TimeNs ticks = 0; // since the machine's start
-    if (!(fields >> ticks)) {
+    constexpr int START = 19;
+    const TimeNs ticks = numberAt(fieldsAfterName(pid), START); // since the machine's start
+    if (ticks == 0) {
         return 0;
     }
     return wallClock() - readClock(CLOCK_BOOTTIME) + ticks * (SECOND / ::sysconf(_SC_CLK_TCK));

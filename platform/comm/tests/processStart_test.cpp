@@ -1,4 +1,4 @@
-// When processes began, and whether they are stopped, as the kernel tells it.
+// When processes began, and whether they are stopped or ending, as the kernel tells it.
 
 #include <comm/processStart.h>
 #include <comm/wallClock.h>
@@ -33,9 +33,14 @@ TEST(ProcessStop, IsSeenFromOutside)
     ::kill(child, SIGSTOP);
     ::waitpid(child, nullptr, WUNTRACED);
     EXPECT_TRUE(isProcessStopped(child));
+    EXPECT_FALSE(isProcessEnding(child));
     ::kill(child, SIGKILL);
+    siginfo_t ended{};
+    ::waitid(P_PID, static_cast<id_t>(child), &ended, WEXITED | WNOWAIT);
+    EXPECT_TRUE(isProcessEnding(child)) << "until somebody has asked how it ended";
     ::waitpid(child, nullptr, 0);
     EXPECT_FALSE(isProcessStopped(child));
+    EXPECT_FALSE(isProcessEnding(child));
 }
 
 } // namespace

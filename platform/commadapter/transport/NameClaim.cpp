@@ -8,11 +8,15 @@
 
 #include "transport/Authority.h"
 
+#include <comm/processStart.h>
+
 #include <fcntl.h>
 #include <grp.h>
+#include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -35,6 +39,8 @@ namespace {
 constexpr mode_t LOCK_MODE = 0600;
 /// The kernel lowers it to its own limit.
 constexpr int BACKLOG = 4096;
+/// What the kernel needs for a large process on a busy machine.
+constexpr int LONGEST_END_MS = 2000;
 
 /// The program's path, else its short name, which everybody may read; empty when neither can be.
 std::string programOf(pid_t pid)
@@ -49,13 +55,33 @@ std::string programOf(pid_t pid)
     return name;
 }
 
-/// Who has locked the file, with what is known of it: the claim wrote its number into the file and nobody does since.
-std::string describeHolder(int lockFile)
+/// Who has locked the file: the claim wrote its number into the file and nobody does since. 0 when that is not there.
+pid_t holderOf(int lockFile)
 {
     std::array<char, 16> buffer;
     const ssize_t size = retryInterrupted([&] { return ::pread(lockFile, buffer.data(), buffer.size(), 0); });
     pid_t pid = 0;
-    if (size <= 0 || std::from_chars(buffer.data(), buffer.data() + size, pid).ec != std::errc()) {
+    const bool failed = size <= 0 || std::from_chars(buffer.data(), buffer.data() + size, pid).ec != std::errc();
+    return failed ? 0 : pid;
+}
+
+/// A killed process is missed, and started again, before the kernel has closed all that it had. True when it has been
+/// waited for.
+bool hasWaitedForItsEnd(pid_t pid)
+{
+    if (pid <= 0 || pid == ::getpid() || !comm::isProcessEnding(pid)) {
+        return false;
+    }
+    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+    pollfd end{process.get(), POLLIN, 0};
+    return !process || retryInterrupted([&] { return ::poll(&end, 1, LONGEST_END_MS); }) > 0;
+}
+
+/// With what is known of it.
+std::string describeHolder(int lockFile)
+{
+    const pid_t pid = holderOf(lockFile);
+    if (pid == 0) {
         return "another process";
     }
     if (pid == ::getpid()) {
@@ -71,6 +97,12 @@ std::string describeHolder(int lockFile)
     return holder;
 }
 
+/// The error's number; 0 when the lock is taken.
+int tryLock(const Descriptor& file)
+{
+    return retryInterrupted([&file] { return ::flock(file.get(), LOCK_EX | LOCK_NB); }) == 0 ? 0 : errno;
+}
+
 /// Opens the lock file of a name and takes its lock. True on failure.
 bool openLocked(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
                 std::string& why)
@@ -84,13 +116,17 @@ bool openLocked(const Descriptor& directory, const std::string& process, Descrip
                           file, std::system_category().message(errno), process);
         return true;
     }
-    if (retryInterrupted([&] { return ::flock(opened.get(), LOCK_EX | LOCK_NB); }) != 0) {
-        isHeld = errno == EWOULDBLOCK;
+    int error = tryLock(opened);
+    if (error == EWOULDBLOCK && hasWaitedForItsEnd(holderOf(opened.get()))) {
+        error = tryLock(opened);
+    }
+    if (error != 0) {
+        isHeld = error == EWOULDBLOCK;
         why = isHeld ? fmt::format("the name \"{}\" is held by {}; end that one, or give one of both another name; "
                                    "\"kesactl ps\" shows which are taken",
                                    process, describeHolder(opened.get()))
                      : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
-                                   std::system_category().message(errno));
+                                   std::system_category().message(error));
         return true;
     }
     lock = std::move(opened);

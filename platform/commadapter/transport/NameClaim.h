@@ -27,7 +27,8 @@ std::string socketFileName(const std::string& process);
 /// A process name held in a run directory, and the socket that listens under it. Destroying it gives the name back.
 class NameClaim {
 public:
-    /// Null when a living process has the name or a right is missing; `why` says so. Never waits.
+    /// Null when a living process has the name or a right is missing; `why` says so. Waits for
+    /// nobody but a process that is being ended by the kernel, two seconds at most.
     static std::unique_ptr<NameClaim> take(Descriptor directory, const std::string& process,
                                            const IpcSettings& settings, std::string& why);
     /// Whether `take` would fail, since a living process has the name (`isHeld`) or since a right is missing. Has the

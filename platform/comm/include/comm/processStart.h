@@ -14,6 +14,10 @@ KESA_API TimeNs processStart(pid_t pid);
 /// It is there, and stopped by a signal or a debugger. Reads a file of /proc; any thread.
 KESA_API bool isProcessStopped(pid_t pid);
 
+/// The kernel is ending it, or is about to since it has been killed: its descriptors, locks among them, may be there
+/// still. Reads files of /proc; any thread.
+KESA_API bool isProcessEnding(pid_t pid);
+
 } // namespace comm
 
 #endif
