@@ -103,7 +103,6 @@ private:
     void dropRegistrations(const Asker& asker);
     void noteEnd(const Request& registration, const Record& record, std::string reason);
     // explain.cpp
-    std::string nearestTo(const std::string& path) const;
     static Who whoOf(const Asker& asker, const Record& record);
     std::string holderOf(const std::string& path) const;
     GenericObject describeHolder(const Store::Held& held) const;

@@ -3,12 +3,12 @@
 
 #include "service/RegistryImpl.h"
 #include "service/limits.h"
+#include "store/nearestPath.h"
 
 #include <kesa/RequestContext.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/matchesQuery.h>
-#include <util/nearestName.h>
 
 #include <unistd.h>
 
@@ -76,7 +76,7 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
                 !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
                 answer.set("hiddenBy", "realm");
             }
-        } else if (const std::string nearest = nearestTo(path); !nearest.empty()) {
+        } else if (const std::string nearest = nearestPath(m_store, path, MAX_NEAREST_LOOKS); !nearest.empty()) {
             answer.set("nearest", nearest);
         }
         answer.set("history", describeHistory(path));
@@ -87,24 +87,6 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
     if (!handler.onNext(answer)) {
         handler.onCompleted();
     }
-}
-
-/// Whoever mistypes a path mostly has its first segments right: so its own folder comes first.
-std::string Registry::Impl::nearestTo(const std::string& path) const
-{
-    std::size_t looks = MAX_NEAREST_LOOKS;
-    std::string folder = path;
-    while (looks > 0 && !folder.empty()) {
-        folder.resize(folder.rfind('/'));
-        std::vector<std::string_view> known;
-        m_store.below(folder + '/', looks, known);
-        const std::string_view nearest = util::nearestName(path, known);
-        if (!nearest.empty()) {
-            return std::string(nearest);
-        }
-        looks -= known.size();
-    }
-    return {};
 }
 
 /// The own process says nothing of itself but its name in the record.

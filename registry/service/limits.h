@@ -32,7 +32,7 @@ inline constexpr comm::TimeNs WAITING_PROOF_TIME = 5 * comm::SECOND;
 /// Of an explanation: so many requests of a process that ask for the path.
 inline constexpr std::size_t MAX_EXPLAINED_ASKS = 16;
 
-/// And so many paths, in the folders around the one that is not there, are looked at for the one that was meant.
+/// And so many names are looked at for the path that was meant by one that is not there.
 inline constexpr std::size_t MAX_NEAREST_LOOKS = 2000;
 
 /// How long a holder has to show that it lives.

@@ -1,6 +1,7 @@
 #include "store/Store.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace kesa::registry {
@@ -326,6 +327,21 @@ void Store::below(const std::string& prefix, std::size_t most, std::vector<std::
             break;
         }
         paths.push_back(at->first);
+    }
+}
+
+/// What is below a child is skipped, whatever its size: '0' is the character after '/'.
+void Store::children(const std::string& prefix, std::size_t most, std::vector<std::string>& names) const
+{
+    const std::size_t begin = prefix.rfind('/') + 1;
+    auto at = m_records.lower_bound(prefix);
+    while (at != m_records.end() && most > 0 && at->first.substr(0, prefix.size()) == prefix) {
+        const std::size_t end = at->first.find('/', begin);
+        std::string name(at->first.substr(begin, end - begin));
+        at =
+            end == std::string_view::npos ? std::next(at) : m_records.lower_bound(prefix.substr(0, begin) + name + '0');
+        names.push_back(std::move(name));
+        --most;
     }
 }
 

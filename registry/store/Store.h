@@ -77,6 +77,9 @@ public:
     const Held* find(const std::string& path) const;
     /// Appends the paths that are there and begin with `prefix`, at most `most`. Valid until the next change.
     void below(const std::string& prefix, std::size_t most, std::vector<std::string_view>& paths) const;
+    /// Appends what follows the last "/" of `prefix` in the paths that begin with it, up to their next "/": each once
+    /// where there are many below it, at most `most`.
+    void children(const std::string& prefix, std::size_t most, std::vector<std::string>& names) const;
     /// Who asks for a path, whether or not it is there and they are told of it.
     void asking(const std::string& path, std::vector<StreamId>& streams) { m_watchers.asking(path, streams); }
     const QueryWatch* findQuery(StreamId query) { return m_watchers.findQuery(query); }

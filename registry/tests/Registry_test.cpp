@@ -202,11 +202,29 @@ TEST_F(RegistryTest, ExplainsWhoHasAPathAndWhatBecameOfItsRegistrations)
                 ElementsAre("refused other [held by process holder (pid 7)]", "withdrawn holder []",
                             "lost holder [the peer closed the connection]", "lost holder [no sign of life]"));
     EXPECT_EQ(explain(holder, "/a")["holder"]["provider"], "other");
+}
 
+TEST_F(RegistryTest, NamesThePathThatWasMeant)
+{
+    Process holder("holder"), other("other");
     registerService(holder, "n", service("/media/player"));
-    EXPECT_EQ(explain(other, "/media/plaier")["nearest"], "/media/player");
-    EXPECT_EQ(explain(other, "/meida/player")["nearest"], "/media/player");
-    EXPECT_FALSE(explain(other, "/something/else")["nearest"].isDefined());
+    for (int number = 0; number < 10000; ++number) { // more than are looked at
+        registerService(holder, "m", service("/many/" + std::to_string(number)));
+    }
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"/media/plaier", "/media/player"},
+        {"/meida/player", "/media/player"},
+        {"/Media/Player", "/media/player"},
+        {"/mediaplayer", "/media/player"},
+        {"/manny/5", "/many/5"},
+        {"/many/99x9", "/many/9909"},
+        {"/meny/7777", "/many/7777"},
+        {"/something/else", "undefined"},
+    };
+    for (const auto& [path, meant] : expected) {
+        const GenericObject answer = explain(other, path);
+        EXPECT_EQ(answer["nearest"].isDefined() ? answer["nearest"].toText() : "undefined", meant) << path;
+    }
 }
 
 TEST_F(RegistryTest, ExplainsWhatAProcessIsNotToldOf)

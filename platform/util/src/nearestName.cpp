@@ -19,7 +19,6 @@ std::string plain(std::string_view name)
     return text;
 }
 
-/// How many characters have to be inserted, removed or replaced to make one of the other.
 std::size_t editDistance(std::string_view a, std::string_view b)
 {
     std::vector<std::size_t> row(b.size() + 1);
@@ -40,6 +39,16 @@ std::size_t editDistance(std::string_view a, std::string_view b)
 
 } // namespace
 
+std::size_t nameDistance(std::string_view one, std::string_view other)
+{
+    return editDistance(plain(one), plain(other));
+}
+
+std::size_t leastFarDistance(std::string_view name)
+{
+    return std::max<std::size_t>(2, name.size() / 3) + 1;
+}
+
 std::string_view nearestName(std::string_view name, const std::vector<std::string_view>& known)
 {
     if (name.size() > LONGEST_NEAR_NAME) {
@@ -47,7 +56,7 @@ std::string_view nearestName(std::string_view name, const std::vector<std::strin
     }
     const std::string wanted = plain(name);
     std::string_view best;
-    std::size_t bestDistance = std::max<std::size_t>(2, name.size() / 3) + 1;
+    std::size_t bestDistance = leastFarDistance(name);
     for (const std::string_view candidate : known) {
         const std::string text = plain(candidate);
         if (std::max(text.size(), wanted.size()) - std::min(text.size(), wanted.size()) >= bestDistance) {
