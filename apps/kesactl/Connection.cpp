@@ -9,6 +9,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <utility>
 
 namespace kesactl {
@@ -66,7 +67,7 @@ bool Connection::isRefused()
 
 Connection::Client Connection::client(comm::TimeNs deadline)
 {
-    if (Client client = tryClient(deadline)) {
+    if (Client client = tryClient(timeToExplain(deadline))) {
         return client;
     }
     const kesa::url where =
@@ -77,7 +78,10 @@ Connection::Client Connection::client(comm::TimeNs deadline)
                                   "host, and offers no other locator",
                                   where.toString())};
     }
-    const Unreached why = explainUnreachable(where);
+    const Unreached why = explainUnreachable(where, std::max<comm::TimeNs>(deadline - comm::now(), 0));
+    if (Client client = tryClient(deadline)) { // it may have come meanwhile
+        return client;
+    }
     throw Failure{ExitCode::eTIMED_OUT, fmt::format("no connection to {}: {}", where.toString(), why.text), 0,
                   why.advice};
 }

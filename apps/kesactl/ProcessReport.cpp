@@ -12,6 +12,7 @@
 #include <fmt/chrono.h>
 #include <fmt/format.h>
 
+#include <cstdint>
 #include <ctime>
 
 namespace kesactl {
@@ -125,8 +126,9 @@ std::string ProcessReport::executable() const
 
 comm::TimeNs ProcessReport::started() const
 {
+    constexpr std::int64_t MOST = INT64_MAX / comm::MILLISECOND;
     std::int64_t milliseconds = 0;
-    const bool isUnknown = answer["started"].get(milliseconds);
+    const bool isUnknown = answer["started"].get(milliseconds) || milliseconds < 0 || milliseconds > MOST;
     return facts.isThere || isUnknown ? facts.started : milliseconds * comm::MILLISECOND;
 }
 
@@ -207,6 +209,12 @@ std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, c
     return reports;
 }
 
+bool isCredible(comm::TimeNs time)
+{
+    constexpr comm::TimeNs YEAR_2000 = 946'684'800 * comm::SECOND;
+    return time > 0 && (time >= YEAR_2000 || comm::wallClock() < YEAR_2000);
+}
+
 std::string asLocalTime(comm::TimeNs time, bool isShort)
 {
     const auto partsOf = [](comm::TimeNs when) {
@@ -215,7 +223,7 @@ std::string asLocalTime(comm::TimeNs time, bool isShort)
         ::localtime_r(&seconds, &parts);
         return parts;
     };
-    if (time == 0) {
+    if (!isCredible(time)) {
         return "-";
     }
     const std::tm parts = partsOf(time);

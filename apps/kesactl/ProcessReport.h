@@ -47,7 +47,12 @@ RunDirectoryFacts findRunDirectory();
 std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
                                            comm::TimeNs deadline);
 
-/// Of this place; "-" for 0. Short for tables: "18:03:11" of today, "2026-11-25" of another day; else both.
+/// Whether that is a time of the wall clock at which anything can have happened. On a machine whose own clock stands at
+/// 1970, as one without a battery, that is one, too.
+bool isCredible(comm::TimeNs time);
+
+/// Of this place; "-" for one that is not credible. Short for tables: "18:03:11" of today, "2026-11-25" of another day;
+/// else both.
 std::string asLocalTime(comm::TimeNs time, bool isShort = false);
 
 } // namespace kesactl

@@ -3,11 +3,20 @@
 #include "Failure.h"
 #include "explainNoRegistry.h"
 #include "output.h"
+#include "registryFaults.h"
 
+#include <kesa/commands.h>
+#include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/handler.h>
+#include <kesa/headers.h>
+#include <kesa/mimetypes.h>
 #include <kesa/reasonOf.h>
+#include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
-#include <kesa/serviceregistry/ServiceRegistryPexClient.h>
+#include <kesa/serviceregistry/Query.h>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
+#include <kesa/tracing.h>
+#include <obr/ErrorStorage.h>
 
 #include <fmt/format.h>
 
@@ -20,17 +29,33 @@ namespace kesactl {
 using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::RegistryUpdate;
 using kesa::serviceregistry::ServiceRegistryPex;
-using kesa::serviceregistry::ServiceRegistryPexClient;
 using Kind = RegistryView::Event::Kind;
 using Updates = std::vector<RegistryUpdate>;
+
+namespace {
+
+/// A persistent stream of the registry, which is written here since an answer that cannot be read is to be told.
+template <class Body>
+kesa::Request requestOf(const std::string& path, const Body& body)
+{
+    kesa::Request request(kesa::commands::RETRIEVE, path,
+                          kesa::serializer::toPayload(body, kesa::mimetypes::JSON).value_or(kesa::Payload()));
+    kesa::headers::appendTracingInfo(request, ServiceRegistryPex::SERVICE_PATH, kesa::tracing::getTraceClientId());
+    kesa::headers::appendAuthInfo(request);
+    kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
+    return request;
+}
+
+} // namespace
 
 /// Shared with the handlers, which may be called as long as the runtime runs.
 struct RegistryView::State : std::enable_shared_from_this<State> {
     void connected(const std::shared_ptr<kesa::IKesaApi>& api);
-    void toldOfRegistry(const RegistryUpdate& update);
+    void toldOfRegistry(const kesa::Response& answer);
     void lost();
     void refused(const kesa::Response& error);
-    void told(const Updates& updates);
+    void told(const kesa::Response& answer);
+    void failed(const std::string& fault);
     /// The requests, if there are some. Not with the mutex held, which their answers take.
     void cancel();
     /// Whether the services of before have had the time to return to a registry that was started anew.
@@ -38,6 +63,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     /// False at the deadline; a `Failure` when the registry refuses, or nobody is there any more to read the output.
     bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline, const std::function<bool()>& predicate);
 
+    const kesa::url registry;
     const std::string glob;
     std::mutex mutex;
     comm::Condition changed;
@@ -46,7 +72,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     bool isComplete = false; ///< the first answer of this connection has ended
     bool hasEnded = false;   ///< the view
     bool isInterrupted = false;
-    std::shared_ptr<ServiceRegistryPexClient> client;
+    std::shared_ptr<kesa::IKesaApi> client;
     void* query = nullptr;
     void* tracking = nullptr; ///< of the registry itself
     comm::TimeNs settledAt = comm::NEVER;
@@ -54,37 +80,40 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     bool wasLost = false;
     Services beforeLoss; ///< of what `events` had come to, what has not come back yet
     std::deque<Event> events;
-    std::optional<kesa::Response> refusal;
+    std::optional<Failure> failure; ///< nothing more comes
+    std::string unavailable;        ///< what the registry, while connected, has answered with 503
 
-    explicit State(std::string pattern) : glob(std::move(pattern)) {}
+    State(kesa::url locator, std::string pattern) : registry(std::move(locator)), glob(std::move(pattern)) {}
 
     void announceGone();
 
 private:
+    void apply(const Updates& updates);
     void announce(const ServiceDef& service);
 };
 
 void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
 {
-    auto registry = std::make_shared<ServiceRegistryPexClient>(api, "application/json");
+    using kesa::Response;
     {
         const std::lock_guard lock(mutex);
         isConnected = true;
+        unavailable.clear();
         services.clear();
         settledAt = comm::now() + SETTLING; // should the registry not say when it began
         changed.notifyAll();
     }
-    auto itself = kesa::handler<RegistryUpdate>(
-        [self = shared_from_this()](const RegistryUpdate& update) { self->toldOfRegistry(update); },
-        [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
-    auto answers =
-        kesa::handler<Updates>([self = shared_from_this()](const Updates& updates) { self->told(updates); },
-                               [self = shared_from_this()](const kesa::Response& error) { self->refused(error); });
+    const auto self = shared_from_this();
+    const auto fail = [self](const Response& error) { self->refused(error); };
+    const auto end = [self] { self->failed("it ends its answer, which a registry goes on with"); };
     void* const first =
-        registry->main()->trackService(std::move(itself), kesa::Path(ServiceRegistryPex::SERVICE_PATH), {});
-    void* const second = registry->main()->queryRegistry(std::move(answers), kesa::serviceregistry::Query(glob));
+        api->request(requestOf(std::string(ServiceRegistryPex::SERVICE_PATH), util::config::Dictionary()),
+                     kesa::handler<Response>([self](const Response& answer) { self->toldOfRegistry(answer); }, fail));
+    void* const second =
+        api->request(requestOf("/", kesa::serviceregistry::Query(glob)),
+                     kesa::handler<Response>([self](const Response& answer) { self->told(answer); }, fail, end));
     std::unique_lock lock(mutex);
-    client = registry;
+    client = api;
     tracking = first;
     query = second;
     const bool isOver = hasEnded;
@@ -94,9 +123,15 @@ void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
     }
 }
 
-/// A time of another clock, as of another host, may be later than now, and tells nothing.
-void RegistryView::State::toldOfRegistry(const RegistryUpdate& update)
+/// A time of another clock, as of another host, may be later than now, and tells nothing. Nor does what cannot be read:
+/// of that the query tells.
+void RegistryView::State::toldOfRegistry(const kesa::Response& answer)
 {
+    RegistryUpdate update;
+    if (kesa::serializer::readPayload(answer.getPayload(), update) || !update.element) {
+        obr::ErrorStorage::ack();
+        return;
+    }
     const std::lock_guard lock(mutex);
     std::uint64_t started = 0;
     if (update.element->metainfo && !(*update.element->metainfo)["started_ms"].get(started) &&
@@ -125,30 +160,56 @@ void RegistryView::State::lost()
 
 void RegistryView::State::refused(const kesa::Response& error)
 {
-    if (error.getStatus() == 503) { // the connection: `lost` comes, too
+    if (const std::string fault = faultOf(error); !fault.empty()) {
+        failed(fault);
         return;
     }
     const std::lock_guard lock(mutex);
-    refusal = error;
+    if (error.getStatus() == 503) { // mostly of the connection: then `lost` comes, too
+        unavailable = kesa::reasonOf(error);
+        return;
+    }
+    failure = Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::reasonOf(error)};
+    changed.notifyAll();
+}
+
+void RegistryView::State::failed(const std::string& fault)
+{
+    const Unreached why = explainFault(registry, fault);
+    const std::lock_guard lock(mutex);
+    failure = Failure{ExitCode::eNO_REGISTRY, fmt::format("no registry at {}: {}", registry.toString(), why.text), 0,
+                      why.advice};
     changed.notifyAll();
 }
 
 void RegistryView::State::cancel()
 {
     std::unique_lock lock(mutex);
-    const auto registry = std::exchange(client, nullptr);
+    const auto api = std::exchange(client, nullptr);
     void* const first = std::exchange(tracking, nullptr);
     void* const second = std::exchange(query, nullptr);
     lock.unlock();
-    if (registry) {
-        registry->main()->cancelRequest(first);
-        registry->main()->cancelRequest(second);
+    if (api) {
+        api->cancel(first);
+        api->cancel(second);
     }
 }
 
-void RegistryView::State::told(const Updates& updates)
+void RegistryView::State::told(const kesa::Response& answer)
 {
+    Updates updates;
+    if (const std::string fault = readUpdates(answer, updates); !fault.empty()) {
+        failed(fault);
+        return;
+    }
     const std::lock_guard lock(mutex);
+    apply(updates);
+    changed.notifyAll();
+}
+
+/// With the mutex held.
+void RegistryView::State::apply(const Updates& updates)
+{
     for (const RegistryUpdate& update : updates) {
         const std::string& path = update.element->path.toString();
         const bool isRemoval = update.updateType == RegistryUpdate::UpdateTypeEnum::REMOVED;
@@ -172,7 +233,6 @@ void RegistryView::State::told(const Updates& updates)
             announce(service);
         }
     }
-    changed.notifyAll();
 }
 
 bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
@@ -182,10 +242,10 @@ bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs
     do {
         const comm::TimeNs settling = settledAt; // when the predicate may become true without news
         comm::waitFor(
-            changed, lock, [&] { return refusal || isInterrupted || predicate() || settledAt != settling; },
+            changed, lock, [&] { return failure || isInterrupted || predicate() || settledAt != settling; },
             settling > comm::now() ? std::min(settling, deadline) : deadline);
-        if (refusal) {
-            throw Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::reasonOf(*refusal)};
+        if (failure) {
+            throw *failure;
         }
         if (isInterrupted) {
             ReaderWatch::fail();
@@ -224,7 +284,7 @@ void RegistryView::State::announceGone()
 }
 
 RegistryView::RegistryView(std::vector<kesa::url> locators, const std::string& glob)
-    : m_locators(std::move(locators)), m_state(std::make_shared<State>(glob))
+    : m_locators(std::move(locators)), m_state(std::make_shared<State>(m_locators.front(), glob))
 {
     using Client = kesa::optional<std::shared_ptr<kesa::IKesaApi>>;
     const ServiceDef registry(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, m_locators);
@@ -250,35 +310,47 @@ RegistryView::~RegistryView()
     m_subscription.dispose();
 }
 
+/// False at the deadline; a `Failure` when the registry has told nothing by then. Why, is looked for at the end of the
+/// time that is given, not after it; what comes meanwhile counts.
+bool RegistryView::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
+                         const std::function<bool()>& predicate)
+{
+    if (m_state->await(lock, timeToExplain(deadline), predicate)) {
+        return true;
+    }
+    Unreached why;
+    if (!m_state->isComplete) {
+        lock.unlock();
+        why = explainNoRegistry(m_locators.front(), std::max<comm::TimeNs>(deadline - comm::now(), 0));
+        lock.lock();
+    }
+    const bool isSo = m_state->await(lock, deadline, predicate);
+    if (!m_state->isComplete) {
+        fail(why);
+    }
+    return isSo;
+}
+
 void RegistryView::await(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
-    if (!m_state->await(lock, deadline, [this] { return m_state->isComplete; })) {
-        failUnreachable();
-    }
+    await(lock, deadline, [this] { return m_state->isComplete; });
 }
 
 RegistryView::Answer RegistryView::list(comm::TimeNs deadline, bool isAnyEnough)
 {
     std::unique_lock lock(m_state->mutex);
-    m_state->await(lock, deadline, [&] {
-        return m_state->isSettled() || (isAnyEnough && m_state->isComplete && !m_state->services.empty());
-    });
-    if (!m_state->isComplete) {
-        failUnreachable();
-    }
+    await(lock, deadline,
+          [&] { return m_state->isSettled() || (isAnyEnough && m_state->isComplete && !m_state->services.empty()); });
     return {m_state->services, m_state->isSettled()};
 }
 
 bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Answer& answer)
 {
     std::unique_lock lock(m_state->mutex);
-    const bool isSo = m_state->await(lock, deadline, [&] {
+    const bool isSo = await(lock, deadline, [&] {
         return m_state->services.empty() == isGone && (isGone ? m_state->isSettled() : m_state->isComplete);
     });
-    if (!m_state->isComplete) {
-        failUnreachable();
-    }
     answer = {m_state->services, m_state->isSettled()};
     return isSo;
 }
@@ -309,10 +381,14 @@ void RegistryView::interrupt()
     m_state->changed.notifyAll();
 }
 
-void RegistryView::failUnreachable() const
+/// With the mutex held.
+void RegistryView::fail(const Unreached& why) const
 {
     const std::string& where = m_locators.front().toString();
-    const Unreached why = explainNoRegistry(m_locators.front());
+    if (why.cause == "slow" && m_state->isConnected && !m_state->unavailable.empty()) {
+        throw Failure{ExitCode::eNO_REGISTRY, fmt::format("the registry at {} answers {}", where, m_state->unavailable),
+                      0, "ask again; its log may say what it waits for"};
+    }
     throw Failure{ExitCode::eNO_REGISTRY,
                   fmt::format("{} {}: {}", why.isSomebodyThere ? "no answer of the registry at" : "no registry at",
                               where, why.text),

@@ -1,6 +1,8 @@
 #ifndef KESACTL_REGISTRYVIEW_H
 #define KESACTL_REGISTRYVIEW_H
 
+#include "explainUnreachable.h"
+
 #include <comm/Clock.h>
 #include <comm/Condition.h>
 #include <kesa/Disposable.h>
@@ -10,6 +12,7 @@
 #include <kesa/url.h>
 
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -68,7 +71,8 @@ public:
 
 private:
     struct State;
-    [[noreturn]] void failUnreachable() const;
+    bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline, const std::function<bool()>& predicate);
+    [[noreturn]] void fail(const Unreached& why) const;
 
     const std::vector<kesa::url> m_locators;
     std::shared_ptr<State> m_state;

@@ -89,7 +89,7 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
     return why;
 }
 
-Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path)
+Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path, comm::TimeNs within)
 {
     const KesaConfig config = KesaConfig::readOr("kesactl-" + std::to_string(::getpid()), KesaRuntime::WITH_REGISTRYD);
     const KesaConfigAccessor accessor(config);
@@ -102,7 +102,7 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
                                     [&path](const ServiceDef& service) { return service.path.toString() == path; });
     if (found != services.end() && !found->locators.empty()) {
         const kesa::url& locator = found->locators.front();
-        Unreached why = explainUnreachable(locator);
+        Unreached why = explainUnreachable(locator, within);
         if (why.cause == "not-provided") {
             why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
                                      "in its document (kesactl check-config --process {0}) may differ from its own; or "

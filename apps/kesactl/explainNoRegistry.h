@@ -13,11 +13,11 @@ namespace kesactl {
 
 /// Why nobody answers at the registry's locator, and where there is a registry instead: here under another name, or in
 /// another run directory. Blocks, at most for `within`.
-Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within = 2 * comm::SECOND);
+Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within);
 
 /// Of a service, where the document of this process names no registry that it could ask: then what the document itself
-/// provides is all there is.
-Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path);
+/// provides is all there is. Blocks, at most for `within`.
+Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path, comm::TimeNs within);
 
 } // namespace kesactl
 

@@ -93,4 +93,10 @@ Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within)
     return explain(locator, kesa::commadapter::whyUnreachable(locator, within));
 }
 
+comm::TimeNs timeToExplain(comm::TimeNs deadline)
+{
+    constexpr comm::TimeNs MOST = 500 * comm::MILLISECOND;
+    return deadline - std::clamp<comm::TimeNs>((deadline - comm::now()) / 4, 0, MOST);
+}
+
 } // namespace kesactl

@@ -22,7 +22,11 @@ struct Unreached {
 Unreached explain(const kesa::url& locator, const kesa::commadapter::Unreachable& found);
 
 /// Asks there once more, and looks at the process. Blocks, at most for `within`.
-Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within = 2 * comm::SECOND);
+Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within);
+
+/// Of the time until `deadline` the last part is for an explanation, should there be no answer by then: from when on.
+/// So both together take no longer than the user wants to wait.
+comm::TimeNs timeToExplain(comm::TimeNs deadline);
 
 } // namespace kesactl
 

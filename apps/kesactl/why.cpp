@@ -14,6 +14,7 @@
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "providersHere.h"
+#include "registryFaults.h"
 #include "whyAbsent.h"
 #include "whyNotTold.h"
 
@@ -49,10 +50,38 @@ struct Arguments {
     CommonOptions common;
 };
 
-Verdict unreached(const kesa::url& registry)
+Verdict verdictOf(const kesa::url& registry, const Unreached& why)
 {
-    const Unreached why = explainNoRegistry(registry);
     return {why.cause, fmt::format("the registry at {}: {}", registry.toString(), why.text), why.advice, {}};
+}
+
+comm::TimeNs until(comm::TimeNs deadline)
+{
+    return std::max<comm::TimeNs>(deadline - comm::now(), 0);
+}
+
+Verdict unreached(const kesa::url& registry, comm::TimeNs deadline)
+{
+    return verdictOf(registry, explainNoRegistry(registry, until(deadline)));
+}
+
+/// Of an error of a registry that can be connected to.
+Verdict refused(const kesa::url& registry, const kesa::Response& error)
+{
+    const std::string said = kesa::reasonOf(error);
+    if (const std::string fault = faultOf(error); !fault.empty()) {
+        return verdictOf(registry, explainFault(registry, fault));
+    }
+    if (error.getStatus() == 400) {
+        return {"old-registry",
+                fmt::format("the registry does not explain: {}", said),
+                "update kesa-registryd; until then kesactl show says whether it is there",
+                {}};
+    }
+    return {"no-answer",
+            fmt::format("the registry at {} answers {}", registry.toString(), said),
+            "ask again; its log may say what it waits for",
+            {}};
 }
 
 /// To a registry. `process`: also whether that one is told of it; may be empty.
@@ -64,12 +93,12 @@ kesa::Request questionAbout(const std::string& path, const std::string& process)
 }
 
 /// Of the locators of a record the one that the runtime has taken, which is the first that is understood here.
-std::pair<kesa::url, Unreached> explainTaken(const ServiceDef& service)
+std::pair<kesa::url, Unreached> explainTaken(const ServiceDef& service, comm::TimeNs within)
 {
     auto locator = service.locators.begin();
-    Unreached why = explainUnreachable(*locator);
+    Unreached why = explainUnreachable(*locator, within);
     while (why.cause == "bad-locator" && std::next(locator) != service.locators.end()) {
-        why = explainUnreachable(*++locator);
+        why = explainUnreachable(*++locator, within); // of the one before it was known at once
     }
     return {*locator, std::move(why)};
 }
@@ -88,7 +117,7 @@ private:
     Verdict explainRealm() const;
     Verdict reach() const;
     Verdict call(const Connection::Client& client, const ServiceDef& service) const;
-    Answers::Answer ask(const Connection::Client& client, kesa::Request request) const;
+    static Answers::Answer ask(const Connection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
     const Arguments& m_arguments;
@@ -100,7 +129,7 @@ Verdict Search::run()
     const std::string name = "kesactl-" + std::to_string(::getpid());
     const apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
     if (!place.problem.empty()) {
-        return explainWithoutRegistry(place, m_arguments.path);
+        return explainWithoutRegistry(place, m_arguments.path, until(m_arguments.common.deadline()));
     }
     const System system;
     const kesa::url& registry = place.locators.front();
@@ -127,22 +156,31 @@ Verdict Search::run()
 std::optional<Verdict> Search::askRegistry(const kesa::url& registry)
 {
     Connection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
-    const Connection::Client client = connection.tryClient(m_arguments.common.deadline());
+    const comm::TimeNs deadline = m_arguments.common.deadline();
+    Connection::Client client = connection.tryClient(timeToExplain(deadline));
     if (!client) {
-        return unreached(registry);
+        const Verdict verdict = unreached(registry, deadline);
+        client = connection.tryClient(deadline); // it may have come meanwhile
+        if (!client) {
+            return verdict;
+        }
     }
-    const Answers::Answer answer = ask(client, questionAbout(m_arguments.path, m_arguments.process));
-    if (answer.kind == Answers::Kind::eTIMED_OUT || answer.response.getStatus() == 503 ||
-        answer.response.getStatus() == 504) {
-        return unreached(registry);
+    const comm::TimeNs most = m_arguments.common.deadline();
+    const Answers::Answer answer =
+        ask(client, questionAbout(m_arguments.path, m_arguments.process), timeToExplain(most));
+    if (answer.kind == Answers::Kind::eTIMED_OUT) {
+        return unreached(registry, most);
     }
-    if (answer.kind != Answers::Kind::eVALUE ||
-        util::config::JSONParser().parseString(answer.response.getPayload().text(), m_explanation)) {
-        obr::ErrorStorage::ack();
-        return Verdict{"old-registry",
-                       fmt::format("the registry does not explain: {}", kesa::reasonOf(answer.response)),
-                       "update kesa-registryd; until then kesactl show says whether it is there",
-                       {}};
+    if (answer.kind == Answers::Kind::eERROR) {
+        const auto status = answer.response.getStatus();
+        const Unreached why =
+            status == 503 || status == 504 ? explainNoRegistry(registry, until(most)) : Unreached{"slow", {}, {}};
+        return status == 504 || why.cause != "slow" ? verdictOf(registry, why) : refused(registry, answer.response);
+    }
+    const std::string fault = answer.kind == Answers::Kind::eVALUE ? readExplanation(answer.response, m_explanation)
+                                                                   : "it ends without an answer";
+    if (!fault.empty()) {
+        return verdictOf(registry, explainFault(registry, fault));
     }
     return std::nullopt;
 }
@@ -204,10 +242,14 @@ Verdict Search::reach() const
                 {}};
     }
     Connection connection(service);
-    if (const Connection::Client client = connection.tryClient(m_arguments.common.deadline())) {
+    const comm::TimeNs deadline = m_arguments.common.deadline();
+    if (const Connection::Client client = connection.tryClient(timeToExplain(deadline))) {
         return call(client, service);
     }
-    const auto [locator, why] = explainTaken(service);
+    const auto [locator, why] = explainTaken(service, until(deadline));
+    if (const Connection::Client client = connection.tryClient(deadline)) { // it may have come meanwhile
+        return call(client, service);
+    }
     return {why.cause,
             fmt::format("{} has registered it at {}: {}", holder(), locator.toString(), why.text),
             why.advice,
@@ -219,7 +261,8 @@ Verdict Search::call(const Connection::Client& client, const ServiceDef& service
     // As `ping` does: a command that no service has, so whatever is said of it is an answer. A registry would complain.
     const bool isRegistry = m_explanation["holder"]["record"]["type"] == "registry";
     const Answers::Answer answer =
-        ask(client, isRegistry ? questionAbout(m_arguments.path, {}) : kesa::Request("ping", "/"));
+        ask(client, isRegistry ? questionAbout(m_arguments.path, {}) : kesa::Request("ping", "/"),
+            m_arguments.common.deadline());
     const auto status = answer.response.getStatus();
     if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
         const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
@@ -237,7 +280,7 @@ Verdict Search::call(const Connection::Client& client, const ServiceDef& service
     }
     // Of the connection, or the service's own.
     const bool isRefusal = answer.kind == Answers::Kind::eERROR && status == 503;
-    if (isRefusal && explainTaken(service).second.cause != "slow") {
+    if (isRefusal && explainTaken(service, until(m_arguments.common.deadline())).second.cause != "slow") {
         return {"not-provided",
                 fmt::format("{} has just gone: {}", holder(), kesa::reasonOf(answer.response)),
                 "ask again",
@@ -254,9 +297,8 @@ Verdict Search::call(const Connection::Client& client, const ServiceDef& service
             {}};
 }
 
-Answers::Answer Search::ask(const Connection::Client& client, kesa::Request request) const
+Answers::Answer Search::ask(const Connection::Client& client, kesa::Request request, comm::TimeNs deadline)
 {
-    const comm::TimeNs deadline = m_arguments.common.deadline();
     kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
     Answers answers(client, request);
