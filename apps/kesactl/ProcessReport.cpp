@@ -45,11 +45,11 @@ void explainStopped(ProcessReport& report)
 }
 
 /// What is known without asking.
-ProcessReport reportOf(const Name& name, const std::string& directory)
+ProcessReport reportOf(const Name& name, const std::string& directory, bool isPatient)
 {
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
-    ProcessReport report{name.name, pid, ProcessFacts(pid), {}, {}, {}};
-    if (report.facts.isStopped) {
+    ProcessReport report{name.name, pid, ProcessFacts(pid), {}, {}, 0, {}};
+    if (report.facts.isStopped && !isPatient) {
         explainStopped(report);
     } else if (!name.hasSocket) {
         explain(
@@ -68,6 +68,7 @@ ProcessReport reportOf(const Name& name, const std::string& directory)
 void add(ProcessReport& report, const Said& said)
 {
     report.answer = said.answer;
+    report.after = said.after;
     if (said.answer.isDefined()) {
         return;
     }
@@ -186,13 +187,13 @@ RunDirectoryFacts findRunDirectory()
 }
 
 std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
-                                           comm::TimeNs deadline)
+                                           comm::TimeNs deadline, bool isPatient)
 {
     std::vector<ProcessReport> reports;
     std::vector<std::string> asked;
     for (const Name& name : directory.names) {
         if (only.empty() || only == name.name) {
-            reports.push_back(reportOf(name, directory.path));
+            reports.push_back(reportOf(name, directory.path, isPatient));
             if (reports.back().note.empty()) {
                 asked.push_back(name.name);
             }

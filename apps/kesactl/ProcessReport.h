@@ -25,7 +25,8 @@ struct ProcessReport {
     /// Why not: "stopped", "does not answer", "other version", "other program", "does not say", "not allowed",
     /// "no socket".
     std::string note;
-    std::string advice; ///< the same in a sentence, with what to do; begins with the process
+    comm::TimeNs after = 0; ///< from the question to the answer
+    std::string advice;     ///< the same in a sentence, with what to do; begins with the process
     ExitCode exitCode = ExitCode::eOK;
 
     std::string processId() const; ///< "-" when unknown, as the next ones
@@ -43,9 +44,10 @@ struct ProcessReport {
 RunDirectoryFacts findRunDirectory();
 
 /// Of the processes that are there, in order of their names; all are asked at once. `only`: one of them, by its name as
-/// in locators; empty: all. Those that cannot answer are not waited for.
+/// in locators; empty: all. Those that cannot answer are not waited for; `isPatient`: those that are stopped at the
+/// moment are, since they may be continued.
 std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
-                                           comm::TimeNs deadline);
+                                           comm::TimeNs deadline, bool isPatient = false);
 
 /// Whether that is a time of the wall clock at which anything can have happened. On a machine whose own clock stands at
 /// 1970, as one without a battery, that is one, too.

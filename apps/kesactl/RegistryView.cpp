@@ -4,6 +4,7 @@
 #include "explainNoRegistry.h"
 #include "output.h"
 #include "registryFaults.h"
+#include "waitAwake.h"
 
 #include <kesa/commands.h>
 #include <kesa/core/PayloadConversion.h>
@@ -60,8 +61,9 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     void cancel();
     /// Whether the services of before have had the time to return to a registry that was started anew.
     bool isSettled() const { return isComplete && comm::now() >= settledAt; }
-    /// False at the deadline; a `Failure` when the registry refuses, or nobody is there any more to read the output.
-    bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline, const std::function<bool()>& predicate);
+    /// False at the deadline, which moves by what this process stood still; a `Failure` when the registry refuses, or
+    /// nobody is there any more to read the output.
+    bool await(std::unique_lock<std::mutex>& lock, comm::TimeNs& deadline, const std::function<bool()>& predicate);
 
     const kesa::url registry;
     const std::string glob;
@@ -71,6 +73,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     bool isConnected = false;
     bool isComplete = false; ///< the first answer of this connection has ended
     bool hasEnded = false;   ///< the view
+    comm::TimeNs completedAt = 0;
     bool isInterrupted = false;
     std::shared_ptr<kesa::IKesaApi> client;
     void* query = nullptr;
@@ -226,6 +229,7 @@ void RegistryView::State::apply(const Updates& updates)
     }
     if (updates.empty() && !isComplete) {
         isComplete = true;
+        completedAt = comm::now();
         if (wasLost) {
             events.push_back({Kind::eREGISTRY_FOUND, {}});
         }
@@ -235,15 +239,17 @@ void RegistryView::State::apply(const Updates& updates)
     }
 }
 
-bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
+bool RegistryView::State::await(std::unique_lock<std::mutex>& lock, comm::TimeNs& deadline,
                                 const std::function<bool()>& predicate)
 {
     bool isSo = false;
     do {
         const comm::TimeNs settling = settledAt; // when the predicate may become true without news
-        comm::waitFor(
-            changed, lock, [&] { return failure || isInterrupted || predicate() || settledAt != settling; },
-            settling > comm::now() ? std::min(settling, deadline) : deadline);
+        const bool isFirst = settling > comm::now() && settling < deadline;
+        comm::TimeNs until = isFirst ? settling : deadline;
+        waitAwake(
+            changed, lock, [&] { return failure || isInterrupted || predicate() || settledAt != settling; }, until);
+        deadline = isFirst ? deadline : until;
         if (failure) {
             throw *failure;
         }
@@ -315,9 +321,12 @@ RegistryView::~RegistryView()
 bool RegistryView::await(std::unique_lock<std::mutex>& lock, comm::TimeNs deadline,
                          const std::function<bool()>& predicate)
 {
-    if (m_state->await(lock, timeToExplain(deadline), predicate)) {
+    comm::TimeNs end = timeToExplain(deadline);
+    const comm::TimeNs rest = deadline - end;
+    if (m_state->await(lock, end, predicate)) {
         return true;
     }
+    deadline = end + rest;
     Unreached why;
     if (!m_state->isComplete) {
         lock.unlock();
@@ -355,6 +364,12 @@ bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Answer& answer)
     return isSo;
 }
 
+comm::TimeNs RegistryView::answeredAt()
+{
+    const std::lock_guard lock(m_state->mutex);
+    return m_state->isComplete ? m_state->completedAt : comm::NEVER;
+}
+
 void RegistryView::failUnsettled()
 {
     throw Failure{ExitCode::eTIMED_OUT,
@@ -365,7 +380,8 @@ void RegistryView::failUnsettled()
 RegistryView::Event RegistryView::next()
 {
     std::unique_lock lock(m_state->mutex);
-    m_state->await(lock, comm::NEVER, [this] {
+    comm::TimeNs never = comm::NEVER;
+    m_state->await(lock, never, [this] {
         m_state->announceGone();
         return !m_state->events.empty();
     });

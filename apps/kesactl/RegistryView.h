@@ -62,6 +62,8 @@ public:
     /// Waits until there are some (`isGone`: none). False at the deadline; a `Failure` when the registry could not be
     /// asked at all.
     bool waitFor(bool isGone, comm::TimeNs deadline, Answer& answer);
+    /// When it had told all that was there, of this connection; NEVER while it has not.
+    comm::TimeNs answeredAt();
     /// How a command ends that had to know all.
     [[noreturn]] static void failUnsettled();
     /// The next change, whenever it comes.

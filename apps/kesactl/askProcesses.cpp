@@ -2,6 +2,8 @@
 // which ends the waiting for a process of another version, another program, or one that does not say what it is.
 #include "askProcesses.h"
 
+#include "waitAwake.h"
+
 #include <backend/ProcessService.h>
 #include <comm/Condition.h>
 #include <comm/wallClock.h>
@@ -38,6 +40,9 @@ struct Answers {
     std::size_t open = 0; ///< with the mutex held
 };
 
+/// By so much a wait of this process ends late only when it was stopped.
+constexpr comm::TimeNs STOOD_STILL = 100 * comm::MILLISECOND;
+
 constexpr std::string_view PROBE = "probe"; ///< how the other connection calls this process
 
 /// One process that is asked. It is asked again when the connection is lost before it has answered. Lives until the
@@ -69,6 +74,11 @@ public:
         const std::lock_guard lock(m_answers->mutex);
         return m_text;
     }
+    comm::TimeNs after() const
+    {
+        const std::lock_guard lock(m_answers->mutex);
+        return m_after;
+    }
     Unreachable found() const
     {
         const std::lock_guard lock(m_answers->mutex);
@@ -93,6 +103,7 @@ private:
     {
         const std::lock_guard lock(m_answers->mutex);
         if (!std::exchange(m_hasEnded, true)) {
+            m_after = comm::now() - m_begin;
             m_text = std::move(text);
             --m_answers->open;
             m_answers->changed.notifyAll();
@@ -115,9 +126,11 @@ private:
 
     const std::shared_ptr<Answers> m_answers;
     const kesa::url m_locator;
+    const comm::TimeNs m_begin = comm::now();
     const std::unique_ptr<KesaClientApi> m_api; ///< null when the name is none
     // With the mutex held.
     bool m_hasEnded = false;
+    comm::TimeNs m_after = 0;
     std::string m_text;
     Unreachable m_found;
 };
@@ -177,6 +190,7 @@ Unreached explain(const Question& question)
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
 {
     const comm::TimeNs begin = comm::wallClock();
+    const comm::TimeNs within = std::max<comm::TimeNs>(deadline - comm::now(), 0);
     const std::string ownName = "kesactl-" + std::to_string(::getpid());
     const auto backend = kesa::commadapter::createBackend(ownName, "");
     backend->start();
@@ -190,19 +204,23 @@ std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, 
     for (const auto& question : questions) {
         question->start();
     }
-    kesa::commadapter::whyUnreachable(
-        locators, std::max<comm::TimeNs>(deadline - comm::now(), 0),
-        [&questions](std::size_t number, Unreachable found) { questions[number]->probed(std::move(found)); });
+    kesa::commadapter::whyUnreachable(locators, within, [&questions](std::size_t number, Unreachable found) {
+        questions[number]->probed(std::move(found));
+    });
     {
         std::unique_lock lock(answers->mutex);
-        comm::waitFor(
+        if (comm::now() > deadline + STOOD_STILL) {
+            deadline = comm::now() + within; // they may not have been asked yet
+        }
+        waitAwake(
             answers->changed, lock, [&answers] { return answers->open == 0; }, deadline);
     }
     std::map<std::string, Said> said;
     for (std::size_t number = 0; number < names.size(); ++number) {
         const Value answer = parse(questions[number]->text());
-        said.emplace(names[number], answer.isDefined() ? Said{withoutOwn(answer, ownName, begin), {}}
-                                                       : Said{{}, explain(*questions[number])});
+        said.emplace(names[number], answer.isDefined()
+                                        ? Said{withoutOwn(answer, ownName, begin), {}, questions[number]->after()}
+                                        : Said{{}, explain(*questions[number]), 0});
     }
     backend->stop();
     return said;

@@ -16,10 +16,12 @@ namespace kesactl {
 struct Said {
     util::config::Value answer; ///< undefined when it has not answered
     Unreached why;              ///< why not; "not-provided": it does not say what it is
+    comm::TimeNs after = 0;     ///< from the question to the answer
 };
 
 /// Asks processes of the run directory, by their names as in locators, all at once; without a registry. The connections
-/// that this makes are not told. Returns when all have answered or shown that they will not, or at the deadline.
+/// that this makes are not told. Returns when all have answered or shown that they will not, or at the deadline;
+/// time in which this process stood still does not count.
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline);
 
 } // namespace kesactl

@@ -7,6 +7,7 @@
 #include "System.h"
 #include "doctor_runDirectory.h"
 #include "explainNoRegistry.h"
+#include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "providersHere.h"
@@ -113,6 +114,28 @@ struct Answer {
     std::optional<Services> services; ///< absent: it does not answer
     std::string silent;               ///< the process that should, and does not
     std::string problem;
+    comm::TimeNs after = 0; ///< from the question to the answer
+};
+
+/// The registry is asked from the beginning on, while the processes are.
+struct Question {
+    comm::TimeNs begin = comm::now();
+    std::optional<System> system;
+    std::unique_ptr<RegistryView> view; ///< null when there is nobody to ask
+    std::string problem;                ///< why this process cannot ask
+
+    explicit Question(const apps::RegistryPlace& place)
+    {
+        if (!place.problem.empty()) {
+            return;
+        }
+        try {
+            system.emplace();
+            view = system->view("**");
+        } catch (const Failure& failure) {
+            problem = failure.sentence();
+        }
+    }
 };
 
 Answer lookForRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
@@ -140,14 +163,28 @@ Answer lookForRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
     return answer;
 }
 
-void listServices(Answer& answer, comm::TimeNs deadline)
+Answer askRegistry(const Question& question, const apps::RegistryPlace& place, comm::TimeNs deadline)
 {
+    Answer answer;
+    answer.problem = question.problem;
+    if (!question.view) {
+        return answer;
+    }
+    if (question.view->answeredAt() == comm::NEVER) {
+        answer = lookForRegistry(place, deadline);
+    }
+    const bool hasAnswered = question.view->answeredAt() != comm::NEVER; // perhaps meanwhile
+    if (!answer.isThere && !hasAnswered) {
+        return answer;
+    }
+    answer = {};
     try {
-        const System system;
-        answer.services = system.view("**")->list(deadline, true).services;
+        answer.services = question.view->list(deadline, true).services;
+        answer.after = question.view->answeredAt() - question.begin;
     } catch (const Failure& failure) {
         answer.problem = failure.sentence();
     }
+    return answer;
 }
 
 /// What processes here provide, and the registry does not know. It was asked after them, and nothing is said while they
@@ -180,9 +217,12 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     if (!place.problem.empty()) {
         return;
     }
-    page.addLine("it answers", answer.services ? fmt::format("{} services", answer.services->size()) : "nothing");
+    page.addLine("it answers", answer.services
+                                   ? fmt::format("{} services{}", answer.services->size(), lateness(answer.after))
+                                   : "nothing");
     if (answer.services) {
         page.facts.set("services", std::uint64_t{answer.services->size()});
+        page.facts.set("answered_after_ms", answer.after / comm::MILLISECOND);
     }
     const bool isLostOne = std::any_of(facts.names.begin(), facts.names.end(), [&answer](const Name& name) {
         return name.isLost && name.name == answer.silent;
@@ -193,10 +233,9 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     }
 }
 
-bool diagnose(bool isJson)
+bool diagnose(const CommonOptions& options)
 {
     const std::string process = "kesactl-" + std::to_string(::getpid());
-    const comm::TimeNs begin = comm::now();
     DoctorPage page;
     addMachine(page);
     const Configuration configuration = addConfiguration(page, process);
@@ -204,17 +243,18 @@ bool diagnose(bool isJson)
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
     addRegistry(page, place, configuration.isValid);
     const RunDirectoryFacts facts(runDirectory.path());
-    Answer answer = lookForRegistry(place, begin + comm::SECOND);
-    const auto reports = addRunDirectory(page, runDirectory, facts, answer.silent, begin + 1500 * comm::MILLISECOND);
+    const Question question(place);
+    const comm::TimeNs deadline = options.deadline();
+    const comm::TimeNs rest = deadline - timeToExplain(deadline);
+    const auto reports = askAll(facts, deadline - rest);
+    const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
+    addRunDirectory(page, runDirectory, facts, reports, answer.silent);
     addOthers(page, facts);
-    if (answer.isThere) {
-        listServices(answer, begin + 2 * comm::SECOND);
-    }
     addAnswer(page, place, facts, answer);
     if (answer.services) {
         addUnknown(page, reports, processOf(place.locators.front()), *answer.services);
     }
-    print(isJson ? page.asJson() : wrapped(page.asText()));
+    print(options.isJson ? page.asJson() : wrapped(page.asText()));
     return !page.findings.empty();
 }
 
@@ -226,9 +266,9 @@ void addDoctor(CLI::App& app, int& exitCode)
         app.add_subcommand("doctor", "Looks at all by which processes find each other here, and says what is wrong.");
     command->footer("It changes nothing, except that the registry sees a guest. Exit code: 0 when nothing is wrong, 1 "
                     "when something is.");
-    const auto isJson = std::make_shared<bool>();
-    command->add_flag("--json", *isJson, "One JSON object: facts, and what is wrong.");
-    command->callback([&exitCode, isJson] { exitCode = diagnose(*isJson) ? 1 : 0; });
+    const auto options = std::make_shared<CommonOptions>();
+    addCommonOptions(*command, *options, "How long the registry and the processes may take to answer; all at once.");
+    command->callback([&exitCode, options] { exitCode = diagnose(*options) ? 1 : 0; });
 }
 
 } // namespace kesactl

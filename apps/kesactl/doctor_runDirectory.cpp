@@ -79,13 +79,6 @@ void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
     }
 }
 
-/// All are asked at once.
-std::vector<ProcessReport> lookAtAll(RunDirectoryFacts facts, comm::TimeNs deadline)
-{
-    std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
-    return lookAtProcesses(facts, "", deadline);
-}
-
 /// What keeps others from the processes. `blamed`: of that one it is said already.
 std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, const std::string& blamed)
 {
@@ -102,29 +95,33 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
     return wrong;
 }
 
-std::string describe(const Name& name, const ProcessFacts& process)
+std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs after)
 {
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
     if (pid == 0) {
         return isLeft(name) ? "nobody: its socket is left"
                             : "a process that is not visible from here, as of another container";
     }
-    return process.isThere ? fmt::format("process {} of {}, {}{}{}{}", pid, process.user, process.executable,
+    return process.isThere ? fmt::format("process {} of {}, {}{}{}{}{}", pid, process.user, process.executable,
                                          process.library.empty() ? "" : ", ", process.library,
                                          name.isLost        ? "; its files were removed"
                                          : name.holder == 0 ? "; it listens, and does not hold the name"
-                                                            : "")
-                           : fmt::format("process {}, which is not visible from here", pid);
+                                                            : "",
+                                         lateness(after))
+                           : fmt::format("process {}, which is not visible from here{}", pid, lateness(after));
 }
 
-std::vector<ProcessReport> addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::string& blamed,
-                                    comm::TimeNs deadline)
+void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports,
+              const std::string& blamed)
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
     std::vector<std::string> left;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder != 0 ? name.holder : name.listener);
+        const auto report = std::find_if(reports.begin(), reports.end(),
+                                         [&name](const ProcessReport& each) { return each.name == name.name; });
+        const comm::TimeNs after = report == reports.end() || name.isLost ? 0 : report->after;
         const std::string socket = facts.path + "/" + name.name + ".sock";
         if (isLeft(name)) {
             left.push_back(fmt::format(
@@ -132,7 +129,7 @@ std::vector<ProcessReport> addNames(DoctorPage& page, const RunDirectoryFacts& f
                 socket));
         }
         if (!isLeft(name) || left.size() <= DoctorPage::MOST) {
-            page.addLine("  " + name.name, describe(name, process));
+            page.addLine("  " + name.name, describe(name, process, after));
         }
         Dictionary entry{{"name", name.name}};
         if (name.holder != 0) {
@@ -142,12 +139,14 @@ std::vector<ProcessReport> addNames(DoctorPage& page, const RunDirectoryFacts& f
             entry.set("library", process.library);
             entry.set("files_removed", name.isLost);
         }
+        if (after != 0) {
+            entry.set("answered_after_ms", after / comm::MILLISECOND);
+        }
         names.emplace_back(std::move(entry));
     }
     if (left.size() > DoctorPage::MOST) {
         page.addLine(fmt::format("  and {} more", left.size() - DoctorPage::MOST), "nobody: their sockets are left");
     }
-    std::vector<ProcessReport> reports = lookAtAll(facts, deadline);
     std::vector<std::string> wrong = findWrong(reports, blamed);
     page.find(wrong, "findings about processes with a name here; see to those above first");
     page.find(left, "sockets are left of processes that were killed");
@@ -158,7 +157,6 @@ std::vector<ProcessReport> addNames(DoctorPage& page, const RunDirectoryFacts& f
                         "such as {}; remove them",
                         facts.path, facts.strays.size(), facts.strays.front()));
     }
-    return reports;
 }
 
 /// One of this user that chose before it could choose as it would now.
@@ -192,9 +190,20 @@ std::string reasonOf(const RunDirectory& directory)
 
 } // namespace
 
-std::vector<ProcessReport> addRunDirectory(DoctorPage& page, const RunDirectory& directory,
-                                           const RunDirectoryFacts& facts, const std::string& silent,
-                                           comm::TimeNs deadline)
+std::vector<ProcessReport> askAll(RunDirectoryFacts facts, comm::TimeNs deadline)
+{
+    std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
+    return lookAtProcesses(facts, "", deadline, true);
+}
+
+std::string lateness(comm::TimeNs after)
+{
+    constexpr comm::TimeNs LATE = 200 * comm::MILLISECOND;
+    return after < LATE ? "" : fmt::format(", late: after {} ms", after / comm::MILLISECOND);
+}
+
+void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunDirectoryFacts& facts,
+                     const std::vector<ProcessReport>& reports, const std::string& silent)
 {
     page.addLine("run directory", fmt::format("{} ({})", directory.path(), reasonOf(directory)));
     page.facts.set("run_directory", directory.path());
@@ -203,21 +212,20 @@ std::vector<ProcessReport> addRunDirectory(DoctorPage& page, const RunDirectory&
         addRights(page, facts);
         addLost(page, facts);
         addRealm(page, facts);
-        return addNames(page, facts, silent, deadline);
+        addNames(page, facts, reports, silent);
+        return;
     }
     const RunDirectoryProblem problem = findProblem(facts, directory.source());
     if (problem.text.empty()) {
         page.add("rights", facts.error == ENOENT ? "not there yet; the first process makes it" : reasonOf(facts.error));
     }
-    std::vector<ProcessReport> reports;
     if (!facts.names.empty()) {
         addLost(page, facts);
-        reports = addNames(page, facts, silent, deadline);
+        addNames(page, facts, reports, silent);
     }
     if (!problem.text.empty()) {
         page.findings.push_back(problem.sentence());
     }
-    return reports;
 }
 
 void addOthers(DoctorPage& page, const RunDirectoryFacts& chosen)

@@ -13,12 +13,17 @@
 
 namespace kesactl {
 
-/// The run directory that counts, and the processes that have names in it; answers what they say. `silent`: a process
-/// of which another finding says already that it does not answer; may be empty.
-std::vector<ProcessReport> addRunDirectory(DoctorPage& page,
-                                           const kesa::commadapter::transport::RunDirectory& directory,
-                                           const RunDirectoryFacts& facts, const std::string& silent,
-                                           comm::TimeNs deadline);
+/// What the processes say that have names in the run directory. All are asked at once.
+std::vector<ProcessReport> askAll(RunDirectoryFacts facts, comm::TimeNs deadline);
+
+/// The run directory that counts, and those processes. `silent`: one of which another finding says already that it does
+/// not answer; may be empty.
+void addRunDirectory(DoctorPage& page, const kesa::commadapter::transport::RunDirectory& directory,
+                     const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports,
+                     const std::string& silent);
+
+/// ", late: after 320 ms" of an answer; empty when it came soon enough.
+std::string lateness(comm::TimeNs after);
 
 /// The others of this machine.
 void addOthers(DoctorPage& page, const RunDirectoryFacts& chosen);
