@@ -61,9 +61,9 @@ std::string rightsOf(const struct stat& status)
     return fmt::format("{} {} {}", text, userName(status.st_uid), groupName(status.st_gid));
 }
 
-/// Through the descriptor of its file: a socket's address has 108 bytes, whatever the name has. `listener`: who
-/// listens.
-int tryConnect(int directory, const std::string& file, pid_t& listener)
+/// A longer path than the 108 bytes of a socket's address goes through the descriptor of its file; where that cannot
+/// be, without /proc, it cannot be told who listens. `listener`: who does.
+int tryConnect(const std::string& folder, int directory, const std::string& file, pid_t& listener)
 {
     const Descriptor opened(::openat(directory, file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
     const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
@@ -72,7 +72,13 @@ int tryConnect(int directory, const std::string& file, pid_t& listener)
     }
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    const std::string path = fmt::format("/proc/self/fd/{}", opened.get());
+    std::string path = fmt::format("{}/{}", folder, file);
+    if (path.size() >= sizeof address.sun_path) {
+        path = fmt::format("/proc/self/fd/{}", opened.get());
+        if (::access(path.c_str(), F_OK) != 0) {
+            return 0;
+        }
+    }
     path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
     const bool isConnected = ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     ucred peer{};
@@ -170,7 +176,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         name.hasSocket = ::fstatat(directory.get(), (process + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
         if (name.hasSocket) {
             name.rights = rightsOf(socket);
-            name.connectError = tryConnect(directory.get(), process + ".sock", name.listener);
+            name.connectError = tryConnect(path, directory.get(), process + ".sock", name.listener);
         }
         if (name.hasSocket || name.holder != 0) {
             names.push_back(name);

@@ -7,6 +7,7 @@
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string_view>
@@ -30,6 +31,14 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
                 fmt::format("process {} has the name \"{}\", but its socket was removed from {}", name->holder, process,
                             facts.path),
                 "restart it, and keep cleaners out of the run directory"};
+    }
+    const bool isReached = std::any_of(facts.names.begin(), facts.names.end(), [&process](const auto& each) {
+        return each.name == process && each.hasSocket && each.connectError == 0;
+    });
+    if (isReached && ::access("/proc/self/fd", F_OK) != 0) { // through which its socket is opened
+        return {"not-connected",
+                fmt::format("\"{}\" listens in {}, but cannot be reached without /proc", process, facts.path),
+                "mount /proc here, or ask from where it is mounted", true};
     }
     std::vector<std::string_view> held;
     for (const auto& each : facts.names) {

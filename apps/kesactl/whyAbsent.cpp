@@ -4,6 +4,10 @@
 #include "otherRunDirectories.h"
 
 #include <fmt/format.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 namespace kesactl {
 namespace {
@@ -60,24 +64,32 @@ Verdict explainRefused(const Value& event)
             {}};
 }
 
+/// Also where /proc shows it to nobody else, or is not there.
+bool isAlive(const ProcessFacts& process, std::int64_t pid)
+{
+    const bool isHidden = ::access("/proc/self/stat", F_OK) != 0 || ::access("/proc/1", F_OK) != 0;
+    return process.isThere || (isHidden && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM));
+}
+
 Verdict explainGone(const Value& event)
 {
     const bool isWithdrawn = event["what"] == "withdrawn";
     const std::int64_t pid = integerOf(event["pid"]);
     const ProcessFacts process(static_cast<pid_t>(pid));
+    const bool isThere = pid > 0 && isAlive(process, pid);
     const std::string name = event["provider"].toText();
     Verdict verdict{"gone",
                     fmt::format("{} provided it from {} to {}; then {}; its process {}", whoText(event),
                                 timeText(event["since"]), timeText(event["when"]),
                                 isWithdrawn ? "it withdrew it" : "its connection ended: " + event["reason"].toText(),
                                 process.isStopped ? "is stopped"
-                                : process.isThere ? "is still there"
+                                : isThere         ? "is still there"
                                                   : "has ended"),
                     {},
                     {}};
     if (process.isStopped) {
         verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
-    } else if (!process.isThere) {
+    } else if (!isThere) {
         verdict.advice = fmt::format("start {} again", name);
     } else if (isWithdrawn) {
         verdict.advice = fmt::format("that was {}'s own decision; its log may say why", name);
