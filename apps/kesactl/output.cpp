@@ -1,5 +1,6 @@
 #include "output.h"
 
+#include "displayWidth.h"
 #include "visible.h"
 
 #include <comm/Scheduler.h>
@@ -27,30 +28,11 @@ bool isPipeOrSocket(int descriptor)
     return ::fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
 }
 
-/// In characters; 0 when `output` is no terminal, or one that does not say.
+/// In cells; 0 when `output` is no terminal, or one that does not say.
 std::size_t terminalWidth(int output)
 {
     winsize size{};
     return ::isatty(output) != 0 && ::ioctl(output, TIOCGWINSZ, &size) == 0 ? size.ws_col : 0;
-}
-
-/// The bytes of the first `count` characters of UTF-8.
-std::size_t bytesOf(std::string_view text, std::size_t count)
-{
-    std::size_t end = 0;
-    for (; end < text.size(); ++end) {
-        const bool isFirstByte = (static_cast<unsigned char>(text[end]) & 0xc0U) != 0x80;
-        if (isFirstByte && count-- == 0) {
-            break;
-        }
-    }
-    return end;
-}
-
-std::size_t charactersOf(std::string_view text)
-{
-    return static_cast<std::size_t>(std::count_if(
-        text.begin(), text.end(), [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) != 0x80; }));
 }
 
 /// Where a line goes on below itself: after "  -> ", after "1. ", or where its second column begins.
@@ -64,8 +46,9 @@ std::size_t indentOf(std::string_view line)
         return space + 1;
     }
     const std::size_t gap = line.find("  ", begin);
-    const std::size_t column = gap < MOST ? line.find_first_not_of(' ', gap) : std::string_view::npos;
-    return column <= MOST ? column : begin == 0 ? 2 : begin;
+    const std::size_t second = gap == std::string_view::npos ? gap : line.find_first_not_of(' ', gap);
+    const std::size_t column = displayWidth(line.substr(0, second));
+    return second != std::string_view::npos && column <= MOST ? column : begin == 0 ? 2 : begin;
 }
 
 std::string breakLine(std::string_view line, std::size_t width)
@@ -77,10 +60,10 @@ std::string breakLine(std::string_view line, std::size_t width)
     while (begin < line.size()) {
         const std::size_t wordBegin = std::min(line.find_first_not_of(' ', begin), line.size());
         const std::size_t end = std::min(line.find(' ', wordBegin), line.size());
-        const std::size_t size = charactersOf(line.substr(begin, end - begin));
+        const std::size_t size = displayWidth(line.substr(begin, end - begin));
         if (used != 0 && used + size > width) {
             text.append("\n").append(margin).append(line.substr(wordBegin, end - wordBegin));
-            used = margin.size() + charactersOf(line.substr(wordBegin, end - wordBegin));
+            used = margin.size() + displayWidth(line.substr(wordBegin, end - wordBegin));
         } else {
             text.append(line.substr(begin, end - begin));
             used += size;
@@ -90,10 +73,11 @@ std::string breakLine(std::string_view line, std::size_t width)
     return text;
 }
 
-/// `text` with each line changed, in the width of the terminal; unchanged when `output` is none.
+/// `all`, made visible, with each line changed in the width of the terminal; unchanged when `output` is none.
 template <class Change>
-std::string changeLines(const std::string& text, int output, Change change)
+std::string changeLines(const std::string& all, int output, Change change)
 {
+    const std::string text = visibleLines(all);
     const std::size_t width = terminalWidth(output);
     if (width == 0) {
         return text;
@@ -110,8 +94,7 @@ std::string changeLines(const std::string& text, int output, Change change)
 
 std::string cut(std::string_view line, std::size_t width)
 {
-    const bool isTooLong = bytesOf(line, width) < line.size();
-    return isTooLong ? std::string(line.substr(0, bytesOf(line, width - 1))).append("…") : std::string(line);
+    return displayWidth(line) > width ? std::string(beginning(line, width - 1)).append("…") : std::string(line);
 }
 
 void write(std::string_view text)
@@ -152,7 +135,7 @@ std::string wrapped(const std::string& text)
 
 bool fits(const std::string& text)
 {
-    return fitted(text) == text;
+    return fitted(text) == visibleLines(text);
 }
 
 std::string fitted(const std::string& text)
@@ -168,13 +151,13 @@ std::string aligned(std::vector<std::vector<std::string>> rows)
     std::vector<std::size_t> widths(rows.front().size());
     for (const std::vector<std::string>& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            widths[column] = std::max(widths[column], row[column].size());
+            widths[column] = std::max(widths[column], displayWidth(row[column]));
         }
     }
     std::string text;
     for (const std::vector<std::string>& row : rows) {
         for (std::size_t column = 0; column + 1 < row.size(); ++column) {
-            text += fmt::format("{:<{}}  ", row[column], widths[column]);
+            text += padded(row[column], widths[column]) + "  ";
         }
         text += row.back() + '\n';
     }

@@ -1,5 +1,8 @@
 #include "print_config.h"
 
+#include "displayWidth.h"
+#include "visible.h"
+
 #include <kesa/core/PayloadConversion.h>
 #include <util/config/JSONParser.h>
 
@@ -101,13 +104,14 @@ void addServices(Rows& rows, const std::vector<ServiceDef>& services)
     rows.push_back({"services", services.empty() ? "none" : ""});
     std::size_t width = 1;
     for (const ServiceDef& service : services) {
-        width = std::max(width, inOneLine(toValue(service.versions)).size());
+        width = std::max(width, displayWidth(inOneLine(toValue(service.versions))));
     }
     for (const ServiceDef& service : services) {
-        rows.push_back({"  " + service.path.toString(),
-                        fmt::format("{:<8}  {:<{}}  {}", *ServiceDef::enumToValue(service.type),
-                                    service.versions.empty() ? "-" : inOneLine(toValue(service.versions)), width,
-                                    inOneLine(toValue(service.locators)))});
+        rows.push_back(
+            {"  " + service.path.toString(),
+             fmt::format("{:<8}  {}  {}", *ServiceDef::enumToValue(service.type),
+                         padded(service.versions.empty() ? "-" : inOneLine(toValue(service.versions)), width),
+                         inOneLine(toValue(service.locators)))});
     }
 }
 
@@ -133,15 +137,16 @@ Rows settings(const CheckResult& result)
     return rows;
 }
 
-std::string aligned(const Rows& rows)
+std::string aligned(Rows rows)
 {
     std::size_t width = 0;
-    for (const Row& row : rows) {
-        width = std::max(width, row.name.size());
+    for (Row& row : rows) {
+        row = {visible(row.name), visible(row.value)};
+        width = std::max(width, displayWidth(row.name));
     }
     std::string text;
     for (const Row& row : rows) {
-        text += row.value.empty() ? row.name + "\n" : fmt::format("{:<{}}  {}\n", row.name, width, row.value);
+        text += row.value.empty() ? row.name + "\n" : fmt::format("{}  {}\n", padded(row.name, width), row.value);
     }
     return text;
 }
@@ -153,8 +158,9 @@ std::string asLine(const CheckResult& result, const CheckResult::Complaint& comp
     if (complaint.line > 0) {
         place += fmt::format(":{}:{}", complaint.line, complaint.column);
     }
-    return fmt::format("{}{}{}: {}{}{}\n", place, place.empty() ? "" : ": ", severityName(complaint.severity),
-                       complaint.path, complaint.path.empty() ? "" : ": ", complaint.text);
+    return visible(fmt::format("{}{}{}: {}{}{}", place, place.empty() ? "" : ": ", severityName(complaint.severity),
+                               complaint.path, complaint.path.empty() ? "" : ": ", complaint.text)) +
+           '\n';
 }
 
 Value asValue(const CheckResult::Complaint& complaint)

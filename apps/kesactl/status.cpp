@@ -3,14 +3,13 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <transport/Authority.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
-
-#include <algorithm>
 
 namespace kesactl {
 namespace {
@@ -48,7 +47,7 @@ std::string findProcess(const RunDirectoryFacts& directory, const std::string& w
 
 void addLine(std::string& page, std::string_view name, std::string_view value)
 {
-    page += fmt::format("{:<14} {}\n", name, value);
+    page += fmt::format("{:<14} {}\n", name, visible(value));
 }
 
 /// "3", or "1200, of which 1000 follow".
@@ -73,9 +72,7 @@ std::string stateOf(const Value& connection)
                    ? fmt::format("does not take its answers; {} bytes of it wait", connection["unreadBytes"].toText())
                    : "connected";
     }
-    std::string reason(connection["reason"].stringView());
-    std::replace_if(
-        reason.begin(), reason.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    const std::string_view reason = connection["reason"].stringView();
     return fmt::format("not connected{}{}", reason.empty() ? "" : ": ", reason);
 }
 
@@ -108,7 +105,7 @@ void addAnswer(std::string& page, const ProcessReport& report)
     addLine(page, "queued", report.number("queuedBytes") + " bytes");
     addLine(page, "services", countOf(report, "serviceCount", "services"));
     for (const Value& path : answer["services"].items()) {
-        page += "  " + path.toText() + '\n';
+        page += "  " + visible(path.toText()) + '\n';
     }
     addLine(page, "connections", countOf(report, "connectionCount", "connections"));
     Rows rows = {{"  PEER", "PID", "USER", "OPENED BY", "SINCE", "REQUESTS", "QUEUED", "STATE"}};

@@ -9,11 +9,12 @@
 namespace kesactl {
 namespace {
 
-/// Those of C0 and C1, the separators of lines, and those that turn the direction of writing.
+/// Those of C0 and C1, the separators of lines, and those that turn or mark the direction of writing.
 bool isControl(char32_t character)
 {
     return character < 0x20 || (character >= 0x7f && character < 0xa0) ||
-           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069);
+           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069) ||
+           character == 0x061c || character == 0x200e || character == 0x200f;
 }
 
 std::string visibleBut(std::string_view text, std::string_view kept)
