@@ -12,6 +12,10 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 namespace util::config {
 namespace {
@@ -109,9 +113,22 @@ TEST_F(Documents, whatCannotBeReadIsAFailure)
     EXPECT_TRUE(load().hasFailed());
     EXPECT_EQ(obr::ErrorStorage::reason(),
               (m_folder / "missing.json").string() + ": cannot be read: No such file or directory");
-    ::setenv("KESA_CONFIG", "/dev/zero", 1);
+    write("large.json", "");
+    std::filesystem::resize_file(m_folder / "large.json", std::uintmax_t{1} << 30);
+    ::setenv("KESA_CONFIG", "large.json", 1);
     EXPECT_TRUE(load().hasFailed());
-    EXPECT_EQ(obr::ErrorStorage::reason(), "/dev/zero: is larger than 16 MiB");
+    EXPECT_EQ(obr::ErrorStorage::reason(), "large.json: is larger than 16 MiB");
+    ASSERT_EQ(::mkfifo("pipe.json", 0600), 0); // nobody ever writes into it
+    const sockaddr_un address{AF_UNIX, "socket.json"};
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::close(listener);
+    for (const std::string file : {"pipe.json", "socket.json", "config", "/dev/null"}) {
+        ::setenv("KESA_CONFIG", file.c_str(), 1);
+        EXPECT_TRUE(load().hasFailed());
+        EXPECT_EQ(obr::ErrorStorage::reason(),
+                  file + ": is a directory, a pipe, a socket or a device; the configuration is a plain file");
+    }
     write("bad.json", "{\n\"a\": }");
     ::setenv("KESA_CONFIG", "bad.json", 1);
     EXPECT_TRUE(load().hasFailed());

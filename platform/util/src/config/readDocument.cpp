@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <system_error>
 #include <unistd.h>
 
@@ -29,6 +30,13 @@ private:
     const int m_descriptor;
 };
 
+/// `openError` counts when the descriptor is none: sockets cannot be opened at all.
+bool isNoPlainFile(int descriptor, int openError)
+{
+    struct stat status {};
+    return descriptor < 0 ? openError == ENXIO : ::fstat(descriptor, &status) == 0 && !S_ISREG(status.st_mode);
+}
+
 /// True, with `errno`, when it cannot be read; what is too large is cut behind the limit.
 [[nodiscard]] bool readBytes(int descriptor, std::string& bytes)
 {
@@ -52,7 +60,12 @@ private:
 Reading readDocument(const std::string& file, Value& out, std::vector<std::string>& duplicateKeys, std::string& problem)
 {
     std::string bytes;
-    const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    // A pipe is opened without waiting for whoever writes into it, so that it can be refused.
+    const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
+    if (isNoPlainFile(descriptor.get(), errno)) {
+        problem = file + ": is a directory, a pipe, a socket or a device; the configuration is a plain file";
+        return Reading::eFAILED;
+    }
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
         const bool isMissing = errno == ENOENT || errno == ENOTDIR;
         problem = file + ": cannot be read: " + std::system_category().message(errno);
