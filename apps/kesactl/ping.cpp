@@ -4,8 +4,10 @@
 #include "Connection.h"
 #include "Failure.h"
 #include "commands.h"
+#include "explainUnreachable.h"
 #include "options.h"
 #include "output.h"
+#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
@@ -32,6 +34,8 @@ struct Round {
     comm::TimeNs time = 0;
     std::string problem; ///< empty: it was answered
     ExitCode exitCode = ExitCode::eOK;
+    std::string unusual{}; ///< the answer, when it is not what a service says to an unknown command
+    int status = 0;        ///< of that answer
 };
 
 /// What the loop waits in, so that the end of its reader ends each wait.
@@ -78,7 +82,13 @@ private:
     bool m_isInterrupted = false;
 };
 
-Round measure(const Connection::Client& client, const Arguments& arguments, Waits& waits)
+/// A 503 is of the service when it still answers where it is; else of the connection that has gone.
+bool isAnswered(const ServiceDef& service)
+{
+    return !service.locators.empty() && explainUnreachable(service.locators.front()).cause == "slow";
+}
+
+Round measure(const Connection::Client& client, const ServiceDef& service, const Arguments& arguments, Waits& waits)
 {
     kesa::Request request(COMMAND, "/");
     const comm::TimeNs begin = comm::now();
@@ -87,14 +97,18 @@ Round measure(const Connection::Client& client, const Arguments& arguments, Wait
     Answers answers(client, request);
     const Answers::Answer answer = waits.next(answers, deadline);
     const comm::TimeNs time = comm::now() - begin;
-    const int status = static_cast<int>(answer.response.getStatus());
-    if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
+    const int status = answer.kind == Answers::Kind::eERROR ? static_cast<int>(answer.response.getStatus()) : 0;
+    if (answer.kind == Answers::Kind::eTIMED_OUT || (status == 504 && begin + time >= deadline)) {
         return {time, fmt::format("no answer within {} s", arguments.common.timeoutSeconds), ExitCode::eTIMED_OUT};
     }
-    if (answer.kind == Answers::Kind::eERROR && status == 503) { // not the service, its connection
-        return {time, kesa::reasonOf(answer.response), ExitCode::eFAILED};
+    if (status < 500) {
+        return {time, {}};
     }
-    return {time, {}};
+    const std::string reason = kesa::reasonOf(answer.response);
+    if (status == 503 && !isAnswered(service)) {
+        return {time, reason, ExitCode::eFAILED};
+    }
+    return {time, {}, ExitCode::eOK, reason, status};
 }
 
 double milliseconds(comm::TimeNs time)
@@ -105,11 +119,17 @@ double milliseconds(comm::TimeNs time)
 std::string lineOf(std::uint64_t number, const Round& round, bool isJson)
 {
     if (!isJson) {
-        return round.problem.empty() ? fmt::format("{}: {:.3f} ms\n", number, milliseconds(round.time))
-                                     : fmt::format("{}: {}\n", number, round.problem);
+        const std::string time = fmt::format("{:.3f} ms", milliseconds(round.time));
+        return fmt::format("{}: {}\n", number,
+                           !round.problem.empty()   ? visible(round.problem)
+                           : !round.unusual.empty() ? fmt::format("{}, answered {}", time, visible(round.unusual))
+                                                    : time);
     }
+    const std::string unusual =
+        round.unusual.empty() ? ""
+                              : fmt::format(R"(,"status":{},"answered":{})", round.status, asJsonString(round.unusual));
     return fmt::format("{{\"number\":{},{}}}\n", number,
-                       round.problem.empty() ? fmt::format(R"("ms":{:.3f})", milliseconds(round.time))
+                       round.problem.empty() ? fmt::format(R"("ms":{:.3f}{})", milliseconds(round.time), unusual)
                                              : fmt::format(R"("error":{})", asJsonString(round.problem)));
 }
 
@@ -132,7 +152,8 @@ void ping(const Arguments& arguments)
 {
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system(true);
-    Connection connection(findService(system, arguments.path, deadline));
+    const ServiceDef service = findService(system, arguments.path, deadline);
+    Connection connection(service);
     const Connection::Client client = connection.client(deadline);
     Waits waits;
     const ReaderWatch reader([&waits] { waits.interrupt(); });
@@ -142,7 +163,7 @@ void ping(const Arguments& arguments)
     comm::TimeNs next = comm::now();
     for (std::uint64_t number = 1; number <= arguments.count; ++number, next += interval) {
         waits.pauseUntil(next);
-        const Round round = measure(client, arguments, waits);
+        const Round round = measure(client, service, arguments, waits);
         print(lineOf(number, round, arguments.common.isJson));
         if (round.problem.empty()) {
             times.push_back(round.time);
