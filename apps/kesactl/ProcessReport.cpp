@@ -84,8 +84,9 @@ void add(ProcessReport& report, const Said& said)
                   : said.why.cause == "not-provided" ? "does not say"
                                                      : "does not answer";
     report.advice = said.why.cause == "not-provided"
-                        ? fmt::format("{}: {}; it may be of an earlier version, or no program of this library",
-                                      report.name, said.why.text)
+                        ? fmt::format("{0} takes part, but does not say what it is: it is of an earlier version, or "
+                                      "not of this library; kesactl list --provider {0} shows what it provides",
+                                      report.name)
                         : fmt::format("{}: {}", report.name, said.why.sentence());
 }
 
@@ -136,6 +137,9 @@ comm::TimeNs ProcessReport::started() const
 std::string ProcessReport::version() const
 {
     const std::string said(answer["version"].stringView());
+    if (answer.isDefined() && said.empty() && facts.library.empty()) {
+        return "none: it is not of this library";
+    }
     return orNothing(said + (said.empty() || facts.library.empty() ? "" : ", ") + facts.library);
 }
 

@@ -6,9 +6,9 @@ import asyncio
 import os
 import socket
 import time
-from typing import Callable
+from typing import Any, Callable
 
-from . import frames
+from . import about, frames
 from .errors import ProtocolError
 from .frames import Message
 from .heads import Hello
@@ -45,6 +45,7 @@ class Connection:
         self._waits = waits
         self._decoder = frames.Decoder(peer_is, own.limit)
         self._ended = False
+        self._since = about.milliseconds()
         now = time.monotonic()
         self._heard = self._looked = now
         self._waiting_since: float | None = None
@@ -66,6 +67,12 @@ class Connection:
     def limit(self) -> int:
         """The largest message that may be sent."""
         return min(self._own.limit, self.peer.limit) if self.peer else self._own.limit
+
+    def about(self) -> dict[str, Any]:
+        """What this process says of it. Before its end."""
+        pid, uid = self._wire.peer()
+        known = {"connected": self.peer is not None, "pid": pid, "uid": uid, "since": self._since}
+        return {**known, "queuedBytes": self._wire.pending}
 
     def send(self, message: Message) -> None:
         """ValueError or OverflowError if it has no form or is too large; then nothing was sent."""

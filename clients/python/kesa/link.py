@@ -97,6 +97,13 @@ class Link:
         """Nobody needs it."""
         return not self._targets
 
+    def about(self) -> dict[str, Any]:
+        """What this process says of it."""
+        asks = {"openedBy": "self", "process": self.process, "openRequests": len(self._exchanges)}
+        if self._connection:
+            return {**asks, **self._connection.about()}
+        return {**asks, "connected": False, "queuedBytes": 0, "reason": self.problem}
+
     def acquire(self, path: str) -> Target:
         """The target of `path`, attached as soon as the other provides it. Ends with `release`."""
         target = self._targets.get(path)

@@ -6,14 +6,15 @@ import asyncio
 import logging
 import socket
 import threading
+from typing import Any
 
-from . import frames, requests
+from . import about, frames, requests
 from .bodies import TEXT, Body
 from .connection import Connection
 from .errors import ProtocolError, ServiceError
 from .frames import Message
 from .heads import Head, Hello
-from .link import EMPTY, SINGLE, STREAM
+from .link import EMPTY, SINGLE, STREAM, Link
 from .requests import Handler, Request
 from .rundir import Claim
 
@@ -26,44 +27,64 @@ _log = logging.getLogger("kesa")
 class Server:
     """Accepts on the socket of a claim, whose owner it is. I/O thread only."""
 
-    def __init__(self, loop: asyncio.AbstractEventLoop, claim: Claim, hello: Hello):
+    def __init__(
+        self, loop: asyncio.AbstractEventLoop, claim: Claim, hello: Hello, directory: str, links: dict[str, Link]
+    ):
+        """`directory` and `links`: what the process says of itself beside this."""
         self.loop = loop
+        self.hello = hello
+        self.directory = directory
+        self.links = links
+        self.since = about.milliseconds()
+        self.peers: set[_Peer] = set()
         self.services: dict[str, Handler] = {}
         self.running = 0
         self._claim = claim
-        self._hello = hello
-        self._peers: set[_Peer] = set()
         loop.add_reader(claim.socket, self._accept)
 
     def provide(self, path: str, handler: Handler) -> None:
         """Who has attached to `path` is told."""
+        if self.provides(path):
+            self._tell_gone(path)
         self.services[path] = handler
-        for peer in self._peers:
-            peer.provided(path)
+        self._tell_there(path)
 
     def withdraw(self, path: str) -> None:
         """Ends all requests of `path`."""
         if self.services.pop(path, None):
-            for peer in self._peers:
-                peer.withdrawn(path)
+            self._tell_gone(path)
+            if self.provides(path):
+                self._tell_there(path)
+
+    def provides(self, path: str) -> bool:
+        """What the process says of itself makes way for a service at that path."""
+        return path in self.services or path == about.PATH
+
+    def _tell_there(self, path: str) -> None:
+        for peer in self.peers:
+            peer.provided(path)
+
+    def _tell_gone(self, path: str) -> None:
+        for peer in self.peers:
+            peer.withdrawn(path)
 
     async def close(self) -> None:
         """Withdraws everything, sends what is pending, gives the name back."""
         for path in list(self.services):
             self.withdraw(path)
-        drained = [asyncio.create_task(peer.connection.drained()) for peer in self._peers]
+        drained = [asyncio.create_task(peer.connection.drained()) for peer in self.peers]
         if drained:
             await asyncio.wait(drained, timeout=1.0)
         self.loop.remove_reader(self._claim.socket)
         self._claim.release()
         for task in drained:
             task.cancel()
-        for peer in self._peers:
+        for peer in self.peers:
             peer.connection.close()
-        self._peers.clear()
+        self.peers.clear()
 
     def forget(self, peer: _Peer) -> None:
-        self._peers.discard(peer)
+        self.peers.discard(peer)
 
     def _accept(self) -> None:
         try:
@@ -77,7 +98,7 @@ class Server:
             return
         sock.setblocking(False)
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
-        self._peers.add(_Peer(self, sock, self._hello))
+        self.peers.add(_Peer(self, sock, self.hello))
 
     def _accept_again(self) -> None:
         if self._claim.socket.fileno() >= 0:
@@ -103,6 +124,11 @@ class _Peer:
             if wanted == path:
                 self._end_all(number, "the service was withdrawn")
                 self.connection.send(Message(frames.DETACHED, target=number))
+
+    def about(self) -> dict[str, Any]:
+        """What this process says of it."""
+        named = {"process": self.connection.peer.process} if self.connection.peer else {}
+        return {"openedBy": "peer", **named, "openRequests": len(self.open), **self.connection.about()}
 
     def _lost(self, reason: str) -> None:
         for serving in list(self.open.values()):
@@ -132,7 +158,7 @@ class _Peer:
         if not 1 <= len(path.encode()) <= 4096:
             raise ProtocolError("attach of a path that has not 1 to 4096 bytes")
         self._paths[number] = path
-        if path in self.server.services:
+        if self.server.provides(path):
             self.connection.send(Message(frames.ATTACHED, target=number))
 
     def _request(self, message: Message) -> None:
@@ -144,8 +170,11 @@ class _Peer:
         headers = {**head.headers, "$client-id": client}
         request = Request(head.command, head.path or "/", message.body, head.mime_type, headers, client, semantic == STREAM)
         serving = self.open[message.stream] = _Serving(self, message.stream, message.target, request, semantic)
-        handler = self.server.services.get(self._paths.get(message.target, ""))
-        if not handler:
+        path = self._paths.get(message.target, "")
+        handler = self.server.services.get(path)
+        if not handler and path == about.PATH:
+            serving.answer_about(request)
+        elif not handler:
             serving.finish(ServiceError(503, "the service is not provided"))
         elif self.server.running >= _MOST_REQUESTS:
             serving.finish(ServiceError(503, f"{_MOST_REQUESTS} requests are being answered"))
@@ -180,6 +209,15 @@ class _Serving:
             self._peer.server.loop.call_soon_threadsafe(self._end, body, error)
         except RuntimeError:
             pass  # The loop is closed, with the connection.
+
+    def answer_about(self, request: Request) -> None:
+        """With what the process says of itself."""
+        error = None
+        try:
+            self._send(about.answer(self._peer.server, request.command, request.path))
+        except ServiceError as said:
+            error = said
+        self.finish(error)
 
     def cancel(self, reason: str) -> None:
         """Its handler hears it; what that still says is dropped."""

@@ -213,7 +213,7 @@ class System:
 
     async def _begin(self, registry: Locator) -> None:
         self._hello = self._make_hello()
-        self._server = Server(self._loop, self._claim, self._hello) if self._claim else None
+        self._server = Server(self._loop, self._claim, self._hello, self._directory, self._links) if self._claim else None
         self._registry = Registry(self._link(registry.process), registry.path)
 
     def _make_hello(self) -> Hello:

@@ -45,6 +45,13 @@ class Wire:
         """Bytes that the peer has not taken yet."""
         return len(self._out)
 
+    def peer(self) -> tuple[int, int]:
+        """Process and user, as the kernel says."""
+        pid, uid, _ = _CREDENTIALS.unpack(
+            self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIALS.size)
+        )
+        return self.writer or pid, uid
+
     def write(self, data: bytes) -> None:
         """Sends, now or when the peer takes it. After the end it does nothing."""
         if self._closed or self._broken:

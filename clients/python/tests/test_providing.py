@@ -55,6 +55,10 @@ class Providing(SystemTest):
         self.assertIn("404: no resource at /x", self.kesactl("call", "/py", "/x", code=1))
         self.assertIn("500: KeyError: 'no such key'", self.kesactl("call", "/py", "/broken", code=1))
 
+    def test_what_it_says_of_itself_makes_way_for_a_service(self) -> None:
+        self.start_provider("py", "/.well-known/process")
+        self.assertIn("grüße", self.kesactl("call", "/.well-known/process", "/text"))
+
     def test_the_end_of_a_client_closes_its_stream(self) -> None:
         provider = self.start_provider("py", "/py")
         client = self.start_kesactl("call", "/py", "/count", "--follow")
