@@ -12,6 +12,7 @@
 #include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <obr/ErrorStorage.h>
+#include <transport/Authority.h>
 #include <util/config/JSONParser.h>
 
 #include <fmt/format.h>
@@ -88,6 +89,10 @@ std::string checkCommand(const std::string& command)
 std::string checkLocator(const std::string& text)
 {
     const kesa::url locator(text);
+    if (locator.scheme() == "ipc" && !kesa::commadapter::transport::parseProcessAuthority(locator, "ipc")) {
+        return fmt::format("'{}' names no process; a name has 1 to {} bytes, those other than A-Z a-z 0-9 . _ - as %XX",
+                           text, kesa::commadapter::transport::LONGEST_PROCESS_NAME);
+    }
     return locator.isValid() && locator.isAbsolute() && !locator.hasQueryOrFragment()
                ? ""
                : "'" + text + "' is no locator; write one such as ipc://media or ipc://media/media/player";

@@ -15,6 +15,7 @@
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/advice.h>
 #include <runtime/v02/config/reviewDocument.h>
+#include <transport/Authority.h>
 #include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
 
@@ -143,6 +144,11 @@ int checkConfig(const Arguments& arguments)
     if (!arguments.process.empty()) {
         process = arguments.process;
         partition = partitionOf(arguments.process, config, report);
+        if (!kesa::commadapter::transport::isProcessName(*process)) {
+            report.complaints.push_back(
+                {3, false, "",
+                 kesa::commadapter::transport::refuseProcessName(*process) + "; nobody finds what it provides"});
+        }
     }
     reviewDocument(report);
     reviewSettings(config, partition, report);
