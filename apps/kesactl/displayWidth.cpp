@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <clocale>
 #include <cwchar>
-#include <locale.h>
 
 namespace kesactl {
 namespace {
