@@ -7,6 +7,7 @@
 
 #include <kesa/PathPatterns.h>
 #include <kesa/core/PayloadConversion.h>
+#include <kesa/ease/ResourceHandler.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
 #include <runtime/v02/runtime/EventLog.h>
@@ -19,6 +20,7 @@
 #endif
 #include <rapidjson/reader.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <map>
@@ -229,6 +231,46 @@ void compareCopies(int rounds)
                    rounds);
 }
 
+/// A service with that many routes of three segments.
+std::unique_ptr<kesa::ResourceHandler> makeRoutes(int count)
+{
+    auto service = std::make_unique<kesa::ResourceHandler>();
+    for (int i = 0; i < count; ++i) {
+        service->onRetrieve("/zone" + std::to_string(i % 10) + "/seat" + std::to_string(i) + "/{part}",
+                            [](const kesa::Request&, kesa::Responder responder) { responder.complete(); });
+    }
+    return service;
+}
+
+void compareRoutes(int rounds)
+{
+    constexpr int TIMES = 20'000;
+    struct Count : kesa::IResponseHandler<kesa::Response> {
+        explicit Count(int& c) : completed(c) {}
+        bool onNext(const kesa::Response&) override { return true; }
+        void onError(const kesa::Response&) override {}
+        void onCompleted() override { ++completed; }
+        int& completed;
+    };
+    const auto served = [](std::shared_ptr<kesa::ResourceHandler> service, const char* path) {
+        return [service = std::move(service), request = kesa::Request("retrieve", path)] {
+            int completed = 0;
+            const double ns = timed(TIMES, [&] { service->request(request, std::make_unique<Count>(completed)); });
+            require(completed == TIMES, "served");
+            return ns;
+        };
+    };
+    const bench::Side few{"10 routes", served(makeRoutes(10), "/zone5/seat5/heat")};
+    bench::compare("a request that is served", few, {"1,000", served(makeRoutes(1000), "/zone5/seat505/heat")}, rounds);
+    bench::compare("a request that is served", few, {"20,000", served(makeRoutes(20'000), "/zone5/seat10005/heat")},
+                   rounds);
+    const auto making = [](int count) { return [=] { return timed(1, [=] { makeRoutes(count); }) / count; }; };
+    for (const int count : {1000, 8000, 20'000}) {
+        bench::compare("a route made, each", {"10 routes", making(10)}, {std::to_string(count), making(count)},
+                       std::min(rounds, 5));
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -239,5 +281,6 @@ int main(int argc, char** argv)
     compareGlobs(rounds);
     compareDisabled(rounds);
     compareCopies(rounds);
+    compareRoutes(rounds);
     return 0;
 }

@@ -1,4 +1,7 @@
 #include <kesa/ease/ResourceHandler.h>
+
+#include "RouteTree.h"
+
 #include <kesa/ease/resources.h>
 #include <obr/ErrorStorage.h>
 #include <tracing/Channel.h>
@@ -7,8 +10,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <array>
 #include <bitset>
+#include <deque>
 #include <exception>
 #include <vector>
 
@@ -18,144 +21,25 @@ namespace {
 
 constexpr std::string_view COMMANDS[] = {commands::RETRIEVE, commands::UPDATE, commands::DELETE, commands::INSERT};
 
-/// Takes the first segment off `path`, which has no leading '/'.
-std::string_view takeSegment(std::string_view& path) noexcept
-{
-    const std::size_t slash = path.find('/');
-    const std::string_view segment = path.substr(0, slash);
-    path.remove_prefix(slash == std::string_view::npos ? path.size() : slash + 1);
-    return segment;
-}
-
-std::string_view withoutOuterSlashes(std::string_view path) noexcept
-{
-    if (!path.empty() && path.front() == '/') {
-        path.remove_prefix(1);
-    }
-    if (!path.empty() && path.back() == '/') {
-        path.remove_suffix(1);
-    }
-    return path;
-}
-
-struct Segment {
-    enum class Kind { eTEXT, ePARAMETER, eREST }; // the most particular first
-    Kind kind;
-    std::string text; ///< or the parameter's name
-
-    bool operator==(const Segment& other) const
-    {
-        return kind == other.kind && (kind != Kind::eTEXT || text == other.text);
-    }
-};
-
+using Place = RouteTree::Place;
 using Commands = std::bitset<std::size(COMMANDS)>; ///< by id
 
-/// One route with a function for each command it serves.
-class Route {
-public:
-    explicit Route(std::string_view route)
-    {
-        for (std::string_view rest = withoutOuterSlashes(route); !rest.empty();) {
-            const std::string_view segment = takeSegment(rest);
-            if (segment == "**") {
-                m_segments.push_back({Segment::Kind::eREST, "**"});
-            } else if (segment.size() > 2 && segment.front() == '{' && segment.back() == '}') {
-                m_segments.push_back({Segment::Kind::ePARAMETER, std::string(segment.substr(1, segment.size() - 2))});
-            } else {
-                m_segments.push_back({Segment::Kind::eTEXT, std::string(segment)});
-            }
-        }
+static_assert(std::size(COMMANDS) == RouteTree::COMMANDS);
+
+Commands commandsOf(const Place& place)
+{
+    Commands served;
+    for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
+        served[id] = place[id] != nullptr;
     }
+    return served;
+}
 
-    /// Why this is no route; empty when it is one.
-    std::string_view fault() const noexcept
-    {
-        for (const Segment& segment : m_segments) {
-            if (segment.kind == Segment::Kind::eREST && &segment != &m_segments.back()) {
-                return "'**' has to be the last segment";
-            }
-            if (segment.text.empty()) {
-                return "it has an empty segment";
-            }
-            if (segment.text.find_first_of("{}") != std::string::npos) {
-                return "a parameter is a whole segment, '{name}'";
-            }
-        }
-        return {};
-    }
-
-    bool isSameAs(const Route& other) const { return m_segments == other.m_segments; }
-
-    bool isMoreParticularThan(const Route& other) const
-    {
-        return std::lexicographical_compare(m_segments.begin(), m_segments.end(), other.m_segments.begin(),
-                                            other.m_segments.end(),
-                                            [](const Segment& a, const Segment& b) { return a.kind < b.kind; });
-    }
-
-    /// `path` is without outer '/'.
-    bool matches(std::string_view path, PathParameters& parameters) const
-    {
-        parameters.clear();
-        for (const Segment& segment : m_segments) {
-            if (segment.kind == Segment::Kind::eREST) {
-                parameters.add(segment.text, path);
-                return true;
-            }
-            if (path.empty()) {
-                return false;
-            }
-            const std::string_view here = takeSegment(path);
-            if (segment.kind == Segment::Kind::ePARAMETER) {
-                parameters.add(segment.text, here);
-            } else if (here != segment.text) {
-                return false;
-            }
-        }
-        return path.empty();
-    }
-
-    /// As it was given, with one '/' at its beginning and none at its end.
-    std::string text() const
-    {
-        std::string text;
-        for (const Segment& segment : m_segments) {
-            text += segment.kind == Segment::Kind::ePARAMETER ? "/{" + segment.text + "}" : "/" + segment.text;
-        }
-        return text.empty() ? "/" : text;
-    }
-
-    /// The path that this route would be for if only its texts had been mistaken: parameters are as in `path`, which is
-    /// without outer '/'. Those that `path` is too short for are empty.
-    std::string filledFrom(std::string_view path) const
-    {
-        std::string filled;
-        for (const Segment& segment : m_segments) {
-            if (segment.kind == Segment::Kind::eREST) {
-                return filled.append("/").append(path);
-            }
-            const std::string_view here = takeSegment(path);
-            filled.append("/").append(segment.kind == Segment::Kind::eTEXT ? segment.text : here);
-        }
-        return filled;
-    }
-
-    Commands commands() const
-    {
-        Commands served;
-        for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
-            served[id] = static_cast<bool>(functions[id]);
-        }
-        return served;
-    }
-
-    std::array<ResourceHandler::Function, std::size(COMMANDS)> functions; ///< by id of the command
-    std::array<RouteInfo, std::size(COMMANDS)> infos;                     ///< likewise
-
-private:
-    std::vector<Segment> m_segments;
-};
+/// Of a place that serves something, as all do.
+const Route& anyRouteOf(const Place& place)
+{
+    return (*std::find_if(place.begin(), place.end(), [](const auto& served) { return served != nullptr; }))->route;
+}
 
 void complain(const std::string& text)
 {
@@ -198,26 +82,27 @@ Response noSuchCommand(const Request& request, Commands commands)
 }
 
 /// What may have been meant by `path`; empty when nothing is near.
-std::string nearestPath(const std::string& path, const std::vector<Route>& routes)
+std::string nearestPath(const std::string& path, const RouteTree& routes)
 {
     if (path.size() > util::LONGEST_NEAR_NAME) {
         return {};
     }
     std::vector<std::string> paths;
-    for (const Route& route : routes) {
-        paths.push_back(route.filledFrom(withoutOuterSlashes(path)));
+    for (const auto& [rank, place] : routes.places()) {
+        paths.push_back(anyRouteOf(place).filledFrom(withoutOuterSlashes(path)));
     }
     const std::string_view nearest = util::nearestName(path, std::vector<std::string_view>(paths.begin(), paths.end()));
-    for (std::size_t i = 0; !nearest.empty() && i < routes.size(); ++i) {
+    auto place = routes.places().begin();
+    for (std::size_t i = 0; !nearest.empty() && i < paths.size(); ++i, ++place) {
         if (nearest.data() == paths[i].data()) {
             const bool isTooShort = nearest.back() == '/'; // so it shows which parameter is missing
-            return isTooShort ? routes[i].text() : paths[i];
+            return isTooShort ? anyRouteOf(place->second).text() : paths[i];
         }
     }
     return {};
 }
 
-Response noSuchResource(const Request& request, const std::vector<Route>& routes)
+Response noSuchResource(const Request& request, const RouteTree& routes)
 {
     std::string text = fmt::format("no resource at '{}'", request.getPath());
     if (const std::string nearest = nearestPath(request.getPath(), routes); !nearest.empty()) {
@@ -229,6 +114,8 @@ Response noSuchResource(const Request& request, const std::vector<Route>& routes
 } // namespace
 
 class ResourceHandler::Impl {
+    using Served = RouteTree::Served;
+
 public:
     Impl()
     {
@@ -261,31 +148,25 @@ public:
             refuse(command, text, fault);
             return;
         }
-        // Before the first that is no more particular: so of equally particular ones the last added comes first.
-        auto place = std::find_if(m_routes.begin(), m_routes.end(), [&](const Route& r) { return r.isSameAs(route); });
-        if (place == m_routes.end()) {
-            place = std::find_if(m_routes.begin(), m_routes.end(),
-                                 [&](const Route& r) { return !r.isMoreParticularThan(route); });
-            place = m_routes.insert(place, std::move(route));
-        }
-        place->functions[static_cast<std::size_t>(id)] = std::move(function);
-        place->infos[static_cast<std::size_t>(id)] = std::move(info);
+        std::unique_ptr<Served>& served = m_routes.placeOf(route)[static_cast<std::size_t>(id)];
+        served = std::make_unique<Served>(Served{std::move(route), std::move(function), std::move(info)});
     }
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
     {
-        PathParameters parameters;
         const std::string_view path = withoutOuterSlashes(request.getPath());
         const int id = commands::toId(request.getCommand());
+        Served* served = nullptr;
         Commands others;
-        for (Route& route : m_routes) {
-            if (!route.matches(path, parameters)) {
-                continue;
+        m_routes.match(path, [&](const Place& place) {
+            served = id >= 0 ? place[static_cast<std::size_t>(id)].get() : nullptr;
+            if (served == nullptr) {
+                others |= commandsOf(place);
             }
-            if (id >= 0 && route.functions[static_cast<std::size_t>(id)]) {
-                return serve(route.functions[static_cast<std::size_t>(id)], request, parameters, std::move(handler));
-            }
-            others |= route.commands();
+            return served != nullptr;
+        });
+        if (served != nullptr) {
+            return serve(served->function, request, served->route.parametersOf(path), std::move(handler));
         }
         handler->onError(others.none() ? noSuchResource(request, m_routes) : noSuchCommand(request, others));
         return UNDEFINED_REQUEST_HANDLE;
@@ -320,22 +201,19 @@ private:
 
     optional<Payload> describe() const
     {
-        std::vector<std::string> paths; // which the list refers to
-        for (const Route& route : m_routes) {
-            paths.push_back(route.text());
-        }
+        std::deque<std::string> paths; // which the list refers to
         std::vector<resources::Resource> list;
-        for (std::size_t i = 0; i < m_routes.size(); ++i) {
+        for (const auto& [rank, place] : m_routes.places()) {
             for (std::size_t id = 0; id < std::size(COMMANDS); ++id) {
-                if (m_routes[i].functions[id] && paths[i] != resources::PATH) {
-                    list.push_back({paths[i], COMMANDS[id], m_routes[i].infos[id]});
+                if (place[id] && place[id]->route.text() != resources::PATH) {
+                    list.push_back({paths.emplace_back(place[id]->route.text()), COMMANDS[id], place[id]->info});
                 }
             }
         }
         return resources::describe(std::move(list));
     }
 
-    std::vector<Route> m_routes; ///< the most particular first
+    RouteTree m_routes;
     OpenRequests m_requests;
 };
 

@@ -7,7 +7,10 @@
 #include <kesa/servicecomp.h>
 #include <tracing/CapturingSink.h>
 
+#include <algorithm>
+#include <optional>
 #include <stdexcept>
+#include <utility>
 
 namespace {
 
@@ -40,6 +43,96 @@ TEST(ResourceHandler, TheMostParticularRouteServes)
     EXPECT_EQ(ask(service, "retrieve", "/cpu/lo"), "any cpu ");
     EXPECT_EQ(ask(service, "retrieve", "/net"), "rest  net");
     EXPECT_EQ(ask(service, "retrieve", "/a/b/c"), "rest  a/b/c");
+    service.onUpdate("/net/{y}",
+                     [](const Request&, const PathParameters& path) { return asText(std::string(path["y"])); });
+    EXPECT_EQ(ask(service, "update", "/net/eth0"), "eth0") << "each command has its own names";
+    EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "one eth0 ");
+}
+
+/// The segments of a route or of a path.
+std::vector<std::string> split(const std::string& path)
+{
+    std::vector<std::string> segments;
+    for (std::size_t from = 0; from < path.size();) {
+        const std::size_t end = std::min(path.find('/', from + 1), path.size());
+        segments.push_back(path.substr(from + 1, end - from - 1));
+        from = end;
+    }
+    return segments;
+}
+
+/// Whether it matches, and if so what is compared: the kinds of its segments, text before parameter before "**".
+std::optional<std::vector<int>> rankOf(const std::vector<std::string>& route, const std::vector<std::string>& path)
+{
+    std::vector<int> rank;
+    for (std::size_t i = 0; i < route.size(); ++i) {
+        rank.push_back(route[i] == "**" ? 2 : route[i][0] == '{' ? 1 : 0);
+        if (rank.back() == 2) {
+            return rank;
+        }
+        if (i >= path.size() || (rank.back() == 0 && route[i] != path[i])) {
+            return std::nullopt;
+        }
+    }
+    return route.size() == path.size() ? std::optional(rank) : std::nullopt;
+}
+
+// All routes of up to three segments out of few, and a crowd beside them, in an order that is drawn; a part of them
+// serves another command. What serves is compared with what the words of the header say.
+TEST(ResourceHandler, OfAllRoutesThatMatchTheMostParticularOneForTheCommandServes)
+{
+    std::vector<std::string> routes;
+    std::vector<std::string> paths;
+    const auto extend = [](std::vector<std::string>& all, const std::vector<std::string>& by) {
+        std::vector<std::string> longer{""};
+        for (int length = 0; length < 3; ++length) {
+            for (const std::string& start : std::exchange(longer, {})) {
+                for (const std::string& segment : by) {
+                    longer.push_back(start + "/" + segment);
+                }
+            }
+            all.insert(all.end(), longer.begin(), longer.end());
+        }
+    };
+    extend(routes, {"a", "b", "{x}", "**"});
+    std::erase_if(routes, [](const std::string& route) {
+        return route.find("**/") != std::string::npos; // is none
+    });
+    for (int i = 0; i < 40; ++i) {
+        routes.push_back("/c" + std::to_string(i) + "/{x}");
+    }
+    extend(paths, {"a", "b", "c7", "c39"});
+    std::uint64_t drawn = 1;
+    const auto draw = [&drawn](std::size_t limit) {
+        return ((drawn = drawn * 6364136223846793005U + 1) >> 33) % limit;
+    };
+    for (int round = 0; round < 10; ++round) {
+        ResourceHandler service;
+        std::vector<std::string> added;
+        for (std::size_t i = routes.size(); i > 0; --i) {
+            std::swap(routes[i - 1], routes[draw(i)]);
+            const std::string route = routes[i - 1];
+            if (draw(3) == 0) {
+                service.onRetrieve(route, [route](const Request&) { return asText(route); });
+                added.push_back(route);
+            } else if (draw(2) == 0) {
+                service.onUpdate(route, [](const Request&) {});
+            }
+        }
+        for (const std::string& path : paths) {
+            std::optional<std::vector<int>> best;
+            std::string expected;
+            for (const std::string& route : added) {
+                const auto rank = rankOf(split(route), split(path));
+                if (rank && (!best || *rank < *best)) {
+                    best = rank;
+                    expected = route;
+                }
+            }
+            const std::string served = ask(service, "retrieve", path);
+            EXPECT_EQ(served[0] == '4' ? "" : served, expected) << path << " in round " << round;
+        }
+    }
 }
 
 TEST(ResourceHandler, AnswersWhatItsFunctionsReturn)
