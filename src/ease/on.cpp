@@ -1,3 +1,4 @@
+#include <comm/endThrown.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/on.h>
@@ -5,6 +6,7 @@
 
 #include <atomic>
 #include <optional>
+#include <utility>
 
 namespace kesa {
 
@@ -44,13 +46,24 @@ public:
         if (!open->isOpen()) {
             return; // cancelled before it began
         }
-        void* const work = m_served->service->request(m_request, open->makeHandler());
+        void* const work = callService(open);
         if (open->setWork({0, work})) {
             m_served->service->cancel(work);
         }
     }
 
 private:
+    void* callService(const std::shared_ptr<OpenRequest>& open) const
+    {
+        try {
+            return m_served->service->request(m_request, open->makeHandler());
+        } catch (...) {
+            static const ::tracing::Channel channel("KESA_EASE");
+            comm::endThrown(channel, "the request '" + m_request.getCommand() + ' ' + m_request.getPath() +
+                                         "' of a service given to kesa::on");
+        }
+    }
+
     static constexpr const char* LOOP_HAS_ENDED = "the loop given to kesa::on has ended";
 
     std::shared_ptr<Served> m_served;

@@ -201,8 +201,8 @@ void ClientConnection::tellListener(Lock& lock, ClientState& client, void (IClie
     }
     m_runningListener = &client;
     lock.unlock();
-    (listener->*call)();
-    loop().lap([&client] { return "what has been told that '" + client.path + "' comes or goes"; });
+    loop().callOut([&] { (listener->*call)(); },
+                   [&client] { return "what has been told that '" + client.path + "' comes or goes"; });
     lock.lock();
     m_runningListener = nullptr;
     callEnded();

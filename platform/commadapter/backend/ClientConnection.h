@@ -96,6 +96,7 @@ private:
         Handler handler; ///< null: cancelled meanwhile
         unsigned short status;
         std::string text;
+        std::string path; ///< of the service
     };
 
     // ClientConnection_requests.cpp. Any thread; with the lock held where one is passed.
@@ -104,7 +105,7 @@ private:
     bool isRefused(std::size_t size, bool isPersistent);
     void noNumberFree();
     void* send(Lock& lock, ClientState& client, const Request& request, Handler&& handler);
-    void* fail(Lock& lock, Handler&& handler, unsigned short status, std::string text);
+    void* fail(Lock& lock, const ClientState& client, Handler&& handler, unsigned short status, std::string text);
     void tellLater();
     Handler takeFailed(std::uint64_t handle);
     void unlink(std::uint32_t stream);
@@ -125,7 +126,7 @@ private:
     void tellFailed(Lock& lock, std::size_t atMost);
     void endStreams(Lock& lock, ClientState& client, const Response& error);
     template <class Call>
-    void callOut(const ClientState& client, Call&& call);
+    void callOut(const std::string& path, Call&& call);
     void endHere(Lock& lock, std::uint32_t stream, const Response& error);
     void endStream(std::uint32_t stream, const Response* error);
     bool breaksOrder(Lock& lock, std::uint32_t number, const Stream& stream);
@@ -133,7 +134,7 @@ private:
     void setDisconnected(Lock& lock, ClientState& client, const Response& error);
     void tellListener(Lock& lock, ClientState& client, void (IClientConnectionListener::*call)());
     template <class Call>
-    void run(Lock& lock, std::uint64_t handle, Call&& call);
+    void run(Lock& lock, std::uint64_t handle, const std::string& path, Call&& call);
     std::shared_ptr<ClientState> clientOf(std::uint32_t target) const;
     // ClientConnection_limits.cpp
     void setTimer();

@@ -82,7 +82,7 @@ void* ClientConnection::request(ClientState& client, const Request& request, Han
         return IKesaApi::UNDEFINED_REQUEST_HANDLE;
     }
     if (!isConnected(client)) {
-        return fail(lock, std::move(handler), 503, NOT_CONNECTED + whyNot(client));
+        return fail(lock, client, std::move(handler), 503, NOT_CONNECTED + whyNot(client));
     }
     return send(lock, client, request, std::move(handler));
 }
@@ -91,24 +91,24 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
 {
     Wishes wishes;
     if (readWishes(request.getHeaders(), wishes)) {
-        return fail(lock, std::move(handler), 400, BAD_TIME_LIMIT);
+        return fail(lock, client, std::move(handler), 400, BAD_TIME_LIMIT);
     }
     if (wishes.timeLimit == 0) {
-        return fail(lock, std::move(handler), 504, NO_TIME);
+        return fail(lock, client, std::move(handler), 504, NO_TIME);
     }
     if (isRefused(request.getPayload().size(), wishes.isPersistent)) {
-        return fail(lock, std::move(handler), 503, TOO_SLOW);
+        return fail(lock, client, std::move(handler), 503, TOO_SLOW);
     }
     const std::uint32_t number = m_streams.takeAny();
     if (number == 0) {
         noNumberFree();
-        return fail(lock, std::move(handler), 503, TOO_MANY);
+        return fail(lock, client, std::move(handler), 503, TOO_MANY);
     }
     const auto sent = machine().request(number, client.target, request);
     if (sent != protocol::Machine::Sent::eQUEUED) {
         m_streams.giveBack(number);
         const bool isTooLarge = sent == protocol::Machine::Sent::eTOO_LARGE;
-        return fail(lock, std::move(handler), isTooLarge ? 413 : 400, "the request " + machine().refusal());
+        return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400, "the request " + machine().refusal());
     }
     Stream& stream = *m_streams.find(number);
     stream.handler = std::move(handler);
@@ -174,10 +174,11 @@ void ClientConnection::noNumberFree()
 }
 
 /// Hands the error to the loop, which tells it in its turn. When the loop has ended, it is told here.
-void* ClientConnection::fail(Lock& lock, Handler&& handler, unsigned short status, std::string text)
+void* ClientConnection::fail(Lock& lock, const ClientState& client, Handler&& handler, unsigned short status,
+                             std::string text)
 {
     const std::uint64_t handle = nextHandle(0);
-    m_failures.push_back({handle, std::move(handler), status, std::move(text)});
+    m_failures.push_back({handle, std::move(handler), status, std::move(text), client.path});
     tellLater();
     if (!m_isStopped) {
         return reinterpret_cast<void*>(handle);
@@ -240,7 +241,7 @@ void ClientConnection::tellFailed(Lock& lock, std::size_t atMost)
         Failure failure = std::move(m_failures.front());
         m_failures.pop_front();
         if (failure.handler) {
-            run(lock, failure.handle, [&failure] {
+            run(lock, failure.handle, failure.path, [&failure] {
                 failure.handler->onError(Response::createErrorResponse(failure.status, failure.text));
                 failure.handler.reset();
             });
@@ -303,20 +304,20 @@ void ClientConnection::unlink(std::uint32_t number)
 
 // ---- answers ------------------------------------------------------------------------------------------------------
 
-/// The client is there until the loop retires it, so for as long as a handler runs.
+/// Of the client at `path`, which is there until the loop retires it, so for as long as a handler runs.
 template <class Call>
-void ClientConnection::callOut(const ClientState& client, Call&& call)
+void ClientConnection::callOut(const std::string& path, Call&& call)
 {
-    loop().callOut(std::forward<Call>(call), [&client] { return "the handler of an answer of '" + client.path + "'"; });
+    loop().callOut(std::forward<Call>(call), [&path] { return "the handler of an answer of '" + path + "'"; });
 }
 
 /// Calls a handler without the lock, as the one call that `cancel` may have to wait for.
 template <class Call>
-void ClientConnection::run(Lock& lock, std::uint64_t handle, Call&& call)
+void ClientConnection::run(Lock& lock, std::uint64_t handle, const std::string& path, Call&& call)
 {
     const std::uint64_t outer = std::exchange(m_runningHandle, handle);
     lock.unlock();
-    call();
+    callOut(path, std::forward<Call>(call));
     lock.lock();
     m_runningHandle = outer;
     callEnded();
@@ -361,7 +362,7 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     const ClientState& client = *stream->client;
     m_runningHandle = handle;
     lock.unlock();
-    callOut(client, [&] { handler->onNext(response); });
+    callOut(client.path, [&] { handler->onNext(response); });
     lock.lock();
     Stream* const after = m_streams.find(number); // the table may have grown meanwhile
     if (after != nullptr && after->handle == handle && after->isOpen) {
@@ -403,15 +404,13 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
     const std::uint64_t handle = stream->handle;
     const ClientState& client = *stream->client;
     m_streams.giveBack(number);
-    run(lock, handle, [&] {
-        callOut(client, [&] {
-            if (error != nullptr) {
-                handler->onError(*error);
-            } else {
-                handler->onCompleted();
-            }
-            handler.reset();
-        });
+    run(lock, handle, client.path, [&] {
+        if (error != nullptr) {
+            handler->onError(*error);
+        } else {
+            handler->onCompleted();
+        }
+        handler.reset();
     });
 }
 
@@ -428,8 +427,9 @@ void ClientConnection::endHere(Lock& lock, std::uint32_t number, const Response&
     Stream& stream = *m_streams.find(number);
     Handler handler = std::move(stream.handler);
     const std::uint64_t handle = stream.handle;
+    const ClientState& client = *stream.client;
     cancelStream(number);
-    run(lock, handle, [&] {
+    run(lock, handle, client.path, [&] {
         handler->onError(error);
         handler.reset();
     });

@@ -5,12 +5,12 @@
 #include "backend/channel.h"
 
 #include <comm/Scheduler.h>
+#include <comm/endThrown.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <exception>
 
 namespace kesa::commadapter {
 
@@ -79,21 +79,9 @@ void IoLoop::traceHeld(const std::string& what, comm::TimeNs held)
     }
 }
 
-/// Of the exception that is being handled.
 void IoLoop::endThrown(const std::string& what)
 {
-    std::string text = "what is no std::exception";
-    try {
-        throw;
-    } catch (const std::exception& exception) {
-        text = exception.what();
-    } catch (...) {
-    }
-    KESA_TRACE(CHANNEL, 4,
-               "[loop] %s has thrown, which ends this process: %s; catch it there, as "
-               "kesa::ResourceHandler does",
-               what.c_str(), text.c_str());
-    std::terminate();
+    comm::endThrown(CHANNEL, what);
 }
 
 void IoLoop::flushAtTurnEnd(Connection& connection)

@@ -83,12 +83,6 @@ public:
         } catch (...) {
             endThrown(describe());
         }
-        lap(describe);
-    }
-    /// When something foreign has run otherwise: the first half of that.
-    template <class Describe>
-    void lap(const Describe& describe)
-    {
         if (const comm::TimeNs held = m_reactor->lap(); held != 0) {
             traceHeld(describe(), held);
         }

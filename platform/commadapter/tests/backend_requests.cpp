@@ -97,21 +97,39 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
     const auto answered = client->request(retrieve("/echo", "hello"));
     answered->onValue = [&] { wait(70 * comm::MILLISECOND); };
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 70 ms")));
+
+    client->checker.onChange = [&] { wait(80 * comm::MILLISECOND); };
+    server->unprovide(url(locator));
+    EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("what has been told that '/service' comes or goes took 80 ms")));
+    client->checker.onChange = {};
+    const auto failed = client->request(retrieve("/echo"));
+    failed->onEnd = [&] { wait(90 * comm::MILLISECOND); };
+    EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 90 ms")));
 }
 
 TEST_P(BackendRequests, WhatThrowsIsNamedBeforeTheProcessEnds)
 {
-    const auto request = [this](bool isService) {
+    const auto fail = [] { throw std::runtime_error("disk full"); };
+    const auto request = [&](bool isService) {
         tracing::setSink(nullptr);
-        const auto fail = [] { throw std::runtime_error("disk full"); };
         service.onRequest = [&](const Request&) { isService ? fail() : void(); };
         const auto answered = client->request(retrieve("/echo", "hello"));
         answered->onValue = fail;
         settle();
     };
+    const auto withdraw = [&](bool isRequest) {
+        tracing::setSink(nullptr);
+        const auto open = client->request(retrieve("/stream"));
+        settle();
+        (isRequest ? open->onEnd : client->checker.onChange) = fail;
+        server->unprovide(url(locator));
+        settle();
+    };
     const std::string rest = " has thrown, which ends this process: disk full; catch it there";
     EXPECT_DEATH(request(true), "the request 'retrieve /echo' of the service '/service'" + rest);
     EXPECT_DEATH(request(false), "the handler of an answer of '/service'" + rest);
+    EXPECT_DEATH(withdraw(true), "the handler of an answer of '/service'" + rest);
+    EXPECT_DEATH(withdraw(false), "what has been told that '/service' comes or goes" + rest);
 }
 
 TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)

@@ -136,6 +136,21 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     EXPECT_EQ(service.use_count(), 1);
 }
 
+TEST_F(On, AServiceThatThrowsIsNamedBeforeTheProcessEnds)
+{
+    class Throwing : public IKesaApi {
+        void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override { throw 7; }
+        void cancel(void*) override {}
+    };
+    const auto api = on(loop, std::shared_ptr<IKesaApi>(std::make_shared<Throwing>()));
+    const auto ask = [&] {
+        api->request(Request("retrieve", "/volume"), client());
+        scheduler.runReady();
+    };
+    EXPECT_DEATH(ask(), "the request 'retrieve /volume' of a service given to kesa::on has thrown, which ends this "
+                        "process: an exception that is no std::exception");
+}
+
 TEST_F(On, AServiceWithoutItsLoopAnswers503)
 {
     const auto api = on(loop, std::shared_ptr<IKesaApi>(std::make_shared<ResourceHandler>()));

@@ -131,7 +131,12 @@ private:
 
     struct TrackedAndResolvedService {
         std::unique_ptr<ResolvedServiceHandler> client;
+        std::string path;
         bool valuePropagated = false; ///< a present value is the last thing the client was sent
+    };
+    struct TrackedAndResolvedQuery {
+        std::unique_ptr<ResolvedServicesHandler> client;
+        std::string pattern;
     };
 
     template <class Value>
@@ -146,10 +151,12 @@ private:
     void releaseRegistry();
     void initializeStaticServices();
     template <class T>
-    [[nodiscard]] bool refuseWithoutRegistry(IResponseHandler<T>& handler) const;
+    [[nodiscard]] bool refuseWithoutRegistry(const char* operation, const std::string& subject,
+                                             IResponseHandler<T>& handler);
     [[nodiscard]] bool refuseNull(const char* operation, const void* handler) const;
     template <class T>
-    [[nodiscard]] bool refuseBadPath(const std::string& path, std::unique_ptr<IResponseHandler<T>>& handler);
+    [[nodiscard]] bool refuseBadPath(const char* operation, const std::string& path,
+                                     std::unique_ptr<IResponseHandler<T>>& handler);
     void onExecutor() const;
     void onUpdater() const;
 
@@ -164,8 +171,10 @@ private:
     void announce(RuntimeEntry& entry);
     static std::string takeReason();
     [[nodiscard]] static bool lacksRegistrator(const RuntimeEntry& entry, int line);
-    void refuseRegistrator(RuntimeEntry& entry, std::string_view reason, std::string_view text = {});
-    void refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view reason, std::string_view text = {});
+    void refuseRegistrator(const std::string& path, RuntimeEntry& entry, std::string_view reason,
+                           std::string_view text = {});
+    void refuse(const std::string& path, std::unique_ptr<RegistrationHandler> handler, std::string_view reason,
+                std::string_view text = {});
 
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);
@@ -285,7 +294,8 @@ private:
     template <class F>
     Disposable disposable(F work) const;
     template <class T>
-    void postError(std::unique_ptr<IResponseHandler<T>> handler, Response error);
+    void postError(const char* operation, const std::string& subject, std::unique_ptr<IResponseHandler<T>> handler,
+                   Response error);
     template <class T, class Next, class Error, class Completed>
     std::unique_ptr<IResponseHandler<T>> postingHandler(Next next, Error error, Completed completed);
     template <class Value>
@@ -314,7 +324,7 @@ private:
     HandleMap<OpenedProxies> m_resolvedServicesLocators;
     HandleMap<Disposable> m_trackedDisposable;
     HandleMap<TrackedAndResolvedService> m_trackAndResolveServiceHandler;
-    HandleMap<std::unique_ptr<ResolvedServicesHandler>> m_trackAndResolvedServicesQuery;
+    HandleMap<TrackedAndResolvedQuery> m_trackAndResolvedServicesQuery;
     std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
     std::atomic<std::uint64_t> m_lastNumber{0};
 };
@@ -330,11 +340,19 @@ Disposable KesaRuntimeImpl::disposable(F work) const
     });
 }
 
-/// Ends a client's stream on the updater; the handler dies there.
+/// Ends a client's stream on the updater; the handler dies there. `operation` and `subject` are as of
+/// `LoopWatch::tell`.
 template <class T>
-void KesaRuntimeImpl::postError(std::unique_ptr<IResponseHandler<T>> handler, Response error)
+void KesaRuntimeImpl::postError(const char* operation, const std::string& subject,
+                                std::unique_ptr<IResponseHandler<T>> handler, Response error)
 {
-    post(*m_updater, [handler = std::move(handler), error = std::move(error)] { handler->onError(error); });
+    post(*m_updater,
+         [this, operation, subject = subject, handler = std::move(handler), error = std::move(error)]() mutable {
+             m_updaterWatch.tell(operation, subject, [&] {
+                 handler->onError(error);
+                 handler.reset();
+             });
+         });
 }
 
 /// A handler whose calls run `next`, `error` and `completed` on the executor.
@@ -362,23 +380,27 @@ optional<Value> KesaRuntimeImpl::take(HandleMap<Value>& table, const Handle& han
 
 /// A process that hosts the registry does nothing before that is registered: 409, at once.
 template <class T>
-bool KesaRuntimeImpl::refuseWithoutRegistry(IResponseHandler<T>& handler) const
+bool KesaRuntimeImpl::refuseWithoutRegistry(const char* operation, const std::string& subject,
+                                            IResponseHandler<T>& handler)
 {
     if (!isRuntimeInRegistry || isRegistryServiceRegistered) {
         return false;
     }
-    handler.onError(
-        Response::createErrorResponse(409, "kesa runtime in registry you must register first the registry service"));
+    m_executorWatch.tell(operation, subject, [&handler] {
+        handler.onError(Response::createErrorResponse(
+            409, "kesa runtime in registry you must register first the registry service"));
+    });
     return true;
 }
 
 template <class T>
-bool KesaRuntimeImpl::refuseBadPath(const std::string& path, std::unique_ptr<IResponseHandler<T>>& handler)
+bool KesaRuntimeImpl::refuseBadPath(const char* operation, const std::string& path,
+                                    std::unique_ptr<IResponseHandler<T>>& handler)
 {
     if (Path::isCanonical(path)) {
         return false;
     }
-    postError(std::move(handler), Response::createErrorResponse(400, Path::complaintAbout(path)));
+    postError(operation, path, std::move(handler), Response::createErrorResponse(400, Path::complaintAbout(path)));
     return true;
 }
 

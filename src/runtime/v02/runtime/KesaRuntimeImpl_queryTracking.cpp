@@ -48,12 +48,13 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices] queryParams pattern='%s'", query.pattern.c_str());
     eventlog::queryStart(m_eventSource, query);
-    if (refuseWithoutRegistry(*handler)) {
+    if (refuseWithoutRegistry("trackServices", query.pattern, *handler)) {
         return;
     }
     const optional<PathPatterns> patterns = PathPatterns::createFromGlob(query.pattern);
     if (!patterns) {
-        postError(std::move(handler), Response::createErrorResponse(400, obr::ErrorStorage::reason()));
+        postError("trackServices", query.pattern, std::move(handler),
+                  Response::createErrorResponse(400, obr::ErrorStorage::reason()));
         obr::ErrorStorage::ack();
         return;
     }
@@ -65,8 +66,7 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
     }
     // Before the chain joins the list: later news come on the updater, and the chain has no lock.
     for (const ServiceUpdate& update : initialUpdates) {
-        bookkeeper->onNext(update);
-        m_executorWatch.told("trackServices", update.element.path.toString());
+        m_executorWatch.tell("trackServices", update.element.path.toString(), [&] { bookkeeper->onNext(update); });
     }
     const auto shared = std::make_shared<const Query>(query);
     auto observer = std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(

@@ -66,11 +66,12 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
                                             const GenericObject& metainfo,
                                             std::unique_ptr<RegistrationHandler>&& handler)
 {
-    if (refuseNull("registerService", handler.get()) || refuseBadPath(path, handler)) {
+    if (refuseNull("registerService", handler.get()) || refuseBadPath("registerService", path, handler)) {
         return {};
     }
     if (!api) {
-        postError(std::move(handler), Response::createErrorResponse(400, "the service object is null"));
+        postError("registerService", path, std::move(handler),
+                  Response::createErrorResponse(400, "the service object is null"));
         return {};
     }
     const Handle handle = newHandle(handler.get());
@@ -129,7 +130,7 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
     if (entry.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerService] service='%s' already registered handle='%p'", path.c_str(),
                    address);
-        refuse(std::move(registration.handler), "this process has registered it");
+        refuse(path, std::move(registration.handler), "this process has registered it");
         return true;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,
@@ -138,14 +139,15 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[registerService] service='%s' is not configured to be provided by this process handle='%p'",
                    path.c_str(), address);
-        refuse(std::move(registration.handler),
+        refuse(path, std::move(registration.handler),
                "the configuration gives it to another process: none of its locators is of this one, '" + m_proc_name +
                    "'");
         return true;
     }
     if (!entry.isStaticConfigured && entry.optionalServiceDef) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 4, fmt::format("[registerService] service='{}' is already registered", path));
-        refuse(std::move(registration.handler), holderOf(*entry.optionalServiceDef), "service already registered");
+        refuse(path, std::move(registration.handler), holderOf(*entry.optionalServiceDef),
+               "service already registered");
         return true;
     }
     setRegistrator(entry, registration);
@@ -167,7 +169,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
     if (m_backendList.providePath(path, registration.api, serviceDef)) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] dynamic service='%s' can not be registered", path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(entry, takeReason());
+            refuseRegistrator(path, entry, takeReason());
         }
         deleteRuntimeEntry(path);
         followRemotely(path);
@@ -223,7 +225,7 @@ void KesaRuntimeImpl::registerStatic(RuntimeEntry& entry, Registration& registra
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] static configured service='%s' can not be registered",
                    path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(entry, takeReason());
+            refuseRegistrator(path, entry, takeReason());
         }
         return;
     }
@@ -257,7 +259,7 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
                "Service registration of statically configured service '%s': Service type mismatch: configured=%s; "
                "in-registration=%s",
                path.c_str(), configured.c_str(), registered.c_str());
-    refuseRegistrator(entry,
+    refuseRegistrator(path, entry,
                       fmt::format("{} has it as \"{}\", and it is registered as \"{}\": write \"type\": \"{}\" "
                                   "there, or register it with the other type",
                                   m_config.m_file.empty() ? "the configuration" : m_config.m_file, configured,
@@ -270,8 +272,8 @@ bool KesaRuntimeImpl::applyToStaticRecord(RuntimeEntry& entry, const Registratio
 /// Tells the registrator, here, and all who track the service, on the updater.
 void KesaRuntimeImpl::announce(RuntimeEntry& entry)
 {
-    (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef);
-    m_executorWatch.told("registerService", entry.optionalServiceDef->path.toString());
+    m_executorWatch.tell("registerService", entry.optionalServiceDef->path.toString(),
+                         [&entry] { (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef); });
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
 }
 
@@ -293,18 +295,19 @@ bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)
     return true;
 }
 
-void KesaRuntimeImpl::refuseRegistrator(RuntimeEntry& entry, std::string_view reason, std::string_view text)
+void KesaRuntimeImpl::refuseRegistrator(const std::string& path, RuntimeEntry& entry, std::string_view reason,
+                                        std::string_view text)
 {
-    refuse(std::move(*entry.optionalRegistrator), reason, text);
+    refuse(path, std::move(*entry.optionalRegistrator), reason, text);
     entry.optionalRegistrator.reset();
 }
 
-void KesaRuntimeImpl::refuse(std::unique_ptr<RegistrationHandler> handler, std::string_view reason,
-                             std::string_view text)
+void KesaRuntimeImpl::refuse(const std::string& path, std::unique_ptr<RegistrationHandler> handler,
+                             std::string_view reason, std::string_view text)
 {
     Response error = Response::createErrorResponse(409, text);
     headers::appendReason(error, reason);
-    postError(std::move(handler), error);
+    postError("registerService", path, std::move(handler), error);
 }
 
 } // namespace kesa::runtime::v02

@@ -17,8 +17,10 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
                    "[registerRegistryService] kesa runtime in registry, registry service must registered first and not "
                    "service='%s'",
                    path.c_str());
-        registration.handler->onError(
-            Response::createErrorResponse(409, "kesa runtime in registry, registry service must registered first"));
+        m_executorWatch.tell("registerService", path, [&registration] {
+            registration.handler->onError(
+                Response::createErrorResponse(409, "kesa runtime in registry, registry service must registered first"));
+        });
         obr::GlobalErrorHandler::doAssert(
             false, "false", __FILE__, __LINE__, __func__,
             "[registerRegistryService] kesa runtime in registry, registry service must be registered first");
@@ -28,7 +30,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     if (present != m_runtimeEntries.end() && present->second.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerRegistryService] service='%s' is registered as something else",
                    path.c_str());
-        refuse(std::move(registration.handler), "this process has registered it as something else");
+        refuse(path, std::move(registration.handler), "this process has registered it as something else");
         return;
     }
     const ServiceDef serviceDef = registryServiceDef(registration);
@@ -42,7 +44,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] dynamic service='%s' can no be registered",
                    path.c_str());
         eventlog::registrationError(m_eventSource, serviceDef, "dynamic service can no be registered");
-        refuseRegistrator(entry, takeReason());
+        refuseRegistrator(path, entry, takeReason());
         entry.optionalServiceDef.reset();
         deleteRuntimeEntry(path);
         obr::GlobalErrorHandler::doAssert(
@@ -52,8 +54,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     }
     entry.providedLocators = m_registryLocators;
     isRegistryServiceRegistered = true;
-    (*entry.optionalRegistrator)->onNext(serviceDef);
-    m_executorWatch.told("registerService", path);
+    m_executorWatch.tell("registerService", path, [&] { (*entry.optionalRegistrator)->onNext(serviceDef); });
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, serviceDef, entry.trackers, m_queryTrackers); // left from before
     eventlog::registrationSuccess(m_eventSource, serviceDef);
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] service='%s' DONE", path.c_str());

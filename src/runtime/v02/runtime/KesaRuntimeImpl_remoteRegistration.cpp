@@ -162,7 +162,7 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
         unprovide(entry, *withdrawn);
     }
     if (entry.optionalRegistrator) {
-        postError(std::move(*entry.optionalRegistrator), error);
+        postError("registerService", path, std::move(*entry.optionalRegistrator), error);
         entry.optionalRegistrator.reset();
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,

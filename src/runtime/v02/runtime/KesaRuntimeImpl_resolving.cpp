@@ -1,8 +1,15 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
 #include <runtime/v02/runtime/EventLog.h>
+#include <runtime/v02/runtime/WatchedHandler.h>
 
 namespace kesa::runtime::v02 {
+
+namespace {
+
+constexpr const char* RESOLVE = "resolveService";
+
+} // namespace
 
 Disposable KesaRuntimeImpl::resolveService(const url& locator, std::unique_ptr<ProxyHandler>&& handler)
 {
@@ -13,7 +20,7 @@ Disposable KesaRuntimeImpl::resolveService(const url& locator, std::unique_ptr<P
     toExecutor([this, locator = locator, handle, handler = std::move(handler)]() mutable {
         KESA_TRACE(MAIN_CHANNEL, 2, "[resolveService, locator] '%s' locator='%p'", locator.toString().c_str(),
                    handle.address);
-        if (!refuseWithoutRegistry(*handler)) {
+        if (!refuseWithoutRegistry(RESOLVE, locator.toString(), *handler)) {
             resolve({locator}, std::move(handler), handle);
         }
     });
@@ -29,7 +36,7 @@ Disposable KesaRuntimeImpl::resolveService(const ServiceDef& serviceDef, std::un
     toExecutor([this, serviceDef = serviceDef, handle, handler = std::move(handler)]() mutable {
         KESA_TRACE(MAIN_CHANNEL, 2, "[resolveService] service='%s' handle='%p'", serviceDef.path.toString().c_str(),
                    handle.address);
-        if (!refuseWithoutRegistry(*handler)) {
+        if (!refuseWithoutRegistry(RESOLVE, serviceDef.path.toString(), *handler)) {
             resolve(serviceDef.locators, std::move(handler), handle);
         }
     });
@@ -43,7 +50,8 @@ void KesaRuntimeImpl::resolve(const std::vector<url>& urls, std::unique_ptr<Prox
     const optional<url> best = m_backendList.getBestLocator(urls);
     if (!best) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[resolve] no resolveable url found handle='%p'", handle.address);
-        postError(std::move(handler), BackendList::noLocator(urls));
+        postError(RESOLVE, urls.empty() ? std::string() : urls.front().toString(), std::move(handler),
+                  BackendList::noLocator(urls));
         return;
     }
     const url& uri = *best;
@@ -57,8 +65,10 @@ void KesaRuntimeImpl::resolve(const std::vector<url>& urls, std::unique_ptr<Prox
             return false;
         },
         [this, uri = uri](const Response& error) { eventlog::connectError(m_eventSource, uri, error); }, [] {});
+    auto watched =
+        std::make_unique<WatchedHandler<ProxyState>>(std::move(handler), m_executorWatch, RESOLVE, uri.toString());
     auto chain = std::make_unique<responsehandlers::DoOnEachResponseHandler<ProxyState>>(std::move(observer),
-                                                                                         std::move(handler));
+                                                                                         std::move(watched));
     const ProxyHandler* const address = chain.get();
     OpenedProxy& proxy = m_resolvedLocators.try_emplace(handle, OpenedProxy{uri, address, newNumber()}).first->second;
     openProxy(proxy, std::move(chain));

@@ -9,7 +9,7 @@ namespace kesa::runtime::v02 {
 Disposable KesaRuntimeImpl::trackAndResolveService(const std::string& path,
                                                    std::unique_ptr<ResolvedServiceHandler>&& handler)
 {
-    if (refuseNull("trackAndResolveService", handler.get()) || refuseBadPath(path, handler)) {
+    if (refuseNull("trackAndResolveService", handler.get()) || refuseBadPath("trackAndResolveService", path, handler)) {
         return {};
     }
     const Handle handle = newHandle(handler.get());
@@ -24,10 +24,10 @@ void KesaRuntimeImpl::startTrackAndResolve(const std::string& path, const Handle
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveService] service='%s' handle='%p'", path.c_str(), handle.address);
-    if (refuseWithoutRegistry(*client)) {
+    if (refuseWithoutRegistry("trackAndResolveService", path, *client)) {
         return;
     }
-    m_trackAndResolveServiceHandler.try_emplace(handle, TrackedAndResolvedService{std::move(client)});
+    m_trackAndResolveServiceHandler.try_emplace(handle, TrackedAndResolvedService{std::move(client), path});
     auto trackingHandler =
         postingHandler<ServiceUpdate>([this, handle](const ServiceUpdate& update) { onNextOfTracking(handle, update); },
                                       [this, handle](const Response& error) { onErrorOfTracking(handle, error); },
@@ -73,7 +73,8 @@ void KesaRuntimeImpl::onAddedOfTracking(const Handle& handle, const ServiceDef& 
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveService onNext of tracking] resolved url is null");
     }
     if (auto service = take(m_trackAndResolveServiceHandler, handle)) {
-        postError(std::move(service->client), BackendList::noLocator(serviceDef.locators));
+        postError("trackAndResolveService", service->path, std::move(service->client),
+                  BackendList::noLocator(serviceDef.locators));
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveService onNext of tracking] can not find m_trackAndResolveServiceHandler for "
@@ -96,7 +97,8 @@ void KesaRuntimeImpl::onRemovedOfTracking(const Handle& handle)
                    handle.address);
     } else if (service->second.valuePropagated) {
         service->second.valuePropagated = false;
-        service->second.client->onNext(nullopt);
+        m_executorWatch.tell("trackAndResolveService", service->second.path,
+                             [&] { service->second.client->onNext(nullopt); });
     }
     freeProxy(*take(m_resolvedLocators, handle), true);
 }
@@ -105,7 +107,7 @@ void KesaRuntimeImpl::onErrorOfTracking(const Handle& handle, const Response& er
 {
     onExecutor();
     if (auto service = take(m_trackAndResolveServiceHandler, handle)) {
-        postError(std::move(service->client), error);
+        postError("trackAndResolveService", service->path, std::move(service->client), error);
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveService onError] can not find m_trackAndResolveServiceHandler for handle='%p'",
@@ -118,7 +120,8 @@ void KesaRuntimeImpl::onCompletedOfTracking(const Handle& handle)
     onExecutor();
     const auto service = m_trackAndResolveServiceHandler.find(handle);
     if (service != m_trackAndResolveServiceHandler.end()) {
-        service->second.client->onCompleted();
+        m_executorWatch.tell("trackAndResolveService", service->second.path,
+                             [&] { service->second.client->onCompleted(); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveService onCompleted of tracking] can not find m_trackAndResolveServiceHandler for "
@@ -166,8 +169,8 @@ void KesaRuntimeImpl::onNextOfResolve(const Handle& handle, std::uint64_t token,
                    "[trackAndResolveService onNext of resolve] has value send it to client handle='%p'",
                    handle.address);
         service.valuePropagated = true;
-        service.client->onNext(ResolvedService(serviceDef, *state));
-        m_executorWatch.told("trackAndResolveService", serviceDef.path.toString());
+        m_executorWatch.tell("trackAndResolveService", service.path,
+                             [&] { service.client->onNext(ResolvedService(serviceDef, *state)); });
     } else if (state) {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackAndResolveService onNext of resolve] has value but was already propagated to client "
@@ -178,8 +181,7 @@ void KesaRuntimeImpl::onNextOfResolve(const Handle& handle, std::uint64_t token,
                    "[trackAndResolveService onNext of resolve] has no value send nullopt to client handle='%p'",
                    handle.address);
         service.valuePropagated = false;
-        service.client->onNext(nullopt);
-        m_executorWatch.told("trackAndResolveService", serviceDef.path.toString());
+        m_executorWatch.tell("trackAndResolveService", service.path, [&] { service.client->onNext(nullopt); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2,
                    "[trackAndResolveService onNext of resolve] has no value but was already propagated to client "
@@ -199,7 +201,7 @@ void KesaRuntimeImpl::onErrorOfResolve(const Handle& handle, std::uint64_t token
     KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveService onError tracking] error='%s'",
                Response::getErrorMessageWithCode(error).c_str());
     if (auto service = take(m_trackAndResolveServiceHandler, handle)) {
-        postError(std::move(service->client), error);
+        postError("trackAndResolveService", service->path, std::move(service->client), error);
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[trackAndResolveService onError tracking] found no trackAndResolverSerivce handle='%p'",
@@ -230,7 +232,8 @@ void KesaRuntimeImpl::onCompletedOfResolve(const Handle& handle, std::uint64_t t
                    "[trackAndResolveService onCompleted resolve] found no trackAndResolverSerivce handle='%p'",
                    handle.address);
     } else if (isCurrentProxy(handle, token)) {
-        service->second.client->onCompleted();
+        m_executorWatch.tell("trackAndResolveService", service->second.path,
+                             [&] { service->second.client->onCompleted(); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveService onCompleted resolve] proxy is gone handle='%p'",
                    handle.address);

@@ -25,11 +25,11 @@ void KesaRuntimeImpl::startTrackAndResolveQuery(const Query& query, const Handle
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices] queryParams='%s' response_handler='%p'",
                query.pattern.c_str(), handle.address);
-    if (refuseWithoutRegistry(*client)) {
+    if (refuseWithoutRegistry("trackAndResolveServices", query.pattern, *client)) {
         return;
     }
-    m_trackAndResolvedServicesQuery.try_emplace(handle,
-                                                std::make_unique<TrackAndResolveServicesBookkeeper>(std::move(client)));
+    auto bookkeeper = std::make_unique<TrackAndResolveServicesBookkeeper>(std::move(client));
+    m_trackAndResolvedServicesQuery.try_emplace(handle, TrackedAndResolvedQuery{std::move(bookkeeper), query.pattern});
     auto trackingHandler = postingHandler<ServiceUpdate>(
         [this, handle](const ServiceUpdate& update) { onNextOfQueryTracking(handle, update); },
         [this, handle](const Response& error) { onErrorOfQueryTracking(handle, error); },
@@ -75,8 +75,9 @@ void KesaRuntimeImpl::onAddedOfQueryTracking(const Handle& handle, const Service
     if (!locator) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] no url to resolve");
     }
-    if (auto bookkeeper = take(m_trackAndResolvedServicesQuery, handle)) {
-        postError(std::move(*bookkeeper), BackendList::noLocator(serviceDef.locators));
+    if (auto subscription = take(m_trackAndResolvedServicesQuery, handle)) {
+        postError("trackAndResolveServices", subscription->pattern, std::move(subscription->client),
+                  BackendList::noLocator(serviceDef.locators));
     } else {
         KESA_TRACE(MAIN_CHANNEL, 3,
                    "[trackAndResolveServices onNext of tracking] can not find m_trackAndResolveServiceHandler for "
@@ -97,11 +98,11 @@ void KesaRuntimeImpl::onRemovedOfQueryTracking(const Handle& handle, const Servi
         return;
     }
     freeProxy(proxy.mapped(), true);
-    const auto bookkeeper = m_trackAndResolvedServicesQuery.find(handle);
-    if (bookkeeper != m_trackAndResolvedServicesQuery.end()) {
+    const auto subscription = m_trackAndResolvedServicesQuery.find(handle);
+    if (subscription != m_trackAndResolvedServicesQuery.end()) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of tracking] eREMOVED call onNext to client");
-        bookkeeper->second->onNext(ResolvedServiceState(serviceDef, nullopt));
-        m_executorWatch.told("trackAndResolveServices", serviceDef.path.toString());
+        m_executorWatch.tell("trackAndResolveServices", serviceDef.path.toString(),
+                             [&] { subscription->second.client->onNext(ResolvedServiceState(serviceDef, nullopt)); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of tracking] response handle='%p' not found",
                    handle.address);
@@ -111,8 +112,8 @@ void KesaRuntimeImpl::onRemovedOfQueryTracking(const Handle& handle, const Servi
 void KesaRuntimeImpl::onErrorOfQueryTracking(const Handle& handle, const Response& error)
 {
     onExecutor();
-    if (auto bookkeeper = take(m_trackAndResolvedServicesQuery, handle)) {
-        postError(std::move(*bookkeeper), error);
+    if (auto subscription = take(m_trackAndResolvedServicesQuery, handle)) {
+        postError("trackAndResolveServices", subscription->pattern, std::move(subscription->client), error);
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[trackAndResolveServices onError of tracking] no entry in m_trackAndResolvedServicesQuery for "
@@ -124,9 +125,10 @@ void KesaRuntimeImpl::onErrorOfQueryTracking(const Handle& handle, const Respons
 void KesaRuntimeImpl::onCompletedOfQueryTracking(const Handle& handle)
 {
     onExecutor();
-    const auto bookkeeper = m_trackAndResolvedServicesQuery.find(handle);
-    if (bookkeeper != m_trackAndResolvedServicesQuery.end()) {
-        bookkeeper->second->onCompleted();
+    const auto subscription = m_trackAndResolvedServicesQuery.find(handle);
+    if (subscription != m_trackAndResolvedServicesQuery.end()) {
+        m_executorWatch.tell("trackAndResolveServices", subscription->second.pattern,
+                             [&] { subscription->second.client->onCompleted(); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[trackAndResolveServices onCompleted of tracking] no entry in m_trackAndResolvedServicesQuery for "
@@ -166,14 +168,14 @@ void KesaRuntimeImpl::onNextOfQueryResolve(const Handle& handle, std::uint64_t t
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of resolve] for response_handle='%p' value present=%d",
                handle.address, static_cast<int>(state.has_value()));
-    const auto bookkeeper = m_trackAndResolvedServicesQuery.find(handle);
-    if (bookkeeper == m_trackAndResolvedServicesQuery.end()) {
+    const auto subscription = m_trackAndResolvedServicesQuery.find(handle);
+    if (subscription == m_trackAndResolvedServicesQuery.end()) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackAndResolveServices onNext of resolve] response handle='%p' not found",
                    handle.address);
     } else if (isCurrentProxy(handle, token, serviceDef.path.toString())) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of resolve] call onNext");
-        bookkeeper->second->onNext(ResolvedServiceState(serviceDef, state));
-        m_executorWatch.told("trackAndResolveServices", serviceDef.path.toString());
+        m_executorWatch.tell("trackAndResolveServices", serviceDef.path.toString(),
+                             [&] { subscription->second.client->onNext(ResolvedServiceState(serviceDef, state)); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onNext of resolve] proxy is gone handle='%p'",
                    handle.address);
@@ -189,8 +191,8 @@ void KesaRuntimeImpl::onErrorOfQueryResolve(const Handle& handle, std::uint64_t 
                    handle.address);
         return;
     }
-    if (auto bookkeeper = take(m_trackAndResolvedServicesQuery, handle)) {
-        postError(std::move(*bookkeeper), error);
+    if (auto subscription = take(m_trackAndResolvedServicesQuery, handle)) {
+        postError("trackAndResolveServices", subscription->pattern, std::move(subscription->client), error);
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[trackAndResolveServices onError of resolve] no entry in m_trackAndResolvedServicesQuery for "
@@ -214,14 +216,15 @@ void KesaRuntimeImpl::onErrorOfQueryResolve(const Handle& handle, std::uint64_t 
 void KesaRuntimeImpl::onCompletedOfQueryResolve(const Handle& handle, std::uint64_t token, const std::string& path)
 {
     onExecutor();
-    const auto bookkeeper = m_trackAndResolvedServicesQuery.find(handle);
-    if (bookkeeper == m_trackAndResolvedServicesQuery.end()) {
+    const auto subscription = m_trackAndResolvedServicesQuery.find(handle);
+    if (subscription == m_trackAndResolvedServicesQuery.end()) {
         KESA_TRACE(MAIN_CHANNEL, 4,
                    "[trackAndResolveServices onCompleted of resolve] no entry in m_trackAndResolvedServicesQuery for "
                    "handle=%p",
                    handle.address);
     } else if (isCurrentProxy(handle, token, path)) {
-        bookkeeper->second->onCompleted();
+        m_executorWatch.tell("trackAndResolveServices", subscription->second.pattern,
+                             [&] { subscription->second.client->onCompleted(); });
     } else {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackAndResolveServices onCompleted of resolve] proxy is gone handle='%p'",
                    handle.address);

@@ -34,8 +34,8 @@ void takeTracker(std::vector<std::shared_ptr<TrackingHandler>>& trackers, const 
 /// updater, and the chain has no lock.
 void notify(TrackingHandler& chain, const ServiceDef& serviceDef, LoopWatch& watch)
 {
-    chain.onNext(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef));
-    watch.told("trackService", serviceDef.path.toString());
+    watch.tell("trackService", serviceDef.path.toString(),
+               [&] { chain.onNext(ServiceUpdate(ResourceUpdateType::eADDED, serviceDef)); });
 }
 
 } // namespace
@@ -48,7 +48,7 @@ Disposable KesaRuntimeImpl::trackService(const std::string& path, std::unique_pt
 
 Disposable KesaRuntimeImpl::trackService(const std::string& path, bool, std::unique_ptr<TrackingHandler>&& handler)
 {
-    if (refuseNull("trackService", handler.get()) || refuseBadPath(path, handler)) {
+    if (refuseNull("trackService", handler.get()) || refuseBadPath("trackService", path, handler)) {
         return {};
     }
     auto observer = std::make_unique<TrackingObserver>(
@@ -73,7 +73,7 @@ void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<Tracki
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] new tracker for service '%s' handle='%p'", path.c_str(),
                handle.address);
     eventlog::trackingStart(m_eventSource, path);
-    if (refuseWithoutRegistry(*chain)) {
+    if (refuseWithoutRegistry("trackService", path, *chain)) {
         return;
     }
     const auto found = m_runtimeEntries.find(path);
@@ -197,8 +197,7 @@ void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Track
     for (const auto& tracker : trackers) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] tracker onNext service='%s'",
                    update.element.path.toString().c_str());
-        tracker->onNext(update);
-        m_updaterWatch.told("trackService", update.element.path.toString());
+        m_updaterWatch.tell("trackService", update.element.path.toString(), [&] { tracker->onNext(update); });
     }
 }
 
@@ -209,9 +208,8 @@ void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const 
     const std::string& path = update.element.path.toString();
     KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] query size %zu service='%s'", queryTrackers.size(),
                path.c_str());
-    for (const auto& [handle, tracker] : queryTrackers) {
-        tracker->onNext(update);
-        m_updaterWatch.told("trackServices", path);
+    for (const auto& each : queryTrackers) {
+        m_updaterWatch.tell("trackServices", path, [&] { each.second->onNext(update); });
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[triggerQueryRuntimeUpdate] DONE service='%s'", path.c_str());
 }

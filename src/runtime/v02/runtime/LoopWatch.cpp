@@ -1,5 +1,6 @@
 #include <runtime/v02/runtime/LoopWatch.h>
 
+#include <comm/endThrown.h>
 #include <runtime/v02/runtime/channels.h>
 
 #include <fmt/format.h>
@@ -10,10 +11,20 @@ namespace kesa::runtime::v02 {
 
 LoopWatch::LoopWatch(comm::ActiveObject& loop, std::string name) : m_loop(loop), m_name(std::move(name))
 {
-    loop.watch([this](comm::TimeNs held) { trace("a handler", held); });
+    loop.watch([this](comm::TimeNs held) { traceHeld("a handler", held); });
 }
 
-void LoopWatch::trace(const std::string& what, comm::TimeNs held)
+std::string LoopWatch::nameOf(const char* operation, const std::string& subject)
+{
+    return "the handler of " + std::string(operation) + ", told of '" + subject + "',";
+}
+
+void LoopWatch::endThrown(const char* operation, const std::string& subject)
+{
+    comm::endThrown(MAIN_CHANNEL, nameOf(operation, subject));
+}
+
+void LoopWatch::traceHeld(const std::string& what, comm::TimeNs held)
 {
     if (const auto end = m_traces.pass(comm::now())) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 3,

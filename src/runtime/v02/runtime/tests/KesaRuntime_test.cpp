@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstring>
 #include <fstream>
+#include <stdexcept>
 
 namespace kesa::runtime::v02::test {
 namespace {
@@ -237,11 +238,42 @@ TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)
                 ElementsAre(HasSubstr("the handler of trackServices, told of '/b', took 60 ms")));
     EXPECT_THAT(
         told([&] { auto nowhere = m_runtime->resolveService(url("x://nowhere"), handler<ProxyState>("p", hold)); }),
-        ElementsAre(HasSubstr("[loop] a handler took 120 ms on the updater")))
+        ElementsAre(HasSubstr("the handler of resolveService, told of 'x://nowhere', took 120 ms on the updater")))
         << "its error and its end";
     isHolding = false;
     EXPECT_THAT(m_runtime->reasons()->whyUnknown("/x"), HasSubstr("asks no registry"));
     m_runtime.reset();
+}
+
+TEST_F(RuntimeTest, namesTheHandlerThatThrowsBeforeTheProcessEnds)
+{
+    m_runtime = startRuntime();
+    const auto fail = [] { throw std::runtime_error("disk full"); };
+    const auto dying = [&](const std::function<Disposable()>& work) {
+        ::tracing::setSink(nullptr);
+        const auto subscription = work();
+        run();
+    };
+    const std::string rest = "', has thrown, which ends this process: disk full; catch it there";
+    auto tracking = m_runtime->trackService("/a", handler<ServiceUpdate>("t"));
+    run();
+    const auto registering = [&] {
+        return m_runtime->registerService("/a", service(), ServiceDef::TypeEnum::pex, GenericObject(),
+                                          handler<ServiceDef>("r", fail));
+    };
+    EXPECT_DEATH(dying(registering), "the handler of registerService, told of '/a" + rest);
+    EXPECT_DEATH(dying([&] { return m_runtime->trackService("bad", handler<ServiceUpdate>("t", fail)); }),
+                 "the handler of trackService, told of 'bad" + rest)
+        << "its error";
+    const auto connecting = [&] {
+        auto proxy = m_runtime->resolveService(url("fake://there/a"), handler<ProxyState>("p", fail));
+        run();
+        m_network->connected("fake://there/a");
+        return proxy;
+    };
+    EXPECT_DEATH(dying(connecting), "the handler of resolveService, told of 'fake://there/a" + rest);
+    tracking.dispose();
+    run();
 }
 
 TEST_F(RuntimeTest, doesNotStartWithoutBackends)
