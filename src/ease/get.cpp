@@ -4,8 +4,8 @@
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
 #include <kesa/Path.h>
+#include <kesa/ease/Client.h>
 #include <kesa/ease/get.h>
-#include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/reasonOf.h>
 
