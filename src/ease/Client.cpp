@@ -47,6 +47,16 @@ std::string locatorsOf(const ServiceDef& record)
     return all;
 }
 
+/// Without its status, which goes beside it.
+std::string sentenceOf(const Response& error)
+{
+    std::string text = reasonOf(error);
+    if (const std::string status = std::to_string(error.getStatus()) + ": "; text.starts_with(status)) {
+        text.erase(0, status.size());
+    }
+    return text;
+}
+
 } // namespace
 
 class Client::Impl : public std::enable_shared_from_this<Impl> {
@@ -327,10 +337,10 @@ private:
     {
         if (number == m_number) {
             letGo();
-            setState(
-                nullptr,
-                fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, reasonOf(error), m_path),
-                error.getStatus());
+            setState(nullptr,
+                     fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, sentenceOf(error),
+                                 m_path),
+                     error.getStatus());
         }
     }
 

@@ -131,8 +131,10 @@ TEST_F(Use, ResolvesAnewWhatIsElsewhere)
 TEST_F(Use, AnErrorOfTheResolvingIsOverWithTheNextRecord)
 {
     runtime.added("tcp://p/p");
-    runtime.resolving->onError(Response::createErrorResponse(404));
-    EXPECT_THAT(client->reason(), testing::StartsWith("'/p' cannot be reached: 404"));
+    Response error = Response::createErrorResponse(404);
+    headers::appendReason(error, "no backend reaches tcp://p/p");
+    runtime.resolving->onError(error);
+    EXPECT_EQ(client->reason(), "'/p' cannot be reached: no backend reaches tcp://p/p; 'kesactl why /p' says more");
     runtime.added("tcp://p/p");
     EXPECT_THAT(runtime.take(), ElementsAre("resolve tcp://p/p", "release tcp://p/p", "resolve tcp://p/p"));
 }
