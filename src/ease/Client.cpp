@@ -12,6 +12,7 @@
 // for a handler: a stream's handler runs under its stream's own lock and may call these two, while a handler of
 // `onChange` disposes that very stream. So `follow` never takes `m_news`.
 #include "Follow.h"
+#include "Interruption.h"
 #include "waiting.h"
 
 #include <comm/Condition.h>
@@ -208,18 +209,24 @@ public:
 
     void wait(std::chrono::nanoseconds timeout, ConnectResult& result)
     {
+        const detail::Interruption::Wait wait(m_changed, m_mutex);
         std::unique_lock<std::mutex> lock(m_mutex);
-        const bool isOver = comm::waitFor(
-            m_changed, lock, [this] { return m_isConnected || m_status != 0; }, detail::deadlineIn(timeout));
+        const auto isDecided = [this] { return m_isConnected || m_status != 0; };
+        comm::waitFor(
+            m_changed, lock, [&] { return isDecided() || wait.signal() != 0; }, detail::deadlineIn(timeout));
+        if (m_isConnected) {
+            return;
+        }
+        const int signal = isDecided() ? 0 : wait.signal();
         constexpr unsigned short TIME_IS_OVER = 504;
-        result.status = isOver ? m_status : TIME_IS_OVER;
-        const bool isConnected = m_isConnected;
+        result.status = signal != 0 || isDecided() ? m_status : TIME_IS_OVER;
+        result.error = m_reason;
         lock.unlock();
-        if (!isOver) {
+        if (signal != 0) {
+            result.error = fmt::format("{}: {}", detail::Interruption::text(signal), reason());
+        } else if (result.status == TIME_IS_OVER) {
             result.error = fmt::format("not connected within {} ms: {}",
                                        std::chrono::ceil<std::chrono::milliseconds>(timeout).count(), reason());
-        } else if (!isConnected) {
-            result.error = reason();
         }
     }
 

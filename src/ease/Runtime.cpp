@@ -1,11 +1,14 @@
+#include "EndSignals.h"
+
 #include <comm/Clock.h>
 #include <kesa/ease/Runtime.h>
+#include <obr/GlobalErrorHandler.h>
+#include <tracing/Channel.h>
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
+#include <exception>
 #include <fmt/format.h>
 
 namespace kesa {
@@ -14,57 +17,25 @@ using runtime::v02::KesaRuntime;
 
 namespace {
 
-sigset_t endSignals()
+void traceThrown(const char* what)
 {
-    sigset_t signals;
-    sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
-    return signals;
+    static const ::tracing::Channel channel("KESA_EASE");
+    KESA_TRACE(channel, 4,
+               "[runUntilSignal] its work has thrown, which ends this process unless the caller catches it: %s", what);
 }
 
-/// Blocks the end signals in this thread until it dies.
-class BlockedEndSignals {
-public:
-    BlockedEndSignals() { pthread_sigmask(SIG_BLOCK, &m_signals, &m_before); }
-    BlockedEndSignals(const BlockedEndSignals&) = delete;
-    BlockedEndSignals& operator=(const BlockedEndSignals&) = delete;
-    ~BlockedEndSignals()
-    {
-        if (m_hasCome) { // who is impatient sends it twice; let through now, the second would undo a clean end
-            const timespec atOnce{};
-            while (sigtimedwait(&m_signals, nullptr, &atOnce) > 0) {
-            }
-        }
-        pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+void callNamed(const std::function<void()>& work)
+{
+    try {
+        work();
+    } catch (const std::exception& exception) {
+        traceThrown(exception.what());
+        throw;
+    } catch (...) {
+        traceThrown("no std::exception");
+        throw;
     }
-
-    int wait()
-    {
-        int signal = 0;
-        sigwait(&m_signals, &signal);
-        m_hasCome = true;
-        return signal;
-    }
-
-    /// 0 when it is `deadline` first.
-    int waitUntil(comm::TimeNs deadline)
-    {
-        int signal = -1;
-        do {
-            const comm::TimeNs left = std::max<comm::TimeNs>(deadline - comm::now(), 0);
-            const timespec limit{left / comm::SECOND, left % comm::SECOND};
-            signal = sigtimedwait(&m_signals, nullptr, &limit);
-        } while (signal < 0 && comm::now() < deadline); // a debugger interrupts it
-        m_hasCome = m_hasCome || signal > 0;
-        return std::max(signal, 0);
-    }
-
-private:
-    const sigset_t m_signals = endSignals();
-    sigset_t m_before{};
-    bool m_hasCome = false;
-};
+}
 
 } // namespace
 
@@ -91,12 +62,16 @@ public:
 
     bool isRunning() const noexcept { return m_isRunning; }
     const std::string& error() const noexcept { return m_error; }
-    int runUntilSignal() { return m_isRunning ? m_signals.wait() : 0; }
+    int runUntilSignal() { return m_isRunning ? m_signals.wait(comm::NEVER) : 0; }
     int runUntilSignal(comm::TimeNs period, const std::function<void()>& work)
     {
-        int signal = 0;
-        for (comm::TimeNs next = comm::now(); m_isRunning && signal == 0; signal = m_signals.waitUntil(next)) {
-            work();
+        if (!m_isRunning) {
+            return 0;
+        }
+        comm::TimeNs next = comm::now();
+        int signal = m_signals.wait(next);
+        for (; m_isRunning && signal == 0; signal = m_signals.wait(next)) {
+            callNamed(work);
             const comm::TimeNs late = comm::now() - next;
             next += (late / period + 1) * period;
         }
@@ -111,7 +86,7 @@ public:
     }
 
 private:
-    BlockedEndSignals m_signals; ///< first: before the runtime's threads
+    detail::EndSignals m_signals; ///< first: before the runtime's threads
     bool m_isRunning = false;
     std::string m_error;
 };
@@ -151,7 +126,13 @@ int Runtime::runUntilSignal()
 
 int Runtime::runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work)
 {
-    return m_impl->runUntilSignal(std::clamp<comm::TimeNs>(period.count(), 1, comm::NEVER / 4), work);
+    if (period <= std::chrono::nanoseconds::zero()) {
+        obr::GlobalErrorHandler::doAssert(false, "period > 0", __FILE__, __LINE__, __func__,
+                                          "kesa::Runtime::runUntilSignal would call its work without a rest: give a "
+                                          "period of more than nothing, or call runUntilSignal() without work");
+        return 0;
+    }
+    return m_impl->runUntilSignal(std::min<comm::TimeNs>(period.count(), comm::NEVER / 4), work);
 }
 
 void Runtime::end()

@@ -1,3 +1,4 @@
+#include "Interruption.h"
 #include "waiting.h"
 
 #include <comm/Condition.h>
@@ -53,15 +54,18 @@ public:
     /// True when nothing comes any more; false when the request is still open.
     bool wait(comm::TimeNs deadline, GetResult& result)
     {
+        const detail::Interruption::Wait wait(m_changed, m_mutex);
         std::unique_lock<std::mutex> lock(m_mutex);
         comm::waitFor(
-            m_changed, lock, [this] { return m_response || m_isOver; }, deadline);
+            m_changed, lock, [this, &wait] { return m_response || m_isOver || wait.signal() != 0; }, deadline);
         if (m_response) {
             result.response = std::move(m_response);
             m_response.reset();
             m_isTaken = true;
         } else if (m_error) {
             setError(result, *m_error);
+        } else if (!m_isOver && wait.signal() != 0) {
+            result.error = detail::Interruption::text(wait.signal());
         }
         return m_isOver;
     }
@@ -178,6 +182,10 @@ GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
     }
     if (const std::string& path = request.getPath(); !path.empty() && path.front() != '/') {
         setError(result, Response::createErrorResponse(400, Path::complaintAbout(path)));
+        return result;
+    }
+    if (const int signal = detail::Interruption::current(); signal != 0) {
+        result.error = detail::Interruption::text(signal);
         return result;
     }
     // A client object ends the request by itself, but any other service object knows of no limits: the wait has one,

@@ -20,8 +20,16 @@ namespace kesa {
 ///     }
 ///
 /// Make it first in `main`, before any thread: it blocks SIGINT and SIGTERM in the calling thread, and a thread made
-/// afterwards inherits that; so the two reach `runUntilSignal` alone, also when they come before it. A program started
-/// with `exec` inherits that as well. SIGPIPE is left as it is: no socket of the runtime raises it.
+/// afterwards inherits that. A program started with `exec` does, too. SIGPIPE is left as it is: no socket of the
+/// runtime raises it.
+///
+/// The first of the two that comes ends `runUntilSignal`, and `kesa::get` and `kesa::connect` wherever they wait: these
+/// fail with "interrupted by SIGINT". So do those that are called afterwards, until `runUntilSignal` has returned: what
+/// a program asks while it ends is answered. A further one, 0.1 s later or more, does what it does without a runtime:
+/// it ends the process, whatever hangs. A thread that does not wait hears of none.
+///
+/// A program that had blocked one of the two before, or has a handler for it, handles them itself: until it calls
+/// `runUntilSignal` nothing takes them.
 ///
 /// Handlers and service objects may be called until the runtime has ended. What they use is declared before it, or the
 /// runtime is ended by hand before that goes.
@@ -46,11 +54,13 @@ public:
     runtime::v02::IKesaRuntime* operator->() const;
     runtime::v02::IKesaRuntime& operator*() const;
 
-    /// Waits until the process is told to end. Which signal told it, SIGINT or SIGTERM; 0, at once, when the runtime
-    /// does not run. Such signals that come afterwards, while the process ends, do nothing.
+    /// Waits until the process is told to end. Which signal told it, SIGINT or SIGTERM, also when that was before; 0,
+    /// at once, when the runtime does not run.
     int runUntilSignal();
-    /// The same, and meanwhile calls `work` in this thread: now, and then after each `period`, which is more than
-    /// nothing. What it is late it catches up with; periods that are over by then are left out.
+    /// The same, and meanwhile calls `work` in this thread: now, and then after each `period`. What it is late it
+    /// catches up with; periods that are over by then are left out. A period of 0 or less is a failed assertion.
+    ///
+    /// What `work` throws is traced (4) on "KESA_EASE" and leaves this to the caller; the runtime goes on.
     int runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work);
 
     /// Ends the runtime before the destructor does: no handler and no service is called after it returns. Twice is

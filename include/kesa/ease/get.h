@@ -28,6 +28,9 @@ struct GetResult {
 ///     if (!cpu) { std::cerr << cpu.error << '\n'; }
 ///     else { std::cout << kesa::body<double>(*cpu.response) << '\n'; }
 ///
+/// SIGINT and SIGTERM end the wait, with "interrupted by SIGINT" and no status, where there is a `kesa::Runtime`: see
+/// there.
+///
 /// A resource begins with '/': another text fails at once, with 400. An empty one is the service itself, as "/" is.
 ///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.

@@ -19,7 +19,7 @@ namespace kesa {
 /// What `connect` came to: a client that is connected, or why there is none, as `Client::reason` says it.
 struct ConnectResult {
     std::shared_ptr<Client> client;
-    unsigned short status = 0; ///< of the error: 504 when the time is over; 0 when it has none
+    unsigned short status = 0; ///< of the error: 504 when the time is over; 0 when it has none, as an interrupted wait
     std::string error;
 
     explicit operator bool() const noexcept { return client != nullptr; }

@@ -4,6 +4,7 @@
 #include <kesa/ease/handler.h>
 #include <kesa/ease/use.h>
 #include <obr/GlobalErrorHandler.h>
+#include <tracing/CapturingSink.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -16,6 +17,7 @@ namespace {
 using namespace kesa;
 using runtime::v02::KesaRuntime;
 using testing::HasSubstr;
+using testing::StartsWith;
 
 constexpr const char* ALONE = R"({"use_registry": false})";
 
@@ -52,23 +54,95 @@ TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
         ASSERT_TRUE(runtime) << runtime.error();
         EXPECT_EQ(runtime->getConfigAccessor().getOwnProcessName(), "greeter");
         EXPECT_TRUE(isBlocked(SIGINT) && isBlocked(SIGTERM) && !isBlocked(SIGPIPE));
-        ::raise(SIGTERM);
+        ::kill(::getpid(), SIGTERM);
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
-        ::raise(SIGINT); // let through at the end it would end the test
+        EXPECT_EQ(runtime.runUntilSignal(std::chrono::hours(1), [] { FAIL() << "it was told already"; }), SIGTERM);
+        ::kill(::getpid(), SIGTERM); // as timeout(1) does; let through it would end the test
         EXPECT_TRUE(KesaRuntime::isRunning());
     }
     EXPECT_FALSE(KesaRuntime::isRunning() || isBlocked(SIGINT) || isBlocked(SIGTERM));
 }
 
+TEST_F(RuntimeTest, ASignalEndsWhatWaitsUntilItIsTold)
+{
+    Runtime runtime("visitor");
+    std::promise<void> isAsked;
+    ResourceHandler silent;
+    std::vector<Responder> kept;
+    silent.onRetrieve("/", [&](const Request&, const Responder& responder) {
+        kept.push_back(responder);
+        isAsked.set_value();
+    });
+    std::string underWay;
+    std::thread waiting([&] { underWay = get(silent, Request("retrieve", "/"), std::chrono::hours(1)).error; });
+    isAsked.get_future().wait();
+    ::kill(::getpid(), SIGINT);
+    const ConnectResult connecting = connect("/x", std::chrono::hours(1));
+    EXPECT_THAT(connecting.error, StartsWith("interrupted by SIGINT: nobody is known to provide '/x': the registry"));
+    EXPECT_EQ(connecting.status, 0);
+    waiting.join();
+    EXPECT_EQ(underWay, "interrupted by SIGINT");
+    EXPECT_TRUE(kept.front().isCancelled());
+    EXPECT_EQ(get(silent, Request("retrieve", "/"), std::chrono::hours(1)).error, underWay);
+    EXPECT_EQ(kept.size(), 1U) << "not sent";
+    EXPECT_EQ(runtime.runUntilSignal(), SIGINT);
+    EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("not connected within 0 ms"));
+}
+
+TEST_F(RuntimeTest, ASecondSignalEndsTheProcess)
+{
+    const auto ignore = [] {
+        Runtime runtime("greeter", ALONE);
+        ::kill(::getpid(), SIGINT);
+        runtime.runUntilSignal();
+        while (true) { // hangs
+            ::kill(::getpid(), SIGINT);
+            std::this_thread::yield();
+        }
+    };
+    EXPECT_EXIT(ignore(), testing::KilledBySignal(SIGINT), "");
+}
+
+TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItself)
+{
+    sigset_t own;
+    sigemptyset(&own);
+    sigaddset(&own, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &own, nullptr);
+    {
+        Runtime runtime("greeter", ALONE);
+        ::kill(::getpid(), SIGINT);
+        int signal = 0;
+        EXPECT_EQ(sigwait(&own, &signal), 0);
+        EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("not connected within 0 ms"));
+        std::thread([] { ::kill(::getpid(), SIGTERM); }).join();
+        EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
+    }
+    EXPECT_TRUE(isBlocked(SIGINT) && !isBlocked(SIGTERM));
+    pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+}
+
 TEST_F(RuntimeTest, WorksUntilASignal)
 {
     Runtime runtime = startOrExit("greeter", ALONE);
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
+    EXPECT_THROW(runtime.runUntilSignal(std::chrono::hours(1), [] { throw std::runtime_error("no sensor"); }),
+                 std::runtime_error);
+    ::tracing::setSink(nullptr);
+    EXPECT_THAT(sink->take(), testing::ElementsAre(HasSubstr("[runUntilSignal] its work has thrown, which ends this "
+                                                             "process unless the caller catches it: no sensor")));
     int calls = 0;
     const auto work = [&calls] {
         if (++calls == 3) {
-            ::raise(SIGINT);
+            ::raise(SIGINT); // to this thread
         }
     };
+    std::string why;
+    const auto before = obr::GlobalErrorHandler::setHandler([&why](const auto& error) { why = error.message; });
+    EXPECT_EQ(runtime.runUntilSignal(std::chrono::seconds(0), work), 0);
+    obr::GlobalErrorHandler::setHandler(before);
+    EXPECT_THAT(why, HasSubstr("give a period of more than nothing"));
     EXPECT_EQ(runtime.runUntilSignal(std::chrono::nanoseconds(1), work), SIGINT);
     EXPECT_EQ(calls, 3);
     runtime.end();

@@ -1,0 +1,131 @@
+// Who is to end is told once. A second signal comes of somebody who is impatient, and must help against whatever hangs,
+// so no loop that runs handlers may be what lets it through: the thread here has nothing else to do, and lets signals
+// be delivered to itself after the first. One that follows at once is the first again: who sends to a process and to
+// its group, as timeout(1) does, means to say it once.
+#include "EndSignals.h"
+
+#include "Interruption.h"
+
+#include <comm/Scheduler.h>
+#include <obr/GlobalErrorHandler.h>
+
+#include <ctime>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+namespace kesa::detail {
+
+namespace {
+
+constexpr comm::TimeNs SAME_SIGNAL = 100 * comm::MILLISECOND;
+
+sigset_t endSignals()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    return signals;
+}
+
+/// One that is pending, 0: none.
+int takePending(const sigset_t& signals)
+{
+    const timespec atOnce{};
+    const int signal = sigtimedwait(&signals, nullptr, &atOnce);
+    return signal > 0 ? signal : 0;
+}
+
+} // namespace
+
+EndSignals::EndSignals() : m_signals(endSignals())
+{
+    pthread_sigmask(SIG_BLOCK, &m_signals, &m_before);
+    const auto isOwn = [this](int signal) {
+        struct sigaction action {};
+        sigaction(signal, nullptr, &action);
+        return sigismember(&m_before, signal) == 1 ||
+               (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN); // NOLINT: macros of the system's
+    };
+    if (!isOwn(SIGINT) && !isOwn(SIGTERM)) {
+        startTaking();
+    }
+}
+
+EndSignals::~EndSignals()
+{
+    if (m_loop) {
+        m_loop->stop();
+        ::close(m_descriptor);
+    }
+    if (m_signal != 0) { // the same, let through now, would undo a clean end
+        Interruption::end();
+        while (takePending(m_signals) != 0) {
+        }
+    }
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+}
+
+int EndSignals::wait(comm::TimeNs deadline)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_loop) {
+            startTaking();
+        }
+    }
+    // What this thread has raised itself, or another sent to it alone, no other thread can take.
+    if (const int own = takePending(m_signals); own != 0) {
+        come(own);
+    }
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (comm::waitFor(
+            m_changed, lock, [this] { return m_signal != 0; }, deadline)) {
+        Interruption::end();
+    }
+    return m_signal;
+}
+
+void EndSignals::startTaking()
+{
+    m_descriptor = ::signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (m_descriptor < 0) {
+        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__,
+                                         "no descriptor is left for SIGINT and SIGTERM: raise the limit (ulimit -n)");
+    }
+    m_loop = comm::Scheduler::current().makeReactor("kesa-signals");
+    m_loop->post([this, loop = m_loop.get()] {
+        m_watch = loop->watch(m_descriptor, comm::Reactor::eREADABLE, [this](unsigned) { take(); });
+    });
+}
+
+void EndSignals::take()
+{
+    signalfd_siginfo info{};
+    while (::read(m_descriptor, &info, sizeof info) == sizeof info) {
+        come(static_cast<int>(info.ssi_signo));
+    }
+}
+
+void EndSignals::come(int signal)
+{
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_signal != 0) {
+            return;
+        }
+        m_signal = signal;
+        Interruption::begin(signal);
+        m_changed.notifyAll();
+    }
+    m_loop->post([this] { m_loop->startTimer(comm::now() + SAME_SIGNAL, [this] { letThrough(); }); });
+}
+
+void EndSignals::letThrough()
+{
+    take(); // dropped
+    m_loop->unwatch(m_watch);
+    pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
+}
+
+} // namespace kesa::detail
