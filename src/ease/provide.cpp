@@ -4,8 +4,10 @@
 //
 // One that ends before it is answered withdraws nothing until it is, see `end`. Whoever provides the path meanwhile
 // would be refused for it, so he registers when that answer has come: `Ending`.
+#include "registryClient.h"
 #include "waiting.h"
 
+#include <kesa/OpenRequest.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/provide.h>
@@ -13,7 +15,6 @@
 #include <kesa/reasonOf.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
-#include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <obr/ErrorStorage.h>
 #include <tracing/Channel.h>
 
@@ -27,7 +28,6 @@ namespace kesa {
 using runtime::v02::IRuntimeRegistry;
 using serviceregistry::RegistryUpdate;
 using serviceregistry::ServiceDef;
-using serviceregistry::ServiceRegistryPex;
 
 namespace {
 
@@ -79,14 +79,10 @@ public:
 
     void end()
     {
-        std::shared_ptr<Client> registry;
-        std::vector<util::UniqueFunction<void()>> waiting;
         Disposable registration;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_hasEnded = true;
-            registry = m_registry; // stays: who ends us a second time waits for its handlers, too
-            waiting.swap(m_waiting);
             // What is asked for may yet be refused, and its `Disposable` would end what is in its way: left to the
             // answer.
             if (m_state == State::eASKED) {
@@ -99,9 +95,7 @@ public:
             }
         }
         registration.dispose();
-        if (registry) {
-            registry->end();
-        }
+        endFollowing();
         const std::lock_guard<std::recursive_mutex> telling(m_telling);
     }
 
@@ -235,17 +229,8 @@ private:
 
     void refused(const Response& error)
     {
-        std::shared_ptr<Client> registry;
-        std::vector<util::UniqueFunction<void()>> waiting;
-        {
-            const std::lock_guard<std::mutex> lock(m_mutex);
-            registry = m_registry;
-            waiting.swap(m_waiting);
-        }
         startNext();
-        if (registry) {
-            registry->end();
-        }
+        endFollowing();
         const std::lock_guard<std::recursive_mutex> telling(m_telling);
         if (hasEnded()) {
             return;
@@ -261,28 +246,60 @@ private:
 
     void ask(util::UniqueFunction<void()> handler)
     {
-        std::shared_ptr<Client> registry;
         std::vector<url> locators;
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
             if (m_hasEnded || m_state == State::eOVER) {
                 return;
             }
-            if (!m_registry) {
-                m_registry = m_runtime == nullptr ? use(ServiceRegistryPex::SERVICE_PATH)
-                                                  : use(*m_runtime, ServiceRegistryPex::SERVICE_PATH);
-            }
-            registry = m_registry;
             locators = m_locators;
         }
-        static_cast<void>(
-            registry->follow(Request("retrieve", m_path),
-                             kesa::handler<Response>([handler = std::move(handler), locators = std::move(locators)](
-                                                         const Response& response) mutable {
-                                 if (isAdded(response, locators)) {
-                                     handler();
-                                 }
-                             })));
+        const auto next = [handler = std::make_shared<util::UniqueFunction<void()>>(std::move(handler)),
+                           locators = std::move(locators)](const Response& response) {
+            if (isAdded(response, locators)) {
+                (*handler)();
+            }
+        };
+        constexpr unsigned short ENDED = 503; // the registration, or the runtime
+        const auto told = m_told.open(kesa::handler<Response>(next, [](const Response& error) {
+            if (error.getStatus() != ENDED) {
+                detail::TraceError()(error);
+            }
+        }));
+        if (!told) {
+            return;
+        }
+        const std::shared_ptr<Client> registry = detail::registryClient(m_runtime);
+        Disposable following = registry->follow(Request("retrieve", m_path), told->makeHandler());
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_hasEnded || m_state == State::eOVER) { // meanwhile
+            lock.unlock();
+            following.dispose();
+            return;
+        }
+        m_registry = registry;
+        m_following.push_back(std::move(following));
+    }
+
+    /// What waits and what is told, both for good. Each caller waits for the handlers that are running, not only the
+    /// first.
+    void endFollowing()
+    {
+        std::vector<util::UniqueFunction<void()>> waiting;
+        std::vector<Disposable> following;
+        std::shared_ptr<Client> registry;
+        {
+            const std::lock_guard<std::mutex> lock(m_mutex);
+            waiting.swap(m_waiting);
+            following.swap(m_following);
+            registry.swap(m_registry);
+        }
+        for (Disposable& disposable : following) {
+            disposable.dispose();
+        }
+        for (const auto& told : m_told.close()) {
+            told->withdraw();
+        }
     }
 
     bool hasEnded()
@@ -304,7 +321,10 @@ private:
     std::vector<url> m_locators;                         ///< once provided
     std::vector<util::UniqueFunction<void()>> m_waiting; ///< until then
     std::vector<util::UniqueFunction<void()>> m_next;    ///< what waits for the answer to one that has ended
-    std::shared_ptr<Client> m_registry;                  ///< once somebody wants to know
+    std::shared_ptr<Client> m_registry;                  ///< once somebody wants to know; others have it, too
+    std::vector<Disposable> m_following;                 ///< through that
+
+    OpenRequests m_told; ///< the handlers of `whenKnown`
 };
 
 Registration::Registration(IRuntimeRegistry* runtime, const std::string& path, std::shared_ptr<IKesaApi> service,

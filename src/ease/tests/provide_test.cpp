@@ -75,6 +75,14 @@ TEST_F(Provide, SaysWhenTheRegistryKnowsIt)
     EXPECT_THAT(takeTold(), ElementsAre("late"));
 
     runtime.take();
+    auto other = provide(runtime, "/q", service);
+    provided();
+    other->whenKnown([] {});
+    EXPECT_THAT(runtime.take(), ElementsAre("register /q")) << "the registry is followed once";
+    EXPECT_EQ(registry->open(), 3U);
+    other.reset();
+    EXPECT_THAT(runtime.take(), ElementsAre("unregister /q"));
+    EXPECT_EQ(registry->open(), 2U);
     registration.reset();
     EXPECT_THAT(runtime.take(), ElementsAre("unregister /p", "untrack", "release ipc://kesa-registryd/registry"));
     EXPECT_EQ(registry->open(), 0U);
@@ -112,6 +120,37 @@ TEST_F(Provide, LeavesItsEndToTheAnswerThatIsOutstanding)
     registration->end();
     refused();
     EXPECT_THAT(runtime.take(), ElementsAre("register /q"));
+    EXPECT_THAT(takeTold(), IsEmpty());
+}
+
+TEST_F(Provide, AsksAnewThroughTheNextRuntime)
+{
+    provided();
+    whenKnown("before");
+    registryIsThere();
+    runtime.end();
+    runtime.take();
+    const auto next = provide(runtime, "/q", service); // at the same place
+    provided();
+    next->whenKnown([this] { told.emplace_back("after"); });
+    EXPECT_THAT(runtime.take(), ElementsAre("register /q", "track /registry"));
+    registryIsThere();
+    registrySays(RegistryUpdate::UpdateTypeEnum::ADDED, "ipc://me/p");
+    EXPECT_THAT(takeTold(), ElementsAre("after"));
+}
+
+TEST_F(Provide, AHandlerMayEndIt)
+{
+    provided();
+    registration->whenKnown([this] { registration.reset(); });
+    whenKnown("never");
+    registryIsThere();
+    const auto call = std::move(registry->handlers.front()); // whose call the cancel does not destroy
+    const auto record = std::make_shared<ServiceDef>(PlayedRuntime::record("ipc://me/p"));
+    call->onNext(Response(
+        200, *serializer::toPayload(RegistryUpdate(RegistryUpdate::UpdateTypeEnum::ADDED, record), mimetypes::JSON)));
+    EXPECT_EQ(registration, nullptr);
+    EXPECT_EQ(registry->open(), 0U);
     EXPECT_THAT(takeTold(), IsEmpty());
 }
 
