@@ -123,7 +123,8 @@ public:
         return m_isConnected;
     }
 
-    std::string reason() const
+    /// `hasAnswered`: the registry, which was asked for the path.
+    std::string reason(std::optional<bool> hasAnswered = {}) const
     {
         std::unique_lock<std::mutex> lock(m_mutex);
         std::string reason = m_reason;
@@ -134,7 +135,8 @@ public:
         }
         lock.unlock();
         if (resolved.empty()) {
-            return reason + ": " + m_reasons->whyUnknown(m_path);
+            return reason + ": " +
+                   (hasAnswered ? m_reasons->whyUnknownWhenAsked(m_path, *hasAnswered) : m_reasons->whyUnknown(m_path));
         }
         std::string why;
         for (const url& locator : resolved) { // the runtime takes one of them
@@ -207,6 +209,7 @@ public:
         }
     }
 
+    /// The error and its status; without one it is connected.
     void wait(std::chrono::nanoseconds timeout, ConnectResult& result)
     {
         const detail::Interruption::Wait wait(m_changed, m_mutex);
@@ -224,9 +227,6 @@ public:
         lock.unlock();
         if (signal != 0) {
             result.error = fmt::format("{}: {}", detail::Interruption::text(signal), reason());
-        } else if (result.status == TIME_IS_OVER) {
-            result.error = fmt::format("not connected within {} ms: {}",
-                                       std::chrono::ceil<std::chrono::milliseconds>(timeout).count(), reason());
         }
     }
 
@@ -567,6 +567,11 @@ void Client::end()
 void Client::wait(std::chrono::nanoseconds timeout, ConnectResult& result)
 {
     m_impl->wait(timeout, result);
+}
+
+std::string Client::reasonWhenAsked(bool hasRegistryAnswered) const
+{
+    return m_impl->reason(hasRegistryAnswered);
 }
 
 } // namespace kesa

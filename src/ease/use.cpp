@@ -1,9 +1,14 @@
+#include "registryClient.h"
 #include "waiting.h"
 
+#include <fmt/format.h>
+#include <kesa/ease/handler.h>
 #include <kesa/ease/use.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <kesa/serviceregistry/IServiceRegistry.h>
 
 #include <algorithm>
+#include <atomic>
 #include <utility>
 
 namespace kesa {
@@ -23,43 +28,92 @@ std::shared_ptr<Client> use(IRuntimeRegistry& runtime, const std::string& path)
     return std::make_shared<Client>(&runtime, path);
 }
 
-/// Waits for a client's connection. `operation` is what the user has called.
+namespace {
+
+/// Put to the registry by who has waited a while for a path: a tracking alone says nothing where nobody is.
+class Question {
+public:
+    Question(IRuntimeRegistry* runtime, const std::string& path) : m_registry(detail::registryClient(runtime))
+    {
+        const auto answered = [hasAnswered = m_hasAnswered](const auto&) { *hasAnswered = true; };
+        m_following = m_registry->follow(Request(serviceregistry::IServiceRegistry::EXPLAIN, path),
+                                         handler<Response>(answered, answered));
+    }
+    Question(const Question&) = delete;
+    Question& operator=(const Question&) = delete;
+    ~Question() { m_following.dispose(); }
+
+    bool hasAnswer() const { return *m_hasAnswered; }
+
+private:
+    const std::shared_ptr<std::atomic<bool>> m_hasAnswered = std::make_shared<std::atomic<bool>>(false);
+    const std::shared_ptr<Client> m_registry;
+    Disposable m_following;
+};
+
+} // namespace
+
+/// Waits for a client's connection. `operation` is what the user has called, `runtime` null for that of the process.
 class Connecting {
 public:
-    template <class Use>
-    static ConnectResult run(const Use& use, std::chrono::nanoseconds timeout, const char* operation)
+    static ConnectResult run(IRuntimeRegistry* runtime, const std::string& path, std::chrono::nanoseconds timeout,
+                             const char* operation)
     {
         ConnectResult result;
         result.error = detail::refusalToWait(operation, "use kesa::use and whenConnected");
         if (!result.error.empty()) {
             return result;
         }
-        std::shared_ptr<Client> client = use();
-        client->wait(std::max(timeout, std::chrono::nanoseconds::zero()), result);
+        timeout = std::max(timeout, std::chrono::nanoseconds::zero());
+        std::shared_ptr<Client> client = runtime == nullptr ? use(path) : use(*runtime, path);
+        wait(*client, runtime, path, timeout, result);
         if (result.error.empty()) {
             result.client = std::move(client);
         }
         return result;
     }
+
+private:
+    static constexpr unsigned short TIME_IS_OVER = 504;
+
+    static void wait(Client& client, IRuntimeRegistry* runtime, const std::string& path,
+                     std::chrono::nanoseconds timeout, ConnectResult& result)
+    {
+        constexpr std::chrono::nanoseconds USUAL = std::chrono::milliseconds(50); // far more than a connection takes
+        const auto first = std::min(timeout / 2, USUAL);
+        client.wait(first, result);
+        bool hasAnswer = false;
+        if (result.status == TIME_IS_OVER && timeout > first) {
+            const Question question(runtime, path);
+            result = {};
+            client.wait(timeout - first, result);
+            hasAnswer = question.hasAnswer();
+        }
+        if (result.status == TIME_IS_OVER) {
+            result.error = fmt::format("not connected within {} ms: {}",
+                                       std::chrono::ceil<std::chrono::milliseconds>(timeout).count(),
+                                       client.reasonWhenAsked(hasAnswer));
+        }
+    }
 };
 
 ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run([&] { return use(path); }, timeout, "kesa::connect");
+    return Connecting::run(nullptr, path, timeout, "kesa::connect");
 }
 
 ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::chrono::nanoseconds timeout)
 {
-    return Connecting::run([&] { return use(runtime, path); }, timeout, "kesa::connect");
+    return Connecting::run(&runtime, path, timeout, "kesa::connect");
 }
 
 namespace {
 
-template <class Use>
-GetResult connectAndGet(const Use& use, Request&& request, std::chrono::nanoseconds timeout)
+GetResult connectAndGet(IRuntimeRegistry* runtime, const std::string& path, Request&& request,
+                        std::chrono::nanoseconds timeout)
 {
     const comm::TimeNs deadline = detail::deadlineIn(timeout);
-    const ConnectResult found = Connecting::run(use, timeout, "kesa::get");
+    const ConnectResult found = Connecting::run(runtime, path, timeout, "kesa::get");
     if (!found) {
         return {std::nullopt, found.status, found.error};
     }
@@ -70,12 +124,12 @@ GetResult connectAndGet(const Use& use, Request&& request, std::chrono::nanoseco
 
 GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
 {
-    return connectAndGet([&] { return use(path); }, std::move(request), timeout);
+    return connectAndGet(nullptr, path, std::move(request), timeout);
 }
 
 GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
 {
-    return connectAndGet([&] { return use(runtime, path); }, std::move(request), timeout);
+    return connectAndGet(&runtime, path, std::move(request), timeout);
 }
 
 } // namespace kesa

@@ -114,6 +114,7 @@ private:
     friend class Connecting;
     class Impl;
     void wait(std::chrono::nanoseconds timeout, ConnectResult& result);
+    std::string reasonWhenAsked(bool hasRegistryAnswered) const;
     std::shared_ptr<Impl> m_impl;
 };
 

@@ -41,6 +41,10 @@ public:
         log.push_back("track " + path);
         tracking = handler.get();
         trackings.push_back(std::move(handler));
+        if (registryAtOnce && path == "/registry") {
+            added("ipc://kesa-registryd/registry");
+            connected(registryAtOnce);
+        }
         return Disposable([this] { log.push_back("untrack"); });
     }
     Disposable trackServices(const Query&, std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&&) override
@@ -91,6 +95,10 @@ public:
 
     struct Reasons final : runtime::v02::IReasons {
         std::string whyUnknown(const std::string& path) const override { return "why " + path; }
+        std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const override
+        {
+            return (hasAnswered ? "nobody at " : "no answer for ") + path;
+        }
         std::string obstacle(const url& locator) const override
         {
             return locator == url("ipc://p/p") ? connection : "";
@@ -98,6 +106,7 @@ public:
         std::string connection;
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
+    Api registryAtOnce; ///< connected inside the call that tracks it
     std::vector<std::string> log;
     std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
     std::vector<std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>> trackings;

@@ -209,6 +209,20 @@ protected:
     std::shared_ptr<comm::Reactor> loop = comm::Scheduler::current().makeReactor("io");
 };
 
+TEST_F(UseOnALoop, AsksTheRegistryWhetherNobodyIsThereBeforeItSaysSo)
+{
+    const std::string before = "not connected within 1000 ms: nobody is known to provide '/q': ";
+    EXPECT_EQ(kesa::connect(runtime, "/q", 1s).error, before + "no answer for /q");
+    const auto registry = std::make_shared<ResourceHandler>();
+    runtime.registryAtOnce = registry; // which answers 404 to a command it does not know
+    const comm::TimeNs since = comm::now();
+    EXPECT_EQ(kesa::connect(runtime, "/q", 1s).error, before + "nobody at /q");
+    EXPECT_EQ(comm::now() - since, comm::SECOND) << "not longer for the question";
+    runtime.take();
+    EXPECT_EQ(kesa::connect(runtime, "/q", 0s).status, 504);
+    EXPECT_THAT(runtime.take(), ElementsAre("track /q", "untrack")) << "not asked";
+}
+
 TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
 {
     auto following = client->follow(Request("retrieve", "/feed"), listener());
@@ -369,10 +383,10 @@ TEST_F(Use, AHandlerMayEndIt)
 TEST_F(Use, ConnectWaitsOrSaysWhyNot)
 {
     EXPECT_EQ(kesa::connect(runtime, "/p", std::chrono::nanoseconds::min()).error,
-              "not connected within 0 ms: nobody is known to provide '/p': why /p");
+              "not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
     EXPECT_EQ(runtime.take().back(), "untrack") << "nothing is left";
     const GetResult nobody = kesa::get(runtime, "/p", Request("retrieve", "/"), 0s);
-    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p': why /p");
+    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
     EXPECT_EQ(nobody.status, 504);
     EXPECT_EQ(runtime.take().back(), "untrack");
 

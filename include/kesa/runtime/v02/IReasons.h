@@ -20,6 +20,8 @@ public:
     /// What keeps what is resolved by this locator from answering: why it is not connected, or that its process is
     /// stopped. Empty when nothing is known to, and when nothing is resolved by it.
     virtual std::string obstacle(const url& locator) const = 0;
+    /// `whyUnknown` for who has asked the registry, and so can tell that it names nobody from that it has not answered.
+    virtual std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const;
 };
 
 } // namespace kesa::runtime::v02

@@ -10,6 +10,11 @@ namespace kesa::runtime::v02 {
 
 IReasons::~IReasons() = default;
 
+std::string IReasons::whyUnknownWhenAsked(const std::string& path, bool) const
+{
+    return whyUnknown(path);
+}
+
 namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
@@ -66,6 +71,17 @@ std::string Reasons::whyDeaf() const
 
 std::string Reasons::whyUnknown(const std::string& path) const
 {
+    return why(path, "has named nobody so far");
+}
+
+std::string Reasons::whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const
+{
+    return why(path, hasAnswered ? "names nobody" : "has not answered yet");
+}
+
+/// `silence` is what can be said of a registry to which nothing is in the way.
+std::string Reasons::why(const std::string& path, const char* silence) const
+{
     if (std::string deaf = whyDeaf(); !deaf.empty()) {
         return deaf;
     }
@@ -77,13 +93,13 @@ std::string Reasons::whyUnknown(const std::string& path) const
         }
         registry = m_registry;
     }
-    const std::string why = obstacle(registry);
+    const std::string obstacleToIt = obstacle(registry);
     if (m_isConnected) {
         return fmt::format("the registry at {} is connected and {}; 'kesactl why {}' says more", registry.toString(),
-                           why.empty() ? "names nobody" : "silent: " + why, path);
+                           obstacleToIt.empty() ? silence : "silent: " + obstacleToIt, path);
     }
     return fmt::format("the registry at {} is not connected{}{}; 'kesactl doctor' says more", registry.toString(),
-                       why.empty() ? "" : ": ", why);
+                       obstacleToIt.empty() ? "" : ": ", obstacleToIt);
 }
 
 } // namespace kesa::runtime::v02

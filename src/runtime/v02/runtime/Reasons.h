@@ -25,10 +25,12 @@ public:
     void setRegistryConnected(bool isConnected) { m_isConnected = isConnected; }
 
     std::string whyUnknown(const std::string& path) const override;
+    std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const override;
     std::string obstacle(const url& locator) const override { return m_proxies->obstacle(locator); }
 
 private:
     std::string whyDeaf() const;
+    std::string why(const std::string& path, const char* silence) const;
 
     const std::shared_ptr<const OpenProxies> m_proxies;
     const std::weak_ptr<const comm::ActiveObject> m_executor;

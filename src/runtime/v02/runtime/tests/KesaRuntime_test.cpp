@@ -186,8 +186,12 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     EXPECT_EQ(reasons->whyUnknown("/x"),
               "the registry at " + registry + " is connected and silent: it is stopped; 'kesactl why /x' says more");
     m_network->obstacle.clear();
-    EXPECT_EQ(reasons->whyUnknown("/x"),
-              "the registry at " + registry + " is connected and names nobody; 'kesactl why /x' says more");
+    const auto connectedAnd = [&registry](const std::string& rest) {
+        return "the registry at " + registry + " is connected and " + rest + "; 'kesactl why /x' says more";
+    };
+    EXPECT_EQ(reasons->whyUnknown("/x"), connectedAnd("has named nobody so far"));
+    EXPECT_EQ(reasons->whyUnknownWhenAsked("/x", true), connectedAnd("names nobody"));
+    EXPECT_EQ(reasons->whyUnknownWhenAsked("/x", false), connectedAnd("has not answered yet"));
     m_network->disconnected(registry);
     run();
     m_runtime.reset();
