@@ -69,4 +69,11 @@ std::int64_t ChildProcess::cpuNs() const noexcept
     return ::clock_getcpuclockid(m_pid, &clock) == 0 ? readClock(clock) : 0;
 }
 
+void pauseForEver()
+{
+    while (true) {
+        ::pause();
+    }
+}
+
 } // namespace bench

@@ -36,6 +36,9 @@ private:
     pid_t m_pid = -1;
 };
 
+/// For a child that serves until it is killed.
+[[noreturn]] void pauseForEver();
+
 } // namespace bench
 
 #endif

@@ -5,8 +5,6 @@
 
 #include <kesa/ease/handler.h>
 
-#include <unistd.h>
-
 #include <fstream>
 #include <functional>
 #include <set>
@@ -29,13 +27,6 @@ constexpr int BATCH = 200;
 constexpr int FIRST_NAME_OF_CROWD = 1'000'000;
 
 const Query ALL("/bench/**");
-
-[[noreturn]] void pauseForEver()
-{
-    while (true) {
-        ::pause();
-    }
-}
 
 ChildProcess makeRegistryd()
 {

@@ -8,7 +8,6 @@
 #include <kesa/ease/handler.h>
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <string>
@@ -48,13 +47,6 @@ struct Heard {
         removed.give();
     }
 };
-
-[[noreturn]] void pauseForEver()
-{
-    while (true) {
-        ::pause();
-    }
-}
 
 auto hearing(Heard& heard)
 {

@@ -34,7 +34,7 @@ using util::config::Dictionary;
 using util::config::Value;
 
 /// What the asked processes have in common.
-struct Answers {
+struct Replies {
     std::mutex mutex;
     comm::Condition changed;
     std::size_t open = 0; ///< with the mutex held
@@ -49,7 +49,7 @@ constexpr std::string_view PROBE = "probe"; ///< how the other connection calls 
 /// backend has been stopped.
 class Question final : public kesa::IClientConnectionListener {
 public:
-    Question(IBackend& backend, kesa::url locator, std::shared_ptr<Answers> answers)
+    Question(IBackend& backend, kesa::url locator, std::shared_ptr<Replies> answers)
         : m_answers(std::move(answers)), m_locator(std::move(locator)), m_api(backend.connect(m_locator, this))
     {
         if (m_api) {
@@ -124,7 +124,7 @@ private:
     void clientDisconnected() override {}
     void clientError(unsigned short /*code*/, const std::string& /*message*/) override {}
 
-    const std::shared_ptr<Answers> m_answers;
+    const std::shared_ptr<Replies> m_answers;
     const kesa::url m_locator;
     const comm::TimeNs m_begin = comm::now();
     const std::unique_ptr<KesaClientApi> m_api; ///< null when the name is none
@@ -194,7 +194,7 @@ std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, 
     const std::string ownName = "kesactl-" + std::to_string(::getpid());
     const auto backend = kesa::commadapter::createBackend(ownName, "");
     backend->start();
-    const auto answers = std::make_shared<Answers>();
+    const auto answers = std::make_shared<Replies>();
     std::vector<std::unique_ptr<Question>> questions;
     std::vector<kesa::url> locators;
     for (const std::string& name : names) {

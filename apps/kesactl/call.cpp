@@ -28,7 +28,7 @@ namespace {
 /// The options that say what to ask for.
 constexpr const char* OF_REQUEST[] = {"RESOURCE", "--command", "--body", "--header", "--follow"};
 
-struct Arguments {
+struct CallArguments {
     std::string path;
     std::string resource = "/";
     std::string command = "retrieve";
@@ -54,7 +54,7 @@ std::optional<std::string> parseJson(std::string_view text, util::config::Value&
 }
 
 /// The body as it was given, on stdin for "-"; one of JSON once it is known to be that.
-kesa::Payload readBody(const Arguments& arguments)
+kesa::Payload readBody(const CallArguments& arguments)
 {
     if (!arguments.body) {
         return {};
@@ -98,7 +98,7 @@ std::string checkLocator(const std::string& text)
                : "'" + text + "' is no locator; write one such as ipc://media or ipc://media/media/player";
 }
 
-kesa::Request makeRequest(const Arguments& arguments)
+kesa::Request makeRequest(const CallArguments& arguments)
 {
     kesa::Request request(arguments.command, arguments.resource, readBody(arguments));
     request.setMimeType(std::string(kesa::mimetypes::JSON));
@@ -140,7 +140,7 @@ std::string lineOf(const kesa::Response& response, bool isJson)
 }
 
 /// The record of the service, of which a given locator says enough; one that names the process only gets the path.
-ServiceDef find(const System& system, const Arguments& arguments, comm::TimeNs deadline)
+ServiceDef find(const System& system, const CallArguments& arguments, comm::TimeNs deadline)
 {
     if (arguments.locator.empty()) {
         return findService(system, arguments.path, deadline,
@@ -154,7 +154,7 @@ ServiceDef find(const System& system, const Arguments& arguments, comm::TimeNs d
     return {kesa::Path(arguments.path), ServiceDef::TypeEnum::pex, {}, {locator}};
 }
 
-void call(const Arguments& arguments)
+void call(const CallArguments& arguments)
 {
     kesa::Request request = makeRequest(arguments);
     const comm::TimeNs deadline = arguments.common.deadline();
@@ -201,7 +201,7 @@ void call(const Arguments& arguments)
 
 void addCall(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CallArguments>();
     CLI::App* const command = app.add_subcommand(
         "call", "Sends a request to a service and prints the answer; PATH alone lists its resources.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");

@@ -36,7 +36,7 @@ using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaConfigAccessor;
 using kesa::runtime::v02::KesaRuntime;
 
-struct Arguments {
+struct CheckConfigArguments {
     std::string file;
     std::string process;
     bool isJson = false;
@@ -129,7 +129,7 @@ std::string partitionOf(const std::string& process, const KesaConfig& config, Co
     return partition;
 }
 
-int checkConfig(const Arguments& arguments)
+int checkConfig(const CheckConfigArguments& arguments)
 {
     if (!arguments.file.empty()) {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): this program has one thread.
@@ -173,7 +173,7 @@ int checkConfig(const Arguments& arguments)
 
 void addCheckConfig(CLI::App& app, int& exitCode)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<CheckConfigArguments>();
     CLI::App* const command = app.add_subcommand(
         "check-config", "Reads a configuration document as a process would; prints what it means and what is wrong.");
     command->add_option("FILE", arguments->file, "The document; without it the one a process started here would read.")

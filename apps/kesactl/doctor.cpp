@@ -118,13 +118,13 @@ struct Answer {
 };
 
 /// The registry is asked from the beginning on, while the processes are.
-struct Question {
+struct RegistryQuestion {
     comm::TimeNs begin = comm::now();
     std::optional<System> system;
     std::unique_ptr<RegistryView> view; ///< null when there is nobody to ask
     std::string problem;                ///< why this process cannot ask
 
-    explicit Question(const apps::RegistryPlace& place)
+    explicit RegistryQuestion(const apps::RegistryPlace& place)
     {
         if (!place.problem.empty()) {
             return;
@@ -163,7 +163,7 @@ Answer lookForRegistry(const apps::RegistryPlace& place, comm::TimeNs deadline)
     return answer;
 }
 
-Answer askRegistry(const Question& question, const apps::RegistryPlace& place, comm::TimeNs deadline)
+Answer askRegistry(const RegistryQuestion& question, const apps::RegistryPlace& place, comm::TimeNs deadline)
 {
     Answer answer;
     answer.problem = question.problem;
@@ -243,7 +243,7 @@ bool diagnose(const CommonOptions& options)
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
     addRegistry(page, place, configuration.isValid);
     const RunDirectoryFacts facts(runDirectory.path());
-    const Question question(place);
+    const RegistryQuestion question(place);
     const comm::TimeNs deadline = options.deadline();
     const comm::TimeNs rest = deadline - timeToExplain(deadline);
     const auto reports = askAll(facts, deadline - rest);

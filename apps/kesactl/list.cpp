@@ -15,7 +15,7 @@
 namespace kesactl {
 namespace {
 
-struct Arguments {
+struct ListArguments {
     std::string glob = "**";
     std::vector<std::string> where;
     std::string type;
@@ -31,7 +31,7 @@ bool has(const util::config::Value& value, const std::string& text)
     return isThat(value) || std::any_of(value.items().begin(), value.items().end(), isThat);
 }
 
-bool isWanted(const ServiceDef& service, const Arguments& arguments)
+bool isWanted(const ServiceDef& service, const ListArguments& arguments)
 {
     const auto fits = [&service](const std::string& condition) {
         const std::size_t end = condition.find('=');
@@ -42,7 +42,7 @@ bool isWanted(const ServiceDef& service, const Arguments& arguments)
            (arguments.provider.empty() || arguments.provider == providerOf(service));
 }
 
-RegistryView::Answer find(const Arguments& arguments)
+RegistryView::Answer find(const ListArguments& arguments)
 {
     const System system;
     const auto [all, isAll] = system.view(arguments.glob)->list(arguments.common.deadline());
@@ -69,7 +69,7 @@ RegistryView::Answer find(const Arguments& arguments)
 }
 
 /// What is known is printed, even when it may be not all.
-void printList(const Arguments& arguments, const std::function<std::string(const Services&)>& asText)
+void printList(const ListArguments& arguments, const std::function<std::string(const Services&)>& asText)
 {
     const auto [services, isAll] = find(arguments);
     print(arguments.common.isJson ? asJsonLines(services) : fitted(asText(services)));
@@ -84,7 +84,7 @@ std::string checkCondition(const std::string& condition)
     return end == 0 || end == std::string::npos ? "'" + condition + "' is no condition; write KEY=VALUE" : "";
 }
 
-CLI::App& add(CLI::App& app, const char* name, const char* description, const std::shared_ptr<Arguments>& arguments)
+CLI::App& add(CLI::App& app, const char* name, const char* description, const std::shared_ptr<ListArguments>& arguments)
 {
     CLI::App* const command = app.add_subcommand(name, description);
     command->add_option("GLOB", arguments->glob, "Of paths: '/system/**', '/media/*'; without it all.")
@@ -106,7 +106,7 @@ CLI::App& add(CLI::App& app, const char* name, const char* description, const st
 
 void addList(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<ListArguments>();
     CLI::App& list = add(app, "list", "Lists the services.", arguments);
     list.add_option("--columns", arguments->columns, "Of the table, in order; also formats, scope and metainfo.")
         ->check(checkColumn)
@@ -118,7 +118,7 @@ void addList(CLI::App& app)
     list.callback([arguments] {
         printList(*arguments, [&](const Services& services) { return asTable(services, arguments->columns); });
     });
-    auto ofTree = std::make_shared<Arguments>();
+    auto ofTree = std::make_shared<ListArguments>();
     add(app, "tree", "Shows the services as a tree of their paths; as JSON, the same lines as list.", ofTree)
         .callback([ofTree] { printList(*ofTree, asTree); });
 }

@@ -22,7 +22,7 @@ namespace {
 
 constexpr const char* COMMAND = "ping";
 
-struct Arguments {
+struct PingArguments {
     std::string path;
     std::uint64_t count = 5;
     double intervalSeconds = 0.2;
@@ -83,12 +83,13 @@ private:
 };
 
 /// A 503 is of the service when it still answers where it is; else of the connection that has gone.
-bool isAnswered(const ServiceDef& service)
+bool isAnswered(const ServiceDef& service, comm::TimeNs deadline)
 {
-    return !service.locators.empty() && explainUnreachable(service.locators.front()).cause == "slow";
+    const comm::TimeNs within = std::max<comm::TimeNs>(deadline - comm::now(), 0);
+    return !service.locators.empty() && explainUnreachable(service.locators.front(), within).cause == "slow";
 }
 
-Round measure(const Connection::Client& client, const ServiceDef& service, const Arguments& arguments, Waits& waits)
+Round measure(const Connection::Client& client, const ServiceDef& service, const PingArguments& arguments, Waits& waits)
 {
     kesa::Request request(COMMAND, "/");
     const comm::TimeNs begin = comm::now();
@@ -105,7 +106,7 @@ Round measure(const Connection::Client& client, const ServiceDef& service, const
         return {time, {}};
     }
     const std::string reason = kesa::reasonOf(answer.response);
-    if (status == 503 && !isAnswered(service)) {
+    if (status == 503 && !isAnswered(service, deadline)) {
         return {time, reason, ExitCode::eFAILED};
     }
     return {time, {}, ExitCode::eOK, reason, status};
@@ -148,7 +149,7 @@ std::string summaryOf(std::uint64_t sent, std::vector<comm::TimeNs> times, bool 
                        least, median, most);
 }
 
-void ping(const Arguments& arguments)
+void ping(const PingArguments& arguments)
 {
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system(true);
@@ -183,7 +184,7 @@ void ping(const Arguments& arguments)
 
 void addPing(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<PingArguments>();
     CLI::App* const command =
         app.add_subcommand("ping", "Measures how long a request takes to a service and back; it does nothing there.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");

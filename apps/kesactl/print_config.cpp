@@ -19,11 +19,11 @@ using util::config::Dictionary;
 using util::config::Value;
 
 /// A setting and its value; the members of a table are indented.
-struct Row {
+struct SettingRow {
     std::string name;
     std::string value;
 };
-using Rows = std::vector<Row>;
+using SettingRows = std::vector<SettingRow>;
 
 const char* severityName(int severity)
 {
@@ -91,7 +91,7 @@ std::string inOneLine(const Value& value)
     return line.empty() ? "none" : line;
 }
 
-void addTable(Rows& rows, const std::string& name, const Value& table)
+void addTable(SettingRows& rows, const std::string& name, const Value& table)
 {
     rows.push_back({name, table.dictionary().empty() ? "none" : ""});
     for (const auto& [key, value] : table) {
@@ -99,7 +99,7 @@ void addTable(Rows& rows, const std::string& name, const Value& table)
     }
 }
 
-void addServices(Rows& rows, const std::vector<ServiceDef>& services)
+void addServices(SettingRows& rows, const std::vector<ServiceDef>& services)
 {
     rows.push_back({"services", services.empty() ? "none" : ""});
     std::size_t width = 1;
@@ -115,10 +115,10 @@ void addServices(Rows& rows, const std::vector<ServiceDef>& services)
     }
 }
 
-Rows settings(const CheckResult& result)
+SettingRows settings(const CheckResult& result)
 {
     const KesaConfig& config = result.config;
-    Rows rows = {{"file", result.file.empty() ? "none: the built-in document counts" : result.file}};
+    SettingRows rows = {{"file", result.file.empty() ? "none: the built-in document counts" : result.file}};
     if (result.process) {
         rows.push_back({"process", *result.process});
         rows.push_back({"partition", result.partition});
@@ -137,15 +137,15 @@ Rows settings(const CheckResult& result)
     return rows;
 }
 
-std::string aligned(Rows rows)
+std::string alignedSettings(SettingRows rows)
 {
     std::size_t width = 0;
-    for (Row& row : rows) {
+    for (SettingRow& row : rows) {
         row = {visible(row.name), visible(row.value)};
         width = std::max(width, displayWidth(row.name));
     }
     std::string text;
-    for (const Row& row : rows) {
+    for (const SettingRow& row : rows) {
         text += row.value.empty() ? row.name + "\n" : fmt::format("{}  {}\n", padded(row.name, width), row.value);
     }
     return text;
@@ -201,7 +201,7 @@ Value asArray(const std::vector<T>& list)
 
 std::string asText(const CheckResult& result)
 {
-    std::string text = aligned(settings(result)) + "\n";
+    std::string text = alignedSettings(settings(result)) + "\n";
     for (const auto& complaint : result.complaints) {
         text += asLine(result, complaint);
     }

@@ -28,7 +28,7 @@ std::vector<std::string> rowOf(const ProcessReport& report, bool isShort)
             report.note.empty() ? program : noted};
 }
 
-std::string asTable(const std::vector<ProcessReport>& reports, bool isShort)
+std::string asProcessTable(const std::vector<ProcessReport>& reports, bool isShort)
 {
     Rows rows = {{"NAME", "PID", "USER", "SINCE", "SERVICES", "PEERS", "QUEUED", "EXECUTABLE"}};
     for (const ProcessReport& report : reports) {
@@ -44,8 +44,8 @@ void printProcesses(const CommonOptions& options)
     for (const ProcessReport& report : reports) {
         lines += report.asJson() + '\n';
     }
-    const std::string table = asTable(reports, false);
-    print(options.isJson ? lines : fits(table) ? table : fitted(asTable(reports, true)));
+    const std::string table = asProcessTable(reports, false);
+    print(options.isJson ? lines : fits(table) ? table : fitted(asProcessTable(reports, true)));
 }
 
 } // namespace

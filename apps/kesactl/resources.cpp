@@ -68,7 +68,7 @@ Value ask(const Connection::Client& client, const std::string& path, const Commo
     return list;
 }
 
-std::string asTable(const Value& list)
+std::string asResourceTable(const Value& list)
 {
     std::vector<std::vector<std::string>> rows{{"RESOURCE", "COMMAND", "ANSWERS", "TEXT"}};
     for (const Value& resource : list.items()) {
@@ -82,7 +82,7 @@ std::string asTable(const Value& list)
     return aligned(std::move(rows));
 }
 
-std::string asJsonLines(const Value& list)
+std::string asResourceLines(const Value& list)
 {
     std::string lines;
     for (const Value& resource : list.items()) {
@@ -105,7 +105,7 @@ void printResources(const Connection::Client& client, const std::string& path, c
                     comm::TimeNs deadline)
 {
     const Value list = ask(client, path, options, deadline);
-    print(options.isJson ? asJsonLines(list) : fitted(asTable(list)));
+    print(options.isJson ? asResourceLines(list) : fitted(asResourceTable(list)));
 }
 
 } // namespace kesactl

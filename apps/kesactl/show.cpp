@@ -10,13 +10,13 @@
 namespace kesactl {
 namespace {
 
-struct Arguments {
+struct ShowArguments {
     std::string path;
     bool wantsResources = false;
     CommonOptions common;
 };
 
-void show(const Arguments& arguments)
+void show(const ShowArguments& arguments)
 {
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system;
@@ -33,7 +33,7 @@ void show(const Arguments& arguments)
 
 void addShow(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<ShowArguments>();
     CLI::App* const command = app.add_subcommand("show", "Shows all that is known of one service.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
     command->add_flag("--resources", arguments->wantsResources,

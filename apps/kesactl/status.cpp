@@ -18,7 +18,7 @@ using util::config::Value;
 using Name = RunDirectoryFacts::Name;
 using Rows = std::vector<std::vector<std::string>>;
 
-struct Arguments {
+struct StatusArguments {
     std::string process;
     CommonOptions common;
 };
@@ -132,7 +132,7 @@ std::string pageOf(const ProcessReport& report)
     return page;
 }
 
-void printStatus(const Arguments& arguments)
+void printStatus(const StatusArguments& arguments)
 {
     const RunDirectoryFacts directory = findRunDirectory();
     const std::string name = findProcess(directory, arguments.process);
@@ -147,7 +147,7 @@ void printStatus(const Arguments& arguments)
 
 void addStatus(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<StatusArguments>();
     CLI::App* const command = app.add_subcommand(
         "status", "Shows what a process is, what it provides and whom it is connected to; needs no registry.");
     command->add_option("PROCESS", arguments->process, "Its name, or its process id.")->required()->type_name("");

@@ -14,13 +14,13 @@
 namespace kesactl {
 namespace {
 
-struct Arguments {
+struct WaitArguments {
     std::string glob;
     bool isGone = false;
     CommonOptions common{.timeoutSeconds = 30};
 };
 
-void wait(const Arguments& arguments)
+void wait(const WaitArguments& arguments)
 {
     const System system;
     RegistryView::Answer answer;
@@ -47,7 +47,7 @@ void wait(const Arguments& arguments)
 
 void addWait(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<WaitArguments>();
     CLI::App* const command = app.add_subcommand("wait", "Waits until a service is there, and prints it.");
     command->add_option("PATH|GLOB", arguments->glob, "Of the service, or of any of several.")
         ->required()

@@ -18,7 +18,7 @@ namespace {
 
 using Event = RegistryView::Event;
 
-struct Arguments {
+struct WatchArguments {
     std::string glob = "**";
     std::uint64_t count = 0; ///< 0: for ever
     CommonOptions common;
@@ -65,7 +65,7 @@ std::string lineOf(const Event& event, bool isJson)
                        : fmt::format("{} {}", time, words.text);
 }
 
-void watch(const Arguments& arguments)
+void watch(const WatchArguments& arguments)
 {
     const System system;
     const auto view = system.view(arguments.glob);
@@ -80,7 +80,7 @@ void watch(const Arguments& arguments)
 
 void addWatch(CLI::App& app)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<WatchArguments>();
     CLI::App* const command = app.add_subcommand("watch", "Prints each service that is there, and then each change.");
     command->add_option("GLOB", arguments->glob, "Of paths: '/system/**', '/media/*'; without it all.")
         ->check(checkGlob)

@@ -44,7 +44,7 @@ using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::IServiceRegistry;
 using util::config::Value;
 
-struct Arguments {
+struct WhyArguments {
     std::string path;
     std::string process;
     CommonOptions common;
@@ -105,7 +105,7 @@ std::pair<kesa::url, Unreached> explainTaken(const ServiceDef& service, comm::Ti
 
 class Search {
 public:
-    explicit Search(const Arguments& arguments) : m_arguments(arguments) {}
+    explicit Search(const WhyArguments& arguments) : m_arguments(arguments) {}
 
     Verdict run();
     /// What the registry has answered; undefined when it has not.
@@ -120,7 +120,7 @@ private:
     static Answers::Answer ask(const Connection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
-    const Arguments& m_arguments;
+    const WhyArguments& m_arguments;
     Value m_explanation;
 };
 
@@ -305,7 +305,7 @@ Answers::Answer Search::ask(const Connection::Client& client, kesa::Request requ
     return answers.next(deadline);
 }
 
-void why(const Arguments& arguments, int& exitCode)
+void why(const WhyArguments& arguments, int& exitCode)
 {
     Search search(arguments);
     const Verdict verdict = search.run();
@@ -318,7 +318,7 @@ void why(const Arguments& arguments, int& exitCode)
 
 void addWhy(CLI::App& app, int& exitCode)
 {
-    auto arguments = std::make_shared<Arguments>();
+    auto arguments = std::make_shared<WhyArguments>();
     CLI::App* const command = app.add_subcommand("why", "Says whether a service is there and works, and if not, why.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
     command->add_option("--for", arguments->process, "Also, whether this process is told of it.")->type_name("PROCESS");

@@ -17,6 +17,8 @@ inline constexpr bool IS_SANITIZED = true; // with descriptors and memory of its
 inline constexpr bool IS_SANITIZED = false;
 #endif
 
+inline const std::string PLAYER = "ipc://media/player";
+
 /// How a process is started.
 struct Options {
     std::string comm = "{}";             ///< the document's "comm"

@@ -13,8 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string PLAYER = "ipc://media/player";
-
 using SystemDeath = SystemTest;
 
 /// What a process has open that no child of it should have.

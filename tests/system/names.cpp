@@ -11,8 +11,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-const std::string PLAYER = "ipc://media/player";
-
 using SystemNames = SystemTest;
 
 bool canNobodyRun(const fs::path& program)

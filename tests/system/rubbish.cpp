@@ -9,8 +9,6 @@
 namespace kesa::system_test {
 namespace {
 
-const std::string PLAYER = "ipc://media/player";
-
 class SystemRubbish : public SystemTest {
 protected:
     SystemRubbish() : m_provider(startProvider("media", "/player")) { startBystander(PLAYER); }

@@ -6,8 +6,6 @@
 namespace kesa::system_test {
 namespace {
 
-const std::string PLAYER = "ipc://media/player";
-
 using SystemSilence = SystemTest;
 
 TEST_F(SystemSilence, AnAnswerThatIsOwedByAProviderThatStandsStillEndsTheConnection)

@@ -19,7 +19,7 @@ namespace kesa::commadapter {
 namespace {
 
 /// A timer that comes so late tells that the loop stood still.
-constexpr comm::TimeNs LATE = 10 * comm::MILLISECOND;
+constexpr comm::TimeNs LATE_TIMER = 10 * comm::MILLISECOND;
 constexpr comm::TimeNs QUIET = 50 * comm::MILLISECOND;
 constexpr comm::TimeNs LONGEST_LOOKING = comm::SECOND;
 /// What the pause between two looks counts at most: the process may stand still again meanwhile.
@@ -77,7 +77,7 @@ void ClientConnection::expire()
     const comm::TimeNs now = comm::now();
     Lock lock(m_lock);
     if (m_deadlines.next() <= now) {
-        const bool stoodStill = now - m_timerDue >= LATE;
+        const bool stoodStill = now - m_timerDue >= LATE_TIMER;
         if (m_lastLook != 0) {
             m_lookedFor += std::min(now - m_lastLook, MOST_COUNTED);
         }

@@ -17,7 +17,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
 
-constexpr std::size_t BODY = 1000;
+constexpr std::size_t BODY_SIZE = 1000;
 
 /// The client's process (group 2) stands still until a test lets it go on; so nobody takes what the server sends.
 class BackendQueues : public SimulatedPair {
@@ -35,7 +35,7 @@ protected:
     static std::string numbered(int number)
     {
         std::string text = std::to_string(number);
-        text.resize(BODY, ' ');
+        text.resize(BODY_SIZE, ' ');
         return text;
     }
     static Request persistent()
@@ -124,7 +124,7 @@ TEST_F(BackendQueues, LatestOfManyLeaveInTheOrderInWhichTheyCame)
     std::vector<std::string> heard;
     for (const std::size_t i : {3U, 1U, 5U, 2U, 4U, 1U}) {
         streams[i]->onValue = [&heard, stream = streams[i].get()] { heard.push_back(stream->values.back()); };
-        std::string text(BODY, ' ');
+        std::string text(BODY_SIZE, ' ');
         text.replace(0, 1, std::to_string(i));
         EXPECT_FALSE(handlers[i]->onNext(value(std::string(text))));
     }
@@ -306,17 +306,17 @@ TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
     scheduler->pauseGroup(1); // the server
     std::vector<std::shared_ptr<Outcome>> outcomes;
     for (int i = 0; i < 100; ++i) {
-        outcomes.push_back(client->request(retrieve("/stream", std::string(BODY, 'x'))));
+        outcomes.push_back(client->request(retrieve("/stream", std::string(BODY_SIZE, 'x'))));
     }
     scheduler->runFor(500 * comm::MILLISECOND);
     scheduler->pauseGroup(2);
     scheduler->runFor(10 * comm::SECOND);
     scheduler->continueGroup(2);
-    const auto early = client->request(retrieve("/stream", std::string(BODY, 'x')));
+    const auto early = client->request(retrieve("/stream", std::string(BODY_SIZE, 'x')));
     settle();
     EXPECT_FALSE(early->hasEnded()) << "the client itself stood still";
     scheduler->runFor(1200 * comm::MILLISECOND);
-    const auto refused = client->request(retrieve("/stream", std::string(BODY, 'x')));
+    const auto refused = client->request(retrieve("/stream", std::string(BODY_SIZE, 'x')));
     const auto kept = client->request(persistent());
     settle();
     EXPECT_EQ(refused->status, 503);
@@ -345,7 +345,7 @@ TEST_F(BackendQueues, RequestsThatWaitForOthersRefuseNobody)
     scheduler->pauseGroup(1); // the server
     std::vector<std::shared_ptr<Outcome>> waiting;
     for (int i = 0; i < 50; ++i) {
-        waiting.push_back(toStopped.request(retrieve("/echo", std::string(BODY, 'x'))));
+        waiting.push_back(toStopped.request(retrieve("/echo", std::string(BODY_SIZE, 'x'))));
     }
     const auto answered = toHealthy.request(retrieve("/echo", "x"));
     settle();

@@ -14,7 +14,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-util::config::Value parse(std::string_view text)
+util::config::Value parseComm(std::string_view text)
 {
     util::config::Value value;
     EXPECT_FALSE(util::config::JSONParser().parseString(text, value));
@@ -25,7 +25,7 @@ TEST(BackendSettings, GoodMembersApply)
 {
     std::vector<std::string> complaints;
     const CommSettings settings =
-        readCommSettings(parse(R"({"run_dir": "/tmp/run", "socket_mode": "0600", "socket_group": "kesa",
+        readCommSettings(parseComm(R"({"run_dir": "/tmp/run", "socket_mode": "0600", "socket_group": "kesa",
                   "routes": {"/registry": "ipc://kesa-registryd/registry"}, "max_message_bytes": 1048576,
                   "send_queue_bytes": 131072, "heartbeat_ms": 250})"),
                          complaints);
@@ -42,7 +42,7 @@ TEST(BackendSettings, GoodMembersApply)
 
 TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
 {
-    const auto document = parse(
+    const auto document = parseComm(
         R"({"advertise": "h", "heartbeat_ms": 1, "listen": {}, "max_message_bytes": "1", "rundir": "/x",
             "routes": {"/": "ipc://p/a", "/a": "b", "/b": "ipc://p/", "/c": "ipc://p/c?d", "/good": "ipc://p"}, "run_dir": "relative", "send_queue_bytes": -1,
             "socket_group": 7, "socket_mode": 660, "tls": {}})");
@@ -63,7 +63,7 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
     EXPECT_EQ(settings.socketMode, defaults.socketMode);
     EXPECT_EQ(settings.sendQueueBytes, defaults.sendQueueBytes);
     EXPECT_EQ(settings.routes.size(), 1U);
-    EXPECT_THAT(checkCommSettings(parse("[]")), ElementsAre(HasSubstr("\"comm\" is no object")));
+    EXPECT_THAT(checkCommSettings(parseComm("[]")), ElementsAre(HasSubstr("\"comm\" is no object")));
 }
 
 } // namespace

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* DEFAULT_NODE = "local"; // not the host's name, which changes during boot
 
-bool fail(const std::string& problem)
+bool refuse(const std::string& problem)
 {
     return obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, problem);
 }
@@ -34,12 +34,12 @@ bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::s
         partition = DEFAULT_NODE;
         return false;
     case Reading::eFAILED:
-        return fail(problem);
+        return refuse(problem);
     case Reading::eREAD:
         break;
     }
     if (!document.isDictionary()) {
-        return fail(file + ": its root is not an object of process names and node names");
+        return refuse(file + ": its root is not an object of process names and node names");
     }
     const std::string key = document[process].isDefined() ? process : "*";
     const Value& node = document[key];
@@ -47,7 +47,7 @@ bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::s
         partition = DEFAULT_NODE;
         return false;
     }
-    return node.get(partition) && fail(file + ": the node of '" + key + "' is not a string");
+    return node.get(partition) && refuse(file + ": the node of '" + key + "' is not a string");
 }
 
 } // namespace util::config

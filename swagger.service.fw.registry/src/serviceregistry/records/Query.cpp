@@ -6,7 +6,7 @@
 namespace kesa::serviceregistry {
 namespace {
 
-constexpr std::string_view REQUIRED_WORDS[] = {"Pattern "};
+constexpr std::string_view QUERY_WORDS[] = {"Pattern "};
 
 } // namespace
 
@@ -32,7 +32,7 @@ bool Query::serialize(util::serializer::IStructuredSerializer& out) const
 
 bool Query::deserialize(util::serializer::IStructuredPullDeserializer& in)
 {
-    RequiredMembers required("Query", REQUIRED_WORDS);
+    RequiredMembers required("Query", QUERY_WORDS);
     const bool failed = readObject(in, [&](std::string_view name) {
         if (name == "pattern") {
             required.found(0);

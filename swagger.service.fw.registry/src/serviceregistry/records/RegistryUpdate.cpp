@@ -9,8 +9,8 @@ namespace {
 
 constexpr EnumTable<3> UPDATE_TYPES = {"ADDED", "MODIFIED", "REMOVED"};
 
-constexpr std::string_view REQUIRED_WORDS[] = {"UpdateType ", "Element "};
-enum Required : std::size_t { eUPDATE_TYPE, eELEMENT };
+constexpr std::string_view UPDATE_WORDS[] = {"UpdateType ", "Element "};
+enum UpdateMember : std::size_t { eUPDATE_TYPE, eELEMENT };
 
 } // namespace
 
@@ -56,7 +56,7 @@ bool RegistryUpdate::serialize(util::serializer::IStructuredSerializer& out) con
 
 bool RegistryUpdate::deserialize(util::serializer::IStructuredPullDeserializer& in)
 {
-    RequiredMembers required("RegistryUpdate", REQUIRED_WORDS);
+    RequiredMembers required("RegistryUpdate", UPDATE_WORDS);
     const bool failed = readObject(in, [&](std::string_view name) {
         if (name == "updateType") {
             required.found(eUPDATE_TYPE);

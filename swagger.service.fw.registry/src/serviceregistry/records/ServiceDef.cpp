@@ -9,8 +9,8 @@ namespace {
 
 constexpr EnumTable<4> TYPES = {"pex", "lomo", "gateway", "registry"};
 
-constexpr std::string_view REQUIRED_WORDS[] = {"Path ", "Type ", "Versions ", "Locators "};
-enum Required : std::size_t { ePATH, eTYPE, eVERSIONS, eLOCATORS };
+constexpr std::string_view SERVICE_WORDS[] = {"Path ", "Type ", "Versions ", "Locators "};
+enum ServiceMember : std::size_t { ePATH, eTYPE, eVERSIONS, eLOCATORS };
 
 bool equal(const optional<obr::UUID>& a, const optional<obr::UUID>& b)
 {
@@ -72,8 +72,8 @@ bool ServiceDef::serialize(util::serializer::IStructuredSerializer& out) const
 
 bool ServiceDef::deserialize(util::serializer::IStructuredPullDeserializer& in)
 {
-    RequiredMembers required("ServiceDef", REQUIRED_WORDS);
-    const auto readRequired = [&](auto& field, Required which) {
+    RequiredMembers required("ServiceDef", SERVICE_WORDS);
+    const auto readRequired = [&](auto& field, ServiceMember which) {
         required.found(which);
         return readValue(in, field);
     };
