@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <filesystem>
 #include <iostream>
 
 namespace kesa::system_test {
@@ -91,6 +92,57 @@ TEST_F(SystemUse, FollowsAProviderWithAndWithoutTheRegistry)
     m_user->expect("there /p");
     m_user->expect("began /p");
     EXPECT_EQ(m_user->findUnexpected("broken"), "");
+}
+
+TEST_F(SystemUse, FindsItsServiceAgainInARunDirectoryThatIsMadeAnew)
+{
+    namespace fs = std::filesystem;
+    m_user = &start("user", WITH_REGISTRY);
+    m_user->send("use /p");
+    m_user->send("resolve /p");
+    m_user->send("provide /own");
+    m_user->expect("provided /own");
+    for (const bool isRemoved : {false, false, true, true, false}) {
+        Process& registry = startRegistry();
+        Process& provider = startTicking();
+        m_user->expect("there /p");
+        m_user->expect("connected /p");
+        m_user->expect("began /p");
+        m_reached = 0;
+        expectProgress(10);
+        registry.kill();
+        provider.kill();
+        m_user->expect("gone /p");
+        m_user->expect("lost /p");
+        for (const auto& file : fs::directory_iterator(runDirectory())) {
+            fs::remove(file);
+        }
+        if (isRemoved) {
+            fs::remove(runDirectory());
+        }
+    }
+    m_user->send("resolve /own");
+    m_user->expect("connected /own");
+    EXPECT_EQ(m_user->findUnexpected("broken"), "");
+}
+
+TEST_F(SystemUse, GetsOverAMomentWithoutDescriptors)
+{
+    m_user = &start("user", WITH_REGISTRY);
+    m_user->send("use /p");
+    m_user->expectTrace("'ipc://kesa-registryd' is not connected");
+    startRegistry();
+    m_user->expectTrace("'ipc://kesa-registryd' is connected now");
+    m_user->limitDescriptors(0);
+    startTicking(); // of a realm that the user has to look up
+    m_user->expectTrace("is not connected: cannot read which realm the run directory has: Too many open files");
+    m_user->send("provide /q");
+    m_user->expect("refused /q 409");
+    m_user->expectTrace("\": Too many open files; this process has used up its descriptors: let it have more");
+    m_user->freeDescriptors();
+    m_user->expect("there /p");
+    m_user->send("provide /q");
+    m_user->expect("provided /q");
 }
 
 } // namespace

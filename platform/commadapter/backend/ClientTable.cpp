@@ -6,13 +6,6 @@ namespace {
 
 constexpr comm::TimeNs LINGER = 2 * comm::SECOND;
 
-/// An endpoint that can be handled is of this realm, whether its locator says so or not.
-std::string keyOf(transport::Endpoint endpoint)
-{
-    endpoint.realm.clear();
-    return endpoint.toString();
-}
-
 } // namespace
 
 ClientTable::ClientTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, OpenLocal openLocal)
@@ -22,7 +15,7 @@ ClientTable::ClientTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, Open
 std::shared_ptr<ClientConnection> ClientTable::use(const Destination& destination)
 {
     const std::lock_guard lock(m_lock);
-    Entry& entry = m_entries[keyOf(destination.endpoint)];
+    Entry& entry = m_entries[destination.endpoint.toString()];
     if (!entry.connection) {
         entry.connection = std::make_shared<ClientConnection>(
             m_loop, destination, m_makeHello, m_openLocal,
@@ -39,7 +32,7 @@ std::shared_ptr<ClientConnection> ClientTable::use(const Destination& destinatio
 void ClientTable::unused(ClientConnection& connection, bool atOnce)
 {
     m_loop->onLoop(__func__);
-    const std::string key = keyOf(connection.destination().endpoint);
+    const std::string key = connection.destination().endpoint.toString();
     {
         const std::lock_guard lock(m_lock);
         const auto found = m_entries.find(key);

@@ -11,7 +11,8 @@
 
 namespace kesa::commadapter {
 
-/// The connections to other endpoints, one each. One that no client object uses any more lingers for a while.
+/// The connections to other endpoints, one each. One that no client object uses any more lingers for a while. An
+/// endpoint with a realm and one without are two: when the run directory is made anew, only the latter leads there.
 class ClientTable : public std::enable_shared_from_this<ClientTable> {
 public:
     ClientTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, OpenLocal openLocal);

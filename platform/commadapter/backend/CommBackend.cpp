@@ -276,7 +276,10 @@ OpenLocal CommBackend::makeOpenLocal() const
         const auto endpoint = destination.transport->ownEndpoint();
         const auto heldLoop = loop.lock();
         const auto heldServices = services.lock();
-        if (!endpoint || endpoint->process != destination.endpoint.process || !heldLoop || !heldServices) {
+        const std::string& realm = destination.endpoint.realm; // else of its namesake in the directory made anew
+        const bool isOwn = endpoint && endpoint->process == destination.endpoint.process &&
+                           (realm.empty() || realm == endpoint->realm);
+        if (!isOwn || !heldLoop || !heldServices) {
             return nullptr;
         }
         auto [client, server] = makeLocalStreams(heldLoop->reactor());

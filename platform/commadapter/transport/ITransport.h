@@ -107,7 +107,8 @@ public:
 
     /// Reads the authority of a locator of this scheme; absent when it is malformed.
     virtual std::optional<Endpoint> parse(const url& locator) const = 0;
-    /// Whether it is of this realm: decided from the text alone.
+    /// Whether it is of this realm, or may be, where that cannot be read at the moment: then `connect` says what is
+    /// missing. Never by who can be reached.
     virtual bool canHandle(const Endpoint& endpoint) const = 0;
 
     enum class Failure {

@@ -96,7 +96,8 @@ public:
     std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }
     bool canHandle(const Endpoint& endpoint) const override
     {
-        return endpoint.scheme == "ipc" && (endpoint.realm.empty() || m_runDirectory.hasRealm(endpoint.realm));
+        int ignored = 0;
+        return judge(endpoint, ignored) != RunDirectory::Realm::eOTHER;
     }
     void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) override;
     comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) override;
@@ -118,6 +119,7 @@ private:
         obr::GlobalErrorHandler::doAssert(m_loop->isCurrent(), "m_loop->isCurrent()", __FILE__, __LINE__, function,
                                           "only on the loop of the transport");
     }
+    RunDirectory::Realm judge(const Endpoint& endpoint, int& error) const;
     template <class Task>
     void postWhileOpen(Task task);
     void startAccepting(Accept accept);
@@ -237,14 +239,37 @@ void IpcTransport::connect(const Endpoint& endpoint, util::UniqueFunction<void(C
     postWhileOpen([done = std::move(done), connected = open(endpoint)]() mutable { done(std::move(connected)); });
 }
 
+RunDirectory::Realm IpcTransport::judge(const Endpoint& endpoint, int& error) const
+{
+    if (endpoint.scheme != "ipc") {
+        return RunDirectory::Realm::eOTHER;
+    }
+    { // what this process provides stays its own, whatever becomes of the directory
+        const std::lock_guard lock(m_mutex);
+        if (endpoint.realm.empty() || (m_own && *m_own == endpoint)) {
+            return RunDirectory::Realm::eOURS;
+        }
+    }
+    return m_runDirectory.judge(endpoint.realm, error);
+}
+
 ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
 {
-    if (!canHandle(endpoint)) {
-        return {nullptr, Failure::eOTHER, "the locator is of another realm"};
-    }
     const auto refuse = [](Failure failure, const char* what) {
         return Connected{nullptr, failure, fmt::format("{}: {}", what, std::system_category().message(errno))};
     };
+    int error = 0;
+    const RunDirectory::Realm realm = judge(endpoint, error);
+    if (realm == RunDirectory::Realm::eOTHER) {
+        return {nullptr, Failure::eOTHER, "the locator is of another realm"};
+    }
+    const auto maySearch = [this] {
+        return ::faccessat(AT_FDCWD, m_runDirectory.path().c_str(), X_OK, AT_EACCESS) == 0;
+    };
+    if (realm == RunDirectory::Realm::eUNKNOWN && (error != EACCES || maySearch())) { // else see below
+        errno = error;
+        return refuse(Failure::eOTHER, "cannot read which realm the run directory has");
+    }
     const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
     const Descriptor file(retryInterrupted([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
     struct stat status {};

@@ -53,28 +53,43 @@ std::string adviseRights(const std::string& directory)
                : "make it writable for this process";
 }
 
-/// What helps against `error`, before "name another one"; empty where nothing else does.
+/// What helps against `error`.
 std::string advise(const std::string& directory, int error)
 {
     namespace fs = std::filesystem;
     const fs::path around = fs::path(directory).parent_path();
     struct stat status {};
+    std::string here; // before naming another one
     switch (error) {
+    case EMFILE:
+        return "this process has used up its descriptors: let it have more (ulimit -n, or LimitNOFILE= of its unit) or "
+               "close some, then try again";
+    case ENFILE:
+    case ENOMEM:
+        return "the machine is short of them: try again later";
     case EACCES:
     case EPERM:
-        return adviseRights(directory) + ", or ";
+        here = adviseRights(directory) + ", or ";
+        break;
     case ENOENT:
-        return ::stat(around.c_str(), &status) == 0 ? "" : fmt::format("make \"{}\", or ", around.string());
+        here = ::stat(around.c_str(), &status) == 0 ? "" : fmt::format("make \"{}\", or ", around.string());
+        break;
+    case ENOSPC:
+    case EDQUOT:
+        here = "make room there, or ";
+        break;
     case ENOTDIR: {
         fs::path file = directory;
         while (::stat(file.c_str(), &status) != 0 && errno == ENOTDIR) {
             file = file.parent_path();
         }
-        return fmt::format("\"{}\" is a file; ", file.string());
+        here = fmt::format("\"{}\" is a file; ", file.string());
+        break;
     }
     default:
-        return "";
+        break;
     }
+    return here + "name another one with \"run_dir\" or KESA_RUN_DIR";
 }
 
 /// Writes a file of its own and links it to the name: nobody reads half a realm, and the first one to link has won.
@@ -127,8 +142,8 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
 {
     const auto refuse = [&](const char* what) {
         const int error = errno;
-        why = fmt::format("{} the run directory \"{}\": {}; {}name another one with \"run_dir\" or KESA_RUN_DIR", what,
-                          m_path, std::system_category().message(error), advise(m_path, error));
+        why = fmt::format("{} the run directory \"{}\": {}; {}", what, m_path, std::system_category().message(error),
+                          advise(m_path, error));
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;
@@ -146,11 +161,14 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         file = readRealmFile(opened.get());
     }
     if (file.realm.empty()) {
-        why = file.error == 0 ? fmt::format("the file \"{}/{}\" does not hold 16 hex digits; remove it when no process "
-                                            "uses the directory",
-                                            m_path, REALM_FILE)
-                              : fmt::format("cannot read the file \"{}/{}\": {}; give it the mode {:04o}", m_path,
-                                            REALM_FILE, std::system_category().message(file.error), REALM_MODE);
+        const std::string name = m_path + '/' + REALM_FILE;
+        why = file.error == 0
+                  ? fmt::format("the file \"{}\" does not hold 16 hex digits; remove it when no process uses "
+                                "the directory",
+                                name)
+                  : fmt::format("cannot read the file \"{}\": {}; {}", name, std::system_category().message(file.error),
+                                file.error == EACCES ? fmt::format("give it the mode {:04o}", REALM_MODE)
+                                                     : advise(m_path, file.error));
         return true;
     }
     if (::faccessat(opened.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
@@ -163,19 +181,22 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
     return false;
 }
 
-bool RunDirectory::hasRealm(const std::string& realm)
+RunDirectory::Realm RunDirectory::judge(const std::string& realm, int& error)
 {
     const std::lock_guard lock(m_mutex);
     if (m_realm == realm) {
-        return true;
+        return Realm::eOURS;
     }
     const Descriptor directory(
         retryInterrupted([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
-    const std::string present = directory ? readRealmFile(directory.get()).realm : "";
-    if (!present.empty()) { // while it is missing, the last one stands
-        m_realm = present;
+    const RealmFile present = directory ? readRealmFile(directory.get()) : RealmFile{errno, {}};
+    if (!present.realm.empty()) {
+        m_realm = present.realm;
     }
-    return m_realm == realm;
+    error = present.error;
+    const bool isReadable =
+        error == 0 || error == ENOENT || error == ENOTDIR; // while it is missing, the last one stands
+    return m_realm == realm ? Realm::eOURS : isReadable ? Realm::eOTHER : Realm::eUNKNOWN;
 }
 
 } // namespace kesa::commadapter::transport

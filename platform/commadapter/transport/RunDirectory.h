@@ -33,9 +33,14 @@ public:
     /// failure: `why` says what is wrong and what to do.
     [[nodiscard]] bool prepare(Descriptor& directory, std::string& realm, std::string& why);
 
-    /// Whether this directory has the realm. Reads its file only until that is known, and for the realms of others:
-    /// the directory may have been made anew.
-    bool hasRealm(const std::string& realm);
+    enum class Realm {
+        eOURS,
+        eOTHER,
+        eUNKNOWN, ///< the file cannot be read at the moment, for lack of descriptors or rights
+    };
+    /// Whose the realm is. Reads the directory's file only until that is known, and for the realms of others: the
+    /// directory may have been made anew. `error`: with `eUNKNOWN` the `errno`.
+    Realm judge(const std::string& realm, int& error);
 
 private:
     explicit RunDirectory(const RunDirectoryChoice& choice);
