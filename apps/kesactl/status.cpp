@@ -68,9 +68,13 @@ std::string nameOf(const Value& connection)
 std::string stateOf(const Value& connection)
 {
     if (connection["connected"] == Value(true)) {
-        return connection["held"] == Value(true)
-                   ? fmt::format("does not take its answers; {} bytes of it wait", connection["unreadBytes"].toText())
-                   : "connected";
+        if (connection["held"] == Value(true)) {
+            return fmt::format("does not take its answers; {} bytes of it wait", connection["unreadBytes"].toText());
+        }
+        unsigned cut = 0;
+        const bool hasCuts = !connection["cutStreams"].get(cut) && cut > 0;
+        return hasCuts ? fmt::format("connected; too slow for {} {}", cut, cut == 1 ? "stream" : "streams")
+                       : "connected";
     }
     const std::string_view reason = connection["reason"].stringView();
     return fmt::format("not connected{}{}", reason.empty() ? "" : ": ", reason);

@@ -111,6 +111,7 @@ void appendConnection(std::string& out, const ConnectionFacts& facts)
     connection.number("unreadBytes", facts.unreadBytes);
     if (facts.isByPeer) {
         connection.flag("held", facts.isHeld);
+        connection.number("cutStreams", facts.cutStreams);
     }
     if (!facts.reason.empty()) {
         connection.text("reason", facts.reason);

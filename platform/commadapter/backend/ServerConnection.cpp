@@ -21,6 +21,8 @@
 #include <kesa/IResponseHandler.h>
 #include <kesa/headers.h>
 
+#include <fmt/format.h>
+
 #include <utility>
 
 namespace kesa::commadapter {
@@ -113,6 +115,7 @@ ConnectionFacts ServerConnection::facts(std::size_t& looks) const
     facts.isConnected = m_context.peer != nullptr;
     facts.process = m_context.process;
     const Lock lock(m_lock);
+    facts.cutStreams = m_cuts;
     if (isOpen()) {
         addFacts(facts, m_openedAt);
         addOpenRequests(facts, m_streams, looks);
@@ -188,6 +191,29 @@ bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std
     return machine().queuedBytes() > bound + machine().persistentBytes() && machine().queuedBytes(number) > 0;
 }
 
+/// Tells both sides whose it was, how much waits, and what may. One line until the client has kept up again: who has
+/// many streams loses many.
+Response ServerConnection::tooSlow(const Stream& stream, std::size_t size)
+{
+    const CommSettings& settings = loop().settings();
+    const bool isOwnBound = stream.isPersistent ? isOverBound(size) : loop().queued().all > settings.processQueueBytes;
+    const bool isOfAll = stream.isPersistent && !isOwnBound;
+    const std::size_t ofConnection =
+        stream.isPersistent ? machine().persistentBytes() : machine().queuedBytes() - machine().persistentBytes();
+    const std::string why = fmt::format(
+        "the client '{}' takes values more slowly than they come: {} bytes wait for it{}, with the next {} more than "
+        "{}",
+        peerName(), isOfAll ? loop().queued().persistent : ofConnection, isOfAll ? " and others" : "", size,
+        isOwnBound ? fmt::format("the provider's \"comm\", \"send_queue_bytes\" of {}", settings.sendQueueBytes)
+                   : fmt::format("the {} that the provider keeps for all", settings.processQueueBytes));
+    ++m_cuts;
+    const int severity = std::exchange(m_isCutTraced, true) ? 2 : 3;
+    KESA_TRACE(CHANNEL, severity, "[answer] '%s': a stream is cut: %s", stream.service->path.c_str(), why.c_str());
+    Response error = Response::createErrorResponse(503, "too slow");
+    headers::appendReason(error, why);
+    return error;
+}
+
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
 void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why)
 {
@@ -208,8 +234,9 @@ void ServerConnection::postCut(std::uint32_t number, Stream& stream, Response er
 bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
 {
     if (stream.policy == QueuePolicy::eCUT_STREAM) {
+        Response error = tooSlow(stream, size);
         machine().dropQueued(number);
-        postCut(number, stream, Response::createErrorResponse(503, "too slow"));
+        postCut(number, stream, std::move(error));
         return true;
     }
     if (stream.isPersistent && !isProcessOverBound(size)) {
@@ -262,6 +289,7 @@ void ServerConnection::setPolicy(std::uint32_t number, std::uint64_t serial, Que
 
 void ServerConnection::onQueueEmpty()
 {
+    m_isCutTraced = false;
     while (!m_latest.empty()) {
         const std::uint32_t number = m_latest.front().stream;
         queueLatest(number, *m_streams.find(number));

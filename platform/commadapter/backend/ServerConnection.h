@@ -85,6 +85,7 @@ private:
     Stream* find(std::uint32_t stream, std::uint64_t serial);
     bool isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
+    Response tooSlow(const Stream& stream, std::size_t size);
     void refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why);
     void postCut(std::uint32_t number, Stream& stream, Response error);
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
@@ -122,6 +123,8 @@ private:
     std::list<Latest> m_latest;                  ///< in order of arrival; one for each stream at most
     std::deque<std::function<void()>> m_drained; ///< what waits for the queue to be empty
     bool m_isDrainedPosted = false;
+    bool m_isCutTraced = false; ///< since the queue was empty
+    std::size_t m_cuts = 0;     ///< streams whose client was too slow
     std::string m_endReason;
 
     // Loop only.

@@ -15,6 +15,7 @@
 
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
+#include <kesa/headers.h>
 
 #include <gtest/gtest.h>
 
@@ -33,6 +34,7 @@ struct Outcome {
     std::vector<std::string> values;
     int status = 0; ///< of the error that ended it
     std::string errorText;
+    std::string reason; ///< of the same
     bool isCompleted = false;
     bool isCancelled = false; ///< the cancel has returned
     bool isDestroyed = false;
@@ -140,6 +142,7 @@ private:
             hear(m_outcome->onEnd, [&] {
                 m_outcome->status = error.getStatus();
                 m_outcome->errorText = error.getErrorMessage();
+                m_outcome->reason = error.getHeaders()[headers::REASON].stringView();
             });
         }
         void onCompleted() override

@@ -12,6 +12,7 @@ namespace {
 
 using testing::AllOf;
 using testing::Ge;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Le;
 
@@ -252,6 +253,7 @@ TEST_F(BackendHolding, StreamsThatDoNotSayTheyLastAreBoundedTogether)
     scheduler->continueGroup(2);
     settle();
     EXPECT_EQ(outcomes.front()->errorText, "too slow");
+    EXPECT_THAT(outcomes.front()->reason, HasSubstr("bytes wait for it, with the next "));
     EXPECT_EQ(answered(), 1U);
     EXPECT_EQ(client->checker.connections(), 1U);
 }

@@ -16,6 +16,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::SizeIs;
+using testing::StartsWith;
 
 constexpr std::size_t BODY_SIZE = 1000;
 
@@ -86,6 +87,11 @@ TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
     settle();
     EXPECT_EQ(slow->status, 503);
     EXPECT_EQ(slow->errorText, "too slow");
+    EXPECT_THAT(slow->reason, StartsWith("the client 'client (process "));
+    EXPECT_THAT(slow->reason, HasSubstr("bytes wait for it, with the next 1000 more than the provider's \"comm\", "
+                                        "\"send_queue_bytes\" of 65536"));
+    EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("[answer] '/service': a stream is cut: " + slow->reason)));
+    EXPECT_THAT(server->describe(), HasSubstr(R"("cutStreams":1)"));
     EXPECT_LT(slow->values.size(), static_cast<std::size_t>(accepted));
     EXPECT_THAT(other->values, ElementsAre("fine"));
     EXPECT_TRUE(client->checker.isConnected());
