@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/processName.h>
 #include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <obr/ErrorStorage.h>
@@ -91,7 +92,7 @@ std::string checkLocator(const std::string& text)
     const kesa::url locator(text);
     if (locator.scheme() == "ipc" && !kesa::commadapter::transport::parseProcessAuthority(locator, "ipc")) {
         return fmt::format("'{}' names no process; a name has 1 to {} bytes, those other than A-Z a-z 0-9 . _ - as %XX",
-                           text, kesa::commadapter::transport::LONGEST_PROCESS_NAME);
+                           text, kesa::LONGEST_PROCESS_NAME);
     }
     return locator.isValid() && locator.isAbsolute() && !locator.hasQueryOrFragment()
                ? ""

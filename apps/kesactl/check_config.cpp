@@ -9,13 +9,13 @@
 #include <CLI/CLI.hpp>
 #include <backend/readCommSettings.h>
 #include <comm/Clock.h>
+#include <kesa/processName.h>
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/advice.h>
 #include <runtime/v02/config/reviewDocument.h>
-#include <transport/Authority.h>
 #include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
 
@@ -144,10 +144,8 @@ int checkConfig(const CheckConfigArguments& arguments)
     if (!arguments.process.empty()) {
         process = arguments.process;
         partition = partitionOf(arguments.process, config, report);
-        if (!kesa::commadapter::transport::isProcessName(*process)) {
-            report.complaints.push_back(
-                {3, false, "",
-                 kesa::commadapter::transport::refuseProcessName(*process) + "; nobody finds what it provides"});
+        if (const std::string complaint = kesa::complaintAboutProcessName(*process); !complaint.empty()) {
+            report.complaints.push_back({3, false, "", complaint + "; its runtime does not start"});
         }
     }
     reviewDocument(report);

@@ -2,6 +2,7 @@
 
 #include <comm/Clock.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/Channel.h>
 
@@ -47,6 +48,8 @@ public:
             m_error =
                 fmt::format("the runtime '{}' did not start: this process has one already; use that, or end it before",
                             processName);
+        } else if (const std::string complaint = complaintAboutProcessName(processName); !complaint.empty()) {
+            m_error = "the runtime did not start: " + complaint;
         } else if (KesaRuntime::initInstance(processName, fallbackDocument)) {
             KesaRuntime::shutdown(); // an instance is there all the same
             m_error = fmt::format("the runtime '{}' did not start: its configuration names no backend, or no registry "

@@ -1,5 +1,6 @@
 #include "transport/Authority.h"
 
+#include <kesa/processName.h>
 #include <obr/Random.h>
 
 #include <fmt/format.h>
@@ -65,17 +66,6 @@ std::string encodeProcessName(std::string_view name)
         text.append({'%', HEX[byte >> 4U], HEX[byte & 15U]});
     }
     return text;
-}
-
-bool isProcessName(std::string_view name) noexcept
-{
-    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME;
-}
-
-std::string refuseProcessName(std::string_view name)
-{
-    return fmt::format("\"{}\" cannot be the name of this process: a name has 1 to {} bytes, and this one {}", name,
-                       LONGEST_PROCESS_NAME, name.size());
 }
 
 std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme)

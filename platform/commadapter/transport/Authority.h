@@ -3,23 +3,15 @@
 
 #include "transport/ITransport.h"
 
-#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace kesa::commadapter::transport {
 
-inline constexpr std::size_t LONGEST_PROCESS_NAME = 64;
-
 /// Writes a process name as it stands in locators and in file names: bytes other than `[A-Za-z0-9._-]`, and a dot at
 /// the beginning, as `%XX`. Two names never share a text, and none is hidden, "." or "..".
 std::string encodeProcessName(std::string_view name);
-
-/// Whether a process can have this name: 1 to 64 bytes.
-bool isProcessName(std::string_view name) noexcept;
-/// Why it is none.
-std::string refuseProcessName(std::string_view name);
 
 /// Reads the authority `process` or `process+realm` of a locator of `scheme`; absent when it is malformed.
 std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme);

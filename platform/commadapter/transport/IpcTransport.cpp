@@ -12,6 +12,7 @@
 #include "transport/RunDirectory.h"
 
 #include <comm/processStart.h>
+#include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/Channel.h>
 
@@ -170,7 +171,7 @@ bool IpcTransport::listen(const std::string& process, Accept accept, std::string
         return false;
     }
     if (m_isClosed || m_own || !isProcessName(process)) {
-        why = m_isClosed ? std::string("the transport is closed") : refuseProcessName(process);
+        why = m_isClosed ? std::string("the transport is closed") : complaintAboutProcessName(process);
         return true;
     }
     Descriptor directory;

@@ -3,6 +3,7 @@
 #include "transport/Authority.h"
 #include "transport/MemoryLink.h"
 
+#include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <fmt/format.h>
@@ -152,7 +153,7 @@ bool MemoryTransport::listen(const std::string& process, Accept accept, std::str
         return true;
     }
     if (m_port->isClosed || !m_port->process.empty() || !isProcessName(process)) {
-        why = m_port->isClosed ? std::string("the transport is closed") : refuseProcessName(process);
+        why = m_port->isClosed ? std::string("the transport is closed") : complaintAboutProcessName(process);
         return true;
     }
     m_port->process = process;

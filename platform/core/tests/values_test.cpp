@@ -4,6 +4,7 @@
 #include <kesa/Response.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/processName.h>
 #include <kesa/reasonOf.h>
 #include <kesa/servicecomp.h>
 #include <kesa/tracing.h>
@@ -125,6 +126,22 @@ TEST(Response, HasAnErrorText)
     headers::appendReason(bare, "held by process player (pid 812)");
     EXPECT_EQ(Response::getErrorMessageWithCode(bare), "409");
     EXPECT_EQ(reasonOf(bare), "409: held by process player (pid 812)");
+}
+
+TEST(Process, IsNamedByOneTo64BytesOfText)
+{
+    for (const std::string& good : {std::string("media"),
+                                    std::string("m\xC3\xA9"
+                                                "dia"),
+                                    std::string(64, 'a')}) {
+        EXPECT_TRUE(isProcessName(good)) << good;
+        EXPECT_EQ(complaintAboutProcessName(good), "");
+    }
+    const std::string rule = "cannot be the name of this process: a name ";
+    EXPECT_EQ(complaintAboutProcessName(""), "\"\" " + rule + "has 1 to 64 bytes, and this one 0");
+    const std::string longer(65, 'a');
+    EXPECT_EQ(complaintAboutProcessName(longer), '"' + longer + "\" " + rule + "has 1 to 64 bytes, and this one 65");
+    EXPECT_EQ(complaintAboutProcessName("a\xFF"), "\"a\\xFF\" " + rule + "is UTF-8, and this one is not");
 }
 
 TEST(Process, ChoosesFormats)

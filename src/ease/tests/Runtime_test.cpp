@@ -198,6 +198,9 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
         EXPECT_FALSE(without || KesaRuntime::isRunning());
         EXPECT_THAT(without.error(), HasSubstr(why));
         EXPECT_EQ(without.runUntilSignal(), 0);
+        EXPECT_EQ(Runtime("\xFF", ALONE).error(),
+                  R"(the runtime did not start: "\xFF" cannot be the name of this process: )"
+                  "a name is UTF-8, and this one is not");
     }
     const Runtime first("first", ALONE);
     EXPECT_TRUE(first && first.error().empty());

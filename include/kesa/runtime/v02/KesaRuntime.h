@@ -21,8 +21,8 @@ namespace kesa::runtime::v02 {
 /// the caller to see to.
 class KESA_API KesaRuntime {
 public:
-    /// Creates the runtime and starts it. False: started. True: the configuration names no backend; the instance is
-    /// there all the same and has to be shut down.
+    /// Creates the runtime and starts it. False: started. True: the configuration names no backend, or no process can
+    /// have that name (`complaintAboutProcessName`); the instance is there all the same and has to be shut down.
     [[nodiscard]] static bool initInstance(const std::string& processName);
     /// The same, for a process that needs no configuration file: the text of a document that counts when there is no
     /// file at all. Of the text the backend reads nothing; it has its defaults then.

@@ -2,6 +2,7 @@
 
 #include <comm/Condition.h>
 #include <kesa/Request.h>
+#include <kesa/processName.h>
 #include <kesa/runtime/mimetype.h>
 #include <kesa/servicecomp.h>
 #include <kesa/serviceregistry/ServiceRegistryPexClient.h>
@@ -57,6 +58,10 @@ bool KesaRuntimeImpl::start()
         return false;
     }
     m_isRunning = true;
+    if (const std::string complaint = complaintAboutProcessName(m_proc_name); !complaint.empty()) {
+        KESA_TRACE(MAIN_CHANNEL, 4, "[KesaRuntimeImpl::start] %s", complaint.c_str());
+        return true;
+    }
     std::string partition;
     const bool failure = util::config::FrameworkProvider::getNodenameForProcess(m_proc_name, partition);
     KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] m_proc_name=%s, ownPartition=%s", m_proc_name.c_str(),

@@ -1,0 +1,40 @@
+#include "utf8.h"
+
+#include <kesa/processName.h>
+
+#include <fmt/format.h>
+
+namespace kesa {
+
+namespace {
+
+/// As it can be shown.
+std::string escaped(std::string_view name)
+{
+    std::string text;
+    for (const char c : name) {
+        const auto byte = static_cast<unsigned char>(c);
+        text += byte < 0x80 ? std::string(1, c) : fmt::format("\\x{:02X}", byte);
+    }
+    return text;
+}
+
+} // namespace
+
+bool isProcessName(std::string_view name) noexcept
+{
+    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME && utf8::isValid(name);
+}
+
+std::string complaintAboutProcessName(std::string_view name)
+{
+    if (isProcessName(name)) {
+        return {};
+    }
+    const bool isText = utf8::isValid(name);
+    return fmt::format("\"{}\" cannot be the name of this process: ", isText ? std::string(name) : escaped(name)) +
+           (isText ? fmt::format("a name has 1 to {} bytes, and this one {}", LONGEST_PROCESS_NAME, name.size())
+                   : "a name is UTF-8, and this one is not");
+}
+
+} // namespace kesa
