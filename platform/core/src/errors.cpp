@@ -1,4 +1,5 @@
 #include <kesa/errors.h>
+#include <kesa/mimetypes.h>
 
 #include <fmt/format.h>
 
@@ -27,7 +28,8 @@ std::string textOf(int number, const std::string_view* arguments, std::size_t co
     case 15:
         return fmt::format("{}: no service path can be derived from the path of the request", argument(0));
     case 16:
-        return fmt::format("no serializer for the mime type '{}'", argument(0));
+        return fmt::format("no serializer for the mime type '{}'; known are {}, {} and {}", argument(0),
+                           mimetypes::JSON, mimetypes::MSGPACK, mimetypes::QELBIN);
     case MALFORMED_GLOB:
         return fmt::format("glob '{}' is malformed at position {}: {}", argument(0), argument(1), argument(2));
     default:

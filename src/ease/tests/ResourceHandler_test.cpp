@@ -195,7 +195,9 @@ TEST(ResourceHandler, ReadsBodiesOrSaysWhatIsWrongWithThem)
     EXPECT_EQ(read(number, json("7 8")),
               "400: the body can not be read: 1:3: unexpected text after the end of the document");
     EXPECT_EQ(read(number, {}), "400: the body is empty");
-    EXPECT_EQ(read(number, asText("7")), "400: the body can not be read: no serializer for the mime type 'plain/text'");
+    EXPECT_EQ(read(number, asText("7")),
+              "400: the body can not be read: no serializer for the mime type 'plain/text'; "
+              "known are application/json, application/vnd.msgpack and application/vnd.qelbin");
 
     const Response answer(200, json(R"({"a":[1,{"b":null}]})"));
     EXPECT_EQ(asPayload(body<util::config::Value>(answer)).text(), answer.getPayload().text());

@@ -98,7 +98,9 @@ TEST_F(ServiceRegistryClientTest, TellsWhyABodyCannotBeWrittenAndLeavesTheHandle
     ServiceRegistryClient unknown(&api, "text/html");
     EXPECT_EQ(query(unknown), IKesaApi::UNDEFINED_REQUEST_HANDLE);
     EXPECT_EQ(track(unknown, nullopt), IKesaApi::UNDEFINED_REQUEST_HANDLE);
-    const std::string noSerializer = "error 400: no serializer for the mime type 'text/html'";
+    const std::string noSerializer =
+        "error 400: no serializer for the mime type 'text/html'; known are application/json, "
+        "application/vnd.msgpack and application/vnd.qelbin";
     EXPECT_THAT(heard, ElementsAre(noSerializer, "gone", noSerializer, "gone"));
     EXPECT_FALSE(obr::ErrorStorage::isError());
     EXPECT_THAT(api.sent, IsEmpty());

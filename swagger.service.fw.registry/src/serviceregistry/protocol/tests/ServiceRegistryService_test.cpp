@@ -100,7 +100,8 @@ TEST_F(ServiceRegistryServiceTest, RefusesWithAStatusAReasonAndATrace)
         {"retrieve", "/", json("{}"), "/",
          "400: Cannot build Query, some of required attributes are not set: Pattern "},
         {"retrieve", "/", Payload::createFromString("x", "text/html"), "/",
-         "400: no serializer for the mime type 'text/html'"},
+         "400: no serializer for the mime type 'text/html'; known are application/json, application/vnd.msgpack and "
+         "application/vnd.qelbin"},
     };
     const std::string head = "KESA_SERVICEREGISTRY_SERVICEREGISTRYSERVICE 4 [actionRequest] failed: cmd='";
     for (const auto& [command, path, body, dispatch, answer] : requests) {
