@@ -22,6 +22,10 @@ class Body:
     data: bytes
     mime_type: str
 
+    def __post_init__(self) -> None:
+        if not isinstance(self.data, (bytes, bytearray)) or not isinstance(self.mime_type, str):
+            raise TypeError(f"a body is bytes and the text of a mime type, not {self.data!r:.40} and {self.mime_type!r:.40}")
+
 
 def text(value: str) -> Body:
     """A body of type plain/text."""

@@ -7,6 +7,7 @@ from typing import Any
 
 from .errors import ProtocolError
 
+LEVELS = 128
 _BREAK = object()
 _SIMPLE = {20: False, 21: True, 22: None}
 
@@ -18,8 +19,10 @@ def encode(value: Any) -> bytes:
     return bytes(out)
 
 
-def write(out: bytearray, value: Any) -> None:
-    """Appends `value` to `out`."""
+def write(out: bytearray, value: Any, levels: int = LEVELS) -> None:
+    """Appends `value` to `out`. TypeError or ValueError if whoever reads it would refuse it."""
+    if levels <= 0 and isinstance(value, (dict, list, tuple)):
+        raise ValueError("a value is nested too deeply")
     if value is None or isinstance(value, bool):
         out.append({False: 0xF4, True: 0xF5, None: 0xF6}[value])
     elif isinstance(value, int):
@@ -36,13 +39,15 @@ def write(out: bytearray, value: Any) -> None:
     elif isinstance(value, dict):
         out.append(0xBF)
         for key, member in value.items():
+            if not isinstance(key, str):
+                raise TypeError(f"the key {key!r} is no text")
             write(out, key)
-            write(out, member)
+            write(out, member, levels - 1)
         out.append(0xFF)
     elif isinstance(value, (list, tuple)):
         out.append(0x9F)
         for member in value:
-            write(out, member)
+            write(out, member, levels - 1)
         out.append(0xFF)
     else:
         raise TypeError(f"a value of type {type(value).__name__} cannot be sent")
@@ -64,7 +69,7 @@ def _write_number(out: bytearray, major: int, number: int) -> None:
         raise ValueError(f"{number} has more than 64 bits")
 
 
-def decode(data: bytes, levels: int = 128) -> Any:
+def decode(data: bytes, levels: int = LEVELS) -> Any:
     """The one value in `data`; ProtocolError if it is broken, nested deeper than `levels`, or followed by more."""
     reader = _Reader(data)
     value = reader.value(levels)
@@ -82,6 +87,9 @@ def decode_pairs(data: bytes, levels: int) -> list[tuple[Any, Any]]:
         raise ProtocolError("it is not a map")
     pairs = reader.pairs(number, levels - 1)
     reader.finish()
+    for key, _ in pairs:
+        if not isinstance(key, str) and (not isinstance(key, int) or isinstance(key, bool) or key < 0):
+            raise ProtocolError("a key is neither text nor a number")
     return pairs
 
 

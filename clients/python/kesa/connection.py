@@ -75,8 +75,14 @@ class Connection:
         return {**known, "queuedBytes": self._wire.pending}
 
     def send(self, message: Message) -> None:
-        """ValueError or OverflowError if it has no form or is too large; then nothing was sent."""
-        self._wire.write(message.encode(self.limit))
+        """TypeError, ValueError or OverflowError if it has no form or is too large; then nothing was sent."""
+        try:
+            data = message.encode(self.limit)
+        except OverflowError as error:
+            theirs = self.limit < self._own.limit
+            setting = f'raise "comm", "max_message_bytes" of {self.peer.process!r}' if theirs else "this client takes no more"
+            raise OverflowError(f"{error}; {setting}, or send it in parts") from None
+        self._wire.write(data)
 
     def when_room(self, then: Callable[[], None]) -> None:
         """Calls `then`, perhaps at once, when not too much is pending or the end has come."""
@@ -124,7 +130,11 @@ class Connection:
 
     def _hello(self, hello: Hello) -> None:
         if not hello.lowest <= VERSION <= hello.highest:
-            raise ProtocolError(f"it speaks versions {hello.lowest} to {hello.highest}, this side {VERSION} to {VERSION}")
+            self._end(
+                f"it speaks versions {hello.lowest} to {hello.highest} of the protocol, this side {VERSION} to {VERSION}; "
+                "install releases that have one in common"
+            )
+            return
         self.peer = hello
         self._hello_timer.cancel()
         if self.pid:

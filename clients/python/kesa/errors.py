@@ -25,6 +25,8 @@ class ServiceError(KesaError):
     """
 
     def __init__(self, status: int, reason: str = ""):
+        if not isinstance(status, int) or not isinstance(reason, str):
+            raise TypeError(f"an error is a number and a text, not {status!r} and {reason!r}")
         if not 0 <= status <= 65535:
             raise ValueError(f"{status} is no status: it must be from 0 to 65535")
         super().__init__(f"{status} {reason}" if reason else str(status))

@@ -47,7 +47,10 @@ class Head:
     headers: dict[str, Any] = field(default_factory=dict)
 
     def encode(self) -> bytes:
-        """The bytes; none for a head without members. ValueError if it has no form or is too large."""
+        """The bytes; none for a head without members. TypeError or ValueError if it has no form or is too large."""
+        for text in (self.command, self.path, self.mime_type, *self.headers):
+            if not isinstance(text, str):
+                raise TypeError(f"{text!r} is no text")
         out = bytearray()
         for key, text in ((0, self.command), (1, self.path), (2, self.mime_type)):
             if text:
@@ -60,7 +63,7 @@ class Head:
             value = self.headers[name]
             key = _HEADER_KEYS.get(name) if isinstance(value, str) else None
             cbor.write(out, name if key is None else key)
-            cbor.write(out, value if key is None else _WORD_NUMBERS.get(key, {}).get(value, value))
+            cbor.write(out, value if key is None else _WORD_NUMBERS.get(key, {}).get(value, value), LEVELS - 1)
         if not out:
             return b""
         if len(out) + 2 > LARGEST_HEAD:
@@ -85,8 +88,6 @@ def decode(data: bytes) -> Head:
                 head.body_size = _number(key, value)
             else:
                 setattr(head, ("command", "path", "mime_type")[key], _text(key, value))
-        elif not isinstance(key, int) or key < 0:
-            raise ProtocolError("a key is neither text nor a number")
     return head
 
 
@@ -105,7 +106,12 @@ class Hello:
     def encode(self) -> bytes:
         """The bytes of the head."""
         members = (self.lowest, self.highest, self.process, self.realm, self.instance, self.listeners, self.limit)
-        return cbor.encode({16 + at: member for at, member in enumerate(members) if member not in ("", [])})
+        out = bytearray(b"\xbf")
+        for at, member in enumerate(members):
+            if member not in ("", []):
+                cbor.write(out, 16 + at)
+                cbor.write(out, member)
+        return bytes(out) + b"\xff"
 
 
 def decode_hello(data: bytes) -> Hello:

@@ -83,6 +83,8 @@ class Link:
         self._loop = loop
         self._directory = directory
         self._hello = hello
+        self.reached = False
+        """Whether a process took the last connection."""
         self._connection: Connection | None = None
         self._targets: dict[str, Target] = {}
         self._numbers: dict[int, Target] = {}
@@ -123,7 +125,7 @@ class Link:
         self._drop_unused(target)
 
     def request(self, exchange: Exchange, command: str, path: str, data: bytes, mime_type: str) -> None:
-        """Sends it. ServiceError if it cannot be sent; then `exchange` hears nothing."""
+        """Sends it. ServiceError or TypeError if it cannot be sent; then `exchange` hears nothing."""
         if not self._connection or not exchange.target.attached:
             raise ServiceError(503, f"{exchange.target.path} is not attached: {self.problem}")
         if exchange.semantic:
@@ -135,7 +137,7 @@ class Link:
             self._connection.send(Message(frames.REQUEST, exchange.stream, exchange.target.number, head, data))
         except OverflowError as error:
             raise ServiceError(413, str(error)) from None
-        except (ValueError, TypeError) as error:
+        except ValueError as error:
             raise ServiceError(400, f"the request has no form: {error}") from None
         self._exchanges[exchange.stream] = exchange
 
@@ -192,12 +194,14 @@ class Link:
         try:
             sock = rundir.connect(self._directory, self.process)
         except OSError as error:
+            self.reached = False
             self.problem = self._explain(error)
             if error.errno == errno.EAGAIN:
                 self._retry = self._loop.call_later(random.uniform(0.001, 0.005), self._connect)
             else:
                 self._connect_later()
             return
+        self.reached = True
         self.problem = f"connected to {self.process!r}, which does not answer or does not provide the path"
         self._connection = self._make(sock)
         for target in self._targets.values():

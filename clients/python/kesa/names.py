@@ -9,6 +9,7 @@ from urllib.parse import unquote_to_bytes
 _NAME_BYTES = frozenset(b"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-")
 _PATH_BYTES = _NAME_BYTES | frozenset(b"/~!$&'()*+,;=:@")
 _LOCATOR = re.compile(r"ipc://([^/+?#]+)(?:\+([0-9a-f]{16}))?(/[^?#]*)?", re.IGNORECASE)
+LONGEST_PATH = 4096
 _CONTROL = re.compile("[\x00-\x1f\x7f-\x9f]")
 
 
@@ -53,14 +54,16 @@ def parse_locator(text: str) -> Locator | None:
 def check_path(path: str) -> str:
     """Returns `path` if a service may have it; ValueError says why not."""
     problem = None
+    if not isinstance(path, str):
+        raise TypeError(f"path {path!r} is no text")
     if not path.startswith("/"):
         problem = "it must start with '/'"
     elif any(segment in ("", ".", "..") for segment in path[1:].split("/")):
         problem = "it must not have an empty, '.' or '..' segment, nor end with '/'"
     elif _CONTROL.search(path):
         problem = "it must not have control characters"
-    elif len(path.encode(errors="replace")) > 4096:
-        problem = "it must not be longer than 4096 bytes"
+    elif len(path.encode(errors="replace")) > LONGEST_PATH:
+        problem = f"it must not be longer than {LONGEST_PATH} bytes"
     if problem:
         raise ValueError(f"path {path!r} cannot be a service's: {problem}")
     return path

@@ -75,6 +75,11 @@ class Registry:
         return "the registry does not answer"
 
     @property
+    def reached(self) -> bool:
+        """Whether a process is there, a registry or not."""
+        return self._link.reached
+
+    @property
     def reachable(self) -> bool:
         return self._target.attached
 

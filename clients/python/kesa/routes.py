@@ -7,7 +7,7 @@ from typing import Callable
 
 from .errors import ServiceError, ServiceNotThere
 from .link import Link, Target
-from .names import Locator, literal_glob, parse_locator
+from .names import LONGEST_PATH, Locator, literal_glob, parse_locator
 from .query import Query
 from .records import Change, Record
 from .registry import Registry
@@ -17,7 +17,7 @@ def usable(record: Record, realm: str) -> Locator | None:
     """The first locator of `record` that leads somewhere from the run directory `realm`."""
     for text in record.locators:
         locator = parse_locator(text)
-        if locator and locator.realm in ("", realm):
+        if locator and locator.realm in ("", realm) and 1 <= len(locator.path.encode()) <= LONGEST_PATH:
             return locator
     return None
 

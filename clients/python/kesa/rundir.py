@@ -7,8 +7,11 @@ import fcntl
 import functools
 import itertools
 import os
+import pwd
+import re
 import secrets
 import socket
+import stat
 
 from .errors import KesaError, NameTaken
 from .names import encode_process
@@ -42,7 +45,7 @@ def connect(directory: str, process: str) -> socket.socket:
     try:
         sock.setblocking(False)
         if len(os.fsencode(path)) > _LONGEST_ADDRESS:
-            file = os.open(path, os.O_PATH | os.O_CLOEXEC)
+            file = os.open(path, os.O_PATH | os.O_CLOEXEC | os.O_NOFOLLOW)
             path = f"/proc/self/fd/{file}"
         sock.connect(path)
         return sock
@@ -55,12 +58,32 @@ def connect(directory: str, process: str) -> socket.socket:
 
 
 def realm(directory: str) -> str:
-    """Which directory this is; empty if nobody has made it one yet."""
+    """Which directory this is; empty if nobody has made it one yet. KesaError if the file is none; OSError."""
+    path = os.path.join(directory, "realm")
     try:
-        with open(os.path.join(directory, "realm"), encoding="ascii") as file:
-            return file.read().strip()
+        file = os.open(path, os.O_RDONLY | os.O_CLOEXEC | os.O_NOFOLLOW | os.O_NONBLOCK)
     except FileNotFoundError:
         return ""
+    except OSError as error:
+        if error.errno not in (errno.ELOOP, errno.ENXIO):
+            raise
+        content = b""
+    else:
+        try:
+            content = os.read(file, 64) if stat.S_ISREG(os.fstat(file).st_mode) else b""
+        finally:
+            os.close(file)
+    if not re.fullmatch(rb"[0-9a-f]{16}\n?", content):
+        raise KesaError(f"{path} does not hold 16 hex digits; remove it when no process uses the directory")
+    return content.decode().strip()
+
+
+def check(directory: str) -> None:
+    """KesaError if it has a realm that is none; what else is wrong with it is said by who connects."""
+    try:
+        realm(directory)
+    except OSError:
+        pass
 
 
 class Claim:
@@ -71,11 +94,13 @@ class Claim:
         encoded = encode_process(name)
         self.name = name
         self._path = os.path.join(directory, encoded + ".sock")
+        lock = os.path.join(directory, encoded + ".lock")
         try:
             self.realm = _make(directory)
-            self._lock = _lock(os.path.join(directory, encoded + ".lock"), name)
+            self._lock = _lock(directory, lock, name)
         except OSError as error:
-            raise KesaError(f"cannot claim the name {name!r} in {directory}: {error}") from error
+            advice = _advise(directory, lock, error)
+            raise KesaError(f"cannot claim the name {name!r} in {directory}: {error}; {advice}") from error
         try:
             self.socket = _listen(directory, self._path, mode)
         except OSError as error:
@@ -111,20 +136,64 @@ def _make(directory: str) -> str:
     return realm(directory)
 
 
-def _lock(path: str, name: str) -> int:
-    lock = os.open(path, os.O_RDWR | os.O_CREAT | os.O_CLOEXEC, 0o600)
+def _lock(directory: str, path: str, name: str) -> int:
+    lock = _open_lock(directory, path)
     try:
+        if not stat.S_ISREG(os.fstat(lock).st_mode) or os.fstat(lock).st_nlink > 1:
+            raise OSError(errno.EINVAL, "it is no regular file of one name", path)
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
         os.ftruncate(lock, 0)
         os.pwrite(lock, f"{os.getpid()}\n".encode(), 0)
         return lock
     except OSError as error:
-        text = os.pread(lock, 32, 0).decode(errors="replace").strip()
+        text = os.pread(lock, 32, 0).decode(errors="replace").strip() if error.errno == errno.EWOULDBLOCK else ""
         os.close(lock)
         if error.errno == errno.EWOULDBLOCK:
             pid = int(text) if text.isdecimal() else None
-            raise NameTaken(f"the name {name!r} is taken by process {text or 'unknown'}; choose another", pid) from None
+            raise NameTaken(
+                f"the name {name!r} is taken by process {text or 'unknown'}; end that one and start this one again, or "
+                "choose another name",
+                pid,
+            ) from None
         raise
+
+
+def _open_lock(directory: str, path: str) -> int:
+    flags = os.O_RDWR | os.O_CLOEXEC | os.O_NOFOLLOW | os.O_NONBLOCK
+    try:
+        return os.open(path, flags)
+    except FileNotFoundError:
+        pass
+    try:
+        lock = os.open(path, flags | os.O_CREAT | os.O_EXCL, 0o600)
+    except FileExistsError:
+        return os.open(path, flags)
+    folder = os.stat(directory)
+    try:
+        os.fchown(lock, folder.st_uid if os.geteuid() == 0 else -1, folder.st_gid)
+    except OSError:
+        pass  # of a group that is not this user's; it may have it all the same
+    shared = folder.st_mode & stat.S_IWGRP and os.fstat(lock).st_gid == folder.st_gid
+    os.fchmod(lock, 0o660 if shared else 0o600)
+    return lock
+
+
+def _advise(directory: str, path: str, error: OSError) -> str:
+    """What to do against it."""
+    named = "name another directory: connect(run_dir=...) or $KESA_RUN_DIR"
+    if error.filename == path and os.path.lexists(path):
+        owner = os.lstat(path).st_uid
+        try:
+            owner = pwd.getpwuid(owner).pw_name
+        except KeyError:
+            pass
+        return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {path}"
+    around = os.path.dirname(os.path.abspath(directory))
+    if error.errno == errno.ENOENT and not os.path.exists(around):
+        return f"make {around}, or {named}"
+    if error.errno in (errno.EACCES, errno.EPERM):
+        return f"let a group of this user write there, or {named}"
+    return named
 
 
 def _listen(directory: str, path: str, mode: int) -> socket.socket:

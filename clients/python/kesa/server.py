@@ -15,6 +15,7 @@ from .errors import ProtocolError, ServiceError
 from .frames import Message
 from .heads import Head, Hello
 from .link import EMPTY, SINGLE, STREAM, Link
+from .names import LONGEST_PATH
 from .requests import Handler, Request
 from .rundir import Claim
 
@@ -155,8 +156,8 @@ class _Peer:
             raise ProtocolError(f"attach with number {number}, which is in use")
         if len(self._paths) == _MOST_ATTACHED:
             raise ProtocolError(f"more than {_MOST_ATTACHED} paths attached")
-        if not 1 <= len(path.encode()) <= 4096:
-            raise ProtocolError("attach of a path that has not 1 to 4096 bytes")
+        if not 1 <= len(path.encode()) <= LONGEST_PATH:
+            raise ProtocolError(f"attach of a path that has not 1 to {LONGEST_PATH} bytes")
         self._paths[number] = path
         if self.server.provides(path):
             self.connection.send(Message(frames.ATTACHED, target=number))

@@ -51,10 +51,12 @@ def connect(
         problem = system._registry.problem
         system.close()
         if isinstance(error, Timeout):
-            raise NoRegistry(
-                f"no registry: {problem}. Start {locator.process}, or name its run directory: connect(run_dir=...) or "
-                "$KESA_RUN_DIR; or another registry: connect(registry=...)"
-            ) from None
+            start = (
+                "That process runs and cannot be used: see its log"
+                if system._registry.reached
+                else f"Start {locator.process}, or name its run directory: connect(run_dir=...) or $KESA_RUN_DIR"
+            )
+            raise NoRegistry(f"no registry: {problem}. {start}; or name another registry: connect(registry=...)") from None
         raise
     return system
 
@@ -72,6 +74,7 @@ class System:
         """Internal: use `connect`."""
         self._directory = directory
         self._claim = Claim(directory, name) if name else None
+        rundir.check(directory)
         self._instance = secrets.token_bytes(16)
         self._loop = asyncio.new_event_loop()
         self._links: dict[str, Link] = {}
@@ -126,7 +129,7 @@ class System:
         The value: of JSON and qelbin as Python has it, `str` of text, `bytes` of any other type. `command` is retrieve, update,
         delete, insert, or what the service understands.
 
-        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout.
+        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout. TypeError for an argument that cannot be sent.
         """
         return self._run(self._call(path, resource, command, body, headers), timeout, lambda: self._problem(path))
 
@@ -160,10 +163,16 @@ class System:
         cancelled. Values as bodies: see `call`. `raise ServiceError(status, reason)` answers with that; any other exception is
         logged and answered with 500.
 
+        What `metainfo` says of "provider" and "versions" does not count: others see this process's name and `versions`.
+
         ServiceError 409 if another living process has `path`; ValueError if it is no path, or is provided here already.
         """
         if not self._claim:
             raise KesaError('a process that provides services needs a name: kesa.connect("my-name")')
+        if not callable(handler):
+            raise TypeError(f"the handler {handler!r} cannot be called")
+        if isinstance(versions, str) or isinstance(scope, str):
+            raise TypeError("versions and scope are tuples of texts, as (\"1.0.0\",)")
         return self._run(self._provide(check_path(path), handler, versions, metainfo or {}, scope), timeout)
 
     def close(self) -> None:
@@ -223,7 +232,10 @@ class System:
         return Hello(1, 1, name, realm, self._instance, listeners)
 
     def _realm(self) -> str:
-        return self._claim.realm if self._claim else rundir.realm(self._directory)
+        try:
+            return self._claim.realm if self._claim else rundir.realm(self._directory)
+        except (OSError, KesaError):
+            return ""  # Nobody can be reached by such a realm.
 
     def _link(self, process: str) -> Link:
         link = self._links.get(process)
@@ -328,7 +340,7 @@ class System:
         if path in self._services:
             raise ValueError(f"{path} is provided by this process already")
         locator = str(Locator(self._claim.name, self._claim.realm, path))
-        metainfo = {"provider": self._claim.name, "versions": list(versions), **metainfo}
+        metainfo = {**metainfo, "provider": self._claim.name, "versions": list(versions)}
         record = Record(path, "pex", tuple(versions), (locator,), "", metainfo, scope=tuple(scope))
         told = self._loop.create_future()
 

@@ -79,7 +79,34 @@ class CallingPython(SystemTest):
         self.assertEqual(self.system.call("/counter", "/echo", body=large), large)
         error = self.failure(lambda: self.system.call("/counter", "/large", body=17_000_000))
         self.assertEqual(error.status, 413)
-        self.assertRegex(error.reason, "170000.*16777216")
+        self.assertRegex(error.reason, "170000.*16777216.*in parts")
+
+    def test_what_cannot_be_sent_or_reached_cuts_nothing(self) -> None:
+        values = self.system.follow("/counter", "/slow-count")
+        record = {"path": "/lost", "type": "pex", "versions": [], "locators": ["ipc://counter"]}
+        inserted = self.system.follow("/registry", "/lost", command="insert", body=record)
+        inserted.next(DEADLINE)
+        with self.assertRaisesRegex(kesa.ServiceNotThere, "cannot be reached from here: ipc://counter"):
+            self.system.call("/lost")
+        nested: list = []
+        for _ in range(40):
+            nested = [nested]
+        for wrong in (
+            {"command": 5},
+            {"resource": 5},
+            {"headers": {5: "five"}},
+            {"headers": {"five": {5: "five"}}},
+            {"headers": {"five": object()}},
+            {"body": object()},
+        ):
+            with self.subTest(wrong), self.assertRaises(TypeError):
+                self.system.call("/counter", **wrong)
+        with self.assertRaises(TypeError):
+            self.system.call(5)
+        with self.assertRaises(TypeError):
+            kesa.Body("text", "plain/text")
+        self.assertEqual(self.failure(lambda: self.system.call("/counter", headers={"deep": nested})).status, 400)
+        self.assertEqual([values.next(DEADLINE) for _ in range(100)], list(range(100)))
 
     def test_a_stream_that_ends(self) -> None:
         self.assertEqual(list(self.system.follow("/counter", "/three")), ["a", "b", "c"])

@@ -6,6 +6,7 @@ import json
 import os
 import re
 import signal
+import struct
 import sys
 from typing import Iterator
 
@@ -86,6 +87,41 @@ class Providing(SystemTest):
         self.assertEqual(provider.line(), "slow stream closed")
         client.socket.close()
 
+    def test_a_broken_head_ends_the_connection(self) -> None:
+        self.start_provider("py", "/py")
+        client = Raw(self.run_dir, "py", "/py")
+        head = bytes.fromhex("bf 9f ff 01 ff")  # a list as the key
+        client.socket.sendall(struct.pack("<IBBHII", len(head), frames.REQUEST, 0, len(head), 1, 1) + head)
+        self.assertNotIn(frames.NEXT, [message.kind for message in client.messages()])
+        client.socket.close()
+
+    def test_a_name_s_files_are_taken_for_no_others(self) -> None:
+        precious = os.path.join(self.run_dir, "precious.sock")
+        with open(precious, "x", encoding="ascii") as file:
+            file.write("content")
+        lock = os.path.join(self.run_dir, "py.lock")
+        for make in (lambda: os.symlink(precious, lock), lambda: os.link(precious, lock), lambda: os.mkfifo(lock)):
+            make()
+            with self.assertRaisesRegex(kesa.KesaError, f"remove {lock}"):
+                self.connect("py")
+            os.unlink(lock)
+        with open(precious, encoding="ascii") as file:
+            self.assertEqual(file.read(), "content")
+        self.connect("py").close()
+        os.chmod(self.run_dir, 0o2775)
+        os.unlink(lock)
+        self.connect("py").close()
+        self.assertEqual(os.stat(lock).st_mode & 0o7777, 0o660)
+
+        bad = os.path.join(self.run_dir, "bad")
+        os.mkdir(bad)
+        os.mkfifo(os.path.join(bad, "realm"))
+        for name in ("py", None):
+            with self.assertRaisesRegex(kesa.KesaError, "does not hold 16 hex digits; remove it"):
+                kesa.connect(name, run_dir=bad)
+        with self.assertRaisesRegex(kesa.KesaError, f"make {self.run_dir}/none, or name another directory"):
+            kesa.connect("py", run_dir=f"{self.run_dir}/none/deep")
+
     def test_a_child_that_holds_the_socket_does_not_keep_its_parent_s_stream(self) -> None:
         provider = self.start_provider("py", "/py")
         client = self.start(
@@ -158,7 +194,11 @@ class Providing(SystemTest):
         for path in ("", "py", "/", "/py/", "/a//b", "/a/../b", "/a\n"):
             with self.assertRaises(ValueError):
                 system.provide(path, lambda request: None)
-        system.provide("/py", lambda request: None)
+        for wrong in ({"handler": None}, {"handler": print, "versions": "1.0.0"}):
+            with self.assertRaises(TypeError):
+                system.provide("/py", **wrong)
+        metainfo = {"provider": "another", "versions": "9"}
+        self.assertEqual(system.provide("/py", lambda request: None, metainfo=metainfo).record.provider, "py")
         with self.assertRaisesRegex(ValueError, "already"):
             system.provide("/py", lambda request: None)
         self.assertEqual(self.failure(lambda: system.provide("/big", print, metainfo={"a": "x" * 40_000})).status, 400)
