@@ -7,6 +7,7 @@
 
 #include <transport/Descriptor.h>
 #include <transport/RunDirectory.h>
+#include <transport/fileLocks.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -25,6 +26,8 @@ namespace kesactl {
 namespace {
 
 using kesa::commadapter::transport::Descriptor;
+using kesa::commadapter::transport::FileLocks;
+using kesa::commadapter::transport::readFileLocks;
 
 /// What the holder of a lock has written into its file; 0 when it cannot be read.
 pid_t readPid(int directory, const std::string& file)
@@ -37,7 +40,7 @@ pid_t readPid(int directory, const std::string& file)
 }
 
 /// Some file systems give the table another device than the file: then the number in the file has to be the same.
-pid_t findHolder(const Locks& locks, int directory, const std::string& file)
+pid_t findHolder(const FileLocks& locks, int directory, const std::string& file)
 {
     struct stat status {};
     if (::fstatat(directory, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
@@ -149,6 +152,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
     rights = rightsOf(status);
     group = groupName(status.st_gid);
     isWritable = ::faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
+    writeError = isWritable ? 0 : errno;
     if (::faccessat(directory.get(), ".", X_OK, AT_EACCESS) != 0) { // its names can be listed, and no more
         error = errno;
         return;
@@ -167,7 +171,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         }
     }
     std::sort(strays.begin(), strays.end());
-    const Locks locks = readLocks();
+    const FileLocks locks = readFileLocks();
     for (const std::string& process : used) {
         Name name;
         name.name = process;
@@ -181,8 +185,20 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         if (name.hasSocket || name.holder != 0) {
             names.push_back(name);
         }
+        const auto problem = kesa::commadapter::transport::examineLockFile(directory.get(), process);
+        if (isWritable && name.holder == 0 && !problem.text.empty()) {
+            refused.push_back({process, problem});
+        }
     }
     addLost(*this);
+}
+
+std::string RunDirectoryFacts::beforeStart(const std::string& process) const
+{
+    const auto found = std::find_if(refused.begin(), refused.end(), [&process](const Refusal& each) {
+        return each.name == process && each.problem.isForThisUser && !each.problem.advice.empty();
+    });
+    return found == refused.end() ? "" : found->problem.advice + ", then ";
 }
 
 } // namespace kesactl

@@ -1,6 +1,8 @@
 #ifndef KESACTL_RUNDIRECTORYFACTS_H
 #define KESACTL_RUNDIRECTORYFACTS_H
 
+#include <transport/NameLock.h>
+
 #include <sys/stat.h>
 #include <sys/types.h>
 
@@ -21,9 +23,17 @@ struct RunDirectoryFacts {
         std::string rights;   ///< of the socket: "srw-rw---- root kesa"
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
     };
+    /// A name that nobody has, and that its lock file keeps users from.
+    struct Refusal {
+        std::string name; ///< as in locators
+        kesa::commadapter::transport::LockFileProblem problem;
+    };
     enum class Realm { eMISSING, eGOOD, eBAD, eUNREADABLE };
 
     explicit RunDirectoryFacts(const std::string& path);
+
+    /// "remove …, then " where the process could not be started before that; else empty.
+    std::string beforeStart(const std::string& process) const;
 
     std::string path;
     int error = 0; ///< `errno` of looking into it; then there are its rights and those that are lost only
@@ -32,9 +42,11 @@ struct RunDirectoryFacts {
     std::string rights; ///< "drwxr-xr-x root root"
     std::string group;
     bool isWritable = false;
+    int writeError = 0; ///< `errno` of why it is not
     Realm realmState = Realm::eMISSING;
     std::string realm;
     std::vector<Name> names;         ///< in order, then the lost ones; those nobody has only if their socket is there
+    std::vector<Refusal> refused;    ///< to users who may write there
     std::vector<std::string> strays; ///< other files
 };
 

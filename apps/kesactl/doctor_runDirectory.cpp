@@ -33,9 +33,11 @@ void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
              fmt::format("{}, {} for this user", facts.rights, facts.isWritable ? "writable" : "not writable"));
     if (!facts.isWritable) {
         page.findings.push_back(
-            fmt::format("this user cannot provide services: {} is not writable for {}; use its user "
-                        "or group, or change its rights",
-                        facts.path, userName(::geteuid())));
+            fmt::format("this user cannot provide services: {} is {}", facts.path,
+                        facts.writeError == EROFS
+                            ? "on a read-only file system; start processes where it can be written, or name another one"
+                            : fmt::format("not writable for {}; use its user or group, or change its rights",
+                                          userName(::geteuid()))));
     }
 }
 
@@ -99,8 +101,10 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
 {
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
     if (pid == 0) {
-        return isLeft(name) ? "nobody: its socket is left"
-                            : "a process that is not visible from here, as of another container";
+        return isLeft(name)                  ? "nobody: its socket is left"
+               : name.connectError == EACCES ? "nobody who is visible from here: its socket, which this user may not "
+                                               "use, is left, or of another container"
+                                             : "a process that is not visible from here, as of another container";
     }
     return process.isThere ? fmt::format("process {} of {}, {}{}{}{}{}", pid, process.user, process.executable,
                                          process.library.empty() ? "" : ", ", process.library,
@@ -159,6 +163,18 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
     }
 }
 
+/// Whoever starts under these names would fail.
+void addRefused(DoctorPage& page, const RunDirectoryFacts& facts)
+{
+    std::vector<std::string> refused;
+    for (const RunDirectoryFacts::Refusal& each : facts.refused) {
+        refused.push_back(fmt::format("{} cannot be started by {}: {}", each.name,
+                                      each.problem.isForThisUser ? "this user" : "other users",
+                                      each.problem.sentence()));
+    }
+    page.find(refused, "names are kept from users by their lock files");
+}
+
 /// One of this user that chose before it could choose as it would now.
 void addLeftBehind(DoctorPage& page, const RunDirectoryFacts& other, const std::string& chosen)
 {
@@ -212,6 +228,7 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
         addRights(page, facts);
         addLost(page, facts);
         addRealm(page, facts);
+        addRefused(page, facts);
         addNames(page, facts, reports, silent);
         return;
     }

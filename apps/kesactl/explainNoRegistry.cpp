@@ -76,15 +76,17 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
     }
     const auto others = otherDirectoriesOf(processOf(registry));
     why.text += others.empty() ? "" : "; a registry runs in " + namesOf(others);
+    const RunDirectoryFacts here(chosenRunDirectory());
+    const std::string first = here.beforeStart(processOf(registry));
     if (others.empty()) {
         why.cause = "no-registry";
-        why.advice = "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
-    } else if (isUsed(RunDirectoryFacts(chosenRunDirectory()), processOf(registry))) {
+        why.advice = first + "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
+    } else if (isUsed(here, processOf(registry))) {
         why.cause = "no-registry";
-        why.advice = fmt::format("start kesa-registryd here, or {}", howToMeetIn(others.front()));
+        why.advice = fmt::format("{}start kesa-registryd here, or {}", first, howToMeetIn(others.front()));
     } else {
         why.cause = "other-run-directory";
-        why.advice = fmt::format("{}, or start a registry here", howToMeetIn(others.front()));
+        why.advice = fmt::format("{}, or {}start a registry here", howToMeetIn(others.front()), first);
     }
     return why;
 }

@@ -2,14 +2,12 @@
 // process is found also where its run directory is not known, and where somebody has removed the file.
 #include "nameHolders.h"
 
-#include <sys/stat.h>
-#include <sys/sysmacros.h>
+#include <transport/fileLocks.h>
 
-#include <cstdio>
+#include <sys/stat.h>
+
 #include <filesystem>
-#include <fstream>
 #include <set>
-#include <sstream>
 #include <string_view>
 #include <system_error>
 
@@ -17,6 +15,8 @@ namespace kesactl {
 namespace {
 
 namespace fs = std::filesystem;
+using kesa::commadapter::transport::FileLocks;
+using kesa::commadapter::transport::readFileLocks;
 
 constexpr std::string_view ENDING = ".lock";
 constexpr std::string_view REMOVED = " (deleted)";
@@ -30,7 +30,7 @@ bool takeEnding(std::string& text, std::string_view ending)
 }
 
 /// Of one that is there, its directory has a realm, as other programs' have none.
-void addHolder(std::vector<NameHolder>& holders, pid_t pid, const std::string& link, const Locks& locks)
+void addHolder(std::vector<NameHolder>& holders, pid_t pid, const std::string& link, const FileLocks& locks)
 {
     struct stat opened {};
     std::error_code failed;
@@ -55,32 +55,9 @@ void addHolder(std::vector<NameHolder>& holders, pid_t pid, const std::string& l
 
 } // namespace
 
-Locks readLocks()
-{
-    Locks locks;
-    std::ifstream in("/proc/locks");
-    for (std::string line; std::getline(in, line);) {
-        std::istringstream words(line);
-        std::string number;
-        std::string kind;
-        std::string mode;
-        std::string access;
-        std::string file;
-        pid_t pid = 0;
-        unsigned major = 0;
-        unsigned minor = 0;
-        unsigned long inode = 0;
-        words >> number >> kind >> mode >> access >> pid >> file;
-        if (kind == "FLOCK" && std::sscanf(file.c_str(), "%x:%x:%lu", &major, &minor, &inode) == 3) {
-            locks.emplace(inode, Lock{::makedev(major, minor), pid});
-        }
-    }
-    return locks;
-}
-
 std::vector<NameHolder> findNameHolders()
 {
-    const Locks locks = readLocks();
+    const FileLocks locks = readFileLocks();
     std::set<pid_t> pids;
     for (const auto& [inode, lock] : locks) {
         pids.insert(lock.holder);

@@ -3,21 +3,10 @@
 
 #include <sys/types.h>
 
-#include <map>
 #include <string>
 #include <vector>
 
 namespace kesactl {
-
-struct Lock {
-    dev_t device;
-    pid_t holder;
-};
-/// By the inode of the file.
-using Locks = std::multimap<ino_t, Lock>;
-
-/// The locks on whole files that this process may see; others are those of another container.
-Locks readLocks();
 
 /// A running process that has a name in some run directory, found by the lock file that it holds open.
 struct NameHolder {

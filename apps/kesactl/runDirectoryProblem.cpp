@@ -4,7 +4,9 @@
 #include <transport/RunDirectory.h>
 
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <unistd.h>
 
 #include <fmt/format.h>
@@ -37,6 +39,14 @@ fs::path findEnd(const fs::path& path)
     return reached;
 }
 
+/// Where root seems to have the right to make a directory, and cannot.
+bool isOfTheKernel(const std::string& directory)
+{
+    struct statfs system {};
+    return ::statfs(directory.c_str(), &system) == 0 &&
+           (system.f_type == PROC_SUPER_MAGIC || system.f_type == SYSFS_MAGIC);
+}
+
 std::string nameAnother(const std::string& source)
 {
     return source == "run_dir" ? R"(name another one with "run_dir")" : "name another one with KESA_RUN_DIR";
@@ -57,7 +67,14 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
                             directory.rights.empty() ? "" : fmt::format(" ({})", directory.rights)),
                 "let its owner or a group of this user use it, or " + nameAnother(source)};
     }
-    if (directory.error == 0 || !directory.names.empty()) {
+    if (!directory.names.empty()) {
+        return {};
+    }
+    if (directory.writeError == EROFS) {
+        return {fmt::format("{} is on a read-only file system, so no process can be started there", what),
+                "start processes where it can be written, or " + nameAnother(source)};
+    }
+    if (directory.error == 0) {
         return {};
     }
     const std::string around = fs::path(directory.path).parent_path().string();
@@ -65,9 +82,14 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
         return {fmt::format("{} is not there, and cannot be made, since {} is not there either", what, around),
                 fmt::format("make {}, or {}", around, nameAnother(source))};
     }
+    if (isOfTheKernel(around)) {
+        return {fmt::format("{} is not there, and nobody can make it in {}, which is the kernel's", what, around),
+                nameAnother(source)};
+    }
     if (::faccessat(AT_FDCWD, around.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-        return {fmt::format("{} is not there, and this user cannot make it in {}: {}", what, around, textOf(errno)),
-                "have it made for this user, or " + nameAnother(source)};
+        const int error = errno;
+        return {fmt::format("{} is not there, and this user cannot make it in {}: {}", what, around, textOf(error)),
+                (error == EROFS ? "" : "have it made for this user, or ") + nameAnother(source)};
     }
     return {};
 }

@@ -3,6 +3,8 @@
 #include "ProcessFacts.h"
 #include "otherRunDirectories.h"
 
+#include <transport/Authority.h>
+
 #include <fmt/format.h>
 #include <signal.h>
 #include <unistd.h>
@@ -90,7 +92,9 @@ Verdict explainGone(const Value& event)
     if (process.isStopped) {
         verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
     } else if (!isThere) {
-        verdict.advice = fmt::format("start {} again", name);
+        const RunDirectoryFacts here(chosenRunDirectory());
+        verdict.advice = fmt::format("{}start {} again",
+                                     here.beforeStart(kesa::commadapter::transport::encodeProcessName(name)), name);
     } else if (isWithdrawn) {
         verdict.advice = fmt::format("that was {}'s own decision; its log may say why", name);
     } else {

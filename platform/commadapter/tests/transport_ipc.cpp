@@ -336,7 +336,8 @@ TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
     ASSERT_FALSE(first.listen("media"));
     EXPECT_TRUE(second.listen("media"));
     EXPECT_EQ(second.why, "the name \"media\" is held by process " + std::to_string(::getpid()) +
-                              ", which is this one; end that one, or give one of both another name; \"kesactl ps\" "
+                              ", which is this one; end that one and start this one again, or give one of both another "
+                              "name; \"kesactl ps\" "
                               "shows which are taken");
     EXPECT_TRUE(first.listen("other")) << "a transport has one name";
 
@@ -354,14 +355,77 @@ TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
     });
     Node third(board, directory);
     EXPECT_TRUE(third.listen("nav"));
-    EXPECT_THAT(third.why, testing::MatchesRegex("the name \"nav\" is held by process " + std::to_string(holder.pid) +
-                                                 " \\(" + fs::read_symlink("/proc/self/exe").string() +
-                                                 "\\) since 20[0-9-]{8} [0-9:]{8}; end that one, or give one of both "
-                                                 "another name; \"kesactl ps\" shows which are taken"));
+    EXPECT_THAT(third.why,
+                testing::MatchesRegex(
+                    "the name \"nav\" is held by process " + std::to_string(holder.pid) + " \\(" +
+                    fs::read_symlink("/proc/self/exe").string() +
+                    "\\) since 20[0-9-]{8} [0-9:]{8}; end that one and start this one again, or give one of both "
+                    "another name; \"kesactl ps\" shows which are taken"));
     ::kill(holder.pid, SIGKILL);
     EXPECT_FALSE(third.listen("nav")) << "which waits for the kernel: " << third.why;
     holder.end();
     EXPECT_EQ(second.connect("nav"), std::nullopt) << second.reason;
+}
+
+TEST_F(TransportIpc, ALockFileThatIsNoneIsLeftAsItIs)
+{
+    fs::create_directory(directory);
+    std::ofstream(root / "precious") << "content";
+    const std::string lock = directory + "/media.lock";
+    Node node(board, directory);
+    const auto refuses = [&](const std::string& what) {
+        EXPECT_TRUE(node.listen("media"));
+        EXPECT_EQ(node.why, lock + ' ' + what + "; remove " + lock + ", which nobody holds");
+        fs::remove(lock);
+    };
+    fs::create_symlink(root / "precious", lock);
+    refuses("is a symbolic link");
+    fs::create_hard_link(root / "precious", lock);
+    refuses("has another name, as a hard link");
+    fs::create_directory(lock);
+    refuses("is a directory");
+    ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+    refuses("is no regular file");
+    std::string content;
+    std::getline(std::ifstream(root / "precious"), content);
+    EXPECT_EQ(content, "content");
+    EXPECT_FALSE(node.listen("media")) << node.why;
+}
+
+TEST_F(TransportIpc, ANameIsOfNoUser)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    constexpr uid_t USER = 54321;
+    const std::string lock = directory + "/media.lock";
+    fs::create_directory(directory);
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant) {
+        fs::remove(lock);
+        EXPECT_EQ(::chown(directory.c_str(), USER, USER), 0);
+        EXPECT_EQ(::chmod(directory.c_str(), rights), 0);
+        Node node(board, directory);
+        EXPECT_EQ(::seteuid(claimant), 0);
+        EXPECT_FALSE(node.listen("media")) << node.why;
+        EXPECT_EQ(::seteuid(0), 0);
+        struct stat status {};
+        EXPECT_EQ(::stat(lock.c_str(), &status), 0);
+        return std::tuple(status.st_uid, status.st_gid, status.st_mode & 07777U);
+    };
+    EXPECT_EQ(rightsAfterClaim(02775, 0), std::tuple(USER, USER, 0660U));
+    EXPECT_EQ(rightsAfterClaim(02775, USER), std::tuple(USER, USER, 0660U));
+    EXPECT_EQ(rightsAfterClaim(0755, 0), std::tuple(USER, USER, 0600U)) << "its group may not replace it either";
+
+    ASSERT_EQ(::chown(lock.c_str(), 0, 0), 0);
+    Node node(board, directory);
+    ASSERT_EQ(::seteuid(USER), 0);
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_EQ(node.why, "cannot open " + lock + ": Permission denied, it is root's, mode 0600; remove " + lock +
+                            ", which nobody holds");
+    fs::remove(lock);
+    EXPECT_FALSE(node.listen("media")) << node.why;
+    ASSERT_EQ(::seteuid(0), 0);
 }
 
 TEST_F(TransportIpc, AMissingEndpointIsReportedWhenItAppears)
@@ -501,10 +565,10 @@ TEST_F(TransportIpc, ToolsAskWhoHasAName)
     Node node(board, directory);
     ASSERT_FALSE(node.listen("media")) << "looking claims nothing: " << node.why;
     EXPECT_EQ(judge("media"), State::eNAME_HELD);
-    EXPECT_EQ(checkOwnLocator("media", media).why, "the name \"media\" is held by process " +
-                                                       std::to_string(::getpid()) +
-                                                       ", which is this one; end that one, or give one of both another "
-                                                       "name; \"kesactl ps\" shows which are taken");
+    EXPECT_EQ(checkOwnLocator("media", media).why,
+              "the name \"media\" is held by process " + std::to_string(::getpid()) +
+                  ", which is this one; end that one and start this one again, or give one of both another "
+                  "name; \"kesactl ps\" shows which are taken");
 
     std::ofstream(root / "file") << "no directory";
     ::setenv("KESA_RUN_DIR", (root / "file" / "run").c_str(), 1);

@@ -1,34 +1,24 @@
-// Who has a name is decided by the lock on `<process>.lock` alone: the kernel gives it back when its holder dies,
-// however that happens, and it belongs to one opening of the file, so a second claim in the same process is refused as
-// well. The file is never removed, or two processes could hold locks on two files of one name. Only the holder of the
-// lock touches
-// `<process>.sock`: a socket left by a dead process is simply replaced.
+// Only the holder of the lock touches `<process>.sock`: a socket left by a dead process is simply replaced.
 
 #include "transport/NameClaim.h"
 
 #include "transport/Authority.h"
-
-#include <comm/processStart.h>
+#include "transport/NameLock.h"
 
 #include <fcntl.h>
 #include <grp.h>
-#include <poll.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <fmt/chrono.h>
+#include <fmt/format.h>
 
 #include <array>
 #include <charconv>
-#include <ctime>
-#include <fstream>
 #include <optional>
 #include <string>
-#include <string_view>
 #include <system_error>
 #include <vector>
 
@@ -36,102 +26,8 @@ namespace kesa::commadapter::transport {
 
 namespace {
 
-constexpr mode_t LOCK_MODE = 0600;
 /// The kernel lowers it to its own limit.
 constexpr int BACKLOG = 4096;
-/// What the kernel needs for a large process on a busy machine.
-constexpr int LONGEST_END_MS = 2000;
-
-/// The program's path, else its short name, which everybody may read; empty when neither can be.
-std::string programOf(pid_t pid)
-{
-    std::array<char, 4096> path;
-    const ssize_t size = ::readlink(fmt::format("/proc/{}/exe", pid).c_str(), path.data(), path.size());
-    if (size > 0) {
-        return {path.data(), static_cast<std::size_t>(size)};
-    }
-    std::string name;
-    std::getline(std::ifstream(fmt::format("/proc/{}/comm", pid)), name);
-    return name;
-}
-
-/// Who has locked the file: the claim wrote its number into the file and nobody does since. 0 when that is not there.
-pid_t holderOf(int lockFile)
-{
-    std::array<char, 16> buffer;
-    const ssize_t size = retryInterrupted([&] { return ::pread(lockFile, buffer.data(), buffer.size(), 0); });
-    pid_t pid = 0;
-    const bool failed = size <= 0 || std::from_chars(buffer.data(), buffer.data() + size, pid).ec != std::errc();
-    return failed ? 0 : pid;
-}
-
-/// A killed process is missed, and started again, before the kernel has closed all that it had. True when it has been
-/// waited for.
-bool hasWaitedForItsEnd(pid_t pid)
-{
-    if (pid <= 0 || pid == ::getpid() || !comm::isProcessEnding(pid)) {
-        return false;
-    }
-    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
-    pollfd end{process.get(), POLLIN, 0};
-    return !process || retryInterrupted([&] { return ::poll(&end, 1, LONGEST_END_MS); }) > 0;
-}
-
-/// With what is known of it.
-std::string describeHolder(int lockFile)
-{
-    const pid_t pid = holderOf(lockFile);
-    if (pid == 0) {
-        return "another process";
-    }
-    if (pid == ::getpid()) {
-        return fmt::format("process {}, which is this one", pid);
-    }
-    const std::string program = programOf(pid);
-    std::string holder = fmt::format("process {}{}", pid, program.empty() ? "" : " (" + program + ")");
-    struct stat status {};
-    tm local{};
-    if (::fstat(lockFile, &status) == 0 && ::localtime_r(&status.st_mtim.tv_sec, &local) != nullptr) {
-        holder.append(fmt::format(" since {:%Y-%m-%d %H:%M:%S}", local));
-    }
-    return holder;
-}
-
-/// The error's number; 0 when the lock is taken.
-int tryLock(const Descriptor& file)
-{
-    return retryInterrupted([&file] { return ::flock(file.get(), LOCK_EX | LOCK_NB); }) == 0 ? 0 : errno;
-}
-
-/// Opens the lock file of a name and takes its lock. True on failure.
-bool openLocked(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
-                std::string& why)
-{
-    isHeld = false;
-    const std::string file = encodeProcessName(process) + ".lock";
-    Descriptor opened(retryInterrupted(
-        [&] { return ::openat(directory.get(), file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, LOCK_MODE); }));
-    if (!opened) {
-        why = fmt::format("cannot open \"{}\" in the run directory: {}; it belongs to who used the name \"{}\" first",
-                          file, std::system_category().message(errno), process);
-        return true;
-    }
-    int error = tryLock(opened);
-    if (error == EWOULDBLOCK && hasWaitedForItsEnd(holderOf(opened.get()))) {
-        error = tryLock(opened);
-    }
-    if (error != 0) {
-        isHeld = error == EWOULDBLOCK;
-        why = isHeld ? fmt::format("the name \"{}\" is held by {}; end that one, or give one of both another name; "
-                                   "\"kesactl ps\" shows which are taken",
-                                   process, describeHolder(opened.get()))
-                     : fmt::format("cannot lock \"{}\" in the run directory: {}", file,
-                                   std::system_category().message(error));
-        return true;
-    }
-    lock = std::move(opened);
-    return false;
-}
 
 } // namespace
 
@@ -189,13 +85,13 @@ std::unique_ptr<NameClaim> NameClaim::take(Descriptor directory, const std::stri
 bool NameClaim::isRefused(const Descriptor& directory, const std::string& process, bool& isHeld, std::string& why)
 {
     Descriptor lock;
-    return openLocked(directory, process, lock, isHeld, why);
+    return takeNameLock(directory, process, lock, isHeld, why);
 }
 
 bool NameClaim::lock(std::string& why)
 {
     bool isHeld = false;
-    if (openLocked(m_directory, m_process, m_lock, isHeld, why)) {
+    if (takeNameLock(m_directory, m_process, m_lock, isHeld, why)) {
         return true;
     }
     // For whoever is refused; the claim does not depend on it.
