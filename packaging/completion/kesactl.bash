@@ -27,26 +27,79 @@ _kesactl_value() {
   done < <(_kesactl_section "$1" Options)
 }
 
-_kesactl() {
-  local program=${1/#\~/$HOME} word=$2 help command='' path='' value='' position=0 words=() i
-  help=$("$program" --help 2>/dev/null)
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    if [[ ${COMP_WORDS[i]} == = ]]; then
+# Splits the line $1 as the shell would, and expands nothing. Sets `words`, of which the last is the one at the cursor, `raw`, that
+# one as it is typed, and `quote`, the quote that is open there.
+_kesactl_split() {
+  local line=$1 word='' c next i in_word=
+  words=() raw='' quote=''
+  for ((i = 0; i < ${#line}; i++)); do
+    c=${line:i:1} next=${line:i+1:1}
+    if [[ -z $quote && $c == [[:space:]] ]]; then
+      [[ -z $in_word ]] || words+=("$word")
+      word='' raw='' in_word=
       continue
-    elif [[ -n $value ]]; then
+    fi
+    raw+=$c in_word=1
+    if [[ -n $quote && $c == "$quote" ]]; then
+      quote=''
+    elif [[ -z $quote && $c == [\'\"] ]]; then
+      quote=$c
+    elif [[ $c == \\ && ( -z $quote || $quote == \" && $next == [\\\"\$\`] ) ]]; then
+      word+=$next raw+=$next i=$((i + 1))
+    else
+      word+=$c
+    fi
+  done
+  words+=("$word")
+}
+
+# Prints the text $1 as it is typed inside the quote $2.
+_kesactl_typed() {
+  local text=$1
+  case $2 in
+    \')
+      printf '%s\n' "${text//\'/\'\\\'\'}"
+      ;;
+    \") # with what the history would expand outside of it
+      text=${text//\\/\\\\} text=${text//\"/\\\"} text=${text//\$/\\\$} text=${text//\`/\\\`}
+      printf '%s\n' "${text//!/\"\'!\'\"}"
+      ;;
+    *)
+      [[ -z $text ]] || printf '%q\n' "$text"
+      ;;
+  esac
+}
+
+_kesactl() {
+  local program=${1/#\~/$HOME} help command='' path='' value='' position=0 words=() raw quote i
+  _kesactl_split "${COMP_LINE:0:COMP_POINT}"
+  local typed=("${words[@]}") typed_raw=$raw
+  local count=$((${#typed[@]} - 1)) word=${typed[-1]} option=''
+  # The shell replaces $2 only, which begins behind an open quote, ":" or "=": what stands before that is kept.
+  _kesactl_split "${typed_raw%"$2"}"
+  local kept=${words[-1]} kept_quote=$quote
+  words=()
+
+  help=$("$program" --help 2>/dev/null)
+  for ((i = 1; i < count; i++)); do
+    if [[ -n $value ]]; then
       value=''
-    elif [[ ${COMP_WORDS[i]} == -* ]]; then
-      value=$(_kesactl_value "$help" "${COMP_WORDS[i]}")
+    elif [[ ${typed[i]} == -* ]]; then
+      [[ ${typed[i]} == --*=* ]] || value=$(_kesactl_value "$help" "${typed[i]}")
     elif [[ -z $command ]]; then
-      command=${COMP_WORDS[i]}
+      command=${typed[i]}
       help=$("$program" "$command" --help 2>/dev/null)
     else
       position=$((position + 1))
-      [[ $position -ne 1 ]] || path=${COMP_WORDS[i]}
+      [[ $position -ne 1 ]] || path=${typed[i]}
     fi
   done
 
-  if [[ -z $value && $word == -* ]]; then
+  if [[ -z $value && $word == --*=* ]]; then
+    option=${word%%=*}
+    value=$(_kesactl_value "$help" "$option")
+    option+='='
+  elif [[ -z $value && $word == -* ]]; then
     mapfile -t words < <(_kesactl_section "$help" Options)
     words=("${words[@]%% *}")
     words=("${words[@]#-?,}")
@@ -84,16 +137,16 @@ _kesactl() {
       ;;
     FILE*)
       compopt -o filenames 2>/dev/null
-      mapfile -t COMPREPLY < <(compgen -f -- "$word")
+      mapfile -t COMPREPLY < <(compgen -f -- "$2")
       return
       ;;
   esac
   # Not compgen -W, which would expand what stands in a path.
   COMPREPLY=()
   for value in "${words[@]}"; do
-    if [[ $value == "$word"* ]]; then
-      printf -v value '%q' "$value"
-      COMPREPLY+=("$value")
+    value=$option$value
+    if [[ $value == "$word"* && $value == "$kept"* ]]; then
+      mapfile -t -O ${#COMPREPLY[@]} COMPREPLY < <(_kesactl_typed "${value#"$kept"}" "$kept_quote")
     fi
   done
 }
