@@ -79,9 +79,10 @@ class Connection:
         try:
             data = message.encode(self.limit)
         except OverflowError as error:
-            theirs = self.limit < self._own.limit
-            setting = f'raise "comm", "max_message_bytes" of {self.peer.process!r}' if theirs else "this client takes no more"
-            raise OverflowError(f"{error}; {setting}, or send it in parts") from None
+            setting = '"comm", "max_message_bytes"'
+            is_theirs = self.limit < self._own.limit
+            way = f"raise {setting} of {self.peer.process!r}, or" if is_theirs else f"{setting} of this process is fixed, so"
+            raise OverflowError(f"{error}; {way} send it in parts") from None
         self._wire.write(data)
 
     def when_room(self, then: Callable[[], None]) -> None:

@@ -206,7 +206,7 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
             file = os.open(directory, os.O_PATH | os.O_DIRECTORY | os.O_CLOEXEC)
             address = f"/proc/self/fd/{file}/{os.path.basename(draft)}"
         sock.bind(address)
-        os.chmod(draft, mode)
+        _set_mode(draft, mode)
         sock.setblocking(False)
         sock.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
         sock.listen(_BACKLOG)
@@ -218,3 +218,14 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
     finally:
         if file is not None:
             os.close(file)
+
+
+def _set_mode(path: str, mode: int) -> None:
+    """Of a socket, not of what a link in its place leads to."""
+    file = os.open(path, os.O_PATH | os.O_NOFOLLOW | os.O_CLOEXEC)
+    try:
+        if not stat.S_ISSOCK(os.fstat(file).st_mode):
+            raise OSError(errno.EINVAL, "somebody has replaced it", path)
+        os.chmod(f"/proc/self/fd/{file}", mode)
+    finally:
+        os.close(file)

@@ -150,18 +150,27 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
     if (::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
         return refuse("cannot bind");
     }
+    // Not by its name from here on: somebody might have put a link there, and what that leads to would get the mode.
+    const Descriptor bound(::openat(m_directory.get(), temporary.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    if (!bound || ::fstat(bound.get(), &status) != 0) {
+        return refuse("cannot look at");
+    }
+    if (!S_ISSOCK(status.st_mode)) {
+        why = fmt::format("somebody has replaced the socket \"{}\" in the run directory", temporary);
+        return true;
+    }
     if (!settings.socketGroup.empty()) {
         const auto group = findGroup(settings.socketGroup);
         if (!group) {
             why = fmt::format("there is no group \"{}\"; see \"socket_group\"", settings.socketGroup);
             return true;
         }
-        if (::fchownat(m_directory.get(), temporary.c_str(), static_cast<uid_t>(-1), *group, AT_SYMLINK_NOFOLLOW) !=
-            0) {
+        if (::fchownat(bound.get(), "", static_cast<uid_t>(-1), *group, AT_EMPTY_PATH) != 0) {
             return refuse("cannot give its group to");
         }
     }
-    if (::fchmodat(m_directory.get(), temporary.c_str(), settings.socketMode, 0) != 0) {
+    if (::chmod(fmt::format("/proc/self/fd/{}", bound.get()).c_str(), settings.socketMode) != 0) {
         return refuse("cannot give its mode to");
     }
     return false;
