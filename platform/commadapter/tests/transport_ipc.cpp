@@ -565,10 +565,7 @@ TEST_F(TransportIpc, ToolsAskWhoHasAName)
     Node node(board, directory);
     ASSERT_FALSE(node.listen("media")) << "looking claims nothing: " << node.why;
     EXPECT_EQ(judge("media"), State::eNAME_HELD);
-    EXPECT_EQ(checkOwnLocator("media", media).why,
-              "the name \"media\" is held by process " + std::to_string(::getpid()) +
-                  ", which is this one; end that one and start this one again, or give one of both another "
-                  "name; \"kesactl ps\" shows which are taken");
+    EXPECT_THAT(checkOwnLocator("media", media).why, HasSubstr("is held by process"));
 
     std::ofstream(root / "file") << "no directory";
     ::setenv("KESA_RUN_DIR", (root / "file" / "run").c_str(), 1);
