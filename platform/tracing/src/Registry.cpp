@@ -4,7 +4,10 @@
 
 #include <obr/GlobalErrorHandler.h>
 
+#include <algorithm>
+#include <cassert>
 #include <cstdlib>
+#include <iterator>
 #include <tuple>
 #include <utility>
 #include <vector>
@@ -15,6 +18,29 @@ namespace {
 constexpr int EVENT_LOG_FACILITY = 7;
 constexpr int SEVERITY_ERROR = 4;
 constexpr int NOTHING = 5; // the threshold that no severity reaches
+
+/// The channels of this system: a name that begins as they do is one of them, or a typo.
+constexpr std::string_view OWN_PREFIX = "KESA_";
+constexpr std::string_view OWN_CHANNELS[] = {
+    "KESA_COMM",           "KESA_COMM_IPC",         "KESA_EASE",
+    "KESA_REGISTRY",       "KESA_RESPONSEHANDLERS", "KESA_RUNTIME_BACKENDS",
+    "KESA_RUNTIME_CONFIG", "KESA_RUNTIME_MAIN",     "KESA_SERVICEREGISTRY_SERVICEREGISTRYSERVICE",
+    "KESA_TRACING",        "KESA_UTIL_CONFIG"};
+
+bool isMistyped(std::string_view name)
+{
+    return name.substr(0, OWN_PREFIX.size()) == OWN_PREFIX &&
+           std::find(std::begin(OWN_CHANNELS), std::end(OWN_CHANNELS), name) == std::end(OWN_CHANNELS);
+}
+
+std::string ownChannels()
+{
+    std::string names;
+    for (const std::string_view name : OWN_CHANNELS) {
+        names.append(names.empty() ? "" : ", ").append(name);
+    }
+    return names;
+}
 
 std::string environment(const char* name)
 {
@@ -71,6 +97,11 @@ Registry::Registry()
     if (const std::string bad = setThresholds(environment("KESA_TRACE")); !bad.empty()) {
         complain("KESA_TRACE: " + bad);
     }
+    for (const auto& [name, threshold] : m_thresholds) {
+        if (isMistyped(name)) {
+            complain("KESA_TRACE: there is no channel '" + name + "'; those of this system are " + ownChannels());
+        }
+    }
 }
 
 ChannelState& Registry::channel(std::string_view name, int facility, int threshold)
@@ -78,6 +109,7 @@ ChannelState& Registry::channel(std::string_view name, int facility, int thresho
     const std::lock_guard lock(m_mutex);
     auto found = m_channels.find(name);
     if (found == m_channels.end()) {
+        assert(!isMistyped(name)); // else it is missing in the list
         found = m_channels
                     .emplace(std::piecewise_construct, std::forward_as_tuple(name),
                              std::forward_as_tuple(name, facility, threshold))

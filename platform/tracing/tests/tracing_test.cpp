@@ -212,7 +212,7 @@ TEST(TracingDeathTest, readsTheEnvironment)
 {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
     const std::string events = testing::TempDir() + "kesa-events-" + std::to_string(::getpid());
-    ::setenv("KESA_TRACE", "T_ENVIRONMENT=1,broken", 1);
+    ::setenv("KESA_TRACE", "T_ENVIRONMENT=1,broken,KESA_COM=1,KESA_COMM=4", 1);
     ::setenv("KESA_TRACE_SINK", "nonsense", 1);
     ::setenv("KESA_EVENT_LOG", ("file:" + events).c_str(), 0); // in the process that dies: the one of this process
     EXPECT_EXIT(
@@ -223,7 +223,9 @@ TEST(TracingDeathTest, readsTheEnvironment)
         },
         testing::ExitedWithCode(0),
         "\\[KESA_TRACING\\] KESA_TRACE_SINK: 'nonsense' is no trace sink: use stderr or file:PATH; writing to stderr\n"
-        ".*\\[KESA_TRACING\\] KESA_TRACE: 'broken' is not CHANNEL=N.*\n.*\\[T_ENVIRONMENT\\] first\n");
+        ".*\\[KESA_TRACING\\] KESA_TRACE: 'broken' is not CHANNEL=N.*\n"
+        ".*\\[KESA_TRACING\\] KESA_TRACE: there is no channel 'KESA_COM'; those of this system are KESA_COMM, .*\n"
+        ".*\\[T_ENVIRONMENT\\] first\n");
     EXPECT_EQ(contentOf(events), "{\"event\":1}\n");
     for (const char* name : {"KESA_TRACE", "KESA_TRACE_SINK", "KESA_EVENT_LOG"}) {
         ::unsetenv(name);
