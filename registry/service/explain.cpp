@@ -59,6 +59,19 @@ const char* whyNot(const QueryWatch& watch, const Record& record)
     return serviceregistry::matchesQuery(record.serviceDef, withoutMetadata, watch.patterns) ? "metadata" : "scope";
 }
 
+/// The first one of the query that keeps the record from it; empty when that is not for metadata.
+std::string missingKey(const QueryWatch& watch, const Record& record)
+{
+    Query one = watch.query;
+    for (const auto& [key, value] : watch.query.metadata.value_or(GenericObject())) {
+        one.metadata = GenericObject{{key, value}};
+        if (!serviceregistry::matchesQuery(record.serviceDef, one, watch.patterns)) {
+            return key;
+        }
+    }
+    return {};
+}
+
 } // namespace
 
 void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std::string& path,
@@ -174,7 +187,11 @@ GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& req
     const bool isTold = watch == nullptr ? isReachable : watch->wants(*record);
     object.set("told", isTold);
     if (!isTold) {
-        object.set("because", isReachable ? whyNot(*watch, *record) : "realm");
+        const std::string_view because = isReachable ? whyNot(*watch, *record) : "realm";
+        object.set("because", because);
+        if (because == "metadata") {
+            object.set("key", missingKey(*watch, *record));
+        }
     }
     return object;
 }

@@ -232,7 +232,7 @@ TEST_F(RegistryTest, ExplainsWhatAProcessIsNotToldOf)
     Process provider("provider", "there"), watcher("watcher"), blind("blind");
     Query scoped("/s"), selective("/s");
     scoped.scope = "cellar";
-    selective.metadata = GenericObject{{"room", "hall"}};
+    selective.metadata = GenericObject{{"floor", "first"}, {"room", "hall"}};
     for (const Query& each : {Query("/*"), scoped, selective, Query("/other")}) {
         query(watcher, "q", each);
     }
@@ -240,6 +240,7 @@ TEST_F(RegistryTest, ExplainsWhatAProcessIsNotToldOf)
     EXPECT_EQ(explain(blind, "/s", "watcher")["for"]["asks"].arraySize(), 3U);
     ServiceDef record = service("/s");
     record.scope = std::vector<std::string>{"attic"};
+    record.metainfo = GenericObject{{"floor", "first"}};
     registerService(provider, "r", record);
     track(watcher, "t", "/s");
 
@@ -247,12 +248,13 @@ TEST_F(RegistryTest, ExplainsWhatAProcessIsNotToldOf)
         Lines lines;
         const GenericObject explanation = explain(blind, path, "watcher");
         for (const auto& ask : explanation["for"]["asks"].items()) {
-            lines.push_back(ask["kind"].toText() + ' ' + ask["told"].toText() + ' ' + ask["because"].toText());
+            lines.push_back(ask["kind"].toText() + ' ' + ask["told"].toText() + ' ' + ask["because"].toText() +
+                            (ask["key"].isDefined() ? " of " + ask["key"].toText() : ""));
         }
         return lines;
     };
     EXPECT_THAT(asks("/s"), ElementsAre("tracking true undefined", "query true undefined", "query false scope",
-                                        "query false metadata"));
+                                        "query false metadata of room"));
     EXPECT_EQ(explain(blind, "/s", "blind")["for"].toText(), R"({"asks":[],"known":true,"process":"blind"})");
     EXPECT_EQ(explain(blind, "/s", "nobody")["for"]["known"], false);
 

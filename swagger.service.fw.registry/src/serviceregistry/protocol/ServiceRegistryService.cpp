@@ -3,6 +3,7 @@
 
 #include <kesa/IKesaApi.h>
 #include <kesa/commands.h>
+#include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/ServiceRegistryService.h>
 #include <kesa/tracing.h>
 
@@ -14,6 +15,14 @@ const Channel CHANNEL("KESA_SERVICEREGISTRY_SERVICEREGISTRYSERVICE");
 /// The route of one service, which is addressed by its own path.
 constexpr const char* SERVICE_ROUTE = "**";
 constexpr const char* WILDCARD = "**";
+
+/// Where each service is asked for its resources, and what a registry answers: docs/protocol.md has the form.
+constexpr std::string_view RESOURCES_PATH = "/.well-known/resources";
+constexpr std::string_view RESOURCES =
+    R"([{"answers":"stream","command":"retrieve","resource":"/","text":"the services that match a query, and each change"},)"
+    R"({"answers":"single","command":"explain","resource":"/**","text":"what is known of a service's path"},)"
+    R"({"answers":"stream","command":"insert","resource":"/**","text":"a service is there for as long as the request"},)"
+    R"({"answers":"stream","command":"retrieve","resource":"/**","text":"one service, and each change"}])";
 
 enum CommandId { eRETRIEVE, eUPDATE, eDELETE, eINSERT };
 
@@ -44,7 +53,9 @@ public:
         }
         switch (commands::toId(m_request.getCommand())) {
         case eRETRIEVE:
-            return m_request.getPath() == ServiceRegistryService::ROOT ? query() : track();
+            return m_request.getPath() == ServiceRegistryService::ROOT ? query()
+                   : m_request.getPath() == RESOURCES_PATH             ? tellResources()
+                                                                       : track();
         case eINSERT:
             return registerService();
         case eUPDATE:
@@ -66,6 +77,16 @@ private:
         }
         auto answers = answersOf<QueryRegistryResponseHandler, std::vector<RegistryUpdate>>();
         m_handle = m_registry.queryRegistry(std::move(answers), query);
+        return false;
+    }
+
+    bool tellResources()
+    {
+        Response answer(200, Payload::createFromString(std::string(RESOURCES), std::string(mimetypes::JSON)));
+        headers::appendRequestInfo(answer, RequestInfo(m_request));
+        if (!m_handler->onNext(answer)) {
+            m_handler->onCompleted();
+        }
         return false;
     }
 

@@ -154,6 +154,31 @@ TEST_F(ServiceRegistryServiceTest, AnswersInTheFormatAskedForWithTheRequestsInfo
     }
 }
 
+TEST_F(ServiceRegistryServiceTest, SaysWhichResourcesItHasAndAsksNoRegistry)
+{
+    std::vector<Response> answers;
+    const auto keep = [&answers](const Response& answer) {
+        answers.push_back(answer);
+        return false;
+    };
+    service.actionRequest(Request("retrieve", "/.well-known/resources"),
+                          std::make_unique<responsehandlers::FuncResponseHandler<Response>>(
+                              keep, keep, [this] { heard.emplace_back("completed"); }),
+                          "/");
+    ASSERT_EQ(answers.size(), 1U);
+    util::config::Value list;
+    ASSERT_FALSE(serializer::readPayload(answers[0].getPayload(), list));
+    ASSERT_EQ(list.arraySize(), 4U);
+    std::string before;
+    for (const util::config::Value& resource : list.items()) {
+        const std::string path = resource["resource"].toText() + ' ' + resource["command"].toText();
+        EXPECT_LT(std::exchange(before, path), path) << "the order of docs/protocol.md";
+        EXPECT_TRUE(resource["answers"] == "single" || resource["answers"] == "stream");
+    }
+    EXPECT_THAT(heard, ElementsAre("completed"));
+    EXPECT_THAT(calls, IsEmpty());
+}
+
 TEST_F(ServiceRegistryServiceTest, NamesTheOperationWhoseAnswerCannotBeWrittenAndGoesOn)
 {
     ServiceDef broken = serviceAt("/a");
