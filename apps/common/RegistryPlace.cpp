@@ -73,6 +73,8 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
         place.problem = fmt::format("{} asks for no registry; write \"use_registry\": true and "
                                     "\"service_registry_locators\": {{\"*\": [\"ipc://kesa-registryd/registry\"]}}",
                                     place.source);
+        place.asksForNone = true;
+        place.services = accessor.getServices();
         return place;
     }
     std::string partition;

@@ -1,6 +1,7 @@
 #ifndef KESA_APPS_COMMON_REGISTRYPLACE_H
 #define KESA_APPS_COMMON_REGISTRYPLACE_H
 
+#include <kesa/serviceregistry/ServiceDef.h>
 #include <kesa/url.h>
 
 #include <string>
@@ -14,6 +15,8 @@ struct RegistryPlace {
     std::vector<kesa::url> locators; ///< in order; empty when `problem` is not
     std::string problem;             ///< why there are none, as a sentence with what to do
     bool endsProcess = false;        ///< a runtime does not start with that problem
+    bool asksForNone = false;        ///< that is the problem: what the document has itself is all there is
+    std::vector<kesa::serviceregistry::ServiceDef> services; ///< then those that it has
 };
 
 /// `fallbackDocument` counts when there is no configuration file at all.

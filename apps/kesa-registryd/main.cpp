@@ -9,6 +9,7 @@
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <systemd/sd-daemon.h>
+#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
@@ -19,6 +20,7 @@
 #include <cstdlib>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 namespace registryd {
 namespace {
@@ -120,6 +122,22 @@ std::string checkName(const std::string& name)
     return isGood ? "" : "a name has 1 to 64 of the characters A-Z a-z 0-9 . _ - and does not begin with a dot";
 }
 
+int complainOfArguments(const CLI::ParseError& error, const CLI::App& app)
+{
+    std::vector<std::string> names;
+    for (const CLI::Option* const option : app.get_options()) {
+        names.push_back(option->get_name());
+    }
+    std::string meant;
+    for (const std::string& word : app.remaining()) {
+        const std::string option = word.substr(0, word.find('='));
+        const std::string_view nearest = util::nearestName(option, {names.begin(), names.end()});
+        meant = meant.empty() && !nearest.empty() ? fmt::format("; did you mean {}?", nearest) : meant;
+    }
+    return complain(ExitCode::eCONFIGURATION,
+                    fmt::format("{}{}", error.what(), meant.empty() ? "; see kesa-registryd --help" : meant));
+}
+
 } // namespace
 } // namespace registryd
 
@@ -141,7 +159,7 @@ int main(int argc, char** argv)
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? 0 : static_cast<int>(registryd::ExitCode::eCONFIGURATION);
+        return error.get_exit_code() == 0 ? app.exit(error) : registryd::complainOfArguments(error, app);
     }
     return registryd::run(arguments);
 }

@@ -1,6 +1,7 @@
 #include "Connection.h"
 
 #include "Failure.h"
+#include "adviseAround.h"
 #include "explainUnreachable.h"
 #include "options.h"
 
@@ -16,16 +17,19 @@ namespace kesactl {
 
 using kesa::runtime::v02::KesaRuntime;
 
-ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline, const std::string& hint)
+ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline)
 {
+    if (const ServiceDef* const configured = system.findConfigured(path)) {
+        return *configured;
+    }
     const auto [services, isAll] = system.view(literal(path))->list(deadline, true);
     if (services.empty() && !isAll) {
         RegistryView::failUnsettled();
     }
     if (services.empty()) {
-        throw Failure{
-            ExitCode::eFAILED,
-            fmt::format("no service at {0}; kesactl why {0} says why, kesactl list what is there{1}", path, hint)};
+        const std::string meant = adviseAround(system, path, deadline);
+        throw Failure{ExitCode::eFAILED, fmt::format("no service at {}", path), 0,
+                      meant.empty() ? fmt::format("kesactl why {} says why, kesactl list what is there", path) : meant};
     }
     return services.begin()->second;
 }
@@ -70,20 +74,17 @@ Connection::Client Connection::client(comm::TimeNs deadline)
     if (Client client = tryClient(timeToExplain(deadline))) {
         return client;
     }
-    const kesa::url where =
-        m_service.locators.empty() ? kesa::url(m_service.path.toString()) : m_service.locators.front();
-    if (isRefused()) {
-        throw Failure{ExitCode::eFAILED,
-                      fmt::format("{} cannot be reached from here: it is in another run directory or on another "
-                                  "host, and offers no other locator",
-                                  where.toString())};
+    if (m_service.locators.empty()) {
+        throw Failure{ExitCode::eFAILED, fmt::format("{} is registered without a locator", m_service.path.toString()),
+                      0, "its provider has to name where it is"};
     }
+    const kesa::url& where = m_service.locators.front();
     const Unreached why = explainUnreachable(where, std::max<comm::TimeNs>(deadline - comm::now(), 0));
     if (Client client = tryClient(deadline)) { // it may have come meanwhile
         return client;
     }
-    throw Failure{ExitCode::eTIMED_OUT, fmt::format("no connection to {}: {}", where.toString(), why.text), 0,
-                  why.advice};
+    throw Failure{isRefused() ? ExitCode::eFAILED : ExitCode::eTIMED_OUT,
+                  fmt::format("no connection to {}: {}", where.toString(), why.text), 0, why.advice};
 }
 
 } // namespace kesactl

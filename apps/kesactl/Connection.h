@@ -15,9 +15,9 @@
 
 namespace kesactl {
 
-/// The record of a service as the registry has it. A `Failure` when there is none, which ends with `hint`.
-ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline,
-                       const std::string& hint = {});
+/// The record of a service as the registry has it, or as the document that asks for none. A `Failure` when there is
+/// none, which says what is there instead.
+ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline);
 
 /// The connection to a service, at the locators of its record.
 class Connection {

@@ -6,6 +6,7 @@
 
 #include <backend/readCommSettings.h>
 #include <comm/wallClock.h>
+#include <transport/Authority.h>
 #include <transport/RunDirectory.h>
 #include <util/config/Dictionary.h>
 
@@ -110,6 +111,12 @@ std::string orNothing(const std::string& text)
 
 } // namespace
 
+std::string ProcessReport::plainName() const
+{
+    const auto endpoint = kesa::commadapter::transport::parseProcessAuthority(kesa::url("ipc://" + name), "ipc");
+    return endpoint ? endpoint->process : name;
+}
+
 std::string ProcessReport::processId() const
 {
     return pid != 0 ? std::to_string(pid) : textOf(answer["pid"]);
@@ -128,10 +135,7 @@ std::string ProcessReport::executable() const
 
 comm::TimeNs ProcessReport::started() const
 {
-    constexpr std::int64_t MOST = INT64_MAX / comm::MILLISECOND;
-    std::int64_t milliseconds = 0;
-    const bool isUnknown = answer["started"].get(milliseconds) || milliseconds < 0 || milliseconds > MOST;
-    return facts.isThere || isUnknown ? facts.started : milliseconds * comm::MILLISECOND;
+    return facts.isThere ? facts.started : timeOf(answer["started"]);
 }
 
 std::string ProcessReport::version() const
@@ -218,6 +222,13 @@ bool isCredible(comm::TimeNs time)
 {
     constexpr comm::TimeNs YEAR_2000 = 946'684'800 * comm::SECOND;
     return time > 0 && (time >= YEAR_2000 || comm::wallClock() < YEAR_2000);
+}
+
+comm::TimeNs timeOf(const Value& milliseconds)
+{
+    constexpr std::int64_t MOST = INT64_MAX / comm::MILLISECOND;
+    std::int64_t number = 0;
+    return milliseconds.get(number) || number < 0 || number > MOST ? 0 : number * comm::MILLISECOND;
 }
 
 std::string asLocalTime(comm::TimeNs time, bool isShort)

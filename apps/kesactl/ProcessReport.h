@@ -29,6 +29,7 @@ struct ProcessReport {
     std::string advice;     ///< the same in a sentence, with what to do; begins with the process
     ExitCode exitCode = ExitCode::eOK;
 
+    std::string plainName() const; ///< not as it stands in locators
     std::string processId() const; ///< "-" when unknown, as the next ones
     std::string user() const;
     std::string executable() const;
@@ -52,6 +53,9 @@ std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, c
 /// Whether that is a time of the wall clock at which anything can have happened. On a machine whose own clock stands at
 /// 1970, as one without a battery, that is one, too.
 bool isCredible(comm::TimeNs time);
+
+/// Of milliseconds since 1970 as a peer has told them; 0 when they are no time.
+comm::TimeNs timeOf(const util::config::Value& milliseconds);
 
 /// Of this place; "-" for one that is not credible. Short for tables: "18:03:11" of today, "2026-11-25" of another day;
 /// else both.

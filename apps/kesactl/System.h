@@ -3,6 +3,8 @@
 
 #include "RegistryView.h"
 
+#include <common/RegistryPlace.h>
+
 #include <memory>
 #include <string>
 
@@ -18,11 +20,19 @@ public:
     System(const System&) = delete;
     System& operator=(const System&) = delete;
 
+    /// A `Failure` when the configuration names no registry.
     std::unique_ptr<RegistryView> view(const std::string& glob) const;
+    /// The record in a document that asks for no registry. Null when there is none, or a registry is asked.
+    const ServiceDef* findConfigured(const std::string& path) const;
 
 private:
-    std::vector<kesa::url> m_locators; ///< of the registry
+    void checkRegistry() const;
+
+    apps::RegistryPlace m_place;
 };
+
+/// "/media/player, /media/radio", of the first ones; "no service".
+std::string pathsOf(const std::vector<ServiceDef>& services);
 
 } // namespace kesactl
 

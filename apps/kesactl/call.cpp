@@ -144,13 +144,15 @@ std::string lineOf(const kesa::Response& response, bool isJson)
 ServiceDef find(const System& system, const CallArguments& arguments, comm::TimeNs deadline)
 {
     if (arguments.locator.empty()) {
-        return findService(system, arguments.path, deadline,
-                           fmt::format(". The path of a resource is an argument of its own: kesactl call {} /resource",
-                                       arguments.path));
+        return findService(system, arguments.path, deadline);
     }
     kesa::url locator(arguments.locator);
     if (locator.path().empty()) {
         locator.init(arguments.locator + arguments.path);
+    } else if (locator.path() != arguments.path) {
+        throw Failure{ExitCode::eUSAGE,
+                      fmt::format("the locator leads to {}, and the path is {}", locator.path(), arguments.path), 0,
+                      fmt::format("leave the path out of the locator, or call {}", locator.path())};
     }
     return {kesa::Path(arguments.path), ServiceDef::TypeEnum::pex, {}, {locator}};
 }
@@ -159,7 +161,7 @@ void call(const CallArguments& arguments)
 {
     kesa::Request request = makeRequest(arguments);
     const comm::TimeNs deadline = arguments.common.deadline();
-    const System system(arguments.locator.empty());
+    const System system(false);
     Connection connection(find(system, arguments, deadline));
     const Connection::Client client = connection.client(deadline);
     if (arguments.isAlone) {
@@ -224,7 +226,10 @@ void addCall(CLI::App& app)
         ->type_name("URL");
     CLI::Option* const follow =
         command->add_flag("--follow", arguments->isFollowing, "Asks for a stream, and prints it until it ends.");
-    command->add_option("--count", arguments->count, "Ends after so many values.")->needs(follow)->type_name("VALUES");
+    command->add_option("--count", arguments->count, "Ends after so many values.")
+        ->needs(follow)
+        ->check(checkCount)
+        ->type_name("VALUES");
     addCommonOptions(*command, arguments->common, "How long until the first answer.");
     command->callback([arguments, command] {
         arguments->isAlone = std::all_of(std::begin(OF_REQUEST), std::end(OF_REQUEST),

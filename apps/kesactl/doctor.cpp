@@ -54,7 +54,9 @@ void addMachine(DoctorPage& page)
     Dictionary environment;
     for (const char* const name : {"KESA_CONFIG", "KESA_CONFIG_DIR", "KESA_RUN_DIR", "XDG_RUNTIME_DIR", "KESA_NODE"}) {
         const char* const value = ::secure_getenv(name);
-        page.addLine(fmt::format("${}", name), value == nullptr ? "not set" : value);
+        page.addLine(fmt::format("${}", name), value == nullptr ? "not set"
+                                               : *value == '\0' ? "empty, which counts as not set"
+                                                                : value);
         environment.set(name, value == nullptr ? Value(nullptr) : Value(value));
     }
     page.facts.set("environment", environment);
@@ -218,7 +220,8 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
         return;
     }
     page.addLine("it answers", answer.services
-                                   ? fmt::format("{} services{}", answer.services->size(), lateness(answer.after))
+                                   ? fmt::format("{} service{}{}", answer.services->size(),
+                                                 answer.services->size() == 1 ? "" : "s", lateness(answer.after))
                                    : "nothing");
     if (answer.services) {
         page.facts.set("services", std::uint64_t{answer.services->size()});

@@ -1,27 +1,20 @@
 #include "explainNoRegistry.h"
 
+#include "System.h"
 #include "otherRunDirectories.h"
 #include "providersHere.h"
 #include "runDirectoryProblem.h"
 
-#include <kesa/runtime/v02/KesaConfigAccessor.h>
-#include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
-#include <runtime/v02/config/KesaConfig.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <cstdlib>
-#include <unistd.h>
 
 namespace kesactl {
 namespace {
 
-using kesa::runtime::v02::KesaConfig;
-using kesa::runtime::v02::KesaConfigAccessor;
-using kesa::runtime::v02::KesaRuntime;
-using kesa::serviceregistry::ServiceDef;
 using kesa::serviceregistry::ServiceRegistryPex;
 
 /// Processes meet there, or a registry has left its socket: so one is missed there, and the directory is no mistake.
@@ -32,14 +25,33 @@ bool isUsed(const RunDirectoryFacts& directory, const std::string& registry)
     });
 }
 
-std::string join(const std::vector<ServiceDef>& services)
+/// As a sentence. Another name than the daemon's own is mostly that of a program that is the registry itself.
+std::string howToStart(const kesa::url& registry)
 {
-    constexpr std::size_t MOST = 10;
-    std::string text;
-    for (std::size_t i = 0; i < services.size() && i < MOST; ++i) {
-        text += (i == 0 ? "" : ", ") + services[i].path.toString();
+    const std::string process = processOf(registry);
+    return process == "kesa-registryd"
+               ? "start kesa-registryd"
+               : fmt::format("start {0}, which the locator names (a program of your own, or kesa-registryd --name {0})",
+                             process);
+}
+
+/// Of a service that the document has.
+Verdict explainConfigured(const std::string& source, const ServiceDef& service, comm::TimeNs within)
+{
+    const kesa::url& locator = service.locators.front();
+    Unreached why = explainUnreachable(locator, within);
+    if (why.cause == "not-provided") {
+        why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
+                                 "in its document (kesactl check-config --process {0}) may differ from its own; or "
+                                 "it has yet to provide it",
+                                 processOf(locator));
+    } else if (why.cause == "bad-locator") {
+        why.advice =
+            fmt::format("write one of this host in the document, such as \"ipc://PROCESS{}\"", service.path.toString());
     }
-    return services.size() > MOST ? fmt::format("{} and {} more", text, services.size() - MOST) : text;
+    const std::string where = fmt::format("{} has it at {}", source, locator.toString());
+    return why.cause == "slow" ? Verdict{std::string(Verdict::WORKS), where + ", and its process provides it", {}, {}}
+                               : Verdict{why.cause, fmt::format("{}: {}", where, why.text), why.advice, {}};
 }
 
 } // namespace
@@ -80,10 +92,10 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
     const std::string first = here.beforeStart(processOf(registry));
     if (others.empty()) {
         why.cause = "no-registry";
-        why.advice = first + "start kesa-registryd, or set KESA_RUN_DIR to the directory it uses";
+        why.advice = first + howToStart(registry) + ", or set KESA_RUN_DIR to the directory it uses";
     } else if (isUsed(here, processOf(registry))) {
         why.cause = "no-registry";
-        why.advice = fmt::format("{}start kesa-registryd here, or {}", first, howToMeetIn(others.front()));
+        why.advice = fmt::format("{}{} here, or {}", first, howToStart(registry), howToMeetIn(others.front()));
     } else {
         why.cause = "other-run-directory";
         why.advice = fmt::format("{}, or {}start a registry here", howToMeetIn(others.front()), first);
@@ -93,34 +105,33 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 
 Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::string& path, comm::TimeNs within)
 {
-    const KesaConfig config = KesaConfig::readOr("kesactl-" + std::to_string(::getpid()), KesaRuntime::WITH_REGISTRYD);
-    const KesaConfigAccessor accessor(config);
-    Verdict verdict{"no-registry", place.problem, "kesactl check-config explains the document", {}};
-    if (!accessor.isValid() || accessor.useRemoteRegistry()) {
-        return verdict;
+    if (!place.asksForNone) {
+        return {"no-registry", place.problem, "kesactl check-config explains the document", {}};
     }
-    const std::vector<ServiceDef>& services = accessor.getServices();
-    const auto found = std::find_if(services.begin(), services.end(),
-                                    [&path](const ServiceDef& service) { return service.path.toString() == path; });
-    if (found != services.end() && !found->locators.empty()) {
-        const kesa::url& locator = found->locators.front();
-        Unreached why = explainUnreachable(locator, within);
-        if (why.cause == "not-provided") {
-            why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
-                                     "in its document (kesactl check-config --process {0}) may differ from its own; or "
-                                     "it has yet to provide it",
-                                     processOf(locator));
-        }
-        const std::string where = fmt::format("{} has it at {}", place.source, locator.toString());
-        return why.cause == "slow"
-                   ? Verdict{std::string(Verdict::WORKS), where + ", and its process provides it", {}, {}}
-                   : Verdict{why.cause, fmt::format("{}: {}", where, why.text), why.advice, {}};
+    const comm::TimeNs deadline = comm::now() + within;
+    const auto found = std::find_if(place.services.begin(), place.services.end(), [&path](const ServiceDef& service) {
+        return service.path.toString() == path && !service.locators.empty();
+    });
+    if (found != place.services.end()) {
+        return explainConfigured(place.source, *found, within);
     }
-    verdict.text = fmt::format("{} asks for no registry, so only what it has itself is there: {}", place.source,
-                               services.empty() ? "no service" : join(services));
-    verdict.advice = R"(write "use_registry": true and "service_registry_locators": {"*": )"
-                     R"(["ipc://kesa-registryd/registry"]}, or name another document with KESA_CONFIG)";
-    return verdict;
+    const std::string has = fmt::format("{} asks for no registry, so only what it has itself is there: {}",
+                                        place.source, pathsOf(place.services));
+    if (const auto provider = findProviderHere(path, deadline)) {
+        return {
+            "no-registry",
+            fmt::format("{}; {} ({}) provides it here", has, provider->name, provider->pid),
+            fmt::format(
+                R"(add {{"path": "{0}", "type": "pex", "locators": ["ipc://{1}{0}"]}} to "services" in the documents )"
+                "of those who use it",
+                path, provider->name),
+            {}};
+    }
+    return {"no-registry",
+            has,
+            R"(add it to "services" with its locator; or, in the documents of all who shall meet, write )"
+            R"("use_registry": true and "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]})",
+            {}};
 }
 
 } // namespace kesactl

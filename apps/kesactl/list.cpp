@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <sstream>
 
 namespace kesactl {
 namespace {
@@ -20,7 +21,7 @@ struct ListArguments {
     std::vector<std::string> where;
     std::string type;
     std::string provider;
-    std::vector<std::string> columns = {"path", "type", "versions", "provider", "locators"};
+    std::string columns = "path,type,versions,provider,locators";
     CommonOptions common;
 };
 
@@ -60,10 +61,12 @@ RegistryView::Answer find(const ListArguments& arguments)
                                                      arguments.glob, adviseWhy(arguments.glob))};
     }
     if (services.empty()) {
-        throw Failure{ExitCode::eFAILED,
-                      fmt::format("none of the {} services that match '{}' is so; kesactl show PATH has the type, the "
-                                  "provider and the metainfo of one",
-                                  all.size(), arguments.glob)};
+        throw Failure{
+            ExitCode::eFAILED,
+            fmt::format("{} that match{} '{}' is so; kesactl show PATH has the type, the provider and the "
+                        "metainfo of one",
+                        all.size() == 1 ? "not the one service" : fmt::format("none of the {} services", all.size()),
+                        all.size() == 1 ? "es" : "", arguments.glob)};
     }
     return {services, isAll};
 }
@@ -76,6 +79,27 @@ void printList(const ListArguments& arguments, const std::function<std::string(c
     if (!isAll) {
         RegistryView::failUnsettled();
     }
+}
+
+std::vector<std::string> split(const std::string& names)
+{
+    std::vector<std::string> all;
+    std::istringstream rest(names);
+    for (std::string name; std::getline(rest, name, ',');) {
+        all.push_back(name);
+    }
+    return all;
+}
+
+std::string checkColumns(const std::string& names)
+{
+    const std::vector<std::string> all = split(names);
+    for (const std::string& name : all) {
+        if (std::string wrong = checkColumn(name); !wrong.empty()) {
+            return wrong;
+        }
+    }
+    return all.empty() ? checkColumn("") : "";
 }
 
 std::string checkCondition(const std::string& condition)
@@ -109,14 +133,12 @@ void addList(CLI::App& app)
     auto arguments = std::make_shared<ListArguments>();
     CLI::App& list = add(app, "list", "Lists the services.", arguments);
     list.add_option("--columns", arguments->columns, "Of the table, in order; also formats, scope and metainfo.")
-        ->check(checkColumn)
-        ->delimiter(',')
-        ->allow_extra_args(false)
+        ->check(checkColumns)
         ->excludes("--json")
-        ->type_name("NAMES")
+        ->type_name("NAME,...")
         ->capture_default_str();
     list.callback([arguments] {
-        printList(*arguments, [&](const Services& services) { return asTable(services, arguments->columns); });
+        printList(*arguments, [&](const Services& services) { return asTable(services, split(arguments->columns)); });
     });
     auto ofTree = std::make_shared<ListArguments>();
     add(app, "tree", "Shows the services as a tree of their paths; as JSON, the same lines as list.", ofTree)

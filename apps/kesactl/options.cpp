@@ -5,7 +5,9 @@
 #include <kesa/PathPatterns.h>
 #include <obr/ErrorStorage.h>
 
-#include <cmath>
+#include <fmt/format.h>
+
+#include <algorithm>
 #include <cstdlib>
 #include <sstream>
 #include <string_view>
@@ -14,12 +16,28 @@ namespace kesactl {
 
 namespace {
 
-std::string checkNumber(const std::string& text)
+/// As long as a clock can count.
+constexpr double LONGEST = 1e9;
+
+/// True when it is no number of seconds that can be waited.
+bool readSeconds(const std::string& text, double& seconds)
 {
-    const double seconds = std::strtod(text.c_str(), nullptr);
-    return std::isnan(seconds) ? "'" + text + "' is no number of seconds"
-           : seconds == 0      ? "0 seconds are over before anything can answer; write some, such as 0.5"
-                               : "";
+    char* end = nullptr;
+    seconds = std::strtod(text.c_str(), &end);
+    return text.empty() || *end != '\0' || !(seconds >= 0 && seconds <= LONGEST);
+}
+
+std::string complainOfSeconds(const std::string& text)
+{
+    return fmt::format("'{}' is no number of seconds from 0 to {:.0f}; write one such as 0.5", text, LONGEST);
+}
+
+std::string checkTimeout(const std::string& text)
+{
+    double seconds = 0;
+    return readSeconds(text, seconds) ? complainOfSeconds(text)
+           : seconds == 0             ? "0 seconds are over before anything can answer; write some, such as 0.5"
+                                      : "";
 }
 
 /// What was meant, as far as it can be told: ". Write '/media/player'".
@@ -39,10 +57,20 @@ void addCommonOptions(CLI::App& command, CommonOptions& options, const std::stri
 {
     command.add_flag("--json", options.isJson, "One JSON value per line.");
     command.add_option("--timeout", options.timeoutSeconds, timeoutText)
-        ->check(CLI::Range(0.0, 1e9))
-        ->check(checkNumber) // which a range lets pass
+        ->check(checkTimeout)
         ->type_name("SECONDS")
         ->capture_default_str();
+}
+
+std::string checkInterval(const std::string& text)
+{
+    double seconds = 0;
+    return readSeconds(text, seconds) ? complainOfSeconds(text) : "";
+}
+
+std::string checkCount(const std::string& text)
+{
+    return text == "0" ? "0 of them are none; without --count it goes on to the end" : "";
 }
 
 std::string checkGlob(const std::string& glob)
@@ -50,8 +78,8 @@ std::string checkGlob(const std::string& glob)
     if (glob == "/") {
         return checkPath(glob); // it matches that path only, which no service has
     }
-    if (glob.empty() || std::string_view("/*?[{").find(glob.front()) == std::string_view::npos) {
-        return "'" + glob + "' matches no path, since each begins with '/'; write '/" + glob + "'";
+    if (glob.empty()) {
+        return "the glob is empty; without one all services match";
     }
     if (glob.find("//") != std::string::npos) {
         return "'" + glob + "' has '//', which no path has; write one '/'";
@@ -61,15 +89,20 @@ std::string checkGlob(const std::string& glob)
     }
     std::string reason = obr::ErrorStorage::reason();
     obr::ErrorStorage::ack();
-    return reason;
+    return reason + adviseLiteral(glob);
 }
 
 std::string checkPath(const std::string& path)
 {
-    return kesa::Path::isCanonical(path)
-               ? ""
-               : "'" + path + "' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end" +
-                     adviseOn(path);
+    if (kesa::Path::isCanonical(path)) {
+        return {};
+    }
+    const auto control = std::find_if(path.begin(), path.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; });
+    if (control != path.end()) {
+        return fmt::format("'{}' has the control character \\x{:02x}, which no path has", path,
+                           static_cast<unsigned char>(*control));
+    }
+    return kesa::Path::complaintAbout(path) + adviseOn(path);
 }
 
 std::string checkResource(const std::string& path)
@@ -91,7 +124,16 @@ std::string literal(const std::string& path)
 
 std::string adviseWhy(const std::string& glob)
 {
-    return checkPath(glob).empty() && literal(glob) == glob ? "; kesactl why " + glob + " says why" : "";
+    return !checkPath(glob).empty() ? ""
+           : literal(glob) == glob  ? "; kesactl why " + glob + " says why"
+                                    : adviseLiteral(glob);
+}
+
+std::string adviseLiteral(const std::string& glob)
+{
+    return checkPath(glob).empty() && glob.find_first_of("[]{}\\") != std::string::npos
+               ? "; if that is a path, write '" + literal(glob) + "'"
+               : "";
 }
 
 } // namespace kesactl

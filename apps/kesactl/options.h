@@ -20,6 +20,8 @@ struct CommonOptions {
 void addCommonOptions(CLI::App& command, CommonOptions& options, const std::string& timeoutText);
 
 // For `CLI::Option::check`: what is wrong, or empty.
+std::string checkInterval(const std::string& text); ///< seconds, also none
+std::string checkCount(const std::string& text);
 std::string checkGlob(const std::string& glob);
 std::string checkPath(const std::string& path);     ///< of a service, which "/" is not
 std::string checkResource(const std::string& path); ///< inside a service
@@ -27,8 +29,10 @@ std::string checkResource(const std::string& path); ///< inside a service
 /// A glob that matches this path only.
 std::string literal(const std::string& path);
 
-/// "; kesactl why /media/player says why" of a glob that is a path, else nothing.
+/// "; kesactl why /media/player says why" of a glob that is a path; one that looks like a path, as `adviseLiteral`.
 std::string adviseWhy(const std::string& glob);
+/// "; if that is a path, write '/media/\[1\]'". Nothing for what cannot be one, or hardly is.
+std::string adviseLiteral(const std::string& glob);
 
 } // namespace kesactl
 

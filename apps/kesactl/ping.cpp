@@ -1,5 +1,5 @@
-// ping: how long a request takes to a service and back. It is of a command that no service has, so that it does nothing
-// there: whatever the service says of it is an answer.
+// ping: how long a request takes to a service and back. It does nothing there: whatever the service says of it is an
+// answer.
 #include "Answers.h"
 #include "Connection.h"
 #include "Failure.h"
@@ -7,6 +7,7 @@
 #include "explainUnreachable.h"
 #include "options.h"
 #include "output.h"
+#include "probe.h"
 #include "visible.h"
 
 #include <CLI/CLI.hpp>
@@ -19,8 +20,6 @@
 
 namespace kesactl {
 namespace {
-
-constexpr const char* COMMAND = "ping";
 
 struct PingArguments {
     std::string path;
@@ -91,7 +90,7 @@ bool isAnswered(const ServiceDef& service, comm::TimeNs deadline)
 
 Round measure(const Connection::Client& client, const ServiceDef& service, const PingArguments& arguments, Waits& waits)
 {
-    kesa::Request request(COMMAND, "/");
+    kesa::Request request = probeOf(service);
     const comm::TimeNs begin = comm::now();
     const comm::TimeNs deadline = arguments.common.deadline();
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - begin));
@@ -152,7 +151,7 @@ std::string summaryOf(std::uint64_t sent, std::vector<comm::TimeNs> times, bool 
 void ping(const PingArguments& arguments)
 {
     const comm::TimeNs deadline = arguments.common.deadline();
-    const System system(true);
+    const System system(false);
     const ServiceDef service = findService(system, arguments.path, deadline);
     Connection connection(service);
     const Connection::Client client = connection.client(deadline);
@@ -193,7 +192,7 @@ void addPing(CLI::App& app)
         ->type_name("REQUESTS")
         ->capture_default_str();
     command->add_option("--interval", arguments->intervalSeconds, "From one request to the next.")
-        ->check(CLI::Range(0.0, 1e6))
+        ->check(checkInterval)
         ->type_name("SECONDS")
         ->capture_default_str();
     addCommonOptions(*command, arguments->common, "How long until each answer; also for the registry at first.");

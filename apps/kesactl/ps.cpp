@@ -18,7 +18,7 @@ std::vector<std::string> rowOf(const ProcessReport& report, bool isShort)
     const std::string path = report.executable();
     const std::string program = isShort ? path.substr(path.rfind('/') + 1) : path;
     const std::string noted = isShort ? fmt::format("({})", report.note) : fmt::format("({}) {}", report.note, path);
-    return {report.name,
+    return {report.plainName(),
             report.processId(),
             report.user(),
             asLocalTime(report.started(), true),

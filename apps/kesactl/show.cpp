@@ -19,7 +19,7 @@ struct ShowArguments {
 void show(const ShowArguments& arguments)
 {
     const comm::TimeNs deadline = arguments.common.deadline();
-    const System system;
+    const System system(false);
     const ServiceDef service = findService(system, arguments.path, deadline);
     if (arguments.wantsResources) {
         Connection connection(service);

@@ -58,11 +58,10 @@ std::string countOf(const ProcessReport& report, std::string_view counted, std::
     return count == shown ? count : fmt::format("{}, of which {} follow", count, shown);
 }
 
-/// A peer calls itself what it likes; a terminal shows it as locators do.
 std::string nameOf(const Value& connection)
 {
     const std::string_view name = connection["process"].stringView();
-    return name.empty() ? "-" : kesa::commadapter::transport::encodeProcessName(name);
+    return name.empty() ? "-" : std::string(name);
 }
 
 std::string stateOf(const Value& connection)
@@ -87,14 +86,12 @@ std::vector<std::string> rowOf(const Value& connection, const std::string& proce
         return value.isDefined() ? value.toText() : std::string("-");
     };
     unsigned uid = 0;
-    std::int64_t since = 0;
     const bool hasUser = !connection["uid"].get(uid);
-    const bool hasTime = !connection["since"].get(since);
     return {nameOf(connection),
             text("pid"),
             hasUser ? userName(uid) : "-",
             connection["openedBy"].stringView() == "peer" ? nameOf(connection) : process,
-            hasTime ? asLocalTime(since * comm::MILLISECOND, true) : "-",
+            asLocalTime(timeOf(connection["since"]), true),
             text("openRequests"),
             text("queuedBytes"),
             stateOf(connection)};
@@ -114,7 +111,7 @@ void addAnswer(std::string& page, const ProcessReport& report)
     addLine(page, "connections", countOf(report, "connectionCount", "connections"));
     Rows rows = {{"  PEER", "PID", "USER", "OPENED BY", "SINCE", "REQUESTS", "QUEUED", "STATE"}};
     for (const Value& connection : answer["connections"].items()) {
-        rows.push_back(rowOf(connection, report.name));
+        rows.push_back(rowOf(connection, report.plainName()));
         rows.back().front().insert(0, "  ");
     }
     page += rows.size() > 1 ? aligned(rows) : "";
@@ -123,7 +120,7 @@ void addAnswer(std::string& page, const ProcessReport& report)
 std::string pageOf(const ProcessReport& report)
 {
     std::string page;
-    addLine(page, "process", report.name);
+    addLine(page, "process", report.plainName());
     addLine(page, "pid", report.processId());
     addLine(page, "user", report.user());
     addLine(page, "executable",

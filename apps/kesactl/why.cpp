@@ -7,12 +7,14 @@
 #include "ProcessFacts.h"
 #include "System.h"
 #include "Verdict.h"
+#include "adviseAround.h"
 #include "commands.h"
 #include "explainNoRegistry.h"
 #include "nameHolders.h"
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "probe.h"
 #include "providersHere.h"
 #include "registryFaults.h"
 #include "whyAbsent.h"
@@ -143,6 +145,8 @@ Verdict Search::run()
     const auto provider =
         findProviderHere(m_arguments.path, std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
     if (!provider) {
+        const std::string meant = adviseAround(system, m_arguments.path, m_arguments.common.deadline());
+        verdict.advice = meant.empty() ? verdict.advice : meant;
         return verdict;
     }
     if (auto failure = askRegistry(registry)) { // it may have registered meanwhile
@@ -208,7 +212,10 @@ Verdict Search::judge(const kesa::url& registry) const
 /// Its locators are of another realm: of another run directory, or of this one before it was emptied.
 Verdict Search::explainRealm() const
 {
-    const std::string locators = m_explanation["holder"]["record"]["locators"].toText();
+    std::string locators;
+    for (const Value& locator : m_explanation["holder"]["record"]["locators"].items()) {
+        locators.append(locators.empty() ? "" : ", ").append(locator.toText());
+    }
     const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
     const auto holders = findNameHolders();
     const auto found =
@@ -258,11 +265,7 @@ Verdict Search::reach() const
 
 Verdict Search::call(const Connection::Client& client, const ServiceDef& service) const
 {
-    // As `ping` does: a command that no service has, so whatever is said of it is an answer. A registry would complain.
-    const bool isRegistry = m_explanation["holder"]["record"]["type"] == "registry";
-    const Answers::Answer answer =
-        ask(client, isRegistry ? questionAbout(m_arguments.path, {}) : kesa::Request("ping", "/"),
-            m_arguments.common.deadline());
+    const Answers::Answer answer = ask(client, probeOf(service), m_arguments.common.deadline());
     const auto status = answer.response.getStatus();
     if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
         const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);

@@ -1,6 +1,7 @@
 #include "whyAbsent.h"
 
 #include "ProcessFacts.h"
+#include "ProcessReport.h"
 #include "otherRunDirectories.h"
 
 #include <transport/Authority.h>
@@ -15,6 +16,9 @@ namespace kesactl {
 namespace {
 
 using util::config::Value;
+
+/// A service that was there for less was hardly meant to go.
+constexpr comm::TimeNs SHORT = comm::SECOND;
 
 /// Whoever provides it may run where this registry does not see it.
 void addElsewhere(Verdict& verdict, const std::string& registry)
@@ -39,7 +43,7 @@ void addElsewhere(Verdict& verdict, const std::string& registry)
 Verdict explainNever(const Value& explanation, const std::string& registry)
 {
     const Value& started = explanation["registryStarted"];
-    if (isYoung(integerOf(started) * comm::MILLISECOND)) {
+    if (isYoung(timeOf(started))) {
         return {"registry-young",
                 fmt::format("the registry started only at {}, and providers take up to a second to find it again",
                             timeText(started)),
@@ -96,7 +100,13 @@ Verdict explainGone(const Value& event)
         verdict.advice = fmt::format("{}start {} again",
                                      here.beforeStart(kesa::commadapter::transport::encodeProcessName(name)), name);
     } else if (isWithdrawn) {
-        verdict.advice = fmt::format("that was {}'s own decision; its log may say why", name);
+        const comm::TimeNs lasted = timeOf(event["when"]) - timeOf(event["since"]);
+        verdict.advice =
+            fmt::format("that was {}'s own decision; its log may say why{}", name,
+                        lasted < SHORT ? fmt::format(". After {} ms: is what kesa::provide returns kept? It withdraws "
+                                                     "the service when it is destroyed",
+                                                     lasted / comm::MILLISECOND)
+                                       : "");
     } else {
         verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
                                      "says what keeps it",

@@ -5,6 +5,7 @@
 #include "otherRunDirectories.h"
 
 #include <kesa/url.h>
+#include <util/config/Dictionary.h>
 #include <util/nearestName.h>
 
 #include <sys/stat.h>
@@ -103,8 +104,28 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
     return {std::string(Verdict::WORKS), fmt::format("{} (process {}) is told of it", process, pid), {}, {}};
 }
 
-std::string adviceFor(std::string_view because)
+/// What the record has instead of the metadata that is asked for with `key`.
+std::string explainKey(const Value& record, const std::string& key)
 {
+    const Value& metainfo = record["metainfo"];
+    if (const Value& value = metainfo[key]; value.isDefined()) {
+        return fmt::format("its query asks for another \"{}\" than the record's, which is {}", key, value.toText());
+    }
+    std::vector<std::string_view> keys;
+    for (const auto& [name, value] : metainfo.dictionary()) {
+        keys.emplace_back(name);
+    }
+    const std::string_view meant = util::nearestName(key, keys);
+    return fmt::format("its query asks for \"{}\", which the record does not have{}", key,
+                       meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant));
+}
+
+std::string adviceFor(const Value& ask, const Value& record)
+{
+    const std::string_view because = ask["because"].stringView();
+    if (ask["key"].isString()) {
+        return explainKey(record, ask["key"].toText());
+    }
     if (because == "scope") {
         return "its query asks for a scope that the record does not list; kesactl show PATH has the record";
     }
@@ -122,6 +143,12 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     const auto& asks = about["asks"].items();
     if (about["known"] != true) {
         return explainUnknown(process);
+    }
+    if (asks.empty() && explanation["holder"]["provider"] == Value(process)) {
+        return {std::string(Verdict::WORKS),
+                fmt::format("{} provides it itself, so it uses it without asking the registry", process),
+                {},
+                {}};
     }
     if (asks.empty()) {
         return {"not-asked",
@@ -146,7 +173,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     return {"hidden-by-" + because,
             fmt::format("{} (process {}) asks for it{}, but is not told of it because of its {}", process, pid,
                         ask["pattern"].isString() ? fmt::format(" with \"{}\"", ask["pattern"].toText()) : "", because),
-            adviceFor(because),
+            adviceFor(ask, explanation["holder"]["record"]),
             {}};
 }
 

@@ -4,7 +4,8 @@
 // show, and refuses the rest.
 // "/media/radio" is the same, and registered before it; its description has what a terminal obeys, and as its resources
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
-// both are; all that "media warming" answers is 503.
+// both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
+// brief" withdraws what it has as soon as it is known.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -119,6 +120,7 @@ int main(int count, char** arguments)
     const auto radio = makePlayer();
     radio->onRetrieve(kesa::resources::PATH, [](const Request&) { return json(R"([{"resource":"/","command":7}])"); });
     std::atomic<int> refusals{0};
+    std::atomic<int> known{0};
     std::vector<kesa::Disposable> registrations;
     const struct {
         const char* path;
@@ -131,13 +133,30 @@ int main(int count, char** arguments)
         registrations.push_back(KesaRuntime::getInstance()->registerService(
             path, warming ? warming : service, ServiceDef::TypeEnum::pex, {"1.0.0", "1.1.0"},
             kesa::GenericObject{{"description", description}},
-            kesa::handler<ServiceDef>([](const ServiceDef&) {},
-                                      [&refusals, path](const kesa::Response& error) {
-                                          std::printf("%s: %s\n", path, kesa::reasonOf(error).c_str());
-                                          if (++refusals == 2) {
-                                              ::kill(::getpid(), SIGTERM); // to the process, which waits for it
-                                          }
-                                      })));
+            kesa::handler<ServiceDef>(
+                [&known](const ServiceDef&) {
+                    ++known;
+                    known.notify_all();
+                },
+                [&refusals, path](const kesa::Response& error) {
+                    std::printf("%s: %s\n", path, kesa::reasonOf(error).c_str());
+                    if (++refusals == 2) {
+                        ::kill(::getpid(), SIGTERM); // to the process, which waits for it
+                    }
+                })));
+    }
+    for (int i = 0; name == "many" && i < 15'000; ++i) {
+        registrations.push_back(
+            KesaRuntime::getInstance()->registerService("/many/" + std::to_string(i), radio, ServiceDef::TypeEnum::pex,
+                                                        {}, {}, kesa::handler<ServiceDef>([](const ServiceDef&) {})));
+    }
+    if (name == "brief") {
+        for (int seen = known; seen < 2; seen = known) {
+            known.wait(seen);
+        }
+        for (kesa::Disposable& registration : registrations) {
+            registration.dispose();
+        }
     }
     std::puts("started");
     std::fflush(stdout);
