@@ -83,14 +83,19 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     bool wasLost = false;
     Services beforeLoss; ///< of what `events` had come to, what has not come back yet
     std::deque<Event> events;
+    std::optional<Services> behind; ///< too many events wait; this is what they come to, and further ones are left out
+    std::size_t leftOut = 0;
     std::optional<Failure> failure; ///< nothing more comes
     std::string unavailable;        ///< what the registry, while connected, has answered with 503
 
     State(kesa::url locator, std::string pattern) : registry(std::move(locator)), glob(std::move(pattern)) {}
 
     void announceGone();
+    void catchUp();
 
 private:
+    void push(Event event);
+    void fallBehind();
     void apply(const Updates& updates);
     void announce(const ServiceDef& service);
 };
@@ -151,7 +156,8 @@ void RegistryView::State::lost()
     cancel();
     const std::lock_guard lock(mutex);
     if (isComplete) {
-        events.push_back({Kind::eREGISTRY_LOST, {}});
+        fallBehind();
+        push({Kind::eREGISTRY_LOST, {}});
         beforeLoss.merge(services);
         wasLost = true;
     }
@@ -216,13 +222,16 @@ void RegistryView::State::apply(const Updates& updates)
     for (const RegistryUpdate& update : updates) {
         const std::string& path = update.element->path.toString();
         const bool isRemoval = update.updateType == RegistryUpdate::UpdateTypeEnum::REMOVED;
+        if (isComplete) {
+            fallBehind();
+        }
         if (isRemoval) {
             services.erase(path);
         } else {
             services.insert_or_assign(path, *update.element);
         }
         if (isComplete && isRemoval) {
-            events.push_back({Kind::eREMOVED, *update.element});
+            push({Kind::eREMOVED, *update.element});
         } else if (isComplete) {
             announce(*update.element);
         }
@@ -231,7 +240,7 @@ void RegistryView::State::apply(const Updates& updates)
         isComplete = true;
         completedAt = comm::now();
         if (wasLost) {
-            events.push_back({Kind::eREGISTRY_FOUND, {}});
+            push({Kind::eREGISTRY_FOUND, {}});
         }
         for (const auto& [path, service] : services) {
             announce(service);
@@ -273,9 +282,43 @@ void RegistryView::State::announce(const ServiceDef& service)
         if (renumbered == old) {
             return;
         }
-        events.push_back({Kind::eREMOVED, old});
+        push({Kind::eREMOVED, old});
     }
-    events.push_back({Kind::eADDED, service});
+    push({Kind::eADDED, service});
+}
+
+void RegistryView::State::push(Event event)
+{
+    if (behind) {
+        ++leftOut;
+    } else {
+        events.push_back(std::move(event));
+    }
+}
+
+/// Before a change is applied.
+void RegistryView::State::fallBehind()
+{
+    constexpr std::size_t MOST_WAITING = 10'000;
+    if (!behind && events.size() >= MOST_WAITING) {
+        behind = services;
+        behind->merge(Services(beforeLoss));
+    }
+}
+
+/// When all that waited has been taken, and it is known what is there.
+void RegistryView::State::catchUp()
+{
+    if (!behind || !events.empty() || !isSettled()) {
+        return;
+    }
+    beforeLoss = std::move(*behind);
+    behind.reset();
+    events.push_back({Kind::eLEFT_OUT, {}, std::exchange(leftOut, 0)});
+    for (const auto& [path, service] : services) {
+        announce(service);
+    }
+    announceGone();
 }
 
 /// What has not come back in time.
@@ -283,7 +326,7 @@ void RegistryView::State::announceGone()
 {
     if (isSettled()) {
         for (const auto& [path, service] : beforeLoss) {
-            events.push_back({Kind::eREMOVED, service});
+            push({Kind::eREMOVED, service});
         }
         beforeLoss.clear();
     }
@@ -383,6 +426,7 @@ RegistryView::Event RegistryView::next()
     comm::TimeNs never = comm::NEVER;
     m_state->await(lock, never, [this] {
         m_state->announceGone();
+        m_state->catchUp();
         return !m_state->events.empty();
     });
     Event event = std::move(m_state->events.front());

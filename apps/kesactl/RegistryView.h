@@ -37,9 +37,10 @@ class RegistryView {
 public:
     /// One change, in the order in which the registry tells them.
     struct Event {
-        enum class Kind { eADDED, eREMOVED, eREGISTRY_LOST, eREGISTRY_FOUND };
+        enum class Kind { eADDED, eREMOVED, eREGISTRY_LOST, eREGISTRY_FOUND, eLEFT_OUT };
         Kind kind;
-        ServiceDef service; ///< for the first two
+        ServiceDef service;      ///< for the first two
+        std::size_t leftOut = 0; ///< for the last one: so many changes. What follows leads to what is there
     };
 
     struct Answer {
@@ -66,7 +67,7 @@ public:
     comm::TimeNs answeredAt();
     /// How a command ends that had to know all.
     [[noreturn]] static void failUnsettled();
-    /// The next change, whenever it comes.
+    /// The next change, whenever it comes. Who takes them too slowly is told of some only by what has come of them.
     Event next();
     /// The reader of the output has gone. Any thread.
     void interrupt();

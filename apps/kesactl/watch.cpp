@@ -28,10 +28,11 @@ struct Words {
     const char* json;
     const char* text;
 };
-constexpr std::array<Words, 4> WORDS = {{{"added", "+"},
+constexpr std::array<Words, 5> WORDS = {{{"added", "+"},
                                          {"removed", "-"},
                                          {"registry lost", "! the registry is lost; waiting for it"},
-                                         {"registry found", "! the registry is back"}}};
+                                         {"registry found", "! the registry is back"},
+                                         {"left out", "! too slowly read:"}}};
 
 /// Text: the time of this place; JSON: date and time of UTC. Both to the millisecond.
 std::string timeStamp(bool isJson)
@@ -55,6 +56,11 @@ std::string lineOf(const Event& event, bool isJson)
     const std::string time = timeStamp(isJson);
     const bool isOfService = event.kind == Event::Kind::eADDED || event.kind == Event::Kind::eREMOVED;
     const Words& words = WORDS.at(static_cast<std::size_t>(event.kind));
+    if (event.kind == Event::Kind::eLEFT_OUT) {
+        return isJson ? fmt::format(R"({{"time":"{}","event":"{}","changes":{}}})", time, words.json, event.leftOut)
+                      : fmt::format("{} {} {} changes are left out; what has come of them follows", time, words.text,
+                                    event.leftOut);
+    }
     if (isJson) {
         return isOfService ? fmt::format(R"({{"time":"{}","event":"{}","service":{}}})", time, words.json,
                                          asJson(event.service))
@@ -85,7 +91,9 @@ void addWatch(CLI::App& app)
     command->add_option("GLOB", arguments->glob, "Of paths: '/system/**', '/media/*'; without it all.")
         ->check(checkGlob)
         ->type_name("");
-    command->add_option("--count", arguments->count, "Ends after so many lines.")->type_name("LINES");
+    command->add_option("--count", arguments->count, "Ends after so many lines.")
+        ->check(checkCount)
+        ->type_name("LINES");
     addCommonOptions(*command, arguments->common, "How long the registry may take to answer at first.");
     command->callback([arguments] { watch(*arguments); });
 }
