@@ -6,9 +6,9 @@
 
 int main()
 {
+    kesa::Topic<double> celsius; // before the runtime: others may ask for it until that has ended
     kesa::Runtime runtime = kesa::startOrExit("thermometer");
 
-    kesa::Topic<double> celsius;
     const auto service = std::make_shared<kesa::ResourceHandler>();
     celsius.serve(*service, "/celsius"); // answers the last value, and streams each further one
     const auto thermometer = kesa::provide("/thermometer", service);

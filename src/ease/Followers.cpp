@@ -12,9 +12,17 @@ namespace kesa {
 
 namespace {
 
-void traceLeftOut(const std::string& mimeType)
+constexpr const char* ENDED = "the value has ended";
+
+const ::tracing::Channel& easeChannel()
 {
     static const ::tracing::Channel channel("KESA_EASE");
+    return channel;
+}
+
+void traceLeftOut(const std::string& mimeType)
+{
+    const ::tracing::Channel& channel = easeChannel();
     KESA_TRACE(channel, 3, "[publish] a value is left out for those who follow as '%s': %s", mimeType.c_str(),
                obr::ErrorStorage::reason().c_str());
     obr::ErrorStorage::ack();
@@ -54,7 +62,8 @@ void Followers::answer(const Request& request, const Responder& responder)
         request.getHeader(headers::RESPONSE_SEMANTIC).stringView() == responsesemantics::PERSISTENT_STREAM;
     const std::lock_guard<std::mutex> lock(m_mutex);
     if (m_hasEnded) {
-        responder.fail(503, "the value has ended");
+        const RequestError error = ended(request);
+        responder.fail(error.status(), error.what());
         return;
     }
     if (!m_last && !isFollowing) {
@@ -101,8 +110,21 @@ void Followers::end()
         followers.swap(m_followers);
     }
     for (const Follower& follower : followers) {
-        follower.responder.fail(503, "the value has ended");
+        follower.responder.fail(503, ENDED);
     }
+}
+
+RequestError Followers::ended(const Request& request)
+{
+    if (!m_isEndTraced.exchange(true)) {
+        KESA_TRACE(
+            easeChannel(), 3,
+            "[answer] '%s %s' asks for a value whose kesa::Topic or kesa::Property is gone: this and each further "
+            "such request is answered 503; declare it before the kesa::Runtime, or end the registration of its "
+            "service before it",
+            request.getCommand().c_str(), request.getPath().c_str());
+    }
+    return {503, ENDED};
 }
 
 } // namespace kesa

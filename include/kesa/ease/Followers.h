@@ -4,10 +4,12 @@
 #include <kesa/Payload.h>
 #include <kesa/Request.h>
 #include <kesa/core/PayloadConversion.h>
+#include <kesa/ease/RequestError.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/optional.h>
 #include <obr/ErrorStorage.h>
 
+#include <atomic>
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -35,6 +37,8 @@ public:
     void answer(const Request& request, const Responder& responder);
     /// Tells all who follow, and who comes later, 503.
     void end();
+    /// What `request` is told that comes later. The first time it is traced (3), with what to do.
+    RequestError ended(const Request& request);
 
 private:
     struct Follower {
@@ -48,6 +52,7 @@ private:
     std::vector<Follower> m_followers; ///< under `m_mutex`
     std::size_t m_swept = 0;           ///< so many are kept before those that have left go; under `m_mutex`
     bool m_hasEnded = false;           ///< under `m_mutex`
+    std::atomic<bool> m_isEndTraced{false};
 };
 
 namespace detail {
@@ -55,9 +60,15 @@ namespace detail {
 template <class T>
 Followers::Encode encoder(std::shared_ptr<const T> value)
 {
-    return [value = std::move(value)](const std::string& mimeType) {
+    constexpr bool CAN_WRITE = serializer::CAN_WRITE<T>;
+    static_assert(CAN_WRITE, "kesa::Topic<T> and kesa::Property<T> are for a T that has a `serialize`; see "
+                             "kesa/core/PayloadConversion.h");
+    return [value = std::move(value)]([[maybe_unused]] const std::string& mimeType) -> optional<Payload> {
         obr::ErrorStorage::ack();
-        return serializer::toPayload(*value, mimeType);
+        if constexpr (CAN_WRITE) {
+            return serializer::toPayload(*value, mimeType);
+        }
+        return {};
     };
 }
 

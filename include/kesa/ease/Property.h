@@ -20,14 +20,15 @@ namespace kesa {
 /// present value and then each other one: setting what it is already tells nobody.
 ///
 /// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
-/// its routes answer 503 then, and `onChange` is called no more once its destructor has returned.
+/// its routes answer 503 then, which is traced (3) once. `onChange` is called no more once its destructor has returned,
+/// which waits for one that is running, unless it comes from inside it.
 template <class T>
 class Property {
 public:
     using OnChange = std::function<void(const T&)>;
 
-    /// `onChange` is called after each change, in the thread that made it, one call at a time and in order. It must not
-    /// set this property.
+    /// `onChange` is called after each change, in the thread that made it, one call at a time and in order. It may set
+    /// this property, which calls it again before that returns, and drop it.
     explicit Property(T value, OnChange onChange = {})
         : m_state(std::make_shared<State>(std::move(value), std::move(onChange)))
     {}
@@ -36,7 +37,11 @@ public:
     ~Property() { m_state->end(); }
 
     T get() const { return m_state->get(); }
-    void set(T value) { m_state->set(std::move(value)); }
+    void set(T value)
+    {
+        const auto state = m_state; // `onChange` may drop us
+        state->set(std::move(value));
+    }
 
     /// Adds a route that answers and streams it. Before the service is registered.
     void serve(ResourceHandler& service, std::string_view route, RouteInfo info = {})
@@ -53,7 +58,7 @@ public:
         serve(service, route, info);
         const auto set = [state = m_state](const Request& request) {
             if (state->set(body<T>(request))) {
-                throw RequestError(503, "the value has ended");
+                throw state->followers.ended(request);
             }
         };
         service.onUpdate(route, set, info.ofSetting());
@@ -61,44 +66,49 @@ public:
 
 private:
     struct State {
-        State(T first, OnChange handler) : value(std::move(first)), onChange(std::move(handler)) { publish(); }
+        State(T first, OnChange handler)
+            : value(std::make_shared<const T>(std::move(first))), onChange(std::move(handler))
+        {
+            followers.publish(detail::encoder(value));
+        }
 
         T get() const
         {
             const std::lock_guard<std::mutex> lock(mutex);
-            return value;
+            return *value;
         }
         /// True when it has ended.
         bool set(T next)
         {
-            const std::lock_guard<std::mutex> order(changes);
+            const std::lock_guard<std::recursive_mutex> order(changes);
+            std::shared_ptr<const T> changed;
             {
                 const std::lock_guard<std::mutex> lock(mutex);
-                if (hasEnded || value == next) {
+                if (hasEnded || *value == next) {
                     return hasEnded;
                 }
-                value = std::move(next);
+                changed = std::make_shared<const T>(std::move(next));
+                value = changed;
             }
-            publish(); // only a change may write, and this is the one
+            followers.publish(detail::encoder(changed));
             if (onChange) {
-                onChange(value);
+                onChange(*changed);
             }
             return false;
         }
         void end()
         {
-            const std::lock_guard<std::mutex> order(changes); // waits for `onChange`
+            const std::lock_guard<std::recursive_mutex> order(changes); // waits for `onChange`, but from inside it
             {
                 const std::lock_guard<std::mutex> lock(mutex);
                 hasEnded = true;
             }
             followers.end();
         }
-        void publish() { followers.publish(detail::encoder(std::make_shared<const T>(value))); }
 
-        std::mutex changes;       ///< held while one is told
-        mutable std::mutex mutex; ///< of `value` and `hasEnded`
-        T value;
+        std::recursive_mutex changes; ///< held while one is told
+        mutable std::mutex mutex;     ///< of `value` and `hasEnded`
+        std::shared_ptr<const T> value;
         bool hasEnded = false;
         const OnChange onChange;
         Followers followers;

@@ -22,7 +22,7 @@ namespace kesa {
 /// for that follower and traced (3).
 ///
 /// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
-/// its routes answer 503 then.
+/// its routes answer 503 then, which is traced (3) once.
 template <class T>
 class Topic {
 public:

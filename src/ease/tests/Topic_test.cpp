@@ -9,6 +9,7 @@
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/servicecomp.h>
+#include <tracing/CapturingSink.h>
 
 namespace {
 
@@ -108,8 +109,34 @@ TEST_F(Values, APropertyTellsChangesOnly)
     EXPECT_EQ(ask("update", R"("loud")"), "400: the body can not be read: a number is expected");
     EXPECT_EQ(ask("update", "7"), "");
     property.reset();
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
     EXPECT_EQ(ask("update", "80"), "503: the value has ended");
+    EXPECT_EQ(ask("retrieve"), "503: the value has ended");
+    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr("[answer] 'update /v' asks for a value whose")));
+    ::tracing::setSink(nullptr);
     EXPECT_THAT(told, ElementsAre("50", "60", "=60", "70", "=70", "7", "=7", "503"));
+}
+
+TEST_F(Values, APropertyMayBeSetOrDroppedWhereItsChangeIsTold)
+{
+    std::unique_ptr<Property<int>> property;
+    property = std::make_unique<Property<int>>(50, [&](const int& v) {
+        if (v > 100) {
+            property->set(100);
+        } else if (v == 0) {
+            property.reset();
+        }
+        told.push_back("=" + std::to_string(v));
+    });
+    property->serveWritable(service, "/v");
+    follow();
+    EXPECT_EQ(ask("update", "700"), "");
+    EXPECT_THAT(told, ElementsAre("50", "700", "100", "=100", "=700"));
+    told.clear();
+    property->set(0);
+    EXPECT_EQ(property, nullptr);
+    EXPECT_THAT(told, ElementsAre("0", "503", "=0"));
 }
 
 } // namespace

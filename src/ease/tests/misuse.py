@@ -20,6 +20,7 @@ MISUSES = {
     "auto h = kesa::handler<int>([](int) { return std::string(); });": "the first function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) {}, [](int) {});": "the second function of kesa::handler<T> takes",
     "auto h = kesa::handler<int>([](int) {}, [](auto&) {}, [](int) {});": "the third function of kesa::handler<T> takes",
+    "kesa::Topic<std::vector<int>>().publish({});": "kesa::Topic<T> and kesa::Property<T> are for",
     "kesa::use(\"/a\")->onChange([] {});": "the function of kesa::Client::onChange takes",
     "kesa::use(\"/a\")->whenConnected([](bool) {});": "the function of kesa::Client::whenConnected takes",
     "kesa::use(\"/a\")->follow(kesa::Request(), [](const kesa::Response&) {});": "kesa::Client::follow takes",
@@ -36,7 +37,7 @@ GOOD = [
 
 def main():
     # One source, since the headers cost most of the time.
-    source = "#include <kesa/ease/ResourceHandler.h>\n#include <kesa/ease/handler.h>\n#include <kesa/ease/use.h>\n"
+    source = "#include <kesa/ease/ResourceHandler.h>\n#include <kesa/ease/Topic.h>\n#include <kesa/ease/handler.h>\n#include <kesa/ease/use.h>\n"
     for number, code in enumerate([*GOOD, *MISUSES]):
         source += f"void user{number}([[maybe_unused]] kesa::ResourceHandler& service) {{ {code} }}\n"
     command = [sys.argv[1], "-std=c++17", "-fsyntax-only", "-x", "c++", "-"]
