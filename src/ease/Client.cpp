@@ -24,6 +24,7 @@
 #include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <tracing/Channel.h>
 
 #include <algorithm>
 #include <vector>
@@ -117,6 +118,8 @@ public:
         }
     }
 
+    const std::string& path() const noexcept { return m_path; }
+
     bool isConnected() const
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
@@ -153,6 +156,9 @@ public:
         const auto kept = std::make_shared<util::UniqueFunction<void(bool)>>(std::move(handler));
         const std::lock_guard<std::recursive_mutex> lock(m_news);
         if (m_hasEnded) {
+            static const ::tracing::Channel channel("KESA_EASE");
+            KESA_TRACE(channel, 3, "[onChange] a handler of the client of '%s' will hear nothing: %s", m_path.c_str(),
+                       reason().c_str());
             return;
         }
         m_handlers.push_back(kept);
@@ -168,7 +174,14 @@ public:
         }
         auto taken = std::move(handler); // dropped without the lock, if it is
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_hasEnded) {
+        if (m_hasEnded || m_refusal) {
+            const Response error = m_refusal       ? *m_refusal
+                                   : m_status != 0 ? Response::createErrorResponse(m_status, m_reason)
+                                                   : Response::createErrorResponse(503, ENDED);
+            lock.unlock();
+            if (taken) {
+                taken->onError(error);
+            }
             return {};
         }
         const auto follow = std::make_shared<Follow>(std::move(request), m_following.open(std::move(taken)));
@@ -264,7 +277,7 @@ private:
         void onError(const Response& error) noexcept override
         {
             m_hasFailed = true;
-            m_client->onNews([&] { m_client->setState(nullptr, reasonOf(error), error.getStatus(), error); });
+            m_client->refusedForGood(error);
         }
         void onCompleted() noexcept override {}
 
@@ -348,6 +361,16 @@ private:
                      fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, sentenceOf(error),
                                  m_path),
                      error.getStatus());
+        }
+    }
+
+    /// By the registry or the runtime, which says nothing of the path any more.
+    void refusedForGood(const Response& error)
+    {
+        Change change;
+        onNews([&] { change = setState(nullptr, sentenceOf(error), error.getStatus(), error); });
+        for (const auto& follow : change.follows) {
+            follow->end(error);
         }
     }
 
@@ -534,6 +557,11 @@ void Client::cancel(void* handle) noexcept
 {
     const auto impl = m_impl;
     impl->cancel(handle);
+}
+
+const std::string& Client::path() const noexcept
+{
+    return m_impl->path();
 }
 
 bool Client::isConnected() const

@@ -127,15 +127,15 @@ int Runtime::runUntilSignal()
     return m_impl->runUntilSignal();
 }
 
-int Runtime::runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work)
+int Runtime::runUntilSignal(Duration period, const std::function<void()>& work)
 {
-    if (period <= std::chrono::nanoseconds::zero()) {
+    if (period.nanoseconds() <= std::chrono::nanoseconds::zero()) {
         obr::GlobalErrorHandler::doAssert(false, "period > 0", __FILE__, __LINE__, __func__,
                                           "kesa::Runtime::runUntilSignal would call its work without a rest: give a "
                                           "period of more than nothing, or call runUntilSignal() without work");
         return 0;
     }
-    return m_impl->runUntilSignal(std::min<comm::TimeNs>(period.count(), comm::NEVER / 4), work);
+    return m_impl->runUntilSignal(std::min<comm::TimeNs>(period.nanoseconds().count(), comm::NEVER / 4), work);
 }
 
 void Runtime::end()

@@ -27,7 +27,7 @@ void setError(GetResult& result, const Response& error)
     result.error = reasonOf(error);
 }
 
-/// A time that was over has a cause that a client may know.
+/// A time that was over has a cause that a client may know, or a command can find.
 void addObstacle(GetResult& result, const IKesaApi& api)
 {
     constexpr unsigned short TIME_IS_OVER = 504;
@@ -36,7 +36,8 @@ void addObstacle(GetResult& result, const IKesaApi& api)
     }
     if (const auto* const client = dynamic_cast<const Client*>(&api)) {
         const std::string why = client->reason();
-        result.error.append(why.empty() ? "" : "; ").append(why);
+        result.error +=
+            why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {0}' says more", client->path()) : "; " + why;
     }
 }
 
@@ -173,7 +174,7 @@ private:
 
 } // namespace
 
-GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
+GetResult get(IKesaApi& api, Request request, Duration limit)
 {
     GetResult result;
     result.error = detail::refusalToWait("kesa::get", "call IKesaApi::request with a handler");
@@ -190,7 +191,7 @@ GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout)
     }
     // A client object ends the request by itself, but any other service object knows of no limits: the wait has one,
     // too.
-    timeout = std::max(timeout, std::chrono::nanoseconds::zero());
+    const auto timeout = std::max(limit.nanoseconds(), std::chrono::nanoseconds::zero());
     headers::appendTimeout(request, timeout);
     const comm::TimeNs deadline = detail::deadlineIn(timeout);
     Call* const call = new Call;

@@ -66,7 +66,8 @@ public:
     {
         {
             const std::lock_guard<std::mutex> lock(m_mutex);
-            if (m_state == State::eOVER) {
+            if (m_state == State::eOVER || m_hasEnded) {
+                traceDropped();
                 return;
             }
             if (m_state != State::ePROVIDED) {
@@ -299,6 +300,18 @@ private:
         }
         for (const auto& told : m_told.close()) {
             told->withdraw();
+        }
+    }
+
+    /// After a refusal its own text has said why.
+    void traceDropped() const
+    {
+        if (m_hasEnded) {
+            static const ::tracing::Channel channel("KESA_EASE");
+            KESA_TRACE(channel, 3,
+                       "[whenKnown] a handler for '%s' will hear nothing: the registration has ended; keep what "
+                       "kesa::provide returns, and call whenKnown on that",
+                       m_path.c_str());
         }
     }
 

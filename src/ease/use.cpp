@@ -90,21 +90,23 @@ private:
             hasAnswer = question.hasAnswer();
         }
         if (result.status == TIME_IS_OVER) {
-            result.error = fmt::format("not connected within {} ms: {}",
+            result.error = fmt::format("504: not connected within {} ms: {}",
                                        std::chrono::ceil<std::chrono::milliseconds>(timeout).count(),
                                        client.reasonWhenAsked(hasAnswer));
+        } else if (result.status != 0) {
+            result.error = fmt::format("{}: {}", result.status, result.error);
         }
     }
 };
 
-ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout)
+ConnectResult connect(const std::string& path, Duration timeout)
 {
-    return Connecting::run(nullptr, path, timeout, "kesa::connect");
+    return Connecting::run(nullptr, path, timeout.nanoseconds(), "kesa::connect");
 }
 
-ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, std::chrono::nanoseconds timeout)
+ConnectResult connect(IRuntimeRegistry& runtime, const std::string& path, Duration timeout)
 {
-    return Connecting::run(&runtime, path, timeout, "kesa::connect");
+    return Connecting::run(&runtime, path, timeout.nanoseconds(), "kesa::connect");
 }
 
 namespace {
@@ -122,14 +124,14 @@ GetResult connectAndGet(IRuntimeRegistry* runtime, const std::string& path, Requ
 
 } // namespace
 
-GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout)
+GetResult get(const std::string& path, Request request, Duration timeout)
 {
-    return connectAndGet(nullptr, path, std::move(request), timeout);
+    return connectAndGet(nullptr, path, std::move(request), timeout.nanoseconds());
 }
 
-GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, std::chrono::nanoseconds timeout)
+GetResult get(IRuntimeRegistry& runtime, const std::string& path, Request request, Duration timeout)
 {
-    return connectAndGet(&runtime, path, std::move(request), timeout);
+    return connectAndGet(&runtime, path, std::move(request), timeout.nanoseconds());
 }
 
 } // namespace kesa

@@ -57,6 +57,8 @@ public:
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
     void cancel(void* handle) noexcept override;
 
+    /// What it was made with.
+    const std::string& path() const noexcept;
     bool isConnected() const;
     /// Why it is not connected, or that the process it is connected to is stopped, in one sentence that ends with what
     /// to do or to ask next; empty when nothing is known to be in the way:
@@ -96,7 +98,8 @@ public:
     /// slow", or the service says so), after 10 ms. The pause doubles up to 1 s as long as the streams end without a
     /// value or within the pause before. Every other end is passed to `handler`, and is the end of the following.
     ///
-    /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call.
+    /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call. Of a client
+    /// that has ended, or whose path is none, `handler` is told the error inside this call.
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
     template <class Function, std::enable_if_t<std::is_invocable_v<Function&, const Response&>, int> = 0>
     Disposable follow(const Request&, const Function&)
@@ -107,7 +110,8 @@ public:
     }
 
     /// Lets go. Open requests are answered 503 inside this call, all other handlers are destroyed without a call. Every
-    /// request from then on is answered 503. Twice is harmless, and the second waits, too.
+    /// request and `follow` from then on is answered 503; a handler given to `onChange` or `whenConnected` is
+    /// destroyed, which is traced (3). Twice is harmless, and the second waits, too.
     void end();
 
 private:

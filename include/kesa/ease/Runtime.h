@@ -1,9 +1,9 @@
 #ifndef KESA_EASE_RUNTIME_H
 #define KESA_EASE_RUNTIME_H
 
+#include <kesa/Duration.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -61,7 +61,7 @@ public:
     /// catches up with; periods that are over by then are left out. A period of 0 or less is a failed assertion.
     ///
     /// What `work` throws is traced (4) on "KESA_EASE" and leaves this to the caller; the runtime goes on.
-    int runUntilSignal(std::chrono::nanoseconds period, const std::function<void()>& work);
+    int runUntilSignal(Duration period, const std::function<void()>& work);
 
     /// Ends the runtime before the destructor does: no handler and no service is called after it returns. Twice is
     /// harmless.

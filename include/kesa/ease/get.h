@@ -1,10 +1,10 @@
 #ifndef KESA_EASE_GET_H
 #define KESA_EASE_GET_H
 
+#include <kesa/Duration.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/ease/body.h>
 
-#include <chrono>
 #include <optional>
 #include <string>
 
@@ -14,14 +14,15 @@ namespace kesa {
 struct GetResult {
     std::optional<Response> response;
     unsigned short status = 0; ///< of the error: the service's, or 504 when the time is over; 0 when it has none
-    std::string error;
+    std::string error;         ///< begins with the status, if there is one: "409: there is nothing to play"
 
     explicit operator bool() const noexcept { return response.has_value(); }
 };
 
 /// Sends `request` and waits for its first answer, `timeout` at most; whatever the service would say further is
 /// cancelled. The service is told how long the caller waits, in whole milliseconds, rounded up: see
-/// `RequestContext::deadline`. `std::chrono::nanoseconds::max()` is for ever. A request that ends without an answer and
+/// `RequestContext::deadline`. What is as long as nanoseconds can say,
+/// 292 years, is for ever, as `std::chrono::hours::max()`. A request that ends without an answer and
 /// without an error has succeeded: its answer is an empty one of status 200.
 ///
 ///     const kesa::GetResult cpu = kesa::get(*api, kesa::Request("retrieve", "/cpu"), std::chrono::seconds(2));
@@ -36,7 +37,7 @@ struct GetResult {
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
 /// `api` stays alive during the call, and it is connected: `get` waits for the answer, not for the connection. One that
 /// `kesa::use` has just made is not yet; `kesa::connect` and the `get` that is given a path wait for it.
-[[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, std::chrono::nanoseconds timeout);
+[[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, Duration timeout);
 
 } // namespace kesa
 

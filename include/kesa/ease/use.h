@@ -4,7 +4,6 @@
 #include <kesa/ease/Client.h>
 #include <kesa/ease/get.h>
 
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -16,11 +15,11 @@ namespace kesa {
 /// The same through `runtime`, which outlives no call to the client's operations.
 [[nodiscard]] KESA_API std::shared_ptr<Client> use(runtime::v02::IRuntimeRegistry& runtime, const std::string& path);
 
-/// What `connect` came to: a client that is connected, or why there is none, as `Client::reason` says it.
+/// What `connect` came to: a client that is connected, or why there is none, and what `Client::reason` says.
 struct ConnectResult {
     std::shared_ptr<Client> client;
     unsigned short status = 0; ///< of the error: 504 when the time is over; 0 when it has none, as an interrupted wait
-    std::string error;
+    std::string error;         ///< begins with the status, if there is one: "504: not connected within 2000 ms: ..."
 
     explicit operator bool() const noexcept { return client != nullptr; }
 };
@@ -31,9 +30,9 @@ struct ConnectResult {
 ///     if (!player) { std::cerr << player.error << '\n'; }
 ///
 /// Not on the runtime's threads: on an executor, an updater or an I/O loop it fails at once.
-[[nodiscard]] KESA_API ConnectResult connect(const std::string& path, std::chrono::nanoseconds timeout);
+[[nodiscard]] KESA_API ConnectResult connect(const std::string& path, Duration timeout);
 [[nodiscard]] KESA_API ConnectResult connect(runtime::v02::IRuntimeRegistry& runtime, const std::string& path,
-                                             std::chrono::nanoseconds timeout);
+                                             Duration timeout);
 
 /// One question to the service at `path`: connects, asks and waits, all within `timeout`. Whoever asks often keeps
 /// the client of `connect` or `use`.
@@ -42,9 +41,9 @@ struct ConnectResult {
 ///     std::chrono::seconds(2));
 ///
 /// Where, and what about the timeout, as for the other `get`.
-[[nodiscard]] KESA_API GetResult get(const std::string& path, Request request, std::chrono::nanoseconds timeout);
+[[nodiscard]] KESA_API GetResult get(const std::string& path, Request request, Duration timeout);
 [[nodiscard]] KESA_API GetResult get(runtime::v02::IRuntimeRegistry& runtime, const std::string& path, Request request,
-                                     std::chrono::nanoseconds timeout);
+                                     Duration timeout);
 
 } // namespace kesa
 

@@ -44,9 +44,10 @@ void appendResponseSemantic(Request& request, std::string_view semantic)
     request.setHeader(RESPONSE_SEMANTIC, semantic);
 }
 
-void appendTimeout(Request& request, std::chrono::nanoseconds left)
+void appendTimeout(Request& request, Duration left)
 {
-    const auto whole = std::chrono::ceil<std::chrono::milliseconds>(std::max(left, std::chrono::nanoseconds::zero()));
+    const auto whole =
+        std::chrono::ceil<std::chrono::milliseconds>(std::max(left.nanoseconds(), std::chrono::nanoseconds::zero()));
     if (!request.getHeaders().empty()) {
         request.setHeader(TIMEOUT, whole.count());
         return;

@@ -86,7 +86,7 @@ TEST_F(RuntimeTest, ASignalEndsWhatWaitsUntilItIsTold)
     EXPECT_EQ(get(silent, Request("retrieve", "/"), std::chrono::hours(1)).error, underWay);
     EXPECT_EQ(kept.size(), 1U) << "not sent";
     EXPECT_EQ(runtime.runUntilSignal(), SIGINT);
-    EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("not connected within 0 ms"));
+    EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("504: not connected within 0 ms"));
 }
 
 TEST_F(RuntimeTest, ASecondSignalEndsTheProcess)
@@ -114,7 +114,7 @@ TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItself)
         ::kill(::getpid(), SIGINT);
         int signal = 0;
         EXPECT_EQ(sigwait(&own, &signal), 0);
-        EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("not connected within 0 ms"));
+        EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("504: not connected within 0 ms"));
         std::thread([] { ::kill(::getpid(), SIGTERM); }).join();
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
     }
@@ -180,7 +180,7 @@ TEST_F(RuntimeTest, SaysWhereItLooksForTheRegistryThatIsNotThere)
                             "connected: no process listens as \"kesa-registryd\" in \"" +
                             directory + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
     EXPECT_EQ(client->reason(), why);
-    EXPECT_EQ(connect("/x", std::chrono::seconds(0)).error, "not connected within 0 ms: " + why);
+    EXPECT_EQ(connect("/x", std::chrono::seconds(0)).error, "504: not connected within 0 ms: " + why);
     runtime.end();
     EXPECT_THAT(client->reason(), HasSubstr("the runtime has ended"));
 }

@@ -7,7 +7,9 @@
 #include <kesa/headers.h>
 
 #include <chrono>
+#include <cmath>
 #include <future>
+#include <limits>
 
 namespace {
 
@@ -96,7 +98,17 @@ TEST_F(Get, TellsTheServiceHowLongItWaits)
     EXPECT_EQ(limitOf(1500us), 2) << "rounded up: what is not over has a limit left";
     EXPECT_EQ(limitOf(0s), 0);
     EXPECT_EQ(limitOf(-1h), 0);
-    EXPECT_EQ(limitOf(std::chrono::nanoseconds::max()), INT64_MAX / comm::MILLISECOND + 1);
+    constexpr std::int64_t FOR_EVER = INT64_MAX / comm::MILLISECOND + 1;
+    using Seconds = std::chrono::duration<double>;
+    EXPECT_EQ(limitOf(std::chrono::nanoseconds::max()), FOR_EVER);
+    EXPECT_EQ(limitOf(std::chrono::microseconds::max()), FOR_EVER);
+    EXPECT_EQ(limitOf(std::chrono::hours::max()), FOR_EVER);
+    EXPECT_EQ(limitOf(std::chrono::hours::min()), 0);
+    EXPECT_EQ(limitOf(std::chrono::duration<std::uint8_t>(255)), 255'000);
+    EXPECT_EQ(limitOf(Seconds(1.5)), 1500);
+    EXPECT_EQ(limitOf(Seconds(1e300)), FOR_EVER);
+    EXPECT_EQ(limitOf(Seconds(-std::numeric_limits<double>::infinity())), 0);
+    EXPECT_EQ(limitOf(Seconds(std::nan(""))), 0);
 }
 
 TEST_F(Get, RefusesWhereItWouldKeepTheAnswerFromComing)

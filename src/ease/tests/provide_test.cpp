@@ -96,8 +96,15 @@ TEST_F(Provide, WithdrawsNothingThatWasRefused)
     refused(); // the registry has it of somebody else
     EXPECT_THAT(takeTold(), ElementsAre("409: taken"));
     EXPECT_EQ(registry->open(), 0U);
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
     whenKnown("never");
+    EXPECT_THAT(sink->take(), IsEmpty()) << "the refusal was told";
     runtime.take();
+    registration->end();
+    whenKnown("never");
+    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr("[whenKnown] a handler for '/p' will hear nothing")));
+    ::tracing::setSink(nullptr);
     registration.reset();
     EXPECT_THAT(runtime.take(), IsEmpty());
     EXPECT_THAT(takeTold(), IsEmpty());

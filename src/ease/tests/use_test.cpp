@@ -15,6 +15,7 @@
 #include <atomic>
 #include <future>
 #include <thread>
+#include <tracing/CapturingSink.h>
 
 namespace {
 
@@ -71,7 +72,7 @@ TEST_F(Use, ConnectsToWhatIsRegistered)
     client->whenConnected([this] { told.push_back("at once"); });
     EXPECT_THAT(runtime.take(), ElementsAre("resolve ipc://p/p"));
     EXPECT_THAT(takeTold(), ElementsAre("connected", "at once"));
-    EXPECT_EQ(call(), "504: no answer within 0 ms");
+    EXPECT_EQ(call(), "504: no answer within 0 ms; '/p' is connected; 'kesactl why /p' says more");
     EXPECT_EQ(service->open(), 0U) << "cancelled";
 }
 
@@ -211,7 +212,7 @@ protected:
 
 TEST_F(UseOnALoop, AsksTheRegistryWhetherNobodyIsThereBeforeItSaysSo)
 {
-    const std::string before = "not connected within 1000 ms: nobody is known to provide '/q': ";
+    const std::string before = "504: not connected within 1000 ms: nobody is known to provide '/q': ";
     EXPECT_EQ(kesa::connect(runtime, "/q", 1s).error, before + "no answer for /q");
     const auto registry = std::make_shared<ResourceHandler>();
     runtime.registryAtOnce = registry; // which answers 404 to a command it does not know
@@ -265,12 +266,17 @@ TEST_F(Use, CallsNothingAfterItsEnd)
     EXPECT_EQ(service->open(), 0U);
     runtime.lost();
     runtime.added("ipc://p/p");
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
     client->onChange([this](bool) { told.push_back("late"); });
+    EXPECT_THAT(sink->take(), ElementsAre("3 [onChange] a handler of the client of '/p' will hear nothing: the client "
+                                          "has ended; kesa::use makes another"));
+    ::tracing::setSink(nullptr);
     const Disposable late = client->follow(Request("retrieve", "/feed"), listener());
     client->end();
     EXPECT_THAT(runtime.take(), IsEmpty());
     EXPECT_EQ(call(), "503: the client has ended; kesa::use makes another");
-    EXPECT_THAT(takeTold(), IsEmpty());
+    EXPECT_THAT(takeTold(), ElementsAre("503")) << "of the last, inside the call";
 }
 
 /// Runs the stream's handler, which the test gives, in this thread, as the I/O loop does.
@@ -335,20 +341,26 @@ TEST_F(Use, SaysSoWhenTheRuntimeEnds)
     EXPECT_EQ(call(), "503: the runtime has ended, and with it this client; end the runtime last");
     EXPECT_EQ("503: " + client->reason(), call());
 
+    const Disposable after = client->follow(Request("retrieve", "/feed"), listener());
+    EXPECT_THAT(takeTold(), ElementsAre("503"));
     client = use(runtime, "/p");
+    const Disposable never = client->follow(Request("retrieve", "/feed"), listener());
     runtime.tracking->onError(Response::createErrorResponse(400, "no path"));
     runtime.end();
-    EXPECT_EQ(client->reason(), "400: no path") << "it had ended before";
-    EXPECT_EQ(call(), client->reason()) << "one status";
+    EXPECT_EQ(client->reason(), "no path") << "it had ended before";
+    EXPECT_EQ(call(), "400: no path");
+    EXPECT_THAT(takeTold(), ElementsAre("400"));
+    const Disposable late = client->follow(Request("retrieve", "/feed"), listener());
+    EXPECT_THAT(takeTold(), ElementsAre("400"));
 }
 
 TEST_F(Use, WithoutARuntimeIsAReason)
 {
     const std::string none = "this process has no runtime; make a kesa::Runtime first in main, and let it end last";
     EXPECT_EQ(kesa::use("/p")->reason(), none);
-    EXPECT_EQ(kesa::connect("/p", 1s).error, none);
+    EXPECT_EQ(kesa::connect("/p", 1s).error, "503: " + none);
     const GetResult result = kesa::get("/p", Request("retrieve", "/"), 1s);
-    EXPECT_EQ(std::to_string(result.status) + ' ' + result.error, "503 " + none);
+    EXPECT_EQ(std::to_string(result.status) + ' ' + result.error, "503 503: " + none);
 }
 
 TEST_F(Use, AHandlerMayEndIt)
@@ -383,10 +395,10 @@ TEST_F(Use, AHandlerMayEndIt)
 TEST_F(Use, ConnectWaitsOrSaysWhyNot)
 {
     EXPECT_EQ(kesa::connect(runtime, "/p", std::chrono::nanoseconds::min()).error,
-              "not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
+              "504: not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
     EXPECT_EQ(runtime.take().back(), "untrack") << "nothing is left";
     const GetResult nobody = kesa::get(runtime, "/p", Request("retrieve", "/"), 0s);
-    EXPECT_EQ(nobody.error, "not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
+    EXPECT_EQ(nobody.error, "504: not connected within 0 ms: nobody is known to provide '/p': no answer for /p");
     EXPECT_EQ(nobody.status, 504);
     EXPECT_EQ(runtime.take().back(), "untrack");
 

@@ -1,11 +1,11 @@
 #ifndef KESA_HEADERS_H
 #define KESA_HEADERS_H
 
+#include <kesa/Duration.h>
 #include <kesa/Request.h>
 #include <kesa/RequestInfo.h>
 #include <kesa/Response.h>
 
-#include <chrono>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -35,7 +35,7 @@ KESA_API void appendResponseSemantic(Request& request, std::string_view semantic
 /// nothing is nothing. A service hands on what is left to it with
 ///
 ///     appendTimeout(further, std::chrono::nanoseconds(*RequestContext::deadline() - comm::now()));
-KESA_API void appendTimeout(Request& request, std::chrono::nanoseconds left);
+KESA_API void appendTimeout(Request& request, Duration left);
 
 /// Answers the token for a service path; empty when there is none.
 using AuthTokenProvider = std::function<std::string(std::string_view servicePath)>;
