@@ -8,8 +8,15 @@
 
 #include <comm/Scheduler.h>
 #include <obr/GlobalErrorHandler.h>
+#include <tracing/Channel.h>
 
+#include <cstdint>
+#include <cstdlib>
 #include <ctime>
+#include <filesystem>
+#include <fmt/format.h>
+#include <fstream>
+#include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
@@ -36,6 +43,40 @@ int takePending(const sigset_t& signals)
     return signal > 0 ? signal : 0;
 }
 
+/// Whether a thread blocks both for good, by the mask in its "status". One that is being started blocks all for a
+/// moment, also what only the C library can, and then what we did before.
+bool blocksBoth(const std::string& mask)
+{
+    const std::uint64_t blocked = std::strtoull(mask.c_str(), nullptr, 16);
+    const auto blocks = [blocked](int signal) { return (blocked >> (signal - 1) & 1) != 0; };
+    constexpr int LIBRARYS_OWN = 33;
+    return blocks(SIGINT) && blocks(SIGTERM) && !blocks(LIBRARYS_OWN);
+}
+
+/// Threads that are there already take the signals instead of us. Without /proc nobody knows.
+void warnOfThreadsThatTake()
+{
+    std::string all;
+    std::error_code unreadable;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", unreadable)) {
+        std::ifstream status(thread.path() / "status");
+        std::string name;
+        for (std::string key; status >> key && key != "SigBlk:";) {
+            std::getline(status >> std::ws, key == "Name:" ? name : key);
+        }
+        if (std::string mask; status >> mask && !blocksBoth(mask)) {
+            all += fmt::format("{}'{}' ({})", all.empty() ? "" : ", ", name, thread.path().filename().native());
+        }
+    }
+    if (!all.empty()) {
+        static const ::tracing::Channel channel("KESA_EASE");
+        KESA_TRACE(channel, 3,
+                   "[Runtime] threads that were there before this kesa::Runtime do not block SIGINT and SIGTERM: %s; a "
+                   "signal that one of them takes ends the process at once; make the kesa::Runtime first in main",
+                   all.c_str());
+    }
+}
+
 } // namespace
 
 EndSignals::EndSignals() : m_signals(endSignals())
@@ -48,6 +89,7 @@ EndSignals::EndSignals() : m_signals(endSignals())
                (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN); // NOLINT: macros of the system's
     };
     if (!isOwn(SIGINT) && !isOwn(SIGTERM)) {
+        warnOfThreadsThatTake();
         startTaking();
     }
 }

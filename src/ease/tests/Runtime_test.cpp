@@ -122,6 +122,25 @@ TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItself)
     pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
 }
 
+TEST_F(RuntimeTest, WarnsOfThreadsThatTakeItsSignals)
+{
+    std::promise<void> isOver;
+    std::thread early([&isOver] { isOver.get_future().wait(); }); // may be being started
+    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    ::tracing::setSink(sink);
+    {
+        Runtime runtime("greeter", ALONE);
+    }
+    EXPECT_THAT(sink->take(), testing::ElementsAre(HasSubstr("do not block SIGINT and SIGTERM: 'kesa_ease_tests' (")));
+    isOver.set_value();
+    early.join();
+    {
+        Runtime runtime("greeter", ALONE);
+    }
+    EXPECT_THAT(sink->take(), testing::IsEmpty());
+    ::tracing::setSink(nullptr);
+}
+
 TEST_F(RuntimeTest, WorksUntilASignal)
 {
     Runtime runtime = startOrExit("greeter", ALONE);
