@@ -26,7 +26,8 @@ int main()
     }
 
     tell(*player.client, kesa::Request("update", "/play"), std::chrono::seconds(10));
-    tell(*player.client, kesa::Request("insert", "/titles", kesa::asPayload("So What")), std::chrono::seconds(10));
+    const kesa::Request wish("insert", "/titles", kesa::asPayload("So What")); // also a number, what has a `serialize`
+    tell(*player.client, wish, std::chrono::seconds(10));
     tell(*player.client, kesa::Request("update", "/play"), std::chrono::seconds(10));
     tell(*player.client, kesa::Request("update", "/eject"), std::chrono::seconds(10));
     tell(*player.client, kesa::Request("retrieve", "/end"), std::chrono::milliseconds(500)); // is told the limit, too
