@@ -118,7 +118,8 @@ TEST_F(RegistryHostTest, BeginsWhenItsPredecessorHasEnded)
     m_host = makeHost(*m_runtime, "second ");
     auto rival = makeHost(*m_runtime, "rival ");
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("second ready", "rival 409: this process has registered it"));
+    EXPECT_THAT(m_clients.told(),
+                ElementsAre("second ready", testing::StartsWith("rival 409: this process has registered it")));
     EXPECT_TRUE(isProvided() && isBackendsErrorShown());
     rival.reset();
 
@@ -147,7 +148,8 @@ TEST_F(RegistryHostTest, RefusedOneLeavesTheOtherAlone)
     host();
     auto second = makeHost(*m_runtime, "second ");
     run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("ready", "second 409: this process has registered it"));
+    EXPECT_THAT(m_clients.told(),
+                ElementsAre("ready", testing::StartsWith("second 409: this process has registered it")));
     second.reset();
     EXPECT_TRUE(isBackendsErrorShown());
     EXPECT_TRUE(isProvided());

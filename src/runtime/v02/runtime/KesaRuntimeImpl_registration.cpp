@@ -130,7 +130,10 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
     if (entry.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerService] service='%s' already registered handle='%p'", path.c_str(),
                    address);
-        refuse(path, std::move(registration.handler), "this process has registered it");
+        refuse(
+            path, std::move(registration.handler),
+            "this process has registered it; end that registration before: dispose it, or reset() what kesa::provide "
+            "has returned");
         return true;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,

@@ -17,6 +17,12 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
                    "[registerRegistryService] kesa runtime in registry, registry service must registered first and not "
                    "service='%s'",
                    path.c_str());
+        KESA_TRACE(
+            MAIN_CHANNEL, 4,
+            "[registerRegistryService] this process is the registry's host, since the configuration says that the "
+            "registry is at %s: make a kesa::registry::RegistryHost before anything else is registered, or give "
+            "the process another name",
+            m_registryLocators.empty() ? "" : m_registryLocators.front().toString().c_str());
         m_executorWatch.tell("registerService", path, [&registration] {
             registration.handler->onError(
                 Response::createErrorResponse(409, "kesa runtime in registry, registry service must registered first"));

@@ -452,7 +452,9 @@ TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
 {
     m_runtime = startRuntime(R"({"use_registry": true, "service_registry_locators": ["fake://me/registry"]})");
     auto early = track("/a", "t");
-    auto wrong = registerService("/a", "r");
+    Disposable wrong;
+    EXPECT_THAT(traced(4, [&] { wrong = registerService("/a", "r"); }),
+                testing::Contains(testing::HasSubstr("make a kesa::registry::RegistryHost before anything else")));
     EXPECT_THAT(toClients(),
                 ElementsAre("t: error 409: kesa runtime in registry you must register first the registry service",
                             "t: gone", "r: error 409: kesa runtime in registry, registry service must registered first",
