@@ -269,17 +269,17 @@ private:
                 m_client->runtimeEnded();
             }
         }
-        bool onNext(const ResourceUpdate<ServiceDef>& update) noexcept override
+        bool onNext(const ResourceUpdate<ServiceDef>& update) override
         {
             m_client->onNews([&] { m_client->tracked(update); });
             return false;
         }
-        void onError(const Response& error) noexcept override
+        void onError(const Response& error) override
         {
             m_hasFailed = true;
             m_client->refusedForGood(error);
         }
-        void onCompleted() noexcept override {}
+        void onCompleted() override {}
 
     private:
         const std::shared_ptr<Impl> m_client;

@@ -26,9 +26,9 @@ constexpr comm::TimeNs LONGEST_PAUSE = comm::SECOND;
 class Follow::Handler final : public IResponseHandler<Response> {
 public:
     Handler(std::shared_ptr<Follow> follow, unsigned number) : m_follow(std::move(follow)), m_number(number) {}
-    bool onNext(const Response& response) noexcept override { return m_follow->onNext(m_number, response); }
-    void onError(const Response& error) noexcept override { m_follow->onError(m_number, error); }
-    void onCompleted() noexcept override { m_follow->onCompleted(m_number); }
+    bool onNext(const Response& response) override { return m_follow->onNext(m_number, response); }
+    void onError(const Response& error) override { m_follow->onError(m_number, error); }
+    void onCompleted() override { m_follow->onCompleted(m_number); }
 
 private:
     const std::shared_ptr<Follow> m_follow;

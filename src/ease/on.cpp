@@ -1,4 +1,5 @@
 #include <comm/endThrown.h>
+#include <comm/onAnyLoop.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/on.h>
@@ -11,6 +12,12 @@
 namespace kesa {
 
 namespace {
+
+const ::tracing::Channel& channel()
+{
+    static const ::tracing::Channel instance("KESA_EASE");
+    return instance;
+}
 
 struct Served {
     explicit Served(std::shared_ptr<IKesaApi> s) : service(std::move(s)) {}
@@ -32,8 +39,7 @@ public:
     {
         if (m_open && m_open->isOpen()) {
             if (!m_served->isEndTraced.exchange(true)) {
-                static const ::tracing::Channel channel("KESA_EASE");
-                KESA_TRACE(channel, 3, "[on] %s: from now on each request is answered 503", LOOP_HAS_ENDED);
+                KESA_TRACE(channel(), 3, "[on] %s: from now on each request is answered 503", LOOP_HAS_ENDED);
             }
             m_open->onError(Response::createErrorResponse(503, LOOP_HAS_ENDED));
         }
@@ -58,9 +64,8 @@ private:
         try {
             return m_served->service->request(m_request, open->makeHandler());
         } catch (...) {
-            static const ::tracing::Channel channel("KESA_EASE");
-            comm::endThrown(channel, "the request '" + m_request.getCommand() + ' ' + m_request.getPath() +
-                                         "' of a service given to kesa::on");
+            comm::endThrown(channel(), "the request '" + m_request.getCommand() + ' ' + m_request.getPath() +
+                                           "' of a service given to kesa::on");
         }
     }
 
@@ -131,6 +136,17 @@ private:
 };
 
 } // namespace
+
+namespace detail {
+
+void endThrownByHandler()
+{
+    const comm::LoopInfo* const loop = comm::currentLoop();
+    const std::string name(loop == nullptr ? std::string_view() : loop->name);
+    comm::endThrown(channel(), "a handler given to kesa::on, on the loop '" + name + "',");
+}
+
+} // namespace detail
 
 std::shared_ptr<IKesaApi> on(const std::shared_ptr<comm::ActiveObject>& activeObject, std::shared_ptr<IKesaApi> service)
 {

@@ -7,6 +7,7 @@
 #include "registryClient.h"
 #include "waiting.h"
 
+#include <comm/endThrown.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/handler.h>
@@ -245,6 +246,17 @@ private:
         }
     }
 
+    /// Who calls it knows the registry's path alone.
+    static void tellKnown(util::UniqueFunction<void()>& handler, const std::string& path)
+    {
+        try {
+            handler();
+        } catch (...) {
+            static const ::tracing::Channel channel("KESA_EASE");
+            comm::endThrown(channel, "the handler of whenKnown for '" + path + '\'');
+        }
+    }
+
     void ask(util::UniqueFunction<void()> handler)
     {
         std::vector<url> locators;
@@ -256,9 +268,9 @@ private:
             locators = m_locators;
         }
         const auto next = [handler = std::make_shared<util::UniqueFunction<void()>>(std::move(handler)),
-                           locators = std::move(locators)](const Response& response) {
+                           locators = std::move(locators), path = m_path](const Response& response) {
             if (isAdded(response, locators)) {
-                (*handler)();
+                tellKnown(*handler, path);
             }
         };
         constexpr unsigned short ENDED = 503; // the registration, or the runtime

@@ -40,7 +40,8 @@ constexpr bool takesValues()
 ///     runtime.trackService("/media/player", kesa::handler<Update>([](const Update& update) { ... }));
 ///
 /// `onNext` returns nothing, or true when it did not accept the value. Without an `onError`, an error is traced.
-/// The functions run where the stream is delivered, one at a time; an exception out of them ends the process.
+/// The functions run where the stream is delivered, one at a time; an exception out of them ends the process, after
+/// a line in its log that names them by the service.
 template <class T, class Next, class Error = detail::TraceError, class Completed = detail::IgnoreEnd>
 [[nodiscard]] std::unique_ptr<IResponseHandler<T>> handler(Next onNext, Error onError = {}, Completed onCompleted = {})
 {

@@ -15,6 +15,9 @@ namespace kesa {
 
 namespace detail {
 
+/// Ends the process by what a handler of `on` has thrown; a trace names the loop before. Inside of the `catch` alone.
+[[noreturn]] KESA_API void endThrownByHandler();
+
 template <class T>
 class LoopHandler final : public IResponseHandler<T> {
 public:
@@ -29,16 +32,16 @@ public:
         send([shared = std::move(m_shared)] {}); // the handler dies where it was called
     }
 
-    bool onNext(const T& value) noexcept override
+    bool onNext(const T& value) override
     {
         return send([shared = m_shared, value] { shared->call([&](auto& handler) { handler.onNext(value); }); });
     }
-    void onError(const Response& error) noexcept override
+    void onError(const Response& error) override
     {
         m_hasEnded = true;
         send([shared = m_shared, error] { shared->call([&](auto& handler) { handler.onError(error); }); });
     }
-    void onCompleted() noexcept override
+    void onCompleted() override
     {
         m_hasEnded = true;
         send([shared = m_shared] { shared->call([](auto& handler) { handler.onCompleted(); }); });
@@ -50,8 +53,13 @@ private:
         template <class Call>
         void call(const Call& toHandler)
         {
-            if (!isWithdrawn.load(std::memory_order_acquire)) {
+            if (isWithdrawn.load(std::memory_order_acquire)) {
+                return;
+            }
+            try {
                 toHandler(*handler);
+            } catch (...) {
+                endThrownByHandler();
             }
         }
         std::unique_ptr<IResponseHandler<T>> handler; ///< used on the loop only
@@ -81,7 +89,8 @@ private:
 ///
 /// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
 /// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it
-/// has stopped, nothing is called.
+/// has stopped, nothing is called. An exception out of the handler ends the process; a trace (4) on "KESA_EASE" names
+/// the loop before.
 template <class T>
 [[nodiscard]] std::unique_ptr<IResponseHandler<T>> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
                                                       std::unique_ptr<IResponseHandler<T>>&& handler)

@@ -19,7 +19,7 @@ public:
         : m_next(std::move(next)), m_error(std::move(error)), m_completed(std::move(completed))
     {}
 
-    bool onNext(const T& value) noexcept override
+    bool onNext(const T& value) override
     {
         if (m_termination.refusesValue(__FILE__, __LINE__)) {
             return true;
@@ -31,13 +31,13 @@ public:
             return m_next(value);
         }
     }
-    void onError(const Response& error) noexcept override
+    void onError(const Response& error) override
     {
         if (!m_termination.refusesEnd("onError")) {
             m_error(error);
         }
     }
-    void onCompleted() noexcept override
+    void onCompleted() override
     {
         if (!m_termination.refusesEnd("onCompleted")) {
             m_completed();

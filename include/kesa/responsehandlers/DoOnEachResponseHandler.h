@@ -20,19 +20,19 @@ public:
         : m_observer(std::move(observer)), m_downstream(std::move(downstream))
     {}
 
-    bool onNext(const T& value) noexcept override
+    bool onNext(const T& value) override
     {
         return m_termination.refusesValue(__FILE__, __LINE__) || m_observer->onNext(value) ||
                m_downstream->onNext(value);
     }
-    void onError(const Response& error) noexcept override
+    void onError(const Response& error) override
     {
         if (!m_termination.refusesEnd("onError")) {
             m_observer->onError(error);
             m_downstream->onError(error);
         }
     }
-    void onCompleted() noexcept override
+    void onCompleted() override
     {
         if (!m_termination.refusesEnd("onCompleted")) {
             m_observer->onCompleted();

@@ -20,20 +20,20 @@ public:
         : m_downstream(std::move(downstream)), m_predicate(std::move(predicate))
     {}
 
-    bool onNext(const T& value) noexcept override
+    bool onNext(const T& value) override
     {
         if (m_termination.refusesValue(__FILE__, __LINE__)) {
             return true;
         }
         return m_predicate(value) && m_downstream->onNext(value);
     }
-    void onError(const Response& error) noexcept override
+    void onError(const Response& error) override
     {
         if (!m_termination.refusesEnd("onError")) {
             m_downstream->onError(error);
         }
     }
-    void onCompleted() noexcept override
+    void onCompleted() override
     {
         if (!m_termination.refusesEnd("onCompleted")) {
             m_downstream->onCompleted();

@@ -24,7 +24,7 @@ public:
         : m_downstream(std::move(downstream)), m_mapping(std::move(mapping))
     {}
 
-    bool onNext(const From& value) noexcept override
+    bool onNext(const From& value) override
     {
         if (m_termination.refusesValue(__FILE__, __LINE__)) {
             return true;
@@ -32,13 +32,13 @@ public:
         const std::optional<To> mapped = m_mapping(value);
         return !mapped.has_value() || m_downstream->onNext(*mapped);
     }
-    void onError(const Response& error) noexcept override
+    void onError(const Response& error) override
     {
         if (!m_termination.refusesEnd("onError")) {
             m_downstream->onError(error);
         }
     }
-    void onCompleted() noexcept override
+    void onCompleted() override
     {
         if (!m_termination.refusesEnd("onCompleted")) {
             m_downstream->onCompleted();

@@ -13,9 +13,9 @@ class AnswerHandler final : public IResponseHandler<Response> {
 public:
     explicit AnswerHandler(std::shared_ptr<OpenRequest> request) noexcept : m_request(std::move(request)) {}
 
-    bool onNext(const Response& response) noexcept override { return m_request->onNext(response); }
-    void onError(const Response& error) noexcept override { m_request->onError(error); }
-    void onCompleted() noexcept override { m_request->onCompleted(); }
+    bool onNext(const Response& response) override { return m_request->onNext(response); }
+    void onError(const Response& error) override { m_request->onError(error); }
+    void onCompleted() override { m_request->onCompleted(); }
 
 private:
     const std::shared_ptr<OpenRequest> m_request;

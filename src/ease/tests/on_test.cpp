@@ -136,7 +136,7 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     EXPECT_EQ(service.use_count(), 1);
 }
 
-TEST_F(On, AServiceThatThrowsIsNamedBeforeTheProcessEnds)
+TEST_F(On, WhatThrowsIsNamedBeforeTheProcessEnds)
 {
     class Throwing : public IKesaApi {
         void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override { throw 7; }
@@ -149,6 +149,13 @@ TEST_F(On, AServiceThatThrowsIsNamedBeforeTheProcessEnds)
     };
     EXPECT_DEATH(ask(), "the request 'retrieve /volume' of a service given to kesa::on has thrown, which ends this "
                         "process: an exception that is no std::exception");
+    const auto tell = [&] {
+        const auto throwing = on(loop, handler<int>([](const int&) { throw std::runtime_error("disk full"); }));
+        throwing->onNext(1);
+        scheduler.runReady();
+    };
+    EXPECT_DEATH(tell(),
+                 "a handler given to kesa::on, on the loop 'own', has thrown, which ends this process: disk full");
 }
 
 TEST_F(On, AServiceWithoutItsLoopAnswers503)

@@ -168,6 +168,19 @@ TEST_F(Use, FollowsAgainAfterEachReconnection)
     EXPECT_EQ(service->requests.size(), 4U);
 }
 
+TEST_F(Use, LetsWhatAHandlerThrowsReachTheLoopWhichNamesIt)
+{
+    connect();
+    const auto fail = [](const Response&) { throw 7; };
+    const Disposable feed = client->follow(Request("retrieve", "/feed"), handler<Response>(fail, fail));
+    EXPECT_THROW(service->value("1"), int);
+    EXPECT_THROW(service->end(404), int);
+    client->request(Request("retrieve", "/"), handler<Response>([](const Response&) {}, fail));
+    EXPECT_THROW(service->end(404), int);
+    client->onChange([](bool isConnected) { isConnected ? void() : throw 7; });
+    EXPECT_THROW(runtime.added("ipc://other/p"), int);
+}
+
 class SimulatedTime {
 protected:
     SimulatedTime() { comm::Scheduler::install(&scheduler); }

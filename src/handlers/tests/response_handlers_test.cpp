@@ -10,6 +10,8 @@ using kesa::Response;
 using Log = std::vector<std::string>;
 using testing::ElementsAre;
 
+constexpr int THROWN = 7;
+
 /// Writes every call with its name into a log, and its own end.
 class Recorder : public IResponseHandler<int> {
 public:
@@ -19,7 +21,7 @@ public:
     bool onNext(const int& value) override
     {
         m_log.push_back(m_name + std::to_string(value));
-        return m_refuses;
+        return value == THROWN ? throw value : m_refuses;
     }
     void onError(const Response& error) override { m_log.push_back(m_name + Response::getErrorMessageWithCode(error)); }
     void onCompleted() override { m_log.push_back(m_name + "done"); }
@@ -41,7 +43,7 @@ std::vector<std::unique_ptr<IResponseHandler<int>>> oneOfEach(Log& log)
     all.push_back(std::make_unique<FuncResponseHandler<int>>(
         [&log](const int& value) {
             log.push_back("a" + std::to_string(value));
-            return false;
+            return value == THROWN ? throw value : false;
         },
         [&log](const Response& error) { log.push_back("a" + Response::getErrorMessageWithCode(error)); },
         [&log] { log.push_back("adone"); }));
@@ -61,6 +63,7 @@ TEST(ResponseHandlers, PassNothingOnAfterTheEnd)
         log.clear();
         obr::ErrorStorage::ack();
         EXPECT_FALSE(handler->onNext(1));
+        EXPECT_THROW(handler->onNext(THROWN), int) << "it reaches the loop, which names whom it has called";
         handler->onError(Response::createErrorResponse(503, "gone"));
         handler->onError(Response::createErrorResponse(404));
         handler->onCompleted();
@@ -68,7 +71,7 @@ TEST(ResponseHandlers, PassNothingOnAfterTheEnd)
         EXPECT_TRUE(handler->onNext(2));
         EXPECT_EQ(obr::ErrorStorage::reason(), "Request already terminated");
         std::erase_if(log, [](const std::string& entry) { return entry[0] != 'a'; });
-        EXPECT_THAT(log, ElementsAre("a1", "a503: gone"));
+        EXPECT_THAT(log, ElementsAre("a1", "a7", "a503: gone"));
     }
     obr::ErrorStorage::ack();
 }
