@@ -1,4 +1,5 @@
 #include "EndSignals.h"
+#include "HoldWatch.h"
 
 #include <comm/Clock.h>
 #include <kesa/ease/Runtime.h>
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <exception>
 #include <fmt/format.h>
+#include <optional>
 
 namespace kesa {
 
@@ -57,6 +59,7 @@ public:
                                   processName);
         } else {
             m_isRunning = true;
+            m_watch.emplace(KesaRuntime::getInstance()->reasons()->holds());
         }
     }
     Impl(const Impl&) = delete;
@@ -65,15 +68,15 @@ public:
 
     bool isRunning() const noexcept { return m_isRunning; }
     const std::string& error() const noexcept { return m_error; }
-    int runUntilSignal() { return m_isRunning ? m_signals.wait(comm::NEVER) : 0; }
+    int runUntilSignal() { return m_isRunning ? wait(comm::NEVER) : 0; }
     int runUntilSignal(comm::TimeNs period, const std::function<void()>& work)
     {
         if (!m_isRunning) {
             return 0;
         }
         comm::TimeNs next = comm::now();
-        int signal = m_signals.wait(next);
-        for (; m_isRunning && signal == 0; signal = m_signals.wait(next)) {
+        int signal = wait(next);
+        for (; m_isRunning && signal == 0; signal = wait(next)) {
             callNamed(work);
             const comm::TimeNs late = comm::now() - next;
             next += (late / period + 1) * period;
@@ -83,14 +86,26 @@ public:
     void end()
     {
         if (m_isRunning) {
+            m_watch->expectEnd();
             KesaRuntime::shutdown();
             m_isRunning = false;
+            m_watch.reset();
         }
     }
 
 private:
+    int wait(comm::TimeNs deadline)
+    {
+        const int signal = m_signals.wait(deadline);
+        if (signal != 0 && m_watch) {
+            m_watch->expectEnd();
+        }
+        return signal;
+    }
+
     detail::EndSignals m_signals; ///< first: before the runtime's threads
     bool m_isRunning = false;
+    std::optional<detail::HoldWatch> m_watch; ///< while it runs
     std::string m_error;
 };
 

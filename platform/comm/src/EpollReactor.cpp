@@ -72,6 +72,7 @@ public:
     void unwatch(Id id) override;
     void atTurnEnd(Task task) override;
     TimeNs lap() override;
+    TimeNs heldFor() const noexcept override;
     void stop() override;
     bool isCurrent() const noexcept override { return m_thread.isCurrent(); }
 
@@ -121,6 +122,7 @@ private:
     /// Becomes true under `m_mutex` when nothing is posted; a producer that finds it true has to wake the loop.
     std::atomic<bool> m_isAsleep{false};
     std::atomic<bool> m_hasEnded{false};
+    std::atomic<TimeNs> m_heldSince{0}; ///< 0: no callback is under way
 
     // The loop's own.
     Id m_lastId = 0;
@@ -339,6 +341,7 @@ bool EpollReactor::turn()
     while (!m_unwatched.empty()) {
         std::exchange(m_unwatched, {}).clear();
     }
+    m_heldSince.store(0, std::memory_order_relaxed);
     m_callbackTimer.refresh();
     return isLast;
 }
@@ -439,6 +442,7 @@ void EpollReactor::dropAll()
 template <class F>
 void EpollReactor::call(F&& callback)
 {
+    m_heldSince.store(m_callbackTimer.lapStart(), std::memory_order_relaxed);
     callback();
     if (const TimeNs held = m_callbackTimer.end(); held != 0) {
         traceHeld(held);
@@ -457,7 +461,18 @@ void EpollReactor::traceHeld(TimeNs held)
 
 TimeNs EpollReactor::lap()
 {
-    return isOnLoop(__func__) ? m_callbackTimer.lap() : 0;
+    if (!isOnLoop(__func__)) {
+        return 0;
+    }
+    const TimeNs held = m_callbackTimer.lap();
+    m_heldSince.store(m_callbackTimer.lapStart(), std::memory_order_relaxed);
+    return held;
+}
+
+TimeNs EpollReactor::heldFor() const noexcept
+{
+    const TimeNs since = m_heldSince.load(std::memory_order_relaxed);
+    return since == 0 ? 0 : readClock(CLOCK_MONOTONIC_COARSE) - since;
 }
 
 /// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.

@@ -85,6 +85,7 @@ public:
         const TimeNs lasted = m_now - std::exchange(loop.lapStart, m_now);
         return lasted > Reactor::LONG_CALLBACK ? lasted : 0;
     }
+    TimeNs heldFor(const Loop& loop) const noexcept { return loop.isRunning ? m_now - loop.lapStart : 0; }
 
     bool step();
     TimeNs nextDue() const noexcept;
@@ -326,10 +327,7 @@ public:
     bool isCurrent() const noexcept override { return m_impl->isInnermost(*m_loop); }
     void watch(util::UniqueFunction<void(TimeNs)> tell) override { m_loop->tell = std::move(tell); }
     TimeNs lap() override { return m_impl->lap(*m_loop); }
-    TimeNs heldFor() const noexcept override
-    {
-        return m_loop->tell && m_loop->isRunning ? m_impl->now() - m_loop->lapStart : 0;
-    }
+    TimeNs heldFor() const noexcept override { return m_loop->tell ? m_impl->heldFor(*m_loop) : 0; }
 
 private:
     const std::shared_ptr<Impl> m_impl;
@@ -371,6 +369,7 @@ public:
     void unwatch(Id) override {}
 
     TimeNs lap() override { return isOnLoop(__func__) ? m_impl->lap(*m_loop) : 0; }
+    TimeNs heldFor() const noexcept override { return m_impl->heldFor(*m_loop); }
     void atTurnEnd(Task task) override
     {
         if (isOnLoop(__func__)) {

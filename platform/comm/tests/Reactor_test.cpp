@@ -195,6 +195,7 @@ TEST_F(ReactorTest, NamesTheLapAndTheCallbackThatTookLong)
     runOn(*loop, [&] {
         workUntilLate();
         workLong();
+        EXPECT_GT(loop->heldFor(), 50 * MILLISECOND);
     });
     runOn(*loop, [] {});
     EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("a callback held the loop 'test.m_io' for")));

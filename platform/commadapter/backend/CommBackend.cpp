@@ -28,6 +28,7 @@ IBackend::~IBackend() = default;
 
 namespace {
 
+using Holds = std::vector<std::shared_ptr<const comm::LoopHold>>;
 using Transports = std::vector<std::shared_ptr<transport::ITransport>>;
 
 class CommBackend final : public IBackend {
@@ -49,6 +50,8 @@ public:
     void release(IKesaApi* client, bool serviceRemoved) override;
     bool isLocal(const url& locator) override;
     std::string describe() override;
+    std::shared_ptr<const comm::LoopHold> hold() const override { return m_loop ? m_loop->hold() : nullptr; }
+    void describeHolds(Holds holds) override;
 
 private:
     std::optional<Place> find(const url& locator) const
@@ -74,6 +77,7 @@ private:
     ProcessService m_ownService{[this] { return describeNow(); }};
     std::shared_ptr<ServiceTable> m_services;
     std::shared_ptr<ClientTable> m_clients;
+    Holds m_holds;              ///< of the loop's
     std::string m_claimFailure; ///< the last one traced
 };
 
@@ -227,6 +231,13 @@ std::string CommBackend::describe()
     return description;
 }
 
+void CommBackend::describeHolds(Holds holds)
+{
+    if (m_loop) {
+        m_loop->runAndWait("describeHolds", [this, &holds] { m_holds = std::move(holds); });
+    }
+}
+
 /// Everything is read where it is kept anyway; nothing is counted for it. Loop only.
 std::string CommBackend::describeNow() const
 {
@@ -248,6 +259,11 @@ std::string CommBackend::describeNow() const
     description.connectionCount +=
         m_services->addFacts(connections, ProcessDescription::MOST_NAMED - connections.size(), looks);
     description.queuedBytes = m_loop->queued().all;
+    for (const auto& hold : m_holds) {
+        if (const comm::TimeNs held = hold->heldFor(); held > ProcessDescription::LONG_HOLD) {
+            description.holds.push_back({hold->loop(), held, hold->holder()});
+        }
+    }
     return description.toJson(std::min<std::size_t>(MOST_BYTES, m_settings.maxMessageBytes / 2));
 }
 

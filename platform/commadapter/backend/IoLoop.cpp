@@ -15,7 +15,11 @@
 namespace kesa::commadapter {
 
 IoLoop::IoLoop(const CommSettings& settings)
-    : m_settings(settings), m_reactor(comm::Scheduler::current().makeReactor("kesa-io"))
+    : m_settings(settings), m_reactor(comm::Scheduler::current().makeReactor("kesa-io")),
+      m_hold(std::make_shared<comm::LoopHold>("I/O loop", [weak = std::weak_ptr<const comm::Reactor>(m_reactor)] {
+          const auto reactor = weak.lock();
+          return reactor ? reactor->heldFor() : 0;
+      }))
 {}
 
 void IoLoop::onLoop(const char* function) const

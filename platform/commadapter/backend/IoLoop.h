@@ -5,6 +5,7 @@
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
+#include <comm/LoopHold.h>
 #include <comm/OncePerSecond.h>
 #include <comm/Reactor.h>
 
@@ -30,6 +31,8 @@ public:
     const std::shared_ptr<comm::Reactor>& reactor() const noexcept { return m_reactor; }
     /// Any thread.
     bool isCurrent() const noexcept { return m_reactor->isCurrent(); }
+    /// What holds it, for other threads. Never null.
+    std::shared_ptr<const comm::LoopHold> hold() const noexcept { return m_hold; }
     /// Asserts that this is the loop.
     void onLoop(const char* function) const;
 
@@ -74,11 +77,12 @@ public:
     /// A wait of over a second is traced with `what`. Any thread.
     void runAndWait(const std::string& what, util::UniqueFunction<void()> work);
     /// Runs something foreign in a turn. Traces what `describe` says of it when that took long, once in a second, and
-    /// when it has thrown, which ends the process.
+    /// when it has thrown, which ends the process. Other threads may ask for it meanwhile.
     template <class Call, class Describe>
     void callOut(Call&& call, const Describe& describe)
     {
         try {
+            const comm::LoopHold::Call<Describe> underWay(*m_hold, describe);
             call();
         } catch (...) {
             endThrown(describe());
@@ -126,6 +130,7 @@ private:
 
     const CommSettings m_settings;
     const std::shared_ptr<comm::Reactor> m_reactor;
+    const std::shared_ptr<comm::LoopHold> m_hold;
     std::atomic<std::size_t> m_queuedBytes{0};
     std::atomic<std::size_t> m_persistentBytes{0};
     std::atomic<bool> m_isBeating{false};

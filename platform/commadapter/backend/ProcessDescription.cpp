@@ -118,6 +118,14 @@ void appendConnection(std::string& out, const ConnectionFacts& facts)
     }
 }
 
+void appendHold(std::string& out, const ProcessDescription::Hold& hold)
+{
+    ObjectWriter object(out);
+    object.text("loop", hold.loop);
+    object.number("heldMs", milliseconds(hold.time));
+    object.text("holder", hold.holder);
+}
+
 } // namespace
 
 std::string ProcessDescription::toJson(std::size_t mostBytes) const
@@ -142,6 +150,9 @@ std::string ProcessDescription::toJson(std::size_t mostBytes) const
         description.list("connections", connections, mostBytes / 2, appendConnection);
         description.number("connectionCount", connectionCount);
         description.number("queuedBytes", queuedBytes);
+        if (!holds.empty()) {
+            description.list("holds", holds, mostBytes / 2, appendHold);
+        }
     }
     return json;
 }

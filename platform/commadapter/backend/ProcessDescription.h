@@ -16,6 +16,7 @@ namespace kesa::commadapter {
 struct ProcessDescription {
     /// So many services and connections are named at most; their counts tell of all.
     static constexpr std::size_t MOST_NAMED = 1000;
+    static constexpr comm::TimeNs LONG_HOLD = comm::SECOND;
 
     std::string process;
     obr::UUID instance;
@@ -27,6 +28,12 @@ struct ProcessDescription {
     std::vector<ConnectionFacts> connections;
     std::size_t connectionCount = 0;
     std::size_t queuedBytes = 0; ///< on all connections
+    struct Hold {
+        std::string loop;
+        comm::TimeNs time = 0;
+        std::string holder;
+    };
+    std::vector<Hold> holds; ///< those of more than `LONG_HOLD`
 
     /// With what the kernel knows of this process: the JSON of docs/protocol.md, "What a process says of itself". Names
     /// fewer services and connections where it would be longer than about `mostBytes`.

@@ -4,6 +4,7 @@
 #include "backend_roads.h"
 
 #include <comm/Condition.h>
+#include <comm/LoopHold.h>
 #include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
 #include <kesa/headers.h>
@@ -77,8 +78,10 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
             never, lock, [] { return false; }, comm::now() + duration);
     };
     comm::TimeNs echoTakes = 60 * comm::MILLISECOND;
+    std::string held;
     service.onRequest = [&](const Request& request) {
         wait(request.getPath() == "/echo" ? echoTakes : 30 * comm::MILLISECOND);
+        held = std::to_string(server->hold()->heldFor() / comm::MILLISECOND) + " ms by " + server->hold()->holder();
     };
     const auto linesOf = [&](std::size_t requests) {
         for (std::size_t i = 0; i < requests; ++i) {
@@ -90,6 +93,7 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
     };
     const char* const request = "the request 'retrieve /echo' of the service '/service' took 60 ms";
     EXPECT_THAT(linesOf(1), ElementsAre(AllOf(HasSubstr(request), EndsWith("as kesa::on does"))));
+    EXPECT_EQ(held, "30 ms by the request 'retrieve /drop' of the service '/service'") << "while it does";
     EXPECT_THAT(linesOf(3), ElementsAre(HasSubstr(request))) << "one in a second";
     EXPECT_THAT(linesOf(1), ElementsAre(AllOf(HasSubstr(request), EndsWith("; and 2 more since the last such line"))));
 

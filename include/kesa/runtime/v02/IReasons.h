@@ -1,9 +1,12 @@
 #ifndef KESA_RUNTIME_V02_IREASONS_H
 #define KESA_RUNTIME_V02_IREASONS_H
 
+#include <comm/LoopHold.h>
 #include <kesa/url.h>
 
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace kesa::runtime::v02 {
 
@@ -15,13 +18,17 @@ class KESA_API IReasons {
 public:
     virtual ~IReasons();
     /// Why nobody may be known to provide `path`, in words that go on after "nobody is known to provide it: " and end
-    /// with the command that says more, or with what to do: while a handler holds the executor or the updater, that.
+    /// with the command that says more, or with what to do: while a handler holds a loop of this process, that.
     virtual std::string whyUnknown(const std::string& path) const = 0;
-    /// What keeps what is resolved by this locator from answering: why it is not connected, or that its process is
-    /// stopped. Empty when nothing is known to, and when nothing is resolved by it.
+    /// What keeps what is resolved by this locator from answering: why it is not connected, that its process is
+    /// stopped, or that a handler holds this process's I/O loop. Empty when nothing is known to, and when nothing is
+    /// resolved by it.
     virtual std::string obstacle(const url& locator) const = 0;
     /// `whyUnknown` for who has asked the registry, and so can tell that it names nobody from that it has not answered.
     virtual std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const;
+
+    /// What holds each loop over which this process hears of others, for whoever watches that.
+    virtual std::vector<std::shared_ptr<const comm::LoopHold>> holds() const;
 };
 
 } // namespace kesa::runtime::v02

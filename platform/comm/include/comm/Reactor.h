@@ -11,9 +11,8 @@ namespace comm {
 /// An I/O loop: work, timers and the readiness of descriptors, one callback at a time on one thread. Made by
 /// `comm::Scheduler`; a simulated one has no descriptors.
 ///
-/// Threads: `post`, `stop` and `isCurrent` from any; everything else on the loop itself (asserted). After `stop` all of
-/// it may be called from any thread and does nothing.
-/// A callback may call anything here but `stop`.
+/// Threads: `post`, `stop`, `heldFor` and `isCurrent` from any; everything else on the loop itself (asserted). After
+/// `stop` all of it may be called from any thread and does nothing. A callback may call anything here but `stop`.
 class KESA_API Reactor {
 public:
     using Task = util::UniqueFunction<void()>;
@@ -54,6 +53,9 @@ public:
     /// which the thread could run and had no processor is not counted. The caller traces what is not 0; the loop does
     /// for what is left at the end of the callback.
     virtual TimeNs lap() = 0;
+    /// How long the callback under way has held the loop, since it began or since its last lap; exact to some
+    /// milliseconds. 0 when none is under way. Any thread.
+    virtual TimeNs heldFor() const noexcept = 0;
 
     /// Runs what was posted before it, drops timers and watches, ends the loop and waits for it. Twice is harmless.
     virtual void stop() = 0;

@@ -57,6 +57,26 @@ void BackendList::shutdown()
     m_backends.clear();
 }
 
+BackendList::Holds BackendList::holds() const
+{
+    onExecutor();
+    Holds holds;
+    for (const auto& backend : m_backends) {
+        if (auto hold = backend->hold()) {
+            holds.push_back(std::move(hold));
+        }
+    }
+    return holds;
+}
+
+void BackendList::describeHolds(const Holds& holds)
+{
+    onExecutor();
+    for (const auto& backend : m_backends) {
+        backend->describeHolds(holds);
+    }
+}
+
 bool BackendList::provideURL(const std::vector<url>& locators, const std::shared_ptr<IKesaApi>& service)
 {
     onExecutor();

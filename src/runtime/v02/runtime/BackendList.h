@@ -65,6 +65,12 @@ public:
     /// What other threads may look at. Never null; may be kept longer. Any thread.
     const std::shared_ptr<OpenProxies>& openProxies() const noexcept { return m_visibleProxies; }
 
+    using Holds = std::vector<std::shared_ptr<const comm::LoopHold>>;
+    /// What holds the loops of the backends, for any thread; may be kept longer.
+    Holds holds() const;
+    /// Has the backends tell what holds these loops, too, when they are asked what this process is.
+    void describeHolds(const Holds& holds);
+
     /// Whether that handler waits for news of the locator.
     bool hasHandler(const url& locator, const void* handle) const;
 

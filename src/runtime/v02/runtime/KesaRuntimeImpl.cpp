@@ -22,8 +22,9 @@ KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config)
     : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(std::move(config)),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),
       m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")),
-      m_executorWatch(*m_executor, "executor"), m_updaterWatch(*m_updater, "updater"),
-      m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies(), m_executor, m_updater)),
+      m_executorWatch(m_executor, "executor"), m_updaterWatch(m_updater, "updater"),
+      m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies(),
+                                          Reasons::Holds{m_executorWatch.hold(), m_updaterWatch.hold()})),
       m_eventSource(m_proc_name)
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[ctor]");
@@ -124,6 +125,8 @@ KesaRuntimeImpl::StartResult KesaRuntimeImpl::startOnExecutor(const std::string&
     onExecutor();
     const KesaConfigAccessor config(m_config);
     m_backendList.startup(m_proc_name, config.getBackends(), partition, m_executor);
+    m_reasons->setBackendHolds(m_backendList.holds());
+    m_backendList.describeHolds({m_executorWatch.hold(), m_updaterWatch.hold()});
     if (config.useRemoteRegistry()) {
         return findRegistry(partition);
     }

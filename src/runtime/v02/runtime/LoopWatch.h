@@ -2,19 +2,22 @@
 #define KESA_RUNTIME_V02_LOOPWATCH_H
 
 #include <comm/ActiveObject.h>
+#include <comm/LoopHold.h>
 #include <comm/OncePerSecond.h>
 
+#include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace kesa::runtime::v02 {
 
-/// Says which handler has kept a loop of the runtime from others for long, or ends the process by an exception. It has
-/// to outlive the loop's last event.
+/// Says which handler has kept a loop of the runtime from others for long, is keeping it, or ends the process by an
+/// exception. It has to outlive the loop's last event.
 class LoopWatch {
 public:
     /// `name` is that of the loop in the trace. Before the loop's first event.
-    LoopWatch(comm::ActiveObject& loop, std::string name);
+    LoopWatch(const std::shared_ptr<comm::ActiveObject>& loop, std::string name);
     LoopWatch(const LoopWatch&) = delete;
     LoopWatch& operator=(const LoopWatch&) = delete;
 
@@ -24,6 +27,8 @@ public:
     void tell(const char* operation, const std::string& subject, Call&& call)
     {
         try {
+            const auto describe = [operation, &subject] { return shortNameOf(operation, subject); };
+            const comm::LoopHold::Call<std::remove_const_t<decltype(describe)>> underWay(*m_hold, describe);
             std::forward<Call>(call)();
         } catch (...) {
             endThrown(operation, subject);
@@ -33,13 +38,17 @@ public:
         }
     }
 
+    /// What holds the loop, for other threads; may be kept longer. Never null.
+    std::shared_ptr<const comm::LoopHold> hold() const noexcept { return m_hold; }
+
 private:
+    static std::string shortNameOf(const char* operation, const std::string& subject);
     static std::string nameOf(const char* operation, const std::string& subject);
     [[noreturn]] static void endThrown(const char* operation, const std::string& subject);
     void traceHeld(const std::string& what, comm::TimeNs held);
 
     comm::ActiveObject& m_loop;
-    const std::string m_name;
+    const std::shared_ptr<comm::LoopHold> m_hold;
     comm::OncePerSecond m_traces;
 };
 

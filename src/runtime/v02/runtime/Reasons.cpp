@@ -15,6 +15,11 @@ std::string IReasons::whyUnknownWhenAsked(const std::string& path, bool) const
     return whyUnknown(path);
 }
 
+std::vector<std::shared_ptr<const comm::LoopHold>> IReasons::holds() const
+{
+    return {};
+}
+
 namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
@@ -33,11 +38,15 @@ std::string withoutRegistry(const KesaConfig& config)
 
 } // namespace
 
-Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies,
-                 std::weak_ptr<const comm::ActiveObject> executor, std::weak_ptr<const comm::ActiveObject> updater)
-    : m_proxies(std::move(proxies)), m_executor(std::move(executor)), m_updater(std::move(updater)),
-      m_withoutAsking(withoutRegistry(config))
+Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds)
+    : m_proxies(std::move(proxies)), m_holds(std::move(holds)), m_withoutAsking(withoutRegistry(config))
 {}
+
+void Reasons::setBackendHolds(Holds holds)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    m_backendHolds = std::move(holds);
+}
 
 void Reasons::setRegistryHere()
 {
@@ -53,20 +62,37 @@ void Reasons::setRegistryAt(const url& locator)
     m_registry = locator;
 }
 
-/// A handler on one of the loops over which this process hears of services; empty when none has taken long.
-std::string Reasons::whyDeaf() const
+Reasons::Holds Reasons::backendHolds() const
 {
-    for (const auto& [loop, name] :
-         {std::pair(m_executor.lock(), "executor"), std::pair(m_updater.lock(), "updater")}) {
-        const comm::TimeNs held = loop ? loop->heldFor() : 0;
-        if (held > comm::Reactor::LONG_CALLBACK) {
-            return fmt::format(
-                "this process's {} has been held for {} ms by one handler, so it hears of nothing: leave "
-                "what takes long or waits to a thread of your own, as kesa::on does",
-                name, held / comm::MILLISECOND);
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    return m_backendHolds;
+}
+
+Reasons::Holds Reasons::holds() const
+{
+    Holds all = m_holds;
+    const Holds more = backendHolds();
+    all.insert(all.end(), more.begin(), more.end());
+    return all;
+}
+
+/// Who holds one of these loops; empty when nobody has for long.
+std::string Reasons::whyDeaf(const Holds& holds)
+{
+    for (const auto& hold : holds) {
+        if (const comm::TimeNs held = hold->heldFor(); held > comm::Reactor::LONG_CALLBACK) {
+            return fmt::format("this process's {} has been held for {} ms by {}, so it hears of nothing: leave what "
+                               "takes long or waits to a thread of your own, as kesa::on does",
+                               hold->loop(), held / comm::MILLISECOND, hold->holder());
         }
     }
     return {};
+}
+
+std::string Reasons::obstacle(const url& locator) const
+{
+    std::string deaf = whyDeaf(backendHolds());
+    return deaf.empty() ? m_proxies->obstacle(locator) : deaf;
 }
 
 std::string Reasons::whyUnknown(const std::string& path) const
@@ -82,7 +108,7 @@ std::string Reasons::whyUnknownWhenAsked(const std::string& path, bool hasAnswer
 /// `silence` is what can be said of a registry to which nothing is in the way.
 std::string Reasons::why(const std::string& path, const char* silence) const
 {
-    if (std::string deaf = whyDeaf(); !deaf.empty()) {
+    if (std::string deaf = whyDeaf(holds()); !deaf.empty()) {
         return deaf;
     }
     url registry;

@@ -1,7 +1,7 @@
 #ifndef KESA_RUNTIME_V02_REASONS_H
 #define KESA_RUNTIME_V02_REASONS_H
 
-#include <comm/ActiveObject.h>
+#include <comm/LoopHold.h>
 #include <kesa/runtime/v02/IReasons.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <runtime/v02/runtime/OpenProxies.h>
@@ -10,14 +10,20 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 namespace kesa::runtime::v02 {
 
 /// How this process stands to the registry: it asks none, hosts it, or has a connection to it.
 class Reasons final : public IReasons {
 public:
-    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies,
-            std::weak_ptr<const comm::ActiveObject> executor, std::weak_ptr<const comm::ActiveObject> updater);
+    using Holds = std::vector<std::shared_ptr<const comm::LoopHold>>;
+
+    /// `holds`: of the loops over which this process hears of services, but for those of backends.
+    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds);
+
+    /// Of the backends, when they have started.
+    void setBackendHolds(Holds holds);
 
     /// The registry is this process's own.
     void setRegistryHere();
@@ -26,19 +32,21 @@ public:
 
     std::string whyUnknown(const std::string& path) const override;
     std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const override;
-    std::string obstacle(const url& locator) const override { return m_proxies->obstacle(locator); }
+    std::string obstacle(const url& locator) const override;
+    Holds holds() const override;
 
 private:
-    std::string whyDeaf() const;
+    Holds backendHolds() const;
+    static std::string whyDeaf(const Holds& holds);
     std::string why(const std::string& path, const char* silence) const;
 
     const std::shared_ptr<const OpenProxies> m_proxies;
-    const std::weak_ptr<const comm::ActiveObject> m_executor;
-    const std::weak_ptr<const comm::ActiveObject> m_updater;
+    const Holds m_holds;
     std::atomic<bool> m_isConnected{false};
     mutable std::mutex m_mutex;
-    std::string m_withoutAsking; ///< what is so when no other process is asked; this and the next under the mutex
+    std::string m_withoutAsking; ///< what is so when no other process is asked; this and the next two under the mutex
     url m_registry;
+    Holds m_backendHolds;
 };
 
 } // namespace kesa::runtime::v02

@@ -6,7 +6,13 @@
 #include <kesa/commadapter/KesaClientApi.h>
 #include <kesa/url.h>
 
+#include <memory>
 #include <string>
+#include <vector>
+
+namespace comm {
+class LoopHold;
+} // namespace comm
 
 namespace kesa::commadapter {
 
@@ -49,6 +55,12 @@ public:
     /// What this process is and whom it talks to, as JSON: docs/protocol.md, "What a process says of itself". Waits for
     /// the I/O loop; empty before `start` and after `stop`, and where a backend does not say.
     virtual std::string describe() { return {}; }
+    /// What holds its own loop, for any thread; may be kept longer. Null before `start` and after `stop`, and where a
+    /// backend does not say.
+    virtual std::shared_ptr<const comm::LoopHold> hold() const { return nullptr; }
+    /// What holds the loops of who uses it, to be told by `describe` and to whoever asks this process what it is. After
+    /// `start`.
+    virtual void describeHolds(std::vector<std::shared_ptr<const comm::LoopHold>> /*holds*/) {}
 };
 
 } // namespace kesa::commadapter

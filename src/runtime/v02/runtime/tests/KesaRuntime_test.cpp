@@ -235,9 +235,11 @@ TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)
     EXPECT_THAT(registering("/a", hold),
                 ElementsAre("3 [loop] the handler of registerService, told of '/a', took 60 ms on the executor" + rest,
                             "3 [loop] the handler of trackService, told of '/a', took 60 ms on the updater" + rest));
-    const std::string held = " has been held for 60 ms by one handler, so it hears of nothing: leave ";
-    EXPECT_THAT(reasons,
-                ElementsAre(HasSubstr("this process's executor" + held), HasSubstr("this process's updater" + held)));
+    const auto held = [](const std::string& loop, const std::string& operation) {
+        return HasSubstr("this process's " + loop + " has been held for 60 ms by the handler of " + operation +
+                         " for '/a', so it hears of nothing: leave ");
+    };
+    EXPECT_THAT(reasons, ElementsAre(held("executor", "registerService"), held("updater", "trackService")));
     EXPECT_THAT(registering("/b", {}),
                 ElementsAre(HasSubstr("the handler of trackServices, told of '/b', took 60 ms")));
     EXPECT_THAT(

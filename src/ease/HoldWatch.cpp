@@ -1,0 +1,94 @@
+// Looked at from time to time, and only after a call has begun: a process that has nothing to do is not woken, and one
+// that is busy is woken every two seconds. None of the loops that are watched can do that, nor the one that takes the
+// end signals: a trace may hang, too, and the second signal has to help then.
+#include "HoldWatch.h"
+
+#include <comm/Scheduler.h>
+#include <tracing/Channel.h>
+
+#include <fmt/format.h>
+#include <unistd.h>
+
+#include <utility>
+
+namespace kesa::detail {
+
+namespace {
+
+constexpr comm::TimeNs PAUSE = 2 * comm::SECOND;
+constexpr comm::TimeNs LONG_HOLD = comm::SECOND;
+constexpr comm::TimeNs BETWEEN_LINES = 10 * comm::SECOND;
+
+} // namespace
+
+HoldWatch::HoldWatch(const Holds& holds) : m_loop(comm::Scheduler::current().makeReactor("kesa-watch"))
+{
+    for (const auto& hold : holds) {
+        m_watched.push_back({hold});
+    }
+    m_loop->post([this] { sleepOrLookLater(); });
+}
+
+HoldWatch::~HoldWatch()
+{
+    m_loop->stop();
+    for (const Watched& watched : m_watched) {
+        watched.hold->isCalling({});
+    }
+}
+
+void HoldWatch::sleepOrLookLater()
+{
+    for (const Watched& watched : m_watched) {
+        const auto wake = [this, weak = std::weak_ptr<comm::Reactor>(m_loop)] {
+            if (const auto loop = weak.lock()) { // after its stop nothing is posted
+                loop->post([this] { lookLater(); });
+            }
+        };
+        if (watched.hold->isCalling(wake)) {
+            lookLater();
+        }
+    }
+}
+
+void HoldWatch::lookLater()
+{
+    if (!std::exchange(m_isLookingLater, true)) {
+        m_loop->startTimer(comm::now() + PAUSE, [this] { look(); });
+    }
+}
+
+void HoldWatch::look()
+{
+    m_isLookingLater = false;
+    for (Watched& watched : m_watched) {
+        if (const comm::TimeNs held = watched.hold->heldFor(); held > LONG_HOLD) {
+            tell(watched, held);
+        }
+    }
+    sleepOrLookLater();
+}
+
+void HoldWatch::tell(Watched& watched, comm::TimeNs held) const
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    const comm::TimeNs now = comm::now();
+    const bool isSame = now - held - watched.since < LONG_HOLD / 2; // as exact as it is known
+    const bool isEnding = m_isEnding;
+    if (isSame && watched.isToldOfEnd == isEnding && (!isEnding || now - watched.told < BETWEEN_LINES)) {
+        return;
+    }
+    watched = {watched.hold, now - held, now, isEnding};
+    const std::string holder = watched.hold->holder();
+    const comm::TimeNs seconds = held / comm::SECOND;
+    KESA_TRACE_TEXT(channel, 3,
+                    isEnding ? fmt::format("[end] this process waits for its {}, which {} has held for {} s; a second "
+                                           "SIGINT or SIGTERM ends it at once, as kill -9 {} does",
+                                           watched.hold->loop(), holder, seconds, ::getpid())
+                             : fmt::format("[loop] {} has held the {} of this process for {} s and still does, so it "
+                                           "hears of nothing: leave what takes long or waits to a thread of your own, "
+                                           "as kesa::on does",
+                                           holder, watched.hold->loop(), seconds));
+}
+
+} // namespace kesa::detail

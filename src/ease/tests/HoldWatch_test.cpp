@@ -1,0 +1,65 @@
+// Under the simulated scheduler; what is held is played by the test.
+#include <ease/HoldWatch.h>
+
+#include <comm/SimulatedScheduler.h>
+#include <tracing/CapturingSink.h>
+
+namespace {
+
+using namespace kesa;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+class HoldWatchTest : public testing::Test {
+protected:
+    HoldWatchTest() : before(comm::Scheduler::install(&scheduler)) { ::tracing::setSink(sink); }
+    ~HoldWatchTest() override
+    {
+        ::tracing::setSink(nullptr);
+        comm::Scheduler::install(before);
+    }
+    std::vector<std::string> told(comm::TimeNs after)
+    {
+        scheduler.runFor(after);
+        return sink->take();
+    }
+
+    comm::SimulatedScheduler scheduler{1};
+    comm::Scheduler* const before;
+    const std::shared_ptr<::tracing::CapturingSink> sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+};
+
+TEST_F(HoldWatchTest, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
+{
+    comm::TimeNs since = 0;
+    const auto hold = std::make_shared<comm::LoopHold>("executor", [&since] { return comm::now() - since; });
+    detail::HoldWatch watch({std::make_shared<comm::LoopHold>("updater", [] { return 0; }), hold});
+    EXPECT_TRUE(scheduler.runAll(100)) << "nobody is woken while nothing is called";
+
+    const auto describe = [] { return std::string("the handler of '/a'"); };
+    {
+        since = comm::now();
+        const comm::LoopHold::Call call(*hold, describe);
+        EXPECT_THAT(told(comm::SECOND), IsEmpty());
+        EXPECT_THAT(
+            told(60 * comm::SECOND),
+            ElementsAre(HasSubstr("[loop] the handler of '/a' has held the executor of this process for 2 s and "
+                                  "still does, so it hears of ")));
+    }
+    {
+        since = comm::now();
+        const comm::LoopHold::Call another(*hold, describe);
+        EXPECT_THAT(told(4 * comm::SECOND), ElementsAre(HasSubstr("the handler of '/a'")));
+        watch.expectEnd();
+        EXPECT_THAT(told(2 * comm::SECOND),
+                    ElementsAre(HasSubstr("[end] this process waits for its executor, which the handler of '/a' has "
+                                          "held for 5 s; a second SIGINT or SIGTERM ends it at once, as kill -9 ")));
+        EXPECT_THAT(told(12 * comm::SECOND), ElementsAre(HasSubstr("held for 15 s")));
+    }
+    since = comm::now();
+    EXPECT_TRUE(scheduler.runAll(100));
+    EXPECT_THAT(sink->take(), IsEmpty());
+}
+
+} // namespace
