@@ -74,7 +74,7 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
         return {"bad-run-directory", problem.text + (others.empty() ? "" : "; a registry runs in " + namesOf(others)),
                 problem.advice};
     }
-    if (const auto found = findProviderHere(ServiceRegistryPex::SERVICE_PATH, deadline)) {
+    if (const auto found = askProcessesHere(ServiceRegistryPex::SERVICE_PATH, {}, deadline).provider) {
         const std::string& here = found->name;
         why.cause = "other-registry";
         const char* const node = ::secure_getenv("KESA_NODE");
@@ -117,7 +117,7 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
     }
     const std::string has = fmt::format("{} asks for no registry, so only what it has itself is there: {}",
                                         place.source, pathsOf(place.services));
-    if (const auto provider = findProviderHere(path, deadline)) {
+    if (const auto provider = askProcessesHere(path, {}, deadline).provider) {
         return {
             "no-registry",
             fmt::format("{}; {} ({}) provides it here", has, provider->name, provider->pid),

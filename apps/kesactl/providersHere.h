@@ -7,6 +7,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kesactl {
 
@@ -19,9 +20,23 @@ struct ProviderHere {
 /// Whether a process, or a registry, that started then may not have found the other yet. `started`: on the wall clock.
 bool isYoung(comm::TimeNs started);
 
-/// A process of the chosen run directory that says of itself that it provides a path, whatever any registry knows.
-/// Asks them all; blocks until the deadline at the latest.
-std::optional<ProviderHere> findProviderHere(const std::string& path, comm::TimeNs deadline);
+/// One that a handler of its own keeps from hearing of services and from registering any.
+struct HeldProcess {
+    std::string name;
+    pid_t pid;
+    std::string loop;   ///< "executor"
+    std::string holder; ///< "the handler of trackService for '/a'"
+    comm::TimeNs time;
+};
+
+/// What the processes of the chosen run directory say of themselves, whatever any registry knows.
+struct ProcessesHere {
+    std::optional<ProviderHere> provider; ///< of the path that was asked for
+    std::vector<HeldProcess> held;
+};
+
+/// Asks them all, or the one of the name alone if that is not empty; blocks until the deadline at the latest.
+ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);
 
 } // namespace kesactl
 

@@ -116,6 +116,7 @@ public:
 private:
     std::optional<Verdict> askRegistry(const kesa::url& registry);
     Verdict judge(const kesa::url& registry) const;
+    ProcessesHere processesHere(const std::string& name) const;
     Verdict explainRealm() const;
     Verdict reach() const;
     Verdict call(const Connection::Client& client, const ServiceDef& service) const;
@@ -142,18 +143,17 @@ Verdict Search::run()
     if (verdict.cause != "never-registered") {
         return verdict;
     }
-    const auto provider =
-        findProviderHere(m_arguments.path, std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
-    if (!provider) {
+    const auto here = processesHere({});
+    if (!here.provider) {
         const std::string meant = adviseAround(system, m_arguments.path, m_arguments.common.deadline());
         verdict.advice = meant.empty() ? verdict.advice : meant;
-        return verdict;
+        return explainHeldOr(std::move(verdict), here.held);
     }
     if (auto failure = askRegistry(registry)) { // it may have registered meanwhile
         return *failure;
     }
     Verdict now = judge(registry);
-    return now.cause == "never-registered" ? explainHereOnly(*provider, registry) : now;
+    return now.cause == "never-registered" ? explainHereOnly(*here.provider, registry) : now;
 }
 
 /// A verdict when it has not explained the path.
@@ -189,6 +189,12 @@ std::optional<Verdict> Search::askRegistry(const kesa::url& registry)
     return std::nullopt;
 }
 
+ProcessesHere Search::processesHere(const std::string& name) const
+{
+    return askProcessesHere(m_arguments.path, name,
+                            std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
+}
+
 Verdict Search::judge(const kesa::url& registry) const
 {
     if (m_explanation["registered"] != true) {
@@ -200,6 +206,9 @@ Verdict Search::judge(const kesa::url& registry) const
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
         Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path);
+        if (const auto here = processesHere(m_arguments.process); !here.held.empty()) {
+            ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
+        }
         ofProcess.notes.push_back(verdict.text);
         verdict = std::move(ofProcess);
     }

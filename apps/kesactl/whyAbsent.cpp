@@ -10,6 +10,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace kesactl {
@@ -115,6 +116,12 @@ Verdict explainGone(const Value& event)
     return verdict;
 }
 
+/// The loop that registers.
+bool isExecutor(const HeldProcess& process)
+{
+    return process.loop == "executor";
+}
+
 } // namespace
 
 Verdict explainAbsence(const Value& explanation, const std::string& registry)
@@ -139,6 +146,28 @@ Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
                 : fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
                               "kesactl check-config --process {0}",
                               provider.name),
+            {}};
+}
+
+Verdict explainHeldOr(Verdict verdict, const std::vector<HeldProcess>& held)
+{
+    const auto found = std::find_if(held.begin(), held.end(), isExecutor);
+    if (found == held.end()) {
+        return verdict;
+    }
+    Verdict instead = explainHeld(*found, "nobody has registered it, perhaps since one process cannot");
+    instead.notes.push_back("otherwise, " + verdict.advice);
+    return instead;
+}
+
+Verdict explainHeld(const HeldProcess& process, const std::string& so)
+{
+    return {"held",
+            fmt::format("{}: {} has held the {} of {} (process {}) for {} s, so that it hears of nothing{}", so,
+                        process.holder, process.loop, process.name, process.pid, process.time / comm::SECOND,
+                        isExecutor(process) ? " and registers nothing" : ""),
+            fmt::format("restart {}; what takes long or waits belongs on a thread of its own, as kesa::on does",
+                        process.name),
             {}};
 }
 

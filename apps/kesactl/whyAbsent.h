@@ -14,6 +14,12 @@ Verdict explainAbsence(const util::config::Value& explanation, const std::string
 /// Of a path that nobody has registered, and that a process of this run directory provides nevertheless.
 Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry);
 
+/// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider.
+Verdict explainHeldOr(Verdict verdict, const std::vector<HeldProcess>& held);
+
+/// Of a process that a handler holds. `so`: what comes of it.
+Verdict explainHeld(const HeldProcess& process, const std::string& so);
+
 /// The events of a path, each as a sentence; but the last ones.
 std::vector<std::string> notesOf(const util::config::Value& explanation, std::size_t withoutLast);
 

@@ -5,10 +5,12 @@
 // "/media/radio" is the same, and registered before it; its description has what a terminal obeys, and as its resources
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
 // both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
-// brief" withdraws what it has as soon as it is known.
+// brief" withdraws what it has as soon as it is known. "media held" provides "/held" alone, and a handler holds a loop
+// of its runtime from when "/media/player" is there.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/found.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/resources.h>
 #include <kesa/headers.h>
@@ -20,6 +22,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdio>
+#include <future>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -105,6 +108,23 @@ struct WarmingUp : kesa::IKesaApi {
     void cancel(void* /*handle*/) override {}
 };
 
+/// Holds a loop of its runtime with a handler until it is to end.
+void holdUntil(const sigset_t& ends)
+{
+    const auto registration = KesaRuntime::getInstance()->registerService(
+        "/held", makePlayer(), ServiceDef::TypeEnum::pex, kesa::GenericObject(),
+        kesa::handler<ServiceDef>([](const ServiceDef&) {}));
+    std::promise<void> end;
+    const auto tracking = KesaRuntime::getInstance()->trackAndResolveService(
+        "/media/player",
+        kesa::handler<kesa::FoundByPath>([ended = end.get_future().share()](const auto&) { ended.wait(); }));
+    std::puts("started");
+    std::fflush(stdout);
+    int signal = 0;
+    sigwait(&ends, &signal);
+    end.set_value();
+}
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -116,6 +136,11 @@ int main(int count, char** arguments)
     const std::string name = count > 1 ? arguments[1] : "media";
     if (KesaRuntime::initInstance(name, KesaRuntime::WITH_REGISTRYD)) {
         return 1;
+    }
+    if (name == "held") {
+        holdUntil(ends);
+        KesaRuntime::shutdown();
+        return 0;
     }
     const auto radio = makePlayer();
     radio->onRetrieve(kesa::resources::PATH, [](const Request&) { return json(R"([{"resource":"/","command":7}])"); });
