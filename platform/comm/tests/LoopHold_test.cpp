@@ -24,9 +24,10 @@ TEST(LoopHold, NamesTheInnermostCallUnderWay)
             EXPECT_EQ(hold.holder(), "inner");
         }
         EXPECT_EQ(hold.holder(), "outer");
+        EXPECT_EQ(hold.heldFor(), 7);
     }
     EXPECT_EQ(hold.holder(), "a handler");
-    EXPECT_EQ(hold.heldFor(), 7);
+    EXPECT_EQ(hold.heldFor(), 0) << "it is held by nobody";
 }
 
 TEST(LoopHold, TellsOfTheNextCallOnce)

@@ -52,8 +52,9 @@ public:
     };
 
     const std::string& loop() const noexcept { return m_loop; }
-    /// Any thread, as the next one.
-    TimeNs heldFor() const { return m_heldFor(); }
+    /// 0 as well while it calls nobody: what it does itself may wait for another loop, which is held then. Any thread,
+    /// as the next ones.
+    TimeNs heldFor() const { return m_current.load(std::memory_order_relaxed) == nullptr ? 0 : m_heldFor(); }
     /// Whom the loop is calling; "a handler" when that is not known.
     std::string holder() const;
     /// False when it is calling nobody: then the next call that begins runs `wake`, once, and that may do nothing but
