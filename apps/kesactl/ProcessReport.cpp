@@ -1,5 +1,6 @@
 #include "ProcessReport.h"
 
+#include "Verdict.h"
 #include "askProcesses.h"
 #include "otherRunDirectories.h"
 #include "runDirectoryProblem.h"
@@ -145,6 +146,16 @@ std::string ProcessReport::version() const
         return "none: it is not of this library";
     }
     return orNothing(said + (said.empty() || facts.library.empty() ? "" : ", ") + facts.library);
+}
+
+std::vector<std::string> ProcessReport::holds() const
+{
+    std::vector<std::string> texts;
+    for (const Value& hold : answer["holds"].items()) {
+        texts.push_back(fmt::format("{} has held its {} for {} s", hold["holder"].toText(), hold["loop"].toText(),
+                                    integerOf(hold["heldMs"]) / 1000));
+    }
+    return texts;
 }
 
 std::string ProcessReport::number(std::string_view member) const

@@ -89,6 +89,11 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
         if (!report.advice.empty() && report.note != "does not say" && report.name != blamed) {
             wrong.push_back(report.advice);
         }
+        for (const std::string& hold : report.holds()) {
+            wrong.push_back(fmt::format("{} ({}): {}; restart it; what takes long or waits belongs on a thread of its "
+                                        "own, as kesa::on does",
+                                        report.name, report.pid, hold));
+        }
         if (report.facts.isReplaced) {
             wrong.push_back(fmt::format("{} ({}): its program or library was replaced while it runs; restart it",
                                         report.name, report.pid));

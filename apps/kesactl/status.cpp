@@ -103,6 +103,9 @@ void addAnswer(std::string& page, const ProcessReport& report)
     addLine(page, "run directory",
             fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
     addLine(page, "instance", answer["instance"].toText());
+    for (const std::string& hold : report.holds()) {
+        addLine(page, "held", hold);
+    }
     addLine(page, "queued", report.number("queuedBytes") + " bytes");
     addLine(page, "services", countOf(report, "serviceCount", "services"));
     for (const Value& path : answer["services"].items()) {
