@@ -77,7 +77,7 @@ std::string breakLine(std::string_view line, std::size_t width)
 template <class Change>
 std::string changeLines(const std::string& all, int output, Change change)
 {
-    const std::string text = visibleLines(all);
+    std::string text = visibleLines(all);
     const std::size_t width = terminalWidth(output);
     if (width == 0) {
         return text;

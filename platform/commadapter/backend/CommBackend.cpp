@@ -51,7 +51,7 @@ public:
     bool isLocal(const url& locator) override;
     std::string describe() override;
     std::shared_ptr<const comm::LoopHold> hold() const override { return m_loop ? m_loop->hold() : nullptr; }
-    void describeHolds(Holds holds) override;
+    void describeHolds(const Holds& holds) override;
 
 private:
     std::optional<Place> find(const url& locator) const
@@ -231,10 +231,10 @@ std::string CommBackend::describe()
     return description;
 }
 
-void CommBackend::describeHolds(Holds holds)
+void CommBackend::describeHolds(const Holds& holds)
 {
     if (m_loop) {
-        m_loop->runAndWait("describeHolds", [this, &holds] { m_holds = std::move(holds); });
+        m_loop->runAndWait("describeHolds", [this, &holds] { m_holds = holds; });
     }
 }
 

@@ -60,7 +60,7 @@ public:
     virtual std::shared_ptr<const comm::LoopHold> hold() const { return nullptr; }
     /// What holds the loops of who uses it, to be told by `describe` and to whoever asks this process what it is. After
     /// `start`.
-    virtual void describeHolds(std::vector<std::shared_ptr<const comm::LoopHold>> /*holds*/) {}
+    virtual void describeHolds(const std::vector<std::shared_ptr<const comm::LoopHold>>& /*holds*/) {}
 };
 
 } // namespace kesa::commadapter
