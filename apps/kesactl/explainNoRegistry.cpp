@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <optional>
 
 namespace kesactl {
 namespace {
@@ -117,7 +118,12 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
     }
     const std::string has = fmt::format("{} asks for no registry, so only what it has itself is there: {}",
                                         place.source, pathsOf(place.services));
-    if (const auto provider = askProcessesHere(path, {}, deadline).provider) {
+    std::optional<ProviderHere> registry; // which a document that has no services either was hardly meant to do without
+    if (place.services.empty()) {
+        registry = askProcessesHere(ServiceRegistryPex::SERVICE_PATH, {}, deadline).provider;
+    }
+    const auto provider = registry ? std::nullopt : askProcessesHere(path, {}, deadline).provider;
+    if (provider) {
         return {
             "no-registry",
             fmt::format("{}; {} ({}) provides it here", has, provider->name, provider->pid),
@@ -126,6 +132,14 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
                 "of those who use it",
                 path, provider->name),
             {}};
+    }
+    if (registry) {
+        return {"no-registry",
+                fmt::format("{}; {} ({}) is a registry here", has, registry->name, registry->pid),
+                fmt::format(R"(write "use_registry": true and "service_registry_locators": {{"*": )"
+                            R"(["ipc://{}/registry"]}} there; kesactl check-config finds keys that are mistyped)",
+                            registry->name),
+                {}};
     }
     return {"no-registry",
             has,

@@ -146,7 +146,7 @@ EpollReactor::EpollReactor(const std::string& name)
         event.data.ptr = descriptor == m_timer ? &m_timer : nullptr;
         return ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
     };
-    if (m_epoll < 0 || !add(m_wake) || !add(m_timer)) {
+    if (m_epoll < 0 || m_wake < 0 || m_timer < 0 || !add(m_wake) || !add(m_timer)) {
         const std::string message =
             fmt::format("cannot make the I/O loop '{}': {}", name, std::system_category().message(errno));
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());

@@ -2,6 +2,7 @@
 
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <fstream>
 #include <sstream>
@@ -9,7 +10,9 @@
 
 namespace kesa::commadapter::transport {
 
-FileLocks readFileLocks()
+namespace {
+
+FileLocks readOnce()
 {
     FileLocks locks;
     std::ifstream in("/proc/locks");
@@ -28,6 +31,32 @@ FileLocks readFileLocks()
         if (kind == "FLOCK" && std::sscanf(file.c_str(), "%x:%x:%lu", &major, &minor, &inode) == 3) {
             locks.emplace(inode, FileLock{::makedev(major, minor), pid});
         }
+    }
+    return locks;
+}
+
+/// False when all of `more` were there.
+bool add(FileLocks& locks, const FileLocks& more)
+{
+    bool isNew = false;
+    for (const auto& lock : more) {
+        const auto [begin, end] = locks.equal_range(lock.first);
+        if (std::find(begin, end, lock) == end) {
+            locks.insert(lock);
+            isNew = true;
+        }
+    }
+    return isNew;
+}
+
+} // namespace
+
+/// The kernel tells them in pieces; what is released between two makes it pass over others.
+FileLocks readFileLocks()
+{
+    constexpr int MOST_READINGS = 4;
+    FileLocks locks = readOnce();
+    for (int readings = 1; readings < MOST_READINGS && add(locks, readOnce()); ++readings) {
     }
     return locks;
 }

@@ -10,6 +10,7 @@ namespace kesa::commadapter::transport {
 struct FileLock {
     dev_t device;
     pid_t holder;
+    bool operator==(const FileLock&) const = default;
 };
 /// By the inode of the file.
 using FileLocks = std::multimap<ino_t, FileLock>;

@@ -5,7 +5,6 @@
 #include <obr/GlobalErrorHandler.h>
 
 #include <algorithm>
-#include <cassert>
 #include <cstdlib>
 #include <iterator>
 #include <tuple>
@@ -109,7 +108,6 @@ ChannelState& Registry::channel(std::string_view name, int facility, int thresho
     const std::lock_guard lock(m_mutex);
     auto found = m_channels.find(name);
     if (found == m_channels.end()) {
-        assert(!isMistyped(name)); // else it is missing in the list
         found = m_channels
                     .emplace(std::piecewise_construct, std::forward_as_tuple(name),
                              std::forward_as_tuple(name, facility, threshold))

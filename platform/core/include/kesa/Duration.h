@@ -23,13 +23,13 @@ private:
     static constexpr std::chrono::nanoseconds nearest(Exact value) noexcept
     {
         using std::chrono::nanoseconds;
-        if (value >= Exact(nanoseconds::max())) {
-            return nanoseconds::max();
-        }
-        if (value > Exact(nanoseconds::min())) {
-            return std::chrono::duration_cast<nanoseconds>(value);
-        }
-        return value <= Exact(nanoseconds::min()) ? nanoseconds::min() : nanoseconds::zero();
+        constexpr long double LONGEST = Exact(nanoseconds::max()).count();
+        constexpr long double SHORTEST = Exact(nanoseconds::min()).count();
+        const long double count = value.count(); // the operators of durations take what is no number for the greatest
+        return count >= LONGEST    ? nanoseconds::max()
+               : count > SHORTEST  ? std::chrono::duration_cast<nanoseconds>(value)
+               : count <= SHORTEST ? nanoseconds::min()
+                                   : nanoseconds::zero();
     }
 
     std::chrono::nanoseconds m_value;
