@@ -115,7 +115,10 @@ bool OpenRequest::end(bool isWithdrawn, const Call& call)
         return false;
     }
     m_hasEnded = true;
-    m_isWithdrawn = isWithdrawn;
+    if (isWithdrawn) {
+        const std::lock_guard<std::mutex> lockWork(m_workMutex);
+        m_isWithdrawn = true;
+    }
     ++m_calls;
     call(*m_handler);
     if (--m_calls == 0) {
@@ -163,7 +166,7 @@ void* OpenRequest::handle() const noexcept
 
 bool OpenRequest::setWork(Work work)
 {
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_workMutex);
     if (!m_isWithdrawn) {
         m_work = work;
     }
@@ -172,7 +175,7 @@ bool OpenRequest::setWork(Work work)
 
 OpenRequest::Work OpenRequest::work() const
 {
-    const std::lock_guard<std::recursive_mutex> lock(m_mutex);
+    const std::lock_guard<std::mutex> lock(m_workMutex);
     return m_work;
 }
 

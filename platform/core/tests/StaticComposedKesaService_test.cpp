@@ -1,6 +1,8 @@
 #include <kesa/StaticComposedKesaService.h>
 
 #include <atomic>
+#include <future>
+#include <mutex>
 #include <thread>
 
 namespace {
@@ -37,10 +39,10 @@ public:
                         const std::string& dispatch) override
     {
         m_log.push_back("asked " + request.getPath() + " at " + dispatch);
+        answers = std::move(handler);
         if (inAction) {
             inAction();
         }
-        answers = std::move(handler);
         return reinterpret_cast<void*>(std::uintptr_t{77});
     }
     void cancelRequest(void* handle) override
@@ -157,6 +159,28 @@ TEST_F(StaticComposed, EndingDuringTheActionCancelsAfterIt)
     ask("/a");
     EXPECT_THAT(client, ElementsAre("503", "~"));
     EXPECT_THAT(service, ElementsAre("asked /a at /a", "cancelled 77"));
+}
+
+TEST_F(StaticComposed, AskingDoesNotWaitForAHandlerThatIsToldMeanwhile)
+{
+    std::promise<void> inHandler;
+    std::mutex held; // by who asks, as wide as the call, and wanted by the handler
+    std::thread answering;
+    resources["/a"]->inAction = [&] {
+        answering = std::thread([answers = std::move(resources["/a"]->answers)] { answers->onNext(text("1")); });
+        inHandler.get_future().wait();
+    };
+    auto handler = std::make_unique<Client>(client);
+    handler->inNext = [&] {
+        inHandler.set_value();
+        const std::lock_guard<std::mutex> lock(held);
+    };
+    {
+        const std::lock_guard<std::mutex> lock(held);
+        composed->request(Request("retrieve", "/a"), std::move(handler));
+    }
+    answering.join();
+    EXPECT_THAT(client, ElementsAre("1", "503", "~"));
 }
 
 /// Notices a call that is under way, or comes, after the cancel has returned.

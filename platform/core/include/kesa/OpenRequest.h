@@ -48,6 +48,7 @@ public:
         void* handle = nullptr;
     };
     /// True, and `work` is not kept, when the request was withdrawn before its work was known: the caller cancels it.
+    /// Never waits for the handler.
     [[nodiscard]] bool setWork(Work work);
     Work work() const;
 
@@ -63,9 +64,11 @@ private:
     // Held during calls to the handler, so that `withdraw` waits for them; recursive, since a handler may withdraw.
     mutable std::recursive_mutex m_mutex;
     std::unique_ptr<IResponseHandler<Response>> m_handler;
-    Work m_work;
     int m_calls = 0; ///< to the handler, under way
     bool m_hasEnded = false;
+    // Of its own, taken inside the other: who forwards a request may hold what its handler waits for.
+    mutable std::mutex m_workMutex;
+    Work m_work;
     bool m_isWithdrawn = false;
     const std::shared_ptr<Table> m_table;
     const std::uint64_t m_number;
