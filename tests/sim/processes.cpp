@@ -2,7 +2,7 @@
 
 #include "World.h"
 
-#include <kesa/commadapter/createBackend.h>
+#include <backend/BackendFactory.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/config/KesaConfig.h>
 
@@ -44,14 +44,14 @@ World::World(const Options& options) : m_options(options)
         }
     });
     m_network = std::make_unique<commadapter::transport::MemoryNetwork>();
-    commadapter::setBackendFactoryForTest(
+    commadapter::setBackendFactory(
         [this](const std::string& process, const std::string&) { return makeBackend(process); });
 }
 
 World::~World()
 {
     m_processes.clear();
-    commadapter::setBackendFactoryForTest({});
+    commadapter::setBackendFactory({});
     m_network.reset();
     GlobalErrorHandler::setHandler({});
     m_verdict.reset();

@@ -1,3 +1,4 @@
+#include "backend/BackendFactory.h"
 #include "backend/CommBackend.h"
 #include "backend/channel.h"
 #include "backend/readCommSettings.h"
@@ -9,7 +10,7 @@ namespace kesa::commadapter {
 
 namespace {
 
-BackendFactory& factoryForTest()
+BackendFactory& replacement()
 {
     static auto& factory = *new BackendFactory();
     return factory;
@@ -29,8 +30,8 @@ CommSettings readSettings()
 
 std::unique_ptr<IBackend> createBackend(const std::string& process, const std::string& partition)
 {
-    if (factoryForTest()) {
-        return factoryForTest()(process, partition);
+    if (replacement()) {
+        return replacement()(process, partition);
     }
     const CommSettings settings = readSettings();
     return makeCommBackend(process, settings, [settings](const std::shared_ptr<comm::Reactor>& loop) {
@@ -41,9 +42,9 @@ std::unique_ptr<IBackend> createBackend(const std::string& process, const std::s
     });
 }
 
-void setBackendFactoryForTest(BackendFactory factory)
+void setBackendFactory(BackendFactory factory)
 {
-    factoryForTest() = std::move(factory);
+    replacement() = std::move(factory);
 }
 
 } // namespace kesa::commadapter

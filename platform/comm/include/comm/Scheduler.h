@@ -15,8 +15,8 @@ namespace comm {
 class IConditionImpl;
 
 /// Where run loops, time and waiting come from: the one seam between Kesa and threads. The real one makes threads
-/// and asks the kernel's monotonic clock; the simulated one (`SimulatedScheduler`) runs all loops in one thread in
-/// an order drawn from a seed, and its clock jumps when nothing can run.
+/// and asks the kernel's monotonic clock; a simulated one, of the tests, runs all loops in one thread in an
+/// order drawn from a seed, and its clock jumps when nothing can run.
 class KESA_API Scheduler {
 public:
     virtual ~Scheduler();

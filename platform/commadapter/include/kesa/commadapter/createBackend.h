@@ -3,7 +3,6 @@
 
 #include <kesa/commadapter/IBackend.h>
 
-#include <functional>
 #include <memory>
 #include <string>
 
@@ -12,11 +11,6 @@ namespace kesa::commadapter {
 /// The "comm" backend of a process, not yet started; never null. It reads its own settings from the "comm" member of
 /// the configuration document.
 KESA_API std::unique_ptr<IBackend> createBackend(const std::string& process, const std::string& partition);
-
-using BackendFactory =
-    std::function<std::unique_ptr<IBackend>(const std::string& process, const std::string& partition)>;
-/// Replaces what `createBackend` makes; empty restores it. Not while a runtime starts.
-KESA_API void setBackendFactoryForTest(BackendFactory factory);
 
 } // namespace kesa::commadapter
 

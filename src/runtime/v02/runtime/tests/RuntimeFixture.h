@@ -3,10 +3,10 @@
 
 #include "FakeBackend.h"
 
+#include <backend/BackendFactory.h>
 #include <comm/SimulatedScheduler.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
-#include <kesa/commadapter/createBackend.h>
 #include <kesa/reasonOf.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
@@ -140,7 +140,7 @@ protected:
             assertions->add(std::string(report.condition) + ", " + report.function + ", " +
                             (report.message != nullptr ? report.message : ""));
         });
-        commadapter::setBackendFactoryForTest([network = m_network](const std::string& process, const std::string&) {
+        commadapter::setBackendFactory([network = m_network](const std::string& process, const std::string&) {
             return std::make_unique<FakeBackend>(network, process);
         });
     }
@@ -150,7 +150,7 @@ protected:
         EXPECT_THAT(m_assertions->take(), IsEmpty());
         EXPECT_EQ(m_network->livingClientObjects, 0);
         EXPECT_EQ(m_livingServices, 0);
-        commadapter::setBackendFactoryForTest({});
+        commadapter::setBackendFactory({});
         obr::GlobalErrorHandler::setHandler({});
         tracing::setEventLogSink(nullptr);
         tracing::setSink(nullptr);

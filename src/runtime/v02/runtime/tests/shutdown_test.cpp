@@ -107,7 +107,7 @@ TEST(RuntimeThreads, deliverWhereTheyShouldAndEndWhileOthersDispose)
 {
     const auto network = std::make_shared<FakeNetwork>();
     network->isAutomatic = true;
-    commadapter::setBackendFactoryForTest([network](const std::string& process, const std::string&) {
+    commadapter::setBackendFactory([network](const std::string& process, const std::string&) {
         return std::make_unique<FakeBackend>(network, process);
     });
     tracing::setThreshold("*", 5);
@@ -157,7 +157,7 @@ TEST(RuntimeThreads, deliverWhereTheyShouldAndEndWhileOthersDispose)
         EXPECT_EQ(network->livingClientObjects, 0);
     }
     EXPECT_EQ(services, 0);
-    commadapter::setBackendFactoryForTest({});
+    commadapter::setBackendFactory({});
     tracing::setThreshold("*", 3);
 }
 

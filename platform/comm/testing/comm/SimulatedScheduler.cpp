@@ -4,9 +4,9 @@
 // results have to wait in one direction, as Kesa's do.
 #include <comm/SimulatedScheduler.h>
 
-#include "CurrentLoop.h"
-#include "LiveLoop.h"
-#include "TimerQueue.h"
+#include "src/CurrentLoop.h"
+#include "src/LiveLoop.h"
+#include "src/TimerQueue.h"
 
 #include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>

@@ -11,7 +11,7 @@ namespace comm {
 /// All loops in the caller's thread, in an order drawn from a seed: the same seed gives the same run. Each step
 /// lets one loop run one event, task or due timer. While a loop waits (`comm::waitFor`), the others go on inside
 /// that wait. For tests and for `tests/sim`.
-class KESA_API SimulatedScheduler : public Scheduler {
+class SimulatedScheduler : public Scheduler {
 public:
     explicit SimulatedScheduler(std::uint64_t seed);
     ~SimulatedScheduler() override;
