@@ -2,7 +2,7 @@
 // asks.
 #include "displayWidth.h"
 
-#include <src/utf8.h>
+#include <util/utf8.h>
 
 #include <algorithm>
 #include <clocale>
@@ -20,7 +20,7 @@ std::size_t widthOf(char32_t character)
         return 1;
     }
     static const locale_t UTF8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    if (UTF8 == nullptr || character == kesa::utf8::INVALID) {
+    if (UTF8 == nullptr || character == util::INVALID_CHARACTER) {
         return 1;
     }
     const locale_t users = ::uselocale(UTF8);
@@ -36,7 +36,7 @@ std::size_t displayWidth(std::string_view text)
 {
     std::size_t width = 0;
     while (!text.empty()) {
-        width += widthOf(kesa::utf8::takeCharacter(text));
+        width += widthOf(util::takeCharacter(text));
     }
     return width;
 }
@@ -46,7 +46,7 @@ std::string_view beginning(std::string_view text, std::size_t width)
     std::string_view rest = text;
     std::string_view after = text;
     for (std::size_t used = 0; !rest.empty(); rest = after) {
-        used += widthOf(kesa::utf8::takeCharacter(after));
+        used += widthOf(util::takeCharacter(after));
         if (used > width) {
             break;
         }

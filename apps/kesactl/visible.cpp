@@ -1,8 +1,7 @@
 #include "visible.h"
 
-#include <src/utf8.h>
-
 #include <fmt/format.h>
+#include <util/utf8.h>
 
 #include <iterator>
 
@@ -23,8 +22,8 @@ std::string visibleBut(std::string_view text, std::string_view kept)
     result.reserve(text.size());
     while (!text.empty()) {
         const std::string_view rest = text;
-        const char32_t character = kesa::utf8::takeCharacter(text);
-        if (character == kesa::utf8::INVALID) {
+        const char32_t character = util::takeCharacter(text);
+        if (character == util::INVALID_CHARACTER) {
             result += "\uFFFD";
         } else if (isControl(character) && kept.find(rest.front()) == std::string_view::npos) {
             fmt::format_to(std::back_inserter(result), "\\u{:04x}", static_cast<unsigned>(character));

@@ -3,55 +3,13 @@
 #include "backend/channel.h"
 
 #include <kesa/Path.h>
+#include <util/percent.h>
 
 namespace kesa::commadapter {
 
 namespace {
 
-constexpr std::string_view HEX = "0123456789ABCDEF";
-
-/// What RFC 3986 allows in a path as it is.
-bool isPathCharacter(char c) noexcept
-{
-    constexpr std::string_view PUNCTUATION = "/-._~!$&'()*+,;=:@";
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           PUNCTUATION.find(c) != std::string_view::npos;
-}
-
-std::string encodePath(std::string_view path)
-{
-    std::string text;
-    for (const char c : path) {
-        if (isPathCharacter(c)) {
-            text += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            text += {'%', HEX[byte >> 4U], HEX[byte & 15U]};
-        }
-    }
-    return text;
-}
-
-int hexValue(char c) noexcept
-{
-    const auto found = HEX.find(c >= 'a' && c <= 'f' ? static_cast<char>(c - 'a' + 'A') : c);
-    return found == std::string_view::npos ? -1 : static_cast<int>(found);
-}
-
-/// A valid `url` has two hexadecimal digits behind every '%'.
-std::string decodePath(std::string_view text)
-{
-    std::string path;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '%' && i + 2 < text.size()) {
-            path += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-            i += 2;
-        } else {
-            path += text[i];
-        }
-    }
-    return path;
-}
+constexpr std::string_view KEPT_IN_PATHS = "/-._~!$&'()*+,;=:@"; // with letters and digits what RFC 3986 allows
 
 } // namespace
 
@@ -68,7 +26,7 @@ std::optional<Place> Locators::find(const url& locator) const
     if (!locator.isAbsolute()) {
         return locator.scheme().empty() ? findRouted(locator.path()) : std::nullopt;
     }
-    std::string path = decodePath(locator.path());
+    std::string path = util::decodePercent(locator.path()).value_or(std::string());
     if (!Path::isCanonical(path)) {
         return std::nullopt;
     }
@@ -106,7 +64,7 @@ std::optional<Place> Locators::findRouted(const std::string& path) const
 
 url Locators::make(const transport::Endpoint& endpoint, std::string_view path)
 {
-    return url(endpoint.toString() + encodePath(path));
+    return url(endpoint.toString() + util::encodePercent(path, KEPT_IN_PATHS));
 }
 
 } // namespace kesa::commadapter

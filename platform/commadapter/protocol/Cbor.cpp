@@ -1,57 +1,8 @@
 #include "protocol/Cbor.h"
 
+#include <util/utf8.h>
+
 namespace kesa::commadapter::protocol::cbor {
-
-namespace {
-
-/// Length of the well-formed sequence at `at`, 0 when there is none (RFC 3629: no overlong forms, no surrogates).
-std::size_t sequenceLength(const unsigned char* at, std::size_t left) noexcept
-{
-    const unsigned first = at[0];
-    std::size_t length = 0;
-    unsigned lowest = 0x80;
-    unsigned highest = 0xBF;
-    if (first < 0x80) {
-        return 1;
-    }
-    if (first >= 0xC2 && first <= 0xDF) {
-        length = 2;
-    } else if (first >= 0xE0 && first <= 0xEF) {
-        length = 3;
-        lowest = first == 0xE0 ? 0xA0 : 0x80;
-        highest = first == 0xED ? 0x9F : 0xBF;
-    } else if (first >= 0xF0 && first <= 0xF4) {
-        length = 4;
-        lowest = first == 0xF0 ? 0x90 : 0x80;
-        highest = first == 0xF4 ? 0x8F : 0xBF;
-    }
-    if (length == 0 || length > left || at[1] < lowest || at[1] > highest) {
-        return 0;
-    }
-    for (std::size_t i = 2; i < length; ++i) {
-        if (at[i] < 0x80 || at[i] > 0xBF) {
-            return 0;
-        }
-    }
-    return length;
-}
-
-} // namespace
-
-bool isMixedUtf8(std::string_view text) noexcept
-{
-    const auto* at = reinterpret_cast<const unsigned char*>(text.data());
-    std::size_t left = text.size();
-    while (left > 0) {
-        const std::size_t length = sequenceLength(at, left);
-        if (length == 0) {
-            return false;
-        }
-        at += length;
-        left -= length;
-    }
-    return true;
-}
 
 void putLongItem(ByteQueue& out, Major major, std::uint64_t argument)
 {
@@ -116,7 +67,7 @@ bool Reader::string(const Item& item, std::string_view& content) noexcept
         return fail("it ends inside a value");
     }
     content = {reinterpret_cast<const char*>(m_at), static_cast<std::size_t>(item.argument)};
-    if (item.major == Major::eTEXT && !isUtf8(content)) {
+    if (item.major == Major::eTEXT && !util::isUtf8(content)) {
         return fail("text is not UTF-8");
     }
     m_at += content.size();

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 #include <string_view>
 
 /// The few CBOR items (RFC 8949) heads are made of, written and read in place: a head is on the path of every message,
@@ -21,24 +20,6 @@ inline constexpr unsigned char FALSE_ITEM = 0xF4;
 inline constexpr unsigned char TRUE_ITEM = 0xF5;
 inline constexpr unsigned char NULL_ITEM = 0xF6;
 inline constexpr unsigned MAX_DEPTH = 32; ///< of a head, itself included
-
-/// `isUtf8` of text that is not ASCII alone.
-bool isMixedUtf8(std::string_view text) noexcept;
-
-inline bool isUtf8(std::string_view text) noexcept
-{
-    const char* at = text.data();
-    std::size_t left = text.size();
-    std::uint64_t bits = 0;
-    for (std::uint64_t eight = 0; left >= sizeof eight; left -= sizeof eight, at += sizeof eight) {
-        std::memcpy(&eight, at, sizeof eight);
-        bits |= eight;
-    }
-    for (; left > 0; --left) {
-        bits |= static_cast<unsigned char>(*at++);
-    }
-    return (bits & 0x8080808080808080U) == 0 || isMixedUtf8(text);
-}
 
 inline void putByte(ByteQueue& out, unsigned char byte)
 {

@@ -7,6 +7,7 @@
 #include <obr/ErrorStorage.h>
 #include <util/ByteBufferWriter.h>
 #include <util/serializer/formats.h>
+#include <util/utf8.h>
 
 namespace kesa::commadapter::protocol {
 
@@ -51,7 +52,7 @@ void HeadWriter::key(Key key)
 void HeadWriter::text(std::string_view text)
 {
     // Refused here, since the receiver would take it for a broken head and end the connection.
-    m_isInvalid = m_isInvalid || !cbor::isUtf8(text);
+    m_isInvalid = m_isInvalid || !util::isUtf8(text);
     cbor::putText(m_out, text);
 }
 

@@ -2,6 +2,7 @@
 
 #include <kesa/processName.h>
 #include <obr/Random.h>
+#include <util/percent.h>
 
 #include <fmt/format.h>
 
@@ -11,61 +12,20 @@ namespace kesa::commadapter::transport {
 
 namespace {
 
-constexpr char HEX[] = "0123456789ABCDEF";
+constexpr std::string_view KEPT_IN_NAMES = "._-";
 
 bool isPlain(char c) noexcept
 {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
-           c == '-';
-}
-
-int hexDigit(char c) noexcept
-{
-    if (c >= '0' && c <= '9') {
-        return c - '0';
-    }
-    if (c >= 'a' && c <= 'f') {
-        return c - 'a' + 10;
-    }
-    return c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
-}
-
-std::optional<std::string> decode(std::string_view text)
-{
-    std::string name;
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (isPlain(text[i])) {
-            name.push_back(text[i]);
-            continue;
-        }
-        if (text[i] != '%' || text.size() - i < 3) {
-            return std::nullopt;
-        }
-        const int high = hexDigit(text[i + 1]);
-        const int low = hexDigit(text[i + 2]);
-        if (high < 0 || low < 0) {
-            return std::nullopt;
-        }
-        name.push_back(static_cast<char>(high * 16 + low));
-        i += 2;
-    }
-    return name;
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+           KEPT_IN_NAMES.find(c) != std::string_view::npos;
 }
 
 } // namespace
 
 std::string encodeProcessName(std::string_view name)
 {
-    std::string text;
-    for (const char c : name) {
-        if (isPlain(c) && !(c == '.' && text.empty())) {
-            text.push_back(c);
-            continue;
-        }
-        const auto byte = static_cast<unsigned char>(c);
-        text.append({'%', HEX[byte >> 4U], HEX[byte & 15U]});
-    }
-    return text;
+    std::string text = util::encodePercent(name, KEPT_IN_NAMES);
+    return text.rfind('.', 0) == 0 ? "%2E" + text.substr(1) : text; // no hidden files, no "..", as files of that name
 }
 
 std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme)
@@ -75,8 +35,10 @@ std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_vi
     }
     const std::string_view authority = locator.authority();
     const std::size_t plus = authority.find('+');
-    auto process = decode(authority.substr(0, plus));
-    if (!process || !isProcessName(*process)) {
+    const std::string_view encoded = authority.substr(0, plus);
+    auto process = util::decodePercent(encoded);
+    if (!process || !std::all_of(encoded.begin(), encoded.end(), [](char c) { return c == '%' || isPlain(c); }) ||
+        !isProcessName(*process)) {
         return std::nullopt;
     }
     Endpoint endpoint{std::string(scheme), std::move(*process), {}, {}};

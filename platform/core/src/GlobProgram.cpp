@@ -1,9 +1,8 @@
 #include "src/GlobProgram.h"
 
-#include "src/utf8.h"
-
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
+#include <util/utf8.h>
 
 #include <algorithm>
 #include <array>
@@ -39,8 +38,8 @@ private:
     bool decode()
     {
         for (std::string_view rest = m_glob; !rest.empty();) {
-            m_text.push_back(utf8::takeCharacter(rest));
-            if (m_text.back() == utf8::INVALID) {
+            m_text.push_back(util::takeCharacter(rest));
+            if (m_text.back() == util::INVALID_CHARACTER) {
                 return fail(m_text.size() - 1, "it is not UTF-8");
             }
             if (m_text.size() > MAX_CHARACTERS) {
@@ -400,7 +399,7 @@ bool GlobProgram::match(std::string_view segments) const noexcept
         take('/');
     }
     while (!segments.empty() && !states->isEmpty()) {
-        take(utf8::takeCharacter(segments));
+        take(util::takeCharacter(segments));
     }
     return states->contains(m_steps.size() - 1);
 }

@@ -1,7 +1,8 @@
 #include <kesa/PathPatterns.h>
 
 #include "src/GlobProgram.h"
-#include "src/utf8.h"
+
+#include <util/utf8.h>
 
 #include <utility>
 
@@ -43,7 +44,7 @@ public:
             m_kind = Kind::eSUBTREE;
             segments.remove_suffix(3);
         }
-        const bool isPlain = segments.find_first_of("*?[{\\") == std::string_view::npos && utf8::isValid(segments) &&
+        const bool isPlain = segments.find_first_of("*?[{\\") == std::string_view::npos && util::isUtf8(segments) &&
                              segments.find("//") == std::string_view::npos && !segments.starts_with('/') &&
                              !segments.ends_with('/');
         if (isPlain && (m_kind == Kind::ePATH || !segments.empty())) {

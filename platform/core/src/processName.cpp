@@ -1,8 +1,7 @@
-#include "utf8.h"
-
 #include <kesa/processName.h>
 
 #include <fmt/format.h>
+#include <util/utf8.h>
 
 namespace kesa {
 
@@ -23,7 +22,7 @@ std::string escaped(std::string_view name)
 
 bool isProcessName(std::string_view name) noexcept
 {
-    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME && utf8::isValid(name);
+    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME && util::isUtf8(name);
 }
 
 std::string complaintAboutProcessName(std::string_view name)
@@ -31,7 +30,7 @@ std::string complaintAboutProcessName(std::string_view name)
     if (isProcessName(name)) {
         return {};
     }
-    const bool isText = utf8::isValid(name);
+    const bool isText = util::isUtf8(name);
     return fmt::format("\"{}\" cannot be the name of this process: ", isText ? std::string(name) : escaped(name)) +
            (isText ? fmt::format("a name has 1 to {} bytes, and this one {}", LONGEST_PROCESS_NAME, name.size())
                    : "a name is UTF-8, and this one is not");

@@ -1,10 +1,9 @@
 #include "StructuredWriter.h"
 
-#include "src/text/utf8.h"
-
 #include <obr/ErrorOutput.h>
 #include <obr/errors.h>
 #include <util/serializer/formats.h>
+#include <util/utf8.h>
 
 #include <cmath>
 #include <limits>
@@ -59,7 +58,7 @@ bool StructuredWriter::claimText(std::string_view text) const
     if (text.size() > std::numeric_limits<std::uint32_t>::max()) {
         return fail("a string is too long to be written");
     }
-    return !text::isUtf8(text) && fail("a string that is not valid UTF-8 cannot be written");
+    return !isUtf8(text) && fail("a string that is not valid UTF-8 cannot be written");
 }
 
 bool StructuredWriter::begin(Kind kind)

@@ -1,8 +1,8 @@
-#include "src/utf8.h"
+#include <util/utf8.h>
 
 #include <cstddef>
 
-namespace kesa::utf8 {
+namespace util {
 
 namespace {
 
@@ -45,20 +45,28 @@ char32_t takeCharacter(std::string_view& text) noexcept
     const bool isSurrogate = character >= 0xD800 && character < 0xE000;
     if (form.size == 0 || used < form.size || character < form.smallest || character > 0x10FFFF || isSurrogate) {
         text.remove_prefix(1);
-        return INVALID;
+        return INVALID_CHARACTER;
     }
     text.remove_prefix(form.size);
     return character;
 }
 
-bool isValid(std::string_view text) noexcept
+bool isMixedUtf8(std::string_view text) noexcept
 {
     while (!text.empty()) {
-        if (takeCharacter(text) == INVALID) {
+        std::uint64_t eight = 0;
+        if (text.size() >= sizeof eight) {
+            std::memcpy(&eight, text.data(), sizeof eight);
+            if ((eight & 0x8080808080808080U) == 0) {
+                text.remove_prefix(sizeof eight);
+                continue;
+            }
+        }
+        if (takeCharacter(text) == INVALID_CHARACTER) {
             return false;
         }
     }
     return true;
 }
 
-} // namespace kesa::utf8
+} // namespace util

@@ -1,0 +1,40 @@
+#ifndef UTIL_UTF8_H
+#define UTIL_UTF8_H
+
+#include <obr/api.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+namespace util {
+
+/// What `takeCharacter` answers for a byte that belongs to no well-formed character.
+inline constexpr char32_t INVALID_CHARACTER = 0xFFFFFFFF;
+
+/// Takes the first character off `text`, which is not empty; one byte of it when that is not well-formed UTF-8.
+KESA_API char32_t takeCharacter(std::string_view& text) noexcept;
+
+/// `isUtf8` of text that is not ASCII alone.
+KESA_API bool isMixedUtf8(std::string_view text) noexcept;
+
+/// Whether `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
+inline bool isUtf8(std::string_view text) noexcept
+{
+    const char* at = text.data();
+    std::size_t left = text.size();
+    std::uint64_t bits = 0;
+    for (std::uint64_t eight = 0; left >= sizeof eight; left -= sizeof eight, at += sizeof eight) {
+        std::memcpy(&eight, at, sizeof eight);
+        bits |= eight;
+    }
+    for (; left > 0; --left) {
+        bits |= static_cast<unsigned char>(*at++);
+    }
+    return (bits & 0x8080808080808080U) == 0 || isMixedUtf8(text);
+}
+
+} // namespace util
+
+#endif
