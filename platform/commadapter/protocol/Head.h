@@ -18,6 +18,8 @@
 /// Heads: the CBOR map in front of a body. `docs/protocol.md` has the table of keys.
 namespace kesa::commadapter::protocol {
 
+inline constexpr unsigned VALUE_DEPTH = 31; ///< how deep what stands in a head may nest
+
 /// Well-known keys; their numbers are the wire's.
 enum class Key : std::uint8_t {
     eCOMMAND = 0,

@@ -1,4 +1,3 @@
-#include "protocol/Cbor.h"
 #include "protocol/Head.h"
 #include "protocol/Vocabulary.h"
 
@@ -7,6 +6,7 @@
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
 #include <util/ByteBufferReader.h>
+#include <util/cbor.h>
 #include <util/serializer/formats.h>
 
 #include <algorithm>
@@ -16,8 +16,8 @@
 
 namespace kesa::commadapter::protocol {
 
-using cbor::Major;
-using cbor::Reader;
+using util::cbor::Major;
+using util::cbor::Reader;
 using util::config::Value;
 
 namespace {
@@ -106,7 +106,7 @@ std::string_view headerName(const MemberKey& key) noexcept
 [[nodiscard]] bool readStructure(Reader& reader, Value& value)
 {
     const unsigned char* const start = reader.position();
-    if (reader.skip(1)) {
+    if (reader.skip(VALUE_DEPTH)) {
         return true;
     }
     obr::ErrorStorage::Slot pending; // asking for headers is no read of its own
@@ -150,10 +150,10 @@ std::string_view headerName(const MemberKey& key) noexcept
 {
     if (!key.isNumber) {
         head.hasHeaders = true;
-        return reader.skip(1);
+        return reader.skip(VALUE_DEPTH);
     }
     if (vocabulary::headerOf(key.number).empty()) {
-        return reader.skip(1); // of a later version
+        return reader.skip(VALUE_DEPTH); // of a later version
     }
     head.hasHeaders = true;
     std::string_view word;
@@ -285,7 +285,7 @@ bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::s
         case Key::eMAX_MESSAGE_BYTES:
             return readNumberInto(in, hello.maxMessageBytes);
         default:
-            return in.skip(1);
+            return in.skip(VALUE_DEPTH);
         }
     });
     if (failed) {
@@ -303,7 +303,7 @@ void HeaderSource::read(const IsWanted& isWanted, const Keep& keep) const
                             const std::string_view name = headerName(key);
                             if ((key.isNumber && name.empty()) || !isWanted(name) ||
                                 (m_isRequest && name == kesa::headers::CLIENT_ID)) {
-                                return in.skip(1);
+                                return in.skip(VALUE_DEPTH);
                             }
                             Value value;
                             if (readHeader(key, in, value)) {

@@ -1,4 +1,3 @@
-#include "protocol/Cbor.h"
 #include "protocol/Head.h"
 #include "protocol/Vocabulary.h"
 
@@ -6,16 +5,16 @@
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
 #include <util/ByteBufferWriter.h>
+#include <util/cbor.h>
 #include <util/serializer/formats.h>
 #include <util/utf8.h>
 
 namespace kesa::commadapter::protocol {
 
 using util::config::Value;
+namespace cbor = util::cbor;
 
 namespace {
-
-constexpr unsigned VALUE_DEPTH = cbor::MAX_DEPTH - 1; // the head itself is a map
 
 bool isTooDeep(const Value& value, unsigned allowed)
 {
@@ -182,7 +181,7 @@ void HeadWriter::structure(const Value& value)
                         serializer::serialize(*serializer, value) || serializer->finish(hasContent);
     obr::ErrorStorage::exchange(pending);
     // It must pass the receiver's check.
-    m_isInvalid = m_isInvalid || failed || cbor::Reader(bytes.data(), bytes.size()).skip(1);
+    m_isInvalid = m_isInvalid || failed || cbor::Reader(bytes.data(), bytes.size()).skip(VALUE_DEPTH);
     m_out.append(bytes.data(), bytes.size());
 }
 

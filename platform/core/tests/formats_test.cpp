@@ -253,10 +253,10 @@ TEST(Serializer, explainsBrokenInput)
         {Format::eQELBIN, "\x9b\x7f\xff\xff\xff\xff\xff\xff\xff\x01", "byte 0: the document ends too early"},
         {Format::eQELBIN, "\xbb\x80\0\0\0\0\0\0\x01\x01"s, "byte 0: the document ends too early"},
         {Format::eQELBIN, "\xbf\x61x\xff", "byte 3: a member has no value"},
-        {Format::eQELBIN, "\x9f\xc1\xff", "byte 2: an end without a beginning"},
+        {Format::eQELBIN, "\x9f\xc1\xff", "byte 1: indefinite length of a wrong item"},
         {Format::eQELBIN, "\x7f\x61x\x01\xff", "byte 3: a text consists of something else than text"},
         {Format::eQELBIN, "\x41x", "byte 0: binary data is not supported"},
-        {Format::eQELBIN, "\x3b\x80\0\0\0\0\0\0\0"s, "byte 0: a negative number does not fit 64 bits"},
+        {Format::eQELBIN, "\x3b\x80\0\0\0\0\0\0\0"s, "byte 0: integer out of range"},
         {Format::eQELBIN, "\x01\x01", "byte 1: unexpected data after the end of the document"},
     };
     for (const Case& each : cases) {

@@ -37,6 +37,14 @@ public:
             m_size += size;
         }
     }
+    /// The first of `size` new bytes at the end, which the caller writes.
+    unsigned char* extend(std::size_t size)
+    {
+        if (size > m_capacity - m_size) {
+            grow(size);
+        }
+        return m_bytes.get() + std::exchange(m_size, m_size + size);
+    }
     void append(std::string_view text) { append(text.data(), text.size()); }
     void append(char byte) { append(&byte, 1); }
 

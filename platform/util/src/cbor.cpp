@@ -1,29 +1,20 @@
-#include "protocol/Cbor.h"
-
+#include <util/cbor.h>
 #include <util/utf8.h>
 
-namespace kesa::commadapter::protocol::cbor {
+#include <cmath>
 
-void putLongItem(ByteQueue& out, Major major, std::uint64_t argument)
-{
-    const unsigned log = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
-    const unsigned bytes = 1U << log;
-    unsigned char* const at = out.extend(1 + bytes);
-    at[0] = static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | (24 + log));
-    for (unsigned i = 0; i < bytes; ++i) {
-        at[1 + i] = static_cast<unsigned char>(argument >> (8 * (bytes - 1 - i)));
-    }
-}
+namespace util::cbor {
 
-bool Reader::argument(unsigned info, Item& item) noexcept
+bool Reader::readArgument(Item& item) noexcept
 {
+    const unsigned info = item.info;
     if (info < 24) {
         item.argument = info;
         return false;
     }
     if (info == 31) {
         item.isIndefinite = true;
-        return item.major != Major::eARRAY && item.major != Major::eMAP && fail("indefinite length of a wrong item");
+        return (item.major < Major::eBYTES || item.major > Major::eMAP) && fail("indefinite length of a wrong item");
     }
     if (info > 27) {
         return fail("reserved item");
@@ -47,11 +38,12 @@ bool Reader::longItem(Item& item) noexcept
         const unsigned first = *m_at++;
         item = Item();
         item.major = static_cast<Major>(first >> 5U);
-        if (argument(first & 31U, item)) {
+        item.info = first & 31U;
+        if (readArgument(item)) {
             return true;
         }
         // false, true, null and the floats; nothing else has a value here.
-        if (item.major == Major::eSIMPLE && (first & 31U) < 25 && ((first & 31U) < 20 || (first & 31U) > 22)) {
+        if (item.major == Major::eSIMPLE && item.info < 25 && (item.info < 20 || item.info > 22)) {
             return fail("unknown simple value");
         }
     } while (item.major == Major::eTAG);
@@ -61,8 +53,34 @@ bool Reader::longItem(Item& item) noexcept
     return false;
 }
 
+double Reader::real(const Item& item) noexcept
+{
+    if (item.info == 27) {
+        double value = 0;
+        std::memcpy(&value, &item.argument, sizeof value);
+        return value;
+    }
+    if (item.info == 26) {
+        const auto bits = static_cast<std::uint32_t>(item.argument);
+        float value = 0;
+        std::memcpy(&value, &bits, sizeof value);
+        return static_cast<double>(value);
+    }
+    const auto bits = static_cast<unsigned>(item.argument);
+    const int exponent = static_cast<int>(bits >> 10U & 31U);
+    const auto fraction = static_cast<double>(bits & 1023U);
+    const double size = exponent == 0    ? std::ldexp(fraction, -24)
+                        : exponent != 31 ? std::ldexp(fraction + 1024, exponent - 25)
+                        : fraction > 0   ? std::nan("")
+                                         : HUGE_VAL;
+    return (bits & 0x8000U) == 0 ? size : -size;
+}
+
 bool Reader::string(const Item& item, std::string_view& content) noexcept
 {
+    if (item.isIndefinite) {
+        return fail("indefinite length of a wrong item");
+    }
     if (item.argument > static_cast<std::size_t>(m_end - m_at)) {
         return fail("it ends inside a value");
     }
@@ -89,7 +107,7 @@ bool Reader::skipContent(const Item& item, unsigned depth) noexcept
     if (item.major != Major::eARRAY && item.major != Major::eMAP) {
         return false;
     }
-    if (depth >= MAX_DEPTH) {
+    if (depth == 0) {
         return fail("nested too deeply");
     }
     for (std::uint64_t i = 0; item.isIndefinite ? !atBreak() : i < item.argument; ++i) {
@@ -105,11 +123,11 @@ bool Reader::skipContent(const Item& item, unsigned depth) noexcept
                 return true;
             }
         }
-        if (skip(depth + 1)) {
+        if (skip(depth - 1)) {
             return true;
         }
     }
     return false;
 }
 
-} // namespace kesa::commadapter::protocol::cbor
+} // namespace util::cbor

@@ -1,15 +1,16 @@
-#ifndef KESA_COMMADAPTER_PROTOCOL_CBOR_H
-#define KESA_COMMADAPTER_PROTOCOL_CBOR_H
+#ifndef UTIL_CBOR_H
+#define UTIL_CBOR_H
 
-#include "protocol/ByteQueue.h"
+#include <obr/api.h>
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string_view>
 
-/// The few CBOR items (RFC 8949) heads are made of, written and read in place: a head is on the path of every message,
-/// where the general serializer with its virtual calls and token list would cost more than all the rest.
-namespace kesa::commadapter::protocol::cbor {
+/// The items of CBOR (RFC 8949), written and read in place: they are on the path of every message. `Out` is what has
+/// `unsigned char* extend(std::size_t)`, which answers where so many new bytes at its end begin.
+namespace util::cbor {
 
 enum class Major : std::uint8_t { eUNSIGNED, eNEGATIVE, eBYTES, eTEXT, eARRAY, eMAP, eTAG, eSIMPLE };
 
@@ -19,26 +20,32 @@ inline constexpr unsigned char BREAK = 0xFF;
 inline constexpr unsigned char FALSE_ITEM = 0xF4;
 inline constexpr unsigned char TRUE_ITEM = 0xF5;
 inline constexpr unsigned char NULL_ITEM = 0xF6;
-inline constexpr unsigned MAX_DEPTH = 32; ///< of a head, itself included
-
-inline void putByte(ByteQueue& out, unsigned char byte)
+inline constexpr unsigned char DOUBLE_ITEM = 0xFB;
+template <class Out>
+void putByte(Out& out, unsigned char byte)
 {
     *out.extend(1) = byte;
 }
 
-void putLongItem(ByteQueue& out, Major major, std::uint64_t argument);
-
 /// The first byte of an item with its argument, in the shortest form.
-inline void putItem(ByteQueue& out, Major major, std::uint64_t argument)
+template <class Out>
+void putItem(Out& out, Major major, std::uint64_t argument)
 {
+    const auto first = static_cast<unsigned char>(static_cast<unsigned>(major) << 5U);
     if (argument < 24) {
-        putByte(out, static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | argument));
-    } else {
-        putLongItem(out, major, argument);
+        return putByte(out, static_cast<unsigned char>(first | argument));
+    }
+    const unsigned log = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
+    const unsigned bytes = 1U << log;
+    unsigned char* const at = out.extend(1 + bytes);
+    at[0] = static_cast<unsigned char>(first | (24 + log));
+    for (unsigned i = 0; i < bytes; ++i) {
+        at[1 + i] = static_cast<unsigned char>(argument >> (8 * (bytes - 1 - i)));
     }
 }
 
-inline void putInteger(ByteQueue& out, std::int64_t value)
+template <class Out>
+void putInteger(Out& out, std::int64_t value)
 {
     if (value >= 0) {
         putItem(out, Major::eUNSIGNED, static_cast<std::uint64_t>(value));
@@ -47,22 +54,38 @@ inline void putInteger(ByteQueue& out, std::int64_t value)
     }
 }
 
-inline void putText(ByteQueue& out, std::string_view text)
+/// Of 64 bits, whatever the value.
+template <class Out>
+void putReal(Out& out, double value)
+{
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    unsigned char* const at = out.extend(1 + sizeof bits);
+    at[0] = DOUBLE_ITEM;
+    for (unsigned i = 0; i < sizeof bits; ++i) {
+        at[1 + i] = static_cast<unsigned char>(bits >> (56 - 8 * i));
+    }
+}
+
+template <class Out>
+void putText(Out& out, std::string_view text)
 {
     putItem(out, Major::eTEXT, text.size());
-    out.append(text.data(), text.size());
+    if (!text.empty()) {
+        std::memcpy(out.extend(text.size()), text.data(), text.size());
+    }
 }
 
 /// Reads items from the front of some bytes. Operations answer `true` on failure, after which only `why` is of use.
-/// Strict where it costs nothing to be: strings have a definite length, text is UTF-8, keys of inner maps are text.
-/// Tags are passed over.
-class Reader {
+/// Tags are passed over; of the simple values there are false, true, null and the numbers with a fraction.
+class KESA_API Reader {
 public:
     Reader(const unsigned char* data, std::size_t size) noexcept : m_at(data), m_end(data + size) {}
 
     struct Item {
         Major major = Major::eSIMPLE;
-        bool isIndefinite = false;
+        unsigned char info = 0;    ///< the rest of its first byte: which simple value, how wide a number
+        bool isIndefinite = false; ///< an array, map or string that goes on until `atBreak`
         std::uint64_t argument = 0;
     };
     /// The first part of the next item.
@@ -70,15 +93,18 @@ public:
     {
         // Nearly all items of a head are of one byte.
         if (m_at != m_end && (*m_at & 31U) < 24 && *m_at < TAGS) {
-            item = {static_cast<Major>(*m_at >> 5U), false, *m_at & 31U};
+            const auto info = static_cast<unsigned char>(*m_at & 31U);
+            item = {static_cast<Major>(*m_at >> 5U), info, false, info};
             ++m_at;
             return false;
         }
         return longItem(item);
     }
-    /// The characters or bytes of a string item.
+    /// A number with a fraction, of any width, which `item` is.
+    static double real(const Item& item) noexcept;
+    /// The characters or bytes of a string item, which has a definite length; text is UTF-8.
     [[nodiscard]] bool string(const Item& item, std::string_view& content) noexcept;
-    /// The next item as a whole, whatever it is. `depth` is that of the container it stands in.
+    /// The next item as a whole, whatever it is, of which keys are text. It nests at most `depth` deep.
     [[nodiscard]] bool skip(unsigned depth) noexcept;
     /// Whether the end of an indefinite container comes next; then it is consumed.
     bool atBreak() noexcept
@@ -103,7 +129,7 @@ private:
     static constexpr unsigned char TAGS = 0xC0; ///< the first of the bytes that begin tags and simple values
 
     [[nodiscard]] bool longItem(Item& item) noexcept;
-    [[nodiscard]] bool argument(unsigned info, Item& item) noexcept;
+    [[nodiscard]] bool readArgument(Item& item) noexcept;
     [[nodiscard]] bool skipContent(const Item& item, unsigned depth) noexcept;
 
     const unsigned char* m_at;
@@ -111,6 +137,6 @@ private:
     const char* m_why = "";
 };
 
-} // namespace kesa::commadapter::protocol::cbor
+} // namespace util::cbor
 
 #endif
