@@ -81,7 +81,9 @@ class Connection:
         except OverflowError as error:
             setting = '"comm", "max_message_bytes"'
             is_theirs = self.limit < self._own.limit
-            way = f"raise {setting} of {self.peer.process!r}, or" if is_theirs else f"{setting} of this process is fixed, so"
+            # Named, since the text of a server goes to its client.
+            own = f"{setting} of {self._own.process!r}, which sends it, is fixed, so"
+            way = f"raise {setting} of {self.peer.process!r}, or" if is_theirs else own
             raise OverflowError(f"{error}; {way} send it in parts") from None
         self._wire.write(data)
 

@@ -11,6 +11,8 @@ _PATH_BYTES = _NAME_BYTES | frozenset(b"/~!$&'()*+,;=:@")
 _LOCATOR = re.compile(r"ipc://([^/+?#]+)(?:\+([0-9a-f]{16}))?(/[^?#]*)?", re.IGNORECASE)
 LONGEST_PATH = 4096
 _CONTROL = re.compile("[\x00-\x1f\x7f-\x9f]")
+_SURROGATE = re.compile("[\ud800-\udfff]")
+_NO_SURROGATES = "it must be UTF-8; a surrogate, as here, comes of bytes that are none"
 
 
 def _escape(text: str, plain: frozenset[int]) -> str:
@@ -19,6 +21,8 @@ def _escape(text: str, plain: frozenset[int]) -> str:
 
 def encode_process(name: str) -> str:
     """The name of a process as it stands in locators and file names. ValueError if it cannot be one."""
+    if _SURROGATE.search(name):
+        raise ValueError(f"process name {name!r}: {_NO_SURROGATES}")
     if not 1 <= len(name.encode()) <= 64:
         raise ValueError(f"process name {name!r}: it must have 1 to 64 bytes")
     encoded = _escape(name, _NAME_BYTES)
@@ -46,7 +50,7 @@ def parse_locator(text: str) -> Locator | None:
     try:
         process = unquote_to_bytes(match[1]).decode()
         path = unquote_to_bytes(match[3] or "").decode()
-    except UnicodeDecodeError:
+    except UnicodeError:
         return None
     return Locator(process, match[2] or "", path) if 1 <= len(process.encode()) <= 64 else None
 
@@ -62,7 +66,9 @@ def check_path(path: str) -> str:
         problem = "it must not have an empty, '.' or '..' segment, nor end with '/'"
     elif _CONTROL.search(path):
         problem = "it must not have control characters"
-    elif len(path.encode(errors="replace")) > LONGEST_PATH:
+    elif _SURROGATE.search(path):
+        problem = _NO_SURROGATES
+    elif len(path.encode()) > LONGEST_PATH:
         problem = f"it must not be longer than {LONGEST_PATH} bytes"
     if problem:
         raise ValueError(f"path {path!r} cannot be a service's: {problem}")

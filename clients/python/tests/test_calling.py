@@ -27,7 +27,9 @@ class CallingCpp(SystemTest):
             self.assertEqual((error.status, error.reason), (404, "no resource at '/no/such'"))
         with self.assertRaisesRegex(kesa.ServiceNotThere, "no process provides /nobody"):
             self.system.call("/nobody")
-        self.assertEqual(self.failure(lambda: self.system.call("/system/cpu", body=bytes(17_000_000))).status, 413)
+        error = self.failure(lambda: self.system.call("/system/cpu", body=bytes(17_000_000)))
+        self.assertEqual(error.status, 413)
+        self.assertIn(f"of 'python-{os.getpid()}', which sends it", error.reason)
 
     def test_follow_until_cancelled_and_again(self) -> None:
         for _ in range(2):
@@ -79,7 +81,7 @@ class CallingPython(SystemTest):
         self.assertEqual(self.system.call("/counter", "/echo", body=large), large)
         error = self.failure(lambda: self.system.call("/counter", "/large", body=17_000_000))
         self.assertEqual(error.status, 413)
-        self.assertRegex(error.reason, "170000.*16777216.*max_message_bytes.*in parts")
+        self.assertRegex(error.reason, "170000.*16777216.*max_message_bytes.*of 'counter', which sends.*in parts")
 
     def test_what_cannot_be_sent_or_reached_cuts_nothing(self) -> None:
         values = self.system.follow("/counter", "/slow-count")

@@ -191,9 +191,12 @@ class Providing(SystemTest):
         self.assertEqual(taken.exception.pid, os.getpid())
         with self.assertRaisesRegex(kesa.KesaError, r'connect\("my-name"\)'):
             self.connect().provide("/py", lambda request: None)
-        for path in ("", "py", "/", "/py/", "/a//b", "/a/../b", "/a\n"):
-            with self.assertRaises(ValueError):
+        for path in ("", "py", "/", "/py/", "/a//b", "/a/../b", "/a\n", "/\udcff"):
+            with self.assertRaisesRegex(ValueError, "cannot be a service's: it must"):
                 system.provide(path, lambda request: None)
+        for work in (lambda: self.connect("\udcff"), lambda: system.call("/\udcff")):
+            with self.assertRaisesRegex(ValueError, r"\\udcff.*must be UTF-8"):
+                work()
         for wrong in ({"handler": None}, {"handler": print, "versions": "1.0.0"}):
             with self.assertRaises(TypeError):
                 system.provide("/py", **wrong)
