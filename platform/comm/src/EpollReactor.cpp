@@ -453,9 +453,10 @@ void EpollReactor::traceHeld(TimeNs held)
 {
     if (const auto end = m_heldTraces.pass(readClock(CLOCK_MONOTONIC_COARSE))) {
         KESA_TRACE_TEXT(channel(), 3,
-                        fmt::format("[reactor] a callback held the loop '{}' for {} ms, in which nothing was sent or "
-                                    "received{}",
-                                    m_thread.loopName(), held / MILLISECOND, *end));
+                        fmt::format("[reactor] a callback held the loop '{}' for {} ms, in which {}{}",
+                                    m_thread.loopName(), held / MILLISECOND,
+                                    m_watches.empty() ? "nothing else ran on it" : "nothing was sent or received",
+                                    *end));
     }
 }
 

@@ -11,7 +11,20 @@ namespace {
 
 using comm::LoopHold;
 
-TEST(LoopHold, NamesTheInnermostCallUnderWay)
+/// Where a filter keeps threads from passing barriers, as in some containers, nobody is named, and every call counts.
+class LoopHoldTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        const LoopHold idle("executor", [] { return 0; });
+        if (idle.isCalling({})) {
+            EXPECT_EQ(idle.holder(), "a handler");
+            GTEST_SKIP() << "the kernel refuses membarrier(2)";
+        }
+    }
+};
+
+TEST_F(LoopHoldTest, NamesTheInnermostCallUnderWay)
 {
     LoopHold hold("executor", [] { return 7; });
     EXPECT_EQ(hold.holder(), "a handler");
@@ -30,7 +43,7 @@ TEST(LoopHold, NamesTheInnermostCallUnderWay)
     EXPECT_EQ(hold.heldFor(), 0) << "it is held by nobody";
 }
 
-TEST(LoopHold, TellsOfTheNextCallOnce)
+TEST_F(LoopHoldTest, TellsOfTheNextCallOnce)
 {
     LoopHold hold("executor", [] { return 0; });
     int calls = 0;
@@ -44,7 +57,7 @@ TEST(LoopHold, TellsOfTheNextCallOnce)
     }
 }
 
-TEST(LoopHold, IsReadWhileCallsBeginAndEnd)
+TEST_F(LoopHoldTest, IsReadWhileCallsBeginAndEnd)
 {
     LoopHold hold("executor", [] { return 0; });
     std::atomic<bool> isOver{false};

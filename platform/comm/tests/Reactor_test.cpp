@@ -179,24 +179,33 @@ TEST_F(ReactorTest, MisuseIsAFailedAssertion)
 TEST_F(ReactorTest, NamesTheLapAndTheCallbackThatTookLong)
 {
     const tracing::TraceCapture traces("KESA_COMM");
-    const auto workUntilLate = [&] {
-        EXPECT_EQ(loop->lap(), 0);
+    const auto workUntilLate = [](Reactor& late) {
+        EXPECT_EQ(late.lap(), 0);
         TimeNs held = 0;
         while (held == 0) {
             workLong();
-            held = loop->lap();
+            held = late.lap();
         }
         EXPECT_GT(held, 50 * MILLISECOND);
-        EXPECT_EQ(loop->lap(), 0);
+        EXPECT_EQ(late.lap(), 0);
     };
-    runOn(*loop, workUntilLate);
+    runOn(*loop, [&] { workUntilLate(*loop); });
     runOn(*loop, [] {});
     EXPECT_THAT(traces.take(), IsEmpty()) << "it was told by the lap";
-    runOn(*loop, [&] {
-        workUntilLate();
-        workLong();
-        EXPECT_GT(loop->heldFor(), 50 * MILLISECOND);
-    });
-    runOn(*loop, [] {});
-    EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("a callback held the loop 'test.m_io' for")));
+    const Pair pair;
+    const auto watching = Scheduler::current().makeReactor("test.m_watching");
+    runOn(*watching, [&] { watching->watch(pair.ends[0], Reactor::eREADABLE, [](unsigned) {}); });
+    for (Reactor* const late : {loop.get(), watching.get()}) {
+        runOn(*late, [&] {
+            workUntilLate(*late);
+            workLong();
+            EXPECT_GT(late->heldFor(), 50 * MILLISECOND);
+        });
+        runOn(*late, [] {});
+    }
+    watching->stop();
+    EXPECT_THAT(traces.take(),
+                ElementsAre(AllOf(HasSubstr("a callback held the loop 'test.m_io' for"),
+                                  HasSubstr(" ms, in which nothing else ran on it")),
+                            AllOf(HasSubstr("'test.m_watching'"), HasSubstr("nothing was sent or received"))));
 }
