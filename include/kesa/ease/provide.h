@@ -56,7 +56,7 @@ private:
 };
 
 /// Registers `service` at `path` with the runtime of this process, as a `pex`. "versions" in `metainfo` are those of
-/// its interface.
+/// its interface: a text or a list of texts, anything else counts as none, which is traced (3).
 ///
 /// `onRefused` hears why it is not provided, also long after `provide`, when the registry refuses it: 409, the path is
 /// another's; 400, it is no path, or `service` is null. On the updater, once; it must not block. Without one it is

@@ -23,21 +23,48 @@ const std::string& versionsKey()
     return key;
 }
 
-/// The string, or the strings, under "versions"; none when it is anything else.
-std::vector<std::string> versionsOf(const GenericObject& metainfo)
+/// The string, or the strings, under "versions"; none when it is anything else, which is traced.
+std::vector<std::string> versionsOf(const std::string& path, const GenericObject& metainfo)
 {
     const util::config::Value& value = metainfo[versionsKey()];
     if (value.isString()) {
         return {std::string(value.stringView())};
     }
     std::vector<std::string> versions;
+    bool isWrong = value.isDefined() && !value.isArray();
     for (const util::config::Value& element : value.items()) {
-        if (!element.isString()) {
-            return {};
-        }
+        isWrong = isWrong || !element.isString();
         versions.emplace_back(element.stringView());
     }
+    if (isWrong) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                        fmt::format("[registerService] '{}' is registered without versions: \"{}\" in its metainfo is "
+                                    "{}; write a text, as \"1.0.0\", or a list of texts",
+                                    path, versionsKey(), value.toText()));
+        versions.clear();
+    }
     return versions;
+}
+
+/// As it stands in documents: it holds in every run directory.
+std::string withoutRealm(const url& locator)
+{
+    std::string text = locator.toString();
+    const std::size_t realm = text.find('+');
+    const std::size_t path = text.find('/', text.find("://") + 3);
+    if (realm < path) {
+        text.erase(realm, path - realm);
+    }
+    return text;
+}
+
+std::string howToFindWithoutRegistry(const ServiceDef& service, const std::string& source)
+{
+    return fmt::format(
+        "[registerService] no other process finds '{0}' by its path, since {1} has no \"use_registry\": true: add "
+        R"({{"path": "{0}", "type": "{2}", "locators": ["{3}"]}} to "services" in the documents of those who use it)",
+        service.path.toString(), source, ServiceDef::enumToValue(service.type).value_or(""),
+        service.locators.empty() ? "" : withoutRealm(service.locators.front()));
 }
 
 /// Of a record of another process.
@@ -58,7 +85,7 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
                                             ServiceDef::TypeEnum type, const GenericObject& metainfo,
                                             std::unique_ptr<RegistrationHandler>&& handler)
 {
-    return registerService(path, std::move(api), type, versionsOf(metainfo), metainfo, std::move(handler));
+    return registerService(path, std::move(api), type, versionsOf(path, metainfo), metainfo, std::move(handler));
 }
 
 Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared_ptr<IKesaApi> api,
@@ -193,6 +220,9 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
                "[registerService RemoteRegistryHandler] remote registry not available and service='%s' is not "
                "statically configured",
                path.c_str());
+    if (!isRuntimeInRegistry) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3, howToFindWithoutRegistry(*entry.optionalServiceDef, m_config.source()));
+    }
     eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
 }
 

@@ -64,8 +64,23 @@ TEST_F(RegistrationTest, theRecordSaysWhoProvidesWhatAndHow)
     auto external = registered("/a", {{"$external_lomo", true}, {"versions", toGeneric({"1.0.0", "2.0.0"})}});
     EXPECT_THAT(record.versions, ElementsAre("1.0.0", "2.0.0"));
     EXPECT_THAT(*record.serializationFormats, ElementsAre("application/json"));
-    auto none = registered("/b", {{"versions", util::config::Value::Array{"1.0.0", 2}}});
-    EXPECT_THAT(record.versions, IsEmpty());
+    for (const util::config::Value& wrong :
+         {util::config::Value(5), util::config::Value(util::config::Value::Array{"1.0.0", 2})}) {
+        Disposable none;
+        EXPECT_THAT(
+            traced(3,
+                   [&] {
+                       none = registered("/b", {{"versions", wrong}});
+                   }),
+            ElementsAre(
+                "3 [registerService] '/b' is registered without versions: \"versions\" in its metainfo is " +
+                    wrong.toText() + "; write a text, as \"1.0.0\", or a list of texts",
+                HasSubstr("remote registry not available and service='/b' is not statically configured"),
+                AllOf(HasSubstr("no other process finds '/b' by its path"),
+                      HasSubstr(R"(add {"path": "/b", "type": "lomo", "locators": ["fake://me/b"]} to "services")"))));
+        EXPECT_THAT(record.versions, IsEmpty());
+        none.dispose();
+    }
 }
 
 TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
