@@ -184,7 +184,7 @@ public:
             }
             return {};
         }
-        const auto follow = std::make_shared<Follow>(std::move(request), m_following.open(std::move(taken)));
+        const auto follow = std::make_shared<Follow>(m_path, std::move(request), m_following.open(std::move(taken)));
         addFollow(follow);
         const Api api = m_isConnected ? m_api : nullptr;
         const unsigned change = m_changes;

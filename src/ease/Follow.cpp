@@ -1,7 +1,8 @@
 // A stream that ends with 503 is asked for again, whatever has ended it. The 503 of a lost connection comes before the
 // news of the loss, so it cannot be told from one of a service that is still connected: "too slow", or its own. Asking
 // again can: without a connection it fails, and the next connection asks anyway. A pause keeps a service that ends each
-// stream from being asked as fast as it can answer.
+// stream from being asked as fast as it can answer. After it is known whether the connection is lost, so that a stream
+// has ended is traced then: each that has brought values, and the first of those in a row that have not.
 //
 // A client object tells such an error on its I/O loop, whose timer is the pause's. Off a loop it comes of the runtime's
 // end or of a client object that has been let go: nobody is left to be asked.
@@ -9,8 +10,12 @@
 
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
+#include <fmt/format.h>
+#include <kesa/reasonOf.h>
+#include <tracing/Channel.h>
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace kesa {
@@ -35,8 +40,8 @@ private:
     const unsigned m_number;
 };
 
-Follow::Follow(Request request, std::shared_ptr<OpenRequest> client)
-    : m_request(std::move(request)), m_client(std::move(client))
+Follow::Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client)
+    : m_service(std::move(service)), m_request(std::move(request)), m_client(std::move(client))
 {}
 
 bool Follow::isOver() const
@@ -141,15 +146,16 @@ bool Follow::endsWith(unsigned number)
 void Follow::onError(unsigned number, const Response& error)
 {
     if (error.getStatus() == 503) {
-        askLater(number);
+        askLater(number, error);
     } else if (endsWith(number)) {
         m_client->onError(error);
     }
 }
 
-void Follow::askLater(unsigned number)
+void Follow::askLater(unsigned number, const Response& error)
 {
     comm::TimeNs due = comm::now();
+    std::string why; // empty: it has been said
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_number != number) {
@@ -160,17 +166,18 @@ void Follow::askLater(unsigned number)
         m_asked.handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
         number = ++m_number;
         due += m_pause;
+        why = m_hasValue || m_pause == FIRST_PAUSE ? reasonOf(error) : "";
     }
     if (const comm::LoopInfo* const loop = comm::currentLoop(); loop != nullptr && loop->isReactor()) {
-        loop->reactor->startTimer(due, [weak = weak_from_this(), number] {
+        loop->reactor->startTimer(due, [weak = weak_from_this(), number, why = std::move(why)] {
             if (const auto follow = weak.lock()) {
-                follow->askAgain(number);
+                follow->askAgain(number, why);
             }
         });
     }
 }
 
-void Follow::askAgain(unsigned number)
+void Follow::askAgain(unsigned number, const std::string& why)
 {
     std::shared_ptr<IKesaApi> api;
     {
@@ -182,6 +189,20 @@ void Follow::askAgain(unsigned number)
         number = begin();
     }
     ask(api, number);
+    std::optional<std::string> end;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_number == number && !why.empty()) { // else it has failed at once: the connection is lost
+            end = m_traces.pass(comm::now());
+        }
+    }
+    if (end) {
+        static const ::tracing::Channel channel("KESA_EASE");
+        KESA_TRACE_TEXT(channel, 3,
+                        fmt::format("[follow] '{}': the stream of '{} {}' has ended and is asked for again, so values "
+                                    "may be missing: {}{}",
+                                    m_service, m_request.getCommand(), m_request.getPath(), why, *end));
+    }
 }
 
 void Follow::onCompleted(unsigned number)

@@ -2,11 +2,13 @@
 #define KESA_EASE_FOLLOW_H
 
 #include <comm/Clock.h>
+#include <comm/OncePerSecond.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/OpenRequest.h>
 
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace kesa {
 
@@ -27,7 +29,8 @@ struct Asked {
 /// connected. Any thread; nothing is called with the lock held, so what only takes that waits for no handler.
 class Follow : public std::enable_shared_from_this<Follow> {
 public:
-    Follow(Request request, std::shared_ptr<OpenRequest> client);
+    /// `service` is its path, for traces.
+    Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client);
 
     /// It needs nothing any more, though its last handler may still be running. Waits for no handler.
     bool isOver() const;
@@ -46,14 +49,15 @@ private:
     class Handler;
     unsigned begin();
     void ask(const std::shared_ptr<IKesaApi>& api, unsigned number);
-    void askAgain(unsigned number);
-    void askLater(unsigned number);
+    void askLater(unsigned number, const Response& error);
+    void askAgain(unsigned number, const std::string& why);
     Asked finish();
     bool endsWith(unsigned number);
     bool onNext(unsigned number, const Response& response);
     void onError(unsigned number, const Response& error);
     void onCompleted(unsigned number);
 
+    const std::string m_service;
     const Request m_request;
     const std::shared_ptr<OpenRequest> m_client;
 
@@ -64,6 +68,7 @@ private:
     comm::TimeNs m_since = 0;   ///< when the stream was asked for
     bool m_hasValue = false;    ///< it has brought one
     comm::TimeNs m_pause = 0;   ///< the last one on this connection
+    comm::OncePerSecond m_traces;
     bool m_isOver = false;
 };
 

@@ -191,8 +191,8 @@ bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std
     return machine().queuedBytes() > bound + machine().persistentBytes() && machine().queuedBytes(number) > 0;
 }
 
-/// Tells both sides whose it was, how much waits, and what may. One line until the client has kept up again: who has
-/// many streams loses many.
+/// Tells both sides whose it was, how much waits, and what may. One line in a second: who has many streams loses many,
+/// and who follows one loses it again and again.
 Response ServerConnection::tooSlow(const Stream& stream, std::size_t size)
 {
     const CommSettings& settings = loop().settings();
@@ -207,8 +207,10 @@ Response ServerConnection::tooSlow(const Stream& stream, std::size_t size)
         isOwnBound ? fmt::format("the provider's \"comm\", \"send_queue_bytes\" of {}", settings.sendQueueBytes)
                    : fmt::format("the {} that the provider keeps for all", settings.processQueueBytes));
     ++m_cuts;
-    const int severity = std::exchange(m_isCutTraced, true) ? 2 : 3;
-    KESA_TRACE(CHANNEL, severity, "[answer] '%s': a stream is cut: %s", stream.service->path.c_str(), why.c_str());
+    if (const auto end = m_cutTraces.pass(comm::now())) {
+        KESA_TRACE(CHANNEL, 3, "[answer] '%s': a stream is cut: %s%s", stream.service->path.c_str(), why.c_str(),
+                   end->c_str());
+    }
     Response error = Response::createErrorResponse(503, "too slow");
     headers::appendReason(error, why);
     return error;
@@ -289,7 +291,6 @@ void ServerConnection::setPolicy(std::uint32_t number, std::uint64_t serial, Que
 
 void ServerConnection::onQueueEmpty()
 {
-    m_isCutTraced = false;
     while (!m_latest.empty()) {
         const std::uint32_t number = m_latest.front().stream;
         queueLatest(number, *m_streams.find(number));

@@ -5,6 +5,7 @@
 #include "backend/ServiceTable.h"
 #include "backend/StreamTable.h"
 
+#include <comm/OncePerSecond.h>
 #include <kesa/IStreamControl.h>
 #include <kesa/RequestContext.h>
 
@@ -123,8 +124,8 @@ private:
     std::list<Latest> m_latest;                  ///< in order of arrival; one for each stream at most
     std::deque<std::function<void()>> m_drained; ///< what waits for the queue to be empty
     bool m_isDrainedPosted = false;
-    bool m_isCutTraced = false; ///< since the queue was empty
-    std::size_t m_cuts = 0;     ///< streams whose client was too slow
+    std::size_t m_cuts = 0; ///< streams whose client was too slow
+    comm::OncePerSecond m_cutTraces;
     std::string m_endReason;
 
     // Loop only.

@@ -95,6 +95,21 @@ TEST_F(BackendQueues, CutStreamEndsAloneAndItsQueuedValuesAreDropped)
     EXPECT_LT(slow->values.size(), static_cast<std::size_t>(accepted));
     EXPECT_THAT(other->values, ElementsAre("fine"));
     EXPECT_TRUE(client->checker.isConnected());
+
+    const auto traceOfAnother = [&] {
+        const auto another = client->request(persistent());
+        settle();
+        scheduler->pauseGroup(2);
+        flood(*service.handlers().back(), 1000);
+        settle();
+        scheduler->continueGroup(2);
+        settle();
+        EXPECT_EQ(another->status, 503);
+        return traces->take();
+    };
+    EXPECT_THAT(traceOfAnother(), IsEmpty());
+    scheduler->runFor(comm::SECOND);
+    EXPECT_THAT(traceOfAnother(), ElementsAre(AllOf(HasSubstr("is cut: "), HasSubstr("; and 1 more since "))));
 }
 
 TEST_F(BackendQueues, KeepLatestSkipsValuesButNotTheLastOne)

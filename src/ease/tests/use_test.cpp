@@ -23,6 +23,7 @@ using namespace kesa;
 using namespace std::chrono_literals;
 using namespace kesa::test;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 
 class Use : public testing::Test {
@@ -239,6 +240,7 @@ TEST_F(UseOnALoop, AsksTheRegistryWhetherNobodyIsThereBeforeItSaysSo)
 
 TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
 {
+    const ::tracing::TraceCapture traces("KESA_EASE");
     auto following = client->follow(Request("retrieve", "/feed"), listener());
     for (const int values : {0, 1, 2, 9, 1, 0, 1, 1, 1}) {
         endsAfter(values);
@@ -249,9 +251,17 @@ TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
     scheduler.runFor(2 * comm::SECOND); // it lasts, but without a value
     endsAfter(0);
     EXPECT_EQ(pause(), 1000);
-    scheduler.runFor(2 * comm::SECOND);
-    endsAfter(1);
-    EXPECT_EQ(pause(), 10);
+    const std::string line = "[follow] '/p': the stream of 'retrieve /feed' has ended and is asked for again, so "
+                             "values may be missing: 503";
+    EXPECT_THAT(traces.take(),
+                ElementsAre(HasSubstr(line), HasSubstr("; and 4 more since "), HasSubstr(line), HasSubstr(line)))
+        << "those that have brought values, and the first";
+    for (int i = 0; i < 3; ++i) {
+        scheduler.runFor(i == 0 ? 2 * comm::SECOND : 600 * comm::MILLISECOND);
+        endsAfter(1);
+        EXPECT_EQ(pause(), 10);
+    }
+    EXPECT_THAT(traces.take(), ElementsAre(HasSubstr(line), HasSubstr("; and 1 more since the last such line")));
 
     endsAfter(0);
     runtime.lost();
