@@ -16,6 +16,7 @@
 #include "waiting.h"
 
 #include <comm/Condition.h>
+#include <comm/ICallWatch.h>
 #include <fmt/format.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/ease/handler.h>
@@ -153,7 +154,7 @@ public:
 
     void onChange(util::UniqueFunction<void(bool)> handler)
     {
-        const auto kept = std::make_shared<util::UniqueFunction<void(bool)>>(std::move(handler));
+        const auto kept = std::make_shared<Handler>(std::move(handler));
         const std::lock_guard<std::recursive_mutex> lock(m_news);
         if (m_hasEnded) {
             static const ::tracing::Channel channel("KESA_EASE");
@@ -163,7 +164,7 @@ public:
         }
         m_handlers.push_back(kept);
         if (isConnected()) {
-            (*kept)(true);
+            call(*kept, true);
         }
     }
 
@@ -248,7 +249,8 @@ private:
     static constexpr const char* WAIT = "; wait with whenConnected, or use kesa::connect";
     static constexpr const char* RUNTIME_ENDED = "the runtime has ended, and with it this client; end the runtime last";
 
-    using Handlers = std::vector<std::shared_ptr<util::UniqueFunction<void(bool)>>>;
+    using Handler = util::UniqueFunction<void(bool)>;
+    using Handlers = std::vector<std::shared_ptr<Handler>>;
     using Follows = std::vector<std::shared_ptr<Follow>>;
 
     /// Of the connection, and who is to be told.
@@ -429,7 +431,17 @@ private:
             if (m_hasEnded) {
                 return;
             }
-            (*handler)(isConnected);
+            call(*handler, isConnected);
+        }
+    }
+
+    /// The loop names it, not the handler of ours that it called.
+    void call(Handler& handler, bool isConnected)
+    {
+        if (comm::ICallWatch* const watch = comm::ICallWatch::current()) {
+            watch->tellInside("onChange", m_path, [&] { handler(isConnected); });
+        } else {
+            handler(isConnected);
         }
     }
 

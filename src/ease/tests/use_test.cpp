@@ -3,6 +3,7 @@
 
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
+#include <comm/ICallWatch.h>
 #include <comm/Reactor.h>
 #include <comm/SimulatedScheduler.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -179,7 +180,18 @@ TEST_F(Use, LetsWhatAHandlerThrowsReachTheLoopWhichNamesIt)
     client->request(Request("retrieve", "/"), handler<Response>([](const Response&) {}, fail));
     EXPECT_THROW(service->end(404), int);
     client->onChange([](bool isConnected) { isConnected ? void() : throw 7; });
+
+    struct Loop final : comm::ICallWatch {
+        void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override
+        {
+            name = operation + (" " + subject);
+            call();
+        }
+        std::string name;
+    } loop;
+    const comm::ICallWatch::Scope scope(&loop);
     EXPECT_THROW(runtime.added("ipc://other/p"), int);
+    EXPECT_EQ(loop.name, "onChange /p");
 }
 
 class SimulatedTime {

@@ -2,9 +2,11 @@
 #define KESA_RUNTIME_V02_LOOPWATCH_H
 
 #include <comm/ActiveObject.h>
+#include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
 #include <comm/OncePerSecond.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <type_traits>
@@ -14,7 +16,7 @@ namespace kesa::runtime::v02 {
 
 /// Says which handler has kept a loop of the runtime from others for long, is keeping it, or ends the process by an
 /// exception. It has to outlive the loop's last event.
-class LoopWatch {
+class LoopWatch final : public comm::ICallWatch {
 public:
     /// `name` is that of the loop in the trace. Before the loop's first event.
     LoopWatch(const std::shared_ptr<comm::ActiveObject>& loop, std::string name);
@@ -29,6 +31,7 @@ public:
         try {
             const auto describe = [operation, &subject] { return shortNameOf(operation, subject); };
             const comm::LoopHold::Call<std::remove_const_t<decltype(describe)>> underWay(*m_hold, describe);
+            const Scope scope(this);
             std::forward<Call>(call)();
         } catch (...) {
             endThrown(operation, subject);
@@ -36,6 +39,11 @@ public:
         if (const comm::TimeNs held = m_loop.lap(); held != 0) {
             traceHeld(nameOf(operation, subject), held);
         }
+    }
+
+    void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override
+    {
+        tell(operation, subject, call);
     }
 
     /// What holds the loop, for other threads; may be kept longer. Never null.

@@ -240,6 +240,16 @@ TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)
                          " for '/a', so it hears of nothing: leave ");
     };
     EXPECT_THAT(reasons, ElementsAre(held("executor", "registerService"), held("updater", "trackService")));
+    reasons.clear();
+    const auto holdInside = [&] {
+        if (comm::ICallWatch* const watch = comm::ICallWatch::current()) { // none for the handler's destructor
+            watch->tellInside("onChange", "/a", hold);
+        }
+    };
+    EXPECT_THAT(registering("/c", holdInside),
+                ElementsAre("3 [loop] the handler of onChange, told of '/a', took 60 ms on the executor" + rest));
+    EXPECT_THAT(reasons, ElementsAre(held("executor", "onChange")));
+    EXPECT_EQ(comm::ICallWatch::current(), nullptr);
     EXPECT_THAT(registering("/b", {}),
                 ElementsAre(HasSubstr("the handler of trackServices, told of '/b', took 60 ms")));
     EXPECT_THAT(
