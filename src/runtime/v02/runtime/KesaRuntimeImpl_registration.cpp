@@ -160,7 +160,7 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
         refuse(
             path, std::move(registration.handler),
             "this process has registered it; end that registration before: dispose it, or reset() what kesa::provide "
-            "has returned");
+            "has returned, since assigning to that ends it only afterwards, and then the path has no service");
         return true;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,

@@ -92,7 +92,8 @@ TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
     auto second = registerService("/a", "second");
     EXPECT_THAT(
         happened(),
-        ElementsAre(HasSubstr("second: error 409: this process has registered it; end that registration before"),
+        ElementsAre(AllOf(HasSubstr("second: error 409: this process has registered it; end that registration before"),
+                          HasSubstr("assigning to that ends it only afterwards")),
                     "second: gone"));
 
     m_network->refusedPaths = {"/c"};
