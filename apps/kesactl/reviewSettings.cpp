@@ -5,7 +5,7 @@
 #include <kesa/Path.h>
 #include <kesa/commadapter/checkCommSettings.h>
 #include <transport/IpcTransport.h>
-#include <transport/NameClaim.h>
+#include <transport/usersAndGroups.h>
 
 #include <fmt/format.h>
 

@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -35,8 +36,12 @@
 namespace kesa::commadapter::transport::test {
 namespace {
 
+using testing::AllOf;
 using testing::EndsWith;
+using testing::Ge;
 using testing::HasSubstr;
+using testing::Le;
+using testing::Not;
 
 namespace fs = std::filesystem;
 
@@ -547,6 +552,30 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplained)
     Node unnamed(board, directory);
     EXPECT_TRUE(unnamed.listen(std::string(65, 'a')));
     EXPECT_EQ(unnamed.why, complaintAboutProcessName(std::string(65, 'a')));
+}
+
+TEST_F(TransportIpc, WithoutDescriptorsTheLimitIsNamedAndTheNextClaimGoesOn)
+{
+    Node node(board, directory);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int lowestFree = ::dup(STDIN_FILENO);
+    ASSERT_EQ(::close(lowestFree), 0);
+    std::size_t refusals = 0;
+    for (rlimit limit = before; refusals < 20; ++refusals) {
+        limit.rlim_cur = static_cast<rlim_t>(lowestFree) + refusals;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        const bool isRefused = node.listen("media");
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        if (!isRefused) {
+            break;
+        }
+        EXPECT_THAT(node.why, HasSubstr("Too many open files; this process has used up its descriptors: let it have "
+                                        "more than " +
+                                        std::to_string(limit.rlim_cur) + " (ulimit -n"));
+        EXPECT_THAT(node.why, Not(HasSubstr("run_dir")));
+    }
+    EXPECT_THAT(refusals, AllOf(Ge(3U), Le(6U))) << "directory, realm or lock, socket, a look at it";
 }
 
 TEST_F(TransportIpc, ToolsAskWhoHasAName)

@@ -4,9 +4,10 @@
 
 #include "transport/Authority.h"
 #include "transport/NameLock.h"
+#include "transport/explainError.h"
+#include "transport/usersAndGroups.h"
 
 #include <fcntl.h>
-#include <grp.h>
 #include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -15,12 +16,8 @@
 
 #include <fmt/format.h>
 
-#include <array>
-#include <charconv>
-#include <optional>
+#include <cerrno>
 #include <string>
-#include <system_error>
-#include <vector>
 
 namespace kesa::commadapter::transport {
 
@@ -30,38 +27,6 @@ namespace {
 constexpr int BACKLOG = 4096;
 
 } // namespace
-
-std::optional<gid_t> findGroup(const std::string& name)
-{
-    gid_t number = 0;
-    const auto parsed = std::from_chars(name.data(), name.data() + name.size(), number);
-    if (parsed.ec == std::errc() && parsed.ptr == name.data() + name.size()) {
-        return number;
-    }
-    std::vector<char> buffer(1024);
-    group entry{};
-    group* found = nullptr;
-    int error = 0;
-    while ((error = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
-        buffer.resize(buffer.size() * 2);
-    }
-    return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
-}
-
-std::string groupName(gid_t number)
-{
-    std::array<char, 16384> buffer{};
-    group entry{};
-    group* found = nullptr;
-    const bool isKnown = ::getgrgid_r(number, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-    return isKnown ? found->gr_name : std::to_string(number);
-}
-
-bool isSharedGroup(uid_t owner, gid_t group)
-{
-    constexpr uid_t FIRST_PERSON = 1000; // those below are of services
-    return group != 0 && (group != owner || owner < FIRST_PERSON);
-}
 
 std::string socketFileName(const std::string& process)
 {
@@ -107,7 +72,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
     m_socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!m_socket) {
-        why = fmt::format("cannot make a socket: {}", std::system_category().message(errno));
+        why = fmt::format("cannot make a socket: {}", explainError(errno));
         return true;
     }
     // Accepted sockets inherit it. Setting it on them would be too late for a peer that writes in between.
@@ -123,8 +88,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
                     ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
                     ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
-        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file,
-                          std::system_category().message(errno));
+        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, explainError(errno));
         failed = true;
     }
     if (failed) {
@@ -138,8 +102,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const
 {
     const auto refuse = [&](const char* what) {
-        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file,
-                          std::system_category().message(errno));
+        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, explainError(errno));
         return true;
     };
     // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.

@@ -7,19 +7,9 @@
 #include <sys/types.h>
 
 #include <memory>
-#include <optional>
 #include <string>
 
 namespace kesa::commadapter::transport {
-
-/// The number of a group, given by its name or as a number; none when there is no such group.
-std::optional<gid_t> findGroup(const std::string& name);
-
-/// The group's name, or its number where it has none that can be read.
-std::string groupName(gid_t group);
-
-/// Whether a file's group is one that users may join: neither root's nor a person's own.
-bool isSharedGroup(uid_t owner, gid_t group);
 
 /// The file name of the socket under which a process is found.
 std::string socketFileName(const std::string& process);

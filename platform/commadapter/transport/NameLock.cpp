@@ -5,13 +5,14 @@
 #include "transport/NameLock.h"
 
 #include "transport/Authority.h"
+#include "transport/explainError.h"
 #include "transport/fileLocks.h"
+#include "transport/usersAndGroups.h"
 
 #include <comm/processStart.h>
 
 #include <fcntl.h>
 #include <poll.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -24,7 +25,6 @@
 #include <ctime>
 #include <fstream>
 #include <string>
-#include <system_error>
 
 namespace kesa::commadapter::transport {
 
@@ -36,11 +36,6 @@ constexpr mode_t SHARED_MODE = 0660;
 /// What the kernel needs for a large process on a busy machine.
 constexpr int LONGEST_END_MS = 2000;
 
-std::string reasonOf(int error)
-{
-    return std::system_category().message(error);
-}
-
 /// Where it is, as far as that is known.
 std::string pathOf(int directory, const std::string& file)
 {
@@ -48,16 +43,6 @@ std::string pathOf(int directory, const std::string& file)
     const ssize_t size = ::readlink(fmt::format("/proc/self/fd/{}", directory).c_str(), path.data(), path.size());
     return size > 0 ? fmt::format("{}/{}", std::string_view(path.data(), static_cast<std::size_t>(size)), file)
                     : fmt::format("{} in the run directory", file);
-}
-
-/// The user's name, or the number where there is none that can be read.
-std::string ownerName(uid_t number)
-{
-    std::array<char, 16384> buffer{};
-    passwd entry{};
-    passwd* found = nullptr;
-    const bool isKnown = ::getpwuid_r(number, &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-    return isKnown ? found->pw_name : std::to_string(number);
 }
 
 /// The program's path, else its short name, which everybody may read; empty when neither can be.
@@ -195,7 +180,7 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     const bool mayBeHeld = // as by a process of another container, whose socket is there
         S_ISREG(file.st_mode) &&
         ::fstatat(directory, (encodedName + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
-    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", ownerName(file.st_uid)) : "remove", path,
+    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", userName(file.st_uid)) : "remove", path,
                        mayBeHeld ? "unless a process in another container holds it" : "which nobody holds");
 }
 
@@ -213,7 +198,7 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         const LockFileProblem problem = examineLockFile(directory.get(), encodedName);
         isHeld = problem.isHeld;
         why = problem.text.empty() || !problem.isForThisUser
-                  ? fmt::format("cannot open {}: {}", pathOf(directory.get(), file), reasonOf(error))
+                  ? fmt::format("cannot open {}: {}", pathOf(directory.get(), file), explainError(error))
                   : problem.sentence();
         return true;
     }
@@ -225,7 +210,7 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         struct stat status {};
         isHeld = error == EWOULDBLOCK && ::fstat(opened.get(), &status) == 0;
         why = isHeld ? explainHeld(process, describeHolder(readHolder(opened.get()), status))
-                     : fmt::format("cannot lock {}: {}", pathOf(directory.get(), file), reasonOf(error));
+                     : fmt::format("cannot lock {}: {}", pathOf(directory.get(), file), explainError(error));
         return true;
     }
     lock = std::move(opened);
@@ -242,12 +227,12 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
         return {};
     }
     LockFileProblem problem;
-    const std::string rights = fmt::format("{}'s, mode {:04o}", ownerName(status.st_uid), status.st_mode & 07777U);
+    const std::string rights = fmt::format("{}'s, mode {:04o}", userName(status.st_uid), status.st_mode & 07777U);
     const bool isShared = status.st_gid == folder.st_gid && (status.st_mode & SHARED_MODE) == SHARED_MODE;
     if (const char* const kind = nameWrongKind(status)) {
         problem.text = fmt::format("{} {}", path, kind);
     } else if (::faccessat(directory, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
-        problem.text = fmt::format("cannot open {}: {}, it is {}", path, reasonOf(errno), rights);
+        problem.text = fmt::format("cannot open {}: {}, it is {}", path, explainError(errno), rights);
     } else if ((folder.st_mode & S_IWGRP) != 0 && !isShared) {
         problem.isForThisUser = false;
         problem.text = fmt::format("{} is {}, so nobody else can have the name", path, rights);

@@ -1,7 +1,8 @@
 #include "transport/RunDirectory.h"
 
 #include "transport/Authority.h"
-#include "transport/NameClaim.h"
+#include "transport/explainError.h"
+#include "transport/usersAndGroups.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -62,11 +63,9 @@ std::string advise(const std::string& directory, int error)
     std::string here; // before naming another one
     switch (error) {
     case EMFILE:
-        return "this process has used up its descriptors: let it have more (ulimit -n, or LimitNOFILE= of its unit) or "
-               "close some, then try again";
     case ENFILE:
     case ENOMEM:
-        return "the machine is short of them: try again later";
+        return adviseOnShortage(error);
     case EACCES:
     case EPERM:
         here = adviseRights(directory) + ", or ";

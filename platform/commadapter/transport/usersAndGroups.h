@@ -1,0 +1,27 @@
+#ifndef KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
+#define KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+
+namespace kesa::commadapter::transport {
+
+// Any thread.
+
+/// The user's name, or the number where there is none that can be read.
+std::string userName(uid_t user);
+
+/// The same of a group.
+std::string groupName(gid_t group);
+
+/// The number of a group, given by its name or as a number; none when there is no such group.
+std::optional<gid_t> findGroup(const std::string& name);
+
+/// Whether a file's group is one that users may join: neither root's nor a person's own.
+bool isSharedGroup(uid_t owner, gid_t group);
+
+} // namespace kesa::commadapter::transport
+
+#endif
