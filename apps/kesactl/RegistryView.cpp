@@ -96,7 +96,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
 private:
     void push(Event event);
     void fallBehind();
-    void apply(const Updates& updates);
+    void apply(Updates&& updates);
     void announce(const ServiceDef& service);
 };
 
@@ -212,28 +212,29 @@ void RegistryView::State::told(const kesa::Response& answer)
         return;
     }
     const std::lock_guard lock(mutex);
-    apply(updates);
+    apply(std::move(updates));
     changed.notifyAll();
 }
 
 /// With the mutex held.
-void RegistryView::State::apply(const Updates& updates)
+void RegistryView::State::apply(Updates&& updates)
 {
-    for (const RegistryUpdate& update : updates) {
-        const std::string& path = update.element->path.toString();
+    for (RegistryUpdate& update : updates) {
+        const std::string path = update.element->path.toString();
         const bool isRemoval = update.updateType == RegistryUpdate::UpdateTypeEnum::REMOVED;
         if (isComplete) {
             fallBehind();
         }
         if (isRemoval) {
             services.erase(path);
-        } else {
-            services.insert_or_assign(path, *update.element);
+            if (isComplete) {
+                push({Kind::eREMOVED, std::move(*update.element)});
+            }
+            continue;
         }
-        if (isComplete && isRemoval) {
-            push({Kind::eREMOVED, *update.element});
-        } else if (isComplete) {
-            announce(*update.element);
+        const auto known = services.insert_or_assign(path, std::move(*update.element)).first;
+        if (isComplete) {
+            announce(known->second);
         }
     }
     if (updates.empty() && !isComplete) {
@@ -394,7 +395,7 @@ RegistryView::Answer RegistryView::list(comm::TimeNs deadline, bool isAnyEnough)
     std::unique_lock lock(m_state->mutex);
     await(lock, deadline,
           [&] { return m_state->isSettled() || (isAnyEnough && m_state->isComplete && !m_state->services.empty()); });
-    return {m_state->services, m_state->isSettled()};
+    return {std::exchange(m_state->services, {}), m_state->isSettled()};
 }
 
 bool RegistryView::waitFor(bool isGone, comm::TimeNs deadline, Answer& answer)

@@ -57,8 +57,8 @@ public:
 
     /// Waits for the registry. A `Failure` when it has not answered by the deadline.
     void await(comm::TimeNs deadline);
-    /// The services at the moment, as soon as these are all (`isAnyEnough`: or there is one); at the deadline, what is
-    /// known. A `Failure` when the registry has told nothing.
+    /// Once: they are moved out. The services at the moment, as soon as these are all (`isAnyEnough`: or there is one);
+    /// at the deadline, what is known. A `Failure` when the registry has told nothing.
     Answer list(comm::TimeNs deadline, bool isAnyEnough = false);
     /// Waits until there are some (`isGone`: none). False at the deadline; a `Failure` when the registry could not be
     /// asked at all.
