@@ -4,9 +4,12 @@
 #include <kesa/Disposable.h>
 #include <kesa/core/response_handlers.h>
 #include <kesa/registry/RegistryHost.h>
+#include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/registerServiceRegistryPex.h>
+#include <obr/ErrorStorage.h>
 #include <tracing/Sink.h>
+#include <util/config/FrameworkProvider.h>
 
 #include <map>
 #include <mutex>
@@ -18,6 +21,7 @@
 namespace kesa::registry {
 
 using runtime::v02::IRuntimeRegistry;
+using runtime::v02::KesaConfigAccessor;
 using runtime::v02::KesaRuntime;
 using serviceregistry::IServiceRegistry;
 using serviceregistry::ServiceRegistryPexService;
@@ -126,6 +130,26 @@ private:
     std::weak_ptr<Follower> m_follower;
 };
 
+/// Of a process whose configuration says that the registry is elsewhere, or that did not get its name.
+std::string whyNotHere(const KesaConfigAccessor& config)
+{
+    const std::string process = config.getOwnProcessName();
+    std::string partition;
+    if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
+        obr::ErrorStorage::ack(); // the start has told
+    }
+    config.getNodeDomainMapping(partition);
+    std::string locators;
+    for (const url& locator : config.getRegistryLocatorsByPartition(partition, false).value_or(std::vector<url>())) {
+        locators.append(locators.empty() ? "" : ", ").append(locator.toString());
+    }
+    const std::string here = "this process, \"" + process + "\", does not host the registry: ";
+    return config.useRemoteRegistry() ? here + "of \"service_registry_locators\" for its partition, \"" + partition +
+                                            "\", which are " + (locators.empty() ? "none" : locators) +
+                                            ", one has to be of its own name, and no other process may have that name"
+                                      : here + "its configuration asks for no registry (\"use_registry\")";
+}
+
 } // namespace
 
 /// Follows what the own runtime provides, and holds it in the registry as one more process would, save that it is
@@ -141,9 +165,7 @@ public:
     void start()
     {
         if (KesaRuntime::isRunning() && KesaRuntime::getInstance() == &m_runtime && !KesaRuntime::isRegistryHost()) {
-            refused(Response::createErrorResponse(
-                409, "this process does not host the registry: one of \"service_registry_locators\" in its "
-                     "configuration has to be of its own name, and no other process may have that name"));
+            refused(Response::createErrorResponse(409, whyNotHere(KesaRuntime::getInstance()->getConfigAccessor())));
             return;
         }
         m_core->setMirrorProof([weak = weak_from_this()](const std::string& path, std::function<void(bool)>&& answer) {

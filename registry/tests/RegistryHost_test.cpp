@@ -166,7 +166,10 @@ TEST_F(RegistryHostTest, RefusesAtOnceWhereTheRegistryIsElsewhere)
     EXPECT_FALSE(KesaRuntime::initInstance("other", DOCUMENT));
     unsetenv("KESA_CONFIG_DIR");
     makeHost(*KesaRuntime::getInstance(), "").reset();
-    EXPECT_THAT(m_clients.told(), ElementsAre(HasSubstr("409: this process does not host the registry")));
+    EXPECT_THAT(m_clients.told(),
+                ElementsAre(testing::StartsWith(
+                    "409: this process, \"other\", does not host the registry: of \"service_registry_locators\" for "
+                    "its partition, \"local\", which are fake://me/registry, one has to be")));
     EXPECT_TRUE(isBackendsErrorShown());
     EXPECT_THAT(m_clients.told(), testing::IsEmpty());
     KesaRuntime::shutdown();
