@@ -1,9 +1,8 @@
 #include "ProcessFacts.h"
 
 #include <comm/processStart.h>
+#include <transport/usersAndGroups.h>
 
-#include <grp.h>
-#include <pwd.h>
 #include <sys/stat.h>
 
 #include <filesystem>
@@ -65,7 +64,7 @@ ProcessFacts::ProcessFacts(pid_t pid)
     isThere = true;
     started = comm::processStart(pid);
     uid = status.st_uid;
-    user = userName(uid);
+    user = kesa::commadapter::transport::userName(uid);
     isTraced = !state.empty() && state.front() == 't';
     isStopped = isTraced || (!state.empty() && state.front() == 'T');
     std::error_code unknown;
@@ -76,20 +75,6 @@ ProcessFacts::ProcessFacts(pid_t pid)
     library = findLibrary(folder);
     const bool isProgramReplaced = takeDeleted(executable);
     isReplaced = takeDeleted(library) || isProgramReplaced;
-}
-
-std::string userName(uid_t user)
-{
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): asked by the main thread alone.
-    const passwd* const entry = ::getpwuid(user);
-    return entry == nullptr ? std::to_string(user) : entry->pw_name;
-}
-
-std::string groupName(gid_t number)
-{
-    // NOLINTNEXTLINE(concurrency-mt-unsafe): asked by the main thread alone.
-    const group* const entry = ::getgrgid(number);
-    return entry == nullptr ? std::to_string(number) : entry->gr_name;
 }
 
 } // namespace kesactl

@@ -24,10 +24,6 @@ struct ProcessFacts {
     std::string library;    ///< "libkesa_runtime.so.0.1.0"; empty for a program that has it built in
 };
 
-/// The name of a user or group, else its number.
-std::string userName(uid_t user);
-std::string groupName(gid_t group);
-
 } // namespace kesactl
 
 #endif

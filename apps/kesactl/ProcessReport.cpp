@@ -9,6 +9,7 @@
 #include <comm/wallClock.h>
 #include <transport/Authority.h>
 #include <transport/RunDirectory.h>
+#include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 
 #include <fmt/chrono.h>
@@ -126,7 +127,7 @@ std::string ProcessReport::processId() const
 std::string ProcessReport::user() const
 {
     unsigned uid = 0;
-    return facts.isThere ? facts.user : answer["uid"].get(uid) ? "-" : userName(uid);
+    return facts.isThere ? facts.user : answer["uid"].get(uid) ? "-" : kesa::commadapter::transport::userName(uid);
 }
 
 std::string ProcessReport::executable() const

@@ -2,15 +2,16 @@
 // just starting.
 #include "RunDirectoryFacts.h"
 
-#include "ProcessFacts.h"
 #include "nameHolders.h"
 
 #include <transport/Descriptor.h>
 #include <transport/RunDirectory.h>
 #include <transport/fileLocks.h>
+#include <transport/usersAndGroups.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/statvfs.h>
 #include <sys/un.h>
 
 #include <fmt/format.h>
@@ -27,7 +28,9 @@ namespace {
 
 using kesa::commadapter::transport::Descriptor;
 using kesa::commadapter::transport::FileLocks;
+using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::readFileLocks;
+using kesa::commadapter::transport::userName;
 
 /// What the holder of a lock has written into its file; 0 when it cannot be read.
 pid_t readPid(int directory, const std::string& file)
@@ -137,6 +140,18 @@ void addLost(RunDirectoryFacts& facts)
 
 } // namespace
 
+/// Of a file system that does not count them it is not known.
+Room::Room(const std::string& directory)
+{
+    struct statvfs system {};
+    if (::statvfs(directory.c_str(), &system) != 0) {
+        return;
+    }
+    const bool isRoot = ::geteuid() == 0; // some is kept for it
+    hasNone = system.f_files != 0 && (isRoot ? system.f_ffree : system.f_favail) == 0;
+    hasNoneForContent = hasNone || (system.f_blocks != 0 && (isRoot ? system.f_bfree : system.f_bavail) == 0);
+}
+
 RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(directoryPath)
 {
     const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -158,6 +173,10 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         return;
     }
     readRealm(*this, directory.get());
+    const Room room(path);
+    if (isWritable && (room.hasNone || (realmState == Realm::eMISSING && room.hasNoneForContent))) {
+        writeError = ENOSPC;
+    }
     std::set<std::string> used;
     std::error_code failed;
     for (const auto& entry : std::filesystem::directory_iterator(path, failed)) {
@@ -195,6 +214,9 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
 
 std::string RunDirectoryFacts::beforeStart(const std::string& process) const
 {
+    if (writeError == ENOSPC) {
+        return fmt::format("make room in {}, whose file system is full (df, df -i), then ", path);
+    }
     const auto found = std::find_if(refused.begin(), refused.end(), [&process](const Refusal& each) {
         return each.name == process && each.problem.isForThisUser && !each.problem.advice.empty();
     });

@@ -32,7 +32,7 @@ struct RunDirectoryFacts {
 
     explicit RunDirectoryFacts(const std::string& path);
 
-    /// "remove …, then " where the process could not be started before that; else empty.
+    /// "remove …, then ", or "make room …, then ", where the process could not be started before that; else empty.
     std::string beforeStart(const std::string& process) const;
 
     std::string path;
@@ -41,13 +41,22 @@ struct RunDirectoryFacts {
     ino_t inode = 0;
     std::string rights; ///< "drwxr-xr-x root root"
     std::string group;
-    bool isWritable = false;
-    int writeError = 0; ///< `errno` of why it is not
+    bool isWritable = false; ///< by its rights
+    int writeError =
+        0; ///< `errno` of why no process can be started there; `ENOSPC`: the rights are there, the room is not
     Realm realmState = Realm::eMISSING;
     std::string realm;
     std::vector<Name> names;         ///< in order, then the lost ones; those nobody has only if their socket is there
     std::vector<Refusal> refused;    ///< to users who may write there
     std::vector<std::string> strays; ///< other files
+};
+
+/// Whether no file can be made in a directory, or none with content, since its file system has no more room.
+struct Room {
+    explicit Room(const std::string& directory);
+
+    bool hasNone = false;           ///< not even for an empty file
+    bool hasNoneForContent = false; ///< nor for a byte
 };
 
 } // namespace kesactl

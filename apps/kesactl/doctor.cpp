@@ -2,7 +2,6 @@
 
 #include "DoctorPage.h"
 #include "Failure.h"
-#include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
 #include "System.h"
 #include "doctor_runDirectory.h"
@@ -21,6 +20,7 @@
 #include <protocol/Frame.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <transport/RunDirectory.h>
+#include <transport/usersAndGroups.h>
 
 #include <fmt/format.h>
 #include <sys/utsname.h>
@@ -34,7 +34,9 @@
 namespace kesactl {
 namespace {
 
+using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::RunDirectory;
+using kesa::commadapter::transport::userName;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaRuntime;
@@ -230,7 +232,7 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     const bool isLostOne = std::any_of(facts.names.begin(), facts.names.end(), [&answer](const Name& name) {
         return name.isLost && name.name == answer.silent;
     });
-    const bool isUnusable = facts.error != 0 && !findProblem(facts, "").text.empty();
+    const bool isUnusable = !findProblem(facts, "").text.empty();
     if (!answer.problem.empty() && !isLostOne && !isUnusable) {
         page.findings.push_back(answer.problem);
     }

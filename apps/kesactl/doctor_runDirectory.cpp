@@ -1,8 +1,9 @@
 #include "doctor_runDirectory.h"
 
-#include "ProcessFacts.h"
 #include "otherRunDirectories.h"
 #include "runDirectoryProblem.h"
+
+#include <transport/usersAndGroups.h>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@ namespace {
 
 using kesa::commadapter::transport::RunDirectory;
 using kesa::commadapter::transport::SYSTEM_RUN_DIRECTORY;
+using kesa::commadapter::transport::userName;
 using util::config::Dictionary;
 using util::config::Value;
 using Name = RunDirectoryFacts::Name;
@@ -31,11 +33,13 @@ void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
 {
     page.add("rights",
              fmt::format("{}, {} for this user", facts.rights, facts.isWritable ? "writable" : "not writable"));
-    if (!facts.isWritable) {
+    if (facts.writeError != 0) {
         page.findings.push_back(
             fmt::format("this user cannot provide services: {} is {}", facts.path,
                         facts.writeError == EROFS
                             ? "on a read-only file system; start processes where it can be written, or name another one"
+                        : facts.writeError == ENOSPC
+                            ? "on a file system that is full; make room there (df, df -i), or name another one"
                             : fmt::format("not writable for {}; use its user or group, or change its rights",
                                           userName(::geteuid()))));
     }

@@ -46,29 +46,24 @@ bool isWanted(const ServiceDef& service, const ListArguments& arguments)
 RegistryView::Answer find(const ListArguments& arguments)
 {
     const System system;
-    const auto [all, isAll] = system.view(arguments.glob)->list(arguments.common.deadline());
-    Services services;
-    for (const auto& [path, service] : all) {
-        if (isWanted(service, arguments)) {
-            services.emplace(path, service);
-        }
-    }
+    auto [services, isAll] = system.view(arguments.glob)->list(arguments.common.deadline());
+    const std::size_t count = services.size();
+    std::erase_if(services, [&arguments](const auto& each) { return !isWanted(each.second, arguments); });
     if (services.empty() && !isAll) {
         RegistryView::failUnsettled();
     }
-    if (all.empty()) {
+    if (count == 0) {
         throw Failure{ExitCode::eFAILED, fmt::format("no service matches '{}'; kesactl list shows all{}",
                                                      arguments.glob, adviseWhy(arguments.glob))};
     }
     if (services.empty()) {
-        throw Failure{
-            ExitCode::eFAILED,
-            fmt::format("{} that match{} '{}' is so; kesactl show PATH has the type, the provider and the "
-                        "metainfo of one",
-                        all.size() == 1 ? "not the one service" : fmt::format("none of the {} services", all.size()),
-                        all.size() == 1 ? "es" : "", arguments.glob)};
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("{} that match{} '{}' is so; kesactl show PATH has the type, the provider and the "
+                                  "metainfo of one",
+                                  count == 1 ? "not the one service" : fmt::format("none of the {} services", count),
+                                  count == 1 ? "es" : "", arguments.glob)};
     }
-    return {services, isAll};
+    return {std::move(services), isAll};
 }
 
 /// What is known is printed, even when it may be not all.
@@ -102,6 +97,17 @@ std::string checkColumns(const std::string& names)
     return all.empty() ? checkColumn("") : "";
 }
 
+/// The second of columns that were not given as one word.
+std::string checkNoColumn(const CLI::App& list, const std::string& glob)
+{
+    const CLI::Option& columns = *list.get_option("--columns");
+    return columns.count() != 0 && checkColumn(glob).empty()
+               ? fmt::format("'{1}' is a column: columns are given as one word, --columns {0},{1}; a path begins with "
+                             "'/': '/{1}'",
+                             columns.results().front(), glob)
+               : "";
+}
+
 std::string checkCondition(const std::string& condition)
 {
     const std::size_t end = condition.find('=');
@@ -121,7 +127,7 @@ CLI::App& add(CLI::App& app, const char* name, const char* description, const st
     command->add_option("--type", arguments->type, "Of that type.")
         ->check(CLI::IsMember({"pex", "lomo", "gateway", "registry"}))
         ->type_name("TYPE");
-    command->add_option("--provider", arguments->provider, "Of that process.")->type_name("NAME");
+    command->add_option("--provider", arguments->provider, "Of that process.")->check(checkProcess)->type_name("NAME");
     addCommonOptions(*command, arguments->common, "How long the registry may take to answer.");
     return *command;
 }
@@ -137,6 +143,7 @@ void addList(CLI::App& app)
         ->excludes("--json")
         ->type_name("NAME,...")
         ->capture_default_str();
+    list.get_option("GLOB")->check([&list](const std::string& glob) { return checkNoColumn(list, glob); });
     list.callback([arguments] {
         printList(*arguments, [&](const Services& services) { return asTable(services, split(arguments->columns)); });
     });

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <kesa/Path.h>
 #include <kesa/PathPatterns.h>
+#include <kesa/processName.h>
 #include <obr/ErrorStorage.h>
 
 #include <fmt/format.h>
@@ -71,6 +72,15 @@ std::string checkInterval(const std::string& text)
 std::string checkCount(const std::string& text)
 {
     return text == "0" ? "0 of them are none; without --count it goes on to the end" : "";
+}
+
+std::string checkProcess(const std::string& name)
+{
+    return kesa::isProcessName(name) ? ""
+           : name.empty()            ? "the name is empty"
+           : name.size() > kesa::LONGEST_PROCESS_NAME
+               ? fmt::format("a name has at most {} bytes, and this one {}", kesa::LONGEST_PROCESS_NAME, name.size())
+               : "a name is UTF-8, and this one is not";
 }
 
 std::string checkGlob(const std::string& glob)

@@ -25,6 +25,7 @@ std::string checkCount(const std::string& text);
 std::string checkGlob(const std::string& glob);
 std::string checkPath(const std::string& path);     ///< of a service, which "/" is not
 std::string checkResource(const std::string& path); ///< inside a service
+std::string checkProcess(const std::string& name);
 
 /// A glob that matches this path only.
 std::string literal(const std::string& path);

@@ -29,13 +29,22 @@ struct HeldProcess {
     comm::TimeNs time;
 };
 
+/// Why a process cannot be looked into.
+struct Unseen {
+    std::string text;   ///< empty: it has answered
+    std::string advice; ///< may be empty
+};
+
 /// What the processes of the chosen run directory say of themselves, whatever any registry knows.
 struct ProcessesHere {
     std::optional<ProviderHere> provider; ///< of the path that was asked for
     std::vector<HeldProcess> held;
+    Unseen unseen; ///< of the one that was asked alone
+    /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
+    std::vector<std::string> nameless;
 };
 
-/// Asks them all, or the one of the name alone if that is not empty; blocks until the deadline at the latest.
+/// Asks them all, or the one of that name alone if it is not empty; blocks until the deadline at the latest.
 ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);
 
 } // namespace kesactl

@@ -74,6 +74,10 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
         return {fmt::format("{} is on a read-only file system, so no process can be started there", what),
                 "start processes where it can be written, or " + nameAnother(source)};
     }
+    if (directory.writeError == ENOSPC) {
+        return {fmt::format("{} is on a file system that is full, so no process can be started there", what),
+                "make room there (df, df -i), or " + nameAnother(source)};
+    }
     if (directory.error == 0) {
         return {};
     }
@@ -90,6 +94,10 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
         const int error = errno;
         return {fmt::format("{} is not there, and this user cannot make it in {}: {}", what, around, textOf(error)),
                 (error == EROFS ? "" : "have it made for this user, or ") + nameAnother(source)};
+    }
+    if (Room(around).hasNoneForContent) {
+        return {fmt::format("{} is not there, and cannot be made, since the file system of {} is full", what, around),
+                "make room there (df, df -i), or " + nameAnother(source)};
     }
     return {};
 }

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 #include <transport/Authority.h>
+#include <transport/usersAndGroups.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -89,7 +90,7 @@ std::vector<std::string> rowOf(const Value& connection, const std::string& proce
     const bool hasUser = !connection["uid"].get(uid);
     return {nameOf(connection),
             text("pid"),
-            hasUser ? userName(uid) : "-",
+            hasUser ? kesa::commadapter::transport::userName(uid) : "-",
             connection["openedBy"].stringView() == "peer" ? nameOf(connection) : process,
             asLocalTime(timeOf(connection["since"]), true),
             text("openRequests"),

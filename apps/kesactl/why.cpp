@@ -143,11 +143,18 @@ Verdict Search::run()
     if (verdict.cause != "never-registered") {
         return verdict;
     }
-    const auto here = processesHere({});
+    auto here = processesHere({});
     if (!here.provider) {
         const std::string meant = adviseAround(system, m_arguments.path, m_arguments.common.deadline());
         verdict.advice = meant.empty() ? verdict.advice : meant;
-        return explainHeldOr(std::move(verdict), here.held);
+        if (!meant.empty() || m_explanation["nearest"].isString() || !m_arguments.process.empty()) {
+            here.nameless.clear(); // there is a better guess
+        }
+        verdict = explainHeldOr(std::move(verdict), here);
+        if (!m_arguments.process.empty()) {
+            addUnseen(verdict, m_arguments.process, processesHere(m_arguments.process).unseen);
+        }
+        return verdict;
     }
     if (auto failure = askRegistry(registry)) { // it may have registered meanwhile
         return *failure;
@@ -206,9 +213,11 @@ Verdict Search::judge(const kesa::url& registry) const
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
         Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path);
-        if (const auto here = processesHere(m_arguments.process); !here.held.empty()) {
+        const ProcessesHere here = processesHere(m_arguments.process);
+        if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
         }
+        addUnseen(ofProcess, m_arguments.process, here.unseen);
         ofProcess.notes.push_back(verdict.text);
         verdict = std::move(ofProcess);
     }
@@ -333,7 +342,9 @@ void addWhy(CLI::App& app, int& exitCode)
     auto arguments = std::make_shared<WhyArguments>();
     CLI::App* const command = app.add_subcommand("why", "Says whether a service is there and works, and if not, why.");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
-    command->add_option("--for", arguments->process, "Also, whether this process is told of it.")->type_name("PROCESS");
+    command->add_option("--for", arguments->process, "Also, whether this process is told of it.")
+        ->check(checkProcess)
+        ->type_name("PROCESS");
     addCommonOptions(*command, arguments->common, "How long each step may take.");
     command->footer(
         "One answer, what to do, and what was before. Exit code: 0 when it is there and works, 1 when not.");

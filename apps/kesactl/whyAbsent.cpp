@@ -116,6 +116,23 @@ Verdict explainGone(const Value& event)
     return verdict;
 }
 
+/// A provider that a handler holds before it could register is one of them.
+void noteNameless(Verdict& verdict, const std::vector<std::string>& nameless)
+{
+    constexpr std::size_t MOST = 3;
+    if (nameless.empty()) {
+        return;
+    }
+    std::string all;
+    for (std::size_t i = 0; i < std::min(MOST, nameless.size()); ++i) {
+        all.append(i == 0 ? "" : ", ").append(nameless[i]);
+    }
+    verdict.notes.push_back(
+        fmt::format("what provides nothing so far cannot be asked: {}{}; should one be its provider, the traces of "
+                    "a kesa::Runtime say whether a handler holds it, in lines of KESA_EASE that begin with [loop]",
+                    all, nameless.size() > MOST ? fmt::format(" and {} more", nameless.size() - MOST) : ""));
+}
+
 /// The loop that registers.
 bool isExecutor(const HeldProcess& process)
 {
@@ -149,10 +166,11 @@ Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
             {}};
 }
 
-Verdict explainHeldOr(Verdict verdict, const std::vector<HeldProcess>& held)
+Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
 {
-    const auto found = std::find_if(held.begin(), held.end(), isExecutor);
-    if (found == held.end()) {
+    const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor);
+    if (found == here.held.end()) {
+        noteNameless(verdict, here.nameless);
         return verdict;
     }
     Verdict instead = explainHeld(*found, "nobody has registered it, perhaps since one process cannot");

@@ -14,8 +14,9 @@ Verdict explainAbsence(const util::config::Value& explanation, const std::string
 /// Of a path that nobody has registered, and that a process of this run directory provides nevertheless.
 Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry);
 
-/// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider.
-Verdict explainHeldOr(Verdict verdict, const std::vector<HeldProcess>& held);
+/// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider,
+/// or one of which that cannot be known.
+Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here);
 
 /// Of a process that a handler holds. `so`: what comes of it.
 Verdict explainHeld(const HeldProcess& process, const std::string& so);

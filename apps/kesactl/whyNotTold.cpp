@@ -5,6 +5,8 @@
 #include "otherRunDirectories.h"
 
 #include <kesa/url.h>
+#include <transport/Authority.h>
+#include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 #include <util/nearestName.h>
 
@@ -30,7 +32,7 @@ Verdict explainUnknown(const std::string& process)
         if (name.holder == 0) {
             continue;
         }
-        if (name.name != process) {
+        if (name.name != kesa::commadapter::transport::encodeProcessName(process)) {
             names.emplace_back(name.name);
             continue;
         }
@@ -97,11 +99,12 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
         return {"rights",
                 fmt::format("{} (process {}) is told of it, but its user may not connect to {}, which has the group "
                             "\"{}\" and mode {:04o}",
-                            process, pid, path, groupName(socket.st_gid), socket.st_mode & 07777U),
+                            process, pid, path, kesa::commadapter::transport::groupName(socket.st_gid),
+                            socket.st_mode & 07777U),
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the provider",
                 {}};
     }
-    return {std::string(Verdict::WORKS), fmt::format("{} (process {}) is told of it", process, pid), {}, {}};
+    return {std::string(Verdict::WORKS), fmt::format("the registry tells {} (process {}) of it", process, pid), {}, {}};
 }
 
 /// What the record has instead of the metadata that is asked for with `key`.
@@ -175,6 +178,20 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
                         ask["pattern"].isString() ? fmt::format(" with \"{}\"", ask["pattern"].toText()) : "", because),
             adviceFor(ask, explanation["holder"]["record"]),
             {}};
+}
+
+void addUnseen(Verdict& verdict, const std::string& process, const Unseen& unseen)
+{
+    if (unseen.text.empty() || verdict.cause == "stopped" || verdict.cause == "no-such-process") {
+        return;
+    }
+    const std::string text = fmt::format("whether a handler holds {} cannot be seen: {}", process, unseen.text);
+    if (verdict.isGood()) {
+        verdict.text += "; " + text;
+        verdict.advice = unseen.advice;
+    } else {
+        verdict.notes.push_back(text + (unseen.advice.empty() ? "" : "; " + unseen.advice));
+    }
 }
 
 } // namespace kesactl

@@ -6,7 +6,7 @@
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
 // both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
 // brief" withdraws what it has as soon as it is known. "media held" provides "/held" alone, and a handler holds a loop
-// of its runtime from when "/media/player" is there.
+// of its runtime from when "/media/player" is there; "media mute" is the same without "/held".
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -109,11 +109,14 @@ struct WarmingUp : kesa::IKesaApi {
 };
 
 /// Holds a loop of its runtime with a handler until it is to end.
-void holdUntil(const sigset_t& ends)
+void holdUntil(const sigset_t& ends, bool isMute)
 {
-    const auto registration = KesaRuntime::getInstance()->registerService(
-        "/held", makePlayer(), ServiceDef::TypeEnum::pex, kesa::GenericObject(),
-        kesa::handler<ServiceDef>([](const ServiceDef&) {}));
+    kesa::Disposable registration;
+    if (!isMute) {
+        registration = KesaRuntime::getInstance()->registerService("/held", makePlayer(), ServiceDef::TypeEnum::pex,
+                                                                   kesa::GenericObject(),
+                                                                   kesa::handler<ServiceDef>([](const ServiceDef&) {}));
+    }
     std::promise<void> end;
     const auto tracking = KesaRuntime::getInstance()->trackAndResolveService(
         "/media/player",
@@ -137,8 +140,8 @@ int main(int count, char** arguments)
     if (KesaRuntime::initInstance(name, KesaRuntime::WITH_REGISTRYD)) {
         return 1;
     }
-    if (name == "held") {
-        holdUntil(ends);
+    if (name == "held" || name == "mute") {
+        holdUntil(ends, name == "mute");
         KesaRuntime::shutdown();
         return 0;
     }
