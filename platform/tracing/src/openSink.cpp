@@ -1,14 +1,13 @@
-// The one unit that knows spdlog. Its sinks are held directly and its registry is never touched, so that an
-// application's own use of spdlog is left alone.
 #include "openSink.h"
 #include "LineOutput.h"
 
-#include <spdlog/pattern_formatter.h>
-#include <spdlog/sinks/base_sink.h>
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
@@ -19,49 +18,17 @@
 namespace tracing {
 namespace {
 
-/// One sink of spdlog over `LineOutput`; it gets lines of which nothing is left to format when they are bare.
-class DescriptorSink final : public spdlog::sinks::base_sink<std::mutex> {
-public:
-    DescriptorSink(int descriptor, LineOutput::Ownership ownership)
-        : base_sink(std::make_unique<spdlog::pattern_formatter>("%Y-%m-%dT%H:%M:%S.%fZ %-7l %P/%t [%n] %v",
-                                                                spdlog::pattern_time_type::utc)),
-          m_output(descriptor, ownership)
-    {}
-
-    void writeBare(std::string_view prefix, std::string_view text)
-    {
-        const std::lock_guard lock(mutex_);
-        m_line.clear();
-        m_line.append(prefix.data(), prefix.data() + prefix.size());
-        m_line.append(text.data(), text.data() + text.size());
-        m_line.push_back('\n');
-        m_output.write({m_line.data(), m_line.size()});
-    }
-
-private:
-    void sink_it_(const spdlog::details::log_msg& message) override
-    {
-        m_line.clear();
-        formatter_->format(message, m_line);
-        m_output.write({m_line.data(), m_line.size()});
-    }
-    void flush_() override {}
-
-    LineOutput m_output;
-    spdlog::memory_buf_t m_line;
-};
-
-spdlog::level::level_enum levelOf(int severity)
+std::string_view levelOf(int severity)
 {
     switch (severity) {
     case 1:
-        return spdlog::level::debug;
+        return "debug";
     case 2:
-        return spdlog::level::info;
+        return "info";
     case 3:
-        return spdlog::level::warn;
+        return "warning";
     default:
-        return spdlog::level::err;
+        return "error";
     }
 }
 
@@ -78,6 +45,21 @@ std::string_view journalPrefixOf(int severity)
     default:
         return "<3>";
     }
+}
+
+struct Caller {
+    pid_t process = 0;
+    pid_t thread = 0;
+};
+
+/// A thread's number is asked for once, and again in a child, where it has another.
+Caller currentCaller()
+{
+    thread_local Caller caller;
+    if (const pid_t process = ::getpid(); process != caller.process) {
+        caller = {process, ::gettid()};
+    }
+    return caller;
 }
 
 /// Terminals act on these, too, when they are sent to them as one byte or as UTF-8.
@@ -122,10 +104,10 @@ std::string escapeControls(std::string_view text)
     return result;
 }
 
-class SpdlogSink final : public ISink {
+class DescriptorSink final : public ISink {
 public:
-    SpdlogSink(int descriptor, LineOutput::Ownership ownership, bool isJournal)
-        : m_isJournal(isJournal), m_sink(descriptor, ownership)
+    DescriptorSink(int descriptor, LineOutput::Ownership ownership, bool isJournal)
+        : m_isJournal(isJournal), m_output(descriptor, ownership)
     {}
 
     void write(const Line& line) override
@@ -139,28 +121,50 @@ public:
     }
 
 private:
-    static constexpr int EVENT_LOG = 7;
+    static constexpr int EVENT_LOG = 7; ///< its lines stand for themselves
 
     void writePrintable(const Line& line)
     {
-        const std::string_view prefix = m_isJournal ? journalPrefixOf(line.severity) : std::string_view();
-        if (line.facility == EVENT_LOG) {
-            m_sink.writeBare(prefix, line.text);
-            return;
-        }
-        const spdlog::string_view_t channel(line.channel.data(), line.channel.size());
-        const spdlog::string_view_t text(line.text.data(), line.text.size());
-        const spdlog::details::log_msg message(channel, levelOf(line.severity), text);
+        const std::lock_guard lock(m_mutex); // the times of lines go up
+        m_line.clear();
+        const auto end = std::back_inserter(m_line);
         if (m_isJournal) {
-            // The journal knows the time and the process itself.
-            m_sink.writeBare(prefix, fmt::format("{} [{}] {}", message.thread_id, line.channel, line.text));
-        } else {
-            m_sink.log(message);
+            fmt::format_to(end, "{}", journalPrefixOf(line.severity));
         }
+        if (line.facility == EVENT_LOG) {
+            fmt::format_to(end, "{}\n", line.text);
+        } else if (m_isJournal) { // which knows the time and the process itself
+            fmt::format_to(end, "{} [{}] {}\n", currentCaller().thread, line.channel, line.text);
+        } else {
+            appendTime();
+            const Caller caller = currentCaller();
+            fmt::format_to(end, " {:<7} {}/{} [{}] {}\n", levelOf(line.severity), caller.process, caller.thread,
+                           line.channel, line.text);
+        }
+        m_output.write({m_line.data(), m_line.size()});
+    }
+    /// In UTC, to the microsecond.
+    void appendTime()
+    {
+        using namespace std::chrono;
+        const auto now = floor<microseconds>(system_clock::now());
+        const auto second = floor<seconds>(now);
+        const std::time_t time = system_clock::to_time_t(second);
+        if (std::exchange(m_time, time) != time) {
+            std::tm utc{};
+            ::gmtime_r(&time, &utc);
+            m_timeText = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", utc.tm_year + 1900, utc.tm_mon + 1,
+                                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+        }
+        fmt::format_to(std::back_inserter(m_line), "{}.{:06}Z", m_timeText, (now - second).count());
     }
 
     const bool m_isJournal;
-    DescriptorSink m_sink;
+    std::mutex m_mutex;
+    LineOutput m_output;       ///< under `m_mutex`
+    fmt::memory_buffer m_line; ///< under `m_mutex`
+    std::time_t m_time = 0;    ///< of `m_timeText`; under `m_mutex`
+    std::string m_timeText;    ///< under `m_mutex`
 };
 
 /// Whether stderr is the stream that the service manager reads: it names the stream's device and inode.
@@ -180,7 +184,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
 {
     constexpr std::string_view FILE_PREFIX = "file:";
     if (description == "stderr") {
-        return std::make_shared<SpdlogSink>(STDERR_FILENO, LineOutput::Ownership::eBORROWED, isStderrJournal());
+        return std::make_shared<DescriptorSink>(STDERR_FILENO, LineOutput::Ownership::eBORROWED, isStderrJournal());
     }
     if (description.compare(0, FILE_PREFIX.size(), FILE_PREFIX) != 0 || description.size() == FILE_PREFIX.size()) {
         reason = "'" + description + "' is no trace sink: use stderr or file:PATH";
@@ -193,7 +197,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
         reason = "cannot open trace file '" + path + "': " + std::system_category().message(errno);
         return nullptr;
     }
-    return std::make_shared<SpdlogSink>(descriptor, LineOutput::Ownership::eOWNED, false);
+    return std::make_shared<DescriptorSink>(descriptor, LineOutput::Ownership::eOWNED, false);
 }
 
 } // namespace tracing
