@@ -4,7 +4,9 @@
 #include "CheckedBackend.h"
 #include "Observers.h"
 #include "Service.h"
+#include "actor/Actor.h"
 
+#include <backend/CommBackend.h>
 #include <kesa/Disposable.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/serviceregistry/Query.h>
@@ -12,6 +14,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -50,6 +53,9 @@ struct Process {
     std::vector<Registration> registrations;
     std::vector<std::shared_ptr<Belief>> answers;
     std::vector<std::shared_ptr<Service>> services;
+    std::unique_ptr<kesa::actor::Actor> actor; ///< instead of all these
+    std::string document;                      ///< its own; empty: the world's
+    std::optional<commadapter::CommSettings> settings;
 
     bool isRunning() const { return runtime && !isStopped; }
 };

@@ -118,7 +118,7 @@ private:
     std::unique_ptr<commadapter::IBackend> makeBackend(const std::string& name);
     void startRegistry(Process& process);
     std::string document() const;
-    void letGo(Process& process);
+    void letGo(Process& process, bool isKilled);
     template <class T>
     std::unique_ptr<IResponseHandler<T>> observer(std::shared_ptr<Belief> belief)
     {

@@ -78,14 +78,14 @@ Process& World::registry()
 std::unique_ptr<commadapter::IBackend> World::makeBackend(const std::string& name)
 {
     const std::uint64_t group = m_groups;
-    const auto& settings = name == REGISTRY_PROCESS ? m_registrySettings : m_settings;
+    const auto& process = *std::find_if(m_processes.begin(), m_processes.end(),
+                                        [&name](const auto& known) { return known->name == name; });
+    const auto settings = process->settings.value_or(process->isRegistry ? m_registrySettings : m_settings);
     auto backend = commadapter::makeCommBackend(name, settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
         std::vector<std::unique_ptr<commadapter::transport::ITransport>> transports;
         transports.push_back(m_network->makeTransport(std::move(loop), group));
         return transports;
     });
-    const auto& process = *std::find_if(m_processes.begin(), m_processes.end(),
-                                        [&name](const auto& known) { return known->name == name; });
     process->books = std::make_shared<BackendBooks>();
     return std::make_unique<CheckedBackend>(*m_verdict, std::move(backend), process->books, [this](const url& locator) {
         const std::lock_guard<std::mutex> lock(m_verdict->mutex);
@@ -117,7 +117,8 @@ void World::start(Process& process)
     if (m_scheduler) {
         m_scheduler->setGroup(process.group);
     }
-    process.runtime = std::make_unique<KesaRuntimeImpl>(KesaConfig(process.name, document()));
+    process.runtime = std::make_unique<KesaRuntimeImpl>(
+        KesaConfig(process.name, process.document.empty() ? document() : process.document));
     if (process.runtime->start()) {
         m_verdict->fail("a runtime starts", process.name);
     }
@@ -167,7 +168,7 @@ void World::kill(Process& process)
     }
     lock.unlock();
     m_network->kill(process.group);
-    letGo(process);
+    letGo(process, m_scheduler != nullptr);
 }
 
 void World::end(Process& process)
@@ -178,13 +179,17 @@ void World::end(Process& process)
         }
         process.host->stop();
     }
-    letGo(process);
+    letGo(process, false);
 }
 
-void World::letGo(Process& process)
+void World::letGo(Process& process, bool isKilled)
 {
     process.runtime.reset();
     process.host.reset();
+    if (process.actor && !isKilled && process.actor->livingHandlers() != 0) {
+        m_verdict->fail("every handler is destroyed by shutdown", process.name);
+    }
+    process.actor.reset();
     checkEnds(process);
     process.list.reset();
     process.subscriptions.clear();

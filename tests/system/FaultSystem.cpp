@@ -33,11 +33,11 @@ std::set<std::string> factsOf(const Member& member, const std::set<std::string>&
         for (const std::string& what : member.tracks) {
             const std::size_t star = what.find('*');
             if (star == std::string::npos ? what == path : path.starts_with(what.substr(0, star))) {
-                facts.insert(what + ' ' + service);
+                facts.insert(what == path ? service : what + ' ' + service);
             }
         }
         if (std::find(member.resolves.begin(), member.resolves.end(), path) != member.resolves.end()) {
-            facts.insert('=' + path + ' ' + path + " connected");
+            facts.insert('=' + path);
         }
     }
     return facts;

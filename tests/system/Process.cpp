@@ -42,11 +42,6 @@ std::string makeTraceFile(const Process::Setup& setup)
     return setup.directory + '/' + std::to_string(++count) + ".traces";
 }
 
-bool beginsWithWords(const std::string& line, const std::string& words)
-{
-    return line.starts_with(words) && (line.size() == words.size() || line[words.size()] == ' ');
-}
-
 std::vector<char*> pointers(std::vector<std::string>& strings)
 {
     std::vector<char*> result;
@@ -140,53 +135,41 @@ bool Process::readEvents(Deadline deadline)
     }
     m_partial.append(buffer.data(), static_cast<std::size_t>(size));
     for (std::size_t end = 0; (end = m_partial.find('\n')) != std::string::npos; m_partial.erase(0, end + 1)) {
-        m_history.push_back(m_partial.substr(0, end));
-        m_isExpected.push_back(false);
+        m_told.add(m_partial.substr(0, end));
     }
     return true;
 }
 
-std::string Process::expectMatch(const std::function<bool(const std::string&)>& matches, const std::string& what)
+std::string Process::expect(const std::string& beginning)
 {
     const auto deadline = Clock::now() + LIMIT;
     std::size_t looked = 0;
     do {
-        for (; looked < m_history.size(); ++looked) {
-            if (!m_isExpected[looked] && matches(m_history[looked])) {
-                m_isExpected[looked] = true;
-                return m_history[looked];
-            }
+        if (const auto rest = m_told.take(beginning, looked)) {
+            return *rest;
         }
+        looked = m_told.events().size();
     } while (readEvents(deadline));
-    miss(what);
-}
-
-std::string Process::expect(const std::string& beginning)
-{
-    const std::string event = expectMatch(
-        [&beginning](const std::string& line) { return beginsWithWords(line, beginning); }, '"' + beginning + '"');
-    return event.size() == beginning.size() ? std::string() : event.substr(beginning.size() + 1);
+    miss('"' + beginning + '"');
 }
 
 bool Process::hasTold(const std::string& beginning)
 {
-    history();
-    for (std::size_t i = 0; i < m_history.size(); ++i) {
-        if (!m_isExpected[i] && beginsWithWords(m_history[i], beginning)) {
-            m_isExpected[i] = true;
-            return true;
-        }
-    }
-    return false;
+    told();
+    return m_told.take(beginning).has_value();
 }
 
 void Process::expectLineWith(const std::string& part, const std::string& other)
 {
-    expectMatch(
-        [&](const std::string& line) {
-            return line.find(part) != std::string::npos && line.find(other) != std::string::npos;
-        },
-        "a line with " + part + " and " + other);
+    const auto deadline = Clock::now() + LIMIT;
+    do {
+        if (m_told.takeIf([&](const std::string& line) {
+                return line.find(part) != std::string::npos && line.find(other) != std::string::npos;
+            })) {
+            return;
+        }
+    } while (readEvents(deadline));
+    miss("a line with " + part + " and " + other);
 }
 
 std::size_t Process::countTraces(const std::string& text) const
@@ -247,22 +230,21 @@ void Process::kill()
     expectEnd();
 }
 
-const std::vector<std::string>& Process::history()
+const actor::Told& Process::told()
 {
     while (readEvents(Clock::now())) {
     }
-    return m_history;
+    return m_told;
 }
 
 std::string Process::findUnexpected(std::string_view beginning)
 {
-    history();
-    for (std::size_t i = 0; i < m_history.size(); ++i) {
-        if (!m_isExpected[i] && m_history[i].starts_with(beginning)) {
-            return m_history[i];
-        }
-    }
-    return {};
+    return told().find(beginning);
+}
+
+std::string Process::findBad()
+{
+    return told().findBad();
 }
 
 void Process::waitForAny(const std::vector<Process*>& processes, Deadline deadline)

@@ -1,11 +1,12 @@
 #ifndef KESA_TESTS_SYSTEM_PROCESS_H
 #define KESA_TESTS_SYSTEM_PROCESS_H
 
+#include "actor/Told.h"
+
 #include <sys/types.h>
 
 #include <chrono>
 #include <csignal>
-#include <functional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -62,9 +63,12 @@ public:
     void kill();
 
     /// Everything it told so far.
-    const std::vector<std::string>& history();
+    const std::vector<std::string>& history() { return told().events(); }
+    const actor::Told& told();
     /// What nobody waited for that begins so; empty when there is none.
     std::string findUnexpected(std::string_view beginning);
+    /// What nobody waited for that is bad news.
+    std::string findBad();
     /// Returns when one of them tells something, has ended, or at the deadline.
     static void waitForAny(const std::vector<Process*>& processes, std::chrono::steady_clock::time_point deadline);
     bool hasEnded();
@@ -81,7 +85,6 @@ public:
 private:
     using Deadline = std::chrono::steady_clock::time_point;
     bool readEvents(Deadline deadline);
-    std::string expectMatch(const std::function<bool(const std::string&)>& matches, const std::string& what);
     [[noreturn]] void miss(const std::string& what);
 
     const std::string m_name;
@@ -92,8 +95,7 @@ private:
     int m_commands = -1;
     int m_events = -1;
     std::string m_partial;
-    std::vector<std::string> m_history;
-    std::vector<bool> m_isExpected; ///< per event of the history
+    actor::Told m_told;
 };
 
 } // namespace kesa::system_test

@@ -54,7 +54,7 @@ TEST_F(SystemUse, LosesAndRepeatsNothingWhileOnlyTheRegistryEndsAndReturns)
         m_user->expect("true gone-" + std::to_string(round));
         expectProgress(300);
         registry = &startRegistry();
-        m_user->send("expect back-" + std::to_string(round) + " /p /p ");
+        m_user->send("expect back-" + std::to_string(round) + " /p -");
         m_user->expect("true back-" + std::to_string(round));
         expectProgress(300);
     }
@@ -64,7 +64,7 @@ TEST_F(SystemUse, LosesAndRepeatsNothingWhileOnlyTheRegistryEndsAndReturns)
     m_user->send("reach " + last);
     m_user->expect("reached " + last);
     EXPECT_EQ(count(*m_user, "began /p"), 1U);
-    for (const char* const bad : {"gap", "gone", "broken"}) {
+    for (const char* const bad : {"gap", "gone", "unfollowed"}) {
         EXPECT_EQ(m_user->findUnexpected(bad), "");
     }
 }
@@ -91,7 +91,7 @@ TEST_F(SystemUse, FollowsAProviderWithAndWithoutTheRegistry)
     registry = &startRegistry();
     m_user->expect("there /p");
     m_user->expect("began /p");
-    EXPECT_EQ(m_user->findUnexpected("broken"), "");
+    EXPECT_EQ(m_user->findUnexpected("unfollowed"), "");
 }
 
 TEST_F(SystemUse, FindsItsServiceAgainInARunDirectoryThatIsMadeAnew)
@@ -123,7 +123,7 @@ TEST_F(SystemUse, FindsItsServiceAgainInARunDirectoryThatIsMadeAnew)
     }
     m_user->send("resolve /own");
     m_user->expect("connected /own");
-    EXPECT_EQ(m_user->findUnexpected("broken"), "");
+    EXPECT_EQ(m_user->findUnexpected("unfollowed"), "");
 }
 
 TEST_F(SystemUse, GetsOverAMomentWithoutDescriptors)

@@ -1,7 +1,7 @@
 #ifndef KESA_TESTS_SYSTEM_ACTOR_BURST_H
 #define KESA_TESTS_SYSTEM_ACTOR_BURST_H
 
-#include "Clients.h"
+#include "actor/Streams.h"
 
 #include <kesa/ease/handler.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>
@@ -17,14 +17,15 @@
 /// Many services registered at once, as "/burst/0", "/burst/1" and so on.
 class Burst {
 public:
-    Burst(kesa::runtime::v02::IKesaRuntime& runtime, std::shared_ptr<kesa::IKesaApi> api)
-        : m_runtime(runtime), m_api(std::move(api))
+    Burst(kesa::runtime::v02::IKesaRuntime& runtime, std::shared_ptr<kesa::IKesaApi> api, kesa::actor::Say say)
+        : m_runtime(runtime), m_api(std::move(api)), m_say(std::move(say))
     {}
 
     /// NAME COUNT AT [hold]
     void add(std::istream& words)
     {
         const auto progress = std::make_shared<Progress>();
+        progress->say = m_say;
         std::string hold;
         words >> progress->name >> progress->count >> progress->at >> hold;
         progress->isHeld = !hold.empty();
@@ -34,7 +35,7 @@ public:
         for (std::size_t i = 0; i < progress->count; ++i) {
             registerOne(progress);
         }
-        say("registered " + progress->name);
+        m_say("registered " + progress->name);
     }
     void release() { m_held->released.set_value(); }
     void dispose()
@@ -48,6 +49,7 @@ public:
 private:
     /// Of one command; what is not constant belongs to the executor.
     struct Progress {
+        kesa::actor::Say say;
         std::string name;
         std::size_t count = 0;
         std::size_t at = 0;
@@ -81,13 +83,14 @@ private:
                         progress->next();
                     }
                 },
-                [path](const kesa::Response& error) {
-                    say("refused " + path + ' ' + kesa::Response::getErrorMessageWithCode(error));
+                [this, path](const kesa::Response& error) {
+                    m_say("refused " + path + ' ' + kesa::Response::getErrorMessageWithCode(error));
                 })));
     }
 
     kesa::runtime::v02::IKesaRuntime& m_runtime;
     const std::shared_ptr<kesa::IKesaApi> m_api;
+    const kesa::actor::Say m_say;
     std::vector<kesa::Disposable> m_registrations;
     std::shared_ptr<Progress> m_held;
 };

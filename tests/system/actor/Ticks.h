@@ -1,19 +1,20 @@
 #ifndef KESA_TESTS_SYSTEM_ACTOR_TICKS_H
 #define KESA_TESTS_SYSTEM_ACTOR_TICKS_H
 
-#include "Clients.h"
-#include "Service.h"
+#include "actor/Service.h"
+#include "actor/Streams.h"
 
 #include <comm/Clock.h>
 #include <comm/Scheduler.h>
 
 #include <memory>
 #include <string>
+#include <utility>
 
 /// Feeds a thousand times a second; what was late is caught up.
 class Ticks {
 public:
-    explicit Ticks(Service& service) : m_service(service) {}
+    Ticks(kesa::actor::Service& service, kesa::actor::Say say) : m_service(service), m_say(std::move(say)) {}
 
     void start()
     {
@@ -23,7 +24,7 @@ public:
     void stop()
     {
         m_loop->stop();
-        say("ticked " + std::to_string(m_last));
+        m_say("ticked " + std::to_string(m_last));
     }
 
 private:
@@ -34,7 +35,8 @@ private:
         m_loop->startTimer(when + comm::MILLISECOND, [this, when] { tick(when + comm::MILLISECOND); });
     }
 
-    Service& m_service;
+    kesa::actor::Service& m_service;
+    const kesa::actor::Say m_say;
     std::shared_ptr<comm::Reactor> m_loop;
     std::size_t m_last = 0;
 };

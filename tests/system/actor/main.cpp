@@ -1,18 +1,11 @@
 // kesa_system_actor PROCESS: a process of the system that does what it is told in lines on stdin, and tells what
-// happens to it in lines on stdout. `COMMANDS` below is the list of both. The end of stdin is the end of the test: it
-// exits.
+// happens to it in lines on stdout: an `Actor`, and what `COMMANDS` below adds. The end of stdin is the end of the
+// test: it exits.
 
-#include "Beliefs.h"
 #include "Burst.h"
-#include "Clients.h"
-#include "Service.h"
 #include "Ticks.h"
-#include "Used.h"
+#include "actor/Actor.h"
 
-#include <kesa/ease/handler.h>
-#include <kesa/headers.h>
-#include <kesa/mimetypes.h>
-#include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
 #include <fcntl.h>
@@ -31,33 +24,33 @@
 extern char** environ;
 
 using kesa::runtime::v02::KesaRuntime;
-using kesa::serviceregistry::Query;
-using kesa::serviceregistry::ServiceDef;
-using Update = kesa::ResourceUpdate<ServiceDef>;
-using Resolved = kesa::optional<kesa::runtime::v02::ResolveResult<Client>>;
 
 namespace {
 
-class Actor {
-public:
-    explicit Actor(kesa::runtime::v02::IKesaRuntime& runtime) : m_runtime(runtime) {}
+void say(const std::string& event)
+{
+    const std::string line = event + '\n';
+    static_cast<void>(::write(STDOUT_FILENO, line.data(), line.size()) < 0);
+}
 
-    void provide(std::istream& words);
-    void withdraw(std::istream& words);
-    void resolve(std::istream& words);
-    void follow(std::istream& words) { m_clients.followAlways(word(words)); }
-    void call(std::istream& words);
-    void feed(std::istream& words);
+std::string word(std::istream& words)
+{
+    std::string next;
+    words >> next;
+    return next;
+}
+
+/// What only a process of its own can do.
+class ProcessActor {
+public:
+    explicit ProcessActor(kesa::runtime::v02::IKesaRuntime& runtime)
+        : m_actor(runtime, say), m_ticks(m_actor.service(), say), m_burst(runtime, m_actor.service().api(), say)
+    {}
+
+    void obey(const std::string& line);
+
     void tick(std::istream&) { m_ticks.start(); }
     void untick(std::istream&) { m_ticks.stop(); }
-    void use(std::istream& words);
-    void reach(std::istream& words);
-    void track(std::istream& words);
-    void untrack(std::istream& words);
-    void expectAll(std::istream& words) { expect(words, true); }
-    void expectSome(std::istream& words) { expect(words, false); }
-    void tellBeliefs(std::istream&) { say("beliefs " + m_beliefs.json()); }
-    void churn(std::istream& words);
     void burst(std::istream& words) { m_burst.add(words); }
     void release(std::istream&) { m_burst.release(); }
     void disposeBurst(std::istream&) { m_burst.dispose(); }
@@ -65,172 +58,15 @@ public:
     void spawnChild(std::istream& words);
     void handleTerm(std::istream& words);
 
-    static std::string word(std::istream& words)
-    {
-        std::string next;
-        words >> next;
-        return next;
-    }
-
 private:
-    void expect(std::istream& words, bool isAll);
-
-    kesa::runtime::v02::IKesaRuntime& m_runtime;
-    Service m_service;
-    Ticks m_ticks{m_service};
-    std::map<std::string, std::unique_ptr<Used>> m_used;
-    Burst m_burst{m_runtime, m_service.api()};
-    Clients m_clients;
-    Beliefs m_beliefs{say};
-    std::map<std::string, kesa::Disposable> m_registrations;
-    std::map<std::string, kesa::Disposable> m_resolved;
-    std::map<std::string, kesa::Disposable> m_tracked;
+    kesa::actor::Actor m_actor;
+    Ticks m_ticks;
+    Burst m_burst;
 };
-
-void Actor::provide(std::istream& words)
-{
-    const std::string path = word(words);
-    m_registrations[path] = m_runtime.registerService(
-        path, m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"}, kesa::GenericObject{{"generation", word(words)}},
-        kesa::handler<ServiceDef>(
-            [](const ServiceDef& service) {
-                say("provided " + service.path.toString() + ' ' + service.locators.front().toString());
-            },
-            [path](const kesa::Response& error) {
-                say("refused " + path + ' ' + kesa::Response::getErrorMessageWithCode(error));
-            }));
-}
-
-void Actor::withdraw(std::istream& words)
-{
-    m_registrations[word(words)].dispose();
-}
-
-void Actor::resolve(std::istream& words)
-{
-    const std::string what = word(words);
-    const auto failed = [what](const kesa::Response& error) {
-        say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
-    };
-    if (what.front() == '/') {
-        const auto next = [this, what, number = m_beliefs.follow('=' + what)](const Resolved& resolved) {
-            if (resolved) {
-                m_clients.connected(what, resolved->api);
-                m_beliefs.added('=' + what, number, what, "connected");
-            } else {
-                m_clients.lost(what);
-                m_beliefs.removed('=' + what, number, what);
-            }
-        };
-        m_resolved[what] = m_runtime.trackAndResolveService(what, kesa::handler<Resolved>(next, failed));
-    } else {
-        m_resolved[what] = m_runtime.resolveService(
-            kesa::url(what), kesa::handler<kesa::optional<Client>>(
-                                 [this, what](const kesa::optional<Client>& client) {
-                                     client ? m_clients.connected(what, *client) : m_clients.lost(what);
-                                 },
-                                 failed));
-    }
-}
-
-void Actor::call(std::istream& words)
-{
-    const std::string stream = word(words);
-    const std::string what = word(words);
-    const std::string resource = word(words);
-    const std::string semantic = word(words);
-    const Client client = m_clients.find(what);
-    if (!client) {
-        say("unconnected " + what);
-        return;
-    }
-    kesa::Request request("retrieve", resource, kesa::Payload::createFromString("echo", kesa::mimetypes::TEXT));
-    if (!semantic.empty()) {
-        kesa::headers::appendResponseSemantic(request, semantic);
-    }
-    say("issued " + stream);
-    client->request(request, printer(stream));
-}
-
-void Actor::feed(std::istream& words)
-{
-    const auto [taken, refused] = m_service.feed(std::stoul(word(words)));
-    say("fed " + std::to_string(taken) + ' ' + std::to_string(refused));
-}
-
-void Actor::use(std::istream& words)
-{
-    const std::string path = word(words);
-    m_used[path] = std::make_unique<Used>(m_runtime, path);
-}
-
-void Actor::reach(std::istream& words)
-{
-    m_used[word(words)]->reach(std::stoull(word(words)));
-}
-
-/// A path, or a pattern with a star.
-void Actor::track(std::istream& words)
-{
-    const std::string what = word(words);
-    auto handler = kesa::handler<Update>(
-        [this, what, number = m_beliefs.follow(what)](const Update& update) {
-            const std::string path = update.element.path.toString();
-            if (update.type == kesa::ResourceUpdateType::eREMOVED) {
-                m_beliefs.removed(what, number, path);
-                return;
-            }
-            std::string generation = "-";
-            static_cast<void>(update.element.metainfo && (*update.element.metainfo)["generation"].get(generation));
-            m_beliefs.added(what, number, path, generation);
-        },
-        [what](const kesa::Response& error) {
-            say("failed " + what + ' ' + kesa::Response::getErrorMessageWithCode(error));
-        });
-    m_tracked[what] = what.find('*') == std::string::npos ? m_runtime.trackService(what, std::move(handler))
-                                                          : m_runtime.trackServices(Query(what), std::move(handler));
-}
-
-void Actor::untrack(std::istream& words)
-{
-    const std::string what = word(words);
-    m_beliefs.forget(what);
-    m_tracked[what].dispose();
-}
-
-void Actor::expect(std::istream& words, bool isAll)
-{
-    const std::string id = word(words);
-    words.ignore();
-    std::set<std::string> facts;
-    for (std::string fact; std::getline(words, fact, ';');) {
-        facts.insert(fact);
-    }
-    m_beliefs.expect(id, std::move(facts), isAll);
-}
-
-/// Makes the registry tell much to all who track everything.
-void Actor::churn(std::istream& words)
-{
-    const int count = std::stoi(word(words));
-    const std::string filler(std::stoul(word(words)), '.');
-    for (int i = 0; i < count; ++i) {
-        m_runtime
-            .registerService("/churn", m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"},
-                             kesa::GenericObject{{"filler", filler}},
-                             kesa::handler<ServiceDef>([](const ServiceDef&) {},
-                                                       [](const kesa::Response& error) {
-                                                           say("refused /churn " +
-                                                               kesa::Response::getErrorMessageWithCode(error));
-                                                       }))
-            .dispose();
-    }
-    say("churned");
-}
 
 /// The child waits for its parent's death, and then reads the commands in its place. "raw": behind the back of the
 /// handlers that the libraries have installed for `fork`, so that everything stays open in it.
-void Actor::forkChild(std::istream& words)
+void ProcessActor::forkChild(std::istream& words)
 {
     std::array<int, 2> parentLives{};
     static_cast<void>(::pipe2(parentLives.data(), O_CLOEXEC));
@@ -245,7 +81,7 @@ void Actor::forkChild(std::istream& words)
     say("orphaned");
 }
 
-void Actor::spawnChild(std::istream&)
+void ProcessActor::spawnChild(std::istream&)
 {
     std::array<int, 2> untilMyEnd{};
     static_cast<void>(::pipe2(untilMyEnd.data(), O_CLOEXEC));
@@ -260,7 +96,7 @@ void Actor::spawnChild(std::istream&)
     say(error == 0 ? "spawned " + std::to_string(child) : "no child: error " + std::to_string(error));
 }
 
-void Actor::handleTerm(std::istream&)
+void ProcessActor::handleTerm(std::istream&)
 {
     struct sigaction action {};
     action.sa_handler = [](int) { say(::gettid() == ::getpid() ? "sigterm main" : "sigterm elsewhere"); };
@@ -269,31 +105,29 @@ void Actor::handleTerm(std::istream&)
     say("handling");
 }
 
-const std::map<std::string, void (Actor::*)(std::istream&)> COMMANDS = {
-    {"provide", &Actor::provide},        // PATH [GENERATION]: provided PATH LOCATOR; refused PATH WHY, also later
-    {"withdraw", &Actor::withdraw},      // PATH
-    {"resolve", &Actor::resolve},        // LOCATOR or PATH: connected and lost in turn, or failed WHAT WHY
-    {"follow", &Actor::follow},          // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
-    {"call", &Actor::call},              // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
-    {"feed", &Actor::feed},              // BYTES: fed TAKEN REFUSED
-    {"tick", &Actor::tick},              // feeds a thousand times a second
-    {"untick", &Actor::untick},          // ticked LAST
-    {"use", &Actor::use},                // PATH: there and gone in turn, began for each stream; gap PATH BEFORE VALUE
-    {"reach", &Actor::reach},            // PATH VALUE: reached PATH VALUE, once the stream has
-    {"track", &Actor::track},            // PATH or PATTERN
-    {"untrack", &Actor::untrack},        // what is tracked
-    {"expect", &Actor::expectAll},       // ID FACT;FACT...: true ID, once it believes just that
-    {"expect-some", &Actor::expectSome}, // ID FACT;FACT...: true ID, once it believes that too
-    {"beliefs", &Actor::tellBeliefs},    // beliefs JSON
-    {"churn", &Actor::churn},            // COUNT BYTES: churned; /churn came and went so often, with as many bytes
-    {"burst", &Actor::burst},            // NAME COUNT AT [hold]: registered NAME; reached NAME, when AT are provided,
-                                         // "hold": the executor stays in there; provided-all NAME
-    {"release", &Actor::release},        // the executor goes on
-    {"dispose-burst", &Actor::disposeBurst},
-    {"fork", &Actor::forkChild},         // [raw]: forked PID; the child: orphaned
-    {"spawn", &Actor::spawnChild},       // spawned PID
-    {"handle-term", &Actor::handleTerm}, // handling; later sigterm main
+const std::map<std::string, void (ProcessActor::*)(std::istream&)> COMMANDS = {
+    {"tick", &ProcessActor::tick},     // feeds a thousand times a second
+    {"untick", &ProcessActor::untick}, // ticked LAST
+    // NAME COUNT AT [hold]: registered NAME; reached NAME, when AT are provided, "hold": the executor stays in there;
+    // provided-all NAME
+    {"burst", &ProcessActor::burst},
+    {"release", &ProcessActor::release}, // the executor goes on
+    {"dispose-burst", &ProcessActor::disposeBurst},
+    {"fork", &ProcessActor::forkChild},         // [raw]: forked PID; the child: orphaned
+    {"spawn", &ProcessActor::spawnChild},       // spawned PID
+    {"handle-term", &ProcessActor::handleTerm}, // handling; later sigterm main
 };
+
+void ProcessActor::obey(const std::string& line)
+{
+    std::istringstream words(line);
+    const auto command = COMMANDS.find(word(words));
+    if (command != COMMANDS.end()) {
+        (this->*command->second)(words);
+    } else if (!m_actor.obey(line)) {
+        say("unknown " + line);
+    }
+}
 
 /// Byte by byte: what comes after it may be a child's.
 bool readLine(std::string& line)
@@ -318,22 +152,15 @@ int main(int argc, char** argv)
         return 1;
     }
     say("started");
-    const auto actor = std::make_unique<Actor>(*KesaRuntime::getInstance());
+    const auto actor = std::make_unique<ProcessActor>(*KesaRuntime::getInstance());
     std::string line;
     while (readLine(line)) {
-        std::istringstream words(line);
-        const std::string name = Actor::word(words);
-        if (name == "quit") {
+        if (line == "quit") {
             KesaRuntime::shutdown();
             say("ended");
             return 0;
         }
-        const auto command = COMMANDS.find(name);
-        if (command == COMMANDS.end()) {
-            say("unknown " + line);
-            continue;
-        }
-        (*actor.*command->second)(words);
+        actor->obey(line);
     }
     ::_exit(0);
 }

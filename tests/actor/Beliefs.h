@@ -1,20 +1,24 @@
-#ifndef KESA_TESTS_SYSTEM_ACTOR_BELIEFS_H
-#define KESA_TESTS_SYSTEM_ACTOR_BELIEFS_H
+#ifndef KESA_TESTS_ACTOR_BELIEFS_H
+#define KESA_TESTS_ACTOR_BELIEFS_H
+
+#include "Streams.h"
 
 #include <algorithm>
-#include <functional>
 #include <map>
 #include <mutex>
 #include <set>
 #include <string>
 #include <utility>
 
-/// What an actor believes to be there, as facts: "PATTERN PATH GENERATION" for a service it tracks, "PATH connected"
-/// for one it has resolved. It says "broken" when a stream does not tell of a service by turns that it is there and
-/// gone, and "true ID" when it believes what it has been told to expect.
+namespace kesa::actor {
+
+/// What an actor believes to be there, as facts: "PATH GENERATION" for a service it tracks, "PATTERN PATH GENERATION"
+/// for one it has found by a query, "=PATH", "=LOCATOR" or "=PATTERN PATH" for one it has resolved. It says "broken"
+/// when a stream does not tell of a service by turns that it is there and gone, and "true ID" when it believes what it
+/// has been told to expect.
 class Beliefs {
 public:
-    explicit Beliefs(std::function<void(const std::string&)> say) : m_say(std::move(say)) {}
+    explicit Beliefs(Say say) : m_say(std::move(say)) {}
 
     /// Begins to follow it, from now on under the number that is returned.
     int follow(const std::string& what)
@@ -39,6 +43,7 @@ public:
             m_say("broken " + what + ' ' + path + ' ' + generation + " is there twice");
         }
         m_facts.insert(fact(what, path, generation));
+        narrateLocked("shown ", fact(what, path, generation));
         check();
     }
     void removed(const std::string& what, int number, const std::string& path)
@@ -53,8 +58,15 @@ public:
             return;
         }
         m_facts.erase(fact(what, path, known->second));
+        narrateLocked("gone ", fact(what, path, known->second));
         m_known[what].erase(known);
         check();
+    }
+    /// From now on it says "shown FACT" and "gone FACT".
+    void narrate()
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        m_isNarrating = true;
     }
     /// `isAll`: and nothing else.
     void expect(const std::string& id, std::set<std::string> facts, bool isAll)
@@ -78,7 +90,12 @@ public:
 private:
     static std::string fact(const std::string& what, const std::string& path, const std::string& generation)
     {
-        return what + ' ' + path + ' ' + generation;
+        if (what.front() == '=') {
+            return what.compare(1, std::string::npos, path) == 0 || what.find("://") != std::string::npos
+                       ? what
+                       : what + ' ' + path;
+        }
+        return (what == path ? std::string() : what + ' ') + path + ' ' + generation;
     }
     void forgetLocked(const std::string& what)
     {
@@ -87,6 +104,12 @@ private:
             m_facts.erase(fact(what, path, generation));
         }
         m_known.erase(what);
+    }
+    void narrateLocked(const char* event, const std::string& fact)
+    {
+        if (m_isNarrating) {
+            m_say(event + fact);
+        }
     }
     void check()
     {
@@ -97,7 +120,7 @@ private:
         }
     }
 
-    const std::function<void(const std::string&)> m_say;
+    const Say m_say;
     std::mutex m_mutex;
     int m_lastNumber = 0;                 ///< under `m_mutex`
     std::map<std::string, int> m_numbers; ///< of what is followed; under `m_mutex`
@@ -105,8 +128,11 @@ private:
     std::map<std::string, std::map<std::string, std::string>> m_known;
     std::set<std::string> m_facts;    ///< the same as texts; under `m_mutex`
     std::set<std::string> m_expected; ///< under `m_mutex`
+    bool m_isNarrating = false;       ///< under `m_mutex`
     bool m_isAllExpected = true;      ///< under `m_mutex`
     std::string m_expectation;        ///< empty when there is none; under `m_mutex`
 };
+
+} // namespace kesa::actor
 
 #endif

@@ -1,14 +1,13 @@
-#ifndef KESA_TESTS_SYSTEM_ACTOR_CLIENTS_H
-#define KESA_TESTS_SYSTEM_ACTOR_CLIENTS_H
+#ifndef KESA_TESTS_ACTOR_CLIENTS_H
+#define KESA_TESTS_ACTOR_CLIENTS_H
+
+#include "Streams.h"
 
 #include <kesa/IKesaApi.h>
 #include <kesa/Request.h>
 #include <kesa/Response.h>
-#include <kesa/ease/handler.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
-
-#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -17,14 +16,9 @@
 #include <string_view>
 #include <utility>
 
-using Client = std::shared_ptr<kesa::IKesaApi>;
+namespace kesa::actor {
 
-/// Tells the test one event, as one line on stdout. Any thread.
-inline void say(const std::string& event)
-{
-    const std::string line = event + '\n';
-    static_cast<void>(::write(STDOUT_FILENO, line.data(), line.size()) < 0);
-}
+using ClientApi = std::shared_ptr<IKesaApi>;
 
 /// Up to the first space: the rest of a value only makes it large.
 inline std::string firstWord(std::string_view text)
@@ -32,40 +26,62 @@ inline std::string firstWord(std::string_view text)
     return std::string(text.substr(0, text.find(' ')));
 }
 
-inline std::unique_ptr<kesa::IResponseHandler<kesa::Response>> printer(const std::string& stream)
+/// What a request is answered through: value, error and completed of `stream`.
+inline std::unique_ptr<IResponseHandler<Response>> printer(const Streams& streams, const Say& say,
+                                                           const std::string& stream)
 {
-    return kesa::handler<kesa::Response>(
-        [stream](const kesa::Response& response) {
+    return streams.make<Response>(
+        stream,
+        [stream, say](const Response& response) {
             say("value " + stream + ' ' + firstWord(response.getPayload().text()));
         },
-        [stream](const kesa::Response& error) {
+        [stream, say](const Response& error) {
             say("error " + stream + ' ' + std::to_string(error.getStatus()) + ' ' + error.getErrorMessage());
         },
-        [stream] { say("completed " + stream); });
+        [stream, say] { say("completed " + stream); });
 }
 
 /// The client objects that are connected, by what they were resolved from: a locator or a path.
 class Clients {
 public:
-    void connected(const std::string& what, const Client& client)
+    Clients(const Streams& streams, Say say) : m_streams(streams), m_say(std::move(say)) {}
+
+    void connected(const std::string& what, const ClientApi& client)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         m_clients[what] = client;
-        say("connected " + what);
+        m_say("connected " + what);
         follow(what);
     }
     void lost(const std::string& what)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        say("lost " + what);
+        m_say("lost " + what);
         const auto followed = m_followed.find(what);
         if (followed != m_followed.end()) { // it may have been issued over the next connection
             m_clients[what]->cancel(std::exchange(followed->second.handle, nullptr));
-            say("cancelled " + streamOf(*followed));
+            m_say("cancelled " + streamOf(*followed));
         }
         m_clients.erase(what);
     }
-    Client find(const std::string& what)
+    /// As its user wants it; whoever follows it does so no longer.
+    void drop(const std::string& what)
+    {
+        ClientApi dropped;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        dropped = std::exchange(m_clients[what], nullptr);
+        m_clients.erase(what);
+        m_followed.erase(what);
+        m_say("dropped " + what);
+    }
+    void dropAll()
+    {
+        std::map<std::string, ClientApi> dropped;
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        dropped.swap(m_clients);
+        m_followed.clear();
+    }
+    ClientApi find(const std::string& what)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         const auto found = m_clients.find(what);
@@ -100,15 +116,19 @@ private:
         }
         ++followed->second.times;
         const std::string stream = streamOf(*followed);
-        say("issued " + stream);
-        kesa::Request request("retrieve", "/feed");
-        kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::PERSISTENT_STREAM);
-        followed->second.handle = found->second->request(request, printer(stream));
+        m_say("issued " + stream);
+        Request request("retrieve", "/feed");
+        headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
+        followed->second.handle = found->second->request(request, printer(m_streams, m_say, stream));
     }
 
+    const Streams& m_streams;
+    const Say m_say;
     std::mutex m_mutex;
-    std::map<std::string, Client> m_clients;    ///< under `m_mutex`
+    std::map<std::string, ClientApi> m_clients; ///< under `m_mutex`
     std::map<std::string, Followed> m_followed; ///< under `m_mutex`
 };
+
+} // namespace kesa::actor
 
 #endif

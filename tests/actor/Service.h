@@ -1,5 +1,5 @@
-#ifndef KESA_TESTS_SYSTEM_ACTOR_SERVICE_H
-#define KESA_TESTS_SYSTEM_ACTOR_SERVICE_H
+#ifndef KESA_TESTS_ACTOR_SERVICE_H
+#define KESA_TESTS_ACTOR_SERVICE_H
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/mimetypes.h>
@@ -12,27 +12,28 @@
 #include <utility>
 #include <vector>
 
+namespace kesa::actor {
+
 /// What an actor provides: "/echo" answers at once, "/hang" never, "/feed" with 0 at once and then with what `feed`
 /// says.
 class Service {
 public:
     Service()
     {
-        m_api->onRetrieve("/echo", [](const kesa::Request& request, kesa::Responder responder) {
-            responder.answer(request.getPayload());
-        });
-        m_api->onRetrieve("/hang", [this](const kesa::Request&, kesa::Responder responder) {
+        m_api->onRetrieve("/echo",
+                          [](const Request& request, Responder responder) { responder.answer(request.getPayload()); });
+        m_api->onRetrieve("/hang", [this](const Request&, Responder responder) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_hanging.push_back(std::move(responder));
         });
-        m_api->onRetrieve("/feed", [this](const kesa::Request&, kesa::Responder responder) {
+        m_api->onRetrieve("/feed", [this](const Request&, Responder responder) {
             static_cast<void>(responder.next(text("0")));
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_followers.push_back(std::move(responder));
         });
     }
 
-    std::shared_ptr<kesa::IKesaApi> api() const { return m_api; }
+    std::shared_ptr<IKesaApi> api() const { return m_api; }
 
     /// Sends the next number to each that follows, filled up to `bytes`. Who refuses it follows no longer. How many
     /// took it, and how many refused it.
@@ -41,25 +42,24 @@ public:
         const std::lock_guard<std::mutex> lock(m_mutex);
         std::string content = std::to_string(++m_fed) + ' ';
         content.resize(std::max(bytes, content.size()), '.');
-        const kesa::Payload payload = text(std::move(content));
+        const Payload payload = text(std::move(content));
         const std::size_t before = m_followers.size();
         m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(),
-                                         [&payload](kesa::Responder& follower) { return follower.next(payload); }),
+                                         [&payload](Responder& follower) { return follower.next(payload); }),
                           m_followers.end());
         return {m_followers.size(), before - m_followers.size()};
     }
 
 private:
-    static kesa::Payload text(std::string content)
-    {
-        return kesa::Payload::createFromString(std::move(content), kesa::mimetypes::TEXT);
-    }
+    static Payload text(std::string content) { return Payload::createFromString(std::move(content), mimetypes::TEXT); }
 
-    const std::shared_ptr<kesa::ResourceHandler> m_api = std::make_shared<kesa::ResourceHandler>();
+    const std::shared_ptr<ResourceHandler> m_api = std::make_shared<ResourceHandler>();
     std::mutex m_mutex;
-    std::vector<kesa::Responder> m_followers; ///< under `m_mutex`
-    std::vector<kesa::Responder> m_hanging;   ///< under `m_mutex`
-    std::size_t m_fed = 0;                    ///< under `m_mutex`
+    std::vector<Responder> m_followers; ///< under `m_mutex`
+    std::vector<Responder> m_hanging;   ///< under `m_mutex`
+    std::size_t m_fed = 0;              ///< under `m_mutex`
 };
+
+} // namespace kesa::actor
 
 #endif

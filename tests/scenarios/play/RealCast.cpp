@@ -1,0 +1,95 @@
+#include "Cast.h"
+#include "system/Stage.h"
+
+#include <algorithm>
+#include <csignal>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace kesa::scenarios {
+
+namespace {
+
+using system_test::Options;
+using system_test::Process;
+using system_test::Stage;
+
+class RealCast final : public Cast {
+public:
+    explicit RealCast(const Scenario& scenario) : m_services(scenario.services) {}
+
+    void start(const std::string& who, const std::string& comm) override
+    {
+        Options options;
+        options.comm = comm.empty() ? "{}" : comm;
+        options.document = m_services ? Options::Document::eWITHOUT_REGISTRY : Options::Document::eWITH_REGISTRY;
+        options.services = m_services.value_or(std::vector<std::string>());
+        m_members[who] = who == REGISTRY ? &m_stage.launchRegistry(options) : &m_stage.launch(who, options);
+    }
+    void kill(const std::string& who) override { of(who).kill(); }
+    void quit(const std::string& who) override
+    {
+        if (who == REGISTRY) {
+            of(who).expect("kesa-registryd: ready at"); // before that, the signal may end it in any way
+            of(who).signal(SIGTERM);
+        } else {
+            of(who).send("quit");
+        }
+        if (const int status = of(who).expectEnd(); status != 0) {
+            throw Mistake(who + " ends with status " + std::to_string(status));
+        }
+    }
+    void stop(const std::string& who) override { of(who).stop(); }
+    void resume(const std::string& who) override { of(who).resume(); }
+    void cut(const std::string&, const std::string&) override
+    {
+        throw Mistake("connections of real processes cannot be cut: add \"only-simulated: REASON\"");
+    }
+    void tell(const std::string& who, const std::string& line) override { of(who).send(line); }
+    std::optional<std::string> hears(const std::string& who, const std::string& beginning) override
+    {
+        try {
+            return of(who).expect(beginning);
+        } catch (const system_test::Missing&) {
+            return std::nullopt;
+        }
+    }
+    const actor::Told& told(const std::string& who) override { return of(who).told(); }
+    std::string hint(const std::string& who) override
+    {
+        const std::string all = of(who).traces();
+        return "its traces:\n" + all.substr(all.size() - std::min<std::size_t>(all.size(), 6000));
+    }
+    void pause() override {}
+
+    std::string end() override
+    {
+        std::string broken;
+        for (Process& process : m_stage.processes()) {
+            process.resume();
+            broken += Stage::complaintAbout(process);
+            if (const std::string bad = process.findBad(); !bad.empty()) {
+                broken += process.name() + ": " + bad + '\n' + process.traces();
+            }
+        }
+        return broken;
+    }
+
+private:
+    Process& of(const std::string& who) { return *m_members.at(who); }
+
+    const std::optional<std::vector<std::string>> m_services;
+    Stage m_stage;
+    std::map<std::string, Process*> m_members;
+};
+
+} // namespace
+
+std::unique_ptr<Cast> makeRealCast(const Scenario& scenario)
+{
+    return std::make_unique<RealCast>(scenario);
+}
+
+} // namespace kesa::scenarios

@@ -1,0 +1,62 @@
+#ifndef KESA_TESTS_SYSTEM_STAGE_H
+#define KESA_TESTS_SYSTEM_STAGE_H
+
+#include "Process.h"
+
+#include <list>
+#include <string>
+#include <vector>
+
+namespace kesa::system_test {
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+inline constexpr bool IS_SANITIZED = true; // with descriptors and memory of its own, and slow
+#else
+inline constexpr bool IS_SANITIZED = false;
+#endif
+
+/// How a process is started.
+struct Options {
+    std::string comm = "{}";             ///< the document's "comm"
+    std::vector<std::string> services{}; ///< locators of services, under their paths
+    std::string trace = "*=2";
+    bool isNobody = false;
+    enum class Document { eWITHOUT_REGISTRY, eWITH_REGISTRY, eNONE };
+    Document document = Document::eWITHOUT_REGISTRY;
+};
+
+/// For clients of `kesa-registryd`, and itself.
+inline const Options WITH_REGISTRY{.document = Options::Document::eWITH_REGISTRY};
+
+/// Processes in a run directory of their own.
+class Stage {
+public:
+    Stage();
+    ~Stage();
+    Stage(const Stage&) = delete;
+    Stage& operator=(const Stage&) = delete;
+
+    /// An actor that is not waited for.
+    Process& launch(const std::string& process, const Options& options = {});
+    Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
+    Process& launchRegistry(const Options& options = WITH_REGISTRY);
+    std::list<Process>& processes() { return m_processes; }
+    /// Ends a process and forgets it.
+    void discard(Process& process);
+
+    /// What is wrong with how a process has run or what it was told, with all that; empty when nothing is.
+    static std::string complaintAbout(Process& process);
+
+    const std::string& runDirectory() const { return m_runDirectory; }
+    bool isInRunDirectory(const std::string& file) const;
+
+private:
+    std::string m_directory;
+    std::string m_runDirectory;
+    std::list<Process> m_processes;
+    int m_documents = 0;
+};
+
+} // namespace kesa::system_test
+
+#endif
