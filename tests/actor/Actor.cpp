@@ -2,8 +2,10 @@
 
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
+#include <kesa/reasonOf.h>
 
 #include <sstream>
+#include <utility>
 
 namespace kesa::actor {
 
@@ -46,7 +48,7 @@ Actor::Actor(runtime::v02::IKesaRuntime& runtime, const Say& say)
 
 void Actor::failed(const std::string& what, const Response& error)
 {
-    m_say("failed " + what + ' ' + Response::getErrorMessageWithCode(error));
+    m_say("failed " + what + ' ' + reasonOf(error));
 }
 
 void Actor::provide(Words& words)
@@ -55,7 +57,7 @@ void Actor::provide(Words& words)
     const std::string generation = word(words);
     GenericObject metainfo{{"generation", generation}};
     setPairs(words, metainfo);
-    m_registrations[path] = m_runtime.registerService(
+    m_registrations[path].push_back(m_runtime.registerService(
         path, m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"}, metainfo,
         m_streams.make<ServiceDef>(
             "registration of " + path,
@@ -63,13 +65,15 @@ void Actor::provide(Words& words)
                 m_say("provided " + service.path.toString() + ' ' + service.locators.front().toString());
             },
             [this, path](const Response& error) {
-                m_say("refused " + path + ' ' + Response::getErrorMessageWithCode(error));
-            }));
+                m_say("refused " + path + ' ' + reasonOf(error));
+            })));
 }
 
 void Actor::withdraw(Words& words)
 {
-    m_registrations[word(words)].dispose();
+    for (Disposable& registration : std::exchange(m_registrations[word(words)], {})) {
+        registration.dispose();
+    }
 }
 
 void Actor::resolve(Words& words)
@@ -212,7 +216,7 @@ void Actor::churn(Words& words)
     for (int i = 0; i < count; ++i) {
         auto handler = m_streams.make<ServiceDef>(
             "/churn", [](const ServiceDef&) {},
-            [this](const Response& error) { m_say("refused /churn " + Response::getErrorMessageWithCode(error)); });
+            [this](const Response& error) { m_say("refused /churn " + reasonOf(error)); });
         m_runtime
             .registerService("/churn", m_service.api(), ServiceDef::TypeEnum::pex, {"1.0.0"},
                              GenericObject{{"filler", filler}}, std::move(handler))
@@ -224,7 +228,12 @@ void Actor::churn(Words& words)
 void Actor::disposeAll()
 {
     m_used.clear();
-    for (auto* const held : {&m_registrations, &m_resolved, &m_tracked}) {
+    for (auto& [path, registrations] : m_registrations) {
+        for (Disposable& registration : registrations) {
+            registration.dispose();
+        }
+    }
+    for (auto* const held : {&m_resolved, &m_tracked}) {
         for (auto& [what, disposable] : *held) {
             disposable.dispose();
         }

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace kesa::actor {
 
@@ -65,7 +66,7 @@ private:
     Beliefs m_beliefs;
     std::map<std::string, std::unique_ptr<Used>> m_used;
     std::map<std::string, Issued> m_issued;
-    std::map<std::string, Disposable> m_registrations;
+    std::map<std::string, std::vector<Disposable>> m_registrations; ///< also those that were refused
     std::map<std::string, Disposable> m_resolved;
     std::map<std::string, Disposable> m_tracked;
 };

@@ -4,6 +4,7 @@
 #include "Scenario.h"
 #include "actor/Told.h"
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -25,6 +26,8 @@ public:
     virtual void resume(const std::string& who) = 0;
     /// The connections between the two end, and nobody died.
     virtual void cut(const std::string& who, const std::string& other) = 0;
+    /// That loop of it runs nothing for so long, while its program and everybody else go on.
+    virtual void leaveBehind(const std::string& who, const std::string& loop, std::chrono::milliseconds time) = 0;
     /// Gives an actor a command.
     virtual void tell(const std::string& who, const std::string& line) = 0;
     /// Waits until it has told that, and takes it; what follows in that line, if it came.

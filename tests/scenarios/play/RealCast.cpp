@@ -47,6 +47,10 @@ public:
     {
         throw Mistake("connections of real processes cannot be cut: add \"only-simulated: REASON\"");
     }
+    void leaveBehind(const std::string&, const std::string&, std::chrono::milliseconds) override
+    {
+        throw Mistake("loops of real processes cannot be left behind: add \"only-simulated: REASON\"");
+    }
     void tell(const std::string& who, const std::string& line) override { of(who).send(line); }
     std::optional<std::string> hears(const std::string& who, const std::string& beginning) override
     {

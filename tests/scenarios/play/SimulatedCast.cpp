@@ -88,6 +88,10 @@ public:
     {
         m_world.network().cut(running(who).process->group, running(other).process->group);
     }
+    void leaveBehind(const std::string& who, const std::string& loop, std::chrono::milliseconds time) override
+    {
+        m_world.leaveBehind(*running(who).process, loop, std::chrono::nanoseconds(time).count());
+    }
     void tell(const std::string& who, const std::string& line) override
     {
         Member& member = running(who);

@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <sstream>
 
 namespace kesa::scenarios {
 
@@ -45,6 +46,14 @@ private:
             {"stop", [](Cast& cast, const Step& is) { cast.stop(is.who); }},
             {"continue", [](Cast& cast, const Step& is) { cast.resume(is.who); }},
             {"cut", [](Cast& cast, const Step& is) { cast.cut(is.who, is.arguments); }},
+            {"behind",
+             [](Cast& cast, const Step& is) {
+                 std::istringstream words(is.arguments);
+                 std::string loop;
+                 int milliseconds = 0;
+                 words >> loop >> milliseconds;
+                 cast.leaveBehind(is.who, loop, std::chrono::milliseconds(milliseconds));
+             }},
         };
         if (step.command == "expect" || step.command == "expect-some") {
             return expect(step);
