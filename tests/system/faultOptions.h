@@ -8,7 +8,7 @@ namespace kesa::system_test {
 struct FaultOptions {
     int count = 100;
     std::uint64_t seed = 1;
-    /// Of the registry, in `SystemUse` and in each cell of `SystemGhosts`; 0: the few of the small form.
+    /// Of the registry, in each cell of `SystemGhosts`; 0: the few of the small form.
     int restarts = 0;
 };
 

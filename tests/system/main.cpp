@@ -15,8 +15,8 @@ int main(int argc, char** argv)
     app.add_option("--seed", kesa::system_test::faultOptions.seed, "From which they are drawn.")->capture_default_str();
     app.add_option(
         "--restarts", kesa::system_test::faultOptions.restarts,
-        "How often SystemUse starts the registry again, and SystemGhosts for each signal and size of burst; without it "
-        "a few times, with a small one that is held.");
+        "How often SystemGhosts starts the registry again for each signal and size of burst; without it a few times, "
+        "with a small one that is held.");
     CLI11_PARSE(app, argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -11,7 +11,7 @@ namespace kesa::scenarios {
 namespace {
 
 const std::vector<std::string> OF_THE_STAGE = {"start", "kill", "quit", "stop", "continue", "hears", "unheard", "cut", "behind"};
-const std::vector<std::string> OF_PROCESSES = {"tick", "untick", "fork", "spawn", "handle-term"};
+const std::vector<std::string> OF_PROCESSES = {"fork", "spawn", "handle-term"};
 
 bool contains(const std::vector<std::string>& words, const std::string& word)
 {

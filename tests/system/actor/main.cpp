@@ -3,7 +3,6 @@
 // test: it exits.
 
 #include "Burst.h"
-#include "Ticks.h"
 #include "actor/Actor.h"
 
 #include <kesa/runtime/v02/KesaRuntime.h>
@@ -44,13 +43,11 @@ std::string word(std::istream& words)
 class ProcessActor {
 public:
     explicit ProcessActor(kesa::runtime::v02::IKesaRuntime& runtime)
-        : m_actor(runtime, say), m_ticks(m_actor.service(), say), m_burst(runtime, m_actor.service().api(), say)
+        : m_actor(runtime, say), m_burst(runtime, m_actor.service().api(), say)
     {}
 
     void obey(const std::string& line);
 
-    void tick(std::istream&) { m_ticks.start(); }
-    void untick(std::istream&) { m_ticks.stop(); }
     void burst(std::istream& words) { m_burst.add(words); }
     void release(std::istream&) { m_burst.release(); }
     void disposeBurst(std::istream&) { m_burst.dispose(); }
@@ -60,7 +57,6 @@ public:
 
 private:
     kesa::actor::Actor m_actor;
-    Ticks m_ticks;
     Burst m_burst;
 };
 
@@ -106,8 +102,6 @@ void ProcessActor::handleTerm(std::istream&)
 }
 
 const std::map<std::string, void (ProcessActor::*)(std::istream&)> COMMANDS = {
-    {"tick", &ProcessActor::tick},     // feeds a thousand times a second
-    {"untick", &ProcessActor::untick}, // ticked LAST
     // NAME COUNT AT [hold]: registered NAME; reached NAME, when AT are provided, "hold": the executor stays in there;
     // provided-all NAME
     {"burst", &ProcessActor::burst},
