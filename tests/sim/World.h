@@ -141,6 +141,7 @@ private:
     std::shared_ptr<Belief> provided(const std::string& process, const std::string& path) const;
     static std::shared_ptr<Belief> registered(const Process& process, const std::string& path);
     bool isTakenBack();
+    bool asksTheRegistry(const std::string& process);
     void checkEnds(Process& process);
     void checkRefusals();
     bool isDoubleClaim(const Belief& refused) const;

@@ -2,6 +2,8 @@
 
 #include "World.h"
 
+#include <kesa/core/response_handlers.h>
+
 #include <algorithm>
 
 namespace kesa::sim {
@@ -118,9 +120,28 @@ void World::disposeAll()
         m_verdict->fail("nothing is left when all is disposed", difference);
     }
     lock.unlock();
+    for (const auto& process : m_processes) {
+        if (hasRegistry() && asksTheRegistry(process->name)) {
+            m_verdict->fail("nothing is left when all is disposed", process->name + ": requests at the registry");
+        }
+    }
     if (m_scheduler && m_network->openStreams() > 2 * connections) {
         m_verdict->fail("nothing is left when all is disposed", "connections");
     }
+}
+
+/// Whether the registry has a request of the process's that has not ended.
+bool World::asksTheRegistry(const std::string& process)
+{
+    bool isKnown = false;
+    registry().host->registry().explain(std::make_unique<responsehandlers::FuncResponseHandler<GenericObject>>(
+                                            [&isKnown](const GenericObject& answer) {
+                                                isKnown = answer["for"]["known"] == true;
+                                                return false;
+                                            },
+                                            [](const Response&) {}, [] {}),
+                                        Path(REGISTRY_PATH), process);
+    return isKnown;
 }
 
 bool World::isTakenBack()
