@@ -67,7 +67,7 @@ function(kesa_tests name)
   list(TRANSFORM T_SEES PREPEND kesa_)
   add_executable(kesa_${name}_tests ${sources})
   target_include_directories(kesa_${name}_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}
-    ${PROJECT_SOURCE_DIR}/platform/tracing/testing)
+    ${PROJECT_SOURCE_DIR}/platform/tracing/testing ${PROJECT_SOURCE_DIR}/tests/support)
   target_link_libraries(kesa_${name}_tests PRIVATE ${T_SEES} ${T_LIBS} GTest::gmock GTest::gtest_main)
   target_precompile_headers(kesa_${name}_tests PRIVATE <gmock/gmock.h> <gtest/gtest.h> <memory> <string> <vector>)
   add_test(NAME ${name} COMMAND kesa_${name}_tests)
