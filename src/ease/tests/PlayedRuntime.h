@@ -25,10 +25,15 @@ public:
         registrator = std::move(handler);
         return Disposable([this, path] { log.push_back("unregister " + path); });
     }
-    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const std::vector<std::string>&,
-                               const GenericObject&, std::unique_ptr<IResponseHandler<ServiceDef>>&&) override
+    Disposable registerService(const std::string& path, Api api, ServiceDef::TypeEnum type,
+                               const std::vector<std::string>& versions, const GenericObject& metainfo,
+                               std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) override
     {
-        return {};
+        registered = std::move(api);
+        registrator = std::move(handler);
+        log.push_back("register " + path + ' ' + *ServiceDef::enumToValue(type) + ' ' + versions.front() + ' ' +
+                      util::config::Value(metainfo).toText());
+        return Disposable([this, path] { log.push_back("unregister " + path); });
     }
     Disposable trackService(const std::string& path, bool,
                             std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
@@ -51,7 +56,10 @@ public:
     {
         return {};
     }
-    Disposable resolveService(const url&, std::unique_ptr<IResponseHandler<optional<Api>>>&&) override { return {}; }
+    Disposable resolveService(const url& locator, std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
+    {
+        return resolveService(record(locator.toString()), std::move(handler));
+    }
     Disposable resolveService(const ServiceDef& record,
                               std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
     {
@@ -60,11 +68,13 @@ public:
         before = std::exchange(resolving, std::move(handler));
         return Disposable([this, locator] { log.push_back("release " + locator); });
     }
-    Disposable
-    trackAndResolveService(const std::string&,
-                           std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>>&&) override
+    Disposable trackAndResolveService(
+        const std::string& path,
+        std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>>&& handler) override
     {
-        return {};
+        log.push_back("track and resolve " + path);
+        trackingAndResolving = std::move(handler);
+        return Disposable([this] { log.push_back("untrack"); });
     }
     Disposable
     trackAndResolveServices(const Query&,
@@ -109,10 +119,12 @@ public:
     Api registryAtOnce; ///< connected inside the call that tracks it
     std::vector<std::string> log;
     std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
+    Api registered; ///< with versions
     std::vector<std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>> trackings;
     IResponseHandler<ResourceUpdate<ServiceDef>>* tracking = nullptr; ///< the last one
     std::unique_ptr<IResponseHandler<optional<Api>>> resolving;
     std::unique_ptr<IResponseHandler<optional<Api>>> before; ///< of the resolving that has been released
+    std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>> trackingAndResolving;
 
 private:
     void update(ResourceUpdateType type, const std::string& locator) const

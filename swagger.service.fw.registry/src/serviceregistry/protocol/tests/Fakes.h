@@ -1,6 +1,7 @@
 #ifndef KESA_SERVICEREGISTRY_PROTOCOL_TESTS_FAKES_H
 #define KESA_SERVICEREGISTRY_PROTOCOL_TESTS_FAKES_H
 
+#include <NotingHandler.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
@@ -16,7 +17,7 @@
 
 namespace kesa::serviceregistry::test {
 
-using Lines = std::vector<std::string>;
+using kesa::test::Lines;
 using Updates = std::vector<RegistryUpdate>;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -45,59 +46,38 @@ inline RegistryUpdate added(const std::string& path)
 {
     return RegistryUpdate(RegistryUpdate::UpdateTypeEnum::ADDED, std::make_shared<ServiceDef>(serviceAt(path)));
 }
-inline std::string jsonOfService(const std::string& path)
-{
-    return R"({"path":")" + path + R"(","type":"pex","versions":[],"locators":[]})";
-}
-inline std::string jsonOfAdded(const std::string& path)
-{
-    return R"({"updateType":"ADDED","element":)" + jsonOfService(path) + "}";
-}
-
-/// Notes each call, and its own end as "gone".
 template <class T>
-class NotingHandler final : public IResponseHandler<T> {
-public:
-    explicit NotingHandler(Lines& lines) : m_lines(lines) {}
-    ~NotingHandler() override { m_lines.emplace_back("gone"); }
-    bool onNext(const T& value) override
-    {
-        m_lines.push_back(jsonOf(value));
-        return false;
-    }
-    void onError(const Response& error) override
-    {
-        m_lines.push_back("error " + Response::getErrorMessageWithCode(error));
-    }
-    void onCompleted() override { m_lines.emplace_back("completed"); }
+std::unique_ptr<IResponseHandler<T>> noting(Lines& lines)
+{
+    return std::make_unique<kesa::test::NotingHandler<T>>(lines, [](const T& value) { return jsonOf(value); });
+}
 
-private:
-    Lines& m_lines;
-};
-
-/// Keeps what is sent, and lets the test answer.
-class FakeApi final : public IKesaApi {
+/// Keeps what is sent, and passes it on to the service; without one the test answers.
+class Wire final : public IKesaApi {
 public:
-    struct Sent {
-        Request request;
-        std::unique_ptr<IResponseHandler<Response>> answers;
-    };
+    explicit Wire(std::shared_ptr<IKesaApi> service = nullptr) : m_service(std::move(service)) {}
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
     {
-        sent.push_back({request, std::move(handler)});
+        sent.push_back(request);
+        if (m_service) {
+            return m_service->request(request, std::move(handler));
+        }
+        answers.push_back(std::move(handler));
         return handleOf(sent.size());
     }
-    void cancel(void* handle) override { cancelled.push_back(handle); }
+    void cancel(void* handle) override { m_service->cancel(handle); }
 
-    std::vector<Sent> sent;
-    std::vector<void*> cancelled;
+    std::vector<Request> sent;
+    std::vector<std::unique_ptr<IResponseHandler<Response>>> answers;
+
+private:
+    std::shared_ptr<IKesaApi> m_service;
 };
 
 /// Notes how it is called, keeps the handlers, and lets the test answer.
 class FakeRegistry final : public IServiceRegistry {
 public:
     explicit FakeRegistry(Lines& calls) : m_calls(calls) {}
-    ~FakeRegistry() override { m_calls.emplace_back("gone"); }
 
     void* queryRegistry(std::unique_ptr<IResponseHandler<Updates>>&& handler, const Query& query) override
     {
