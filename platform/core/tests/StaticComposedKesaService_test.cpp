@@ -1,3 +1,5 @@
+// One service made of several resources, each below a root of its own, and the life of its requests.
+#include <NotingHandler.h>
 #include <kesa/StaticComposedKesaService.h>
 
 #include <atomic>
@@ -8,35 +10,15 @@
 namespace {
 
 using namespace kesa;
-using Log = std::vector<std::string>;
+using test::Lines;
 using testing::ElementsAre;
-
-class Client : public IResponseHandler<Response> {
-public:
-    explicit Client(Log& log) : m_log(log) {}
-    ~Client() override { m_log.push_back("~"); }
-    bool onNext(const Response& response) override
-    {
-        m_log.emplace_back(response.getPayload().text());
-        if (inNext) {
-            std::exchange(inNext, nullptr)();
-        }
-        return false;
-    }
-    void onError(const Response& error) override { m_log.push_back(std::to_string(error.getStatus())); }
-    void onCompleted() override { m_log.push_back("done"); }
-    std::function<void()> inNext;
-
-private:
-    Log& m_log;
-};
+using Handler = std::unique_ptr<IResponseHandler<Response>>;
 
 /// Keeps what it is asked, and lets the test answer.
 class Resource : public IResourceHandler {
 public:
-    explicit Resource(Log& log) : m_log(log) {}
-    void* actionRequest(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler,
-                        const std::string& dispatch) override
+    explicit Resource(Lines& log) : m_log(log) {}
+    void* actionRequest(const Request& request, Handler&& handler, const std::string& dispatch) override
     {
         m_log.push_back("asked " + request.getPath() + " at " + dispatch);
         answers = std::move(handler);
@@ -51,10 +33,10 @@ public:
         answers.reset();
     }
     std::function<void()> inAction;
-    std::unique_ptr<IResponseHandler<Response>> answers;
+    Handler answers;
 
 private:
-    Log& m_log;
+    Lines& m_log;
 };
 
 Response text(const char* value)
@@ -68,97 +50,96 @@ protected:
     {
         std::map<std::string, std::unique_ptr<IResourceHandler>> handlers;
         for (const char* root : {"/", "/a", "/a/b"}) {
-            auto resource = std::make_unique<Resource>(service);
+            auto resource = std::make_unique<Resource>(log);
             resources[root] = resource.get();
             handlers[root] = std::move(resource);
         }
         composed = std::make_unique<StaticComposedKesaService>(std::move(handlers));
     }
-    void* ask(const std::string& path)
+    Handler client()
     {
-        return composed->request(Request("retrieve", path), std::make_unique<Client>(client));
+        return std::make_unique<test::NotingHandler<Response>>(log, [this](const Response& response) {
+            if (inNext) {
+                std::exchange(inNext, nullptr)();
+            }
+            return std::string(response.getPayload().text());
+        });
     }
+    void* ask(const std::string& path) { return composed->request(Request("retrieve", path), client()); }
+    Lines take() { return std::exchange(log, {}); }
 
-    Log client, service;
+    Lines log; ///< of clients and resources
+    std::function<void()> inNext;
     std::map<std::string, Resource*> resources;
     std::unique_ptr<StaticComposedKesaService> composed;
 };
 
+const std::string DROPPED = "503: the service dropped the request without an answer";
+const std::string ENDED = "503: the service has ended";
+
 TEST_F(StaticComposed, LongestRootBySegmentsServes)
 {
-    for (const char* path : {"/", "/ab", "/a/", "/a/bc", "/a/b/c"}) {
-        ask(path);
+    const std::pair<const char*, const char*> roots[] = {
+        {"/", "/"}, {"/ab", "/"}, {"/a/", "/a"}, {"/a/bc", "/a"}, {"/a/b/c", "/a/b"}};
+    for (const auto& [path, root] : roots) {
+        void* const handle = ask(path);
+        EXPECT_THAT(take(), ElementsAre(std::string("asked ") + path + " at " + root));
+        composed->cancel(handle);
+        EXPECT_THAT(take(), ElementsAre("~", "cancelled 77"));
     }
-    EXPECT_THAT(service, ElementsAre("asked / at /", "asked /ab at /", "asked /a/ at /a", "asked /a/bc at /a",
-                                     "asked /a/b/c at /a/b"));
     StaticComposedKesaService empty({});
-    auto handler = std::unique_ptr<IResponseHandler<Response>>(std::make_unique<Client>(client));
-    client.clear();
+    Handler handler = client();
     EXPECT_EQ(empty.request(Request("retrieve", "/"), std::move(handler)), IKesaApi::UNDEFINED_REQUEST_HANDLE);
-    EXPECT_THAT(client, ElementsAre("404"));
+    EXPECT_THAT(log, ElementsAre("404: no resource at '/'"));
     EXPECT_TRUE(handler) << "stays with the caller";
 }
 
 TEST_F(StaticComposed, PassesAnswersOnUntilTheEnd)
 {
     EXPECT_NE(ask("/x"), ask("/x")) << "the first one is dropped by the resource, which answers it";
-    EXPECT_THAT(client, ElementsAre("503", "~"));
-    client.clear();
+    EXPECT_THAT(take(), ElementsAre("asked /x at /", "asked /x at /", DROPPED, "~"));
     EXPECT_FALSE(resources["/"]->answers->onNext(text("1")));
     resources["/"]->answers->onCompleted();
-    EXPECT_THAT(client, ElementsAre("1", "done", "~"));
+    EXPECT_THAT(take(), ElementsAre("1", "done", "~"));
     EXPECT_TRUE(resources["/"]->answers->onNext(text("2")));
     resources["/"]->answers->onError(text("x"));
-    EXPECT_EQ(client.size(), 3u);
-}
-
-TEST_F(StaticComposed, CancelReachesTheResourceAndNothingComesAfter)
-{
-    void* const handle = ask("/a");
-    composed->cancel(handle);
-    EXPECT_THAT(service, ElementsAre("asked /a at /a", "cancelled 77"));
-    EXPECT_THAT(client, ElementsAre("~"));
-    composed->cancel(handle);
-    composed->cancel(IKesaApi::UNDEFINED_REQUEST_HANDLE);
-    EXPECT_EQ(service.size(), 2u);
+    EXPECT_THAT(log, ElementsAre());
 }
 
 TEST_F(StaticComposed, AHandlerMayCancelItselfFromInside)
 {
-    auto handler = std::make_unique<Client>(client);
-    Client* const raw = handler.get();
-    void* const handle = composed->request(Request("retrieve", "/a"), std::move(handler));
-    raw->inNext = [&] {
-        composed->cancel(handle);
-        client.push_back("cancel returned");
-    };
+    void* const handle = ask("/a");
     // The resource lets go of the very handler it is calling.
-    const auto answers = std::move(resources["/a"]->answers);
+    const Handler answers = std::move(resources["/a"]->answers);
+    inNext = [&] {
+        composed->cancel(handle);
+        log.emplace_back("cancel returned");
+    };
     EXPECT_FALSE(answers->onNext(text("1")));
     EXPECT_TRUE(answers->onNext(text("2")));
-    EXPECT_THAT(client, ElementsAre("1", "cancel returned", "~"));
+    composed->cancel(handle);
+    composed->cancel(IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    EXPECT_THAT(log, ElementsAre("asked /a at /a", "cancelled 77", "cancel returned", "1", "~"));
 }
 
 TEST_F(StaticComposed, EndingAnswersEverythingOnce)
 {
     ask("/a");
     ask("/a/b");
+    take();
     composed->endOutstandingRequests();
-    EXPECT_THAT(client, ElementsAre("503", "~", "503", "~")) << "a stream is never completed by it";
-    EXPECT_EQ(service.size(), 4u);
-    client.clear();
+    EXPECT_THAT(take(), ElementsAre(ENDED, "~", ENDED, "~", "cancelled 77", "cancelled 77"))
+        << "a stream is never completed by it";
     EXPECT_EQ(ask("/a"), IKesaApi::UNDEFINED_REQUEST_HANDLE);
-    EXPECT_THAT(client, ElementsAre("503", "~"));
     composed.reset();
-    EXPECT_EQ(client.size(), 2u);
+    EXPECT_THAT(log, ElementsAre("503: the service takes no more requests", "~"));
 }
 
 TEST_F(StaticComposed, EndingDuringTheActionCancelsAfterIt)
 {
     resources["/a"]->inAction = [&] { composed->endOutstandingRequests(); };
     ask("/a");
-    EXPECT_THAT(client, ElementsAre("503", "~"));
-    EXPECT_THAT(service, ElementsAre("asked /a at /a", "cancelled 77"));
+    EXPECT_THAT(log, ElementsAre("asked /a at /a", ENDED, "~", "cancelled 77"));
 }
 
 TEST_F(StaticComposed, AskingDoesNotWaitForAHandlerThatIsToldMeanwhile)
@@ -170,33 +151,29 @@ TEST_F(StaticComposed, AskingDoesNotWaitForAHandlerThatIsToldMeanwhile)
         answering = std::thread([answers = std::move(resources["/a"]->answers)] { answers->onNext(text("1")); });
         inHandler.get_future().wait();
     };
-    auto handler = std::make_unique<Client>(client);
-    handler->inNext = [&] {
+    inNext = [&] {
         inHandler.set_value();
         const std::lock_guard<std::mutex> lock(held);
     };
     {
         const std::lock_guard<std::mutex> lock(held);
-        composed->request(Request("retrieve", "/a"), std::move(handler));
+        ask("/a");
     }
     answering.join();
-    EXPECT_THAT(client, ElementsAre("1", "503", "~"));
+    EXPECT_THAT(log, ElementsAre("asked /a at /a", "1", DROPPED, "~"));
 }
 
 /// Notices a call that is under way, or comes, after the cancel has returned.
-class Watcher : public IResponseHandler<Response> {
-public:
-    explicit Watcher(std::atomic<bool>& cancelled) : m_cancelled(cancelled) {}
+struct Watcher final : IResponseHandler<Response> {
+    explicit Watcher(std::atomic<bool>& isCancelled) : cancelled(isCancelled) {}
     bool onNext(const Response&) override
     {
-        EXPECT_FALSE(m_cancelled);
+        EXPECT_FALSE(cancelled);
         return false;
     }
     void onError(const Response&) override { ADD_FAILURE(); }
-    void onCompleted() override { EXPECT_FALSE(m_cancelled); }
-
-private:
-    std::atomic<bool>& m_cancelled;
+    void onCompleted() override { EXPECT_FALSE(cancelled); }
+    std::atomic<bool>& cancelled;
 };
 
 TEST_F(StaticComposed, NothingComesAfterACancelThatRacesWithAnswers)
