@@ -9,7 +9,7 @@
 namespace util::config {
 namespace {
 
-TEST(Value, readsNeverConvert)
+TEST(Value, ReadsNeverConvert)
 {
     const Value values[] = {Value(), nullptr, true, 1, -1, 1.0, "1", Value::Array{1}, Dictionary{{"1", 1}}};
     for (std::size_t i = 0; i < std::size(values); ++i) {
@@ -35,7 +35,7 @@ TEST(Value, readsNeverConvert)
     }
 }
 
-TEST(Value, knowsTheRangesOfNumbers)
+TEST(Value, KnowsTheRangesOfNumbers)
 {
     constexpr auto LARGEST = std::numeric_limits<std::uint64_t>::max();
     int number = 0;
@@ -49,51 +49,20 @@ TEST(Value, knowsTheRangesOfNumbers)
     EXPECT_FALSE(Value(LARGEST).get(large));
     EXPECT_EQ(large, LARGEST);
     EXPECT_TRUE(Value(-1).get(large));
-    EXPECT_EQ(Value(std::uint64_t{7}), Value(7));
-}
-
-TEST(Value, text)
-{
-    EXPECT_EQ(Value("a\"b").toText(), "a\"b");
-    EXPECT_EQ(Value(0.1).toText(), "0.1");
-    EXPECT_EQ(Value(-0.0).toText(), "-0.0");
-    EXPECT_EQ(
-        Value(Dictionary{{"b", Value::Array{1, 2.0, nullptr}}, {"a/", "x\t\x1f\""}, {"c", Dictionary{}}}).toText(),
-        R"({"a/":"x\t\u001f\"","b":[1,2.0,null],"c":{}})");
-}
-
-TEST(Dictionary, keepsKeysInOrderAndCopiesApart)
-{
-    Dictionary first{{"b", 1}, {"\xc3\xa9", 2}, {"a", 3}, {"b", 4}, {"B", 5}};
-    std::string keys;
-    for (const auto& [key, value] : first) {
-        keys += key;
-    }
-    EXPECT_EQ(keys, "Bab\xc3\xa9");
-    EXPECT_EQ(first["b"], Value(4));
-
-    Dictionary second = first;
-    second.add("b", first["a"]);
-    second.erase("a");
-    second.erase("missing");
-    second.set("c", second["b"]);
-    EXPECT_EQ(first["b"], Value(4));
-    EXPECT_EQ(first.size(), 4U);
-    EXPECT_EQ(second, (Dictionary{{"B", 5}, {"b", 3}, {"c", 3}, {"\xc3\xa9", 2}}));
-    EXPECT_NE(first, second);
 }
 
 // For the thread sanitizer: an owner that lets go must be seen by one that then changes in place.
-TEST(Dictionary, ownersOnDifferentThreads)
+TEST(Dictionary, OwnersOnDifferentThreadsDoNotSeeEachOther)
 {
     for (int round = 0; round < 200; ++round) {
         Dictionary shared{{"a", 1}, {"b", "text"}};
         std::future<std::string> reader =
             std::async(std::launch::async, [copy = shared] { return std::string(copy["b"].stringView()); });
         shared.set("b", 2);
-        shared.set("c", 3);
+        shared.erase("missing");
+        shared.erase("a");
         EXPECT_EQ(reader.get(), "text");
-        EXPECT_EQ(shared.size(), 3U);
+        EXPECT_EQ(shared, (Dictionary{{"b", 2}}));
     }
 }
 
