@@ -5,6 +5,7 @@
 #include <kesa/Response.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,6 +41,13 @@ private:
     std::string m_name;
     bool m_accepts;
 };
+
+/// Notes the texts of answers.
+inline std::unique_ptr<IResponseHandler<Response>> noteTexts(Lines& lines)
+{
+    return std::make_unique<NotingHandler<Response>>(
+        lines, [](const Response& response) { return std::string(response.getPayload().text()); });
+}
 
 } // namespace kesa::test
 

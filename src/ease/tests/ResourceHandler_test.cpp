@@ -1,3 +1,4 @@
+#include <NotingHandler.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/asText.h>
 #include <kesa/ease/get.h>
@@ -7,10 +8,11 @@
 #include <kesa/servicecomp.h>
 #include <tracing/CapturingSink.h>
 
-#include <algorithm>
 #include <optional>
+#include <random>
+#include <set>
+#include <sstream>
 #include <stdexcept>
-#include <utility>
 
 namespace {
 
@@ -22,117 +24,77 @@ std::string ask(IKesaApi& api, const std::string& command, const std::string& pa
     return result ? std::string(result.response->getPayload().text()) : result.error;
 }
 
-TEST(ResourceHandler, TheMostParticularRouteServes)
+/// A path of up to three segments out of `from`; "**" ends it.
+std::string draw(std::mt19937& random, const std::vector<std::string>& from)
 {
-    ResourceHandler service;
-    const auto answer = [](const char* name) {
-        return [name](const Request&, const PathParameters& path) {
-            return asText(std::string(name) + " " + std::string(path["x"]) + " " + std::string(path["**"]));
-        };
-    };
-    service.onRetrieve("**", answer("rest"))
-        .onRetrieve("/net/{x}", answer("one"))
-        .onRetrieve("/net/lo", answer("lo"))
-        .onRetrieve("/net/{x}/**", answer("below"))
-        .onRetrieve("/{x}/lo", answer("any"))
-        .onRetrieve("/", [](const Request&) { return asText("root"); });
-    EXPECT_EQ(ask(service, "retrieve", "/"), "root");
-    EXPECT_EQ(ask(service, "retrieve", "/net/lo"), "lo  ");
-    EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "one eth0 ");
-    EXPECT_EQ(ask(service, "retrieve", "/net/eth0/a/b"), "below eth0 a/b");
-    EXPECT_EQ(ask(service, "retrieve", "/cpu/lo"), "any cpu ");
-    EXPECT_EQ(ask(service, "retrieve", "/net"), "rest  net");
-    EXPECT_EQ(ask(service, "retrieve", "/a/b/c"), "rest  a/b/c");
-    service.onUpdate("/net/{y}",
-                     [](const Request&, const PathParameters& path) { return asText(std::string(path["y"])); });
-    EXPECT_EQ(ask(service, "update", "/net/eth0"), "eth0") << "each command has its own names";
-    EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "one eth0 ");
-}
-
-/// The segments of a route or of a path.
-std::vector<std::string> split(const std::string& path)
-{
-    std::vector<std::string> segments;
-    for (std::size_t from = 0; from < path.size();) {
-        const std::size_t end = std::min(path.find('/', from + 1), path.size());
-        segments.push_back(path.substr(from + 1, end - from - 1));
-        from = end;
+    std::string path;
+    for (auto length = random() % 3 + 1; length > 0 && !path.ends_with("**"); --length) {
+        path += "/" + from[random() % from.size()];
     }
-    return segments;
+    return path;
 }
 
-/// Whether it matches, and if so what is compared: the kinds of its segments, text before parameter before "**".
-std::optional<std::vector<int>> rankOf(const std::vector<std::string>& route, const std::vector<std::string>& path)
+/// Whether the route matches, and if so what is compared: segment by segment, text before parameter before "**".
+std::optional<std::string> rankOf(const std::string& route, const std::string& path)
 {
-    std::vector<int> rank;
-    for (std::size_t i = 0; i < route.size(); ++i) {
-        rank.push_back(route[i] == "**" ? 2 : route[i][0] == '{' ? 1 : 0);
-        if (rank.back() == 2) {
-            return rank;
+    std::istringstream wantedSegments(route.substr(1));
+    std::istringstream segments(path.substr(1));
+    std::string rank, segment;
+    for (std::string wanted; std::getline(wantedSegments, wanted, '/');) {
+        if (wanted == "**") {
+            return rank + "2";
         }
-        if (i >= path.size() || (rank.back() == 0 && route[i] != path[i])) {
+        if (!std::getline(segments, segment, '/') || (wanted != "{x}" && wanted != segment)) {
             return std::nullopt;
         }
+        rank += wanted == "{x}" ? '1' : '0';
     }
-    return route.size() == path.size() ? std::optional(rank) : std::nullopt;
+    return std::getline(segments, segment, '/') ? std::nullopt : std::optional(rank);
 }
 
-// All routes of up to three segments out of few, and a crowd beside them, in an order that is drawn; a part of them
-// serves another command. What serves is compared with what the words of the header say.
+// Routes are drawn, a part of them for another command. What serves is compared with what the words of the header say.
 TEST(ResourceHandler, OfAllRoutesThatMatchTheMostParticularOneForTheCommandServes)
 {
-    std::vector<std::string> routes;
-    std::vector<std::string> paths;
-    const auto extend = [](std::vector<std::string>& all, const std::vector<std::string>& by) {
-        std::vector<std::string> longer{""};
-        for (int length = 0; length < 3; ++length) {
-            for (const std::string& start : std::exchange(longer, {})) {
-                for (const std::string& segment : by) {
-                    longer.push_back(start + "/" + segment);
-                }
-            }
-            all.insert(all.end(), longer.begin(), longer.end());
-        }
-    };
-    extend(routes, {"a", "b", "{x}", "**"});
-    std::erase_if(routes, [](const std::string& route) {
-        return route.find("**/") != std::string::npos; // is none
-    });
-    for (int i = 0; i < 40; ++i) {
-        routes.push_back("/c" + std::to_string(i) + "/{x}");
-    }
-    extend(paths, {"a", "b", "c7", "c39"});
-    std::uint64_t drawn = 1;
-    const auto draw = [&drawn](std::size_t limit) {
-        return ((drawn = drawn * 6364136223846793005U + 1) >> 33) % limit;
-    };
-    for (int round = 0; round < 10; ++round) {
+    std::mt19937 random; // NOLINT: always the same
+    for (int round = 0; round < 50; ++round) {
         ResourceHandler service;
-        std::vector<std::string> added;
-        for (std::size_t i = routes.size(); i > 0; --i) {
-            std::swap(routes[i - 1], routes[draw(i)]);
-            const std::string route = routes[i - 1];
-            if (draw(3) == 0) {
-                service.onRetrieve(route, [route](const Request&) { return asText(route); });
-                added.push_back(route);
-            } else if (draw(2) == 0) {
+        std::set<std::string> routes;
+        for (int i = 0; i < 60; ++i) {
+            const std::string route = draw(random, {"a", "b", "c" + std::to_string(i), "{x}", "**"});
+            if (random() % 2 == 0) {
                 service.onUpdate(route, [](const Request&) {});
+            } else if (routes.insert(route).second) {
+                service.onRetrieve(route, [route](const Request&) { return asText(route); });
             }
         }
-        for (const std::string& path : paths) {
-            std::optional<std::vector<int>> best;
-            std::string expected;
-            for (const std::string& route : added) {
-                const auto rank = rankOf(split(route), split(path));
-                if (rank && (!best || *rank < *best)) {
-                    best = rank;
-                    expected = route;
+        for (int i = 0; i < 100; ++i) {
+            const std::string path = draw(random, {"a", "b", "c7", "c39"});
+            std::pair<std::string, std::string> best{"none", ""};
+            for (const std::string& route : routes) {
+                if (const auto rank = rankOf(route, path)) {
+                    best = std::min(best, std::pair(*rank, route));
                 }
             }
             const std::string served = ask(service, "retrieve", path);
-            EXPECT_EQ(served[0] == '4' ? "" : served, expected) << path << " in round " << round;
+            EXPECT_EQ(served[0] == '4' ? "" : served, best.second) << path << " in round " << round;
         }
     }
+}
+
+TEST(ResourceHandler, ARouteNamesPartsOfThePath)
+{
+    ResourceHandler service;
+    service
+        .onRetrieve("/net/{x}/**",
+                    [](const Request&, const PathParameters& path) {
+                        return asText(std::string(path["x"]) + " " + std::string(path["**"]));
+                    })
+        .onUpdate("/net/{y}", [](const Request&, const PathParameters& path) { return asText(std::string(path["y"])); })
+        .onRetrieve("/", [](const Request&) { return asText("root"); });
+    EXPECT_EQ(ask(service, "retrieve", "/"), "root");
+    EXPECT_EQ(ask(service, "retrieve", "/net/eth0/a/b"), "eth0 a/b");
+    EXPECT_EQ(ask(service, "update", "/net/eth0"), "eth0") << "each command has its own names";
+    EXPECT_EQ(ask(service, "retrieve", "/net/eth0"), "eth0 ");
 }
 
 TEST(ResourceHandler, AnswersWhatItsFunctionsReturn)
@@ -179,29 +141,22 @@ TEST(ResourceHandler, AnswersWhatItsFunctionsReturn)
 TEST(ResourceHandler, ReadsBodiesOrSaysWhatIsWrongWithThem)
 {
     ResourceHandler service;
-    const auto read = [&service](auto function, const Payload& body) {
-        service.onUpdate("/", function);
+    service.onUpdate("/", [](const Request& request) { return asText(std::to_string(body<std::uint8_t>(request))); });
+    const auto read = [&service](const Payload& body) {
         const GetResult result = get(service, Request("update", "/", body), std::chrono::seconds(1));
-        return result ? "read" : result.error;
+        return result ? std::string(result.response->getPayload().text()) : result.error;
     };
-    const auto json = [](const char* text) { return Payload::createFromString(text, mimetypes::JSON); };
-    const auto number = [](const Request& request) { return static_cast<void>(body<std::uint8_t>(request)); };
-    EXPECT_EQ(read(number, asPayload(255)), "read");
-    EXPECT_EQ(read(number, asPayload(256)), "400: the body can not be read: 256 is no integer from 0 to 255");
-    EXPECT_EQ(read(number, asPayload(-1, mimetypes::QELBIN)),
-              "400: the body can not be read: -1 is no integer from 0 to 255");
-    EXPECT_EQ(read(number, asPayload(7.5)), "400: the body can not be read: 7.5 is no integer from 0 to 255");
-    EXPECT_EQ(read(number, asPayload("7")), "400: the body can not be read: a number is expected");
-    EXPECT_EQ(read(number, json("7 8")),
-              "400: the body can not be read: 1:3: unexpected text after the end of the document");
-    EXPECT_EQ(read(number, {}), "400: the body is empty");
-    EXPECT_EQ(read(number, asText("7")),
-              "400: the body can not be read: no serializer for the mime type 'plain/text'; "
-              "known are application/json, application/vnd.msgpack and application/vnd.qelbin");
+    const std::string refused = "400: the body can not be read: ";
+    EXPECT_EQ(read(asPayload(255)), "255");
+    EXPECT_EQ(read(asPayload(-1, mimetypes::QELBIN)), refused + "-1 is no integer from 0 to 255");
+    EXPECT_EQ(read(asPayload("7")), refused + "a number is expected");
+    EXPECT_EQ(read(Payload::createFromString("7 8", mimetypes::JSON)),
+              refused + "1:3: unexpected text after the end of the document");
+    EXPECT_EQ(read({}), "400: the body is empty");
+    EXPECT_THAT(read(asText("7")), testing::StartsWith(refused + "no serializer for the mime type 'plain/text'"));
 
-    const Response answer(200, json(R"({"a":[1,{"b":null}]})"));
+    const Response answer(200, Payload::createFromString(R"({"a":[1,{"b":null}]})", mimetypes::JSON));
     EXPECT_EQ(asPayload(body<util::config::Value>(answer)).text(), answer.getPayload().text());
-    EXPECT_EQ(body<std::string>(Request("", "", asPayload("a", mimetypes::MSGPACK))), "a");
     EXPECT_EQ(body<std::string>(Request("", "", asText("a"))), "a");
     EXPECT_THROW(static_cast<void>(body<bool>(answer)), std::runtime_error);
     EXPECT_THROW(static_cast<void>(asPayload("\xff")), std::runtime_error);
@@ -250,8 +205,7 @@ TEST(ResourceHandler, NamesTheNearestRoute)
 
 TEST(ResourceHandler, SaysWhichRoutesItHas)
 {
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     ResourceHandler service;
     const std::string path(resources::PATH);
     EXPECT_EQ(ask(service, "retrieve", path), "[]");
@@ -260,9 +214,8 @@ TEST(ResourceHandler, SaysWhichRoutesItHas)
         .onRetrieve("/hello/{name}", answer, about("greets").stream().answer("true"))
         .onRetrieve("/.well-known/{x}", answer)
         .onRetrieve("**", answer);
-    EXPECT_THAT(sink->take(), testing::ElementsAre(testing::HasSubstr(
-                                  "the schema of the answer of 'sets' is left out, since it is no JSON: 1:2:")));
-    ::tracing::setSink(nullptr);
+    EXPECT_THAT(traces.take(), testing::ElementsAre(testing::HasSubstr(
+                                   "the schema of the answer of 'sets' is left out, since it is no JSON: 1:2:")));
     EXPECT_EQ(
         ask(service, "retrieve", path),
         R"([{"answers":"single","command":"retrieve","resource":"/**"},)"
@@ -310,8 +263,7 @@ TEST(ResourceHandler, AServiceWrittenByHandSaysItLikewise)
 
 TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)
 {
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     ResourceHandler service;
     std::vector<Responder> kept;
     service
@@ -338,18 +290,15 @@ TEST(ResourceHandler, AnExceptionEndsItsRequestOnly)
 
     std::vector<std::string> got;
     for (const char* path : {"/late", "/kept"}) {
-        service.request(Request("retrieve", path),
-                        handler<Response>([&](const Response& r) { got.emplace_back(r.getPayload().text()); },
-                                          [&](const Response& e) { got.push_back(e.getErrorMessage()); },
-                                          [&] { got.push_back("done"); }));
+        service.request(Request("retrieve", path), test::noteTexts(got));
     }
     EXPECT_TRUE(kept.front().isCancelled() && kept.front().next(asText("second")));
     kept.clear();
-    EXPECT_THAT(got, testing::ElementsAre("answered", "done", "first", "left"));
-    EXPECT_THAT(sink->take(), testing::ElementsAre(testing::HasSubstr("'retrieve /number/x' has thrown: stoi"),
-                                                   testing::HasSubstr("'retrieve /odd'"),
-                                                   testing::HasSubstr("'retrieve /fine'"), testing::HasSubstr("left")));
-    ::tracing::setSink(nullptr);
+    EXPECT_THAT(got, testing::ElementsAre("answered", "done", "~", "first", "500: left", "~"));
+    EXPECT_THAT(traces.take(),
+                testing::ElementsAre(testing::HasSubstr("'retrieve /number/x' has thrown: stoi"),
+                                     testing::HasSubstr("'retrieve /odd'"), testing::HasSubstr("'retrieve /fine'"),
+                                     testing::HasSubstr("left")));
 }
 
 // That nothing comes after an end is proven where requests are kept, for all services.
@@ -359,13 +308,7 @@ TEST(ResourceHandler, StreamsUntilCancelledOrEnded)
     std::optional<Responder> kept;
     service->onRetrieve("/load", [&kept](const Request&, Responder responder) { kept = std::move(responder); });
     std::vector<std::string> got;
-    const auto start = [&] {
-        return service->request(
-            Request("retrieve", "/load"),
-            handler<Response>([&](const Response& r) { got.emplace_back(r.getPayload().text()); },
-                              [&](const Response& e) { got.push_back(Response::getErrorMessageWithCode(e)); },
-                              [&] { got.push_back("done"); }));
-    };
+    const auto start = [&] { return service->request(Request("retrieve", "/load"), test::noteTexts(got)); };
     void* const first = start();
     EXPECT_FALSE(kept->next(asText("1")) || kept->isCancelled());
     service->cancel(first);
@@ -377,7 +320,8 @@ TEST(ResourceHandler, StreamsUntilCancelledOrEnded)
     start();
     service.reset();
     EXPECT_TRUE(kept->isCancelled());
-    EXPECT_THAT(got, testing::ElementsAre("1", "done", testing::StartsWith("503"), "503: the service has ended"));
+    EXPECT_THAT(got, testing::ElementsAre("1", "~", "done", "~", testing::StartsWith("503"), "~",
+                                          "503: the service has ended", "~"));
 }
 
 TEST(Handler, TakesValuesAsItsFunctionSays)

@@ -126,31 +126,27 @@ TEST_F(RuntimeTest, WarnsOfThreadsThatTakeItsSignals)
 {
     std::promise<void> isOver;
     std::thread early([&isOver] { isOver.get_future().wait(); }); // may be being started
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     {
         Runtime runtime("greeter", ALONE);
     }
-    EXPECT_THAT(sink->take(), testing::ElementsAre(HasSubstr("do not block SIGINT and SIGTERM: 'kesa_ease_tests' (")));
+    EXPECT_THAT(traces.take(), testing::ElementsAre(HasSubstr("do not block SIGINT and SIGTERM: 'kesa_ease_tests' (")));
     isOver.set_value();
     early.join();
     {
         Runtime runtime("greeter", ALONE);
     }
-    EXPECT_THAT(sink->take(), testing::IsEmpty());
-    ::tracing::setSink(nullptr);
+    EXPECT_THAT(traces.take(), testing::IsEmpty());
 }
 
 TEST_F(RuntimeTest, WorksUntilASignal)
 {
     Runtime runtime = startOrExit("greeter", ALONE);
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     EXPECT_THROW(runtime.runUntilSignal(std::chrono::hours(1), [] { throw std::runtime_error("no sensor"); }),
                  std::runtime_error);
-    ::tracing::setSink(nullptr);
-    EXPECT_THAT(sink->take(), testing::ElementsAre(HasSubstr("[runUntilSignal] its work has thrown, which ends this "
-                                                             "process unless the caller catches it: no sensor")));
+    EXPECT_THAT(traces.take(), testing::ElementsAre(HasSubstr("[runUntilSignal] its work has thrown, which ends this "
+                                                              "process unless the caller catches it: no sensor")));
     int calls = 0;
     const auto work = [&calls] {
         if (++calls == 3) {

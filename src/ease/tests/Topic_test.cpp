@@ -1,9 +1,9 @@
+#include <NotingHandler.h>
 #include <kesa/GenericObject.h>
 #include <kesa/ease/Property.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Topic.h>
 #include <kesa/ease/get.h>
-#include <kesa/ease/handler.h>
 #include <kesa/ease/resources.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
@@ -28,9 +28,7 @@ protected:
     {
         Request request("retrieve", "/v");
         headers::appendResponseSemantic(request, responsesemantics::PERSISTENT_STREAM);
-        return service.request(
-            request, handler<Response>([this](const Response& r) { told.emplace_back(r.getPayload().text()); },
-                                       [this](const Response& e) { told.push_back(std::to_string(e.getStatus())); }));
+        return service.request(request, test::noteTexts(told));
     }
 
     ResourceHandler service;
@@ -56,7 +54,7 @@ TEST_F(Values, ATopicTellsItsLastValueAndEachOneAfterIt)
     topic->publish({{"a", 1}});
     EXPECT_EQ(topic->followers(), 1U);
     topic.reset();
-    EXPECT_THAT(told, ElementsAre(R"({"a":1})", R"({"a":1})", R"({"a":1})", "503"));
+    EXPECT_THAT(told, ElementsAre(R"({"a":1})", R"({"a":1})", R"({"a":1})", "503: the value has ended", "~"));
     EXPECT_EQ(ask("retrieve"), "503: the value has ended");
 }
 
@@ -109,13 +107,11 @@ TEST_F(Values, APropertyTellsChangesOnly)
     EXPECT_EQ(ask("update", R"("loud")"), "400: the body can not be read: a number is expected");
     EXPECT_EQ(ask("update", "7"), "");
     property.reset();
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     EXPECT_EQ(ask("update", "80"), "503: the value has ended");
     EXPECT_EQ(ask("retrieve"), "503: the value has ended");
-    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr("[answer] 'update /v' asks for a value whose")));
-    ::tracing::setSink(nullptr);
-    EXPECT_THAT(told, ElementsAre("50", "60", "=60", "70", "=70", "7", "=7", "503"));
+    EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr("[answer] 'update /v' asks for a value whose")));
+    EXPECT_THAT(told, ElementsAre("50", "60", "=60", "70", "=70", "7", "=7", "503: the value has ended", "~"));
 }
 
 TEST_F(Values, APropertyMayBeSetOrDroppedWhereItsChangeIsTold)
@@ -136,7 +132,7 @@ TEST_F(Values, APropertyMayBeSetOrDroppedWhereItsChangeIsTold)
     told.clear();
     property->set(0);
     EXPECT_EQ(property, nullptr);
-    EXPECT_THAT(told, ElementsAre("0", "503", "=0"));
+    EXPECT_THAT(told, ElementsAre("0", "503: the value has ended", "~", "=0"));
 }
 
 } // namespace

@@ -96,15 +96,13 @@ TEST_F(Provide, WithdrawsNothingThatWasRefused)
     refused(); // the registry has it of somebody else
     EXPECT_THAT(takeTold(), ElementsAre("409: taken"));
     EXPECT_EQ(registry->open(), 0U);
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     whenKnown("never");
-    EXPECT_THAT(sink->take(), IsEmpty()) << "the refusal was told";
+    EXPECT_THAT(traces.take(), IsEmpty()) << "the refusal was told";
     runtime.take();
     registration->end();
     whenKnown("never");
-    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr("[whenKnown] a handler for '/p' will hear nothing")));
-    ::tracing::setSink(nullptr);
+    EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr("[whenKnown] a handler for '/p' will hear nothing")));
     registration.reset();
     EXPECT_THAT(runtime.take(), IsEmpty());
     EXPECT_THAT(takeTold(), IsEmpty());
@@ -163,13 +161,11 @@ TEST_F(Provide, AHandlerMayEndIt)
 
 TEST_F(Provide, TracesARefusalThatNobodyHears)
 {
-    const auto sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
-    ::tracing::setSink(sink);
+    const ::tracing::TraceCapture traces("KESA_EASE");
     registration = provide(runtime, "tv", service);
     runtime.registrator->onError(Response::createErrorResponse(400, "a service path begins with '/'"));
-    EXPECT_THAT(sink->take(), ElementsAre(testing::HasSubstr(
-                                  "the registration of 'tv' was refused: 400: a service path begins with '/'")));
-    ::tracing::setSink(nullptr);
+    EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr(
+                                   "the registration of 'tv' was refused: 400: a service path begins with '/'")));
 }
 
 TEST_F(Provide, WithoutARuntimeIsRefused)
