@@ -1,9 +1,9 @@
 #ifndef KESA_EASE_TESTS_PLAYEDRUNTIME_H
 #define KESA_EASE_TESTS_PLAYEDRUNTIME_H
 
+#include <PlayedService.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <utility>
@@ -131,31 +131,6 @@ private:
     {
         tracking->onNext({type, record(locator)});
     }
-};
-
-/// Keeps what it was asked.
-class PlayedService final : public IKesaApi {
-public:
-    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
-    {
-        requests.push_back(request);
-        handlers.push_back(std::move(handler));
-        return reinterpret_cast<void*>(handlers.size());
-    }
-    void cancel(void* handle) override { handlers[reinterpret_cast<std::size_t>(handle) - 1].reset(); }
-    void value(const std::string& text) const
-    {
-        handlers.back()->onNext(Response(200, Payload::createFromString(text, "plain/text")));
-    }
-    void end(unsigned short status) const { handlers.back()->onError(Response::createErrorResponse(status)); }
-    std::size_t open() const
-    {
-        return static_cast<std::size_t>(
-            std::count_if(handlers.begin(), handlers.end(), [](const auto& handler) { return handler != nullptr; }));
-    }
-
-    std::vector<Request> requests;
-    std::vector<std::unique_ptr<IResponseHandler<Response>>> handlers;
 };
 
 } // namespace kesa::test

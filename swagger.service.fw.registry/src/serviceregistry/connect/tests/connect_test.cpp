@@ -31,7 +31,7 @@ protected:
             suffix);
     }
 
-    const Api api = std::make_shared<Wire>();
+    const Api api = std::make_shared<PlayedService>();
     kesa::test::PlayedRuntime runtime;
     Disposable connection;
 };
@@ -90,7 +90,7 @@ TEST_F(ConnectTest, RegistersAndEndsRequestsBeforeTheRegistration)
         // The caller keeps nothing but the end of the registration.
         Disposable end = call(std::make_shared<ServiceRegistryPexService>(std::make_unique<FakeRegistry>(runtime.log)));
         const Api service = std::exchange(runtime.registered, nullptr);
-        service->request(Request("retrieve", "/"), noting<Response>(runtime.log));
+        service->request(Request("retrieve", "/"), noteTexts(runtime.log));
         end.dispose();
         end.dispose();
         EXPECT_THAT(runtime.take(), ElementsAre("register " + text, HasSubstr("query"), HasSubstr("503"), "~",

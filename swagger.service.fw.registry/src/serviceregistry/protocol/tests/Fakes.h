@@ -2,7 +2,7 @@
 #define KESA_SERVICEREGISTRY_PROTOCOL_TESTS_FAKES_H
 
 #include <NotingHandler.h>
-#include <kesa/IKesaApi.h>
+#include <PlayedService.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
 #include <obr/ErrorStorage.h>
@@ -18,24 +18,17 @@
 namespace kesa::serviceregistry::test {
 
 using kesa::test::Lines;
+using kesa::test::noteTexts;
+using kesa::test::PlayedService;
 using Updates = std::vector<RegistryUpdate>;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-inline void* handleOf(std::uintptr_t number)
-{
-    return reinterpret_cast<void*>(number);
-}
-
 template <class T>
 std::string jsonOf(const T& value)
 {
     return std::string(serializer::toPayload(value, mimetypes::JSON)->text());
-}
-inline std::string jsonOf(const Response& response)
-{
-    return std::to_string(response.getStatus()) + " " + std::string(response.getPayload().text());
 }
 
 inline ServiceDef serviceAt(const std::string& path)
@@ -51,28 +44,6 @@ std::unique_ptr<IResponseHandler<T>> noting(Lines& lines)
 {
     return std::make_unique<kesa::test::NotingHandler<T>>(lines, [](const T& value) { return jsonOf(value); });
 }
-
-/// Keeps what is sent, and passes it on to the service; without one the test answers.
-class Wire final : public IKesaApi {
-public:
-    explicit Wire(std::shared_ptr<IKesaApi> service = nullptr) : m_service(std::move(service)) {}
-    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
-    {
-        sent.push_back(request);
-        if (m_service) {
-            return m_service->request(request, std::move(handler));
-        }
-        answers.push_back(std::move(handler));
-        return handleOf(sent.size());
-    }
-    void cancel(void* handle) override { m_service->cancel(handle); }
-
-    std::vector<Request> sent;
-    std::vector<std::unique_ptr<IResponseHandler<Response>>> answers;
-
-private:
-    std::shared_ptr<IKesaApi> m_service;
-};
 
 /// Notes how it is called, keeps the handlers, and lets the test answer.
 class FakeRegistry final : public IServiceRegistry {
@@ -115,7 +86,7 @@ private:
     {
         m_calls.push_back(std::move(call));
         kept.push_back(std::move(handler));
-        return handleOf(++m_lastHandle);
+        return reinterpret_cast<void*>(++m_lastHandle);
     }
 
     Lines& m_calls;

@@ -21,20 +21,20 @@ protected:
         auto owned = std::make_unique<FakeRegistry>(calls);
         registry = owned.get();
         service = ServiceRegistryPexService::getService(std::make_shared<ServiceRegistryPexService>(std::move(owned)));
-        wire = std::make_shared<Wire>(service);
+        wire = std::make_shared<PlayedService>(service);
     }
     ~ServiceRegistryTest() override { headers::setAuthTokenProvider({}); }
 
     void ask(const Request& request)
     {
-        service->request(request, noting<Response>(heard));
+        service->request(request, noteTexts(heard));
         EXPECT_FALSE(obr::ErrorStorage::isError()) << request.getPath();
     }
 
     Lines calls, heard;
     FakeRegistry* registry;
     std::shared_ptr<StaticComposedKesaService> service; ///< the only owner
-    std::shared_ptr<Wire> wire;
+    std::shared_ptr<PlayedService> wire;
 };
 
 Payload json(std::string text)
@@ -70,7 +70,7 @@ TEST_F(ServiceRegistryTest, EachOperationHasItsFormOnTheWire)
         ServiceRegistryPexClient client(wire, std::string(format));
         for (const auto& [send, command, path, body, call] : operations) {
             void* const handle = send(*client.main());
-            const Request& request = wire->sent.back();
+            const Request& request = wire->requests.back();
             EXPECT_EQ(request.getCommand() + request.getPath(), command + path);
             EXPECT_EQ(request.getPayload().getMimeType(), format);
             if (format == mimetypes::JSON) {
@@ -193,7 +193,7 @@ TEST_F(ServiceRegistryTest, WhatCannotBeWrittenIsToldWithTheReason)
     EXPECT_TRUE(kept) << "stays with the caller";
     EXPECT_THAT(heard, ElementsAre(HasSubstr("400: there is no such type of service")));
     EXPECT_FALSE(obr::ErrorStorage::isError());
-    EXPECT_THAT(wire->sent, IsEmpty());
+    EXPECT_THAT(wire->requests, IsEmpty());
 
     ask(Request("retrieve", "/"));
     EXPECT_TRUE(registry->queries.back()->onNext({RegistryUpdate()}));
@@ -209,7 +209,7 @@ TEST_F(ServiceRegistryTest, WhatCannotBeWrittenIsToldWithTheReason)
 
 TEST_F(ServiceRegistryTest, AClientDropsWhatItCannotReadAndGoesOn)
 {
-    const auto other = std::make_shared<Wire>();
+    const auto other = std::make_shared<PlayedService>();
     ServiceRegistryPexClient wrapper(other, "application/json");
     IServiceRegistry& client = *wrapper.main();
     client.trackService(noting<RegistryUpdate>(heard), Path("/a"), nullopt);
@@ -218,7 +218,7 @@ TEST_F(ServiceRegistryTest, AClientDropsWhatItCannotReadAndGoesOn)
     const std::string good[] = {jsonOf(added("/a")), "[" + jsonOf(added("/a")) + "]", jsonOf(serviceAt("/a"))};
     const char* const types[] = {"'RegistryUpdate'", "'std::vector<RegistryUpdate>'", "'ServiceDef'"};
     for (std::size_t i = 0; i < std::size(good); ++i) {
-        IResponseHandler<Response>& answers = *other->answers[i];
+        IResponseHandler<Response>& answers = *other->handlers[i];
         EXPECT_TRUE(answers.onNext(Response(200, json(R"({"path":1})"))));
         EXPECT_THAT(obr::ErrorStorage::reason(), HasSubstr(types[i]));
         EXPECT_TRUE(answers.onNext(Response(200, json(good[i].substr(1)))));
@@ -245,7 +245,7 @@ TEST_F(ServiceRegistryTest, AResolvedClientSpeaksTheFormatOfItsDefinition)
     ServiceRegistryPexClient resolved(runtime::v02::ResolveResult<std::shared_ptr<IKesaApi>>(definition, wire));
     EXPECT_TRUE(resolved.getDefinition() == definition);
     resolved.main()->queryRegistry(noting<Updates>(heard), Query("**"));
-    EXPECT_EQ(wire->sent.back().getPayload().getMimeType(), mimetypes::QELBIN);
+    EXPECT_EQ(wire->requests.back().getPayload().getMimeType(), mimetypes::QELBIN);
     EXPECT_TRUE(ServiceRegistryPexClient(wire, "application/json").getDefinition() == serviceAt("/unknown"));
 }
 
