@@ -59,7 +59,7 @@ TEST(ResourceHandler, OfAllRoutesThatMatchTheMostParticularOneForTheCommandServe
     for (int round = 0; round < 50; ++round) {
         ResourceHandler service;
         std::set<std::string> routes;
-        for (int i = 0; i < 60; ++i) {
+        for (int i = 0; i < 120; ++i) {
             const std::string route = draw(random, {"a", "b", "c" + std::to_string(i), "{x}", "**"});
             if (random() % 2 == 0) {
                 service.onUpdate(route, [](const Request&) {});
