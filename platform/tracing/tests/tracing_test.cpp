@@ -1,4 +1,5 @@
-// Channels, thresholds and sinks. What the environment sets is in the session trace_variables of kesactl.
+// Channels, thresholds and sinks. What the environment sets, and what sinks say of themselves
+// and to the journal, is in the session trace_variables of kesactl.
 #include <obr/ErrorStorage.h>
 #include <tracing/CapturingSink.h>
 #include <tracing/Channel.h>
@@ -14,7 +15,6 @@
 #include <functional>
 #include <sstream>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
 
@@ -125,11 +125,6 @@ TEST_F(Tracing, WritesFilesInWholeEscapedLines)
                                               "\\\\u009b\\[1m \\\\x9b\\[2m ś \u20ac \xe2\\\\x80\n"
                                               "\\{\"event\":\"runtime\"\\}\n"));
     std::filesystem::remove(file);
-    EXPECT_EQ(makeSink("file:/nowhere/at/all"), nullptr);
-    EXPECT_EQ(obr::ErrorStorage::reason(), "cannot open trace file '/nowhere/at/all': No such file or directory");
-    EXPECT_EQ(makeSink("syslog"), nullptr);
-    EXPECT_EQ(obr::ErrorStorage::reason(), "'syslog' is no trace sink: use stderr or file:PATH");
-    obr::ErrorStorage::ack();
 }
 
 void withStderr(int descriptor, const std::function<void()>& work)
@@ -180,25 +175,6 @@ TEST_F(Tracing, SurvivesReadersThatStopOrDie)
         EXPECT_FALSE(::sigismember(&pending, SIGPIPE));
         ::close(ends[1]);
     }
-}
-
-// The journal is recognised by the identity of the stream, so that a redirected stderr is not mistaken for it.
-TEST_F(Tracing, MarksSeveritiesForTheJournal)
-{
-    int pipe[2];
-    ASSERT_EQ(::pipe(pipe), 0);
-    struct stat status {};
-    ASSERT_EQ(::fstat(pipe[1], &status), 0);
-    ::setenv("JOURNAL_STREAM", (std::to_string(status.st_dev) + ":" + std::to_string(status.st_ino)).c_str(), 1);
-    withStderr(pipe[1], [] {
-        const auto sink = makeSink("stderr");
-        sink->write({"CH", 4, "a"});
-        sink->write({"kesa_DataModel", 2, "{}", 7});
-    });
-    ::unsetenv("JOURNAL_STREAM");
-    EXPECT_THAT(drained(pipe[0]), MatchesRegex("<3>[0-9]+ \\[CH\\] a\n<6>\\{\\}\n"));
-    ::close(pipe[0]);
-    ::close(pipe[1]);
 }
 
 } // namespace
