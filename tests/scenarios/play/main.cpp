@@ -16,7 +16,7 @@
 namespace kesa::scenarios {
 namespace {
 
-struct Options {
+struct Choice {
     std::vector<std::string> files;
     bool isReal = false;
     std::uint64_t first = 1;
@@ -36,7 +36,7 @@ std::vector<std::string> allFiles()
     return files;
 }
 
-std::string playSeeds(const Scenario& scenario, const Options& options)
+std::string playSeeds(const Scenario& scenario, const Choice& options)
 {
     for (std::uint64_t seed = options.first; seed < options.first + options.seeds; ++seed) {
         const std::string failure = play(scenario, *makeSimulatedCast(scenario, seed));
@@ -48,7 +48,7 @@ std::string playSeeds(const Scenario& scenario, const Options& options)
 }
 
 /// 1 when it fails.
-int playFile(const std::string& file, const Options& options)
+int playFile(const std::string& file, const Choice& options)
 {
     std::string failure;
     try {
@@ -81,7 +81,7 @@ void setTraces(bool isVerbose)
 
 int main(int argc, char** argv)
 {
-    kesa::scenarios::Options options;
+    kesa::scenarios::Choice options;
     CLI::App app{"Plays scenarios, simulated or with real processes."};
     app.add_option("FILE", options.files, "what to play; all of them without");
     app.add_flag("--real", options.isReal, "with processes of this machine, once each");
