@@ -2,7 +2,6 @@
 // stands in the document, whose vectors are tried elsewhere.
 
 #include "protocol/Body.h"
-#include "protocol/Frame.h"
 #include "protocol_support.h"
 
 #include <gtest/gtest.h>
@@ -12,28 +11,11 @@ namespace {
 
 using namespace testing;
 
-Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uint32_t target, const Bytes& head = {},
-            std::size_t body = 0)
-{
-    FrameHeader header;
-    header.length = static_cast<std::uint32_t>(head.size() + body);
-    header.kind = static_cast<std::uint8_t>(kind);
-    header.flags = static_cast<std::uint8_t>(flags);
-    header.head = static_cast<std::uint16_t>(head.size());
-    header.stream = stream;
-    header.target = target;
-    Bytes bytes(HEADER_BYTES);
-    writeHeader(bytes.data(), header);
-    bytes.insert(bytes.end(), head.begin(), head.end());
-    bytes.resize(bytes.size() + body, 'b');
-    return bytes;
-}
-
 /// Headers alone, with lengths that are not backed by bytes.
-Bytes claim(std::uint32_t length, std::uint16_t head, unsigned kind = 5)
+Bytes claim(std::uint32_t length, std::uint16_t head)
 {
     Bytes bytes(HEADER_BYTES);
-    writeHeader(bytes.data(), {length, static_cast<std::uint8_t>(kind), 0, head, 1, 1});
+    writeHeader(bytes.data(), {length, 5, 0, head, 1, 1});
     return bytes;
 }
 
@@ -76,55 +58,55 @@ std::string reasonOf(Machine::Role role, const Bytes& bytes, const Limits& limit
     return machine.reason();
 }
 
-struct Offence {
-    Bytes afterHello;
-    std::string reason;
-};
+/// What is wrong behind a hello, and the reason.
+using Offences = std::vector<std::pair<Bytes, std::string>>;
 
-void expectReasons(Machine::Role role, const std::vector<Offence>& offences)
+void expectReasons(Machine::Role role, const Offences& offences)
 {
-    for (const Offence& offence : offences) {
-        EXPECT_EQ(reasonOf(role, joined({hello(), offence.afterHello})), offence.reason);
-        EXPECT_EQ(reasonOf(role, joined({hello(), offence.afterHello}), {}, 1), offence.reason) << "byte by byte";
+    for (const auto& [bytes, reason] : offences) {
+        EXPECT_EQ(reasonOf(role, joined({hello(), bytes})), reason);
+        EXPECT_EQ(reasonOf(role, joined({hello(), bytes}), {}, 1), reason) << "byte by byte";
     }
 }
 
-TEST(ProtocolBounds, theFirstMessageIsHelloAndOnlyTheFirst)
+TEST(ProtocolBounds, TheFirstMessageIsHelloAndOnlyTheFirst)
 {
-    const auto server = Machine::Role::eSERVER;
-    EXPECT_EQ(reasonOf(server, frame(10, 0, 0, 0)), "first message is of kind 10, not hello");
-    EXPECT_EQ(reasonOf(server, joined({hello(), hello()})), "second hello");
-    EXPECT_EQ(reasonOf(server, hello({16, 2, 17, 9})),
-              "no common protocol version: this side speaks 1 to 1, the peer 2 to 9");
-    EXPECT_EQ(reasonOf(server, hello({16, 0, 17, 9})), "") << "the highest common one is 1";
-    EXPECT_EQ(reasonOf(server, frame(1, 0, 0, 0)), "broken head of hello: it ends inside a value");
-    EXPECT_EQ(reasonOf(server, hello({16, 0x61, 'a'})), "broken head of hello: a value is not a number in its range");
-    EXPECT_EQ(reasonOf(server, hello({20, 0x41, 0})), "broken head of hello: the instance is not 16 bytes");
-    EXPECT_EQ(reasonOf(server, hello({21, 1})), "broken head of hello: the listeners are not an array");
+    const std::string broken = "broken head of hello: ";
+    for (const auto& [bytes, reason] : Offences{
+             {frame(10, 0, 0, 0), "first message is of kind 10, not hello"},
+             {joined({hello(), hello()}), "second hello"},
+             {hello({16, 2, 17, 9}), "no common protocol version: this side speaks 1 to 1, the peer 2 to 9"},
+             {hello({16, 0, 17, 9}), ""}, // the highest common one is 1
+             {frame(1, 0, 0, 0), broken + "it ends inside a value"},
+             {hello({16, 0x61, 'a'}), broken + "a value is not a number in its range"},
+             {hello({20, 0x41, 0}), broken + "the instance is not 16 bytes"},
+             {hello({21, 1}), broken + "the listeners are not an array"},
+         }) {
+        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, bytes), reason);
+    }
 }
 
-TEST(ProtocolBounds, rolesNumbersAndParts)
+TEST(ProtocolBounds, RolesNumbersAndParts)
 {
     const Bytes path = {0xBF, 1, 0x62, '/', 'a', 0xFF};
-    expectReasons(Machine::Role::eSERVER, {
-                                              {frame(3, 0, 0, 1), "attached from a client"},
-                                              {frame(2, 0, 3, 1, path), "attach with stream 3"},
-                                              {frame(2, 0, 0, 1, path, 1), "attach with a body"},
-                                              {frame(2, 1, 0, 1, path), "attach in fragments"},
-                                              {frame(2, 0, 0, 1), "attach of a path of 0 bytes"},
-                                              {frame(5, 0, 0, 1), "request without a stream"},
-                                              {frame(9, 0, 1, 1), "cancel with target 1"},
-                                              {frame(10, 4, 0, 0), "unknown flags 0x04"},
-                                              {claim(10, 11), "head of 11 bytes in a frame of 10"},
-                                              {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
-                                          });
-    expectReasons(Machine::Role::eCLIENT, {
-                                              {frame(5, 0, 1, 1), "request from a server"},
-                                              {frame(8, 0, 1, 200), "completed with target 200"},
-                                          });
+    const Offences ofClient = {
+        {frame(3, 0, 0, 1), "attached from a client"},
+        {frame(2, 0, 3, 1, path), "attach with stream 3"},
+        {frame(2, 0, 0, 1, path, 1), "attach with a body"},
+        {frame(2, 1, 0, 1, path), "attach in fragments"},
+        {frame(2, 0, 0, 1), "attach of a path of 0 bytes"},
+        {frame(5, 0, 0, 1), "request without a stream"},
+        {frame(9, 0, 1, 1), "cancel with target 1"},
+        {frame(10, 4, 0, 0), "unknown flags 0x04"},
+        {claim(10, 11), "head of 11 bytes in a frame of 10"},
+        {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
+    };
+    expectReasons(Machine::Role::eSERVER, ofClient);
+    expectReasons(Machine::Role::eCLIENT,
+                  {{frame(5, 0, 1, 1), "request from a server"}, {frame(8, 0, 1, 200), "completed with target 200"}});
 }
 
-TEST(ProtocolBounds, unknownKindsThatMayBeIgnoredAreSkipped)
+TEST(ProtocolBounds, UnknownKindsThatMayBeIgnoredAreSkipped)
 {
     Pair pair;
     ASSERT_FALSE(feed(pair.server, joined({frame(200, FLAG_MAY_BE_IGNORED | FLAG_MORE, 7, 7, {1, 2, 3}, 60000),
@@ -133,11 +115,11 @@ TEST(ProtocolBounds, unknownKindsThatMayBeIgnoredAreSkipped)
     EXPECT_EQ(pair.server.takePongsOwed(), 1U);
 }
 
-TEST(ProtocolBounds, brokenHeads)
+TEST(ProtocolBounds, BrokenHeads)
 {
     Bytes deep(33, 0x9F);
     deep.resize(66, 0xFF);
-    const std::vector<std::pair<Bytes, std::string>> heads = {
+    const Offences heads = {
         {{0xA1, 0, 0, 0}, "bytes follow the map"},
         {{0xBF, 0, 4, 0xFF}, "a word has an unknown number"},
         {{0xBF, 0, 0, 0, 1, 0xFF}, "a member stands twice"},
@@ -161,7 +143,7 @@ TEST(ProtocolBounds, brokenHeads)
     EXPECT_EQ(pair.atServer.lines, (std::vector<std::string>{R"(request 1 1  p <> {"b":null})"}));
 }
 
-TEST(ProtocolBounds, fragmentsAreFullCountedAndOfOneMessage)
+TEST(ProtocolBounds, FragmentsAreFullCountedAndOfOneMessage)
 {
     const Bytes first = firstFragment(1, 200000);
     const std::string shortfall = "fragments of stream 1 do not make the 200000 bytes declared";
@@ -195,7 +177,7 @@ TEST(ProtocolBounds, fragmentsAreFullCountedAndOfOneMessage)
               "request of 1001 bytes, more than 1000");
 }
 
-TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
+TEST(ProtocolBounds, ABodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
 {
     const Bytes some(1000, 'x');
     Body body(UINT32_MAX);
@@ -210,7 +192,7 @@ TEST(ProtocolBounds, aBodyGrowsWithWhatArrivesNotWithWhatIsDeclared)
     EXPECT_EQ(exact.capacity(), 100000U);
 }
 
-TEST(ProtocolBounds, asMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)
+TEST(ProtocolBounds, AsMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)
 {
     constexpr std::uint32_t SIZE = 1U << 20U;
     Recorder recorder;
@@ -220,7 +202,7 @@ TEST(ProtocolBounds, asMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)
     const auto begin = [&machine](std::uint32_t stream, std::uint32_t size) {
         EXPECT_FALSE(feed(machine, firstFragment(stream, size)));
         const Bytes second = frame(5, FLAG_MORE, stream, 1, {}, FRAME_BYTES);
-        EXPECT_FALSE(feed(machine, second.data(), HEADER_BYTES));
+        EXPECT_FALSE(feed(machine, std::span(second).first(HEADER_BYTES)));
         return machine.inputBuffer().size() >= FRAME_BYTES;
     };
     const auto end = [&machine](std::uint32_t stream) { // of what `begin` began

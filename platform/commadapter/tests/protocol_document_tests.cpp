@@ -1,13 +1,11 @@
 // Replays the vectors of docs/protocol.md and docs/protocol_registry.md: what each says is heard, and writing that
 // again gives the same bytes.
 
-#include "protocol/Frame.h"
 #include "protocol_support.h"
 
 #include <gtest/gtest.h>
 
 #include <fstream>
-#include <memory>
 
 namespace kesa::commadapter::protocol {
 namespace {
@@ -69,17 +67,6 @@ Bytes helloBytes(Machine::Role role, const Hello& hello)
     return takeAll(machine);
 }
 
-/// Also keeps the hello as its sender would write it.
-class Hearer final : public Recorder {
-public:
-    void onHello(const Hello& peer) override
-    {
-        Recorder::onHello(peer);
-        hello = peer;
-    }
-    Hello hello;
-};
-
 /// What was heard, in the words of the document: a large body is given by its size alone, without the hash.
 std::string heard(const Recorder& hearer, Machine& receiver, const std::string& text)
 {
@@ -96,7 +83,7 @@ std::string heard(const Recorder& hearer, Machine& receiver, const std::string& 
     return receiver.takePongsOwed() == 1 ? "ping" : "(nothing)";
 }
 
-TEST(ProtocolDocument, itsVectorsAreReadAndWritten)
+TEST(ProtocolDocument, ItsVectorsAreReadAndWritten)
 {
     std::vector<Vector> vectors;
     readVectors("protocol.md", vectors);
@@ -108,7 +95,7 @@ TEST(ProtocolDocument, itsVectorsAreReadAndWritten)
         SCOPED_TRACE(vector.sender + vector.mark + ' ' + vector.text);
         const bool isFromClient = vector.sender == "client";
         const auto sender = isFromClient ? Machine::Role::eCLIENT : Machine::Role::eSERVER;
-        Hearer hearer;
+        Recorder hearer;
         Recorder nobody;
         Machine echo(sender, helloOf("me"), {}, nobody, 0);
         takeAll(echo);

@@ -1,12 +1,13 @@
 #ifndef KESA_COMMADAPTER_TESTS_PROTOCOL_SUPPORT_H
 #define KESA_COMMADAPTER_TESTS_PROTOCOL_SUPPORT_H
 
+#include "protocol/Frame.h"
 #include "protocol/Machine.h"
 
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <random>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -60,86 +61,92 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
 /// Writes a line per callback, lets `echo` send what was heard, and has `held` hold after each.
 class Recorder : public IMachineListener {
 public:
-    void onHello(const Hello& peer) override { add(describe(peer)); }
+    void onHello(const Hello& peer) override
+    {
+        hello = peer;
+        add(describe(peer));
+    }
     void onAttach(std::uint32_t target, std::string path) override
     {
-        add("attach", target, ' ' + path);
-        say([&] { static_cast<void>(echo->attach(target, path)); });
+        add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->attach(target, path)); });
     }
     void onDetach(std::uint32_t target) override { onDetached(target); }
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
     {
-        add(describe(stream, target, request));
-        if (isPersistent) {
-            persistent.push_back(stream);
-        }
-        say([&] { static_cast<void>(echo->request(stream, target, request)); });
+        persistent += isPersistent ? std::to_string(stream) + ' ' : "";
+        add(describe(stream, target, request), [&] { static_cast<void>(echo->request(stream, target, request)); });
     }
     void onCancel(std::uint32_t stream) override
     {
-        add("cancel", stream);
-        say([&] { static_cast<void>(echo->cancel(stream)); });
+        add(line("cancel", stream), [&] { static_cast<void>(echo->cancel(stream)); });
     }
     void onAttached(std::uint32_t target) override
     {
-        add("attached", target);
-        say([&] { echo->attached(target); });
+        add(line("attached", target), [&] { echo->attached(target); });
     }
     void onDetached(std::uint32_t target) override
     {
-        add("detached", target);
-        say([&] { echo->detached(target); });
+        add(line("detached", target), [&] { echo->detached(target); });
     }
     void onNext(std::uint32_t stream, Response response) override
     {
-        add(describe("next", stream, response));
-        say([&] { static_cast<void>(echo->next(stream, response)); });
+        add(describe("next", stream, response), [&] { static_cast<void>(echo->next(stream, response)); });
     }
     void onError(std::uint32_t stream, Response error) override
     {
-        add(describe("error", stream, error));
-        say([&] { echo->error(stream, error); });
+        add(describe("error", stream, error), [&] { echo->error(stream, error); });
     }
     void onCompleted(std::uint32_t stream) override
     {
-        add("completed", stream);
-        say([&] { echo->completed(stream); });
+        add(line("completed", stream), [&] { echo->completed(stream); });
     }
 
     std::vector<std::string> lines;
-    std::vector<std::uint32_t> persistent; ///< streams of the requests that say so
+    Hello hello;
+    std::string persistent; ///< streams of the requests that say so
     Machine* echo = nullptr;
     Machine* held = nullptr;
 
 private:
-    void add(const char* what, std::uint32_t number, const std::string& rest = {})
-    {
-        add(what + (' ' + std::to_string(number)) + rest);
-    }
-    void add(std::string line)
+    static std::string line(const char* what, std::uint32_t number) { return what + (' ' + std::to_string(number)); }
+    void add(
+        std::string heard, const std::function<void()>& say = [] {})
     {
         if (held != nullptr) {
             lines.insert(lines.end(), held->isHeld() ? 1 : 0, "called while held");
             held->hold();
         }
-        lines.push_back(std::move(line));
-    }
-    template <class Say>
-    void say(const Say& what) const
-    {
+        lines.push_back(std::move(heard));
         if (echo != nullptr) {
-            what();
+            say();
         }
     }
 };
 
-/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
-inline bool feed(Machine& machine, const unsigned char* data, std::size_t size, std::size_t atMost = SIZE_MAX)
+/// The bytes of a frame, whose body is "bbb...".
+inline Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uint32_t target, const Bytes& head = {},
+                   std::size_t body = 0)
 {
-    while (size > 0) {
+    FrameHeader header;
+    header.length = static_cast<std::uint32_t>(head.size() + body);
+    header.kind = static_cast<std::uint8_t>(kind);
+    header.flags = static_cast<std::uint8_t>(flags);
+    header.head = static_cast<std::uint16_t>(head.size());
+    header.stream = stream;
+    header.target = target;
+    Bytes bytes(HEADER_BYTES + header.length, 'b');
+    writeHeader(bytes.data(), header);
+    std::copy(head.begin(), head.end(), bytes.begin() + HEADER_BYTES);
+    return bytes;
+}
+
+/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
+inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::size_t atMost = SIZE_MAX)
+{
+    while (!bytes.empty()) {
         const std::span<unsigned char> room = machine.inputBuffer();
-        const std::size_t count = std::min({size, room.size(), atMost});
-        std::memcpy(room.data(), data, count);
+        const std::size_t count = std::min({bytes.size(), room.size(), atMost});
+        std::memcpy(room.data(), bytes.data(), count);
         bool failed = machine.received(count, 0);
         while (machine.isHeld() && !failed) {
             machine.release();
@@ -148,15 +155,9 @@ inline bool feed(Machine& machine, const unsigned char* data, std::size_t size, 
         if (failed) {
             return true;
         }
-        data += count;
-        size -= count;
+        bytes = bytes.subspan(count);
     }
     return false;
-}
-
-inline bool feed(Machine& machine, const Bytes& bytes, std::size_t atMost = SIZE_MAX)
-{
-    return feed(machine, bytes.data(), bytes.size(), atMost);
 }
 
 /// Takes at most `atMost` bytes of what a machine wants to write.
