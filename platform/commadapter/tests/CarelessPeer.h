@@ -4,8 +4,6 @@
 #include "backend_support.h"
 #include "protocol_support.h"
 
-#include <gtest/gtest.h>
-
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,22 +24,15 @@ public:
     void connect(const std::string& locator)
     {
         m_loop->post([this, endpoint = *m_transport->parse(url(locator))] {
-            m_transport->connect(
-                endpoint, [this](transport::ITransport::Connected connected) { use(std::move(connected.stream)); });
+            m_transport->connect(endpoint, [this](auto connected) { use(std::move(connected.stream)); });
         });
     }
     /// Takes one client.
     void listen(const std::string& process)
     {
         std::string why;
-        ASSERT_FALSE(m_transport->listen(
-            process,
-            [this](std::unique_ptr<transport::IStream> stream) {
-                if (!m_stream) {
-                    use(std::move(stream));
-                }
-            },
-            why))
+        EXPECT_FALSE(m_transport->listen(
+            process, [this](auto stream) { use(std::move(stream)); }, why))
             << why;
     }
     /// Its hello is queued.
@@ -66,8 +57,10 @@ public:
 private:
     void use(std::unique_ptr<transport::IStream> stream)
     {
-        m_stream = std::move(stream);
-        m_stream->start(*this);
+        if (!m_stream) {
+            m_stream = std::move(stream);
+            m_stream->start(*this);
+        }
     }
     void onReadable() override
     {

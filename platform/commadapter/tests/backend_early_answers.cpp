@@ -2,13 +2,10 @@
 
 #include "CarelessPeer.h"
 
-#include <gtest/gtest.h>
-
 namespace kesa::commadapter::test {
 namespace {
 
 using protocol::Machine;
-using testing::ElementsAre;
 
 enum class Answer { eNEXT, eERROR, eCOMPLETED };
 constexpr std::uint32_t SENT = 1;
@@ -20,14 +17,12 @@ class BackendEarlyAnswers : public SimulatedBackends,
 protected:
     BackendEarlyAnswers()
     {
-        transport::MemoryNetwork::Faults narrow;
-        narrow.pipeBytes = 4096;
-        network->setFaults(narrow);
+        faults.pipeBytes = 4096;
+        network->setFaults(faults);
         server = std::make_unique<CarelessPeer>(*network, Machine::Role::eSERVER);
         server->listen("careless");
         backend = makeBackend("client");
         client = std::make_unique<Client>(*backend, "ipc://careless/service");
-        client->start();
         settle();
         server->machine().attached(1);
         server->send();
@@ -39,59 +34,55 @@ protected:
         }
         settle();
     }
-    void answer(Answer with, std::uint32_t stream)
+    void answer(Answer kind)
     {
-        switch (with) {
-        case Answer::eNEXT:
+        if (kind == Answer::eNEXT) {
             ASSERT_EQ(server->machine().next(stream, value("x")), Machine::Sent::eQUEUED);
-            break;
-        case Answer::eERROR:
+        } else if (kind == Answer::eERROR) {
             server->machine().error(stream, Response::createErrorResponse(409, "taken"));
-            break;
-        case Answer::eCOMPLETED:
+        } else {
             server->machine().completed(stream);
-            break;
         }
     }
-    std::shared_ptr<Outcome>& of(std::uint32_t stream) { return requests[stream - 1]; }
+    Outcome& of(std::uint32_t number) { return *requests[number - 1]; }
 
+    const Answer with = std::get<0>(GetParam());
+    const std::uint32_t stream = std::get<1>(GetParam());
     std::unique_ptr<CarelessPeer> server;
     std::unique_ptr<IBackend> backend;
     std::unique_ptr<Client> client;
-    std::vector<std::shared_ptr<Outcome>> requests;
+    Outcomes requests;
 };
+
+INSTANTIATE_TEST_SUITE_P(All, BackendEarlyAnswers,
+                         testing::Combine(testing::Values(Answer::eNEXT, Answer::eERROR, Answer::eCOMPLETED),
+                                          testing::Values(SENT, BEGUN, QUEUED)));
 
 TEST_P(BackendEarlyAnswers, EndTheConnectionAndTouchNoHandler)
 {
-    const auto [with, stream] = GetParam();
     const bool isLate = stream == SENT;
-    of(stream)->onValue = [this, stream = stream] { client->cancel(*of(stream)); };
-    answer(with, stream);
-    answer(Answer::eNEXT, stream);
+    of(stream).onValue = [this] { client->cancel(of(stream)); };
+    answer(with);
+    answer(Answer::eNEXT);
     server->send();
     settle();
-    EXPECT_EQ(client->checker.isConnected(), isLate);
-    EXPECT_EQ(of(stream)->values.size(), isLate && with == Answer::eNEXT ? 1U : 0U);
-    EXPECT_TRUE(of(stream)->isDestroyed);
+    EXPECT_EQ(client->isConnected(), isLate);
+    EXPECT_EQ(of(stream).values.size(), isLate && with == Answer::eNEXT ? 1U : 0U);
+    EXPECT_TRUE(of(stream).isDestroyed);
     for (const std::uint32_t open : {BEGUN, QUEUED}) {
-        EXPECT_EQ(of(open)->errorText, isLate ? "" : "the connection was lost: answer to a request that was not sent");
+        EXPECT_EQ(of(open).errorText, isLate ? "" : "the connection was lost: answer to a request that was not sent");
     }
 }
 
 // The number must not become free before the rest of the request has left.
 TEST_P(BackendEarlyAnswers, EndTheConnectionAlsoWhenTheRequestWasCancelled)
 {
-    const auto [with, stream] = GetParam();
-    client->cancel(*of(stream));
-    answer(with, stream);
+    client->cancel(of(stream));
+    answer(with);
     server->send();
     settle();
-    EXPECT_EQ(client->checker.isConnected(), stream != BEGUN) << "what was queued was taken back, and is nobody's";
+    EXPECT_EQ(client->isConnected(), stream != BEGUN) << "what was queued was taken back, and is nobody's";
 }
-
-INSTANTIATE_TEST_SUITE_P(All, BackendEarlyAnswers,
-                         testing::Combine(testing::Values(Answer::eNEXT, Answer::eERROR, Answer::eCOMPLETED),
-                                          testing::Values(SENT, BEGUN, QUEUED)));
 
 } // namespace
 } // namespace kesa::commadapter::test

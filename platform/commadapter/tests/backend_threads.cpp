@@ -7,17 +7,12 @@
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
 #include <kesa/FuncCallEvent.h>
-#include <kesa/headers.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <filesystem>
 
 namespace kesa::commadapter::test {
 namespace {
-
-using testing::IsEmpty;
 
 class BackendThreads : public testing::Test {
 protected:
@@ -32,8 +27,7 @@ protected:
     }
     ~BackendThreads() override
     {
-        m_isOver = true;
-        m_threads.clear();
+        endTraffic();
         local.reset();
         remote.reset();
         clientBackend.reset();
@@ -55,15 +49,14 @@ protected:
     std::unique_ptr<Client> connect(IBackend& backend)
     {
         auto client = std::make_unique<Client>(backend, LOCATOR);
-        client->checker.onChange = [this] { notify(); };
-        client->start();
+        client->onChange = [this] { notify(); };
         return client;
     }
     void provide()
     {
-        services.push_back(std::make_unique<CheckedService>("service"));
+        services.push_back(std::make_unique<CheckedService>());
         ASSERT_FALSE(server->provideOnLocator(url(LOCATOR), services.back().get()));
-        ASSERT_TRUE(await([this] { return remote->checker.isConnected(); }));
+        ASSERT_TRUE(await([this] { return remote->isConnected(); }));
     }
     void notify()
     {
@@ -76,29 +69,15 @@ protected:
         std::unique_lock lock(m_lock);
         return comm::waitFor(m_changed, lock, holds, comm::now() + limit);
     }
-    /// Issues a request and waits for its end.
-    std::shared_ptr<Outcome> call(KesaClientApi& api, ClientChecker& checker, const Request& request)
-    {
-        std::shared_ptr<Outcome> outcome;
-        auto handler = checker.handler(outcome);
-        std::atomic<bool> isOver{false};
-        outcome->onEnd = [this, &isOver] {
-            isOver = true;
-            notify();
-        };
-        api.request(request, std::move(handler));
-        EXPECT_TRUE(await([&isOver] { return isOver.load(); }));
-        return outcome;
-    }
 
     // Threads that ask and cancel as fast as they can; some requests run out of time meanwhile.
-    void beginTraffic(const std::vector<KesaClientApi*>& apis)
+    void beginTraffic()
     {
         for (unsigned i = 0; i < 3; ++i) {
             m_threads.push_back(std::make_unique<comm::ActiveObject>("test.traffic"));
-            post(*m_threads.back(), [this, apis, i] {
+            post(*m_threads.back(), [this, i] {
                 for (unsigned n = 0; !m_isOver; ++n) {
-                    issue(*apis[n % apis.size()], n % 8 == 0, (n + i) % 2 == 0, n % 3 == 0);
+                    issue((n % 2 == 0 ? *remote : *local).api(), n % 8 == 0, (n + i) % 2 == 0, n % 3 == 0);
                 }
             });
         }
@@ -106,23 +85,24 @@ protected:
     void issue(KesaClientApi& api, bool isAwaited, bool isCancelled, bool isLimited)
     {
         std::shared_ptr<Outcome> outcome;
+        auto handler = traffic.makeHandler(outcome);
+        std::atomic<bool> isOver{false};
+        Request request = retrieve(isAwaited ? "/echo" : "/stream", "x");
         if (isAwaited) { // keeps pace with the loop
-            outcome = call(api, traffic, retrieve("/echo", "x"));
-        } else {
-            auto handler = traffic.handler(outcome);
-            Request request = retrieve("/stream", "x");
-            if (isLimited) {
-                request.setHeader(headers::TIMEOUT, 1);
-                outcome->onEnd = [this] {
-                    ++m_limitedEnds;
-                    notify();
-                };
-            }
-            void* const handle = api.request(request, std::move(handler));
-            if (isCancelled) {
-                api.cancel(handle);
-                traffic.cancelled(*outcome);
-            }
+            outcome->onEnd = [this, &isOver] {
+                isOver = true;
+                notify();
+            };
+        } else if (isLimited) {
+            request.setHeader(headers::TIMEOUT, 1);
+            outcome->onEnd = [this] { ++m_limitedEnds; };
+        }
+        void* const handle = api.request(request, std::move(handler));
+        if (isAwaited) {
+            EXPECT_TRUE(await([&isOver] { return isOver.load(); }));
+        } else if (isCancelled) {
+            api.cancel(handle);
+            traffic.cancelled(*outcome);
         }
         const std::lock_guard lock(m_lock);
         m_outcomes.push_back(std::move(outcome));
@@ -135,6 +115,11 @@ protected:
         ASSERT_TRUE(comm::waitFor(
             m_changed, lock, [&] { return m_outcomes.size() >= target; }, comm::now() + 30 * comm::SECOND));
     }
+    void endTraffic()
+    {
+        m_isOver = true;
+        m_threads.clear();
+    }
 
     const std::string LOCATOR = "ipc://server/service";
     std::mutex m_lock;
@@ -146,10 +131,10 @@ protected:
     std::unique_ptr<Client> remote;
     std::unique_ptr<Client> local;
     /// Of requests issued from many threads in the middle of reconnections; it knows of no connection.
-    ClientChecker traffic{"traffic"};
+    Client traffic{"traffic"};
     std::atomic<bool> m_isOver{false};
     std::atomic<unsigned> m_limitedEnds{0};
-    std::vector<std::shared_ptr<Outcome>> m_outcomes;
+    Outcomes m_outcomes;
     std::vector<std::unique_ptr<comm::ActiveObject>> m_threads;
 };
 
@@ -165,15 +150,15 @@ TEST_F(BackendThreads, CancelAndReleaseWaitForTheRunningCall)
     };
     const auto stream = remote->request(retrieve("/stream"));
     stream->onValue = linger;
-    call(remote->api(), remote->checker, retrieve("/echo")); // behind it on the same connection
+    issue(remote->api(), true, false, false); // behind it on the same connection
     services.back()->take()->onNext(value("1"));
     ASSERT_TRUE(await([&] { return isInside.load(); }));
     remote->cancel(*stream);
     hasReturned = true;
-    EXPECT_TRUE(remote->checker.isDestroyed(*stream));
+    EXPECT_TRUE(remote->isDestroyed(*stream));
 
     isInside = hasReturned = false;
-    remote->checker.onChange = linger;
+    remote->onChange = linger;
     server->unprovide(url(LOCATOR));
     ASSERT_TRUE(await([&] { return isInside.load(); }));
     remote->release();
@@ -181,32 +166,13 @@ TEST_F(BackendThreads, CancelAndReleaseWaitForTheRunningCall)
     clientBackend->stop(); // and what may still run
 }
 
-TEST_F(BackendThreads, TimeRunsOutInTheMiddleOfTraffic)
-{
-    local = connect(*server);
-    provide();
-    beginTraffic({&remote->api(), &local->api()});
-    EXPECT_TRUE(await([this] { return m_limitedEnds >= 1000; }));
-    m_isOver = true;
-    m_threads.clear();
-    clientBackend->stop();
-    server->stop();
-    services.back()->withdrawn();
-    for (const auto& outcome : m_outcomes) {
-        EXPECT_TRUE(outcome->isDestroyed);
-    }
-    remote->forgetBackend();
-    local->forgetBackend();
-}
-
 TEST_F(BackendThreads, WithdrawReleaseAndStopInTheMiddleOfTraffic)
 {
     local = connect(*server);
     const auto areConnected = [&](bool expected) {
-        return await(
-            [&] { return remote->checker.isConnected() == expected && local->checker.isConnected() == expected; });
+        return await([&] { return remote->isConnected() == expected && local->isConnected() == expected; });
     };
-    beginTraffic({&remote->api(), &local->api()});
+    beginTraffic();
     for (int round = 0; round < 20; ++round) {
         provide();
         ASSERT_TRUE(areConnected(true)) << "round " << round;
@@ -217,22 +183,19 @@ TEST_F(BackendThreads, WithdrawReleaseAndStopInTheMiddleOfTraffic)
         ASSERT_TRUE(areConnected(false)) << "round " << round;
     }
     provide();
-    awaitTraffic();
+    while (m_limitedEnds < 1000) {
+        awaitTraffic();
+    }
     local->release();
     awaitTraffic();
     server->stop();
     services.back()->withdrawn();
     awaitTraffic();
     clientBackend->stop();
-    remote->checker.released();
-    awaitTraffic();
-    m_isOver = true;
-    m_threads.clear();
-    for (const auto& outcome : m_outcomes) {
-        EXPECT_TRUE(outcome->isDestroyed);
-        EXPECT_TRUE(outcome->isOver());
-    }
     remote->forgetBackend();
+    awaitTraffic();
+    endTraffic();
+    EXPECT_EQ(countOf(m_outcomes, [](const auto& o) { return o->isDestroyed && o->isOver(); }), m_outcomes.size());
 }
 
 } // namespace
