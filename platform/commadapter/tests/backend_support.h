@@ -96,8 +96,9 @@ class Client final : public IClientConnectionListener {
 public:
     /// Of no client object: makes handlers only.
     explicit Client(std::string name) : m_state(std::make_shared<State>(std::move(name))) {}
-    Client(IBackend& backend, const std::string& locator) : Client(locator)
+    Client(IBackend& backend, const std::string& locator, std::function<void()> changed = {}) : Client(locator)
     {
+        onChange = std::move(changed);
         m_backend = &backend;
         m_api.reset(backend.connect(url(locator), this));
         m_api->startConnect();
