@@ -329,18 +329,6 @@ TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
     scheduler->continueGroup(2);
 }
 
-TEST_F(BackendPeers, WhoseProcessHasEndedIsDeadAtOnce)
-{
-    faults.draw = [](std::uint64_t) { return 0; };
-    faults.heldOpenPercent = 100;
-    network->setFaults(faults); // a child of it keeps the connection open
-    kill(clientBackend, 2);
-    ask();
-    EXPECT_LE(timeToAnswers(1), comm::MILLISECOND);
-    EXPECT_THAT(answers, ElementsAre("dead, cancels: 1, the connection has ended"));
-    client->forgetBackend();
-}
-
 TEST_F(BackendPeers, PeerMayOutliveItsBackend)
 {
     scheduler->pauseGroup(2);

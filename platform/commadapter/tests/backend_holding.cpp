@@ -83,16 +83,6 @@ protected:
     Outcomes outcomes; ///< of the calls
 };
 
-TEST_F(BackendHolding, CallsInsideOfAProcessAreHeldAlike)
-{
-    begin();
-    Client own(*server, answersAt);
-    settle();
-    ask(own, 5000);
-    settle();
-    EXPECT_EQ(answered(), 5000U);
-}
-
 TEST_F(BackendHolding, StreamsAreJudgedByTheirOwnValuesOnly)
 {
     begin();

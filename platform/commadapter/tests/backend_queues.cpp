@@ -235,33 +235,6 @@ TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
     }
 }
 
-/// A process that comes back: all it holds and follows at once, many times what a queue may hold on either side.
-TEST_F(BackendQueues, TenThousandPersistentRequestsAtOnceTripNothing)
-{
-    settings.processQueueBytes = 1U << 20U;
-    auto announcer = makeBackend("announcer");
-    Client all(*announcer, locator);
-    settle();
-    policy = QueuePolicy::eCUT_CONNECTION;
-    for (int i = 0; i < 10'000; ++i) {
-        streams.push_back(all.request(persistent(numbered(0))));
-    }
-    EXPECT_LT(timeUntil([&] { return service.open() == 10'000; }), comm::SECOND);
-    for (const auto& handler : service.handlers()) {
-        EXPECT_EQ(flood(*handler, 2), 2);
-    }
-    streams.push_back(all.request(persistent()));
-    runFor(1000);
-    EXPECT_EQ(service.open(), 10'001U);
-    EXPECT_EQ(countOf(streams, [](const auto& o) { return o->values.size() == 2; }), 10'000U);
-    EXPECT_EQ(all.connections(), 1U);
-
-    all.release();
-    runFor(10'000);
-    EXPECT_EQ(service.open(), 0U);
-    EXPECT_EQ(countOf(streams, [](const auto& o) { return o->status == 503 && o->isDestroyed; }), 10'001U);
-}
-
 TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
 {
     const Request large = retrieve("/stream", std::string(BODY_SIZE, 'x'));

@@ -174,23 +174,6 @@ TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLong)
     }
 }
 
-TEST_F(BackendTimeLimitsRemote, RequestWhoseTimeRunsOutInTheQueueIsTakenBack)
-{
-    faults.pipeBytes = 4096;
-    network->setFaults(faults);
-    begin();
-    scheduler->pauseGroup(1);
-    const auto fills = client->request(limited(retrieve("/echo", std::string(8192, 'x')), 100));
-    const auto waits = client->request(limited(retrieve("/echo", "behind it"), 100));
-    runFor(101);
-    EXPECT_TRUE(fills->status == 504 && waits->status == 504);
-    unsigned asked = 0;
-    service.onRequest = [&asked](const Request&) { ++asked; };
-    scheduler->continueGroup(1);
-    settle();
-    EXPECT_EQ(asked, 1U) << "only what had begun to be written";
-}
-
 TEST_F(BackendTimeLimitsRemote, ServerRefusesWhatIsNoLimit)
 {
     begin();

@@ -135,26 +135,6 @@ TEST(ProtocolQueue, EachStreamKeepsItsOrderWhateverTheCuts)
     }
 }
 
-TEST(ProtocolQueue, SmallMessagesPassBetweenFragmentsButNotWithinTheirStream)
-{
-    Pair pair;
-    ASSERT_EQ(pair.server.next(1, Response(200, text("before"))), Machine::Sent::eQUEUED);
-    ASSERT_EQ(pair.server.next(1, Response(200, large(300000))), Machine::Sent::eQUEUED);
-    ASSERT_EQ(pair.server.next(1, Response(201, text("after"))), Machine::Sent::eQUEUED);
-    pair.server.completed(1);
-    ASSERT_EQ(pair.server.next(2, Response(200, text("passes"))), Machine::Sent::eQUEUED);
-    pair.server.attached(9);
-    ASSERT_FALSE(feed(pair.client, takeAll(pair.server)));
-    EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{
-                                       "next 1 200 <plain/text>before",
-                                       "next 2 200 <plain/text>passes",
-                                       "attached 9",
-                                       describe("next", 1, Response(200, large(300000))),
-                                       "next 1 201 <plain/text>after",
-                                       "completed 1",
-                                   }));
-}
-
 TEST(ProtocolQueue, LargeMessagesTakeTurnsAndStarveNobody)
 {
     Pair pair;

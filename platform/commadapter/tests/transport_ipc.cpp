@@ -455,18 +455,6 @@ TEST_F(TransportIpc, AnEndpointThatAppearedBeforeItWasWatchedIsReportedButAStale
     EXPECT_EQ(client.appeared, 1);
 }
 
-TEST_F(TransportIpc, ARealmIsOneRunDirectory)
-{
-    Node first(board, directory);
-    Node second(board, directory);
-    Node elsewhere(board, (root / "elsewhere").string());
-    ASSERT_FALSE(first.listen("media") || elsewhere.listen("media"));
-    const Endpoint own = *first.transport->ownEndpoint();
-    EXPECT_EQ(own.realm.size(), 16U);
-    EXPECT_TRUE(second.transport->canHandle(own)) << "the directory appeared";
-    EXPECT_FALSE(elsewhere.transport->canHandle(own));
-}
-
 TEST_F(TransportIpc, TheRunDirectoryIsTheMachinesWhereThisUserMayUseIt)
 {
     const std::string system = (root / "system").string();
