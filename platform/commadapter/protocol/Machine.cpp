@@ -197,9 +197,4 @@ comm::TimeNs Machine::lastReceived() const noexcept
     return m_shared->lastReceived.load(std::memory_order_relaxed);
 }
 
-comm::TimeNs Machine::lastSent() const noexcept
-{
-    return m_output->lastSent();
-}
-
 } // namespace kesa::commadapter::protocol

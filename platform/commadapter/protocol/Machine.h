@@ -168,9 +168,8 @@ public:
     bool expired(comm::TimeNs now, std::string& why) const;
     /// The loop itself did not run for a while: every deadline starts anew.
     void restartDeadlines(comm::TimeNs now);
-    /// When the last byte came in, and the last went out.
+    /// When the last byte came in.
     comm::TimeNs lastReceived() const noexcept;
-    comm::TimeNs lastSent() const noexcept;
 
 private:
     struct Shared;

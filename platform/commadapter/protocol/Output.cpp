@@ -16,8 +16,7 @@ comm::TimeNs after(comm::TimeNs now, comm::TimeNs pause) noexcept
 } // namespace
 
 Machine::Output::Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
-    : m_role(role), m_limits(limits), m_shared(shared), m_lastSent(now),
-      m_helloDeadline(after(now, limits.helloTimeout))
+    : m_role(role), m_limits(limits), m_shared(shared), m_helloDeadline(after(now, limits.helloTimeout))
 {
     Hello hello = own;
     hello.maxMessageBytes = limits.maxMessageBytes;
@@ -137,7 +136,6 @@ void Machine::Output::sent(std::size_t size, comm::TimeNs now)
     if (size == 0) {
         return;
     }
-    m_lastSent = now;
     m_queue.sent(size);
     if (m_queue.hasPing() && m_probeDeadline != comm::NEVER) {
         m_probeDeadline = after(now, m_limits.heartbeat); // the peer takes what stands before the ping

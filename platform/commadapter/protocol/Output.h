@@ -31,7 +31,6 @@ public:
     comm::TimeNs nextDeadline() const noexcept;
     bool expired(comm::TimeNs now, std::string& why) const;
     void restartDeadlines(comm::TimeNs now);
-    comm::TimeNs lastSent() const noexcept { return m_lastSent; }
 
 private:
     [[nodiscard]] Sent finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
@@ -46,7 +45,6 @@ private:
     Shared& m_shared;
     SendQueue m_queue;
     std::string m_refusal; ///< of the last message that was not queued
-    comm::TimeNs m_lastSent;
     comm::TimeNs m_helloDeadline;
     comm::TimeNs m_probeDeadline = comm::NEVER;
     std::uint64_t m_receivedAtProbe = 0; ///< `receivedCount` then: it has grown when the peer showed that it lives
