@@ -14,6 +14,7 @@
 #include <runtime/v02/runtime/Handle.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/LoopWatch.h>
+#include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
 #include <runtime/v02/runtime/Reasons.h>
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
 #include <runtime/v02/runtime/channels.h>
@@ -77,7 +78,7 @@ public:
     std::shared_ptr<const IReasons> reasons() const override { return m_reasons; }
 
 private:
-    using Trackers = std::vector<std::shared_ptr<TrackingHandler>>;
+    using Trackers = std::vector<std::shared_ptr<QueryUpdateBookkeeper>>;
     using QueryTrackers = std::vector<std::pair<Handle, std::shared_ptr<TrackingHandler>>>;
     using Issue = RemoteRegistryHandler::Issue;
 
@@ -89,8 +90,7 @@ private:
         optional<ServiceDef> optionalServiceDef;
         /// Under which the registration is kept at the remote registry.
         optional<std::uint32_t> remoteRegistrationId;
-        /// In order of subscription; each is a `QueryUpdateBookkeeper`.
-        Trackers trackers;
+        Trackers trackers; ///< in order of subscription
         bool isProvidedByThisProcess = false;
         bool isStaticConfigured = false;
         /// Under which the path is tracked at the remote registry.
@@ -203,7 +203,7 @@ private:
     void unprovide(RuntimeEntry& entry, const ServiceDef& record);
 
     // Tracking
-    void addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle);
+    void addTracker(const std::string& path, std::unique_ptr<QueryUpdateBookkeeper> chain, const Handle& handle);
     void useRemoteRegistry(const std::string& path, const Handle& handle);
     void removeTracker(const std::string& path, const Handle& handle);
     void triggerRuntimeUpdate(ResourceUpdateType type, const ServiceDef& serviceDef, const Trackers& trackers,

@@ -1,7 +1,6 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
 #include <runtime/v02/runtime/EventLog.h>
-#include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
 
 #include <algorithm>
 
@@ -14,18 +13,18 @@ using TrackingObserver = responsehandlers::FuncResponseHandler<ServiceUpdate>;
 using ObservedTracking = responsehandlers::DoOnEachResponseHandler<ServiceUpdate>;
 
 /// Whether a tracker of a path is the one of this handle. Its address alone may be that of an earlier one.
-bool isTracker(const TrackingHandler& tracker, const Handle& handle)
+bool isTracker(const QueryUpdateBookkeeper& tracker, const Handle& handle)
 {
-    return &tracker == handle.address && static_cast<const QueryUpdateBookkeeper&>(tracker).number() == handle.number;
+    return &tracker == handle.address && tracker.number() == handle.number;
 }
 
 /// Takes the tracker out of the list, if it is in it; it dies here unless an update is on its way to it.
-void takeTracker(std::vector<std::shared_ptr<TrackingHandler>>& trackers, const Handle& handle)
+void takeTracker(std::vector<std::shared_ptr<QueryUpdateBookkeeper>>& trackers, const Handle& handle)
 {
     const auto found = std::find_if(trackers.begin(), trackers.end(),
                                     [&handle](const auto& tracker) { return isTracker(*tracker, handle); });
     if (found != trackers.end()) {
-        const std::shared_ptr<TrackingHandler> leaving = std::move(*found);
+        const std::shared_ptr<QueryUpdateBookkeeper> leaving = std::move(*found);
         trackers.erase(found);
     }
 }
@@ -59,7 +58,7 @@ Disposable KesaRuntimeImpl::trackService(const std::string& path, bool, std::uni
         [this, path = path](const Response&) { eventlog::trackingStop(m_eventSource, path, CausedBy::eERROR); }, [] {});
     auto observed = std::make_unique<ObservedTracking>(std::move(observer), std::move(handler));
     auto chain = std::make_unique<QueryUpdateBookkeeper>(std::move(observed), newNumber());
-    const Handle handle{static_cast<const TrackingHandler*>(chain.get()), chain->number()};
+    const Handle handle{chain.get(), chain->number()};
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path]'%s' handle='%p'", path.c_str(), handle.address);
     toExecutor([this, path = path, handle, chain = std::move(chain)]() mutable {
         addTracker(path, std::move(chain), handle);
@@ -67,7 +66,8 @@ Disposable KesaRuntimeImpl::trackService(const std::string& path, bool, std::uni
     return disposable([this, path = path, handle] { removeTracker(path, handle); });
 }
 
-void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<TrackingHandler> chain, const Handle& handle)
+void KesaRuntimeImpl::addTracker(const std::string& path, std::unique_ptr<QueryUpdateBookkeeper> chain,
+                                 const Handle& handle)
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path] new tracker for service '%s' handle='%p'", path.c_str(),
