@@ -16,7 +16,6 @@
 namespace {
 
 using bench::Measured;
-using bench::require;
 
 struct Aim {
     const char* quantity;
