@@ -47,6 +47,17 @@ function(kesa_module name)
   endforeach()
 endfunction()
 
+# kesa_test_headers(TARGET): what every test includes. The first target precompiles it, the others take that.
+function(kesa_test_headers target)
+  get_property(first GLOBAL PROPERTY KESA_TEST_HEADERS)
+  if(first)
+    target_precompile_headers(${target} REUSE_FROM ${first})
+  else()
+    target_precompile_headers(${target} PRIVATE <gmock/gmock.h> <gtest/gtest.h> <memory> <string> <vector>)
+    set_property(GLOBAL PROPERTY KESA_TEST_HEADERS ${target})
+  endif()
+endfunction()
+
 # kesa_tests(NAME [SEES module...] [LIBS lib...] [DIR dir]): the module's unit tests, one binary kesa_NAME_tests of DIR/*.cpp.
 function(kesa_tests name)
   if(NOT BUILD_TESTING)
@@ -69,7 +80,7 @@ function(kesa_tests name)
   target_include_directories(kesa_${name}_tests PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}
     ${PROJECT_SOURCE_DIR}/platform/tracing/testing ${PROJECT_SOURCE_DIR}/tests/support)
   target_link_libraries(kesa_${name}_tests PRIVATE ${T_SEES} ${T_LIBS} GTest::gmock GTest::gtest_main)
-  target_precompile_headers(kesa_${name}_tests PRIVATE <gmock/gmock.h> <gtest/gtest.h> <memory> <string> <vector>)
+  kesa_test_headers(kesa_${name}_tests)
   add_test(NAME ${name} COMMAND kesa_${name}_tests)
   set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})
 endfunction()
