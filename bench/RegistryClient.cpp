@@ -152,20 +152,20 @@ void RegistryClient::sync()
 
 kesa::serviceregistry::IServiceRegistry& RegistryClient::bare()
 {
-    using Api = std::shared_ptr<kesa::IKesaApi>;
+    using Service = std::shared_ptr<kesa::IKesaApi>;
     if (!m_bare) {
         struct Resolution { // the handler outlives this call
-            Api api;
+            Service api;
             Signal connected;
         };
         const auto resolution = std::make_shared<Resolution>();
-        static_cast<void>(
-            m_runtime.resolveService(kesa::url("ipc://kesa-registryd/registry"),
-                                     kesa::handler<kesa::optional<Api>>([resolution](const kesa::optional<Api>& value) {
-                                         require(value.has_value(), "connection to the registry");
-                                         resolution->api = *value;
-                                         resolution->connected.give();
-                                     })));
+        static_cast<void>(m_runtime.resolveService(
+            kesa::url("ipc://kesa-registryd/registry"),
+            kesa::handler<kesa::optional<Service>>([resolution](const kesa::optional<Service>& value) {
+                require(value.has_value(), "connection to the registry");
+                resolution->api = *value;
+                resolution->connected.give();
+            })));
         resolution->connected.take("connection to the registry");
         m_bare = std::make_unique<ServiceRegistryPexClient>(resolution->api, std::string(kesa::mimetypes::JSON));
     }

@@ -17,7 +17,7 @@ public:
         : m_transport(network.makeTransport(m_loop, 9)),
           m_machine(role, protocol::testing::helloOf("careless"), {}, m_heard, 0)
     {}
-    ~CarelessPeer() { m_loop->stop(); }
+    ~CarelessPeer() override { m_loop->stop(); }
     CarelessPeer(const CarelessPeer&) = delete;
     CarelessPeer& operator=(const CarelessPeer&) = delete;
 

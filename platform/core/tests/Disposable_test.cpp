@@ -45,7 +45,7 @@ TEST(ScopedDisposable, DisposesAtItsEnd)
     {
         ScopedDisposable scoped(Disposable([&runs] { ++runs; }));
         ScopedDisposable moved = std::move(scoped);
-        scoped.dispose();
+        scoped.dispose(); // NOLINT(bugprone-use-after-move): nothing is left in it
         EXPECT_EQ(runs, 0);
         Disposable mine = ScopedDisposable(Disposable([&runs] { runs += 10; })).release();
         moved = ScopedDisposable();

@@ -23,7 +23,7 @@ void expectMovesAndDiesOnce()
     const auto sum = std::make_shared<int>(0);
     Function function = adding<Load>(sum);
     Function other(std::move(function));
-    EXPECT_FALSE(function);
+    EXPECT_FALSE(function); // NOLINT(bugprone-use-after-move): nothing is left in it
     EXPECT_EQ(other(3), 3);
     function = std::move(other);
     EXPECT_EQ(function(4), 7);

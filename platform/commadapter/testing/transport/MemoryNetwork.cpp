@@ -201,7 +201,8 @@ ITransport::Connected MemoryTransport::open(const Endpoint& endpoint, std::share
     link->ends[1].group = listener->group;
     m_network->links.push_back(link);
     accepted = memory::makeStream(m_network, link, 1);
-    return {memory::makeStream(m_network, link, 0), Failure::eOTHER, {}};
+    std::unique_ptr<IStream> own = memory::makeStream(m_network, link, 0);
+    return {std::move(own), Failure::eOTHER, {}};
 }
 
 void MemoryTransport::connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done)
