@@ -44,7 +44,7 @@ struct Process {
     std::string name;
     bool isRegistry = false;
     bool isStopped = false;
-    std::uint64_t group = 0; ///< of its present instance
+    std::uint64_t group = 0;                   ///< of its present instance
     std::unique_ptr<kesa::actor::Actor> actor; ///< outlives its runtime; instead of all that is below
     std::unique_ptr<runtime::v02::KesaRuntimeImpl> runtime;
     std::unique_ptr<registry::RegistryHost> host;
@@ -54,7 +54,7 @@ struct Process {
     std::vector<Registration> registrations;
     std::vector<std::shared_ptr<Belief>> answers;
     std::vector<std::shared_ptr<Service>> services;
-    std::string document;                      ///< its own; empty: the world's
+    std::string document; ///< its own; empty: the world's
     std::optional<commadapter::CommSettings> settings;
 
     bool isRunning() const { return runtime && !isStopped; }

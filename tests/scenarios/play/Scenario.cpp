@@ -10,7 +10,8 @@ namespace kesa::scenarios {
 
 namespace {
 
-const std::vector<std::string> OF_THE_STAGE = {"start", "kill", "quit", "stop", "continue", "hears", "unheard", "cut", "behind"};
+const std::vector<std::string> OF_THE_STAGE = {"start", "kill",    "quit", "stop",  "continue",
+                                               "hears", "unheard", "cut",  "behind"};
 const std::vector<std::string> OF_PROCESSES = {"fork", "spawn", "handle-term"};
 
 bool contains(const std::vector<std::string>& words, const std::string& word)

@@ -90,7 +90,13 @@ public:
     }
     void leaveBehind(const std::string& who, const std::string& loop, std::chrono::milliseconds time) override
     {
-        m_world.leaveBehind(*running(who).process, loop, std::chrono::nanoseconds(time).count());
+        static const std::map<std::string, std::string> NAMES = {
+            {"executor", "KesaRuntimeImpl.m_executor"}, {"updater", "KesaRuntimeImpl.m_updater"}, {"io", sim::IO_LOOP}};
+        const auto name = NAMES.find(loop);
+        if (name == NAMES.end()) {
+            throw Mistake("there is no loop \"" + loop + "\"; there are executor, updater and io");
+        }
+        m_world.leaveBehind(*running(who).process, name->second, std::chrono::nanoseconds(time).count());
     }
     void tell(const std::string& who, const std::string& line) override
     {

@@ -11,12 +11,14 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <exception>
 #include <filesystem>
 
 namespace kesa::scenarios {
 namespace {
 
-struct Choice {
+struct Arguments {
     std::vector<std::string> files;
     bool isReal = false;
     std::uint64_t first = 1;
@@ -36,9 +38,20 @@ std::vector<std::string> allFiles()
     return files;
 }
 
-std::string playSeeds(const Scenario& scenario, const Choice& options)
+std::string played; ///< what is on stage
+
+/// Ours is the process that a bug ends: it says in which scenario.
+[[noreturn]] void tellAndAbort()
 {
-    for (std::uint64_t seed = options.first; seed < options.first + options.seeds; ++seed) {
+    std::printf("the process ends in the midst of %s\n", played.c_str());
+    std::fflush(stdout);
+    std::abort();
+}
+
+std::string playSeeds(const Scenario& scenario, const Arguments& arguments)
+{
+    for (std::uint64_t seed = arguments.first; seed < arguments.first + arguments.seeds; ++seed) {
+        played = scenario.file + ", seed " + std::to_string(seed);
         const std::string failure = play(scenario, *makeSimulatedCast(scenario, seed));
         if (!failure.empty()) {
             return failure + "  seed " + std::to_string(seed) + '\n';
@@ -48,15 +61,15 @@ std::string playSeeds(const Scenario& scenario, const Choice& options)
 }
 
 /// 1 when it fails.
-int playFile(const std::string& file, const Choice& options)
+int playFile(const std::string& file, const Arguments& arguments)
 {
     std::string failure;
     try {
         const Scenario scenario = readScenario(file);
-        if (!scenario.onlyCast.empty() && (scenario.onlyCast == "real") != options.isReal) {
+        if (!scenario.onlyCast.empty() && (scenario.onlyCast == "real") != arguments.isReal) {
             return 0;
         }
-        failure = options.isReal ? play(scenario, *makeRealCast(scenario)) : playSeeds(scenario, options);
+        failure = arguments.isReal ? play(scenario, *makeRealCast(scenario)) : playSeeds(scenario, arguments);
     } catch (const Mistake& mistake) {
         failure = std::string(mistake.what()) + '\n';
     }
@@ -81,27 +94,28 @@ void setTraces(bool isVerbose)
 
 int main(int argc, char** argv)
 {
-    kesa::scenarios::Choice options;
+    kesa::scenarios::Arguments arguments;
     CLI::App app{"Plays scenarios, simulated or with real processes."};
-    app.add_option("FILE", options.files, "what to play; all of them without");
-    app.add_flag("--real", options.isReal, "with processes of this machine, once each");
-    app.add_option("--seeds", options.seeds, "with how many seeds each is simulated")->capture_default_str();
-    CLI::Option* const seed = app.add_option("--seed", options.first, "with this one alone");
-    app.add_flag("--verbose", options.isVerbose, "print every trace of simulated processes");
+    app.add_option("FILE", arguments.files, "what to play; all of them without");
+    app.add_flag("--real", arguments.isReal, "with processes of this machine, once each");
+    app.add_option("--seeds", arguments.seeds, "with how many seeds each is simulated")->capture_default_str();
+    CLI::Option* const seed = app.add_option("--seed", arguments.first, "with this one alone");
+    app.add_flag("--verbose", arguments.isVerbose, "print every trace of simulated processes");
     CLI11_PARSE(app, argc, argv);
 
     if (seed->count() != 0) {
-        options.seeds = 1;
+        arguments.seeds = 1;
     }
-    if (options.files.empty()) {
-        options.files = kesa::scenarios::allFiles();
+    if (arguments.files.empty()) {
+        arguments.files = kesa::scenarios::allFiles();
     }
-    kesa::scenarios::setTraces(options.isVerbose);
+    std::set_terminate(kesa::scenarios::tellAndAbort);
+    kesa::scenarios::setTraces(arguments.isVerbose);
     int failed = 0;
-    for (const std::string& file : options.files) {
-        failed += kesa::scenarios::playFile(file, options);
+    for (const std::string& file : arguments.files) {
+        failed += kesa::scenarios::playFile(file, arguments);
     }
     tracing::setSink(nullptr);
-    std::printf("%zu scenarios, %d failures\n", options.files.size(), failed);
+    std::printf("%zu scenarios, %d failures\n", arguments.files.size(), failed);
     return failed == 0 ? 0 : 1;
 }
