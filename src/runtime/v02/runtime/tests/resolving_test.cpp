@@ -60,39 +60,6 @@ TEST_F(ResolvingTest, aServiceThatGoesIsReleasedAsRemoved)
     EXPECT_THAT(m_network->calls(), ElementsAre("unprovide fake://me/a", "release fake://me/a removed"));
 }
 
-// An answer goes through the executor twice, a removal through the updater: each may overtake the other. The simulation
-// has no removal of a living service, so it does not find this.
-TEST_F(ResolvingTest, anAnswerThatComesAfterTheRemovalIsDropped)
-{
-    m_runtime = startRuntime();
-    auto following = follow("/a", "f");
-    auto all = followAll("**", "q");
-    for (int round = 0; round < 300; ++round) {
-        m_network->isAutomatic = false;
-        auto registration = registerService("/a", "r");
-        run();
-        m_journal->take();
-        registration.dispose();
-        for (std::uint64_t steps = m_scheduler.draw(6); steps > 0; --steps) {
-            m_scheduler.step();
-        }
-        m_network->connected("fake://me/a");
-        const Lines lines = toClients();
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), "f: present /a"),
-                  std::count(lines.begin(), lines.end(), "f: absent"));
-        EXPECT_EQ(std::count(lines.begin(), lines.end(), "q: present /a"),
-                  std::count(lines.begin(), lines.end(), "q: absent /a"));
-        m_network->isAutomatic = true;
-        auto again = registerService("/a", "r");
-        EXPECT_THAT(toClients(), ElementsAre("r: /a fake://me/a", "f: present /a", "q: present /a"));
-        again.dispose();
-        run();
-    }
-    const Lines traces = m_traces->take();
-    EXPECT_THAT(traces, Contains(HasSubstr("[trackAndResolveService onNext of resolve] proxy is gone")));
-    EXPECT_THAT(traces, Contains(HasSubstr("[trackAndResolveServices onNext of resolve] proxy is gone")));
-}
-
 TEST_F(ResolvingTest, aFollowedServiceThatCannotBeReachedEndsTheSubscription)
 {
     m_runtime = startRuntime(R"({"use_local_registry": true, "services": [
@@ -114,35 +81,6 @@ TEST_F(ResolvingTest, aFollowedServiceThatCannotBeReachedEndsTheSubscription)
     run();
     m_network->failed("fake://x/s", 500, "broken");
     EXPECT_THAT(toClients(), ElementsAre("broken: error 500: broken", "broken: gone"));
-    EXPECT_EQ(m_network->openClients(), 0U);
-}
-
-// What the client has been told is the end. The tracking goes on, and so does what was open then, until it is disposed.
-TEST_F(ResolvingTest, whoWasToldItsErrorHasNoProxyOpenedAnyMore)
-{
-    m_runtime = startRuntime();
-    m_network->isAutomatic = true;
-    auto b = registerService("/b", "b");
-    auto one = follow("/a", "one");
-    auto all = followAll("**", "all");
-    run();
-    m_network->handledScheme = "other";
-    registerService("/a", "a").dispose();
-    const std::string nowhere = ": error 404: no backend of this process reaches any of its locators: fake://me/a";
-    EXPECT_THAT(toClients(), testing::IsSupersetOf<std::string>(
-                                 {"all: present /b", "one" + nowhere, "one: gone", "all" + nowhere, "all: gone"}));
-    m_network->handledScheme = "fake";
-    m_network->calls();
-    Disposable a;
-    EXPECT_THAT(
-        traced(3, [&] { a = registerService("/a", "a"); }),
-        testing::IsSupersetOf({HasSubstr("[trackAndResolveService onNext of tracking] can not find m_track"),
-                               HasSubstr("[trackAndResolveServices onNext of tracking] can not find m_track")}));
-    EXPECT_THAT(m_network->calls(), ElementsAre("provide fake://me/a"));
-    EXPECT_THAT(traced(4, [&] { m_network->disconnected("fake://me/a"); }), IsEmpty());
-    EXPECT_EQ(m_network->openClients(), 1U) << "that of /b";
-    all.dispose();
-    run();
     EXPECT_EQ(m_network->openClients(), 0U);
 }
 

@@ -50,34 +50,5 @@ TEST_F(TrackingTest, aQueryStartsWithWhatIsRegisteredHere)
     EXPECT_THAT(happened(), ElementsAre("query start", testing::MatchesRegex("m: error 400: .+"), "m: gone"));
 }
 
-// The freed handler's address comes back at once, as a rule.
-TEST_F(TrackingTest, theAddressOfARefusedSubscriptionIsNobodyElses)
-{
-    m_runtime = startRuntime(R"({"use_local_registry": true, "services": [
-        {"path": "/t", "type": "pex", "locators": ["fake://x/t"]},
-        {"path": "/u", "type": "pex", "locators": ["other://x/u"]}]})");
-    for (int round = 0; round < 10; ++round) {
-        Disposable refused[] = {query("[", "x"), follow("/u", "x"), resolve("other://x/u", "x")};
-        run();
-        Disposable good[] = {query("**", "query"), follow("/t", "following"), resolve("fake://x/t", "resolving")};
-        run();
-        for (Disposable& disposable : refused) {
-            disposable.dispose();
-        }
-        run();
-        m_journal->take();
-        m_network->connected("fake://x/t");
-        auto registration = registerService("/a", "r");
-        EXPECT_THAT(toClients(), UnorderedElementsAre("following: present /t", "resolving: connected",
-                                                      "query: ADDED /a", "r: /a fake://me/a"));
-        registration.dispose();
-        for (Disposable& disposable : good) {
-            disposable.dispose();
-        }
-        run();
-    }
-    EXPECT_EQ(m_network->openClients(), 0U);
-}
-
 } // namespace
 } // namespace kesa::runtime::v02::test
