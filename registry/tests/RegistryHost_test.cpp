@@ -78,20 +78,6 @@ TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
     EXPECT_THAT(m_clients.told(), ElementsAre("all: [-/own]", "all: [-/taken]"));
 }
 
-TEST_F(RegistryHostTest, DoesNotRefuseWhatItsProcessHasJustWithdrawn)
-{
-    host();
-    Process other("other", "");
-    auto own = registerService("/own", "own");
-    run();
-    m_clients.told();
-    own.dispose(); // the mirror has not heard of it
-    m_clients.registerService(other, "claim", test::service("/own"));
-    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
-    run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("claim: registered /own"));
-}
-
 TEST_F(RegistryHostTest, EndsItsRequestsAndGoesQuietly)
 {
     host();
