@@ -64,9 +64,7 @@ void Actor::provide(Words& words)
             [this](const ServiceDef& service) {
                 m_say("provided " + service.path.toString() + ' ' + service.locators.front().toString());
             },
-            [this, path](const Response& error) {
-                m_say("refused " + path + ' ' + reasonOf(error));
-            })));
+            [this, path](const Response& error) { m_say("refused " + path + ' ' + reasonOf(error)); })));
 }
 
 void Actor::withdraw(Words& words)

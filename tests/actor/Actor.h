@@ -31,7 +31,6 @@ public:
     void disposeAll();
     /// Handlers it gave to its runtime that still live.
     int livingHandlers() const { return m_streams.living(); }
-    Service& service() { return m_service; }
 
 private:
     using Words = std::istream;

@@ -8,8 +8,6 @@ namespace kesa::system_test {
 struct FaultOptions {
     int count = 100;
     std::uint64_t seed = 1;
-    /// Of the registry, in each cell of `SystemGhosts`; 0: the few of the small form.
-    int restarts = 0;
 };
 
 inline FaultOptions faultOptions;

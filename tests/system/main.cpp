@@ -1,5 +1,4 @@
-// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which, and how
-// often `SystemGhosts` starts the registry again.
+// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which.
 
 #include "faultOptions.h"
 
@@ -13,10 +12,6 @@ int main(int argc, char** argv)
     app.add_option("--faults", kesa::system_test::faultOptions.count, "How many faults SystemFaults makes.")
         ->capture_default_str();
     app.add_option("--seed", kesa::system_test::faultOptions.seed, "From which they are drawn.")->capture_default_str();
-    app.add_option(
-        "--restarts", kesa::system_test::faultOptions.restarts,
-        "How often SystemGhosts starts the registry again for each signal and size of burst; without it a few times, "
-        "with a small one that is held.");
     CLI11_PARSE(app, argc, argv);
     return RUN_ALL_TESTS();
 }

@@ -47,17 +47,6 @@ TEST_F(SystemRubbish, BrokenFramesEndTheirConnectionWithAReason)
     }
 }
 
-TEST_F(SystemRubbish, HalfAHelloAndSilenceIsEndedAfterThreeSeconds)
-{
-    RawPeer silent = connect();
-    RawPeer halfway = connect();
-    halfway.send(wire::hello().substr(0, 20));
-    silent.awaitClosed();
-    halfway.awaitClosed();
-    provider().expectTrace("no hello within 3000 ms");
-    expectUndisturbed();
-}
-
 TEST_F(SystemRubbish, ThousandsOfConnectionsLeaveNothingBehind)
 {
     const std::size_t descriptors = provider().openDescriptors();

@@ -2,7 +2,6 @@
 // happens to it in lines on stdout: an `Actor`, and what `COMMANDS` below adds. The end of stdin is the end of the
 // test: it exits.
 
-#include "Burst.h"
 #include "actor/Actor.h"
 
 #include <kesa/runtime/v02/KesaRuntime.h>
@@ -39,30 +38,9 @@ std::string word(std::istream& words)
     return next;
 }
 
-/// What only a process of its own can do.
-class ProcessActor {
-public:
-    explicit ProcessActor(kesa::runtime::v02::IKesaRuntime& runtime)
-        : m_actor(runtime, say), m_burst(runtime, m_actor.service().api(), say)
-    {}
-
-    void obey(const std::string& line);
-
-    void burst(std::istream& words) { m_burst.add(words); }
-    void release(std::istream&) { m_burst.release(); }
-    void disposeBurst(std::istream&) { m_burst.dispose(); }
-    void forkChild(std::istream& words);
-    void spawnChild(std::istream& words);
-    void handleTerm(std::istream& words);
-
-private:
-    kesa::actor::Actor m_actor;
-    Burst m_burst;
-};
-
 /// The child waits for its parent's death, and then reads the commands in its place. "raw": behind the back of the
 /// handlers that the libraries have installed for `fork`, so that everything stays open in it.
-void ProcessActor::forkChild(std::istream& words)
+void forkChild(std::istream& words)
 {
     std::array<int, 2> parentLives{};
     static_cast<void>(::pipe2(parentLives.data(), O_CLOEXEC));
@@ -77,7 +55,7 @@ void ProcessActor::forkChild(std::istream& words)
     say("orphaned");
 }
 
-void ProcessActor::spawnChild(std::istream&)
+void spawnChild(std::istream&)
 {
     std::array<int, 2> untilMyEnd{};
     static_cast<void>(::pipe2(untilMyEnd.data(), O_CLOEXEC));
@@ -92,7 +70,7 @@ void ProcessActor::spawnChild(std::istream&)
     say(error == 0 ? "spawned " + std::to_string(child) : "no child: error " + std::to_string(error));
 }
 
-void ProcessActor::handleTerm(std::istream&)
+void handleTerm(std::istream&)
 {
     struct sigaction action {};
     action.sa_handler = [](int) { say(::gettid() == ::getpid() ? "sigterm main" : "sigterm elsewhere"); };
@@ -101,24 +79,20 @@ void ProcessActor::handleTerm(std::istream&)
     say("handling");
 }
 
-const std::map<std::string, void (ProcessActor::*)(std::istream&)> COMMANDS = {
-    // NAME COUNT AT [hold]: registered NAME; reached NAME, when AT are provided, "hold": the executor stays in there;
-    // provided-all NAME
-    {"burst", &ProcessActor::burst},
-    {"release", &ProcessActor::release}, // the executor goes on
-    {"dispose-burst", &ProcessActor::disposeBurst},
-    {"fork", &ProcessActor::forkChild},         // [raw]: forked PID; the child: orphaned
-    {"spawn", &ProcessActor::spawnChild},       // spawned PID
-    {"handle-term", &ProcessActor::handleTerm}, // handling; later sigterm main
+/// What only a process of its own can do.
+const std::map<std::string, void (*)(std::istream&)> COMMANDS = {
+    {"fork", &forkChild},         // [raw]: forked PID; the child: orphaned
+    {"spawn", &spawnChild},       // spawned PID
+    {"handle-term", &handleTerm}, // handling; later sigterm main
 };
 
-void ProcessActor::obey(const std::string& line)
+void obey(kesa::actor::Actor& actor, const std::string& line)
 {
     std::istringstream words(line);
     const auto command = COMMANDS.find(word(words));
     if (command != COMMANDS.end()) {
-        (this->*command->second)(words);
-    } else if (!m_actor.obey(line)) {
+        command->second(words);
+    } else if (!actor.obey(line)) {
         say("unknown " + line);
     }
 }
@@ -146,7 +120,7 @@ int main(int argc, char** argv)
         return 1;
     }
     say("started");
-    const auto actor = std::make_unique<ProcessActor>(*KesaRuntime::getInstance());
+    const auto actor = std::make_unique<kesa::actor::Actor>(*KesaRuntime::getInstance(), say);
     std::string line;
     while (readLine(line)) {
         if (line == "quit") {
@@ -154,7 +128,7 @@ int main(int argc, char** argv)
             say("ended");
             return 0;
         }
-        actor->obey(line);
+        obey(*actor, line);
     }
     ::_exit(0);
 }
