@@ -166,7 +166,7 @@ int main(int count, char** arguments)
                     ++known;
                     known.notify_all();
                 },
-                [&refusals, path](const kesa::Response& error) {
+                [&refusals, path = path](const kesa::Response& error) {
                     std::printf("%s: %s\n", path, kesa::reasonOf(error).c_str());
                     if (++refusals == 2) {
                         ::kill(::getpid(), SIGTERM); // to the process, which waits for it
