@@ -3,7 +3,6 @@
 
 #include "backend_support.h"
 
-#include <comm/Condition.h>
 #include <comm/LoopHold.h>
 #include <kesa/RequestContext.h>
 
@@ -53,7 +52,7 @@ TEST_P(BackendRequests, AnswersComeInOrderAndOnTheLoopOnly)
     const auto keptAndDropped = client->request(retrieve("/stream"));
     settle();
     service.take(); // and lets go of it
-    lastLoop.lock()->post([&] { client->request(retrieve("/echo"))->onEnd = [&] { ++echo->status; }; });
+    lastLoop.lock()->post([&] { client->request(retrieve("/echo"))->onEnd = [echo] { ++echo->status; }; });
     settle(); // no heartbeat is due, whose turn would take it along
     EXPECT_EQ(echo->status, 1) << "asked for by somebody's work on the loop";
     EXPECT_EQ(dropped->status, 503);
@@ -63,17 +62,10 @@ TEST_P(BackendRequests, AnswersComeInOrderAndOnTheLoopOnly)
 
 TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
 {
-    const auto wait = [](comm::TimeNs milliseconds) {
-        std::mutex mutex;
-        comm::Condition never;
-        std::unique_lock lock(mutex);
-        comm::waitFor(
-            never, lock, [] { return false; }, comm::now() + milliseconds * comm::MILLISECOND);
-    };
     comm::TimeNs echoTakes = 60;
     std::string held;
     service.onRequest = [&](const Request& request) {
-        wait(request.getPath() == "/echo" ? echoTakes : 30);
+        work(request.getPath() == "/echo" ? echoTakes : 30);
         held = std::to_string(server->hold()->heldFor() / comm::MILLISECOND) + " ms by " + server->hold()->holder();
     };
     const auto linesOf = [&](std::size_t requests) {
@@ -91,12 +83,12 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
     EXPECT_THAT(linesOf(1), ElementsAre(AllOf(HasSubstr(request), EndsWith("; and 2 more since the last such line"))));
 
     echoTakes = 0;
-    client->request(retrieve("/echo"))->onValue = [&] { wait(70); };
+    client->request(retrieve("/echo"))->onValue = [&] { work(70); };
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 70 ms")));
-    client->onChange = [&] { wait(80); };
+    client->onChange = [&] { work(80); };
     withdraw();
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("what has been told that '/service' comes or goes took 80 ms")));
-    client->request(retrieve("/echo"))->onEnd = [&] { wait(90); };
+    client->request(retrieve("/echo"))->onEnd = [&] { work(90); };
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 90 ms")));
 }
 

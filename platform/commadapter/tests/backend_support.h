@@ -16,6 +16,7 @@
 #include "backend/CommBackend.h"
 #include "transport/MemoryNetwork.h"
 
+#include <comm/Condition.h>
 #include <comm/SimulatedScheduler.h>
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
@@ -50,6 +51,16 @@ inline Request withSemantic(Request request, std::string_view semantic)
 inline Request persistent(std::string_view body = {})
 {
     return withSemantic(retrieve("/stream", body), "persistent-stream");
+}
+
+/// What a handler does that takes long.
+inline void work(comm::TimeNs milliseconds)
+{
+    std::mutex mutex;
+    comm::Condition never;
+    std::unique_lock lock(mutex);
+    comm::waitFor(
+        never, lock, [] { return false; }, comm::now() + milliseconds * comm::MILLISECOND);
 }
 
 inline Response value(std::string text)
