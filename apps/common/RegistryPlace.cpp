@@ -5,7 +5,6 @@
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
-#include <runtime/v02/config/advice.h>
 #include <util/config/FrameworkProvider.h>
 
 #include <fmt/format.h>
@@ -17,7 +16,6 @@ using kesa::commadapter::OwnLocator;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaConfigAccessor;
-using kesa::runtime::v02::sentenceOf;
 
 namespace {
 
@@ -44,17 +42,6 @@ std::string complaintAbout(const RegistryPlace& place, const std::string& proces
                        place.source, join(place.locators));
 }
 
-/// What made the document invalid; warnings may stand before and behind it.
-std::string sentenceOfError(const ConfigReport& report)
-{
-    for (const ConfigReport::Complaint& complaint : report.complaints) {
-        if (complaint.isFatal) {
-            return sentenceOf(complaint, report.file);
-        }
-    }
-    return {};
-}
-
 } // namespace
 
 RegistryPlace findRegistryPlace(const std::string& process, const std::string& fallbackDocument)
@@ -65,8 +52,8 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     RegistryPlace place;
     place.source = report.file.empty() ? "the built-in document" : report.file;
     if (!accessor.isValid()) {
-        place.problem =
-            fmt::format("the configuration cannot be read: {}; see kesactl check-config", sentenceOfError(report));
+        place.problem = fmt::format("the configuration cannot be read: {}; see kesactl check-config",
+                                    report.firstError()->sentence(report.file));
         return place;
     }
     if (!accessor.useRemoteRegistry()) {

@@ -2,6 +2,7 @@
 #define KESACTL_CHECKRESULT_H
 
 #include <runtime/v02/config/KesaConfig.h>
+#include <util/config/Complaint.h>
 
 #include <optional>
 #include <string>
@@ -11,13 +12,6 @@ namespace kesactl {
 
 /// What `check-config` found out.
 struct CheckResult {
-    struct Complaint {
-        int severity;     ///< 2 hint, 3 warning, 4 error
-        std::string path; ///< of the value in the document
-        int line;         ///< from 1; 0 when there is none
-        int column;
-        std::string text;
-    };
     std::string file; ///< empty: there is none, and the built-in document counts
     std::optional<std::string> process;
     std::string partition; ///< of the process, when one is named
@@ -26,7 +20,7 @@ struct CheckResult {
     util::config::Value comm; ///< what counts of it
     std::string runDirectory;
     std::string runDirectorySource; ///< what names it
-    std::vector<Complaint> complaints;
+    std::vector<util::config::Complaint> complaints;
 };
 
 } // namespace kesactl

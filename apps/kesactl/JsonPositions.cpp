@@ -14,12 +14,24 @@ namespace {
 // would take as many times the key as the list has elements. Two that met would show the place of the other one.
 constexpr std::uint64_t NO_PATH = 14695981039346656037U;
 
-std::uint64_t extended(std::uint64_t path, std::string_view text)
+std::uint64_t extended(std::uint64_t path, char mark, std::string_view text)
 {
-    for (const char c : text) {
-        path = (path ^ static_cast<unsigned char>(c)) * 1099511628211U;
-    }
+    const auto add = [&path](char c) { path = (path ^ static_cast<unsigned char>(c)) * 1099511628211U; };
+    add(mark);
+    std::for_each(text.begin(), text.end(), add);
     return path;
+}
+
+// The marks of a step are bytes that no key has.
+
+std::uint64_t extended(std::uint64_t path, std::string_view key)
+{
+    return extended(path, '\xfe', util::config::shortenedKey(key));
+}
+
+std::uint64_t extended(std::uint64_t path, std::size_t index)
+{
+    return extended(path, '\xff', std::to_string(index));
 }
 
 /// RapidJSON's handler. Reading in place, strings and numbers are given as addresses inside of the text, so their
@@ -43,7 +55,7 @@ public:
     bool Key(const char* characters, unsigned int size, bool)
     {
         Level& level = m_levels.back();
-        level.child = extended(level.path == NO_PATH ? NO_PATH : extended(level.path, "."), {characters, size});
+        level.child = extended(level.path, std::string_view(characters, size));
         m_store(level.child, offset(characters) - 1);
         return true;
     }
@@ -75,7 +87,7 @@ private:
         if (!level.isArray) {
             return level.child;
         }
-        const std::uint64_t path = extended(level.path, "[" + std::to_string(level.nextIndex++) + "]");
+        const std::uint64_t path = extended(level.path, level.nextIndex++);
         m_store(path, offset);
         return path;
     }
@@ -140,21 +152,21 @@ JsonPositions::JsonPositions(const std::string& text)
     static_cast<void>(reader.Parse<FLAGS>(stream, collector));
 }
 
-JsonPositions::Position JsonPositions::find(std::string_view path) const
+JsonPositions::Position JsonPositions::find(const util::config::DocumentPath& path) const
 {
     Position nearest;
     std::uint64_t hash = NO_PATH;
-    for (std::size_t begin = 0;;) {
+    const auto look = [&] {
         if (const auto found = m_positions.find(hash); found != m_positions.end()) {
             nearest = found->second;
         }
-        if (begin == path.size()) {
-            return nearest;
-        }
-        const std::size_t end = std::min(path.find_first_of(".[", begin + 1), path.size());
-        hash = extended(hash, path.substr(begin, end - begin));
-        begin = end;
+    };
+    look();
+    for (const auto& step : path) {
+        hash = std::visit([hash](const auto& keyOrIndex) { return extended(hash, keyOrIndex); }, step);
+        look();
     }
+    return nearest;
 }
 
 } // namespace kesactl

@@ -1,14 +1,15 @@
 #ifndef KESACTL_JSONPOSITIONS_H
 #define KESACTL_JSONPOSITIONS_H
 
+#include <util/config/DocumentPath.h>
+
 #include <cstdint>
 #include <string>
-#include <string_view>
 #include <unordered_map>
 
 namespace kesactl {
 
-/// Where the values of a JSON text stand. Paths are written as in "services[2].type".
+/// Where the values of a JSON text stand.
 class JsonPositions {
 public:
     struct Position {
@@ -22,7 +23,7 @@ public:
 
     /// Of the key of a member, of an element itself. For a path that is not in the text that of the nearest value
     /// around it.
-    Position find(std::string_view path) const;
+    Position find(const util::config::DocumentPath& path) const;
 
 private:
     std::unordered_map<std::uint64_t, Position> m_positions; ///< by the hash of the path

@@ -184,8 +184,7 @@ std::string ProcessReport::asJson() const
 
 RunDirectoryFacts findRunDirectory()
 {
-    std::vector<std::string> complaints; // check-config has them
-    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(complaints).runDir);
+    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings().runDir);
     RunDirectoryFacts facts(place.path());
     if (const RunDirectoryProblem problem = findProblem(facts, place.source()); !problem.text.empty()) {
         throw Failure{ExitCode::eFAILED, problem.text, 0, problem.advice};

@@ -1,40 +1,36 @@
 #include "check_config.h"
 
 #include "CheckResult.h"
-#include "JsonPositions.h"
+#include "locateComplaints.h"
 #include "output.h"
 #include "print_config.h"
 #include "reviewSettings.h"
 
 #include <CLI/CLI.hpp>
-#include <backend/readCommSettings.h>
 #include <comm/Clock.h>
 #include <kesa/processName.h>
 #include <kesa/runtime/v02/KesaConfigAccessor.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/ErrorStorage.h>
 #include <runtime/v02/config/ConfigReport.h>
-#include <runtime/v02/config/advice.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <transport/RunDirectory.h>
 #include <util/config/FrameworkProvider.h>
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <charconv>
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
 
 namespace kesactl {
 namespace {
 
 using kesa::commadapter::CommSettings;
+using kesa::runtime::v02::Complaint;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaConfigAccessor;
 using kesa::runtime::v02::KesaRuntime;
+using kesa::runtime::v02::Severity;
 
 struct CheckConfigArguments {
     std::string file;
@@ -60,70 +56,13 @@ util::config::Value valueOf(const CommSettings& settings)
     return util::config::Value(std::move(values));
 }
 
-/// Takes the place, "FILE: " or "FILE:LINE:COLUMN: ", off the text of a document that cannot be read.
-void splitPlace(const std::string& file, CheckResult::Complaint& complaint)
-{
-    std::string_view rest = complaint.text;
-    if (file.empty() || rest.substr(0, file.size()) != file) {
-        return;
-    }
-    rest.remove_prefix(file.size());
-    const auto readNumber = [&rest](int& number) {
-        if (rest.empty() || rest.front() != ':') {
-            return false;
-        }
-        const auto [end, error] = std::from_chars(rest.data() + 1, rest.data() + rest.size(), number);
-        rest.remove_prefix(static_cast<std::size_t>(end - rest.data()));
-        return error == std::errc();
-    };
-    int line = 0;
-    int column = 0;
-    if (rest.substr(0, 2) != ": " && !(readNumber(line) && readNumber(column) && rest.substr(0, 2) == ": ")) {
-        return;
-    }
-    complaint.line = line;
-    complaint.column = column;
-    complaint.text = std::string(rest.substr(2));
-}
-
-/// In the order in which they stand in the document.
-std::vector<CheckResult::Complaint> locate(const ConfigReport& report)
-{
-    std::ifstream in(report.root.isDefined() ? report.file : "", std::ios::binary);
-    const JsonPositions positions(std::string(std::istreambuf_iterator<char>(in), {}));
-    std::vector<CheckResult::Complaint> complaints;
-    for (const auto& [severity, isFatal, path, text] : report.complaints) {
-        const auto [line, column] = positions.find(path);
-        complaints.push_back({isFatal ? 4 : severity, path, line, column, text});
-        splitPlace(report.file, complaints.back());
-        const std::string_view advice = kesa::runtime::v02::adviceFor(text);
-        if (!advice.empty()) {
-            complaints.back().text.append(": ").append(advice);
-        }
-    }
-    std::stable_sort(complaints.begin(), complaints.end(), [](const auto& a, const auto& b) {
-        return std::pair(a.line, a.column) < std::pair(b.line, b.column);
-    });
-    return complaints;
-}
-
-bool hasFatal(const ConfigReport& report)
-{
-    for (const auto& complaint : report.complaints) {
-        if (complaint.isFatal) {
-            return true;
-        }
-    }
-    return false;
-}
-
 /// As the start of a process finds it.
-std::string partitionOf(const std::string& process, const KesaConfig& config, ConfigReport& report)
+std::string partitionOf(const std::string& process, const KesaConfig& config, std::vector<Complaint>& complaints)
 {
     std::string partition;
     if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
-        report.complaints.push_back(
-            {4, true, "", "the partition of the process cannot be found out: " + obr::ErrorStorage::reason()});
+        complaints.push_back(
+            {Severity::eERROR, {}, "the partition of the process cannot be found out: " + obr::ErrorStorage::reason()});
     }
     KesaConfigAccessor(config).getNodeDomainMapping(partition);
     return partition;
@@ -141,27 +80,28 @@ int checkConfig(const CheckConfigArguments& arguments)
                                   : KesaConfig(arguments.process, &report);
     std::optional<std::string> process;
     std::string partition;
+    std::vector<Complaint> ofProcess; // these have no place in the document
     if (!arguments.process.empty()) {
         process = arguments.process;
-        partition = partitionOf(arguments.process, config, report);
+        partition = partitionOf(arguments.process, config, ofProcess);
         if (const std::string complaint = kesa::complaintAboutProcessName(*process); !complaint.empty()) {
-            report.complaints.push_back({3, false, "", complaint + "; its runtime does not start"});
+            ofProcess.push_back({Severity::eWARNING, {}, complaint, "its runtime does not start"});
         }
     }
     reviewDocument(report);
-    reviewSettings(config, partition, report);
-    std::vector<std::string> said; // by the review
-    const CommSettings comm = kesa::commadapter::readCommSettings(report.root["comm"], said);
+    const CommSettings comm = reviewSettings(config, partition, report);
+    locateComplaints(report);
+    report.complaints.insert(report.complaints.begin(), ofProcess.begin(), ofProcess.end());
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     const CheckResult result{report.file,
                              process,
                              partition,
                              config,
-                             config.m_valid && !hasFatal(report),
+                             config.m_valid && report.firstError() == nullptr,
                              valueOf(comm),
                              runDirectory.path(),
                              runDirectory.source(),
-                             locate(report)};
+                             report.complaints};
     print(arguments.isJson ? asJsonLine(asJson(result), "this cannot be said in JSON; leave out --json") + '\n'
                            : asText(result));
     return result.isValid ? 0 : 1;

@@ -6,6 +6,7 @@
 #include "System.h"
 #include "doctor_runDirectory.h"
 #include "explainNoRegistry.h"
+#include "locateComplaints.h"
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
@@ -14,7 +15,6 @@
 #include "runDirectoryProblem.h"
 
 #include <CLI/CLI.hpp>
-#include <backend/readCommSettings.h>
 #include <common/RegistryPlace.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
@@ -40,6 +40,7 @@ using kesa::commadapter::transport::userName;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaRuntime;
+using kesa::runtime::v02::Severity;
 using util::config::Dictionary;
 using util::config::Value;
 using Name = RunDirectoryFacts::Name;
@@ -64,16 +65,6 @@ void addMachine(DoctorPage& page)
     page.facts.set("environment", environment);
 }
 
-std::string describe(const ConfigReport::Complaint& complaint, const ConfigReport& report)
-{
-    if (!report.root.isDefined()) { // the text says where
-        return complaint.text + "; correct it and start the processes again";
-    }
-    return fmt::format("{}: {}{}{}; kesactl check-config says where",
-                       report.file.empty() ? "the configuration" : report.file, complaint.path,
-                       complaint.path.empty() ? "" : ": ", complaint.text);
-}
-
 struct Configuration {
     bool isValid;
     std::string runDirectory; ///< that the document names, or empty
@@ -85,7 +76,8 @@ Configuration addConfiguration(DoctorPage& page, const std::string& process)
     ConfigReport report;
     const KesaConfig config = KesaConfig::readOr(process, KesaRuntime::WITH_REGISTRYD, &report);
     reviewDocument(report);
-    reviewSettings(config, "", report);
+    const std::string runDirectory = reviewSettings(config, "", report).runDir;
+    locateComplaints(report);
     page.add("configuration",
              report.file.empty() ? "no file: the built-in document counts"
              : config.m_valid
@@ -93,15 +85,15 @@ Configuration addConfiguration(DoctorPage& page, const std::string& process)
                  : report.file + ", which is not valid: a process goes on with defaults, which ask for no registry");
     std::size_t count = 0;
     for (const auto& complaint : report.complaints) {
-        if (complaint.severity >= 3 && ++count <= MOST_COMPLAINTS) {
-            page.findings.push_back(describe(complaint, report));
+        if (complaint.severity != Severity::eHINT && ++count <= MOST_COMPLAINTS) {
+            page.findings.push_back(complaint.sentence(report.file) +
+                                    (report.root.isDefined() ? "" : "; correct it and start the processes again"));
         }
     }
     if (count > MOST_COMPLAINTS) {
         page.findings.push_back(fmt::format("{} more complaints; see kesactl check-config", count - MOST_COMPLAINTS));
     }
-    std::vector<std::string> said; // by the review
-    return {config.m_valid, kesa::commadapter::readCommSettings(report.root["comm"], said).runDir};
+    return {config.m_valid, runDirectory};
 }
 
 void addRegistry(DoctorPage& page, const apps::RegistryPlace& place, bool isConfigurationValid)

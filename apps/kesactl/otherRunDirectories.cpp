@@ -64,8 +64,7 @@ std::vector<std::string> placesFor(const std::string& chosen)
 
 std::string chosenRunDirectory()
 {
-    std::vector<std::string> said; // by check-config
-    return transport::RunDirectory(kesa::commadapter::readCommSettings(said).runDir).path();
+    return transport::RunDirectory(kesa::commadapter::readCommSettings().runDir).path();
 }
 
 std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
@@ -99,8 +98,7 @@ std::string processOf(const kesa::url& locator)
 
 std::string howToMeetIn(const RunDirectoryFacts& directory)
 {
-    std::vector<std::string> said; // by check-config
-    const auto settings = kesa::commadapter::readCommSettings(said);
+    const auto settings = kesa::commadapter::readCommSettings();
     if (!settings.runDir.empty()) {
         return fmt::format(R"(write "run_dir": "{}" under "comm" in the configuration)", directory.path);
     }

@@ -15,6 +15,7 @@ namespace {
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::ProxyConfig;
 using kesa::serviceregistry::ServiceDef;
+using util::config::Complaint;
 using util::config::Dictionary;
 using util::config::Value;
 
@@ -25,9 +26,11 @@ struct SettingRow {
 };
 using SettingRows = std::vector<SettingRow>;
 
-const char* severityName(int severity)
+const char* severityName(Complaint::Severity severity)
 {
-    return severity >= 4 ? "error" : severity == 3 ? "warning" : "hint";
+    return severity == Complaint::Severity::eERROR     ? "error"
+           : severity == Complaint::Severity::eWARNING ? "warning"
+                                                       : "hint";
 }
 
 // The same settings are shown as text and as JSON: both begin with these values.
@@ -152,22 +155,23 @@ std::string alignedSettings(SettingRows rows)
 }
 
 /// As compilers write it, so that editors find the place.
-std::string asLine(const CheckResult& result, const CheckResult::Complaint& complaint)
+std::string asLine(const CheckResult& result, const Complaint& complaint)
 {
     std::string place = result.file;
     if (complaint.line > 0) {
         place += fmt::format(":{}:{}", complaint.line, complaint.column);
     }
     return visible(fmt::format("{}{}{}: {}{}{}", place, place.empty() ? "" : ": ", severityName(complaint.severity),
-                               complaint.path, complaint.path.empty() ? "" : ": ", complaint.text)) +
+                               util::config::toText(complaint.path), complaint.path.empty() ? "" : ": ",
+                               complaint.words())) +
            '\n';
 }
 
-Value asValue(const CheckResult::Complaint& complaint)
+Value asValue(const Complaint& complaint)
 {
-    Dictionary value{{"severity", severityName(complaint.severity)}, {"text", complaint.text}};
+    Dictionary value{{"severity", severityName(complaint.severity)}, {"text", complaint.words()}};
     if (!complaint.path.empty()) {
-        value.set("path", complaint.path);
+        value.set("path", util::config::toText(complaint.path));
     }
     if (complaint.line > 0) {
         value.set("line", complaint.line);

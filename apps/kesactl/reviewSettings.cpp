@@ -3,7 +3,6 @@
 #include <backend/Locators.h>
 #include <backend/readCommSettings.h>
 #include <kesa/Path.h>
-#include <kesa/commadapter/checkCommSettings.h>
 #include <transport/IpcTransport.h>
 #include <transport/usersAndGroups.h>
 
@@ -17,40 +16,46 @@ namespace {
 using kesa::commadapter::CommSettings;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
-using util::config::Value;
+using kesa::runtime::v02::Severity;
+using util::config::Complaint;
+using util::config::DocumentPath;
 
-constexpr const char* GOOD_LOCATORS = R"("service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]})";
-
-void refuse(ConfigReport& report, const std::string& key, std::string text)
+std::string shortened(const std::string& key)
 {
-    report.complaints.push_back({4, true, report.path(key), std::move(text)});
+    return std::string(util::config::shortenedKey(key));
 }
 
-void warn(ConfigReport& report, const std::string& key, std::string text)
+constexpr const char* GOOD_LOCATORS = R"(write "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]})";
+
+void refuse(ConfigReport& report, DocumentPath path, std::string text, std::string advice)
 {
-    report.complaints.push_back({3, false, report.path(key), std::move(text)});
+    report.complaints.push_back({Severity::eERROR, report.path(std::move(path)), std::move(text), std::move(advice)});
 }
 
-/// The backend reads its part of the document by itself. Its sentences begin with "comm" and the key they are about,
-/// which the path says as well.
-void reviewComm(ConfigReport& report)
+void warn(ConfigReport& report, DocumentPath path, std::string text, std::string advice = {})
 {
-    const Value& comm = report.root["comm"];
-    for (const std::string& sentence : kesa::commadapter::checkCommSettings(comm)) {
-        constexpr std::string_view PREFIX = "\"comm\": ";
-        const std::string text = sentence.substr(sentence.rfind(PREFIX, 0) == 0 ? PREFIX.size() : 0);
-        const std::string key = text.substr(1, text.find('"', 1) - 1);
-        warn(report, comm[key].isDefined() ? "comm." + key : "comm", text);
+    report.complaints.push_back({Severity::eWARNING, report.path(std::move(path)), std::move(text), std::move(advice)});
+}
+
+/// The backend reads its part of the document by itself.
+CommSettings reviewComm(ConfigReport& report)
+{
+    std::vector<Complaint> complaints;
+    CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], complaints);
+    for (Complaint& complaint : complaints) {
+        complaint.path = report.path(std::move(complaint.path));
+        report.complaints.push_back(std::move(complaint));
     }
+    return settings;
 }
 
 void reviewGroup(const CommSettings& settings, ConfigReport& report)
 {
     if (!settings.socketGroup.empty() && !kesa::commadapter::transport::findGroup(settings.socketGroup)) {
-        warn(report, "comm.socket_group",
-             fmt::format("there is no group \"{}\" on this machine: a process could not provide services; make the "
-                         "group, or name another one",
-                         settings.socketGroup));
+        warn(report, {"comm", "socket_group"},
+             fmt::format("there is no group \"{}\" on this machine: a process could not provide services",
+                         settings.socketGroup),
+             "make the group, or name another one");
     }
 }
 
@@ -68,10 +73,9 @@ void reviewBypass(const KesaConfig& config, const CommSettings& settings, Config
     for (const auto& [client, paths] : config.m_bypass) {
         for (std::size_t i = 0; i < paths.size(); ++i) {
             if (kesa::Path::isCanonical(paths[i]) && !hasRoute(settings, paths[i])) {
-                warn(report, fmt::format("bypass.{}[{}]", ConfigReport::shortened(client), i),
-                     fmt::format("'{0}' has no route, and is told 404; write \"comm\": {{\"routes\": {{\"{0}\": "
-                                 "\"ipc://process{0}\"}}}}",
-                                 paths[i]));
+                warn(report, {"bypass", shortened(client), i},
+                     fmt::format("'{}' has no route, and is told 404", paths[i]),
+                     fmt::format(R"(write "comm": {{"routes": {{"{0}": "ipc://process{0}"}}}})", paths[i]));
             }
         }
     }
@@ -95,11 +99,11 @@ private:
 };
 
 /// One that is passed over, unless the review of the document has said already what is wrong with it.
-void reviewReach(const std::string& written, const kesa::url& locator, const std::string& key, const Reach& reach,
+void reviewReach(const std::string& written, const kesa::url& locator, const DocumentPath& path, const Reach& reach,
                  ConfigReport& report)
 {
     if (!locator.hasQueryOrFragment() && kesa::Path::isCanonical(locator.path()) && !reach.has(locator)) {
-        warn(report, key,
+        warn(report, path,
              fmt::format("'{}' cannot be reached from here, and is passed over: {}", written,
                          !locator.isAbsolute()       ? "it has no scheme, and its path no route"
                          : locator.scheme() == "ipc" ? "its realm is not that of the run directory"
@@ -123,7 +127,7 @@ void reviewServices(const CommSettings& settings, ConfigReport& report)
             const kesa::url locator(written);
             if (locator.isAbsolute()) {
                 reviewReach(written, locator.path().empty() ? kesa::url(written + "/check") : locator,
-                            fmt::format("services[{}].locators[{}]", i, j), reach, report);
+                            {"services", i, "locators", j}, reach, report);
             }
         }
     }
@@ -135,11 +139,15 @@ void reviewPartitions(const KesaConfig& config, const std::string& own, const Co
     const Reach reach(settings);
     for (const auto& [partition, locators] : config.m_registryLocators) {
         const bool isList = report.root["service_registry_locators"].isArray();
-        const std::string key =
-            "service_registry_locators" + (isList ? "" : fmt::format(".{}", ConfigReport::shortened(partition)));
+        DocumentPath path = {"service_registry_locators"};
+        if (!isList) {
+            path.emplace_back(shortened(partition));
+        }
         if (reach.hasAny(locators)) {
             for (std::size_t i = 0; i < locators.size(); ++i) {
-                reviewReach(locators[i].toString(), locators[i], fmt::format("{}[{}]", key, i), reach, report);
+                DocumentPath element = path;
+                element.emplace_back(i);
+                reviewReach(locators[i].toString(), locators[i], element, reach, report);
             }
             continue;
         }
@@ -147,8 +155,9 @@ void reviewPartitions(const KesaConfig& config, const std::string& own, const Co
             own.empty() || own == partition || (partition == "*" && config.m_registryLocators.count(own) == 0);
         const std::string text =
             "none of the locators leads anywhere: each has a scheme or the realm of a run directory that are not known "
-            "here, or lacks its path; a process ends at start; write \"ipc://kesa-registryd/registry\"";
-        isOwn ? refuse(report, key, text) : warn(report, key, text);
+            "here, or lacks its path; a process ends at start";
+        const std::string advice = R"(write "ipc://kesa-registryd/registry")";
+        isOwn ? refuse(report, path, text, advice) : warn(report, path, text, advice);
     }
 }
 
@@ -161,20 +170,20 @@ void reviewRegistry(const KesaConfig& config, const std::string& partition, cons
     }
     const auto& locators = config.m_registryLocators;
     if (std::find(config.m_backends.begin(), config.m_backends.end(), "comm") == config.m_backends.end()) {
-        refuse(report, "backends",
-               "none of them reaches the registry that \"use_registry\" asks for, so a process ends at start; write "
-               "[\"comm\"]");
+        refuse(report, {"backends"},
+               "none of them reaches the registry that \"use_registry\" asks for, so a process ends at start",
+               "write [\"comm\"]");
     } else if (locators.empty() || (!partition.empty() && locators.count(partition) + locators.count("*") == 0)) {
         const std::string where = partition.empty() ? "" : " for partition \"" + partition + "\"";
-        refuse(report, "use_registry",
-               fmt::format("asks for a registry, but there are no locators{}, so a process ends at start; write {}",
-                           where, GOOD_LOCATORS));
+        refuse(report, {"use_registry"},
+               fmt::format("asks for a registry, but there are no locators{}, so a process ends at start", where),
+               GOOD_LOCATORS);
     } else {
         if (partition.empty() && locators.count("*") == 0) {
-            warn(report, "use_registry",
-                 fmt::format("asks for a registry, but there are no locators for partition \"*\": a process on a node "
-                             "without locators of its own ends at start; write {}",
-                             GOOD_LOCATORS));
+            warn(report, {"use_registry"},
+                 "asks for a registry, but there are no locators for partition \"*\": a process on a node without "
+                 "locators of its own ends at start",
+                 GOOD_LOCATORS);
         }
         reviewPartitions(config, partition, settings, report);
     }
@@ -182,15 +191,14 @@ void reviewRegistry(const KesaConfig& config, const std::string& partition, cons
 
 } // namespace
 
-void reviewSettings(const KesaConfig& config, const std::string& partition, ConfigReport& report)
+CommSettings reviewSettings(const KesaConfig& config, const std::string& partition, ConfigReport& report)
 {
-    reviewComm(report);
-    std::vector<std::string> said; // by `reviewComm`
-    const CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], said);
+    CommSettings settings = reviewComm(report);
     reviewGroup(settings, report);
     reviewBypass(config, settings, report);
     reviewRegistry(config, partition, settings, report);
     reviewServices(settings, report);
+    return settings;
 }
 
 } // namespace kesactl

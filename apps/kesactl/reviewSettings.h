@@ -1,6 +1,7 @@
 #ifndef KESACTL_REVIEWSETTINGS_H
 #define KESACTL_REVIEWSETTINGS_H
 
+#include <backend/CommBackend.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
 
@@ -9,9 +10,9 @@
 namespace kesactl {
 
 /// Adds to `report` what only the whole shows: what the backend says of its part, and, as fatal, what ends a process at
-/// its start. `partition` is that of the process, empty when none is named.
-void reviewSettings(const kesa::runtime::v02::KesaConfig& config, const std::string& partition,
-                    kesa::runtime::v02::ConfigReport& report);
+/// its start. `partition` is that of the process, empty when none is named. Answers what counts of "comm".
+kesa::commadapter::CommSettings reviewSettings(const kesa::runtime::v02::KesaConfig& config,
+                                               const std::string& partition, kesa::runtime::v02::ConfigReport& report);
 
 } // namespace kesactl
 

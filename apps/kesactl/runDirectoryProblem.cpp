@@ -104,8 +104,7 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
 
 RunDirectoryProblem findProblem()
 {
-    std::vector<std::string> said; // by check-config
-    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings(said).runDir);
+    const kesa::commadapter::transport::RunDirectory place(kesa::commadapter::readCommSettings().runDir);
     return findProblem(RunDirectoryFacts(place.path()), place.source());
 }
 

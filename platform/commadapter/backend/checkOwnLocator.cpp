@@ -11,8 +11,7 @@ namespace kesa::commadapter {
 OwnLocator checkOwnLocator(const std::string& process, const url& locator)
 {
     using State = OwnLocator::State;
-    std::vector<std::string> complaints; // the backend's to tell
-    const CommSettings settings = readCommSettings(complaints);
+    const CommSettings settings = readCommSettings();
     // Only to read locators with; it never gets to use a loop.
     const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
         transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, nullptr);

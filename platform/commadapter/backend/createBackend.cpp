@@ -19,7 +19,7 @@ BackendFactory& replacement()
 CommSettings readSettings()
 {
     std::vector<std::string> complaints;
-    CommSettings settings = readCommSettings(complaints);
+    CommSettings settings = readCommSettings(&complaints);
     for (const std::string& complaint : complaints) {
         CHANNEL.log(3, "[createBackend] " + complaint);
     }

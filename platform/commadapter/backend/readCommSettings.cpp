@@ -9,60 +9,77 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
-#include <functional>
-#include <limits>
 #include <string_view>
 
 namespace kesa::commadapter {
 
 namespace {
 
+using util::config::Complaint;
 using util::config::Value;
-using Complaints = std::vector<std::string>;
+using Complaints = std::vector<Complaint>;
 
-/// Reads the one member it is given into the settings.
-using ReadMember = void (*)(const Value& value, CommSettings& settings, Complaints& complaints);
+/// One member of "comm", whose faults become complaints.
+class Setting {
+public:
+    Setting(std::string_view key, const Value& value, Complaints& complaints) noexcept
+        : m_key(key), m_value(value), m_complaints(complaints)
+    {}
 
-struct Member {
-    std::string_view key;
-    ReadMember read;
+    const Value& value() const noexcept { return m_value; }
+
+    void complain(std::string text, std::string advice, std::string_view keyBelow = {}) const
+    {
+        util::config::DocumentPath path{"comm", std::string(util::config::shortenedKey(m_key))};
+        if (!keyBelow.empty()) {
+            path.emplace_back(std::string(util::config::shortenedKey(keyBelow)));
+        }
+        m_complaints.push_back({Complaint::Severity::eWARNING, std::move(path), std::move(text), std::move(advice)});
+    }
+    void refuse(std::string advice) const
+    {
+        complain(fmt::format("\"{}\" is {}", m_key, m_value.toText()), std::move(advice));
+    }
+
+    void readString(std::string& out) const
+    {
+        if (m_value.get(out)) {
+            refuse("write a string");
+        }
+    }
+
+    template <class T>
+    void readNumber(std::uint64_t least, std::uint64_t most, T& out) const
+    {
+        std::uint64_t number = 0;
+        if (m_value.get(number) || number < least || number > most) {
+            refuse(fmt::format("write a whole number from {} to {}", least, most));
+            return;
+        }
+        out = static_cast<T>(number);
+    }
+
+private:
+    const std::string_view m_key;
+    const Value& m_value;
+    Complaints& m_complaints;
 };
 
-void readString(std::string_view key, const Value& value, std::string& out, Complaints& complaints)
+void readRunDir(const Setting& setting, CommSettings& settings)
 {
-    if (value.get(out)) {
-        complaints.push_back(fmt::format("\"comm\": \"{}\" is {}; write a string", key, value.toText()));
-    }
-}
-
-template <class T>
-void readNumber(std::string_view key, const Value& value, std::uint64_t least, std::uint64_t most, T& out,
-                Complaints& complaints)
-{
-    std::uint64_t number = 0;
-    if (value.get(number) || number < least || number > most) {
-        complaints.push_back(fmt::format("\"comm\": \"{}\" is {}; write a whole number from {} to {}", key,
-                                         value.toText(), least, most));
-        return;
-    }
-    out = static_cast<T>(number);
-}
-
-void readRunDir(const Value& value, CommSettings& settings, Complaints& complaints)
-{
-    std::string directory;
-    if (value.get(directory) || directory.empty() || directory.front() != '/') {
-        complaints.push_back(
-            fmt::format("\"comm\": \"run_dir\" is {}; write the absolute path of a folder", value.toText()));
+    const std::string_view directory = setting.value().stringView();
+    if (directory.empty() || directory.front() != '/') {
+        setting.refuse("write the absolute path of a folder");
         return;
     }
     settings.runDir = directory;
 }
 
-void readSocketMode(const Value& value, CommSettings& settings, Complaints& complaints)
+void readSocketMode(const Setting& setting, CommSettings& settings)
 {
-    const std::string_view text = value.stringView();
+    const std::string_view text = setting.value().stringView();
     unsigned mode = 0;
     bool isOctal = text.size() == 3 || (text.size() == 4 && text.front() == '0');
     for (const char c : text) {
@@ -70,80 +87,78 @@ void readSocketMode(const Value& value, CommSettings& settings, Complaints& comp
         mode = mode * 8 + static_cast<unsigned>(c - '0');
     }
     if (!isOctal) {
-        complaints.push_back(fmt::format("\"comm\": \"socket_mode\" is {}; write the rights of the socket as a string "
-                                         "of octal digits, such as \"0660\"",
-                                         value.toText()));
+        setting.refuse("write the rights of the socket as a string of octal digits, such as \"0660\"");
         return;
     }
     settings.socketMode = mode;
 }
 
-void readRoutes(const Value& value, CommSettings& settings, Complaints& complaints)
+void readRoutes(const Setting& setting, CommSettings& settings)
 {
-    if (!value.isDictionary()) {
-        complaints.push_back("\"comm\": \"routes\" is no object; write {\"/path\": \"ipc://process/path\"}");
+    if (!setting.value().isDictionary()) {
+        setting.complain("\"routes\" is no object", "write {\"/path\": \"ipc://process/path\"}");
         return;
     }
-    for (const auto& [path, target] : value) {
+    for (const auto& [path, target] : setting.value()) {
         const url locator{std::string(target.stringView())};
         const bool leadsNowhere = !locator.isAbsolute() || locator.hasQueryOrFragment() ||
                                   !(locator.path().empty() || Path::isCanonical(locator.path()));
         if (!Path::isCanonical(path) || leadsNowhere) {
-            complaints.push_back(
-                fmt::format("\"comm\": the route \"{}\": {} is left out; write a path and a locator such "
-                            "as \"/registry\" and \"ipc://kesa-registryd/registry\", neither with '/' "
-                            "at its end, and without a query",
-                            path, target.toText()));
+            setting.complain(fmt::format("the route \"{}\": {} is left out", path, target.toText()),
+                             "write a path and a locator such as \"/registry\" and "
+                             "\"ipc://kesa-registryd/registry\", neither with '/' at its end, and without a query",
+                             path);
             continue;
         }
         settings.routes.insert_or_assign(path, locator.toString());
     }
 }
 
-void refuse(std::string_view key, Complaints& complaints)
+void readHeartbeat(const Setting& setting, CommSettings& settings)
 {
-    complaints.push_back(fmt::format("\"comm\": \"{}\" is not supported yet: processes are reached over \"ipc\" only; "
-                                     "leave it out",
-                                     key));
+    comm::TimeNs milliseconds = settings.heartbeat / comm::MILLISECOND;
+    setting.readNumber(10, 3'600'000, milliseconds);
+    settings.heartbeat = milliseconds * comm::MILLISECOND;
 }
+
+struct Member {
+    std::string_view key;
+    void (*read)(const Setting& setting, CommSettings& settings); ///< null: reserved
+};
+
+constexpr std::uint64_t LEAST_BYTES = 64U << 10U;
+constexpr std::uint64_t MOST_BYTES = 1U << 30U;
 
 constexpr std::array MEMBERS = {
     Member{"run_dir", readRunDir},
     Member{"socket_mode", readSocketMode},
     Member{"socket_group",
-           [](const Value& value, CommSettings& settings, Complaints& complaints) {
-               readString("socket_group", value, settings.socketGroup, complaints);
-           }},
+           [](const Setting& setting, CommSettings& settings) { setting.readString(settings.socketGroup); }},
     Member{"routes", readRoutes},
     Member{"max_message_bytes",
-           [](const Value& value, CommSettings& settings, Complaints& complaints) {
-               readNumber("max_message_bytes", value, 64U << 10U, 1U << 30U, settings.maxMessageBytes, complaints);
+           [](const Setting& setting, CommSettings& settings) {
+               setting.readNumber(LEAST_BYTES, MOST_BYTES, settings.maxMessageBytes);
            }},
     Member{"send_queue_bytes",
-           [](const Value& value, CommSettings& settings, Complaints& complaints) {
-               readNumber("send_queue_bytes", value, 64U << 10U, 1U << 30U, settings.sendQueueBytes, complaints);
+           [](const Setting& setting, CommSettings& settings) {
+               setting.readNumber(LEAST_BYTES, MOST_BYTES, settings.sendQueueBytes);
            }},
-    Member{"heartbeat_ms",
-           [](const Value& value, CommSettings& settings, Complaints& complaints) {
-               comm::TimeNs milliseconds = settings.heartbeat / comm::MILLISECOND;
-               readNumber("heartbeat_ms", value, 10, 3'600'000, milliseconds, complaints);
-               settings.heartbeat = milliseconds * comm::MILLISECOND;
-           }},
-    Member{"listen", [](const Value&, CommSettings&, Complaints& complaints) { refuse("listen", complaints); }},
-    Member{"advertise", [](const Value&, CommSettings&, Complaints& complaints) { refuse("advertise", complaints); }},
-    Member{"tls", [](const Value&, CommSettings&, Complaints& complaints) { refuse("tls", complaints); }},
-    Member{"insecure", [](const Value&, CommSettings&, Complaints& complaints) { refuse("insecure", complaints); }},
+    Member{"heartbeat_ms", readHeartbeat},
+    Member{"listen", nullptr},
+    Member{"advertise", nullptr},
+    Member{"tls", nullptr},
+    Member{"insecure", nullptr},
 };
 
-std::string complaintOfUnknown(const std::string& key)
+void complainOfUnknown(const std::string& key, const Setting& setting)
 {
     std::vector<std::string_view> known;
     for (const Member& member : MEMBERS) {
         known.push_back(member.key);
     }
     const std::string_view meant = util::nearestName(key, known);
-    return fmt::format("\"comm\": \"{}\" is unknown and has no effect; {}", key,
-                       meant.empty() ? "correct or remove it" : fmt::format("did you mean \"{}\"?", meant));
+    setting.complain(fmt::format("\"{}\" is unknown and has no effect", util::config::shortenedKey(key)),
+                     meant.empty() ? "correct or remove it" : fmt::format("did you mean \"{}\"?", meant));
 }
 
 } // namespace
@@ -155,38 +170,50 @@ CommSettings readCommSettings(const Value& comm, Complaints& complaints)
         return settings;
     }
     if (!comm.isDictionary()) {
-        complaints.push_back("\"comm\" is no object; write {\"run_dir\": \"/run/kesa\"} or leave it out");
+        complaints.push_back({Complaint::Severity::eWARNING,
+                              {"comm"},
+                              "\"comm\" is no object",
+                              "write {\"run_dir\": \"/run/kesa\"} or leave it out"});
         return settings;
     }
     for (const auto& [key, value] : comm) {
-        const Member* known = nullptr;
-        for (const Member& member : MEMBERS) {
-            known = member.key == key ? &member : known;
-        }
-        if (known != nullptr) {
-            known->read(value, settings, complaints);
+        const Setting setting(key, value, complaints);
+        const auto* const known =
+            std::find_if(MEMBERS.begin(), MEMBERS.end(), [&key](const Member& member) { return member.key == key; });
+        if (known == MEMBERS.end()) {
+            complainOfUnknown(key, setting);
+        } else if (known->read == nullptr) {
+            setting.complain(fmt::format("\"{}\" is not supported yet: processes are reached over \"ipc\" only", key),
+                             "leave it out");
         } else {
-            complaints.push_back(complaintOfUnknown(key));
+            known->read(setting, settings);
         }
     }
     return settings;
 }
 
-CommSettings readCommSettings(Complaints& complaints)
+CommSettings readCommSettings(std::vector<std::string>* sentences)
 {
     const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
     if (provider.hasFailed()) {
         obr::ErrorStorage::ack();
     }
-    const Value& root = provider.first().isDefined() ? provider.first() : provider.second();
+    const bool isMember = provider.first().isDefined();
+    const Value& root = isMember ? provider.first() : provider.second();
+    Complaints complaints;
     CommSettings settings = readCommSettings(root["comm"], complaints);
-    for (std::string& complaint : complaints) {
-        complaint.insert(0, provider.file() + ": ");
+    if (sentences != nullptr) {
+        for (Complaint& complaint : complaints) {
+            if (isMember) {
+                complaint.path.insert(complaint.path.begin(), "kesa");
+            }
+            sentences->push_back(complaint.sentence(provider.file()));
+        }
     }
     return settings;
 }
 
-std::vector<std::string> checkCommSettings(const Value& comm)
+Complaints checkCommSettings(const Value& comm)
 {
     Complaints complaints;
     static_cast<void>(readCommSettings(comm, complaints));

@@ -3,6 +3,7 @@
 
 #include "backend/CommBackend.h"
 
+#include <util/config/Complaint.h>
 #include <util/config/Value.h>
 
 #include <string>
@@ -10,12 +11,12 @@
 
 namespace kesa::commadapter {
 
-/// Reads the "comm" member of a configuration document; what is wrong in it becomes a complaint that says what to do,
-/// and keeps its default.
-CommSettings readCommSettings(const util::config::Value& comm, std::vector<std::string>& complaints);
+/// Reads the "comm" member of a configuration document; what is wrong in it becomes a warning, and keeps its default.
+/// Paths begin with "comm".
+CommSettings readCommSettings(const util::config::Value& comm, std::vector<util::config::Complaint>& complaints);
 /// The same from the document of this process. One that cannot be read is the configuration reader's to complain about;
-/// here it counts as empty. Complaints begin with its file.
-CommSettings readCommSettings(std::vector<std::string>& complaints);
+/// here it counts as empty. Who tells the complaints, the backend, gives `sentences`.
+CommSettings readCommSettings(std::vector<std::string>* sentences = nullptr);
 
 } // namespace kesa::commadapter
 

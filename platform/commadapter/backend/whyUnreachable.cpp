@@ -129,8 +129,7 @@ Unreachable whyUnreachable(const url& locator, comm::TimeNs within)
 void whyUnreachable(const std::vector<url>& locators, comm::TimeNs within,
                     const std::function<void(std::size_t, Unreachable)>& found)
 {
-    std::vector<std::string> complaints; // the backend's to tell
-    const CommSettings settings = readCommSettings(complaints);
+    const CommSettings settings = readCommSettings();
     const auto loop = std::make_shared<IoLoop>(settings);
     const std::shared_ptr<transport::ITransport> transport = transport::makeIpcTransport(
         transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop->reactor());

@@ -29,7 +29,12 @@ TEST(JSONParser, ReadsDictionariesOnly)
     EXPECT_EQ(value, Value("kept"));
     obr::ErrorStorage::ack();
     ASSERT_FALSE(parser.parseString(R"({"a": {"x": [0, {"c": 1, "c": 2, "c": 3}], "y": 1}, "b": 1, "b": 2})", value));
-    EXPECT_THAT(parser.duplicateKeys(), ElementsAre("a.x[1].c", "b"));
+    std::vector<std::string> complaints;
+    for (const Complaint& complaint : parser.complaints()) {
+        complaints.push_back(complaint.sentence(""));
+    }
+    const std::string twice = ": the key stands more than once; the last one counts";
+    EXPECT_THAT(complaints, ElementsAre("a.x[1].c" + twice, "b" + twice));
 }
 
 // Which document counts, and what is told of one that cannot be read, is in the session documents of kesactl.

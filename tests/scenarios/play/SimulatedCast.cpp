@@ -22,13 +22,13 @@ constexpr comm::TimeNs NEWS_TIME = 3 * comm::SECOND; ///< in which bad news come
 commadapter::CommSettings settingsOf(const std::string& comm)
 {
     util::config::Value value;
-    std::vector<std::string> complaints;
     if (util::config::JSONParser().parseString(comm, value)) {
-        complaints.push_back("no JSON");
+        throw Mistake("\"comm\" " + comm + ": no JSON");
     }
+    std::vector<util::config::Complaint> complaints;
     auto settings = commadapter::readCommSettings(value, complaints);
     if (!complaints.empty()) {
-        throw Mistake("\"comm\" " + comm + ": " + complaints.front());
+        throw Mistake(complaints.front().sentence(comm));
     }
     return settings;
 }

@@ -27,14 +27,13 @@ bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::s
     }
     const std::string file = Provider::folder(CONFIGURATION_NAME, CONFIGURATION_PATH) + "/framework.json";
     Value document;
-    std::vector<std::string> duplicateKeys;
-    std::string problem;
-    switch (readDocument(file, document, duplicateKeys, problem)) {
+    std::vector<Complaint> complaints;
+    switch (readDocument(file, document, complaints)) {
     case Reading::eMISSING:
         partition = DEFAULT_NODE;
         return false;
     case Reading::eFAILED:
-        return refuse(problem);
+        return refuse(complaints.back().sentence(file));
     case Reading::eREAD:
         break;
     }

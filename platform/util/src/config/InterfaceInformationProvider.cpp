@@ -29,10 +29,10 @@ struct InterfaceInformationProvider::State {
     {
         const std::string file = Provider::folder(CONFIGURATION_NAME, CONFIGURATION_PATH) + "/interfaces.json";
         Value result;
-        std::vector<std::string> duplicateKeys;
-        std::string problem;
-        if (readDocument(file, result, duplicateKeys, problem) == Reading::eFAILED) {
-            tracing::Channel("KESA_UTIL_CONFIG").log(4, "[InterfaceInformationProvider] " + problem);
+        std::vector<Complaint> complaints;
+        if (readDocument(file, result, complaints) == Reading::eFAILED) {
+            tracing::Channel("KESA_UTIL_CONFIG")
+                .log(4, "[InterfaceInformationProvider] " + complaints.back().sentence(file));
         }
         return result;
     }

@@ -18,8 +18,8 @@ JSONParser::JSONParser(bool) noexcept {}
 
 bool JSONParser::parseString(std::string_view text, Value& out) const
 {
-    std::string problem;
-    return parseDocument(text, out, m_duplicateKeys, problem) && fail(problem);
+    m_complaints.clear();
+    return parseDocument(text, out, m_complaints) && fail(m_complaints.back().sentence(""));
 }
 
 bool JSONParser::parseStringToDict(const std::string& text, Dictionary** out) const
@@ -29,7 +29,8 @@ bool JSONParser::parseStringToDict(const std::string& text, Dictionary** out) co
         return true;
     }
     if (!root.isDictionary()) {
-        return fail("root is not dictionary");
+        m_complaints.push_back({Complaint::Severity::eERROR, {}, "root is not dictionary"});
+        return fail(m_complaints.back().text);
     }
     *out = new Dictionary(root.dictionary());
     return false;

@@ -62,23 +62,26 @@ bool exists(const std::string& file)
 Provider::Provider(const std::string& name, const std::string& path, int, LoadStrategy)
 {
     std::string lookedFor;
-    std::string problem;
     for (const Candidate& candidate : candidates(name, path)) {
-        const Reading reading = readDocument(candidate.file, m_second, m_duplicateKeys, problem);
+        m_complaints.clear();
+        const Reading reading = readDocument(candidate.file, m_second, m_complaints);
         if (reading == Reading::eMISSING && !candidate.mustExist) {
             lookedFor += (lookedFor.empty() ? "" : ", ") + candidate.file;
             continue;
         }
         m_file = candidate.file;
-        if (reading == Reading::eREAD) {
-            m_first = m_second[name];
-        } else {
-            m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, problem);
-        }
-        return;
+        m_first = m_second[name];
+        m_failed = reading != Reading::eREAD;
+        break;
     }
-    m_failed = obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
-                                                          "there is no configuration; looked for " + lookedFor);
+    if (m_file.empty()) {
+        m_complaints = {{Complaint::Severity::eERROR, {}, "there is no configuration; looked for " + lookedFor}};
+        m_failed = true;
+    }
+    if (m_failed) {
+        static_cast<void>(obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
+                                                                     m_complaints.back().sentence(m_file)));
+    }
 }
 
 bool Provider::isConfigured(const std::string& name, const std::string& path)

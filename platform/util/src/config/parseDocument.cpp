@@ -13,30 +13,11 @@ namespace {
 using serializer::Token;
 using serializer::TokenList;
 
-/// Where a value stands: in an object by its key, in an array by its index. Its path is made only to be told.
-struct Place {
-    const Place* parent; ///< null: the root
-    const std::string_view* key = nullptr;
-    std::size_t index = 0;
-
-    std::string path() const
-    {
-        if (parent == nullptr) {
-            return {};
-        }
-        std::string path = parent->path();
-        if (key == nullptr) {
-            return path.append("[").append(std::to_string(index)).append("]");
-        }
-        return path.append(path.empty() ? "" : ".").append(*key);
-    }
-};
-
 /// Makes values of tokens. The depth of a document is limited, and so is the recursion.
 class Builder {
 public:
-    Builder(const TokenList& tokens, std::vector<std::string>& duplicateKeys) noexcept
-        : m_tokens(tokens), m_duplicateKeys(duplicateKeys)
+    Builder(const TokenList& tokens, std::vector<Complaint>& complaints) noexcept
+        : m_tokens(tokens), m_complaints(complaints)
     {}
 
     /// The next value, which stands at `place`.
@@ -71,7 +52,7 @@ private:
     {
         Value::Array items;
         while (m_next < end) {
-            items.push_back(build({&place, nullptr, items.size()}));
+            items.push_back(build(Place::element(place, items.size())));
         }
         return items;
     }
@@ -81,7 +62,7 @@ private:
         std::vector<Value::Member> members;
         while (m_next < end) {
             const std::string_view key = m_tokens[m_next++].string();
-            members.emplace_back(key, build({&place, &key}));
+            members.emplace_back(key, build(Place::member(place, key)));
         }
         noteDuplicates(members, place);
         return Dictionary(std::move(members));
@@ -97,27 +78,30 @@ private:
         std::sort(keys.begin(), keys.end());
         for (std::size_t i = 1; i < keys.size(); ++i) {
             if (keys[i] == keys[i - 1] && (i == 1 || keys[i - 2] != keys[i])) {
-                m_duplicateKeys.push_back(Place{&place, &keys[i]}.path());
+                m_complaints.push_back({Complaint::Severity::eWARNING, Place::member(place, keys[i]).path(),
+                                        "the key stands more than once; the last one counts"});
             }
         }
     }
 
     const TokenList& m_tokens;
-    std::vector<std::string>& m_duplicateKeys;
+    std::vector<Complaint>& m_complaints;
     std::size_t m_next = 0;
 };
 
 } // namespace
 
-bool parseDocument(std::string_view text, Value& out, std::vector<std::string>& duplicateKeys, std::string& problem)
+bool parseDocument(std::string_view text, Value& out, std::vector<Complaint>& complaints)
 {
-    duplicateKeys.clear();
     TokenList tokens;
-    const std::unique_ptr<serializer::IDocumentParser> parser = serializer::makeJsonParser();
+    serializer::Problem problem;
+    const std::unique_ptr<serializer::IDocumentParser> parser = serializer::makeJsonParser(); // has the tokens' texts
     if (parser->parse(text, tokens, problem)) {
+        complaints.push_back(
+            {Complaint::Severity::eERROR, {}, std::move(problem.what), {}, problem.line, problem.column});
         return true;
     }
-    out = Builder(tokens, duplicateKeys).build(Place{nullptr});
+    out = Builder(tokens, complaints).build(Place());
     return false;
 }
 

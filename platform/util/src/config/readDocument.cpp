@@ -55,31 +55,32 @@ bool isNoPlainFile(int descriptor, int openError)
     return false;
 }
 
+void refuse(std::vector<Complaint>& complaints, std::string text)
+{
+    complaints.push_back({Complaint::Severity::eERROR, {}, std::move(text)});
+}
+
 } // namespace
 
-Reading readDocument(const std::string& file, Value& out, std::vector<std::string>& duplicateKeys, std::string& problem)
+Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints)
 {
     std::string bytes;
     // A pipe is opened without waiting for whoever writes into it, so that it can be refused.
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (isNoPlainFile(descriptor.get(), errno)) {
-        problem = file + ": is a directory, a pipe, a socket or a device; the configuration is a plain file";
+        refuse(complaints, "is a directory, a pipe, a socket or a device; the configuration is a plain file");
         return Reading::eFAILED;
     }
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
         const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-        problem = file + ": cannot be read: " + std::system_category().message(errno);
+        refuse(complaints, "cannot be read: " + std::system_category().message(errno));
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
     if (bytes.size() > LARGEST_DOCUMENT) {
-        problem = file + ": is larger than 16 MiB";
+        refuse(complaints, "is larger than 16 MiB");
         return Reading::eFAILED;
     }
-    if (parseDocument(bytes, out, duplicateKeys, problem)) {
-        problem = file + ":" + problem;
-        return Reading::eFAILED;
-    }
-    return Reading::eREAD;
+    return parseDocument(bytes, out, complaints) ? Reading::eFAILED : Reading::eREAD;
 }
 
 } // namespace util::config

@@ -1,6 +1,7 @@
 #ifndef UTIL_CONFIG_READDOCUMENT_H
 #define UTIL_CONFIG_READDOCUMENT_H
 
+#include <util/config/Complaint.h>
 #include <util/config/Value.h>
 
 #include <string>
@@ -10,10 +11,8 @@ namespace util::config {
 
 enum class Reading { eREAD, eMISSING, eFAILED };
 
-/// The JSON document in `file`. Unless it was read, `problem` says why not, with file, line and column; nothing is
-/// recorded.
-[[nodiscard]] Reading readDocument(const std::string& file, Value& out, std::vector<std::string>& duplicateKeys,
-                                   std::string& problem);
+/// The JSON document in `file`. Unless it was read, the last complaint says why not; nothing is recorded.
+[[nodiscard]] Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints);
 
 } // namespace util::config
 

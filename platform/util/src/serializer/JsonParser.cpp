@@ -163,23 +163,21 @@ std::string explain(json::ParseErrorCode code, std::string_view document, std::s
     }
 }
 
-/// "LINE:COLUMN: what", the column in characters.
-std::string locate(std::string_view document, std::size_t offset, std::string_view what)
+Problem problemAt(std::string_view document, std::size_t offset, std::string what)
 {
     const std::string_view before = document.substr(0, offset);
-    const std::size_t lineStart = before.rfind('\n') + 1; // 0 when there is none
+    const auto lineStart = static_cast<std::ptrdiff_t>(before.rfind('\n') + 1); // 0 when there is none
     const auto isFirstByte = [](char c) { return (static_cast<unsigned char>(c) & 0xc0) != 0x80; };
-    return fmt::format(
-        "{}:{}: {}", 1 + std::count(before.begin(), before.end(), '\n'),
-        1 + std::count_if(before.begin() + static_cast<std::ptrdiff_t>(lineStart), before.end(), isFirstByte), what);
+    return {std::move(what), static_cast<int>(1 + std::count(before.begin(), before.end(), '\n')),
+            static_cast<int>(1 + std::count_if(before.begin() + lineStart, before.end(), isFirstByte))};
 }
 
 class JsonParser final : public IDocumentParser {
 public:
-    bool parse(std::string_view document, TokenList& tokens, std::string& problem) override
+    bool parse(std::string_view document, TokenList& tokens, Problem& problem) override
     {
         if (document.size() >= std::numeric_limits<json::SizeType>::max()) {
-            problem = "the document is too large";
+            problem.what = "the document is too large";
             return true;
         }
         tokens.expect(document.size());
@@ -192,11 +190,11 @@ public:
             json::kParseInsituFlag | json::kParseIterativeFlag | json::kParseNumbersAsStringsFlag;
         const json::ParseResult result = m_reader.Parse<FLAGS>(stream, handler);
         if (result.IsError()) {
-            problem = locate(document, result.Offset(), explain(result.Code(), document, result.Offset(), tokens));
+            problem = problemAt(document, result.Offset(), explain(result.Code(), document, result.Offset(), tokens));
             return true;
         }
         if (stream.Tell() != document.size()) { // it stops at the first NUL byte
-            problem = locate(document, stream.Tell(), "a NUL byte is not allowed");
+            problem = problemAt(document, stream.Tell(), "a NUL byte is not allowed");
             return true;
         }
         return false;

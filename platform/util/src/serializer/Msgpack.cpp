@@ -46,10 +46,10 @@ private:
 
 class MsgpackParser final : public IDocumentParser {
 public:
-    bool parse(std::string_view document, TokenList& tokens, std::string& problem) override
+    bool parse(std::string_view document, TokenList& tokens, Problem& problem) override
     {
         if (document.empty()) {
-            problem = "the document is empty";
+            problem.what = "the document is empty";
             return true;
         }
         std::size_t offset = 0;
@@ -58,8 +58,8 @@ public:
         if (isValue && offset == document.size()) {
             return false;
         }
-        problem = fmt::format("byte {}: {}", offset,
-                              isValue ? "unexpected data after the end of the document" : tokens.problem());
+        problem.what = fmt::format("byte {}: {}", offset,
+                                   isValue ? "unexpected data after the end of the document" : tokens.problem());
         return true;
     }
 };

@@ -88,10 +88,10 @@ bool PullReader::attach(ByteBufferReader& in)
     m_tokens.clear();
     m_open.clear();
     m_next = 0;
-    std::string problem;
+    Problem problem;
     if (m_parser->parse(in.text(), m_tokens, problem)) {
         m_tokens.clear();
-        return fail(problem);
+        return fail(problem.toText());
     }
     m_open.push_back({Place::eROOT, Due::eVALUE, 0, static_cast<std::uint32_t>(m_tokens.size()), 0});
     return false;

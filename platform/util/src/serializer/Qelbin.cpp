@@ -155,15 +155,15 @@ private:
 
 class QelbinParser final : public IDocumentParser {
 public:
-    bool parse(std::string_view document, TokenList& tokens, std::string& problem) override
+    bool parse(std::string_view document, TokenList& tokens, Problem& problem) override
     {
         if (document.empty()) {
-            problem = "the document is empty";
+            problem.what = "the document is empty";
             return true;
         }
         Decoder decoder(document, tokens, m_open, m_chunks);
         if (decoder.decode()) {
-            problem = fmt::format("byte {}: {}", decoder.offset(), tokens.problem());
+            problem.what = fmt::format("byte {}: {}", decoder.offset(), tokens.problem());
             return true;
         }
         return false;

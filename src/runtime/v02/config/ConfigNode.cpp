@@ -3,7 +3,11 @@
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
 
+#include <fmt/format.h>
+
 namespace kesa::runtime::v02 {
+
+using util::config::Place;
 
 const Channel& configChannel()
 {
@@ -15,7 +19,7 @@ ConfigNode ConfigNode::operator[](std::string_view key) const
 {
     ConfigNode member = *this;
     member.m_value = &(*m_value)[key];
-    member.m_path.append(m_path.empty() ? "" : ".").append(ConfigReport::shortened(key));
+    member.m_place = Place::member(m_place, key);
     return member;
 }
 
@@ -23,7 +27,7 @@ ConfigNode ConfigNode::operator[](std::size_t index) const
 {
     ConfigNode element = *this;
     element.m_value = &(*m_value)[index];
-    element.m_path.append("[").append(std::to_string(index)).append("]");
+    element.m_place = Place::element(m_place, index);
     return element;
 }
 
@@ -34,33 +38,54 @@ ConfigNode ConfigNode::tolerated() const
     return same;
 }
 
-bool ConfigNode::fail(std::string_view error) const
+ConfigNode ConfigNode::searched() const
 {
-    report(4, !m_isTolerated, error);
-    return record(error);
+    ConfigNode same = *this;
+    same.m_isSearched = true;
+    return same;
 }
 
-void ConfigNode::trace(int severity, bool isFatal, const std::string& text) const
+void ConfigNode::complain(Severity severity, std::string text, std::string advice) const
 {
-    KESA_TRACE_TEXT(configChannel(), severity, text);
-    // The operation in brackets says nothing to the writer of a document.
-    report(severity, isFatal, std::string_view(text).substr(text.find("] ") + 2));
+    m_report->complaints.push_back({severity, m_report->path(m_place.path()), std::move(text), std::move(advice)});
+}
+
+void ConfigNode::warn(std::string_view operation, std::string text, std::string advice) const
+{
+    trace(3, operation, text);
+    complain(Severity::eWARNING, std::move(text), std::move(advice));
+}
+
+bool ConfigNode::fail(int severity, std::string_view operation, const std::string& text, std::string advice,
+                      std::string_view error) const
+{
+    trace(severity, operation, text);
+    complain(failure(), text, std::move(advice));
+    return record(error.empty() ? text : error);
+}
+
+bool ConfigNode::fail(std::string text, std::string advice) const
+{
+    complain(failure(), text, std::move(advice));
+    return record(text);
+}
+
+void ConfigNode::trace(int severity, std::string_view operation, const std::string& text) const
+{
+    if (!m_isSearched) {
+        KESA_TRACE_TEXT(configChannel(), severity, fmt::format("[{}] {}", operation, text));
+    }
 }
 
 bool ConfigNode::record(std::string_view error) const
 {
-    return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 18, error);
+    return m_isSearched || obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 18, error);
 }
 
-bool ConfigNode::reportType(std::string_view expected) const
+bool ConfigNode::failType(const char* expected) const
 {
-    report(4, !m_isTolerated, m_value->isDefined() ? expected : "is missing");
+    complain(failure(), m_value->isDefined() ? expected : "is missing");
     return true;
-}
-
-void ConfigNode::report(int severity, bool isFatal, std::string_view text) const
-{
-    m_report->complaints.push_back({severity, isFatal, m_path, std::string(text)});
 }
 
 } // namespace kesa::runtime::v02

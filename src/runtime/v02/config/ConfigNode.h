@@ -3,7 +3,6 @@
 
 #include "ConfigReport.h"
 
-#include <fmt/format.h>
 #include <kesa/tracing.h>
 #include <util/config/Value.h>
 
@@ -16,69 +15,98 @@ namespace kesa::runtime::v02 {
 /// The channel of all traces about the configuration.
 const Channel& configChannel();
 
-/// A value of the document that knows where it stands, so that every complaint about it can say so. The root value and
-/// the report outlive their nodes.
+/// A value of the document that knows where it stands, so that every complaint about it can say so. The root value, the
+/// report, the node that it was taken from and the key outlive it.
 class ConfigNode {
 public:
-    ConfigNode(const util::config::Value& root, std::string rootPath, ConfigReport& report)
-        : m_value(&root), m_path(std::move(rootPath)), m_report(&report)
-    {}
+    ConfigNode(const util::config::Value& root, ConfigReport& report) : m_value(&root), m_report(&report) {}
 
     ConfigNode operator[](std::string_view key) const;
     ConfigNode operator[](std::size_t index) const;
-    /// The same value, about which failures are reported as not fatal.
+    /// The same value, about which failures are warnings.
     ConfigNode tolerated() const;
+    /// The same value, in a reading that goes on behind each failure, to find them all. It traces and records nothing:
+    /// the reading before it has.
+    ConfigNode searched() const;
     const util::config::Value& value() const noexcept { return *m_value; }
+    /// Of a list, else 0.
+    std::size_t size() const noexcept { return m_value->arraySize(); }
 
     /// True when the value is not of that type, which no trace and no error tells: only the report does.
-    [[nodiscard]] bool get(bool& out) const { return m_value->get(out) && reportType("must be true or false"); }
+    [[nodiscard]] bool get(bool& out) const { return m_value->get(out) && failType("must be true or false"); }
     [[nodiscard]] bool get(unsigned int& out) const
     {
-        return m_value->get(out) && reportType("must be an unsigned integer");
+        return m_value->get(out) && failType("must be an unsigned integer");
     }
-    [[nodiscard]] bool get(std::string& out) const { return m_value->get(out) && reportType("must be a string"); }
+    [[nodiscard]] bool get(std::string& out) const { return m_value->get(out) && failType("must be a string"); }
+    /// The same for an object.
+    [[nodiscard]] bool isNoDictionary() const { return !m_value->isDictionary() && failType("must be an object"); }
 
-    /// Calls `take(text, element, index)` with each element of an array of strings. The first element that is no
-    /// string, or that `take` answers `true` for, ends it with `true`. What is no array has no elements.
+    /// Whether that is the end of reading.
+    bool endsWith(bool failed) const noexcept { return failed && !m_isSearched; }
+    /// Takes the steps one after the other, the first failure ends them. Answers whether any failed.
+    template <class... Step>
+    [[nodiscard]] bool inTurn(Step&&... steps) const
+    {
+        bool failed = false;
+        ((failed = endsWith(failed) || steps() || failed), ...);
+        return failed;
+    }
+    /// Calls `take(element, index)` with each element of an array; the first that it answers `true` for ends it with
+    /// `true`. What is no array has no elements.
+    template <class F>
+    [[nodiscard]] bool readElements(F&& take) const
+    {
+        bool failed = false;
+        for (std::size_t i = 0; i < size() && !endsWith(failed); ++i) {
+            failed = take((*this)[i], i) || failed;
+        }
+        return failed;
+    }
+    /// Calls `take(text, element, index)` with each element of an array of strings; one that is no string is a failure.
     template <class F>
     [[nodiscard]] bool readStrings(F&& take) const
     {
-        for (std::size_t i = 0; i < m_value->arraySize(); ++i) {
-            const ConfigNode element = (*this)[i];
+        return readElements([&take](const ConfigNode& element, std::size_t index) {
             std::string text;
-            if (element.get(text) || take(text, element, i)) {
-                return true;
+            return element.get(text) || take(text, element, index);
+        });
+    }
+    /// Calls `take(key, member)` with each member of an object, in the order of the keys.
+    template <class F>
+    [[nodiscard]] bool readMembers(F&& take) const
+    {
+        bool failed = false;
+        for (const auto& [key, value] : *m_value) {
+            if (endsWith(failed)) {
+                break;
             }
+            failed = take(key, (*this)[key]) || failed;
         }
-        return false;
+        return failed;
     }
 
-    /// Traces a complaint that is no failure.
-    template <class... A>
-    void warn(fmt::format_string<A...> format, A&&... arguments) const
-    {
-        trace(3, false, fmt::format(format, std::forward<A>(arguments)...));
-    }
-    /// Traces, and records `error` as the reason. Answers `true`.
-    template <class... A>
-    bool fail(int severity, std::string_view error, fmt::format_string<A...> format, A&&... arguments) const
-    {
-        trace(severity, !m_isTolerated, fmt::format(format, std::forward<A>(arguments)...));
-        return record(error);
-    }
-    /// Records `error` without a trace. Answers `true`.
-    bool fail(std::string_view error) const;
+    /// Only the report tells it.
+    void complain(Severity severity, std::string text, std::string advice = {}) const;
+    /// Traces "[operation] text": no failure.
+    void warn(std::string_view operation, std::string text, std::string advice = {}) const;
+    /// Traces it, and records `error`, or the text, as the reason. Answers `true`.
+    bool fail(int severity, std::string_view operation, const std::string& text, std::string advice = {},
+              std::string_view error = {}) const;
+    /// Records the text without a trace. Answers `true`.
+    bool fail(std::string text, std::string advice = {}) const;
 
 private:
-    void trace(int severity, bool isFatal, const std::string& text) const;
+    void trace(int severity, std::string_view operation, const std::string& text) const;
     bool record(std::string_view error) const;
-    bool reportType(std::string_view expected) const;
-    void report(int severity, bool isFatal, std::string_view text) const;
+    bool failType(const char* expected) const;
+    Severity failure() const noexcept { return m_isTolerated ? Severity::eWARNING : Severity::eERROR; }
 
     const util::config::Value* m_value;
-    std::string m_path;
+    util::config::Place m_place;
     ConfigReport* m_report;
     bool m_isTolerated = false;
+    bool m_isSearched = false;
 };
 
 } // namespace kesa::runtime::v02

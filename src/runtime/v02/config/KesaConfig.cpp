@@ -20,6 +20,11 @@ namespace {
 constexpr const char* PROVIDER_NAME = "kesa";
 constexpr const char* PROVIDER_PATH = "./config";
 
+void append(const std::vector<Complaint>& complaints, ConfigReport& report)
+{
+    report.complaints.insert(report.complaints.end(), complaints.begin(), complaints.end());
+}
+
 } // namespace
 
 KesaConfig::KesaConfig() : m_ownProcessName("unknown_process")
@@ -30,6 +35,7 @@ KesaConfig::KesaConfig() : m_ownProcessName("unknown_process")
 KesaConfig::KesaConfig(const std::string& processName, ConfigReport* report) : m_ownProcessName(processName)
 {
     ConfigReport unread;
+    unread.listsAll = false;
     ConfigReport& filled = report != nullptr ? *report : unread;
     setDefaults();
     endReading(readDocument(filled), filled);
@@ -39,6 +45,7 @@ KesaConfig::KesaConfig(const std::string& processName, const std::string& text, 
     : m_ownProcessName(processName)
 {
     ConfigReport unread;
+    unread.listsAll = false;
     ConfigReport& filled = report != nullptr ? *report : unread;
     setDefaults();
     endReading(readText(text, filled), filled);
@@ -82,13 +89,13 @@ bool KesaConfig::readDocument(ConfigReport& report)
     m_file = provider.file();
     report.file = m_file;
     report.isMissing = m_file.empty();
-    report.duplicateKeys = provider.duplicateKeys();
-    if (provider.hasFailed()) {
-        return true;
-    }
     const bool isMember = provider.first().isDefined();
-    report.rootPath = isMember ? "kesa" : "";
-    return readConfig(isMember ? provider.first() : provider.second(), report);
+    if (isMember) {
+        report.rootPath = {PROVIDER_NAME};
+    }
+    const bool failed = provider.hasFailed() || readConfig(isMember ? provider.first() : provider.second(), report);
+    append(provider.complaints(), report);
+    return failed;
 }
 
 bool KesaConfig::readText(const std::string& text, ConfigReport& report)
@@ -96,25 +103,38 @@ bool KesaConfig::readText(const std::string& text, ConfigReport& report)
     obr::ErrorStorage::ack();
     const util::config::JSONParser parser(true);
     util::config::Dictionary* parsed = nullptr;
-    const bool failed = parser.parseStringToDict(text, &parsed);
-    report.duplicateKeys = parser.duplicateKeys();
+    const bool isNone = parser.parseStringToDict(text, &parsed);
     const std::unique_ptr<util::config::Dictionary> root(parsed);
-    return failed || readConfig(Value(*root), report);
+    const bool failed = isNone || readConfig(Value(*root), report);
+    append(parser.complaints(), report);
+    return failed;
 }
 
 bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
 {
     report.root = rootValue;
-    const ConfigNode root(rootValue, report.rootPath, report);
+    const ConfigNode root(report.root, report);
     if (!rootValue.isDictionary()) {
-        return root.fail(3, "root is not dictionary", "[readConfig] config file contains no dictionary");
+        return root.fail(3, "readConfig", "config file contains no dictionary",
+                         "the document must be an object: { ... }", "root is not dictionary");
     }
-    // The formats come before the services: each service takes its list from them.
-    const bool failed = readUseLocalRegistry(root) || readUseRegistry(root) || readRegistryLocators(root) ||
-                        readBackends(root) || readSerializerFormats(root) || readServices(root) || readBypass(root) ||
-                        readSmartProxy(root) || readNodeDomainMapping(root);
-    addUnknownKeys(report);
+    const bool failed = readMembers(root);
+    if (failed && report.listsAll) {
+        report.complaints.clear(); // they are found again
+        static_cast<void>(KesaConfig().readMembers(root.searched()));
+    }
+    addUnknownKeys(root);
     return failed;
+}
+
+bool KesaConfig::readMembers(const ConfigNode& root)
+{
+    // The formats come before the services: each service takes its list from them.
+    return root.inTurn([&] { return readUseLocalRegistry(root); }, [&] { return readUseRegistry(root); },
+                       [&] { return readRegistryLocators(root); }, [&] { return readBackends(root); },
+                       [&] { return readSerializerFormats(root); }, [&] { return readServices(root); },
+                       [&] { return readBypass(root); }, [&] { return readSmartProxy(root); },
+                       [&] { return readNodeDomainMapping(root); });
 }
 
 void KesaConfig::endReading(bool failed, ConfigReport& report)
@@ -124,9 +144,6 @@ void KesaConfig::endReading(bool failed, ConfigReport& report)
         const std::string reason = obr::ErrorStorage::reason();
         KESA_TRACE(configChannel(), 3, "[readConfig] failed to the config file, reason = %s", reason.c_str());
         obr::ErrorStorage::ack();
-        if (report.complaints.empty()) {
-            report.complaints.push_back({4, true, "", reason}); // no document, or none that can be parsed
-        }
         setDefaults();
         m_valid = false;
     }

@@ -22,7 +22,8 @@ class KesaConfig {
 public:
     /// The defaults, for the process name "unknown_process".
     KesaConfig();
-    /// Reads the document that `util::config::Provider` finds. `report` is filled when it is not null.
+    /// Reads the document that `util::config::Provider` finds. `report` is filled when it is not null, with all errors:
+    /// the reading itself ends with the first.
     explicit KesaConfig(const std::string& processName, ConfigReport* report = nullptr);
     /// Reads `text`, whose root is the configuration itself.
     KesaConfig(const std::string& processName, const std::string& text, ConfigReport* report = nullptr);
@@ -61,6 +62,7 @@ private:
     [[nodiscard]] bool readConfig(const util::config::Value& root, ConfigReport& report);
     void endReading(bool failed, ConfigReport& report);
 
+    [[nodiscard]] bool readMembers(const ConfigNode& root);
     // One step each, in this order; the first failure ends reading. What a step stored before it failed stays.
     [[nodiscard]] bool readUseLocalRegistry(const ConfigNode& root);
     [[nodiscard]] bool readUseRegistry(const ConfigNode& root);

@@ -11,7 +11,8 @@ bool readFormats(const ConfigNode& list, std::vector<std::string>& formats)
 {
     return list.readStrings([&](std::string& format, const ConfigNode& element, std::size_t index) {
         if (!isKnownFormat(format)) {
-            element.warn("[readConfig] unknown serializer-format '{}' configured", format);
+            element.warn("readConfig", "unknown serializer-format '" + format + "' configured",
+                         "known are \"application/json\" and \"application/vnd.qelbin\"");
             return false;
         }
         KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", "serializer-formats", index, format.c_str());
@@ -22,7 +23,7 @@ bool readFormats(const ConfigNode& list, std::vector<std::string>& formats)
 
 bool failWithoutFormat(const ConfigNode& list)
 {
-    return list.fail(4, "no serializer-format configured", "[readConfig] no serializer-format configured");
+    return list.fail(4, "readConfig", "no serializer-format configured", "write a list such as [\"application/json\"]");
 }
 
 } // namespace
@@ -32,12 +33,12 @@ bool KesaConfig::readBackends(const ConfigNode& root)
     const ConfigNode backends = root["backends"];
     if (!backends.value().isArray()) {
         return backends.value().isDefined() &&
-               backends.fail(4, "backends is not array", "[readConfig] backends is not array");
+               backends.fail(4, "readConfig", "backends is not array", "write [\"comm\"]");
     }
     m_backends.clear();
     const bool failed = backends.readStrings([&](std::string& name, const ConfigNode& element, std::size_t index) {
         if (!isKnownBackend(name)) {
-            element.warn("[readConfig] unknown backend '{}' configured", name);
+            element.warn("readConfig", "unknown backend '" + name + "' configured", "known are \"comm\" and \"local\"");
             return false;
         }
         KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", "backends", index, name.c_str());
@@ -45,7 +46,7 @@ bool KesaConfig::readBackends(const ConfigNode& root)
         return false;
     });
     if (m_backends.empty()) {
-        return backends.fail(4, "no backend configured", "[readConfig] no backend configured");
+        return backends.fail(4, "readConfig", "no backend configured", "name \"comm\", or leave the key out");
     }
     return failed;
 }
@@ -54,47 +55,45 @@ bool KesaConfig::readSerializerFormats(const ConfigNode& root)
 {
     const ConfigNode rules = root["serializer-formats"];
     if (!rules.value().isDefined()) {
-        rules.warn("[readConfig] serializer-formats is undefined. Falling back to defaults");
+        rules.warn("readConfig", "serializer-formats is undefined. Falling back to defaults");
         return false;
     }
     if (rules.value().isDictionary()) {
         return readFormatRules(rules);
     }
     if (!rules.value().isArray()) {
-        return rules.fail(4, "serializer-formats is neither array nor dictionary",
-                          "[readConfig] serializer-formats is neither array nor dictionary");
+        return rules.fail(4, "readConfig", "serializer-formats is neither array nor dictionary",
+                          "write a list of formats, or an object of such lists by service path");
     }
-    m_serializers.clear();
     std::vector<std::string> formats;
     const bool failed = readFormats(rules, formats);
     if (formats.empty()) {
         return failWithoutFormat(rules);
     }
-    m_serializers.emplace("*", std::move(formats));
+    m_serializers.insert_or_assign("*", std::move(formats));
     return failed;
 }
 
 bool KesaConfig::readFormatRules(const ConfigNode& rules)
 {
     m_serializers.clear();
-    bool failed = false;
-    for (const auto& [service, list] : rules.value()) {
-        const ConfigNode node = rules[service];
+    bool isBroken = false;
+    const bool failed = rules.readMembers([&](const std::string& service, const ConfigNode& list) {
         std::vector<std::string> formats;
         // A list that breaks off is kept as far as it went. The failure leaves every later list empty, and so ends
         // the loop at the next rule.
-        failed = failed || readFormats(node, formats);
+        isBroken = rules.endsWith(isBroken) || readFormats(list, formats) || isBroken;
         if (formats.empty()) {
-            failed = failWithoutFormat(node);
-            break;
+            return failWithoutFormat(list);
         }
         m_serializers.emplace(service, std::move(formats));
-    }
+        return false;
+    });
     if (m_serializers.count("*") == 0) {
-        rules.warn("[readConfig] no default rule for serializer-formats defined. Defining one");
+        rules.warn("readConfig", "no default rule for serializer-formats defined. Defining one");
         m_serializers.emplace("*", std::vector<std::string>{std::string(mimetypes::JSON)});
     }
-    return failed;
+    return failed || isBroken;
 }
 
 } // namespace kesa::runtime::v02

@@ -7,31 +7,24 @@
 namespace kesa::runtime::v02 {
 namespace {
 
-/// Answers whether the element is no absolute path.
-bool readBypassPath(const std::string& client, const ConfigNode& element, std::size_t index, std::string& path)
-{
-    if (element.value().get(path)) {
-        return element.fail(3, "invalid service path in bypass",
-                            "[readBypass] client='{}' value at index {} is not a string", client, index);
-    }
-    return !Path::isAbsolute(path) &&
-           element.fail(3, "service path not absolute",
-                        "[readBypass] client='{}' value at index {} is not an absolute path", client, index);
-}
-
 bool readBypassPaths(const std::string& client, const ConfigNode& list, std::vector<std::string>& paths)
 {
+    const std::string who = "client='" + client + "' ";
     if (!list.value().isArray()) {
-        return list.fail(3, "client not mapped to an array", "[readBypass] client='{}' value is not an array", client);
+        return list.fail(3, "readBypass", who + "value is not an array", {}, "client not mapped to an array");
     }
-    for (std::size_t i = 0; i < list.value().arraySize(); ++i) {
+    return list.readElements([&](const ConfigNode& element, std::size_t index) {
+        const std::string what = who + "value at index " + std::to_string(index);
         std::string path;
-        if (readBypassPath(client, list[i], i, path)) {
-            return true;
+        if (element.value().get(path)) {
+            return element.fail(3, "readBypass", what + " is not a string", {}, "invalid service path in bypass");
+        }
+        if (!Path::isAbsolute(path)) {
+            return element.fail(3, "readBypass", what + " is not an absolute path", {}, "service path not absolute");
         }
         paths.push_back(std::move(path));
-    }
-    return false;
+        return false;
+    });
 }
 
 void tracePaths(const std::string& client, const std::vector<std::string>& paths)
@@ -53,18 +46,18 @@ bool KesaConfig::readBypass(const ConfigNode& root)
 {
     const ConfigNode bypass = root["bypass"];
     if (!bypass.value().isDictionary()) {
-        return bypass.value().isDefined() &&
-               bypass.fail(4, "bypass is not a dictionary", "[readConfig] bypass is not a dictionary");
+        return bypass.value().isDefined() && bypass.fail(4, "readConfig", "bypass is not a dictionary",
+                                                         "write an object: lists of service paths by process name");
     }
-    for (const auto& [client, value] : bypass.value()) {
+    return bypass.readMembers([this](const std::string& client, const ConfigNode& list) {
         std::vector<std::string> paths;
-        if (readBypassPaths(client, bypass[client], paths)) {
+        if (readBypassPaths(client, list, paths)) {
             return true;
         }
         tracePaths(client, paths);
         m_bypass.emplace(client, std::move(paths));
-    }
-    return false;
+        return false;
+    });
 }
 
 } // namespace kesa::runtime::v02

@@ -8,18 +8,17 @@ bool KesaConfig::readNodeDomainMapping(const ConfigNode& root)
 {
     const ConfigNode mapping = root["node_domain_mapping"];
     if (!mapping.value().isDictionary()) {
-        return mapping.value().isDefined() && mapping.fail(4, "node_domain_mapping is not a dictionary",
-                                                           "[readConfig] node_domain_mapping is not a dictionary");
+        return mapping.value().isDefined() && mapping.fail(4, "readConfig", "node_domain_mapping is not a dictionary",
+                                                           "write an object: domains by node name");
     }
-    for (const auto& [node, value] : mapping.value()) {
+    return mapping.readMembers([this](const std::string& node, const ConfigNode& value) {
         std::string domain;
-        if (value.get(domain)) {
-            const std::string text = "readNodeDomainMapping dictionary value not string for node: " + node;
-            return mapping[node].fail(3, text, "[readConfig] {}", text);
+        if (value.value().get(domain)) {
+            return value.fail(3, "readConfig", "readNodeDomainMapping dictionary value not string for node: " + node);
         }
         m_nodeDomainMapping.emplace(node, std::move(domain));
-    }
-    return false;
+        return false;
+    });
 }
 
 } // namespace kesa::runtime::v02

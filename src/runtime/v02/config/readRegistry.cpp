@@ -20,7 +20,7 @@ bool KesaConfig::readUseLocalRegistry(const ConfigNode& root)
     const char* const key = "use_local_registry";
     const ConfigNode node = root[key];
     return readFlag(node, key, m_useLocalRegistry) &&
-           node.fail(3, "local registy not bool", "[readConfig] local registy not bool");
+           node.fail(3, "readConfig", "local registy not bool", "write true or false");
 }
 
 bool KesaConfig::readUseRegistry(const ConfigNode& root)
@@ -29,7 +29,7 @@ bool KesaConfig::readUseRegistry(const ConfigNode& root)
     const ConfigNode node = root[key];
     const bool failed = readFlag(node, key, m_useRemoteRegistry);
     KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", key, m_useRemoteRegistry ? 1 : 0);
-    return failed && node.fail(3, "(remote) registy not bool", "[readConfig] (remote) registy not bool");
+    return failed && node.fail(3, "readConfig", "(remote) registy not bool", "write true or false");
 }
 
 bool KesaConfig::readRegistryLocators(const ConfigNode& root)
@@ -39,9 +39,10 @@ bool KesaConfig::readRegistryLocators(const ConfigNode& root)
         return readRegistryLocator("*", locators);
     }
     // A bad partition must not take the registry away from the others: only the array form can fail.
-    for (const auto& [partition, value] : locators.value()) {
-        static_cast<void>(readRegistryLocator(partition, locators[partition].tolerated()));
-    }
+    static_cast<void>(locators.readMembers([this](const std::string& partition, const ConfigNode& value) {
+        static_cast<void>(readRegistryLocator(partition, value.tolerated()));
+        return false;
+    }));
     return false;
 }
 
@@ -51,13 +52,15 @@ bool KesaConfig::readRegistryLocator(const std::string& partition, const ConfigN
     KESA_TRACE(configChannel(), 2, "[readRegistryLocator] partition='%s'", partition.c_str());
     if (!value.value().isArray()) {
         return value.value().isDefined() &&
-               value.fail(4, "registry locators is not array", "[readRegistryLocator] registry locator is not array");
+               value.fail(4, "readRegistryLocator", "registry locator is not array",
+                          "write [ ... ] around the locators", "registry locators is not array");
     }
     std::vector<url> locators;
     const bool failed = value.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t index) {
         url locator(text);
         if (!locator.isValid()) {
-            return element.fail(3, "unknown registry locator", "[readRegistryLocator] unknown registry locator");
+            return element.fail(3, "readRegistryLocator", "unknown registry locator",
+                                "write a locator such as \"ipc://kesa-registryd/registry\"");
         }
         locators.push_back(std::move(locator));
         KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", partition.c_str(), index, text.c_str());

@@ -17,13 +17,18 @@ constexpr std::size_t MAX_PATH_SIZE = 4096;
 
 bool readServicePath(const ConfigNode& node, std::string& path)
 {
-    if (node.get(path)) {
+    std::string text;
+    if (node.get(text)) {
         return true;
     }
-    if (path.size() > MAX_PATH_SIZE) {
+    if (text.size() > MAX_PATH_SIZE) {
         return node.fail("service path longer than 4096 bytes");
     }
-    return !Path::isAbsolute(path) && node.fail("service path not absolute");
+    if (!Path::isAbsolute(text)) {
+        return node.fail("service path not absolute", "begin it with '/'");
+    }
+    path = std::move(text);
+    return false;
 }
 
 /// Versions are a list, of which the document can name one.
@@ -42,26 +47,30 @@ bool readVersion(const ConfigNode& node, std::vector<std::string>& versions)
 
 bool readType(const ConfigNode& node, std::string& text, ServiceDef::TypeEnum& type)
 {
-    return node.get(text) || (ServiceDef::valueToEnum(text, type) && node.fail("service type unknown"));
+    return node.get(text) ||
+           (ServiceDef::valueToEnum(text, type) &&
+            node.fail("service type unknown", "known are \"pex\", \"lomo\", \"gateway\" and \"registry\""));
 }
 
 bool readLocators(const ConfigNode& node, const std::string& path, std::vector<url>& locators)
 {
     if (!node.value().isArray()) {
-        return node.fail("locators is not array");
+        return node.fail("locators is not array", "write a list of locators such as [\"ipc://process\"]");
     }
     return node.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t) {
         url locator(text);
         // The path is appended to the text: behind a query or fragment it would become part of that.
         if (!locator.isAbsolute() || (locator.path().empty() && locator.hasQueryOrFragment())) {
-            return element.fail("service locator is not an url");
+            return element.fail("service locator is not an url",
+                                "write an absolute locator such as \"ipc://process/path\", without a query");
         }
-        if (locator.path().empty()) {
+        if (locator.path().empty() && !path.empty()) {
             locator.init(text + path);
             if (locator.path() != path) {
-                element.warn("[readConfig] '{}' leads nowhere: not every character of the path may stand in a locator; "
-                             "write the whole locator, with the path percent-encoded",
-                             locator.toString());
+                element.warn("readConfig",
+                             "'" + locator.toString() +
+                                 "' leads nowhere: not every character of the path may stand in a locator",
+                             "write the whole locator, with the path percent-encoded");
             }
         }
         locators.push_back(std::move(locator));
@@ -76,18 +85,17 @@ bool KesaConfig::readServices(const ConfigNode& root)
     const ConfigNode services = root["services"];
     if (!services.value().isArray()) {
         return services.value().isDefined() &&
-               services.fail(4, "services is not array", "[readConfig] services is not array");
+               services.fail(4, "readConfig", "services is not array", "write [ ... ] around the services");
     }
     m_services.clear();
-    bool failed = false;
-    for (std::size_t i = 0; i < services.value().arraySize() && !failed; ++i) {
-        failed = readService(services[i]);
-    }
-    return failed;
+    return services.readElements([this](const ConfigNode& entry, std::size_t) { return readService(entry); });
 }
 
 bool KesaConfig::readService(const ConfigNode& entry)
 {
+    if (entry.isNoDictionary()) {
+        return true;
+    }
     const ConfigNode dynamic = entry["is_dynamic"];
     if (dynamic.value().isDefined()) {
         bool isDynamic = false;
@@ -104,8 +112,10 @@ bool KesaConfig::readService(const ConfigNode& entry)
     std::string typeText;
     ServiceDef::TypeEnum type{};
     std::vector<url> locators;
-    if (readServicePath(entry["path"], path) || readVersion(entry["version"], versions) ||
-        readType(entry["type"], typeText, type) || readLocators(entry["locators"], path, locators)) {
+    if (entry.inTurn([&] { return readServicePath(entry["path"], path); },
+                     [&] { return readVersion(entry["version"], versions); },
+                     [&] { return readType(entry["type"], typeText, type); },
+                     [&] { return readLocators(entry["locators"], path, locators); })) {
         return true;
     }
     KESA_TRACE(configChannel(), 2, "[readConfig] service: path=%s, type=%s, loc#=%zu version='%s'", path.c_str(),

@@ -14,21 +14,21 @@ bool readUIntArray(const ConfigNode& proxy, const char* key, Codes& codes)
 {
     const ConfigNode list = proxy[key];
     if (!list.value().isArray()) {
-        return list.value().isDefined() && list.fail(4, "key is not array", "[readConfig] {} is not array", key);
+        return list.value().isDefined() &&
+               list.fail(4, "readConfig", std::string(key) + " is not array", {}, "key is not array");
     }
-    bool failed = false;
-    for (std::size_t i = 0; i < list.value().arraySize(); ++i) {
+    const bool failed = list.readElements([&](const ConfigNode& element, std::size_t index) {
         unsigned int code = 0;
-        failed = list[i].get(code);
-        if (failed) {
-            break;
+        if (element.get(code)) {
+            return true;
         }
         codes.push_back(code);
-        KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%d", key, i, static_cast<int>(code));
-    }
+        KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%d", key, index, static_cast<int>(code));
+        return false;
+    });
     if (codes.empty()) {
-        return list.fail(4, "key was configured but it is an empty array",
-                         "[readConfig] {} configured but it is an empty array", key);
+        return list.fail(4, "readConfig", std::string(key) + " configured but it is an empty array", {},
+                         "key was configured but it is an empty array");
     }
     return failed; // without a text of its own: the list broke off after a good beginning
 }
@@ -68,7 +68,7 @@ bool KesaConfig::readSmartProxy(const ConfigNode& root)
     if (!proxy.value().isDefined()) {
         return false;
     }
-    const bool failed = readTimeout(proxy) || readProxyLists(proxy);
+    const bool failed = proxy.inTurn([&] { return readTimeout(proxy); }, [&] { return readProxyLists(proxy); });
     removeForwardedErrors();
     return failed;
 }
@@ -81,7 +81,7 @@ bool KesaConfig::readTimeout(const ConfigNode& proxy)
     }
     int timeout = 0;
     if (node.value().get(timeout)) {
-        return node.fail(3, "timeout not int", "[readConfig] timeout not int");
+        return node.fail(3, "readConfig", "timeout not int", "write a whole number");
     }
     m_proxyConfig.m_timeout = timeout;
     KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", "timeout", timeout);
@@ -95,10 +95,10 @@ bool KesaConfig::readProxyLists(const ConfigNode& proxy)
     Codes forwardErrors;
     Codes subscribeList;
     Codes subscribeElement;
-    if (readUIntArray(proxy, "retryTimes", retryTimes) ||
-        readUIntArray(proxy, "mandatoryForwardErrors", forwardErrors) ||
-        readUIntArray(proxy, "mandatroyRetryErrorsSubscribeList", subscribeList) ||
-        readUIntArray(proxy, "mandatroyRetryErrorsSubscribeElement", subscribeElement)) {
+    if (proxy.inTurn([&] { return readUIntArray(proxy, "retryTimes", retryTimes); },
+                     [&] { return readUIntArray(proxy, "mandatoryForwardErrors", forwardErrors); },
+                     [&] { return readUIntArray(proxy, "mandatroyRetryErrorsSubscribeList", subscribeList); },
+                     [&] { return readUIntArray(proxy, "mandatroyRetryErrorsSubscribeElement", subscribeElement); })) {
         return true;
     }
     storeUnlessEmpty(std::move(retryTimes), m_proxyConfig.m_retryTimes);

@@ -1,146 +1,124 @@
 #include "reviewDocument.h"
 
-#include "addFurtherErrors.h"
+#include "ConfigNode.h"
 
 #include <kesa/Path.h>
 #include <kesa/url.h>
 
-#include <algorithm>
 #include <string_view>
 #include <unordered_set>
 
 namespace kesa::runtime::v02 {
 namespace {
 
-using util::config::Value;
 /// Of locators that are read as they are: those that no service can have.
-void reviewLocators(const Value& list, const std::string& path, bool mayLackPath, ConfigReport& report)
+void reviewLocators(const ConfigNode& list, bool mayLackPath)
 {
-    std::size_t index = 0;
     std::unordered_set<std::string_view> seen;
-    for (const Value& element : list.items()) {
-        const std::string place = path + "[" + std::to_string(index++) + "]";
-        const url locator{std::string(element.stringView())};
-        if (element.isString() && !seen.insert(element.stringView()).second) {
-            report.complaints.push_back({2, false, place, "stands more than once"});
+    for (std::size_t i = 0; i < list.size(); ++i) {
+        const ConfigNode element = list[i];
+        const std::string_view text = element.value().stringView();
+        const url locator{std::string(text)};
+        if (element.value().isString() && !seen.insert(text).second) {
+            element.complain(Severity::eHINT, "stands more than once");
             continue;
         }
         if (!locator.isValid() || (mayLackPath && locator.path().empty())) {
             continue; // the reader's to judge
         }
         if (locator.hasQueryOrFragment()) {
-            report.complaints.push_back(
-                {3, false, place, "leads nowhere: the locator of a service has no query and no fragment"});
+            element.complain(Severity::eWARNING,
+                             "leads nowhere: the locator of a service has no query and no fragment");
         } else if (!Path::isCanonical(locator.path())) {
-            report.complaints.push_back(
-                {3, false, place, "leads nowhere: '" + locator.path() + "' is no path of a service"});
+            element.complain(Severity::eWARNING, "leads nowhere: '" + locator.path() + "' is no path of a service");
         }
     }
 }
 
 /// A path that stands for a service.
-void reviewPath(const std::string& path, const std::string& place, ConfigReport& report)
+void reviewPath(const std::string& path, const ConfigNode& node)
 {
     if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
-        report.complaints.push_back({3, false, place, "'" + path + "' is no path of a service: nobody can reach it"});
+        node.complain(Severity::eWARNING, "'" + path + "' is no path of a service: nobody can reach it");
     }
 }
 
-void reviewServices(ConfigReport& report)
+void reviewServices(const ConfigNode& root)
 {
-    const Value& services = report.root["services"];
+    const ConfigNode services = root["services"];
     bool useRegistry = false;
-    static_cast<void>(report.root["use_registry"].get(useRegistry));
+    static_cast<void>(root.value()["use_registry"].get(useRegistry));
     std::unordered_set<std::string> paths;
-    std::size_t index = 0;
-    for (const Value& service : services.items()) {
-        const std::string place = report.path("services[") + std::to_string(index++) + "].";
-        const std::string path(service["path"].stringView());
-        reviewPath(path, place + "path", report);
+    for (std::size_t i = 0; i < services.size(); ++i) {
+        const ConfigNode service = services[i];
+        const ConfigNode locators = service["locators"];
+        const std::string path(service["path"].value().stringView());
+        reviewPath(path, service["path"]);
         if (!path.empty() && !paths.insert(path).second) {
-            report.complaints.push_back(
-                {3, false, place + "path", "'" + path + "' stands more than once; the first entry counts"});
+            service["path"].complain(Severity::eWARNING,
+                                     "'" + path + "' stands more than once; the first entry counts");
         }
-        reviewLocators(service["locators"], place + "locators", true, report);
+        reviewLocators(locators, true);
         bool isDynamic = false;
-        const bool isPassedOver = !service["is_dynamic"].get(isDynamic) && isDynamic;
-        if (!useRegistry && !isPassedOver && service["locators"].isArray() && service["locators"].items().empty()) {
-            report.complaints.push_back(
-                {3, false, place + "locators",
-                 "has no locator, so nobody can provide or reach the service; write one such as "
-                 "\"ipc://process\", or \"is_dynamic\": true"});
+        const bool isPassedOver = !service.value()["is_dynamic"].get(isDynamic) && isDynamic;
+        if (!useRegistry && !isPassedOver && locators.value().isArray() && locators.size() == 0) {
+            locators.complain(Severity::eWARNING, "has no locator, so nobody can provide or reach the service",
+                              "write one such as \"ipc://process\", or \"is_dynamic\": true");
         }
     }
     if (!paths.empty() && useRegistry) {
-        report.complaints.push_back(
-            {3, false, report.path("services"),
-             "have no effect together with \"use_registry\": true: the registry knows the services; remove them"});
+        services.complain(Severity::eWARNING,
+                          "have no effect together with \"use_registry\": true: the registry knows the services",
+                          "remove them");
     }
 }
 
-void reviewRegistryLocators(ConfigReport& report)
+void reviewRegistryLocators(const ConfigNode& locators)
 {
-    const Value& locators = report.root["service_registry_locators"];
-    const std::string place = report.path("service_registry_locators");
-    if (locators.isDefined() && !locators.isArray() && !locators.isDictionary()) {
-        report.complaints.push_back({3, false, place,
-                                     "is neither object nor list, and counts as none; write {\"*\": "
-                                     "[\"ipc://kesa-registryd/registry\"]}"});
+    if (locators.value().isDefined() && !locators.value().isArray() && !locators.value().isDictionary()) {
+        locators.complain(Severity::eWARNING, "is neither object nor list, and counts as none",
+                          "write {\"*\": [\"ipc://kesa-registryd/registry\"]}");
     }
-    reviewLocators(locators, place, false, report);
-    for (const auto& [partition, list] : locators) {
-        const std::string placeOfList = place + "." + std::string(ConfigReport::shortened(partition));
-        reviewLocators(list, placeOfList, false, report);
-        if (list.isArray() && list.items().empty()) {
-            report.complaints.push_back({3, false, placeOfList,
-                                         "has no locators, and counts as not there; name one such as "
-                                         "\"ipc://kesa-registryd/registry\", or leave it out"});
+    reviewLocators(locators, false);
+    for (const auto& [partition, value] : locators.value()) {
+        const ConfigNode list = locators[partition];
+        reviewLocators(list, false);
+        if (value.isArray() && value.arraySize() == 0) {
+            list.complain(Severity::eWARNING, "has no locators, and counts as not there",
+                          "name one such as \"ipc://kesa-registryd/registry\", or leave it out");
         }
     }
 }
 
-void reviewBackends(ConfigReport& report)
+void reviewBackends(const ConfigNode& backends)
 {
     std::unordered_set<std::string_view> names;
-    std::size_t index = 0;
-    for (const Value& name : report.root["backends"].items()) {
-        const std::string place = report.path("backends[") + std::to_string(index++) + "]";
+    for (std::size_t i = 0; i < backends.size(); ++i) {
+        const util::config::Value& name = backends.value()[i];
         if (name.isString() && !names.insert(name.stringView()).second) {
-            report.complaints.push_back({3, false, place,
-                                         "'" + std::string(name.stringView()) +
-                                             "' stands more than once; the second one would not get the name of the "
-                                             "process; remove it"});
+            backends[i].complain(Severity::eWARNING,
+                                 "'" + name.toText() +
+                                     "' stands more than once; the second one would not get the name of the process",
+                                 "remove it");
         }
     }
 }
 
 /// Paths that stand for services: keys of the formats, and what may be reached directly.
-void reviewPaths(ConfigReport& report)
+void reviewPaths(const ConfigNode& formats, const ConfigNode& bypass)
 {
-    for (const auto& [path, formats] : report.root["serializer-formats"]) {
-        const std::string place = report.path("serializer-formats.") + std::string(ConfigReport::shortened(path));
-        reviewPath(path, place, report);
+    for (const auto& [path, list] : formats.value()) {
+        reviewPath(path, formats[path]);
         if (path != "*" && !Path::isAbsolute(path)) {
-            report.complaints.push_back(
-                {3, false, place, "'" + path + "' is no path of a service; write \"*\" or begin it with '/'"});
+            formats[path].complain(Severity::eWARNING, "'" + path + "' is no path of a service",
+                                   "write \"*\" or begin it with '/'");
         }
     }
-    for (const auto& [client, paths] : report.root["bypass"]) {
-        const std::string place = report.path("bypass.") + std::string(ConfigReport::shortened(client)) + "[";
-        std::size_t index = 0;
-        for (const Value& path : paths.items()) {
-            reviewPath(std::string(path.stringView()), place + std::to_string(index++) + "]", report);
+    for (const auto& [client, value] : bypass.value()) {
+        const ConfigNode paths = bypass[client];
+        for (std::size_t i = 0; i < paths.size(); ++i) {
+            reviewPath(std::string(value[i].stringView()), paths[i]);
         }
-    }
-}
-
-void reviewSmartProxy(ConfigReport& report)
-{
-    const Value& proxy = report.root["smartProxy"];
-    if (proxy.isDefined() && !proxy.isDictionary()) {
-        report.complaints.push_back({3, false, report.path("smartProxy"),
-                                     "is no object, and counts as an empty one; write {\"timeout\": 3000} or leave it "
-                                     "out"});
     }
 }
 
@@ -148,15 +126,16 @@ void reviewSmartProxy(ConfigReport& report)
 
 void reviewDocument(ConfigReport& report)
 {
-    addFurtherErrors(report);
-    for (const std::string& path : report.duplicateKeys) {
-        report.complaints.push_back({3, false, path, "the key stands more than once; the last one counts"});
+    const ConfigNode root(report.root, report);
+    reviewServices(root);
+    reviewRegistryLocators(root["service_registry_locators"]);
+    reviewBackends(root["backends"]);
+    reviewPaths(root["serializer-formats"], root["bypass"]);
+    const ConfigNode proxy = root["smartProxy"];
+    if (proxy.value().isDefined() && !proxy.value().isDictionary()) {
+        proxy.complain(Severity::eWARNING, "is no object, and counts as an empty one",
+                       "write {\"timeout\": 3000} or leave it out");
     }
-    reviewServices(report);
-    reviewRegistryLocators(report);
-    reviewBackends(report);
-    reviewPaths(report);
-    reviewSmartProxy(report);
 }
 
 } // namespace kesa::runtime::v02

@@ -5,9 +5,8 @@
 
 namespace kesa::runtime::v02 {
 
-/// Adds to `report` the errors behind the first one, and what the reader takes without a word but hardly anybody means:
-/// keys, services and backends that stand twice, paths and locators that no service can have, and what has no effect
-/// (severity 3).
+/// Adds to `report` what the reader takes without a word but hardly anybody means: services and backends that stand
+/// twice, paths and locators that no service can have, and what has no effect.
 void reviewDocument(ConfigReport& report);
 
 } // namespace kesa::runtime::v02

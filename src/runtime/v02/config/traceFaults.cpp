@@ -1,8 +1,5 @@
 #include "traceFaults.h"
 
-#include "advice.h"
-#include "unknownKeys.h"
-
 #include <kesa/tracing.h>
 
 #include <fmt/format.h>
@@ -19,11 +16,11 @@ const Channel& channel()
     return instance;
 }
 
-/// The reader's own trace says all of the others: that a default counts, or what is wrong with a text of any length.
-bool needsPlace(const ConfigReport::Complaint& complaint)
+/// The reader's own trace says all of the others, such as that a default counts.
+bool needsPlace(const Complaint& complaint)
 {
-    return !complaint.path.empty() &&
-           (complaint.isFatal || !adviceFor(complaint.text).empty() || complaint.text.rfind(UNKNOWN_KEY, 0) == 0);
+    return !complaint.path.empty() && (complaint.severity == Severity::eERROR ||
+                                       (complaint.severity == Severity::eWARNING && !complaint.advice.empty()));
 }
 
 } // namespace
@@ -31,9 +28,10 @@ bool needsPlace(const ConfigReport::Complaint& complaint)
 void traceFaults(const ConfigReport& report, const std::string& source, bool hasFailed)
 {
     std::size_t count = 0;
-    for (const ConfigReport::Complaint& complaint : report.complaints) {
-        if (complaint.severity >= 3 && needsPlace(complaint) && ++count <= MOST_TRACED) {
-            KESA_TRACE_TEXT(channel(), complaint.severity, "[configuration] " + sentenceOf(complaint, source));
+    for (const Complaint& complaint : report.complaints) {
+        if (needsPlace(complaint) && ++count <= MOST_TRACED) {
+            KESA_TRACE_TEXT(channel(), static_cast<int>(complaint.severity),
+                            "[configuration] " + complaint.sentence(source));
         }
     }
     if (count > MOST_TRACED) {

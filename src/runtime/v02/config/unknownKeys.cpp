@@ -1,5 +1,7 @@
 #include "unknownKeys.h"
 
+#include "ConfigNode.h"
+
 #include <util/nearestName.h>
 
 #include <algorithm>
@@ -8,7 +10,6 @@
 namespace kesa::runtime::v02 {
 namespace {
 
-using util::config::Value;
 using Keys = std::vector<std::string_view>;
 
 /// "comm" belongs to the backend of that name.
@@ -40,33 +41,34 @@ const Keys& smartProxyKeys()
     return keys;
 }
 
-void addUnknown(const Value& object, const std::string& path, const Keys& known, ConfigReport& report)
+void addUnknown(const ConfigNode& object, const Keys& known)
 {
-    for (const auto& [key, value] : object) {
+    for (const auto& [key, value] : object.value()) {
         if (std::find(known.begin(), known.end(), key) != known.end()) {
             continue;
         }
-        const std::string name(ConfigReport::shortened(key));
         const std::string_view meant = util::nearestName(key, known);
-        std::string text(UNKNOWN_KEY);
-        text.append(" '").append(name).append("'");
-        if (!meant.empty()) {
-            text.append("; did you mean '").append(meant).append("'?");
+        std::string text = "ignored: unknown key '";
+        text.append(util::config::shortenedKey(key)).append("'");
+        if (meant.empty()) {
+            object[key].complain(Severity::eHINT, std::move(text));
+        } else {
+            object[key].complain(Severity::eWARNING, std::move(text),
+                                 std::string("did you mean '").append(meant).append("'?"));
         }
-        report.complaints.push_back({meant.empty() ? 2 : 3, false, path + name, text});
     }
 }
 
 } // namespace
 
-void addUnknownKeys(ConfigReport& report)
+void addUnknownKeys(const ConfigNode& root)
 {
-    addUnknown(report.root, report.path(""), rootKeys(), report);
-    std::size_t index = 0;
-    for (const Value& service : report.root["services"].items()) {
-        addUnknown(service, report.path("services[") + std::to_string(index++) + "].", serviceKeys(), report);
+    addUnknown(root, rootKeys());
+    const ConfigNode services = root["services"];
+    for (std::size_t i = 0; i < services.size(); ++i) {
+        addUnknown(services[i], serviceKeys());
     }
-    addUnknown(report.root["smartProxy"], report.path("smartProxy."), smartProxyKeys(), report);
+    addUnknown(root["smartProxy"], smartProxyKeys());
 }
 
 std::vector<std::string> documentKeys()

@@ -1,16 +1,16 @@
 #ifndef KESA_RUNTIME_V02_CONFIG_UNKNOWNKEYS_H
 #define KESA_RUNTIME_V02_CONFIG_UNKNOWNKEYS_H
 
-#include "ConfigReport.h"
+#include <string>
+#include <vector>
 
 namespace kesa::runtime::v02 {
 
-/// The beginning of each complaint of `addUnknownKeys`.
-inline constexpr const char* UNKNOWN_KEY = "ignored: unknown key";
+class ConfigNode;
 
-/// Adds the keys that mean nothing, but for those in "comm". One that is like a known one is probably a mistake
-/// (severity 3); others may be of other software that shares the document, or notes (2).
-void addUnknownKeys(ConfigReport& report);
+/// Complains of the keys that mean nothing, but for those in "comm". One that is like a known one is probably a
+/// mistake, a warning; others may be of other software that shares the document, or notes.
+void addUnknownKeys(const ConfigNode& root);
 
 /// Each key that means something, at its place in a document ("services[].type"); those in "comm" are its backend's.
 std::vector<std::string> documentKeys();

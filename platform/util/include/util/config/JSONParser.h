@@ -1,6 +1,7 @@
 #ifndef UTIL_CONFIG_JSONPARSER_H
 #define UTIL_CONFIG_JSONPARSER_H
 
+#include <util/config/Complaint.h>
 #include <util/config/Dictionary.h>
 
 #include <string>
@@ -22,11 +23,11 @@ public:
     /// Reads a text with any root.
     [[nodiscard]] bool parseString(std::string_view text, Value& out) const;
 
-    /// The paths of keys ("a.b[2].c") that stand more than once in one object of the text last read.
-    const std::vector<std::string>& duplicateKeys() const noexcept { return m_duplicateKeys; }
+    /// About the text last read: why it cannot be, else the keys that stand more than once in one object.
+    const std::vector<Complaint>& complaints() const noexcept { return m_complaints; }
 
 private:
-    mutable std::vector<std::string> m_duplicateKeys;
+    mutable std::vector<Complaint> m_complaints;
 };
 
 } // namespace util::config

@@ -1,6 +1,7 @@
 #ifndef UTIL_CONFIG_PROVIDER_H
 #define UTIL_CONFIG_PROVIDER_H
 
+#include <util/config/Complaint.h>
 #include <util/config/LoadStrategy.h>
 #include <util/config/Value.h>
 
@@ -31,14 +32,15 @@ public:
     static bool isConfigured(const std::string& name, const std::string& path);
     /// The folder in which the documents beside the configuration are looked for.
     static std::string folder(const std::string& name, const std::string& path);
-    const std::vector<std::string>& duplicateKeys() const noexcept { return m_duplicateKeys; }
+    /// Why there is no document or it cannot be read, else the keys that stand more than once in one object of it.
+    const std::vector<Complaint>& complaints() const noexcept { return m_complaints; }
 
 private:
     bool m_failed = false;
     Value m_first;
     Value m_second;
     std::string m_file;
-    std::vector<std::string> m_duplicateKeys;
+    std::vector<Complaint> m_complaints;
 };
 
 } // namespace util::config

@@ -92,18 +92,17 @@ std::string documentWith(const std::string& key, const std::string& text)
     return Value(root).toText();
 }
 
-/// As `kesactl check-config` words them, but for what it advises.
+/// As `kesactl check-config` words them.
 Strings complaintsOf(ConfigReport& report)
 {
     reviewDocument(report);
+    const std::vector<Complaint> ofBackend = commadapter::checkCommSettings(report.root["comm"]);
+    report.complaints.insert(report.complaints.end(), ofBackend.begin(), ofBackend.end());
     Strings complaints;
-    for (const auto& complaint : report.complaints) {
-        const int severity = complaint.isFatal ? 4 : complaint.severity;
-        complaints.push_back((severity == 4 ? "error: " : severity == 3 ? "warning: " : "hint: ") + complaint.text);
-    }
-    const std::string prefix = "\"comm\": ";
-    for (const std::string& text : commadapter::checkCommSettings(report.root["comm"])) {
-        complaints.push_back("warning: " + text.substr(text.rfind(prefix, 0) == 0 ? prefix.size() : 0));
+    for (const Complaint& complaint : report.complaints) {
+        const bool isError = complaint.severity == Severity::eERROR;
+        const bool isWarning = complaint.severity == Severity::eWARNING;
+        complaints.push_back((isError ? "error: " : isWarning ? "warning: " : "hint: ") + complaint.words());
     }
     return complaints;
 }

@@ -114,7 +114,7 @@ TEST(KesaConfig, SaysWhereTheFaultIsAndWhatToWrite)
     EXPECT_THAT(
         traces.take(),
         ElementsAre("4" + begin +
-                        "services[0].type: service type unknown: known are \"pex\", \"lomo\", "
+                        "services[0].type: service type unknown; known are \"pex\", \"lomo\", "
                         "\"gateway\" and \"registry\"",
                     "3" + begin + "use_regisrty: ignored: unknown key 'use_regisrty'; did you mean 'use_registry'?",
                     "4" + begin +

@@ -1,0 +1,48 @@
+#include <util/config/Complaint.h>
+
+namespace util::config {
+
+std::string toText(const DocumentPath& path)
+{
+    std::string text;
+    for (const auto& step : path) {
+        if (const auto* const index = std::get_if<std::size_t>(&step)) {
+            text.append("[").append(std::to_string(*index)).append("]");
+        } else {
+            text.append(text.empty() ? "" : ".").append(std::get<std::string>(step));
+        }
+    }
+    return text;
+}
+
+DocumentPath Place::path() const
+{
+    if (parent == nullptr) {
+        return {};
+    }
+    DocumentPath path = parent->path();
+    if (isElement) {
+        path.emplace_back(index);
+    } else {
+        path.emplace_back(std::string(shortenedKey(key)));
+    }
+    return path;
+}
+
+std::string Complaint::words() const
+{
+    return advice.empty() ? text : text + "; " + advice;
+}
+
+std::string Complaint::sentence(const std::string& source) const
+{
+    std::string sentence = source;
+    if (line > 0) {
+        sentence.append(source.empty() ? "" : ":").append(std::to_string(line) + ":" + std::to_string(column));
+    }
+    sentence.append(sentence.empty() ? "" : ": ");
+    sentence.append(toText(path)).append(path.empty() ? "" : ": ");
+    return sentence.append(words());
+}
+
+} // namespace util::config
