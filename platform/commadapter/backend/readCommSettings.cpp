@@ -43,13 +43,6 @@ public:
         complain(fmt::format("\"{}\" is {}", m_key, m_value.toText()), std::move(advice));
     }
 
-    void readString(std::string& out) const
-    {
-        if (m_value.get(out)) {
-            refuse("write a string");
-        }
-    }
-
     template <class T>
     void readNumber(std::uint64_t least, std::uint64_t most, T& out) const
     {
@@ -133,7 +126,11 @@ constexpr std::array MEMBERS = {
     Member{"run_dir", readRunDir},
     Member{"socket_mode", readSocketMode},
     Member{"socket_group",
-           [](const Setting& setting, CommSettings& settings) { setting.readString(settings.socketGroup); }},
+           [](const Setting& setting, CommSettings& settings) {
+               if (setting.value().get(settings.socketGroup)) {
+                   setting.refuse("write a string");
+               }
+           }},
     Member{"routes", readRoutes},
     Member{"max_message_bytes",
            [](const Setting& setting, CommSettings& settings) {

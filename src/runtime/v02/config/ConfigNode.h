@@ -43,7 +43,7 @@ public:
     [[nodiscard]] bool isNoDictionary() const { return !m_value->isDictionary() && failType("must be an object"); }
 
     /// Whether that is the end of reading.
-    bool endsWith(bool failed) const noexcept { return failed && !m_isSearched; }
+    bool endsWith(bool failed) const noexcept { return failed && (!m_isSearched || m_report->isFull()); }
     /// Takes the steps one after the other, the first failure ends them. Answers whether any failed.
     template <class... Step>
     [[nodiscard]] bool inTurn(Step&&... steps) const

@@ -16,6 +16,8 @@ using Severity = Complaint::Severity;
 /// How the reading of a document went, for tools that explain it to a user.
 struct ConfigReport {
     std::vector<Complaint> complaints; ///< in the order of reading; an error is there when the configuration is invalid
+    /// Further errors are not searched for.
+    bool isFull() const noexcept { return complaints.size() >= 1000; }
 
     bool listsAll = true;                ///< errors, not only the first, with which the reading of a process ends
     bool isMissing = false;              ///< there is no document at all

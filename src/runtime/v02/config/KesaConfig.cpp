@@ -122,6 +122,9 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
     if (failed && report.listsAll) {
         report.complaints.clear(); // they are found again
         static_cast<void>(KesaConfig().readMembers(root.searched()));
+        if (report.isFull()) {
+            root.complain(Severity::eHINT, "there may be more errors", "correct these first");
+        }
     }
     addUnknownKeys(root);
     return failed;

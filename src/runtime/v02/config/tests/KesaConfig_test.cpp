@@ -2,6 +2,7 @@
 // ConfigurationPage_test.cpp has a complaint of each key; what a review of the whole document finds, the sessions of
 // kesactl check-config show (every_error, leads_nowhere).
 #include <kesa/toGeneric.h>
+#include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <tracing/CapturingSink.h>
 
@@ -106,6 +107,19 @@ TEST(KesaConfig, ToleratesBadPartitionsAndUnknownNames)
 }
 
 // The fixed texts say what; these say where, and what to write. Keys that are like none may be anybody's.
+TEST(KesaConfig, EndsTheSearchForErrorsWhenNobodyWouldReadThemAll)
+{
+    const TraceCapture traces("KESA_RUNTIME_CONFIG", 3);
+    std::string list = "1";
+    for (int i = 1; i < 2000; ++i) {
+        list += ",1";
+    }
+    ConfigReport report;
+    EXPECT_FALSE(KesaConfig("process", R"({"backends": [)" + list + "]}", &report).m_valid);
+    EXPECT_EQ(report.complaints.size(), 1002U);
+    EXPECT_EQ(report.complaints.back().sentence(""), "there may be more errors; correct these first");
+}
+
 TEST(KesaConfig, SaysWhereTheFaultIsAndWhatToWrite)
 {
     const TraceCapture traces("KESA_UTIL_CONFIG", 3);
