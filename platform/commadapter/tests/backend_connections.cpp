@@ -296,22 +296,6 @@ TEST_F(BackendPeers, WhoAnswersInTimeLives)
     EXPECT_EQ(client->connections(), 1U);
 }
 
-TEST_F(BackendPeers, WhoIsSilentIsDisconnectedBeforeTheAnswer)
-{
-    client->request(retrieve("/stream"));
-    scheduler->pauseGroup(2);
-    ask(3 * comm::SECOND);
-    ask();
-    EXPECT_GE(timeToAnswers(1), comm::SECOND);
-    EXPECT_THAT(answers, ElementsAre(SILENT, SILENT)) << "what it wrote before does not count";
-    ask();
-    settle();
-    EXPECT_THAT(answers, SizeIs(3)) << "it is known";
-    scheduler->continueGroup(2);
-    runFor(1000);
-    EXPECT_EQ(client->connections(), 2U);
-}
-
 TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
 {
     faults.draw = [](std::uint64_t bound) { return bound - 1; };

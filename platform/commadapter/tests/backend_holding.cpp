@@ -59,19 +59,6 @@ protected:
             outcomes.push_back(by.request(retrieve("/")));
         }
     }
-    /// The client stands still with `count` calls open, and the server has stopped reading.
-    void askAndStandStill(std::size_t count)
-    {
-        ask(*asker, count);
-        scheduler->pauseGroup(2);
-        settle();
-        EXPECT_THAT(answers.asked, ABOUT_A_QUEUE);
-    }
-    void goOn()
-    {
-        scheduler->continueGroup(2);
-        settle();
-    }
     std::size_t answered() const
     {
         return countOf(outcomes, [](const auto& outcome) { return outcome->isCompleted && !outcome->values.empty(); });
@@ -82,23 +69,6 @@ protected:
     std::unique_ptr<Client> asker;
     Outcomes outcomes; ///< of the calls
 };
-
-TEST_F(BackendHolding, StreamsAreJudgedByTheirOwnValuesOnly)
-{
-    begin();
-    const auto stream = client->request(persistent());
-    settle();
-    const auto handler = service.handlers().front();
-    askAndStandStill(200);
-    std::size_t sent = 0;
-    while (sent < 1000 && !handler->onNext(value(std::string(BODY, 'y')))) {
-        ++sent;
-    }
-    EXPECT_THAT(sent, ABOUT_A_QUEUE) << "the queue is full of answers, but not of values";
-    goOn();
-    EXPECT_EQ(stream->errorText, "too slow");
-    EXPECT_EQ(answered(), 200U);
-}
 
 TEST_F(BackendHolding, StreamsThatDoNotSayTheyLastAreBoundedTogether)
 {
@@ -121,7 +91,8 @@ TEST_F(BackendHolding, StreamsThatDoNotSayTheyLastAreBoundedTogether)
     handlers[STREAMS]->onCompleted();
     settle();
     EXPECT_EQ(service.cancels(), STREAMS);
-    goOn();
+    scheduler->continueGroup(2);
+    settle();
     EXPECT_EQ(outcomes.front()->errorText, "too slow");
     EXPECT_THAT(outcomes.front()->reason, HasSubstr("bytes wait for it, with the next "));
     EXPECT_EQ(answered(), 1U);
