@@ -119,8 +119,8 @@ struct Member {
     void (*read)(const Setting& setting, CommSettings& settings); ///< null: reserved
 };
 
-constexpr std::uint64_t LEAST_BYTES = 64U << 10U;
-constexpr std::uint64_t MOST_BYTES = 1U << 30U;
+constexpr std::uint64_t SMALLEST_LIMIT = 64U << 10U;
+constexpr std::uint64_t LARGEST_LIMIT = 1U << 30U;
 
 constexpr std::array MEMBERS = {
     Member{"run_dir", readRunDir},
@@ -134,11 +134,11 @@ constexpr std::array MEMBERS = {
     Member{"routes", readRoutes},
     Member{"max_message_bytes",
            [](const Setting& setting, CommSettings& settings) {
-               setting.readNumber(LEAST_BYTES, MOST_BYTES, settings.maxMessageBytes);
+               setting.readNumber(SMALLEST_LIMIT, LARGEST_LIMIT, settings.maxMessageBytes);
            }},
     Member{"send_queue_bytes",
            [](const Setting& setting, CommSettings& settings) {
-               setting.readNumber(LEAST_BYTES, MOST_BYTES, settings.sendQueueBytes);
+               setting.readNumber(SMALLEST_LIMIT, LARGEST_LIMIT, settings.sendQueueBytes);
            }},
     Member{"heartbeat_ms", readHeartbeat},
     Member{"listen", nullptr},

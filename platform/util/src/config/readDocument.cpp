@@ -55,7 +55,7 @@ bool isNoPlainFile(int descriptor, int openError)
     return false;
 }
 
-void refuse(std::vector<Complaint>& complaints, std::string text)
+void addError(std::vector<Complaint>& complaints, std::string text)
 {
     complaints.push_back({Complaint::Severity::eERROR, {}, std::move(text)});
 }
@@ -68,16 +68,16 @@ Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>
     // A pipe is opened without waiting for whoever writes into it, so that it can be refused.
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (isNoPlainFile(descriptor.get(), errno)) {
-        refuse(complaints, "is a directory, a pipe, a socket or a device; the configuration is a plain file");
+        addError(complaints, "is a directory, a pipe, a socket or a device; the configuration is a plain file");
         return Reading::eFAILED;
     }
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
         const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-        refuse(complaints, "cannot be read: " + std::system_category().message(errno));
+        addError(complaints, "cannot be read: " + std::system_category().message(errno));
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
     if (bytes.size() > LARGEST_DOCUMENT) {
-        refuse(complaints, "is larger than 16 MiB");
+        addError(complaints, "is larger than 16 MiB");
         return Reading::eFAILED;
     }
     return parseDocument(bytes, out, complaints) ? Reading::eFAILED : Reading::eREAD;
