@@ -37,6 +37,7 @@ namespace {
 using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::RunDirectory;
 using kesa::commadapter::transport::userName;
+using kesa::runtime::v02::Complaint;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::KesaRuntime;
@@ -78,6 +79,8 @@ Configuration addConfiguration(DoctorPage& page, const std::string& process)
     reviewDocument(report);
     const std::string runDirectory = reviewSettings(config, "", report).runDir;
     locateComplaints(report);
+    std::stable_sort(report.complaints.begin(), report.complaints.end(),
+                     [](const Complaint& a, const Complaint& b) { return a.severity > b.severity; });
     page.add("configuration",
              report.file.empty() ? "no file: the built-in document counts"
              : config.m_valid

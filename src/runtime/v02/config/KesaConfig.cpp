@@ -118,10 +118,10 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
         return root.fail(3, "readConfig", "config file contains no dictionary",
                          "the document must be an object: { ... }", "root is not dictionary");
     }
-    const bool failed = readMembers(root);
+    const bool failed = readKeys(root);
     if (failed && report.listsAll) {
         report.complaints.clear(); // they are found again
-        static_cast<void>(KesaConfig().readMembers(root.searched()));
+        static_cast<void>(KesaConfig().readKeys(root.searched()));
         if (report.isFull()) {
             root.complain(Severity::eHINT, "there may be more errors", "correct these first");
         }
@@ -130,7 +130,7 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
     return failed;
 }
 
-bool KesaConfig::readMembers(const ConfigNode& root)
+bool KesaConfig::readKeys(const ConfigNode& root)
 {
     // The formats come before the services: each service takes its list from them.
     return root.inTurn([&] { return readUseLocalRegistry(root); }, [&] { return readUseRegistry(root); },

@@ -62,7 +62,7 @@ private:
     [[nodiscard]] bool readConfig(const util::config::Value& root, ConfigReport& report);
     void endReading(bool failed, ConfigReport& report);
 
-    [[nodiscard]] bool readMembers(const ConfigNode& root);
+    [[nodiscard]] bool readKeys(const ConfigNode& root);
     // One step each, in this order; the first failure ends reading. What a step stored before it failed stays.
     [[nodiscard]] bool readUseLocalRegistry(const ConfigNode& root);
     [[nodiscard]] bool readUseRegistry(const ConfigNode& root);
