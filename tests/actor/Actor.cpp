@@ -124,14 +124,18 @@ void Actor::call(Words& words)
     const std::string what = word(words);
     const std::string resource = word(words);
     const std::string semantic = word(words);
+    const std::string milliseconds = word(words);
     const ClientApi client = m_clients.find(what);
     if (!client) {
         m_say("unconnected " + what);
         return;
     }
     Request request("retrieve", resource, Payload::createFromString("echo", mimetypes::TEXT));
-    if (!semantic.empty()) {
+    if (!semantic.empty() && semantic != "-") {
         headers::appendResponseSemantic(request, semantic);
+    }
+    if (!milliseconds.empty()) {
+        request.setHeader(headers::TIMEOUT, std::stoull(milliseconds));
     }
     m_say("issued " + stream);
     m_issued[stream] = {client, client->request(request, printer(m_streams, m_say, stream))};
@@ -254,7 +258,7 @@ const std::map<std::string, void (*)(Actor&, std::istream&)> Actor::Commands::AL
     {"drop", [](Actor& actor, Words& words) { actor.drop(words); }}, // what was resolved
     // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"follow", [](Actor& actor, Words& words) { actor.follow(words); }},
-    // STREAM WHAT RESOURCE [SEMANTIC]: issued, value, error, completed
+    // STREAM WHAT RESOURCE [SEMANTIC or - [TIME LIMIT IN MS]]: issued, value, error, completed
     {"call", [](Actor& actor, Words& words) { actor.call(words); }},
     {"cancel", [](Actor& actor, Words& words) { actor.cancel(words); }}, // STREAM
     {"feed", [](Actor& actor, Words& words) { actor.feed(words); }},     // BYTES: fed TAKEN REFUSED
