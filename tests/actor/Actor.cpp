@@ -274,7 +274,8 @@ const std::map<std::string, void (*)(Actor&, std::istream&)> Actor::Commands::AL
     {"beliefs", [](Actor& actor, Words&) { actor.m_say("beliefs " + actor.m_beliefs.json()); }},
     // COUNT BYTES: churned; /churn came and went so often, with as many bytes
     {"churn", [](Actor& actor, Words& words) { actor.churn(words); }},
-    {"dispose-all", [](Actor& actor, Words&) { actor.disposeAll(); }}, // disposed
+    {"say", [](Actor& actor, Words& words) { actor.m_say(word(words)); }}, // EVENT: EVENT
+    {"dispose-all", [](Actor& actor, Words&) { actor.disposeAll(); }},     // disposed
 };
 
 bool Actor::knows(const std::string& command)

@@ -5,6 +5,7 @@
 #include <csignal>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,11 @@ public:
         options.services = m_services.value_or(std::vector<std::string>());
         m_members[who] = who == REGISTRY ? &m_stage.launchRegistry(options) : &m_stage.launch(who, options);
     }
-    void kill(const std::string& who) override { of(who).kill(); }
+    void kill(const std::string& who) override
+    {
+        of(who).kill();
+        m_stopped.erase(who);
+    }
     void quit(const std::string& who) override
     {
         if (who == REGISTRY) {
@@ -41,8 +46,16 @@ public:
             throw Mistake(who + " ends with status " + std::to_string(status));
         }
     }
-    void stop(const std::string& who) override { of(who).stop(); }
-    void resume(const std::string& who) override { of(who).resume(); }
+    void stop(const std::string& who) override
+    {
+        of(who).stop();
+        m_stopped.insert(who);
+    }
+    void resume(const std::string& who) override
+    {
+        of(who).resume();
+        m_stopped.erase(who);
+    }
     void cut(const std::string&, const std::string&) override
     {
         throw Mistake("connections of real processes cannot be cut: add \"only-simulated: REASON\"");
@@ -51,7 +64,15 @@ public:
     {
         throw Mistake("loops of real processes cannot be left behind: add \"only-simulated: REASON\"");
     }
-    void tell(const std::string& who, const std::string& line) override { of(who).send(line); }
+    /// Returns when it has obeyed, so that the order of the steps is that of the commands.
+    void tell(const std::string& who, const std::string& line) override
+    {
+        of(who).send(line);
+        if (m_stopped.count(who) == 0) {
+            of(who).send("say obeyed");
+            of(who).expect("obeyed");
+        }
+    }
     std::optional<std::string> hears(const std::string& who, const std::string& beginning) override
     {
         try {
@@ -87,6 +108,7 @@ private:
     const std::optional<std::vector<std::string>> m_services;
     Stage m_stage;
     std::map<std::string, Process*> m_members;
+    std::set<std::string> m_stopped;
 };
 
 } // namespace

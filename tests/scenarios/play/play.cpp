@@ -93,7 +93,7 @@ private:
     {
         std::string text;
         for (const std::string& event : m_cast.told(who).events()) {
-            text += "    " + event + '\n';
+            text += event == "obeyed" ? "" : "    " + event + '\n';
         }
         return text;
     }
