@@ -1,7 +1,6 @@
-// Under the simulated scheduler; what is held is played by the test.
+// What is held is played by the test.
+#include <SimulatedTime.h>
 #include <ease/HoldWatch.h>
-
-#include <comm/SimulatedScheduler.h>
 #include <tracing/CapturingSink.h>
 
 namespace {
@@ -11,36 +10,27 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class HoldWatchTest : public testing::Test {
+class HoldWatch : public test::SimulatedTime, public testing::Test {
 protected:
-    HoldWatchTest() : before(comm::Scheduler::install(&scheduler)) { ::tracing::setSink(sink); }
-    ~HoldWatchTest() override
-    {
-        ::tracing::setSink(nullptr);
-        comm::Scheduler::install(before);
-    }
     std::vector<std::string> told(comm::TimeNs after)
     {
         scheduler.runFor(after);
-        return sink->take();
+        return traces.take();
     }
 
-    comm::SimulatedScheduler scheduler{1};
-    comm::Scheduler* const before;
-    const std::shared_ptr<::tracing::CapturingSink> sink = std::make_shared<::tracing::CapturingSink>("KESA_EASE");
+    const ::tracing::TraceCapture traces{"KESA_EASE"};
 };
 
-TEST_F(HoldWatchTest, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
+TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
 {
     comm::TimeNs since = 0;
     const auto hold = std::make_shared<comm::LoopHold>("executor", [&since] { return comm::now() - since; });
     detail::HoldWatch watch({std::make_shared<comm::LoopHold>("updater", [] { return 0; }), hold});
     EXPECT_TRUE(scheduler.runAll(100)) << "nobody is woken while nothing is called";
-
     const auto describe = [] { return std::string("the handler of '/a'"); };
     {
-        since = comm::now();
         const comm::LoopHold::Call call(*hold, describe);
+        since = comm::now();
         EXPECT_THAT(told(comm::SECOND), IsEmpty());
         EXPECT_THAT(
             told(60 * comm::SECOND),
@@ -48,8 +38,8 @@ TEST_F(HoldWatchTest, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEn
                                   "still does, so it hears of ")));
     }
     {
-        since = comm::now();
         const comm::LoopHold::Call another(*hold, describe);
+        since = comm::now();
         EXPECT_THAT(told(4 * comm::SECOND), ElementsAre(HasSubstr("the handler of '/a'")));
         watch.expectEnd();
         EXPECT_THAT(told(2 * comm::SECOND),
@@ -58,7 +48,7 @@ TEST_F(HoldWatchTest, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEn
         EXPECT_THAT(told(12 * comm::SECOND), ElementsAre(HasSubstr("held for 15 s")));
     }
     EXPECT_TRUE(scheduler.runAll(100));
-    EXPECT_THAT(sink->take(), IsEmpty());
+    EXPECT_THAT(traces.take(), IsEmpty());
 }
 
 } // namespace

@@ -1,28 +1,20 @@
-// Under the simulated scheduler, so that what is queued and what has run is in the test's hand.
+// What is queued on a loop and what has run there is in the test's hand.
 #include <NotingHandler.h>
+#include <SimulatedTime.h>
 #include <comm/ActiveObject.h>
-#include <comm/SimulatedScheduler.h>
 #include <comm/onAnyLoop.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/on.h>
-#include <kesa/reasonOf.h>
 
 namespace {
 
 using namespace kesa;
 using testing::ElementsAre;
 
-class On : public testing::Test {
+class On : public test::SimulatedTime, public testing::Test {
 protected:
-    On() : before(comm::Scheduler::install(&scheduler)), loop(std::make_shared<comm::ActiveObject>("own")) {}
-    ~On() override
-    {
-        loop.reset();
-        comm::Scheduler::install(before);
-    }
-
     std::unique_ptr<IResponseHandler<int>> moved()
     {
         std::unique_ptr<IResponseHandler<int>> noting =
@@ -32,11 +24,16 @@ protected:
             });
         return on(loop, std::move(noting));
     }
+    /// What has been noted so far, and then by the loop.
+    std::pair<test::Lines, test::Lines> takeBeforeAndAfter()
+    {
+        test::Lines before = std::exchange(log, {});
+        scheduler.runReady();
+        return {before, std::exchange(log, {})};
+    }
 
-    comm::SimulatedScheduler scheduler{1};
-    comm::Scheduler* before;
-    std::shared_ptr<comm::ActiveObject> loop;
-    std::vector<std::string> log;
+    std::shared_ptr<comm::ActiveObject> loop = std::make_shared<comm::ActiveObject>("own");
+    test::Lines log;
 };
 
 TEST_F(On, AHandlerHearsItsStreamToTheEndOrTheCancel)
@@ -46,21 +43,14 @@ TEST_F(On, AHandlerHearsItsStreamToTheEndOrTheCancel)
     EXPECT_FALSE(stream->onNext(2));
     stream->onCompleted();
     stream.reset();
-    EXPECT_TRUE(log.empty()) << "nothing runs inside the call";
-    scheduler.runReady();
-    EXPECT_THAT(log, ElementsAre("1", "2", "done", "~"));
-
-    log.clear();
+    EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre(), ElementsAre("1", "2", "done", "~")));
     stream = moved();
     stream->onNext(1);
     scheduler.runReady();
     stream->onNext(2);
     stream.reset();
-    EXPECT_THAT(log, ElementsAre("1")) << "its end is the loop's, too";
-    scheduler.runReady();
-    EXPECT_THAT(log, ElementsAre("1", "~"));
-
-    log.clear();
+    EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre("1"), ElementsAre("~")))
+        << "its end is the loop's, too";
     auto orphan = moved();
     loop.reset();
     EXPECT_TRUE(orphan->onNext(1)) << "without its loop it accepts nothing";
@@ -90,32 +80,27 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
         const RequestContext::Scope scope(&context, 70);
         return api->request(Request("retrieve", "/"), test::noteTexts(log));
     };
-
-    void* const early = ask();
-    api->cancel(early);
-    scheduler.runReady();
-    EXPECT_THAT(std::exchange(log, {}), ElementsAre("~")) << "cancelled before it began";
+    api->cancel(ask());
+    EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre("~"), ElementsAre())) << "before it began";
 
     void* const late = ask();
     scheduler.runReady();
-    EXPECT_THAT(log, ElementsAre("asker"));
     api->cancel(late);
     EXPECT_TRUE(kept->next(Payload())) << "nothing reaches the client, though the service does not know yet";
-    scheduler.runReady();
+    EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre("asker", "~"), ElementsAre()));
     EXPECT_TRUE(kept->isCancelled());
 
-    log.clear();
     ask();
     scheduler.runReady();
     api.reset();
-    EXPECT_THAT(log, ElementsAre("asker", testing::StartsWith("503"), "~"));
-    scheduler.runReady();
+    EXPECT_THAT(takeBeforeAndAfter(),
+                testing::Pair(ElementsAre("asker", testing::StartsWith("503"), "~"), ElementsAre()));
     EXPECT_EQ(service.use_count(), 1);
 }
 
 TEST_F(On, WhatThrowsIsNamedBeforeTheProcessEnds)
 {
-    class Throwing : public IKesaApi {
+    struct Throwing : IKesaApi {
         void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override { throw 7; }
         void cancel(void*) override {}
     };
@@ -126,8 +111,8 @@ TEST_F(On, WhatThrowsIsNamedBeforeTheProcessEnds)
     };
     EXPECT_DEATH(ask(), "the request 'retrieve /volume' of a service given to kesa::on has thrown, which ends this "
                         "process: an exception that is no std::exception");
+    const auto throwing = on(loop, handler<int>([](const int&) { throw std::runtime_error("disk full"); }));
     const auto tell = [&] {
-        const auto throwing = on(loop, handler<int>([](const int&) { throw std::runtime_error("disk full"); }));
         throwing->onNext(1);
         scheduler.runReady();
     };
@@ -138,16 +123,13 @@ TEST_F(On, WhatThrowsIsNamedBeforeTheProcessEnds)
 TEST_F(On, AServiceWithoutItsLoopAnswers503)
 {
     const auto api = on(loop, std::shared_ptr<IKesaApi>(std::make_shared<ResourceHandler>()));
+    const auto ask = [&] { api->request(Request("retrieve", "/"), test::noteTexts(log)); };
     loop->stop();
-    const auto ask = [&] {
-        api->request(Request("retrieve", "/"),
-                     handler<Response>([](const Response&) {}, [&](const Response& e) { log.push_back(reasonOf(e)); }));
-    };
     ask();
     loop.reset();
     ask();
     const std::string ended = "503: the loop given to kesa::on has ended";
-    EXPECT_THAT(log, ElementsAre(ended, ended));
+    EXPECT_THAT(log, ElementsAre(ended, "~", ended, "~"));
 }
 
 } // namespace
