@@ -2,6 +2,7 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/provide.h>
 #include <kesa/ease/use.h>
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/CapturingSink.h>
@@ -15,6 +16,7 @@
 namespace {
 
 using namespace kesa;
+using namespace std::chrono_literals;
 using runtime::v02::KesaRuntime;
 using testing::HasSubstr;
 using testing::StartsWith;
@@ -56,7 +58,7 @@ TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
         EXPECT_TRUE(isBlocked(SIGINT) && isBlocked(SIGTERM) && !isBlocked(SIGPIPE));
         ::kill(::getpid(), SIGTERM);
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
-        EXPECT_EQ(runtime.runUntilSignal(std::chrono::hours(1), [] { FAIL() << "it was told already"; }), SIGTERM);
+        EXPECT_EQ(runtime.runUntilSignal(1h, [] { FAIL() << "it was told already"; }), SIGTERM);
         ::kill(::getpid(), SIGTERM); // as timeout(1) does; let through it would end the test
         EXPECT_TRUE(KesaRuntime::isRunning());
     }
@@ -74,19 +76,25 @@ TEST_F(RuntimeTest, ASignalEndsWhatWaitsUntilItIsTold)
         isAsked.set_value();
     });
     std::string underWay;
-    std::thread waiting([&] { underWay = get(silent, Request("retrieve", "/"), std::chrono::hours(1)).error; });
+    std::thread waiting([&] { underWay = get(silent, Request("retrieve", "/"), 1h).error; });
     isAsked.get_future().wait();
+    while (use("/x")->reason().find("no process listens") == std::string::npos) { // it may not have looked yet
+        std::this_thread::yield();
+    }
     ::kill(::getpid(), SIGINT);
-    const ConnectResult connecting = connect("/x", std::chrono::hours(1));
-    EXPECT_THAT(connecting.error, StartsWith("interrupted by SIGINT: nobody is known to provide '/x': the registry"));
+    const std::string why = ": nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
+                            "connected: no process listens as \"kesa-registryd\" in \"" +
+                            directory + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
+    const ConnectResult connecting = connect("/x", 1h);
+    EXPECT_EQ(connecting.error, "interrupted by SIGINT" + why);
     EXPECT_EQ(connecting.status, 0);
     waiting.join();
     EXPECT_EQ(underWay, "interrupted by SIGINT");
     EXPECT_TRUE(kept.front().isCancelled());
-    EXPECT_EQ(get(silent, Request("retrieve", "/"), std::chrono::hours(1)).error, underWay);
+    EXPECT_EQ(get(silent, Request("retrieve", "/"), 1h).error, underWay);
     EXPECT_EQ(kept.size(), 1U) << "not sent";
     EXPECT_EQ(runtime.runUntilSignal(), SIGINT);
-    EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("504: not connected within 0 ms"));
+    EXPECT_EQ(connect("/x", 0s).error, "504: not connected within 0 ms" + why);
 }
 
 TEST_F(RuntimeTest, ASecondSignalEndsTheProcess)
@@ -114,7 +122,7 @@ TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItself)
         ::kill(::getpid(), SIGINT);
         int signal = 0;
         EXPECT_EQ(sigwait(&own, &signal), 0);
-        EXPECT_THAT(connect("/x", std::chrono::seconds(0)).error, StartsWith("504: not connected within 0 ms"));
+        EXPECT_THAT(connect("/x", 0s).error, StartsWith("504: not connected within 0 ms"));
         std::thread([] { ::kill(::getpid(), SIGTERM); }).join();
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
     }
@@ -143,8 +151,7 @@ TEST_F(RuntimeTest, WorksUntilASignal)
 {
     Runtime runtime = startOrExit("greeter", ALONE);
     const ::tracing::TraceCapture traces("KESA_EASE");
-    EXPECT_THROW(runtime.runUntilSignal(std::chrono::hours(1), [] { throw std::runtime_error("no sensor"); }),
-                 std::runtime_error);
+    EXPECT_THROW(runtime.runUntilSignal(1h, [] { throw std::runtime_error("no sensor"); }), std::runtime_error);
     EXPECT_THAT(traces.take(), testing::ElementsAre(HasSubstr("[runUntilSignal] its work has thrown, which ends this "
                                                               "process unless the caller catches it: no sensor")));
     int calls = 0;
@@ -155,49 +162,42 @@ TEST_F(RuntimeTest, WorksUntilASignal)
     };
     std::string why;
     const auto before = obr::GlobalErrorHandler::setHandler([&why](const auto& error) { why = error.message; });
-    EXPECT_EQ(runtime.runUntilSignal(std::chrono::seconds(0), work), 0);
+    EXPECT_EQ(runtime.runUntilSignal(0s, work), 0);
     obr::GlobalErrorHandler::setHandler(before);
     EXPECT_THAT(why, HasSubstr("give a period of more than nothing"));
-    EXPECT_EQ(runtime.runUntilSignal(std::chrono::nanoseconds(1), work), SIGINT);
+    EXPECT_EQ(runtime.runUntilSignal(1ns, work), SIGINT);
     EXPECT_EQ(calls, 3);
     runtime.end();
-    EXPECT_EQ(runtime.runUntilSignal(std::chrono::hours(1), work), 0);
+    EXPECT_EQ(runtime.runUntilSignal(1h, work), 0);
     EXPECT_EQ(calls, 3);
 }
 
-TEST_F(RuntimeTest, CallsNothingAfterItsEnd)
+TEST_F(RuntimeTest, NothingIsCalledAndAllIsRefusedAfterItsEnd)
 {
     Runtime runtime("greeter", ALONE);
     std::promise<void> provided;
     auto mark = std::make_shared<int>();
     static_cast<void>(runtime->registerService(
         "/greeter", std::make_shared<ResourceHandler>(), serviceregistry::ServiceDef::TypeEnum::pex, {"1.0.0"},
-        GenericObject{}, handler<serviceregistry::ServiceDef>([&provided, mark](const serviceregistry::ServiceDef&) {
-            provided.set_value();
-        })));
+        GenericObject{},
+        handler<serviceregistry::ServiceDef>([&provided, mark](const auto&) { provided.set_value(); })));
     provided.get_future().wait();
     runtime.end();
     runtime.end();
     EXPECT_EQ(mark.use_count(), 1);
     EXPECT_FALSE(runtime);
     EXPECT_EQ(runtime.runUntilSignal(), 0);
-    EXPECT_TRUE(Runtime("again", ALONE)) << "one after the other";
-}
 
-TEST_F(RuntimeTest, SaysWhereItLooksForTheRegistryThatIsNotThere)
-{
-    Runtime runtime("visitor");
-    const auto client = use("/x");
-    while (client->reason().find("no process listens") == std::string::npos) { // it may not have looked yet
-        std::this_thread::yield();
-    }
-    const std::string why = "nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
-                            "connected: no process listens as \"kesa-registryd\" in \"" +
-                            directory + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
-    EXPECT_EQ(client->reason(), why);
-    EXPECT_EQ(connect("/x", std::chrono::seconds(0)).error, "504: not connected within 0 ms: " + why);
-    runtime.end();
-    EXPECT_THAT(client->reason(), HasSubstr("the runtime has ended"));
+    const std::string none = "this process has no runtime; make a kesa::Runtime first in main, and let it end last";
+    EXPECT_EQ(use("/p")->reason(), none);
+    EXPECT_EQ(connect("/p", 1h).error, "503: " + none);
+    EXPECT_EQ(get("/p", Request("retrieve", "/"), 1h).error, "503: " + none);
+    std::string refusal;
+    const auto refused = provide("/p", std::make_shared<ResourceHandler>(), {},
+                                 [&refusal](const Response& e) { refusal = Response::getErrorMessageWithCode(e); });
+    EXPECT_EQ(refusal, "503: " + none);
+    refused->whenKnown([] {});
+    EXPECT_TRUE(Runtime("again", ALONE)) << "one after the other";
 }
 
 TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
@@ -207,24 +207,20 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
     const char* const why = "'greeter' did not start: its configuration names no backend";
     const auto before = obr::GlobalErrorHandler::setHandler([](const auto&) {}); // it would end the process
     EXPECT_EXIT(static_cast<void>(startOrExit("greeter", unreachable)), testing::ExitedWithCode(1), why);
-    {
-        Runtime without("greeter", unreachable);
-        obr::GlobalErrorHandler::setHandler(before);
-        EXPECT_FALSE(without || KesaRuntime::isRunning());
-        EXPECT_THAT(without.error(), HasSubstr(why));
-        EXPECT_EQ(without.runUntilSignal(), 0);
-        EXPECT_EQ(Runtime("\xFF", ALONE).error(),
-                  R"(the runtime did not start: "\xFF" cannot be the name of this process: )"
-                  "a name is UTF-8, and this one is not");
-    }
+    const auto errorOf = [](const char* name, const char* document) {
+        Runtime refused(name, document);
+        EXPECT_FALSE(refused);
+        EXPECT_EQ(refused.runUntilSignal(), 0);
+        return refused.error();
+    };
+    EXPECT_THAT(errorOf("greeter", unreachable), HasSubstr(why));
+    obr::GlobalErrorHandler::setHandler(before);
+    EXPECT_THAT(errorOf("\xFF", ALONE), StartsWith(R"(the runtime did not start: "\xFF" cannot be the name of this)"));
+    EXPECT_FALSE(KesaRuntime::isRunning());
     const Runtime first("first", ALONE);
-    EXPECT_TRUE(first && first.error().empty());
-    {
-        const Runtime second("second", ALONE);
-        EXPECT_EQ(second.error(),
-                  "the runtime 'second' did not start: this process has one already; use that, or end it before");
-    }
-    EXPECT_TRUE(first && KesaRuntime::isRunning());
+    EXPECT_EQ(errorOf("second", ALONE),
+              "the runtime 'second' did not start: this process has one already; use that, or end it before");
+    EXPECT_TRUE(first && first.error().empty() && KesaRuntime::isRunning());
 }
 
 } // namespace

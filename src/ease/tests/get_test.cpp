@@ -4,6 +4,7 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/on.h>
+#include <kesa/ease/use.h>
 #include <kesa/headers.h>
 
 #include <chrono>
@@ -15,6 +16,7 @@ namespace {
 
 using namespace kesa;
 using namespace std::chrono_literals;
+using testing::StartsWith;
 
 template <class Timeout>
 concept IsTimeout = requires(IKesaApi& api, Timeout timeout)
@@ -28,6 +30,18 @@ Payload text(std::string_view value)
 {
     return Payload::createFromString(std::string(value), "plain/text");
 }
+
+/// Drops what it is asked.
+struct Asked final : IKesaApi {
+    void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
+    {
+        limit = request.getHeaders()[headers::TIMEOUT];
+        handler.reset();
+        return this;
+    }
+    void cancel(void*) override {}
+    util::config::Value limit;
+};
 
 class Get : public testing::Test {
 protected:
@@ -54,45 +68,33 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
     EXPECT_EQ(ask("/one").response->getPayload().text(), "1");
     EXPECT_EQ(ask("/stream").response->getPayload().text(), "first");
     EXPECT_TRUE(kept->isCancelled());
-    const GetResult missing = ask("/none");
-    EXPECT_TRUE(!missing && missing.status == 404);
-    const GetResult relative = ask("one");
-    EXPECT_EQ(relative.error,
-              "400: 'one' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end");
-    EXPECT_EQ(relative.status, 400);
     const GetResult empty = ask("/empty");
     EXPECT_TRUE(empty && empty.response->getStatus() == 200 && empty.response->getPayload().isEmpty());
     EXPECT_EQ(empty.error, "");
-    struct : IKesaApi {
-        void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&& handler) override
-        {
-            handler.reset();
-            return this;
-        }
-        void cancel(void*) override {}
-    } dropping;
-    EXPECT_EQ(get(dropping, Request("update", "/x"), 1s).error, "'update /x' was dropped without an answer");
-    const GetResult late = ask("/silent");
-    EXPECT_EQ(late.error, "504: no answer within 50 ms");
-    EXPECT_EQ(late.status, 504);
+    const struct {
+        const char* path;
+        unsigned short status;
+        const char* error;
+    } failures[] = {
+        {"/none", 404, "404: no resource at '/none'; did you mean '/one'?"},
+        {"one", 400, "400: 'one' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end"},
+        {"/silent", 504, "504: no answer within 50 ms"}};
+    for (const auto& [path, status, error] : failures) {
+        const GetResult result = ask(path);
+        EXPECT_EQ(result.error, error);
+        EXPECT_TRUE(!result && result.status == status);
+    }
     EXPECT_TRUE(kept->isCancelled());
+    Asked dropping; // without an answer
+    EXPECT_EQ(get(dropping, Request("update", "/x"), 1s).error, "'update /x' was dropped without an answer");
 }
 
 TEST_F(Get, TellsTheServiceHowLongItWaits)
 {
-    struct : IKesaApi {
-        void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
-        {
-            limit = request.getHeaders()[headers::TIMEOUT];
-            handler->onCompleted();
-            return nullptr;
-        }
-        void cancel(void*) override {}
-        util::config::Value limit;
-    } noting;
-    const auto limitOf = [&noting](auto timeout) {
-        EXPECT_TRUE(get(noting, Request(), timeout));
-        return noting.limit;
+    Asked asked;
+    const auto limitOf = [&asked](auto timeout) {
+        EXPECT_FALSE(get(asked, Request(), timeout));
+        return asked.limit;
     };
     EXPECT_EQ(limitOf(2s), 2000);
     EXPECT_EQ(limitOf(1500us), 2) << "rounded up: what is not over has a limit left";
@@ -116,14 +118,18 @@ TEST_F(Get, RefusesWhereItWouldKeepTheAnswerFromComing)
     comm::ActiveObject updater("KesaRuntimeImpl.m_updater");
     comm::ActiveObject own("application");
     const auto reactor = comm::Scheduler::current().makeReactor("kesa-io");
-    std::string onUpdater, onOwn;
-    comm::runAndWait(updater, [&] { onUpdater = ask("/one").error; });
-    comm::runAndWait(own, [&] { onOwn = ask("/one").error; });
+    std::vector<std::string> errors;
+    comm::runAndWait(updater, [&] {
+        errors = {ask("/one").error, get("/p", Request(), 1s).error, connect("/p", 1s).error};
+    });
     std::promise<std::string> onReactor;
     reactor->post([&] { onReactor.set_value(ask("/one").error); });
-    EXPECT_THAT(onReactor.get_future().get(), testing::HasSubstr("'kesa-io'"));
-    EXPECT_THAT(onUpdater, testing::HasSubstr("'KesaRuntimeImpl.m_updater'"));
-    EXPECT_EQ(onOwn, "");
+    errors.push_back(onReactor.get_future().get());
+    comm::runAndWait(own, [&] { errors.push_back(ask("/one").error); });
+    const std::string refused = " can not wait on 'KesaRuntimeImpl.m_updater', which delivers answers; ";
+    EXPECT_THAT(errors, testing::ElementsAre(StartsWith("kesa::get" + refused), StartsWith("kesa::get" + refused),
+                                             StartsWith("kesa::connect" + refused),
+                                             StartsWith("kesa::get can not wait on 'kesa-io'"), ""));
     reactor->stop();
 }
 
