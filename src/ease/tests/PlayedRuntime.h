@@ -1,6 +1,7 @@
 #ifndef KESA_EASE_TESTS_PLAYEDRUNTIME_H
 #define KESA_EASE_TESTS_PLAYEDRUNTIME_H
 
+#include <NotingHandler.h>
 #include <PlayedService.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>
 
@@ -17,34 +18,23 @@ using Api = std::shared_ptr<IKesaApi>;
 
 /// Does what the test says a registry and the connections do, in any order, and writes down what it was asked.
 class PlayedRuntime final : public runtime::v02::IKesaRuntime {
+    template <class T>
+    using Handler = std::unique_ptr<IResponseHandler<T>>;
+    using Update = ResourceUpdate<ServiceDef>;
+    template <class T>
+    using Result = runtime::v02::ResolveResult<T>;
+
 public:
     Disposable registerService(const std::string& path, Api, ServiceDef::TypeEnum, const GenericObject&,
-                               std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) override
+                               Handler<ServiceDef>&& handler) override
     {
         log.push_back("register " + path);
         registrator = std::move(handler);
         return Disposable([this, path] { log.push_back("unregister " + path); });
     }
-    Disposable registerService(const std::string& path, Api api, ServiceDef::TypeEnum type,
-                               const std::vector<std::string>& versions, const GenericObject& metainfo,
-                               std::unique_ptr<IResponseHandler<ServiceDef>>&& handler) override
-    {
-        registered = std::move(api);
-        registrator = std::move(handler);
-        log.push_back("register " + path + ' ' + *ServiceDef::enumToValue(type) + ' ' + versions.front() + ' ' +
-                      util::config::Value(metainfo).toText());
-        return Disposable([this, path] { log.push_back("unregister " + path); });
-    }
-    Disposable trackService(const std::string& path, bool,
-                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
-    {
-        return trackService(path, std::move(handler));
-    }
-    Disposable trackService(const std::string& path,
-                            std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&& handler) override
+    Disposable trackService(const std::string& path, Handler<Update>&& handler) override
     {
         log.push_back("track " + path);
-        tracking = handler.get();
         trackings.push_back(std::move(handler));
         if (registryAtOnce && path == "/registry") {
             added("ipc://kesa-registryd/registry");
@@ -52,38 +42,13 @@ public:
         }
         return Disposable([this] { log.push_back("untrack"); });
     }
-    Disposable trackServices(const Query&, std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>&&) override
-    {
-        return {};
-    }
-    Disposable resolveService(const url& locator, std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
-    {
-        return resolveService(record(locator.toString()), std::move(handler));
-    }
-    Disposable resolveService(const ServiceDef& record,
-                              std::unique_ptr<IResponseHandler<optional<Api>>>&& handler) override
+    Disposable resolveService(const ServiceDef& record, Handler<optional<Api>>&& handler) override
     {
         const std::string locator = record.locators.front().toString();
         log.push_back("resolve " + locator);
         before = std::exchange(resolving, std::move(handler));
         return Disposable([this, locator] { log.push_back("release " + locator); });
     }
-    Disposable trackAndResolveService(
-        const std::string& path,
-        std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>>&& handler) override
-    {
-        log.push_back("track and resolve " + path);
-        trackingAndResolving = std::move(handler);
-        return Disposable([this] { log.push_back("untrack"); });
-    }
-    Disposable
-    trackAndResolveServices(const Query&,
-                            std::unique_ptr<IResponseHandler<runtime::v02::ResolveResult<optional<Api>>>>&&) override
-    {
-        return {};
-    }
-
-    runtime::v02::KesaConfigAccessor getConfigAccessor() const override { return {}; }
     std::shared_ptr<const runtime::v02::IReasons> reasons() const override { return played; }
 
     static ServiceDef record(const std::string& locator)
@@ -92,8 +57,11 @@ public:
         made.locators = {url(locator)};
         return made;
     }
-    void added(const std::string& locator) { update(ResourceUpdateType::eADDED, locator); }
-    void removed() { update(ResourceUpdateType::eREMOVED, "ipc://p/p"); }
+    void added(const std::string& locator) const
+    {
+        trackings.back()->onNext({ResourceUpdateType::eADDED, record(locator)});
+    }
+    void removed() const { trackings.back()->onNext({ResourceUpdateType::eREMOVED, record("ipc://p/p")}); }
     void connected(const Api& api) const { resolving->onNext(api); }
     void lost() const { resolving->onNext(optional<Api>()); }
     void end()
@@ -101,7 +69,7 @@ public:
         trackings.clear();
         resolving.reset();
     }
-    std::vector<std::string> take() { return std::exchange(log, {}); }
+    Lines take() { return std::exchange(log, {}); }
 
     struct Reasons final : runtime::v02::IReasons {
         std::string whyUnknown(const std::string& path) const override { return "why " + path; }
@@ -117,20 +85,24 @@ public:
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     Api registryAtOnce; ///< connected inside the call that tracks it
-    std::vector<std::string> log;
-    std::unique_ptr<IResponseHandler<ServiceDef>> registrator;
-    Api registered; ///< with versions
-    std::vector<std::unique_ptr<IResponseHandler<ResourceUpdate<ServiceDef>>>> trackings;
-    IResponseHandler<ResourceUpdate<ServiceDef>>* tracking = nullptr; ///< the last one
-    std::unique_ptr<IResponseHandler<optional<Api>>> resolving;
-    std::unique_ptr<IResponseHandler<optional<Api>>> before; ///< of the resolving that has been released
-    std::unique_ptr<IResponseHandler<optional<runtime::v02::ResolveResult<Api>>>> trackingAndResolving;
+    Lines log;
+    Handler<ServiceDef> registrator;
+    std::vector<Handler<Update>> trackings;
+    Handler<optional<Api>> resolving;
+    Handler<optional<Api>> before; ///< of the resolving that has been released
 
-private:
-    void update(ResourceUpdateType type, const std::string& locator) const
+private: // what no client needs
+    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const std::vector<std::string>&,
+                               const GenericObject&, Handler<ServiceDef>&&) override
     {
-        tracking->onNext({type, record(locator)});
+        return {};
     }
+    Disposable trackService(const std::string&, bool, Handler<Update>&&) override { return {}; }
+    Disposable trackServices(const Query&, Handler<Update>&&) override { return {}; }
+    Disposable resolveService(const url&, Handler<optional<Api>>&&) override { return {}; }
+    Disposable trackAndResolveService(const std::string&, Handler<optional<Result<Api>>>&&) override { return {}; }
+    Disposable trackAndResolveServices(const Query&, Handler<Result<optional<Api>>>&&) override { return {}; }
+    runtime::v02::KesaConfigAccessor getConfigAccessor() const override { return {}; }
 };
 
 } // namespace kesa::test
