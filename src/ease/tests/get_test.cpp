@@ -91,26 +91,27 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
 
 TEST_F(Get, TellsTheServiceHowLongItWaits)
 {
-    Asked asked;
-    const auto limitOf = [&asked](auto timeout) {
-        EXPECT_FALSE(get(asked, Request(), timeout));
-        return asked.limit;
-    };
-    EXPECT_EQ(limitOf(2s), 2000);
-    EXPECT_EQ(limitOf(1500us), 2) << "rounded up: what is not over has a limit left";
-    EXPECT_EQ(limitOf(0s), 0);
-    EXPECT_EQ(limitOf(-1h), 0);
     constexpr std::int64_t FOR_EVER = INT64_MAX / comm::MILLISECOND + 1;
     using Seconds = std::chrono::duration<double>;
-    EXPECT_EQ(limitOf(std::chrono::nanoseconds::max()), FOR_EVER);
-    EXPECT_EQ(limitOf(std::chrono::microseconds::max()), FOR_EVER);
-    EXPECT_EQ(limitOf(std::chrono::hours::max()), FOR_EVER);
-    EXPECT_EQ(limitOf(std::chrono::hours::min()), 0);
-    EXPECT_EQ(limitOf(std::chrono::duration<std::uint8_t>(255)), 255'000);
-    EXPECT_EQ(limitOf(Seconds(1.5)), 1500);
-    EXPECT_EQ(limitOf(Seconds(1e300)), FOR_EVER);
-    EXPECT_EQ(limitOf(Seconds(-std::numeric_limits<double>::infinity())), 0);
-    EXPECT_EQ(limitOf(Seconds(std::nan(""))), 0);
+    const struct {
+        Duration timeout;
+        std::int64_t limit;
+    } cases[] = {{2s, 2000},
+                 {1500us, 2}, // rounded up: what is not over has a limit left
+                 {0s, 0},
+                 {std::chrono::hours::min(), 0},
+                 {std::chrono::hours::max(), FOR_EVER},
+                 {std::chrono::nanoseconds::max(), FOR_EVER},
+                 {std::chrono::duration<std::uint8_t>(255), 255'000},
+                 {Seconds(1.5), 1500},
+                 {Seconds(1e300), FOR_EVER},
+                 {Seconds(-std::numeric_limits<double>::infinity()), 0},
+                 {Seconds(std::nan("")), 0}};
+    for (const auto& [timeout, limit] : cases) {
+        Asked asked;
+        EXPECT_FALSE(get(asked, Request(), timeout));
+        EXPECT_EQ(asked.limit, limit);
+    }
 }
 
 TEST_F(Get, RefusesWhereItWouldKeepTheAnswerFromComing)

@@ -239,6 +239,7 @@ TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
 
     endsAfter(0);
     runtime.lost();
+    scheduler.runFor(2 * comm::SECOND); // nobody is there to be asked
     runtime.connected(service);
     const std::size_t asked = service->requests.size();
     scheduler.runFor(2 * comm::SECOND);
