@@ -3,9 +3,9 @@
 
 #include "Beliefs.h"
 #include "Clients.h"
-#include "Service.h"
 #include "Streams.h"
 #include "Used.h"
+#include "actor/Service.h"
 
 #include <kesa/Disposable.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>

@@ -3,8 +3,8 @@
 
 #include "CheckedBackend.h"
 #include "Observers.h"
-#include "Service.h"
 #include "actor/Actor.h"
+#include "sim/Service.h"
 
 #include <backend/CommBackend.h>
 #include <kesa/Disposable.h>

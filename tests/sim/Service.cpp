@@ -1,4 +1,4 @@
-#include "Service.h"
+#include "sim/Service.h"
 
 #include <kesa/Request.h>
 #include <kesa/RequestContext.h>

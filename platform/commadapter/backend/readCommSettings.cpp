@@ -175,8 +175,8 @@ CommSettings readCommSettings(const Value& comm, Complaints& complaints)
     }
     for (const auto& [key, value] : comm) {
         const Setting setting(key, value, complaints);
-        const auto* const known =
-            std::find_if(MEMBERS.begin(), MEMBERS.end(), [&key](const Member& member) { return member.key == key; });
+        const auto* const known = std::find_if(MEMBERS.begin(), MEMBERS.end(),
+                                               [&key = key](const Member& member) { return member.key == key; });
         if (known == MEMBERS.end()) {
             complainOfUnknown(key, setting);
         } else if (known->read == nullptr) {

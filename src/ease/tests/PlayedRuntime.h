@@ -32,6 +32,16 @@ public:
         registrator = std::move(handler);
         return Disposable([this, path] { log.push_back("unregister " + path); });
     }
+    Disposable registerService(const std::string& path, Api api, ServiceDef::TypeEnum type,
+                               const std::vector<std::string>& versions, const GenericObject& metainfo,
+                               Handler<ServiceDef>&& handler) override
+    {
+        registered = std::move(api);
+        registrator = std::move(handler);
+        log.push_back("register " + path + ' ' + *ServiceDef::enumToValue(type) + ' ' + versions.front() + ' ' +
+                      util::config::Value(metainfo).toText());
+        return Disposable([this, path] { log.push_back("unregister " + path); });
+    }
     Disposable trackService(const std::string& path, Handler<Update>&& handler) override
     {
         log.push_back("track " + path);
@@ -48,6 +58,16 @@ public:
         log.push_back("resolve " + locator);
         before = std::exchange(resolving, std::move(handler));
         return Disposable([this, locator] { log.push_back("release " + locator); });
+    }
+    Disposable resolveService(const url& locator, Handler<optional<Api>>&& handler) override
+    {
+        return resolveService(record(locator.toString()), std::move(handler));
+    }
+    Disposable trackAndResolveService(const std::string& path, Handler<optional<Result<Api>>>&& handler) override
+    {
+        log.push_back("track and resolve " + path);
+        trackingAndResolving = std::move(handler);
+        return Disposable([this] { log.push_back("untrack"); });
     }
     std::shared_ptr<const runtime::v02::IReasons> reasons() const override { return played; }
 
@@ -86,21 +106,16 @@ public:
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     Api registryAtOnce; ///< connected inside the call that tracks it
     Lines log;
+    Api registered;
     Handler<ServiceDef> registrator;
+    Handler<optional<Result<Api>>> trackingAndResolving;
     std::vector<Handler<Update>> trackings;
     Handler<optional<Api>> resolving;
     Handler<optional<Api>> before; ///< of the resolving that has been released
 
 private: // what no client needs
-    Disposable registerService(const std::string&, Api, ServiceDef::TypeEnum, const std::vector<std::string>&,
-                               const GenericObject&, Handler<ServiceDef>&&) override
-    {
-        return {};
-    }
     Disposable trackService(const std::string&, bool, Handler<Update>&&) override { return {}; }
     Disposable trackServices(const Query&, Handler<Update>&&) override { return {}; }
-    Disposable resolveService(const url&, Handler<optional<Api>>&&) override { return {}; }
-    Disposable trackAndResolveService(const std::string&, Handler<optional<Result<Api>>>&&) override { return {}; }
     Disposable trackAndResolveServices(const Query&, Handler<Result<optional<Api>>>&&) override { return {}; }
     runtime::v02::KesaConfigAccessor getConfigAccessor() const override { return {}; }
 };

@@ -25,7 +25,6 @@ using namespace kesa::test;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::StartsWith;
 
 const std::string NOBODY = "nobody is known to provide '/p': why /p";
 const std::string MORE = "; 'kesactl why /p' says more";

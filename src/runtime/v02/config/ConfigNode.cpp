@@ -64,7 +64,7 @@ bool ConfigNode::fail(int severity, std::string_view operation, const std::strin
     return record(error.empty() ? text : error);
 }
 
-bool ConfigNode::fail(std::string text, std::string advice) const
+bool ConfigNode::fail(const std::string& text, std::string advice) const
 {
     complain(failure(), text, std::move(advice));
     return record(text);

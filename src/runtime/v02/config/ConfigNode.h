@@ -94,7 +94,7 @@ public:
     bool fail(int severity, std::string_view operation, const std::string& text, std::string advice = {},
               std::string_view error = {}) const;
     /// Records the text without a trace. Answers `true`.
-    bool fail(std::string text, std::string advice = {}) const;
+    bool fail(const std::string& text, std::string advice = {}) const;
 
 private:
     void trace(int severity, std::string_view operation, const std::string& text) const;
