@@ -1,57 +1,8 @@
 #include <util/cbor.h>
-#include <util/utf8.h>
 
 #include <cmath>
 
 namespace util::cbor {
-
-bool Reader::readArgument(Item& item) noexcept
-{
-    const unsigned info = item.info;
-    if (info < 24) {
-        item.argument = info;
-        return false;
-    }
-    if (info == 31) {
-        item.isIndefinite = true;
-        return (item.major < Major::eBYTES || item.major > Major::eMAP) && fail("indefinite length of a wrong item");
-    }
-    if (info > 27) {
-        return fail("reserved item");
-    }
-    const std::size_t bytes = std::size_t{1} << (info - 24);
-    if (static_cast<std::size_t>(m_end - m_at) < bytes) {
-        return fail("it ends inside a value");
-    }
-    for (std::size_t i = 0; i < bytes; ++i) {
-        item.argument = item.argument << 8U | *m_at++;
-    }
-    return false;
-}
-
-bool Reader::longItem(Item& item) noexcept
-{
-    do {
-        if (m_at == m_end) {
-            return fail("it ends inside a value");
-        }
-        const unsigned first = *m_at++;
-        item = Item();
-        item.major = static_cast<Major>(first >> 5U);
-        item.info = first & 31U;
-        if (readArgument(item)) {
-            return true;
-        }
-        // false, true, null and the floats; nothing else has a value here.
-        if (item.major == Major::eSIMPLE && item.info < 25 && (item.info < 20 || item.info > 22)) {
-            return fail("unknown simple value");
-        }
-    } while (item.major == Major::eTAG);
-    if (item.major == Major::eNEGATIVE && item.argument > INT64_MAX) {
-        return fail("integer out of range");
-    }
-    return false;
-}
 
 double Reader::real(const Item& item) noexcept
 {
@@ -74,22 +25,6 @@ double Reader::real(const Item& item) noexcept
                         : fraction > 0   ? std::nan("")
                                          : HUGE_VAL;
     return (bits & 0x8000U) == 0 ? size : -size;
-}
-
-bool Reader::string(const Item& item, std::string_view& content) noexcept
-{
-    if (item.isIndefinite) {
-        return fail("indefinite length of a wrong item");
-    }
-    if (item.argument > static_cast<std::size_t>(m_end - m_at)) {
-        return fail("it ends inside a value");
-    }
-    content = {reinterpret_cast<const char*>(m_at), static_cast<std::size_t>(item.argument)};
-    if (item.major == Major::eTEXT && !util::isUtf8(content)) {
-        return fail("text is not UTF-8");
-    }
-    m_at += content.size();
-    return false;
 }
 
 bool Reader::skip(unsigned depth) noexcept

@@ -2,6 +2,7 @@
 #define UTIL_CBOR_H
 
 #include <obr/api.h>
+#include <util/utf8.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -103,7 +104,21 @@ public:
     /// A number with a fraction, of any width, which `item` is.
     static double real(const Item& item) noexcept;
     /// The characters or bytes of a string item, which has a definite length; text is UTF-8.
-    [[nodiscard]] bool string(const Item& item, std::string_view& content) noexcept;
+    [[nodiscard]] bool string(const Item& item, std::string_view& content) noexcept
+    {
+        if (item.isIndefinite) {
+            return fail("indefinite length of a wrong item");
+        }
+        if (item.argument > static_cast<std::size_t>(m_end - m_at)) {
+            return fail("it ends inside a value");
+        }
+        content = {reinterpret_cast<const char*>(m_at), static_cast<std::size_t>(item.argument)};
+        if (item.major == Major::eTEXT && !isUtf8(content)) {
+            return fail("text is not UTF-8");
+        }
+        m_at += content.size();
+        return false;
+    }
     /// The next item as a whole, whatever it is, of which keys are text. It nests at most `depth` deep.
     [[nodiscard]] bool skip(unsigned depth) noexcept;
     /// Whether the end of an indefinite container comes next; then it is consumed.
@@ -136,6 +151,54 @@ private:
     const unsigned char* m_end;
     const char* m_why = "";
 };
+
+inline bool Reader::readArgument(Item& item) noexcept
+{
+    const unsigned info = item.info;
+    if (info < 24) {
+        item.argument = info;
+        return false;
+    }
+    if (info == 31) {
+        item.isIndefinite = true;
+        return (item.major < Major::eBYTES || item.major > Major::eMAP) && fail("indefinite length of a wrong item");
+    }
+    if (info > 27) {
+        return fail("reserved item");
+    }
+    const std::size_t bytes = std::size_t{1} << (info - 24);
+    if (static_cast<std::size_t>(m_end - m_at) < bytes) {
+        return fail("it ends inside a value");
+    }
+    for (std::size_t i = 0; i < bytes; ++i) {
+        item.argument = item.argument << 8U | *m_at++;
+    }
+    return false;
+}
+
+inline bool Reader::longItem(Item& item) noexcept
+{
+    do {
+        if (m_at == m_end) {
+            return fail("it ends inside a value");
+        }
+        const unsigned first = *m_at++;
+        item = Item();
+        item.major = static_cast<Major>(first >> 5U);
+        item.info = first & 31U;
+        if (readArgument(item)) {
+            return true;
+        }
+        // false, true, null and the floats; nothing else has a value here.
+        if (item.major == Major::eSIMPLE && item.info < 25 && (item.info < 20 || item.info > 22)) {
+            return fail("unknown simple value");
+        }
+    } while (item.major == Major::eTAG);
+    if (item.major == Major::eNEGATIVE && item.argument > INT64_MAX) {
+        return fail("integer out of range");
+    }
+    return false;
+}
 
 } // namespace util::cbor
 
