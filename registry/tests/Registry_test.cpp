@@ -50,7 +50,7 @@ TEST_F(RegistryTest, AnswersAndTellsInOneOrder)
     EXPECT_THAT(told(), ElementsAre("r2: registered /a"));
     // The end of what was taken over changes nothing, whenever it comes.
     m_registry->cancelRequest(first);
-    EXPECT_THAT(told(), ElementsAre("r1: gone"));
+    EXPECT_THAT(told(), ElementsAre("r1: ~"));
 
     // A changed record: gone for everybody before it is there again for anybody.
     void* const third = registerService(provider, "r3", service("/a", "ipc://p/other"));
@@ -58,9 +58,9 @@ TEST_F(RegistryTest, AnswersAndTellsInOneOrder)
                 ElementsAre("r3: registered /a", "one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]",
                             "one: +/a", "late: +/a", "all: [+/a]", "below: [+/a]", "lists: [+/a]"));
     m_registry->cancelRequest(second);
-    EXPECT_THAT(told(), ElementsAre("r2: gone"));
+    EXPECT_THAT(told(), ElementsAre("r2: ~"));
     m_registry->cancelRequest(third);
-    EXPECT_THAT(told(), ElementsAre("one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]", "r3: gone"));
+    EXPECT_THAT(told(), ElementsAre("one: -/a", "late: -/a", "all: [-/a]", "below: [-/a]", "lists: [-/a]", "r3: ~"));
     for (void* const handle : {third, static_cast<void*>(nullptr), reinterpret_cast<void*>(99)}) {
         m_registry->cancelRequest(handle);
     }
@@ -69,14 +69,12 @@ TEST_F(RegistryTest, AnswersAndTellsInOneOrder)
 
 TEST_F(RegistryTest, ThisProcessNeedsNoProof)
 {
-    std::unique_ptr<IResponseHandler<ServiceDef>> handler =
-        std::make_unique<NotingHandler<ServiceDef>>(m_lines, "own", nullptr);
-    m_registry->registerService(std::move(handler), Path("/a"), service("/a"));
+    m_registry->registerService(noting<ServiceDef>(m_lines, "own"), Path("/a"), service("/a"));
     Process other("other");
     other.context.instance = obr::UUID(); // no peer is this process, whatever it says
     registerService(other, "c", service("/a"));
     EXPECT_THAT(told(),
-                ElementsAre("own: registered /a", HasSubstr("c: 409: service already registered: held by"), "c: gone"));
+                ElementsAre("own: registered /a", HasSubstr("c: 409: service already registered: held by"), "c: ~"));
 }
 
 /// "what provider [reason]" of each event, where it is whole.
@@ -215,7 +213,7 @@ TEST_F(RegistryTest, FirstAnswersWaitForTheirPeer)
     m_registry->cancelRequest(handles[COUNT - 1]);
     registerService(provider, "r", service("/s/0"));
     registerService(provider, "r", service("/s/99999"));
-    EXPECT_THAT(told(), ElementsAre("r: gone", "r: gone", "r: registered /s/0", "r: registered /s/99999"));
+    EXPECT_THAT(told(), ElementsAre("r: ~", "r: ~", "r: registered /s/0", "r: registered /s/99999"));
     EXPECT_FALSE(isComplete);
     slow.peer->drain();
     EXPECT_EQ(told().front(), "q: [-/s/10000+/s/0]");
@@ -318,7 +316,7 @@ TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
         EXPECT_EQ(handle, IKesaApi::UNDEFINED_REQUEST_HANDLE);
     }
     const Lines lines = told();
-    ASSERT_EQ(lines.size(), 14U); // each with its "gone"
+    ASSERT_EQ(lines.size(), 14U); // each with its end
     for (const std::size_t index : {0U, 2U}) {
         EXPECT_THAT(lines[index], testing::AllOf(HasSubstr(": 400: the "), HasSubstr("the limit is 32768")));
     }
@@ -328,10 +326,8 @@ TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
     EXPECT_THAT(lines[10], HasSubstr("400: '/' is no canonical"));
     EXPECT_THAT(lines[12], HasSubstr("400: '/' is no canonical"));
 
-    std::unique_ptr<IResponseHandler<ServiceDef>> handler =
-        std::make_unique<NotingHandler<ServiceDef>>(m_lines, "other", nullptr);
-    m_registry->registerService(std::move(handler), Path("/b"), service("/a"));
-    EXPECT_THAT(told(), ElementsAre("other: 400: path of the record differs from the request path"));
+    m_registry->registerService(noting<ServiceDef>(m_lines, "other"), Path("/b"), service("/a"));
+    EXPECT_THAT(told(), ElementsAre("other: 400: path of the record differs from the request path", "other: ~"));
 }
 
 TEST_F(RegistryTest, LimitsQueriesOfAConnection)
@@ -347,7 +343,7 @@ TEST_F(RegistryTest, LimitsQueriesOfAConnection)
     EXPECT_EQ(query(process, "over", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
     query(other, "other", Query("/q"));
     EXPECT_THAT(told(),
-                ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: gone", "other: []"));
+                ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: ~", "other: []"));
     m_registry->cancelRequest(last);
     EXPECT_NE(query(process, "again", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
 }
@@ -363,14 +359,10 @@ TEST_F(RegistryTest, SaysNothingOnceACancelHasReturned)
             const auto lines = std::make_shared<Lines>(); // a call after the cancel would race with the look at it
             const std::string path = "/a/" + std::to_string(round % 3);
             void* const handle =
-                isProvider
-                    ? m_registry->registerService(std::make_unique<NotingHandler<ServiceDef>>(lines, "r", nullptr),
-                                                  Path(path), service(path))
-                    : m_registry->queryRegistry(
-                          std::make_unique<NotingHandler<std::vector<RegistryUpdate>>>(lines, "q", nullptr),
-                          Query("/a/*"));
+                isProvider ? m_registry->registerService(noting<ServiceDef>(lines, "r"), Path(path), service(path))
+                           : m_registry->queryRegistry(noting<std::vector<RegistryUpdate>>(lines, "q"), Query("/a/*"));
             m_registry->cancelRequest(handle);
-            EXPECT_EQ(lines->back().substr(3), "gone");
+            EXPECT_EQ(lines->back().substr(3), "~");
         }
     };
     std::vector<std::thread> threads;
@@ -398,7 +390,7 @@ TEST_F(RegistryTest, HandlersMayCallBackAndDieWithNoLockHeld)
     track(watcher, "t", "/b");
     told();
     registerService(provider, "outer", service("/a"));
-    EXPECT_THAT(told(), ElementsAre("outer: registered /a", "q: [+/a]", "inner: registered /b", "t: +/b", "q: gone"));
+    EXPECT_THAT(told(), ElementsAre("outer: registered /a", "q: [+/a]", "inner: registered /b", "t: +/b", "q: ~"));
 }
 
 } // namespace

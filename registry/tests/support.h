@@ -3,6 +3,7 @@
 
 #include "store/Record.h"
 
+#include <NotingHandler.h>
 #include <kesa/IPeer.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/RequestContext.h>
@@ -21,7 +22,7 @@
 
 namespace kesa::registry::test {
 
-using Lines = std::vector<std::string>;
+using kesa::test::Lines;
 
 inline ServiceDef service(const std::string& path, const std::string& locator = "ipc://p/s")
 {
@@ -46,30 +47,18 @@ inline std::string textOf(const ServiceDef& registered)
     return "registered " + registered.path.toString();
 }
 
-/// Notes what it is told as "name: text", and its end as "name: gone".
+/// Notes in `lines`, which it keeps alive, what a stream tells; `hook`, when there is one, hears each value.
 template <class T>
-class NotingHandler final : public IResponseHandler<T> {
-public:
-    NotingHandler(std::shared_ptr<Lines> lines, std::string name, std::function<void(const T&)> hook)
-        : m_lines(std::move(lines)), m_name(std::move(name)), m_hook(std::move(hook))
-    {}
-    ~NotingHandler() override { m_lines->push_back(m_name + ": gone"); }
-    bool onNext(const T& value) override
-    {
-        m_lines->push_back(m_name + ": " + textOf(value));
-        if (m_hook) {
-            m_hook(value);
-        }
-        return false;
-    }
-    void onError(const Response& error) override { m_lines->push_back(m_name + ": " + reasonOf(error)); }
-    void onCompleted() override { ADD_FAILURE() << m_name << " was completed"; }
-
-private:
-    std::shared_ptr<Lines> m_lines;
-    std::string m_name;
-    std::function<void(const T&)> m_hook;
-};
+std::unique_ptr<IResponseHandler<T>> noting(const std::shared_ptr<Lines>& lines, const std::string& name,
+                                            const std::function<void(const T&)>& hook = {})
+{
+    return std::make_unique<kesa::test::NotingHandler<T>>([lines](const std::string& line) { lines->push_back(line); },
+                                                          [hook](const T& value) {
+                                                              hook ? hook(value) : void();
+                                                              return textOf(value);
+                                                          },
+                                                          name + ": ");
+}
 
 /// A peer whose answers are in the test's hand.
 class FakePeer final : public IPeer {
@@ -134,27 +123,21 @@ public:
     using Updates = std::vector<RegistryUpdate>;
 
     void* registerService(Process& process, const std::string& name, const ServiceDef& serviceDef,
-                          std::function<void(const ServiceDef&)> hook = {})
+                          const std::function<void(const ServiceDef&)>& hook = {})
     {
         const RequestContext::Scope scope(&process.context);
-        std::unique_ptr<IResponseHandler<ServiceDef>> handler =
-            std::make_unique<NotingHandler<ServiceDef>>(m_lines, name, std::move(hook));
-        return m_asked->registerService(std::move(handler), serviceDef.path, serviceDef);
+        return m_asked->registerService(noting(m_lines, name, hook), serviceDef.path, serviceDef);
     }
     void* track(Process& process, const std::string& name, const std::string& path)
     {
         const RequestContext::Scope scope(&process.context);
-        std::unique_ptr<IResponseHandler<RegistryUpdate>> handler =
-            std::make_unique<NotingHandler<RegistryUpdate>>(m_lines, name, nullptr);
-        return m_asked->trackService(std::move(handler), Path(path), true);
+        return m_asked->trackService(noting<RegistryUpdate>(m_lines, name), Path(path), true);
     }
     void* query(Process& process, const std::string& name, const Query& query,
-                std::function<void(const Updates&)> hook = {})
+                const std::function<void(const Updates&)>& hook = {})
     {
         const RequestContext::Scope scope(&process.context);
-        std::unique_ptr<IResponseHandler<Updates>> handler =
-            std::make_unique<NotingHandler<Updates>>(m_lines, name, std::move(hook));
-        return m_asked->queryRegistry(std::move(handler), query);
+        return m_asked->queryRegistry(noting(m_lines, name, hook), query);
     }
     GenericObject explain(const Process& process, const std::string& path, const std::string& asking = {})
     {

@@ -3,6 +3,7 @@
 
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
+#include <kesa/reasonOf.h>
 
 #include <functional>
 #include <memory>
@@ -14,32 +15,35 @@ namespace kesa::test {
 
 using Lines = std::vector<std::string>;
 
-/// Notes what a stream tells: each value as `form` words it, an error as "503: gone", "done", and its own end as "~",
-/// all behind the name it was given.
+/// Notes what a stream tells: each value as `form` words it, an error as "503: gone" with its reason, "done", and its
+/// own end as "~", all behind the name it was given.
 template <class T>
 class NotingHandler final : public IResponseHandler<T> {
 public:
     using Form = std::function<std::string(const T&)>;
+    using Note = std::function<void(const std::string&)>;
 
-    NotingHandler(Lines& lines, Form form, std::string name = {}, bool accepts = true)
-        : m_lines(lines), m_form(std::move(form)), m_name(std::move(name)), m_accepts(accepts)
+    NotingHandler(Note note, Form form, std::string name = {}, bool accepts = true)
+        : m_note(std::move(note)), m_form(std::move(form)), m_name(std::move(name)), m_accepts(accepts)
     {}
-    ~NotingHandler() override { note("~"); }
+    NotingHandler(Lines& lines, Form form, std::string name = {}, bool accepts = true)
+        : NotingHandler([&lines](const std::string& line) { lines.push_back(line); }, std::move(form), std::move(name),
+                        accepts)
+    {}
+    ~NotingHandler() override { m_note(m_name + '~'); }
     bool onNext(const T& value) override
     {
-        note(m_form(value));
+        m_note(m_name + m_form(value));
         return !m_accepts;
     }
-    void onError(const Response& error) override { note(Response::getErrorMessageWithCode(error)); }
-    void onCompleted() override { note("done"); }
+    void onError(const Response& error) override { m_note(m_name + reasonOf(error)); }
+    void onCompleted() override { m_note(m_name + "done"); }
 
 private:
-    void note(const std::string& text) const { m_lines.push_back(m_name + text); }
-
-    Lines& m_lines;
-    Form m_form;
-    std::string m_name;
-    bool m_accepts;
+    const Note m_note;
+    const Form m_form;
+    const std::string m_name;
+    const bool m_accepts;
 };
 
 /// Notes the texts of answers.

@@ -147,7 +147,7 @@ TEST_F(RuntimeTest, startsOnceAndEndsInOrder)
     }
     EXPECT_THAT(m_network->calls(), ElementsAre("stop me"));
     EXPECT_THAT(m_traces->take(), ElementsAre("1 [dtor]", "1 [shutdown] 'me'", "2 [dtor] m_runtimeEntries 1"));
-    EXPECT_THAT(m_journal->take(), ElementsAre("runtime stop", "t: gone"));
+    EXPECT_THAT(m_journal->take(), ElementsAre("runtime stop", "t: ~"));
 }
 
 TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)

@@ -3,11 +3,11 @@
 
 #include "FakeBackend.h"
 
+#include <NotingHandler.h>
 #include <backend/BackendFactory.h>
 #include <comm/SimulatedScheduler.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
-#include <kesa/reasonOf.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
@@ -33,7 +33,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::UnorderedElementsAre;
 
-using Lines = std::vector<std::string>;
+using kesa::test::Lines;
 
 /// What happened, in order: calls to handlers, lines of the event log, traces.
 using Journal = ::tracing::CapturingSink;
@@ -81,36 +81,18 @@ inline std::string textOf(const ResolvedServiceState& result)
     return (result.api ? "present " : "absent ") + result.serviceDef.path.toString();
 }
 
-/// Notes each call as "name: text", its end as "name: gone". `hook`, when set, runs inside each call and in the
-/// destructor.
+/// Notes in the journal what a stream tells; `hook`, when set, runs inside each call and in the destructor.
 template <class T>
-class NotingHandler final : public IResponseHandler<T> {
-public:
-    NotingHandler(std::shared_ptr<Journal> journal, std::string name, std::function<void()> hook)
-        : m_journal(std::move(journal)), m_name(std::move(name)), m_hook(std::move(hook))
-    {}
-    ~NotingHandler() override { note("gone"); }
-    bool onNext(const T& value) override
-    {
-        note(textOf(value));
-        return false;
-    }
-    void onError(const Response& error) override { note("error " + reasonOf(error)); }
-    void onCompleted() override { note("completed"); }
-
-private:
-    void note(const std::string& text)
-    {
-        m_journal->add(m_name + ": " + text);
-        if (m_hook) {
-            m_hook();
-        }
-    }
-
-    std::shared_ptr<Journal> m_journal;
-    std::string m_name;
-    std::function<void()> m_hook;
-};
+std::unique_ptr<IResponseHandler<T>> noting(const std::shared_ptr<Journal>& journal, const std::string& name,
+                                            const std::function<void()>& hook = {})
+{
+    return std::make_unique<kesa::test::NotingHandler<T>>(
+        [journal, hook](const std::string& line) {
+            journal->add(line);
+            hook ? hook() : void();
+        },
+        [](const T& value) { return textOf(value); }, name + ": ");
+}
 
 /// A service object that counts its lives.
 class FakeService final : public IKesaApi {
@@ -193,9 +175,9 @@ protected:
     }
 
     template <class T>
-    std::unique_ptr<IResponseHandler<T>> handler(const std::string& name, std::function<void()> hook = {})
+    std::unique_ptr<IResponseHandler<T>> handler(const std::string& name, const std::function<void()>& hook = {})
     {
-        return std::make_unique<NotingHandler<T>>(m_journal, name, std::move(hook));
+        return noting<T>(m_journal, name, hook);
     }
     std::shared_ptr<IKesaApi> service() { return std::make_shared<FakeService>(m_livingServices); }
     Disposable registerService(const std::string& path, const std::string& name,

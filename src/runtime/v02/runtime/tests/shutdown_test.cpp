@@ -124,17 +124,15 @@ TEST(RuntimeThreads, deliverWhereTheyShouldAndEndWhileOthersDispose)
                 journal->add(name + (" on " + std::string(thread)));
             };
             return runtime->registerService("/a", std::make_shared<FakeService>(services), ServiceDef::TypeEnum::pex,
-                                            {}, std::make_unique<NotingHandler<ServiceDef>>(muted, name, hook));
+                                            {}, noting<ServiceDef>(muted, name, hook));
         };
         auto first = registerA("first");
         auto second = registerA("second");
         std::vector<Disposable> subscriptions;
         for (int i = 0; i < 20; ++i) {
-            subscriptions.push_back(runtime->trackService(
-                "/a", std::make_unique<NotingHandler<ServiceUpdate>>(muted, "t", std::function<void()>())));
-            subscriptions.push_back(runtime->trackAndResolveServices(
-                Query("**"),
-                std::make_unique<NotingHandler<ResolvedServiceState>>(muted, "q", std::function<void()>())));
+            subscriptions.push_back(runtime->trackService("/a", noting<ServiceUpdate>(muted, "t")));
+            subscriptions.push_back(
+                runtime->trackAndResolveServices(Query("**"), noting<ResolvedServiceState>(muted, "q")));
         }
         // Two threads dispose the same subscriptions while the runtime ends under a third.
         auto disposeAll = [subscriptions]() mutable {
