@@ -25,6 +25,8 @@ using commadapter::protocol::Hello;
 using commadapter::protocol::IMachineListener;
 using commadapter::protocol::Limits;
 using commadapter::protocol::Machine;
+using commadapter::protocol::Role;
+using commadapter::protocol::Sent;
 
 /// Counts what arrives.
 class Counter final : public IMachineListener {
@@ -68,7 +70,7 @@ public:
         const std::int64_t start = bench::threadCpuNs();
         for (int i = 0; i < messages; i += batch) {
             for (int k = 0; k < batch; ++k) {
-                require(send(m_client, m_server) == Machine::Sent::eQUEUED, "sending");
+                require(send(m_client, m_server) == Sent::eQUEUED, "sending");
             }
             move(m_client, m_server);
             move(m_server, m_client);
@@ -85,26 +87,26 @@ private:
     static void move(Machine& from, Machine& to)
     {
         std::array<iovec, 16> parts{};
-        for (std::size_t count = from.gather(parts); count > 0; count = from.gather(parts)) {
+        for (std::size_t count = from.output.gather(parts); count > 0; count = from.output.gather(parts)) {
             std::size_t total = 0;
             for (std::size_t i = 0; i < count; ++i) {
                 const auto* at = static_cast<const unsigned char*>(parts[i].iov_base);
                 for (std::size_t left = parts[i].iov_len; left > 0;) {
-                    const auto room = to.inputBuffer();
+                    const auto room = to.input.buffer();
                     const std::size_t size = std::min(left, room.size());
                     std::memcpy(room.data(), at, size);
-                    require(!to.received(size, 0), to.reason().c_str());
+                    require(!to.input.received(size, 0), to.input.reason().c_str());
                     at += size;
                     left -= size;
                 }
                 total += parts[i].iov_len;
             }
-            from.sent(total, 0);
+            from.output.sent(total, 0);
         }
     }
 
-    Machine m_client{Machine::Role::eCLIENT, Hello(), Limits(), heard, 0};
-    Machine m_server{Machine::Role::eSERVER, Hello(), Limits(), heard, 0};
+    Machine m_client{Role::eCLIENT, Hello(), Limits(), heard, 0};
+    Machine m_server{Role::eSERVER, Hello(), Limits(), heard, 0};
 };
 
 double bareCopies(int messages, int batch, const Payload& body)
@@ -171,7 +173,7 @@ int main(int argc, char** argv)
                        {"Machine",
                         [&, batch] {
                             return wire.time(MESSAGES, batch, small.size(),
-                                             [&](Machine&, Machine& server) { return server.next(3, answer); });
+                                             [&](Machine&, Machine& server) { return server.output.next(3, answer); });
                         }},
                        rounds);
         for (const bool withHeaders : {false, true}) {
@@ -180,7 +182,7 @@ int main(int argc, char** argv)
                            {"Machine",
                             [&, batch] {
                                 return wire.time(MESSAGES, batch, small.size(), [&](Machine& client, Machine&) {
-                                    return client.request(3, 1, request);
+                                    return client.output.request(3, 1, request);
                                 });
                             }},
                            rounds);
@@ -191,7 +193,7 @@ int main(int argc, char** argv)
                    {"Machine",
                     [&] {
                         return wire.time(50, 1, large.size(),
-                                         [&](Machine&, Machine& server) { return server.next(3, answer); });
+                                         [&](Machine&, Machine& server) { return server.output.next(3, answer); });
                     }},
                    rounds);
     return 0;

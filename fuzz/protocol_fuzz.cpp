@@ -24,27 +24,26 @@ void require(bool holds, const char* what)
 /// Says again what it hears, to a second machine, which must hear the same.
 class Echo final : public Recorder {
 public:
-    explicit Echo(Machine::Role hearing)
-        : m_sender(hearing == Machine::Role::eSERVER ? Machine::Role::eCLIENT : Machine::Role::eSERVER, helloOf("echo"),
-                   {}, m_nobody, 0),
+    explicit Echo(Role hearing)
+        : m_sender(hearing == Role::eSERVER ? Role::eCLIENT : Role::eSERVER, helloOf("echo"), {}, m_nobody, 0),
           m_receiver(hearing, helloOf("echo"), {}, m_second, 0)
     {}
 
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
     {
-        m_isSaid = m_sender.request(stream, target, request) == Machine::Sent::eQUEUED;
+        m_isSaid = m_sender.output.request(stream, target, request) == Sent::eQUEUED;
         Recorder::onRequest(stream, target, std::move(request), isPersistent);
         compare();
     }
     void onNext(std::uint32_t stream, Response response) override
     {
-        m_isSaid = m_sender.next(stream, response) == Machine::Sent::eQUEUED;
+        m_isSaid = m_sender.output.next(stream, response) == Sent::eQUEUED;
         Recorder::onNext(stream, std::move(response));
         compare();
     }
     void onAttach(std::uint32_t target, std::string path) override
     {
-        m_isSaid = m_sender.attach(target, path) == Machine::Sent::eQUEUED;
+        m_isSaid = m_sender.output.attach(target, path) == Sent::eQUEUED;
         Recorder::onAttach(target, std::move(path));
         compare();
     }
@@ -71,7 +70,7 @@ Limits smallLimits(FuzzedDataProvider& data)
     return limits;
 }
 
-void feedArbitrary(FuzzedDataProvider& data, Machine::Role role)
+void feedArbitrary(FuzzedDataProvider& data, Role role)
 {
     Echo echo(role);
     Machine machine(role, helloOf("fuzz"), smallLimits(data), echo, 0);
@@ -82,7 +81,7 @@ void feedArbitrary(FuzzedDataProvider& data, Machine::Role role)
     }
     const std::size_t atMost = data.ConsumeIntegralInRange<std::size_t>(1, 70000);
     if (feed(machine, data.ConsumeRemainingBytes<unsigned char>(), atMost)) {
-        require(!machine.reason().empty(), "a refusal has a reason");
+        require(!machine.input.reason().empty(), "a refusal has a reason");
     }
 }
 
@@ -128,13 +127,13 @@ public:
         const auto stream = m_data.ConsumeIntegralInRange<std::uint32_t>(1, 4);
         switch (m_data.ConsumeIntegralInRange(0, 9)) {
         case 0:
-            pair.client.detached(stream);
+            pair.client.output.detached(stream);
             break;
         case 1:
-            pair.client.ping();
+            pair.client.output.ping();
             break;
         case 2:
-            if (pair.client.cancel(stream) == Machine::Cancelled::eNEVER_SENT) {
+            if (pair.client.output.cancel(stream) == Cancelled::eNEVER_SENT) {
                 m_hasTakenBack = true;
             } else {
                 expected.push_back("cancel " + std::to_string(stream));
@@ -164,7 +163,7 @@ private:
         if (request.getHeaders().contains("$client-id")) {
             return;
         }
-        if (pair.client.request(stream, 1, request) == Machine::Sent::eQUEUED) {
+        if (pair.client.output.request(stream, 1, request) == Sent::eQUEUED) {
             expected.push_back(describe(stream, 1, request));
         }
     }
@@ -189,7 +188,7 @@ void converse(FuzzedDataProvider& data)
         }
     }
     require(!feed(pair.server, takeAll(pair.client)), "a valid conversation is accepted");
-    require(pair.client.queuedBytes() == 0, "everything leaves");
+    require(pair.client.output.queuedBytes() == 0, "everything leaves");
     if (talk.hasTakenBack()) {
         return; // order and content were checked by being accepted
     }
@@ -220,7 +219,7 @@ void converseBitten(FuzzedDataProvider& data)
         }
     }
     if (feed(talk.pair.server, bytes)) {
-        require(!talk.pair.server.reason().empty(), "a refusal has a reason");
+        require(!talk.pair.server.input.reason().empty(), "a refusal has a reason");
     }
 }
 
@@ -231,10 +230,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     FuzzedDataProvider data(bytes, size);
     switch (data.ConsumeIntegralInRange(0, 3)) {
     case 0:
-        feedArbitrary(data, Machine::Role::eSERVER);
+        feedArbitrary(data, Role::eSERVER);
         break;
     case 1:
-        feedArbitrary(data, Machine::Role::eCLIENT);
+        feedArbitrary(data, Role::eCLIENT);
         break;
     case 2:
         converse(data);

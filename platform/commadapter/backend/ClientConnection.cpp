@@ -36,8 +36,7 @@ Response unavailable(std::string_view text)
 
 ClientConnection::ClientConnection(const std::shared_ptr<IoLoop>& loop, Destination destination, MakeHello makeHello,
                                    OpenLocal openLocal, Unused unused)
-    : Connection(loop, protocol::Machine::Role::eCLIENT), m_makeHello(std::move(makeHello)),
-      m_unused(std::move(unused)),
+    : Connection(loop, protocol::Role::eCLIENT), m_makeHello(std::move(makeHello)), m_unused(std::move(unused)),
       m_connector(std::make_shared<Connector>(loop, std::move(destination), std::move(openLocal)))
 {}
 
@@ -160,7 +159,7 @@ void ClientConnection::retire(const std::shared_ptr<ClientState>& client, bool s
     Lock lock(m_lock);
     endStreams(lock, *client, unavailable("the client object was released"));
     if (isOpen() && client->target != 0) {
-        machine().detached(client->target);
+        machine().output.detached(client->target);
         pushOut();
     }
     lock.unlock();
@@ -229,7 +228,7 @@ void ClientConnection::attach(const std::shared_ptr<ClientState>& client)
 {
     client->target = ++m_lastTarget;
     // The path was checked when the locator was read; one that is refused all the same is provided by nobody.
-    static_cast<void>(machine().attach(client->target, client->path));
+    static_cast<void>(machine().output.attach(client->target, client->path));
     m_targets.emplace(client->target, client);
 }
 

@@ -84,7 +84,7 @@ private:
         Handler handler; ///< null while it is given a value
         ClientState* client = nullptr;
         std::uint64_t handle = 0;
-        std::uint64_t queueEnd = 0; ///< right after it was queued: see `Machine::isUnsent`
+        std::uint64_t queueEnd = 0; ///< right after it was queued: see `Output::isUnsent`
         comm::TimeNs issued = 0;    ///< of a request for a single answer, or with a time limit
         Limited limited = Limited::eNOT;
         bool isOpen = false; ///< else cancelled: the number stays taken until the server ends the stream

@@ -113,7 +113,7 @@ bool ClientConnection::looksAgain(comm::TimeNs now, bool stoodStill)
         return false;
     }
     if (m_lastLook != 0) {
-        return now - machine().lastReceived() < QUIET;
+        return now - machine().input.lastReceived() < QUIET;
     }
     if (stoodStill) {
         KESA_TRACE(CHANNEL, 1, "[looksAgain] '%s': this process stood still, what was answered meanwhile counts",

@@ -104,17 +104,18 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
         noNumberFree();
         return fail(lock, client, std::move(handler), 503, TOO_MANY);
     }
-    const auto sent = machine().request(number, client.target, request);
-    if (sent != protocol::Machine::Sent::eQUEUED) {
+    const auto sent = machine().output.request(number, client.target, request);
+    if (sent != protocol::Sent::eQUEUED) {
         m_streams.giveBack(number);
-        const bool isTooLarge = sent == protocol::Machine::Sent::eTOO_LARGE;
-        return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400, "the request " + machine().refusal());
+        const bool isTooLarge = sent == protocol::Sent::eTOO_LARGE;
+        return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400,
+                    "the request " + machine().output.refusal());
     }
     Stream& stream = *m_streams.find(number);
     stream.handler = std::move(handler);
     stream.client = &client;
     stream.handle = nextHandle(number);
-    stream.queueEnd = machine().queueEnd();
+    stream.queueEnd = machine().output.queueEnd();
     stream.isOpen = true;
     stream.isSingle = wishes.isSingle;
     const std::uint64_t handle = stream.handle;
@@ -273,7 +274,7 @@ void ClientConnection::cancelStream(std::uint32_t number)
     if (!isOpen()) {
         return;
     }
-    if (machine().cancel(number) == protocol::Machine::Cancelled::eNEVER_SENT) {
+    if (machine().output.cancel(number) == protocol::Cancelled::eNEVER_SENT) {
         m_streams.giveBack(number);
     } else {
         ++m_endsOwed;
@@ -334,7 +335,7 @@ void ClientConnection::callEnded()
 /// queued must not become free.
 bool ClientConnection::breaksOrder(Lock& lock, std::uint32_t number, const Stream& stream)
 {
-    if (!machine().isUnsent(number, stream.queueEnd)) {
+    if (!machine().output.isUnsent(number, stream.queueEnd)) {
         return false;
     }
     lock.unlock();

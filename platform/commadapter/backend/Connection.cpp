@@ -47,9 +47,7 @@ protocol::Limits limitsOf(const CommSettings& settings)
 
 } // namespace
 
-Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Machine::Role role)
-    : m_loop(std::move(loop)), m_role(role)
-{}
+Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Role role) : m_loop(std::move(loop)), m_role(role) {}
 
 Connection::~Connection()
 {
@@ -104,7 +102,7 @@ void Connection::cutOff(std::string reason)
 {
     m_loop->onLoop(__func__);
     if (m_isOpen && !m_lostReason) {
-        if (m_role == protocol::Machine::Role::eSERVER) {
+        if (m_role == protocol::Role::eSERVER) {
             KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), reason.c_str());
         }
         lose(std::move(reason));
@@ -127,18 +125,18 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
     }
     bool hasRead = false;
     comm::TimeNs begun = 0;
-    const std::uint64_t pongs = m_machine->pongs();
+    const std::uint64_t pongs = m_machine->input.pongs();
     {
         const Lock lock(m_lock);
         m_isBatch = true;
         hold(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
-    if (m_machine->readOn()) {
-        cutOff(m_machine->reason());
+    if (m_machine->input.readOn()) {
+        cutOff(m_machine->input.reason());
     }
-    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !m_machine->isHeld(); ++reads) {
-        const auto into = m_machine->inputBuffer();
+    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !m_machine->input.isHeld(); ++reads) {
+        const auto into = m_machine->input.buffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
         if (result == transport::IStream::Result::eENDED) {
@@ -150,9 +148,9 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
         const comm::TimeNs now = comm::now();
         begun = hasRead ? begun : now;
         hasRead = true;
-        const bool failed = m_machine->received(size, now);
+        const bool failed = m_machine->input.received(size, now);
         if (failed) {
-            cutOff(m_machine->reason());
+            cutOff(m_machine->input.reason());
             continue;
         }
         const bool isProbablyAll = size < into.size() && !untilEmpty; // the stream comes again for the rest
@@ -164,7 +162,7 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
     finishBatch(hasRead);
     if (m_isOpen) {
         updateReading();
-        const bool isPong = m_machine->pongs() != pongs;
+        const bool isPong = m_machine->input.pongs() != pongs;
         if (hasRead || isPong) {
             onSign(isPong);
         }
@@ -176,11 +174,11 @@ void Connection::finishBatch(bool hasRead)
     {
         const Lock lock(m_lock);
         m_isBatch = false;
-        if (hasRead && m_isBlocked && m_role == protocol::Machine::Role::eCLIENT) {
+        if (hasRead && m_isBlocked && m_role == protocol::Role::eCLIENT) {
             progressed(comm::now());
         }
-        for (unsigned owed = m_machine->takePongsOwed(); owed > 0; --owed) {
-            m_machine->pong();
+        for (unsigned owed = m_machine->input.takePongsOwed(); owed > 0; --owed) {
+            m_machine->output.pong();
         }
         write();
     }
@@ -193,7 +191,7 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    if (m_isOpen && (!m_isReading || m_machine->isHeld())) {
+    if (m_isOpen && (!m_isReading || m_machine->input.isHeld())) {
         {
             const Lock lock(m_lock);
             m_isBroken = true;
@@ -209,7 +207,7 @@ void Connection::onPeerExited()
 void Connection::pushOut(Haste haste)
 {
     countQueued();
-    if (m_machine->queuedBytes() < GATHERED_BYTES) {
+    if (m_machine->output.queuedBytes() < GATHERED_BYTES) {
         if (m_isBatch) {
             return;
         }
@@ -262,10 +260,10 @@ void Connection::write()
     }
     std::array<iovec, PARTS_PER_WRITE> parts;
     while (true) {
-        std::size_t count = m_machine->gather(parts);
+        std::size_t count = m_machine->output.gather(parts);
         if (count == 0) {
             onQueueEmpty();
-            count = m_machine->gather(parts);
+            count = m_machine->output.gather(parts);
         }
         if (count == 0) {
             m_isBeyondBound = false;
@@ -275,7 +273,7 @@ void Connection::write()
         const auto result = m_stream->write(std::span<const iovec>(parts.data(), count), size);
         if (result == transport::IStream::Result::eDONE) {
             progressed(comm::now());
-            m_machine->sent(size, m_lastProgress);
+            m_machine->output.sent(size, m_lastProgress);
             continue;
         }
         if (result == transport::IStream::Result::eENDED) {
@@ -305,21 +303,21 @@ std::size_t Connection::holdBound() const
 /// With the lock held, after writing what could be written.
 void Connection::hold()
 {
-    if (m_role == protocol::Machine::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->isHeld() &&
-        m_machine->queuedBytes() >= holdBound()) {
-        m_machine->hold();
+    if (m_role == protocol::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->input.isHeld() &&
+        m_machine->output.queuedBytes() >= holdBound()) {
+        m_machine->input.hold();
         KESA_TRACE(CHANNEL, 1, "[hold] '%s' does not take its answers: %zu bytes are queued, its requests wait",
-                   peerName().c_str(), m_machine->queuedBytes());
+                   peerName().c_str(), m_machine->output.queuedBytes());
     }
 }
 
 /// With the lock held, any thread; the loop then goes on with what has waited.
 void Connection::endHold()
 {
-    if (!m_machine->isHeld() || (!m_isBroken && m_machine->queuedBytes() > holdBound() / 2)) {
+    if (!m_machine->input.isHeld() || (!m_isBroken && m_machine->output.queuedBytes() > holdBound() / 2)) {
         return;
     }
-    m_machine->release();
+    m_machine->input.release();
     KESA_TRACE(CHANNEL, 1, "[endHold] '%s' is read again", peerName().c_str());
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
@@ -330,7 +328,7 @@ void Connection::endHold()
 
 void Connection::updateReading()
 {
-    const bool isWanted = !m_machine->isHeld();
+    const bool isWanted = !m_machine->input.isHeld();
     if (std::exchange(m_isReading, isWanted) != isWanted) {
         m_stream->setReading(isWanted);
     }
@@ -365,14 +363,14 @@ void Connection::writeFailed()
 
 void Connection::countQueued()
 {
-    const IoLoop::Queued queued{m_machine->queuedBytes(), m_machine->persistentBytes()};
+    const IoLoop::Queued queued{m_machine->output.queuedBytes(), m_machine->output.persistentBytes()};
     m_loop->countQueued(m_counted, queued);
     m_counted = queued;
 }
 
 std::size_t Connection::boundedBytes() const
 {
-    return m_role == protocol::Machine::Role::eCLIENT ? m_machine->queuedBytes() : m_machine->persistentBytes();
+    return m_role == protocol::Role::eCLIENT ? m_machine->output.queuedBytes() : m_machine->output.persistentBytes();
 }
 
 bool Connection::isOverBound(std::size_t moreBytes) const
@@ -384,14 +382,14 @@ bool Connection::isOverBound(std::size_t moreBytes) const
 bool Connection::isProcessOverBound(std::size_t moreBytes) const
 {
     const std::size_t bound = m_loop->settings().processQueueBytes;
-    return m_machine->persistentBytes() > bound / SHARES && m_loop->queued().persistent + moreBytes > bound;
+    return m_machine->output.persistentBytes() > bound / SHARES && m_loop->queued().persistent + moreBytes > bound;
 }
 
 /// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
 /// server does not read the requests of a client that takes no answers.
 bool Connection::isStuck(comm::TimeNs now) const
 {
-    const bool isClient = m_role == protocol::Machine::Role::eCLIENT;
+    const bool isClient = m_role == protocol::Role::eCLIENT;
     return m_isBlocked && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
 }
 
@@ -402,9 +400,9 @@ void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
     facts.pid = identity.pid;
     facts.uid = identity.uid;
     facts.since = comm::wallClock() - (comm::now() - openedAt);
-    facts.queuedBytes = m_machine->queuedBytes();
+    facts.queuedBytes = m_machine->output.queuedBytes();
     facts.unreadBytes = m_stream->unread();
-    facts.isHeld = m_machine->isHeld();
+    facts.isHeld = m_machine->input.isHeld();
 }
 
 void Connection::progressed(comm::TimeNs now) noexcept
@@ -423,7 +421,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     Lock lock(m_lock);
     if (hasSlept) {
-        m_machine->restartDeadlines(now);
+        m_machine->output.restartDeadlines(now);
         progressed(now);
         return true;
     }
@@ -434,10 +432,10 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     m_isFoundStuck = isStuck(now);
     const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
-    if (m_machine->isHeld() && !isJudgedStuck) {
-        m_machine->restartDeadlines(now); // its sign of life may be among what is not read
+    if (m_machine->input.isHeld() && !isJudgedStuck) {
+        m_machine->output.restartDeadlines(now); // its sign of life may be among what is not read
     }
-    if (now >= m_machine->nextDeadline()) {
+    if (now >= m_machine->output.nextDeadline()) {
         lock.unlock();
         readBatch(); // before a peer is judged silent
         if (!m_isOpen) {
@@ -445,7 +443,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         }
         lock.lock();
         std::string why;
-        if (m_machine->expired(now, why)) {
+        if (m_machine->output.expired(now, why)) {
             lock.unlock();
             cutOff(std::move(why));
             return false;
@@ -453,12 +451,12 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     bool isLate = false;
     const bool isOwed = isAnswerOwed(now, isLate);
-    const bool isSilent = now - m_machine->lastReceived() >= m_loop->settings().heartbeat;
+    const bool isSilent = now - m_machine->input.lastReceived() >= m_loop->settings().heartbeat;
     if (isSilent && (isLate || isJudgedStuck)) {
-        m_machine->probe(now);
+        m_machine->output.probe(now);
         pushOut();
     }
-    return isOwed || m_isBlocked || m_machine->nextDeadline() != comm::NEVER;
+    return isOwed || m_isBlocked || m_machine->output.nextDeadline() != comm::NEVER;
 }
 
 /// With the lock held. The stream is asked itself, in case that news of room are still on their way.

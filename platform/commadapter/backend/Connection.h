@@ -23,7 +23,7 @@ class Connection : public std::enable_shared_from_this<Connection>,
                    private transport::IStreamListener,
                    protected protocol::IMachineListener {
 public:
-    Connection(std::shared_ptr<IoLoop> loop, protocol::Machine::Role role);
+    Connection(std::shared_ptr<IoLoop> loop, protocol::Role role);
     ~Connection() override;
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
@@ -135,7 +135,7 @@ private:
     bool isBurst() const;
 
     const std::shared_ptr<IoLoop> m_loop;
-    const protocol::Machine::Role m_role;
+    const protocol::Role m_role;
 
     // Changed on the loop with the lock held; read on the loop, or with the lock held.
     std::unique_ptr<protocol::Machine> m_machine;

@@ -85,8 +85,7 @@ private:
 
 ServerConnection::ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services,
                                    std::string scheme)
-    : Connection(std::move(loop), protocol::Machine::Role::eSERVER), m_services(std::move(services)),
-      m_scheme(std::move(scheme))
+    : Connection(std::move(loop), protocol::Role::eSERVER), m_services(std::move(services)), m_scheme(std::move(scheme))
 {}
 
 ServerConnection::~ServerConnection() = default;
@@ -148,7 +147,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     }
     const std::size_t size = response.getPayload().size();
     if (stream->hasLatest) {
-        if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
+        if (const auto sent = machine().output.tryNext(response); sent != protocol::Sent::eQUEUED) {
             refuseValue(number, *stream, sent);
             return true;
         }
@@ -157,7 +156,7 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
     }
     if (isTooMuch(number, *stream, size)) {
         if (stream->policy == QueuePolicy::eKEEP_LATEST) {
-            if (const auto sent = machine().tryNext(response); sent != protocol::Machine::Sent::eQUEUED) {
+            if (const auto sent = machine().output.tryNext(response); sent != protocol::Sent::eQUEUED) {
                 refuseValue(number, *stream, sent);
                 return true;
             }
@@ -169,8 +168,8 @@ bool ServerConnection::next(std::uint32_t number, std::uint64_t serial, const Re
             return true;
         }
     }
-    const auto sent = machine().next(number, response, stream->isPersistent);
-    if (sent != protocol::Machine::Sent::eQUEUED) {
+    const auto sent = machine().output.next(number, response, stream->isPersistent);
+    if (sent != protocol::Sent::eQUEUED) {
         refuseValue(number, *stream, sent);
         return true;
     }
@@ -188,7 +187,8 @@ bool ServerConnection::isTooMuch(std::uint32_t number, const Stream& stream, std
     const CommSettings& settings = loop().settings();
     const bool isProcessOver = loop().queued().all > settings.processQueueBytes;
     const std::size_t bound = isProcessOver ? settings.sendQueueBytes : settings.processQueueBytes;
-    return machine().queuedBytes() > bound + machine().persistentBytes() && machine().queuedBytes(number) > 0;
+    return machine().output.queuedBytes() > bound + machine().output.persistentBytes() &&
+           machine().output.queuedBytes(number) > 0;
 }
 
 /// Tells both sides whose it was, how much waits, and what may. One line in a second: who has many streams loses many,
@@ -198,8 +198,9 @@ Response ServerConnection::tooSlow(const Stream& stream, std::size_t size)
     const CommSettings& settings = loop().settings();
     const bool isOwnBound = stream.isPersistent ? isOverBound(size) : loop().queued().all > settings.processQueueBytes;
     const bool isOfAll = stream.isPersistent && !isOwnBound;
-    const std::size_t ofConnection =
-        stream.isPersistent ? machine().persistentBytes() : machine().queuedBytes() - machine().persistentBytes();
+    const std::size_t ofConnection = stream.isPersistent
+                                         ? machine().output.persistentBytes()
+                                         : machine().output.queuedBytes() - machine().output.persistentBytes();
     const std::string why = fmt::format(
         "the client '{}' takes values more slowly than they come: {} bytes wait for it{}, with the next {} more than "
         "{}",
@@ -217,12 +218,13 @@ Response ServerConnection::tooSlow(const Stream& stream, std::size_t size)
 }
 
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
-void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why)
+void ServerConnection::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why)
 {
-    const bool isTooLarge = why == protocol::Machine::Sent::eTOO_LARGE;
+    const bool isTooLarge = why == protocol::Sent::eTOO_LARGE;
     KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer is not sent: it %s", stream.service->path.c_str(),
-               machine().refusal().c_str());
-    postCut(number, stream, Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + machine().refusal()));
+               machine().output.refusal().c_str());
+    postCut(number, stream,
+            Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + machine().output.refusal()));
 }
 
 void ServerConnection::postCut(std::uint32_t number, Stream& stream, Response error)
@@ -237,7 +239,7 @@ bool ServerConnection::isRefused(std::uint32_t number, Stream& stream, std::size
 {
     if (stream.policy == QueuePolicy::eCUT_STREAM) {
         Response error = tooSlow(stream, size);
-        machine().dropQueued(number);
+        machine().output.dropQueued(number);
         postCut(number, stream, std::move(error));
         return true;
     }
@@ -273,9 +275,9 @@ void ServerConnection::finish(std::uint32_t number, std::uint64_t serial, const 
     }
     queueLatest(number, *stream);
     if (error != nullptr) {
-        machine().error(number, *error);
+        machine().output.error(number, *error);
     } else {
-        machine().completed(number);
+        machine().output.completed(number);
     }
     release(number);
     pushOut();
@@ -303,7 +305,7 @@ void ServerConnection::queueLatest(std::uint32_t number, Stream& stream)
 {
     if (std::exchange(stream.hasLatest, false)) {
         // It was tried before.
-        static_cast<void>(machine().next(number, stream.latest->response, stream.isPersistent));
+        static_cast<void>(machine().output.next(number, stream.latest->response, stream.isPersistent));
         m_latest.erase(stream.latest);
     }
 }
@@ -332,7 +334,7 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     m_context.subject = identity.subject;
     m_context.peer = std::make_shared<Peer>(loop().shared_from_this(),
                                             std::static_pointer_cast<ServerConnection>(shared_from_this()));
-    machine().setClientId(peer.process + ":" + std::to_string(identity.pid));
+    machine().input.setClientId(peer.process + ":" + std::to_string(identity.pid));
 }
 
 void ServerConnection::onAttach(std::uint32_t target, std::string path)
@@ -372,7 +374,7 @@ void ServerConnection::provided(std::uint32_t target, const std::shared_ptr<Prov
     entry.service = service;
     const Lock lock(m_lock);
     if (isOpen()) {
-        machine().attached(target);
+        machine().output.attached(target);
         pushOut();
     }
 }
@@ -387,7 +389,7 @@ void ServerConnection::withdrawn(std::uint32_t target, const ProvidedService& se
     cancelAll(found->second, "the service was withdrawn");
     const Lock lock(m_lock);
     if (isOpen()) {
-        machine().detached(target);
+        machine().output.detached(target);
         pushOut();
     }
 }
@@ -415,7 +417,7 @@ void ServerConnection::cancelAtService(std::uint32_t number, const Response& err
     void* const handle = stream->isFinished ? IKesaApi::UNDEFINED_REQUEST_HANDLE : stream->handle;
     if (isOpen()) {
         queueLatest(number, *stream);
-        machine().error(number, error);
+        machine().output.error(number, error);
         release(number);
         pushOut();
     } else {
@@ -434,7 +436,7 @@ void ServerConnection::onCancel(std::uint32_t number)
     if (m_streams.find(number) == nullptr) {
         return; // it has ended meanwhile
     }
-    machine().dropQueued(number);
+    machine().output.dropQueued(number);
     lock.unlock();
     cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
 }
@@ -455,7 +457,7 @@ void ServerConnection::onRequest(std::uint32_t number, std::uint32_t target, Req
     }
     if (!service) {
         m_streams.release(number);
-        machine().error(number, Response::createErrorResponse(503, "the service is not provided"));
+        machine().output.error(number, Response::createErrorResponse(503, "the service is not provided"));
         pushOut();
         return;
     }
@@ -480,7 +482,7 @@ void ServerConnection::serve(std::uint32_t number, std::uint64_t serial,
     }
     std::optional<comm::TimeNs> deadline;
     if (timeLimit != comm::NEVER) {
-        deadline = deadlineOf(machine().lastReceived(), timeLimit);
+        deadline = deadlineOf(machine().input.lastReceived(), timeLimit);
     }
     std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<ResponseSender>(
         std::static_pointer_cast<ServerConnection>(shared_from_this()), number, serial);

@@ -87,7 +87,7 @@ private:
     bool isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
     Response tooSlow(const Stream& stream, std::size_t size);
-    void refuseValue(std::uint32_t number, Stream& stream, protocol::Machine::Sent why);
+    void refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why);
     void postCut(std::uint32_t number, Stream& stream, Response error);
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
     void queueLatest(std::uint32_t number, Stream& stream);

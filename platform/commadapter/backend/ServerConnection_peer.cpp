@@ -39,7 +39,7 @@ void ServerConnection::askNext()
         asker.isAsked = true;
     }
     const Lock lock(m_lock);
-    machine().ping();
+    machine().output.ping();
     pushOut();
 }
 
@@ -83,7 +83,7 @@ void ServerConnection::judge(std::uint64_t number, bool hasSlept)
     const comm::TimeNs within = asker->within;
     {
         const Lock lock(m_lock);
-        if (hasSlept || (machine().queuedBytes() > 0 && lastProgress() > asker->begun)) {
+        if (hasSlept || (machine().output.queuedBytes() > 0 && lastProgress() > asker->begun)) {
             asker->begun = now;
         }
     }
@@ -120,7 +120,7 @@ void ServerConnection::whenDrained(std::function<void()> task)
 /// With the lock held.
 void ServerConnection::postDrained()
 {
-    if (machine().queuedBytes() == 0 && !m_drained.empty() && !std::exchange(m_isDrainedPosted, true)) {
+    if (machine().output.queuedBytes() == 0 && !m_drained.empty() && !std::exchange(m_isDrainedPosted, true)) {
         loop().post([self = std::static_pointer_cast<ServerConnection>(shared_from_this())] { self->runDrained(); });
     }
 }
@@ -130,7 +130,7 @@ void ServerConnection::runDrained()
 {
     Lock lock(m_lock);
     m_isDrainedPosted = false;
-    if (!isOpen() || m_drained.empty() || machine().queuedBytes() > 0) {
+    if (!isOpen() || m_drained.empty() || machine().output.queuedBytes() > 0) {
         return;
     }
     auto task = std::move(m_drained.front());

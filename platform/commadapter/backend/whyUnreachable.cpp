@@ -22,8 +22,7 @@ using Cause = Unreachable::Cause;
 class Probe final : public Connection {
 public:
     Probe(std::shared_ptr<IoLoop> loop, std::string path, std::function<void(Unreachable)> done)
-        : Connection(std::move(loop), protocol::Machine::Role::eCLIENT), m_path(std::move(path)),
-          m_done(std::move(done))
+        : Connection(std::move(loop), protocol::Role::eCLIENT), m_path(std::move(path)), m_done(std::move(done))
     {}
 
     void begin(std::unique_ptr<transport::IStream> stream, comm::TimeNs within)
@@ -35,8 +34,8 @@ public:
             own.process = "probe";
             own.instance = obr::UUID::generate();
             open(std::move(stream), own);
-            static_cast<void>(machine().attach(1, m_path));
-            machine().ping();
+            static_cast<void>(machine().output.attach(1, m_path));
+            machine().output.ping();
         }
         Connection::begin();
         loop().startTimer(comm::now() + within, [self = std::static_pointer_cast<Probe>(shared_from_this())] {

@@ -2,7 +2,7 @@
 #define KESA_COMMADAPTER_PROTOCOL_HEAD_H
 
 #include "protocol/ByteQueue.h"
-#include "protocol/Machine.h"
+#include "protocol/Hello.h"
 
 #include <kesa/IHeaderSource.h>
 #include <kesa/Request.h>

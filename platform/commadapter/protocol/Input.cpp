@@ -17,12 +17,12 @@ constexpr std::size_t BUFFER_BYTES = HEADER_BYTES + FRAME_BYTES + HEADER_BYTES;
 
 } // namespace
 
-Machine::Input::Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared)
+Input::Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared)
     : m_role(role), m_own(own), m_limits(limits), m_listener(listener), m_shared(shared),
       m_buffer(new unsigned char[BUFFER_BYTES])
 {}
 
-std::span<unsigned char> Machine::Input::inputBuffer()
+std::span<unsigned char> Input::buffer()
 {
     if (m_current != nullptr) {
         // The header of the next fragment is read along, so that its body, too, goes straight to its place.
@@ -31,7 +31,7 @@ std::span<unsigned char> Machine::Input::inputBuffer()
     return {m_buffer.get() + m_end, BUFFER_BYTES - m_end};
 }
 
-bool Machine::Input::received(std::size_t size, comm::TimeNs now)
+bool Input::received(std::size_t size, comm::TimeNs now)
 {
     if (m_hasFailed) {
         return true;
@@ -56,7 +56,7 @@ bool Machine::Input::received(std::size_t size, comm::TimeNs now)
     return readFrames();
 }
 
-bool Machine::Input::readFrames()
+bool Input::readFrames()
 {
     bool failed = false;
     while (!m_shared.isHeld.load(std::memory_order_relaxed) && !readFrame(failed)) {
@@ -70,7 +70,7 @@ bool Machine::Input::readFrames()
     return failed;
 }
 
-bool Machine::Input::readFrame(bool& failed)
+bool Input::readFrame(bool& failed)
 {
     const std::size_t size = m_end - m_begin;
     if (size < HEADER_BYTES) {
@@ -96,7 +96,7 @@ bool Machine::Input::readFrame(bool& failed)
     return failed || !isComplete;
 }
 
-bool Machine::Input::checkHeader(const FrameHeader& header)
+bool Input::checkHeader(const FrameHeader& header)
 {
     const Rule& rule = ruleOf(header.kind);
     if (header.length > FRAME_BYTES) {
@@ -127,7 +127,7 @@ bool Machine::Input::checkHeader(const FrameHeader& header)
     return rule.hasStream && (header.hasMore() || !m_partials.empty()) && checkFragment(header);
 }
 
-bool Machine::Input::checkFragment(const FrameHeader& header)
+bool Input::checkFragment(const FrameHeader& header)
 {
     const char* const name = ruleOf(header.kind).name;
     if (header.hasMore() && header.length != FRAME_BYTES) {
@@ -152,7 +152,7 @@ bool Machine::Input::checkFragment(const FrameHeader& header)
     return false;
 }
 
-bool Machine::Input::handle(const FrameHeader& header, const unsigned char* content)
+bool Input::handle(const FrameHeader& header, const unsigned char* content)
 {
     switch (static_cast<Kind>(header.kind)) {
     case Kind::eHELLO:
@@ -179,14 +179,14 @@ bool Machine::Input::handle(const FrameHeader& header, const unsigned char* cont
         m_shared.pongsOwed.fetch_add(1, std::memory_order_relaxed);
         return false;
     case Kind::ePONG:
-        ++m_shared.pongs;
+        ++m_pongs;
         return false;
     default: // a kind that may be ignored
         return false;
     }
 }
 
-bool Machine::Input::handleHello(const FrameHeader& header, const unsigned char* content)
+bool Input::handleHello(const FrameHeader& header, const unsigned char* content)
 {
     Hello peer;
     std::string why;
@@ -205,14 +205,14 @@ bool Machine::Input::handleHello(const FrameHeader& header, const unsigned char*
     return false;
 }
 
-bool Machine::Input::readMessageHead(const FrameHeader& header, const unsigned char* content, Head& head)
+bool Input::readMessageHead(const FrameHeader& header, const unsigned char* content, Head& head)
 {
     std::string why;
     return readHead(content, header.head, head, why) &&
            fail(fmt::format("broken head of {}: {}", ruleOf(header.kind).name, why));
 }
 
-bool Machine::Input::handleAttach(const FrameHeader& header, const unsigned char* content)
+bool Input::handleAttach(const FrameHeader& header, const unsigned char* content)
 {
     Head head;
     if (readMessageHead(header, content, head)) {
@@ -225,12 +225,12 @@ bool Machine::Input::handleAttach(const FrameHeader& header, const unsigned char
     return false;
 }
 
-bool Machine::Input::needsSource(const FrameHeader& header, const Head& head) const noexcept
+bool Input::needsSource(const FrameHeader& header, const Head& head) const noexcept
 {
     return head.hasHeaders || (m_clientId != nullptr && header.kind == static_cast<std::uint8_t>(Kind::eREQUEST));
 }
 
-bool Machine::Input::readKnownHead(const FrameHeader& header, const unsigned char* content)
+bool Input::readKnownHead(const FrameHeader& header, const unsigned char* content)
 {
     std::vector<unsigned char>& bytes = m_known.bytes;
     if (bytes.size() == header.head && std::equal(bytes.begin(), bytes.end(), content)) {
@@ -241,7 +241,7 @@ bool Machine::Input::readKnownHead(const FrameHeader& header, const unsigned cha
     return readMessageHead(header, bytes.data(), m_known.head);
 }
 
-bool Machine::Input::handleMessage(const FrameHeader& header, const unsigned char* content)
+bool Input::handleMessage(const FrameHeader& header, const unsigned char* content)
 {
     if (readKnownHead(header, content)) {
         return true;
@@ -272,7 +272,7 @@ bool Machine::Input::handleMessage(const FrameHeader& header, const unsigned cha
     return false;
 }
 
-bool Machine::Input::begin(const FrameHeader& header, const unsigned char* content)
+bool Input::begin(const FrameHeader& header, const unsigned char* content)
 {
     const char* const name = ruleOf(header.kind).name;
     // Everything that outlives this frame's bytes is copied: the head's block also feeds the views in `Head`.
@@ -305,7 +305,7 @@ bool Machine::Input::begin(const FrameHeader& header, const unsigned char* conte
     return false;
 }
 
-bool Machine::Input::handlePartial(const FrameHeader& header, const unsigned char* content, std::size_t size)
+bool Input::handlePartial(const FrameHeader& header, const unsigned char* content, std::size_t size)
 {
     auto found = m_partials.find(header.stream);
     if (found == m_partials.end()) {
@@ -321,7 +321,7 @@ bool Machine::Input::handlePartial(const FrameHeader& header, const unsigned cha
     return m_remaining == 0 && endOfFrame();
 }
 
-bool Machine::Input::endOfFrame()
+bool Input::endOfFrame()
 {
     Partial* const partial = std::exchange(m_current, nullptr);
     if (m_currentHasMore) {
@@ -338,8 +338,7 @@ bool Machine::Input::endOfFrame()
     return false;
 }
 
-void Machine::Input::deliver(const FrameHeader& header, const Head& head, Payload payload,
-                             std::shared_ptr<HeaderSource> source)
+void Input::deliver(const FrameHeader& header, const Head& head, Payload payload, std::shared_ptr<HeaderSource> source)
 {
     const auto kind = static_cast<Kind>(header.kind);
     if (kind == Kind::eREQUEST) {
@@ -362,7 +361,7 @@ void Machine::Input::deliver(const FrameHeader& header, const Head& head, Payloa
     }
 }
 
-bool Machine::Input::fail(std::string reason)
+bool Input::fail(std::string reason)
 {
     m_hasFailed = true;
     m_reason = std::move(reason);

@@ -4,25 +4,51 @@
 #include "protocol/Body.h"
 #include "protocol/Frame.h"
 #include "protocol/Head.h"
-#include "protocol/Machine.h"
+#include "protocol/Hello.h"
+#include "protocol/IMachineListener.h"
+#include "protocol/Limits.h"
 #include "protocol/Shared.h"
 
+#include <cstdint>
 #include <map>
+#include <memory>
+#include <span>
+#include <string>
 #include <vector>
 
 namespace kesa::commadapter::protocol {
 
 /// Reads frames. Small ones are taken out of one receive buffer; the body of a larger one is read straight into its
-/// block: `m_current` then says which, and `inputBuffer` leads there until the frame is complete.
-class Machine::Input {
+/// block: `m_current` then says which, and `buffer` leads there until the frame is complete.
+/// On the loop, but for the last three.
+class Input {
 public:
     Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared);
 
-    std::span<unsigned char> inputBuffer();
+    /// Where the next bytes belong, never empty unless held: a large body is read straight into its block, which grows
+    /// with what arrives, or has arrived before, not by what was declared.
+    std::span<unsigned char> buffer();
+    /// `size` bytes were put at the start of the last `buffer`. True: the peer broke the protocol, `reason` says how,
+    /// and the connection must be closed; nothing is called any more.
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
+    /// Handles what a hold has left of what was received, as `received` would have.
     [[nodiscard]] bool readOn() { return m_hasFailed || readFrames(); }
     const std::string& reason() const noexcept { return m_reason; }
+    /// What "$client-id" reads in the requests that arrive from now on, whatever the sender wrote there; usually set in
+    /// `onHello`. Costs nothing per request, unlike `Request::setHeader`.
     void setClientId(std::string id) { m_clientId = std::make_shared<const std::string>(std::move(id)); }
+    /// Pongs to be sent, since the last question: the owner takes its lock and calls `pong` that often.
+    unsigned takePongsOwed() noexcept { return m_shared.pongsOwed.exchange(0, std::memory_order_relaxed); }
+    /// How many pongs have come.
+    std::uint64_t pongs() const noexcept { return m_pongs; }
+    /// When the last byte came in.
+    comm::TimeNs lastReceived() const noexcept { return m_shared.lastReceived.load(std::memory_order_relaxed); }
+
+    /// From the next frame on nothing is handled, in the order it came, until `release` and then `readOn`. The owner
+    /// reads nothing meanwhile, so it waits at the peer. These three on any thread, also inside a callback.
+    void hold() noexcept { m_shared.isHeld.store(true, std::memory_order_relaxed); }
+    void release() noexcept { m_shared.isHeld.store(false, std::memory_order_relaxed); }
+    bool isHeld() const noexcept { return m_shared.isHeld.load(std::memory_order_relaxed); }
 
 private:
     /// A message with a larger body, part of which has arrived.
@@ -77,6 +103,7 @@ private:
     [[nodiscard]] bool readKnownHead(const FrameHeader& header, const unsigned char* content);
     KnownHead m_known;
 
+    std::uint64_t m_pongs = 0;
     bool m_hasHello = false;
     bool m_hasFailed = false;
     std::string m_reason;

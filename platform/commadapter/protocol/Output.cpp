@@ -15,7 +15,7 @@ comm::TimeNs after(comm::TimeNs now, comm::TimeNs pause) noexcept
 
 } // namespace
 
-Machine::Output::Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
+Output::Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now)
     : m_role(role), m_limits(limits), m_shared(shared), m_helloDeadline(after(now, limits.helloTimeout))
 {
     Hello hello = own;
@@ -26,7 +26,7 @@ Machine::Output::Output(Role role, const Hello& own, const Limits& limits, Share
     m_queue.push(Kind::eHELLO, 0, 0, Payload::getEmpty());
 }
 
-Machine::Sent Machine::Output::attach(std::uint32_t target, std::string_view path)
+Sent Output::attach(std::uint32_t target, std::string_view path)
 {
     if (path.empty() || path.size() > MAX_PATH_BYTES) {
         return Sent::eTOO_LARGE;
@@ -36,28 +36,28 @@ Machine::Sent Machine::Output::attach(std::uint32_t target, std::string_view pat
     return finish(Kind::eATTACH, 0, target, head, Payload::getEmpty());
 }
 
-Machine::Sent Machine::Output::request(std::uint32_t stream, std::uint32_t target, const Request& request)
+Sent Output::request(std::uint32_t stream, std::uint32_t target, const Request& request)
 {
     HeadWriter head(m_queue.begin());
     head.request(request);
     return finish(Kind::eREQUEST, stream, target, head, request.getPayload());
 }
 
-Machine::Sent Machine::Output::answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent)
+Sent Output::answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent)
 {
     HeadWriter head(m_queue.begin());
     head.response(response);
     return finish(kind, stream, response.getStatus(), head, response.getPayload(), isPersistent);
 }
 
-void Machine::Output::error(std::uint32_t stream, const Response& response)
+void Output::error(std::uint32_t stream, const Response& response)
 {
     if (answer(Kind::eERROR, stream, response) != Sent::eQUEUED) {
         m_queue.push(Kind::eERROR, stream, response.getStatus());
     }
 }
 
-Machine::Sent Machine::Output::tryAnswer(const Response& response)
+Sent Output::tryNext(const Response& response)
 {
     HeadWriter head(m_queue.begin());
     head.response(response);
@@ -66,8 +66,8 @@ Machine::Sent Machine::Output::tryAnswer(const Response& response)
     return verdict;
 }
 
-Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
-                                      const Payload& body, bool isPersistent)
+Sent Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head, const Payload& body,
+                    bool isPersistent)
 {
     const Sent verdict = close(head, body);
     if (verdict == Sent::eQUEUED) {
@@ -78,7 +78,7 @@ Machine::Sent Machine::Output::finish(Kind kind, std::uint32_t stream, std::uint
     return verdict;
 }
 
-Machine::Sent Machine::Output::close(HeadWriter& head, const Payload& body)
+Sent Output::close(HeadWriter& head, const Payload& body)
 {
     const std::size_t limit =
         std::min(m_limits.maxMessageBytes, m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed));
@@ -107,7 +107,7 @@ Machine::Sent Machine::Output::close(HeadWriter& head, const Payload& body)
 }
 
 /// In words that mean the same on both sides, as the other one may be told.
-const char* Machine::Output::whoseLimit() const
+const char* Output::whoseLimit() const
 {
     const std::size_t peers = m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed);
     return m_limits.maxMessageBytes == peers                                 ? "both processes"
@@ -115,7 +115,7 @@ const char* Machine::Output::whoseLimit() const
                                                                              : "the serving process";
 }
 
-Machine::Cancelled Machine::Output::cancel(std::uint32_t stream)
+Cancelled Output::cancel(std::uint32_t stream)
 {
     if (m_queue.drop(stream, Kind::eREQUEST)) {
         return Cancelled::eNEVER_SENT;
@@ -124,14 +124,14 @@ Machine::Cancelled Machine::Output::cancel(std::uint32_t stream)
     return Cancelled::eASKED;
 }
 
-void Machine::Output::pong()
+void Output::pong()
 {
     if (!m_queue.hasPong()) { // one answers all pings before it
         m_queue.push(Kind::ePONG, 0, 0);
     }
 }
 
-void Machine::Output::sent(std::size_t size, comm::TimeNs now)
+void Output::sent(std::size_t size, comm::TimeNs now)
 {
     if (size == 0) {
         return;
@@ -144,13 +144,13 @@ void Machine::Output::sent(std::size_t size, comm::TimeNs now)
 
 // ---- deadlines ------------------------------------------------------------------------------------------------
 
-bool Machine::Output::isProbing() const noexcept
+bool Output::isProbing() const noexcept
 {
     return m_probeDeadline != comm::NEVER &&
            m_shared.receivedCount.load(std::memory_order_relaxed) == m_receivedAtProbe;
 }
 
-void Machine::Output::probe(comm::TimeNs now)
+void Output::probe(comm::TimeNs now)
 {
     if (isProbing()) {
         return;
@@ -162,13 +162,13 @@ void Machine::Output::probe(comm::TimeNs now)
     }
 }
 
-comm::TimeNs Machine::Output::nextDeadline() const noexcept
+comm::TimeNs Output::nextDeadline() const noexcept
 {
     const bool awaitsHello = !m_shared.hasHello.load(std::memory_order_relaxed);
     return std::min(awaitsHello ? m_helloDeadline : comm::NEVER, isProbing() ? m_probeDeadline : comm::NEVER);
 }
 
-bool Machine::Output::expired(comm::TimeNs now, std::string& why) const
+bool Output::expired(comm::TimeNs now, std::string& why) const
 {
     if (!m_shared.hasHello.load(std::memory_order_relaxed) && now >= m_helloDeadline) {
         why = fmt::format("{} {} ms", NO_HELLO, m_limits.helloTimeout / comm::MILLISECOND);
@@ -181,7 +181,7 @@ bool Machine::Output::expired(comm::TimeNs now, std::string& why) const
     return false;
 }
 
-void Machine::Output::restartDeadlines(comm::TimeNs now)
+void Output::restartDeadlines(comm::TimeNs now)
 {
     m_helloDeadline = after(now, m_limits.helloTimeout);
     if (m_probeDeadline != comm::NEVER) {

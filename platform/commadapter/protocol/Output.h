@@ -2,37 +2,93 @@
 #define KESA_COMMADAPTER_PROTOCOL_OUTPUT_H
 
 #include "protocol/Head.h"
-#include "protocol/Machine.h"
+#include "protocol/Hello.h"
+#include "protocol/Limits.h"
 #include "protocol/SendQueue.h"
 #include "protocol/Shared.h"
 
+#include <sys/uio.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
 #include <string>
+#include <string_view>
 
 namespace kesa::commadapter::protocol {
 
-/// Encodes messages into the queue, and watches the deadlines.
-class Machine::Output {
+enum class Sent {
+    eQUEUED,
+    eTOO_LARGE, ///< larger than either side's limit: nothing was queued
+    eINVALID,   ///< text that is not UTF-8, or a header that cannot be written: nothing was queued
+};
+enum class Cancelled {
+    eASKED,      ///< the peer is asked; its completed or error still comes and frees the stream
+    eNEVER_SENT, ///< the request was taken back before its first byte left: the stream is over, nothing will come
+};
+
+/// Encodes messages into the queue, and watches the deadlines. The owner's lock is held around every call.
+class Output {
 public:
+    /// Queues the own hello.
     Output(Role role, const Hello& own, const Limits& limits, Shared& shared, comm::TimeNs now);
 
+    /// What is refused is the path of no service: more than 4096 bytes, or not UTF-8.
     Sent attach(std::uint32_t target, std::string_view path);
+    void attached(std::uint32_t target) { m_queue.push(Kind::eATTACHED, 0, target); }
+    /// From the server: the path is gone. From the client: no more interest in it.
+    void detached(std::uint32_t target) { m_queue.push(Kind::eDETACHED, 0, target); }
     [[nodiscard]] Sent request(std::uint32_t stream, std::uint32_t target, const Request& request);
-    [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent = false);
-    [[nodiscard]] Sent tryAnswer(const Response& response);
+    [[nodiscard]] Sent next(std::uint32_t stream, const Response& response, bool isPersistent = false)
+    {
+        return answer(Kind::eNEXT, stream, response, isPersistent);
+    }
+    /// What `next` would answer.
+    [[nodiscard]] Sent tryNext(const Response& response);
+    /// What is wrong with the message that was refused last, as the end of a sentence.
     const std::string& refusal() const noexcept { return m_refusal; }
+    /// An error whose text does not fit is sent without it.
     void error(std::uint32_t stream, const Response& response);
+    void completed(std::uint32_t stream) { m_queue.push(Kind::eCOMPLETED, stream, 0); }
+    /// Takes back what is queued of that stream and not yet begun to be written; a message begun is finished, and the
+    /// cancel follows it.
     [[nodiscard]] Cancelled cancel(std::uint32_t stream);
+    /// Drops the queued, not yet begun values of a stream that is being ended by the serving side.
+    void dropQueued(std::uint32_t stream) { m_queue.drop(stream, Kind::eNEXT); }
+    void ping() { m_queue.push(Kind::ePING, 0, 0); }
     void pong();
-    SendQueue& queue() noexcept { return m_queue; }
-    const SendQueue& queue() const noexcept { return m_queue; }
 
+    /// Bytes queued and not yet sent.
+    std::size_t queuedBytes() const noexcept { return m_queue.bytes(); }
+    /// Those of values of persistent streams; one that has begun to leave may count as a whole.
+    std::size_t persistentBytes() const noexcept { return m_queue.persistentBytes(); }
+    /// Bytes queued for one stream.
+    std::size_t queuedBytes(std::uint32_t stream) { return m_queue.bytes(stream); }
+    /// How many bytes will have been sent once all that is queued has.
+    std::uint64_t queueEnd() const noexcept { return m_queue.end(); }
+    /// Whether a byte of a stream's request is still queued. `endThen`: what `queueEnd` was right after `request`; it
+    /// spares a search for nearly all that have been sent.
+    bool isUnsent(std::uint32_t stream, std::uint64_t endThen)
+    {
+        return m_queue.holds(stream, Kind::eREQUEST, endThen);
+    }
+    /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
+    /// next call.
+    std::size_t gather(std::span<iovec> out) { return m_queue.gather(out); }
+    /// `size` bytes of the last `gather` were written.
     void sent(std::size_t size, comm::TimeNs now);
+
+    /// Sends a ping unless one is under way: something is owed, and the peer has to show that it lives.
     void probe(comm::TimeNs now);
+    /// When `expired` has to be asked next; `comm::NEVER` when nothing is awaited.
     comm::TimeNs nextDeadline() const noexcept;
+    /// True: no hello in time, or no byte since the probe; `why` is set. Before asking, the owner reads what is there.
     bool expired(comm::TimeNs now, std::string& why) const;
+    /// The loop itself did not run for a while: every deadline starts anew.
     void restartDeadlines(comm::TimeNs now);
 
 private:
+    [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent = false);
     [[nodiscard]] Sent finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
                               const Payload& body, bool isPersistent = false);
     /// Completes the head, and judges the message by both sides' limits.

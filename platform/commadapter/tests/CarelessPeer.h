@@ -13,7 +13,7 @@ namespace kesa::commadapter::test {
 /// A process (group 9) that says on a connection what its machine is told, without judging it.
 class CarelessPeer final : public transport::IStreamListener {
 public:
-    CarelessPeer(transport::MemoryNetwork& network, protocol::Machine::Role role)
+    CarelessPeer(transport::MemoryNetwork& network, protocol::Role role)
         : m_transport(network.makeTransport(m_loop, 9)),
           m_machine(role, protocol::testing::helloOf("careless"), {}, m_heard, 0)
     {}
@@ -65,9 +65,9 @@ private:
     void onReadable() override
     {
         std::size_t size = 0;
-        const auto result = m_stream->read(m_machine.inputBuffer(), size);
+        const auto result = m_stream->read(m_machine.input.buffer(), size);
         if (result == transport::IStream::Result::eDONE) {
-            EXPECT_FALSE(m_machine.received(size, comm::now()));
+            EXPECT_FALSE(m_machine.input.received(size, comm::now()));
         } else if (result == transport::IStream::Result::eENDED) {
             m_stream->setReading(false);
         }

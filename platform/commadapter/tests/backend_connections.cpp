@@ -60,7 +60,7 @@ TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
                                      {later, "of another version: no common protocol version: "},
                                      {"", "stopped or blocked: no hello within 3000 ms"}}) {
         restart();
-        CarelessPeer peer(*network, protocol::Machine::Role::eSERVER);
+        CarelessPeer peer(*network, protocol::Role::eSERVER);
         peer.listen("server");
         auto backend = makeBackend("client");
         Client client(*backend, "ipc://server/service");

@@ -5,7 +5,8 @@
 namespace kesa::commadapter::test {
 namespace {
 
-using protocol::Machine;
+using protocol::Role;
+using protocol::Sent;
 
 enum class Answer { eNEXT, eERROR, eCOMPLETED };
 constexpr std::uint32_t SENT = 1;
@@ -19,12 +20,12 @@ protected:
     {
         faults.pipeBytes = 4096;
         network->setFaults(faults);
-        server = std::make_unique<CarelessPeer>(*network, Machine::Role::eSERVER);
+        server = std::make_unique<CarelessPeer>(*network, Role::eSERVER);
         server->listen("careless");
         backend = makeBackend("client");
         client = std::make_unique<Client>(*backend, "ipc://careless/service");
         settle();
-        server->machine().attached(1);
+        server->machine().output.attached(1);
         server->send();
         settle();
         server->stopReading();
@@ -37,11 +38,11 @@ protected:
     void answer(Answer kind)
     {
         if (kind == Answer::eNEXT) {
-            ASSERT_EQ(server->machine().next(stream, value("x")), Machine::Sent::eQUEUED);
+            ASSERT_EQ(server->machine().output.next(stream, value("x")), Sent::eQUEUED);
         } else if (kind == Answer::eERROR) {
-            server->machine().error(stream, Response::createErrorResponse(409, "taken"));
+            server->machine().output.error(stream, Response::createErrorResponse(409, "taken"));
         } else {
-            server->machine().completed(stream);
+            server->machine().output.completed(stream);
         }
     }
     Outcome& of(std::uint32_t number) { return *requests[number - 1]; }

@@ -13,6 +13,7 @@ using testing::AllOf;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
 using testing::SizeIs;
 using testing::StartsWith;
 
@@ -299,12 +300,12 @@ TEST_F(BackendNumbers, OfRequestsRunOutAndComeBack)
 
 TEST_F(BackendNumbers, AreNotKeptByAPeerThatEndsNothing)
 {
-    CarelessPeer careless(*network, protocol::Machine::Role::eSERVER);
+    CarelessPeer careless(*network, protocol::Role::eSERVER);
     careless.listen("careless");
     clientBackend = makeBackend("client");
     Client asker(*clientBackend, "ipc://careless/service");
     settle();
-    careless.machine().attached(1);
+    careless.machine().output.attached(1);
     careless.send();
     settle();
     for (std::uint32_t i = 0; i < MAX_STREAMS; ++i) {
@@ -319,7 +320,7 @@ TEST_F(BackendNumbers, AreNotKeptByAPeerThatEndsNothing)
     };
     EXPECT_TRUE(isFull());
     scheduler->runFor(settings.heartbeat);
-    careless.machine().completed(1);
+    careless.machine().output.completed(1);
     careless.send();
     settle();
     EXPECT_FALSE(isFull());

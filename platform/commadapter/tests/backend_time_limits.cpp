@@ -206,10 +206,10 @@ TEST_F(BackendTimeLimitsRemote, ServerRefusesWhatIsNoLimit)
 {
     begin();
     service.onRequest = [](const Request&) { ADD_FAILURE() << "it reached the service"; };
-    CarelessPeer careless(*network, protocol::Machine::Role::eCLIENT);
+    CarelessPeer careless(*network, protocol::Role::eCLIENT);
     careless.connect("ipc://server/service");
     settle();
-    ASSERT_EQ(careless.machine().attach(1, "/service"), protocol::Machine::Sent::eQUEUED);
+    ASSERT_EQ(careless.machine().output.attach(1, "/service"), protocol::Sent::eQUEUED);
     careless.send();
     std::uint32_t stream = 0;
     for (const std::string& bad : {std::string("\x64soon"), std::string("\xF9\x7E\x01"), std::string("\xF9\x7C\x00", 3),

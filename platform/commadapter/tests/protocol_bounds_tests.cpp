@@ -44,7 +44,7 @@ Bytes hello(const Bytes& versions = {16, 1, 17, 1})
     return frame(1, 0, 0, 0, joined({{0xBF}, versions, {0xFF}}));
 }
 
-std::string reasonOf(Machine::Role role, const Bytes& bytes, const Limits& limits = {}, std::size_t atMost = SIZE_MAX)
+std::string reasonOf(Role role, const Bytes& bytes, const Limits& limits = {}, std::size_t atMost = SIZE_MAX)
 {
     Recorder recorder;
     Machine machine(role, helloOf("me"), limits, recorder, 0);
@@ -52,16 +52,16 @@ std::string reasonOf(Machine::Role role, const Bytes& bytes, const Limits& limit
         return "";
     }
     const std::size_t heard = recorder.lines.size();
-    EXPECT_TRUE(machine.received(0, 0)) << "it stays so";
-    EXPECT_FALSE(machine.inputBuffer().empty());
+    EXPECT_TRUE(machine.input.received(0, 0)) << "it stays so";
+    EXPECT_FALSE(machine.input.buffer().empty());
     EXPECT_EQ(recorder.lines.size(), heard);
-    return machine.reason();
+    return machine.input.reason();
 }
 
 /// What is wrong behind a hello, and the reason.
 using Offences = std::vector<std::pair<Bytes, std::string>>;
 
-void expectReasons(Machine::Role role, const Offences& offences)
+void expectReasons(Role role, const Offences& offences)
 {
     for (const auto& [bytes, reason] : offences) {
         EXPECT_EQ(reasonOf(role, joined({hello(), bytes})), reason);
@@ -82,7 +82,7 @@ TEST(ProtocolBounds, TheFirstMessageIsHelloAndOnlyTheFirst)
              {hello({20, 0x41, 0}), broken + "the instance is not 16 bytes"},
              {hello({21, 1}), broken + "the listeners are not an array"},
          }) {
-        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, bytes), reason);
+        EXPECT_EQ(reasonOf(Role::eSERVER, bytes), reason);
     }
 }
 
@@ -101,8 +101,8 @@ TEST(ProtocolBounds, RolesNumbersAndParts)
         {claim(10, 11), "head of 11 bytes in a frame of 10"},
         {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
     };
-    expectReasons(Machine::Role::eSERVER, ofClient);
-    expectReasons(Machine::Role::eCLIENT,
+    expectReasons(Role::eSERVER, ofClient);
+    expectReasons(Role::eCLIENT,
                   {{frame(5, 0, 1, 1), "request from a server"}, {frame(8, 0, 1, 200), "completed with target 200"}});
 }
 
@@ -112,7 +112,7 @@ TEST(ProtocolBounds, UnknownKindsThatMayBeIgnoredAreSkipped)
     ASSERT_FALSE(feed(pair.server, joined({frame(200, FLAG_MAY_BE_IGNORED | FLAG_MORE, 7, 7, {1, 2, 3}, 60000),
                                            frame(10, FLAG_MAY_BE_IGNORED, 0, 0), frame(9, 0, 4, 0)})));
     EXPECT_EQ(pair.atServer.lines, (std::vector<std::string>{"cancel 4"}));
-    EXPECT_EQ(pair.server.takePongsOwed(), 1U);
+    EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
 }
 
 TEST(ProtocolBounds, BrokenHeads)
@@ -133,13 +133,13 @@ TEST(ProtocolBounds, BrokenHeads)
         {joined({{0xBF, 0x61, 'k'}, deep, {0xFF}}), "nested too deeply"},
     };
     for (const auto& [head, why] : heads) {
-        EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})),
+        EXPECT_EQ(reasonOf(Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, head)})),
                   "broken head of request: " + why);
     }
     // Of a later version or tagged: read over. Of a form this side has no value for: there, and nothing.
     const Bytes odd = {0xBF, 14, 0x9F, 1, 0xFF, 0x18, 99, 0xF6, 0xC1, 1, 0xC1, 0x61, 'p', 0x61, 'b', 0x41, 0, 0xFF};
     Pair pair;
-    ASSERT_FALSE(feed(pair.server, frame(5, 0, 1, 1, odd))) << pair.server.reason();
+    ASSERT_FALSE(feed(pair.server, frame(5, 0, 1, 1, odd))) << pair.server.input.reason();
     EXPECT_EQ(pair.atServer.lines, (std::vector<std::string>{R"(request 1 1  p <> {"b":null})"}));
 }
 
@@ -152,7 +152,7 @@ TEST(ProtocolBounds, FragmentsAreFullCountedAndOfOneMessage)
     Bytes cancel = frame(9, 0, 1, 0);
     Bytes plain = frame(5, 0, 1, 1, {0xBF, 0xFF});
     expectReasons(
-        Machine::Role::eSERVER,
+        Role::eSERVER,
         {
             {frame(5, FLAG_MORE, 1, 1, {0xBF, 0xFF}, 100), "fragment of 102 bytes, all but the last have 65536"},
             {frame(5, FLAG_MORE, 1, 1, {0xBF, 0xFF}, FRAME_BYTES - 2), "fragmented request without a body size"},
@@ -168,12 +168,12 @@ TEST(ProtocolBounds, FragmentsAreFullCountedAndOfOneMessage)
         });
     Limits limits;
     limits.maxPartialMessages = 2;
-    EXPECT_EQ(reasonOf(Machine::Role::eSERVER,
+    EXPECT_EQ(reasonOf(Role::eSERVER,
                        joined({hello(), firstFragment(1, 200000), firstFragment(2, 200000), firstFragment(3, 200000)}),
                        limits),
               "more than 2 fragmented messages at once");
     limits.maxMessageBytes = 1000;
-    EXPECT_EQ(reasonOf(Machine::Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {}, 1001)}), limits),
+    EXPECT_EQ(reasonOf(Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {}, 1001)}), limits),
               "request of 1001 bytes, more than 1000");
 }
 
@@ -196,14 +196,14 @@ TEST(ProtocolBounds, AsMuchAsHasArrivedWholeIsKeptAtOnceForOneBodyAtATime)
 {
     constexpr std::uint32_t SIZE = 1U << 20U;
     Recorder recorder;
-    Machine machine(Machine::Role::eSERVER, helloOf("me"), {}, recorder, 0);
+    Machine machine(Role::eSERVER, helloOf("me"), {}, recorder, 0);
     ASSERT_FALSE(feed(machine, hello()));
     /// Begins a body, up to the second fragment, for which there is room at once or not.
     const auto begin = [&machine](std::uint32_t stream, std::uint32_t size) {
         EXPECT_FALSE(feed(machine, firstFragment(stream, size)));
         const Bytes second = frame(5, FLAG_MORE, stream, 1, {}, FRAME_BYTES);
         EXPECT_FALSE(feed(machine, std::span(second).first(HEADER_BYTES)));
-        return machine.inputBuffer().size() >= FRAME_BYTES;
+        return machine.input.buffer().size() >= FRAME_BYTES;
     };
     const auto end = [&machine](std::uint32_t stream) { // of what `begin` began
         EXPECT_FALSE(feed(machine, Bytes(FRAME_BYTES, 'b')));

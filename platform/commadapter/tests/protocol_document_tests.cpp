@@ -58,7 +58,7 @@ void readVectors(const char* document, std::vector<Vector>& vectors)
     }
 }
 
-Bytes helloBytes(Machine::Role role, const Hello& hello)
+Bytes helloBytes(Role role, const Hello& hello)
 {
     Recorder nobody;
     Limits limits;
@@ -80,7 +80,7 @@ std::string heard(const Recorder& hearer, Machine& receiver, const std::string& 
     if (text == "pong") {
         return text; // nobody hears it
     }
-    return receiver.takePongsOwed() == 1 ? "ping" : "(nothing)";
+    return receiver.input.takePongsOwed() == 1 ? "ping" : "(nothing)";
 }
 
 TEST(ProtocolDocument, ItsVectorsAreReadAndWritten)
@@ -94,29 +94,29 @@ TEST(ProtocolDocument, ItsVectorsAreReadAndWritten)
     for (const Vector& vector : vectors) {
         SCOPED_TRACE(vector.sender + vector.mark + ' ' + vector.text);
         const bool isFromClient = vector.sender == "client";
-        const auto sender = isFromClient ? Machine::Role::eCLIENT : Machine::Role::eSERVER;
+        const auto sender = isFromClient ? Role::eCLIENT : Role::eSERVER;
         Recorder hearer;
         Recorder nobody;
         Machine echo(sender, helloOf("me"), {}, nobody, 0);
         takeAll(echo);
         hearer.echo = &echo;
-        Machine receiver(isFromClient ? Machine::Role::eSERVER : Machine::Role::eCLIENT, helloOf("me"), {}, hearer, 0);
+        Machine receiver(isFromClient ? Role::eSERVER : Role::eCLIENT, helloOf("me"), {}, hearer, 0);
         if (vector.bytes.at(4) != static_cast<unsigned char>(Kind::eHELLO)) {
             ASSERT_FALSE(feed(receiver, helloBytes(sender, helloOf("peer"))));
             hearer.lines.clear();
         }
         if (vector.mark == '!') {
             EXPECT_TRUE(feed(receiver, vector.bytes));
-            EXPECT_EQ(receiver.reason(), vector.text);
+            EXPECT_EQ(receiver.input.reason(), vector.text);
             continue;
         }
-        ASSERT_FALSE(feed(receiver, vector.bytes)) << receiver.reason();
+        ASSERT_FALSE(feed(receiver, vector.bytes)) << receiver.input.reason();
         EXPECT_EQ(heard(hearer, receiver, vector.text), vector.text);
         if (vector.mark == ':') {
             if (vector.text == "ping") {
-                echo.ping();
+                echo.output.ping();
             } else if (vector.text == "pong") {
-                echo.pong();
+                echo.output.pong();
             }
             const bool isHello = vector.text.rfind("hello", 0) == 0;
             EXPECT_EQ(isHello ? helloBytes(sender, hearer.hello) : takeAll(echo), vector.bytes);

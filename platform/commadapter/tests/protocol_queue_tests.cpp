@@ -39,10 +39,10 @@ public:
             }
             checkCounts();
         }
-        while (m_pair.server.queuedBytes() > 0) {
+        while (m_pair.server.output.queuedBytes() > 0) {
             move(1 + draw(300000));
         }
-        ASSERT_EQ(m_pair.server.persistentBytes(), 0U);
+        ASSERT_EQ(m_pair.server.output.persistentBytes(), 0U);
         checkOrder();
     }
 
@@ -54,7 +54,7 @@ private:
         const auto stream = static_cast<std::uint32_t>(1 + draw(5));
         const std::size_t what = draw(20);
         if (what == 0 && !m_onlySmall) {
-            m_pair.server.dropQueued(stream);
+            m_pair.server.output.dropQueued(stream);
             m_dropped[stream] = true;
             return;
         }
@@ -64,17 +64,17 @@ private:
                                  : what < 17 || m_onlySmall  ? draw(60000)
                                                              : draw(400000);
         const Response response(static_cast<unsigned short>(m_count++), large(size));
-        ASSERT_EQ(m_pair.server.next(stream, response, isPersistent(stream)), Machine::Sent::eQUEUED);
+        ASSERT_EQ(m_pair.server.output.next(stream, response, isPersistent(stream)), Sent::eQUEUED);
         m_sent[stream].push_back(describe("next", stream, response));
         m_all.push_back(m_sent[stream].back());
     }
 
     void move(std::size_t bytes)
     {
-        const std::size_t queued = m_pair.server.queuedBytes();
+        const std::size_t queued = m_pair.server.output.queuedBytes();
         const Bytes some = take(m_pair.server, bytes, 1 + draw(8));
-        ASSERT_EQ(m_pair.server.queuedBytes(), queued - some.size());
-        ASSERT_FALSE(feed(m_pair.client, some, 1 + draw(100000))) << m_pair.client.reason();
+        ASSERT_EQ(m_pair.server.output.queuedBytes(), queued - some.size());
+        ASSERT_FALSE(feed(m_pair.client, some, 1 + draw(100000))) << m_pair.client.input.reason();
     }
 
     static bool isPersistent(std::uint32_t stream) { return stream % 2 == 1; }
@@ -86,13 +86,13 @@ private:
         std::size_t total = 0;
         std::size_t persistent = 0;
         for (std::uint32_t stream = 1; stream <= 5; ++stream) {
-            const std::size_t queued = m_pair.server.queuedBytes(stream);
+            const std::size_t queued = m_pair.server.output.queuedBytes(stream);
             total += queued;
             persistent += isPersistent(stream) ? queued : 0;
         }
-        ASSERT_EQ(total, m_pair.server.queuedBytes());
-        ASSERT_GE(m_pair.server.persistentBytes(), persistent);
-        ASSERT_LE(m_pair.server.persistentBytes(), persistent + 65'552) << "one that is leaving";
+        ASSERT_EQ(total, m_pair.server.output.queuedBytes());
+        ASSERT_GE(m_pair.server.output.persistentBytes(), persistent);
+        ASSERT_LE(m_pair.server.output.persistentBytes(), persistent + 65'552) << "one that is leaving";
     }
 
     void checkOrder()
@@ -139,17 +139,16 @@ TEST(ProtocolQueue, LargeMessagesTakeTurnsAndStarveNobody)
 {
     Pair pair;
     for (std::uint32_t stream = 1; stream <= 40; ++stream) { // more than go on at once
-        ASSERT_EQ(pair.server.next(stream, Response(200, large(stream == 1 ? 1000000 : 100000))),
-                  Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.server.output.next(stream, Response(200, large(stream == 1 ? 1000000 : 100000))), Sent::eQUEUED);
     }
     // A steady flow of small ones neither stops the large ones nor is stopped by them.
     std::size_t small = 0;
-    while (pair.server.queuedBytes() > 0) {
+    while (pair.server.output.queuedBytes() > 0) {
         if (small < 400) {
-            ASSERT_EQ(pair.server.next(100, Response(200, large(40000))), Machine::Sent::eQUEUED);
+            ASSERT_EQ(pair.server.output.next(100, Response(200, large(40000))), Sent::eQUEUED);
             ++small;
         }
-        ASSERT_FALSE(feed(pair.client, take(pair.server, 40000))) << pair.client.reason();
+        ASSERT_FALSE(feed(pair.client, take(pair.server, 40000))) << pair.client.input.reason();
     }
     const auto& lines = pair.atClient.lines;
     const auto at = [&](std::uint32_t stream) {
@@ -170,30 +169,31 @@ TEST(ProtocolQueue, ARequestThatHasNotBegunIsTakenBack)
         const auto unsent = [&pair, &ends] {
             std::string streams;
             for (const std::uint32_t stream : {1U, 2U, 3U}) {
-                streams += pair.client.isUnsent(stream, ends[stream]) ? std::to_string(stream) : "";
+                streams += pair.client.output.isUnsent(stream, ends[stream]) ? std::to_string(stream) : "";
             }
             return streams;
         };
         for (const std::uint32_t stream : {1U, 2U, 3U}) {
-            ASSERT_EQ(pair.client.request(stream, 1, request), Machine::Sent::eQUEUED);
-            ends[stream] = pair.client.queueEnd();
+            ASSERT_EQ(pair.client.output.request(stream, 1, request), Sent::eQUEUED);
+            ends[stream] = pair.client.output.queueEnd();
         }
         ASSERT_FALSE(feed(pair.server, take(pair.client, 5))); // the first has begun
         EXPECT_EQ(unsent(), "123");
-        EXPECT_EQ(pair.client.cancel(1), Machine::Cancelled::eASKED);
-        EXPECT_EQ(pair.client.cancel(2), Machine::Cancelled::eNEVER_SENT);
+        EXPECT_EQ(pair.client.output.cancel(1), Cancelled::eASKED);
+        EXPECT_EQ(pair.client.output.cancel(2), Cancelled::eNEVER_SENT);
         EXPECT_EQ(unsent(), "13");
-        EXPECT_EQ(pair.client.queuedBytes(), pair.client.queuedBytes(1) + pair.client.queuedBytes(3));
+        EXPECT_EQ(pair.client.output.queuedBytes(),
+                  pair.client.output.queuedBytes(1) + pair.client.output.queuedBytes(3));
         while (unsent().size() == 2) {
             ASSERT_FALSE(feed(pair.server, take(pair.client, 5 + size / 10)));
         }
         EXPECT_EQ(unsent(), "3") << "whatever was taken back before";
-        ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+        ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.input.reason();
         EXPECT_EQ(unsent(), "");
         EXPECT_EQ(linesOf(pair.atServer.lines, 1), (std::vector{describe(1, 1, request), std::string("cancel 1")}));
         EXPECT_TRUE(linesOf(pair.atServer.lines, 2).empty());
         EXPECT_EQ(linesOf(pair.atServer.lines, 3).size(), 1U);
-        EXPECT_EQ(pair.client.cancel(3), Machine::Cancelled::eASKED) << "it has left";
+        EXPECT_EQ(pair.client.output.cancel(3), Cancelled::eASKED) << "it has left";
     }
 }
 
@@ -203,16 +203,16 @@ TEST(ProtocolQueue, WhatStandsAmongManyThatWereTakenBackIsSentWhole)
     const Request request("update", "/", large(5000));
     std::vector<std::string> left;
     for (std::uint32_t stream = 1; stream <= 3000; ++stream) {
-        ASSERT_EQ(pair.client.request(stream, 1, request), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.client.output.request(stream, 1, request), Sent::eQUEUED);
     }
     for (std::uint32_t stream = 1; stream <= 3000; ++stream) {
         if (stream > 2500 || stream % 100 == 0) {
             left.push_back(describe(stream, 1, request));
         } else {
-            ASSERT_EQ(pair.client.cancel(stream), Machine::Cancelled::eNEVER_SENT);
+            ASSERT_EQ(pair.client.output.cancel(stream), Cancelled::eNEVER_SENT);
         }
     }
-    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.input.reason();
     EXPECT_EQ(pair.atServer.lines, left);
 }
 
@@ -220,11 +220,11 @@ TEST(ProtocolQueue, ManySmallMessagesLeaveInOnePiece)
 {
     Pair pair;
     for (int i = 0; i < 1000; ++i) {
-        ASSERT_EQ(pair.server.next(1, Response(200, large(64))), Machine::Sent::eQUEUED);
+        ASSERT_EQ(pair.server.output.next(1, Response(200, large(64))), Sent::eQUEUED);
     }
     iovec out[4];
-    EXPECT_EQ(pair.server.gather(out), 1U);
-    EXPECT_EQ(out[0].iov_len, pair.server.queuedBytes());
+    EXPECT_EQ(pair.server.output.gather(out), 1U);
+    EXPECT_EQ(out[0].iov_len, pair.server.output.queuedBytes());
 }
 
 TEST(ProtocolQueue, BlockOfABurstIsGivenBackWhileBytesComeAndGo)
@@ -248,12 +248,12 @@ TEST(ProtocolQueue, PingsThatCannotBeAnsweredDoNotPileUp)
 {
     Pair pair;
     for (int i = 0; i < 10000; ++i) {
-        pair.server.pong();
+        pair.server.output.pong();
     }
-    EXPECT_EQ(pair.server.queuedBytes(), 16U);
+    EXPECT_EQ(pair.server.output.queuedBytes(), 16U);
     EXPECT_EQ(takeAll(pair.server).size(), 16U);
-    pair.server.pong();
-    EXPECT_EQ(pair.server.queuedBytes(), 16U) << "the next one is answered again";
+    pair.server.output.pong();
+    EXPECT_EQ(pair.server.output.queuedBytes(), 16U) << "the next one is answered again";
 }
 
 } // namespace

@@ -52,48 +52,48 @@ TEST(ProtocolRoundTrip, WhatIsSentTogetherArrivesThroughAnyCut)
         if (atMost % 2 == 1) {
             pair.atServer.held = &pair.server;
         }
-        pair.client.attach(1, "/media/player");
+        pair.client.output.attach(1, "/media/player");
         for (std::uint32_t stream = 1; const Request& request : requests) {
-            ASSERT_EQ(pair.client.request(stream++, 1, request), Machine::Sent::eQUEUED);
+            ASSERT_EQ(pair.client.output.request(stream++, 1, request), Sent::eQUEUED);
         }
-        EXPECT_EQ(pair.client.cancel(77), Machine::Cancelled::eASKED);
-        pair.client.detached(1);
-        pair.client.ping();
-        ASSERT_FALSE(feed(pair.server, takeAll(pair.client), atMost)) << pair.server.reason();
+        EXPECT_EQ(pair.client.output.cancel(77), Cancelled::eASKED);
+        pair.client.output.detached(1);
+        pair.client.output.ping();
+        ASSERT_FALSE(feed(pair.server, takeAll(pair.client), atMost)) << pair.server.input.reason();
         EXPECT_EQ(pair.atServer.lines, atServer) << "at most " << atMost;
         EXPECT_EQ(pair.atServer.persistent, "1 ");
-        EXPECT_EQ(pair.server.takePongsOwed(), 1U);
-        EXPECT_EQ(pair.server.takePongsOwed(), 0U);
+        EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
+        EXPECT_EQ(pair.server.input.takePongsOwed(), 0U);
 
-        pair.server.pong();
-        ASSERT_EQ(pair.server.next(3, answer), Machine::Sent::eQUEUED);
-        ASSERT_EQ(pair.server.next(4, Response(201, large(65000))), Machine::Sent::eQUEUED);
-        pair.server.error(3, Response::createErrorResponse(409, "service already registered"));
-        pair.server.completed(4);
-        ASSERT_FALSE(feed(pair.client, takeAll(pair.server), atMost)) << pair.client.reason();
+        pair.server.output.pong();
+        ASSERT_EQ(pair.server.output.next(3, answer), Sent::eQUEUED);
+        ASSERT_EQ(pair.server.output.next(4, Response(201, large(65000))), Sent::eQUEUED);
+        pair.server.output.error(3, Response::createErrorResponse(409, "service already registered"));
+        pair.server.output.completed(4);
+        ASSERT_FALSE(feed(pair.client, takeAll(pair.server), atMost)) << pair.client.input.reason();
         EXPECT_EQ(
             pair.atClient.lines,
             (std::vector<std::string>{describe("next", 3, answer), describe("next", 4, Response(201, large(65000))),
                                       "error 3 409 <plain/text>service already registered", "completed 4"}))
             << "at most " << atMost;
-        EXPECT_EQ(pair.server.queuedBytes(), 0U);
+        EXPECT_EQ(pair.server.output.queuedBytes(), 0U);
     }
 }
 
 TEST(ProtocolRoundTrip, TheReceiverSaysWhoTheClientIs)
 {
     Pair pair;
-    pair.server.setClientId("media");
+    pair.server.input.setClientId("media");
     Request request("retrieve", "/");
     request.setHeader(headers::CLIENT_ID, "somebody else");
-    ASSERT_EQ(pair.client.request(1, 1, request), Machine::Sent::eQUEUED);
+    ASSERT_EQ(pair.client.output.request(1, 1, request), Sent::eQUEUED);
     const Bytes sent = takeAll(pair.client);
     EXPECT_EQ(std::string(sent.begin(), sent.end()).find("somebody"), std::string::npos) << "it is not even sent";
     ASSERT_FALSE(feed(pair.server, sent));
     // From a sender of another make: under its number, and under its name.
     const Bytes forged = {10, 0, 0, 0,    5, 0,    10,  0,   2, 0,    0,   0,   1,
                           0,  0, 0, 0xBF, 7, 0x62, 'm', 'e', 4, 0x62, 'h', 'i', 0xFF};
-    ASSERT_FALSE(feed(pair.server, forged)) << pair.server.reason();
+    ASSERT_FALSE(feed(pair.server, forged)) << pair.server.input.reason();
     EXPECT_EQ(pair.atServer.lines,
               (std::vector<std::string>{"request 1 1 retrieve / <> {\"$client-id\":\"media\"}",
                                         "request 2 1   <> {\"$accept\":\"hi\",\"$client-id\":\"media\"}"}));
@@ -114,23 +114,23 @@ TEST(ProtocolRoundTrip, WhatCannotArriveIsRefusedAtTheSender)
     wideHead.setHeader("wide", std::string(61U << 10U, 'w'));
     Request badName("retrieve", "/");
     badName.setHeader("\xC0", 1);
-    EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(100000))), Machine::Sent::eTOO_LARGE);
-    EXPECT_THAT(pair.client.refusal(), ::testing::EndsWith("the configuration of the serving process"));
-    EXPECT_EQ(pair.server.next(1, Response(200, large(100000))), Machine::Sent::eTOO_LARGE);
-    EXPECT_THAT(pair.server.refusal(), ::testing::EndsWith("the configuration of the serving process"));
-    EXPECT_EQ(pair.client.request(1, 1, wideHead), Machine::Sent::eTOO_LARGE);
-    EXPECT_EQ(pair.client.request(1, 1, tooDeep), Machine::Sent::eINVALID);
-    EXPECT_EQ(pair.client.request(1, 1, Request("retrieve", "/\xFF")), Machine::Sent::eINVALID);
-    EXPECT_EQ(pair.client.request(1, 1, badName), Machine::Sent::eINVALID);
-    EXPECT_EQ(pair.client.attach(1, std::string(5000, 'p')), Machine::Sent::eTOO_LARGE);
-    EXPECT_EQ(pair.client.queuedBytes(), 0U) << "nothing of it is queued";
+    EXPECT_EQ(pair.client.output.request(1, 1, Request("retrieve", "/", large(100000))), Sent::eTOO_LARGE);
+    EXPECT_THAT(pair.client.output.refusal(), ::testing::EndsWith("the configuration of the serving process"));
+    EXPECT_EQ(pair.server.output.next(1, Response(200, large(100000))), Sent::eTOO_LARGE);
+    EXPECT_THAT(pair.server.output.refusal(), ::testing::EndsWith("the configuration of the serving process"));
+    EXPECT_EQ(pair.client.output.request(1, 1, wideHead), Sent::eTOO_LARGE);
+    EXPECT_EQ(pair.client.output.request(1, 1, tooDeep), Sent::eINVALID);
+    EXPECT_EQ(pair.client.output.request(1, 1, Request("retrieve", "/\xFF")), Sent::eINVALID);
+    EXPECT_EQ(pair.client.output.request(1, 1, badName), Sent::eINVALID);
+    EXPECT_EQ(pair.client.output.attach(1, std::string(5000, 'p')), Sent::eTOO_LARGE);
+    EXPECT_EQ(pair.client.output.queuedBytes(), 0U) << "nothing of it is queued";
 
     // An error always gets through.
-    pair.server.error(1, Response(409, large(200000)));
+    pair.server.output.error(1, Response(409, large(200000)));
     ASSERT_FALSE(feed(pair.client, takeAll(pair.server)));
     EXPECT_EQ(pair.atClient.lines, (std::vector<std::string>{"error 1 409 <>"}));
-    ASSERT_EQ(pair.client.request(1, 1, Request("retrieve", "/", large(99900))), Machine::Sent::eQUEUED);
-    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.reason();
+    ASSERT_EQ(pair.client.output.request(1, 1, Request("retrieve", "/", large(99900))), Sent::eQUEUED);
+    ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.input.reason();
 }
 
 } // namespace

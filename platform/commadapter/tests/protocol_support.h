@@ -68,37 +68,38 @@ public:
     }
     void onAttach(std::uint32_t target, std::string path) override
     {
-        add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->attach(target, path)); });
+        add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->output.attach(target, path)); });
     }
     void onDetach(std::uint32_t target) override { onDetached(target); }
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
     {
         persistent += isPersistent ? std::to_string(stream) + ' ' : "";
-        add(describe(stream, target, request), [&] { static_cast<void>(echo->request(stream, target, request)); });
+        add(describe(stream, target, request),
+            [&] { static_cast<void>(echo->output.request(stream, target, request)); });
     }
     void onCancel(std::uint32_t stream) override
     {
-        add(line("cancel", stream), [&] { static_cast<void>(echo->cancel(stream)); });
+        add(line("cancel", stream), [&] { static_cast<void>(echo->output.cancel(stream)); });
     }
     void onAttached(std::uint32_t target) override
     {
-        add(line("attached", target), [&] { echo->attached(target); });
+        add(line("attached", target), [&] { echo->output.attached(target); });
     }
     void onDetached(std::uint32_t target) override
     {
-        add(line("detached", target), [&] { echo->detached(target); });
+        add(line("detached", target), [&] { echo->output.detached(target); });
     }
     void onNext(std::uint32_t stream, Response response) override
     {
-        add(describe("next", stream, response), [&] { static_cast<void>(echo->next(stream, response)); });
+        add(describe("next", stream, response), [&] { static_cast<void>(echo->output.next(stream, response)); });
     }
     void onError(std::uint32_t stream, Response error) override
     {
-        add(describe("error", stream, error), [&] { echo->error(stream, error); });
+        add(describe("error", stream, error), [&] { echo->output.error(stream, error); });
     }
     void onCompleted(std::uint32_t stream) override
     {
-        add(line("completed", stream), [&] { echo->completed(stream); });
+        add(line("completed", stream), [&] { echo->output.completed(stream); });
     }
 
     std::vector<std::string> lines;
@@ -113,8 +114,8 @@ private:
         std::string heard, const std::function<void()>& say = [] {})
     {
         if (held != nullptr) {
-            lines.insert(lines.end(), held->isHeld() ? 1 : 0, "called while held");
-            held->hold();
+            lines.insert(lines.end(), held->input.isHeld() ? 1 : 0, "called while held");
+            held->input.hold();
         }
         lines.push_back(std::move(heard));
         if (echo != nullptr) {
@@ -144,13 +145,13 @@ inline Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uin
 inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::size_t atMost = SIZE_MAX)
 {
     while (!bytes.empty()) {
-        const std::span<unsigned char> room = machine.inputBuffer();
+        const std::span<unsigned char> room = machine.input.buffer();
         const std::size_t count = std::min({bytes.size(), room.size(), atMost});
         std::memcpy(room.data(), bytes.data(), count);
-        bool failed = machine.received(count, 0);
-        while (machine.isHeld() && !failed) {
-            machine.release();
-            failed = machine.readOn();
+        bool failed = machine.input.received(count, 0);
+        while (machine.input.isHeld() && !failed) {
+            machine.input.release();
+            failed = machine.input.readOn();
         }
         if (failed) {
             return true;
@@ -165,12 +166,12 @@ inline Bytes take(Machine& machine, std::size_t atMost = SIZE_MAX, std::size_t v
 {
     std::vector<iovec> out(vectors);
     Bytes bytes;
-    const std::size_t count = machine.gather(out);
+    const std::size_t count = machine.output.gather(out);
     for (std::size_t i = 0; i < count && bytes.size() < atMost; ++i) {
         const auto* const from = static_cast<const unsigned char*>(out[i].iov_base);
         bytes.insert(bytes.end(), from, from + std::min(out[i].iov_len, atMost - bytes.size()));
     }
-    machine.sent(bytes.size(), 0);
+    machine.output.sent(bytes.size(), 0);
     return bytes;
 }
 
@@ -195,8 +196,8 @@ inline Hello helloOf(const char* process)
 /// A client and a server that have said hello.
 struct Pair {
     explicit Pair(const Limits& ofClient = {}, const Limits& ofServer = {})
-        : client(Machine::Role::eCLIENT, helloOf("client"), ofClient, atClient, 0),
-          server(Machine::Role::eSERVER, helloOf("server"), ofServer, atServer, 0)
+        : client(Role::eCLIENT, helloOf("client"), ofClient, atClient, 0),
+          server(Role::eSERVER, helloOf("server"), ofServer, atServer, 0)
     {
         if (feed(server, takeAll(client)) || feed(client, takeAll(server))) {
             std::abort();

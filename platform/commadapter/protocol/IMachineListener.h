@@ -1,0 +1,38 @@
+#ifndef KESA_COMMADAPTER_PROTOCOL_IMACHINELISTENER_H
+#define KESA_COMMADAPTER_PROTOCOL_IMACHINELISTENER_H
+
+#include "protocol/Hello.h"
+
+#include <kesa/Request.h>
+#include <kesa/Response.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kesa::commadapter::protocol {
+
+/// What an `Input` reads out of the bytes, in the order they came. Called from `received` and `readOn`, on the loop.
+/// Arguments are the receiver's. A callback may issue commands on the same machine, but neither feed nor destroy it.
+class IMachineListener {
+public:
+    virtual ~IMachineListener() = default;
+    virtual void onHello(const Hello& peer) = 0;
+
+    // Heard by the side that serves.
+    virtual void onAttach(std::uint32_t target, std::string path) = 0;
+    virtual void onDetach(std::uint32_t target) = 0; ///< the client is no longer interested
+    /// `isPersistent`: it asks for a stream that lasts, else it is a call, with an answer or a few.
+    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) = 0;
+    virtual void onCancel(std::uint32_t stream) = 0;
+
+    // Heard by the side that asks.
+    virtual void onAttached(std::uint32_t target) = 0;
+    virtual void onDetached(std::uint32_t target) = 0;
+    virtual void onNext(std::uint32_t stream, Response response) = 0;
+    virtual void onError(std::uint32_t stream, Response error) = 0;
+    virtual void onCompleted(std::uint32_t stream) = 0;
+};
+
+} // namespace kesa::commadapter::protocol
+
+#endif
