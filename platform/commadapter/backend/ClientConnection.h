@@ -8,6 +8,7 @@
 
 #include <comm/Condition.h>
 #include <kesa/IClientConnectionListener.h>
+#include <kesa/IKesaApi.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Request.h>
 #include <kesa/Response.h>

@@ -1,30 +1,18 @@
 #ifndef KESA_COMMADAPTER_BACKEND_COMMBACKEND_H
 #define KESA_COMMADAPTER_BACKEND_COMMBACKEND_H
 
+#include "backend/CommSettings.h"
 #include "transport/ITransport.h"
 
 #include <comm/Reactor.h>
 #include <kesa/commadapter/IBackend.h>
 
 #include <functional>
-#include <map>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace kesa::commadapter {
-
-/// The settings of the "comm" backend, as the document's "comm" member has them.
-struct CommSettings {
-    std::string runDir;
-    unsigned socketMode = 0660;
-    std::string socketGroup;
-    std::map<std::string, std::string> routes; ///< path without scheme -> locator
-    std::uint32_t maxMessageBytes = 16U << 20U;
-    std::size_t sendQueueBytes = 4U << 20U;
-    std::size_t processQueueBytes = 64U << 20U;
-    comm::TimeNs heartbeat = 5 * comm::SECOND;
-};
 
 /// Makes the transports of a backend, given its loop.
 using TransportFactory =

@@ -1,6 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_CONNECTOR_H
 #define KESA_COMMADAPTER_BACKEND_CONNECTOR_H
 
+#include "backend/Destination.h"
 #include "backend/IoLoop.h"
 #include "transport/ITransport.h"
 
@@ -10,15 +11,6 @@
 #include <string>
 
 namespace kesa::commadapter {
-
-/// Where a connection leads.
-struct Destination {
-    std::shared_ptr<transport::ITransport> transport;
-    transport::Endpoint endpoint;
-};
-
-/// Opens a stream to an endpoint of this very process; null when it is another process's.
-using OpenLocal = std::function<std::unique_ptr<transport::IStream>(const Destination&)>;
 
 /// Gets a stream to an endpoint, again and again, until it is told to stop. A missing endpoint is watched for; after
 /// any other failure the pauses grow, and after a connection that did not last. Every failure is the endpoint's reason,
