@@ -1,4 +1,5 @@
 #include <obr/GlobalErrorHandler.h>
+#include <obr/holdAcrossFork.h>
 
 #include <fmt/format.h>
 
@@ -21,9 +22,19 @@ struct State {
     std::array<std::atomic<void (*)()>, 8> flushes{};
 };
 
+State& state();
+
+std::mutex& handlerLock()
+{
+    return state().mutex;
+}
+
 State& state()
 {
-    static State* const instance = new State;
+    static State* const instance = [] {
+        holdAcrossFork<handlerLock>();
+        return new State;
+    }();
     return *instance;
 }
 

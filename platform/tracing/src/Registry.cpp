@@ -3,6 +3,7 @@
 #include "openSink.h"
 
 #include <obr/GlobalErrorHandler.h>
+#include <obr/holdAcrossFork.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -85,6 +86,8 @@ Registry& Registry::instance()
 {
     static Registry* const registry = [] {
         obr::GlobalErrorHandler::atFatal([] { Registry::instance().flush(); });
+        obr::holdAcrossFork<outputLock>();
+        obr::holdAcrossFork<lock>();
         return new Registry;
     }();
     return *registry;
@@ -218,11 +221,12 @@ void Registry::flush() noexcept
     try {
         for (const Output output : {Output::eTEXT, Output::eEVENTS}) {
             // Nobody waits for a lock here: the process is about to end, perhaps because of who holds it.
-            const std::unique_lock lock(m_mutex, std::try_to_lock);
+            std::unique_lock lock(m_mutex, std::try_to_lock);
             if (!lock.owns_lock()) {
                 return;
             }
             if (const std::shared_ptr<ISink> sink = sinks(output).current()) {
+                lock.unlock();
                 sink->flush();
             }
         }

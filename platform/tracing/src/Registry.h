@@ -43,6 +43,8 @@ public:
     void flush() noexcept;
 
 private:
+    static std::mutex& lock() { return instance().m_mutex; }
+
     struct Sinks {
         std::shared_ptr<ISink> set;             // by a call
         std::shared_ptr<ISink> fromEnvironment; // opened when first needed

@@ -125,7 +125,7 @@ private:
 
     void writePrintable(const Line& line)
     {
-        const std::lock_guard lock(m_mutex); // the times of lines go up
+        const std::lock_guard lock(outputLock()); // the times of lines go up
         m_line.clear();
         const auto end = std::back_inserter(m_line);
         if (m_isJournal) {
@@ -160,11 +160,12 @@ private:
     }
 
     const bool m_isJournal;
-    std::mutex m_mutex;
-    LineOutput m_output;       ///< under `m_mutex`
-    fmt::memory_buffer m_line; ///< under `m_mutex`
-    std::time_t m_time = 0;    ///< of `m_timeText`; under `m_mutex`
-    std::string m_timeText;    ///< under `m_mutex`
+
+    // Under the output lock.
+    LineOutput m_output;
+    fmt::memory_buffer m_line;
+    std::time_t m_time = 0; ///< of `m_timeText`
+    std::string m_timeText;
 };
 
 /// Whether stderr is the stream that the service manager reads: it names the stream's device and inode.
@@ -179,6 +180,12 @@ bool isStderrJournal()
 }
 
 } // namespace
+
+std::mutex& outputLock()
+{
+    static std::mutex& instance = *new std::mutex;
+    return instance;
+}
 
 std::shared_ptr<ISink> openSink(const std::string& description, std::string& reason)
 {

@@ -15,6 +15,8 @@
 #include <functional>
 #include <sstream>
 #include <sys/socket.h>
+#include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -145,6 +147,56 @@ std::string drained(int descriptor)
         result.append(part, static_cast<std::size_t>(size));
     }
     return result;
+}
+
+/// How a child that traces `text`, if there is one, ends; by SIGALRM when it waits for ever.
+int statusOfChild(const Channel& channel, const char* text)
+{
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::alarm(20);
+        if (text != nullptr) {
+            channel.logC(4, text);
+        }
+        ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+// The other thread is in the middle of a line, which the pipe cannot take at once, when the process forks.
+TEST_F(Tracing, AChildTracesThoughAnotherThreadDidSoAtTheFork)
+{
+    const Channel channel("T_FORK");
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    setSink(makeSink("stderr"));
+    withStderr(pipe[1], [&] {
+        std::thread other([&] { channel.log(4, std::string(1 << 20, 'x')); });
+        char begun = 0;
+        EXPECT_EQ(::read(pipe[0], &begun, 1), 1);
+        EXPECT_EQ(statusOfChild(channel, "in the child"), 0);
+        other.join();
+        drained(pipe[0]);
+        EXPECT_EQ(statusOfChild(channel, "in the child"), 0);
+    });
+    EXPECT_THAT(drained(pipe[0]), HasSubstr("[T_FORK] in the child\n"));
+    ::close(pipe[0]);
+    ::close(pipe[1]);
+}
+
+// Nothing of ours is locked then; the child writes nothing.
+TEST_F(Tracing, ASinkMayFork)
+{
+    struct Forks : ISink {
+        void write(const Line& /*line*/) override { status = statusOfChild(Channel("T_FORK"), nullptr); }
+        int status = -1;
+    };
+    const auto sink = std::make_shared<Forks>();
+    setSink(sink);
+    Channel("T_FORK").logC(4, "forks");
+    EXPECT_EQ(sink->status, 0);
 }
 
 // A reader that stopped must not stop us, one that died must not kill us, and what was lost is said.

@@ -19,7 +19,9 @@ struct Line {
     int facility = 0; ///< of the channel: 0 free text, 7 event log
 };
 
-/// Takes finished lines. `write` comes from any thread, also from several at once; it must not trace.
+/// Takes finished lines. `write` comes from any thread, also from several at once; it must not trace. A child of a fork
+/// may trace: a lock that `write` takes has to be held across the fork (pthread_atfork), or the child may wait for ever
+/// for a thread that it does not have. The sinks of `makeSink` do so.
 class KESA_API ISink {
 public:
     virtual ~ISink();
