@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fmt/format.h>
 #include <fstream>
+#include <sched.h>
 #include <string>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -43,14 +44,46 @@ int takePending(const sigset_t& signals)
     return signal > 0 ? signal : 0;
 }
 
-/// Whether a thread blocks both for good, by the mask in its "status". One that is being started blocks all for a
-/// moment, also what only the C library can, and then what we did before.
-bool blocksBoth(const std::string& mask)
+/// A thread as its "status" shows it.
+struct ThreadStatus {
+    std::string name;
+    std::uint64_t blocked = 0;
+    bool isThere = false;
+
+    bool blocks(int signal) const { return (blocked >> (signal - 1) & 1) != 0; }
+    /// While a thread starts, ends or starts another it blocks all, also what only the C library can block.
+    bool isChanging() const
+    {
+        constexpr int LIBRARYS_OWN = 33;
+        return isThere && blocks(LIBRARYS_OWN);
+    }
+};
+
+ThreadStatus readStatus(const std::filesystem::path& thread)
 {
-    const std::uint64_t blocked = std::strtoull(mask.c_str(), nullptr, 16);
-    const auto blocks = [blocked](int signal) { return (blocked >> (signal - 1) & 1) != 0; };
-    constexpr int LIBRARYS_OWN = 33;
-    return blocks(SIGINT) && blocks(SIGTERM) && !blocks(LIBRARYS_OWN);
+    ThreadStatus result;
+    std::ifstream status(thread / "status");
+    std::string mask;
+    for (std::string key; status >> key && key != "SigBlk:";) {
+        std::getline(status >> std::ws, key == "Name:" ? result.name : key);
+    }
+    if (status >> mask) {
+        result.blocked = std::strtoull(mask.c_str(), nullptr, 16);
+        result.isThere = true;
+    }
+    return result;
+}
+
+/// What it blocks for good: looked at again, for a second or so at most, until it has started or is gone.
+ThreadStatus settledStatus(const std::filesystem::path& thread)
+{
+    constexpr int LOOKS = 50'000;
+    ThreadStatus result = readStatus(thread);
+    for (int look = 1; look < LOOKS && result.isChanging(); ++look) {
+        ::sched_yield();
+        result = readStatus(thread);
+    }
+    return result;
 }
 
 /// Threads that are there already take the signals instead of us. Without /proc nobody knows.
@@ -59,13 +92,9 @@ void warnOfThreadsThatTake()
     std::string all;
     std::error_code unreadable;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", unreadable)) {
-        std::ifstream status(thread.path() / "status");
-        std::string name;
-        for (std::string key; status >> key && key != "SigBlk:";) {
-            std::getline(status >> std::ws, key == "Name:" ? name : key);
-        }
-        if (std::string mask; status >> mask && !blocksBoth(mask)) {
-            all += fmt::format("{}'{}' ({})", all.empty() ? "" : ", ", name, thread.path().filename().native());
+        const ThreadStatus status = settledStatus(thread.path());
+        if (status.isThere && !(status.blocks(SIGINT) && status.blocks(SIGTERM))) {
+            all += fmt::format("{}'{}' ({})", all.empty() ? "" : ", ", status.name, thread.path().filename().native());
         }
     }
     if (!all.empty()) {

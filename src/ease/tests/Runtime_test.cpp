@@ -1,4 +1,5 @@
 // The real runtime of this process, in a run directory of the test's own and without a registry.
+#include <comm/ActiveObject.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
@@ -12,6 +13,7 @@
 #include <filesystem>
 #include <future>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -141,6 +143,10 @@ TEST_F(RuntimeTest, WarnsOfThreadsThatTakeItsSignals)
     EXPECT_THAT(traces.take(), testing::ElementsAre(HasSubstr("do not block SIGINT and SIGTERM: 'kesa_ease_tests' (")));
     isOver.set_value();
     early.join();
+    std::vector<std::unique_ptr<comm::ActiveObject>> ours; // which take no signals; the last ones are being started
+    for (int i = 0; i < 20; ++i) {
+        ours.push_back(std::make_unique<comm::ActiveObject>("worker"));
+    }
     {
         Runtime runtime("greeter", ALONE);
     }
