@@ -8,8 +8,10 @@
 
 #include <comm/Scheduler.h>
 #include <obr/GlobalErrorHandler.h>
+#include <obr/explainError.h>
 #include <tracing/Channel.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <ctime>
@@ -161,8 +163,8 @@ void EndSignals::startTaking()
 {
     m_descriptor = ::signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK);
     if (m_descriptor < 0) {
-        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__,
-                                         "no descriptor is left for SIGINT and SIGTERM: raise the limit (ulimit -n)");
+        const std::string message = "cannot wait for SIGINT and SIGTERM: " + obr::explainError(errno);
+        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
     m_loop = comm::Scheduler::current().makeReactor("kesa-signals");
     m_loop->post([this, loop = m_loop.get()] {

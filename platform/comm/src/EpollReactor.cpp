@@ -17,6 +17,7 @@
 #include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
 #include <obr/errors.h>
+#include <obr/explainError.h>
 #include <tracing/Channel.h>
 
 #include <sys/epoll.h>
@@ -147,8 +148,7 @@ EpollReactor::EpollReactor(const std::string& name)
         return ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
     };
     if (m_epoll < 0 || m_wake < 0 || m_timer < 0 || !add(m_wake) || !add(m_timer)) {
-        const std::string message =
-            fmt::format("cannot make the I/O loop '{}': {}", name, std::system_category().message(errno));
+        const std::string message = fmt::format("cannot make the I/O loop '{}': {}", name, obr::explainError(errno));
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
     for (const int descriptor : {m_epoll, m_wake, m_timer}) {

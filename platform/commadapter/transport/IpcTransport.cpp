@@ -10,12 +10,12 @@
 #include "transport/IpcStream.h"
 #include "transport/NameClaim.h"
 #include "transport/RunDirectory.h"
-#include "transport/explainError.h"
 #include "transport/usersAndGroups.h"
 
 #include <comm/processStart.h>
 #include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
+#include <obr/explainError.h>
 #include <tracing/Channel.h>
 
 #include <fcntl.h>
@@ -225,7 +225,8 @@ void IpcTransport::acceptAll()
 void IpcTransport::pauseAccepting(int error)
 {
     if (!std::exchange(m_isLimitTraced, true)) {
-        KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s", explainError(error).c_str());
+        KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s",
+                   obr::explainError(error).c_str());
     }
     m_loop->changeInterest(m_acceptWatch, comm::Reactor::eNONE);
     m_acceptTimer = m_loop->startTimer(comm::now() + ACCEPT_PAUSE, [this] {
@@ -257,7 +258,7 @@ RunDirectory::Realm IpcTransport::judge(const Endpoint& endpoint, int& error) co
 ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
 {
     const auto refuse = [](Failure failure, const char* what) {
-        return Connected{nullptr, failure, fmt::format("{}: {}", what, explainError(errno))};
+        return Connected{nullptr, failure, fmt::format("{}: {}", what, obr::explainError(errno))};
     };
     int error = 0;
     const RunDirectory::Realm realm = judge(endpoint, error);

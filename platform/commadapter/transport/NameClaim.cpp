@@ -4,8 +4,9 @@
 
 #include "transport/Authority.h"
 #include "transport/NameLock.h"
-#include "transport/explainError.h"
 #include "transport/usersAndGroups.h"
+
+#include <obr/explainError.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -72,7 +73,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
     m_socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     if (!m_socket) {
-        why = fmt::format("cannot make a socket: {}", explainError(errno));
+        why = fmt::format("cannot make a socket: {}", obr::explainError(errno));
         return true;
     }
     // Accepted sockets inherit it. Setting it on them would be too late for a peer that writes in between.
@@ -88,7 +89,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
                     ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
                     ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
-        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, explainError(errno));
+        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, obr::explainError(errno));
         failed = true;
     }
     if (failed) {
@@ -102,7 +103,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const
 {
     const auto refuse = [&](const char* what) {
-        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, explainError(errno));
+        why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, obr::explainError(errno));
         return true;
     };
     // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.

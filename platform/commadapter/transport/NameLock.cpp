@@ -5,11 +5,11 @@
 #include "transport/NameLock.h"
 
 #include "transport/Authority.h"
-#include "transport/explainError.h"
 #include "transport/fileLocks.h"
 #include "transport/usersAndGroups.h"
 
 #include <comm/processStart.h>
+#include <obr/explainError.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -198,7 +198,7 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         const LockFileProblem problem = examineLockFile(directory.get(), encodedName);
         isHeld = problem.isHeld;
         why = problem.text.empty() || !problem.isForThisUser
-                  ? fmt::format("cannot open {}: {}", pathOf(directory.get(), file), explainError(error))
+                  ? fmt::format("cannot open {}: {}", pathOf(directory.get(), file), obr::explainError(error))
                   : problem.sentence();
         return true;
     }
@@ -210,7 +210,7 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         struct stat status {};
         isHeld = error == EWOULDBLOCK && ::fstat(opened.get(), &status) == 0;
         why = isHeld ? explainHeld(process, describeHolder(readHolder(opened.get()), status))
-                     : fmt::format("cannot lock {}: {}", pathOf(directory.get(), file), explainError(error));
+                     : fmt::format("cannot lock {}: {}", pathOf(directory.get(), file), obr::explainError(error));
         return true;
     }
     lock = std::move(opened);
@@ -232,7 +232,7 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     if (const char* const kind = nameWrongKind(status)) {
         problem.text = fmt::format("{} {}", path, kind);
     } else if (::faccessat(directory, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
-        problem.text = fmt::format("cannot open {}: {}, it is {}", path, explainError(errno), rights);
+        problem.text = fmt::format("cannot open {}: {}, it is {}", path, obr::explainError(errno), rights);
     } else if ((folder.st_mode & S_IWGRP) != 0 && !isShared) {
         problem.isForThisUser = false;
         problem.text = fmt::format("{} is {}, so nobody else can have the name", path, rights);

@@ -1,8 +1,9 @@
 #include "transport/RunDirectory.h"
 
 #include "transport/Authority.h"
-#include "transport/explainError.h"
 #include "transport/usersAndGroups.h"
+
+#include <obr/explainError.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -65,7 +66,7 @@ std::string advise(const std::string& directory, int error)
     case EMFILE:
     case ENFILE:
     case ENOMEM:
-        return adviseOnShortage(error);
+        return obr::adviseOnShortage(error);
     case EACCES:
     case EPERM:
         here = adviseRights(directory) + ", or ";

@@ -2,6 +2,7 @@
 #include "LineOutput.h"
 
 #include <fmt/format.h>
+#include <obr/explainError.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -11,7 +12,6 @@
 #include <fcntl.h>
 #include <mutex>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 #include <utility>
 
@@ -201,7 +201,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
     const int descriptor =
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0640);
     if (descriptor < 0) {
-        reason = "cannot open trace file '" + path + "': " + std::system_category().message(errno);
+        reason = "cannot open trace file '" + path + "': " + obr::explainError(errno);
         return nullptr;
     }
     return std::make_shared<DescriptorSink>(descriptor, LineOutput::Ownership::eOWNED, false);

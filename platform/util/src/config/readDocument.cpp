@@ -2,10 +2,11 @@
 
 #include "parseDocument.h"
 
+#include <obr/explainError.h>
+
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <system_error>
 #include <unistd.h>
 
 namespace util::config {
@@ -73,7 +74,7 @@ Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>
     }
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
         const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-        addError(complaints, "cannot be read: " + std::system_category().message(errno));
+        addError(complaints, "cannot be read: " + obr::explainError(errno));
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
     if (bytes.size() > LARGEST_DOCUMENT) {

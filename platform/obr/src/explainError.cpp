@@ -1,4 +1,4 @@
-#include "transport/explainError.h"
+#include <obr/explainError.h>
 
 #include <sys/resource.h>
 
@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <system_error>
 
-namespace kesa::commadapter::transport {
+namespace obr {
 
 std::string adviseOnShortage(int error)
 {
@@ -39,4 +39,4 @@ std::string explainError(int error)
     return std::system_category().message(error) + (advice.empty() ? "" : "; " + advice);
 }
 
-} // namespace kesa::commadapter::transport
+} // namespace obr
