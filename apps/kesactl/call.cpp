@@ -65,9 +65,10 @@ kesa::Payload readBody(const CallArguments& arguments)
     util::config::Value value;
     if (arguments.format == kesa::mimetypes::JSON) {
         if (const auto reason = parseJson(text, value)) {
-            throw Failure{ExitCode::eUSAGE, fmt::format("the body is no JSON: {}; nothing was sent. A text has double "
-                                                        "quotes, '\"text\"', or another --format",
-                                                        *reason)};
+            throw Failure{ExitCode::eUSAGE,
+                          fmt::format("the body cannot be read as JSON: {}; nothing was sent. A text has double "
+                                      "quotes, '\"text\"', or another --format",
+                                      *reason)};
         }
     }
     return kesa::Payload::createFromString(std::move(text), arguments.format);

@@ -91,6 +91,12 @@ int checkConfig(const CheckConfigArguments& arguments)
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
     locateComplaints(report);
+    if (report.unlisted > 0) {
+        report.complaints.push_back({Severity::eHINT,
+                                     {},
+                                     fmt::format("{} more warnings and hints are not listed", report.unlisted),
+                                     "correct these first"});
+    }
     report.complaints.insert(report.complaints.begin(), ofProcess.begin(), ofProcess.end());
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     const CheckResult result{report.file,

@@ -3,6 +3,7 @@
 #include <backend/Locators.h>
 #include <backend/readCommSettings.h>
 #include <kesa/Path.h>
+#include <transport/Authority.h>
 #include <transport/IpcTransport.h>
 #include <transport/usersAndGroups.h>
 
@@ -19,6 +20,7 @@ using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::Severity;
 using util::config::Complaint;
 using util::config::DocumentPath;
+using util::config::excerpt;
 
 std::string shortened(const std::string& key)
 {
@@ -29,12 +31,12 @@ constexpr const char* GOOD_LOCATORS = R"(write "service_registry_locators": {"*"
 
 void refuse(ConfigReport& report, DocumentPath path, std::string text, std::string advice)
 {
-    report.complaints.push_back({Severity::eERROR, report.path(std::move(path)), std::move(text), std::move(advice)});
+    report.add({Severity::eERROR, report.path(std::move(path)), std::move(text), std::move(advice)});
 }
 
-void warn(ConfigReport& report, DocumentPath path, std::string text, std::string advice = {})
+void warn(ConfigReport& report, DocumentPath path, std::string text, std::string advice)
 {
-    report.complaints.push_back({Severity::eWARNING, report.path(std::move(path)), std::move(text), std::move(advice)});
+    report.add({Severity::eWARNING, report.path(std::move(path)), std::move(text), std::move(advice)});
 }
 
 /// The backend reads its part of the document by itself.
@@ -44,7 +46,7 @@ CommSettings reviewComm(ConfigReport& report)
     CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], complaints);
     for (Complaint& complaint : complaints) {
         complaint.path = report.path(std::move(complaint.path));
-        report.complaints.push_back(std::move(complaint));
+        report.add(std::move(complaint));
     }
     return settings;
 }
@@ -54,7 +56,7 @@ void reviewGroup(const CommSettings& settings, ConfigReport& report)
     if (!settings.socketGroup.empty() && !kesa::commadapter::transport::findGroup(settings.socketGroup)) {
         warn(report, {"comm", "socket_group"},
              fmt::format("there is no group \"{}\" on this machine: a process could not provide services",
-                         settings.socketGroup),
+                         excerpt(settings.socketGroup)),
              "make the group, or name another one");
     }
 }
@@ -74,8 +76,8 @@ void reviewBypass(const KesaConfig& config, const CommSettings& settings, Config
         for (std::size_t i = 0; i < paths.size(); ++i) {
             if (kesa::Path::isCanonical(paths[i]) && !hasRoute(settings, paths[i])) {
                 warn(report, {"bypass", shortened(client), i},
-                     fmt::format("'{}' has no route, and is told 404", paths[i]),
-                     fmt::format(R"(write "comm": {{"routes": {{"{0}": "ipc://process{0}"}}}})", paths[i]));
+                     fmt::format("'{}' has no route, and is told 404", excerpt(paths[i])),
+                     fmt::format(R"(write "comm": {{"routes": {{"{0}": "ipc://process{0}"}}}})", excerpt(paths[i])));
             }
         }
     }
@@ -98,16 +100,35 @@ private:
     const kesa::commadapter::Locators m_locators;
 };
 
+struct Fault {
+    std::string_view text;
+    std::string_view advice;
+};
+
+/// Of a locator that cannot be reached.
+Fault whyOutOfReach(const kesa::url& locator)
+{
+    if (!locator.isAbsolute()) {
+        return {"it has no scheme, and its path no route", R"(name its route in "comm", "routes")"};
+    }
+    if (locator.scheme() != "ipc") {
+        return {"processes are reached over \"ipc\" only", R"(write one such as "ipc://process/path")"};
+    }
+    if (!kesa::commadapter::transport::parseProcessAuthority(locator, "ipc")) {
+        return {"it names no process", R"(write the name of a process, as in "ipc://process/path")"};
+    }
+    return {"its realm is not that of the run directory", "leave out '+' and the realm behind it"};
+}
+
 /// One that is passed over, unless the review of the document has said already what is wrong with it.
 void reviewReach(const std::string& written, const kesa::url& locator, const DocumentPath& path, const Reach& reach,
                  ConfigReport& report)
 {
     if (!locator.hasQueryOrFragment() && kesa::Path::isCanonical(locator.path()) && !reach.has(locator)) {
+        const Fault fault = whyOutOfReach(locator);
         warn(report, path,
-             fmt::format("'{}' cannot be reached from here, and is passed over: {}", written,
-                         !locator.isAbsolute()       ? "it has no scheme, and its path no route"
-                         : locator.scheme() == "ipc" ? "its realm is not that of the run directory"
-                                                     : "processes are reached over \"ipc\" only"));
+             fmt::format("'{}' cannot be reached from here, and is passed over: {}", excerpt(written), fault.text),
+             std::string(fault.advice));
     }
 }
 
@@ -143,19 +164,17 @@ void reviewPartitions(const KesaConfig& config, const std::string& own, const Co
         if (!isList) {
             path.emplace_back(shortened(partition));
         }
+        for (std::size_t i = 0; i < locators.size(); ++i) {
+            DocumentPath element = path;
+            element.emplace_back(i);
+            reviewReach(locators[i].toString(), locators[i], element, reach, report);
+        }
         if (reach.hasAny(locators)) {
-            for (std::size_t i = 0; i < locators.size(); ++i) {
-                DocumentPath element = path;
-                element.emplace_back(i);
-                reviewReach(locators[i].toString(), locators[i], element, reach, report);
-            }
             continue;
         }
         const bool isOwn =
             own.empty() || own == partition || (partition == "*" && config.m_registryLocators.count(own) == 0);
-        const std::string text =
-            "none of the locators leads anywhere: each has a scheme or the realm of a run directory that are not known "
-            "here, or lacks its path; a process ends at start";
+        const std::string text = "none of the locators leads anywhere, so a process ends at start";
         const std::string advice = R"(write "ipc://kesa-registryd/registry")";
         isOwn ? refuse(report, path, text, advice) : warn(report, path, text, advice);
     }

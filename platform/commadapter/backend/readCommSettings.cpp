@@ -40,7 +40,7 @@ public:
     }
     void refuse(std::string advice) const
     {
-        complain(fmt::format("\"{}\" is {}", m_key, m_value.toText()), std::move(advice));
+        complain(fmt::format("\"{}\" is {}", m_key, util::config::quoted(m_value)), std::move(advice));
     }
 
     template <class T>
@@ -60,10 +60,16 @@ private:
     Complaints& m_complaints;
 };
 
+/// The system would take what stands before it.
+bool hasNul(std::string_view name) noexcept
+{
+    return name.find('\0') != std::string_view::npos;
+}
+
 void readRunDir(const Setting& setting, CommSettings& settings)
 {
     const std::string_view directory = setting.value().stringView();
-    if (directory.empty() || directory.front() != '/') {
+    if (directory.empty() || directory.front() != '/' || hasNul(directory)) {
         setting.refuse("write the absolute path of a folder");
         return;
     }
@@ -97,10 +103,11 @@ void readRoutes(const Setting& setting, CommSettings& settings)
         const bool leadsNowhere = !locator.isAbsolute() || locator.hasQueryOrFragment() ||
                                   !(locator.path().empty() || Path::isCanonical(locator.path()));
         if (!Path::isCanonical(path) || leadsNowhere) {
-            setting.complain(fmt::format("the route \"{}\": {} is left out", path, target.toText()),
-                             "write a path and a locator such as \"/registry\" and "
-                             "\"ipc://kesa-registryd/registry\", neither with '/' at its end, and without a query",
-                             path);
+            setting.complain(
+                fmt::format("the route {}: {} is left out", util::config::quoted(path), util::config::quoted(target)),
+                "write a path and a locator such as \"/registry\" and "
+                "\"ipc://kesa-registryd/registry\", neither with '/' at its end, and without a query",
+                path);
             continue;
         }
         settings.routes.insert_or_assign(path, locator.toString());
@@ -127,9 +134,11 @@ constexpr std::array MEMBERS = {
     Member{"socket_mode", readSocketMode},
     Member{"socket_group",
            [](const Setting& setting, CommSettings& settings) {
-               if (setting.value().get(settings.socketGroup)) {
-                   setting.refuse("write a string");
+               if (!setting.value().isString() || hasNul(setting.value().stringView())) {
+                   setting.refuse("write the name of a group");
+                   return;
                }
+               settings.socketGroup = setting.value().stringView();
            }},
     Member{"routes", readRoutes},
     Member{"max_message_bytes",

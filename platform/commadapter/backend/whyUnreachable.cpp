@@ -5,6 +5,7 @@
 #include "backend/Locators.h"
 #include "backend/Waiter.h"
 #include "backend/readCommSettings.h"
+#include "transport/Authority.h"
 #include "transport/IpcTransport.h"
 
 #include <kesa/Path.h>
@@ -78,10 +79,13 @@ private:
 /// Of a locator that was not understood.
 const char* whyNowhere(const url& locator)
 {
-    const bool namesNoService =
-        locator.isAbsolute() && (locator.hasQueryOrFragment() || !Path::isCanonical(locator.path()));
-    return namesNoService ? "leads nowhere: what follows the process is no path of a service"
-                          : "is of a scheme or of a run directory that is not known here";
+    if (locator.isAbsolute() && locator.scheme() == "ipc" && !transport::parseProcessAuthority(locator, "ipc")) {
+        return "names no process; write one such as \"ipc://process/path\"";
+    }
+    if (locator.isAbsolute() && (locator.hasQueryOrFragment() || !Path::isCanonical(locator.path()))) {
+        return "leads nowhere: what follows the process is no path of a service";
+    }
+    return "is of a scheme or of a run directory that is not known here";
 }
 
 Cause causeOf(transport::ITransport::Failure failure)

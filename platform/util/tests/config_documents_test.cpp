@@ -33,7 +33,7 @@ TEST(JSONParser, ReadsDictionariesOnly)
     for (const Complaint& complaint : parser.complaints()) {
         complaints.push_back(complaint.sentence(""));
     }
-    const std::string twice = ": the key stands more than once; the last one counts";
+    const std::string twice = ": the key stands more than once; the last one counts; remove the others";
     EXPECT_THAT(complaints, ElementsAre("a.x[1].c" + twice, "b" + twice));
 }
 

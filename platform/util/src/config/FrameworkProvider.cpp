@@ -38,7 +38,9 @@ bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::s
         break;
     }
     if (!document.isDictionary()) {
-        return refuse(file + ": its root is not an object of process names and node names");
+        return refuse(
+            file +
+            ": its root is not an object of process names and node names; write one such as {\"*\": \"node-1\"}");
     }
     const std::string key = document[process].isDefined() ? process : "*";
     const Value& node = document[key];
@@ -46,7 +48,8 @@ bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::s
         partition = DEFAULT_NODE;
         return false;
     }
-    return node.get(partition) && refuse(file + ": the node of '" + key + "' is not a string");
+    return node.get(partition) &&
+           refuse(file + ": the node of '" + key + "' is not a string; write its name in double quotes");
 }
 
 } // namespace util::config

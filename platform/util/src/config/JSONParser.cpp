@@ -29,7 +29,7 @@ bool JSONParser::parseStringToDict(const std::string& text, Dictionary** out) co
         return true;
     }
     if (!root.isDictionary()) {
-        m_complaints.push_back({Complaint::Severity::eERROR, {}, "root is not dictionary"});
+        m_complaints.push_back({Complaint::Severity::eERROR, {}, "root is not dictionary", "write { ... }"});
         return fail(m_complaints.back().text);
     }
     *out = new Dictionary(root.dictionary());

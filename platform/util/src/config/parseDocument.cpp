@@ -79,7 +79,7 @@ private:
         for (std::size_t i = 1; i < keys.size(); ++i) {
             if (keys[i] == keys[i - 1] && (i == 1 || keys[i - 2] != keys[i])) {
                 m_complaints.push_back({Complaint::Severity::eWARNING, Place::member(place, keys[i]).path(),
-                                        "the key stands more than once; the last one counts"});
+                                        "the key stands more than once; the last one counts", "remove the others"});
             }
         }
     }

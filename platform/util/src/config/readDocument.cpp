@@ -56,9 +56,9 @@ bool isNoPlainFile(int descriptor, int openError)
     return false;
 }
 
-void addError(std::vector<Complaint>& complaints, std::string text)
+void addError(std::vector<Complaint>& complaints, std::string text, std::string advice)
 {
-    complaints.push_back({Complaint::Severity::eERROR, {}, std::move(text)});
+    complaints.push_back({Complaint::Severity::eERROR, {}, std::move(text), std::move(advice)});
 }
 
 } // namespace
@@ -69,16 +69,21 @@ Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>
     // A pipe is opened without waiting for whoever writes into it, so that it can be refused.
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (isNoPlainFile(descriptor.get(), errno)) {
-        addError(complaints, "is a directory, a pipe, a socket or a device; the configuration is a plain file");
+        addError(complaints, "is a directory, a pipe, a socket or a device", "the configuration is a plain file");
         return Reading::eFAILED;
     }
     if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
-        const bool isMissing = errno == ENOENT || errno == ENOTDIR;
-        addError(complaints, "cannot be read: " + obr::explainError(errno));
+        const int error = errno;
+        const bool isMissing = error == ENOENT || error == ENOTDIR;
+        const std::string shortage = obr::adviseOnShortage(error);
+        addError(complaints, "cannot be read: " + std::system_category().message(error),
+                 !shortage.empty() ? shortage
+                 : isMissing       ? "write it, or name another one"
+                                   : "let this user read it");
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
     if (bytes.size() > LARGEST_DOCUMENT) {
-        addError(complaints, "is larger than 16 MiB");
+        addError(complaints, "is larger than 16 MiB", "make it smaller");
         return Reading::eFAILED;
     }
     return parseDocument(bytes, out, complaints) ? Reading::eFAILED : Reading::eREAD;

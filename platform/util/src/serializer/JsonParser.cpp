@@ -61,7 +61,7 @@ std::ptrdiff_t magnitude(std::string_view number)
     double real = 0;
     if (std::from_chars(number.data(), end, real).ec == std::errc::result_out_of_range) {
         if (magnitude(number) > 0) {
-            return tokens.fail("the number is too large");
+            return tokens.fail("the number has no value: the largest is 1.8e308");
         }
         real = number.front() == '-' ? -0.0 : 0.0; // too small
     }
@@ -100,6 +100,14 @@ char lastBefore(std::string_view document, std::size_t offset)
     return place != std::string_view::npos ? document[place] : '\0';
 }
 
+/// With a byte order mark or without: JSON begins with a character of ASCII, which has a zero byte there.
+bool isUtf16(std::string_view document)
+{
+    const std::string_view begin = document.substr(0, 2);
+    return begin == "\xff\xfe" || begin == "\xfe\xff" ||
+           (begin.size() == 2 && (begin[0] == '\0') != (begin[1] == '\0'));
+}
+
 std::string explainMisplaced(std::string_view document, std::size_t offset, const char* expected)
 {
     const char c = document[offset];
@@ -125,6 +133,9 @@ std::string explain(json::ParseErrorCode code, std::string_view document, std::s
 {
     if (code == json::kParseErrorTermination) {
         return tokens.problem();
+    }
+    if (isUtf16(document)) {
+        return "the text is UTF-16; save it as UTF-8";
     }
     if (code == json::kParseErrorDocumentEmpty && offset >= document.size()) {
         return "the document is empty";
@@ -153,7 +164,7 @@ std::string explain(json::ParseErrorCode code, std::string_view document, std::s
     case json::kParseErrorStringMissQuotationMark:
         return "a NUL byte in a string is not escaped";
     case json::kParseErrorNumberTooBig:
-        return "the number is too large";
+        return "the number has no value: the largest is 1.8e308";
     case json::kParseErrorNumberMissFraction:
         return "expected a digit after the decimal point";
     case json::kParseErrorNumberMissExponent:

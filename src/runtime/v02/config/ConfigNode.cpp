@@ -47,13 +47,19 @@ ConfigNode ConfigNode::searched() const
 
 void ConfigNode::complain(Severity severity, std::string text, std::string advice) const
 {
-    m_report->complaints.push_back({severity, m_report->path(m_place.path()), std::move(text), std::move(advice)});
+    m_report->add({severity, m_report->path(m_place.path()), std::move(text), std::move(advice)});
 }
 
 void ConfigNode::warn(std::string_view operation, std::string text, std::string advice) const
 {
     trace(3, operation, text);
     complain(Severity::eWARNING, std::move(text), std::move(advice));
+}
+
+void ConfigNode::hint(std::string_view operation, std::string text, std::string advice) const
+{
+    trace(3, operation, text);
+    complain(Severity::eHINT, std::move(text), std::move(advice));
 }
 
 bool ConfigNode::fail(int severity, std::string_view operation, const std::string& text, std::string advice,
@@ -82,9 +88,9 @@ bool ConfigNode::record(std::string_view error) const
     return m_isSearched || obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 18, error);
 }
 
-bool ConfigNode::failType(const char* expected) const
+bool ConfigNode::failType(const char* text, const char* advice) const
 {
-    complain(failure(), m_value->isDefined() ? expected : "is missing");
+    complain(failure(), m_value->isDefined() ? text : "is missing", advice);
     return true;
 }
 

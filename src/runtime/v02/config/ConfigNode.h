@@ -33,14 +33,23 @@ public:
     std::size_t size() const noexcept { return m_value->arraySize(); }
 
     /// True when the value is not of that type, which no trace and no error tells: only the report does.
-    [[nodiscard]] bool get(bool& out) const { return m_value->get(out) && failType("must be true or false"); }
+    [[nodiscard]] bool get(bool& out) const
+    {
+        return m_value->get(out) && failType("is no boolean", "write true or false");
+    }
     [[nodiscard]] bool get(unsigned int& out) const
     {
-        return m_value->get(out) && failType("must be an unsigned integer");
+        return m_value->get(out) && failType("is no unsigned number", "write a whole number from 0 to 4294967295");
     }
-    [[nodiscard]] bool get(std::string& out) const { return m_value->get(out) && failType("must be a string"); }
+    [[nodiscard]] bool get(std::string& out, const char* advice) const
+    {
+        return m_value->get(out) && failType("is no string", advice);
+    }
     /// The same for an object.
-    [[nodiscard]] bool isNoDictionary() const { return !m_value->isDictionary() && failType("must be an object"); }
+    [[nodiscard]] bool isNoDictionary(const char* advice) const
+    {
+        return !m_value->isDictionary() && failType("is no object", advice);
+    }
 
     /// Whether that is the end of reading.
     bool endsWith(bool failed) const noexcept { return failed && (!m_isSearched || m_report->isFull()); }
@@ -63,13 +72,14 @@ public:
         }
         return failed;
     }
-    /// Calls `take(text, element, index)` with each element of an array of strings; one that is no string is a failure.
+    /// Calls `take(text, element, index)` with each element of an array of strings; one that is no string is a failure,
+    /// with that advice.
     template <class F>
-    [[nodiscard]] bool readStrings(F&& take) const
+    [[nodiscard]] bool readStrings(const char* advice, F&& take) const
     {
-        return readElements([&take](const ConfigNode& element, std::size_t index) {
+        return readElements([advice, &take](const ConfigNode& element, std::size_t index) {
             std::string text;
-            return element.get(text) || take(text, element, index);
+            return element.get(text, advice) || take(text, element, index);
         });
     }
     /// Calls `take(key, member)` with each member of an object, in the order of the keys.
@@ -87,19 +97,21 @@ public:
     }
 
     /// Only the report tells it.
-    void complain(Severity severity, std::string text, std::string advice = {}) const;
+    void complain(Severity severity, std::string text, std::string advice) const;
     /// Traces "[operation] text": no failure.
-    void warn(std::string_view operation, std::string text, std::string advice = {}) const;
+    void warn(std::string_view operation, std::string text, std::string advice) const;
+    /// The same when a default serves: for the report it is a hint.
+    void hint(std::string_view operation, std::string text, std::string advice) const;
     /// Traces it, and records `error`, or the text, as the reason. Answers `true`.
-    bool fail(int severity, std::string_view operation, const std::string& text, std::string advice = {},
+    bool fail(int severity, std::string_view operation, const std::string& text, std::string advice,
               std::string_view error = {}) const;
     /// Records the text without a trace. Answers `true`.
-    bool fail(const std::string& text, std::string advice = {}) const;
+    bool fail(const std::string& text, std::string advice) const;
 
 private:
     void trace(int severity, std::string_view operation, const std::string& text) const;
     bool record(std::string_view error) const;
-    bool failType(const char* expected) const;
+    bool failType(const char* text, const char* advice) const;
     Severity failure() const noexcept { return m_isTolerated ? Severity::eWARNING : Severity::eERROR; }
 
     const util::config::Value* m_value;

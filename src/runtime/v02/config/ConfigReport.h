@@ -5,7 +5,9 @@
 #include <util/config/Value.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kesa::runtime::v02 {
@@ -15,9 +17,30 @@ using Severity = Complaint::Severity;
 
 /// How the reading of a document went, for tools that explain it to a user.
 struct ConfigReport {
-    std::vector<Complaint> complaints; ///< in the order of reading; an error is there when the configuration is invalid
+    /// In the order of reading; an error is there when the configuration is invalid. Of warnings and hints there are no
+    /// more than `MOST`: a document that is something else altogether may have millions.
+    std::vector<Complaint> complaints;
+    std::size_t errors = 0;   ///< among the complaints
+    std::size_t unlisted = 0; ///< warnings and hints that are not among them
+    static constexpr std::size_t MOST = 1000;
+
+    void add(Complaint complaint)
+    {
+        const bool isError = complaint.severity == Severity::eERROR;
+        if (!isError && complaints.size() - errors >= MOST) {
+            ++unlisted;
+            return;
+        }
+        errors += isError ? 1 : 0;
+        complaints.push_back(std::move(complaint));
+    }
+    void clear()
+    {
+        complaints.clear();
+        errors = unlisted = 0;
+    }
     /// Further errors are not searched for.
-    bool isFull() const noexcept { return complaints.size() >= 1000; }
+    bool isFull() const noexcept { return errors >= MOST; }
 
     bool listsAll = true;                ///< errors, not only the first, with which the reading of a process ends
     bool isMissing = false;              ///< there is no document at all

@@ -22,7 +22,9 @@ constexpr const char* PROVIDER_PATH = "./config";
 
 void append(const std::vector<Complaint>& complaints, ConfigReport& report)
 {
-    report.complaints.insert(report.complaints.end(), complaints.begin(), complaints.end());
+    for (const Complaint& complaint : complaints) {
+        report.add(complaint);
+    }
 }
 
 } // namespace
@@ -120,7 +122,7 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
     }
     const bool failed = readKeys(root);
     if (failed && report.listsAll) {
-        report.complaints.clear(); // they are found again
+        report.clear(); // they are found again
         static_cast<void>(KesaConfig().readKeys(root.searched()));
         if (report.isFull()) {
             root.complain(Severity::eHINT, "there may be more errors", "correct these first");

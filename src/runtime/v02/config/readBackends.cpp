@@ -4,15 +4,20 @@
 #include "knownNames.h"
 
 namespace kesa::runtime::v02 {
+
+using util::config::excerpt;
+
 namespace {
+
+constexpr const char* KNOWN_FORMATS = R"(known are "application/json" and "application/vnd.qelbin")";
+constexpr const char* KNOWN_BACKENDS = R"(known are "comm" and "local")";
 
 /// Appends the known formats of the list; true when it holds something that is no string.
 bool readFormats(const ConfigNode& list, std::vector<std::string>& formats)
 {
-    return list.readStrings([&](std::string& format, const ConfigNode& element, std::size_t index) {
+    return list.readStrings(KNOWN_FORMATS, [&](std::string& format, const ConfigNode& element, std::size_t index) {
         if (!isKnownFormat(format)) {
-            element.warn("readConfig", "unknown serializer-format '" + format + "' configured",
-                         "known are \"application/json\" and \"application/vnd.qelbin\"");
+            element.warn("readConfig", "unknown serializer-format '" + excerpt(format) + "' configured", KNOWN_FORMATS);
             return false;
         }
         KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", "serializer-formats", index, format.c_str());
@@ -36,15 +41,16 @@ bool KesaConfig::readBackends(const ConfigNode& root)
                backends.fail(4, "readConfig", "backends is not array", "write [\"comm\"]");
     }
     m_backends.clear();
-    const bool failed = backends.readStrings([&](std::string& name, const ConfigNode& element, std::size_t index) {
-        if (!isKnownBackend(name)) {
-            element.warn("readConfig", "unknown backend '" + name + "' configured", "known are \"comm\" and \"local\"");
+    const bool failed =
+        backends.readStrings(KNOWN_BACKENDS, [&](std::string& name, const ConfigNode& element, std::size_t index) {
+            if (!isKnownBackend(name)) {
+                element.warn("readConfig", "unknown backend '" + excerpt(name) + "' configured", KNOWN_BACKENDS);
+                return false;
+            }
+            KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", "backends", index, name.c_str());
+            m_backends.push_back(std::move(name));
             return false;
-        }
-        KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", "backends", index, name.c_str());
-        m_backends.push_back(std::move(name));
-        return false;
-    });
+        });
     if (m_backends.empty()) {
         return backends.fail(4, "readConfig", "no backend configured", "name \"comm\", or leave the key out");
     }
@@ -55,7 +61,8 @@ bool KesaConfig::readSerializerFormats(const ConfigNode& root)
 {
     const ConfigNode rules = root["serializer-formats"];
     if (!rules.value().isDefined()) {
-        rules.warn("readConfig", "serializer-formats is undefined. Falling back to defaults");
+        rules.hint("readConfig", "serializer-formats is undefined. Falling back to defaults",
+                   R"(write {"*": ["application/json"]})");
         return false;
     }
     if (rules.value().isDictionary()) {
@@ -90,7 +97,8 @@ bool KesaConfig::readFormatRules(const ConfigNode& rules)
         return false;
     });
     if (m_serializers.count("*") == 0) {
-        rules.warn("readConfig", "no default rule for serializer-formats defined. Defining one");
+        rules.hint("readConfig", "no default rule for serializer-formats defined. Defining one",
+                   R"(add "*": ["application/json"])");
         m_serializers.emplace("*", std::vector<std::string>{std::string(mimetypes::JSON)});
     }
     return failed || isBroken;

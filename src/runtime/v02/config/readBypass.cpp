@@ -7,20 +7,26 @@
 namespace kesa::runtime::v02 {
 namespace {
 
+constexpr const char* ADVICE_ON_LIST = R"(write a list of service paths such as ["/registry"])";
+constexpr const char* ADVICE_ON_PATH = R"(write the path of a service such as "/registry")";
+
 bool readBypassPaths(const std::string& client, const ConfigNode& list, std::vector<std::string>& paths)
 {
-    const std::string who = "client='" + client + "' ";
+    const std::string who = "client='" + util::config::excerpt(client) + "' ";
     if (!list.value().isArray()) {
-        return list.fail(3, "readBypass", who + "value is not an array", {}, "client not mapped to an array");
+        return list.fail(3, "readBypass", who + "value is not an array", ADVICE_ON_LIST,
+                         "client not mapped to an array");
     }
     return list.readElements([&](const ConfigNode& element, std::size_t index) {
         const std::string what = who + "value at index " + std::to_string(index);
         std::string path;
         if (element.value().get(path)) {
-            return element.fail(3, "readBypass", what + " is not a string", {}, "invalid service path in bypass");
+            return element.fail(3, "readBypass", what + " is not a string", ADVICE_ON_PATH,
+                                "invalid service path in bypass");
         }
         if (!Path::isAbsolute(path)) {
-            return element.fail(3, "readBypass", what + " is not an absolute path", {}, "service path not absolute");
+            return element.fail(3, "readBypass", what + " is not an absolute path", ADVICE_ON_PATH,
+                                "service path not absolute");
         }
         paths.push_back(std::move(path));
         return false;

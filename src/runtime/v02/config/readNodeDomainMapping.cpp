@@ -14,7 +14,10 @@ bool KesaConfig::readNodeDomainMapping(const ConfigNode& root)
     return mapping.readMembers([this](const std::string& node, const ConfigNode& value) {
         std::string domain;
         if (value.value().get(domain)) {
-            return value.fail(3, "readConfig", "readNodeDomainMapping dictionary value not string for node: " + node);
+            return value.fail(3, "readConfig",
+                              "readNodeDomainMapping dictionary value not string for node: " +
+                                  util::config::excerpt(node),
+                              "write the name of its domain in double quotes");
         }
         m_nodeDomainMapping.emplace(node, std::move(domain));
         return false;

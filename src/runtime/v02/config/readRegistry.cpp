@@ -5,6 +5,8 @@
 namespace kesa::runtime::v02 {
 namespace {
 
+constexpr const char* ADVICE_ON_REGISTRYS_LOCATOR = R"(write a locator such as "ipc://kesa-registryd/registry")";
+
 /// Answers whether the value is there and no boolean.
 bool readFlag(const ConfigNode& node, const char* key, bool& flag)
 {
@@ -56,16 +58,16 @@ bool KesaConfig::readRegistryLocator(const std::string& partition, const ConfigN
                           "write [ ... ] around the locators", "registry locators is not array");
     }
     std::vector<url> locators;
-    const bool failed = value.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t index) {
-        url locator(text);
-        if (!locator.isValid()) {
-            return element.fail(3, "readRegistryLocator", "unknown registry locator",
-                                "write a locator such as \"ipc://kesa-registryd/registry\"");
-        }
-        locators.push_back(std::move(locator));
-        KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", partition.c_str(), index, text.c_str());
-        return false;
-    });
+    const bool failed = value.readStrings(
+        ADVICE_ON_REGISTRYS_LOCATOR, [&](const std::string& text, const ConfigNode& element, std::size_t index) {
+            url locator(text);
+            if (!locator.isValid()) {
+                return element.fail(3, "readRegistryLocator", "unknown registry locator", ADVICE_ON_REGISTRYS_LOCATOR);
+            }
+            locators.push_back(std::move(locator));
+            KESA_TRACE(configChannel(), 2, "[readConfig] %s[%zu]=%s", partition.c_str(), index, text.c_str());
+            return false;
+        });
     if (!locators.empty()) {
         KESA_TRACE(configChannel(), 2, "[readRegistryLocator] partition='%s' locators=%zu", partition.c_str(),
                    locators.size());

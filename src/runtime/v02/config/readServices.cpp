@@ -15,14 +15,16 @@ using serviceregistry::ServiceDef;
 /// No service has a longer one; and each locator without a path gets it.
 constexpr std::size_t MAX_PATH_SIZE = 4096;
 
+constexpr const char* ADVICE_ON_LOCATOR = R"(write an absolute locator such as "ipc://process/path", without a query)";
+
 bool readServicePath(const ConfigNode& node, std::string& path)
 {
     std::string text;
-    if (node.get(text)) {
+    if (node.get(text, R"(write a path such as "/media/player")")) {
         return true;
     }
     if (text.size() > MAX_PATH_SIZE) {
-        return node.fail("service path longer than 4096 bytes");
+        return node.fail("service path longer than 4096 bytes", "shorten it");
     }
     if (!Path::isAbsolute(text)) {
         return node.fail("service path not absolute", "begin it with '/'");
@@ -38,7 +40,7 @@ bool readVersion(const ConfigNode& node, std::vector<std::string>& versions)
         return false;
     }
     std::string version;
-    if (node.get(version)) {
+    if (node.get(version, R"(write one such as "1.0.0", or leave it out)")) {
         return true;
     }
     versions.push_back(std::move(version));
@@ -47,9 +49,8 @@ bool readVersion(const ConfigNode& node, std::vector<std::string>& versions)
 
 bool readType(const ConfigNode& node, std::string& text, ServiceDef::TypeEnum& type)
 {
-    return node.get(text) ||
-           (ServiceDef::valueToEnum(text, type) &&
-            node.fail("service type unknown", "known are \"pex\", \"lomo\", \"gateway\" and \"registry\""));
+    const char* const known = R"(known are "pex", "lomo", "gateway" and "registry")";
+    return node.get(text, known) || (ServiceDef::valueToEnum(text, type) && node.fail("service type unknown", known));
 }
 
 bool readLocators(const ConfigNode& node, const std::string& path, std::vector<url>& locators)
@@ -57,18 +58,17 @@ bool readLocators(const ConfigNode& node, const std::string& path, std::vector<u
     if (!node.value().isArray()) {
         return node.fail("locators is not array", "write a list of locators such as [\"ipc://process\"]");
     }
-    return node.readStrings([&](const std::string& text, const ConfigNode& element, std::size_t) {
+    return node.readStrings(ADVICE_ON_LOCATOR, [&](const std::string& text, const ConfigNode& element, std::size_t) {
         url locator(text);
         // The path is appended to the text: behind a query or fragment it would become part of that.
         if (!locator.isAbsolute() || (locator.path().empty() && locator.hasQueryOrFragment())) {
-            return element.fail("service locator is not an url",
-                                "write an absolute locator such as \"ipc://process/path\", without a query");
+            return element.fail("service locator is not an url", ADVICE_ON_LOCATOR);
         }
         if (locator.path().empty() && !path.empty()) {
             locator.init(text + path);
             if (locator.path() != path) {
                 element.warn("readConfig",
-                             "'" + locator.toString() +
+                             "'" + util::config::excerpt(locator.toString()) +
                                  "' leads nowhere: not every character of the path may stand in a locator",
                              "write the whole locator, with the path percent-encoded");
             }
@@ -93,7 +93,7 @@ bool KesaConfig::readServices(const ConfigNode& root)
 
 bool KesaConfig::readService(const ConfigNode& entry)
 {
-    if (entry.isNoDictionary()) {
+    if (entry.isNoDictionary(R"(write one such as {"path": "/media", "type": "pex", "locators": ["ipc://media"]})")) {
         return true;
     }
     const ConfigNode dynamic = entry["is_dynamic"];

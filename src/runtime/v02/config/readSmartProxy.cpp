@@ -14,8 +14,8 @@ bool readUIntArray(const ConfigNode& proxy, const char* key, Codes& codes)
 {
     const ConfigNode list = proxy[key];
     if (!list.value().isArray()) {
-        return list.value().isDefined() &&
-               list.fail(4, "readConfig", std::string(key) + " is not array", {}, "key is not array");
+        return list.value().isDefined() && list.fail(4, "readConfig", std::string(key) + " is not array",
+                                                     "write a list of numbers such as [500, 503]", "key is not array");
     }
     const bool failed = list.readElements([&](const ConfigNode& element, std::size_t index) {
         unsigned int code = 0;
@@ -27,8 +27,8 @@ bool readUIntArray(const ConfigNode& proxy, const char* key, Codes& codes)
         return false;
     });
     if (codes.empty()) {
-        return list.fail(4, "readConfig", std::string(key) + " configured but it is an empty array", {},
-                         "key was configured but it is an empty array");
+        return list.fail(4, "readConfig", std::string(key) + " configured but it is an empty array",
+                         "name a number, or leave the key out", "key was configured but it is an empty array");
     }
     return failed; // without a text of its own: the list broke off after a good beginning
 }

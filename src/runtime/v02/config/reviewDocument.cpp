@@ -9,6 +9,9 @@
 #include <unordered_set>
 
 namespace kesa::runtime::v02 {
+
+using util::config::excerpt;
+
 namespace {
 
 /// Of locators that are read as they are: those that no service can have.
@@ -20,17 +23,19 @@ void reviewLocators(const ConfigNode& list, bool mayLackPath)
         const std::string_view text = element.value().stringView();
         const url locator{std::string(text)};
         if (element.value().isString() && !seen.insert(text).second) {
-            element.complain(Severity::eHINT, "stands more than once");
+            element.complain(Severity::eHINT, "stands more than once", "remove it");
             continue;
         }
         if (!locator.isValid() || (mayLackPath && locator.path().empty())) {
             continue; // the reader's to judge
         }
         if (locator.hasQueryOrFragment()) {
-            element.complain(Severity::eWARNING,
-                             "leads nowhere: the locator of a service has no query and no fragment");
+            element.complain(Severity::eWARNING, "leads nowhere: the locator of a service has no query and no fragment",
+                             "leave out what begins with '?' or '#'");
         } else if (!Path::isCanonical(locator.path())) {
-            element.complain(Severity::eWARNING, "leads nowhere: '" + locator.path() + "' is no path of a service");
+            element.complain(Severity::eWARNING,
+                             "leads nowhere: '" + excerpt(locator.path()) + "' is no path of a service",
+                             R"(write the path of the service behind the process, as in "ipc://process/path")");
         }
     }
 }
@@ -39,7 +44,9 @@ void reviewLocators(const ConfigNode& list, bool mayLackPath)
 void reviewPath(const std::string& path, const ConfigNode& node)
 {
     if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
-        node.complain(Severity::eWARNING, "'" + path + "' is no path of a service: nobody can reach it");
+        node.complain(Severity::eWARNING, "'" + excerpt(path) + "' is no path of a service: nobody can reach it",
+                      "write one such as \"/media/player\", without '//', '.', '..', control characters, or a '/' at "
+                      "its end");
     }
 }
 
@@ -56,7 +63,8 @@ void reviewServices(const ConfigNode& root)
         reviewPath(path, service["path"]);
         if (!path.empty() && !paths.insert(path).second) {
             service["path"].complain(Severity::eWARNING,
-                                     "'" + path + "' stands more than once; the first entry counts");
+                                     "'" + excerpt(path) + "' stands more than once; the first entry counts",
+                                     "remove the others");
         }
         reviewLocators(locators, true);
         bool isDynamic = false;
@@ -97,7 +105,7 @@ void reviewBackends(const ConfigNode& backends)
         const util::config::Value& name = backends.value()[i];
         if (name.isString() && !names.insert(name.stringView()).second) {
             backends[i].complain(Severity::eWARNING,
-                                 "'" + name.toText() +
+                                 "'" + excerpt(name.stringView()) +
                                      "' stands more than once; the second one would not get the name of the process",
                                  "remove it");
         }
@@ -110,7 +118,7 @@ void reviewPaths(const ConfigNode& formats, const ConfigNode& bypass)
     for (const auto& [path, list] : formats.value()) {
         reviewPath(path, formats[path]);
         if (path != "*" && !Path::isAbsolute(path)) {
-            formats[path].complain(Severity::eWARNING, "'" + path + "' is no path of a service",
+            formats[path].complain(Severity::eWARNING, "'" + excerpt(path) + "' is no path of a service",
                                    "write \"*\" or begin it with '/'");
         }
     }

@@ -51,7 +51,7 @@ void addUnknown(const ConfigNode& object, const Keys& known)
         std::string text = "ignored: unknown key '";
         text.append(util::config::shortenedKey(key)).append("'");
         if (meant.empty()) {
-            object[key].complain(Severity::eHINT, std::move(text));
+            object[key].complain(Severity::eHINT, std::move(text), "correct or remove it, unless it is a note");
         } else {
             object[key].complain(Severity::eWARNING, std::move(text),
                                  std::string("did you mean '").append(meant).append("'?"));

@@ -3,8 +3,10 @@
 
 #include <obr/api.h>
 #include <util/config/DocumentPath.h>
+#include <util/config/Value.h>
 
 #include <string>
+#include <string_view>
 
 namespace util::config {
 
@@ -30,6 +32,13 @@ struct KESA_API Complaint {
     /// known are ...". `source` is the file, or words for what else was read, or empty.
     std::string sentence(const std::string& source) const;
 };
+
+// What complaints quote of a document: of something long the beginning, and "..." behind it.
+
+/// A text, as it is.
+KESA_API std::string excerpt(std::string_view text);
+/// A value, as JSON has it: one can see whether it is a number or a text.
+KESA_API std::string quoted(const Value& value);
 
 } // namespace util::config
 
