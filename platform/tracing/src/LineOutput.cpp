@@ -58,6 +58,7 @@ LineOutput::LineOutput(int descriptor, Ownership ownership) noexcept : m_descrip
 
 LineOutput::~LineOutput()
 {
+    flush();
     if (m_ownership == Ownership::eOWNED) {
         ::close(m_descriptor);
     }
@@ -67,20 +68,32 @@ void LineOutput::write(std::string_view line) noexcept
 {
     // Asked every time: what stands behind the standard descriptors may be exchanged.
     const Kind what = kind();
-    if (m_lostLines > 0) {
-        char text[96];
-        const int size = std::snprintf(text, sizeof text, "%skesa: %llu lines lost, their reader did not keep up\n",
-                                       m_isCut ? "\n" : "", static_cast<unsigned long long>(m_lostLines));
-        if (!writeWhole(what, {text, static_cast<std::size_t>(size)})) {
-            ++m_lostLines;
-            return;
-        }
-        m_lostLines = 0;
-        m_isCut = false;
-    }
-    if (!writeWhole(what, line)) {
+    if (!tellLost(what) || !writeWhole(what, line)) {
         ++m_lostLines;
     }
+}
+
+void LineOutput::flush() noexcept
+{
+    m_isClogged = false;
+    static_cast<void>(tellLost(kind()));
+}
+
+/// False when that would not be read.
+bool LineOutput::tellLost(Kind kind) noexcept
+{
+    if (m_lostLines == 0) {
+        return true;
+    }
+    char text[96];
+    const int size = std::snprintf(text, sizeof text, "%skesa: %llu lines lost, their reader did not keep up\n",
+                                   m_isCut ? "\n" : "", static_cast<unsigned long long>(m_lostLines));
+    if (!writeWhole(kind, {text, static_cast<std::size_t>(size)})) {
+        return false;
+    }
+    m_lostLines = 0;
+    m_isCut = false;
+    return true;
 }
 
 LineOutput::Kind LineOutput::kind() const noexcept

@@ -14,11 +14,16 @@ public:
     enum class Ownership { eBORROWED, eOWNED };
 
     LineOutput(int descriptor, Ownership ownership) noexcept;
+    /// With `flush`.
     ~LineOutput();
     LineOutput(const LineOutput&) = delete;
     LineOutput& operator=(const LineOutput&) = delete;
 
     void write(std::string_view line) noexcept;
+
+    /// Says how many lines have been lost, if any and if the reader takes that within 100 ms: nothing may be written
+    /// afterwards that would say it.
+    void flush() noexcept;
 
 private:
     enum class Kind { eFILE, ePIPE, eSOCKET };
@@ -27,6 +32,7 @@ private:
     bool isReady(int timeoutMs) const noexcept;
     std::size_t writeSome(Kind kind, std::string_view rest) const noexcept;
     bool writeWhole(Kind kind, std::string_view line) noexcept;
+    bool tellLost(Kind kind) noexcept;
 
     const int m_descriptor;
     const Ownership m_ownership;

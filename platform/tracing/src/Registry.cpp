@@ -88,6 +88,7 @@ Registry& Registry::instance()
         obr::GlobalErrorHandler::atFatal([] { Registry::instance().flush(); });
         obr::holdAcrossFork<outputLock>();
         obr::holdAcrossFork<lock>();
+        std::atexit([] { Registry::instance().flush(); });
         return new Registry;
     }();
     return *registry;

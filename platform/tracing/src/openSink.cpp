@@ -74,6 +74,11 @@ bool mayBeControl(char c)
     return byte < 0x20 || byte == 0x7f || isHighControl(byte);
 }
 
+bool hasControls(std::string_view text)
+{
+    return std::any_of(text.begin(), text.end(), mayBeControl);
+}
+
 /// The length of the character at the beginning, as its first byte says; 1 for one that does not go on as UTF-8 would.
 std::size_t characterLength(std::string_view text)
 {
@@ -112,11 +117,19 @@ public:
 
     void write(const Line& line) override
     {
-        if (std::any_of(line.text.begin(), line.text.end(), mayBeControl)) {
-            const std::string escaped = escapeControls(line.text);
-            writePrintable({line.channel, line.severity, escaped, line.facility});
+        if (hasControls(line.text) || hasControls(line.channel)) {
+            const std::string channel = escapeControls(line.channel);
+            const std::string text = escapeControls(line.text);
+            writePrintable({channel, line.severity, text, line.facility});
         } else {
             writePrintable(line);
+        }
+    }
+    void flush() override
+    {
+        // Whoever ends the process may have been interrupted while it wrote.
+        if (const std::unique_lock lock(outputLock(), std::try_to_lock); lock.owns_lock()) {
+            m_output.flush();
         }
     }
 
@@ -198,6 +211,10 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
         return nullptr;
     }
     const std::string path = description.substr(FILE_PREFIX.size());
+    if (path.find('\0') != std::string::npos) {
+        reason = "the name of a trace file has a NUL inside; use file:PATH without one";
+        return nullptr;
+    }
     const int descriptor =
         ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0640);
     if (descriptor < 0) {

@@ -120,12 +120,15 @@ TEST_F(Tracing, WritesFilesInWholeEscapedLines)
     const auto sink = makeSink("file:" + file.string());
     ASSERT_NE(sink, nullptr);
     // Of two bytes with 0x9b, one is the end of a letter; "\xe2\x80" is cut off.
-    sink->write({"CH", 4, "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \xe2\x80"});
+    EXPECT_EQ(makeSink(std::string("file:/tmp\0x", 11)), nullptr);
+    obr::ErrorStorage::ack();
+    sink->write({"C\nH\x1b[0m", 4, "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \xe2\x80"});
     sink->write({"kesa_DataModel", 2, "{\"event\":\"runtime\"}", 7});
-    EXPECT_THAT(contentOf(file), MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
-                                              "\\[CH\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é "
-                                              "\\\\u009b\\[1m \\\\x9b\\[2m ś \u20ac \xe2\\\\x80\n"
-                                              "\\{\"event\":\"runtime\"\\}\n"));
+    EXPECT_THAT(contentOf(file),
+                MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
+                             "\\[C\\\\nH\\\\x1b\\[0m\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é "
+                             "\\\\u009b\\[1m \\\\x9b\\[2m ś \u20ac \xe2\\\\x80\n"
+                             "\\{\"event\":\"runtime\"\\}\n"));
     std::filesystem::remove(file);
 }
 
@@ -207,7 +210,7 @@ TEST_F(Tracing, SurvivesReadersThatStopOrDie)
     ASSERT_EQ(::pipe(pipe), 0);
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
     for (int* const ends : {pipe, sockets}) {
-        const auto sink = makeSink("stderr");
+        auto sink = makeSink("stderr");
         const auto write = [&](const std::string& text, int times = 1) {
             withStderr(ends[1], [&] {
                 for (int i = 0; i < times; ++i) {
@@ -220,11 +223,17 @@ TEST_F(Tracing, SurvivesReadersThatStopOrDie)
         EXPECT_THAT(drained(ends[0]), HasSubstr(text.substr(0, 1000)));
         write("again");
         EXPECT_THAT(drained(ends[0]), testing::ContainsRegex("kesa: [0-9]+ lines lost, .*\n.*again\n$"));
+        write(text, 100);
+        withStderr(ends[1], [&] { sink->flush(); });
+        EXPECT_THAT(drained(ends[0]), testing::Not(HasSubstr("lost")));
+        withStderr(ends[1], [&] { sink->flush(); });
+        EXPECT_THAT(drained(ends[0]), testing::ContainsRegex("^\n?kesa: [0-9]+ lines lost, .*\n$"));
         ::close(ends[0]);
         write("nobody reads this");
         sigset_t pending;
         ::sigpending(&pending);
         EXPECT_FALSE(::sigismember(&pending, SIGPIPE));
+        withStderr(ends[1], [&] { sink.reset(); });
         ::close(ends[1]);
     }
 }

@@ -60,8 +60,9 @@ private:
 
 /// "stderr" or "file:PATH"; the file is appended to. A line of the event log is written bare, every other as
 /// "TIME SEVERITY PROCESS/THREAD [CHANNEL] TEXT", with its control characters escaped. A reader that does not keep up
-/// costs the writer 100 ms once; then lines are dropped, and counted, until it does. Null, with the reason in
-/// `obr::ErrorStorage`, when it is neither or cannot be opened.
+/// costs the writer 100 ms once; then lines are dropped until it does. How many is said then, or when sink or process
+/// end, if it takes that within another 100 ms. Null, with the reason in `obr::ErrorStorage`, when it is neither or
+/// cannot be opened.
 KESA_API std::shared_ptr<ISink> makeSink(const std::string& description);
 
 } // namespace tracing
