@@ -2,6 +2,7 @@
 #include "Interruption.h"
 #include "waiting.h"
 
+#include <comm/whyDeaf.h>
 #include <fmt/format.h>
 #include <kesa/ease/use.h>
 
@@ -26,6 +27,10 @@ std::string Client::Impl::reason(std::optional<bool> hasAnswered) const
     if (resolved.empty()) {
         return reason + ": " +
                (hasAnswered ? m_reasons->whyUnknownWhenAsked(m_path, *hasAnswered) : m_reasons->whyUnknown(m_path));
+    }
+    // Of a connection the runtime hears over all of its loops, of an answer over the I/O loop alone.
+    if (std::string deaf = isConnected ? "" : comm::whyDeaf(m_reasons->holds()); !deaf.empty()) {
+        return reason + ": " + deaf;
     }
     std::string why;
     for (const url& locator : resolved) { // the runtime takes one of them

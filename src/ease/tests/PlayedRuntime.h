@@ -101,7 +101,9 @@ public:
         {
             return locator == url("ipc://p/p") ? connection : "";
         }
+        std::vector<std::shared_ptr<const comm::LoopHold>> holds() const override { return held; }
         std::string connection;
+        std::vector<std::shared_ptr<const comm::LoopHold>> held;
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     Api registryAtOnce; ///< connected inside the call that tracks it

@@ -105,7 +105,15 @@ TEST_F(Use, SaysWhyACallHasNoAnswer)
     runtime.played->connection = "it is stopped";
     EXPECT_EQ(call(), "503: '/p' is known at ipc://p/p and not connected: it is stopped" + MORE + wait);
     client->whenConnected([this] { told.emplace_back("then"); });
-    runtime.connected(service);
+    const auto executor = std::make_shared<comm::LoopHold>("executor", [] { return 70 * comm::MILLISECOND; });
+    runtime.played->held = {executor};
+    const auto describe = [] { return std::string("the handler of onChange for '/a'"); };
+    const comm::LoopHold::Call held(*executor, describe);
+    EXPECT_EQ(call(), "503: '/p' is known at ipc://p/p and not connected: this process's executor has been held for 70 "
+                      "ms by the handler of onChange for '/a', so it hears of nothing: leave what takes long or waits "
+                      "to a thread of your own, as kesa::on does" +
+                          wait);
+    runtime.connected(service); // from now on only the I/O loop can be in the way
     client->whenConnected([this] { told.emplace_back("at once"); });
     EXPECT_THAT(takeTold(), ElementsAre("connected", "then", "at once"));
     EXPECT_EQ(call(), "504: no answer within 0 ms; '/p' is connected and silent: it is stopped");

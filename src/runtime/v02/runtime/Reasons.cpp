@@ -1,6 +1,6 @@
 #include <runtime/v02/runtime/Reasons.h>
 
-#include <comm/Reactor.h>
+#include <comm/whyDeaf.h>
 
 #include <fmt/format.h>
 
@@ -76,22 +76,9 @@ Reasons::Holds Reasons::holds() const
     return all;
 }
 
-/// Who holds one of these loops; empty when nobody has for long.
-std::string Reasons::whyDeaf(const Holds& holds)
-{
-    for (const auto& hold : holds) {
-        if (const comm::TimeNs held = hold->heldFor(); held > comm::Reactor::LONG_CALLBACK) {
-            return fmt::format("this process's {} has been held for {} ms by {}, so it hears of nothing: leave what "
-                               "takes long or waits to a thread of your own, as kesa::on does",
-                               hold->loop(), held / comm::MILLISECOND, hold->holder());
-        }
-    }
-    return {};
-}
-
 std::string Reasons::obstacle(const url& locator) const
 {
-    std::string deaf = whyDeaf(backendHolds());
+    std::string deaf = comm::whyDeaf(backendHolds());
     return deaf.empty() ? m_proxies->obstacle(locator) : deaf;
 }
 
@@ -108,7 +95,7 @@ std::string Reasons::whyUnknownWhenAsked(const std::string& path, bool hasAnswer
 /// `silence` is what can be said of a registry to which nothing is in the way.
 std::string Reasons::why(const std::string& path, const char* silence) const
 {
-    if (std::string deaf = whyDeaf(holds()); !deaf.empty()) {
+    if (std::string deaf = comm::whyDeaf(holds()); !deaf.empty()) {
         return deaf;
     }
     url registry;

@@ -37,14 +37,13 @@ public:
 
 private:
     Holds backendHolds() const;
-    static std::string whyDeaf(const Holds& holds);
     std::string why(const std::string& path, const char* silence) const;
 
     const std::shared_ptr<const OpenProxies> m_proxies;
     const Holds m_holds;
     std::atomic<bool> m_isConnected{false};
-    mutable std::mutex m_mutex;
-    std::string m_withoutAsking; ///< what is so when no other process is asked; this and the next two under the mutex
+    mutable std::mutex m_mutex;  ///< of all below: the runtime's start writes them, whoever has to give a reason reads
+    std::string m_withoutAsking; ///< what is so when no other process is asked
     url m_registry;
     Holds m_backendHolds;
 };
