@@ -46,6 +46,17 @@ std::vector<std::string> versionsOf(const std::string& path, const GenericObject
     return versions;
 }
 
+/// `record` is what this process provides at the path.
+std::string alreadyHere(const std::optional<ServiceDef>& record)
+{
+    if (record && record->type == ServiceDef::TypeEnum::registry) {
+        return "this process hosts the registry there already, and there is one at a time: end the "
+               "kesa::registry::RegistryHost that is there before, with stop() or by destroying it";
+    }
+    return "this process has registered it; end that registration before: dispose it, or reset() what kesa::provide "
+           "has returned, since assigning to that ends it only afterwards, and then the path has no service";
+}
+
 /// As it stands in documents: it holds in every run directory.
 std::string withoutRealm(const url& locator)
 {
@@ -157,10 +168,7 @@ bool KesaRuntimeImpl::joinEntry(RuntimeEntry& entry, Registration& registration)
     if (entry.optionalRegistrator) {
         KESA_TRACE(MAIN_CHANNEL, 3, "[registerService] service='%s' already registered handle='%p'", path.c_str(),
                    address);
-        refuse(
-            path, std::move(registration.handler),
-            "this process has registered it; end that registration before: dispose it, or reset() what kesa::provide "
-            "has returned, since assigning to that ends it only afterwards, and then the path has no service");
+        refuse(path, std::move(registration.handler), alreadyHere(entry.optionalServiceDef));
         return true;
     }
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerService] add response_hanlder='%p' to present service='%s'", address,
