@@ -143,7 +143,7 @@ comm::TimeNs ProcessReport::started() const
 std::string ProcessReport::version() const
 {
     const std::string said(answer["version"].stringView());
-    if (answer.isDefined() && said.empty() && facts.library.empty()) {
+    if (answer.isDefined() && !isSilent && said.empty() && facts.library.empty()) {
         return "none: it is not of this library";
     }
     return orNothing(said + (said.empty() || facts.library.empty() ? "" : ", ") + facts.library);

@@ -28,6 +28,7 @@ struct ProcessReport {
     comm::TimeNs after = 0; ///< from the question to the answer
     std::string advice;     ///< the same in a sentence, with what to do; begins with the process
     ExitCode exitCode = ExitCode::eOK;
+    bool isSilent = false; ///< it provides nothing, so that `answer` is what others have said of it
 
     std::string plainName() const; ///< not as it stands in locators
     std::string processId() const; ///< "-" when unknown, as the next ones

@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "silentProcess.h"
 #include "visible.h"
 
 #include <CLI/CLI.hpp>
@@ -11,6 +12,8 @@
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
+
+#include <optional>
 
 namespace kesactl {
 namespace {
@@ -24,26 +27,33 @@ struct StatusArguments {
     CommonOptions common;
 };
 
-/// By its name, or by its number where no name is like that. Answers the name as in locators.
+/// By its name, or by its number where no name is like that. Answers the name as in locators; empty: nobody has it.
 std::string findProcess(const RunDirectoryFacts& directory, const std::string& wanted)
 {
     const std::string encoded = kesa::commadapter::transport::encodeProcessName(wanted);
-    std::vector<std::string_view> known;
     for (const Name& name : directory.names) {
         if (name.name == wanted || name.name == encoded) {
             return name.name;
         }
-        known.emplace_back(name.name);
     }
     for (const Name& name : directory.names) {
         if (name.holder != 0 && std::to_string(name.holder) == wanted) {
             return name.name;
         }
     }
+    return {};
+}
+
+Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wanted)
+{
+    std::vector<std::string_view> known;
+    for (const Name& name : directory.names) {
+        known.emplace_back(name.name);
+    }
     const std::string_view meant = util::nearestName(wanted, known);
-    throw Failure{ExitCode::eFAILED, fmt::format("no process '{}' in {}; {}", wanted, directory.path,
-                                                 meant.empty() ? "kesactl ps lists those that are there"
-                                                               : fmt::format("did you mean '{}'?", meant))};
+    return Failure{ExitCode::eFAILED, fmt::format("no process '{}' in {}; {}", wanted, directory.path,
+                                                  meant.empty() ? "kesactl ps lists those that are there"
+                                                                : fmt::format("did you mean '{}'?", meant))};
 }
 
 void addLine(std::string& page, std::string_view name, std::string_view value)
@@ -98,6 +108,17 @@ std::vector<std::string> rowOf(const Value& connection, const std::string& proce
             stateOf(connection)};
 }
 
+void addConnections(std::string& page, const ProcessReport& report)
+{
+    addLine(page, "connections", countOf(report, "connectionCount", "connections"));
+    Rows rows = {{"  PEER", "PID", "USER", "OPENED BY", "SINCE", "REQUESTS", "QUEUED", "STATE"}};
+    for (const Value& connection : report.answer["connections"].items()) {
+        rows.push_back(rowOf(connection, report.plainName()));
+        rows.back().front().insert(0, "  ");
+    }
+    page += rows.size() > 1 ? aligned(rows) : "";
+}
+
 void addAnswer(std::string& page, const ProcessReport& report)
 {
     const Value& answer = report.answer;
@@ -112,13 +133,7 @@ void addAnswer(std::string& page, const ProcessReport& report)
     for (const Value& path : answer["services"].items()) {
         page += "  " + visible(path.toText()) + '\n';
     }
-    addLine(page, "connections", countOf(report, "connectionCount", "connections"));
-    Rows rows = {{"  PEER", "PID", "USER", "OPENED BY", "SINCE", "REQUESTS", "QUEUED", "STATE"}};
-    for (const Value& connection : answer["connections"].items()) {
-        rows.push_back(rowOf(connection, report.plainName()));
-        rows.back().front().insert(0, "  ");
-    }
-    page += rows.size() > 1 ? aligned(rows) : "";
+    addConnections(page, report);
 }
 
 std::string pageOf(const ProcessReport& report)
@@ -131,7 +146,12 @@ std::string pageOf(const ProcessReport& report)
             report.executable() + (report.facts.isReplaced ? ", replaced since it started; restart it" : ""));
     addLine(page, "library", report.version());
     addLine(page, "since", asLocalTime(report.started()));
-    if (report.answer.isDefined()) {
+    if (report.isSilent) {
+        addLine(page, "services",
+                report.number("serviceCount") +
+                    ": it does not listen, so it cannot be asked; its connections are as their other ends see them");
+        addConnections(page, report);
+    } else if (report.answer.isDefined()) {
         addAnswer(page, report);
     }
     return page;
@@ -141,7 +161,13 @@ void printStatus(const StatusArguments& arguments)
 {
     const RunDirectoryFacts directory = findRunDirectory();
     const std::string name = findProcess(directory, arguments.process);
-    const ProcessReport report = lookAtProcesses(directory, name, arguments.common.deadline()).front();
+    const comm::TimeNs deadline = arguments.common.deadline();
+    const std::optional<ProcessReport> silent =
+        name.empty() ? findSilentProcess(directory, arguments.process, deadline) : std::nullopt;
+    if (name.empty() && !silent) {
+        throw noSuchProcess(directory, arguments.process);
+    }
+    const ProcessReport report = silent ? *silent : lookAtProcesses(directory, name, deadline).front();
     print(arguments.common.isJson ? report.asJson() + '\n' : fitted(pageOf(report)));
     if (!report.note.empty()) {
         throw Failure{report.exitCode, report.advice};

@@ -1,0 +1,88 @@
+#include "silentProcess.h"
+
+#include "Verdict.h"
+
+#include <transport/Authority.h>
+#include <util/config/Dictionary.h>
+
+#include <utility>
+
+namespace kesactl {
+namespace {
+
+using kesa::commadapter::transport::encodeProcessName;
+using util::config::Dictionary;
+using util::config::Value;
+
+bool isWanted(const Value& connection, const std::string& wanted)
+{
+    return connection["openedBy"] == Value("peer") &&
+           (connection["process"] == Value(wanted) || std::to_string(integerOf(connection["pid"])) == wanted);
+}
+
+/// `connection` of `peer`, seen from its other end.
+Value turned(const Value& connection, const ProcessReport& peer)
+{
+    Dictionary other = connection.dictionary();
+    other.set("process", peer.plainName());
+    other.set("pid", peer.answer["pid"]);
+    other.set("uid", peer.answer["uid"]);
+    other.set("openedBy", "self");
+    return Value(std::move(other));
+}
+
+ProcessReport reportOf(const Value& connection)
+{
+    const auto pid = static_cast<pid_t>(integerOf(connection["pid"]));
+    ProcessReport report{encodeProcessName(connection["process"].toText()), pid, ProcessFacts(pid), {}, {}, 0, {}};
+    report.isSilent = true;
+    return report;
+}
+
+/// `first`: one of its connections, as its peer tells.
+Value answerOf(const ProcessReport& report, const Value& first, Value::Array connections)
+{
+    Dictionary answer;
+    answer.set("process", first["process"]);
+    answer.set("pid", first["pid"]);
+    answer.set("uid", first["uid"]);
+    if (report.facts.isThere) {
+        answer.set("executable", report.facts.executable);
+        answer.set("started", report.facts.started / comm::MILLISECOND);
+    }
+    answer.set("note", "provides nothing");
+    answer.set("serviceCount", 0);
+    answer.set("services", Value::Array());
+    answer.set("connectionCount", connections.size());
+    answer.set("connections", std::move(connections));
+    return Value(std::move(answer));
+}
+
+} // namespace
+
+std::optional<ProcessReport> findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted,
+                                               comm::TimeNs deadline)
+{
+    std::optional<ProcessReport> found;
+    Value first;
+    Value::Array connections;
+    for (const ProcessReport& peer : lookAtProcesses(directory, "", deadline)) {
+        for (const Value& connection : peer.answer["connections"].items()) {
+            // Nobody owns such a name: of several that have it, the first.
+            if (!isWanted(connection, wanted) || (found && connection["pid"] != first["pid"])) {
+                continue;
+            }
+            if (!found) {
+                first = connection;
+                found = reportOf(connection);
+            }
+            connections.push_back(turned(connection, peer));
+        }
+    }
+    if (found) {
+        found->answer = answerOf(*found, first, std::move(connections));
+    }
+    return found;
+}
+
+} // namespace kesactl
