@@ -1,5 +1,7 @@
 #include "backend/readCommSettings.h"
 
+#include "transport/Authority.h"
+
 #include <kesa/Path.h>
 #include <kesa/commadapter/checkCommSettings.h>
 #include <kesa/url.h>
@@ -92,6 +94,14 @@ void readSocketMode(const Setting& setting, CommSettings& settings)
     settings.socketMode = mode;
 }
 
+/// Whether a route may lead there: to a process, or to a path below it.
+bool isDestination(const url& locator)
+{
+    return locator.isAbsolute() && !locator.hasQueryOrFragment() &&
+           (locator.path().empty() || Path::isCanonical(locator.path())) &&
+           (locator.scheme() != "ipc" || transport::parseProcessAuthority(locator, "ipc"));
+}
+
 void readRoutes(const Setting& setting, CommSettings& settings)
 {
     if (!setting.value().isDictionary()) {
@@ -100,9 +110,7 @@ void readRoutes(const Setting& setting, CommSettings& settings)
     }
     for (const auto& [path, target] : setting.value()) {
         const url locator{std::string(target.stringView())};
-        const bool leadsNowhere = !locator.isAbsolute() || locator.hasQueryOrFragment() ||
-                                  !(locator.path().empty() || Path::isCanonical(locator.path()));
-        if (!Path::isCanonical(path) || leadsNowhere) {
+        if (!Path::isCanonical(path) || !isDestination(locator)) {
             setting.complain(
                 fmt::format("the route {}: {} is left out", util::config::quoted(path), util::config::quoted(target)),
                 "write a path and a locator such as \"/registry\" and "

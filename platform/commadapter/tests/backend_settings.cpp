@@ -43,7 +43,7 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
 {
     const auto document = parseComm(
         R"({"advertise": "h", "heartbeat_ms": 1, "listen": {}, "max_message_bytes": "1", "rundir": "/x",
-            "routes": {"/": "ipc://p/a", "/a": "b", "/b": "ipc://p/", "/c": "ipc://p/c?d", "/good": "ipc://p"}, "run_dir": "relative", "send_queue_bytes": -1,
+            "routes": {"/": "ipc://p/a", "/a": "b", "/b": "ipc://p/", "/c": "ipc://p/c?d", "/d": "ipc:///d", "/good": "ipc://p"}, "run_dir": "relative", "send_queue_bytes": -1,
             "socket_group": 7, "socket_mode": 660, "tls": {}})");
     std::vector<util::config::Complaint> complaints;
     const CommSettings settings = readCommSettings(document, complaints);
@@ -64,6 +64,7 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
                             "comm.routes./a: the route \"/a\": \"b\" is left out" + locators,
                             "comm.routes./b: the route \"/b\": \"ipc://p/\" is left out" + locators,
                             "comm.routes./c: the route \"/c\": \"ipc://p/c?d\" is left out" + locators,
+                            "comm.routes./d: the route \"/d\": \"ipc:///d\" is left out" + locators,
                             "comm.run_dir: \"run_dir\" is \"relative\"; write the absolute path of a folder",
                             "comm.rundir: \"rundir\" is unknown and has no effect; did you mean \"run_dir\"?",
                             "comm.send_queue_bytes: \"send_queue_bytes\" is -1; " + bytes,
