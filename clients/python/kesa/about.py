@@ -38,7 +38,7 @@ def answer(server: Server, command: str, path: str) -> Body:
             "executable": _executable(),
             "started": _started(),
             "backendStarted": server.since,
-            "runDirectory": server.directory,
+            "runDirectory": os.fsencode(server.directory).decode(errors="replace"),
             "realm": server.hello.realm,
             "services": _named(sorted(server.services), room),
             "serviceCount": len(server.services),
@@ -64,7 +64,7 @@ def _named(members: list[Any], room: int) -> list[Any]:
 
 def _executable() -> str:
     try:
-        return os.readlink("/proc/self/exe")
+        return os.readlink(b"/proc/self/exe").decode(errors="replace")
     except OSError:
         return ""
 

@@ -8,6 +8,7 @@ from typing import Any
 
 from . import cbor
 from .errors import ProtocolError, ServiceError
+from .names import utf8
 
 JSON = "application/json"
 QELBIN = "application/vnd.qelbin"
@@ -28,8 +29,8 @@ class Body:
 
 
 def text(value: str) -> Body:
-    """A body of type plain/text."""
-    return Body(value.encode(), TEXT)
+    """A body of type plain/text. ValueError if it cannot be UTF-8."""
+    return Body(utf8(value), TEXT)
 
 
 def encode(value: Any, accept: Any = None) -> Body:
@@ -44,7 +45,7 @@ def encode(value: Any, accept: Any = None) -> Body:
     wanted = accept if isinstance(accept, list) else [accept]
     if QELBIN in wanted and JSON not in wanted:
         return Body(cbor.encode(value), QELBIN)
-    return Body(json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":")).encode(), JSON)
+    return Body(utf8(json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))), JSON)
 
 
 def decode(data: bytes, mime_type: str) -> Any:

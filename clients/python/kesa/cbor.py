@@ -6,6 +6,7 @@ import struct
 from typing import Any
 
 from .errors import ProtocolError
+from .names import utf8
 
 LEVELS = 128
 _BREAK = object()
@@ -30,7 +31,7 @@ def write(out: bytearray, value: Any, levels: int = LEVELS) -> None:
     elif isinstance(value, float):
         out += struct.pack(">Bd", 0xFB, value)
     elif isinstance(value, str):
-        text = value.encode()
+        text = utf8(value)
         _write_number(out, 3, len(text))
         out += text
     elif isinstance(value, (bytes, bytearray, memoryview)):

@@ -15,6 +15,15 @@ _SURROGATE = re.compile("[\ud800-\udfff]")
 _NO_SURROGATES = "it must be UTF-8; a surrogate, as here, comes of bytes that are none"
 
 
+def utf8(text: str) -> bytes:
+    """`text` as it travels; ValueError if it has no such form."""
+    try:
+        return text.encode()
+    except UnicodeEncodeError as error:
+        around = text[max(0, error.start - 20) : error.start + 20]
+        raise ValueError(f"text {around!r}: {_NO_SURROGATES}") from None
+
+
 def _escape(text: str, plain: frozenset[int]) -> str:
     return "".join(chr(byte) if byte in plain else f"%{byte:02X}" for byte in text.encode())
 

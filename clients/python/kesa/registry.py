@@ -9,6 +9,7 @@ from typing import Any, Callable
 from .bodies import JSON
 from .errors import ProtocolError, ServiceError
 from .link import STREAM, Answer, Exchange, Link
+from .names import utf8
 
 PATH = "/registry"
 LOCATOR = f"ipc://kesa-registryd{PATH}"
@@ -22,7 +23,7 @@ class Wish:
     def __init__(self, command: str, path: str, body: Any):
         self.command = command
         self.path = path
-        self.body = json.dumps(body, ensure_ascii=False).encode()
+        self.body = utf8(json.dumps(body, ensure_ascii=False))
         self.exchange: Exchange | None = None
         self.gone: asyncio.Future | None = None
 

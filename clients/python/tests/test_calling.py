@@ -108,6 +108,14 @@ class CallingPython(SystemTest):
         with self.assertRaises(TypeError):
             kesa.Body("text", "plain/text")
         self.assertEqual(self.failure(lambda: self.system.call("/counter", headers={"deep": nested})).status, 400)
+        half, told = "a\udcff", r"text '.*a\\udcff.*': it must be UTF-8; a surrogate"
+        for wrong in ({"command": half}, {"resource": f"/{half}"}, {"headers": {half: 1}}):
+            self.assertRegex(self.failure(lambda: self.system.call("/counter", **wrong)).reason, told)
+        for body in (lambda: {"a": [half]}, lambda: half, lambda: kesa.text(half)):
+            with self.assertRaisesRegex(ValueError, told):
+                self.system.call("/counter", body=body())
+        with self.assertRaisesRegex(ValueError, told):
+            self.system.watch(f"/{half}/**")
         self.assertEqual([values.next(DEADLINE) for _ in range(100)], list(range(100)))
 
     def test_a_stream_that_ends(self) -> None:
