@@ -6,7 +6,8 @@
 #   LIBS     external libraries, private to the module
 # The rest is for tools/check_house, which reads it here:
 #   HEADERS  the module's own, where several share a folder: files, patterns, folders
-#   LAYERS   folders of the module, lowest first: each includes itself and those before it
+#   LAYERS   folders of the module, lowest first: each includes itself and those before it. "a|b" are two side by side,
+#            which do not include each other; one inside of another stands before it
 #   PURE     folders without sockets, threads, locks and clocks
 #   OPENS    modules that may include what is not installed of this one
 # The shared libraries are made of these archives' objects; unit tests link the archives, so they reach what is hidden.

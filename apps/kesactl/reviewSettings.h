@@ -1,7 +1,7 @@
 #ifndef KESACTL_REVIEWSETTINGS_H
 #define KESACTL_REVIEWSETTINGS_H
 
-#include <backend/CommSettings.h>
+#include <backend/connection/CommSettings.h>
 #include <runtime/v02/config/ConfigReport.h>
 #include <runtime/v02/config/KesaConfig.h>
 

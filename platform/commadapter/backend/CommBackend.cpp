@@ -4,15 +4,15 @@
 
 #include "backend/CommBackend.h"
 
-#include "backend/ClientObject.h"
-#include "backend/ClientTable.h"
-#include "backend/IoLoop.h"
 #include "backend/LocalStream.h"
 #include "backend/Locators.h"
 #include "backend/ProcessDescription.h"
 #include "backend/ProcessService.h"
-#include "backend/ServiceTable.h"
-#include "backend/channel.h"
+#include "backend/client/ClientObject.h"
+#include "backend/client/ClientTable.h"
+#include "backend/connection/IoLoop.h"
+#include "backend/connection/channel.h"
+#include "backend/server/ServiceTable.h"
 
 #include <comm/wallClock.h>
 #include <kesa/Path.h>

@@ -1,7 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_COMMBACKEND_H
 #define KESA_COMMADAPTER_BACKEND_COMMBACKEND_H
 
-#include "backend/CommSettings.h"
+#include "backend/connection/CommSettings.h"
 #include "transport/ITransport.h"
 
 #include <comm/Reactor.h>

@@ -1,6 +1,6 @@
 #include "backend/Locators.h"
 
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 
 #include <kesa/Path.h>
 #include <util/percent.h>

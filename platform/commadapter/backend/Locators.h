@@ -1,7 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_LOCATORS_H
 #define KESA_COMMADAPTER_BACKEND_LOCATORS_H
 
-#include "backend/Destination.h"
+#include "backend/connection/Destination.h"
 
 #include <kesa/url.h>
 

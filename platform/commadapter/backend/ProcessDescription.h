@@ -1,7 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_PROCESSDESCRIPTION_H
 #define KESA_COMMADAPTER_BACKEND_PROCESSDESCRIPTION_H
 
-#include "backend/ConnectionFacts.h"
+#include "backend/connection/ConnectionFacts.h"
 
 #include <comm/Clock.h>
 #include <obr/UUID.h>

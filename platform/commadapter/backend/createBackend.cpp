@@ -1,6 +1,6 @@
 #include "backend/BackendFactory.h"
 #include "backend/CommBackend.h"
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 #include "backend/readCommSettings.h"
 #include "transport/IpcTransport.h"
 

@@ -1,7 +1,7 @@
 #ifndef KESA_COMMADAPTER_BACKEND_READCOMMSETTINGS_H
 #define KESA_COMMADAPTER_BACKEND_READCOMMSETTINGS_H
 
-#include "backend/CommSettings.h"
+#include "backend/connection/CommSettings.h"
 
 #include <util/config/Complaint.h>
 #include <util/config/Value.h>

@@ -1,9 +1,9 @@
 // A connection of its own, which says hello, asks for the path and sends a ping, all at once. What is provided is
 // attached before the pong comes: so a pong alone says that the path is not.
 
-#include "backend/Connection.h"
 #include "backend/Locators.h"
-#include "backend/Waiter.h"
+#include "backend/connection/Connection.h"
+#include "backend/connection/Waiter.h"
 #include "backend/readCommSettings.h"
 #include "transport/Authority.h"
 #include "transport/IpcTransport.h"

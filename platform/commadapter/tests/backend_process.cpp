@@ -5,7 +5,7 @@
 
 #include "backend/ProcessDescription.h"
 #include "backend/ProcessService.h"
-#include "backend/StreamTable.h"
+#include "backend/connection/StreamTable.h"
 
 #include <util/config/JSONParser.h>
 

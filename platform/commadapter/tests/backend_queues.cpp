@@ -2,7 +2,7 @@
 // many, is in backend_holding.cpp.
 
 #include "CarelessPeer.h"
-#include "backend/StreamTable.h"
+#include "backend/connection/StreamTable.h"
 
 #include <kesa/RequestContext.h>
 

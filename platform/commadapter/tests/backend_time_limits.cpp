@@ -2,7 +2,7 @@
 // How limits meet answers, cancels, lost connections and loops that stood still is the simulation's.
 
 #include "CarelessPeer.h"
-#include "backend/Deadlines.h"
+#include "backend/client/Deadlines.h"
 
 #include <kesa/RequestContext.h>
 

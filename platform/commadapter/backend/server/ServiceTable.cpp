@@ -1,6 +1,6 @@
-#include "backend/ServiceTable.h"
+#include "backend/server/ServiceTable.h"
 
-#include "backend/ServerConnection.h"
+#include "backend/server/ServerConnection.h"
 
 #include <algorithm>
 

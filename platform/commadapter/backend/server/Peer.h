@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_PEER_H
-#define KESA_COMMADAPTER_BACKEND_PEER_H
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_PEER_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_PEER_H
 
-#include "backend/ServerConnection.h"
+#include "backend/server/ServerConnection.h"
 
 #include <kesa/IPeer.h>
 

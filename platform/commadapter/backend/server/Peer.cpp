@@ -1,4 +1,4 @@
-#include "backend/Peer.h"
+#include "backend/server/Peer.h"
 
 namespace kesa::commadapter {
 

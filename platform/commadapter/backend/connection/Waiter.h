@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_WAITER_H
-#define KESA_COMMADAPTER_BACKEND_WAITER_H
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_WAITER_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTION_WAITER_H
 
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 
 #include <comm/Condition.h>
 

@@ -7,9 +7,9 @@
 // while, or for as long as is looked for what a peer sends that sends on and on. A loop that is late because its
 // handlers take long looks no different, and tells a limit that much later.
 
-#include "backend/ClientConnection.h"
+#include "backend/client/ClientConnection.h"
 
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 
 #include <algorithm>
 #include <chrono>

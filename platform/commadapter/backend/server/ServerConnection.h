@@ -1,9 +1,9 @@
-#ifndef KESA_COMMADAPTER_BACKEND_SERVERCONNECTION_H
-#define KESA_COMMADAPTER_BACKEND_SERVERCONNECTION_H
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_SERVERCONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_SERVERCONNECTION_H
 
-#include "backend/Connection.h"
-#include "backend/ServiceTable.h"
-#include "backend/StreamTable.h"
+#include "backend/connection/Connection.h"
+#include "backend/connection/StreamTable.h"
+#include "backend/server/ServiceTable.h"
 
 #include <comm/OncePerSecond.h>
 #include <kesa/IStreamControl.h>

@@ -1,8 +1,8 @@
-#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_H
-#define KESA_COMMADAPTER_BACKEND_CONNECTION_H
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_CONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTION_CONNECTION_H
 
-#include "backend/ConnectionFacts.h"
-#include "backend/IoLoop.h"
+#include "backend/connection/ConnectionFacts.h"
+#include "backend/connection/IoLoop.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 

@@ -1,8 +1,8 @@
-#include "backend/IoLoop.h"
+#include "backend/connection/IoLoop.h"
 
-#include "backend/Connection.h"
-#include "backend/Waiter.h"
-#include "backend/channel.h"
+#include "backend/connection/Connection.h"
+#include "backend/connection/Waiter.h"
+#include "backend/connection/channel.h"
 
 #include <comm/Scheduler.h>
 #include <comm/endThrown.h>

@@ -1,4 +1,4 @@
-#include "backend/Deadlines.h"
+#include "backend/client/Deadlines.h"
 
 #include <obr/GlobalErrorHandler.h>
 

@@ -12,11 +12,11 @@
 // by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
 // heartbeat.
 
-#include "backend/ServerConnection.h"
+#include "backend/server/ServerConnection.h"
 
-#include "backend/Peer.h"
-#include "backend/channel.h"
-#include "backend/timeLimit.h"
+#include "backend/connection/channel.h"
+#include "backend/connection/timeLimit.h"
+#include "backend/server/Peer.h"
 
 #include <kesa/IResponseHandler.h>
 #include <kesa/headers.h>

@@ -2,7 +2,7 @@
 //
 // Proof of life: a ping asks, a pong answers. Whoever asks while one is under way waits for the next one.
 
-#include "backend/ServerConnection.h"
+#include "backend/server/ServerConnection.h"
 
 #include <algorithm>
 

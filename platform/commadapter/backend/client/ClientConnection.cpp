@@ -10,10 +10,10 @@
 // then the listener hears of it. Before a listener hears `connected`, requests that failed meanwhile are told so. What
 // the server may still answer to requests ended here is cancelled; their numbers stay taken until it ends them.
 
-#include "backend/ClientConnection.h"
+#include "backend/client/ClientConnection.h"
 
-#include "backend/Waiter.h"
-#include "backend/channel.h"
+#include "backend/connection/Waiter.h"
+#include "backend/connection/channel.h"
 
 #include <obr/GlobalErrorHandler.h>
 

@@ -17,9 +17,9 @@
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
 // the machine from under its own feet; the rest of the batch is still handled, as it came before the end.
 
-#include "backend/Connection.h"
+#include "backend/connection/Connection.h"
 
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 
 #include <comm/wallClock.h>
 

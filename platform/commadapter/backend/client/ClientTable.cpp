@@ -1,4 +1,4 @@
-#include "backend/ClientTable.h"
+#include "backend/client/ClientTable.h"
 
 namespace kesa::commadapter {
 

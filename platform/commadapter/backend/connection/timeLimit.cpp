@@ -1,4 +1,4 @@
-#include "backend/timeLimit.h"
+#include "backend/connection/timeLimit.h"
 
 namespace kesa::commadapter {
 

@@ -1,10 +1,10 @@
-#ifndef KESA_COMMADAPTER_BACKEND_CLIENTCONNECTION_H
-#define KESA_COMMADAPTER_BACKEND_CLIENTCONNECTION_H
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTCONNECTION_H
+#define KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTCONNECTION_H
 
-#include "backend/Connection.h"
-#include "backend/Connector.h"
-#include "backend/Deadlines.h"
-#include "backend/StreamTable.h"
+#include "backend/client/Connector.h"
+#include "backend/client/Deadlines.h"
+#include "backend/connection/Connection.h"
+#include "backend/connection/StreamTable.h"
 
 #include <comm/Condition.h>
 #include <kesa/IClientConnectionListener.h>

@@ -1,8 +1,8 @@
-#ifndef KESA_COMMADAPTER_BACKEND_CONNECTOR_H
-#define KESA_COMMADAPTER_BACKEND_CONNECTOR_H
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENT_CONNECTOR_H
+#define KESA_COMMADAPTER_BACKEND_CLIENT_CONNECTOR_H
 
-#include "backend/Destination.h"
-#include "backend/IoLoop.h"
+#include "backend/connection/Destination.h"
+#include "backend/connection/IoLoop.h"
 #include "transport/ITransport.h"
 
 #include <functional>

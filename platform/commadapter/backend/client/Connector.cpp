@@ -5,9 +5,9 @@
 // anew, too. A busy one is tried again within 1 to 5 ms, at random, so that many clients do not come back at the same
 // moment.
 
-#include "backend/Connector.h"
+#include "backend/client/Connector.h"
 
-#include "backend/channel.h"
+#include "backend/connection/channel.h"
 #include "protocol/Machine.h"
 
 #include <obr/Random.h>

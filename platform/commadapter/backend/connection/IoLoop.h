@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_IOLOOP_H
-#define KESA_COMMADAPTER_BACKEND_IOLOOP_H
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_IOLOOP_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTION_IOLOOP_H
 
-#include "backend/CommSettings.h"
+#include "backend/connection/CommSettings.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 

@@ -4,11 +4,11 @@
 //
 // Which calls run when, and what waits for what, is explained at the head of ClientConnection.cpp.
 
-#include "backend/ClientConnection.h"
+#include "backend/client/ClientConnection.h"
 
-#include "backend/Waiter.h"
-#include "backend/channel.h"
-#include "backend/timeLimit.h"
+#include "backend/connection/Waiter.h"
+#include "backend/connection/channel.h"
+#include "backend/connection/timeLimit.h"
 
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>

@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_CLIENTOBJECT_H
-#define KESA_COMMADAPTER_BACKEND_CLIENTOBJECT_H
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTOBJECT_H
+#define KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTOBJECT_H
 
-#include "backend/ClientConnection.h"
+#include "backend/client/ClientConnection.h"
 
 #include <kesa/commadapter/KesaClientApi.h>
 

@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_CLIENTTABLE_H
-#define KESA_COMMADAPTER_BACKEND_CLIENTTABLE_H
+#ifndef KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTTABLE_H
+#define KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTTABLE_H
 
-#include "backend/ClientConnection.h"
+#include "backend/client/ClientConnection.h"
 
 #include <map>
 #include <memory>

@@ -1,7 +1,7 @@
-#ifndef KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
-#define KESA_COMMADAPTER_BACKEND_SERVICETABLE_H
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_SERVICETABLE_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_SERVICETABLE_H
 
-#include "backend/Connection.h"
+#include "backend/connection/Connection.h"
 
 #include <kesa/IKesaApi.h>
 
