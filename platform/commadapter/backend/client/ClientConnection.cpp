@@ -1,10 +1,10 @@
 // Client objects and the connection they share. Their requests are in ClientConnection_requests.cpp, the time limits of
 // these in ClientConnection_limits.cpp.
 //
-// Calls. The loop calls one handler or listener at a time, without the lock, and notes which. `cancel` and `release`
-// from another thread take away what would be called next and then wait while exactly that call runs; on the loop they
-// are inside of it, or no call runs, and they do not wait. A handler is out of the table while it runs, so nothing that
-// happens to its stream meanwhile destroys it; when it was cancelled, its call does so afterwards.
+// Calls. The loop calls one handler or listener at a time, without the lock. `cancel` and `release` take away what
+// would be called next and then wait while exactly that call runs, see `CallUnderWay`. A handler is out of the table
+// while it runs, so nothing that happens to its stream meanwhile destroys it; when it was cancelled, its call does so
+// afterwards.
 //
 // Order. When a path or the connection goes, first nothing can be sent any more, then each open request ends with 503,
 // then the listener hears of it. Before a listener hears `connected`, requests that failed meanwhile are told so. What
@@ -12,7 +12,6 @@
 
 #include "backend/client/ClientConnection.h"
 
-#include "backend/connection/Waiter.h"
 #include "backend/connection/channel.h"
 
 #include <obr/GlobalErrorHandler.h>
@@ -142,12 +141,7 @@ void ClientConnection::release(const std::shared_ptr<ClientState>& client, bool 
     }
     client->listener = nullptr;
     client->isAttached = false;
-    if (m_runningListener == client.get() && !loop().isCurrent()) {
-        ++m_waiting;
-        waitTracing(
-            m_ended, lock, [this, &client] { return m_runningListener != client.get(); }, client->path);
-        --m_waiting;
-    }
+    m_listenerCall.waitForEnd(lock, client.get(), loop().isCurrent(), client->path);
     lock.unlock();
     loop().post([self = std::static_pointer_cast<ClientConnection>(shared_from_this()), client, serviceRemoved] {
         self->retire(client, serviceRemoved);
@@ -198,13 +192,11 @@ void ClientConnection::tellListener(Lock& lock, ClientState& client, void (IClie
     if (listener == nullptr) {
         return;
     }
-    m_runningListener = &client;
+    const decltype(m_listenerCall)::Scope scope(m_listenerCall, &client);
     lock.unlock();
     loop().callOut([&] { (listener->*call)(); },
                    [&client] { return "what has been told that '" + client.path + "' comes or goes"; });
     lock.lock();
-    m_runningListener = nullptr;
-    callEnded();
 }
 
 // ---- connection ---------------------------------------------------------------------------------------------------

@@ -1,12 +1,12 @@
 #ifndef KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTCONNECTION_H
 #define KESA_COMMADAPTER_BACKEND_CLIENT_CLIENTCONNECTION_H
 
+#include "backend/client/CallUnderWay.h"
 #include "backend/client/Connector.h"
 #include "backend/client/Deadlines.h"
 #include "backend/connection/Connection.h"
 #include "backend/connection/StreamTable.h"
 
-#include <comm/Condition.h>
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/IResponseHandler.h>
@@ -112,8 +112,6 @@ private:
     void unlink(std::uint32_t stream);
     void unlimit(Stream& stream) noexcept;
     void cancelStream(std::uint32_t stream);
-    void callEnded();
-    void waitWhileRunning(Lock& lock, const std::string& path, std::uint64_t handle);
     static std::uint64_t nextHandle(std::uint32_t stream) noexcept;
     static std::uint32_t streamOf(std::uint64_t handle) noexcept;
     // ClientConnection_limits.cpp
@@ -166,13 +164,11 @@ private:
     Deadlines m_deadlines{[this](std::uint64_t handle) { return isLimited(handle); }};
     comm::TimeNs m_timerDue = comm::NEVER; ///< when `m_timer` runs, or is about to be set for
     bool m_isStopped = false;
-    transport::PeerIdentity m_peer;                 ///< of the present connection, or of the last one
-    comm::TimeNs m_openedAt = 0;                    ///< the present connection, or the last one
-    bool m_isGreeted = false;                       ///< the server has said hello
-    std::uint64_t m_runningHandle = 0;              ///< of the handler being called
-    const ClientState* m_runningListener = nullptr; ///< of the listener being called
-    unsigned m_waiting = 0;
-    comm::Condition m_ended;
+    transport::PeerIdentity m_peer;            ///< of the present connection, or of the last one
+    comm::TimeNs m_openedAt = 0;               ///< the present connection, or the last one
+    bool m_isGreeted = false;                  ///< the server has said hello
+    CallUnderWay<std::uint64_t> m_handlerCall; ///< by handle
+    CallUnderWay<const ClientState*> m_listenerCall;
     std::atomic<bool> m_isLoopGone{false}; ///< it has dropped an event
 
     // Loop only.

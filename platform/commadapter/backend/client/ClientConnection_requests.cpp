@@ -6,7 +6,6 @@
 
 #include "backend/client/ClientConnection.h"
 
-#include "backend/connection/Waiter.h"
 #include "backend/connection/channel.h"
 #include "backend/connection/timeLimit.h"
 
@@ -263,7 +262,7 @@ void ClientConnection::cancel(const ClientState& client, void* handle)
     } else if (number == 0) {
         cancelled = takeFailed(wanted);
     }
-    waitWhileRunning(lock, client.path, wanted);
+    m_handlerCall.waitForEnd(lock, wanted, loop().isCurrent(), client.path);
 }
 
 /// Its number stays taken until the server ends the stream, or the connection ends.
@@ -280,17 +279,6 @@ void ClientConnection::cancelStream(std::uint32_t number)
         ++m_endsOwed;
     }
     pushOut();
-}
-
-void ClientConnection::waitWhileRunning(Lock& lock, const std::string& path, std::uint64_t handle)
-{
-    if (handle == 0 || m_runningHandle != handle || loop().isCurrent()) {
-        return;
-    }
-    ++m_waiting;
-    waitTracing(
-        m_ended, lock, [this, handle] { return m_runningHandle != handle; }, path);
-    --m_waiting;
 }
 
 void ClientConnection::unlink(std::uint32_t number)
@@ -316,19 +304,10 @@ void ClientConnection::callOut(const std::string& path, Call&& call)
 template <class Call>
 void ClientConnection::run(Lock& lock, std::uint64_t handle, const std::string& path, Call&& call)
 {
-    const std::uint64_t outer = std::exchange(m_runningHandle, handle);
+    const decltype(m_handlerCall)::Scope scope(m_handlerCall, handle);
     lock.unlock();
     callOut(path, std::forward<Call>(call));
     lock.lock();
-    m_runningHandle = outer;
-    callEnded();
-}
-
-void ClientConnection::callEnded()
-{
-    if (m_waiting > 0) {
-        m_ended.notifyAll();
-    }
 }
 
 /// True, and the connection ends, when the peer answers what it cannot have read: the number of a request that is still
@@ -361,7 +340,7 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     Handler handler = std::move(stream->handler);
     const std::uint64_t handle = stream->handle;
     const ClientState& client = *stream->client;
-    m_runningHandle = handle;
+    const decltype(m_handlerCall)::Scope scope(m_handlerCall, handle);
     lock.unlock();
     callOut(client.path, [&] { handler->onNext(response); });
     lock.lock();
@@ -373,8 +352,6 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
         handler.reset();
         lock.lock();
     }
-    m_runningHandle = 0;
-    callEnded();
 }
 
 void ClientConnection::onError(std::uint32_t number, Response error)
