@@ -19,6 +19,7 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
 #include <runtime/v02/config/reviewDocument.h>
+#include <transport/EndpointWatch.h>
 #include <transport/RunDirectory.h>
 #include <transport/usersAndGroups.h>
 
@@ -34,6 +35,7 @@
 namespace kesactl {
 namespace {
 
+using kesa::commadapter::transport::EndpointWatch;
 using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::RunDirectory;
 using kesa::commadapter::transport::userName;
@@ -64,6 +66,13 @@ void addMachine(DoctorPage& page)
         environment.set(name, value == nullptr ? Value(nullptr) : Value(value));
     }
     page.facts.set("environment", environment);
+}
+
+void addShortage(DoctorPage& page)
+{
+    if (const std::string why = EndpointWatch::findShortage(); !why.empty()) {
+        page.findings.push_back("processes find one that starts up to a second later than they could: " + why);
+    }
 }
 
 struct Configuration {
@@ -254,6 +263,7 @@ bool diagnose(const CommonOptions& options)
     if (answer.services) {
         addUnknown(page, reports, processOf(place.locators.front()), *answer.services);
     }
+    addShortage(page);
     print(options.isJson ? page.asJson() : wrapped(page.asText()));
     return !page.findings.empty();
 }

@@ -15,6 +15,7 @@
 
 #include <fcntl.h>
 #include <grp.h>
+#include <sched.h>
 #include <sys/file.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -37,6 +38,7 @@ namespace kesa::commadapter::transport::test {
 namespace {
 
 using testing::AllOf;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::Ge;
 using testing::HasSubstr;
@@ -521,6 +523,31 @@ TEST_F(TransportIpc, WithoutDescriptorsTheLimitIsNamedAndTheNextClaimGoesOn)
         EXPECT_THAT(node.why, Not(HasSubstr("run_dir")));
     }
     EXPECT_THAT(refusals, AllOf(Ge(3U), Le(6U))) << "directory, realm or lock, socket, a look at it";
+}
+
+// In a child, which has a limit of its own as the root of a user namespace.
+TEST_F(TransportIpc, WithoutInotifyNothingIsWatchedAndTheLimitIsNamedOnce)
+{
+    constexpr int CANNOT_LIMIT = 77;
+    const pid_t child = ::fork();
+    if (child == 0) {
+        if (::unshare(CLONE_NEWUSER) != 0 ||
+            !(std::ofstream("/proc/sys/user/max_inotify_instances") << 0 << std::flush)) {
+            ::_exit(CANNOT_LIMIT);
+        }
+        const tracing::TraceCapture traces("KESA_COMM_IPC");
+        Node client(board, directory);
+        EXPECT_EQ(client.watch("media"), 0U);
+        EXPECT_EQ(client.watch("other"), 0U);
+        EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("(sysctl fs.inotify.max_user_instances)")));
+        ::_exit(HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    if (WEXITSTATUS(status) == CANNOT_LIMIT) {
+        GTEST_SKIP() << "this user may make no user namespace";
+    }
+    EXPECT_EQ(status, 0);
 }
 
 TEST_F(TransportIpc, AFullBacklogIsBusyNotMissing)

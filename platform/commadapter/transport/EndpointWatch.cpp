@@ -4,10 +4,16 @@
 
 #include "transport/EndpointWatch.h"
 
+#include <obr/explainError.h>
+
+#include <sys/eventfd.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <array>
+#include <cerrno>
 #include <cstring>
 #include <set>
 #include <utility>
@@ -28,6 +34,28 @@ std::string parentOf(const std::string& path)
 {
     const std::size_t slash = path.rfind('/');
     return slash == 0 || slash == std::string::npos ? "/" : path.substr(0, slash);
+}
+
+/// The system has the texts of other limits for those of inotify.
+std::string explainUnwatched(int error)
+{
+    const auto explain = [](const char* what, const char* limit) {
+        return fmt::format("all processes of this user together have used up their inotify {}: let them have more "
+                           "(sysctl fs.inotify.{}) or end some",
+                           what, limit);
+    };
+    if (error == ENOSPC) {
+        return explain("watches", "max_user_watches");
+    }
+    if (error == EMFILE && Descriptor(::eventfd(0, EFD_CLOEXEC))) { // so it is not this process's descriptors
+        return explain("instances", "max_user_instances");
+    }
+    return obr::explainError(error);
+}
+
+Descriptor makeInotify()
+{
+    return Descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
 }
 
 bool isMissing(int error)
@@ -67,10 +95,12 @@ EndpointWatch::~EndpointWatch()
     clear();
 }
 
-comm::Reactor::Id EndpointWatch::add(const std::string& file, Appeared appeared)
+comm::Reactor::Id EndpointWatch::add(const std::string& file, Appeared appeared, std::string& why)
 {
     if (!m_inotify && open()) {
+        const int error = errno;
         shutDown();
+        why = explainUnwatched(error);
         return 0;
     }
     const comm::Reactor::Id id = ++m_lastId;
@@ -114,9 +144,15 @@ void EndpointWatch::notifyAll()
     }
 }
 
+std::string EndpointWatch::findShortage()
+{
+    const Descriptor inotify = makeInotify();
+    return inotify ? std::string() : explainUnwatched(errno);
+}
+
 bool EndpointWatch::open()
 {
-    m_inotify = Descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    m_inotify = makeInotify();
     if (!m_inotify || arm()) {
         return true;
     }

@@ -22,9 +22,13 @@ public:
     EndpointWatch(const EndpointWatch&) = delete;
     EndpointWatch& operator=(const EndpointWatch&) = delete;
 
+    /// Why nothing can be watched now, and how to change that; empty when it can.
+    static std::string findShortage();
+
     using Appeared = util::UniqueFunction<void()>;
-    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched.
-    comm::Reactor::Id add(const std::string& file, Appeared appeared);
+    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched: `why`
+    /// says what is used up and how to have more.
+    comm::Reactor::Id add(const std::string& file, Appeared appeared, std::string& why);
     /// Calls it once, never inside the call.
     void notify(comm::Reactor::Id id);
     void remove(comm::Reactor::Id id);

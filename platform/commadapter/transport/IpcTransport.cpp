@@ -153,6 +153,7 @@ private:
     comm::Reactor::Id m_acceptWatch = 0;
     comm::Reactor::Id m_acceptTimer = 0;
     bool m_isLimitTraced = false;
+    bool m_isUnwatchedTraced = false;
 };
 
 template <class Task>
@@ -343,8 +344,15 @@ comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::Un
         return 0;
     }
     const std::string file = socketFileName(endpoint.process);
-    const comm::Reactor::Id id = m_endpoints.add(file, std::move(appeared));
-    if (id == 0) {
+    std::string why;
+    const comm::Reactor::Id id = m_endpoints.add(file, std::move(appeared), why);
+    const bool isUnwatched = id == 0;
+    if (!std::exchange(m_isUnwatchedTraced, isUnwatched) && isUnwatched) {
+        KESA_TRACE_TEXT(
+            channel(), 3,
+            fmt::format("[watch] a process that starts is found up to a second later than it could be: {}", why));
+    }
+    if (isUnwatched) {
         return 0;
     }
     // It may have appeared between the last connect and this call. A file that has been tried already does
