@@ -1,7 +1,9 @@
 // A registry in another process, and in this one: answers that the simulation does not draw, or too seldom. Everything
 // else about it is in scenarios and in the simulation.
-#include "FakeRegistry.h"
+#include "RuntimeFixture.h"
 
+#include <ScriptedRegistry.h>
+#include <kesa/serviceregistry/ServiceRegistryPexService.h>
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
 #include <tracing/CapturingSink.h>
 
@@ -36,7 +38,7 @@ class RemoteRegistryTest : public RuntimeFixture {
 protected:
     RemoteRegistryTest()
     {
-        auto owned = std::make_unique<FakeRegistry>();
+        auto owned = std::make_unique<kesa::test::ScriptedRegistry>(calls);
         registry = owned.get();
         m_pex = std::make_shared<Pex>(std::move(owned));
         m_network->provided.emplace(REGISTRY, Pex::getService(m_pex).get());
@@ -51,7 +53,7 @@ protected:
     {
         m_runtime = startRuntime(DOCUMENT);
         connect();
-        registry->asked();
+        calls.clear();
     }
     void connect()
     {
@@ -67,9 +69,10 @@ protected:
     Lines asked()
     {
         run();
-        return registry->asked();
+        return std::exchange(calls, {});
     }
-    FakeRegistry* registry;
+    Lines calls; ///< of the registry
+    kesa::test::ScriptedRegistry* registry;
 
 private:
     std::shared_ptr<Pex> m_pex;
@@ -83,9 +86,9 @@ TEST_F(RemoteRegistryTest, whatIsProvidedIsWithdrawnWhateverTheRegistryHasRecord
     ServiceDef recorded = registry->lastRecord;
     EXPECT_EQ(recorded.locators, std::vector<url>{url("fake://me/a")});
     recorded.locators = {url("fake://elsewhere/a")};
-    registry->insert("/a").onNext(recorded);
+    registry->registration("/a").onNext(recorded);
     EXPECT_THAT(happened(), ElementsAre("registration success"));
-    registry->insert("/a").onNext(recorded);
+    registry->registration("/a").onNext(recorded);
     EXPECT_THAT(traced(2, [] {}), Contains(HasSubstr("do not update ServiceDef")));
     registration.dispose();
     run();
@@ -97,18 +100,18 @@ TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
     startConnected();
     auto tracker = track("/a", "t");
     run();
-    registry->track("/a").onNext(update(ADDED, "/a")); // on its way while the registration is made
+    registry->tracking("/a").onNext(update(ADDED, "/a")); // on its way while the registration is made
     auto registration = registerService("/a", "r");
     EXPECT_THAT(toClients(), Contains("r: 409: service already registered: held by process other"));
-    registry->track("/a").onNext(update(REMOVED, "/a"));
+    registry->tracking("/a").onNext(update(REMOVED, "/a"));
     run();
     m_journal->take();
     auto third = registerService("/a", "r3");
     run();
     third.dispose();
     auto fourth = registerService("/a", "r4"); // answers to the third are behind it in the queue
-    registry->insert("/a").onNext(registry->lastRecord);
-    registry->insert("/a").onError(Response::createErrorResponse(409));
+    registry->registration("/a").onNext(registry->lastRecord);
+    registry->registration("/a").onError(Response::createErrorResponse(409));
     m_journal->take();
     const Lines lines = happened();
     EXPECT_THAT(lines, Not(Contains("registration success")));
@@ -116,7 +119,7 @@ TEST_F(RemoteRegistryTest, answersToAnEarlierRequestDoNotCount)
     EXPECT_TRUE(m_network->isProvided("fake://me/a"));
     auto keeping = track("/a", "u"); // keeps the entry
     fourth.dispose();
-    registry->insert("/a").onError(Response::createErrorResponse(409));
+    registry->registration("/a").onError(Response::createErrorResponse(409));
     EXPECT_THAT(traced(1, [] {}), Contains(HasSubstr("[onRegistrationFailed] of an earlier request")));
 }
 
@@ -127,7 +130,7 @@ TEST_F(RemoteRegistryTest, aConfirmationAfterTheEndIsNoWarning)
         auto registration = registerService("/a", "r");
         run();
         registration.dispose();
-        registry->insert("/a").onNext(registry->lastRecord);
+        registry->registration("/a").onNext(registry->lastRecord);
     };
     EXPECT_THAT(traced(3, confirmedLate), Contains(HasSubstr("registration was cancelled before announce")));
     auto tracking = track("/a", "t");
@@ -151,21 +154,21 @@ TEST_F(RemoteRegistryTest, aRequestIsOpenOnceThoughTheNewsOfTheConnectionAreLate
     registry->loseAll();
     m_network->disconnected(REGISTRY);
     m_network->connected(REGISTRY);
-    while (registry->calls.size() < 3) {
+    while (calls.size() < 3) {
         ASSERT_TRUE(m_scheduler.step());
     }
-    ASSERT_THAT(registry->asked(), ElementsAre("insert /a", "track /b", "query /c/*"));
+    ASSERT_THAT(std::exchange(calls, {}), ElementsAre("register /a", "track /b", "query /c/*"));
     // Answers to these are behind the news in the queue.
-    registry->track("/b").onNext(update(ADDED, "/b"));
+    registry->tracking("/b").onNext(update(ADDED, "/b"));
     registry->query("/c/*").onNext({update(ADDED, "/c/1")});
-    registry->insert("/a").onError(Response::createErrorResponse(409));
+    registry->registration("/a").onError(Response::createErrorResponse(409));
     EXPECT_THAT(toClients(), ElementsAre("r: /a fake://me/a"));
-    EXPECT_THAT(asked(), ElementsAre("cancel track /b", "cancel query /c/*", "insert /a", "track /b", "query /c/*"))
+    EXPECT_THAT(asked(), ElementsAre("cancel track /b", "cancel query /c/*", "register /a", "track /b", "query /c/*"))
         << "what has ended has nothing to cancel";
     registration.dispose();
     tracker.dispose();
     subscription.dispose();
-    EXPECT_THAT(asked(), ElementsAre("cancel insert /a", "cancel track /b", "cancel query /c/*"));
+    EXPECT_THAT(asked(), ElementsAre("cancel register /a", "cancel track /b", "cancel query /c/*"));
 }
 
 TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
@@ -173,9 +176,9 @@ TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
     startConnected();
     auto tracker = track("/a", "t");
     auto registration = registerService("/a", "r");
-    EXPECT_THAT(asked(), ElementsAre("track /a", "cancel track /a", "insert /a"));
+    EXPECT_THAT(asked(), ElementsAre("track /a", "cancel track /a", "register /a"));
     registration.dispose();
-    EXPECT_THAT(asked(), ElementsAre("cancel insert /a", "track /a"));
+    EXPECT_THAT(asked(), ElementsAre("cancel register /a", "track /a"));
     m_network->refusedPaths.insert("/a");
     auto refused = registerService("/a", "r2");
     EXPECT_THAT(asked(), ElementsAre("cancel track /a", "track /a"));
@@ -186,15 +189,15 @@ TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
     auto second = registerService("/a", "r3");
     auto late = track("/a", "u");
     run();
-    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->tracking("/a").onNext(update(ADDED, "/a"));
     run();
-    registry->asked();
+    calls.clear();
     m_journal->take();
     m_network->calls();
-    registry->insert("/a").onError(Response::createErrorResponse(409));
+    registry->registration("/a").onError(Response::createErrorResponse(409));
     EXPECT_THAT(asked(), ElementsAre("cancel track /a", "track /a"));
     EXPECT_THAT(m_network->calls(), ElementsAre("unprovide fake://me/a")) << "the own record is still the own one";
-    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->tracking("/a").onNext(update(ADDED, "/a"));
     EXPECT_THAT(toClients(), testing::IsSupersetOf({"t: REMOVED /a", "u: REMOVED /a", "t: ADDED /a", "u: ADDED /a"}));
 }
 
@@ -211,7 +214,7 @@ TEST_F(RemoteRegistryTest, theLossOfTheRegistryLeavesOwnServicesAlone)
     connect();
     EXPECT_THAT(toClients(), IsEmpty());
     EXPECT_TRUE(m_network->isProvided("fake://me/a"));
-    registry->track("/a").onNext(update(REMOVED, registry->lastRecord)); // not the word of this process
+    registry->tracking("/a").onNext(update(REMOVED, registry->lastRecord)); // not the word of this process
     registry->query("**").onNext({update(ADDED, registry->lastRecord), update(REMOVED, registry->lastRecord)});
     EXPECT_THAT(toClients(), IsEmpty());
 }
@@ -233,7 +236,7 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     auto subscription = query("**", "q");
     auto tracker = track("/a", "t");
     run();
-    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->tracking("/a").onNext(update(ADDED, "/a"));
     run();
     tracker.dispose();
     EXPECT_THAT(toClients(), ElementsAre("t: ADDED /a", "q: ADDED /a", "t: ~", "q: REMOVED /a"));
@@ -246,7 +249,7 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     auto doubting = track("/a", "d");
     subscription.dispose();
     EXPECT_THAT(toClients(), ElementsAre("d: ADDED /a", "q: ~", "d: REMOVED /a"));
-    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->tracking("/a").onNext(update(ADDED, "/a"));
     EXPECT_THAT(toClients(), ElementsAre("d: ADDED /a"));
     doubting.dispose();
 
@@ -260,12 +263,12 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     ServiceDef other = foreign("/a");
     other.id = obr::UUID({2});
     other.locators = {url("fake://third/a")};
-    registry->track("/a").onNext(update(ADDED, other));
+    registry->tracking("/a").onNext(update(ADDED, other));
     EXPECT_THAT(toClients(), ElementsAre("s: REMOVED /a", "q: REMOVED /a", "s: ADDED /a", "q: ADDED /a"));
     // Another record of the same one, whole this time: it takes the place of the known one, and nobody hears of it.
     other.versions = {"2.0.0"};
     other.metainfo->set("zone", "kitchen");
-    registry->track("/a").onNext(update(ADDED, other));
+    registry->tracking("/a").onNext(update(ADDED, other));
     EXPECT_THAT(toClients(), IsEmpty());
     ServiceDef told;
     auto reader = m_runtime->trackService("/a", std::make_unique<responsehandlers::FuncResponseHandler<ServiceUpdate>>(
@@ -296,7 +299,7 @@ TEST_F(RemoteRegistryTest, aQuerySpeaksForNoTrackingThatHasAnswered)
     auto tracker = track("/a", "t");
     run();
     registry->query("**").onNext({update(ADDED, "/a")});
-    registry->track("/a").onNext(update(ADDED, "/a"));
+    registry->tracking("/a").onNext(update(ADDED, "/a"));
     EXPECT_THAT(toClients(), UnorderedElementsAre("q: ADDED /a", "t: ADDED /a"));
     registry->query("**").onNext({update(REMOVED, "/a")}); // of what was there before the answer
     EXPECT_THAT(toClients(), ElementsAre("q: REMOVED /a"));
@@ -320,7 +323,7 @@ TEST_F(RemoteRegistryTest, anOwnServiceIsKnownWithoutItsMetainfo)
     recorded.id = obr::UUID({1});
     recorded.locators = {url("fake://gateway/a")};
     registry->query("**").onNext({update(ADDED, own)});
-    registry->insert("/a").onNext(recorded);
+    registry->registration("/a").onNext(recorded);
     registry->query("**").onNext({update(ADDED, recorded)});
     run();
     m_journal->take();

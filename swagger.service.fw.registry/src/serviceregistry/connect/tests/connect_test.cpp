@@ -88,13 +88,14 @@ TEST_F(ConnectTest, RegistersAndEndsRequestsBeforeTheRegistration)
     };
     for (const auto& [call, text] : registrations) {
         // The caller keeps nothing but the end of the registration.
-        Disposable end = call(std::make_shared<ServiceRegistryPexService>(std::make_unique<FakeRegistry>(runtime.log)));
+        Disposable end =
+            call(std::make_shared<ServiceRegistryPexService>(std::make_unique<ScriptedRegistry>(runtime.log)));
         const Api service = std::exchange(runtime.registered, nullptr);
         service->request(Request("retrieve", "/"), noteTexts(runtime.log));
         end.dispose();
         end.dispose();
         EXPECT_THAT(runtime.take(), ElementsAre("register " + text, HasSubstr("query"), HasSubstr("503"), "~",
-                                                "cancel 101", testing::StartsWith("unregister /registry")));
+                                                "cancel query ", testing::StartsWith("unregister /registry")));
     }
 }
 
