@@ -26,8 +26,8 @@ public:
     static std::string findShortage();
 
     using Appeared = util::UniqueFunction<void()>;
-    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched: `why`
-    /// says what is used up and how to have more.
+    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched:
+    /// `why` says what is used up and how to have more.
     comm::Reactor::Id add(const std::string& file, Appeared appeared, std::string& why);
     /// Calls it once, never inside the call.
     void notify(comm::Reactor::Id id);
