@@ -26,6 +26,7 @@ class KESA_API ISink {
 public:
     virtual ~ISink();
     virtual void write(const Line& line) = 0;
+    /// When the process exits, and before a fatal error ends it: what is held back goes out now, or never.
     virtual void flush() {}
 };
 
