@@ -60,8 +60,9 @@ public:
     /// What it was made with.
     const std::string& path() const noexcept;
     bool isConnected() const;
-    /// Why it is not connected, or that the process it is connected to is stopped, in one sentence that ends with what
-    /// to do or to ask next; empty when nothing is known to be in the way:
+    /// Why it is not connected, also by a handler that holds a loop of this process, or that the process it is
+    /// connected to is stopped, in one sentence that ends with what to do or to ask next; empty when nothing is known
+    /// to be in the way:
     ///     nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not connected: no process
     ///     listens as "kesa-registryd" in "/run/kesa" (run directory by the default); 'kesactl doctor' says more
     std::string reason() const;
