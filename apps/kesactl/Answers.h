@@ -33,7 +33,7 @@ public:
 
 private:
     struct State {
-        std::mutex mutex;
+        std::mutex mutex; // between the backend's loop and the main thread, which waits
         comm::Condition changed;
         std::deque<Answer> answers; ///< with the mutex held, as the next one
         bool isInterrupted = false;

@@ -41,7 +41,7 @@ private:
     struct State {
         void keep(const kesa::optional<Client>& newClient, bool isRefusal);
 
-        std::mutex mutex;
+        std::mutex mutex; // between the backend's loop and the main thread, which waits
         comm::Condition changed;
         kesa::optional<Client> client; ///< with the mutex held, as the next one
         bool isRefused = false;

@@ -67,7 +67,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
 
     const kesa::url registry;
     const std::string glob;
-    std::mutex mutex;
+    std::mutex mutex; // between the backend's loop and the main thread, which waits
     comm::Condition changed;
     // With the mutex held.
     bool isConnected = false;

@@ -35,7 +35,7 @@ using util::config::Value;
 
 /// What the asked processes have in common.
 struct Replies {
-    std::mutex mutex;
+    std::mutex mutex; ///< of the replies too: the loop gives them, the main thread waits
     comm::Condition changed;
     std::size_t open = 0; ///< with the mutex held
 };

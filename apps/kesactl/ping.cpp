@@ -75,7 +75,7 @@ private:
         }
     }
 
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< between the main thread and the one that sees the reader go
     comm::Condition m_changed;
     Answers* m_answers = nullptr; ///< with the mutex held, as the next one
     bool m_isInterrupted = false;

@@ -64,7 +64,7 @@ public:
     }
 
 private:
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< the updater is told while the next host takes over, or this one goes
     // With the mutex held.
     Mirror m_mirror;
     Mirror m_next;
@@ -81,7 +81,7 @@ class Predecessors {
 public:
     static Predecessors& of(const IRuntimeRegistry& runtime)
     {
-        static std::mutex mutex;
+        static std::mutex mutex; // hosts may be made in several threads at once
         static auto* const all = new std::map<const IRuntimeRegistry*, Predecessors>(); // runtimes may outlive statics
         const std::lock_guard lock(mutex);
         return (*all)[&runtime];
@@ -124,7 +124,7 @@ public:
     }
 
 private:
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< hosts are made and stopped in any thread, and begin on the executor
     // With the mutex held.
     std::weak_ptr<Successors> m_ending; ///< owned by the handler of the registration
     std::weak_ptr<Follower> m_follower;
@@ -354,7 +354,7 @@ private:
     const std::shared_ptr<ServiceRegistryPexService> m_service;
     std::weak_ptr<Follower> m_follower; ///< set before `m_isRegistered`
 
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< between the owner's `stop`, the executor and the updater
     // With the mutex held.
     bool m_isStopped = false; ///< by the owner, or because it was refused
     bool m_isRegistered = false;

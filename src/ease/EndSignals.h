@@ -38,7 +38,7 @@ private:
     int m_descriptor = -1;                 ///< of the signals that are pending
     comm::Reactor::Id m_watch = 0;         ///< of the loop
 
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< between the loop, which takes the signals, and the thread that waits for one
     comm::Condition m_changed;
     int m_signal = 0; ///< the first; under the mutex
 };

@@ -39,6 +39,7 @@ void Interruption::end()
 
 int Interruption::current() noexcept
 {
+    // A call that misses it finds it under the lock when it begins to wait.
     return waits().signal.load(std::memory_order_relaxed);
 }
 

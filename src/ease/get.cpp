@@ -136,7 +136,7 @@ private:
     {
         const comm::LoopInfo* const loop = comm::currentLoop();
         if (loop != nullptr && loop->isReactor()) {
-            m_owners.fetch_add(1, std::memory_order_relaxed);
+            m_owners.fetch_add(1, std::memory_order_relaxed); // the handler is an owner meanwhile
             loop->reactor->atTurnEnd(Waking(*this));
         } else {
             m_changed.notifyAll();
@@ -163,7 +163,7 @@ private:
     };
 
     std::atomic<int> m_owners{2};
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< of all below: the caller waits while a loop answers
     comm::Condition m_changed;
     std::optional<Response> m_response;
     std::optional<Response> m_error;

@@ -47,7 +47,7 @@ private:
     };
     void add(Follower&& follower);
 
-    mutable std::mutex m_mutex;
+    mutable std::mutex m_mutex;        ///< values are published in any thread, followers come on that of the request
     Encode m_last;                     ///< under `m_mutex`
     std::vector<Follower> m_followers; ///< under `m_mutex`
     std::size_t m_swept = 0;           ///< so many are kept before those that have left go; under `m_mutex`

@@ -17,7 +17,7 @@ namespace comm {
 namespace {
 
 struct Table {
-    std::mutex mutex;
+    std::mutex mutex; ///< of `descriptors`: loops are made and end in any thread, and a fork finds the list whole
     std::vector<int> descriptors;
     std::atomic<unsigned> generation{1};
 };
@@ -82,6 +82,7 @@ void AtFork::forget(int descriptor)
 
 unsigned AtFork::generation() noexcept
 {
+    // It changes in the child of a fork alone, before that has a second thread.
     return table().generation.load(std::memory_order_relaxed);
 }
 

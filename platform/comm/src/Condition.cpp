@@ -14,7 +14,7 @@ struct Errand {
     enum class State { eWAITING, eDONE, eDROPPED, eABANDONED };
 
     std::function<void()> work;
-    std::mutex mutex;
+    std::mutex mutex; ///< between the loop that works and the thread that waits
     Condition changed;
     State state = State::eWAITING; ///< under `mutex`
 

@@ -123,7 +123,8 @@ private:
     /// Becomes true under `m_mutex` when nothing is posted; a producer that finds it true has to wake the loop.
     std::atomic<bool> m_isAsleep{false};
     std::atomic<bool> m_hasEnded{false};
-    std::atomic<TimeNs> m_heldSince{0}; ///< 0: no callback is under way
+    /// 0: no callback is under way. Read by other threads for texts only, so it orders nothing.
+    std::atomic<TimeNs> m_heldSince{0};
 
     // The loop's own.
     Id m_lastId = 0;
@@ -326,7 +327,7 @@ bool EpollReactor::turn()
     const bool hasWork = isAnythingPosted();
     const int timeout = hasWork || !m_turnEnd.empty() ? 0 : -1;
     const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
-    m_isAsleep.store(false, std::memory_order_relaxed);
+    m_isAsleep.store(false, std::memory_order_relaxed); // late is a needless wake; what was posted the lock shows
     m_callbackTimer.start();
 
     const Woken woken = dispatch(events.data(), count);

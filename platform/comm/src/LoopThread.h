@@ -40,8 +40,8 @@ private:
     const LoopInfo m_info;
     const unsigned m_generation;
     pthread_t m_thread{};
-    std::mutex m_joinMutex;
-    bool m_isJoined = false;
+    std::mutex m_joinMutex;  ///< several threads may stop a loop; each returns when its thread has ended
+    bool m_isJoined = false; ///< under that
 };
 
 } // namespace comm

@@ -12,7 +12,7 @@ namespace comm {
 namespace {
 
 std::atomic<Scheduler*> installed{nullptr};
-std::atomic<int> liveLoops{0};
+std::atomic<int> liveLoops{0}; ///< a number for a complaint; it orders nothing
 
 } // namespace
 

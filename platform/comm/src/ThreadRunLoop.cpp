@@ -33,7 +33,7 @@ struct ThreadRunLoop::Shared {
     // Of a loop that is watched.
     util::UniqueFunction<void(TimeNs)> tell; ///< set before the first event, then the loop's own
     CallbackTimer timer;                     ///< the loop's own
-    std::atomic<TimeNs> heldSince{0};        ///< 0: no event is under way
+    std::atomic<TimeNs> heldSince{0};        ///< 0: no event is under way; others read it for texts only
 };
 
 void ThreadRunLoop::Shared::run()

@@ -30,7 +30,7 @@ struct LocalLink : std::enable_shared_from_this<LocalLink> {
     explicit LocalLink(std::shared_ptr<comm::Reactor> reactor) : loop(std::move(reactor)) {}
 
     const std::shared_ptr<comm::Reactor> loop;
-    std::mutex lock;
+    std::mutex lock; ///< of `ends`: written and closed in any thread, read on the loop
     std::array<LocalEnd, 2> ends;
 
     bool isReadable(std::size_t side) const noexcept

@@ -8,8 +8,9 @@
 
 namespace kesa::commadapter::protocol {
 
-/// What the input half tells the output half; the halves share nothing else. Each is a number of its own, of which a
-/// little late is soon enough: no order between them is needed.
+/// What the input half, which is the loop's, tells the output half, which is under the connection's lock; the halves
+/// share nothing else. Each stands for itself and says of no other memory, so relaxed order will do: what is seen a
+/// moment later is as if the bytes had come later.
 struct Shared {
     explicit Shared(comm::TimeNs now) : lastReceived(now) {}
 

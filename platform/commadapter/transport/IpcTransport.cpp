@@ -136,7 +136,7 @@ private:
     const std::shared_ptr<comm::Reactor> m_loop;
     mutable RunDirectory m_runDirectory;
 
-    // Under the mutex.
+    // Under the mutex: a name is claimed and asked for in any thread, and given up on the loop.
     mutable std::mutex m_mutex;
     std::unique_ptr<NameClaim> m_claim;
     std::optional<Endpoint> m_own;

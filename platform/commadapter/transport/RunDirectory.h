@@ -47,7 +47,7 @@ private:
 
     const char* const m_source;
     const std::string m_path;
-    std::mutex m_mutex;
+    std::mutex m_mutex;  ///< the realm is asked for in any thread, and read when that is first done
     std::string m_realm; ///< under `m_mutex`; empty until known
 };
 

@@ -68,7 +68,7 @@ struct OpenRequest::Table {
         }
     }
 
-    std::mutex mutex;
+    std::mutex mutex; // of all below: requests are made in any thread, and end in that of their answer
     std::vector<Entry> entries;
     std::size_t ended = 0;
     std::uint64_t lastNumber = 0;

@@ -27,7 +27,7 @@ public:
     }
 
 private:
-    mutable std::mutex m_mutex;
+    mutable std::mutex m_mutex; ///< only around the pointer: a function that is running outlives its replacement
     std::shared_ptr<const std::function<Signature>> m_function;
 };
 

@@ -12,7 +12,7 @@ namespace kesa {
 IClientConnectionListener::~IClientConnectionListener() = default;
 IHeaderSource::~IHeaderSource()
 {
-    delete m_headers.load(std::memory_order_relaxed);
+    delete m_headers.load(std::memory_order_relaxed); // nobody else has the object any more
 }
 IKesaApi::~IKesaApi() = default;
 IPeer::~IPeer() = default;

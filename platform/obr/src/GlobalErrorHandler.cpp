@@ -17,7 +17,7 @@ namespace {
 
 /// Never destroyed: static objects may fail an assertion while the process ends.
 struct State {
-    std::mutex mutex;
+    std::mutex mutex; // an assertion may fail in one thread while another one sets the handler
     std::shared_ptr<const GlobalErrorHandler::Handler> handler; // under mutex; null: the default
     std::array<std::atomic<void (*)()>, 8> flushes{};
 };

@@ -45,6 +45,7 @@ public:
     std::uint64_t next() override
     {
         Ahead& ahead = t_ahead;
+        // It changes in the child of a fork alone, before that has a second thread.
         const unsigned generation = g_generation.load(std::memory_order_relaxed);
         if (ahead.left == 0 || ahead.generation != generation) {
             fill(ahead.words.data(), sizeof ahead.words);

@@ -22,7 +22,7 @@ struct ChannelState {
     const int facility;
     int configured;             // guarded by the registry's mutex
     int silences = 0;           // likewise
-    std::atomic<int> threshold; // what holds now
+    std::atomic<int> threshold; // what holds now; a line more or less while it changes is no harm, so it orders nothing
 };
 
 /// All channels and sinks of the process. Never destroyed: static objects trace until the process ends.

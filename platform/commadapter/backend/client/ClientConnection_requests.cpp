@@ -59,7 +59,7 @@ struct Wishes {
 
 std::uint64_t ClientConnection::nextHandle(std::uint32_t stream) noexcept
 {
-    static std::atomic<std::uint64_t> count{0};
+    static std::atomic<std::uint64_t> count{0}; // only to be different each time
     return (count.fetch_add(1, std::memory_order_relaxed) + 1) << STREAM_BITS | stream;
 }
 

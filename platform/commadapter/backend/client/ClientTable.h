@@ -40,7 +40,7 @@ private:
     const std::shared_ptr<IoLoop> m_loop;
     const MakeHello m_makeHello;
     const OpenLocal m_openLocal;
-    std::mutex m_lock;
+    std::mutex m_lock; ///< client objects are made in any thread, connections go on the loop
     Entries m_entries; ///< by endpoint; with the lock held
 };
 

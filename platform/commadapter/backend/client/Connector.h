@@ -65,9 +65,9 @@ private:
     comm::TimeNs m_connectedSince = 0;
     std::string m_tracedReason;
     bool m_isAbsenceTraced = false; ///< and that it is over has not been
-    mutable std::mutex m_mutex;
-    std::string m_lastReason; ///< this and the next under the mutex; the rest is the loop's
-    bool m_hadHello = true;   ///< else that ended a connection before the peer's hello
+    mutable std::mutex m_mutex;     ///< for the reasons of errors, which any thread asks for
+    std::string m_lastReason;       ///< this and the next under the mutex; the rest is the loop's
+    bool m_hadHello = true;         ///< else that ended a connection before the peer's hello
 };
 
 } // namespace kesa::commadapter

@@ -127,6 +127,7 @@ void IoLoop::remove(Connection& connection)
 
 void IoLoop::expectSomething()
 {
+    // The load only spares the exchange, which decides.
     if (!m_isBeating.load(std::memory_order_relaxed) && !m_isBeating.exchange(true)) {
         post([this] { startHeartbeat(); });
     }

@@ -105,7 +105,7 @@ public:
         std::size_t all = 0;
         std::size_t persistent = 0; ///< values of persistent streams among them
     };
-    /// Of all connections. Any thread.
+    /// Of all connections, as of a moment ago: bounds that are looked at so need no order. Any thread.
     Queued queued() const noexcept
     {
         return {m_queuedBytes.load(std::memory_order_relaxed), m_persistentBytes.load(std::memory_order_relaxed)};

@@ -72,7 +72,7 @@ private:
     const std::shared_ptr<IoLoop> m_loop;
     const MakeHello m_makeHello;
     const std::shared_ptr<ProvidedService> m_own;
-    mutable std::mutex m_lock;
+    mutable std::mutex m_lock; ///< services come and go in any thread, the loop looks them up
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
     std::unordered_map<std::string, Interests> m_interests;

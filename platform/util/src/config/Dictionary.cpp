@@ -53,7 +53,7 @@ Dictionary::Dictionary(std::vector<Value::Member> members)
 Dictionary::Dictionary(const Dictionary& other) noexcept : m_content(other.m_content)
 {
     if (m_content != nullptr) {
-        m_content->owners.fetch_add(1, std::memory_order_relaxed);
+        m_content->owners.fetch_add(1, std::memory_order_relaxed); // `other` keeps it meanwhile
     }
 }
 

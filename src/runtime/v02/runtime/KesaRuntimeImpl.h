@@ -326,7 +326,7 @@ private:
     HandleMap<TrackedAndResolvedService> m_trackAndResolveServiceHandler;
     HandleMap<TrackedAndResolvedQuery> m_trackAndResolvedServicesQuery;
     std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
-    std::atomic<std::uint64_t> m_lastNumber{0};
+    std::atomic<std::uint64_t> m_lastNumber{0};            ///< different each time, in any thread; it orders nothing
 };
 
 /// What disposing posts to the executor, once. It may come after the runtime is gone.

@@ -22,7 +22,7 @@ public:
     std::string obstacle(const url& locator) const;
 
 private:
-    mutable std::mutex m_mutex;
+    mutable std::mutex m_mutex; ///< the executor changes the table, while any thread may ask
     std::unordered_map<std::string, std::weak_ptr<const commadapter::KesaClientApi>> m_clients;
 };
 

@@ -72,7 +72,7 @@ private:
     std::map<std::uint32_t, Request> m_requests;
     std::uint32_t m_nextId = 0;
     std::uint64_t m_lastIssue = 0;
-    std::mutex m_lock;
+    std::mutex m_lock; ///< of all above: keeps operations apart from the news of the connection, wherever these come
     std::atomic<bool> m_isDispatching{false};
 };
 

@@ -16,7 +16,7 @@ class TrackAndResolveServicesBookkeeper final : public ResolvedServicesHandler {
 public:
     explicit TrackAndResolveServicesBookkeeper(std::unique_ptr<ResolvedServicesHandler>&& client);
 
-    /// The client is called with the lock held.
+    /// The client is called with the lock held, so that it hears of one result at a time.
     bool onNext(const ResolvedServiceState& result) override;
     void onError(const Response& error) override;
     void onCompleted() override;
@@ -25,7 +25,7 @@ private:
     std::unique_ptr<ResolvedServicesHandler> m_client;
     /// True: a present value is the last thing sent for that service.
     std::unordered_map<std::string, bool> m_present;
-    std::mutex m_mutex;
+    std::mutex m_mutex; ///< guards `m_present`, also where who owns this gives it results on several threads
 };
 
 } // namespace kesa::runtime::v02
