@@ -14,7 +14,7 @@ using kesa::commadapter::transport::encodeProcessName;
 using util::config::Dictionary;
 using util::config::Value;
 
-bool isWanted(const Value& connection, const std::string& wanted)
+bool isOfSought(const Value& connection, const std::string& wanted)
 {
     return connection["openedBy"] == Value("peer") &&
            (connection["process"] == Value(wanted) || std::to_string(integerOf(connection["pid"])) == wanted);
@@ -31,7 +31,7 @@ Value turned(const Value& connection, const ProcessReport& peer)
     return Value(std::move(other));
 }
 
-ProcessReport reportOf(const Value& connection)
+ProcessReport beginReport(const Value& connection)
 {
     const auto pid = static_cast<pid_t>(integerOf(connection["pid"]));
     ProcessReport report{encodeProcessName(connection["process"].toText()), pid, ProcessFacts(pid), {}, {}, 0, {}};
@@ -69,12 +69,12 @@ std::optional<ProcessReport> findSilentProcess(const RunDirectoryFacts& director
     for (const ProcessReport& peer : lookAtProcesses(directory, "", deadline)) {
         for (const Value& connection : peer.answer["connections"].items()) {
             // Nobody owns such a name: of several that have it, the first.
-            if (!isWanted(connection, wanted) || (found && connection["pid"] != first["pid"])) {
+            if (!isOfSought(connection, wanted) || (found && connection["pid"] != first["pid"])) {
                 continue;
             }
             if (!found) {
                 first = connection;
-                found = reportOf(connection);
+                found = beginReport(connection);
             }
             connections.push_back(turned(connection, peer));
         }
