@@ -4,7 +4,6 @@
 #include <obr/Random.h>
 
 #include <cstdint>
-#include <vector>
 
 namespace kesa::sim {
 

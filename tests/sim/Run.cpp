@@ -1,7 +1,5 @@
 #include "Run.h"
 
-#include <mutex>
-
 namespace kesa::sim {
 
 using serviceregistry::Query;

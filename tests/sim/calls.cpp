@@ -2,8 +2,6 @@
 
 #include "World.h"
 
-#include <algorithm>
-
 namespace kesa::sim {
 
 Client World::clientOf(const Subscription& subscription)

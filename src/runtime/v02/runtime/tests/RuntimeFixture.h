@@ -19,10 +19,7 @@
 #include <algorithm>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace kesa::runtime::v02::test {
 
