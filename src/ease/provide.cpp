@@ -47,7 +47,8 @@ bool isAdded(const Response& response, const std::vector<url>& locators)
 class Registration::Impl : public std::enable_shared_from_this<Registration::Impl> {
 public:
     Impl(IRuntimeRegistry* runtime, std::string path, OnRefused onRefused)
-        : m_runtime(runtime), m_path(std::move(path)), m_onRefused(std::move(onRefused))
+        : m_runtime(runtime), m_path(std::move(path)),
+          m_refusal(m_refusals.open(tellRefused(m_path, std::move(onRefused))))
     {}
     Impl(const Impl&) = delete;
     Impl& operator=(const Impl&) = delete;
@@ -98,7 +99,7 @@ public:
         }
         registration.dispose();
         endFollowing();
-        const std::lock_guard<std::recursive_mutex> telling(m_telling);
+        m_refusal->withdraw();
     }
 
 private:
@@ -233,17 +234,21 @@ private:
     {
         startNext();
         endFollowing();
-        const std::lock_guard<std::recursive_mutex> telling(m_telling);
-        if (hasEnded()) {
-            return;
-        }
-        if (m_onRefused) {
-            m_onRefused(error);
-        } else {
+        m_refusal->onError(error);
+    }
+
+    static std::unique_ptr<IResponseHandler<Response>> tellRefused(const std::string& path, OnRefused onRefused)
+    {
+        auto tell = [path, onRefused = std::move(onRefused)](const Response& error) mutable {
+            if (onRefused) {
+                onRefused(error);
+                return;
+            }
             static const ::tracing::Channel channel("KESA_EASE");
-            KESA_TRACE(channel, 3, "[provide] the registration of '%s' was refused: %s", m_path.c_str(),
+            KESA_TRACE(channel, 3, "[provide] the registration of '%s' was refused: %s", path.c_str(),
                        reasonOf(error).c_str());
-        }
+        };
+        return kesa::handler<Response>([](const Response&) {}, std::move(tell));
     }
 
     /// Who calls it knows the registry's path alone.
@@ -327,16 +332,10 @@ private:
         }
     }
 
-    bool hasEnded()
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        return m_hasEnded;
-    }
-
     IRuntimeRegistry* const m_runtime; ///< null: that of the process
     const std::string m_path;
-    std::recursive_mutex m_telling; ///< held while `m_onRefused` is called, so that `end` waits for it
-    OnRefused m_onRefused;          ///< under `m_telling`
+    OpenRequests m_refusals;
+    const std::shared_ptr<OpenRequest> m_refusal; ///< what is told of it, until the end
 
     std::mutex m_mutex; ///< of all below
     State m_state = State::eWAITING;
