@@ -1,6 +1,6 @@
 #include "Answers.h"
-#include "Connection.h"
 #include "Failure.h"
+#include "ServiceConnection.h"
 #include "commands.h"
 #include "options.h"
 #include "output.h"
@@ -163,8 +163,8 @@ void call(const CallArguments& arguments)
     kesa::Request request = makeRequest(arguments);
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system(false);
-    Connection connection(find(system, arguments, deadline));
-    const Connection::Client client = connection.client(deadline);
+    ServiceConnection connection(find(system, arguments, deadline));
+    const ServiceConnection::Client client = connection.client(deadline);
     if (arguments.isAlone) {
         printResources(client, arguments.path, arguments.common, deadline);
         return;

@@ -1,8 +1,8 @@
 // ping: how long a request takes to a service and back. It does nothing there: whatever the service says of it is an
 // answer.
 #include "Answers.h"
-#include "Connection.h"
 #include "Failure.h"
+#include "ServiceConnection.h"
 #include "commands.h"
 #include "explainUnreachable.h"
 #include "options.h"
@@ -88,7 +88,8 @@ bool isAnswered(const ServiceDef& service, comm::TimeNs deadline)
     return !service.locators.empty() && explainUnreachable(service.locators.front(), within).cause == "slow";
 }
 
-Round measure(const Connection::Client& client, const ServiceDef& service, const PingArguments& arguments, Waits& waits)
+Round measure(const ServiceConnection::Client& client, const ServiceDef& service, const PingArguments& arguments,
+              Waits& waits)
 {
     kesa::Request request = probeOf(service);
     const comm::TimeNs begin = comm::now();
@@ -153,8 +154,8 @@ void ping(const PingArguments& arguments)
     const comm::TimeNs deadline = arguments.common.deadline();
     const System system(false);
     const ServiceDef service = findService(system, arguments.path, deadline);
-    Connection connection(service);
-    const Connection::Client client = connection.client(deadline);
+    ServiceConnection connection(service);
+    const ServiceConnection::Client client = connection.client(deadline);
     Waits waits;
     const ReaderWatch reader([&waits] { waits.interrupt(); });
     const auto interval = static_cast<comm::TimeNs>(arguments.intervalSeconds * 1e9);

@@ -41,7 +41,7 @@ bool isList(const Value& value)
     return value.isArray();
 }
 
-Value ask(const Connection::Client& client, const std::string& path, const CommonOptions& options,
+Value ask(const ServiceConnection::Client& client, const std::string& path, const CommonOptions& options,
           comm::TimeNs deadline)
 {
     kesa::Request request(kesa::commands::RETRIEVE, std::string(kesa::resources::PATH));
@@ -101,7 +101,7 @@ std::string asResourceLines(const Value& list)
 
 } // namespace
 
-void printResources(const Connection::Client& client, const std::string& path, const CommonOptions& options,
+void printResources(const ServiceConnection::Client& client, const std::string& path, const CommonOptions& options,
                     comm::TimeNs deadline)
 {
     const Value list = ask(client, path, options, deadline);

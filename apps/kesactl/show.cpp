@@ -1,4 +1,4 @@
-#include "Connection.h"
+#include "ServiceConnection.h"
 #include "commands.h"
 #include "options.h"
 #include "output.h"
@@ -22,7 +22,7 @@ void show(const ShowArguments& arguments)
     const System system(false);
     const ServiceDef service = findService(system, arguments.path, deadline);
     if (arguments.wantsResources) {
-        Connection connection(service);
+        ServiceConnection connection(service);
         printResources(connection.client(deadline), arguments.path, arguments.common, deadline);
         return;
     }

@@ -2,9 +2,9 @@
 // to the registry, to the record, to the process that provides the service, and to an answer of that; the first step
 // that fails is the cause.
 #include "Answers.h"
-#include "Connection.h"
 #include "Failure.h"
 #include "ProcessFacts.h"
+#include "ServiceConnection.h"
 #include "System.h"
 #include "Verdict.h"
 #include "adviseAround.h"
@@ -119,8 +119,8 @@ private:
     ProcessesHere processesHere(const std::string& name) const;
     Verdict explainRealm() const;
     Verdict reach() const;
-    Verdict call(const Connection::Client& client, const ServiceDef& service) const;
-    static Answers::Answer ask(const Connection::Client& client, kesa::Request request, comm::TimeNs deadline);
+    Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
+    static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
     const WhyArguments& m_arguments;
@@ -166,9 +166,9 @@ Verdict Search::run()
 /// A verdict when it has not explained the path.
 std::optional<Verdict> Search::askRegistry(const kesa::url& registry)
 {
-    Connection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
+    ServiceConnection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
     const comm::TimeNs deadline = m_arguments.common.deadline();
-    Connection::Client client = connection.tryClient(timeToExplain(deadline));
+    ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline));
     if (!client) {
         const Verdict verdict = unreached(registry, deadline);
         client = connection.tryClient(deadline); // it may have come meanwhile
@@ -266,13 +266,13 @@ Verdict Search::reach() const
                 "its provider has to name where it is",
                 {}};
     }
-    Connection connection(service);
+    ServiceConnection connection(service);
     const comm::TimeNs deadline = m_arguments.common.deadline();
-    if (const Connection::Client client = connection.tryClient(timeToExplain(deadline))) {
+    if (const ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline))) {
         return call(client, service);
     }
     const auto [locator, why] = explainTaken(service, until(deadline));
-    if (const Connection::Client client = connection.tryClient(deadline)) { // it may have come meanwhile
+    if (const ServiceConnection::Client client = connection.tryClient(deadline)) { // it may have come meanwhile
         return call(client, service);
     }
     return {why.cause,
@@ -281,7 +281,7 @@ Verdict Search::reach() const
             {}};
 }
 
-Verdict Search::call(const Connection::Client& client, const ServiceDef& service) const
+Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& service) const
 {
     const Answers::Answer answer = ask(client, probeOf(service), m_arguments.common.deadline());
     const auto status = answer.response.getStatus();
@@ -318,7 +318,7 @@ Verdict Search::call(const Connection::Client& client, const ServiceDef& service
             {}};
 }
 
-Answers::Answer Search::ask(const Connection::Client& client, kesa::Request request, comm::TimeNs deadline)
+Answers::Answer Search::ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline)
 {
     kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));

@@ -281,18 +281,18 @@ void Registry::Impl::close()
 void Registry::Impl::deliver()
 {
     Updates list;
-    for (Output output; m_store.next(output);) {
-        switch (output.kind) {
-        case Output::Kind::eUPDATE:
-        case Output::Kind::eREGISTERED:
-        case Output::Kind::eREFUSED:
-            toAsker(std::move(output), list);
+    for (Effect effect; m_store.next(effect);) {
+        switch (effect.kind) {
+        case Effect::Kind::eUPDATE:
+        case Effect::Kind::eREGISTERED:
+        case Effect::Kind::eREFUSED:
+            toAsker(std::move(effect), list);
             break;
-        case Output::Kind::eASK_HOLDER:
-            askHolder(output);
+        case Effect::Kind::eASK_HOLDER:
+            askHolder(effect);
             break;
-        case Output::Kind::eKEEPS_WAITING:
-            keepsWaiting(output);
+        case Effect::Kind::eKEEPS_WAITING:
+            keepsWaiting(effect);
             break;
         }
     }
@@ -307,21 +307,21 @@ void Registry::Impl::noteEnd(const Request& registration, const Record& record, 
 }
 
 /// Now, or after what waits for the asker already.
-void Registry::Impl::toAsker(Output output, Updates& list)
+void Registry::Impl::toAsker(Effect effect, Updates& list)
 {
-    const auto request = m_requests.find(output.stream);
+    const auto request = m_requests.find(effect.stream);
     if (request == m_requests.end()) {
         return; // a handler has cancelled it meanwhile
     }
-    if (output.kind == Output::Kind::eREGISTERED && request->second.since == 0) {
+    if (effect.kind == Effect::Kind::eREGISTERED && request->second.since == 0) {
         request->second.since = wallClockMs();
     }
     const std::shared_ptr<Asker> asker = request->second.asker;
     if (asker->isWaiting || !asker->news.empty()) {
-        wait(*asker, std::move(output));
+        wait(*asker, std::move(effect));
         return;
     }
-    tell(request, output, list);
+    tell(request, effect, list);
     if (asker->peer && asker->written >= WINDOW_BYTES) {
         waitForQueue(asker);
     }
@@ -329,9 +329,9 @@ void Registry::Impl::toAsker(Output output, Updates& list)
 
 /// A peer that does not take its news holds up nobody else. They cost a reference each; one that is stopped would
 /// gather them for ever.
-void Registry::Impl::wait(Asker& asker, Output output)
+void Registry::Impl::wait(Asker& asker, Effect effect)
 {
-    asker.news.push_back(std::move(output));
+    asker.news.push_back(std::move(effect));
     if (asker.news.size() == MAX_WAITING_OF_THE_LIVING) {
         asker.peer->disconnect("it takes its news more slowly than they come");
     } else if (asker.news.size() >= MAX_WAITING && !asker.isProbed) {
@@ -341,23 +341,23 @@ void Registry::Impl::wait(Asker& asker, Output output)
 }
 
 /// `list` holds the last update that was told: the same one goes to many.
-void Registry::Impl::tell(Requests::iterator request, const Output& output, Updates& list)
+void Registry::Impl::tell(Requests::iterator request, const Effect& effect, Updates& list)
 {
-    if (output.kind == Output::Kind::eREFUSED) {
-        refused(request, output);
+    if (effect.kind == Effect::Kind::eREFUSED) {
+        refused(request, effect);
         return;
     }
-    request->second.asker->written += output.record->bytes + LIST_FRAME_BYTES;
+    request->second.asker->written += effect.record->bytes + LIST_FRAME_BYTES;
     if (auto* const registration = std::get_if<RegistrationHandler>(&request->second.handler)) {
-        if (output.isTakenOver) {
+        if (effect.isTakenOver) {
             KESA_TRACE(CHANNEL, 2, "[registerService] registered again by %s: '%s'",
-                       request->second.asker->name().c_str(), output.record->path().c_str());
+                       request->second.asker->name().c_str(), effect.record->path().c_str());
         }
-        (*registration)->onNext(output.record->serviceDef);
+        (*registration)->onNext(effect.record->serviceDef);
         return;
     }
-    if (list.size() != 1 || list[0].element.get() != &output.record->serviceDef || list[0].updateType != output.type) {
-        list.assign(1, makeUpdate(output.type, output.record));
+    if (list.size() != 1 || list[0].element.get() != &effect.record->serviceDef || list[0].updateType != effect.type) {
+        list.assign(1, makeUpdate(effect.type, effect.record));
     }
     if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
         (*query)->onNext(list);
@@ -371,16 +371,16 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
 {
     Updates list;
     while (!asker->isWaiting && !asker->news.empty()) {
-        const Output output = std::move(asker->news.front());
+        const Effect effect = std::move(asker->news.front());
         asker->news.pop_front();
-        const auto request = m_requests.find(output.stream);
+        const auto request = m_requests.find(effect.stream);
         if (request == m_requests.end()) {
             continue;
         }
         if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
-            std::size_t bytes = LIST_FRAME_BYTES + output.record->bytes + UPDATE_BYTES;
-            list.assign(1, makeUpdate(output.type, output.record));
-            while (!asker->news.empty() && asker->news.front().stream == output.stream &&
+            std::size_t bytes = LIST_FRAME_BYTES + effect.record->bytes + UPDATE_BYTES;
+            list.assign(1, makeUpdate(effect.type, effect.record));
+            while (!asker->news.empty() && asker->news.front().stream == effect.stream &&
                    bytes + asker->news.front().record->bytes + UPDATE_BYTES < LIST_BYTES) {
                 bytes += asker->news.front().record->bytes + UPDATE_BYTES;
                 list.push_back(makeUpdate(asker->news.front().type, asker->news.front().record));
@@ -389,7 +389,7 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
             asker->written += bytes;
             (*query)->onNext(list);
         } else {
-            tell(request, output, list);
+            tell(request, effect, list);
         }
         if (asker->written >= WINDOW_BYTES) {
             waitForQueue(asker);
@@ -397,34 +397,34 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
     }
 }
 
-void Registry::Impl::refused(Requests::iterator request, const Output& output)
+void Registry::Impl::refused(Requests::iterator request, const Effect& effect)
 {
     m_dead.push_back(take(request));
     KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
-               output.record->path().c_str(), m_dead.back().asker->name().c_str());
-    const std::string reason = holderOf(output.record->path());
-    m_history.add(output.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
-                                          whoOf(*m_dead.back().asker, *output.record), reason});
+               effect.record->path().c_str(), m_dead.back().asker->name().c_str());
+    const std::string reason = holderOf(effect.record->path());
+    m_history.add(effect.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
+                                          whoOf(*m_dead.back().asker, *effect.record), reason});
     Response error = Response::createErrorResponse(409, "service already registered");
     headers::appendReason(error, reason);
     std::get<RegistrationHandler>(m_dead.back().handler)->onError(error);
 }
 
-void Registry::Impl::askHolder(const Output& output)
+void Registry::Impl::askHolder(const Effect& effect)
 {
-    const auto request = m_requests.find(output.stream);
+    const auto request = m_requests.find(effect.stream);
     if (request == m_requests.end()) {
         return; // it has ended, and the claim was accepted
     }
     const std::shared_ptr<Asker>& asker = request->second.asker;
-    const std::string& path = output.record->path();
-    if (!asker->peer && !output.isPatient) {
-        m_store.proved(path, output.proof, true);
+    const std::string& path = effect.record->path();
+    if (!asker->peer && !effect.isPatient) {
+        m_store.proved(path, effect.proof, true);
         return;
     }
     KESA_TRACE(CHANNEL, 2, "[claim] '%s' is claimed; asking its holder %s", path.c_str(), asker->name().c_str());
-    auto answer = [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker), record = output.record,
-                   proof = output.proof](bool isAlive) {
+    auto answer = [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker), record = effect.record,
+                   proof = effect.proof](bool isAlive) {
         if (const auto self = weak.lock()) {
             self->proved(record->path(), proof, isAlive, holder);
         }
@@ -467,12 +467,12 @@ void Registry::Impl::dropRegistrations(const Asker& asker)
     }
 }
 
-void Registry::Impl::keepsWaiting(const Output& output)
+void Registry::Impl::keepsWaiting(const Effect& effect)
 {
-    const auto holder = m_requests.find(output.stream);
+    const auto holder = m_requests.find(effect.stream);
     KESA_TRACE(CHANNEL, 4,
                "[mirror] '%s' of this process is hidden: %s has registered it, too; it is shown when that one goes",
-               output.record->path().c_str(),
+               effect.record->path().c_str(),
                holder == m_requests.end() ? "another process" : holder->second.asker->name().c_str());
 }
 

@@ -62,7 +62,7 @@ private:
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
         std::array<std::size_t, 3> requests{}; ///< open ones, by the kind of their handler
 
-        std::deque<Output> news; ///< to be written once its queue is empty
+        std::deque<Effect> news; ///< to be written once its queue is empty
         std::deque<StreamId>
             listing;             ///< queries whose first answer is not complete, in order; they come after the news
         std::size_t written = 0; ///< since its queue was last known to be empty
@@ -92,13 +92,13 @@ private:
     using Updates = std::vector<RegistryUpdate>;
 
     void deliver();
-    void toAsker(Output output, Updates& list);
-    void wait(Asker& asker, Output output);
-    void tell(Requests::iterator request, const Output& output, Updates& list);
+    void toAsker(Effect effect, Updates& list);
+    void wait(Asker& asker, Effect effect);
+    void tell(Requests::iterator request, const Effect& effect, Updates& list);
     void tellNews(const std::shared_ptr<Asker>& asker);
-    void refused(Requests::iterator request, const Output& output);
-    void askHolder(const Output& output);
-    void keepsWaiting(const Output& output);
+    void refused(Requests::iterator request, const Effect& effect);
+    void askHolder(const Effect& effect);
+    void keepsWaiting(const Effect& effect);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
     void dropRegistrations(const Asker& asker);
     void noteEnd(const Request& registration, const Record& record, std::string reason);

@@ -34,7 +34,7 @@ void Store::accept(StreamId stream, Registration& registration)
     registration.state = State::eHOLDS;
     const RecordPtr record = registration.record;
     m_records.emplace(record->path(), Held{record, stream});
-    say(Output::Kind::eREGISTERED, stream, record);
+    say(Effect::Kind::eREGISTERED, stream, record);
     announce(UpdateType::ADDED, record);
 }
 
@@ -50,8 +50,8 @@ void Store::takeOver(StreamId stream, Registration& registration, const Claim& c
     registration.record = isEqual ? old : claim.record;
     m_records.erase(held);
     m_records.emplace(registration.record->path(), Held{registration.record, stream});
-    say(Output::Kind::eREGISTERED, stream, registration.record);
-    m_outputs.back().isTakenOver = true;
+    say(Effect::Kind::eREGISTERED, stream, registration.record);
+    m_effects.back().isTakenOver = true;
     if (!isEqual) {
         announce(UpdateType::REMOVED, old);
         announce(UpdateType::ADDED, registration.record);
@@ -112,8 +112,8 @@ bool Store::giveBack(const std::string& path, const obr::UUID& instance)
     const RecordPtr old = held->second.record;
     m_records.erase(held);
     m_records.emplace(registration.record->path(), Held{registration.record, stream});
-    say(Output::Kind::eREGISTERED, stream, registration.record);
-    m_outputs.back().isTakenOver = true;
+    say(Effect::Kind::eREGISTERED, stream, registration.record);
+    m_effects.back().isTakenOver = true;
     if (registration.record->serviceDef != old->serviceDef) {
         announce(UpdateType::REMOVED, old);
         announce(UpdateType::ADDED, registration.record);
@@ -245,8 +245,8 @@ void Store::judgeNext(const std::string& path, Contest& contest)
     contest.proof = ++m_lastProof;
     contest.judged = *next;
     const Held& held = m_records.at(path);
-    say(Output::Kind::eASK_HOLDER, held.holder, held.record, contest.proof);
-    m_outputs.back().isPatient = m_registrations.at(held.holder).isPatient;
+    say(Effect::Kind::eASK_HOLDER, held.holder, held.record, contest.proof);
+    m_effects.back().isPatient = m_registrations.at(held.holder).isPatient;
 }
 
 void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
@@ -266,11 +266,11 @@ void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
     Registration& claimant = m_registrations.at(judged);
     if (claimant.isPatient) {
         claimant.state = State::eWAITS;
-        say(Output::Kind::eKEEPS_WAITING, holder, claimant.record);
+        say(Effect::Kind::eKEEPS_WAITING, holder, claimant.record);
         judgeNext(path, contest);
         return;
     }
-    say(Output::Kind::eREFUSED, judged, claimant.record);
+    say(Effect::Kind::eREFUSED, judged, claimant.record);
     const obr::UUID instance = claimant.instance;
     m_registrations.erase(judged);
     endClaim(path, judged, instance);
@@ -283,7 +283,7 @@ void Store::trackService(StreamId stream, const std::string& path, const Realm& 
     m_watchers.addTracker(stream, path, realm);
     const auto held = m_records.find(path);
     if (held != m_records.end() && isVisible(held->second.record->serviceDef, realm)) {
-        m_outputs.push_back({Output::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0, false});
+        m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0, false});
     }
 }
 
@@ -345,30 +345,30 @@ void Store::children(const std::string& prefix, std::size_t most, std::vector<st
     }
 }
 
-// ---- outputs ------------------------------------------------------------------------------------------------------
+// ---- effects ------------------------------------------------------------------------------------------------------
 
 void Store::announce(UpdateType type, const RecordPtr& record)
 {
     m_concerned.clear();
     m_watchers.concerned(*record, m_concerned);
     for (const StreamId stream : m_concerned) {
-        m_outputs.push_back({Output::Kind::eUPDATE, stream, type, record, 0, false});
+        m_effects.push_back({Effect::Kind::eUPDATE, stream, type, record, 0, false});
     }
 }
 
-void Store::say(Output::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof)
+void Store::say(Effect::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof)
 {
-    m_outputs.push_back({kind, stream, UpdateType::ADDED, std::move(record), proof, false});
+    m_effects.push_back({kind, stream, UpdateType::ADDED, std::move(record), proof, false});
 }
 
-bool Store::next(Output& output)
+bool Store::next(Effect& effect)
 {
-    if (m_taken == m_outputs.size()) {
-        m_outputs.clear();
+    if (m_taken == m_effects.size()) {
+        m_effects.clear();
         m_taken = 0;
         return false;
     }
-    output = std::move(m_outputs[m_taken++]);
+    effect = std::move(m_effects[m_taken++]);
     return true;
 }
 

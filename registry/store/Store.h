@@ -18,7 +18,7 @@
 namespace kesa::registry {
 
 /// What a command brought about, for one stream.
-struct Output {
+struct Effect {
     enum class Kind {
         eUPDATE,       ///< to a tracking or a query
         eREGISTERED,   ///< the answer to a registration: the record
@@ -84,8 +84,8 @@ public:
     void asking(const std::string& path, std::vector<StreamId>& streams) { m_watchers.asking(path, streams); }
     const QueryWatch* findQuery(StreamId query) { return m_watchers.findQuery(query); }
 
-    /// Takes the next output. False when there is none.
-    bool next(Output& output);
+    /// Takes the next effect. False when there is none.
+    bool next(Effect& effect);
 
     std::size_t size() const noexcept { return m_records.size(); }
 
@@ -119,7 +119,7 @@ private:
     void judgeAnew(const std::string& path);
     void judgeNext(const std::string& path, Contest& contest);
     void announce(UpdateType type, const RecordPtr& record);
-    void say(Output::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof = 0);
+    void say(Effect::Kind kind, StreamId stream, RecordPtr record, std::uint64_t proof = 0);
 
     Records m_records;
     std::unordered_map<StreamId, Registration> m_registrations;
@@ -128,7 +128,7 @@ private:
     Watchers m_watchers;
     std::uint64_t m_lastProof = 0;
 
-    std::vector<Output> m_outputs; ///< from `m_taken` on
+    std::vector<Effect> m_effects; ///< from `m_taken` on
     std::size_t m_taken = 0;
     std::vector<StreamId> m_concerned; ///< only inside `announce`
 };

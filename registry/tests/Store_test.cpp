@@ -175,41 +175,41 @@ protected:
         m_store.proved(path, proof, isAlive);
     }
 
-    void takeOutputs()
+    void takeEffects()
     {
-        for (Output output; m_store.next(output);) {
-            const std::string& path = output.record->path();
-            switch (output.kind) {
-            case Output::Kind::eUPDATE:
-                told(output);
+        for (Effect effect; m_store.next(effect);) {
+            const std::string& path = effect.record->path();
+            switch (effect.kind) {
+            case Effect::Kind::eUPDATE:
+                told(effect);
                 break;
-            case Output::Kind::eREGISTERED:
-                m_holders[path] = output.stream;
+            case Effect::Kind::eREGISTERED:
+                m_holders[path] = effect.stream;
                 break;
-            case Output::Kind::eREFUSED:
-                EXPECT_NE(m_model.holder(path)->stream, output.stream) << "the holder is refused";
-                m_model.end(output.stream);
+            case Effect::Kind::eREFUSED:
+                EXPECT_NE(m_model.holder(path)->stream, effect.stream) << "the holder is refused";
+                m_model.end(effect.stream);
                 ++m_refused;
                 break;
-            case Output::Kind::eASK_HOLDER:
-                EXPECT_EQ(output.stream, m_model.holder(path)->stream);
-                m_questions.push_back({path, output.proof});
-                m_current[path] = output.proof;
+            case Effect::Kind::eASK_HOLDER:
+                EXPECT_EQ(effect.stream, m_model.holder(path)->stream);
+                m_questions.push_back({path, effect.proof});
+                m_current[path] = effect.proof;
                 break;
-            case Output::Kind::eKEEPS_WAITING:
+            case Effect::Kind::eKEEPS_WAITING:
                 break;
             }
         }
     }
 
-    void told(const Output& output)
+    void told(const Effect& effect)
     {
-        Watcher& watcher = m_watchers.at(output.stream);
-        const std::string& path = output.record->path();
-        if (output.type == UpdateType::ADDED) {
-            EXPECT_TRUE(watcher.believed.emplace(path, output.record).second) << path << " told twice";
+        Watcher& watcher = m_watchers.at(effect.stream);
+        const std::string& path = effect.record->path();
+        if (effect.type == UpdateType::ADDED) {
+            EXPECT_TRUE(watcher.believed.emplace(path, effect.record).second) << path << " told twice";
         } else {
-            EXPECT_EQ(watcher.believed[path], output.record) << path << " was not announced";
+            EXPECT_EQ(watcher.believed[path], effect.record) << path << " was not announced";
             watcher.believed.erase(path);
         }
     }
@@ -273,14 +273,14 @@ TEST_F(StoreTest, EveryWatcherBelievesWhatIsThere)
             break;
         case 4:
             endSome();
-            takeOutputs();
+            takeEffects();
             endSome();
             break;
         default:
             prove();
             break;
         }
-        takeOutputs();
+        takeEffects();
         compare();
     }
     EXPECT_GT(m_refused, 50);

@@ -1,4 +1,4 @@
-#include "Registry.h"
+#include "Channels.h"
 
 #include <tracing/Channel.h>
 
@@ -9,13 +9,13 @@
 namespace tracing {
 
 Channel::Channel(std::string_view name, int facility, int threshold)
-    : m_state(&Registry::instance().channel(name, facility, threshold)), m_threshold(&m_state->threshold)
+    : m_state(&Channels::instance().channel(name, facility, threshold)), m_threshold(&m_state->threshold)
 {}
 
 void Channel::log(int severity, std::string_view text) const
 {
     if (isEnabled(severity)) {
-        Registry::instance().write(*m_state, severity, text);
+        Channels::instance().write(*m_state, severity, text);
     }
 }
 

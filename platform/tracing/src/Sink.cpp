@@ -1,4 +1,4 @@
-#include "Registry.h"
+#include "Channels.h"
 #include "openSink.h"
 
 #include <obr/ErrorOutput.h>
@@ -13,33 +13,33 @@ ISink::~ISink() = default;
 
 std::shared_ptr<ISink> setSink(std::shared_ptr<ISink> sink)
 {
-    return Registry::instance().setSink(Registry::Output::eTEXT, std::move(sink));
+    return Channels::instance().setSink(Channels::Output::eTEXT, std::move(sink));
 }
 
 std::shared_ptr<ISink> setEventLogSink(std::shared_ptr<ISink> sink)
 {
-    return Registry::instance().setSink(Registry::Output::eEVENTS, std::move(sink));
+    return Channels::instance().setSink(Channels::Output::eEVENTS, std::move(sink));
 }
 
 void setThreshold(std::string_view channel, int threshold)
 {
-    Registry::instance().setThreshold(channel, threshold);
+    Channels::instance().setThreshold(channel, threshold);
 }
 
 bool setThresholds(std::string_view list)
 {
-    const std::string bad = Registry::instance().setThresholds(list);
+    const std::string bad = Channels::instance().setThresholds(list);
     return !bad.empty() && obr::ErrorOutput(__FILE__, __LINE__)(obr::errors::Error, obr::errors::TEXT, bad);
 }
 
-Silence::Silence(std::string_view channel) : m_channel(Registry::instance().channel(channel, 0, 3))
+Silence::Silence(std::string_view channel) : m_channel(Channels::instance().channel(channel, 0, 3))
 {
-    Registry::instance().silence(m_channel, 1);
+    Channels::instance().silence(m_channel, 1);
 }
 
 Silence::~Silence()
 {
-    Registry::instance().silence(m_channel, -1);
+    Channels::instance().silence(m_channel, -1);
 }
 
 std::shared_ptr<ISink> makeSink(const std::string& description)

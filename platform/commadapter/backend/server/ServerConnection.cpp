@@ -521,8 +521,8 @@ void ServerConnection::onClosed(const std::string& reason)
     }
     m_targets.clear();
     m_services->remove(self);
-    for (const Asker& asker : std::exchange(m_askers, {})) {
-        asker.answer(false);
+    for (const LifeQuestion& question : std::exchange(m_lifeQuestions, {})) {
+        question.answer(false);
     }
     std::deque<std::function<void()>> dropped; // without the lock
     const Lock lock(m_lock);

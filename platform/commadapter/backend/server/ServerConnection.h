@@ -75,7 +75,7 @@ private:
         std::shared_ptr<ProvidedService> service;
     };
     /// Wants to know whether the client lives.
-    struct Asker {
+    struct LifeQuestion {
         std::uint64_t number;
         comm::TimeNs within;
         comm::TimeNs begun; ///< when `within` began, the last time
@@ -98,9 +98,9 @@ private:
     void cancelAll(Target& target, const char* text);
     // ServerConnection_peer.cpp
     void askNext();
-    void awaitSign(const Asker& asker);
-    std::vector<Asker>::iterator findAsker(std::uint64_t number);
-    void judge(std::uint64_t asker, bool hasSlept);
+    void awaitSign(const LifeQuestion& question);
+    std::vector<LifeQuestion>::iterator findLifeQuestion(std::uint64_t number);
+    void judge(std::uint64_t question, bool hasSlept);
     void postDrained();
     void runDrained();
 
@@ -131,8 +131,8 @@ private:
     // Loop only.
     std::unordered_map<std::uint32_t, Target> m_targets; ///< a target outlives its open streams
     RequestContext m_context;
-    std::vector<Asker> m_askers; ///< who came after a ping had gone out waits for the next one
-    std::uint64_t m_lastAsker = 0;
+    std::vector<LifeQuestion> m_lifeQuestions; ///< who came after a ping had gone out waits for the next one
+    std::uint64_t m_lastLifeQuestion = 0;
     comm::TimeNs m_openedAt = 0;
 };
 

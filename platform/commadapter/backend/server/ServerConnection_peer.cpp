@@ -26,17 +26,17 @@ void ServerConnection::proveAlive(comm::TimeNs within, std::function<void(bool i
         answer(false);
         return;
     }
-    m_askers.push_back({++m_lastAsker, within, comm::now(), std::move(answer), false});
-    awaitSign(m_askers.back());
-    if (m_askers.size() == 1) {
+    m_lifeQuestions.push_back({++m_lastLifeQuestion, within, comm::now(), std::move(answer), false});
+    awaitSign(m_lifeQuestions.back());
+    if (m_lifeQuestions.size() == 1) {
         askNext();
     }
 }
 
 void ServerConnection::askNext()
 {
-    for (Asker& asker : m_askers) {
-        asker.isAsked = true;
+    for (LifeQuestion& question : m_lifeQuestions) {
+        question.isAsked = true;
     }
     const Lock lock(m_lock);
     machine().output.ping();
@@ -46,26 +46,26 @@ void ServerConnection::askNext()
 /// Whoever still hears something from the client waits on.
 void ServerConnection::onSign(bool isPong)
 {
-    std::vector<Asker> answered;
-    std::vector<Asker> waiting;
-    for (Asker& asker : m_askers) {
-        asker.begun = comm::now();
-        (isPong && asker.isAsked ? answered : waiting).push_back(std::move(asker));
+    std::vector<LifeQuestion> answered;
+    std::vector<LifeQuestion> waiting;
+    for (LifeQuestion& question : m_lifeQuestions) {
+        question.begun = comm::now();
+        (isPong && question.isAsked ? answered : waiting).push_back(std::move(question));
     }
-    m_askers = std::move(waiting);
-    if (!answered.empty() && !m_askers.empty()) {
+    m_lifeQuestions = std::move(waiting);
+    if (!answered.empty() && !m_lifeQuestions.empty()) {
         askNext();
     }
-    for (const Asker& asker : answered) {
-        asker.answer(true);
+    for (const LifeQuestion& question : answered) {
+        question.answer(true);
     }
 }
 
-void ServerConnection::awaitSign(const Asker& asker)
+void ServerConnection::awaitSign(const LifeQuestion& question)
 {
-    const comm::TimeNs part = asker.within / PARTS_OF_WAIT;
-    const comm::TimeNs due = std::min(comm::now() + part, asker.begun + asker.within);
-    loop().startTimer(due, [weak = weak_from_this(), number = asker.number, latest = due + part + LATE] {
+    const comm::TimeNs part = question.within / PARTS_OF_WAIT;
+    const comm::TimeNs due = std::min(comm::now() + part, question.begun + question.within);
+    loop().startTimer(due, [weak = weak_from_this(), number = question.number, latest = due + part + LATE] {
         if (const auto self = weak.lock()) {
             static_cast<ServerConnection&>(*self).judge(number, comm::now() > latest);
         }
@@ -75,25 +75,25 @@ void ServerConnection::awaitSign(const Asker& asker)
 /// A client that takes what stands before the ping in the queue is given the time anew, too.
 void ServerConnection::judge(std::uint64_t number, bool hasSlept)
 {
-    const auto asker = findAsker(number);
-    if (asker == m_askers.end()) {
+    const auto question = findLifeQuestion(number);
+    if (question == m_lifeQuestions.end()) {
         return;
     }
     const comm::TimeNs now = comm::now();
-    const comm::TimeNs within = asker->within;
+    const comm::TimeNs within = question->within;
     {
         const Lock lock(m_lock);
-        if (hasSlept || (machine().output.queuedBytes() > 0 && lastProgress() > asker->begun)) {
-            asker->begun = now;
+        if (hasSlept || (machine().output.queuedBytes() > 0 && lastProgress() > question->begun)) {
+            question->begun = now;
         }
     }
-    if (now - asker->begun < within) {
-        awaitSign(*asker);
+    if (now - question->begun < within) {
+        awaitSign(*question);
         return;
     }
     readBatch();
-    const auto left = findAsker(number);
-    if (!isOpen() || left == m_askers.end()) {
+    const auto left = findLifeQuestion(number);
+    if (!isOpen() || left == m_lifeQuestions.end()) {
         return;
     }
     if (now - left->begun < within) { // something has come
@@ -103,9 +103,10 @@ void ServerConnection::judge(std::uint64_t number, bool hasSlept)
     cutOff("silent for " + std::to_string(within / comm::MILLISECOND) + " ms after a ping");
 }
 
-std::vector<ServerConnection::Asker>::iterator ServerConnection::findAsker(std::uint64_t number)
+std::vector<ServerConnection::LifeQuestion>::iterator ServerConnection::findLifeQuestion(std::uint64_t number)
 {
-    return std::find_if(m_askers.begin(), m_askers.end(), [number](const Asker& a) { return a.number == number; });
+    return std::find_if(m_lifeQuestions.begin(), m_lifeQuestions.end(),
+                        [number](const LifeQuestion& a) { return a.number == number; });
 }
 
 void ServerConnection::whenDrained(std::function<void()> task)

@@ -1,4 +1,4 @@
-#include "Registry.h"
+#include "Channels.h"
 
 #include "openSink.h"
 
@@ -48,9 +48,9 @@ std::string environment(const char* name)
     return value != nullptr ? value : "";
 }
 
-Registry::Output outputOf(int facility)
+Channels::Output outputOf(int facility)
 {
-    return facility == EVENT_LOG_FACILITY ? Registry::Output::eEVENTS : Registry::Output::eTEXT;
+    return facility == EVENT_LOG_FACILITY ? Channels::Output::eEVENTS : Channels::Output::eTEXT;
 }
 
 std::string_view trimmed(std::string_view text)
@@ -82,19 +82,19 @@ std::string_view trimmed(std::string_view text)
 
 } // namespace
 
-Registry& Registry::instance()
+Channels& Channels::instance()
 {
-    static Registry* const registry = [] {
-        obr::GlobalErrorHandler::atFatal([] { Registry::instance().flush(); });
+    static Channels* const channels = [] {
+        obr::GlobalErrorHandler::atFatal([] { Channels::instance().flush(); });
         obr::holdAcrossFork<outputLock>();
         obr::holdAcrossFork<lock>();
-        std::atexit([] { Registry::instance().flush(); });
-        return new Registry;
+        std::atexit([] { Channels::instance().flush(); });
+        return new Channels;
     }();
-    return *registry;
+    return *channels;
 }
 
-Registry::Registry()
+Channels::Channels()
 {
     openEventSink();
     if (const std::string bad = setThresholds(environment("KESA_TRACE")); !bad.empty()) {
@@ -107,7 +107,7 @@ Registry::Registry()
     }
 }
 
-ChannelState& Registry::channel(std::string_view name, int facility, int threshold)
+ChannelState& Channels::channel(std::string_view name, int facility, int threshold)
 {
     const std::lock_guard lock(m_mutex);
     auto found = m_channels.find(name);
@@ -127,13 +127,13 @@ ChannelState& Registry::channel(std::string_view name, int facility, int thresho
     return found->second;
 }
 
-void Registry::setThreshold(std::string_view channel, int threshold)
+void Channels::setThreshold(std::string_view channel, int threshold)
 {
     const std::lock_guard lock(m_mutex);
     setThresholdLocked(channel, threshold);
 }
 
-void Registry::setThresholdLocked(std::string_view channel, int threshold)
+void Channels::setThresholdLocked(std::string_view channel, int threshold)
 {
     if (channel == "*") {
         m_textThreshold = threshold;
@@ -153,7 +153,7 @@ void Registry::setThresholdLocked(std::string_view channel, int threshold)
     }
 }
 
-std::string Registry::setThresholds(std::string_view list)
+std::string Channels::setThresholds(std::string_view list)
 {
     std::string bad;
     std::vector<std::pair<std::string_view, int>> byName;
@@ -181,7 +181,7 @@ std::string Registry::setThresholds(std::string_view list)
     return bad.empty() ? bad : bad + " is not CHANNEL=N with N from 1 (all) to 5 (nothing)";
 }
 
-void Registry::applyThreshold(ChannelState& channel)
+void Channels::applyThreshold(ChannelState& channel)
 {
     const bool isDeaf = channel.facility == EVENT_LOG_FACILITY && sinks(Output::eEVENTS).current() == nullptr;
     const bool isSet = m_textThreshold != 0 || m_thresholds.count(channel.name) != 0;
@@ -189,14 +189,14 @@ void Registry::applyThreshold(ChannelState& channel)
     channel.threshold.store(isSilent ? NOTHING : channel.configured, std::memory_order_relaxed);
 }
 
-void Registry::silence(ChannelState& channel, int change)
+void Channels::silence(ChannelState& channel, int change)
 {
     const std::lock_guard lock(m_mutex);
     channel.silences += change;
     applyThreshold(channel);
 }
 
-std::shared_ptr<ISink> Registry::setSink(Output output, std::shared_ptr<ISink> sink)
+std::shared_ptr<ISink> Channels::setSink(Output output, std::shared_ptr<ISink> sink)
 {
     const std::lock_guard lock(m_mutex);
     std::swap(sinks(output).set, sink);
@@ -206,7 +206,7 @@ std::shared_ptr<ISink> Registry::setSink(Output output, std::shared_ptr<ISink> s
     return sink;
 }
 
-void Registry::write(const ChannelState& channel, int severity, std::string_view text) noexcept
+void Channels::write(const ChannelState& channel, int severity, std::string_view text) noexcept
 {
     try {
         if (const std::shared_ptr<ISink> sink = sinkFor(outputOf(channel.facility))) {
@@ -217,7 +217,7 @@ void Registry::write(const ChannelState& channel, int severity, std::string_view
     }
 }
 
-void Registry::flush() noexcept
+void Channels::flush() noexcept
 {
     try {
         for (const Output output : {Output::eTEXT, Output::eEVENTS}) {
@@ -235,7 +235,7 @@ void Registry::flush() noexcept
     }
 }
 
-std::shared_ptr<ISink> Registry::sinkFor(Output output)
+std::shared_ptr<ISink> Channels::sinkFor(Output output)
 {
     const std::lock_guard lock(m_mutex);
     if (output == Output::eTEXT && sinks(output).current() == nullptr) {
@@ -244,7 +244,7 @@ std::shared_ptr<ISink> Registry::sinkFor(Output output)
     return sinks(output).current();
 }
 
-void Registry::openTextSink()
+void Channels::openTextSink()
 {
     const std::string description = environment("KESA_TRACE_SINK");
     std::string reason;
@@ -256,7 +256,7 @@ void Registry::openTextSink()
     }
 }
 
-void Registry::openEventSink()
+void Channels::openEventSink()
 {
     const std::string description = environment("KESA_EVENT_LOG");
     if (description.empty()) {
@@ -269,7 +269,7 @@ void Registry::openEventSink()
     }
 }
 
-void Registry::complain(std::string_view text)
+void Channels::complain(std::string_view text)
 {
     if (sinks(Output::eTEXT).current() == nullptr) {
         openTextSink();

@@ -1,5 +1,5 @@
-#ifndef TRACING_REGISTRY_H
-#define TRACING_REGISTRY_H
+#ifndef TRACING_CHANNELS_H
+#define TRACING_CHANNELS_H
 
 #include <tracing/Sink.h>
 
@@ -20,15 +20,15 @@ struct ChannelState {
 
     const std::string name;
     const int facility;
-    int configured;             // guarded by the registry's mutex
+    int configured;             // guarded by the channels' mutex
     int silences = 0;           // likewise
     std::atomic<int> threshold; // what holds now; a line more or less while it changes is no harm, so it orders nothing
 };
 
 /// All channels and sinks of the process. Never destroyed: static objects trace until the process ends.
-class Registry {
+class Channels {
 public:
-    static Registry& instance();
+    static Channels& instance();
 
     ChannelState& channel(std::string_view name, int facility, int threshold);
     void setThreshold(std::string_view channel, int threshold);
@@ -51,7 +51,7 @@ private:
         const std::shared_ptr<ISink>& current() const noexcept { return set != nullptr ? set : fromEnvironment; }
     };
 
-    Registry();
+    Channels();
     Sinks& sinks(Output output) noexcept { return m_sinks[static_cast<std::size_t>(output)]; }
     std::shared_ptr<ISink> sinkFor(Output output);
     void openTextSink();

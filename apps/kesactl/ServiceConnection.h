@@ -1,5 +1,5 @@
-#ifndef KESACTL_CONNECTION_H
-#define KESACTL_CONNECTION_H
+#ifndef KESACTL_SERVICECONNECTION_H
+#define KESACTL_SERVICECONNECTION_H
 
 #include "System.h"
 
@@ -20,14 +20,14 @@ namespace kesactl {
 ServiceDef findService(const System& system, const std::string& path, comm::TimeNs deadline);
 
 /// The connection to a service, at the locators of its record.
-class Connection {
+class ServiceConnection {
 public:
     using Client = std::shared_ptr<kesa::IKesaApi>;
 
-    explicit Connection(ServiceDef service);
-    ~Connection();
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
+    explicit ServiceConnection(ServiceDef service);
+    ~ServiceConnection();
+    ServiceConnection(const ServiceConnection&) = delete;
+    ServiceConnection& operator=(const ServiceConnection&) = delete;
 
     /// Waits for it; null at the deadline, or when this process reaches none of the locators.
     Client tryClient(comm::TimeNs deadline);

@@ -1,4 +1,4 @@
-#include "Connection.h"
+#include "ServiceConnection.h"
 
 #include "Failure.h"
 #include "adviseAround.h"
@@ -34,7 +34,7 @@ ServiceDef findService(const System& system, const std::string& path, comm::Time
     return services.begin()->second;
 }
 
-void Connection::State::keep(const kesa::optional<Client>& newClient, bool isRefusal)
+void ServiceConnection::State::keep(const kesa::optional<Client>& newClient, bool isRefusal)
 {
     const std::lock_guard lock(mutex);
     client = newClient;
@@ -42,7 +42,7 @@ void Connection::State::keep(const kesa::optional<Client>& newClient, bool isRef
     changed.notifyAll();
 }
 
-Connection::Connection(ServiceDef service) : m_service(std::move(service))
+ServiceConnection::ServiceConnection(ServiceDef service) : m_service(std::move(service))
 {
     using Resolved = kesa::optional<Client>;
     m_subscription = KesaRuntime::getInstance()->resolveService(
@@ -50,12 +50,12 @@ Connection::Connection(ServiceDef service) : m_service(std::move(service))
                                            [state = m_state](const kesa::Response&) { state->keep({}, true); }));
 }
 
-Connection::~Connection()
+ServiceConnection::~ServiceConnection()
 {
     m_subscription.dispose();
 }
 
-Connection::Client Connection::tryClient(comm::TimeNs deadline)
+ServiceConnection::Client ServiceConnection::tryClient(comm::TimeNs deadline)
 {
     std::unique_lock lock(m_state->mutex);
     comm::waitFor(
@@ -63,13 +63,13 @@ Connection::Client Connection::tryClient(comm::TimeNs deadline)
     return m_state->client.value_or(nullptr);
 }
 
-bool Connection::isRefused()
+bool ServiceConnection::isRefused()
 {
     const std::lock_guard lock(m_state->mutex);
     return m_state->isRefused;
 }
 
-Connection::Client Connection::client(comm::TimeNs deadline)
+ServiceConnection::Client ServiceConnection::client(comm::TimeNs deadline)
 {
     if (Client client = tryClient(timeToExplain(deadline))) {
         return client;
