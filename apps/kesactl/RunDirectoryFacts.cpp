@@ -35,7 +35,8 @@ using kesa::commadapter::transport::userName;
 /// What the holder of a lock has written into its file; 0 when it cannot be read.
 pid_t readPid(int directory, const std::string& file)
 {
-    const Descriptor opened(::openat(directory, file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+    const auto opened = Descriptor::open(
+        [&] { return ::openat(directory, file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); });
     char text[16] = {};
     const ssize_t size = opened ? ::read(opened.get(), text, sizeof text - 1) : 0;
     pid_t pid = 0;
@@ -71,8 +72,10 @@ std::string rightsOf(const struct stat& status)
 /// be, without /proc, it cannot be told who listens. `listener`: who does.
 int tryConnect(const std::string& folder, int directory, const std::string& file, pid_t& listener)
 {
-    const Descriptor opened(::openat(directory, file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
-    const Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    const auto opened =
+        Descriptor::open([&] { return ::openat(directory, file.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
+    const auto socket =
+        Descriptor::open([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
     if (!opened || !socket) {
         return errno;
     }
@@ -154,7 +157,7 @@ Room::Room(const std::string& directory)
 
 RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(directoryPath)
 {
-    const Descriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const auto directory = Descriptor::open([&] { return ::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     struct stat status {};
     if (!directory || ::fstat(directory.get(), &status) != 0) {
         error = errno;

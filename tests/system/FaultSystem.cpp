@@ -216,9 +216,16 @@ void FaultSystem::awaitFacts(Member& member, const Facts& facts, bool isAll)
         member.process->expect("true " + ask(member, facts, isAll));
     } catch (const Missing& missing) {
         member.process->send("beliefs");
+        std::string others;
+        for (const Member& provider : m_providers) {
+            const std::string traces = provider.process == nullptr ? "ended" : provider.process->traces();
+            others +=
+                provider.name + ": " + traces.substr(traces.size() - std::min<std::size_t>(traces.size(), 3000)) + '\n';
+        }
         throw Missing("after " + std::to_string(m_faults) + " faults, it should believe " +
                       testing::PrintToString(facts) + "\nand believes " + member.process->expect("beliefs") + '\n' +
-                      missing.what() + "\nThe registry's traces:\n" + m_registry->traces());
+                      missing.what() + "\nThe registry's traces:\n" + m_registry->traces() +
+                      "\nThe providers' traces:\n" + others);
     }
 }
 

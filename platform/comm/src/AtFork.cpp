@@ -62,14 +62,21 @@ Table& table()
 
 } // namespace
 
-void AtFork::closeInChild(int descriptor)
+int AtFork::open(const std::function<int()>& open)
 {
     Table& own = table();
     const std::lock_guard lock(own.mutex);
-    own.descriptors.push_back(descriptor);
+    own.descriptors.push_back(-1); // before there is something to lose
+    const int descriptor = open();
+    if (descriptor >= 0) {
+        own.descriptors.back() = descriptor;
+    } else {
+        own.descriptors.pop_back();
+    }
+    return descriptor;
 }
 
-void AtFork::forget(int descriptor)
+void AtFork::close(int descriptor)
 {
     Table& own = table();
     const std::lock_guard lock(own.mutex);
@@ -78,6 +85,7 @@ void AtFork::forget(int descriptor)
         *found = own.descriptors.back();
         own.descriptors.pop_back();
     }
+    ::close(descriptor);
 }
 
 unsigned AtFork::generation() noexcept

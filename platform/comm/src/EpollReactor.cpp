@@ -139,8 +139,9 @@ private:
 };
 
 EpollReactor::EpollReactor(const std::string& name)
-    : m_thread(name, this), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_timer(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK))
+    : m_thread(name, this), m_epoll(AtFork::open([] { return ::epoll_create1(EPOLL_CLOEXEC); })),
+      m_wake(AtFork::open([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); })),
+      m_timer(AtFork::open([] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }))
 {
     const auto add = [this](int descriptor) {
         epoll_event event{};
@@ -152,16 +153,12 @@ EpollReactor::EpollReactor(const std::string& name)
         const std::string message = fmt::format("cannot make the I/O loop '{}': {}", name, obr::explainError(errno));
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
     }
-    for (const int descriptor : {m_epoll, m_wake, m_timer}) {
-        AtFork::closeInChild(descriptor);
-    }
 }
 
 EpollReactor::~EpollReactor()
 {
     for (const int descriptor : {m_epoll, m_wake, m_timer}) {
-        AtFork::forget(descriptor);
-        ::close(descriptor);
+        AtFork::close(descriptor);
     }
 }
 

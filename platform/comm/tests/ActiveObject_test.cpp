@@ -6,7 +6,7 @@
 #include <comm/Scheduler.h>
 
 #include <fcntl.h>
-#include <sys/socket.h>
+#include <sys/eventfd.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -199,16 +199,29 @@ TEST(Fork, AChildMayNotUseTheLoopsOfItsParent)
 
 TEST(Fork, AChildHasNoCopyOfRegisteredDescriptors)
 {
-    int ends[2];
-    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-    AtFork::closeInChild(ends[0]);
-    AtFork::closeInChild(ends[1]);
-    AtFork::forget(ends[1]);
-    EXPECT_EQ(
-        inChild("", [&] { return (::fcntl(ends[0], F_GETFD) < 0 ? 1 : 0) + (::fcntl(ends[1], F_GETFD) < 0 ? 2 : 0); }),
-        1);
-    AtFork::forget(ends[0]);
-    EXPECT_EQ(inChild("", [&] { return ::fcntl(ends[0], F_GETFD) < 0 ? 1 : 0; }), 0);
-    ::close(ends[0]);
-    ::close(ends[1]);
+    const auto open = [] { return ::eventfd(0, 0); };
+    const int own = AtFork::open(open);
+    const int other = open();
+    EXPECT_EQ(inChild("", [&] { return (::fcntl(own, F_GETFD) < 0 ? 1 : 0) + (::fcntl(other, F_GETFD) < 0 ? 2 : 0); }),
+              1);
+    AtFork::close(own);
+    ASSERT_EQ(::dup2(other, own), own);
+    EXPECT_EQ(inChild("", [&] { return ::fcntl(own, F_GETFD) < 0 ? 1 : 0; }), 0) << "the number is another one's";
+    ::close(own);
+    ::close(other);
+
+    // Whatever another thread opens and closes meanwhile.
+    const int next = open(); // what comes behind it is the opener's
+    std::atomic<bool> isEnd{false};
+    std::thread opener([&] {
+        while (!isEnd) {
+            AtFork::close(AtFork::open(open));
+        }
+    });
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(inChild("", [&] { return ::fcntl(next + 1, F_GETFD) < 0 ? 0 : 1; }), 0);
+    }
+    isEnd = true;
+    opener.join();
+    ::close(next);
 }

@@ -14,11 +14,14 @@ namespace kesa::commadapter::transport {
 class Descriptor {
 public:
     Descriptor() = default;
-    explicit Descriptor(int descriptor) : m_descriptor(descriptor), m_generation(comm::AtFork::generation())
+    /// Owns what `open` answers, which is called at once: a descriptor, or -1 with an `errno` that stays.
+    template <class Open>
+    static Descriptor open(Open&& open)
     {
-        if (descriptor >= 0) {
-            comm::AtFork::closeInChild(descriptor);
-        }
+        Descriptor opened;
+        opened.m_generation = comm::AtFork::generation();
+        opened.m_descriptor = comm::AtFork::open(std::forward<Open>(open));
+        return opened;
     }
     ~Descriptor() { reset(); }
     Descriptor(Descriptor&& other) noexcept
@@ -37,8 +40,7 @@ public:
     void reset()
     {
         if (isHere()) {
-            comm::AtFork::forget(m_descriptor);
-            ::close(m_descriptor);
+            comm::AtFork::close(m_descriptor);
         }
         m_descriptor = -1;
     }
@@ -62,6 +64,13 @@ auto retryInterrupted(Call call)
         result = call();
     }
     return result;
+}
+
+/// Owns what `open` answers; a signal that interrupts it makes it be called again.
+template <class Open>
+Descriptor openFile(Open open)
+{
+    return Descriptor::open([&open] { return retryInterrupted(open); });
 }
 
 } // namespace kesa::commadapter::transport

@@ -47,7 +47,8 @@ std::string explainUnwatched(int error)
     if (error == ENOSPC) {
         return explain("watches", "max_user_watches");
     }
-    if (error == EMFILE && Descriptor(::eventfd(0, EFD_CLOEXEC))) { // so it is not this process's descriptors
+    if (error == EMFILE &&
+        Descriptor::open([] { return ::eventfd(0, EFD_CLOEXEC); })) { // so it is not this process's descriptors
         return explain("instances", "max_user_instances");
     }
     return obr::explainError(error);
@@ -55,7 +56,7 @@ std::string explainUnwatched(int error)
 
 Descriptor makeInotify()
 {
-    return Descriptor(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    return Descriptor::open([] { return ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC); });
 }
 
 bool isMissing(int error)

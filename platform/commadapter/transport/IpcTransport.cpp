@@ -209,7 +209,8 @@ void IpcTransport::startAccepting(Accept accept)
 void IpcTransport::acceptAll()
 {
     for (int count = 0; count < ACCEPTS_PER_TURN && m_acceptWatch != 0; ++count) {
-        Descriptor socket(::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+        auto socket =
+            Descriptor::open([this] { return ::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
         if (socket) {
             m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eACCEPTED));
         } else if (errno == EAGAIN) {
@@ -274,7 +275,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         return refuse(Failure::eOTHER, "cannot read which realm the run directory has");
     }
     const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
-    const Descriptor file(retryInterrupted([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); }));
+    const auto file = openFile([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
     struct stat status {};
     if (!file) {
         if (errno == EACCES && ::stat(m_runDirectory.path().c_str(), &status) == 0) {
@@ -284,7 +285,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
                                                    : refuse(Failure::eOTHER, "cannot look into the run directory");
     }
     ::fstat(file.get(), &status);
-    Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    auto socket = Descriptor::open([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
     if (!socket) {
         return refuse(Failure::eOTHER, "cannot make a socket");
     }

@@ -71,7 +71,7 @@ bool NameClaim::lock(std::string& why)
 /// The socket gets its rights under a name nobody looks for, and appears under its own when one can connect to it.
 bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
-    m_socket = Descriptor(::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    m_socket = Descriptor::open([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
     if (!m_socket) {
         why = fmt::format("cannot make a socket: {}", obr::explainError(errno));
         return true;
@@ -115,7 +115,8 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
         return refuse("cannot bind");
     }
     // Not by its name from here on: somebody might have put a link there, and what that leads to would get the mode.
-    const Descriptor bound(::openat(m_directory.get(), temporary.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC));
+    const auto bound = Descriptor::open(
+        [&] { return ::openat(m_directory.get(), temporary.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
     struct stat status {};
     if (!bound || ::fstat(bound.get(), &status) != 0) {
         return refuse("cannot look at");

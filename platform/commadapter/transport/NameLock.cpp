@@ -69,15 +69,18 @@ pid_t readHolder(int lockFile)
 }
 
 /// A killed process is missed, and started again, before the kernel has closed all that it had. True when it has been
-/// waited for.
+/// waited for, or is no more.
 bool hasWaitedForItsEnd(pid_t pid)
 {
-    if (pid <= 0 || pid == ::getpid() || !comm::isProcessEnding(pid)) {
+    if (pid <= 0 || pid == ::getpid()) {
         return false;
     }
-    const Descriptor process(static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)));
+    const auto process = Descriptor::open([pid] { return static_cast<int>(::syscall(SYS_pidfd_open, pid, 0U)); });
+    if (!process) {
+        return errno == ESRCH;
+    }
     pollfd end{process.get(), POLLIN, 0};
-    return !process || retryInterrupted([&] { return ::poll(&end, 1, LONGEST_END_MS); }) > 0;
+    return comm::isProcessEnding(pid) && retryInterrupted([&] { return ::poll(&end, 1, LONGEST_END_MS); }) > 0;
 }
 
 /// With what is known of it.
@@ -138,17 +141,17 @@ Descriptor openOrMake(int directory, const std::string& file)
 {
     constexpr int FLAGS = O_RDWR | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
     const auto open = [&](int flags) {
-        return retryInterrupted([&] { return ::openat(directory, file.c_str(), flags, OWN_MODE); });
+        return openFile([&] { return ::openat(directory, file.c_str(), flags, OWN_MODE); });
     };
-    Descriptor opened(open(FLAGS));
+    Descriptor opened = open(FLAGS);
     if (opened || errno != ENOENT) {
         return opened;
     }
-    opened = Descriptor(open(FLAGS | O_CREAT | O_EXCL));
+    opened = open(FLAGS | O_CREAT | O_EXCL);
     if (opened) {
         share(opened.get(), directory);
     } else if (errno == EEXIST) { // by another process in between
-        opened = Descriptor(open(FLAGS));
+        opened = open(FLAGS);
     }
     return opened;
 }
@@ -203,7 +206,14 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         return true;
     }
     int error = tryLock(opened);
-    if (error == EWOULDBLOCK && hasWaitedForItsEnd(readHolder(opened.get()))) {
+    // More than once: whoever was killed before it had written its number left the one of the holder before.
+    for (int attempt = 0; attempt < 3 && error == EWOULDBLOCK; ++attempt) {
+        struct stat status {};
+        const bool hasEnded = hasWaitedForItsEnd(readHolder(opened.get())) ||
+                              (::fstat(opened.get(), &status) == 0 && hasWaitedForItsEnd(findHolder(status)));
+        if (!hasEnded) {
+            break;
+        }
         error = tryLock(opened);
     }
     if (error != 0) {

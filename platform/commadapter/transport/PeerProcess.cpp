@@ -26,11 +26,11 @@ PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
     if (pid <= 0) {
         return {};
     }
-    const long opened = ::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0U);
-    if (opened < 0) {
+    auto pidfd =
+        Descriptor::open([pid] { return static_cast<int>(::syscall(SYS_pidfd_open, static_cast<pid_t>(pid), 0U)); });
+    if (!pidfd) {
         return {Descriptor(), errno == ESRCH, errno == EMFILE || errno == ENFILE || errno == ENOMEM};
     }
-    Descriptor pidfd(static_cast<int>(opened));
     // The number may have gone to a new process meanwhile; then the peer's end of the socket has been closed before.
     if (isAtEnd(socket)) {
         return {};
@@ -46,10 +46,13 @@ PeerProcess openPeerProcess(int socket, std::int64_t pid)
     if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &connected, &size) != 0 || connected.pid != pid) {
         return openPeerProcessByPid(socket, pid);
     }
-    int pidfd = -1;
-    size = sizeof pidfd;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &pidfd, &size) == 0) {
-        return {Descriptor(pidfd), false};
+    auto pidfd = Descriptor::open([socket] {
+        int opened = -1;
+        socklen_t bytes = sizeof opened;
+        return ::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &opened, &bytes) == 0 ? opened : -1;
+    });
+    if (pidfd) {
+        return {std::move(pidfd), false};
     }
     return errno == ESRCH ? PeerProcess{Descriptor(), true} : openPeerProcessByPid(socket, pid);
 }

@@ -97,8 +97,8 @@ bool writeRealm(int directory)
 {
     const std::string content = makeRealm() + '\n';
     const std::string temporary = fmt::format(".realm.{}.{}.tmp", ::getpid(), content.substr(0, 8));
-    const Descriptor file(retryInterrupted(
-        [&] { return ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, REALM_MODE); }));
+    const auto file = openFile(
+        [&] { return ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, REALM_MODE); });
     if (!file) {
         return true;
     }
@@ -117,8 +117,8 @@ bool writeRealm(int directory)
 
 RealmFile readRealmFile(int directory)
 {
-    const Descriptor file(retryInterrupted(
-        [&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); }));
+    const auto file =
+        openFile([&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); });
     if (!file) {
         const bool isNoFile = errno == ELOOP || errno == ENXIO; // a link or a socket
         return {isNoFile ? 0 : errno, {}};
@@ -147,7 +147,7 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;
-    Descriptor opened(retryInterrupted([&] { return ::open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); }));
+    auto opened = openFile([&] { return ::open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC); });
     if (!opened) {
         const bool isMissing = errno == ENOENT;
         errno = isMissing ? makeError : errno;
@@ -187,8 +187,7 @@ RunDirectory::Realm RunDirectory::judge(const std::string& realm, int& error)
     if (m_realm == realm) {
         return Realm::eOURS;
     }
-    const Descriptor directory(
-        retryInterrupted([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); }));
+    const auto directory = openFile([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
     const RealmFile present = directory ? readRealmFile(directory.get()) : RealmFile{errno, {}};
     if (!present.realm.empty()) {
         m_realm = present.realm;
