@@ -32,7 +32,7 @@ public:
     void flush();
     /// One beat of the heart: probes a peer that owes something, ends the connection to one that stays silent.
     /// `hasSlept`: the loop itself did not run in time, so nobody is judged. Answers whether there is anything to look
-    /// for at the next beat. Loop only.
+    /// for at the next beat. See the head of Connection_liveness.cpp. Loop only.
     bool checkAlive(comm::TimeNs now, bool hasSlept);
 
 protected:
@@ -110,8 +110,8 @@ protected:
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
 
-    /// Guards the output half of the machine, writing, and the tables of the derived class. Never held around a call
-    /// into a handler, listener or service.
+    /// Guards the output half of the machine, writing, and the tables of the derived class and its parts. Never held
+    /// around a call into a handler, listener or service.
     mutable std::mutex m_lock;
 
 private:
@@ -126,13 +126,14 @@ private:
     void hold();
     void endHold();
     void updateReading();
-    bool isStuck(comm::TimeNs now) const;
     void progressed(comm::TimeNs now) noexcept;
-    bool takesNothing(comm::TimeNs now);
     void wantWrite();
     void writeFailed();
     void countQueued();
     bool isBurst() const;
+    // Connection_liveness.cpp
+    bool isStuck(comm::TimeNs now) const;
+    bool takesNothing(comm::TimeNs now);
 
     const std::shared_ptr<IoLoop> m_loop;
     const protocol::Role m_role;

@@ -10,7 +10,7 @@ void Peer::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> ans
 {
     m_loop->post([weak = m_connection, within, answer = std::move(answer)]() mutable {
         if (const auto connection = weak.lock()) {
-            connection->proveAlive(within, std::move(answer));
+            connection->liveness().prove(within, std::move(answer));
         } else {
             answer(false);
         }
@@ -21,7 +21,7 @@ void Peer::whenDrained(std::function<void()> task)
 {
     m_loop->post([weak = m_connection, task = std::move(task)]() mutable {
         if (const auto connection = weak.lock()) {
-            connection->whenDrained(std::move(task));
+            connection->drainedTasks().add(std::move(task));
         }
     });
 }
@@ -30,7 +30,7 @@ void Peer::disconnect(const char* reason)
 {
     m_loop->post([weak = m_connection, text = std::string(reason)]() mutable {
         if (const auto connection = weak.lock()) {
-            connection->disconnect(std::move(text));
+            connection->cutOff(std::move(text));
         }
     });
 }

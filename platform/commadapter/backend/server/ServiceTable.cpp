@@ -53,9 +53,9 @@ void ServiceTable::announce(const std::shared_ptr<ProvidedService>& service)
     }
     for (const Interest& interest : found->second) {
         if (service != m_own) {
-            interest.connection->withdrawn(interest.target, *m_own);
+            interest.client->withdrawn(interest.target, *m_own);
         }
-        interest.connection->provided(interest.target, service);
+        interest.client->provided(interest.target, service);
     }
 }
 
@@ -66,7 +66,7 @@ void ServiceTable::withdrawNow(const std::shared_ptr<ProvidedService>& service)
     if (found != m_interests.end()) {
         const auto interests = found->second; // calls to the service may change them
         for (const Interest& interest : interests) {
-            interest.connection->withdrawn(interest.target, *service);
+            interest.client->withdrawn(interest.target, *service);
         }
     }
     service->isWithdrawn = true;
@@ -105,15 +105,14 @@ void ServiceTable::stop()
     m_interests.clear();
 }
 
-Interests::iterator ServiceTable::addInterest(ServerConnection& connection, std::uint32_t target,
-                                              const std::string& path)
+InterestList::iterator ServiceTable::addInterest(Interests& client, std::uint32_t target, const std::string& path)
 {
     const std::lock_guard lock(m_lock);
-    Interests& interests = m_interests[path];
-    return interests.insert(interests.end(), {&connection, target});
+    InterestList& interests = m_interests[path];
+    return interests.insert(interests.end(), {&client, target});
 }
 
-void ServiceTable::removeInterest(const std::string& path, Interests::iterator interest)
+void ServiceTable::removeInterest(const std::string& path, InterestList::iterator interest)
 {
     const std::lock_guard lock(m_lock);
     const auto found = m_interests.find(path);

@@ -15,15 +15,16 @@
 
 namespace kesa::commadapter {
 
+class Interests;
 class ServerConnection;
 
-/// A connection that wants to know whether a path is provided.
+/// A client that wants to know whether a path is provided: one of its interests, by the number that it gave it.
 struct Interest {
-    ServerConnection* connection;
+    Interests* client;
     std::uint32_t target;
 };
 /// Of one path, in the order they came.
-using Interests = std::list<Interest>;
+using InterestList = std::list<Interest>;
 
 /// A service object under its path. Provided twice under one path in turn makes two of these.
 struct ProvidedService {
@@ -59,8 +60,8 @@ public:
     void abandon();
 
     // Called by the connections.
-    Interests::iterator addInterest(ServerConnection& connection, std::uint32_t target, const std::string& path);
-    void removeInterest(const std::string& path, Interests::iterator interest);
+    InterestList::iterator addInterest(Interests& client, std::uint32_t target, const std::string& path);
+    void removeInterest(const std::string& path, InterestList::iterator interest);
     /// Null while nobody provides the path. Any thread.
     std::shared_ptr<ProvidedService> find(const std::string& path) const;
     void remove(const std::shared_ptr<ServerConnection>& connection);
@@ -75,7 +76,7 @@ private:
     mutable std::mutex m_lock; ///< services come and go in any thread, the loop looks them up
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
-    std::unordered_map<std::string, Interests> m_interests;
+    std::unordered_map<std::string, InterestList> m_interests;
     std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came, loop only
 };
 

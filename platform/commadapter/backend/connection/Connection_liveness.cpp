@@ -1,0 +1,77 @@
+// The heartbeat: notices a peer that is there and does nothing. Who owes something is asked by a ping once nothing has
+// come from it for a heartbeat, and cut off if nothing comes after that either; so is who takes nothing of a queue that
+// is over its bound. Before anybody is judged, what has come is read. That a peer's process has ended is told by the
+// stream at once (`onPeerExited`); what a service asks about its client is in server/Liveness.
+
+#include "backend/connection/Connection.h"
+
+#include <utility>
+
+namespace kesa::commadapter {
+
+bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
+{
+    m_loop->onLoop(__func__);
+    if (!m_isOpen) {
+        return false;
+    }
+    Lock lock(m_lock);
+    if (hasSlept) {
+        m_machine->output.restartDeadlines(now);
+        progressed(now);
+        return true;
+    }
+    if (takesNothing(now)) {
+        lock.unlock();
+        cutOff(TAKES_NOTHING);
+        return false;
+    }
+    m_isFoundStuck = isStuck(now);
+    const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
+    if (m_machine->input.isHeld() && !isJudgedStuck) {
+        m_machine->output.restartDeadlines(now); // its sign of life may be among what is not read
+    }
+    if (now >= m_machine->output.nextDeadline()) {
+        lock.unlock();
+        readBatch(); // before a peer is judged silent
+        if (!m_isOpen) {
+            return false;
+        }
+        lock.lock();
+        std::string why;
+        if (m_machine->output.expired(now, why)) {
+            lock.unlock();
+            cutOff(std::move(why));
+            return false;
+        }
+    }
+    bool isLate = false;
+    const bool isOwed = isAnswerOwed(now, isLate);
+    const bool isSilent = now - m_machine->input.lastReceived() >= m_loop->settings().heartbeat;
+    if (isSilent && (isLate || isJudgedStuck)) {
+        m_machine->output.probe(now);
+        pushOut();
+    }
+    return isOwed || m_isBlocked || m_machine->output.nextDeadline() != comm::NEVER;
+}
+
+/// With the lock held. The stream is asked itself, in case that news of room are still on their way.
+bool Connection::takesNothing(comm::TimeNs now)
+{
+    if (m_isBeyondBound && isOverBound(0) && isStuck(now)) {
+        m_isBlocked = false;
+        write();
+        return isStuck(now);
+    }
+    return false;
+}
+
+/// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
+/// server does not read the requests of a client that takes no answers.
+bool Connection::isStuck(comm::TimeNs now) const
+{
+    const bool isClient = m_role == protocol::Role::eCLIENT;
+    return m_isBlocked && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
+}
+
+} // namespace kesa::commadapter

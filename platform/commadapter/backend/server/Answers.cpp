@@ -1,0 +1,393 @@
+// A request is handed to its service on the loop, with a response handler that leads back here by stream and serial:
+// the service may keep it as long as it likes and answer from any thread, one at a time. Whatever ends a stream on this
+// side (the service, the client's cancel, a withdrawal, a cut, the connection) frees its entry under the lock; what the
+// handler says afterwards finds another serial and is not accepted. Where it was not the service that ended it, the
+// service's `cancel` is called, on the loop and without the lock.
+//
+// A stream's number is the client's, and free again for it once this side has said `error` or `completed`, which it
+// says for a cancelled one too.
+//
+// A client that does not keep up with its calls waits: their answers are queued whatever there is, and beyond the bound
+// no further request is read, see Connection.cpp. For persistent streams, see `QueuePolicy`. What has to end is ended
+// by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
+// heartbeat.
+
+#include "backend/server/Answers.h"
+
+#include "backend/connection/channel.h"
+#include "backend/connection/timeLimit.h"
+#include "backend/server/ServerConnection.h"
+
+#include <kesa/IResponseHandler.h>
+#include <kesa/RequestContext.h>
+#include <kesa/headers.h>
+
+#include <fmt/format.h>
+
+#include <optional>
+#include <string>
+#include <utility>
+
+namespace kesa::commadapter {
+
+namespace {
+
+/// What a service answers through.
+class ResponseSender final : public IResponseHandler<Response> {
+public:
+    ResponseSender(std::shared_ptr<Answers> answers, std::uint32_t stream, std::uint64_t serial)
+        : m_answers(std::move(answers)), m_stream(stream), m_serial(serial)
+    {}
+    ~ResponseSender() override
+    {
+        if (m_answers) {
+            const auto error = Response::createErrorResponse(503, "the service dropped the request");
+            m_answers->finish(m_stream, m_serial, &error);
+        }
+    }
+    ResponseSender(const ResponseSender&) = delete;
+    ResponseSender& operator=(const ResponseSender&) = delete;
+
+    bool onNext(const Response& response) override
+    {
+        return !m_answers || m_answers->next(m_stream, m_serial, response);
+    }
+    void onError(const Response& error) override { finish(&error); }
+    void onCompleted() override { finish(nullptr); }
+
+private:
+    void finish(const Response* error)
+    {
+        if (const auto answers = std::exchange(m_answers, nullptr)) {
+            answers->finish(m_stream, m_serial, error);
+        }
+    }
+
+    std::shared_ptr<Answers> m_answers; ///< null after the end
+    const std::uint32_t m_stream;
+    const std::uint64_t m_serial;
+};
+
+/// Apart from the response handler, which the service may destroy while it is given the request.
+class StreamControl final : public IStreamControl {
+public:
+    StreamControl(Answers& answers, std::uint32_t stream, std::uint64_t serial)
+        : m_answers(answers), m_stream(stream), m_serial(serial)
+    {}
+    void setQueuePolicy(QueuePolicy policy) override { m_answers.setPolicy(m_stream, m_serial, policy); }
+
+private:
+    Answers& m_answers;
+    const std::uint32_t m_stream;
+    const std::uint64_t m_serial;
+};
+
+} // namespace
+
+// ---- requests ------------------------------------------------------------------------------------------------------
+
+void Answers::serve(std::uint32_t number, Target* target, const Request& request, bool isPersistent)
+{
+    const auto service = target != nullptr ? target->service : nullptr;
+    auto lock = m_connection.lock();
+    if (!m_connection.isOpen()) {
+        return;
+    }
+    Stream* const stream = m_streams.take(number);
+    if (stream == nullptr) {
+        lock.unlock();
+        m_connection.cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
+        return;
+    }
+    if (!service) {
+        m_streams.release(number);
+        m_connection.output().error(number, Response::createErrorResponse(503, "the service is not provided"));
+        m_connection.pushOut();
+        return;
+    }
+    stream->serial = ++m_lastSerial;
+    stream->sameTarget = &target->open;
+    stream->service = service;
+    stream->isPersistent = isPersistent;
+    m_streams.append(target->open, number);
+    const std::uint64_t serial = stream->serial;
+    lock.unlock();
+    callService(number, serial, service, request);
+}
+
+void Answers::callService(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
+                          const Request& request)
+{
+    comm::TimeNs timeLimit = comm::NEVER;
+    if (readTimeLimit(request.getHeader(headers::TIMEOUT), timeLimit)) {
+        const auto error = Response::createErrorResponse(400, BAD_TIME_LIMIT);
+        finish(number, serial, &error);
+        return;
+    }
+    std::optional<comm::TimeNs> deadline;
+    if (timeLimit != comm::NEVER) {
+        deadline = deadlineOf(m_connection.lastReceived(), timeLimit);
+    }
+    std::unique_ptr<IResponseHandler<Response>> handler =
+        std::make_unique<ResponseSender>(m_connection.share(*this), number, serial);
+    StreamControl control(*this, number, serial);
+    RequestContext& context = m_connection.context();
+    context.stream = &control;
+    void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
+    {
+        // A caller in this process is nobody else: it has no context.
+        const RequestContext::Scope scope(m_connection.isLocal() ? nullptr : &context, deadline);
+        m_connection.loop().callOut([&] { handle = service->service->request(request, std::move(handler)); },
+                                    [&] {
+                                        return "the request '" + request.getCommand() + ' ' + request.getPath() +
+                                               "' of the service '" + service->path + "'";
+                                    });
+    }
+    context.stream = nullptr;
+    const auto lock = m_connection.lock();
+    if (Stream* const stream = find(number, serial)) {
+        stream->handle = handle;
+    }
+}
+
+// ---- answers -------------------------------------------------------------------------------------------------------
+
+Answers::Stream* Answers::find(std::uint32_t number, std::uint64_t serial)
+{
+    Stream* const stream = m_streams.find(number);
+    return m_connection.isOpen() && stream != nullptr && stream->serial == serial ? stream : nullptr;
+}
+
+bool Answers::next(std::uint32_t number, std::uint64_t serial, const Response& response)
+{
+    const auto lock = m_connection.lock();
+    Stream* const stream = find(number, serial);
+    if (stream == nullptr || stream->isCut || m_connection.isBroken()) {
+        return true;
+    }
+    const std::size_t size = response.getPayload().size();
+    if (stream->hasLatest) {
+        if (const auto sent = m_connection.output().tryNext(response); sent != protocol::Sent::eQUEUED) {
+            refuseValue(number, *stream, sent);
+            return true;
+        }
+        stream->latest->response = response;
+        return false;
+    }
+    if (isTooMuch(number, *stream, size)) {
+        if (stream->policy == QueuePolicy::eKEEP_LATEST) {
+            if (const auto sent = m_connection.output().tryNext(response); sent != protocol::Sent::eQUEUED) {
+                refuseValue(number, *stream, sent);
+                return true;
+            }
+            stream->hasLatest = true;
+            stream->latest = m_latest.insert(m_latest.end(), {number, response});
+            return false;
+        }
+        if (isRefused(number, *stream, size)) {
+            return true;
+        }
+    }
+    const auto sent = m_connection.output().next(number, response, stream->isPersistent);
+    if (sent != protocol::Sent::eQUEUED) {
+        refuseValue(number, *stream, sent);
+        return true;
+    }
+    m_connection.pushOut(ServerConnection::Haste::eMAY_GATHER);
+    return false;
+}
+
+void Answers::finish(std::uint32_t number, std::uint64_t serial, const Response* error)
+{
+    const auto lock = m_connection.lock();
+    Stream* const stream = find(number, serial);
+    if (stream == nullptr) {
+        return;
+    }
+    if (stream->isCut) { // ends with the loop's word
+        stream->isFinished = true;
+        return;
+    }
+    queueLatest(number, *stream);
+    if (error != nullptr) {
+        m_connection.output().error(number, *error);
+    } else {
+        m_connection.output().completed(number);
+    }
+    release(number);
+    m_connection.pushOut();
+}
+
+void Answers::setPolicy(std::uint32_t number, std::uint64_t serial, QueuePolicy policy)
+{
+    const auto lock = m_connection.lock();
+    if (Stream* const stream = find(number, serial)) {
+        stream->policy = policy;
+    }
+}
+
+/// The value that waits, before the stream's end.
+void Answers::queueLatest(std::uint32_t number, Stream& stream)
+{
+    if (std::exchange(stream.hasLatest, false)) {
+        // It was tried before.
+        static_cast<void>(m_connection.output().next(number, stream.latest->response, stream.isPersistent));
+        m_latest.erase(stream.latest);
+    }
+}
+
+void Answers::release(std::uint32_t number)
+{
+    Stream& stream = *m_streams.find(number);
+    if (stream.hasLatest) {
+        m_latest.erase(stream.latest);
+    }
+    m_streams.remove(*stream.sameTarget, number);
+    m_streams.release(number);
+}
+
+void Answers::addFacts(ConnectionFacts& facts, std::size_t& looks) const
+{
+    facts.cutStreams = m_cuts;
+    addOpenRequests(facts, m_streams, looks);
+}
+
+// ---- clients that are too slow -------------------------------------------------------------------------------------
+
+/// Whether the stream's policy decides. Of a call only a value that would wait behind another of the same call is
+/// judged, by all that calls have queued here: reading no further bounds how many calls there are, not what each says.
+bool Answers::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
+{
+    if (stream.isPersistent) {
+        return m_connection.isOverBound(size) || m_connection.isProcessOverBound(size);
+    }
+    const CommSettings& settings = m_connection.loop().settings();
+    const bool isProcessOver = m_connection.loop().queued().all > settings.processQueueBytes;
+    const std::size_t bound = isProcessOver ? settings.sendQueueBytes : settings.processQueueBytes;
+    return m_connection.output().queuedBytes() > bound + m_connection.output().persistentBytes() &&
+           m_connection.output().queuedBytes(number) > 0;
+}
+
+/// Over the bound: whether the value is not to be queued. What else follows is left to the loop.
+bool Answers::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
+{
+    if (stream.policy == QueuePolicy::eCUT_STREAM) {
+        Response error = tooSlow(stream, size);
+        m_connection.output().dropQueued(number);
+        postCut(number, stream, std::move(error));
+        return true;
+    }
+    if (stream.isPersistent && !m_connection.isProcessOverBound(size)) {
+        m_connection.queueBeyondBound();
+        return false;
+    }
+    stream.isCut = true;
+    m_connection.loop().post(
+        [self = m_connection.share(*this)] { self->m_connection.cutOff(ServerConnection::TAKES_NOTHING); });
+    return true;
+}
+
+/// Tells both sides whose it was, how much waits, and what may. One line in a second: who has many streams loses many,
+/// and who follows one loses it again and again.
+Response Answers::tooSlow(const Stream& stream, std::size_t size)
+{
+    const CommSettings& settings = m_connection.loop().settings();
+    const bool isOwnBound = stream.isPersistent ? m_connection.isOverBound(size)
+                                                : m_connection.loop().queued().all > settings.processQueueBytes;
+    const bool isOfAll = stream.isPersistent && !isOwnBound;
+    const std::size_t ofConnection =
+        stream.isPersistent ? m_connection.output().persistentBytes()
+                            : m_connection.output().queuedBytes() - m_connection.output().persistentBytes();
+    const std::string why = fmt::format(
+        "the client '{}' takes values more slowly than they come: {} bytes wait for it{}, with the next {} more than "
+        "{}",
+        m_connection.peerName(), isOfAll ? m_connection.loop().queued().persistent : ofConnection,
+        isOfAll ? " and others" : "", size,
+        isOwnBound ? fmt::format("the provider's \"comm\", \"send_queue_bytes\" of {}", settings.sendQueueBytes)
+                   : fmt::format("the {} that the provider keeps for all", settings.processQueueBytes));
+    ++m_cuts;
+    if (const auto end = m_cutTraces.pass(comm::now())) {
+        KESA_TRACE(CHANNEL, 3, "[answer] '%s': a stream is cut: %s%s", stream.service->path.c_str(), why.c_str(),
+                   end->c_str());
+    }
+    Response error = Response::createErrorResponse(503, "too slow");
+    headers::appendReason(error, why);
+    return error;
+}
+
+/// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
+void Answers::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why)
+{
+    const bool isTooLarge = why == protocol::Sent::eTOO_LARGE;
+    KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer is not sent: it %s", stream.service->path.c_str(),
+               m_connection.output().refusal().c_str());
+    postCut(number, stream,
+            Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + m_connection.output().refusal()));
+}
+
+void Answers::postCut(std::uint32_t number, Stream& stream, Response error)
+{
+    stream.isCut = true;
+    m_connection.loop().post([self = m_connection.share(*this), number, serial = stream.serial,
+                              error = std::move(error)] { self->cut(number, serial, error); });
+}
+
+void Answers::cut(std::uint32_t number, std::uint64_t serial, const Response& error)
+{
+    auto lock = m_connection.lock();
+    if (find(number, serial) != nullptr) {
+        lock.unlock();
+        cancelAtService(number, error);
+    }
+}
+
+// ---- ends ----------------------------------------------------------------------------------------------------------
+
+void Answers::cancel(std::uint32_t number)
+{
+    auto lock = m_connection.lock();
+    if (m_streams.find(number) == nullptr) {
+        return; // it has ended meanwhile
+    }
+    m_connection.output().dropQueued(number);
+    lock.unlock();
+    cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
+}
+
+void Answers::cancelAll(StreamList& requests, const char* text)
+{
+    auto lock = m_connection.lock();
+    while (requests.first != 0) {
+        const std::uint32_t number = requests.first;
+        lock.unlock();
+        cancelAtService(number, Response::createErrorResponse(503, text));
+        lock.lock();
+    }
+}
+
+/// Ends a stream and tells its service, unless that has done with it.
+void Answers::cancelAtService(std::uint32_t number, const Response& error)
+{
+    auto lock = m_connection.lock();
+    Stream* const stream = m_streams.find(number);
+    if (stream == nullptr) {
+        return;
+    }
+    const auto service = stream->service;
+    void* const handle = stream->isFinished ? IKesaApi::UNDEFINED_REQUEST_HANDLE : stream->handle;
+    if (m_connection.isOpen()) {
+        queueLatest(number, *stream);
+        m_connection.output().error(number, error);
+        release(number);
+        m_connection.pushOut();
+    } else {
+        release(number);
+    }
+    lock.unlock();
+    if (handle != IKesaApi::UNDEFINED_REQUEST_HANDLE && !service->isWithdrawn) {
+        m_connection.loop().callOut([&] { service->service->cancel(handle); },
+                                    [&] { return "the cancel of a request of the service '" + service->path + "'"; });
+    }
+}
+
+} // namespace kesa::commadapter

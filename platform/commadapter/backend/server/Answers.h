@@ -1,0 +1,100 @@
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_ANSWERS_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_ANSWERS_H
+
+#include "backend/connection/ConnectionFacts.h"
+#include "backend/connection/StreamTable.h"
+#include "backend/server/Interests.h"
+#include "protocol/Output.h"
+
+#include <comm/OncePerSecond.h>
+#include <kesa/IKesaApi.h>
+#include <kesa/IStreamControl.h>
+#include <kesa/Request.h>
+#include <kesa/Response.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+
+namespace kesa::commadapter {
+
+class ServerConnection;
+
+/// The open requests of one client, and what its services answer to them. See the head of Answers.cpp.
+class Answers {
+public:
+    explicit Answers(ServerConnection& connection) : m_connection(connection) {}
+
+    // Loop only.
+    /// A request has come: hands it to the service of `target`, if the client has one and somebody provides it.
+    void serve(std::uint32_t stream, Target* target, const Request& request, bool isPersistent);
+    /// The client has cancelled.
+    void cancel(std::uint32_t stream);
+    /// Ends all requests of a target's with a 503.
+    void cancelAll(StreamList& requests, const char* text);
+
+    // Any thread; called by the response handlers and stream controls. A `serial` that is not the stream's present one
+    // is of a stream that has ended.
+    /// True when the value was not accepted.
+    bool next(std::uint32_t stream, std::uint64_t serial, const Response& response);
+    /// `error` null: completed.
+    void finish(std::uint32_t stream, std::uint64_t serial, const Response* error);
+    void setPolicy(std::uint32_t stream, std::uint64_t serial, QueuePolicy policy);
+
+    // With the connection's lock held.
+    /// The queue is empty: queues the values that wait in place of others.
+    void queueAllLatest()
+    {
+        while (!m_latest.empty()) {
+            const std::uint32_t number = m_latest.front().stream;
+            queueLatest(number, *m_streams.find(number));
+        }
+    }
+    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
+    void addFacts(ConnectionFacts& facts, std::size_t& looks) const;
+
+private:
+    struct Latest {
+        std::uint32_t stream;
+        Response response;
+    };
+    struct Stream : StreamEntry {
+        std::uint64_t serial = 0;
+        StreamList* sameTarget = nullptr;
+        bool isPersistent = false;
+        bool hasLatest = false;  ///< a value waits at `latest`
+        bool isCut = false;      ///< refused a value; the loop is going to end it
+        bool isFinished = false; ///< by the service, after that: it hears of no cancel
+        QueuePolicy policy = QueuePolicy::eCUT_STREAM;
+        std::list<Latest>::iterator latest;                ///< in `m_latest`
+        void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
+        std::shared_ptr<ProvidedService> service;
+    };
+
+    void callService(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
+                     const Request& request);
+    void cancelAtService(std::uint32_t number, const Response& error);
+    void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
+    // With the connection's lock held.
+    Stream* find(std::uint32_t number, std::uint64_t serial);
+    bool isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size);
+    bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
+    Response tooSlow(const Stream& stream, std::size_t size);
+    void refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why);
+    void postCut(std::uint32_t number, Stream& stream, Response error);
+    void queueLatest(std::uint32_t number, Stream& stream);
+    void release(std::uint32_t number);
+
+    ServerConnection& m_connection;
+    // With the connection's lock held.
+    StreamTable<Stream> m_streams;
+    std::uint64_t m_lastSerial = 0;
+    std::list<Latest> m_latest; ///< in order of arrival; one for each stream at most
+    std::size_t m_cuts = 0;     ///< streams whose client was too slow
+    comm::OncePerSecond m_cutTraces;
+};
+
+} // namespace kesa::commadapter
+
+#endif

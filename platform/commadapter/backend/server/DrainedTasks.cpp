@@ -1,0 +1,52 @@
+#include "backend/server/DrainedTasks.h"
+
+#include "backend/server/ServerConnection.h"
+
+#include <utility>
+
+namespace kesa::commadapter {
+
+void DrainedTasks::add(std::function<void()> task)
+{
+    const auto lock = m_connection.lock();
+    if (m_connection.isOpen()) {
+        m_tasks.push_back(std::move(task));
+        look();
+    }
+}
+
+void DrainedTasks::end()
+{
+    std::deque<std::function<void()>> dropped; // without the lock
+    const auto lock = m_connection.lock();
+    std::swap(dropped, m_tasks);
+}
+
+/// With the lock held.
+void DrainedTasks::post()
+{
+    if (m_connection.output().queuedBytes() == 0 && !std::exchange(m_isPosted, true)) {
+        m_connection.loop().post([self = m_connection.share(*this)] { self->runNext(); });
+    }
+}
+
+/// Runs one task. What it writes has to leave before the next one's turn.
+void DrainedTasks::runNext()
+{
+    auto lock = m_connection.lock();
+    m_isPosted = false;
+    if (!m_connection.isOpen() || m_tasks.empty() || m_connection.output().queuedBytes() > 0) {
+        return;
+    }
+    auto task = std::move(m_tasks.front());
+    m_tasks.pop_front();
+    lock.unlock();
+    task();
+    task = nullptr;
+    lock.lock();
+    if (m_connection.isOpen()) {
+        look();
+    }
+}
+
+} // namespace kesa::commadapter

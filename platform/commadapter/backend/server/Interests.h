@@ -1,0 +1,54 @@
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_INTERESTS_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_INTERESTS_H
+
+#include "backend/connection/StreamTable.h"
+#include "backend/server/ServiceTable.h"
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <unordered_map>
+
+namespace kesa::commadapter {
+
+class ServerConnection;
+
+/// A path that a client is interested in, under the number which the client has given it.
+struct Target {
+    std::string path;
+    InterestList::iterator interest;
+    std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
+    StreamList open;                          ///< of `Answers`: the requests to it. With the connection's lock held
+};
+
+/// The paths that one client is interested in: it is told when each is provided and when no more. Loop only.
+class Interests {
+public:
+    Interests(ServerConnection& connection, ServiceTable& services) : m_connection(connection), m_services(services) {}
+
+    void attach(std::uint32_t target, std::string path);
+    /// Cancels the requests to it, too.
+    void detach(std::uint32_t target);
+    /// The connection has ended: forgets all, and cancels the requests.
+    void end();
+    /// Null for a number that the client has given nothing. A target outlives its open requests.
+    Target* find(std::uint32_t target)
+    {
+        const auto found = m_targets.find(target);
+        return found != m_targets.end() ? &found->second : nullptr;
+    }
+
+    // Called by the table.
+    void provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service);
+    /// Ends the requests of `target` and tells the client.
+    void withdrawn(std::uint32_t target, const ProvidedService& service);
+
+private:
+    ServerConnection& m_connection;
+    ServiceTable& m_services;
+    std::unordered_map<std::uint32_t, Target> m_targets;
+};
+
+} // namespace kesa::commadapter
+
+#endif
