@@ -6,6 +6,7 @@
 
 #include "Interruption.h"
 
+#include <comm/Clock.h>
 #include <comm/Scheduler.h>
 #include <obr/GlobalErrorHandler.h>
 #include <obr/explainError.h>
@@ -28,6 +29,7 @@ namespace kesa::detail {
 namespace {
 
 constexpr comm::TimeNs SAME_SIGNAL = 100 * comm::MILLISECOND;
+constexpr comm::TimeNs LONGEST_START = 500 * comm::MILLISECOND; ///< of all threads that are being started
 
 sigset_t endSignals()
 {
@@ -76,12 +78,12 @@ ThreadStatus readStatus(const std::filesystem::path& thread)
     return result;
 }
 
-/// What it blocks for good: looked at again, for a second or so at most, until it has started or is gone.
-ThreadStatus settledStatus(const std::filesystem::path& thread)
+/// What it blocks for good: looked at again until it has started or is gone. One that has not by the deadline is of
+/// those that block everything as long as they live, such as one of the kernel's.
+ThreadStatus settledStatus(const std::filesystem::path& thread, comm::TimeNs deadline)
 {
-    constexpr int LOOKS = 50'000;
     ThreadStatus result = readStatus(thread);
-    for (int look = 1; look < LOOKS && result.isChanging(); ++look) {
+    while (result.isChanging() && comm::now() < deadline) {
         ::sched_yield();
         result = readStatus(thread);
     }
@@ -93,8 +95,9 @@ void warnOfThreadsThatTake()
 {
     std::string all;
     std::error_code unreadable;
+    const comm::TimeNs deadline = comm::now() + LONGEST_START;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", unreadable)) {
-        const ThreadStatus status = settledStatus(thread.path());
+        const ThreadStatus status = settledStatus(thread.path(), deadline);
         if (status.isThere && !(status.blocks(SIGINT) && status.blocks(SIGTERM))) {
             all += fmt::format("{}'{}' ({})", all.empty() ? "" : ", ", status.name, thread.path().filename().native());
         }

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdint>
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -22,7 +21,8 @@ namespace {
 std::string fieldsAfterName(pid_t pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    const std::string line{std::istreambuf_iterator<char>(in), {}};
+    std::string line;
+    std::getline(in, line, '\0'); // which fails where the process ends meanwhile; iterators of the buffer would throw
     const std::size_t name = line.rfind(')');
     return name == std::string::npos ? std::string() : line.substr(name + 1);
 }

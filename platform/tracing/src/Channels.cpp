@@ -80,13 +80,25 @@ std::string_view trimmed(std::string_view text)
     return false;
 }
 
+template <std::size_t INDEX>
+std::mutex& outputLock()
+{
+    return outputLocks()[INDEX];
+}
+
+template <std::size_t... INDICES>
+void holdOutputLocksAcrossFork(std::index_sequence<INDICES...>)
+{
+    (obr::holdAcrossFork<outputLock<INDICES>>(), ...);
+}
+
 } // namespace
 
 Channels& Channels::instance()
 {
     static Channels* const channels = [] {
         obr::GlobalErrorHandler::atFatal([] { Channels::instance().flush(); });
-        obr::holdAcrossFork<outputLock>();
+        holdOutputLocksAcrossFork(std::make_index_sequence<OUTPUT_LOCKS>());
         obr::holdAcrossFork<lock>();
         std::atexit([] { Channels::instance().flush(); });
         return new Channels;

@@ -70,6 +70,7 @@ void LineOutput::write(std::string_view line) noexcept
     const Kind what = kind();
     if (!tellLost(what) || !writeWhole(what, line)) {
         ++m_lostLines;
+        m_loser = ::getpid();
     }
 }
 
@@ -82,7 +83,8 @@ void LineOutput::flush() noexcept
 /// False when that would not be read.
 bool LineOutput::tellLost(Kind kind) noexcept
 {
-    if (m_lostLines == 0) {
+    if (m_lostLines == 0 || m_loser != ::getpid()) {
+        m_lostLines = 0;
         return true;
     }
     char text[96];

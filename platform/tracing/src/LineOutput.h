@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string_view>
+#include <sys/types.h>
 
 namespace tracing {
 
@@ -39,6 +40,7 @@ private:
     bool m_isClogged = false; // the reader did not keep up: do not wait for it again
     bool m_isCut = false;     // the last line was written in part
     std::uint64_t m_lostLines = 0;
+    pid_t m_loser = 0; ///< the process that has lost them: a child does not tell of its parent's
 };
 
 } // namespace tracing

@@ -5,6 +5,8 @@
 #include <obr/explainError.h>
 
 #include <algorithm>
+#include <array>
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
@@ -109,6 +111,12 @@ std::string escapeControls(std::string_view text)
     return result;
 }
 
+std::mutex& nextOutputLock()
+{
+    static std::atomic<std::size_t> made{0}; // counts only
+    return outputLocks()[made.fetch_add(1, std::memory_order_relaxed) % OUTPUT_LOCKS];
+}
+
 class DescriptorSink final : public ISink {
 public:
     DescriptorSink(int descriptor, LineOutput::Ownership ownership, bool isJournal)
@@ -128,7 +136,7 @@ public:
     void flush() override
     {
         // Whoever ends the process may have been interrupted while it wrote.
-        if (const std::unique_lock lock(outputLock(), std::try_to_lock); lock.owns_lock()) {
+        if (const std::unique_lock lock(m_lock, std::try_to_lock); lock.owns_lock()) {
             m_output.flush();
         }
     }
@@ -138,7 +146,7 @@ private:
 
     void writePrintable(const Line& line)
     {
-        const std::lock_guard lock(outputLock()); // the times of lines go up
+        const std::lock_guard lock(m_lock); // the times of lines go up
         m_line.clear();
         const auto end = std::back_inserter(m_line);
         if (m_isJournal) {
@@ -164,17 +172,21 @@ private:
         const auto second = floor<seconds>(now);
         const std::time_t time = system_clock::to_time_t(second);
         if (std::exchange(m_time, time) != time) {
-            std::tm utc{};
-            ::gmtime_r(&time, &utc);
-            m_timeText = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", utc.tm_year + 1900, utc.tm_mon + 1,
-                                     utc.tm_mday, utc.tm_hour, utc.tm_min, utc.tm_sec);
+            // Not by the C library, whose lock a child may find taken for ever.
+            const auto day = floor<days>(second);
+            const year_month_day date(day);
+            const hh_mm_ss clock(second - day);
+            m_timeText = fmt::format("{:04}-{:02}-{:02}T{:02}:{:02}:{:02}", static_cast<int>(date.year()),
+                                     static_cast<unsigned>(date.month()), static_cast<unsigned>(date.day()),
+                                     clock.hours().count(), clock.minutes().count(), clock.seconds().count());
         }
         fmt::format_to(std::back_inserter(m_line), "{}.{:06}Z", m_timeText, (now - second).count());
     }
 
     const bool m_isJournal;
+    std::mutex& m_lock = nextOutputLock();
 
-    // Under the output lock.
+    // Under `m_lock`.
     LineOutput m_output;
     fmt::memory_buffer m_line;
     std::time_t m_time = 0; ///< of `m_timeText`
@@ -194,10 +206,10 @@ bool isStderrJournal()
 
 } // namespace
 
-std::mutex& outputLock()
+std::array<std::mutex, OUTPUT_LOCKS>& outputLocks()
 {
-    static std::mutex& instance = *new std::mutex;
-    return instance;
+    static auto& locks = *new std::array<std::mutex, OUTPUT_LOCKS>;
+    return locks;
 }
 
 std::shared_ptr<ISink> openSink(const std::string& description, std::string& reason)

@@ -9,7 +9,8 @@ namespace obr {
 
 /// From now on the lock that `LOCK` returns is held while the process forks, so that a child finds it free, and whole
 /// what it guards. For locks that are never destroyed, once for each: of two that are taken one inside the other, the
-/// inner one first. Nothing that runs with the lock held may fork, or call what a user has given us.
+/// inner one first. Nothing that runs with the lock held may fork, or call what a user has given us. Nor may a handler
+/// of a signal fork, which POSIX does not promise either: the thread it has interrupted may hold the lock.
 template <auto LOCK>
 void holdAcrossFork()
 {
