@@ -4,6 +4,7 @@
 #include "Failure.h"
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
+#include "explainUnreachable.h"
 
 #include <comm/Clock.h>
 #include <util/config/Value.h>
@@ -27,6 +28,7 @@ struct ProcessReport {
     std::string note;
     comm::TimeNs after = 0; ///< from the question to the answer
     std::string advice;     ///< the same in a sentence, with what to do; begins with the process
+    Unreached silence{};    ///< of one that takes connections and says nothing; else empty
     ExitCode exitCode = ExitCode::eOK;
     bool isSilent = false; ///< it provides nothing, so that `answer` is what others have said of it
 

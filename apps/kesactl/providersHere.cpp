@@ -85,7 +85,9 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
         }
         addNameless(found.nameless, report, names);
         if (!only.empty()) {
-            found.unseen.text = report.advice;
+            const Unreached& silence = report.silence;
+            found.unseen =
+                silence.cause.empty() ? Unseen{report.advice, {}} : Unseen{silence.text, silence.advice, true};
         }
     }
     return found;

@@ -31,8 +31,9 @@ struct HeldProcess {
 
 /// Why a process cannot be looked into.
 struct Unseen {
-    std::string text;   ///< empty: it has answered
-    std::string advice; ///< may be empty
+    std::string text;      ///< empty: it has answered
+    std::string advice;    ///< may be empty
+    bool isSilent = false; ///< it takes connections and says nothing, so its I/O loop is held
 };
 
 /// What the processes of the chosen run directory say of themselves, whatever any registry knows.

@@ -216,8 +216,12 @@ Verdict Search::judge(const kesa::url& registry) const
         const ProcessesHere here = processesHere(m_arguments.process);
         if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
+        } else if (here.unseen.isSilent) {
+            ofProcess = {
+                "silent", m_arguments.process + " does not see it: " + here.unseen.text, here.unseen.advice, {}};
+        } else {
+            addUnseen(ofProcess, m_arguments.process, here.unseen);
         }
-        addUnseen(ofProcess, m_arguments.process, here.unseen);
         ofProcess.notes.push_back(verdict.text);
         verdict = std::move(ofProcess);
     }

@@ -1,7 +1,7 @@
 // media: the process "media" of the sessions. "/media/player" answers "/" with a title and its follower with three
 // values, echoes an update of "/volume", says at "/limit" whether the request has a time limit, at "/room" its header
-// "room", never answers "/hang", begins a stream at "/feed" and never goes on with it, has answers that are hard to
-// show, and refuses the rest.
+// "room", never answers "/hang", holds its I/O loop at "/stand", begins a stream at "/feed" and never goes on with it,
+// has answers that are hard to show, and refuses the rest.
 // "/media/radio" is the same, and registered before it; its description has what a terminal obeys, and as its resources
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
 // both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
@@ -92,6 +92,7 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
     const auto echo = [](const Request& request) { return request.getPayload(); };
     player->onUpdate("/volume", echo, kesa::about("louder\x1b[31m, or not").body(R"({"type":"object"})"));
     player->onDelete("/volume", [](const Request&) {});
+    player->onRetrieve("/stand", [](const Request&) { ::pause(); });
     player->onRetrieve("/tracks/{number}", [](const Request&, const kesa::PathParameters& parameters) {
         return json(std::string(parameters["number"]));
     });
