@@ -4,6 +4,7 @@
 #include "commands.h"
 #include "doctor.h"
 #include "output.h"
+#include "raiseDescriptorLimit.h"
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
@@ -120,6 +121,7 @@ int main(int argc, char** argv)
         tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says
     }
     try {
+        kesactl::raiseDescriptorLimit();
         return run(argc, argv);
     } catch (const Failure& failure) {
         kesactl::printFailure(failure, isJsonWanted(argc, argv));
