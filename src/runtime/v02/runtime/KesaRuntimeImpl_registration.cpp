@@ -6,6 +6,7 @@
 #include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
+#include <runtime/v02/runtime/Reasons.h>
 #include <runtime/v02/runtime/identity.h>
 
 #include <fmt/format.h>
@@ -69,13 +70,19 @@ std::string withoutRealm(const url& locator)
     return text;
 }
 
-std::string howToFindWithoutRegistry(const ServiceDef& service, const std::string& source)
+std::string howToFindWithoutRegistry(const ServiceDef& service, const KesaConfig& config)
 {
-    return fmt::format(
-        "[registerService] no other process finds '{0}' by its path, since {1} has no \"use_registry\": true: add "
-        R"({{"path": "{0}", "type": "{2}", "locators": ["{3}"]}} to "services" in the documents of those who use it)",
-        service.path.toString(), source, ServiceDef::enumToValue(service.type).value_or(""),
-        service.locators.empty() ? "" : withoutRealm(service.locators.front()));
+    const std::string path = service.path.toString();
+    const std::string told = fmt::format("[registerService] no other process finds '{}' by its path, since {}: ", path,
+                                         Reasons::whyNoRegistry(config));
+    if (!config.m_valid) {
+        return told + "'kesactl check-config' says why";
+    }
+    return told +
+           fmt::format(R"(add {{"path": "{}", "type": "{}", "locators": ["{}"]}} to "services" in the documents )"
+                       "of those who use it",
+                       path, ServiceDef::enumToValue(service.type).value_or(""),
+                       service.locators.empty() ? "" : withoutRealm(service.locators.front()));
 }
 
 /// Of a record of another process.
@@ -229,7 +236,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
                "statically configured",
                path.c_str());
     if (!isRuntimeInRegistry) {
-        KESA_TRACE_TEXT(MAIN_CHANNEL, 3, howToFindWithoutRegistry(*entry.optionalServiceDef, m_config.source()));
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3, howToFindWithoutRegistry(*entry.optionalServiceDef, m_config));
     }
     eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
 }

@@ -24,19 +24,21 @@ namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
 {
-    constexpr const char* SO = "and so sees its own services only; 'kesactl check-config'";
-    const bool isFile = !config.m_file.empty();
-    return config.m_valid
-               ? fmt::format(
-                     "this process asks no registry, since {} has no \"use_registry\": true, {} shows what counts",
-                     isFile ? config.m_file : "its built-in configuration", SO)
-               : fmt::format("this process asks no registry, since {}, {} says more",
-                             isFile ? config.m_file + " is not valid"
-                                    : "it has no configuration file, and no valid text in place of one",
-                             SO);
+    return fmt::format("this process asks no registry, since {}, and so sees its own services only; 'kesactl "
+                       "check-config' {}",
+                       Reasons::whyNoRegistry(config), config.m_valid ? "shows what counts" : "says more");
 }
 
 } // namespace
+
+std::string Reasons::whyNoRegistry(const KesaConfig& config)
+{
+    const bool isFile = !config.m_file.empty();
+    if (config.m_valid) {
+        return (isFile ? config.m_file : "its built-in configuration") + " has no \"use_registry\": true";
+    }
+    return isFile ? config.m_file + " is not valid" : "it has no configuration file, and no valid text in place of one";
+}
 
 Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds)
     : m_proxies(std::move(proxies)), m_holds(std::move(holds)), m_withoutAsking(withoutRegistry(config))

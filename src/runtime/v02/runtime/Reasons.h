@@ -22,6 +22,9 @@ public:
     /// `holds`: of the loops over which this process hears of services, but for those of backends.
     Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds);
 
+    /// "/etc/kesa.json is not valid": of a process that asks none by its configuration.
+    static std::string whyNoRegistry(const KesaConfig& config);
+
     /// Of the backends, when they have started.
     void setBackendHolds(Holds holds);
 

@@ -81,6 +81,13 @@ TEST_F(RegistrationTest, theRecordSaysWhoProvidesWhatAndHow)
         EXPECT_THAT(record.versions, IsEmpty());
         none.dispose();
     }
+    external.dispose();
+    m_runtime = startRuntime(R"({"use_registry": true, "services": 5})");
+    EXPECT_THAT(
+        traced(3, [&] { external = registered("/b", {}); }),
+        Contains(HasSubstr("no other process finds '/b' by its path, since it has no configuration file, and no "
+                           "valid text in place of one: 'kesactl check-config' says why")))
+        << "not that it lacks what it has";
 }
 
 TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
