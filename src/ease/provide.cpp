@@ -7,7 +7,7 @@
 #include "registryClient.h"
 #include "waiting.h"
 
-#include <comm/endThrown.h>
+#include <comm/ICallWatch.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/handler.h>
@@ -254,11 +254,10 @@ private:
     /// Who calls it knows the registry's path alone.
     static void tellKnown(util::UniqueFunction<void()>& handler, const std::string& path)
     {
-        try {
+        if (comm::ICallWatch* const watch = comm::ICallWatch::current()) {
+            watch->tellInside("whenKnown", path, [&handler] { handler(); });
+        } else {
             handler();
-        } catch (...) {
-            static const ::tracing::Channel channel("KESA_EASE");
-            comm::endThrown(channel, "the handler of whenKnown for '" + path + '\'');
         }
     }
 

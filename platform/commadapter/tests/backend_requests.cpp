@@ -3,6 +3,7 @@
 
 #include "backend_support.h"
 
+#include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
 #include <kesa/RequestContext.h>
 
@@ -85,6 +86,10 @@ TEST_P(BackendRequests, WhatHoldsTheLoopIsNamed)
     echoTakes = 0;
     client->request(retrieve("/echo"))->onValue = [&] { work(70); };
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("the handler of an answer of '/service' took 70 ms")));
+    client->request(retrieve("/echo"))->onValue = [&] {
+        comm::ICallWatch::current()->tellInside("whenKnown", "/a", [&] { work(75); });
+    };
+    EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("[loop] the handler of whenKnown for '/a' took 75 ms")));
     client->onChange = [&] { work(80); };
     withdraw();
     EXPECT_THAT(linesOf(0), ElementsAre(HasSubstr("what has been told that '/service' comes or goes took 80 ms")));

@@ -1,6 +1,7 @@
 // The runtime and the registry are played by the test.
 #include "PlayedRuntime.h"
 
+#include <comm/ICallWatch.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/ease/provide.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
@@ -52,6 +53,15 @@ protected:
 // That it is said again after a restart of the registry is shown by the example "hello".
 TEST_F(Provide, SaysWhenTheRegistryKnowsIt)
 {
+    struct Watch final : comm::ICallWatch {
+        void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override
+        {
+            calls.push_back(operation + (" " + subject));
+            call();
+        }
+        Lines calls;
+        const Scope scope{this};
+    } watch;
     whenKnown("known");
     EXPECT_THAT(runtime.take(), ElementsAre("register /p")) << "until it is provided nobody can tell whose it is";
     provided();
@@ -63,6 +73,7 @@ TEST_F(Provide, SaysWhenTheRegistryKnowsIt)
     EXPECT_THAT(takeTold(), IsEmpty()) << "it was another's";
     registrySays(Type::ADDED, "ipc://me/p");
     EXPECT_THAT(takeTold(), ElementsAre("known"));
+    EXPECT_THAT(watch.calls, ElementsAre("whenKnown /p")) << "for who names what holds a loop";
 
     auto other = provide(runtime, "/q", service);
     provided();
