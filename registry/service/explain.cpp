@@ -102,14 +102,20 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
     }
 }
 
-/// The own process says nothing of itself but its name in the record.
+/// The own process says nothing of itself but its name in the record; that of the registry has it in its locator only.
 Who Registry::Impl::whoOf(const Asker& asker, const Record& record)
 {
     if (asker.peer || !asker.process.empty()) {
         return {asker.process, asker.pid, asker.uid};
     }
     const auto& metainfo = record.serviceDef.metainfo;
-    return {std::string(metainfo ? (*metainfo)["provider"].stringView() : ""), ::getpid(), ::geteuid()};
+    const auto& locators = record.serviceDef.locators;
+    std::string_view process = metainfo ? (*metainfo)["provider"].stringView() : "";
+    if (process.empty() && !locators.empty()) {
+        const std::string_view authority = locators.front().authority();
+        process = authority.substr(0, authority.find('+'));
+    }
+    return {std::string(process), ::getpid(), ::geteuid()};
 }
 
 /// Such as "held by process player (pid 812)". Empty when nobody has it, or he has just gone.
