@@ -73,7 +73,7 @@ TEST_F(Provide, SaysWhenTheRegistryKnowsIt)
     EXPECT_THAT(takeTold(), IsEmpty()) << "it was another's";
     registrySays(Type::ADDED, "ipc://me/p");
     EXPECT_THAT(takeTold(), ElementsAre("known"));
-    EXPECT_THAT(watch.calls, ElementsAre("whenKnown /p")) << "for who names what holds a loop";
+    EXPECT_THAT(watch.calls, ElementsAre("onChange /registry", "whenKnown /p")) << "for who names what holds a loop";
 
     auto other = provide(runtime, "/q", service);
     provided();
