@@ -3,6 +3,7 @@
 #include "actor/Actor.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -13,6 +14,7 @@ namespace {
 const std::vector<std::string> OF_THE_STAGE = {"start", "kill",    "quit", "stop",  "continue",
                                                "hears", "unheard", "cut",  "behind"};
 const std::vector<std::string> OF_PROCESSES = {"fork", "spawn", "handle-term"};
+constexpr const char* BLANKS = " \t\r";
 
 bool contains(const std::vector<std::string>& words, const std::string& word)
 {
@@ -32,10 +34,18 @@ public:
 
     Scenario read()
     {
+        if (!std::filesystem::is_regular_file(m_scenario.file)) {
+            throw Mistake(m_scenario.file + ": there is no such file, or it is none; name a scenario");
+        }
         std::ifstream file(m_scenario.file);
+        if (!file) {
+            throw Mistake(m_scenario.file + ": it cannot be read");
+        }
         std::string text;
         while (std::getline(file, text)) {
             ++m_line;
+            text.erase(text.find_last_not_of(BLANKS) + 1); // what an editor leaves, and the end of a line of Windows
+            text.erase(0, text.find_first_not_of(BLANKS));
             if (text.empty() || text.front() == '#') {
                 m_hasTruth = m_hasTruth || text.size() > 2;
                 continue;

@@ -116,6 +116,7 @@ int main(int argc, char** argv)
         failed += kesa::scenarios::playFile(file, arguments);
     }
     tracing::setSink(nullptr);
-    std::printf("%zu scenarios, %d failures\n", arguments.files.size(), failed);
+    std::printf("%zu scenario%s, %d failure%s\n", arguments.files.size(), arguments.files.size() == 1 ? "" : "s",
+                failed, failed == 1 ? "" : "s");
     return failed == 0 ? 0 : 1;
 }
