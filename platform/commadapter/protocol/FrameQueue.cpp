@@ -45,13 +45,10 @@ void FrameQueue::pushPlace(std::uint32_t stream)
 
 // ---- leaving --------------------------------------------------------------------------------------------------
 
-std::optional<std::uint32_t> FrameQueue::takePlace()
+std::optional<std::uint32_t> FrameQueue::takeFrontPlace()
 {
-    while (m_first < m_entries.size() && m_frontWritten == 0) {
+    while (!isEmpty() && m_entries[m_first].isNoFrame()) {
         const Entry entry = m_entries[m_first];
-        if (!entry.isDropped && !entry.isPlace) {
-            break;
-        }
         popFront();
         if (!entry.isDropped) {
             return entry.stream;

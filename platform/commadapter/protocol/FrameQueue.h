@@ -59,8 +59,13 @@ public:
 
     // ---- leaving ----------------------------------------------------------------------------------------------
 
+    /// Nothing stands here, not even a place.
+    bool isEmpty() const noexcept { return m_first == m_entries.size(); }
     /// The stream whose place stands in front; the place is given up.
-    std::optional<std::uint32_t> takePlace();
+    std::optional<std::uint32_t> takePlace()
+    {
+        return m_frontWritten == 0 && !isEmpty() && m_entries[m_first].isNoFrame() ? takeFrontPlace() : std::nullopt;
+    }
 
     /// How far gathering has come.
     struct Cursor {
@@ -88,8 +93,10 @@ private:
         bool isPersistent;
 
         std::size_t size() const noexcept { return std::size_t{bytes} + body; }
+        bool isNoFrame() const noexcept { return isDropped || isPlace; }
     };
 
+    std::optional<std::uint32_t> takeFrontPlace();
     void popFront();
     void giveBack();
     // FrameQueue_drop.cpp

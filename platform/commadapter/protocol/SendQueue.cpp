@@ -79,6 +79,9 @@ bool SendQueue::holds(std::uint32_t stream, Kind kind, std::uint64_t endThen)
 std::size_t SendQueue::gather(std::span<iovec> out)
 {
     m_steps.clear();
+    if (bytes() == 0) {
+        return 0;
+    }
     while (const auto stream = m_frames.takePlace()) {
         m_turns.join(*stream);
     }

@@ -28,20 +28,27 @@ void putByte(Out& out, unsigned char byte)
     *out.extend(1) = byte;
 }
 
-/// The first byte of an item with its argument, in the shortest form.
+/// An item whose argument does not fit into its first byte.
 template <class Out>
-void putItem(Out& out, Major major, std::uint64_t argument)
+[[gnu::noinline]] void putLongItem(Out& out, Major major, std::uint64_t argument)
 {
-    const auto first = static_cast<unsigned char>(static_cast<unsigned>(major) << 5U);
-    if (argument < 24) {
-        return putByte(out, static_cast<unsigned char>(first | argument));
-    }
     const unsigned log = argument <= 0xFF ? 0 : argument <= 0xFFFF ? 1 : argument <= 0xFFFFFFFF ? 2 : 3;
     const unsigned bytes = 1U << log;
     unsigned char* const at = out.extend(1 + bytes);
-    at[0] = static_cast<unsigned char>(first | (24 + log));
+    at[0] = static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | (24 + log));
     for (unsigned i = 0; i < bytes; ++i) {
         at[1 + i] = static_cast<unsigned char>(argument >> (8 * (bytes - 1 - i)));
+    }
+}
+
+/// The first byte of an item with its argument, in the shortest form. Nearly all of a head's are of one byte.
+template <class Out>
+inline void putItem(Out& out, Major major, std::uint64_t argument)
+{
+    if (argument < 24) {
+        putByte(out, static_cast<unsigned char>(static_cast<unsigned>(major) << 5U | argument));
+    } else {
+        putLongItem(out, major, argument);
     }
 }
 
