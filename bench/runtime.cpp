@@ -297,6 +297,55 @@ void compareRoad(int rounds)
     watching.dispose();
 }
 
+/// CPU time of all threads, from `registerService` to a tracker's handler and back, beside queries that it is not for.
+double updateBesideQueries(Populated& populated, Counter& told, int& rounded)
+{
+    constexpr int UPDATES = 20;
+    return perOperation([&] {
+               for (int number = 0; number < UPDATES; ++number) {
+                   Counter registered;
+                   Counter ended;
+                   auto registration = populated.registerOne("/watched", registered, ended.atEnd());
+                   told.waitFor(++rounded);
+                   registration.dispose();
+                   ended.waitFor(1);
+               }
+           }) *
+           BATCH / UPDATES;
+}
+
+void compareQueries(int rounds)
+{
+    struct Watching {
+        explicit Watching(int queries) : populated("queries-" + std::to_string(queries), 0)
+        {
+            for (int number = 0; number < queries; ++number) {
+                kept.push_back(populated.runtime().trackServices(Query("/other/" + std::to_string(number) + "/**"),
+                                                                 kesa::handler<Update>([](const Update&) {})));
+            }
+            kept.push_back(populated.runtime().trackServices(Query("/watched"),
+                                                             kesa::handler<Update>([this](const Update& update) {
+                                                                 if (update.type == kesa::ResourceUpdateType::eADDED) {
+                                                                     told.add();
+                                                                 }
+                                                             })));
+        }
+        Populated populated;
+        Counter told;
+        int rounded = 0;
+        std::vector<kesa::Disposable> kept;
+    };
+    Watching few(10);
+    Watching many(1'000);
+    const auto measure = [](Watching& watching) {
+        return updateBesideQueries(watching.populated, watching.told, watching.rounded);
+    };
+    bench::compare("a service comes and goes", {"10 other queries", [&] { return measure(few); }},
+                   {"1,000", [&] { return measure(many); }}, rounds);
+    dispose(few.kept);
+    dispose(many.kept);
+}
+
 std::size_t heapBytes()
 {
     return mallinfo2().uordblks;
@@ -335,6 +384,7 @@ int main(int argc, char** argv)
     compareSizes(rounds);
     compareFanOut(rounds);
     compareRoad(rounds);
+    compareQueries(rounds);
     printBytes();
     return 0;
 }

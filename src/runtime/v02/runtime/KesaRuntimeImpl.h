@@ -14,6 +14,7 @@
 #include <runtime/v02/runtime/Handle.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/LoopWatch.h>
+#include <runtime/v02/runtime/QueryTrackers.h>
 #include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
 #include <runtime/v02/runtime/Reasons.h>
 #include <runtime/v02/runtime/RemoteRegistryHandler.h>
@@ -79,7 +80,6 @@ public:
 
 private:
     using Trackers = std::vector<std::shared_ptr<QueryUpdateBookkeeper>>;
-    using QueryTrackers = std::vector<std::pair<Handle, std::shared_ptr<TrackingHandler>>>;
     using Issue = RemoteRegistryHandler::Issue;
 
     /// What is known about one path.
@@ -210,7 +210,7 @@ private:
                               const QueryTrackers& queryTrackers);
     void triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& updates, const QueryTrackers& queryTrackers);
     void deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers);
-    void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers);
+    void deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers::List& queryTrackers);
 
     // Query tracking
     void startQuery(const Query& query, const Handle& handle, std::unique_ptr<TrackingHandler> handler);
@@ -317,7 +317,7 @@ private:
     std::string m_eventSource;
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
-    QueryTrackers m_queryTrackers; ///< in the order they are notified
+    QueryTrackers m_queryTrackers;
     std::unordered_map<std::string, RuntimeEntry> m_runtimeEntries;
     HandleMap<RemoteQuery> m_remoteQueries;
     HandleMap<OpenedProxy> m_resolvedLocators;

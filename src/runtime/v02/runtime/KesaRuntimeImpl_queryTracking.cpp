@@ -6,8 +6,6 @@
 #include <runtime/v02/runtime/EventLog.h>
 #include <runtime/v02/runtime/QueryUpdateBookkeeper.h>
 
-#include <algorithm>
-
 namespace kesa::runtime::v02 {
 
 namespace {
@@ -75,8 +73,8 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
             return false;
         },
         [this, shared](const Response&) { eventlog::queryStop(m_eventSource, *shared, CausedBy::eERROR); }, [] {});
-    m_queryTrackers.emplace_back(handle, std::make_shared<responsehandlers::DoOnEachResponseHandler<ServiceUpdate>>(
-                                             std::move(observer), filtered(std::move(bookkeeper), shared, *patterns)));
+    m_queryTrackers.add(handle, std::make_shared<responsehandlers::DoOnEachResponseHandler<ServiceUpdate>>(
+                                    std::move(observer), filtered(std::move(bookkeeper), shared, *patterns)));
     if (m_remoteRegistryHandler) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices] setting up query on remote kesa registry for '%s'",
                    query.pattern.c_str());
@@ -103,12 +101,7 @@ void KesaRuntimeImpl::disposeQuery(const Query& query, const Handle& handle)
 {
     onExecutor();
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackServices query Disposable] handle='%p'", handle.address);
-    const auto tracker = std::find_if(m_queryTrackers.begin(), m_queryTrackers.end(),
-                                      [&handle](const auto& each) { return each.first == handle; });
-    if (tracker != m_queryTrackers.end()) {
-        const std::shared_ptr<TrackingHandler> leaving = std::move(tracker->second);
-        m_queryTrackers.erase(tracker);
-    } else {
+    if (!m_queryTrackers.take(handle)) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[trackServices query Disposable] no trackService found for handle='%p'",
                    handle.address);
     }

@@ -165,13 +165,13 @@ void KesaRuntimeImpl::triggerRuntimeUpdate(ResourceUpdateType type, const Servic
     if (trackers.empty() && queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2)) {
         return;
     }
-    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), tCopy = trackers, qCopy = queryTrackers] {
+    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), tCopy = trackers, qCopy = queryTrackers.copy()] {
         const char* const path = update.element.path.toString().c_str();
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] service='%s' tCopy.size()=%zu qCopy.size()=%zu", path,
-                   tCopy.size(), qCopy.size());
+                   tCopy.size(), qCopy->size());
         deliverToTrackers(update, tCopy);
-        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] query size %zu service='%s'", qCopy.size(), path);
-        deliverToQueryTrackers(update, qCopy);
+        KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] query size %zu service='%s'", qCopy->size(), path);
+        deliverToQueryTrackers(update, *qCopy);
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] DONE service='%s'", path);
     });
 }
@@ -184,9 +184,9 @@ void KesaRuntimeImpl::triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& upd
     if (updates.empty() || (queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2))) {
         return;
     }
-    post(*m_updater, [this, updates = std::move(updates), qCopy = queryTrackers] {
+    post(*m_updater, [this, updates = std::move(updates), qCopy = queryTrackers.copy()] {
         for (const ServiceUpdate& update : updates) {
-            deliverToQueryTrackers(update, qCopy);
+            deliverToQueryTrackers(update, *qCopy);
         }
     });
 }
@@ -202,7 +202,7 @@ void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Track
 }
 
 /// Every query tracker filters for itself.
-void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers& queryTrackers)
+void KesaRuntimeImpl::deliverToQueryTrackers(const ServiceUpdate& update, const QueryTrackers::List& queryTrackers)
 {
     onUpdater();
     const std::string& path = update.element.path.toString();
