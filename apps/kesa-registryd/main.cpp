@@ -10,6 +10,7 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <systemd/sd-daemon.h>
 #include <util/nearestName.h>
+#include <util/visible.h>
 
 #include <fmt/format.h>
 
@@ -43,7 +44,7 @@ struct Arguments {
 
 int complain(ExitCode exitCode, const std::string& problem)
 {
-    fmt::print(stderr, "kesa-registryd: {}\n", problem);
+    fmt::print(stderr, "kesa-registryd: {}\n", util::visible(problem));
     return static_cast<int>(exitCode);
 }
 

@@ -4,6 +4,7 @@
 #include "locateComplaints.h"
 #include "output.h"
 #include "print_config.h"
+#include "reviewRunDirectory.h"
 #include "reviewSettings.h"
 
 #include <CLI/CLI.hpp>
@@ -63,6 +64,11 @@ std::string partitionOf(const std::string& process, const KesaConfig& config, st
     if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
         complaints.push_back(
             {Severity::eERROR, {}, "the partition of the process cannot be found out: " + obr::ErrorStorage::reason()});
+    } else if (partition.empty()) {
+        complaints.push_back({Severity::eWARNING,
+                              {},
+                              "framework.json gives the process a node with an empty name",
+                              "write the name of the node, or leave the process out"});
     }
     KesaConfigAccessor(config).getNodeDomainMapping(partition);
     return partition;
@@ -90,6 +96,15 @@ int checkConfig(const CheckConfigArguments& arguments)
     }
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
+    const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
+    if (std::optional<Complaint> complaint = reviewRunDirectory(runDirectory)) {
+        if (complaint->path.empty()) {
+            ofProcess.push_back(std::move(*complaint));
+        } else {
+            complaint->path = report.path(std::move(complaint->path));
+            report.add(std::move(*complaint));
+        }
+    }
     locateComplaints(report);
     if (report.unlisted > 0) {
         report.complaints.push_back({Severity::eHINT,
@@ -98,7 +113,6 @@ int checkConfig(const CheckConfigArguments& arguments)
                                      "correct these first"});
     }
     report.complaints.insert(report.complaints.begin(), ofProcess.begin(), ofProcess.end());
-    const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     const CheckResult result{report.file,
                              process,
                              partition,

@@ -17,6 +17,7 @@ using kesa::runtime::v02::ProxyConfig;
 using kesa::serviceregistry::ServiceDef;
 using util::config::Complaint;
 using util::config::Dictionary;
+using util::config::excerpt;
 using util::config::Value;
 
 /// A setting and its value; the members of a table are indented.
@@ -59,11 +60,11 @@ Value toValue(const std::vector<T>& list)
 template <class Map>
 Value toTable(const Map& map)
 {
-    Dictionary table;
+    std::vector<Value::Member> members;
     for (const auto& [key, value] : map) {
-        table.set(key, toValue(value));
+        members.emplace_back(key, toValue(value));
     }
-    return Value(std::move(table));
+    return Value(Dictionary(std::move(members)));
 }
 
 Value smartProxy(const ProxyConfig& proxy)
@@ -85,11 +86,11 @@ Value smartProxy(const ProxyConfig& proxy)
 std::string inOneLine(const Value& value)
 {
     if (!value.isArray()) {
-        return value.isDictionary() && value.dictionary().empty() ? "none" : value.toText();
+        return value.isDictionary() && value.dictionary().empty() ? "none" : excerpt(value.toText());
     }
     std::string line;
     for (const Value& element : value.items()) {
-        line.append(line.empty() ? "" : ", ").append(element.toText());
+        line.append(line.empty() ? "" : ", ").append(excerpt(element.toText()));
     }
     return line.empty() ? "none" : line;
 }
@@ -98,7 +99,7 @@ void addTable(SettingRows& rows, const std::string& name, const Value& table)
 {
     rows.push_back({name, table.dictionary().empty() ? "none" : ""});
     for (const auto& [key, value] : table) {
-        rows.push_back({"  " + key, inOneLine(value)});
+        rows.push_back({"  " + excerpt(key), inOneLine(value)});
     }
 }
 
@@ -111,7 +112,7 @@ void addServices(SettingRows& rows, const std::vector<ServiceDef>& services)
     }
     for (const ServiceDef& service : services) {
         rows.push_back(
-            {"  " + service.path.toString(),
+            {"  " + excerpt(service.path.toString()),
              fmt::format("{:<8}  {}  {}", *ServiceDef::enumToValue(service.type),
                          padded(service.versions.empty() ? "-" : inOneLine(toValue(service.versions)), width),
                          inOneLine(toValue(service.locators)))});
@@ -136,7 +137,7 @@ SettingRows settings(const CheckResult& result)
     addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
     addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
     addTable(rows, "comm", result.comm);
-    rows.push_back({"run directory", fmt::format("{} ({})", result.runDirectory, result.runDirectorySource)});
+    rows.push_back({"run directory", fmt::format("{} ({})", excerpt(result.runDirectory), result.runDirectorySource)});
     return rows;
 }
 

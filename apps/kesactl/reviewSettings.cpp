@@ -42,12 +42,13 @@ void warn(ConfigReport& report, DocumentPath path, std::string text, std::string
 /// The backend reads its part of the document by itself.
 CommSettings reviewComm(ConfigReport& report)
 {
-    std::vector<Complaint> complaints;
-    CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], complaints);
-    for (Complaint& complaint : complaints) {
+    kesa::commadapter::CommFaults faults;
+    CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], faults);
+    for (Complaint& complaint : faults.complaints) {
         complaint.path = report.path(std::move(complaint.path));
         report.add(std::move(complaint));
     }
+    report.unlisted += faults.unlisted;
     return settings;
 }
 
@@ -193,7 +194,7 @@ void reviewRegistry(const KesaConfig& config, const std::string& partition, cons
                "none of them reaches the registry that \"use_registry\" asks for, so a process ends at start",
                "write [\"comm\"]");
     } else if (locators.empty() || (!partition.empty() && locators.count(partition) + locators.count("*") == 0)) {
-        const std::string where = partition.empty() ? "" : " for partition \"" + partition + "\"";
+        const std::string where = partition.empty() ? "" : " for partition \"" + excerpt(partition) + "\"";
         refuse(report, {"use_registry"},
                fmt::format("asks for a registry, but there are no locators{}, so a process ends at start", where),
                GOOD_LOCATORS);

@@ -2,6 +2,7 @@
 
 #include <backend/readCommSettings.h>
 #include <transport/RunDirectory.h>
+#include <util/config/Complaint.h>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -56,16 +57,17 @@ std::string nameAnother(const std::string& source)
 
 RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::string& source)
 {
-    const std::string what = fmt::format("the run directory {} ({})", directory.path, source);
+    const std::string what = fmt::format("the run directory {} ({})", util::config::excerpt(directory.path), source);
     const std::string end = findEnd(directory.path).string();
     if (directory.error == ENOTDIR) {
         return {fmt::format("{} cannot be one, since {} is a file: {}", what, end, textOf(ENOTDIR)),
                 nameAnother(source)};
     }
     if (directory.error != 0 && directory.error != ENOENT) {
+        const bool isForbidden = directory.error == EACCES || directory.error == EPERM;
         return {fmt::format("{} cannot be looked into: {}{}", what, textOf(directory.error),
                             directory.rights.empty() ? "" : fmt::format(" ({})", directory.rights)),
-                "let its owner or a group of this user use it, or " + nameAnother(source)};
+                (isForbidden ? "let its owner or a group of this user use it, or " : "") + nameAnother(source)};
     }
     if (!directory.names.empty()) {
         return {};

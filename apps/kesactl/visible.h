@@ -1,19 +1,12 @@
 #ifndef KESACTL_VISIBLE_H
 #define KESACTL_VISIBLE_H
 
-#include <string>
-#include <string_view>
+#include <util/visible.h>
 
 namespace kesactl {
 
-// What others have written, as names, records, and texts of errors, without what a terminal would obey: characters that
-// control it or the direction of writing are told as JSON does, "\u001b", and bytes that are no UTF-8 as U+FFFD.
-
-/// As a part of one line: line breaks and tabs are told, too.
-std::string visible(std::string_view text);
-
-/// Lines and tabs stay as they are. JSON stays the JSON it is, and is valid UTF-8 then.
-std::string visibleLines(std::string_view text);
+using util::visible;
+using util::visibleLines;
 
 } // namespace kesactl
 

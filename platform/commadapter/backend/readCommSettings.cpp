@@ -26,19 +26,25 @@ using Complaints = std::vector<Complaint>;
 /// One member of "comm", whose faults become complaints.
 class Setting {
 public:
-    Setting(std::string_view key, const Value& value, Complaints& complaints) noexcept
-        : m_key(key), m_value(value), m_complaints(complaints)
+    Setting(std::string_view key, const Value& value, CommFaults& faults) noexcept
+        : m_key(key), m_value(value), m_faults(faults)
     {}
 
     const Value& value() const noexcept { return m_value; }
+    bool isOnlyCounted() const noexcept { return m_faults.isFull(); }
 
     void complain(std::string text, std::string advice, std::string_view keyBelow = {}) const
     {
+        if (isOnlyCounted()) {
+            ++m_faults.unlisted;
+            return;
+        }
         util::config::DocumentPath path{"comm", std::string(util::config::shortenedKey(m_key))};
         if (!keyBelow.empty()) {
             path.emplace_back(std::string(util::config::shortenedKey(keyBelow)));
         }
-        m_complaints.push_back({Complaint::Severity::eWARNING, std::move(path), std::move(text), std::move(advice)});
+        m_faults.complaints.push_back(
+            {Complaint::Severity::eWARNING, std::move(path), std::move(text), std::move(advice)});
     }
     void refuse(std::string advice) const
     {
@@ -59,7 +65,7 @@ public:
 private:
     const std::string_view m_key;
     const Value& m_value;
-    Complaints& m_complaints;
+    CommFaults& m_faults;
 };
 
 /// The system would take what stands before it.
@@ -134,6 +140,9 @@ struct Member {
     void (*read)(const Setting& setting, CommSettings& settings); ///< null: reserved
 };
 
+/// Of those that a process tells.
+constexpr std::size_t MOST_SENTENCES = 10;
+
 constexpr std::uint64_t SMALLEST_LIMIT = 64U << 10U;
 constexpr std::uint64_t LARGEST_LIMIT = 1U << 30U;
 
@@ -166,6 +175,10 @@ constexpr std::array MEMBERS = {
 
 void complainOfUnknown(const std::string& key, const Setting& setting)
 {
+    if (setting.isOnlyCounted()) {
+        setting.complain({}, {});
+        return;
+    }
     std::vector<std::string_view> known;
     for (const Member& member : MEMBERS) {
         known.push_back(member.key);
@@ -175,23 +188,34 @@ void complainOfUnknown(const std::string& key, const Setting& setting)
                      meant.empty() ? "correct or remove it" : fmt::format("did you mean \"{}\"?", meant));
 }
 
+Complaints& allOf(CommFaults& faults)
+{
+    if (faults.unlisted > 0) {
+        faults.complaints.push_back({Complaint::Severity::eWARNING,
+                                     {"comm"},
+                                     fmt::format("{} more faults are not listed", faults.unlisted),
+                                     "correct these first"});
+    }
+    return faults.complaints;
+}
+
 } // namespace
 
-CommSettings readCommSettings(const Value& comm, Complaints& complaints)
+CommSettings readCommSettings(const Value& comm, CommFaults& faults)
 {
     CommSettings settings;
     if (!comm.isDefined()) {
         return settings;
     }
     if (!comm.isDictionary()) {
-        complaints.push_back({Complaint::Severity::eWARNING,
-                              {"comm"},
-                              "\"comm\" is no object",
-                              "write {\"run_dir\": \"/run/kesa\"} or leave it out"});
+        faults.complaints.push_back({Complaint::Severity::eWARNING,
+                                     {"comm"},
+                                     "\"comm\" is no object",
+                                     "write {\"run_dir\": \"/run/kesa\"} or leave it out"});
         return settings;
     }
     for (const auto& [key, value] : comm) {
-        const Setting setting(key, value, complaints);
+        const Setting setting(key, value, faults);
         const auto* const known = std::find_if(MEMBERS.begin(), MEMBERS.end(),
                                                [&key = key](const Member& member) { return member.key == key; });
         if (known == MEMBERS.end()) {
@@ -214,10 +238,10 @@ CommSettings readCommSettings(std::vector<std::string>* sentences)
     }
     const bool isMember = provider.first().isDefined();
     const Value& root = isMember ? provider.first() : provider.second();
-    Complaints complaints;
-    CommSettings settings = readCommSettings(root["comm"], complaints);
+    CommFaults faults{MOST_SENTENCES};
+    CommSettings settings = readCommSettings(root["comm"], faults);
     if (sentences != nullptr) {
-        for (Complaint& complaint : complaints) {
+        for (Complaint& complaint : allOf(faults)) {
             if (isMember) {
                 complaint.path.insert(complaint.path.begin(), "kesa");
             }
@@ -229,9 +253,9 @@ CommSettings readCommSettings(std::vector<std::string>* sentences)
 
 Complaints checkCommSettings(const Value& comm)
 {
-    Complaints complaints;
-    static_cast<void>(readCommSettings(comm, complaints));
-    return complaints;
+    CommFaults faults;
+    static_cast<void>(readCommSettings(comm, faults));
+    return allOf(faults);
 }
 
 std::vector<std::string> commSettingKeys()

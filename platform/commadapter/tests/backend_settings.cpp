@@ -22,13 +22,13 @@ util::config::Value parseComm(std::string_view text)
 
 TEST(BackendSettings, GoodMembersApply)
 {
-    std::vector<util::config::Complaint> complaints;
+    CommFaults faults;
     const CommSettings settings =
         readCommSettings(parseComm(R"({"run_dir": "/tmp/run", "socket_mode": "0600", "socket_group": "kesa",
                   "routes": {"/registry": "ipc://kesa-registryd/registry"}, "max_message_bytes": 1048576,
                   "send_queue_bytes": 131072, "heartbeat_ms": 250})"),
-                         complaints);
-    EXPECT_THAT(complaints, IsEmpty());
+                         faults);
+    EXPECT_THAT(faults.complaints, IsEmpty());
     EXPECT_EQ(settings.runDir, "/tmp/run");
     EXPECT_EQ(settings.socketMode, 0600U);
     EXPECT_EQ(settings.socketGroup, "kesa");
@@ -45,10 +45,10 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
         R"({"advertise": "h", "heartbeat_ms": 1, "listen": {}, "max_message_bytes": "1", "rundir": "/x",
             "routes": {"/": "ipc://p/a", "/a": "b", "/b": "ipc://p/", "/c": "ipc://p/c?d", "/d": "ipc:///d", "/good": "ipc://p"}, "run_dir": "relative", "send_queue_bytes": -1,
             "socket_group": 7, "socket_mode": 660, "tls": {}})");
-    std::vector<util::config::Complaint> complaints;
-    const CommSettings settings = readCommSettings(document, complaints);
+    CommFaults faults;
+    const CommSettings settings = readCommSettings(document, faults);
     std::vector<std::string> sentences;
-    for (const util::config::Complaint& complaint : complaints) {
+    for (const util::config::Complaint& complaint : faults.complaints) {
         sentences.push_back(complaint.sentence(""));
     }
     const std::string locators = "; write a path and a locator such as \"/registry\" and "
@@ -79,6 +79,13 @@ TEST(BackendSettings, EachBadMemberIsNamedAndKeepsItsDefault)
     EXPECT_EQ(settings.routes.size(), 1U);
     EXPECT_EQ(checkCommSettings(parseComm("[]")).at(0).sentence("f"),
               "f: comm: \"comm\" is no object; write {\"run_dir\": \"/run/kesa\"} or leave it out");
+    std::string many = R"({"routes": {"/": 1)";
+    for (int i = 1; i < 2000; ++i) {
+        many += ", \"" + std::to_string(i) + "\": 1";
+    }
+    const auto listed = checkCommSettings(parseComm(many + R"(}, "unknown": 1})"));
+    EXPECT_EQ(listed.size(), 1001U);
+    EXPECT_EQ(listed.back().sentence(""), "comm: 1001 more faults are not listed; correct these first");
 }
 
 } // namespace

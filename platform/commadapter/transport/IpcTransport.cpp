@@ -309,7 +309,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
             Connected silent = miss(endpoint, SocketFile(status));
             silent.failure = Failure::eSILENT;
             silent.reason = fmt::format("nobody listens on the socket of \"{}\" in \"{}\"", endpoint.process,
-                                        m_runDirectory.path());
+                                        m_runDirectory.shownPath());
             return silent;
         }
         default:
@@ -334,8 +334,8 @@ ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketF
     const bool hasDirectory = ::access(m_runDirectory.path().c_str(), F_OK) == 0;
     return {nullptr, Failure::eMISSING,
             hasDirectory
-                ? fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.path())
-                : fmt::format("the run directory \"{}\" is not there, so nobody listens", m_runDirectory.path())};
+                ? fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.shownPath())
+                : fmt::format("the run directory \"{}\" is not there, so nobody listens", m_runDirectory.shownPath())};
 }
 
 comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared)

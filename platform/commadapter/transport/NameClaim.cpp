@@ -7,6 +7,7 @@
 #include "transport/usersAndGroups.h"
 
 #include <obr/explainError.h>
+#include <util/config/Complaint.h>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -128,7 +129,8 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
     if (!settings.socketGroup.empty()) {
         const auto group = findGroup(settings.socketGroup);
         if (!group) {
-            why = fmt::format("there is no group \"{}\"; see \"socket_group\"", settings.socketGroup);
+            why = fmt::format("there is no group \"{}\"; see \"socket_group\"",
+                              util::config::excerpt(settings.socketGroup));
             return true;
         }
         if (::fchownat(bound.get(), "", static_cast<uid_t>(-1), *group, AT_EMPTY_PATH) != 0) {

@@ -4,6 +4,8 @@
 #include "transport/usersAndGroups.h"
 
 #include <obr/explainError.h>
+#include <util/config/Complaint.h>
+#include <util/visible.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -36,6 +38,11 @@ std::string makeAbsolute(const std::string& path)
         absolute.pop_back();
     }
     return absolute;
+}
+
+std::string shown(const std::string& path)
+{
+    return util::visible(util::config::excerpt(path));
 }
 
 bool isRealm(std::string_view text)
@@ -72,7 +79,7 @@ std::string advise(const std::string& directory, int error)
         here = adviseRights(directory) + ", or ";
         break;
     case ENOENT:
-        here = ::stat(around.c_str(), &status) == 0 ? "" : fmt::format("make \"{}\", or ", around.string());
+        here = ::stat(around.c_str(), &status) == 0 ? "" : fmt::format("make \"{}\", or ", shown(around.string()));
         break;
     case ENOSPC:
     case EDQUOT:
@@ -83,7 +90,7 @@ std::string advise(const std::string& directory, int error)
         while (::stat(file.c_str(), &status) != 0 && errno == ENOTDIR) {
             file = file.parent_path();
         }
-        here = fmt::format("\"{}\" is a file; ", file.string());
+        here = fmt::format("\"{}\" is a file; ", shown(file.string()));
         break;
     }
     default:
@@ -138,12 +145,17 @@ RunDirectory::RunDirectory(const RunDirectoryChoice& choice)
     : m_source(choice.source), m_path(makeAbsolute(choice.path))
 {}
 
+std::string RunDirectory::shownPath() const
+{
+    return shown(m_path);
+}
+
 bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
 {
     const auto refuse = [&](const char* what) {
         const int error = errno;
-        why = fmt::format("{} the run directory \"{}\": {}; {}", what, m_path, std::system_category().message(error),
-                          advise(m_path, error));
+        why = fmt::format("{} the run directory \"{}\": {}; {}", what, shown(m_path),
+                          std::system_category().message(error), advise(m_path, error));
         return true;
     };
     const int makeError = ::mkdir(m_path.c_str(), DIRECTORY_MODE) == 0 ? 0 : errno;
@@ -161,7 +173,7 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         file = readRealmFile(opened.get());
     }
     if (file.realm.empty()) {
-        const std::string name = m_path + '/' + REALM_FILE;
+        const std::string name = shown(m_path) + '/' + REALM_FILE;
         why = file.error == 0
                   ? fmt::format("the file \"{}\" does not hold 16 hex digits; remove it when no process uses "
                                 "the directory",

@@ -26,6 +26,8 @@ public:
 
     /// Absolute, without a slash at its end.
     const std::string& path() const noexcept { return m_path; }
+    /// The same for messages: a variable may have line breaks and worse.
+    std::string shownPath() const;
     /// What names it, as in `RunDirectoryChoice`.
     const char* source() const noexcept { return m_source; }
 

@@ -1,6 +1,7 @@
 #include <kesa/processName.h>
 
 #include <fmt/format.h>
+#include <util/config/Complaint.h>
 #include <util/utf8.h>
 
 namespace kesa {
@@ -31,7 +32,8 @@ std::string complaintAboutProcessName(std::string_view name)
         return {};
     }
     const bool isText = util::isUtf8(name);
-    return fmt::format("\"{}\" cannot be the name of this process: ", isText ? std::string(name) : escaped(name)) +
+    return fmt::format("\"{}\" cannot be the name of this process: ",
+                       isText ? util::config::excerpt(name) : util::config::excerpt(escaped(name))) +
            (isText ? fmt::format("a name has 1 to {} bytes, and this one {}", LONGEST_PROCESS_NAME, name.size())
                    : "a name is UTF-8, and this one is not");
 }

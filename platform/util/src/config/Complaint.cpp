@@ -43,4 +43,15 @@ std::string quoted(const Value& value)
     return excerpt(json);
 }
 
+std::string described(const Value& value)
+{
+    if (value.isArray()) {
+        return value.arraySize() == 0 ? "an empty list" : "a list";
+    }
+    if (value.isDictionary()) {
+        return "an object";
+    }
+    return (value.isString() ? "the text " : value.isInteger() || value.isReal() ? "the number " : "") + quoted(value);
+}
+
 } // namespace util::config

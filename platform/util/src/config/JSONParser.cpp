@@ -19,7 +19,12 @@ JSONParser::JSONParser(bool) noexcept {}
 bool JSONParser::parseString(std::string_view text, Value& out) const
 {
     m_complaints.clear();
-    return parseDocument(text, out, m_complaints) && fail(m_complaints.back().sentence(""));
+    if (!parseDocument(text, out, m_complaints)) {
+        return false;
+    }
+    Complaint problem = m_complaints.back();
+    problem.advice.clear(); // the text may be anything, the advice is for the writer of a file
+    return fail(problem.sentence(""));
 }
 
 bool JSONParser::parseStringToDict(const std::string& text, Dictionary** out) const
@@ -29,8 +34,11 @@ bool JSONParser::parseStringToDict(const std::string& text, Dictionary** out) co
         return true;
     }
     if (!root.isDictionary()) {
-        m_complaints.push_back({Complaint::Severity::eERROR, {}, "root is not dictionary", "write { ... }"});
-        return fail(m_complaints.back().text);
+        m_complaints.push_back({Complaint::Severity::eERROR,
+                                {},
+                                "expected an object, found " + described(root),
+                                "the document must be an object: { ... }"});
+        return fail("root is not dictionary");
     }
     *out = new Dictionary(root.dictionary());
     return false;

@@ -75,7 +75,7 @@ private:
         for (const Value::Member& member : members) {
             keys.push_back(member.first);
         }
-        std::sort(keys.begin(), keys.end());
+        std::stable_sort(keys.begin(), keys.end()); // `std::sort` falls back to a slow way with keys that count up
         for (std::size_t i = 1; i < keys.size(); ++i) {
             if (keys[i] == keys[i - 1] && (i == 1 || keys[i - 2] != keys[i])) {
                 m_complaints.push_back({Complaint::Severity::eWARNING, Place::member(place, keys[i]).path(),
@@ -98,7 +98,7 @@ bool parseDocument(std::string_view text, Value& out, std::vector<Complaint>& co
     const std::unique_ptr<serializer::IDocumentParser> parser = serializer::makeJsonParser(); // has the tokens' texts
     if (parser->parse(text, tokens, problem)) {
         complaints.push_back(
-            {Complaint::Severity::eERROR, {}, std::move(problem.what), {}, problem.line, problem.column});
+            {Complaint::Severity::eERROR, {}, std::move(problem.what), problem.advice, problem.line, problem.column});
         return true;
     }
     out = Builder(tokens, complaints).build(Place());

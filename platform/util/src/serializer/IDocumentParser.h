@@ -12,8 +12,9 @@ namespace util::serializer {
 /// Why a document cannot be read.
 struct Problem {
     std::string what;
-    int line = 0;   ///< from 1; 0: of a format without lines, `what` says where
-    int column = 0; ///< in characters
+    int line = 0;            ///< from 1; 0: of a format without lines, `what` says where
+    int column = 0;          ///< in characters
+    const char* advice = ""; ///< for who has written the document
 
     std::string toText() const
     {

@@ -11,6 +11,7 @@
 #include <rapidjson/reader.h>
 
 #include <fmt/format.h>
+#include <util/utf8.h>
 
 #include <algorithm>
 #include <charconv>
@@ -100,12 +101,33 @@ char lastBefore(std::string_view document, std::size_t offset)
     return place != std::string_view::npos ? document[place] : '\0';
 }
 
-/// With a byte order mark or without: JSON begins with a character of ASCII, which has a zero byte there.
-bool isUtf16(std::string_view document)
+/// Another one than UTF-8, else empty. With a byte order mark or without: JSON begins with a character of ASCII, which
+/// has zero bytes there.
+std::string_view foreignEncoding(std::string_view document)
 {
-    const std::string_view begin = document.substr(0, 2);
-    return begin == "\xff\xfe" || begin == "\xfe\xff" ||
-           (begin.size() == 2 && (begin[0] == '\0') != (begin[1] == '\0'));
+    using namespace std::string_view_literals;
+    const std::string_view four = document.substr(0, 4);
+    const std::string_view two = document.substr(0, 2);
+    if (four == "\xff\xfe\0\0"sv || four == "\0\0\xfe\xff"sv ||
+        (four.size() == 4 && (four.substr(0, 3) == "\0\0\0"sv) != (four.substr(1) == "\0\0\0"sv))) {
+        return "UTF-32";
+    }
+    const bool isUtf16 =
+        two == "\xff\xfe" || two == "\xfe\xff" || (two.size() == 2 && (two[0] == '\0') != (two[1] == '\0'));
+    return isUtf16 ? "UTF-16" : "";
+}
+
+/// Of the first byte that belongs to no character of UTF-8; the size when there is none.
+std::size_t findNoUtf8(std::string_view document)
+{
+    std::string_view rest = document;
+    while (!rest.empty()) {
+        const std::size_t offset = document.size() - rest.size();
+        if (takeCharacter(rest) == INVALID_CHARACTER) {
+            return offset;
+        }
+    }
+    return document.size();
 }
 
 std::string explainMisplaced(std::string_view document, std::size_t offset, const char* expected)
@@ -133,9 +155,6 @@ std::string explain(json::ParseErrorCode code, std::string_view document, std::s
 {
     if (code == json::kParseErrorTermination) {
         return tokens.problem();
-    }
-    if (isUtf16(document)) {
-        return "the text is UTF-16; save it as UTF-8";
     }
     if (code == json::kParseErrorDocumentEmpty && offset >= document.size()) {
         return "the document is empty";
@@ -183,6 +202,20 @@ Problem problemAt(std::string_view document, std::size_t offset, std::string wha
             static_cast<int>(1 + std::count_if(before.begin() + lineStart, before.end(), isFirstByte))};
 }
 
+Problem explainAt(std::string_view document, const json::ParseResult& result, const TokenList& tokens)
+{
+    const std::size_t offset = result.Offset();
+    if (const std::string_view encoding = foreignEncoding(document); !encoding.empty()) {
+        return problemAt(document, offset, fmt::format("the text is {}; save it as UTF-8", encoding));
+    }
+    if (const std::size_t foreign = findNoUtf8(document); foreign < document.size() && foreign <= offset) {
+        Problem problem = problemAt(document, foreign, "the text is not valid UTF-8");
+        problem.advice = "save the file as UTF-8";
+        return problem;
+    }
+    return problemAt(document, offset, explain(result.Code(), document, offset, tokens));
+}
+
 class JsonParser final : public IDocumentParser {
 public:
     bool parse(std::string_view document, TokenList& tokens, Problem& problem) override
@@ -201,7 +234,7 @@ public:
             json::kParseInsituFlag | json::kParseIterativeFlag | json::kParseNumbersAsStringsFlag;
         const json::ParseResult result = m_reader.Parse<FLAGS>(stream, handler);
         if (result.IsError()) {
-            problem = problemAt(document, result.Offset(), explain(result.Code(), document, result.Offset(), tokens));
+            problem = explainAt(document, result, tokens);
             return true;
         }
         if (stream.Tell() != document.size()) { // it stops at the first NUL byte

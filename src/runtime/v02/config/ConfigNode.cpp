@@ -65,14 +65,25 @@ void ConfigNode::hint(std::string_view operation, std::string text, std::string 
 bool ConfigNode::fail(int severity, std::string_view operation, const std::string& text, std::string advice,
                       std::string_view error) const
 {
+    return failAs(text, severity, operation, text, std::move(advice), error);
+}
+
+bool ConfigNode::failAs(std::string complaint, int severity, std::string_view operation, const std::string& text,
+                        std::string advice, std::string_view error) const
+{
     trace(severity, operation, text);
-    complain(failure(), text, std::move(advice));
+    complain(failure(), std::move(complaint), std::move(advice));
     return record(error.empty() ? text : error);
 }
 
-bool ConfigNode::fail(const std::string& text, std::string advice) const
+std::string ConfigNode::mismatch(std::string_view expected) const
 {
-    complain(failure(), text, std::move(advice));
+    return fmt::format("expected {}, found {}", expected, util::config::described(*m_value));
+}
+
+bool ConfigNode::fail(const std::string& text, std::string advice, std::string complaint) const
+{
+    complain(failure(), complaint.empty() ? text : std::move(complaint), std::move(advice));
     return record(text);
 }
 
@@ -88,9 +99,9 @@ bool ConfigNode::record(std::string_view error) const
     return m_isSearched || obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 18, error);
 }
 
-bool ConfigNode::failType(const char* text, const char* advice) const
+bool ConfigNode::failType(std::string_view expected, const char* advice) const
 {
-    complain(failure(), m_value->isDefined() ? text : "is missing", advice);
+    complain(failure(), m_value->isDefined() ? mismatch(expected) : "is missing", advice);
     return true;
 }
 

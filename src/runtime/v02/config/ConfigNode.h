@@ -15,6 +15,8 @@ namespace kesa::runtime::v02 {
 /// The channel of all traces about the configuration.
 const Channel& configChannel();
 
+inline constexpr const char* ADVICE_ON_FLAG = "write true or false, without quotation marks";
+
 /// A value of the document that knows where it stands, so that every complaint about it can say so. The root value, the
 /// report, the node that it was taken from and the key outlive it.
 class ConfigNode {
@@ -33,22 +35,20 @@ public:
     std::size_t size() const noexcept { return m_value->arraySize(); }
 
     /// True when the value is not of that type, which no trace and no error tells: only the report does.
-    [[nodiscard]] bool get(bool& out) const
-    {
-        return m_value->get(out) && failType("is no boolean", "write true or false");
-    }
+    [[nodiscard]] bool get(bool& out) const { return m_value->get(out) && failType("true or false", ADVICE_ON_FLAG); }
     [[nodiscard]] bool get(unsigned int& out) const
     {
-        return m_value->get(out) && failType("is no unsigned number", "write a whole number from 0 to 4294967295");
+        return m_value->get(out) &&
+               failType("a whole number from 0 to 4294967295", "write one without quotation marks");
     }
     [[nodiscard]] bool get(std::string& out, const char* advice) const
     {
-        return m_value->get(out) && failType("is no string", advice);
+        return m_value->get(out) && failType("a text", advice);
     }
     /// The same for an object.
     [[nodiscard]] bool isNoDictionary(const char* advice) const
     {
-        return !m_value->isDictionary() && failType("is no object", advice);
+        return !m_value->isDictionary() && failType("an object", advice);
     }
 
     /// Whether that is the end of reading.
@@ -96,6 +96,8 @@ public:
         return failed;
     }
 
+    /// Whether a warning or hint needs no words any more.
+    bool isOnlyCounted() const noexcept { return m_report->isFullOfHints(); }
     /// Only the report tells it.
     void complain(Severity severity, std::string text, std::string advice) const;
     /// Traces "[operation] text": no failure.
@@ -105,13 +107,19 @@ public:
     /// Traces it, and records `error`, or the text, as the reason. Answers `true`.
     bool fail(int severity, std::string_view operation, const std::string& text, std::string advice,
               std::string_view error = {}) const;
-    /// Records the text without a trace. Answers `true`.
-    bool fail(const std::string& text, std::string advice) const;
+    /// Records the text without a trace. Answers `true`. `complaint`: what the report says in place of the text.
+    bool fail(const std::string& text, std::string advice, std::string complaint = {}) const;
+    /// The same as the one that traces; the report has `complaint` in place of the text.
+    bool failAs(std::string complaint, int severity, std::string_view operation, const std::string& text,
+                std::string advice, std::string_view error = {}) const;
+    /// What the report says of a value that is there and of another type than `expected`, as "a list".
+    std::string mismatch(std::string_view expected) const;
+    /// Only the trace tells it.
+    void trace(int severity, std::string_view operation, const std::string& text) const;
 
 private:
-    void trace(int severity, std::string_view operation, const std::string& text) const;
     bool record(std::string_view error) const;
-    bool failType(const char* text, const char* advice) const;
+    bool failType(std::string_view expected, const char* advice) const;
     Severity failure() const noexcept { return m_isTolerated ? Severity::eWARNING : Severity::eERROR; }
 
     const util::config::Value* m_value;

@@ -27,7 +27,7 @@ struct ConfigReport {
     void add(Complaint complaint)
     {
         const bool isError = complaint.severity == Severity::eERROR;
-        if (!isError && complaints.size() - errors >= MOST) {
+        if (!isError && isFullOfHints()) {
             ++unlisted;
             return;
         }
@@ -39,6 +39,8 @@ struct ConfigReport {
         complaints.clear();
         errors = unlisted = 0;
     }
+    /// Further warnings and hints are only counted, so that there is no need to find words for them.
+    bool isFullOfHints() const noexcept { return complaints.size() - errors >= MOST; }
     /// Further errors are not searched for.
     bool isFull() const noexcept { return errors >= MOST; }
 

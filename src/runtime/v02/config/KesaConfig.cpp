@@ -117,8 +117,8 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
     report.root = rootValue;
     const ConfigNode root(report.root, report);
     if (!rootValue.isDictionary()) {
-        return root.fail(3, "readConfig", "config file contains no dictionary",
-                         "the document must be an object: { ... }", "root is not dictionary");
+        return root.failAs(root.mismatch("an object"), 3, "readConfig", "config file contains no dictionary",
+                           "the document must be an object: { ... }", "root is not dictionary");
     }
     const bool failed = readKeys(root);
     if (failed && report.listsAll) {

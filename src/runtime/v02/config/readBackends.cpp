@@ -10,6 +10,7 @@ using util::config::excerpt;
 namespace {
 
 constexpr const char* KNOWN_FORMATS = R"(known are "application/json" and "application/vnd.qelbin")";
+constexpr const char* GOOD_FORMATS = R"(write {"*": ["application/json"]})";
 constexpr const char* KNOWN_BACKENDS = R"(known are "comm" and "local")";
 
 /// Appends the known formats of the list; true when it holds something that is no string.
@@ -28,7 +29,12 @@ bool readFormats(const ConfigNode& list, std::vector<std::string>& formats)
 
 bool failWithoutFormat(const ConfigNode& list)
 {
-    return list.fail(4, "readConfig", "no serializer-format configured", "write a list such as [\"application/json\"]");
+    const std::string text = "no serializer-format configured";
+    if (!list.value().isArray() || list.size() == 0) {
+        return list.failAs(list.mismatch("a list of formats"), 4, "readConfig", text,
+                           "write a list such as [\"application/json\"]");
+    }
+    return list.failAs("names no known format", 4, "readConfig", text, KNOWN_FORMATS);
 }
 
 } // namespace
@@ -37,8 +43,8 @@ bool KesaConfig::readBackends(const ConfigNode& root)
 {
     const ConfigNode backends = root["backends"];
     if (!backends.value().isArray()) {
-        return backends.value().isDefined() &&
-               backends.fail(4, "readConfig", "backends is not array", "write [\"comm\"]");
+        return backends.value().isDefined() && backends.failAs(backends.mismatch("a list"), 4, "readConfig",
+                                                               "backends is not array", "write [\"comm\"]");
     }
     m_backends.clear();
     const bool failed =
@@ -61,16 +67,15 @@ bool KesaConfig::readSerializerFormats(const ConfigNode& root)
 {
     const ConfigNode rules = root["serializer-formats"];
     if (!rules.value().isDefined()) {
-        rules.hint("readConfig", "serializer-formats is undefined. Falling back to defaults",
-                   R"(write {"*": ["application/json"]})");
+        rules.hint("readConfig", "serializer-formats is undefined. Falling back to defaults", GOOD_FORMATS);
         return false;
     }
     if (rules.value().isDictionary()) {
         return readFormatRules(rules);
     }
     if (!rules.value().isArray()) {
-        return rules.fail(4, "readConfig", "serializer-formats is neither array nor dictionary",
-                          "write a list of formats, or an object of such lists by service path");
+        return rules.failAs(rules.mismatch("a list of formats, or an object of such lists by service path"), 4,
+                            "readConfig", "serializer-formats is neither array nor dictionary", GOOD_FORMATS);
     }
     std::vector<std::string> formats;
     const bool failed = readFormats(rules, formats);
@@ -97,8 +102,12 @@ bool KesaConfig::readFormatRules(const ConfigNode& rules)
         return false;
     });
     if (m_serializers.count("*") == 0) {
-        rules.hint("readConfig", "no default rule for serializer-formats defined. Defining one",
-                   R"(add "*": ["application/json"])");
+        const std::string text = "no default rule for serializer-formats defined. Defining one";
+        if (rules.value()["*"].isDefined()) { // and wrong, as the report says already
+            rules.trace(3, "readConfig", text);
+        } else {
+            rules.hint("readConfig", text, R"(add "*": ["application/json"])");
+        }
         m_serializers.emplace("*", std::vector<std::string>{std::string(mimetypes::JSON)});
     }
     return failed || isBroken;

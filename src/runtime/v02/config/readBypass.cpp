@@ -14,15 +14,15 @@ bool readBypassPaths(const std::string& client, const ConfigNode& list, std::vec
 {
     const std::string who = "client='" + util::config::excerpt(client) + "' ";
     if (!list.value().isArray()) {
-        return list.fail(3, "readBypass", who + "value is not an array", ADVICE_ON_LIST,
-                         "client not mapped to an array");
+        return list.failAs(list.mismatch("a list"), 3, "readBypass", who + "value is not an array", ADVICE_ON_LIST,
+                           "client not mapped to an array");
     }
     return list.readElements([&](const ConfigNode& element, std::size_t index) {
         const std::string what = who + "value at index " + std::to_string(index);
         std::string path;
         if (element.value().get(path)) {
-            return element.fail(3, "readBypass", what + " is not a string", ADVICE_ON_PATH,
-                                "invalid service path in bypass");
+            return element.failAs(element.mismatch("a text"), 3, "readBypass", what + " is not a string",
+                                  ADVICE_ON_PATH, "invalid service path in bypass");
         }
         if (!Path::isAbsolute(path)) {
             return element.fail(3, "readBypass", what + " is not an absolute path", ADVICE_ON_PATH,
@@ -52,8 +52,9 @@ bool KesaConfig::readBypass(const ConfigNode& root)
 {
     const ConfigNode bypass = root["bypass"];
     if (!bypass.value().isDictionary()) {
-        return bypass.value().isDefined() && bypass.fail(4, "readConfig", "bypass is not a dictionary",
-                                                         "write an object: lists of service paths by process name");
+        return bypass.value().isDefined() &&
+               bypass.failAs(bypass.mismatch("an object"), 4, "readConfig", "bypass is not a dictionary",
+                             R"(write lists of service paths by process, such as {"media": ["/registry"]})");
     }
     return bypass.readMembers([this](const std::string& client, const ConfigNode& list) {
         std::vector<std::string> paths;

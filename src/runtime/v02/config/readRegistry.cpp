@@ -22,7 +22,7 @@ bool KesaConfig::readUseLocalRegistry(const ConfigNode& root)
     const char* const key = "use_local_registry";
     const ConfigNode node = root[key];
     return readFlag(node, key, m_useLocalRegistry) &&
-           node.fail(3, "readConfig", "local registy not bool", "write true or false");
+           node.failAs(node.mismatch("true or false"), 3, "readConfig", "local registy not bool", ADVICE_ON_FLAG);
 }
 
 bool KesaConfig::readUseRegistry(const ConfigNode& root)
@@ -31,7 +31,8 @@ bool KesaConfig::readUseRegistry(const ConfigNode& root)
     const ConfigNode node = root[key];
     const bool failed = readFlag(node, key, m_useRemoteRegistry);
     KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", key, m_useRemoteRegistry ? 1 : 0);
-    return failed && node.fail(3, "readConfig", "(remote) registy not bool", "write true or false");
+    return failed &&
+           node.failAs(node.mismatch("true or false"), 3, "readConfig", "(remote) registy not bool", ADVICE_ON_FLAG);
 }
 
 bool KesaConfig::readRegistryLocators(const ConfigNode& root)
@@ -54,8 +55,8 @@ bool KesaConfig::readRegistryLocator(const std::string& partition, const ConfigN
     KESA_TRACE(configChannel(), 2, "[readRegistryLocator] partition='%s'", partition.c_str());
     if (!value.value().isArray()) {
         return value.value().isDefined() &&
-               value.fail(4, "readRegistryLocator", "registry locator is not array",
-                          "write [ ... ] around the locators", "registry locators is not array");
+               value.failAs(value.mismatch("a list"), 4, "readRegistryLocator", "registry locator is not array",
+                            "write [ ... ] around the locators", "registry locators is not array");
     }
     std::vector<url> locators;
     const bool failed = value.readStrings(

@@ -56,7 +56,8 @@ bool readType(const ConfigNode& node, std::string& text, ServiceDef::TypeEnum& t
 bool readLocators(const ConfigNode& node, const std::string& path, std::vector<url>& locators)
 {
     if (!node.value().isArray()) {
-        return node.fail("locators is not array", "write a list of locators such as [\"ipc://process\"]");
+        return node.fail("locators is not array", "write a list of locators such as [\"ipc://process\"]",
+                         node.value().isDefined() ? node.mismatch("a list") : "is missing");
     }
     return node.readStrings(ADVICE_ON_LOCATOR, [&](const std::string& text, const ConfigNode& element, std::size_t) {
         url locator(text);
@@ -85,7 +86,8 @@ bool KesaConfig::readServices(const ConfigNode& root)
     const ConfigNode services = root["services"];
     if (!services.value().isArray()) {
         return services.value().isDefined() &&
-               services.fail(4, "readConfig", "services is not array", "write [ ... ] around the services");
+               services.failAs(services.mismatch("a list"), 4, "readConfig", "services is not array",
+                               "write [ ... ] around the services");
     }
     m_services.clear();
     return services.readElements([this](const ConfigNode& entry, std::size_t) { return readService(entry); });

@@ -14,8 +14,9 @@ bool readUIntArray(const ConfigNode& proxy, const char* key, Codes& codes)
 {
     const ConfigNode list = proxy[key];
     if (!list.value().isArray()) {
-        return list.value().isDefined() && list.fail(4, "readConfig", std::string(key) + " is not array",
-                                                     "write a list of numbers such as [500, 503]", "key is not array");
+        return list.value().isDefined() &&
+               list.failAs(list.mismatch("a list"), 4, "readConfig", std::string(key) + " is not array",
+                           "write a list of numbers such as [500, 503]", "key is not array");
     }
     const bool failed = list.readElements([&](const ConfigNode& element, std::size_t index) {
         unsigned int code = 0;
@@ -81,7 +82,8 @@ bool KesaConfig::readTimeout(const ConfigNode& proxy)
     }
     int timeout = 0;
     if (node.value().get(timeout)) {
-        return node.fail(3, "readConfig", "timeout not int", "write a whole number");
+        return node.failAs(node.mismatch("a whole number of at most 2147483647"), 3, "readConfig", "timeout not int",
+                           "write one without quotation marks");
     }
     m_proxyConfig.m_timeout = timeout;
     KESA_TRACE(configChannel(), 2, "[readConfig] %s=%d", "timeout", timeout);

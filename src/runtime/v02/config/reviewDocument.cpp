@@ -3,6 +3,7 @@
 #include "ConfigNode.h"
 
 #include <kesa/Path.h>
+#include <kesa/processName.h>
 #include <kesa/url.h>
 
 #include <string_view>
@@ -13,6 +14,8 @@ namespace kesa::runtime::v02 {
 using util::config::excerpt;
 
 namespace {
+
+constexpr const char* NO_WILDCARD = "'*' is taken as a name here, and does not stand for all others";
 
 /// Of locators that are read as they are: those that no service can have.
 void reviewLocators(const ConfigNode& list, bool mayLackPath)
@@ -84,12 +87,16 @@ void reviewServices(const ConfigNode& root)
 void reviewRegistryLocators(const ConfigNode& locators)
 {
     if (locators.value().isDefined() && !locators.value().isArray() && !locators.value().isDictionary()) {
-        locators.complain(Severity::eWARNING, "is neither object nor list, and counts as none",
+        locators.complain(Severity::eWARNING, locators.mismatch("an object or a list") + ", which counts as none",
                           "write {\"*\": [\"ipc://kesa-registryd/registry\"]}");
     }
     reviewLocators(locators, false);
     for (const auto& [partition, value] : locators.value()) {
         const ConfigNode list = locators[partition];
+        if (partition.empty()) {
+            list.complain(Severity::eWARNING, "no partition has an empty name",
+                          "name the partition, or write \"*\" for all that are not named");
+        }
         reviewLocators(list, false);
         if (value.isArray() && value.arraySize() == 0) {
             list.complain(Severity::eWARNING, "has no locators, and counts as not there",
@@ -124,8 +131,33 @@ void reviewPaths(const ConfigNode& formats, const ConfigNode& bypass)
     }
     for (const auto& [client, value] : bypass.value()) {
         const ConfigNode paths = bypass[client];
+        if (client == "*" || !isProcessName(client)) {
+            paths.complain(Severity::eWARNING,
+                           client == "*" ? NO_WILDCARD : "has no effect, since no process has that name",
+                           "write the name of a process");
+        }
         for (std::size_t i = 0; i < paths.size(); ++i) {
             reviewPath(std::string(value[i].stringView()), paths[i]);
+        }
+    }
+}
+
+/// What gives no node a partition.
+void reviewNodes(const ConfigNode& mapping)
+{
+    for (const auto& [node, partition] : mapping.value()) {
+        const ConfigNode member = mapping[node];
+        if (node == "*") {
+            member.complain(Severity::eWARNING, NO_WILDCARD,
+                            "name the nodes; each other one is a partition of its own name, which uses the locators "
+                            "of \"*\" in \"service_registry_locators\" unless it has its own");
+        } else if (node.empty()) {
+            member.complain(Severity::eWARNING, "has no effect, since no node has an empty name",
+                            "write the name of the node, as in KESA_NODE or framework.json");
+        }
+        if (partition.isString() && partition.stringView().empty()) {
+            member.complain(Severity::eWARNING, "the name of the partition is empty",
+                            "write the name of a partition, or leave the node out");
         }
     }
 }
@@ -139,9 +171,10 @@ void reviewDocument(ConfigReport& report)
     reviewRegistryLocators(root["service_registry_locators"]);
     reviewBackends(root["backends"]);
     reviewPaths(root["serializer-formats"], root["bypass"]);
+    reviewNodes(root["node_domain_mapping"]);
     const ConfigNode proxy = root["smartProxy"];
     if (proxy.value().isDefined() && !proxy.value().isDictionary()) {
-        proxy.complain(Severity::eWARNING, "is no object, and counts as an empty one",
+        proxy.complain(Severity::eWARNING, proxy.mismatch("an object") + ", which counts as an empty one",
                        "write {\"timeout\": 3000} or leave it out");
     }
 }

@@ -47,6 +47,10 @@ void addUnknown(const ConfigNode& object, const Keys& known)
         if (std::find(known.begin(), known.end(), key) != known.end()) {
             continue;
         }
+        if (object.isOnlyCounted()) {
+            object.complain(Severity::eHINT, {}, {});
+            continue;
+        }
         const std::string_view meant = util::nearestName(key, known);
         std::string text = "ignored: unknown key '";
         text.append(util::config::shortenedKey(key)).append("'");

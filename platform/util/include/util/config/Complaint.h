@@ -39,6 +39,8 @@ struct KESA_API Complaint {
 KESA_API std::string excerpt(std::string_view text);
 /// A value, as JSON has it: one can see whether it is a number or a text.
 KESA_API std::string quoted(const Value& value);
+/// The same in words: "the text "true"", "a list".
+KESA_API std::string described(const Value& value);
 
 } // namespace util::config
 

@@ -1,11 +1,10 @@
-#include "visible.h"
-
 #include <fmt/format.h>
 #include <util/utf8.h>
+#include <util/visible.h>
 
 #include <iterator>
 
-namespace kesactl {
+namespace util {
 namespace {
 
 /// Those of C0 and C1, the separators of lines, and those that turn or mark the direction of writing.
@@ -22,8 +21,8 @@ std::string visibleBut(std::string_view text, std::string_view kept)
     result.reserve(text.size());
     while (!text.empty()) {
         const std::string_view rest = text;
-        const char32_t character = util::takeCharacter(text);
-        if (character == util::INVALID_CHARACTER) {
+        const char32_t character = takeCharacter(text);
+        if (character == INVALID_CHARACTER) {
             result += "\uFFFD";
         } else if (isControl(character) && kept.find(rest.front()) == std::string_view::npos) {
             fmt::format_to(std::back_inserter(result), "\\u{:04x}", static_cast<unsigned>(character));
@@ -46,4 +45,4 @@ std::string visibleLines(std::string_view text)
     return visibleBut(text, "\n\t");
 }
 
-} // namespace kesactl
+} // namespace util
