@@ -39,7 +39,7 @@ std::string complaintAbout(const RegistryPlace& place, const std::string& proces
     }
     return fmt::format("no registry locator of {} ({}) can be reached from here; write one such as "
                        "\"ipc://kesa-registryd/registry\", and one of another run directory only without its realm",
-                       place.source, join(place.locators));
+                       place.source, util::config::excerpt(join(place.locators)));
 }
 
 } // namespace
@@ -75,7 +75,7 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     if (place.locators.empty()) {
         place.problem = fmt::format("{} has no registry locators for the partition \"{}\", and none for \"*\"; add "
                                     "them to \"service_registry_locators\"",
-                                    place.source, partition);
+                                    place.source, util::config::excerpt(partition));
     } else {
         place.problem = complaintAbout(place, process);
     }

@@ -17,10 +17,10 @@ const Channel& channel()
 }
 
 /// The reader's own trace says all of the others, such as that a default counts.
-bool needsPlace(const Complaint& complaint)
+bool isTold(const Complaint& complaint)
 {
-    return !complaint.path.empty() && (complaint.severity == Severity::eERROR ||
-                                       (complaint.severity == Severity::eWARNING && !complaint.advice.empty()));
+    return complaint.severity == Severity::eERROR ||
+           (complaint.severity == Severity::eWARNING && !complaint.path.empty() && !complaint.advice.empty());
 }
 
 } // namespace
@@ -29,7 +29,7 @@ void traceFaults(const ConfigReport& report, const std::string& source, bool has
 {
     std::size_t count = 0;
     for (const Complaint& complaint : report.complaints) {
-        if (needsPlace(complaint) && ++count <= MOST_TRACED) {
+        if (isTold(complaint) && ++count <= MOST_TRACED) {
             KESA_TRACE_TEXT(channel(), static_cast<int>(complaint.severity),
                             "[configuration] " + complaint.sentence(source));
         }

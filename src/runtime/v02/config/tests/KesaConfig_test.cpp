@@ -133,6 +133,20 @@ TEST(KesaConfig, SaysWhereTheFaultIsAndWhatToWrite)
                     "3" + begin + "use_regisrty: ignored: unknown key 'use_regisrty'; did you mean 'use_registry'?",
                     "4" + begin +
                         "it does not count; with the defaults, which do, this process finds no other process"));
+    const std::pair<const char*, const char*> texts[] = {
+        {"[]", "expected an object, found an empty list; the document must be an object: { ... }"},
+        {"{\"a\": \"\xe9\"}", "1:8: the text is not valid UTF-8; save the file as UTF-8"},
+        {R"({"serializer-formats": {"*": []}})",
+         "serializer-formats.*: expected a list of formats, found an empty list; write a list such as "
+         "[\"application/json\"]"},
+    };
+    for (const auto& [text, complaint] : texts) {
+        EXPECT_FALSE(read(text).m_valid);
+        const Strings lines = traces.take();
+        ASSERT_EQ(lines.size(), 2U) << text;
+        const std::string place = begin.substr(0, begin.size() - (std::string(complaint).starts_with("1:") ? 1 : 0));
+        EXPECT_EQ(lines.front(), "4" + place + complaint);
+    }
     std::string mistyped;
     for (const char last : std::string("abcdefghijkl")) {
         mistyped += std::string("\"use_registry") + last + "\": true, ";
