@@ -1,6 +1,7 @@
 #include "ThreadScheduler.h"
 
 #include "EpollReactor.h"
+#include "LoopWait.h"
 #include "ThreadRunLoop.h"
 #include "monotonicClock.h"
 
@@ -32,6 +33,10 @@ public:
 
     bool wait(std::unique_lock<std::mutex>& lock, const std::function<bool()>& predicate, TimeNs deadline) override
     {
+        if (predicate()) {
+            return true;
+        }
+        const LoopWait::Scope waits;
         while (!predicate()) {
             if (deadline != NEVER && monotonicNow() >= deadline) {
                 return false;
