@@ -73,12 +73,12 @@ void HoldWatch::tell(Watched& watched, comm::TimeNs held) const
 {
     static const ::tracing::Channel channel("KESA_EASE");
     const comm::TimeNs now = comm::now();
-    const bool isSame = now - held - watched.since < LONG_HOLD / 2; // as exact as it is known
+    const bool isSame = now - held < watched.told; // what its thread has waited for a processor makes it look younger
     const bool isEnding = m_isEnding;
     if (isSame && watched.isToldOfEnd == isEnding && (!isEnding || now - watched.told < BETWEEN_LINES)) {
         return;
     }
-    watched = {watched.hold, now - held, now, isEnding};
+    watched = {watched.hold, now, isEnding};
     const std::string holder = watched.hold->holder();
     const comm::TimeNs seconds = held / comm::SECOND;
     KESA_TRACE_TEXT(channel, 3,

@@ -29,8 +29,7 @@ public:
 private:
     struct Watched {
         std::shared_ptr<const comm::LoopHold> hold;
-        comm::TimeNs since = 0; ///< when the last hold began that was told of
-        comm::TimeNs told = 0;  ///< when that was; of the process's end in this way:
+        comm::TimeNs told = 0; ///< when a hold was told of last; of the process's end in this way:
         bool isToldOfEnd = false;
     };
     void sleepOrLookLater();

@@ -7,17 +7,26 @@
 #include <comm/Reactor.h>
 
 #include <algorithm>
+#include <atomic>
 
 namespace comm {
 
-/// How long each callback of a loop, or each lap of one, kept the loop from others. Its thread alone. Of the coarse
-/// clock: exact to some milliseconds, and nearly free.
+/// How long each callback of a loop, or each lap of one, kept the loop from others. Its thread alone, but for
+/// `heldFor`. Of the coarse clock: exact to some milliseconds, and nearly free.
 class CallbackTimer {
 public:
     /// The next callback begins now. Not needed after `end`.
     void start() { m_callbackStart = m_lapStart = readClock(CLOCK_MONOTONIC_COARSE); }
-    /// When the lap under way began.
-    TimeNs lapStart() const noexcept { return m_lapStart; }
+    /// `heldFor` is of the lap that began last, from here to `setIdle`.
+    void setHeld() noexcept { m_heldSince.store(m_lapStart, std::memory_order_relaxed); }
+    void setIdle() noexcept { m_heldSince.store(0, std::memory_order_relaxed); }
+    /// `Reactor::heldFor`.
+    TimeNs heldFor() const noexcept
+    {
+        const TimeNs since = m_heldSince.load(std::memory_order_relaxed);
+        const TimeNs lasted = since == 0 ? 0 : readClock(CLOCK_MONOTONIC_COARSE) - since;
+        return lasted <= Reactor::LONG_CALLBACK ? lasted : std::max<TimeNs>(lasted - m_processorWait.sinceAnew(), 0);
+    }
 
     /// What of the callback no lap has told; 0 up to `Reactor::LONG_CALLBACK`. The next one begins now.
     TimeNs end()
@@ -37,6 +46,7 @@ public:
         const bool isLong = worked > Reactor::LONG_CALLBACK;
         m_callbackStart += isLong ? lasted : lasted - worked; // what is told here, and what is nobody's doing
         m_lapStart = now;
+        setHeld();
         return isLong ? worked : 0;
     }
 
@@ -53,6 +63,7 @@ private:
 
     TimeNs m_callbackStart = 0; ///< later by what `lap` has told or taken off
     TimeNs m_lapStart = 0;
+    std::atomic<TimeNs> m_heldSince{0}; ///< 0: no callback is under way; others read it for texts only
     ProcessorWait m_processorWait;
 };
 

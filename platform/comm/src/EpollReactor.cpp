@@ -73,7 +73,7 @@ public:
     void unwatch(Id id) override;
     void atTurnEnd(Task task) override;
     TimeNs lap() override;
-    TimeNs heldFor() const noexcept override;
+    TimeNs heldFor() const noexcept override { return m_callbackTimer.heldFor(); }
     void stop() override;
     bool isCurrent() const noexcept override { return m_thread.isCurrent(); }
 
@@ -123,8 +123,6 @@ private:
     /// Becomes true under `m_mutex` when nothing is posted; a producer that finds it true has to wake the loop.
     std::atomic<bool> m_isAsleep{false};
     std::atomic<bool> m_hasEnded{false};
-    /// 0: no callback is under way. Read by other threads for texts only, so it orders nothing.
-    std::atomic<TimeNs> m_heldSince{0};
 
     // The loop's own.
     Id m_lastId = 0;
@@ -310,6 +308,8 @@ void EpollReactor::wake() const noexcept
 
 void EpollReactor::run()
 {
+    m_callbackTimer.start();
+    m_callbackTimer.refresh();
     while (!turn()) {
     }
     dropAll();
@@ -339,7 +339,7 @@ bool EpollReactor::turn()
     while (!m_unwatched.empty()) {
         std::exchange(m_unwatched, {}).clear();
     }
-    m_heldSince.store(0, std::memory_order_relaxed);
+    m_callbackTimer.setIdle();
     m_callbackTimer.refresh();
     return isLast;
 }
@@ -440,7 +440,7 @@ void EpollReactor::dropAll()
 template <class F>
 void EpollReactor::call(F&& callback)
 {
-    m_heldSince.store(m_callbackTimer.lapStart(), std::memory_order_relaxed);
+    m_callbackTimer.setHeld();
     callback();
     if (const TimeNs held = m_callbackTimer.end(); held != 0) {
         traceHeld(held);
@@ -463,15 +463,7 @@ TimeNs EpollReactor::lap()
     if (!isOnLoop(__func__)) {
         return 0;
     }
-    const TimeNs held = m_callbackTimer.lap();
-    m_heldSince.store(m_callbackTimer.lapStart(), std::memory_order_relaxed);
-    return held;
-}
-
-TimeNs EpollReactor::heldFor() const noexcept
-{
-    const TimeNs since = m_heldSince.load(std::memory_order_relaxed);
-    return since == 0 ? 0 : readClock(CLOCK_MONOTONIC_COARSE) - since;
+    return m_callbackTimer.lap();
 }
 
 /// False where the loop's own things may not be touched: after its end, and, after a failed assertion, outside of it.

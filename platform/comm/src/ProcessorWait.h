@@ -4,8 +4,10 @@
 #include <comm/Clock.h>
 
 #include <algorithm>
+#include <atomic>
 #include <charconv>
 #include <cstddef>
+#include <cstdio>
 #include <fcntl.h>
 #include <string_view>
 #include <unistd.h>
@@ -13,7 +15,7 @@
 namespace comm {
 
 /// How long a thread that could run had no processor, as the kernel counts it. On a machine that has too much to do
-/// this tells a callback that takes long from one that is not let run. Its thread alone.
+/// this tells a callback that takes long from one that is not let run. Its thread alone, but for `sinceAnew`.
 class ProcessorWait {
 public:
     /// Begins to count anew when it has not for a second: reading costs as much as a call between processes. `now` is
@@ -21,8 +23,8 @@ public:
     void refresh(TimeNs now)
     {
         if (now - m_refreshed >= SECOND) {
-            m_refreshed = now;
-            m_waited = read();
+            m_thread.store(::gettid(), std::memory_order_relaxed);
+            beginAnew(now);
         }
     }
 
@@ -30,16 +32,26 @@ public:
     /// does not tell.
     TimeNs sinceRefresh(TimeNs now)
     {
-        const TimeNs before = m_waited;
-        m_refreshed = now;
-        m_waited = read();
-        return std::max<TimeNs>(m_waited - before, 0);
+        const TimeNs waited = sinceAnew();
+        beginAnew(now);
+        return waited;
     }
 
+    /// Since it last began anew. Any thread: for texts only, so it is in order with nothing.
+    TimeNs sinceAnew() const { return std::max<TimeNs>(read() - m_waited.load(std::memory_order_relaxed), 0); }
+
 private:
-    static TimeNs read()
+    void beginAnew(TimeNs now)
     {
-        const int file = ::open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
+        m_refreshed = now;
+        m_waited.store(read(), std::memory_order_relaxed);
+    }
+
+    TimeNs read() const
+    {
+        char name[64];
+        std::snprintf(name, sizeof name, "/proc/self/task/%d/schedstat", m_thread.load(std::memory_order_relaxed));
+        const int file = ::open(name, O_RDONLY | O_CLOEXEC);
         if (file < 0) {
             return 0;
         }
@@ -53,8 +65,9 @@ private:
         return waited;
     }
 
+    std::atomic<int> m_thread{0}; ///< as the kernel numbers it; 0 before the first `refresh`
     TimeNs m_refreshed = 0;
-    TimeNs m_waited = 0;
+    std::atomic<TimeNs> m_waited{0};
 };
 
 } // namespace comm

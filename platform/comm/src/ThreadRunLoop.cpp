@@ -8,7 +8,6 @@
 #include "leakInChild.h"
 #include "recycle.h"
 
-#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <utility>
@@ -35,7 +34,6 @@ struct ThreadRunLoop::Shared {
     // Of a loop that is watched.
     util::UniqueFunction<void(TimeNs)> tell; ///< set before the first event, then the loop's own
     CallbackTimer timer;                     ///< the loop's own
-    std::atomic<TimeNs> heldSince{0};        ///< 0: no event is under way; others read it for texts only
 };
 
 void ThreadRunLoop::Shared::run()
@@ -59,14 +57,14 @@ void ThreadRunLoop::Shared::runWatched(std::vector<util::SharedPtr<ActiveObjectE
     timer.refresh();
     LoopWait::take();
     for (auto& event : batch) {
-        heldSince.store(timer.lapStart(), std::memory_order_relaxed);
+        timer.setHeld();
         event->execute();
         event.reset();
         if (const TimeNs held = timer.end(); held != 0) {
             tellHeld(held);
         }
     }
-    heldSince.store(0, std::memory_order_relaxed);
+    timer.setIdle();
 }
 
 /// What an event waits for another loop outside of laps is no handler's doing: on a machine that has too much to do
@@ -151,14 +149,12 @@ TimeNs ThreadRunLoop::lap()
     if (held != 0) {
         LoopWait::take();
     }
-    m_shared->heldSince.store(m_shared->timer.lapStart(), std::memory_order_relaxed);
     return held;
 }
 
 TimeNs ThreadRunLoop::heldFor() const noexcept
 {
-    const TimeNs since = m_shared->heldSince.load(std::memory_order_relaxed);
-    return since == 0 ? 0 : readClock(CLOCK_MONOTONIC_COARSE) - since;
+    return m_shared->timer.heldFor();
 }
 
 bool ThreadRunLoop::isCurrent() const noexcept

@@ -36,6 +36,8 @@ TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
             told(60 * comm::SECOND),
             ElementsAre(HasSubstr("[loop] the handler of '/a' has held the executor of this process for 2 s and "
                                   "still does, so it hears of ")));
+        since += 30 * comm::SECOND; // its thread had no processor
+        EXPECT_THAT(told(4 * comm::SECOND), IsEmpty());
     }
     {
         const comm::LoopHold::Call another(*hold, describe);

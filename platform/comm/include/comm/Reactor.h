@@ -54,7 +54,8 @@ public:
     /// for what is left at the end of the callback.
     virtual TimeNs lap() = 0;
     /// How long the callback under way has held the loop, since it began or since its last lap; exact to some
-    /// milliseconds. 0 when none is under way. Any thread.
+    /// milliseconds, and without what its thread has waited for a processor, as `lap`. 0 when none is under way. Any
+    /// thread.
     virtual TimeNs heldFor() const noexcept = 0;
 
     /// Runs what was posted before it, drops timers and watches, ends the loop and waits for it. Twice is harmless.
