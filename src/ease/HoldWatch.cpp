@@ -73,12 +73,14 @@ void HoldWatch::tell(Watched& watched, comm::TimeNs held) const
 {
     static const ::tracing::Channel channel("KESA_EASE");
     const comm::TimeNs now = comm::now();
-    const bool isSame = now - held < watched.told; // what its thread has waited for a processor makes it look younger
+    // As old as it was at the last look: what its thread waits for a processor makes it look younger than it is.
+    const bool isSame = now - held < std::exchange(watched.seen, now);
     const bool isEnding = m_isEnding;
     if (isSame && watched.isToldOfEnd == isEnding && (!isEnding || now - watched.told < BETWEEN_LINES)) {
         return;
     }
-    watched = {watched.hold, now, isEnding};
+    watched.told = now;
+    watched.isToldOfEnd = isEnding;
     const std::string holder = watched.hold->holder();
     const comm::TimeNs seconds = held / comm::SECOND;
     KESA_TRACE_TEXT(channel, 3,

@@ -29,7 +29,8 @@ public:
 private:
     struct Watched {
         std::shared_ptr<const comm::LoopHold> hold;
-        comm::TimeNs told = 0; ///< when a hold was told of last; of the process's end in this way:
+        comm::TimeNs seen = 0; ///< when a hold was looked at last
+        comm::TimeNs told = 0; ///< and told of last; of the process's end in this way:
         bool isToldOfEnd = false;
     };
     void sleepOrLookLater();
