@@ -7,6 +7,7 @@
 #include <obr/GlobalErrorHandler.h>
 
 #include <csignal>
+#include <ctime>
 #include <memory>
 #include <system_error>
 #include <utility>
@@ -93,6 +94,22 @@ void LoopThread::join()
 {
     const std::lock_guard lock(m_joinMutex);
     if (!std::exchange(m_isJoined, true)) {
+        ::pthread_join(m_thread, nullptr);
+    }
+}
+
+void LoopThread::join(const std::function<void()>& tell)
+{
+    const std::lock_guard lock(m_joinMutex);
+    if (m_isJoined) {
+        return;
+    }
+    m_isJoined = true;
+    timespec late{};
+    ::clock_gettime(CLOCK_REALTIME, &late);
+    ++late.tv_sec;
+    if (::pthread_timedjoin_np(m_thread, nullptr, &late) != 0) {
+        tell();
         ::pthread_join(m_thread, nullptr);
     }
 }

@@ -23,6 +23,8 @@ public:
     bool isCurrent() const noexcept;
     /// Waits for the end of `body`; any number of times, from any other thread.
     void join();
+    /// The same; calls `tell`, once, when that takes a second.
+    void join(const std::function<void()>& tell);
     /// Nobody will join: what ends the thread runs on it.
     void detach();
 

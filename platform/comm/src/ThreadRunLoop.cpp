@@ -8,6 +8,10 @@
 #include "leakInChild.h"
 #include "recycle.h"
 
+#include <tracing/Channel.h>
+
+#include <fmt/format.h>
+
 #include <condition_variable>
 #include <mutex>
 #include <utility>
@@ -22,6 +26,7 @@ struct ThreadRunLoop::Shared {
     void runWatched(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch);
     void tellHeld(TimeNs held);
     void requestStop();
+    void join();
     /// Fills `batch` with what is queued; waits for it. False when there is nothing left to come.
     bool take(std::vector<util::SharedPtr<ActiveObjectEvent>>& batch);
 
@@ -94,6 +99,21 @@ void ThreadRunLoop::Shared::requestStop()
     filled.notify_one();
 }
 
+/// Of a loop that is watched others say what holds it.
+void ThreadRunLoop::Shared::join()
+{
+    thread.join([this] {
+        if (!tell) {
+            static const tracing::Channel channel("KESA_COMM");
+            KESA_TRACE_TEXT(channel, 3,
+                            fmt::format("[stop] who stops or destroys the loop '{}' has waited for 1 s until what runs "
+                                        "on it returns, in the thread '{}', and goes on waiting; what was enqueued "
+                                        "before runs first",
+                                        thread.loopName(), threadName(thread.loopName())));
+        }
+    });
+}
+
 ThreadRunLoop::ThreadRunLoop(const std::string& name) : m_shared(std::make_shared<Shared>(name))
 {
     m_shared->thread.start([shared = m_shared] { shared->run(); });
@@ -108,7 +128,7 @@ ThreadRunLoop::~ThreadRunLoop()
     // Inside its own event, when the assertion's handler returned, the thread goes on alone to the end of the queue.
     const bool mayJoin = m_shared->thread.mayStop(__func__);
     m_shared->requestStop();
-    mayJoin ? m_shared->thread.join() : m_shared->thread.detach();
+    mayJoin ? m_shared->join() : m_shared->thread.detach();
 }
 
 void ThreadRunLoop::enque(util::SharedPtr<ActiveObjectEvent> event)
@@ -134,7 +154,7 @@ void ThreadRunLoop::stop()
 {
     if (m_shared->thread.mayStop(__func__)) {
         m_shared->requestStop();
-        m_shared->thread.join();
+        m_shared->join();
     }
 }
 

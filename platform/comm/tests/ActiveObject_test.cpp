@@ -4,6 +4,7 @@
 
 #include <comm/AtFork.h>
 #include <comm/Scheduler.h>
+#include <tracing/CapturingSink.h>
 
 #include <fcntl.h>
 #include <sys/eventfd.h>
@@ -64,15 +65,20 @@ TEST(ActiveObject, KeepsTheOrderOfEachProducerAndLosesNothingWhenItStops)
     }
 }
 
-TEST(ActiveObject, StopRunsWhatCameBeforeAndDropsWhatComesAfter)
+TEST(ActiveObject, StopRunsWhatCameBeforeSayingWhenThatTakesLongAndDropsWhatComesAfter)
 {
-    ActiveObject object("m_loop");
+    const tracing::TraceCapture traces("KESA_COMM");
+    ActiveObject object("my.worker");
     std::vector<std::string> log;
-    Signal go;
-    post(object, [&go] { go.await(); });
+    std::vector<std::string> told;
+    post(object, [&] {
+        while ((told = traces.take()).empty()) {
+            std::this_thread::yield();
+        }
+    });
     post(object, [&log] { log.emplace_back("queued"); });
-    go.raise();
     object.stop();
+    EXPECT_THAT(told, ElementsAre(HasSubstr("3 [stop] who stops or destroys the loop 'my.worker' has waited for 1 s")));
     // The destructor of a dropped event may use the queue: no lock is held.
     post(
         object, [] { FAIL(); },
