@@ -48,13 +48,19 @@ int complain(ExitCode exitCode, const std::string& problem)
     return static_cast<int>(exitCode);
 }
 
-/// Blocked before the first thread is made, so that only `sigwait` takes them.
+/// Blocked before the first thread is made, so that only `sigwait` takes them. What is ignored stays so, as SIGINT in
+/// what a script starts with '&'.
 sigset_t blockEndSignals()
 {
     sigset_t ends;
     sigemptyset(&ends);
-    sigaddset(&ends, SIGINT);
-    sigaddset(&ends, SIGTERM);
+    for (const int signal : {SIGINT, SIGTERM}) {
+        struct sigaction action {};
+        sigaction(signal, nullptr, &action);
+        if (action.sa_handler != SIG_IGN) { // NOLINT: a macro of the system's
+            sigaddset(&ends, signal);
+        }
+    }
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // nobody may read the line that says it is ready
     return ends;

@@ -111,6 +111,26 @@ void warnOfThreadsThatTake()
     }
 }
 
+/// By whoever started the program, who may end others by the same Ctrl-C, or by itself. One that is blocked comes all
+/// the same.
+bool isIgnored(int signal)
+{
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler == SIG_IGN; // NOLINT: a macro of the system's
+}
+
+void sayIgnored(int signal)
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    KESA_TRACE(
+        channel, 3,
+        "[Runtime] %s has come and is ignored, since this program was started so, as nohup and a script's '&' do "
+        "it, or ignores it itself; %s",
+        signal == SIGINT ? "SIGINT" : "SIGTERM",
+        signal == SIGINT ? "SIGTERM ends this process" : "kill -9 ends this process");
+}
+
 } // namespace
 
 EndSignals::EndSignals() : m_signals(endSignals())
@@ -185,6 +205,12 @@ void EndSignals::take()
 
 void EndSignals::come(int signal)
 {
+    if (isIgnored(signal)) {
+        if (!m_hasSaidIgnored.exchange(true)) {
+            sayIgnored(signal);
+        }
+        return;
+    }
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_signal != 0) {

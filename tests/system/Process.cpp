@@ -65,6 +65,7 @@ std::vector<char*> pointers(std::vector<std::string>& strings)
     if (::getppid() != parent || ::chdir(setup.directory.c_str()) != 0) {
         ::_exit(126);
     }
+    ::signal(SIGINT, SIG_DFL); // a script may have started the tests
     ::execve(arguments[0], arguments, environment);
     ::_exit(127);
 }

@@ -28,6 +28,10 @@ namespace kesa {
 /// a program asks while it ends is answered. A further one, 0.1 s later or more, does what it does without a runtime:
 /// it ends the process, whatever hangs. A thread that does not wait hears of none.
 ///
+/// A signal that is ignored stays so: SIGINT in a program that a script has started with "&", so that Ctrl-C ends the
+/// script alone, or that was started with SIGINT ignored in another way. The first that comes is traced (3). SIGTERM
+/// ends such a program.
+///
 /// A program that had blocked one of the two before, or has a handler for it, handles them itself: until it calls
 /// `runUntilSignal` nothing takes them.
 ///

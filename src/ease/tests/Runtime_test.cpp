@@ -33,6 +33,7 @@ protected:
         directory = ::mkdtemp(pattern.data());
         ::setenv("KESA_RUN_DIR", directory.c_str(), 1);
         ::setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+        std::signal(SIGINT, SIG_DFL); // a script may have started this
     }
     ~RuntimeTest() override
     {
@@ -113,8 +114,23 @@ TEST_F(RuntimeTest, ASecondSignalEndsTheProcess)
     EXPECT_EXIT(ignore(), testing::KilledBySignal(SIGINT), "");
 }
 
-TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItself)
+TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItselfOrIgnoresThem)
 {
+    std::signal(SIGINT, SIG_IGN);
+    {
+        const ::tracing::TraceCapture traces{"KESA_EASE"};
+        Runtime runtime("greeter", ALONE);
+        ::raise(SIGINT); // to this thread
+        std::vector<std::string> told;
+        EXPECT_EQ(runtime.runUntilSignal(1ms,
+                                         [&] {
+                                             told = traces.take();
+                                             ::kill(::getpid(), told.empty() ? SIGINT : SIGTERM);
+                                         }),
+                  SIGTERM);
+        EXPECT_THAT(told, testing::ElementsAre(HasSubstr("SIGINT has come and is ignored")));
+    }
+    std::signal(SIGINT, SIG_DFL);
     sigset_t own;
     sigemptyset(&own);
     sigaddset(&own, SIGINT);
