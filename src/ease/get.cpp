@@ -9,6 +9,8 @@
 #include <kesa/ease/get.h>
 #include <kesa/headers.h>
 #include <kesa/reasonOf.h>
+#include <kesa/runtime/v02/IReasons.h>
+#include <kesa/runtime/v02/KesaRuntime.h>
 
 #include <algorithm>
 #include <atomic>
@@ -27,6 +29,18 @@ void setError(GetResult& result, const Response& error)
     result.error = reasonOf(error);
 }
 
+/// What holds the I/O loop of this process, over which its answers come.
+std::string whyDeaf()
+{
+    std::string why;
+    runtime::v02::KesaRuntime::withInstance([&why](runtime::v02::IKesaRuntime& runtime) {
+        if (const auto reasons = runtime.reasons()) {
+            why = reasons->obstacle(url());
+        }
+    });
+    return why;
+}
+
 /// A time that was over has a cause that a client may know, or a command can find.
 void addObstacle(GetResult& result, const IKesaApi& api)
 {
@@ -38,6 +52,8 @@ void addObstacle(GetResult& result, const IKesaApi& api)
         const std::string why = client->reason();
         result.error +=
             why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {0}' says more", client->path()) : "; " + why;
+    } else if (const std::string why = whyDeaf(); !why.empty()) {
+        result.error += "; " + why;
     }
 }
 

@@ -141,9 +141,9 @@ bool Process::readEvents(Deadline deadline)
     return true;
 }
 
-std::string Process::expect(const std::string& beginning)
+std::string Process::expect(const std::string& beginning, std::chrono::seconds limit)
 {
-    const auto deadline = Clock::now() + LIMIT;
+    const auto deadline = Clock::now() + limit;
     std::size_t looked = 0;
     do {
         if (const auto rest = m_told.take(beginning, looked)) {

@@ -44,7 +44,7 @@ public:
     void send(const std::string& command);
     /// Waits for an event that is `beginning`, or begins with it and a space; the oldest that was not yet waited for.
     /// Returns what follows.
-    std::string expect(const std::string& beginning);
+    std::string expect(const std::string& beginning, std::chrono::seconds limit = LIMIT);
     /// Whether such an event has come; takes it as `expect` does.
     bool hasTold(const std::string& beginning);
     /// Waits for an event that contains both.

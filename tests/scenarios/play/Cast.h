@@ -30,6 +30,8 @@ public:
     virtual void leaveBehind(const std::string& who, const std::string& loop, std::chrono::milliseconds time) = 0;
     /// Gives an actor a command.
     virtual void tell(const std::string& who, const std::string& line) = 0;
+    /// The step that begins, for whoever is left waiting.
+    virtual void begin(const std::string& /*step*/) {}
     /// Waits until it has told that, and takes it; what follows in that line, if it came.
     virtual std::optional<std::string> hears(const std::string& who, const std::string& beginning) = 0;
     /// What it has told so far.

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
 #include <map>
 #include <optional>
 #include <set>
@@ -73,13 +74,16 @@ public:
             of(who).expect("obeyed");
         }
     }
+    void begin(const std::string& step) override { m_step = step; }
     std::optional<std::string> hears(const std::string& who, const std::string& beginning) override
     {
-        try {
-            return of(who).expect(beginning);
-        } catch (const system_test::Missing&) {
-            return std::nullopt;
+        std::optional<std::string> rest = hearsWithin(SILENT, who, beginning);
+        if (!rest) {
+            std::fprintf(stderr, "%s\n  waits for that up to %d s more\n", m_step.c_str(),
+                         static_cast<int>(MORE.count()));
+            rest = hearsWithin(MORE, who, beginning);
         }
+        return rest;
     }
     const actor::Told& told(const std::string& who) override { return of(who).told(); }
     std::string hint(const std::string& who) override
@@ -103,12 +107,26 @@ public:
     }
 
 private:
+    /// A scenario has one thing to wait for at a time: what does not come within seconds does not come.
+    static constexpr std::chrono::seconds SILENT{3};
+    static constexpr std::chrono::seconds MORE{27};
+
+    std::optional<std::string> hearsWithin(std::chrono::seconds limit, const std::string& who,
+                                           const std::string& beginning)
+    {
+        try {
+            return of(who).expect(beginning, limit);
+        } catch (const system_test::Missing&) {
+            return std::nullopt;
+        }
+    }
     Process& of(const std::string& who) { return *m_members.at(who); }
 
     const std::optional<std::vector<std::string>> m_services;
     Stage m_stage;
     std::map<std::string, Process*> m_members;
     std::set<std::string> m_stopped;
+    std::string m_step;
 };
 
 } // namespace

@@ -15,11 +15,12 @@ public:
     std::string run()
     {
         for (const Step& step : m_scenario.steps) {
+            const std::string text = m_scenario.at(step.line) + step.who + ' ' + step.command + ' ' + step.arguments;
+            m_cast.begin(text);
             const std::string failure = failureOf(step);
             if (!failure.empty()) {
-                return m_scenario.at(step.line) + step.who + ' ' + step.command + ' ' + step.arguments + "\n  " +
-                       failure + "\n  " + step.who + " told:\n" + eventsOf(step.who) + "  " + m_cast.hint(step.who) +
-                       '\n';
+                return text + "\n  " + failure + "\n  " + step.who + " told:\n" + eventsOf(step.who) + "  " +
+                       m_cast.hint(step.who) + '\n';
             }
             m_cast.pause();
         }
