@@ -26,6 +26,21 @@ TEST(History, KeepsTheLastEventsOfTheLastPaths)
     EXPECT_EQ(history.of('/' + std::to_string(2 * History::MAX_PATHS - 1)).size(), 1U);
 }
 
+TEST(History, CountsAClaimThatIsRefusedAgainAsItsLastTime)
+{
+    History history;
+    for (const auto& [when, pid] : {std::pair(1, 7), {2, 7}, {3, 8}}) {
+        history.add("/a", {History::Event::What::eREFUSED, 0, when, {"p", pid, 0}, "held"});
+    }
+    history.add("/a", lost(4));
+    history.add("/a", lost(5));
+    std::vector<std::int64_t> times;
+    for (const History::Event& event : history.of("/a")) {
+        times.push_back(event.when);
+    }
+    EXPECT_EQ(times, (std::vector<std::int64_t>{2, 3, 4, 5}));
+}
+
 TEST(History, StaysBelowItsBytesWhateverItIsTold)
 {
     History history;

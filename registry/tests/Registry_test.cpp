@@ -83,50 +83,6 @@ TEST_F(RegistryTest, ThisProcessNeedsNoProof)
         << "as its locator names it, since its record does not";
 }
 
-/// "what provider [reason]" of each event, where it is whole.
-Lines historyOf(const GenericObject& explanation)
-{
-    Lines lines;
-    for (const auto& event : explanation["history"].items()) {
-        const bool isOfARegistration = event["what"] != "refused";
-        EXPECT_EQ(event["pid"], 7);
-        EXPECT_TRUE(event["when"].isInteger());
-        EXPECT_EQ(event["since"].isInteger(), isOfARegistration);
-        lines.push_back(event["what"].toText() + ' ' + event["provider"].toText() + " [" +
-                        std::string(event["reason"].stringView()) + ']');
-    }
-    return lines;
-}
-
-TEST_F(RegistryTest, ExplainsWhoHasAPathAndWhatBecameOfItsRegistrations)
-{
-    Process holder("holder"), other("other");
-    EXPECT_FALSE(explain(other, "/a")["holder"].isDefined());
-    void* const withdrawn = registerService(holder, "w", service("/a"));
-    const GenericObject present = explain(other, "/a");
-    EXPECT_EQ(present["registered"], true);
-    EXPECT_EQ(present["holder"]["provider"], "holder");
-    EXPECT_EQ(present["holder"]["record"]["locators"][0], "ipc://p/s");
-    EXPECT_GE(present["holder"]["since"].toText(), present["registryStarted"].toText());
-    EXPECT_THAT(historyOf(present), IsEmpty()) << "what is there is no history";
-    for (int round = 0; round < 3; ++round) { // counts as one
-        registerService(other, "c", service("/a"));
-        holder.peer->answer(true);
-    }
-    m_registry->cancelRequest(withdrawn);
-    void* const lost = registerService(holder, "l", service("/a"));
-    holder.peer->reason = "the peer closed the connection";
-    m_registry->cancelRequest(lost);
-    holder.reconnect();
-    registerService(holder, "d", service("/a"));
-    registerService(other, "o", service("/a"));
-    holder.peer->answer(false);
-    EXPECT_THAT(historyOf(explain(holder, "/a")),
-                ElementsAre("refused other [held by process holder (pid 7)]", "withdrawn holder []",
-                            "lost holder [the peer closed the connection]", "lost holder [no sign of life]"));
-    EXPECT_EQ(explain(holder, "/a")["holder"]["provider"], "other");
-}
-
 TEST_F(RegistryTest, NamesThePathThatWasMeant)
 {
     Process holder("holder"), other("other");
