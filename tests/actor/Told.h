@@ -22,27 +22,19 @@ public:
     }
     const std::vector<std::string>& events() const { return m_events; }
 
-    /// Takes the oldest event that matches and was not yet taken, of those from number `from` on.
-    template <class Matches>
-    std::optional<std::string> takeIf(const Matches& matches, std::size_t from = 0)
+    /// Takes the oldest event that is `beginning`, or begins with it and a space or colon, and was not yet taken, of
+    /// those from number `from` on; what follows.
+    std::optional<std::string> take(const std::string& beginning, std::size_t from = 0)
     {
         for (std::size_t i = from; i < m_events.size(); ++i) {
-            if (!m_isTaken[i] && matches(m_events[i])) {
+            const std::string& line = m_events[i];
+            if (!m_isTaken[i] && line.starts_with(beginning) &&
+                (line.size() == beginning.size() || std::strchr(" :", line[beginning.size()]) != nullptr)) {
                 m_isTaken[i] = true;
-                return m_events[i];
+                return line.substr(std::min(line.size(), beginning.size() + 1));
             }
         }
         return std::nullopt;
-    }
-    /// Takes one that is `beginning`, or begins with it and a space or colon; what follows.
-    std::optional<std::string> take(const std::string& beginning, std::size_t from = 0)
-    {
-        const auto matches = [&beginning](const std::string& line) {
-            return line.starts_with(beginning) &&
-                   (line.size() == beginning.size() || std::strchr(" :", line[beginning.size()]) != nullptr);
-        };
-        const auto event = takeIf(matches, from);
-        return event ? std::optional(event->substr(std::min(event->size(), beginning.size() + 1))) : std::nullopt;
     }
     /// One that begins so and was not taken; empty when there is none.
     std::string find(std::string_view beginning) const

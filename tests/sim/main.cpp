@@ -10,7 +10,6 @@
 
 #include "Run.h"
 #include "marks.h"
-#include "orders.h"
 
 #include <CLI/CLI.hpp>
 #include <tracing/CapturingSink.h>
@@ -113,7 +112,6 @@ int main(int argc, char** argv)
     std::uint64_t seeds = 1000;
     std::uint64_t markSeeds = 300;
     double seconds = 0;
-    std::uint64_t orders = 0;
     bool verbose = false;
     CLI::App app{"Simulates processes that register, track, resolve, call and die."};
     app.add_option("--from", from, "the first seed")->capture_default_str();
@@ -123,7 +121,6 @@ int main(int argc, char** argv)
     app.add_option("--mark-seeds", markSeeds, "in how many runs marks are collected; 0: none are asked for")
         ->capture_default_str();
     app.add_flag("--registry", options.registry, "with a registry in a process of its own");
-    app.add_option("--orders", orders, "with how many seeds to run all orders of start first")->capture_default_str();
     app.add_option("--crowds", options.crowds, "one of so many runs is crowded")->capture_default_str();
     app.add_flag("--threads", options.threads, "real threads");
     app.add_flag("--verbose", verbose, "print every trace");
@@ -140,9 +137,6 @@ int main(int argc, char** argv)
         cutOffs.look(line);
         verbose ? print(line) : marks.look(line.text);
     });
-    for (std::uint64_t seed = from; seed < from + orders; ++seed) {
-        failed += report(seed, runOrders(seed), cutOffs);
-    }
     while (failed < 10 && (done < seeds || comm::now() - begin < static_cast<comm::TimeNs>(seconds * 1e9))) {
         if (done == markSeeds && !verbose) {
             look([&cutOffs](const tracing::Line& line) { cutOffs.look(line); });

@@ -16,8 +16,7 @@ namespace {
 
 constexpr int PROVIDERS = 8;
 constexpr int WATCHERS = 3;
-const Options REGISTRY{.comm = R"({"send_queue_bytes": 131072, "heartbeat_ms": 300})",
-                       .document = Options::Document::eWITH_REGISTRY};
+const Options REGISTRY{.comm = R"({"send_queue_bytes": 131072, "heartbeat_ms": 300})", .hasRegistry = true};
 
 std::string factOf(const std::string& path, int generation)
 {

@@ -160,19 +160,6 @@ bool Process::hasTold(const std::string& beginning)
     return m_told.take(beginning).has_value();
 }
 
-void Process::expectLineWith(const std::string& part, const std::string& other)
-{
-    const auto deadline = Clock::now() + LIMIT;
-    do {
-        if (m_told.takeIf([&](const std::string& line) {
-                return line.find(part) != std::string::npos && line.find(other) != std::string::npos;
-            })) {
-            return;
-        }
-    } while (readEvents(deadline));
-    miss("a line with " + part + " and " + other);
-}
-
 std::size_t Process::countTraces(const std::string& text) const
 {
     const std::string all = traces();

@@ -47,8 +47,6 @@ public:
     std::string expect(const std::string& beginning, std::chrono::seconds limit = LIMIT);
     /// Whether such an event has come; takes it as `expect` does.
     bool hasTold(const std::string& beginning);
-    /// Waits for an event that contains both.
-    void expectLineWith(const std::string& part, const std::string& other);
     /// Waits for a line on stderr, or for so many.
     void expectTrace(const std::string& text, std::size_t times = 1);
     std::size_t countTraces(const std::string& text) const;

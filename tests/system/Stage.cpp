@@ -71,13 +71,9 @@ Process& Stage::launchProgram(const std::string& name, const std::vector<std::st
                               const Options& options)
 {
     const std::string file = m_directory + '/' + std::to_string(m_documents++) + ".json";
-    std::ofstream(file) << actor::document(options.document == Options::Document::eWITH_REGISTRY, options.services,
-                                           options.comm);
-    std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
-                                         "KESA_TRACE=" + options.trace};
-    if (options.document != Options::Document::eNONE) {
-        environment.push_back("KESA_CONFIG=" + file);
-    }
+    std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm);
+    const std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
+                                               "KESA_TRACE=" + options.trace, "KESA_CONFIG=" + file};
     return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory, options.isNobody});
 }
 

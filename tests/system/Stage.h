@@ -21,12 +21,11 @@ struct Options {
     std::vector<std::string> services{}; ///< locators of services, under their paths
     std::string trace = "*=2";
     bool isNobody = false;
-    enum class Document { eWITHOUT_REGISTRY, eWITH_REGISTRY, eNONE };
-    Document document = Document::eWITHOUT_REGISTRY;
+    bool hasRegistry = false;
 };
 
 /// For clients of `kesa-registryd`, and itself.
-inline const Options WITH_REGISTRY{.document = Options::Document::eWITH_REGISTRY};
+inline const Options WITH_REGISTRY{.hasRegistry = true};
 
 /// Processes in a run directory of their own.
 class Stage {
@@ -38,7 +37,6 @@ public:
 
     /// An actor that is not waited for.
     Process& launch(const std::string& process, const Options& options = {});
-    Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
     Process& launchRegistry(const Options& options = WITH_REGISTRY);
     std::list<Process>& processes() { return m_processes; }
     /// Ends a process and forgets it.
@@ -51,6 +49,8 @@ public:
     bool isInRunDirectory(const std::string& file) const;
 
 private:
+    Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
+
     std::string m_directory;
     std::string m_runDirectory;
     std::list<Process> m_processes;

@@ -1,5 +1,5 @@
-// `kesa-registryd` as a process: what it says, how it ends, and that nobody has to do anything when it comes, goes or
-// comes back.
+// `kesa-registryd` as a process: that nobody has to do anything when it comes, goes or comes back. What it says is in
+// the sessions of kesactl (running_errors).
 
 #include "SystemTest.h"
 
@@ -45,31 +45,6 @@ protected:
 private:
     int m_expectations = 0;
 };
-
-TEST_F(SystemRegistry, SaysThatItIsReadyAndEndsInOrder)
-{
-    for (const int signal : {SIGTERM, SIGINT}) {
-        EXPECT_TRUE(isEndedBy(startRegistry(), signal));
-        EXPECT_FALSE(isInRunDirectory("kesa-registryd.sock"));
-    }
-    Process& named =
-        launchProgram("named", {KESA_REGISTRYD, "--name", "other"}, {.document = Options::Document::eNONE});
-    named.expect("kesa-registryd: ready at ipc://other/registry");
-    EXPECT_TRUE(isInRunDirectory("other.sock"));
-    Process& misnamed = launchProgram("misnamed", {KESA_REGISTRYD, "--name", "another"}, WITH_REGISTRY);
-    misnamed.expectTrace("which is not this process (\"another\"); give a name of those with --name");
-    EXPECT_EQ(WEXITSTATUS(misnamed.expectEnd()), 2);
-}
-
-TEST_F(SystemRegistry, ASecondOneSaysWhoHasTheNameAndEnds)
-{
-    Process& first = startRegistry();
-    Process& second = launchRegistry();
-    second.expectTrace("kesa-registryd: the name \"kesa-registryd\" is held by process " + std::to_string(first.pid()));
-    EXPECT_EQ(WEXITSTATUS(second.expectEnd()), 3);
-    first.kill();
-    startRegistry();
-}
 
 // It takes the connection with its last descriptor, and has none to watch the process with.
 TEST_F(SystemRegistry, ADeathIsSeenThoughDescriptorsWereShortAndAChildKeepsTheSocketsOpen)

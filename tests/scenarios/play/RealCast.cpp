@@ -26,7 +26,7 @@ public:
     {
         Options options;
         options.comm = comm.empty() ? "{}" : comm;
-        options.document = m_services ? Options::Document::eWITHOUT_REGISTRY : Options::Document::eWITH_REGISTRY;
+        options.hasRegistry = !m_services;
         options.services = m_services.value_or(std::vector<std::string>());
         m_members[who] = who == REGISTRY ? &m_stage.launchRegistry(options) : &m_stage.launch(who, options);
     }
