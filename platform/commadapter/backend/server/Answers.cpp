@@ -131,7 +131,7 @@ void Answers::callService(std::uint32_t number, std::uint64_t serial, const std:
     std::unique_ptr<IResponseHandler<Response>> handler =
         std::make_unique<ResponseSender>(m_connection.share(*this), number, serial);
     StreamControl control(*this, number, serial);
-    RequestContext& context = m_connection.context();
+    RequestContext& context = m_connection.m_context;
     context.stream = &control;
     void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE;
     {

@@ -36,20 +36,12 @@ public:
     /// See `IPeer`. Any thread.
     std::string endReason() const;
 
-    // For the parts.
-    using Connection::Haste;
-    using Connection::isBroken;
-    using Connection::isOpen;
-    using Connection::isOverBound;
-    using Connection::isProcessOverBound;
-    using Connection::lastProgress;
-    using Connection::Lock;
-    using Connection::loop;
-    using Connection::pushOut;
-    using Connection::queueBeyondBound;
-    using Connection::readAll;
-    using Connection::readBatch;
-    using Connection::TAKES_NOTHING;
+private:
+    // What the parts use beside what each connection has.
+    friend Answers;
+    friend DrainedTasks;
+    friend Interests;
+    friend Liveness;
     Lock lock() const { return Lock(m_lock); }
     /// While open; lock held.
     protocol::Output& output() noexcept { return machine().output; }
@@ -61,14 +53,10 @@ public:
     {
         return {shared_from_this(), &part};
     }
-    Answers& answers() noexcept { return m_answers; }
-    /// Who the client is, for the service that is called: loop only.
-    RequestContext& context() noexcept { return m_context; }
     /// The client is this process.
     bool isLocal() const noexcept { return m_scheme == "local"; }
-    std::string peerName() const override;
 
-private:
+    std::string peerName() const override;
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
     void onQueueEmpty() override;
@@ -88,7 +76,7 @@ private:
 
     std::string m_endReason; ///< with the lock held
     // Loop only.
-    RequestContext m_context;
+    RequestContext m_context; ///< who the client is, for the service that is called
     comm::TimeNs m_openedAt = 0;
 };
 
