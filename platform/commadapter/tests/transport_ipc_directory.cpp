@@ -1,0 +1,112 @@
+// The run directory of the ipc transport: which one it is, and what is said of one that cannot be used.
+
+#include "transport/IpcTransport.h"
+#include "transport/chooseRunDirectory.h"
+#include "transport_ipc_support.h"
+
+#include <kesa/commadapter/whyUnreachable.h>
+#include <tracing/CapturingSink.h>
+
+#include <grp.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace kesa::commadapter::transport::test {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+TEST_F(TransportIpc, TheRunDirectoryIsTheMachinesWhereThisUserMayUseIt)
+{
+    const std::string system = (root / "system").string();
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/7", 1);
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, system) << "it may be made";
+    fs::create_directory(system);
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, system);
+    EXPECT_EQ(chooseSharedRunDirectory(system + "/none/kesa").path, "/run/user/7/kesa");
+    fs::permissions(system, fs::perms::owner_read | fs::perms::owner_exec);
+    const bool isRoot = ::geteuid() == 0 && ::seteuid(65534) == 0;
+    EXPECT_EQ(chooseSharedRunDirectory(system).path, "/run/user/7/kesa");
+    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+    ::unsetenv("XDG_RUNTIME_DIR");
+    EXPECT_EQ(chooseSharedRunDirectory(system + "/none/kesa").path, system + "/none/kesa");
+
+    const std::string chosen = chooseRunDirectory("").path;
+    ::setenv("XDG_RUNTIME_DIR", "/run/user/8", 1);
+    EXPECT_EQ(chooseRunDirectory("").path, chosen) << "a process stays where it is";
+    ::unsetenv("XDG_RUNTIME_DIR");
+    ::setenv("KESA_RUN_DIR", "/own", 1);
+    EXPECT_EQ(chooseRunDirectory("").path, "/own");
+    EXPECT_EQ(chooseRunDirectory("/configured").path, "/configured");
+    ::unsetenv("KESA_RUN_DIR");
+}
+
+TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplainedOnce)
+{
+    const tracing::TraceCapture traces("KESA_COMM_IPC");
+    std::ofstream(root / "file") << "no directory";
+    Node node(board, (root / "file" / "run").string());
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_THAT(node.why, EndsWith("file\" is a file; name another one with \"run_dir\" or KESA_RUN_DIR"));
+    EXPECT_EQ(traces.take().size(), 1U);
+
+    IpcSettings settings;
+    settings.runDir = directory;
+    settings.socketGroup = "no such group";
+    EXPECT_TRUE(makeIpcTransport(settings, node.loop)->listen("media", {}, node.why));
+    EXPECT_EQ(node.why, "there is no group \"no such group\"; see \"socket_group\"");
+    Node other(board, directory);
+    EXPECT_FALSE(other.listen("media")) << other.why;
+}
+
+// The other causes are told by `kesactl why` and `kesactl ps`, whose sessions have them.
+TEST_F(TransportIpc, NobodyIsSentIntoTheGroupOfRootOrOfAPerson)
+{
+    std::vector<gid_t> groups(static_cast<std::size_t>(::getgroups(0, nullptr)));
+    ASSERT_GE(::getgroups(static_cast<int>(groups.size()), groups.data()), 0);
+    if (::geteuid() != 0 || ::setgroups(0, nullptr) != 0) {
+        GTEST_SKIP() << "only root can give a socket to another group";
+    }
+    const gid_t own = ::getegid();
+    ASSERT_EQ(::setegid(65534), 0);
+    ::setenv("KESA_RUN_DIR", root.c_str(), 1);
+    ::setenv("KESA_CONFIG_DIR", root.c_str(), 1);
+    const std::string path = (root / "media.sock").string();
+    const int media = rawSocket(path, ::bind);
+    const auto expectAdvice = [&path](uid_t owner, gid_t group, mode_t mode, const std::string& advice) {
+        ASSERT_EQ(::chown(path.c_str(), owner, group), 0);
+        ASSERT_EQ(::chmod(path.c_str(), mode), 0);
+        ASSERT_EQ(::seteuid(65534), 0);
+        const Unreachable found = whyUnreachable(url("ipc://media/player"), comm::SECOND / 10);
+        ASSERT_EQ(::seteuid(0), 0);
+        EXPECT_EQ(found.cause, Unreachable::Cause::eFORBIDDEN);
+        EXPECT_THAT(found.reason, HasSubstr(advice));
+    };
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    const std::string join = "and mode 0660; add this user to the group";
+    const std::string set = R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
+    expectAdvice(0, 0, 0660, set);
+    expectAdvice(54321, 54321, 0660, set);
+    expectAdvice(0, 54321, 0600, set);
+    expectAdvice(0, 54321, 0660, join);
+    expectAdvice(321, 321, 0660, join); // a service's
+    ASSERT_EQ(::chmod(root.c_str(), 0750), 0);
+    expectAdvice(0, 0, 0660, "its owner has to let a group of this user use it");
+    ::close(media);
+    ::unsetenv("KESA_RUN_DIR");
+    ::unsetenv("KESA_CONFIG_DIR");
+    ASSERT_EQ(::setegid(own), 0);
+    ASSERT_EQ(::setgroups(groups.size(), groups.data()), 0);
+}
+
+} // namespace
+} // namespace kesa::commadapter::transport::test

@@ -1,0 +1,88 @@
+// How the end of a stream is seen, and that of the process at its other end.
+
+#include "transport/PeerProcess.h"
+#include "transport_ipc_support.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+
+namespace kesa::commadapter::transport::test {
+namespace {
+
+TEST_F(TransportIpc, WhoDoesNotReadIsToldToWriteAtTheEnd)
+{
+    Node server(board, directory);
+    server.readsOnce = true;
+    ASSERT_FALSE(server.listen("media"));
+    const int stream = rawSocket(directory + "/media.sock", ::connect);
+    const std::string words(600, 'w');
+    ASSERT_EQ(::write(stream, words.data(), words.size()), 600);
+    ASSERT_TRUE(
+        board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().received.size() == 512; }));
+    Peer& accepted = server.accepted.back();
+    board.run(*server.loop, [] {}); // a turn in which it could have read
+    EXPECT_EQ(board.read(accepted.writable), 0);
+    ::close(stream);
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.writable > 0; }));
+    EXPECT_EQ(board.read(accepted.received).size(), 512U);
+    board.run(*server.loop, [&] { accepted.readOn(); });
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.isEnded; }));
+    EXPECT_EQ(board.read(accepted.received), words);
+}
+
+class TransportIpcEnd : public TransportIpc, public testing::WithParamInterface<bool> {};
+
+INSTANTIATE_TEST_SUITE_P(WhoReadsOnce, TransportIpcEnd, testing::Bool());
+
+TEST_P(TransportIpcEnd, OfAProcessIsSeenAlthoughItsChildHoldsTheStream)
+{
+    Node server(board, directory);
+    server.readsOnce = GetParam();
+    ASSERT_FALSE(server.listen("media"));
+    std::array<int, 2> leash{}; // the grandchild ends when the test closes it
+    ASSERT_EQ(::pipe2(leash.data(), O_CLOEXEC), 0);
+    Child process([&] {
+        ::close(leash[1]);
+        const int stream = rawSocket(directory + "/media.sock", ::connect);
+        if (::fork() == 0) {
+            char byte = 0;
+            ::_exit(static_cast<int>(::read(leash[0], &byte, 1)));
+        }
+        const std::string words = std::string(3000, 'w');
+        static_cast<void>(::write(stream, words.data(), words.size()) > 0);
+    });
+    const pid_t pid = process.pid;
+    process.end();
+    ASSERT_TRUE(board.waitUntil([&] { return !server.accepted.empty() && server.accepted.back().hasPeerExited; }));
+    Peer& accepted = server.accepted.back();
+    EXPECT_EQ(board.read(accepted.receivedAtExit).size(), GetParam() ? 512U : 3000U);
+    EXPECT_EQ(board.read(accepted.identity).pid, pid);
+    EXPECT_FALSE(board.read(accepted.isEnded));
+    board.run(*server.loop, [&] { accepted.readOn(); });
+    ASSERT_TRUE(board.waitUntil([&] { return accepted.received == std::string(3000, 'w'); }));
+    ::close(leash[0]);
+    ::close(leash[1]);
+    EXPECT_TRUE(board.waitUntil([&] { return accepted.isEnded; }));
+}
+
+TEST_F(TransportIpc, WithoutThePeersPidfdTheNumberIsTakenAndTheSocketLookedAt)
+{
+    std::array<int, 2> pair{};
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
+    Child process([] {});
+    EXPECT_TRUE(openPeerProcessByPid(pair[0], process.pid).pidfd);
+    const pid_t pid = process.pid;
+    process.end();
+    EXPECT_TRUE(openPeerProcessByPid(pair[0], pid).hasEnded);
+    ::close(pair[1]);
+    const PeerProcess reused = openPeerProcessByPid(pair[0], ::getpid());
+    EXPECT_FALSE(reused.pidfd || reused.hasEnded) << "the peer is gone, its number may be anybody's";
+    ::close(pair[0]);
+}
+
+} // namespace
+} // namespace kesa::commadapter::transport::test

@@ -1,0 +1,147 @@
+// Names of processes at the ipc transport: who holds one, and what becomes of the lock file.
+
+#include "transport_ipc_support.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <tuple>
+
+namespace kesa::commadapter::transport::test {
+namespace {
+
+using testing::AllOf;
+using testing::Ge;
+using testing::HasSubstr;
+using testing::Le;
+using testing::MatchesRegex;
+using testing::Not;
+
+TEST_F(TransportIpc, ANameIsHeldByOneLivingProcessOnly)
+{
+    Node first(board, directory);
+    Node second(board, directory);
+    ASSERT_FALSE(first.listen("media"));
+    EXPECT_TRUE(second.listen("media"));
+    EXPECT_THAT(second.why, HasSubstr("is held by process " + std::to_string(::getpid()) + ", which is this one; end"));
+    EXPECT_TRUE(first.listen("other")) << "a transport has one name";
+
+    // A child made meanwhile does not keep the name.
+    const Child bystander([] {});
+    board.run(*first.loop, [&] { first.transport->close(); });
+    EXPECT_FALSE(second.listen("media")) << second.why;
+
+    Child holder([this] {
+        const int lock = ::open((directory + "/nav.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+        ::flock(lock, LOCK_EX | LOCK_NB);
+        const std::string pid = std::to_string(::getpid());
+        static_cast<void>(::write(lock, pid.data(), pid.size()) > 0);
+        rawSocket(directory + "/nav.sock", ::bind);
+    });
+    Node third(board, directory);
+    EXPECT_TRUE(third.listen("nav"));
+    EXPECT_THAT(third.why, MatchesRegex("the name \"nav\" is held by process " + std::to_string(holder.pid) + " \\(" +
+                                        fs::read_symlink("/proc/self/exe").string() +
+                                        "\\) since 20[0-9-]{8} [0-9:]{8}; end that one and start this one again, or "
+                                        "give one of both another name; \"kesactl ps\" shows which are taken"));
+    ::kill(holder.pid, SIGKILL);
+    EXPECT_FALSE(third.listen("nav")) << "which waits for the kernel: " << third.why;
+    holder.end();
+    EXPECT_EQ(second.connect("nav"), std::nullopt) << second.reason;
+}
+
+TEST_F(TransportIpc, ALockFileThatIsNoneIsLeftAsItIs)
+{
+    fs::create_directory(directory);
+    std::ofstream(root / "precious") << "content";
+    const std::string lock = directory + "/media.lock";
+    Node node(board, directory);
+    const auto refuses = [&](const std::string& what) {
+        EXPECT_TRUE(node.listen("media"));
+        EXPECT_EQ(node.why, lock + ' ' + what + "; remove " + lock + ", which nobody holds");
+        fs::remove(lock);
+    };
+    fs::create_symlink(root / "precious", lock);
+    refuses("is a symbolic link");
+    fs::create_hard_link(root / "precious", lock);
+    refuses("has another name, as a hard link");
+    fs::create_directory(lock);
+    refuses("is a directory");
+    ASSERT_EQ(::mkfifo(lock.c_str(), 0600), 0);
+    refuses("is no regular file");
+    std::string content;
+    std::getline(std::ifstream(root / "precious"), content);
+    EXPECT_EQ(content, "content");
+    EXPECT_FALSE(node.listen("media")) << node.why;
+}
+
+TEST_F(TransportIpc, ANameIsOfNoUser)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    constexpr uid_t USER = 54321;
+    const std::string lock = directory + "/media.lock";
+    fs::create_directory(directory);
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant) {
+        fs::remove(lock);
+        EXPECT_EQ(::chown(directory.c_str(), USER, USER), 0);
+        EXPECT_EQ(::chmod(directory.c_str(), rights), 0);
+        Node node(board, directory);
+        EXPECT_EQ(::seteuid(claimant), 0);
+        EXPECT_FALSE(node.listen("media")) << node.why;
+        EXPECT_EQ(::seteuid(0), 0);
+        struct stat status {};
+        EXPECT_EQ(::stat(lock.c_str(), &status), 0);
+        return std::tuple(status.st_uid, status.st_gid, status.st_mode & 07777U);
+    };
+    EXPECT_EQ(rightsAfterClaim(02775, 0), std::tuple(USER, USER, 0660U));
+    EXPECT_EQ(rightsAfterClaim(02775, USER), std::tuple(USER, USER, 0660U));
+    EXPECT_EQ(rightsAfterClaim(0755, 0), std::tuple(USER, USER, 0600U)) << "its group may not replace it either";
+
+    ASSERT_EQ(::chown(lock.c_str(), 0, 0), 0);
+    Node node(board, directory);
+    ASSERT_EQ(::seteuid(USER), 0);
+    EXPECT_TRUE(node.listen("media"));
+    EXPECT_EQ(node.why, "cannot open " + lock + ": Permission denied, it is root's, mode 0600; remove " + lock +
+                            ", which nobody holds");
+    fs::remove(lock);
+    EXPECT_FALSE(node.listen("media")) << node.why;
+    ASSERT_EQ(::seteuid(0), 0);
+}
+
+TEST_F(TransportIpc, WithoutDescriptorsTheLimitIsNamedAndTheNextClaimGoesOn)
+{
+    Node node(board, directory);
+    rlimit before{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
+    const int lowestFree = ::dup(STDIN_FILENO);
+    ASSERT_EQ(::close(lowestFree), 0);
+    std::size_t refusals = 0;
+    for (rlimit limit = before; refusals < 20; ++refusals) {
+        limit.rlim_cur = static_cast<rlim_t>(lowestFree) + refusals;
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+        const bool isRefused = node.listen("media");
+        ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &before), 0);
+        if (!isRefused) {
+            break;
+        }
+        EXPECT_THAT(node.why, HasSubstr("Too many open files; this process has used up its descriptors: let it have "
+                                        "more than " +
+                                        std::to_string(limit.rlim_cur) + " (ulimit -n"));
+        EXPECT_THAT(node.why, Not(HasSubstr("run_dir")));
+    }
+    EXPECT_THAT(refusals, AllOf(Ge(3U), Le(6U))) << "directory, realm or lock, socket, a look at it";
+}
+
+} // namespace
+} // namespace kesa::commadapter::transport::test
