@@ -110,7 +110,9 @@ Configuration addConfiguration(DoctorPage& page, const std::string& process)
 
 void addRegistry(DoctorPage& page, const apps::RegistryPlace& place, bool isConfigurationValid)
 {
-    page.add("registry", place.locators.empty() ? "none" : place.locators.front().toString());
+    const std::string locator = place.locators.empty() ? "none" : place.locators.front().toString();
+    page.addLine("registry", util::config::excerpt(locator));
+    page.facts.set("registry", locator);
     if (!place.problem.empty() && isConfigurationValid) { // else it is said already
         page.findings.push_back(place.problem);
     }

@@ -124,8 +124,8 @@ SettingRows settings(const CheckResult& result)
     const KesaConfig& config = result.config;
     SettingRows rows = {{"file", result.file.empty() ? "none: the built-in document counts" : result.file}};
     if (result.process) {
-        rows.push_back({"process", *result.process});
-        rows.push_back({"partition", result.partition});
+        rows.push_back({"process", excerpt(*result.process)});
+        rows.push_back({"partition", excerpt(result.partition)});
     }
     rows.push_back({"use_local_registry", config.m_useLocalRegistry ? "true" : "false"});
     rows.push_back({"use_registry", config.m_useRemoteRegistry ? "true" : "false"});

@@ -10,6 +10,7 @@
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/config/traceFaults.h>
 #include <runtime/v02/runtime/EventLog.h>
+#include <util/config/Complaint.h>
 #include <util/config/FrameworkProvider.h>
 
 #include <algorithm>
@@ -88,7 +89,7 @@ bool KesaRuntimeImpl::start()
         traceFault(m_config.source(),
                    "\"use_registry\" asks for a registry, and \"service_registry_locators\" has none for the partition "
                    "of this process, '" +
-                       partition + "'; write {\"*\": [\"ipc://kesa-registryd/registry\"]}");
+                       util::config::excerpt(partition) + "'; write {\"*\": [\"ipc://kesa-registryd/registry\"]}");
         eventlog::runtimeError(m_eventSource, "Error during start: found no partition for kesa registry");
         obr::GlobalErrorHandler::doAssert(false, "optRegistryLocators.has_value()", __FILE__, __LINE__, "start",
                                           "[KesaRuntimeImpl::start] found no partition for kesa registry");
@@ -115,7 +116,7 @@ std::string KesaRuntimeImpl::whyNoLocator() const
     for (const url& locator : m_registryLocators) {
         all.append(all.empty() ? "" : ", ").append(locator.toString());
     }
-    return "\"service_registry_locators\": none of " + all +
+    return "\"service_registry_locators\": none of " + util::config::excerpt(all) +
            " can be reached: it takes the scheme \"ipc\", a path, and no realm but that of the run directory; write "
            "\"ipc://kesa-registryd/registry\"";
 }
