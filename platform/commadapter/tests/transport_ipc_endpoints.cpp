@@ -33,8 +33,9 @@ TEST_F(TransportIpc, ConnectsWhateverTheLengthOfPathAndNameAndVouchesForBothSide
     ASSERT_FALSE(server.listen(name)) << "claimed already";
     ASSERT_EQ(client.connect(name), std::nullopt) << client.reason;
 
-    ASSERT_TRUE(board.waitUntil([&] { return !server.accepted.empty(); }));
-    for (Peer* peer : {&server.accepted.back(), &client.connected.back()}) {
+    Peer* accepted = nullptr;
+    ASSERT_TRUE(board.waitUntil([&] { return (accepted = server.acceptedFrom(::getpid())) != nullptr; }));
+    for (Peer* peer : {accepted, &client.connected.back()}) {
         EXPECT_TRUE(board.waitUntil([&] { return peer->received == "h"; }));
         const PeerIdentity identity = board.read(peer->identity);
         EXPECT_TRUE(identity.pid == ::getpid() && identity.uid == ::getuid() && identity.gid == ::getgid());

@@ -13,6 +13,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <filesystem>
@@ -215,6 +216,14 @@ struct Node {
                 peer->start(std::move(stream));
             },
             why);
+    }
+    /// Null until its first bytes have been read. Tools that look for processes in other run directories may connect,
+    /// too. Under the board's lock.
+    Peer* acceptedFrom(pid_t pid)
+    {
+        const auto found = std::find_if(accepted.begin(), accepted.end(),
+                                        [pid](const Peer& peer) { return peer.identity.pid == pid; });
+        return found != accepted.end() ? &*found : nullptr;
     }
     /// The failure, or nothing when it is connected.
     std::optional<ITransport::Failure> connect(const std::string& process)
