@@ -16,16 +16,15 @@ namespace {
 
 RunDirectoryProblem findProblemAtStart(const RunDirectoryFacts& facts, const std::string& source)
 {
-    using Realm = RunDirectoryFacts::Realm;
     RunDirectoryProblem problem = findProblem(facts, source);
     if (!problem.text.empty() || facts.error != 0) {
         return problem;
     }
-    if (facts.realmState == Realm::eBAD) {
+    if (facts.realmState == RunDirectoryFacts::Realm::eBAD) {
         return {fmt::format("{}/realm does not hold 16 hex digits", facts.path),
                 "remove it when no process uses the directory"};
     }
-    if (facts.realmState == Realm::eUNREADABLE) {
+    if (facts.realmState == RunDirectoryFacts::Realm::eUNREADABLE) {
         return {fmt::format("{}/realm cannot be read by this user", facts.path), "give it the mode 0644"};
     }
     if (!facts.isWritable) {

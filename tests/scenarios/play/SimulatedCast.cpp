@@ -25,10 +25,10 @@ commadapter::CommSettings settingsOf(const std::string& comm)
     if (util::config::JSONParser().parseString(comm, value)) {
         throw Mistake("\"comm\" " + comm + ": no JSON");
     }
-    std::vector<util::config::Complaint> complaints;
-    auto settings = commadapter::readCommSettings(value, complaints);
-    if (!complaints.empty()) {
-        throw Mistake(complaints.front().sentence(comm));
+    commadapter::CommFaults faults;
+    auto settings = commadapter::readCommSettings(value, faults);
+    if (!faults.complaints.empty()) {
+        throw Mistake(faults.complaints.front().sentence(comm));
     }
     return settings;
 }
