@@ -14,8 +14,6 @@ using util::config::Complaint;
 
 namespace {
 
-using Realm = RunDirectoryFacts::Realm;
-
 RunDirectoryProblem findProblemAtStart(const RunDirectoryFacts& facts, const std::string& source)
 {
     RunDirectoryProblem problem = findProblem(facts, source);
