@@ -39,14 +39,6 @@ void explain(ProcessReport& report, ExitCode exitCode, std::string_view note, st
                                     : fmt::format("{} ({}) {}", report.name, report.pid, advice);
 }
 
-void explainStopped(ProcessReport& report)
-{
-    explain(report, ExitCode::eTIMED_OUT, "stopped",
-            report.facts.isTraced
-                ? "does not answer; it is stopped by its debugger; go on there"
-                : fmt::format("does not answer; it is stopped (SIGSTOP); continue it with kill -CONT {}", report.pid));
-}
-
 /// What is known without asking.
 ProcessReport reportOf(const Name& name, const std::string& directory, bool isPatient)
 {
@@ -113,6 +105,14 @@ std::string orNothing(const std::string& text)
 }
 
 } // namespace
+
+void explainStopped(ProcessReport& report)
+{
+    explain(report, ExitCode::eTIMED_OUT, "stopped",
+            report.facts.isTraced
+                ? "does not answer; it is stopped by its debugger; go on there"
+                : fmt::format("does not answer; it is stopped (SIGSTOP); continue it with kill -CONT {}", report.pid));
+}
 
 std::string ProcessReport::plainName() const
 {

@@ -55,6 +55,9 @@ RunDirectoryFacts findRunDirectory();
 std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
                                            comm::TimeNs deadline, bool isPatient = false);
 
+/// Notes in `report` that the process is stopped, and what to do.
+void explainStopped(ProcessReport& report);
+
 /// Whether that is a time of the wall clock at which anything can have happened. On a machine whose own clock stands at
 /// 1970, as one without a battery, that is one, too.
 bool isCredible(comm::TimeNs time);

@@ -5,6 +5,9 @@
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
 
+#include <fmt/format.h>
+
+#include <set>
 #include <utility>
 
 namespace kesactl {
@@ -36,6 +39,9 @@ ProcessReport beginReport(const Value& connection)
     const auto pid = static_cast<pid_t>(integerOf(connection["pid"]));
     ProcessReport report{encodeProcessName(connection["process"].toText()), pid, ProcessFacts(pid), {}, {}, 0, {}};
     report.isSilent = true;
+    if (report.facts.isStopped) {
+        explainStopped(report);
+    }
     return report;
 }
 
@@ -50,7 +56,7 @@ Value answerOf(const ProcessReport& report, const Value& first, Value::Array con
         answer.set("executable", report.facts.executable);
         answer.set("started", report.facts.started / comm::MILLISECOND);
     }
-    answer.set("note", "provides nothing");
+    answer.set("note", report.note.empty() ? "provides nothing" : report.note);
     answer.set("serviceCount", 0);
     answer.set("services", Value::Array());
     answer.set("connectionCount", connections.size());
@@ -60,29 +66,37 @@ Value answerOf(const ProcessReport& report, const Value& first, Value::Array con
 
 } // namespace
 
-std::optional<ProcessReport> findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted,
-                                               comm::TimeNs deadline)
+SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted, comm::TimeNs deadline)
 {
-    std::optional<ProcessReport> found;
+    SilentProcess silent;
     Value first;
     Value::Array connections;
+    std::set<std::int64_t> others;
     for (const ProcessReport& peer : lookAtProcesses(directory, "", deadline)) {
+        if (!peer.note.empty()) {
+            silent.notAsked.push_back(fmt::format("{} ({})", peer.plainName(), peer.note));
+        }
         for (const Value& connection : peer.answer["connections"].items()) {
-            // Nobody owns such a name: of several that have it, the first.
-            if (!isOfSought(connection, wanted) || (found && connection["pid"] != first["pid"])) {
+            if (!isOfSought(connection, wanted)) {
                 continue;
             }
-            if (!found) {
+            if (!silent.report) {
                 first = connection;
-                found = beginReport(connection);
+                silent.report = beginReport(connection);
+            } else if (connection["pid"] != first["pid"]) { // nobody owns such a name
+                others.insert(integerOf(connection["pid"]));
+                continue;
             }
             connections.push_back(turned(connection, peer));
         }
     }
-    if (found) {
-        found->answer = answerOf(*found, first, std::move(connections));
+    if (silent.report) {
+        silent.report->answer = answerOf(*silent.report, first, std::move(connections));
     }
-    return found;
+    for (const std::int64_t pid : others) {
+        silent.namesakes.push_back(std::to_string(pid));
+    }
+    return silent;
 }
 
 } // namespace kesactl

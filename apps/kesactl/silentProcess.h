@@ -7,14 +7,21 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kesactl {
 
-/// A process that provides nothing here, so that it has no name in the run directory and cannot be asked: what the
-/// kernel knows of it, and its connections as those tell that it has made them to. `wanted` is its name or its process
-/// id; nothing when nobody knows of such a one. Asks all processes; blocks until the deadline at the latest.
-std::optional<ProcessReport> findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted,
-                                               comm::TimeNs deadline);
+/// A process that provides nothing here, so that it has no name in the run directory and cannot be asked.
+struct SilentProcess {
+    /// What the kernel knows of it, and its connections as others tell that it has made them to; nothing when nobody
+    /// knows of such a one.
+    std::optional<ProcessReport> report;
+    std::vector<std::string> namesakes; ///< processes of the same name, by their numbers
+    std::vector<std::string> notAsked;  ///< who could not tell of it: "media (stopped)"
+};
+
+/// `wanted` is its name or its process id. Asks all processes; blocks until the deadline at the latest.
+SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted, comm::TimeNs deadline);
 
 } // namespace kesactl
 

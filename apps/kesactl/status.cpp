@@ -12,6 +12,7 @@
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
+#include <fmt/ranges.h>
 
 #include <optional>
 
@@ -44,16 +45,22 @@ std::string findProcess(const RunDirectoryFacts& directory, const std::string& w
     return {};
 }
 
-Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wanted)
+/// `silent`: who could not be asked about it.
+Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wanted, const SilentProcess& silent)
 {
     std::vector<std::string_view> known;
     for (const Name& name : directory.names) {
         known.emplace_back(name.name);
     }
     const std::string_view meant = util::nearestName(wanted, known);
-    return Failure{ExitCode::eFAILED, fmt::format("no process '{}' in {}; {}", wanted, directory.path,
-                                                  meant.empty() ? "kesactl ps lists those that are there"
-                                                                : fmt::format("did you mean '{}'?", meant))};
+    std::string text =
+        fmt::format("no process '{}' in {}; {}", wanted, directory.path,
+                    meant.empty() ? "kesactl ps lists those that are there" : fmt::format("did you mean '{}'?", meant));
+    if (!silent.notAsked.empty()) {
+        text += fmt::format("; one that provides nothing may be known to {}, which cannot be asked",
+                            fmt::join(silent.notAsked, ", "));
+    }
+    return Failure{ExitCode::eFAILED, text};
 }
 
 void addLine(std::string& page, std::string_view name, std::string_view value)
@@ -157,18 +164,34 @@ std::string pageOf(const ProcessReport& report)
     return page;
 }
 
+/// What the page of a silent process does not show.
+void addOthers(std::string& page, const SilentProcess& silent)
+{
+    if (!silent.namesakes.empty()) {
+        addLine(page, "namesakes",
+                fmt::format("{}: they have this name, too; kesactl status PID shows one of them",
+                            fmt::join(silent.namesakes, ", ")));
+    }
+    if (!silent.notAsked.empty()) {
+        addLine(page, "not asked",
+                fmt::format("{}; it may have connections to these as well", fmt::join(silent.notAsked, ", ")));
+    }
+}
+
 void printStatus(const StatusArguments& arguments)
 {
     const RunDirectoryFacts directory = findRunDirectory();
     const std::string name = findProcess(directory, arguments.process);
     const comm::TimeNs deadline = arguments.common.deadline();
-    const std::optional<ProcessReport> silent =
-        name.empty() ? findSilentProcess(directory, arguments.process, deadline) : std::nullopt;
-    if (name.empty() && !silent) {
-        throw noSuchProcess(directory, arguments.process);
+    const SilentProcess silent =
+        name.empty() ? findSilentProcess(directory, arguments.process, deadline) : SilentProcess();
+    if (name.empty() && !silent.report) {
+        throw noSuchProcess(directory, arguments.process, silent);
     }
-    const ProcessReport report = silent ? *silent : lookAtProcesses(directory, name, deadline).front();
-    print(arguments.common.isJson ? report.asJson() + '\n' : fitted(pageOf(report)));
+    const ProcessReport report = silent.report ? *silent.report : lookAtProcesses(directory, name, deadline).front();
+    std::string page = pageOf(report);
+    addOthers(page, silent);
+    print(arguments.common.isJson ? report.asJson() + '\n' : fitted(page));
     if (!report.note.empty()) {
         throw Failure{report.exitCode, report.advice};
     }
