@@ -11,7 +11,6 @@ namespace {
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::SizeIs;
 
 using BackendConnections = SimulatedBackends;
@@ -274,27 +273,6 @@ protected:
     std::shared_ptr<IPeer> peer;
     std::vector<std::string> answers;
 };
-
-TEST_F(BackendPeers, WhoAnswersInTimeLives)
-{
-    ask();
-    ask();
-    EXPECT_THAT(answers, IsEmpty()) << "never inside the call";
-    settle();
-    EXPECT_THAT(answers, ElementsAre("alive", "alive"));
-    scheduler->pauseGroup(2);
-    ask();
-    runFor(500);
-    scheduler->pauseGroup(1); // who asks sleeps, too, and then gives the time anew
-    runFor(100'000);
-    scheduler->continueGroup(1);
-    runFor(900);
-    EXPECT_THAT(answers, SizeIs(2));
-    scheduler->continueGroup(2);
-    runFor(10'000);
-    EXPECT_THAT(answers, ElementsAre("alive", "alive", "alive"));
-    EXPECT_EQ(client->connections(), 1U);
-}
 
 TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
 {

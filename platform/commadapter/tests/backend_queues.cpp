@@ -14,7 +14,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::SizeIs;
 using testing::StartsWith;
 
 constexpr std::size_t BODY_SIZE = 1000;
@@ -140,38 +139,6 @@ TEST_F(BackendQueues, LatestOfEachLeaveInTheOrderInWhichTheyCame)
     EXPECT_LT(numbers.size(), 100U);
     EXPECT_EQ(numbers.back(), 999) << "some are skipped, but not the last one";
     EXPECT_TRUE(std::is_sorted(numbers.begin(), numbers.end()));
-}
-
-TEST_F(BackendQueues, CutConnectionLosesNothingAndGivesUpWhoTakesNothing)
-{
-    open(1, QueuePolicy::eCUT_CONNECTION);
-    EXPECT_EQ(flood(*handlers[0], 1000), 1000) << "over the bound, but the client may be about to take it";
-    settle();
-    EXPECT_THAT(streams[0]->values, SizeIs(1000));
-
-    stop();
-    EXPECT_EQ(flood(*handlers[0], 1000), 1000);
-    runFor(500);
-    scheduler->pauseGroup(1);
-    runFor(10'000);
-    scheduler->continueGroup(1);
-    EXPECT_EQ(flood(*handlers[0], 10), 10) << "the server itself stood still";
-    runFor(500);
-    goOn();
-    EXPECT_THAT(streams[0]->values, SizeIs(2010));
-    EXPECT_EQ(client->connections(), 1U);
-
-    stop();
-    EXPECT_EQ(flood(*handlers[0], 1000), 1000);
-    runFor(900);
-    EXPECT_EQ(flood(*handlers[0], 10), 10);
-    runFor(400);
-    EXPECT_EQ(service.cancels(), 1U) << "nothing was taken for a heartbeat";
-    EXPECT_TRUE(handlers[0]->onNext(value("late")));
-    EXPECT_THAT(traces->take(), Contains(HasSubstr("does not take what is sent to it")));
-    goOn();
-    EXPECT_EQ(streams[0]->status, 503);
-    EXPECT_EQ(client->connections(), 2U);
 }
 
 TEST_F(BackendQueues, WhatWaitsForTheQueueRunsInOrderOnceItIsEmpty)

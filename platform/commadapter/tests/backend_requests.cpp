@@ -122,6 +122,8 @@ TEST_P(BackendRequests, WhatThrowsIsNamedBeforeTheProcessEnds)
 
 TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
 {
+    using util::config::Value;
+    const Value sent = Value::Array{1, "two", true, nullptr, util::config::Dictionary{{"ü", Value::Array{-1.5}}}};
     std::string seen;
     service.onRequest = [&](const Request& request) {
         const RequestContext* const context = RequestContext::current();
@@ -135,11 +137,12 @@ TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
         for (const auto& [name, one] : request.getHeaders()) {
             EXPECT_EQ(request.getHeader(name), one) << name;
         }
+        EXPECT_EQ(request.getHeader("name"), sent);
         EXPECT_FALSE(request.getHeader("nam").isDefined()) << "a part of one that is there";
     };
     Request request = retrieve("/echo");
     request.setHeader(headers::CLIENT_ID, "somebody else");
-    request.setHeader("name", util::config::Value::Array{1, "two"});
+    request.setHeader("name", sent);
     request.setHeader("of", "name");
     client->request(request);
     settle();

@@ -153,27 +153,6 @@ protected:
     CheckedService::Kept values;
 };
 
-TEST_F(BackendLateLoops, PeerThatSendsOnAndOnPutsOffNoLimitForLong)
-{
-    const auto floodFor = [this](int milliseconds) {
-        for (int i = 0; i < milliseconds / 10; ++i) {
-            EXPECT_FALSE(values->onNext(value("x")));
-            runFor(10);
-        }
-    };
-    const auto punctual = client->request(limited(retrieve("/stream"), 100));
-    floodFor(110);
-    EXPECT_EQ(punctual->status, 504) << "the loop did not stand still";
-    const auto late = client->request(limited(retrieve("/stream"), 100));
-    scheduler->pauseGroup(2);
-    runFor(1000);
-    scheduler->continueGroup(2);
-    floodFor(900);
-    EXPECT_FALSE(late->isOver());
-    floodFor(200);
-    EXPECT_EQ(late->status, 504);
-}
-
 TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLong)
 {
     int left = 0;

@@ -160,43 +160,6 @@ TEST(ProtocolQueue, LargeMessagesTakeTurnsAndStarveNobody)
     EXPECT_LT(at(40), 400) << "nor small ones them";
 }
 
-TEST(ProtocolQueue, ARequestThatHasNotBegunIsTakenBack)
-{
-    for (std::size_t size : {10U, 10000U, 200000U}) {
-        Pair pair;
-        const Request request("retrieve", "/", large(size));
-        std::array<std::uint64_t, 4> ends{};
-        const auto unsent = [&pair, &ends] {
-            std::string streams;
-            for (const std::uint32_t stream : {1U, 2U, 3U}) {
-                streams += pair.client.output.isUnsent(stream, ends[stream]) ? std::to_string(stream) : "";
-            }
-            return streams;
-        };
-        for (const std::uint32_t stream : {1U, 2U, 3U}) {
-            ASSERT_EQ(pair.client.output.request(stream, 1, request), Sent::eQUEUED);
-            ends[stream] = pair.client.output.queueEnd();
-        }
-        ASSERT_FALSE(feed(pair.server, take(pair.client, 5))); // the first has begun
-        EXPECT_EQ(unsent(), "123");
-        EXPECT_EQ(pair.client.output.cancel(1), Cancelled::eASKED);
-        EXPECT_EQ(pair.client.output.cancel(2), Cancelled::eNEVER_SENT);
-        EXPECT_EQ(unsent(), "13");
-        EXPECT_EQ(pair.client.output.queuedBytes(),
-                  pair.client.output.queuedBytes(1) + pair.client.output.queuedBytes(3));
-        while (unsent().size() == 2) {
-            ASSERT_FALSE(feed(pair.server, take(pair.client, 5 + size / 10)));
-        }
-        EXPECT_EQ(unsent(), "3") << "whatever was taken back before";
-        ASSERT_FALSE(feed(pair.server, takeAll(pair.client))) << pair.server.input.reason();
-        EXPECT_EQ(unsent(), "");
-        EXPECT_EQ(linesOf(pair.atServer.lines, 1), (std::vector{describe(1, 1, request), std::string("cancel 1")}));
-        EXPECT_TRUE(linesOf(pair.atServer.lines, 2).empty());
-        EXPECT_EQ(linesOf(pair.atServer.lines, 3).size(), 1U);
-        EXPECT_EQ(pair.client.output.cancel(3), Cancelled::eASKED) << "it has left";
-    }
-}
-
 TEST(ProtocolQueue, WhatStandsAmongManyThatWereTakenBackIsSentWhole)
 {
     Pair pair;

@@ -1,5 +1,5 @@
-// Whatever one machine is told to send, the other hears: the same, in order, however the bytes are cut, and held back
-// after each message or not.
+// What a receiver adds to what it hears, and what a sender refuses since it could not arrive. That whatever is sent is
+// heard is for the vectors of the document, whatever the cuts for ProtocolQueue.
 
 #include "protocol_support.h"
 
@@ -11,74 +11,7 @@ namespace kesa::commadapter::protocol {
 namespace {
 
 using namespace testing;
-using util::config::Dictionary;
 using util::config::Value;
-
-Request richRequest()
-{
-    Request request("retrieve", "/tracks/7", text("{\"a\":1}", "application/json"));
-    request.setMimeType("application/vnd.qelbin");
-    request.setHeader(headers::RESPONSE_SEMANTIC, "persistent-stream");
-    request.setHeader(headers::SERVICE_PATH, "/media/player");
-    request.setHeader(headers::AUTH_TOKEN, 5); // not of the usual type: travels under its name
-    request.setHeader(headers::ACCEPT, Value::Array{"application/json", "x/y"});
-    request.setHeader("count", -70000);
-    request.setHeader("huge", UINT64_MAX);
-    request.setHeader("flag", true);
-    request.setHeader("none", nullptr);
-    request.setHeader("real", 1.5);
-    request.setHeader("tree", Dictionary{{"list", Value::Array{1, "zwei", Dictionary()}}, {"ü", "ß"}});
-    return request;
-}
-
-// Bare messages of each kind are vectors of the document; here they come together and in pieces.
-TEST(ProtocolRoundTrip, WhatIsSentTogetherArrivesThroughAnyCut)
-{
-    Response answer(200, text("1", "application/json"));
-    answer.setHeader(headers::REQUEST_PATH, "/tracks");
-    const Request requests[] = {richRequest(),
-                                Request(),
-                                Request("move", "", text(std::string(4096, 'x'), "odd/type")),
-                                Request("insert", "/big", large(4097)),
-                                Request("retrieve", "/track/a"),
-                                Request("retrieve", "/track/b")};
-    std::vector<std::string> atServer = {"attach 1 /media/player"};
-    for (std::uint32_t stream = 1; const Request& request : requests) {
-        atServer.push_back(describe(stream++, 1, request));
-    }
-    atServer.insert(atServer.end(), {"cancel 77", "detached 1"});
-    for (std::size_t atMost : {1U, 2U, 3U, 7U, 15U, 16U, 17U, 4096U, 70000U, 4095U, 70001U}) {
-        Pair pair;
-        if (atMost % 2 == 1) {
-            pair.atServer.held = &pair.server;
-        }
-        pair.client.output.attach(1, "/media/player");
-        for (std::uint32_t stream = 1; const Request& request : requests) {
-            ASSERT_EQ(pair.client.output.request(stream++, 1, request), Sent::eQUEUED);
-        }
-        EXPECT_EQ(pair.client.output.cancel(77), Cancelled::eASKED);
-        pair.client.output.detached(1);
-        pair.client.output.ping();
-        ASSERT_FALSE(feed(pair.server, takeAll(pair.client), atMost)) << pair.server.input.reason();
-        EXPECT_EQ(pair.atServer.lines, atServer) << "at most " << atMost;
-        EXPECT_EQ(pair.atServer.persistent, "1 ");
-        EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
-        EXPECT_EQ(pair.server.input.takePongsOwed(), 0U);
-
-        pair.server.output.pong();
-        ASSERT_EQ(pair.server.output.next(3, answer), Sent::eQUEUED);
-        ASSERT_EQ(pair.server.output.next(4, Response(201, large(65000))), Sent::eQUEUED);
-        pair.server.output.error(3, Response::createErrorResponse(409, "service already registered"));
-        pair.server.output.completed(4);
-        ASSERT_FALSE(feed(pair.client, takeAll(pair.server), atMost)) << pair.client.input.reason();
-        EXPECT_EQ(
-            pair.atClient.lines,
-            (std::vector<std::string>{describe("next", 3, answer), describe("next", 4, Response(201, large(65000))),
-                                      "error 3 409 <plain/text>service already registered", "completed 4"}))
-            << "at most " << atMost;
-        EXPECT_EQ(pair.server.output.queuedBytes(), 0U);
-    }
-}
 
 TEST(ProtocolRoundTrip, TheReceiverSaysWhoTheClientIs)
 {

@@ -58,7 +58,7 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
            request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
 }
 
-/// Writes a line per callback, lets `echo` send what was heard, and has `held` hold after each.
+/// Writes a line per callback, and lets `echo` send what was heard.
 class Recorder : public IMachineListener {
 public:
     void onHello(const Hello& peer) override
@@ -71,9 +71,8 @@ public:
         add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->output.attach(target, path)); });
     }
     void onDetach(std::uint32_t target) override { onDetached(target); }
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool /*isPersistent*/) override
     {
-        persistent += isPersistent ? std::to_string(stream) + ' ' : "";
         add(describe(stream, target, request),
             [&] { static_cast<void>(echo->output.request(stream, target, request)); });
     }
@@ -104,19 +103,13 @@ public:
 
     std::vector<std::string> lines;
     Hello hello;
-    std::string persistent; ///< streams of the requests that say so
     Machine* echo = nullptr;
-    Machine* held = nullptr;
 
 private:
     static std::string line(const char* what, std::uint32_t number) { return what + (' ' + std::to_string(number)); }
     void add(
         std::string heard, const std::function<void()>& say = [] {})
     {
-        if (held != nullptr) {
-            lines.insert(lines.end(), held->input.isHeld() ? 1 : 0, "called while held");
-            held->input.hold();
-        }
         lines.push_back(std::move(heard));
         if (echo != nullptr) {
             say();
@@ -141,19 +134,14 @@ inline Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uin
     return bytes;
 }
 
-/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
+/// Puts bytes into a machine. True: it refused them.
 inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::size_t atMost = SIZE_MAX)
 {
     while (!bytes.empty()) {
         const std::span<unsigned char> room = machine.input.buffer();
         const std::size_t count = std::min({bytes.size(), room.size(), atMost});
         std::memcpy(room.data(), bytes.data(), count);
-        bool failed = machine.input.received(count, 0);
-        while (machine.input.isHeld() && !failed) {
-            machine.input.release();
-            failed = machine.input.readOn();
-        }
-        if (failed) {
+        if (machine.input.received(count, 0)) {
             return true;
         }
         bytes = bytes.subspan(count);
