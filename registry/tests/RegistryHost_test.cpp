@@ -78,23 +78,6 @@ TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
     EXPECT_THAT(m_clients.told(), ElementsAre("all: [-/own]", "all: [-/taken]"));
 }
 
-TEST_F(RegistryHostTest, EndsItsRequestsAndGoesQuietly)
-{
-    host();
-    run();
-    EXPECT_TRUE(isProvided() && isBackendsErrorShown());
-    m_host->stop();
-    EXPECT_FALSE(isBackendsErrorShown());
-    EXPECT_FALSE(isProvided());
-    EXPECT_THAT(m_clients.told(), ElementsAre("ready"));
-
-    // Ended before it is known whether it was registered.
-    makeHost(*m_runtime, "brief ").reset();
-    run();
-    EXPECT_FALSE(isProvided());
-    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
-}
-
 TEST_F(RegistryHostTest, BeginsWhenItsPredecessorHasEnded)
 {
     host();
@@ -163,15 +146,6 @@ TEST_F(RegistryHostTest, RefusesAtOnceWhereTheRegistryIsElsewhere)
     EXPECT_TRUE(isBackendsErrorShown());
     EXPECT_THAT(m_clients.told(), testing::IsEmpty());
     KesaRuntime::shutdown();
-}
-
-TEST_F(RegistryHostTest, SaysThatItCannotBeReached)
-{
-    m_network->refusedPaths.insert("fake://me/registry");
-    host();
-    run();
-    EXPECT_THAT(m_clients.told(), ElementsAre("409: the fake refuses it"));
-    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("registry service can not be registed")));
 }
 
 } // namespace
