@@ -88,8 +88,9 @@ bool LineOutput::tellLost(Kind kind) noexcept
         return true;
     }
     char text[96];
-    const int size = std::snprintf(text, sizeof text, "%skesa: %llu lines lost, their reader did not keep up\n",
-                                   m_isCut ? "\n" : "", static_cast<unsigned long long>(m_lostLines));
+    const int size = std::snprintf(text, sizeof text, "%skesa: %llu lines lost, %s\n", m_isCut ? "\n" : "",
+                                   static_cast<unsigned long long>(m_lostLines),
+                                   kind == Kind::eFILE ? "they could not be written" : "their reader did not keep up");
     if (!writeWhole(kind, {text, static_cast<std::size_t>(size)})) {
         return false;
     }
@@ -123,7 +124,7 @@ bool LineOutput::isReady(int timeoutMs) const noexcept
 }
 
 /// The number of bytes written; 0 when that failed.
-std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) const noexcept
+std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) noexcept
 {
     ssize_t written = 0;
     do {
@@ -136,6 +137,7 @@ std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) const noexce
             written = ::write(m_descriptor, rest.data(), rest.size());
         }
     } while (written < 0 && errno == EINTR);
+    m_error = written < 0 && kind == Kind::eFILE ? errno : 0;
     return written > 0 ? static_cast<std::size_t>(written) : 0;
 }
 

@@ -22,6 +22,9 @@ public:
 
     void write(std::string_view line) noexcept;
 
+    /// The `errno` of why the last line could not be written to a file; 0 when it was, or is lost by its reader.
+    int error() const noexcept { return m_error; }
+
     /// Says how many lines have been lost, if any and if the reader takes that within 100 ms: nothing may be written
     /// afterwards that would say it.
     void flush() noexcept;
@@ -31,7 +34,7 @@ private:
 
     Kind kind() const noexcept;
     bool isReady(int timeoutMs) const noexcept;
-    std::size_t writeSome(Kind kind, std::string_view rest) const noexcept;
+    std::size_t writeSome(Kind kind, std::string_view rest) noexcept;
     bool writeWhole(Kind kind, std::string_view line) noexcept;
     bool tellLost(Kind kind) noexcept;
 
@@ -39,6 +42,7 @@ private:
     const Ownership m_ownership;
     bool m_isClogged = false; // the reader did not keep up: do not wait for it again
     bool m_isCut = false;     // the last line was written in part
+    int m_error = 0;
     std::uint64_t m_lostLines = 0;
     pid_t m_loser = 0; ///< the process that has lost them: a child does not tell of its parent's
 };

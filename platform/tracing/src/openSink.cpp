@@ -20,6 +20,8 @@
 namespace tracing {
 namespace {
 
+constexpr int SEVERITY_OF_LOSS = 4;
+
 std::string_view levelOf(int severity)
 {
     switch (severity) {
@@ -117,20 +119,36 @@ std::mutex& nextOutputLock()
     return outputLocks()[made.fetch_add(1, std::memory_order_relaxed) % OUTPUT_LOCKS];
 }
 
+std::shared_ptr<ISink> stderrSink();
+
+/// Where lines of `path` are lost is said where somebody may read it.
+void tellUnwritable(const std::string& path, int error)
+{
+    stderrSink()->write(
+        {"KESA_TRACING", SEVERITY_OF_LOSS,
+         fmt::format("cannot write to '{}': {}; lines are lost until that works", path, obr::explainError(error))});
+}
+
 class DescriptorSink final : public ISink {
 public:
-    DescriptorSink(int descriptor, LineOutput::Ownership ownership, bool isJournal)
-        : m_isJournal(isJournal), m_output(descriptor, ownership)
+    /// `path`: empty for a standard descriptor.
+    DescriptorSink(int descriptor, std::string path, bool isJournal)
+        : m_path(std::move(path)), m_isJournal(isJournal),
+          m_output(descriptor, m_path.empty() ? LineOutput::Ownership::eBORROWED : LineOutput::Ownership::eOWNED)
     {}
 
     void write(const Line& line) override
     {
+        int failure = 0;
         if (hasControls(line.text) || hasControls(line.channel)) {
             const std::string channel = escapeControls(line.channel);
             const std::string text = escapeControls(line.text);
-            writePrintable({channel, line.severity, text, line.facility});
+            failure = writePrintable({channel, line.severity, text, line.facility});
         } else {
-            writePrintable(line);
+            failure = writePrintable(line);
+        }
+        if (failure != 0 && !m_path.empty()) {
+            tellUnwritable(m_path, failure);
         }
     }
     void flush() override
@@ -144,7 +162,8 @@ public:
 private:
     static constexpr int EVENT_LOG = 7; ///< its lines stand for themselves
 
-    void writePrintable(const Line& line)
+    /// The `errno` of the first line that fails after one that did not, else 0.
+    int writePrintable(const Line& line)
     {
         const std::lock_guard lock(m_lock); // the times of lines go up
         m_line.clear();
@@ -162,7 +181,9 @@ private:
             fmt::format_to(end, " {:<7} {}/{} [{}] {}\n", levelOf(line.severity), caller.process, caller.thread,
                            line.channel, line.text);
         }
+        const int before = m_output.error();
         m_output.write({m_line.data(), m_line.size()});
+        return before == 0 ? m_output.error() : 0;
     }
     /// In UTC, to the microsecond.
     void appendTime()
@@ -183,6 +204,7 @@ private:
         fmt::format_to(std::back_inserter(m_line), "{}.{:06}Z", m_timeText, (now - second).count());
     }
 
+    const std::string m_path;
     const bool m_isJournal;
     std::mutex& m_lock = nextOutputLock();
 
@@ -204,6 +226,11 @@ bool isStderrJournal()
     return fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
 }
 
+std::shared_ptr<ISink> stderrSink()
+{
+    return std::make_shared<DescriptorSink>(STDERR_FILENO, "", isStderrJournal());
+}
+
 } // namespace
 
 std::array<std::mutex, OUTPUT_LOCKS>& outputLocks()
@@ -216,7 +243,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
 {
     constexpr std::string_view FILE_PREFIX = "file:";
     if (description == "stderr") {
-        return std::make_shared<DescriptorSink>(STDERR_FILENO, LineOutput::Ownership::eBORROWED, isStderrJournal());
+        return stderrSink();
     }
     if (description.compare(0, FILE_PREFIX.size(), FILE_PREFIX) != 0 || description.size() == FILE_PREFIX.size()) {
         reason = "'" + description + "' is no trace sink: use stderr or file:PATH";
@@ -233,7 +260,7 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
         reason = "cannot open trace file '" + path + "': " + obr::explainError(errno);
         return nullptr;
     }
-    return std::make_shared<DescriptorSink>(descriptor, LineOutput::Ownership::eOWNED, false);
+    return std::make_shared<DescriptorSink>(descriptor, path, false);
 }
 
 } // namespace tracing

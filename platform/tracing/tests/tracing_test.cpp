@@ -13,6 +13,7 @@
 #include <fstream>
 #include <functional>
 #include <sstream>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <thread>
@@ -198,6 +199,58 @@ TEST_F(Tracing, ASinkMayFork)
     setSink(sink);
     Channel("T_FORK").logC(4, "forks");
     EXPECT_EQ(sink->status, 0);
+}
+
+/// Files of this process cannot grow, as on a full disk.
+class NoRoom {
+public:
+    explicit NoRoom(rlim_t size)
+    {
+        ::getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit full{size, m_before.rlim_max};
+        ::setrlimit(RLIMIT_FSIZE, &full);
+    }
+    ~NoRoom()
+    {
+        ::setrlimit(RLIMIT_FSIZE, &m_before);
+        ::signal(SIGXFSZ, m_handler);
+    }
+    NoRoom(const NoRoom&) = delete;
+    NoRoom& operator=(const NoRoom&) = delete;
+
+private:
+    rlimit m_before{};
+    const sighandler_t m_handler = ::signal(SIGXFSZ, SIG_IGN);
+};
+
+// stderr is the one place left where that can be read; the second line is cut off.
+TEST_F(Tracing, SaysOnceThatAFileCannotBeWrittenAndThenWhatWasLost)
+{
+    const std::string file = testing::TempDir() + "kesa-full-" + std::to_string(::getpid());
+    int pipe[2];
+    ASSERT_EQ(::pipe(pipe), 0);
+    const auto sink = makeSink("file:" + file);
+    ASSERT_NE(sink, nullptr);
+    const auto write = [&](const char* text) { sink->write({"kesa_DataModel", 2, text, 7}); };
+    withStderr(pipe[1], [&] {
+        const NoRoom full(6);
+        for (const char* const text : {"{1}", "{2}", "{3}"}) {
+            write(text);
+        }
+    });
+    const auto once = testing::AllOf(HasSubstr("[KESA_TRACING] cannot write to '" + file + "': File too large; "),
+                                     testing::Not(testing::ContainsRegex("\n.")));
+    EXPECT_THAT(drained(pipe[0]), once);
+    write("{4}");
+    withStderr(pipe[1], [&] {
+        const NoRoom full(6);
+        write("{5}");
+    });
+    EXPECT_THAT(drained(pipe[0]), once) << "another time, another line";
+    EXPECT_EQ(contentOf(file), "{1}\n{2\nkesa: 2 lines lost, they could not be written\n{4}\n");
+    std::filesystem::remove(file);
+    ::close(pipe[0]);
+    ::close(pipe[1]);
 }
 
 // A reader that stopped must not stop us, one that died must not kill us, and what was lost is said.

@@ -59,11 +59,11 @@ private:
     ChannelState& m_channel;
 };
 
-/// "stderr" or "file:PATH"; the file is appended to. A line of the event log is written bare, every other as
+/// "stderr" or "file:PATH", which is appended to. A line of the event log is written bare, every other as
 /// "TIME SEVERITY PROCESS/THREAD [CHANNEL] TEXT", with its control characters escaped. A reader that does not keep up
-/// costs the writer 100 ms once; then lines are dropped until it does. How many is said then, or when sink or process
-/// end, if it takes that within another 100 ms. Null, with the reason in `obr::ErrorStorage`, when it is neither or
-/// cannot be opened.
+/// costs the writer 100 ms once; then lines are dropped until it does, as while the file cannot be written, which is an
+/// error on stderr. How many is said then, or when sink or process end, if that is taken within another 100 ms. Null,
+/// with the reason in `obr::ErrorStorage`, when it is neither or cannot be opened.
 KESA_API std::shared_ptr<ISink> makeSink(const std::string& description);
 
 } // namespace tracing
