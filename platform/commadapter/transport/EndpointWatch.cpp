@@ -87,8 +87,10 @@ struct EndpointWatch::News {
     }
 };
 
-EndpointWatch::EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory)
-    : m_loop(std::move(loop)), m_path(directory), m_self(std::make_shared<EndpointWatch*>(this))
+EndpointWatch::EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory,
+                             std::function<void(const std::string& why)> tellPolling)
+    : m_loop(std::move(loop)), m_path(directory), m_tellPolling(std::move(tellPolling)),
+      m_self(std::make_shared<EndpointWatch*>(this))
 {}
 
 EndpointWatch::~EndpointWatch()
@@ -170,6 +172,7 @@ void EndpointWatch::shutDown()
         m_loop->cancelTimer(std::exchange(m_timer, 0));
     }
     m_inotify.reset();
+    m_isPolling = false;
     m_directory = -1;
     m_ancestor = -1;
 }
@@ -184,7 +187,8 @@ void EndpointWatch::disarm()
     }
 }
 
-/// Sets both watches so that no change in between is missed: the parent's comes first. True when they cannot be set.
+/// Sets both watches so that no change in between is missed: the parent's comes first. True when they cannot be set,
+/// for the reason in `errno`.
 bool EndpointWatch::arm()
 {
     // Again when something appeared behind the back of the parent's watch; who makes it appear ever again is not
@@ -192,8 +196,10 @@ bool EndpointWatch::arm()
     for (int attempt = 0; attempt < 16; ++attempt) {
         disarm();
         std::string child = m_path;
+        int error = 0;
         for (;;) {
             m_ancestor = ::inotify_add_watch(m_inotify.get(), parentOf(child).c_str(), IN_ANCESTOR);
+            error = errno;
             if (m_ancestor >= 0 || !isMissing(errno) || parentOf(child) == "/") {
                 break;
             }
@@ -205,6 +211,7 @@ bool EndpointWatch::arm()
             if (m_directory >= 0 || !isMissing(errno)) {
                 return m_directory < 0;
             }
+            errno = error;
             return m_ancestor < 0;
         }
         if (m_ancestor < 0) {
@@ -220,7 +227,12 @@ bool EndpointWatch::arm()
 /// After a change of the directory itself.
 void EndpointWatch::rearm()
 {
-    if (arm() && m_timer == 0) {
+    const bool failed = arm();
+    const int error = errno;
+    if (!std::exchange(m_isPolling, failed) && failed) {
+        m_tellPolling(explainUnwatched(error));
+    }
+    if (failed && m_timer == 0) {
         m_timer = m_loop->startTimer(comm::now() + POLL, [this] {
             m_timer = 0;
             rearm();

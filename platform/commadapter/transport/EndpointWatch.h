@@ -6,6 +6,7 @@
 #include <comm/Reactor.h>
 #include <util/UniqueFunction.h>
 
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -17,7 +18,10 @@ namespace kesa::commadapter::transport {
 /// while nobody waits. Loop only.
 class EndpointWatch {
 public:
-    EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory);
+    /// `tellPolling` is called when the watches cannot be set again after a change of the directory: why, as `add` has
+    /// it. Everybody is told once a second from then on, until they can.
+    EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory,
+                  std::function<void(const std::string& why)> tellPolling);
     ~EndpointWatch();
     EndpointWatch(const EndpointWatch&) = delete;
     EndpointWatch& operator=(const EndpointWatch&) = delete;
@@ -51,6 +55,7 @@ private:
 
     const std::shared_ptr<comm::Reactor> m_loop;
     const std::string m_path;
+    const std::function<void(const std::string&)> m_tellPolling;
     std::map<comm::Reactor::Id, Watcher> m_watchers;
     comm::Reactor::Id m_lastId = 0;
     /// What is posted holds it weakly, and does nothing once it is gone.
@@ -59,9 +64,10 @@ private:
     Descriptor m_inotify;
     comm::Reactor::Id m_watch = 0;
     comm::Reactor::Id m_timer = 0;
-    int m_directory = -1;  ///< watch of the directory, while it exists
-    int m_ancestor = -1;   ///< watch of its nearest existing parent
-    std::string m_awaited; ///< what has to change in the ancestor to matter
+    bool m_isPolling = false; ///< since the last change of the directory
+    int m_directory = -1;     ///< watch of the directory, while it exists
+    int m_ancestor = -1;      ///< watch of its nearest existing parent
+    std::string m_awaited;    ///< what has to change in the ancestor to matter
 };
 
 } // namespace kesa::commadapter::transport

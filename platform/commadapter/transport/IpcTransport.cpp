@@ -76,7 +76,8 @@ class IpcTransport final : public ITransport {
 public:
     IpcTransport(const IpcSettings& settings, std::shared_ptr<comm::Reactor> loop)
         : m_settings(settings), m_loop(std::move(loop)), m_runDirectory(settings.runDir),
-          m_self(std::make_shared<IpcTransport*>(this)), m_endpoints(m_loop, m_runDirectory.path())
+          m_self(std::make_shared<IpcTransport*>(this)),
+          m_endpoints(m_loop, m_runDirectory.path(), &IpcTransport::traceUnwatched)
     {}
     ~IpcTransport() override { end(); }
     IpcTransport(const IpcTransport&) = delete;
@@ -130,6 +131,7 @@ private:
     Connected open(const Endpoint& endpoint);
     void tried(const Endpoint& endpoint, const SocketFile& file);
     Connected miss(const Endpoint& endpoint, const SocketFile& file);
+    static void traceUnwatched(const std::string& why);
     void end();
 
     const IpcSettings m_settings;
@@ -338,6 +340,13 @@ ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketF
                 : fmt::format("the run directory \"{}\" is not there, so nobody listens", m_runDirectory.shownPath())};
 }
 
+void IpcTransport::traceUnwatched(const std::string& why)
+{
+    KESA_TRACE_TEXT(
+        channel(), 3,
+        fmt::format("[watch] a process that starts is found up to a second later than it could be: {}", why));
+}
+
 comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared)
 {
     onLoop(__func__);
@@ -349,9 +358,7 @@ comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::Un
     const comm::Reactor::Id id = m_endpoints.add(file, std::move(appeared), why);
     const bool isUnwatched = id == 0;
     if (!std::exchange(m_isUnwatchedTraced, isUnwatched) && isUnwatched) {
-        KESA_TRACE_TEXT(
-            channel(), 3,
-            fmt::format("[watch] a process that starts is found up to a second later than it could be: {}", why));
+        traceUnwatched(why);
     }
     if (isUnwatched) {
         return 0;
