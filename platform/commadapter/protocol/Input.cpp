@@ -31,7 +31,7 @@ std::span<unsigned char> Input::buffer()
     return {m_buffer.get() + m_end, BUFFER_BYTES - m_end};
 }
 
-bool Input::received(std::size_t size, comm::TimeNs now)
+bool Input::received(std::size_t size, comm::TimeNs now, comm::TimeNs until)
 {
     if (m_hasFailed) {
         return true;
@@ -53,20 +53,24 @@ bool Input::received(std::size_t size, comm::TimeNs now)
         }
     }
     m_end += size;
-    return readFrames();
+    return readFrames(until);
 }
 
-bool Input::readFrames()
+bool Input::readFrames(comm::TimeNs until)
 {
     bool failed = false;
-    while (!m_shared.isHeld.load(std::memory_order_relaxed) && !readFrame(failed)) {
+    m_isPaused = false;
+    m_slice.begin(until);
+    while (!m_shared.isHeld.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
+        m_isPaused = m_slice.isOver();
     }
-    // What is left is less than a frame, and in most cases nothing, unless it is held.
+    // What is left is less than a frame, and in most cases nothing, unless it is held or paused.
     if (m_begin > 0 && !failed) {
         std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
     }
+    m_isPaused = m_isPaused && m_end > 0;
     return failed;
 }
 

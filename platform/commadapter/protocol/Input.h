@@ -8,6 +8,7 @@
 #include "protocol/IMachineListener.h"
 #include "protocol/Limits.h"
 #include "protocol/Shared.h"
+#include "protocol/TimeSlice.h"
 
 #include <cstdint>
 #include <map>
@@ -25,14 +26,18 @@ class Input {
 public:
     Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared);
 
-    /// Where the next bytes belong, never empty unless held: a large body is read straight into its block, which grows
-    /// with what arrives, or has arrived before, not by what was declared.
+    /// Where the next bytes belong, never empty unless held or paused: a large body is read straight into its block,
+    /// which grows with what arrives, or has arrived before, not by what was declared.
     std::span<unsigned char> buffer();
     /// `size` bytes were put at the start of the last `buffer`. True: the peer broke the protocol, `reason` says how,
-    /// and the connection must be closed; nothing is called any more.
-    [[nodiscard]] bool received(std::size_t size, comm::TimeNs now);
-    /// Handles what a hold has left of what was received, as `received` would have.
-    [[nodiscard]] bool readOn() { return m_hasFailed || readFrames(); }
+    /// and the connection must be closed; nothing is called any more. `until`: when it leaves the rest to `readOn`.
+    [[nodiscard]] bool received(std::size_t size, comm::TimeNs now, comm::TimeNs until = comm::NEVER);
+    /// Handles what a hold or `until` has left of what was received, as `received` would have.
+    [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER) { return m_hasFailed || readFrames(until); }
+    /// Bytes that were received and are not handled: at least the beginning of a message.
+    bool hasUnhandled() const noexcept { return m_end > m_begin; }
+    /// `until` has come: there may be whole messages left. The owner reads nothing before `readOn`.
+    bool isPaused() const noexcept { return m_isPaused; }
     const std::string& reason() const noexcept { return m_reason; }
     /// What "$client-id" reads in the requests that arrive from now on, whatever the sender wrote there; usually set in
     /// `onHello`. Costs nothing per request, unlike `Request::setHeader`.
@@ -59,7 +64,7 @@ private:
         Body body;
     };
 
-    [[nodiscard]] bool readFrames();
+    [[nodiscard]] bool readFrames(comm::TimeNs until);
     /// True: no further frame can be taken out of the buffer now.
     [[nodiscard]] bool readFrame(bool& failed);
     [[nodiscard]] bool checkHeader(const FrameHeader& header);
@@ -103,6 +108,8 @@ private:
     [[nodiscard]] bool readKnownHead(const FrameHeader& header, const unsigned char* content);
     KnownHead m_known;
 
+    TimeSlice m_slice;
+    bool m_isPaused = false;
     std::uint64_t m_pongs = 0;
     bool m_hasHello = false;
     bool m_hasFailed = false;

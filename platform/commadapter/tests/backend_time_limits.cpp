@@ -232,5 +232,26 @@ TEST(Deadlines, KeepTheirOrderAndFewOfThoseThatHaveEnded)
     EXPECT_EQ(deadlines.next(), comm::NEVER);
 }
 
+// Many small requests that come in one read, each of which takes a while.
+TEST_F(BackendTimeLimitsRemote, WhoAsksManyAtOnceLeavesTheLoopToOthers)
+{
+    begin();
+    auto other = makeBackend("other");
+    Client honest(*other, locator);
+    settle();
+    service.onRequest = [](const Request&) { work(1); };
+    Outcomes flood;
+    for (int i = 0; i < 1000; ++i) {
+        flood.push_back(client->request(retrieve("/echo", "x")));
+    }
+    const auto asked = honest.request(retrieve("/echo", "y"));
+    const comm::TimeNs issued = scheduler->now();
+    comm::TimeNs took = comm::NEVER;
+    asked->onEnd = [&] { took = scheduler->now() - issued; };
+    settle();
+    EXPECT_LT(took, 50 * comm::MILLISECOND);
+    EXPECT_EQ(countOf(flood, [](const auto& outcome) { return outcome->isCompleted; }), flood.size());
+}
+
 } // namespace
 } // namespace kesa::commadapter::test

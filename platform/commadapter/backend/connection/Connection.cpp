@@ -45,6 +45,11 @@ protocol::Limits limitsOf(const CommSettings& settings)
     return limits;
 }
 
+comm::TimeNs endOf(comm::TimeNs within, comm::TimeNs now)
+{
+    return within == comm::NEVER ? comm::NEVER : now + within;
+}
+
 } // namespace
 
 Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Role role) : m_loop(std::move(loop)), m_role(role) {}
@@ -115,7 +120,9 @@ void Connection::onReadable()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    readBatch();
+    if (!m_isToReadOn) { // else its turn comes, once
+        readBatch();
+    }
 }
 
 void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
@@ -124,19 +131,23 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
         return;
     }
     bool hasRead = false;
-    comm::TimeNs begun = 0;
-    const std::uint64_t pongs = m_machine->input.pongs();
+    comm::TimeNs until = comm::NEVER;
+    auto& input = m_machine->input;
+    const std::uint64_t pongs = input.pongs();
     {
         const Lock lock(m_lock);
         m_isBatch = true;
         hold(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
-    if (m_machine->input.readOn()) {
-        cutOff(m_machine->input.reason());
+    if (input.hasUnhandled()) {
+        until = endOf(within, comm::now());
+        if (input.readOn(until)) {
+            cutOff(input.reason());
+        }
     }
-    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !m_machine->input.isHeld(); ++reads) {
-        const auto into = m_machine->input.buffer();
+    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !isInputStopped(); ++reads) {
+        const auto into = input.buffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
         if (result == transport::IStream::Result::eENDED) {
@@ -146,27 +157,47 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
             break;
         }
         const comm::TimeNs now = comm::now();
-        begun = hasRead ? begun : now;
+        until = until == comm::NEVER ? endOf(within, now) : until;
         hasRead = true;
-        const bool failed = m_machine->input.received(size, now);
-        if (failed) {
-            cutOff(m_machine->input.reason());
+        if (input.received(size, now, until)) {
+            cutOff(input.reason());
             continue;
         }
         const bool isProbablyAll = size < into.size() && !untilEmpty; // the stream comes again for the rest
-        if (isProbablyAll || comm::now() - begun >= within) {
+        if (isProbablyAll || comm::now() >= until) {
             break;
         }
     }
+    if (m_lostReason && input.isPaused()) {
+        static_cast<void>(input.readOn()); // it came before the end
+    }
     m_isReceiving = false;
+    const bool isPong = input.pongs() != pongs;
     finishBatch(hasRead);
     if (m_isOpen) {
         updateReading();
-        const bool isPong = m_machine->input.pongs() != pongs;
+        readOnLater();
         if (hasRead || isPong) {
             onSign(isPong);
         }
     }
+}
+
+/// What the time did not suffice for: after what other connections have for this turn of the loop.
+void Connection::readOnLater()
+{
+    if (m_machine->input.isPaused() && !std::exchange(m_isToReadOn, true)) {
+        m_loop->post([self = shared_from_this()] {
+            self->m_isToReadOn = false;
+            const IoLoop::Turn turn(*self->m_loop);
+            self->readBatch();
+        });
+    }
+}
+
+bool Connection::isInputStopped() const noexcept
+{
+    return m_machine->input.isHeld() || m_machine->input.isPaused();
 }
 
 void Connection::finishBatch(bool hasRead)
@@ -191,7 +222,7 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    if (m_isOpen && (!m_isReading || m_machine->input.isHeld())) {
+    if (m_isOpen && (!m_isReading || isInputStopped())) {
         {
             const Lock lock(m_lock);
             m_isBroken = true;

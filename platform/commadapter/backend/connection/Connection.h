@@ -71,13 +71,16 @@ protected:
     /// When bytes left last; on a client's blocked connection also when bytes came.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
 
-    static constexpr comm::TimeNs BATCH = 50 * comm::MILLISECOND;
+    static constexpr comm::TimeNs BATCH = 2 * comm::MILLISECOND;
     /// Reads and handles what is there, up to a limit that is more than a socket holds, and no further once handling it
-    /// has taken `within`: a peer that writes on and on keeps nobody here. Not `untilEmpty`, the last read may be
-    /// spared. Loop only.
+    /// has taken `within`, message by message: a peer that sends very many keeps nobody else waiting, and the rest
+    /// comes in a later turn of the loop. Not `untilEmpty`, the last read may be spared. Loop only.
     void readBatch(bool untilEmpty = false, comm::TimeNs within = BATCH);
     /// The same of what must not be left unread: whatever time it takes.
     void readAll() { readBatch(true, comm::NEVER); }
+
+    /// Of what has been read not all has been handled. Loop only, while open.
+    bool isReadingOn() const noexcept { return m_isToReadOn; }
 
     bool isOpen() const noexcept { return m_isOpen; }
     /// While open; lock held.
@@ -120,6 +123,8 @@ private:
     void onPeerExited() override;
 
     void finishBatch(bool hasRead);
+    void readOnLater();
+    bool isInputStopped() const noexcept;
     void write();
     std::size_t holdBound() const;
     std::size_t boundedBytes() const;
@@ -154,7 +159,8 @@ private:
     IoLoop::Queued m_counted;
     // Loop only.
     bool m_isReceiving = false;
-    bool m_isReading = true; ///< the stream reports what arrives
+    bool m_isToReadOn = false; ///< a turn is posted in which it does
+    bool m_isReading = true;   ///< the stream reports what arrives
     std::optional<std::string> m_lostReason;
 };
 

@@ -38,6 +38,9 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
             return false;
         }
         lock.lock();
+        if (isReadingOn()) {
+            m_machine->output.restartDeadlines(now); // it is this process that is late
+        }
         std::string why;
         if (m_machine->output.expired(now, why)) {
             lock.unlock();

@@ -99,6 +99,9 @@ void Liveness::judge(std::uint64_t number, bool hasSlept)
     if (!m_connection.isOpen() || left == m_questions.end()) {
         return;
     }
+    if (m_connection.isReadingOn()) {
+        left->begun = now; // what it said may be among what is not handled yet
+    }
     if (now - left->begun < within) { // something has come
         await(*left);
         return;
