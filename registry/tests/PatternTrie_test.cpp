@@ -68,4 +68,25 @@ TEST(PatternTrie, AgreesWithPathPatterns)
     EXPECT_TRUE(trie.isEmpty());
 }
 
+TEST(PatternTrie, TakesGlobsApart)
+{
+    struct {
+        const char* glob;
+        std::vector<std::string> segments;
+        bool hasRest;
+    } const cases[] = {
+        {"", {"**"}, false},
+        {"/", {}, false},
+        {"a//b/", {"a", "b"}, false},
+        {"/a/*/{b,c}x/**", {"a", "*", "{b,c}x", "**"}, false},
+        {"/a/*/b{/c,d}/e", {"a", "*"}, true},
+        {"/a/{,b}/c", {"a"}, true},
+    };
+    for (const auto& [glob, segments, hasRest] : cases) {
+        const SplitGlob split(glob);
+        EXPECT_EQ(split.segments, segments) << glob;
+        EXPECT_EQ(split.hasRest, hasRest) << glob;
+    }
+}
+
 } // namespace

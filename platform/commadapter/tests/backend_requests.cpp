@@ -144,6 +144,8 @@ TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
     request.setHeader(headers::CLIENT_ID, "somebody else");
     request.setHeader("name", sent);
     request.setHeader("of", "name");
+    request.setHeader("more", 70000);
+    request.setHeader("less", -1);
     client->request(request);
     settle();
     EXPECT_EQ(seen, isLocal() ? "" : "client 2 client:2") << "in the memory network the group is the pid";

@@ -1,4 +1,5 @@
-// How messages leave: the order that is promised, fair turns of large ones, what can be taken back, exact counting.
+// How messages leave: the order that is promised, fair turns of large ones, what can be taken back, exact counting, and
+// from when a peer owes an answer.
 // A seed decides what is sent, how many bytes a write takes and how the reader cuts them.
 
 #include "protocol/ByteQueue.h"
@@ -205,6 +206,20 @@ TEST(ProtocolQueue, BlockOfABurstIsGivenBackWhileBytesComeAndGo)
         EXPECT_LT(queue.capacityForTest(), 300U << 10U);
         EXPECT_EQ(queue.data()[queue.size() - 1000], 'y');
     }
+}
+
+TEST(ProtocolQueue, NobodyIsJudgedByAPingThatHasNotLeft)
+{
+    using comm::SECOND;
+    Pair pair;
+    std::string why;
+    ASSERT_EQ(pair.client.output.request(1, 1, Request("update", "/", large(60000))), Sent::eQUEUED);
+    pair.client.output.probe(20 * SECOND);
+    iovec out[4];
+    ASSERT_GT(pair.client.output.gather(out), 0U);
+    pair.client.output.sent(1000, 24 * SECOND);
+    EXPECT_EQ(pair.client.output.nextDeadline(), 29 * SECOND);
+    EXPECT_TRUE(pair.client.output.expired(29 * SECOND, why)) << "nothing moved since";
 }
 
 TEST(ProtocolQueue, PingsThatCannotBeAnsweredDoNotPileUp)
