@@ -5,11 +5,9 @@
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
 
-#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
@@ -18,7 +16,7 @@
 namespace kesa::runtime::v02::test {
 
 /// What the backends of a test share: what is provided, who is connected, and the test's hand on both. Locators are
-/// "fake://<process>/path". Listeners are called with the lock held, so none runs once `release` has returned.
+/// "fake://<process>/path".
 class FakeNetwork {
 public:
     std::string handledScheme = "fake";
@@ -51,42 +49,27 @@ public:
 
     IKesaApi* service(const std::string& locator)
     {
-        const std::lock_guard<std::mutex> lock(mutex);
         const auto found = provided.find(locator);
         return found == provided.end() ? nullptr : found->second;
     }
-    bool isProvided(const std::string& locator)
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return provided.count(locator) != 0;
-    }
-    std::size_t openClients()
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return clients.size();
-    }
+    bool isProvided(const std::string& locator) { return provided.count(locator) != 0; }
+    std::size_t openClients() { return clients.size(); }
     /// The calls to the backends so far, in order; forgets them.
-    std::vector<std::string> calls()
-    {
-        const std::lock_guard<std::mutex> lock(mutex);
-        return std::exchange(log, {});
-    }
+    std::vector<std::string> calls() { return std::exchange(log, {}); }
 
     struct Client {
         IClientConnectionListener* listener;
         std::string locator;
         bool isConnected = false;
     };
-    std::mutex mutex;
     std::map<std::string, IKesaApi*> provided;
     std::map<const IKesaApi*, Client> clients; ///< not yet released
     std::vector<std::string> log;
-    std::atomic<int> livingClientObjects{0};
+    int livingClientObjects = 0;
 
 private:
     void forEachOf(const std::string& locator, const std::function<void(Client&)>& work)
     {
-        const std::lock_guard<std::mutex> lock(mutex);
         for (auto& [api, client] : clients) {
             if (client.locator == locator) {
                 work(client);
@@ -137,7 +120,7 @@ public:
     void start() override { note("start " + m_process); }
     void stop() override
     {
-        const auto lock = note("stop " + m_process);
+        note("stop " + m_process);
         m_network->clients.clear();
     }
     bool canHandle(const url& locator) override { return locator.scheme() == m_network->handledScheme; }
@@ -155,7 +138,7 @@ public:
     }
     bool provideOnLocator(const url& locator, IKesaApi* service) override
     {
-        const auto lock = note("provide " + locator.toString());
+        note("provide " + locator.toString());
         const bool isRefused = m_network->refusedPaths.count(locator.toString()) != 0 ||
                                !m_network->provided.emplace(locator.toString(), service).second;
         return isRefused && refuse();
@@ -163,15 +146,13 @@ public:
     static bool refuse() { return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, "the fake refuses it"); }
     void unprovide(const url& locator) override
     {
-        {
-            const auto lock = note("unprovide " + locator.toString());
-            m_network->provided.erase(locator.toString());
-        }
+        note("unprovide " + locator.toString());
+        m_network->provided.erase(locator.toString());
         m_network->disconnected(locator.toString());
     }
     commadapter::KesaClientApi* connect(const url& locator, IClientConnectionListener* listener) override
     {
-        const auto lock = note("connect " + locator.toString());
+        note("connect " + locator.toString());
         if (m_network->refusedLocators.count(locator.toString()) != 0) {
             return nullptr;
         }
@@ -181,7 +162,6 @@ public:
     }
     void release(IKesaApi* client, bool serviceRemoved) override
     {
-        const std::lock_guard<std::mutex> lock(m_network->mutex);
         const auto released = m_network->clients.extract(client);
         m_network->log.push_back("release " + released.mapped().locator + (serviceRemoved ? " removed" : ""));
         if (m_network->onRelease) {
@@ -191,12 +171,7 @@ public:
     bool isLocal(const url& locator) override { return canHandle(locator) && locator.authority() == m_process; }
 
 private:
-    std::unique_lock<std::mutex> note(const std::string& call)
-    {
-        std::unique_lock<std::mutex> lock(m_network->mutex);
-        m_network->log.push_back(call);
-        return lock;
-    }
+    void note(const std::string& call) { m_network->log.push_back(call); }
 
     std::shared_ptr<FakeNetwork> m_network;
     std::string m_process;

@@ -73,11 +73,6 @@ inline std::string textOf(const optional<ResolvedService>& result)
     return result ? "present " + result->serviceDef.path.toString() : "absent";
 }
 
-inline std::string textOf(const ResolvedServiceState& result)
-{
-    return (result.api ? "present " : "absent ") + result.serviceDef.path.toString();
-}
-
 /// Notes in the journal what a stream tells; `hook`, when set, runs inside each call and in the destructor.
 template <class T>
 std::unique_ptr<IResponseHandler<T>> noting(const std::shared_ptr<Journal>& journal, const std::string& name,
@@ -94,7 +89,7 @@ std::unique_ptr<IResponseHandler<T>> noting(const std::shared_ptr<Journal>& jour
 /// A service object that counts its lives.
 class FakeService final : public IKesaApi {
 public:
-    explicit FakeService(std::atomic<int>& living) : m_living(living) { ++m_living; }
+    explicit FakeService(int& living) : m_living(living) { ++m_living; }
     ~FakeService() override { --m_living; }
     void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&&) override
     {
@@ -103,7 +98,7 @@ public:
     void cancel(void*) override {}
 
 private:
-    std::atomic<int>& m_living;
+    int& m_living;
 };
 
 /// A runtime over a fake backend, both loops in the test's hand: nothing happens before `run`.
@@ -199,17 +194,13 @@ protected:
     {
         return m_runtime->trackAndResolveService(path, handler<optional<ResolvedService>>(name));
     }
-    Disposable followAll(const std::string& pattern, const std::string& name)
-    {
-        return m_runtime->trackAndResolveServices(Query(pattern), handler<ResolvedServiceState>(name));
-    }
 
     comm::SimulatedScheduler m_scheduler{1};
     std::shared_ptr<FakeNetwork> m_network = std::make_shared<FakeNetwork>();
     std::shared_ptr<Journal> m_journal = std::make_shared<Journal>([](const auto& line) { return textOf(line); });
     std::shared_ptr<Journal> m_traces = std::make_shared<Journal>(&Journal::textOf);
     std::shared_ptr<Journal> m_assertions = std::make_shared<Journal>();
-    std::atomic<int> m_livingServices{0};
+    int m_livingServices = 0;
     std::unique_ptr<KesaRuntimeImpl> m_runtime;
 };
 

@@ -27,24 +27,6 @@ constexpr const char* STATIC_DOCUMENT = R"({"use_local_registry": true, "service
     {"path": "/refused", "type": "pex", "locators": ["fake://me/refused"]},
     {"path": "/other", "type": "pex", "locators": ["fake://other/other"]}]})";
 
-TEST_F(RegistrationTest, aDynamicServiceIsProvidedAnnouncedAndWithdrawn)
-{
-    m_runtime = startRuntime();
-    auto tracking = track("/a", "t");
-    EXPECT_THAT(happened(), ElementsAre("tracking start"));
-
-    auto registration = registerService("/a", "r");
-    EXPECT_THAT(happened(), ElementsAre("registration register", "r: /a fake://me/a", "registration success",
-                                        "tracking update", "t: ADDED /a"));
-    EXPECT_TRUE(m_network->isProvided("fake://me/a"));
-
-    registration.dispose();
-    registration.dispose();
-    EXPECT_THAT(happened(), ElementsAre("r: ~", "registration unregister", "tracking update", "t: REMOVED /a"));
-    EXPECT_FALSE(m_network->isProvided("fake://me/a"));
-    EXPECT_EQ(m_livingServices, 0);
-}
-
 TEST_F(RegistrationTest, theRecordSaysWhoProvidesWhatAndHow)
 {
     m_runtime = startRuntime(R"({"use_local_registry": true, "serializer-formats":

@@ -60,12 +60,6 @@ protected:
         m_network->connected(REGISTRY);
         run();
     }
-    void lose()
-    {
-        registry->loseAll();
-        m_network->disconnected(REGISTRY);
-        run();
-    }
     Lines asked()
     {
         run();
@@ -201,24 +195,6 @@ TEST_F(RemoteRegistryTest, trackersHearOfOthersWhenTheOwnRegistrationEnds)
     EXPECT_THAT(toClients(), testing::IsSupersetOf({"t: REMOVED /a", "u: REMOVED /a", "t: ADDED /a", "u: ADDED /a"}));
 }
 
-TEST_F(RemoteRegistryTest, theLossOfTheRegistryLeavesOwnServicesAlone)
-{
-    startConnected();
-    auto tracker = track("/a", "t");
-    auto registration = registerService("/a", "r");
-    auto late = track("/a", "u"); // followed at the registry, too
-    auto all = query("**", "q");
-    run();
-    m_journal->take();
-    lose();
-    connect();
-    EXPECT_THAT(toClients(), IsEmpty());
-    EXPECT_TRUE(m_network->isProvided("fake://me/a"));
-    registry->tracking("/a").onNext(update(REMOVED, registry->lastRecord)); // not the word of this process
-    registry->query("**").onNext({update(ADDED, registry->lastRecord), update(REMOVED, registry->lastRecord)});
-    EXPECT_THAT(toClients(), IsEmpty());
-}
-
 TEST_F(RemoteRegistryTest, aShutdownIsNoErrorOfEachService)
 {
     startConnected();
@@ -289,26 +265,6 @@ TEST_F(RemoteRegistryTest, aQueryKeepsUpWithTheTrackingOfItsPaths)
     run();
     registry->query("**").onNext({update(REMOVED, "/b")});
     EXPECT_THAT(toClients(), testing::IsSupersetOf({"q: ADDED /b", "q: REMOVED /b"}));
-}
-
-// Whatever order the registry's streams come in.
-TEST_F(RemoteRegistryTest, aQuerySpeaksForNoTrackingThatHasAnswered)
-{
-    startConnected();
-    auto subscription = query("**", "q");
-    auto tracker = track("/a", "t");
-    run();
-    registry->query("**").onNext({update(ADDED, "/a")});
-    registry->tracking("/a").onNext(update(ADDED, "/a"));
-    EXPECT_THAT(toClients(), UnorderedElementsAre("q: ADDED /a", "t: ADDED /a"));
-    registry->query("**").onNext({update(REMOVED, "/a")}); // of what was there before the answer
-    EXPECT_THAT(toClients(), ElementsAre("q: REMOVED /a"));
-    auto late = track("/a", "u");
-    EXPECT_THAT(toClients(), ElementsAre("u: ADDED /a")) << "the record is kept";
-    registry->query("**").onNext({update(ADDED, "/a")});
-    EXPECT_THAT(toClients(), ElementsAre("q: ADDED /a"));
-    lose();
-    EXPECT_THAT(toClients(), UnorderedElementsAre("q: REMOVED /a", "t: REMOVED /a", "u: REMOVED /a"));
 }
 
 TEST_F(RemoteRegistryTest, anOwnServiceIsKnownWithoutItsMetainfo)

@@ -28,25 +28,6 @@ TEST_F(ResolvingTest, aLocatorIsConnectedAndReleased)
     EXPECT_THAT(m_network->calls(), ElementsAre("connect fake://x/s", "release fake://x/s"));
 }
 
-TEST_F(ResolvingTest, aLocatorNobodyReachesIsRefusedOnce)
-{
-    m_runtime = startRuntime();
-    auto unknown = resolve("other://x/s", "unknown");
-    EXPECT_THAT(
-        happened(),
-        ElementsAre("unknown: 404: no backend of this process reaches any of its locators: other://x/s", "unknown: ~"));
-    m_network->refusedLocators = {"fake://x/s"};
-    auto refused = resolve("fake://x/s", "refused");
-    EXPECT_THAT(happened(),
-                ElementsAre("connect error",
-                            "refused: 404: no backend of this process reaches any of its locators: fake://x/s",
-                            "refused: ~", "connect start"));
-    for (Disposable* disposable : {&unknown, &refused}) {
-        EXPECT_THAT(traced(4, [&] { disposable->dispose(); }),
-                    ElementsAre(HasSubstr("[releaseResolve] url to release not found handle=")));
-    }
-}
-
 TEST_F(ResolvingTest, aServiceThatGoesIsReleasedAsRemoved)
 {
     m_runtime = startRuntime();
@@ -79,27 +60,6 @@ TEST_F(ResolvingTest, aFollowedServiceThatCannotBeReachedEndsTheSubscription)
     run();
     m_network->failed("fake://x/s", 500, "broken");
     EXPECT_THAT(toClients(), ElementsAre("broken: 500: broken", "broken: ~"));
-    EXPECT_EQ(m_network->openClients(), 0U);
-}
-
-TEST_F(ResolvingTest, oneProxyThatFailsEndsAQueryAndFreesTheOthers)
-{
-    m_runtime = startRuntime();
-    m_network->isAutomatic = true;
-    auto a = registerService("/a", "r");
-    auto b = registerService("/b", "r");
-    run();
-    m_journal->take();
-    auto all = followAll("**", "q");
-    EXPECT_THAT(toClients(), UnorderedElementsAre("q: present /a", "q: present /b"));
-    m_network->failed("fake://me/a", 500, "broken");
-    EXPECT_THAT(toClients(), ElementsAre("q: 500: broken", "q: ~"));
-    EXPECT_EQ(m_network->openClients(), 0U);
-    EXPECT_EQ(traced(4, [&] { all.dispose(); }).size(), 3U);
-
-    m_network->refusedLocators = {"fake://me/b"};
-    auto refused = followAll("**", "x");
-    EXPECT_THAT(toClients(), Contains(HasSubstr("x: 404: no backend of this process reaches")));
     EXPECT_EQ(m_network->openClients(), 0U);
 }
 
