@@ -12,7 +12,7 @@ namespace kesa {
 
 namespace {
 
-constexpr const char* ENDED = "the value has ended";
+constexpr const char* VALUE_ENDED = "the value has ended";
 
 const ::tracing::Channel& easeChannel()
 {
@@ -110,7 +110,7 @@ void Followers::end()
         followers.swap(m_followers);
     }
     for (const Follower& follower : followers) {
-        follower.responder.fail(503, ENDED);
+        follower.responder.fail(503, VALUE_ENDED);
     }
 }
 
@@ -124,7 +124,7 @@ RequestError Followers::ended(const Request& request)
             "service before it",
             request.getCommand().c_str(), request.getPath().c_str());
     }
-    return {503, ENDED};
+    return {503, VALUE_ENDED};
 }
 
 } // namespace kesa

@@ -16,7 +16,7 @@ namespace {
 /// out instead of meeting an object that comes or goes.
 enum class State { eNONE, eSTARTING, ePRESENT, eENDING };
 
-std::atomic<State> state{State::eNONE};
+std::atomic<State> instanceState{State::eNONE};
 std::atomic<KesaRuntimeImpl*> singeton_impl{nullptr};
 std::shared_mutex inUse; ///< shared while `withInstance` uses the instance, and taken alone before it is deleted
 
@@ -41,7 +41,7 @@ bool isWaitedFor()
 [[nodiscard]] bool failToTake(State from, State to, int line, const char* function)
 {
     State found = from;
-    if (state.compare_exchange_strong(found, to)) {
+    if (instanceState.compare_exchange_strong(found, to)) {
         return false;
     }
     if (found == State::eSTARTING || found == State::eENDING) {
@@ -71,13 +71,13 @@ bool KesaRuntime::initInstance(const std::string& processName, const std::string
                               ? new (std::nothrow) KesaRuntimeImpl(processName)
                               : new (std::nothrow) KesaRuntimeImpl(KesaConfig::readOr(processName, fallbackDocument));
     if (created == nullptr) {
-        state = State::eNONE;
+        instanceState = State::eNONE;
         fail("singeton_impl!=nullptr", __LINE__, "initInstance", "there is no memory for the runtime");
         return true;
     }
     singeton_impl = created;
     const bool failed = created->start();
-    state = State::ePRESENT;
+    instanceState = State::ePRESENT;
     return failed;
 }
 
@@ -98,7 +98,7 @@ IKesaRuntime* KesaRuntime::getInstance()
 bool KesaRuntime::withInstance(const std::function<void(IKesaRuntime&)>& work)
 {
     const std::shared_lock<std::shared_mutex> lock(inUse);
-    if (state != State::ePRESENT) {
+    if (instanceState != State::ePRESENT) {
         return false;
     }
     work(*singeton_impl.load());
@@ -111,12 +111,12 @@ void KesaRuntime::shutdown()
         return;
     }
     if (!singeton_impl.load()->isRunning()) {
-        state = State::ePRESENT;
+        instanceState = State::ePRESENT;
         fail("singeton_impl->isRunning()", __LINE__, "shutdown", "the runtime was never started");
         return;
     }
     if (isWaitedFor()) {
-        state = State::ePRESENT;
+        instanceState = State::ePRESENT;
         fail("!isWaitedFor()", __LINE__, "shutdown",
              "shutdown waits for the runtime's threads: call it from a thread of your own, not from a handler");
         return;
@@ -126,13 +126,13 @@ void KesaRuntime::shutdown()
     }
     delete singeton_impl.load(); // whose handlers may still ask for it
     singeton_impl = nullptr;
-    state = State::eNONE;
+    instanceState = State::eNONE;
 }
 
 /// An instance that is there has run since its start.
 bool KesaRuntime::isRunning()
 {
-    const State now = state;
+    const State now = instanceState;
     return now == State::ePRESENT || now == State::eENDING;
 }
 
