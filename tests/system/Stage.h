@@ -9,7 +9,7 @@
 
 namespace kesa::system_test {
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef KESA_SANITIZED
 inline constexpr bool IS_SANITIZED = true; // with descriptors and memory of its own, and slow
 #else
 inline constexpr bool IS_SANITIZED = false;
