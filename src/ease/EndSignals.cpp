@@ -28,16 +28,29 @@ namespace kesa::detail {
 
 namespace {
 
+constexpr int END_SIGNALS[] = {SIGINT, SIGTERM};
 constexpr comm::TimeNs SAME_SIGNAL = 100 * comm::MILLISECOND;
 constexpr comm::TimeNs LONGEST_START = 500 * comm::MILLISECOND; ///< of all threads that are being started
 
-sigset_t endSignals()
+sigset_t noSignals()
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGINT);
-    sigaddset(&signals, SIGTERM);
     return signals;
+}
+
+sigset_t allEndSignals()
+{
+    sigset_t signals = noSignals();
+    for (const int signal : END_SIGNALS) {
+        sigaddset(&signals, signal);
+    }
+    return signals;
+}
+
+const char* nameOf(int signal)
+{
+    return signal == SIGINT ? "SIGINT" : "SIGTERM";
 }
 
 /// One that is pending, 0: none.
@@ -91,14 +104,15 @@ ThreadStatus settledStatus(const std::filesystem::path& thread, comm::TimeNs dea
 }
 
 /// Threads that are there already take the signals instead of us. Without /proc nobody knows.
-void warnOfThreadsThatTake()
+void warnOfThreadsThatTake(const sigset_t& signals)
 {
     std::string all;
     std::error_code unreadable;
     const comm::TimeNs deadline = comm::now() + LONGEST_START;
     for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task", unreadable)) {
         const ThreadStatus status = settledStatus(thread.path(), deadline);
-        if (status.isThere && !(status.blocks(SIGINT) && status.blocks(SIGTERM))) {
+        const auto takes = [&](int signal) { return sigismember(&signals, signal) == 1 && !status.blocks(signal); };
+        if (status.isThere && (takes(SIGINT) || takes(SIGTERM))) {
             all += fmt::format("{}'{}' ({})", all.empty() ? "" : ", ", status.name, thread.path().filename().native());
         }
     }
@@ -120,6 +134,13 @@ bool isIgnored(int signal)
     return action.sa_handler == SIG_IGN; // NOLINT: a macro of the system's
 }
 
+bool hasHandler(int signal)
+{
+    struct sigaction action {};
+    sigaction(signal, nullptr, &action);
+    return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN; // NOLINT: macros of the system's
+}
+
 void sayIgnored(int signal)
 {
     static const ::tracing::Channel channel("KESA_EASE");
@@ -127,23 +148,24 @@ void sayIgnored(int signal)
         channel, 3,
         "[Runtime] %s has come and is ignored, since this program was started so, as nohup and a script's '&' do "
         "it, or ignores it itself; %s",
-        signal == SIGINT ? "SIGINT" : "SIGTERM",
-        signal == SIGINT ? "SIGTERM ends this process" : "kill -9 ends this process");
+        nameOf(signal), signal == SIGINT ? "SIGTERM ends this process" : "kill -9 ends this process");
 }
 
 } // namespace
 
-EndSignals::EndSignals() : m_signals(endSignals())
+EndSignals::EndSignals() : m_taken(noSignals())
 {
-    pthread_sigmask(SIG_BLOCK, &m_signals, &m_before);
-    const auto isOwn = [this](int signal) {
-        struct sigaction action {};
-        sigaction(signal, nullptr, &action);
-        return sigismember(&m_before, signal) == 1 ||
-               (action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN); // NOLINT: macros of the system's
-    };
-    if (!isOwn(SIGINT) && !isOwn(SIGTERM)) {
-        warnOfThreadsThatTake();
+    pthread_sigmask(SIG_SETMASK, nullptr, &m_before);
+    bool takesAny = false;
+    for (const int signal : END_SIGNALS) {
+        if (sigismember(&m_before, signal) == 0 && !hasHandler(signal)) {
+            sigaddset(&m_taken, signal);
+            takesAny = true;
+        }
+    }
+    if (takesAny) {
+        pthread_sigmask(SIG_BLOCK, &m_taken, nullptr);
+        warnOfThreadsThatTake(m_taken);
         startTaking();
     }
 }
@@ -156,7 +178,7 @@ EndSignals::~EndSignals()
     }
     if (m_signal != 0) { // the same, let through now, would undo a clean end
         Interruption::end();
-        while (takePending(m_signals) != 0) {
+        while (takePending(allEndSignals()) != 0) {
         }
     }
     pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
@@ -164,14 +186,9 @@ EndSignals::~EndSignals()
 
 int EndSignals::wait(comm::TimeNs deadline)
 {
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (!m_loop) {
-            startTaking();
-        }
-    }
+    takeAll();
     // What this thread has raised itself, or another sent to it alone, no other thread can take.
-    if (const int own = takePending(m_signals); own != 0) {
+    if (const int own = takePending(allEndSignals()); own != 0) {
         come(own);
     }
     std::unique_lock<std::mutex> lock(m_mutex);
@@ -182,9 +199,27 @@ int EndSignals::wait(comm::TimeNs deadline)
     return m_signal;
 }
 
+/// Also those that the program handles itself: it waits for one.
+void EndSignals::takeAll()
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_takesAll || m_signal != 0) {
+        return;
+    }
+    m_takesAll = true;
+    m_taken = allEndSignals();
+    pthread_sigmask(SIG_BLOCK, &m_taken, nullptr);
+    if (!m_loop) {
+        startTaking();
+    } else {
+        ::signalfd(m_descriptor, &m_taken, 0);
+        m_loop->post([signals = m_taken] { pthread_sigmask(SIG_BLOCK, &signals, nullptr); }); // handed over, maybe
+    }
+}
+
 void EndSignals::startTaking()
 {
-    m_descriptor = ::signalfd(-1, &m_signals, SFD_CLOEXEC | SFD_NONBLOCK);
+    m_descriptor = ::signalfd(-1, &m_taken, SFD_CLOEXEC | SFD_NONBLOCK);
     if (m_descriptor < 0) {
         const std::string message = "cannot wait for SIGINT and SIGTERM: " + obr::explainError(errno);
         obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
@@ -216,6 +251,10 @@ void EndSignals::come(int signal)
         if (m_signal != 0) {
             return;
         }
+        if (!m_takesAll && hasHandler(signal)) {
+            handOver(signal);
+            return;
+        }
         m_signal = signal;
         Interruption::begin(signal);
         m_changed.notifyAll();
@@ -223,11 +262,26 @@ void EndSignals::come(int signal)
     m_loop->post([this] { m_loop->startTimer(comm::now() + SAME_SIGNAL, [this] { letThrough(); }); });
 }
 
+/// To a handler that was installed after this was made. The other threads block it, so this one is the handler's from
+/// now on; it runs when this unblocks.
+void EndSignals::handOver(int signal)
+{
+    sigdelset(&m_taken, signal);
+    ::signalfd(m_descriptor, &m_taken, 0);
+    m_loop->post([signal] {
+        sigset_t own = noSignals();
+        sigaddset(&own, signal);
+        ::raise(signal);
+        pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+    });
+}
+
 void EndSignals::letThrough()
 {
     take(); // dropped
     m_loop->unwatch(m_watch);
-    pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
+    const sigset_t signals = allEndSignals();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
 } // namespace kesa::detail

@@ -17,7 +17,8 @@ namespace kesa::detail {
 ///
 /// One that is ignored stays so; the first such one is traced (3) on "KESA_EASE".
 ///
-/// What the program has blocked itself, or has handlers for, is left to it until `wait`.
+/// One that the program has blocked itself, or has a handler for, is left as it is until `wait`, which takes both. So
+/// is one that a handler is installed for later: that runs in the thread here.
 class EndSignals {
 public:
     EndSignals();
@@ -30,21 +31,24 @@ public:
     int wait(comm::TimeNs deadline);
 
 private:
+    void takeAll();
     void startTaking();
     void take();
     void come(int signal);
+    void handOver(int signal);
     void letThrough();
 
-    const sigset_t m_signals;
     sigset_t m_before{};
     std::shared_ptr<comm::Reactor> m_loop; ///< null until it takes them
     int m_descriptor = -1;                 ///< of the signals that are pending
     comm::Reactor::Id m_watch = 0;         ///< of the loop
     std::atomic<bool> m_hasSaidIgnored{false};
 
-    std::mutex m_mutex; ///< between the loop, which takes the signals, and the thread that waits for one
+    std::mutex m_mutex; ///< of what follows: the loop takes the signals, a thread of the program's waits for one
     comm::Condition m_changed;
-    int m_signal = 0; ///< the first; under the mutex
+    sigset_t m_taken;        ///< what the descriptor tells of
+    bool m_takesAll = false; ///< whatever handlers there are: it has been waited
+    int m_signal = 0;        ///< the first
 };
 
 } // namespace kesa::detail

@@ -32,8 +32,10 @@ namespace kesa {
 /// script alone, or that was started with SIGINT ignored in another way. The first that comes is traced (3). SIGTERM
 /// ends such a program.
 ///
-/// A program that had blocked one of the two before, or has a handler for it, handles them itself: until it calls
-/// `runUntilSignal` nothing takes them.
+/// One of the two that the program has blocked before it makes this, or has a handler for, is left to it; the other is
+/// taken as above. So is one whose handler is installed afterwards: since `main` blocks it, the handler then runs in a
+/// thread of this class, and ends no `pause` or `sleep` of `main`. What is left to the program ends no wait; only
+/// `runUntilSignal`, once it is called, takes both.
 ///
 /// Handlers and service objects may be called until the runtime has ended. What they use is declared before it, or the
 /// runtime is ended by hand before that goes.

@@ -8,6 +8,7 @@
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/CapturingSink.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -141,11 +142,40 @@ TEST_F(RuntimeTest, LeavesSignalsToAProgramThatHasThemItselfOrIgnoresThem)
         int signal = 0;
         EXPECT_EQ(sigwait(&own, &signal), 0);
         EXPECT_THAT(connect("/x", 0s).error, StartsWith("504: not connected within 0 ms"));
-        std::thread([] { ::kill(::getpid(), SIGTERM); }).join();
+        ::kill(::getpid(), SIGTERM);
+        EXPECT_THAT(connect("/x", 1h).error, StartsWith("interrupted by SIGTERM")) << "is not its";
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);
     }
     EXPECT_TRUE(isBlocked(SIGINT) && !isBlocked(SIGTERM));
     pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+}
+
+std::atomic<int> handled{0};
+
+TEST_F(RuntimeTest, LetsHandlersOfTheProgramRunUntilItWaits)
+{
+    handled = 0;
+    std::signal(SIGINT, [](int) { ++handled; });
+    {
+        Runtime runtime("greeter", ALONE);
+        EXPECT_TRUE(!isBlocked(SIGINT) && isBlocked(SIGTERM));
+        ::kill(::getpid(), SIGINT);
+        EXPECT_EQ(handled, 1);
+        std::signal(SIGTERM, [](int) { handled += 10; });
+        for (int told = 11; told <= 21; told += 10) {
+            ::kill(::getpid(), SIGTERM);
+            while (handled != told) {
+                std::this_thread::yield();
+            }
+        }
+        EXPECT_THAT(connect("/x", 0s).error, StartsWith("504: not connected within 0 ms"));
+        int calls = 0;
+        EXPECT_EQ(runtime.runUntilSignal(1ms, [&calls] { ::kill(::getpid(), ++calls == 1 ? SIGTERM : SIGINT); }),
+                  SIGTERM);
+        EXPECT_EQ(handled, 21) << "it waits for one";
+    }
+    std::signal(SIGINT, SIG_DFL);
+    std::signal(SIGTERM, SIG_DFL);
 }
 
 TEST_F(RuntimeTest, WarnsOfThreadsThatTakeItsSignals)
