@@ -73,7 +73,7 @@ void add(ProcessReport& report, const Said& said)
         return;
     }
     const bool isSilent = said.why.cause == "silent" || said.why.cause == "slow";
-    report.silence = isSilent ? said.why : Unreached();
+    report.unreached = said.why;
     report.exitCode = isSilent ? ExitCode::eTIMED_OUT : ExitCode::eFAILED;
     report.note = said.why.cause == "other-version"  ? "other version"
                   : said.why.cause == "garbage"      ? "other program"

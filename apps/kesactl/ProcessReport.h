@@ -28,7 +28,7 @@ struct ProcessReport {
     std::string note;
     comm::TimeNs after = 0; ///< from the question to the answer
     std::string advice;     ///< the same in a sentence, with what to do; begins with the process
-    Unreached silence{};    ///< of one that takes connections and says nothing; else empty
+    Unreached unreached{};  ///< of one that was asked in vain; else empty
     ExitCode exitCode = ExitCode::eOK;
     bool isSilent = false; ///< it provides nothing, so that `answer` is what others have said of it
 

@@ -11,6 +11,7 @@
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "providersHere.h"
+#include "replacedRealm.h"
 #include "reviewSettings.h"
 #include "runDirectoryProblem.h"
 
@@ -213,9 +214,12 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
         const auto unknown = std::find_if(services.begin(), services.end(),
                                           [&known](const Value& path) { return known.count(path.toText()) == 0; });
         if (unknown != services.end() && !isYoung(report.started())) {
-            found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it; kesactl why {} "
+            const std::string apart = whyApart(report.answer, registry);
+            found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it{}; kesactl why {} "
                                         "says more",
-                                        report.name, report.pid, unknown->toText(), unknown->toText()));
+                                        report.name, report.pid, unknown->toText(),
+                                        apart.empty() ? "" : ": it is not connected to it: " + apart,
+                                        unknown->toText()));
         }
     }
     page.find(found, "processes provide what the registry does not know");
@@ -262,7 +266,7 @@ bool diagnose(const CommonOptions& options)
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
-    if (answer.services) {
+    if (answer.services && findReplacedRealm(facts, reports).text.empty()) { // else that is why
         addUnknown(page, reports, processOf(place.locators.front()), *answer.services);
     }
     addShortage(page);

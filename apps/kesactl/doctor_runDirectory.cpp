@@ -1,6 +1,7 @@
 #include "doctor_runDirectory.h"
 
 #include "otherRunDirectories.h"
+#include "replacedRealm.h"
 #include "runDirectoryProblem.h"
 
 #include <transport/usersAndGroups.h>
@@ -67,7 +68,7 @@ bool isLeft(const Name& name)
     return name.holder == 0 && name.connectError != 0 && name.connectError != EACCES;
 }
 
-void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
+void addRealm(DoctorPage& page, const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports)
 {
     page.add("realm", facts.realmState == Realm::eGOOD ? facts.realm : "none");
     if (facts.realmState == Realm::eUNREADABLE) {
@@ -82,6 +83,8 @@ void addRealm(DoctorPage& page, const RunDirectoryFacts& facts)
         page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
                                             "realm than those that run; restart all of them",
                                             facts.path));
+    } else if (const ReplacedRealm replaced = findReplacedRealm(facts, reports); !replaced.text.empty()) {
+        page.findings.push_back(replaced.sentence());
     }
 }
 
@@ -236,7 +239,7 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     if (facts.error == 0) {
         addRights(page, facts);
         addLost(page, facts);
-        addRealm(page, facts);
+        addRealm(page, facts, reports);
         addRefused(page, facts);
         addNames(page, facts, reports, silent);
         return;

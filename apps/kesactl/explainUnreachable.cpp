@@ -10,7 +10,12 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdint>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
 #include <string_view>
+#include <system_error>
 #include <vector>
 
 namespace kesactl {
@@ -54,6 +59,27 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
                                         meant)};
 }
 
+/// How many those are, when it may open no more; 0 when it may, or that cannot be read.
+std::size_t usedUpDescriptors(std::int64_t pid)
+{
+    std::error_code failed;
+    std::size_t open = 0;
+    for (std::filesystem::directory_iterator next(fmt::format("/proc/{}/fd", pid), failed), end; !failed && next != end;
+         next.increment(failed)) {
+        ++open;
+    }
+    constexpr std::string_view KEY = "Max open files";
+    std::ifstream limits(fmt::format("/proc/{}/limits", pid));
+    std::size_t most = 0;
+    for (std::string line; std::getline(limits, line);) {
+        if (line.compare(0, KEY.size(), KEY) == 0) {
+            std::istringstream(line.substr(KEY.size())) >> most;
+        }
+    }
+    constexpr std::size_t SPARE = 1; // is kept back to refuse whoever comes then
+    return open + SPARE >= most ? most : 0;
+}
+
 Unreached explainSilent(const Unreachable& found)
 {
     const ProcessFacts process(static_cast<pid_t>(found.pid));
@@ -61,8 +87,19 @@ Unreached explainSilent(const Unreachable& found)
         return {"stopped", fmt::format("its process ({}) is stopped", found.pid),
                 fmt::format("continue it with kill -CONT {}, or end its debugger", found.pid), true};
     }
+    if (const std::size_t most = usedUpDescriptors(found.pid); most != 0) {
+        return {
+            "silent",
+            fmt::format("its process ({}) does not answer: it has used up its descriptors, all {}", found.pid, most),
+            fmt::format("let it have more (ulimit -n, or LimitNOFILE= of its unit), or see in /proc/{}/fd which it "
+                        "leaves open",
+                        found.pid),
+            true};
+    }
     return {"silent", fmt::format("its process ({}) does not answer: {}", found.pid, found.reason),
-            "it is busy, or a handler blocks its I/O loop: look at its threads, or restart it", true};
+            "it is busy, or a handler blocks its I/O loop, which its own log names ([loop]): look at its threads, or "
+            "restart it",
+            true};
 }
 
 } // namespace

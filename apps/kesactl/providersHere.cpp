@@ -41,23 +41,44 @@ Unseen explainNameless(const std::string& process, const std::vector<Name>& name
         "ask it once it provides something"};
 }
 
-/// Whoever has connected to `report`'s process and would not be found in the run directory.
-void addNameless(std::vector<std::string>& nameless, const ProcessReport& report, const std::vector<Name>& names)
+/// Whoever has connected to `report`'s process and would not be found in the run directory, or only another one of its
+/// name.
+void addNameless(ProcessesHere& found, const ProcessReport& report, const std::vector<Name>& names)
 {
     for (const Value& connection : report.answer["connections"].items()) {
         const std::string process(connection["process"].stringView());
-        const bool hasName =
-            std::any_of(names.begin(), names.end(),
-                        [encoded = encodeProcessName(process)](const Name& name) { return name.name == encoded; });
-        std::string text = fmt::format("{} ({})", process, integerOf(connection["pid"]));
-        if (connection["openedBy"] == "peer" && !process.empty() && !hasName && process.rfind("kesactl-", 0) != 0 &&
-            std::find(nameless.begin(), nameless.end(), text) == nameless.end()) {
-            nameless.push_back(std::move(text));
+        const std::int64_t pid = integerOf(connection["pid"]);
+        const auto namesake =
+            std::find_if(names.begin(), names.end(),
+                         [encoded = encodeProcessName(process)](const Name& name) { return name.name == encoded; });
+        const bool isHolder = namesake != names.end() && (namesake->holder == 0 || pid == 0 || namesake->holder == pid);
+        if (connection["openedBy"] != "peer" || process.empty() || isHolder || process.rfind("kesactl-", 0) == 0) {
+            continue;
+        }
+        std::string text = fmt::format("{} ({})", process, pid);
+        if (namesake != names.end()) {
+            found.refusedName = fmt::format("{} was refused its name, which process {} has", text, namesake->holder);
+        } else if (std::find(found.nameless.begin(), found.nameless.end(), text) == found.nameless.end()) {
+            found.nameless.push_back(std::move(text));
         }
     }
 }
 
 } // namespace
+
+std::string whyApart(const Value& answer, const std::string& process)
+{
+    std::string reason;
+    for (const Value& connection : answer["connections"].items()) {
+        if (connection["openedBy"] == "self" && encodeProcessName(connection["process"].toText()) == process) {
+            if (connection["connected"] == true) {
+                return {};
+            }
+            reason = connection["reason"].stringView();
+        }
+    }
+    return reason;
+}
 
 ProcessesHere askProcessesHere(const std::string& path, const std::string& only, comm::TimeNs deadline)
 {
@@ -77,17 +98,20 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
     for (const ProcessReport& report : lookAtProcesses(directory, "", deadline)) {
         const auto& services = report.answer["services"].items();
         if (std::find(services.begin(), services.end(), Value(path)) != services.end()) {
-            found.provider = ProviderHere{report.name, report.pid, isYoung(report.started())};
+            found.provider = ProviderHere{report.name, report.pid, isYoung(report.started()), report.answer};
         }
         for (const auto& hold : report.answer["holds"].items()) {
             found.held.push_back({report.name, report.pid, hold["loop"].toText(), hold["holder"].toText(),
                                   integerOf(hold["heldMs"]) * comm::MILLISECOND});
         }
-        addNameless(found.nameless, report, names);
+        addNameless(found, report, names);
+        const Unreached& why = report.unreached;
+        if (why.cause == "other-version" && found.otherVersion.text.empty()) {
+            found.otherVersion = {fmt::format("{}: {}", report.name, why.text), why.advice};
+        }
         if (!only.empty()) {
-            const Unreached& silence = report.silence;
-            found.unseen =
-                silence.cause.empty() ? Unseen{report.advice, {}} : Unseen{silence.text, silence.advice, true};
+            const bool isSilent = why.cause == "silent" || why.cause == "slow";
+            found.unseen = isSilent ? Unseen{why.text, why.advice, true} : Unseen{report.advice, {}};
         }
     }
     return found;

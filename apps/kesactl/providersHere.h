@@ -2,6 +2,7 @@
 #define KESACTL_PROVIDERSHERE_H
 
 #include <comm/Clock.h>
+#include <util/config/Value.h>
 
 #include <sys/types.h>
 
@@ -14,7 +15,8 @@ namespace kesactl {
 struct ProviderHere {
     std::string name; ///< as in locators
     pid_t pid;
-    bool isYoung; ///< it started so recently that a registry may not know it yet
+    bool isYoung;               ///< it started so recently that a registry may not know it yet
+    util::config::Value answer; ///< what it says of itself
 };
 
 /// Whether a process, or a registry, that started then may not have found the other yet. `started`: on the wall clock.
@@ -43,7 +45,12 @@ struct ProcessesHere {
     Unseen unseen; ///< of the one that was asked alone
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
+    std::string refusedName; ///< "media (813) was refused its name, which process 812 has"; empty: none was
+    Unseen otherVersion;     ///< one of those that speak no version of this protocol, if there are any
 };
+
+/// Why a process that has said `answer` is not connected to `process`; empty when it is, or does not try.
+std::string whyApart(const util::config::Value& answer, const std::string& process);
 
 /// Asks them all, or the one of that name alone if it is not empty; blocks until the deadline at the latest.
 ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);

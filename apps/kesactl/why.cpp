@@ -17,6 +17,7 @@
 #include "probe.h"
 #include "providersHere.h"
 #include "registryFaults.h"
+#include "replacedRealm.h"
 #include "whyAbsent.h"
 #include "whyNotTold.h"
 
@@ -118,6 +119,7 @@ private:
     Verdict judge(const kesa::url& registry) const;
     ProcessesHere processesHere(const std::string& name) const;
     Verdict explainRealm() const;
+    std::optional<Verdict> explainReplacedRealm(const std::string& locators) const;
     Verdict reach() const;
     Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
     static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
@@ -212,7 +214,7 @@ Verdict Search::judge(const kesa::url& registry) const
     }
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
-        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path);
+        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, registry);
         const ProcessesHere here = processesHere(m_arguments.process);
         if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
@@ -231,6 +233,26 @@ Verdict Search::judge(const kesa::url& registry) const
     return verdict;
 }
 
+/// Of a record whose provider is here, in another realm than this process or the registry.
+std::optional<Verdict> Search::explainReplacedRealm(const std::string& locators) const
+{
+    const RunDirectoryFacts here(chosenRunDirectory());
+    const auto isHolder = [pid = integerOf(m_explanation["holder"]["pid"])](const RunDirectoryFacts::Name& name) {
+        return name.holder == pid && !name.isLost;
+    };
+    if (std::none_of(here.names.begin(), here.names.end(), isHolder)) {
+        return std::nullopt;
+    }
+    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, "", m_arguments.common.deadline()));
+    if (replaced.text.empty()) {
+        return std::nullopt;
+    }
+    return Verdict{"hidden-by-realm",
+                   fmt::format("{} provides it at {} only: {}", holder(), locators, replaced.text),
+                   std::move(replaced.advice),
+                   {}};
+}
+
 /// Its locators are of another realm: of another run directory, or of this one before it was emptied.
 Verdict Search::explainRealm() const
 {
@@ -242,6 +264,9 @@ Verdict Search::explainRealm() const
     const auto holders = findNameHolders();
     const auto found =
         std::find_if(holders.begin(), holders.end(), [pid](const NameHolder& each) { return each.pid == pid; });
+    if (auto replaced = explainReplacedRealm(locators)) {
+        return *replaced;
+    }
     if (found != holders.end() && found->isLost) {
         return {"socket-removed",
                 fmt::format("{} provides it at {}, but its files were removed from {}", holder(), locators,
@@ -278,6 +303,9 @@ Verdict Search::reach() const
     const auto [locator, why] = explainTaken(service, until(deadline));
     if (const ServiceConnection::Client client = connection.tryClient(deadline)) { // it may have come meanwhile
         return call(client, service);
+    }
+    if (auto replaced = why.cause == "bad-locator" ? explainReplacedRealm(locator.toString()) : std::nullopt) {
+        return *replaced;
     }
     return {why.cause,
             fmt::format("{} has registered it at {}: {}", holder(), locator.toString(), why.text),

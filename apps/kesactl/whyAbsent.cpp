@@ -2,6 +2,7 @@
 
 #include "ProcessFacts.h"
 #include "ProcessReport.h"
+#include "missingRight.h"
 #include "otherRunDirectories.h"
 
 #include <transport/Authority.h>
@@ -12,6 +13,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <optional>
+#include <string_view>
 
 namespace kesactl {
 namespace {
@@ -155,13 +158,23 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
 
 Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
 {
+    const std::string so = fmt::format("{} ({}) provides it here, and the registry at {} does not know it",
+                                       provider.name, provider.pid, registry.toString());
+    if (const std::string missing = missingRight(provider.pid, registry); !missing.empty()) {
+        return {"rights",
+                fmt::format("{}: {}", so, missing),
+                "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
+                {}};
+    }
+    const std::string apart = whyApart(provider.answer, processOf(registry));
     return {"provided-here-only",
-            fmt::format("{} ({}) provides it here, and the registry at {} does not know it", provider.name,
-                        provider.pid, registry.toString()),
-            provider.isYoung
-                ? "ask again: that process has just started"
-                : fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
+            apart.empty() ? so : fmt::format("{}: it is not connected to it: {}", so, apart),
+            provider.isYoung ? "ask again: that process has just started"
+            : apart.empty()
+                ? fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
                               "kesactl check-config --process {0}",
+                              provider.name)
+                : fmt::format("it registers once it is connected; {}'s KESA_TRACE=\"KESA_COMM=1\" says more",
                               provider.name),
             {}};
 }
@@ -169,13 +182,25 @@ Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
 {
     const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor);
-    if (found == here.held.end()) {
-        noteNameless(verdict, here.nameless);
-        return verdict;
+    constexpr std::string_view UNABLE = "nobody has registered it, perhaps since one process cannot";
+    std::optional<Verdict> instead;
+    if (found != here.held.end()) {
+        instead = explainHeld(*found, std::string(UNABLE));
+    } else if (!here.otherVersion.text.empty()) {
+        instead = Verdict{
+            "other-version", fmt::format("{}: {}", UNABLE, here.otherVersion.text), here.otherVersion.advice, {}};
     }
-    Verdict instead = explainHeld(*found, "nobody has registered it, perhaps since one process cannot");
-    instead.notes.push_back("otherwise, " + verdict.advice);
-    return instead;
+    if (instead) {
+        instead->notes.push_back("otherwise, " + verdict.advice);
+        return *instead;
+    }
+    if (!here.refusedName.empty()) {
+        verdict.notes.push_back(here.refusedName +
+                                ", so it provides nothing here; should it be the provider, end one of "
+                                "the two, or give it another name");
+    }
+    noteNameless(verdict, here.nameless);
+    return verdict;
 }
 
 Verdict explainHeld(const HeldProcess& process, const std::string& so)

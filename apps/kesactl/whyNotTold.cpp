@@ -2,21 +2,16 @@
 
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
+#include "missingRight.h"
 #include "otherRunDirectories.h"
 
-#include <kesa/url.h>
 #include <transport/Authority.h>
-#include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 #include <util/nearestName.h>
-
-#include <sys/stat.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <fstream>
-#include <sstream>
 
 namespace kesactl {
 namespace {
@@ -24,7 +19,7 @@ namespace {
 using util::config::Value;
 
 /// Of a process that has asked the registry for nothing.
-Verdict explainUnknown(const std::string& process)
+Verdict explainUnknown(const std::string& process, const kesa::url& registry)
 {
     const RunDirectoryFacts facts(chosenRunDirectory());
     std::vector<std::string_view> names;
@@ -42,6 +37,12 @@ Verdict explainUnknown(const std::string& process)
                     fmt::format("continue it with kill -CONT {}, or end its debugger", name.holder),
                     {}};
         }
+        if (const std::string missing = missingRight(name.holder, registry); !missing.empty()) {
+            return {"rights",
+                    fmt::format("{} (process {}) cannot ask the registry: {}", process, name.holder, missing),
+                    "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
+                    {}};
+        }
         return {"not-asked",
                 fmt::format("{} (process {}) has asked this registry for nothing", process, name.holder),
                 "see with kesactl check-config --process what its document says of the registry and of its partition",
@@ -56,51 +57,13 @@ Verdict explainUnknown(const std::string& process)
             {}};
 }
 
-/// The numbers behind a key of /proc/PID/status.
-std::vector<std::uint64_t> numbersOf(std::int64_t pid, const std::string& key)
-{
-    std::vector<std::uint64_t> numbers;
-    std::ifstream in(fmt::format("/proc/{}/status", pid));
-    for (std::string line; std::getline(in, line);) {
-        if (line.compare(0, key.size(), key) == 0) {
-            std::istringstream words(line.substr(key.size()));
-            for (std::uint64_t number = 0; words >> number;) {
-                numbers.push_back(number);
-            }
-        }
-    }
-    return numbers;
-}
-
-/// Whether the user of a process may connect to a socket, by its mode. In doubt, yes.
-bool mayConnect(std::int64_t pid, const struct stat& socket)
-{
-    const auto users = numbersOf(pid, "Uid:"); // real, effective, ...
-    auto groups = numbersOf(pid, "Gid:");
-    if (users.size() < 2 || users[1] == 0) {
-        return true;
-    }
-    if (users[1] == socket.st_uid) {
-        return (socket.st_mode & S_IWUSR) != 0;
-    }
-    const auto more = numbersOf(pid, "Groups:");
-    groups.insert(groups.end(), more.begin(), more.end());
-    const bool isMember = std::find(groups.begin(), groups.end(), socket.st_gid) != groups.end();
-    return (socket.st_mode & (isMember ? S_IWGRP : S_IWOTH)) != 0;
-}
-
 /// Of a process that is told of the service.
 Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid)
 {
     const kesa::url locator(explanation["holder"]["record"]["locators"][0].toText());
-    const std::string path = fmt::format("{}/{}.sock", chosenRunDirectory(), processOf(locator));
-    struct stat socket {};
-    if (locator.scheme() == "ipc" && ::stat(path.c_str(), &socket) == 0 && !mayConnect(pid, socket)) {
+    if (const std::string missing = missingRight(pid, locator); !missing.empty()) {
         return {"rights",
-                fmt::format("{} (process {}) is told of it, but its user may not connect to {}, which has the group "
-                            "\"{}\" and mode {:04o}",
-                            process, pid, path, kesa::commadapter::transport::groupName(socket.st_gid),
-                            socket.st_mode & 07777U),
+                fmt::format("{} (process {}) is told of it, but {}", process, pid, missing),
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the provider",
                 {}};
     }
@@ -140,12 +103,13 @@ std::string adviceFor(const Value& ask, const Value& record)
 
 } // namespace
 
-Verdict explainProcess(const Value& explanation, const std::string& process, const std::string& path)
+Verdict explainProcess(const Value& explanation, const std::string& process, const std::string& path,
+                       const kesa::url& registry)
 {
     const Value& about = explanation["for"];
     const auto& asks = about["asks"].items();
     if (about["known"] != true) {
-        return explainUnknown(process);
+        return explainUnknown(process, registry);
     }
     if (asks.empty() && explanation["holder"]["provider"] == Value(process)) {
         return {std::string(Verdict::WORKS),

@@ -1,0 +1,17 @@
+#ifndef KESACTL_MISSINGRIGHT_H
+#define KESACTL_MISSINGRIGHT_H
+
+#include <kesa/url.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kesactl {
+
+/// That the user of a process may not connect to the process that `locator` names, by the mode of its socket: "its user
+/// may not connect to …". Empty when it may, and in doubt.
+std::string missingRight(std::int64_t pid, const kesa::url& locator);
+
+} // namespace kesactl
+
+#endif
