@@ -1,4 +1,5 @@
 #include "ClientImpl.h"
+#include "isGiven.h"
 
 #include <kesa/ease/use.h>
 
@@ -61,6 +62,9 @@ Client::~Client()
 
 void* Client::request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept
 {
+    if (!detail::isGiven(handler, "kesa::Client::request is given no handler: give it kesa::handler<kesa::Response>")) {
+        return UNDEFINED_REQUEST_HANDLE;
+    }
     return m_impl->request(request, std::move(handler));
 }
 
@@ -89,12 +93,18 @@ std::string Client::reason() const
 
 void Client::onChange(util::UniqueFunction<void(bool)> handler)
 {
+    if (!detail::isGiven(handler, "kesa::Client::onChange is given no handler: give it a function")) {
+        return;
+    }
     const auto impl = m_impl;
     impl->onChange(std::move(handler));
 }
 
 Disposable Client::follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler)
 {
+    if (!detail::isGiven(handler, "kesa::Client::follow is given no handler: give it kesa::handler<kesa::Response>")) {
+        return {};
+    }
     const auto impl = m_impl;
     return impl->follow(std::move(request), std::move(handler));
 }

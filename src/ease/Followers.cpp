@@ -33,20 +33,30 @@ void traceLeftOut(const std::string& mimeType)
 void Followers::publish(Encode value)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
+    const Forms forms = formsOf(value); // first, since it may throw
     m_last = std::move(value);
-    std::vector<std::pair<std::string, optional<Payload>>> encoded; // mostly one format
-    const auto hasLeft = [&](const Follower& follower) {
-        auto known = std::find_if(encoded.begin(), encoded.end(),
-                                  [&follower](const auto& form) { return form.first == follower.mimeType; });
-        if (known == encoded.end()) {
-            known = encoded.emplace(known, follower.mimeType, m_last(follower.mimeType));
-            if (!known->second) {
+    for (Follower& follower : m_followers) {
+        const optional<Payload>& form = forms.find(follower.mimeType)->second;
+        follower.hasLeft = form && follower.responder.next(*form);
+    }
+    m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(),
+                                     [](const Follower& follower) { return follower.hasLeft; }),
+                      m_followers.end());
+}
+
+/// `value` in the formats of those who follow.
+Followers::Forms Followers::formsOf(const Encode& value) const
+{
+    Forms forms;
+    for (const Follower& follower : m_followers) {
+        if (forms.find(follower.mimeType) == forms.end()) {
+            const auto made = forms.emplace(follower.mimeType, value(follower.mimeType)).first;
+            if (!made->second) {
                 traceLeftOut(follower.mimeType);
             }
         }
-        return known->second && follower.responder.next(*known->second);
-    };
-    m_followers.erase(std::remove_if(m_followers.begin(), m_followers.end(), hasLeft), m_followers.end());
+    }
+    return forms;
 }
 
 std::size_t Followers::count() const

@@ -1,3 +1,5 @@
+#include "isGiven.h"
+
 #include <comm/endThrown.h>
 #include <comm/onAnyLoop.h>
 #include <kesa/OpenRequest.h>
@@ -139,6 +141,11 @@ private:
 
 namespace detail {
 
+bool isHandlerGiven(bool isThere)
+{
+    return isGiven(isThere, "kesa::on is given no handler: give it kesa::handler<T>, or a service object");
+}
+
 void endThrownByHandler()
 {
     const comm::LoopInfo* const loop = comm::currentLoop();
@@ -150,6 +157,9 @@ void endThrownByHandler()
 
 std::shared_ptr<IKesaApi> on(const std::shared_ptr<comm::ActiveObject>& activeObject, std::shared_ptr<IKesaApi> service)
 {
+    if (!detail::isHandlerGiven(service != nullptr)) {
+        return nullptr;
+    }
     return std::make_shared<LoopService>(activeObject, std::move(service));
 }
 

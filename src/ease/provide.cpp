@@ -4,6 +4,7 @@
 //
 // One that ends before it is answered withdraws nothing until it is, see `end`. Whoever provides the path meanwhile
 // would be refused for it, so he registers when that answer has come: `Ending`.
+#include "isGiven.h"
 #include "registryClient.h"
 #include "waiting.h"
 
@@ -362,14 +363,21 @@ Registration::~Registration()
     m_impl->end();
 }
 
+// What calls a handler, or destroys one, or asks for what calls one in another thread, keeps what it works on: the
+// handler may drop us.
+
 void Registration::whenKnown(util::UniqueFunction<void()> handler)
 {
-    m_impl->whenKnown(std::move(handler));
+    if (!detail::isGiven(handler, "kesa::Registration::whenKnown is given no handler: give it a function")) {
+        return;
+    }
+    const auto impl = m_impl;
+    impl->whenKnown(std::move(handler));
 }
 
 void Registration::end()
 {
-    const auto impl = m_impl; // a handler that is destroyed may drop us
+    const auto impl = m_impl;
     impl->end();
 }
 

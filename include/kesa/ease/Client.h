@@ -42,7 +42,7 @@ inline constexpr bool misused = false;
 ///
 /// Threads: every operation from any. Nothing is called after `end` or the destructor has returned; both wait for a
 /// handler that is running, unless they come from inside it. So two handlers that run at once must not each end what
-/// the other belongs to. A handler may drop the client.
+/// the other belongs to. A handler may drop the client. One that is null is a failed assertion.
 class KESA_API Client final : public IKesaApi {
 public:
     /// By `use`. `runtime` may be null: then there is nothing to connect to, and `reason` says so.

@@ -12,6 +12,7 @@
 #include <atomic>
 #include <cstddef>
 #include <functional>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,7 +29,7 @@ public:
 
     /// Sends a value to all who follow, and to who comes later. Not from inside the handler of one of them. Those in
     /// whose format it has no form (a number that is not finite, a text that is no UTF-8) get the next one; that is
-    /// traced (3).
+    /// traced (3). What `value` throws is passed on, and nobody has got it.
     void publish(Encode value);
     /// How many follow, as far as the last value has shown.
     std::size_t count() const;
@@ -44,7 +45,10 @@ private:
     struct Follower {
         Responder responder;
         std::string mimeType;
+        bool hasLeft = false;
     };
+    using Forms = std::map<std::string, optional<Payload>>; ///< by the format
+    Forms formsOf(const Encode& value) const;
     void add(Follower&& follower);
 
     mutable std::mutex m_mutex;        ///< values are published in any thread, followers come on that of the request

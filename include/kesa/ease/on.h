@@ -17,6 +17,8 @@ namespace detail {
 
 /// Ends the process by what a handler of `on` has thrown; a trace names the loop before. Inside of the `catch` alone.
 [[noreturn]] KESA_API void endThrownByHandler();
+/// False after a failed assertion.
+[[nodiscard]] KESA_API bool isHandlerGiven(bool isThere);
 
 template <class T>
 class LoopHandler final : public IResponseHandler<T> {
@@ -90,11 +92,14 @@ private:
 /// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
 /// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it
 /// has stopped, nothing is called. An exception out of the handler ends the process; a trace (4) on "KESA_EASE" names
-/// the loop before.
+/// the loop before. Null for a null one, after a failed assertion.
 template <class T>
 [[nodiscard]] std::unique_ptr<IResponseHandler<T>> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
                                                       std::unique_ptr<IResponseHandler<T>>&& handler)
 {
+    if (!detail::isHandlerGiven(handler != nullptr)) {
+        return nullptr;
+    }
     return std::make_unique<detail::LoopHandler<T>>(activeObject, std::move(handler));
 }
 

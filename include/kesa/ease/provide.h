@@ -43,7 +43,8 @@ public:
     /// `handler()` is called whenever the registry has told this process that it knows the service: who asks for it
     /// from then on finds it, and who follows the path has been told. It is called again when the registry was away and
     /// is back; never where there is no registry, or when the service is refused, or after `end`, which is traced (3).
-    /// On the I/O loop: it must not block.
+    /// On the I/O loop: it must not block, and may drop this object, also while `whenKnown` runs in another thread. One
+    /// that is null is a failed assertion.
     void whenKnown(util::UniqueFunction<void()> handler);
 
     /// Withdraws the service. Twice is harmless. From then on the path may be provided again; while it is provided, a

@@ -77,6 +77,33 @@ TEST_F(Values, EachFollowerHasItsFormat)
     servicecomp::overrideMimeTypeFunc({});
 }
 
+struct Fickle {
+    int value = 0;
+    bool throws = false;
+};
+bool serialize(serializer::IStructuredSerializer& serializer, const Fickle& fickle)
+{
+    if (fickle.throws) {
+        throw std::runtime_error("fickle");
+    }
+    return serializer::serialize(serializer, fickle.value);
+}
+
+TEST_F(Values, AValueThatCannotBeWrittenLeavesAllAsItWas)
+{
+    Topic<Fickle> topic;
+    topic.serve(service, "/v");
+    void* const first = follow();
+    follow();
+    topic.publish({1});
+    service.cancel(first);
+    EXPECT_THROW(topic.publish({2, true}), std::runtime_error);
+    EXPECT_EQ(ask("retrieve"), "1");
+    topic.publish({3});
+    EXPECT_EQ(topic.followers(), 1U);
+    EXPECT_THAT(told, ElementsAre("1", "1", "~", "3"));
+}
+
 TEST_F(Values, TheirRoutesSayThatTheyAreStreams)
 {
     Topic<double> topic;

@@ -35,6 +35,16 @@ protected:
         const auto record = std::make_shared<ServiceDef>(PlayedRuntime::record(locator));
         return {200, *serializer::toPayload(RegistryUpdate(type, record), mimetypes::JSON)};
     }
+    /// Knows each service before the request for it returns, as another thread may be told.
+    struct Known final : IKesaApi {
+        void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override
+        {
+            const auto call = std::move(handler);
+            call->onNext(update(Type::ADDED, "ipc://me/p"));
+            return UNDEFINED_REQUEST_HANDLE;
+        }
+        void cancel(void*) noexcept override {}
+    };
     void registrySays(Type type, const std::string& locator) const
     {
         registry->handlers.back()->onNext(update(type, locator));
@@ -156,6 +166,15 @@ TEST_F(Provide, AHandlerMayEndIt)
     EXPECT_EQ(registration, nullptr);
     EXPECT_EQ(registry->open(), 0U);
     EXPECT_THAT(takeTold(), IsEmpty());
+
+    runtime.registryAtOnce = std::make_shared<Known>();
+    registration = provide(runtime, "/p", service);
+    provided();
+    registration->whenKnown([this] {
+        registration.reset();
+        told.emplace_back("dropped");
+    });
+    EXPECT_THAT(takeTold(), ElementsAre("dropped")) << "inside of whenKnown, which goes on without it";
 }
 
 } // namespace

@@ -8,9 +8,12 @@
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/on.h>
+#include <kesa/ease/provide.h>
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
+#include <obr/GlobalErrorHandler.h>
 
 #include <atomic>
 #include <future>
@@ -328,6 +331,27 @@ TEST_F(Use, EveryEndWaitsForAHandlerThatRuns)
         second.join();
         EXPECT_FALSE(wasEarly) << isStream;
     }
+}
+
+TEST_F(Use, WithoutAHandlerSaysWhatToDo)
+{
+    Lines complaints;
+    const auto before = obr::GlobalErrorHandler::setHandler(
+        [&](const obr::GlobalErrorHandler::Report& report) { complaints.emplace_back(report.message); });
+    connect();
+    client->onChange({});
+    client->follow(Request("retrieve", "/feed"), nullptr).dispose();
+    EXPECT_EQ(client->request(Request("retrieve", "/"), nullptr), IKesaApi::UNDEFINED_REQUEST_HANDLE);
+    provide(runtime, "/q", service)->whenKnown({});
+    EXPECT_EQ(on(nullptr, std::unique_ptr<IResponseHandler<int>>()), nullptr);
+    EXPECT_EQ(on(nullptr, std::shared_ptr<IKesaApi>()), nullptr);
+    EXPECT_TRUE(service->requests.empty());
+    obr::GlobalErrorHandler::setHandler(before);
+    const auto saysSo = [](const char* where) {
+        return HasSubstr(where + std::string(" is given no handler: give it"));
+    };
+    EXPECT_THAT(complaints, ElementsAre(saysSo("Client::onChange"), saysSo("Client::follow"), saysSo("Client::request"),
+                                        saysSo("Registration::whenKnown"), saysSo("kesa::on"), saysSo("kesa::on")));
 }
 
 TEST_F(Use, SaysSoWhenTheRuntimeEnds)
