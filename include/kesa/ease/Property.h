@@ -2,6 +2,7 @@
 #define KESA_EASE_PROPERTY_H
 
 #include <kesa/ease/Followers.h>
+#include <kesa/ease/InTurn.h>
 
 #include <functional>
 #include <memory>
@@ -20,23 +21,32 @@ namespace kesa {
 /// present value and then each other one: setting what it is already tells nobody.
 ///
 /// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
-/// its routes answer 503 then, which is traced (3) once. `onChange` is called no more once its destructor has returned,
-/// which waits for one that is running, unless it comes from inside it.
+/// its routes answer 503 then, which is traced (3) once. Neither `onChange` nor `check` is called any more once its
+/// destructor has returned, which waits for one that is running, unless it comes from inside `onChange`.
 template <class T>
 class Property {
 public:
     using OnChange = std::function<void(const T&)>;
+    using Check = std::function<void(const T&)>;
 
-    /// `onChange` is called after each change, in the thread that made it, one call at a time and in order. It may set
-    /// this property, which calls it again before that returns, and drop it.
-    explicit Property(T value, OnChange onChange = {})
-        : m_state(std::make_shared<State>(std::move(value), std::move(onChange)))
+    /// `onChange` hears of each change after it was made and followers were told, one call at a time and in order, in
+    /// the thread that made it; or in another one that is telling it of a change already, and then `set` does not wait
+    /// for it. It runs without a lock: it may set this property or another, drop this one, and wait where its thread
+    /// may, which for an "update" is the I/O loop. It refuses nothing: what it throws is traced (4) on "KESA_EASE", and
+    /// the value stays.
+    ///
+    /// `check` refuses a value before the change, by an exception: a `RequestError` is what an "update" is answered
+    /// then. Not for the first value, nor for one that is set already. It only looks: one call at a time, which each
+    /// `set` waits for; `get` may be called inside.
+    explicit Property(T value, OnChange onChange = {}, Check check = {})
+        : m_state(std::make_shared<State>(std::move(value), std::move(onChange), std::move(check)))
     {}
     Property(const Property&) = delete;
     Property& operator=(const Property&) = delete;
     ~Property() { m_state->end(); }
 
     T get() const { return m_state->get(); }
+    /// Throws what `check` does, and nothing has changed.
     void set(T value)
     {
         const auto state = m_state; // `onChange` may drop us
@@ -66,52 +76,68 @@ public:
 
 private:
     struct State {
-        State(T first, OnChange handler)
-            : value(std::make_shared<const T>(std::move(first))), onChange(std::move(handler))
+        State(T first, OnChange handler, Check test)
+            : value(std::make_shared<const T>(std::move(first))), onChange(std::move(handler)), check(std::move(test))
         {
             followers.publish(detail::encoder(value));
         }
 
-        T get() const
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            return *value;
-        }
+        T get() const { return *present(); }
         /// True when it has ended.
         bool set(T next)
         {
-            const std::lock_guard<std::recursive_mutex> order(changes);
-            std::shared_ptr<const T> changed;
             {
-                const std::lock_guard<std::mutex> lock(mutex);
-                if (hasEnded || *value == next) {
+                const std::lock_guard<std::mutex> order(changes);
+                const std::shared_ptr<const T> before = present();
+                if (hasEnded || *before == next) {
                     return hasEnded;
                 }
-                changed = std::make_shared<const T>(std::move(next));
-                value = changed;
+                if (check) {
+                    check(next);
+                }
+                const auto changed = std::make_shared<const T>(std::move(next));
+                replace(changed);
+                try {
+                    followers.publish(detail::encoder(changed));
+                } catch (...) {
+                    replace(before);
+                    throw;
+                }
+                if (onChange) {
+                    told.leave([this, changed] { onChange(*changed); });
+                }
             }
-            followers.publish(detail::encoder(changed));
-            if (onChange) {
-                onChange(*changed);
-            }
+            told.run();
             return false;
         }
         void end()
         {
-            const std::lock_guard<std::recursive_mutex> order(changes); // waits for `onChange`, but from inside it
             {
-                const std::lock_guard<std::mutex> lock(mutex);
+                const std::lock_guard<std::mutex> order(changes);
                 hasEnded = true;
             }
+            told.end();
             followers.end();
         }
+        std::shared_ptr<const T> present() const
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return value;
+        }
+        void replace(std::shared_ptr<const T> other)
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            value.swap(other);
+        }
 
-        std::recursive_mutex changes; ///< held while one is told
-        mutable std::mutex mutex;     ///< of `value` and `hasEnded`
+        std::mutex changes;       ///< held while one is made
+        bool hasEnded = false;    ///< under `changes`
+        mutable std::mutex mutex; ///< of `value`
         std::shared_ptr<const T> value;
-        bool hasEnded = false;
         const OnChange onChange;
+        const Check check;
         Followers followers;
+        detail::InTurn told; ///< to `onChange`
     };
 
     const std::shared_ptr<State> m_state;

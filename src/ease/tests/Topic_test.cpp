@@ -11,6 +11,9 @@
 #include <kesa/servicecomp.h>
 #include <tracing/CapturingSink.h>
 
+#include <future>
+#include <thread>
+
 namespace {
 
 using namespace kesa;
@@ -152,11 +155,65 @@ TEST_F(Values, APropertyMayBeSetOrDroppedWhereItsChangeIsTold)
     property->serveWritable(service, "/v");
     follow();
     EXPECT_EQ(ask("update", "700"), "");
-    EXPECT_THAT(told, ElementsAre("50", "700", "100", "=100", "=700"));
+    EXPECT_THAT(told, ElementsAre("50", "700", "100", "=700", "=100"));
     told.clear();
     property->set(0);
     EXPECT_EQ(property, nullptr);
     EXPECT_THAT(told, ElementsAre("0", "503: the value has ended", "~", "=0"));
+}
+
+TEST_F(Values, APropertyRefusesWhatItsCheckThrowsAndNothingElse)
+{
+    const auto hear = [this](const int& v) {
+        told.push_back("=" + std::to_string(v));
+        throw std::runtime_error("no mixer");
+    };
+    Property<int> property(1, hear, [&](const int& v) {
+        if (v < property.get()) {
+            throw RequestError(422, "it only rises");
+        }
+    });
+    property.serveWritable(service, "/v");
+    follow();
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(ask("update", "0"), "422: it only rises");
+    }
+    EXPECT_THROW(property.set(0), RequestError);
+    EXPECT_EQ(property.get(), 1);
+    EXPECT_EQ(ask("update", "1"), "") << "what it is already is refused by nobody";
+    const ::tracing::TraceCapture traces("KESA_EASE");
+    EXPECT_EQ(ask("update", "2"), "");
+    EXPECT_EQ(ask("retrieve"), "2");
+    EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr("onChange has thrown, and the value stays: no mixer")));
+    EXPECT_THAT(told, ElementsAre("1", "2", "=2"));
+}
+
+/// Each is set by the other's `onChange` while that one's is running in another thread.
+TEST_F(Values, PropertiesMaySetEachOtherInTwoThreads)
+{
+    struct One {
+        std::promise<void> isTelling;
+        std::vector<int> heard; ///< one call at a time
+        std::unique_ptr<Property<int>> property;
+    } a;
+    One b;
+    const auto setsOther = [](One& own, One& other) {
+        return [&](const int& value) {
+            own.heard.push_back(value);
+            if (own.heard.size() == 1) {
+                own.isTelling.set_value();
+                other.isTelling.get_future().wait();
+                other.property->set(value);
+            }
+        };
+    };
+    a.property = std::make_unique<Property<int>>(0, setsOther(a, b));
+    b.property = std::make_unique<Property<int>>(0, setsOther(b, a));
+    std::thread thread([&] { a.property->set(1); });
+    b.property->set(2);
+    thread.join();
+    EXPECT_THAT(a.heard, ElementsAre(1, 2));
+    EXPECT_THAT(b.heard, ElementsAre(2, 1));
 }
 
 } // namespace
