@@ -2,6 +2,7 @@
 // which ends the waiting for a process of another version, another program, or one that does not say what it is.
 #include "askProcesses.h"
 
+#include "descriptors.h"
 #include "waitAwake.h"
 
 #include <backend/ProcessService.h>
@@ -185,9 +186,7 @@ Unreached explain(const Question& question)
     return kesactl::explain(question.locator(), found);
 }
 
-} // namespace
-
-std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
+std::map<std::string, Said> askAtOnce(const std::vector<std::string>& names, comm::TimeNs deadline)
 {
     const comm::TimeNs begin = comm::wallClock();
     const comm::TimeNs within = std::max<comm::TimeNs>(deadline - comm::now(), 0);
@@ -223,6 +222,21 @@ std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, 
                                         : Said{{}, explain(*questions[number]), 0});
     }
     backend->stop();
+    return said;
+}
+
+} // namespace
+
+std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
+{
+    const comm::TimeNs within = deadline - comm::now();
+    const std::size_t most = names.empty() ? 0 : countAskableAtOnce();
+    std::map<std::string, Said> said;
+    for (std::size_t first = 0; first < names.size(); first += most) {
+        const auto begin = names.begin() + static_cast<std::ptrdiff_t>(first);
+        const auto count = static_cast<std::ptrdiff_t>(std::min(most, names.size() - first));
+        said.merge(askAtOnce({begin, begin + count}, first == 0 ? deadline : comm::now() + within));
+    }
     return said;
 }
 

@@ -2,9 +2,9 @@
 #include "Failure.h"
 #include "check_config.h"
 #include "commands.h"
+#include "descriptors.h"
 #include "doctor.h"
 #include "output.h"
-#include "raiseDescriptorLimit.h"
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
