@@ -11,6 +11,7 @@
 #include <transport/RunDirectory.h>
 #include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
+#include <util/shellWord.h>
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
@@ -81,8 +82,8 @@ void add(ProcessReport& report, const Said& said)
                                                      : "does not answer";
     report.advice = said.why.cause == "not-provided"
                         ? fmt::format("{0} takes part, but does not say what it is: it is of an earlier version, or "
-                                      "not of this library; kesactl list --provider {0} shows what it provides",
-                                      report.name)
+                                      "not of this library; kesactl list --provider {1} shows what it provides",
+                                      report.name, util::shellWord(report.name))
                         : fmt::format("{}: {}", report.name, said.why.sentence());
 }
 

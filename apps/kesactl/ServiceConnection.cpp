@@ -7,6 +7,7 @@
 
 #include <kesa/ease/handler.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -29,7 +30,9 @@ ServiceDef findService(const System& system, const std::string& path, comm::Time
     if (services.empty()) {
         const std::string meant = adviseAround(system, path, deadline);
         throw Failure{ExitCode::eFAILED, fmt::format("no service at {}", path), 0,
-                      meant.empty() ? fmt::format("kesactl why {} says why, kesactl list what is there", path) : meant};
+                      meant.empty()
+                          ? fmt::format("kesactl why {} says why, kesactl list what is there", util::shellWord(path))
+                          : meant};
     }
     return services.begin()->second;
 }

@@ -3,6 +3,8 @@
 #include "Failure.h"
 #include "options.h"
 
+#include <util/shellWord.h>
+
 #include <fmt/format.h>
 
 namespace kesactl {
@@ -27,16 +29,18 @@ std::string findAbove(const System& system, const std::string& path, comm::TimeN
 std::string adviseAround(const System& system, const std::string& path, comm::TimeNs deadline)
 try {
     if (const std::string above = findAbove(system, path, deadline); !above.empty()) {
-        return fmt::format("{0} is a service; kesactl call {0} {1} asks it for the resource {1}", above,
+        return fmt::format("{0} is a service; kesactl call {1} {2} asks it for the resource {3}", above,
+                           util::shellWord(above), util::shellWord(path.substr(above.size())),
                            path.substr(above.size()));
     }
     const std::string folder = literal(path) + "/**";
     if (const auto below = system.view(folder)->list(deadline, true).services; !below.empty()) {
-        return fmt::format("{} below it: kesactl list '{}'",
-                           below.size() == 1 ? "one service is" : fmt::format("{} services are", below.size()), folder);
+        return fmt::format("{} below it: kesactl list {}",
+                           below.size() == 1 ? "one service is" : fmt::format("{} services are", below.size()),
+                           util::shellWord(folder));
     }
     if (literal(path) != path && checkGlob(path).empty() && !system.view(path)->list(deadline, true).services.empty()) {
-        return fmt::format("a path is one service; kesactl list '{}' shows those that match", path);
+        return fmt::format("a path is one service; kesactl list {} shows those that match", util::shellWord(path));
     }
     return {};
 } catch (const Failure&) {

@@ -23,6 +23,7 @@
 #include <transport/EndpointWatch.h>
 #include <transport/RunDirectory.h>
 #include <transport/usersAndGroups.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 #include <sys/utsname.h>
@@ -219,7 +220,7 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
                                         "says more",
                                         report.name, report.pid, unknown->toText(),
                                         apart.empty() ? "" : ": it is not connected to it: " + apart,
-                                        unknown->toText()));
+                                        util::shellWord(unknown->toText())));
         }
     }
     page.find(found, "processes provide what the registry does not know");

@@ -6,6 +6,7 @@
 #include "runDirectoryProblem.h"
 
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -32,8 +33,8 @@ std::string howToStart(const kesa::url& registry)
     const std::string process = processOf(registry);
     return process == "kesa-registryd"
                ? "start kesa-registryd"
-               : fmt::format("start {0}, which the locator names (a program of your own, or kesa-registryd --name {0})",
-                             process);
+               : fmt::format("start {0}, which the locator names (a program of your own, or kesa-registryd --name {1})",
+                             process, util::shellWord(process));
 }
 
 /// Of a service that the document has.
@@ -43,9 +44,9 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
     Unreached why = explainUnreachable(locator, within);
     if (why.cause == "not-provided") {
         why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
-                                 "in its document (kesactl check-config --process {0}) may differ from its own; or "
+                                 "in its document (kesactl check-config --process {1}) may differ from its own; or "
                                  "it has yet to provide it",
-                                 processOf(locator));
+                                 processOf(locator), util::shellWord(processOf(locator)));
     } else if (why.cause == "bad-locator") {
         why.advice =
             fmt::format("write one of this host in the document, such as \"ipc://PROCESS{}\"", service.path.toString());

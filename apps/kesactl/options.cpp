@@ -5,6 +5,7 @@
 #include <kesa/PathPatterns.h>
 #include <kesa/processName.h>
 #include <obr/ErrorStorage.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -135,14 +136,14 @@ std::string literal(const std::string& path)
 std::string adviseWhy(const std::string& glob)
 {
     return !checkPath(glob).empty() ? ""
-           : literal(glob) == glob  ? "; kesactl why " + glob + " says why"
+           : literal(glob) == glob  ? "; kesactl why " + util::shellWord(glob) + " says why"
                                     : adviseLiteral(glob);
 }
 
 std::string adviseLiteral(const std::string& glob)
 {
     return checkPath(glob).empty() && glob.find_first_of("[]{}\\") != std::string::npos
-               ? "; if that is a path, write '" + literal(glob) + "'"
+               ? "; if that is a path, write " + util::shellWord(literal(glob))
                : "";
 }
 

@@ -4,6 +4,11 @@
 
 #include <backend/readCommSettings.h>
 #include <transport/RunDirectory.h>
+#include <transport/usersAndGroups.h>
+#include <util/shellWord.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <fmt/format.h>
 
@@ -18,6 +23,15 @@ namespace kesactl {
 namespace {
 
 namespace transport = kesa::commadapter::transport;
+
+/// " (of the user nobody)" where others might have made it to lead this user there; else empty.
+std::string ofStranger(const std::string& directory)
+{
+    struct stat status {};
+    const bool isStrange =
+        ::stat(directory.c_str(), &status) == 0 && status.st_uid != 0 && status.st_uid != ::geteuid();
+    return isStrange ? fmt::format(" (of the user {})", transport::userName(status.st_uid)) : "";
+}
 
 /// In which processes have names, those beside the one at `chosen` first: its name is perhaps a mistyped one of theirs.
 std::vector<std::string> placesOfHolders(const std::string& chosen)
@@ -104,7 +118,12 @@ std::string howToMeetIn(const RunDirectoryFacts& directory)
     }
     const bool isOfGroup = !directory.isWritable && directory.path == transport::SYSTEM_RUN_DIRECTORY;
     return isOfGroup ? fmt::format("add this user to the group \"{}\" and log in anew", directory.group)
-                     : "set KESA_RUN_DIR=" + directory.path;
+                     : "set " + settingFor(directory.path);
+}
+
+std::string settingFor(const std::string& directory)
+{
+    return "KESA_RUN_DIR=" + util::shellWord(directory) + ofStranger(directory);
 }
 
 std::vector<RunDirectoryFacts> otherDirectoriesOf(const std::string& process)
@@ -132,7 +151,7 @@ std::string namesOf(const std::vector<RunDirectoryFacts>& directories)
     constexpr std::size_t MOST = 3;
     std::string text;
     for (std::size_t i = 0; i < directories.size() && i < MOST; ++i) {
-        text += (i == 0 ? "" : " and in ") + directories[i].path;
+        text += (i == 0 ? "" : " and in ") + directories[i].path + ofStranger(directories[i].path);
     }
     return text;
 }

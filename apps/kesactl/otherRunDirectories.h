@@ -25,6 +25,9 @@ bool isHeld(const RunDirectoryFacts& directory, std::string_view process);
 /// The name of the process that a locator leads to.
 std::string processOf(const kesa::url& locator);
 
+/// "KESA_RUN_DIR=/run/kesa" for a shell, and whose the directory is if it is another user's than root's or this one's.
+std::string settingFor(const std::string& directory);
+
 /// What a process does to meet others in `directory`, since it has chosen another one: "set KESA_RUN_DIR=...".
 std::string howToMeetIn(const RunDirectoryFacts& directory);
 

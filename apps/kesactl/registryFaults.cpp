@@ -7,6 +7,7 @@
 #include <kesa/reasonOf.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -107,7 +108,7 @@ Unreached explainFault(const kesa::url& registry, const std::string& what)
     return {"not-a-registry", "it answers, but not as a registry does: " + what,
             fmt::format(R"(kesactl status {} says which program has that name: start a registry in its place, or name )"
                         R"(another process in "service_registry_locators")",
-                        process),
+                        util::shellWord(process)),
             true};
 }
 

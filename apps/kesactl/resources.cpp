@@ -10,6 +10,7 @@
 #include <obr/ErrorStorage.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -24,8 +25,8 @@ constexpr std::string_view MEMBERS[] = {"resource", "command", "answers"}; ///< 
 {
     throw Failure{
         code,
-        fmt::format("{0} does not say which resources it has: {1}; kesactl call {0} / asks the service itself", path,
-                    reason),
+        fmt::format("{0} does not say which resources it has: {1}; kesactl call {2} / asks the service itself", path,
+                    reason, util::shellWord(path)),
         status};
 }
 

@@ -3,6 +3,7 @@
 #include <backend/readCommSettings.h>
 #include <transport/RunDirectory.h>
 #include <util/config/Complaint.h>
+#include <util/shellWord.h>
 
 #include <fcntl.h>
 #include <linux/magic.h>
@@ -86,7 +87,7 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
     const std::string around = fs::path(directory.path).parent_path().string();
     if (end != directory.path) {
         return {fmt::format("{} is not there, and cannot be made, since {} is not there either", what, around),
-                fmt::format("make {}, or {}", around, nameAnother(source))};
+                fmt::format("make {}, or {}", util::shellWord(around), nameAnother(source))};
     }
     if (isOfTheKernel(around)) {
         return {fmt::format("{} is not there, and nobody can make it in {}, which is the kernel's", what, around),

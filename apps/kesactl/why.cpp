@@ -278,7 +278,7 @@ Verdict Search::explainRealm() const
             fmt::format("{} provides it at {} only, which is of another run directory", holder(), locators),
             found == holders.end()
                 ? fmt::format("set KESA_RUN_DIR to the directory that {} uses", holder())
-                : fmt::format("set KESA_RUN_DIR={} for all who shall meet it, or start it here", found->directory),
+                : fmt::format("set {} for all who shall meet it, or start it here", settingFor(found->directory)),
             {}};
 }
 

@@ -6,6 +6,7 @@
 #include "otherRunDirectories.h"
 
 #include <transport/Authority.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 #include <signal.h>
@@ -172,8 +173,8 @@ Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
             provider.isYoung ? "ask again: that process has just started"
             : apart.empty()
                 ? fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
-                              "kesactl check-config --process {0}",
-                              provider.name)
+                              "kesactl check-config --process {1}",
+                              provider.name, util::shellWord(provider.name))
                 : fmt::format("it registers once it is connected; {}'s KESA_TRACE=\"KESA_COMM=1\" says more",
                               provider.name),
             {}};

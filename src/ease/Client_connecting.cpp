@@ -15,6 +15,7 @@
 #include <kesa/reasonOf.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <tracing/Channel.h>
+#include <util/shellWord.h>
 
 namespace kesa {
 
@@ -164,10 +165,10 @@ void Client::Impl::refused(unsigned number, const Response& error)
 {
     if (number == m_number) {
         letGo();
-        setState(
-            nullptr,
-            fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, sentenceOf(error), m_path),
-            error.getStatus());
+        setState(nullptr,
+                 fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, sentenceOf(error),
+                             util::shellWord(m_path)),
+                 error.getStatus());
     }
 }
 

@@ -5,6 +5,7 @@
 #include <comm/whyDeaf.h>
 #include <fmt/format.h>
 #include <kesa/ease/use.h>
+#include <util/shellWord.h>
 
 namespace kesa {
 
@@ -39,7 +40,8 @@ std::string Client::Impl::reason(std::optional<bool> hasAnswered) const
     if (isConnected) {
         return why.empty() ? why : fmt::format("'{}' is connected and silent: {}", m_path, why);
     }
-    return fmt::format("{}{}{}; 'kesactl why {}' says more", reason, why.empty() ? "" : ": ", why, m_path);
+    return fmt::format("{}{}{}; 'kesactl why {}' says more", reason, why.empty() ? "" : ": ", why,
+                       util::shellWord(m_path));
 }
 
 void Client::Impl::wait(std::chrono::nanoseconds timeout, ConnectResult& result)

@@ -11,6 +11,7 @@
 #include <kesa/reasonOf.h>
 #include <kesa/runtime/v02/IReasons.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <util/shellWord.h>
 
 #include <algorithm>
 #include <atomic>
@@ -50,8 +51,9 @@ void addObstacle(GetResult& result, const IKesaApi& api)
     }
     if (const auto* const client = dynamic_cast<const Client*>(&api)) {
         const std::string why = client->reason();
-        result.error +=
-            why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {0}' says more", client->path()) : "; " + why;
+        result.error += why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {1}' says more", client->path(),
+                                                  util::shellWord(client->path()))
+                                    : "; " + why;
     } else if (const std::string why = whyDeaf(); !why.empty()) {
         result.error += "; " + why;
     }

@@ -10,6 +10,7 @@ import os
 import pwd
 import re
 import secrets
+import shlex
 import socket
 import stat
 
@@ -187,10 +188,10 @@ def _advise(directory: str, path: str, error: OSError) -> str:
             owner = pwd.getpwuid(owner).pw_name
         except KeyError:
             pass
-        return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {path}"
+        return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {shlex.quote(path)}"
     around = os.path.dirname(os.path.abspath(directory))
     if error.errno == errno.ENOENT and not os.path.exists(around):
-        return f"make {around}, or {named}"
+        return f"make {shlex.quote(around)}, or {named}"
     if error.errno in (errno.EACCES, errno.EPERM):
         return f"let a group of this user write there, or {named}"
     return named

@@ -10,6 +10,7 @@
 
 #include <comm/processStart.h>
 #include <obr/explainError.h>
+#include <util/shellWord.h>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -183,7 +184,8 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     const bool mayBeHeld = // as by a process of another container, whose socket is there
         S_ISREG(file.st_mode) &&
         ::fstatat(directory, (encodedName + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
-    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", userName(file.st_uid)) : "remove", path,
+    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", userName(file.st_uid)) : "remove",
+                       util::shellWord(path),
                        mayBeHeld ? "unless a process in another container holds it" : "which nobody holds");
 }
 

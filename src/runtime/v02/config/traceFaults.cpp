@@ -1,6 +1,7 @@
 #include "traceFaults.h"
 
 #include <kesa/tracing.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -45,7 +46,9 @@ void traceFaults(const ConfigReport& report, const std::string& source, bool has
     } else if (hasFailed) {
         std::string text = "it does not count; with the defaults, which do, this process finds no other process";
         if (!report.file.empty()) {
-            text.append("; \"kesactl check-config ").append(report.file).append("\" lists what is wrong with it");
+            text.append("; \"kesactl check-config ")
+                .append(util::shellWord(report.file))
+                .append("\" lists what is wrong with it");
         }
         traceFault(source, text);
     }

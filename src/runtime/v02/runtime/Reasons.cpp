@@ -1,6 +1,7 @@
 #include <runtime/v02/runtime/Reasons.h>
 
 #include <comm/whyDeaf.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -111,7 +112,7 @@ std::string Reasons::why(const std::string& path, const char* silence) const
     const std::string obstacleToIt = obstacle(registry);
     if (m_isConnected) {
         return fmt::format("the registry at {} is connected and {}; 'kesactl why {}' says more", registry.toString(),
-                           obstacleToIt.empty() ? silence : "silent: " + obstacleToIt, path);
+                           obstacleToIt.empty() ? silence : "silent: " + obstacleToIt, util::shellWord(path));
     }
     return fmt::format("the registry at {} is not connected{}{}; 'kesactl doctor' says more", registry.toString(),
                        obstacleToIt.empty() ? "" : ": ", obstacleToIt);
