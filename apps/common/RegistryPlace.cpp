@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 namespace apps {
 
 using kesa::commadapter::checkOwnLocator;
@@ -51,6 +53,13 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     const KesaConfigAccessor accessor(config);
     RegistryPlace place;
     place.source = report.file.empty() ? "the built-in document" : report.file;
+    std::string partition;
+    if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
+        place.problem = "the partition of this node cannot be found out: " + obr::ErrorStorage::reason();
+        place.endsProcess = true;
+        obr::ErrorStorage::ack();
+        return place;
+    }
     if (!accessor.isValid()) {
         place.problem = fmt::format("the configuration cannot be read: {}; see kesactl check-config",
                                     report.firstError()->sentence(report.file));
@@ -64,15 +73,14 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
         place.services = accessor.getServices();
         return place;
     }
-    std::string partition;
-    if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
-        place.problem = "the partition of this node cannot be found out: " + obr::ErrorStorage::reason();
-        obr::ErrorStorage::ack();
-        return place;
-    }
     accessor.getNodeDomainMapping(partition);
     place.locators = accessor.getRegistryLocatorsByPartition(partition, false).value_or(std::vector<kesa::url>());
-    if (place.locators.empty()) {
+    const std::vector<std::string> backends = accessor.getBackends();
+    if (std::find(backends.begin(), backends.end(), "comm") == backends.end()) {
+        place.problem = fmt::format("{}: none of \"backends\" reaches the registry that \"use_registry\" asks for; "
+                                    "write [\"comm\"]",
+                                    place.source);
+    } else if (place.locators.empty()) {
         place.problem = fmt::format("{} has no registry locators for the partition \"{}\", and none for \"*\"; add "
                                     "them to \"service_registry_locators\"",
                                     place.source, util::config::excerpt(partition));

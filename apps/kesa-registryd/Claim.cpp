@@ -30,6 +30,8 @@ Claim checkClaim(const std::string& process, const std::string& fallbackDocument
             break;
         case OwnLocator::State::eNAME_HELD:
             return {ExitCode::eNAME_HELD, own.why, {}};
+        case OwnLocator::State::eMISSET:
+            return {ExitCode::eCONFIGURATION, fmt::format("{}: {}", place.source, own.why), {}};
         case OwnLocator::State::eUNUSABLE:
             return {ExitCode::eFAILED, own.why, {}};
         case OwnLocator::State::eCLAIMABLE:

@@ -57,18 +57,24 @@ util::config::Value valueOf(const CommSettings& settings)
     return util::config::Value(std::move(values));
 }
 
-/// As the start of a process finds it.
+/// As the start of a process finds it. Without a name: of one that framework.json does not name.
 std::string partitionOf(const std::string& process, const KesaConfig& config, std::vector<Complaint>& complaints)
 {
     std::string partition;
     if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
-        complaints.push_back(
-            {Severity::eERROR, {}, "the partition of the process cannot be found out: " + obr::ErrorStorage::reason()});
+        complaints.push_back({Severity::eERROR,
+                              {},
+                              fmt::format("the partition of {} process cannot be found out: {}",
+                                          process.empty() ? "a" : "the", obr::ErrorStorage::reason())});
+        obr::ErrorStorage::ack();
     } else if (partition.empty()) {
         complaints.push_back({Severity::eWARNING,
                               {},
                               "framework.json gives the process a node with an empty name",
                               "write the name of the node, or leave the process out"});
+    }
+    if (process.empty()) {
+        return {};
     }
     KesaConfigAccessor(config).getNodeDomainMapping(partition);
     return partition;
@@ -85,11 +91,10 @@ int checkConfig(const CheckConfigArguments& arguments)
                                   ? KesaConfig::readOr(arguments.process, KesaRuntime::WITH_REGISTRYD, &report)
                                   : KesaConfig(arguments.process, &report);
     std::optional<std::string> process;
-    std::string partition;
     std::vector<Complaint> ofProcess; // these have no place in the document
+    const std::string partition = partitionOf(arguments.process, config, ofProcess);
     if (!arguments.process.empty()) {
         process = arguments.process;
-        partition = partitionOf(arguments.process, config, ofProcess);
         if (const std::string complaint = kesa::complaintAboutProcessName(*process); !complaint.empty()) {
             ofProcess.push_back({Severity::eWARNING, {}, complaint, "its runtime does not start"});
         }

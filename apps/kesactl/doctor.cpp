@@ -78,7 +78,7 @@ void addShortage(DoctorPage& page)
 }
 
 struct Configuration {
-    bool isValid;
+    bool isFaulty;            ///< the findings say why
     std::string runDirectory; ///< that the document names, or empty
 };
 
@@ -107,15 +107,18 @@ Configuration addConfiguration(DoctorPage& page, const std::string& process)
     if (count > MOST_COMPLAINTS) {
         page.findings.push_back(fmt::format("{} more complaints; see kesactl check-config", count - MOST_COMPLAINTS));
     }
-    return {config.m_valid, runDirectory};
+    return {report.firstError() != nullptr, runDirectory};
 }
 
-void addRegistry(DoctorPage& page, const apps::RegistryPlace& place, bool isConfigurationValid)
+void addRegistry(DoctorPage& page, const apps::RegistryPlace& place, const Configuration& configuration)
 {
     const std::string locator = place.locators.empty() ? "none" : place.locators.front().toString();
-    page.addLine("registry", util::config::excerpt(locator));
+    page.addLine("registry", place.asksForNone
+                                 ? fmt::format("none: {} asks for none, so what it has itself is all that is known: {}",
+                                               place.source, pathsOf(place.services))
+                                 : util::config::excerpt(locator));
     page.facts.set("registry", locator);
-    if (!place.problem.empty() && isConfigurationValid) { // else it is said already
+    if (!place.problem.empty() && !place.asksForNone && !configuration.isFaulty) { // else it is said already
         page.findings.push_back(place.problem);
     }
 }
@@ -257,7 +260,7 @@ bool diagnose(const CommonOptions& options)
     const Configuration configuration = addConfiguration(page, process);
     const RunDirectory runDirectory(configuration.runDirectory);
     const apps::RegistryPlace place = apps::findRegistryPlace(process, KesaRuntime::WITH_REGISTRYD);
-    addRegistry(page, place, configuration.isValid);
+    addRegistry(page, place, configuration);
     const RunDirectoryFacts facts(runDirectory.path());
     const RegistryQuestion question(place);
     const comm::TimeNs deadline = options.deadline();

@@ -13,11 +13,12 @@ struct OwnLocator {
         eUNREACHABLE, ///< its scheme, realm or path without scheme is not known here
         eOTHERS,      ///< it names another process
         eNAME_HELD,   ///< it is the process's own, but a living process has the name
+        eMISSET,      ///< it is the process's own, but "comm" names a group that is not there
         eUNUSABLE,    ///< it is the process's own, but the run directory or the name cannot be used
         eCLAIMABLE,   ///< it is the process's own, and nothing is in the way
     };
     State state;
-    std::string why; ///< a sentence, for a held name and one that cannot be used
+    std::string why; ///< a sentence, for the three in the way
 };
 
 /// For tools that explain what a process named `process` would meet, with the settings of the configuration document.
