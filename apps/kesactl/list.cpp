@@ -32,11 +32,31 @@ bool has(const util::config::Value& value, const std::string& text)
     return isThat(value) || std::any_of(value.items().begin(), value.items().end(), isThat);
 }
 
+/// As a query compares them: three are fields of the record, whatever its metainfo says.
+util::config::Value valueOf(const ServiceDef& service, const std::string& key)
+{
+    using util::config::Value;
+    if (key == "type") {
+        return Value(ServiceDef::enumToValue(service.type).value_or(""));
+    }
+    if (key == "id") {
+        return service.id ? Value(service.id->toString()) : Value::getUndefined();
+    }
+    if (key == "locators") {
+        std::vector<Value> locators;
+        for (const kesa::url& locator : service.locators) {
+            locators.emplace_back(locator.toString());
+        }
+        return Value(std::move(locators));
+    }
+    return service.metainfo ? (*service.metainfo)[key] : Value::getUndefined();
+}
+
 bool isWanted(const ServiceDef& service, const ListArguments& arguments)
 {
     const auto fits = [&service](const std::string& condition) {
         const std::size_t end = condition.find('=');
-        return service.metainfo && has((*service.metainfo)[condition.substr(0, end)], condition.substr(end + 1));
+        return has(valueOf(service, condition.substr(0, end)), condition.substr(end + 1));
     };
     return std::all_of(arguments.where.begin(), arguments.where.end(), fits) &&
            (arguments.type.empty() || arguments.type == ServiceDef::enumToValue(service.type)) &&
@@ -120,7 +140,9 @@ CLI::App& add(CLI::App& app, const char* name, const char* description, const st
     command->add_option("GLOB", arguments->glob, "Of paths: '/system/**', '/media/*'; without it all.")
         ->check(checkGlob)
         ->type_name("");
-    command->add_option("--where", arguments->where, "With that metainfo, or a list that has it; as often as needed.")
+    command
+        ->add_option("--where", arguments->where,
+                     "With that metainfo, type, id or locators, or a list that has it; as often as needed.")
         ->check(checkCondition)
         ->allow_extra_args(false)
         ->type_name("KEY=VALUE");
