@@ -22,6 +22,8 @@ struct Failure {
     int status = 0;       ///< of the error that the service has answered; 0: none has
     std::string advice{}; ///< what to do, on a line of its own; may be empty, or part of the text
 
+    std::string members{}; ///< further ones of its JSON object, `,"key":value`
+
     std::string sentence() const { return advice.empty() ? text : text + "; " + advice; }
 };
 

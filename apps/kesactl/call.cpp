@@ -141,6 +141,26 @@ std::string lineOf(const kesa::Response& response, bool isJson)
                        response.getStatus(), asJsonString(format), value);
 }
 
+/// What the text of an error does not say: headers, and a body of another format. Null for one that JSON cannot say.
+std::string membersOf(const kesa::Response& error)
+{
+    std::string members;
+    if (!error.getHeaders().empty()) {
+        members += fmt::format(R"(,"headers":{})", util::config::Value(error.getHeaders()).toText());
+    }
+    const kesa::Payload& body = error.getPayload();
+    if (!body.isEmpty() && body.getMimeType() != kesa::mimetypes::TEXT) {
+        util::config::Value value;
+        if (parseJson(body.getMimeType() == kesa::mimetypes::JSON ? body.text() : asJsonString(body.text()), value)) {
+            value = util::config::Value(nullptr);
+        }
+        const std::string list = util::config::Value(util::config::Value::Array{value}).toText();
+        members += fmt::format(R"(,"format":{},"value":{})", asJsonString(body.getMimeType()),
+                               list.substr(1, list.size() - 2));
+    }
+    return members;
+}
+
 /// The record of the service, of which a given locator says enough; one that names the process only gets the path.
 ServiceDef find(const System& system, const CallArguments& arguments, comm::TimeNs deadline)
 {
@@ -192,7 +212,9 @@ void call(const CallArguments& arguments)
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,
                                       kesa::reasonOf(answer.response)),
-                          static_cast<int>(answer.response.getStatus())};
+                          static_cast<int>(answer.response.getStatus()),
+                          {},
+                          arguments.common.isJson ? membersOf(answer.response) : ""};
         case Answers::Kind::eTIMED_OUT:
             throw Failure{ExitCode::eTIMED_OUT,
                           fmt::format("no answer to {} {} of {} within {} s", arguments.command, arguments.resource,

@@ -123,8 +123,8 @@ void printFailure(const Failure& failure, bool isJson)
         return;
     }
     const std::string status = failure.status == 0 ? "" : fmt::format(R"(,"status":{})", failure.status);
-    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}}})", asJsonString(failure.sentence()),
-                                         static_cast<int>(failure.exitCode), status);
+    const std::string line = fmt::format(R"({{"error":{},"exitCode":{}{}{}}})", asJsonString(failure.sentence()),
+                                         static_cast<int>(failure.exitCode), status, failure.members);
     std::fprintf(stderr, "%s\n", visibleLines(line).c_str());
 }
 

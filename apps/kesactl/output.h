@@ -22,7 +22,7 @@ void print(const std::string& text);
 void printValue(const std::string& text);
 
 /// To stderr: for people a line, and one with what to do; or one JSON object, {"error": text, "exitCode": number}, and
-/// "status" when a service has refused. Nothing for a failure without a text.
+/// "status" and `members` when a service has refused. Nothing for a failure without a text.
 void printFailure(const Failure& failure, bool isJson);
 
 /// Cuts each line at the width of the terminal, with an ellipsis for what is missing; unchanged when stdout is none.

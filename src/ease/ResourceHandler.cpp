@@ -65,7 +65,7 @@ void refuse(const Request& request, OpenRequest& open, const RequestError& error
         fail(request, open, fmt::format("RequestError of status {}: {}", error.status(), error.what()).c_str());
         return;
     }
-    open.onError(Response::createErrorResponse(error.status(), error.what()));
+    open.onError(error.response());
 }
 
 /// Of a path that has functions for `commands` only.

@@ -83,6 +83,7 @@ public:
             m_isTaken = true;
         } else if (m_error) {
             setError(result, *m_error);
+            result.errorResponse = std::move(m_error);
         } else if (!m_isOver && wait.signal() != 0) {
             result.error = detail::Interruption::text(wait.signal());
         }

@@ -92,6 +92,11 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
     const auto echo = [](const Request& request) { return request.getPayload(); };
     player->onUpdate("/volume", echo, kesa::about("louder\x1b[31m, or not").body(R"({"type":"object"})"));
     player->onDelete("/volume", [](const Request&) {});
+    player->onRetrieve("/busy", [](const Request&) {
+        kesa::Response error(429, json(R"({"queued":9})"));
+        error.setHeader("retry-after-ms", 200);
+        return error;
+    });
     player->onRetrieve("/stand", [](const Request&) { ::pause(); });
     player->onRetrieve("/tracks/{number}", [](const Request&, const kesa::PathParameters& parameters) {
         return json(std::string(parameters["number"]));

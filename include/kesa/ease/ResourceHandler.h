@@ -30,7 +30,8 @@ namespace kesa {
 /// says nothing of success. A function that answers later, or more than once, takes a `Responder` instead and returns
 /// nothing.
 ///
-/// `throw kesa::RequestError(409, "...")` ends the request with that status and text.
+/// `throw kesa::RequestError(409, "...")` ends the request with that status and text; a `Response` instead of the two
+/// may have headers and a body.
 ///
 /// A route is a path whose segments may be parameters, "{name}", for one segment each; "**" as the last one stands for
 /// all further segments, also none, and is a parameter of that name. The most particular route wins: segment by

@@ -15,6 +15,7 @@ struct GetResult {
     std::optional<Response> response;
     unsigned short status = 0; ///< of the error: the service's, or 504 when the time is over; 0 when it has none
     std::string error;         ///< begins with the status, if there is one: "409: there is nothing to play"
+    std::optional<Response> errorResponse{}; ///< the error that came, for its headers and body; absent when none did
 
     explicit operator bool() const noexcept { return response.has_value(); }
 };

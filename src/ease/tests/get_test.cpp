@@ -6,6 +6,7 @@
 #include <kesa/ease/on.h>
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
+#include <kesa/mimetypes.h>
 
 #include <chrono>
 #include <cmath>
@@ -55,6 +56,12 @@ protected:
                             kept = std::move(r);
                         })
             .onRetrieve("/silent", [this](const Request&, Responder r) { kept = std::move(r); })
+            .onRetrieve("/busy",
+                        [](const Request&) {
+                            Response error(429, Payload::createFromString(R"({"queued":9})", mimetypes::JSON));
+                            error.setHeader("retry-after-ms", 200);
+                            throw RequestError(error);
+                        })
             .onRetrieve("/empty", [](const Request&, Responder r) { r.complete(); });
     }
     GetResult ask(const std::string& path) { return get(*service, Request("retrieve", path), 50ms); }
@@ -78,13 +85,17 @@ TEST_F(Get, AnswersOnceOrSaysWhyNot)
     } failures[] = {
         {"/none", 404, "404: no resource at '/none'; did you mean '/one'?"},
         {"one", 400, "400: 'one' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end"},
+        {"/busy", 429, R"(429: {"queued":9})"},
         {"/silent", 504, "504: no answer within 50 ms"}};
     for (const auto& [path, status, error] : failures) {
         const GetResult result = ask(path);
         EXPECT_EQ(result.error, error);
         EXPECT_TRUE(!result && result.status == status);
     }
-    EXPECT_TRUE(kept->isCancelled());
+    EXPECT_TRUE(kept->isCancelled() && !ask("/silent").errorResponse);
+    const std::optional<Response> busy = ask("/busy").errorResponse;
+    EXPECT_EQ(busy->getHeaders()["retry-after-ms"], util::config::Value(200));
+    EXPECT_EQ(busy->getPayload().getMimeType(), mimetypes::JSON);
     Asked dropping; // without an answer
     EXPECT_EQ(get(dropping, Request("update", "/x"), 1s).error, "'update /x' was dropped without an answer");
 }
