@@ -4,6 +4,7 @@
 #include <kesa/serviceregistry/ServiceDef.h>
 #include <kesa/url.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -13,9 +14,12 @@ namespace apps {
 struct RegistryPlace {
     std::string source;              ///< the document's file, or "the built-in document"
     std::vector<kesa::url> locators; ///< in order; empty when `problem` is not
-    std::string problem;             ///< why there are none, as a sentence with what to do
-    bool endsProcess = false;        ///< a runtime does not start with that problem
-    bool asksForNone = false;        ///< that is the problem: what the document has itself is all there is
+    std::string partition;           ///< of this process's node
+    /// Of the other partitions that the document names, "*" among them.
+    std::map<std::string, std::vector<kesa::url>> others;
+    std::string problem;      ///< why there are none, as a sentence with what to do
+    bool endsProcess = false; ///< a runtime does not start with that problem
+    bool asksForNone = false; ///< that is the problem: what the document has itself is all there is
     std::vector<kesa::serviceregistry::ServiceDef> services; ///< then those that it has
 };
 

@@ -203,10 +203,11 @@ Answer askRegistry(const RegistryQuestion& question, const apps::RegistryPlace& 
 }
 
 /// What processes here provide, and the registry does not know. It was asked after them, and nothing is said while they
-/// may not have found each other yet. `registry`: its process.
-void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, const std::string& registry,
+/// may not have found each other yet, or of who is at the registry of another partition.
+void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, const apps::RegistryPlace& place,
                 const Services& known)
 {
+    const std::string registry = processOf(place.locators.front());
     if (std::any_of(reports.begin(), reports.end(), [&registry](const ProcessReport& report) {
             return report.name == registry && isYoung(report.started());
         })) {
@@ -217,7 +218,7 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
         const auto& services = report.answer["services"].items();
         const auto unknown = std::find_if(services.begin(), services.end(),
                                           [&known](const Value& path) { return known.count(path.toText()) == 0; });
-        if (unknown != services.end() && !isYoung(report.started())) {
+        if (unknown != services.end() && !isYoung(report.started()) && otherPartition(report.answer, place).empty()) {
             const std::string apart = whyApart(report.answer, registry);
             found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it{}; kesactl why {} "
                                         "says more",
@@ -252,6 +253,24 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     }
 }
 
+/// Where the document divides the processes among several.
+void addPartitions(DoctorPage& page, const apps::RegistryPlace& place, const RunDirectoryFacts& facts)
+{
+    if (place.others.empty()) {
+        return;
+    }
+    page.add("partition", place.partition);
+    Value::Array others;
+    for (const auto& [partition, locators] : place.others) {
+        const std::string locator = locators.empty() ? "none" : locators.front().toString();
+        const bool isHere = !locators.empty() && isHeld(facts, processOf(locators.front()));
+        page.addLine("  of " + partition,
+                     fmt::format("{}{}", util::config::excerpt(locator), isHere ? ", which runs here" : ""));
+        others.emplace_back(Dictionary{{"partition", partition}, {"registry", locator}, {"runs_here", isHere}});
+    }
+    page.facts.set("other_partitions", std::move(others));
+}
+
 bool diagnose(const CommonOptions& options)
 {
     const std::string process = "kesactl-" + std::to_string(::getpid());
@@ -270,8 +289,9 @@ bool diagnose(const CommonOptions& options)
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
+    addPartitions(page, place, facts);
     if (answer.services && findReplacedRealm(facts, reports).text.empty()) { // else that is why
-        addUnknown(page, reports, processOf(place.locators.front()), *answer.services);
+        addUnknown(page, reports, place, *answer.services);
     }
     addShortage(page);
     print(options.isJson ? page.asJson() : wrapped(page.asText()));

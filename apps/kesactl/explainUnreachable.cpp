@@ -76,7 +76,7 @@ std::size_t usedUpDescriptors(std::int64_t pid)
             std::istringstream(line.substr(KEY.size())) >> most;
         }
     }
-    constexpr std::size_t SPARE = 1; // is kept back to refuse whoever comes then
+    constexpr std::size_t SPARE = 1; // it may just have closed one
     return open + SPARE >= most ? most : 0;
 }
 

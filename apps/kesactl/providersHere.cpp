@@ -66,6 +66,27 @@ void addNameless(ProcessesHere& found, const ProcessReport& report, const std::v
 
 } // namespace
 
+std::string otherPartition(const Value& answer, const apps::RegistryPlace& place)
+{
+    const auto isConnectedTo = [&answer](const kesa::url& locator) {
+        const auto& connections = answer["connections"].items();
+        return std::any_of(connections.begin(), connections.end(),
+                           [process = processOf(locator)](const Value& connection) {
+                               return connection["openedBy"] == "self" && connection["connected"] == true &&
+                                      encodeProcessName(connection["process"].toText()) == process;
+                           });
+    };
+    if (std::any_of(place.locators.begin(), place.locators.end(), isConnectedTo)) {
+        return {};
+    }
+    for (const auto& [partition, locators] : place.others) {
+        if (std::any_of(locators.begin(), locators.end(), isConnectedTo)) {
+            return partition;
+        }
+    }
+    return {};
+}
+
 std::string whyApart(const Value& answer, const std::string& process)
 {
     std::string reason;

@@ -2,6 +2,7 @@
 #define KESACTL_PROVIDERSHERE_H
 
 #include <comm/Clock.h>
+#include <common/RegistryPlace.h>
 #include <util/config/Value.h>
 
 #include <sys/types.h>
@@ -51,6 +52,10 @@ struct ProcessesHere {
 
 /// Why a process that has said `answer` is not connected to `process`; empty when it is, or does not try.
 std::string whyApart(const util::config::Value& answer, const std::string& process);
+
+/// The partition, of the others that the document names, to whose registry a process that has said `answer` is
+/// connected, and not to this one's; empty: to none.
+std::string otherPartition(const util::config::Value& answer, const apps::RegistryPlace& place);
 
 /// Asks them all, or the one of that name alone if it is not empty; blocks until the deadline at the latest.
 ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);

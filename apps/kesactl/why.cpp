@@ -162,7 +162,7 @@ Verdict Search::run()
         return *failure;
     }
     Verdict now = judge(registry);
-    return now.cause == "never-registered" ? explainHereOnly(*here.provider, registry) : now;
+    return now.cause == "never-registered" ? explainHereOnly(*here.provider, place) : now;
 }
 
 /// A verdict when it has not explained the path.

@@ -157,8 +157,9 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
     return verdict;
 }
 
-Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
+Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place)
 {
+    const kesa::url& registry = place.locators.front();
     const std::string so = fmt::format("{} ({}) provides it here, and the registry at {} does not know it",
                                        provider.name, provider.pid, registry.toString());
     if (const std::string missing = missingRight(provider.pid, registry); !missing.empty()) {
@@ -167,13 +168,22 @@ Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry)
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
                 {}};
     }
+    if (const std::string partition = otherPartition(provider.answer, place); !partition.empty()) {
+        return {
+            "provided-here-only",
+            fmt::format("{}: it is connected to that of partition \"{}\"", so, partition),
+            fmt::format("whoever shall meet it has to be of that partition, by KESA_NODE or \"node_domain_mapping\"; "
+                        "this process is of \"{}\"",
+                        place.partition),
+            {}};
+    }
     const std::string apart = whyApart(provider.answer, processOf(registry));
     return {"provided-here-only",
             apart.empty() ? so : fmt::format("{}: it is not connected to it: {}", so, apart),
             provider.isYoung ? "ask again: that process has just started"
             : apart.empty()
                 ? fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
-                              "kesactl check-config --process {1}",
+                              "kesactl check-config --process {1} in its environment",
                               provider.name, util::shellWord(provider.name))
                 : fmt::format("it registers once it is connected; {}'s KESA_TRACE=\"KESA_COMM=1\" says more",
                               provider.name),

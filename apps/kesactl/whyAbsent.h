@@ -4,15 +4,16 @@
 #include "Verdict.h"
 #include "providersHere.h"
 
-#include <kesa/url.h>
+#include <common/RegistryPlace.h>
 
 namespace kesactl {
 
 /// Why nobody provides a path, by what the registry tells of it. `registry`: the name of the registry's process.
 Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry);
 
-/// Of a path that nobody has registered, and that a process of this run directory provides nevertheless.
-Verdict explainHereOnly(const ProviderHere& provider, const kesa::url& registry);
+/// Of a path that nobody has registered at the registry of `place`, and that a process of this run directory provides
+/// nevertheless.
+Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place);
 
 /// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider,
 /// or one of which that cannot be known.
