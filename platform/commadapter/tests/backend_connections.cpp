@@ -49,14 +49,41 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnceAndKnowsW
     EXPECT_EQ(client.api().obstacle(), "shutting down");
 }
 
-TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
+/// The hello of a peer that speaks later versions.
+std::string laterHello()
 {
     using namespace std::string_literals;
-    const std::string later = "\x18\0\0\0\x01\0\x18\0\0\0\0\0\0\0\0\0\xbf\x10\x07\x11\x09\x14\x50"
-                              "0123456789abcdef\xff"s;
+    return "\x18\0\0\0\x01\0\x18\0\0\0\0\0\0\0\0\0\xbf\x10\x07\x11\x09\x14\x50"
+           "0123456789abcdef\xff"s;
+}
+
+TEST_F(BackendConnections, TellsOfAPeerOfAnotherVersionOnceAMinute)
+{
+    CheckedService service;
+    auto server = makeBackend("server");
+    ASSERT_NE(provide(*server, "/a", service), "");
+    const auto tries = [&](unsigned times) {
+        for (unsigned i = 0; i < times; ++i) {
+            CarelessPeer peer(*network, protocol::Role::eCLIENT);
+            peer.connect("ipc://server");
+            settle();
+            const std::string hello = laterHello();
+            peer.send(protocol::testing::Bytes(hello.begin(), hello.end()));
+            settle();
+        }
+        return traces->take();
+    };
+    const auto told = HasSubstr("is cut off: no common protocol version: ");
+    EXPECT_THAT(tries(3), ElementsAre(testing::AllOf(told, testing::Not(HasSubstr("more")))));
+    runFor(60'000);
+    EXPECT_THAT(tries(2), ElementsAre(testing::AllOf(told, HasSubstr("; and 2 more since the last such line"))));
+}
+
+TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
+{
     for (const auto& [said, what] : {std::pair<std::string, std::string>{"HTTP/1.1 400 Bad Request\r\n\r\n",
                                                                          "another program, or just ending: frame of"},
-                                     {later, "of another version: no common protocol version: "},
+                                     {laterHello(), "of another version: no common protocol version: "},
                                      {"", "stopped or blocked: no hello within 3000 ms"}}) {
         restart();
         CarelessPeer peer(*network, protocol::Role::eSERVER);

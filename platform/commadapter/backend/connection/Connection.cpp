@@ -103,12 +103,20 @@ void Connection::lose(std::string reason)
     onClosed(reason);
 }
 
+void Connection::traceCutOff(const std::string& reason) const
+{
+    const bool isStranger = reason.rfind(protocol::NO_COMMON_VERSION, 0) == 0;
+    if (const auto end = isStranger ? m_loop->strangers().pass(peerName(), comm::now()) : std::string()) {
+        KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s%s", peerName().c_str(), reason.c_str(), end->c_str());
+    }
+}
+
 void Connection::cutOff(std::string reason)
 {
     m_loop->onLoop(__func__);
     if (m_isOpen && !m_lostReason) {
         if (m_role == protocol::Role::eSERVER) {
-            KESA_TRACE(CHANNEL, 3, "[connection] '%s' is cut off: %s", peerName().c_str(), reason.c_str());
+            traceCutOff(reason);
         }
         lose(std::move(reason));
     }

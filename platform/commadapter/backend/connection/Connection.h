@@ -118,6 +118,7 @@ protected:
     mutable std::mutex m_lock;
 
 private:
+    void traceCutOff(const std::string& reason) const;
     void onReadable() override;
     void onWritable() override;
     void onPeerExited() override;

@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_IOLOOP_H
 
 #include "backend/connection/CommSettings.h"
+#include "backend/connection/OncePerPeer.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
@@ -121,6 +122,9 @@ public:
         }
     }
 
+    /// Of peers of another version, which try for ever.
+    OncePerPeer& strangers() noexcept { return m_strangers; }
+
 private:
     [[noreturn]] static void endThrown(const std::string& what);
     void traceHeld(const std::string& what, comm::TimeNs held);
@@ -136,6 +140,7 @@ private:
     std::atomic<bool> m_isBeating{false};
     // Loop only.
     comm::OncePerSecond m_heldTraces;
+    OncePerPeer m_strangers;
     unsigned m_depth = 0;
     std::vector<std::shared_ptr<Connection>> m_gathered;
     std::vector<std::pair<std::unique_ptr<transport::IStream>, std::unique_ptr<protocol::Machine>>> m_remains;
