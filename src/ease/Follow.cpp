@@ -40,9 +40,14 @@ private:
     const unsigned m_number;
 };
 
-Follow::Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client)
-    : m_service(std::move(service)), m_request(std::move(request)), m_client(std::move(client))
-{}
+Follow::Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client,
+               std::shared_ptr<detail::LoopRoom> room)
+    : m_service(std::move(service)), m_request(std::move(request)), m_client(std::move(client)), m_room(std::move(room))
+{
+    if (m_room) {
+        m_room->askedAgain();
+    }
+}
 
 bool Follow::isOver() const
 {
@@ -119,14 +124,36 @@ void Follow::ask(const std::shared_ptr<IKesaApi>& api, unsigned number)
 
 bool Follow::onNext(unsigned number, const Response& response)
 {
+    bool isFirst = false;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
         if (m_number != number) {
             return true;
         }
-        m_hasValue = true;
+        isFirst = !std::exchange(m_hasValue, true);
     }
-    return m_client->onNext(response);
+    const bool isRefused = m_client->onNext(response);
+    if (isRefused && m_room && m_room->isFull()) {
+        cut(number, isFirst);
+    }
+    return isRefused;
+}
+
+/// Inside a call of the stream, whose handler takes its values too slowly.
+void Follow::cut(unsigned number, bool isFirst)
+{
+    const auto self = shared_from_this(); // the cancel may destroy who calls us
+    Asked asked;
+    {
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (m_number != number) {
+            return;
+        }
+        asked = m_asked;
+        m_hasValue = !isFirst;
+    }
+    askLater(number, m_room->tooSlow());
+    asked.cancel();
 }
 
 /// False when that stream does not count any more.

@@ -5,6 +5,7 @@
 #include <comm/OncePerSecond.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/OpenRequest.h>
+#include <kesa/ease/on.h>
 
 #include <memory>
 #include <mutex>
@@ -29,8 +30,9 @@ struct Asked {
 /// connected. Any thread; nothing is called with the lock held, so what only takes that waits for no handler.
 class Follow : public std::enable_shared_from_this<Follow> {
 public:
-    /// `service` is its path, for traces.
-    Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client);
+    /// `service` is its path, for traces. `room` is that of the handler; null: it takes all.
+    Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client,
+           std::shared_ptr<detail::LoopRoom> room);
 
     /// It needs nothing any more, though its last handler may still be running. Waits for no handler.
     bool isOver() const;
@@ -51,6 +53,7 @@ private:
     void ask(const std::shared_ptr<IKesaApi>& api, unsigned number);
     void askLater(unsigned number, const Response& error);
     void askAgain(unsigned number, const std::string& why);
+    void cut(unsigned number, bool isFirst);
     Asked finish();
     bool endsWith(unsigned number);
     bool onNext(unsigned number, const Response& response);
@@ -60,6 +63,7 @@ private:
     const std::string m_service;
     const Request m_request;
     const std::shared_ptr<OpenRequest> m_client;
+    const std::shared_ptr<detail::LoopRoom> m_room;
 
     mutable std::mutex m_mutex; ///< of all below
     Asked m_asked;              ///< its `api` is the connection's, also during a pause

@@ -2,9 +2,11 @@
 
 #include <comm/endThrown.h>
 #include <comm/onAnyLoop.h>
+#include <fmt/format.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/on.h>
+#include <kesa/headers.h>
 #include <tracing/Channel.h>
 
 #include <atomic>
@@ -140,6 +142,43 @@ private:
 } // namespace
 
 namespace detail {
+
+namespace {
+
+std::size_t bytesOf(const Response& response)
+{
+    return response.getPayload().size() + LoopRoom::OF_EACH;
+}
+
+} // namespace
+
+HasLoopRoom::~HasLoopRoom() = default;
+
+bool LoopRoom::take(const Response& response) noexcept
+{
+    const std::size_t bytes = bytesOf(response);
+    const std::size_t before = m_bytes.fetch_add(bytes);
+    const bool isFull = before != 0 && before + bytes > MOST_BYTES;
+    if (isFull) {
+        m_bytes.fetch_sub(bytes);
+    }
+    m_isFull = isFull;
+    return isFull;
+}
+
+void LoopRoom::give(const Response& response) noexcept
+{
+    m_bytes.fetch_sub(bytesOf(response));
+}
+
+Response LoopRoom::tooSlow() const
+{
+    Response error = Response::createErrorResponse(503, "too slow");
+    headers::appendReason(error, fmt::format("a handler given to kesa::on takes values on the loop '{}' more slowly "
+                                             "than they come: {} bytes wait, with the next more than the {} that may",
+                                             m_loop, m_bytes.load(), MOST_BYTES));
+    return error;
+}
 
 bool isHandlerGiven(bool isThere)
 {

@@ -8,7 +8,11 @@
 #include <kesa/Response.h>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
+#include <string>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 
 namespace kesa {
@@ -20,12 +24,50 @@ namespace detail {
 /// False after a failed assertion.
 [[nodiscard]] KESA_API bool isHandlerGiven(bool isThere);
 
+/// How many responses may wait on a loop for one handler. Any thread.
+class KESA_API LoopRoom {
+public:
+    static constexpr std::size_t MOST_BYTES = std::size_t{4} * 1024 * 1024; ///< as for what waits in a provider
+    static constexpr std::size_t OF_EACH = 256;                             ///< beside its payload
+
+    explicit LoopRoom(std::string_view loop) : m_loop(loop) {}
+    /// True when it is full. A single one is never too much.
+    [[nodiscard]] bool take(const Response& response) noexcept;
+    void give(const Response& response) noexcept;
+    /// The last one did not find room.
+    bool isFull() const noexcept { return m_isFull; }
+    /// 503, and how much waits.
+    Response tooSlow() const;
+    /// Who feeds it asks for the stream again: the handler hears nothing of an end.
+    void askedAgain() noexcept { m_isAskedAgain = true; }
+    bool isAskedAgain() const noexcept { return m_isAskedAgain; }
+
+private:
+    const std::string m_loop;
+    std::atomic<std::size_t> m_bytes{0};
+    std::atomic<bool> m_isFull{false};
+    std::atomic<bool> m_isAskedAgain{false};
+};
+
+/// How who feeds a handler of `on` finds its room.
+struct KESA_API HasLoopRoom {
+    HasLoopRoom() = default;
+    HasLoopRoom(const HasLoopRoom&) = delete;
+    HasLoopRoom& operator=(const HasLoopRoom&) = delete;
+    virtual ~HasLoopRoom();
+    std::shared_ptr<LoopRoom> room; ///< null: all wait
+};
+
 template <class T>
-class LoopHandler final : public IResponseHandler<T> {
+class LoopHandler final : public IResponseHandler<T>, public HasLoopRoom {
 public:
     LoopHandler(const std::shared_ptr<comm::ActiveObject>& activeObject, std::unique_ptr<IResponseHandler<T>>&& handler)
         : m_activeObject(activeObject), m_shared(std::make_shared<Shared>(std::move(handler)))
-    {}
+    {
+        if (std::is_same_v<T, Response> && activeObject) {
+            room = std::make_shared<LoopRoom>(activeObject->name());
+        }
+    }
     ~LoopHandler() override
     {
         if (!m_hasEnded) {
@@ -36,15 +78,28 @@ public:
 
     bool onNext(const T& value) override
     {
-        return send([shared = m_shared, value] { shared->call([&](auto& handler) { handler.onNext(value); }); });
+        if (m_hasEnded) {
+            return true;
+        }
+        if constexpr (std::is_same_v<T, Response>) {
+            return room == nullptr || onResponse(value);
+        } else {
+            return send([shared = m_shared, value] { shared->call([&](auto& handler) { handler.onNext(value); }); });
+        }
     }
     void onError(const Response& error) override
     {
+        if (m_hasEnded) {
+            return;
+        }
         m_hasEnded = true;
         send([shared = m_shared, error] { shared->call([&](auto& handler) { handler.onError(error); }); });
     }
     void onCompleted() override
     {
+        if (m_hasEnded) {
+            return;
+        }
         m_hasEnded = true;
         send([shared = m_shared] { shared->call([](auto& handler) { handler.onCompleted(); }); });
     }
@@ -68,6 +123,20 @@ private:
         std::atomic<bool> isWithdrawn{false};
     };
 
+    bool onResponse(const Response& value)
+    {
+        if (room->take(value)) {
+            if (!room->isAskedAgain()) {
+                onError(room->tooSlow());
+            }
+            return true;
+        }
+        return send([shared = m_shared, room = room, value] {
+            shared->call([&](auto& handler) { handler.onNext(value); });
+            room->give(value);
+        });
+    }
+
     /// True when there is no loop any more.
     template <class F>
     bool send(F&& function)
@@ -87,7 +156,12 @@ private:
 } // namespace detail
 
 /// Moves a handler to the loop of `activeObject`, where it may block: it is called and destroyed there, in the order of
-/// the stream. Values are copied. Every value counts as accepted while the loop lives.
+/// the stream. Values are copied. Every value counts as accepted while the loop lives and has room.
+///
+/// Of responses 4 MiB may wait for the handler, each with 256 bytes more than its payload; one more, and the stream is
+/// "too slow", as it would be for a handler that held the I/O loop. What `Client::follow` asks for is cancelled and
+/// asked for again, see there. The handler of any other request hears what waits and then 503, and nothing more: who
+/// made the request cancels it. Other values all wait.
 ///
 /// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
 /// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it

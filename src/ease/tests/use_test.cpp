@@ -262,6 +262,42 @@ TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
     EXPECT_EQ(service->requests.size(), asked + 1);
 }
 
+TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
+{
+    const ::tracing::TraceCapture traces("KESA_EASE");
+    const auto worker = std::make_shared<comm::ActiveObject>("worker");
+    const auto noting = [&] {
+        std::unique_ptr<IResponseHandler<Response>> handler = std::make_unique<NotingHandler<Response>>(
+            told, [](const Response& response) { return std::to_string(response.getPayload().size()); });
+        return on(worker, std::move(handler));
+    };
+    const std::string value(detail::LoopRoom::MOST_BYTES / 2, 'v'); // two are too much, with what each adds
+    const auto bring = [&](int values) {
+        loop->post([&, values] {
+            for (int i = 0; i < values && service->handlers.back(); ++i) {
+                service->value(value);
+            }
+        });
+    };
+    const std::string size = std::to_string(value.size());
+    const auto feed = client->follow(Request("retrieve", "/feed"), noting());
+    bring(3);
+    scheduler.runReady();
+    EXPECT_EQ(service->open(), 0U);
+    EXPECT_EQ(pause(), 10);
+    bring(1);
+    scheduler.runReady();
+    EXPECT_EQ(service->open(), 1U);
+    EXPECT_THAT(takeTold(), ElementsAre(size, size)) << "the handler hears of no end";
+    EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("so values may be missing: 503: too slow: a handler given to "
+                                                     "kesa::on takes values on the loop 'worker' more slowly")));
+
+    client->request(Request("retrieve", "/feed"), noting());
+    bring(3);
+    scheduler.runReady();
+    EXPECT_THAT(takeTold(), ElementsAre(size, HasSubstr("503: too slow: "))) << "for whom nobody asks again";
+}
+
 TEST_F(Use, CallsNothingAfterItsEnd)
 {
     connect();
