@@ -141,6 +141,16 @@ bool hasHandler(int signal)
     return action.sa_handler != SIG_DFL && action.sa_handler != SIG_IGN; // NOLINT: macros of the system's
 }
 
+/// To a handler that was installed after the signal was blocked, which runs here when this unblocks. The other threads
+/// of ours still block it, so that it is the handler's from now on.
+void handOver(int signal)
+{
+    sigset_t own = noSignals();
+    sigaddset(&own, signal);
+    ::raise(signal);
+    pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
+}
+
 void sayIgnored(int signal)
 {
     static const ::tracing::Channel channel("KESA_EASE");
@@ -246,34 +256,22 @@ void EndSignals::come(int signal)
         }
         return;
     }
-    {
-        const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_signal != 0) {
-            return;
-        }
-        if (!m_takesAll && hasHandler(signal)) {
-            handOver(signal);
-            return;
-        }
-        m_signal = signal;
-        Interruption::begin(signal);
-        m_changed.notifyAll();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (m_signal != 0) {
+        return;
     }
+    if (!m_takesAll && hasHandler(signal)) {
+        sigdelset(&m_taken, signal);
+        ::signalfd(m_descriptor, &m_taken, 0);
+        lock.unlock();
+        handOver(signal);
+        return;
+    }
+    m_signal = signal;
+    Interruption::begin(signal);
+    m_changed.notifyAll();
+    lock.unlock();
     m_loop->post([this] { m_loop->startTimer(comm::now() + SAME_SIGNAL, [this] { letThrough(); }); });
-}
-
-/// To a handler that was installed after this was made. The other threads block it, so this one is the handler's from
-/// now on; it runs when this unblocks.
-void EndSignals::handOver(int signal)
-{
-    sigdelset(&m_taken, signal);
-    ::signalfd(m_descriptor, &m_taken, 0);
-    m_loop->post([signal] {
-        sigset_t own = noSignals();
-        sigaddset(&own, signal);
-        ::raise(signal);
-        pthread_sigmask(SIG_UNBLOCK, &own, nullptr);
-    });
 }
 
 void EndSignals::letThrough()

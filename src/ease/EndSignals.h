@@ -35,7 +35,6 @@ private:
     void startTaking();
     void take();
     void come(int signal);
-    void handOver(int signal);
     void letThrough();
 
     sigset_t m_before{};
