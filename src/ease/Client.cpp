@@ -120,6 +120,11 @@ void Client::wait(std::chrono::nanoseconds timeout, ConnectResult& result)
     m_impl->wait(timeout, result);
 }
 
+void Client::traceNoFollowing()
+{
+    m_impl->traceNoFollowing();
+}
+
 std::string Client::reasonWhenAsked(bool hasRegistryAnswered) const
 {
     return m_impl->reason(hasRegistryAnswered);

@@ -26,7 +26,7 @@ namespace kesa {
 /// `follow` never takes `m_news`.
 class Client::Impl : public std::enable_shared_from_this<Impl> {
 public:
-    explicit Impl(std::string path) : m_path(std::move(path)) {}
+    explicit Impl(std::string path) : m_path(std::move(path)), m_followName(m_path) {}
 
     void start(runtime::v02::IRuntimeRegistry* runtime);
     /// Nothing of this is touched after a handler has been called: it may drop the client.
@@ -38,6 +38,8 @@ public:
     std::string reason(std::optional<bool> hasAnswered = {}) const;
     void onChange(util::UniqueFunction<void(bool)> handler);
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
+    /// For a client of our own, whose streams the user does not know; before the first of them.
+    void traceNoFollowing() { m_followName.clear(); }
     /// Each caller waits for the handlers that are running, not only the first.
     void end();
     /// The error and its status; without one it is connected.
@@ -91,6 +93,7 @@ private:
     std::string nobody() const { return fmt::format("nobody is known to provide '{}'", m_path); }
 
     const std::string m_path;
+    std::string m_followName;                            ///< in traces; empty: there are none
     runtime::v02::IRuntimeRegistry* m_runtime = nullptr; ///< used in its own calls only, so while it lives
     std::shared_ptr<const runtime::v02::IReasons> m_reasons;
 

@@ -66,13 +66,15 @@ struct ThreadStatus {
     std::string name;
     std::uint64_t blocked = 0;
     bool isThere = false;
+    bool sleeps = false;
 
     bool blocks(int signal) const { return (blocked >> (signal - 1) & 1) != 0; }
-    /// While a thread starts, ends or starts another it blocks all, also what only the C library can block.
+    /// While a thread starts, ends or starts another it blocks all, also what only the C library can block. One that
+    /// sleeps does none of these, and blocks all for good.
     bool isChanging() const
     {
         constexpr int LIBRARYS_OWN = 33;
-        return isThere && blocks(LIBRARYS_OWN);
+        return isThere && !sleeps && blocks(LIBRARYS_OWN);
     }
 };
 
@@ -82,7 +84,9 @@ ThreadStatus readStatus(const std::filesystem::path& thread)
     std::ifstream status(thread / "status");
     std::string mask;
     for (std::string key; status >> key && key != "SigBlk:";) {
+        const bool isState = key == "State:";
         std::getline(status >> std::ws, key == "Name:" ? result.name : key);
+        result.sleeps = result.sleeps || (isState && key.starts_with('S')); // "S (sleeping)"
     }
     if (status >> mask) {
         result.blocked = std::strtoull(mask.c_str(), nullptr, 16);

@@ -219,7 +219,8 @@ void Follow::askAgain(unsigned number, const std::string& why)
     std::optional<std::string> end;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_number == number && !why.empty()) { // else it has failed at once: the connection is lost
+        if (m_number == number && !why.empty() &&
+            !m_service.empty()) { // else it has failed at once: the connection is lost
             end = m_traces.pass(comm::now());
         }
     }

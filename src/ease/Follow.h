@@ -30,7 +30,7 @@ struct Asked {
 /// connected. Any thread; nothing is called with the lock held, so what only takes that waits for no handler.
 class Follow : public std::enable_shared_from_this<Follow> {
 public:
-    /// `service` is its path, for traces. `room` is that of the handler; null: it takes all.
+    /// `service` is its path, for traces; empty: there are none. `room` is that of the handler; null: it takes all.
     Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client,
            std::shared_ptr<detail::LoopRoom> room);
 

@@ -16,8 +16,26 @@ void traceThrown(const char* what)
                "[Property] onChange has thrown, and the value stays: %s; give what may refuse one as 'check'", what);
 }
 
-void make(InTurn::Call& call)
+/// What this thread makes calls of, the innermost first.
+struct Calling {
+    const InTurn* turn;
+    const Calling* outer;
+};
+thread_local const Calling* t_calling = nullptr;
+
+bool isInside(const InTurn* turn)
 {
+    const Calling* calling = t_calling;
+    while (calling != nullptr && calling->turn != turn) {
+        calling = calling->outer;
+    }
+    return calling != nullptr;
+}
+
+void make(InTurn::Call call, const InTurn* turn)
+{
+    const Calling here{turn, t_calling};
+    t_calling = &here;
     try {
         call();
     } catch (const std::exception& exception) {
@@ -25,6 +43,8 @@ void make(InTurn::Call& call)
     } catch (...) {
         traceThrown("an exception that is no std::exception");
     }
+    call = nullptr;
+    t_calling = here.outer;
 }
 
 } // namespace
@@ -40,18 +60,17 @@ void InTurn::leave(Call call)
 void InTurn::run()
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    if (m_caller != std::thread::id()) {
+    if (m_isCalling) {
         return;
     }
     while (!m_left.empty()) {
         Call call = std::move(m_left.front());
         m_left.pop_front();
-        m_caller = std::this_thread::get_id();
+        m_isCalling = true;
         lock.unlock();
-        make(call);
-        call = nullptr;
+        make(std::move(call), this);
         lock.lock();
-        m_caller = {};
+        m_isCalling = false;
     }
     if (m_hasEnded) {
         m_changed.notifyAll();
@@ -64,8 +83,8 @@ void InTurn::end()
     std::unique_lock<std::mutex> lock(m_mutex);
     m_hasEnded = true;
     dropped.swap(m_left);
-    if (m_caller != std::this_thread::get_id()) {
-        comm::waitFor(m_changed, lock, [this] { return m_caller == std::thread::id(); });
+    if (!isInside(this)) {
+        comm::waitFor(m_changed, lock, [this] { return !m_isCalling; });
     }
 }
 

@@ -43,6 +43,7 @@ std::shared_ptr<Client> registryClient(IRuntimeRegistry* runtime)
     // Without the lock, since a runtime that ends keeps who asks for it waiting. Two at once make two, and one stays.
     constexpr const char* PATH = serviceregistry::ServiceRegistryPex::SERVICE_PATH;
     std::shared_ptr<Client> made = runtime == nullptr ? use(PATH) : use(*runtime, PATH);
+    made->traceNoFollowing(); // what it follows is told anew, so nothing is missing
     auto mark = std::make_shared<int>();
     const std::weak_ptr<int> weak = mark;
     made->onChange([kept = std::move(mark)](bool) { static_cast<void>(kept); });

@@ -17,9 +17,12 @@ namespace runtime::v02 {
 class IRuntimeRegistry;
 }
 
+class Client;
 struct ConnectResult;
 
 namespace detail {
+
+std::shared_ptr<Client> registryClient(runtime::v02::IRuntimeRegistry* runtime);
 
 template <class>
 inline constexpr bool misused = false;
@@ -119,9 +122,11 @@ public:
 
 private:
     friend class Connecting;
+    friend std::shared_ptr<Client> detail::registryClient(runtime::v02::IRuntimeRegistry* runtime);
     class Impl;
     void wait(std::chrono::nanoseconds timeout, ConnectResult& result);
     std::string reasonWhenAsked(bool hasRegistryAnswered) const;
+    void traceNoFollowing();
     std::shared_ptr<Impl> m_impl;
 };
 

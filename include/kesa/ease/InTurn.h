@@ -6,7 +6,6 @@
 
 #include <deque>
 #include <mutex>
-#include <thread>
 
 namespace kesa::detail {
 
@@ -30,7 +29,7 @@ private:
     std::mutex m_mutex; ///< of all below
     comm::Condition m_changed;
     std::deque<Call> m_left;
-    std::thread::id m_caller; ///< whose call is under way; none: of no thread
+    bool m_isCalling = false; ///< one is under way
     bool m_hasEnded = false;
 };
 

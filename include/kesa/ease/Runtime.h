@@ -40,7 +40,8 @@ namespace kesa {
 /// Handlers and service objects may be called until the runtime has ended. What they use is declared before it, or the
 /// runtime is ended by hand before that goes.
 ///
-/// Threads: made and ended in one thread of the process's own, no handler.
+/// Threads: made and ended in one thread of the process's own, no handler. `pthread_cancel` of a thread that may be
+/// inside of any call of Kesa, as of one that waits in `kesa::get`, is not supported: it ends the process.
 class KESA_API Runtime {
 public:
     /// `fallbackDocument` counts when there is no configuration file at all; when it is empty there has to be one.

@@ -5,6 +5,7 @@
 #include <SimulatedTime.h>
 #include <comm/ICallWatch.h>
 #include <comm/Reactor.h>
+#include <ease/registryClient.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
@@ -260,6 +261,18 @@ TEST_F(UseOnALoop, AsksAgainAfterA503WithAPauseThatGrowsUntilAStreamLasts)
     feed.dispose();
     scheduler.runFor(2 * comm::SECOND);
     EXPECT_EQ(service->requests.size(), asked + 1);
+}
+
+TEST_F(UseOnALoop, TracesNothingOfAStreamThatTheUserHasNotAskedFor)
+{
+    const std::shared_ptr<Client> registry = detail::registryClient(&runtime);
+    runtime.added("ipc://kesa-registryd/registry");
+    runtime.connected(service);
+    const ::tracing::TraceCapture traces("KESA_EASE");
+    const auto known = registry->follow(Request("retrieve", "/p"), noteTexts(told));
+    endsAfter(1);
+    EXPECT_EQ(pause(), 10);
+    EXPECT_THAT(traces.take(), IsEmpty());
 }
 
 TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
