@@ -70,6 +70,10 @@ TEST_F(TransportIpc, AMissingEndpointIsReportedWhenItAppears)
     int before = board.read(client.appeared);
     fs::remove_all(directory);
     EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING);
+    const tracing::TraceCapture traces("KESA_COMM_IPC");
+    EXPECT_EQ(server.connect("registry"), ITransport::Failure::eMISSING);
+    EXPECT_EQ(server.connect("other"), ITransport::Failure::eMISSING);
+    EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("somebody has removed " + directory + "/media.sock")));
     Node next(board, directory);
     ASSERT_FALSE(next.listen("media")) << next.why;
     do {

@@ -132,6 +132,7 @@ private:
     void tried(const Endpoint& endpoint, const SocketFile& file);
     Connected miss(const Endpoint& endpoint, const SocketFile& file);
     static void traceUnwatched(const std::string& why);
+    void lookForOwnSocket();
     void end();
 
     const IpcSettings m_settings;
@@ -156,6 +157,7 @@ private:
     comm::Reactor::Id m_acceptTimer = 0;
     bool m_isLimitTraced = false;
     bool m_isUnwatchedTraced = false;
+    bool m_isRemovalTraced = false;
 };
 
 template <class Task>
@@ -330,9 +332,29 @@ void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)
     m_tried[endpoint.process] = file;
 }
 
+/// Whoever is missed was perhaps removed together with this process. Only then it is looked for: to watch it all the
+/// time would take one of the few inotify instances that all processes of a user share.
+void IpcTransport::lookForOwnSocket()
+{
+    const std::optional<Endpoint> own = ownEndpoint();
+    if (!own || m_isRemovalTraced) {
+        return;
+    }
+    const std::string path = m_runDirectory.path() + '/' + socketFileName(own->process);
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+        m_isRemovalTraced = true;
+        KESA_TRACE_TEXT(channel(), 3,
+                        fmt::format("[listen] somebody has removed {} under this process: who starts now does not find "
+                                    "it; restart it, and keep cleaners out of the run directory",
+                                    path));
+    }
+}
+
 ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)
 {
     tried(endpoint, file);
+    lookForOwnSocket();
     const bool hasDirectory = ::access(m_runDirectory.path().c_str(), F_OK) == 0;
     return {nullptr, Failure::eMISSING,
             hasDirectory
