@@ -82,7 +82,7 @@ int run(int argc, char** argv)
     CLI::App app("Shows, checks and drives a system of Kesa processes.", "kesactl");
     app.set_version_flag("--version", "kesactl " KESA_VERSION);
     app.require_subcommand(1);
-    app.footer(FOOTER);
+    app.footer("kesactl help has examples, how the registry is found, and the exit codes."); // that of each command
     int exitCode = 0;
     kesactl::addList(app);
     kesactl::addShow(app);
@@ -96,6 +96,7 @@ int run(int argc, char** argv)
     kesactl::addDoctor(app, exitCode);
     kesactl::addWhy(app, exitCode);
     kesactl::addHelp(app);
+    app.footer(FOOTER);
     refuseUnknownCommand(app, argc, argv);
     try {
         app.parse(argc, argv);

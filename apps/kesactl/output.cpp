@@ -97,6 +97,18 @@ std::string cut(std::string_view line, std::size_t width)
     return displayWidth(line) > width ? std::string(beginning(line, width - 1)).append("…") : std::string(line);
 }
 
+/// With an ellipsis in the place of what is left out.
+std::string withoutMiddle(std::string_view text, std::size_t width)
+{
+    const std::size_t size = displayWidth(text);
+    if (size <= width) {
+        return std::string(text);
+    }
+    const std::string_view first = beginning(text, (width - 1) / 2);
+    const std::size_t leftOut = size - (width - 1 - displayWidth(first)); // before its end, with `first`
+    return std::string(first).append("…").append(text.substr(beginning(text, leftOut).size()));
+}
+
 void write(std::string_view text)
 {
     const bool isWritten = std::fwrite(text.data(), 1, text.size(), stdout) == text.size();
@@ -162,6 +174,19 @@ std::string aligned(std::vector<std::vector<std::string>> rows)
         text += row.back() + '\n';
     }
     return text;
+}
+
+std::string alignedToFit(std::vector<std::vector<std::string>> rows, std::size_t column)
+{
+    const std::string whole = aligned(rows);
+    if (fits(whole)) {
+        return whole;
+    }
+    const std::size_t most = std::max<std::size_t>(terminalWidth(STDOUT_FILENO) / 2, 20); // less would say nothing
+    for (std::vector<std::string>& row : rows) {
+        row[column] = withoutMiddle(visible(row[column]), most);
+    }
+    return aligned(std::move(rows));
 }
 
 std::string asJsonString(std::string_view text)

@@ -38,6 +38,10 @@ std::string wrapped(const std::string& text);
 /// heading among them. Each text is made `visible`.
 std::string aligned(std::vector<std::vector<std::string>> rows);
 
+/// The same; where that is wider than the terminal, the texts of one column take at most half of its width: of longer
+/// ones the middle is left out.
+std::string alignedToFit(std::vector<std::vector<std::string>> rows, std::size_t column);
+
 /// `text` in quotation marks, as JSON has it.
 std::string asJsonString(std::string_view text);
 

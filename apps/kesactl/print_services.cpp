@@ -135,7 +135,9 @@ std::string asTable(const Services& services, const Strings& columns)
             rows.back().push_back(findColumn(column)->textOf(service));
         }
     }
-    return aligned(std::move(rows));
+    const auto path = std::find(columns.begin(), columns.end(), "path");
+    return path == columns.end() ? aligned(std::move(rows))
+                                 : alignedToFit(std::move(rows), static_cast<std::size_t>(path - columns.begin()));
 }
 
 std::string asTree(const Services& services)
@@ -195,7 +197,9 @@ std::string asJson(const ServiceDef& service)
         throw Failure{ExitCode::eFAILED,
                       fmt::format("the record of {} has no form in JSON: {}", service.path.toString(), reason)};
     }
-    return std::string(payload->text());
+    std::string_view record = payload->text();
+    record.remove_suffix(1); // its last brace
+    return fmt::format("{},\"provider\":{}}}", record, asJsonString(providerOf(service)));
 }
 
 std::string asJsonLines(const Services& services)

@@ -14,6 +14,7 @@ SERVICES = {
     "/家/温度計": {"emoji": "👩‍🚀🛰️", "turned": "a\u202eb\u200fc"},
     "/家/cafe\u0301": {"provider": "厨房", "emoji": "-"},
     "/家/plain": {"emoji": "-"},
+    "/家/冷蔵庫/of/the/kitchen/door": {"emoji": "-"},
 }
 
 with kesa.connect("pý", timeout=None) as system:
