@@ -219,8 +219,8 @@ void Follow::askAgain(unsigned number, const std::string& why)
     std::optional<std::string> end;
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
-        if (m_number == number && !why.empty() &&
-            !m_service.empty()) { // else it has failed at once: the connection is lost
+        const bool hasBegun = m_number == number; // else it has failed at once: the connection is lost
+        if (hasBegun && !why.empty() && !m_service.empty()) {
             end = m_traces.pass(comm::now());
         }
     }

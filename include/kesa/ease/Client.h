@@ -99,10 +99,11 @@ public:
     /// these streams go to `handler`, one at a time, on the I/O loop. What a service sends first comes again each time.
     ///
     /// A stream that ends with 503 is asked for again: at the next connection, or, while connected (it was cut as "too
-    /// slow", or the service says so), after 10 ms. The pause doubles up to 1 s as long as the streams end without a
-    /// value or within the pause before. Values may be missing then, so it is traced (3) on "KESA_EASE" with why, at
-    /// most once in a second, and once only while streams bring none; `handler` sees only what the service sends first.
-    /// Who has to know of each calls `request`. Every other end is passed to `handler`, and ends the following.
+    /// slow", also by `on`, or the service says so), after 10 ms. The pause doubles up to 1 s as long as the streams
+    /// end without a value or within the pause before. Values may be missing then, so it is traced (3) on "KESA_EASE"
+    /// with why, at most once in a second, and once only while streams bring none; `handler` sees only what the service
+    /// sends first. Who has to know of each calls `request`. Every other end is passed to `handler`, and ends the
+    /// following.
     ///
     /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call. Of a client
     /// that has ended, or whose path is none, `handler` is told the error inside this call.

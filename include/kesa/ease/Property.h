@@ -83,25 +83,28 @@ private:
             followers.publish(detail::encoder(value));
         }
 
-        T get() const { return *present(); }
+        T get() const
+        {
+            const std::lock_guard<std::mutex> lock(mutex);
+            return *value;
+        }
         /// True when it has ended.
         bool set(T next)
         {
             {
                 const std::lock_guard<std::mutex> order(changes);
-                const std::shared_ptr<const T> before = present();
-                if (hasEnded || *before == next) {
+                if (hasEnded || *value == next) {
                     return hasEnded;
                 }
                 if (check) {
                     check(next);
                 }
                 const auto changed = std::make_shared<const T>(std::move(next));
-                replace(changed);
+                std::shared_ptr<const T> before = replace(changed);
                 try {
                     followers.publish(detail::encoder(changed));
                 } catch (...) {
-                    replace(before);
+                    replace(std::move(before));
                     throw;
                 }
                 if (onChange) {
@@ -120,21 +123,18 @@ private:
             told.end();
             followers.end();
         }
-        std::shared_ptr<const T> present() const
-        {
-            const std::lock_guard<std::mutex> lock(mutex);
-            return value;
-        }
-        void replace(std::shared_ptr<const T> other)
+        /// The one before.
+        std::shared_ptr<const T> replace(std::shared_ptr<const T> other)
         {
             const std::lock_guard<std::mutex> lock(mutex);
             value.swap(other);
+            return other;
         }
 
-        std::mutex changes;       ///< held while one is made
-        bool hasEnded = false;    ///< under `changes`
-        mutable std::mutex mutex; ///< of `value`
-        std::shared_ptr<const T> value;
+        std::mutex changes;    ///< held while one is made
+        bool hasEnded = false; ///< under `changes`
+        mutable std::mutex mutex;
+        std::shared_ptr<const T> value; ///< written under both locks, so either will do for reading
         const OnChange onChange;
         const Check check;
         Followers followers;
