@@ -170,6 +170,7 @@ TEST_F(Provide, AHandlerMayEndIt)
     runtime.registryAtOnce = std::make_shared<Known>();
     registration = provide(runtime, "/p", service);
     provided();
+    runtime.registrator.reset(); // which kept it
     registration->whenKnown([this] {
         registration.reset();
         told.emplace_back("dropped");
