@@ -45,7 +45,12 @@ ProcessReport reportOf(const Name& name, const std::string& directory, bool isPa
 {
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
     ProcessReport report{name.name, pid, ProcessFacts(pid), {}, {}, 0, {}};
-    if (report.facts.isStopped && !isPatient) {
+    if (name.heirOf != 0) {
+        explain(report, ExitCode::eFAILED, "child of a dead process",
+                fmt::format("has the name only since it is a child of process {}, which has ended, and nobody answers "
+                            "under it; end it, then start {} again",
+                            name.heirOf, report.name));
+    } else if (report.facts.isStopped && !isPatient) {
         explainStopped(report);
     } else if (!name.hasSocket) {
         explain(

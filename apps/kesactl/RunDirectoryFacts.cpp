@@ -43,6 +43,20 @@ pid_t readPid(int directory, const std::string& file)
     return size > 0 && std::sscanf(text, "%d", &pid) == 1 ? pid : 0;
 }
 
+/// The process that took the lock may have ended, and left it to a child.
+void findHeir(RunDirectoryFacts::Name& name, int directory)
+{
+    struct stat status {};
+    const pid_t taker = name.holder != 0 ? name.holder : name.listener;
+    if (taker == 0 || ::fstatat(directory, (name.name + ".lock").c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+        return;
+    }
+    if (const pid_t heir = kesa::commadapter::transport::findHeir(status, taker); heir != 0) {
+        name.holder = heir;
+        name.heirOf = taker;
+    }
+}
+
 /// Some file systems give the table another device than the file: then the number in the file has to be the same.
 pid_t findHolder(const FileLocks& locks, int directory, const std::string& file)
 {
@@ -204,6 +218,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
             name.rights = rightsOf(socket);
             name.connectError = tryConnect(path, directory.get(), process + ".sock", name.listener);
         }
+        findHeir(name, directory.get());
         if (name.hasSocket || name.holder != 0) {
             names.push_back(name);
         }

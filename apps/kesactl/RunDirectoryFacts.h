@@ -17,6 +17,7 @@ struct RunDirectoryFacts {
     struct Name {
         std::string name;    ///< as in locators
         pid_t holder = 0;    ///< 0: nobody has it
+        pid_t heirOf = 0;    ///< not 0: the holder is a child of that process, which had the name and has ended
         bool isLost = false; ///< its holder lives, but its files were removed; others may have the name by now
         bool hasSocket = false;
         pid_t listener = 0;   ///< who has made the socket; 0: unknown

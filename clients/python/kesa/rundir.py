@@ -152,8 +152,8 @@ def _lock(directory: str, path: str, name: str) -> int:
         if error.errno == errno.EWOULDBLOCK:
             pid = int(text) if text.isdecimal() else None
             raise NameTaken(
-                f"the name {name!r} is taken by process {text or 'unknown'}; end that one and start this one again, or "
-                "choose another name",
+                f"the name {name!r} is taken by {_holder(pid, path)}; end that one and start this one again, or choose "
+                "another name",
                 pid,
             ) from None
         raise
@@ -177,6 +177,16 @@ def _open_lock(directory: str, path: str) -> int:
     shared = folder.st_mode & stat.S_IWGRP and os.fstat(lock).st_gid == folder.st_gid
     os.fchmod(lock, 0o660 if shared else 0o600)
     return lock
+
+
+def _holder(pid: int | None, path: str) -> str:
+    try:
+        os.kill(pid or 1, 0)
+    except ProcessLookupError:
+        return f"a child that process {pid} had made before it ended (fuser {shlex.quote(path)} names it)"
+    except OSError:
+        pass  # it is another user's
+    return f"process {pid or 'unknown'}"
 
 
 def _advise(directory: str, path: str, error: OSError) -> str:

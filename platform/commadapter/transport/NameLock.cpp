@@ -14,6 +14,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
@@ -22,6 +23,7 @@
 #include <fmt/chrono.h>
 
 #include <array>
+#include <cerrno>
 #include <charconv>
 #include <ctime>
 #include <fstream>
@@ -84,6 +86,20 @@ bool hasWaitedForItsEnd(pid_t pid)
     return comm::isProcessEnding(pid) && retryInterrupted([&] { return ::poll(&end, 1, LONGEST_END_MS); }) > 0;
 }
 
+std::string nameProcess(pid_t pid)
+{
+    const std::string program = programOf(pid);
+    return fmt::format("process {}{}", pid, program.empty() ? "" : " (" + program + ")");
+}
+
+/// Of the lock of a process that has ended.
+std::string describeHeir(pid_t taker, const struct stat& lockFile)
+{
+    const pid_t heir = findHeir(lockFile, taker);
+    return fmt::format("{}, a child that process {} had made before it ended",
+                       heir != 0 ? nameProcess(heir) : "a process that this user may not look into", taker);
+}
+
 /// With what is known of it.
 std::string describeHolder(pid_t pid, const struct stat& lockFile)
 {
@@ -93,8 +109,10 @@ std::string describeHolder(pid_t pid, const struct stat& lockFile)
     if (pid == ::getpid()) {
         return fmt::format("process {}, which is this one", pid);
     }
-    const std::string program = programOf(pid);
-    std::string holder = fmt::format("process {}{}", pid, program.empty() ? "" : " (" + program + ")");
+    if (::kill(pid, 0) != 0 && errno == ESRCH) {
+        return describeHeir(pid, lockFile);
+    }
+    std::string holder = nameProcess(pid);
     tm local{};
     if (::localtime_r(&lockFile.st_mtim.tv_sec, &local) != nullptr) {
         holder.append(fmt::format(" since {:%Y-%m-%d %H:%M:%S}", local));
