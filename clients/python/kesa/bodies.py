@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import json
+import math
 from dataclasses import dataclass
 from typing import Any
 
@@ -57,7 +58,7 @@ def decode(data: bytes, mime_type: str) -> Any:
         return None
     try:
         if mime_type == JSON:
-            return json.loads(data, parse_constant=_refuse)
+            return _read_json(data)
         if mime_type == QELBIN:
             return cbor.decode(data)
         if mime_type == TEXT:
@@ -69,3 +70,21 @@ def decode(data: bytes, mime_type: str) -> Any:
 
 def _refuse(constant: str) -> Any:
     raise ValueError(f"{constant} is no number")
+
+
+def _finite(number: str) -> float:
+    value = float(number)
+    if math.isinf(value):
+        raise ValueError(f"{number:.40} is too large a number")
+    return value
+
+
+_DECODER = json.JSONDecoder(parse_float=_finite, parse_constant=_refuse)
+
+
+def _read_json(data: bytes) -> Any:
+    """What the other libraries take: no text that is half a character, which could not be sent on."""
+    value = _DECODER.decode(data.decode())
+    if b"\\u" in data:
+        utf8(json.dumps(value, ensure_ascii=False))
+    return value

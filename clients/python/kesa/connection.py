@@ -17,6 +17,7 @@ from .wire import Wire
 VERSION = 1
 HELLO_SECONDS = 3.0
 HEARTBEAT_SECONDS = 5.0
+PROTOCOL_BROKEN = "the peer broke the protocol"
 _LOOK_SECONDS = 1.0
 _STOOD_STILL_SECONDS = 3.0
 
@@ -119,7 +120,7 @@ class Connection:
                 if self._ended:
                     return
         except ProtocolError as error:
-            self._end(f"the peer broke the protocol: {error}")
+            self._end(f"{PROTOCOL_BROKEN}: {error}")
 
     def _take(self, message: Message) -> None:
         if (message.kind == frames.HELLO) != (self.peer is None):

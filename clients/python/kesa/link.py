@@ -10,7 +10,7 @@ from dataclasses import dataclass, field
 from typing import Any, Callable
 
 from . import frames, rundir
-from .connection import Connection
+from .connection import PROTOCOL_BROKEN, Connection
 from .errors import ServiceError
 from .frames import Message
 from .heads import Head, Hello
@@ -80,6 +80,7 @@ class Link:
     def __init__(self, loop: asyncio.AbstractEventLoop, directory: str, process: str, hello: Callable[[], Hello]):
         self.process = process
         self.problem = "not tried yet"
+        self._fault = ""  # of the peer, which ended the last connection
         self._loop = loop
         self._directory = directory
         self._hello = hello
@@ -202,7 +203,7 @@ class Link:
                 self._connect_later()
             return
         self.reached = True
-        self.problem = f"connected to {self.process!r}, which does not answer or does not provide the path"
+        self.problem = f"connected to {self.process!r}, which does not answer or does not provide the path{self._fault}"
         self._connection = self._make(sock)
         for target in self._targets.values():
             self._attach(self._connection, target)
@@ -230,6 +231,7 @@ class Link:
 
     def _lost(self, reason: str) -> None:
         self.problem = f"the connection to {self.process!r} is lost: {reason}"
+        self._fault = f"; before this connection, {reason}" if reason.startswith(PROTOCOL_BROKEN) else ""
         self._connection = None
         exchanges, self._exchanges = self._exchanges, {}
         for target in list(self._numbers.values()):

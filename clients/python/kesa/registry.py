@@ -6,7 +6,7 @@ import asyncio
 import json
 from typing import Any, Callable
 
-from .bodies import JSON
+from .bodies import JSON, decode
 from .errors import ProtocolError, ServiceError
 from .link import STREAM, Answer, Exchange, Link
 from .names import utf8
@@ -139,8 +139,8 @@ class Registry:
             if wish.exchange is not exchange:
                 return
             try:
-                wish.told(json.loads(answer.data))
-            except (ValueError, KeyError, TypeError, AttributeError) as error:
+                wish.told(decode(answer.data, JSON))
+            except (ServiceError, ValueError, KeyError, TypeError, AttributeError) as error:
                 raise ProtocolError(f"the registry's answer cannot be understood: {error!r}") from None
 
         def on_end(error: ServiceError | None) -> None:

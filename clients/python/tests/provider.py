@@ -42,6 +42,8 @@ def answer(request: kesa.Request):
     match request.path:
         case "/echo":
             return kesa.Body(request.data, request.mime_type)
+        case "/value":
+            return request.value
         case "/count":
             return count(request)
         case "/slow-count":

@@ -116,6 +116,11 @@ class CallingPython(SystemTest):
                 self.system.call("/counter", body=body())
         with self.assertRaisesRegex(ValueError, told):
             self.system.watch(f"/{half}/**")
+        for wrong in (b"1e999999", b'["\\ud800"]', b"NaN", b"[" * 50_000, b'"\xff"'):
+            body = kesa.Body(wrong, "application/json")
+            with self.subTest(wrong[:9]):
+                failed = self.failure(lambda: self.system.call("/counter", "/value", body=body))
+                self.assertEqual((failed.status, failed.reason[:28]), (400, "the body is no application/j"))
         self.assertEqual([values.next(DEADLINE) for _ in range(100)], list(range(100)))
 
     def test_a_stream_that_ends(self) -> None:
