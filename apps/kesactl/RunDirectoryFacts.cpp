@@ -73,6 +73,16 @@ pid_t findHolder(const FileLocks& locks, int directory, const std::string& file)
     return 0;
 }
 
+std::string kindOf(const struct stat& status)
+{
+    return S_ISSOCK(status.st_mode)                             ? ""
+           : S_ISDIR(status.st_mode)                            ? "a directory"
+           : S_ISLNK(status.st_mode)                            ? "a symbolic link"
+           : S_ISFIFO(status.st_mode)                           ? "a pipe"
+           : S_ISCHR(status.st_mode) || S_ISBLK(status.st_mode) ? "a device"
+                                                                : "a file";
+}
+
 std::string rightsOf(const struct stat& status)
 {
     std::string text = S_ISDIR(status.st_mode) ? "d" : S_ISSOCK(status.st_mode) ? "s" : "-";
@@ -216,6 +226,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         name.hasSocket = ::fstatat(directory.get(), (process + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
         if (name.hasSocket) {
             name.rights = rightsOf(socket);
+            name.kind = kindOf(socket);
             name.connectError = tryConnect(path, directory.get(), process + ".sock", name.listener);
         }
         findHeir(name, directory.get());

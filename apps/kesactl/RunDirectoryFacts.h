@@ -20,6 +20,7 @@ struct RunDirectoryFacts {
         pid_t heirOf = 0;    ///< not 0: the holder is a child of that process, which had the name and has ended
         bool isLost = false; ///< its holder lives, but its files were removed; others may have the name by now
         bool hasSocket = false;
+        std::string kind;     ///< of what is no socket: "a directory"; else empty
         pid_t listener = 0;   ///< who has made the socket; 0: unknown
         std::string rights;   ///< of the socket: "srw-rw---- root kesa"
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens

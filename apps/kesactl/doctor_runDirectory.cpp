@@ -113,7 +113,8 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
 {
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
     if (pid == 0) {
-        return isLeft(name)                  ? "nobody: its socket is left"
+        return isLeft(name) && !name.kind.empty() ? "nobody: it is " + name.kind
+               : isLeft(name)                     ? "nobody: its socket is left"
                : name.connectError == EACCES ? "nobody who is visible from here: its socket, which this user may not "
                                                "use, is left, or of another container"
                                              : "a process that is not visible from here, as of another container";
@@ -125,6 +126,18 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
                                                             : "",
                                          lateness(after))
                            : fmt::format("process {}, which is not visible from here{}", pid, lateness(after));
+}
+
+std::string explainLeft(const Name& name, const std::string& socket)
+{
+    if (name.kind == "a directory") {
+        return fmt::format("{} is a directory, so no process can have that name; remove it", socket);
+    }
+    return name.kind.empty()
+               ? socket + " is left of a process that was killed; the next one of that name replaces it, or remove it"
+               : fmt::format(
+                     "{} is {}, where a socket belongs; the next process of that name replaces it, or remove it",
+                     socket, name.kind);
 }
 
 void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports,
@@ -140,9 +153,7 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
         const comm::TimeNs after = report == reports.end() || name.isLost ? 0 : report->after;
         const std::string socket = facts.path + "/" + name.name + ".sock";
         if (isLeft(name)) {
-            left.push_back(fmt::format(
-                "{} is left of a process that was killed; the next one of that name replaces it, or remove it",
-                socket));
+            left.push_back(explainLeft(name, socket));
         }
         if (!isLeft(name) || left.size() <= DoctorPage::MOST) {
             page.addLine("  " + name.name, describe(name, process, after));

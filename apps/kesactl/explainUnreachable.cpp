@@ -87,6 +87,10 @@ Unreached explainSilent(const Unreachable& found)
         return {"stopped", fmt::format("its process ({}) is stopped", found.pid),
                 fmt::format("continue it with kill -CONT {}, or end its debugger", found.pid), true};
     }
+    if (found.pid <= 0) {
+        return {"silent", "whoever listens there does not answer: " + found.reason,
+                "kesactl doctor shows who has its name", true};
+    }
     if (const std::size_t most = usedUpDescriptors(found.pid); most != 0) {
         return {
             "silent",

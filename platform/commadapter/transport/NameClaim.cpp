@@ -90,7 +90,9 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
                     ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
                     ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
-        why = fmt::format("cannot listen at \"{}\" in the run directory: {}", m_file, obr::explainError(errno));
+        const char* const advice = errno == EISDIR ? "; remove it" : "";
+        why =
+            fmt::format("cannot listen at \"{}\" in the run directory: {}{}", m_file, obr::explainError(errno), advice);
         failed = true;
     }
     if (failed) {
