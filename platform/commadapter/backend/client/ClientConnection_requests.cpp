@@ -9,14 +9,12 @@
 #include "backend/connection/channel.h"
 #include "backend/connection/timeLimit.h"
 
-#include <comm/ICallWatch.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <algorithm>
 #include <atomic>
-#include <functional>
 #include <string>
 
 namespace kesa::commadapter {
@@ -296,31 +294,10 @@ void ClientConnection::unlink(std::uint32_t number)
 
 // ---- answers ------------------------------------------------------------------------------------------------------
 
-namespace {
-
-/// Names the handlers that the handler of an answer calls.
-class AnswerWatch final : public comm::ICallWatch {
-public:
-    explicit AnswerWatch(IoLoop& loop) noexcept : m_loop(loop), m_scope(this) {}
-    void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override
-    {
-        m_loop.callOut(call, [operation, &subject] {
-            return "the handler of " + std::string(operation) + " for '" + subject + '\'';
-        });
-    }
-
-private:
-    IoLoop& m_loop;
-    const Scope m_scope;
-};
-
-} // namespace
-
 /// Of the client at `path`, which is there until the loop retires it, so for as long as a handler runs.
 template <class Call>
 void ClientConnection::callOut(const std::string& path, Call&& call)
 {
-    const AnswerWatch watch(loop());
     loop().callOut(std::forward<Call>(call), [&path] { return "the handler of an answer of '" + path + "'"; });
 }
 

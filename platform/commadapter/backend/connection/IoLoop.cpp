@@ -73,6 +73,12 @@ void IoLoop::runAndWait(const std::string& what, util::UniqueFunction<void()> wo
         waiter->condition, lock, [&waiter] { return waiter->isDone; }, what);
 }
 
+void IoLoop::tellInside(const char* operation, const std::string& subject, const std::function<void()>& call)
+{
+    callOut(call,
+            [operation, &subject] { return "the handler of " + std::string(operation) + " for '" + subject + '\''; });
+}
+
 void IoLoop::traceHeld(const std::string& what, comm::TimeNs held)
 {
     if (const auto end = m_heldTraces.pass(comm::now())) {

@@ -6,12 +6,14 @@
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
+#include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
 #include <comm/OncePerSecond.h>
 #include <comm/Reactor.h>
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -23,8 +25,8 @@ class Connection;
 
 /// What all connections of one backend share: the reactor, the gathering of output, the bound on queued bytes, and the
 /// heartbeat, which runs only while some connection is owed something. Outlives the backend as long as a client
-/// object or response handler does. Loop only, unless said otherwise.
-class IoLoop : public std::enable_shared_from_this<IoLoop> {
+/// object or response handler does. In its turns it watches the calls of handlers. Loop only, unless said otherwise.
+class IoLoop : public std::enable_shared_from_this<IoLoop>, private comm::ICallWatch {
 public:
     explicit IoLoop(const CommSettings& settings);
 
@@ -41,7 +43,7 @@ public:
     /// gathered meanwhile.
     class Turn {
     public:
-        explicit Turn(IoLoop& loop) noexcept : m_loop(loop) { ++m_loop.m_depth; }
+        explicit Turn(IoLoop& loop) noexcept : m_loop(loop), m_watch(&loop) { ++m_loop.m_depth; }
         ~Turn()
         {
             if (m_loop.m_depth == 1) {
@@ -55,6 +57,7 @@ public:
 
     private:
         IoLoop& m_loop;
+        const Scope m_watch;
     };
 
     /// Runs `work` on the loop, as a turn. After the loop's end it is destroyed here. Any thread.
@@ -126,6 +129,7 @@ public:
     OncePerPeer& strangers() noexcept { return m_strangers; }
 
 private:
+    void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override;
     [[noreturn]] static void endThrown(const std::string& what);
     void traceHeld(const std::string& what, comm::TimeNs held);
     void flushGathered();
