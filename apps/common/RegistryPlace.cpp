@@ -78,7 +78,7 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     place.others.insert(config.m_registryLocators.begin(), config.m_registryLocators.end());
     place.others.erase(place.others.count(partition) != 0 ? partition : "*");
     place.locators = accessor.getRegistryLocatorsByPartition(partition, false).value_or(std::vector<kesa::url>());
-    const std::vector<std::string> backends = accessor.getBackends();
+    const std::vector<std::string>& backends = accessor.getBackends();
     if (std::find(backends.begin(), backends.end(), "comm") == backends.end()) {
         place.problem = fmt::format("{}: none of \"backends\" reaches the registry that \"use_registry\" asks for; "
                                     "write [\"comm\"]",

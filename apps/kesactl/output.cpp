@@ -178,7 +178,7 @@ std::string aligned(std::vector<std::vector<std::string>> rows)
 
 std::string alignedToFit(std::vector<std::vector<std::string>> rows, std::size_t column)
 {
-    const std::string whole = aligned(rows);
+    std::string whole = aligned(rows);
     if (fits(whole)) {
         return whole;
     }

@@ -58,7 +58,7 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
            request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
 }
 
-/// Writes a line per callback, and lets `echo` send what was heard.
+/// Writes a line per callback, lets `echo` send what was heard, and has `held` hold after each.
 class Recorder : public IMachineListener {
 public:
     void onHello(const Hello& peer) override
@@ -104,12 +104,17 @@ public:
     std::vector<std::string> lines;
     Hello hello;
     Machine* echo = nullptr;
+    Machine* held = nullptr;
 
 private:
     static std::string line(const char* what, std::uint32_t number) { return what + (' ' + std::to_string(number)); }
     void add(
         std::string heard, const std::function<void()>& say = [] {})
     {
+        if (held != nullptr) {
+            lines.insert(lines.end(), held->input.isHeld() ? 1 : 0, "called while held");
+            held->input.hold();
+        }
         lines.push_back(std::move(heard));
         if (echo != nullptr) {
             say();
@@ -134,14 +139,19 @@ inline Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uin
     return bytes;
 }
 
-/// Puts bytes into a machine. True: it refused them.
+/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
 inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::size_t atMost = SIZE_MAX)
 {
     while (!bytes.empty()) {
         const std::span<unsigned char> room = machine.input.buffer();
         const std::size_t count = std::min({bytes.size(), room.size(), atMost});
         std::memcpy(room.data(), bytes.data(), count);
-        if (machine.input.received(count, 0)) {
+        bool failed = machine.input.received(count, 0);
+        while (machine.input.isHeld() && !failed) {
+            machine.input.release();
+            failed = machine.input.readOn();
+        }
+        if (failed) {
             return true;
         }
         bytes = bytes.subspan(count);

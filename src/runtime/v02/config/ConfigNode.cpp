@@ -81,9 +81,9 @@ std::string ConfigNode::mismatch(std::string_view expected) const
     return fmt::format("expected {}, found {}", expected, util::config::described(*m_value));
 }
 
-bool ConfigNode::fail(const std::string& text, std::string advice, std::string complaint) const
+bool ConfigNode::fail(const std::string& text, std::string advice, const std::string& complaint) const
 {
-    complain(failure(), complaint.empty() ? text : std::move(complaint), std::move(advice));
+    complain(failure(), complaint.empty() ? text : complaint, std::move(advice));
     return record(text);
 }
 

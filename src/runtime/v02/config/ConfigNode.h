@@ -108,7 +108,7 @@ public:
     bool fail(int severity, std::string_view operation, const std::string& text, std::string advice,
               std::string_view error = {}) const;
     /// Records the text without a trace. Answers `true`. `complaint`: what the report says in place of the text.
-    bool fail(const std::string& text, std::string advice, std::string complaint = {}) const;
+    bool fail(const std::string& text, std::string advice, const std::string& complaint = {}) const;
     /// The same as the one that traces; the report has `complaint` in place of the text.
     bool failAs(std::string complaint, int severity, std::string_view operation, const std::string& text,
                 std::string advice, std::string_view error = {}) const;
