@@ -151,9 +151,7 @@ void KesaRuntimeImpl::removeTracker(const std::string& path, const Handle& handl
         takeBackFromQueries(*entry.optionalServiceDef);
         entry.optionalServiceDef.reset();
     }
-    if (!entry.optionalServiceDef) { // one that is there stays, which is worth a warning elsewhere only
-        deleteRuntimeEntry(path);
-    }
+    deleteRuntimeEntry(path);
     KESA_TRACE(MAIN_CHANNEL, 2, "[trackService, path Disposable] service='%s' handle='%p' DONE", path.c_str(),
                handle.address);
     eventlog::trackingStop(m_eventSource, path, CausedBy::eUSER);

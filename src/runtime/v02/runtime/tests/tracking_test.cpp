@@ -45,11 +45,6 @@ TEST_F(TrackingTest, aQueryStartsWithWhatIsRegisteredHere)
     EXPECT_THAT(traced(4, [&] { tracking.dispose(); }),
                 ElementsAre(HasSubstr("[trackServices query Disposable] no remoteQuery entry found for handle=")));
     EXPECT_THAT(happened(), ElementsAre("q: ~", "query stop USER"));
-    auto own = track("/x/a", "t");
-    run();
-    EXPECT_THAT(traced(3, [&] { own.dispose(); }), ElementsAre()) << "the service stays";
-    EXPECT_THAT(happened(),
-                ElementsAre("tracking start", "tracking update", "t: ADDED /x/a", "t: ~", "tracking stop USER"));
 
     auto malformed = query("/a[", "m");
     EXPECT_THAT(happened(), ElementsAre("query start", testing::MatchesRegex("m: 400: .+"), "m: ~"));
