@@ -31,7 +31,10 @@ constexpr std::size_t MOST_ENDS_OWED = MAX_STREAMS / 2;
 
 constexpr const char* NOT_CONNECTED = "the service is not connected: ";
 constexpr const char* TOO_SLOW = "the service is too slow";
-constexpr const char* TOO_MANY = "too many open requests";
+constexpr const char* TOO_MANY =
+    "too many open requests: a process has at most 65536 at another, and each service, tracking and query is one at "
+    "the registry; end some, or let another process have them";
+static_assert(MAX_STREAMS == 65536);
 constexpr const char* NO_TIME = "no time is left for it";
 
 /// What the headers of a request ask of this side.
