@@ -13,13 +13,13 @@ namespace comm {
 class KESA_API ICallWatch {
 public:
     virtual ~ICallWatch();
-    /// Runs `call`, which tells a handler that `operation` was given of `subject`. Within a call that it watches.
+    /// Runs `call`, which tells a handler that `operation` was given of `subject`. Where it watches.
     virtual void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) = 0;
 
-    /// That of the call under way on this thread; null where nobody watches.
+    /// Who watches what this thread calls; null where nobody does.
     static ICallWatch* current() noexcept;
 
-    /// `watch` has a call under way on this thread. They nest.
+    /// `watch` watches what this thread calls while this lives. They nest.
     class KESA_API Scope {
     public:
         explicit Scope(ICallWatch* watch) noexcept;
