@@ -5,7 +5,8 @@
 
 #include <cstddef>
 
-/// What one peer may make the registry keep, and how much is written at once. docs/protocol_registry.md lists them for users.
+/// What one peer may make the registry keep, and how much is written at once. docs/protocol_registry.md lists them for
+/// users.
 namespace kesa::registry {
 
 // Per connection. A connection carries 65,536 requests at most, so registrations are never refused before it is.

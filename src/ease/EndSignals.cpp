@@ -226,8 +226,10 @@ void EndSignals::takeAll()
     if (!m_loop) {
         startTaking();
     } else {
-        ::signalfd(m_descriptor, &m_taken, 0);
-        m_loop->post([signals = m_taken] { pthread_sigmask(SIG_BLOCK, &signals, nullptr); }); // handed over, maybe
+        m_loop->post([this, signals = m_taken] {
+            ::signalfd(m_descriptor, &signals, 0);
+            pthread_sigmask(SIG_BLOCK, &signals, nullptr); // handed over, maybe
+        });
     }
 }
 
