@@ -9,13 +9,14 @@
 #include <kesa/registry/Registry.h>
 
 #include <array>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <type_traits>
 #include <unordered_map>
 #include <utility>
 #include <variant>
@@ -36,7 +37,6 @@ public:
     void* registerService(RegistrationHandler&& handler, const std::string& path, const ServiceDef& serviceDef);
     void* trackService(TrackingHandler&& handler, const std::string& path);
     void cancelRequest(void* handle);
-    /// See explain.cpp.
     void explain(IResponseHandler<GenericObject>& handler, const std::string& path, const std::string& process);
 
     /// Asks whether this process still provides a mirrored service: `answer(true)` if so, later; no answer if not,
@@ -70,6 +70,7 @@ private:
         bool isProbed = false;   ///< asked for a sign of life, since so much waits for it
 
         std::string name() const;
+        std::string whyNoMore(std::size_t kind) const;
     };
     using Handler = std::variant<RegistrationHandler, TrackingHandler, QueryHandler>;
     struct Request {
@@ -79,29 +80,41 @@ private:
     };
     using Requests = std::unordered_map<StreamId, Request>;
 
+    static std::int64_t wallClockMs() noexcept; ///< since 1970
+
     template <class Command>
     void turn(const Command& command);
     void work();
+    void deliver();
+
+    // requests.cpp
     template <class T, class Command>
     void* open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation, const std::string& subject,
                const Command& command);
     void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
+
+    // accounts.cpp
     std::shared_ptr<Asker> currentAsker();
+    StreamId add(const std::shared_ptr<Asker>& asker, Handler&& handler);
     Request take(Requests::iterator request);
 
+    // telling.cpp
     using Updates = std::vector<RegistryUpdate>;
-
-    void deliver();
     void toAsker(Effect effect, Updates& list);
     void wait(Asker& asker, Effect effect);
     void tell(Requests::iterator request, const Effect& effect, Updates& list);
     void tellNews(const std::shared_ptr<Asker>& asker);
     void refused(Requests::iterator request, const Effect& effect);
+    void listOn(const std::shared_ptr<Asker>& asker);
+    void waitForQueue(const std::shared_ptr<Asker>& asker);
+
+    // ends.cpp
     void askHolder(const Effect& effect);
     void keepsWaiting(const Effect& effect);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
     void dropRegistrations(const Asker& asker);
     void noteEnd(const Request& registration, const Record& record, std::string reason);
+
     // explain.cpp
     static Who whoOf(const Asker& asker, const Record& record);
     std::string holderOf(const std::string& path) const;
@@ -109,9 +122,6 @@ private:
     util::config::Value describeHistory(const std::string& path) const;
     util::config::Value describeProcess(const std::string& path, const std::string& process);
     GenericObject describeAsking(StreamId stream, const Request& request, const Record* record);
-
-    void listOn(const std::shared_ptr<Asker>& asker);
-    void waitForQueue(const std::shared_ptr<Asker>& asker);
 
     std::recursive_mutex m_mutex; // recursive: a handler that calls back does not hang; its command waits for its turn
     // With the mutex held.
@@ -126,6 +136,20 @@ private:
     std::vector<std::shared_ptr<Asker>> m_ready; ///< whose news and first answers may go on
     std::vector<Request> m_dead;                 ///< to be destroyed once the mutex is free
 };
+
+template <class Command>
+void Registry::Impl::turn(const Command& command)
+{
+    std::vector<Request> dead; // destroyed with the mutex free
+    const std::lock_guard lock(m_mutex);
+    command();
+    if (!m_isWorking) {
+        m_isWorking = true;
+        work();
+        m_isWorking = false;
+        dead.swap(m_dead);
+    }
+}
 
 } // namespace kesa::registry
 

@@ -1,38 +1,24 @@
 // One turn of the loop: wait, call what is ready, run due timers, run what was posted, run what was left for the end of
-// the turn. The loop stands on the path of every call between processes, so a wake-up costs one `epoll_wait` and no
-// other system call: a descriptor is registered once, level-triggered, and stays armed; the wake-up descriptor is
-// edge-triggered and never read. So is the timer descriptor, which is set when a timer comes before the time it is set
-// to: a wait with a time limit would set up and take back a timer of the kernel's each time.
+// the turn. The loop stands on the path of every call between processes: `EpollSet` keeps a wake-up cheap.
 #include "EpollReactor.h"
 
 #include "CallbackTimer.h"
+#include "EpollSet.h"
 #include "LoopThread.h"
 #include "TimerQueue.h"
 #include "leakInChild.h"
 #include "monotonicClock.h"
 #include "recycle.h"
 
-#include <comm/AtFork.h>
 #include <comm/OncePerSecond.h>
-#include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
-#include <obr/errors.h>
-#include <obr/explainError.h>
 #include <tracing/Channel.h>
-
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <fmt/format.h>
 
-#include <algorithm>
-#include <array>
 #include <atomic>
-#include <cerrno>
 #include <mutex>
-#include <system_error>
+#include <span>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -47,23 +33,9 @@ const tracing::Channel& channel()
     return instance;
 }
 
-std::uint32_t toEpoll(unsigned interest) noexcept
-{
-    return ((interest & Reactor::eREADABLE) != 0U ? EPOLLIN : 0U) |
-           ((interest & Reactor::eWRITABLE) != 0U ? EPOLLOUT : 0U);
-}
-
-unsigned toReadiness(std::uint32_t events) noexcept
-{
-    return ((events & EPOLLIN) != 0U ? Reactor::eREADABLE : 0U) |
-           ((events & EPOLLOUT) != 0U ? Reactor::eWRITABLE : 0U) |
-           ((events & (EPOLLHUP | EPOLLERR)) != 0U ? Reactor::eHANGUP : 0U);
-}
-
 class EpollReactor final : public Reactor {
 public:
-    explicit EpollReactor(const std::string& name);
-    ~EpollReactor() override;
+    explicit EpollReactor(const std::string& name) : m_thread(name, this), m_set(name) {}
 
     void post(Task task) override;
     Id startTimer(TimeNs when, Task task) override;
@@ -84,7 +56,7 @@ public:
 private:
     struct Watch {
         int descriptor;
-        std::uint32_t interest;
+        unsigned interest;
         bool isWatched;
         ReadyFunction ready;
     };
@@ -97,8 +69,7 @@ private:
     void run();
     bool turn();
     bool isAnythingPosted();
-    void setTimer();
-    Woken dispatch(const epoll_event* events, int count);
+    Woken dispatch(std::span<const epoll_event> events);
     void runDueTimers();
     bool runPosted();
     void runTurnEnd();
@@ -108,14 +79,10 @@ private:
     void call(F&& callback);
     void traceHeld(TimeNs held);
     void requestStop();
-    void wake() const noexcept;
     [[nodiscard]] bool isOnLoop(const char* function) const;
-    [[nodiscard]] bool control(int operation, Watch& watch) const;
 
     LoopThread m_thread;
-    int m_epoll = -1;
-    int m_wake = -1;
-    int m_timer = -1;
+    EpollSet m_set;
 
     std::mutex m_mutex;
     std::vector<Task> m_posted; ///< under `m_mutex`
@@ -129,36 +96,11 @@ private:
     std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
     std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
     TimerQueue m_timers;
-    TimeNs m_timerSetTo = NEVER; ///< not later than the first of the timers, while the loop waits
     std::vector<Task> m_turnEnd;
     std::vector<Task> m_batch; ///< what `runBatch` runs; empty between
     CallbackTimer m_callbackTimer;
     OncePerSecond m_heldTraces;
 };
-
-EpollReactor::EpollReactor(const std::string& name)
-    : m_thread(name, this), m_epoll(AtFork::open([] { return ::epoll_create1(EPOLL_CLOEXEC); })),
-      m_wake(AtFork::open([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); })),
-      m_timer(AtFork::open([] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }))
-{
-    const auto add = [this](int descriptor) {
-        epoll_event event{};
-        event.events = EPOLLIN | EPOLLET;
-        event.data.ptr = descriptor == m_timer ? &m_timer : nullptr;
-        return ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, descriptor, &event) == 0;
-    };
-    if (m_epoll < 0 || m_wake < 0 || m_timer < 0 || !add(m_wake) || !add(m_timer)) {
-        const std::string message = fmt::format("cannot make the I/O loop '{}': {}", name, obr::explainError(errno));
-        obr::GlobalErrorHandler::doAbort(__FILE__, __LINE__, __func__, message.c_str());
-    }
-}
-
-EpollReactor::~EpollReactor()
-{
-    for (const int descriptor : {m_epoll, m_wake, m_timer}) {
-        AtFork::close(descriptor);
-    }
-}
 
 void EpollReactor::start(const std::shared_ptr<EpollReactor>& self)
 {
@@ -191,7 +133,7 @@ void EpollReactor::post(Task task)
         }
     }
     if (mustWake) {
-        wake();
+        m_set.wake();
     }
     // A task that came too late is destroyed here: its destructor may run anything, so not under the lock.
 }
@@ -219,8 +161,8 @@ Reactor::Id EpollReactor::watch(int descriptor, unsigned interest, ReadyFunction
     if (!isOnLoop(__func__)) {
         return 0;
     }
-    auto entry = std::make_unique<Watch>(Watch{descriptor, toEpoll(interest), true, std::move(ready)});
-    if (control(EPOLL_CTL_ADD, *entry)) {
+    auto entry = std::make_unique<Watch>(Watch{descriptor, interest, true, std::move(ready)});
+    if (m_set.add(descriptor, interest, entry.get())) {
         return 0;
     }
     const Id id = ++m_lastId;
@@ -234,11 +176,11 @@ void EpollReactor::changeInterest(Id id, unsigned interest)
         return;
     }
     const auto found = m_watches.find(id);
-    if (found == m_watches.end() || found->second->interest == toEpoll(interest)) {
+    if (found == m_watches.end() || found->second->interest == interest) {
         return;
     }
-    found->second->interest = toEpoll(interest);
-    static_cast<void>(control(EPOLL_CTL_MOD, *found->second));
+    found->second->interest = interest;
+    static_cast<void>(m_set.change(found->second->descriptor, interest, found->second.get()));
 }
 
 void EpollReactor::unwatch(Id id)
@@ -251,27 +193,9 @@ void EpollReactor::unwatch(Id id)
         return;
     }
     found->second->isWatched = false;
-    static_cast<void>(control(EPOLL_CTL_DEL, *found->second));
+    static_cast<void>(m_set.remove(found->second->descriptor));
     m_unwatched.push_back(std::move(found->second));
     m_watches.erase(found);
-}
-
-/// A refusal for want of memory or watches is the kernel's word; the others are misuse.
-bool EpollReactor::control(int operation, Watch& watch) const
-{
-    epoll_event event{};
-    event.events = watch.interest;
-    event.data.ptr = &watch;
-    if (::epoll_ctl(m_epoll, operation, watch.descriptor, &event) == 0) {
-        return false;
-    }
-    const int error = errno;
-    const std::string message = fmt::format("the loop '{}' cannot watch descriptor {}: {}", m_thread.loopName(),
-                                            watch.descriptor, std::system_category().message(error));
-    if (error != ENOMEM && error != ENOSPC) {
-        obr::GlobalErrorHandler::doAssert(false, "epoll_ctl(...) == 0", __FILE__, __LINE__, __func__, message.c_str());
-    }
-    return obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT, message);
 }
 
 void EpollReactor::atTurnEnd(Task task)
@@ -296,14 +220,7 @@ void EpollReactor::requestStop()
         const std::lock_guard lock(m_mutex);
         m_isStopping = true;
     }
-    wake();
-}
-
-void EpollReactor::wake() const noexcept
-{
-    const std::uint64_t one = 1;
-    while (::write(m_wake, &one, sizeof one) < 0 && errno == EINTR) {
-    }
+    m_set.wake();
 }
 
 void EpollReactor::run()
@@ -319,17 +236,15 @@ void EpollReactor::run()
 /// True when it was the last one.
 bool EpollReactor::turn()
 {
-    std::array<epoll_event, 64> events;
-    setTimer();
+    m_set.setTimer(m_timers.next());
     const bool hasWork = isAnythingPosted();
-    const int timeout = hasWork || !m_turnEnd.empty() ? 0 : -1;
-    const int count = ::epoll_wait(m_epoll, events.data(), static_cast<int>(events.size()), timeout);
+    const auto events = m_set.wait(!hasWork && m_turnEnd.empty());
     m_isAsleep.store(false, std::memory_order_relaxed); // late is a needless wake; what was posted the lock shows
     m_callbackTimer.start();
 
-    const Woken woken = dispatch(events.data(), count);
+    const Woken woken = dispatch(events);
     if (woken.byTimer) {
-        m_timerSetTo = NEVER;
+        m_set.timerCame();
         runDueTimers();
     }
     const bool isLast = (hasWork || woken.byPost) && runPosted();
@@ -355,29 +270,16 @@ bool EpollReactor::isAnythingPosted()
     return isAnything;
 }
 
-/// What it is set to for a timer that was cancelled stays: one turn for nothing.
-void EpollReactor::setTimer()
-{
-    const TimeNs next = m_timers.next();
-    if (next < m_timerSetTo) {
-        m_timerSetTo = next;
-        const TimeNs when = std::max<TimeNs>(next, 1); // 0 would mean none
-        const itimerspec time{{}, {static_cast<time_t>(when / SECOND), static_cast<long>(when % SECOND)}};
-        ::timerfd_settime(m_timer, TFD_TIMER_ABSTIME, &time, nullptr);
-    }
-}
-
-EpollReactor::Woken EpollReactor::dispatch(const epoll_event* events, int count)
+EpollReactor::Woken EpollReactor::dispatch(std::span<const epoll_event> events)
 {
     Woken woken;
-    for (int i = 0; i < count; ++i) {
-        void* const whom = events[i].data.ptr;
-        if (whom == nullptr) {
+    for (const epoll_event& event : events) {
+        if (EpollSet::isWake(event)) {
             woken.byPost = true;
-        } else if (whom == &m_timer) {
+        } else if (m_set.isTimer(event)) {
             woken.byTimer = true;
-        } else if (auto* const watch = static_cast<Watch*>(whom); watch->isWatched) {
-            call([watch, readiness = toReadiness(events[i].events)] { watch->ready(readiness); });
+        } else if (auto* const watch = static_cast<Watch*>(event.data.ptr); watch->isWatched) {
+            call([watch, readiness = EpollSet::readiness(event)] { watch->ready(readiness); });
         }
     }
     return woken;

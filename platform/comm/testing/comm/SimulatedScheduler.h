@@ -8,6 +8,8 @@
 
 namespace comm {
 
+class SimulatedLoops;
+
 /// All loops in the caller's thread, in an order drawn from a seed: the same seed gives the same run. Each step
 /// lets one loop run one event, task or due timer. While a loop waits (`comm::waitFor`), the others go on inside
 /// that wait. For tests and for `tests/sim`.
@@ -47,11 +49,10 @@ public:
     std::uint64_t draw(std::uint64_t bound) noexcept;
 
 private:
-    class Impl;
     class Condition;
     class RunLoop;
     class LoopReactor;
-    std::shared_ptr<Impl> m_impl;
+    const std::shared_ptr<SimulatedLoops> m_all;
 };
 
 } // namespace comm

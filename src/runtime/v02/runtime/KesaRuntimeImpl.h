@@ -81,6 +81,7 @@ public:
 private:
     using Trackers = std::vector<std::shared_ptr<QueryUpdateBookkeeper>>;
     using Issue = RemoteRegistryHandler::Issue;
+    using UpdateType = RegistryUpdate::UpdateTypeEnum;
 
     /// What is known about one path.
     struct RuntimeEntry {
@@ -217,13 +218,16 @@ private:
     std::vector<ServiceUpdate> initialMatches(const Query& query, const PathPatterns& patterns) const;
     void disposeQuery(const Query& query, const Handle& handle);
 
-    // Remote tracking and remote queries
+    // Remote tracking
+    bool isOwn(const ServiceDef& told, const ServiceDef* registered) const;
     void trackServiceOnRegistry(const std::string& path);
     void cancelRemoteTracking(RuntimeEntry& entry);
     void followRemotely(const std::string& path);
     void updateRemoteTrackedService(const RegistryUpdate& update, const Issue& issue);
     void removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update);
     void remoteTrackingLost(const std::string& path, std::uint32_t request);
+
+    // Remote queries
     void queryServiceOnRegistry(const Query& query, const Handle& handle,
                                 const std::vector<ServiceUpdate>& initialUpdates);
     void onRemoteQueryAnswer(const Query& query, const Handle& handle, const Issue& issue,

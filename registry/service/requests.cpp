@@ -1,0 +1,169 @@
+// What a client asks: to register, to track, to query, and to end that. It is judged here, before its turn.
+
+#include "service/RegistryImpl.h"
+#include "service/channel.h"
+#include "service/limits.h"
+
+#include <kesa/IKesaApi.h>
+#include <kesa/Path.h>
+#include <kesa/RequestContext.h>
+#include <kesa/Response.h>
+#include <obr/ErrorStorage.h>
+
+namespace kesa::registry {
+
+namespace {
+
+void* toHandle(StreamId stream) noexcept
+{
+    return reinterpret_cast<void*>(static_cast<std::uintptr_t>(stream));
+}
+
+StreamId toStream(void* handle) noexcept
+{
+    return static_cast<StreamId>(reinterpret_cast<std::uintptr_t>(handle));
+}
+
+/// What was wrong, from the error storage.
+std::string takeReason()
+{
+    std::string reason = obr::ErrorStorage::reason();
+    obr::ErrorStorage::ack();
+    return reason;
+}
+
+std::string tooLarge(const char* what, std::size_t bytes, std::size_t limit)
+{
+    return std::string(what) + " takes " + std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit);
+}
+
+/// The handler stays the caller's.
+template <class T>
+void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text)
+{
+    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, subject.c_str(), text.c_str());
+    handler.onError(Response::createErrorResponse(400, text));
+    return IKesaApi::UNDEFINED_REQUEST_HANDLE;
+}
+
+} // namespace
+
+/// Makes a request of the handler and runs `command(stream, asker)`, unless the asker has as many as it may.
+template <class T, class Command>
+void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation,
+                           const std::string& subject, const Command& command)
+{
+    const RequestContext* const context = RequestContext::current();
+    if (context != nullptr && context->stream != nullptr) {
+        // Who watches must never miss a change.
+        context->stream->setQueuePolicy(QueuePolicy::eCUT_CONNECTION);
+    }
+    Handler taken(std::move(handler));
+    std::string problem;
+    StreamId stream = 0;
+    turn([&] {
+        const std::shared_ptr<Asker> asker = currentAsker();
+        problem = asker->whyNoMore(taken.index());
+        if (problem.empty()) {
+            stream = add(asker, std::move(taken));
+            command(stream, asker);
+        }
+    });
+    if (!problem.empty()) {
+        return refuse(*std::get<std::unique_ptr<IResponseHandler<T>>>(taken), operation, subject, problem);
+    }
+    return toHandle(stream);
+}
+
+void* Registry::Impl::registerService(RegistrationHandler&& handler, const std::string& path,
+                                      const ServiceDef& serviceDef)
+{
+    if (!Path::isCanonical(path)) {
+        return refuse(*handler, "registerService", path, "'" + path + "' is no canonical absolute path");
+    }
+    if (serviceDef.path.toString() != path) {
+        return refuse(*handler, "registerService", path, "path of the record differs from the request path");
+    }
+    return claim(std::move(handler), serviceDef, false);
+}
+
+void Registry::Impl::setMirrorProof(MirrorProof&& prove)
+{
+    const std::lock_guard lock(m_mutex);
+    m_proveMirrored = std::move(prove);
+}
+
+void* Registry::Impl::mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef)
+{
+    return claim(std::move(handler), serviceDef, true);
+}
+
+void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient)
+{
+    const std::string& path = serviceDef.path.toString();
+    Claim claim;
+    claim.record = std::make_shared<Record>(Record{serviceDef});
+    claim.keepsId = serviceDef.id.has_value();
+    claim.isPatient = isPatient;
+    if (!claim.keepsId) {
+        claim.record->serviceDef.id = obr::UUID::generate();
+    }
+    if (measure(claim.record->serviceDef, claim.record->bytes)) {
+        return refuse(*handler, "registerService", path, takeReason());
+    }
+    if (claim.record->bytes > MAX_RECORD_BYTES) {
+        return refuse(*handler, "registerService", path, tooLarge("the record", claim.record->bytes, MAX_RECORD_BYTES));
+    }
+    return open(std::move(handler), "registerService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+        KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
+        claim.instance = asker->instance;
+        m_store.registerService(stream, claim);
+    });
+}
+
+void* Registry::Impl::trackService(TrackingHandler&& handler, const std::string& path)
+{
+    if (!Path::isCanonical(path)) {
+        return refuse(*handler, "trackService", path, "'" + path + "' is no canonical absolute path");
+    }
+    return open(std::move(handler), "trackService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+        KESA_TRACE(CHANNEL, 2, "[trackService] '%s' by %s", path.c_str(), asker->name().c_str());
+        m_store.trackService(stream, path, asker->realm);
+    });
+}
+
+void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
+{
+    const auto patterns = PathPatterns::createFromGlob(query.pattern);
+    std::size_t bytes = 0;
+    if (!patterns || measure(query, bytes)) {
+        return refuse(*handler, "queryRegistry", query.pattern, takeReason());
+    }
+    if (bytes > MAX_QUERY_BYTES) {
+        return refuse(*handler, "queryRegistry", query.pattern, tooLarge("the query", bytes, MAX_QUERY_BYTES));
+    }
+    return open(std::move(handler), "queryRegistry", query.pattern,
+                [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+                    KESA_TRACE(CHANNEL, 2, "[queryRegistry] '%s' by %s", query.pattern.c_str(), asker->name().c_str());
+                    m_store.queryRegistry(stream, query, *patterns, asker->realm);
+                    asker->listing.push_back(stream);
+                    m_ready.push_back(asker);
+                });
+}
+
+void Registry::Impl::cancelRequest(void* handle)
+{
+    turn([&] {
+        const StreamId stream = toStream(handle);
+        const auto request = m_requests.find(stream);
+        if (request != m_requests.end()) {
+            m_dead.push_back(take(request));
+            if (const RecordPtr gone = m_store.end(stream)) {
+                const auto& peer = m_dead.back().asker->peer;
+                noteEnd(m_dead.back(), *gone, peer ? peer->endReason() : std::string());
+            }
+        }
+    });
+}
+
+} // namespace kesa::registry

@@ -1,0 +1,173 @@
+// What is written to those who ask: each change, as its asker's queue has room, and the first answers of queries.
+
+#include "service/RegistryImpl.h"
+#include "service/channel.h"
+#include "service/limits.h"
+
+#include <kesa/Response.h>
+#include <kesa/headers.h>
+
+namespace kesa::registry {
+
+/// Now, or after what waits for the asker already.
+void Registry::Impl::toAsker(Effect effect, Updates& list)
+{
+    const auto request = m_requests.find(effect.stream);
+    if (request == m_requests.end()) {
+        return; // a handler has cancelled it meanwhile
+    }
+    if (effect.kind == Effect::Kind::eREGISTERED && request->second.since == 0) {
+        request->second.since = wallClockMs();
+    }
+    const std::shared_ptr<Asker> asker = request->second.asker;
+    if (asker->isWaiting || !asker->news.empty()) {
+        wait(*asker, std::move(effect));
+        return;
+    }
+    tell(request, effect, list);
+    if (asker->peer && asker->written >= WINDOW_BYTES) {
+        waitForQueue(asker);
+    }
+}
+
+/// A peer that does not take its news holds up nobody else. They cost a reference each; one that is stopped would
+/// gather them for ever.
+void Registry::Impl::wait(Asker& asker, Effect effect)
+{
+    asker.news.push_back(std::move(effect));
+    if (asker.news.size() == MAX_WAITING_OF_THE_LIVING) {
+        asker.peer->disconnect("it takes its news more slowly than they come");
+    } else if (asker.news.size() >= MAX_WAITING && !asker.isProbed) {
+        asker.isProbed = true; // not alive, it is disconnected
+        asker.peer->proveAlive(WAITING_PROOF_TIME, [](bool) {});
+    }
+}
+
+/// `list` holds the last update that was told: the same one goes to many.
+void Registry::Impl::tell(Requests::iterator request, const Effect& effect, Updates& list)
+{
+    if (effect.kind == Effect::Kind::eREFUSED) {
+        refused(request, effect);
+        return;
+    }
+    request->second.asker->written += effect.record->bytes + LIST_FRAME_BYTES;
+    if (auto* const registration = std::get_if<RegistrationHandler>(&request->second.handler)) {
+        if (effect.isTakenOver) {
+            KESA_TRACE(CHANNEL, 2, "[registerService] registered again by %s: '%s'",
+                       request->second.asker->name().c_str(), effect.record->path().c_str());
+        }
+        (*registration)->onNext(effect.record->serviceDef);
+        return;
+    }
+    if (list.size() != 1 || list[0].element.get() != &effect.record->serviceDef || list[0].updateType != effect.type) {
+        list.assign(1, makeUpdate(effect.type, effect.record));
+    }
+    if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
+        (*query)->onNext(list);
+    } else {
+        (*std::get_if<TrackingHandler>(&request->second.handler))->onNext(list[0]);
+    }
+}
+
+/// What has waited, as far as the queue has room. Neighbouring changes for one query share a list.
+void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
+{
+    Updates list;
+    while (!asker->isWaiting && !asker->news.empty()) {
+        const Effect effect = std::move(asker->news.front());
+        asker->news.pop_front();
+        const auto request = m_requests.find(effect.stream);
+        if (request == m_requests.end()) {
+            continue;
+        }
+        if (auto* const query = std::get_if<QueryHandler>(&request->second.handler)) {
+            std::size_t bytes = LIST_FRAME_BYTES + effect.record->bytes + UPDATE_BYTES;
+            list.assign(1, makeUpdate(effect.type, effect.record));
+            while (!asker->news.empty() && asker->news.front().stream == effect.stream &&
+                   bytes + asker->news.front().record->bytes + UPDATE_BYTES < LIST_BYTES) {
+                bytes += asker->news.front().record->bytes + UPDATE_BYTES;
+                list.push_back(makeUpdate(asker->news.front().type, asker->news.front().record));
+                asker->news.pop_front();
+            }
+            asker->written += bytes;
+            (*query)->onNext(list);
+        } else {
+            tell(request, effect, list);
+        }
+        if (asker->written >= WINDOW_BYTES) {
+            waitForQueue(asker);
+        }
+    }
+}
+
+void Registry::Impl::refused(Requests::iterator request, const Effect& effect)
+{
+    m_dead.push_back(take(request));
+    KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
+               effect.record->path().c_str(), m_dead.back().asker->name().c_str());
+    const std::string reason = holderOf(effect.record->path());
+    m_history.add(effect.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
+                                          whoOf(*m_dead.back().asker, *effect.record), reason});
+    Response error = Response::createErrorResponse(409, "service already registered");
+    headers::appendReason(error, reason);
+    std::get<RegistrationHandler>(m_dead.back().handler)->onError(error);
+}
+
+/// Writes the next list of the asker's first answers, if its queue has room.
+void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
+{
+    if (asker->listing.empty() || asker->isWaiting || !asker->news.empty()) {
+        return;
+    }
+    if (asker->peer && asker->written >= WINDOW_BYTES) {
+        waitForQueue(asker);
+        return;
+    }
+    const StreamId stream = asker->listing.front();
+    std::vector<RecordPtr> records;
+    std::size_t bytes = 0;
+    const bool hasMore = m_store.list(stream, LIST_BYTES - LIST_FRAME_BYTES, records, bytes);
+    asker->written += bytes + LIST_FRAME_BYTES;
+    if (!hasMore) {
+        asker->listing.pop_front();
+    }
+    m_ready.push_back(asker);
+    std::vector<RegistryUpdate> updates;
+    updates.reserve(records.size());
+    for (const RecordPtr& record : records) {
+        updates.push_back(makeUpdate(UpdateType::ADDED, record));
+    }
+    const auto tell = [&] {
+        const auto request = m_requests.find(stream);
+        if (request != m_requests.end()) {
+            std::get<QueryHandler>(request->second.handler)->onNext(updates);
+        }
+    };
+    if (!updates.empty()) {
+        tell();
+    }
+    if (!hasMore) {
+        updates.clear();
+        tell();
+    }
+}
+
+void Registry::Impl::waitForQueue(const std::shared_ptr<Asker>& asker)
+{
+    KESA_TRACE(CHANNEL, 2, "[deliver] waits for the queue of %s", asker->name().c_str());
+    asker->isWaiting = true;
+    asker->peer->whenDrained([weak = weak_from_this(), waiting = std::weak_ptr<Asker>(asker)] {
+        const auto self = weak.lock();
+        const auto ready = waiting.lock();
+        if (self && ready) {
+            self->turn([&] {
+                ready->isWaiting = false;
+                ready->isProbed = false;
+                ready->written = 0;
+                self->m_ready.push_back(ready);
+            });
+        }
+    });
+}
+
+} // namespace kesa::registry
