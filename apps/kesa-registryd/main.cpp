@@ -8,9 +8,9 @@
 #include <kesa/reasonOf.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <obr/visible.h>
 #include <systemd/sd-daemon.h>
 #include <util/nearestName.h>
-#include <util/visible.h>
 
 #include <fmt/format.h>
 
@@ -44,7 +44,7 @@ struct Arguments {
 
 int complain(ExitCode exitCode, const std::string& problem)
 {
-    fmt::print(stderr, "kesa-registryd: {}\n", util::visible(problem));
+    fmt::print(stderr, "kesa-registryd: {}\n", obr::visible(problem));
     return static_cast<int>(exitCode);
 }
 

@@ -1,13 +1,14 @@
 #include "DoctorPage.h"
 
-#include "visible.h"
-
 #include <fmt/format.h>
+#include <obr/visible.h>
 
 #include <algorithm>
 #include <utility>
 
 namespace kesactl {
+
+using obr::visible;
 
 using util::config::Dictionary;
 using util::config::Value;

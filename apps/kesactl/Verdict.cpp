@@ -1,9 +1,9 @@
 #include "Verdict.h"
 
 #include "output.h"
-#include "visible.h"
 
 #include <comm/Clock.h>
+#include <obr/visible.h>
 #include <util/config/Dictionary.h>
 
 #include <fmt/format.h>
@@ -12,6 +12,8 @@
 #include <ctime>
 
 namespace kesactl {
+
+using obr::visible;
 
 using util::config::Dictionary;
 using util::config::Value;

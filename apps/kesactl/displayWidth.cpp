@@ -2,7 +2,7 @@
 // asks.
 #include "displayWidth.h"
 
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <algorithm>
 #include <clocale>
@@ -20,7 +20,7 @@ std::size_t widthOf(char32_t character)
         return 1;
     }
     static const locale_t UTF8 = ::newlocale(LC_CTYPE_MASK, "C.UTF-8", nullptr);
-    if (UTF8 == nullptr || character == util::INVALID_CHARACTER) {
+    if (UTF8 == nullptr || character == obr::INVALID_CHARACTER) {
         return 1;
     }
     const locale_t users = ::uselocale(UTF8);
@@ -36,7 +36,7 @@ std::size_t displayWidth(std::string_view text)
 {
     std::size_t width = 0;
     while (!text.empty()) {
-        width += widthOf(util::takeCharacter(text));
+        width += widthOf(obr::takeCharacter(text));
     }
     return width;
 }
@@ -46,7 +46,7 @@ std::string_view beginning(std::string_view text, std::size_t width)
     std::string_view rest = text;
     std::string_view after = text;
     for (std::size_t used = 0; !rest.empty(); rest = after) {
-        used += widthOf(util::takeCharacter(after));
+        used += widthOf(obr::takeCharacter(after));
         if (used > width) {
             break;
         }

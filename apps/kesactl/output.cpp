@@ -1,10 +1,10 @@
 #include "output.h"
 
 #include "displayWidth.h"
-#include "visible.h"
 
 #include <comm/Scheduler.h>
 #include <obr/ErrorStorage.h>
+#include <obr/visible.h>
 #include <util/config/JSONParser.h>
 
 #include <fmt/format.h>
@@ -19,6 +19,9 @@
 #include <utility>
 
 namespace kesactl {
+
+using obr::visible;
+using obr::visibleLines;
 namespace {
 
 /// What has a reader that can go. A terminal that goes sends its signal.

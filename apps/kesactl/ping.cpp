@@ -8,17 +8,19 @@
 #include "options.h"
 #include "output.h"
 #include "probe.h"
-#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
 #include <kesa/reasonOf.h>
+#include <obr/visible.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
 
 namespace kesactl {
+
+using obr::visible;
 namespace {
 
 struct PingArguments {

@@ -1,15 +1,17 @@
 #include "print_config.h"
 
 #include "displayWidth.h"
-#include "visible.h"
 
 #include <kesa/core/PayloadConversion.h>
+#include <obr/visible.h>
 #include <util/config/JSONParser.h>
 
 #include <algorithm>
 #include <fmt/format.h>
 
 namespace kesactl {
+
+using obr::visible;
 namespace {
 
 using kesa::runtime::v02::KesaConfig;

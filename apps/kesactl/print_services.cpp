@@ -2,13 +2,13 @@
 
 #include "Failure.h"
 #include "output.h"
-#include "visible.h"
 
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/core/Serializer.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/MetainfoKeys.h>
 #include <obr/ErrorStorage.h>
+#include <obr/visible.h>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
@@ -18,6 +18,8 @@
 #include <iterator>
 
 namespace kesactl {
+
+using obr::visible;
 namespace {
 
 using kesa::serviceregistry::enumToValue;

@@ -4,9 +4,9 @@
 #include "options.h"
 #include "output.h"
 #include "silentProcess.h"
-#include "visible.h"
 
 #include <CLI/CLI.hpp>
+#include <obr/visible.h>
 #include <transport/Authority.h>
 #include <transport/usersAndGroups.h>
 #include <util/nearestName.h>
@@ -17,6 +17,8 @@
 #include <optional>
 
 namespace kesactl {
+
+using obr::visible;
 namespace {
 
 using util::config::Value;

@@ -3,10 +3,10 @@
 #include "options.h"
 #include "output.h"
 #include "print_services.h"
-#include "visible.h"
 
 #include <CLI/CLI.hpp>
 #include <comm/wallClock.h>
+#include <obr/visible.h>
 
 #include <fmt/format.h>
 
@@ -14,6 +14,8 @@
 #include <ctime>
 
 namespace kesactl {
+
+using obr::visible;
 namespace {
 
 using Event = RegistryView::Event;

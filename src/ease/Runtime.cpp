@@ -5,8 +5,8 @@
 #include <kesa/ease/Runtime.h>
 #include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
+#include <obr/visible.h>
 #include <tracing/Channel.h>
-#include <util/visible.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -163,7 +163,7 @@ Runtime startOrExit(const std::string& processName, const std::string& fallbackD
 {
     auto impl = std::make_unique<Runtime::Impl>(processName, fallbackDocument);
     if (!impl->isRunning()) {
-        fmt::print(stderr, "{}\n", util::visible(impl->error()));
+        fmt::print(stderr, "{}\n", obr::visible(impl->error()));
         std::exit(1); // NOLINT(concurrency-mt-unsafe): there is one thread so far
     }
     return Runtime(std::move(impl));

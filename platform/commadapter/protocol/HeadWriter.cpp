@@ -4,10 +4,10 @@
 #include <kesa/headers.h>
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
+#include <obr/utf8.h>
 #include <util/ByteBufferWriter.h>
 #include <util/cbor.h>
 #include <util/serializer/formats.h>
-#include <util/utf8.h>
 
 namespace kesa::commadapter::protocol {
 
@@ -51,7 +51,7 @@ void HeadWriter::key(Key key)
 void HeadWriter::text(std::string_view text)
 {
     // Refused here, since the receiver would take it for a broken head and end the connection.
-    m_isInvalid = m_isInvalid || !util::isUtf8(text);
+    m_isInvalid = m_isInvalid || !obr::isUtf8(text);
     cbor::putText(m_out, text);
 }
 

@@ -4,8 +4,8 @@
 #include "transport/usersAndGroups.h"
 
 #include <obr/explainError.h>
+#include <obr/visible.h>
 #include <util/config/Complaint.h>
-#include <util/visible.h>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -42,7 +42,7 @@ std::string makeAbsolute(const std::string& path)
 
 std::string shown(const std::string& path)
 {
-    return util::visible(util::config::excerpt(path));
+    return obr::visible(util::config::excerpt(path));
 }
 
 bool isRealm(std::string_view text)

@@ -2,7 +2,7 @@
 
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <algorithm>
 #include <array>
@@ -38,8 +38,8 @@ private:
     bool decode()
     {
         for (std::string_view rest = m_glob; !rest.empty();) {
-            m_text.push_back(util::takeCharacter(rest));
-            if (m_text.back() == util::INVALID_CHARACTER) {
+            m_text.push_back(obr::takeCharacter(rest));
+            if (m_text.back() == obr::INVALID_CHARACTER) {
                 return fail(m_text.size() - 1, "it is not UTF-8");
             }
             if (m_text.size() > MAX_CHARACTERS) {
@@ -399,7 +399,7 @@ bool GlobProgram::match(std::string_view segments) const noexcept
         take('/');
     }
     while (!segments.empty() && !states->isEmpty()) {
-        take(util::takeCharacter(segments));
+        take(obr::takeCharacter(segments));
     }
     return states->contains(m_steps.size() - 1);
 }

@@ -1,6 +1,6 @@
 #include <kesa/Path.h>
 
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <algorithm>
 #include <string_view>
@@ -48,8 +48,8 @@ bool isWellFormed(std::string_view path) noexcept
 bool isPrintable(std::string_view text) noexcept
 {
     while (!text.empty()) {
-        const char32_t character = util::takeCharacter(text);
-        if (character == util::INVALID_CHARACTER || character < 0x20 || (character >= 0x7F && character < 0xA0)) {
+        const char32_t character = obr::takeCharacter(text);
+        if (character == obr::INVALID_CHARACTER || character < 0x20 || (character >= 0x7F && character < 0xA0)) {
             return false;
         }
     }

@@ -2,7 +2,7 @@
 
 #include "src/GlobProgram.h"
 
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <utility>
 
@@ -44,7 +44,7 @@ public:
             m_kind = Kind::eSUBTREE;
             segments.remove_suffix(3);
         }
-        const bool isPlain = segments.find_first_of("*?[{\\") == std::string_view::npos && util::isUtf8(segments) &&
+        const bool isPlain = segments.find_first_of("*?[{\\") == std::string_view::npos && obr::isUtf8(segments) &&
                              segments.find("//") == std::string_view::npos && !segments.starts_with('/') &&
                              !segments.ends_with('/');
         if (isPlain && (m_kind == Kind::ePATH || !segments.empty())) {

@@ -1,8 +1,8 @@
 #include <kesa/processName.h>
 
 #include <fmt/format.h>
+#include <obr/utf8.h>
 #include <util/config/Complaint.h>
-#include <util/utf8.h>
 
 namespace kesa {
 
@@ -23,7 +23,7 @@ std::string escaped(std::string_view name)
 
 bool isProcessName(std::string_view name) noexcept
 {
-    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME && util::isUtf8(name);
+    return !name.empty() && name.size() <= LONGEST_PROCESS_NAME && obr::isUtf8(name);
 }
 
 std::string complaintAboutProcessName(std::string_view name)
@@ -31,7 +31,7 @@ std::string complaintAboutProcessName(std::string_view name)
     if (isProcessName(name)) {
         return {};
     }
-    const bool isText = util::isUtf8(name);
+    const bool isText = obr::isUtf8(name);
     return fmt::format("\"{}\" cannot be the name of this process: ",
                        isText ? util::config::excerpt(name) : util::config::excerpt(escaped(name))) +
            (isText ? fmt::format("a name has 1 to {} bytes, and this one {}", LONGEST_PROCESS_NAME, name.size())

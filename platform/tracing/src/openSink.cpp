@@ -3,6 +3,7 @@
 
 #include <fmt/format.h>
 #include <obr/explainError.h>
+#include <obr/visible.h>
 
 #include <algorithm>
 #include <array>
@@ -66,51 +67,10 @@ Caller currentCaller()
     return caller;
 }
 
-/// Terminals act on these, too, when they are sent to them as one byte or as UTF-8.
-bool isHighControl(unsigned char byte)
+/// Nothing in it needs to be made visible.
+bool isPlain(std::string_view text)
 {
-    return byte >= 0x80 && byte < 0xa0;
-}
-
-bool mayBeControl(char c)
-{
-    const auto byte = static_cast<unsigned char>(c);
-    return byte < 0x20 || byte == 0x7f || isHighControl(byte);
-}
-
-bool hasControls(std::string_view text)
-{
-    return std::any_of(text.begin(), text.end(), mayBeControl);
-}
-
-/// The length of the character at the beginning, as its first byte says; 1 for one that does not go on as UTF-8 would.
-std::size_t characterLength(std::string_view text)
-{
-    const auto first = static_cast<unsigned char>(text.front());
-    const std::size_t length = first < 0xc2 ? 1 : first < 0xe0 ? 2 : first < 0xf0 ? 3 : first < 0xf5 ? 4 : 1;
-    const auto goesOn = [](char c) { return (static_cast<unsigned char>(c) & 0xc0U) == 0x80; };
-    return length <= text.size() && std::all_of(text.begin() + 1, text.begin() + length, goesOn) ? length : 1;
-}
-
-/// A text may hold what a peer sent: it must not be able to begin a line of its own, nor to command a terminal.
-std::string escapeControls(std::string_view text)
-{
-    std::string result;
-    while (!text.empty()) {
-        const std::string_view character = text.substr(0, characterLength(text));
-        text.remove_prefix(character.size());
-        const auto last = static_cast<unsigned char>(character.back());
-        if (character == "\n") {
-            result += "\\n";
-        } else if (character.size() == 1 && mayBeControl(character.front())) {
-            fmt::format_to(std::back_inserter(result), "\\x{:02x}", last);
-        } else if (character.size() == 2 && character.front() == '\xc2' && isHighControl(last)) {
-            fmt::format_to(std::back_inserter(result), "\\u{:04x}", last);
-        } else {
-            result += character;
-        }
-    }
-    return result;
+    return std::all_of(text.begin(), text.end(), [](char c) { return c >= 0x20 && c < 0x7f; });
 }
 
 std::mutex& nextOutputLock()
@@ -140,12 +100,14 @@ public:
     void write(const Line& line) override
     {
         int failure = 0;
-        if (hasControls(line.text) || hasControls(line.channel)) {
-            const std::string channel = escapeControls(line.channel);
-            const std::string text = escapeControls(line.text);
-            failure = writePrintable({channel, line.severity, text, line.facility});
-        } else {
+        if (isPlain(line.text) && isPlain(line.channel)) {
             failure = writePrintable(line);
+        } else {
+            // A text may hold what a peer sent: it must not be able to begin a line of its own, to command a terminal
+            // or to look like something else.
+            const std::string channel = obr::visible(line.channel);
+            const std::string text = obr::visible(line.text);
+            failure = writePrintable({channel, line.severity, text, line.facility});
         }
         if (failure != 0 && !m_path.empty()) {
             tellUnwritable(m_path, failure);

@@ -119,16 +119,18 @@ TEST_F(Tracing, WritesFilesInWholeEscapedLines)
     const std::filesystem::path file = testing::TempDir() + "kesa-trace-" + std::to_string(::getpid());
     const auto sink = makeSink("file:" + file.string());
     ASSERT_NE(sink, nullptr);
-    // Of two bytes with 0x9b, one is the end of a letter; "\xe2\x80" is cut off.
+    // Of the bytes 0x9b, one is the end of a letter; "\xe2\x80" is cut off; U+202E would turn what follows around.
     EXPECT_EQ(makeSink(std::string("file:/tmp\0x", 11)), nullptr);
     obr::ErrorStorage::ack();
-    sink->write({"C\nH\x1b[0m", 4, "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \xe2\x80"});
-    sink->write({"kesa_DataModel", 2, "{\"event\":\"runtime\"}", 7});
-    EXPECT_THAT(contentOf(file),
-                MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
-                             "\\[C\\\\nH\\\\x1b\\[0m\\] peer says: x\\\\n2026 forged\\\\x09\\\\x1b\\[0m é "
-                             "\\\\u009b\\[1m \\\\x9b\\[2m ś \u20ac \xe2\\\\x80\n"
-                             "\\{\"event\":\"runtime\"\\}\n"));
+    sink->write({"C\nH\x1b[0m", 4,
+                 "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \u202eexe.\u2066 \xe2\x80"});
+    sink->write({"kesa_DataModel", 2, "{\"event\":\"runtime\u202d\"}", 7});
+    EXPECT_THAT(
+        contentOf(file),
+        MatchesRegex("[0-9]{4}-[0-9]{2}-[0-9]{2}T[0-9:]{8}\\.[0-9]{6}Z error   [0-9]+/[0-9]+ "
+                     "\\[C\\\\u000aH\\\\u001b\\[0m\\] peer says: x\\\\u000a2026 forged\\\\u0009\\\\u001b\\[0m é "
+                     "\\\\u009b\\[1m \uFFFD\\[2m ś \u20ac \\\\u202eexe.\\\\u2066 \uFFFD\uFFFD\n"
+                     "\\{\"event\":\"runtime\\\\u202d\"\\}\n"));
     std::filesystem::remove(file);
 }
 

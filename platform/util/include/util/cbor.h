@@ -2,7 +2,7 @@
 #define UTIL_CBOR_H
 
 #include <obr/api.h>
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -120,7 +120,7 @@ public:
             return fail("it ends inside a value");
         }
         content = {reinterpret_cast<const char*>(m_at), static_cast<std::size_t>(item.argument)};
-        if (item.major == Major::eTEXT && !isUtf8(content)) {
+        if (item.major == Major::eTEXT && !obr::isUtf8(content)) {
             return fail("text is not UTF-8");
         }
         m_at += content.size();

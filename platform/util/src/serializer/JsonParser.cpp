@@ -11,7 +11,7 @@
 #include <rapidjson/reader.h>
 
 #include <fmt/format.h>
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <algorithm>
 #include <charconv>
@@ -123,7 +123,7 @@ std::size_t findNoUtf8(std::string_view document)
     std::string_view rest = document;
     while (!rest.empty()) {
         const std::size_t offset = document.size() - rest.size();
-        if (takeCharacter(rest) == INVALID_CHARACTER) {
+        if (obr::takeCharacter(rest) == obr::INVALID_CHARACTER) {
             return offset;
         }
     }

@@ -2,8 +2,8 @@
 
 #include <obr/ErrorOutput.h>
 #include <obr/errors.h>
+#include <obr/utf8.h>
 #include <util/serializer/formats.h>
-#include <util/utf8.h>
 
 #include <cmath>
 #include <limits>
@@ -58,7 +58,7 @@ bool StructuredWriter::claimText(std::string_view text) const
     if (text.size() > std::numeric_limits<std::uint32_t>::max()) {
         return fail("a string is too long to be written");
     }
-    return !isUtf8(text) && fail("a string that is not valid UTF-8 cannot be written");
+    return !obr::isUtf8(text) && fail("a string that is not valid UTF-8 cannot be written");
 }
 
 bool StructuredWriter::begin(Kind kind)

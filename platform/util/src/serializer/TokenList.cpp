@@ -1,7 +1,7 @@
 #include "TokenList.h"
 
+#include <obr/utf8.h>
 #include <util/serializer/formats.h>
-#include <util/utf8.h>
 
 #include <cmath>
 #include <limits>
@@ -92,7 +92,7 @@ bool TokenList::addString(std::string_view value)
     if (value.size() > std::numeric_limits<std::uint32_t>::max()) {
         return fail("a string is too long");
     }
-    if (!isUtf8(value)) {
+    if (!obr::isUtf8(value)) {
         return fail("a string is not valid UTF-8");
     }
     Token* const token = add(Token::Kind::eSTRING, true);

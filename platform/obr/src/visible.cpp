@@ -1,10 +1,10 @@
 #include <fmt/format.h>
-#include <util/utf8.h>
-#include <util/visible.h>
+#include <obr/utf8.h>
+#include <obr/visible.h>
 
 #include <iterator>
 
-namespace util {
+namespace obr {
 namespace {
 
 /// Those of C0 and C1, the separators of lines, and those that turn or mark the direction of writing.
@@ -45,4 +45,4 @@ std::string visibleLines(std::string_view text)
     return visibleBut(text, "\n\t");
 }
 
-} // namespace util
+} // namespace obr

@@ -1,5 +1,5 @@
-#ifndef UTIL_UTF8_H
-#define UTIL_UTF8_H
+#ifndef OBR_UTF8_H
+#define OBR_UTF8_H
 
 #include <obr/api.h>
 
@@ -8,7 +8,7 @@
 #include <cstring>
 #include <string_view>
 
-namespace util {
+namespace obr {
 
 /// What `takeCharacter` answers for a byte that belongs to no well-formed character.
 inline constexpr char32_t INVALID_CHARACTER = 0xFFFFFFFF;
@@ -35,6 +35,6 @@ inline bool isUtf8(std::string_view text) noexcept
     return (bits & 0x8080808080808080U) == 0 || isMixedUtf8(text);
 }
 
-} // namespace util
+} // namespace obr
 
 #endif

@@ -1,12 +1,12 @@
-#ifndef UTIL_VISIBLE_H
-#define UTIL_VISIBLE_H
+#ifndef OBR_VISIBLE_H
+#define OBR_VISIBLE_H
 
 #include <obr/api.h>
 
 #include <string>
 #include <string_view>
 
-namespace util {
+namespace obr {
 
 // What others have written, as names, paths, records, and texts of errors, without what a terminal would obey:
 // characters that control it or the direction of writing are told as JSON does, "\u001b", and bytes that are no UTF-8
@@ -18,6 +18,6 @@ KESA_API std::string visible(std::string_view text);
 /// Lines and tabs stay as they are. JSON stays the JSON it is, and is valid UTF-8 then.
 KESA_API std::string visibleLines(std::string_view text);
 
-} // namespace util
+} // namespace obr
 
 #endif

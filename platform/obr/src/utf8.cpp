@@ -1,8 +1,8 @@
-#include <util/utf8.h>
+#include <obr/utf8.h>
 
 #include <cstddef>
 
-namespace util {
+namespace obr {
 
 namespace {
 
@@ -69,4 +69,4 @@ bool isMixedUtf8(std::string_view text) noexcept
     return true;
 }
 
-} // namespace util
+} // namespace obr
