@@ -2,7 +2,7 @@
 #define KESA_EASE_FOLLOW_H
 
 #include <comm/Clock.h>
-#include <comm/OncePerSecond.h>
+#include <comm/OncePer.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/ease/on.h>
@@ -72,7 +72,7 @@ private:
     comm::TimeNs m_since = 0;   ///< when the stream was asked for
     bool m_hasValue = false;    ///< it has brought one
     comm::TimeNs m_pause = 0;   ///< the last one on this connection
-    comm::OncePerSecond m_traces;
+    comm::OncePer m_traces{comm::SECOND};
     bool m_isOver = false;
 };
 

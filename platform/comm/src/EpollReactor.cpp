@@ -10,7 +10,7 @@
 #include "monotonicClock.h"
 #include "recycle.h"
 
-#include <comm/OncePerSecond.h>
+#include <comm/OncePer.h>
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/Channel.h>
 
@@ -99,7 +99,7 @@ private:
     std::vector<Task> m_turnEnd;
     std::vector<Task> m_batch; ///< what `runBatch` runs; empty between
     CallbackTimer m_callbackTimer;
-    OncePerSecond m_heldTraces;
+    OncePer m_heldTraces{SECOND};
 };
 
 void EpollReactor::start(const std::shared_ptr<EpollReactor>& self)

@@ -8,7 +8,7 @@
 
 #include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
-#include <comm/OncePerSecond.h>
+#include <comm/OncePer.h>
 #include <comm/Reactor.h>
 
 #include <atomic>
@@ -143,7 +143,7 @@ private:
     std::atomic<std::size_t> m_persistentBytes{0};
     std::atomic<bool> m_isBeating{false};
     // Loop only.
-    comm::OncePerSecond m_heldTraces;
+    comm::OncePer m_heldTraces{comm::SECOND};
     OncePerPeer m_strangers;
     unsigned m_depth = 0;
     std::vector<std::shared_ptr<Connection>> m_gathered;

@@ -6,7 +6,7 @@
 #include "backend/server/Interests.h"
 #include "protocol/Output.h"
 
-#include <comm/OncePerSecond.h>
+#include <comm/OncePer.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/IStreamControl.h>
 #include <kesa/Request.h>
@@ -92,7 +92,7 @@ private:
     std::uint64_t m_lastSerial = 0;
     std::list<Latest> m_latest; ///< in order of arrival; one for each stream at most
     std::size_t m_cuts = 0;     ///< streams whose client was too slow
-    comm::OncePerSecond m_cutTraces;
+    comm::OncePer m_cutTraces{comm::SECOND};
 };
 
 } // namespace kesa::commadapter

@@ -4,7 +4,7 @@
 #include <comm/ActiveObject.h>
 #include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
-#include <comm/OncePerSecond.h>
+#include <comm/OncePer.h>
 
 #include <functional>
 #include <memory>
@@ -57,7 +57,7 @@ private:
 
     comm::ActiveObject& m_loop;
     const std::shared_ptr<comm::LoopHold> m_hold;
-    comm::OncePerSecond m_traces;
+    comm::OncePer m_traces{comm::SECOND};
 };
 
 } // namespace kesa::runtime::v02
