@@ -1,7 +1,7 @@
 // kesa-registryd: the process that hosts the registry. It claims its name, registers the registry with its runtime as
 // the first service, says that it is ready, and waits for the signal to end. What its clients do cannot end it.
 
-#include "Claim.h"
+#include "HostCheck.h"
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
@@ -101,20 +101,20 @@ int run(const Arguments& arguments)
         fmt::format(R"({{"use_registry": true, "service_registry_locators": {{"*": ["ipc://{}/registry"]}},)"
                     R"( "serializer-formats": {{"*": ["application/json"]}}}})",
                     arguments.name);
-    const Claim claim = checkClaim(arguments.name, document);
-    if (claim.exitCode != ExitCode::eENDED) {
-        return complain(claim.exitCode, claim.problem);
+    const HostCheck check = checkHost(arguments.name, document);
+    if (check.exitCode != ExitCode::eENDED) {
+        return complain(check.exitCode, check.problem);
     }
     const bool failed = KesaRuntime::initInstance(arguments.name, document);
     ExitCode exitCode = ExitCode::eFAILED;
     if (failed) {
         complain(exitCode, "the runtime did not start; see its traces");
     } else if (!KesaRuntime::isRegistryHost()) { // somebody was faster since it was looked at, or it was refused
-        const Claim again = checkClaim(arguments.name, document);
+        const HostCheck again = checkHost(arguments.name, document);
         exitCode = again.exitCode == ExitCode::eENDED ? ExitCode::eFAILED : again.exitCode;
         complain(exitCode, again.problem.empty() ? "the runtime did not get its name; see its traces" : again.problem);
     } else {
-        exitCode = serve(claim.locators, ends);
+        exitCode = serve(check.locators, ends);
     }
     KesaRuntime::shutdown();
     return static_cast<int>(exitCode);

@@ -134,7 +134,7 @@ void reviewReach(const std::string& written, const kesa::url& locator, const Doc
 }
 
 /// The locators of configured services that nobody would use.
-void reviewServices(const CommSettings& settings, ConfigReport& report)
+void reviewServiceLocators(const CommSettings& settings, ConfigReport& report)
 {
     bool useRegistry = false;
     if (!report.root["use_registry"].get(useRegistry) && useRegistry) {
@@ -217,7 +217,7 @@ CommSettings reviewSettings(const KesaConfig& config, const std::string& partiti
     reviewGroup(settings, report);
     reviewBypass(config, settings, report);
     reviewRegistry(config, partition, settings, report);
-    reviewServices(settings, report);
+    reviewServiceLocators(settings, report);
     return settings;
 }
 

@@ -3,7 +3,7 @@
 
 #include "service/RegistryImpl.h"
 #include "service/limits.h"
-#include "store/nearestPath.h"
+#include "store/nearestService.h"
 
 #include <kesa/RequestContext.h>
 #include <kesa/core/PayloadConversion.h>
@@ -89,7 +89,7 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
                 !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
                 answer.set("hiddenBy", "realm");
             }
-        } else if (const std::string nearest = nearestPath(m_store, path, MAX_NEAREST_LOOKS); !nearest.empty()) {
+        } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS); !nearest.empty()) {
             answer.set("nearest", nearest);
         }
         answer.set("history", describeHistory(path));

@@ -31,7 +31,7 @@ void setError(GetResult& result, const Response& error)
 }
 
 /// What holds the I/O loop of this process, over which its answers come.
-std::string whyDeaf()
+std::string whyNoAnswer()
 {
     std::string why;
     runtime::v02::KesaRuntime::withInstance([&why](runtime::v02::IKesaRuntime& runtime) {
@@ -54,7 +54,7 @@ void addObstacle(GetResult& result, const IKesaApi& api)
         result.error += why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {1}' says more", client->path(),
                                                   util::shellWord(client->path()))
                                     : "; " + why;
-    } else if (const std::string why = whyDeaf(); !why.empty()) {
+    } else if (const std::string why = whyNoAnswer(); !why.empty()) {
         result.error += "; " + why;
     }
 }

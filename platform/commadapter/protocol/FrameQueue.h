@@ -53,7 +53,7 @@ public:
     std::size_t persistentBytes() const noexcept { return m_persistent; }
     std::size_t bytes(std::uint32_t stream);
     /// Whether a byte of the message of `stream` and `kind` is still queued: a search.
-    bool holds(std::uint32_t stream, Kind kind);
+    bool contains(std::uint32_t stream, Kind kind);
     bool hasPing() const noexcept { return m_hasPing; }
     bool hasPong() const noexcept { return m_hasPong; }
 

@@ -97,7 +97,7 @@ void FrameQueue::compact()
 
 // ---- what is here -----------------------------------------------------------------------------------------------
 
-bool FrameQueue::holds(std::uint32_t stream, Kind kind)
+bool FrameQueue::contains(std::uint32_t stream, Kind kind)
 {
     account();
     const auto account = m_perStream.find(stream);

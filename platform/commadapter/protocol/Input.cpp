@@ -61,7 +61,7 @@ bool Input::readFrames(comm::TimeNs until)
     bool failed = false;
     m_isPaused = false;
     m_slice.begin(until);
-    while (!m_shared.isHeld.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
+    while (!m_shared.isShut.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
         m_isPaused = m_slice.isOver();
     }
     // What is left is less than a frame, and in most cases nothing, unless it is held or paused.

@@ -49,11 +49,11 @@ public:
     /// When the last byte came in.
     comm::TimeNs lastReceived() const noexcept { return m_shared.lastReceived.load(std::memory_order_relaxed); }
 
-    /// From the next frame on nothing is handled, in the order it came, until `release` and then `readOn`. The owner
+    /// From the next frame on nothing is handled, in the order it came, until `reopen` and then `readOn`. The owner
     /// reads nothing meanwhile, so it waits at the peer. These three on any thread, also inside a callback.
-    void hold() noexcept { m_shared.isHeld.store(true, std::memory_order_relaxed); }
-    void release() noexcept { m_shared.isHeld.store(false, std::memory_order_relaxed); }
-    bool isHeld() const noexcept { return m_shared.isHeld.load(std::memory_order_relaxed); }
+    void shut() noexcept { m_shared.isShut.store(true, std::memory_order_relaxed); }
+    void reopen() noexcept { m_shared.isShut.store(false, std::memory_order_relaxed); }
+    bool isShut() const noexcept { return m_shared.isShut.load(std::memory_order_relaxed); }
 
 private:
     /// A message with a larger body, part of which has arrived.

@@ -70,7 +70,7 @@ public:
     /// spares a search for nearly all that have been sent.
     bool isUnsent(std::uint32_t stream, std::uint64_t endThen)
     {
-        return m_queue.holds(stream, Kind::eREQUEST, endThen);
+        return m_queue.contains(stream, Kind::eREQUEST, endThen);
     }
     /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
     /// next call.

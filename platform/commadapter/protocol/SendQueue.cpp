@@ -66,12 +66,12 @@ void SendQueue::moveUp(std::uint32_t stream)
 
 /// What is taken back makes the end come earlier, so fewer bytes than `endThen` say nothing yet. Nothing is queued
 /// behind a message of the same stream and kind, so none waits behind a large one.
-bool SendQueue::holds(std::uint32_t stream, Kind kind, std::uint64_t endThen)
+bool SendQueue::contains(std::uint32_t stream, Kind kind, std::uint64_t endThen)
 {
     if (m_turns.has(stream)) {
         return m_turns.isNext(stream, kind);
     }
-    return m_sent < endThen && m_frames.holds(stream, kind);
+    return m_sent < endThen && m_frames.contains(stream, kind);
 }
 
 // ---- leaving --------------------------------------------------------------------------------------------------

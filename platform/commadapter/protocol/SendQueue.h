@@ -49,7 +49,7 @@ public:
     std::uint64_t end() const noexcept { return m_sent + bytes(); }
     /// Whether a byte of the message of `stream` and `kind` is still queued. `endThen`: what `end` was right after it
     /// was pushed; when as much has been sent, the frames are not searched.
-    bool holds(std::uint32_t stream, Kind kind, std::uint64_t endThen);
+    bool contains(std::uint32_t stream, Kind kind, std::uint64_t endThen);
     bool hasPing() const noexcept { return m_frames.hasPing(); }
     bool hasPong() const noexcept { return m_frames.hasPong(); }
 

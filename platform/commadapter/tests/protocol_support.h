@@ -112,8 +112,8 @@ private:
         std::string heard, const std::function<void()>& say = [] {})
     {
         if (held != nullptr) {
-            lines.insert(lines.end(), held->input.isHeld() ? 1 : 0, "called while held");
-            held->input.hold();
+            lines.insert(lines.end(), held->input.isShut() ? 1 : 0, "called while held");
+            held->input.shut();
         }
         lines.push_back(std::move(heard));
         if (echo != nullptr) {
@@ -147,8 +147,8 @@ inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::si
         const std::size_t count = std::min({bytes.size(), room.size(), atMost});
         std::memcpy(room.data(), bytes.data(), count);
         bool failed = machine.input.received(count, 0);
-        while (machine.input.isHeld() && !failed) {
-            machine.input.release();
+        while (machine.input.isShut() && !failed) {
+            machine.input.reopen();
             failed = machine.input.readOn();
         }
         if (failed) {

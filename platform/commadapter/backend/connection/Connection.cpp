@@ -145,7 +145,7 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
     {
         const Lock lock(m_lock);
         m_isBatch = true;
-        hold(); // others may have brought the process over its bound
+        shutInput(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
     if (input.hasUnhandled()) {
@@ -205,7 +205,7 @@ void Connection::readOnLater()
 
 bool Connection::isInputStopped() const noexcept
 {
-    return m_machine->input.isHeld() || m_machine->input.isPaused();
+    return m_machine->input.isShut() || m_machine->input.isPaused();
 }
 
 void Connection::finishBatch(bool hasRead)
@@ -234,7 +234,7 @@ void Connection::onPeerExited()
         {
             const Lock lock(m_lock);
             m_isBroken = true;
-            endHold();
+            reopenInput();
         }
         readAll(); // what it had sent before
     }
@@ -266,7 +266,7 @@ void Connection::pushOut(Haste haste)
         }
     }
     write();
-    hold();
+    shutInput();
 }
 
 bool Connection::isBurst() const
@@ -326,12 +326,12 @@ void Connection::write()
         break;
     }
     countQueued();
-    endHold();
+    reopenInput();
 }
 
 /// What may be queued on a connection before it is held. Once the process has too much queued, it is little for each:
 /// so those that have much are held.
-std::size_t Connection::holdBound() const
+std::size_t Connection::shutBound() const
 {
     const CommSettings& settings = m_loop->settings();
     const bool isProcessOver = m_loop->queued().all > settings.processQueueBytes;
@@ -340,23 +340,23 @@ std::size_t Connection::holdBound() const
 }
 
 /// With the lock held, after writing what could be written.
-void Connection::hold()
+void Connection::shutInput()
 {
-    if (m_role == protocol::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->input.isHeld() &&
-        m_machine->output.queuedBytes() >= holdBound()) {
-        m_machine->input.hold();
+    if (m_role == protocol::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->input.isShut() &&
+        m_machine->output.queuedBytes() >= shutBound()) {
+        m_machine->input.shut();
         KESA_TRACE(CHANNEL, 1, "[hold] '%s' does not take its answers: %zu bytes are queued, its requests wait",
                    peerName().c_str(), m_machine->output.queuedBytes());
     }
 }
 
 /// With the lock held, any thread; the loop then goes on with what has waited.
-void Connection::endHold()
+void Connection::reopenInput()
 {
-    if (!m_machine->input.isHeld() || (!m_isBroken && m_machine->output.queuedBytes() > holdBound() / 2)) {
+    if (!m_machine->input.isShut() || (!m_isBroken && m_machine->output.queuedBytes() > shutBound() / 2)) {
         return;
     }
-    m_machine->input.release();
+    m_machine->input.reopen();
     KESA_TRACE(CHANNEL, 1, "[endHold] '%s' is read again", peerName().c_str());
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
@@ -367,7 +367,7 @@ void Connection::endHold()
 
 void Connection::updateReading()
 {
-    const bool isWanted = !m_machine->input.isHeld();
+    const bool isWanted = !m_machine->input.isShut();
     if (std::exchange(m_isReading, isWanted) != isWanted) {
         m_stream->setReading(isWanted);
     }
@@ -433,7 +433,7 @@ void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
     facts.since = comm::wallClock() - (comm::now() - openedAt);
     facts.queuedBytes = m_machine->output.queuedBytes();
     facts.unreadBytes = m_stream->unread();
-    facts.isHeld = m_machine->input.isHeld();
+    facts.isShut = m_machine->input.isShut();
 }
 
 void Connection::progressed(comm::TimeNs now) noexcept

@@ -127,10 +127,10 @@ private:
     void readOnLater();
     bool isInputStopped() const noexcept;
     void write();
-    std::size_t holdBound() const;
+    std::size_t shutBound() const;
     std::size_t boundedBytes() const;
-    void hold();
-    void endHold();
+    void shutInput();
+    void reopenInput();
     void updateReading();
     void progressed(comm::TimeNs now) noexcept;
     void wantWrite();

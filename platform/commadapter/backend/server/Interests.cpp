@@ -32,7 +32,7 @@ void Interests::detach(std::uint32_t target)
 {
     const auto found = m_targets.find(target);
     if (found != m_targets.end()) {
-        m_connection.m_answers.cancelAll(found->second.open, "cancelled");
+        m_connection.m_served.cancelAll(found->second.open, "cancelled");
         m_services.removeInterest(found->second.path, found->second.interest);
         m_targets.erase(found);
     }
@@ -42,7 +42,7 @@ void Interests::end()
 {
     for (auto& [number, target] : m_targets) {
         m_services.removeInterest(target.path, target.interest);
-        m_connection.m_answers.cancelAll(target.open, "");
+        m_connection.m_served.cancelAll(target.open, "");
     }
     m_targets.clear();
 }
@@ -68,7 +68,7 @@ void Interests::withdrawn(std::uint32_t target, const ProvidedService& service)
         return;
     }
     found->second.service = nullptr;
-    m_connection.m_answers.cancelAll(found->second.open, "the service was withdrawn");
+    m_connection.m_served.cancelAll(found->second.open, "the service was withdrawn");
     const auto lock = m_connection.lock();
     if (m_connection.isOpen()) {
         m_connection.output().detached(target);

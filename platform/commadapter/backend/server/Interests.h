@@ -18,7 +18,7 @@ struct Target {
     std::string path;
     InterestList::iterator interest;
     std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
-    StreamList open;                          ///< of `Answers`: the requests to it. With the connection's lock held
+    StreamList open; ///< of `ServedRequests`: the requests to it. With the connection's lock held
 };
 
 /// The paths that one client is interested in: it is told when each is provided and when no more. Loop only.

@@ -10,7 +10,7 @@ namespace kesa::commadapter {
 ServerConnection::ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services,
                                    std::string scheme)
     : Connection(std::move(loop), protocol::Role::eSERVER), m_services(std::move(services)),
-      m_scheme(std::move(scheme)), m_interests(*this, *m_services), m_answers(*this), m_liveness(*this),
+      m_scheme(std::move(scheme)), m_interests(*this, *m_services), m_served(*this), m_liveness(*this),
       m_drainedTasks(*this)
 {}
 
@@ -42,7 +42,7 @@ ConnectionFacts ServerConnection::facts(std::size_t& looks) const
     const Lock lock(m_lock);
     if (isOpen()) {
         addFacts(facts, m_openedAt);
-        m_answers.addFacts(facts, looks);
+        m_served.addFacts(facts, looks);
     }
     return facts;
 }
@@ -90,12 +90,12 @@ void ServerConnection::onDetach(std::uint32_t target)
 
 void ServerConnection::onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent)
 {
-    m_answers.serve(stream, m_interests.find(target), request, isPersistent);
+    m_served.serve(stream, m_interests.find(target), request, isPersistent);
 }
 
 void ServerConnection::onCancel(std::uint32_t stream)
 {
-    m_answers.cancel(stream);
+    m_served.cancel(stream);
 }
 
 void ServerConnection::onSign(bool isPong)
@@ -105,7 +105,7 @@ void ServerConnection::onSign(bool isPong)
 
 void ServerConnection::onQueueEmpty()
 {
-    m_answers.queueAllLatest();
+    m_served.queueAllLatest();
     m_drainedTasks.look();
 }
 

@@ -2,10 +2,10 @@
 #define KESA_COMMADAPTER_BACKEND_SERVER_SERVERCONNECTION_H
 
 #include "backend/connection/Connection.h"
-#include "backend/server/Answers.h"
 #include "backend/server/DrainedTasks.h"
 #include "backend/server/Interests.h"
 #include "backend/server/Liveness.h"
+#include "backend/server/ServedRequests.h"
 #include "backend/server/ServiceTable.h"
 
 #include <kesa/RequestContext.h>
@@ -38,7 +38,7 @@ public:
 
 private:
     // What the parts use beside what each connection has.
-    friend Answers;
+    friend ServedRequests;
     friend DrainedTasks;
     friend Interests;
     friend Liveness;
@@ -70,7 +70,7 @@ private:
     const std::shared_ptr<ServiceTable> m_services;
     const std::string m_scheme;
     Interests m_interests;
-    Answers m_answers;
+    ServedRequests m_served;
     Liveness m_liveness;
     DrainedTasks m_drainedTasks;
 

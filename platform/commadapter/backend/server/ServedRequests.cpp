@@ -12,7 +12,7 @@
 // by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
 // heartbeat.
 
-#include "backend/server/Answers.h"
+#include "backend/server/ServedRequests.h"
 
 #include "backend/connection/channel.h"
 #include "backend/connection/timeLimit.h"
@@ -35,35 +35,32 @@ namespace {
 /// What a service answers through.
 class ResponseSender final : public IResponseHandler<Response> {
 public:
-    ResponseSender(std::shared_ptr<Answers> answers, std::uint32_t stream, std::uint64_t serial)
-        : m_answers(std::move(answers)), m_stream(stream), m_serial(serial)
+    ResponseSender(std::shared_ptr<ServedRequests> served, std::uint32_t stream, std::uint64_t serial)
+        : m_served(std::move(served)), m_stream(stream), m_serial(serial)
     {}
     ~ResponseSender() override
     {
-        if (m_answers) {
+        if (m_served) {
             const auto error = Response::createErrorResponse(503, "the service dropped the request");
-            m_answers->finish(m_stream, m_serial, &error);
+            m_served->finish(m_stream, m_serial, &error);
         }
     }
     ResponseSender(const ResponseSender&) = delete;
     ResponseSender& operator=(const ResponseSender&) = delete;
 
-    bool onNext(const Response& response) override
-    {
-        return !m_answers || m_answers->next(m_stream, m_serial, response);
-    }
+    bool onNext(const Response& response) override { return !m_served || m_served->next(m_stream, m_serial, response); }
     void onError(const Response& error) override { finish(&error); }
     void onCompleted() override { finish(nullptr); }
 
 private:
     void finish(const Response* error)
     {
-        if (const auto answers = std::exchange(m_answers, nullptr)) {
-            answers->finish(m_stream, m_serial, error);
+        if (const auto served = std::exchange(m_served, nullptr)) {
+            served->finish(m_stream, m_serial, error);
         }
     }
 
-    std::shared_ptr<Answers> m_answers; ///< null after the end
+    std::shared_ptr<ServedRequests> m_served; ///< null after the end
     const std::uint32_t m_stream;
     const std::uint64_t m_serial;
 };
@@ -71,13 +68,13 @@ private:
 /// Apart from the response handler, which the service may destroy while it is given the request.
 class StreamControl final : public IStreamControl {
 public:
-    StreamControl(Answers& answers, std::uint32_t stream, std::uint64_t serial)
-        : m_answers(answers), m_stream(stream), m_serial(serial)
+    StreamControl(ServedRequests& served, std::uint32_t stream, std::uint64_t serial)
+        : m_served(served), m_stream(stream), m_serial(serial)
     {}
-    void setQueuePolicy(QueuePolicy policy) override { m_answers.setPolicy(m_stream, m_serial, policy); }
+    void setQueuePolicy(QueuePolicy policy) override { m_served.setPolicy(m_stream, m_serial, policy); }
 
 private:
-    Answers& m_answers;
+    ServedRequests& m_served;
     const std::uint32_t m_stream;
     const std::uint64_t m_serial;
 };
@@ -86,7 +83,7 @@ private:
 
 // ---- requests ------------------------------------------------------------------------------------------------------
 
-void Answers::serve(std::uint32_t number, Target* target, const Request& request, bool isPersistent)
+void ServedRequests::serve(std::uint32_t number, Target* target, const Request& request, bool isPersistent)
 {
     const auto service = target != nullptr ? target->service : nullptr;
     auto lock = m_connection.lock();
@@ -115,8 +112,8 @@ void Answers::serve(std::uint32_t number, Target* target, const Request& request
     callService(number, serial, service, request);
 }
 
-void Answers::callService(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
-                          const Request& request)
+void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
+                                 const std::shared_ptr<ProvidedService>& service, const Request& request)
 {
     comm::TimeNs timeLimit = comm::NEVER;
     if (readTimeLimit(request.getHeader(headers::TIMEOUT), timeLimit)) {
@@ -152,13 +149,13 @@ void Answers::callService(std::uint32_t number, std::uint64_t serial, const std:
 
 // ---- answers -------------------------------------------------------------------------------------------------------
 
-Answers::Stream* Answers::find(std::uint32_t number, std::uint64_t serial)
+ServedRequests::Stream* ServedRequests::find(std::uint32_t number, std::uint64_t serial)
 {
     Stream* const stream = m_streams.find(number);
     return m_connection.isOpen() && stream != nullptr && stream->serial == serial ? stream : nullptr;
 }
 
-bool Answers::next(std::uint32_t number, std::uint64_t serial, const Response& response)
+bool ServedRequests::next(std::uint32_t number, std::uint64_t serial, const Response& response)
 {
     const auto lock = m_connection.lock();
     Stream* const stream = find(number, serial);
@@ -197,7 +194,7 @@ bool Answers::next(std::uint32_t number, std::uint64_t serial, const Response& r
     return false;
 }
 
-void Answers::finish(std::uint32_t number, std::uint64_t serial, const Response* error)
+void ServedRequests::finish(std::uint32_t number, std::uint64_t serial, const Response* error)
 {
     const auto lock = m_connection.lock();
     Stream* const stream = find(number, serial);
@@ -218,7 +215,7 @@ void Answers::finish(std::uint32_t number, std::uint64_t serial, const Response*
     m_connection.pushOut();
 }
 
-void Answers::setPolicy(std::uint32_t number, std::uint64_t serial, QueuePolicy policy)
+void ServedRequests::setPolicy(std::uint32_t number, std::uint64_t serial, QueuePolicy policy)
 {
     const auto lock = m_connection.lock();
     if (Stream* const stream = find(number, serial)) {
@@ -227,7 +224,7 @@ void Answers::setPolicy(std::uint32_t number, std::uint64_t serial, QueuePolicy 
 }
 
 /// The value that waits, before the stream's end.
-void Answers::queueLatest(std::uint32_t number, Stream& stream)
+void ServedRequests::queueLatest(std::uint32_t number, Stream& stream)
 {
     if (std::exchange(stream.hasLatest, false)) {
         // It was tried before.
@@ -236,7 +233,7 @@ void Answers::queueLatest(std::uint32_t number, Stream& stream)
     }
 }
 
-void Answers::release(std::uint32_t number)
+void ServedRequests::release(std::uint32_t number)
 {
     Stream& stream = *m_streams.find(number);
     if (stream.hasLatest) {
@@ -246,7 +243,7 @@ void Answers::release(std::uint32_t number)
     m_streams.release(number);
 }
 
-void Answers::addFacts(ConnectionFacts& facts, std::size_t& looks) const
+void ServedRequests::addFacts(ConnectionFacts& facts, std::size_t& looks) const
 {
     facts.cutStreams = m_cuts;
     addOpenRequests(facts, m_streams, looks);
@@ -256,7 +253,7 @@ void Answers::addFacts(ConnectionFacts& facts, std::size_t& looks) const
 
 /// Whether the stream's policy decides. Of a call only a value that would wait behind another of the same call is
 /// judged, by all that calls have queued here: reading no further bounds how many calls there are, not what each says.
-bool Answers::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
+bool ServedRequests::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
 {
     if (stream.isPersistent) {
         return m_connection.isOverBound(size) || m_connection.isProcessOverBound(size);
@@ -269,7 +266,7 @@ bool Answers::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t 
 }
 
 /// Over the bound: whether the value is not to be queued. What else follows is left to the loop.
-bool Answers::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
+bool ServedRequests::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
 {
     if (stream.policy == QueuePolicy::eCUT_STREAM) {
         Response error = tooSlow(stream, size);
@@ -289,7 +286,7 @@ bool Answers::isRefused(std::uint32_t number, Stream& stream, std::size_t size)
 
 /// Tells both sides whose it was, how much waits, and what may. One line in a second: who has many streams loses many,
 /// and who follows one loses it again and again.
-Response Answers::tooSlow(const Stream& stream, std::size_t size)
+Response ServedRequests::tooSlow(const Stream& stream, std::size_t size)
 {
     const CommSettings& settings = m_connection.loop().settings();
     const bool isOwnBound = stream.isPersistent ? m_connection.isOverBound(size)
@@ -316,7 +313,7 @@ Response Answers::tooSlow(const Stream& stream, std::size_t size)
 }
 
 /// A value that has no form on the wire: the stream ends, or its client would miss the value without knowing.
-void Answers::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why)
+void ServedRequests::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why)
 {
     const bool isTooLarge = why == protocol::Sent::eTOO_LARGE;
     KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer is not sent: it %s", stream.service->path.c_str(),
@@ -325,14 +322,14 @@ void Answers::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent w
             Response::createErrorResponse(isTooLarge ? 413 : 500, "the answer " + m_connection.output().refusal()));
 }
 
-void Answers::postCut(std::uint32_t number, Stream& stream, Response error)
+void ServedRequests::postCut(std::uint32_t number, Stream& stream, Response error)
 {
     stream.isCut = true;
     m_connection.loop().post([self = m_connection.share(*this), number, serial = stream.serial,
                               error = std::move(error)] { self->cut(number, serial, error); });
 }
 
-void Answers::cut(std::uint32_t number, std::uint64_t serial, const Response& error)
+void ServedRequests::cut(std::uint32_t number, std::uint64_t serial, const Response& error)
 {
     auto lock = m_connection.lock();
     if (find(number, serial) != nullptr) {
@@ -343,7 +340,7 @@ void Answers::cut(std::uint32_t number, std::uint64_t serial, const Response& er
 
 // ---- ends ----------------------------------------------------------------------------------------------------------
 
-void Answers::cancel(std::uint32_t number)
+void ServedRequests::cancel(std::uint32_t number)
 {
     auto lock = m_connection.lock();
     if (m_streams.find(number) == nullptr) {
@@ -354,7 +351,7 @@ void Answers::cancel(std::uint32_t number)
     cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
 }
 
-void Answers::cancelAll(StreamList& requests, const char* text)
+void ServedRequests::cancelAll(StreamList& requests, const char* text)
 {
     auto lock = m_connection.lock();
     while (requests.first != 0) {
@@ -366,7 +363,7 @@ void Answers::cancelAll(StreamList& requests, const char* text)
 }
 
 /// Ends a stream and tells its service, unless that has done with it.
-void Answers::cancelAtService(std::uint32_t number, const Response& error)
+void ServedRequests::cancelAtService(std::uint32_t number, const Response& error)
 {
     auto lock = m_connection.lock();
     Stream* const stream = m_streams.find(number);

@@ -1,5 +1,5 @@
-#ifndef KESA_REGISTRYD_CLAIM_H
-#define KESA_REGISTRYD_CLAIM_H
+#ifndef KESA_REGISTRYD_HOSTCHECK_H
+#define KESA_REGISTRYD_HOSTCHECK_H
 
 #include <string>
 
@@ -14,13 +14,13 @@ enum class ExitCode {
 };
 
 /// Whether a process of this name could host the registry now.
-struct Claim {
+struct HostCheck {
     ExitCode exitCode = ExitCode::eENDED; ///< `eENDED`: it could
     std::string problem;                  ///< if not
     std::string locators;                 ///< its own ones among the registry's, for people
 };
 
-Claim checkClaim(const std::string& process, const std::string& fallbackDocument);
+HostCheck checkHost(const std::string& process, const std::string& fallbackDocument);
 
 } // namespace registryd
 

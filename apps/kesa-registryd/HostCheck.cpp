@@ -1,4 +1,4 @@
-#include "Claim.h"
+#include "HostCheck.h"
 
 #include <common/RegistryPlace.h>
 #include <kesa/commadapter/checkOwnLocator.h>
@@ -10,7 +10,7 @@ namespace registryd {
 
 using kesa::commadapter::OwnLocator;
 
-Claim checkClaim(const std::string& process, const std::string& fallbackDocument)
+HostCheck checkHost(const std::string& process, const std::string& fallbackDocument)
 {
     // What it says of the document the start says again, and an error is the answer's.
     const tracing::Silence words("KESA_RUNTIME_CONFIG");
@@ -19,7 +19,7 @@ Claim checkClaim(const std::string& process, const std::string& fallbackDocument
     if (!place.problem.empty()) {
         return {ExitCode::eCONFIGURATION, place.problem, {}};
     }
-    Claim claim;
+    HostCheck check;
     std::string all;
     for (const kesa::url& locator : place.locators) {
         all.append(all.empty() ? "" : ", ").append(locator.toString());
@@ -35,18 +35,18 @@ Claim checkClaim(const std::string& process, const std::string& fallbackDocument
         case OwnLocator::State::eUNUSABLE:
             return {ExitCode::eFAILED, own.why, {}};
         case OwnLocator::State::eCLAIMABLE:
-            claim.locators.append(claim.locators.empty() ? "" : ", ").append(locator.toString());
+            check.locators.append(check.locators.empty() ? "" : ", ").append(locator.toString());
             break;
         }
     }
-    if (claim.locators.empty()) {
+    if (check.locators.empty()) {
         return {ExitCode::eCONFIGURATION,
                 fmt::format("{} says that the registry is at {}, which is not this process (\"{}\"); give a name of "
                             "those with --name, or add \"ipc://{}/registry\" to \"service_registry_locators\"",
                             place.source, all, process, process),
                 {}};
     }
-    return claim;
+    return check;
 }
 
 } // namespace registryd

@@ -1,7 +1,7 @@
 // A search through the tree of the segments, the nearest folder first. In each folder the very segment that was written
 // is tried before its siblings are looked at: so the part of a path that has no typo costs nothing, whatever lies
 // beside it.
-#include "store/nearestPath.h"
+#include "store/nearestService.h"
 
 #include <util/nearestName.h>
 
@@ -107,7 +107,7 @@ private:
 
 } // namespace
 
-std::string nearestPath(const Store& store, const std::string& path, std::size_t looks)
+std::string nearestService(const Store& store, const std::string& path, std::size_t looks)
 {
     if (std::string found = Search(store, path, looks).run(); !found.empty()) {
         return found;

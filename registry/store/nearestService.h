@@ -1,5 +1,5 @@
-#ifndef KESA_REGISTRY_STORE_NEARESTPATH_H
-#define KESA_REGISTRY_STORE_NEARESTPATH_H
+#ifndef KESA_REGISTRY_STORE_NEARESTSERVICE_H
+#define KESA_REGISTRY_STORE_NEARESTSERVICE_H
 
 #include "store/Store.h"
 
@@ -11,7 +11,7 @@ namespace kesa::registry {
 /// Of the paths that are there, the one that a mistyped path may have meant: first of those with as many segments the
 /// one whose segments differ least; without one, any near one that begins alike. Empty when none is near. `looks`: so
 /// many names are looked at, at most.
-std::string nearestPath(const Store& store, const std::string& path, std::size_t looks);
+std::string nearestService(const Store& store, const std::string& path, std::size_t looks);
 
 } // namespace kesa::registry
 

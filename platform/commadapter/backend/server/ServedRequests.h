@@ -1,5 +1,5 @@
-#ifndef KESA_COMMADAPTER_BACKEND_SERVER_ANSWERS_H
-#define KESA_COMMADAPTER_BACKEND_SERVER_ANSWERS_H
+#ifndef KESA_COMMADAPTER_BACKEND_SERVER_SERVEDREQUESTS_H
+#define KESA_COMMADAPTER_BACKEND_SERVER_SERVEDREQUESTS_H
 
 #include "backend/connection/ConnectionFacts.h"
 #include "backend/connection/StreamTable.h"
@@ -21,10 +21,10 @@ namespace kesa::commadapter {
 
 class ServerConnection;
 
-/// The open requests of one client, and what its services answer to them. See the head of Answers.cpp.
-class Answers {
+/// The open requests of one client, and what its services answer to them. See the head of ServedRequests.cpp.
+class ServedRequests {
 public:
-    explicit Answers(ServerConnection& connection) : m_connection(connection) {}
+    explicit ServedRequests(ServerConnection& connection) : m_connection(connection) {}
 
     // Loop only.
     /// A request has come: hands it to the service of `target`, if the client has one and somebody provides it.
