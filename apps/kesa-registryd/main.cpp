@@ -30,8 +30,8 @@ using kesa::runtime::v02::KesaRuntime;
 
 const char* const FOOTER =
     R"(Without a configuration file the registry is at ipc://NAME/registry; processes without one look for it at
-ipc://kesa-registryd/registry. The run directory, in which they find each other, is $KESA_RUN_DIR, else /run/kesa
-if this user may write there or make it, else $XDG_RUNTIME_DIR/kesa.
+ipc://kesa-registryd/registry. The run directory, in which they find each other, is $KESA_RUN_DIR, /run/kesa,
+or one of this user's own. "kesactl doctor" says which one counts, and why.
 
 It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end it.
 

@@ -36,8 +36,8 @@ const char* const FOOTER = R"(Examples:
   kesactl doctor                                   why do processes not find each other?
 
 The registry is found as any process finds it: by the configuration document, without one at
-ipc://kesa-registryd/registry in the run directory: $KESA_RUN_DIR, else /run/kesa if this user may write there
-or make it, else $XDG_RUNTIME_DIR/kesa.
+ipc://kesa-registryd/registry in the run directory: $KESA_RUN_DIR, /run/kesa, or one of this user's own. "kesactl
+doctor" says which one counts, and why.
 
 With --json an error is one JSON object on stderr: {"error":"...","exitCode":1}.
 Exit codes: 0 done, 1 not found or failed, 2 wrong arguments, 3 the registry cannot be reached, 4 timed out,
