@@ -158,11 +158,10 @@ void handOver(int signal)
 void sayIgnored(int signal)
 {
     static const ::tracing::Channel channel("KESA_EASE");
-    KESA_TRACE(
-        channel, 3,
-        "[Runtime] %s has come and is ignored, since this program was started so, as nohup and a script's '&' do "
-        "it, or ignores it itself; %s",
-        nameOf(signal), signal == SIGINT ? "SIGTERM ends this process" : "kill -9 ends this process");
+    KESA_TRACE(channel, 3,
+               "[Runtime] %s has come and is ignored, since this program was started so, as a script's '&' does it, "
+               "or ignores it itself; %s",
+               nameOf(signal), signal == SIGINT ? "SIGTERM ends this process" : "kill -9 ends this process");
 }
 
 } // namespace

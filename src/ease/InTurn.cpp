@@ -1,5 +1,6 @@
 #include <kesa/ease/InTurn.h>
 
+#include <comm/Clock.h>
 #include <tracing/Channel.h>
 
 #include <exception>
@@ -9,10 +10,17 @@ namespace kesa::detail {
 
 namespace {
 
+constexpr comm::TimeNs LONG_WAIT = comm::SECOND;
+
+const ::tracing::Channel& channel()
+{
+    static const ::tracing::Channel instance("KESA_EASE");
+    return instance;
+}
+
 void traceThrown(const char* what)
 {
-    static const ::tracing::Channel channel("KESA_EASE");
-    KESA_TRACE(channel, 4,
+    KESA_TRACE(channel(), 4,
                "[Property] onChange has thrown, and the value stays: %s; give what may refuse one as 'check'", what);
 }
 
@@ -83,8 +91,15 @@ void InTurn::end()
     std::unique_lock<std::mutex> lock(m_mutex);
     m_hasEnded = true;
     dropped.swap(m_left);
-    if (!isInside(this)) {
-        comm::waitFor(m_changed, lock, [this] { return !m_isCalling; });
+    if (isInside(this)) {
+        return;
+    }
+    const auto isOver = [this] { return !m_isCalling; };
+    if (!comm::waitFor(m_changed, lock, isOver, comm::now() + LONG_WAIT)) {
+        KESA_TRACE(channel(), 3,
+                   "[Property] its end waits for 'onChange', which has not returned yet: nothing of it may run after "
+                   "the end");
+        comm::waitFor(m_changed, lock, isOver);
     }
 }
 

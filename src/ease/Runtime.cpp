@@ -9,17 +9,21 @@
 #include <tracing/Channel.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <fmt/format.h>
 #include <optional>
+#include <unistd.h>
 
 namespace kesa {
 
 using runtime::v02::KesaRuntime;
 
 namespace {
+
+std::atomic<pid_t> startedIn{0}; ///< the process that has the runtime; a child has its own number
 
 void traceThrown(const char* what)
 {
@@ -47,7 +51,12 @@ class Runtime::Impl {
 public:
     Impl(const std::string& processName, const std::string& fallbackDocument)
     {
-        if (KesaRuntime::isRunning()) {
+        if (KesaRuntime::isRunning() && ::getpid() != startedIn) {
+            m_error =
+                fmt::format("the runtime '{}' did not start: this process was forked from one that has a runtime, "
+                            "and after fork a child may use nothing of Kesa: call exec, or fork before the start",
+                            processName);
+        } else if (KesaRuntime::isRunning()) {
             m_error =
                 fmt::format("the runtime '{}' did not start: this process has one already; use that, or end it before",
                             processName);
@@ -60,6 +69,7 @@ public:
                                   processName);
         } else {
             m_isRunning = true;
+            startedIn = ::getpid();
             m_watch.emplace(KesaRuntime::getInstance()->reasons()->holds());
         }
     }

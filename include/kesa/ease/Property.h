@@ -1,6 +1,7 @@
 #ifndef KESA_EASE_PROPERTY_H
 #define KESA_EASE_PROPERTY_H
 
+#include <kesa/ease/ChangeLock.h>
 #include <kesa/ease/Followers.h>
 #include <kesa/ease/InTurn.h>
 
@@ -20,9 +21,11 @@ namespace kesa {
 /// `T` is as for `Topic`, can be compared with `==`, and for `serveWritable` has a `deserialize`. Followers get the
 /// present value and then each other one: setting what it is already tells nobody.
 ///
-/// Any thread, but not from inside the handler of a follower in the same process. It may die before the service does:
-/// its routes answer 503 then, which is traced (3) once. Neither `onChange` nor `check` is called any more once its
-/// destructor has returned, which waits for one that is running, unless it comes from inside `onChange`.
+/// Any thread, but not from inside the handler of a follower in the same process: a change from there, as one from
+/// inside `check`, is a failed assertion, and throws `std::logic_error` where that returns. It may die before the
+/// service does: its routes answer 503 then, which is traced (3) once. Neither `onChange` nor `check` is called any
+/// more once its destructor has returned, which waits for one that is running, unless it comes from inside `onChange`,
+/// and traces (3) that it waits after a second.
 template <class T>
 class Property {
 public:
@@ -92,7 +95,7 @@ private:
         bool set(T next)
         {
             {
-                const std::lock_guard<std::mutex> order(changes);
+                const std::lock_guard<detail::ChangeLock> order(changes);
                 if (hasEnded || *value == next) {
                     return hasEnded;
                 }
@@ -117,11 +120,11 @@ private:
         void end()
         {
             {
-                const std::lock_guard<std::mutex> order(changes);
+                const std::lock_guard<detail::ChangeLock> order(changes);
                 hasEnded = true;
             }
-            told.end();
             followers.end();
+            told.end();
         }
         /// The one before.
         std::shared_ptr<const T> replace(std::shared_ptr<const T> other)
@@ -131,8 +134,8 @@ private:
             return other;
         }
 
-        std::mutex changes;    ///< held while one is made
-        bool hasEnded = false; ///< under `changes`
+        detail::ChangeLock changes; ///< held while one is made
+        bool hasEnded = false;      ///< under `changes`
         mutable std::mutex mutex;
         std::shared_ptr<const T> value; ///< written under both locks, so either will do for reading
         const OnChange onChange;

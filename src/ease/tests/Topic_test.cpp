@@ -9,6 +9,7 @@
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/servicecomp.h>
+#include <obr/GlobalErrorHandler.h>
 #include <tracing/CapturingSink.h>
 
 #include <future>
@@ -186,6 +187,19 @@ TEST_F(Values, APropertyRefusesWhatItsCheckThrowsAndNothingElse)
     EXPECT_EQ(ask("retrieve"), "2");
     EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr("onChange has thrown, and the value stays: no mixer")));
     EXPECT_THAT(told, ElementsAre("1", "2", "=2"));
+}
+
+TEST_F(Values, APropertyThatIsSetInItsOwnCheckSaysSo)
+{
+    std::vector<std::string> asserted;
+    const auto before =
+        obr::GlobalErrorHandler::setHandler([&](const auto& report) { asserted.emplace_back(report.message); });
+    Property<int> property(1, {}, [&](const int&) { property.set(5); });
+    property.serveWritable(service, "/v");
+    EXPECT_EQ(ask("update", "2").substr(0, 66), "500: a kesa::Property is changed from inside its own 'check', or f");
+    obr::GlobalErrorHandler::setHandler(before);
+    EXPECT_EQ(asserted.size(), 1);
+    EXPECT_EQ(property.get(), 1);
 }
 
 /// Each is set by the other's `onChange` while that one's is running in another thread.
