@@ -1,5 +1,6 @@
 // A descriptor that was inherited must stay as it is: O_NONBLOCK would apply to everybody who shares it. So a write
-// is made only when `poll` says that there is room, and is no larger than the room it promises.
+// is made only when `poll` says that there is room, and is no larger than the room it promises. Of a terminal that is
+// less than a line may need; so that is opened once more, for this process alone.
 #include "LineOutput.h"
 
 #include <algorithm>
@@ -8,6 +9,7 @@
 #include <csignal>
 #include <cstdio>
 #include <ctime>
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -59,6 +61,9 @@ LineOutput::LineOutput(int descriptor, Ownership ownership) noexcept : m_descrip
 LineOutput::~LineOutput()
 {
     flush();
+    if (m_terminal >= 0) {
+        ::close(m_terminal);
+    }
     if (m_ownership == Ownership::eOWNED) {
         ::close(m_descriptor);
     }
@@ -99,7 +104,7 @@ bool LineOutput::tellLost(Kind kind) noexcept
     return true;
 }
 
-LineOutput::Kind LineOutput::kind() const noexcept
+LineOutput::Kind LineOutput::kind() noexcept
 {
     struct stat status {};
     if (::fstat(m_descriptor, &status) == 0) {
@@ -109,13 +114,34 @@ LineOutput::Kind LineOutput::kind() const noexcept
         if (S_ISFIFO(status.st_mode)) {
             return Kind::ePIPE;
         }
+        if (S_ISCHR(status.st_mode)) {
+            openTerminal(status.st_rdev);
+            return m_terminal < 0 ? Kind::eFILE : Kind::eTERMINAL;
+        }
     }
     return Kind::eFILE;
 }
 
-bool LineOutput::isReady(int timeoutMs) const noexcept
+void LineOutput::openTerminal(dev_t device) noexcept
 {
-    pollfd poll{m_descriptor, POLLOUT, 0};
+    if (device == m_terminalDevice) {
+        return;
+    }
+    m_terminalDevice = device;
+    if (m_terminal >= 0) {
+        ::close(m_terminal);
+        m_terminal = -1;
+    }
+    if (::isatty(m_descriptor) == 1) {
+        char path[32];
+        std::snprintf(path, sizeof path, "/proc/self/fd/%d", m_descriptor);
+        m_terminal = ::open(path, O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    }
+}
+
+bool LineOutput::isReady(Kind kind, int timeoutMs) const noexcept
+{
+    pollfd poll{kind == Kind::eTERMINAL ? m_terminal : m_descriptor, POLLOUT, 0};
     int count = 0;
     do {
         count = ::poll(&poll, 1, timeoutMs);
@@ -134,7 +160,7 @@ std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) noexcept
             const WithoutSigpipe guard;
             written = ::write(m_descriptor, rest.data(), std::min<std::size_t>(rest.size(), PIPE_BUF));
         } else {
-            written = ::write(m_descriptor, rest.data(), rest.size());
+            written = ::write(kind == Kind::eTERMINAL ? m_terminal : m_descriptor, rest.data(), rest.size());
         }
     } while (written < 0 && errno == EINTR);
     m_error = written < 0 && kind == Kind::eFILE ? errno : 0;
@@ -144,7 +170,7 @@ std::size_t LineOutput::writeSome(Kind kind, std::string_view rest) noexcept
 bool LineOutput::writeWhole(Kind kind, std::string_view line) noexcept
 {
     for (std::string_view rest = line; !rest.empty();) {
-        const bool hasRoom = isReady(m_isClogged ? 0 : PATIENCE_MS);
+        const bool hasRoom = isReady(kind, m_isClogged ? 0 : PATIENCE_MS);
         const std::size_t written = hasRoom ? writeSome(kind, rest) : 0;
         if (written == 0) {
             m_isClogged = !hasRoom;

@@ -30,18 +30,21 @@ public:
     void flush() noexcept;
 
 private:
-    enum class Kind { eFILE, ePIPE, eSOCKET };
+    enum class Kind { eFILE, ePIPE, eSOCKET, eTERMINAL };
 
-    Kind kind() const noexcept;
-    bool isReady(int timeoutMs) const noexcept;
+    Kind kind() noexcept;
+    void openTerminal(dev_t device) noexcept;
+    bool isReady(Kind kind, int timeoutMs) const noexcept;
     std::size_t writeSome(Kind kind, std::string_view rest) noexcept;
     bool writeWhole(Kind kind, std::string_view line) noexcept;
     bool tellLost(Kind kind) noexcept;
 
     const int m_descriptor;
     const Ownership m_ownership;
-    bool m_isClogged = false; // the reader did not keep up: do not wait for it again
-    bool m_isCut = false;     // the last line was written in part
+    int m_terminal = -1;        ///< opened anew, so that it does not block; -1: the descriptor is none, or may not be
+    dev_t m_terminalDevice = 0; ///< the last one that was tried
+    bool m_isClogged = false;   // the reader did not keep up: do not wait for it again
+    bool m_isCut = false;       // the last line was written in part
     int m_error = 0;
     std::uint64_t m_lostLines = 0;
     pid_t m_loser = 0; ///< the process that has lost them: a child does not tell of its parent's

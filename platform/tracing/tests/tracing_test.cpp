@@ -12,11 +12,13 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <pty.h>
 #include <sstream>
 #include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <thread>
 #include <unistd.h>
 
@@ -262,9 +264,13 @@ TEST_F(Tracing, SurvivesReadersThatStopOrDie)
 {
     int pipe[2];
     int sockets[2];
+    int terminal[2];
+    termios raw{};
+    ::cfmakeraw(&raw);
     ASSERT_EQ(::pipe(pipe), 0);
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
-    for (int* const ends : {pipe, sockets}) {
+    ASSERT_EQ(::openpty(terminal, terminal + 1, nullptr, &raw, nullptr), 0);
+    for (int* const ends : {pipe, sockets, terminal}) {
         auto sink = makeSink("stderr");
         const auto write = [&](const std::string& text, int times = 1) {
             withStderr(ends[1], [&] {
