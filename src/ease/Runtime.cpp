@@ -62,15 +62,8 @@ public:
                             processName);
         } else if (const std::string complaint = complaintAboutProcessName(processName); !complaint.empty()) {
             m_error = "the runtime did not start: " + complaint;
-        } else if (KesaRuntime::initInstance(processName, fallbackDocument)) {
-            KesaRuntime::shutdown(); // an instance is there all the same
-            m_error = fmt::format("the runtime '{}' did not start: its configuration names no backend, or no registry "
-                                  "that one can reach; 'kesactl check-config' explains what is wrong with it",
-                                  processName);
         } else {
-            m_isRunning = true;
-            startedIn = ::getpid();
-            m_watch.emplace(KesaRuntime::getInstance()->reasons()->holds());
+            start(processName, fallbackDocument);
         }
     }
     Impl(const Impl&) = delete;
@@ -105,16 +98,31 @@ public:
     }
 
 private:
+    void start(const std::string& processName, const std::string& fallbackDocument)
+    {
+        m_signals.emplace();
+        if (KesaRuntime::initInstance(processName, fallbackDocument)) {
+            KesaRuntime::shutdown(); // an instance is there all the same
+            m_signals.reset();
+            m_error = fmt::format("the runtime '{}' did not start: its configuration names no backend, or no registry "
+                                  "that one can reach; 'kesactl check-config' explains what is wrong with it",
+                                  processName);
+            return;
+        }
+        m_isRunning = true;
+        startedIn = ::getpid();
+        m_watch.emplace(KesaRuntime::getInstance()->reasons()->holds());
+    }
     int wait(comm::TimeNs deadline)
     {
-        const int signal = m_signals.wait(deadline);
+        const int signal = m_signals->wait(deadline);
         if (signal != 0 && m_watch) {
             m_watch->expectEnd();
         }
         return signal;
     }
 
-    detail::EndSignals m_signals; ///< first: before the runtime's threads
+    std::optional<detail::EndSignals> m_signals; ///< from before the runtime's threads on
     bool m_isRunning = false;
     std::optional<detail::HoldWatch> m_watch; ///< while it runs
     std::string m_error;

@@ -21,7 +21,8 @@ namespace kesa {
 ///
 /// Make it first in `main`, before any thread: it blocks SIGINT and SIGTERM in the calling thread, and a thread made
 /// afterwards inherits that; one that was there before is traced (3), since a signal that it takes ends the process. A
-/// program started with `exec` does, too. SIGPIPE is left as it is: no socket of the runtime raises it.
+/// child of a fork and a program started with `exec` do, too, and have to let them through themselves. SIGPIPE is left
+/// as it is: no socket of the runtime raises it.
 ///
 /// The first of the two that comes ends `runUntilSignal`, and `kesa::get` and `kesa::connect` wherever they wait: these
 /// fail with "interrupted by SIGINT". So do those that are called afterwards, until `runUntilSignal` has returned: what

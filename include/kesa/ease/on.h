@@ -41,12 +41,47 @@ public:
     /// Who feeds it asks for the stream again: the handler hears nothing of an end.
     void askedAgain() noexcept { m_isAskedAgain = true; }
     bool isAskedAgain() const noexcept { return m_isAskedAgain; }
+    /// It has dropped a response.
+    void loopEnded() noexcept { m_hasLoopEnded = true; }
+    bool hasLoopEnded() const noexcept { return m_hasLoopEnded; }
 
 private:
     const std::string m_loop;
     std::atomic<std::size_t> m_bytes{0};
     std::atomic<bool> m_isFull{false};
     std::atomic<bool> m_isAskedAgain{false};
+    std::atomic<bool> m_hasLoopEnded{false};
+};
+
+/// A response on its way to a loop. Its room is taken until it has been handled, or was dropped, since the loop has
+/// ended.
+class WaitingResponse {
+public:
+    /// After `take`.
+    WaitingResponse(std::shared_ptr<LoopRoom> room, const Response& response)
+        : m_room(std::move(room)), m_response(response)
+    {}
+    WaitingResponse(WaitingResponse&&) noexcept = default;
+    WaitingResponse& operator=(WaitingResponse&&) = delete;
+    ~WaitingResponse()
+    {
+        if (m_room) {
+            m_room->give(m_response);
+            if (!m_isHandled) {
+                m_room->loopEnded();
+            }
+        }
+    }
+    const Response& handled() noexcept
+    {
+        m_isHandled = true;
+        return m_response;
+    }
+
+private:
+    std::shared_ptr<LoopRoom> m_room;
+    Response m_response;
+    bool m_isHandled = false;
 };
 
 /// How who feeds a handler of `on` finds its room.
@@ -131,10 +166,10 @@ private:
             }
             return true;
         }
-        return send([shared = m_shared, room = room, value] {
-            shared->call([&](auto& handler) { handler.onNext(value); });
-            room->give(value);
+        const bool isGone = send([shared = m_shared, waiting = WaitingResponse(room, value)]() mutable {
+            shared->call([&](auto& handler) { handler.onNext(waiting.handled()); });
         });
+        return isGone || room->hasLoopEnded();
     }
 
     /// True when there is no loop any more.

@@ -12,12 +12,14 @@
 #include <obr/GlobalErrorHandler.h>
 #include <tracing/CapturingSink.h>
 
+#include <SimulatedTime.h>
 #include <future>
 #include <thread>
 
 namespace {
 
 using namespace kesa;
+using kesa::test::SimulatedTime;
 using testing::ElementsAre;
 
 class Values : public testing::Test {
@@ -187,6 +189,29 @@ TEST_F(Values, APropertyRefusesWhatItsCheckThrowsAndNothingElse)
     EXPECT_EQ(ask("retrieve"), "2");
     EXPECT_THAT(traces.take(), ElementsAre(testing::HasSubstr("onChange has thrown, and the value stays: no mixer")));
     EXPECT_THAT(told, ElementsAre("1", "2", "=2"));
+}
+
+class ChangesOnALoop : public SimulatedTime, public testing::Test {};
+
+// An "update" brought the I/O loop to the changes of a busy thread, and it told those and did nothing else any more.
+TEST_F(ChangesOnALoop, AreToldOneATurnBeyondItsOwn)
+{
+    const auto loop = comm::Scheduler::current().makeReactor("io");
+    std::vector<std::string> told;
+    Property<int> property(0, [&](const int& v) {
+        told.push_back("=" + std::to_string(v));
+        if (v % 10 < 3) {
+            property.set(v + 1);
+        }
+    });
+    loop->post([&] { property.set(10); });
+    loop->post([&] { told.emplace_back("another"); });
+    scheduler.runReady();
+    EXPECT_THAT(told, ElementsAre("=10", "another", "=11", "=12", "=13"));
+    loop->post([&] { property.set(20); });
+    loop->stop();
+    scheduler.runReady();
+    EXPECT_THAT(told, ElementsAre("=10", "another", "=11", "=12", "=13", "=20", "=21", "=22", "=23")) << "none is lost";
 }
 
 TEST_F(Values, APropertyThatIsSetInItsOwnCheckSaysSo)

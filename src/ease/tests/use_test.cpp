@@ -309,6 +309,11 @@ TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
     bring(3);
     scheduler.runReady();
     EXPECT_THAT(takeTold(), ElementsAre(size, HasSubstr("503: too slow: "))) << "for whom nobody asks again";
+
+    worker->stop();
+    EXPECT_TRUE(service->handlers[1]->onNext(Response())) << "nobody takes what the follower gets any more";
+    scheduler.runFor(2 * comm::SECOND);
+    EXPECT_EQ(service->requests.size(), 3U) << "and nobody asks for it";
 }
 
 TEST_F(Use, CallsNothingAfterItsEnd)
