@@ -1,5 +1,6 @@
 #include "ClientImpl.h"
 #include "isGiven.h"
+#include "resourceError.h"
 
 #include <kesa/ease/use.h>
 
@@ -65,6 +66,10 @@ void* Client::request(const Request& request, std::unique_ptr<IResponseHandler<R
     if (!detail::isGiven(handler, "kesa::Client::request is given no handler: give it kesa::handler<kesa::Response>")) {
         return UNDEFINED_REQUEST_HANDLE;
     }
+    if (const auto error = detail::resourceError(request)) {
+        handler->onError(*error);
+        return UNDEFINED_REQUEST_HANDLE;
+    }
     return m_impl->request(request, std::move(handler));
 }
 
@@ -103,6 +108,11 @@ void Client::onChange(util::UniqueFunction<void(bool)> handler)
 Disposable Client::follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler)
 {
     if (!detail::isGiven(handler, "kesa::Client::follow is given no handler: give it kesa::handler<kesa::Response>")) {
+        return {};
+    }
+    if (const auto error = detail::resourceError(request)) {
+        const auto refused = std::move(handler);
+        refused->onError(*error);
         return {};
     }
     const auto impl = m_impl;

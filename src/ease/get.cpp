@@ -1,10 +1,10 @@
 #include "Interruption.h"
+#include "resourceError.h"
 #include "waiting.h"
 
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/onAnyLoop.h>
-#include <kesa/Path.h>
 #include <kesa/ease/Client.h>
 #include <kesa/ease/get.h>
 #include <kesa/headers.h>
@@ -200,8 +200,8 @@ GetResult get(IKesaApi& api, Request request, Duration limit)
     if (!result.error.empty()) {
         return result;
     }
-    if (const std::string& path = request.getPath(); !path.empty() && path.front() != '/') {
-        setError(result, Response::createErrorResponse(400, Path::complaintAbout(path)));
+    if (const auto error = detail::resourceError(request)) {
+        setError(result, *error);
         return result;
     }
     if (const int signal = detail::Interruption::current(); signal != 0) {

@@ -56,7 +56,8 @@ public:
     ~Client() override;
 
     /// As for every client object. While there is nothing to send to, `handler` is told 503 and the reason inside this
-    /// call (400, when the path is none), stays the caller's, and `UNDEFINED_REQUEST_HANDLE` is returned.
+    /// call (400, when the path is none, or the resource, which begins with '/'), stays the caller's, and
+    /// `UNDEFINED_REQUEST_HANDLE` is returned.
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
     void cancel(void* handle) noexcept override;
 
@@ -106,7 +107,8 @@ public:
     /// following.
     ///
     /// Disposing ends it: nothing is called after that returns, and `handler` is destroyed without a call. Of a client
-    /// that has ended, or whose path is none, `handler` is told the error inside this call.
+    /// that has ended, or whose path is none, `handler` is told the error inside this call; so it is, 400, of a
+    /// resource that does not begin with '/'. An empty one is the service itself, as "/" is.
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
     template <class Function, std::enable_if_t<std::is_invocable_v<Function&, const Response&>, int> = 0>
     Disposable follow(const Request&, const Function&)

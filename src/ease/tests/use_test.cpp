@@ -387,7 +387,7 @@ TEST_F(Use, EveryEndWaitsForAHandlerThatRuns)
     }
 }
 
-TEST_F(Use, WithoutAHandlerSaysWhatToDo)
+TEST_F(Use, RefusesWithoutAHandlerOrForNoResourceAndSaysWhatToDo)
 {
     Lines complaints;
     const auto before = obr::GlobalErrorHandler::setHandler(
@@ -399,6 +399,12 @@ TEST_F(Use, WithoutAHandlerSaysWhatToDo)
     provide(runtime, "/q", service)->whenKnown({});
     EXPECT_EQ(on(nullptr, std::unique_ptr<IResponseHandler<int>>()), nullptr);
     EXPECT_EQ(on(nullptr, std::shared_ptr<IKesaApi>()), nullptr);
+    takeTold();
+    client->follow(Request("retrieve", "feed"), noteTexts(told)).dispose();
+    client->request(Request("retrieve", "feed"), noteTexts(told));
+    const std::string none =
+        "400: 'feed' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end";
+    EXPECT_THAT(takeTold(), ElementsAre(none, "~", none, "~"));
     EXPECT_TRUE(service->requests.empty());
     obr::GlobalErrorHandler::setHandler(before);
     const auto saysSo = [](const char* where) {
