@@ -2,6 +2,7 @@
 #define KESA_EASE_CLIENTIMPL_H
 
 #include "Follow.h"
+#include "ServedLoops.h"
 
 #include <comm/Condition.h>
 #include <fmt/format.h>
@@ -40,6 +41,8 @@ public:
     Disposable follow(Request request, std::unique_ptr<IResponseHandler<Response>>&& handler);
     /// For a client of our own, whose streams the user does not know; before the first of them.
     void traceNoFollowing() { m_followName.clear(); }
+    /// Where this process serves what this is connected to, if `on` has a part in it; else null.
+    std::shared_ptr<const detail::ServedLoop> servedHere() const;
     /// Each caller waits for the handlers that are running, not only the first.
     void end();
     /// The error and its status; without one it is connected.

@@ -15,6 +15,17 @@ bool Client::Impl::isConnected() const
     return m_isConnected;
 }
 
+std::shared_ptr<const detail::ServedLoop> Client::Impl::servedHere() const
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_isConnected) {
+        return nullptr;
+    }
+    const std::vector<url> locators = m_resolved;
+    lock.unlock();
+    return detail::ServedHere::find(m_runtime, locators);
+}
+
 std::string Client::Impl::reason(std::optional<bool> hasAnswered) const
 {
     std::unique_lock<std::mutex> lock(m_mutex);

@@ -1,4 +1,5 @@
 #include "Interruption.h"
+#include "ServedLoops.h"
 #include "resourceError.h"
 #include "waiting.h"
 
@@ -197,6 +198,9 @@ GetResult get(IKesaApi& api, Request request, Duration limit)
 {
     GetResult result;
     result.error = detail::refusalToWait("kesa::get", "call IKesaApi::request with a handler");
+    if (result.error.empty()) {
+        result.error = detail::refusalToWaitFor(api);
+    }
     if (!result.error.empty()) {
         return result;
     }

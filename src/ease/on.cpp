@@ -1,3 +1,4 @@
+#include "ServedLoops.h"
 #include "isGiven.h"
 
 #include <comm/endThrown.h>
@@ -82,11 +83,18 @@ private:
     std::shared_ptr<OpenRequest> m_open; ///< until it is served
 };
 
-class LoopService final : public IKesaApi {
+class LoopService final : public IKesaApi, public detail::HasServedLoop {
 public:
     LoopService(const std::shared_ptr<comm::ActiveObject>& activeObject, std::shared_ptr<IKesaApi> service)
         : m_activeObject(activeObject), m_served(std::make_shared<Served>(std::move(service)))
-    {}
+    {
+        servedLoop = std::make_shared<detail::ServedLoop>(activeObject);
+        if (activeObject && activeObject->isCurrentThread()) {
+            servedLoop->noteHere();
+        } else {
+            send([noted = servedLoop] { noted->noteHere(); });
+        }
+    }
     ~LoopService() override
     {
         for (const auto& open : m_requests.close()) {

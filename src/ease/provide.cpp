@@ -4,6 +4,7 @@
 //
 // One that ends before it is answered withdraws nothing until it is, see `end`. Whoever provides the path meanwhile
 // would be refused for it, so he registers when that answer has come: `Ending`.
+#include "ServedLoops.h"
 #include "isGiven.h"
 #include "registryClient.h"
 #include "waiting.h"
@@ -186,9 +187,15 @@ private:
         }
         Disposable registration;
         const auto registerAt = [&](IRuntimeRegistry& runtime) {
+            // In the handler, which the runtime keeps for as long as it serves the path.
+            auto provided = [self = shared_from_this(),
+                             here = servedHere(runtime, service.get())](const ServiceDef& record) {
+                here->registered(record.locators);
+                self->provided(record);
+            };
             registration = runtime.registerService(
                 m_path, std::move(service), ServiceDef::TypeEnum::pex, metainfo,
-                handler<ServiceDef>([self = shared_from_this()](const ServiceDef& record) { self->provided(record); },
+                handler<ServiceDef>(std::move(provided),
                                     [self = shared_from_this()](const Response& error) { self->refused(error); }));
         };
         if (m_runtime != nullptr) {
@@ -203,6 +210,12 @@ private:
             lock.unlock();
             registration.dispose();
         }
+    }
+
+    static std::shared_ptr<detail::ServedHere> servedHere(const IRuntimeRegistry& runtime, const IKesaApi* service)
+    {
+        const auto* const onLoop = dynamic_cast<const detail::HasServedLoop*>(service);
+        return std::make_shared<detail::ServedHere>(&runtime, onLoop == nullptr ? nullptr : onLoop->servedLoop);
     }
 
     void provided(const ServiceDef& record)

@@ -23,6 +23,7 @@ struct ConnectResult;
 namespace detail {
 
 std::shared_ptr<Client> registryClient(runtime::v02::IRuntimeRegistry* runtime);
+std::string refusalToWaitFor(const IKesaApi& api);
 
 template <class>
 inline constexpr bool misused = false;
@@ -126,6 +127,7 @@ public:
 private:
     friend class Connecting;
     friend std::shared_ptr<Client> detail::registryClient(runtime::v02::IRuntimeRegistry* runtime);
+    friend std::string detail::refusalToWaitFor(const IKesaApi& api);
     class Impl;
     void wait(std::chrono::nanoseconds timeout, ConnectResult& result);
     std::string reasonWhenAsked(bool hasRegistryAnswered) const;

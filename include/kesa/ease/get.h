@@ -36,6 +36,8 @@ struct GetResult {
 /// A resource begins with '/': another text fails at once, with 400. An empty one is the service itself, as "/" is.
 ///
 /// Not on the runtime's threads, which deliver the answer: on an executor, an updater or an I/O loop it fails at once.
+/// So it does on a loop, for a service of this process that is served on the same loop (`kesa::provide` of what
+/// `kesa::on` has returned), where it would wait for itself. A ring over several loops is not seen: it ends with 504.
 /// `api` stays alive during the call, and it is connected: `get` waits for the answer, not for the connection. One that
 /// `kesa::use` has just made is not yet; `kesa::connect` and the `get` that is given a path wait for it.
 [[nodiscard]] KESA_API GetResult get(IKesaApi& api, Request request, Duration timeout);

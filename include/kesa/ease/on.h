@@ -216,7 +216,8 @@ template <class T>
 /// order, and with the `RequestContext` and deadline they came with, but for its `stream`. It answers from any thread,
 /// and after a cancel none of its answers reaches the client. `activeObject` is held weakly: without it, or once it has
 /// stopped, requests are answered 503 "the loop given to kesa::on has ended", which is traced once (3) on "KESA_EASE".
-/// An exception out of the service ends the process; a trace (4) there names the request before.
+/// An exception out of the service ends the process; a trace (4) there names the request before. Services that ask each
+/// other with `kesa::get` need a loop each: one that waits serves nothing meanwhile.
 [[nodiscard]] KESA_API std::shared_ptr<IKesaApi> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
                                                     std::shared_ptr<IKesaApi> service);
 

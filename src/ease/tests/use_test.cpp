@@ -126,6 +126,34 @@ TEST_F(Use, SaysWhyACallHasNoAnswer)
     EXPECT_EQ(service->open(), 0U) << "cancelled";
 }
 
+TEST_F(Use, RefusesToWaitOnTheLoopThatServesIt)
+{
+    const auto worker = std::make_shared<comm::ActiveObject>("worker");
+    const auto asked = [&worker](IKesaApi& api) {
+        std::string error;
+        comm::runAndWait(*worker, [&] { error = get(api, Request("retrieve", "/"), 0s).error; });
+        return error;
+    };
+    const std::string itself = ", which is served on the same loop (kesa::on): it would wait for itself; call request "
+                               "with a handler, or serve the one that asks on a loop of its own";
+    const auto served = on(worker, Api(service));
+    EXPECT_EQ(asked(*served), "kesa::get can not wait on the loop 'worker' for the service" + itself);
+    const auto registration = provide(runtime, "/p", served);
+    runtime.registrator->onNext(PlayedRuntime::record("ipc://p/p"));
+    connect();
+    EXPECT_EQ(asked(*client), "kesa::get can not wait on the loop 'worker' for '/p'" + itself);
+    const auto waited = HasSubstr("504: no answer");
+    EXPECT_THAT(call(), waited) << "in another thread";
+    runtime.added("ipc://other/p");
+    runtime.connected(service);
+    EXPECT_THAT(asked(*client), waited) << "another provides it";
+    runtime.added("ipc://p/p");
+    runtime.connected(service);
+    EXPECT_THAT(asked(*client), HasSubstr(itself));
+    runtime.registrator.reset();
+    EXPECT_THAT(asked(*client), waited) << "this process does not provide it any more";
+}
+
 TEST_F(Use, FollowsAStreamOverEachConnection)
 {
     auto feed = follow();
