@@ -105,6 +105,10 @@ public:
     /// The process at the other end is stopped, by a signal or a debugger, as far as that can be known. Any thread.
     virtual bool isStopped(const PeerIdentity& /*peer*/) const { return false; }
 
+    /// Who has the endpoint's name and cannot be found under it, since what others find him by was removed, and what to
+    /// do; empty when it is not so, or cannot be known. Any thread.
+    virtual std::string whoCannotBeFound(const Endpoint& /*endpoint*/) const { return {}; }
+
     /// Reads the authority of a locator of this scheme; absent when it is malformed.
     virtual std::optional<Endpoint> parse(const url& locator) const = 0;
     /// Whether it is of this realm, or may be, where that cannot be read at the moment: then `connect` says what is

@@ -62,8 +62,9 @@ ssize_t send(int socket, std::span<const iovec> from)
 
 } // namespace
 
-IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side)
-    : m_loop(std::move(loop)), m_socket(std::move(socket))
+IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side,
+                     util::UniqueFunction<void()> closed)
+    : m_loop(std::move(loop)), m_socket(std::move(socket)), m_closed(std::move(closed))
 {
     setSendBuffer(m_socket.get());
     if (side == Side::eCONNECTED) {
@@ -212,6 +213,9 @@ void IpcStream::close()
     m_pidfd.reset();
     m_socket.reset();
     m_listener = nullptr;
+    if (auto closed = std::exchange(m_closed, nullptr)) {
+        closed();
+    }
 }
 
 void IpcStream::watchPeer()

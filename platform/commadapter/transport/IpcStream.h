@@ -17,7 +17,9 @@ class IpcStream final : public IStream {
 public:
     /// `eCONNECTED` knows its peer at once, `eACCEPTED` by the credentials of the first bytes.
     enum class Side { eCONNECTED, eACCEPTED };
-    IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side);
+    /// `closed` is called by the first `close`, and calls nobody of the stream's owners.
+    IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side,
+              util::UniqueFunction<void()> closed = {});
     ~IpcStream() override;
     IpcStream(const IpcStream&) = delete;
     IpcStream& operator=(const IpcStream&) = delete;
@@ -43,6 +45,7 @@ private:
 
     const std::shared_ptr<comm::Reactor> m_loop;
     Descriptor m_socket;
+    util::UniqueFunction<void()> m_closed;
     IStreamListener* m_listener = nullptr;
     comm::Reactor::Id m_watch = 0;
     PeerIdentity m_peer;

@@ -9,6 +9,7 @@
 #include "transport/EndpointWatch.h"
 #include "transport/IpcStream.h"
 #include "transport/NameClaim.h"
+#include "transport/NameLock.h"
 #include "transport/RunDirectory.h"
 #include "transport/usersAndGroups.h"
 
@@ -96,6 +97,7 @@ public:
     {
         return comm::isProcessStopped(static_cast<pid_t>(peer.pid));
     }
+    std::string whoCannotBeFound(const Endpoint& endpoint) const override;
     std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }
     bool canHandle(const Endpoint& endpoint) const override
     {
@@ -216,7 +218,12 @@ void IpcTransport::acceptAll()
         auto socket =
             Descriptor::open([this] { return ::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
         if (socket) {
-            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eACCEPTED));
+            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eACCEPTED,
+                                                 [weak = std::weak_ptr(m_self)] {
+                                                     if (const auto self = weak.lock()) {
+                                                         (*self)->lookForOwnSocket();
+                                                     }
+                                                 }));
         } else if (errno == EAGAIN) {
             m_isLimitTraced = false;
             return;
@@ -332,8 +339,9 @@ void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)
     m_tried[endpoint.process] = file;
 }
 
-/// Whoever is missed was perhaps removed together with this process. Only then it is looked for: to watch it all the
-/// time would take one of the few inotify instances that all processes of a user share.
+/// Whoever is missed was perhaps removed together with this process, and a client that goes may come back. Only then it
+/// is looked for: to watch it all the time would take one of the few inotify instances that all processes of a user
+/// share.
 void IpcTransport::lookForOwnSocket()
 {
     const std::optional<Endpoint> own = ownEndpoint();
@@ -349,6 +357,20 @@ void IpcTransport::lookForOwnSocket()
                                     "it; restart it, and keep cleaners out of the run directory",
                                     path));
     }
+}
+
+/// Where the file of the lock was removed as well, all processes of the machine would have to be looked into, which is
+/// for a tool.
+std::string IpcTransport::whoCannotBeFound(const Endpoint& endpoint) const
+{
+    struct stat status {};
+    const std::string path = m_runDirectory.path() + '/' + socketFileName(endpoint.process);
+    const bool isGone = ::lstat(path.c_str(), &status) != 0 && errno == ENOENT;
+    const pid_t holder = isGone ? findNameHolder(m_runDirectory.path(), endpoint.process) : 0;
+    return holder == 0 ? std::string()
+                       : fmt::format("process {} has that name, but somebody has removed its socket; restart it, and "
+                                     "keep cleaners out of the run directory",
+                                     holder);
 }
 
 ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)

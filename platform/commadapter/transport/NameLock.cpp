@@ -247,6 +247,13 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
     return false;
 }
 
+pid_t findNameHolder(const std::string& directory, const std::string& process)
+{
+    struct stat status {};
+    const std::string path = directory + '/' + encodeProcessName(process) + ENDING;
+    return ::lstat(path.c_str(), &status) == 0 ? findHolder(status) : 0;
+}
+
 LockFileProblem examineLockFile(int directory, const std::string& encodedName)
 {
     const std::string file = encodedName + ENDING;

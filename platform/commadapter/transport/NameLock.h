@@ -3,6 +3,8 @@
 
 #include "transport/Descriptor.h"
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace kesa::commadapter::transport {
@@ -12,6 +14,10 @@ namespace kesa::commadapter::transport {
 /// but a process that is being ended by the kernel, two seconds at most.
 [[nodiscard]] bool takeNameLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
                                 std::string& why);
+
+/// Who has the lock of a name in the directory at this path; 0 when nobody has, or nobody that the kernel tells of.
+/// Takes no lock.
+pid_t findNameHolder(const std::string& directory, const std::string& process);
 
 /// Why a lock file that is there keeps users from a name that their rights in the directory would give them.
 struct LockFileProblem {

@@ -105,8 +105,11 @@ std::string ClientConnection::whyNot(const ClientState& client) const
         const comm::TimeNs begun = isOpen() ? std::max(m_openedAt, client.begun) : client.begun;
         return "no connection yet (begun " + std::to_string((now - begun) / comm::MILLISECOND) + " ms ago)";
     }
-    const std::string source = destination.transport->runDirectorySource();
-    return source.empty() ? reason : reason + " (run directory by " + source + ')';
+    if (const std::string source = destination.transport->runDirectorySource(); !source.empty()) {
+        reason += " (run directory by " + source + ')';
+    }
+    const std::string who = isOpen() ? std::string() : destination.transport->whoCannotBeFound(destination.endpoint);
+    return who.empty() ? reason : reason + "; " + who;
 }
 
 // ---- client objects -----------------------------------------------------------------------------------------------
