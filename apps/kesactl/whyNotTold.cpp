@@ -4,6 +4,7 @@
 #include "RunDirectoryFacts.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "seenByProvider.h"
 
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
@@ -57,6 +58,40 @@ Verdict explainUnknown(const std::string& process, const kesa::url& registry)
             {}};
 }
 
+/// Of one that is told, and takes what the provider sends it too slowly.
+Verdict explainTooSlow(const SeenByProvider& seen, const std::string& who, const std::string& provider)
+{
+    std::string text = fmt::format(
+        "the registry tells {} of it, but it takes what {} sends more slowly than that comes", who, provider);
+    if (seen.queuedBytes > 0) {
+        text += fmt::format("; {} bytes wait for it", seen.queuedBytes);
+    }
+    if (seen.cutStreams > 0) {
+        text += fmt::format("; {} of its streams ended as \"too slow\"", seen.cutStreams);
+    }
+    if (seen.isHeld) {
+        text += fmt::format("; {} reads no request of it until it has taken its answers", provider);
+    }
+    return {"too-slow",
+            std::move(text),
+            "a handler of it takes too long: give the handler a loop of its own with kesa::on, or let the service send "
+            "less; its log names one that holds its I/O loop ([loop])",
+            {}};
+}
+
+/// What there is between a process that is told and the provider, where nothing is in the way.
+std::string useOf(const SeenByProvider& seen, const std::string& provider)
+{
+    if (!seen.isKnown || seen.isAsked) {
+        return {};
+    }
+    return seen.isConnected
+               ? fmt::format("; it is connected to {}, and asks it for nothing at the moment", provider)
+               : fmt::format("; it has not connected to {}: it tracks the service and does not resolve it, or what "
+                             "kesa::use or connect has returned was dropped",
+                             provider);
+}
+
 /// Of a process that is told of the service.
 Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid)
 {
@@ -67,7 +102,14 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the provider",
                 {}};
     }
-    return {std::string(Verdict::WORKS), fmt::format("the registry tells {} (process {}) of it", process, pid), {}, {}};
+    const std::string who = fmt::format("{} (process {})", process, pid);
+    const std::string provider = explanation["holder"]["provider"].toText();
+    const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, comm::now() + comm::SECOND);
+    if (seen.isTooSlow()) {
+        return explainTooSlow(seen, who, provider);
+    }
+    return {
+        std::string(Verdict::WORKS), fmt::format("the registry tells {} of it{}", who, useOf(seen, provider)), {}, {}};
 }
 
 /// What the record has instead of the metadata that is asked for with `key`.

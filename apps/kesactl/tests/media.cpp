@@ -6,13 +6,15 @@
 // it names what is no such list. "media NAME" is a process of that name, which says why it is refused, and ends when
 // both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
 // brief" withdraws what it has as soon as it is known. "media held" provides "/held" alone, and a handler holds a loop
-// of its runtime from when "/media/player" is there; "media mute" is the same without "/held".
+// of its runtime from when "/media/player" is there; "media mute" is the same without "/held". "media slow" follows
+// "/flood" of "/media/player" three times, which sends 2 MiB each time, with a handler that never returns.
 
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/found.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/resources.h>
+#include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/reasonOf.h>
@@ -86,6 +88,12 @@ std::shared_ptr<kesa::ResourceHandler> makePlayer()
         static_cast<void>(responder.next(json("1")));
         kept->push_back(std::move(responder));
     });
+    player->onRetrieve("/flood", [kept](const Request&, Responder responder) {
+        const Payload much = Payload::createFromString(std::string(std::size_t{256} << 10, ' '), kesa::mimetypes::TEXT);
+        for (int values = 8; values > 0 && !responder.next(much); --values) {
+        }
+        kept->push_back(std::move(responder));
+    });
     player->onRetrieve("/limit", [](const Request&) { return kesa::RequestContext::deadline().has_value(); });
     player->onRetrieve("/room", [](const Request& request) { return request.getHeader("room"); });
     addAnswersThatAreHardToShow(*player);
@@ -134,6 +142,26 @@ void holdUntil(const sigset_t& ends, bool isMute)
     end.set_value();
 }
 
+/// Takes nothing of what it follows until it is to end.
+void takeNothingUntil(const sigset_t& ends)
+{
+    std::promise<void> end;
+    const std::shared_future<void> ended = end.get_future().share();
+    const auto player = kesa::use("/media/player");
+    std::vector<kesa::Disposable> followed;
+    for (int streams = 3; streams > 0; --streams) {
+        followed.push_back(
+            player->follow(Request("retrieve", "/flood"),
+                           kesa::handler<kesa::Response>([ended](const kesa::Response&) { ended.wait(); })));
+    }
+    std::puts("started");
+    std::fflush(stdout);
+    int signal = 0;
+    sigwait(&ends, &signal);
+    end.set_value();
+    player->end();
+}
+
 } // namespace
 
 int main(int count, char** arguments)
@@ -148,6 +176,11 @@ int main(int count, char** arguments)
     }
     if (name == "held" || name == "mute") {
         holdUntil(ends, name == "mute");
+        KesaRuntime::shutdown();
+        return 0;
+    }
+    if (name == "slow") {
+        takeNothingUntil(ends);
         KesaRuntime::shutdown();
         return 0;
     }

@@ -1,0 +1,53 @@
+#include "seenByProvider.h"
+
+#include "Verdict.h"
+#include "askProcesses.h"
+
+namespace kesactl {
+namespace {
+
+using util::config::Value;
+
+SeenByProvider askOnce(const std::string& provider, const std::string& name, std::int64_t pid, comm::TimeNs deadline)
+{
+    const Value answer = askProcesses({provider}, deadline).at(provider).answer;
+    const auto& connections = answer["connections"].items();
+    SeenByProvider seen;
+    for (const Value& connection : connections) {
+        const bool isIts =
+            connection["pid"].isInteger() ? integerOf(connection["pid"]) == pid : connection["process"] == Value(name);
+        if (connection["openedBy"] != Value("peer") || !isIts) {
+            continue;
+        }
+        seen.isConnected = true;
+        seen.isAsked =
+            seen.isAsked || !connection["openRequests"].isInteger() || integerOf(connection["openRequests"]) != 0;
+        seen.isHeld = seen.isHeld || connection["held"] == Value(true);
+        seen.queuedBytes += integerOf(connection["queuedBytes"]);
+        seen.cutStreams += integerOf(connection["cutStreams"]);
+    }
+    const bool areAllNamed = integerOf(answer["connectionCount"]) == static_cast<std::int64_t>(connections.size());
+    seen.isKnown = answer.isDefined() && (seen.isConnected || areAllNamed);
+    return seen;
+}
+
+} // namespace
+
+bool SeenByProvider::isTooSlow() const noexcept
+{
+    // What waits in a process does so behind a full buffer of the kernel.
+    constexpr std::int64_t MUCH = std::int64_t{64} << 10;
+    return isHeld || cutStreams > 0 || queuedBytes > MUCH;
+}
+
+SeenByProvider askProviderAbout(const std::string& provider, const std::string& name, std::int64_t pid,
+                                comm::TimeNs deadline)
+{
+    const SeenByProvider seen = askOnce(provider, name, pid, deadline);
+    if (!seen.isTooSlow() || seen.cutStreams > 0) {
+        return seen;
+    }
+    return askOnce(provider, name, pid, deadline); // it may just have been sent something large
+}
+
+} // namespace kesactl

@@ -1,0 +1,30 @@
+#ifndef KESACTL_SEENBYPROVIDER_H
+#define KESACTL_SEENBYPROVIDER_H
+
+#include <comm/Clock.h>
+
+#include <cstdint>
+#include <string>
+
+namespace kesactl {
+
+/// What a process says of the connections that another one has made to it.
+struct SeenByProvider {
+    bool isKnown = false; ///< else it has not answered, or not named all
+    bool isConnected = false;
+    bool isAsked = false;         ///< a request is open, or how many are was not counted
+    bool isHeld = false;          ///< it does not read on, since the other does not take its answers
+    std::int64_t queuedBytes = 0; ///< what waits in it for the other
+    std::int64_t cutStreams = 0;  ///< ended as "too slow"
+
+    bool isTooSlow() const noexcept;
+};
+
+/// Asks `provider`, by its name as in locators, about the process that has `pid` or, where the kernel does not tell,
+/// `name`. Blocks until the deadline at the latest.
+SeenByProvider askProviderAbout(const std::string& provider, const std::string& name, std::int64_t pid,
+                                comm::TimeNs deadline);
+
+} // namespace kesactl
+
+#endif
