@@ -270,6 +270,36 @@ TEST_F(BackendLiveness, SilentPeerThatOwesAnAnswerIsGivenUpUnlessThisProcessSlep
     EXPECT_TRUE(client->isConnected()) << "it heals";
 }
 
+// Both have read much in one go that takes long to handle, a little in each turn, and read nothing meanwhile: the
+// answers to their pings wait in the stream.
+TEST_F(BackendLiveness, PeerWhoseBytesAreNotHandledYetIsNotSilent)
+{
+    std::shared_ptr<IPeer> peer;
+    service.onRequest = [&peer](const Request&) {
+        peer = RequestContext::current()->peer;
+        work(10);
+    };
+    const auto stream = client->request(persistent());
+    client->request(single);
+    settle();
+    stream->onValue = [] { work(10); };
+    const auto values = service.handlers().front();
+    scheduler->pauseGroup(2);
+    std::optional<bool> isProven;
+    peer->proveAlive(comm::SECOND, [&isProven](bool isAlive) { isProven = isAlive; });
+    settle(); // the ping is on its way
+    for (int i = 0; i < 400; ++i) {
+        client->request(retrieve("/echo"));
+        EXPECT_FALSE(values->onNext(value("x")));
+    }
+    settle();
+    scheduler->continueGroup(2);
+    runFor(20'000);
+    EXPECT_EQ(isProven, true);
+    EXPECT_EQ(client->connections(), 1U);
+    EXPECT_THAT(stream->values, SizeIs(400));
+}
+
 // ---- proof of life, as a service asks for it ----------------------------------------------------------------------
 
 /// The client has a request open at the service, which keeps its peer.
