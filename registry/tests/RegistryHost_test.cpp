@@ -2,6 +2,7 @@
 // registry itself to its end.
 #include "tests/support.h"
 
+#include <Variable.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <runtime/v02/runtime/channels.h>
@@ -135,9 +136,8 @@ TEST_F(RegistryHostTest, RefusedOneLeavesTheOtherAlone)
 TEST_F(RegistryHostTest, RefusesAtOnceWhereTheRegistryIsElsewhere)
 {
     using runtime::v02::KesaRuntime;
-    setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    const kesa::test::Variable none("KESA_CONFIG_DIR", "/nonexistent");
     EXPECT_FALSE(KesaRuntime::initInstance("other", DOCUMENT));
-    unsetenv("KESA_CONFIG_DIR");
     makeHost(*KesaRuntime::getInstance(), "").reset();
     EXPECT_THAT(m_clients.told(),
                 ElementsAre(testing::StartsWith(

@@ -18,14 +18,8 @@ namespace fs = std::filesystem;
 
 Stage::Stage()
 {
-    std::string pattern = (fs::temp_directory_path() / "kesa-system-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("no directory like " + pattern);
-    }
-    m_directory = pattern;
-    m_runDirectory = m_directory + "/run";
-    ::chmod(m_directory.c_str(), 0755); // for nobody
-    ::signal(SIGPIPE, SIG_IGN);         // writing to a process that has died is for the test to notice
+    ::chmod(m_directory.path().c_str(), 0755); // for nobody
+    ::signal(SIGPIPE, SIG_IGN);                // writing to a process that has died is for the test to notice
     ::prctl(PR_SET_CHILD_SUBREAPER, 1);
 }
 
@@ -38,8 +32,6 @@ Stage::~Stage()
         ::kill(child, SIGKILL);
         ::waitpid(child, nullptr, 0);
     }
-    std::error_code ignored;
-    fs::remove_all(m_directory, ignored);
 }
 
 std::string Stage::complaintAbout(Process& process)
@@ -70,11 +62,11 @@ void Stage::discard(Process& process)
 Process& Stage::launchProgram(const std::string& name, const std::vector<std::string>& arguments,
                               const Options& options)
 {
-    const std::string file = m_directory + '/' + std::to_string(m_documents++) + ".json";
+    const std::string file = m_directory / (std::to_string(m_documents++) + ".json");
     std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm);
     const std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
                                                "KESA_TRACE=" + options.trace, "KESA_CONFIG=" + file};
-    return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory, options.isNobody});
+    return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory.path(), options.isNobody});
 }
 
 Process& Stage::launch(const std::string& process, const Options& options)

@@ -3,6 +3,8 @@
 
 #include "Process.h"
 
+#include <TemporaryFolder.h>
+
 #include <list>
 #include <string>
 #include <vector>
@@ -51,8 +53,8 @@ public:
 private:
     Process& launchProgram(const std::string& name, const std::vector<std::string>& arguments, const Options& options);
 
-    std::string m_directory;
-    std::string m_runDirectory;
+    const test::TemporaryFolder m_directory;
+    const std::string m_runDirectory = m_directory / "run";
     std::list<Process> m_processes;
     int m_documents = 0;
 };

@@ -9,6 +9,7 @@
 // of its runtime from when "/media/player" is there; "media mute" is the same without "/held". "media slow" follows
 // "/flood" of "/media/player" three times, which sends 2 MiB each time, with a handler that never returns.
 
+#include <json.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/found.h>
@@ -39,11 +40,7 @@ using kesa::Request;
 using kesa::Responder;
 using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::ServiceDef;
-
-Payload json(std::string text)
-{
-    return Payload::createFromString(std::move(text), kesa::mimetypes::JSON);
-}
+using kesa::test::json;
 
 void answerTitle(const Request& request, const Responder& responder)
 {

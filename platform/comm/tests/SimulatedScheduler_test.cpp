@@ -1,8 +1,8 @@
 // The simulated scheduler: one thread, an order that the seed alone decides, a clock in the test's hand.
 #include "support.h"
 
+#include <SimulatedTime.h>
 #include <comm/Scheduler.h>
-#include <comm/SimulatedScheduler.h>
 
 #include <optional>
 #include <set>
@@ -14,12 +14,9 @@ using testing::HasSubstr;
 
 namespace {
 
-class Simulated : public testing::Test {
+class Simulated : public kesa::test::SimulatedTime, public testing::Test {
 protected:
-    Simulated() { Scheduler::install(&sim); }
-    ~Simulated() override { Scheduler::install(nullptr); }
-
-    SimulatedScheduler sim{7};
+    SimulatedScheduler& sim = scheduler;
 };
 
 /// The order in which two loops with queues, turn ends and timers run under a seed.

@@ -1,10 +1,10 @@
 #ifndef COMM_TESTS_SUPPORT_H
 #define COMM_TESTS_SUPPORT_H
 
+#include <AssertionRecorder.h>
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
-#include <obr/GlobalErrorHandler.h>
 
 #include <ctime>
 #include <functional>
@@ -15,6 +15,8 @@
 #include <vector>
 
 namespace comm::test {
+
+using kesa::test::AssertionRecorder;
 
 /// Runs a function; tells at its end.
 class FunctionEvent final : public ActiveObjectEvent {
@@ -91,28 +93,6 @@ inline void workLong()
     while (ran() < end) {
     }
 }
-
-/// Keeps failed assertions instead of ending the process.
-class AssertionRecorder {
-public:
-    AssertionRecorder()
-        : m_before(obr::GlobalErrorHandler::setHandler([this](const obr::GlobalErrorHandler::Report& report) {
-              const std::lock_guard lock(m_mutex);
-              m_messages.emplace_back(report.message);
-          }))
-    {}
-    ~AssertionRecorder() { obr::GlobalErrorHandler::setHandler(m_before); }
-    std::vector<std::string> take()
-    {
-        const std::lock_guard lock(m_mutex);
-        return std::exchange(m_messages, {});
-    }
-
-private:
-    std::mutex m_mutex;
-    std::vector<std::string> m_messages;
-    obr::GlobalErrorHandler::Handler m_before;
-};
 
 } // namespace comm::test
 

@@ -4,23 +4,21 @@
 #include "backend_support.h"
 #include "transport/IpcTransport.h"
 
+#include <TemporaryFolder.h>
 #include <comm/Condition.h>
 
 #include <atomic>
-#include <filesystem>
 
 namespace kesa::commadapter::test {
 namespace {
 
 class BackendThreads : public testing::Test {
 protected:
-    ~BackendThreads() override { std::filesystem::remove_all(m_runDir); }
-
     std::unique_ptr<IBackend> makeBackend(const std::string& process)
     {
         auto backend = makeCommBackend(process, CommSettings(), [this](const std::shared_ptr<comm::Reactor>& loop) {
             std::vector<std::unique_ptr<transport::ITransport>> transports;
-            transports.push_back(transport::makeIpcTransport(transport::IpcSettings{m_runDir, 0600, {}}, loop));
+            transports.push_back(transport::makeIpcTransport(transport::IpcSettings{m_runDir.path(), 0600, {}}, loop));
             return transports;
         });
         backend->start();
@@ -40,15 +38,9 @@ protected:
     }
 
 private:
-    static std::string makeDirectory()
-    {
-        std::string directory = (std::filesystem::temp_directory_path() / "kesa-backend-XXXXXX").string();
-        return mkdtemp(directory.data());
-    }
-
     std::mutex m_lock;
     comm::Condition m_changed;
-    const std::string m_runDir = makeDirectory();
+    const kesa::test::TemporaryFolder m_runDir;
 };
 
 TEST_F(BackendThreads, CancelAndReleaseWaitForTheRunningCall)

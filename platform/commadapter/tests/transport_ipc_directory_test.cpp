@@ -4,6 +4,7 @@
 #include "transport/chooseRunDirectory.h"
 #include "transport_ipc_support.h"
 
+#include <Variable.h>
 #include <kesa/commadapter/whyUnreachable.h>
 #include <tracing/CapturingSink.h>
 
@@ -78,8 +79,8 @@ TEST_F(TransportIpc, NobodyIsSentIntoTheGroupOfRootOrOfAPerson)
     }
     const gid_t own = ::getegid();
     ASSERT_EQ(::setegid(65534), 0);
-    ::setenv("KESA_RUN_DIR", root.c_str(), 1);
-    ::setenv("KESA_CONFIG_DIR", root.c_str(), 1);
+    const kesa::test::Variable runDirectory("KESA_RUN_DIR", folder.path());
+    const kesa::test::Variable configuration("KESA_CONFIG_DIR", folder.path());
     const std::string path = (root / "media.sock").string();
     const int media = rawSocket(path, ::bind);
     const auto expectAdvice = [&path](uid_t owner, gid_t group, mode_t mode, const std::string& advice) {
@@ -102,8 +103,6 @@ TEST_F(TransportIpc, NobodyIsSentIntoTheGroupOfRootOrOfAPerson)
     ASSERT_EQ(::chmod(root.c_str(), 0750), 0);
     expectAdvice(0, 0, 0660, "its owner has to let a group of this user use it");
     ::close(media);
-    ::unsetenv("KESA_RUN_DIR");
-    ::unsetenv("KESA_CONFIG_DIR");
     ASSERT_EQ(::setegid(own), 0);
     ASSERT_EQ(::setgroups(groups.size(), groups.data()), 0);
 }

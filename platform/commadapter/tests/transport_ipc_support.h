@@ -3,6 +3,7 @@
 
 #include "transport/IpcTransport.h"
 
+#include <TemporaryFolder.h>
 #include <comm/Condition.h>
 #include <comm/Reactor.h>
 #include <comm/Scheduler.h>
@@ -263,25 +264,16 @@ struct Node {
 
 class TransportIpc : public testing::Test {
 protected:
-    TransportIpc()
-    {
-        std::string name = (fs::temp_directory_path() / "kesa-ipc-XXXXXX").string();
-        root = ::mkdtemp(name.data());
-        directory = (root / "run").string();
-    }
-    ~TransportIpc() override
-    {
-        fs::remove_all(root);
-        EXPECT_EQ(openDescriptors(), descriptors);
-    }
+    ~TransportIpc() override { EXPECT_EQ(openDescriptors(), descriptors); }
     bool appears(const Node& node, int times)
     {
         return board.waitUntil([&] { return node.appeared >= times; });
     }
 
     const std::size_t descriptors = openDescriptors();
-    fs::path root;
-    std::string directory;
+    const kesa::test::TemporaryFolder folder;
+    const fs::path root = folder.path();
+    std::string directory = folder / "run";
     Board board;
 };
 

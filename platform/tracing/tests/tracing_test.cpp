@@ -1,5 +1,6 @@
 // Channels, thresholds and sinks. What the environment sets, and what sinks say of themselves
 // and to the journal, is in the session trace_variables of kesactl.
+#include <TemporaryFolder.h>
 #include <obr/ErrorStorage.h>
 #include <tracing/CapturingSink.h>
 #include <tracing/Channel.h>
@@ -9,7 +10,6 @@
 
 #include <csignal>
 #include <fcntl.h>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <pty.h>
@@ -109,7 +109,7 @@ TEST_F(Tracing, TheEventLogIsDeafWithoutASink)
     EXPECT_TRUE(m_captured->take().empty());
 }
 
-std::string contentOf(const std::filesystem::path& file)
+std::string contentOf(const std::string& file)
 {
     std::ostringstream content;
     content << std::ifstream(file).rdbuf();
@@ -118,8 +118,9 @@ std::string contentOf(const std::filesystem::path& file)
 
 TEST_F(Tracing, WritesFilesInWholeEscapedLines)
 {
-    const std::filesystem::path file = testing::TempDir() + "kesa-trace-" + std::to_string(::getpid());
-    const auto sink = makeSink("file:" + file.string());
+    const kesa::test::TemporaryFolder folder;
+    const std::string file = folder / "trace";
+    const auto sink = makeSink("file:" + file);
     ASSERT_NE(sink, nullptr);
     // Of the bytes 0x9b, one is the end of a letter; "\xe2\x80" is cut off; U+202E would turn what follows around.
     EXPECT_EQ(makeSink(std::string("file:/tmp\0x", 11)), nullptr);
@@ -133,7 +134,6 @@ TEST_F(Tracing, WritesFilesInWholeEscapedLines)
                      "\\[C\\\\u000aH\\\\u001b\\[0m\\] peer says: x\\\\u000a2026 forged\\\\u0009\\\\u001b\\[0m é "
                      "\\\\u009b\\[1m \uFFFD\\[2m ś \u20ac \\\\u202eexe.\\\\u2066 \uFFFD\uFFFD\n"
                      "\\{\"event\":\"runtime\\\\u202d\"\\}\n"));
-    std::filesystem::remove(file);
 }
 
 void withStderr(int descriptor, const std::function<void()>& work)
@@ -232,7 +232,8 @@ private:
 // stderr is the one place left where that can be read; the second line is cut off.
 TEST_F(Tracing, SaysOnceThatAFileCannotBeWrittenAndThenWhatWasLost)
 {
-    const std::string file = testing::TempDir() + "kesa-full-" + std::to_string(::getpid());
+    const kesa::test::TemporaryFolder folder;
+    const std::string file = folder / "full";
     int pipe[2];
     ASSERT_EQ(::pipe(pipe), 0);
     const auto sink = makeSink("file:" + file);
@@ -254,7 +255,6 @@ TEST_F(Tracing, SaysOnceThatAFileCannotBeWrittenAndThenWhatWasLost)
     });
     EXPECT_THAT(drained(pipe[0]), once) << "another time, another line";
     EXPECT_EQ(contentOf(file), "{1}\n{2\nkesa: 2 lines lost, they could not be written\n{4}\n");
-    std::filesystem::remove(file);
     ::close(pipe[0]);
     ::close(pipe[1]);
 }

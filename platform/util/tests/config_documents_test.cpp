@@ -1,3 +1,5 @@
+#include <TemporaryFolder.h>
+#include <Variable.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/Dictionary.h>
 #include <util/config/InterfaceInformationProvider.h>
@@ -6,8 +8,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 
 namespace util::config {
@@ -40,15 +40,14 @@ TEST(JSONParser, ReadsDictionariesOnly)
 // Which document counts, and what is told of one that cannot be read, is in the session documents of kesactl.
 TEST(InterfaceVersions, ComeFromADocumentBesideTheConfiguration)
 {
-    std::string folder = testing::TempDir() + "kesa-config-XXXXXX";
-    ASSERT_NE(::mkdtemp(folder.data()), nullptr);
-    ::setenv("KESA_CONFIG_DIR", folder.c_str(), 1);
+    const kesa::test::TemporaryFolder folder;
+    const kesa::test::Variable configuration("KESA_CONFIG_DIR", folder.path());
     InterfaceInformationProvider& provider = InterfaceInformationProvider::instance();
     provider.forgetForTest();
     std::vector<std::string> versions{"kept"};
-    std::ofstream(folder + "/kesa.json") << "{}";
+    std::ofstream(folder / "kesa.json") << "{}";
     EXPECT_TRUE(provider.getInterfaceVersion("pex", "a/b", versions));
-    std::ofstream(folder + "/interfaces.json") << R"({"pex": {"a/b": ["1.0.0", "2.0.0"], "none": [], "bad": [1]}})";
+    std::ofstream(folder / "interfaces.json") << R"({"pex": {"a/b": ["1.0.0", "2.0.0"], "none": [], "bad": [1]}})";
     EXPECT_TRUE(provider.getInterfaceVersion("pex", "a/b", versions)) << "the document is read once";
     provider.forgetForTest();
     EXPECT_TRUE(provider.getInterfaceVersion("pex", "/a/b", versions));
@@ -58,8 +57,6 @@ TEST(InterfaceVersions, ComeFromADocumentBesideTheConfiguration)
     EXPECT_THAT(versions, ElementsAre("1.0.0", "2.0.0"));
     EXPECT_FALSE(obr::ErrorStorage::isError());
     provider.forgetForTest();
-    ::unsetenv("KESA_CONFIG_DIR");
-    std::filesystem::remove_all(folder);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 // docs/configuration.md: its tables name each key that the readers know and no other, with an example that is good and
 // one that is complained of in the words the table has; its documents are good.
+#include <TemporaryFolder.h>
+#include <Variable.h>
 #include <kesa/commadapter/checkCommSettings.h>
 #include <kesa/runtime/v02/getPexVersion.h>
 #include <runtime/v02/config/ConfigReport.h>
@@ -11,8 +13,6 @@
 #include <util/config/InterfaceInformationProvider.h>
 #include <util/config/JSONParser.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <utility>
 
@@ -137,11 +137,10 @@ TEST_F(ConfigurationPage, HasGoodExamplesAndTheComplaintsOfBadOnes)
 
 TEST_F(ConfigurationPage, HasGoodDocuments)
 {
-    std::string folder = (std::filesystem::temp_directory_path() / "kesa-page-XXXXXX").string();
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    setenv("KESA_CONFIG_DIR", folder.c_str(), 1);
+    const kesa::test::TemporaryFolder folder;
+    const kesa::test::Variable configuration("KESA_CONFIG_DIR", folder.path());
     for (const auto& [file, text] : documents) {
-        std::ofstream(folder + "/" + file) << text;
+        std::ofstream(folder / file) << text;
         ConfigReport report;
         const KesaConfig config("media", &report);
         EXPECT_TRUE(config.m_valid) << text;
@@ -154,8 +153,6 @@ TEST_F(ConfigurationPage, HasGoodDocuments)
     EXPECT_NE(getPexVersion("/media/player"), nullopt);
     EXPECT_EQ(getPexVersion("//media/player"), nullopt);
     util::config::InterfaceInformationProvider::instance().forgetForTest();
-    unsetenv("KESA_CONFIG_DIR");
-    std::filesystem::remove_all(folder);
 }
 
 } // namespace

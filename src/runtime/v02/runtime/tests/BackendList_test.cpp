@@ -37,7 +37,7 @@ TEST_F(BackendListTest, startsWhatItKnowsOnce)
                 ElementsAre("1 [startup] 'me'", "1 [startup] backend not known='local'"));
     EXPECT_THAT(m_network->calls(), ElementsAre("start me", "start me"));
     startup({"comm"});
-    EXPECT_THAT(m_assertions->take(), ElementsAre("m_backends.size() == 0, startup, "));
+    EXPECT_THAT(m_assertions.take(), ElementsAre("m_backends.size() == 0, startup, "));
 }
 
 TEST_F(BackendListTest, keepsAnErrorForThoseWhoJoin)

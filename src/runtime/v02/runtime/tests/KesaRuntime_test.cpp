@@ -1,13 +1,12 @@
 // The facade, the order of the virtual tables, start and shutdown.
 #include "RuntimeFixture.h"
 
+#include <TemporaryFolder.h>
+#include <Variable.h>
 #include <comm/Condition.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 
-#include <unistd.h>
-
-#include <cstdio>
 #include <cstring>
 #include <fstream>
 #include <stdexcept>
@@ -63,13 +62,13 @@ class RuntimeTest : public RuntimeFixture {};
 
 TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
 {
-    setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    const kesa::test::Variable none("KESA_CONFIG_DIR", "/nonexistent");
     EXPECT_FALSE(KesaRuntime::isRunning());
     EXPECT_EQ(KesaRuntime::getInstance(), nullptr);
     const auto isThere = [] { return KesaRuntime::withInstance([](IKesaRuntime&) {}); };
     EXPECT_FALSE(isThere());
     KesaRuntime::shutdown();
-    EXPECT_THAT(m_assertions->take(),
+    EXPECT_THAT(m_assertions.take(),
                 ElementsAre(HasSubstr("singeton_impl!=nullptr, getInstance, this process has no runtime: call init"),
                             HasSubstr("singeton_impl!=nullptr, shutdown, this process has no runtime: call init")));
 
@@ -80,7 +79,7 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     EXPECT_TRUE(isThere());
     EXPECT_FALSE(KesaRuntime::initInstance("q"));
     EXPECT_EQ(KesaRuntime::getInstance(), instance);
-    EXPECT_THAT(m_assertions->take(),
+    EXPECT_THAT(m_assertions.take(),
                 ElementsAre(HasSubstr("singeton_impl==nullptr, initInstance, this process has a runtime, which getI")));
 
     // From a handler it would wait for itself.
@@ -88,10 +87,10 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     auto registration = instance->registerService("/a", service(), ServiceDef::TypeEnum::pex, GenericObject(),
                                                   handler<ServiceDef>("r"));
     run();
-    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("!isWaitedFor(), shutdown, ")));
+    EXPECT_THAT(m_assertions.take(), ElementsAre(HasSubstr("!isWaitedFor(), shutdown, ")));
     tracking.dispose();
     run();
-    m_assertions->take();
+    m_assertions.take();
     registration.dispose();
     // Nor while it is under way: here what dies in it stands for another thread.
     std::shared_ptr<void> dying(nullptr, [&isThere](void*) {
@@ -105,29 +104,27 @@ TEST_F(RuntimeTest, theFacadeHasOneInstanceAndReportsMisuse)
     run();
     dying.reset();
     KesaRuntime::shutdown();
-    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("!isChanging, shutdown, initInstance or shutdown is still"),
-                                                  HasSubstr("!isChanging, initInstance, ")));
+    EXPECT_THAT(m_assertions.take(), ElementsAre(HasSubstr("!isChanging, shutdown, initInstance or shutdown is still"),
+                                                 HasSubstr("!isChanging, initInstance, ")));
     EXPECT_FALSE(KesaRuntime::isRunning());
-    unsetenv("KESA_CONFIG_DIR");
 }
 
 TEST_F(RuntimeTest, aDocumentOfItsOwnCountsOnlyWithoutAConfiguredOne)
 {
-    const std::string file = testing::TempDir() + "kesa_fallback_" + std::to_string(::getpid()) + ".json";
+    const kesa::test::TemporaryFolder folder;
+    const std::string file = folder / "kesa.json";
     std::ofstream(file) << R"({"use_local_registry": true, "backends": ["comm"]})";
     const auto connected = [this](const char* variable, const std::string& value) {
-        setenv(variable, value.c_str(), 1);
+        const kesa::test::Variable set(variable, value);
         EXPECT_FALSE(KesaRuntime::initInstance("p", KesaRuntime::WITH_REGISTRYD));
         run();
         EXPECT_FALSE(KesaRuntime::isRegistryHost());
         KesaRuntime::shutdown();
-        unsetenv(variable);
         return m_network->calls();
     };
     m_network->handledScheme = "ipc";
     EXPECT_THAT(connected("KESA_CONFIG_DIR", "/nonexistent"), Contains("connect ipc://kesa-registryd/registry"));
     EXPECT_THAT(connected("KESA_CONFIG", file), Not(Contains(HasSubstr("connect"))));
-    std::remove(file.c_str());
 }
 
 TEST_F(RuntimeTest, startsOnceAndEndsInOrder)
@@ -219,7 +216,7 @@ TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)
     auto query = m_runtime->trackServices(Query("/b"), handler<ServiceUpdate>("q", hold));
     run();
     const auto told = [this](const std::function<void()>& work) {
-        m_scheduler.runFor(comm::SECOND); // since the last line
+        scheduler.runFor(comm::SECOND); // since the last line
         Lines lines = traced(3, work);
         std::erase_if(lines, [](const std::string& line) { return line.find("[loop]") == std::string::npos; });
         return lines;

@@ -3,12 +3,12 @@
 
 #include "FakeBackend.h"
 
+#include <AssertionRecorder.h>
 #include <NotingHandler.h>
+#include <SimulatedTime.h>
 #include <backend/BackendFactory.h>
-#include <comm/SimulatedScheduler.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
-#include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 #include <tracing/CapturingSink.h>
@@ -102,18 +102,13 @@ private:
 };
 
 /// A runtime over a fake backend, both loops in the test's hand: nothing happens before `run`.
-class RuntimeFixture : public testing::Test {
+class RuntimeFixture : public kesa::test::SimulatedTime, public testing::Test {
 protected:
     RuntimeFixture()
     {
-        comm::Scheduler::install(&m_scheduler);
         tracing::setThreshold("*", 1);
         tracing::setSink(m_traces);
         tracing::setEventLogSink(m_journal);
-        obr::GlobalErrorHandler::setHandler([assertions = m_assertions](const auto& report) {
-            assertions->add(std::string(report.condition) + ", " + report.function + ", " +
-                            (report.message != nullptr ? report.message : ""));
-        });
         commadapter::setBackendFactory([network = m_network](const std::string& process, const std::string&) {
             return std::make_unique<FakeBackend>(network, process);
         });
@@ -121,15 +116,13 @@ protected:
     ~RuntimeFixture() override
     {
         m_runtime.reset();
-        EXPECT_THAT(m_assertions->take(), IsEmpty());
+        EXPECT_THAT(m_assertions.take(), IsEmpty());
         EXPECT_EQ(m_network->livingClientObjects, 0);
         EXPECT_EQ(m_livingServices, 0);
         commadapter::setBackendFactory({});
-        obr::GlobalErrorHandler::setHandler({});
         tracing::setEventLogSink(nullptr);
         tracing::setSink(nullptr);
         tracing::setThreshold("*", 3);
-        comm::Scheduler::install(nullptr);
     }
 
     /// A started runtime named "me".
@@ -141,7 +134,7 @@ protected:
         m_network->calls();
         return runtime;
     }
-    void run() { m_scheduler.runReady(); }
+    void run() { scheduler.runReady(); }
     /// Runs, and hands out what happened.
     Lines happened()
     {
@@ -195,11 +188,10 @@ protected:
         return m_runtime->trackAndResolveService(path, handler<optional<ResolvedService>>(name));
     }
 
-    comm::SimulatedScheduler m_scheduler{1};
     std::shared_ptr<FakeNetwork> m_network = std::make_shared<FakeNetwork>();
     std::shared_ptr<Journal> m_journal = std::make_shared<Journal>([](const auto& line) { return textOf(line); });
     std::shared_ptr<Journal> m_traces = std::make_shared<Journal>(&Journal::textOf);
-    std::shared_ptr<Journal> m_assertions = std::make_shared<Journal>();
+    kesa::test::AssertionRecorder m_assertions;
     int m_livingServices = 0;
     std::unique_ptr<KesaRuntimeImpl> m_runtime;
 };

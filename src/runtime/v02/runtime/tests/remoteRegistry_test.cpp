@@ -149,7 +149,7 @@ TEST_F(RemoteRegistryTest, aRequestIsOpenOnceThoughTheNewsOfTheConnectionAreLate
     m_network->disconnected(REGISTRY);
     m_network->connected(REGISTRY);
     while (calls.size() < 3) {
-        ASSERT_TRUE(m_scheduler.step());
+        ASSERT_TRUE(scheduler.step());
     }
     ASSERT_THAT(std::exchange(calls, {}), ElementsAre("register /a", "track /b", "query /c/*"));
     // Answers to these are behind the news in the queue.
@@ -300,7 +300,7 @@ TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
                 ElementsAre("t: 409: kesa runtime in registry you must register first the registry service", "t: ~",
                             "r: 409: kesa runtime in registry, registry service must registered first", "r: ~"));
     EXPECT_THAT(
-        m_assertions->take(),
+        m_assertions.take(),
         ElementsAre("false, registerRegistryService, [registerRegistryService] kesa runtime in registry, registry "
                     "service must be registered first"));
 
@@ -325,7 +325,7 @@ TEST_F(RemoteRegistryTest, theHostRegistersTheRegistryFirst)
     auto failing = registerService("/registry", "registry3", ServiceDef::TypeEnum::registry);
     EXPECT_THAT(happened(), ElementsAre("registration register", "registration error",
                                         "registry3: 409: the fake refuses it", "registry3: ~"));
-    EXPECT_THAT(m_assertions->take(), ElementsAre(HasSubstr("registry service can not be registed")));
+    EXPECT_THAT(m_assertions.take(), ElementsAre(HasSubstr("registry service can not be registed")));
 }
 
 TEST_F(RemoteRegistryTest, aRuntimeThatFindsNoRegistryDoesNotStart)
@@ -334,7 +334,7 @@ TEST_F(RemoteRegistryTest, aRuntimeThatFindsNoRegistryDoesNotStart)
     const auto start = [this](const char* document) {
         KesaRuntimeImpl runtime(KesaConfig("me", document));
         EXPECT_TRUE(runtime.start());
-        return m_assertions->take();
+        return m_assertions.take();
     };
     EXPECT_THAT(start(R"({"use_registry": true})"), ElementsAre(HasSubstr("found no partition for kesa registry")));
     EXPECT_THAT(faults.take(), ElementsAre(HasSubstr("runtime: \"use_registry\" asks for a registry, and "

@@ -1,23 +1,23 @@
 // What the helpers ask of the runtime, and what becomes of its answers.
-#include <comm/Scheduler.h>
-#include <comm/SimulatedScheduler.h>
+#include <SimulatedTime.h>
+#include <Variable.h>
 #include <ease/tests/PlayedRuntime.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/connectServiceRegistryPex.h>
 #include <kesa/serviceregistry/registerServiceRegistryPex.h>
 #include <serviceregistry/protocol/tests/Fakes.h>
 
-#include <cstdlib>
 #include <functional>
 
 namespace kesa::serviceregistry::test {
 namespace {
 
 using kesa::test::Api;
+using kesa::test::Variable;
 using runtime::v02::KesaRuntime;
 using Client = optional<std::shared_ptr<ServiceRegistryPexClient>>;
 
-class ConnectTest : public testing::Test {
+class ConnectTest : public kesa::test::SimulatedTime, public testing::Test {
 protected:
     void connect(const std::string& suffix)
     {
@@ -55,9 +55,7 @@ TEST_F(ConnectTest, TracksAndResolvesThePath)
 
 TEST_F(ConnectTest, GoesToTheLocatorOfABypassedPath)
 {
-    comm::SimulatedScheduler scheduler(1);
-    comm::Scheduler::install(&scheduler);
-    ::setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
+    const Variable none("KESA_CONFIG_DIR", "/nonexistent");
     ASSERT_FALSE(KesaRuntime::initInstance("me", R"({"backends": ["local"], "serializer-formats": ["application/json"],
         "use_local_registry": true, "bypass": {"me": ["/registry/x"]}})"));
     connect("x");
@@ -68,8 +66,6 @@ TEST_F(ConnectTest, GoesToTheLocatorOfABypassedPath)
     KesaRuntime::shutdown();
     connect("x");
     EXPECT_THAT(runtime.take(), ElementsAre("track and resolve /registry", "track and resolve /registry/x", "~"));
-    ::unsetenv("KESA_CONFIG_DIR");
-    comm::Scheduler::install(nullptr);
 }
 
 TEST_F(ConnectTest, RegistersAndEndsRequestsBeforeTheRegistration)

@@ -2,6 +2,7 @@
 // becomes, how that answers, and what either side makes of what it cannot read.
 #include "Fakes.h"
 
+#include <json.h>
 #include <kesa/headers.h>
 #include <kesa/responsehandlers/FuncResponseHandler.h>
 #include <kesa/serviceregistry/ServiceRegistryPexClient.h>
@@ -13,6 +14,8 @@
 
 namespace kesa::serviceregistry::test {
 namespace {
+
+using kesa::test::json;
 
 class ServiceRegistryTest : public testing::Test {
 protected:
@@ -36,11 +39,6 @@ protected:
     std::shared_ptr<StaticComposedKesaService> service; ///< the only owner
     std::shared_ptr<PlayedService> wire;
 };
-
-Payload json(std::string text)
-{
-    return Payload::createFromString(std::move(text), mimetypes::JSON);
-}
 
 TEST_F(ServiceRegistryTest, EachOperationHasItsFormOnTheWire)
 {

@@ -1,4 +1,5 @@
 // The records in their wire form: every format there and back, and what a reader refuses.
+#include <json.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/toGeneric.h>
 
@@ -7,6 +8,7 @@
 namespace kesa::serviceregistry {
 namespace {
 
+using kesa::test::json;
 using serializer::fromPayload;
 using serializer::readPayload;
 using serializer::toPayload;
@@ -19,11 +21,6 @@ ServiceDef fullServiceDef()
                       obr::UUID::fromString("01234567-89ab-cdef-0123-456789abcdef"),
                       GenericObject{{"provider", "media"}, {"versions", toGeneric({"1.0.0"})}, {"level", 3}},
                       std::vector<std::string>{"application/json"}, "", std::vector<std::string>{"a", "b"});
-}
-
-Payload json(std::string text)
-{
-    return Payload::createFromString(std::move(text), mimetypes::JSON);
 }
 
 template <class T>
