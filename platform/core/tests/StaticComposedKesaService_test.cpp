@@ -46,7 +46,8 @@ Response text(const char* value)
 
 class StaticComposed : public testing::Test {
 protected:
-    StaticComposed()
+    StaticComposed() { make(); }
+    void make()
     {
         std::map<std::string, std::unique_ptr<IResourceHandler>> handlers;
         for (const char* root : {"/", "/a", "/a/b"}) {
@@ -132,14 +133,12 @@ TEST_F(StaticComposed, EndingAnswersEverythingOnce)
         << "a stream is never completed by it";
     EXPECT_EQ(ask("/a"), IKesaApi::UNDEFINED_REQUEST_HANDLE);
     composed.reset();
-    EXPECT_THAT(log, ElementsAre("503: the service takes no more requests", "~"));
-}
+    EXPECT_THAT(take(), ElementsAre("503: the service takes no more requests", "~"));
 
-TEST_F(StaticComposed, EndingDuringTheActionCancelsAfterIt)
-{
+    make();
     resources["/a"]->inAction = [&] { composed->endOutstandingRequests(); };
     ask("/a");
-    EXPECT_THAT(log, ElementsAre("asked /a at /a", ENDED, "~", "cancelled 77"));
+    EXPECT_THAT(log, ElementsAre("asked /a at /a", ENDED, "~", "cancelled 77")) << "the cancel after the action";
 }
 
 TEST_F(StaticComposed, AskingDoesNotWaitForAHandlerThatIsToldMeanwhile)

@@ -24,17 +24,13 @@ TEST(Url, FindsItsPartsAndIsItsText)
     EXPECT_EQ(full.authority(), "");
 }
 
-TEST(Url, AcceptsWhatTheGrammarAllows)
+TEST(Url, IsJudgedByTheGrammar)
 {
     for (const char* text : {"tcp://[::1]:80/a", "tcp://[fe80::1:2]/", "tcp://[::ffff:1.2.3.4]:1", "tcp://[v1.a:b]/",
                              "tcp://h:/", "ipc:///x", "urn:a:b", "a/b", "./a:b", "ipc://a%20b/%C3%BC", "//host/path",
                              "/registry", "?query", "x+y-z.1://h/a//b;c=1,2"}) {
         EXPECT_TRUE(url(text).isValid()) << text;
     }
-}
-
-TEST(Url, RefusesWhatItForbids)
-{
     for (const std::string& text :
          {std::string(),    "a b"s,          "ipc://p/%2"s,   "ipc://p/%zz"s, "ipc://p%/"s,    "1tcp://h"s,
           "://h"s,          "a:b/c\\d"s,     "t_p://h"s,      "tcp://h:8o/"s, "tcp://[::1/"s,  "tcp://[1::2::3]/"s,

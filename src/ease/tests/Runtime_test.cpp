@@ -1,17 +1,17 @@
 // The real runtime of this process, in a run directory of the test's own and without a registry.
+#include <AssertionRecorder.h>
+#include <TemporaryFolder.h>
+#include <Variable.h>
 #include <comm/ActiveObject.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/provide.h>
 #include <kesa/ease/use.h>
-#include <obr/GlobalErrorHandler.h>
 #include <tracing/CapturingSink.h>
 
 #include <atomic>
 #include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <sys/syscall.h>
 #include <thread>
@@ -32,17 +32,7 @@ class RuntimeTest : public testing::Test {
 protected:
     RuntimeTest()
     {
-        std::string pattern = (std::filesystem::temp_directory_path() / "kesa-ease-XXXXXX").string();
-        directory = ::mkdtemp(pattern.data());
-        ::setenv("KESA_RUN_DIR", directory.c_str(), 1);
-        ::setenv("KESA_CONFIG_DIR", "/nonexistent", 1);
         std::signal(SIGINT, SIG_DFL); // a script may have started this
-    }
-    ~RuntimeTest() override
-    {
-        ::unsetenv("KESA_RUN_DIR");
-        ::unsetenv("KESA_CONFIG_DIR");
-        std::filesystem::remove_all(directory);
     }
 
     static bool isBlocked(int signal)
@@ -52,7 +42,9 @@ protected:
         return sigismember(&blocked, signal) == 1;
     }
 
-    std::string directory;
+    const test::TemporaryFolder directory;
+    const test::Variable runDirectory{"KESA_RUN_DIR", directory.path()};
+    const test::Variable configuration{"KESA_CONFIG_DIR", "/nonexistent"};
 };
 
 TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
@@ -90,7 +82,7 @@ TEST_F(RuntimeTest, ASignalEndsWhatWaitsUntilItIsTold)
     ::kill(::getpid(), SIGINT);
     const std::string why = ": nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
                             "connected: no process listens as \"kesa-registryd\" in \"" +
-                            directory + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
+                            directory.path() + "\" (run directory by $KESA_RUN_DIR); 'kesactl doctor' says more";
     const ConnectResult connecting = connect("/x", 1h);
     EXPECT_EQ(connecting.error, "interrupted by SIGINT" + why);
     EXPECT_EQ(connecting.status, 0);
@@ -214,11 +206,11 @@ TEST_F(RuntimeTest, WorksUntilASignal)
             ::raise(SIGINT); // to this thread
         }
     };
-    std::string why;
-    const auto before = obr::GlobalErrorHandler::setHandler([&why](const auto& error) { why = error.message; });
-    EXPECT_EQ(runtime.runUntilSignal(0s, work), 0);
-    obr::GlobalErrorHandler::setHandler(before);
-    EXPECT_THAT(why, HasSubstr("give a period of more than nothing"));
+    {
+        test::AssertionRecorder misuse;
+        EXPECT_EQ(runtime.runUntilSignal(0s, work), 0);
+        EXPECT_THAT(misuse.take(), testing::ElementsAre(HasSubstr("give a period of more than nothing")));
+    }
     EXPECT_EQ(runtime.runUntilSignal(1ns, work), SIGINT);
     runtime.end();
     EXPECT_EQ(runtime.runUntilSignal(1h, work), 0);
@@ -249,7 +241,7 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
     const char* const unreachable = R"({"use_registry": true, "backends": ["local"],
                                         "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}})";
     const char* const why = "'greeter' did not start: its configuration names no backend";
-    const auto before = obr::GlobalErrorHandler::setHandler([](const auto&) {}); // it would end the process
+    auto misuse = std::make_unique<test::AssertionRecorder>(); // else it would end the process
     EXPECT_EXIT(static_cast<void>(startOrExit("greeter", unreachable)), testing::ExitedWithCode(1), why);
     const auto errorOf = [](const char* name, const char* document) {
         Runtime refused(name, document);
@@ -258,7 +250,7 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
         return refused.error();
     };
     EXPECT_THAT(errorOf("greeter", unreachable), HasSubstr(why));
-    obr::GlobalErrorHandler::setHandler(before);
+    misuse.reset();
     EXPECT_THAT(errorOf("\xFF", ALONE), StartsWith(R"(the runtime did not start: "\xFF" cannot be the name of this)"));
     EXPECT_FALSE(KesaRuntime::isRunning());
     const Runtime first("first", ALONE);

@@ -1,4 +1,5 @@
 #include <NotingHandler.h>
+#include <json.h>
 #include <kesa/GenericObject.h>
 #include <kesa/ease/Property.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -6,7 +7,6 @@
 #include <kesa/ease/get.h>
 #include <kesa/ease/resources.h>
 #include <kesa/headers.h>
-#include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/servicecomp.h>
 #include <obr/GlobalErrorHandler.h>
@@ -26,7 +26,7 @@ class Values : public testing::Test {
 protected:
     std::string ask(const std::string& command, const std::string& body = {}, const std::string& path = "/v")
     {
-        const Payload payload = body.empty() ? Payload() : Payload::createFromString(body, mimetypes::JSON);
+        const Payload payload = body.empty() ? Payload() : test::json(body);
         const GetResult result = get(service, Request(command, path, payload), std::chrono::seconds(1));
         return result ? std::string(result.response->getPayload().text()) : result.error;
     }

@@ -1,7 +1,9 @@
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
 #include <comm/Scheduler.h>
+#include <json.h>
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/asText.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/on.h>
 #include <kesa/ease/use.h>
@@ -27,11 +29,6 @@ concept IsTimeout = requires(IKesaApi& api, Timeout timeout)
 static_assert(IsTimeout<std::chrono::hours> && IsTimeout<std::chrono::microseconds>);
 static_assert(!IsTimeout<int> && !IsTimeout<comm::TimeNs> && !IsTimeout<double>, "of what unit?");
 
-Payload text(std::string_view value)
-{
-    return Payload::createFromString(std::string(value), "plain/text");
-}
-
 /// Drops what it is asked.
 struct Asked final : IKesaApi {
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override
@@ -48,17 +45,17 @@ class Get : public testing::Test {
 protected:
     Get()
     {
-        service->onRetrieve("/one", [](const Request&, Responder r) { r.answer(text("1")); })
+        service->onRetrieve("/one", [](const Request&, Responder r) { r.answer(asText("1")); })
             .onRetrieve("/stream",
                         [this](const Request&, Responder r) {
-                            static_cast<void>(r.next(text("first")));
-                            static_cast<void>(r.next(text("second")));
+                            static_cast<void>(r.next(asText("first")));
+                            static_cast<void>(r.next(asText("second")));
                             kept = std::move(r);
                         })
             .onRetrieve("/silent", [this](const Request&, Responder r) { kept = std::move(r); })
             .onRetrieve("/busy",
                         [](const Request&) {
-                            Response error(429, Payload::createFromString(R"({"queued":9})", mimetypes::JSON));
+                            Response error(429, test::json(R"({"queued":9})"));
                             error.setHeader("retry-after-ms", 200);
                             throw RequestError(error);
                         })

@@ -2,8 +2,8 @@
 // What a user sees of that in whole processes is shown by the scenarios use_*.
 #include "PlayedRuntime.h"
 
+#include <AssertionRecorder.h>
 #include <SimulatedTime.h>
-#include <comm/ICallWatch.h>
 #include <comm/Reactor.h>
 #include <ease/registryClient.h>
 #include <kesa/ease/ResourceHandler.h>
@@ -14,7 +14,6 @@
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
 #include <kesa/responsesemantics.h>
-#include <obr/GlobalErrorHandler.h>
 
 #include <atomic>
 #include <future>
@@ -185,7 +184,7 @@ TEST_F(Use, FollowsAStreamOverEachConnection)
     EXPECT_THAT(takeTold(), ElementsAre("~", "404", "~", "lost", "connected"));
 }
 
-TEST_F(Use, LetsWhatAHandlerThrowsReachTheLoopWhichNamesIt)
+TEST_F(Use, LetsWhatAHandlerThrowsReachTheLoop)
 {
     connect();
     const auto fail = [](const Response&) { throw 7; };
@@ -195,18 +194,7 @@ TEST_F(Use, LetsWhatAHandlerThrowsReachTheLoopWhichNamesIt)
     client->request(Request("retrieve", "/"), handler<Response>([](const Response&) {}, fail));
     EXPECT_THROW(service->end(404), int);
     client->onChange([](bool isConnected) { isConnected ? void() : throw 7; });
-
-    struct Loop final : comm::ICallWatch {
-        void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override
-        {
-            name = operation + (" " + subject);
-            call();
-        }
-        std::string name;
-    } loop;
-    const comm::ICallWatch::Scope scope(&loop);
     EXPECT_THROW(runtime.lost(), int);
-    EXPECT_EQ(loop.name, "onChange /p");
 }
 
 /// Answers come on an I/O loop, whose clock the test has in its hand.
@@ -417,9 +405,7 @@ TEST_F(Use, EveryEndWaitsForAHandlerThatRuns)
 
 TEST_F(Use, RefusesWithoutAHandlerOrForNoResourceAndSaysWhatToDo)
 {
-    Lines complaints;
-    const auto before = obr::GlobalErrorHandler::setHandler(
-        [&](const obr::GlobalErrorHandler::Report& report) { complaints.emplace_back(report.message); });
+    AssertionRecorder misuse;
     connect();
     client->onChange({});
     client->follow(Request("retrieve", "/feed"), nullptr).dispose();
@@ -434,12 +420,12 @@ TEST_F(Use, RefusesWithoutAHandlerOrForNoResourceAndSaysWhatToDo)
         "400: 'feed' is no path; it begins with '/', has no '//', '.' or '..' and no '/' at its end";
     EXPECT_THAT(takeTold(), ElementsAre(none, "~", none, "~"));
     EXPECT_TRUE(service->requests.empty());
-    obr::GlobalErrorHandler::setHandler(before);
     const auto saysSo = [](const char* where) {
         return HasSubstr(where + std::string(" is given no handler: give it"));
     };
-    EXPECT_THAT(complaints, ElementsAre(saysSo("Client::onChange"), saysSo("Client::follow"), saysSo("Client::request"),
-                                        saysSo("Registration::whenKnown"), saysSo("kesa::on"), saysSo("kesa::on")));
+    EXPECT_THAT(misuse.take(),
+                ElementsAre(saysSo("Client::onChange"), saysSo("Client::follow"), saysSo("Client::request"),
+                            saysSo("Registration::whenKnown"), saysSo("kesa::on"), saysSo("kesa::on")));
 }
 
 TEST_F(Use, SaysSoWhenTheRuntimeEnds)
