@@ -3,7 +3,7 @@
 #include "nameHolders.h"
 
 #include <backend/readCommSettings.h>
-#include <transport/RunDirectory.h>
+#include <transport/chooseRunDirectory.h>
 #include <transport/usersAndGroups.h>
 #include <util/shellWord.h>
 
@@ -75,11 +75,6 @@ std::vector<std::string> placesFor(const std::string& chosen)
 }
 
 } // namespace
-
-std::string chosenRunDirectory()
-{
-    return transport::RunDirectory(kesa::commadapter::readCommSettings().runDir).path();
-}
 
 std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen)
 {

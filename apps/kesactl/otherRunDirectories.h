@@ -3,6 +3,7 @@
 
 #include "RunDirectoryFacts.h"
 
+#include <kesa/commadapter/chosenRunDirectory.h>
 #include <kesa/url.h>
 
 #include <string>
@@ -11,8 +12,7 @@
 
 namespace kesactl {
 
-/// The one that counts for this process.
-std::string chosenRunDirectory();
+using kesa::commadapter::chosenRunDirectory; // the one that counts for this process
 
 /// The directories besides the one at `chosen` in which processes may be meeting: those in which they would in another
 /// environment, or as another user, as far as they are there, and those in which processes that this user may look at

@@ -21,12 +21,16 @@ constexpr comm::TimeNs BETWEEN_LINES = 10 * comm::SECOND;
 
 } // namespace
 
-HoldWatch::HoldWatch(const Holds& holds) : m_loop(comm::Scheduler::current().makeReactor("kesa-watch"))
+HoldWatch::HoldWatch(std::shared_ptr<const runtime::v02::IReasons> reasons)
+    : m_reasons(std::move(reasons)), m_loop(comm::Scheduler::current().makeReactor("kesa-watch"))
 {
-    for (const auto& hold : holds) {
+    for (const auto& hold : m_reasons->holds()) {
         m_watched.push_back({hold});
     }
-    m_loop->post([this] { sleepOrLookLater(); });
+    m_loop->post([this] {
+        tellHeld();
+        sleepOrLookLater();
+    });
 }
 
 HoldWatch::~HoldWatch()
@@ -45,7 +49,7 @@ void HoldWatch::sleepOrLookLater()
                 loop->post([this] { lookLater(); });
             }
         };
-        if (watched.hold->isCalling(wake)) {
+        if (watched.held || watched.hold->isCalling(wake)) { // whose end is to be told, too
             lookLater();
         }
     }
@@ -61,20 +65,49 @@ void HoldWatch::lookLater()
 void HoldWatch::look()
 {
     m_isLookingLater = false;
+    bool isOther = false;
     for (Watched& watched : m_watched) {
-        if (const comm::TimeNs held = watched.hold->heldFor(); held > LONG_HOLD) {
-            tell(watched, held);
-        }
+        isOther = lookAt(watched) || isOther;
+    }
+    if (isOther) {
+        tellHeld();
     }
     sleepOrLookLater();
 }
 
-void HoldWatch::tell(Watched& watched, comm::TimeNs held) const
+/// True when another call holds the loop than before, or none does any more.
+bool HoldWatch::lookAt(Watched& watched) const
 {
-    static const ::tracing::Channel channel("KESA_EASE");
+    const comm::TimeNs held = watched.hold->heldFor();
+    if (held <= LONG_HOLD) {
+        return std::exchange(watched.held, std::nullopt).has_value();
+    }
     const comm::TimeNs now = comm::now();
     // As old as it was at the last look: what its thread waits for a processor makes it look younger than it is.
     const bool isSame = now - held < std::exchange(watched.seen, now);
+    const bool isOther = !isSame || !watched.held;
+    if (isOther) {
+        watched.held = HeldLoop{watched.hold->loop(), watched.hold->holder(), now - held};
+    }
+    tell(watched, held, isSame);
+    return isOther;
+}
+
+void HoldWatch::tellHeld() const
+{
+    std::vector<HeldLoop> all;
+    for (const Watched& watched : m_watched) {
+        if (watched.held) {
+            all.push_back(*watched.held);
+        }
+    }
+    m_reasons->tellHeld(all);
+}
+
+void HoldWatch::tell(Watched& watched, comm::TimeNs held, bool isSame) const
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    const comm::TimeNs now = comm::now();
     const bool isEnding = m_isEnding;
     if (isSame && watched.isToldOfEnd == isEnding && (!isEnding || now - watched.told < BETWEEN_LINES)) {
         return;

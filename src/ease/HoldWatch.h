@@ -4,20 +4,21 @@
 #include <comm/Clock.h>
 #include <comm/LoopHold.h>
 #include <comm/Reactor.h>
+#include <kesa/runtime/v02/IReasons.h>
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <vector>
 
 namespace kesa::detail {
 
 /// Names whoever holds a loop of this process and does not let go of it, on a loop of its own: traces (3) on
-/// "KESA_EASE". What returns after long is named by the loop itself. Wakes nobody while nothing is called.
+/// "KESA_EASE", and tells `reasons`, until it is over. What returns after long is named by the loop itself. Wakes
+/// nobody while nothing is called.
 class HoldWatch {
 public:
-    using Holds = std::vector<std::shared_ptr<const comm::LoopHold>>;
-
-    explicit HoldWatch(const Holds& holds);
+    explicit HoldWatch(std::shared_ptr<const runtime::v02::IReasons> reasons);
     HoldWatch(const HoldWatch&) = delete;
     HoldWatch& operator=(const HoldWatch&) = delete;
     ~HoldWatch();
@@ -27,17 +28,23 @@ public:
     void expectEnd() { m_isEnding = true; }
 
 private:
+    using HeldLoop = runtime::v02::IReasons::HeldLoop;
+
     struct Watched {
         std::shared_ptr<const comm::LoopHold> hold;
         comm::TimeNs seen = 0; ///< when a hold was looked at last
         comm::TimeNs told = 0; ///< and told of last; of the process's end in this way:
         bool isToldOfEnd = false;
+        std::optional<HeldLoop> held = {}; ///< what `reasons` has been told
     };
     void sleepOrLookLater();
     void lookLater();
     void look();
-    void tell(Watched& watched, comm::TimeNs held) const;
+    void tellHeld() const;
+    [[nodiscard]] bool lookAt(Watched& watched) const;
+    void tell(Watched& watched, comm::TimeNs held, bool isSame) const;
 
+    const std::shared_ptr<const runtime::v02::IReasons> m_reasons;
     std::atomic<bool> m_isEnding{false};
     std::vector<Watched> m_watched; ///< this and the next of the own loop alone
     bool m_isLookingLater = false;

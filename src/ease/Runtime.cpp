@@ -111,7 +111,7 @@ private:
         }
         m_isRunning = true;
         startedIn = ::getpid();
-        m_watch.emplace(KesaRuntime::getInstance()->reasons()->holds());
+        m_watch.emplace(KesaRuntime::getInstance()->reasons());
     }
     int wait(comm::TimeNs deadline)
     {

@@ -1,4 +1,6 @@
 // What is held is played by the test.
+#include "PlayedRuntime.h"
+
 #include <SimulatedTime.h>
 #include <ease/HoldWatch.h>
 #include <tracing/CapturingSink.h>
@@ -18,6 +20,21 @@ protected:
         return traces.take();
     }
 
+    /// Those that `reasons` has been told to be held, each time.
+    std::vector<std::string> toReasons() const
+    {
+        std::vector<std::string> lines;
+        for (const auto& loops : std::exchange(reasons->told, {})) {
+            std::string line;
+            for (const auto& held : loops) {
+                line += held.loop + ": " + held.holder;
+            }
+            lines.push_back(line);
+        }
+        return lines;
+    }
+
+    const std::shared_ptr<test::PlayedRuntime::Reasons> reasons = std::make_shared<test::PlayedRuntime::Reasons>();
     const ::tracing::TraceCapture traces{"KESA_EASE"};
 };
 
@@ -25,8 +42,10 @@ TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
 {
     comm::TimeNs since = 0;
     const auto hold = std::make_shared<comm::LoopHold>("executor", [&since] { return comm::now() - since; });
-    detail::HoldWatch watch({std::make_shared<comm::LoopHold>("updater", [] { return 0; }), hold});
+    reasons->held = {std::make_shared<comm::LoopHold>("updater", [] { return 0; }), hold};
+    detail::HoldWatch watch(reasons);
     EXPECT_TRUE(scheduler.runAll(100)) << "nobody is woken while nothing is called";
+    EXPECT_THAT(toReasons(), ElementsAre(""));
     const auto describe = [] { return std::string("the handler of '/a'"); };
     {
         const comm::LoopHold::Call call(*hold, describe);
@@ -38,7 +57,10 @@ TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
                                   "still does, so it hears of ")));
         since += 30 * comm::SECOND; // its thread had no processor
         EXPECT_THAT(told(4 * comm::SECOND), IsEmpty());
+        EXPECT_THAT(toReasons(), ElementsAre("executor: the handler of '/a'")) << "once";
     }
+    EXPECT_TRUE(scheduler.runAll(100));
+    EXPECT_THAT(toReasons(), ElementsAre("")) << "it is over, and no call has come since";
     {
         const comm::LoopHold::Call another(*hold, describe);
         since = comm::now();
@@ -46,8 +68,8 @@ TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
         watch.expectEnd();
         EXPECT_THAT(told(2 * comm::SECOND),
                     ElementsAre(HasSubstr("[end] this process waits for its executor, which the handler of '/a' has "
-                                          "held for 5 s; a second SIGINT or SIGTERM ends it at once, as kill -9 ")));
-        EXPECT_THAT(told(12 * comm::SECOND), ElementsAre(HasSubstr("held for 15 s")));
+                                          "held for 6 s; a second SIGINT or SIGTERM ends it at once, as kill -9 ")));
+        EXPECT_THAT(told(12 * comm::SECOND), ElementsAre(HasSubstr("held for 16 s")));
     }
     EXPECT_TRUE(scheduler.runAll(100));
     EXPECT_THAT(traces.take(), IsEmpty());

@@ -102,8 +102,10 @@ public:
             return locator == url("ipc://p/p") ? connection : "";
         }
         std::vector<std::shared_ptr<const comm::LoopHold>> holds() const override { return held; }
+        void tellHeld(const std::vector<HeldLoop>& loops) const override { told.push_back(loops); }
         std::string connection;
         std::vector<std::shared_ptr<const comm::LoopHold>> held;
+        mutable std::vector<std::vector<HeldLoop>> told;
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     Api registryAtOnce; ///< connected inside the call that tracks it

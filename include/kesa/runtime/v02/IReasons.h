@@ -29,6 +29,16 @@ public:
 
     /// What holds each loop over which this process hears of others, for whoever watches that.
     virtual std::vector<std::shared_ptr<const comm::LoopHold>> holds() const;
+
+    /// A loop that one call has held for long.
+    struct HeldLoop {
+        std::string loop;       ///< as `comm::LoopHold::loop`
+        std::string holder;     ///< whom it calls
+        comm::TimeNs since = 0; ///< by `comm::now`
+    };
+    /// Which are held now, from whoever watches them: first when that begins, then each time others are. Tools read it
+    /// while this process cannot be asked.
+    virtual void tellHeld(const std::vector<HeldLoop>& held) const;
 };
 
 } // namespace kesa::runtime::v02

@@ -1,12 +1,19 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 
 #include <comm/onAnyLoop.h>
+#include <kesa/commadapter/chosenRunDirectory.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
+#include <runtime/v02/runtime/ProcessNote.h>
 
+#include <algorithm>
 #include <atomic>
+#include <memory>
 #include <new>
 #include <shared_mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace kesa::runtime::v02 {
 
@@ -35,6 +42,14 @@ bool isWaitedFor()
 {
     const comm::LoopInfo* const loop = comm::currentLoop();
     return singeton_impl.load()->isRuntimeThread() || (loop != nullptr && loop->isReactor());
+}
+
+std::unique_ptr<ProcessNote> makeNote(const KesaConfig& config)
+{
+    const std::vector<std::string>& backends = config.m_backends;
+    const bool hasRunDirectory = std::find(backends.begin(), backends.end(), "comm") != backends.end();
+    return std::make_unique<ProcessNote>(KesaConfigAccessor(config).getOwnProcessName(),
+                                         hasRunDirectory ? commadapter::chosenRunDirectory() : std::string());
 }
 
 /// True when the state was another one. Between the two that last, somebody else is at it: that is told here.
@@ -67,9 +82,10 @@ bool KesaRuntime::initInstance(const std::string& processName, const std::string
     if (failToTake(State::eNONE, State::eSTARTING, __LINE__, "initInstance")) {
         return false;
     }
-    auto* const created = fallbackDocument.empty()
-                              ? new (std::nothrow) KesaRuntimeImpl(processName)
-                              : new (std::nothrow) KesaRuntimeImpl(KesaConfig::readOr(processName, fallbackDocument));
+    KesaConfig config =
+        fallbackDocument.empty() ? KesaConfig(processName) : KesaConfig::readOr(processName, fallbackDocument);
+    auto note = makeNote(config);
+    auto* const created = new (std::nothrow) KesaRuntimeImpl(std::move(config), std::move(note));
     if (created == nullptr) {
         instanceState = State::eNONE;
         fail("singeton_impl!=nullptr", __LINE__, "initInstance", "there is no memory for the runtime");

@@ -17,15 +17,14 @@
 
 namespace kesa::runtime::v02 {
 
-KesaRuntimeImpl::KesaRuntimeImpl(const std::string& processName) : KesaRuntimeImpl(KesaConfig(processName)) {}
-
-KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config)
+KesaRuntimeImpl::KesaRuntimeImpl(KesaConfig&& config, std::unique_ptr<ProcessNote> note)
     : m_proc_name(KesaConfigAccessor(config).getOwnProcessName()), m_config(std::move(config)),
       m_executor(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_executor")),
       m_updater(std::make_shared<comm::ActiveObject>("KesaRuntimeImpl.m_updater")),
       m_executorWatch(m_executor, "executor"), m_updaterWatch(m_updater, "updater"),
       m_reasons(std::make_shared<Reasons>(m_config, m_backendList.openProxies(),
-                                          Reasons::Holds{m_executorWatch.hold(), m_updaterWatch.hold()})),
+                                          Reasons::Holds{m_executorWatch.hold(), m_updaterWatch.hold()},
+                                          std::move(note))),
       m_eventSource(m_proc_name)
 {
     KESA_TRACE(MAIN_CHANNEL, 1, "[ctor]");
@@ -48,6 +47,7 @@ KesaRuntimeImpl::~KesaRuntimeImpl()
     m_executor->stop();
     m_updater->stop();
     m_backendList.shutdown();
+    m_reasons->endNote();
     eventlog::runtimeStop(m_eventSource);
     KESA_TRACE(MAIN_CHANNEL, 2, "[dtor] m_runtimeEntries %zu", m_runtimeEntries.size());
 }

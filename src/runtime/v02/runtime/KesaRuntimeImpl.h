@@ -46,9 +46,8 @@ namespace kesa::runtime::v02 {
 /// A handler called from here can only post: no table changes under an iterator because of a handler.
 class KesaRuntimeImpl final : public IKesaRuntime {
 public:
-    /// Reads the configuration of the process.
-    explicit KesaRuntimeImpl(const std::string& processName);
-    explicit KesaRuntimeImpl(KesaConfig&& config);
+    /// `note`: where it says what tools read; null: nowhere, as in a simulation.
+    explicit KesaRuntimeImpl(KesaConfig&& config, std::unique_ptr<ProcessNote> note = nullptr);
     KesaRuntimeImpl(const KesaRuntimeImpl&) = delete;
     KesaRuntimeImpl& operator=(const KesaRuntimeImpl&) = delete;
     /// Ends both loops and the backends. Not on a loop of this runtime.
@@ -176,6 +175,8 @@ private:
                            std::string_view text = {});
     void refuse(const std::string& path, std::unique_ptr<RegistrationHandler> handler, std::string_view reason,
                 std::string_view text = {});
+    void endRefused(const std::string& path, std::unique_ptr<RegistrationHandler> handler, Response error);
+    void tellRegistered(const ServiceDef& service);
 
     // Registration at the remote registry
     void registerServiceOnRegistry(RuntimeEntry& entry, const ServiceDef& serviceDef);

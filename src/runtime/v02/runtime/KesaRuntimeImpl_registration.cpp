@@ -111,12 +111,13 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
                                             const GenericObject& metainfo,
                                             std::unique_ptr<RegistrationHandler>&& handler)
 {
-    if (refuseNull("registerService", handler.get()) || refuseBadPath("registerService", path, handler)) {
+    if (refuseNull("registerService", handler.get())) {
         return {};
     }
-    if (!api) {
-        postError("registerService", path, std::move(handler),
-                  Response::createErrorResponse(400, "the service object is null"));
+    if (const bool isBad = !Path::isCanonical(path); isBad || !api) {
+        endRefused(
+            path, std::move(handler),
+            Response::createErrorResponse(400, isBad ? Path::complaintAbout(path) : "the service object is null"));
         return {};
     }
     const Handle handle = newHandle(handler.get());
@@ -238,7 +239,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
     if (!isRuntimeInRegistry) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 3, howToFindWithoutRegistry(*entry.optionalServiceDef, m_config));
     }
-    eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
+    tellRegistered(*entry.optionalServiceDef);
 }
 
 ServiceDef KesaRuntimeImpl::dynamicServiceDef(const Registration& registration) const
@@ -280,7 +281,7 @@ void KesaRuntimeImpl::registerStatic(RuntimeEntry& entry, Registration& registra
     entry.providedLocators = entry.optionalServiceDef->locators;
     announce(entry);
     eventlog::registrationRegister(m_eventSource, *entry.optionalServiceDef);
-    eventlog::registrationSuccess(m_eventSource, *entry.optionalServiceDef);
+    tellRegistered(*entry.optionalServiceDef);
 }
 
 /// Brings what is registered into the configured record, where it stays also when the registration is refused. True
@@ -355,7 +356,20 @@ void KesaRuntimeImpl::refuse(const std::string& path, std::unique_ptr<Registrati
 {
     Response error = Response::createErrorResponse(409, text);
     headers::appendReason(error, reason);
-    postError("registerService", path, std::move(handler), error);
+    endRefused(path, std::move(handler), std::move(error));
+}
+
+void KesaRuntimeImpl::endRefused(const std::string& path, std::unique_ptr<RegistrationHandler> handler, Response error)
+{
+    m_reasons->noteRefusal(path, error);
+    postError("registerService", path, std::move(handler), std::move(error));
+}
+
+/// At the registry, where there is one.
+void KesaRuntimeImpl::tellRegistered(const ServiceDef& service)
+{
+    m_reasons->noteRegistered(service.path.toString());
+    eventlog::registrationSuccess(m_eventSource, service);
 }
 
 } // namespace kesa::runtime::v02

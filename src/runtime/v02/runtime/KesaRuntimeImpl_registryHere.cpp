@@ -62,7 +62,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
     isRegistryServiceRegistered = true;
     m_executorWatch.tell("registerService", path, [&] { (*entry.optionalRegistrator)->onNext(serviceDef); });
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, serviceDef, entry.trackers, m_queryTrackers); // left from before
-    eventlog::registrationSuccess(m_eventSource, serviceDef);
+    tellRegistered(serviceDef);
     KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] service='%s' DONE", path.c_str());
 }
 

@@ -111,7 +111,7 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, const Issu
                    path.c_str());
         return;
     }
-    eventlog::registrationSuccess(m_eventSource, answer);
+    tellRegistered(answer);
     if (*recorded == answer) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService RemoteRegistryHandler] do not update ServiceDef for service='%s'",
                    path.c_str());
@@ -162,7 +162,7 @@ void KesaRuntimeImpl::withdrawRefused(RuntimeEntry& entry, const std::string& pa
         unprovide(entry, *withdrawn);
     }
     if (entry.optionalRegistrator) {
-        postError("registerService", path, std::move(*entry.optionalRegistrator), error);
+        endRefused(path, std::move(*entry.optionalRegistrator), error);
         entry.optionalRegistrator.reset();
     } else {
         KESA_TRACE(MAIN_CHANNEL, 4,

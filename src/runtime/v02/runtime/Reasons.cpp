@@ -21,6 +21,8 @@ std::vector<std::shared_ptr<const comm::LoopHold>> IReasons::holds() const
     return {};
 }
 
+void IReasons::tellHeld(const std::vector<HeldLoop>&) const {}
+
 namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
@@ -41,8 +43,10 @@ std::string Reasons::whyNoRegistry(const KesaConfig& config)
     return isFile ? config.m_file + " is not valid" : "it has no configuration file, and no valid text in place of one";
 }
 
-Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds)
-    : m_proxies(std::move(proxies)), m_holds(std::move(holds)), m_withoutAsking(withoutRegistry(config))
+Reasons::Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds,
+                 std::unique_ptr<ProcessNote> note)
+    : m_proxies(std::move(proxies)), m_holds(std::move(holds)), m_note(std::move(note)),
+      m_withoutAsking(withoutRegistry(config))
 {}
 
 void Reasons::setBackendHolds(Holds holds)
@@ -77,6 +81,34 @@ Reasons::Holds Reasons::holds() const
     const Holds more = backendHolds();
     all.insert(all.end(), more.begin(), more.end());
     return all;
+}
+
+void Reasons::tellHeld(const std::vector<HeldLoop>& held) const
+{
+    if (m_note) {
+        m_note->setHeld(held);
+    }
+}
+
+void Reasons::noteRefusal(const std::string& path, const Response& error) const
+{
+    if (m_note) {
+        m_note->addRefusal(path, error);
+    }
+}
+
+void Reasons::noteRegistered(const std::string& path) const
+{
+    if (m_note) {
+        m_note->removeRefusal(path);
+    }
+}
+
+void Reasons::endNote() const
+{
+    if (m_note) {
+        m_note->end();
+    }
 }
 
 std::string Reasons::obstacle(const url& locator) const

@@ -5,6 +5,7 @@
 #include <kesa/runtime/v02/IReasons.h>
 #include <runtime/v02/config/KesaConfig.h>
 #include <runtime/v02/runtime/OpenProxies.h>
+#include <runtime/v02/runtime/ProcessNote.h>
 
 #include <atomic>
 #include <memory>
@@ -19,8 +20,10 @@ class Reasons final : public IReasons {
 public:
     using Holds = std::vector<std::shared_ptr<const comm::LoopHold>>;
 
-    /// `holds`: of the loops over which this process hears of services, but for those of backends.
-    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds);
+    /// `holds`: of the loops over which this process hears of services, but for those of backends. `note`: where it
+    /// says what tools read; null: nowhere.
+    Reasons(const KesaConfig& config, std::shared_ptr<const OpenProxies> proxies, Holds holds,
+            std::unique_ptr<ProcessNote> note);
 
     /// "/etc/kesa.json is not valid": of a process that asks none by its configuration.
     static std::string whyNoRegistry(const KesaConfig& config);
@@ -33,10 +36,17 @@ public:
     void setRegistryAt(const url& locator);
     void setRegistryConnected(bool isConnected) { m_isConnected = isConnected; }
 
+    // Of a service that this process has wanted to provide.
+    void noteRefusal(const std::string& path, const Response& error) const;
+    void noteRegistered(const std::string& path) const;
+    /// The runtime has ended: tools read nothing of it any more.
+    void endNote() const;
+
     std::string whyUnknown(const std::string& path) const override;
     std::string whyUnknownWhenAsked(const std::string& path, bool hasAnswered) const override;
     std::string obstacle(const url& locator) const override;
     Holds holds() const override;
+    void tellHeld(const std::vector<HeldLoop>& held) const override;
 
 private:
     Holds backendHolds() const;
@@ -44,6 +54,7 @@ private:
 
     const std::shared_ptr<const OpenProxies> m_proxies;
     const Holds m_holds;
+    const std::unique_ptr<ProcessNote> m_note;
     std::atomic<bool> m_isConnected{false};
     mutable std::mutex m_mutex;  ///< of all below: the runtime's start writes them, whoever has to give a reason reads
     std::string m_withoutAsking; ///< what is so when no other process is asked

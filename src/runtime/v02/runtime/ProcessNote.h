@@ -1,0 +1,68 @@
+#ifndef KESA_RUNTIME_V02_PROCESSNOTE_H
+#define KESA_RUNTIME_V02_PROCESSNOTE_H
+
+#include <kesa/Response.h>
+#include <kesa/runtime/v02/IReasons.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace kesa::runtime::v02 {
+
+/// What this process says of itself without being asked, for the time when it cannot be asked: a text in a file of its
+/// memory, which others of its user read in /proc. It claims no name, and nothing of it is left when the process ends.
+/// docs/protocol.md has the text.
+///
+/// A text is written to a new file, which then takes the descriptor of the one before in one step, so that nobody reads
+/// half of one. Without a descriptor for that, the text of before stays. Any thread; waits for nobody.
+class ProcessNote {
+public:
+    /// Of the file, as the kernel shows it.
+    static constexpr const char* FILE_NAME = "kesa-process";
+    static constexpr std::size_t MOST_BYTES = std::size_t{64} << 10;
+
+    /// `runDirectory`: empty when it meets others in none.
+    ProcessNote(const std::string& process, const std::string& runDirectory);
+    ProcessNote(const ProcessNote&) = delete;
+    ProcessNote& operator=(const ProcessNote&) = delete;
+    ~ProcessNote();
+
+    /// That a registration was refused; of many, the last ones are told.
+    void addRefusal(const std::string& path, const Response& error);
+    /// The path is registered by now.
+    void removeRefusal(const std::string& path);
+    /// Before the first call nobody looks for that, which the text says.
+    void setHeld(const std::vector<IReasons::HeldLoop>& held);
+    /// From now on it says nothing.
+    void end();
+
+private:
+    struct Refusal {
+        std::string path;
+        std::string reason;
+        std::int64_t when; ///< milliseconds since 1970
+    };
+    void publish();
+    std::string text() const;
+    [[nodiscard]] bool replace(int file);
+    static int writeNew(std::string_view text);
+
+    const std::string m_process;
+    const std::string m_runDirectory;
+    std::mutex m_mutex; ///< of all below
+    std::deque<Refusal> m_refused;
+    std::optional<std::vector<IReasons::HeldLoop>> m_held;
+    int m_descriptor = -1;
+    std::uint64_t m_inode = 0; ///< of the file: a program that closes what it has not opened must not lose its own
+    bool m_hasEnded = false;
+};
+
+} // namespace kesa::runtime::v02
+
+#endif
