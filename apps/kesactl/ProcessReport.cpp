@@ -66,6 +66,11 @@ ProcessReport reportOf(const Name& name, const std::string& directory, bool isPa
     return report;
 }
 
+bool isHeldOrSilent(const Unreached& why)
+{
+    return why.cause == "silent" || why.cause == "slow" || why.cause == "held";
+}
+
 void add(ProcessReport& report, const Said& said)
 {
     report.answer = said.answer;
@@ -78,7 +83,7 @@ void add(ProcessReport& report, const Said& said)
         explainStopped(report);
         return;
     }
-    const bool isSilent = said.why.cause == "silent" || said.why.cause == "slow";
+    const bool isSilent = isHeldOrSilent(said.why);
     report.unreached = said.why;
     report.exitCode = isSilent ? ExitCode::eTIMED_OUT : ExitCode::eFAILED;
     report.note = said.why.cause == "other-version"  ? "other version"

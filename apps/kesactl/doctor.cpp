@@ -287,6 +287,7 @@ bool diagnose(const CommonOptions& options)
     const auto reports = askAll(facts, deadline - rest);
     const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
+    addNoted(page, reports);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
     addPartitions(page, place, facts);

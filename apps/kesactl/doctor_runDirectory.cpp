@@ -1,6 +1,7 @@
 #include "doctor_runDirectory.h"
 
 #include "otherRunDirectories.h"
+#include "processNotes.h"
 #include "replacedRealm.h"
 #include "runDirectoryProblem.h"
 
@@ -97,9 +98,7 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
             wrong.push_back(report.advice);
         }
         for (const std::string& hold : report.holds()) {
-            wrong.push_back(fmt::format("{} ({}): {}; restart it; what takes long or waits belongs on a thread of its "
-                                        "own, as kesa::on does",
-                                        report.name, report.pid, hold));
+            wrong.push_back(fmt::format("{} ({}): {}; {}", report.name, report.pid, hold, AFTER_HOLD));
         }
         if (report.facts.isReplaced) {
             wrong.push_back(fmt::format("{} ({}): its program or library was replaced while it runs; restart it",
@@ -266,6 +265,28 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     if (!problem.text.empty()) {
         page.findings.push_back(problem.sentence());
     }
+}
+
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports)
+{
+    std::vector<std::string> wrong;
+    for (const NotedProcess& note : findNotes()) {
+        if (!note.isHere) {
+            continue;
+        }
+        for (const NotedProcess::Refusal& refusal : note.refused) {
+            wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
+                                        AFTER_REFUSAL));
+        }
+        const bool isReported = std::any_of(reports.begin(), reports.end(),
+                                            [&note](const ProcessReport& report) { return report.pid == note.pid; });
+        for (const NotedProcess::Hold& hold : note.holds) {
+            if (!isReported) {
+                wrong.push_back(fmt::format("{}: {}; {}", note.who(), holdText(hold), AFTER_HOLD));
+            }
+        }
+    }
+    page.find(wrong, "findings about what processes say of themselves; see to those above first");
 }
 
 void addOthers(DoctorPage& page, const RunDirectoryFacts& chosen)

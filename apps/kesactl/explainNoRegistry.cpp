@@ -42,7 +42,7 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
 {
     const kesa::url& locator = service.locators.front();
     Unreached why = explainUnreachable(locator, within);
-    if (why.cause == "not-provided") {
+    if (why.cause == "not-provided" && why.isSomebodyThere) {
         why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
                                  "in its document (kesactl check-config --process {1}) may differ from its own; or "
                                  "it has yet to provide it",
@@ -62,7 +62,7 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 {
     const comm::TimeNs deadline = comm::now() + within;
     Unreached why = explainUnreachable(registry, within);
-    if (why.cause == "not-provided") {
+    if (why.cause == "not-provided" && why.isSomebodyThere) {
         why.advice = registry.path() == ServiceRegistryPex::SERVICE_PATH
                          ? fmt::format("\"{}\" is no registry: name the process that is one", processOf(registry))
                          : fmt::format("a registry's path is \"{}\": correct it in \"service_registry_locators\"",

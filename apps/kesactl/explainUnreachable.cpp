@@ -3,7 +3,9 @@
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
+#include "processNotes.h"
 
+#include <transport/Authority.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -13,6 +15,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -22,6 +25,49 @@ namespace kesactl {
 namespace {
 
 using kesa::commadapter::Unreachable;
+
+std::string refusalText(const NotedProcess& note, const NotedProcess::Refusal& refusal, std::string_view what)
+{
+    return fmt::format("{} runs, and was refused {}: {}", note.who(), what, refusal.reason);
+}
+
+/// Of a process that runs here without listening.
+Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
+{
+    if (const auto* const refusal = note.refusalOf(path)) {
+        return {"refused", refusalText(note, *refusal, "it"), AFTER_REFUSAL};
+    }
+    if (!note.holds.empty()) {
+        return {"held", fmt::format("{} runs, and provides nothing: {}", note.who(), holdText(note.holds.front())),
+                AFTER_HOLD};
+    }
+    if (!note.refused.empty()) {
+        const auto& last = note.refused.back();
+        return {"not-provided", refusalText(note, last, last.path),
+                "compare that path with the locator's, letter by letter"};
+    }
+    return {
+        "not-provided", fmt::format("{} runs, and provides nothing so far", note.who()),
+        "its log may say what it waits for; is what kesa::provide or registerService returns kept? It withdraws the "
+        "service when it is destroyed"};
+}
+
+/// By what processes of that name say of themselves: one here, else where another one is.
+std::optional<Unreached> explainByName(const std::string& process, const std::string& path, const std::string& reason)
+{
+    const auto endpoint = kesa::commadapter::transport::parseProcessAuthority(kesa::url("ipc://" + process), "ipc");
+    const std::vector<NotedProcess> notes = findNotes(endpoint ? endpoint->process : process);
+    const auto here = std::find_if(notes.begin(), notes.end(), [](const auto& note) { return note.isHere; });
+    if (here != notes.end()) {
+        return explainUnnamed(*here, path);
+    }
+    const auto other = std::find_if(notes.begin(), notes.end(), [](const auto& note) { return note.isElsewhere; });
+    return other == notes.end()
+               ? std::nullopt
+               : std::optional<Unreached>({"nobody-listens", reason,
+                                           fmt::format("{} runs in another run directory: set {}, or start it here",
+                                                       other->who(), settingFor(other->runDirectory))});
+}
 
 /// Nobody listens under that name: perhaps because somebody took the socket away.
 Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
@@ -44,6 +90,9 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
         return {"not-connected",
                 fmt::format("\"{}\" listens in {}, but cannot be reached without /proc", process, facts.path),
                 "mount /proc here, or ask from where it is mounted", true};
+    }
+    if (auto noted = explainByName(process, locator.path(), found.reason)) {
+        return *noted;
     }
     std::vector<std::string_view> held;
     for (const auto& each : facts.names) {
@@ -100,10 +149,25 @@ Unreached explainSilent(const Unreachable& found)
                         found.pid),
             true};
     }
+    const auto note = noteOf(found.pid);
+    if (const auto* const hold = note ? note->holdOf("I/O loop") : nullptr) {
+        return {"held", fmt::format("its process ({}) does not answer: {}", found.pid, holdText(*hold)), AFTER_HOLD,
+                true};
+    }
     return {"silent", fmt::format("its process ({}) does not answer: {}", found.pid, found.reason),
             "it is busy, or a handler blocks its I/O loop, which its own log names ([loop]): look at its threads, or "
             "restart it",
             true};
+}
+
+Unreached explainNotProvided(const kesa::url& locator, const Unreachable& found)
+{
+    const auto note = noteOf(found.pid);
+    if (const auto* const refusal = note ? note->refusalOf(locator.path()) : nullptr) {
+        return {"refused", refusalText(*note, *refusal, "it"), AFTER_REFUSAL, true};
+    }
+    return {"not-provided", fmt::format("its process ({}) answers, but {}", found.pid, found.reason),
+            "correct the path in the locator, or wait until it provides the service", true};
 }
 
 } // namespace
@@ -132,8 +196,7 @@ Unreached explain(const kesa::url& locator, const Unreachable& found)
         return {"other-version", fmt::format("{} is of another version: {}", process, found.reason),
                 "install the same version for both", true};
     case Cause::eNOT_PROVIDED:
-        return {"not-provided", fmt::format("{} answers, but {}", process, found.reason),
-                "correct the path in the locator, or wait until it provides the service", true};
+        return explainNotProvided(locator, found);
     }
     return {};
 }

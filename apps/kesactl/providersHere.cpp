@@ -4,6 +4,7 @@
 #include "RegistryView.h"
 #include "Verdict.h"
 #include "otherRunDirectories.h"
+#include "processNotes.h"
 
 #include <comm/wallClock.h>
 #include <transport/Authority.h>
@@ -35,10 +36,38 @@ Unseen explainNameless(const std::string& process, const std::vector<Name>& name
         return {fmt::format("its files were removed from the run directory under it ({})", lost->holder),
                 "restart it, and keep cleaners out of there"};
     }
-    return {
-        "it provides nothing here, so it does not listen",
-        "the traces of a kesa::Runtime name such a handler, in lines of KESA_EASE that begin with [loop]; kesactl can "
-        "ask it once it provides something"};
+    return {"it provides nothing here, so it does not listen",
+            "a kesa::Runtime says by itself whether one does, to its own user; kesactl can ask it once it provides "
+            "something"};
+}
+
+/// What those say that have not answered, as they provide nothing or a handler holds them.
+void addNoted(ProcessesHere& found, const std::string& path, const std::string& only,
+              const std::vector<ProcessReport>& reports)
+{
+    for (const NotedProcess& note : findNotes(only)) {
+        const bool hasAnswered = std::any_of(reports.begin(), reports.end(), [&note](const ProcessReport& report) {
+            return report.pid == note.pid && report.answer.isDefined();
+        });
+        if (!note.isHere) {
+            continue;
+        }
+        if (const auto* const refusal = note.refusalOf(path)) {
+            found.refused = fmt::format("{} was refused it: {}", note.who(), refusal->reason);
+        }
+        if (hasAnswered) {
+            continue;
+        }
+        for (const NotedProcess::Hold& hold : note.holds) {
+            found.held.push_back({note.name(), note.pid, hold.loop, hold.holder, hold.time});
+        }
+        if (note.isWatched) { // so what it does not say is not so
+            std::erase(found.nameless, fmt::format("{} ({})", note.process, note.pid));
+            const bool isKnown = std::any_of(reports.begin(), reports.end(),
+                                             [&note](const ProcessReport& report) { return report.pid == note.pid; });
+            found.unseen = only.empty() || (isKnown && note.holds.empty()) ? found.unseen : Unseen();
+        }
+    }
 }
 
 /// Whoever has connected to `report`'s process and would not be found in the run directory, or only another one of its
@@ -114,9 +143,11 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
     ProcessesHere found;
     if (!only.empty() && directory.names.empty()) {
         found.unseen = explainNameless(only, names);
+        addNoted(found, path, only, {});
         return found;
     }
-    for (const ProcessReport& report : lookAtProcesses(directory, "", deadline)) {
+    const std::vector<ProcessReport> reports = lookAtProcesses(directory, "", deadline);
+    for (const ProcessReport& report : reports) {
         const auto& services = report.answer["services"].items();
         if (std::find(services.begin(), services.end(), Value(path)) != services.end()) {
             found.provider = ProviderHere{report.name, report.pid, isYoung(report.started()), report.answer};
@@ -135,6 +166,7 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
             found.unseen = isSilent ? Unseen{why.text, why.advice, true} : Unseen{report.advice, {}};
         }
     }
+    addNoted(found, path, only, reports);
     return found;
 }
 

@@ -39,13 +39,15 @@ struct Unseen {
     bool isSilent = false; ///< it takes connections and says nothing, so its I/O loop is held
 };
 
-/// What the processes of the chosen run directory say of themselves, whatever any registry knows.
+/// What the processes of the chosen run directory say of themselves, also those that cannot be asked, whatever any
+/// registry knows.
 struct ProcessesHere {
     std::optional<ProviderHere> provider; ///< of the path that was asked for
     std::vector<HeldProcess> held;
     Unseen unseen; ///< of the one that was asked alone
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
+    std::string refused;     ///< "media (process 813) was refused it: 409: ..."; empty: none was
     std::string refusedName; ///< "media (813) was refused its name, which process 812 has"; empty: none was
     Unseen otherVersion;     ///< one of those that speak no version of this protocol, if there are any
 };

@@ -1,6 +1,7 @@
 #include "silentProcess.h"
 
 #include "Verdict.h"
+#include "processNotes.h"
 
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
@@ -34,10 +35,9 @@ Value turned(const Value& connection, const ProcessReport& peer)
     return Value(std::move(other));
 }
 
-ProcessReport beginReport(const Value& connection)
+ProcessReport beginReport(const std::string& process, pid_t pid)
 {
-    const auto pid = static_cast<pid_t>(integerOf(connection["pid"]));
-    ProcessReport report{encodeProcessName(connection["process"].toText()), pid, ProcessFacts(pid), {}, {}, 0, {}};
+    ProcessReport report{encodeProcessName(process), pid, ProcessFacts(pid), {}, {}, 0, {}};
     report.isSilent = true;
     if (report.facts.isStopped) {
         explainStopped(report);
@@ -82,7 +82,8 @@ SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::s
             }
             if (!silent.report) {
                 first = connection;
-                silent.report = beginReport(connection);
+                silent.report =
+                    beginReport(connection["process"].toText(), static_cast<pid_t>(integerOf(connection["pid"])));
             } else if (connection["pid"] != first["pid"]) { // nobody owns such a name
                 others.insert(integerOf(connection["pid"]));
                 continue;
@@ -97,6 +98,50 @@ SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::s
         silent.namesakes.push_back(std::to_string(pid));
     }
     return silent;
+}
+
+SilentProcess findNotedProcess(const std::string& wanted)
+{
+    SilentProcess silent;
+    for (const NotedProcess& note : findNotes()) {
+        if (!note.isHere || (note.process != wanted && std::to_string(note.pid) != wanted)) {
+            continue;
+        }
+        if (silent.report) {
+            silent.namesakes.push_back(std::to_string(note.pid));
+            continue;
+        }
+        silent.report = beginReport(note.process, note.pid);
+        const Value self(Dictionary{{"process", note.process}, {"pid", note.pid}, {"uid", silent.report->facts.uid}});
+        silent.report->answer = answerOf(*silent.report, self, {});
+    }
+    return silent;
+}
+
+void addNote(ProcessReport& report)
+{
+    const auto note = noteOf(report.pid);
+    if (!note || !report.answer.isDefined()) {
+        return;
+    }
+    Dictionary answer = report.answer.dictionary();
+    Value::Array refused;
+    for (const NotedProcess::Refusal& refusal : note->refused) {
+        refused.emplace_back(
+            Dictionary{{"path", refusal.path}, {"reason", refusal.reason}, {"when", refusal.when / comm::MILLISECOND}});
+    }
+    if (!refused.empty()) {
+        answer.set("refused", std::move(refused));
+    }
+    Value::Array holds;
+    for (const NotedProcess::Hold& hold : note->holds) {
+        holds.emplace_back(
+            Dictionary{{"loop", hold.loop}, {"holder", hold.holder}, {"heldMs", hold.time / comm::MILLISECOND}});
+    }
+    if (report.isSilent && !holds.empty()) {
+        answer.set("holds", std::move(holds));
+    }
+    report.answer = Value(std::move(answer));
 }
 
 } // namespace kesactl

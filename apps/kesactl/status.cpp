@@ -15,6 +15,7 @@
 #include <fmt/ranges.h>
 
 #include <optional>
+#include <utility>
 
 namespace kesactl {
 
@@ -128,15 +129,25 @@ void addConnections(std::string& page, const ProcessReport& report)
     page += rows.size() > 1 ? aligned(rows) : "";
 }
 
+void addHeldAndRefused(std::string& page, const ProcessReport& report)
+{
+    for (const std::string& hold : report.holds()) {
+        addLine(page, "held", hold);
+    }
+    for (const Value& refusal : report.answer["refused"].items()) {
+        addLine(page, "refused",
+                fmt::format("{} at {}: {}", refusal["path"].toText(), asLocalTime(timeOf(refusal["when"]), true),
+                            refusal["reason"].toText()));
+    }
+}
+
 void addAnswer(std::string& page, const ProcessReport& report)
 {
     const Value& answer = report.answer;
     addLine(page, "run directory",
             fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
     addLine(page, "instance", answer["instance"].toText());
-    for (const std::string& hold : report.holds()) {
-        addLine(page, "held", hold);
-    }
+    addHeldAndRefused(page, report);
     addLine(page, "queued", report.number("queuedBytes") + " bytes");
     addLine(page, "services", countOf(report, "serviceCount", "services"));
     for (const Value& path : answer["services"].items()) {
@@ -156,6 +167,7 @@ std::string pageOf(const ProcessReport& report)
     addLine(page, "library", report.version());
     addLine(page, "since", asLocalTime(report.started()));
     if (report.isSilent) {
+        addHeldAndRefused(page, report);
         addLine(page, "services",
                 report.number("serviceCount") +
                     ": it does not listen, so it cannot be asked; its connections are as their other ends see them");
@@ -180,17 +192,35 @@ void addOthers(std::string& page, const SilentProcess& silent)
     }
 }
 
+struct Found {
+    ProcessReport report;
+    SilentProcess silent; ///< what else is known of one that cannot be asked
+};
+
+/// Where nobody can be asked, those are left that say by themselves that they are there.
+Found findReport(const std::string& wanted, comm::TimeNs deadline)
+try {
+    const RunDirectoryFacts directory = findRunDirectory();
+    if (const std::string name = findProcess(directory, wanted); !name.empty()) {
+        return {lookAtProcesses(directory, name, deadline).front(), {}};
+    }
+    SilentProcess silent = findSilentProcess(directory, wanted, deadline);
+    if (!silent.report) {
+        throw noSuchProcess(directory, wanted, silent);
+    }
+    return {*silent.report, std::move(silent)};
+} catch (const Failure&) {
+    SilentProcess noted = findNotedProcess(wanted);
+    if (!noted.report) {
+        throw;
+    }
+    return {*noted.report, std::move(noted)};
+}
+
 void printStatus(const StatusArguments& arguments)
 {
-    const RunDirectoryFacts directory = findRunDirectory();
-    const std::string name = findProcess(directory, arguments.process);
-    const comm::TimeNs deadline = arguments.common.deadline();
-    const SilentProcess silent =
-        name.empty() ? findSilentProcess(directory, arguments.process, deadline) : SilentProcess();
-    if (name.empty() && !silent.report) {
-        throw noSuchProcess(directory, arguments.process, silent);
-    }
-    const ProcessReport report = silent.report ? *silent.report : lookAtProcesses(directory, name, deadline).front();
+    auto [report, silent] = findReport(arguments.process, arguments.common.deadline());
+    addNote(report);
     std::string page = pageOf(report);
     addOthers(page, silent);
     print(arguments.common.isJson ? report.asJson() + '\n' : fitted(page));

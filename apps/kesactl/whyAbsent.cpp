@@ -4,6 +4,7 @@
 #include "ProcessReport.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "processNotes.h"
 
 #include <transport/Authority.h>
 #include <util/shellWord.h>
@@ -132,8 +133,8 @@ void noteNameless(Verdict& verdict, const std::vector<std::string>& nameless)
         all.append(i == 0 ? "" : ", ").append(nameless[i]);
     }
     verdict.notes.push_back(
-        fmt::format("what provides nothing so far cannot be asked: {}{}; should one be its provider, the traces of "
-                    "a kesa::Runtime say whether a handler holds it, in lines of KESA_EASE that begin with [loop]",
+        fmt::format("what provides nothing so far cannot be asked: {}{}; should one be its provider, a kesa::Runtime "
+                    "says by itself whether a handler holds it, to its own user",
                     all, nameless.size() > MOST ? fmt::format(" and {} more", nameless.size() - MOST) : ""));
 }
 
@@ -195,7 +196,9 @@ Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
     const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor);
     constexpr std::string_view UNABLE = "nobody has registered it, perhaps since one process cannot";
     std::optional<Verdict> instead;
-    if (found != here.held.end()) {
+    if (!here.refused.empty()) {
+        instead = Verdict{"refused", "nobody has registered it: " + here.refused, AFTER_REFUSAL, {}};
+    } else if (found != here.held.end()) {
         instead = explainHeld(*found, std::string(UNABLE));
     } else if (!here.otherVersion.text.empty()) {
         instead = Verdict{
@@ -220,8 +223,7 @@ Verdict explainHeld(const HeldProcess& process, const std::string& so)
             fmt::format("{}: {} has held the {} of {} (process {}) for {} s, so that it hears of nothing{}", so,
                         process.holder, process.loop, process.name, process.pid, process.time / comm::SECOND,
                         isExecutor(process) ? " and registers nothing" : ""),
-            fmt::format("restart {}; what takes long or waits belongs on a thread of its own, as kesa::on does",
-                        process.name),
+            AFTER_HOLD,
             {}};
 }
 

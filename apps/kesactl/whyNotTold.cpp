@@ -4,7 +4,9 @@
 #include "RunDirectoryFacts.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "processNotes.h"
 #include "seenByProvider.h"
+#include "whyAbsent.h"
 
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
@@ -13,11 +15,62 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <optional>
 
 namespace kesactl {
 namespace {
 
 using util::config::Value;
+
+constexpr const char* IS_IT_KEPT =
+    "is what trackService, kesa::use or follow returns kept? It ends what it stands for when it is destroyed";
+
+/// Of a process that is there, and has asked the registry for nothing.
+Verdict explainSilentOne(const std::string& process, pid_t pid, const kesa::url& registry)
+{
+    if (ProcessFacts(pid).isStopped) {
+        return {"stopped",
+                fmt::format("{} (process {}) is stopped, and not connected to the registry", process, pid),
+                fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
+                {}};
+    }
+    if (const std::string missing = missingRight(pid, registry); !missing.empty()) {
+        return {"rights",
+                fmt::format("{} (process {}) cannot ask the registry: {}", process, pid, missing),
+                "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
+                {}};
+    }
+    return {"not-asked",
+            fmt::format("{} (process {}) has asked this registry for nothing", process, pid),
+            fmt::format("{}; or see with kesactl check-config --process what its document says of the registry and of "
+                        "its partition",
+                        IS_IT_KEPT),
+            {}};
+}
+
+/// Of one that has no name here, by what it says of itself; nothing when no process says to have that name.
+std::optional<Verdict> explainNoted(const std::string& process, const kesa::url& registry)
+{
+    std::optional<Verdict> elsewhere;
+    for (const NotedProcess& note : findNotes(process)) {
+        if (note.isHere && !note.holds.empty()) {
+            const NotedProcess::Hold& hold = note.holds.front();
+            return explainHeld({note.name(), note.pid, hold.loop, hold.holder, hold.time},
+                               process + " does not see it");
+        }
+        if (note.isHere) {
+            return explainSilentOne(note.name(), note.pid, registry);
+        }
+        if (note.isElsewhere) {
+            elsewhere = {"other-run-directory",
+                         fmt::format("{} runs, but in {}, so that it does not meet this registry", note.who(),
+                                     note.runDirectory),
+                         "start it here, or let all who shall meet use one run directory (KESA_RUN_DIR)",
+                         {}};
+        }
+    }
+    return elsewhere;
+}
 
 /// Of a process that has asked the registry for nothing.
 Verdict explainUnknown(const std::string& process, const kesa::url& registry)
@@ -28,32 +81,20 @@ Verdict explainUnknown(const std::string& process, const kesa::url& registry)
         if (name.holder == 0) {
             continue;
         }
-        if (name.name != kesa::commadapter::transport::encodeProcessName(process)) {
-            names.emplace_back(name.name);
-            continue;
+        if (name.name == kesa::commadapter::transport::encodeProcessName(process)) {
+            return explainSilentOne(process, name.holder, registry);
         }
-        if (ProcessFacts(name.holder).isStopped) {
-            return {"stopped",
-                    fmt::format("{} (process {}) is stopped, and not connected to the registry", process, name.holder),
-                    fmt::format("continue it with kill -CONT {}, or end its debugger", name.holder),
-                    {}};
-        }
-        if (const std::string missing = missingRight(name.holder, registry); !missing.empty()) {
-            return {"rights",
-                    fmt::format("{} (process {}) cannot ask the registry: {}", process, name.holder, missing),
-                    "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
-                    {}};
-        }
-        return {"not-asked",
-                fmt::format("{} (process {}) has asked this registry for nothing", process, name.holder),
-                "see with kesactl check-config --process what its document says of the registry and of its partition",
-                {}};
+        names.emplace_back(name.name);
+    }
+    if (auto noted = explainNoted(process, registry)) {
+        return *noted;
     }
     const std::string_view meant = util::nearestName(process, names);
     return {"no-such-process",
             fmt::format("no process {} is known to the registry, or has its name in {}", process, facts.path),
             meant.empty()
-                ? "start it; or it runs, asks for nothing and provides nothing: such a one is known by no name"
+                ? "start it; or it runs as another user, asks for nothing and provides nothing: such a one is "
+                  "known to that user alone"
                 : fmt::format("did you mean {}?", meant),
             {}};
 }
@@ -163,7 +204,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
         return {"not-asked",
                 fmt::format("{} asks the registry for nothing that {} would be: for other services, or for none",
                             process, path),
-                "compare the paths and patterns that it tracks, letter by letter",
+                fmt::format("compare the paths and patterns that it tracks, letter by letter; and {}", IS_IT_KEPT),
                 {}};
     }
     const auto told = std::find_if(asks.begin(), asks.end(), [](const Value& ask) { return ask["told"] == true; });

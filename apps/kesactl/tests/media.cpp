@@ -7,13 +7,17 @@
 // both are; all that "media warming" answers is 503. "media many" has 15,000 more, "/many/0" first. "media
 // brief" withdraws what it has as soon as it is known. "media held" provides "/held" alone, and a handler holds a loop
 // of its runtime from when "/media/player" is there; "media mute" is the same without "/held". "media slow" follows
-// "/flood" of "/media/player" three times, which sends 2 MiB each time, with a handler that never returns.
+// "/flood" of "/media/player" three times, which sends 2 MiB each time, with a handler that never returns. "media deaf"
+// holds its I/O loop when "/deaf" is known, "media forgetful" drops what it has got for asking for "/media/player", and
+// "media plain" has "/plain", or is refused it.
 
 #include <json.h>
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
+#include <kesa/ease/Runtime.h>
 #include <kesa/ease/found.h>
 #include <kesa/ease/handler.h>
+#include <kesa/ease/provide.h>
 #include <kesa/ease/resources.h>
 #include <kesa/ease/use.h>
 #include <kesa/headers.h>
@@ -119,25 +123,42 @@ struct WarmingUp : kesa::IKesaApi {
     void cancel(void* /*handle*/) override {}
 };
 
-/// Holds a loop of its runtime with a handler until it is to end.
-void holdUntil(const sigset_t& ends, bool isMute)
-{
-    kesa::Disposable registration;
-    if (!isMute) {
-        registration = KesaRuntime::getInstance()->registerService("/held", makePlayer(), ServiceDef::TypeEnum::pex,
-                                                                   kesa::GenericObject(),
-                                                                   kesa::handler<ServiceDef>([](const ServiceDef&) {}));
+/// What it does with its runtime decides what tools say of it.
+class Odd {
+public:
+    explicit Odd(const std::string& name) : m_runtime(kesa::startOrExit(name, KesaRuntime::WITH_REGISTRYD))
+    {
+        if (name == "held" || name == "plain") {
+            m_registration =
+                m_runtime->registerService("/" + name, makePlayer(), ServiceDef::TypeEnum::pex, kesa::GenericObject(),
+                                           kesa::handler<ServiceDef>([](const ServiceDef&) {}));
+        }
+        const auto wait = [ended = m_end.get_future().share()](const auto&... /*news*/) { ended.wait(); };
+        if (name == "held" || name == "mute") {
+            m_tracking = m_runtime->trackAndResolveService("/media/player", kesa::handler<kesa::FoundByPath>(wait));
+        } else if (name == "deaf") {
+            m_provided = kesa::provide("/deaf", makePlayer());
+            m_provided->whenKnown(wait);
+        } else if (name == "forgetful") {
+            static_cast<void>(
+                m_runtime->trackAndResolveService("/media/player", kesa::handler<kesa::FoundByPath>(wait)));
+        }
     }
-    std::promise<void> end;
-    const auto tracking = KesaRuntime::getInstance()->trackAndResolveService(
-        "/media/player",
-        kesa::handler<kesa::FoundByPath>([ended = end.get_future().share()](const auto&) { ended.wait(); }));
-    std::puts("started");
-    std::fflush(stdout);
-    int signal = 0;
-    sigwait(&ends, &signal);
-    end.set_value();
-}
+    void runUntilSignal()
+    {
+        std::puts("started");
+        std::fflush(stdout);
+        m_runtime.runUntilSignal();
+        m_end.set_value();
+    }
+
+private:
+    std::promise<void> m_end;
+    kesa::Runtime m_runtime;
+    kesa::Disposable m_registration;
+    kesa::Disposable m_tracking;
+    std::unique_ptr<kesa::Registration> m_provided;
+};
 
 /// Takes nothing of what it follows until it is to end.
 void takeNothingUntil(const sigset_t& ends)
@@ -168,13 +189,12 @@ int main(int count, char** arguments)
     sigaddset(&ends, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &ends, nullptr);
     const std::string name = count > 1 ? arguments[1] : "media";
+    if (name == "held" || name == "mute" || name == "deaf" || name == "forgetful" || name == "plain") {
+        Odd(name).runUntilSignal();
+        return 0;
+    }
     if (KesaRuntime::initInstance(name, KesaRuntime::WITH_REGISTRYD)) {
         return 1;
-    }
-    if (name == "held" || name == "mute") {
-        holdUntil(ends, name == "mute");
-        KesaRuntime::shutdown();
-        return 0;
     }
     if (name == "slow") {
         takeNothingUntil(ends);

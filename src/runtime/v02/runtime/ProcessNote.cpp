@@ -4,11 +4,11 @@
 #include <comm/Clock.h>
 #include <comm/wallClock.h>
 #include <kesa/reasonOf.h>
+#include <obr/visible.h>
 #include <runtime/v02/runtime/channels.h>
 #include <util/config/Complaint.h>
 #include <util/config/Dictionary.h>
 #include <util/config/Value.h>
-#include <obr/visible.h>
 
 #include <sys/mman.h>
 #include <sys/stat.h>

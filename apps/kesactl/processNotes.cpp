@@ -1,0 +1,115 @@
+#include "processNotes.h"
+
+#include "otherRunDirectories.h"
+
+#include <obr/visible.h>
+#include <transport/usersAndGroups.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+namespace kesactl {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// The directory itself decides: a container has others of the same names.
+bool isChosen(const NotedProcess& note, const std::string& chosen)
+{
+    struct stat own {};
+    struct stat other {};
+    const std::string seen = fmt::format("/proc/{}/root{}", note.pid, note.runDirectory);
+    return ::stat(chosen.c_str(), &own) == 0 && ::stat(seen.c_str(), &other) == 0
+               ? own.st_dev == other.st_dev && own.st_ino == other.st_ino
+               : note.runDirectory == obr::visible(chosen);
+}
+
+std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen)
+{
+    auto read = kesa::runtime::v02::readProcessNote(pid);
+    struct stat status {};
+    if (!read || ::stat(fmt::format("/proc/{}", pid).c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    NotedProcess note;
+    static_cast<kesa::runtime::v02::ReadProcessNote&>(note) = std::move(*read);
+    note.isHere = isChosen(note, chosen);
+    note.isElsewhere = !note.isHere && !note.runDirectory.empty() && note.runDirectory != obr::visible(chosen);
+    note.user = status.st_uid == ::geteuid() ? "" : kesa::commadapter::transport::userName(status.st_uid);
+    return note;
+}
+
+std::vector<pid_t> runningProcesses()
+{
+    std::vector<pid_t> pids;
+    std::error_code failed;
+    for (fs::directory_iterator next("/proc", failed), end; !failed && next != end; next.increment(failed)) {
+        const std::string name = next->path().filename().string();
+        pid_t pid = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr == name.data() + name.size()) {
+            pids.push_back(pid);
+        }
+    }
+    std::sort(pids.begin(), pids.end());
+    return pids;
+}
+
+} // namespace
+
+std::string NotedProcess::name() const
+{
+    return user.empty() ? process : fmt::format("{} of the user {}", process, user);
+}
+
+std::string NotedProcess::who() const
+{
+    return fmt::format("{} (process {})", name(), pid);
+}
+
+const NotedProcess::Refusal* NotedProcess::refusalOf(std::string_view path) const
+{
+    const auto found =
+        std::find_if(refused.begin(), refused.end(), [path](const Refusal& each) { return each.path == path; });
+    return found == refused.end() ? nullptr : &*found;
+}
+
+const NotedProcess::Hold* NotedProcess::holdOf(std::string_view loop) const
+{
+    const auto found = std::find_if(holds.begin(), holds.end(), [loop](const Hold& each) { return each.loop == loop; });
+    return found == holds.end() ? nullptr : &*found;
+}
+
+std::optional<NotedProcess> noteOf(std::int64_t pid)
+{
+    return pid > 0 ? readNote(static_cast<pid_t>(pid), chosenRunDirectory()) : std::nullopt;
+}
+
+std::vector<NotedProcess> findNotes(const std::string& process)
+{
+    std::vector<NotedProcess> notes;
+    const std::string chosen = chosenRunDirectory();
+    for (const pid_t pid : runningProcesses()) {
+        auto note = readNote(pid, chosen);
+        const bool isWanted =
+            note && (process.empty() ? note->process.rfind("kesactl-", 0) != 0 : note->process == process);
+        if (isWanted) {
+            notes.push_back(std::move(*note));
+        }
+    }
+    return notes;
+}
+
+std::string holdText(const NotedProcess::Hold& hold)
+{
+    return fmt::format("{} has held its {} for {} s", hold.holder, hold.loop, hold.time / comm::SECOND);
+}
+
+} // namespace kesactl
