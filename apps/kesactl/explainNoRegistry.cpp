@@ -60,7 +60,6 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
 
 Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 {
-    const comm::TimeNs deadline = comm::now() + within;
     Unreached why = explainUnreachable(registry, within);
     if (why.cause == "not-provided" && why.isSomebodyThere) {
         why.advice = registry.path() == ServiceRegistryPex::SERVICE_PATH
@@ -76,6 +75,7 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
         return {"bad-run-directory", problem.text + (others.empty() ? "" : "; a registry runs in " + namesOf(others)),
                 problem.advice};
     }
+    const comm::TimeNs deadline = comm::now() + within; // that nobody listens was known at once
     if (const auto found = askProcessesHere(ServiceRegistryPex::SERVICE_PATH, {}, deadline).provider) {
         const std::string& here = found->name;
         why.cause = "other-registry";
