@@ -16,11 +16,13 @@ def count(request: kesa.Request):
 
 def slow_count(request: kesa.Request):
     """A thousand values a second."""
-    for number in itertools.count():
-        yield number
-        if request.cancelled.wait(0.001):
-            print("slow stream closed", flush=True)
-            return
+    try:
+        for number in itertools.count():
+            yield number
+            if request.cancelled.wait(0.001):
+                return
+    finally:  # a cancel may also come while a value is sent
+        print("slow stream closed", flush=True)
 
 
 def blocks(request: kesa.Request):
