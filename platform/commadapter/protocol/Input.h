@@ -36,6 +36,7 @@ public:
     [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER) { return m_hasFailed || readFrames(until); }
     /// Bytes that were received and are not handled: at least the beginning of a message.
     bool hasUnhandled() const noexcept { return m_end > m_begin; }
+    std::size_t unhandled() const noexcept { return m_end - m_begin; }
     /// `until` has come: there may be whole messages left. The owner reads nothing before `readOn`.
     bool isPaused() const noexcept { return m_isPaused; }
     const std::string& reason() const noexcept { return m_reason; }

@@ -22,6 +22,26 @@ Request limited(Request request, Value milliseconds)
     return request;
 }
 
+/// Asks, and again whenever it has been answered, as long as it is to.
+struct Asker {
+    Asker(Client& by, std::function<bool()> isWanted) : client(by), wanted(std::move(isWanted)) { ask(); }
+    void ask()
+    {
+        client.request(retrieve("/echo", "y"))->onEnd = [this, issued = comm::now()] {
+            longest = std::max(longest, comm::now() - issued);
+            ++answers;
+            if (wanted()) {
+                ask();
+            }
+        };
+    }
+
+    Client& client;
+    const std::function<bool()> wanted;
+    comm::TimeNs longest = 0;
+    std::size_t answers = 0;
+};
+
 class BackendTimeLimits : public BothRoads {};
 
 INSTANTIATE_TEST_SUITE_P(IsLocal, BackendTimeLimits, testing::Bool());
@@ -153,7 +173,7 @@ protected:
     CheckedService::Kept values;
 };
 
-TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLong)
+TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLongAndNobodyElse)
 {
     int left = 0;
     flood->onValue = [&] {
@@ -163,6 +183,10 @@ TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLong)
             EXPECT_FALSE(values->onNext(value("x")));
         }
     };
+    auto other = makeBackend("other");
+    CheckedService otherService;
+    Client besides(*clientBackend, provide(*other, "/other", otherService));
+    settle();
     for (const comm::TimeNs limit : {100, 3000}) {
         const comm::TimeNs issued = scheduler->now();
         comm::TimeNs took = 0;
@@ -175,7 +199,10 @@ TEST_F(BackendLateLoops, WorkOfTheirOwnPutsOffNoLimitForLong)
         for (int i = 0; i < 100; ++i) {
             EXPECT_FALSE(values->onNext(value("x")));
         }
+        Asker asker(besides, [&] { return left > 0; });
         settle();
+        EXPECT_GT(asker.answers, 5U);
+        EXPECT_LT(asker.longest, 50 * comm::MILLISECOND);
         EXPECT_EQ(late->status, 504);
         EXPECT_LT(took, limit * comm::MILLISECOND + 3 * comm::SECOND) << "a second, among reads of half a second";
     }
@@ -232,25 +259,46 @@ TEST(Deadlines, KeepTheirOrderAndFewOfThoseThatHaveEnded)
     EXPECT_EQ(deadlines.next(), comm::NEVER);
 }
 
-// Many small requests that come in one read, each of which takes a while.
-TEST_F(BackendTimeLimitsRemote, WhoAsksManyAtOnceLeavesTheLoopToOthers)
+// Many small requests, more than a batch reads, each of which takes a while. Who sent them stays, or is killed.
+TEST_F(BackendTimeLimitsRemote, WhoAsksManyAtOnceLeavesTheLoopToOthersAlsoInTheEnd)
 {
+    constexpr std::size_t MANY = 20'000;
+    constexpr std::size_t FLOOD_BODY = 100;
+    faults.pipeBytes = 16U << 20U;
+    network->setFaults(faults);
     begin();
     auto other = makeBackend("other");
     Client honest(*other, locator);
+    client->request(persistent());
     settle();
-    service.onRequest = [](const Request&) { work(1); };
-    Outcomes flood;
-    for (int i = 0; i < 1000; ++i) {
-        flood.push_back(client->request(retrieve("/echo", "x")));
+    std::size_t served = 0;
+    std::string proof;
+    service.onRequest = [&](const Request& request) {
+        work(1);
+        if (request.getPayload().size() == FLOOD_BODY && ++served == MANY / 2 && !clientBackend) {
+            RequestContext::current()->peer->proveAlive(100 * comm::MILLISECOND, [&](bool isAlive) {
+                proof = isAlive ? "alive" : "dead";
+                EXPECT_EQ(served, MANY) << "it came before the end";
+                EXPECT_EQ(service.cancels(), 1U);
+            });
+        }
+    };
+    for (const bool isKilled : {false, true}) {
+        served = 0;
+        for (std::size_t i = 0; i < MANY; ++i) {
+            client->request(retrieve("/echo", std::string(FLOOD_BODY, 'x')));
+        }
+        if (isKilled) {
+            client->forgetBackend();
+            kill(clientBackend, 2);
+        }
+        Asker asker(honest, [&] { return served < MANY; });
+        runFor(60'000);
+        EXPECT_EQ(served, MANY);
+        EXPECT_GT(asker.answers, 100U);
+        EXPECT_LT(asker.longest, 50 * comm::MILLISECOND);
     }
-    const auto asked = honest.request(retrieve("/echo", "y"));
-    const comm::TimeNs issued = scheduler->now();
-    comm::TimeNs took = comm::NEVER;
-    asked->onEnd = [&] { took = scheduler->now() - issued; };
-    settle();
-    EXPECT_LT(took, 50 * comm::MILLISECOND);
-    EXPECT_EQ(countOf(flood, [](const auto& outcome) { return outcome->isCompleted; }), flood.size());
+    EXPECT_EQ(proof, "dead");
 }
 
 } // namespace

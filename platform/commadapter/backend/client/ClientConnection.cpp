@@ -264,6 +264,7 @@ void ClientConnection::onClosed(const std::string& reason)
     const auto error = unavailable("the connection was lost: " + reason);
     std::vector<std::shared_ptr<ClientState>> wereConnected;
     m_targets.clear();
+    m_look = {};
     Lock lock(m_lock);
     for (const auto& client : m_clients) {
         client->target = 0;

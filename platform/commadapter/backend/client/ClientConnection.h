@@ -138,7 +138,8 @@ private:
     // ClientConnection_limits.cpp
     void setTimer();
     void expire();
-    bool looksAgain(comm::TimeNs now, bool stoodStill);
+    bool looks(Lock& lock, comm::TimeNs now);
+    bool looksAgain();
 
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
@@ -176,9 +177,16 @@ private:
     std::unordered_map<std::uint32_t, std::shared_ptr<ClientState>> m_targets;
     std::uint32_t m_lastTarget = 0;
     comm::Reactor::Id m_timer = 0;
-    // Since the loop stood still, for answers that came meanwhile.
-    comm::TimeNs m_lastLook = 0; ///< its end; 0: none
-    comm::TimeNs m_lookedFor = 0;
+    /// For answers that came before a time limit ran out, or while the loop stood still.
+    struct Look {
+        comm::TimeNs begun = 0; ///< what had come by then is being read, or has been
+        comm::TimeNs last = 0;  ///< when it was gone on with; 0: there is none
+        comm::TimeNs took = 0;
+        bool isRead = false;
+        bool stoodStill = false;
+        bool isWaiting = false; ///< until the peer is quiet
+    };
+    Look m_look;
 };
 
 } // namespace kesa::commadapter

@@ -5,7 +5,8 @@
 // A loop that stood still, as its process did, finds answers that were given in time, and not all at once: what the
 // stream had no room for comes as the peer hears that there is. So nobody is judged until it has been quiet for a
 // while, or for as long as is looked for what a peer sends that sends on and on. A loop that is late because its
-// handlers take long looks no different, and tells a limit that much later.
+// handlers take long looks no different, and tells a limit that much later. It looks in batches: meanwhile the loop is
+// everybody's, and who is judged in the end is who was due when the last look began.
 
 #include "backend/client/ClientConnection.h"
 
@@ -13,6 +14,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
 namespace kesa::commadapter {
 
@@ -74,27 +76,14 @@ void ClientConnection::setTimer()
 
 void ClientConnection::expire()
 {
-    const comm::TimeNs now = comm::now();
     Lock lock(m_lock);
-    if (m_deadlines.next() <= now) {
-        const bool stoodStill = now - m_timerDue >= LATE_TIMER;
-        if (m_lastLook != 0) {
-            m_lookedFor += std::min(now - m_lastLook, MOST_COUNTED);
-        }
-        lock.unlock();
-        readBatch(true, LONGEST_LOOKING - m_lookedFor); // what the peer answered while this loop was busy counts
-        lock.lock();
-        const comm::TimeNs read = comm::now();
-        m_lookedFor += read - now;
-        if (looksAgain(now, stoodStill)) {
-            m_lastLook = read;
-            m_timerDue = read + QUIET;
-            setTimer();
-            return;
-        }
+    const comm::TimeNs now = comm::now();
+    if (m_deadlines.next() <= now && looks(lock, now)) {
+        setTimer();
+        return;
     }
-    m_lastLook = m_lookedFor = 0;
-    while (const auto due = m_deadlines.takeDue(now)) {
+    const comm::TimeNs until = std::exchange(m_look, {}).begun;
+    while (const auto due = m_deadlines.takeDue(until)) {
         const std::uint32_t number = streamOf(due->handle);
         Stream& stream = *m_streams.find(number);
         stream.limited = Limited::eNOT;
@@ -106,20 +95,44 @@ void ClientConnection::expire()
     setTimer();
 }
 
-/// With the lock held, after reading.
-bool ClientConnection::looksAgain(comm::TimeNs now, bool stoodStill)
+/// Reads what the peer answered while this loop was busy, in batches. Answers whether nobody is judged yet: then it
+/// goes on at `m_timerDue`.
+bool ClientConnection::looks(Lock& lock, comm::TimeNs now)
 {
-    if (!isOpen() || m_deadlines.next() > now || m_lookedFor >= LONGEST_LOOKING) {
+    const bool isFirst = m_look.last == 0;
+    m_look.took += isFirst ? 0 : std::min(now - m_look.last, MOST_COUNTED);
+    m_look.stoodStill = isFirst ? now - m_timerDue >= LATE_TIMER : m_look.stoodStill;
+    if (isFirst || m_look.isRead) {
+        m_look.begun = now;
+        m_look.isRead = false;
+        lock.unlock();
+        readAll([this, begun = now] { m_look.isRead = m_look.isRead || m_look.begun == begun; });
+        lock.lock();
+    }
+    m_look.last = comm::now();
+    m_look.took += m_look.last - now;
+    if (!isOpen() || m_deadlines.next() > now || m_look.took >= LONGEST_LOOKING) {
         return false;
     }
-    if (m_lastLook != 0) {
-        return now - machine().input.lastReceived() < QUIET;
+    if (m_look.isRead && !looksAgain()) {
+        return false;
     }
-    if (stoodStill) {
+    m_timerDue = m_look.last + (m_look.isRead ? QUIET : BATCH);
+    return true;
+}
+
+/// Once all has been read. Who stood still waits for what could not be sent meanwhile.
+bool ClientConnection::looksAgain()
+{
+    if (m_look.isWaiting) {
+        return m_look.begun - machine().input.lastReceived() < QUIET;
+    }
+    if (m_look.stoodStill) {
         KESA_TRACE(CHANNEL, 1, "[looksAgain] '%s': this process stood still, what was answered meanwhile counts",
                    peerName().c_str());
     }
-    return stoodStill;
+    m_look.isWaiting = m_look.stoodStill;
+    return m_look.isWaiting;
 }
 
 } // namespace kesa::commadapter

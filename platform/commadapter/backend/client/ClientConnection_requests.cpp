@@ -167,12 +167,13 @@ void ClientConnection::noNumberFree()
     } else if (now - m_noneFreeSince >= loop().settings().heartbeat) {
         m_noneFreeSince = now;
         loop().post([self = std::static_pointer_cast<ClientConnection>(shared_from_this())] {
-            self->readAll(); // this process may have stood still itself
-            Lock lock(self->m_lock);
-            if (self->m_noneFreeSince != comm::NEVER) {
-                lock.unlock();
-                self->cutOff("it does not end what was cancelled");
-            }
+            self->readAll([connection = self.get()] { // this process may have stood still itself
+                Lock lock(connection->m_lock);
+                if (connection->m_noneFreeSince != comm::NEVER) {
+                    lock.unlock();
+                    connection->cutOff("it does not end what was cancelled");
+                }
+            });
         });
     }
 }

@@ -1,5 +1,6 @@
-// Input: the loop reads a batch, up to a limit so that no peer keeps the loop to itself, and the machine calls the
-// derived class for each message in it. The lock is not held meanwhile.
+// Input: the loop reads a batch, for no longer than BATCH so that no peer keeps the loop to itself, and the machine
+// calls the derived class for each message in it. The lock is not held meanwhile. What is left is handled in later
+// turns; who has to know what the peer has sent by now waits for them, see `readAll`.
 //
 // Output: a command is encoded into the machine under the lock. Issued on another thread it is written at once by that
 // thread, unless the socket is full or a batch is being handled; issued on the loop it is gathered, and leaves in one
@@ -15,7 +16,9 @@
 // for each other.
 //
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
-// the machine from under its own feet; the rest of the batch is still handled, as it came before the end.
+// the machine from under its own feet. Where the peer has gone, what it had sent is handled first, in batches like all
+// else: that is when most may be waiting. It is no more than was there when its end was found, as a child of the peer's
+// process may write on. Until then nothing is written, and nobody is judged.
 
 #include "backend/connection/Connection.h"
 
@@ -25,12 +28,16 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
+#include <utility>
+#include <vector>
 
 namespace kesa::commadapter {
 
 namespace {
 
-constexpr unsigned READS_PER_BATCH = 16;
+/// In a batch that nobody waits for.
+constexpr unsigned MOST_READS = 16;
 constexpr std::size_t GATHERED_BYTES = 64U << 10U;
 constexpr std::size_t PARTS_PER_WRITE = 64;
 constexpr comm::TimeNs BURST = comm::MILLISECOND / 200;
@@ -43,11 +50,6 @@ protocol::Limits limitsOf(const CommSettings& settings)
     limits.maxMessageBytes = settings.maxMessageBytes;
     limits.heartbeat = settings.heartbeat;
     return limits;
-}
-
-comm::TimeNs endOf(comm::TimeNs within, comm::TimeNs now)
-{
-    return within == comm::NEVER ? comm::NEVER : now + within;
 }
 
 } // namespace
@@ -71,6 +73,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     progressed(now);
     m_isReading = true;
     m_lostReason.reset();
+    m_bytesRead = 0;
 }
 
 void Connection::begin()
@@ -100,6 +103,7 @@ void Connection::lose(std::string reason)
     m_loop->countQueued(std::exchange(m_counted, {}), {});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
+    const auto dropped = std::exchange(m_awaited, {});
     onClosed(reason);
 }
 
@@ -133,28 +137,54 @@ void Connection::onReadable()
     }
 }
 
-void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
+void Connection::readAll(std::function<void()> then)
+{
+    if (!m_isOpen) {
+        return;
+    }
+    m_awaited.push_back({m_bytesRead + m_stream->unread(), std::move(then)});
+    if (!m_isToReadOn) {
+        readBatch(); // inside a batch: its end does it
+    }
+}
+
+void Connection::readBatch()
 {
     if (!m_isOpen || m_isReceiving) {
         return;
     }
-    bool hasRead = false;
-    comm::TimeNs until = comm::NEVER;
     auto& input = m_machine->input;
     const std::uint64_t pongs = input.pongs();
+    const std::uint64_t readBefore = m_bytesRead;
     {
         const Lock lock(m_lock);
         m_isBatch = true;
         shutInput(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
+    const bool isEmpty = receive();
+    m_isReceiving = false;
+    const bool hasRead = m_bytesRead != readBefore;
+    const bool isPong = input.pongs() != pongs;
+    finishBatch(hasRead);
+    if (m_isOpen) {
+        endBatch(hasRead, isPong, isEmpty);
+    }
+}
+
+/// Answers whether the stream was found empty.
+bool Connection::receive()
+{
+    comm::TimeNs until = comm::NEVER;
+    auto& input = m_machine->input;
     if (input.hasUnhandled()) {
-        until = endOf(within, comm::now());
+        until = comm::now() + BATCH;
         if (input.readOn(until)) {
             cutOff(input.reason());
         }
     }
-    for (unsigned reads = 0; reads < READS_PER_BATCH && !m_lostReason && !isInputStopped(); ++reads) {
+    unsigned reads = 0;
+    while (!m_lostReason && !isInputStopped()) {
         const auto into = input.buffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
@@ -162,39 +192,55 @@ void Connection::readBatch(bool untilEmpty, comm::TimeNs within)
             m_lostReason = m_stream->reason().empty() ? "the peer closed the connection" : m_stream->reason();
         }
         if (result != transport::IStream::Result::eDONE || size == 0) {
-            break;
+            return true;
         }
         const comm::TimeNs now = comm::now();
-        until = until == comm::NEVER ? endOf(within, now) : until;
-        hasRead = true;
+        until = until == comm::NEVER ? now + BATCH : until;
+        m_bytesRead += size;
         if (input.received(size, now, until)) {
             cutOff(input.reason());
-            continue;
+            break;
         }
-        const bool isProbablyAll = size < into.size() && !untilEmpty; // the stream comes again for the rest
-        if (isProbablyAll || comm::now() >= until) {
+        const bool isEnough = size < into.size() || ++reads == MOST_READS; // the stream comes again for the rest
+        if ((isEnough && m_awaited.empty()) || comm::now() >= until) {
             break;
         }
     }
-    if (m_lostReason && input.isPaused()) {
-        static_cast<void>(input.readOn()); // it came before the end
+    return false;
+}
+
+/// After a batch that has left the connection open. What its bytes tell comes before what was to come after them.
+void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
+{
+    updateReading();
+    const auto left = std::find_if_not(m_awaited.begin(), m_awaited.end(),
+                                       [&](const Awaited& awaited) { return isHandled(awaited, isEmpty); });
+    const std::vector<Awaited> come(std::make_move_iterator(m_awaited.begin()), std::make_move_iterator(left));
+    m_awaited.erase(m_awaited.begin(), left);
+    readOnLater();
+    if (hasRead || isPong) {
+        onSign(isPong);
     }
-    m_isReceiving = false;
-    const bool isPong = input.pongs() != pongs;
-    finishBatch(hasRead);
-    if (m_isOpen) {
-        updateReading();
-        readOnLater();
-        if (hasRead || isPong) {
-            onSign(isPong);
+    for (const Awaited& awaited : come) {
+        if (m_isOpen && awaited.then) {
+            awaited.then();
         }
     }
+}
+
+/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one whose input is held is not
+/// waited for.
+bool Connection::isHandled(const Awaited& awaited, bool isEmpty) const
+{
+    const auto& input = m_machine->input;
+    return input.isShut() || (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
 }
 
 /// What the time did not suffice for: after what other connections have for this turn of the loop.
 void Connection::readOnLater()
 {
-    if (m_machine->input.isPaused() && !std::exchange(m_isToReadOn, true)) {
+    const bool isLeft = m_machine->input.isPaused() || !m_awaited.empty();
+    if (isLeft && !std::exchange(m_isToReadOn, true)) {
         m_loop->post([self = shared_from_this()] {
             self->m_isToReadOn = false;
             const IoLoop::Turn turn(*self->m_loop);
@@ -230,15 +276,12 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
+    const std::string reason = "the peer's process has ended";
     if (m_isOpen && (!m_isReading || isInputStopped())) {
-        {
-            const Lock lock(m_lock);
-            m_isBroken = true;
-            reopenInput();
-        }
-        readAll(); // what it had sent before
+        endAfterInput(reason);
+    } else {
+        lose(reason);
     }
-    lose("the peer's process has ended");
 }
 
 // ---- output -------------------------------------------------------------------------------------------------------
@@ -386,18 +429,25 @@ void Connection::wantWrite()
     });
 }
 
-/// What the peer had sent before it left is handled first.
 void Connection::writeFailed()
 {
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
-            self->readAll();
-        }
-        if (self->m_isOpen && self->m_opened == opened) {
             const std::string reason = self->m_stream->reason();
-            self->lose(reason.empty() ? "the peer closed the connection" : reason);
+            self->endAfterInput(reason.empty() ? "the peer closed the connection" : reason);
         }
     });
+}
+
+/// The peer has gone: what it had sent is handled first.
+void Connection::endAfterInput(std::string reason)
+{
+    {
+        const Lock lock(m_lock);
+        m_isBroken = true;
+        reopenInput();
+    }
+    readAll([this, reason = std::move(reason)] { lose(reason); });
 }
 
 void Connection::countQueued()

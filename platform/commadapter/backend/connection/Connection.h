@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kesa::commadapter {
 
@@ -72,14 +73,14 @@ protected:
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
 
     static constexpr comm::TimeNs BATCH = 2 * comm::MILLISECOND;
-    /// Reads and handles what is there, up to a limit that is more than a socket holds, and no further once handling it
-    /// has taken `within`, message by message: a peer that sends very many keeps nobody else waiting, and the rest
-    /// comes in a later turn of the loop. Not `untilEmpty`, the last read may be spared. Loop only.
-    void readBatch(bool untilEmpty = false, comm::TimeNs within = BATCH);
-    /// The same of what must not be left unread: whatever time it takes.
-    void readAll() { readBatch(true, comm::NEVER); }
-
-    /// Of what has been read not all has been handled. Loop only, while open.
+    /// Reads and handles what is there, and no further once handling it has taken BATCH, message by message: a peer
+    /// that sends very many keeps nobody else waiting, and the rest comes in a later turn of the loop. Loop only.
+    void readBatch();
+    /// What the peer has sent by now, and its end if that has come, is read and handled, in as many batches as it
+    /// takes; `isReadingOn` until then. Then `then` is called: at once where one batch is enough, never once the
+    /// connection has ended. Loop only.
+    void readAll(std::function<void()> then = {});
+    /// Of what the peer has sent not all has been handled: the rest comes in later turns. Loop only, while open.
     bool isReadingOn() const noexcept { return m_isToReadOn; }
 
     bool isOpen() const noexcept { return m_isOpen; }
@@ -123,8 +124,17 @@ private:
     void onWritable() override;
     void onPeerExited() override;
 
+    /// Who waits until what had come has been handled.
+    struct Awaited {
+        std::uint64_t end; ///< how many bytes had come
+        std::function<void()> then;
+    };
+    bool receive();
     void finishBatch(bool hasRead);
+    void endBatch(bool hasRead, bool isPong, bool isEmpty);
+    bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
+    void endAfterInput(std::string reason);
     bool isInputStopped() const noexcept;
     void write();
     std::size_t shutBound() const;
@@ -163,6 +173,8 @@ private:
     bool m_isToReadOn = false; ///< a turn is posted in which it does
     bool m_isReading = true;   ///< the stream reports what arrives
     std::optional<std::string> m_lostReason;
+    std::uint64_t m_bytesRead = 0;
+    std::vector<Awaited> m_awaited;
 };
 
 } // namespace kesa::commadapter

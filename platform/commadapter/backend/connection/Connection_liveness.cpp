@@ -16,6 +16,9 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         return false;
     }
     Lock lock(m_lock);
+    if (m_isBroken) {
+        return false; // its end is on its way
+    }
     if (hasSlept) {
         m_machine->output.restartDeadlines(now);
         progressed(now);

@@ -16,11 +16,10 @@ constexpr comm::TimeNs LATE = 50 * comm::MILLISECOND;
 
 } // namespace
 
-/// What comes next may have been on its way when the process stopped or died; only the answer to a question proves that
-/// it lived when it was asked.
+/// What has come may have been on its way when the process stopped or died; only the answer to a question proves that
+/// it lived when it was asked. It is asked once that has been handled: an earlier pong may be among it, or the end.
 void Liveness::prove(comm::TimeNs within, std::function<void(bool isAlive)> answer)
 {
-    m_connection.readAll();
     if (!m_connection.isOpen()) {
         answer(false);
         return;
@@ -28,7 +27,7 @@ void Liveness::prove(comm::TimeNs within, std::function<void(bool isAlive)> answ
     m_questions.push_back({++m_lastNumber, within, comm::now(), std::move(answer), false});
     await(m_questions.back());
     if (m_questions.size() == 1) {
-        ask();
+        m_connection.readAll([this] { ask(); });
     }
 }
 
