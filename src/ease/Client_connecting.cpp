@@ -166,7 +166,7 @@ void Client::Impl::refused(unsigned number, const Response& error)
     if (number == m_number) {
         letGo();
         setState(nullptr,
-                 fmt::format("'{}' cannot be reached: {}; 'kesactl why {}' says more", m_path, sentenceOf(error),
+                 fmt::format("'{}' cannot be reached: {}; kesactl why {} says more", m_path, sentenceOf(error),
                              util::shellWord(m_path)),
                  error.getStatus());
     }

@@ -51,7 +51,7 @@ std::string Client::Impl::reason(std::optional<bool> hasAnswered) const
     if (isConnected) {
         return why.empty() ? why : fmt::format("'{}' is connected and silent: {}", m_path, why);
     }
-    return fmt::format("{}{}{}; 'kesactl why {}' says more", reason, why.empty() ? "" : ": ", why,
+    return fmt::format("{}{}{}; kesactl why {} says more", reason, why.empty() ? "" : ": ", why,
                        util::shellWord(m_path));
 }
 

@@ -105,7 +105,7 @@ private:
             KesaRuntime::shutdown(); // an instance is there all the same
             m_signals.reset();
             m_error = fmt::format("the runtime '{}' did not start: its configuration names no backend, or no registry "
-                                  "that one can reach; 'kesactl check-config' explains what is wrong with it",
+                                  "that one can reach; kesactl check-config explains what is wrong with it",
                                   processName);
             return;
         }

@@ -52,7 +52,7 @@ void addObstacle(GetResult& result, const IKesaApi& api)
     }
     if (const auto* const client = dynamic_cast<const Client*>(&api)) {
         const std::string why = client->reason();
-        result.error += why.empty() ? fmt::format("; '{0}' is connected; 'kesactl why {1}' says more", client->path(),
+        result.error += why.empty() ? fmt::format("; '{0}' is connected; kesactl why {1} says more", client->path(),
                                                   util::shellWord(client->path()))
                                     : "; " + why;
     } else if (const std::string why = whyNoAnswer(); !why.empty()) {

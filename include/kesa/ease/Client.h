@@ -69,7 +69,7 @@ public:
     /// connected to is stopped, in one sentence that ends with what to do or to ask next; empty when nothing is known
     /// to be in the way:
     ///     nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not connected: no process
-    ///     listens as "kesa-registryd" in "/run/kesa" (run directory by the default); 'kesactl doctor' says more
+    ///     listens as "kesa-registryd" in "/run/kesa" (run directory by the default); kesactl doctor says more
     std::string reason() const;
 
     /// `handler(isConnected)` is called at each change: on the runtime's executor or updater, one call at a time; and

@@ -30,7 +30,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 const std::string NOBODY = "nobody is known to provide '/p': why /p";
-const std::string MORE = "; 'kesactl why /p' says more";
+const std::string MORE = "; kesactl why /p says more";
 
 class Use : public testing::Test {
 protected:

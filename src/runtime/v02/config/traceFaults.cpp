@@ -46,9 +46,9 @@ void traceFaults(const ConfigReport& report, const std::string& source, bool has
     } else if (hasFailed) {
         std::string text = "it does not count; with the defaults, which do, this process finds no other process";
         if (!report.file.empty()) {
-            text.append("; \"kesactl check-config ")
+            text.append("; kesactl check-config ")
                 .append(util::shellWord(report.file))
-                .append("\" lists what is wrong with it");
+                .append(" lists what is wrong with it");
         }
         traceFault(source, text);
     }

@@ -76,7 +76,7 @@ std::string howToFindWithoutRegistry(const ServiceDef& service, const KesaConfig
     const std::string told = fmt::format("[registerService] no other process finds '{}' by its path, since {}: ", path,
                                          Reasons::whyNoRegistry(config));
     if (!config.m_valid) {
-        return told + "'kesactl check-config' says why";
+        return told + "kesactl check-config says why";
     }
     return told +
            fmt::format(R"(add {{"path": "{}", "type": "{}", "locators": ["{}"]}} to "services" in the documents )"

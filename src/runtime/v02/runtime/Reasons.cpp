@@ -27,8 +27,8 @@ namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
 {
-    return fmt::format("this process asks no registry, since {}, and so sees its own services only; 'kesactl "
-                       "check-config' {}",
+    return fmt::format("this process asks no registry, since {}, and so sees its own services only; kesactl "
+                       "check-config {}",
                        Reasons::whyNoRegistry(config), config.m_valid ? "shows what counts" : "says more");
 }
 
@@ -58,7 +58,7 @@ void Reasons::setBackendHolds(Holds holds)
 void Reasons::setRegistryHere()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    m_withoutAsking = "this process hosts the registry, and its runtime sees its own services only; 'kesactl list' "
+    m_withoutAsking = "this process hosts the registry, and its runtime sees its own services only; kesactl list "
                       "shows those of all";
 }
 
@@ -143,10 +143,10 @@ std::string Reasons::why(const std::string& path, const char* silence) const
     }
     const std::string obstacleToIt = obstacle(registry);
     if (m_isConnected) {
-        return fmt::format("the registry at {} is connected and {}; 'kesactl why {}' says more", registry.toString(),
+        return fmt::format("the registry at {} is connected and {}; kesactl why {} says more", registry.toString(),
                            obstacleToIt.empty() ? silence : "silent: " + obstacleToIt, util::shellWord(path));
     }
-    return fmt::format("the registry at {} is not connected{}{}; 'kesactl doctor' says more", registry.toString(),
+    return fmt::format("the registry at {} is not connected{}{}; kesactl doctor says more", registry.toString(),
                        obstacleToIt.empty() ? "" : ": ", obstacleToIt);
 }
 

@@ -157,7 +157,7 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     m_runtime = startRuntime("{}");
     EXPECT_EQ(m_runtime->reasons()->whyUnknown("/x"),
               "this process asks no registry, since its built-in configuration has no \"use_registry\": true, and "
-              "so sees its own services only; 'kesactl check-config' shows what counts");
+              "so sees its own services only; kesactl check-config shows what counts");
     KesaRuntimeImpl invalid(KesaConfig("me", "{"));
     EXPECT_THAT(invalid.reasons()->whyUnknown("/x"),
                 HasSubstr("since it has no configuration file, and no valid text in place of one, and"));
@@ -166,11 +166,10 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     const std::string registry = "fake://registry/registry";
     const auto reasons = reasonsOf(registry);
     run();
-    EXPECT_EQ(reasons->whyUnknown("/x"),
-              "the registry at " + registry + " is not connected; 'kesactl doctor' says more");
+    EXPECT_EQ(reasons->whyUnknown("/x"), "the registry at " + registry + " is not connected; kesactl doctor says more");
     m_network->obstacle = "it is stopped";
     EXPECT_EQ(reasons->whyUnknown("/x"),
-              "the registry at " + registry + " is not connected: it is stopped; 'kesactl doctor' says more");
+              "the registry at " + registry + " is not connected: it is stopped; kesactl doctor says more");
     EXPECT_EQ(reasons->obstacle(url("fake://other/x")), "");
     auto resolving = resolve("fake://other/x", "p");
     run();
@@ -181,10 +180,10 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     m_network->connected(registry);
     run();
     EXPECT_EQ(reasons->whyUnknown("/x"),
-              "the registry at " + registry + " is connected and silent: it is stopped; 'kesactl why /x' says more");
+              "the registry at " + registry + " is connected and silent: it is stopped; kesactl why /x says more");
     m_network->obstacle.clear();
     const auto connectedAnd = [&registry](const std::string& rest) {
-        return "the registry at " + registry + " is connected and " + rest + "; 'kesactl why /x' says more";
+        return "the registry at " + registry + " is connected and " + rest + "; kesactl why /x says more";
     };
     EXPECT_EQ(reasons->whyUnknown("/x"), connectedAnd("has named nobody so far"));
     EXPECT_EQ(reasons->whyUnknownWhenAsked("/x", true), connectedAnd("names nobody"));
@@ -192,8 +191,7 @@ TEST_F(RuntimeTest, knowsHowItStandsToTheRegistryAlsoAfterItsEnd)
     m_network->disconnected(registry);
     run();
     m_runtime.reset();
-    EXPECT_EQ(reasons->whyUnknown("/x"),
-              "the registry at " + registry + " is not connected; 'kesactl doctor' says more");
+    EXPECT_EQ(reasons->whyUnknown("/x"), "the registry at " + registry + " is not connected; kesactl doctor says more");
 }
 
 TEST_F(RuntimeTest, namesTheHandlerThatHoldsALoopWhileItDoesAndAfterwards)

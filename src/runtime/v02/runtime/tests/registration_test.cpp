@@ -68,7 +68,7 @@ TEST_F(RegistrationTest, theRecordSaysWhoProvidesWhatAndHow)
     EXPECT_THAT(
         traced(3, [&] { external = registered("/b", {}); }),
         Contains(HasSubstr("no other process finds '/b' by its path, since it has no configuration file, and no "
-                           "valid text in place of one: 'kesactl check-config' says why")))
+                           "valid text in place of one: kesactl check-config says why")))
         << "not that it lacks what it has";
 }
 
