@@ -3,11 +3,11 @@
 #include "Verdict.h"
 #include "askProcesses.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "runDirectoryProblem.h"
 
 #include <backend/readCommSettings.h>
 #include <comm/wallClock.h>
-#include <transport/Authority.h>
 #include <transport/RunDirectory.h>
 #include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
@@ -36,8 +36,8 @@ void explain(ProcessReport& report, ExitCode exitCode, std::string_view note, st
 {
     report.exitCode = exitCode;
     report.note = note;
-    report.advice = report.pid == 0 ? fmt::format("{} {}", report.name, advice)
-                                    : fmt::format("{} ({}) {}", report.name, report.pid, advice);
+    report.advice = report.pid == 0 ? fmt::format("{} {}", report.plainName(), advice)
+                                    : fmt::format("{} ({}) {}", report.plainName(), report.pid, advice);
 }
 
 /// What is known without asking.
@@ -49,7 +49,7 @@ ProcessReport reportOf(const Name& name, const std::string& directory, bool isPa
         explain(report, ExitCode::eFAILED, "child of a dead process",
                 fmt::format("has the name only since it is a child of process {}, which has ended, and nobody answers "
                             "under it; end it, then start {} again",
-                            name.heirOf, report.name));
+                            name.heirOf, report.plainName()));
     } else if (report.facts.isStopped && !isPatient) {
         explainStopped(report);
     } else if (!name.hasSocket) {
@@ -93,8 +93,8 @@ void add(ProcessReport& report, const Said& said)
     report.advice = said.why.cause == "not-provided"
                         ? fmt::format("{0} takes part, but does not say what it is: it is of an earlier version, or "
                                       "not of this library; kesactl list --provider {1} shows what it provides",
-                                      report.name, util::shellWord(report.name))
-                        : fmt::format("{}: {}", report.name, said.why.sentence());
+                                      report.plainName(), util::shellWord(report.plainName()))
+                        : fmt::format("{}: {}", report.plainName(), said.why.sentence());
 }
 
 /// Where else processes have names.
@@ -127,8 +127,7 @@ void explainStopped(ProcessReport& report)
 
 std::string ProcessReport::plainName() const
 {
-    const auto endpoint = kesa::commadapter::transport::parseProcessAuthority(kesa::url("ipc://" + name), "ipc");
-    return endpoint ? endpoint->process : name;
+    return kesactl::plainName(name);
 }
 
 std::string ProcessReport::processId() const
@@ -180,7 +179,7 @@ std::string ProcessReport::asJson() const
 {
     Dictionary all = answer.dictionary();
     if (!answer.isDefined()) {
-        all.set("process", name);
+        all.set("process", plainName());
         all.set("note", note);
         all.set("advice", advice);
         if (facts.isThere) {
@@ -217,17 +216,14 @@ RunDirectoryFacts findRunDirectory()
     return facts;
 }
 
-std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
-                                           comm::TimeNs deadline, bool isPatient)
+std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, comm::TimeNs deadline, bool isPatient)
 {
     std::vector<ProcessReport> reports;
     std::vector<std::string> asked;
     for (const Name& name : directory.names) {
-        if (only.empty() || only == name.name) {
-            reports.push_back(reportOf(name, directory.path, isPatient));
-            if (reports.back().note.empty()) {
-                asked.push_back(name.name);
-            }
+        reports.push_back(reportOf(name, directory.path, isPatient));
+        if (reports.back().note.empty()) {
+            asked.push_back(name.name);
         }
     }
     if (!asked.empty()) {

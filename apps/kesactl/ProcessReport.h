@@ -49,11 +49,10 @@ struct ProcessReport {
 /// The run directory that counts for this process. A `Failure` when there is none, or when nobody is in it.
 RunDirectoryFacts findRunDirectory();
 
-/// Of the processes that are there, in order of their names; all are asked at once. `only`: one of them, by its name as
-/// in locators; empty: all. Those that cannot answer are not waited for; `isPatient`: those that are stopped at the
-/// moment are, since they may be continued.
-std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, const std::string& only,
-                                           comm::TimeNs deadline, bool isPatient = false);
+/// Of the processes of `directory`'s names, in the order of these; all are asked at once. Those that cannot answer are
+/// not waited for; `isPatient`: those that are stopped at the moment are, since they may be continued.
+std::vector<ProcessReport> lookAtProcesses(const RunDirectoryFacts& directory, comm::TimeNs deadline,
+                                           bool isPatient = false);
 
 /// Notes in `report` that the process is stopped, and what to do.
 void explainStopped(ProcessReport& report);

@@ -2,6 +2,7 @@
 
 #include "DoctorPage.h"
 #include "Failure.h"
+#include "OtherPartition.h"
 #include "RunDirectoryFacts.h"
 #include "System.h"
 #include "doctor_runDirectory.h"
@@ -10,6 +11,7 @@
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "processNames.h"
 #include "providersHere.h"
 #include "replacedRealm.h"
 #include "reviewSettings.h"
@@ -218,11 +220,19 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
         const auto& services = report.answer["services"].items();
         const auto unknown = std::find_if(services.begin(), services.end(),
                                           [&known](const Value& path) { return known.count(path.toText()) == 0; });
-        if (unknown != services.end() && !isYoung(report.started()) && otherPartition(report.answer, place).empty()) {
+        if (unknown == services.end() || isYoung(report.started())) {
+            continue;
+        }
+        if (const OtherPartition other = findOtherPartition(report.answer, place); !other.name.empty()) {
+            if (!other.isConnected) {
+                found.push_back(fmt::format("{} ({}) provides {} for nobody: {}; {}", report.plainName(), report.pid,
+                                            unknown->toText(), other.text(), howToStart(other.registry)));
+            }
+        } else {
             const std::string apart = whyApart(report.answer, registry);
             found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it{}; kesactl why {} "
                                         "says more",
-                                        report.name, report.pid, unknown->toText(),
+                                        report.plainName(), report.pid, unknown->toText(),
                                         apart.empty() ? "" : ": it is not connected to it: " + apart,
                                         util::shellWord(unknown->toText())));
         }
@@ -264,8 +274,8 @@ void addPartitions(DoctorPage& page, const apps::RegistryPlace& place, const Run
     for (const auto& [partition, locators] : place.others) {
         const std::string locator = locators.empty() ? "none" : locators.front().toString();
         const bool isHere = !locators.empty() && isHeld(facts, processOf(locators.front()));
-        page.addLine("  of " + partition,
-                     fmt::format("{}{}", util::config::excerpt(locator), isHere ? ", which runs here" : ""));
+        page.addLine("  of " + partition, fmt::format("{}{}", util::config::excerpt(locator),
+                                                      isHere ? ", which runs here" : ", which does not run here"));
         others.emplace_back(Dictionary{{"partition", partition}, {"registry", locator}, {"runs_here", isHere}});
     }
     page.facts.set("other_partitions", std::move(others));

@@ -1,6 +1,7 @@
 #include "doctor_runDirectory.h"
 
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "processNotes.h"
 #include "replacedRealm.h"
 #include "runDirectoryProblem.h"
@@ -78,12 +79,6 @@ void addRealm(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
         page.findings.push_back(fmt::format("{}/realm does not hold 16 hex digits; remove it when no process uses the "
                                             "directory",
                                             facts.path));
-    } else if (facts.realmState == Realm::eMISSING &&
-               std::any_of(facts.names.begin(), facts.names.end(),
-                           [](const Name& name) { return !isLeft(name) && !isLost(name); })) {
-        page.findings.push_back(fmt::format("{}/realm was removed, so processes started from now on are of another "
-                                            "realm than those that run; restart all of them",
-                                            facts.path));
     } else if (const ReplacedRealm replaced = findReplacedRealm(facts, reports); !replaced.text.empty()) {
         page.findings.push_back(replaced.sentence());
     }
@@ -98,11 +93,11 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
             wrong.push_back(report.advice);
         }
         for (const std::string& hold : report.holds()) {
-            wrong.push_back(fmt::format("{} ({}): {}; {}", report.name, report.pid, hold, AFTER_HOLD));
+            wrong.push_back(fmt::format("{} ({}): {}; {}", report.plainName(), report.pid, hold, AFTER_HOLD));
         }
         if (report.facts.isReplaced) {
             wrong.push_back(fmt::format("{} ({}): its program or library was replaced while it runs; restart it",
-                                        report.name, report.pid));
+                                        report.plainName(), report.pid));
         }
     }
     return wrong;
@@ -113,7 +108,8 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
     const pid_t pid = name.holder != 0 ? name.holder : name.listener;
     if (pid == 0) {
         return isLeft(name) && !name.kind.empty() ? "nobody: it is " + name.kind
-               : isLeft(name)                     ? "nobody: its socket is left"
+               : isLeft(name) ? "nobody: its socket is left of a process that was killed; the next one of "
+                                "that name replaces it"
                : name.connectError == EACCES ? "nobody who is visible from here: its socket, which this user may not "
                                                "use, is left, or of another container"
                                              : "a process that is not visible from here, as of another container";
@@ -127,13 +123,11 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
                            : fmt::format("process {}, which is not visible from here{}", pid, lateness(after));
 }
 
-std::string explainLeft(const Name& name, const std::string& socket)
+/// Of what stands where a socket belongs.
+std::string explainStray(const Name& name, const std::string& socket)
 {
-    if (name.kind == "a directory") {
-        return fmt::format("{} is a directory, so no process can have that name; remove it", socket);
-    }
-    return name.kind.empty()
-               ? socket + " is left of a process that was killed; the next one of that name replaces it, or remove it"
+    return name.kind == "a directory"
+               ? fmt::format("{} is a directory, so no process can have that name; remove it", socket)
                : fmt::format(
                      "{} is {}, where a socket belongs; the next process of that name replaces it, or remove it",
                      socket, name.kind);
@@ -144,20 +138,20 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
-    std::vector<std::string> left;
+    std::size_t left = 0;
+    std::vector<std::string> strays;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder != 0 ? name.holder : name.listener);
         const auto report = std::find_if(reports.begin(), reports.end(),
                                          [&name](const ProcessReport& each) { return each.name == name.name; });
         const comm::TimeNs after = report == reports.end() || name.isLost ? 0 : report->after;
-        const std::string socket = facts.path + "/" + name.name + ".sock";
-        if (isLeft(name)) {
-            left.push_back(explainLeft(name, socket));
+        if (isLeft(name) && !name.kind.empty()) {
+            strays.push_back(explainStray(name, facts.path + "/" + name.name + ".sock"));
         }
-        if (!isLeft(name) || left.size() <= DoctorPage::MOST) {
-            page.addLine("  " + name.name, describe(name, process, after));
+        if (!isLeft(name) || ++left <= DoctorPage::MOST) {
+            page.addLine("  " + plainName(name.name), describe(name, process, after));
         }
-        Dictionary entry{{"name", name.name}};
+        Dictionary entry{{"name", plainName(name.name)}};
         if (name.holder != 0) {
             entry.set("pid", std::int64_t{name.holder});
             entry.set("user", process.user);
@@ -170,12 +164,12 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
         }
         names.emplace_back(std::move(entry));
     }
-    if (left.size() > DoctorPage::MOST) {
-        page.addLine(fmt::format("  and {} more", left.size() - DoctorPage::MOST), "nobody: their sockets are left");
+    if (left > DoctorPage::MOST) {
+        page.addLine(fmt::format("  and {} more", left - DoctorPage::MOST), "nobody: their sockets are left");
     }
     std::vector<std::string> wrong = findWrong(reports, blamed);
     page.find(wrong, "findings about processes with a name here; see to those above first");
-    page.find(left, "sockets are left of processes that were killed");
+    page.find(strays, "files stand where sockets belong");
     page.facts.set("names", std::move(names));
     if (!facts.strays.empty()) {
         page.findings.push_back(
@@ -190,7 +184,7 @@ void addRefused(DoctorPage& page, const RunDirectoryFacts& facts)
 {
     std::vector<std::string> refused;
     for (const RunDirectoryFacts::Refusal& each : facts.refused) {
-        refused.push_back(fmt::format("{} cannot be started by {}: {}", each.name,
+        refused.push_back(fmt::format("{} cannot be started by {}: {}", plainName(each.name),
                                       each.problem.isForThisUser ? "this user" : "other users",
                                       each.problem.sentence()));
     }
@@ -209,7 +203,7 @@ void addLeftBehind(DoctorPage& page, const RunDirectoryFacts& other, const std::
             page.findings.push_back(
                 fmt::format("{} ({}) meets others in {}, not in {}: it was started before this user "
                             "could write there; restart it",
-                            name.name, name.holder, other.path, chosen));
+                            plainName(name.name), name.holder, other.path, chosen));
         }
     }
 }
@@ -231,7 +225,7 @@ std::string reasonOf(const RunDirectory& directory)
 std::vector<ProcessReport> askAll(RunDirectoryFacts facts, comm::TimeNs deadline)
 {
     std::erase_if(facts.names, [](const Name& name) { return isLeft(name) || isLost(name); });
-    return lookAtProcesses(facts, "", deadline, true);
+    return lookAtProcesses(facts, deadline, true);
 }
 
 std::string lateness(comm::TimeNs after)

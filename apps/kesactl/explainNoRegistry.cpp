@@ -1,22 +1,28 @@
 #include "explainNoRegistry.h"
 
+#include "OtherPartition.h"
 #include "System.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "providersHere.h"
 #include "runDirectoryProblem.h"
 
+#include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <util/shellWord.h>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdlib>
 #include <optional>
+#include <utility>
 
 namespace kesactl {
 namespace {
 
+using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::ServiceRegistryPex;
 
 /// Processes meet there, or a registry has left its socket: so one is missed there, and the directory is no mistake.
@@ -27,14 +33,30 @@ bool isUsed(const RunDirectoryFacts& directory, const std::string& registry)
     });
 }
 
-/// As a sentence. Another name than the daemon's own is mostly that of a program that is the registry itself.
-std::string howToStart(const kesa::url& registry)
+/// Another process is a registry here: that of another partition of the document, or one under another name.
+Unreached explainOther(const ProviderHere& found, const kesa::url& registry, Unreached why)
 {
-    const std::string process = processOf(registry);
-    return process == "kesa-registryd"
-               ? "start kesa-registryd"
-               : fmt::format("start {0}, which the locator names (a program of your own, or kesa-registryd --name {1})",
-                             process, util::shellWord(process));
+    const char* const node = ::secure_getenv("KESA_NODE");
+    const std::string byNode = node == nullptr ? "" : fmt::format(" (KESA_NODE={} chooses the locator)", node);
+    const apps::RegistryPlace place =
+        apps::findRegistryPlace("kesactl-" + std::to_string(::getpid()), KesaRuntime::WITH_REGISTRYD);
+    if (const std::string other = partitionOfRegistry(found.authority, place); !other.empty()) {
+        why.cause = "no-registry";
+        why.text += fmt::format(", and this process is of partition \"{}\"{}; \"{}\", which runs here, is the registry "
+                                "of partition \"{}\"",
+                                place.partition, byNode, found.name, other);
+        why.advice = fmt::format(
+            "{}{}; or, if this process shall be of the other partition, {}",
+            RunDirectoryFacts(chosenRunDirectory()).beforeStart(processOf(registry)), howToStart(registry),
+            node == nullptr ? R"(set KESA_NODE, or change "node_domain_mapping")" : "unset or change KESA_NODE");
+        return why;
+    }
+    why.cause = "other-registry";
+    why.text += fmt::format(", but \"{}\" is a registry here{}", found.name, byNode);
+    why.advice = fmt::format(R"(write "service_registry_locators": {{"*": ["ipc://{}/registry"]}} for all who shall )"
+                             "meet, or start the registry as \"{}\"",
+                             found.authority, plainProcessOf(registry));
+    return why;
 }
 
 /// Of a service that the document has.
@@ -46,7 +68,7 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
         why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
                                  "in its document (kesactl check-config --process {1}) may differ from its own; or "
                                  "it has yet to provide it",
-                                 processOf(locator), util::shellWord(processOf(locator)));
+                                 plainProcessOf(locator), util::shellWord(plainProcessOf(locator)));
     } else if (why.cause == "bad-locator") {
         why.advice =
             fmt::format("write one of this host in the document, such as \"ipc://PROCESS{}\"", service.path.toString());
@@ -58,12 +80,21 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
 
 } // namespace
 
+std::string howToStart(const kesa::url& registry)
+{
+    const std::string process = plainProcessOf(registry);
+    return process == "kesa-registryd"
+               ? "start kesa-registryd"
+               : fmt::format("start {0}, which the locator names (a program of your own, or kesa-registryd --name {1})",
+                             process, util::shellWord(process));
+}
+
 Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 {
     Unreached why = explainUnreachable(registry, within);
     if (why.cause == "not-provided" && why.isSomebodyThere) {
         why.advice = registry.path() == ServiceRegistryPex::SERVICE_PATH
-                         ? fmt::format("\"{}\" is no registry: name the process that is one", processOf(registry))
+                         ? fmt::format("\"{}\" is no registry: name the process that is one", plainProcessOf(registry))
                          : fmt::format("a registry's path is \"{}\": correct it in \"service_registry_locators\"",
                                        ServiceRegistryPex::SERVICE_PATH);
     }
@@ -77,16 +108,7 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
     }
     const comm::TimeNs deadline = comm::now() + within; // that nobody listens was known at once
     if (const auto found = askProcessesHere(ServiceRegistryPex::SERVICE_PATH, {}, deadline).provider) {
-        const std::string& here = found->name;
-        why.cause = "other-registry";
-        const char* const node = ::secure_getenv("KESA_NODE");
-        why.text += fmt::format(", but \"{}\" is a registry here{}", here,
-                                node == nullptr ? "" : fmt::format(" (KESA_NODE={} chooses the locator)", node));
-        why.advice =
-            fmt::format(R"(write "service_registry_locators": {{"*": ["ipc://{}/registry"]}} for all who shall )"
-                        "meet, or start the registry as \"{}\"",
-                        here, processOf(registry));
-        return why;
+        return explainOther(*found, registry, std::move(why));
     }
     const auto others = otherDirectoriesOf(processOf(registry));
     why.text += others.empty() ? "" : "; a registry runs in " + namesOf(others);
@@ -131,7 +153,7 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
             fmt::format(
                 R"(add {{"path": "{0}", "type": "pex", "locators": ["ipc://{1}{0}"]}} to "services" in the documents )"
                 "of those who use it",
-                path, provider->name),
+                path, provider->authority),
             {}};
     }
     if (registry) {
@@ -139,7 +161,7 @@ Verdict explainWithoutRegistry(const apps::RegistryPlace& place, const std::stri
                 fmt::format("{}; {} ({}) is a registry here", has, registry->name, registry->pid),
                 fmt::format(R"(write "use_registry": true and "service_registry_locators": {{"*": )"
                             R"(["ipc://{}/registry"]}} there; kesactl check-config finds keys that are mistyped)",
-                            registry->name),
+                            registry->authority),
                 {}};
     }
     return {"no-registry",

@@ -11,8 +11,11 @@
 
 namespace kesactl {
 
-/// Why nobody answers at the registry's locator, and where there is a registry instead: here under another name, or in
-/// another run directory. Blocks, at most for `within`.
+/// "start kesa-registryd". Another name than the daemon's own is mostly that of a program that is the registry itself.
+std::string howToStart(const kesa::url& registry);
+
+/// Why nobody answers at the registry's locator, and where there is a registry instead: here under another name, that
+/// of another partition, or in another run directory. Blocks, at most for `within`.
 Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within);
 
 /// Of a service, where the document of this process names no registry that it could ask: then what the document itself

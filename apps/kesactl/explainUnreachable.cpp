@@ -3,9 +3,10 @@
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "processNotes.h"
+#include "replacedRealm.h"
 
-#include <transport/Authority.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -19,6 +20,7 @@
 #include <sstream>
 #include <string_view>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace kesactl {
@@ -55,8 +57,7 @@ Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
 /// By what processes of that name say of themselves: one here, else where another one is.
 std::optional<Unreached> explainByName(const std::string& process, const std::string& path, const std::string& reason)
 {
-    const auto endpoint = kesa::commadapter::transport::parseProcessAuthority(kesa::url("ipc://" + process), "ipc");
-    const std::vector<NotedProcess> notes = findNotes(endpoint ? endpoint->process : process);
+    const std::vector<NotedProcess> notes = findNotes(plainName(process));
     const auto here = std::find_if(notes.begin(), notes.end(), [](const auto& note) { return note.isHere; });
     if (here != notes.end()) {
         return explainUnnamed(*here, path);
@@ -79,28 +80,29 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
     });
     if (name != facts.names.end()) {
         return {"socket-removed",
-                fmt::format("process {} has the name \"{}\", but its socket was removed from {}", name->holder, process,
-                            facts.path),
+                fmt::format("process {} has the name \"{}\", but its socket was removed from {}", name->holder,
+                            plainName(process), facts.path),
                 "restart it, and keep cleaners out of the run directory"};
     }
     const bool isReached = std::any_of(facts.names.begin(), facts.names.end(), [&process](const auto& each) {
         return each.name == process && each.hasSocket && each.connectError == 0;
     });
     if (isReached && ::access("/proc/self/fd", F_OK) != 0) { // through which its socket is opened
-        return {"not-connected",
-                fmt::format("\"{}\" listens in {}, but cannot be reached without /proc", process, facts.path),
-                "mount /proc here, or ask from where it is mounted", true};
+        return {
+            "not-connected",
+            fmt::format("\"{}\" listens in {}, but cannot be reached without /proc", plainName(process), facts.path),
+            "mount /proc here, or ask from where it is mounted", true};
     }
     if (auto noted = explainByName(process, locator.path(), found.reason)) {
         return *noted;
     }
-    std::vector<std::string_view> held;
+    std::vector<std::string> held;
     for (const auto& each : facts.names) {
         if (each.holder != 0 && !each.isLost) {
-            held.emplace_back(each.name);
+            held.push_back(plainName(each.name));
         }
     }
-    const std::string_view meant = util::nearestName(process, held);
+    const std::string_view meant = util::nearestName(plainName(process), {held.begin(), held.end()});
     return {"nobody-listens", found.reason,
             meant.empty() ? "start it, or set KESA_RUN_DIR to the directory it uses"
                           : fmt::format("is \"{}\" meant, which runs here? Else start it, or set KESA_RUN_DIR to the "
@@ -203,7 +205,18 @@ Unreached explain(const kesa::url& locator, const Unreachable& found)
 
 Unreached explainUnreachable(const kesa::url& locator, comm::TimeNs within)
 {
-    return explain(locator, kesa::commadapter::whyUnreachable(locator, within));
+    const comm::TimeNs deadline = comm::now() + within;
+    Unreached why = explain(locator, kesa::commadapter::whyUnreachable(locator, within));
+    if (why.cause != "bad-locator" || locator.authority().find('+') == std::string_view::npos) {
+        return why;
+    }
+    const RunDirectoryFacts here(chosenRunDirectory());
+    if (!isHeld(here, processOf(locator))) {
+        return why;
+    }
+    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, deadline));
+    return replaced.text.empty() ? why
+                                 : Unreached{"hidden-by-realm", std::move(replaced.text), std::move(replaced.advice)};
 }
 
 comm::TimeNs timeToExplain(comm::TimeNs deadline)

@@ -1,6 +1,7 @@
 #include "missingRight.h"
 
 #include "otherRunDirectories.h"
+#include "processNames.h"
 
 #include <transport/usersAndGroups.h>
 

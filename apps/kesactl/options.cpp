@@ -42,7 +42,7 @@ std::string checkTimeout(const std::string& text)
                                       : "";
 }
 
-/// What was meant, as far as it can be told: ". Write '/media/player'".
+/// What was meant, as far as it can be told: "; write /media/player".
 std::string adviseOn(const std::string& path)
 {
     std::string meant;
@@ -50,7 +50,7 @@ std::string adviseOn(const std::string& path)
     for (std::string part; std::getline(parts, part, '/');) {
         meant += part.empty() || part == "." ? "" : "/" + part;
     }
-    return kesa::Path::isCanonical(meant) ? "; write '" + meant + "'" : "";
+    return kesa::Path::isCanonical(meant) ? "; write " + util::shellWord(meant) : "";
 }
 
 } // namespace

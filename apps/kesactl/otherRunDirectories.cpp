@@ -1,6 +1,7 @@
 #include "otherRunDirectories.h"
 
 #include "nameHolders.h"
+#include "processNames.h"
 
 #include <backend/readCommSettings.h>
 #include <transport/chooseRunDirectory.h>
@@ -99,12 +100,6 @@ bool isHeld(const RunDirectoryFacts& directory, std::string_view process)
     });
 }
 
-std::string processOf(const kesa::url& locator)
-{
-    const std::string_view authority = locator.authority();
-    return std::string(authority.substr(0, authority.find('+')));
-}
-
 std::string howToMeetIn(const RunDirectoryFacts& directory)
 {
     const auto settings = kesa::commadapter::readCommSettings();
@@ -135,7 +130,7 @@ std::string holdersOf(const RunDirectoryFacts& directory, bool isLost)
     std::size_t count = 0;
     for (const auto& name : directory.names) {
         if (name.holder != 0 && name.isLost == isLost && ++count <= MOST) {
-            text += fmt::format("{}{} ({})", text.empty() ? "" : ", ", name.name, name.holder);
+            text += fmt::format("{}{} ({})", text.empty() ? "" : ", ", plainName(name.name), name.holder);
         }
     }
     return count > MOST ? fmt::format("{} and {} more", text, count - MOST) : text;

@@ -4,7 +4,6 @@
 #include "RunDirectoryFacts.h"
 
 #include <kesa/commadapter/chosenRunDirectory.h>
-#include <kesa/url.h>
 
 #include <string>
 #include <string_view>
@@ -21,9 +20,6 @@ std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen);
 
 /// Whether a process has that name there.
 bool isHeld(const RunDirectoryFacts& directory, std::string_view process);
-
-/// The name of the process that a locator leads to.
-std::string processOf(const kesa::url& locator);
 
 /// "KESA_RUN_DIR=/run/kesa" for a shell, and whose the directory is if it is another user's than root's or this one's.
 std::string settingFor(const std::string& directory);

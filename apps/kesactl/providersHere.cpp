@@ -4,6 +4,7 @@
 #include "RegistryView.h"
 #include "Verdict.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "processNotes.h"
 
 #include <comm/wallClock.h>
@@ -95,27 +96,6 @@ void addNameless(ProcessesHere& found, const ProcessReport& report, const std::v
 
 } // namespace
 
-std::string otherPartition(const Value& answer, const apps::RegistryPlace& place)
-{
-    const auto isConnectedTo = [&answer](const kesa::url& locator) {
-        const auto& connections = answer["connections"].items();
-        return std::any_of(connections.begin(), connections.end(),
-                           [process = processOf(locator)](const Value& connection) {
-                               return connection["openedBy"] == "self" && connection["connected"] == true &&
-                                      encodeProcessName(connection["process"].toText()) == process;
-                           });
-    };
-    if (std::any_of(place.locators.begin(), place.locators.end(), isConnectedTo)) {
-        return {};
-    }
-    for (const auto& [partition, locators] : place.others) {
-        if (std::any_of(locators.begin(), locators.end(), isConnectedTo)) {
-            return partition;
-        }
-    }
-    return {};
-}
-
 std::string whyApart(const Value& answer, const std::string& process)
 {
     std::string reason;
@@ -146,22 +126,24 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
         addNoted(found, path, only, {});
         return found;
     }
-    const std::vector<ProcessReport> reports = lookAtProcesses(directory, "", deadline);
+    const std::vector<ProcessReport> reports = lookAtProcesses(directory, deadline);
     for (const ProcessReport& report : reports) {
         const auto& services = report.answer["services"].items();
         if (std::find(services.begin(), services.end(), Value(path)) != services.end()) {
-            found.provider = ProviderHere{report.name, report.pid, isYoung(report.started()), report.answer};
+            found.provider =
+                ProviderHere{report.plainName(), report.name, report.pid, isYoung(report.started()), report.answer};
         }
         for (const auto& hold : report.answer["holds"].items()) {
-            found.held.push_back({report.name, report.pid, hold["loop"].toText(), hold["holder"].toText(),
+            found.held.push_back({report.plainName(), report.pid, hold["loop"].toText(), hold["holder"].toText(),
                                   integerOf(hold["heldMs"]) * comm::MILLISECOND});
         }
         addNameless(found, report, names);
         const Unreached& why = report.unreached;
         if (why.cause == "other-version" && found.otherVersion.text.empty()) {
-            found.otherVersion = {fmt::format("{}: {}", report.name, why.text), why.advice};
+            found.otherVersion = {fmt::format("{}: {}", report.plainName(), why.text), why.advice};
         }
         if (!only.empty()) {
+            found.asked = report.answer;
             const bool isSilent = why.cause == "silent" || why.cause == "slow";
             found.unseen = isSilent ? Unseen{why.text, why.advice, true} : Unseen{report.advice, {}};
         }

@@ -2,7 +2,6 @@
 #define KESACTL_PROVIDERSHERE_H
 
 #include <comm/Clock.h>
-#include <common/RegistryPlace.h>
 #include <util/config/Value.h>
 
 #include <sys/types.h>
@@ -14,7 +13,8 @@
 namespace kesactl {
 
 struct ProviderHere {
-    std::string name; ///< as in locators
+    std::string name;
+    std::string authority; ///< the same as in locators
     pid_t pid;
     bool isYoung;               ///< it started so recently that a registry may not know it yet
     util::config::Value answer; ///< what it says of itself
@@ -44,7 +44,8 @@ struct Unseen {
 struct ProcessesHere {
     std::optional<ProviderHere> provider; ///< of the path that was asked for
     std::vector<HeldProcess> held;
-    Unseen unseen; ///< of the one that was asked alone
+    Unseen unseen;             ///< of the one that was asked alone
+    util::config::Value asked; ///< what that one says of itself; undefined: nothing
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
     std::string refused;     ///< "media (process 813) was refused it: 409: ..."; empty: none was
@@ -54,10 +55,6 @@ struct ProcessesHere {
 
 /// Why a process that has said `answer` is not connected to `process`; empty when it is, or does not try.
 std::string whyApart(const util::config::Value& answer, const std::string& process);
-
-/// The partition, of the others that the document names, to whose registry a process that has said `answer` is
-/// connected, and not to this one's; empty: to none.
-std::string otherPartition(const util::config::Value& answer, const apps::RegistryPlace& place);
 
 /// Asks them all, or the one of that name alone if it is not empty; blocks until the deadline at the latest.
 ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);

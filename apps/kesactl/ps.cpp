@@ -39,7 +39,7 @@ std::string asProcessTable(const std::vector<ProcessReport>& reports, bool isSho
 
 void printProcesses(const CommonOptions& options)
 {
-    const auto reports = lookAtProcesses(findRunDirectory(), "", options.deadline());
+    const auto reports = lookAtProcesses(findRunDirectory(), options.deadline());
     std::string lines;
     for (const ProcessReport& report : reports) {
         lines += report.asJson() + '\n';

@@ -2,12 +2,12 @@
 
 #include "ProcessReport.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/reasonOf.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
-#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -104,11 +104,10 @@ std::string findIn(const Value& explanation)
 
 Unreached explainFault(const kesa::url& registry, const std::string& what)
 {
-    const std::string process = processOf(registry);
     return {"not-a-registry", "it answers, but not as a registry does: " + what,
             fmt::format(R"(kesactl status {} says which program has that name: start a registry in its place, or name )"
                         R"(another process in "service_registry_locators")",
-                        util::shellWord(process)),
+                        processArgument(plainProcessOf(registry))),
             true};
 }
 

@@ -1,5 +1,7 @@
 #include "replacedRealm.h"
 
+#include "processNames.h"
+
 #include <fmt/format.h>
 
 namespace kesactl {
@@ -11,7 +13,7 @@ public:
     void add(const ProcessReport& report)
     {
         if (++m_count <= MOST) {
-            m_text += fmt::format("{}{} ({})", m_text.empty() ? "" : ", ", report.name, report.processId());
+            m_text += fmt::format("{}{} ({})", m_text.empty() ? "" : ", ", report.plainName(), report.processId());
         }
     }
     std::size_t size() const noexcept { return m_count; }
@@ -27,6 +29,13 @@ private:
 
 ReplacedRealm findReplacedRealm(const RunDirectoryFacts& directory, const std::vector<ProcessReport>& reports)
 {
+    if (directory.realmState == RunDirectoryFacts::Realm::eMISSING) {
+        return reports.empty() ? ReplacedRealm{}
+                               : ReplacedRealm{fmt::format("{}/realm was removed, so processes started from now on are "
+                                                           "of another realm than those that run",
+                                                           directory.path),
+                                               "restart all of them, and keep cleaners out of the run directory"};
+    }
     Listing before;
     Listing present;
     for (const ProcessReport& report : reports) {

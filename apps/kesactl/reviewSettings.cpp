@@ -3,6 +3,7 @@
 #include <backend/Locators.h>
 #include <backend/readCommSettings.h>
 #include <kesa/Path.h>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <transport/Authority.h>
 #include <transport/IpcTransport.h>
 #include <transport/usersAndGroups.h>
@@ -155,6 +156,17 @@ void reviewServiceLocators(const CommSettings& settings, ConfigReport& report)
     }
 }
 
+/// Of a locator of a registry that can be reached: nothing but a registry's own path leads to it.
+void reviewRegistryPath(const kesa::url& locator, const DocumentPath& path, const Reach& reach, ConfigReport& report)
+{
+    constexpr std::string_view REGISTRY = kesa::serviceregistry::ServiceRegistryPex::SERVICE_PATH;
+    if (locator.isAbsolute() && locator.path() != REGISTRY && reach.has(locator)) {
+        warn(report, path,
+             fmt::format("'{}' leads to no registry: the path of one is \"{}\"", excerpt(locator.toString()), REGISTRY),
+             fmt::format("write \"{}://{}{}\"", locator.scheme(), excerpt(std::string(locator.authority())), REGISTRY));
+    }
+}
+
 void reviewPartitions(const KesaConfig& config, const std::string& own, const CommSettings& settings,
                       ConfigReport& report)
 {
@@ -169,6 +181,7 @@ void reviewPartitions(const KesaConfig& config, const std::string& own, const Co
             DocumentPath element = path;
             element.emplace_back(i);
             reviewReach(locators[i].toString(), locators[i], element, reach, report);
+            reviewRegistryPath(locators[i], element, reach, report);
         }
         if (reach.hasAny(locators)) {
             continue;

@@ -72,7 +72,7 @@ SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::s
     Value first;
     Value::Array connections;
     std::set<std::int64_t> others;
-    for (const ProcessReport& peer : lookAtProcesses(directory, "", deadline)) {
+    for (const ProcessReport& peer : lookAtProcesses(directory, deadline)) {
         if (!peer.note.empty()) {
             silent.notAsked.push_back(fmt::format("{} ({})", peer.plainName(), peer.note));
         }

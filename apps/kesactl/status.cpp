@@ -3,6 +3,7 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "processNames.h"
 #include "silentProcess.h"
 
 #include <CLI/CLI.hpp>
@@ -31,31 +32,32 @@ struct StatusArguments {
     CommonOptions common;
 };
 
-/// By its name, or by its number where no name is like that. Answers the name as in locators; empty: nobody has it.
-std::string findProcess(const RunDirectoryFacts& directory, const std::string& wanted)
+/// By its name, or by its number where no name is like that. Of two of one name, of which one has lost its files, the
+/// other unless the number is that of the lost one.
+std::optional<Name> findProcess(const RunDirectoryFacts& directory, const std::string& wanted)
 {
     const std::string encoded = kesa::commadapter::transport::encodeProcessName(wanted);
     for (const Name& name : directory.names) {
         if (name.name == wanted || name.name == encoded) {
-            return name.name;
+            return name;
         }
     }
     for (const Name& name : directory.names) {
         if (name.holder != 0 && std::to_string(name.holder) == wanted) {
-            return name.name;
+            return name;
         }
     }
-    return {};
+    return std::nullopt;
 }
 
 /// `silent`: who could not be asked about it.
 Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wanted, const SilentProcess& silent)
 {
-    std::vector<std::string_view> known;
+    std::vector<std::string> known;
     for (const Name& name : directory.names) {
-        known.emplace_back(name.name);
+        known.push_back(plainName(name.name));
     }
-    const std::string_view meant = util::nearestName(wanted, known);
+    const std::string_view meant = util::nearestName(wanted, {known.begin(), known.end()});
     std::string text =
         fmt::format("no process '{}' in {}; {}", wanted, directory.path,
                     meant.empty() ? "kesactl ps lists those that are there" : fmt::format("did you mean '{}'?", meant));
@@ -200,9 +202,10 @@ struct Found {
 /// Where nobody can be asked, those are left that say by themselves that they are there.
 Found findReport(const std::string& wanted, comm::TimeNs deadline)
 try {
-    const RunDirectoryFacts directory = findRunDirectory();
-    if (const std::string name = findProcess(directory, wanted); !name.empty()) {
-        return {lookAtProcesses(directory, name, deadline).front(), {}};
+    RunDirectoryFacts directory = findRunDirectory();
+    if (const auto name = findProcess(directory, wanted)) {
+        directory.names = {*name};
+        return {lookAtProcesses(directory, deadline).front(), {}};
     }
     SilentProcess silent = findSilentProcess(directory, wanted, deadline);
     if (!silent.report) {

@@ -15,6 +15,7 @@
 #include "otherRunDirectories.h"
 #include "output.h"
 #include "probe.h"
+#include "processNames.h"
 #include "providersHere.h"
 #include "registryFaults.h"
 #include "replacedRealm.h"
@@ -100,7 +101,8 @@ std::pair<kesa::url, Unreached> explainTaken(const ServiceDef& service, comm::Ti
 {
     auto locator = service.locators.begin();
     Unreached why = explainUnreachable(*locator, within);
-    while (why.cause == "bad-locator" && std::next(locator) != service.locators.end()) {
+    while ((why.cause == "bad-locator" || why.cause == "hidden-by-realm") &&
+           std::next(locator) != service.locators.end()) {
         why = explainUnreachable(*++locator, within); // of the one before it was known at once
     }
     return {*locator, std::move(why)};
@@ -111,37 +113,36 @@ public:
     explicit Search(const WhyArguments& arguments) : m_arguments(arguments) {}
 
     Verdict run();
-    /// What the registry has answered; undefined when it has not.
     const Value& explanation() const noexcept { return m_explanation; }
 
 private:
-    std::optional<Verdict> askRegistry(const kesa::url& registry);
-    Verdict judge(const kesa::url& registry) const;
+    std::optional<Verdict> askRegistry();
+    Verdict judge() const;
     ProcessesHere processesHere(const std::string& name) const;
     Verdict explainRealm() const;
     std::optional<Verdict> explainReplacedRealm(const std::string& locators) const;
+    std::optional<Verdict> explainTakenName(const kesa::url& locator) const;
     Verdict reach() const;
     Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
     static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
     const WhyArguments& m_arguments;
-    Value m_explanation;
+    const apps::RegistryPlace m_place =
+        apps::findRegistryPlace("kesactl-" + std::to_string(::getpid()), KesaRuntime::WITH_REGISTRYD);
+    Value m_explanation; ///< what the registry has answered; undefined when it has not
 };
 
 Verdict Search::run()
 {
-    const std::string name = "kesactl-" + std::to_string(::getpid());
-    const apps::RegistryPlace place = apps::findRegistryPlace(name, KesaRuntime::WITH_REGISTRYD);
-    if (!place.problem.empty()) {
-        return explainWithoutRegistry(place, m_arguments.path, until(m_arguments.common.deadline()));
+    if (!m_place.problem.empty()) {
+        return explainWithoutRegistry(m_place, m_arguments.path, until(m_arguments.common.deadline()));
     }
     const System system;
-    const kesa::url& registry = place.locators.front();
-    if (auto failure = askRegistry(registry)) {
+    if (auto failure = askRegistry()) {
         return *failure;
     }
-    Verdict verdict = judge(registry);
+    Verdict verdict = judge();
     if (verdict.cause != "never-registered") {
         return verdict;
     }
@@ -158,16 +159,17 @@ Verdict Search::run()
         }
         return verdict;
     }
-    if (auto failure = askRegistry(registry)) { // it may have registered meanwhile
+    if (auto failure = askRegistry()) { // it may have registered meanwhile
         return *failure;
     }
-    Verdict now = judge(registry);
-    return now.cause == "never-registered" ? explainHereOnly(*here.provider, place) : now;
+    Verdict now = judge();
+    return now.cause == "never-registered" ? explainHereOnly(*here.provider, m_place) : now;
 }
 
 /// A verdict when it has not explained the path.
-std::optional<Verdict> Search::askRegistry(const kesa::url& registry)
+std::optional<Verdict> Search::askRegistry()
 {
+    const kesa::url& registry = m_place.locators.front();
     ServiceConnection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
     const comm::TimeNs deadline = m_arguments.common.deadline();
     ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline));
@@ -204,18 +206,18 @@ ProcessesHere Search::processesHere(const std::string& name) const
                             std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
 }
 
-Verdict Search::judge(const kesa::url& registry) const
+Verdict Search::judge() const
 {
     if (m_explanation["registered"] != true) {
-        return explainAbsence(m_explanation, processOf(registry));
+        return explainAbsence(m_explanation, processOf(m_place.locators.front()));
     }
     if (m_explanation["hiddenBy"] == "realm") {
         return explainRealm();
     }
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
-        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, registry);
         const ProcessesHere here = processesHere(m_arguments.process);
+        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, m_place, here.asked);
         if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
         } else if (here.unseen.isSilent) {
@@ -243,7 +245,7 @@ std::optional<Verdict> Search::explainReplacedRealm(const std::string& locators)
     if (std::none_of(here.names.begin(), here.names.end(), isHolder)) {
         return std::nullopt;
     }
-    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, "", m_arguments.common.deadline()));
+    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, m_arguments.common.deadline()));
     if (replaced.text.empty()) {
         return std::nullopt;
     }
@@ -282,6 +284,31 @@ Verdict Search::explainRealm() const
             {}};
 }
 
+/// Of a record whose provider has lost its files here, so that another process could take its name.
+std::optional<Verdict> Search::explainTakenName(const kesa::url& locator) const
+{
+    const RunDirectoryFacts here(chosenRunDirectory());
+    const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
+    const auto& names = here.names;
+    const auto isTaker = [process = processOf(locator)](const auto& name) {
+        return name.name == process && name.holder != 0 && !name.isLost;
+    };
+    const auto taker = std::find_if(names.begin(), names.end(), isTaker);
+    const bool isLost =
+        std::any_of(names.begin(), names.end(), [pid](const auto& name) { return name.isLost && name.holder == pid; });
+    if (!isLost || taker == names.end()) {
+        return std::nullopt;
+    }
+    return Verdict{"socket-removed",
+                   fmt::format("{} has registered it at {}, but its files were removed from {}, and process {}, which "
+                               "does not provide it, has its name now",
+                               holder(), locator.toString(), here.path, taker->holder),
+                   fmt::format("end process {}, which nobody finds any more; if both shall run, start it again with a "
+                               "name of its own; keep cleaners out of the run directory",
+                               pid),
+                   {}};
+}
+
 /// Goes to the process that provides it, as a client would.
 Verdict Search::reach() const
 {
@@ -304,8 +331,8 @@ Verdict Search::reach() const
     if (const ServiceConnection::Client client = connection.tryClient(deadline)) { // it may have come meanwhile
         return call(client, service);
     }
-    if (auto replaced = why.cause == "bad-locator" ? explainReplacedRealm(locator.toString()) : std::nullopt) {
-        return *replaced;
+    if (auto taken = why.cause == "not-provided" ? explainTakenName(locator) : std::nullopt) {
+        return *taken;
     }
     return {why.cause,
             fmt::format("{} has registered it at {}: {}", holder(), locator.toString(), why.text),

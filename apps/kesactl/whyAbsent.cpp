@@ -1,9 +1,11 @@
 #include "whyAbsent.h"
 
+#include "OtherPartition.h"
 #include "ProcessFacts.h"
 #include "ProcessReport.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "processNotes.h"
 
 #include <transport/Authority.h>
@@ -61,7 +63,7 @@ Verdict explainNever(const Value& explanation, const std::string& registry)
                     "start its provider; kesactl list shows what is there",
                     {}};
     if (const Value& nearest = explanation["nearest"]; nearest.isString()) {
-        verdict.advice = fmt::format("did you mean {}?", nearest.toText());
+        verdict.advice = fmt::format("did you mean \"{}\"?", nearest.toText());
     }
     addElsewhere(verdict, registry);
     return verdict;
@@ -169,14 +171,8 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
                 {}};
     }
-    if (const std::string partition = otherPartition(provider.answer, place); !partition.empty()) {
-        return {
-            "provided-here-only",
-            fmt::format("{}: it is connected to that of partition \"{}\"", so, partition),
-            fmt::format("whoever shall meet it has to be of that partition, by KESA_NODE or \"node_domain_mapping\"; "
-                        "this process is of \"{}\"",
-                        place.partition),
-            {}};
+    if (const OtherPartition partition = findOtherPartition(provider.answer, place); !partition.name.empty()) {
+        return {"provided-here-only", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
     const std::string apart = whyApart(provider.answer, processOf(registry));
     return {"provided-here-only",

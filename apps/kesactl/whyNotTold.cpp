@@ -1,9 +1,11 @@
 #include "whyNotTold.h"
 
+#include "OtherPartition.h"
 #include "ProcessFacts.h"
 #include "RunDirectoryFacts.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "processNames.h"
 #include "processNotes.h"
 #include "seenByProvider.h"
 #include "whyAbsent.h"
@@ -11,6 +13,7 @@
 #include <transport/Authority.h>
 #include <util/config/Dictionary.h>
 #include <util/nearestName.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -26,8 +29,9 @@ constexpr const char* IS_IT_KEPT =
     "is what trackService, kesa::use or follow returns kept? It ends what it stands for when it is destroyed";
 
 /// Of a process that is there, and has asked the registry for nothing.
-Verdict explainSilentOne(const std::string& process, pid_t pid, const kesa::url& registry)
+Verdict explainSilentOne(const std::string& process, pid_t pid, const apps::RegistryPlace& place, const Value& answer)
 {
+    const kesa::url& registry = place.locators.front();
     if (ProcessFacts(pid).isStopped) {
         return {"stopped",
                 fmt::format("{} (process {}) is stopped, and not connected to the registry", process, pid),
@@ -40,16 +44,20 @@ Verdict explainSilentOne(const std::string& process, pid_t pid, const kesa::url&
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
                 {}};
     }
+    const std::string so = fmt::format("{} (process {}) has asked this registry for nothing", process, pid);
+    if (const OtherPartition partition = findOtherPartition(answer, place); !partition.name.empty()) {
+        return {"not-asked", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
+    }
     return {"not-asked",
-            fmt::format("{} (process {}) has asked this registry for nothing", process, pid),
-            fmt::format("{}; or see with kesactl check-config --process what its document says of the registry and of "
-                        "its partition",
-                        IS_IT_KEPT),
+            so,
+            fmt::format("{}; or see with kesactl check-config --process {} in its environment what its document says "
+                        "of the registry and of its partition",
+                        IS_IT_KEPT, util::shellWord(process)),
             {}};
 }
 
 /// Of one that has no name here, by what it says of itself; nothing when no process says to have that name.
-std::optional<Verdict> explainNoted(const std::string& process, const kesa::url& registry)
+std::optional<Verdict> explainNoted(const std::string& process, const apps::RegistryPlace& place)
 {
     std::optional<Verdict> elsewhere;
     for (const NotedProcess& note : findNotes(process)) {
@@ -59,7 +67,7 @@ std::optional<Verdict> explainNoted(const std::string& process, const kesa::url&
                                process + " does not see it");
         }
         if (note.isHere) {
-            return explainSilentOne(note.name(), note.pid, registry);
+            return explainSilentOne(note.name(), note.pid, place, {});
         }
         if (note.isElsewhere) {
             elsewhere = {"other-run-directory",
@@ -73,29 +81,29 @@ std::optional<Verdict> explainNoted(const std::string& process, const kesa::url&
 }
 
 /// Of a process that has asked the registry for nothing.
-Verdict explainUnknown(const std::string& process, const kesa::url& registry)
+Verdict explainUnknown(const std::string& process, const apps::RegistryPlace& place, const Value& answer)
 {
     const RunDirectoryFacts facts(chosenRunDirectory());
-    std::vector<std::string_view> names;
+    std::vector<std::string> names;
     for (const auto& name : facts.names) {
         if (name.holder == 0) {
             continue;
         }
         if (name.name == kesa::commadapter::transport::encodeProcessName(process)) {
-            return explainSilentOne(process, name.holder, registry);
+            return explainSilentOne(process, name.holder, place, answer);
         }
-        names.emplace_back(name.name);
+        names.push_back(plainName(name.name));
     }
-    if (auto noted = explainNoted(process, registry)) {
+    if (auto noted = explainNoted(process, place)) {
         return *noted;
     }
-    const std::string_view meant = util::nearestName(process, names);
+    const std::string_view meant = util::nearestName(process, {names.begin(), names.end()});
     return {"no-such-process",
             fmt::format("no process {} is known to the registry, or has its name in {}", process, facts.path),
             meant.empty()
                 ? "start it; or it runs as another user, asks for nothing and provides nothing: such a one is "
                   "known to that user alone"
-                : fmt::format("did you mean {}?", meant),
+                : fmt::format("did you mean \"{}\"?", meant),
             {}};
 }
 
@@ -187,12 +195,12 @@ std::string adviceFor(const Value& ask, const Value& record)
 } // namespace
 
 Verdict explainProcess(const Value& explanation, const std::string& process, const std::string& path,
-                       const kesa::url& registry)
+                       const apps::RegistryPlace& place, const Value& answer)
 {
     const Value& about = explanation["for"];
     const auto& asks = about["asks"].items();
     if (about["known"] != true) {
-        return explainUnknown(process, registry);
+        return explainUnknown(process, place, answer);
     }
     if (asks.empty() && explanation["holder"]["provider"] == Value(process)) {
         return {std::string(Verdict::WORKS),

@@ -4,13 +4,14 @@
 #include "Verdict.h"
 #include "providersHere.h"
 
-#include <kesa/url.h>
+#include <common/RegistryPlace.h>
 
 namespace kesactl {
 
-/// Whether a process is told of a service that is there, and if not, why; by what the registry tells of both.
+/// Whether a process is told of a service that is there, and if not, why; by what the registry tells of both. `answer`:
+/// what the process says of itself; undefined: nothing.
 Verdict explainProcess(const util::config::Value& explanation, const std::string& process, const std::string& path,
-                       const kesa::url& registry);
+                       const apps::RegistryPlace& place, const util::config::Value& answer);
 
 /// To a verdict about a process that could not be looked into: what is not known of it.
 void addUnseen(Verdict& verdict, const std::string& process, const Unseen& unseen);
