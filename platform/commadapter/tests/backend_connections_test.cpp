@@ -38,7 +38,9 @@ TEST_F(BackendConnections, ClientThatComesFirstLearnsOfItsServiceAtOnceAndKnowsW
     runFor(99);
     EXPECT_EQ(late.api().obstacle(), "no connection yet (begun 99 ms ago)");
     runFor(1);
-    EXPECT_EQ(late.api().obstacle(), "\"server\" answers, and does not provide \"/late\"");
+    EXPECT_EQ(late.api().obstacle(),
+              "\"server\" has said nothing since it was asked for \"/late\": it does not provide "
+              "that, or is stopped or blocked");
     ASSERT_NE(provide(*server, "/service", service), "");
     EXPECT_LE(timeUntil([&] { return client.isConnected(); }), 2 * comm::MILLISECOND);
     EXPECT_EQ(client.api().obstacle(), "");

@@ -95,7 +95,9 @@ std::string ClientConnection::whyNot(const ClientState& client) const
     const std::string peer = '"' + destination.endpoint.process + '"';
     const comm::TimeNs now = comm::now();
     if (isOpen() && m_isGreeted && now - client.begun >= ATTACHING_TAKES) {
-        return peer + " answers, and does not provide \"" + client.path + '"';
+        return lastHeard() > client.begun ? peer + " answers, and does not provide \"" + client.path + '"'
+                                          : peer + " has said nothing since it was asked for \"" + client.path +
+                                                "\": it does not provide that, or is stopped or blocked";
     }
     if (isOpen() && !m_isGreeted && now - m_openedAt >= HELLO_TAKES) {
         return peer + " takes the connection and has said nothing yet, like one that is stopped or blocked";

@@ -259,6 +259,7 @@ void Connection::finishBatch(bool hasRead)
     {
         const Lock lock(m_lock);
         m_isBatch = false;
+        m_lastHeard = m_machine->input.lastReceived();
         if (hasRead && m_isBlocked && m_role == protocol::Role::eCLIENT) {
             progressed(comm::now());
         }

@@ -71,6 +71,8 @@ protected:
     bool isBroken() const noexcept { return m_isBroken; }
     /// When bytes left last; on a client's blocked connection also when bytes came.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
+    /// When the last batch of what the peer sent began to be handled. With the lock held.
+    comm::TimeNs lastHeard() const noexcept { return m_lastHeard; }
 
     static constexpr comm::TimeNs BATCH = 2 * comm::MILLISECOND;
     /// Reads and handles what is there, and no further once handling it has taken BATCH, message by message: a peer
@@ -167,6 +169,7 @@ private:
     bool m_isBeyondBound = false; ///< since the queue was empty
     bool m_isFoundStuck = false;
     comm::TimeNs m_lastProgress = 0;
+    comm::TimeNs m_lastHeard = 0;
     IoLoop::Queued m_counted;
     // Loop only.
     bool m_isReceiving = false;
