@@ -100,10 +100,12 @@ void ProcessNote::end()
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
     m_hasEnded = true;
-    if (m_descriptor != -1 && inodeOf(m_descriptor) == m_inode) {
-        comm::AtFork::close(m_descriptor);
+    for (File* const file : {&m_shown, &m_next}) {
+        if (file->isOurs()) {
+            comm::AtFork::close(file->descriptor);
+        }
+        *file = {};
     }
-    m_descriptor = -1;
 }
 
 std::string ProcessNote::text() const
@@ -134,37 +136,42 @@ void ProcessNote::publish()
         m_refused.pop_front();
         written = text();
     }
-    const int file = writeNew(written);
-    if (file == -1 || replace(file)) {
+    if (show(written)) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[ProcessNote] others cannot read what this process says of itself: %s",
                    std::system_category().message(errno).c_str());
     }
 }
 
-/// -1 on failure.
-int ProcessNote::writeNew(std::string_view text)
+bool ProcessNote::show(std::string_view text)
 {
-    const int file = comm::AtFork::open(makeMemoryFile);
-    if (file != -1 && ::write(file, text.data(), text.size()) != static_cast<ssize_t>(text.size())) {
-        comm::AtFork::close(file);
-        return -1;
+    if (!m_next.isOurs()) {
+        m_next = makeFile();
     }
-    return file;
+    const File file = std::exchange(m_next, {});
+    if (file.descriptor == -1) {
+        return true;
+    }
+    bool failed = ::write(file.descriptor, text.data(), text.size()) != static_cast<ssize_t>(text.size());
+    if (!failed && !m_shown.isOurs()) {
+        m_shown = file;
+    } else {
+        failed = failed || ::dup3(file.descriptor, m_shown.descriptor, O_CLOEXEC) == -1;
+        m_shown.inode = failed ? m_shown.inode : file.inode;
+        comm::AtFork::close(file.descriptor);
+    }
+    m_next = makeFile(); // now that a descriptor is free
+    return failed;
 }
 
-/// Puts the file in the place of the one that is there.
-bool ProcessNote::replace(int file)
+ProcessNote::File ProcessNote::makeFile()
 {
-    const std::uint64_t inode = inodeOf(file);
-    bool failed = false;
-    if (m_descriptor == -1 || inodeOf(m_descriptor) != m_inode) {
-        m_descriptor = file;
-    } else {
-        failed = ::dup3(file, m_descriptor, O_CLOEXEC) == -1;
-        comm::AtFork::close(file);
-    }
-    m_inode = failed ? m_inode : inode;
-    return failed;
+    const int made = comm::AtFork::open(makeMemoryFile);
+    return made == -1 ? File() : File{made, inodeOf(made)};
+}
+
+bool ProcessNote::File::isOurs() const
+{
+    return descriptor != -1 && inodeOf(descriptor) == inode;
 }
 
 } // namespace kesa::runtime::v02

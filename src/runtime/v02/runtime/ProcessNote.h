@@ -20,7 +20,8 @@ namespace kesa::runtime::v02 {
 /// docs/protocol.md has the text.
 ///
 /// A text is written to a new file, which then takes the descriptor of the one before in one step, so that nobody reads
-/// half of one. Without a descriptor for that, the text of before stays. Any thread; waits for nobody.
+/// half of one. The file of the next text is made before, so a process that has used up its descriptors goes on, unless
+/// something else gets the number in between; then the text of before stays. Any thread; waits for nobody.
 class ProcessNote {
 public:
     /// Of the file, as the kernel shows it.
@@ -48,18 +49,26 @@ private:
         std::string reason;
         std::int64_t when; ///< milliseconds since 1970
     };
+    struct File {
+        int descriptor = -1;
+        std::uint64_t inode = 0;
+
+        /// Not if the program has closed what it had not opened, and has got the number for something of its own.
+        bool isOurs() const;
+    };
+    static File makeFile();
     void publish();
     std::string text() const;
-    [[nodiscard]] bool replace(int file);
-    static int writeNew(std::string_view text);
+    /// True on failure.
+    [[nodiscard]] bool show(std::string_view text);
 
     const std::string m_process;
     const std::string m_runDirectory;
     std::mutex m_mutex; ///< of all below
     std::deque<Refusal> m_refused;
     std::optional<std::vector<IReasons::HeldLoop>> m_held;
-    int m_descriptor = -1;
-    std::uint64_t m_inode = 0; ///< of the file: a program that closes what it has not opened must not lose its own
+    File m_shown;
+    File m_next; ///< empty
     bool m_hasEnded = false;
 };
 

@@ -109,19 +109,21 @@ TEST(ProcessNote, isNotThatOfAChildWhichHasInheritedIt)
     EXPECT_EQ(::waitpid(child, nullptr, 0), child);
 }
 
-TEST(ProcessNote, staysAsItIsWithoutADescriptorForAnother)
+TEST(ProcessNote, needsNoFreeDescriptor)
 {
     ProcessNote note("me", "");
     note.addRefusal("/a", refusalBecause("first"));
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none{0, limit.rlim_max};
+    const int firstFree = ::dup(0);
+    ::close(firstFree);
+    const rlimit none{static_cast<rlim_t>(firstFree), limit.rlim_max};
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     note.addRefusal("/b", refusalBecause("second"));
-    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
-    EXPECT_THAT(refusedHere(), ElementsAre("/a: 409: first"));
+    note.addRefusal("/c", refusalBecause("third"));
     note.removeRefusal("/a");
-    EXPECT_THAT(refusedHere(), ElementsAre("/b: 409: second"));
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
+    EXPECT_THAT(refusedHere(), ElementsAre("/b: 409: second", "/c: 409: third"));
 }
 
 class NotedRuntime : public RuntimeFixture {};
