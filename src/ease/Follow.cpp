@@ -135,8 +135,22 @@ bool Follow::onNext(unsigned number, const Response& response)
     const bool isRefused = m_client->onNext(response);
     if (isRefused && m_room && m_room->isFull()) {
         cut(number, isFirst);
+    } else if (isRefused && m_room && m_room->hasLoopEnded()) {
+        letGo();
     }
     return isRefused;
+}
+
+/// Inside a call of the stream, whose handler is called no more.
+void Follow::letGo()
+{
+    static const ::tracing::Channel channel("KESA_EASE");
+    const auto self = shared_from_this(); // the cancel may destroy who calls us
+    KESA_TRACE_TEXT(channel, 3,
+                    fmt::format("[follow] '{}': the loop that was given to kesa::on for '{} {}' has ended, so that is "
+                                "followed no longer",
+                                m_service, m_request.getCommand(), m_request.getPath()));
+    end();
 }
 
 /// Inside a call of the stream, whose handler takes its values too slowly.

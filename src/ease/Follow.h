@@ -54,6 +54,7 @@ private:
     void askLater(unsigned number, const Response& error);
     void askAgain(unsigned number, const std::string& why);
     void cut(unsigned number, bool isFirst);
+    void letGo();
     Asked finish();
     bool endsWith(unsigned number);
     bool onNext(unsigned number, const Response& response);

@@ -6,6 +6,7 @@
 #include <comm/onAnyLoop.h>
 #include <tracing/Channel.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -126,8 +127,8 @@ void InTurn::Queue::run()
     if (!mayCall(lock)) {
         return;
     }
-    const std::uint64_t own = m_lastLeft;
-    while (!m_left.empty() && !m_isCalling && (m_made < own || !leaveToOthers(lock))) {
+    const std::uint64_t last = std::min(m_lastLeft, m_made + MANY); // of those that are made in any case
+    while (!m_left.empty() && !m_isCalling && (m_made < last || !leaveToOthers(lock))) {
         callNext(lock);
     }
 }
@@ -161,8 +162,8 @@ void InTurn::Queue::callNext(Lock& lock)
     }
 }
 
-/// Of a thread that has made its own calls. What is left then is made by a thread that waits for that, or by the later
-/// turns of an I/O loop.
+/// Of a thread that has made its own calls, or many. What is left then is made by a thread that waits for that, or by
+/// the later turns of an I/O loop.
 bool InTurn::Queue::leaveToOthers(Lock& lock)
 {
     if (m_waiting > 0) {

@@ -34,11 +34,12 @@ public:
 
     /// `onChange` hears of each change after it was made and followers were told, one call at a time and in order, in
     /// the thread that made it; or in another one that is telling it of a change already, and then `set` does not wait
-    /// for it, unless 256 changes wait: then it is slowed down by 100 ms at most, off the I/O loop. It runs without a
-    /// lock: it may set this property or another, drop this one, and wait where its thread may, which for an "update"
-    /// is the I/O loop. It refuses nothing: what it throws is traced (4) on "KESA_EASE", and the value stays. By the
-    /// time it hears of a value, another may be set: two properties that mirror each other set `get()`, or two values
-    /// that were set at once go round between them for ever.
+    /// for it. Where 256 changes wait, `set` is slowed down off the I/O loop, by 100 ms, or by telling them: the last
+    /// who comes tells all that is left. It runs without a lock: it may set this property or another, drop this one,
+    /// and wait where its thread may, which for an "update" is the I/O loop. It refuses nothing: what it throws is
+    /// traced (4) on "KESA_EASE", and the value stays. By the time it hears of a value, another may be set: two
+    /// properties that mirror each other set `get()`, or two values that were set at once go round between them for
+    /// ever.
     ///
     /// `check` refuses a value before the change, by an exception: a `RequestError` is what an "update" is answered
     /// then. Not for the first value, nor for one that is set already. It only looks: one call at a time, which each

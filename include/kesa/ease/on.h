@@ -169,7 +169,10 @@ private:
         const bool isGone = send([shared = m_shared, waiting = WaitingResponse(room, value)]() mutable {
             shared->call([&](auto& handler) { handler.onNext(waiting.handled()); });
         });
-        return isGone || room->hasLoopEnded();
+        if (isGone) {
+            room->loopEnded();
+        }
+        return room->hasLoopEnded();
     }
 
     /// True when there is no loop any more.
@@ -200,8 +203,9 @@ private:
 ///
 /// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
 /// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it
-/// has stopped, nothing is called. An exception out of the handler ends the process; a trace (4) on "KESA_EASE" names
-/// the loop before. Null for a null one, after a failed assertion.
+/// has stopped, nothing is called, and what `Client::follow` asks for ends with the next value, which is traced (3). An
+/// exception out of the handler ends the process; a trace (4) on "KESA_EASE" names the loop before. Null for a null
+/// one, after a failed assertion.
 template <class T>
 [[nodiscard]] std::unique_ptr<IResponseHandler<T>> on(const std::shared_ptr<comm::ActiveObject>& activeObject,
                                                       std::unique_ptr<IResponseHandler<T>>&& handler)

@@ -330,6 +330,8 @@ TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
     EXPECT_TRUE(service->handlers[1]->onNext(Response())) << "nobody takes what the follower gets any more";
     scheduler.runFor(2 * comm::SECOND);
     EXPECT_EQ(service->requests.size(), 3U) << "and nobody asks for it";
+    EXPECT_EQ(service->handlers[1], nullptr) << "it has been cancelled";
+    EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("the loop that was given to kesa::on for 'retrieve /feed' has")));
 }
 
 TEST_F(Use, CallsNothingAfterItsEnd)
