@@ -297,7 +297,7 @@ bool diagnose(const CommonOptions& options)
     const auto reports = askAll(facts, deadline - rest);
     const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
-    addNoted(page, reports);
+    addNoted(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
     addPartitions(page, place, facts);

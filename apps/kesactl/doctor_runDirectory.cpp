@@ -261,24 +261,27 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     }
 }
 
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports)
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, comm::TimeNs deadline)
 {
     std::vector<std::string> wrong;
-    for (const NotedProcess& note : findNotes()) {
+    for (const NotedProcess& note : findNotes({}, deadline)) {
         if (!note.isHere) {
             continue;
         }
+        std::vector<std::string> ofOne;
         for (const NotedProcess::Refusal& refusal : note.refused) {
-            wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
+            ofOne.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
                                         AFTER_REFUSAL));
         }
         const bool isReported = std::any_of(reports.begin(), reports.end(),
                                             [&note](const ProcessReport& report) { return report.pid == note.pid; });
         for (const NotedProcess::Hold& hold : note.holds) {
             if (!isReported) {
-                wrong.push_back(fmt::format("{}: {}; {}", note.who(), holdText(hold), AFTER_HOLD));
+                ofOne.push_back(fmt::format("{}: {}; {}", note.who(), holdText(hold), AFTER_HOLD));
             }
         }
+        constexpr std::size_t MOST = 2; // the last ones; kesactl status has all
+        wrong.insert(wrong.end(), ofOne.end() - static_cast<std::ptrdiff_t>(std::min(MOST, ofOne.size())), ofOne.end());
     }
     page.find(wrong, "findings about what processes say of themselves; see to those above first");
 }

@@ -23,7 +23,7 @@ void addRunDirectory(DoctorPage& page, const kesa::commadapter::transport::RunDi
                      const std::string& silent);
 
 /// What processes of that directory say of themselves without being asked: also those that have no name there.
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports);
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, comm::TimeNs deadline);
 
 /// ", late: after 320 ms" of an answer; empty when it came soon enough.
 std::string lateness(comm::TimeNs after);

@@ -1,8 +1,10 @@
 #include "processNotes.h"
 
+#include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
 
 #include <obr/visible.h>
+#include <transport/Authority.h>
 #include <transport/usersAndGroups.h>
 
 #include <sys/stat.h>
@@ -32,9 +34,9 @@ bool isChosen(const NotedProcess& note, const std::string& chosen)
                : note.runDirectory == obr::visible(chosen);
 }
 
-std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen)
+std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen, comm::TimeNs deadline)
 {
-    auto read = kesa::runtime::v02::readProcessNote(pid);
+    auto read = kesa::runtime::v02::readProcessNote(pid, deadline);
     struct stat status {};
     if (!read || ::stat(fmt::format("/proc/{}", pid).c_str(), &status) != 0) {
         return std::nullopt;
@@ -47,19 +49,52 @@ std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen)
     return note;
 }
 
+/// Those of this user first.
 std::vector<pid_t> runningProcesses()
 {
-    std::vector<pid_t> pids;
+    std::vector<pid_t> own;
+    std::vector<pid_t> others;
     std::error_code failed;
     for (fs::directory_iterator next("/proc", failed), end; !failed && next != end; next.increment(failed)) {
         const std::string name = next->path().filename().string();
         pid_t pid = 0;
         if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr == name.data() + name.size()) {
-            pids.push_back(pid);
+            (isOwnProcess(pid) ? own : others).push_back(pid);
         }
     }
-    std::sort(pids.begin(), pids.end());
-    return pids;
+    std::sort(own.begin(), own.end());
+    std::sort(others.begin(), others.end());
+    own.insert(own.end(), others.begin(), others.end());
+    return own;
+}
+
+/// Whether a process of this user has the name in the run directory.
+bool isHeldByOwn(const RunDirectoryFacts& facts, const std::string& process)
+{
+    return std::any_of(
+        facts.names.begin(), facts.names.end(),
+        [encoded = kesa::commadapter::transport::encodeProcessName(process)](const RunDirectoryFacts::Name& name) {
+            return name.name == encoded && name.holder != 0 && !name.isLost && isOwnProcess(name.holder);
+        });
+}
+
+/// Anybody may say to have a name.
+void dropPretenders(std::vector<NotedProcess>& notes, const std::string& chosen)
+{
+    const auto firstOther =
+        std::find_if(notes.begin(), notes.end(), [](const NotedProcess& note) { return !note.user.empty(); });
+    if (firstOther == notes.end()) {
+        return;
+    }
+    const RunDirectoryFacts facts(chosen);
+    const std::vector<NotedProcess> own(notes.begin(), firstOther);
+    const auto isPretender = [&own, &facts](const NotedProcess& note) {
+        return isHeldByOwn(facts, note.process) ||
+               std::any_of(own.begin(), own.end(), [&note](const NotedProcess& each) {
+                   return each.process == note.process && (each.isHere || !note.isHere);
+               });
+    };
+    notes.erase(std::remove_if(firstOther, notes.end(), isPretender), notes.end());
 }
 
 } // namespace
@@ -87,23 +122,35 @@ const NotedProcess::Hold* NotedProcess::holdOf(std::string_view loop) const
     return found == holds.end() ? nullptr : &*found;
 }
 
-std::optional<NotedProcess> noteOf(std::int64_t pid)
+bool isOwnProcess(pid_t pid)
 {
-    return pid > 0 ? readNote(static_cast<pid_t>(pid), chosenRunDirectory()) : std::nullopt;
+    struct stat status {};
+    return ::stat(fmt::format("/proc/{}", pid).c_str(), &status) == 0 && status.st_uid == ::geteuid();
 }
 
-std::vector<NotedProcess> findNotes(const std::string& process)
+std::optional<NotedProcess> noteOf(std::int64_t pid)
 {
+    return pid > 0 ? readNote(static_cast<pid_t>(pid), chosenRunDirectory(), comm::now() + comm::SECOND) : std::nullopt;
+}
+
+std::vector<NotedProcess> findNotes(const std::string& process, comm::TimeNs deadline)
+{
+    constexpr comm::TimeNs LEAST = 200 * comm::MILLISECOND; // the deadline may have passed while others were asked
+    const comm::TimeNs until = std::max(deadline, comm::now() + LEAST);
     std::vector<NotedProcess> notes;
     const std::string chosen = chosenRunDirectory();
     for (const pid_t pid : runningProcesses()) {
-        auto note = readNote(pid, chosen);
+        if (comm::now() >= until) {
+            break;
+        }
+        auto note = readNote(pid, chosen, until);
         const bool isWanted =
             note && (process.empty() ? note->process.rfind("kesactl-", 0) != 0 : note->process == process);
         if (isWanted) {
             notes.push_back(std::move(*note));
         }
     }
+    dropPretenders(notes, chosen);
     return notes;
 }
 

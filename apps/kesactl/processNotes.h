@@ -1,6 +1,7 @@
 #ifndef KESACTL_PROCESSNOTES_H
 #define KESACTL_PROCESSNOTES_H
 
+#include <comm/Clock.h>
 #include <runtime/v02/runtime/readProcessNote.h>
 
 #include <cstdint>
@@ -28,12 +29,17 @@ struct NotedProcess : kesa::runtime::v02::ReadProcessNote {
     const Hold* holdOf(std::string_view loop) const;
 };
 
+/// Whether it runs as this user.
+bool isOwnProcess(pid_t pid);
+
 /// Of one process; nothing when it says nothing, or this user may not look.
 std::optional<NotedProcess> noteOf(std::int64_t pid);
 
-/// All that this user may look at, but for other `kesactl`, by their numbers; if `process` is not empty, those of that
-/// name alone. Looks at the open files of every process.
-std::vector<NotedProcess> findNotes(const std::string& process = {});
+/// All that this user may look at, but for other `kesactl`; if `process` is not empty, those of that name alone. Those
+/// of this user come first, each kind by their numbers, and one of another user is left out where a process of this
+/// user has its name. Looks at the open files of every process until the deadline, but for 200 ms at least.
+std::vector<NotedProcess> findNotes(const std::string& process = {},
+                                    comm::TimeNs deadline = comm::now() + comm::SECOND);
 
 /// "the handler of trackService for '/a' has held its executor for 4 s"
 std::string holdText(const NotedProcess::Hold& hold);

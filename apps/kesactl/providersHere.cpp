@@ -44,23 +44,26 @@ Unseen explainNameless(const std::string& process, const std::vector<Name>& name
 
 /// What those say that have not answered, as they provide nothing or a handler holds them.
 void addNoted(ProcessesHere& found, const std::string& path, const std::string& only,
-              const std::vector<ProcessReport>& reports)
+              const std::vector<ProcessReport>& reports, comm::TimeNs deadline)
 {
-    for (const NotedProcess& note : findNotes(only)) {
+    for (const NotedProcess& note : findNotes(only, deadline)) {
         const bool hasAnswered = std::any_of(reports.begin(), reports.end(), [&note](const ProcessReport& report) {
             return report.pid == note.pid && report.answer.isDefined();
         });
         if (!note.isHere) {
             continue;
         }
-        if (const auto* const refusal = note.refusalOf(path)) {
+        if (!only.empty() && !found.running) {
+            found.running = RunningProcess{note.who(), note.pid};
+        }
+        if (const auto* const refusal = found.refused.empty() ? note.refusalOf(path) : nullptr) {
             found.refused = fmt::format("{} was refused it: {}", note.who(), refusal->reason);
         }
         if (hasAnswered) {
             continue;
         }
         for (const NotedProcess::Hold& hold : note.holds) {
-            found.held.push_back({note.name(), note.pid, hold.loop, hold.holder, hold.time});
+            found.held.push_back({note.name(), note.pid, hold.loop, hold.holder, hold.time, note.user.empty()});
         }
         if (note.isWatched) { // so what it does not say is not so
             std::erase(found.nameless, fmt::format("{} ({})", note.process, note.pid));
@@ -123,7 +126,7 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
     ProcessesHere found;
     if (!only.empty() && directory.names.empty()) {
         found.unseen = explainNameless(only, names);
-        addNoted(found, path, only, {});
+        addNoted(found, path, only, {}, deadline);
         return found;
     }
     const std::vector<ProcessReport> reports = lookAtProcesses(directory, deadline);
@@ -135,7 +138,7 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
         }
         for (const auto& hold : report.answer["holds"].items()) {
             found.held.push_back({report.plainName(), report.pid, hold["loop"].toText(), hold["holder"].toText(),
-                                  integerOf(hold["heldMs"]) * comm::MILLISECOND});
+                                  integerOf(hold["heldMs"]) * comm::MILLISECOND, isOwnProcess(report.pid)});
         }
         addNameless(found, report, names);
         const Unreached& why = report.unreached;
@@ -144,11 +147,15 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
         }
         if (!only.empty()) {
             found.asked = report.answer;
+            if (report.pid != 0 && directory.names.front().heirOf == 0) {
+                found.running = RunningProcess{fmt::format("{} (process {})", only, report.pid), report.pid};
+            }
             const bool isSilent = why.cause == "silent" || why.cause == "slow";
             found.unseen = isSilent ? Unseen{why.text, why.advice, true} : Unseen{report.advice, {}};
         }
     }
-    addNoted(found, path, only, reports);
+    addNoted(found, path, only, reports, deadline);
+    std::stable_partition(found.held.begin(), found.held.end(), [](const HeldProcess& each) { return each.isOwn; });
     return found;
 }
 

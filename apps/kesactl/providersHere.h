@@ -30,6 +30,13 @@ struct HeldProcess {
     std::string loop;   ///< "executor"
     std::string holder; ///< "the handler of trackService for '/a'"
     comm::TimeNs time;
+    bool isOwn; ///< of this user
+};
+
+/// A process that has, or says to have, the name that was asked for.
+struct RunningProcess {
+    std::string who; ///< "media (process 812)"
+    pid_t pid;
 };
 
 /// Why a process cannot be looked into.
@@ -42,10 +49,11 @@ struct Unseen {
 /// What the processes of the chosen run directory say of themselves, also those that cannot be asked, whatever any
 /// registry knows.
 struct ProcessesHere {
-    std::optional<ProviderHere> provider; ///< of the path that was asked for
-    std::vector<HeldProcess> held;
-    Unseen unseen;             ///< of the one that was asked alone
-    util::config::Value asked; ///< what that one says of itself; undefined: nothing
+    std::optional<ProviderHere> provider;  ///< of the path that was asked for
+    std::vector<HeldProcess> held;         ///< those of this user first
+    std::optional<RunningProcess> running; ///< of the name that was asked alone
+    Unseen unseen;                         ///< of the one that was asked alone
+    util::config::Value asked;             ///< what that one says of itself; undefined: nothing
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
     std::string refused;     ///< "media (process 813) was refused it: 409: ..."; empty: none was

@@ -37,17 +37,15 @@ bool SeenByProvider::isTooSlow() const noexcept
 {
     // What waits in a process does so behind a full buffer of the kernel.
     constexpr std::int64_t MUCH = std::int64_t{64} << 10;
-    return isHeld || cutStreams > 0 || queuedBytes > MUCH;
+    return isHeld || queuedBytes > MUCH;
 }
 
 SeenByProvider askProviderAbout(const std::string& provider, const std::string& name, std::int64_t pid,
                                 comm::TimeNs deadline)
 {
     const SeenByProvider seen = askOnce(provider, name, pid, deadline);
-    if (!seen.isTooSlow() || seen.cutStreams > 0) {
-        return seen;
-    }
-    return askOnce(provider, name, pid, deadline); // it may just have been sent something large
+    return seen.isTooSlow() ? askOnce(provider, name, pid, deadline) // it may just have been sent something large
+                            : seen;
 }
 
 } // namespace kesactl

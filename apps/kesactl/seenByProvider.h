@@ -15,9 +15,9 @@ struct SeenByProvider {
     bool isAsked = false;         ///< a request is open, or how many are was not counted
     bool isHeld = false;          ///< it does not read on, since the other does not take its answers
     std::int64_t queuedBytes = 0; ///< what waits in it for the other
-    std::int64_t cutStreams = 0;  ///< ended as "too slow"
+    std::int64_t cutStreams = 0;  ///< ended as "too slow" since it has connected, perhaps long ago
 
-    bool isTooSlow() const noexcept;
+    bool isTooSlow() const noexcept; ///< at the moment
 };
 
 /// Asks `provider`, by its name as in locators, about the process that has `pid` or, where the kernel does not tell,

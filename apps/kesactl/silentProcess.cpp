@@ -100,10 +100,10 @@ SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::s
     return silent;
 }
 
-SilentProcess findNotedProcess(const std::string& wanted)
+SilentProcess findNotedProcess(const std::string& wanted, comm::TimeNs deadline)
 {
     SilentProcess silent;
-    for (const NotedProcess& note : findNotes()) {
+    for (const NotedProcess& note : findNotes({}, deadline)) {
         if (!note.isHere || (note.process != wanted && std::to_string(note.pid) != wanted)) {
             continue;
         }

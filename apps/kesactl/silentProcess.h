@@ -24,7 +24,7 @@ struct SilentProcess {
 SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted, comm::TimeNs deadline);
 
 /// The same of one that says by itself that it is there, without asking anybody.
-SilentProcess findNotedProcess(const std::string& wanted);
+SilentProcess findNotedProcess(const std::string& wanted, comm::TimeNs deadline);
 
 /// To the answer of a process, or what stands for it: what it says without being asked, "refused" and, where it has not
 /// answered, "holds".

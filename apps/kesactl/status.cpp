@@ -213,7 +213,7 @@ try {
     }
     return {*silent.report, std::move(silent)};
 } catch (const Failure&) {
-    SilentProcess noted = findNotedProcess(wanted);
+    SilentProcess noted = findNotedProcess(wanted, deadline);
     if (!noted.report) {
         throw;
     }

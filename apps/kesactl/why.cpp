@@ -118,6 +118,8 @@ public:
 private:
     std::optional<Verdict> askRegistry();
     Verdict judge() const;
+    bool isUnprovided(const Verdict& verdict) const;
+    Verdict explainNeverSeen(Verdict verdict, ProcessesHere here, const std::string& meant) const;
     ProcessesHere processesHere(const std::string& name) const;
     Verdict explainRealm() const;
     std::optional<Verdict> explainReplacedRealm(const std::string& locators) const;
@@ -143,27 +145,43 @@ Verdict Search::run()
         return *failure;
     }
     Verdict verdict = judge();
+    if (!isUnprovided(verdict)) {
+        return verdict;
+    }
+    const ProcessesHere here = processesHere({});
+    if (here.provider) {
+        if (auto failure = askRegistry()) { // it may have registered meanwhile
+            return *failure;
+        }
+        Verdict now = judge();
+        return isUnprovided(now) ? explainHereOnly(*here.provider, m_place) : now;
+    }
     if (verdict.cause != "never-registered") {
-        return verdict;
+        const std::string name = m_explanation["history"].items().back()["provider"].toText();
+        return explainAfterEnd(std::move(verdict), m_explanation, here, processesHere(name), m_place.locators.front());
     }
-    auto here = processesHere({});
-    if (!here.provider) {
-        const std::string meant = adviseAround(system, m_arguments.path, m_arguments.common.deadline());
-        verdict.advice = meant.empty() ? verdict.advice : meant;
-        if (!meant.empty() || m_explanation["nearest"].isString() || !m_arguments.process.empty()) {
-            here.nameless.clear(); // there is a better guess
-        }
-        verdict = explainHeldOr(std::move(verdict), here);
-        if (!m_arguments.process.empty()) {
-            addUnseen(verdict, m_arguments.process, processesHere(m_arguments.process).unseen);
-        }
-        return verdict;
+    return explainNeverSeen(std::move(verdict), here,
+                            adviseAround(system, m_arguments.path, m_arguments.common.deadline()));
+}
+
+/// The processes here know more of it than the registry.
+bool Search::isUnprovided(const Verdict& verdict) const
+{
+    return verdict.cause == "never-registered" || hasProviderEnded(m_explanation);
+}
+
+/// `meant`: which path may be meant; may be empty.
+Verdict Search::explainNeverSeen(Verdict verdict, ProcessesHere here, const std::string& meant) const
+{
+    verdict.advice = meant.empty() ? verdict.advice : meant;
+    if (!meant.empty() || m_explanation["nearest"].isString() || !m_arguments.process.empty()) {
+        here.nameless.clear(); // there is a better guess
     }
-    if (auto failure = askRegistry()) { // it may have registered meanwhile
-        return *failure;
+    verdict = explainHeldOr(std::move(verdict), here);
+    if (!m_arguments.process.empty()) {
+        addUnseen(verdict, m_arguments.process, processesHere(m_arguments.process).unseen);
     }
-    Verdict now = judge();
-    return now.cause == "never-registered" ? explainHereOnly(*here.provider, m_place) : now;
+    return verdict;
 }
 
 /// A verdict when it has not explained the path.

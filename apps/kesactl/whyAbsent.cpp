@@ -69,20 +69,27 @@ Verdict explainNever(const Value& explanation, const std::string& registry)
     return verdict;
 }
 
-Verdict explainRefused(const Value& event)
-{
-    return {"refused",
-            fmt::format("{} was refused it at {}{}; now nobody has it", whoText(event), timeText(event["when"]),
-                        event["reason"].isDefined() ? ": " + event["reason"].toText() : ""),
-            fmt::format("restart {}: a refused registration is not repeated", event["provider"].toText()),
-            {}};
-}
-
 /// Also where /proc shows it to nobody else, or is not there.
 bool isAlive(const ProcessFacts& process, std::int64_t pid)
 {
     const bool isHidden = ::access("/proc/self/stat", F_OK) != 0 || ::access("/proc/1", F_OK) != 0;
     return process.isThere || (isHidden && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM));
+}
+
+bool isAlive(std::int64_t pid)
+{
+    return pid > 0 && isAlive(ProcessFacts(static_cast<pid_t>(pid)), pid);
+}
+
+Verdict explainRefused(const Value& event)
+{
+    const std::string name = event["provider"].toText();
+    return {"refused",
+            fmt::format("{} was refused it at {}{}; now nobody has it", whoText(event), timeText(event["when"]),
+                        event["reason"].isDefined() ? ": " + event["reason"].toText() : ""),
+            isAlive(integerOf(event["pid"])) ? fmt::format("restart {}: a refused registration is not repeated", name)
+                                             : fmt::format("start {} again; its process has ended", name),
+            {}};
 }
 
 Verdict explainGone(const Value& event)
@@ -146,6 +153,23 @@ bool isExecutor(const HeldProcess& process)
     return process.loop == "executor";
 }
 
+/// Of a process that would provide it and cannot. `so`: what comes of it.
+std::optional<Verdict> explainUnable(const ProcessesHere& here, std::string_view so)
+{
+    const std::string perhaps = fmt::format("{}, perhaps since one process cannot", so);
+    if (!here.refused.empty()) {
+        return Verdict{"refused", fmt::format("{}: {}", so, here.refused), AFTER_REFUSAL, {}};
+    }
+    if (const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor); found != here.held.end()) {
+        return explainHeld(*found, perhaps);
+    }
+    if (!here.otherVersion.text.empty()) {
+        return Verdict{
+            "other-version", fmt::format("{}: {}", perhaps, here.otherVersion.text), here.otherVersion.advice, {}};
+    }
+    return std::nullopt;
+}
+
 } // namespace
 
 Verdict explainAbsence(const Value& explanation, const std::string& registry)
@@ -187,22 +211,17 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
             {}};
 }
 
+bool hasProviderEnded(const Value& explanation)
+{
+    const auto& history = explanation["history"].items();
+    return explanation["registered"] != true && !history.empty() && !isAlive(integerOf(history.back()["pid"]));
+}
+
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
 {
-    const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor);
-    constexpr std::string_view UNABLE = "nobody has registered it, perhaps since one process cannot";
-    std::optional<Verdict> instead;
-    if (!here.refused.empty()) {
-        instead = Verdict{"refused", "nobody has registered it: " + here.refused, AFTER_REFUSAL, {}};
-    } else if (found != here.held.end()) {
-        instead = explainHeld(*found, std::string(UNABLE));
-    } else if (!here.otherVersion.text.empty()) {
-        instead = Verdict{
-            "other-version", fmt::format("{}: {}", UNABLE, here.otherVersion.text), here.otherVersion.advice, {}};
-    }
-    if (instead) {
-        instead->notes.push_back("otherwise, " + verdict.advice);
-        return *instead;
+    if (auto unable = explainUnable(here, "nobody has registered it")) {
+        unable->notes.push_back("otherwise, " + verdict.advice);
+        return *unable;
     }
     if (!here.refusedName.empty()) {
         verdict.notes.push_back(here.refusedName +
@@ -210,6 +229,36 @@ Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
                                 "the two, or give it another name");
     }
     noteNameless(verdict, here.nameless);
+    return verdict;
+}
+
+Verdict explainAfterEnd(Verdict verdict, const Value& explanation, ProcessesHere here, const ProcessesHere& again,
+                        const kesa::url& registry)
+{
+    here.held = again.held; // another one is held for reasons of its own
+    here.otherVersion = again.otherVersion;
+    if (auto unable = explainUnable(here, "nobody has it now")) {
+        unable->notes = notesOf(explanation, 0);
+        return *unable;
+    }
+    if (!again.running) {
+        return verdict;
+    }
+    const pid_t pid = again.running->pid;
+    const ProcessFacts process(pid);
+    const std::string apart = whyApart(again.asked, processOf(registry));
+    verdict.text = fmt::format("nobody has it now: {} runs, and does not provide it{}", again.running->who,
+                               process.isStopped       ? "; it is stopped"
+                               : !apart.empty()        ? "; it is not connected to the registry: " + apart
+                               : again.unseen.isSilent ? "; " + again.unseen.text
+                                                       : "");
+    verdict.advice = process.isStopped ? fmt::format("continue it with kill -CONT {}, or end its debugger", pid)
+                     : isYoung(process.started) ? "ask again: that process has just started"
+                     : again.unseen.isSilent    ? again.unseen.advice
+                     : !apart.empty() ? "it registers once it is connected; its KESA_TRACE=\"KESA_COMM=1\" says more"
+                                      : "its log may say what it waits for; is what kesa::provide or registerService "
+                                        "returns kept? It withdraws the service when it is destroyed";
+    verdict.notes = notesOf(explanation, 0);
     return verdict;
 }
 

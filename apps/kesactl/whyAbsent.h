@@ -19,6 +19,14 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
 /// or one of which that cannot be known.
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here);
 
+/// Whether the last one that had a path, or was refused it, runs no more.
+bool hasProviderEnded(const util::config::Value& explanation);
+
+/// Of a path whose provider runs no more, as `verdict` says: whether it runs again without it. `here`: what all say;
+/// `again`: what those of its name say.
+Verdict explainAfterEnd(Verdict verdict, const util::config::Value& explanation, ProcessesHere here,
+                        const ProcessesHere& again, const kesa::url& registry);
+
 /// Of a process that a handler holds. `so`: what comes of it.
 Verdict explainHeld(const HeldProcess& process, const std::string& so);
 

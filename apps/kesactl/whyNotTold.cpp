@@ -28,6 +28,9 @@ using util::config::Value;
 constexpr const char* IS_IT_KEPT =
     "is what trackService, kesa::use or follow returns kept? It ends what it stands for when it is destroyed";
 
+/// Why a process that asks for nothing may use services nevertheless.
+constexpr const char* WHILE_THEY_WAIT = "(kesa::get and connect ask only while they wait)";
+
 /// Of a process that is there, and has asked the registry for nothing.
 Verdict explainSilentOne(const std::string& process, pid_t pid, const apps::RegistryPlace& place, const Value& answer)
 {
@@ -44,7 +47,8 @@ Verdict explainSilentOne(const std::string& process, pid_t pid, const apps::Regi
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
                 {}};
     }
-    const std::string so = fmt::format("{} (process {}) has asked this registry for nothing", process, pid);
+    const std::string so =
+        fmt::format("{} (process {}) asks this registry for nothing at the moment {}", process, pid, WHILE_THEY_WAIT);
     if (const OtherPartition partition = findOtherPartition(answer, place); !partition.name.empty()) {
         return {"not-asked", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
@@ -63,7 +67,7 @@ std::optional<Verdict> explainNoted(const std::string& process, const apps::Regi
     for (const NotedProcess& note : findNotes(process)) {
         if (note.isHere && !note.holds.empty()) {
             const NotedProcess::Hold& hold = note.holds.front();
-            return explainHeld({note.name(), note.pid, hold.loop, hold.holder, hold.time},
+            return explainHeld({note.name(), note.pid, hold.loop, hold.holder, hold.time, note.user.empty()},
                                process + " does not see it");
         }
         if (note.isHere) {
@@ -131,11 +135,17 @@ Verdict explainTooSlow(const SeenByProvider& seen, const std::string& who, const
 /// What there is between a process that is told and the provider, where nothing is in the way.
 std::string useOf(const SeenByProvider& seen, const std::string& provider)
 {
+    std::string cut =
+        seen.cutStreams == 0
+            ? ""
+            : fmt::format("; {} of its streams ended as \"too slow\" since it has connected", seen.cutStreams);
     if (!seen.isKnown || seen.isAsked) {
-        return {};
+        return cut;
     }
     return seen.isConnected
-               ? fmt::format("; it is connected to {}, and asks it for nothing at the moment", provider)
+               ? fmt::format("; it is connected to {}, and asks it for nothing at the moment, or waits to ask again "
+                             "after it was too slow, which its log says ([follow]){}",
+                             provider, cut)
                : fmt::format("; it has not connected to {}: it tracks the service and does not resolve it, or what "
                              "kesa::use or connect has returned was dropped",
                              provider);
@@ -209,11 +219,13 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
                 {}};
     }
     if (asks.empty()) {
-        return {"not-asked",
-                fmt::format("{} asks the registry for nothing that {} would be: for other services, or for none",
-                            process, path),
-                fmt::format("compare the paths and patterns that it tracks, letter by letter; and {}", IS_IT_KEPT),
-                {}};
+        return {
+            "not-asked",
+            fmt::format(
+                "{} asks this registry for nothing at the moment that {} would be {}: for other services, or for none",
+                process, path, WHILE_THEY_WAIT),
+            fmt::format("compare the paths and patterns that it tracks, letter by letter; and {}", IS_IT_KEPT),
+            {}};
     }
     const auto told = std::find_if(asks.begin(), asks.end(), [](const Value& ask) { return ask["told"] == true; });
     const Value& ask = told == asks.end() ? asks.front() : *told;

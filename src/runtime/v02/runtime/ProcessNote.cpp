@@ -27,7 +27,6 @@ using util::config::Value;
 
 namespace {
 
-constexpr std::size_t MOST_REFUSALS = 16;
 constexpr std::size_t MOST_OF_REASON = 1024;
 
 /// Valid UTF-8, as JSON has to be.

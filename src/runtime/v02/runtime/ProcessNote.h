@@ -27,6 +27,7 @@ public:
     /// Of the file, as the kernel shows it.
     static constexpr const char* FILE_NAME = "kesa-process";
     static constexpr std::size_t MOST_BYTES = std::size_t{64} << 10;
+    static constexpr std::size_t MOST_REFUSALS = 16;
 
     /// `runDirectory`: empty when it meets others in none.
     ProcessNote(const std::string& process, const std::string& runDirectory);

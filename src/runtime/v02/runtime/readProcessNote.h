@@ -5,13 +5,15 @@
 
 #include <sys/types.h>
 
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace kesa::runtime::v02 {
 
-/// What a running process says of itself without being asked, see `ProcessNote`. All of it is another one's text.
+/// What a running process says of itself without being asked, see `ProcessNote`. All of it is another one's text, which
+/// is shown as `obr::visible` does and cut to 1,024 bytes, the run directory to 4,096.
 struct ReadProcessNote {
     struct Refusal {
         std::string path;
@@ -27,14 +29,16 @@ struct ReadProcessNote {
     pid_t pid = 0; ///< as it is known here
     std::string process;
     std::string runDirectory;
-    std::vector<Refusal> refused; ///< the last one comes last
-    std::vector<Hold> holds;
-    bool isWatched = false; ///< it looks itself for what holds its loops: without `holds`, nothing does
+    std::vector<Refusal> refused; ///< at most the last 16, the last one comes last
+    std::vector<Hold> holds;      ///< at most 8
+    bool isWatched = false;       ///< it looks itself for what holds its loops: without `holds`, nothing does
 };
 
 /// Nothing when it says nothing, or this user may not look. Reads files of /proc, and does not wait for the process;
-/// what a forked child has inherited is not its own, and not answered. Any thread.
-std::optional<ReadProcessNote> readProcessNote(pid_t pid);
+/// what a forked child has inherited is not its own, and not answered. Looks at no more of its open files when the
+/// deadline has passed, and reads at most 8 of them. Any thread.
+std::optional<ReadProcessNote> readProcessNote(pid_t pid,
+                                               comm::TimeNs deadline = std::numeric_limits<comm::TimeNs>::max());
 
 } // namespace kesa::runtime::v02
 

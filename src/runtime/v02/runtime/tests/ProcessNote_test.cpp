@@ -4,6 +4,7 @@
 #include <runtime/v02/runtime/ProcessNote.h>
 #include <runtime/v02/runtime/readProcessNote.h>
 
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -69,14 +70,61 @@ TEST(ProcessNote, saysWhoItIsWhatItWasRefusedAndWhatHoldsItUntilItsEnd)
     EXPECT_FALSE(readProcessNote(::getpid()));
 }
 
+/// Is kept open, as the process itself keeps its note.
+int writeFile(const std::string& text)
+{
+    const int file = ::memfd_create(ProcessNote::FILE_NAME, MFD_CLOEXEC);
+    EXPECT_EQ(::write(file, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    return file;
+}
+
+TEST(ProcessNote, isReadWithinLimitsWhoeverWroteIt)
+{
+    const std::string pid = std::to_string(::getpid());
+    std::string letters(1023, 'a');
+    letters += "\u00e4\u00e4"; // the limit is inside of the first
+    std::string refused;
+    std::string holds;
+    for (int i = 0; i < 20; ++i) {
+        refused +=
+            (i == 0 ? R"({"path":"/)" : R"(,{"path":"/)") + std::to_string(i) + R"(","reason":")" + letters + "\"}";
+        holds += (i == 0 ? R"({"loop":"\u001b)" : R"(,{"loop":"\u001b)") + std::to_string(i) + R"(","holder":"it"})";
+    }
+    std::vector<int> files{
+        writeFile(R"({"process":"me","pid":)" + pid + R"(,"refused":[)" + refused + R"(],"holds":[)" + holds + "]}")};
+    const auto note = readProcessNote(::getpid());
+    ASSERT_TRUE(note && note->refused.size() == 16 && note->holds.size() == 8);
+    EXPECT_EQ(note->refused.front().path, "/4") << "the last ones count";
+    EXPECT_EQ(note->refused.front().reason, letters.substr(0, 1023));
+    EXPECT_EQ(note->holds.front().loop, "\\u001b0") << "for a terminal";
+    EXPECT_FALSE(readProcessNote(::getpid(), 0)) << "the deadline has passed";
+
+    ::close(files.front());
+    files = {writeFile("?")};
+    for (int i = 0; i < 20; ++i) {
+        files.push_back(::dup(files.front())); // which is no further file
+    }
+    files.push_back(writeFile(R"({"process":"me","pid":)" + pid + "}"));
+    EXPECT_TRUE(readProcessNote(::getpid()));
+    ::dup2(files.back(), files.front());
+    for (std::size_t i = 0; i + 1 < files.size(); ++i) {
+        ::close(files[i]);
+        files[i] = writeFile("?");
+    }
+    EXPECT_FALSE(readProcessNote(::getpid())) << "it stands behind too many";
+    for (const int file : files) {
+        ::close(file);
+    }
+}
+
 TEST(ProcessNote, isNeverReadByHalves)
 {
     ProcessNote note("me", "");
     note.setHeld({});
     std::atomic<bool> hasEnded{false};
     std::thread writer([&] {
-        for (std::size_t count = 0; !hasEnded; count = (count + 7) % 100) {
-            note.setHeld(HeldLoops(count, {"executor", std::to_string(count), 0}));
+        for (std::size_t count = 0; !hasEnded; count = (count + 7) % 9) {
+            note.setHeld(HeldLoops(count, {std::string(count * 100, 'x'), std::to_string(count), 0}));
         }
     });
     for (int i = 0; i < 300; ++i) {
