@@ -5,6 +5,7 @@
 #include <kesa/url.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,10 +36,15 @@ public:
         std::string loop;       ///< as `comm::LoopHold::loop`
         std::string holder;     ///< whom it calls
         comm::TimeNs since = 0; ///< by `comm::now`
+        /// Of one of the program's own, given to `kesa::on`, which may be held: how many requests wait for it.
+        std::optional<unsigned> waiting = {};
     };
     /// Which are held now, from whoever watches them: first when that begins, then each time others are. Tools read it
     /// while this process cannot be asked.
     virtual void tellHeld(const std::vector<HeldLoop>& held) const;
+    /// A handler on `loop`, one of the program's own, takes the values of `path` more slowly than they come: a stream
+    /// was given up for that, and is asked for again. Tools read it.
+    virtual void tellTooSlow(const std::string& path, const std::string& loop) const;
 };
 
 } // namespace kesa::runtime::v02

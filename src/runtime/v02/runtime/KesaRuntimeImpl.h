@@ -2,6 +2,8 @@
 #define KESA_RUNTIME_V02_KESARUNTIMEIMPL_H
 
 #include <comm/ActiveObject.h>
+#include <comm/Clock.h>
+#include <comm/OncePer.h>
 #include <kesa/Disposable.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/Path.h>
@@ -90,7 +92,9 @@ private:
         optional<ServiceDef> optionalServiceDef;
         /// Under which the registration is kept at the remote registry.
         optional<std::uint32_t> remoteRegistrationId;
-        Trackers trackers; ///< in order of subscription
+        comm::TimeNs registered = 0; ///< when that began
+        bool isConfirmed = false;    ///< by a registry, once at least
+        Trackers trackers;           ///< in order of subscription
         bool isProvidedByThisProcess = false;
         bool isStaticConfigured = false;
         /// Under which the path is tracked at the remote registry.
@@ -198,6 +202,7 @@ private:
 
     // Unregistration. The path may be a part of what goes: taken by value.
     void warnOfOther(const std::string& path, const Handle& disposed) const;
+    void noteDropped(const std::string& path, const RuntimeEntry& entry);
     void performUnregistration(std::string path);
     void findAndUnregister(std::string path, const char* caller);
     void deleteRuntimeEntry(std::string path);
@@ -320,6 +325,7 @@ private:
     std::vector<url> m_registryLocators;
     const void* m_registryProxyHandle = nullptr;
     std::string m_eventSource;
+    comm::OncePer m_droppedTraces{comm::SECOND};
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
     QueryTrackers m_queryTrackers;

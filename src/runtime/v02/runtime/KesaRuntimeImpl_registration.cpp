@@ -205,6 +205,8 @@ void KesaRuntimeImpl::setRegistrator(RuntimeEntry& entry, Registration& registra
 {
     entry.optionalRegistrator = std::move(registration.handler);
     entry.registration = registration.handle;
+    entry.registered = comm::now();
+    entry.isConfirmed = false;
 }
 
 void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registration)

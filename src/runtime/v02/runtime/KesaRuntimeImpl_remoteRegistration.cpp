@@ -111,6 +111,7 @@ void KesaRuntimeImpl::onRegistrationConfirmed(const Path& registered, const Issu
                    path.c_str());
         return;
     }
+    entry->isConfirmed = true;
     tellRegistered(answer);
     if (*recorded == answer) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerService RemoteRegistryHandler] do not update ServiceDef for service='%s'",

@@ -1,5 +1,7 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <comm/Clock.h>
+#include <fmt/format.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
 
@@ -59,6 +61,9 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
         isRegistryServiceRegistered = false;
     }
     if (m_remoteRegistryHandler) {
+        if (!entry.isConfirmed) {
+            noteDropped(path, entry);
+        }
         KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] free remote registration of service ='%s'", path.c_str());
         if (entry.remoteRegistrationId) {
             m_remoteRegistryHandler->cancel(*entry.remoteRegistrationId);
@@ -77,6 +82,24 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
     KESA_TRACE(MAIN_CHANNEL, 2, "[performUnregistration] after deleteRuntimeEntry of service ='%s'", path.c_str());
     eventlog::registrationUnregister(m_eventSource, serviceDef);
     followRemotely(path);
+}
+
+/// No registry tells of it, not even that it was there.
+void KesaRuntimeImpl::noteDropped(const std::string& path, const RuntimeEntry& entry)
+{
+    m_reasons->noteDropped(path);
+    const comm::TimeNs now = comm::now();
+    const comm::TimeNs lasted = now - entry.registered;
+    if (lasted >= comm::SECOND) {
+        return; // there may be no registry
+    }
+    if (const auto end = m_droppedTraces.pass(now)) {
+        KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                        fmt::format("[registerService Disposable] the registration of '{}' has ended after {} ms, "
+                                    "before the registry knew of it: keep what kesa::provide or registerService "
+                                    "returns, it withdraws the service when it is destroyed{}",
+                                    path, lasted / comm::MILLISECOND, *end));
+    }
 }
 
 /// What the path's record is, which then is not there any more unless it is configured.

@@ -35,6 +35,44 @@ std::string noted(std::string_view text)
     return obr::visible(util::config::excerpt(text));
 }
 
+std::int64_t wallMilliseconds()
+{
+    return comm::wallClock() / comm::MILLISECOND;
+}
+
+/// In the place of an earlier one of its path.
+template <class T>
+void addLast(std::deque<T>& all, T added)
+{
+    std::erase_if(all, [&added](const T& each) { return each.path == added.path; });
+    all.push_back(std::move(added));
+    if (all.size() > ProcessNote::MOST_OF_EACH) {
+        all.pop_front();
+    }
+}
+
+void setIfAny(Dictionary& note, const char* member, Value::Array all)
+{
+    if (!all.empty()) {
+        note.set(member, std::move(all));
+    }
+}
+
+void setHolds(Dictionary& note, const std::vector<IReasons::HeldLoop>& held)
+{
+    Value::Array ofRuntime;
+    Value::Array own;
+    for (const IReasons::HeldLoop& each : held) {
+        Dictionary hold{{"loop", noted(each.loop)}, {"holder", noted(each.holder)}, {"since", each.since}};
+        if (each.waiting) {
+            hold.set("waiting", *each.waiting);
+        }
+        (each.waiting ? own : ofRuntime).emplace_back(std::move(hold));
+    }
+    note.set("holds", std::move(ofRuntime));
+    setIfAny(note, "ownHolds", std::move(own));
+}
+
 /// Kernels from 6.3 on want to know whether the file may be executed; earlier ones refuse to be told.
 int makeMemoryFile()
 {
@@ -67,23 +105,41 @@ void ProcessNote::addRefusal(const std::string& path, const Response& error)
 {
     std::string reason = reasonOf(error);
     reason.resize(std::min(reason.size(), MOST_OF_REASON));
-    Refusal refusal{noted(path), obr::visible(reason), comm::wallClock() / comm::MILLISECOND};
     const std::lock_guard<std::mutex> lock(m_mutex);
-    std::erase_if(m_refused, [&refusal](const Refusal& each) { return each.path == refusal.path; });
-    m_refused.push_back(std::move(refusal));
-    if (m_refused.size() > MOST_REFUSALS) {
-        m_refused.pop_front();
-    }
+    addLast(m_refused, Refusal{noted(path), obr::visible(reason), wallMilliseconds()});
     publish();
 }
 
-void ProcessNote::removeRefusal(const std::string& path)
+void ProcessNote::addDropped(const std::string& path)
 {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_refused.empty()) {
+    addLast(m_dropped, Dropped{noted(path), wallMilliseconds()});
+    publish();
+}
+
+void ProcessNote::setRegistered(const std::string& path)
+{
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_refused.empty() && m_dropped.empty()) {
         return;
     }
-    if (std::erase_if(m_refused, [known = noted(path)](const Refusal& each) { return each.path == known; }) != 0) {
+    const auto isIt = [known = noted(path)](const auto& each) { return each.path == known; };
+    if (std::erase_if(m_refused, isIt) + std::erase_if(m_dropped, isIt) != 0) {
+        publish();
+    }
+}
+
+void ProcessNote::addTooSlow(const std::string& path, const std::string& loop)
+{
+    TooSlow added{noted(path), noted(loop), wallMilliseconds(), 1};
+    const std::lock_guard<std::mutex> lock(m_mutex);
+    for (const TooSlow& each : m_tooSlow) {
+        added.times += each.path == added.path ? each.times : 0;
+    }
+    addLast(m_tooSlow, std::move(added));
+    const comm::TimeNs now = comm::now();
+    if (m_tooSlowShown == 0 || now - m_tooSlowShown >= comm::SECOND) {
+        m_tooSlowShown = now;
         publish();
     }
 }
@@ -115,12 +171,19 @@ std::string ProcessNote::text() const
         refused.emplace_back(Dictionary{{"path", refusal.path}, {"reason", refusal.reason}, {"when", refusal.when}});
     }
     note.set("refused", std::move(refused));
+    Value::Array dropped;
+    for (const Dropped& each : m_dropped) {
+        dropped.emplace_back(Dictionary{{"path", each.path}, {"when", each.when}});
+    }
+    setIfAny(note, "dropped", std::move(dropped));
+    Value::Array tooSlow;
+    for (const TooSlow& each : m_tooSlow) {
+        tooSlow.emplace_back(
+            Dictionary{{"path", each.path}, {"loop", each.loop}, {"when", each.when}, {"times", each.times}});
+    }
+    setIfAny(note, "tooSlow", std::move(tooSlow));
     if (m_held) {
-        Value::Array holds;
-        for (const IReasons::HeldLoop& held : *m_held) {
-            holds.emplace_back(Dictionary{{"loop", held.loop}, {"holder", noted(held.holder)}, {"since", held.since}});
-        }
-        note.set("holds", std::move(holds));
+        setHolds(note, *m_held);
     }
     return Value(std::move(note)).toText();
 }

@@ -1,6 +1,7 @@
 #ifndef KESA_RUNTIME_V02_PROCESSNOTE_H
 #define KESA_RUNTIME_V02_PROCESSNOTE_H
 
+#include <comm/Clock.h>
 #include <kesa/Response.h>
 #include <kesa/runtime/v02/IReasons.h>
 
@@ -27,7 +28,7 @@ public:
     /// Of the file, as the kernel shows it.
     static constexpr const char* FILE_NAME = "kesa-process";
     static constexpr std::size_t MOST_BYTES = std::size_t{64} << 10;
-    static constexpr std::size_t MOST_REFUSALS = 16;
+    static constexpr std::size_t MOST_OF_EACH = 16; ///< of many, the last ones are told
 
     /// `runDirectory`: empty when it meets others in none.
     ProcessNote(const std::string& process, const std::string& runDirectory);
@@ -35,10 +36,14 @@ public:
     ProcessNote& operator=(const ProcessNote&) = delete;
     ~ProcessNote();
 
-    /// That a registration was refused; of many, the last ones are told.
+    /// That a registration was refused.
     void addRefusal(const std::string& path, const Response& error);
+    /// That this process itself has ended a registration before a registry knew of it.
+    void addDropped(const std::string& path);
     /// The path is registered by now.
-    void removeRefusal(const std::string& path);
+    void setRegistered(const std::string& path);
+    /// As `IReasons::tellTooSlow`. Written once a second at most.
+    void addTooSlow(const std::string& path, const std::string& loop);
     /// Before the first call nobody looks for that, which the text says.
     void setHeld(const std::vector<IReasons::HeldLoop>& held);
     /// From now on it says nothing.
@@ -49,6 +54,16 @@ private:
         std::string path;
         std::string reason;
         std::int64_t when; ///< milliseconds since 1970
+    };
+    struct Dropped {
+        std::string path;
+        std::int64_t when; ///< as of a refusal
+    };
+    struct TooSlow {
+        std::string path;
+        std::string loop;
+        std::int64_t when;
+        std::int64_t times;
     };
     struct File {
         int descriptor = -1;
@@ -67,6 +82,9 @@ private:
     const std::string m_runDirectory;
     std::mutex m_mutex; ///< of all below
     std::deque<Refusal> m_refused;
+    std::deque<Dropped> m_dropped;
+    std::deque<TooSlow> m_tooSlow;
+    comm::TimeNs m_tooSlowShown = 0; ///< when they were written last
     std::optional<std::vector<IReasons::HeldLoop>> m_held;
     File m_shown;
     File m_next; ///< empty

@@ -23,6 +23,8 @@ std::vector<std::shared_ptr<const comm::LoopHold>> IReasons::holds() const
 
 void IReasons::tellHeld(const std::vector<HeldLoop>&) const {}
 
+void IReasons::tellTooSlow(const std::string&, const std::string&) const {}
+
 namespace {
 
 std::string withoutRegistry(const KesaConfig& config)
@@ -90,6 +92,20 @@ void Reasons::tellHeld(const std::vector<HeldLoop>& held) const
     }
 }
 
+void Reasons::tellTooSlow(const std::string& path, const std::string& loop) const
+{
+    if (m_note) {
+        m_note->addTooSlow(path, loop);
+    }
+}
+
+void Reasons::noteDropped(const std::string& path) const
+{
+    if (m_note) {
+        m_note->addDropped(path);
+    }
+}
+
 void Reasons::noteRefusal(const std::string& path, const Response& error) const
 {
     if (m_note) {
@@ -100,7 +116,7 @@ void Reasons::noteRefusal(const std::string& path, const Response& error) const
 void Reasons::noteRegistered(const std::string& path) const
 {
     if (m_note) {
-        m_note->removeRefusal(path);
+        m_note->setRegistered(path);
     }
 }
 

@@ -39,6 +39,8 @@ public:
     // Of a service that this process has wanted to provide.
     void noteRefusal(const std::string& path, const Response& error) const;
     void noteRegistered(const std::string& path) const;
+    /// Its own registration has ended before a registry has answered it.
+    void noteDropped(const std::string& path) const;
     /// The runtime has ended: tools read nothing of it any more.
     void endNote() const;
 
@@ -47,6 +49,7 @@ public:
     std::string obstacle(const url& locator) const override;
     Holds holds() const override;
     void tellHeld(const std::vector<HeldLoop>& held) const override;
+    void tellTooSlow(const std::string& path, const std::string& loop) const override;
 
 private:
     Holds backendHolds() const;

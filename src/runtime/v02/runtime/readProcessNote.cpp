@@ -87,26 +87,60 @@ std::string textOf(const Value& value, std::size_t most = MOST_OF_TEXT)
     return text;
 }
 
-ReadProcessNote noteOf(const Value& text, pid_t pid)
+comm::TimeNs wallTimeOf(const Value& value)
 {
     constexpr std::int64_t MOST_MILLISECONDS = INT64_MAX / comm::MILLISECOND;
-    ReadProcessNote note;
+    return std::clamp<std::int64_t>(noteNumber(value), 0, MOST_MILLISECONDS) * comm::MILLISECOND;
+}
+
+std::uint64_t countOf(const Value& value)
+{
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(noteNumber(value), 0));
+}
+
+/// The last ones of a list.
+template <class T, class Read>
+std::vector<T> lastOf(const Value& list, const Read& read)
+{
+    const auto& items = list.items();
+    std::vector<T> last;
+    for (std::size_t i = items.size() - std::min(items.size(), ProcessNote::MOST_OF_EACH); i < items.size(); ++i) {
+        last.push_back(read(items[i]));
+    }
+    return last;
+}
+
+std::vector<ReadProcessNote::Hold> holdsOf(const Value& list)
+{
+    const auto& items = list.items();
+    std::vector<ReadProcessNote::Hold> holds;
+    for (std::size_t i = 0; i < std::min(items.size(), MOST_HOLDS); ++i) {
+        holds.push_back({textOf(items[i]["loop"]), textOf(items[i]["holder"]),
+                         timeUntilNow(noteNumber(items[i]["since"])), countOf(items[i]["waiting"])});
+    }
+    return holds;
+}
+
+ReadProcessNote noteOf(const Value& text, pid_t pid)
+{
+    using Note = ReadProcessNote;
+    Note note;
     note.pid = pid;
     note.process = textOf(text["process"]);
     note.runDirectory = textOf(text["runDirectory"], PATH_MAX);
     note.isWatched = text["holds"].isArray();
-    const auto& refused = text["refused"].items();
-    for (std::size_t i = refused.size() - std::min(refused.size(), ProcessNote::MOST_REFUSALS); i < refused.size();
-         ++i) {
-        const Value& refusal = refused[i];
-        const std::int64_t when = std::clamp<std::int64_t>(noteNumber(refusal["when"]), 0, MOST_MILLISECONDS);
-        note.refused.push_back({textOf(refusal["path"]), textOf(refusal["reason"]), when * comm::MILLISECOND});
-    }
-    const auto& holds = text["holds"].items();
-    for (std::size_t i = 0; i < std::min(holds.size(), MOST_HOLDS); ++i) {
-        note.holds.push_back(
-            {textOf(holds[i]["loop"]), textOf(holds[i]["holder"]), timeUntilNow(noteNumber(holds[i]["since"]))});
-    }
+    note.refused = lastOf<Note::Refusal>(text["refused"], [](const Value& each) {
+        return Note::Refusal{textOf(each["path"]), textOf(each["reason"]), wallTimeOf(each["when"])};
+    });
+    note.dropped = lastOf<Note::Dropped>(text["dropped"], [](const Value& each) {
+        return Note::Dropped{textOf(each["path"]), wallTimeOf(each["when"])};
+    });
+    note.tooSlow = lastOf<Note::TooSlow>(text["tooSlow"], [](const Value& each) {
+        return Note::TooSlow{textOf(each["path"]), textOf(each["loop"]), wallTimeOf(each["when"]),
+                             countOf(each["times"])};
+    });
+    note.holds = holdsOf(text["holds"]);
+    note.ownHolds = holdsOf(text["ownHolds"]);
     return note;
 }
 

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <limits>
 #include <optional>
 #include <string>
@@ -20,18 +21,34 @@ struct ReadProcessNote {
         std::string reason; ///< "409: service already registered: held by process player (pid 812)"
         comm::TimeNs when;  ///< on the wall clock
     };
+    /// Of a registration that the process itself has ended before a registry knew of it.
+    struct Dropped {
+        std::string path;
+        comm::TimeNs when; ///< on the wall clock
+    };
+    /// Of streams that a handler given to `kesa::on` took too slowly, so that each was given up and asked for again.
+    struct TooSlow {
+        std::string path;  ///< of the service
+        std::string loop;  ///< "media.worker"
+        comm::TimeNs when; ///< last, on the wall clock
+        std::uint64_t times;
+    };
     struct Hold {
-        std::string loop;   ///< "I/O loop", "executor", "updater"
-        std::string holder; ///< "the handler of trackService for '/a'"
-        comm::TimeNs time;  ///< until now
+        std::string loop;          ///< "I/O loop", "executor", "updater"; of its own ones the name
+        std::string holder;        ///< "the handler of trackService for '/a'"
+        comm::TimeNs time;         ///< until now
+        std::uint64_t waiting = 0; ///< requests that wait for one of its own
     };
 
     pid_t pid = 0; ///< as it is known here
     std::string process;
     std::string runDirectory;
     std::vector<Refusal> refused; ///< at most the last 16, the last one comes last
-    std::vector<Hold> holds;      ///< at most 8
-    bool isWatched = false;       ///< it looks itself for what holds its loops: without `holds`, nothing does
+    std::vector<Dropped> dropped; ///< these and the next as many, in that order, each path once
+    std::vector<TooSlow> tooSlow;
+    std::vector<Hold> holds;    ///< of the loops over which it hears of others; at most 8
+    std::vector<Hold> ownHolds; ///< of loops given to `kesa::on`, which may be held; as many
+    bool isWatched = false;     ///< it looks itself for what holds its loops: without `holds`, nothing does
 };
 
 /// Nothing when it says nothing, or this user may not look. Reads files of /proc, and does not wait for the process;

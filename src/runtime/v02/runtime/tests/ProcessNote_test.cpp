@@ -49,8 +49,8 @@ TEST(ProcessNote, saysWhoItIsWhatItWasRefusedAndWhatHoldsItUntilItsEnd)
     ASSERT_EQ(last.size(), 16U);
     EXPECT_EQ(last.front(), "/a4: 409: 4") << "the last ones are told";
     EXPECT_EQ(last.back(), "/a0: 409: 19") << "each path once";
-    note.removeRefusal("/a0");
-    note.removeRefusal("/never");
+    note.setRegistered("/a0");
+    note.setRegistered("/never");
     EXPECT_EQ(refusedHere().size(), 15U);
     note.setHeld({{"executor", "the handler of '/a'", comm::now() - 5 * comm::SECOND}, {"updater", "it", -1}});
     const auto held = readProcessNote(::getpid());
@@ -58,8 +58,25 @@ TEST(ProcessNote, saysWhoItIsWhatItWasRefusedAndWhatHoldsItUntilItsEnd)
     EXPECT_EQ(held->holds[0].loop + held->holds[0].holder, "executorthe handler of '/a'");
     EXPECT_GE(held->holds[0].time, 5 * comm::SECOND);
     EXPECT_EQ(held->holds[1].time, 0) << "a time that cannot be";
+    note.setHeld({{"mine.disk", "the request 'retrieve /a'", 1, 2U}});
+    const auto own = readProcessNote(::getpid());
+    ASSERT_TRUE(own && own->isWatched && own->holds.empty() && own->ownHolds.size() == 1);
+    EXPECT_EQ(own->ownHolds.front().loop, "mine.disk");
+    EXPECT_EQ(own->ownHolds.front().waiting, 2U);
     note.setHeld({});
     EXPECT_TRUE(readProcessNote(::getpid())->isWatched);
+    note.addDropped("/d");
+    note.addDropped("/e");
+    note.setRegistered("/d");
+    note.addTooSlow("/s", "mine.disk");
+    note.addTooSlow("/s", "mine.disk"); // within the second
+    note.addDropped("/f");
+    const auto more = readProcessNote(::getpid());
+    ASSERT_TRUE(more && more->dropped.size() == 2 && more->tooSlow.size() == 1);
+    EXPECT_EQ(more->dropped.front().path + more->dropped.back().path, "/e/f");
+    EXPECT_GT(more->dropped.front().when, 0);
+    EXPECT_EQ(more->tooSlow.front().path + more->tooSlow.front().loop, "/smine.disk");
+    EXPECT_EQ(more->tooSlow.front().times, 2U);
     for (int i = 0; i < 16; ++i) {
         note.addRefusal("/long" + std::to_string(i) + std::string(10'000, '\x01'),
                         refusalBecause(std::string(10'000, '\x01')));
@@ -169,7 +186,7 @@ TEST(ProcessNote, needsNoFreeDescriptor)
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &none), 0);
     note.addRefusal("/b", refusalBecause("second"));
     note.addRefusal("/c", refusalBecause("third"));
-    note.removeRefusal("/a");
+    note.setRegistered("/a");
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &limit), 0);
     EXPECT_THAT(refusedHere(), ElementsAre("/b: 409: second", "/c: 409: third"));
 }
