@@ -377,11 +377,14 @@ ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketF
 {
     tried(endpoint, file);
     lookForOwnSocket();
-    const bool hasDirectory = ::access(m_runDirectory.path().c_str(), F_OK) == 0;
+    const std::string shown = m_runDirectory.shownPath();
+    if (::access(m_runDirectory.path().c_str(), F_OK) != 0) {
+        return {nullptr, Failure::eMISSING,
+                fmt::format("the run directory \"{}\" is not there, so nobody listens", shown)};
+    }
     return {nullptr, Failure::eMISSING,
-            hasDirectory
-                ? fmt::format("no process listens as \"{}\" in \"{}\"", endpoint.process, m_runDirectory.shownPath())
-                : fmt::format("the run directory \"{}\" is not there, so nobody listens", m_runDirectory.shownPath())};
+            fmt::format("no process listens as \"{}\" in \"{}\"{}", endpoint.process, shown,
+                        m_runDirectory.lacksRealm() ? ", which is empty or was emptied" : "")};
 }
 
 void IpcTransport::traceUnwatched(const std::string& why)

@@ -150,6 +150,12 @@ std::string RunDirectory::shownPath() const
     return shown(m_path);
 }
 
+bool RunDirectory::lacksRealm() const
+{
+    const std::string file = m_path + '/' + REALM_FILE;
+    return ::access(file.c_str(), F_OK) != 0 && errno == ENOENT;
+}
+
 bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
 {
     const auto refuse = [&](const char* what) {

@@ -31,6 +31,9 @@ public:
     /// What names it, as in `RunDirectoryChoice`.
     const char* source() const noexcept { return m_source; }
 
+    /// Its file is not there: nobody was there so far, or somebody has removed it.
+    bool lacksRealm() const;
+
     /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. True on
     /// failure: `why` says what is wrong and what to do.
     [[nodiscard]] bool prepare(Descriptor& directory, std::string& realm, std::string& why);

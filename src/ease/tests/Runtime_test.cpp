@@ -80,9 +80,11 @@ TEST_F(RuntimeTest, ASignalEndsWhatWaitsUntilItIsTold)
         std::this_thread::yield();
     }
     ::kill(::getpid(), SIGINT);
-    const std::string why = ": nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
-                            "connected: no process listens as \"kesa-registryd\" in \"" +
-                            directory.path() + "\" (run directory by $KESA_RUN_DIR); kesactl doctor says more";
+    const std::string why =
+        ": nobody is known to provide '/x': the registry at ipc://kesa-registryd/registry is not "
+        "connected: no process listens as \"kesa-registryd\" in \"" +
+        directory.path() +
+        "\", which is empty or was emptied (run directory by $KESA_RUN_DIR); kesactl doctor says more";
     const ConnectResult connecting = connect("/x", 1h);
     EXPECT_EQ(connecting.error, "interrupted by SIGINT" + why);
     EXPECT_EQ(connecting.status, 0);

@@ -229,12 +229,15 @@ bool KesaRuntimeImpl::isRuntimeThread() const noexcept
     return m_executor->isCurrentThread() || m_updater->isCurrentThread();
 }
 
-bool KesaRuntimeImpl::refuseNull(const char* operation, const void* handler) const
+bool KesaRuntimeImpl::refuseNull(const char* operation, std::string_view subject, const void* handler) const
 {
     if (handler != nullptr) {
         return false;
     }
-    KESA_TRACE(MAIN_CHANNEL, 3, "[%s] the handler is null, nothing is done", operation);
+    KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
+                    fmt::format("[{}] the handler for '{}' is null, so nothing is done: give it what kesa::handler "
+                                "makes",
+                                operation, subject));
     return true;
 }
 

@@ -157,7 +157,7 @@ private:
     template <class T>
     [[nodiscard]] bool refuseWithoutRegistry(const char* operation, const std::string& subject,
                                              IResponseHandler<T>& handler);
-    [[nodiscard]] bool refuseNull(const char* operation, const void* handler) const;
+    [[nodiscard]] bool refuseNull(const char* operation, std::string_view subject, const void* handler) const;
     template <class T>
     [[nodiscard]] bool refuseBadPath(const char* operation, const std::string& path,
                                      std::unique_ptr<IResponseHandler<T>>& handler);

@@ -31,7 +31,7 @@ std::unique_ptr<TrackingHandler> filtered(std::unique_ptr<QueryUpdateBookkeeper>
 
 Disposable KesaRuntimeImpl::trackServices(const Query& query, std::unique_ptr<TrackingHandler>&& handler)
 {
-    if (refuseNull("trackServices", handler.get())) {
+    if (refuseNull("trackServices", query.pattern, handler.get())) {
         return {};
     }
     const Handle handle = newHandle(handler.get());

@@ -111,7 +111,7 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
                                             const GenericObject& metainfo,
                                             std::unique_ptr<RegistrationHandler>&& handler)
 {
-    if (refuseNull("registerService", handler.get())) {
+    if (refuseNull("registerService", path, handler.get())) {
         return {};
     }
     if (const bool isBad = !Path::isCanonical(path); isBad || !api) {

@@ -13,7 +13,7 @@ constexpr const char* RESOLVE = "resolveService";
 
 Disposable KesaRuntimeImpl::resolveService(const url& locator, std::unique_ptr<ProxyHandler>&& handler)
 {
-    if (refuseNull("resolveService, locator", handler.get())) {
+    if (refuseNull("resolveService, locator", locator.toString(), handler.get())) {
         return {};
     }
     const Handle handle = newHandle(handler.get());
@@ -29,7 +29,7 @@ Disposable KesaRuntimeImpl::resolveService(const url& locator, std::unique_ptr<P
 
 Disposable KesaRuntimeImpl::resolveService(const ServiceDef& serviceDef, std::unique_ptr<ProxyHandler>&& handler)
 {
-    if (refuseNull("resolveService", handler.get())) {
+    if (refuseNull("resolveService", serviceDef.path.toString(), handler.get())) {
         return {};
     }
     const Handle handle = newHandle(handler.get());

@@ -9,7 +9,8 @@ namespace kesa::runtime::v02 {
 Disposable KesaRuntimeImpl::trackAndResolveService(const std::string& path,
                                                    std::unique_ptr<ResolvedServiceHandler>&& handler)
 {
-    if (refuseNull("trackAndResolveService", handler.get()) || refuseBadPath("trackAndResolveService", path, handler)) {
+    if (refuseNull("trackAndResolveService", path, handler.get()) ||
+        refuseBadPath("trackAndResolveService", path, handler)) {
         return {};
     }
     const Handle handle = newHandle(handler.get());

@@ -9,7 +9,7 @@ namespace kesa::runtime::v02 {
 Disposable KesaRuntimeImpl::trackAndResolveServices(const Query& query,
                                                     std::unique_ptr<ResolvedServicesHandler>&& handler)
 {
-    if (refuseNull("trackAndResolveServices", handler.get())) {
+    if (refuseNull("trackAndResolveServices", query.pattern, handler.get())) {
         return {};
     }
     const Handle handle = newHandle(handler.get());

@@ -47,7 +47,7 @@ Disposable KesaRuntimeImpl::trackService(const std::string& path, std::unique_pt
 
 Disposable KesaRuntimeImpl::trackService(const std::string& path, bool, std::unique_ptr<TrackingHandler>&& handler)
 {
-    if (refuseNull("trackService", handler.get()) || refuseBadPath("trackService", path, handler)) {
+    if (refuseNull("trackService", path, handler.get()) || refuseBadPath("trackService", path, handler)) {
         return {};
     }
     auto observer = std::make_unique<TrackingObserver>(
