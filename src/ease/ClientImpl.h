@@ -42,7 +42,7 @@ public:
     /// For a client of our own, whose streams the user does not know; before the first of them.
     void traceNoFollowing() { m_followName.clear(); }
     /// Where this process serves what this is connected to, if `on` has a part in it; else null.
-    std::shared_ptr<const detail::ServedLoop> servedHere() const;
+    std::shared_ptr<const detail::OwnLoop> servedHere() const;
     /// Each caller waits for the handlers that are running, not only the first.
     void end();
     /// The error and its status; without one it is connected.

@@ -75,8 +75,8 @@ Disposable Client::Impl::follow(Request request, std::unique_ptr<IResponseHandle
     }
     const auto* const loop = dynamic_cast<const detail::HasLoopRoom*>(taken.get());
     auto room = loop == nullptr ? nullptr : loop->room;
-    const auto follow =
-        std::make_shared<Follow>(m_followName, std::move(request), m_following.open(std::move(taken)), std::move(room));
+    const auto follow = std::make_shared<Follow>(m_followName, std::move(request), m_following.open(std::move(taken)),
+                                                 std::move(room), m_reasons);
     addFollow(follow);
     const Api api = m_isConnected ? m_api : nullptr;
     const unsigned change = m_changes;

@@ -15,7 +15,7 @@ bool Client::Impl::isConnected() const
     return m_isConnected;
 }
 
-std::shared_ptr<const detail::ServedLoop> Client::Impl::servedHere() const
+std::shared_ptr<const detail::OwnLoop> Client::Impl::servedHere() const
 {
     std::unique_lock<std::mutex> lock(m_mutex);
     if (!m_isConnected) {

@@ -41,8 +41,9 @@ private:
 };
 
 Follow::Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client,
-               std::shared_ptr<detail::LoopRoom> room)
-    : m_service(std::move(service)), m_request(std::move(request)), m_client(std::move(client)), m_room(std::move(room))
+               std::shared_ptr<detail::LoopRoom> room, std::shared_ptr<const runtime::v02::IReasons> reasons)
+    : m_service(std::move(service)), m_request(std::move(request)), m_client(std::move(client)),
+      m_room(std::move(room)), m_reasons(std::move(reasons))
 {
     if (m_room) {
         m_room->askedAgain();
@@ -165,6 +166,9 @@ void Follow::cut(unsigned number, bool isFirst)
         }
         asked = m_asked;
         m_hasValue = !isFirst;
+    }
+    if (m_reasons && !m_service.empty()) {
+        m_reasons->tellTooSlow(m_service, m_room->loop());
     }
     askLater(number, m_room->tooSlow());
     asked.cancel();

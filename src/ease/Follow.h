@@ -6,6 +6,7 @@
 #include <kesa/IKesaApi.h>
 #include <kesa/OpenRequest.h>
 #include <kesa/ease/on.h>
+#include <kesa/runtime/v02/IReasons.h>
 
 #include <memory>
 #include <mutex>
@@ -31,8 +32,9 @@ struct Asked {
 class Follow : public std::enable_shared_from_this<Follow> {
 public:
     /// `service` is its path, for traces; empty: there are none. `room` is that of the handler; null: it takes all.
+    /// `reasons` hears when that is full; may be null.
     Follow(std::string service, Request request, std::shared_ptr<OpenRequest> client,
-           std::shared_ptr<detail::LoopRoom> room);
+           std::shared_ptr<detail::LoopRoom> room, std::shared_ptr<const runtime::v02::IReasons> reasons);
 
     /// It needs nothing any more, though its last handler may still be running. Waits for no handler.
     bool isOver() const;
@@ -65,6 +67,7 @@ private:
     const Request m_request;
     const std::shared_ptr<OpenRequest> m_client;
     const std::shared_ptr<detail::LoopRoom> m_room;
+    const std::shared_ptr<const runtime::v02::IReasons> m_reasons;
 
     mutable std::mutex m_mutex; ///< of all below
     Asked m_asked;              ///< its `api` is the connection's, also during a pause

@@ -19,6 +19,12 @@ constexpr comm::TimeNs PAUSE = 2 * comm::SECOND;
 constexpr comm::TimeNs LONG_HOLD = comm::SECOND;
 constexpr comm::TimeNs BETWEEN_LINES = 10 * comm::SECOND;
 
+const ::tracing::Channel& watchChannel()
+{
+    static const ::tracing::Channel instance("KESA_EASE");
+    return instance;
+}
+
 } // namespace
 
 HoldWatch::HoldWatch(std::shared_ptr<const runtime::v02::IReasons> reasons)
@@ -31,14 +37,24 @@ HoldWatch::HoldWatch(std::shared_ptr<const runtime::v02::IReasons> reasons)
         tellHeld();
         sleepOrLookLater();
     });
+    OwnLoop::watchAll(
+        [this](const std::shared_ptr<const OwnLoop>& own) { m_loop->post([this, own] { addOwn(own); }); });
 }
 
 HoldWatch::~HoldWatch()
 {
+    OwnLoop::watchAll({});
     m_loop->stop();
     for (const Watched& watched : m_watched) {
         watched.hold->isCalling({});
     }
+}
+
+void HoldWatch::addOwn(const std::shared_ptr<const OwnLoop>& own)
+{
+    std::erase_if(m_watched, [](const Watched& watched) { return watched.own && watched.own->hasEnded(); });
+    m_watched.push_back({std::shared_ptr<const comm::LoopHold>(own, &own->hold()), own});
+    sleepOrLookLater();
 }
 
 void HoldWatch::sleepOrLookLater()
@@ -85,11 +101,16 @@ bool HoldWatch::lookAt(Watched& watched) const
     const comm::TimeNs now = comm::now();
     // As old as it was at the last look: what its thread waits for a processor makes it look younger than it is.
     const bool isSame = now - held < std::exchange(watched.seen, now);
-    const bool isOther = !isSame || !watched.held;
+    const auto waiting = watched.own ? std::optional(watched.own->waiting()) : std::nullopt;
+    const bool isOther = !isSame || !watched.held || watched.held->waiting != waiting;
     if (isOther) {
-        watched.held = HeldLoop{watched.hold->loop(), watched.hold->holder(), now - held};
+        watched.held = HeldLoop{watched.hold->loop(), watched.hold->holder(), now - held, waiting};
     }
-    tell(watched, held, isSame);
+    if (watched.own) {
+        tellOfOwn(watched, held, isSame);
+    } else {
+        tell(watched, held, isSame);
+    }
     return isOther;
 }
 
@@ -106,7 +127,6 @@ void HoldWatch::tellHeld() const
 
 void HoldWatch::tell(Watched& watched, comm::TimeNs held, bool isSame) const
 {
-    static const ::tracing::Channel channel("KESA_EASE");
     const comm::TimeNs now = comm::now();
     const bool isEnding = m_isEnding;
     if (isSame && watched.isToldOfEnd == isEnding && (!isEnding || now - watched.told < BETWEEN_LINES)) {
@@ -116,7 +136,7 @@ void HoldWatch::tell(Watched& watched, comm::TimeNs held, bool isSame) const
     watched.isToldOfEnd = isEnding;
     const std::string holder = watched.hold->holder();
     const comm::TimeNs seconds = held / comm::SECOND;
-    KESA_TRACE_TEXT(channel, 3,
+    KESA_TRACE_TEXT(watchChannel(), 3,
                     isEnding ? fmt::format("[end] this process waits for its {}, which {} has held for {} s; a second "
                                            "SIGINT or SIGTERM ends it at once, as kill -9 {} does",
                                            watched.hold->loop(), holder, seconds, ::getpid())
@@ -124,6 +144,20 @@ void HoldWatch::tell(Watched& watched, comm::TimeNs held, bool isSame) const
                                            "hears of nothing: leave what takes long or waits to a thread of your own, "
                                            "as kesa::on does",
                                            holder, watched.hold->loop(), seconds));
+}
+
+void HoldWatch::tellOfOwn(Watched& watched, comm::TimeNs held, bool isSame)
+{
+    watched.isTold = watched.isTold && isSame;
+    if (watched.isTold || watched.held->waiting == 0U) {
+        return;
+    }
+    watched.isTold = true;
+    KESA_TRACE_TEXT(watchChannel(), 3,
+                    fmt::format("[on] {} has held the loop '{}' for {} s and still does, and {} requests wait for it: "
+                                "each loop given to kesa::on serves one after the other, so give what takes long one "
+                                "of its own",
+                                watched.held->holder, watched.held->loop, held / comm::SECOND, *watched.held->waiting));
 }
 
 } // namespace kesa::detail

@@ -4,6 +4,7 @@
 #include <comm/Clock.h>
 #include <comm/LoopHold.h>
 #include <comm/Reactor.h>
+#include <kesa/ease/OwnLoop.h>
 #include <kesa/runtime/v02/IReasons.h>
 
 #include <atomic>
@@ -14,7 +15,8 @@
 namespace kesa::detail {
 
 /// Names whoever holds a loop of this process and does not let go of it, on a loop of its own: traces (3) on
-/// "KESA_EASE", and tells `reasons`, until it is over. What returns after long is named by the loop itself. Wakes
+/// "KESA_EASE", and tells `reasons`, until it is over. A loop of the program's own may be held, so that is
+/// traced when requests wait for it. What returns after long is named by the loop itself. Wakes
 /// nobody while nothing is called.
 class HoldWatch {
 public:
@@ -32,17 +34,21 @@ private:
 
     struct Watched {
         std::shared_ptr<const comm::LoopHold> hold;
-        comm::TimeNs seen = 0; ///< when a hold was looked at last
-        comm::TimeNs told = 0; ///< and told of last; of the process's end in this way:
+        std::shared_ptr<const OwnLoop> own = {}; ///< whose hold it is; null: of a loop over which this process hears
+        comm::TimeNs seen = 0;                   ///< when a hold was looked at last
+        comm::TimeNs told = 0;                   ///< and told of last; of the process's end in this way:
         bool isToldOfEnd = false;
+        bool isTold = false;               ///< this hold, of an own loop
         std::optional<HeldLoop> held = {}; ///< what `reasons` has been told
     };
+    void addOwn(const std::shared_ptr<const OwnLoop>& own);
     void sleepOrLookLater();
     void lookLater();
     void look();
     void tellHeld() const;
     [[nodiscard]] bool lookAt(Watched& watched) const;
     void tell(Watched& watched, comm::TimeNs held, bool isSame) const;
+    static void tellOfOwn(Watched& watched, comm::TimeNs held, bool isSame);
 
     const std::shared_ptr<const runtime::v02::IReasons> m_reasons;
     std::atomic<bool> m_isEnding{false};

@@ -5,6 +5,7 @@
 
 #include "ClientImpl.h"
 
+#include <comm/onAnyLoop.h>
 #include <fmt/format.h>
 
 #include <map>
@@ -22,7 +23,7 @@ struct Table {
     using Key = std::pair<const IRuntimeRegistry*, std::string>;
     struct Entry {
         const ServedHere* by;
-        std::shared_ptr<const ServedLoop> loop;
+        std::shared_ptr<const OwnLoop> loop;
     };
     std::mutex mutex;
     std::map<Key, Entry> entries; ///< with the mutex held
@@ -36,7 +37,7 @@ struct Table {
 
 } // namespace
 
-ServedHere::ServedHere(const IRuntimeRegistry* runtime, std::shared_ptr<const ServedLoop> loop)
+ServedHere::ServedHere(const IRuntimeRegistry* runtime, std::shared_ptr<const OwnLoop> loop)
     : m_runtime(runtime), m_loop(std::move(loop))
 {}
 
@@ -62,11 +63,11 @@ void ServedHere::registered(const std::vector<url>& locators)
     }
 }
 
-std::shared_ptr<const ServedLoop> ServedHere::find(const IRuntimeRegistry* runtime, const std::vector<url>& locators)
+std::shared_ptr<const OwnLoop> ServedHere::find(const IRuntimeRegistry* runtime, const std::vector<url>& locators)
 {
     Table& table = Table::instance();
     const std::lock_guard<std::mutex> lock(table.mutex);
-    std::shared_ptr<const ServedLoop> loop;
+    std::shared_ptr<const OwnLoop> loop;
     for (const url& locator : locators) {
         const auto found = table.entries.find({runtime, locator.toString()});
         if (found == table.entries.end() || (loop && loop != found->second.loop)) {
@@ -82,7 +83,7 @@ std::string refusalToWaitFor(const IKesaApi& api)
     if (!comm::onAnyLoop()) {
         return {};
     }
-    std::shared_ptr<const ServedLoop> loop;
+    std::shared_ptr<const OwnLoop> loop;
     std::string service = "the service";
     if (const auto* const client = dynamic_cast<const Client*>(&api)) {
         loop = client->m_impl->servedHere();

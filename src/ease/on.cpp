@@ -34,9 +34,10 @@ struct Served {
 class Serving {
 public:
     Serving(std::shared_ptr<Served> served, Request request, std::optional<RequestContext> context,
-            std::optional<comm::TimeNs> deadline, std::shared_ptr<OpenRequest> open)
+            std::optional<comm::TimeNs> deadline, std::shared_ptr<OpenRequest> open,
+            std::shared_ptr<detail::OwnLoop> loop)
         : m_served(std::move(served)), m_request(std::move(request)), m_context(std::move(context)),
-          m_deadline(deadline), m_open(std::move(open))
+          m_deadline(deadline), m_open(std::move(open)), m_waiting(std::move(loop))
     {}
     Serving(Serving&&) = default;
     Serving& operator=(Serving&&) = delete;
@@ -53,10 +54,13 @@ public:
     void operator()()
     {
         const auto open = std::move(m_open);
+        const auto loop = m_waiting.end();
         const RequestContext::Scope scope(m_context ? &*m_context : nullptr, m_deadline);
         if (!open->isOpen()) {
             return; // cancelled before it began
         }
+        const auto describe = [this] { return describeRequest(); };
+        const detail::OwnLoop::Call<std::remove_const_t<decltype(describe)>> call(*loop, describe);
         void* const work = callService(open);
         if (open->setWork({0, work})) {
             m_served->service->cancel(work);
@@ -69,9 +73,12 @@ private:
         try {
             return m_served->service->request(m_request, open->makeHandler());
         } catch (...) {
-            comm::endThrown(channel(), "the request '" + m_request.getCommand() + ' ' + m_request.getPath() +
-                                           "' of a service given to kesa::on");
+            comm::endThrown(channel(), describeRequest() + " of a service given to kesa::on");
         }
+    }
+    std::string describeRequest() const
+    {
+        return "the request '" + m_request.getCommand() + ' ' + m_request.getPath() + '\'';
     }
 
     static constexpr const char* LOOP_HAS_ENDED = "the loop given to kesa::on has ended";
@@ -81,6 +88,7 @@ private:
     std::optional<RequestContext> m_context;
     std::optional<comm::TimeNs> m_deadline;
     std::shared_ptr<OpenRequest> m_open; ///< until it is served
+    detail::OwnLoop::Waiting m_waiting;
 };
 
 class LoopService final : public IKesaApi, public detail::HasServedLoop {
@@ -88,7 +96,7 @@ public:
     LoopService(const std::shared_ptr<comm::ActiveObject>& activeObject, std::shared_ptr<IKesaApi> service)
         : m_activeObject(activeObject), m_served(std::make_shared<Served>(std::move(service)))
     {
-        servedLoop = std::make_shared<detail::ServedLoop>(activeObject);
+        servedLoop = detail::OwnLoop::of(activeObject);
         if (activeObject && activeObject->isCurrentThread()) {
             servedLoop->noteHere();
         } else {
@@ -115,7 +123,7 @@ public:
             context = *current;
             context->stream = nullptr; // lives in this call only
         }
-        send(Serving{m_served, request, std::move(context), RequestContext::deadline(), std::move(open)});
+        send(Serving{m_served, request, std::move(context), RequestContext::deadline(), std::move(open), servedLoop});
         return handle;
     }
 

@@ -6,6 +6,7 @@
 #include <kesa/IKesaApi.h>
 #include <kesa/IResponseHandler.h>
 #include <kesa/Response.h>
+#include <kesa/ease/OwnLoop.h>
 
 #include <atomic>
 #include <cstddef>
@@ -36,6 +37,7 @@ public:
     void give(const Response& response) noexcept;
     /// The last one did not find room.
     bool isFull() const noexcept { return m_isFull; }
+    const std::string& loop() const noexcept { return m_loop; }
     /// 503, and how much waits.
     Response tooSlow() const;
     /// Who feeds it asks for the stream again: the handler hears nothing of an end.
@@ -97,7 +99,8 @@ template <class T>
 class LoopHandler final : public IResponseHandler<T>, public HasLoopRoom {
 public:
     LoopHandler(const std::shared_ptr<comm::ActiveObject>& activeObject, std::unique_ptr<IResponseHandler<T>>&& handler)
-        : m_activeObject(activeObject), m_shared(std::make_shared<Shared>(std::move(handler)))
+        : m_activeObject(activeObject),
+          m_shared(std::make_shared<Shared>(OwnLoop::of(activeObject), std::move(handler)))
     {
         if (std::is_same_v<T, Response> && activeObject) {
             room = std::make_shared<LoopRoom>(activeObject->name());
@@ -141,19 +144,24 @@ public:
 
 private:
     struct Shared {
-        explicit Shared(std::unique_ptr<IResponseHandler<T>>&& h) : handler(std::move(h)) {}
+        Shared(std::shared_ptr<OwnLoop> l, std::unique_ptr<IResponseHandler<T>>&& h)
+            : loop(std::move(l)), handler(std::move(h))
+        {}
         template <class Call>
         void call(const Call& toHandler)
         {
             if (isWithdrawn.load(std::memory_order_acquire)) {
                 return;
             }
+            const auto describe = [] { return std::string("a handler given to kesa::on"); };
+            const OwnLoop::Call<std::remove_const_t<decltype(describe)>> underWay(*loop, describe);
             try {
                 toHandler(*handler);
             } catch (...) {
                 endThrownByHandler();
             }
         }
+        const std::shared_ptr<OwnLoop> loop;
         std::unique_ptr<IResponseHandler<T>> handler; ///< used on the loop only
         std::atomic<bool> isWithdrawn{false};
     };

@@ -28,6 +28,7 @@ protected:
             std::string line;
             for (const auto& held : loops) {
                 line += held.loop + ": " + held.holder;
+                line += held.waiting ? ' ' + std::to_string(*held.waiting) : "";
             }
             lines.push_back(line);
         }
@@ -73,6 +74,38 @@ TEST_F(HoldWatch, NamesOnceWhoHoldsALoopAndAgainWhileTheProcessWaitsForItsEnd)
     }
     EXPECT_TRUE(scheduler.runAll(100));
     EXPECT_THAT(traces.take(), IsEmpty());
+}
+
+TEST_F(HoldWatch, TracesALoopOfTheProgramsOwnOnceRequestsWaitForIt)
+{
+    auto loop = std::make_shared<comm::ActiveObject>("disk");
+    const auto before = detail::OwnLoop::of(loop);
+    EXPECT_EQ(before, detail::OwnLoop::of(loop));
+    const detail::HoldWatch watch(reasons);
+    EXPECT_TRUE(scheduler.runAll(100));
+    toReasons();
+    {
+        const auto describe = [] { return std::string("the request '/a'"); };
+        const detail::OwnLoop::Call call(*before, describe);
+        EXPECT_THAT(told(30 * comm::SECOND), IsEmpty()) << "it is there to be held";
+        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 0"));
+        const detail::OwnLoop::Waiting waiting(before);
+        EXPECT_THAT(told(30 * comm::SECOND),
+                    ElementsAre(HasSubstr("[on] the request '/a' has held the loop 'disk' for 32 s and still does, and "
+                                          "1 requests wait for it")))
+            << "once";
+        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 1"));
+    }
+    EXPECT_TRUE(scheduler.runAll(100));
+    EXPECT_EQ(before->waiting(), 0U);
+    EXPECT_THAT(toReasons(), ElementsAre(""));
+    loop.reset();
+    loop = std::make_shared<comm::ActiveObject>("later");
+    const auto later = detail::OwnLoop::of(loop);
+    const auto describe = [] { return std::string("a handler"); };
+    const detail::OwnLoop::Call call(*later, describe);
+    told(4 * comm::SECOND);
+    EXPECT_THAT(toReasons(), ElementsAre("later: a handler 0")) << "one that came while it watched";
 }
 
 } // namespace

@@ -103,9 +103,14 @@ public:
         }
         std::vector<std::shared_ptr<const comm::LoopHold>> holds() const override { return held; }
         void tellHeld(const std::vector<HeldLoop>& loops) const override { told.push_back(loops); }
+        void tellTooSlow(const std::string& path, const std::string& loop) const override
+        {
+            tooSlow.push_back(path + ' ' + loop);
+        }
         std::string connection;
         std::vector<std::shared_ptr<const comm::LoopHold>> held;
         mutable std::vector<std::vector<HeldLoop>> told;
+        mutable Lines tooSlow; ///< "/service loop"
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
     Api registryAtOnce; ///< connected inside the call that tracks it

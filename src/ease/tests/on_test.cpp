@@ -67,6 +67,8 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
         const RequestContext* const current = RequestContext::current();
         log.push_back(current != nullptr && current->stream == nullptr ? current->process : "nobody");
         EXPECT_EQ(RequestContext::deadline(), 70);
+        EXPECT_EQ(detail::OwnLoop::of(loop)->hold().holder(), "the request 'retrieve /'");
+        EXPECT_EQ(detail::OwnLoop::of(loop)->waiting(), 0U);
         kept = std::move(responder);
     });
     auto api = on(loop, std::shared_ptr<IKesaApi>(service));
@@ -84,6 +86,7 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre("~"), ElementsAre())) << "before it began";
 
     void* const late = ask();
+    EXPECT_EQ(detail::OwnLoop::of(loop)->waiting(), 1U);
     scheduler.runReady();
     api->cancel(late);
     EXPECT_TRUE(kept->next(Payload())) << "nothing reaches the client, though the service does not know yet";

@@ -318,6 +318,7 @@ TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
     scheduler.runReady();
     EXPECT_EQ(service->open(), 1U);
     EXPECT_THAT(takeTold(), ElementsAre(size, size)) << "the handler hears of no end";
+    EXPECT_THAT(runtime.played->tooSlow, ElementsAre("/p worker")) << "for tools";
     EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("so values may be missing: 503: too slow: a handler given to "
                                                      "kesa::on takes values on the loop 'worker' more slowly")));
 
