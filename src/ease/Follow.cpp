@@ -167,11 +167,16 @@ void Follow::cut(unsigned number, bool isFirst)
         asked = m_asked;
         m_hasValue = !isFirst;
     }
-    if (m_reasons && !m_service.empty()) {
-        m_reasons->tellTooSlow(m_service, m_room->loop());
-    }
+    tellTooSlow(m_room->loop());
     askLater(number, m_room->tooSlow());
     asked.cancel();
+}
+
+void Follow::tellTooSlow(const std::string& loop) const
+{
+    if (m_reasons && !m_service.empty()) {
+        m_reasons->tellTooSlow(m_service, loop);
+    }
 }
 
 /// False when that stream does not count any more.
@@ -191,6 +196,9 @@ bool Follow::endsWith(unsigned number)
 void Follow::onError(unsigned number, const Response& error)
 {
     if (error.getStatus() == 503) {
+        if (error.getErrorMessage() == detail::TOO_SLOW) {
+            tellTooSlow({});
+        }
         askLater(number, error);
     } else if (endsWith(number)) {
         m_client->onError(error);

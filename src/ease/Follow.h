@@ -57,6 +57,7 @@ private:
     void askAgain(unsigned number, const std::string& why);
     void cut(unsigned number, bool isFirst);
     void letGo();
+    void tellTooSlow(const std::string& loop) const;
     Asked finish();
     bool endsWith(unsigned number);
     bool onNext(unsigned number, const Response& response);

@@ -189,7 +189,7 @@ void LoopRoom::give(const Response& response) noexcept
 
 Response LoopRoom::tooSlow() const
 {
-    Response error = Response::createErrorResponse(503, "too slow");
+    Response error = Response::createErrorResponse(503, TOO_SLOW);
     headers::appendReason(error, fmt::format("a handler given to kesa::on takes values on the loop '{}' more slowly "
                                              "than they come: {} bytes wait, with the next more than the {} that may",
                                              m_loop, m_bytes.load(), MOST_BYTES));

@@ -25,6 +25,9 @@ namespace detail {
 /// False after a failed assertion.
 [[nodiscard]] KESA_API bool isHandlerGiven(bool isThere);
 
+/// The error of a stream that was given up since it is taken too slowly, by whoever gives it up.
+inline constexpr const char* TOO_SLOW = "too slow";
+
 /// How many responses may wait on a loop for one handler. Any thread.
 class KESA_API LoopRoom {
 public:

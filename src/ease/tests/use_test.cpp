@@ -322,16 +322,21 @@ TEST_F(UseOnALoop, CutsAStreamThatALoopOfOnesOwnTakesTooSlowly)
     EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("so values may be missing: 503: too slow: a handler given to "
                                                      "kesa::on takes values on the loop 'worker' more slowly")));
 
+    loop->post([&] { service->handlers.back()->onError(Response::createErrorResponse(503, "too slow")); });
+    scheduler.runFor(comm::SECOND);
+    EXPECT_THAT(runtime.played->tooSlow, ElementsAre("/p worker", "/p ")) << "the provider gave it up";
+    traces.take();
+
     client->request(Request("retrieve", "/feed"), noting());
     bring(3);
     scheduler.runReady();
     EXPECT_THAT(takeTold(), ElementsAre(size, HasSubstr("503: too slow: "))) << "for whom nobody asks again";
 
     worker->stop();
-    EXPECT_TRUE(service->handlers[1]->onNext(Response())) << "nobody takes what the follower gets any more";
+    EXPECT_TRUE(service->handlers[2]->onNext(Response())) << "nobody takes what the follower gets any more";
     scheduler.runFor(2 * comm::SECOND);
-    EXPECT_EQ(service->requests.size(), 3U) << "and nobody asks for it";
-    EXPECT_EQ(service->handlers[1], nullptr) << "it has been cancelled";
+    EXPECT_EQ(service->requests.size(), 4U) << "and nobody asks for it";
+    EXPECT_EQ(service->handlers[2], nullptr) << "it has been cancelled";
     EXPECT_THAT(traces.take(), ElementsAre(HasSubstr("the loop that was given to kesa::on for 'retrieve /feed' has")));
 }
 

@@ -42,8 +42,8 @@ public:
     /// Which are held now, from whoever watches them: first when that begins, then each time others are. Tools read it
     /// while this process cannot be asked.
     virtual void tellHeld(const std::vector<HeldLoop>& held) const;
-    /// A handler on `loop`, one of the program's own, takes the values of `path` more slowly than they come: a stream
-    /// was given up for that, and is asked for again. Tools read it.
+    /// A handler on `loop`, one of the program's own or, when it is empty, the I/O loop, takes the values of `path`
+    /// more slowly than they come: a stream was given up for that, and is asked for again. Tools read it.
     virtual void tellTooSlow(const std::string& path, const std::string& loop) const;
 };
 

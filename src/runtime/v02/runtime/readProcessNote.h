@@ -26,10 +26,10 @@ struct ReadProcessNote {
         std::string path;
         comm::TimeNs when; ///< on the wall clock
     };
-    /// Of streams that a handler given to `kesa::on` took too slowly, so that each was given up and asked for again.
+    /// Of streams that a handler took too slowly, so that each was given up and asked for again.
     struct TooSlow {
         std::string path;  ///< of the service
-        std::string loop;  ///< "media.worker"
+        std::string loop;  ///< "media.worker": given to `kesa::on`; empty: the I/O loop
         comm::TimeNs when; ///< last, on the wall clock
         std::uint64_t times;
     };
