@@ -3,6 +3,7 @@
 #include <comm/AtFork.h>
 #include <comm/Clock.h>
 #include <comm/wallClock.h>
+#include <fmt/format.h>
 #include <kesa/reasonOf.h>
 #include <obr/visible.h>
 #include <runtime/v02/runtime/channels.h>
@@ -91,9 +92,16 @@ std::uint64_t inodeOf(int descriptor)
 } // namespace
 
 ProcessNote::ProcessNote(const std::string& process, const std::string& runDirectory)
-    : m_process(obr::visible(process)), m_runDirectory(obr::visible(runDirectory))
+    : m_process(obr::visible(process)), m_runDirectory(obr::visible(runDirectory)),
+      m_runDirectoryId(directoryId(runDirectory))
 {
     publish();
+}
+
+std::string ProcessNote::directoryId(const std::string& path)
+{
+    struct stat status {};
+    return ::stat(path.c_str(), &status) != 0 ? std::string() : fmt::format("{:x}:{:x}", status.st_dev, status.st_ino);
 }
 
 ProcessNote::~ProcessNote()
@@ -166,6 +174,9 @@ void ProcessNote::end()
 std::string ProcessNote::text() const
 {
     Dictionary note{{"process", m_process}, {"pid", ::getpid()}, {"runDirectory", m_runDirectory}};
+    if (!m_runDirectoryId.empty()) {
+        note.set("runDirectoryId", m_runDirectoryId);
+    }
     Value::Array refused;
     for (const Refusal& refusal : m_refused) {
         refused.emplace_back(Dictionary{{"path", refusal.path}, {"reason", refusal.reason}, {"when", refusal.when}});

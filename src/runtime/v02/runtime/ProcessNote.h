@@ -28,6 +28,8 @@ public:
     /// Of the file, as the kernel shows it.
     static constexpr const char* FILE_NAME = "kesa-process";
     static constexpr std::size_t MOST_BYTES = std::size_t{64} << 10;
+    /// Which directory a path leads to at the moment; empty: to none.
+    static std::string directoryId(const std::string& path);
     static constexpr std::size_t MOST_OF_EACH = 16; ///< of many, the last ones are told
 
     /// `runDirectory`: empty when it meets others in none.
@@ -80,7 +82,8 @@ private:
 
     const std::string m_process;
     const std::string m_runDirectory;
-    std::mutex m_mutex; ///< of all below
+    const std::string m_runDirectoryId; ///< empty: it was not there
+    std::mutex m_mutex;                 ///< of all below
     std::deque<Refusal> m_refused;
     std::deque<Dropped> m_dropped;
     std::deque<TooSlow> m_tooSlow;

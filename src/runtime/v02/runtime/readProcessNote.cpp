@@ -26,6 +26,7 @@ using util::config::Value;
 namespace {
 
 constexpr std::size_t MOST_FILES = 8;
+constexpr int MOST_OPEN = 4096; // a look at a hundred thousand takes a second; a runtime starts early
 constexpr std::size_t MOST_HOLDS = 8;
 constexpr std::size_t MOST_OF_TEXT = 1024;
 
@@ -128,6 +129,7 @@ ReadProcessNote noteOf(const Value& text, pid_t pid)
     note.pid = pid;
     note.process = textOf(text["process"]);
     note.runDirectory = textOf(text["runDirectory"], PATH_MAX);
+    note.runDirectoryId = textOf(text["runDirectoryId"]);
     note.isWatched = text["holds"].isArray();
     note.refused = lastOf<Note::Refusal>(text["refused"], [](const Value& each) {
         return Note::Refusal{textOf(each["path"]), textOf(each["reason"]), wallTimeOf(each["when"])};
@@ -153,8 +155,10 @@ std::optional<ReadProcessNote> readProcessNote(pid_t pid, comm::TimeNs deadline)
     std::error_code failed; // of a process that has ended, or of another user
     std::int64_t own = 0;
     std::set<ino_t> seen;
+    int looked = 0;
     for (fs::directory_iterator next("/proc/" + std::to_string(pid) + "/fd", failed), end;
-         !failed && next != end && seen.size() < MOST_FILES && comm::now() < deadline; next.increment(failed)) {
+         !failed && next != end && seen.size() < MOST_FILES && looked++ < MOST_OPEN && comm::now() < deadline;
+         next.increment(failed)) {
         std::error_code gone;
         const std::string link = next->path().string();
         if (fs::read_symlink(link, gone).native() != shown) {

@@ -43,6 +43,7 @@ struct ReadProcessNote {
     pid_t pid = 0; ///< as it is known here
     std::string process;
     std::string runDirectory;
+    std::string runDirectoryId;   ///< as `ProcessNote::directoryId` was at its start; empty: unknown
     std::vector<Refusal> refused; ///< at most the last 16, the last one comes last
     std::vector<Dropped> dropped; ///< these and the next as many, in that order, each path once
     std::vector<TooSlow> tooSlow;
@@ -52,8 +53,8 @@ struct ReadProcessNote {
 };
 
 /// Nothing when it says nothing, or this user may not look. Reads files of /proc, and does not wait for the process;
-/// what a forked child has inherited is not its own, and not answered. Looks at no more of its open files when the
-/// deadline has passed, and reads at most 8 of them. Any thread.
+/// what a forked child has inherited is not its own, and not answered. Looks at the first 4,096 of its open files, at
+/// no more when the deadline has passed, and reads at most 8 of them. Any thread.
 std::optional<ReadProcessNote> readProcessNote(pid_t pid,
                                                comm::TimeNs deadline = std::numeric_limits<comm::TimeNs>::max());
 

@@ -41,6 +41,7 @@ TEST(ProcessNote, saysWhoItIsWhatItWasRefusedAndWhatHoldsItUntilItsEnd)
     ASSERT_TRUE(first);
     EXPECT_EQ(first->process, "me\\u001b\xef\xbf\xbd");
     EXPECT_EQ(first->runDirectory, "/run/\"a\"");
+    EXPECT_EQ(first->runDirectoryId, "") << "it is not there";
     EXPECT_FALSE(first->isWatched);
     for (int i = 0; i < 20; ++i) {
         note.addRefusal("/a" + std::to_string(i % 19), refusalBecause(std::to_string(i)));
@@ -157,7 +158,7 @@ TEST(ProcessNote, isNeverReadByHalves)
 
 TEST(ProcessNote, isNotThatOfAChildWhichHasInheritedIt)
 {
-    const ProcessNote note("me", "");
+    const ProcessNote note("me", "/");
     std::array<int, 2> ends{};
     ASSERT_EQ(::pipe(ends.data()), 0);
     const pid_t child = ::_Fork(); // without the handlers that would close it
@@ -168,7 +169,8 @@ TEST(ProcessNote, isNotThatOfAChildWhichHasInheritedIt)
         ::_exit(0);
     }
     EXPECT_FALSE(readProcessNote(child));
-    EXPECT_TRUE(readProcessNote(::getpid()));
+    const auto own = readProcessNote(::getpid());
+    EXPECT_TRUE(own && own->runDirectoryId == ProcessNote::directoryId("/") && !own->runDirectoryId.empty());
     ::close(ends[0]);
     ::close(ends[1]);
     EXPECT_EQ(::waitpid(child, nullptr, 0), child);
