@@ -6,6 +6,7 @@
 #include "RunDirectoryFacts.h"
 #include "System.h"
 #include "doctor_runDirectory.h"
+#include "doctor_tooSlow.h"
 #include "explainNoRegistry.h"
 #include "locateComplaints.h"
 #include "options.h"
@@ -297,7 +298,8 @@ bool diagnose(const CommonOptions& options)
     const auto reports = askAll(facts, deadline - rest);
     const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
-    addNoted(page, reports, deadline);
+    addNoted(page, reports, answer.services ? &*answer.services : nullptr, deadline);
+    addTooSlow(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
     addPartitions(page, place, facts);

@@ -220,6 +220,34 @@ std::string reasonOf(const RunDirectory& directory)
                : source;
 }
 
+/// What it says of its services and of loops of its own. Of a registration that it has ended itself only while nobody
+/// else has the path.
+std::vector<std::string> findWrong(const NotedProcess& note, const Services* known)
+{
+    constexpr comm::TimeNs LATELY = 60 * comm::SECOND;
+    std::vector<std::string> wrong;
+    for (const NotedProcess::Refusal& refusal : note.refused) {
+        wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
+                                    AFTER_REFUSAL));
+    }
+    for (const NotedProcess::Dropped& drop : note.dropped) {
+        if (known != nullptr && known->count(drop.path) == 0) {
+            wrong.push_back(fmt::format("{} {}; {}", note.who(), dropText(drop), IS_REGISTRATION_KEPT));
+        }
+    }
+    for (const NotedProcess::TooSlow& slow : note.tooSlow) {
+        if (sinceWall(slow.when) < LATELY) {
+            wrong.push_back(fmt::format("{}: {}; {}", note.who(), slownessText(slow), AFTER_OWN_SLOWNESS));
+        }
+    }
+    for (const NotedProcess::Hold& hold : note.ownHolds) {
+        if (hold.waiting > 0) {
+            wrong.push_back(fmt::format("{}: {}; {}", note.who(), ownHoldText(hold), AFTER_OWN_HOLD));
+        }
+    }
+    return wrong;
+}
+
 } // namespace
 
 std::vector<ProcessReport> askAll(RunDirectoryFacts facts, comm::TimeNs deadline)
@@ -261,18 +289,14 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     }
 }
 
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, comm::TimeNs deadline)
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const Services* known, comm::TimeNs deadline)
 {
     std::vector<std::string> wrong;
     for (const NotedProcess& note : findNotes({}, deadline)) {
         if (!note.isHere) {
             continue;
         }
-        std::vector<std::string> ofOne;
-        for (const NotedProcess::Refusal& refusal : note.refused) {
-            ofOne.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
-                                        AFTER_REFUSAL));
-        }
+        std::vector<std::string> ofOne = findWrong(note, known);
         const bool isReported = std::any_of(reports.begin(), reports.end(),
                                             [&note](const ProcessReport& report) { return report.pid == note.pid; });
         for (const NotedProcess::Hold& hold : note.holds) {

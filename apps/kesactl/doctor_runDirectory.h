@@ -3,6 +3,7 @@
 
 #include "DoctorPage.h"
 #include "ProcessReport.h"
+#include "RegistryView.h"
 #include "RunDirectoryFacts.h"
 
 #include <comm/Clock.h>
@@ -22,8 +23,10 @@ void addRunDirectory(DoctorPage& page, const kesa::commadapter::transport::RunDi
                      const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports,
                      const std::string& silent);
 
-/// What processes of that directory say of themselves without being asked: also those that have no name there.
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, comm::TimeNs deadline);
+/// What processes of that directory say of themselves without being asked: also those that have no name there. `known`:
+/// what the registry knows; null: it has not answered.
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const Services* known,
+              comm::TimeNs deadline);
 
 /// ", late: after 320 ms" of an answer; empty when it came soon enough.
 std::string lateness(comm::TimeNs after);

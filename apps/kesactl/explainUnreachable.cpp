@@ -33,11 +33,25 @@ std::string refusalText(const NotedProcess& note, const NotedProcess::Refusal& r
     return fmt::format("{} runs, and was refused {}: {}", note.who(), what, refusal.reason);
 }
 
+/// Of that path, by what a process that can be reached, or runs without listening, says of it; nothing when it does
+/// not.
+std::optional<Unreached> explainNotedPath(const NotedProcess& note, const std::string& path)
+{
+    if (const auto* const refusal = note.refusalOf(path)) {
+        return Unreached{"refused", refusalText(note, *refusal, "it" + asNamed(*refusal, path)), AFTER_REFUSAL};
+    }
+    if (const auto* const drop = note.dropOf(path)) {
+        return Unreached{"not-provided", fmt::format("{} runs, and {}", note.who(), dropText(*drop)),
+                         IS_REGISTRATION_KEPT};
+    }
+    return std::nullopt;
+}
+
 /// Of a process that runs here without listening.
 Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
 {
-    if (const auto* const refusal = note.refusalOf(path)) {
-        return {"refused", refusalText(note, *refusal, "it"), AFTER_REFUSAL};
+    if (auto noted = explainNotedPath(note, path)) {
+        return *noted;
     }
     if (!note.holds.empty()) {
         return {"held", fmt::format("{} runs, and provides nothing: {}", note.who(), holdText(note.holds.front())),
@@ -48,10 +62,8 @@ Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
         return {"not-provided", refusalText(note, last, last.path),
                 "compare that path with the locator's, letter by letter"};
     }
-    return {
-        "not-provided", fmt::format("{} runs, and provides nothing so far", note.who()),
-        "its log may say what it waits for; is what kesa::provide or registerService returns kept? It withdraws the "
-        "service when it is destroyed"};
+    return {"not-provided", fmt::format("{} runs, and provides nothing so far", note.who()),
+            fmt::format("its log may say what it waits for; {}", IS_REGISTRATION_KEPT)};
 }
 
 /// By what processes of that name say of themselves: one here, else where another one is.
@@ -165,8 +177,9 @@ Unreached explainSilent(const Unreachable& found)
 Unreached explainNotProvided(const kesa::url& locator, const Unreachable& found)
 {
     const auto note = noteOf(found.pid);
-    if (const auto* const refusal = note ? note->refusalOf(locator.path()) : nullptr) {
-        return {"refused", refusalText(*note, *refusal, "it"), AFTER_REFUSAL, true};
+    if (auto noted = note ? explainNotedPath(*note, std::string(locator.path())) : std::nullopt) {
+        noted->isSomebodyThere = true;
+        return *noted;
     }
     return {"not-provided", fmt::format("its process ({}) answers, but {}", found.pid, found.reason),
             "correct the path in the locator, or wait until it provides the service", true};

@@ -3,6 +3,7 @@
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
 
+#include <comm/wallClock.h>
 #include <obr/visible.h>
 #include <transport/Authority.h>
 #include <transport/usersAndGroups.h>
@@ -49,25 +50,6 @@ std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen, comm:
     return note;
 }
 
-/// Those of this user first.
-std::vector<pid_t> runningProcesses()
-{
-    std::vector<pid_t> own;
-    std::vector<pid_t> others;
-    std::error_code failed;
-    for (fs::directory_iterator next("/proc", failed), end; !failed && next != end; next.increment(failed)) {
-        const std::string name = next->path().filename().string();
-        pid_t pid = 0;
-        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr == name.data() + name.size()) {
-            (isOwnProcess(pid) ? own : others).push_back(pid);
-        }
-    }
-    std::sort(own.begin(), own.end());
-    std::sort(others.begin(), others.end());
-    own.insert(own.end(), others.begin(), others.end());
-    return own;
-}
-
 /// Whether a process of this user has the name in the run directory.
 bool isHeldByOwn(const RunDirectoryFacts& facts, const std::string& process)
 {
@@ -97,6 +79,21 @@ void dropPretenders(std::vector<NotedProcess>& notes, const std::string& chosen)
     notes.erase(std::remove_if(firstOther, notes.end(), isPretender), notes.end());
 }
 
+/// What is of `path`, before what may be meant as it.
+template <class T>
+const T* findOf(const std::vector<T>& all, std::string_view path)
+{
+    const std::string_view meant = path.empty() || path.front() != '/' ? path : path.substr(1);
+    for (const std::string_view wanted : {path, meant}) {
+        const auto found =
+            std::find_if(all.begin(), all.end(), [wanted](const T& each) { return each.path == wanted; });
+        if (found != all.end()) {
+            return &*found;
+        }
+    }
+    return nullptr;
+}
+
 } // namespace
 
 std::string NotedProcess::name() const
@@ -111,15 +108,48 @@ std::string NotedProcess::who() const
 
 const NotedProcess::Refusal* NotedProcess::refusalOf(std::string_view path) const
 {
-    const auto found =
-        std::find_if(refused.begin(), refused.end(), [path](const Refusal& each) { return each.path == path; });
-    return found == refused.end() ? nullptr : &*found;
+    return findOf(refused, path);
+}
+
+const NotedProcess::Dropped* NotedProcess::dropOf(std::string_view path) const
+{
+    return findOf(dropped, path);
+}
+
+const NotedProcess::TooSlow* NotedProcess::slownessOf(std::string_view path) const
+{
+    return findOf(tooSlow, path);
 }
 
 const NotedProcess::Hold* NotedProcess::holdOf(std::string_view loop) const
 {
     const auto found = std::find_if(holds.begin(), holds.end(), [loop](const Hold& each) { return each.loop == loop; });
     return found == holds.end() ? nullptr : &*found;
+}
+
+const NotedProcess::Hold* NotedProcess::worstOwnHold() const
+{
+    const auto worst = std::max_element(ownHolds.begin(), ownHolds.end(),
+                                        [](const Hold& a, const Hold& b) { return a.waiting < b.waiting; });
+    return worst == ownHolds.end() ? nullptr : &*worst;
+}
+
+std::vector<pid_t> runningProcesses()
+{
+    std::vector<pid_t> own;
+    std::vector<pid_t> others;
+    std::error_code failed;
+    for (fs::directory_iterator next("/proc", failed), end; !failed && next != end; next.increment(failed)) {
+        const std::string name = next->path().filename().string();
+        pid_t pid = 0;
+        if (std::from_chars(name.data(), name.data() + name.size(), pid).ptr == name.data() + name.size()) {
+            (isOwnProcess(pid) ? own : others).push_back(pid);
+        }
+    }
+    std::sort(own.begin(), own.end());
+    std::sort(others.begin(), others.end());
+    own.insert(own.end(), others.begin(), others.end());
+    return own;
 }
 
 bool isOwnProcess(pid_t pid)
@@ -135,7 +165,7 @@ std::optional<NotedProcess> noteOf(std::int64_t pid)
 
 std::vector<NotedProcess> findNotes(const std::string& process, comm::TimeNs deadline)
 {
-    constexpr comm::TimeNs LEAST = 200 * comm::MILLISECOND; // the deadline may have passed while others were asked
+    constexpr comm::TimeNs LEAST = comm::SECOND; // the deadline may have passed while others were asked
     const comm::TimeNs until = std::max(deadline, comm::now() + LEAST);
     std::vector<NotedProcess> notes;
     const std::string chosen = chosenRunDirectory();
@@ -157,6 +187,39 @@ std::vector<NotedProcess> findNotes(const std::string& process, comm::TimeNs dea
 std::string holdText(const NotedProcess::Hold& hold)
 {
     return fmt::format("{} has held its {} for {} s", hold.holder, hold.loop, hold.time / comm::SECOND);
+}
+
+std::string ownHoldText(const NotedProcess::Hold& hold)
+{
+    const std::string waiting = hold.waiting == 0   ? ""
+                                : hold.waiting == 1 ? ", and a request waits for it"
+                                                    : fmt::format(", and {} requests wait for it", hold.waiting);
+    return fmt::format("{} has held its loop '{}' for {} s{}", hold.holder, hold.loop, hold.time / comm::SECOND,
+                       waiting);
+}
+
+std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path)
+{
+    return refusal.path == path ? "" : fmt::format(" as \"{}\"", refusal.path);
+}
+
+std::string dropText(const NotedProcess::Dropped& dropped)
+{
+    return fmt::format("ended its registration of {} itself {} s ago, before the registry knew of it", dropped.path,
+                       sinceWall(dropped.when) / comm::SECOND);
+}
+
+std::string slownessText(const NotedProcess::TooSlow& slow)
+{
+    return fmt::format("a handler on its loop '{}' was too slow for what {} sends: a stream was given up and asked for "
+                       "again {} so far, last {} s ago",
+                       slow.loop, slow.path, slow.times == 1 ? "once" : fmt::format("{} times", slow.times),
+                       sinceWall(slow.when) / comm::SECOND);
+}
+
+comm::TimeNs sinceWall(comm::TimeNs when)
+{
+    return std::max<comm::TimeNs>(comm::wallClock() - when, 0);
 }
 
 } // namespace kesactl

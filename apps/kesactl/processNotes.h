@@ -23,11 +23,18 @@ struct NotedProcess : kesa::runtime::v02::ReadProcessNote {
     std::string name() const;
     /// The same with " (process 812)".
     std::string who() const;
-    /// Of that path; null when there is none.
+    /// Of that path, which may have been named without its leading '/'; null when there is none, as with the next ones.
     const Refusal* refusalOf(std::string_view path) const;
+    const Dropped* dropOf(std::string_view path) const;
+    const TooSlow* slownessOf(std::string_view path) const;
     /// Of that loop; null when nothing holds it.
     const Hold* holdOf(std::string_view loop) const;
+    /// Of its own loops the one for which most wait; null when nothing holds one.
+    const Hold* worstOwnHold() const;
 };
+
+/// All that this machine shows, those of this user first, each kind by their numbers.
+std::vector<pid_t> runningProcesses();
 
 /// Whether it runs as this user.
 bool isOwnProcess(pid_t pid);
@@ -37,18 +44,36 @@ std::optional<NotedProcess> noteOf(std::int64_t pid);
 
 /// All that this user may look at, but for other `kesactl`; if `process` is not empty, those of that name alone. Those
 /// of this user come first, each kind by their numbers, and one of another user is left out where a process of this
-/// user has its name. Looks at the open files of every process until the deadline, but for 200 ms at least.
+/// user has its name. Looks at the open files of every process until the deadline, but for a second at least.
 std::vector<NotedProcess> findNotes(const std::string& process = {},
                                     comm::TimeNs deadline = comm::now() + comm::SECOND);
 
 /// "the handler of trackService for '/a' has held its executor for 4 s"
 std::string holdText(const NotedProcess::Hold& hold);
+/// "the request 'retrieve /cover' has held its loop 'media.disk' for 4 s, and 2 requests wait for it"
+std::string ownHoldText(const NotedProcess::Hold& hold);
+/// ""; or, of a refusal that was not of `path` to the letter, " as \"media/list\""
+std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path);
+/// "ended its registration of /media/list itself 4 s ago, before the registry knew of it"
+std::string dropText(const NotedProcess::Dropped& dropped);
+/// "a handler on its loop 'media.worker' was too slow for what /tuner sends: ..."
+std::string slownessText(const NotedProcess::TooSlow& slow);
+/// Since that time of the wall clock.
+comm::TimeNs sinceWall(comm::TimeNs when);
 
-/// What to do with a process that a handler holds, and with one that was refused.
+/// What to do with a process that a handler holds, that was refused, of which a handler holds a loop of its own or is
+/// too slow on one, and that has ended what it provided.
 inline constexpr const char* AFTER_HOLD =
     "restart it; what takes long or waits belongs on a thread of its own, as kesa::on does";
 inline constexpr const char* AFTER_REFUSAL =
     "see to that, then restart it, if it does not register anew by itself: a refused registration is not repeated";
+inline constexpr const char* AFTER_OWN_HOLD =
+    "requests on one loop are served one after the other: serve what takes long on a loop of its own (kesa::on), apart "
+    "from what shall answer soon; restart it if that handler does not end";
+inline constexpr const char* AFTER_OWN_SLOWNESS =
+    "that handler takes too long: let it take less time for a value, or the service send less";
+inline constexpr const char* IS_REGISTRATION_KEPT =
+    "is what kesa::provide or registerService returns kept? It withdraws the service when it is destroyed";
 
 } // namespace kesactl
 

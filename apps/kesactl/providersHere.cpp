@@ -57,7 +57,12 @@ void addNoted(ProcessesHere& found, const std::string& path, const std::string& 
             found.running = RunningProcess{note.who(), note.pid};
         }
         if (const auto* const refusal = found.refused.empty() ? note.refusalOf(path) : nullptr) {
-            found.refused = fmt::format("{} was refused it: {}", note.who(), refusal->reason);
+            found.refused =
+                fmt::format("{} was refused it{}: {}", note.who(), asNamed(*refusal, path), refusal->reason);
+        }
+        if (const auto* const drop = note.dropOf(path); drop != nullptr && drop->when >= found.droppedAt) {
+            found.dropped = fmt::format("{} {}", note.who(), dropText(*drop));
+            found.droppedAt = drop->when;
         }
         if (hasAnswered) {
             continue;

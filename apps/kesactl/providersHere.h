@@ -56,9 +56,11 @@ struct ProcessesHere {
     util::config::Value asked;             ///< what that one says of itself; undefined: nothing
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
-    std::string refused;     ///< "media (process 813) was refused it: 409: ..."; empty: none was
-    std::string refusedName; ///< "media (813) was refused its name, which process 812 has"; empty: none was
-    Unseen otherVersion;     ///< one of those that speak no version of this protocol, if there are any
+    std::string refused;        ///< "media (process 813) was refused it: 409: ..."; empty: none was
+    std::string dropped;        ///< "media (process 813) ended its registration of ..."; empty: none did
+    comm::TimeNs droppedAt = 0; ///< on the wall clock
+    std::string refusedName;    ///< "media (813) was refused its name, which process 812 has"; empty: none was
+    Unseen otherVersion;        ///< one of those that speak no version of this protocol, if there are any
 };
 
 /// Why a process that has said `answer` is not connected to `process`; empty when it is, or does not try.

@@ -3,6 +3,8 @@
 #include "Verdict.h"
 #include "askProcesses.h"
 
+#include <fmt/format.h>
+
 namespace kesactl {
 namespace {
 
@@ -10,7 +12,13 @@ using util::config::Value;
 
 SeenByProvider askOnce(const std::string& provider, const std::string& name, std::int64_t pid, comm::TimeNs deadline)
 {
-    const Value answer = askProcesses({provider}, deadline).at(provider).answer;
+    return seenIn(askProcesses({provider}, deadline).at(provider).answer, name, pid);
+}
+
+} // namespace
+
+SeenByProvider seenIn(const Value& answer, const std::string& name, std::int64_t pid)
+{
     const auto& connections = answer["connections"].items();
     SeenByProvider seen;
     for (const Value& connection : connections) {
@@ -31,7 +39,20 @@ SeenByProvider askOnce(const std::string& provider, const std::string& name, std
     return seen;
 }
 
-} // namespace
+std::string SeenByProvider::slownessText(const std::string& provider) const
+{
+    std::string text = fmt::format("it takes what {} sends more slowly than that comes", provider);
+    if (queuedBytes > 0) {
+        text += fmt::format("; {} bytes wait for it", queuedBytes);
+    }
+    if (cutStreams > 0) {
+        text += fmt::format("; {} of its streams ended as \"too slow\"", cutStreams);
+    }
+    if (isHeld) {
+        text += fmt::format("; {} reads no request of it until it has taken its answers", provider);
+    }
+    return text;
+}
 
 bool SeenByProvider::isTooSlow() const noexcept
 {

@@ -2,6 +2,7 @@
 #define KESACTL_SEENBYPROVIDER_H
 
 #include <comm/Clock.h>
+#include <util/config/Value.h>
 
 #include <cstdint>
 #include <string>
@@ -18,7 +19,17 @@ struct SeenByProvider {
     std::int64_t cutStreams = 0;  ///< ended as "too slow" since it has connected, perhaps long ago
 
     bool isTooSlow() const noexcept; ///< at the moment
+    /// "it takes what media sends more slowly than that comes; 300000 bytes wait for it", of one that is.
+    std::string slownessText(const std::string& provider) const;
 };
+
+/// What to do with one that is too slow.
+inline constexpr const char* AFTER_SLOWNESS =
+    "a handler of it takes too long: give the handler a loop of its own with kesa::on, or let the service send less; "
+    "its log names one that holds its I/O loop ([loop])";
+
+/// By what the provider has answered; undefined: nothing.
+SeenByProvider seenIn(const util::config::Value& answer, const std::string& name, std::int64_t pid);
 
 /// Asks `provider`, by its name as in locators, about the process that has `pid` or, where the kernel does not tell,
 /// `name`. Blocks until the deadline at the latest.

@@ -64,6 +64,47 @@ Value answerOf(const ProcessReport& report, const Value& first, Value::Array con
     return Value(std::move(answer));
 }
 
+Value asValue(const NotedProcess::Hold& hold)
+{
+    return Value(Dictionary{{"loop", hold.loop}, {"holder", hold.holder}, {"heldMs", hold.time / comm::MILLISECOND}});
+}
+
+void setIfAny(Dictionary& answer, const char* member, Value::Array all)
+{
+    if (!all.empty()) {
+        answer.set(member, std::move(all));
+    }
+}
+
+/// What it has been refused, has ended, or is too slow for, and what holds loops of its own.
+void addMistakes(Dictionary& answer, const NotedProcess& note)
+{
+    Value::Array refused;
+    for (const NotedProcess::Refusal& refusal : note.refused) {
+        refused.emplace_back(
+            Dictionary{{"path", refusal.path}, {"reason", refusal.reason}, {"when", refusal.when / comm::MILLISECOND}});
+    }
+    setIfAny(answer, "refused", std::move(refused));
+    Value::Array dropped;
+    for (const NotedProcess::Dropped& drop : note.dropped) {
+        dropped.emplace_back(Dictionary{{"path", drop.path}, {"when", drop.when / comm::MILLISECOND}});
+    }
+    setIfAny(answer, "dropped", std::move(dropped));
+    Value::Array tooSlow;
+    for (const NotedProcess::TooSlow& slow : note.tooSlow) {
+        tooSlow.emplace_back(Dictionary{
+            {"path", slow.path}, {"loop", slow.loop}, {"when", slow.when / comm::MILLISECOND}, {"times", slow.times}});
+    }
+    setIfAny(answer, "tooSlow", std::move(tooSlow));
+    Value::Array ownHolds;
+    for (const NotedProcess::Hold& hold : note.ownHolds) {
+        Dictionary own = asValue(hold).dictionary();
+        own.set("waiting", hold.waiting);
+        ownHolds.emplace_back(std::move(own));
+    }
+    setIfAny(answer, "ownHolds", std::move(ownHolds));
+}
+
 } // namespace
 
 SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::string& wanted, comm::TimeNs deadline)
@@ -125,18 +166,10 @@ void addNote(ProcessReport& report)
         return;
     }
     Dictionary answer = report.answer.dictionary();
-    Value::Array refused;
-    for (const NotedProcess::Refusal& refusal : note->refused) {
-        refused.emplace_back(
-            Dictionary{{"path", refusal.path}, {"reason", refusal.reason}, {"when", refusal.when / comm::MILLISECOND}});
-    }
-    if (!refused.empty()) {
-        answer.set("refused", std::move(refused));
-    }
+    addMistakes(answer, *note);
     Value::Array holds;
     for (const NotedProcess::Hold& hold : note->holds) {
-        holds.emplace_back(
-            Dictionary{{"loop", hold.loop}, {"holder", hold.holder}, {"heldMs", hold.time / comm::MILLISECOND}});
+        holds.push_back(asValue(hold));
     }
     if (report.isSilent && !holds.empty()) {
         answer.set("holds", std::move(holds));

@@ -26,8 +26,8 @@ SilentProcess findSilentProcess(const RunDirectoryFacts& directory, const std::s
 /// The same of one that says by itself that it is there, without asking anybody.
 SilentProcess findNotedProcess(const std::string& wanted, comm::TimeNs deadline);
 
-/// To the answer of a process, or what stands for it: what it says without being asked, "refused" and, where it has not
-/// answered, "holds".
+/// To the answer of a process, or what stands for it: what it says without being asked, "refused", "dropped",
+/// "tooSlow", "ownHolds" and, where it has not answered, "holds".
 void addNote(ProcessReport& report);
 
 } // namespace kesactl

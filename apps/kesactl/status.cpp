@@ -1,9 +1,11 @@
 // status: one page of one process, for a person.
 #include "ProcessReport.h"
+#include "Verdict.h"
 #include "commands.h"
 #include "options.h"
 #include "output.h"
 #include "processNames.h"
+#include "programOf.h"
 #include "silentProcess.h"
 
 #include <CLI/CLI.hpp>
@@ -58,9 +60,11 @@ Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wan
         known.push_back(plainName(name.name));
     }
     const std::string_view meant = util::nearestName(wanted, {known.begin(), known.end()});
-    std::string text =
-        fmt::format("no process '{}' in {}; {}", wanted, directory.path,
-                    meant.empty() ? "kesactl ps lists those that are there" : fmt::format("did you mean '{}'?", meant));
+    const ProgramOf program = findProgramOf(wanted);
+    std::string text = fmt::format("no process '{}' in {}; {}", wanted, directory.path,
+                                   !program.text.empty() ? program.text
+                                   : meant.empty()       ? "kesactl ps lists those that are there"
+                                                         : fmt::format("did you mean '{}'?", meant));
     if (!silent.notAsked.empty()) {
         text += fmt::format("; one that provides nothing may be known to {}, which cannot be asked",
                             fmt::join(silent.notAsked, ", "));
@@ -131,7 +135,7 @@ void addConnections(std::string& page, const ProcessReport& report)
     page += rows.size() > 1 ? aligned(rows) : "";
 }
 
-void addHeldAndRefused(std::string& page, const ProcessReport& report)
+void addTroubles(std::string& page, const ProcessReport& report)
 {
     for (const std::string& hold : report.holds()) {
         addLine(page, "held", hold);
@@ -141,6 +145,24 @@ void addHeldAndRefused(std::string& page, const ProcessReport& report)
                 fmt::format("{} at {}: {}", refusal["path"].toText(), asLocalTime(timeOf(refusal["when"]), true),
                             refusal["reason"].toText()));
     }
+    for (const Value& drop : report.answer["dropped"].items()) {
+        addLine(page, "dropped",
+                fmt::format("{} at {}: it ended that registration itself, before the registry knew of it",
+                            drop["path"].toText(), asLocalTime(timeOf(drop["when"]), true)));
+    }
+    for (const Value& slow : report.answer["tooSlow"].items()) {
+        addLine(page, "too slow",
+                fmt::format("{} {}, last at {}: its loop '{}' takes that more slowly than it comes",
+                            slow["path"].toText(),
+                            integerOf(slow["times"]) == 1 ? "once" : fmt::format("{} times", slow["times"].toText()),
+                            asLocalTime(timeOf(slow["when"]), true), slow["loop"].toText()));
+    }
+    for (const Value& hold : report.answer["ownHolds"].items()) {
+        addLine(page, "own loop",
+                fmt::format("{} has held '{}' for {} s; {} {} for it", hold["holder"].toText(), hold["loop"].toText(),
+                            integerOf(hold["heldMs"]) / 1000, hold["waiting"].toText(),
+                            integerOf(hold["waiting"]) == 1 ? "request waits" : "requests wait"));
+    }
 }
 
 void addAnswer(std::string& page, const ProcessReport& report)
@@ -149,7 +171,7 @@ void addAnswer(std::string& page, const ProcessReport& report)
     addLine(page, "run directory",
             fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
     addLine(page, "instance", answer["instance"].toText());
-    addHeldAndRefused(page, report);
+    addTroubles(page, report);
     addLine(page, "queued", report.number("queuedBytes") + " bytes");
     addLine(page, "services", countOf(report, "serviceCount", "services"));
     for (const Value& path : answer["services"].items()) {
@@ -169,7 +191,7 @@ std::string pageOf(const ProcessReport& report)
     addLine(page, "library", report.version());
     addLine(page, "since", asLocalTime(report.started()));
     if (report.isSilent) {
-        addHeldAndRefused(page, report);
+        addTroubles(page, report);
         addLine(page, "services",
                 report.number("serviceCount") +
                     ": it does not listen, so it cannot be asked; its connections are as their other ends see them");

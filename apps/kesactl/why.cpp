@@ -16,6 +16,7 @@
 #include "output.h"
 #include "probe.h"
 #include "processNames.h"
+#include "processNotes.h"
 #include "providersHere.h"
 #include "registryFaults.h"
 #include "replacedRealm.h"
@@ -126,6 +127,7 @@ private:
     std::optional<Verdict> explainTakenName(const kesa::url& locator) const;
     Verdict reach() const;
     Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
+    Verdict explainNoAnswer(std::int64_t pid) const;
     static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
 
@@ -370,11 +372,7 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
                     fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
                     {}};
         }
-        return {"no-answer",
-                fmt::format("{} can be reached, but its service has not answered within {} s", holder(),
-                            m_arguments.common.timeoutSeconds),
-                "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
-                {}};
+        return explainNoAnswer(pid);
     }
     // Of the connection, or the service's own.
     const bool isRefusal = answer.kind == Answers::Kind::eERROR && status == 503;
@@ -393,6 +391,26 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
                                     m_explanation["holder"]["provider"].toText())
                       : "",
             {}};
+}
+
+/// Of a service that has let the time pass.
+Verdict Search::explainNoAnswer(std::int64_t pid) const
+{
+    const auto note = noteOf(pid);
+    const auto* const hold = note ? note->worstOwnHold() : nullptr;
+    if (hold != nullptr && hold->waiting > 0) {
+        return {"held", fmt::format("{} can be reached, but {}", holder(), ownHoldText(*hold)), AFTER_OWN_HOLD, {}};
+    }
+    Verdict verdict{"no-answer",
+                    fmt::format("{} can be reached, but its service has not answered within {} s", holder(),
+                                m_arguments.common.timeoutSeconds),
+                    "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
+                    {}};
+    if (hold != nullptr) {
+        verdict.text += fmt::format("; {}, on which it may be served", ownHoldText(*hold));
+        verdict.advice = AFTER_OWN_HOLD;
+    }
+    return verdict;
 }
 
 Answers::Answer Search::ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline)

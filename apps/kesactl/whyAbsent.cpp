@@ -7,6 +7,7 @@
 #include "otherRunDirectories.h"
 #include "processNames.h"
 #include "processNotes.h"
+#include "programOf.h"
 
 #include <transport/Authority.h>
 #include <util/shellWord.h>
@@ -98,12 +99,14 @@ Verdict explainGone(const Value& event)
     const std::int64_t pid = integerOf(event["pid"]);
     const ProcessFacts process(static_cast<pid_t>(pid));
     const bool isThere = pid > 0 && isAlive(process, pid);
+    const bool isEnded = isThere && !process.isStopped && isWithoutRuntime(static_cast<pid_t>(pid));
     const std::string name = event["provider"].toText();
     Verdict verdict{"gone",
                     fmt::format("{} provided it from {} to {}; then {}; its process {}", whoText(event),
                                 timeText(event["since"]), timeText(event["when"]),
                                 isWithdrawn ? "it withdrew it" : "its connection ended: " + event["reason"].toText(),
                                 process.isStopped ? "is stopped"
+                                : isEnded         ? "is still there, but runs no Kesa runtime any more"
                                 : isThere         ? "is still there"
                                                   : "has ended"),
                     {},
@@ -112,16 +115,17 @@ Verdict explainGone(const Value& event)
         verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
     } else if (!isThere) {
         const RunDirectoryFacts here(chosenRunDirectory());
-        verdict.advice = fmt::format("{}start {} again",
+        verdict.advice = fmt::format("{}start {} again; its log (stderr, the journal) says why it ended",
                                      here.beforeStart(kesa::commadapter::transport::encodeProcessName(name)), name);
+    } else if (isEnded) {
+        verdict.advice = fmt::format("restart {}: its runtime was ended while the process goes on (Runtime::end, "
+                                     "KesaRuntime::shutdown, or the end of a kesa::Runtime)",
+                                     name);
     } else if (isWithdrawn) {
         const comm::TimeNs lasted = timeOf(event["when"]) - timeOf(event["since"]);
-        verdict.advice =
-            fmt::format("that was {}'s own decision; its log may say why{}", name,
-                        lasted < SHORT ? fmt::format(". After {} ms: is what kesa::provide returns kept? It withdraws "
-                                                     "the service when it is destroyed",
-                                                     lasted / comm::MILLISECOND)
-                                       : "");
+        verdict.advice = fmt::format("that was {}'s own decision{}: {}; else its log may say why", name,
+                                     lasted < SHORT ? fmt::format(", after {} ms", lasted / comm::MILLISECOND) : "",
+                                     IS_REGISTRATION_KEPT);
     } else {
         verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
                                      "says what keeps it",
@@ -159,6 +163,9 @@ std::optional<Verdict> explainUnable(const ProcessesHere& here, std::string_view
     const std::string perhaps = fmt::format("{}, perhaps since one process cannot", so);
     if (!here.refused.empty()) {
         return Verdict{"refused", fmt::format("{}: {}", so, here.refused), AFTER_REFUSAL, {}};
+    }
+    if (!here.dropped.empty()) {
+        return Verdict{"gone", fmt::format("{}: {}", so, here.dropped), IS_REGISTRATION_KEPT, {}};
     }
     if (const auto found = std::find_if(here.held.begin(), here.held.end(), isExecutor); found != here.held.end()) {
         return explainHeld(*found, perhaps);
@@ -220,7 +227,9 @@ bool hasProviderEnded(const Value& explanation)
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
 {
     if (auto unable = explainUnable(here, "nobody has registered it")) {
-        unable->notes.push_back("otherwise, " + verdict.advice);
+        if (here.refused.empty() && here.dropped.empty()) { // else it is certain
+            unable->notes.push_back("otherwise, " + verdict.advice);
+        }
         return *unable;
     }
     if (!here.refusedName.empty()) {
@@ -237,6 +246,9 @@ Verdict explainAfterEnd(Verdict verdict, const Value& explanation, ProcessesHere
 {
     here.held = again.held; // another one is held for reasons of its own
     here.otherVersion = again.otherVersion;
+    if (here.droppedAt < timeOf(explanation["history"].items().back()["when"])) {
+        here.dropped.clear(); // another has had it since
+    }
     if (auto unable = explainUnable(here, "nobody has it now")) {
         unable->notes = notesOf(explanation, 0);
         return *unable;
@@ -256,8 +268,7 @@ Verdict explainAfterEnd(Verdict verdict, const Value& explanation, ProcessesHere
                      : isYoung(process.started) ? "ask again: that process has just started"
                      : again.unseen.isSilent    ? again.unseen.advice
                      : !apart.empty() ? "it registers once it is connected; its KESA_TRACE=\"KESA_COMM=1\" says more"
-                                      : "its log may say what it waits for; is what kesa::provide or registerService "
-                                        "returns kept? It withdraws the service when it is destroyed";
+                                      : fmt::format("its log may say what it waits for; {}", IS_REGISTRATION_KEPT);
     verdict.notes = notesOf(explanation, 0);
     return verdict;
 }

@@ -7,6 +7,7 @@
 #include "otherRunDirectories.h"
 #include "processNames.h"
 #include "processNotes.h"
+#include "programOf.h"
 #include "seenByProvider.h"
 #include "whyAbsent.h"
 
@@ -27,6 +28,9 @@ using util::config::Value;
 
 constexpr const char* IS_IT_KEPT =
     "is what trackService, kesa::use or follow returns kept? It ends what it stands for when it is destroyed";
+
+/// Who was too slow since then may be so still.
+constexpr comm::TimeNs RECENTLY = 10 * comm::SECOND;
 
 /// Why a process that asks for nothing may use services nevertheless.
 constexpr const char* WHILE_THEY_WAIT = "(kesa::get and connect ask only while they wait)";
@@ -101,9 +105,14 @@ Verdict explainUnknown(const std::string& process, const apps::RegistryPlace& pl
     if (auto noted = explainNoted(process, place)) {
         return *noted;
     }
+    const std::string so =
+        fmt::format("no process {} is known to the registry, or has its name in {}", process, facts.path);
+    if (ProgramOf program = findProgramOf(process); !program.text.empty()) {
+        return {"no-such-process", fmt::format("{}; {}", so, program.text), std::move(program.advice), {}};
+    }
     const std::string_view meant = util::nearestName(process, {names.begin(), names.end()});
     return {"no-such-process",
-            fmt::format("no process {} is known to the registry, or has its name in {}", process, facts.path),
+            so,
             meant.empty()
                 ? "start it; or it runs as another user, asks for nothing and provides nothing: such a one is "
                   "known to that user alone"
@@ -111,25 +120,17 @@ Verdict explainUnknown(const std::string& process, const apps::RegistryPlace& pl
             {}};
 }
 
-/// Of one that is told, and takes what the provider sends it too slowly.
-Verdict explainTooSlow(const SeenByProvider& seen, const std::string& who, const std::string& provider)
+/// What it says of its own loops, where nothing is in the way; may be empty.
+std::string ownTroubles(const std::optional<NotedProcess>& note, const std::string& path)
 {
-    std::string text = fmt::format(
-        "the registry tells {} of it, but it takes what {} sends more slowly than that comes", who, provider);
-    if (seen.queuedBytes > 0) {
-        text += fmt::format("; {} bytes wait for it", seen.queuedBytes);
+    std::string text;
+    if (const auto* const slow = note ? note->slownessOf(path) : nullptr) {
+        text += "; " + slownessText(*slow);
     }
-    if (seen.cutStreams > 0) {
-        text += fmt::format("; {} of its streams ended as \"too slow\"", seen.cutStreams);
+    if (const auto* const hold = note ? note->worstOwnHold() : nullptr) {
+        text += "; " + ownHoldText(*hold);
     }
-    if (seen.isHeld) {
-        text += fmt::format("; {} reads no request of it until it has taken its answers", provider);
-    }
-    return {"too-slow",
-            std::move(text),
-            "a handler of it takes too long: give the handler a loop of its own with kesa::on, or let the service send "
-            "less; its log names one that holds its I/O loop ([loop])",
-            {}};
+    return text;
 }
 
 /// What there is between a process that is told and the provider, where nothing is in the way.
@@ -152,7 +153,7 @@ std::string useOf(const SeenByProvider& seen, const std::string& provider)
 }
 
 /// Of a process that is told of the service.
-Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid)
+Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid, const std::string& path)
 {
     const kesa::url locator(explanation["holder"]["record"]["locators"][0].toText());
     if (const std::string missing = missingRight(pid, locator); !missing.empty()) {
@@ -165,10 +166,23 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
     const std::string provider = explanation["holder"]["provider"].toText();
     const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, comm::now() + comm::SECOND);
     if (seen.isTooSlow()) {
-        return explainTooSlow(seen, who, provider);
+        return {"too-slow",
+                fmt::format("the registry tells {} of it, but {}", who, seen.slownessText(provider)),
+                AFTER_SLOWNESS,
+                {}};
     }
-    return {
-        std::string(Verdict::WORKS), fmt::format("the registry tells {} of it{}", who, useOf(seen, provider)), {}, {}};
+    const auto note = noteOf(pid);
+    const auto* const slow = note ? note->slownessOf(path) : nullptr;
+    if (slow != nullptr && sinceWall(slow->when) < RECENTLY) {
+        return {"too-slow",
+                fmt::format("the registry tells {} of it, but {}", who, slownessText(*slow)),
+                AFTER_OWN_SLOWNESS,
+                {}};
+    }
+    return {std::string(Verdict::WORKS),
+            fmt::format("the registry tells {} of it{}{}", who, useOf(seen, provider), ownTroubles(note, path)),
+            {},
+            {}};
 }
 
 /// What the record has instead of the metadata that is asked for with `key`.
@@ -237,7 +251,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
                 {}};
     }
     if (told != asks.end()) {
-        return explainTold(explanation, process, pid);
+        return explainTold(explanation, process, pid, path);
     }
     const std::string because = ask["because"].toText();
     return {"hidden-by-" + because,

@@ -9,7 +9,8 @@
 // of its runtime from when "/media/player" is there; "media mute" is the same without "/held". "media slow" follows
 // "/flood" of "/media/player" three times, which sends 2 MiB each time, with a handler that never returns. "media deaf"
 // holds its I/O loop when "/deaf" is known, "media forgetful" drops what it has got for asking for "/media/player", and
-// "media plain" has "/plain", or is refused it.
+// "media plain" has "/plain", or is refused it. "media ended" ends its runtime as soon as what it has is known, and
+// goes on.
 
 #include <json.h>
 #include <kesa/RequestContext.h>
@@ -234,13 +235,16 @@ int main(int count, char** arguments)
             KesaRuntime::getInstance()->registerService("/many/" + std::to_string(i), radio, ServiceDef::TypeEnum::pex,
                                                         {}, {}, kesa::handler<ServiceDef>([](const ServiceDef&) {})));
     }
-    if (name == "brief") {
+    if (name == "brief" || name == "ended") {
         for (int seen = known; seen < 2; seen = known) {
             known.wait(seen);
         }
         for (kesa::Disposable& registration : registrations) {
             registration.dispose();
         }
+    }
+    if (name == "ended") {
+        KesaRuntime::shutdown();
     }
     std::puts("started");
     std::fflush(stdout);
