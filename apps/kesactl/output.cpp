@@ -192,6 +192,16 @@ std::string alignedToFit(std::vector<std::vector<std::string>> rows, std::size_t
     return aligned(std::move(rows));
 }
 
+std::string firstOf(const std::vector<std::string>& all)
+{
+    constexpr std::size_t MOST = 3;
+    std::string text;
+    for (std::size_t i = 0; i < std::min(MOST, all.size()); ++i) {
+        text.append(i == 0 ? "" : ", ").append(all[i]);
+    }
+    return all.size() > MOST ? fmt::format("{} and {} more", text, all.size() - MOST) : text;
+}
+
 std::string asJsonString(std::string_view text)
 {
     const std::string list = util::config::Value(util::config::Value::Array{util::config::Value(text)}).toText();

@@ -42,6 +42,9 @@ std::string aligned(std::vector<std::vector<std::string>> rows);
 /// ones the middle is left out.
 std::string alignedToFit(std::vector<std::vector<std::string>> rows, std::size_t column);
 
+/// "a, b, c and 4 more"
+std::string firstOf(const std::vector<std::string>& all);
+
 /// `text` in quotation marks, as JSON has it.
 std::string asJsonString(std::string_view text);
 

@@ -205,7 +205,7 @@ std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path)
 
 std::string dropText(const NotedProcess::Dropped& dropped)
 {
-    return fmt::format("ended its registration of {} itself {} s ago, before the registry knew of it", dropped.path,
+    return fmt::format("ended its registration of {} itself {} s ago, before a registry had answered it", dropped.path,
                        sinceWall(dropped.when) / comm::SECOND);
 }
 

@@ -54,7 +54,7 @@ std::string holdText(const NotedProcess::Hold& hold);
 std::string ownHoldText(const NotedProcess::Hold& hold);
 /// ""; or, of a refusal that was not of `path` to the letter, " as \"media/list\""
 std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path);
-/// "ended its registration of /media/list itself 4 s ago, before the registry knew of it"
+/// "ended its registration of /media/list itself 4 s ago, before a registry had answered it"
 std::string dropText(const NotedProcess::Dropped& dropped);
 /// "a handler on its loop 'media.worker' was too slow for what /tuner sends: ..."
 std::string slownessText(const NotedProcess::TooSlow& slow);

@@ -2,17 +2,18 @@
 
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
+#include "output.h"
 #include "processNotes.h"
 
 #include <fmt/format.h>
 #include <unistd.h>
-#include <util/shellWord.h>
 
 #include <algorithm>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
+#include <vector>
 
 namespace kesactl {
 namespace {
@@ -51,29 +52,30 @@ bool isWithoutRuntime(pid_t pid)
 
 ProgramOf findProgramOf(const std::string& name)
 {
-    pid_t first = 0;
-    std::size_t more = 0;
+    std::vector<std::string> named;
+    std::vector<std::string> without;
     for (const pid_t pid : runningProcesses()) {
         if (!isOwnProcess(pid) || pid == ::getpid() || !runsProgram(pid, name)) {
             continue;
         }
         if (const auto note = noteOf(pid)) {
             if (note->isHere) {
-                return {
-                    fmt::format("process {} runs the program '{}', and has the name '{}'", pid, name, note->process),
-                    fmt::format("ask about {}", util::shellWord(note->process))};
+                named.push_back(note->who());
             }
         } else if (isWithoutRuntime(pid)) {
-            more += first == 0 ? 0 : 1;
-            first = first == 0 ? pid : first;
+            without.push_back(fmt::format("process {}", pid));
         }
     }
-    if (first == 0) {
-        return {};
+    if (!named.empty()) {
+        return {fmt::format("the program '{}' runs as {}", name, firstOf(named)), "ask about one of that name"};
     }
-    return {fmt::format("process {}{} runs the program '{}', but {}", first,
-                        more == 0 ? "" : fmt::format(", as {} more,", more), name, WITHOUT_RUNTIME),
-            "its log says why a runtime did not start; one that was ended does not begin again by itself"};
+    if (!without.empty()) {
+        return {fmt::format("{} {} the program '{}', but no Kesa runtime: it has not started one, or has ended it "
+                            "(Runtime::end, KesaRuntime::shutdown)",
+                            firstOf(without), without.size() == 1 ? "runs" : "run", name),
+                "its log says why a runtime did not start; one that was ended does not begin again by itself"};
+    }
+    return {};
 }
 
 } // namespace kesactl

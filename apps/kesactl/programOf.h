@@ -7,17 +7,14 @@
 
 namespace kesactl {
 
-/// That it runs no runtime, and since when it may not.
-inline constexpr const char* WITHOUT_RUNTIME = "no Kesa runtime: it has not started one, or has ended it "
-                                               "(Runtime::end, KesaRuntime::shutdown)";
-
 /// Whether no runtime is to be seen in a running process: it says nothing of itself, and has no name in the run
 /// directory that counts. False where this user may not look.
 bool isWithoutRuntime(pid_t pid);
 
 /// What a name may mean that no process has.
 struct ProgramOf {
-    std::string text;   ///< "process 812 runs the program 'media', but no Kesa runtime: ..."; empty: nothing is known
+    std::string
+        text; ///< "the program 'media' runs as player (process 812)", or without a runtime; empty: nothing is known
     std::string advice; ///< what to do
 };
 

@@ -147,7 +147,7 @@ void addTroubles(std::string& page, const ProcessReport& report)
     }
     for (const Value& drop : report.answer["dropped"].items()) {
         addLine(page, "dropped",
-                fmt::format("{} at {}: it ended that registration itself, before the registry knew of it",
+                fmt::format("{} at {}: it ended that registration itself, before a registry had answered it",
                             drop["path"].toText(), asLocalTime(timeOf(drop["when"]), true)));
     }
     for (const Value& slow : report.answer["tooSlow"].items()) {

@@ -5,6 +5,7 @@
 #include "ProcessReport.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
+#include "output.h"
 #include "processNames.h"
 #include "processNotes.h"
 #include "programOf.h"
@@ -137,18 +138,12 @@ Verdict explainGone(const Value& event)
 /// A provider that a handler holds before it could register is one of them.
 void noteNameless(Verdict& verdict, const std::vector<std::string>& nameless)
 {
-    constexpr std::size_t MOST = 3;
-    if (nameless.empty()) {
-        return;
+    if (!nameless.empty()) {
+        verdict.notes.push_back(
+            fmt::format("what provides nothing so far cannot be asked: {}; should one be its provider, a kesa::Runtime "
+                        "says by itself whether a handler holds it, to its own user",
+                        firstOf(nameless)));
     }
-    std::string all;
-    for (std::size_t i = 0; i < std::min(MOST, nameless.size()); ++i) {
-        all.append(i == 0 ? "" : ", ").append(nameless[i]);
-    }
-    verdict.notes.push_back(
-        fmt::format("what provides nothing so far cannot be asked: {}{}; should one be its provider, a kesa::Runtime "
-                    "says by itself whether a handler holds it, to its own user",
-                    all, nameless.size() > MOST ? fmt::format(" and {} more", nameless.size() - MOST) : ""));
 }
 
 /// The loop that registers.
