@@ -95,9 +95,18 @@ std::string checkLocator(const std::string& text)
         return fmt::format("'{}' names no process; a name has 1 to {} bytes, those other than A-Z a-z 0-9 . _ - as %XX",
                            text, kesa::LONGEST_PROCESS_NAME);
     }
-    return locator.isValid() && locator.isAbsolute() && !locator.hasQueryOrFragment()
+    constexpr const char* EXAMPLE = "write one such as ipc://media or ipc://media/media/player";
+    if (!locator.isValid() || !locator.isAbsolute() || locator.hasQueryOrFragment()) {
+        return fmt::format("'{}' is no locator; {}", text, EXAMPLE);
+    }
+    if (locator.scheme() != "ipc") {
+        return fmt::format("'{}' is of the scheme \"{}\", and processes are reached over \"ipc\" only; {}", text,
+                           locator.scheme(), EXAMPLE);
+    }
+    return locator.path().empty() || kesa::Path::isCanonical(std::string(locator.path()))
                ? ""
-               : "'" + text + "' is no locator; write one such as ipc://media or ipc://media/media/player";
+               : fmt::format("'{}' has no path of a service: {}; {}", text,
+                             kesa::Path::complaintAbout(std::string(locator.path())), EXAMPLE);
 }
 
 kesa::Request makeRequest(const CallArguments& arguments)

@@ -298,7 +298,7 @@ bool diagnose(const CommonOptions& options)
     const auto reports = askAll(facts, deadline - rest);
     const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
-    addNoted(page, reports, answer.services ? &*answer.services : nullptr, deadline);
+    addNoted(page, reports, facts, answer.services ? &*answer.services : nullptr, deadline);
     addTooSlow(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);

@@ -222,10 +222,15 @@ std::string reasonOf(const RunDirectory& directory)
 
 /// What it says of its services and of loops of its own. Of a registration that it has ended itself only while nobody
 /// else has the path.
-std::vector<std::string> findWrong(const NotedProcess& note, const Services* known)
+std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryFacts& facts, const Services* known)
 {
     constexpr comm::TimeNs LATELY = 60 * comm::SECOND;
     std::vector<std::string> wrong;
+    const bool isKnownLost = std::any_of(facts.names.begin(), facts.names.end(),
+                                         [&note](const auto& name) { return name.isLost && name.holder == note.pid; });
+    if (note.isMoved && !isKnownLost) {
+        wrong.push_back(fmt::format("{} runs, but {}; {}", note.who(), IS_MOVED, AFTER_MOVE));
+    }
     for (const NotedProcess::Refusal& refusal : note.refused) {
         wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
                                     AFTER_REFUSAL));
@@ -237,7 +242,7 @@ std::vector<std::string> findWrong(const NotedProcess& note, const Services* kno
     }
     for (const NotedProcess::TooSlow& slow : note.tooSlow) {
         if (sinceWall(slow.when) < LATELY) {
-            wrong.push_back(fmt::format("{}: {}; {}", note.who(), slownessText(slow), AFTER_OWN_SLOWNESS));
+            wrong.push_back(fmt::format("{}: {}; {}", note.who(), slownessText(slow), afterSlowness(slow)));
         }
     }
     for (const NotedProcess::Hold& hold : note.ownHolds) {
@@ -289,14 +294,15 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     }
 }
 
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const Services* known, comm::TimeNs deadline)
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const RunDirectoryFacts& facts,
+              const Services* known, comm::TimeNs deadline)
 {
     std::vector<std::string> wrong;
     for (const NotedProcess& note : findNotes({}, deadline)) {
         if (!note.isHere) {
             continue;
         }
-        std::vector<std::string> ofOne = findWrong(note, known);
+        std::vector<std::string> ofOne = findWrong(note, facts, known);
         const bool isReported = std::any_of(reports.begin(), reports.end(),
                                             [&note](const ProcessReport& report) { return report.pid == note.pid; });
         for (const NotedProcess::Hold& hold : note.holds) {

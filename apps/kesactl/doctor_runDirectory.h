@@ -25,8 +25,8 @@ void addRunDirectory(DoctorPage& page, const kesa::commadapter::transport::RunDi
 
 /// What processes of that directory say of themselves without being asked: also those that have no name there. `known`:
 /// what the registry knows; null: it has not answered.
-void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const Services* known,
-              comm::TimeNs deadline);
+void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const RunDirectoryFacts& facts,
+              const Services* known, comm::TimeNs deadline);
 
 /// ", late: after 320 ms" of an answer; empty when it came soon enough.
 std::string lateness(comm::TimeNs after);

@@ -50,6 +50,9 @@ std::optional<Unreached> explainNotedPath(const NotedProcess& note, const std::s
 /// Of a process that runs here without listening.
 Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
 {
+    if (note.isMoved) {
+        return {"socket-removed", fmt::format("{} runs, but {}", note.who(), IS_MOVED), AFTER_MOVE};
+    }
     if (auto noted = explainNotedPath(note, path)) {
         return *noted;
     }

@@ -2,9 +2,11 @@
 
 #include "RunDirectoryFacts.h"
 #include "otherRunDirectories.h"
+#include "seenByProvider.h"
 
 #include <comm/wallClock.h>
 #include <obr/visible.h>
+#include <runtime/v02/runtime/ProcessNote.h>
 #include <transport/Authority.h>
 #include <transport/usersAndGroups.h>
 
@@ -46,6 +48,9 @@ std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen, comm:
     static_cast<kesa::runtime::v02::ReadProcessNote&>(note) = std::move(*read);
     note.isHere = isChosen(note, chosen);
     note.isElsewhere = !note.isHere && !note.runDirectory.empty() && note.runDirectory != obr::visible(chosen);
+    note.isMoved = !note.runDirectoryId.empty() && note.runDirectory == obr::visible(chosen) &&
+                   note.runDirectoryId != kesa::runtime::v02::ProcessNote::directoryId(chosen);
+    note.uid = status.st_uid;
     note.user = status.st_uid == ::geteuid() ? "" : kesa::commadapter::transport::userName(status.st_uid);
     return note;
 }
@@ -211,10 +216,18 @@ std::string dropText(const NotedProcess::Dropped& dropped)
 
 std::string slownessText(const NotedProcess::TooSlow& slow)
 {
-    return fmt::format("a handler on its loop '{}' was too slow for what {} sends: a stream was given up and asked for "
-                       "again {} so far, last {} s ago",
-                       slow.loop, slow.path, slow.times == 1 ? "once" : fmt::format("{} times", slow.times),
-                       sinceWall(slow.when) / comm::SECOND);
+    return fmt::format(
+        "a handler on its {} was too slow for what {} sends: a stream was given up and asked for again {} "
+        "so far, last {} s ago",
+        slow.loop.empty() ? "I/O loop" : fmt::format("loop '{}'", slow.loop), slow.path,
+        slow.times == 1 ? "once" : fmt::format("{} times", slow.times), sinceWall(slow.when) / comm::SECOND);
+}
+
+const char* afterSlowness(const NotedProcess::TooSlow& slow)
+{
+    return slow.loop.empty()
+               ? AFTER_SLOWNESS
+               : "that handler takes too long: let it take less time for a value, or the service send less";
 }
 
 comm::TimeNs sinceWall(comm::TimeNs when)

@@ -17,6 +17,9 @@ struct NotedProcess : kesa::runtime::v02::ReadProcessNote {
     bool isHere = false; ///< it meets others in the run directory that counts for this process
     /// In another one, which this process can name: not that of a container, nor none at all.
     bool isElsewhere = false;
+    /// Its run directory has the path of the one that counts, and is another one: it was moved away, or replaced.
+    bool isMoved = false;
+    std::int64_t uid = -1;
     std::string user; ///< whose it is, when not this user's; else empty
 
     /// "media", or "media of the user nobody" when it is not this user's.
@@ -58,11 +61,18 @@ std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path)
 std::string dropText(const NotedProcess::Dropped& dropped);
 /// "a handler on its loop 'media.worker' was too slow for what /tuner sends: ..."
 std::string slownessText(const NotedProcess::TooSlow& slow);
+/// What to do with it.
+const char* afterSlowness(const NotedProcess::TooSlow& slow);
 /// Since that time of the wall clock.
 comm::TimeNs sinceWall(comm::TimeNs when);
 
-/// What to do with a process that a handler holds, that was refused, of which a handler holds a loop of its own or is
-/// too slow on one, and that has ended what it provided.
+/// Of one whose run directory was moved, and what to do with it.
+inline constexpr const char* IS_MOVED =
+    "its run directory was moved away or replaced under it, so that nobody finds it";
+inline constexpr const char* AFTER_MOVE = "restart it, and leave the run directory where it is";
+
+/// What to do with a process that a handler holds, that was refused, of which a handler holds a loop of its own, and
+/// that has ended what it provided.
 inline constexpr const char* AFTER_HOLD =
     "restart it; what takes long or waits belongs on a thread of its own, as kesa::on does";
 inline constexpr const char* AFTER_REFUSAL =
@@ -70,8 +80,6 @@ inline constexpr const char* AFTER_REFUSAL =
 inline constexpr const char* AFTER_OWN_HOLD =
     "requests on one loop are served one after the other: serve what takes long on a loop of its own (kesa::on), apart "
     "from what shall answer soon; restart it if that handler does not end";
-inline constexpr const char* AFTER_OWN_SLOWNESS =
-    "that handler takes too long: let it take less time for a value, or the service send less";
 inline constexpr const char* IS_REGISTRATION_KEPT =
     "is what kesa::provide or registerService returns kept? It withdraws the service when it is destroyed";
 

@@ -44,12 +44,20 @@ Unseen explainNameless(const std::string& process, const std::vector<Name>& name
 
 /// What those say that have not answered, as they provide nothing or a handler holds them.
 void addNoted(ProcessesHere& found, const std::string& path, const std::string& only,
-              const std::vector<ProcessReport>& reports, comm::TimeNs deadline)
+              const std::vector<ProcessReport>& reports, comm::TimeNs deadline, std::int64_t uid)
 {
     for (const NotedProcess& note : findNotes(only, deadline)) {
         const bool hasAnswered = std::any_of(reports.begin(), reports.end(), [&note](const ProcessReport& report) {
             return report.pid == note.pid && report.answer.isDefined();
         });
+        if (uid != -1 && note.uid != uid) {
+            continue;
+        }
+        if (!only.empty() && note.isElsewhere) {
+            found.elsewhere = fmt::format("elsewhere, in {}: {}; start it here, or let all who shall meet use one run "
+                                          "directory (KESA_RUN_DIR)",
+                                          note.runDirectory, note.who());
+        }
         if (!note.isHere) {
             continue;
         }
@@ -118,7 +126,8 @@ std::string whyApart(const Value& answer, const std::string& process)
     return reason;
 }
 
-ProcessesHere askProcessesHere(const std::string& path, const std::string& only, comm::TimeNs deadline)
+ProcessesHere askProcessesHere(const std::string& path, const std::string& only, comm::TimeNs deadline,
+                               std::int64_t uid)
 {
     RunDirectoryFacts directory(chosenRunDirectory());
     const std::vector<Name> names = directory.names;
@@ -131,7 +140,7 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
     ProcessesHere found;
     if (!only.empty() && directory.names.empty()) {
         found.unseen = explainNameless(only, names);
-        addNoted(found, path, only, {}, deadline);
+        addNoted(found, path, only, {}, deadline, uid);
         return found;
     }
     const std::vector<ProcessReport> reports = lookAtProcesses(directory, deadline);
@@ -159,7 +168,7 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
             found.unseen = isSilent ? Unseen{why.text, why.advice, true} : Unseen{report.advice, {}};
         }
     }
-    addNoted(found, path, only, reports, deadline);
+    addNoted(found, path, only, reports, deadline, uid);
     std::stable_partition(found.held.begin(), found.held.end(), [](const HeldProcess& each) { return each.isOwn; });
     return found;
 }

@@ -6,6 +6,7 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -52,8 +53,9 @@ struct ProcessesHere {
     std::optional<ProviderHere> provider;  ///< of the path that was asked for
     std::vector<HeldProcess> held;         ///< those of this user first
     std::optional<RunningProcess> running; ///< of the name that was asked alone
-    Unseen unseen;                         ///< of the one that was asked alone
-    util::config::Value asked;             ///< what that one says of itself; undefined: nothing
+    std::string elsewhere; ///< "elsewhere, in /run/other: media (process 56); ...": of that name; empty: none is known
+    Unseen unseen;         ///< of the one that was asked alone
+    util::config::Value asked; ///< what that one says of itself; undefined: nothing
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
     std::string refused;        ///< "media (process 813) was refused it: 409: ..."; empty: none was
@@ -67,7 +69,9 @@ struct ProcessesHere {
 std::string whyApart(const util::config::Value& answer, const std::string& process);
 
 /// Asks them all, or the one of that name alone if it is not empty; blocks until the deadline at the latest.
-ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline);
+/// `uid`: of what is said without being asked, only what processes of that user say; -1: of any.
+ProcessesHere askProcessesHere(const std::string& path, const std::string& name, comm::TimeNs deadline,
+                               std::int64_t uid = -1);
 
 } // namespace kesactl
 

@@ -110,6 +110,9 @@ struct Fault {
 /// Of a locator that cannot be reached.
 Fault whyOutOfReach(const kesa::url& locator)
 {
+    if (!locator.isAbsolute() && locator.toString().rfind("ipc:", 0) == 0) {
+        return {"it needs two slashes after \"ipc:\"", R"(write "ipc://process/path")"};
+    }
     if (!locator.isAbsolute()) {
         return {"it has no scheme, and its path no route", R"(name its route in "comm", "routes")"};
     }

@@ -152,10 +152,10 @@ void addTroubles(std::string& page, const ProcessReport& report)
     }
     for (const Value& slow : report.answer["tooSlow"].items()) {
         addLine(page, "too slow",
-                fmt::format("{} {}, last at {}: its loop '{}' takes that more slowly than it comes",
-                            slow["path"].toText(),
+                fmt::format("{} {}, last at {}: its {} takes that more slowly than it comes", slow["path"].toText(),
                             integerOf(slow["times"]) == 1 ? "once" : fmt::format("{} times", slow["times"].toText()),
-                            asLocalTime(timeOf(slow["when"]), true), slow["loop"].toText()));
+                            asLocalTime(timeOf(slow["when"]), true),
+                            slow["loop"] == Value("") ? "I/O loop" : fmt::format("loop '{}'", slow["loop"].toText())));
     }
     for (const Value& hold : report.answer["ownHolds"].items()) {
         addLine(page, "own loop",

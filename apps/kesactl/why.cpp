@@ -121,7 +121,7 @@ private:
     Verdict judge() const;
     bool isUnprovided(const Verdict& verdict) const;
     Verdict explainNeverSeen(Verdict verdict, ProcessesHere here, const std::string& meant) const;
-    ProcessesHere processesHere(const std::string& name) const;
+    ProcessesHere processesHere(const std::string& name, std::int64_t uid = -1) const;
     Verdict explainRealm() const;
     std::optional<Verdict> explainReplacedRealm(const std::string& locators) const;
     std::optional<Verdict> explainTakenName(const kesa::url& locator) const;
@@ -150,7 +150,10 @@ Verdict Search::run()
     if (!isUnprovided(verdict)) {
         return verdict;
     }
-    const ProcessesHere here = processesHere({});
+    const auto& history = m_explanation["history"].items();
+    const Value& owner = history.empty() ? Value() : history.back()["uid"]; // anybody may say to have a name
+    const std::int64_t uid = owner.isDefined() ? integerOf(owner) : -1;
+    const ProcessesHere here = processesHere({}, uid);
     if (here.provider) {
         if (auto failure = askRegistry()) { // it may have registered meanwhile
             return *failure;
@@ -160,7 +163,8 @@ Verdict Search::run()
     }
     if (verdict.cause != "never-registered") {
         const std::string name = m_explanation["history"].items().back()["provider"].toText();
-        return explainAfterEnd(std::move(verdict), m_explanation, here, processesHere(name), m_place.locators.front());
+        return explainAfterEnd(std::move(verdict), m_explanation, here, processesHere(name, uid),
+                               m_place.locators.front());
     }
     return explainNeverSeen(std::move(verdict), here,
                             adviseAround(system, m_arguments.path, m_arguments.common.deadline()));
@@ -220,10 +224,11 @@ std::optional<Verdict> Search::askRegistry()
     return std::nullopt;
 }
 
-ProcessesHere Search::processesHere(const std::string& name) const
+/// `uid`: as of `askProcessesHere`.
+ProcessesHere Search::processesHere(const std::string& name, std::int64_t uid) const
 {
-    return askProcessesHere(m_arguments.path, name,
-                            std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND));
+    return askProcessesHere(m_arguments.path, name, std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND),
+                            uid);
 }
 
 Verdict Search::judge() const
@@ -240,6 +245,11 @@ Verdict Search::judge() const
         Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, m_place, here.asked);
         if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
+        } else if (!here.otherVersion.text.empty()) {
+            ofProcess = {"other-version",
+                         m_arguments.process + " does not see it: " + here.otherVersion.text,
+                         here.otherVersion.advice,
+                         {}};
         } else if (here.unseen.isSilent) {
             ofProcess = {
                 "silent", m_arguments.process + " does not see it: " + here.unseen.text, here.unseen.advice, {}};

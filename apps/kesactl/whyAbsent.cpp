@@ -78,9 +78,19 @@ bool isAlive(const ProcessFacts& process, std::int64_t pid)
     return process.isThere || (isHidden && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM));
 }
 
-bool isAlive(std::int64_t pid)
+/// The one that an event is about: its number may be another one's by now.
+bool isAlive(const Value& event, const ProcessFacts& process)
 {
-    return pid > 0 && isAlive(ProcessFacts(static_cast<pid_t>(pid)), pid);
+    constexpr comm::TimeNs INEXACT = comm::SECOND; // the clock may have been set by a little
+    const std::int64_t pid = integerOf(event["pid"]);
+    const Value& began = event["since"];
+    const comm::TimeNs wasThere = timeOf(began.isDefined() ? began : event["when"]);
+    return pid > 0 && isAlive(process, pid) && process.started <= wasThere + INEXACT;
+}
+
+bool isAlive(const Value& event)
+{
+    return isAlive(event, ProcessFacts(static_cast<pid_t>(integerOf(event["pid"]))));
 }
 
 Verdict explainRefused(const Value& event)
@@ -89,8 +99,8 @@ Verdict explainRefused(const Value& event)
     return {"refused",
             fmt::format("{} was refused it at {}{}; now nobody has it", whoText(event), timeText(event["when"]),
                         event["reason"].isDefined() ? ": " + event["reason"].toText() : ""),
-            isAlive(integerOf(event["pid"])) ? fmt::format("restart {}: a refused registration is not repeated", name)
-                                             : fmt::format("start {} again; its process has ended", name),
+            isAlive(event) ? fmt::format("restart {}: a refused registration is not repeated", name)
+                           : fmt::format("start {} again; its process has ended", name),
             {}};
 }
 
@@ -99,20 +109,21 @@ Verdict explainGone(const Value& event)
     const bool isWithdrawn = event["what"] == "withdrawn";
     const std::int64_t pid = integerOf(event["pid"]);
     const ProcessFacts process(static_cast<pid_t>(pid));
-    const bool isThere = pid > 0 && isAlive(process, pid);
-    const bool isEnded = isThere && !process.isStopped && isWithoutRuntime(static_cast<pid_t>(pid));
+    const bool isThere = isAlive(event, process);
+    const bool isStopped = isThere && process.isStopped;
+    const bool isEnded = isThere && !isStopped && isWithoutRuntime(static_cast<pid_t>(pid));
     const std::string name = event["provider"].toText();
     Verdict verdict{"gone",
                     fmt::format("{} provided it from {} to {}; then {}; its process {}", whoText(event),
                                 timeText(event["since"]), timeText(event["when"]),
                                 isWithdrawn ? "it withdrew it" : "its connection ended: " + event["reason"].toText(),
-                                process.isStopped ? "is stopped"
-                                : isEnded         ? "is still there, but runs no Kesa runtime any more"
-                                : isThere         ? "is still there"
-                                                  : "has ended"),
+                                isStopped ? "is stopped"
+                                : isEnded ? "is still there, but runs no Kesa runtime any more"
+                                : isThere ? "is still there"
+                                          : "has ended"),
                     {},
                     {}};
-    if (process.isStopped) {
+    if (isStopped) {
         verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
     } else if (!isThere) {
         const RunDirectoryFacts here(chosenRunDirectory());
@@ -216,7 +227,7 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
 bool hasProviderEnded(const Value& explanation)
 {
     const auto& history = explanation["history"].items();
-    return explanation["registered"] != true && !history.empty() && !isAlive(integerOf(history.back()["pid"]));
+    return explanation["registered"] != true && !history.empty() && !isAlive(history.back());
 }
 
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
@@ -249,6 +260,9 @@ Verdict explainAfterEnd(Verdict verdict, const Value& explanation, ProcessesHere
         return *unable;
     }
     if (!again.running) {
+        if (!again.elsewhere.empty()) {
+            verdict.notes.insert(verdict.notes.begin(), again.elsewhere);
+        }
         return verdict;
     }
     const pid_t pid = again.running->pid;

@@ -36,23 +36,24 @@ constexpr comm::TimeNs RECENTLY = 10 * comm::SECOND;
 constexpr const char* WHILE_THEY_WAIT = "(kesa::get and connect ask only while they wait)";
 
 /// Of a process that is there, and has asked the registry for nothing.
-Verdict explainSilentOne(const std::string& process, pid_t pid, const apps::RegistryPlace& place, const Value& answer)
+Verdict explainSilentOne(const std::string& name, pid_t pid, const apps::RegistryPlace& place, const Value& answer,
+                         const std::string& process)
 {
     const kesa::url& registry = place.locators.front();
     if (ProcessFacts(pid).isStopped) {
         return {"stopped",
-                fmt::format("{} (process {}) is stopped, and not connected to the registry", process, pid),
+                fmt::format("{} (process {}) is stopped, and not connected to the registry", name, pid),
                 fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
                 {}};
     }
     if (const std::string missing = missingRight(pid, registry); !missing.empty()) {
         return {"rights",
-                fmt::format("{} (process {}) cannot ask the registry: {}", process, pid, missing),
+                fmt::format("{} (process {}) cannot ask the registry: {}", name, pid, missing),
                 "run it with that group, or set \"socket_group\" and \"socket_mode\" of the registry's process",
                 {}};
     }
     const std::string so =
-        fmt::format("{} (process {}) asks this registry for nothing at the moment {}", process, pid, WHILE_THEY_WAIT);
+        fmt::format("{} (process {}) asks this registry for nothing at the moment {}", name, pid, WHILE_THEY_WAIT);
     if (const OtherPartition partition = findOtherPartition(answer, place); !partition.name.empty()) {
         return {"not-asked", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
@@ -75,7 +76,7 @@ std::optional<Verdict> explainNoted(const std::string& process, const apps::Regi
                                process + " does not see it");
         }
         if (note.isHere) {
-            return explainSilentOne(note.name(), note.pid, place, {});
+            return explainSilentOne(note.name(), note.pid, place, {}, process);
         }
         if (note.isElsewhere) {
             elsewhere = {"other-run-directory",
@@ -98,7 +99,7 @@ Verdict explainUnknown(const std::string& process, const apps::RegistryPlace& pl
             continue;
         }
         if (name.name == kesa::commadapter::transport::encodeProcessName(process)) {
-            return explainSilentOne(process, name.holder, place, answer);
+            return explainSilentOne(process, name.holder, place, answer, process);
         }
         names.push_back(plainName(name.name));
     }
@@ -144,9 +145,10 @@ std::string useOf(const SeenByProvider& seen, const std::string& provider)
         return cut;
     }
     return seen.isConnected
-               ? fmt::format("; it is connected to {}, and asks it for nothing at the moment, or waits to ask again "
-                             "after it was too slow, which its log says ([follow]){}",
-                             provider, cut)
+               ? fmt::format(
+                     "; it is connected to {}, and asks it for nothing at the moment, or has given up, or waits "
+                     "to ask again after it was too slow, which its log says ([follow]){}",
+                     provider, cut)
                : fmt::format("; it has not connected to {}: it tracks the service and does not resolve it, or what "
                              "kesa::use or connect has returned was dropped",
                              provider);
@@ -176,7 +178,7 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
     if (slow != nullptr && sinceWall(slow->when) < RECENTLY) {
         return {"too-slow",
                 fmt::format("the registry tells {} of it, but {}", who, slownessText(*slow)),
-                AFTER_OWN_SLOWNESS,
+                afterSlowness(*slow),
                 {}};
     }
     return {std::string(Verdict::WORKS),
@@ -226,7 +228,9 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     if (about["known"] != true) {
         return explainUnknown(process, place, answer);
     }
-    if (asks.empty() && explanation["holder"]["provider"] == Value(process)) {
+    const Value& holder = explanation["holder"];
+    const auto isHolders = [&holder](const Value& ask) { return ask["pid"] == holder["pid"]; };
+    if (holder["provider"] == Value(process) && std::all_of(asks.begin(), asks.end(), isHolders)) {
         return {std::string(Verdict::WORKS),
                 fmt::format("{} provides it itself, so it uses it without asking the registry", process),
                 {},

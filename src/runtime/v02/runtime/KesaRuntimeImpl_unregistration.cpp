@@ -96,7 +96,7 @@ void KesaRuntimeImpl::noteDropped(const std::string& path, const RuntimeEntry& e
     if (const auto end = m_droppedTraces.pass(now)) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
                         fmt::format("[registerService Disposable] the registration of '{}' has ended after {} ms, "
-                                    "before the registry knew of it: keep what kesa::provide or registerService "
+                                    "before a registry had answered it: keep what kesa::provide or registerService "
                                     "returns, it withdraws the service when it is destroyed{}",
                                     path, lasted / comm::MILLISECOND, *end));
     }
