@@ -1,21 +1,15 @@
 #include "transport/chooseRunDirectory.h"
 
+#include <obr/environment.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 
 namespace kesa::commadapter::transport {
 
 namespace {
-
-/// Empty when it is not set, and for a process with more rights than its user.
-std::string environment(const char* name)
-{
-    const char* const value = ::secure_getenv(name);
-    return value == nullptr ? "" : value;
-}
 
 bool mayWrite(const std::string& directory)
 {
@@ -31,7 +25,7 @@ bool mayWriteOrMake(const std::string& directory)
 
 RunDirectoryChoice chooseSharedRunDirectory(const std::string& systemDirectory)
 {
-    const std::string ofUser = environment("XDG_RUNTIME_DIR");
+    const std::string ofUser = obr::environment("XDG_RUNTIME_DIR");
     return ofUser.empty() || mayWriteOrMake(systemDirectory) ? RunDirectoryChoice{systemDirectory, "the default"}
                                                              : RunDirectoryChoice{ofUser + "/kesa", "$XDG_RUNTIME_DIR"};
 }
@@ -41,7 +35,7 @@ RunDirectoryChoice chooseRunDirectory(const std::string& configured)
     if (!configured.empty()) {
         return {configured, "run_dir"};
     }
-    if (std::string own = environment("KESA_RUN_DIR"); !own.empty()) {
+    if (std::string own = obr::environment("KESA_RUN_DIR"); !own.empty()) {
         return {std::move(own), "$KESA_RUN_DIR"};
     }
     static const RunDirectoryChoice& shared = *new RunDirectoryChoice(chooseSharedRunDirectory(SYSTEM_RUN_DIRECTORY));

@@ -3,6 +3,7 @@
 #include "openSink.h"
 
 #include <obr/GlobalErrorHandler.h>
+#include <obr/environment.h>
 #include <obr/holdAcrossFork.h>
 
 #include <algorithm>
@@ -40,12 +41,6 @@ std::string ownChannels()
         names.append(names.empty() ? "" : ", ").append(name);
     }
     return names;
-}
-
-std::string environment(const char* name)
-{
-    const char* const value = ::secure_getenv(name);
-    return value != nullptr ? value : "";
 }
 
 Channels::Output outputOf(int facility)
@@ -109,7 +104,7 @@ Channels& Channels::instance()
 Channels::Channels()
 {
     openEventSink();
-    if (const std::string bad = setThresholds(environment("KESA_TRACE")); !bad.empty()) {
+    if (const std::string bad = setThresholds(obr::environment("KESA_TRACE")); !bad.empty()) {
         complain("KESA_TRACE: " + bad);
     }
     for (const auto& [name, threshold] : m_thresholds) {
@@ -258,7 +253,7 @@ std::shared_ptr<ISink> Channels::sinkFor(Output output)
 
 void Channels::openTextSink()
 {
-    const std::string description = environment("KESA_TRACE_SINK");
+    const std::string description = obr::environment("KESA_TRACE_SINK");
     std::string reason;
     std::shared_ptr<ISink>& sink = sinks(Output::eTEXT).fromEnvironment;
     sink = openSink(description.empty() ? "stderr" : description, reason);
@@ -270,7 +265,7 @@ void Channels::openTextSink()
 
 void Channels::openEventSink()
 {
-    const std::string description = environment("KESA_EVENT_LOG");
+    const std::string description = obr::environment("KESA_EVENT_LOG");
     if (description.empty()) {
         return;
     }

@@ -1,7 +1,8 @@
-#include "environment.h"
+#include "configurationPlace.h"
 #include "readDocument.h"
 
 #include <obr/ErrorOutput.h>
+#include <obr/environment.h>
 #include <obr/errors.h>
 #include <util/config/Dictionary.h>
 #include <util/config/FrameworkProvider.h>
@@ -21,7 +22,7 @@ bool refuse(const std::string& problem)
 
 bool FrameworkProvider::getNodenameForProcess(const std::string& process, std::string& partition)
 {
-    if (std::string node = environment("KESA_NODE"); !node.empty()) {
+    if (std::string node = obr::environment("KESA_NODE"); !node.empty()) {
         partition = std::move(node);
         return false;
     }

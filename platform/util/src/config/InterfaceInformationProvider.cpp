@@ -1,4 +1,4 @@
-#include "environment.h"
+#include "configurationPlace.h"
 #include "readDocument.h"
 
 #include <tracing/Channel.h>

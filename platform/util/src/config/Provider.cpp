@@ -1,7 +1,7 @@
-#include "environment.h"
 #include "readDocument.h"
 
 #include <obr/ErrorOutput.h>
+#include <obr/environment.h>
 #include <obr/errors.h>
 #include <util/config/Provider.h>
 
@@ -40,11 +40,11 @@ std::string folderOf(const std::string& file)
 std::vector<Candidate> candidates(const std::string& name, const std::string& path)
 {
     const std::string variable = inUpperCase(name) + "_CONFIG";
-    if (const std::string file = environment(variable); !file.empty()) {
+    if (const std::string file = obr::environment(variable); !file.empty()) {
         return {{folderOf(file), file, true}};
     }
     std::vector<Candidate> result;
-    for (const std::string& folder : {environment(variable + "_DIR"), path, "/etc/" + name}) {
+    for (const std::string& folder : {obr::environment(variable + "_DIR"), path, "/etc/" + name}) {
         if (!folder.empty()) {
             result.push_back({folder, fmt::format("{}/{}.json", folder, name), false});
         }

@@ -1,12 +1,7 @@
-#ifndef UTIL_CONFIG_ENVIRONMENT_H
-#define UTIL_CONFIG_ENVIRONMENT_H
-
-#include <string>
+#ifndef UTIL_CONFIG_CONFIGURATIONPLACE_H
+#define UTIL_CONFIG_CONFIGURATIONPLACE_H
 
 namespace util::config {
-
-/// The variable's text; empty when it is unset, or when the process has more rights than who started it.
-std::string environment(const std::string& name);
 
 /// The folder and the name under which every process finds its documents.
 inline constexpr const char* CONFIGURATION_NAME = "kesa";

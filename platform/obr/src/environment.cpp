@@ -1,8 +1,8 @@
-#include "environment.h"
+#include <obr/environment.h>
 
 #include <cstdlib>
 
-namespace util::config {
+namespace obr {
 
 std::string environment(const std::string& name)
 {
@@ -10,4 +10,4 @@ std::string environment(const std::string& name)
     return value != nullptr ? value : "";
 }
 
-} // namespace util::config
+} // namespace obr
