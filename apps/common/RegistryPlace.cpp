@@ -55,9 +55,8 @@ RegistryPlace findRegistryPlace(const std::string& process, const std::string& f
     place.source = report.file.empty() ? "the built-in document" : report.file;
     std::string partition;
     if (util::config::FrameworkProvider::getNodenameForProcess(process, partition)) {
-        place.problem = "the partition of this node cannot be found out: " + obr::ErrorStorage::reason();
+        place.problem = "the partition of this node cannot be found out: " + obr::ErrorStorage::takeReason();
         place.endsProcess = true;
-        obr::ErrorStorage::ack();
         return place;
     }
     if (!accessor.isValid()) {

@@ -24,14 +24,6 @@ StreamId toStream(void* handle) noexcept
     return static_cast<StreamId>(reinterpret_cast<std::uintptr_t>(handle));
 }
 
-/// What was wrong, from the error storage.
-std::string takeReason()
-{
-    std::string reason = obr::ErrorStorage::reason();
-    obr::ErrorStorage::ack();
-    return reason;
-}
-
 std::string tooLarge(const char* what, std::size_t bytes, std::size_t limit)
 {
     return std::string(what) + " takes " + std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit);
@@ -109,7 +101,7 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
         claim.record->serviceDef.id = obr::UUID::generate();
     }
     if (measure(claim.record->serviceDef, claim.record->bytes)) {
-        return refuse(*handler, "registerService", path, takeReason());
+        return refuse(*handler, "registerService", path, obr::ErrorStorage::takeReason());
     }
     if (claim.record->bytes > MAX_RECORD_BYTES) {
         return refuse(*handler, "registerService", path, tooLarge("the record", claim.record->bytes, MAX_RECORD_BYTES));
@@ -137,7 +129,7 @@ void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
     const auto patterns = PathPatterns::createFromGlob(query.pattern);
     std::size_t bytes = 0;
     if (!patterns || measure(query, bytes)) {
-        return refuse(*handler, "queryRegistry", query.pattern, takeReason());
+        return refuse(*handler, "queryRegistry", query.pattern, obr::ErrorStorage::takeReason());
     }
     if (bytes > MAX_QUERY_BYTES) {
         return refuse(*handler, "queryRegistry", query.pattern, tooLarge("the query", bytes, MAX_QUERY_BYTES));

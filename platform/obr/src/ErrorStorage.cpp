@@ -52,6 +52,13 @@ void ErrorStorage::ack() noexcept
     }
 }
 
+std::string ErrorStorage::takeReason()
+{
+    std::string taken = reason();
+    ack();
+    return taken;
+}
+
 void ErrorStorage::exchange(Slot& other) noexcept
 {
     std::swap(slot(), other);

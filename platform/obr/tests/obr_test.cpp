@@ -46,8 +46,7 @@ TEST(ErrorStorage, theLastErrorWins)
     EXPECT_TRUE(ErrorStorage::isError());
     EXPECT_EQ(ErrorStorage::reason(), "");
     EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 99));
-    EXPECT_EQ(ErrorStorage::reason(), "error 99 of obr");
-    ErrorStorage::ack();
+    EXPECT_EQ(ErrorStorage::takeReason(), "error 99 of obr");
     EXPECT_TRUE(ErrorOutput(__FILE__, __LINE__, false)(JOINED, 8));
     EXPECT_FALSE(ErrorStorage::isError());
 }

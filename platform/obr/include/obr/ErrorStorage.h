@@ -16,6 +16,8 @@ public:
     /// The text of the pending error, empty when there is none. Read it on the thread that failed.
     static std::string reason();
     static void ack() noexcept;
+    /// The text of the pending error, which is not pending any more.
+    static std::string takeReason();
 
     /// What is pending for one run loop. Whoever runs several loops on one thread exchanges it around each event.
     struct Slot {

@@ -146,9 +146,8 @@ void KesaConfig::endReading(bool failed, ConfigReport& report)
 {
     if (failed) {
         // Not every failure records a reason: the text is then empty, or that of a failure which was tolerated before.
-        const std::string reason = obr::ErrorStorage::reason();
+        const std::string reason = obr::ErrorStorage::takeReason();
         KESA_TRACE(configChannel(), 3, "[readConfig] failed to the config file, reason = %s", reason.c_str());
-        obr::ErrorStorage::ack();
         setDefaults();
         m_valid = false;
     }

@@ -173,7 +173,6 @@ private:
     [[nodiscard]] bool applyToStaticRecord(RuntimeEntry& entry, const Registration& registration);
     ServiceDef dynamicServiceDef(const Registration& registration) const;
     void announce(RuntimeEntry& entry);
-    static std::string takeReason();
     [[nodiscard]] static bool lacksRegistrator(const RuntimeEntry& entry, int line);
     void refuseRegistrator(const std::string& path, RuntimeEntry& entry, std::string_view reason,
                            std::string_view text = {});

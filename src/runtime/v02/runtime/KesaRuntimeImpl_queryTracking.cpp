@@ -52,8 +52,7 @@ void KesaRuntimeImpl::startQuery(const Query& query, const Handle& handle, std::
     const optional<PathPatterns> patterns = PathPatterns::createFromGlob(query.pattern);
     if (!patterns) {
         postError("trackServices", query.pattern, std::move(handler),
-                  Response::createErrorResponse(400, obr::ErrorStorage::reason()));
-        obr::ErrorStorage::ack();
+                  Response::createErrorResponse(400, obr::ErrorStorage::takeReason()));
         return;
     }
     const std::vector<ServiceUpdate> initialUpdates = initialMatches(query, *patterns);

@@ -217,7 +217,7 @@ void KesaRuntimeImpl::registerDynamic(RuntimeEntry& entry, Registration& registr
     if (m_backendList.providePath(path, registration.api, serviceDef)) {
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] dynamic service='%s' can not be registered", path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(path, entry, takeReason());
+            refuseRegistrator(path, entry, obr::ErrorStorage::takeReason());
         }
         deleteRuntimeEntry(path);
         followRemotely(path);
@@ -276,7 +276,7 @@ void KesaRuntimeImpl::registerStatic(RuntimeEntry& entry, Registration& registra
         KESA_TRACE(MAIN_CHANNEL, 4, "[registerService] static configured service='%s' can not be registered",
                    path.c_str());
         if (!lacksRegistrator(entry, __LINE__)) {
-            refuseRegistrator(path, entry, takeReason());
+            refuseRegistrator(path, entry, obr::ErrorStorage::takeReason());
         }
         return;
     }
@@ -326,14 +326,6 @@ void KesaRuntimeImpl::announce(RuntimeEntry& entry)
     m_executorWatch.tell("registerService", entry.optionalServiceDef->path.toString(),
                          [&entry] { (*entry.optionalRegistrator)->onNext(*entry.optionalServiceDef); });
     triggerRuntimeUpdate(ResourceUpdateType::eADDED, *entry.optionalServiceDef, entry.trackers, m_queryTrackers);
-}
-
-/// What a backend has left.
-std::string KesaRuntimeImpl::takeReason()
-{
-    std::string reason = obr::ErrorStorage::reason();
-    obr::ErrorStorage::ack();
-    return reason;
 }
 
 bool KesaRuntimeImpl::lacksRegistrator(const RuntimeEntry& entry, int line)

@@ -1,5 +1,6 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <obr/ErrorStorage.h>
 #include <obr/GlobalErrorHandler.h>
 #include <runtime/v02/runtime/EventLog.h>
 
@@ -50,7 +51,7 @@ void KesaRuntimeImpl::registerRegistryService(Registration registration)
         KESA_TRACE(MAIN_CHANNEL, 2, "[registerRegistryService] dynamic service='%s' can no be registered",
                    path.c_str());
         eventlog::registrationError(m_eventSource, serviceDef, "dynamic service can no be registered");
-        refuseRegistrator(path, entry, takeReason());
+        refuseRegistrator(path, entry, obr::ErrorStorage::takeReason());
         entry.optionalServiceDef.reset();
         deleteRuntimeEntry(path);
         obr::GlobalErrorHandler::doAssert(
