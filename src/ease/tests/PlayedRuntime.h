@@ -5,6 +5,7 @@
 #include <PlayedService.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -30,6 +31,7 @@ public:
     {
         log.push_back("register " + path);
         registrator = std::move(handler);
+        std::exchange(whileRegistering, [] {})();
         return Disposable([this, path] { log.push_back("unregister " + path); });
     }
     Disposable registerService(const std::string& path, Api api, ServiceDef::TypeEnum type,
@@ -113,7 +115,8 @@ public:
         mutable Lines tooSlow; ///< "/service loop"
     };
     const std::shared_ptr<Reasons> played = std::make_shared<Reasons>();
-    Api registryAtOnce; ///< connected inside the call that tracks it
+    std::function<void()> whileRegistering = [] {}; ///< as another thread does it, once
+    Api registryAtOnce;                             ///< connected inside the call that tracks it
     Lines log;
     Api registered;
     Handler<ServiceDef> registrator;

@@ -176,9 +176,12 @@ TEST(ResourceHandler, SaysWhatItDoesNotServe)
     EXPECT_EQ(ask(service, "ping", "/cpu"),
               "405: '/cpu' does not serve 'ping'; it serves 'retrieve', 'update', 'delete'");
 
-    // Refused routes serve nothing.
+    // Refused routes serve nothing, and say so.
+    const ::tracing::TraceCapture traces("KESA_EASE");
     for (const char* route : {"/**/a", "/a//b", "/{x", "/a{x}", "/{}"}) {
         service.onInsert(route, [](const Request&) {});
+        EXPECT_THAT(traces.take(),
+                    testing::ElementsAre(testing::HasSubstr("route 'insert " + std::string(route) + "' is refused: ")));
     }
     EXPECT_EQ(ask(service, "insert", "/x/a"), "404: no resource at '/x/a'");
 

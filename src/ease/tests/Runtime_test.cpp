@@ -3,6 +3,8 @@
 #include <TemporaryFolder.h>
 #include <Variable.h>
 #include <comm/ActiveObject.h>
+#include <comm/Condition.h>
+#include <comm/Scheduler.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/handler.h>
@@ -47,12 +49,35 @@ protected:
     const test::Variable configuration{"KESA_CONFIG_DIR", "/nonexistent"};
 };
 
+/// The real one, which keeps what reactors were made.
+class NotingScheduler final : public comm::Scheduler {
+public:
+    NotingScheduler() { install(this); }
+    ~NotingScheduler() override { install(nullptr); }
+    NotingScheduler(const NotingScheduler&) = delete;
+    NotingScheduler& operator=(const NotingScheduler&) = delete;
+    std::unique_ptr<comm::IRunLoop> makeRunLoop(const std::string& name) override { return m_real.makeRunLoop(name); }
+    std::shared_ptr<comm::Reactor> makeReactor(const std::string& name) override
+    {
+        reactors.push_back(name);
+        return m_real.makeReactor(name);
+    }
+    std::unique_ptr<comm::IConditionImpl> makeCondition() override { return m_real.makeCondition(); }
+    comm::TimeNs now() const noexcept override { return m_real.now(); }
+    std::vector<std::string> reactors;
+
+private:
+    Scheduler& m_real = current();
+};
+
 TEST_F(RuntimeTest, RunsUntilASignalThatMayComeEarly)
 {
     {
+        const NotingScheduler scheduler;
         Runtime runtime("greeter", ALONE);
         ASSERT_TRUE(runtime) << runtime.error();
         EXPECT_EQ(runtime->getConfigAccessor().getOwnProcessName(), "greeter");
+        EXPECT_THAT(scheduler.reactors, testing::Contains("kesa-watch")) << "which names who holds a loop";
         EXPECT_TRUE(isBlocked(SIGINT) && isBlocked(SIGTERM) && !isBlocked(SIGPIPE));
         ::kill(::getpid(), SIGTERM);
         EXPECT_EQ(runtime.runUntilSignal(), SIGTERM);

@@ -61,6 +61,7 @@ TEST_F(On, AHandlerHearsItsStreamToTheEndOrTheCancel)
 TEST_F(On, AServiceIsCalledOnItsLoop)
 {
     std::optional<Responder> kept;
+    std::function<void()> meanwhile = [] {};
     const auto service = std::make_shared<ResourceHandler>();
     service->onRetrieve("/", [&](const Request&, Responder responder) {
         EXPECT_TRUE(comm::onAnyLoop());
@@ -70,6 +71,7 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
         EXPECT_EQ(detail::OwnLoop::of(loop)->hold().holder(), "the request 'retrieve /'");
         EXPECT_EQ(detail::OwnLoop::of(loop)->waiting(), 0U);
         kept = std::move(responder);
+        std::exchange(meanwhile, [] {})();
     });
     auto api = on(loop, std::shared_ptr<IKesaApi>(service));
     struct : IStreamControl {
@@ -92,6 +94,12 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
     EXPECT_TRUE(kept->next(Payload())) << "nothing reaches the client, though the service does not know yet";
     EXPECT_THAT(takeBeforeAndAfter(), testing::Pair(ElementsAre("asker", "~"), ElementsAre()));
     EXPECT_TRUE(kept->isCancelled());
+
+    void* const early = ask();
+    meanwhile = [&] { api->cancel(early); };
+    scheduler.runReady();
+    EXPECT_TRUE(kept->isCancelled()) << "while the service was called";
+    EXPECT_THAT(std::exchange(log, {}), ElementsAre("asker", "~"));
 
     ask();
     scheduler.runReady();

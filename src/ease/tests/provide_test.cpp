@@ -134,8 +134,20 @@ TEST_F(Provide, LeavesItsEndToTheAnswerThatIsOutstanding)
     EXPECT_THAT(runtime.take(), ElementsAre("unregister /p", "register /p")) << "of the one that has not ended";
     registration = provide(runtime, "/q", service);
     registration->end();
-    refused();
-    EXPECT_THAT(runtime.take(), ElementsAre("register /q"));
+    auto next = provide(runtime, "/q", service);
+    runtime.whileRegistering = [&] {
+        next->end();
+        provided();
+    };
+    std::exchange(runtime.registrator, nullptr)->onError(Response::createErrorResponse(409, "taken"));
+    EXPECT_THAT(runtime.take(), ElementsAre("register /q", "register /q", "unregister /q"))
+        << "of the one that was answered and has ended before it was registered here";
+
+    next = provide(runtime, "/q", service);
+    next->end();
+    registration.reset(); // of the same path, long answered
+    const auto last = provide(runtime, "/q", service);
+    EXPECT_THAT(runtime.take(), ElementsAre("register /q")) << "it waits all the same";
     EXPECT_THAT(takeTold(), IsEmpty());
 }
 
