@@ -17,6 +17,7 @@ struct CheckResult {
     std::string partition; ///< of the process, when one is named
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
+    bool counts;              ///< the document; else a process goes on with the defaults
     util::config::Value comm; ///< what counts of it
     std::string runDirectory;
     std::string runDirectorySource; ///< what names it

@@ -90,6 +90,7 @@ int checkConfig(const CheckConfigArguments& arguments)
     const KesaConfig config = arguments.file.empty()
                                   ? KesaConfig::readOr(arguments.process, KesaRuntime::WITH_REGISTRYD, &report)
                                   : KesaConfig(arguments.process, &report);
+    const bool counts = report.firstError() == nullptr;
     std::optional<std::string> process;
     std::vector<Complaint> ofProcess; // these have no place in the document
     const std::string partition = partitionOf(arguments.process, config, ofProcess);
@@ -122,7 +123,8 @@ int checkConfig(const CheckConfigArguments& arguments)
                              process,
                              partition,
                              config,
-                             config.m_valid && report.firstError() == nullptr,
+                             report.firstError() == nullptr,
+                             counts,
                              valueOf(comm),
                              runDirectory.path(),
                              runDirectory.source(),

@@ -212,9 +212,9 @@ std::string asText(const CheckResult& result)
     for (const auto& complaint : result.complaints) {
         text += asLine(result, complaint);
     }
-    text += result.isValid          ? "valid\n"
-            : result.config.m_valid ? "not valid: a process does not start with it\n"
-                                    : "not valid: a process goes on with the settings above\n";
+    text += result.isValid  ? "valid\n"
+            : result.counts ? "not valid: a process does not start with it\n"
+                            : "not valid: a process goes on with the settings above\n";
     return text;
 }
 

@@ -4,6 +4,7 @@
 #include <backend/readCommSettings.h>
 #include <kesa/Path.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
+#include <runtime/v02/config/unknownKeys.h>
 #include <transport/Authority.h>
 #include <transport/IpcTransport.h>
 #include <transport/usersAndGroups.h>
@@ -40,12 +41,22 @@ void warn(ConfigReport& report, DocumentPath path, std::string text, std::string
     report.add({Severity::eWARNING, report.path(std::move(path)), std::move(text), std::move(advice)});
 }
 
+/// Of a complaint of the backend: that the key belongs elsewhere says more than that it is unknown here.
+bool isSaidByReader(const DocumentPath& path)
+{
+    const auto* const key = path.size() == 2 ? std::get_if<std::string>(&path.back()) : nullptr;
+    return key != nullptr && kesa::runtime::v02::isMisplacedInComm(*key);
+}
+
 /// The backend reads its part of the document by itself.
 CommSettings reviewComm(ConfigReport& report)
 {
     kesa::commadapter::CommFaults faults;
     CommSettings settings = kesa::commadapter::readCommSettings(report.root["comm"], faults);
     for (Complaint& complaint : faults.complaints) {
+        if (isSaidByReader(complaint.path)) {
+            continue;
+        }
         complaint.path = report.path(std::move(complaint.path));
         report.add(std::move(complaint));
     }

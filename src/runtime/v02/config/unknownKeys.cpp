@@ -4,7 +4,10 @@
 
 #include <util/nearestName.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
+#include <array>
 #include <string_view>
 
 namespace kesa::runtime::v02 {
@@ -12,77 +15,196 @@ namespace {
 
 using Keys = std::vector<std::string_view>;
 
-/// "comm" belongs to the backend of that name.
-const Keys& rootKeys()
+constexpr std::string_view WHOLE = "kesa"; ///< the member that holds the configuration in a document
+
+/// An object of the document with keys of its own.
+struct KeyGroup {
+    std::string_view name;  ///< of the member; empty: the configuration itself
+    std::string_view place; ///< "in " it, in words
+    Keys keys;
+};
+
+struct KeyGroups {
+    KeyGroup root;
+    KeyGroup comm;
+    KeyGroup services; ///< each of them
+    KeyGroup smartProxy;
+
+    std::array<const KeyGroup*, 4> all() const { return {&root, &comm, &services, &smartProxy}; }
+};
+
+const KeyGroups& keyGroups()
 {
-    static const Keys& keys = *new Keys{"use_local_registry",
-                                        "use_registry",
-                                        "service_registry_locators",
-                                        "backends",
-                                        "serializer-formats",
-                                        "services",
-                                        "bypass",
-                                        "smartProxy",
-                                        "comm",
-                                        "node_domain_mapping"};
-    return keys;
+    static const KeyGroups& groups = *new KeyGroups{
+        {"",
+         "the configuration itself",
+         {"use_local_registry", "use_registry", "service_registry_locators", "backends", "serializer-formats",
+          "services", "bypass", "smartProxy", "comm", "node_domain_mapping"}},
+        // The backend's, which reads them; not those that it refuses wherever they stand.
+        {"comm",
+         "\"comm\"",
+         {"run_dir", "socket_mode", "socket_group", "routes", "max_message_bytes", "send_queue_bytes", "heartbeat_ms"}},
+        {"services", "an entry of \"services\"", {"is_dynamic", "path", "version", "type", "locators"}},
+        {"smartProxy",
+         "\"smartProxy\"",
+         {"timeout", "retryTimes", "mandatoryForwardErrors", "mandatroyRetryErrorsSubscribeList",
+          "mandatroyRetryErrorsSubscribeElement"}}};
+    return groups;
 }
 
-const Keys& serviceKeys()
+bool has(const Keys& keys, std::string_view key)
 {
-    static const Keys& keys = *new Keys{"is_dynamic", "path", "version", "type", "locators"};
-    return keys;
+    return std::find(keys.begin(), keys.end(), key) != keys.end();
 }
 
-const Keys& smartProxyKeys()
+bool hasAny(const util::config::Value& object, const Keys& keys)
 {
-    static const Keys& keys = *new Keys{"timeout", "retryTimes", "mandatoryForwardErrors",
-                                        "mandatroyRetryErrorsSubscribeList", "mandatroyRetryErrorsSubscribeElement"};
-    return keys;
+    return std::any_of(keys.begin(), keys.end(), [&object](std::string_view key) { return object[key].isDefined(); });
 }
 
-void addUnknown(const ConfigNode& object, const Keys& known)
+/// The one that a key which means nothing in `group` is of; null when it means nothing at all.
+const KeyGroup* otherGroupOf(std::string_view key, const KeyGroup& group)
 {
+    for (const KeyGroup* const other : keyGroups().all()) {
+        if (other != &group && has(other->keys, key)) {
+            return other;
+        }
+    }
+    return nullptr;
+}
+
+/// At the top level such a word may be a note, or of other software that shares the document.
+bool mayBeNote(std::string_view key, const KeyGroup& group)
+{
+    return group.name.empty() && (key == "path" || key == "version" || key == "type" || key == "timeout");
+}
+
+/// A group that stands in itself once more.
+void complainOfNested(const std::string& key, const ConfigNode& member, const KeyGroup& group, Severity severity)
+{
+    member.complain(severity, fmt::format("'{}' stands in {}, and nothing in it has an effect", key, group.place),
+                    "move its members one level up");
+}
+
+void complainOfPlace(const std::string& key, const ConfigNode& member, const KeyGroup& group, const KeyGroup& meant)
+{
+    if (key == group.name) {
+        complainOfNested(key, member, group, Severity::eWARNING);
+        return;
+    }
+    const std::string place =
+        meant.name.empty() ? fmt::format("beside \"{}\"", group.name) : fmt::format("in {}", meant.place);
+    const bool isNote = mayBeNote(key, group);
+    member.complain(isNote ? Severity::eHINT : Severity::eWARNING,
+                    fmt::format("'{}' belongs {}, and has no effect here", key, place),
+                    isNote ? "move it there, unless it is a note" : "move it there");
+}
+
+/// Whether the key stands for the member that holds the configuration: with other letters only if that is what it
+/// holds, too.
+bool isMeantAsWhole(std::string_view key, const util::config::Value& value)
+{
+    if (!value.isDictionary() || util::nearestName(key, {WHOLE}).empty()) {
+        return false;
+    }
+    return util::nameDistance(key, WHOLE) == 0 || hasAny(value, keyGroups().root.keys);
+}
+
+/// When nothing else counts, neither does the document.
+void complainOfWhole(const std::string& key, const ConfigNode& member, Severity severity)
+{
+    if (key == WHOLE) {
+        complainOfNested(key, member, keyGroups().root, severity);
+    } else {
+        member.complain(severity, fmt::format("ignored, with everything in it: unknown key '{}'", key),
+                        fmt::format("did you mean '{}'?", WHOLE));
+    }
+}
+
+void complainOfName(const std::string& key, const ConfigNode& member, const KeyGroup& group)
+{
+    const std::string_view meant = util::nearestName(key, group.keys);
+    std::string text = fmt::format("ignored: unknown key '{}'", util::config::shortenedKey(key));
+    if (meant.empty()) {
+        member.complain(Severity::eHINT, std::move(text), "correct or remove it, unless it is a note");
+    } else {
+        member.complain(Severity::eWARNING, std::move(text), fmt::format("did you mean '{}'?", meant));
+    }
+}
+
+void addUnknown(const ConfigNode& object, const KeyGroup& group)
+{
+    bool hasEffect = !group.name.empty() || hasAny(object.value(), group.keys);
     for (const auto& [key, value] : object.value()) {
-        if (std::find(known.begin(), known.end(), key) != known.end()) {
+        if (has(group.keys, key)) {
             continue;
         }
         if (object.isOnlyCounted()) {
             object.complain(Severity::eHINT, {}, {});
-            continue;
-        }
-        const std::string_view meant = util::nearestName(key, known);
-        std::string text = "ignored: unknown key '";
-        text.append(util::config::shortenedKey(key)).append("'");
-        if (meant.empty()) {
-            object[key].complain(Severity::eHINT, std::move(text), "correct or remove it, unless it is a note");
+        } else if (const KeyGroup* const meant = otherGroupOf(key, group)) {
+            complainOfPlace(key, object[key], group, *meant);
+        } else if (group.name.empty() && isMeantAsWhole(key, value)) {
+            complainOfWhole(key, object[key], hasEffect ? Severity::eWARNING : Severity::eERROR);
+            hasEffect = true; // one error is enough
         } else {
-            object[key].complain(Severity::eWARNING, std::move(text),
-                                 std::string("did you mean '").append(meant).append("'?"));
+            complainOfName(key, object[key], group);
         }
+    }
+}
+
+/// Of those that mean nothing anywhere the backend complains.
+void addMisplacedInComm(const ConfigNode& comm)
+{
+    for (const auto& [key, value] : comm.value()) {
+        if (isMisplacedInComm(key)) {
+            complainOfPlace(key, comm[key], keyGroups().comm, *otherGroupOf(key, keyGroups().comm));
+        }
+    }
+}
+
+/// Locators at which nobody asks. Who wrote "false" may want that.
+void addUnusedLocators(const ConfigNode& root)
+{
+    const ConfigNode locators = root["service_registry_locators"];
+    const util::config::Value& flag = root.value()["use_registry"];
+    bool isAsked = false;
+    if ((flag.isDefined() && flag.get(isAsked)) || isAsked) {
+        return; // what is no flag has been complained of
+    }
+    if (locators.size() > 0 || locators.value().begin() != locators.value().end()) {
+        locators.complain(flag.isDefined() ? Severity::eHINT : Severity::eWARNING,
+                          "have no effect without \"use_registry\": true: no registry is asked",
+                          "write \"use_registry\": true, or remove the locators");
     }
 }
 
 } // namespace
 
+bool isMisplacedInComm(std::string_view key)
+{
+    return otherGroupOf(key, keyGroups().comm) != nullptr;
+}
+
 void addUnknownKeys(const ConfigNode& root)
 {
-    addUnknown(root, rootKeys());
+    addUnusedLocators(root);
+    addUnknown(root, keyGroups().root);
+    addMisplacedInComm(root["comm"]);
     const ConfigNode services = root["services"];
     for (std::size_t i = 0; i < services.size(); ++i) {
-        addUnknown(services[i], serviceKeys());
+        addUnknown(services[i], keyGroups().services);
     }
-    addUnknown(root["smartProxy"], smartProxyKeys());
+    addUnknown(root["smartProxy"], keyGroups().smartProxy);
 }
 
 std::vector<std::string> documentKeys()
 {
-    std::vector<std::string> keys(rootKeys().begin(), rootKeys().end());
-    for (const std::string_view key : serviceKeys()) {
-        keys.push_back(std::string("services[].").append(key));
+    std::vector<std::string> keys(keyGroups().root.keys.begin(), keyGroups().root.keys.end());
+    for (const std::string_view key : keyGroups().services.keys) {
+        keys.push_back(fmt::format("services[].{}", key));
     }
-    for (const std::string_view key : smartProxyKeys()) {
-        keys.push_back(std::string("smartProxy.").append(key));
+    for (const std::string_view key : keyGroups().smartProxy.keys) {
+        keys.push_back(fmt::format("smartProxy.{}", key));
     }
     return keys;
 }

@@ -78,6 +78,9 @@ Value parse(const std::string& text)
 std::string documentWith(const std::string& key, const std::string& text)
 {
     Dictionary root{{"serializer-formats", parse(R"(["application/json"])")}};
+    if (key == "service_registry_locators") {
+        root.set("use_registry", true);
+    }
     const std::size_t dot = key.find('.');
     const std::string object = key.substr(0, dot);
     if (dot == std::string::npos) {
@@ -107,6 +110,23 @@ Strings complaintsOf(ConfigReport& report)
     return complaints;
 }
 
+/// Of a document that has the key in an object where it means nothing.
+void expectToBelongElsewhere(const Row& row)
+{
+    const std::size_t dot = row.key.find('.');
+    const std::string object = row.key.substr(0, dot);
+    const std::string key = dot == std::string::npos ? row.key : row.key.substr(dot + 1);
+    const std::string wrong = object == "smartProxy" ? "comm" : "smartProxy";
+    const std::string right = dot == std::string::npos ? "beside \"" + wrong
+                              : object == "services[]" ? "in an entry of \"services"
+                                                       : "in \"" + object;
+    ConfigReport report;
+    const Dictionary member{{key, parse(row.example)}};
+    const KesaConfig config("media", Value(Dictionary{{wrong, Value(member)}}).toText(), &report);
+    EXPECT_THAT(complaintsOf(report), testing::Contains("warning: '" + key + "' belongs " + right +
+                                                        "\", and has no effect here; move it there"));
+}
+
 TEST_F(ConfigurationPage, HasTheKeysThatTheReadersKnow)
 {
     Strings documented;
@@ -132,6 +152,9 @@ TEST_F(ConfigurationPage, HasGoodExamplesAndTheComplaintsOfBadOnes)
         const KesaConfig wrong("media", documentWith(row.key, row.wrong), &bad);
         EXPECT_EQ(complaintsOf(bad), Strings{row.complaint}) << row.key << ": " << row.wrong;
         EXPECT_EQ(wrong.m_valid, !row.complaint.starts_with("error")) << row.key << ": " << row.wrong;
+        if (!isRefused) {
+            expectToBelongElsewhere(row);
+        }
     }
 }
 

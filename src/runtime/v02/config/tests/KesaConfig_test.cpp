@@ -147,6 +147,34 @@ TEST(KesaConfig, SaysWhereTheFaultIsAndWhatToWrite)
         const std::string place = begin.substr(0, begin.size() - (std::string(complaint).starts_with("1:") ? 1 : 0));
         EXPECT_EQ(lines.front(), "4" + place + complaint);
     }
+    const std::pair<const char*, std::vector<std::string>> ignored[] = {
+        {R"({"Kesa": {}, "note": {"use_registry": true}})",
+         {"4 Kesa: ignored, with everything in it: unknown key 'Kesa'; did you mean 'kesa'?"}},
+        {R"({"bypass": {}, "kesaa": {"bypass": {}}, "mesa": {}})",
+         {"3 kesaa: ignored, with everything in it: unknown key 'kesaa'; did you mean 'kesa'?"}},
+        {R"({"kesa": {}, "KESA": {}})",
+         {"4 KESA: ignored, with everything in it: unknown key 'KESA'; did you mean 'kesa'?",
+          "3 kesa: 'kesa' stands in the configuration itself, and nothing in it has an effect; move its members one "
+          "level up"}},
+        {R"({"comm": {"comm": {}, "retryTimes": [], "tls": 1}, "services": [{"is_dynamic": true, "run_dir": "/"}]})",
+         {"3 comm.comm: 'comm' stands in \"comm\", and nothing in it has an effect; move its members one level up",
+          "3 comm.retryTimes: 'retryTimes' belongs in \"smartProxy\", and has no effect here; move it there",
+          "3 services[0].run_dir: 'run_dir' belongs in \"comm\", and has no effect here; move it there"}},
+        {R"({"service_registry_locators": ["ipc://r/registry"]})",
+         {"3 service_registry_locators: have no effect without \"use_registry\": true: no registry is asked; write "
+          "\"use_registry\": true, or remove the locators"}},
+        {R"({"service_registry_locators": ["ipc://r/registry"], "use_registry": false})", {}},
+        {R"({"service_registry_locators": {}})", {}},
+        {R"({"path": 1, "tls": {}, "type": 1, "version": 1})", {}},
+    };
+    for (const auto& [text, complaints] : ignored) {
+        EXPECT_TRUE(read(text).m_valid) << text;
+        Strings told;
+        for (const std::string& complaint : complaints) {
+            told.push_back(complaint.substr(0, 1) + begin + complaint.substr(2));
+        }
+        EXPECT_EQ(traces.take(), told) << text;
+    }
     std::string mistyped;
     for (const char last : std::string("abcdefghijkl")) {
         mistyped += std::string("\"use_registry") + last + "\": true, ";
