@@ -1,6 +1,7 @@
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
 #include <comm/Condition.h>
+#include <fmt/format.h>
 #include <kesa/Request.h>
 #include <kesa/processName.h>
 #include <kesa/runtime/mimetype.h>
