@@ -54,7 +54,7 @@ private:
     /// A connection, or this process: who makes requests.
     struct Asker {
         AskerKey key;
-        obr::UUID instance; ///< nil: this process
+        Owner owner;
         std::string process;
         std::int64_t pid = -1;
         std::int64_t uid = -1;

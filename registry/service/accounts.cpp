@@ -12,6 +12,19 @@ namespace {
 constexpr std::array<std::size_t, 3> MAX_REQUESTS = {MAX_REGISTRATIONS, MAX_TRACKINGS, MAX_QUERIES};
 constexpr std::array<const char*, 3> KINDS = {"registrations", "trackings", "queries"};
 
+Owner ownerOf(const RequestContext& context)
+{
+    Owner owner;
+    // Nil means this process, which no peer is, whatever it says.
+    owner.instance = context.instance.isNil() ? obr::UUID::generate() : context.instance;
+    owner.uid = context.uid;
+    if (context.pid > 0) { // 0: of another namespace
+        owner.pid = context.pid;
+        owner.start = context.start;
+    }
+    return owner;
+}
+
 } // namespace
 
 std::string Registry::Impl::Asker::name() const
@@ -36,8 +49,7 @@ std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
         asker = std::make_shared<Asker>();
         asker->key = key;
         if (context != nullptr) {
-            // Nil means this process, which no peer is, whatever it says.
-            asker->instance = context->instance.isNil() ? obr::UUID::generate() : context->instance;
+            asker->owner = ownerOf(*context);
             asker->process = context->process;
             asker->pid = context->pid;
             asker->uid = context->uid;

@@ -108,7 +108,7 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
     }
     return open(std::move(handler), "registerService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
         KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
-        claim.instance = asker->instance;
+        claim.owner = asker->owner;
         m_store.registerService(stream, claim);
     });
 }

@@ -18,11 +18,11 @@ constexpr std::size_t LOOK_BYTES = 32;
 void Store::registerService(StreamId stream, const Claim& claim)
 {
     Registration& registration = m_registrations[stream];
-    registration = {claim.instance, claim.isPatient, State::eCLAIMS, claim.record};
+    registration = {claim.owner, claim.isPatient, State::eCLAIMS, claim.record};
     const auto held = m_records.find(registration.record->path());
     if (held == m_records.end()) {
         accept(stream, registration);
-    } else if (m_registrations.at(held->second.holder).instance == registration.instance) {
+    } else if (m_registrations.at(held->second.holder).owner == registration.owner) {
         takeOver(stream, registration, claim, held);
     } else {
         contest(stream, registration);
@@ -70,14 +70,14 @@ void Store::supersede(StreamId stream)
 void Store::supersedeForGood(const std::string& path, StreamId stream)
 {
     supersede(stream);
-    const obr::UUID instance = m_registrations.at(stream).instance;
-    while (const StreamId each = takeSuperseded(path, instance)) {
+    const Owner owner = m_registrations.at(stream).owner;
+    while (const StreamId each = takeSuperseded(path, owner)) {
         m_registrations.at(each).record.reset();
     }
 }
 
 /// The last one of the process; 0: none.
-StreamId Store::takeSuperseded(const std::string& path, const obr::UUID& instance)
+StreamId Store::takeSuperseded(const std::string& path, const Owner& owner)
 {
     const auto found = m_superseded.find(path);
     if (found == m_superseded.end()) {
@@ -85,7 +85,7 @@ StreamId Store::takeSuperseded(const std::string& path, const obr::UUID& instanc
     }
     auto& streams = found->second;
     const auto last = std::find_if(streams.rbegin(), streams.rend(),
-                                   [&](StreamId each) { return m_registrations.at(each).instance == instance; });
+                                   [&](StreamId each) { return m_registrations.at(each).owner == owner; });
     const StreamId stream = last == streams.rend() ? 0 : *last;
     forgetSuperseded(path, stream);
     return stream;
@@ -100,9 +100,9 @@ void Store::forgetSuperseded(const std::string& path, StreamId stream)
 }
 
 /// The holder has ended. True when an earlier registration of its process goes on in its place.
-bool Store::giveBack(const std::string& path, const obr::UUID& instance)
+bool Store::giveBack(const std::string& path, const Owner& owner)
 {
-    const StreamId stream = takeSuperseded(path, instance);
+    const StreamId stream = takeSuperseded(path, owner);
     if (stream == 0) {
         return false;
     }
@@ -128,7 +128,7 @@ void Store::contest(StreamId stream, const Registration& registration)
     Contest& contest = m_contests[path];
     // An earlier claim of the same process is superseded.
     const auto earlier = std::find_if(contest.claims.begin(), contest.claims.end(), [&](StreamId each) {
-        return m_registrations.at(each).instance == registration.instance;
+        return m_registrations.at(each).owner == registration.owner;
     });
     if (earlier != contest.claims.end()) {
         supersede(*earlier);
@@ -152,13 +152,13 @@ RecordPtr Store::end(StreamId stream)
     m_registrations.erase(found);
     switch (registration.state) {
     case State::eHOLDS:
-        if (!giveBack(registration.record->path(), registration.instance)) {
+        if (!giveBack(registration.record->path(), registration.owner)) {
             return release(registration.record->path());
         }
         break;
     case State::eCLAIMS:
     case State::eWAITS:
-        endClaim(registration.record->path(), stream, registration.instance);
+        endClaim(registration.record->path(), stream, registration.owner);
         break;
     case State::eSUPERSEDED:
         if (registration.record) {
@@ -171,10 +171,10 @@ RecordPtr Store::end(StreamId stream)
 
 /// The latest claim of its process that it superseded is one again. Also when it was refused: the refusal may have gone
 /// to a lost connection, and the other claim, made over the new one, has to be answered, too.
-void Store::endClaim(const std::string& path, StreamId stream, const obr::UUID& instance)
+void Store::endClaim(const std::string& path, StreamId stream, const Owner& owner)
 {
     withdrawClaim(path, stream);
-    if (const StreamId earlier = takeSuperseded(path, instance)) {
+    if (const StreamId earlier = takeSuperseded(path, owner)) {
         Registration& registration = m_registrations.at(earlier);
         registration.state = State::eCLAIMS;
         contest(earlier, registration);
@@ -271,9 +271,9 @@ void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
         return;
     }
     say(Effect::Kind::eREFUSED, judged, claimant.record);
-    const obr::UUID instance = claimant.instance;
+    const Owner owner = claimant.owner;
     m_registrations.erase(judged);
-    endClaim(path, judged, instance);
+    endClaim(path, judged, owner);
 }
 
 // ---- watchers -----------------------------------------------------------------------------------------------------

@@ -1,10 +1,9 @@
 #ifndef KESA_REGISTRY_STORE_STORE_H
 #define KESA_REGISTRY_STORE_STORE_H
 
+#include "store/Owner.h"
 #include "store/Record.h"
 #include "store/Watchers.h"
-
-#include <obr/UUID.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -37,7 +36,7 @@ struct Effect {
 
 /// A wish to register.
 struct Claim {
-    obr::UUID instance; ///< the process that makes it; nil: this one
+    Owner owner; ///< the process that makes it
     std::shared_ptr<Record> record;
     bool keepsId = true;    ///< its `id` was given, not made for it
     bool isPatient = false; ///< waits for a path that a living process holds, instead of being refused
@@ -92,7 +91,7 @@ public:
 private:
     enum class State { eHOLDS, eCLAIMS, eWAITS, eSUPERSEDED };
     struct Registration {
-        obr::UUID instance;
+        Owner owner;
         bool isPatient = false;
         State state = State::eCLAIMS;
         RecordPtr record; ///< null when superseded for good
@@ -110,10 +109,10 @@ private:
     void contest(StreamId stream, const Registration& registration);
     void supersede(StreamId stream);
     void supersedeForGood(const std::string& path, StreamId stream);
-    StreamId takeSuperseded(const std::string& path, const obr::UUID& instance);
+    StreamId takeSuperseded(const std::string& path, const Owner& owner);
     void forgetSuperseded(const std::string& path, StreamId stream);
-    [[nodiscard]] bool giveBack(const std::string& path, const obr::UUID& instance);
-    void endClaim(const std::string& path, StreamId stream, const obr::UUID& instance);
+    [[nodiscard]] bool giveBack(const std::string& path, const Owner& owner);
+    void endClaim(const std::string& path, StreamId stream, const Owner& owner);
     void withdrawClaim(const std::string& path, StreamId stream);
     RecordPtr release(const std::string& path);
     void judgeAnew(const std::string& path);

@@ -58,6 +58,41 @@ TEST_F(RegistryTest, ThisProcessNeedsNoProof)
         << "as its locator names it, since its record does not";
 }
 
+// The instance is in every hello that a process says, so anybody may repeat it.
+TEST_F(RegistryTest, WhoRepeatsTheInstanceOfAnotherIsNotTakenForIt)
+{
+    Process holder("holder");
+    holder.context.uid = 1000;
+    holder.context.start = 100;
+    registerService(holder, "h", service("/a"));
+    const auto claim = [&](std::int64_t uid, std::int64_t pid, std::uint64_t start) {
+        Process other("holder");
+        other.context.instance = holder.context.instance;
+        other.context.uid = uid;
+        other.context.pid = pid;
+        other.context.start = start;
+        told();
+        void* const handle = registerService(other, "c", service("/a"));
+        const bool isSame = holder.peer->questions.empty();
+        isSame ? m_registry->cancelRequest(handle) : holder.peer->answer(true);
+        EXPECT_THAT(told(), Contains(HasSubstr(isSame ? "c: registered /a" : "c: 409: service already registered")));
+        return isSame;
+    };
+    EXPECT_TRUE(claim(1000, 7, 100));
+    EXPECT_FALSE(claim(1001, 7, 100));
+    EXPECT_FALSE(claim(1000, 8, 100));
+    EXPECT_FALSE(claim(1000, 7, 101)) << "the number of one that has ended";
+    EXPECT_FALSE(claim(1000, -1, 0));
+
+    Process hidden("hidden"); // in a namespace of processes that this one does not see
+    hidden.context.pid = 0;
+    registerService(hidden, "h", service("/b"));
+    hidden.reconnect();
+    hidden.context.start = 5;
+    registerService(hidden, "again", service("/b"));
+    EXPECT_THAT(told(), Contains("again: registered /b")) << "what is unknown of both decides nothing";
+}
+
 TEST_F(RegistryTest, NamesThePathThatWasMeant)
 {
     Process holder("holder"), other("other");

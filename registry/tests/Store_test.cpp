@@ -101,7 +101,7 @@ protected:
         const std::size_t process = draw(4);
         const std::string locator = draw(2) == 0 ? "ipc://p+here/s" : draw(2) == 0 ? "ipc://p+there/s" : "tcp://p:1/s";
         Claim claim;
-        claim.instance = process == 0 ? obr::UUID() : obr::UUID({static_cast<std::uint8_t>(process)});
+        claim.owner.instance = process == 0 ? obr::UUID() : obr::UUID({static_cast<std::uint8_t>(process)});
         claim.record = std::make_shared<Record>(Record{service(path, locator), 300});
         claim.record->serviceDef.id = obr::UUID({static_cast<std::uint8_t>(++m_lastStream % 256), 1});
         claim.keepsId = false;

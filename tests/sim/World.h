@@ -72,6 +72,8 @@ public:
     }
 
     void start(Process& process);
+    /// The same; to whomever it says hello it says that it is `other`.
+    void startPosing(Process& process, const Process& other);
     /// From one moment to the next: its loops never run again, its network ends, nothing is said.
     void kill(Process& process);
     /// As on SIGTERM.
@@ -90,6 +92,8 @@ public:
     };
     void registerService(Process& process, const Offer& offer);
     bool isInForce(const Registration& registration);
+    /// The registry, which lives, has it, and has its connection to whose it is.
+    bool isHeld(const Process& process, const Registration& registration);
     void subscribe(Process& process, Stream kind, const std::string& target);
     void subscribe(Process& process, Stream kind, const serviceregistry::Query& query);
     void dispose(Subscription& subscription);

@@ -130,6 +130,12 @@ void World::start(Process& process)
     }
 }
 
+void World::startPosing(Process& process, const Process& other)
+{
+    m_network->repeatInstance(m_groups + 1, other.group);
+    start(process);
+}
+
 void World::startRegistry(Process& process)
 {
     process.list = std::make_shared<Belief>();

@@ -36,6 +36,18 @@ bool World::isInForce(const Registration& registration)
     return registration.belief->isInForce();
 }
 
+bool World::isHeld(const Process& process, const Registration& registration)
+{
+    Process& registry = this->registry();
+    if (!registry.isRunning() || !m_network->isConnected(process.group, registry.group)) {
+        return false;
+    }
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    const auto claim = registry.list->claims.find(registration.path);
+    return registry.list->present[registration.path] && claim != registry.list->claims.end() &&
+           claim->second == registration.belief->claim;
+}
+
 void World::subscribe(Process& process, Stream kind, const std::string& target)
 {
     add(process, {kind, target, Query(), Disposable(), std::make_shared<Belief>(), false});

@@ -1,10 +1,13 @@
+#include <comm/AtFork.h>
 #include <comm/processStart.h>
 #include <comm/wallClock.h>
 
 #include "monotonicClock.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <array>
 #include <charconv>
 #include <csignal>
 #include <cstdint>
@@ -20,11 +23,17 @@ namespace {
 /// What the kernel says of the process after its name, in parentheses that may be in it, too; empty when it is gone.
 std::string fieldsAfterName(pid_t pid)
 {
-    std::ifstream in("/proc/" + std::to_string(pid) + "/stat");
-    std::string line;
-    std::getline(in, line, '\0'); // which fails where the process ends meanwhile; iterators of the buffer would throw
-    const std::size_t name = line.rfind(')');
-    return name == std::string::npos ? std::string() : line.substr(name + 1);
+    const std::string file = "/proc/" + std::to_string(pid) + "/stat";
+    const int stat = AtFork::open([&file] { return ::open(file.c_str(), O_RDONLY | O_CLOEXEC); });
+    if (stat < 0) {
+        return {};
+    }
+    std::array<char, 1024> line;                                 // more than all that is asked for
+    const ssize_t size = ::read(stat, line.data(), line.size()); // which fails where the process ends meanwhile
+    AtFork::close(stat);
+    const std::string_view fields(line.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+    const std::size_t name = fields.rfind(')');
+    return std::string(name == std::string_view::npos ? "" : fields.substr(name + 1));
 }
 
 /// 0 when it is not there.
@@ -75,10 +84,15 @@ bool isProcessEnding(pid_t pid)
     return fields.size() > 1 && (fields[1] == 'Z' || fields[1] == 'X' || (numberAt(fields, FLAGS) & IS_EXITING) != 0);
 }
 
-TimeNs processStart(pid_t pid)
+std::uint64_t processStartTicks(pid_t pid)
 {
     constexpr int START = 19;
-    const TimeNs ticks = numberAt(fieldsAfterName(pid), START); // since the machine's start
+    return static_cast<std::uint64_t>(numberAt(fieldsAfterName(pid), START));
+}
+
+TimeNs processStart(pid_t pid)
+{
+    const auto ticks = static_cast<TimeNs>(processStartTicks(pid));
     if (ticks == 0) {
         return 0;
     }

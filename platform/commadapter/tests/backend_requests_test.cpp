@@ -132,7 +132,8 @@ TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
         EXPECT_NE(clientId, "somebody else");
         if (context != nullptr) {
             EXPECT_FALSE(context->instance.isNil());
-            seen = context->process + ' ' + std::to_string(context->pid) + ' ' + clientId;
+            seen = context->process + ' ' + std::to_string(context->pid) + ' ' + std::to_string(context->start) + ' ' +
+                   clientId;
         }
         for (const auto& [name, one] : request.getHeaders()) {
             EXPECT_EQ(request.getHeader(name), one) << name;
@@ -150,7 +151,8 @@ TEST_P(BackendRequests, ServiceLearnsFromTheTransportWhoAsks)
     request.setHeader("less", -1);
     client->request(request);
     settle();
-    EXPECT_EQ(seen, isLocal() ? "" : "client 2 client:2") << "in the memory network the group is the pid";
+    EXPECT_EQ(seen, isLocal() ? "" : "client 2 1 client:2")
+        << "in the memory network the group is the pid, and counts starts";
 }
 
 TEST_P(BackendRequests, CancelledHandlerHearsNothingMore)

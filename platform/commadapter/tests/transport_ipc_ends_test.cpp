@@ -3,6 +3,8 @@
 #include "transport/PeerProcess.h"
 #include "transport_ipc_support.h"
 
+#include <comm/processStart.h>
+
 #include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -80,7 +82,9 @@ TEST_F(TransportIpc, WithoutThePeersPidfdTheNumberIsTakenAndTheSocketLookedAt)
     std::array<int, 2> pair{};
     ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()), 0);
     Child process([] {});
-    EXPECT_TRUE(openPeerProcessByPid(pair[0], process.pid).pidfd);
+    const PeerProcess peer = openPeerProcessByPid(pair[0], process.pid);
+    EXPECT_TRUE(peer.pidfd);
+    EXPECT_EQ(peer.start, comm::processStartTicks(process.pid));
     const pid_t pid = process.pid;
     process.end();
     EXPECT_TRUE(openPeerProcessByPid(pair[0], pid).hasEnded);

@@ -37,6 +37,9 @@ struct PeerIdentity {
     std::int64_t uid = -1;
     std::int64_t gid = -1;
     std::string subject;
+    /// When the process with that number began, in the kernel's ticks; 0 when unknown. Both together are one process,
+    /// also when the number is given to another one later.
+    std::uint64_t start = 0;
 };
 
 /// Hears of one stream, on the loop.

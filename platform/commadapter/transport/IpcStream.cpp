@@ -21,7 +21,11 @@ constexpr comm::TimeNs SHORTAGE_PAUSE = 100 * comm::MILLISECOND;
 
 PeerIdentity toIdentity(const ucred& credentials)
 {
-    return {credentials.pid, credentials.uid, credentials.gid, {}};
+    PeerIdentity identity;
+    identity.pid = credentials.pid;
+    identity.uid = credentials.uid;
+    identity.gid = credentials.gid;
+    return identity;
 }
 
 PeerIdentity connectedPeer(int socket)
@@ -222,6 +226,7 @@ void IpcStream::watchPeer()
 {
     PeerProcess process = openPeerProcess(m_socket.get(), m_peer.pid);
     m_pidfd = std::move(process.pidfd);
+    m_peer.start = process.start;
     if (m_pidfd) {
         m_pidfdWatch =
             m_loop->watch(m_pidfd.get(), comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { onPeerEnded(); });

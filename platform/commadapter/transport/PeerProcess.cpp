@@ -1,9 +1,14 @@
 #include "transport/PeerProcess.h"
 
+#include <comm/processStart.h>
+
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/types.h>
 #include <unistd.h>
+
+#include <utility>
 
 #ifndef SO_PEERPIDFD
 #define SO_PEERPIDFD 77
@@ -17,6 +22,14 @@ bool isAtEnd(int socket)
 {
     char byte = 0;
     return retryInterrupted([&] { return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT); }) == 0;
+}
+
+/// A process that lives after its start was read has had its number all the time.
+PeerProcess opened(Descriptor&& pidfd, std::int64_t pid)
+{
+    const std::uint64_t start = pid > 0 ? comm::processStartTicks(static_cast<pid_t>(pid)) : 0;
+    const bool isOfIt = start != 0 && !hasEnded(pidfd);
+    return {std::move(pidfd), false, false, isOfIt ? start : 0};
 }
 
 } // namespace
@@ -35,7 +48,7 @@ PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
     if (isAtEnd(socket)) {
         return {};
     }
-    return {std::move(pidfd), false};
+    return opened(std::move(pidfd), pid);
 }
 
 PeerProcess openPeerProcess(int socket, std::int64_t pid)
@@ -52,9 +65,15 @@ PeerProcess openPeerProcess(int socket, std::int64_t pid)
         return ::getsockopt(socket, SOL_SOCKET, SO_PEERPIDFD, &opened, &bytes) == 0 ? opened : -1;
     });
     if (pidfd) {
-        return {std::move(pidfd), false};
+        return opened(std::move(pidfd), pid);
     }
     return errno == ESRCH ? PeerProcess{Descriptor(), true} : openPeerProcessByPid(socket, pid);
+}
+
+bool hasEnded(const Descriptor& pidfd)
+{
+    pollfd ended{pidfd.get(), POLLIN, 0};
+    return retryInterrupted([&ended] { return ::poll(&ended, 1, 0); }) > 0;
 }
 
 } // namespace kesa::commadapter::transport

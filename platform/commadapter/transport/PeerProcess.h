@@ -11,8 +11,9 @@ namespace kesa::commadapter::transport {
 /// kernel gives none; then one of the others may tell why.
 struct PeerProcess {
     Descriptor pidfd;
-    bool hasEnded = false; ///< the process is gone
-    bool isShort = false;  ///< no descriptors or memory just now
+    bool hasEnded = false;   ///< the process is gone
+    bool isShort = false;    ///< no descriptors or memory just now
+    std::uint64_t start = 0; ///< as in `PeerIdentity`
 };
 
 /// `pid` is the peer's, as the credentials on `socket` have it.
@@ -20,6 +21,9 @@ PeerProcess openPeerProcess(int socket, std::int64_t pid);
 
 /// The same without `SO_PEERPIDFD`, which Linux has since 6.5.
 PeerProcess openPeerProcessByPid(int socket, std::int64_t pid);
+
+/// Whether the process of a pidfd has ended, though perhaps nobody has asked how.
+bool hasEnded(const Descriptor& pidfd);
 
 } // namespace kesa::commadapter::transport
 

@@ -19,6 +19,8 @@ public:
 
     /// Not waited for. `comm`: the "comm" of its document.
     virtual void start(const std::string& who, const std::string& comm) = 0;
+    /// Starts it as one that says to all that it is the other.
+    virtual void pose(const std::string& who, const std::string& other) = 0;
     virtual void kill(const std::string& who) = 0;
     /// In order; returns when it has ended.
     virtual void quit(const std::string& who) = 0;

@@ -30,6 +30,10 @@ public:
         options.services = m_services.value_or(std::vector<std::string>());
         m_members[who] = who == REGISTRY ? &m_stage.launchRegistry(options) : &m_stage.launch(who, options);
     }
+    void pose(const std::string&, const std::string&) override
+    {
+        throw Mistake("real processes do not lie: add \"only-simulated: REASON\"");
+    }
     void kill(const std::string& who) override
     {
         of(who).kill();

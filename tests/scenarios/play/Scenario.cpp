@@ -11,8 +11,8 @@ namespace kesa::scenarios {
 
 namespace {
 
-const std::vector<std::string> OF_THE_STAGE = {"start", "kill",    "quit", "stop",  "continue",
-                                               "hears", "unheard", "cut",  "behind"};
+const std::vector<std::string> OF_THE_STAGE = {"start",    "pose",  "kill",    "quit", "stop",
+                                               "continue", "hears", "unheard", "cut",  "behind"};
 const std::vector<std::string> OF_PROCESSES = {"fork", "spawn", "handle-term"};
 constexpr const char* BLANKS = " \t\r";
 
@@ -96,7 +96,7 @@ private:
         if (who == REGISTRY && m_scenario.services) {
             mistake("with \"services:\" there is no registry");
         }
-        if (step.command == "start") {
+        if (step.command == "start" || step.command == "pose") {
             m_known.push_back(who);
         } else if (!contains(m_known, who)) {
             mistake("\"" + who + "\" was never started");

@@ -46,27 +46,8 @@ public:
         drawFaults();
     }
 
-    void start(const std::string& who, const std::string& comm) override
-    {
-        Member& member = m_members[who];
-        if (member.process == nullptr) {
-            member.process = &m_world.add(who);
-        }
-        look(who);
-        const std::string settings = comm.empty() ? "{}" : comm;
-        member.told = std::make_shared<actor::Told>();
-        member.process->settings = settingsOf(settings);
-        if (who != REGISTRY) {
-            const auto& services = m_scenario.services;
-            member.process->document =
-                actor::document(!services, services.value_or(std::vector<std::string>()), settings);
-        }
-        m_world.start(*member.process);
-        if (who != REGISTRY) {
-            member.process->actor = std::make_unique<actor::Actor>(
-                *member.process->runtime, [told = member.told](const std::string& event) { told->add(event); });
-        }
-    }
+    void start(const std::string& who, const std::string& comm) override { start(who, comm, nullptr); }
+    void pose(const std::string& who, const std::string& other) override { start(who, {}, running(other).process); }
     void kill(const std::string& who) override
     {
         Member& member = running(who);
@@ -172,6 +153,32 @@ private:
         std::shared_ptr<actor::Told> told = std::make_shared<actor::Told>();
         std::vector<std::string> late{}; ///< what it was told while it stood still
     };
+
+    void start(const std::string& who, const std::string& comm, const sim::Process* posesAs)
+    {
+        Member& member = m_members[who];
+        if (member.process == nullptr) {
+            member.process = &m_world.add(who);
+        }
+        look(who);
+        const std::string settings = comm.empty() ? "{}" : comm;
+        member.told = std::make_shared<actor::Told>();
+        member.process->settings = settingsOf(settings);
+        if (who != REGISTRY) {
+            const auto& services = m_scenario.services;
+            member.process->document =
+                actor::document(!services, services.value_or(std::vector<std::string>()), settings);
+        }
+        if (posesAs == nullptr) {
+            m_world.start(*member.process);
+        } else {
+            m_world.startPosing(*member.process, *posesAs);
+        }
+        if (who != REGISTRY) {
+            member.process->actor = std::make_unique<actor::Actor>(
+                *member.process->runtime, [told = member.told](const std::string& event) { told->add(event); });
+        }
+    }
 
     Member& running(const std::string& who)
     {

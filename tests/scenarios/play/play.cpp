@@ -42,6 +42,7 @@ private:
     {
         static const std::map<std::string, std::function<void(Cast&, const Step&)>> STAGE = {
             {"start", [](Cast& cast, const Step& is) { cast.start(is.who, is.arguments); }},
+            {"pose", [](Cast& cast, const Step& is) { cast.pose(is.who, is.arguments); }},
             {"kill", [](Cast& cast, const Step& is) { cast.kill(is.who); }},
             {"quit", [](Cast& cast, const Step& is) { cast.quit(is.who); }},
             {"stop", [](Cast& cast, const Step& is) { cast.stop(is.who); }},
@@ -69,7 +70,7 @@ private:
         const auto stage = STAGE.find(step.command);
         if (stage != STAGE.end()) {
             stage->second(m_cast, step);
-            if (step.command == "start" && step.who != REGISTRY) {
+            if ((step.command == "start" || step.command == "pose") && step.who != REGISTRY) {
                 m_cast.tell(step.who, "narrate");
             }
         } else {

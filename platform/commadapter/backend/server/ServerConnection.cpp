@@ -72,6 +72,7 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     m_context.pid = identity.pid;
     m_context.uid = identity.uid;
     m_context.gid = identity.gid;
+    m_context.start = identity.start;
     m_context.subject = identity.subject;
     m_context.peer = std::make_shared<Peer>(loop().shared_from_this(),
                                             std::static_pointer_cast<ServerConnection>(shared_from_this()));

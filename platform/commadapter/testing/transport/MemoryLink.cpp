@@ -5,6 +5,8 @@
 #include "transport/MemoryLink.h"
 
 #include <algorithm>
+#include <string_view>
+#include <utility>
 
 namespace kesa::commadapter::transport::memory {
 
@@ -152,6 +154,27 @@ void keepFirst(End& end, std::size_t bytes)
     end.chunks = std::move(chunks);
 }
 
+/// The instance in a hello; empty when there is none.
+std::string_view instanceIn(std::string_view bytes)
+{
+    constexpr std::string_view KEY = "\x14\x50"; // 20, and that 16 bytes follow
+    const std::size_t key = bytes.find(KEY);
+    return key == std::string_view::npos ? std::string_view() : bytes.substr(key + KEY.size(), 16);
+}
+
+/// What a group that repeats another one's instance writes first says so; `hello` is all that it has to write.
+void speakFor(Streams& streams, std::uint64_t group, std::string& hello)
+{
+    const std::string_view own = instanceIn(hello);
+    streams.instances[group] = own;
+    const auto repeated = streams.repeated.find(group);
+    const auto other =
+        repeated == streams.repeated.end() ? streams.instances.end() : streams.instances.find(repeated->second);
+    if (other != streams.instances.end() && other->second.size() == own.size()) {
+        hello.replace(static_cast<std::size_t>(own.data() - hello.data()), own.size(), other->second);
+    }
+}
+
 class MemoryStream final : public IStream {
 public:
     MemoryStream(std::shared_ptr<Streams> streams, std::shared_ptr<Link> link, std::size_t side)
@@ -160,6 +183,7 @@ public:
         m_peer.pid = static_cast<std::int64_t>(other().group);
         m_peer.uid = 0;
         m_peer.gid = 0;
+        m_peer.start = 1 + m_streams->deaths[other().group];
     }
     ~MemoryStream() override { close(); }
     MemoryStream(const MemoryStream&) = delete;
@@ -267,14 +291,19 @@ IStream::Result MemoryStream::write(std::span<const iovec> from, std::size_t& si
     if (wanted == 0) {
         return Result::eWOULD_BLOCK;
     }
-    if (m_streams->happens(m_streams->faults.shortWritePercent)) {
+    const bool isHello = !std::exchange(own().hasWritten, true);
+    const bool isLie = isHello && m_streams->repeated.count(own().group) != 0; // which is written in one
+    if (m_streams->happens(m_streams->faults.shortWritePercent) && !isLie) {
         wanted = 1 + static_cast<std::size_t>(m_streams->draw(wanted));
     }
     std::string bytes;
     for (const iovec& part : from) {
-        const std::size_t count = std::min(part.iov_len, wanted - bytes.size());
-        bytes.append(static_cast<const char*>(part.iov_base), count);
+        bytes.append(static_cast<const char*>(part.iov_base), part.iov_len);
     }
+    if (isHello) {
+        speakFor(*m_streams, own().group, bytes);
+    }
+    bytes.resize(wanted);
     size = wanted;
     other().unread += wanted;
     const comm::TimeNs arrival = arrivalTime(*m_streams, other());

@@ -9,6 +9,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -22,7 +23,10 @@ struct Link;
 struct Streams {
     std::mutex lock;
     MemoryNetwork::Faults faults;
-    std::vector<std::shared_ptr<Link>> links; ///< those with an end somebody may still use, oldest first
+    std::vector<std::shared_ptr<Link>> links;        ///< those with an end somebody may still use, oldest first
+    std::map<std::uint64_t, std::string> instances;  ///< by group, as its hellos have it
+    std::map<std::uint64_t, std::uint64_t> deaths;   ///< of processes of the group
+    std::map<std::uint64_t, std::uint64_t> repeated; ///< the group whose instance a group says instead
 
     std::uint64_t draw(std::uint64_t bound) const { return faults.draw && bound > 0 ? faults.draw(bound) : 0; }
     bool happens(unsigned percent) const { return faults.draw && percent > 0 && faults.draw(100) < percent; }
@@ -48,6 +52,7 @@ struct End {
     bool isEndRead = false;
     bool isPeerGone = false; ///< to be told by `onPeerExited`
     bool wantsWrite = false;
+    bool hasWritten = false; ///< its hello, with which each stream begins
     bool isReading = true;
     bool isClosed = false; ///< by its owner, or with its process
     bool isWoken = false;  ///< a look at it is queued on its loop

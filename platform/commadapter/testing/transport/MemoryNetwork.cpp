@@ -95,6 +95,13 @@ void closePort(Network& network, const std::shared_ptr<Port>& port)
     }
 }
 
+bool isBetween(const memory::Link& link, std::uint64_t a, std::uint64_t b)
+{
+    const std::uint64_t first = link.ends[0].group;
+    const std::uint64_t second = link.ends[1].group;
+    return (first == a && second == b) || (first == b && second == a);
+}
+
 class MemoryTransport final : public ITransport {
 public:
     MemoryTransport(std::shared_ptr<Network> network, std::shared_ptr<comm::Reactor> loop, std::uint64_t group)
@@ -277,6 +284,7 @@ void MemoryNetwork::setFaults(Faults faults)
 void MemoryNetwork::kill(std::uint64_t group)
 {
     const std::lock_guard lock(m_impl->lock);
+    ++m_impl->deaths[group];
     const auto ports = m_impl->ports;
     for (const auto& port : ports) {
         if (port->group == group) {
@@ -300,12 +308,25 @@ void MemoryNetwork::cut(std::uint64_t a, std::uint64_t b)
 {
     const std::lock_guard lock(m_impl->lock);
     for (const auto& link : m_impl->links) {
-        const std::uint64_t first = link->ends[0].group;
-        const std::uint64_t second = link->ends[1].group;
-        if ((first == a && second == b) || (first == b && second == a)) {
+        if (isBetween(*link, a, b)) {
             memory::cutLink(m_impl, link);
         }
     }
+}
+
+void MemoryNetwork::repeatInstance(std::uint64_t liar, std::uint64_t other)
+{
+    const std::lock_guard lock(m_impl->lock);
+    m_impl->repeated[liar] = other;
+}
+
+bool MemoryNetwork::isConnected(std::uint64_t a, std::uint64_t b) const
+{
+    const std::lock_guard lock(m_impl->lock);
+    const auto isOpen = [](const memory::End& end) { return !end.isClosed && !end.isOver; };
+    return std::any_of(m_impl->links.begin(), m_impl->links.end(), [&](const auto& link) {
+        return isBetween(*link, a, b) && isOpen(link->ends[0]) && isOpen(link->ends[1]);
+    });
 }
 
 std::size_t MemoryNetwork::openStreams() const

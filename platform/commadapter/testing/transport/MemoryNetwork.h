@@ -42,6 +42,10 @@ public:
     void kill(std::uint64_t group);
     /// Cuts the streams between two groups; both sides lose a drawn part of what they have not read and see the end.
     void cut(std::uint64_t a, std::uint64_t b);
+    /// The hellos of `liar` say from now on that it is `other`, by the instance that this one's last hello had.
+    void repeatInstance(std::uint64_t liar, std::uint64_t other);
+    /// There is a stream between the two groups whose end neither of them can have seen.
+    bool isConnected(std::uint64_t a, std::uint64_t b) const;
     /// Ends of streams that their owners have not closed.
     std::size_t openStreams() const;
 

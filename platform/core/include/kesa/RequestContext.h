@@ -14,8 +14,8 @@
 
 namespace kesa {
 
-/// Who asks: the peer of the request that is being handled on this thread. `pid`, `uid` and `gid` are the kernel's
-/// word, the process name and instance the peer's own.
+/// Who asks: the peer of the request that is being handled on this thread. `pid`, `uid`, `gid` and `start` are the
+/// kernel's word, the process name and instance the peer's own, which any process could repeat.
 class KESA_API RequestContext {
 public:
     obr::UUID instance;    ///< differs for each start of a process
@@ -25,6 +25,9 @@ public:
     std::int64_t pid = -1; ///< -1 when unknown
     std::int64_t uid = -1;
     std::int64_t gid = -1;
+    /// When the process `pid` began, in ticks since the machine's start; 0 when unknown. Who keeps the number of a
+    /// process keeps this beside it: the number alone may be another's later.
+    std::uint64_t start = 0;
     std::string subject; ///< of the peer's certificate, where there is one
     std::shared_ptr<IPeer> peer;
     IStreamControl* stream = nullptr; ///< of the request being handled, inside that call only
