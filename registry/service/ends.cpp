@@ -1,5 +1,5 @@
-// How a registration ends other than by its client's word: with its peer, or because its holder shows no sign of life
-// when somebody else claims the path. A holder is asked only then.
+// How a registration ends other than by its client's word: with its peer, or because its holder lives no more when
+// somebody else claims the path. That is asked only then.
 
 #include "service/RegistryImpl.h"
 #include "service/channel.h"
@@ -21,7 +21,7 @@ void Registry::Impl::askHolder(const Effect& effect)
         m_store.proved(path, effect.proof, true);
         return;
     }
-    KESA_TRACE(CHANNEL, 2, "[claim] '%s' is claimed; asking its holder %s", path.c_str(), asker->name().c_str());
+    KESA_TRACE(CHANNEL, 2, "[claim] '%s' is claimed; does its holder %s live?", path.c_str(), asker->name().c_str());
     auto answer = [weak = weak_from_this(), holder = std::weak_ptr<Asker>(asker), record = effect.record,
                    proof = effect.proof](bool isAlive) {
         if (const auto self = weak.lock()) {
@@ -29,7 +29,7 @@ void Registry::Impl::askHolder(const Effect& effect)
         }
     };
     if (asker->peer) {
-        asker->peer->proveAlive(PROOF_TIME, std::move(answer));
+        asker->peer->isProcessAlive(PROOF_TIME, std::move(answer));
     } else {
         m_proveMirrored(path, std::move(answer));
     }
@@ -41,8 +41,7 @@ void Registry::Impl::proved(const std::string& path, std::uint64_t proof, bool i
     turn([&] {
         const auto holder = asker.lock();
         if (!isAlive && holder) {
-            KESA_TRACE(CHANNEL, 3, "[claim] '%s': its holder %s shows no sign of life", path.c_str(),
-                       holder->name().c_str());
+            KESA_TRACE(CHANNEL, 3, "[claim] '%s': its holder %s does not live", path.c_str(), holder->name().c_str());
             dropRegistrations(*holder);
         }
         m_store.proved(path, proof, isAlive);
@@ -61,7 +60,7 @@ void Registry::Impl::dropRegistrations(const Asker& asker)
     std::sort(streams.begin(), streams.end());
     for (const StreamId stream : streams) {
         if (const RecordPtr gone = m_store.end(stream)) {
-            noteEnd(m_requests.at(stream), *gone, "no sign of life");
+            noteEnd(m_requests.at(stream), *gone, "its process does not live");
         }
     }
 }

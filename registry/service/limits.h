@@ -36,7 +36,7 @@ inline constexpr std::size_t MAX_EXPLAINED_ASKS = 16;
 /// And so many names are looked at for the path that was meant by one that is not there.
 inline constexpr std::size_t MAX_NEAREST_LOOKS = 2000;
 
-/// How long a holder has to show that it lives.
+/// How long a holder has to show that it lives, where the kernel does not know.
 inline constexpr comm::TimeNs PROOF_TIME = comm::SECOND;
 
 } // namespace kesa::registry

@@ -49,8 +49,7 @@ struct Claim {
 /// registration that had it is superseded: nothing is said to it any more, and its end changes nothing. Should the one
 /// that took over end before it, it has the path again: what a lost connection still brought may be read after the
 /// same request over the new connection, and ends with the lost one. Claims of
-/// others wait in order while the holder is asked to prove that it lives, one claim at a time, each by a question of
-/// its own.
+/// others wait in order while it is asked whether the holder lives, one claim at a time, each by a question of its own.
 class Store {
 public:
     void registerService(StreamId stream, const Claim& claim);

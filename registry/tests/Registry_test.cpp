@@ -226,7 +226,7 @@ TEST_F(RegistryTest, NewsWaitForAPeerThatDoesNotTakeThem)
     const Lines meanwhile = told();
     EXPECT_THAT(meanwhile, Contains("quick: [+/a]"));
     EXPECT_THAT(meanwhile, Not(Contains(testing::StartsWith("slow: "))));
-    EXPECT_TRUE(slow.peer->questions.empty());
+    EXPECT_TRUE(slow.peer->pings.empty());
     Lines late;
     while (slow.peer->drain()) {
         const Lines more = told();
@@ -239,7 +239,7 @@ TEST_F(RegistryTest, NewsWaitForAPeerThatDoesNotTakeThem)
         m_registry->cancelRequest(registerService(provider, "r", service("/b")));
         told();
     }
-    EXPECT_EQ(slow.peer->questions.size(), 1U) << "a peer for whom that much waits has to live";
+    EXPECT_EQ(slow.peer->pings.size(), 1U) << "a peer for whom that much waits has to live";
 }
 
 TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)

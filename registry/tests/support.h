@@ -63,7 +63,11 @@ std::unique_ptr<IResponseHandler<T>> noting(const std::shared_ptr<Lines>& lines,
 /// A peer whose answers are in the test's hand.
 class FakePeer final : public IPeer {
 public:
-    void proveAlive(comm::TimeNs, std::function<void(bool)> answer) override { questions.push_back(std::move(answer)); }
+    void proveAlive(comm::TimeNs, std::function<void(bool)> answer) override { pings.push_back(std::move(answer)); }
+    void isProcessAlive(comm::TimeNs, std::function<void(bool)> answer) override
+    {
+        questions.push_back(std::move(answer));
+    }
     void whenDrained(std::function<void()> task) override { tasks.push_back(std::move(task)); }
     void disconnect(const char*) override {}
     std::string endReason() const override { return reason; }
@@ -85,8 +89,9 @@ public:
         return !waiting.empty();
     }
 
-    std::string reason; ///< why its connection has ended
-    std::vector<std::function<void(bool)>> questions;
+    std::string reason;                               ///< why its connection has ended
+    std::vector<std::function<void(bool)>> questions; ///< whether its process lives
+    std::vector<std::function<void(bool)>> pings;
     std::vector<std::function<void()>> tasks;
 };
 

@@ -92,8 +92,8 @@ public:
     };
     void registerService(Process& process, const Offer& offer);
     bool isInForce(const Registration& registration);
-    /// The registry, which lives, has it, and has its connection to whose it is.
-    bool isHeld(const Process& process, const Registration& registration);
+    /// Why the registry does not have it, from the process whose it is; empty while it does.
+    std::string whyNotHeld(const Process& process, const Registration& registration);
     void subscribe(Process& process, Stream kind, const std::string& target);
     void subscribe(Process& process, Stream kind, const serviceregistry::Query& query);
     void dispose(Subscription& subscription);

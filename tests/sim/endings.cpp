@@ -31,8 +31,9 @@ void World::checkRefusals()
     }
 }
 
-/// The registry may refuse only what a living process has registered meanwhile. A runtime may also refuse by what it
-/// has heard last, which may be a little old.
+/// The registry may refuse only what a living process has registered meanwhile, and of which no withdrawal had come: it
+/// asks the kernel, which knows nothing of what is on its way. On a machine nothing is. A runtime may also refuse by
+/// what it has heard last, which may be a little old.
 bool World::isDoubleClaim(const Belief& refused) const
 {
     const auto self = std::find_if(m_claims.begin(), m_claims.end(),
@@ -44,7 +45,8 @@ bool World::isDoubleClaim(const Belief& refused) const
             return false;
         }
         const bool isRecent = belief.ended.number == 0 || belief.ended.time >= oldest;
-        const bool overlaps = belief.ended.number == 0 || belief.ended.number > refused.begun.number;
+        const bool overlaps = belief.ended.number == 0 || belief.ended.number > refused.begun.number ||
+                              belief.ended.time + m_network->longestDelay() >= refused.begun.time;
         if (other.group == self->group) {
             return !refused.accepted && overlaps;
         }

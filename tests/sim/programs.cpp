@@ -36,16 +36,23 @@ bool World::isInForce(const Registration& registration)
     return registration.belief->isInForce();
 }
 
-bool World::isHeld(const Process& process, const Registration& registration)
+std::string World::whyNotHeld(const Process& process, const Registration& registration)
 {
     Process& registry = this->registry();
-    if (!registry.isRunning() || !m_network->isConnected(process.group, registry.group)) {
-        return false;
+    if (!registry.isRunning()) {
+        return "the registry does not run";
+    }
+    if (!m_network->isConnected(process.group, registry.group)) {
+        return "the connection has ended";
     }
     const std::lock_guard<std::mutex> lock(m_verdict->mutex);
-    const auto claim = registry.list->claims.find(registration.path);
-    return registry.list->present[registration.path] && claim != registry.list->claims.end() &&
-           claim->second == registration.belief->claim;
+    const Belief& list = *registry.list;
+    const auto shown = list.present.find(registration.path);
+    if (shown == list.present.end() || !shown->second) {
+        return "nobody has it";
+    }
+    const std::string& claim = list.claims.at(registration.path);
+    return claim == registration.belief->claim ? "" : "it is #" + claim + "'s";
 }
 
 void World::subscribe(Process& process, Stream kind, const std::string& target)

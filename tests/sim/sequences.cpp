@@ -192,19 +192,29 @@ void Run::lose(Process& process)
     }
 }
 
-/// Stands still while another registers what it holds; it may be for too long to be taken to live.
+/// Stands still, for however long, while another registers what it holds, and may say that it is the holder. Nobody
+/// loses what is his while he lives; where records are large, he may lose his connection for not taking them.
 void Run::usurp(Process& process)
 {
     Process& other = *pick(m_world.processes());
+    comm::SimulatedScheduler* const scheduler = m_world.scheduler();
     for (const Registration& registration : process.registrations) {
-        if (m_world.isInForce(registration) && &other != &process && other.isRunning()) {
-            m_world.stop(process);
-            m_world.registerService(other, offerOf(registration.path));
-            if (comm::SimulatedScheduler* const scheduler = m_world.scheduler()) {
-                scheduler->runFor(static_cast<comm::TimeNs>(500 + draw(2500)) * comm::MILLISECOND);
-            }
-            return;
+        if (scheduler == nullptr || !m_world.isInForce(registration) || &other == &process || !other.isRunning()) {
+            continue;
         }
+        if (oneIn(3) && !other.isRegistry) {
+            m_world.kill(other);
+            m_world.startPosing(other, process); // meanwhile it may withdraw
+        }
+        m_world.stop(process);
+        const bool isHeld = m_fillerBytes == 0 && !process.isRegistry && m_world.isInForce(registration) &&
+                            m_world.whyNotHeld(process, registration).empty();
+        m_world.registerService(other, offerOf(registration.path));
+        scheduler->runFor(static_cast<comm::TimeNs>(500 + draw(2500)) * comm::MILLISECOND);
+        if (const std::string why = m_world.whyNotHeld(process, registration); isHeld && !why.empty()) {
+            m_world.verdict().fail("who lives keeps what is his", registration.belief->name + ": " + why);
+        }
+        return;
     }
 }
 

@@ -57,6 +57,7 @@ protected:
     void awaitRegistry();
 
     std::vector<Member*> claimants(const std::string& path);
+    void refused(Member& member, const std::string& path);
     void awaitFacts(Member& member, const Facts& facts, bool isAll);
     /// Whoever stands still goes on, and all come to believe what is provided.
     void settle();
@@ -77,7 +78,6 @@ private:
     Facts provided() const;
     std::string ask(Member& member, const Facts& facts, bool isAll);
     void awaitOneClaimant(const std::string& path);
-    void refused(Member& member, const std::string& path);
     std::vector<Member*> resumeAll();
 
     bool m_isRegistryReady = false;

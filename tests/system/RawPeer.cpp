@@ -27,6 +27,17 @@ void append(std::string& out, std::uint64_t number, int bytes)
     }
 }
 
+constexpr const char* INSTANCE = "\x14\x50"; // its key, and that it has 16 bytes
+
+std::uint32_t numberAt(std::string_view bytes, std::size_t offset)
+{
+    std::uint32_t number = 0;
+    for (std::size_t i = 4; i > 0; --i) {
+        number = number << 8U | static_cast<unsigned char>(bytes[offset + i - 1]);
+    }
+    return number;
+}
+
 std::string text(const std::string& content)
 {
     return static_cast<char>(0x60 + content.size()) + content;
@@ -47,10 +58,10 @@ std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target,
     return bytes + head + body;
 }
 
-std::string hello()
+std::string hello(const std::string& instance)
 {
     using namespace std::string_literals;
-    return frame(1, 0, 0, "\xbf\x10\x01\x11\x01\x12"s + text("raw") + "\x14\x50" + "0123456789abcdef" + "\xff");
+    return frame(eHELLO, 0, 0, "\xbf\x10\x01\x11\x01\x12"s + text("raw") + INSTANCE + instance + "\xff");
 }
 
 std::string attach(std::uint32_t target, const std::string& path)
@@ -62,6 +73,29 @@ std::string request(std::uint32_t stream, std::uint32_t target, const std::strin
 {
     using namespace std::string_literals;
     return frame(eREQUEST, stream, target, "\xbf\x00\x00\x01"s + text(resource) + "\xff");
+}
+
+std::string registration(std::uint32_t stream, std::uint32_t target, const std::string& path)
+{
+    using namespace std::string_literals;
+    const std::string head = "\xbf\x00\x03\x01"s + text(path) + "\x02\x01\x05\x00\x06"s + text("/registry") + "\xff";
+    return frame(eREQUEST, stream, target, head,
+                 R"({"path":")" + path + R"(","type":"pex","versions":[],"locators":["ipc://raw/"]})");
+}
+
+Kind kindOf(std::string_view frame)
+{
+    return static_cast<Kind>(frame.at(4));
+}
+
+std::string instanceIn(std::string_view hello)
+{
+    return std::string(hello.substr(hello.find(INSTANCE) + 2, 16));
+}
+
+std::uint32_t statusOf(std::string_view frame)
+{
+    return numberAt(frame, 12);
 }
 
 } // namespace wire
@@ -124,14 +158,38 @@ std::size_t RawPeer::sendSome(std::string_view bytes)
     return size > 0 ? static_cast<std::size_t>(size) : 0;
 }
 
+/// Or the end.
+void RawPeer::awaitBytes() const
+{
+    pollfd ready{m_socket, POLLIN, 0};
+    if (::poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(LIMIT).count())) <= 0) {
+        throw Missing("a raw peer waited in vain for bytes or the end");
+    }
+}
+
+std::string RawPeer::readFrame()
+{
+    constexpr std::size_t HEADER_BYTES = 16;
+    std::string frame;
+    for (std::size_t bytes = HEADER_BYTES; frame.size() < bytes;) {
+        awaitBytes();
+        const std::size_t had = frame.size();
+        frame.resize(bytes);
+        const ssize_t size = ::recv(m_socket, frame.data() + had, bytes - had, 0);
+        if (size <= 0) {
+            throw Missing("the connection of a raw peer has ended");
+        }
+        frame.resize(had + static_cast<std::size_t>(size));
+        bytes = frame.size() < HEADER_BYTES ? HEADER_BYTES : HEADER_BYTES + wire::numberAt(frame, 0);
+    }
+    return frame;
+}
+
 void RawPeer::awaitClosed()
 {
     std::array<char, 65536> buffer;
-    pollfd ready{m_socket, POLLIN, 0};
     do {
-        if (::poll(&ready, 1, static_cast<int>(std::chrono::milliseconds(LIMIT).count())) <= 0) {
-            throw Missing("a raw peer waited in vain for the end");
-        }
+        awaitBytes();
     } while (::recv(m_socket, buffer.data(), buffer.size(), 0) > 0);
 }
 

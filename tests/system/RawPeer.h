@@ -11,14 +11,22 @@ namespace kesa::system_test {
 /// code that keeps them.
 namespace wire {
 
-enum Kind : std::uint8_t { eATTACH = 2, eDETACHED = 4, eREQUEST = 5 };
+enum Kind : std::uint8_t { eHELLO = 1, eATTACH = 2, eDETACHED = 4, eREQUEST = 5, eERROR = 7 };
 
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head = {},
                   const std::string& body = {});
-std::string hello();
+/// `instance`: 16 bytes.
+std::string hello(const std::string& instance = "0123456789abcdef");
 std::string attach(std::uint32_t target, const std::string& path);
 /// A "retrieve" of `resource`, of at most 23 bytes.
 std::string request(std::uint32_t stream, std::uint32_t target, const std::string& resource);
+/// The registration of a path of at most 23 bytes at the registry.
+std::string registration(std::uint32_t stream, std::uint32_t target, const std::string& path);
+
+Kind kindOf(std::string_view frame);
+std::string instanceIn(std::string_view hello);
+/// Of an answer.
+std::uint32_t statusOf(std::string_view frame);
 
 } // namespace wire
 
@@ -35,11 +43,15 @@ public:
     /// Writes what is taken without waiting, and answers how much that was.
     std::size_t sendSome(std::string_view bytes);
 
+    /// The next frame that the other side has written.
+    std::string readFrame();
     /// Reads on until the other side closes.
     void awaitClosed();
     void close();
 
 private:
+    void awaitBytes() const;
+
     int m_socket = -1;
 };
 

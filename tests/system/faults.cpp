@@ -180,19 +180,22 @@ bool SystemFaults::crowd()
 
 // ---- claims -------------------------------------------------------------------------------------------------------
 
-/// Stopped for longer than the second it has to prove that it lives.
+/// However long its holder stands still, it is his as long as he lives: the other one is refused before he goes on.
 bool SystemFaults::claimOfStopped()
 {
     const std::string& path = CONTESTED[draw(CONTESTED.size())];
     const auto holders = claimants(path);
     Member* const rival = drawMember(m_providers, isRunning);
-    if (holders.size() != 1 || rival == nullptr || rival == holders.front() || !rival->couldTrack.empty()) {
+    if (holders.size() != 1 || rival == nullptr || rival == holders.front()) {
         return false;
     }
     resumeRegistry();
     stop(*holders.front());
     provide(*rival, path);
-    awaitFacts(m_witness, {"** " + path + ' ' + std::to_string(rival->claims[path])}, false);
+    if (m_isSettled) { // else the registry may not know of the holder yet
+        rival->process->expect("refused " + path);
+        refused(*rival, path);
+    }
     return true;
 }
 

@@ -1,6 +1,7 @@
 // `kesa-registryd` as a process: that nobody has to do anything when it comes, goes or comes back. What it says is in
 // the sessions of kesactl (running_errors).
 
+#include "RawPeer.h"
 #include "SystemTest.h"
 
 #include <sys/wait.h>
@@ -66,6 +67,31 @@ TEST_F(SystemRegistry, ADeathIsSeenThoughDescriptorsWereShortAndAChildKeepsTheSo
     provider.kill();
     provider.expect("orphaned");
     expectBelief(watcher, "** /registry -");
+}
+
+// Its instance is in the hello that it says to everybody. It stands still, and cannot defend what it has.
+TEST_F(SystemRegistry, WhoRepeatsTheInstanceOfAnotherGetsNoneOfItsPaths)
+{
+    startRegistry();
+    Process& watcher = start("watcher", WITH_REGISTRY);
+    watcher.send("track **");
+    Process& holder = start("media", WITH_REGISTRY);
+    holder.send("provide /player 1");
+    expectBelief(watcher, "** /player 1;** /registry -");
+    watcher.send("narrate");
+    const std::string instance = wire::instanceIn(RawPeer(runDirectory(), "media").readFrame());
+    holder.stop();
+    RawPeer thief(runDirectory(), "kesa-registryd");
+    thief.send(wire::hello(instance) + wire::attach(1, "/registry") + wire::registration(1, 1, "/player"));
+    std::string answer = thief.readFrame();
+    while (wire::kindOf(answer) <= wire::eREQUEST) {
+        answer = thief.readFrame();
+    }
+    EXPECT_EQ(wire::kindOf(answer), wire::eERROR);
+    EXPECT_EQ(wire::statusOf(answer), 409U);
+    holder.resume();
+    expectBelief(watcher, "** /player 1;** /registry -");
+    EXPECT_EQ(watcher.findUnexpected("gone"), "");
 }
 
 // None twice: the watcher would call that broken. The simulation has every order of starts.

@@ -159,6 +159,7 @@ public:
         m_link->notify(1 - m_side);
     }
 
+    Process process() const override { return Process::eLIVES; }
     std::size_t unread() const override
     {
         const std::lock_guard lock(m_link->lock);

@@ -12,6 +12,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
+using testing::StartsWith;
 
 using BackendConnections = SimulatedBackends;
 
@@ -317,11 +318,17 @@ protected:
     /// The answer appears in `answers`, with how many requests had been cancelled by then, and why.
     void ask(comm::TimeNs within = comm::SECOND)
     {
-        peer->proveAlive(within, [this](bool isAlive) {
-            EXPECT_EQ(peer->endReason().empty(), isAlive);
-            answers.push_back(
-                isAlive ? "alive" : "dead, cancels: " + std::to_string(service.cancels()) + ", " + peer->endReason());
-        });
+        peer->proveAlive(within, [this](bool isAlive) { answered(isAlive); });
+    }
+    void askForProcess()
+    {
+        peer->isProcessAlive(comm::SECOND, [this](bool isAlive) { answered(isAlive); });
+    }
+    void answered(bool isAlive)
+    {
+        EXPECT_EQ(peer->endReason().empty(), isAlive);
+        answers.push_back(isAlive ? "alive"
+                                  : "dead, cancels: " + std::to_string(service.cancels()) + ", " + peer->endReason());
     }
     comm::TimeNs timeToAnswers(std::size_t count)
     {
@@ -348,6 +355,27 @@ TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
     EXPECT_GE(timeToAnswers(2), 900 * comm::MILLISECOND);
     EXPECT_THAT(answers, ElementsAre("alive", SILENT));
     scheduler->continueGroup(2);
+}
+
+// Whether it stands still or not. What it had sent before counts: the end of its connection, and of a request.
+TEST_F(BackendPeers, ItsProcessLivesUntilTheKernelSaysOtherwise)
+{
+    client->request(retrieve("/stream"));
+    settle();
+    EXPECT_EQ(service.cancels(), 0U);
+    scheduler->pauseGroup(2);
+    askForProcess();
+    EXPECT_THAT(answers, SizeIs(0)) << "not inside the call";
+    settle();
+    EXPECT_THAT(answers, ElementsAre("alive"));
+    faults.draw = [](std::uint64_t) { return 0; };
+    faults.heldOpenPercent = 100;
+    network->setFaults(faults);
+    client->forgetBackend();
+    kill(clientBackend, 2);
+    askForProcess();
+    settle();
+    EXPECT_THAT(answers, ElementsAre("alive", StartsWith("dead, cancels: 2, the ")));
 }
 
 TEST_F(BackendPeers, PeerMayOutliveItsBackend)

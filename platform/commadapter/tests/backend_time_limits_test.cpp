@@ -276,7 +276,7 @@ TEST_F(BackendTimeLimitsRemote, WhoAsksManyAtOnceLeavesTheLoopToOthersAlsoInTheE
     service.onRequest = [&](const Request& request) {
         work(1);
         if (request.getPayload().size() == FLOOD_BODY && ++served == MANY / 2 && !clientBackend) {
-            RequestContext::current()->peer->proveAlive(100 * comm::MILLISECOND, [&](bool isAlive) {
+            RequestContext::current()->peer->isProcessAlive(100 * comm::MILLISECOND, [&](bool isAlive) {
                 proof = isAlive ? "alive" : "dead";
                 EXPECT_EQ(served, MANY) << "it came before the end";
                 EXPECT_EQ(service.cancels(), 1U);

@@ -80,6 +80,10 @@ public:
     /// Ends the stream and frees the descriptor. With the owner's output lock held, so that nobody writes meanwhile.
     virtual void close() = 0;
 
+    enum class Process { eLIVES, eENDED, eUNKNOWN };
+    /// What the kernel says of the process at the other end, be it stopped or not; of one that has ended, some bytes
+    /// may be left to read. Unknown where nobody can say. Loop only.
+    virtual Process process() const = 0;
     /// Bytes that the peer has written and nobody has read yet. Loop only.
     virtual std::size_t unread() const = 0;
     /// Known once the first bytes have been read.

@@ -133,6 +133,17 @@ IStream::Result IpcStream::read(std::span<unsigned char> into, std::size_t& size
     return received == 0 ? end("the peer closed the connection") : fail(errno);
 }
 
+IStream::Process IpcStream::process() const
+{
+    if (m_hasPeerEnded) {
+        return Process::eENDED;
+    }
+    if (!m_pidfd) {
+        return Process::eUNKNOWN;
+    }
+    return hasEnded(m_pidfd) ? Process::eENDED : Process::eLIVES;
+}
+
 std::size_t IpcStream::unread() const
 {
     int bytes = 0;

@@ -30,6 +30,7 @@ public:
     void setReading(bool isOn) override;
     void wantWrite() override;
     void close() override;
+    Process process() const override;
     std::size_t unread() const override;
     const PeerIdentity& peer() const noexcept override { return m_peer; }
     const std::string& reason() const noexcept override { return m_reason; }

@@ -277,11 +277,10 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    const std::string reason = "the peer's process has ended";
     if (m_isOpen && (!m_isReading || isInputStopped())) {
-        endAfterInput(reason);
+        endAfterInput(PROCESS_ENDED);
     } else {
-        lose(reason);
+        lose(PROCESS_ENDED);
     }
 }
 
@@ -440,7 +439,6 @@ void Connection::writeFailed()
     });
 }
 
-/// The peer has gone: what it had sent is handled first.
 void Connection::endAfterInput(std::string reason)
 {
     {

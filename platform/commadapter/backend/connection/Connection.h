@@ -85,11 +85,17 @@ protected:
     /// Of what the peer has sent not all has been handled: the rest comes in later turns. Loop only, while open.
     bool isReadingOn() const noexcept { return m_isToReadOn; }
 
+    /// Ends the stream as `lose` does, once what the peer had sent has been handled. Nothing is written any more. Loop
+    /// only, while open.
+    void endAfterInput(std::string reason);
+    static constexpr const char* PROCESS_ENDED = "the peer's process has ended";
+
     bool isOpen() const noexcept { return m_isOpen; }
     /// While open; lock held.
     protocol::Machine& machine() noexcept { return *m_machine; }
     /// Loop only, while open.
     const transport::PeerIdentity& peer() const noexcept { return m_stream->peer(); }
+    transport::IStream::Process peerProcess() const { return m_stream->process(); }
     IoLoop& loop() const noexcept { return *m_loop; }
     /// Fills in what both sides know of an open connection; `openedAt` by `comm::now`. Lock held, loop only.
     void addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const;
@@ -136,7 +142,6 @@ private:
     void endBatch(bool hasRead, bool isPong, bool isEmpty);
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
-    void endAfterInput(std::string reason);
     bool isInputStopped() const noexcept;
     void write();
     std::size_t shutBound() const;

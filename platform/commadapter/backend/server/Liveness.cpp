@@ -31,6 +31,35 @@ void Liveness::prove(comm::TimeNs within, std::function<void(bool isAlive)> answ
     }
 }
 
+/// What has come may change what was asked for: a cancel, or the end of the connection of a process that lives on.
+void Liveness::askKernel(comm::TimeNs within, std::function<void(bool isAlive)> answer)
+{
+    if (!m_connection.isOpen()) {
+        answer(false);
+        return;
+    }
+    m_wishes.push_back({++m_lastNumber, within, std::move(answer)});
+    m_connection.readAll([this, number = m_lastNumber] { hearKernel(number); });
+}
+
+void Liveness::hearKernel(std::uint64_t number)
+{
+    const auto process = m_connection.peerProcess();
+    if (process == transport::IStream::Process::eENDED) {
+        m_connection.endAfterInput(ServerConnection::PROCESS_ENDED); // which answers
+        return;
+    }
+    const auto found =
+        std::find_if(m_wishes.begin(), m_wishes.end(), [number](const Wish& wish) { return wish.number == number; });
+    Wish wish = std::move(*found);
+    m_wishes.erase(found);
+    if (process == transport::IStream::Process::eLIVES) {
+        wish.answer(true);
+    } else {
+        prove(wish.within, std::move(wish.answer));
+    }
+}
+
 void Liveness::ask()
 {
     for (Question& question : m_questions) {
@@ -61,8 +90,12 @@ void Liveness::heard(bool isPong)
 
 void Liveness::end()
 {
+    const auto wishes = std::exchange(m_wishes, {});
     for (const Question& question : std::exchange(m_questions, {})) {
         question.answer(false);
+    }
+    for (const Wish& wish : wishes) {
+        wish.answer(false);
     }
 }
 

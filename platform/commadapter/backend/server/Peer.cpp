@@ -8,9 +8,19 @@ Peer::Peer(std::shared_ptr<IoLoop> loop, std::weak_ptr<ServerConnection> connect
 
 void Peer::proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
 {
-    m_loop->post([weak = m_connection, within, answer = std::move(answer)]() mutable {
+    ask(&Liveness::prove, within, std::move(answer));
+}
+
+void Peer::isProcessAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer)
+{
+    ask(&Liveness::askKernel, within, std::move(answer));
+}
+
+void Peer::ask(Question question, comm::TimeNs within, std::function<void(bool isAlive)>&& answer)
+{
+    m_loop->post([weak = m_connection, question, within, answer = std::move(answer)]() mutable {
         if (const auto connection = weak.lock()) {
-            connection->liveness().prove(within, std::move(answer));
+            (connection->liveness().*question)(within, std::move(answer));
         } else {
             answer(false);
         }

@@ -16,11 +16,15 @@ public:
     Peer(std::shared_ptr<IoLoop> loop, std::weak_ptr<ServerConnection> connection);
 
     void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) override;
+    void isProcessAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) override;
     void whenDrained(std::function<void()> task) override;
     void disconnect(const char* reason) override;
     std::string endReason() const override;
 
 private:
+    using Question = void (Liveness::*)(comm::TimeNs within, std::function<void(bool isAlive)> answer);
+    void ask(Question question, comm::TimeNs within, std::function<void(bool isAlive)>&& answer);
+
     const std::shared_ptr<IoLoop> m_loop;
     const std::weak_ptr<ServerConnection> m_connection;
 };

@@ -221,6 +221,7 @@ public:
         closeEnd(m_streams, m_link, m_side, "the peer closed the connection");
     }
 
+    Process process() const override;
     std::size_t unread() const override
     {
         const std::lock_guard lock(m_streams->lock);
@@ -238,6 +239,17 @@ private:
     const std::size_t m_side;
     PeerIdentity m_peer;
 };
+
+/// A death is no news before what was written before it: what is on its way still may be anything.
+IStream::Process MemoryStream::process() const
+{
+    const std::lock_guard lock(m_streams->lock);
+    const End& end = m_link->ends[m_side];
+    if (!end.hasPeerEnded) {
+        return end.isOver ? Process::eUNKNOWN : Process::eLIVES;
+    }
+    return arrivedBytes(end, comm::now()) == end.unread ? Process::eENDED : Process::eUNKNOWN;
+}
 
 IStream::Result MemoryStream::read(std::span<unsigned char> into, std::size_t& size)
 {

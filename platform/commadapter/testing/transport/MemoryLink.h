@@ -50,7 +50,8 @@ struct End {
     bool isOver = false;          ///< nothing comes after `chunks`, and nothing can be written
     std::string reason;           ///< of the end
     bool isEndRead = false;
-    bool isPeerGone = false; ///< to be told by `onPeerExited`
+    bool isPeerGone = false;   ///< to be told by `onPeerExited`
+    bool hasPeerEnded = false; ///< the process at the other end
     bool wantsWrite = false;
     bool hasWritten = false; ///< its hello, with which each stream begins
     bool isReading = true;

@@ -36,6 +36,7 @@ struct Network : Streams {
     std::map<std::string, std::shared_ptr<Port>> listening;
     std::vector<std::shared_ptr<Port>> ports;
     comm::Reactor::Id lastWatch = 0;
+    comm::TimeNs longestDelay = 0;
     std::string realm;
 };
 
@@ -278,7 +279,14 @@ std::unique_ptr<ITransport> MemoryNetwork::makeTransport(std::shared_ptr<comm::R
 void MemoryNetwork::setFaults(Faults faults)
 {
     const std::lock_guard lock(m_impl->lock);
+    m_impl->longestDelay = std::max(m_impl->longestDelay, faults.longestDelay);
     m_impl->faults = std::move(faults);
+}
+
+comm::TimeNs MemoryNetwork::longestDelay() const
+{
+    const std::lock_guard lock(m_impl->lock);
+    return m_impl->longestDelay;
 }
 
 void MemoryNetwork::kill(std::uint64_t group)
@@ -298,6 +306,7 @@ void MemoryNetwork::kill(std::uint64_t group)
                 continue;
             }
             link->ends[1 - side].isPeerGone = true;
+            link->ends[1 - side].hasPeerEnded = true;
             const bool isHeldOpen = m_impl->happens(m_impl->faults.heldOpenPercent);
             memory::closeEnd(m_impl, link, side, "the peer's process has ended", isHeldOpen);
         }
@@ -324,9 +333,16 @@ bool MemoryNetwork::isConnected(std::uint64_t a, std::uint64_t b) const
 {
     const std::lock_guard lock(m_impl->lock);
     const auto isOpen = [](const memory::End& end) { return !end.isClosed && !end.isOver; };
-    return std::any_of(m_impl->links.begin(), m_impl->links.end(), [&](const auto& link) {
-        return isBetween(*link, a, b) && isOpen(link->ends[0]) && isOpen(link->ends[1]);
-    });
+    bool isThere = false;
+    for (const auto& link : m_impl->links) {
+        if (isBetween(*link, a, b)) {
+            if (!isOpen(link->ends[0]) || !isOpen(link->ends[1])) {
+                return false;
+            }
+            isThere = true;
+        }
+    }
+    return isThere;
 }
 
 std::size_t MemoryNetwork::openStreams() const

@@ -35,6 +35,8 @@ public:
         std::size_t pipeBytes = 256U << 10U; ///< what a stream holds before its writer would block
     };
     void setFaults(Faults faults);
+    /// Of any faults so far.
+    comm::TimeNs longestDelay() const;
 
     /// The process is gone: its listener and streams end, its name is free; its own side hears nothing any more.
     /// What it wrote is still read, then come the end and `onPeerExited`. Transports made for the group later are of a
@@ -44,7 +46,7 @@ public:
     void cut(std::uint64_t a, std::uint64_t b);
     /// The hellos of `liar` say from now on that it is `other`, by the instance that this one's last hello had.
     void repeatInstance(std::uint64_t liar, std::uint64_t other);
-    /// There is a stream between the two groups whose end neither of them can have seen.
+    /// There is a stream between the two groups, and none whose end one of them has still to see.
     bool isConnected(std::uint64_t a, std::uint64_t b) const;
     /// Ends of streams that their owners have not closed.
     std::size_t openStreams() const;

@@ -22,6 +22,14 @@ public:
     /// closed and its requests have been cancelled at their services. After the backend's end `answer` is dropped.
     virtual void proveAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) = 0;
 
+    /// Asks whether the peer's process lives. `answer` is called as by `proveAlive`. Where the kernel knows the
+    /// process, as over `ipc`, its word is the answer, given as soon as what the peer had sent by now has been handled:
+    /// true for a process that is stopped or silent, too, which is not asked and loses nothing. False when the process
+    /// or the connection has ended; before that, all that it had sent has been handled, the connection has been closed
+    /// and its requests have been cancelled at their services. Where the kernel does not know it, this is
+    /// `proveAlive(within, answer)`.
+    virtual void isProcessAlive(comm::TimeNs within, std::function<void(bool isAlive)> answer) = 0;
+
     /// Calls `task` once, on the I/O loop, never inside this call and with no lock held, as soon as nothing is queued
     /// for the peer any more. Dropped when the connection ends.
     virtual void whenDrained(std::function<void()> task) = 0;

@@ -10,9 +10,10 @@ namespace kesa::registry {
 /// The registry: who provides what, told to all who watch. Usable in any process; `RegistryHost` makes it a service.
 ///
 /// It never completes a stream and never sends `MODIFIED`: a changed record is `REMOVED`, then `ADDED`. All streams see
-/// changes in one order. A record lives as long as the request that registered it, and belongs to the process instance
-/// that sent it (`RequestContext::current()`; without one, to this process). A path that another living process holds
-/// is refused with 409, but only when the holder has just proved that it lives; a holder that does not is disconnected.
+/// changes in one order. A record lives as long as the request that registered it, and belongs to the process that sent
+/// it (`RequestContext::current()`; without one, to this process): the same instance, and the same `uid`, `pid` and
+/// `start`. A path that another process holds is refused with 409 if that one lives, also when it stands still
+/// (`IPeer::isProcessAlive`); one that has ended is disconnected, and the path is the claimant's.
 ///
 /// Per query, the first answer lists the services in the order of their paths, in lists below 48 KiB, as fast as the
 /// peer takes them, each service as it is when its turn comes. Changes of what has been listed come between, so that
