@@ -225,30 +225,30 @@ std::string reasonOf(const RunDirectory& directory)
 std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryFacts& facts, const Services* known)
 {
     constexpr comm::TimeNs LATELY = 60 * comm::SECOND;
-    std::vector<std::string> wrong;
-    const bool isKnownLost = std::any_of(facts.names.begin(), facts.names.end(),
-                                         [&note](const auto& name) { return name.isLost && name.holder == note.pid; });
-    if (note.isMoved && !isKnownLost) {
-        wrong.push_back(fmt::format("{} runs, but {}; {}", note.who(), IS_MOVED, AFTER_MOVE));
+    std::vector<std::string> wrong; // what matters most comes last
+    for (const NotedProcess::Dropped& drop : note.dropped) {
+        if (known != nullptr && known->count(drop.path) == 0 && sinceWall(drop.when) < LATELY) {
+            wrong.push_back(fmt::format("{} {}; {}", note.who(), dropText(drop), IS_REGISTRATION_KEPT));
+        }
+    }
+    for (const NotedProcess::TooSlow& slow : note.tooSlow) {
+        if (sinceWall(slow.when) < RECENTLY) {
+            wrong.push_back(fmt::format("{}: {}; {}", note.who(), slownessText(slow), afterSlowness(slow)));
+        }
+    }
+    for (const NotedProcess::Hold& hold : note.ownHolds) {
+        if (hold.waiting > 0 && hold.time >= LONG_OWN_HOLD) {
+            wrong.push_back(fmt::format("{}: {}; {}", note.who(), ownHoldText(hold), AFTER_OWN_HOLD));
+        }
     }
     for (const NotedProcess::Refusal& refusal : note.refused) {
         wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
                                     AFTER_REFUSAL));
     }
-    for (const NotedProcess::Dropped& drop : note.dropped) {
-        if (known != nullptr && known->count(drop.path) == 0) {
-            wrong.push_back(fmt::format("{} {}; {}", note.who(), dropText(drop), IS_REGISTRATION_KEPT));
-        }
-    }
-    for (const NotedProcess::TooSlow& slow : note.tooSlow) {
-        if (sinceWall(slow.when) < LATELY) {
-            wrong.push_back(fmt::format("{}: {}; {}", note.who(), slownessText(slow), afterSlowness(slow)));
-        }
-    }
-    for (const NotedProcess::Hold& hold : note.ownHolds) {
-        if (hold.waiting > 0) {
-            wrong.push_back(fmt::format("{}: {}; {}", note.who(), ownHoldText(hold), AFTER_OWN_HOLD));
-        }
+    const bool isKnownLost = std::any_of(facts.names.begin(), facts.names.end(),
+                                         [&note](const auto& name) { return name.isLost && name.holder == note.pid; });
+    if (note.isMoved && !isKnownLost) {
+        wrong.push_back(fmt::format("{} runs, but {}; {}", note.who(), IS_MOVED, AFTER_MOVE));
     }
     return wrong;
 }

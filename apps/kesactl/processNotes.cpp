@@ -139,6 +139,15 @@ const NotedProcess::Hold* NotedProcess::worstOwnHold() const
     return worst == ownHolds.end() ? nullptr : &*worst;
 }
 
+const NotedProcess::Hold* NotedProcess::ownHoldOf(std::string_view path) const
+{
+    const auto isOfPath = [path](const Hold& hold) {
+        return std::find(hold.services.begin(), hold.services.end(), path) != hold.services.end();
+    };
+    const auto found = std::find_if(ownHolds.begin(), ownHolds.end(), isOfPath);
+    return found == ownHolds.end() ? nullptr : &*found;
+}
+
 std::vector<pid_t> runningProcesses()
 {
     std::vector<pid_t> own;

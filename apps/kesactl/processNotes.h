@@ -34,6 +34,8 @@ struct NotedProcess : kesa::runtime::v02::ReadProcessNote {
     const Hold* holdOf(std::string_view loop) const;
     /// Of its own loops the one for which most wait; null when nothing holds one.
     const Hold* worstOwnHold() const;
+    /// Of the loop on which that path is served; null when nothing holds it, or when that is not known.
+    const Hold* ownHoldOf(std::string_view path) const;
 };
 
 /// All that this machine shows, those of this user first, each kind by their numbers.
@@ -65,6 +67,11 @@ std::string slownessText(const NotedProcess::TooSlow& slow);
 const char* afterSlowness(const NotedProcess::TooSlow& slow);
 /// Since that time of the wall clock.
 comm::TimeNs sinceWall(comm::TimeNs when);
+
+/// Until then a follower that was too slow is so.
+inline constexpr comm::TimeNs RECENTLY = 10 * comm::SECOND;
+/// Less may be the turn of one request after the other.
+inline constexpr comm::TimeNs LONG_OWN_HOLD = 10 * comm::SECOND;
 
 /// Of one whose run directory was moved, and what to do with it.
 inline constexpr const char* IS_MOVED =

@@ -155,6 +155,11 @@ SilentProcess findNotedProcess(const std::string& wanted, comm::TimeNs deadline)
         silent.report = beginReport(note.process, note.pid);
         const Value self(Dictionary{{"process", note.process}, {"pid", note.pid}, {"uid", silent.report->facts.uid}});
         silent.report->answer = answerOf(*silent.report, self, {});
+        if (note.isMoved) {
+            Dictionary answer = silent.report->answer.dictionary();
+            answer.set("isMoved", true);
+            silent.report->answer = Value(std::move(answer));
+        }
     }
     return silent;
 }

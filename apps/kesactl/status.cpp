@@ -194,7 +194,10 @@ std::string pageOf(const ProcessReport& report)
         addTroubles(page, report);
         addLine(page, "services",
                 report.number("serviceCount") +
-                    ": it does not listen, so it cannot be asked; its connections are as their other ends see them");
+                    (report.answer["isMoved"] == Value(true)
+                         ? fmt::format(": {}; {}", IS_MOVED, AFTER_MOVE)
+                         : ": it does not listen, so it cannot be asked; its connections are as their other ends see "
+                           "them"));
         addConnections(page, report);
     } else if (report.answer.isDefined()) {
         addAnswer(page, report);

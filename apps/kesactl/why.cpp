@@ -407,8 +407,7 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
 Verdict Search::explainNoAnswer(std::int64_t pid) const
 {
     const auto note = noteOf(pid);
-    const auto* const hold = note ? note->worstOwnHold() : nullptr;
-    if (hold != nullptr && hold->waiting > 0) {
+    if (const auto* const hold = note ? note->ownHoldOf(m_arguments.path) : nullptr) {
         return {"held", fmt::format("{} can be reached, but {}", holder(), ownHoldText(*hold)), AFTER_OWN_HOLD, {}};
     }
     Verdict verdict{"no-answer",
@@ -416,9 +415,9 @@ Verdict Search::explainNoAnswer(std::int64_t pid) const
                                 m_arguments.common.timeoutSeconds),
                     "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
                     {}};
-    if (hold != nullptr) {
-        verdict.text += fmt::format("; {}, on which it may be served", ownHoldText(*hold));
-        verdict.advice = AFTER_OWN_HOLD;
+    const auto* const other = note ? note->worstOwnHold() : nullptr;
+    if (other != nullptr && other->services.empty()) {
+        verdict.text += fmt::format("; {}, on which it may be served", ownHoldText(*other));
     }
     return verdict;
 }

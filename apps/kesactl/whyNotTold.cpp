@@ -29,9 +29,6 @@ using util::config::Value;
 constexpr const char* IS_IT_KEPT =
     "is what trackService, kesa::use or follow returns kept? It ends what it stands for when it is destroyed";
 
-/// Who was too slow since then may be so still.
-constexpr comm::TimeNs RECENTLY = 10 * comm::SECOND;
-
 /// Why a process that asks for nothing may use services nevertheless.
 constexpr const char* WHILE_THEY_WAIT = "(kesa::get and connect ask only while they wait)";
 

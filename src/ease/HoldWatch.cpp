@@ -2,6 +2,7 @@
 // that is busy is woken every two seconds. None of the loops that are watched can do that, nor the one that takes the
 // end signals: a trace may hang, too, and the second signal has to help then.
 #include "HoldWatch.h"
+#include "ServedLoops.h"
 
 #include <comm/Scheduler.h>
 #include <tracing/Channel.h>
@@ -104,7 +105,8 @@ bool HoldWatch::lookAt(Watched& watched) const
     const auto waiting = watched.own ? std::optional(watched.own->waiting()) : std::nullopt;
     const bool isOther = !isSame || !watched.held || watched.held->waiting != waiting;
     if (isOther) {
-        watched.held = HeldLoop{watched.hold->loop(), watched.hold->holder(), now - held, waiting};
+        watched.held = HeldLoop{watched.hold->loop(), watched.hold->holder(), now - held, waiting,
+                                watched.own ? servedOn(*watched.own) : std::vector<std::string>()};
     }
     if (watched.own) {
         tellOfOwn(watched, held, isSame);
@@ -149,10 +151,13 @@ void HoldWatch::tell(Watched& watched, comm::TimeNs held, bool isSame) const
 void HoldWatch::tellOfOwn(Watched& watched, comm::TimeNs held, bool isSame)
 {
     watched.isTold = watched.isTold && isSame;
-    if (watched.isTold || watched.held->waiting == 0U) {
+    const comm::TimeNs now = comm::now();
+    const bool isLong = held >= BETWEEN_LINES; // less may be the turn of one request after the other
+    if (watched.isTold || !isLong || watched.held->waiting == 0U || now - watched.told < BETWEEN_LINES) {
         return;
     }
     watched.isTold = true;
+    watched.told = now;
     KESA_TRACE_TEXT(watchChannel(), 3,
                     fmt::format("[on] {} has held the loop '{}' for {} s and still does, and {} requests wait for it: "
                                 "each loop given to kesa::on serves one after the other, so give what takes long one "

@@ -1,4 +1,7 @@
 #include <kesa/ease/OwnLoop.h>
+#include <obr/holdAcrossFork.h>
+
+#include <unistd.h>
 
 #include <map>
 #include <mutex>
@@ -17,12 +20,17 @@ struct OwnLoopTable {
     std::mutex mutex; ///< of all below
     std::map<const comm::ActiveObject*, Entry> entries;
     std::function<void(const std::shared_ptr<const OwnLoop>&)> found;
+    pid_t watcher = 0; ///< the process that has set that
 
     static OwnLoopTable& instance()
     {
-        static OwnLoopTable& table = *new OwnLoopTable;
+        static OwnLoopTable& table = *[] {
+            obr::holdAcrossFork<&OwnLoopTable::lock>();
+            return new OwnLoopTable;
+        }();
         return table;
     }
+    static std::mutex& lock() { return instance().mutex; }
 };
 
 } // namespace
@@ -45,7 +53,7 @@ std::shared_ptr<OwnLoop> OwnLoop::of(const std::shared_ptr<comm::ActiveObject>& 
     std::erase_if(table.entries, [](const auto& entry) { return entry.second.loop.expired(); });
     auto own = std::make_shared<OwnLoop>(loop);
     table.entries.emplace(loop.get(), OwnLoopTable::Entry{loop, own});
-    if (table.found) {
+    if (table.found && table.watcher == ::getpid()) {
         table.found(own);
     }
     return own;
@@ -56,6 +64,7 @@ void OwnLoop::watchAll(std::function<void(const std::shared_ptr<const OwnLoop>&)
     OwnLoopTable& table = OwnLoopTable::instance();
     const std::lock_guard<std::mutex> lock(table.mutex);
     table.found.swap(found);
+    table.watcher = ::getpid();
     if (table.found) {
         for (const auto& [pointer, entry] : table.entries) {
             table.found(entry.own);

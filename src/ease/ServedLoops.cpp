@@ -78,6 +78,20 @@ std::shared_ptr<const OwnLoop> ServedHere::find(const IRuntimeRegistry* runtime,
     return loop;
 }
 
+std::vector<std::string> servedOn(const OwnLoop& loop)
+{
+    constexpr std::size_t MOST = 16;
+    Table& table = Table::instance();
+    const std::lock_guard<std::mutex> lock(table.mutex);
+    std::vector<std::string> paths;
+    for (const auto& [key, entry] : table.entries) {
+        if (entry.loop.get() == &loop && paths.size() < MOST) {
+            paths.emplace_back(url(key.second).path());
+        }
+    }
+    return paths;
+}
+
 std::string refusalToWaitFor(const IKesaApi& api)
 {
     if (!comm::onAnyLoop()) {

@@ -45,6 +45,9 @@ private:
     const std::shared_ptr<const OwnLoop> m_loop;
 };
 
+/// The paths of services that are served on `loop`, at most 16 of them. Any thread.
+std::vector<std::string> servedOn(const OwnLoop& loop);
+
 /// Why this call must not wait for an answer of `api`: it is served on the loop that this call runs on. Empty when it
 /// may, or when that cannot be known: no call is refused that could be answered.
 std::string refusalToWaitFor(const IKesaApi& api);

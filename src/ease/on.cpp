@@ -30,14 +30,33 @@ struct Served {
     std::atomic<bool> isEndTraced{false};
 };
 
+/// The client's, with what counts the request as waiting until the loop serves it, or it ends before.
+class CountedHandler final : public IResponseHandler<Response> {
+public:
+    CountedHandler(std::unique_ptr<IResponseHandler<Response>>&& handler,
+                   std::shared_ptr<detail::OwnLoop::Waiting> waiting)
+        : m_handler(std::move(handler)), m_waiting(std::move(waiting))
+    {}
+    CountedHandler(const CountedHandler&) = delete;
+    CountedHandler& operator=(const CountedHandler&) = delete;
+    ~CountedHandler() override { m_waiting->end(); }
+    bool onNext(const Response& response) override { return m_handler->onNext(response); }
+    void onError(const Response& error) override { m_handler->onError(error); }
+    void onCompleted() override { m_handler->onCompleted(); }
+
+private:
+    const std::unique_ptr<IResponseHandler<Response>> m_handler;
+    const std::shared_ptr<detail::OwnLoop::Waiting> m_waiting;
+};
+
 /// One request on its way to the loop. Dropped there without having run, it answers the client itself.
 class Serving {
 public:
     Serving(std::shared_ptr<Served> served, Request request, std::optional<RequestContext> context,
             std::optional<comm::TimeNs> deadline, std::shared_ptr<OpenRequest> open,
-            std::shared_ptr<detail::OwnLoop> loop)
+            std::shared_ptr<detail::OwnLoop::Waiting> waiting)
         : m_served(std::move(served)), m_request(std::move(request)), m_context(std::move(context)),
-          m_deadline(deadline), m_open(std::move(open)), m_waiting(std::move(loop))
+          m_deadline(deadline), m_open(std::move(open)), m_waiting(std::move(waiting))
     {}
     Serving(Serving&&) = default;
     Serving& operator=(Serving&&) = delete;
@@ -54,13 +73,13 @@ public:
     void operator()()
     {
         const auto open = std::move(m_open);
-        const auto loop = m_waiting.end();
+        m_waiting->end();
         const RequestContext::Scope scope(m_context ? &*m_context : nullptr, m_deadline);
         if (!open->isOpen()) {
             return; // cancelled before it began
         }
         const auto describe = [this] { return describeRequest(); };
-        const detail::OwnLoop::Call<std::remove_const_t<decltype(describe)>> call(*loop, describe);
+        const detail::OwnLoop::Call<std::remove_const_t<decltype(describe)>> call(m_waiting->loop(), describe);
         void* const work = callService(open);
         if (open->setWork({0, work})) {
             m_served->service->cancel(work);
@@ -88,7 +107,7 @@ private:
     std::optional<RequestContext> m_context;
     std::optional<comm::TimeNs> m_deadline;
     std::shared_ptr<OpenRequest> m_open; ///< until it is served
-    detail::OwnLoop::Waiting m_waiting;
+    std::shared_ptr<detail::OwnLoop::Waiting> m_waiting;
 };
 
 class LoopService final : public IKesaApi, public detail::HasServedLoop {
@@ -113,7 +132,8 @@ public:
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override
     {
-        auto open = m_requests.open(std::move(handler));
+        auto waiting = std::make_shared<detail::OwnLoop::Waiting>(servedLoop);
+        auto open = m_requests.open(std::make_unique<CountedHandler>(std::move(handler), waiting));
         if (!open) {
             return UNDEFINED_REQUEST_HANDLE;
         }
@@ -123,7 +143,8 @@ public:
             context = *current;
             context->stream = nullptr; // lives in this call only
         }
-        send(Serving{m_served, request, std::move(context), RequestContext::deadline(), std::move(open), servedLoop});
+        send(Serving{m_served, request, std::move(context), RequestContext::deadline(), std::move(open),
+                     std::move(waiting)});
         return handle;
     }
 

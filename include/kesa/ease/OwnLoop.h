@@ -42,27 +42,25 @@ public:
     /// How many requests wait for it.
     unsigned waiting() const noexcept { return m_waiting; }
 
-    /// A request that waits for it, while this lives.
+    /// A request that waits for it, until the first end.
     class Waiting {
     public:
         explicit Waiting(std::shared_ptr<OwnLoop> loop) noexcept : m_loop(std::move(loop)) { ++m_loop->m_waiting; }
-        Waiting(Waiting&&) noexcept = default;
-        Waiting& operator=(Waiting&&) = delete;
-        ~Waiting()
+        Waiting(const Waiting&) = delete;
+        Waiting& operator=(const Waiting&) = delete;
+        ~Waiting() { end(); }
+        /// Any thread.
+        void end() noexcept
         {
-            if (m_loop) {
+            if (!m_hasEnded.exchange(true)) {
                 --m_loop->m_waiting;
             }
         }
-        /// It waits no more.
-        std::shared_ptr<OwnLoop> end() noexcept
-        {
-            --m_loop->m_waiting;
-            return std::move(m_loop);
-        }
+        OwnLoop& loop() const noexcept { return *m_loop; }
 
     private:
-        std::shared_ptr<OwnLoop> m_loop;
+        const std::shared_ptr<OwnLoop> m_loop;
+        std::atomic<bool> m_hasEnded{false};
     };
 
     /// A call that the loop makes, while this lives; see `comm::LoopHold::Call`. Loop only.

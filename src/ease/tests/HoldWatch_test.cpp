@@ -3,6 +3,7 @@
 
 #include <SimulatedTime.h>
 #include <ease/HoldWatch.h>
+#include <ease/ServedLoops.h>
 #include <tracing/CapturingSink.h>
 
 namespace {
@@ -29,6 +30,7 @@ protected:
             for (const auto& held : loops) {
                 line += held.loop + ": " + held.holder;
                 line += held.waiting ? ' ' + std::to_string(*held.waiting) : "";
+                line += held.services.empty() ? "" : " of " + held.services.front();
             }
             lines.push_back(line);
         }
@@ -81,6 +83,8 @@ TEST_F(HoldWatch, TracesALoopOfTheProgramsOwnOnceRequestsWaitForIt)
     auto loop = std::make_shared<comm::ActiveObject>("disk");
     const auto before = detail::OwnLoop::of(loop);
     EXPECT_EQ(before, detail::OwnLoop::of(loop));
+    detail::ServedHere served(nullptr, before);
+    served.registered({url("ipc://p/served")});
     const detail::HoldWatch watch(reasons);
     EXPECT_TRUE(scheduler.runAll(100));
     toReasons();
@@ -88,13 +92,13 @@ TEST_F(HoldWatch, TracesALoopOfTheProgramsOwnOnceRequestsWaitForIt)
         const auto describe = [] { return std::string("the request '/a'"); };
         const detail::OwnLoop::Call call(*before, describe);
         EXPECT_THAT(told(30 * comm::SECOND), IsEmpty()) << "it is there to be held";
-        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 0"));
+        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 0 of /served"));
         const detail::OwnLoop::Waiting waiting(before);
-        EXPECT_THAT(told(30 * comm::SECOND),
+        EXPECT_THAT(told(60 * comm::SECOND),
                     ElementsAre(HasSubstr("[on] the request '/a' has held the loop 'disk' for 32 s and still does, and "
                                           "1 requests wait for it")))
             << "once";
-        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 1"));
+        EXPECT_THAT(toReasons(), ElementsAre("disk: the request '/a' 1 of /served"));
     }
     EXPECT_TRUE(scheduler.runAll(100));
     EXPECT_EQ(before->waiting(), 0U);

@@ -89,6 +89,9 @@ TEST_F(On, AServiceIsCalledOnItsLoop)
 
     void* const late = ask();
     EXPECT_EQ(detail::OwnLoop::of(loop)->waiting(), 1U);
+    api->cancel(ask());
+    EXPECT_EQ(detail::OwnLoop::of(loop)->waiting(), 1U) << "one that was cancelled waits no more";
+    EXPECT_THAT(std::exchange(log, {}), ElementsAre("~"));
     scheduler.runReady();
     api->cancel(late);
     EXPECT_TRUE(kept->next(Payload())) << "nothing reaches the client, though the service does not know yet";

@@ -21,7 +21,7 @@ notes = {
         ],
         "ownHolds": [
             {"loop": "idle", "holder": "the handler of follow", "since": 0, "waiting": 0},
-            {"loop": "disk", "holder": "the request 'retrieve /cover'", "since": 0, "waiting": 2},
+            {"loop": "disk", "holder": "the request 'retrieve /cover'", "since": 0, "waiting": 2, "services": ["/busy"]},
         ],
     },
     "hasty": {

@@ -38,6 +38,7 @@ public:
         comm::TimeNs since = 0; ///< by `comm::now`
         /// Of one of the program's own, given to `kesa::on`, which may be held: how many requests wait for it.
         std::optional<unsigned> waiting = {};
+        std::vector<std::string> services = {}; ///< paths that are served on such a loop, as far as they are known
     };
     /// Which are held now, from whoever watches them: first when that begins, then each time others are. Tools read it
     /// while this process cannot be asked.

@@ -87,12 +87,12 @@ void KesaRuntimeImpl::performUnregistration(std::string path)
 /// No registry tells of it, not even that it was there.
 void KesaRuntimeImpl::noteDropped(const std::string& path, const RuntimeEntry& entry)
 {
-    m_reasons->noteDropped(path);
     const comm::TimeNs now = comm::now();
     const comm::TimeNs lasted = now - entry.registered;
     if (lasted >= comm::SECOND) {
-        return; // there may be no registry
+        return; // there may be no registry, and it was meant to end
     }
+    m_reasons->noteDropped(path);
     if (const auto end = m_droppedTraces.pass(now)) {
         KESA_TRACE_TEXT(MAIN_CHANNEL, 3,
                         fmt::format("[registerService Disposable] the registration of '{}' has ended after {} ms, "

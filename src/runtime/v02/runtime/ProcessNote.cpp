@@ -67,6 +67,11 @@ void setHolds(Dictionary& note, const std::vector<IReasons::HeldLoop>& held)
         Dictionary hold{{"loop", noted(each.loop)}, {"holder", noted(each.holder)}, {"since", each.since}};
         if (each.waiting) {
             hold.set("waiting", *each.waiting);
+            Value::Array services;
+            for (const std::string& service : each.services) {
+                services.emplace_back(noted(service));
+            }
+            setIfAny(hold, "services", std::move(services));
         }
         (each.waiting ? own : ofRuntime).emplace_back(std::move(hold));
     }

@@ -117,7 +117,8 @@ std::vector<ReadProcessNote::Hold> holdsOf(const Value& list)
     std::vector<ReadProcessNote::Hold> holds;
     for (std::size_t i = 0; i < std::min(items.size(), MOST_HOLDS); ++i) {
         holds.push_back({textOf(items[i]["loop"]), textOf(items[i]["holder"]),
-                         timeUntilNow(noteNumber(items[i]["since"])), countOf(items[i]["waiting"])});
+                         timeUntilNow(noteNumber(items[i]["since"])), countOf(items[i]["waiting"]),
+                         lastOf<std::string>(items[i]["services"], [](const Value& each) { return textOf(each); })});
     }
     return holds;
 }

@@ -34,10 +34,11 @@ struct ReadProcessNote {
         std::uint64_t times;
     };
     struct Hold {
-        std::string loop;          ///< "I/O loop", "executor", "updater"; of its own ones the name
-        std::string holder;        ///< "the handler of trackService for '/a'"
-        comm::TimeNs time;         ///< until now
-        std::uint64_t waiting = 0; ///< requests that wait for one of its own
+        std::string loop;                       ///< "I/O loop", "executor", "updater"; of its own ones the name
+        std::string holder;                     ///< "the handler of trackService for '/a'"
+        comm::TimeNs time;                      ///< until now
+        std::uint64_t waiting = 0;              ///< requests that wait for one of its own
+        std::vector<std::string> services = {}; ///< that are served on such a one, at most 16; empty: unknown
     };
 
     pid_t pid = 0; ///< as it is known here
