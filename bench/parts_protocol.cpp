@@ -32,6 +32,7 @@ using commadapter::protocol::Sent;
 class Counter final : public IMachineListener {
 public:
     void onHello(const Hello&) override {}
+    Room onLarge(std::uint32_t, std::size_t) override { return Room::eTHERE; }
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
     void onRequest(std::uint32_t, std::uint32_t, Request request, bool) override { add(request.getPayload()); }
@@ -41,6 +42,7 @@ public:
     void onNext(std::uint32_t, Response response) override { add(response.getPayload()); }
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
+    void onGoodbye(std::string) override {}
 
     std::size_t messages = 0;
     std::size_t bytes = 0;

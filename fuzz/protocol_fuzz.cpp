@@ -66,7 +66,6 @@ Limits smallLimits(FuzzedDataProvider& data)
 {
     Limits limits;
     limits.maxMessageBytes = data.ConsumeIntegralInRange<std::uint32_t>(100, 1U << 20U);
-    limits.maxPartialMessages = data.ConsumeIntegralInRange<std::uint32_t>(0, 4);
     return limits;
 }
 

@@ -5,6 +5,7 @@
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
+#include <kesa/commadapter/createBackend.h>
 #include <kesa/reasonOf.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
@@ -17,9 +18,11 @@
 #include <array>
 #include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <sys/resource.h>
 #include <unistd.h>
 #include <vector>
 
@@ -36,6 +39,9 @@ or one of this user's own. "kesactl doctor" says which one counts, and why.
 It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end it.
 
 Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
+
+/// A record or query has 32 KiB, a list 48: nothing that is meant for a registry is larger.
+constexpr std::uint32_t LARGEST_MESSAGE = 256U << 10U;
 
 struct Arguments {
     std::string config;
@@ -66,6 +72,16 @@ sigset_t blockEndSignals()
     return ends;
 }
 
+/// Each client costs two, and the limit that a shell gives is meant for programs that wait by `select`.
+void raiseDescriptorLimit()
+{
+    rlimit limit{};
+    if (::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur < limit.rlim_max) {
+        limit.rlim_cur = limit.rlim_max;
+        ::setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 void tellReady(const std::string& locators)
 {
     fmt::print("kesa-registryd: ready at {}\n", locators);
@@ -93,6 +109,8 @@ ExitCode serve(const std::string& locators, const sigset_t& ends)
 int run(const Arguments& arguments)
 {
     const sigset_t ends = blockEndSignals();
+    raiseDescriptorLimit();
+    kesa::commadapter::setDefaultMessageLimit(LARGEST_MESSAGE);
     if (!arguments.config.empty()) {
         // NOLINTNEXTLINE(concurrency-mt-unsafe): there is one thread so far.
         setenv("KESA_CONFIG", arguments.config.c_str(), 1);

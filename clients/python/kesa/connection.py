@@ -129,6 +129,8 @@ class Connection:
             self._hello(message.head)
         elif message.kind == frames.PING:
             self.send(Message(frames.PONG))
+        elif message.kind == frames.GOODBYE:
+            self._end(f"the peer closed the connection: {message.head.reason}")
         elif message.kind != frames.PONG:
             self._on_message(message)
 

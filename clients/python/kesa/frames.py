@@ -10,13 +10,13 @@ from typing import Iterator
 from . import heads
 from .errors import ProtocolError
 
-HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG = range(1, 12)
+HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG, GOODBYE = range(1, 13)
 LARGEST_FRAME = 65536
 LARGEST_STREAM = 65536
 _MORE = 1
 _MAY_BE_IGNORED = 2
 _LARGEST_STATUS = 65535
-_MOST_FRAGMENTED = 64
+_MOST_FRAGMENTED = 16
 _HEADER = struct.Struct("<IBBHII")
 
 
@@ -42,6 +42,7 @@ _KINDS = {
     CANCEL: _Kind("cancel", "client", stream=True),
     PING: _Kind("ping", "both"),
     PONG: _Kind("pong", "both"),
+    GOODBYE: _Kind("goodbye", "server", head=True),
 }
 
 
@@ -60,7 +61,8 @@ class Message:
         head = self.head.encode()
         size = len(head) + len(self.body)
         if size <= LARGEST_FRAME:
-            return _HEADER.pack(size, self.kind, 0, len(head), self.stream, self.target) + head + self.body
+            flags = _MAY_BE_IGNORED if self.kind == GOODBYE else 0
+            return _HEADER.pack(size, self.kind, flags, len(head), self.stream, self.target) + head + self.body
         head = dataclasses.replace(self.head, body_size=len(self.body)).encode()
         if len(head) + len(self.body) > limit:
             raise OverflowError(f"the message has {len(head) + len(self.body)} bytes, more than {limit}")
@@ -126,6 +128,9 @@ class Decoder:
             raise ProtocolError("a fragment that is not full, or without the size of the body")
         if head_size + message.head.body_size > self._limit:
             raise ProtocolError(f"message of {head_size + message.head.body_size} bytes, more than {self._limit}")
+        unfinished = sum(other.head.body_size for other, _ in self._fragmented.values())
+        if unfinished and head_size + message.head.body_size + unfinished > self._limit:
+            raise ProtocolError(f"unfinished messages of together more than {self._limit} bytes")
         if len(self._fragmented) == _MOST_FRAGMENTED:
             raise ProtocolError(f"more than {_MOST_FRAGMENTED} large messages at once")
         self._fragmented[stream] = (message, bytearray(body))

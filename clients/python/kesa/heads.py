@@ -10,6 +10,7 @@ from .errors import ProtocolError
 
 LARGEST_HEAD = 61440
 LEVELS = 32
+_REASON = 23
 DEFAULT_LIMIT = 16 * 1024 * 1024
 
 _COMMANDS = {0: "retrieve", 1: "update", 2: "delete", 3: "insert"}
@@ -38,13 +39,14 @@ _WORD_NUMBERS = {key: {word: number for number, word in words.items()} for key, 
 
 @dataclass
 class Head:
-    """Of attach, request, next and error. What is empty does not travel."""
+    """Of attach, request, next, error and goodbye. What is empty does not travel."""
 
     command: str = ""
     path: str = ""
     mime_type: str = ""
     body_size: int | None = None
     headers: dict[str, Any] = field(default_factory=dict)
+    reason: str = ""
 
     def encode(self) -> bytes:
         """The bytes; none for a head without members. TypeError or ValueError if it has no form or is too large."""
@@ -59,6 +61,9 @@ class Head:
         if self.body_size is not None:
             cbor.write(out, 3)
             cbor.write(out, self.body_size)
+        if self.reason:
+            cbor.write(out, _REASON)
+            cbor.write(out, self.reason)
         for name in sorted(self.headers):
             value = self.headers[name]
             key = _HEADER_KEYS.get(name) if isinstance(value, str) else None
@@ -80,6 +85,8 @@ def decode(data: bytes) -> Head:
             head.headers[key] = value
         elif key in _HEADERS:
             head.headers[_HEADERS[key]] = _text(key, value)
+        elif key == _REASON:
+            head.reason = _text(key, value)
         elif key in (0, 1, 2, 3):
             if key in seen:
                 raise ProtocolError(f"member {key} stands twice")

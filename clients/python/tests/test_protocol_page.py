@@ -23,6 +23,7 @@ _NAMES = {
     frames.CANCEL: "cancel",
     frames.PING: "ping",
     frames.PONG: "pong",
+    frames.GOODBYE: "goodbye",
 }
 
 
@@ -61,6 +62,8 @@ def describe(message: frames.Message, long_body: bool) -> str:
         words += [head.command, head.path]
     elif message.kind == frames.ATTACH:
         words += [head.path]
+    elif message.kind == frames.GOODBYE:
+        words += [head.reason]
     if message.kind in (frames.REQUEST, frames.NEXT, frames.ERROR):
         body = str(len(message.body)) if long_body else message.body.decode()
         words.append(f"<{head.mime_type}>{body}")

@@ -16,10 +16,18 @@ BackendFactory& replacement()
     return factory;
 }
 
+std::uint32_t& defaultMessageLimit()
+{
+    static std::uint32_t bytes = CommSettings().maxMessageBytes;
+    return bytes;
+}
+
 CommSettings readSettings()
 {
     std::vector<std::string> complaints;
-    CommSettings settings = readCommSettings(&complaints);
+    CommSettings defaults;
+    defaults.maxMessageBytes = defaultMessageLimit();
+    CommSettings settings = readCommSettings(&complaints, defaults);
     for (const std::string& complaint : complaints) {
         CHANNEL.log(3, "[createBackend] " + complaint);
     }
@@ -40,6 +48,11 @@ std::unique_ptr<IBackend> createBackend(const std::string& process, const std::s
             transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop));
         return transports;
     });
+}
+
+void setDefaultMessageLimit(std::uint32_t bytes)
+{
+    defaultMessageLimit() = bytes;
 }
 
 void setBackendFactory(BackendFactory factory)

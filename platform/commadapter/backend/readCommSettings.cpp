@@ -201,9 +201,8 @@ Complaints& allOf(CommFaults& faults)
 
 } // namespace
 
-CommSettings readCommSettings(const Value& comm, CommFaults& faults)
+CommSettings readCommSettings(const Value& comm, CommFaults& faults, CommSettings settings)
 {
-    CommSettings settings;
     if (!comm.isDefined()) {
         return settings;
     }
@@ -230,7 +229,7 @@ CommSettings readCommSettings(const Value& comm, CommFaults& faults)
     return settings;
 }
 
-CommSettings readCommSettings(std::vector<std::string>* sentences)
+CommSettings readCommSettings(std::vector<std::string>* sentences, const CommSettings& defaults)
 {
     const util::config::Provider provider("kesa", "./config", 0, util::config::LoadStrategy::eFIRST_FOUND);
     if (provider.hasFailed()) {
@@ -239,7 +238,7 @@ CommSettings readCommSettings(std::vector<std::string>* sentences)
     const bool isMember = provider.first().isDefined();
     const Value& root = isMember ? provider.first() : provider.second();
     CommFaults faults{MOST_SENTENCES};
-    CommSettings settings = readCommSettings(root["comm"], faults);
+    CommSettings settings = readCommSettings(root["comm"], faults, defaults);
     if (sentences != nullptr) {
         for (Complaint& complaint : allOf(faults)) {
             if (isMember) {

@@ -21,11 +21,12 @@ struct CommFaults {
     bool isFull() const noexcept { return complaints.size() >= most; }
 };
 
-/// Reads the "comm" member of a configuration document; what is wrong in it becomes a warning, and keeps its default.
-CommSettings readCommSettings(const util::config::Value& comm, CommFaults& faults);
+/// Reads the "comm" member of a configuration document; what is wrong in it becomes a warning, and keeps its default,
+/// which `settings` has.
+CommSettings readCommSettings(const util::config::Value& comm, CommFaults& faults, CommSettings settings = {});
 /// The same from the document of this process. One that cannot be read is the configuration reader's to complain about;
 /// here it counts as empty. Who tells the complaints, the backend, gives `sentences`.
-CommSettings readCommSettings(std::vector<std::string>* sentences = nullptr);
+CommSettings readCommSettings(std::vector<std::string>* sentences = nullptr, const CommSettings& defaults = {});
 
 } // namespace kesa::commadapter
 

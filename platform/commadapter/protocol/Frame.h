@@ -14,7 +14,7 @@ inline constexpr std::size_t FRAME_BYTES = 64U << 10U;      ///< head and body i
 inline constexpr std::size_t MAX_HEAD_BYTES = 60U << 10U;   ///< so that every head fits into its first fragment
 inline constexpr std::size_t MAX_PATH_BYTES = 4096;         ///< of an attached path
 inline constexpr std::size_t INLINE_BODY_BYTES = 4U << 10U; ///< bodies up to this are copied, larger ones are not
-inline constexpr std::size_t MAX_INTERLEAVED = 16;          ///< fragmented messages a sender has under way at once
+inline constexpr std::size_t MAX_INTERLEAVED = 16;          ///< fragmented messages of one side under way at once
 
 enum class Kind : std::uint8_t {
     eHELLO = 1,
@@ -28,6 +28,7 @@ enum class Kind : std::uint8_t {
     eCANCEL,
     ePING,
     ePONG,
+    eGOODBYE,
 };
 
 inline constexpr std::uint8_t FLAG_MORE = 1;           ///< the message goes on in a later frame of its stream

@@ -18,6 +18,7 @@ void FrameQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, con
     header.head = static_cast<std::uint16_t>(m_bytes.size() - m_frameBytes - HEADER_BYTES);
     header.length = static_cast<std::uint32_t>(header.head + body.size());
     header.kind = static_cast<std::uint8_t>(kind);
+    header.flags = kind == Kind::eGOODBYE ? FLAG_MAY_BE_IGNORED : 0;
     header.stream = stream;
     header.target = target;
     const bool isCopied = body.size() <= INLINE_BODY_BYTES;

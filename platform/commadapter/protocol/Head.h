@@ -44,6 +44,8 @@ enum class Key : std::uint8_t {
     eLISTENERS = 21,
     eMAX_MESSAGE_BYTES = 22,
 
+    eREASON = 23,
+
     eNONE = 255, ///< never sent
 };
 
@@ -54,6 +56,7 @@ public:
 
     void hello(const Hello& hello);
     void attach(std::string_view path);
+    void goodbye(std::string_view reason);
     void request(const Request& request);
     void response(const Response& response);
     /// The format of the body alone.
@@ -94,6 +97,7 @@ struct Head {
 /// Checks a head as a whole. True: it is broken, `why` says how.
 [[nodiscard]] bool readHead(const unsigned char* data, std::size_t size, Head& head, std::string& why);
 [[nodiscard]] bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::string& why);
+[[nodiscard]] bool readGoodbye(const unsigned char* data, std::size_t size, std::string& reason, std::string& why);
 
 /// The headers of a message that arrived, still in the bytes of its head, which `readHead` has checked.
 class HeaderSource final : public IHeaderSource {

@@ -294,6 +294,18 @@ bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::s
     return failed;
 }
 
+bool readGoodbye(const unsigned char* data, std::size_t size, std::string& reason, std::string& why)
+{
+    Reader reader(data, size);
+    const bool failed = forEachMember(reader, [&](const MemberKey& key, Reader& in) {
+        return key.number == Key::eREASON ? readText(in, reason) : in.skip(VALUE_DEPTH);
+    });
+    if (failed) {
+        why = reader.why();
+    }
+    return failed;
+}
+
 /// Decodes the wanted headers. What a sender says of the client is none.
 template <class IsWanted, class Keep>
 void HeaderSource::read(const IsWanted& isWanted, const Keep& keep) const

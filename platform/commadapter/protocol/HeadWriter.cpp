@@ -102,6 +102,11 @@ void HeadWriter::attach(std::string_view path)
     member(Key::ePATH, path);
 }
 
+void HeadWriter::goodbye(std::string_view reason)
+{
+    member(Key::eREASON, reason);
+}
+
 void HeadWriter::mimeType(std::string_view name)
 {
     if (!name.empty()) {

@@ -18,6 +18,14 @@ public:
     virtual ~IMachineListener() = default;
     virtual void onHello(const Hello& peer) = 0;
 
+    enum class Room {
+        eTHERE,
+        eLATER, ///< nothing more is handled until `readOn`, which asks again
+        eNONE,  ///< the peer breaks the protocol: `stream` is not what it would have to be
+    };
+    /// A message of `bytes` begins that comes in several frames, and is kept until it is whole.
+    virtual Room onLarge(std::uint32_t stream, std::size_t bytes) = 0;
+
     // Heard by the side that serves.
     virtual void onAttach(std::uint32_t target, std::string path) = 0;
     virtual void onDetach(std::uint32_t target) = 0; ///< the client is no longer interested
@@ -31,6 +39,8 @@ public:
     virtual void onNext(std::uint32_t stream, Response response) = 0;
     virtual void onError(std::uint32_t stream, Response error) = 0;
     virtual void onCompleted(std::uint32_t stream) = 0;
+    /// The server is about to end the connection, and says why.
+    virtual void onGoodbye(std::string reason) = 0;
 };
 
 } // namespace kesa::commadapter::protocol

@@ -60,6 +60,7 @@ bool Input::readFrames(comm::TimeNs until)
 {
     bool failed = false;
     m_isPaused = false;
+    m_isWaiting = false;
     m_slice.begin(until);
     while (!m_shared.isShut.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
         m_isPaused = m_slice.isOver();
@@ -95,6 +96,12 @@ bool Input::readFrame(bool& failed)
         return true;
     }
     const std::size_t taken = std::min<std::size_t>(available, header.length);
+    if (isLarge && m_partials.count(header.stream) == 0) {
+        failed = begin(header, content, m_isWaiting);
+        if (failed || m_isWaiting) {
+            return true;
+        }
+    }
     m_begin += HEADER_BYTES + taken;
     failed = isLarge ? handlePartial(header, content, taken) : handle(header, content);
     return failed || !isComplete;
@@ -139,8 +146,8 @@ bool Input::checkFragment(const FrameHeader& header)
     }
     const auto found = m_partials.find(header.stream);
     if (found == m_partials.end()) {
-        if (header.hasMore() && m_partials.size() >= m_limits.maxPartialMessages) {
-            return fail(fmt::format("more than {} fragmented messages at once", m_limits.maxPartialMessages));
+        if (header.hasMore() && m_partials.size() >= MAX_INTERLEAVED) {
+            return fail(fmt::format("more than {} fragmented messages at once", MAX_INTERLEAVED));
         }
         return false;
     }
@@ -185,6 +192,8 @@ bool Input::handle(const FrameHeader& header, const unsigned char* content)
     case Kind::ePONG:
         ++m_pongs;
         return false;
+    case Kind::eGOODBYE:
+        return handleGoodbye(header, content);
     default: // a kind that may be ignored
         return false;
     }
@@ -206,6 +215,17 @@ bool Input::handleHello(const FrameHeader& header, const unsigned char* content)
     m_shared.peerMaxMessageBytes.store(peer.maxMessageBytes, std::memory_order_relaxed);
     m_shared.hasHello.store(true, std::memory_order_relaxed);
     m_listener.onHello(peer);
+    return false;
+}
+
+bool Input::handleGoodbye(const FrameHeader& header, const unsigned char* content)
+{
+    std::string reason;
+    std::string why;
+    if (readGoodbye(content, header.head, reason, why)) {
+        return fail(fmt::format("broken head of goodbye: {}", why));
+    }
+    m_listener.onGoodbye(std::move(reason));
     return false;
 }
 
@@ -276,7 +296,7 @@ bool Input::handleMessage(const FrameHeader& header, const unsigned char* conten
     return false;
 }
 
-bool Input::begin(const FrameHeader& header, const unsigned char* content)
+bool Input::begin(const FrameHeader& header, const unsigned char* content, bool& isLater)
 {
     const char* const name = ruleOf(header.kind).name;
     // Everything that outlives this frame's bytes is copied: the head's block also feeds the views in `Head`.
@@ -303,22 +323,32 @@ bool Input::begin(const FrameHeader& header, const unsigned char* content)
     if (header.hasMore() && declared <= header.body()) {
         return fail(fmt::format("fragments of stream {} do not make the {} bytes declared", header.stream, declared));
     }
+    if (header.hasMore()) {
+        if (m_unfinishedBytes > 0 && m_unfinishedBytes + header.head + declared > m_limits.maxMessageBytes) {
+            return fail(fmt::format("{} of {} bytes while others of {} are not complete, together more than {}", name,
+                                    declared + header.head, m_unfinishedBytes, m_limits.maxMessageBytes));
+        }
+        const auto room = m_listener.onLarge(header.stream, header.head + static_cast<std::size_t>(declared));
+        if (room == IMachineListener::Room::eNONE) {
+            return fail(fmt::format("{} of a stream that is {}", name, isRequest ? "in use" : "not open"));
+        }
+        isLater = room == IMachineListener::Room::eLATER;
+        if (isLater) {
+            return false;
+        }
+    }
     const std::size_t atOnce = m_partials.empty() ? m_largestBody : 0;
-    m_partials.emplace(header.stream,
-                       Partial{header, head, std::move(source), Body(static_cast<std::size_t>(declared), atOnce)});
+    const auto& partial = m_partials
+                              .emplace(header.stream, Partial{header, head, std::move(source),
+                                                              Body(static_cast<std::size_t>(declared), atOnce)})
+                              .first->second;
+    m_unfinishedBytes += partial.bytes();
     return false;
 }
 
 bool Input::handlePartial(const FrameHeader& header, const unsigned char* content, std::size_t size)
 {
-    auto found = m_partials.find(header.stream);
-    if (found == m_partials.end()) {
-        if (begin(header, content)) {
-            return true;
-        }
-        found = m_partials.find(header.stream);
-    }
-    m_current = &found->second;
+    m_current = &m_partials.at(header.stream);
     m_currentHasMore = header.hasMore();
     m_remaining = header.length - size;
     m_current->body.append(content + header.head, size - header.head);
@@ -332,6 +362,7 @@ bool Input::endOfFrame()
         return false;
     }
     const auto node = m_partials.extract(partial->header.stream);
+    m_unfinishedBytes -= partial->bytes();
     const unsigned char* const data = partial->body.data();
     const std::size_t size = partial->body.size();
     m_largestBody = std::max(m_largestBody, size);
@@ -371,6 +402,7 @@ bool Input::fail(std::string reason)
     m_reason = std::move(reason);
     m_current = nullptr;
     m_partials.clear();
+    m_unfinishedBytes = 0;
     m_begin = 0;
     m_end = 0;
     return true;

@@ -26,8 +26,8 @@ class Input {
 public:
     Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared);
 
-    /// Where the next bytes belong, never empty unless held or paused: a large body is read straight into its block,
-    /// which grows with what arrives, or has arrived before, not by what was declared.
+    /// Where the next bytes belong, never empty unless held, paused or waiting: a large body is read straight into its
+    /// block, which grows with what arrives, or has arrived before, not by what was declared.
     std::span<unsigned char> buffer();
     /// `size` bytes were put at the start of the last `buffer`. True: the peer broke the protocol, `reason` says how,
     /// and the connection must be closed; nothing is called any more. `until`: when it leaves the rest to `readOn`.
@@ -39,6 +39,11 @@ public:
     std::size_t unhandled() const noexcept { return m_end - m_begin; }
     /// `until` has come: there may be whole messages left. The owner reads nothing before `readOn`.
     bool isPaused() const noexcept { return m_isPaused; }
+    /// There is no room for a message that begins next, see `IMachineListener::onLarge`. The owner reads nothing, and
+    /// calls `readOn` when there may be.
+    bool isWaiting() const noexcept { return m_isWaiting; }
+    /// Of messages that have begun and are not complete, in the size that was declared.
+    std::size_t unfinishedBytes() const noexcept { return m_unfinishedBytes; }
     const std::string& reason() const noexcept { return m_reason; }
     /// What "$client-id" reads in the requests that arrive from now on, whatever the sender wrote there; usually set in
     /// `onHello`. Costs nothing per request, unlike `Request::setHeader`.
@@ -63,6 +68,8 @@ private:
         Head head;          ///< views into `source`'s bytes
         std::shared_ptr<HeaderSource> source;
         Body body;
+
+        std::size_t bytes() const noexcept { return header.head + body.declared(); }
     };
 
     [[nodiscard]] bool readFrames(comm::TimeNs until);
@@ -72,12 +79,14 @@ private:
     [[nodiscard]] bool checkFragment(const FrameHeader& header);
     [[nodiscard]] bool handle(const FrameHeader& header, const unsigned char* content);
     [[nodiscard]] bool handleHello(const FrameHeader& header, const unsigned char* content);
+    [[nodiscard]] bool handleGoodbye(const FrameHeader& header, const unsigned char* content);
     [[nodiscard]] bool handleAttach(const FrameHeader& header, const unsigned char* content);
     [[nodiscard]] bool handleMessage(const FrameHeader& header, const unsigned char* content);
     [[nodiscard]] bool readMessageHead(const FrameHeader& header, const unsigned char* content, Head& head);
     /// Takes up a larger message, or the next fragment of one, with the part of its body that is there.
     [[nodiscard]] bool handlePartial(const FrameHeader& header, const unsigned char* content, std::size_t size);
-    [[nodiscard]] bool begin(const FrameHeader& header, const unsigned char* content);
+    /// `isLater`: nothing has been taken, and there is no room.
+    [[nodiscard]] bool begin(const FrameHeader& header, const unsigned char* content, bool& isLater);
     [[nodiscard]] bool endOfFrame();
     void deliver(const FrameHeader& header, const Head& head, Payload payload, std::shared_ptr<HeaderSource> source);
     bool needsSource(const FrameHeader& header, const Head& head) const noexcept;
@@ -95,6 +104,7 @@ private:
     std::size_t m_end = 0;
 
     std::map<std::uint32_t, Partial> m_partials; // by stream
+    std::size_t m_unfinishedBytes = 0;           // of `m_partials`
     Partial* m_current = nullptr;                // whose frame is being read into its body
     std::size_t m_remaining = 0;                 // of that frame
     bool m_currentHasMore = false;
@@ -111,6 +121,7 @@ private:
 
     TimeSlice m_slice;
     bool m_isPaused = false;
+    bool m_isWaiting = false;
     std::uint64_t m_pongs = 0;
     bool m_hasHello = false;
     bool m_hasFailed = false;

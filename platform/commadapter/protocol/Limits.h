@@ -11,7 +11,6 @@ namespace kesa::commadapter::protocol {
 struct Limits {
     std::uint32_t maxMessageBytes = 16U << 20U; ///< of one message, head and body
     std::uint32_t maxHeadBytes = 60U << 10U;
-    std::uint32_t maxPartialMessages = 64; ///< fragmented messages under way at once from the peer
     comm::TimeNs helloTimeout = 3 * comm::SECOND;
     comm::TimeNs heartbeat = 5 * comm::SECOND; ///< how long a probed peer may stay silent
 };

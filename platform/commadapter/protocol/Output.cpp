@@ -80,8 +80,7 @@ Sent Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadW
 
 Sent Output::close(HeadWriter& head, const Payload& body)
 {
-    const std::size_t limit =
-        std::min(m_limits.maxMessageBytes, m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed));
+    const std::size_t limit = largestMessage();
     if (body.size() <= limit && head.size() + 1 + body.size() > FRAME_BYTES) {
         head.bodySize(body.size());
     }
@@ -122,6 +121,13 @@ Cancelled Output::cancel(std::uint32_t stream)
     }
     m_queue.push(Kind::eCANCEL, stream, 0);
     return Cancelled::eASKED;
+}
+
+void Output::goodbye(std::string_view reason)
+{
+    HeadWriter head(m_queue.begin());
+    head.goodbye(reason);
+    static_cast<void>(finish(Kind::eGOODBYE, 0, 0, head, Payload::getEmpty()));
 }
 
 void Output::pong()

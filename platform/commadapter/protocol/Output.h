@@ -9,6 +9,7 @@
 
 #include <sys/uio.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <span>
@@ -55,6 +56,8 @@ public:
     [[nodiscard]] Cancelled cancel(std::uint32_t stream);
     /// Drops the queued, not yet begun values of a stream that is being ended by the serving side.
     void dropQueued(std::uint32_t stream) { m_queue.drop(stream, Kind::eNEXT); }
+    /// What has no form on the wire is not said.
+    void goodbye(std::string_view reason);
     void ping() { m_queue.push(Kind::ePING, 0, 0); }
     void pong();
 
@@ -74,7 +77,11 @@ public:
     }
     /// Fills `out` with what is to be written next and returns how many entries; 0: nothing is queued. Valid until the
     /// next call.
-    std::size_t gather(std::span<iovec> out) { return m_queue.gather(out); }
+    std::size_t gather(std::span<iovec> out)
+    {
+        m_queue.setMostUnderWay(largestMessage());
+        return m_queue.gather(out);
+    }
     /// `size` bytes of the last `gather` were written.
     void sent(std::size_t size, comm::TimeNs now);
 
@@ -94,6 +101,11 @@ private:
     /// Completes the head, and judges the message by both sides' limits.
     [[nodiscard]] Sent close(HeadWriter& head, const Payload& body);
     const char* whoseLimit() const;
+    /// That both sides take.
+    std::size_t largestMessage() const noexcept
+    {
+        return std::min(m_limits.maxMessageBytes, m_shared.peerMaxMessageBytes.load(std::memory_order_relaxed));
+    }
     bool isProbing() const noexcept;
 
     const Role m_role;

@@ -23,6 +23,7 @@ constexpr Rule RULES[] = {
     {"cancel", true, false, true, Target::eNONE, false, false},
     {"ping", true, true, false, Target::eNONE, false, false},
     {"pong", true, true, false, Target::eNONE, false, false},
+    {"goodbye", false, true, false, Target::eNONE, true, false},
 };
 
 [[nodiscard]] bool breaksTargetRule(const FrameHeader& header, const Rule& rule, std::string& why)

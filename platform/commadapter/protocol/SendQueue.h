@@ -55,6 +55,8 @@ public:
 
     // ---- leaving ----------------------------------------------------------------------------------------------
 
+    /// Of large messages, but for one.
+    void setMostUnderWay(std::size_t bytes) noexcept { m_turns.setMostUnderWay(bytes); }
     std::size_t gather(std::span<iovec> out);
     void sent(std::size_t size);
 

@@ -123,9 +123,22 @@ bool TurnQueue::isInsideFragment() const noexcept
     return !m_ring.empty() && m_ring.front()->written % FULL_FRAME != 0;
 }
 
+/// Those that take turns stand in front; so they stay the same until one has left.
+std::size_t TurnQueue::countActive() const noexcept
+{
+    std::size_t count = 0;
+    for (std::size_t bytes = 0; count < std::min(MAX_INTERLEAVED, m_ring.size()); ++count) {
+        bytes += m_ring[count]->message.content();
+        if (count > 0 && bytes > m_mostUnderWay) {
+            break;
+        }
+    }
+    return count;
+}
+
 TurnQueue::Fragment TurnQueue::gather(Gathering& gathering, std::size_t number)
 {
-    const std::size_t active = std::min(MAX_INTERLEAVED, m_ring.size());
+    const std::size_t active = countActive();
     Lane& lane = *m_ring[number % active];
     if (number < active) {
         lane.gathered = lane.written;
@@ -167,12 +180,12 @@ TurnQueue::Finished TurnQueue::sent(std::size_t size)
     if (!isFinished && lane.written % FULL_FRAME != 0) {
         return {};
     }
+    const std::size_t active = countActive();
     m_ring.erase(m_ring.begin());
     if (isFinished) {
         return {true, lane.stream};
     }
-    const std::size_t last = std::min(MAX_INTERLEAVED - 1, m_ring.size());
-    m_ring.insert(m_ring.begin() + static_cast<std::ptrdiff_t>(last), &lane);
+    m_ring.insert(m_ring.begin() + static_cast<std::ptrdiff_t>(active - 1), &lane);
     return {true, std::nullopt};
 }
 

@@ -17,7 +17,8 @@
 namespace kesa::commadapter::protocol {
 
 /// Messages of more than one frame, one of each stream. Those that have joined take turns by fragments,
-/// `MAX_INTERLEAVED` of them at a time. What their streams have to send after them waits with them.
+/// `MAX_INTERLEAVED` of them at a time, and no more than together have `mostUnderWay` bytes, but for one. What their
+/// streams have to send after them waits with them.
 class TurnQueue {
 public:
     struct Message {
@@ -59,6 +60,7 @@ public:
 
     // ---- leaving ----------------------------------------------------------------------------------------------
 
+    void setMostUnderWay(std::size_t bytes) noexcept { m_mostUnderWay = bytes; }
     /// How many fragments one gathering has at most.
     static constexpr std::size_t GATHERED_FRAGMENTS = 16;
 
@@ -94,10 +96,12 @@ private:
 
     const Lane* find(std::uint32_t stream) const;
     void uncount(const Message& message) noexcept;
+    std::size_t countActive() const noexcept;
     bool dropFollowers(Lane& lane, Kind kind);
 
     std::unordered_map<std::uint32_t, Lane> m_lanes; ///< by stream
     std::vector<Lane*> m_ring;                       ///< whose turn it is stands in front
+    std::size_t m_mostUnderWay = SIZE_MAX;
     std::size_t m_queued = 0;
     std::size_t m_persistent = 0;
     std::array<std::array<unsigned char, HEADER_BYTES>, GATHERED_FRAGMENTS> m_headers{}; ///< of the last gathering

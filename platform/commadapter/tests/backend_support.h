@@ -54,13 +54,18 @@ inline Request persistent(std::string_view body = {})
 }
 
 /// What a handler does that takes long.
-inline void work(comm::TimeNs milliseconds)
+inline void workFor(comm::TimeNs time)
 {
     std::mutex mutex;
     comm::Condition never;
     std::unique_lock lock(mutex);
     comm::waitFor(
-        never, lock, [] { return false; }, comm::now() + milliseconds * comm::MILLISECOND);
+        never, lock, [] { return false; }, comm::now() + time);
+}
+
+inline void work(comm::TimeNs milliseconds)
+{
+    workFor(milliseconds * comm::MILLISECOND);
 }
 
 inline Response value(std::string text)
@@ -438,6 +443,26 @@ protected:
         begin(isLocal());
     }
     static bool isLocal() { return GetParam(); }
+};
+
+/// Asks, and again whenever it has been answered, as long as it is to.
+struct Asker {
+    Asker(Client& by, std::function<bool()> isWanted) : client(by), wanted(std::move(isWanted)) { ask(); }
+    void ask()
+    {
+        client.request(retrieve("/echo", "y"))->onEnd = [this, issued = comm::now()] {
+            longest = std::max(longest, comm::now() - issued);
+            ++answers;
+            if (wanted()) {
+                ask();
+            }
+        };
+    }
+
+    Client& client;
+    const std::function<bool()> wanted;
+    comm::TimeNs longest = 0;
+    std::size_t answers = 0;
 };
 
 } // namespace kesa::commadapter::test

@@ -22,26 +22,6 @@ Request limited(Request request, Value milliseconds)
     return request;
 }
 
-/// Asks, and again whenever it has been answered, as long as it is to.
-struct Asker {
-    Asker(Client& by, std::function<bool()> isWanted) : client(by), wanted(std::move(isWanted)) { ask(); }
-    void ask()
-    {
-        client.request(retrieve("/echo", "y"))->onEnd = [this, issued = comm::now()] {
-            longest = std::max(longest, comm::now() - issued);
-            ++answers;
-            if (wanted()) {
-                ask();
-            }
-        };
-    }
-
-    Client& client;
-    const std::function<bool()> wanted;
-    comm::TimeNs longest = 0;
-    std::size_t answers = 0;
-};
-
 class BackendTimeLimits : public BothRoads {};
 
 INSTANTIATE_TEST_SUITE_P(IsLocal, BackendTimeLimits, testing::Bool());

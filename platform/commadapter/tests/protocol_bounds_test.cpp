@@ -166,15 +166,42 @@ TEST(ProtocolBounds, FragmentsAreFullCountedAndOfOneMessage)
             {joined({first, frame(5, FLAG_MORE, 1, 2, {}, FRAME_BYTES)}), "request" + between},
             {firstFragment(1, 16777216), "request of 16777224 bytes, more than 16777216"},
         });
+    Bytes many = hello();
+    for (std::uint32_t stream = 1; stream <= MAX_INTERLEAVED + 1; ++stream) {
+        many = joined({many, firstFragment(stream, 200000)});
+    }
+    EXPECT_EQ(reasonOf(Role::eSERVER, many), "more than 16 fragmented messages at once");
     Limits limits;
-    limits.maxPartialMessages = 2;
-    EXPECT_EQ(reasonOf(Role::eSERVER,
-                       joined({hello(), firstFragment(1, 200000), firstFragment(2, 200000), firstFragment(3, 200000)}),
-                       limits),
-              "more than 2 fragmented messages at once");
+    limits.maxMessageBytes = 400000;
+    EXPECT_EQ(reasonOf(Role::eSERVER, joined({hello(), firstFragment(1, 200000), firstFragment(2, 200000)}), limits),
+              "request of 200008 bytes while others of 200008 are not complete, together more than 400000");
     limits.maxMessageBytes = 1000;
     EXPECT_EQ(reasonOf(Role::eSERVER, joined({hello(), frame(5, 0, 1, 1, {}, 1001)}), limits),
               "request of 1001 bytes, more than 1000");
+}
+
+TEST(ProtocolBounds, AMessageForWhichThereIsNoRoomWaitsAsAWhole)
+{
+    Pair pair;
+    pair.atServer.room = IMachineListener::Room::eLATER;
+    ASSERT_EQ(pair.client.output.request(1, 1, Request("update", "", large(200000))), Sent::eQUEUED);
+    pair.client.output.ping();
+    ASSERT_FALSE(feed(pair.server, take(pair.client, FRAME_BYTES + HEADER_BYTES, 16)));
+    EXPECT_TRUE(pair.server.input.isWaiting());
+    EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
+    pair.atServer.room = IMachineListener::Room::eTHERE;
+    ASSERT_FALSE(pair.server.input.readOn());
+    EXPECT_FALSE(pair.server.input.isWaiting());
+    EXPECT_GT(pair.server.input.unfinishedBytes(), 200000U);
+    ASSERT_FALSE(feed(pair.server, takeAll(pair.client)));
+    EXPECT_EQ(pair.atServer.lines.size(), 1U);
+    EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
+    EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
+
+    pair.atServer.room = IMachineListener::Room::eNONE;
+    ASSERT_EQ(pair.client.output.request(2, 1, Request("update", "", large(200000))), Sent::eQUEUED);
+    EXPECT_TRUE(feed(pair.server, takeAll(pair.client)));
+    EXPECT_EQ(pair.server.input.reason(), "request of a stream that is in use");
 }
 
 TEST(ProtocolBounds, ABodyGrowsWithWhatArrivesNotWithWhatIsDeclared)

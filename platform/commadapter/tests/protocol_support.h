@@ -66,6 +66,7 @@ public:
         hello = peer;
         add(describe(peer));
     }
+    Room onLarge(std::uint32_t, std::size_t) override { return room; }
     void onAttach(std::uint32_t target, std::string path) override
     {
         add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->output.attach(target, path)); });
@@ -101,8 +102,14 @@ public:
         add(line("completed", stream), [&] { echo->output.completed(stream); });
     }
 
+    void onGoodbye(std::string reason) override
+    {
+        add("goodbye " + reason, [&] { echo->output.goodbye(reason); });
+    }
+
     std::vector<std::string> lines;
     Hello hello;
+    Room room = Room::eTHERE; ///< for large messages
     Machine* echo = nullptr;
     Machine* held = nullptr;
 

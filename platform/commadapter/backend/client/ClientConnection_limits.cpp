@@ -24,6 +24,7 @@ namespace {
 constexpr comm::TimeNs LATE_TIMER = 10 * comm::MILLISECOND;
 constexpr comm::TimeNs QUIET = 50 * comm::MILLISECOND;
 constexpr comm::TimeNs LONGEST_LOOKING = comm::SECOND;
+constexpr comm::TimeNs LOOK_PAUSE = 2 * comm::MILLISECOND;
 /// What the pause between two looks counts at most: the process may stand still again meanwhile.
 constexpr comm::TimeNs MOST_COUNTED = LONGEST_LOOKING / 2;
 
@@ -117,7 +118,7 @@ bool ClientConnection::looks(Lock& lock, comm::TimeNs now)
     if (m_look.isRead && !looksAgain()) {
         return false;
     }
-    m_timerDue = m_look.last + (m_look.isRead ? QUIET : BATCH);
+    m_timerDue = m_look.last + (m_look.isRead ? QUIET : LOOK_PAUSE);
     return true;
 }
 

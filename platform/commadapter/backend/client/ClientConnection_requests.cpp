@@ -359,6 +359,24 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     }
 }
 
+/// A client stops reading for nobody: so it ends the connection to a provider of another user that has too much under
+/// way on all of them.
+ClientConnection::Room ClientConnection::onLarge(std::uint32_t number, std::size_t bytes)
+{
+    {
+        const Lock lock(m_lock);
+        if (m_streams.find(number) == nullptr) {
+            return Room::eNONE;
+        }
+    }
+    std::string why;
+    if (!hasRoom(bytes, why) && !loop().accounts().isTrusted(peer().uid)) {
+        cutOff(why);
+        return Room::eLATER;
+    }
+    return Room::eTHERE;
+}
+
 void ClientConnection::onError(std::uint32_t number, Response error)
 {
     endStream(number, &error);

@@ -1,6 +1,6 @@
-// Input: the loop reads a batch, for no longer than BATCH so that no peer keeps the loop to itself, and the machine
-// calls the derived class for each message in it. The lock is not held meanwhile. What is left is handled in later
-// turns; who has to know what the peer has sent by now waits for them, see `readAll`.
+// Input: the loop reads a batch, for no longer than a turn so that no peer keeps the loop to itself (`FairTurns`), and
+// the machine calls the derived class for each message in it. The lock is not held meanwhile. What is left is handled
+// in later turns; who has to know what the peer has sent by now waits for them, see `readAll`.
 //
 // Output: a command is encoded into the machine under the lock. Issued on another thread it is written at once by that
 // thread, unless the socket is full or a batch is being handled; issued on the loop it is gathered, and leaves in one
@@ -25,10 +25,12 @@
 #include "backend/connection/channel.h"
 
 #include <comm/wallClock.h>
+#include <obr/visible.h>
 
 #include <algorithm>
 #include <array>
 #include <iterator>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -73,6 +75,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     progressed(now);
     m_isReading = true;
     m_lostReason.reset();
+    m_goodbye.clear();
     m_bytesRead = 0;
 }
 
@@ -103,6 +106,7 @@ void Connection::lose(std::string reason)
     m_loop->countQueued(std::exchange(m_counted, {}), {});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
+    countUnfinished(0);
     const auto dropped = std::exchange(m_awaited, {});
     onClosed(reason);
 }
@@ -121,9 +125,24 @@ void Connection::cutOff(std::string reason)
     if (m_isOpen && !m_lostReason) {
         if (m_role == protocol::Role::eSERVER) {
             traceCutOff(reason);
+            sayGoodbye(reason);
         }
         lose(std::move(reason));
     }
+}
+
+/// As far as there is room for it now: nobody waits for a peer that is cut off.
+void Connection::sayGoodbye(const std::string& reason)
+{
+    const Lock lock(m_lock);
+    m_machine->output.goodbye(reason);
+    write();
+}
+
+void Connection::onGoodbye(std::string reason)
+{
+    constexpr std::size_t MOST = 400;
+    m_goodbye = obr::visible(reason.size() > MOST ? reason.substr(0, MOST) + "..." : reason);
 }
 
 // ---- input --------------------------------------------------------------------------------------------------------
@@ -132,9 +151,7 @@ void Connection::onReadable()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    if (!m_isToReadOn) { // else its turn comes, once
-        readBatch();
-    }
+    m_loop->turns().ready(*this);
 }
 
 void Connection::readAll(std::function<void()> then)
@@ -148,7 +165,7 @@ void Connection::readAll(std::function<void()> then)
     }
 }
 
-void Connection::readBatch()
+void Connection::readBatch(comm::TimeNs until)
 {
     if (!m_isOpen || m_isReceiving) {
         return;
@@ -162,8 +179,14 @@ void Connection::readBatch()
         shutInput(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
-    const bool isEmpty = receive();
+    bool isEmpty = false;
+    try {
+        isEmpty = receive(until);
+    } catch (const std::bad_alloc&) { // handlers' exceptions do not come here
+        cutOff("there is no memory for what it sends");
+    }
     m_isReceiving = false;
+    countUnfinished(input.unfinishedBytes());
     const bool hasRead = m_bytesRead != readBefore;
     const bool isPong = input.pongs() != pongs;
     finishBatch(hasRead);
@@ -173,15 +196,12 @@ void Connection::readBatch()
 }
 
 /// Answers whether the stream was found empty.
-bool Connection::receive()
+bool Connection::receive(comm::TimeNs until)
 {
-    comm::TimeNs until = comm::NEVER;
     auto& input = m_machine->input;
-    if (input.hasUnhandled()) {
-        until = comm::now() + BATCH;
-        if (input.readOn(until)) {
-            cutOff(input.reason());
-        }
+    m_wasCutShort = true;
+    if (input.hasUnhandled() && input.readOn(until)) {
+        cutOff(input.reason());
     }
     unsigned reads = 0;
     while (!m_lostReason && !isInputStopped()) {
@@ -189,19 +209,22 @@ bool Connection::receive()
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
         if (result == transport::IStream::Result::eENDED) {
-            m_lostReason = m_stream->reason().empty() ? "the peer closed the connection" : m_stream->reason();
+            m_lostReason = !m_goodbye.empty()           ? "the peer closed the connection: " + m_goodbye
+                           : m_stream->reason().empty() ? "the peer closed the connection"
+                                                        : m_stream->reason();
         }
         if (result != transport::IStream::Result::eDONE || size == 0) {
+            m_wasCutShort = false;
             return true;
         }
-        const comm::TimeNs now = comm::now();
-        until = until == comm::NEVER ? now + BATCH : until;
         m_bytesRead += size;
-        if (input.received(size, now, until)) {
+        if (input.received(size, comm::now(), until)) {
             cutOff(input.reason());
             break;
         }
-        const bool isEnough = size < into.size() || ++reads == MOST_READS; // the stream comes again for the rest
+        const bool isAll = size < into.size();
+        m_wasCutShort = !isAll || input.isPaused();
+        const bool isEnough = isAll || ++reads == MOST_READS; // the stream comes again for the rest
         if ((isEnough && m_awaited.empty()) || comm::now() >= until) {
             break;
         }
@@ -233,25 +256,52 @@ void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
 bool Connection::isHandled(const Awaited& awaited, bool isEmpty) const
 {
     const auto& input = m_machine->input;
-    return input.isShut() || (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
+    const bool isHeld = input.isShut() || input.isWaiting();
+    return isHeld || (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
 }
 
 /// What the time did not suffice for: after what other connections have for this turn of the loop.
 void Connection::readOnLater()
 {
     const bool isLeft = m_machine->input.isPaused() || !m_awaited.empty();
-    if (isLeft && !std::exchange(m_isToReadOn, true)) {
-        m_loop->post([self = shared_from_this()] {
-            self->m_isToReadOn = false;
-            const IoLoop::Turn turn(*self->m_loop);
-            self->readBatch();
-        });
+    if (isLeft) {
+        m_isToReadOn = true;
+        m_loop->turns().again(*this);
     }
 }
 
 bool Connection::isInputStopped() const noexcept
 {
-    return m_machine->input.isShut() || m_machine->input.isPaused();
+    const auto& input = m_machine->input;
+    return input.isShut() || input.isPaused() || input.isWaiting();
+}
+
+void Connection::countUnfinished(std::size_t bytes)
+{
+    const std::size_t before = std::exchange(m_unfinished, bytes);
+    m_loop->accounts().change(UserAccounts::Kind::eUNFINISHED, m_uid, before, bytes);
+    if (bytes < before) {
+        m_loop->roomFreed();
+    }
+}
+
+bool Connection::hasRoom(std::size_t bytes, std::string& why)
+{
+    const std::size_t unfinished = m_machine->input.unfinishedBytes();
+    countUnfinished(unfinished); // the batch may have ended some
+    m_uid = unfinished == 0 ? m_stream->peer().uid : m_uid;
+    why = m_loop->accounts().whyNoMore(UserAccounts::Kind::eUNFINISHED, m_uid, bytes);
+    if (why.empty()) {
+        countUnfinished(unfinished + bytes);
+    }
+    return why.empty();
+}
+
+Connection::Room Connection::waitForRoom(const std::string& why)
+{
+    KESA_TRACE(CHANNEL, 2, "[hold] a large message of '%s' waits: %s", peerName().c_str(), why.c_str());
+    m_loop->waitForRoom(*this);
+    return Room::eLATER;
 }
 
 void Connection::finishBatch(bool hasRead)
@@ -410,7 +460,7 @@ void Connection::reopenInput()
 
 void Connection::updateReading()
 {
-    const bool isWanted = !m_machine->input.isShut();
+    const bool isWanted = !m_machine->input.isShut() && !m_machine->input.isWaiting();
     if (std::exchange(m_isReading, isWanted) != isWanted) {
         m_stream->setReading(isWanted);
     }

@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_CONNECTION_H
 
 #include "backend/connection/ConnectionFacts.h"
+#include "backend/connection/FairTurns.h"
 #include "backend/connection/IoLoop.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
@@ -74,10 +75,9 @@ protected:
     /// When the last batch of what the peer sent began to be handled. With the lock held.
     comm::TimeNs lastHeard() const noexcept { return m_lastHeard; }
 
-    static constexpr comm::TimeNs BATCH = 2 * comm::MILLISECOND;
-    /// Reads and handles what is there, and no further once handling it has taken BATCH, message by message: a peer
-    /// that sends very many keeps nobody else waiting, and the rest comes in a later turn of the loop. Loop only.
-    void readBatch();
+    /// Reads and handles what is there, and no further once handling it has taken a turn, message by message: a peer
+    /// that sends very many keeps nobody else waiting, and the rest comes in a later turn, see `FairTurns`. Loop only.
+    void readBatch() { readBatch(comm::now() + FairTurns::ROUND); }
     /// What the peer has sent by now, and its end if that has come, is read and handled, in as many batches as it
     /// takes; `isReadingOn` until then. Then `then` is called: at once where one batch is enough, never once the
     /// connection has ended. Loop only.
@@ -89,6 +89,11 @@ protected:
     /// only, while open.
     void endAfterInput(std::string reason);
     static constexpr const char* PROCESS_ENDED = "the peer's process has ended";
+
+    /// For `onLarge`: whether the account of the peer's user has room, which is taken then. Loop only.
+    bool hasRoom(std::size_t bytes, std::string& why);
+    /// The message that begins waits for it. Loop only.
+    Room waitForRoom(const std::string& why);
 
     bool isOpen() const noexcept { return m_isOpen; }
     /// While open; lock held.
@@ -112,6 +117,7 @@ protected:
 
     // What only one side hears is nothing to the other.
     void onHello(const protocol::Hello&) override {}
+    Room onLarge(std::uint32_t, std::size_t) override { return Room::eNONE; }
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
     void onRequest(std::uint32_t, std::uint32_t, Request, bool) override {}
@@ -121,6 +127,7 @@ protected:
     void onNext(std::uint32_t, Response) override {}
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
+    void onGoodbye(std::string reason) override;
 
     /// Guards the output half of the machine, writing, and the tables of the derived class and its parts. Never held
     /// around a call into a handler, listener or service.
@@ -128,6 +135,7 @@ protected:
 
 private:
     void traceCutOff(const std::string& reason) const;
+    void sayGoodbye(const std::string& reason);
     void onReadable() override;
     void onWritable() override;
     void onPeerExited() override;
@@ -137,12 +145,15 @@ private:
         std::uint64_t end; ///< how many bytes had come
         std::function<void()> then;
     };
-    bool receive();
+    friend FairTurns;
+    void readBatch(comm::TimeNs until);
+    bool receive(comm::TimeNs until);
     void finishBatch(bool hasRead);
     void endBatch(bool hasRead, bool isPong, bool isEmpty);
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
     bool isInputStopped() const noexcept;
+    void countUnfinished(std::size_t bytes);
     void write();
     std::size_t shutBound() const;
     std::size_t boundedBytes() const;
@@ -178,10 +189,15 @@ private:
     IoLoop::Queued m_counted;
     // Loop only.
     bool m_isReceiving = false;
-    bool m_isToReadOn = false; ///< a turn is posted in which it does
-    bool m_isReading = true;   ///< the stream reports what arrives
+    bool m_isInLine = false;    ///< for a turn
+    bool m_isToReadOn = false;  ///< in that, since the last one did not suffice for what had come
+    bool m_wasCutShort = false; ///< the last turn has left something, or may have
+    bool m_isReading = true;    ///< the stream reports what arrives
     std::optional<std::string> m_lostReason;
+    std::string m_goodbye; ///< what the server said of the end that is to come
     std::uint64_t m_bytesRead = 0;
+    std::int64_t m_uid = -1; ///< whose account what is unfinished is counted in
+    std::size_t m_unfinished = 0;
     std::vector<Awaited> m_awaited;
 };
 

@@ -31,7 +31,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     m_isFoundStuck = isStuck(now);
     const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
-    if (m_machine->input.isShut() && !isJudgedStuck) {
+    if ((m_machine->input.isShut() || m_machine->input.isWaiting()) && !isJudgedStuck) {
         m_machine->output.restartDeadlines(now); // its sign of life may be among what is not read
     }
     if (now >= m_machine->output.nextDeadline()) {

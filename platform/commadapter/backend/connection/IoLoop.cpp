@@ -131,6 +131,20 @@ void IoLoop::remove(Connection& connection)
     std::erase(m_connections, &connection);
 }
 
+void IoLoop::waitForRoom(Connection& connection)
+{
+    m_waitingForRoom.push_back(connection.weak_from_this());
+}
+
+void IoLoop::roomFreed()
+{
+    for (const auto& waiting : std::exchange(m_waitingForRoom, {})) {
+        if (const auto connection = waiting.lock()) {
+            m_turns.again(*connection);
+        }
+    }
+}
+
 void IoLoop::expectSomething()
 {
     // The load only spares the exchange, which decides.

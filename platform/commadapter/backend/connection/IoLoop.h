@@ -2,7 +2,9 @@
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_IOLOOP_H
 
 #include "backend/connection/CommSettings.h"
+#include "backend/connection/FairTurns.h"
 #include "backend/connection/OncePerPeer.h"
+#include "backend/connection/UserAccounts.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
@@ -125,6 +127,11 @@ public:
         }
     }
 
+    FairTurns& turns() noexcept { return m_turns; }
+    UserAccounts& accounts() noexcept { return m_accounts; }
+    /// It is read on when there is more room for unfinished messages.
+    void waitForRoom(Connection& connection);
+    void roomFreed();
     /// Of peers of another version, which try for ever.
     OncePerPeer& strangers() noexcept { return m_strangers; }
 
@@ -145,6 +152,9 @@ private:
     // Loop only.
     comm::OncePer m_heldTraces{comm::SECOND};
     OncePerPeer m_strangers;
+    FairTurns m_turns{*this};
+    UserAccounts m_accounts;
+    std::vector<std::weak_ptr<Connection>> m_waitingForRoom;
     unsigned m_depth = 0;
     std::vector<std::shared_ptr<Connection>> m_gathered;
     std::vector<std::pair<std::unique_ptr<transport::IStream>, std::unique_ptr<protocol::Machine>>> m_remains;

@@ -6,14 +6,29 @@ namespace kesa::commadapter {
 
 namespace {
 
-constexpr std::size_t MAX_TARGETS = 65536;
+/// What a path costs beside its text, which is kept twice.
+constexpr std::size_t COST = 256;
+
+std::size_t costOf(const std::string& path)
+{
+    return COST + 2 * path.size();
+}
 
 } // namespace
 
+void Interests::count(const std::string& path, bool isMore)
+{
+    const std::size_t bytes = isMore ? m_bytes + costOf(path) : m_bytes - costOf(path);
+    m_connection.loop().accounts().change(UserAccounts::Kind::ePATHS, m_connection.identity().uid, m_bytes, bytes);
+    m_bytes = bytes;
+}
+
 void Interests::attach(std::uint32_t target, std::string path)
 {
-    if (m_targets.size() >= MAX_TARGETS) {
-        m_connection.cutOff("too many paths");
+    if (auto why = m_connection.loop().accounts().whyNoMore(UserAccounts::Kind::ePATHS, m_connection.identity().uid,
+                                                            costOf(path));
+        !why.empty()) {
+        m_connection.cutOff(std::move(why));
         return;
     }
     const auto [entry, isNew] = m_targets.try_emplace(target);
@@ -21,6 +36,7 @@ void Interests::attach(std::uint32_t target, std::string path)
         m_connection.cutOff("target " + std::to_string(target) + " is in use");
         return;
     }
+    count(path, true);
     entry->second.interest = m_services.addInterest(*this, target, path);
     entry->second.path = std::move(path);
     if (const auto service = m_services.find(entry->second.path)) {
@@ -34,6 +50,7 @@ void Interests::detach(std::uint32_t target)
     if (found != m_targets.end()) {
         m_connection.m_served.cancelAll(found->second.open, "cancelled");
         m_services.removeInterest(found->second.path, found->second.interest);
+        count(found->second.path, false);
         m_targets.erase(found);
     }
 }
@@ -43,6 +60,7 @@ void Interests::end()
     for (auto& [number, target] : m_targets) {
         m_services.removeInterest(target.path, target.interest);
         m_connection.m_served.cancelAll(target.open, "");
+        count(target.path, false);
     }
     m_targets.clear();
 }

@@ -29,6 +29,7 @@ public:
     void attach(std::uint32_t target, std::string path);
     /// Cancels the requests to it, too.
     void detach(std::uint32_t target);
+    bool isEmpty() const noexcept { return m_targets.empty(); }
     /// The connection has ended: forgets all, and cancels the requests.
     void end();
     /// Null for a number that the client has given nothing. A target outlives its open requests.
@@ -44,8 +45,11 @@ public:
     void withdrawn(std::uint32_t target, const ProvidedService& service);
 
 private:
+    void count(const std::string& path, bool isMore);
+
     ServerConnection& m_connection;
     ServiceTable& m_services;
+    std::size_t m_bytes = 0; ///< in the account of the client's user
     std::unordered_map<std::uint32_t, Target> m_targets;
 };
 

@@ -112,6 +112,12 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
     callService(number, serial, service, request);
 }
 
+bool ServedRequests::isFree(std::uint32_t number)
+{
+    const auto lock = m_connection.lock();
+    return number <= MAX_STREAMS && m_streams.find(number) == nullptr;
+}
+
 void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
                                  const std::shared_ptr<ProvidedService>& service, const Request& request)
 {

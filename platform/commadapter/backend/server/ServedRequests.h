@@ -34,6 +34,9 @@ public:
     /// Ends all requests of a target's with a 503.
     void cancelAll(StreamList& requests, const char* text);
 
+    /// Whether a request with that number may come.
+    bool isFree(std::uint32_t stream);
+
     // Any thread; called by the response handlers and stream controls. A `serial` that is not the stream's present one
     // is of a stream that has ended.
     /// True when the value was not accepted.

@@ -22,6 +22,7 @@ void ServerConnection::begin(std::unique_ptr<transport::IStream> stream, const p
         const Lock lock(m_lock);
         open(std::move(stream), own);
         m_openedAt = comm::now();
+        m_identity = Connection::peer();
         m_context.realm = own.realm; // who reaches a socket is of its realm
     }
     Connection::begin();
@@ -77,6 +78,15 @@ void ServerConnection::onHello(const protocol::Hello& peer)
     m_context.peer = std::make_shared<Peer>(loop().shared_from_this(),
                                             std::static_pointer_cast<ServerConnection>(shared_from_this()));
     machine().input.setClientId(peer.process + ":" + std::to_string(identity.pid));
+}
+
+ServerConnection::Room ServerConnection::onLarge(std::uint32_t stream, std::size_t bytes)
+{
+    if (!m_served.isFree(stream)) {
+        return Room::eNONE;
+    }
+    std::string why;
+    return hasRoom(bytes, why) ? Room::eTHERE : waitForRoom(why);
 }
 
 void ServerConnection::onAttach(std::uint32_t target, std::string path)

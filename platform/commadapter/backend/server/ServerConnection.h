@@ -32,6 +32,10 @@ public:
     Liveness& liveness() noexcept { return m_liveness; }
     DrainedTasks& drainedTasks() noexcept { return m_drainedTasks; }
     using Connection::cutOff;
+    /// It asks for no path.
+    bool isIdle() const noexcept { return m_interests.isEmpty(); }
+    /// Whom the kernel says it is of.
+    const transport::PeerIdentity& identity() const noexcept { return m_identity; }
 
     /// See `IPeer`. Any thread.
     std::string endReason() const;
@@ -62,6 +66,7 @@ private:
     void onQueueEmpty() override;
     void onSign(bool isPong) override;
     void onHello(const protocol::Hello& peer) override;
+    Room onLarge(std::uint32_t stream, std::size_t bytes) override;
     void onAttach(std::uint32_t target, std::string path) override;
     void onDetach(std::uint32_t target) override;
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override;
@@ -76,7 +81,8 @@ private:
 
     std::string m_endReason; ///< with the lock held
     // Loop only.
-    RequestContext m_context; ///< who the client is, for the service that is called
+    transport::PeerIdentity m_identity; ///< as it was accepted
+    RequestContext m_context;           ///< who the client is, for the service that is called
     comm::TimeNs m_openedAt = 0;
 };
 

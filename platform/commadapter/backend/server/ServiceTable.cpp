@@ -2,6 +2,8 @@
 
 #include "backend/server/ServerConnection.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace kesa::commadapter {
@@ -85,8 +87,51 @@ void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const std:
 {
     m_loop->onLoop(__func__);
     const auto connection = std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme);
+    const std::string why = whyRefused(stream->peer());
     m_connections.push_back(connection);
     connection->begin(std::move(stream), m_makeHello());
+    count(*connection, true);
+    if (!why.empty()) {
+        connection->cutOff(why);
+    }
+}
+
+/// Each costs descriptors, of which there are few: one process, or all those of another user, must not have them all.
+std::string ServiceTable::whyRefused(const transport::PeerIdentity& peer)
+{
+    const UserAccounts& accounts = m_loop->accounts();
+    const auto ofProcess = peer.pid > 0 ? m_ofProcess.find(peer.pid) : m_ofProcess.end();
+    if (ofProcess != m_ofProcess.end() && ofProcess->second >= accounts.mostConnectionsOfProcess()) {
+        return fmt::format("the process has {}, and one process may have {}", ofProcess->second,
+                           accounts.mostConnectionsOfProcess());
+    }
+    const std::string why = accounts.whyNoMore(UserAccounts::Kind::eCONNECTIONS, peer.uid, 1);
+    return why.empty() || endIdle(peer.uid) ? std::string() : why;
+}
+
+/// The oldest one of the user that asks for nothing.
+bool ServiceTable::endIdle(std::int64_t uid)
+{
+    const auto idle = std::find_if(m_connections.begin(), m_connections.end(), [uid](const auto& connection) {
+        return connection->identity().uid == uid && connection->isIdle();
+    });
+    if (idle == m_connections.end()) {
+        return false;
+    }
+    const auto keep = *idle;
+    keep->cutOff("it asks for nothing, and its user has no more connections to open");
+    return true;
+}
+
+void ServiceTable::count(const ServerConnection& connection, bool isMore)
+{
+    const transport::PeerIdentity& peer = connection.identity();
+    m_loop->accounts().change(UserAccounts::Kind::eCONNECTIONS, peer.uid, isMore ? 0 : 1, isMore ? 1 : 0);
+    if (isMore) {
+        ++m_ofProcess[peer.pid];
+    } else if (const auto found = m_ofProcess.find(peer.pid); --found->second == 0) {
+        m_ofProcess.erase(found);
+    }
 }
 
 void ServiceTable::stop()
@@ -155,7 +200,9 @@ std::size_t ServiceTable::addPaths(std::vector<std::string>& paths, std::size_t 
 
 void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)
 {
-    m_connections.remove(connection);
+    if (m_connections.remove(connection) > 0) {
+        count(*connection, false);
+    }
 }
 
 } // namespace kesa::commadapter

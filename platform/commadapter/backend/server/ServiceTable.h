@@ -67,6 +67,9 @@ public:
     void remove(const std::shared_ptr<ServerConnection>& connection);
 
 private:
+    std::string whyRefused(const transport::PeerIdentity& peer);
+    bool endIdle(std::int64_t uid);
+    void count(const ServerConnection& connection, bool isMore);
     void announce(const std::shared_ptr<ProvidedService>& service);
     void withdrawNow(const std::shared_ptr<ProvidedService>& service);
 
@@ -77,7 +80,9 @@ private:
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
     std::unordered_map<std::string, InterestList> m_interests;
-    std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came, loop only
+    // Loop only.
+    std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came
+    std::unordered_map<std::int64_t, std::size_t> m_ofProcess;  ///< how many, by process number
 };
 
 } // namespace kesa::commadapter

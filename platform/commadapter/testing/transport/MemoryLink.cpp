@@ -181,7 +181,8 @@ public:
         : m_streams(std::move(streams)), m_link(std::move(link)), m_side(side)
     {
         m_peer.pid = static_cast<std::int64_t>(other().group);
-        m_peer.uid = 0;
+        const auto user = m_streams->users.find(other().group);
+        m_peer.uid = user == m_streams->users.end() ? 0 : user->second;
         m_peer.gid = 0;
         m_peer.start = 1 + m_streams->deaths[other().group];
     }

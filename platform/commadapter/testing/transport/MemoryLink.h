@@ -27,6 +27,7 @@ struct Streams {
     std::map<std::uint64_t, std::string> instances;  ///< by group, as its hellos have it
     std::map<std::uint64_t, std::uint64_t> deaths;   ///< of processes of the group
     std::map<std::uint64_t, std::uint64_t> repeated; ///< the group whose instance a group says instead
+    std::map<std::uint64_t, std::int64_t> users;     ///< of groups that are not root's
 
     std::uint64_t draw(std::uint64_t bound) const { return faults.draw && bound > 0 ? faults.draw(bound) : 0; }
     bool happens(unsigned percent) const { return faults.draw && percent > 0 && faults.draw(100) < percent; }

@@ -323,6 +323,12 @@ void MemoryNetwork::cut(std::uint64_t a, std::uint64_t b)
     }
 }
 
+void MemoryNetwork::setUser(std::uint64_t group, std::int64_t uid)
+{
+    const std::lock_guard lock(m_impl->lock);
+    m_impl->users[group] = uid;
+}
+
 void MemoryNetwork::repeatInstance(std::uint64_t liar, std::uint64_t other)
 {
     const std::lock_guard lock(m_impl->lock);

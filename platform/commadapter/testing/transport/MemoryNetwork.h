@@ -46,6 +46,8 @@ public:
     void cut(std::uint64_t a, std::uint64_t b);
     /// The hellos of `liar` say from now on that it is `other`, by the instance that this one's last hello had.
     void repeatInstance(std::uint64_t liar, std::uint64_t other);
+    /// Of the streams that it opens from now on, or that are opened to it; root's without.
+    void setUser(std::uint64_t group, std::int64_t uid);
     /// There is a stream between the two groups, and none whose end one of them has still to see.
     bool isConnected(std::uint64_t a, std::uint64_t b) const;
     /// Ends of streams that their owners have not closed.

@@ -1,0 +1,89 @@
+#include "backend/connection/UserAccounts.h"
+
+#include <fmt/format.h>
+
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace kesa::commadapter {
+
+namespace {
+
+constexpr std::size_t MIB = 1U << 20U;
+
+/// A client's connection has a socket and its process's pidfd; what else a process opens has the rest.
+constexpr std::size_t DESCRIPTORS_PER_CONNECTION = 2;
+constexpr std::size_t DESCRIPTORS_KEPT_FREE = 128;
+/// Whatever the limit of descriptors is, a table of connections need not be larger.
+constexpr std::size_t MOST_CONNECTIONS = 16384;
+/// Nobody needs as many: one process has one connection to another, and each tool it starts one.
+constexpr std::size_t MOST_OF_PROCESS = 128;
+
+// 20,000 paths of common length take 8 MiB; a message has 16 MiB by default, and each may have two under way.
+constexpr std::size_t PATHS_OF_OTHERS = 8 * MIB;
+constexpr std::size_t PATHS_OF_OWN = 128 * MIB;
+constexpr std::size_t UNFINISHED_OF_OTHERS = 32 * MIB;
+constexpr std::size_t UNFINISHED_OF_OWN = 128 * MIB;
+
+std::size_t mostAtAll()
+{
+    rlimit limit{};
+    const std::size_t descriptors = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 1024;
+    const std::size_t usable = descriptors - std::min(descriptors / 2, DESCRIPTORS_KEPT_FREE);
+    return std::min(usable / DESCRIPTORS_PER_CONNECTION, MOST_CONNECTIONS);
+}
+
+const char* describe(UserAccounts::Kind kind)
+{
+    switch (kind) {
+    case UserAccounts::Kind::eCONNECTIONS:
+        return "connections";
+    case UserAccounts::Kind::ePATHS:
+        return "bytes for paths that it asks for";
+    case UserAccounts::Kind::eUNFINISHED:
+        return "bytes of unfinished messages";
+    }
+    return "";
+}
+
+} // namespace
+
+UserAccounts::UserAccounts()
+    : m_ownUid(::geteuid()), m_ofOwn{mostAtAll(), PATHS_OF_OWN, UNFINISHED_OF_OWN}, m_ofOthers{mostAtAll() / 2,
+                                                                                               PATHS_OF_OTHERS,
+                                                                                               UNFINISHED_OF_OTHERS},
+      m_mostOfProcess(std::min(MOST_OF_PROCESS, mostAtAll() / 4))
+{}
+
+std::size_t UserAccounts::limit(Kind kind, std::int64_t uid) const noexcept
+{
+    return (isTrusted(uid) ? m_ofOwn : m_ofOthers)[static_cast<std::size_t>(kind)];
+}
+
+std::string UserAccounts::whyNoMore(Kind kind, std::int64_t uid, std::size_t more) const
+{
+    const auto found = m_amounts.find(uid);
+    const std::size_t has = found == m_amounts.end() ? 0 : found->second[static_cast<std::size_t>(kind)];
+    const std::size_t most = limit(kind, uid);
+    return has == 0 || has + more <= most
+               ? std::string()
+               : fmt::format("the processes of user {} have {} {} here, and with {} more would have more than the {} "
+                             "that they may",
+                             uid, has, describe(kind), more, most);
+}
+
+void UserAccounts::change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after)
+{
+    if (before == after) {
+        return;
+    }
+    const auto entry = m_amounts.try_emplace(uid).first;
+    entry->second[static_cast<std::size_t>(kind)] += after - before;
+    if (entry->second == Amounts{}) {
+        m_amounts.erase(entry);
+    }
+}
+
+} // namespace kesa::commadapter

@@ -1,0 +1,49 @@
+#ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_USERACCOUNTS_H
+#define KESA_COMMADAPTER_BACKEND_CONNECTION_USERACCOUNTS_H
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace kesa::commadapter {
+
+/// What the peers of each user make this process keep, beside what each connection may have. This process's own user
+/// and root may make it keep much, as they could end it as well; every other user has a share that leaves the rest to
+/// others. Loop only.
+class UserAccounts {
+public:
+    enum class Kind : std::uint8_t {
+        eCONNECTIONS, ///< number
+        ePATHS,       ///< bytes for paths that clients are interested in
+        eUNFINISHED,  ///< bytes of messages that have begun to arrive, in the size that was declared
+    };
+
+    UserAccounts();
+
+    /// This process's own user, root, and this process itself.
+    bool isTrusted(std::int64_t uid) const noexcept { return uid == m_ownUid || uid <= 0; }
+    /// Why the user may not have so much more; empty when he may, as he always may when he has nothing.
+    std::string whyNoMore(Kind kind, std::int64_t uid, std::size_t more) const;
+    /// His amount has changed.
+    void change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after);
+
+    /// Of one process, as each connection costs descriptors and nobody needs several.
+    std::size_t mostConnectionsOfProcess() const noexcept { return m_mostOfProcess; }
+
+private:
+    using Amounts = std::array<std::size_t, 3>;
+
+    std::size_t limit(Kind kind, std::int64_t uid) const noexcept;
+
+    const std::int64_t m_ownUid;
+    Amounts m_ofOwn;
+    Amounts m_ofOthers;
+    std::size_t m_mostOfProcess;
+    std::map<std::int64_t, Amounts> m_amounts;
+};
+
+} // namespace kesa::commadapter
+
+#endif
