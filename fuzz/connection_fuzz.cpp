@@ -92,26 +92,26 @@ private:
     }
     void onWritable() override
     {
-        std::size_t size = 1;
-        while (!m_isOver && !m_unsent.empty() && size > 0) {
-            const iovec part{m_unsent.data(), m_unsent.size()};
+        while (!m_isOver && m_written < m_unsent.size()) {
+            const iovec part{m_unsent.data() + m_written, std::min<std::size_t>(m_unsent.size() - m_written, 65536)};
+            std::size_t size = 0;
             const auto result = m_stream->write({&part, 1}, size);
             m_isOver = result == transport::IStream::Result::eENDED;
-            m_unsent.erase(m_unsent.begin(), m_unsent.begin() + static_cast<std::ptrdiff_t>(size));
+            m_written += size;
             if (result == transport::IStream::Result::eWOULD_BLOCK) {
                 m_stream->wantWrite();
                 return;
             }
         }
-        if (m_isOver) {
-            m_unsent.clear();
-        }
+        m_unsent.clear();
+        m_written = 0;
     }
     void onPeerExited() override {}
 
     Nobody m_nobody;
     const std::unique_ptr<transport::IStream> m_stream;
     Bytes m_unsent;
+    std::size_t m_written = 0; ///< of it
     bool m_isOver = false;
 
 public:

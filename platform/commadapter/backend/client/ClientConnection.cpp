@@ -210,6 +210,7 @@ void ClientConnection::connected(std::unique_ptr<transport::IStream> stream)
 {
     Lock lock(m_lock);
     m_peer = stream->peer();
+    loop().accounts().change(UserAccounts::Kind::eCONNECTIONS, m_peer.uid, 0, 1);
     open(std::move(stream), m_makeHello());
     m_isGreeted = false;
     m_openedAt = comm::now();
@@ -265,6 +266,7 @@ void ClientConnection::onClosed(const std::string& reason)
 {
     const auto error = unavailable("the connection was lost: " + reason);
     std::vector<std::shared_ptr<ClientState>> wereConnected;
+    loop().accounts().change(UserAccounts::Kind::eCONNECTIONS, m_peer.uid, 1, 0);
     m_targets.clear();
     m_look = {};
     Lock lock(m_lock);

@@ -116,6 +116,14 @@ void Connector::attempt()
 
 void Connector::attempted(transport::ITransport::Connected result)
 {
+    if (result.stream && !m_isLocal) {
+        // Whoever is found everywhere in the registry must not use up the descriptors for all others.
+        result.reason =
+            m_loop->accounts().whyNoMore(UserAccounts::Kind::eCONNECTIONS, result.stream->peer().uid, 1);
+        if (!result.reason.empty()) {
+            result.stream.reset();
+        }
+    }
     if (result.stream) {
         endWaiting();
         m_state = State::eCONNECTED;
