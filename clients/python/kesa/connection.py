@@ -52,17 +52,11 @@ class Connection:
         self._waiting_since: float | None = None
         self._pinged: float | None = None
         self._process: int | None = None
-        self._wire = Wire(
-            loop, sock, self._received, lambda: self._end("the peer closed the connection"), peer_is == "client"
-        )
+        self._wire = Wire(loop, sock, self._received, lambda: self._end("the peer closed the connection"))
+        self.pid = self._wire.peer()[0] if peer_is == "client" else 0
         self._hello_timer = loop.call_later(HELLO_SECONDS, self._end, "the peer sent no hello")
         self._look_timer = loop.call_later(_LOOK_SECONDS, self._look)
         self._wire.write(Message(frames.HELLO, head=own).encode())
-
-    @property
-    def pid(self) -> int:
-        """Of a client: the process that wrote its hello, 0 if the kernel does not say."""
-        return self._wire.writer
 
     @property
     def limit(self) -> int:

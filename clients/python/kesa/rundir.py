@@ -219,7 +219,6 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
         sock.bind(address)
         _set_mode(draft, mode)
         sock.setblocking(False)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
         sock.listen(_BACKLOG)
         os.rename(draft, path)
         return sock

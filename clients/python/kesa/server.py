@@ -98,7 +98,6 @@ class Server:
             self.loop.call_later(0.1, self._accept_again)
             return
         sock.setblocking(False)
-        sock.setsockopt(socket.SOL_SOCKET, socket.SO_PASSCRED, 1)
         self.peers.add(_Peer(self, sock, self.hello))
 
     def _accept_again(self) -> None:

@@ -13,10 +13,7 @@ _CREDENTIALS = struct.Struct("3i")
 
 
 class Wire:
-    """Writes what it is given in order and reads until the peer closes. I/O thread only.
-
-    `writer` is the pid of the process that wrote the first bytes, 0 if the kernel does not say.
-    """
+    """Writes what it is given in order and reads until the peer closes. I/O thread only."""
 
     def __init__(
         self,
@@ -24,9 +21,8 @@ class Wire:
         sock: socket.socket,
         on_data: Callable[[bytes], None],
         on_end: Callable[[], None],
-        who_writes: bool = False,
     ):
-        """`on_end` comes once, when the peer has closed; not after `close`. `who_writes`: ask the kernel for `writer`."""
+        """`on_end` comes once, when the peer has closed; not after `close`."""
         self._loop = loop
         self._socket = sock
         self._on_data = on_data
@@ -34,8 +30,6 @@ class Wire:
         self._out = bytearray()
         self._closed = False
         self._broken = False
-        self.writer = 0
-        self._who_writes = who_writes
         self._waiting_for_room: list[Callable[[], None]] = []
         self._waiting_for_all: list[asyncio.Future] = []
         loop.add_reader(sock, self._readable)
@@ -46,11 +40,11 @@ class Wire:
         return len(self._out)
 
     def peer(self) -> tuple[int, int]:
-        """Process and user, as the kernel says."""
+        """Process and user that connected, or that listen, as the kernel says; whoever writes."""
         pid, uid, _ = _CREDENTIALS.unpack(
             self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIALS.size)
         )
-        return self.writer or pid, uid
+        return pid, uid
 
     def write(self, data: bytes) -> None:
         """Sends, now or when the peer takes it. After the end it does nothing."""
@@ -131,7 +125,7 @@ class Wire:
 
     def _readable(self) -> None:
         try:
-            data = self._read()
+            data = self._socket.recv(_PIECE)
         except (BlockingIOError, InterruptedError):
             return
         except OSError:
@@ -141,13 +135,3 @@ class Wire:
         elif not self._closed:
             self.close()
             self._on_end()
-
-    def _read(self) -> bytes:
-        if not self._who_writes:
-            return self._socket.recv(_PIECE)
-        data, extras, _, _ = self._socket.recvmsg(_PIECE, socket.CMSG_SPACE(_CREDENTIALS.size))
-        self._who_writes = False
-        for level, kind, extra in extras:
-            if (level, kind) == (socket.SOL_SOCKET, socket.SCM_CREDENTIALS):
-                self.writer, _, _ = _CREDENTIALS.unpack(extra)
-        return data

@@ -88,6 +88,7 @@ TEST_F(TransportIpc, WithoutThePeersPidfdTheNumberIsTakenAndTheSocketLookedAt)
     const pid_t pid = process.pid;
     process.end();
     EXPECT_TRUE(openPeerProcessByPid(pair[0], pid).hasEnded);
+    ASSERT_EQ(::write(pair[1], "x", 1), 1);
     ::close(pair[1]);
     const PeerProcess reused = openPeerProcessByPid(pair[0], ::getpid());
     EXPECT_FALSE(reused.pidfd || reused.hasEnded) << "the peer is gone, its number may be anybody's";

@@ -78,7 +78,8 @@ public:
     {
         m_stream = std::move(stream);
         m_stream->start(*this);
-        std::string hello = "h"; // a peer is known once its first bytes have been read
+        m_board.change([this] { identity = m_stream->peer(); }); // the process, not when it began: before any byte
+        std::string hello = "h";
         const iovec part{hello.data(), hello.size()};
         std::size_t size = 0;
         m_stream->write({&part, 1}, size);
@@ -99,7 +100,6 @@ public:
         m_stream->setReading(!m_readsOnce);
         m_board.change([&] {
             received.append(buffer.begin(), buffer.begin() + static_cast<std::ptrdiff_t>(size));
-            identity = m_stream->peer();
             isEnded = isEnded || result == IStream::Result::eENDED;
         });
         result == IStream::Result::eENDED ? close() : void();
@@ -218,8 +218,8 @@ struct Node {
             },
             why);
     }
-    /// Null until its first bytes have been read. Tools that look for processes in other run directories may connect,
-    /// too. Under the board's lock.
+    /// Null until it is accepted. Tools that look for processes in other run directories may connect, too. Under the
+    /// board's lock.
     Peer* acceptedFrom(pid_t pid)
     {
         const auto found = std::find_if(accepted.begin(), accepted.end(),

@@ -86,7 +86,7 @@ public:
     virtual Process process() const = 0;
     /// Bytes that the peer has written and nobody has read yet. Loop only.
     virtual std::size_t unread() const = 0;
-    /// Known once the first bytes have been read.
+    /// Of the process that connected, or that listens, whoever writes. `start` is known once the stream reports.
     virtual const PeerIdentity& peer() const noexcept = 0;
     virtual const std::string& reason() const noexcept = 0;
 };

@@ -6,9 +6,7 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <climits>
-#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -19,23 +17,18 @@ namespace {
 /// Until descriptors that were short are tried for again.
 constexpr comm::TimeNs SHORTAGE_PAUSE = 100 * comm::MILLISECOND;
 
-PeerIdentity toIdentity(const ucred& credentials)
-{
-    PeerIdentity identity;
-    identity.pid = credentials.pid;
-    identity.uid = credentials.uid;
-    identity.gid = credentials.gid;
-    return identity;
-}
-
-PeerIdentity connectedPeer(int socket)
+/// Of who connected, and of who listens, as they were then: nobody becomes another one by who writes.
+PeerIdentity identityOf(int socket)
 {
     ucred credentials{};
     socklen_t size = sizeof credentials;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) {
-        return {};
+    PeerIdentity identity;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) {
+        identity.pid = credentials.pid;
+        identity.uid = credentials.uid;
+        identity.gid = credentials.gid;
     }
-    return toIdentity(credentials);
+    return identity;
 }
 
 /// Twice what sockets have by default, and as much as the default limit lets a process have: the kernel doubles what it
@@ -66,15 +59,11 @@ ssize_t send(int socket, std::span<const iovec> from)
 
 } // namespace
 
-IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side,
-                     util::UniqueFunction<void()> closed)
-    : m_loop(std::move(loop)), m_socket(std::move(socket)), m_closed(std::move(closed))
+IpcStream::IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, util::UniqueFunction<void()> closed)
+    : m_loop(std::move(loop)), m_socket(std::move(socket)), m_closed(std::move(closed)),
+      m_peer(identityOf(m_socket.get()))
 {
     setSendBuffer(m_socket.get());
-    if (side == Side::eCONNECTED) {
-        m_peer = connectedPeer(m_socket.get());
-        m_isPeerKnown = true;
-    }
 }
 
 IpcStream::~IpcStream()
@@ -95,7 +84,7 @@ void IpcStream::start(IStreamListener& listener)
             m_timer = 0;
             m_listener->onReadable();
         });
-    } else if (m_isPeerKnown) {
+    } else {
         watchPeer();
     }
 }
@@ -123,8 +112,7 @@ IStream::Result IpcStream::read(std::span<unsigned char> into, std::size_t& size
         return Result::eWOULD_BLOCK;
     }
     const ssize_t received =
-        m_isPeerKnown ? retryInterrupted([&] { return ::recv(m_socket.get(), into.data(), into.size(), MSG_DONTWAIT); })
-                      : receiveFirst(into);
+        retryInterrupted([&] { return ::recv(m_socket.get(), into.data(), into.size(), MSG_DONTWAIT); });
     if (received > 0) {
         size = static_cast<std::size_t>(received);
         m_owed -= std::min(m_owed, size);
@@ -148,37 +136,6 @@ std::size_t IpcStream::unread() const
 {
     int bytes = 0;
     return ::ioctl(m_socket.get(), FIONREAD, &bytes) == 0 ? static_cast<std::size_t>(bytes) : 0;
-}
-
-/// The kernel attaches the writer's credentials to the bytes.
-ssize_t IpcStream::receiveFirst(std::span<unsigned char> into)
-{
-    iovec part{into.data(), into.size()};
-    alignas(cmsghdr) std::array<unsigned char, CMSG_SPACE(sizeof(ucred))> control{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t received =
-        retryInterrupted([&] { return ::recvmsg(m_socket.get(), &message, MSG_DONTWAIT | MSG_CMSG_CLOEXEC); });
-    if (received <= 0) {
-        return received;
-    }
-    m_isPeerKnown = true;
-    m_peer = connectedPeer(m_socket.get());
-    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    if (header != nullptr && header->cmsg_level == SOL_SOCKET && header->cmsg_type == SCM_CREDENTIALS) {
-        ucred credentials{};
-        std::memcpy(&credentials, CMSG_DATA(header), sizeof credentials);
-        m_peer = toIdentity(credentials);
-    }
-    const int off = 0;
-    ::setsockopt(m_socket.get(), SOL_SOCKET, SO_PASSCRED, &off, sizeof off);
-    if (m_listener != nullptr) {
-        watchPeer();
-    }
-    return received;
 }
 
 IStream::Result IpcStream::write(std::span<const iovec> from, std::size_t& size)

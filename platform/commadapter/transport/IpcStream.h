@@ -15,11 +15,8 @@ namespace kesa::commadapter::transport {
 /// A connected Unix socket.
 class IpcStream final : public IStream {
 public:
-    /// `eCONNECTED` knows its peer at once, `eACCEPTED` by the credentials of the first bytes.
-    enum class Side { eCONNECTED, eACCEPTED };
     /// `closed` is called by the first `close`, and calls nobody of the stream's owners.
-    IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, Side side,
-              util::UniqueFunction<void()> closed = {});
+    IpcStream(std::shared_ptr<comm::Reactor> loop, Descriptor socket, util::UniqueFunction<void()> closed = {});
     ~IpcStream() override;
     IpcStream(const IpcStream&) = delete;
     IpcStream& operator=(const IpcStream&) = delete;
@@ -38,7 +35,6 @@ public:
 private:
     void onReady(unsigned readiness);
     void updateInterest();
-    ssize_t receiveFirst(std::span<unsigned char> into);
     void watchPeer();
     void onPeerEnded();
     Result end(const char* reason);
@@ -50,7 +46,6 @@ private:
     IStreamListener* m_listener = nullptr;
     comm::Reactor::Id m_watch = 0;
     PeerIdentity m_peer;
-    bool m_isPeerKnown = false;
     bool m_isUnwatchable = false; ///< the loop cannot watch the socket
     bool m_isReading = true;
     bool m_wantsWrite = false;

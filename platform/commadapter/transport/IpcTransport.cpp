@@ -218,12 +218,11 @@ void IpcTransport::acceptAll()
         auto socket =
             Descriptor::open([this] { return ::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
         if (socket) {
-            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eACCEPTED,
-                                                 [weak = std::weak_ptr(m_self)] {
-                                                     if (const auto self = weak.lock()) {
-                                                         (*self)->lookForOwnSocket();
-                                                     }
-                                                 }));
+            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), [weak = std::weak_ptr(m_self)] {
+                if (const auto self = weak.lock()) {
+                    (*self)->lookForOwnSocket();
+                }
+            }));
         } else if (errno == EAGAIN) {
             m_isLimitTraced = false;
             return;
@@ -328,7 +327,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         }
     }
     tried(endpoint, SocketFile(status));
-    return {std::make_unique<IpcStream>(m_loop, std::move(socket), IpcStream::Side::eCONNECTED), Failure::eOTHER, {}};
+    return {std::make_unique<IpcStream>(m_loop, std::move(socket)), Failure::eOTHER, {}};
 }
 
 void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)

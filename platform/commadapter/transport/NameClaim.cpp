@@ -77,10 +77,6 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
         why = fmt::format("cannot make a socket: {}", obr::explainError(errno));
         return true;
     }
-    // Accepted sockets inherit it. Setting it on them would be too late for a peer that writes in between.
-    const int on = 1;
-    ::setsockopt(m_socket.get(), SOL_SOCKET, SO_PASSCRED, &on, sizeof on);
-
     // A name of many encoded bytes is cut, for the length of socket addresses; the lock's number keeps it unique.
     const std::string temporary =
         fmt::format(".{:.40}.{}.{}.tmp", encodeProcessName(m_process), ::getpid(), m_lock.get());

@@ -18,10 +18,11 @@ namespace kesa::commadapter::transport {
 
 namespace {
 
-bool isAtEnd(int socket)
+/// What it has written may still be there to read.
+bool hasPeerClosed(int socket)
 {
-    char byte = 0;
-    return retryInterrupted([&] { return ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT); }) == 0;
+    pollfd closed{socket, 0, 0};
+    return retryInterrupted([&closed] { return ::poll(&closed, 1, 0); }) > 0 && (closed.revents & POLLHUP) != 0;
 }
 
 /// A process that lives after its start was read has had its number all the time.
@@ -45,7 +46,7 @@ PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
         return {Descriptor(), errno == ESRCH, errno == EMFILE || errno == ENFILE || errno == ENOMEM};
     }
     // The number may have gone to a new process meanwhile; then the peer's end of the socket has been closed before.
-    if (isAtEnd(socket)) {
+    if (hasPeerClosed(socket)) {
         return {};
     }
     return opened(std::move(pidfd), pid);
@@ -53,12 +54,6 @@ PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
 
 PeerProcess openPeerProcess(int socket, std::int64_t pid)
 {
-    // The option knows who connected. Where another process wrote the first bytes, that one is the peer.
-    ucred connected{};
-    socklen_t size = sizeof connected;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &connected, &size) != 0 || connected.pid != pid) {
-        return openPeerProcessByPid(socket, pid);
-    }
     auto pidfd = Descriptor::open([socket] {
         int opened = -1;
         socklen_t bytes = sizeof opened;

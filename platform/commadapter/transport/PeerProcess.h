@@ -16,7 +16,7 @@ struct PeerProcess {
     std::uint64_t start = 0; ///< as in `PeerIdentity`
 };
 
-/// `pid` is the peer's, as the credentials on `socket` have it.
+/// `pid` is the peer's, as `SO_PEERCRED` has it; not above 0 where it is of another namespace.
 PeerProcess openPeerProcess(int socket, std::int64_t pid);
 
 /// The same without `SO_PEERPIDFD`, which Linux has since 6.5.
