@@ -22,8 +22,8 @@ using Cause = Unreachable::Cause;
 
 class Probe final : public Connection {
 public:
-    Probe(std::shared_ptr<IoLoop> loop, std::string path, std::function<void(Unreachable)> done)
-        : Connection(std::move(loop), protocol::Role::eCLIENT), m_path(std::move(path)), m_done(std::move(done))
+    Probe(std::shared_ptr<IoLoop> loop, Place place, std::function<void(Unreachable)> done)
+        : Connection(std::move(loop), protocol::Role::eCLIENT), m_place(std::move(place)), m_done(std::move(done))
     {}
 
     void begin(std::unique_ptr<transport::IStream> stream, comm::TimeNs within)
@@ -35,7 +35,7 @@ public:
             own.process = "probe";
             own.instance = obr::UUID::generate();
             open(std::move(stream), own);
-            static_cast<void>(machine().output.attach(1, m_path));
+            static_cast<void>(machine().output.attach(1, m_place.path));
             machine().output.ping();
         }
         Connection::begin();
@@ -54,12 +54,18 @@ private:
         }
     }
 
-    void onHello(const protocol::Hello&) override { m_hasHello = true; }
+    void onHello(const protocol::Hello& peer) override
+    {
+        m_hasHello = true;
+        if (std::string other = m_place.destination.complaintAbout(peer.process, m_pid); !other.empty()) {
+            finish(Cause::eNOT_CONNECTED, std::move(other));
+        }
+    }
     void onAttached(std::uint32_t) override { finish(Cause::eNONE, {}); }
     void onSign(bool isPong) override
     {
         if (isPong) {
-            finish(Cause::eNOT_PROVIDED, "it does not provide \"" + m_path + '"');
+            finish(Cause::eNOT_PROVIDED, "it does not provide \"" + m_place.path + '"');
         }
     }
     void onClosed(const std::string& reason) override
@@ -70,7 +76,7 @@ private:
     bool isAnswerOwed(comm::TimeNs, bool&) override { return false; }
     std::string peerName() const override { return "probed process"; }
 
-    const std::string m_path;
+    const Place m_place;
     std::function<void(Unreachable)> m_done; ///< null once it is known
     std::int64_t m_pid = -1;
     bool m_hasHello = false;
@@ -108,15 +114,14 @@ Cause causeOf(transport::ITransport::Failure failure)
 void attempt(const std::shared_ptr<IoLoop>& loop, const Place& place, comm::TimeNs within,
              const std::function<void(Unreachable)>& done)
 {
-    place.destination.transport->connect(
-        place.destination.endpoint, [=, path = place.path](transport::ITransport::Connected connected) {
-            const IoLoop::Turn turn(*loop);
-            if (connected.stream) {
-                std::make_shared<Probe>(loop, path, done)->begin(std::move(connected.stream), within);
-            } else {
-                done({causeOf(connected.failure), std::move(connected.reason)});
-            }
-        });
+    place.destination.transport->connect(place.destination.endpoint, [=](transport::ITransport::Connected connected) {
+        const IoLoop::Turn turn(*loop);
+        if (connected.stream) {
+            std::make_shared<Probe>(loop, place, done)->begin(std::move(connected.stream), within);
+        } else {
+            done({causeOf(connected.failure), std::move(connected.reason)});
+        }
+    });
 }
 
 } // namespace

@@ -2,6 +2,7 @@
 #include "protocol/Vocabulary.h"
 
 #include <kesa/headers.h>
+#include <kesa/processName.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
@@ -290,6 +291,10 @@ bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::s
     });
     if (failed) {
         why = reader.why();
+    } else if (!hello.process.empty() && !isProcessName(hello.process)) {
+        why = "the process name has " + std::to_string(hello.process.size()) + " bytes, more than " +
+              std::to_string(LONGEST_PROCESS_NAME);
+        return true;
     }
     return failed;
 }

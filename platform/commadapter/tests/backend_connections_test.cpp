@@ -106,6 +106,22 @@ TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
     }
 }
 
+TEST_F(BackendConnections, WhoCallsItselfOtherThanTheLocatorDoesIsNotTakenForIt)
+{
+    CarelessPeer peer(*network, protocol::Role::eSERVER);
+    peer.listen("server");
+    auto backend = makeBackend("client");
+    Client client(*backend, "ipc://server/service");
+    settle();
+    peer.machine().output.attached(1);
+    peer.send();
+    const std::string whole =
+        "what listens as \"server\" is another process: another name: process 9 listens on the socket of \"server\" and "
+        "calls itself \"careless\"; end it and start \"server\" anew, or name \"careless\" in the locator";
+    EXPECT_LE(timeUntil([&] { return client.api().obstacle().rfind(whole, 0) == 0; }), comm::SECOND);
+    EXPECT_EQ(client.connections(), 0U);
+}
+
 TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
 {
     settings.heartbeat = 100 * comm::SECOND;

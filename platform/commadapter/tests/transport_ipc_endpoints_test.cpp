@@ -109,6 +109,34 @@ TEST_F(TransportIpc, AnEndpointThatAppearedBeforeItWasWatchedIsReportedButAStale
     EXPECT_EQ(client.appeared, 1);
 }
 
+TEST_F(TransportIpc, ASocketOnWhichAnotherUserListensIsNotItsOwners)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "two users are needed, which only root can be";
+    }
+    constexpr uid_t OTHER = 1001;
+    fs::create_directory(directory);
+    Node client(board, directory);
+    for (const uid_t owner : {uid_t{0}, OTHER}) {
+        for (const uid_t listener : {uid_t{0}, OTHER}) {
+            fs::remove(directory + "/media.sock");
+            Child process([&] {
+                const int socket = rawSocket(directory + "/media.sock", ::bind);
+                static_cast<void>(::chown((directory + "/media.sock").c_str(), owner, owner) + ::setuid(listener));
+                ::listen(socket, 1);
+            });
+            const auto failure = client.connect("media");
+            if (listener == 0 || listener == owner) {
+                EXPECT_EQ(failure, std::nullopt) << client.reason;
+                continue;
+            }
+            EXPECT_EQ(failure, ITransport::Failure::eOTHER);
+            EXPECT_THAT(client.reason, HasSubstr("media.sock\" is of the user \"root\", and process " +
+                                                 std::to_string(process.pid) + ", which listens on it, of the user"));
+        }
+    }
+}
+
 // In a child, which has a limit of its own as the root of a user namespace.
 TEST_F(TransportIpc, WithoutInotifyNothingIsWatchedAndTheLimitIsNamedOnce)
 {

@@ -53,12 +53,15 @@ TEST_P(TransportIpcEnd, OfAProcessIsSeenAlthoughItsChildHoldsTheStream)
     Child process([&] {
         ::close(leash[1]);
         const int stream = rawSocket(directory + "/media.sock", ::connect);
-        if (::fork() == 0) {
-            char byte = 0;
+        std::array<int, 2> written{};
+        static_cast<void>(::pipe2(written.data(), O_CLOEXEC));
+        char byte = 0;
+        if (::fork() == 0) { // it writes, which does not make it the peer
+            const std::string words = std::string(3000, 'w');
+            static_cast<void>(::write(stream, words.data(), words.size()) + ::write(written[1], "x", 1));
             ::_exit(static_cast<int>(::read(leash[0], &byte, 1)));
         }
-        const std::string words = std::string(3000, 'w');
-        static_cast<void>(::write(stream, words.data(), words.size()) > 0);
+        static_cast<void>(::read(written[0], &byte, 1) == 1);
     });
     const pid_t pid = process.pid;
     process.end();

@@ -17,6 +17,7 @@
 #include <kesa/processName.h>
 #include <obr/GlobalErrorHandler.h>
 #include <obr/explainError.h>
+#include <obr/visible.h>
 #include <tracing/Channel.h>
 
 #include <fcntl.h>
@@ -51,6 +52,20 @@ ITransport::Connected forbid(const std::string& path, const struct stat& status)
     return {nullptr, ITransport::Failure::eFORBIDDEN,
             fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
                         groupName(status.st_gid), status.st_mode & 07777U, advice)};
+}
+
+/// Who listens is who made the socket, or root, which may do so for others: else somebody was handed it, or has taken
+/// it. Empty when it is so.
+std::string complaintAboutListener(const std::string& path, const struct stat& file, const PeerIdentity& listener)
+{
+    if (listener.uid == 0 || listener.uid == std::int64_t{file.st_uid}) {
+        return {};
+    }
+    const auto user = static_cast<uid_t>(listener.uid);
+    return fmt::format(
+        "the socket \"{}\" is of the user \"{}\", and process {}, which listens on it, of the user \"{}\"; "
+        "end that one, and start the one that is meant anew",
+        obr::visible(path), userName(file.st_uid), listener.pid, userName(user));
 }
 
 const ::tracing::Channel& channel()
@@ -327,7 +342,11 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         }
     }
     tried(endpoint, SocketFile(status));
-    return {std::make_unique<IpcStream>(m_loop, std::move(socket)), Failure::eOTHER, {}};
+    auto stream = std::make_unique<IpcStream>(m_loop, std::move(socket));
+    if (std::string why = complaintAboutListener(path, status, stream->peer()); !why.empty()) {
+        return {nullptr, Failure::eOTHER, std::move(why)};
+    }
+    return {std::move(stream), Failure::eOTHER, {}};
 }
 
 void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)

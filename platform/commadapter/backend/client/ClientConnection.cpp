@@ -238,6 +238,11 @@ std::shared_ptr<ClientState> ClientConnection::clientOf(std::uint32_t target) co
 
 void ClientConnection::onHello(const protocol::Hello& peer)
 {
+    if (std::string other = m_connector->destination().complaintAbout(peer.process, Connection::peer().pid);
+        !other.empty()) {
+        cutOff(std::move(other)); // not greeted: what follows its hello counts for nothing
+        return;
+    }
     {
         const Lock lock(m_lock);
         m_isGreeted = true;
@@ -247,7 +252,7 @@ void ClientConnection::onHello(const protocol::Hello& peer)
 
 void ClientConnection::onAttached(std::uint32_t target)
 {
-    if (const auto client = clientOf(target)) {
+    if (const auto client = m_isGreeted ? clientOf(target) : nullptr) {
         m_connector->useful();
         Lock lock(m_lock);
         setConnected(lock, *client);

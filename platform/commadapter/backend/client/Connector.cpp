@@ -82,6 +82,7 @@ std::string Connector::explainedReason() const
     const auto begins = [this](std::string_view text) { return m_lastReason.rfind(text, 0) == 0; };
     const char* const what = begins(protocol::NO_COMMON_VERSION) ? "of another version"
                              : begins(protocol::NO_HELLO)        ? "stopped or blocked"
+                             : begins(Destination::ANOTHER_NAME) ? "another process"
                                                                  : "another program, or just ending";
     return "what listens as \"" + m_destination.endpoint.process + "\" is " + what + ": " + m_lastReason;
 }
