@@ -4,6 +4,7 @@
 #include "store/History.h"
 #include "store/Store.h"
 
+#include <comm/PeerLines.h>
 #include <kesa/GenericObject.h>
 #include <kesa/IPeer.h>
 #include <kesa/registry/Registry.h>
@@ -132,6 +133,7 @@ private:
     Requests m_requests;
     std::map<AskerKey, std::shared_ptr<Asker>> m_askers;
     StreamId m_lastStream = 0;
+    comm::PeerLines m_refusalLines; ///< of claims, which may be refused after what their peer sent has been handled
     bool m_isWorking = false;
     std::vector<std::shared_ptr<Asker>> m_ready; ///< whose news and first answers may go on
     std::vector<Request> m_dead;                 ///< to be destroyed once the mutex is free

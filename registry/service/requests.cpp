@@ -9,6 +9,7 @@
 #include <kesa/RequestContext.h>
 #include <kesa/Response.h>
 #include <obr/ErrorStorage.h>
+#include <obr/visible.h>
 
 namespace kesa::registry {
 
@@ -33,7 +34,8 @@ std::string tooLarge(const char* what, std::size_t bytes, std::size_t limit)
 template <class T>
 void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text)
 {
-    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, subject.c_str(), text.c_str());
+    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, obr::glimpse(subject).c_str(),
+               obr::glimpse(text).c_str());
     handler.onError(Response::createErrorResponse(400, text));
     return IKesaApi::UNDEFINED_REQUEST_HANDLE;
 }

@@ -4,8 +4,10 @@
 #include "service/channel.h"
 #include "service/limits.h"
 
+#include <comm/Clock.h>
 #include <kesa/Response.h>
 #include <kesa/headers.h>
+#include <obr/visible.h>
 
 namespace kesa::registry {
 
@@ -103,8 +105,11 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
 void Registry::Impl::refused(Requests::iterator request, const Effect& effect)
 {
     m_dead.push_back(take(request));
-    KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it",
-               effect.record->path().c_str(), m_dead.back().asker->name().c_str());
+    const Asker& asker = *m_dead.back().asker;
+    if (const auto end = m_refusalLines.pass(asker.pid, comm::now())) {
+        KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it%s",
+                   obr::glimpse(effect.record->path()).c_str(), obr::glimpse(asker.name()).c_str(), end->c_str());
+    }
     const std::string reason = holderOf(effect.record->path());
     m_history.add(effect.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
                                           whoOf(*m_dead.back().asker, *effect.record), reason});

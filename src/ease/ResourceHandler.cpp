@@ -4,6 +4,7 @@
 
 #include <kesa/ease/resources.h>
 #include <obr/ErrorStorage.h>
+#include <obr/visible.h>
 #include <tracing/Channel.h>
 #include <util/nearestName.h>
 
@@ -55,7 +56,8 @@ void refuse(std::string_view command, std::string_view route, std::string_view f
 /// Our service's bug, but no reason to end the process: whoever can send a bad input could end it at will.
 void fail(const Request& request, OpenRequest& open, const char* what)
 {
-    complain(fmt::format("'{} {}' has thrown: {}", request.getCommand(), request.getPath(), what));
+    complain(fmt::format("'{} {}' has thrown: {}", obr::glimpse(request.getCommand()), obr::glimpse(request.getPath()),
+                         obr::glimpse(what)));
     open.onError(Response::createErrorResponse(500, what));
 }
 

@@ -3,6 +3,7 @@
 
 #include "CarelessPeer.h"
 
+#include <comm/PeerLines.h>
 #include <kesa/RequestContext.h>
 
 namespace kesa::commadapter::test {
@@ -82,6 +83,28 @@ TEST_F(BackendConnections, TellsOfAPeerOfAnotherVersionOnceAMinute)
     EXPECT_THAT(tries(2), ElementsAre(testing::AllOf(told, HasSubstr("; and 2 more since the last such line"))));
 }
 
+TEST_F(BackendConnections, APeerThatIsCutOffAgainAndAgainFillsNoLog)
+{
+    CheckedService service;
+    auto server = makeBackend("server");
+    ASSERT_NE(provide(*server, "/a", service), "");
+    const auto cutOff = [&](unsigned times) {
+        for (unsigned i = 0; i < times; ++i) {
+            CarelessPeer peer(*network, protocol::Role::eCLIENT);
+            peer.connect("ipc://server");
+            scheduler->runFor(0);
+            peer.send(protocol::testing::Bytes(16, 0xff));
+            scheduler->runFor(0);
+        }
+        return traces->take();
+    };
+    const auto told = cutOff(3 * comm::PeerLines::LINES);
+    EXPECT_EQ(told.size(), comm::PeerLines::LINES);
+    EXPECT_THAT(told.back(), HasSubstr("; more because of process 9 are suppressed for a second"));
+    runFor(1000);
+    EXPECT_THAT(cutOff(1), ElementsAre(HasSubstr("; 40 more because of process 9 suppressed")));
+}
+
 TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
 {
     for (const auto& [said, what] : {std::pair<std::string, std::string>{"HTTP/1.1 400 Bad Request\r\n\r\n",
@@ -116,7 +139,8 @@ TEST_F(BackendConnections, WhoCallsItselfOtherThanTheLocatorDoesIsNotTakenForIt)
     peer.machine().output.attached(1);
     peer.send();
     const std::string whole =
-        "what listens as \"server\" is another process: another name: process 9 listens on the socket of \"server\" and "
+        "what listens as \"server\" is another process: another name: process 9 listens on the socket of \"server\" "
+        "and "
         "calls itself \"careless\"; end it and start \"server\" anew, or name \"careless\" in the locator";
     EXPECT_LE(timeUntil([&] { return client.api().obstacle().rfind(whole, 0) == 0; }), comm::SECOND);
     EXPECT_EQ(client.connections(), 0U);

@@ -40,6 +40,19 @@ std::string visible(std::string_view text)
     return visibleBut(text, {});
 }
 
+std::string glimpse(std::string_view text)
+{
+    constexpr std::size_t MOST = 200;
+    if (text.size() <= MOST) {
+        return visible(text);
+    }
+    std::size_t end = MOST;
+    while (end > MOST - 4 && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80) {
+        --end; // inside of a character
+    }
+    return visible(text.substr(0, end)) + "...";
+}
+
 std::string visibleLines(std::string_view text)
 {
     return visibleBut(text, "\n\t");

@@ -5,6 +5,7 @@
 #include <obr/GlobalErrorHandler.h>
 #include <obr/environment.h>
 #include <obr/holdAcrossFork.h>
+#include <tracing/LineLimit.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -17,6 +18,7 @@ namespace tracing {
 namespace {
 
 constexpr int EVENT_LOG_FACILITY = 7;
+constexpr int SEVERITY_WARNING = 3;
 constexpr int SEVERITY_ERROR = 4;
 constexpr int NOTHING = 5; // the threshold that no severity reaches
 
@@ -28,10 +30,22 @@ constexpr std::string_view OWN_CHANNELS[] = {
     "KESA_RUNTIME_CONFIG", "KESA_RUNTIME_MAIN",     "KESA_SERVICEREGISTRY_SERVICEREGISTRYSERVICE",
     "KESA_TRACING",        "KESA_UTIL_CONFIG"};
 
+bool isOwn(std::string_view name)
+{
+    return name.substr(0, OWN_PREFIX.size()) == OWN_PREFIX;
+}
+
+thread_local ILineLimit* currentLimit = nullptr;
+
+bool isLimited(const ChannelState& channel, int severity)
+{
+    return currentLimit != nullptr && severity >= SEVERITY_WARNING && channel.facility != EVENT_LOG_FACILITY &&
+           isOwn(channel.name);
+}
+
 bool isMistyped(std::string_view name)
 {
-    return name.substr(0, OWN_PREFIX.size()) == OWN_PREFIX &&
-           std::find(std::begin(OWN_CHANNELS), std::end(OWN_CHANNELS), name) == std::end(OWN_CHANNELS);
+    return isOwn(name) && std::find(std::begin(OWN_CHANNELS), std::end(OWN_CHANNELS), name) == std::end(OWN_CHANNELS);
 }
 
 std::string ownChannels()
@@ -88,6 +102,15 @@ void holdOutputLocksAcrossFork(std::index_sequence<INDICES...>)
 }
 
 } // namespace
+
+ILineLimit::~ILineLimit() = default;
+
+ILineLimit::Scope::Scope(ILineLimit& limit) noexcept : m_before(std::exchange(currentLimit, &limit)) {}
+
+ILineLimit::Scope::~Scope()
+{
+    currentLimit = m_before;
+}
 
 Channels& Channels::instance()
 {
@@ -216,6 +239,11 @@ std::shared_ptr<ISink> Channels::setSink(Output output, std::shared_ptr<ISink> s
 void Channels::write(const ChannelState& channel, int severity, std::string_view text) noexcept
 {
     try {
+        std::string changed;
+        if (isLimited(channel, severity) && !currentLimit->pass(text, changed)) {
+            return;
+        }
+        text = changed.empty() ? text : changed;
         if (const std::shared_ptr<ISink> sink = sinkFor(outputOf(channel.facility))) {
             sink->write({channel.name, severity, text, channel.facility});
         }

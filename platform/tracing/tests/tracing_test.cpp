@@ -4,6 +4,7 @@
 #include <obr/ErrorStorage.h>
 #include <tracing/CapturingSink.h>
 #include <tracing/Channel.h>
+#include <tracing/LineLimit.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -47,6 +48,15 @@ TEST(TracingSilence, LastsUntilItsEndOrAThreshold)
     EXPECT_EQ(channel.threshold(), 2);
 }
 
+/// Lets pass what is short.
+class ShortLines final : public ILineLimit {
+    bool pass(std::string_view text, std::string& changed) override
+    {
+        changed = text == "change" ? "changed" : "";
+        return text.size() < 10;
+    }
+};
+
 class Tracing : public testing::Test {
 protected:
     void SetUp() override { setSink(m_captured); }
@@ -59,6 +69,26 @@ protected:
 
     const std::shared_ptr<CapturingSink> m_captured = std::make_shared<CapturingSink>();
 };
+
+TEST_F(Tracing, ALimitJudgesWarningsAndErrorsOfTheOwnChannelsOfItsThread)
+{
+    const Channel own("KESA_T_LIMIT", 0, 1);
+    const Channel foreign("T_LIMIT");
+    const std::string longText(100, 'l');
+    ShortLines limit;
+    {
+        const ILineLimit::Scope scope(limit);
+        own.log(4, longText);
+        own.log(3, "change");
+        own.log(2, "detail " + longText);
+        foreign.log(4, "foreign " + longText);
+        std::thread([&] { own.log(4, "thread " + longText); }).join();
+    }
+    own.log(4, "free " + longText);
+    EXPECT_THAT(m_captured->take(), ElementsAre("KESA_T_LIMIT 3 changed", "KESA_T_LIMIT 2 detail " + longText,
+                                                "T_LIMIT 4 foreign " + longText, "KESA_T_LIMIT 4 thread " + longText,
+                                                "KESA_T_LIMIT 4 free " + longText));
+}
 
 TEST_F(Tracing, WritesFromItsThresholdOn)
 {

@@ -69,6 +69,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     auto& listener = static_cast<protocol::IMachineListener&>(*this);
     m_machine = std::make_unique<protocol::Machine>(m_role, own, limitsOf(m_loop->settings()), listener, now);
     m_stream = std::move(stream);
+    m_peerPid = m_stream->peer().pid;
     m_isOpen = true;
     ++m_opened;
     m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
@@ -124,6 +125,7 @@ void Connection::cutOff(std::string reason)
     m_loop->onLoop(__func__);
     if (m_isOpen && !m_lostReason) {
         if (m_role == protocol::Role::eSERVER) {
+            const PeerLimit limit = peerLimit();
             traceCutOff(reason);
             sayGoodbye(reason);
         }
@@ -170,6 +172,7 @@ void Connection::readBatch(comm::TimeNs until)
     if (!m_isOpen || m_isReceiving) {
         return;
     }
+    const PeerLimit limit = peerLimit();
     auto& input = m_machine->input;
     const std::uint64_t pongs = input.pongs();
     const std::uint64_t readBefore = m_bytesRead;

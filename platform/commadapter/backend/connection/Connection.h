@@ -4,6 +4,7 @@
 #include "backend/connection/ConnectionFacts.h"
 #include "backend/connection/FairTurns.h"
 #include "backend/connection/IoLoop.h"
+#include "backend/connection/PeerLimit.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
@@ -100,6 +101,8 @@ protected:
     protocol::Machine& machine() noexcept { return *m_machine; }
     /// Loop only, while open.
     const transport::PeerIdentity& peer() const noexcept { return m_stream->peer(); }
+    /// A scope for what the peer causes.
+    PeerLimit peerLimit() const noexcept { return {m_loop->peerLines(), m_peerPid}; }
     transport::IStream::Process peerProcess() const { return m_stream->process(); }
     IoLoop& loop() const noexcept { return *m_loop; }
     /// Fills in what both sides know of an open connection; `openedAt` by `comm::now`. Lock held, loop only.
@@ -176,6 +179,7 @@ private:
     std::unique_ptr<protocol::Machine> m_machine;
     std::unique_ptr<transport::IStream> m_stream;
     bool m_isOpen = false;
+    std::int64_t m_peerPid = -1;
     std::uint64_t m_opened = 0; ///< how often
     // With the lock held.
     bool m_isBatch = false;       ///< a read batch is being handled

@@ -11,6 +11,7 @@
 #include <comm/ICallWatch.h>
 #include <comm/LoopHold.h>
 #include <comm/OncePer.h>
+#include <comm/PeerLines.h>
 #include <comm/Reactor.h>
 
 #include <atomic>
@@ -134,6 +135,8 @@ public:
     void roomFreed();
     /// Of peers of another version, which try for ever.
     OncePerPeer& strangers() noexcept { return m_strangers; }
+    /// What peers have had traced. Any thread.
+    comm::PeerLines& peerLines() noexcept { return m_peerLines; }
 
 private:
     void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override;
@@ -149,6 +152,7 @@ private:
     std::atomic<std::size_t> m_queuedBytes{0};
     std::atomic<std::size_t> m_persistentBytes{0};
     std::atomic<bool> m_isBeating{false};
+    comm::PeerLines m_peerLines;
     // Loop only.
     comm::OncePer m_heldTraces{comm::SECOND};
     OncePerPeer m_strangers;

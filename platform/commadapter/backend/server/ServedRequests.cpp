@@ -322,6 +322,7 @@ Response ServedRequests::tooSlow(const Stream& stream, std::size_t size)
 void ServedRequests::refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why)
 {
     const bool isTooLarge = why == protocol::Sent::eTOO_LARGE;
+    const PeerLimit limit = m_connection.peerLimit();
     KESA_TRACE(CHANNEL, 3, "[answer] '%s': an answer is not sent: it %s", stream.service->path.c_str(),
                m_connection.output().refusal().c_str());
     postCut(number, stream,

@@ -18,6 +18,9 @@ KESA_API std::string visible(std::string_view text);
 /// Lines and tabs stay as they are. JSON stays the JSON it is, and is valid UTF-8 then.
 KESA_API std::string visibleLines(std::string_view text);
 
+/// A part of one line as `visible` has it, for a trace: of more than 200 bytes the beginning, and "..." behind it.
+KESA_API std::string glimpse(std::string_view text);
+
 } // namespace obr
 
 #endif

@@ -6,6 +6,7 @@
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/ServiceRegistryService.h>
 #include <kesa/tracing.h>
+#include <obr/visible.h>
 
 namespace kesa::serviceregistry {
 namespace {
@@ -33,8 +34,9 @@ bool report(int number, std::string_view first, std::string_view second = {})
 
 void traceFailure(const Request& request, const std::string& reason)
 {
-    KESA_TRACE(CHANNEL, 4, "[actionRequest] failed: cmd='%s' path='%s' reason='%s'", request.getCommand().c_str(),
-               request.getPath().c_str(), reason.c_str());
+    KESA_TRACE(CHANNEL, 4, "[actionRequest] failed: cmd='%s' path='%s' reason='%s'",
+               obr::glimpse(request.getCommand()).c_str(), obr::glimpse(request.getPath()).c_str(),
+               obr::glimpse(reason).c_str());
 }
 
 /// One request on its way to the registry. Each step that answers the request with an error returns true, and leaves
