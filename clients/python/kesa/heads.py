@@ -11,6 +11,7 @@ from .errors import ProtocolError
 LARGEST_HEAD = 61440
 LEVELS = 32
 _REASON = 23
+_LONGEST_NAME = 64
 DEFAULT_LIMIT = 16 * 1024 * 1024
 
 _COMMANDS = {0: "retrieve", 1: "update", 2: "delete", 3: "insert"}
@@ -130,10 +131,13 @@ def decode_hello(data: bytes) -> Hello:
     listeners = members.get(21, [])
     if not isinstance(listeners, list) or any(not isinstance(text, str) for text in listeners):
         raise ProtocolError("hello whose listeners are no texts")
+    process = _text(18, members.get(18, ""))
+    if len(process.encode()) > _LONGEST_NAME:
+        raise ProtocolError(f"the process name has {len(process.encode())} bytes, more than {_LONGEST_NAME}")
     return Hello(
         _number(16, members.get(16)),
         _number(17, members.get(17)),
-        _text(18, members.get(18, "")),
+        process,
         _text(19, members.get(19, "")),
         instance,
         listeners,
