@@ -188,6 +188,29 @@ bool isStderrJournal()
     return fmt::format("{}:{}", status.st_dev, status.st_ino) == stream;
 }
 
+/// -1, with the reason, for what somebody else may have put there so that his file gets the lines, or another loses its
+/// content: a link of neither root's nor this user's, and a file that has another name.
+int openTraceFile(const std::string& path, std::string& reason)
+{
+    constexpr int FLAGS = O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    struct stat status {};
+    int descriptor = ::open(path.c_str(), FLAGS | O_NOFOLLOW, 0640);
+    if (descriptor < 0 && ::lstat(path.c_str(), &status) == 0 && S_ISLNK(status.st_mode)) {
+        if (status.st_uid != 0 && status.st_uid != ::geteuid()) {
+            reason = "the trace file '" + path + "' is a symbolic link of another user; name what it leads to";
+            return -1;
+        }
+        descriptor = ::open(path.c_str(), FLAGS, 0640);
+    }
+    if (descriptor < 0) {
+        reason = "cannot open trace file '" + path + "': " + obr::explainError(errno);
+    } else if (::fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode) && status.st_nlink > 1) {
+        reason = "the trace file '" + path + "' has another name, as a hard link; remove it, or name another one";
+        ::close(std::exchange(descriptor, -1));
+    }
+    return descriptor;
+}
+
 std::shared_ptr<ISink> stderrSink()
 {
     return std::make_shared<DescriptorSink>(STDERR_FILENO, "", isStderrJournal());
@@ -216,10 +239,8 @@ std::shared_ptr<ISink> openSink(const std::string& description, std::string& rea
         reason = "the name of a trace file has a NUL inside; use file:PATH without one";
         return nullptr;
     }
-    const int descriptor =
-        ::open(path.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY | O_NONBLOCK, 0640);
+    const int descriptor = openTraceFile(path, reason);
     if (descriptor < 0) {
-        reason = "cannot open trace file '" + path + "': " + obr::explainError(errno);
         return nullptr;
     }
     return std::make_shared<DescriptorSink>(descriptor, path, false);

@@ -154,6 +154,17 @@ TEST_F(Tracing, WritesFilesInWholeEscapedLines)
     ASSERT_NE(sink, nullptr);
     // Of the bytes 0x9b, one is the end of a letter; "\xe2\x80" is cut off; U+202E would turn what follows around.
     EXPECT_EQ(makeSink(std::string("file:/tmp\0x", 11)), nullptr);
+    // What somebody else may have put there is not written to.
+    std::ofstream(folder / "other's") << "kept";
+    std::filesystem::create_hard_link(folder / "other's", folder / "hard");
+    EXPECT_EQ(makeSink("file:" + (folder / "hard")), nullptr);
+    std::filesystem::remove(folder / "hard");
+    std::filesystem::create_symlink(folder / "other's", folder / "link");
+    EXPECT_NE(makeSink("file:" + (folder / "link")), nullptr) << "of this user's own";
+    if (::geteuid() == 0 && ::lchown((folder / "link").c_str(), 54321, 54321) == 0) {
+        EXPECT_EQ(makeSink("file:" + (folder / "link")), nullptr);
+    }
+    EXPECT_EQ(contentOf(folder / "other's"), "kept");
     obr::ErrorStorage::ack();
     sink->write({"C\nH\x1b[0m", 4,
                  "peer says: x\n2026 forged\t\x1b[0m é \xc2\x9b[1m \x9b[2m ś \u20ac \u202eexe.\u2066 \xe2\x80"});
