@@ -100,6 +100,9 @@ int checkConfig(const CheckConfigArguments& arguments)
             ofProcess.push_back({Severity::eWARNING, {}, complaint, "its runtime does not start"});
         }
     }
+    if (const std::string complaint = KesaConfig::complaintAboutPassedOver(); !complaint.empty()) {
+        ofProcess.push_back({Severity::eWARNING, {}, complaint, {}});
+    }
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);

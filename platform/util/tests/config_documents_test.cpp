@@ -4,11 +4,14 @@
 #include <util/config/Dictionary.h>
 #include <util/config/InterfaceInformationProvider.h>
 #include <util/config/JSONParser.h>
+#include <util/config/Provider.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
+#include <unistd.h>
 
 namespace util::config {
 namespace {
@@ -57,6 +60,30 @@ TEST(InterfaceVersions, ComeFromADocumentBesideTheConfiguration)
     EXPECT_THAT(versions, ElementsAre("1.0.0", "2.0.0"));
     EXPECT_FALSE(obr::ErrorStorage::isError());
     provider.forgetForTest();
+}
+
+TEST(Configuration, InTheWorkingDirectoryIsNotForRoot)
+{
+    const kesa::test::TemporaryFolder folder;
+    const std::filesystem::path before = std::filesystem::current_path();
+    std::filesystem::create_directory(folder / "config");
+    std::filesystem::permissions(folder.path(), std::filesystem::perms(0755));
+    std::filesystem::current_path(folder.path());
+    std::ofstream("config/kesa.json") << "{}";
+    const auto file = [] { return Provider("kesa", "./config", 0, LoadStrategy::eFIRST_FOUND).file(); };
+    if (::geteuid() == 0) {
+        EXPECT_EQ(file(), "");
+        EXPECT_EQ(Provider::passedOver("kesa", "./config"), "./config/kesa.json");
+        const kesa::test::Variable named("KESA_CONFIG_DIR", "config");
+        EXPECT_EQ(file(), "config/kesa.json");
+        EXPECT_EQ(Provider::passedOver("kesa", "./config"), "") << "another one counts before it";
+    }
+    const bool isRoot = ::geteuid() == 0 && ::seteuid(65534) == 0;
+    EXPECT_EQ(file(), "./config/kesa.json");
+    EXPECT_EQ(Provider::passedOver("kesa", "./config"), "");
+    ASSERT_TRUE(!isRoot || ::seteuid(0) == 0);
+    std::filesystem::current_path(before);
+    obr::ErrorStorage::ack();
 }
 
 } // namespace

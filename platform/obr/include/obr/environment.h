@@ -10,6 +10,10 @@ namespace obr {
 /// The variable's text; empty when it is unset, or when the process has more rights than who started it.
 KESA_API std::string environment(const std::string& name);
 
+/// Whether the process has more rights than who started it (setuid, capabilities), who is then not to decide what it
+/// does.
+KESA_API bool hasMoreRightsThanStarter() noexcept;
+
 } // namespace obr
 
 #endif

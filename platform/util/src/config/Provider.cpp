@@ -36,6 +36,17 @@ std::string folderOf(const std::string& file)
     return slash == std::string::npos ? "." : slash == 0 ? "/" : file.substr(0, slash);
 }
 
+/// Who works with more rights than others reads nothing of a folder that it is merely called in, which may be theirs.
+bool isWithoutWorkingFolder()
+{
+    return ::geteuid() == 0 || obr::hasMoreRightsThanStarter();
+}
+
+bool isRelative(const std::string& path)
+{
+    return !path.empty() && path.front() != '/';
+}
+
 /// The files that may hold the document, the one that counts first.
 std::vector<Candidate> candidates(const std::string& name, const std::string& path)
 {
@@ -44,7 +55,8 @@ std::vector<Candidate> candidates(const std::string& name, const std::string& pa
         return {{folderOf(file), file, true}};
     }
     std::vector<Candidate> result;
-    for (const std::string& folder : {obr::environment(variable + "_DIR"), path, "/etc/" + name}) {
+    const std::string working = isRelative(path) && isWithoutWorkingFolder() ? "" : path;
+    for (const std::string& folder : {obr::environment(variable + "_DIR"), working, "/etc/" + name}) {
         if (!folder.empty()) {
             result.push_back({folder, fmt::format("{}/{}.json", folder, name), false});
         }
@@ -89,6 +101,17 @@ bool Provider::isConfigured(const std::string& name, const std::string& path)
     const std::vector<Candidate> all = candidates(name, path);
     return std::any_of(all.begin(), all.end(),
                        [](const Candidate& candidate) { return candidate.mustExist || exists(candidate.file); });
+}
+
+std::string Provider::passedOver(const std::string& name, const std::string& path)
+{
+    const std::string file = fmt::format("{}/{}.json", path, name);
+    if (!isRelative(path) || !isWithoutWorkingFolder() || !exists(file)) {
+        return {};
+    }
+    const std::vector<Candidate> all = candidates(name, path);
+    const bool isBeforeIt = all.front().mustExist || (all.size() > 1 && exists(all.front().file));
+    return isBeforeIt ? std::string() : file;
 }
 
 std::string Provider::folder(const std::string& name, const std::string& path)

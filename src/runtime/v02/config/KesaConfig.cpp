@@ -55,9 +55,21 @@ KesaConfig::KesaConfig(const std::string& processName, const std::string& text, 
 
 KesaConfig KesaConfig::readOr(const std::string& processName, const std::string& fallback, ConfigReport* report)
 {
+    if (const std::string complaint = complaintAboutPassedOver(); !complaint.empty() && report == nullptr) {
+        KESA_TRACE(configChannel(), 3, "[readConfig] %s", complaint.c_str());
+    }
     return util::config::Provider::isConfigured(PROVIDER_NAME, PROVIDER_PATH)
                ? KesaConfig(processName, report)
                : KesaConfig(processName, fallback, report);
+}
+
+std::string KesaConfig::complaintAboutPassedOver()
+{
+    const std::string file = util::config::Provider::passedOver(PROVIDER_NAME, PROVIDER_PATH);
+    return file.empty()
+               ? file
+               : file + " is not read, since root and a process with more rights than its user read nothing of "
+                        "the working directory; name it with KESA_CONFIG if it shall count";
 }
 
 const KesaConfig& KesaConfig::getDefault()

@@ -31,6 +31,9 @@ public:
     static KesaConfig readOr(const std::string& processName, const std::string& fallback,
                              ConfigReport* report = nullptr);
 
+    /// Of a document in the working directory that this process passes over, for its rights; empty where there is none.
+    static std::string complaintAboutPassedOver();
+
     KesaConfig(KesaConfig&&) = default;
     KesaConfig& operator=(KesaConfig&&) = delete;
     KesaConfig(const KesaConfig&) = delete;

@@ -12,8 +12,9 @@ namespace util::config {
 
 /// Finds and reads the configuration document of a process. For the name "kesa" and the path "./config" it reads
 /// the first of: the file `$KESA_CONFIG`, `$KESA_CONFIG_DIR/kesa.json`, `./config/kesa.json`, `/etc/kesa/kesa.json`.
-/// A `$KESA_CONFIG` that names a missing file is a failure; the others are skipped when missing. A file that is there
-/// and cannot be read, or is larger than 16 MiB, is a failure.
+/// Root, and a process with more rights than who started it, read nothing of the working directory. A `$KESA_CONFIG`
+/// that names a missing file is a failure; the others are skipped when missing. A file that is there and cannot be
+/// read, or is larger than 16 MiB, is a failure.
 class KESA_API Provider {
 public:
     Provider(const std::string& name, const std::string& path, int number, LoadStrategy strategy);
@@ -30,6 +31,8 @@ public:
     const std::string& file() const noexcept { return m_file; }
     /// Whether there is a document to read: `$KESA_CONFIG` is set, or one of the files is there.
     static bool isConfigured(const std::string& name, const std::string& path);
+    /// The file of the working directory that this process does not look for, and that is there; else empty.
+    static std::string passedOver(const std::string& name, const std::string& path);
     /// The folder in which the documents beside the configuration are looked for.
     static std::string folder(const std::string& name, const std::string& path);
     /// Why there is no document or it cannot be read, else the keys that stand more than once in one object of it.
