@@ -13,6 +13,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -67,6 +68,40 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplainedOnce)
     EXPECT_EQ(node.why, "there is no group \"no such group\"; see \"socket_group\"");
     Node other(board, directory);
     EXPECT_FALSE(other.listen("media")) << other.why;
+}
+
+TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)
+{
+    fs::create_directory(directory);
+    const fs::path place = directory;
+    const pid_t dead = [] {
+        const Child child([] {});
+        return child.pid;
+    }();
+    const std::string ofDead = std::to_string(dead);
+    const std::vector<std::string> kept = {".other." + std::to_string(::getpid()) + ".5.tmp",
+                                           ".young." + ofDead + ".5.tmp",
+                                           ".notes.tmp",
+                                           ".tmp",
+                                           "..5.tmp",
+                                           ".a.12x.5.tmp"};
+    const std::vector<std::string> swept = {".media." + ofDead + ".5.tmp", ".realm." + ofDead + ".0a1b2c3d.tmp"};
+    for (const auto* const names : {&kept, &swept}) {
+        for (const std::string& name : *names) {
+            std::ofstream(place / name) << "x";
+            if (name.find("young") == std::string::npos) {
+                fs::last_write_time(place / name, fs::file_time_type::clock::now() - std::chrono::minutes(2));
+            }
+        }
+    }
+    Node node(board, directory);
+    ASSERT_FALSE(node.listen("media")) << node.why;
+    for (const std::string& name : kept) {
+        EXPECT_TRUE(fs::exists(place / name)) << name;
+    }
+    for (const std::string& name : swept) {
+        EXPECT_FALSE(fs::exists(place / name)) << name;
+    }
 }
 
 // The other causes are told by `kesactl why` and `kesactl ps`, whose sessions have them.

@@ -4,6 +4,7 @@
 
 #include "transport/Authority.h"
 #include "transport/NameLock.h"
+#include "transport/sweepDrafts.h"
 #include "transport/usersAndGroups.h"
 
 #include <obr/explainError.h>
@@ -96,6 +97,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
         return true;
     }
     m_inode = status.st_ino;
+    sweepDrafts(m_directory.get(), status);
     return false;
 }
 
