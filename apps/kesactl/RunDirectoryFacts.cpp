@@ -195,6 +195,9 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
     group = groupName(status.st_gid);
     isWritable = ::faccessat(directory.get(), ".", W_OK | X_OK, AT_EACCESS) == 0;
     writeError = isWritable ? 0 : errno;
+    if (isWritable) {
+        distrust = kesa::commadapter::transport::findDistrust(path, status);
+    }
     if (::faccessat(directory.get(), ".", X_OK, AT_EACCESS) != 0) { // its names can be listed, and no more
         error = errno;
         return;

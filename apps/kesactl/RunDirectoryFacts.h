@@ -2,6 +2,7 @@
 #define KESACTL_RUNDIRECTORYFACTS_H
 
 #include <transport/NameLock.h>
+#include <transport/directoryTrust.h>
 
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -46,6 +47,8 @@ struct RunDirectoryFacts {
     bool isWritable = false; ///< by its rights
     int writeError =
         0; ///< `errno` of why no process can be started there; `ENOSPC`: the rights are there, the room is not
+    /// Why a process of this user provides nothing there, although it may write.
+    kesa::commadapter::transport::DirectoryDistrust distrust;
     Realm realmState = Realm::eMISSING;
     std::string realm;
     std::vector<Name> names;         ///< in order, then the lost ones; those nobody has only if their socket is there

@@ -48,6 +48,15 @@ void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
     }
 }
 
+/// By which users may harm each other here; a process refuses to provide anything then.
+void addDistrust(DoctorPage& page, const RunDirectoryFacts& facts)
+{
+    if (!facts.distrust.text.empty()) {
+        page.findings.push_back(fmt::format("this user cannot provide services: {} {}; {}, or name another one",
+                                            facts.path, facts.distrust.text, facts.distrust.advice));
+    }
+}
+
 bool isLost(const Name& name)
 {
     return name.isLost;
@@ -184,6 +193,9 @@ void addRefused(DoctorPage& page, const RunDirectoryFacts& facts)
 {
     std::vector<std::string> refused;
     for (const RunDirectoryFacts::Refusal& each : facts.refused) {
+        if (each.problem.isOfAnother) {
+            continue; // as it shall be
+        }
         refused.push_back(fmt::format("{} cannot be started by {}: {}", plainName(each.name),
                                       each.problem.isForThisUser ? "this user" : "other users",
                                       each.problem.sentence()));
@@ -275,6 +287,7 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
     page.facts.set("run_directory_from", std::string(directory.source()));
     if (facts.error == 0) {
         addRights(page, facts);
+        addDistrust(page, facts);
         addLost(page, facts);
         addRealm(page, facts, reports);
         addRefused(page, facts);

@@ -32,6 +32,10 @@ RunDirectoryProblem findProblemAtStart(const RunDirectoryFacts& facts, const std
                             facts.rights),
                 "use its user or group, change its rights, or name another one"};
     }
+    if (!facts.distrust.text.empty()) {
+        return {fmt::format("the run directory {} ({}) {}", facts.path, source, facts.distrust.text),
+                facts.distrust.advice + ", or name another one"};
+    }
     return {};
 }
 

@@ -18,6 +18,7 @@ from .errors import KesaError, NameTaken
 from .names import encode_process
 
 _SYSTEM = "/run/kesa"
+_FIRST_PERSON = 1000  # users below are accounts of services
 _LONGEST_ADDRESS = 107
 _BACKLOG = 4096
 _numbers = itertools.count()
@@ -123,6 +124,7 @@ def _make(directory: str) -> str:
         os.mkdir(directory, 0o755)
     except FileExistsError:
         pass
+    _check_trust(directory)
     if not realm(directory):
         draft = os.path.join(directory, f".realm.{os.getpid()}.{next(_numbers)}.tmp")
         with open(draft, "x", encoding="ascii") as file:
@@ -137,12 +139,35 @@ def _make(directory: str) -> str:
     return realm(directory)
 
 
+def _check_trust(directory: str) -> None:
+    """KesaError if other users could replace what this process makes there."""
+    folder = os.stat(directory)
+    user = os.geteuid()
+    is_person = folder.st_uid >= _FIRST_PERSON
+    for_group = folder.st_mode & stat.S_IWGRP and folder.st_gid != 0 and (folder.st_gid != folder.st_uid or not is_person)
+    for_all = folder.st_mode & stat.S_IWOTH
+    if not os.access(directory, os.W_OK | os.X_OK, effective_ids=True):
+        return  # said by who makes a file there
+    if is_person and folder.st_uid != user and (user == 0 or for_all):
+        advice = f"let root own it (chown root {shlex.quote(directory)})"
+    elif (for_group or for_all) and not folder.st_mode & stat.S_ISVTX:
+        advice = f"set its sticky bit (chmod +t {shlex.quote(directory)})"
+    else:
+        return
+    raise KesaError(
+        f"other users could replace what this process makes in {directory}; {advice}, or name another directory: "
+        "connect(run_dir=...) or $KESA_RUN_DIR"
+    )
+
+
 def _lock(directory: str, path: str, name: str) -> int:
     lock = _open_lock(directory, path)
     try:
         if not stat.S_ISREG(os.fstat(lock).st_mode) or os.fstat(lock).st_nlink > 1:
             raise OSError(errno.EINVAL, "it is no regular file of one name", path)
         fcntl.flock(lock, fcntl.LOCK_EX | fcntl.LOCK_NB)
+        if not os.path.samestat(os.fstat(lock), os.lstat(path)):
+            raise OSError(errno.ESTALE, "somebody has just removed it; try again", path)
         os.ftruncate(lock, 0)
         os.pwrite(lock, f"{os.getpid()}\n".encode(), 0)
         return lock
@@ -174,7 +199,8 @@ def _open_lock(directory: str, path: str) -> int:
         os.fchown(lock, folder.st_uid if os.geteuid() == 0 else -1, folder.st_gid)
     except OSError:
         pass  # of a group that is not this user's; it may have it all the same
-    shared = folder.st_mode & stat.S_IWGRP and os.fstat(lock).st_gid == folder.st_gid
+    # with the sticky bit nobody else could replace the file, and a name is of the user who had it first
+    shared = folder.st_mode & stat.S_IWGRP and not folder.st_mode & stat.S_ISVTX and os.fstat(lock).st_gid == folder.st_gid
     os.fchmod(lock, 0o660 if shared else 0o600)
     return lock
 

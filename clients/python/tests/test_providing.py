@@ -111,6 +111,14 @@ class Providing(SystemTest):
         os.unlink(lock)
         self.connect("py").close()
         self.assertEqual(os.stat(lock).st_mode & 0o7777, 0o660)
+        os.chmod(self.run_dir, 0o777)
+        with self.assertRaisesRegex(kesa.KesaError, f"sticky bit \\(chmod \\+t {self.run_dir}\\)"):
+            self.connect("py")
+        os.chmod(self.run_dir, 0o3775)
+        os.unlink(lock)
+        self.connect("py").close()
+        self.assertEqual(os.stat(lock).st_mode & 0o7777, 0o600)
+        os.chmod(self.run_dir, 0o755)
 
         bad = os.path.join(self.run_dir, "bad")
         os.mkdir(bad)

@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -68,6 +69,68 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplainedOnce)
     EXPECT_EQ(node.why, "there is no group \"no such group\"; see \"socket_group\"");
     Node other(board, directory);
     EXPECT_FALSE(other.listen("media")) << other.why;
+}
+
+TEST_F(TransportIpc, ADirectoryInWhichOthersCouldReplaceFilesIsRefused)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    constexpr uid_t PERSON = 54321;
+    constexpr uid_t OTHER = 54322;
+    constexpr uid_t SERVICE = 321;
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    fs::create_directory(directory);
+    const auto refusal = [&](uid_t owner, gid_t group, mode_t mode, uid_t user) {
+        fs::remove(directory + "/media.lock");
+        EXPECT_EQ(::chown(directory.c_str(), owner, group), 0);
+        EXPECT_EQ(::chmod(directory.c_str(), mode), 0);
+        Node node(board, directory);
+        EXPECT_EQ(::seteuid(user), 0);
+        const bool isRefused = node.listen("media");
+        EXPECT_EQ(::seteuid(0), 0);
+        return isRefused ? node.why : "";
+    };
+    const std::string loose =
+        "the run directory \"" + directory + "\" lets other users replace what this process makes " + "there: it is ";
+    const std::string another = R"(, or name another one with "run_dir" or KESA_RUN_DIR)";
+    EXPECT_EQ(refusal(0, SERVICE, 02775, 0),
+              loose + "root's, of the group \"321\", with the mode 2775; chmod +t " + directory + another);
+    EXPECT_EQ(refusal(0, 0, 0777, PERSON),
+              loose + "root's, of the group \"root\", with the mode 0777; have root do: chmod +t " + directory +
+                  another);
+    EXPECT_THAT(refusal(SERVICE, SERVICE, 02775, SERVICE), HasSubstr("of the group \"321\"")) << "others may be in it";
+    EXPECT_EQ(refusal(PERSON, PERSON, 0755, 0), "the run directory \"" + directory + "\" belongs to 54321, who can " +
+                                                    "replace what this process makes there; chown root " + directory +
+                                                    another);
+    EXPECT_THAT(refusal(PERSON, PERSON, 01777, OTHER), HasSubstr("belongs to 54321")) << "somebody came before";
+    for (const mode_t mode : {0700, 0755, 0775, 01777, 03775}) {
+        EXPECT_EQ(refusal(0, mode == 0775 ? 0 : SERVICE, mode, 0), "");
+        EXPECT_EQ(refusal(PERSON, PERSON, mode, PERSON), "");
+        EXPECT_EQ(refusal(SERVICE, SERVICE, mode == 0775 ? 03775 : mode, 0), "");
+    }
+    EXPECT_EQ(refusal(0, 0, 01777, PERSON), "") << "as /tmp";
+
+    // Who was first, be it any user, has the realm's file no longer as soon as the directory's owner is there.
+    const std::string realm = directory + "/realm";
+    const std::uintmax_t inode = [&realm] {
+        struct stat status {};
+        EXPECT_EQ(::chown(realm.c_str(), PERSON, PERSON), 0);
+        EXPECT_EQ(::stat(realm.c_str(), &status), 0);
+        return status.st_ino;
+    }();
+    std::string before;
+    std::getline(std::ifstream(realm), before);
+    EXPECT_EQ(refusal(0, 0, 01777, OTHER), "");
+    struct stat status {};
+    ASSERT_EQ(::stat(realm.c_str(), &status), 0);
+    EXPECT_EQ(status.st_ino, inode);
+    EXPECT_EQ(refusal(0, 0, 01777, 0), "");
+    ASSERT_EQ(::stat(realm.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 0U);
+    std::string after;
+    std::getline(std::ifstream(realm), after);
+    EXPECT_EQ(after, before);
 }
 
 TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)

@@ -83,18 +83,20 @@ TEST_F(TransportIpc, ALockFileThatIsNoneIsLeftAsItIs)
     EXPECT_FALSE(node.listen("media")) << node.why;
 }
 
-TEST_F(TransportIpc, ANameIsOfNoUser)
+TEST_F(TransportIpc, ANameIsOfNoUserButWhereEachUsersFilesAreHisOwn)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can be two users";
     }
-    constexpr uid_t USER = 54321;
+    constexpr uid_t USER = 321; // of a service
+    constexpr uid_t PERSON = 54321;
     const std::string lock = directory + "/media.lock";
     fs::create_directory(directory);
     ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
-    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant) {
+    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant, uid_t owner = USER) {
         fs::remove(lock);
-        EXPECT_EQ(::chown(directory.c_str(), USER, USER), 0);
+        fs::remove(directory + "/realm");
+        EXPECT_EQ(::chown(directory.c_str(), owner, owner), 0);
         EXPECT_EQ(::chmod(directory.c_str(), rights), 0);
         Node node(board, directory);
         EXPECT_EQ(::seteuid(claimant), 0);
@@ -104,8 +106,9 @@ TEST_F(TransportIpc, ANameIsOfNoUser)
         EXPECT_EQ(::stat(lock.c_str(), &status), 0);
         return std::tuple(status.st_uid, status.st_gid, status.st_mode & 07777U);
     };
-    EXPECT_EQ(rightsAfterClaim(02775, 0), std::tuple(USER, USER, 0660U));
-    EXPECT_EQ(rightsAfterClaim(02775, USER), std::tuple(USER, USER, 0660U));
+    EXPECT_EQ(rightsAfterClaim(03775, 0), std::tuple(USER, USER, 0600U)) << "a name is of who had it first";
+    EXPECT_EQ(rightsAfterClaim(03775, USER), std::tuple(USER, USER, 0600U));
+    EXPECT_EQ(rightsAfterClaim(02775, PERSON, PERSON), std::tuple(PERSON, PERSON, 0660U)) << "a group of one";
     EXPECT_EQ(rightsAfterClaim(0755, 0), std::tuple(USER, USER, 0600U)) << "its group may not replace it either";
 
     ASSERT_EQ(::chown(lock.c_str(), 0, 0), 0);

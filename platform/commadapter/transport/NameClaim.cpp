@@ -29,6 +29,17 @@ namespace {
 /// The kernel lowers it to its own limit.
 constexpr int BACKLOG = 4096;
 
+/// On what stands where the socket belongs and cannot be replaced.
+std::string adviseOnOccupied(int directory, const std::string& file, int error)
+{
+    struct stat status {};
+    const bool isForbidden = error == EPERM || error == EACCES;
+    return error == EISDIR ? "; remove it"
+           : isForbidden && ::fstatat(directory, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
+               ? fmt::format("; it is {0}'s: have {0} or root remove it", userName(status.st_uid))
+               : "";
+}
+
 } // namespace
 
 std::string socketFileName(const std::string& process)
@@ -87,9 +98,9 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
                     ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
                     ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
-        const char* const advice = errno == EISDIR ? "; remove it" : "";
-        why =
-            fmt::format("cannot listen at \"{}\" in the run directory: {}{}", m_file, obr::explainError(errno), advice);
+        const int error = errno;
+        why = fmt::format("cannot listen at \"{}\" in the run directory: {}{}", m_file, obr::explainError(error),
+                          adviseOnOccupied(m_directory.get(), m_file, error));
         failed = true;
     }
     if (failed) {
@@ -122,7 +133,7 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
     if (!bound || ::fstat(bound.get(), &status) != 0) {
         return refuse("cannot look at");
     }
-    if (!S_ISSOCK(status.st_mode)) {
+    if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
         why = fmt::format("somebody has replaced the socket \"{}\" in the run directory", temporary);
         return true;
     }

@@ -1,6 +1,7 @@
 // Who has a name is decided by the lock on `<process>.lock` alone: the kernel gives it back when its holder dies,
 // however that happens, and it belongs to one opening of the file, so a second claim in the same process is refused as
-// well. The file is never removed, or two processes could hold locks on two files of one name.
+// well. Nobody removes the file, or two processes could hold locks on two files of one name; where somebody did all the
+// same, only the file that stands there now counts.
 
 #include "transport/NameLock.h"
 
@@ -142,8 +143,14 @@ int tryLock(const Descriptor& file)
     return retryInterrupted([&file] { return ::flock(file.get(), LOCK_EX | LOCK_NB); }) == 0 ? 0 : errno;
 }
 
-/// Whoever may write into the directory could put another file there, and so may use this one: else the name would
-/// belong for ever to the user who had it first.
+/// Whether each user's files are his own there.
+bool isSticky(const struct stat& directory)
+{
+    return (directory.st_mode & S_ISVTX) != 0;
+}
+
+/// Whoever may put another file in its place may use this one, too: else the name would belong for ever to the user who
+/// had it first. With the sticky bit nobody may, and it does: else any of them could hold the names of all.
 void share(int lock, int directory)
 {
     struct stat folder {};
@@ -152,7 +159,8 @@ void share(int lock, int directory)
     const uid_t owner = ::geteuid() == 0 ? folder.st_uid : static_cast<uid_t>(-1);
     const bool isOfItsGroup = isKnown && (::fchown(lock, owner, folder.st_gid) == 0 ||
                                           (::fstat(lock, &file) == 0 && file.st_gid == folder.st_gid));
-    ::fchmod(lock, isOfItsGroup && (folder.st_mode & S_IWGRP) != 0 ? SHARED_MODE : OWN_MODE);
+    const bool isForGroup = isOfItsGroup && (folder.st_mode & S_IWGRP) != 0 && !isSticky(folder);
+    ::fchmod(lock, isForGroup ? SHARED_MODE : OWN_MODE);
 }
 
 /// Not `O_CREAT` alone: with it the kernel may refuse a file of another user in a directory with the sticky bit.
@@ -197,8 +205,8 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     struct stat folder {};
     struct stat socket {};
     const uid_t user = ::geteuid();
-    const bool isKept = ::fstat(directory, &folder) == 0 && (folder.st_mode & S_ISVTX) != 0 && user != 0 &&
-                        user != folder.st_uid && user != file.st_uid;
+    const bool isKept = ::fstat(directory, &folder) == 0 && isSticky(folder) && user != 0 && user != folder.st_uid &&
+                        user != file.st_uid;
     const bool mayBeHeld = // as by a process of another container, whose socket is there
         S_ISREG(file.st_mode) &&
         ::fstatat(directory, (encodedName + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
@@ -207,12 +215,10 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
                        mayBeHeld ? "unless a process in another container holds it" : "which nobody holds");
 }
 
-} // namespace
-
-bool takeNameLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
-                  std::string& why)
+/// Of the file that stands there now.
+[[nodiscard]] bool takeLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
+                            std::string& why)
 {
-    isHeld = false;
     const std::string encodedName = encodeProcessName(process);
     const std::string file = encodedName + ENDING;
     Descriptor opened = openOrMake(directory.get(), file);
@@ -247,6 +253,36 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
     return false;
 }
 
+} // namespace
+
+bool isNameLockThere(int directory, const std::string& process, int lock)
+{
+    struct stat locked {};
+    struct stat present {};
+    const std::string file = encodeProcessName(process) + ENDING;
+    return ::fstat(lock, &locked) == 0 && ::fstatat(directory, file.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
+           locked.st_ino == present.st_ino && locked.st_dev == present.st_dev;
+}
+
+bool takeNameLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
+                  std::string& why)
+{
+    constexpr int ATTEMPTS = 8; // whoever replaces the file each time is not served
+    isHeld = false;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        if (takeLock(directory, process, lock, isHeld, why)) {
+            return true;
+        }
+        if (isNameLockThere(directory.get(), process, lock.get())) {
+            return false;
+        }
+    }
+    lock.reset();
+    why = fmt::format("somebody removes {} again and again",
+                      pathOf(directory.get(), encodeProcessName(process) + ENDING));
+    return true;
+}
+
 pid_t findNameHolder(const std::string& directory, const std::string& process)
 {
     struct stat status {};
@@ -269,8 +305,9 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     if (const char* const kind = nameWrongKind(status)) {
         problem.text = fmt::format("{} {}", path, kind);
     } else if (::faccessat(directory, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+        problem.isOfAnother = isSticky(folder) && status.st_uid != ::geteuid();
         problem.text = fmt::format("cannot open {}: {}, it is {}", path, obr::explainError(errno), rights);
-    } else if ((folder.st_mode & S_IWGRP) != 0 && !isShared) {
+    } else if ((folder.st_mode & S_IWGRP) != 0 && !isSticky(folder) && !isShared) {
         problem.isForThisUser = false;
         problem.text = fmt::format("{} is {}, so nobody else can have the name", path, rights);
     } else {

@@ -15,6 +15,9 @@ namespace kesa::commadapter::transport {
 [[nodiscard]] bool takeNameLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
                                 std::string& why);
 
+/// Whether `lock`, which this process holds, is on the file by which others see that it has the name.
+bool isNameLockThere(int directory, const std::string& process, int lock);
+
 /// Who has the lock of a name in the directory at this path; 0 when nobody has, or nobody that the kernel tells of.
 /// Takes no lock.
 pid_t findNameHolder(const std::string& directory, const std::string& process);
@@ -22,6 +25,7 @@ pid_t findNameHolder(const std::string& directory, const std::string& process);
 /// Why a lock file that is there keeps users from a name that their rights in the directory would give them.
 struct LockFileProblem {
     bool isForThisUser = true; ///< else for others only
+    bool isOfAnother = false;  ///< in a directory with the sticky bit, in which a name is of the user who had it first
     bool isHeld = false;       ///< a living process has the name, too; then the text says which
     std::string text;          ///< empty: it keeps nobody
     std::string advice;        ///< what else to do; may be empty

@@ -1,6 +1,7 @@
 #include "transport/RunDirectory.h"
 
 #include "transport/Authority.h"
+#include "transport/directoryTrust.h"
 #include "transport/usersAndGroups.h"
 
 #include <obr/explainError.h>
@@ -24,6 +25,7 @@ namespace kesa::commadapter::transport {
 namespace {
 
 constexpr const char* REALM_FILE = "realm";
+constexpr const char* NAME_ANOTHER = R"(name another one with "run_dir" or KESA_RUN_DIR)";
 
 // 0755: others may look names up; who may connect is decided by each socket's own mode and group. A directory in which
 // several users provide services is made by the administrator, with the rights they share.
@@ -96,13 +98,14 @@ std::string advise(const std::string& directory, int error)
     default:
         break;
     }
-    return here + "name another one with \"run_dir\" or KESA_RUN_DIR";
+    return here + NAME_ANOTHER;
 }
 
-/// Writes a file of its own and links it to the name: nobody reads half a realm, and the first one to link has won.
-bool writeRealm(int directory)
+/// Writes a file of its own and calls `place`, which gives it the name: nobody reads half a realm.
+template <class Place>
+bool writeRealm(int directory, const std::string& realm, Place place)
 {
-    const std::string content = makeRealm() + '\n';
+    const std::string content = realm + '\n';
     const std::string temporary = fmt::format(".realm.{}.{}.tmp", ::getpid(), content.substr(0, 8));
     const auto file = openFile(
         [&] { return ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, REALM_MODE); });
@@ -112,12 +115,35 @@ bool writeRealm(int directory)
     const bool isWritten = ::fchmod(file.get(), REALM_MODE) == 0 &&
                            retryInterrupted([&] { return ::write(file.get(), content.data(), content.size()); }) ==
                                static_cast<ssize_t>(content.size()) &&
-                           retryInterrupted([&] { return ::fsync(file.get()); }) == 0 &&
-                           (::linkat(directory, temporary.c_str(), directory, REALM_FILE, 0) == 0 || errno == EEXIST);
+                           retryInterrupted([&] { return ::fsync(file.get()); }) == 0 && place(temporary.c_str());
     const int error = errno;
     ::unlinkat(directory, temporary.c_str(), 0);
     errno = error;
     return !isWritten;
+}
+
+/// The first one to link has won.
+bool makeRealmFile(int directory)
+{
+    return writeRealm(directory, makeRealm(), [directory](const char* file) {
+        return ::linkat(directory, file, directory, REALM_FILE, 0) == 0 || errno == EEXIST;
+    });
+}
+
+/// Who was here first may be any user, and could change the file under all others: it becomes that of who may do all in
+/// the directory as soon as he comes. The realm stays.
+void adoptRealm(int directory, const RealmFile& file)
+{
+    struct stat folder {};
+    const uid_t user = ::geteuid();
+    const uid_t owner = file.status.st_uid;
+    if (::fstat(directory, &folder) != 0 || owner == user || owner == 0 || owner == folder.st_uid ||
+        (user != 0 && user != folder.st_uid)) {
+        return;
+    }
+    static_cast<void>(writeRealm(directory, file.realm, [directory](const char* draft) {
+        return ::renameat(directory, draft, directory, REALM_FILE) == 0;
+    }));
 }
 
 } // namespace
@@ -128,7 +154,7 @@ RealmFile readRealmFile(int directory)
         openFile([&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); });
     if (!file) {
         const bool isNoFile = errno == ELOOP || errno == ENXIO; // a link or a socket
-        return {isNoFile ? 0 : errno, {}};
+        return {isNoFile ? 0 : errno, {}, {}};
     }
     std::array<char, 64> buffer;
     const ssize_t size = retryInterrupted([&] { return ::read(file.get(), buffer.data(), buffer.size()); });
@@ -136,7 +162,11 @@ RealmFile readRealmFile(int directory)
     if (!text.empty() && text.back() == '\n') {
         text.remove_suffix(1);
     }
-    return {0, std::string(isRealm(text) ? text : "")};
+    RealmFile found{0, std::string(isRealm(text) ? text : ""), {}};
+    if (::fstat(file.get(), &found.status) != 0 || !S_ISREG(found.status.st_mode)) {
+        found.realm.clear();
+    }
+    return found;
 }
 
 RunDirectory::RunDirectory(const std::string& configured) : RunDirectory(chooseRunDirectory(configured)) {}
@@ -156,6 +186,21 @@ bool RunDirectory::lacksRealm() const
     return ::access(file.c_str(), F_OK) != 0 && errno == ENOENT;
 }
 
+bool RunDirectory::isDistrusted(int directory, std::string& why) const
+{
+    struct stat status {};
+    if (::fstat(directory, &status) != 0 || ::faccessat(directory, ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        return false; // nothing is made there, and what is missing is said first
+    }
+    const DirectoryDistrust distrust = findDistrust(m_path, status);
+    if (distrust.text.empty()) {
+        return false;
+    }
+    why = fmt::format("the run directory \"{}\" {}; {}, or {}", shown(m_path), distrust.text,
+                      obr::visible(distrust.advice), NAME_ANOTHER);
+    return true;
+}
+
 bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::string& why)
 {
     const auto refuse = [&](const char* what) {
@@ -171,9 +216,12 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
         errno = isMissing ? makeError : errno;
         return refuse(isMissing ? "cannot make" : "cannot open");
     }
+    if (isDistrusted(opened.get(), why)) {
+        return true;
+    }
     RealmFile file = readRealmFile(opened.get());
     if (file.error == ENOENT) {
-        if (writeRealm(opened.get())) {
+        if (makeRealmFile(opened.get())) {
             return refuse("cannot write into");
         }
         file = readRealmFile(opened.get());
@@ -192,6 +240,7 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
     if (::faccessat(opened.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
         return refuse("cannot write into");
     }
+    adoptRealm(opened.get(), file);
     const std::lock_guard lock(m_mutex);
     m_realm = file.realm;
     realm = file.realm;
@@ -206,7 +255,7 @@ RunDirectory::Realm RunDirectory::judge(const std::string& realm, int& error)
         return Realm::eOURS;
     }
     const auto directory = openFile([&] { return ::open(m_path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC); });
-    const RealmFile present = directory ? readRealmFile(directory.get()) : RealmFile{errno, {}};
+    const RealmFile present = directory ? readRealmFile(directory.get()) : RealmFile{errno, {}, {}};
     if (!present.realm.empty()) {
         m_realm = present.realm;
     }

@@ -4,6 +4,8 @@
 #include "transport/Descriptor.h"
 #include "transport/chooseRunDirectory.h"
 
+#include <sys/stat.h>
+
 #include <mutex>
 #include <string>
 
@@ -11,8 +13,9 @@ namespace kesa::commadapter::transport {
 
 /// What the file `realm` of a run directory holds.
 struct RealmFile {
-    int error = 0;     ///< `errno` of opening it: `ENOENT` when it is not there
-    std::string realm; ///< empty: it holds something else, or is no file
+    int error = 0;         ///< `errno` of opening it: `ENOENT` when it is not there
+    std::string realm;     ///< empty: it holds something else, or is no file
+    struct stat status {}; ///< of the file, where there is a realm
 };
 
 /// Whatever it is that somebody has put there: neither waits, nor follows a link, nor reads on.
@@ -34,8 +37,9 @@ public:
     /// Its file is not there: nobody was there so far, or somebody has removed it.
     bool lacksRealm() const;
 
-    /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. True on
-    /// failure: `why` says what is wrong and what to do.
+    /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. Refuses one
+    /// in which other users could replace what this process makes. True on failure: `why` says what is wrong and what
+    /// to do.
     [[nodiscard]] bool prepare(Descriptor& directory, std::string& realm, std::string& why);
 
     enum class Realm {
@@ -49,6 +53,7 @@ public:
 
 private:
     explicit RunDirectory(const RunDirectoryChoice& choice);
+    bool isDistrusted(int directory, std::string& why) const;
 
     const char* const m_source;
     const std::string m_path;

@@ -46,10 +46,15 @@ std::optional<gid_t> findGroup(const std::string& name)
     return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
 }
 
+bool isPerson(uid_t user)
+{
+    constexpr uid_t FIRST_PERSON = 1000;
+    return user >= FIRST_PERSON;
+}
+
 bool isSharedGroup(uid_t owner, gid_t group)
 {
-    constexpr uid_t FIRST_PERSON = 1000; // those below are of services
-    return group != 0 && (group != owner || owner < FIRST_PERSON);
+    return group != 0 && (group != owner || !isPerson(owner));
 }
 
 } // namespace kesa::commadapter::transport

@@ -19,6 +19,9 @@ std::string groupName(gid_t group);
 /// The number of a group, given by its name or as a number; none when there is no such group.
 std::optional<gid_t> findGroup(const std::string& name);
 
+/// Whether a user is a person, not root or an account of a service.
+bool isPerson(uid_t user);
+
 /// Whether a file's group is one that users may join: neither root's nor a person's own.
 bool isSharedGroup(uid_t owner, gid_t group);
 
