@@ -104,7 +104,7 @@ TEST_F(TransportIpc, ADirectoryInWhichOthersCouldReplaceFilesIsRefused)
                                                     "replace what this process makes there; chown root " + directory +
                                                     another);
     EXPECT_THAT(refusal(PERSON, PERSON, 01777, OTHER), HasSubstr("belongs to 54321")) << "somebody came before";
-    for (const mode_t mode : {0700, 0755, 0775, 01777, 03775}) {
+    for (const mode_t mode : {0700U, 0755U, 0775U, 01777U, 03775U}) {
         EXPECT_EQ(refusal(0, mode == 0775 ? 0 : SERVICE, mode, 0), "");
         EXPECT_EQ(refusal(PERSON, PERSON, mode, PERSON), "");
         EXPECT_EQ(refusal(SERVICE, SERVICE, mode == 0775 ? 03775 : mode, 0), "");

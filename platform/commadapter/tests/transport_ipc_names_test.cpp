@@ -93,7 +93,7 @@ TEST_F(TransportIpc, ANameIsOfNoUserButWhereEachUsersFilesAreHisOwn)
     const std::string lock = directory + "/media.lock";
     fs::create_directory(directory);
     ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
-    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant, uid_t owner = USER) {
+    const auto rightsAfterClaim = [&](mode_t rights, uid_t claimant, uid_t owner) {
         fs::remove(lock);
         fs::remove(directory + "/realm");
         EXPECT_EQ(::chown(directory.c_str(), owner, owner), 0);
@@ -106,10 +106,10 @@ TEST_F(TransportIpc, ANameIsOfNoUserButWhereEachUsersFilesAreHisOwn)
         EXPECT_EQ(::stat(lock.c_str(), &status), 0);
         return std::tuple(status.st_uid, status.st_gid, status.st_mode & 07777U);
     };
-    EXPECT_EQ(rightsAfterClaim(03775, 0), std::tuple(USER, USER, 0600U)) << "a name is of who had it first";
-    EXPECT_EQ(rightsAfterClaim(03775, USER), std::tuple(USER, USER, 0600U));
+    EXPECT_EQ(rightsAfterClaim(03775, 0, USER), std::tuple(USER, USER, 0600U)) << "a name is of who had it first";
+    EXPECT_EQ(rightsAfterClaim(03775, USER, USER), std::tuple(USER, USER, 0600U));
     EXPECT_EQ(rightsAfterClaim(02775, PERSON, PERSON), std::tuple(PERSON, PERSON, 0660U)) << "a group of one";
-    EXPECT_EQ(rightsAfterClaim(0755, 0), std::tuple(USER, USER, 0600U)) << "its group may not replace it either";
+    EXPECT_EQ(rightsAfterClaim(0755, 0, USER), std::tuple(USER, USER, 0600U)) << "its group may not replace it either";
 
     ASSERT_EQ(::chown(lock.c_str(), 0, 0), 0);
     Node node(board, directory);
