@@ -73,6 +73,7 @@ TEST_F(TransportIpc, AnUnusableRunDirectoryOrSettingIsExplainedOnce)
 
 TEST_F(TransportIpc, ADirectoryInWhichOthersCouldReplaceFilesIsRefused)
 {
+    const tracing::TraceCapture traces("KESA_COMM_IPC");
     if (::geteuid() != 0) {
         GTEST_SKIP() << "only root can be two users";
     }
