@@ -7,9 +7,17 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <unordered_map>
 #include <utility>
 
 namespace kesa {
+
+namespace {
+
+/// To compare a character with so many ranges of a set takes as long as to look at a state.
+constexpr std::size_t RANGES_PER_STEP = 4;
+
+} // namespace
 
 bool failMalformedGlob(std::string_view glob, std::size_t position, std::string_view what)
 {
@@ -336,10 +344,12 @@ bool GlobProgram::accepts(const Step& step, char32_t character) const noexcept
     return step.isNegated;
 }
 
-/// Adds what can be reached without a character.
-void GlobProgram::follow(States& states) const noexcept
+/// Adds what can be reached without a character. Answers how many states there are.
+std::size_t GlobProgram::follow(States& states) const noexcept
 {
+    std::size_t looks = 0;
     states.forEach([&](std::size_t index, bool isPending) {
+        ++looks;
         const Step& step = m_steps[index];
         switch (step.op) {
         case Op::eSLASH:
@@ -363,11 +373,15 @@ void GlobProgram::follow(States& states) const noexcept
             break;
         }
     });
+    return looks;
 }
 
-void GlobProgram::consume(const States& from, char32_t character, States& to) const noexcept
+/// Answers how many states were looked at; that of a set counts more, by its ranges.
+std::size_t GlobProgram::consume(const States& from, char32_t character, States& to) const noexcept
 {
+    std::size_t looks = 0;
     from.forEach([&](std::size_t index, bool isPending) {
+        ++looks;
         const Step& step = m_steps[index];
         const bool isSlash = character == '/';
         if (isPending) {
@@ -376,23 +390,27 @@ void GlobProgram::consume(const States& from, char32_t character, States& to) co
             }
         } else if (step.op == Op::eSEGMENTS || (step.op == Op::eSTAR && !isSlash)) {
             to.add(index, false);
-        } else if (accepts(step, character)) {
-            to.add(index + 1, false);
+        } else {
+            looks += (step.rangeEnd - step.rangeBegin) / RANGES_PER_STEP;
+            if (accepts(step, character)) {
+                to.add(index + 1, false);
+            }
         }
     });
+    return looks;
 }
 
-bool GlobProgram::match(std::string_view segments) const noexcept
+bool GlobProgram::match(std::string_view segments, std::size_t& steps) const noexcept
 {
     States sets[] = {States(m_steps.size()), States(m_steps.size())};
     States* states = &sets[0];
     States* next = &sets[1];
     states->add(0, true);
-    follow(*states);
+    steps += follow(*states);
     const auto take = [&](char32_t character) {
         next->clear();
-        consume(*states, character, *next);
-        follow(*next);
+        steps += 1 + consume(*states, character, *next);
+        steps += follow(*next);
         std::swap(states, next);
     };
     if (!segments.empty()) {
@@ -402,6 +420,60 @@ bool GlobProgram::match(std::string_view segments) const noexcept
         take(obr::takeCharacter(segments));
     }
     return states->contains(m_steps.size() - 1);
+}
+
+/// After a character there are: the steps behind those that take it, the wildcards that stay, what these lead to
+/// without a character, and, where a '/' may be pending, each such step twice.
+std::size_t GlobProgram::mostStates() const
+{
+    std::unordered_map<char32_t, std::size_t> takers;
+    std::size_t most = 0;      // that take one character
+    std::size_t takesMany = 0; // steps that take any of several
+    std::size_t leads = 0;
+    std::size_t slashes = 0;
+    for (const Step& step : m_steps) {
+        switch (step.op) {
+        case Op::eCHARACTER:
+            most = std::max(most, ++takers[step.character]);
+            break;
+        case Op::eANY:
+        case Op::eSET:
+            ++takesMany;
+            break;
+        case Op::eSTAR:
+        case Op::eSEGMENTS:
+        case Op::eFORK:
+            leads += 2;
+            break;
+        case Op::eJUMP:
+            ++leads;
+            break;
+        case Op::eSLASH:
+            ++slashes;
+            break;
+        case Op::eMATCH:
+            break;
+        }
+    }
+    const std::size_t states = 1 + most + takesMany + leads;
+    return slashes == 0 ? std::min(states, m_steps.size())
+                        : std::min(states + 2 * (slashes + leads), 2 * m_steps.size());
+}
+
+std::size_t GlobProgram::cost(std::size_t bytes, std::size_t paths) const
+{
+    const bool isEndless = std::any_of(m_steps.begin(), m_steps.end(), [](const Step& step) {
+        return step.op == Op::eSTAR || step.op == Op::eSEGMENTS;
+    });
+    // A '/' stands before each path. Without a wildcard that stays, each character leads on, until there are no more.
+    const std::size_t characters = bytes + paths;
+    const std::size_t looked = isEndless ? characters : std::min(characters, paths * (m_steps.size() + 1));
+    return paths * 2 * m_steps.size() + looked * (1 + 2 * mostStates() + m_ranges.size() / RANGES_PER_STEP);
+}
+
+std::size_t GlobProgram::memory() const noexcept
+{
+    return m_steps.capacity() * sizeof(Step) + m_ranges.capacity() * sizeof(Range);
 }
 
 } // namespace kesa

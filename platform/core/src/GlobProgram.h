@@ -23,8 +23,11 @@ public:
     /// True, with a reason in `obr::ErrorStorage`, when `glob` is malformed or too large.
     [[nodiscard]] bool compile(const std::string& glob);
 
-    /// `segments` is a path without its leading '/', or empty for "/".
-    bool match(std::string_view segments) const noexcept;
+    /// `segments` is a path without its leading '/', or empty for "/". Adds to `steps` how many states were looked at.
+    bool match(std::string_view segments, std::size_t& steps) const noexcept;
+    /// How much `match` adds at most, for `paths` paths of together `bytes` bytes.
+    std::size_t cost(std::size_t bytes, std::size_t paths) const;
+    std::size_t memory() const noexcept;
 
 private:
     enum class Op : std::uint8_t { eCHARACTER, eANY, eSET, eSTAR, eSEGMENTS, eSLASH, eFORK, eJUMP, eMATCH };
@@ -46,8 +49,9 @@ private:
 
     static bool meetsCharacters(Op op) noexcept;
     bool accepts(const Step& step, char32_t character) const noexcept;
-    void follow(States& states) const noexcept;
-    void consume(const States& from, char32_t character, States& to) const noexcept;
+    std::size_t follow(States& states) const noexcept;
+    std::size_t consume(const States& from, char32_t character, States& to) const noexcept;
+    std::size_t mostStates() const;
 
     std::vector<Step> m_steps;
     std::vector<Range> m_ranges;

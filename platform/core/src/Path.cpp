@@ -98,6 +98,27 @@ std::string Path::complaintAbout(const std::string& path)
                : "a path is printable UTF-8, and this one is not";
 }
 
+std::string Path::complaintAboutService(const std::string& path)
+{
+    if (path.size() > MAX_SERVICE_PATH_SIZE) {
+        return "the path of a service has at most " + std::to_string(MAX_SERVICE_PATH_SIZE) + " bytes, and this one " +
+               std::to_string(path.size());
+    }
+    if (!isCanonical(path)) {
+        return complaintAbout(path);
+    }
+    const std::size_t wildcard = path.find_first_of("*?[]{}\\");
+    if (wildcard != std::string::npos) {
+        return "'" + path + "' has a '" + path[wildcard] +
+               "', which stands for something else where services are asked for by a glob; leave it out";
+    }
+    const auto segments = static_cast<std::size_t>(std::count(path.begin(), path.end(), '/'));
+    return segments > MAX_SERVICE_SEGMENTS
+               ? "the path of a service has at most " + std::to_string(MAX_SERVICE_SEGMENTS) +
+                     " segments, and this one " + std::to_string(segments)
+               : std::string();
+}
+
 std::string Path::join(const std::string& a, const std::string& b)
 {
     if (b.empty()) {

@@ -55,9 +55,10 @@ public:
         return m_program.compile(glob);
     }
 
-    bool match(const std::string& path) const
+    bool match(std::string_view path, std::size_t& steps) const
     {
         const std::string_view segments = segmentsOf(path);
+        ++steps;
         switch (m_kind) {
         case Kind::eALL:
             return true;
@@ -68,8 +69,15 @@ public:
         case Kind::ePROGRAM:
             break;
         }
-        return m_program.match(segments);
+        return m_program.match(segments, steps);
     }
+
+    std::size_t cost(std::size_t bytes, std::size_t paths) const
+    {
+        return paths + (m_kind == Kind::ePROGRAM ? m_program.cost(bytes, paths) : 0);
+    }
+
+    std::size_t memory() const noexcept { return sizeof(*this) + m_path.capacity() + m_program.memory(); }
 
 private:
     enum class Kind { eALL, ePATH, eSUBTREE, ePROGRAM };
@@ -89,7 +97,23 @@ std::optional<PathPatterns> PathPatterns::createFromGlob(const std::string& glob
 
 bool PathPatterns::match(const std::string& path) const
 {
-    return m_compiled->match(path);
+    std::size_t steps = 0;
+    return m_compiled->match(path, steps);
+}
+
+bool PathPatterns::match(std::string_view path, std::size_t& steps) const
+{
+    return m_compiled->match(path, steps);
+}
+
+std::size_t PathPatterns::cost(std::size_t bytes, std::size_t paths) const
+{
+    return m_compiled->cost(bytes, paths);
+}
+
+std::size_t PathPatterns::memory() const noexcept
+{
+    return m_compiled->memory();
 }
 
 } // namespace kesa

@@ -3,6 +3,9 @@
 #include <kesa/PathPatterns.h>
 #include <obr/ErrorStorage.h>
 
+#include <random>
+#include <vector>
+
 namespace {
 
 using kesa::PathPatterns;
@@ -61,6 +64,36 @@ TEST(PathPatterns, NeverBacktracks)
     EXPECT_FALSE(matches("/" + stars + "b", path));
     EXPECT_TRUE(matches("/" + stars, path));
     EXPECT_FALSE(matches("/" + alternatives + "b", path));
+}
+
+TEST(PathPatterns, CostsNoMoreThanItSays)
+{
+    std::mt19937 random(1);
+    const auto draw = [&](std::size_t bound) { return random() % bound; };
+    const std::vector<std::string> pieces = {"a", "a",    "b",     "*",     "*",       "?",    "/",
+                                             "/", "/**/", "{a,b}", "{a*,}", "{a/b,?}", "[ab]", "[!a-c]"};
+    std::size_t dear = 0;
+    for (int round = 0; round < 3000; ++round) {
+        std::string glob;
+        for (std::size_t count = 1 + draw(30); count > 0; --count) {
+            glob += pieces[draw(pieces.size())];
+        }
+        const auto patterns = PathPatterns::createFromGlob(glob);
+        if (!patterns) {
+            obr::ErrorStorage::ack();
+            continue;
+        }
+        std::string path = "/";
+        for (std::size_t count = draw(200); count > 0; --count) {
+            path += "aaaaab/"[draw(7)];
+        }
+        std::size_t steps = 0;
+        EXPECT_EQ(patterns->match(path, steps), patterns->match(path));
+        ASSERT_LE(steps, patterns->cost(path.size())) << glob << " on " << path;
+        ASSERT_LE(patterns->cost(path.size()), patterns->cost(2 * path.size(), 2));
+        dear += 4 * steps > patterns->cost(path.size()) ? 1U : 0U;
+    }
+    EXPECT_GT(dear, 100U) << "it says much more than it is";
 }
 
 } // namespace

@@ -19,6 +19,27 @@ TEST(Path, CanonicalIsWhatAServiceMayBeCalled)
     EXPECT_EQ(Path::complaintAbout(std::string(4097, 'a')), "a path has at most 4096 bytes, and this one 4097");
 }
 
+TEST(Path, OfAServiceIsAGlobForItself)
+{
+    std::string deep;
+    for (int depth = 0; depth < 64; ++depth) {
+        deep += "/a";
+    }
+    for (const std::string& path : {std::string("/a,b"), std::string("/a b!-"), deep, '/' + std::string(1023, 'a')}) {
+        EXPECT_EQ(Path::complaintAboutService(path), "");
+    }
+    for (const char wildcard : {'*', '?', '[', ']', '{', '}', '\\'}) {
+        EXPECT_EQ(Path::complaintAboutService(std::string("/a") + wildcard + "/b"),
+                  std::string("'/a") + wildcard + "/b' has a '" + wildcard +
+                      "', which stands for something else where services are asked for by a glob; leave it out");
+    }
+    EXPECT_EQ(Path::complaintAboutService(deep + "/a"),
+              "the path of a service has at most 64 segments, and this one 65");
+    EXPECT_EQ(Path::complaintAboutService('/' + std::string(1024, 'a')),
+              "the path of a service has at most 1024 bytes, and this one 1025");
+    EXPECT_EQ(Path::complaintAboutService("/a/"), Path::complaintAbout("/a/"));
+}
+
 TEST(Path, MatchesBySegments)
 {
     const std::tuple<const char*, const char*, bool> cases[] = {

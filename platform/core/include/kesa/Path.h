@@ -23,10 +23,15 @@ public:
     /// Begins with '/'.
     static bool isAbsolute(const std::string& path) noexcept;
     /// Absolute, without empty, "." and ".." segments and without a trailing '/' (so "/" is not), printable UTF-8
-    /// and at most 4096 bytes: what a service may be registered and tracked under.
+    /// and at most 4096 bytes: what may stand in a locator, and what a resource may be called.
     static bool isCanonical(const std::string& path) noexcept;
     /// What to tell whoever gave a path that is not canonical, in one sentence.
     static std::string complaintAbout(const std::string& path);
+    static constexpr std::size_t MAX_SERVICE_PATH_SIZE = 1024;
+    static constexpr std::size_t MAX_SERVICE_SEGMENTS = 64;
+    /// The same of a path that no service can have, and empty when one can: it is canonical, has at most so many bytes
+    /// and segments, and none of `*?[]{}\`, so that it is a glob that matches itself alone.
+    static std::string complaintAboutService(const std::string& path);
     /// `a` and `b` with exactly one '/' between them; `a` when `b` is empty.
     static std::string join(const std::string& a, const std::string& b);
     /// Whether `path` matches `pattern`: segments as they are, "**" for any well-formed absolute path ("/" too, ""

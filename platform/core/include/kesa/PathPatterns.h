@@ -3,9 +3,11 @@
 
 #include <obr/api.h>
 
+#include <cstddef>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace kesa {
 
@@ -34,6 +36,15 @@ public:
     static std::optional<PathPatterns> createFromGlob(const std::string& glob);
 
     bool match(const std::string& path) const;
+
+    // For who answers many globs of others and has to bound what they cost him. A step is one of the matcher's, some
+    // nanoseconds.
+    /// The same, and adds to `steps` how many it took: one at least.
+    bool match(std::string_view path, std::size_t& steps) const;
+    /// The most steps that matching `paths` paths of together `bytes` bytes takes.
+    std::size_t cost(std::size_t bytes, std::size_t paths = 1) const;
+    /// About how many bytes the compiled form holds.
+    std::size_t memory() const noexcept;
 
 private:
     class Compiled;
