@@ -16,6 +16,7 @@ namespace {
 
 using kesa::runtime::v02::KesaConfig;
 using kesa::runtime::v02::ProxyConfig;
+using kesa::runtime::v02::RegistryLimits;
 using kesa::serviceregistry::ServiceDef;
 using util::config::Complaint;
 using util::config::Dictionary;
@@ -67,6 +68,11 @@ Value toTable(const Map& map)
         members.emplace_back(key, toValue(value));
     }
     return Value(Dictionary(std::move(members)));
+}
+
+Value registry(const RegistryLimits& limits)
+{
+    return Value(Dictionary{{"max_user_bytes", limits.m_maxUserBytes}, {"max_bytes", limits.m_maxBytes}});
 }
 
 Value smartProxy(const ProxyConfig& proxy)
@@ -138,6 +144,7 @@ SettingRows settings(const CheckResult& result)
     addTable(rows, "bypass", toTable(config.m_bypass));
     addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
     addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
+    addTable(rows, "registry", registry(config.m_registryLimits));
     addTable(rows, "comm", result.comm);
     rows.push_back({"run directory", fmt::format("{} ({})", excerpt(result.runDirectory), result.runDirectorySource)});
     return rows;
@@ -230,6 +237,7 @@ std::string asJson(const CheckResult& result)
                                    {"bypass", toTable(config.m_bypass)},
                                    {"smartProxy", smartProxy(config.m_proxyConfig)},
                                    {"node_domain_mapping", toTable(config.m_nodeDomainMapping)},
+                                   {"registry", registry(config.m_registryLimits)},
                                    {"comm", result.comm}};
     Dictionary object{{"valid", result.isValid},
                       {"file", result.file.empty() ? Value(nullptr) : Value(result.file)},

@@ -4,7 +4,7 @@
 
 namespace kesa::registry {
 
-Registry::Registry() : m_impl(std::make_shared<Impl>()) {}
+Registry::Registry(const runtime::v02::RegistryLimits& limits) : m_impl(std::make_shared<Impl>(limits)) {}
 
 Registry::~Registry()
 {

@@ -150,6 +150,14 @@ std::string whyNotHere(const KesaConfigAccessor& config)
                                       : here + "its configuration asks for no registry (\"use_registry\")";
 }
 
+/// Of the process's document.
+runtime::v02::RegistryLimits limitsOf(const IRuntimeRegistry& runtime)
+{
+    const bool isRunning = KesaRuntime::isRunning() && KesaRuntime::getInstance() == &runtime;
+    return isRunning ? KesaRuntime::getInstance()->getConfigAccessor().getRegistryLimits()
+                     : runtime::v02::RegistryLimits();
+}
+
 } // namespace
 
 /// Follows what the own runtime provides, and holds it in the registry as one more process would, save that it is
@@ -157,8 +165,8 @@ std::string whyNotHere(const KesaConfigAccessor& config)
 class RegistryHost::Impl : public std::enable_shared_from_this<RegistryHost::Impl> {
 public:
     Impl(IRuntimeRegistry& runtime, std::function<void()> ready, std::function<void(const Response&)> failed)
-        : m_runtime(runtime), m_ready(std::move(ready)), m_failed(std::move(failed)), m_registry(new Registry()),
-          m_core(m_registry->m_impl),
+        : m_runtime(runtime), m_ready(std::move(ready)), m_failed(std::move(failed)),
+          m_registry(new Registry(limitsOf(runtime))), m_core(m_registry->m_impl),
           m_service(std::make_shared<ServiceRegistryPexService>(std::unique_ptr<IServiceRegistry>(m_registry)))
     {}
 

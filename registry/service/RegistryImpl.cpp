@@ -15,9 +15,11 @@
 
 #include <comm/wallClock.h>
 
+#include <unistd.h>
+
 namespace kesa::registry {
 
-Registry::Impl::Impl() : m_started(wallClockMs()) {}
+Registry::Impl::Impl(const Accounts::Limits& limits) : m_accounts(limits, ::geteuid()), m_started(wallClockMs()) {}
 
 std::int64_t Registry::Impl::wallClockMs() noexcept
 {

@@ -1,6 +1,7 @@
 #ifndef KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 #define KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 
+#include "service/Accounts.h"
 #include "store/History.h"
 #include "store/Store.h"
 
@@ -17,6 +18,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -32,7 +34,7 @@ public:
     using TrackingHandler = std::unique_ptr<IResponseHandler<RegistryUpdate>>;
     using QueryHandler = std::unique_ptr<IResponseHandler<std::vector<RegistryUpdate>>>;
 
-    Impl();
+    explicit Impl(const Accounts::Limits& limits);
 
     void* queryRegistry(QueryHandler&& handler, const Query& query);
     void* registerService(RegistrationHandler&& handler, const std::string& path, const ServiceDef& serviceDef);
@@ -61,22 +63,24 @@ private:
         std::int64_t uid = -1;
         Realm realm;
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
-        std::array<std::size_t, 3> requests{}; ///< open ones, by the kind of their handler
+        Accounts::Payer payer;       ///< of who is asked, so not of this process
+        std::size_t requests = 0;    ///< open ones
+        std::set<StreamId> registrations; ///< those among them
 
-        std::deque<Effect> news; ///< to be written once its queue is empty
-        std::deque<StreamId>
-            listing;             ///< queries whose first answer is not complete, in order; they come after the news
-        std::size_t written = 0; ///< since its queue was last known to be empty
-        bool isWaiting = false;  ///< for its queue to be empty
-        bool isProbed = false;   ///< asked for a sign of life, since so much waits for it
+        std::deque<Effect> news;    ///< to be written once its queue is empty
+        std::size_t newsBytes = 0;  ///< of their records
+        std::set<StreamId> listing; ///< queries whose first answer is not complete; they come after the news
+        std::size_t written = 0;    ///< since its queue was last known to be empty
+        bool isWaiting = false;     ///< for its queue to be empty
+        bool isProbed = false;      ///< asked for a sign of life, since so much waits for it
 
         std::string name() const;
-        std::string whyNoMore(std::size_t kind) const;
     };
     using Handler = std::variant<RegistrationHandler, TrackingHandler, QueryHandler>;
     struct Request {
         Handler handler;
         std::shared_ptr<Asker> asker;
+        Charge charge;
         std::int64_t since = 0; ///< of a registration: when it got the path, in milliseconds since 1970; 0: not yet
     };
     using Requests = std::unordered_map<StreamId, Request>;
@@ -91,18 +95,20 @@ private:
     // requests.cpp
     template <class T, class Command>
     void* open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation, const std::string& subject,
-               const Command& command);
+               Charge charge, const Command& command);
     void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
 
-    // accounts.cpp
+    // askers.cpp
     std::shared_ptr<Asker> currentAsker();
-    StreamId add(const std::shared_ptr<Asker>& asker, Handler&& handler);
+    std::string add(const std::shared_ptr<Asker>& asker, Handler& handler, const Charge& charge, StreamId& stream);
     Request take(Requests::iterator request);
+    void dropIfIdle(Asker& asker);
 
     // telling.cpp
     using Updates = std::vector<RegistryUpdate>;
     void toAsker(Effect effect, Updates& list);
-    void wait(Asker& asker, Effect effect);
+    static void wait(Asker& asker, Effect effect);
+    static Effect takeNews(Asker& asker);
     void tell(Requests::iterator request, const Effect& effect, Updates& list);
     void tellNews(const std::shared_ptr<Asker>& asker);
     void refused(Requests::iterator request, const Effect& effect);
@@ -128,6 +134,7 @@ private:
     // With the mutex held.
     Store m_store;
     History m_history;
+    Accounts m_accounts;
     const std::int64_t m_started;
     MirrorProof m_proveMirrored;
     Requests m_requests;

@@ -1,4 +1,4 @@
-// Who asks, and what each one has open: a request enters and leaves its asker's account here, and nowhere else.
+// Who asks: a request enters and leaves its asker, and his accounts, here and nowhere else.
 
 #include "service/RegistryImpl.h"
 #include "service/limits.h"
@@ -8,9 +8,6 @@
 namespace kesa::registry {
 
 namespace {
-
-constexpr std::array<std::size_t, 3> MAX_REQUESTS = {MAX_REGISTRATIONS, MAX_TRACKINGS, MAX_QUERIES};
-constexpr std::array<const char*, 3> KINDS = {"registrations", "trackings", "queries"};
 
 Owner ownerOf(const RequestContext& context)
 {
@@ -32,14 +29,6 @@ std::string Registry::Impl::Asker::name() const
     return peer || !process.empty() ? process + " (process " + std::to_string(pid) + ")" : "this process";
 }
 
-/// Why it may not open one more of the kind; empty when it may.
-std::string Registry::Impl::Asker::whyNoMore(std::size_t kind) const
-{
-    return !peer || requests[kind] < MAX_REQUESTS[kind]
-               ? std::string()
-               : "a connection can not have more than " + std::to_string(MAX_REQUESTS[kind]) + ' ' + KINDS[kind];
-}
-
 std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
 {
     const RequestContext* const context = RequestContext::current();
@@ -56,16 +45,30 @@ std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
             asker->realm = std::make_shared<const std::string>(context->realm);
             asker->peer = context->peer;
         }
+        if (asker->peer) {
+            asker->payer = m_accounts.open(asker->owner, asker->process);
+        }
     }
     return asker;
 }
 
-/// Puts a request into the table.
-StreamId Registry::Impl::add(const std::shared_ptr<Asker>& asker, Handler&& handler)
+/// Puts a request into the table. Answers why it may not; then the handler stays the caller's. What this process asks
+/// itself nobody counts.
+std::string Registry::Impl::add(const std::shared_ptr<Asker>& asker, Handler& handler, const Charge& charge,
+                                StreamId& stream)
 {
-    ++asker->requests[handler.index()];
-    m_requests.emplace(++m_lastStream, Request{std::move(handler), asker});
-    return m_lastStream;
+    std::string problem = asker->peer ? m_accounts.charge(asker->payer, charge) : std::string();
+    if (!problem.empty()) {
+        dropIfIdle(*asker);
+        return problem;
+    }
+    stream = ++m_lastStream;
+    ++asker->requests;
+    if (std::holds_alternative<RegistrationHandler>(handler)) {
+        asker->registrations.insert(asker->registrations.end(), stream);
+    }
+    m_requests.emplace(stream, Request{std::move(handler), asker, charge});
+    return {};
 }
 
 /// Takes a request out of the table.
@@ -73,13 +76,27 @@ Registry::Impl::Request Registry::Impl::take(Requests::iterator request)
 {
     Request taken = std::move(request->second);
     Asker& asker = *taken.asker;
-    --asker.requests[taken.handler.index()];
-    std::erase(asker.listing, request->first);
-    m_requests.erase(request);
-    if (asker.requests == std::array<std::size_t, 3>{}) {
-        m_askers.erase(AskerKey(asker.key));
+    if (asker.peer) {
+        m_accounts.takeBack(asker.payer, taken.charge);
     }
+    --asker.requests;
+    asker.registrations.erase(request->first);
+    asker.listing.erase(request->first);
+    m_requests.erase(request);
+    dropIfIdle(asker);
     return taken;
+}
+
+/// It may be nobody's when that returns.
+void Registry::Impl::dropIfIdle(Asker& asker)
+{
+    if (asker.requests > 0) {
+        return;
+    }
+    if (asker.peer) {
+        m_accounts.close(asker.payer);
+    }
+    m_askers.erase(AskerKey(asker.key));
 }
 
 } // namespace kesa::registry

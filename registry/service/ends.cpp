@@ -5,8 +5,6 @@
 #include "service/channel.h"
 #include "service/limits.h"
 
-#include <algorithm>
-
 namespace kesa::registry {
 
 void Registry::Impl::askHolder(const Effect& effect)
@@ -51,14 +49,7 @@ void Registry::Impl::proved(const std::string& path, std::uint64_t proof, bool i
 /// Those of a peer that does not live; its requests stay until they are cancelled.
 void Registry::Impl::dropRegistrations(const Asker& asker)
 {
-    std::vector<StreamId> streams;
-    for (const auto& [stream, request] : m_requests) {
-        if (request.asker.get() == &asker && std::holds_alternative<RegistrationHandler>(request.handler)) {
-            streams.push_back(stream);
-        }
-    }
-    std::sort(streams.begin(), streams.end());
-    for (const StreamId stream : streams) {
+    for (const StreamId stream : asker.registrations) {
         if (const RecordPtr gone = m_store.end(stream)) {
             noteEnd(m_requests.at(stream), *gone, "its process does not live");
         }

@@ -5,7 +5,9 @@
 #include "service/limits.h"
 #include "store/nearestService.h"
 
+#include <kesa/Path.h>
 #include <kesa/RequestContext.h>
+#include <kesa/Response.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/matchesQuery.h>
@@ -54,18 +56,19 @@ Value describe(const ServiceDef& record)
 /// Why a query whose pattern matches is not told of a record.
 const char* whyNot(const QueryWatch& watch, const Record& record)
 {
-    Query withoutMetadata = watch.query;
+    Query withoutMetadata = watch.selection.query;
     withoutMetadata.metadata.reset();
-    return serviceregistry::matchesQuery(record.serviceDef, withoutMetadata, watch.patterns) ? "metadata" : "scope";
+    return serviceregistry::matchesQuery(record.serviceDef, withoutMetadata, watch.selection.patterns) ? "metadata"
+                                                                                                       : "scope";
 }
 
 /// The first one of the query that keeps the record from it; empty when that is not for metadata.
 std::string missingKey(const QueryWatch& watch, const Record& record)
 {
-    Query one = watch.query;
-    for (const auto& [key, value] : watch.query.metadata.value_or(GenericObject())) {
+    Query one = watch.selection.query;
+    for (const auto& [key, value] : watch.selection.query.metadata.value_or(GenericObject())) {
         one.metadata = GenericObject{{key, value}};
-        if (!serviceregistry::matchesQuery(record.serviceDef, one, watch.patterns)) {
+        if (!serviceregistry::matchesQuery(record.serviceDef, one, watch.selection.patterns)) {
             return key;
         }
     }
@@ -77,6 +80,10 @@ std::string missingKey(const QueryWatch& watch, const Record& record)
 void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std::string& path,
                              const std::string& process)
 {
+    if (path.size() > Path::MAX_SERVICE_PATH_SIZE) {
+        handler.onError(Response::createErrorResponse(400, Path::complaintAboutService(path)));
+        return;
+    }
     GenericObject answer{{"path", path}, {"registryStarted", m_started}};
     {
         const std::lock_guard lock(m_mutex);
@@ -184,13 +191,13 @@ GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& req
     const QueryWatch* const watch = m_store.findQuery(stream);
     GenericObject object{{"pid", request.asker->pid}, {"kind", watch == nullptr ? "tracking" : "query"}};
     if (watch != nullptr) {
-        object.set("pattern", watch->query.pattern);
+        object.set("pattern", watch->selection.query.pattern);
     }
     if (record == nullptr) {
         return object;
     }
     const bool isReachable = isVisible(record->serviceDef, request.asker->realm);
-    const bool isTold = watch == nullptr ? isReachable : watch->wants(*record);
+    const bool isTold = watch == nullptr ? isReachable : watch->selection.wants(*record);
     object.set("told", isTold);
     if (!isTold) {
         const std::string_view because = isReachable ? whyNot(*watch, *record) : "realm";

@@ -5,14 +5,27 @@
 
 #include <cstddef>
 
-/// What one peer may make the registry keep, and how much is written at once. docs/protocol_registry.md lists them for
-/// users.
+/// What one peer may make the registry keep and do, and how much is written at once. docs/protocol_registry.md lists
+/// them for users; `RegistryLimits` has those that can be set.
 namespace kesa::registry {
 
-// Per connection. A connection carries 65,536 requests at most, so registrations are never refused before it is.
+// Per process. A connection carries 65,536 requests at most, so of one that has a single one, registrations are never
+// refused before it is.
 inline constexpr std::size_t MAX_REGISTRATIONS = 65536;
 inline constexpr std::size_t MAX_TRACKINGS = 65536;
 inline constexpr std::size_t MAX_QUERIES = 16384;
+
+// How many steps of matching (see `PatternTrie`) the different globs and filters that are asked for may add to one
+// change: those of a user, and of all together, of which half is kept for root and the registry's own user. A step
+// takes up to 4 ns on the machine that was measured, so those of a user hold everybody else up for a millisecond at
+// most.
+inline constexpr std::size_t MAX_USER_STEPS = 250'000;
+/// Of a glob for the longest path: what one look takes when a first answer is gathered.
+inline constexpr std::size_t MAX_GLOB_STEPS = 200'000;
+inline constexpr std::size_t MAX_STEPS = 4'000'000;
+
+/// What a request takes besides what it names, as measured: the stream, its handlers, and entries of tables.
+inline constexpr std::size_t REQUEST_BYTES = 1400;
 
 inline constexpr std::size_t MAX_RECORD_BYTES = 32U << 10U;
 inline constexpr std::size_t MAX_QUERY_BYTES = 32U << 10U;
@@ -28,6 +41,8 @@ inline constexpr std::size_t WINDOW_BYTES = 128U << 10U;
 /// With that many news waiting, a peer has to show that it lives; with that many more it is cut off.
 inline constexpr std::size_t MAX_WAITING = 1U << 14U;
 inline constexpr std::size_t MAX_WAITING_OF_THE_LIVING = 1U << 20U;
+/// So also when the records among them, which nobody else may have any more, take so much.
+inline constexpr std::size_t MAX_WAITING_BYTES = 64U << 20U;
 inline constexpr comm::TimeNs WAITING_PROOF_TIME = 5 * comm::SECOND;
 
 /// Of an explanation: so many requests of a process that ask for the path.

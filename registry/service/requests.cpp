@@ -3,6 +3,7 @@
 #include "service/RegistryImpl.h"
 #include "service/channel.h"
 #include "service/limits.h"
+#include "store/footprint.h"
 
 #include <kesa/IKesaApi.h>
 #include <kesa/Path.h>
@@ -10,6 +11,8 @@
 #include <kesa/Response.h>
 #include <obr/ErrorStorage.h>
 #include <obr/visible.h>
+
+#include <utility>
 
 namespace kesa::registry {
 
@@ -30,12 +33,40 @@ std::string tooLarge(const char* what, std::size_t bytes, std::size_t limit)
     return std::string(what) + " takes " + std::to_string(bytes) + " bytes, the limit is " + std::to_string(limit);
 }
 
+/// What is too long in a record; empty when nothing is.
+std::string longList(const ServiceDef& record)
+{
+    const std::pair<const char*, std::size_t> lists[] = {
+        {"locators", record.locators.size()},
+        {"versions", record.versions.size()},
+        {"serializationFormats", record.serializationFormats ? record.serializationFormats->size() : 0},
+        {"scope", record.scope ? record.scope->size() : 0}};
+    for (const auto& [name, size] : lists) {
+        if (size > MAX_LIST_ENTRIES) {
+            return '"' + std::string(name) + "\" of the record has " + std::to_string(size) +
+                   " entries, the limit is " + std::to_string(MAX_LIST_ENTRIES);
+        }
+    }
+    return {};
+}
+
+Charge chargeFor(const Query& query, const PathPatterns& patterns)
+{
+    const RequestContext* const context = RequestContext::current();
+    const Realm realm = context == nullptr ? nullptr : std::make_shared<const std::string>(context->realm);
+    const Selection selection(query, patterns, realm);
+    Charge charge;
+    charge.selection = std::make_shared<const std::string>(Selection::key(query, realm));
+    charge.selectionBytes = selection.memory() + 3 * charge.selection->size();
+    charge.steps = selection.cost();
+    return charge;
+}
+
 /// The handler stays the caller's.
 template <class T>
 void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text)
 {
-    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, obr::glimpse(subject).c_str(),
-               obr::glimpse(text).c_str());
+    KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, obr::glimpse(subject).c_str(), text.c_str());
     handler.onError(Response::createErrorResponse(400, text));
     return IKesaApi::UNDEFINED_REQUEST_HANDLE;
 }
@@ -45,7 +76,7 @@ void* refuse(IResponseHandler<T>& handler, const char* operation, const std::str
 /// Makes a request of the handler and runs `command(stream, asker)`, unless the asker has as many as it may.
 template <class T, class Command>
 void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const char* operation,
-                           const std::string& subject, const Command& command)
+                           const std::string& subject, Charge charge, const Command& command)
 {
     const RequestContext* const context = RequestContext::current();
     if (context != nullptr && context->stream != nullptr) {
@@ -53,13 +84,14 @@ void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const
         context->stream->setQueuePolicy(QueuePolicy::eCUT_CONNECTION);
     }
     Handler taken(std::move(handler));
+    charge.kind = taken.index();
+    charge.bytes += REQUEST_BYTES;
     std::string problem;
     StreamId stream = 0;
     turn([&] {
         const std::shared_ptr<Asker> asker = currentAsker();
-        problem = asker->whyNoMore(taken.index());
+        problem = add(asker, taken, charge, stream);
         if (problem.empty()) {
-            stream = add(asker, std::move(taken));
             command(stream, asker);
         }
     });
@@ -72,11 +104,14 @@ void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const
 void* Registry::Impl::registerService(RegistrationHandler&& handler, const std::string& path,
                                       const ServiceDef& serviceDef)
 {
-    if (!Path::isCanonical(path)) {
-        return refuse(*handler, "registerService", path, "'" + path + "' is no canonical absolute path");
+    if (const std::string complaint = Path::complaintAboutService(path); !complaint.empty()) {
+        return refuse(*handler, "registerService", path, complaint);
     }
     if (serviceDef.path.toString() != path) {
         return refuse(*handler, "registerService", path, "path of the record differs from the request path");
+    }
+    if (const std::string list = longList(serviceDef); !list.empty()) {
+        return refuse(*handler, "registerService", path, list);
     }
     return claim(std::move(handler), serviceDef, false);
 }
@@ -108,26 +143,37 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
     if (claim.record->bytes > MAX_RECORD_BYTES) {
         return refuse(*handler, "registerService", path, tooLarge("the record", claim.record->bytes, MAX_RECORD_BYTES));
     }
-    return open(std::move(handler), "registerService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
-        KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
-        claim.owner = asker->owner;
-        m_store.registerService(stream, claim);
-    });
+    claim.record->memory = footprint(claim.record->serviceDef);
+    Charge charge;
+    charge.bytes = claim.record->memory;
+    return open(std::move(handler), "registerService", path, charge,
+                [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+                    KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
+                    claim.owner = asker->owner;
+                    m_store.registerService(stream, claim);
+                });
 }
 
 void* Registry::Impl::trackService(TrackingHandler&& handler, const std::string& path)
 {
-    if (!Path::isCanonical(path)) {
-        return refuse(*handler, "trackService", path, "'" + path + "' is no canonical absolute path");
+    if (const std::string complaint = Path::complaintAboutService(path); !complaint.empty()) {
+        return refuse(*handler, "trackService", path, complaint);
     }
-    return open(std::move(handler), "trackService", path, [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
-        KESA_TRACE(CHANNEL, 2, "[trackService] '%s' by %s", path.c_str(), asker->name().c_str());
-        m_store.trackService(stream, path, asker->realm);
-    });
+    Charge charge;
+    charge.bytes = 2 * path.size();
+    return open(std::move(handler), "trackService", path, charge,
+                [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
+                    KESA_TRACE(CHANNEL, 2, "[trackService] '%s' by %s", path.c_str(), asker->name().c_str());
+                    m_store.trackService(stream, path, asker->realm);
+                });
 }
 
 void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
 {
+    if (query.pattern.size() > Path::MAX_SERVICE_PATH_SIZE) {
+        return refuse(*handler, "queryRegistry", query.pattern,
+                      tooLarge("the glob", query.pattern.size(), Path::MAX_SERVICE_PATH_SIZE));
+    }
     const auto patterns = PathPatterns::createFromGlob(query.pattern);
     std::size_t bytes = 0;
     if (!patterns || measure(query, bytes)) {
@@ -136,11 +182,16 @@ void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
     if (bytes > MAX_QUERY_BYTES) {
         return refuse(*handler, "queryRegistry", query.pattern, tooLarge("the query", bytes, MAX_QUERY_BYTES));
     }
-    return open(std::move(handler), "queryRegistry", query.pattern,
+    if (const std::size_t steps = patterns->cost(Path::MAX_SERVICE_PATH_SIZE); steps > MAX_GLOB_STEPS) {
+        return refuse(*handler, "queryRegistry", query.pattern,
+                      "the glob takes up to " + std::to_string(steps) + " steps of matching, the limit is " +
+                          std::to_string(MAX_GLOB_STEPS) + ": ask for less by fewer wildcards and alternatives");
+    }
+    return open(std::move(handler), "queryRegistry", query.pattern, chargeFor(query, *patterns),
                 [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
                     KESA_TRACE(CHANNEL, 2, "[queryRegistry] '%s' by %s", query.pattern.c_str(), asker->name().c_str());
                     m_store.queryRegistry(stream, query, *patterns, asker->realm);
-                    asker->listing.push_back(stream);
+                    asker->listing.insert(stream);
                     m_ready.push_back(asker);
                 });
 }

@@ -36,13 +36,23 @@ void Registry::Impl::toAsker(Effect effect, Updates& list)
 /// gather them for ever.
 void Registry::Impl::wait(Asker& asker, Effect effect)
 {
+    const bool wasTooMuch = asker.newsBytes > MAX_WAITING_BYTES;
+    asker.newsBytes += effect.record->memory;
     asker.news.push_back(std::move(effect));
-    if (asker.news.size() == MAX_WAITING_OF_THE_LIVING) {
+    if (asker.news.size() == MAX_WAITING_OF_THE_LIVING || (asker.newsBytes > MAX_WAITING_BYTES && !wasTooMuch)) {
         asker.peer->disconnect("it takes its news more slowly than they come");
     } else if (asker.news.size() >= MAX_WAITING && !asker.isProbed) {
         asker.isProbed = true; // not alive, it is disconnected
         asker.peer->proveAlive(WAITING_PROOF_TIME, [](bool) {});
     }
+}
+
+Effect Registry::Impl::takeNews(Asker& asker)
+{
+    Effect effect = std::move(asker.news.front());
+    asker.news.pop_front();
+    asker.newsBytes -= effect.record->memory;
+    return effect;
 }
 
 /// `list` holds the last update that was told: the same one goes to many.
@@ -76,8 +86,7 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
 {
     Updates list;
     while (!asker->isWaiting && !asker->news.empty()) {
-        const Effect effect = std::move(asker->news.front());
-        asker->news.pop_front();
+        const Effect effect = takeNews(*asker);
         const auto request = m_requests.find(effect.stream);
         if (request == m_requests.end()) {
             continue;
@@ -87,9 +96,9 @@ void Registry::Impl::tellNews(const std::shared_ptr<Asker>& asker)
             list.assign(1, makeUpdate(effect.type, effect.record));
             while (!asker->news.empty() && asker->news.front().stream == effect.stream &&
                    bytes + asker->news.front().record->bytes + UPDATE_BYTES < LIST_BYTES) {
-                bytes += asker->news.front().record->bytes + UPDATE_BYTES;
-                list.push_back(makeUpdate(asker->news.front().type, asker->news.front().record));
-                asker->news.pop_front();
+                const Effect next = takeNews(*asker);
+                bytes += next.record->bytes + UPDATE_BYTES;
+                list.push_back(makeUpdate(next.type, next.record));
             }
             asker->written += bytes;
             (*query)->onNext(list);
@@ -128,13 +137,13 @@ void Registry::Impl::listOn(const std::shared_ptr<Asker>& asker)
         waitForQueue(asker);
         return;
     }
-    const StreamId stream = asker->listing.front();
+    const StreamId stream = *asker->listing.begin();
     std::vector<RecordPtr> records;
     std::size_t bytes = 0;
     const bool hasMore = m_store.list(stream, LIST_BYTES - LIST_FRAME_BYTES, records, bytes);
     asker->written += bytes + LIST_FRAME_BYTES;
     if (!hasMore) {
-        asker->listing.pop_front();
+        asker->listing.erase(stream);
     }
     m_ready.push_back(asker);
     std::vector<RegistryUpdate> updates;

@@ -1,9 +1,23 @@
 #include "store/PatternTrie.h"
 
+#include <kesa/Path.h>
+
 #include <algorithm>
 #include <utility>
 
 namespace kesa::registry {
+
+namespace {
+
+// Against a step of a program, as measured: looking at a node, for which the segment is hashed, and at one of the
+// beginnings of its globs.
+constexpr std::size_t NODE_STEPS = 12;
+constexpr std::size_t HASHED_BYTES_PER_STEP = 16;
+constexpr std::size_t LOOK_STEPS = 20;
+
+constexpr std::size_t NODE_BYTES = 400; ///< with what leads to it
+
+} // namespace
 
 bool PatternTrie::Node::isEmpty() const noexcept
 {
@@ -28,14 +42,7 @@ PatternTrie::Node& PatternTrie::child(Node& node, const std::string& segment)
         return *named;
     }
     auto& globs = node.globs[std::string(SplitGlob::literalPrefix(segment))];
-    const auto found =
-        std::find_if(globs.begin(), globs.end(), [&segment](const GlobChild& each) { return each.glob == segment; });
-    if (found != globs.end()) {
-        return *found->node;
-    }
-    // A part of a well-formed glob is well-formed.
-    globs.push_back({segment, *PathPatterns::createFromGlob(segment), std::make_unique<Node>()});
-    return *globs.back().node;
+    return *globs.try_emplace(segment, segment).first->second.node;
 }
 
 void PatternTrie::insert(Id id, const std::string& glob, const PathPatterns& patterns)
@@ -46,7 +53,7 @@ void PatternTrie::insert(Id id, const std::string& glob, const PathPatterns& pat
         node = &child(*node, segment);
     }
     if (split.hasRest) {
-        node->rests.emplace(id, patterns);
+        node->rests.try_emplace(glob, Rest{patterns, {}}).first->second.ids.insert(id);
     } else {
         node->ends.insert(id);
     }
@@ -55,55 +62,60 @@ void PatternTrie::insert(Id id, const std::string& glob, const PathPatterns& pat
 void PatternTrie::erase(Id id, const std::string& glob)
 {
     const SplitGlob split(glob);
-    eraseBelow(m_root, split.segments, id);
+    eraseBelow(m_root, split.segments, glob, id);
 }
 
 /// True when nothing is left of `node`.
-bool PatternTrie::eraseBelow(Node& node, std::span<const std::string> segments, Id id)
+bool PatternTrie::eraseBelow(Node& node, std::span<const std::string> segments, const std::string& glob, Id id)
 {
     if (segments.empty()) {
         node.ends.erase(id);
-        node.rests.erase(id);
+        const auto rest = node.rests.find(glob);
+        if (rest != node.rests.end() && rest->second.ids.erase(id) > 0 && rest->second.ids.empty()) {
+            node.rests.erase(rest);
+        }
         return node.isEmpty();
     }
     const std::string& segment = segments.front();
     const auto rest = segments.subspan(1);
     if (segment == "*" || segment == "**") {
         auto& wildcard = segment == "*" ? node.any : node.anySegments;
-        if (wildcard && eraseBelow(*wildcard, rest, id)) {
+        if (wildcard && eraseBelow(*wildcard, rest, glob, id)) {
             wildcard.reset();
         }
     } else if (SplitGlob::isName(segment)) {
         const auto named = node.names.find(segment);
-        if (named != node.names.end() && eraseBelow(*named->second, rest, id)) {
+        if (named != node.names.end() && eraseBelow(*named->second, rest, glob, id)) {
             node.names.erase(named);
         }
     } else {
-        eraseGlob(node, segments, id);
+        eraseGlob(node, segments, glob, id);
     }
     return node.isEmpty();
 }
 
-void PatternTrie::eraseGlob(Node& node, std::span<const std::string> segments, Id id)
+void PatternTrie::eraseGlob(Node& node, std::span<const std::string> segments, const std::string& glob, Id id)
 {
     const auto globs = node.globs.find(SplitGlob::literalPrefix(segments.front()));
     if (globs == node.globs.end()) {
         return;
     }
-    std::erase_if(globs->second, [&](GlobChild& each) {
-        return each.glob == segments.front() && eraseBelow(*each.node, segments.subspan(1), id);
-    });
+    const auto found = globs->second.find(segments.front());
+    if (found != globs->second.end() && eraseBelow(*found->second.node, segments.subspan(1), glob, id)) {
+        globs->second.erase(found);
+    }
     if (globs->second.empty()) {
         node.globs.erase(globs);
     }
 }
 
-void PatternTrie::match(const std::string& path, std::vector<Id>& ids)
+std::size_t PatternTrie::match(const std::string& path, std::vector<Id>& ids)
 {
     ++m_matches;
+    m_steps = 0;
     std::vector<Node*> nodes;
     std::vector<Node*> next;
-    ++m_steps;
+    ++m_segments;
     enter(m_root, nodes);
     std::string_view rest = std::string_view(path).substr(1);
     while (true) {
@@ -115,7 +127,7 @@ void PatternTrie::match(const std::string& path, std::vector<Id>& ids)
         }
         const std::string_view segment = rest.substr(0, rest.find('/'));
         rest.remove_prefix(std::min(segment.size() + 1, rest.size()));
-        ++m_steps;
+        ++m_segments;
         next.clear();
         for (Node* const node : nodes) {
             follow(*node, segment, next);
@@ -125,15 +137,16 @@ void PatternTrie::match(const std::string& path, std::vector<Id>& ids)
     for (const Node* const node : nodes) {
         ids.insert(ids.end(), node->ends.begin(), node->ends.end());
     }
+    return m_steps;
 }
 
 /// "**" stands for no segment, too.
 void PatternTrie::enter(Node& node, std::vector<Node*>& nodes)
 {
-    if (node.entered == m_steps) {
+    if (node.entered == m_segments) {
         return;
     }
-    node.entered = m_steps;
+    node.entered = m_segments;
     nodes.push_back(&node);
     if (node.anySegments) {
         enter(*node.anySegments, nodes);
@@ -142,6 +155,7 @@ void PatternTrie::enter(Node& node, std::vector<Node*>& nodes)
 
 void PatternTrie::follow(Node& node, std::string_view segment, std::vector<Node*>& nodes)
 {
+    m_steps += NODE_STEPS + segment.size() / HASHED_BYTES_PER_STEP;
     if (node.isAnySegments) {
         enter(node, nodes);
     }
@@ -152,34 +166,78 @@ void PatternTrie::follow(Node& node, std::string_view segment, std::vector<Node*
     if (named != node.names.end()) {
         enter(*named->second, nodes);
     }
-    if (node.globs.empty()) {
-        return;
-    }
-    const std::string text(segment);
-    for (std::size_t length = 0; length <= segment.size(); ++length) {
-        const auto globs = node.globs.find(segment.substr(0, length));
-        if (globs == node.globs.end()) {
+    followGlobs(node, segment, nodes);
+}
+
+/// Looks at the beginnings of globs that the segment begins with, the longest first. One that is next to it in the
+/// order, and none, says what the others have in common with the segment at most. So each takes one look.
+void PatternTrie::followGlobs(Node& node, std::string_view segment, std::vector<Node*>& nodes)
+{
+    auto at = node.globs.upper_bound(segment);
+    while (at != node.globs.begin()) {
+        --at;
+        m_steps += LOOK_STEPS;
+        const std::string& beginning = at->first;
+        const std::size_t longest = std::min(beginning.size(), segment.size());
+        const std::size_t common = static_cast<std::size_t>(
+            std::mismatch(beginning.begin(), beginning.begin() + static_cast<std::ptrdiff_t>(longest), segment.begin())
+                .first -
+            beginning.begin());
+        if (common < beginning.size()) {
+            at = node.globs.upper_bound(segment.substr(0, common));
             continue;
         }
-        for (const GlobChild& each : globs->second) {
-            if (each.patterns.match(text)) {
+        for (const auto& [text, each] : at->second) {
+            if (each.glob.match(segment, m_steps)) {
                 enter(*each.node, nodes);
             }
         }
     }
 }
 
-void PatternTrie::testRests(Node& node, const std::string& path, std::vector<Id>& ids) const
+void PatternTrie::testRests(Node& node, const std::string& path, std::vector<Id>& ids)
 {
     if (node.restsTested == m_matches) {
         return;
     }
     node.restsTested = m_matches;
-    for (const auto& [id, patterns] : node.rests) {
-        if (patterns.match(path)) {
-            ids.push_back(id);
+    for (const auto& [glob, rest] : node.rests) {
+        if (rest.patterns.match(path, m_steps)) {
+            ids.insert(ids.end(), rest.ids.begin(), rest.ids.end());
         }
     }
+}
+
+/// As if no other glob shared its nodes: behind "**" each of them is looked at for every segment of the path, else for
+/// one.
+std::size_t PatternTrie::cost(const std::string& glob, const PathPatterns& patterns)
+{
+    const SplitGlob split(glob);
+    std::size_t steps = split.hasRest ? patterns.cost(Path::MAX_SERVICE_PATH_SIZE) : 0;
+    std::size_t looks = 1;
+    const auto node = [&looks] { return looks * NODE_STEPS + Path::MAX_SERVICE_PATH_SIZE / HASHED_BYTES_PER_STEP; };
+    for (const std::string& segment : split.segments) {
+        steps += node();
+        if (segment == "**") {
+            looks = Path::MAX_SERVICE_SEGMENTS;
+        } else if (segment != "*" && !SplitGlob::isName(segment)) {
+            steps += looks * LOOK_STEPS + SegmentGlob(segment).cost(Path::MAX_SERVICE_PATH_SIZE, looks);
+        }
+    }
+    return steps + node();
+}
+
+std::size_t PatternTrie::memory(const std::string& glob, const PathPatterns& patterns)
+{
+    const SplitGlob split(glob);
+    std::size_t bytes = glob.size() + patterns.memory();
+    for (const std::string& segment : split.segments) {
+        bytes += NODE_BYTES + 2 * segment.size();
+        if (!SplitGlob::isName(segment) && segment != "*" && segment != "**") {
+            bytes += SegmentGlob(segment).memory();
+        }
+    }
+    return bytes;
 }
 
 } // namespace kesa::registry

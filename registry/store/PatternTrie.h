@@ -1,10 +1,12 @@
 #ifndef KESA_REGISTRY_STORE_PATTERNTRIE_H
 #define KESA_REGISTRY_STORE_PATTERNTRIE_H
 
+#include "store/SegmentGlob.h"
 #include "store/SplitGlob.h"
 
 #include <kesa/PathPatterns.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -20,7 +22,7 @@ namespace kesa::registry {
 
 /// Which of many globs match a path. Globs that begin alike share the nodes of their segments, so a path meets only
 /// those that agree with it so far. All nodes that a part of the path can lead to are followed at once, each once per
-/// segment: "**" never backtracks.
+/// segment: "**" never backtracks. What globs have in common is looked at once, however many they are.
 class PatternTrie {
 public:
     using Id = std::uint64_t;
@@ -29,17 +31,28 @@ public:
     void insert(Id id, const std::string& glob, const PathPatterns& patterns);
     /// With the glob it was inserted with.
     void erase(Id id, const std::string& glob);
-    /// Appends the ids of all globs that match the canonical `path`, in no order.
-    void match(const std::string& path, std::vector<Id>& ids);
+    /// Appends the ids of all globs that match the canonical `path`, in no order. Answers how many steps that took,
+    /// each of a few nanoseconds: for any path of a service not more than the `cost` of all globs.
+    std::size_t match(const std::string& path, std::vector<Id>& ids);
+
+    /// The most steps that a glob adds to what it takes to match the path of a service, whatever that is.
+    static std::size_t cost(const std::string& glob, const PathPatterns& patterns);
+    /// About how many bytes a glob takes.
+    static std::size_t memory(const std::string& glob, const PathPatterns& patterns);
 
     bool isEmpty() const noexcept { return m_root.isEmpty(); }
 
 private:
     struct Node;
     struct GlobChild {
-        std::string glob;
-        PathPatterns patterns;
+        explicit GlobChild(const std::string& segment) : glob(segment), node(std::make_unique<Node>()) {}
+        SegmentGlob glob;
         std::unique_ptr<Node> node;
+    };
+    /// A glob that goes on in a way that no segment stands for.
+    struct Rest {
+        PathPatterns patterns; ///< of the whole glob
+        std::set<Id> ids;
     };
     struct Hash {
         using is_transparent = void;
@@ -47,12 +60,12 @@ private:
     };
     struct Node {
         std::unordered_map<std::string, std::unique_ptr<Node>, Hash, std::equal_to<>> names;
-        /// By the characters they begin with: a segment looks at those it begins with, too.
-        std::map<std::string, std::vector<GlobChild>, std::less<>> globs;
+        /// By their segments, below the characters these begin with: a segment looks only at those it begins with, too.
+        std::map<std::string, std::map<std::string, GlobChild>, std::less<>> globs;
         std::unique_ptr<Node> any;         ///< "*"
         std::unique_ptr<Node> anySegments; ///< "**"
         std::set<Id> ends;                 ///< globs that end here
-        std::map<Id, PathPatterns> rests;  ///< globs that go on in a way that no segment stands for
+        std::map<std::string, Rest> rests; ///< by their globs
         std::uint64_t entered = 0;         ///< the step of a match that came here last
         std::uint64_t restsTested = 0;     ///< the match that tested `rests` last
         bool isAnySegments = false;
@@ -61,15 +74,17 @@ private:
     };
 
     static Node& child(Node& node, const std::string& segment);
-    static bool eraseBelow(Node& node, std::span<const std::string> segments, Id id);
-    static void eraseGlob(Node& node, std::span<const std::string> segments, Id id);
+    static bool eraseBelow(Node& node, std::span<const std::string> segments, const std::string& glob, Id id);
+    static void eraseGlob(Node& node, std::span<const std::string> segments, const std::string& glob, Id id);
     void enter(Node& node, std::vector<Node*>& nodes);
     void follow(Node& node, std::string_view segment, std::vector<Node*>& nodes);
-    void testRests(Node& node, const std::string& path, std::vector<Id>& ids) const;
+    void followGlobs(Node& node, std::string_view segment, std::vector<Node*>& nodes);
+    void testRests(Node& node, const std::string& path, std::vector<Id>& ids);
 
     Node m_root;
-    std::uint64_t m_steps = 0;   ///< of all matches so far
-    std::uint64_t m_matches = 0; ///< so far
+    std::uint64_t m_segments = 0; ///< of all matches so far
+    std::uint64_t m_matches = 0;  ///< so far
+    std::size_t m_steps = 0;      ///< of this match
 };
 
 } // namespace kesa::registry

@@ -21,13 +21,17 @@ using UpdateType = RegistryUpdate::UpdateTypeEnum;
 /// A service as the registry knows it. Shared by everybody who is told of it, and not changed once it is in the store.
 struct Record {
     ServiceDef serviceDef;
-    std::size_t bytes = 0; ///< on the wire, in the longer of its forms
+    std::size_t bytes = 0;  ///< on the wire, in the longer of its forms
+    std::size_t memory = 0; ///< about
 
     const std::string& path() const noexcept { return serviceDef.path.toString(); }
 };
 /// What an update takes besides its record: `{"updateType":"REMOVED","element":},`
 inline constexpr std::size_t UPDATE_BYTES = 40;
 using RecordPtr = std::shared_ptr<const Record>;
+
+/// Of locators, versions, formats and scopes in a record, each: what each of many watchers has to be held against.
+inline constexpr std::size_t MAX_LIST_ENTRIES = 64;
 
 /// The realm a watcher's `ipc` locators lead into. Null: it is shown everything.
 using Realm = std::shared_ptr<const std::string>;

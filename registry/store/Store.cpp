@@ -8,7 +8,8 @@ namespace kesa::registry {
 
 namespace {
 
-/// What looking at a record counts like.
+/// What looking at a record counts like, besides the steps that it takes to match its path: one of them takes about as
+/// long as a byte takes that is written.
 constexpr std::size_t LOOK_BYTES = 32;
 
 } // namespace
@@ -86,15 +87,30 @@ StreamId Store::takeSuperseded(const std::string& path, const Owner& owner)
     auto& streams = found->second;
     const auto last = std::find_if(streams.rbegin(), streams.rend(),
                                    [&](StreamId each) { return m_registrations.at(each).owner == owner; });
-    const StreamId stream = last == streams.rend() ? 0 : *last;
-    forgetSuperseded(path, stream);
+    if (last == streams.rend()) {
+        return 0;
+    }
+    const StreamId stream = *last;
+    streams.erase(std::next(last).base());
+    if (streams.empty()) {
+        m_superseded.erase(found);
+    }
     return stream;
 }
 
 void Store::forgetSuperseded(const std::string& path, StreamId stream)
 {
     const auto found = m_superseded.find(path);
-    if (found != m_superseded.end() && std::erase(found->second, stream) > 0 && found->second.empty()) {
+    if (found == m_superseded.end()) {
+        return;
+    }
+    // Requests end in the order in which they came, mostly, so the first one it is.
+    auto& streams = found->second;
+    const auto place = std::find(streams.begin(), streams.end(), stream);
+    if (place != streams.end()) {
+        streams.erase(place);
+    }
+    if (streams.empty()) {
         m_superseded.erase(found);
     }
 }
@@ -299,15 +315,18 @@ bool Store::list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& r
         return false;
     }
     bytes = 0;
+    const Selection& selection = watch->selection;
     const bool hasBegun = !watch->listedUpTo.empty();
-    auto at = hasBegun ? m_records.upper_bound(watch->listedUpTo) : m_records.lower_bound(watch->pathPrefix);
+    auto at = hasBegun ? m_records.upper_bound(watch->listedUpTo) : m_records.lower_bound(selection.pathPrefix);
     std::string_view last;
-    for (; at != m_records.end() && watch->covers(at->first); ++at) {
+    for (; at != m_records.end() && selection.covers(at->first); ++at) {
         const RecordPtr& record = at->second.record;
-        const bool isMatch = watch->patterns.match(record->path()) && watch->wants(*record);
-        const std::size_t cost = isMatch ? record->bytes + UPDATE_BYTES : LOOK_BYTES;
-        if (bytes + cost >= maxBytes) {
-            watch->listedUpTo = last.empty() ? watch->listedUpTo : std::string(last);
+        std::size_t cost = 0; // first the steps
+        const bool isFull = bytes >= maxBytes;
+        const bool isMatch = !isFull && selection.patterns.match(record->path(), cost) && selection.wants(*record);
+        cost += isMatch ? record->bytes + UPDATE_BYTES : LOOK_BYTES;
+        if (isFull || (isMatch && bytes + cost >= maxBytes && !records.empty())) {
+            watch->listedUpTo = std::string(last);
             return true;
         }
         bytes += cost;

@@ -122,7 +122,7 @@ private:
     Records m_records;
     std::unordered_map<StreamId, Registration> m_registrations;
     std::unordered_map<std::string, Contest> m_contests;
-    std::unordered_map<std::string, std::vector<StreamId>> m_superseded; ///< by path, those that may have it again
+    std::unordered_map<std::string, std::deque<StreamId>> m_superseded; ///< by path, those that may have it again
     Watchers m_watchers;
     std::uint64_t m_lastProof = 0;
 

@@ -1,25 +1,9 @@
 #include "store/Watchers.h"
 
 #include <algorithm>
-#include <kesa/serviceregistry/matchesQuery.h>
 #include <utility>
 
 namespace kesa::registry {
-
-namespace {
-
-const PathPatterns& anyPath()
-{
-    static const PathPatterns& patterns = *new PathPatterns(*PathPatterns::createFromGlob("**"));
-    return patterns;
-}
-
-} // namespace
-
-bool QueryWatch::wants(const Record& record) const
-{
-    return isVisible(record.serviceDef, realm) && serviceregistry::matchesQuery(record.serviceDef, query, anyPath());
-}
 
 void Watchers::addTracker(StreamId stream, const std::string& path, const Realm& realm)
 {
@@ -30,9 +14,17 @@ void Watchers::addTracker(StreamId stream, const std::string& path, const Realm&
 
 void Watchers::addQuery(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm)
 {
-    const SplitGlob split(query.pattern);
-    m_queries.emplace(stream, QueryWatch{query, patterns, realm, split.pathPrefix(), split.isPath(), true, {}});
-    m_patterns.insert(stream, query.pattern, patterns);
+    const std::string key = Selection::key(query, realm);
+    const auto [known, isNew] = m_ids.try_emplace(key, m_lastId + 1);
+    const AskedId id = known->second;
+    if (isNew) {
+        m_lastId = id;
+        m_asked.emplace(id, Asked{key, Selection(query, patterns, realm), {}});
+        m_patterns.insert(id, query.pattern, patterns);
+    }
+    Asked& asked = m_asked.at(id);
+    const auto watch = m_queries.emplace(stream, std::pair(id, QueryWatch{asked.selection, true, {}})).first;
+    asked.queries.emplace(stream, &watch->second.second);
 }
 
 void Watchers::erase(StreamId stream)
@@ -44,8 +36,20 @@ void Watchers::erase(StreamId stream)
     }
     const auto watch = m_queries.find(stream);
     if (watch != m_queries.end()) {
-        m_patterns.erase(stream, watch->second.query.pattern);
+        const AskedId id = watch->second.first;
         m_queries.erase(watch);
+        eraseQuery(stream, id);
+    }
+}
+
+void Watchers::eraseQuery(StreamId stream, AskedId id)
+{
+    const auto asked = m_asked.find(id);
+    asked->second.queries.erase(stream);
+    if (asked->second.queries.empty()) {
+        m_patterns.erase(id, asked->second.selection.query.pattern);
+        m_ids.erase(asked->second.key);
+        m_asked.erase(asked);
     }
 }
 
@@ -62,7 +66,7 @@ void Watchers::eraseTracker(std::unordered_map<StreamId, const std::string*>::it
 QueryWatch* Watchers::findQuery(StreamId stream)
 {
     const auto watch = m_queries.find(stream);
-    return watch == m_queries.end() ? nullptr : &watch->second;
+    return watch == m_queries.end() ? nullptr : &watch->second.second;
 }
 
 void Watchers::concerned(const Record& record, std::vector<StreamId>& streams)
@@ -77,13 +81,19 @@ void Watchers::concerned(const Record& record, std::vector<StreamId>& streams)
     }
     m_matching.clear();
     m_patterns.match(record.path(), m_matching);
-    std::sort(m_matching.begin(), m_matching.end());
-    for (const StreamId stream : m_matching) {
-        const QueryWatch& watch = m_queries.at(stream);
-        if (watch.hasPassed(record.path()) && watch.wants(record)) {
-            streams.push_back(stream);
+    const auto queries = static_cast<std::ptrdiff_t>(streams.size());
+    for (const AskedId id : m_matching) {
+        const Asked& asked = m_asked.at(id);
+        if (!asked.selection.wants(record)) {
+            continue;
+        }
+        for (const auto& [stream, watch] : asked.queries) {
+            if (watch->hasPassed(record.path())) {
+                streams.push_back(stream);
+            }
         }
     }
+    std::sort(streams.begin() + queries, streams.end());
 }
 
 void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
@@ -96,8 +106,13 @@ void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
     }
     m_matching.clear();
     m_patterns.match(path, m_matching);
-    std::sort(m_matching.begin(), m_matching.end());
-    streams.insert(streams.end(), m_matching.begin(), m_matching.end());
+    const auto queries = static_cast<std::ptrdiff_t>(streams.size());
+    for (const AskedId id : m_matching) {
+        for (const auto& [stream, watch] : m_asked.at(id).queries) {
+            streams.push_back(stream);
+        }
+    }
+    std::sort(streams.begin() + queries, streams.end());
 }
 
 } // namespace kesa::registry

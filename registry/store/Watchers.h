@@ -3,6 +3,7 @@
 
 #include "store/PatternTrie.h"
 #include "store/Record.h"
+#include "store/Selection.h"
 
 #include <kesa/PathPatterns.h>
 
@@ -10,6 +11,7 @@
 #include <map>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace kesa::registry {
@@ -22,26 +24,16 @@ using StreamId = std::uint64_t;
 /// a change of what lies before it is not told, it will be met. So nothing is missed, nothing is repeated, nothing
 /// waits, and no record is told of once it is gone.
 struct QueryWatch {
-    Query query;
-    PathPatterns patterns;
-    Realm realm;
-    std::string pathPrefix; ///< of all that can match
-    bool isPath;            ///< only the path prefix can match
-    bool isListing;         ///< the first answer is not complete
+    const Selection& selection;
+    bool isListing = true;  ///< the first answer is not complete
     std::string listedUpTo; ///< the last path it has passed; empty before the first
 
-    /// Whether the walk may find a match at `path`, or behind it.
-    bool covers(std::string_view path) const noexcept
-    {
-        return isPath ? path == pathPrefix : path.substr(0, pathPrefix.size()) == pathPrefix;
-    }
     bool hasPassed(const std::string& path) const noexcept { return !isListing || path <= listedUpTo; }
-    /// Of a path that the patterns match.
-    bool wants(const Record& record) const;
 };
 
 /// Who wants to be told of which services. Trackers are found by path, queries by their pattern's segments: what a
-/// change costs depends on its path's segments and on those who are told, not on how many others there are.
+/// change costs depends on its path's segments, on how many different things are asked for there, and on those who are
+/// told, not on how many others there are.
 class Watchers {
 public:
     void addTracker(StreamId stream, const std::string& path, const Realm& realm);
@@ -57,14 +49,24 @@ public:
 
 private:
     using Trackers = std::map<StreamId, Realm>;
+    struct Asked {
+        std::string key;
+        Selection selection;
+        std::map<StreamId, QueryWatch*> queries; ///< that ask for it; never empty
+    };
+    using AskedId = PatternTrie::Id;
 
     void eraseTracker(std::unordered_map<StreamId, const std::string*>::iterator tracked);
+    void eraseQuery(StreamId stream, AskedId id);
 
     std::unordered_map<std::string, Trackers> m_trackers;
     std::unordered_map<StreamId, const std::string*> m_trackedPaths; ///< into the keys of `m_trackers`
-    std::unordered_map<StreamId, QueryWatch> m_queries;
+    std::unordered_map<std::string, AskedId> m_ids;                  ///< by the key of the selection
+    std::unordered_map<AskedId, Asked> m_asked;
+    std::unordered_map<StreamId, std::pair<AskedId, QueryWatch>> m_queries; ///< refers into `m_asked`
+    AskedId m_lastId = 0;
     PatternTrie m_patterns;
-    std::vector<StreamId> m_matching; ///< only inside `concerned` and `asking`
+    std::vector<AskedId> m_matching; ///< only inside `concerned` and `asking`
 };
 
 } // namespace kesa::registry

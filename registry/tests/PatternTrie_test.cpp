@@ -56,7 +56,11 @@ TEST(PatternTrie, AgreesWithPathPatterns)
             }
         }
         std::vector<PatternTrie::Id> matching;
-        trie.match(path, matching);
+        std::size_t cost = 0;
+        for (const auto& [id, glob_patterns] : present) {
+            cost += PatternTrie::cost(glob_patterns.first, glob_patterns.second);
+        }
+        EXPECT_LE(trie.match(path, matching), cost + PatternTrie::cost("/", *PathPatterns::createFromGlob("/")));
         std::sort(matching.begin(), matching.end());
         ASSERT_EQ(matching, expected) << path << " after " << glob;
         found += matching.size();
@@ -66,6 +70,55 @@ TEST(PatternTrie, AgreesWithPathPatterns)
         trie.erase(id, glob_patterns.first);
     }
     EXPECT_TRUE(trie.isEmpty());
+}
+
+// What is dear for a trie, in the worst company: each glob of a kind matches the beginning of the path that costs most.
+TEST(PatternTrie, CostsNoMoreThanItSaysAndOnceForEqualGlobs)
+{
+    int dear = 0;
+    const std::string longest = '/' + std::string(1023, 'a');
+    std::string deepest;
+    for (int depth = 0; depth < 64; ++depth) {
+        deepest += "/aaaaaaaaaaaaaa";
+    }
+    const auto many = [](const std::string& begin, char letter, const std::string& end) {
+        std::vector<std::string> globs;
+        for (std::size_t count = 1; count < 100; ++count) {
+            globs.push_back(begin + std::string(count, letter) + end);
+        }
+        return globs;
+    };
+    for (const std::vector<std::string>& globs :
+         {many("/", 'a', "*"), many("/*", 'a', ""), many("/*", 'a', "*b"), many("/a*?", 'a', "*"), many("/", '?', "*"),
+          many("**/", 'a', "*"), many("**/*/a*", 'a', "/**"), many("/{,b", 'a', "*/x}"), many("{**/*a,b", 'c', "/**}"),
+          many("/[a", 'b', "]*x"), many("/", 'a', "b*")}) {
+        PatternTrie trie;
+        std::size_t cost = PatternTrie::cost("/", *PathPatterns::createFromGlob("/"));
+        std::map<PatternTrie::Id, std::string> present;
+        const auto insertAll = [&] {
+            for (const std::string& glob : globs) {
+                const auto patterns = PathPatterns::createFromGlob(glob);
+                ASSERT_TRUE(patterns) << glob;
+                trie.insert(present.size() + 1, glob, *patterns);
+                present.emplace(present.size() + 1, glob);
+            }
+        };
+        insertAll();
+        for (const std::string& glob : globs) {
+            cost += PatternTrie::cost(glob, *PathPatterns::createFromGlob(glob));
+        }
+        std::vector<PatternTrie::Id> once;
+        std::vector<PatternTrie::Id> twice;
+        const std::size_t steps = trie.match(longest, once);
+        const std::size_t below = trie.match(deepest, once);
+        EXPECT_LE(std::max(steps, below), cost) << globs.front();
+        dear += 20 * std::max(steps, below) > cost ? 1 : 0;
+        insertAll();
+        EXPECT_EQ(trie.match(longest, twice), steps);
+        EXPECT_EQ(trie.match(deepest, twice), below);
+        EXPECT_EQ(twice.size(), 2 * once.size());
+    }
+    EXPECT_GE(dear, 6) << "it says much more than it is";
 }
 
 TEST(PatternTrie, TakesGlobsApart)

@@ -249,30 +249,41 @@ TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
     large.hostDomain = std::string(MAX_RECORD_BYTES, 'x');
     Query deep("**");
     deep.metadata = GenericObject{{"key", std::string(MAX_QUERY_BYTES, 'x')}};
+    ServiceDef wide = service("/a");
+    wide.locators.assign(65, url("ipc://p/s"));
+    std::string dear;
+    for (int count = 0; count < 300; ++count) {
+        dear += "*a";
+    }
     for (void* const handle : {registerService(process, "large", large), query(process, "deep", deep),
                                registerService(process, "bent", service("/a/../b")), track(process, "bent", "a"),
-                               query(process, "glob", Query("/a/[b")), registerService(process, "root", service("/")),
-                               track(process, "root", "/")}) {
+                               query(process, "glob", Query("/a/[b")), registerService(process, "glob", service("/a*")),
+                               track(process, "glob", "/a["), query(process, "long", Query(std::string(1025, 'a'))),
+                               query(process, "dear", Query(dear)), registerService(process, "wide", wide)}) {
         EXPECT_EQ(handle, IKesaApi::UNDEFINED_REQUEST_HANDLE);
     }
     const Lines lines = told();
-    ASSERT_EQ(lines.size(), 14U); // each with its end
+    ASSERT_EQ(lines.size(), 20U); // each with its end
     for (const std::size_t index : {0U, 2U}) {
         EXPECT_THAT(lines[index], testing::AllOf(HasSubstr(": 400: the "), HasSubstr("the limit is 32768")));
     }
-    EXPECT_THAT(lines[4], HasSubstr("400: '/a/../b' is no canonical"));
-    EXPECT_THAT(lines[6], HasSubstr("400: 'a' is no canonical"));
+    EXPECT_THAT(lines[4], HasSubstr("400: '/a/../b' is no path"));
+    EXPECT_THAT(lines[6], HasSubstr("400: 'a' is no path"));
     EXPECT_THAT(lines[8], HasSubstr("position 4"));
-    EXPECT_THAT(lines[10], HasSubstr("400: '/' is no canonical"));
-    EXPECT_THAT(lines[12], HasSubstr("400: '/' is no canonical"));
+    EXPECT_THAT(lines[10], HasSubstr("400: '/a*' has a '*', which stands for"));
+    EXPECT_THAT(lines[12], HasSubstr("400: '/a[' has a '[', which stands for"));
+    EXPECT_THAT(lines[14], HasSubstr("400: the glob takes 1025 bytes, the limit is 1024"));
+    EXPECT_THAT(lines[16], HasSubstr(" steps of matching, the limit is 200000: ask for less by fewer wildcards"));
+    EXPECT_THAT(lines[18], HasSubstr("400: \"locators\" of the record has 65 entries, the limit is 64"));
 
     m_registry->registerService(noting<ServiceDef>(m_lines, "other"), Path("/b"), service("/a"));
     EXPECT_THAT(told(), ElementsAre("other: 400: path of the record differs from the request path", "other: ~"));
 }
 
-TEST_F(RegistryTest, LimitsQueriesOfAConnection)
+TEST_F(RegistryTest, LimitsQueriesOfAProcess)
 {
     Process process("process"), other("other");
+    other.context.pid = 8;
     void* last = nullptr;
     for (std::size_t count = 0; count < MAX_QUERIES; ++count) {
         last = query(process, "q", Query("/q"));
@@ -282,10 +293,52 @@ TEST_F(RegistryTest, LimitsQueriesOfAConnection)
     told();
     EXPECT_EQ(query(process, "over", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
     query(other, "other", Query("/q"));
-    EXPECT_THAT(told(),
-                ElementsAre("over: 400: a connection can not have more than 16384 queries", "over: ~", "other: []"));
+    EXPECT_THAT(told(), ElementsAre("over: 400: process process (pid 7) has 16384 queries at the registry, and this "
+                                    "takes 1 more; the limit is 16384: end some before",
+                                    "over: ~", "other: []"));
+    process.reconnect();
+    EXPECT_EQ(query(process, "over", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE) << "over another connection";
     m_registry->cancelRequest(last);
     EXPECT_NE(query(process, "again", Query("/q")), IKesaApi::UNDEFINED_REQUEST_HANDLE);
+}
+
+TEST_F(RegistryTest, LimitsWhatAUserHas)
+{
+    m_registry = std::make_unique<Registry>(runtime::v02::RegistryLimits{1U << 20U, 4U << 20U});
+    m_asked = m_registry.get();
+    const auto fill = [this](std::int64_t uid) { // answers with the last one's handle, and how many there are
+        std::pair<void*, int> filled{nullptr, 0};
+        for (std::int64_t pid = 1; pid <= 10; ++pid) { // whatever number of processes asks
+            Process process("process");
+            process.context.uid = uid;
+            process.context.pid = 100 * uid + pid;
+            for (int number = 0; number < 200; ++number) {
+                const std::string path = "/u" + std::to_string(uid) + '/' + std::to_string(200 * pid + number);
+                void* const handle = registerService(process, "r", service(path));
+                filled = handle == nullptr ? filled : std::pair(handle, filled.second + 1);
+            }
+        }
+        return filled;
+    };
+    const auto [last, count] = fill(1000);
+    EXPECT_GT(count, 400); // some 1.5 KiB each
+    EXPECT_LT(count, 1000);
+    EXPECT_THAT(told(), Contains(testing::AllOf(
+                            HasSubstr("r: 400: user 1000 has 10"), HasSubstr("bytes of requests at the registry"),
+                            HasSubstr("the limit is 1048576: end some, or raise \"max_user_bytes\""))));
+    Process another("another");
+    another.context.uid = 1000;
+    EXPECT_EQ(registerService(another, "t", service("/u1000/1000")), nullptr);
+    m_registry->cancelRequest(last);
+    void* const accepted = registerService(another, "t", service("/u1000/1000"));
+    EXPECT_NE(accepted, nullptr) << "what has ended counts no more";
+    m_registry->cancelRequest(accepted);
+
+    EXPECT_EQ(fill(1001).second, count) << "each user has an account of his own";
+    told();
+    EXPECT_LT(fill(1002).second, 10) << "but half of all is kept";
+    EXPECT_THAT(told(), Contains(HasSubstr("everybody but root and the registry's user has ")));
+    EXPECT_GT(fill(0).second, count) << "for root";
 }
 
 TEST_F(RegistryTest, SaysNothingOnceACancelHasReturned)

@@ -103,6 +103,7 @@ struct Process : IStreamControl {
         context.process = name;
         context.realm = realm;
         context.pid = 7;
+        context.uid = 0; // may ask for much
         context.stream = this;
         reconnect();
     }

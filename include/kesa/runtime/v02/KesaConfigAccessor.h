@@ -3,6 +3,7 @@
 
 #include <kesa/optional.h>
 #include <kesa/runtime/v02/ProxyConfig.h>
+#include <kesa/runtime/v02/RegistryLimits.h>
 #include <kesa/serviceregistry/ServiceDef.h>
 #include <kesa/url.h>
 
@@ -35,6 +36,7 @@ public:
     bool useBypass(const std::string& servicePath) const;
     std::string getOwnProcessName() const;
     const ProxyConfig& getProxyConfig() const;
+    const RegistryLimits& getRegistryLimits() const;
     /// Replaces the name of a node by that of its domain, when it has one.
     void getNodeDomainMapping(std::string& name) const;
     /// The mime types of a service, preferred first; those of "*" when it has no rule of its own.

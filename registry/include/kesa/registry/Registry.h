@@ -1,6 +1,7 @@
 #ifndef KESA_REGISTRY_REGISTRY_H
 #define KESA_REGISTRY_REGISTRY_H
 
+#include <kesa/runtime/v02/RegistryLimits.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
 
 #include <memory>
@@ -20,14 +21,14 @@ namespace kesa::registry {
 /// nothing is missed or repeated; the empty list ends the first answer. A service whose only locators are `ipc` ones of
 /// another realm is not shown to a peer.
 ///
-/// Limits, refused with 400: 32 KiB for a record or a query, and per connection 65,536 registrations, 65,536 trackings
-/// and 16,384 queries.
+/// What one process and one user may have there is bounded, and what is more is refused with 400; this process is not.
+/// docs/protocol_registry.md lists the bounds.
 ///
 /// Any thread. Handlers are called with the registry's lock held and must only queue. They are destroyed with no lock
 /// held; those still kept when the registry is destroyed, without a final call.
 class KESA_API Registry final : public serviceregistry::IServiceRegistry {
 public:
-    Registry();
+    explicit Registry(const runtime::v02::RegistryLimits& limits = {});
     ~Registry() override;
 
     void* queryRegistry(std::unique_ptr<IResponseHandler<std::vector<serviceregistry::RegistryUpdate>>>&& handler,

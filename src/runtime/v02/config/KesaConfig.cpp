@@ -146,6 +146,7 @@ bool KesaConfig::readConfig(const Value& rootValue, ConfigReport& report)
 
 bool KesaConfig::readKeys(const ConfigNode& root)
 {
+    readRegistryLimits(root);
     // The formats come before the services: each service takes its list from them.
     return root.inTurn([&] { return readUseLocalRegistry(root); }, [&] { return readUseRegistry(root); },
                        [&] { return readRegistryLocators(root); }, [&] { return readBackends(root); },

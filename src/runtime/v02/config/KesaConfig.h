@@ -2,6 +2,7 @@
 #define KESA_RUNTIME_V02_CONFIG_KESACONFIG_H
 
 #include <kesa/runtime/v02/ProxyConfig.h>
+#include <kesa/runtime/v02/RegistryLimits.h>
 #include <kesa/serviceregistry/ServiceDef.h>
 #include <kesa/url.h>
 #include <util/config/Value.h>
@@ -56,6 +57,7 @@ public:
     std::unordered_map<std::string, std::vector<std::string>> m_bypass; ///< service paths, by client process
     std::string m_ownProcessName;
     ProxyConfig m_proxyConfig;
+    RegistryLimits m_registryLimits;
     std::unordered_map<std::string, std::string> m_nodeDomainMapping; ///< domain, by node
 
 private:
@@ -83,6 +85,7 @@ private:
     [[nodiscard]] bool readTimeout(const ConfigNode& proxy);
     [[nodiscard]] bool readProxyLists(const ConfigNode& proxy);
     void removeForwardedErrors();
+    void readRegistryLimits(const ConfigNode& root);
 };
 
 } // namespace kesa::runtime::v02

@@ -64,6 +64,11 @@ std::string KesaConfigAccessor::getOwnProcessName() const
     return m_config->m_ownProcessName;
 }
 
+const RegistryLimits& KesaConfigAccessor::getRegistryLimits() const
+{
+    return m_config->m_registryLimits;
+}
+
 const ProxyConfig& KesaConfigAccessor::getProxyConfig() const
 {
     return m_config->m_proxyConfig;

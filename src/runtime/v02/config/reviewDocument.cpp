@@ -46,11 +46,16 @@ void reviewLocators(const ConfigNode& list, bool mayLackPath)
 /// A path that stands for a service.
 void reviewPath(const std::string& path, const ConfigNode& node)
 {
-    if (Path::isAbsolute(path) && !Path::isCanonical(path)) {
-        node.complain(Severity::eWARNING, "'" + excerpt(path) + "' is no path of a service: nobody can reach it",
-                      "write one such as \"/media/player\", without '//', '.', '..', control characters, or a '/' at "
-                      "its end");
+    if (!Path::isAbsolute(path) || Path::complaintAboutService(path).empty()) {
+        return;
     }
+    const bool isCanonical = Path::isCanonical(path);
+    node.complain(Severity::eWARNING, "'" + excerpt(path) + "' is no path of a service: nobody can reach it",
+                  isCanonical
+                      ? "write one such as \"/media/player\", of at most 1024 bytes and 64 segments, without any "
+                        "of the characters * ? [ ] { } \\"
+                      : "write one such as \"/media/player\", without '//', '.', '..', control characters, or "
+                        "a '/' at its end");
 }
 
 void reviewServices(const ConfigNode& root)

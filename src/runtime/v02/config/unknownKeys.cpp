@@ -29,8 +29,9 @@ struct KeyGroups {
     KeyGroup comm;
     KeyGroup services; ///< each of them
     KeyGroup smartProxy;
+    KeyGroup registry;
 
-    std::array<const KeyGroup*, 4> all() const { return {&root, &comm, &services, &smartProxy}; }
+    std::array<const KeyGroup*, 5> all() const { return {&root, &comm, &services, &smartProxy, &registry}; }
 };
 
 const KeyGroups& keyGroups()
@@ -39,7 +40,7 @@ const KeyGroups& keyGroups()
         {"",
          "the configuration itself",
          {"use_local_registry", "use_registry", "service_registry_locators", "backends", "serializer-formats",
-          "services", "bypass", "smartProxy", "comm", "node_domain_mapping"}},
+          "services", "bypass", "smartProxy", "comm", "node_domain_mapping", "registry"}},
         // The backend's, which reads them; not those that it refuses wherever they stand.
         {"comm",
          "\"comm\"",
@@ -48,7 +49,8 @@ const KeyGroups& keyGroups()
         {"smartProxy",
          "\"smartProxy\"",
          {"timeout", "retryTimes", "mandatoryForwardErrors", "mandatroyRetryErrorsSubscribeList",
-          "mandatroyRetryErrorsSubscribeElement"}}};
+          "mandatroyRetryErrorsSubscribeElement"}},
+        {"registry", "\"registry\"", {"max_user_bytes", "max_bytes"}}};
     return groups;
 }
 
@@ -195,6 +197,7 @@ void addUnknownKeys(const ConfigNode& root)
         addUnknown(services[i], keyGroups().services);
     }
     addUnknown(root["smartProxy"], keyGroups().smartProxy);
+    addUnknown(root["registry"], keyGroups().registry);
 }
 
 std::vector<std::string> documentKeys()
@@ -203,8 +206,10 @@ std::vector<std::string> documentKeys()
     for (const std::string_view key : keyGroups().services.keys) {
         keys.push_back(fmt::format("services[].{}", key));
     }
-    for (const std::string_view key : keyGroups().smartProxy.keys) {
-        keys.push_back(fmt::format("smartProxy.{}", key));
+    for (const KeyGroup* const group : {&keyGroups().smartProxy, &keyGroups().registry}) {
+        for (const std::string_view key : group->keys) {
+            keys.push_back(fmt::format("{}.{}", group->name, key));
+        }
     }
     return keys;
 }

@@ -227,6 +227,7 @@ private:
     bool isOwn(const ServiceDef& told, const ServiceDef* registered) const;
     void trackServiceOnRegistry(const std::string& path);
     void cancelRemoteTracking(RuntimeEntry& entry);
+    static void traceRefusal(const char* operation, const std::string& subject, const Response& error);
     void followRemotely(const std::string& path);
     void updateRemoteTrackedService(const RegistryUpdate& update, const Issue& issue);
     void removeRemoteTrackedService(RuntimeEntry& entry, const RegistryUpdate& update);
@@ -407,10 +408,11 @@ template <class T>
 bool KesaRuntimeImpl::refuseBadPath(const char* operation, const std::string& path,
                                     std::unique_ptr<IResponseHandler<T>>& handler)
 {
-    if (Path::isCanonical(path)) {
+    const std::string complaint = Path::complaintAboutService(path);
+    if (complaint.empty()) {
         return false;
     }
-    postError(operation, path, std::move(handler), Response::createErrorResponse(400, Path::complaintAbout(path)));
+    postError(operation, path, std::move(handler), Response::createErrorResponse(400, complaint));
     return true;
 }
 

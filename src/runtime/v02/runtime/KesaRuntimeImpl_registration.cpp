@@ -114,10 +114,12 @@ Disposable KesaRuntimeImpl::registerService(const std::string& path, std::shared
     if (refuseNull("registerService", path, handler.get())) {
         return {};
     }
-    if (const bool isBad = !Path::isCanonical(path); isBad || !api) {
-        endRefused(
-            path, std::move(handler),
-            Response::createErrorResponse(400, isBad ? Path::complaintAbout(path) : "the service object is null"));
+    std::string complaint = Path::complaintAboutService(path);
+    if (complaint.empty() && !api) {
+        complaint = "the service object is null";
+    }
+    if (!complaint.empty()) {
+        endRefused(path, std::move(handler), Response::createErrorResponse(400, complaint));
         return {};
     }
     const Handle handle = newHandle(handler.get());

@@ -29,7 +29,7 @@ void KesaRuntimeImpl::queryServiceOnRegistry(const Query& query, const Handle& h
                 });
                 return false;
             },
-            [](const Response&) {}, [] {});
+            [query](const Response& error) { traceRefusal("queryServiceOnRegistry", query.pattern, error); }, [] {});
         return registry->queryRegistry(std::move(handler), query);
     };
     request.onDisconnect = [this, handle](std::uint32_t) { toExecutor([this, handle] { remoteQueryLost(handle); }); };

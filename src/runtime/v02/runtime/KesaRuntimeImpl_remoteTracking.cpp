@@ -1,6 +1,7 @@
 // Paths that are tracked at the registry, each on its own.
 #include <runtime/v02/runtime/KesaRuntimeImpl.h>
 
+#include <kesa/reasonOf.h>
 #include <runtime/v02/runtime/identity.h>
 
 namespace kesa::runtime::v02 {
@@ -43,13 +44,23 @@ void KesaRuntimeImpl::trackServiceOnRegistry(const std::string& path)
                 });
                 return false;
             },
-            [](const Response&) {}, [] {});
+            [path](const Response& error) { traceRefusal("trackServiceOnRegistry", path, error); }, [] {});
         return registry->trackService(std::move(handler), Path(path), true);
     };
     request.onDisconnect = [this, path = path](std::uint32_t id) {
         toExecutor([this, path = path, id] { remoteTrackingLost(path, id); });
     };
     entry.remoteTrackingId = m_remoteRegistryHandler->execute(std::move(request));
+}
+
+/// What the registry will not tell, as it has too much to do for this user already. Nobody else hears of it: whoever
+/// asks goes on to ask, at the next connection, and of what this process has itself he is told.
+void KesaRuntimeImpl::traceRefusal(const char* operation, const std::string& subject, const Response& error)
+{
+    if (error.getStatus() != 503) { // of a lost connection, which is told of elsewhere
+        KESA_TRACE(MAIN_CHANNEL, 3, "[%s] the registry refuses to tell of '%s': %s", operation, subject.c_str(),
+                   reasonOf(error).c_str());
+    }
 }
 
 /// Ends the tracking at the registry, if there is one; its answers on the way do not count any more.

@@ -1,6 +1,7 @@
 #include <kesa/serviceregistry/matchesQuery.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <string>
 #include <tracing/Channel.h>
 #include <vector>
@@ -33,6 +34,7 @@ public:
         }
     }
 
+    std::size_t size() const noexcept { return m_texts.size(); }
     bool contains(const std::string& text) const
     {
         return std::find(m_texts.begin(), m_texts.end(), text) != m_texts.end();
@@ -70,7 +72,8 @@ bool matchesMetainfo(const ServiceDef& serviceDef, const std::string& key, const
         return false;
     }
     if (value.isArray()) {
-        return haveSameTexts(Texts(value), accepted);
+        // First how many: then a query costs no more than its own lists are long, whatever the record has.
+        return value.arraySize() == accepted.size() && haveSameTexts(Texts(value), accepted);
     }
     return !value.isDictionary() && accepted.contains(value.toText());
 }
@@ -92,7 +95,8 @@ bool matchesEntry(const ServiceDef& serviceDef, const std::string& key, const Te
         return matches;
     }
     if (key == "locators") {
-        const bool matches = haveSameTexts(Texts(serviceDef.locators), accepted);
+        const bool matches =
+            serviceDef.locators.size() == accepted.size() && haveSameTexts(Texts(serviceDef.locators), accepted);
         if (!matches) {
             KESA_TRACE(CHANNEL, 2, "locator do not match");
         }

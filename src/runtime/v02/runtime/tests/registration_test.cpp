@@ -104,8 +104,8 @@ TEST_F(RegistrationTest, refusalsReachTheRegistratorAloneOnTheUpdater)
 TEST_F(RegistrationTest, badArgumentsAreRefusedWithASentence)
 {
     m_runtime = startRuntime();
-    for (const char* const path : {"", "/", "//", "a", "/a/", "//a", "/a/../b", "/a\n"}) {
-        const std::string complaint = Path::complaintAbout(path);
+    for (const char* const path : {"", "/", "//", "a", "/a/", "//a", "/a/../b", "/a\n", "/a*"}) {
+        const std::string complaint = Path::complaintAboutService(path);
         auto registration = registerService(path, "r");
         auto tracking = track(path, "t");
         auto resolving = follow(path, "s");

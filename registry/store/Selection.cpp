@@ -1,0 +1,75 @@
+#include "store/Selection.h"
+
+#include "store/PatternTrie.h"
+#include "store/SplitGlob.h"
+#include "store/footprint.h"
+
+#include <kesa/serviceregistry/matchesQuery.h>
+
+namespace kesa::registry {
+
+namespace {
+
+// In steps, as measured: a locator that is looked at, a scope that is compared, a text that a query accepts.
+constexpr std::size_t LOCATOR_STEPS = 3;
+constexpr std::size_t SCOPE_STEPS = 1;
+constexpr std::size_t TEXT_STEPS = 60;
+constexpr std::size_t COPIED_BYTES_PER_STEP = 4; ///< of such a text, which is copied
+
+const PathPatterns& anyPath()
+{
+    static const PathPatterns& patterns = *new PathPatterns(*PathPatterns::createFromGlob("**"));
+    return patterns;
+}
+
+void append(std::string& key, std::string_view text)
+{
+    key.append(std::to_string(text.size())).append(1, ':').append(text);
+}
+
+} // namespace
+
+Selection::Selection(const Query& asked, const PathPatterns& compiled, const Realm& watchers)
+    : query(asked), patterns(compiled), realm(watchers)
+{
+    const SplitGlob split(query.pattern);
+    pathPrefix = split.pathPrefix();
+    isPath = split.isPath();
+}
+
+bool Selection::wants(const Record& record) const
+{
+    return isVisible(record.serviceDef, realm) && serviceregistry::matchesQuery(record.serviceDef, query, anyPath());
+}
+
+std::string Selection::key(const Query& query, const Realm& realm)
+{
+    std::string key;
+    append(key, query.pattern);
+    append(key, realm ? '+' + *realm : std::string());
+    append(key, query.scope ? '+' + *query.scope : std::string());
+    append(key, query.metadata ? util::config::Value(*query.metadata).toText() : std::string());
+    return key;
+}
+
+std::size_t Selection::costOfWants(const Query& query)
+{
+    std::size_t steps = MAX_LIST_ENTRIES * (LOCATOR_STEPS + (query.scope ? SCOPE_STEPS : 0));
+    for (const auto& [key, value] : query.metadata.value_or(GenericObject())) {
+        // Of a list of the same length in the record, too, and both are sorted.
+        steps += TEXT_STEPS * (1 + 2 * value.arraySize()) + footprint(value) / COPIED_BYTES_PER_STEP;
+    }
+    return steps;
+}
+
+std::size_t Selection::cost() const
+{
+    return PatternTrie::cost(query.pattern, patterns) + costOfWants(query);
+}
+
+std::size_t Selection::memory() const
+{
+    return sizeof(*this) + footprint(query) + pathPrefix.size() + PatternTrie::memory(query.pattern, patterns);
+}
+
+} // namespace kesa::registry
