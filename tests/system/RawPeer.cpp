@@ -38,20 +38,29 @@ std::uint32_t numberAt(std::string_view bytes, std::size_t offset)
     return number;
 }
 
+constexpr std::size_t SHORT_BYTES = 23;       // of a text, whose size then stands in its first byte
+constexpr std::size_t FRAGMENT_BYTES = 65536; // of a frame that is not the last of its message
+
 std::string text(const std::string& content)
 {
-    return static_cast<char>(0x60 + content.size()) + content;
+    if (content.size() <= SHORT_BYTES) {
+        return static_cast<char>(0x60 + content.size()) + content;
+    }
+    std::string size{'\x79'};
+    size.push_back(static_cast<char>(content.size() >> 8U));
+    size.push_back(static_cast<char>(content.size()));
+    return size + content;
 }
 
 } // namespace
 
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head,
-                  const std::string& body)
+                  const std::string& body, std::uint8_t flags)
 {
     std::string bytes;
     append(bytes, head.size() + body.size(), 4);
     append(bytes, kind, 1);
-    append(bytes, 0, 1); // no flags
+    append(bytes, flags, 1);
     append(bytes, head.size(), 2);
     append(bytes, stream, 4);
     append(bytes, target, 4);
@@ -81,6 +90,22 @@ std::string registration(std::uint32_t stream, std::uint32_t target, const std::
     const std::string head = "\xbf\x00\x03\x01"s + text(path) + "\x02\x01\x05\x00\x06"s + text("/registry") + "\xff";
     return frame(eREQUEST, stream, target, head,
                  R"({"path":")" + path + R"(","type":"pex","versions":[],"locators":["ipc://raw/"]})");
+}
+
+std::string beginningOfRequest(std::uint32_t stream, std::uint32_t target, std::uint32_t bodyBytes)
+{
+    using namespace std::string_literals;
+    std::string head = "\xbf\x00\x00\x01\x61/\x02\x01\x03\x1a"s;
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        head.push_back(static_cast<char>(bodyBytes >> static_cast<unsigned>(shift)));
+    }
+    head += '\xff';
+    return frame(eREQUEST, stream, target, head, std::string(FRAGMENT_BYTES - head.size(), ' '), eMORE);
+}
+
+std::string fragmentOfRequest(std::uint32_t stream, std::uint32_t target)
+{
+    return frame(eREQUEST, stream, target, {}, std::string(FRAGMENT_BYTES, ' '), eMORE);
 }
 
 Kind kindOf(std::string_view frame)

@@ -11,17 +11,22 @@ namespace kesa::system_test {
 /// code that keeps them.
 namespace wire {
 
-enum Kind : std::uint8_t { eHELLO = 1, eATTACH = 2, eDETACHED = 4, eREQUEST = 5, eERROR = 7 };
+enum Kind : std::uint8_t { eHELLO = 1, eATTACH = 2, eDETACHED = 4, eREQUEST = 5, eERROR = 7, eCOMPLETED = 8 };
+
+enum Flags : std::uint8_t { eMORE = 1 };
 
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head = {},
-                  const std::string& body = {});
+                  const std::string& body = {}, std::uint8_t flags = 0);
 /// `instance`: 16 bytes.
 std::string hello(const std::string& instance = "0123456789abcdef");
 std::string attach(std::uint32_t target, const std::string& path);
-/// A "retrieve" of `resource`, of at most 23 bytes.
+/// A "retrieve" of `resource`.
 std::string request(std::uint32_t stream, std::uint32_t target, const std::string& resource);
-/// The registration of a path of at most 23 bytes at the registry.
+/// The registration of a path at the registry.
 std::string registration(std::uint32_t stream, std::uint32_t target, const std::string& path);
+/// The first fragment of a "retrieve" of "/" with a body of so many bytes, and one that is not the last.
+std::string beginningOfRequest(std::uint32_t stream, std::uint32_t target, std::uint32_t bodyBytes);
+std::string fragmentOfRequest(std::uint32_t stream, std::uint32_t target);
 
 Kind kindOf(std::string_view frame);
 std::string instanceIn(std::string_view hello);
