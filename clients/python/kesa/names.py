@@ -10,6 +10,9 @@ _NAME_BYTES = frozenset(b"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz01
 _PATH_BYTES = _NAME_BYTES | frozenset(b"/~!$&'()*+,;=:@")
 _LOCATOR = re.compile(r"ipc://([^/+?#]+)(?:\+([0-9a-f]{16}))?(/[^?#]*)?", re.IGNORECASE)
 LONGEST_PATH = 4096
+_LONGEST_SERVICE_PATH = 1024
+_MOST_SEGMENTS = 64
+_OF_GLOBS = re.compile(r"[*?\[\]{}\\]")
 _CONTROL = re.compile("[\x00-\x1f\x7f-\x9f]")
 _SURROGATE = re.compile("[\ud800-\udfff]")
 _NO_SURROGATES = "it must be UTF-8; a surrogate, as here, comes of bytes that are none"
@@ -77,8 +80,12 @@ def check_path(path: str) -> str:
         problem = "it must not have control characters"
     elif _SURROGATE.search(path):
         problem = _NO_SURROGATES
-    elif len(path.encode()) > LONGEST_PATH:
-        problem = f"it must not be longer than {LONGEST_PATH} bytes"
+    elif _OF_GLOBS.search(path):
+        problem = "it must not have one of *?[]{}\\, which stand for something else in globs"
+    elif len(path.encode()) > _LONGEST_SERVICE_PATH:
+        problem = f"it must not be longer than {_LONGEST_SERVICE_PATH} bytes"
+    elif path.count("/") > _MOST_SEGMENTS:
+        problem = f"it must not have more than {_MOST_SEGMENTS} segments"
     if problem:
         raise ValueError(f"path {path!r} cannot be a service's: {problem}")
     return path

@@ -55,8 +55,8 @@ public:
     /// Provides `api` under `path` and makes it known. `onNext` brings the service's record, with its locators: it is
     /// provided here; others find it once the registry knows it (`kesa::provide` tells when), and an error may still
     /// follow. Errors: 409 the path is registered already, cannot be provided, or is of another type in the
-    /// configuration; 400 no service can have the path, or `api` is null. The versions are the string or the strings under
-    /// "versions" in `metainfo`.
+    /// configuration; 400 no service can have the path, or `api` is null. The versions are the string or the strings
+    /// under "versions" in `metainfo`.
     ///
     /// Disposing withdraws what the *path* has registered by then: the `Disposable` of a refused registration, if
     /// disposed, ends the registration that was in its way, with a trace (3). Never put it under a

@@ -119,8 +119,7 @@ void Connector::attempted(transport::ITransport::Connected result)
 {
     if (result.stream && !m_isLocal) {
         // Whoever is found everywhere in the registry must not use up the descriptors for all others.
-        result.reason =
-            m_loop->accounts().whyNoMore(UserAccounts::Kind::eCONNECTIONS, result.stream->peer().uid, 1);
+        result.reason = m_loop->accounts().whyNoMore(UserAccounts::Kind::eCONNECTIONS, result.stream->peer().uid, 1);
         if (!result.reason.empty()) {
             result.stream.reset();
         }

@@ -27,7 +27,8 @@ constexpr std::size_t PATHS_OF_OWN = 128 * MIB;
 constexpr std::size_t UNFINISHED_OF_OTHERS = 32 * MIB;
 constexpr std::size_t UNFINISHED_OF_OWN = 128 * MIB;
 
-std::size_t mostAtAll()
+/// The limit of descriptors may be another one the next time.
+std::size_t mostAtAll() noexcept
 {
     rlimit limit{};
     const std::size_t descriptors = ::getrlimit(RLIMIT_NOFILE, &limit) == 0 ? limit.rlim_cur : 1024;
@@ -50,16 +51,24 @@ const char* describe(UserAccounts::Kind kind)
 
 } // namespace
 
-UserAccounts::UserAccounts()
-    : m_ownUid(::geteuid()), m_ofOwn{mostAtAll(), PATHS_OF_OWN, UNFINISHED_OF_OWN}, m_ofOthers{mostAtAll() / 2,
-                                                                                               PATHS_OF_OTHERS,
-                                                                                               UNFINISHED_OF_OTHERS},
-      m_mostOfProcess(std::min(MOST_OF_PROCESS, mostAtAll() / 4))
-{}
+UserAccounts::UserAccounts() : m_ownUid(::geteuid()) {}
+
+std::size_t UserAccounts::mostConnectionsOfProcess() noexcept
+{
+    return std::min(MOST_OF_PROCESS, mostAtAll() / 4);
+}
 
 std::size_t UserAccounts::limit(Kind kind, std::int64_t uid) const noexcept
 {
-    return (isTrusted(uid) ? m_ofOwn : m_ofOthers)[static_cast<std::size_t>(kind)];
+    switch (kind) {
+    case Kind::eCONNECTIONS:
+        return isTrusted(uid) ? mostAtAll() : mostAtAll() / 2;
+    case Kind::ePATHS:
+        return isTrusted(uid) ? PATHS_OF_OWN : PATHS_OF_OTHERS;
+    case Kind::eUNFINISHED:
+        return isTrusted(uid) ? UNFINISHED_OF_OWN : UNFINISHED_OF_OTHERS;
+    }
+    return 0;
 }
 
 std::string UserAccounts::whyNoMore(Kind kind, std::int64_t uid, std::size_t more) const

@@ -30,7 +30,7 @@ public:
     void change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after);
 
     /// Of one process, as each connection costs descriptors and nobody needs several.
-    std::size_t mostConnectionsOfProcess() const noexcept { return m_mostOfProcess; }
+    static std::size_t mostConnectionsOfProcess() noexcept;
 
 private:
     using Amounts = std::array<std::size_t, 3>;
@@ -38,9 +38,6 @@ private:
     std::size_t limit(Kind kind, std::int64_t uid) const noexcept;
 
     const std::int64_t m_ownUid;
-    Amounts m_ofOwn;
-    Amounts m_ofOthers;
-    std::size_t m_mostOfProcess;
     std::map<std::int64_t, Amounts> m_amounts;
 };
 

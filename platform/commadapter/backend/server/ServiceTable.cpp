@@ -101,9 +101,9 @@ std::string ServiceTable::whyRefused(const transport::PeerIdentity& peer)
 {
     const UserAccounts& accounts = m_loop->accounts();
     const auto ofProcess = peer.pid > 0 ? m_ofProcess.find(peer.pid) : m_ofProcess.end();
-    if (ofProcess != m_ofProcess.end() && ofProcess->second >= accounts.mostConnectionsOfProcess()) {
+    if (ofProcess != m_ofProcess.end() && ofProcess->second >= UserAccounts::mostConnectionsOfProcess()) {
         return fmt::format("the process has {}, and one process may have {}", ofProcess->second,
-                           accounts.mostConnectionsOfProcess());
+                           UserAccounts::mostConnectionsOfProcess());
     }
     const std::string why = accounts.whyNoMore(UserAccounts::Kind::eCONNECTIONS, peer.uid, 1);
     return why.empty() || endIdle(peer.uid) ? std::string() : why;
