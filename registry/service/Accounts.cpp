@@ -11,13 +11,14 @@ constexpr std::array<const char*, 3> KINDS = {"registrations", "trackings", "que
 
 /// The one that is there, or a new one.
 template <class Key, class Account>
-std::shared_ptr<Account> findOrMake(std::map<Key, std::weak_ptr<Account>>& accounts, const Key& key, std::string name)
+std::shared_ptr<Account> findOrMake(std::map<Key, std::weak_ptr<Account>>& accounts, const Key& key,
+                                    const std::string& name)
 {
     std::weak_ptr<Account>& known = accounts[key];
     std::shared_ptr<Account> account = known.lock();
     if (!account) {
         account = std::make_shared<Account>();
-        account->name = std::move(name);
+        account->name = name;
         known = account;
     }
     return account;

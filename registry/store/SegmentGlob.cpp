@@ -68,7 +68,7 @@ std::size_t SegmentGlob::memory() const noexcept
 {
     std::size_t bytes = sizeof(*this) + (m_patterns ? m_patterns->memory() : 0);
     for (const std::string& piece : m_pieces) {
-        bytes += sizeof(piece) + piece.capacity();
+        bytes += sizeof(std::string) + piece.capacity();
     }
     return bytes;
 }
