@@ -65,13 +65,13 @@ bool Input::readFrames(comm::TimeNs until)
     while (!m_shared.isShut.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
         m_isPaused = m_slice.isOver();
     }
-    // What is left is less than a frame, and in most cases nothing, unless it is held or paused.
-    if (m_begin > 0 && !failed) {
+    m_isPaused = m_isPaused && m_end > m_begin;
+    // What is left is less than a frame, and in most cases nothing, unless it is held. While paused nothing is read.
+    if (m_begin > 0 && !failed && !m_isPaused) {
         std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
     }
-    m_isPaused = m_isPaused && m_end > 0;
     return failed;
 }
 

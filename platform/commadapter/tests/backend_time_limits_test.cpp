@@ -242,8 +242,8 @@ TEST(Deadlines, KeepTheirOrderAndFewOfThoseThatHaveEnded)
 // Many small requests, more than a batch reads, each of which takes a while. Who sent them stays, or is killed.
 TEST_F(BackendTimeLimitsRemote, WhoAsksManyAtOnceLeavesTheLoopToOthersAlsoInTheEnd)
 {
-    constexpr std::size_t MANY = 20'000;
-    constexpr std::size_t FLOOD_BODY = 100;
+    constexpr std::size_t MANY = 10'000;
+    constexpr std::size_t FLOOD_BODY = 200;
     faults.pipeBytes = 16U << 20U;
     network->setFaults(faults);
     begin();
