@@ -6,6 +6,8 @@
 #include <comm/PeerLines.h>
 #include <kesa/RequestContext.h>
 
+#include <algorithm>
+
 namespace kesa::commadapter::test {
 namespace {
 
@@ -103,6 +105,40 @@ TEST_F(BackendConnections, APeerThatIsCutOffAgainAndAgainFillsNoLog)
     EXPECT_THAT(told.back(), HasSubstr("; more because of process 9 are suppressed for a second"));
     runFor(1000);
     EXPECT_THAT(cutOff(1), ElementsAre(HasSubstr("; 40 more because of process 9 suppressed")));
+}
+
+TEST_F(BackendConnections, WhatAPeerHadIsFreeAgainAfterItsEnd)
+{
+    constexpr unsigned MORE_THAN_A_PROCESS_MAY_HAVE = 140;
+    constexpr std::uint32_t PATHS = 10; // of a connection; of all of them more than a user may have, as of the rest
+    CheckedService service;
+    auto server = makeBackend("server");
+    const std::string locator = provide(*server, "/a", service);
+    network->setUser(9, 1001);
+    protocol::testing::Bytes begun(protocol::HEADER_BYTES + protocol::FRAME_BYTES, 'x');
+    const protocol::testing::Bytes head = {0xBF, 3, 0x1A, 0, 0xF0, 0, 0, 0xFF}; // of a body of 15 MiB
+    protocol::writeHeader(begun.data(), {protocol::FRAME_BYTES, 5, protocol::FLAG_MORE, 8, 1, 1});
+    std::copy(head.begin(), head.end(), begun.begin() + protocol::HEADER_BYTES);
+    for (unsigned i = 0; i < MORE_THAN_A_PROCESS_MAY_HAVE; ++i) {
+        CarelessPeer peer(*network, protocol::Role::eCLIENT);
+        for (std::uint32_t target = 1; target <= PATHS; ++target) {
+            static_cast<void>(peer.machine().output.attach(target, '/' + std::string(4000, 'p')));
+        }
+        peer.connect("ipc://server");
+        scheduler->runFor(0);
+        peer.send();
+        peer.send(begun);
+        scheduler->runFor(0);
+    }
+    runFor(1);
+    EXPECT_THAT(traces->take(), testing::IsEmpty()) << "nobody was cut off";
+    auto other = makeBackend("other");
+    network->setUser(lastGroup, 1001);
+    Client client(*other, locator);
+    settle();
+    const auto answer = client.request(retrieve("/echo", std::string(1U << 20U, 'x')));
+    settle();
+    EXPECT_TRUE(answer->isCompleted);
 }
 
 TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
