@@ -8,6 +8,7 @@ namespace kesa::system_test {
 struct FaultOptions {
     int count = 100;
     std::uint64_t seed = 1;
+    int minutes = 0;
 };
 
 inline FaultOptions faultOptions;

@@ -1,4 +1,5 @@
-// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which.
+// The test program: besides GoogleTest's options, how many faults `SystemFaults` makes, and which, and how long
+// intruders come and go.
 
 #include "faultOptions.h"
 
@@ -12,6 +13,9 @@ int main(int argc, char** argv)
     app.add_option("--faults", kesa::system_test::faultOptions.count, "How many faults SystemFaults makes.")
         ->capture_default_str();
     app.add_option("--seed", kesa::system_test::faultOptions.seed, "From which they are drawn.")->capture_default_str();
+    app.add_option("--minutes", kesa::system_test::faultOptions.minutes,
+                   "How long intruders come and go in SystemAmounts; three rounds at least.")
+        ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     return RUN_ALL_TESTS();
 }

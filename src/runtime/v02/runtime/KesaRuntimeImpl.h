@@ -4,6 +4,7 @@
 #include <comm/ActiveObject.h>
 #include <comm/Clock.h>
 #include <comm/OncePer.h>
+#include <comm/PeerLines.h>
 #include <kesa/Disposable.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/Path.h>
@@ -326,6 +327,7 @@ private:
     const void* m_registryProxyHandle = nullptr;
     std::string m_eventSource;
     comm::OncePer m_droppedTraces{comm::SECOND};
+    comm::PeerLines m_keptLines; ///< where the registry is hosted, others' claims of a path of this process cause them
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
     QueryTrackers m_queryTrackers;

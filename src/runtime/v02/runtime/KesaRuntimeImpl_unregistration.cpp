@@ -6,6 +6,7 @@
 #include <runtime/v02/runtime/EventLog.h>
 
 #include <algorithm>
+#include <unistd.h>
 
 namespace kesa::runtime::v02 {
 
@@ -187,8 +188,10 @@ void KesaRuntimeImpl::deleteRuntimeEntry(std::string path)
         return;
     }
     if (found->second.optionalServiceDef) {
-        KESA_TRACE(MAIN_CHANNEL, 3, "[deleteRuntimeEntry] runtimeEntry for service='%s' has a serviceDef",
-                   path.c_str());
+        if (const auto end = m_keptLines.pass(::getpid(), comm::now())) {
+            KESA_TRACE(MAIN_CHANNEL, 3, "[deleteRuntimeEntry] runtimeEntry for service='%s' has a serviceDef%s",
+                       path.c_str(), end->c_str());
+        }
         return;
     }
     if (!found->second.trackers.empty()) {
