@@ -72,4 +72,16 @@ std::vector<NameHolder> findNameHolders()
     return holders;
 }
 
+bool holdsNameIn(pid_t pid, const std::string& directory)
+{
+    std::error_code failed;
+    for (const auto& entry : fs::directory_iterator("/proc/" + std::to_string(pid) + "/fd", failed)) {
+        std::string target = fs::read_symlink(entry.path(), failed).string();
+        if (takeEnding(target, ENDING) && fs::equivalent(fs::path(target).parent_path(), directory, failed)) {
+            return true;
+        }
+    }
+    return false;
+}
+
 } // namespace kesactl

@@ -19,6 +19,9 @@ struct NameHolder {
 /// Those whose open files this user may look at.
 std::vector<NameHolder> findNameHolders();
 
+/// Whether the process has a lock file open that stands there now.
+bool holdsNameIn(pid_t pid, const std::string& directory);
+
 } // namespace kesactl
 
 #endif

@@ -1,6 +1,7 @@
 #include "processNotes.h"
 
 #include "RunDirectoryFacts.h"
+#include "nameHolders.h"
 #include "otherRunDirectories.h"
 #include "seenByProvider.h"
 
@@ -49,7 +50,8 @@ std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen, comm:
     note.isHere = isChosen(note, chosen);
     note.isElsewhere = !note.isHere && !note.runDirectory.empty() && note.runDirectory != obr::visible(chosen);
     note.isMoved = !note.runDirectoryId.empty() && note.runDirectory == obr::visible(chosen) &&
-                   note.runDirectoryId != kesa::runtime::v02::ProcessNote::directoryId(chosen);
+                   note.runDirectoryId != kesa::runtime::v02::ProcessNote::directoryId(chosen) &&
+                   !holdsNameIn(pid, chosen); // it has put back what was removed
     note.uid = status.st_uid;
     note.user = status.st_uid == ::geteuid() ? "" : kesa::commadapter::transport::userName(status.st_uid);
     return note;

@@ -52,6 +52,12 @@ public:
     std::string describe() override;
     std::shared_ptr<const comm::LoopHold> hold() const override { return m_loop ? m_loop->hold() : nullptr; }
     void describeHolds(const Holds& holds) override;
+    void stayFindable() override
+    {
+        for (const auto& transport : m_transports) {
+            transport->watchOwnEndpoint();
+        }
+    }
 
 private:
     std::optional<Place> find(const url& locator) const

@@ -5,6 +5,7 @@
 #include "transport_ipc_support.h"
 
 #include <Variable.h>
+#include <comm/Scheduler.h>
 #include <kesa/commadapter/whyUnreachable.h>
 #include <tracing/CapturingSink.h>
 
@@ -13,12 +14,15 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fmt/format.h>
+
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kesa::commadapter::transport::test {
@@ -132,6 +136,144 @@ TEST_F(TransportIpc, ADirectoryInWhichOthersCouldReplaceFilesIsRefused)
     std::string after;
     std::getline(std::ifstream(realm), after);
     EXPECT_EQ(after, before);
+}
+
+/// A process that listens, and what somebody does to its files.
+class TransportIpcRemoval : public TransportIpc {
+protected:
+    /// As it is now, of what there is, and who has it.
+    std::string rights() const
+    {
+        std::string all;
+        for (const char* file : {"", "/realm", "/media.lock", "/media.sock"}) {
+            struct stat status {};
+            const bool isThere = ::lstat((directory + file).c_str(), &status) == 0;
+            all += fmt::format("{}: {:o} {}:{}\n", file, isThere ? status.st_mode : 0, status.st_uid, status.st_gid);
+        }
+        std::string realm;
+        std::getline(std::ifstream(directory + "/realm"), realm);
+        return all + realm;
+    }
+    /// Runs the loop until it is so: nothing else tells of files.
+    bool becomes(Node& node, const std::function<bool()>& isSo)
+    {
+        const comm::TimeNs end = comm::now() + 30 * comm::SECOND;
+        while (!isSo() && comm::now() < end) {
+            board.run(*node.loop, [] {});
+        }
+        board.run(*node.loop, [] {}); // what has made it so is done
+        return isSo();
+    }
+    void visit(Node& visitor)
+    {
+        ASSERT_EQ(visitor.connect("media"), std::nullopt) << visitor.reason;
+        ASSERT_TRUE(board.waitUntil([&] { return !visitor.connected.back().received.empty(); }));
+    }
+    void leave(Node& visitor)
+    {
+        board.run(*visitor.loop, [&] { visitor.connected.back().close(); });
+        visitor.connected.clear();
+    }
+    bool hasTraced()
+    {
+        for (std::string& line : traces.take()) {
+            lines.push_back(std::move(line));
+        }
+        return !lines.empty();
+    }
+    std::vector<std::string> traced()
+    {
+        hasTraced();
+        return std::exchange(lines, {});
+    }
+    const tracing::TraceCapture traces{"KESA_COMM_IPC"};
+    std::vector<std::string> lines;
+};
+
+// Whoever watches its files puts them back by itself, others when a connection ends.
+TEST_F(TransportIpcRemoval, WhatIsRemovedIsPutBackWithItsRightsAndNobodyElseGetsTheName)
+{
+    const std::string moved = (root / "moved").string();
+    const std::vector<std::function<void()>> removals{
+        [&] { fs::remove(directory + "/media.sock"); },
+        [&] { fs::remove(directory + "/media.lock"); },
+        [&] { fs::remove(directory + "/realm"); },
+        [&] { fs::remove_all(directory); },
+        [&] { fs::rename(directory, moved); },
+        [&] { fs::rename(directory + "/media.sock", directory + "/elsewhere"); },
+        [&] { // another user's
+            fs::remove(directory + "/media.sock");
+            ::close(rawSocket(directory + "/media.sock", ::bind));
+            static_cast<void>(::chown((directory + "/media.sock").c_str(), 65534, 65534));
+        },
+        [&] {
+            fs::remove(directory + "/media.sock");
+            fs::create_symlink("/dev/null", directory + "/media.sock");
+        },
+    };
+    for (const bool isWatched : {false, true}) {
+        for (std::size_t i = 0; i < removals.size(); ++i) {
+            SCOPED_TRACE(fmt::format("{}, {}", i, isWatched ? "watched" : "when a connection ends"));
+            fs::remove_all(moved);
+            fs::create_directory(directory);
+            ::chmod(directory.c_str(), 0750);
+            Node media(board, directory);
+            Node visitor(board, directory);
+            Node late(board, directory);
+            ASSERT_FALSE(media.listen("media")) << media.why;
+            visit(visitor);
+            const std::string before = rights();
+            if (isWatched) {
+                media.transport->watchOwnEndpoint();
+                board.run(*media.loop, [] {});
+            }
+            board.run(*media.loop, removals[i]);
+            if (!isWatched) {
+                leave(visitor);
+            }
+            EXPECT_TRUE(becomes(media, [&] { return rights() == before; })) << before << "\nbut\n" << rights();
+            EXPECT_THAT(traced(), testing::ElementsAre(HasSubstr("it has put them back; keep cleaners out")));
+            visit(visitor);
+            EXPECT_TRUE(late.listen("media"));
+            EXPECT_THAT(late.why, HasSubstr("is held by process " + std::to_string(::getpid())));
+        }
+    }
+}
+
+// It tries again until it can, and says only once that it cannot.
+TEST_F(TransportIpcRemoval, WhatCannotBePutBackIsSaidOnceAndPutBackLater)
+{
+    Node media(board, directory);
+    Node visitor(board, directory);
+    ASSERT_FALSE(media.listen("media")) << media.why;
+    visit(visitor);
+    fs::remove(directory + "/media.sock");
+    fs::create_directory(directory + "/media.sock");
+    leave(visitor);
+    EXPECT_TRUE(becomes(media, [&] { return hasTraced(); }));
+    visitor.connect("media");
+    board.run(*media.loop, [] {});
+    EXPECT_THAT(traced(), testing::ElementsAre(testing::AllOf(HasSubstr("cannot put them back: cannot listen at"),
+                                                              HasSubstr("Is a directory; remove it"))));
+    fs::remove(directory + "/media.sock");
+    EXPECT_TRUE(becomes(media, [&] { return fs::exists(directory + "/media.sock"); }));
+    EXPECT_THAT(traced(), testing::ElementsAre(HasSubstr("it has put them back")));
+
+    // Another one has the name meanwhile, and another realm: it keeps the name for as long as it wants.
+    visit(visitor);
+    fs::remove_all(directory);
+    Node late(board, directory);
+    ASSERT_FALSE(late.listen("media")) << late.why;
+    leave(visitor);
+    EXPECT_TRUE(becomes(media, [&] { return hasTraced(); }));
+    EXPECT_THAT(traced(), testing::ElementsAre(testing::AllOf(HasSubstr("cannot put them back: the name"),
+                                                              HasSubstr("which is this one"))));
+    visit(visitor);
+    EXPECT_FALSE(late.accepted.empty());
+    board.run(*late.loop, [&] { late.transport->close(); });
+    EXPECT_TRUE(becomes(media, [&] { return fs::exists(directory + "/media.sock"); }));
+    EXPECT_THAT(traced(), testing::ElementsAre(testing::AllOf(HasSubstr("listens there again, but the directory"),
+                                                              HasSubstr("restart it"))));
 }
 
 TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)

@@ -1,6 +1,6 @@
 // Two inotify watches: one in the directory, one in its nearest existing parent. The parent's is needed even while the
 // directory exists: a directory that somebody has open reports nothing when it is removed. After each change of the
-// directory itself both are set again and everybody is told, because files may have appeared in between.
+// directory itself both are set again and everybody is told, because files may have come or gone in between.
 
 #include "transport/EndpointWatch.h"
 
@@ -23,7 +23,8 @@ namespace kesa::commadapter::transport {
 namespace {
 
 constexpr std::uint32_t SELF = IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-constexpr std::uint32_t IN_DIRECTORY = IN_CREATE | IN_MOVED_TO | SELF;
+constexpr std::uint32_t COMING = IN_CREATE | IN_MOVED_TO;
+constexpr std::uint32_t GOING = IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO; // the last one in its place
 constexpr std::uint32_t IN_ANCESTOR = IN_CREATE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | SELF;
 constexpr std::uint32_t IS_GONE = IN_DELETE_SELF | IN_MOVE_SELF | IN_UNMOUNT | IN_IGNORED;
 
@@ -88,8 +89,8 @@ struct EndpointWatch::News {
 };
 
 EndpointWatch::EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory,
-                             std::function<void(const std::string& why)> tellPolling)
-    : m_loop(std::move(loop)), m_path(directory), m_tellPolling(std::move(tellPolling)),
+                             std::function<void(const std::string& why)> tellPolling, What what)
+    : m_loop(std::move(loop)), m_path(directory), m_tellPolling(std::move(tellPolling)), m_what(what),
       m_self(std::make_shared<EndpointWatch*>(this))
 {}
 
@@ -207,7 +208,8 @@ bool EndpointWatch::arm()
         }
         m_awaited = child.substr(child.rfind('/') + 1);
         if (child == m_path) {
-            m_directory = ::inotify_add_watch(m_inotify.get(), m_path.c_str(), IN_DIRECTORY);
+            m_directory = ::inotify_add_watch(m_inotify.get(), m_path.c_str(),
+                                              SELF | (m_what == What::eAPPEARED ? COMING : GOING));
             if (m_directory >= 0 || !isMissing(errno)) {
                 return m_directory < 0;
             }

@@ -14,14 +14,18 @@
 
 namespace kesa::commadapter::transport {
 
-/// Tells when a file appears in a directory that may itself be missing, be removed and be made anew. Costs nothing
-/// while nobody waits. Loop only.
+/// Tells when a file appears in a directory that may itself be missing, be removed and be made anew, or when it goes.
+/// Costs nothing while nobody waits. Loop only.
 class EndpointWatch {
 public:
+    enum class What {
+        eAPPEARED, ///< made, or given its name
+        eGONE,     ///< removed, moved away or replaced
+    };
     /// `tellPolling` is called when the watches cannot be set again after a change of the directory: why, as `add` has
     /// it. Everybody is told once a second from then on, until they can.
     EndpointWatch(std::shared_ptr<comm::Reactor> loop, const std::string& directory,
-                  std::function<void(const std::string& why)> tellPolling);
+                  std::function<void(const std::string& why)> tellPolling, What what = What::eAPPEARED);
     ~EndpointWatch();
     EndpointWatch(const EndpointWatch&) = delete;
     EndpointWatch& operator=(const EndpointWatch&) = delete;
@@ -30,8 +34,8 @@ public:
     static std::string findShortage();
 
     using Appeared = util::UniqueFunction<void()>;
-    /// Calls `appeared`, never inside the call, each time `file` may have appeared. 0 when that cannot be watched:
-    /// `why` says what is used up and how to have more.
+    /// Calls `appeared`, never inside the call, each time `file` may have appeared, or gone. 0 when that cannot be
+    /// watched: `why` says what is used up and how to have more.
     comm::Reactor::Id add(const std::string& file, Appeared appeared, std::string& why);
     /// Calls it once, never inside the call.
     void notify(comm::Reactor::Id id);
@@ -56,6 +60,7 @@ private:
     const std::shared_ptr<comm::Reactor> m_loop;
     const std::string m_path;
     const std::function<void(const std::string&)> m_tellPolling;
+    const What m_what;
     std::map<comm::Reactor::Id, Watcher> m_watchers;
     comm::Reactor::Id m_lastId = 0;
     /// What is posted holds it weakly, and does nothing once it is gone.

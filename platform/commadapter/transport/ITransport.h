@@ -106,6 +106,10 @@ public:
     /// failure: a living process has the name, or a right is missing; `why` says so. From any thread but the loop's.
     /// Claimed already by this object: success at once.
     [[nodiscard]] virtual bool listen(const std::string& process, Accept accept, std::string& why) = 0;
+    /// From now on what others find this process by is put back soon when somebody removes it; else that is noticed
+    /// when a connection ends or cannot be made. For one whom all rely on: it costs resources that are few. After
+    /// `listen`, from any thread.
+    virtual void watchOwnEndpoint() {}
     /// The own endpoint with its realm, as locators name it; absent while not listening.
     virtual std::optional<Endpoint> ownEndpoint() const = 0;
 

@@ -27,6 +27,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
 #include <mutex>
 #include <utility>
@@ -38,6 +39,10 @@ namespace {
 /// So that many clients at once do not keep the loop from its connections.
 constexpr int ACCEPTS_PER_TURN = 64;
 constexpr comm::TimeNs ACCEPT_PAUSE = 100 * comm::MILLISECOND;
+/// For who removes several files.
+constexpr comm::TimeNs REMOVAL_PAUSE = 100 * comm::MILLISECOND;
+/// Between two attempts to put back what was removed.
+constexpr comm::TimeNs RESTORE_PAUSE = comm::SECOND;
 constexpr std::size_t MOST_TRIED = 1024;
 
 /// Why a socket or directory may not be used, and what to do.
@@ -93,7 +98,9 @@ public:
     IpcTransport(const IpcSettings& settings, std::shared_ptr<comm::Reactor> loop)
         : m_settings(settings), m_loop(std::move(loop)), m_runDirectory(settings.runDir),
           m_self(std::make_shared<IpcTransport*>(this)),
-          m_endpoints(m_loop, m_runDirectory.path(), &IpcTransport::traceUnwatched)
+          m_endpoints(m_loop, m_runDirectory.path(), &IpcTransport::traceUnwatched),
+          m_ownFiles(
+              m_loop, m_runDirectory.path(), [](const std::string& /*why*/) {}, EndpointWatch::What::eGONE)
     {}
     ~IpcTransport() override { end(); }
     IpcTransport(const IpcTransport&) = delete;
@@ -108,6 +115,7 @@ public:
         const std::lock_guard lock(m_mutex);
         return m_own;
     }
+    void watchOwnEndpoint() override;
     bool isStopped(const PeerIdentity& peer) const override
     {
         return comm::isProcessStopped(static_cast<pid_t>(peer.pid));
@@ -142,14 +150,20 @@ private:
     RunDirectory::Realm judge(const Endpoint& endpoint, int& error) const;
     template <class Task>
     void postWhileOpen(Task task);
-    void startAccepting(Accept accept);
+    void startAccepting();
+    std::unique_ptr<IpcStream> makeStream(Descriptor socket);
+    void stopAccepting();
     void acceptAll();
     void pauseAccepting(int error);
     Connected open(const Endpoint& endpoint);
     void tried(const Endpoint& endpoint, const SocketFile& file);
     Connected miss(const Endpoint& endpoint, const SocketFile& file);
     static void traceUnwatched(const std::string& why);
-    void lookForOwnSocket();
+    void lookForOwnFiles();
+    bool isOwnSocketThere() const;
+    void restoreOwnFiles(bool withName);
+    void changeSocket();
+    void traceRestored(const std::string& realm, const std::string& why);
     void end();
 
     const IpcSettings m_settings;
@@ -158,7 +172,7 @@ private:
 
     // Under the mutex: a name is claimed and asked for in any thread, and given up on the loop.
     mutable std::mutex m_mutex;
-    std::unique_ptr<NameClaim> m_claim;
+    std::unique_ptr<NameClaim> m_claim; ///< once there, exchanged on the loop only
     std::optional<Endpoint> m_own;
     bool m_isClosed = false;
     bool m_isUnusableTraced = false;
@@ -167,6 +181,10 @@ private:
 
     // The loop's own.
     EndpointWatch m_endpoints;
+    EndpointWatch m_ownFiles;
+    bool m_isOwnWatched = false;
+    comm::Reactor::Id m_lookTimer = 0;
+    comm::TimeNs m_nextRestore = 0;
     std::map<std::string, SocketFile> m_tried; ///< what the last connect to a process found
     Accept m_accept;
     int m_listening = -1;
@@ -175,6 +193,7 @@ private:
     bool m_isLimitTraced = false;
     bool m_isUnwatchedTraced = false;
     bool m_isRemovalTraced = false;
+    std::unique_ptr<NameClaim> m_former; ///< while who waits there is served
 };
 
 template <class Task>
@@ -213,14 +232,14 @@ bool IpcTransport::listen(const std::string& process, Accept accept, std::string
     m_own = Endpoint{"ipc", process, realm, {}};
     postWhileOpen([this, socket = m_claim->socket(), accept = std::move(accept)]() mutable {
         m_listening = socket;
-        startAccepting(std::move(accept));
+        m_accept = std::move(accept);
+        startAccepting();
     });
     return false;
 }
 
-void IpcTransport::startAccepting(Accept accept)
+void IpcTransport::startAccepting()
 {
-    m_accept = std::move(accept);
     m_acceptWatch = m_loop->watch(m_listening, comm::Reactor::eREADABLE, [this](unsigned /*ready*/) { acceptAll(); });
     if (m_acceptWatch == 0) {
         KESA_TRACE(channel(), 4, "[listen] the loop cannot watch the listening socket: nobody can connect");
@@ -233,11 +252,7 @@ void IpcTransport::acceptAll()
         auto socket =
             Descriptor::open([this] { return ::accept4(m_listening, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC); });
         if (socket) {
-            m_accept(std::make_unique<IpcStream>(m_loop, std::move(socket), [weak = std::weak_ptr(m_self)] {
-                if (const auto self = weak.lock()) {
-                    (*self)->lookForOwnSocket();
-                }
-            }));
+            m_accept(makeStream(std::move(socket)));
         } else if (errno == EAGAIN) {
             m_isLimitTraced = false;
             return;
@@ -248,12 +263,35 @@ void IpcTransport::acceptAll()
     }
 }
 
+void IpcTransport::stopAccepting()
+{
+    if (m_acceptTimer != 0) {
+        m_loop->cancelTimer(std::exchange(m_acceptTimer, 0));
+    }
+    if (m_acceptWatch != 0) {
+        m_loop->unwatch(std::exchange(m_acceptWatch, 0));
+    }
+}
+
+/// Its end is a reason to look for the own files.
+std::unique_ptr<IpcStream> IpcTransport::makeStream(Descriptor socket)
+{
+    return std::make_unique<IpcStream>(m_loop, std::move(socket), [weak = std::weak_ptr(m_self)] {
+        if (const auto self = weak.lock()) {
+            (*self)->lookForOwnFiles();
+        }
+    });
+}
+
 /// The socket stays readable: without a pause the loop would spin until a descriptor is free.
 void IpcTransport::pauseAccepting(int error)
 {
     if (!std::exchange(m_isLimitTraced, true)) {
         KESA_TRACE(channel(), 3, "[accept] clients wait, tried again every 100 ms: %s",
                    obr::explainError(error).c_str());
+    }
+    if (m_acceptTimer != 0) {
+        return;
     }
     m_loop->changeInterest(m_acceptWatch, comm::Reactor::eNONE);
     m_acceptTimer = m_loop->startTimer(comm::now() + ACCEPT_PAUSE, [this] {
@@ -342,7 +380,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
         }
     }
     tried(endpoint, SocketFile(status));
-    auto stream = std::make_unique<IpcStream>(m_loop, std::move(socket));
+    auto stream = makeStream(std::move(socket));
     if (std::string why = complaintAboutListener(path, status, stream->peer()); !why.empty()) {
         return {nullptr, Failure::eOTHER, std::move(why)};
     }
@@ -357,24 +395,109 @@ void IpcTransport::tried(const Endpoint& endpoint, const SocketFile& file)
     m_tried[endpoint.process] = file;
 }
 
-/// Whoever is missed was perhaps removed together with this process, and a client that goes may come back. Only then it
-/// is looked for: to watch it all the time would take one of the few inotify instances that all processes of a user
-/// share.
-void IpcTransport::lookForOwnSocket()
+/// Whoever is missed was perhaps removed together with this process, and who goes may come back. Only then it is looked
+/// for: to watch it all the time would take one of the few inotify instances that all processes of a user share. Not at
+/// once: who removes a directory does so file by file, and who removes again and again is not followed as fast.
+void IpcTransport::lookForOwnFiles()
 {
-    const std::optional<Endpoint> own = ownEndpoint();
-    if (!own || m_isRemovalTraced) {
+    if (m_acceptWatch == 0 || m_lookTimer != 0) {
         return;
     }
-    const std::string path = m_runDirectory.path() + '/' + socketFileName(own->process);
+    m_lookTimer = m_loop->startTimer(std::max(comm::now() + REMOVAL_PAUSE, m_nextRestore), [this] {
+        m_lookTimer = 0;
+        if (m_acceptWatch == 0) {
+            return;
+        }
+        const bool isFound = isOwnSocketThere() && m_claim->isNameThere();
+        if (!isFound || m_runDirectory.lacksRealm()) {
+            m_nextRestore = comm::now() + RESTORE_PAUSE;
+            restoreOwnFiles(!isFound);
+        }
+    });
+}
+
+bool IpcTransport::isOwnSocketThere() const
+{
+    const std::string path = m_runDirectory.path() + '/' + socketFileName(ownEndpoint()->process);
     struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-        m_isRemovalTraced = true;
-        KESA_TRACE_TEXT(channel(), 3,
-                        fmt::format("[listen] somebody has removed {} under this process: who starts now does not find "
-                                    "it; restart it, and keep cleaners out of the run directory",
-                                    path));
+    // What cannot be looked at is not known to have gone.
+    return ::lstat(path.c_str(), &status) == 0 ? m_claim->isSocketFile(status) : errno != ENOENT && errno != ENOTDIR;
+}
+
+/// The realm's file as well: what removes one file mostly removes all, one after the other.
+void IpcTransport::watchOwnEndpoint()
+{
+    postWhileOpen([this] {
+        const std::optional<Endpoint> own = ownEndpoint();
+        if (!own || std::exchange(m_isOwnWatched, true)) {
+            return;
+        }
+        std::string ignored; // it is looked for at other times, too
+        for (const std::string& file :
+             {socketFileName(own->process), nameLockFile(own->process), std::string(RunDirectory::REALM_FILE)}) {
+            m_ownFiles.add(
+                file, [this] { lookForOwnFiles(); }, ignored);
+        }
+    });
+}
+
+void IpcTransport::restoreOwnFiles(bool withName)
+{
+    std::string realm;
+    std::string why;
+    bool failed = false;
+    {
+        const std::lock_guard lock(m_mutex);
+        realm = m_own->realm;
+        Descriptor directory;
+        m_runDirectory.makeAgain(m_claim->directory());
+        failed = m_runDirectory.prepare(directory, realm, why);
+        std::unique_ptr<NameClaim> claim;
+        if (!failed && withName) {
+            claim = m_claim->takeAgain(std::move(directory), m_settings, why);
+            failed = !claim;
+        }
+        if (claim) {
+            m_former = std::exchange(m_claim, std::move(claim));
+        }
     }
+    if (m_former) {
+        changeSocket();
+    }
+    traceRestored(realm, failed ? why : std::string());
+    if (failed) {
+        lookForOwnFiles();
+    }
+}
+
+/// Who waits at the old socket is served before the new one takes its place.
+void IpcTransport::changeSocket()
+{
+    acceptAll();
+    stopAccepting();
+    m_former.reset();
+    m_listening = m_claim->socket();
+    startAccepting();
+}
+
+/// `why`: it could not be done; told once.
+void IpcTransport::traceRestored(const std::string& realm, const std::string& why)
+{
+    const bool isTold = std::exchange(m_isRemovalTraced, !why.empty());
+    if (isTold && !why.empty()) {
+        return;
+    }
+    const std::string own = ownEndpoint()->realm;
+    const std::string what =
+        !why.empty() ? fmt::format("who starts now does not find it, and it cannot put them back: {}", why)
+        : realm == own
+            ? "it has put them back; keep cleaners out of the run directory"
+            : fmt::format("it listens there again, but the directory was made anew meanwhile, with the realm "
+                          "{}, and what this process has registered names the one of before, {}: restart it",
+                          realm, own);
+    KESA_TRACE_TEXT(channel(), 3,
+                    fmt::format("[listen] somebody has removed files of this process from \"{}\": {}",
+                                m_runDirectory.shownPath(), what));
 }
 
 /// Where the file of the lock was removed as well, all processes of the machine would have to be looked into, which is
@@ -394,7 +517,7 @@ std::string IpcTransport::whoCannotBeFound(const Endpoint& endpoint) const
 ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)
 {
     tried(endpoint, file);
-    lookForOwnSocket();
+    lookForOwnFiles();
     const std::string shown = m_runDirectory.shownPath();
     if (::access(m_runDirectory.path().c_str(), F_OK) != 0) {
         return {nullptr, Failure::eMISSING,
@@ -442,13 +565,12 @@ comm::Reactor::Id IpcTransport::watchEndpoint(const Endpoint& endpoint, util::Un
 
 void IpcTransport::end()
 {
-    if (m_acceptTimer != 0) {
-        m_loop->cancelTimer(std::exchange(m_acceptTimer, 0));
-    }
-    if (m_acceptWatch != 0) {
-        m_loop->unwatch(std::exchange(m_acceptWatch, 0));
+    stopAccepting();
+    if (m_lookTimer != 0) {
+        m_loop->cancelTimer(std::exchange(m_lookTimer, 0));
     }
     m_endpoints.clear();
+    m_ownFiles.clear();
     const std::lock_guard lock(m_mutex);
     m_self.reset();
     m_isClosed = true;

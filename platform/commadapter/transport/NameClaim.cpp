@@ -61,6 +61,24 @@ std::unique_ptr<NameClaim> NameClaim::take(Descriptor directory, const std::stri
     return claim;
 }
 
+std::unique_ptr<NameClaim> NameClaim::takeAgain(Descriptor directory, const IpcSettings& settings, std::string& why)
+{
+    std::unique_ptr<NameClaim> claim(new NameClaim(std::move(directory), m_process));
+    const bool isHeld = isNameLockThere(claim->m_directory.get(), m_process, m_lock.get());
+    if (isHeld) {
+        claim->m_lock = std::move(m_lock);
+    } else if (claim->lock(why)) {
+        return nullptr;
+    }
+    if (claim->listen(settings, why)) {
+        if (isHeld) {
+            m_lock = std::move(claim->m_lock);
+        }
+        return nullptr;
+    }
+    return claim;
+}
+
 bool NameClaim::isRefused(const Descriptor& directory, const std::string& process, bool& isHeld, std::string& why)
 {
     Descriptor lock;
@@ -107,6 +125,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
         ::unlinkat(m_directory.get(), temporary.c_str(), 0);
         return true;
     }
+    m_device = status.st_dev;
     m_inode = status.st_ino;
     sweepDrafts(m_directory.get(), status);
     return false;
@@ -154,6 +173,11 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
     return false;
 }
 
+bool NameClaim::isNameThere() const
+{
+    return isNameLockThere(m_directory.get(), m_process, m_lock.get());
+}
+
 NameClaim::~NameClaim()
 {
     if (!m_lock.isHere()) {
@@ -161,7 +185,7 @@ NameClaim::~NameClaim()
     }
     struct stat status {};
     if (m_inode != 0 && ::fstatat(m_directory.get(), m_file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
-        status.st_ino == m_inode) {
+        isSocketFile(status)) {
         ::unlinkat(m_directory.get(), m_file.c_str(), 0);
     }
     m_socket.reset();

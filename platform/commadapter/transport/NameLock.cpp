@@ -255,11 +255,16 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
 
 } // namespace
 
+std::string nameLockFile(const std::string& process)
+{
+    return encodeProcessName(process) + ENDING;
+}
+
 bool isNameLockThere(int directory, const std::string& process, int lock)
 {
     struct stat locked {};
     struct stat present {};
-    const std::string file = encodeProcessName(process) + ENDING;
+    const std::string file = nameLockFile(process);
     return ::fstat(lock, &locked) == 0 && ::fstatat(directory, file.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
            locked.st_ino == present.st_ino && locked.st_dev == present.st_dev;
 }
@@ -278,8 +283,7 @@ bool takeNameLock(const Descriptor& directory, const std::string& process, Descr
         }
     }
     lock.reset();
-    why = fmt::format("somebody removes {} again and again",
-                      pathOf(directory.get(), encodeProcessName(process) + ENDING));
+    why = fmt::format("somebody removes {} again and again", pathOf(directory.get(), nameLockFile(process)));
     return true;
 }
 

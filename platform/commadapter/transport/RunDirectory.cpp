@@ -24,7 +24,6 @@ namespace kesa::commadapter::transport {
 
 namespace {
 
-constexpr const char* REALM_FILE = "realm";
 constexpr const char* NAME_ANOTHER = R"(name another one with "run_dir" or KESA_RUN_DIR)";
 
 // 0755: others may look names up; who may connect is decided by each socket's own mode and group. A directory in which
@@ -123,10 +122,10 @@ bool writeRealm(int directory, const std::string& realm, Place place)
 }
 
 /// The first one to link has won.
-bool makeRealmFile(int directory)
+bool makeRealmFile(int directory, const std::string& realm)
 {
-    return writeRealm(directory, makeRealm(), [directory](const char* file) {
-        return ::linkat(directory, file, directory, REALM_FILE, 0) == 0 || errno == EEXIST;
+    return writeRealm(directory, realm, [directory](const char* file) {
+        return ::linkat(directory, file, directory, RunDirectory::REALM_FILE, 0) == 0 || errno == EEXIST;
     });
 }
 
@@ -142,7 +141,7 @@ void adoptRealm(int directory, const RealmFile& file)
         return;
     }
     static_cast<void>(writeRealm(directory, file.realm, [directory](const char* draft) {
-        return ::renameat(directory, draft, directory, REALM_FILE) == 0;
+        return ::renameat(directory, draft, directory, RunDirectory::REALM_FILE) == 0;
     }));
 }
 
@@ -150,8 +149,8 @@ void adoptRealm(int directory, const RealmFile& file)
 
 RealmFile readRealmFile(int directory)
 {
-    const auto file =
-        openFile([&] { return ::openat(directory, REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); });
+    const auto file = openFile(
+        [&] { return ::openat(directory, RunDirectory::REALM_FILE, O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK); });
     if (!file) {
         const bool isNoFile = errno == ELOOP || errno == ENXIO; // a link or a socket
         return {isNoFile ? 0 : errno, {}, {}};
@@ -221,7 +220,7 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
     }
     RealmFile file = readRealmFile(opened.get());
     if (file.error == ENOENT) {
-        if (makeRealmFile(opened.get())) {
+        if (makeRealmFile(opened.get(), realm.empty() ? makeRealm() : realm)) {
             return refuse("cannot write into");
         }
         file = readRealmFile(opened.get());
@@ -246,6 +245,20 @@ bool RunDirectory::prepare(Descriptor& directory, std::string& realm, std::strin
     realm = file.realm;
     directory = std::move(opened);
     return false;
+}
+
+void RunDirectory::makeAgain(int former) const
+{
+    struct stat status {};
+    if (::fstat(former, &status) != 0 || ::mkdir(m_path.c_str(), S_IRWXU) != 0) {
+        return;
+    }
+    const auto made = openFile([&] { return ::open(m_path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC); });
+    const uid_t owner = ::geteuid() == 0 ? status.st_uid : static_cast<uid_t>(-1);
+    const bool isAsBefore = made && ::fchown(made.get(), owner, status.st_gid) == 0;
+    if (made) {
+        ::fchmod(made.get(), isAsBefore ? status.st_mode & 07777U : DIRECTORY_MODE);
+    }
 }
 
 RunDirectory::Realm RunDirectory::judge(const std::string& realm, int& error)

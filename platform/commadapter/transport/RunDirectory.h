@@ -24,6 +24,9 @@ RealmFile readRealmFile(int directory);
 /// The directory in which the processes of one realm find each other; its file `realm` names the realm. Any thread.
 class RunDirectory {
 public:
+    /// The name of the file that names the realm.
+    static constexpr const char* REALM_FILE = "realm";
+
     /// The one that `chooseRunDirectory` names.
     explicit RunDirectory(const std::string& configured);
 
@@ -38,9 +41,12 @@ public:
     bool lacksRealm() const;
 
     /// Makes the directory (0755, if its parent is there) and its realm if they are missing, and opens it. Refuses one
-    /// in which other users could replace what this process makes. True on failure: `why` says what is wrong and what
-    /// to do.
+    /// in which other users could replace what this process makes. `realm`: the one it shall have where it has none;
+    /// empty: a new one. True on failure: `why` says what is wrong and what to do.
     [[nodiscard]] bool prepare(Descriptor& directory, std::string& realm, std::string& why);
+
+    /// Makes it with the rights that it had, if it was removed; `former`: a descriptor of what it was.
+    void makeAgain(int former) const;
 
     enum class Realm {
         eOURS,

@@ -192,6 +192,14 @@ bool BackendList::isLocalService(const std::vector<url>& locators) const
     return false;
 }
 
+void BackendList::stayFindable() const
+{
+    onExecutor();
+    for (const auto& backend : m_backends) {
+        backend->stayFindable();
+    }
+}
+
 bool BackendList::isSupportedLocator(const url& locator) const
 {
     onExecutor();

@@ -47,6 +47,8 @@ public:
 
     /// One of the locators addresses this very process.
     bool isLocalService(const std::vector<url>& locators) const;
+    /// All others rely on finding this process, from now on.
+    void stayFindable() const;
     bool isSupportedLocator(const url& locator) const;
     /// The first that a backend can handle.
     optional<url> getBestLocator(const std::vector<url>& locators) const;

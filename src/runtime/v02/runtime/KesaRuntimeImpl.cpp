@@ -151,6 +151,7 @@ KesaRuntimeImpl::StartResult KesaRuntimeImpl::findRegistry(const std::string& pa
     if (isRuntimeInRegistry) {
         KESA_TRACE(MAIN_CHANNEL, 2, "[KesaRuntimeImpl::start] runtime in kesa registry");
         m_reasons->setRegistryHere();
+        m_backendList.stayFindable();
         return StartResult::eSTARTED;
     }
     for (const url& locator : m_registryLocators) {

@@ -61,6 +61,9 @@ public:
     /// What holds the loops of who uses it, to be told by `describe` and to whoever asks this process what it is. After
     /// `start`.
     virtual void describeHolds(const std::vector<std::shared_ptr<const comm::LoopHold>>& /*holds*/) {}
+    /// All others rely on finding this process: what they find it by is put back soon when somebody removes it, for
+    /// resources of which there are few. Else that is noticed when a connection ends. Once something is provided.
+    virtual void stayFindable() {}
 };
 
 } // namespace kesa::commadapter
