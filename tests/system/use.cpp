@@ -27,11 +27,15 @@ TEST_F(SystemUse, FindsItsServiceAgainInARunDirectoryThatIsMadeAnew)
         provider.kill();
         user.expect("gone /p");
         user.expect("lost /p");
-        for (const auto& file : fs::directory_iterator(runDirectory())) {
+        const std::string removed = isRemoved ? runDirectory() + ".removed" : runDirectory();
+        if (isRemoved) { // at once: the user puts back what is its own
+            fs::rename(runDirectory(), removed);
+        }
+        for (const auto& file : fs::directory_iterator(removed)) {
             fs::remove(file);
         }
         if (isRemoved) {
-            fs::remove(runDirectory());
+            fs::remove(removed);
         }
     }
     user.send("resolve /own");
