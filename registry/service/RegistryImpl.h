@@ -98,6 +98,9 @@ private:
                Charge charge, const Command& command);
     void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
 
+    // identities.cpp
+    static std::string identify(ServiceDef& record, unsigned short& status);
+
     // askers.cpp
     std::shared_ptr<Asker> currentAsker();
     std::string add(const std::shared_ptr<Asker>& asker, Handler& handler, const Charge& charge, StreamId& stream);

@@ -64,10 +64,11 @@ Charge chargeFor(const Query& query, const PathPatterns& patterns)
 
 /// The handler stays the caller's.
 template <class T>
-void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text)
+void* refuse(IResponseHandler<T>& handler, const char* operation, const std::string& subject, const std::string& text,
+             unsigned short status = 400)
 {
     KESA_TRACE(CHANNEL, 3, "[%s] '%s' is refused: %s", operation, obr::glimpse(subject).c_str(), text.c_str());
-    handler.onError(Response::createErrorResponse(400, text));
+    handler.onError(Response::createErrorResponse(status, text));
     return IKesaApi::UNDEFINED_REQUEST_HANDLE;
 }
 
@@ -132,6 +133,10 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
     const std::string& path = serviceDef.path.toString();
     Claim claim;
     claim.record = std::make_shared<Record>(Record{serviceDef});
+    unsigned short status = 0;
+    if (const std::string why = identify(claim.record->serviceDef, status); !why.empty()) {
+        return refuse(*handler, "registerService", path, why, status);
+    }
     claim.keepsId = serviceDef.id.has_value();
     claim.isPatient = isPatient;
     if (!claim.keepsId) {

@@ -45,6 +45,36 @@ TEST_F(RegistryTest, AChangedRecordIsGoneForEverybodyBeforeItIsThereAgainForAnyb
     EXPECT_EQ(watcher.policies, 2);
 }
 
+TEST_F(RegistryTest, ARecordSaysByTheKernelsWordWhoHasRegisteredIt)
+{
+    Process provider("a b");
+    provider.context.uid = 1001;
+    provider.context.gid = 1002;
+    const auto metainfoOf = [&](const std::string& path, const GenericObject& said) {
+        ServiceDef record = service(path, "ipc://a%20b+here/s");
+        record.metainfo = said;
+        std::string metainfo;
+        registerService(provider, "r", record, [&](const ServiceDef& recorded) {
+            metainfo = util::config::Value(*recorded.metainfo).toText();
+        });
+        return metainfo;
+    };
+    EXPECT_EQ(metainfoOf("/a", {{"provider", "liar"}, {"provider_uid", 0}, {"provider_unproven", true}, {"x", 1}}),
+              R"({"provider":"a b","provider_gid":1002,"provider_uid":1001,"x":1})");
+    provider.peer->name.proof = IPeer::Name::Proof::eUNPROVEN;
+    EXPECT_EQ(metainfoOf("/b", {}),
+              R"({"provider":"a b","provider_gid":1002,"provider_uid":1001,"provider_unproven":true})");
+    told();
+    registerService(provider, "r", service("/c", "ipc://other/s"));
+    EXPECT_THAT(
+        told(),
+        ElementsAre(HasSubstr("400: the locator \"ipc://other/s\" names another process than \"a b\", "), "r: ~"));
+    provider.peer->name = {IPeer::Name::Proof::eDISPROVEN, 812};
+    registerService(provider, "r", service("/c"));
+    EXPECT_THAT(told(),
+                ElementsAre(HasSubstr("409: process 7 calls itself \"a b\", but process 812 has that name; "), "r: ~"));
+}
+
 TEST_F(RegistryTest, ThisProcessNeedsNoProof)
 {
     m_registry->registerService(noting<ServiceDef>(m_lines, "own"), Path("/a"), service("/a"));
@@ -162,7 +192,8 @@ TEST_F(RegistryTest, FirstAnswersWaitForTheirPeer)
     for (int number = 0; number < COUNT; ++number) {
         handles.push_back(registerService(provider, "r", service(path(number))));
     }
-    provider.peer->drain();
+    while (provider.peer->drain()) {
+    }
     std::map<std::string, int> believed;
     std::size_t lists = 0;
     bool isComplete = false;

@@ -71,6 +71,7 @@ public:
     void whenDrained(std::function<void()> task) override { tasks.push_back(std::move(task)); }
     void disconnect(const char*) override {}
     std::string endReason() const override { return reason; }
+    Name proveName() override { return name; }
 
     void answer(bool isAlive)
     {
@@ -89,6 +90,7 @@ public:
         return !waiting.empty();
     }
 
+    Name name{Name::Proof::ePROVEN, -1};
     std::string reason;                               ///< why its connection has ended
     std::vector<std::function<void(bool)>> questions; ///< whether its process lives
     std::vector<std::function<void(bool)>> pings;
@@ -128,11 +130,18 @@ class Clients {
 public:
     using Updates = std::vector<RegistryUpdate>;
 
+    /// "p" in an `ipc` locator stands for the process.
     void* registerService(Process& process, const std::string& name, const ServiceDef& serviceDef,
                           const std::function<void(const ServiceDef&)>& hook = {})
     {
         const RequestContext::Scope scope(&process.context);
-        return m_asked->registerService(noting(m_lines, name, hook), serviceDef.path, serviceDef);
+        ServiceDef own = serviceDef;
+        for (url& locator : own.locators) {
+            const std::string text = locator.toString();
+            const bool isItsOwn = text.rfind("ipc://p/", 0) == 0 || text.rfind("ipc://p+", 0) == 0;
+            locator = isItsOwn ? url("ipc://" + process.context.process + text.substr(7)) : locator;
+        }
+        return m_asked->registerService(noting(m_lines, name, hook), serviceDef.path, own);
     }
     void* track(Process& process, const std::string& name, const std::string& path)
     {

@@ -1,5 +1,6 @@
 // Who may have a name, and who may not.
 
+#include "RawPeer.h"
 #include "SystemTest.h"
 
 #include <unistd.h>
@@ -40,6 +41,23 @@ TEST_F(SystemNames, ASecondProcessOfANameProvidesNothingUntilTheFirstHasEnded)
     second.send("provide /player");
     second.expect("provided /player");
     second.expect("connected " + PLAYER);
+}
+
+TEST_F(SystemNames, NobodyRegistersUnderTheNameOfAnotherLivingProcess)
+{
+    startRegistry();
+    Process& raw = start("raw");
+    raw.send("provide /mine");
+    raw.expect("provided /mine");
+    RawPeer liar(runDirectory(), "kesa-registryd");
+    liar.send(wire::hello() + wire::attach(1, "/registry") + wire::registration(1, 1, "/yours"));
+    std::string answer;
+    do {
+        answer = liar.readFrame();
+    } while (wire::kindOf(answer) != wire::eERROR);
+    EXPECT_EQ(wire::statusOf(answer), 409U);
+    EXPECT_NE(answer.find("calls itself \"raw\", but process " + std::to_string(raw.pid()) + " has that name"),
+              std::string::npos);
 }
 
 TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)

@@ -65,7 +65,7 @@ private:
         return m_locators ? m_locators->find(locator) : std::nullopt;
     }
     bool isOwnName(const transport::Endpoint& endpoint) const { return endpoint.process == m_process; }
-    bool claimName(transport::ITransport& transport);
+    bool claimName(const std::shared_ptr<transport::ITransport>& transport);
     bool provide(const std::string& path, IKesaApi* service);
     [[nodiscard]] static bool refuse(const std::string& reason);
     MakeHello makeHello() const;
@@ -132,16 +132,17 @@ void CommBackend::stop()
 }
 
 /// The transport listens under the process's name from the first service on.
-bool CommBackend::claimName(transport::ITransport& transport)
+bool CommBackend::claimName(const std::shared_ptr<transport::ITransport>& transport)
 {
     std::string why;
-    const bool failed = transport.listen(
+    const bool failed = transport->listen(
         m_process,
         [loop = m_loop, services = std::weak_ptr(m_services),
-         scheme = transport.scheme()](std::unique_ptr<transport::IStream> stream) {
+         weak = std::weak_ptr(transport)](std::unique_ptr<transport::IStream> stream) {
             const IoLoop::Turn turn(*loop);
             if (const auto held = services.lock()) {
-                held->accept(std::move(stream), scheme);
+                const auto listening = weak.lock();
+                held->accept(std::move(stream), listening ? listening->scheme() : std::string(), weak);
             }
         },
         why);
@@ -172,7 +173,7 @@ bool CommBackend::provideOnPath(const std::string& path, IKesaApi* service, url&
     if (m_transports.empty()) {
         return refuse("the backend is not started");
     }
-    if (claimName(*m_transports.front())) {
+    if (claimName(m_transports.front())) {
         return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, m_claimFailure);
     }
     const auto endpoint = m_transports.front()->ownEndpoint();
@@ -189,7 +190,7 @@ bool CommBackend::provideOnLocator(const url& locator, IKesaApi* service)
     if (!place || !isOwnName(place->destination.endpoint)) {
         return refuse("'" + locator.toString() + "' is not a locator of this process, '" + m_process + "'");
     }
-    if (claimName(*place->destination.transport)) {
+    if (claimName(place->destination.transport)) {
         return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 7, m_claimFailure);
     }
     return provide(place->path, service);
@@ -225,7 +226,7 @@ void CommBackend::release(IKesaApi* client, bool serviceRemoved)
 bool CommBackend::isLocal(const url& locator)
 {
     const auto place = find(locator);
-    return place && isOwnName(place->destination.endpoint) && !claimName(*place->destination.transport);
+    return place && isOwnName(place->destination.endpoint) && !claimName(place->destination.transport);
 }
 
 std::string CommBackend::describe()

@@ -4,6 +4,7 @@
 #include "transport_ipc_support.h"
 
 #include <comm/Reactor.h>
+#include <comm/processStart.h>
 #include <tracing/CapturingSink.h>
 
 #include <sched.h>
@@ -46,6 +47,12 @@ TEST_F(TransportIpc, ConnectsWhateverTheLengthOfPathAndNameAndVouchesForBothSide
     for (const char* malformed : {"ipc://a:1/p", "ipc://%zz/p", "ipc://%2/p", "ipc://a+/p", "ipc:///p", "tcp://a/p"}) {
         EXPECT_FALSE(client.transport->parse(url(malformed)).has_value()) << malformed;
     }
+    board.run(*client.loop, [&] {
+        const PeerIdentity listener = client.transport->whoListens(name);
+        EXPECT_EQ(listener.pid, ::getpid());
+        EXPECT_EQ(listener.start, comm::processStartTicks(::getpid()));
+        EXPECT_LE(client.transport->whoListens("nobody").pid, 0);
+    });
     board.run(*server.loop, [&] { server.transport->close(); });
     std::set<fs::path> left;
     for (const auto& file : fs::directory_iterator(directory)) {

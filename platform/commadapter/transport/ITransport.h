@@ -120,6 +120,10 @@ public:
     /// do; empty when it is not so, or cannot be known. Any thread.
     virtual std::string whoCannotBeFound(const Endpoint& /*endpoint*/) const { return {}; }
 
+    /// Who listens under the name in this realm, as the kernel says, with `pid`, `uid` and `start`; a pid below 1 when
+    /// that is nobody, or nobody who lives, or cannot be known. Loop only.
+    virtual PeerIdentity whoListens(const std::string& /*process*/) const { return {}; }
+
     /// Reads the authority of a locator of this scheme; absent when it is malformed.
     virtual std::optional<Endpoint> parse(const url& locator) const = 0;
     /// Whether it is of this realm, or may be, where that cannot be read at the moment: then `connect` says what is

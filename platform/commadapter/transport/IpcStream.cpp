@@ -17,20 +17,6 @@ namespace {
 /// Until descriptors that were short are tried for again.
 constexpr comm::TimeNs SHORTAGE_PAUSE = 100 * comm::MILLISECOND;
 
-/// Of who connected, and of who listens, as they were then: nobody becomes another one by who writes.
-PeerIdentity identityOf(int socket)
-{
-    ucred credentials{};
-    socklen_t size = sizeof credentials;
-    PeerIdentity identity;
-    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) {
-        identity.pid = credentials.pid;
-        identity.uid = credentials.uid;
-        identity.gid = credentials.gid;
-    }
-    return identity;
-}
-
 /// Twice what sockets have by default, and as much as the default limit lets a process have: the kernel doubles what it
 /// is told. A large message then leaves in fewer pieces, each of which costs a wake-up on both sides. What does not fit
 /// there waits in the connection's own queue, as ever.

@@ -10,6 +10,7 @@
 #include "transport/IpcStream.h"
 #include "transport/NameClaim.h"
 #include "transport/NameLock.h"
+#include "transport/PeerProcess.h"
 #include "transport/RunDirectory.h"
 #include "transport/usersAndGroups.h"
 
@@ -57,6 +58,22 @@ ITransport::Connected forbid(const std::string& path, const struct stat& status)
     return {nullptr, ITransport::Failure::eFORBIDDEN,
             fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
                         groupName(status.st_gid), status.st_mode & 07777U, advice)};
+}
+
+Descriptor makeSocket()
+{
+    return Descriptor::open([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
+}
+
+/// Through the descriptor of its file: a socket's address has 108 bytes, whatever the path has.
+int connectTo(const Descriptor& file, const Descriptor& socket)
+{
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string link = fmt::format("/proc/self/fd/{}", file.get());
+    link.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+    return retryInterrupted(
+        [&] { return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address); });
 }
 
 /// Who listens is who made the socket, or root, which may do so for others: else somebody was handed it, or has taken
@@ -121,6 +138,7 @@ public:
         return comm::isProcessStopped(static_cast<pid_t>(peer.pid));
     }
     std::string whoCannotBeFound(const Endpoint& endpoint) const override;
+    PeerIdentity whoListens(const std::string& process) const override;
     std::optional<Endpoint> parse(const url& locator) const override { return parseProcessAuthority(locator, "ipc"); }
     bool canHandle(const Endpoint& endpoint) const override
     {
@@ -348,18 +366,11 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
                                                    : refuse(Failure::eOTHER, "cannot look into the run directory");
     }
     ::fstat(file.get(), &status);
-    auto socket = Descriptor::open([] { return ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0); });
+    auto socket = makeSocket();
     if (!socket) {
         return refuse(Failure::eOTHER, "cannot make a socket");
     }
-    // Through the descriptor of its file: a socket's address has 108 bytes, whatever the path has.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string link = fmt::format("/proc/self/fd/{}", file.get());
-    link.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
-    if (retryInterrupted([&] {
-            return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
-        }) != 0) {
+    if (connectTo(file, socket) != 0) {
         switch (errno) {
         case EAGAIN:
             return refuse(Failure::eBUSY, "too many connections wait to be accepted");
@@ -512,6 +523,22 @@ std::string IpcTransport::whoCannotBeFound(const Endpoint& endpoint) const
                        : fmt::format("process {} has that name, but somebody has removed its socket; restart it, and "
                                      "keep cleaners out of the run directory",
                                      holder);
+}
+
+/// Whoever it is takes it for a client that goes at once.
+PeerIdentity IpcTransport::whoListens(const std::string& process) const
+{
+    onLoop(__func__);
+    const std::string path = m_runDirectory.path() + '/' + socketFileName(process);
+    const auto file = openFile([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
+    const auto socket = file ? makeSocket() : Descriptor();
+    if (!socket || connectTo(file, socket) != 0) {
+        return {};
+    }
+    PeerIdentity listener = identityOf(socket.get());
+    const PeerProcess alive = openPeerProcess(socket.get(), listener.pid);
+    listener.start = alive.start;
+    return alive.start != 0 ? listener : PeerIdentity();
 }
 
 ITransport::Connected IpcTransport::miss(const Endpoint& endpoint, const SocketFile& file)

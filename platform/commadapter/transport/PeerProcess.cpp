@@ -35,6 +35,19 @@ PeerProcess opened(Descriptor&& pidfd, std::int64_t pid)
 
 } // namespace
 
+PeerIdentity identityOf(int socket)
+{
+    ucred credentials{};
+    socklen_t size = sizeof credentials;
+    PeerIdentity identity;
+    if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) == 0) {
+        identity.pid = credentials.pid;
+        identity.uid = credentials.uid;
+        identity.gid = credentials.gid;
+    }
+    return identity;
+}
+
 PeerProcess openPeerProcessByPid(int socket, std::int64_t pid)
 {
     if (pid <= 0) {

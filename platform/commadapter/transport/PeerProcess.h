@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_TRANSPORT_PEERPROCESS_H
 
 #include "transport/Descriptor.h"
+#include "transport/ITransport.h"
 
 #include <cstdint>
 
@@ -15,6 +16,9 @@ struct PeerProcess {
     bool isShort = false;    ///< no descriptors or memory just now
     std::uint64_t start = 0; ///< as in `PeerIdentity`
 };
+
+/// Of who connected, and of who listens, as they were then: nobody becomes another one by who writes. Without `start`.
+PeerIdentity identityOf(int socket);
 
 /// `pid` is the peer's, as `SO_PEERCRED` has it; not above 0 where it is of another namespace.
 PeerProcess openPeerProcess(int socket, std::int64_t pid);

@@ -45,6 +45,12 @@ void Peer::disconnect(const char* reason)
     });
 }
 
+IPeer::Name Peer::proveName()
+{
+    const auto connection = m_connection.lock();
+    return connection ? connection->proveName() : Name();
+}
+
 std::string Peer::endReason() const
 {
     const auto connection = m_connection.lock();

@@ -20,6 +20,7 @@ public:
     void whenDrained(std::function<void()> task) override;
     void disconnect(const char* reason) override;
     std::string endReason() const override;
+    Name proveName() override;
 
 private:
     using Question = void (Liveness::*)(comm::TimeNs within, std::function<void(bool isAlive)> answer);

@@ -8,10 +8,10 @@
 namespace kesa::commadapter {
 
 ServerConnection::ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services,
-                                   std::string scheme)
+                                   std::string scheme, std::weak_ptr<const transport::ITransport> transport)
     : Connection(std::move(loop), protocol::Role::eSERVER), m_services(std::move(services)),
-      m_scheme(std::move(scheme)), m_interests(*this, *m_services), m_served(*this), m_liveness(*this),
-      m_drainedTasks(*this)
+      m_scheme(std::move(scheme)), m_transport(std::move(transport)), m_interests(*this, *m_services), m_served(*this),
+      m_liveness(*this), m_drainedTasks(*this)
 {}
 
 ServerConnection::~ServerConnection() = default;
@@ -60,6 +60,28 @@ std::string ServerConnection::endReason() const
 {
     const Lock lock(m_lock);
     return m_endReason;
+}
+
+IPeer::Name ServerConnection::proveName()
+{
+    loop().onLoop(__func__);
+    if (m_name) {
+        return *m_name;
+    }
+    const auto transport = m_transport.lock();
+    const RequestContext& peer = m_context;
+    const transport::PeerIdentity listener =
+        transport && !peer.process.empty() ? transport->whoListens(peer.process) : transport::PeerIdentity();
+    IPeer::Name name;
+    if (isLocal()) {
+        name.proof = IPeer::Name::Proof::ePROVEN;
+    } else if (listener.pid > 0 && peer.pid > 0) {
+        const bool isPeer = listener.pid == peer.pid && (peer.start == 0 || listener.start == peer.start);
+        name.proof = isPeer ? IPeer::Name::Proof::ePROVEN : IPeer::Name::Proof::eDISPROVEN;
+        name.holder = listener.pid;
+    }
+    m_name = name;
+    return name;
 }
 
 // ---- what comes ---------------------------------------------------------------------------------------------------

@@ -12,6 +12,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 namespace kesa::commadapter {
@@ -20,7 +21,9 @@ namespace kesa::commadapter {
 /// it; this leads what comes to the one that it is for. The parts live as long as the connection, and use its lock.
 class ServerConnection final : public Connection {
 public:
-    ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services, std::string scheme);
+    /// `transport`: over which the client has come; expired for this process itself.
+    ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services, std::string scheme,
+                     std::weak_ptr<const transport::ITransport> transport);
     ~ServerConnection() override;
 
     // Loop only.
@@ -30,6 +33,8 @@ public:
     /// `looks`: so many more numbers of requests may be looked at to count those that are open.
     ConnectionFacts facts(std::size_t& looks) const;
     Liveness& liveness() noexcept { return m_liveness; }
+    /// See `IPeer`. Asked of the kernel once.
+    IPeer::Name proveName();
     DrainedTasks& drainedTasks() noexcept { return m_drainedTasks; }
     using Connection::cutOff;
     /// It asks for no path.
@@ -74,6 +79,7 @@ private:
 
     const std::shared_ptr<ServiceTable> m_services;
     const std::string m_scheme;
+    const std::weak_ptr<const transport::ITransport> m_transport;
     Interests m_interests;
     ServedRequests m_served;
     Liveness m_liveness;
@@ -84,6 +90,7 @@ private:
     transport::PeerIdentity m_identity; ///< as it was accepted
     RequestContext m_context;           ///< who the client is, for the service that is called
     comm::TimeNs m_openedAt = 0;
+    std::optional<IPeer::Name> m_name;
 };
 
 } // namespace kesa::commadapter

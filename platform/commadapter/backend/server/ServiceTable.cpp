@@ -83,10 +83,12 @@ void ServiceTable::abandon()
     m_connections.clear();
 }
 
-void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme)
+void ServiceTable::accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme,
+                          std::weak_ptr<const transport::ITransport> transport)
 {
     m_loop->onLoop(__func__);
-    const auto connection = std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme);
+    const auto connection =
+        std::make_shared<ServerConnection>(m_loop, shared_from_this(), scheme, std::move(transport));
     const std::string why = whyRefused(stream->peer());
     m_connections.push_back(connection);
     connection->begin(std::move(stream), m_makeHello());

@@ -49,7 +49,8 @@ public:
     void withdraw(const std::string& path);
 
     /// A client has connected. `scheme` is how it came, "local" for one of this process.
-    void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme);
+    void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme,
+                std::weak_ptr<const transport::ITransport> transport = {});
     /// Of the first `most` connections; answers how many there are.
     std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const;
     /// Up to `most` of the paths that the process provides, in order; answers how many it does. Any thread.

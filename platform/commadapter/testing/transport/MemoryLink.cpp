@@ -180,11 +180,7 @@ public:
     MemoryStream(std::shared_ptr<Streams> streams, std::shared_ptr<Link> link, std::size_t side)
         : m_streams(std::move(streams)), m_link(std::move(link)), m_side(side)
     {
-        m_peer.pid = static_cast<std::int64_t>(other().group);
-        const auto user = m_streams->users.find(other().group);
-        m_peer.uid = user == m_streams->users.end() ? 0 : user->second;
-        m_peer.gid = 0;
-        m_peer.start = 1 + m_streams->deaths[other().group];
+        m_peer = identityOf(*m_streams, other().group);
     }
     ~MemoryStream() override { close(); }
     MemoryStream(const MemoryStream&) = delete;
@@ -326,6 +322,18 @@ IStream::Result MemoryStream::write(std::span<const iovec> from, std::size_t& si
 }
 
 } // namespace
+
+PeerIdentity identityOf(const Streams& streams, std::uint64_t group)
+{
+    const auto deaths = streams.deaths.find(group);
+    PeerIdentity identity;
+    identity.pid = static_cast<std::int64_t>(group);
+    const auto user = streams.users.find(group);
+    identity.uid = user == streams.users.end() ? 0 : user->second;
+    identity.gid = 0;
+    identity.start = 1 + (deaths == streams.deaths.end() ? 0 : deaths->second);
+    return identity;
+}
 
 std::unique_ptr<IStream> makeStream(std::shared_ptr<Streams> streams, std::shared_ptr<Link> link, std::size_t side)
 {

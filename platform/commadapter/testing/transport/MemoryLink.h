@@ -65,6 +65,9 @@ struct Link {
     std::array<End, 2> ends;
 };
 
+/// Of a group's process as it is now. The lock held.
+PeerIdentity identityOf(const Streams& streams, std::uint64_t group);
+
 /// The stream of `link.ends[side]`.
 std::unique_ptr<IStream> makeStream(std::shared_ptr<Streams> streams, std::shared_ptr<Link> link, std::size_t side);
 

@@ -133,6 +133,7 @@ public:
     void connect(const Endpoint& endpoint, util::UniqueFunction<void(Connected)> done) override;
     comm::Reactor::Id watchEndpoint(const Endpoint& endpoint, util::UniqueFunction<void()> appeared) override;
     void unwatchEndpoint(comm::Reactor::Id id) override;
+    PeerIdentity whoListens(const std::string& process) const override;
     comm::TimeNs longestPause() const noexcept override { return comm::SECOND; }
     void close() override;
 
@@ -253,6 +254,13 @@ void MemoryTransport::unwatchEndpoint(comm::Reactor::Id id)
     std::unique_lock lock(m_network->lock);
     const auto node = m_port->watches.extract(id); // destroyed after the lock is free
     lock.unlock();
+}
+
+PeerIdentity MemoryTransport::whoListens(const std::string& process) const
+{
+    const std::lock_guard lock(m_network->lock);
+    const auto found = m_network->listening.find(process);
+    return found == m_network->listening.end() ? PeerIdentity() : memory::identityOf(*m_network, found->second->group);
 }
 
 void MemoryTransport::close()

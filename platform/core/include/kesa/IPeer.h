@@ -4,6 +4,7 @@
 #include <comm/Clock.h>
 #include <obr/api.h>
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -40,6 +41,20 @@ public:
     /// Why the connection has ended, such as "the peer closed the connection"; empty while it lives. Asked later than
     /// when its requests are cancelled for that, perhaps only that it has.
     virtual std::string endReason() const = 0;
+
+    /// Whether the peer has the name that it says hello with.
+    struct Name {
+        enum class Proof {
+            ePROVEN,    ///< the kernel says that others find it by that name
+            eUNPROVEN,  ///< nobody is found by it, or it cannot be known who
+            eDISPROVEN, ///< `holder`, a living process, is
+        };
+        Proof proof = Proof::eUNPROVEN;
+        std::int64_t holder = -1; ///< who is found by the name; -1: unknown
+    };
+    /// Looked up once for a connection, when this is first asked. Only on the loop on which the peer's requests are
+    /// handled first, the backend's.
+    virtual Name proveName() { return {}; }
 };
 
 } // namespace kesa

@@ -6,8 +6,16 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 namespace kesa::serviceregistry {
+
+// What a registry says of the process that has registered a service, by the kernel's word: whoever sends a record
+// cannot set them. Numbers, -1 where they are not known; the last one is true where it cannot be known whether the
+// process has the name under "provider", and missing else.
+inline constexpr std::string_view PROVIDER_UID = "provider_uid";
+inline constexpr std::string_view PROVIDER_GID = "provider_gid";
+inline constexpr std::string_view PROVIDER_UNPROVEN = "provider_unproven";
 
 /// The well-known keys of a service's metainfo.
 enum class MetainfoKeys : std::uint8_t {

@@ -1,0 +1,79 @@
+// Who provides a service is who registers it: a record says so by the kernel's word, whatever its sender has written
+// there, and an `ipc` locator leads to him.
+
+#include "service/RegistryImpl.h"
+
+#include <kesa/RequestContext.h>
+#include <kesa/serviceregistry/MetainfoKeys.h>
+#include <obr/visible.h>
+#include <util/percent.h>
+
+#include <fmt/format.h>
+
+namespace kesa::registry {
+
+namespace {
+
+using serviceregistry::MetainfoKeys;
+using serviceregistry::PROVIDER_GID;
+using serviceregistry::PROVIDER_UID;
+using serviceregistry::PROVIDER_UNPROVEN;
+using Proof = IPeer::Name::Proof;
+
+/// Of a locator that names another process than the one that registers it.
+std::string complaintAbout(const url& locator, const std::string& process)
+{
+    const std::string_view authority = locator.authority();
+    const std::string_view named = authority.substr(0, authority.find('+'));
+    if (locator.scheme() != "ipc" || named == process || util::decodePercent(named) == process) {
+        return {};
+    }
+    return fmt::format("the locator \"{}\" names another process than \"{}\", which registers it; a process registers "
+                       "its own locators",
+                       obr::glimpse(locator.toString()), obr::visible(process));
+}
+
+void setProvider(GenericObject& metainfo, const RequestContext& peer, Proof proof)
+{
+    static const std::string& key = *new std::string(*enumToValue(MetainfoKeys::provider));
+    if (!peer.process.empty()) {
+        metainfo.set(key, peer.process);
+    }
+    metainfo.set(PROVIDER_UID, peer.uid);
+    metainfo.set(PROVIDER_GID, peer.gid);
+    metainfo.erase(PROVIDER_UNPROVEN);
+    if (proof != Proof::ePROVEN) {
+        metainfo.set(PROVIDER_UNPROVEN, true);
+    }
+}
+
+} // namespace
+
+/// Why the record is not its sender's to register, and the status of that; empty when it is. What this process itself
+/// registers stays as it is.
+std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status)
+{
+    const RequestContext* const peer = RequestContext::current();
+    if (peer == nullptr) {
+        return {};
+    }
+    status = 400;
+    for (const url& locator : record.locators) {
+        if (std::string why = complaintAbout(locator, peer->process); !why.empty()) {
+            return why;
+        }
+    }
+    const IPeer::Name name = peer->peer ? peer->peer->proveName() : IPeer::Name();
+    if (name.proof == Proof::eDISPROVEN) {
+        status = 409;
+        return fmt::format("process {} calls itself \"{}\", but process {} has that name; end one of them, or give it "
+                           "another name",
+                           peer->pid, obr::visible(peer->process), name.holder);
+    }
+    GenericObject metainfo = record.metainfo ? std::move(*record.metainfo) : GenericObject();
+    setProvider(metainfo, *peer, name.proof);
+    record.metainfo = std::move(metainfo);
+    return {};
+}
+
+} // namespace kesa::registry
