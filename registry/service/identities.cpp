@@ -8,8 +8,6 @@
 #include <obr/visible.h>
 #include <util/percent.h>
 
-#include <fmt/format.h>
-
 namespace kesa::registry {
 
 namespace {
@@ -28,9 +26,8 @@ std::string complaintAbout(const url& locator, const std::string& process)
     if (locator.scheme() != "ipc" || named == process || util::decodePercent(named) == process) {
         return {};
     }
-    return fmt::format("the locator \"{}\" names another process than \"{}\", which registers it; a process registers "
-                       "its own locators",
-                       obr::glimpse(locator.toString()), obr::visible(process));
+    return "the locator \"" + obr::glimpse(locator.toString()) + "\" names another process than \"" +
+           obr::visible(process) + "\", which registers it; a process registers its own locators";
 }
 
 void setProvider(GenericObject& metainfo, const RequestContext& peer, Proof proof)
@@ -66,9 +63,9 @@ std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status)
     const IPeer::Name name = peer->peer ? peer->peer->proveName() : IPeer::Name();
     if (name.proof == Proof::eDISPROVEN) {
         status = 409;
-        return fmt::format("process {} calls itself \"{}\", but process {} has that name; end one of them, or give it "
-                           "another name",
-                           peer->pid, obr::visible(peer->process), name.holder);
+        return "process " + std::to_string(peer->pid) + " calls itself \"" + obr::visible(peer->process) +
+               "\", but process " + std::to_string(name.holder) +
+               " has that name; end one of them, or give it another name";
     }
     GenericObject metainfo = record.metainfo ? std::move(*record.metainfo) : GenericObject();
     setProvider(metainfo, *peer, name.proof);

@@ -85,10 +85,10 @@ class CallingPython(SystemTest):
 
     def test_what_cannot_be_sent_or_reached_cuts_nothing(self) -> None:
         values = self.system.follow("/counter", "/slow-count")
-        record = {"path": "/lost", "type": "pex", "versions": [], "locators": ["ipc://counter"]}
+        record = {"path": "/lost", "type": "pex", "versions": [], "locators": ["tcp://counter:1/x"]}
         inserted = self.system.follow("/registry", "/lost", command="insert", body=record)
         inserted.next(DEADLINE)
-        with self.assertRaisesRegex(kesa.ServiceNotThere, "cannot be reached from here: ipc://counter"):
+        with self.assertRaisesRegex(kesa.ServiceNotThere, "cannot be reached from here: tcp://counter:1/x"):
             self.system.call("/lost")
         nested: list = []
         for _ in range(40):
