@@ -39,7 +39,8 @@ public:
     void onCancel(std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}
-    void onNext(std::uint32_t, Response response) override { add(response.getPayload()); }
+    void onCredit(std::uint32_t, std::uint32_t) override {}
+    void onNext(std::uint32_t, Response response, std::size_t) override { add(response.getPayload()); }
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
     void onGoodbye(std::string) override {}

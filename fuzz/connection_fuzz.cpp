@@ -71,7 +71,8 @@ private:
         void onCancel(std::uint32_t) override {}
         void onAttached(std::uint32_t) override {}
         void onDetached(std::uint32_t) override {}
-        void onNext(std::uint32_t, Response) override {}
+        void onCredit(std::uint32_t, std::uint32_t) override {}
+        void onNext(std::uint32_t, Response, std::size_t) override {}
         void onError(std::uint32_t, Response) override {}
         void onCompleted(std::uint32_t) override {}
         void onGoodbye(std::string) override {}

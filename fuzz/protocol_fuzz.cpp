@@ -35,10 +35,10 @@ public:
         Recorder::onRequest(stream, target, std::move(request), isPersistent);
         compare();
     }
-    void onNext(std::uint32_t stream, Response response) override
+    void onNext(std::uint32_t stream, Response response, std::size_t size) override
     {
         m_isSaid = m_sender.output.next(stream, response) == Sent::eQUEUED;
-        Recorder::onNext(stream, std::move(response));
+        Recorder::onNext(stream, std::move(response), size);
         compare();
     }
     void onAttach(std::uint32_t target, std::string path) override

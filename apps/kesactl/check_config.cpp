@@ -50,6 +50,7 @@ util::config::Value valueOf(const CommSettings& settings)
                                     {"routes", routes},
                                     {"max_message_bytes", settings.maxMessageBytes},
                                     {"send_queue_bytes", static_cast<std::uint64_t>(settings.sendQueueBytes)},
+                                    {"stream_window_bytes", settings.streamWindow},
                                     {"heartbeat_ms", settings.heartbeat / comm::MILLISECOND}};
     if (!settings.socketGroup.empty()) {
         values.set("socket_group", settings.socketGroup);

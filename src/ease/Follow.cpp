@@ -197,7 +197,7 @@ void Follow::onError(unsigned number, const Response& error)
 {
     if (error.getStatus() == 503) {
         if (error.getErrorMessage() == detail::TOO_SLOW) {
-            tellTooSlow({});
+            tellTooSlow(m_room ? m_room->loop() : std::string());
         }
         askLater(number, error);
     } else if (endsWith(number)) {

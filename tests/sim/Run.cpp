@@ -70,16 +70,20 @@ void Run::drawFaults()
             faults.heldOpenPercent = static_cast<unsigned>(draw(2) * draw(100));
         }
     }
+    commadapter::CommSettings settings;
+    settings.streamWindow = oneIn(2) ? settings.streamWindow : static_cast<std::uint32_t>(1 + draw(3000));
+    m_world.setBackendSettings(settings, settings);
     if (m_options.registry && oneIn(6)) { // large records through narrow streams, and queues that overflow
         m_fillerBytes = 20000;
         faults.pipeBytes = 4096U << draw(4);
-        commadapter::CommSettings settings;
         settings.sendQueueBytes = 128U << 10U;
         m_world.setBackendSettings(settings, settings);
     } else if (oneIn(m_options.crowds)) {
         m_isCrowded = true;
         faults.pipeBytes = 4096U << draw(3);
-        m_world.setBackendSettings(crowdSettings(faults.pipeBytes), {});
+        commadapter::CommSettings ofCrowds = crowdSettings(faults.pipeBytes);
+        ofCrowds.streamWindow = settings.streamWindow;
+        m_world.setBackendSettings(ofCrowds, settings);
     }
     if (m_options.threads) {
         faults = {};

@@ -70,7 +70,7 @@ std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target,
 std::string hello(const std::string& instance)
 {
     using namespace std::string_literals;
-    return frame(eHELLO, 0, 0, "\xbf\x10\x01\x11\x01\x12"s + text("raw") + INSTANCE + instance + "\xff");
+    return frame(eHELLO, 0, 0, "\xbf\x10\x02\x11\x02\x12"s + text("raw") + INSTANCE + instance + "\xff");
 }
 
 std::string attach(std::uint32_t target, const std::string& path)

@@ -14,7 +14,7 @@ from .frames import Message
 from .heads import Hello
 from .wire import Wire
 
-VERSION = 1
+VERSION = 2
 HELLO_SECONDS = 3.0
 HEARTBEAT_SECONDS = 5.0
 PROTOCOL_BROKEN = "the peer broke the protocol"
@@ -57,6 +57,11 @@ class Connection:
         self._hello_timer = loop.call_later(HELLO_SECONDS, self._end, "the peer sent no hello")
         self._look_timer = loop.call_later(_LOOK_SECONDS, self._look)
         self._wire.write(Message(frames.HELLO, head=own).encode())
+
+    @property
+    def window(self) -> int:
+        """Of this side, for each persistent stream."""
+        return self._own.window
 
     @property
     def limit(self) -> int:

@@ -10,7 +10,7 @@ from typing import Iterator
 from . import heads
 from .errors import ProtocolError
 
-HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG, GOODBYE = range(1, 13)
+HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG, GOODBYE, CREDIT = range(1, 14)
 LARGEST_FRAME = 65536
 LARGEST_STREAM = 65536
 _MORE = 1
@@ -43,18 +43,31 @@ _KINDS = {
     PING: _Kind("ping", "both"),
     PONG: _Kind("pong", "both"),
     GOODBYE: _Kind("goodbye", "server", head=True),
+    CREDIT: _Kind("credit", "client", stream=True, target=True),
 }
 
 
 @dataclass
 class Message:
-    """One message. `target` of next and error is the status."""
+    """One message. `target` of next and error is the status, that of credit the bytes."""
 
     kind: int
     stream: int = 0
     target: int = 0
     head: heads.Head | heads.Hello = field(default_factory=heads.Head)
     body: bytes = b""
+    head_size: int | None = field(default=None, compare=False)
+    """Of one that came, as its sender wrote it."""
+
+    @property
+    def charge(self) -> int:
+        """What a value takes of the window of its stream."""
+        size = self.head_size
+        if size is None:
+            size = len(self.head.encode())
+            if size + len(self.body) > LARGEST_FRAME:
+                size = len(dataclasses.replace(self.head, body_size=len(self.body)).encode())
+        return _HEADER.size + size + len(self.body)
 
     def encode(self, limit: int = heads.DEFAULT_LIMIT) -> bytes:
         """All its frames, one behind the other. ValueError if it has no form; OverflowError if it is larger than `limit`."""
@@ -117,7 +130,7 @@ class Decoder:
         if stream in self._fragmented:
             return self._continued(kind, flags, head_size, stream, target, body)
         try:
-            message = Message(kind, stream, target, heads.decode_hello(head) if kind == HELLO else heads.decode(head), body)
+            message = Message(kind, stream, target, heads.decode_hello(head) if kind == HELLO else heads.decode(head), body, head_size)
         except ProtocolError as error:
             raise ProtocolError(f"broken head of {_KINDS[kind].name}: {error}") from None
         if not flags & _MORE:

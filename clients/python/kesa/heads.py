@@ -11,8 +11,10 @@ from .errors import ProtocolError
 LARGEST_HEAD = 61440
 LEVELS = 32
 _REASON = 23
+_WINDOW = 24
 _LONGEST_NAME = 64
 DEFAULT_LIMIT = 16 * 1024 * 1024
+DEFAULT_WINDOW = 64 * 1024
 
 _COMMANDS = {0: "retrieve", 1: "update", 2: "delete", 3: "insert"}
 _MIME_TYPES = {
@@ -110,14 +112,15 @@ class Hello:
     instance: bytes
     listeners: list[str]
     limit: int = DEFAULT_LIMIT
+    window: int = DEFAULT_WINDOW
 
     def encode(self) -> bytes:
         """The bytes of the head."""
         members = (self.lowest, self.highest, self.process, self.realm, self.instance, self.listeners, self.limit)
         out = bytearray(b"\xbf")
-        for at, member in enumerate(members):
+        for key, member in [*enumerate(members, 16), (_WINDOW, self.window)]:
             if member not in ("", []):
-                cbor.write(out, 16 + at)
+                cbor.write(out, key)
                 cbor.write(out, member)
         return bytes(out) + b"\xff"
 
@@ -134,6 +137,9 @@ def decode_hello(data: bytes) -> Hello:
     process = _text(18, members.get(18, ""))
     if len(process.encode()) > _LONGEST_NAME:
         raise ProtocolError(f"the process name has {len(process.encode())} bytes, more than {_LONGEST_NAME}")
+    window = _number(_WINDOW, members.get(_WINDOW, DEFAULT_WINDOW))
+    if not window:
+        raise ProtocolError("hello with a stream window of 0 bytes")
     return Hello(
         _number(16, members.get(16)),
         _number(17, members.get(17)),
@@ -142,6 +148,7 @@ def decode_hello(data: bytes) -> Hello:
         instance,
         listeners,
         _number(22, members.get(22, DEFAULT_LIMIT)),
+        window,
     )
 
 

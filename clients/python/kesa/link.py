@@ -71,6 +71,8 @@ class Exchange:
     on_end: Callable[[ServiceError | None], None]
     stream: int = 0
     cancelled: bool = False
+    handled: int = 0
+    """Bytes of values that the server was not told of yet."""
     headers: dict[str, Any] = field(default_factory=dict)
 
 
@@ -257,11 +259,20 @@ class Link:
         if message.kind == frames.NEXT:
             if not exchange.cancelled:
                 exchange.on_value(Answer(message.target, message.head.mime_type, message.body, message.head.headers))
+                self._handled(exchange, message.charge)
             return
         del self._exchanges[message.stream]
         if not exchange.target.users:
             self._drop_unused(exchange.target)
         exchange.on_end(_error(message) if message.kind == frames.ERROR else None)
+
+
+    def _handled(self, exchange: Exchange, size: int) -> None:
+        # What waits for its user from here on is bounded by who keeps it.
+        exchange.handled += size
+        if exchange.semantic == STREAM and self._connection and exchange.handled >= self._connection.window // 2:
+            self._connection.send(Message(frames.CREDIT, exchange.stream, exchange.handled))
+            exchange.handled = 0
 
 
 def _error(message: Message) -> ServiceError:

@@ -6,6 +6,7 @@ import asyncio
 import logging
 import socket
 import threading
+from collections import deque
 from typing import Any
 
 from . import about, frames, requests
@@ -148,7 +149,8 @@ class _Peer:
         elif message.kind == frames.REQUEST:
             self._request(message)
         elif message.stream in self.open:
-            self.open[message.stream].cancel("cancelled")
+            serving = self.open[message.stream]
+            serving.credit(message.target) if message.kind == frames.CREDIT else serving.cancel("cancelled")
 
     def _attach(self, number: int, path: str) -> None:
         if number in self._paths:
@@ -193,6 +195,10 @@ class _Serving:
         self._request = request
         self._semantic = semantic
         self._slots = threading.Semaphore(_MOST_UNDER_WAY)
+        self._used = 0  # of the window of a persistent stream
+        self._waiting: deque[Message] = deque()  # for credit
+        self._last: Message | None = None  # the end behind them
+        self._held = 0  # slots of values that have not left
 
     def value(self, body: Body) -> bool:
         self._slots.acquire()
@@ -221,27 +227,62 @@ class _Serving:
 
     def cancel(self, reason: str) -> None:
         """Its handler hears it; what that still says is dropped."""
-        self.finish(ServiceError(503, reason))
+        self._waiting.clear()
+        self._release_slots()
+        if self._last:
+            self._leave(self._last)
+        else:
+            self.finish(ServiceError(503, reason))
+
+    def credit(self, size: int) -> None:
+        """The client has handled so much."""
+        if size > self._used:
+            raise ProtocolError("more credit than a stream has taken")
+        self._used -= size
+        while self._waiting and self._used < self._peer.connection.peer.window:
+            self._transmit(self._waiting.popleft())
+        self._release_slots()
+        if self._last and not self._waiting:
+            self._leave(self._last)
 
     def finish(self, error: ServiceError | None) -> None:
         """Sends the one end of the request."""
-        if self._peer.open.get(self._stream) is not self:
+        if self._is_over():
             return
-        del self._peer.open[self._stream]
         self._request.cancelled.set()
+        self._last = self._end_message(error)
+        if not self._waiting:
+            self._leave(self._last)
+
+    def _is_over(self) -> bool:
+        return self._last is not None or self._peer.open.get(self._stream) is not self
+
+    def _leave(self, last: Message) -> None:
+        if self._peer.open.pop(self._stream, None):
+            self._peer.connection.send(last)
+
+    def _end_message(self, error: ServiceError | None) -> Message:
         if not error:
-            self._peer.connection.send(Message(frames.COMPLETED, self._stream))
-            return
+            return Message(frames.COMPLETED, self._stream)
         text = error.reason.encode(errors="replace")
         message = Message(frames.ERROR, self._stream, error.status, Head(mime_type=TEXT if text else ""), text)
         try:
-            self._peer.connection.send(message)
+            message.encode(self._peer.connection.limit)
+            return message
         except (OverflowError, ValueError):
-            self._peer.connection.send(Message(frames.ERROR, self._stream, error.status))
+            return Message(frames.ERROR, self._stream, error.status)
 
     def _value(self, body: Body) -> None:
         self._send(body)
-        self._peer.connection.when_room(self._slots.release)
+        self._held += 1
+        self._release_slots()
+
+    def _release_slots(self) -> None:
+        # The handler goes on when what it has said may leave.
+        if not self._waiting:
+            for _ in range(self._held):
+                self._peer.connection.when_room(self._slots.release)
+            self._held = 0
 
     def _end(self, body: Body | None, error: ServiceError | None) -> None:
         self._peer.server.running -= 1
@@ -249,12 +290,25 @@ class _Serving:
             self._send(body)
         self.finish(error)
 
+    def _send_value(self, value: Message) -> None:
+        connection = self._peer.connection
+        if self._semantic == STREAM:
+            if self._waiting or self._used >= connection.peer.window:
+                value.encode(connection.limit)  # it is refused now
+                self._waiting.append(value)
+                return
+        self._transmit(value)
+
+    def _transmit(self, value: Message) -> None:
+        self._used += value.charge if self._semantic == STREAM else 0
+        self._peer.connection.send(value)
+
     def _send(self, body: Body) -> None:
-        if self._peer.open.get(self._stream) is not self:
+        if self._is_over():
             return
         if self._semantic != EMPTY:
             try:
-                self._peer.connection.send(Message(frames.NEXT, self._stream, 200, Head(mime_type=body.mime_type), body.data))
+                self._send_value(Message(frames.NEXT, self._stream, 200, Head(mime_type=body.mime_type), body.data))
             except OverflowError as problem:
                 self.finish(ServiceError(413, str(problem)))
             except (ValueError, TypeError) as problem:

@@ -24,6 +24,7 @@ _NAMES = {
     frames.PING: "ping",
     frames.PONG: "pong",
     frames.GOODBYE: "goodbye",
+    frames.CREDIT: "credit",
 }
 
 
@@ -54,7 +55,7 @@ def describe(message: frames.Message, long_body: bool) -> str:
     head = message.head
     if message.kind == frames.HELLO:
         words = [f"hello {head.lowest}..{head.highest}", head.process, head.realm, str(uuid.UUID(bytes=head.instance))]
-        return " ".join([*words, str(head.limit), *head.listeners])
+        return " ".join([*words, str(head.limit), str(head.window), *head.listeners])
     words = [_NAMES[message.kind]]
     words += [str(message.stream)] if message.stream else []
     words += [str(message.target)] if message.target else []

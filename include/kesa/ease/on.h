@@ -5,6 +5,7 @@
 #include <kesa/FuncCallEvent.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/IResponseHandler.h>
+#include <kesa/Receipt.h>
 #include <kesa/Response.h>
 #include <kesa/ease/OwnLoop.h>
 
@@ -58,8 +59,8 @@ private:
     std::atomic<bool> m_hasLoopEnded{false};
 };
 
-/// A response on its way to a loop. Its room is taken until it has been handled, or was dropped, since the loop has
-/// ended.
+/// A response on its way to a loop. Its room is taken, and its receipt kept, until it has been handled, or was dropped,
+/// since the loop has ended.
 class WaitingResponse {
 public:
     /// After `take`.
@@ -86,6 +87,7 @@ public:
 private:
     std::shared_ptr<LoopRoom> m_room;
     Response m_response;
+    Receipt m_receipt = Receipt::take();
     bool m_isHandled = false;
 };
 
@@ -125,7 +127,9 @@ public:
         if constexpr (std::is_same_v<T, Response>) {
             return room == nullptr || onResponse(value);
         } else {
-            return send([shared = m_shared, value] { shared->call([&](auto& handler) { handler.onNext(value); }); });
+            return send([shared = m_shared, value, receipt = Receipt::take()] {
+                shared->call([&](auto& handler) { handler.onNext(value); });
+            });
         }
     }
     void onError(const Response& error) override
@@ -207,10 +211,11 @@ private:
 /// Moves a handler to the loop of `activeObject`, where it may block: it is called and destroyed there, in the order of
 /// the stream. Values are copied. Every value counts as accepted while the loop lives and has room.
 ///
-/// Of responses 4 MiB may wait for the handler, each with 256 bytes more than its payload; one more, and the stream is
-/// "too slow", as it would be for a handler that held the I/O loop. What `Client::follow` asks for is cancelled and
-/// asked for again, see there. The handler of any other request hears what waits and then 503, and nothing more: who
-/// made the request cancels it. Other values all wait.
+/// Of a persistent stream no more waits than its window has ("stream_window_bytes"): the rest waits at the provider,
+/// whose policy decides when it is too much. Of responses that come otherwise 4 MiB may wait for the handler, each with
+/// 256 bytes more than its payload; one more, and the stream is "too slow", as it would be for a handler that held the
+/// I/O loop. What `Client::follow` asks for is cancelled and asked for again, see there. The handler of any other
+/// request hears what waits and then 503, and nothing more: who made the request cancels it. Other values all wait.
 ///
 /// When the handler that is returned is destroyed before the stream's end (the request was cancelled), no call begins
 /// any more; one that is running on the loop goes on to its end. `activeObject` is held weakly: without it, or once it

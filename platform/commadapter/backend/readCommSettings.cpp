@@ -144,6 +144,7 @@ struct Member {
 constexpr std::size_t MOST_SENTENCES = 10;
 
 constexpr std::uint64_t SMALLEST_LIMIT = 64U << 10U;
+constexpr std::uint64_t SMALLEST_WINDOW = 4U << 10U;
 constexpr std::uint64_t LARGEST_LIMIT = 1U << 30U;
 
 constexpr std::array MEMBERS = {
@@ -165,6 +166,10 @@ constexpr std::array MEMBERS = {
     Member{"send_queue_bytes",
            [](const Setting& setting, CommSettings& settings) {
                setting.readNumber(SMALLEST_LIMIT, LARGEST_LIMIT, settings.sendQueueBytes);
+           }},
+    Member{"stream_window_bytes",
+           [](const Setting& setting, CommSettings& settings) {
+               setting.readNumber(SMALLEST_WINDOW, LARGEST_LIMIT, settings.streamWindow);
            }},
     Member{"heartbeat_ms", readHeartbeat},
     Member{"listen", nullptr},

@@ -6,12 +6,13 @@
 
 namespace kesa::commadapter::protocol {
 
-inline constexpr std::uint16_t LOWEST_VERSION = 1;
-inline constexpr std::uint16_t HIGHEST_VERSION = 1;
+inline constexpr std::uint16_t LOWEST_VERSION = 2;
+inline constexpr std::uint16_t HIGHEST_VERSION = 2;
 
 inline constexpr std::size_t HEADER_BYTES = 16;
 inline constexpr std::size_t FRAME_BYTES = 64U << 10U;      ///< head and body in one frame; a larger message is cut
 inline constexpr std::size_t MAX_HEAD_BYTES = 60U << 10U;   ///< so that every head fits into its first fragment
+inline constexpr std::uint32_t STREAM_WINDOW = 64U << 10U;  ///< of a peer that does not say another
 inline constexpr std::size_t MAX_PATH_BYTES = 4096;         ///< of an attached path
 inline constexpr std::size_t INLINE_BODY_BYTES = 4U << 10U; ///< bodies up to this are copied, larger ones are not
 inline constexpr std::size_t MAX_INTERLEAVED = 16;          ///< fragmented messages of one side under way at once
@@ -29,10 +30,17 @@ enum class Kind : std::uint8_t {
     ePING,
     ePONG,
     eGOODBYE,
+    eCREDIT,
 };
 
 inline constexpr std::uint8_t FLAG_MORE = 1;           ///< the message goes on in a later frame of its stream
 inline constexpr std::uint8_t FLAG_MAY_BE_IGNORED = 2; ///< whoever does not know the kind skips the frame
+
+/// What a message of so many bytes, head and body, takes of a window.
+inline constexpr std::size_t chargeOf(std::size_t content) noexcept
+{
+    return HEADER_BYTES + content;
+}
 
 /// The 16 bytes in front of each frame.
 struct FrameHeader {
@@ -41,7 +49,7 @@ struct FrameHeader {
     std::uint8_t flags = 0;
     std::uint16_t head = 0;
     std::uint32_t stream = 0;
-    std::uint32_t target = 0; ///< number of the attached path; in answers the status
+    std::uint32_t target = 0; ///< number of the attached path; in answers the status, in credit the bytes
 
     bool hasMore() const noexcept { return (flags & FLAG_MORE) != 0; }
     std::size_t body() const noexcept { return length - head; }

@@ -46,6 +46,8 @@ enum class Key : std::uint8_t {
 
     eREASON = 23,
 
+    eSTREAM_WINDOW = 24,
+
     eNONE = 255, ///< never sent
 };
 

@@ -285,6 +285,9 @@ bool readHello(const unsigned char* data, std::size_t size, Hello& hello, std::s
             return readListeners(in, hello.listeners);
         case Key::eMAX_MESSAGE_BYTES:
             return readNumberInto(in, hello.maxMessageBytes);
+        case Key::eSTREAM_WINDOW:
+            return readNumberInto(in, hello.streamWindow) ||
+                   (hello.streamWindow == 0 && in.fail("a stream window of 0 bytes"));
         default:
             return in.skip(VALUE_DEPTH);
         }

@@ -95,6 +95,7 @@ void HeadWriter::hello(const Hello& hello)
     }
     cbor::putByte(m_out, cbor::BREAK);
     integer(Key::eMAX_MESSAGE_BYTES, hello.maxMessageBytes);
+    integer(Key::eSTREAM_WINDOW, hello.streamWindow);
 }
 
 void HeadWriter::attach(std::string_view path)

@@ -1,6 +1,8 @@
 #ifndef KESA_COMMADAPTER_PROTOCOL_HELLO_H
 #define KESA_COMMADAPTER_PROTOCOL_HELLO_H
 
+#include "protocol/Frame.h"
+
 #include <obr/UUID.h>
 
 #include <cstdint>
@@ -15,13 +17,14 @@ enum class Role { eCLIENT, eSERVER };
 
 /// How a process introduces itself on a connection.
 struct Hello {
-    std::uint16_t lowestVersion = 1;
-    std::uint16_t highestVersion = 1;
+    std::uint16_t lowestVersion = LOWEST_VERSION;
+    std::uint16_t highestVersion = HIGHEST_VERSION;
     std::string process;
     std::string realm;
     obr::UUID instance; ///< differs for each start of a process
     std::vector<std::string> listeners;
     std::uint32_t maxMessageBytes = 16U << 20U; ///< of a peer; the own one is that of the own `Limits`
+    std::uint32_t streamWindow = STREAM_WINDOW; ///< the same
 };
 
 /// How the reason begins why a connection between processes of different versions ends.

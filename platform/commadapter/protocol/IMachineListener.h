@@ -32,11 +32,14 @@ public:
     /// `isPersistent`: it asks for a stream that lasts, else it is a call, with an answer or a few.
     virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) = 0;
     virtual void onCancel(std::uint32_t stream) = 0;
+    /// The client has handled so much of the stream's values, see `Output::credit`.
+    virtual void onCredit(std::uint32_t stream, std::uint32_t bytes) = 0;
 
     // Heard by the side that asks.
     virtual void onAttached(std::uint32_t target) = 0;
     virtual void onDetached(std::uint32_t target) = 0;
-    virtual void onNext(std::uint32_t stream, Response response) = 0;
+    /// `bytes`: what it takes of the window of a persistent stream.
+    virtual void onNext(std::uint32_t stream, Response response, std::size_t bytes) = 0;
     virtual void onError(std::uint32_t stream, Response error) = 0;
     virtual void onCompleted(std::uint32_t stream) = 0;
     /// The server is about to end the connection, and says why.

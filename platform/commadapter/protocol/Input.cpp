@@ -194,6 +194,9 @@ bool Input::handle(const FrameHeader& header, const unsigned char* content)
         return false;
     case Kind::eGOODBYE:
         return handleGoodbye(header, content);
+    case Kind::eCREDIT:
+        m_listener.onCredit(header.stream, header.target);
+        return false;
     default: // a kind that may be ignored
         return false;
     }
@@ -213,6 +216,7 @@ bool Input::handleHello(const FrameHeader& header, const unsigned char* content)
     }
     m_hasHello = true;
     m_shared.peerMaxMessageBytes.store(peer.maxMessageBytes, std::memory_order_relaxed);
+    m_shared.peerStreamWindow.store(peer.streamWindow, std::memory_order_relaxed);
     m_shared.hasHello.store(true, std::memory_order_relaxed);
     m_listener.onHello(peer);
     return false;
@@ -386,11 +390,12 @@ void Input::deliver(const FrameHeader& header, const Head& head, Payload payload
         return;
     }
     const auto status = static_cast<unsigned short>(header.target);
+    const std::size_t bytes = chargeOf(header.head + payload.size());
     Response response = source == nullptr ? Response(status, std::move(payload))
                                           : Response(status, std::move(payload),
                                                      std::shared_ptr<const IHeaderSource>(std::move(source)));
     if (kind == Kind::eNEXT) {
-        m_listener.onNext(header.stream, std::move(response));
+        m_listener.onNext(header.stream, std::move(response), bytes);
     } else {
         m_listener.onError(header.stream, std::move(response));
     }

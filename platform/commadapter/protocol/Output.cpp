@@ -20,6 +20,7 @@ Output::Output(Role role, const Hello& own, const Limits& limits, Shared& shared
 {
     Hello hello = own;
     hello.maxMessageBytes = limits.maxMessageBytes;
+    hello.streamWindow = limits.streamWindow;
     HeadWriter head(m_queue.begin());
     head.hello(hello);
     head.close();
@@ -71,6 +72,9 @@ Sent Output::finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadW
 {
     const Sent verdict = close(head, body);
     if (verdict == Sent::eQUEUED) {
+        if (isPersistent) {
+            m_queue.setStreamWindow(m_shared.peerStreamWindow.load(std::memory_order_relaxed));
+        }
         m_queue.push(kind, stream, target, body, isPersistent);
     } else {
         m_queue.abandon();
@@ -112,6 +116,15 @@ const char* Output::whoseLimit() const
     return m_limits.maxMessageBytes == peers                                 ? "both processes"
            : (m_limits.maxMessageBytes < peers) == (m_role == Role::eCLIENT) ? "the asking process"
                                                                              : "the serving process";
+}
+
+void Output::credit(std::uint32_t stream, std::size_t bytes)
+{
+    while (bytes > 0) {
+        const auto some = static_cast<std::uint32_t>(std::min<std::size_t>(bytes, UINT32_MAX));
+        m_queue.push(Kind::eCREDIT, stream, some);
+        bytes -= some;
+    }
 }
 
 Cancelled Output::cancel(std::uint32_t stream)

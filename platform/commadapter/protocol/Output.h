@@ -51,20 +51,38 @@ public:
     /// An error whose text does not fit is sent without it.
     void error(std::uint32_t stream, const Response& response);
     void completed(std::uint32_t stream) { m_queue.push(Kind::eCOMPLETED, stream, 0); }
+    /// From the client: so many bytes of the stream's values have been handled. See `Windows` in docs/protocol.md.
+    void credit(std::uint32_t stream, std::size_t bytes);
+    /// At the server: what that brings. The values that waited for it are queued, and then the stream's end if that
+    /// waited with them.
+    StreamWindows::Given takeCredit(std::uint32_t stream, std::size_t bytes)
+    {
+        return m_queue.takeCredit(stream, bytes);
+    }
+    /// Whether values of the stream wait for credit, and perhaps its end behind them: then its number is in use.
+    bool isWaiting(std::uint32_t stream) const { return m_queue.isWaiting(stream); }
     /// Takes back what is queued of that stream and not yet begun to be written; a message begun is finished, and the
     /// cancel follows it.
     [[nodiscard]] Cancelled cancel(std::uint32_t stream);
-    /// Drops the queued, not yet begun values of a stream that is being ended by the serving side.
-    void dropQueued(std::uint32_t stream) { m_queue.drop(stream, Kind::eNEXT); }
+    /// Drops the queued, not yet begun values of a stream that is being ended by the serving side, and those that wait.
+    void dropQueued(std::uint32_t stream)
+    {
+        m_queue.drop(stream, Kind::eNEXT);
+        m_queue.dropWaiting(stream);
+    }
+    /// Drops only those that wait for credit.
+    void dropWaiting(std::uint32_t stream) { m_queue.dropWaiting(stream); }
     /// What has no form on the wire is not said.
     void goodbye(std::string_view reason);
     void ping() { m_queue.push(Kind::ePING, 0, 0); }
     void pong();
 
-    /// Bytes queued and not yet sent.
+    /// Bytes queued and not yet sent, without those that wait for credit.
     std::size_t queuedBytes() const noexcept { return m_queue.bytes(); }
-    /// Those of values of persistent streams; one that has begun to leave may count as a whole.
-    std::size_t persistentBytes() const noexcept { return m_queue.persistentBytes(); }
+    /// Values that wait for credit.
+    std::size_t waitingBytes() const noexcept { return m_queue.waitingBytes(); }
+    /// All values of persistent streams that are here; one that has begun to leave may count as a whole.
+    std::size_t persistentBytes() const noexcept { return m_queue.persistentBytes() + m_queue.waitingBytes(); }
     /// Bytes queued for one stream.
     std::size_t queuedBytes(std::uint32_t stream) { return m_queue.bytes(stream); }
     /// How many bytes will have been sent once all that is queued has.

@@ -24,6 +24,7 @@ constexpr Rule RULES[] = {
     {"ping", true, true, false, Target::eNONE, false, false},
     {"pong", true, true, false, Target::eNONE, false, false},
     {"goodbye", false, true, false, Target::eNONE, true, false},
+    {"credit", true, false, true, Target::eBYTES, false, false},
 };
 
 [[nodiscard]] bool breaksTargetRule(const FrameHeader& header, const Rule& rule, std::string& why)
@@ -43,6 +44,11 @@ constexpr Rule RULES[] = {
     case Target::eSTATUS:
         if (target > UINT16_MAX) {
             why = fmt::format("{} with status {}", rule.name, target);
+        }
+        break;
+    case Target::eBYTES:
+        if (target == 0) {
+            why = fmt::format("{} of no bytes", rule.name);
         }
         break;
     }

@@ -10,7 +10,7 @@ namespace kesa::commadapter::protocol {
 
 /// What a frame of one kind may look like.
 struct Rule {
-    enum class Target : std::uint8_t { eNONE, ePATH, eSTATUS };
+    enum class Target : std::uint8_t { eNONE, ePATH, eSTATUS, eBYTES };
 
     const char* name = nullptr; ///< null: the kind is unknown
     bool fromClient = false;

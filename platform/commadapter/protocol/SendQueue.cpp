@@ -22,6 +22,33 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target)
 
 void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent)
 {
+    if (waitsForCredit(kind, stream, isPersistent)) {
+        const auto head = m_frames.head();
+        m_windows.wait(stream, {kind, target, {head.begin(), head.end()}, body, isPersistent});
+        m_frames.abandon();
+        return;
+    }
+    if (isPersistent) {
+        m_windows.use(stream, chargeOf(m_frames.head().size() + body.size()));
+    }
+    pushEncoded(kind, stream, target, body, isPersistent);
+}
+
+bool SendQueue::waitsForCredit(Kind kind, std::uint32_t stream, bool isPersistent)
+{
+    if (kind != Kind::eERROR && kind != Kind::eCOMPLETED) {
+        return isPersistent && m_windows.isShut(stream);
+    }
+    if (m_windows.isWaiting(stream)) {
+        return true;
+    }
+    m_windows.end(stream);
+    return false;
+}
+
+void SendQueue::pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body,
+                            bool isPersistent)
+{
     const auto head = m_frames.head();
     if (head.size() + body.size() <= FRAME_BYTES && !m_turns.has(stream)) {
         m_frames.push(kind, stream, target, body, isPersistent);
@@ -31,6 +58,32 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, cons
     m_frames.abandon();
     if (m_turns.push(stream, std::move(message))) {
         m_frames.pushPlace(stream);
+    }
+}
+
+// ---- credit ---------------------------------------------------------------------------------------------------
+
+StreamWindows::Given SendQueue::takeCredit(std::uint32_t stream, std::size_t bytes)
+{
+    const auto given = m_windows.giveBack(stream, bytes);
+    if (given == StreamWindows::Given::eTAKEN) {
+        queueWaiting(stream);
+    }
+    return given;
+}
+
+void SendQueue::queueWaiting(std::uint32_t stream)
+{
+    while (const auto message = m_windows.takeNext(stream)) {
+        begin().append(message->head.data(), message->head.size());
+        pushEncoded(message->kind, stream, message->target, message->body, message->isPersistent);
+    }
+}
+
+void SendQueue::dropWaiting(std::uint32_t stream)
+{
+    if (m_windows.drop(stream)) {
+        queueWaiting(stream);
     }
 }
 

@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_PROTOCOL_SENDQUEUE_H
 
 #include "protocol/FrameQueue.h"
+#include "protocol/StreamWindows.h"
 #include "protocol/TurnQueue.h"
 
 #include <kesa/Payload.h>
@@ -19,7 +20,8 @@ namespace kesa::commadapter::protocol {
 ///
 /// Messages of one frame stand in one queue. A larger message has a place there until what was written before it has
 /// left; then it joins those that take turns by fragments, and between two fragments the frames may send as much as one
-/// fragment holds. What is written for its stream meanwhile waits with it: that keeps the order of each stream.
+/// fragment holds. What is written for its stream meanwhile waits with it: that keeps the order of each stream. Values
+/// of a persistent stream whose window is used up stand apart until there is credit, with what follows them.
 class SendQueue {
 public:
     // ---- writing a message ------------------------------------------------------------------------------------
@@ -28,7 +30,7 @@ public:
     ByteQueue& begin() { return m_frames.begin(); }
     /// Forgets what was encoded since `begin`.
     void abandon() { m_frames.abandon(); }
-    /// Queues what was encoded since `begin`, followed by `body`.
+    /// Queues what was encoded since `begin`, followed by `body`. Only values may be persistent.
     void push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent = false);
     /// Queues a message of nothing but a header.
     void push(Kind kind, std::uint32_t stream, std::uint32_t target);
@@ -38,6 +40,10 @@ public:
     /// Drops the messages of `stream` and `kind` of which no byte has been written. Answers whether there were any.
     bool drop(std::uint32_t stream, Kind kind);
 
+    /// Drops the values of `stream` that wait for credit; an end that waited behind them is queued.
+    void dropWaiting(std::uint32_t stream);
+
+    /// Of what may leave.
     std::size_t bytes() const noexcept { return m_frames.bytes() + m_turns.bytes(); }
     /// Of messages pushed as persistent. One of one frame counts as a whole until it has left.
     std::size_t persistentBytes() const noexcept { return m_frames.persistentBytes() + m_turns.persistentBytes(); }
@@ -52,6 +58,13 @@ public:
     bool contains(std::uint32_t stream, Kind kind, std::uint64_t endThen);
     bool hasPing() const noexcept { return m_frames.hasPing(); }
     bool hasPong() const noexcept { return m_frames.hasPong(); }
+
+    // ---- credit -----------------------------------------------------------------------------------------------
+
+    void setStreamWindow(std::size_t bytes) noexcept { m_windows.setSize(bytes); }
+    StreamWindows::Given takeCredit(std::uint32_t stream, std::size_t bytes);
+    bool isWaiting(std::uint32_t stream) const { return m_windows.isWaiting(stream); }
+    std::size_t waitingBytes() const noexcept { return m_windows.bytes(); }
 
     // ---- leaving ----------------------------------------------------------------------------------------------
 
@@ -71,9 +84,13 @@ private:
     void sentFrames(std::size_t size);
     void sentFragment(std::size_t size);
     void moveUp(std::uint32_t stream);
+    bool waitsForCredit(Kind kind, std::uint32_t stream, bool isPersistent);
+    void pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent);
+    void queueWaiting(std::uint32_t stream);
 
     FrameQueue m_frames;
     TurnQueue m_turns;
+    StreamWindows m_windows;
     std::size_t m_credit = FRAME_BYTES; ///< bytes of frames that may leave before the next fragment
     std::uint64_t m_sent = 0;           ///< bytes, ever
     std::vector<Step> m_steps;          ///< of the last `gather`

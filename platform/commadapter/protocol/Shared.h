@@ -1,6 +1,8 @@
 #ifndef KESA_COMMADAPTER_PROTOCOL_SHARED_H
 #define KESA_COMMADAPTER_PROTOCOL_SHARED_H
 
+#include "protocol/Frame.h"
+
 #include <comm/Clock.h>
 
 #include <atomic>
@@ -20,6 +22,7 @@ struct Shared {
     std::atomic<bool> hasHello{false};
     std::atomic<bool> isShut{false}; ///< the input half takes up no further frame
     std::atomic<std::uint32_t> peerMaxMessageBytes{UINT32_MAX};
+    std::atomic<std::uint32_t> peerStreamWindow{STREAM_WINDOW};
 };
 
 } // namespace kesa::commadapter::protocol

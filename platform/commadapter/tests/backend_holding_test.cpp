@@ -138,6 +138,7 @@ class BackendHoldingSlowly : public BackendHolding {
 protected:
     BackendHoldingSlowly()
     {
+        settings.streamWindow = 1U << 20U; // credit waits behind the requests that are not read
         begin();
         kept = client->request(persistent());
         settle();

@@ -39,7 +39,7 @@ Bytes joined(std::initializer_list<Bytes> parts)
     return all;
 }
 
-Bytes hello(const Bytes& versions = {16, 1, 17, 1})
+Bytes hello(const Bytes& versions = {16, 2, 17, 2})
 {
     return frame(1, 0, 0, 0, joined({{0xBF}, versions, {0xFF}}));
 }
@@ -75,12 +75,14 @@ TEST(ProtocolBounds, TheFirstMessageIsHelloAndOnlyTheFirst)
     for (const auto& [bytes, reason] : Offences{
              {frame(10, 0, 0, 0), "first message is of kind 10, not hello"},
              {joined({hello(), hello()}), "second hello"},
-             {hello({16, 2, 17, 9}), "no common protocol version: this side speaks 1 to 1, the peer 2 to 9"},
-             {hello({16, 0, 17, 9}), ""}, // the highest common one is 1
+             {hello({16, 1, 17, 1}), "no common protocol version: this side speaks 2 to 2, the peer 1 to 1"},
+             {hello({16, 3, 17, 9}), "no common protocol version: this side speaks 2 to 2, the peer 3 to 9"},
+             {hello({16, 0, 17, 9}), ""}, // the highest common one is 2
              {frame(1, 0, 0, 0), broken + "it ends inside a value"},
              {hello({16, 0x61, 'a'}), broken + "a value is not a number in its range"},
              {hello({20, 0x41, 0}), broken + "the instance is not 16 bytes"},
              {hello({21, 1}), broken + "the listeners are not an array"},
+             {hello({24, 24, 0}), broken + "a stream window of 0 bytes"},
          }) {
         EXPECT_EQ(reasonOf(Role::eSERVER, bytes), reason);
     }
@@ -98,12 +100,15 @@ TEST(ProtocolBounds, RolesNumbersAndParts)
         {frame(5, 0, 0, 1), "request without a stream"},
         {frame(9, 0, 1, 1), "cancel with target 1"},
         {frame(10, 4, 0, 0), "unknown flags 0x04"},
+        {frame(13, 0, 0, 1), "credit without a stream"},
+        {frame(13, 0, 1, 0), "credit of no bytes"},
         {claim(10, 11), "head of 11 bytes in a frame of 10"},
         {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
     };
     expectReasons(Role::eSERVER, ofClient);
-    expectReasons(Role::eCLIENT,
-                  {{frame(5, 0, 1, 1), "request from a server"}, {frame(8, 0, 1, 200), "completed with target 200"}});
+    expectReasons(Role::eCLIENT, {{frame(5, 0, 1, 1), "request from a server"},
+                                  {frame(8, 0, 1, 200), "completed with target 200"},
+                                  {frame(13, 0, 1, 1), "credit from a server"}});
 }
 
 TEST(ProtocolBounds, UnknownKindsThatMayBeIgnoredAreSkipped)

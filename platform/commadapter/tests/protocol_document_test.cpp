@@ -63,6 +63,7 @@ Bytes helloBytes(Role role, const Hello& hello)
     Recorder nobody;
     Limits limits;
     limits.maxMessageBytes = hello.maxMessageBytes;
+    limits.streamWindow = hello.streamWindow;
     Machine machine(role, hello, limits, nobody, 0);
     return takeAll(machine);
 }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <map>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -34,7 +35,7 @@ inline std::string describe(const Hello& hello)
 {
     std::ostringstream out;
     out << "hello " << hello.lowestVersion << ".." << hello.highestVersion << ' ' << hello.process << ' ' << hello.realm
-        << ' ' << hello.instance.toString() << ' ' << hello.maxMessageBytes;
+        << ' ' << hello.instance.toString() << ' ' << hello.maxMessageBytes << ' ' << hello.streamWindow;
     for (const std::string& listener : hello.listeners) {
         out << ' ' << listener;
     }
@@ -89,8 +90,17 @@ public:
     {
         add(line("detached", target), [&] { echo->output.detached(target); });
     }
-    void onNext(std::uint32_t stream, Response response) override
+    void onCredit(std::uint32_t stream, std::uint32_t bytes) override
     {
+        add(line("credit", stream) + ' ' + std::to_string(bytes), [&] { echo->output.credit(stream, bytes); });
+    }
+    void onNext(std::uint32_t stream, Response response, std::size_t bytes) override
+    {
+        std::size_t& has = taken[stream];
+        if (isPersistent(stream)) {
+            lines.insert(lines.end(), has >= window ? 1 : 0, "more than the window");
+            has += bytes;
+        }
         add(describe("next", stream, response), [&] { static_cast<void>(echo->output.next(stream, response)); });
     }
     void onError(std::uint32_t stream, Response error) override
@@ -109,6 +119,9 @@ public:
 
     std::vector<std::string> lines;
     Hello hello;
+    std::size_t window = SIZE_MAX;              ///< of streams with odd numbers, which are persistent
+    std::map<std::uint32_t, std::size_t> taken; ///< of it
+    static bool isPersistent(std::uint32_t stream) { return stream % 2 == 1; }
     Room room = Room::eTHERE; ///< for large messages
     Machine* echo = nullptr;
     Machine* held = nullptr;

@@ -35,7 +35,7 @@ def answer(stream):
 
 
 def serve(peer):
-    peer.sendall(frame(1, b"\xbf\x10\x01\x11\x01\x12\x6ekesa-registryd\x14\x50" + bytes(range(1, 17)) + b"\xff"))
+    peer.sendall(frame(1, b"\xbf\x10\x02\x11\x02\x12\x6ekesa-registryd\x14\x50" + bytes(range(1, 17)) + b"\xff"))
     said = peer.makefile("rb")
     while head := said.read(16):
         content = said.read(int.from_bytes(head[:4], "little"))

@@ -10,6 +10,7 @@
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/IResponseHandler.h>
+#include <kesa/Receipt.h>
 #include <kesa/Request.h>
 #include <kesa/Response.h>
 
@@ -41,7 +42,7 @@ struct ClientState {
 /// All that this process has with one endpoint as a client: the client objects, their requests, and the connection,
 /// which may come and go. Shared by the client objects, it outlives the backend with them. See the head of
 /// ClientConnection.cpp.
-class ClientConnection final : public Connection {
+class ClientConnection final : public Connection, private Receipt::IIssuer {
 public:
     using Handler = std::unique_ptr<IResponseHandler<Response>>;
     /// Called on the loop when a client object is done with the connection.
@@ -90,6 +91,10 @@ private:
         Limited limited = Limited::eNOT;
         bool isOpen = false; ///< else cancelled: the number stays taken until the server ends the stream
         bool isSingle = false;
+        bool isPersistent = false;
+        // Of values of a persistent stream, in bytes.
+        std::size_t taken = 0;   ///< and not given back to the server
+        std::size_t handled = 0; ///< among them
     };
     /// A request that could not be sent, until the loop tells its handler.
     struct Failure {
@@ -112,6 +117,9 @@ private:
     void unlink(std::uint32_t stream);
     void unlimit(Stream& stream) noexcept;
     void cancelStream(std::uint32_t stream);
+    Stream* findOpen(std::uint64_t handle);
+    std::weak_ptr<Receipt::IIssuer> issuer();
+    void handled(std::uint64_t request, std::size_t bytes) noexcept override;
     static std::uint64_t nextHandle(std::uint32_t stream) noexcept;
     static std::uint32_t streamOf(std::uint64_t handle) noexcept;
     // ClientConnection_limits.cpp
@@ -148,7 +156,7 @@ private:
     Room onLarge(std::uint32_t stream, std::size_t bytes) override;
     void onAttached(std::uint32_t target) override;
     void onDetached(std::uint32_t target) override;
-    void onNext(std::uint32_t stream, Response response) override;
+    void onNext(std::uint32_t stream, Response response, std::size_t bytes) override;
     void onError(std::uint32_t stream, Response error) override;
     void onCompleted(std::uint32_t stream) override;
 

@@ -2,6 +2,10 @@
 // all requests with that number in the low bits, so that a handle is found at once and never comes back. Requests that
 // cannot be sent wait in `m_failures` for the loop, which tells their handlers; the low bits of their handles are 0.
 //
+// Values of a persistent stream are given back to the server once they have been handled, half a window at a time: by
+// then they are few frames, and the server does not stand still if they are handled as fast as they come. A handler
+// that hands its values on decides with `Receipt` when that is.
+//
 // Which calls run when, and what waits for what, is explained at the head of ClientConnection.cpp.
 
 #include "backend/client/ClientConnection.h"
@@ -121,6 +125,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.queueEnd = machine().output.queueEnd();
     stream.isOpen = true;
     stream.isSingle = wishes.isSingle;
+    stream.isPersistent = wishes.isPersistent;
     const std::uint64_t handle = stream.handle;
     const bool isLimited = wishes.timeLimit != comm::NEVER;
     if (stream.isSingle || isLimited) {
@@ -328,7 +333,7 @@ bool ClientConnection::breaksOrder(Lock& lock, std::uint32_t number, const Strea
 }
 
 /// The handler is out of the table meanwhile: whatever becomes of its number, nobody destroys it but this call.
-void ClientConnection::onNext(std::uint32_t number, Response response)
+void ClientConnection::onNext(std::uint32_t number, Response response, std::size_t bytes)
 {
     Lock lock(m_lock);
     Stream* const stream = m_streams.find(number);
@@ -342,20 +347,59 @@ void ClientConnection::onNext(std::uint32_t number, Response response)
     if (stream->limited == Limited::eUNTIL_VALUE) {
         unlimit(*stream);
     }
+    if (!stream->isPersistent) {
+        bytes = 0;
+    } else if (stream->taken >= loop().settings().streamWindow) {
+        lock.unlock();
+        cutOff("it sends more values than it has credit for");
+        return;
+    }
+    stream->taken += bytes;
     Handler handler = std::move(stream->handler);
     const std::uint64_t handle = stream->handle;
     const ClientState& client = *stream->client;
     const decltype(m_handlerCall)::Scope scope(m_handlerCall, handle);
     lock.unlock();
-    callOut(client.path, [&] { handler->onNext(response); });
+    if (bytes > 0) {
+        const Receipt::Scope receipt(Receipt(issuer(), handle, bytes));
+        callOut(client.path, [&] { handler->onNext(response); });
+    } else {
+        callOut(client.path, [&] { handler->onNext(response); });
+    }
     lock.lock();
-    Stream* const after = m_streams.find(number); // the table may have grown meanwhile
-    if (after != nullptr && after->handle == handle && after->isOpen) {
+    if (Stream* const after = findOpen(handle)) { // the table may have grown meanwhile
         after->handler = std::move(handler);
     } else {
         lock.unlock();
         handler.reset();
         lock.lock();
+    }
+}
+
+ClientConnection::Stream* ClientConnection::findOpen(std::uint64_t handle)
+{
+    Stream* const stream = m_streams.find(streamOf(handle));
+    return stream != nullptr && stream->handle == handle && stream->isOpen ? stream : nullptr;
+}
+
+std::weak_ptr<Receipt::IIssuer> ClientConnection::issuer()
+{
+    return std::shared_ptr<Receipt::IIssuer>(shared_from_this(), this);
+}
+
+void ClientConnection::handled(std::uint64_t request, std::size_t bytes) noexcept
+{
+    const Lock lock(m_lock);
+    Stream* const stream = findOpen(request);
+    if (stream == nullptr || !isOpen()) {
+        return;
+    }
+    stream->handled += bytes;
+    if (stream->handled >= loop().settings().streamWindow / 2) {
+        const std::size_t given = std::exchange(stream->handled, 0);
+        stream->taken -= given;
+        machine().output.credit(streamOf(request), given);
+        pushOut();
     }
 }
 

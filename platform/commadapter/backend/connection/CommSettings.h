@@ -19,6 +19,8 @@ struct CommSettings {
     std::uint32_t maxMessageBytes = 16U << 20U;
     std::size_t sendQueueBytes = 4U << 20U;
     std::size_t processQueueBytes = 64U << 20U;
+    /// Of values of one persistent stream, how much may have come that is not handled.
+    std::uint32_t streamWindow = 64U << 10U;
     comm::TimeNs heartbeat = 5 * comm::SECOND;
 };
 

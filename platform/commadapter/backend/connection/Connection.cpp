@@ -51,6 +51,7 @@ protocol::Limits limitsOf(const CommSettings& settings)
     protocol::Limits limits;
     limits.maxMessageBytes = settings.maxMessageBytes;
     limits.heartbeat = settings.heartbeat;
+    limits.streamWindow = settings.streamWindow;
     return limits;
 }
 
@@ -401,7 +402,7 @@ void Connection::write()
             count = m_machine->output.gather(parts);
         }
         if (count == 0) {
-            m_isBeyondBound = false;
+            m_isBeyondBound = m_isBeyondBound && m_machine->output.waitingBytes() > 0;
             break;
         }
         std::size_t size = 0;
@@ -504,9 +505,16 @@ void Connection::endAfterInput(std::string reason)
 
 void Connection::countQueued()
 {
-    const IoLoop::Queued queued{m_machine->output.queuedBytes(), m_machine->output.persistentBytes()};
+    const auto& output = m_machine->output;
+    const IoLoop::Queued queued{output.queuedBytes() + output.waitingBytes(), output.persistentBytes()};
     m_loop->countQueued(m_counted, queued);
     m_counted = queued;
+}
+
+void Connection::queueBeyondBound()
+{
+    m_isBeyondBound = true;
+    m_loop->expectSomething();
 }
 
 std::size_t Connection::boundedBytes() const
@@ -533,7 +541,7 @@ void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
     facts.pid = identity.pid;
     facts.uid = identity.uid;
     facts.since = comm::wallClock() - (comm::now() - openedAt);
-    facts.queuedBytes = m_machine->output.queuedBytes();
+    facts.queuedBytes = m_machine->output.queuedBytes() + m_machine->output.waitingBytes();
     facts.unreadBytes = m_stream->unread();
     facts.isShut = m_machine->input.isShut();
 }

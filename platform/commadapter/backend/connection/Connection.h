@@ -68,7 +68,9 @@ protected:
     bool isProcessOverBound(std::size_t moreBytes) const;
     /// What is queued next goes beyond the bound: it must not be lost, and the peer is probably about to take it. One
     /// that takes nothing at all for the time of a heartbeat is cut off by the loop. Lock held.
-    void queueBeyondBound() noexcept { m_isBeyondBound = true; }
+    void queueBeyondBound();
+    /// The peer gives back something of a window: a sign that it takes what it is sent. Lock held.
+    void hasGivenCredit(comm::TimeNs now) noexcept { progressed(now); }
     /// Nobody takes what is written any more; what the peer has sent is still handled. Lock held.
     bool isBroken() const noexcept { return m_isBroken; }
     /// When bytes left last; on a client's blocked connection also when bytes came.
@@ -125,9 +127,10 @@ protected:
     void onDetach(std::uint32_t) override {}
     void onRequest(std::uint32_t, std::uint32_t, Request, bool) override {}
     void onCancel(std::uint32_t) override {}
+    void onCredit(std::uint32_t, std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}
-    void onNext(std::uint32_t, Response) override {}
+    void onNext(std::uint32_t, Response, std::size_t) override {}
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
     void onGoodbye(std::string reason) override;
@@ -171,6 +174,7 @@ private:
     // Connection_liveness.cpp
     bool isStuck(comm::TimeNs now) const;
     bool takesNothing(comm::TimeNs now);
+    bool isCreditOwed(comm::TimeNs now) const;
 
     const std::shared_ptr<IoLoop> m_loop;
     const protocol::Role m_role;
@@ -186,7 +190,7 @@ private:
     bool m_isBlocked = false;     ///< waits for `onWritable`
     bool m_isBroken = false;      ///< a write failed
     bool m_isGathered = false;    ///< the loop is going to flush
-    bool m_isBeyondBound = false; ///< since the queue was empty
+    bool m_isBeyondBound = false; ///< since nothing was queued
     bool m_isFoundStuck = false;
     comm::TimeNs m_lastProgress = 0;
     comm::TimeNs m_lastHeard = 0;

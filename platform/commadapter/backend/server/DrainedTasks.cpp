@@ -22,10 +22,16 @@ void DrainedTasks::end()
     std::swap(dropped, m_tasks);
 }
 
-/// With the lock held.
+/// With the lock held, as the next one.
+bool DrainedTasks::hasAllLeft() const
+{
+    const auto& output = m_connection.output();
+    return output.queuedBytes() == 0 && output.waitingBytes() == 0;
+}
+
 void DrainedTasks::post()
 {
-    if (m_connection.output().queuedBytes() == 0 && !std::exchange(m_isPosted, true)) {
+    if (hasAllLeft() && !std::exchange(m_isPosted, true)) {
         m_connection.loop().post([self = m_connection.share(*this)] { self->runNext(); });
     }
 }
@@ -35,7 +41,7 @@ void DrainedTasks::runNext()
 {
     auto lock = m_connection.lock();
     m_isPosted = false;
-    if (!m_connection.isOpen() || m_tasks.empty() || m_connection.output().queuedBytes() > 0) {
+    if (!m_connection.isOpen() || m_tasks.empty() || !hasAllLeft()) {
         return;
     }
     auto task = std::move(m_tasks.front());

@@ -28,6 +28,7 @@ public:
     }
 
 private:
+    bool hasAllLeft() const;
     void post();
     void runNext();
 

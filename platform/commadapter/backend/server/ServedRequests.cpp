@@ -90,7 +90,7 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
     if (!m_connection.isOpen()) {
         return;
     }
-    Stream* const stream = m_streams.take(number);
+    Stream* const stream = m_connection.output().isWaiting(number) ? nullptr : m_streams.take(number);
     if (stream == nullptr) {
         lock.unlock();
         m_connection.cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
@@ -115,7 +115,7 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
 bool ServedRequests::isFree(std::uint32_t number)
 {
     const auto lock = m_connection.lock();
-    return number <= MAX_STREAMS && m_streams.find(number) == nullptr;
+    return number <= MAX_STREAMS && m_streams.find(number) == nullptr && !m_connection.output().isWaiting(number);
 }
 
 void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
@@ -183,8 +183,7 @@ bool ServedRequests::next(std::uint32_t number, std::uint64_t serial, const Resp
                 refuseValue(number, *stream, sent);
                 return true;
             }
-            stream->hasLatest = true;
-            stream->latest = m_latest.insert(m_latest.end(), {number, response});
+            keepLatest(number, *stream, response);
             return false;
         }
         if (isRefused(number, *stream, size)) {
@@ -235,15 +234,28 @@ void ServedRequests::queueLatest(std::uint32_t number, Stream& stream)
     if (std::exchange(stream.hasLatest, false)) {
         // It was tried before.
         static_cast<void>(m_connection.output().next(number, stream.latest->response, stream.isPersistent));
-        m_latest.erase(stream.latest);
+        dropLatest(stream);
     }
+}
+
+void ServedRequests::keepLatest(std::uint32_t number, Stream& stream, const Response& response)
+{
+    stream.hasLatest = true;
+    stream.isCreditless = m_connection.output().isWaiting(number);
+    auto& list = stream.isCreditless ? m_creditless : m_latest;
+    stream.latest = list.insert(list.end(), {number, response});
+}
+
+void ServedRequests::dropLatest(Stream& stream)
+{
+    (stream.isCreditless ? m_creditless : m_latest).erase(stream.latest);
 }
 
 void ServedRequests::release(std::uint32_t number)
 {
     Stream& stream = *m_streams.find(number);
     if (stream.hasLatest) {
-        m_latest.erase(stream.latest);
+        dropLatest(stream);
     }
     m_streams.remove(*stream.sameTarget, number);
     m_streams.release(number);
@@ -341,7 +353,7 @@ void ServedRequests::cut(std::uint32_t number, std::uint64_t serial, const Respo
     auto lock = m_connection.lock();
     if (find(number, serial) != nullptr) {
         lock.unlock();
-        cancelAtService(number, error);
+        cancelAtService(number, error, Waiting::eSENT);
     }
 }
 
@@ -350,12 +362,35 @@ void ServedRequests::cut(std::uint32_t number, std::uint64_t serial, const Respo
 void ServedRequests::cancel(std::uint32_t number)
 {
     auto lock = m_connection.lock();
-    if (m_streams.find(number) == nullptr) {
-        return; // it has ended meanwhile
+    if (m_streams.find(number) != nullptr) {
+        m_connection.output().dropQueued(number);
+        lock.unlock();
+        cancelAtService(number, Response::createErrorResponse(503, "cancelled"), Waiting::eDROPPED);
+    } else if (m_connection.isOpen()) { // it has ended meanwhile: only its end is still wanted
+        m_connection.output().dropWaiting(number);
+        m_connection.pushOut();
     }
-    m_connection.output().dropQueued(number);
-    lock.unlock();
-    cancelAtService(number, Response::createErrorResponse(503, "cancelled"));
+}
+
+void ServedRequests::credit(std::uint32_t number, std::size_t bytes)
+{
+    using Given = protocol::StreamWindows::Given;
+    auto lock = m_connection.lock();
+    if (!m_connection.isOpen()) {
+        return;
+    }
+    Stream* const stream = m_streams.find(number);
+    const Given given = m_connection.output().takeCredit(number, bytes);
+    if (given == Given::eTOO_MUCH || (given == Given::eUNKNOWN && stream != nullptr)) {
+        lock.unlock();
+        m_connection.cutOff("more credit than a stream has used");
+        return;
+    }
+    m_connection.hasGivenCredit(comm::now());
+    if (stream != nullptr && stream->hasLatest && stream->isCreditless && !m_connection.output().isWaiting(number)) {
+        queueLatest(number, *stream);
+    }
+    m_connection.pushOut();
 }
 
 void ServedRequests::cancelAll(StreamList& requests, const char* text)
@@ -364,13 +399,14 @@ void ServedRequests::cancelAll(StreamList& requests, const char* text)
     while (requests.first != 0) {
         const std::uint32_t number = requests.first;
         lock.unlock();
-        cancelAtService(number, Response::createErrorResponse(503, text));
+        cancelAtService(number, Response::createErrorResponse(503, text), Waiting::eDROPPED);
         lock.lock();
     }
 }
 
-/// Ends a stream and tells its service, unless that has done with it.
-void ServedRequests::cancelAtService(std::uint32_t number, const Response& error)
+/// Ends a stream and tells its service, unless that has done with it. For a path that goes its client waits no longer,
+/// so the end does not wait behind values that have no credit.
+void ServedRequests::cancelAtService(std::uint32_t number, const Response& error, Waiting waiting)
 {
     auto lock = m_connection.lock();
     Stream* const stream = m_streams.find(number);
@@ -381,6 +417,9 @@ void ServedRequests::cancelAtService(std::uint32_t number, const Response& error
     void* const handle = stream->isFinished ? IKesaApi::UNDEFINED_REQUEST_HANDLE : stream->handle;
     if (m_connection.isOpen()) {
         queueLatest(number, *stream);
+        if (waiting == Waiting::eDROPPED) {
+            m_connection.output().dropWaiting(number);
+        }
         m_connection.output().error(number, error);
         release(number);
         m_connection.pushOut();

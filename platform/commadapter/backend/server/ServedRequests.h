@@ -31,6 +31,8 @@ public:
     void serve(std::uint32_t stream, Target* target, const Request& request, bool isPersistent);
     /// The client has cancelled.
     void cancel(std::uint32_t stream);
+    /// The client has handled so much of the stream's values.
+    void credit(std::uint32_t stream, std::size_t bytes);
     /// Ends all requests of a target's with a 503.
     void cancelAll(StreamList& requests, const char* text);
 
@@ -46,7 +48,8 @@ public:
     void setPolicy(std::uint32_t stream, std::uint64_t serial, QueuePolicy policy);
 
     // With the connection's lock held.
-    /// The queue is empty: queues the values that wait in place of others.
+    /// The queue is empty: queues the values that wait in place of others, but for those of streams that have no
+    /// credit.
     void queueAllLatest()
     {
         while (!m_latest.empty()) {
@@ -66,18 +69,21 @@ private:
         std::uint64_t serial = 0;
         StreamList* sameTarget = nullptr;
         bool isPersistent = false;
-        bool hasLatest = false;  ///< a value waits at `latest`
-        bool isCut = false;      ///< refused a value; the loop is going to end it
-        bool isFinished = false; ///< by the service, after that: it hears of no cancel
+        bool hasLatest = false;    ///< a value waits at `latest`
+        bool isCreditless = false; ///< in `m_creditless`, else in `m_latest`
+        bool isCut = false;        ///< refused a value; the loop is going to end it
+        bool isFinished = false;   ///< by the service, after that: it hears of no cancel
         QueuePolicy policy = QueuePolicy::eCUT_STREAM;
-        std::list<Latest>::iterator latest;                ///< in `m_latest`
+        std::list<Latest>::iterator latest;
         void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
         std::shared_ptr<ProvidedService> service;
     };
 
     void callService(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
                      const Request& request);
-    void cancelAtService(std::uint32_t number, const Response& error);
+    /// What becomes of values that have no credit.
+    enum class Waiting { eDROPPED, eSENT };
+    void cancelAtService(std::uint32_t number, const Response& error, Waiting waiting);
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
     // With the connection's lock held.
     Stream* find(std::uint32_t number, std::uint64_t serial);
@@ -86,6 +92,8 @@ private:
     Response tooSlow(const Stream& stream, std::size_t size);
     void refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why);
     void postCut(std::uint32_t number, Stream& stream, Response error);
+    void keepLatest(std::uint32_t number, Stream& stream, const Response& response);
+    void dropLatest(Stream& stream);
     void queueLatest(std::uint32_t number, Stream& stream);
     void release(std::uint32_t number);
 
@@ -93,8 +101,10 @@ private:
     // With the connection's lock held.
     StreamTable<Stream> m_streams;
     std::uint64_t m_lastSerial = 0;
-    std::list<Latest> m_latest; ///< in order of arrival; one for each stream at most
-    std::size_t m_cuts = 0;     ///< streams whose client was too slow
+    // In order of arrival; one for each stream at most.
+    std::list<Latest> m_latest;     ///< until the queue is empty
+    std::list<Latest> m_creditless; ///< until none of the stream's values waits for credit
+    std::size_t m_cuts = 0;         ///< streams whose client was too slow
     comm::OncePer m_cutTraces{comm::SECOND};
 };
 

@@ -131,6 +131,11 @@ void ServerConnection::onCancel(std::uint32_t stream)
     m_served.cancel(stream);
 }
 
+void ServerConnection::onCredit(std::uint32_t stream, std::uint32_t bytes)
+{
+    m_served.credit(stream, bytes);
+}
+
 void ServerConnection::onSign(bool isPong)
 {
     m_liveness.heard(isPong);

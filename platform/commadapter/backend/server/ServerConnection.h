@@ -76,6 +76,7 @@ private:
     void onDetach(std::uint32_t target) override;
     void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override;
     void onCancel(std::uint32_t stream) override;
+    void onCredit(std::uint32_t stream, std::uint32_t bytes) override;
 
     const std::shared_ptr<ServiceTable> m_services;
     const std::string m_scheme;

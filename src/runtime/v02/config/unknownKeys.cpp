@@ -44,7 +44,8 @@ const KeyGroups& keyGroups()
         // The backend's, which reads them; not those that it refuses wherever they stand.
         {"comm",
          "\"comm\"",
-         {"run_dir", "socket_mode", "socket_group", "routes", "max_message_bytes", "send_queue_bytes", "heartbeat_ms"}},
+         {"run_dir", "socket_mode", "socket_group", "routes", "max_message_bytes", "send_queue_bytes",
+          "stream_window_bytes", "heartbeat_ms"}},
         {"services", "an entry of \"services\"", {"is_dynamic", "path", "version", "type", "locators"}},
         {"smartProxy",
          "\"smartProxy\"",

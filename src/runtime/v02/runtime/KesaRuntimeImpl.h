@@ -9,6 +9,7 @@
 #include <kesa/FuncCallEvent.h>
 #include <kesa/Path.h>
 #include <kesa/PathPatterns.h>
+#include <kesa/Receipt.h>
 #include <kesa/Response.h>
 #include <kesa/core/response_handlers.h>
 #include <kesa/runtime/v02/IKesaRuntime.h>
@@ -301,6 +302,16 @@ private:
     void toExecutor(F&& work)
     {
         post(*m_executor, std::forward<F>(work));
+    }
+    /// The same with what a value that is being handled says. It counts as handled when `work` has returned, and the
+    /// update that it has told the updater of has been delivered.
+    template <class F>
+    void handOver(F&& work)
+    {
+        toExecutor([work = std::forward<F>(work), receipt = Receipt::take()]() mutable {
+            const Receipt::Scope scope(std::move(receipt));
+            work();
+        });
     }
     template <class F>
     Disposable disposable(F work) const;

@@ -24,7 +24,7 @@ void KesaRuntimeImpl::queryServiceOnRegistry(const Query& query, const Handle& h
                                "updateType='%s'",
                                updates.size(), query.pattern.c_str(), type.c_str());
                 }
-                toExecutor([this, query = query, handle, issue, updates = updates] {
+                handOver([this, query = query, handle, issue, updates = updates] {
                     onRemoteQueryAnswer(query, handle, issue, updates);
                 });
                 return false;

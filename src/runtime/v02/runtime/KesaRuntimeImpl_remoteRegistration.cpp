@@ -22,7 +22,7 @@ KesaRuntimeImpl::registrationAnswers(const std::shared_ptr<const ServiceDef>& an
 {
     return std::make_unique<responsehandlers::FuncResponseHandler<ServiceDef>>(
         [this, announced, issue](const ServiceDef& answer) {
-            toExecutor([this, announced, issue, answer = answer]() mutable {
+            handOver([this, announced, issue, answer = answer]() mutable {
                 onRegistrationConfirmed(announced->path, issue, std::move(answer));
             });
             return false;

@@ -35,7 +35,7 @@ void KesaRuntimeImpl::trackServiceOnRegistry(const std::string& path)
     request.issue = [this, path = path](serviceregistry::IServiceRegistry* registry, const Issue& issue) {
         auto handler = std::make_unique<responsehandlers::FuncResponseHandler<RegistryUpdate>>(
             [this, path, issue](const RegistryUpdate& update) {
-                toExecutor([this, path = path, issue, update = update] {
+                handOver([this, path = path, issue, update = update] {
                     const std::string type = RegistryUpdate::enumToValue(update.updateType).value_or("");
                     KESA_TRACE(MAIN_CHANNEL, 2,
                                "[trackServiceOnRegistry onNext] Received RegistryUpdate '%s' for service '%s'",

@@ -165,7 +165,9 @@ void KesaRuntimeImpl::triggerRuntimeUpdate(ResourceUpdateType type, const Servic
     if (trackers.empty() && queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2)) {
         return;
     }
-    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), tCopy = trackers, qCopy = queryTrackers.copy()] {
+    post(*m_updater, [this, update = ServiceUpdate(type, serviceDef), tCopy = trackers, qCopy = queryTrackers.copy(),
+                      receipt = Receipt::take()]() mutable {
+        const Receipt::Scope scope(std::move(receipt));
         const char* const path = update.element.path.toString().c_str();
         KESA_TRACE(MAIN_CHANNEL, 2, "[triggerRuntimeUpdate] service='%s' tCopy.size()=%zu qCopy.size()=%zu", path,
                    tCopy.size(), qCopy->size());
@@ -184,11 +186,13 @@ void KesaRuntimeImpl::triggerQueryRuntimeUpdate(std::vector<ServiceUpdate>&& upd
     if (updates.empty() || (queryTrackers.empty() && !MAIN_CHANNEL.isEnabled(2))) {
         return;
     }
-    post(*m_updater, [this, updates = std::move(updates), qCopy = queryTrackers.copy()] {
-        for (const ServiceUpdate& update : updates) {
-            deliverToQueryTrackers(update, *qCopy);
-        }
-    });
+    post(*m_updater,
+         [this, updates = std::move(updates), qCopy = queryTrackers.copy(), receipt = Receipt::take()]() mutable {
+             const Receipt::Scope scope(std::move(receipt));
+             for (const ServiceUpdate& update : updates) {
+                 deliverToQueryTrackers(update, *qCopy);
+             }
+         });
 }
 
 void KesaRuntimeImpl::deliverToTrackers(const ServiceUpdate& update, const Trackers& trackers)

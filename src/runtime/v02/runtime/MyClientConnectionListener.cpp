@@ -52,16 +52,47 @@ void BackendList::MyClientConnectionListener::clientError(unsigned short code, c
     });
 }
 
+/// A peer may come and go for as long as it likes. Of changes that nobody has been told yet the last two tell as much
+/// as all: what is now, and that something else was in between.
 void BackendList::MyClientConnectionListener::changeConnectionState(bool connected)
 {
+    constexpr std::size_t MOST_CHANGES = 2;
+    {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        if (m_changes.size() == MOST_CHANGES) {
+            m_changes.back() = connected;
+            m_changes.resize(m_changes.front() == connected ? 1 : MOST_CHANGES);
+            return;
+        }
+        m_changes.push_back(connected);
+        if (m_changes.size() <= m_posted) {
+            return;
+        }
+        ++m_posted;
+    }
     post(*m_activeObject, [observer = weak_from_this(), connected] {
         if (const auto observe = observer.lock()) {
-            observe->connectionStateChanged(connected);
+            observe->tellChange();
         } else {
             KESA_TRACE_TEXT(BACKENDS_CHANNEL, 2,
                             fmt::format("{}: MyClientConnectionListener already dead", nameOf(connected)));
         }
     });
+}
+
+void BackendList::MyClientConnectionListener::tellChange()
+{
+    bool connected = false;
+    {
+        const std::lock_guard<std::mutex> lock(m_lock);
+        --m_posted;
+        if (m_changes.empty()) {
+            return;
+        }
+        connected = m_changes.front();
+        m_changes.pop_front();
+    }
+    connectionStateChanged(connected);
 }
 
 void BackendList::MyClientConnectionListener::connectionStateChanged(bool connected)

@@ -5,7 +5,9 @@
 #include <kesa/Response.h>
 #include <runtime/v02/runtime/BackendList.h>
 
+#include <deque>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -39,6 +41,7 @@ public:
 
 private:
     void changeConnectionState(bool connected);
+    void tellChange();
     void connectionStateChanged(bool connected);
     void connectionFailed(unsigned short code, const std::string& message);
     template <class Call>
@@ -54,6 +57,10 @@ private:
     bool m_connected = false;
     bool m_isTelling = false;
     optional<Response> m_lastError; ///< stays when a connection comes later
+
+    std::mutex m_lock;          ///< of the next ones
+    std::deque<bool> m_changes; ///< of the connection, that nobody has been told yet
+    std::size_t m_posted = 0;   ///< events for them that are on their way
 };
 
 } // namespace kesa::runtime::v02
