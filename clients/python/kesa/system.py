@@ -10,6 +10,7 @@ import threading
 from typing import Any, Callable, Coroutine, TypeVar
 
 from . import bodies, rundir
+from .connection import VERSION
 from .errors import KesaError, NoRegistry, ServiceError, Timeout
 from .heads import Hello
 from .link import SINGLE, STREAM, Answer, Exchange, Link
@@ -229,7 +230,7 @@ class System:
         name = self._claim.name if self._claim else f"python-{os.getpid()}"
         realm = self._claim.realm if self._claim else ""
         listeners = [str(Locator(name, realm, ""))] if self._claim else []
-        return Hello(1, 1, name, realm, self._instance, listeners)
+        return Hello(VERSION, VERSION, name, realm, self._instance, listeners)
 
     def _realm(self) -> str:
         try:

@@ -21,7 +21,7 @@ class Raw:
         self.socket = rundir.connect(run_dir, process)
         self.socket.settimeout(DEADLINE)
         self._stream = 0
-        self.send(frames.Message(frames.HELLO, head=heads.Hello(1, 1, "raw", "", bytes(range(16)), [])))
+        self.send(frames.Message(frames.HELLO, head=heads.Hello(2, 2, "raw", "", bytes(range(16)), [])))
         self.send(frames.Message(frames.ATTACH, target=1, head=heads.Head(path=path)))
 
     def send(self, message: frames.Message) -> None:

@@ -24,7 +24,7 @@ constexpr std::size_t SEND_QUEUE = 64U << 10U;
 constexpr std::size_t VALUE_BYTES = 1000;
 constexpr std::size_t FIT = 5; // the last one begins before the window is used up
 
-std::string numbered(int number)
+std::string nth(int number)
 {
     std::string text = std::to_string(number);
     text.resize(VALUE_BYTES, ' ');
@@ -59,7 +59,7 @@ protected:
     int send(int most)
     {
         int sent = 0;
-        while (sent < most && !handler->onNext(value(numbered(sent)))) {
+        while (sent < most && !handler->onNext(value(nth(sent)))) {
             ++sent;
         }
         settle();
@@ -96,7 +96,7 @@ TEST_F(BackendWindows, WhatIsNotHandledWaitsAtTheServerAndTheEndBehindIt)
     bool isDrained = false;
     peer->whenDrained([&] { isDrained = true; });
     for (int i = 0; i < 200; ++i) {
-        EXPECT_FALSE(quickly->onNext(value(numbered(i))));
+        EXPECT_FALSE(quickly->onNext(value(nth(i))));
         settle();
     }
     EXPECT_EQ(quick->values.size(), 200U) << "who keeps no receipt has handled it";
@@ -114,7 +114,7 @@ TEST_F(BackendWindows, WhatIsNotHandledWaitsAtTheServerAndTheEndBehindIt)
     EXPECT_EQ(stream->values.size(), 50U);
     EXPECT_TRUE(isDrained);
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(stream->values[static_cast<std::size_t>(i)], numbered(i));
+        EXPECT_EQ(stream->values[static_cast<std::size_t>(i)], nth(i));
     }
     const auto again = open();
     handle(100); // of what has ended
@@ -178,7 +178,7 @@ TEST_F(BackendWindows, PoliciesDecideAboutWhatWaits)
         handle(100);
     }
     EXPECT_THAT(static_cast<int>(latest->values.size()), about);
-    EXPECT_EQ(latest->values.back(), numbered(999));
+    EXPECT_EQ(latest->values.back(), nth(999));
     client->cancel(*latest);
 
     const auto connection = open(QueuePolicy::eCUT_CONNECTION);
@@ -231,7 +231,7 @@ TEST_F(BackendWindows, OfAPeerThatDoesNotKeepToThemTheConnectionEnds)
     stream->onValue = [this] { receipts.push_back(Receipt::take()); };
     settle();
     for (std::size_t i = 0; i <= FIT; ++i) {
-        ASSERT_EQ(careless.machine().output.next(1, value(numbered(0))), protocol::Sent::eQUEUED);
+        ASSERT_EQ(careless.machine().output.next(1, value(nth(0))), protocol::Sent::eQUEUED);
     }
     careless.send();
     settle();
