@@ -36,7 +36,8 @@ const char* const FOOTER =
 ipc://kesa-registryd/registry. The run directory, in which they find each other, is $KESA_RUN_DIR, /run/kesa,
 or one of this user's own. "kesactl doctor" says which one counts, and why.
 
-It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end it.
+It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end
+it. SIGHUP has it read "registry", "policy" of its document again; one that is broken leaves the policy as it was.
 
 Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
 
@@ -56,20 +57,20 @@ int complain(ExitCode exitCode, const std::string& problem)
 
 /// Blocked before the first thread is made, so that only `sigwait` takes them. What is ignored stays so, as SIGINT in
 /// what a script starts with '&'.
-sigset_t blockEndSignals()
+sigset_t blockSignals()
 {
-    sigset_t ends;
-    sigemptyset(&ends);
-    for (const int signal : {SIGINT, SIGTERM}) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};
         sigaction(signal, nullptr, &action);
         if (action.sa_handler != SIG_IGN) { // NOLINT: a macro of the system's
-            sigaddset(&ends, signal);
+            sigaddset(&blocked, signal);
         }
     }
-    pthread_sigmask(SIG_BLOCK, &ends, nullptr);
+    pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
     std::signal(SIGPIPE, SIG_IGN); // nobody may read the line that says it is ready
-    return ends;
+    return blocked;
 }
 
 /// Each client costs two, and the limit that a shell gives is meant for programs that wait by `select`.
@@ -89,18 +90,34 @@ void tellReady(const std::string& locators)
     sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators).c_str());
 }
 
-ExitCode serve(const std::string& locators, const sigset_t& ends)
+void reload(kesa::registry::RegistryHost& host, const std::string& locators)
+{
+    sd_notify(0, "RELOADING=1");
+    const std::string problem = host.reloadPolicy();
+    if (problem.empty()) {
+        fmt::print("kesa-registryd: the policy has been read again\n");
+        std::fflush(stdout);
+        sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators).c_str());
+        return;
+    }
+    complain(ExitCode::eCONFIGURATION, "the policy stays as it was: " + problem);
+    sd_notify(0, ("READY=1\nSTATUS=The policy is that of before: " + obr::visible(problem)).c_str());
+}
+
+ExitCode serve(const std::string& locators, const sigset_t& signals)
 {
     std::atomic<ExitCode> exitCode = ExitCode::eENDED;
     kesa::registry::RegistryHost host(
         *KesaRuntime::getInstance(), [&locators] { tellReady(locators); },
         [&exitCode](const kesa::Response& error) {
-            exitCode = ExitCode::eFAILED;
+            exitCode = error.getStatus() == 400 ? ExitCode::eCONFIGURATION : ExitCode::eFAILED;
             complain(exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
             ::kill(::getpid(), SIGTERM); // ends the wait below
         });
     int signal = 0;
-    sigwait(&ends, &signal);
+    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+        reload(host, locators);
+    }
     sd_notify(0, "STOPPING=1");
     host.stop();
     return exitCode;
@@ -108,7 +125,7 @@ ExitCode serve(const std::string& locators, const sigset_t& ends)
 
 int run(const Arguments& arguments)
 {
-    const sigset_t ends = blockEndSignals();
+    const sigset_t signals = blockSignals();
     raiseDescriptorLimit();
     kesa::commadapter::setDefaultMessageLimit(LARGEST_MESSAGE);
     if (!arguments.config.empty()) {
@@ -132,7 +149,7 @@ int run(const Arguments& arguments)
         exitCode = again.exitCode == ExitCode::eENDED ? ExitCode::eFAILED : again.exitCode;
         complain(exitCode, again.problem.empty() ? "the runtime did not get its name; see its traces" : again.problem);
     } else {
-        exitCode = serve(check.locators, ends);
+        exitCode = serve(check.locators, signals);
     }
     KesaRuntime::shutdown();
     return static_cast<int>(exitCode);

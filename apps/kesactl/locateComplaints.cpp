@@ -1,6 +1,6 @@
 #include "locateComplaints.h"
 
-#include "JsonPositions.h"
+#include <util/config/JsonPositions.h>
 
 #include <algorithm>
 #include <fstream>
@@ -17,7 +17,7 @@ void locateComplaints(kesa::runtime::v02::ConfigReport& report)
         return;
     }
     std::ifstream in(report.file, std::ios::binary);
-    const JsonPositions positions(std::string(std::istreambuf_iterator<char>(in), {}));
+    const util::config::JsonPositions positions(std::string(std::istreambuf_iterator<char>(in), {}));
     for (Complaint& complaint : report.complaints) {
         const auto [line, column] = positions.find(complaint.path);
         complaint.line = line;

@@ -1,4 +1,6 @@
+#include "policy/readPolicy.h"
 #include "service/RegistryImpl.h"
+#include "service/channel.h"
 
 #include <comm/Clock.h>
 #include <kesa/Disposable.h>
@@ -10,6 +12,8 @@
 #include <obr/ErrorStorage.h>
 #include <tracing/Sink.h>
 #include <util/config/FrameworkProvider.h>
+
+#include <unistd.h>
 
 #include <map>
 #include <mutex>
@@ -176,6 +180,10 @@ public:
             refused(Response::createErrorResponse(409, whyNotHere(KesaRuntime::getInstance()->getConfigAccessor())));
             return;
         }
+        if (const std::string problem = reloadPolicy(); !problem.empty()) {
+            refused(Response::createErrorResponse(400, problem));
+            return;
+        }
         m_core->setMirrorProof([weak = weak_from_this()](const std::string& path, std::function<void(bool)>&& answer) {
             if (const auto self = weak.lock()) {
                 self->prove(path, std::move(answer));
@@ -206,6 +214,18 @@ public:
             }
         }
         withdraw();
+    }
+
+    std::string reloadPolicy()
+    {
+        ReadPolicy read = readPolicy(::geteuid());
+        for (const std::string& warning : read.warnings) {
+            KESA_TRACE(CHANNEL, 3, "[policy] %s", warning.c_str());
+        }
+        if (read.policy) {
+            m_core->setPolicy(std::move(read.policy));
+        }
+        return read.problem;
     }
 
     IServiceRegistry& registry() { return *m_registry; }
@@ -383,6 +403,11 @@ RegistryHost::RegistryHost(IRuntimeRegistry& runtime, std::function<void()> read
 RegistryHost::~RegistryHost()
 {
     stop();
+}
+
+std::string RegistryHost::reloadPolicy()
+{
+    return m_impl->reloadPolicy();
 }
 
 void RegistryHost::stop()

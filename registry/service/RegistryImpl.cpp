@@ -19,7 +19,10 @@
 
 namespace kesa::registry {
 
-Registry::Impl::Impl(const Accounts::Limits& limits) : m_accounts(limits, ::geteuid()), m_started(wallClockMs()) {}
+Registry::Impl::Impl(const Accounts::Limits& limits)
+    : m_ownUid(::geteuid()), m_accounts(limits, m_ownUid), m_policy(std::make_shared<Policy>(m_ownUid)),
+      m_started(wallClockMs())
+{}
 
 std::int64_t Registry::Impl::wallClockMs() noexcept
 {

@@ -1,6 +1,7 @@
 #ifndef KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 #define KESA_REGISTRY_SERVICE_REGISTRYIMPL_H
 
+#include "policy/Policy.h"
 #include "service/Accounts.h"
 #include "store/History.h"
 #include "store/Store.h"
@@ -8,6 +9,7 @@
 #include <comm/PeerLines.h>
 #include <kesa/GenericObject.h>
 #include <kesa/IPeer.h>
+#include <kesa/RequestContext.h>
 #include <kesa/registry/Registry.h>
 
 #include <array>
@@ -49,6 +51,8 @@ public:
     void setMirrorProof(MirrorProof&& prove);
     /// Registers a service of this process; it waits for a path that another living process holds.
     void* mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef);
+    /// What it no longer allows ends with 403, and who may see otherwise is told; the rest feels nothing.
+    void setPolicy(std::shared_ptr<Policy> policy);
     /// Lets go of all requests; their handlers are not called.
     void close();
 
@@ -61,6 +65,8 @@ private:
         std::string process;
         std::int64_t pid = -1;
         std::int64_t uid = -1;
+        std::int64_t gid = -1;
+        PermitPtr permit; ///< null: he may everything
         Realm realm;
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
         Accounts::Payer payer;       ///< of who is asked, so not of this process
@@ -75,6 +81,8 @@ private:
         bool isProbed = false;      ///< asked for a sign of life, since so much waits for it
 
         std::string name() const;
+        /// This process.
+        bool isOwn() const { return !peer && process.empty(); }
     };
     using Handler = std::variant<RegistrationHandler, TrackingHandler, QueryHandler>;
     struct Request {
@@ -107,6 +115,18 @@ private:
     Request take(Requests::iterator request);
     void dropIfIdle(Asker& asker);
 
+    // policing.cpp
+    static std::string provenName(IPeer* peer, const std::string& process);
+    PermitPtr permitOf(const RequestContext* context) const;
+    Identity identityOf(const Asker& asker) const;
+    void admit(Asker& asker) const;
+    std::string whyMayNotRegister(const Asker& asker, const std::string& path);
+    void forbid(const Asker& asker, IResponseHandler<ServiceDef>& handler, const std::string& path,
+                const std::string& why);
+    void endIfForbidden(StreamId stream);
+    std::vector<Identity> identitiesOf(const std::string& who, bool mayLookUp) const;
+    util::config::Value describeMay(const std::string& path, const std::string& who, const Store::Held* held) const;
+
     // telling.cpp
     using Updates = std::vector<RegistryUpdate>;
     void toAsker(Effect effect, Updates& list);
@@ -129,15 +149,19 @@ private:
     static Who whoOf(const Asker& asker, const Record& record);
     std::string holderOf(const std::string& path) const;
     GenericObject describeHolder(const Store::Held& held) const;
-    util::config::Value describeHistory(const std::string& path) const;
-    util::config::Value describeProcess(const std::string& path, const std::string& process);
+    util::config::Value describeHistory(const std::string& path, const PermitPtr& permit) const;
+    util::config::Value describeProcess(const std::string& path, const std::string& process, const Store::Held* held);
     GenericObject describeAsking(StreamId stream, const Request& request, const Record* record);
 
     std::recursive_mutex m_mutex; // recursive: a handler that calls back does not hang; its command waits for its turn
     // With the mutex held.
     Store m_store;
     History m_history;
+    const std::int64_t m_ownUid;
     Accounts m_accounts;
+    std::shared_ptr<Policy> m_policy;                             ///< never null
+    std::set<std::pair<std::int64_t, std::uint64_t>> m_forbidden; ///< pid and start of those whose 403 was traced
+    std::uint64_t m_lastRecord = 0;
     const std::int64_t m_started;
     MirrorProof m_proveMirrored;
     Requests m_requests;

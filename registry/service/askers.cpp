@@ -42,12 +42,14 @@ std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
             asker->process = context->process;
             asker->pid = context->pid;
             asker->uid = context->uid;
+            asker->gid = context->gid;
             asker->realm = std::make_shared<const std::string>(context->realm);
             asker->peer = context->peer;
         }
         if (asker->peer) {
             asker->payer = m_accounts.open(asker->owner, asker->process);
         }
+        admit(*asker);
     }
     return asker;
 }

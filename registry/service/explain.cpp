@@ -87,21 +87,24 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
     GenericObject answer{{"path", path}, {"registryStarted", m_started}};
     {
         const std::lock_guard lock(m_mutex);
-        const Store::Held* const held = m_store.find(path);
+        const RequestContext* const context = RequestContext::current();
+        const PermitPtr permit = permitOf(context);
+        const Store::Held* const found = m_store.find(path);
+        const Store::Held* const held = found != nullptr && sees(permit, *found->record) ? found : nullptr;
         answer.set("registered", held != nullptr);
         if (held != nullptr) {
             answer.set("holder", describeHolder(*held));
-            const RequestContext* const context = RequestContext::current();
             if (context != nullptr &&
                 !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
                 answer.set("hiddenBy", "realm");
             }
-        } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS); !nearest.empty()) {
+        } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS);
+                   !nearest.empty() && sees(permit, *m_store.find(nearest)->record)) {
             answer.set("nearest", nearest);
         }
-        answer.set("history", describeHistory(path));
+        answer.set("history", describeHistory(path, permit));
         if (!process.empty()) {
-            answer.set("for", describeProcess(path, process));
+            answer.set("for", describeProcess(path, process, held));
         }
     }
     if (!handler.onNext(answer)) {
@@ -151,10 +154,13 @@ GenericObject Registry::Impl::describeHolder(const Store::Held& held) const
     return holder;
 }
 
-Value Registry::Impl::describeHistory(const std::string& path) const
+Value Registry::Impl::describeHistory(const std::string& path, const PermitPtr& permit) const
 {
     Value::Array events;
     for (const History::Event& event : m_history.of(path)) {
+        if (permit && !permit->seesOf(event.who.uid, path)) {
+            continue;
+        }
         GenericObject object{{"what", nameOf(event.what)}, {"when", event.when}};
         describe(event.who, object);
         if (event.since != 0) {
@@ -168,11 +174,10 @@ Value Registry::Impl::describeHistory(const std::string& path) const
     return events;
 }
 
-Value Registry::Impl::describeProcess(const std::string& path, const std::string& process)
+Value Registry::Impl::describeProcess(const std::string& path, const std::string& process, const Store::Held* held)
 {
     const bool isKnown = std::any_of(m_askers.begin(), m_askers.end(),
                                      [&process](const auto& each) { return each.second->process == process; });
-    const Store::Held* const held = m_store.find(path);
     std::vector<StreamId> streams;
     m_store.asking(path, streams);
     Value::Array asks;
@@ -183,7 +188,11 @@ Value Registry::Impl::describeProcess(const std::string& path, const std::string
             asks.emplace_back(describeAsking(stream, request->second, held == nullptr ? nullptr : held->record.get()));
         }
     }
-    return GenericObject{{"process", process}, {"known", isKnown}, {"asks", std::move(asks)}};
+    GenericObject object{{"process", process}, {"known", isKnown}, {"asks", std::move(asks)}};
+    if (const Value may = describeMay(path, process, held); may.isDefined()) {
+        object.set("may", may);
+    }
+    return object;
 }
 
 GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& request, const Record* record)
@@ -197,10 +206,11 @@ GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& req
         return object;
     }
     const bool isReachable = isVisible(record->serviceDef, request.asker->realm);
-    const bool isTold = watch == nullptr ? isReachable : watch->selection.wants(*record);
+    const bool isSeen = sees(request.asker->permit, *record);
+    const bool isTold = isSeen && (watch == nullptr ? isReachable : watch->selection.wants(*record));
     object.set("told", isTold);
     if (!isTold) {
-        const std::string_view because = isReachable ? whyNot(*watch, *record) : "realm";
+        const std::string_view because = !isReachable ? "realm" : !isSeen ? "policy" : whyNot(*watch, *record);
         object.set("because", because);
         if (because == "metadata") {
             object.set("key", missingKey(*watch, *record));

@@ -12,6 +12,7 @@
 #include <obr/ErrorStorage.h>
 #include <obr/visible.h>
 
+#include <type_traits>
 #include <utility>
 
 namespace kesa::registry {
@@ -91,6 +92,13 @@ void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const
     StreamId stream = 0;
     turn([&] {
         const std::shared_ptr<Asker> asker = currentAsker();
+        if constexpr (std::is_same_v<T, ServiceDef>) {
+            if (const std::string why = whyMayNotRegister(*asker, subject); !why.empty()) {
+                forbid(*asker, *std::get<RegistrationHandler>(taken), subject, why);
+                dropIfIdle(*asker);
+                return;
+            }
+        }
         problem = add(asker, taken, charge, stream);
         if (problem.empty()) {
             command(stream, asker);
@@ -99,7 +107,7 @@ void* Registry::Impl::open(std::unique_ptr<IResponseHandler<T>>&& handler, const
     if (!problem.empty()) {
         return refuse(*std::get<std::unique_ptr<IResponseHandler<T>>>(taken), operation, subject, problem);
     }
-    return toHandle(stream);
+    return stream == 0 ? IKesaApi::UNDEFINED_REQUEST_HANDLE : toHandle(stream);
 }
 
 void* Registry::Impl::registerService(RegistrationHandler&& handler, const std::string& path,
@@ -155,6 +163,8 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
                 [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
                     KESA_TRACE(CHANNEL, 2, "[registerService] '%s' by %s", path.c_str(), asker->name().c_str());
                     claim.owner = asker->owner;
+                    claim.record->uid = asker->isOwn() ? m_ownUid : asker->uid;
+                    claim.record->number = ++m_lastRecord;
                     m_store.registerService(stream, claim);
                 });
 }
@@ -169,7 +179,7 @@ void* Registry::Impl::trackService(TrackingHandler&& handler, const std::string&
     return open(std::move(handler), "trackService", path, charge,
                 [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
                     KESA_TRACE(CHANNEL, 2, "[trackService] '%s' by %s", path.c_str(), asker->name().c_str());
-                    m_store.trackService(stream, path, asker->realm);
+                    m_store.trackService(stream, path, {asker->realm, asker->permit});
                 });
 }
 
@@ -195,7 +205,7 @@ void* Registry::Impl::queryRegistry(QueryHandler&& handler, const Query& query)
     return open(std::move(handler), "queryRegistry", query.pattern, chargeFor(query, *patterns),
                 [&](StreamId stream, const std::shared_ptr<Asker>& asker) {
                     KESA_TRACE(CHANNEL, 2, "[queryRegistry] '%s' by %s", query.pattern.c_str(), asker->name().c_str());
-                    m_store.queryRegistry(stream, query, *patterns, asker->realm);
+                    m_store.queryRegistry(stream, query, *patterns, {asker->realm, asker->permit});
                     asker->listing.insert(stream);
                     m_ready.push_back(asker);
                 });

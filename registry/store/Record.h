@@ -21,8 +21,10 @@ using UpdateType = RegistryUpdate::UpdateTypeEnum;
 /// A service as the registry knows it. Shared by everybody who is told of it, and not changed once it is in the store.
 struct Record {
     ServiceDef serviceDef;
-    std::size_t bytes = 0;  ///< on the wire, in the longer of its forms
-    std::size_t memory = 0; ///< about
+    std::size_t bytes = 0;    ///< on the wire, in the longer of its forms
+    std::size_t memory = 0;   ///< about
+    std::int64_t uid = -1;    ///< of who registers it, by the kernel's word
+    std::uint64_t number = 0; ///< differs for each; 0: not counted
 
     const std::string& path() const noexcept { return serviceDef.path.toString(); }
 };

@@ -29,24 +29,26 @@ void append(std::string& key, std::string_view text)
 
 } // namespace
 
-Selection::Selection(const Query& asked, const PathPatterns& compiled, const Realm& watchers)
-    : query(asked), patterns(compiled), realm(watchers)
+Selection::Selection(const Query& asked, const PathPatterns& compiled, const Viewer& watchers)
+    : query(asked), patterns(compiled), viewer(watchers)
 {
     const SplitGlob split(query.pattern);
     pathPrefix = split.pathPrefix();
     isPath = split.isPath();
 }
 
-bool Selection::wants(const Record& record) const
+bool Selection::asksFor(const Record& record) const
 {
-    return isVisible(record.serviceDef, realm) && serviceregistry::matchesQuery(record.serviceDef, query, anyPath());
+    return isVisible(record.serviceDef, viewer.realm) &&
+           serviceregistry::matchesQuery(record.serviceDef, query, anyPath());
 }
 
-std::string Selection::key(const Query& query, const Realm& realm)
+std::string Selection::key(const Query& query, const Viewer& viewer)
 {
     std::string key;
     append(key, query.pattern);
-    append(key, realm ? '+' + *realm : std::string());
+    append(key, viewer.realm ? '+' + *viewer.realm : std::string());
+    append(key, viewer.sight ? std::to_string(viewer.sight->number()) : std::string());
     append(key, query.scope ? '+' + *query.scope : std::string());
     append(key, query.metadata ? util::config::Value(*query.metadata).toText() : std::string());
     return key;

@@ -1,7 +1,7 @@
 #ifndef KESA_REGISTRY_STORE_SELECTION_H
 #define KESA_REGISTRY_STORE_SELECTION_H
 
-#include "store/Record.h"
+#include "store/Viewer.h"
 
 #include <kesa/PathPatterns.h>
 
@@ -14,11 +14,11 @@ namespace kesa::registry {
 /// What a query asks for. All queries that ask for the same share one: a change is held against it once.
 struct Selection {
     /// `compiled` is the query's pattern.
-    Selection(const Query& asked, const PathPatterns& compiled, const Realm& watchers);
+    Selection(const Query& asked, const PathPatterns& compiled, const Viewer& watchers);
 
     Query query;
     PathPatterns patterns;
-    Realm realm;
+    Viewer viewer;
     std::string pathPrefix; ///< of all that can match
     bool isPath;            ///< only the path prefix can match
 
@@ -28,10 +28,12 @@ struct Selection {
         return isPath ? path == pathPrefix : path.substr(0, pathPrefix.size()) == pathPrefix;
     }
     /// Of a path that the patterns match.
-    bool wants(const Record& record) const;
+    bool wants(const Record& record) const { return asksFor(record) && sees(viewer.sight, record); }
+    /// The same, whether or not he may see it.
+    bool asksFor(const Record& record) const;
 
     /// The same text for the same selection.
-    static std::string key(const Query& query, const Realm& realm);
+    static std::string key(const Query& query, const Viewer& viewer);
     /// The most steps (see `PatternTrie`) that it adds to a change of one service, whatever its record.
     std::size_t cost() const;
     /// The most that `wants` takes of them.

@@ -232,6 +232,12 @@ const Store::Held* Store::find(const std::string& path) const
     return held == m_records.end() ? nullptr : &held->second;
 }
 
+std::string Store::pathOf(StreamId registration) const
+{
+    const auto found = m_registrations.find(registration);
+    return found == m_registrations.end() || !found->second.record ? std::string() : found->second.record->path();
+}
+
 /// The path has another holder.
 void Store::judgeAnew(const std::string& path)
 {
@@ -294,18 +300,37 @@ void Store::proved(const std::string& path, std::uint64_t proof, bool isAlive)
 
 // ---- watchers -----------------------------------------------------------------------------------------------------
 
-void Store::trackService(StreamId stream, const std::string& path, const Realm& realm)
+void Store::trackService(StreamId stream, const std::string& path, const Viewer& viewer)
 {
-    m_watchers.addTracker(stream, path, realm);
+    m_watchers.addTracker(stream, path, viewer);
     const auto held = m_records.find(path);
-    if (held != m_records.end() && isVisible(held->second.record->serviceDef, realm)) {
+    if (held != m_records.end() && isVisible(held->second.record->serviceDef, viewer.realm) &&
+        sees(viewer.sight, *held->second.record)) {
         m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::ADDED, held->second.record, 0, false});
     }
 }
 
-void Store::queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm)
+void Store::queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Viewer& viewer)
 {
-    m_watchers.addQuery(stream, query, patterns, realm);
+    m_watchers.addQuery(stream, query, patterns, viewer);
+}
+
+void Store::changeSights(const Watchers::Sights& sights)
+{
+    std::vector<StreamId> lost;
+    std::vector<StreamId> gained;
+    for (const auto& [path, held] : m_records) {
+        lost.clear();
+        gained.clear();
+        m_watchers.compare(*held.record, sights, lost, gained);
+        for (const StreamId stream : lost) {
+            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::REMOVED, held.record, 0, false});
+        }
+        for (const StreamId stream : gained) {
+            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::ADDED, held.record, 0, false});
+        }
+    }
+    m_watchers.change(sights);
 }
 
 bool Store::list(StreamId query, std::size_t maxBytes, std::vector<RecordPtr>& records, std::size_t& bytes)

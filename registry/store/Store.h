@@ -53,9 +53,11 @@ struct Claim {
 class Store {
 public:
     void registerService(StreamId stream, const Claim& claim);
-    void trackService(StreamId stream, const std::string& path, const Realm& realm);
+    void trackService(StreamId stream, const std::string& path, const Viewer& viewer);
     /// The first answer is fetched with `list`.
-    void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm);
+    void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Viewer& viewer);
+    /// These trackings and queries see otherwise from now on: they are told of what comes into their sight, and goes.
+    void changeSights(const Watchers::Sights& sights);
     /// Ends a request of any kind. One it does not know is ignored. Answers the record that is there no longer because
     /// of that, if any.
     RecordPtr end(StreamId stream);
@@ -73,6 +75,8 @@ public:
         StreamId holder = 0;
     };
     const Held* find(const std::string& path) const;
+    /// Of a registration that has a path, claims it, or may have it again; else empty.
+    std::string pathOf(StreamId registration) const;
     /// Appends the paths that are there and begin with `prefix`, at most `most`. Valid until the next change.
     void below(const std::string& prefix, std::size_t most, std::vector<std::string_view>& paths) const;
     /// Appends what follows the last "/" of `prefix` in the paths that begin with it, up to their next "/": each once

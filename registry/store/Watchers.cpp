@@ -5,21 +5,21 @@
 
 namespace kesa::registry {
 
-void Watchers::addTracker(StreamId stream, const std::string& path, const Realm& realm)
+void Watchers::addTracker(StreamId stream, const std::string& path, const Viewer& viewer)
 {
     const auto entry = m_trackers.try_emplace(path).first;
-    entry->second.emplace(stream, realm);
+    entry->second.emplace(stream, viewer);
     m_trackedPaths.emplace(stream, &entry->first);
 }
 
-void Watchers::addQuery(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm)
+void Watchers::addQuery(StreamId stream, const Query& query, const PathPatterns& patterns, const Viewer& viewer)
 {
-    const std::string key = Selection::key(query, realm);
+    const std::string key = Selection::key(query, viewer);
     const auto [known, isNew] = m_ids.try_emplace(key, m_lastId + 1);
     const AskedId id = known->second;
     if (isNew) {
         m_lastId = id;
-        m_asked.emplace(id, Asked{key, Selection(query, patterns, realm), {}});
+        m_asked.emplace(id, Asked{key, Selection(query, patterns, viewer), {}});
         m_patterns.insert(id, query.pattern, patterns);
     }
     Asked& asked = m_asked.at(id);
@@ -73,8 +73,8 @@ void Watchers::concerned(const Record& record, std::vector<StreamId>& streams)
 {
     const auto trackers = m_trackers.find(record.path());
     if (trackers != m_trackers.end()) {
-        for (const auto& [stream, realm] : trackers->second) {
-            if (isVisible(record.serviceDef, realm)) {
+        for (const auto& [stream, viewer] : trackers->second) {
+            if (isVisible(record.serviceDef, viewer.realm) && sees(viewer.sight, record)) {
                 streams.push_back(stream);
             }
         }
@@ -100,7 +100,7 @@ void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
 {
     const auto trackers = m_trackers.find(path);
     if (trackers != m_trackers.end()) {
-        for (const auto& [stream, realm] : trackers->second) {
+        for (const auto& [stream, viewer] : trackers->second) {
             streams.push_back(stream);
         }
     }
@@ -113,6 +113,60 @@ void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
         }
     }
     std::sort(streams.begin() + queries, streams.end());
+}
+
+void Watchers::compare(const Record& record, const Sights& sights, std::vector<StreamId>& lost,
+                       std::vector<StreamId>& gained)
+{
+    const auto compareOne = [&](StreamId stream, bool saw) {
+        const auto changed = sights.find(stream);
+        if (changed != sights.end() && sees(changed->second, record) != saw) {
+            (saw ? lost : gained).push_back(stream);
+        }
+    };
+    const auto trackers = m_trackers.find(record.path());
+    if (trackers != m_trackers.end()) {
+        for (const auto& [stream, viewer] : trackers->second) {
+            if (isVisible(record.serviceDef, viewer.realm)) {
+                compareOne(stream, sees(viewer.sight, record));
+            }
+        }
+    }
+    m_matching.clear();
+    m_patterns.match(record.path(), m_matching);
+    for (const AskedId id : m_matching) {
+        const Asked& asked = m_asked.at(id);
+        if (!asked.selection.asksFor(record)) {
+            continue;
+        }
+        const bool saw = sees(asked.selection.viewer.sight, record);
+        for (const auto& [stream, watch] : asked.queries) {
+            if (watch->hasPassed(record.path())) {
+                compareOne(stream, saw);
+            }
+        }
+    }
+}
+
+/// What a query has listed is kept: its first answer goes on where it was.
+void Watchers::change(const Sights& sights)
+{
+    for (const auto& [stream, sight] : sights) {
+        const auto tracked = m_trackedPaths.find(stream);
+        if (tracked != m_trackedPaths.end()) {
+            m_trackers.at(*tracked->second).at(stream).sight = sight;
+        }
+        const QueryWatch* const watch = findQuery(stream);
+        if (watch != nullptr && watch->selection.viewer.sight != sight) {
+            const Selection before = watch->selection;
+            const QueryWatch listed = *watch;
+            erase(stream);
+            addQuery(stream, before.query, before.patterns, {before.viewer.realm, sight});
+            QueryWatch& changed = *findQuery(stream);
+            changed.isListing = listed.isListing;
+            changed.listedUpTo = listed.listedUpTo;
+        }
+    }
 }
 
 } // namespace kesa::registry

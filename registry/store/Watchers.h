@@ -2,8 +2,8 @@
 #define KESA_REGISTRY_STORE_WATCHERS_H
 
 #include "store/PatternTrie.h"
-#include "store/Record.h"
 #include "store/Selection.h"
+#include "store/Viewer.h"
 
 #include <kesa/PathPatterns.h>
 
@@ -36,8 +36,8 @@ struct QueryWatch {
 /// told, not on how many others there are.
 class Watchers {
 public:
-    void addTracker(StreamId stream, const std::string& path, const Realm& realm);
-    void addQuery(StreamId stream, const Query& query, const PathPatterns& patterns, const Realm& realm);
+    void addTracker(StreamId stream, const std::string& path, const Viewer& viewer);
+    void addQuery(StreamId stream, const Query& query, const PathPatterns& patterns, const Viewer& viewer);
     /// Streams it does not know are ignored.
     void erase(StreamId stream);
     /// Null when there is none.
@@ -47,8 +47,14 @@ public:
     /// Appends who asks for the path: trackings, then queries whose pattern matches it, in the order they came.
     void asking(const std::string& path, std::vector<StreamId>& streams);
 
+    using Sights = std::unordered_map<StreamId, SightPtr>;
+    /// Appends whom `record` would be lost to, and who would gain it, if these had those sights.
+    void compare(const Record& record, const Sights& sights, std::vector<StreamId>& lost,
+                 std::vector<StreamId>& gained);
+    void change(const Sights& sights);
+
 private:
-    using Trackers = std::map<StreamId, Realm>;
+    using Trackers = std::map<StreamId, Viewer>;
     struct Asked {
         std::string key;
         Selection selection;

@@ -5,8 +5,13 @@
 #include <Variable.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
+#include <kesa/serviceregistry/MetainfoKeys.h>
 #include <runtime/v02/runtime/channels.h>
 #include <runtime/v02/runtime/tests/RuntimeFixture.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <unistd.h>
 
 namespace kesa::registry::test {
 namespace {
@@ -43,6 +48,84 @@ protected:
     std::unique_ptr<RegistryHost> m_host;
     Clients m_clients;
 };
+
+/// A configuration document that can be written anew. No runtime is started with it.
+class Document {
+public:
+    Document() { ::setenv("KESA_CONFIG", m_file.c_str(), 1); }
+    ~Document()
+    {
+        ::unsetenv("KESA_CONFIG");
+        ::unlink(m_file.c_str());
+    }
+    Document(const Document&) = delete;
+    Document& operator=(const Document&) = delete;
+    void write(const std::string& policy) const
+    {
+        std::ofstream(m_file) << "{\"use_registry\": true, \"registry\": {\n\"policy\": " << policy << "}}";
+    }
+
+private:
+    const std::string m_file = testing::TempDir() + "policy." + std::to_string(::getpid()) + ".json";
+};
+
+TEST_F(RegistryHostTest, WithoutAPolicyEachUserSeesHisOwnAndWhatIsPublic)
+{
+    host();
+    run();
+    Process media("media", ""), nav("nav", ""), root("root", "");
+    media.context.uid = 1001;
+    nav.context.uid = 1002;
+    m_clients.told();
+    m_clients.query(nav, "n", Query("**"));
+    m_clients.track(nav, "t", "/a");
+    m_clients.query(root, "r", Query("**"));
+    EXPECT_THAT(m_clients.told(), ElementsAre("n: [+/registry]", "n: []", "r: [+/registry]", "r: []"));
+    m_clients.registerService(media, "m", test::service("/a"));
+    ServiceDef shared = test::service("/b");
+    shared.metainfo = GenericObject{{serviceregistry::PUBLIC, true}};
+    m_clients.registerService(media, "m", shared);
+    EXPECT_THAT(m_clients.told(),
+                ElementsAre("m: registered /a", "r: [+/a]", "m: registered /b", "n: [+/b]", "r: [+/b]"));
+    EXPECT_EQ(m_clients.explain(nav, "/a")["registered"], false) << "as if it was not there";
+    EXPECT_EQ(m_clients.explain(root, "/a")["registered"], true);
+}
+
+TEST_F(RegistryHostTest, AChangedPolicyEndsWhatItNoLongerAllowsAndNothingElse)
+{
+    host();
+    run();
+    const Document document;
+    Process media("media", ""), nav("nav", "");
+    media.context.uid = media.context.pid = 1001;
+    nav.context.uid = nav.context.pid = 1002;
+    m_clients.told();
+    document.write(R"([{"user": [1001, 1002], "may": ["register", "see"], "paths": "/**"}])");
+    EXPECT_EQ(m_host->reloadPolicy(), "");
+    m_clients.registerService(media, "a", test::service("/a"));
+    m_clients.registerService(media, "b", test::service("/b"));
+    m_clients.query(nav, "q", Query("**"));
+    m_clients.track(nav, "t", "/b");
+    EXPECT_THAT(m_clients.told(),
+                ElementsAre("a: registered /a", "b: registered /b", "q: [+/a+/b+/registry]", "q: []", "t: +/b"));
+    document.write(R"([{"user": 1001, "may": "register", "paths": "/b"},
+{"user": 1002, "may": "see", "paths": "/a*"}])");
+    EXPECT_EQ(m_host->reloadPolicy(), "");
+    EXPECT_THAT(m_clients.told(),
+                testing::ElementsAre(testing::AllOf(HasSubstr("a: 403: not allowed to register this service: "),
+                                                    HasSubstr("no rule of the policy in "),
+                                                    HasSubstr("lets user 1001 register \"/a\": rule 1 ("),
+                                                    HasSubstr(".json:2) is for other paths")),
+                                     "t: -/b", "q: [-/b]", "q: [-/a]", "a: ~"));
+    m_clients.registerService(nav, "c", test::service("/c"));
+    EXPECT_THAT(m_clients.told(), ElementsAre(HasSubstr("c: 403: not allowed"), "c: ~"));
+    document.write(R"([{"user": "nobody of that name", "may": "all"}])");
+    EXPECT_THAT(m_host->reloadPolicy(), HasSubstr(".json:2:"));
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty()) << "a broken one changes nothing";
+    document.write(R"([{"may": ["register", "see"], "paths": "**"}])");
+    EXPECT_EQ(m_host->reloadPolicy(), "");
+    EXPECT_THAT(m_clients.told(), ElementsAre("t: +/b", "q: [+/b]"));
+}
 
 TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
 {

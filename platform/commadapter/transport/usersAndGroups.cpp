@@ -11,6 +11,31 @@
 
 namespace kesa::commadapter::transport {
 
+namespace {
+
+template <class Number>
+std::optional<Number> asNumber(const std::string& text)
+{
+    Number number = 0;
+    const auto parsed = std::from_chars(text.data(), text.data() + text.size(), number);
+    return parsed.ec == std::errc() && parsed.ptr == text.data() + text.size() ? std::optional(number) : std::nullopt;
+}
+
+/// False when there is no such entry. `texts` holds those of the entry.
+template <class Key, class Entry>
+bool find(int (*look)(Key, Entry*, char*, std::size_t, Entry**), Key key, Entry& entry, std::vector<char>& texts)
+{
+    Entry* found = nullptr;
+    int error = 0;
+    texts.resize(1024);
+    while ((error = look(key, &entry, texts.data(), texts.size(), &found)) == ERANGE) {
+        texts.resize(texts.size() * 2);
+    }
+    return error == 0 && found != nullptr;
+}
+
+} // namespace
+
 std::string userName(uid_t number)
 {
     std::array<char, 16384> buffer{};
@@ -31,19 +56,44 @@ std::string groupName(gid_t number)
 
 std::optional<gid_t> findGroup(const std::string& name)
 {
-    gid_t number = 0;
-    const auto parsed = std::from_chars(name.data(), name.data() + name.size(), number);
-    if (parsed.ec == std::errc() && parsed.ptr == name.data() + name.size()) {
+    if (const auto number = asNumber<gid_t>(name)) {
         return number;
     }
-    std::vector<char> buffer(1024);
     group entry{};
-    group* found = nullptr;
-    int error = 0;
-    while ((error = ::getgrnam_r(name.c_str(), &entry, buffer.data(), buffer.size(), &found)) == ERANGE) {
-        buffer.resize(buffer.size() * 2);
+    std::vector<char> texts;
+    return find(::getgrnam_r, name.c_str(), entry, texts) ? std::optional(entry.gr_gid) : std::nullopt;
+}
+
+std::optional<uid_t> findUser(const std::string& name)
+{
+    if (const auto number = asNumber<uid_t>(name)) {
+        return number;
     }
-    return error == 0 && found != nullptr ? std::optional(found->gr_gid) : std::nullopt;
+    passwd entry{};
+    std::vector<char> texts;
+    return find(::getpwnam_r, name.c_str(), entry, texts) ? std::optional(entry.pw_uid) : std::nullopt;
+}
+
+std::vector<uid_t> membersOf(gid_t number)
+{
+    group entry{};
+    std::vector<char> texts;
+    std::vector<uid_t> members;
+    if (find(::getgrgid_r, number, entry, texts)) {
+        for (char** name = entry.gr_mem; *name != nullptr; ++name) {
+            if (const auto user = findUser(*name)) {
+                members.push_back(*user);
+            }
+        }
+    }
+    return members;
+}
+
+std::optional<gid_t> groupOf(uid_t user)
+{
+    passwd entry{};
+    std::vector<char> texts;
+    return find(::getpwuid_r, user, entry, texts) ? std::optional(entry.pw_gid) : std::nullopt;
 }
 
 bool isPerson(uid_t user)

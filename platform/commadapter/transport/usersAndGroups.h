@@ -5,6 +5,7 @@
 
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace kesa::commadapter::transport {
 
@@ -18,6 +19,15 @@ std::string groupName(gid_t group);
 
 /// The number of a group, given by its name or as a number; none when there is no such group.
 std::optional<gid_t> findGroup(const std::string& name);
+
+/// The number of a user, given by its name or as a number; none when there is no such user.
+std::optional<uid_t> findUser(const std::string& name);
+
+/// The users that are in a group beside those whose own group it is, as the list of groups has them.
+std::vector<uid_t> membersOf(gid_t group);
+
+/// A user's own group; none when there is no such user.
+std::optional<gid_t> groupOf(uid_t user);
 
 /// Whether a user is a person, not root or an account of a service.
 bool isPerson(uid_t user);

@@ -35,6 +35,11 @@ public:
     /// runtime ends; not on a loop of it.
     void stop();
 
+    /// Reads the policy of the configuration document again: what it no longer allows ends with 403, who may see more
+    /// or less is told, and the rest feels nothing. Answers why the document does not count, for people; then the
+    /// policy is as before. Empty: it counts. Any thread, but no loop of the runtime: files are read.
+    std::string reloadPolicy();
+
     serviceregistry::IServiceRegistry& registry();
 
 private:

@@ -51,7 +51,7 @@ const KeyGroups& keyGroups()
          "\"smartProxy\"",
          {"timeout", "retryTimes", "mandatoryForwardErrors", "mandatroyRetryErrorsSubscribeList",
           "mandatroyRetryErrorsSubscribeElement"}},
-        {"registry", "\"registry\"", {"max_user_bytes", "max_bytes"}}};
+        {"registry", "\"registry\"", {"max_user_bytes", "max_bytes", "policy"}}};
     return groups;
 }
 

@@ -29,6 +29,10 @@ enum class MetainfoKeys : std::uint8_t {
     versions
 };
 
+/// A key whose value `true` marks a service as one that every user may see: `{{PUBLIC, true}}`. A registry with a
+/// policy goes by that alone.
+inline constexpr const char* PUBLIC = "public";
+
 // Exact, case-sensitive; the forms with `out` answer true on failure and leave it alone.
 [[nodiscard]] KESA_API bool enumToValue(MetainfoKeys key, std::string& out);
 KESA_API optional<std::string> enumToValue(MetainfoKeys key);

@@ -1,16 +1,17 @@
-#ifndef KESACTL_JSONPOSITIONS_H
-#define KESACTL_JSONPOSITIONS_H
+#ifndef UTIL_CONFIG_JSONPOSITIONS_H
+#define UTIL_CONFIG_JSONPOSITIONS_H
 
+#include <obr/api.h>
 #include <util/config/DocumentPath.h>
 
 #include <cstdint>
 #include <string>
 #include <unordered_map>
 
-namespace kesactl {
+namespace util::config {
 
 /// Where the values of a JSON text stand.
-class JsonPositions {
+class KESA_API JsonPositions {
 public:
     struct Position {
         int line = 0;   ///< from 1; 0: unknown
@@ -23,12 +24,12 @@ public:
 
     /// Of the key of a member, of an element itself. For a path that is not in the text that of the nearest value
     /// around it.
-    Position find(const util::config::DocumentPath& path) const;
+    Position find(const DocumentPath& path) const;
 
 private:
     std::unordered_map<std::uint64_t, Position> m_positions; ///< by the hash of the path
 };
 
-} // namespace kesactl
+} // namespace util::config
 
 #endif

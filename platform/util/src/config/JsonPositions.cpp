@@ -1,5 +1,9 @@
-#include "JsonPositions.h"
+#include <util/config/JsonPositions.h>
 
+// Of its own, without the vector instructions of JsonParser.cpp, which read behind the end of a text.
+#define RAPIDJSON_NAMESPACE kesa_rapidjson_plain
+#define RAPIDJSON_NAMESPACE_BEGIN namespace kesa_rapidjson_plain {
+#define RAPIDJSON_NAMESPACE_END }
 #include <rapidjson/reader.h>
 
 #include <algorithm>
@@ -7,7 +11,7 @@
 #include <functional>
 #include <vector>
 
-namespace kesactl {
+namespace util::config {
 namespace {
 
 // A path is known by its hash, which that of what is below it goes on from: the paths of a long list below a long key
@@ -26,7 +30,7 @@ std::uint64_t extended(std::uint64_t path, char mark, std::string_view text)
 
 std::uint64_t extended(std::uint64_t path, std::string_view key)
 {
-    return extended(path, '\xfe', util::config::shortenedKey(key));
+    return extended(path, '\xfe', shortenedKey(key));
 }
 
 std::uint64_t extended(std::uint64_t path, std::size_t index)
@@ -40,7 +44,7 @@ class Collector {
 public:
     using Store = std::function<void(std::uint64_t path, std::size_t offset)>;
 
-    Collector(const char* text, rapidjson::InsituStringStream& stream, Store store)
+    Collector(const char* text, ::kesa_rapidjson_plain::InsituStringStream& stream, Store store)
         : m_text(text), m_stream(stream), m_store(std::move(store))
     {}
 
@@ -108,7 +112,7 @@ private:
     }
 
     const char* m_text;
-    rapidjson::InsituStringStream& m_stream;
+    ::kesa_rapidjson_plain::InsituStringStream& m_stream;
     Store m_store;
     std::vector<Level> m_levels;
 };
@@ -144,15 +148,16 @@ JsonPositions::JsonPositions(const std::string& text)
     Cursor cursor(text); // the reader comes by each place once, in order
     const auto store = [&](std::uint64_t path, std::size_t offset) { m_positions[path] = cursor.at(offset); };
     std::string copy = text; // is overwritten by the reader
-    rapidjson::InsituStringStream stream(copy.data());
+    ::kesa_rapidjson_plain::InsituStringStream stream(copy.data());
     Collector collector(copy.data(), stream, store);
-    rapidjson::Reader reader;
-    constexpr unsigned int FLAGS =
-        rapidjson::kParseInsituFlag | rapidjson::kParseNumbersAsStringsFlag | rapidjson::kParseIterativeFlag;
+    ::kesa_rapidjson_plain::Reader reader;
+    constexpr unsigned int FLAGS = ::kesa_rapidjson_plain::kParseInsituFlag |
+                                   ::kesa_rapidjson_plain::kParseNumbersAsStringsFlag |
+                                   ::kesa_rapidjson_plain::kParseIterativeFlag;
     static_cast<void>(reader.Parse<FLAGS>(stream, collector));
 }
 
-JsonPositions::Position JsonPositions::find(const util::config::DocumentPath& path) const
+JsonPositions::Position JsonPositions::find(const DocumentPath& path) const
 {
     Position nearest;
     std::uint64_t hash = NO_PATH;
@@ -169,4 +174,4 @@ JsonPositions::Position JsonPositions::find(const util::config::DocumentPath& pa
     return nearest;
 }
 
-} // namespace kesactl
+} // namespace util::config

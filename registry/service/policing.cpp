@@ -1,0 +1,165 @@
+// What the policy says of those who ask: whether they may register, what they may see, and what becomes of both when
+// it changes.
+
+#include "policy/systemAccounts.h"
+#include "service/RegistryImpl.h"
+#include "service/channel.h"
+
+#include <kesa/Response.h>
+#include <kesa/headers.h>
+#include <obr/visible.h>
+
+#include <algorithm>
+
+namespace kesa::registry {
+
+namespace {
+
+/// Of processes whose refusals have been traced.
+constexpr std::size_t MOST_TRACED = 1000;
+
+} // namespace
+
+/// Empty when it has not proven it.
+std::string Registry::Impl::provenName(IPeer* peer, const std::string& process)
+{
+    return peer != nullptr && peer->proveName().proof == IPeer::Name::Proof::ePROVEN ? process : std::string();
+}
+
+/// Of who asks without a request that stays.
+PermitPtr Registry::Impl::permitOf(const RequestContext* context) const
+{
+    if (context == nullptr) {
+        return nullptr;
+    }
+    return m_policy->permitOf({context->uid, context->gid,
+                               m_policy->asksForProcess() ? provenName(context->peer.get(), context->process) : ""});
+}
+
+Identity Registry::Impl::identityOf(const Asker& asker) const
+{
+    return {asker.uid, asker.gid,
+            m_policy->asksForProcess() ? provenName(asker.peer.get(), asker.process) : std::string()};
+}
+
+/// What this process asks itself is always allowed.
+void Registry::Impl::admit(Asker& asker) const
+{
+    asker.permit = asker.isOwn() ? nullptr : m_policy->permitOf(identityOf(asker));
+}
+
+/// Empty when he may.
+std::string Registry::Impl::whyMayNotRegister(const Asker& asker, const std::string& path)
+{
+    return !asker.permit || asker.permit->mayRegister(path)
+               ? std::string()
+               : m_policy->judge(identityOf(asker), Right::eREGISTER, path).because;
+}
+
+/// Traced once for a process: it may ask again and again.
+void Registry::Impl::forbid(const Asker& asker, IResponseHandler<ServiceDef>& handler, const std::string& path,
+                            const std::string& why)
+{
+    if (m_forbidden.size() >= MOST_TRACED) {
+        m_forbidden.clear();
+    }
+    if (m_forbidden.emplace(asker.pid, asker.owner.start).second) {
+        KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: %s; its further refusals are not traced",
+                   obr::glimpse(path).c_str(), obr::glimpse(asker.name()).c_str(), why.c_str());
+    }
+    Response error = Response::createErrorResponse(403, "not allowed to register this service");
+    headers::appendReason(error, why);
+    handler.onError(error);
+}
+
+void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
+{
+    turn([&] {
+        m_policy = std::move(policy);
+        for (const auto& [key, asker] : m_askers) {
+            admit(*asker);
+        }
+        m_forbidden.clear();
+        Watchers::Sights sights;
+        std::vector<StreamId> registrations;
+        for (const auto& [stream, request] : m_requests) {
+            if (std::holds_alternative<RegistrationHandler>(request.handler)) {
+                registrations.push_back(stream);
+            } else if (!request.asker->isOwn()) {
+                sights.emplace(stream, request.asker->permit);
+            }
+        }
+        m_store.changeSights(sights);
+        std::sort(registrations.begin(), registrations.end()); // one that would get its path back has ended before
+        for (const StreamId stream : registrations) {
+            endIfForbidden(stream);
+        }
+    });
+}
+
+void Registry::Impl::endIfForbidden(StreamId stream)
+{
+    const auto request = m_requests.find(stream);
+    if (request == m_requests.end()) {
+        return; // the handler of another one has cancelled it
+    }
+    const std::string path = m_store.pathOf(stream);
+    const std::shared_ptr<Asker> asker = request->second.asker;
+    const std::string why = path.empty() ? path : whyMayNotRegister(*asker, path);
+    if (why.empty()) {
+        return;
+    }
+    m_dead.push_back(take(request));
+    if (const RecordPtr gone = m_store.end(stream)) {
+        noteEnd(m_dead.back(), *gone, "the policy does not allow it any more");
+    }
+    forbid(*asker, *std::get<RegistrationHandler>(m_dead.back().handler), path, why);
+}
+
+/// Those that `who` stands for: a number or name of a user, or the name of a process, as it is here now.
+std::vector<Identity> Registry::Impl::identitiesOf(const std::string& who, bool mayLookUp) const
+{
+    std::vector<Identity> identities;
+    for (const auto& [key, asker] : m_askers) {
+        if (asker->process == who && !asker->isOwn()) {
+            const Identity identity{asker->uid, asker->gid, provenName(asker->peer.get(), asker->process)};
+            if (std::find(identities.begin(), identities.end(), identity) == identities.end()) {
+                identities.push_back(identity);
+            }
+        }
+    }
+    if (!identities.empty() || !mayLookUp) {
+        return identities;
+    }
+    const IAccounts& accounts = systemAccounts();
+    if (const auto user = accounts.findUser(who)) {
+        return {{*user, accounts.groupOf(*user), {}}};
+    }
+    return {};
+}
+
+/// For root, the registry's user, and who asks for himself; undefined for others.
+util::config::Value Registry::Impl::describeMay(const std::string& path, const std::string& who,
+                                                const Store::Held* held) const
+{
+    const RequestContext* const context = RequestContext::current();
+    util::config::Value::Array may;
+    const bool isTrusted = context == nullptr || context->uid == 0 || context->uid == m_ownUid;
+    const std::vector<Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
+    for (const Identity& identity : identities) {
+        if (!isTrusted && context->uid != identity.uid) {
+            continue;
+        }
+        GenericObject object{{"who", m_policy->describe(identity)}};
+        for (const Right right : {Right::eREGISTER, Right::eSEE}) {
+            const Policy::Verdict verdict =
+                m_policy->judge(identity, right, path, held == nullptr ? nullptr : held->record.get());
+            object.set(nameOf(right), GenericObject{{"allowed", verdict.isAllowed}, {"because", verdict.because}});
+        }
+        may.emplace_back(std::move(object));
+    }
+    return may.empty() && (!isTrusted || !identities.empty()) ? util::config::Value()
+                                                              : util::config::Value(std::move(may));
+}
+
+} // namespace kesa::registry
