@@ -6,6 +6,7 @@
 
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace kesactl {
@@ -17,8 +18,9 @@ struct CheckResult {
     std::string partition; ///< of the process, when one is named
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
-    bool counts;              ///< the document; else a process goes on with the defaults
-    util::config::Value comm; ///< what counts of it
+    bool counts;                                             ///< the document; else a process goes on with the defaults
+    std::vector<std::pair<std::string, std::string>> policy; ///< what its rules are called, and what they say
+    util::config::Value comm;                                ///< what counts of it
     std::string runDirectory;
     std::string runDirectorySource; ///< what names it
     std::vector<util::config::Complaint> complaints;

@@ -4,6 +4,7 @@
 #include "locateComplaints.h"
 #include "output.h"
 #include "print_config.h"
+#include "reviewPolicy.h"
 #include "reviewRunDirectory.h"
 #include "reviewSettings.h"
 
@@ -106,6 +107,7 @@ int checkConfig(const CheckConfigArguments& arguments)
     }
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
+    auto policy = reviewPolicy(report);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     if (std::optional<Complaint> complaint = reviewRunDirectory(runDirectory)) {
         if (complaint->path.empty()) {
@@ -129,6 +131,7 @@ int checkConfig(const CheckConfigArguments& arguments)
                              config,
                              report.firstError() == nullptr,
                              counts,
+                             std::move(policy),
                              valueOf(comm),
                              runDirectory.path(),
                              runDirectory.source(),

@@ -19,6 +19,7 @@ void addPing(CLI::App& app);
 void addPs(CLI::App& app);
 void addStatus(CLI::App& app);
 void addHelp(CLI::App& app);
+void addMay(CLI::App& app, int& exitCode); ///< it sets `exitCode` to 0 when it is allowed, else to 1
 void addWhy(CLI::App& app, int& exitCode); ///< it sets `exitCode` to 0 when the service works, else to 1
 
 /// The command of that name; a `Failure` that names the nearest when there is none.

@@ -33,6 +33,7 @@ const char* const FOOTER = R"(Examples:
   kesactl check-config kesa.json --process media   a document, as the process "media" reads it
   kesactl check-config kesa.json --json | jq .complaints
   kesactl why /media/player                        is it there, does it work, and if not, why
+  kesactl may media register /media/player         whether the registry's policy lets that user, and by which rule
   kesactl doctor                                   why do processes not find each other?
 
 The registry is found as any process finds it: by the configuration document, without one at
@@ -95,6 +96,7 @@ int run(int argc, char** argv)
     kesactl::addCheckConfig(app, exitCode);
     kesactl::addDoctor(app, exitCode);
     kesactl::addWhy(app, exitCode);
+    kesactl::addMay(app, exitCode);
     kesactl::addHelp(app);
     app.footer(FOOTER);
     refuseUnknownCommand(app, argc, argv);

@@ -145,6 +145,9 @@ SettingRows settings(const CheckResult& result)
     addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
     addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
     addTable(rows, "registry", registry(config.m_registryLimits));
+    for (const auto& [name, words] : result.policy) {
+        rows.push_back({"  " + name, excerpt(words)});
+    }
     addTable(rows, "comm", result.comm);
     rows.push_back({"run directory", fmt::format("{} ({})", excerpt(result.runDirectory), result.runDirectorySource)});
     return rows;
@@ -245,6 +248,13 @@ std::string asJson(const CheckResult& result)
                       {"run_directory", result.runDirectory},
                       {"run_directory_from", result.runDirectorySource},
                       {"complaints", asArray(result.complaints)}};
+    if (!result.policy.empty()) {
+        Value::Array rules;
+        for (const auto& [name, words] : result.policy) {
+            rules.emplace_back(name + ": " + words);
+        }
+        object.set("policy", std::move(rules));
+    }
     if (result.process) {
         object.set("process", *result.process);
         object.set("partition", result.partition);

@@ -212,6 +212,9 @@ std::string adviceFor(const Value& ask, const Value& record)
     if (because == "metadata") {
         return "its query asks for metadata that the record does not have; kesactl show PATH has the record";
     }
+    if (because == "policy") {
+        return "the registry's policy does not let it see the service; kesactl may PROCESS see PATH says by which rule";
+    }
     return "all locators of the record are of another run directory than the one it uses";
 }
 
