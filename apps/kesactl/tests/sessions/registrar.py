@@ -16,7 +16,7 @@ def frame(kind, stream, target, head, body=b""):
 name, *records = sys.argv[1:]
 registry = socket.socket(socket.AF_UNIX)
 registry.connect(os.path.join(os.environ["KESA_RUN_DIR"], "kesa-registryd.sock"))
-registry.sendall(frame(1, 0, 0, b"\x10\x01\x11\x01\x12" + text(name) + b"\x14\x50" + bytes(range(1, 17))))
+registry.sendall(frame(1, 0, 0, b"\x10\x02\x11\x02\x12" + text(name) + b"\x14\x50" + bytes(range(1, 17))))
 registry.sendall(frame(2, 0, 1, b"\x01" + text("/registry")))
 said = registry.makefile("rb")
 
