@@ -1,6 +1,8 @@
 #ifndef KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
 #define KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
 
+#include <obr/api.h>
+
 #include <sys/types.h>
 
 #include <optional>
@@ -12,22 +14,22 @@ namespace kesa::commadapter::transport {
 // Any thread.
 
 /// The user's name, or the number where there is none that can be read.
-std::string userName(uid_t user);
+KESA_API std::string userName(uid_t user);
 
 /// The same of a group.
 std::string groupName(gid_t group);
 
 /// The number of a group, given by its name or as a number; none when there is no such group.
-std::optional<gid_t> findGroup(const std::string& name);
+KESA_API std::optional<gid_t> findGroup(const std::string& name);
 
 /// The number of a user, given by its name or as a number; none when there is no such user.
-std::optional<uid_t> findUser(const std::string& name);
+KESA_API std::optional<uid_t> findUser(const std::string& name);
 
 /// The users that are in a group beside those whose own group it is, as the list of groups has them.
-std::vector<uid_t> membersOf(gid_t group);
+KESA_API std::vector<uid_t> membersOf(gid_t group);
 
 /// A user's own group; none when there is no such user.
-std::optional<gid_t> groupOf(uid_t user);
+KESA_API std::optional<gid_t> groupOf(uid_t user);
 
 /// Whether a user is a person, not root or an account of a service.
 bool isPerson(uid_t user);
