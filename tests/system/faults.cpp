@@ -74,7 +74,7 @@ private:
         {"crowd came and died", 0.3, [this] { return crowd(); }},
         {"watcher killed", 2, [this] { return killWatcher(); }},
         {"watcher stopped", 2, [this] { return toOne(m_watchers, isRunning, stop); }},
-        {"watcher stopped until cut off", 0.5, [this] { return stuckWatcher(); }},
+        {"watcher stopped while much changed", 0.5, [this] { return stuckWatcher(); }},
         {"registry killed", 2, [this] { return killRegistry(); }},
         {"registry ended", 2, [this] { return endRegistry(); }},
         {"registry stopped", 1, [this] { return stopRegistry(); }},
@@ -256,16 +256,14 @@ bool SystemFaults::killWatcher()
     });
 }
 
+/// More than it has given credit for, so that the rest waits at the registry.
 bool SystemFaults::stuckWatcher()
 {
     const auto tracksAll = [](const Member& member) { return member.tracks.count("**") != 0; };
     return m_isSettled && toOne(m_watchers, tracksAll, [this](Member& watcher) {
-               const std::string cut = "is cut off: ";
-               const std::size_t before = m_registry->countTraces(cut);
                stop(watcher);
-               m_witness.process->send("churn 40 20000"); // it is connected to the registry for sure
+               m_witness.process->send("churn 100 20000"); // it is connected to the registry for sure
                m_witness.process->expect("churned");
-               m_registry->expectTrace(cut, before + 1);
            });
 }
 

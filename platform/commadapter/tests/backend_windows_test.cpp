@@ -183,17 +183,12 @@ TEST_F(BackendWindows, PoliciesDecideAboutWhatWaits)
 
     const auto connection = open(QueuePolicy::eCUT_CONNECTION);
     EXPECT_EQ(send(1000), 1000);
-    for (int i = 0; i < 10; ++i) { // it is slow, but takes something
-        runFor(700);
-        handle(3);
-    }
+    runFor(10'000); // its user is behind, and its process lives
     EXPECT_FALSE(connection->hasEnded());
-    runFor(3000);
-    EXPECT_EQ(connection->status, 503);
-    EXPECT_THAT(traces->take(), Contains(HasSubstr("is cut off: it does not take what is sent to it")));
-    EXPECT_EQ(client->connections(), 2U);
-    handle(1000); // of a connection that has gone
-    EXPECT_TRUE(isNothingLeft());
+    while (!receipts.empty()) {
+        handle(100);
+    }
+    EXPECT_EQ(connection->values.size(), 1000U);
 }
 
 TEST_F(BackendWindows, OfAPeerThatDoesNotKeepToThemTheConnectionEnds)

@@ -511,12 +511,6 @@ void Connection::countQueued()
     m_counted = queued;
 }
 
-void Connection::queueBeyondBound()
-{
-    m_isBeyondBound = true;
-    m_loop->expectSomething();
-}
-
 std::size_t Connection::boundedBytes() const
 {
     return m_role == protocol::Role::eCLIENT ? m_machine->output.queuedBytes() : m_machine->output.persistentBytes();

@@ -68,9 +68,7 @@ protected:
     bool isProcessOverBound(std::size_t moreBytes) const;
     /// What is queued next goes beyond the bound: it must not be lost, and the peer is probably about to take it. One
     /// that takes nothing at all for the time of a heartbeat is cut off by the loop. Lock held.
-    void queueBeyondBound();
-    /// The peer gives back something of a window: a sign that it takes what it is sent. Lock held.
-    void hasGivenCredit(comm::TimeNs now) noexcept { progressed(now); }
+    void queueBeyondBound() noexcept { m_isBeyondBound = true; }
     /// Nobody takes what is written any more; what the peer has sent is still handled. Lock held.
     bool isBroken() const noexcept { return m_isBroken; }
     /// When bytes left last; on a client's blocked connection also when bytes came.
@@ -174,7 +172,6 @@ private:
     // Connection_liveness.cpp
     bool isStuck(comm::TimeNs now) const;
     bool takesNothing(comm::TimeNs now);
-    bool isCreditOwed(comm::TimeNs now) const;
 
     const std::shared_ptr<IoLoop> m_loop;
     const protocol::Role m_role;

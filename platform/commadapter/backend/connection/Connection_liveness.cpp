@@ -26,16 +26,8 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     if (takesNothing(now)) {
         lock.unlock();
-        readBatch(); // it may have given credit
-        if (!m_isOpen) {
-            return false;
-        }
-        lock.lock();
-        if (takesNothing(now)) {
-            lock.unlock();
-            cutOff(TAKES_NOTHING);
-            return false;
-        }
+        cutOff(TAKES_NOTHING);
+        return false;
     }
     m_isFoundStuck = isStuck(now);
     const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
@@ -66,26 +58,18 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         m_machine->output.probe(now);
         pushOut();
     }
-    return isOwed || m_isBlocked || m_isBeyondBound || m_machine->output.nextDeadline() != comm::NEVER;
+    return isOwed || m_isBlocked || m_machine->output.nextDeadline() != comm::NEVER;
 }
 
 /// With the lock held. The stream is asked itself, in case that news of room are still on their way.
 bool Connection::takesNothing(comm::TimeNs now)
 {
-    if (!m_isBeyondBound || !isOverBound(0)) {
-        return false;
-    }
-    if (isStuck(now)) {
+    if (m_isBeyondBound && isOverBound(0) && isStuck(now)) {
         m_isBlocked = false;
         write();
+        return isStuck(now);
     }
-    return isStuck(now) || isCreditOwed(now);
-}
-
-/// All has left that may, and values wait: the peer has neither taken anything nor handled what it took for as long.
-bool Connection::isCreditOwed(comm::TimeNs now) const
-{
-    return !m_isBlocked && m_machine->output.waitingBytes() > 0 && now - m_lastProgress >= m_loop->settings().heartbeat;
+    return false;
 }
 
 /// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a

@@ -386,7 +386,6 @@ void ServedRequests::credit(std::uint32_t number, std::size_t bytes)
         m_connection.cutOff("more credit than a stream has used");
         return;
     }
-    m_connection.hasGivenCredit(comm::now());
     if (stream != nullptr && stream->hasLatest && stream->isCreditless && !m_connection.output().isWaiting(number)) {
         queueLatest(number, *stream);
     }

@@ -343,13 +343,13 @@ void MemoryNetwork::repeatInstance(std::uint64_t liar, std::uint64_t other)
     m_impl->repeated[liar] = other;
 }
 
-bool MemoryNetwork::isConnected(std::uint64_t a, std::uint64_t b) const
+bool MemoryNetwork::isConnected(std::uint64_t client, std::uint64_t server) const
 {
     const std::lock_guard lock(m_impl->lock);
     const auto isOpen = [](const memory::End& end) { return !end.isClosed && !end.isOver; };
     bool isThere = false;
     for (const auto& link : m_impl->links) {
-        if (isBetween(*link, a, b)) {
+        if (link->ends[0].group == client && link->ends[1].group == server) {
             if (!isOpen(link->ends[0]) || !isOpen(link->ends[1])) {
                 return false;
             }

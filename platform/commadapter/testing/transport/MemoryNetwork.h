@@ -48,8 +48,8 @@ public:
     void repeatInstance(std::uint64_t liar, std::uint64_t other);
     /// Of the streams that it opens from now on, or that are opened to it; root's without.
     void setUser(std::uint64_t group, std::int64_t uid);
-    /// There is a stream between the two groups, and none whose end one of them has still to see.
-    bool isConnected(std::uint64_t a, std::uint64_t b) const;
+    /// There is a stream that `client` opened to `server`, and none whose end one of them has still to see.
+    bool isConnected(std::uint64_t client, std::uint64_t server) const;
     /// Ends of streams that their owners have not closed.
     std::size_t openStreams() const;
 

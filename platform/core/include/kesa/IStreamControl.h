@@ -14,7 +14,7 @@ namespace kesa {
 enum class QueuePolicy {
     eCUT_STREAM,     ///< the value is refused, and the stream ends with 503
     eKEEP_LATEST,    ///< the value waits in place of the one that waited before it
-    eCUT_CONNECTION, ///< the value is queued all the same; a client that takes nothing at all is cut off
+    eCUT_CONNECTION, ///< the value is queued all the same; a client whose socket takes nothing at all is cut off
 };
 
 /// What a service may set for one stream of answers: `RequestContext::current()->stream`, while it is given the
