@@ -149,4 +149,15 @@ void Accounts::takeBack(Payer& payer, const Charge& charge)
     }
 }
 
+bool Accounts::keep(Payer& payer, std::size_t bytes)
+{
+    payer.user->news += bytes;
+    return !payer.isTrusted && payer.user->news > MAX_USER_WAITING_BYTES;
+}
+
+void Accounts::letGo(Payer& payer, std::size_t bytes)
+{
+    payer.user->news -= bytes;
+}
+
 } // namespace kesa::registry

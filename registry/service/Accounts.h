@@ -55,6 +55,10 @@ public:
     std::string charge(Payer& payer, const Charge& charge);
     void takeBack(Payer& payer, const Charge& charge);
 
+    /// News that wait for the payer. Answers whether the processes of his user have more than may wait for them.
+    bool keep(Payer& payer, std::size_t bytes);
+    void letGo(Payer& payer, std::size_t bytes);
+
 private:
     struct Asked {
         std::size_t queries = 0;
@@ -66,6 +70,7 @@ private:
         std::array<std::size_t, 3> requests{};
         std::size_t bytes = 0;
         std::size_t steps = 0;
+        std::size_t news = 0;               ///< bytes that wait for a user
         std::map<std::string, Asked> asked; ///< of a user
     };
 

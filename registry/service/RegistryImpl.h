@@ -58,6 +58,7 @@ public:
 
 private:
     using AskerKey = std::pair<const IPeer*, std::array<std::uint8_t, 16>>; ///< the peer, its instance
+    struct Request;
     /// A connection, or this process: who makes requests.
     struct Asker {
         AskerKey key;
@@ -71,14 +72,17 @@ private:
         std::shared_ptr<IPeer> peer; ///< null: cannot be asked, and is taken to live and to take whatever it is told
         Accounts::Payer payer;       ///< of who is asked, so not of this process
         std::size_t requests = 0;    ///< open ones
-        std::set<StreamId> registrations; ///< those among them
+        // Those among them that are registrations, in their order.
+        Request* firstRegistration = nullptr;
+        Request* lastRegistration = nullptr;
 
         std::deque<Effect> news;    ///< to be written once its queue is empty
-        std::size_t newsBytes = 0;  ///< of their records
+        std::size_t newsBytes = 0;  ///< what they take
         std::set<StreamId> listing; ///< queries whose first answer is not complete; they come after the news
         std::size_t written = 0;    ///< since its queue was last known to be empty
         bool isWaiting = false;     ///< for its queue to be empty
         bool isProbed = false;      ///< asked for a sign of life, since so much waits for it
+        bool isCutOff = false;      ///< its connection is going to end: nothing waits for it any more
 
         std::string name() const;
         /// This process.
@@ -89,7 +93,11 @@ private:
         Handler handler;
         std::shared_ptr<Asker> asker;
         Charge charge;
-        std::int64_t since = 0; ///< of a registration: when it got the path, in milliseconds since 1970; 0: not yet
+        // Of a registration.
+        std::int64_t since = 0; ///< when it got the path, in milliseconds since 1970; 0: not yet
+        StreamId stream = 0;
+        Request* previous = nullptr; ///< of its asker
+        Request* next = nullptr;
     };
     using Requests = std::unordered_map<StreamId, Request>;
 
@@ -113,6 +121,8 @@ private:
     std::shared_ptr<Asker> currentAsker();
     std::string add(const std::shared_ptr<Asker>& asker, Handler& handler, const Charge& charge, StreamId& stream);
     Request take(Requests::iterator request);
+    static void enlist(StreamId stream, Request& registration);
+    static void delist(Request& registration);
     void dropIfIdle(Asker& asker);
 
     // policing.cpp
@@ -130,8 +140,11 @@ private:
     // telling.cpp
     using Updates = std::vector<RegistryUpdate>;
     void toAsker(Effect effect, Updates& list);
-    static void wait(Asker& asker, Effect effect);
-    static Effect takeNews(Asker& asker);
+    void wait(Asker& asker, Effect effect);
+    void cutOff(Asker& asker, const std::string& why);
+    void cutOffSlowest(const Asker& of);
+    Effect takeNews(Asker& asker);
+    void dropNews(Asker& asker);
     void tell(Requests::iterator request, const Effect& effect, Updates& list);
     void tellNews(const std::shared_ptr<Asker>& asker);
     void refused(Requests::iterator request, const Effect& effect);

@@ -5,6 +5,8 @@
 
 #include <kesa/RequestContext.h>
 
+#include <utility>
+
 namespace kesa::registry {
 
 namespace {
@@ -66,23 +68,40 @@ std::string Registry::Impl::add(const std::shared_ptr<Asker>& asker, Handler& ha
     }
     stream = ++m_lastStream;
     ++asker->requests;
-    if (std::holds_alternative<RegistrationHandler>(handler)) {
-        asker->registrations.insert(asker->registrations.end(), stream);
+    Request& request = m_requests.emplace(stream, Request{std::move(handler), asker, charge}).first->second;
+    if (std::holds_alternative<RegistrationHandler>(request.handler)) {
+        enlist(stream, request);
     }
-    m_requests.emplace(stream, Request{std::move(handler), asker, charge});
     return {};
+}
+
+void Registry::Impl::enlist(StreamId stream, Request& registration)
+{
+    Asker& asker = *registration.asker;
+    registration.stream = stream;
+    registration.previous = std::exchange(asker.lastRegistration, &registration);
+    (registration.previous == nullptr ? asker.firstRegistration : registration.previous->next) = &registration;
+}
+
+void Registry::Impl::delist(Request& registration)
+{
+    Asker& asker = *registration.asker;
+    (registration.previous == nullptr ? asker.firstRegistration : registration.previous->next) = registration.next;
+    (registration.next == nullptr ? asker.lastRegistration : registration.next->previous) = registration.previous;
 }
 
 /// Takes a request out of the table.
 Registry::Impl::Request Registry::Impl::take(Requests::iterator request)
 {
+    if (std::holds_alternative<RegistrationHandler>(request->second.handler)) {
+        delist(request->second);
+    }
     Request taken = std::move(request->second);
     Asker& asker = *taken.asker;
     if (asker.peer) {
         m_accounts.takeBack(asker.payer, taken.charge);
     }
     --asker.requests;
-    asker.registrations.erase(request->first);
     asker.listing.erase(request->first);
     m_requests.erase(request);
     dropIfIdle(asker);
@@ -96,6 +115,7 @@ void Registry::Impl::dropIfIdle(Asker& asker)
         return;
     }
     if (asker.peer) {
+        dropNews(asker);
         m_accounts.close(asker.payer);
     }
     m_askers.erase(AskerKey(asker.key));

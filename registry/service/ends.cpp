@@ -49,9 +49,10 @@ void Registry::Impl::proved(const std::string& path, std::uint64_t proof, bool i
 /// Those of a peer that does not live; its requests stay until they are cancelled.
 void Registry::Impl::dropRegistrations(const Asker& asker)
 {
-    for (const StreamId stream : asker.registrations) {
-        if (const RecordPtr gone = m_store.end(stream)) {
-            noteEnd(m_requests.at(stream), *gone, "its process does not live");
+    for (const Request* registration = asker.firstRegistration; registration != nullptr;
+         registration = registration->next) {
+        if (const RecordPtr gone = m_store.end(registration->stream)) {
+            noteEnd(*registration, *gone, "its process does not live");
         }
     }
 }

@@ -41,8 +41,12 @@ inline constexpr std::size_t WINDOW_BYTES = 128U << 10U;
 /// With that many news waiting, a peer has to show that it lives; with that many more it is cut off.
 inline constexpr std::size_t MAX_WAITING = 1U << 14U;
 inline constexpr std::size_t MAX_WAITING_OF_THE_LIVING = 1U << 20U;
-/// So also when the records among them, which nobody else may have any more, take so much.
+/// So also when they take so much with their records, which nobody else may have any more; and the slowest one of a
+/// user that is not trusted when all of his processes' do.
 inline constexpr std::size_t MAX_WAITING_BYTES = 64U << 20U;
+inline constexpr std::size_t MAX_USER_WAITING_BYTES = 16U << 20U;
+/// What one takes besides its record.
+inline constexpr std::size_t NEWS_BYTES = 64;
 inline constexpr comm::TimeNs WAITING_PROOF_TIME = 5 * comm::SECOND;
 
 /// Of an explanation: so many requests of a process that ask for the path.

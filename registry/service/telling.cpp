@@ -9,6 +9,11 @@
 #include <kesa/headers.h>
 #include <obr/visible.h>
 
+#include <fmt/format.h>
+
+#include <deque>
+#include <utility>
+
 namespace kesa::registry {
 
 /// Now, or after what waits for the asker already.
@@ -22,6 +27,9 @@ void Registry::Impl::toAsker(Effect effect, Updates& list)
         request->second.since = wallClockMs();
     }
     const std::shared_ptr<Asker> asker = request->second.asker;
+    if (asker->isCutOff) {
+        return;
+    }
     if (asker->isWaiting || !asker->news.empty()) {
         wait(*asker, std::move(effect));
         return;
@@ -32,27 +40,59 @@ void Registry::Impl::toAsker(Effect effect, Updates& list)
     }
 }
 
-/// A peer that does not take its news holds up nobody else. They cost a reference each; one that is stopped would
-/// gather them for ever.
+/// A peer that does not take its news holds up nobody else. They cost a reference each, and keep records that nobody
+/// else may have any more; one that is stopped would gather them for ever.
 void Registry::Impl::wait(Asker& asker, Effect effect)
 {
-    const bool wasTooMuch = asker.newsBytes > MAX_WAITING_BYTES;
-    asker.newsBytes += effect.record->memory;
+    const std::size_t bytes = NEWS_BYTES + effect.record->memory;
+    asker.newsBytes += bytes;
     asker.news.push_back(std::move(effect));
-    if (asker.news.size() == MAX_WAITING_OF_THE_LIVING || (asker.newsBytes > MAX_WAITING_BYTES && !wasTooMuch)) {
-        asker.peer->disconnect("it takes its news more slowly than they come");
+    const bool isUserOver = m_accounts.keep(asker.payer, bytes);
+    if (asker.news.size() >= MAX_WAITING_OF_THE_LIVING || asker.newsBytes > MAX_WAITING_BYTES) {
+        cutOff(asker, "it takes its news more slowly than they come");
+    } else if (isUserOver) {
+        cutOffSlowest(asker);
     } else if (asker.news.size() >= MAX_WAITING && !asker.isProbed) {
         asker.isProbed = true; // not alive, it is disconnected
         asker.peer->proveAlive(WAITING_PROOF_TIME, [](bool) {});
     }
 }
 
+void Registry::Impl::cutOff(Asker& asker, const std::string& why)
+{
+    asker.isCutOff = true;
+    dropNews(asker);
+    asker.peer->disconnect(why.c_str());
+}
+
+/// Of its user's, the one for which most waits.
+void Registry::Impl::cutOffSlowest(const Asker& of)
+{
+    Asker* slowest = nullptr;
+    for (const auto& [key, asker] : m_askers) {
+        if (asker->peer && asker->uid == of.uid && (slowest == nullptr || asker->newsBytes > slowest->newsBytes)) {
+            slowest = asker.get();
+        }
+    }
+    cutOff(*slowest, fmt::format("it takes its news more slowly than they come: {} bytes wait for it, and more than "
+                                 "the {} that may for its user's processes together",
+                                 slowest->newsBytes, MAX_USER_WAITING_BYTES));
+}
+
 Effect Registry::Impl::takeNews(Asker& asker)
 {
     Effect effect = std::move(asker.news.front());
     asker.news.pop_front();
-    asker.newsBytes -= effect.record->memory;
+    const std::size_t bytes = NEWS_BYTES + effect.record->memory;
+    asker.newsBytes -= bytes;
+    m_accounts.letGo(asker.payer, bytes);
     return effect;
+}
+
+void Registry::Impl::dropNews(Asker& asker)
+{
+    m_accounts.letGo(asker.payer, std::exchange(asker.newsBytes, 0));
+    std::deque<Effect>().swap(asker.news);
 }
 
 /// `list` holds the last update that was told: the same one goes to many.

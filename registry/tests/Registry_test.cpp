@@ -277,6 +277,36 @@ TEST_F(RegistryTest, NewsWaitForAPeerThatDoesNotTakeThem)
     EXPECT_EQ(slow.peer->pings.size(), 1U) << "a peer for whom that much waits has to live";
 }
 
+TEST_F(RegistryTest, OfAUserForWhomTooMuchWaitsTheSlowestIsCutOff)
+{
+    Process provider("provider"), slow("slow"), slower("slower"), trusted("trusted");
+    slow.context.uid = slower.context.uid = 1000;
+    for (Process* const process : {&slow, &slower, &trusted}) {
+        query(*process, process->context.process, Query("**"));
+        query(*process, "again", Query("**"));
+    }
+    ServiceDef large = service("/b");
+    large.hostDomain = std::string(30000, 'x');
+    std::size_t changes = 0;
+    while (slower.peer->disconnected.empty() && changes++ < 2000) {
+        m_registry->cancelRequest(registerService(provider, "r", large));
+        provider.peer->drain();
+        if (changes % 2 == 0) {
+            slow.peer->drain();
+        }
+        told();
+    }
+    EXPECT_THAT(slower.peer->disconnected, HasSubstr(std::to_string(MAX_USER_WAITING_BYTES)));
+    EXPECT_EQ(slow.peer->disconnected + trusted.peer->disconnected, "");
+    EXPECT_GT(changes, MAX_USER_WAITING_BYTES / 300'000);
+    while (slower.peer->drain()) {
+    }
+    EXPECT_THAT(told(), Not(Contains(testing::StartsWith("slower: "))));
+    while (slow.peer->drain() || trusted.peer->drain()) {
+    }
+    EXPECT_THAT(told(), Contains(testing::StartsWith("slow: ")));
+}
+
 TEST_F(RegistryTest, RefusesWhatIsWrongAndSaysWhy)
 {
     Process process("process");

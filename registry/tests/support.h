@@ -69,7 +69,7 @@ public:
         questions.push_back(std::move(answer));
     }
     void whenDrained(std::function<void()> task) override { tasks.push_back(std::move(task)); }
-    void disconnect(const char*) override {}
+    void disconnect(const char* why) override { disconnected = why; }
     std::string endReason() const override { return reason; }
     Name proveName() override { return name; }
 
@@ -92,6 +92,7 @@ public:
 
     Name name{Name::Proof::ePROVEN, -1};
     std::string reason;                               ///< why its connection has ended
+    std::string disconnected;                         ///< by the registry, and why
     std::vector<std::function<void(bool)>> questions; ///< whether its process lives
     std::vector<std::function<void(bool)>> pings;
     std::vector<std::function<void()>> tasks;
