@@ -251,7 +251,7 @@ std::string asJson(const CheckResult& result)
     if (!result.policy.empty()) {
         Value::Array rules;
         for (const auto& [name, words] : result.policy) {
-            rules.emplace_back(name + ": " + words);
+            rules.emplace_back(fmt::format("{}: {}", name, words));
         }
         object.set("policy", std::move(rules));
     }
