@@ -5,6 +5,7 @@
 #include "options.h"
 #include "output.h"
 #include "processNames.h"
+#include "processNotes.h"
 #include "programOf.h"
 #include "silentProcess.h"
 
