@@ -67,19 +67,24 @@ std::string Policy::placeOf(std::size_t rule) const
     return fmt::format("rule {} ({}{})", rule + 1, m_file, line > 0 ? fmt::format(":{}", line) : "");
 }
 
+std::string Policy::userName(std::int64_t uid)
+{
+    if (uid < 0 || m_accounts == nullptr) {
+        return {};
+    }
+    if (m_userNames.size() >= MOST_KNOWN) {
+        m_userNames.clear();
+    }
+    const auto [known, isNew] = m_userNames.try_emplace(uid);
+    if (isNew) {
+        known->second = m_accounts->userName(uid);
+    }
+    return known->second;
+}
+
 std::string Policy::describe(const Identity& identity)
 {
-    std::string name;
-    if (identity.uid >= 0 && m_accounts != nullptr) {
-        if (m_userNames.size() >= MOST_KNOWN) {
-            m_userNames.clear();
-        }
-        const auto [known, isNew] = m_userNames.try_emplace(identity.uid);
-        if (isNew) {
-            known->second = m_accounts->userName(identity.uid);
-        }
-        name = known->second;
-    }
+    const std::string name = userName(identity.uid);
     const std::string uid = identity.uid < 0 ? "unknown" : std::to_string(identity.uid);
     return fmt::format("{}{}", name.empty() || name == uid ? "user " + uid : fmt::format("user {} (uid {})", name, uid),
                        identity.process.empty() ? "" : ", process " + obr::visible(identity.process));

@@ -41,6 +41,8 @@ public:
     };
     /// `record`: what is there at the path, to be seen; null: nothing.
     Verdict judge(const Identity& identity, Right right, const std::string& path, const Record* record = nullptr);
+    /// Its number where it has none; empty when it is unknown. Looked up once.
+    std::string userName(std::int64_t uid);
     /// "user media (uid 1001), process player".
     std::string describe(const Identity& identity);
 

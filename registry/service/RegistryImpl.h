@@ -160,7 +160,7 @@ private:
 
     // explain.cpp
     static Who whoOf(const Asker& asker, const Record& record);
-    std::string holderOf(const std::string& path) const;
+    std::string holderOf(const std::string& path, const PermitPtr& permit) const;
     GenericObject describeHolder(const Store::Held& held) const;
     util::config::Value describeHistory(const std::string& path, const PermitPtr& permit) const;
     util::config::Value describeProcess(const std::string& path, const std::string& process, const Store::Held* held);

@@ -98,8 +98,8 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
                 !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
                 answer.set("hiddenBy", "realm");
             }
-        } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS);
-                   !nearest.empty() && sees(permit, *m_store.find(nearest)->record)) {
+        } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS, permit);
+                   !nearest.empty()) {
             answer.set("nearest", nearest);
         }
         answer.set("history", describeHistory(path, permit));
@@ -128,12 +128,15 @@ Who Registry::Impl::whoOf(const Asker& asker, const Record& record)
     return {std::string(process), ::getpid(), ::geteuid()};
 }
 
-/// Such as "held by process player (pid 812)". Empty when nobody has it, or he has just gone.
-std::string Registry::Impl::holderOf(const std::string& path) const
+/// Such as "held by process player (pid 812)", for who may see it. Empty when nobody has it, or he has just gone.
+std::string Registry::Impl::holderOf(const std::string& path, const PermitPtr& permit) const
 {
     const Store::Held* const held = m_store.find(path);
     if (held == nullptr) {
         return {};
+    }
+    if (!sees(permit, *held->record)) {
+        return "held by a process of another user, whose service this one may not see";
     }
     const auto request = m_requests.find(held->holder);
     if (request == m_requests.end()) {

@@ -90,7 +90,11 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
             }
         }
         m_store.changeSights(sights);
-        std::sort(registrations.begin(), registrations.end()); // one that would get its path back has ended before
+        // Claims first, or one of them would get a path for the moment until it ends. Of the others, one that would get
+        // its path back has ended before.
+        std::sort(registrations.begin(), registrations.end());
+        std::stable_partition(registrations.begin(), registrations.end(),
+                              [this](StreamId stream) { return !m_store.holds(stream); });
         for (const StreamId stream : registrations) {
             endIfForbidden(stream);
         }
@@ -145,11 +149,14 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
     const RequestContext* const context = RequestContext::current();
     util::config::Value::Array may;
     const bool isTrusted = context == nullptr || context->uid == 0 || context->uid == m_ownUid;
-    const std::vector<Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
-    for (const Identity& identity : identities) {
-        if (!isTrusted && context->uid != identity.uid) {
-            continue;
+    std::vector<Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
+    if (!isTrusted) {
+        std::erase_if(identities, [context](const Identity& each) { return each.uid != context->uid; });
+        if (identities.empty() && (who == std::to_string(context->uid) || who == m_policy->userName(context->uid))) {
+            identities = {{context->uid, context->gid, {}}};
         }
+    }
+    for (const Identity& identity : identities) {
         GenericObject object{{"who", m_policy->describe(identity)}};
         for (const Right right : {Right::eREGISTER, Right::eSEE}) {
             const Policy::Verdict verdict =
@@ -158,8 +165,7 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
         }
         may.emplace_back(std::move(object));
     }
-    return may.empty() && (!isTrusted || !identities.empty()) ? util::config::Value()
-                                                              : util::config::Value(std::move(may));
+    return may.empty() && !isTrusted ? util::config::Value() : util::config::Value(std::move(may));
 }
 
 } // namespace kesa::registry

@@ -159,7 +159,7 @@ void Registry::Impl::refused(Requests::iterator request, const Effect& effect)
         KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: another living process has it%s",
                    obr::glimpse(effect.record->path()).c_str(), obr::glimpse(asker.name()).c_str(), end->c_str());
     }
-    const std::string reason = holderOf(effect.record->path());
+    const std::string reason = holderOf(effect.record->path(), asker.permit);
     m_history.add(effect.record->path(), {History::Event::What::eREFUSED, 0, wallClockMs(),
                                           whoOf(*m_dead.back().asker, *effect.record), reason});
     Response error = Response::createErrorResponse(409, "service already registered");

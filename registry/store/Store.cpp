@@ -238,6 +238,12 @@ std::string Store::pathOf(StreamId registration) const
     return found == m_registrations.end() || !found->second.record ? std::string() : found->second.record->path();
 }
 
+bool Store::holds(StreamId registration) const
+{
+    const auto found = m_registrations.find(registration);
+    return found != m_registrations.end() && found->second.state == State::eHOLDS;
+}
+
 /// The path has another holder.
 void Store::judgeAnew(const std::string& path)
 {

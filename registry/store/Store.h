@@ -77,6 +77,8 @@ public:
     const Held* find(const std::string& path) const;
     /// Of a registration that has a path, claims it, or may have it again; else empty.
     std::string pathOf(StreamId registration) const;
+    /// Whether a path is held by this registration.
+    bool holds(StreamId registration) const;
     /// Appends the paths that are there and begin with `prefix`, at most `most`. Valid until the next change.
     void below(const std::string& prefix, std::size_t most, std::vector<std::string_view>& paths) const;
     /// Appends what follows the last "/" of `prefix` in the paths that begin with it, up to their next "/": each once

@@ -31,9 +31,16 @@ struct IsLater {
     }
 };
 
+bool isSeen(const Store& store, const std::string& path, const SightPtr& sight)
+{
+    const Store::Held* const held = store.find(path);
+    return held != nullptr && sees(sight, *held->record);
+}
+
 class Search {
 public:
-    Search(const Store& store, const std::string& path, std::size_t& looks) : m_store(store), m_looks(looks)
+    Search(const Store& store, const std::string& path, std::size_t& looks, const SightPtr& sight)
+        : m_store(store), m_looks(looks), m_sight(sight)
     {
         for (std::size_t begin = 1; begin <= path.size();) {
             const std::size_t end = std::min(path.find('/', begin), path.size());
@@ -49,7 +56,7 @@ public:
         while (!m_places.empty()) {
             const Place place = m_places.top();
             m_places.pop();
-            if (place.depth == m_segments.size() && m_store.find(place.path) != nullptr) {
+            if (place.depth == m_segments.size() && isSeen(m_store, place.path, m_sight)) {
                 return place.path;
             }
             if (place.depth < m_segments.size() && m_looks > 0) {
@@ -99,6 +106,7 @@ private:
 
     const Store& m_store;
     std::size_t& m_looks;
+    const SightPtr& m_sight;
     std::vector<std::string_view> m_segments;
     std::size_t m_far;
     std::size_t m_number = 0;
@@ -107,19 +115,20 @@ private:
 
 } // namespace
 
-std::string nearestService(const Store& store, const std::string& path, std::size_t looks)
+std::string nearestService(const Store& store, const std::string& path, std::size_t looks, const SightPtr& sight)
 {
-    if (std::string found = Search(store, path, looks).run(); !found.empty()) {
+    if (std::string found = Search(store, path, looks, sight).run(); !found.empty()) {
         return found;
     }
     for (std::size_t size = path.size() / 2; size > 0 && looks > 0; size /= 2) {
         std::vector<std::string_view> known;
         store.below(path.substr(0, size), looks, known);
+        looks -= known.size();
+        std::erase_if(known, [&](std::string_view each) { return !isSeen(store, std::string(each), sight); });
         const std::string_view nearest = util::nearestName(path, known);
         if (!nearest.empty()) {
             return std::string(nearest);
         }
-        looks -= known.size();
     }
     return {};
 }

@@ -29,13 +29,14 @@ bool isPattern(const std::string& what)
     return what.find_first_of("*?[{") != std::string::npos;
 }
 
-/// Sets what follows as KEY=VALUE ...; false when nothing does.
+/// Sets what follows as KEY=VALUE ..., "true" as what it says; false when nothing does.
 bool setPairs(std::istream& words, GenericObject& object)
 {
     bool isAny = false;
     for (std::string pair; words >> pair; isAny = true) {
         const std::size_t equals = pair.find('=');
-        object.set(pair.substr(0, equals), pair.substr(equals + 1));
+        const std::string value = pair.substr(equals + 1);
+        value == "true" ? object.set(pair.substr(0, equals), true) : object.set(pair.substr(0, equals), value);
     }
     return isAny;
 }

@@ -1,6 +1,7 @@
 #include "Process.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
@@ -27,8 +28,6 @@ namespace kesa::system_test {
 namespace {
 
 using Clock = std::chrono::steady_clock;
-
-constexpr uid_t NOBODY = 65534;
 
 int millisecondsUntil(Clock::time_point deadline)
 {
@@ -58,7 +57,8 @@ std::vector<char*> pointers(std::vector<std::string>& strings)
     ::dup2(commands, STDIN_FILENO);
     ::dup2(events, STDOUT_FILENO);
     ::dup2(traces, STDERR_FILENO);
-    if (setup.isNobody && ::geteuid() == 0 && (::setgid(NOBODY) != 0 || ::setuid(NOBODY) != 0)) {
+    if (setup.user != 0 && ::geteuid() == 0 &&
+        (::setgroups(0, nullptr) != 0 || ::setgid(setup.user) != 0 || ::setuid(setup.user) != 0)) {
         ::_exit(126);
     }
     ::prctl(PR_SET_PDEATHSIG, SIGKILL); // changing the user would undo it

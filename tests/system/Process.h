@@ -17,6 +17,10 @@ namespace kesa::system_test {
 /// What a test waits for at most. Long, since it is waited for only when the test fails, and machines may be slow.
 inline constexpr std::chrono::seconds LIMIT{90};
 
+// Users that have nothing on a machine.
+inline constexpr uid_t NOBODY = 65534;
+inline constexpr uid_t STRANGER = 65533;
+
 /// Something that should have happened did not: ends the test.
 class Missing : public std::runtime_error {
     using std::runtime_error::runtime_error;
@@ -31,7 +35,7 @@ public:
         std::vector<std::string> arguments;   ///< the first one is the program
         std::vector<std::string> environment; ///< besides the test's own
         std::string directory;                ///< of the traces, and to run in
-        bool isNobody = false;                ///< runs with the rights of nobody, if the test runs with those of root
+        uid_t user = 0; ///< runs with his rights, if the test runs with those of root; 0: the test's
     };
     explicit Process(const Setup& setup);
     ~Process();

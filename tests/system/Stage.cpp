@@ -62,11 +62,14 @@ void Stage::discard(Process& process)
 Process& Stage::launchProgram(const std::string& name, const std::vector<std::string>& arguments,
                               const Options& options)
 {
-    const std::string file = m_directory / (std::to_string(m_documents++) + ".json");
-    std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm);
+    std::string file = options.document;
+    if (file.empty()) {
+        file = pathOf(std::to_string(m_documents++) + ".json");
+        std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm);
+    }
     const std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
                                                "KESA_TRACE=" + options.trace, "KESA_CONFIG=" + file};
-    return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory.path(), options.isNobody});
+    return m_processes.emplace_back(Process::Setup{name, arguments, environment, m_directory.path(), options.user});
 }
 
 Process& Stage::launch(const std::string& process, const Options& options)
@@ -77,6 +80,13 @@ Process& Stage::launch(const std::string& process, const Options& options)
 Process& Stage::launchRegistry(const Options& options)
 {
     return launchProgram("kesa-registryd", {KESA_REGISTRYD}, options);
+}
+
+Process& Stage::launchTool(const std::vector<std::string>& words, const Options& options)
+{
+    std::vector<std::string> arguments{KESACTL};
+    arguments.insert(arguments.end(), words.begin(), words.end());
+    return launchProgram("kesactl", arguments, options);
 }
 
 bool Stage::isInRunDirectory(const std::string& file) const

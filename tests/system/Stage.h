@@ -22,8 +22,9 @@ struct Options {
     std::string comm = "{}";             ///< the document's "comm"
     std::vector<std::string> services{}; ///< locators of services, under their paths
     std::string trace = "*=2";
-    bool isNobody = false;
+    uid_t user = 0; ///< as of `Process::Setup`
     bool hasRegistry = false;
+    std::string document{}; ///< a file to read, instead of one that says the above
 };
 
 /// For clients of `kesa-registryd`, and itself.
@@ -40,6 +41,8 @@ public:
     /// An actor that is not waited for.
     Process& launch(const std::string& process, const Options& options = {});
     Process& launchRegistry(const Options& options = WITH_REGISTRY);
+    /// kesactl, told in words; what it prints is what it tells.
+    Process& launchTool(const std::vector<std::string>& words, const Options& options = WITH_REGISTRY);
     std::list<Process>& processes() { return m_processes; }
     /// Ends a process and forgets it.
     void discard(Process& process);
@@ -48,6 +51,7 @@ public:
     static std::string complaintAbout(Process& process);
 
     const std::string& runDirectory() const { return m_runDirectory; }
+    std::string pathOf(const std::string& file) const { return m_directory / file; }
     bool isInRunDirectory(const std::string& file) const;
 
 private:

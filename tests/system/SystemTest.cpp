@@ -1,5 +1,7 @@
 #include "SystemTest.h"
 
+#include <filesystem>
+
 namespace kesa::system_test {
 
 void SystemTest::check(Process& process)
@@ -20,6 +22,16 @@ void SystemTest::TearDown()
 void SystemTest::expectQuiet(Process& actor)
 {
     EXPECT_EQ(actor.findBad(), "") << actor.name() << " told this\n" << actor.traces();
+}
+
+bool SystemTest::canOthersRunActors()
+{
+    namespace fs = std::filesystem;
+    bool isOpen = true;
+    for (fs::path place = KESA_SYSTEM_ACTOR; place != place.root_path(); place = place.parent_path()) {
+        isOpen = isOpen && (fs::status(place).permissions() & fs::perms::others_exec) != fs::perms::none;
+    }
+    return isOpen;
 }
 
 void SystemTest::discard(Process& process)

@@ -25,6 +25,8 @@ protected:
     /// One that also follows its feed.
     Process& startFollower(const std::string& process, const std::string& service, const Options& options = {});
 
+    /// Whether the actor lies where other users may run it.
+    static bool canOthersRunActors();
     /// An actor has told nothing bad that nobody waited for.
     static void expectQuiet(Process& actor);
     /// Ends a process and forgets it, after a look at what it was told.

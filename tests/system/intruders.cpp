@@ -12,12 +12,6 @@
 
 namespace kesa::system_test {
 
-namespace {
-
-constexpr uid_t STRANGER = 65533; // whom no other test runs as
-
-} // namespace
-
 Intruder::Intruder(const Act& act)
 {
     std::array<int, 2> told{};

@@ -14,15 +14,6 @@ namespace fs = std::filesystem;
 
 using SystemNames = SystemTest;
 
-bool canNobodyRun(const fs::path& program)
-{
-    bool isOpen = true;
-    for (fs::path place = program; place != place.root_path(); place = place.parent_path()) {
-        isOpen = isOpen && (fs::status(place).permissions() & fs::perms::others_exec) != fs::perms::none;
-    }
-    return isOpen;
-}
-
 TEST_F(SystemNames, ASecondProcessOfANameProvidesNothingUntilTheFirstHasEnded)
 {
     Process& first = startProvider("media", "/player");
@@ -62,13 +53,13 @@ TEST_F(SystemNames, NobodyRegistersUnderTheNameOfAnotherLivingProcess)
 
 TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
 {
-    if (::geteuid() == 0 && !canNobodyRun(KESA_SYSTEM_ACTOR)) {
+    if (::geteuid() == 0 && !canOthersRunActors()) {
         GTEST_SKIP() << "nobody may not run the actor where it was built";
     }
     startProvider("nav", "/route"); // 0660
     startProvider("media", "/player", {.comm = R"({"socket_mode": "0666"})"});
     fs::permissions(runDirectory(), fs::perms(0555));
-    Process& reader = start("reader", {.isNobody = true});
+    Process& reader = start("reader", {.user = NOBODY});
     reader.send("provide /a");
     reader.expect("refused /a 409");
     reader.expectTrace("this process can connect, but provides nothing: cannot write into the run directory \"" +
