@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -21,7 +22,11 @@ struct Identity {
     std::int64_t gid = -1;
     std::string process; ///< empty: it has not proven its name
 
-    friend auto operator<=>(const Identity&, const Identity&) = default;
+    friend bool operator==(const Identity&, const Identity&) = default;
+    friend bool operator<(const Identity& a, const Identity& b)
+    {
+        return std::tie(a.uid, a.gid, a.process) < std::tie(b.uid, b.gid, b.process);
+    }
 };
 
 enum class Right : std::uint8_t { eREGISTER, eSEE };
