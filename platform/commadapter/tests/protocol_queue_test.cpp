@@ -1,6 +1,5 @@
 // How messages leave: the order that is promised, fair turns of large ones, what can be taken back, what waits for
-// credit, exact counting, and
-// from when a peer owes an answer.
+// credit, exact counting, and from when a peer owes an answer.
 // A seed decides what is sent, how many bytes a write takes and how the reader cuts them.
 
 #include "protocol/ByteQueue.h"
