@@ -3,7 +3,10 @@
 
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
+#include <util/serializer/WireMeter.h>
 #include <util/serializer/formats.h>
+
+#include <algorithm>
 
 using namespace util::serializer;
 using util::config::Value;
@@ -47,12 +50,17 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         return 0;
     }
     skipWhole(bytes);
+    std::size_t longest = 0;
     for (const Format format : {Format::eJSON, Format::eMSGPACK, Format::eQELBIN}) {
         util::ByteBufferWriter out(64);
         Value back;
         require(!write(format, value, out));
         require(!read(format, out.text(), back));
         require(back == value);
+        longest = format == Format::eMSGPACK ? longest : std::max(longest, out.size());
     }
+    WireMeter meter;
+    std::size_t metered = 0;
+    require(!kesa::serializer::serialize(meter.begin(), value) && !meter.end(metered) && metered == longest);
     return 0;
 }

@@ -8,6 +8,8 @@
 #include <obr/visible.h>
 #include <util/percent.h>
 
+#include <tuple>
+
 namespace kesa::registry {
 
 namespace {
@@ -44,6 +46,24 @@ void setProvider(GenericObject& metainfo, const RequestContext& peer, Proof proo
     }
 }
 
+/// What a process gives with one service it mostly gives with the next, too: their records then share it.
+GenericObject withProvider(GenericObject&& metainfo, const RequestContext& peer, Proof proof)
+{
+    using Provider = std::tuple<std::string, std::int64_t, std::int64_t, Proof>;
+    struct Last {
+        Provider provider;
+        GenericObject given;
+        GenericObject made;
+    };
+    thread_local Last last;
+    Provider provider(peer.process, peer.uid, peer.gid, proof);
+    if (last.made.empty() || last.provider != provider || last.given != metainfo) {
+        last = {std::move(provider), metainfo, std::move(metainfo)};
+        setProvider(last.made, peer, proof);
+    }
+    return last.made;
+}
+
 } // namespace
 
 /// Why the record is not its sender's to register, and the status of that; empty when it is. What this process itself
@@ -67,9 +87,7 @@ std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status)
                "\", but process " + std::to_string(name.holder) +
                " has that name; end one of them, or give it another name";
     }
-    GenericObject metainfo = record.metainfo ? std::move(*record.metainfo) : GenericObject();
-    setProvider(metainfo, *peer, name.proof);
-    record.metainfo = std::move(metainfo);
+    record.metainfo = withProvider(record.metainfo ? std::move(*record.metainfo) : GenericObject(), *peer, name.proof);
     return {};
 }
 

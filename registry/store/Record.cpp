@@ -1,10 +1,9 @@
 #include "store/Record.h"
 
 #include <kesa/core/Serializer.h>
-#include <util/serializer/formats.h>
+#include <util/serializer/WireMeter.h>
 
 #include <algorithm>
-#include <array>
 #include <memory>
 #include <string_view>
 
@@ -12,40 +11,13 @@ namespace kesa::registry {
 
 namespace {
 
-using util::serializer::Format;
-
-/// Writes values only to see how long they get.
-class Scale {
-public:
-    template <class T>
-    [[nodiscard]] bool measure(const T& value, std::size_t& bytes)
-    {
-        std::size_t longest = 0;
-        for (const auto& form : m_forms) {
-            m_out.clear();
-            form->reset();
-            bool hasContent = false;
-            if (form->attach(m_out) || serializer::serialize(*form, value) || form->finish(hasContent)) {
-                return true;
-            }
-            longest = std::max(longest, m_out.size());
-        }
-        bytes = longest;
-        return false;
-    }
-
-    /// One per thread: what it writes into is kept.
-    static Scale& here()
-    {
-        thread_local Scale scale;
-        return scale;
-    }
-
-private:
-    util::ByteBufferWriter m_out{1024};
-    const std::array<std::unique_ptr<serializer::IStructuredSerializer>, 2> m_forms{
-        util::serializer::makeSerializer(Format::eJSON), util::serializer::makeSerializer(Format::eQELBIN)};
-};
+/// True is failure.
+template <class T>
+[[nodiscard]] bool measureOnWire(const T& value, std::size_t& bytes)
+{
+    thread_local util::serializer::WireMeter meter; // what it keeps is used again
+    return serializer::serialize(meter.begin(), value) || meter.end(bytes);
+}
 
 /// An `ipc` locator without a realm means the realm of whoever reads it.
 bool isReachable(const url& locator, std::string_view realm)
@@ -70,12 +42,12 @@ bool isVisible(const ServiceDef& serviceDef, const Realm& realm)
 
 bool measure(const ServiceDef& serviceDef, std::size_t& bytes)
 {
-    return Scale::here().measure(serviceDef, bytes);
+    return measureOnWire(serviceDef, bytes);
 }
 
 bool measure(const Query& query, std::size_t& bytes)
 {
-    return Scale::here().measure(query, bytes);
+    return measureOnWire(query, bytes);
 }
 
 RegistryUpdate makeUpdate(UpdateType type, const RecordPtr& record)

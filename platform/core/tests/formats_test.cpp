@@ -2,6 +2,7 @@
 // however broken, does more than record a reason.
 #include <kesa/serializer/serialize.h>
 #include <obr/ErrorStorage.h>
+#include <util/serializer/WireMeter.h>
 #include <util/serializer/formats.h>
 
 #include <gtest/gtest.h>
@@ -46,6 +47,14 @@ std::string bytesOf(Format format, const T& value)
     return std::string(out.text());
 }
 
+std::size_t meter(const Value& value)
+{
+    WireMeter meter;
+    std::size_t bytes = 0;
+    EXPECT_FALSE(kesa::serializer::serialize(meter.begin(), value) || meter.end(bytes));
+    return bytes;
+}
+
 /// The reason why `bytes` cannot be read; empty when they can.
 std::string reasonOf(Format format, std::string_view bytes)
 {
@@ -81,6 +90,9 @@ TEST(Serializer, EveryValueAroundTheBoundsOfAFormSurvives)
         Value back;
         ASSERT_FALSE(read(format, bytesOf(format, values), back)) << obr::ErrorStorage::reason();
         EXPECT_TRUE(back == Value(values));
+    }
+    for (const Value& value : values) {
+        EXPECT_EQ(meter(value), std::max(bytesOf(Format::eJSON, value).size(), bytesOf(Format::eQELBIN, value).size()));
     }
 }
 

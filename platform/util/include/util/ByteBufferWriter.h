@@ -46,7 +46,7 @@ public:
         return m_bytes.get() + std::exchange(m_size, m_size + size);
     }
     void append(std::string_view text) { append(text.data(), text.size()); }
-    void append(char byte) { append(&byte, 1); }
+    void append(char byte) { *extend(1) = static_cast<unsigned char>(byte); }
 
     const unsigned char* data() const noexcept { return m_bytes.get(); }
     unsigned char* data() noexcept { return m_bytes.get(); }

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <iterator>
 
 namespace util::config {
 
@@ -24,6 +25,20 @@ bool isBefore(const Value::Member& member, std::string_view key)
     return member.first < key;
 }
 
+/// Stable, and for few members without the buffer that `std::stable_sort` makes.
+void sort(std::vector<Value::Member>& members)
+{
+    constexpr std::size_t FEW = 16;
+    const auto isLess = [](const auto& a, const auto& b) { return a.first < b.first; };
+    if (members.size() > FEW) {
+        std::stable_sort(members.begin(), members.end(), isLess);
+        return;
+    }
+    for (auto next = members.begin(); next != members.end(); ++next) {
+        std::rotate(std::upper_bound(members.begin(), next, *next, isLess), next, std::next(next));
+    }
+}
+
 /// Ascending keys, each once, with the value that stood last.
 void normalise(std::vector<Value::Member>& members)
 {
@@ -31,7 +46,7 @@ void normalise(std::vector<Value::Member>& members)
     if (std::adjacent_find(members.begin(), members.end(), isDisorder) == members.end()) {
         return; // as our own writers leave them
     }
-    std::stable_sort(members.begin(), members.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
+    sort(members);
     const auto firstKept =
         std::unique(members.rbegin(), members.rend(), [](const auto& a, const auto& b) { return a.first == b.first; });
     members.erase(members.begin(), firstKept.base());
