@@ -10,6 +10,15 @@ namespace registryd {
 
 using kesa::commadapter::OwnLocator;
 
+std::string listOf(const std::vector<kesa::url>& locators)
+{
+    std::string list;
+    for (const kesa::url& locator : locators) {
+        list.append(list.empty() ? "" : ", ").append(locator.toString());
+    }
+    return list;
+}
+
 HostCheck checkHost(const std::string& process, const std::string& fallbackDocument)
 {
     // What it says of the document the start says again, and an error is the answer's.
@@ -20,9 +29,7 @@ HostCheck checkHost(const std::string& process, const std::string& fallbackDocum
         return {ExitCode::eCONFIGURATION, place.problem, {}};
     }
     HostCheck check;
-    std::string all;
     for (const kesa::url& locator : place.locators) {
-        all.append(all.empty() ? "" : ", ").append(locator.toString());
         const OwnLocator own = kesa::commadapter::checkOwnLocator(process, locator);
         switch (own.state) {
         case OwnLocator::State::eUNREACHABLE:
@@ -35,7 +42,7 @@ HostCheck checkHost(const std::string& process, const std::string& fallbackDocum
         case OwnLocator::State::eUNUSABLE:
             return {ExitCode::eFAILED, own.why, {}};
         case OwnLocator::State::eCLAIMABLE:
-            check.locators.append(check.locators.empty() ? "" : ", ").append(locator.toString());
+            check.locators.push_back(locator);
             break;
         }
     }
@@ -43,7 +50,7 @@ HostCheck checkHost(const std::string& process, const std::string& fallbackDocum
         return {ExitCode::eCONFIGURATION,
                 fmt::format("{} says that the registry is at {}, which is not this process (\"{}\"); give a name of "
                             "those with --name, or add \"ipc://{}/registry\" to \"service_registry_locators\"",
-                            place.source, all, process, process),
+                            place.source, listOf(place.locators), process, process),
                 {}};
     }
     return check;

@@ -1,7 +1,10 @@
 #ifndef KESA_REGISTRYD_HOSTCHECK_H
 #define KESA_REGISTRYD_HOSTCHECK_H
 
+#include <kesa/url.h>
+
 #include <string>
+#include <vector>
 
 namespace registryd {
 
@@ -17,8 +20,11 @@ enum class ExitCode {
 struct HostCheck {
     ExitCode exitCode = ExitCode::eENDED; ///< `eENDED`: it could
     std::string problem;                  ///< if not
-    std::string locators;                 ///< its own ones among the registry's, for people
+    std::vector<kesa::url> locators;      ///< its own ones among the registry's
 };
+
+/// For people.
+std::string listOf(const std::vector<kesa::url>& locators);
 
 HostCheck checkHost(const std::string& process, const std::string& fallbackDocument);
 

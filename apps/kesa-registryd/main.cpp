@@ -2,6 +2,7 @@
 // the first service, says that it is ready, and waits for the signal to end. What its clients do cannot end it.
 
 #include "HostCheck.h"
+#include "Watchdog.h"
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
@@ -104,8 +105,9 @@ void reload(kesa::registry::RegistryHost& host, const std::string& locators)
     sd_notify(0, ("READY=1\nSTATUS=The policy is that of before: " + obr::visible(problem)).c_str());
 }
 
-ExitCode serve(const std::string& locators, const sigset_t& signals)
+ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
 {
+    const std::string locators = listOf(own);
     std::atomic<ExitCode> exitCode = ExitCode::eENDED;
     kesa::registry::RegistryHost host(
         *KesaRuntime::getInstance(), [&locators] { tellReady(locators); },
@@ -114,9 +116,12 @@ ExitCode serve(const std::string& locators, const sigset_t& signals)
             complain(exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
             ::kill(::getpid(), SIGTERM); // ends the wait below
         });
-    int signal = 0;
-    while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
-        reload(host, locators);
+    {
+        const Watchdog watchdog(own.front());
+        int signal = 0;
+        while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+            reload(host, locators);
+        }
     }
     sd_notify(0, "STOPPING=1");
     host.stop();
