@@ -14,6 +14,7 @@
 #include "service/RegistryImpl.h"
 
 #include <comm/wallClock.h>
+#include <kesa/serviceregistry/WriteOnce.h>
 
 #include <unistd.h>
 
@@ -31,6 +32,7 @@ std::int64_t Registry::Impl::wallClockMs() noexcept
 
 void Registry::Impl::work()
 {
+    const serviceregistry::WriteOnce shared;
     deliver();
     while (!m_ready.empty()) {
         const auto asker = std::move(m_ready.back());

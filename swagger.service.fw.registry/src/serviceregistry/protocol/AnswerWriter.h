@@ -8,9 +8,11 @@
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/headers.h>
 #include <kesa/runtime/mimetype.h>
+#include <kesa/serviceregistry/WriteOnce.h>
 
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -33,7 +35,7 @@ public:
         if (!m_serializer) {
             return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 16, m_mimeType);
         }
-        auto payload = serializer::toPayload(*m_serializer, value, m_mimeType);
+        auto payload = write(value);
         if (!payload) {
             return obr::ErrorOutput(__FILE__, __LINE__, true)(errors::Error, 13, m_operation, "serialization error");
         }
@@ -50,6 +52,33 @@ public:
     void onCompleted() override { m_downstream->onCompleted(); }
 
 private:
+    using Form = WriteOnce::Form;
+
+    optional<Payload> write(const T& value)
+    {
+        if constexpr (std::is_same_v<T, RegistryUpdate>) {
+            return writeOnce(value, value, Form::eALONE);
+        } else if constexpr (std::is_same_v<T, std::vector<RegistryUpdate>>) {
+            return value.size() == 1 ? writeOnce(value, value.front(), Form::eLIST) : writeAnew(value);
+        } else {
+            return writeAnew(value);
+        }
+    }
+    optional<Payload> writeOnce(const T& value, const RegistryUpdate& update, Form form)
+    {
+        WriteOnce* const once = WriteOnce::current();
+        const Payload* const written = once != nullptr ? once->find(update, form, m_mimeType) : nullptr;
+        if (written != nullptr) {
+            return *written;
+        }
+        auto payload = writeAnew(value);
+        if (payload && once != nullptr) {
+            once->keep(update, form, *payload);
+        }
+        return payload;
+    }
+    optional<Payload> writeAnew(const T& value) { return serializer::toPayload(*m_serializer, value, m_mimeType); }
+
     std::unique_ptr<IResponseHandler<Response>> m_downstream;
     std::string m_mimeType;
     RequestInfo m_info;

@@ -7,6 +7,7 @@
 #include <kesa/responsehandlers/FuncResponseHandler.h>
 #include <kesa/serviceregistry/ServiceRegistryPexClient.h>
 #include <kesa/serviceregistry/ServiceRegistryPexService.h>
+#include <kesa/serviceregistry/WriteOnce.h>
 #include <kesa/tracing.h>
 #include <tracing/CapturingSink.h>
 
@@ -122,6 +123,45 @@ TEST_F(ServiceRegistryTest, AnswersComeBackInTheFormatOfTheQuestion)
         EXPECT_EQ(
             answer.getHeaders(),
             (GenericObject{{"$request-command", "retrieve"}, {"$request-path", "/a"}, {"$service-path", "/registry"}}));
+    }
+}
+
+// Each gets what it would get alone, and those of a format and form the same bytes.
+TEST_F(ServiceRegistryTest, AnUpdateForManyIsWrittenOncePerFormat)
+{
+    const auto all = std::make_shared<std::vector<Response>>(); // the last ones come when the service ends
+    std::vector<Response>& answers = *all;
+    const auto open = [&](const char* path, std::string_view format) {
+        Request request("retrieve", path, Payload::createFromString(R"({"pattern":"**"})", mimetypes::JSON));
+        request.setMimeType(std::string(format));
+        const auto keep = [all](const Response& answer) { return all->push_back(answer), false; };
+        service->request(request, std::make_unique<responsehandlers::FuncResponseHandler<Response>>(keep, keep, [] {}));
+    };
+    const auto tell = [&, first = added("/a")](const RegistryUpdate& update) {
+        open("/a", mimetypes::JSON);
+        EXPECT_FALSE(registry->tracking("/a").onNext(update));
+        EXPECT_FALSE(registry->query("**").onNext({update}));
+        EXPECT_FALSE(registry->query("**").onNext({update, first}));
+        open("/a", mimetypes::MSGPACK);
+        EXPECT_FALSE(registry->tracking("/a").onNext(update));
+    };
+    open("/", mimetypes::JSON);
+    const RegistryUpdate updates[] = {
+        added("/a"), added("/b"), {RegistryUpdate::UpdateTypeEnum::REMOVED, added("/a").element}};
+    for (const RegistryUpdate& update : updates) {
+        tell(update);
+    }
+    const std::vector<Response> alone = std::exchange(answers, {});
+    const WriteOnce shared;
+    for (const RegistryUpdate& update : updates) {
+        tell(update);
+        const std::size_t again = answers.size();
+        tell(update);
+        EXPECT_EQ(answers[again].getPayload().data(), answers[again - 4].getPayload().data());
+    }
+    for (std::size_t i = 0; i < answers.size(); ++i) {
+        EXPECT_EQ(answers[i].getPayload().text(), alone[i / 8 * 4 + i % 4].getPayload().text()) << i;
+        EXPECT_EQ(answers[i].getPayload().getMimeType(), alone[i / 8 * 4 + i % 4].getPayload().getMimeType()) << i;
     }
 }
 
