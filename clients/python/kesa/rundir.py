@@ -13,6 +13,7 @@ import secrets
 import shlex
 import socket
 import stat
+import struct
 
 from .errors import KesaError, NameTaken
 from .names import encode_process
@@ -21,6 +22,7 @@ _SYSTEM = "/run/kesa"
 _FIRST_PERSON = 1000  # users below are accounts of services
 _LONGEST_ADDRESS = 107
 _BACKLOG = 4096
+_CREDENTIALS = struct.Struct("3i")  # pid, uid, gid
 _numbers = itertools.count()
 
 
@@ -46,10 +48,9 @@ def connect(directory: str, process: str) -> socket.socket:
     file = None
     try:
         sock.setblocking(False)
-        if len(os.fsencode(path)) > _LONGEST_ADDRESS:
-            file = os.open(path, os.O_PATH | os.O_CLOEXEC | os.O_NOFOLLOW)
-            path = f"/proc/self/fd/{file}"
-        sock.connect(path)
+        file = os.open(path, os.O_PATH | os.O_CLOEXEC | os.O_NOFOLLOW)
+        sock.connect(f"/proc/self/fd/{file}")  # a socket's address has 108 bytes, whatever the path has
+        _check_listener(sock, os.fstat(file).st_uid, directory, process)
         return sock
     except BaseException:
         sock.close()
@@ -57,6 +58,42 @@ def connect(directory: str, process: str) -> socket.socket:
     finally:
         if file is not None:
             os.close(file)
+
+
+def peer(sock: socket.socket) -> tuple[int, int]:
+    """Process and user that connected, or that listen, as the kernel says; whoever writes."""
+    pid, uid, _ = _CREDENTIALS.unpack(sock.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIALS.size))
+    return pid, uid
+
+
+def _check_listener(sock: socket.socket, maker: int, directory: str, process: str) -> None:
+    """OSError if it is not who made the socket, or not whose name it is; root may do both for others."""
+    pid, uid = peer(sock)
+    if uid == 0:
+        return
+    listener = f"process {pid}, which listens by it, of the user {_user(uid)!r}; end that one"
+    if uid != maker:
+        raise PermissionError(errno.EPERM, f"its socket is of the user {_user(maker)!r}, and {listener}")
+    lock = os.path.join(directory, encode_process(process) + ".lock")
+    try:
+        owner = os.lstat(lock)
+        sticky = os.stat(directory).st_mode & stat.S_ISVTX
+    except FileNotFoundError:
+        return
+    if sticky and stat.S_ISREG(owner.st_mode) and owner.st_uid != uid:
+        name = _user(owner.st_uid)
+        raise PermissionError(
+            errno.EPERM,
+            f"the name is of the user {name!r}, whose lock file is there, and {listener} and remove its socket, or, to "
+            f"give it the name, have {name} remove {shlex.quote(lock)}",
+        )
+
+
+def _user(uid: int) -> str:
+    try:
+        return pwd.getpwuid(uid).pw_name
+    except KeyError:
+        return str(uid)
 
 
 def realm(directory: str) -> str:
@@ -219,11 +256,7 @@ def _advise(directory: str, path: str, error: OSError) -> str:
     """What to do against it."""
     named = "name another directory: connect(run_dir=...) or $KESA_RUN_DIR"
     if error.filename == path and os.path.lexists(path):
-        owner = os.lstat(path).st_uid
-        try:
-            owner = pwd.getpwuid(owner).pw_name
-        except KeyError:
-            pass
+        owner = _user(os.lstat(path).st_uid)
         return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {shlex.quote(path)}"
     around = os.path.dirname(os.path.abspath(directory))
     if error.errno == errno.ENOENT and not os.path.exists(around):

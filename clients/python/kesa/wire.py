@@ -4,12 +4,12 @@ from __future__ import annotations
 
 import asyncio
 import socket
-import struct
 from typing import Callable
+
+from . import rundir
 
 _PIECE = 256 * 1024
 _ROOM = 1024 * 1024
-_CREDENTIALS = struct.Struct("3i")
 
 
 class Wire:
@@ -41,10 +41,7 @@ class Wire:
 
     def peer(self) -> tuple[int, int]:
         """Process and user that connected, or that listen, as the kernel says; whoever writes."""
-        pid, uid, _ = _CREDENTIALS.unpack(
-            self._socket.getsockopt(socket.SOL_SOCKET, socket.SO_PEERCRED, _CREDENTIALS.size)
-        )
-        return pid, uid
+        return rundir.peer(self._socket)
 
     def write(self, data: bytes) -> None:
         """Sends, now or when the peer takes it. After the end it does nothing."""

@@ -2,12 +2,17 @@
 
 from __future__ import annotations
 
+import os
+import shutil
+import socket
+import tempfile
 import threading
+import unittest
 from typing import Callable
 from unittest import mock
 
 import kesa
-from kesa import registry
+from kesa import registry, rundir
 from programs import DEADLINE, SystemTest, program
 
 
@@ -86,6 +91,28 @@ class Finding(SystemTest):
             self.connect(timeout=0.01)
         with self.assertRaisesRegex(kesa.NoRegistry, "no process listens as 'kesa-registryd' in /nowhere"):
             kesa.connect(run_dir="/nowhere", timeout=0.01)
+
+    @unittest.skipIf(os.geteuid() != 0, "two users are needed, which only root can be")
+    def test_who_listens_by_anothers_name_is_not_connected(self) -> None:
+        directory = tempfile.mkdtemp()
+        self.addCleanup(shutil.rmtree, directory)
+        os.chmod(directory, 0o1777)
+        with open(os.path.join(directory, "media.lock"), "w", encoding="ascii") as lock:
+            os.fchown(lock.fileno(), 1, 1)
+        path = os.path.join(directory, "media.sock")
+        for socket_of, listener, wrong in ((0, 0, ""), (1, 1, ""), (0, 1, "its socket is of the user 'root'"), (2, 2, "the name is of")):
+            with self.subTest(socket_of=socket_of, listener=listener), socket.socket(socket.AF_UNIX) as listening:
+                listening.bind(path)
+                os.chown(path, socket_of, socket_of)
+                os.seteuid(listener)  # what the kernel tells of who listens
+                listening.listen()
+                os.seteuid(0)
+                if wrong:
+                    with self.assertRaisesRegex(OSError, wrong):
+                        rundir.connect(directory, "media")
+                else:
+                    rundir.connect(directory, "media").close()
+                os.unlink(path)
 
     def test_a_registry_may_have_another_name(self) -> None:
         self.start(program("apps", "kesa-registryd", "kesa-registryd"), "--name", "hub").line(lambda line: "ready" in line)

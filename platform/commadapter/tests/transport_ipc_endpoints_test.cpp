@@ -109,31 +109,52 @@ TEST_F(TransportIpc, AnEndpointThatAppearedBeforeItWasWatchedIsReportedButAStale
     EXPECT_EQ(client.appeared, 1);
 }
 
-TEST_F(TransportIpc, ASocketOnWhichAnotherUserListensIsNotItsOwners)
+TEST_F(TransportIpc, WhoListensIsTheOwnerOfTheSocketAndOfTheName)
 {
     if (::geteuid() != 0) {
         GTEST_SKIP() << "two users are needed, which only root can be";
     }
+    constexpr uid_t ROOT = 0;
     constexpr uid_t OTHER = 1001;
-    fs::create_directory(directory);
+    constexpr uid_t NOBODY = 65534; // has reserved the name
+    const struct {
+        uid_t socket, listener;
+        std::optional<uid_t> name;
+        mode_t mode;
+        const char* complaint;
+    } cases[] = {
+        {ROOT, ROOT, {}, 01777, nullptr},
+        {OTHER, ROOT, {}, 01777, nullptr},
+        {OTHER, OTHER, {}, 01777, nullptr},
+        {ROOT, OTHER, {}, 01777, "media.sock\" is of the user \"root\", and process "},
+        {OTHER, OTHER, OTHER, 01777, nullptr},
+        {ROOT, ROOT, NOBODY, 01777, nullptr},
+        {OTHER, OTHER, NOBODY, 01777,
+         "the name \"media\" is of the user \"nobody\", whose lock file is there, and process "},
+        {OTHER, OTHER, NOBODY, 0777, nullptr}, // there anybody may replace the file
+    };
     Node client(board, directory);
-    for (const uid_t owner : {uid_t{0}, OTHER}) {
-        for (const uid_t listener : {uid_t{0}, OTHER}) {
-            fs::remove(directory + "/media.sock");
-            Child process([&] {
-                const int socket = rawSocket(directory + "/media.sock", ::bind);
-                static_cast<void>(::chown((directory + "/media.sock").c_str(), owner, owner) + ::setuid(listener));
-                ::listen(socket, 1);
-            });
-            const auto failure = client.connect("media");
-            if (listener == 0 || listener == owner) {
-                EXPECT_EQ(failure, std::nullopt) << client.reason;
-                continue;
-            }
-            EXPECT_EQ(failure, ITransport::Failure::eOTHER);
-            EXPECT_THAT(client.reason, HasSubstr("media.sock\" is of the user \"root\", and process " +
-                                                 std::to_string(process.pid) + ", which listens on it, of the user"));
+    for (const auto& each : cases) {
+        fs::remove_all(directory);
+        fs::create_directory(directory);
+        ::chmod(directory.c_str(), each.mode);
+        if (each.name) {
+            std::ofstream(directory + "/media.lock").flush();
+            ASSERT_EQ(::chown((directory + "/media.lock").c_str(), *each.name, *each.name), 0);
         }
+        Child process([&] {
+            const int socket = rawSocket(directory + "/media.sock", ::bind);
+            static_cast<void>(::chown((directory + "/media.sock").c_str(), each.socket, each.socket) +
+                              ::setuid(each.listener));
+            ::listen(socket, 1);
+        });
+        const auto failure = client.connect("media");
+        if (each.complaint == nullptr) {
+            EXPECT_EQ(failure, std::nullopt) << client.reason;
+            continue;
+        }
+        EXPECT_EQ(failure, ITransport::Failure::eOTHER);
+        EXPECT_THAT(client.reason, HasSubstr(each.complaint + std::to_string(process.pid) + ", which listens "));
     }
 }
 

@@ -90,6 +90,25 @@ std::string complaintAboutListener(const std::string& path, const struct stat& f
         obr::visible(path), userName(file.st_uid), listener.pid, userName(user));
 }
 
+/// Where each user's files are his own, a name is of the user whose lock file is there, whoever made a socket for it.
+/// Empty when nobody else listens.
+std::string complaintAboutName(const std::string& directory, const std::string& process, const PeerIdentity& listener)
+{
+    struct stat folder {};
+    struct stat lock {};
+    const std::string file = directory + '/' + nameLockFile(process);
+    if (listener.uid == 0 || ::stat(directory.c_str(), &folder) != 0 || (folder.st_mode & S_ISVTX) == 0 ||
+        ::lstat(file.c_str(), &lock) != 0 || !S_ISREG(lock.st_mode) || listener.uid == std::int64_t{lock.st_uid}) {
+        return {};
+    }
+    const std::string owner = userName(lock.st_uid);
+    return fmt::format("the name \"{}\" is of the user \"{}\", whose lock file is there, and process {}, which listens "
+                       "by it, of the user \"{}\"; end that one and remove its socket, or, to give it the name, "
+                       "have {} remove \"{}\"",
+                       obr::visible(process), owner, listener.pid, userName(static_cast<uid_t>(listener.uid)), owner,
+                       obr::visible(file));
+}
+
 const ::tracing::Channel& channel()
 {
     static const ::tracing::Channel& instance = *new ::tracing::Channel("KESA_COMM_IPC");
@@ -392,7 +411,9 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
     }
     tried(endpoint, SocketFile(status));
     auto stream = makeStream(std::move(socket));
-    if (std::string why = complaintAboutListener(path, status, stream->peer()); !why.empty()) {
+    std::string why = complaintAboutListener(path, status, stream->peer());
+    why = why.empty() ? complaintAboutName(m_runDirectory.path(), endpoint.process, stream->peer()) : why;
+    if (!why.empty()) {
         return {nullptr, Failure::eOTHER, std::move(why)};
     }
     return {std::move(stream), Failure::eOTHER, {}};
