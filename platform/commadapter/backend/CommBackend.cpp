@@ -265,7 +265,7 @@ std::string CommBackend::describeNow() const
     description.connectionCount = m_clients->addFacts(connections, ProcessDescription::MOST_NAMED, looks);
     description.connectionCount +=
         m_services->addFacts(connections, ProcessDescription::MOST_NAMED - connections.size(), looks);
-    description.queuedBytes = m_loop->queued().all;
+    description.queuedBytes = m_loop->queued().now().all;
     for (const auto& hold : m_holds) {
         if (const comm::TimeNs held = hold->heldFor(); held > ProcessDescription::LONG_HOLD) {
             description.holds.push_back({hold->loop(), held, hold->holder()});

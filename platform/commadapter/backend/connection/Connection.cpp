@@ -45,6 +45,8 @@ constexpr std::size_t PARTS_PER_WRITE = 64;
 constexpr comm::TimeNs BURST = comm::MILLISECOND / 200;
 /// The bound of the process, in this many parts, is what a connection may have queued when the whole is used up.
 constexpr std::size_t SHARES = 1024;
+/// The clients of a user that is not trusted may have one of so many parts of it.
+constexpr std::size_t USERS = 4;
 
 protocol::Limits limitsOf(const CommSettings& settings)
 {
@@ -61,7 +63,7 @@ Connection::Connection(std::shared_ptr<IoLoop> loop, protocol::Role role) : m_lo
 
 Connection::~Connection()
 {
-    m_loop->countQueued(m_counted, {});
+    recount({});
 }
 
 void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own)
@@ -71,6 +73,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     m_machine = std::make_unique<protocol::Machine>(m_role, own, limitsOf(m_loop->settings()), listener, now);
     m_stream = std::move(stream);
     m_peerPid = m_stream->peer().pid;
+    m_queuedForUser = m_loop->accounts().queuedFor(m_stream->peer().uid);
     m_isOpen = true;
     ++m_opened;
     m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
@@ -105,7 +108,7 @@ void Connection::lose(std::string reason)
     m_loop->remove(*this);
     Lock lock(m_lock);
     m_isOpen = false;
-    m_loop->countQueued(std::exchange(m_counted, {}), {});
+    recount({});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
     countUnfinished(0);
@@ -431,9 +434,9 @@ void Connection::write()
 std::size_t Connection::shutBound() const
 {
     const CommSettings& settings = m_loop->settings();
-    const bool isProcessOver = m_loop->queued().all > settings.processQueueBytes;
-    return isProcessOver ? std::min(settings.sendQueueBytes, settings.processQueueBytes / SHARES)
-                         : settings.sendQueueBytes;
+    const Shared together = shared(&QueuedBytes::Amount::all);
+    return together.queued > together.bound ? std::min(settings.sendQueueBytes, settings.processQueueBytes / SHARES)
+                                            : settings.sendQueueBytes;
 }
 
 /// With the lock held, after writing what could be written.
@@ -506,8 +509,15 @@ void Connection::endAfterInput(std::string reason)
 void Connection::countQueued()
 {
     const auto& output = m_machine->output;
-    const IoLoop::Queued queued{output.queuedBytes() + output.waitingBytes(), output.persistentBytes()};
-    m_loop->countQueued(m_counted, queued);
+    recount({output.queuedBytes() + output.waitingBytes(), output.persistentBytes()});
+}
+
+void Connection::recount(const QueuedBytes::Amount& queued)
+{
+    m_loop->queued().change(m_counted, queued);
+    if (m_queuedForUser) {
+        m_queuedForUser->change(m_counted, queued);
+    }
     m_counted = queued;
 }
 
@@ -522,10 +532,20 @@ bool Connection::isOverBound(std::size_t moreBytes) const
     return queued > 0 && queued + moreBytes > m_loop->settings().sendQueueBytes;
 }
 
-bool Connection::isProcessOverBound(std::size_t moreBytes) const
+Connection::Shared Connection::shared(std::size_t QueuedBytes::Amount::*which) const
 {
-    const std::size_t bound = m_loop->settings().processQueueBytes;
-    return m_machine->output.persistentBytes() > bound / SHARES && m_loop->queued().persistent + moreBytes > bound;
+    const Shared all{m_loop->queued().now().*which, m_loop->settings().processQueueBytes, false};
+    const Shared user{m_queuedForUser ? m_queuedForUser->now().*which : 0, all.bound / USERS, true};
+    return user.queued > all.queued / USERS ? user : all;
+}
+
+bool Connection::isSharedOverBound(std::size_t moreBytes) const
+{
+    if (m_machine->output.persistentBytes() <= m_loop->settings().processQueueBytes / SHARES) {
+        return false;
+    }
+    const Shared together = shared(&QueuedBytes::Amount::persistent);
+    return together.queued + moreBytes > together.bound;
 }
 
 void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const

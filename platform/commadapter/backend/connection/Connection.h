@@ -64,8 +64,17 @@ protected:
     /// server its values of persistent streams. What there is room for in no queue at all still passes an empty one.
     /// Lock held.
     bool isOverBound(std::size_t moreBytes) const;
-    /// The same for the values of all connections; false for one that has only a little of them queued.
-    bool isProcessOverBound(std::size_t moreBytes) const;
+    /// What connections have queued together that share a bound: those of its user, where he is not trusted and nearer
+    /// to his bound, else all.
+    struct Shared {
+        std::size_t queued;
+        std::size_t bound;
+        bool isOfUser;
+    };
+    Shared shared(std::size_t QueuedBytes::Amount::*which) const;
+    /// As `isOverBound`, of the values of persistent streams that it shares a bound with; false for a connection that
+    /// has only a little of them queued.
+    bool isSharedOverBound(std::size_t moreBytes) const;
     /// What is queued next goes beyond the bound: it must not be lost, and the peer is probably about to take it. One
     /// that takes nothing at all for the time of a heartbeat is cut off by the loop. Lock held.
     void queueBeyondBound() noexcept { m_isBeyondBound = true; }
@@ -168,6 +177,7 @@ private:
     void wantWrite();
     void writeFailed();
     void countQueued();
+    void recount(const QueuedBytes::Amount& queued);
     bool isBurst() const;
     // Connection_liveness.cpp
     bool isStuck(comm::TimeNs now) const;
@@ -191,7 +201,8 @@ private:
     bool m_isFoundStuck = false;
     comm::TimeNs m_lastProgress = 0;
     comm::TimeNs m_lastHeard = 0;
-    IoLoop::Queued m_counted;
+    QueuedBytes::Amount m_counted;
+    std::shared_ptr<QueuedBytes> m_queuedForUser; ///< null: he is trusted
     // Loop only.
     bool m_isReceiving = false;
     bool m_isInLine = false;    ///< for a turn

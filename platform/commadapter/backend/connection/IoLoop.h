@@ -4,6 +4,7 @@
 #include "backend/connection/CommSettings.h"
 #include "backend/connection/FairTurns.h"
 #include "backend/connection/OncePerPeer.h"
+#include "backend/connection/QueuedBytes.h"
 #include "backend/connection/UserAccounts.h"
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
@@ -107,26 +108,8 @@ public:
     /// From now on the heartbeat looks at the connections until none is owed anything. Any thread.
     void expectSomething();
 
-    /// What is queued on connections, in bytes.
-    struct Queued {
-        std::size_t all = 0;
-        std::size_t persistent = 0; ///< values of persistent streams among them
-    };
-    /// Of all connections, as of a moment ago: bounds that are looked at so need no order. Any thread.
-    Queued queued() const noexcept
-    {
-        return {m_queuedBytes.load(std::memory_order_relaxed), m_persistentBytes.load(std::memory_order_relaxed)};
-    }
-    /// One connection's share has changed. Any thread.
-    void countQueued(const Queued& before, const Queued& after) noexcept
-    {
-        if (before.all != after.all) {
-            m_queuedBytes.fetch_add(after.all - before.all, std::memory_order_relaxed);
-        }
-        if (before.persistent != after.persistent) {
-            m_persistentBytes.fetch_add(after.persistent - before.persistent, std::memory_order_relaxed);
-        }
-    }
+    /// Of all connections. Any thread.
+    QueuedBytes& queued() noexcept { return m_queued; }
 
     FairTurns& turns() noexcept { return m_turns; }
     UserAccounts& accounts() noexcept { return m_accounts; }
@@ -149,8 +132,7 @@ private:
     const CommSettings m_settings;
     const std::shared_ptr<comm::Reactor> m_reactor;
     const std::shared_ptr<comm::LoopHold> m_hold;
-    std::atomic<std::size_t> m_queuedBytes{0};
-    std::atomic<std::size_t> m_persistentBytes{0};
+    QueuedBytes m_queued;
     std::atomic<bool> m_isBeating{false};
     comm::PeerLines m_peerLines;
     // Loop only.

@@ -83,6 +83,20 @@ std::string UserAccounts::whyNoMore(Kind kind, std::int64_t uid, std::size_t mor
                              uid, has, describe(kind), more, most);
 }
 
+std::shared_ptr<QueuedBytes> UserAccounts::queuedFor(std::int64_t uid)
+{
+    if (isTrusted(uid)) {
+        return nullptr;
+    }
+    std::erase_if(m_queued, [](const auto& each) { return each.second.expired(); });
+    auto queued = m_queued[uid].lock();
+    if (!queued) {
+        queued = std::make_shared<QueuedBytes>();
+        m_queued[uid] = queued;
+    }
+    return queued;
+}
+
 void UserAccounts::change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after)
 {
     if (before == after) {

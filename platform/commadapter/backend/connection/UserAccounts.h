@@ -1,10 +1,13 @@
 #ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_USERACCOUNTS_H
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_USERACCOUNTS_H
 
+#include "backend/connection/QueuedBytes.h"
+
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <string>
 
 namespace kesa::commadapter {
@@ -29,6 +32,9 @@ public:
     /// His amount has changed.
     void change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after);
 
+    /// What is queued for him, to be counted by each of his connections; null for who is trusted.
+    std::shared_ptr<QueuedBytes> queuedFor(std::int64_t uid);
+
     /// Of one process, as each connection costs descriptors and nobody needs several.
     static std::size_t mostConnectionsOfProcess() noexcept;
 
@@ -39,6 +45,7 @@ private:
 
     const std::int64_t m_ownUid;
     std::map<std::int64_t, Amounts> m_amounts;
+    std::map<std::int64_t, std::weak_ptr<QueuedBytes>> m_queued;
 };
 
 } // namespace kesa::commadapter

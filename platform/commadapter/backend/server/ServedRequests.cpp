@@ -274,11 +274,11 @@ void ServedRequests::addFacts(ConnectionFacts& facts, std::size_t& looks) const
 bool ServedRequests::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
 {
     if (stream.isPersistent) {
-        return m_connection.isOverBound(size) || m_connection.isProcessOverBound(size);
+        return m_connection.isOverBound(size) || m_connection.isSharedOverBound(size);
     }
     const CommSettings& settings = m_connection.loop().settings();
-    const bool isProcessOver = m_connection.loop().queued().all > settings.processQueueBytes;
-    const std::size_t bound = isProcessOver ? settings.sendQueueBytes : settings.processQueueBytes;
+    const auto together = m_connection.shared(&QueuedBytes::Amount::all);
+    const std::size_t bound = together.queued > together.bound ? settings.sendQueueBytes : together.bound;
     return m_connection.output().queuedBytes() > bound + m_connection.output().persistentBytes() &&
            m_connection.output().queuedBytes(number) > 0;
 }
@@ -292,7 +292,7 @@ bool ServedRequests::isRefused(std::uint32_t number, Stream& stream, std::size_t
         postCut(number, stream, std::move(error));
         return true;
     }
-    if (stream.isPersistent && !m_connection.isProcessOverBound(size)) {
+    if (stream.isPersistent && !m_connection.isSharedOverBound(size)) {
         m_connection.queueBeyondBound();
         return false;
     }
@@ -306,9 +306,9 @@ bool ServedRequests::isRefused(std::uint32_t number, Stream& stream, std::size_t
 /// and who follows one loses it again and again.
 Response ServedRequests::tooSlow(const Stream& stream, std::size_t size)
 {
-    const CommSettings& settings = m_connection.loop().settings();
-    const bool isOwnBound = stream.isPersistent ? m_connection.isOverBound(size)
-                                                : m_connection.loop().queued().all > settings.processQueueBytes;
+    const auto which = stream.isPersistent ? &QueuedBytes::Amount::persistent : &QueuedBytes::Amount::all;
+    const auto together = m_connection.shared(which);
+    const bool isOwnBound = stream.isPersistent ? m_connection.isOverBound(size) : together.queued > together.bound;
     const bool isOfAll = stream.isPersistent && !isOwnBound;
     const std::size_t ofConnection =
         stream.isPersistent ? m_connection.output().persistentBytes()
@@ -316,10 +316,15 @@ Response ServedRequests::tooSlow(const Stream& stream, std::size_t size)
     const std::string why = fmt::format(
         "the client '{}' takes values more slowly than they come: {} bytes wait for it{}, with the next {} more than "
         "{}",
-        m_connection.peerName(), isOfAll ? m_connection.loop().queued().persistent : ofConnection,
-        isOfAll ? " and others" : "", size,
-        isOwnBound ? fmt::format("the provider's \"comm\", \"send_queue_bytes\" of {}", settings.sendQueueBytes)
-                   : fmt::format("the {} that the provider keeps for all", settings.processQueueBytes));
+        m_connection.peerName(), isOfAll ? together.queued : ofConnection,
+        !isOfAll            ? ""
+        : together.isOfUser ? " and others of its user"
+                            : " and others",
+        size,
+        isOwnBound ? fmt::format("the provider's \"comm\", \"send_queue_bytes\" of {}",
+                                 m_connection.loop().settings().sendQueueBytes)
+                   : fmt::format("the {} that the provider keeps for {}", together.bound,
+                                 together.isOfUser ? "a user's clients" : "all"));
     ++m_cuts;
     if (const auto end = m_cutTraces.pass(comm::now())) {
         KESA_TRACE(CHANNEL, 3, "[answer] '%s': a stream is cut: %s%s", stream.service->path.c_str(), why.c_str(),
