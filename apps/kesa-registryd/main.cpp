@@ -1,6 +1,7 @@
 // kesa-registryd: the process that hosts the registry. It claims its name, registers the registry with its runtime as
 // the first service, says that it is ready, and waits for the signal to end. What its clients do cannot end it.
 
+#include "HeapTrimmer.h"
 #include "HostCheck.h"
 #include "Watchdog.h"
 
@@ -18,6 +19,7 @@
 
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
@@ -56,8 +58,8 @@ int complain(ExitCode exitCode, const std::string& problem)
     return static_cast<int>(exitCode);
 }
 
-/// Blocked before the first thread is made, so that only `sigwait` takes them. What is ignored stays so, as SIGINT in
-/// what a script starts with '&'.
+/// Blocked before the first thread is made, so that only the wait for them takes them. What is ignored stays so, as
+/// SIGINT in what a script starts with '&'.
 sigset_t blockSignals()
 {
     sigset_t blocked;
@@ -105,6 +107,19 @@ void reload(kesa::registry::RegistryHost& host, const std::string& locators)
     sd_notify(0, ("READY=1\nSTATUS=The policy is that of before: " + obr::visible(problem)).c_str());
 }
 
+int awaitSignal(const sigset_t& signals, HeapTrimmer& heap)
+{
+    constexpr timespec BETWEEN_LOOKS{5, 0};
+    int signal = -1;
+    while (signal < 0) {
+        signal = sigtimedwait(&signals, nullptr, &BETWEEN_LOOKS);
+        if (signal < 0 && errno == EAGAIN) { // else it was stopped and goes on
+            heap.look();
+        }
+    }
+    return signal;
+}
+
 ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
 {
     const std::string locators = listOf(own);
@@ -118,8 +133,8 @@ ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
         });
     {
         const Watchdog watchdog(own.front());
-        int signal = 0;
-        while (sigwait(&signals, &signal) == 0 && signal == SIGHUP) {
+        HeapTrimmer heap;
+        while (awaitSignal(signals, heap) == SIGHUP) {
             reload(host, locators);
         }
     }
