@@ -1,12 +1,13 @@
 #ifndef KESACTL_CHECKRESULT_H
 #define KESACTL_CHECKRESULT_H
 
+#include "reviewRules.h"
+
 #include <runtime/v02/config/KesaConfig.h>
 #include <util/config/Complaint.h>
 
 #include <optional>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace kesactl {
@@ -18,9 +19,10 @@ struct CheckResult {
     std::string partition; ///< of the process, when one is named
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
-    bool counts;                                             ///< the document; else a process goes on with the defaults
-    std::vector<std::pair<std::string, std::string>> policy; ///< what its rules are called, and what they say
-    util::config::Value comm;                                ///< what counts of it
+    bool counts; ///< the document; else a process goes on with the defaults
+    RulesInWords policy;
+    RulesInWords access;
+    util::config::Value comm; ///< what counts of it
     std::string runDirectory;
     std::string runDirectorySource; ///< what names it
     std::vector<util::config::Complaint> complaints;

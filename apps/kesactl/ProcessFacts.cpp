@@ -1,7 +1,7 @@
 #include "ProcessFacts.h"
 
 #include <comm/processStart.h>
-#include <transport/usersAndGroups.h>
+#include <rules/usersAndGroups.h>
 
 #include <sys/stat.h>
 
@@ -64,7 +64,7 @@ ProcessFacts::ProcessFacts(pid_t pid)
     isThere = true;
     started = comm::processStart(pid);
     uid = status.st_uid;
-    user = kesa::commadapter::transport::userName(uid);
+    user = kesa::access::userName(uid);
     isTraced = !state.empty() && state.front() == 't';
     isStopped = isTraced || (!state.empty() && state.front() == 'T');
     std::error_code unknown;

@@ -8,8 +8,8 @@
 
 #include <backend/readCommSettings.h>
 #include <comm/wallClock.h>
+#include <rules/usersAndGroups.h>
 #include <transport/RunDirectory.h>
-#include <transport/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 #include <util/shellWord.h>
 
@@ -138,7 +138,7 @@ std::string ProcessReport::processId() const
 std::string ProcessReport::user() const
 {
     unsigned uid = 0;
-    return facts.isThere ? facts.user : answer["uid"].get(uid) ? "-" : kesa::commadapter::transport::userName(uid);
+    return facts.isThere ? facts.user : answer["uid"].get(uid) ? "-" : kesa::access::userName(uid);
 }
 
 std::string ProcessReport::executable() const

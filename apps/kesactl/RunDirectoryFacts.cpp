@@ -4,10 +4,10 @@
 
 #include "nameHolders.h"
 
+#include <rules/usersAndGroups.h>
 #include <transport/Descriptor.h>
 #include <transport/RunDirectory.h>
 #include <transport/fileLocks.h>
-#include <transport/usersAndGroups.h>
 
 #include <fcntl.h>
 #include <sys/socket.h>
@@ -26,11 +26,11 @@
 namespace kesactl {
 namespace {
 
+using kesa::access::groupName;
+using kesa::access::userName;
 using kesa::commadapter::transport::Descriptor;
 using kesa::commadapter::transport::FileLocks;
-using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::readFileLocks;
-using kesa::commadapter::transport::userName;
 
 /// What the holder of a lock has written into its file; 0 when it cannot be read.
 pid_t readPid(int directory, const std::string& file)

@@ -4,7 +4,7 @@
 #include "locateComplaints.h"
 #include "output.h"
 #include "print_config.h"
-#include "reviewPolicy.h"
+#include "reviewRules.h"
 #include "reviewRunDirectory.h"
 #include "reviewSettings.h"
 
@@ -108,6 +108,7 @@ int checkConfig(const CheckConfigArguments& arguments)
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
     auto policy = reviewPolicy(report);
+    auto access = reviewAccess(report);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     if (std::optional<Complaint> complaint = reviewRunDirectory(runDirectory)) {
         if (complaint->path.empty()) {
@@ -132,6 +133,7 @@ int checkConfig(const CheckConfigArguments& arguments)
                              report.firstError() == nullptr,
                              counts,
                              std::move(policy),
+                             std::move(access),
                              valueOf(comm),
                              runDirectory.path(),
                              runDirectory.source(),

@@ -22,10 +22,10 @@
 #include <common/RegistryPlace.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <protocol/Frame.h>
+#include <rules/usersAndGroups.h>
 #include <runtime/v02/config/reviewDocument.h>
 #include <transport/EndpointWatch.h>
 #include <transport/RunDirectory.h>
-#include <transport/usersAndGroups.h>
 #include <util/shellWord.h>
 
 #include <fmt/format.h>
@@ -40,10 +40,10 @@
 namespace kesactl {
 namespace {
 
+using kesa::access::groupName;
+using kesa::access::userName;
 using kesa::commadapter::transport::EndpointWatch;
-using kesa::commadapter::transport::groupName;
 using kesa::commadapter::transport::RunDirectory;
-using kesa::commadapter::transport::userName;
 using kesa::runtime::v02::Complaint;
 using kesa::runtime::v02::ConfigReport;
 using kesa::runtime::v02::KesaConfig;

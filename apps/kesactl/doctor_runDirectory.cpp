@@ -6,7 +6,7 @@
 #include "replacedRealm.h"
 #include "runDirectoryProblem.h"
 
-#include <transport/usersAndGroups.h>
+#include <rules/usersAndGroups.h>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -19,9 +19,9 @@
 namespace kesactl {
 namespace {
 
+using kesa::access::userName;
 using kesa::commadapter::transport::RunDirectory;
 using kesa::commadapter::transport::SYSTEM_RUN_DIRECTORY;
-using kesa::commadapter::transport::userName;
 using util::config::Dictionary;
 using util::config::Value;
 using Name = RunDirectoryFacts::Name;

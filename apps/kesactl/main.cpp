@@ -34,6 +34,7 @@ const char* const FOOTER = R"(Examples:
   kesactl check-config kesa.json --json | jq .complaints
   kesactl why /media/player                        is it there, does it work, and if not, why
   kesactl may media register /media/player         whether the registry's policy lets that user, and by which rule
+  kesactl may media call /media/player update      whether its provider lets that user, and by which rule
   kesactl doctor                                   why do processes not find each other?
 
 The registry is found as any process finds it: by the configuration document, without one at

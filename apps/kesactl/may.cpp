@@ -1,4 +1,5 @@
-// may: whether somebody may register or see a service, by the policy that the registry has. Nothing is tried.
+// may: whether somebody may register or see a service, by the policy that the registry has, or call it, by the rules of
+// the process that provides it. Nothing is tried.
 #include "Answers.h"
 #include "Failure.h"
 #include "ServiceConnection.h"
@@ -10,6 +11,7 @@
 #include "registryFaults.h"
 
 #include <CLI/CLI.hpp>
+#include <backend/ProcessService.h>
 #include <common/RegistryPlace.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
@@ -17,7 +19,10 @@
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
+#include <obr/ErrorStorage.h>
 #include <obr/visible.h>
+#include <util/config/Dictionary.h>
+#include <util/config/JSONParser.h>
 
 #include <fmt/format.h>
 
@@ -33,11 +38,35 @@ struct MayArguments {
     std::string who;
     std::string right;
     std::string path;
+    std::string command;  ///< of a call; empty: retrieve
+    std::string resource; ///< the same; empty: any
     CommonOptions common;
 };
 
+/// What is answered to the only question of a connection.
+kesa::Response askOnce(const ServiceConnection::Client& client, kesa::Request request, const std::string& whom,
+                       comm::TimeNs deadline)
+{
+    kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
+    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
+    Answers answers(client, request);
+    const Answers::Answer answer = answers.next(deadline);
+    if (answer.kind == Answers::Kind::eTIMED_OUT) {
+        throw Failure{ExitCode::eTIMED_OUT, whom + " has not answered in time"};
+    }
+    if (answer.kind != Answers::Kind::eVALUE) {
+        throw Failure{ExitCode::eFAILED, whom + " answers " + kesa::reasonOf(answer.response)};
+    }
+    return answer.response;
+}
+
+kesa::Payload jsonPayload(const std::string& text)
+{
+    return kesa::Payload::createFromString(text, kesa::mimetypes::JSON);
+}
+
 /// What the registry says of what `who` may at the path.
-Value ask(const MayArguments& arguments)
+Value askRegistry(const MayArguments& arguments)
 {
     const System system;
     const kesa::url registry = apps::findRegistryPlace("kesactl-" + std::to_string(::getpid()),
@@ -51,47 +80,82 @@ Value ask(const MayArguments& arguments)
         throw Failure{ExitCode::eNO_REGISTRY,
                       fmt::format("the registry at {}: {}; {}", registry.toString(), why.text, why.advice)};
     }
-    kesa::Request request(IServiceRegistry::EXPLAIN, arguments.path,
-                          kesa::Payload::createFromString(
-                              fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who)),
-                              kesa::mimetypes::JSON));
-    kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
-    kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
-    Answers answers(client, request);
-    const Answers::Answer answer = answers.next(deadline);
-    if (answer.kind == Answers::Kind::eTIMED_OUT) {
-        throw Failure{ExitCode::eTIMED_OUT, "the registry has not answered in time"};
-    }
-    if (answer.kind != Answers::Kind::eVALUE) {
-        throw Failure{ExitCode::eFAILED, "the registry answers " + kesa::reasonOf(answer.response)};
-    }
+    const std::string who = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who));
+    const kesa::Response response = askOnce(
+        client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), "the registry", deadline);
     Value explanation;
-    if (const std::string fault = readExplanation(answer.response, explanation); !fault.empty()) {
+    if (const std::string fault = readExplanation(response, explanation); !fault.empty()) {
         throw Failure{ExitCode::eFAILED, explainFault(registry, fault).text};
     }
-    return explanation["for"]["may"];
+    const Value may = explanation["for"]["may"];
+    if (!may.isArray()) {
+        throw Failure{ExitCode::eFAILED, "the registry tells what others may only to root and to its own user"};
+    }
+    Value::Array verdicts;
+    for (const Value& one : may.items()) {
+        util::config::Dictionary verdict = one[arguments.right.c_str()].dictionary();
+        verdict.set("who", one["who"]);
+        verdicts.emplace_back(std::move(verdict));
+    }
+    return Value(std::move(verdicts));
+}
+
+/// What the process that provides the service says of it.
+Value askProvider(const MayArguments& arguments)
+{
+    using kesa::commadapter::ProcessService;
+    const System system;
+    const comm::TimeNs deadline = arguments.common.deadline();
+    const ServiceDef service = findService(system, arguments.path, deadline);
+    std::vector<kesa::url> locators;
+    for (const kesa::url& locator : service.locators) {
+        locators.emplace_back(fmt::format("{}://{}{}", locator.scheme(), locator.authority(), ProcessService::PATH));
+    }
+    ServiceConnection connection(
+        ServiceDef(kesa::Path(std::string(ProcessService::PATH)), ServiceDef::TypeEnum::pex, {}, locators));
+    util::config::Dictionary question{{"who", arguments.who}, {"path", arguments.path}, {"command", arguments.command}};
+    if (!arguments.resource.empty()) {
+        question.set("resource", arguments.resource);
+    }
+    const kesa::Response response = askOnce(
+        connection.client(deadline),
+        kesa::Request("retrieve", std::string(ProcessService::MAY), jsonPayload(Value(std::move(question)).toText())),
+        "the process that provides it", deadline);
+    Value verdicts;
+    if (util::config::JSONParser().parseString(std::string(response.getPayload().text()), verdicts) ||
+        !verdicts.isArray()) {
+        obr::ErrorStorage::ack();
+        throw Failure{ExitCode::eFAILED, "the process that provides it answers what is no list"};
+    }
+    return verdicts;
 }
 
 void may(const MayArguments& arguments, int& exitCode)
 {
-    const Value all = ask(arguments);
-    if (!all.isArray()) {
-        throw Failure{ExitCode::eFAILED, "the registry tells what others may only to root and to its own user"};
+    const bool isCall = arguments.right == "call";
+    if (!isCall && (!arguments.command.empty() || !arguments.resource.empty())) {
+        throw Failure{ExitCode::eUSAGE, "a command and --resource are for call alone"};
     }
+    MayArguments asked = arguments;
+    asked.command = asked.command.empty() ? "retrieve" : asked.command;
+    const Value all = isCall ? askProvider(asked) : askRegistry(asked);
     if (all.arraySize() == 0) {
-        throw Failure{ExitCode::eFAILED, fmt::format("there is no user \"{}\", and no process of that name asks the "
-                                                     "registry for anything",
-                                                     obr::visible(arguments.who))};
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("there is no user \"{}\", and no process of that name asks {} "
+                                  "for anything",
+                                  obr::visible(arguments.who), isCall ? "the provider" : "the registry")};
     }
-    for (const Value& one : all.items()) {
-        const Value& verdict = one[arguments.right.c_str()];
+    const std::string what =
+        isCall ? asked.command + (asked.resource.empty() ? "" : " " + asked.resource + " of") : asked.right;
+    for (const Value& verdict : all.items()) {
         const bool isAllowed = verdict["allowed"] == true;
         exitCode = isAllowed ? exitCode : static_cast<int>(ExitCode::eFAILED);
-        print(arguments.common.isJson
-                  ? fmt::format("{{\"who\":{},\"allowed\":{},\"because\":{}}}\n", asJsonString(one["who"].toText()),
-                                isAllowed, asJsonString(verdict["because"].toText()))
-                  : fmt::format("{} may {}{} {}: {}\n", obr::visible(one["who"].toText()), isAllowed ? "" : "not ",
-                                arguments.right, arguments.path, obr::visible(verdict["because"].toText())));
+        const std::string who = verdict["who"].toText();
+        const std::string because = verdict["because"].toText();
+        print(arguments.common.isJson ? fmt::format("{{\"who\":{},\"allowed\":{},\"because\":{}}}\n", asJsonString(who),
+                                                    isAllowed, asJsonString(because))
+                                      : fmt::format("{} may {}{} {}: {}\n", obr::visible(who), isAllowed ? "" : "not ",
+                                                    what, arguments.path, obr::visible(because)));
     }
 }
 
@@ -101,19 +165,24 @@ void addMay(CLI::App& app, int& exitCode)
 {
     auto arguments = std::make_shared<MayArguments>();
     CLI::App* const command =
-        app.add_subcommand("may", "Says whether somebody may register or see a service, without trying it.");
+        app.add_subcommand("may", "Says whether somebody may register, see or call a service, without trying it.");
     command->add_option("WHO", arguments->who, "A user, by name or number, or the name of a process that runs.")
         ->required()
         ->type_name("");
-    command->add_option("RIGHT", arguments->right, "register or see.")
+    command->add_option("RIGHT", arguments->right, "register, see or call.")
         ->required()
-        ->check(CLI::IsMember({"register", "see"}))
+        ->check(CLI::IsMember({"register", "see", "call"}))
         ->type_name("");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
-    addCommonOptions(*command, arguments->common, "How long the registry may take.");
+    command->add_option("COMMAND", arguments->command, "Of a call; without it: retrieve.")->type_name("");
+    command
+        ->add_option("--resource", arguments->resource, "Of a call: the path inside of the service; without it: any.")
+        ->type_name("PATH");
+    addCommonOptions(*command, arguments->common, "How long the registry or the provider may take.");
     command->footer(
-        "The registry answers by the policy that it has at the moment, to root and its own user, and to others "
-        "of themselves. Exit code: 0 when it is allowed, 1 when not.");
+        "The registry answers by the policy that it has at the moment, and of a call the process that provides "
+        "the service, by \"access\" of its document: to root and its own user, and to others of themselves. "
+        "Exit code: 0 when it is allowed, 1 when not.");
     command->callback([arguments, &exitCode] { may(*arguments, exitCode); });
 }
 

@@ -3,7 +3,7 @@
 #include "otherRunDirectories.h"
 #include "processNames.h"
 
-#include <transport/usersAndGroups.h>
+#include <rules/usersAndGroups.h>
 
 #include <sys/stat.h>
 
@@ -60,7 +60,7 @@ std::string missingRight(std::int64_t pid, const kesa::url& locator)
         return {};
     }
     return fmt::format("its user may not connect to {}, which has the group \"{}\" and mode {:04o}", path,
-                       kesa::commadapter::transport::groupName(socket.st_gid), socket.st_mode & 07777U);
+                       kesa::access::groupName(socket.st_gid), socket.st_mode & 07777U);
 }
 
 } // namespace kesactl

@@ -4,8 +4,8 @@
 #include "processNames.h"
 
 #include <backend/readCommSettings.h>
+#include <rules/usersAndGroups.h>
 #include <transport/chooseRunDirectory.h>
-#include <transport/usersAndGroups.h>
 #include <util/shellWord.h>
 
 #include <sys/stat.h>
@@ -31,7 +31,7 @@ std::string ofStranger(const std::string& directory)
     struct stat status {};
     const bool isStrange =
         ::stat(directory.c_str(), &status) == 0 && status.st_uid != 0 && status.st_uid != ::geteuid();
-    return isStrange ? fmt::format(" (of the user {})", transport::userName(status.st_uid)) : "";
+    return isStrange ? fmt::format(" (of the user {})", kesa::access::userName(status.st_uid)) : "";
 }
 
 /// In which processes have names, those beside the one at `chosen` first: its name is perhaps a mistyped one of theirs.

@@ -148,6 +148,12 @@ SettingRows settings(const CheckResult& result)
     for (const auto& [name, words] : result.policy) {
         rows.push_back({"  " + name, excerpt(words)});
     }
+    if (!result.access.empty()) {
+        rows.push_back({"access", ""});
+    }
+    for (const auto& [name, words] : result.access) {
+        rows.push_back({"  " + name, excerpt(words)});
+    }
     addTable(rows, "comm", result.comm);
     rows.push_back({"run directory", fmt::format("{} ({})", excerpt(result.runDirectory), result.runDirectorySource)});
     return rows;
@@ -228,6 +234,17 @@ std::string asText(const CheckResult& result)
     return text;
 }
 
+void addRules(Dictionary& object, const char* key, const RulesInWords& words)
+{
+    Value::Array rules;
+    for (const auto& [name, text] : words) {
+        rules.emplace_back(fmt::format("{}: {}", name, text));
+    }
+    if (!rules.empty()) {
+        object.set(key, std::move(rules));
+    }
+}
+
 std::string asJson(const CheckResult& result)
 {
     const KesaConfig& config = result.config;
@@ -248,13 +265,8 @@ std::string asJson(const CheckResult& result)
                       {"run_directory", result.runDirectory},
                       {"run_directory_from", result.runDirectorySource},
                       {"complaints", asArray(result.complaints)}};
-    if (!result.policy.empty()) {
-        Value::Array rules;
-        for (const auto& [name, words] : result.policy) {
-            rules.emplace_back(fmt::format("{}: {}", name, words));
-        }
-        object.set("policy", std::move(rules));
-    }
+    addRules(object, "policy", result.policy);
+    addRules(object, "access", result.access);
     if (result.process) {
         object.set("process", *result.process);
         object.set("partition", result.partition);

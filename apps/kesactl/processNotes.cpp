@@ -7,9 +7,9 @@
 
 #include <comm/wallClock.h>
 #include <obr/visible.h>
+#include <rules/usersAndGroups.h>
 #include <runtime/v02/runtime/ProcessNote.h>
 #include <transport/Authority.h>
-#include <transport/usersAndGroups.h>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -53,7 +53,7 @@ std::optional<NotedProcess> readNote(pid_t pid, const std::string& chosen, comm:
                    note.runDirectoryId != kesa::runtime::v02::ProcessNote::directoryId(chosen) &&
                    !holdsNameIn(pid, chosen); // it has put back what was removed
     note.uid = status.st_uid;
-    note.user = status.st_uid == ::geteuid() ? "" : kesa::commadapter::transport::userName(status.st_uid);
+    note.user = status.st_uid == ::geteuid() ? "" : kesa::access::userName(status.st_uid);
     return note;
 }
 

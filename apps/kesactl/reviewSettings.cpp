@@ -4,10 +4,10 @@
 #include <backend/readCommSettings.h>
 #include <kesa/Path.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
+#include <rules/usersAndGroups.h>
 #include <runtime/v02/config/unknownKeys.h>
 #include <transport/Authority.h>
 #include <transport/IpcTransport.h>
-#include <transport/usersAndGroups.h>
 
 #include <fmt/format.h>
 
@@ -66,7 +66,7 @@ CommSettings reviewComm(ConfigReport& report)
 
 void reviewGroup(const CommSettings& settings, ConfigReport& report)
 {
-    if (!settings.socketGroup.empty() && !kesa::commadapter::transport::findGroup(settings.socketGroup)) {
+    if (!settings.socketGroup.empty() && !kesa::access::findGroup(settings.socketGroup)) {
         warn(report, {"comm", "socket_group"},
              fmt::format("there is no group \"{}\" on this machine: a process could not provide services",
                          excerpt(settings.socketGroup)),

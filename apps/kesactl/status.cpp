@@ -11,8 +11,8 @@
 
 #include <CLI/CLI.hpp>
 #include <obr/visible.h>
+#include <rules/usersAndGroups.h>
 #include <transport/Authority.h>
-#include <transport/usersAndGroups.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -117,7 +117,7 @@ std::vector<std::string> rowOf(const Value& connection, const std::string& proce
     const bool hasUser = !connection["uid"].get(uid);
     return {nameOf(connection),
             text("pid"),
-            hasUser ? kesa::commadapter::transport::userName(uid) : "-",
+            hasUser ? kesa::access::userName(uid) : "-",
             connection["openedBy"].stringView() == "peer" ? nameOf(connection) : process,
             asLocalTime(timeOf(connection["since"]), true),
             text("openRequests"),

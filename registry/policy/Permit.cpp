@@ -32,14 +32,14 @@ Permit::Permit(std::int64_t uid, std::int64_t ownUid)
     : Sight(nextNumber()), m_uid(uid), m_ownUid(ownUid), m_hasRules(false)
 {}
 
-Permit::Permit(std::int64_t uid, const std::vector<Rule>& rules, const std::vector<std::size_t>& concerning)
+Permit::Permit(std::int64_t uid, const std::vector<access::Rule>& rules, const std::vector<std::size_t>& concerning)
     : Sight(nextNumber()), m_uid(uid), m_ownUid(-1), m_hasRules(true)
 {
     for (const Right right : RIGHTS) {
-        PatternTrie& paths = m_paths[static_cast<std::size_t>(right)];
+        access::PatternTrie& paths = m_paths[static_cast<std::size_t>(right)];
         std::set<std::string_view> globs; // the first of equal ones is enough
         for (const std::size_t number : concerning) {
-            if (!rules[number].lets(right)) {
+            if (!rules[number].lets(nameOf(right))) {
                 continue;
             }
             for (const auto& [glob, patterns] : rules[number].paths) {

@@ -1,9 +1,11 @@
 #ifndef KESA_REGISTRY_POLICY_PERMIT_H
 #define KESA_REGISTRY_POLICY_PERMIT_H
 
-#include "policy/Rule.h"
-#include "store/PatternTrie.h"
+#include "policy/Right.h"
 #include "store/Viewer.h"
+
+#include <globs/PatternTrie.h>
+#include <rules/Rule.h>
 
 #include <array>
 #include <cstdint>
@@ -20,7 +22,7 @@ class Permit final : public Sight {
 public:
     /// Of a policy without rules.
     Permit(std::int64_t uid, std::int64_t ownUid);
-    Permit(std::int64_t uid, const std::vector<Rule>& rules, const std::vector<std::size_t>& concerning);
+    Permit(std::int64_t uid, const std::vector<access::Rule>& rules, const std::vector<std::size_t>& concerning);
 
     bool mayRegister(const std::string& path) { return !m_hasRules || find(Right::eREGISTER, path).has_value(); }
     bool sees(const Record& record) override;
@@ -35,8 +37,8 @@ private:
     const std::int64_t m_uid;
     const std::int64_t m_ownUid;
     const bool m_hasRules;
-    std::array<PatternTrie, RIGHT_NAMES.size()> m_paths; ///< the globs of the rules, by their numbers
-    std::vector<PatternTrie::Id> m_matching;             ///< only inside `find`
+    std::array<access::PatternTrie, RIGHT_NAMES.size()> m_paths; ///< the globs of the rules, by their numbers
+    std::vector<access::PatternTrie::Id> m_matching;             ///< only inside `find`
     // Many ask for the same record one after the other.
     std::uint64_t m_lastRecord = 0; ///< its number
     bool m_lastVerdict = false;

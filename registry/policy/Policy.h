@@ -2,8 +2,12 @@
 #define KESA_REGISTRY_POLICY_POLICY_H
 
 #include "policy/Permit.h"
-#include "policy/Rule.h"
 
+#include <rules/IAccounts.h>
+#include <rules/IdentityNames.h>
+#include <rules/Rule.h>
+
+#include <array>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,13 +27,14 @@ namespace kesa::registry {
 class Policy {
 public:
     /// No rules: the usual policy.
-    explicit Policy(std::int64_t ownUid, const IAccounts* accounts = nullptr) : m_ownUid(ownUid), m_accounts(accounts)
+    explicit Policy(std::int64_t ownUid, const access::IAccounts* accounts = nullptr)
+        : m_ownUid(ownUid), m_names(accounts)
     {}
     /// `file`: where the rules stand, for people. `accounts` outlives it.
-    Policy(std::int64_t ownUid, std::vector<Rule> rules, std::string file, const IAccounts& accounts);
+    Policy(std::int64_t ownUid, std::vector<access::Rule> rules, std::string file, const access::IAccounts& accounts);
 
     /// The same one for all who may the same. Null: he may everything.
-    PermitPtr permitOf(const Identity& identity);
+    PermitPtr permitOf(const access::Identity& identity);
 
     /// Whether a rule asks for the name of a process, which has to be proven.
     bool asksForProcess() const noexcept { return m_asksForProcess; }
@@ -40,26 +45,31 @@ public:
         std::string because; ///< for people: by which rule, or what is missing and where it would have to stand
     };
     /// `record`: what is there at the path, to be seen; null: nothing.
-    Verdict judge(const Identity& identity, Right right, const std::string& path, const Record* record = nullptr);
-    /// Its number where it has none; empty when it is unknown. Looked up once.
-    std::string userName(std::int64_t uid);
+    Verdict judge(const access::Identity& identity, Right right, const std::string& path,
+                  const Record* record = nullptr);
+    /// Its number where it has none; empty when it is unknown.
+    std::string userName(std::int64_t uid) { return m_names.userName(uid); }
     /// "user media (uid 1001), process player".
-    std::string describe(const Identity& identity);
+    std::string describe(const access::Identity& identity) { return m_names.describe(identity); }
 
 private:
-    std::vector<std::size_t> concerning(const Identity& identity) const;
-    std::string placeOf(std::size_t rule) const;
-    std::string whyRefused(const Identity& identity, Right right, const std::string& path);
-    std::string whySeen(const Identity& identity, const Record* record) const;
+    struct Known {
+        PermitPtr permit;
+        std::string who;                                    ///< for refusals, as the next one; empty until the first
+        std::array<std::string, RIGHT_NAMES.size()> others; ///< which rules there are, by right
+    };
+
+    Known& know(const access::Identity& identity);
+    std::string whyRefused(const access::Identity& identity, Right right, const std::string& path);
+    std::string whySeen(const access::Identity& identity, const Record* record) const;
 
     const std::int64_t m_ownUid;
-    std::optional<std::vector<Rule>> m_rules;
+    std::optional<std::vector<access::Rule>> m_rules;
     std::string m_file;
-    const IAccounts* m_accounts = nullptr;
+    access::IdentityNames m_names;
     bool m_asksForProcess = false;
-    std::map<Identity, PermitPtr> m_known; ///< bounded
+    std::map<access::Identity, Known> m_known; ///< bounded
     std::map<std::pair<std::int64_t, std::vector<std::size_t>>, std::weak_ptr<Permit>> m_permits;
-    std::map<std::int64_t, std::string> m_userNames; ///< bounded
 };
 
 } // namespace kesa::registry

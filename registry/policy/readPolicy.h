@@ -3,8 +3,6 @@
 
 #include "policy/Policy.h"
 
-#include <util/config/Complaint.h>
-
 #include <memory>
 #include <string>
 #include <vector>

@@ -11,6 +11,7 @@
 #include <kesa/IPeer.h>
 #include <kesa/RequestContext.h>
 #include <kesa/registry/Registry.h>
+#include <refusals/RefusalTraces.h>
 
 #include <array>
 #include <cstddef>
@@ -128,13 +129,13 @@ private:
     // policing.cpp
     static std::string provenName(IPeer* peer, const std::string& process);
     PermitPtr permitOf(const RequestContext* context) const;
-    Identity identityOf(const Asker& asker) const;
+    access::Identity identityOf(const Asker& asker) const;
     void admit(Asker& asker) const;
     std::string whyMayNotRegister(const Asker& asker, const std::string& path);
     void forbid(const Asker& asker, IResponseHandler<ServiceDef>& handler, const std::string& path,
                 const std::string& why);
     void endIfForbidden(StreamId stream);
-    std::vector<Identity> identitiesOf(const std::string& who, bool mayLookUp) const;
+    std::vector<access::Identity> identitiesOf(const std::string& who, bool mayLookUp) const;
     util::config::Value describeMay(const std::string& path, const std::string& who, const Store::Held* held) const;
 
     // telling.cpp
@@ -172,8 +173,8 @@ private:
     History m_history;
     const std::int64_t m_ownUid;
     Accounts m_accounts;
-    std::shared_ptr<Policy> m_policy;                             ///< never null
-    std::set<std::pair<std::int64_t, std::uint64_t>> m_forbidden; ///< pid and start of those whose 403 was traced
+    std::shared_ptr<Policy> m_policy; ///< never null
+    access::RefusalTraces m_forbidden;
     std::uint64_t m_lastRecord = 0;
     const std::int64_t m_started;
     MirrorProof m_proveMirrored;

@@ -1,24 +1,17 @@
 // What the policy says of those who ask: whether they may register, what they may see, and what becomes of both when
 // it changes.
 
-#include "policy/systemAccounts.h"
 #include "service/RegistryImpl.h"
 #include "service/channel.h"
 
 #include <kesa/Response.h>
 #include <kesa/headers.h>
 #include <obr/visible.h>
+#include <rules/systemAccounts.h>
 
 #include <algorithm>
 
 namespace kesa::registry {
-
-namespace {
-
-/// Of processes whose refusals have been traced.
-constexpr std::size_t MOST_TRACED = 1000;
-
-} // namespace
 
 /// Empty when it has not proven it.
 std::string Registry::Impl::provenName(IPeer* peer, const std::string& process)
@@ -36,7 +29,7 @@ PermitPtr Registry::Impl::permitOf(const RequestContext* context) const
                                m_policy->asksForProcess() ? provenName(context->peer.get(), context->process) : ""});
 }
 
-Identity Registry::Impl::identityOf(const Asker& asker) const
+access::Identity Registry::Impl::identityOf(const Asker& asker) const
 {
     return {asker.uid, asker.gid,
             m_policy->asksForProcess() ? provenName(asker.peer.get(), asker.process) : std::string()};
@@ -56,16 +49,12 @@ std::string Registry::Impl::whyMayNotRegister(const Asker& asker, const std::str
                : m_policy->judge(identityOf(asker), Right::eREGISTER, path).because;
 }
 
-/// Traced once for a process: it may ask again and again.
 void Registry::Impl::forbid(const Asker& asker, IResponseHandler<ServiceDef>& handler, const std::string& path,
                             const std::string& why)
 {
-    if (m_forbidden.size() >= MOST_TRACED) {
-        m_forbidden.clear();
-    }
-    if (m_forbidden.emplace(asker.pid, asker.owner.start).second) {
-        KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: %s; its further refusals are not traced",
-                   obr::glimpse(path).c_str(), obr::glimpse(asker.name()).c_str(), why.c_str());
+    if (const auto end = m_forbidden.pass(asker.uid, asker.pid, asker.owner.start, comm::now())) {
+        KESA_TRACE(CHANNEL, 3, "[registerService] '%s' of %s is refused: %s; its further refusals are not traced%s",
+                   obr::glimpse(path).c_str(), obr::glimpse(asker.name()).c_str(), why.c_str(), end->c_str());
     }
     Response error = Response::createErrorResponse(403, "not allowed to register this service");
     headers::appendReason(error, why);
@@ -79,7 +68,7 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
         for (const auto& [key, asker] : m_askers) {
             admit(*asker);
         }
-        m_forbidden.clear();
+        m_forbidden.forget();
         Watchers::Sights sights;
         std::vector<StreamId> registrations;
         for (const auto& [stream, request] : m_requests) {
@@ -121,12 +110,12 @@ void Registry::Impl::endIfForbidden(StreamId stream)
 }
 
 /// Those that `who` stands for: a number or name of a user, or the name of a process, as it is here now.
-std::vector<Identity> Registry::Impl::identitiesOf(const std::string& who, bool mayLookUp) const
+std::vector<access::Identity> Registry::Impl::identitiesOf(const std::string& who, bool mayLookUp) const
 {
-    std::vector<Identity> identities;
+    std::vector<access::Identity> identities;
     for (const auto& [key, asker] : m_askers) {
         if (asker->process == who && !asker->isOwn()) {
-            const Identity identity{asker->uid, asker->gid, provenName(asker->peer.get(), asker->process)};
+            const access::Identity identity{asker->uid, asker->gid, provenName(asker->peer.get(), asker->process)};
             if (std::find(identities.begin(), identities.end(), identity) == identities.end()) {
                 identities.push_back(identity);
             }
@@ -135,7 +124,7 @@ std::vector<Identity> Registry::Impl::identitiesOf(const std::string& who, bool 
     if (!identities.empty() || !mayLookUp) {
         return identities;
     }
-    const IAccounts& accounts = systemAccounts();
+    const access::IAccounts& accounts = access::systemAccounts();
     if (const auto user = accounts.findUser(who)) {
         return {{*user, accounts.groupOf(*user), {}}};
     }
@@ -149,14 +138,14 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
     const RequestContext* const context = RequestContext::current();
     util::config::Value::Array may;
     const bool isTrusted = context == nullptr || context->uid == 0 || context->uid == m_ownUid;
-    std::vector<Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
+    std::vector<access::Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
     if (!isTrusted) {
-        std::erase_if(identities, [context](const Identity& each) { return each.uid != context->uid; });
+        std::erase_if(identities, [context](const access::Identity& each) { return each.uid != context->uid; });
         if (identities.empty() && (who == std::to_string(context->uid) || who == m_policy->userName(context->uid))) {
             identities = {{context->uid, context->gid, {}}};
         }
     }
-    for (const Identity& identity : identities) {
+    for (const access::Identity& identity : identities) {
         GenericObject object{{"who", m_policy->describe(identity)}};
         for (const Right right : {Right::eREGISTER, Right::eSEE}) {
             const Policy::Verdict verdict =

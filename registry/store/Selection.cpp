@@ -1,8 +1,8 @@
 #include "store/Selection.h"
 
-#include "store/PatternTrie.h"
-#include "store/SplitGlob.h"
 #include "store/footprint.h"
+#include <globs/PatternTrie.h>
+#include <globs/SplitGlob.h>
 
 #include <kesa/serviceregistry/matchesQuery.h>
 
@@ -32,7 +32,7 @@ void append(std::string& key, std::string_view text)
 Selection::Selection(const Query& asked, const PathPatterns& compiled, const Viewer& watchers)
     : query(asked), patterns(compiled), viewer(watchers)
 {
-    const SplitGlob split(query.pattern);
+    const access::SplitGlob split(query.pattern);
     pathPrefix = split.pathPrefix();
     isPath = split.isPath();
 }
@@ -66,12 +66,12 @@ std::size_t Selection::costOfWants(const Query& query)
 
 std::size_t Selection::cost() const
 {
-    return PatternTrie::cost(query.pattern, patterns) + costOfWants(query);
+    return access::PatternTrie::cost(query.pattern, patterns) + costOfWants(query);
 }
 
 std::size_t Selection::memory() const
 {
-    return sizeof(*this) + footprint(query) + pathPrefix.size() + PatternTrie::memory(query.pattern, patterns);
+    return sizeof(*this) + footprint(query) + pathPrefix.size() + access::PatternTrie::memory(query.pattern, patterns);
 }
 
 } // namespace kesa::registry

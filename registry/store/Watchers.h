@@ -1,9 +1,9 @@
 #ifndef KESA_REGISTRY_STORE_WATCHERS_H
 #define KESA_REGISTRY_STORE_WATCHERS_H
 
-#include "store/PatternTrie.h"
 #include "store/Selection.h"
 #include "store/Viewer.h"
+#include <globs/PatternTrie.h>
 
 #include <kesa/PathPatterns.h>
 
@@ -60,7 +60,7 @@ private:
         Selection selection;
         std::map<StreamId, QueryWatch*> queries; ///< that ask for it; never empty
     };
-    using AskedId = PatternTrie::Id;
+    using AskedId = access::PatternTrie::Id;
 
     void eraseTracker(std::unordered_map<StreamId, const std::string*>::iterator tracked);
     void eraseQuery(StreamId stream, AskedId id);
@@ -71,7 +71,7 @@ private:
     std::unordered_map<AskedId, Asked> m_asked;
     std::unordered_map<StreamId, std::pair<AskedId, QueryWatch>> m_queries; ///< refers into `m_asked`
     AskedId m_lastId = 0;
-    PatternTrie m_patterns;
+    access::PatternTrie m_patterns;
     std::vector<AskedId> m_matching; ///< only inside `concerned` and `asking`
 };
 

@@ -1,6 +1,6 @@
 // The compiled policy beside a plain reading of its rules, and what it says of itself.
 #include "policy/Policy.h"
-#include "policy/readRules.h"
+#include "policy/readPolicyRules.h"
 
 #include <util/config/JSONParser.h>
 
@@ -19,7 +19,7 @@ using util::config::Value;
 constexpr std::int64_t OWN = 500;
 
 /// Users 1001 media and 1002 nav, both in the group 29 audio.
-class FewAccounts final : public IAccounts {
+class FewAccounts final : public access::IAccounts {
     std::optional<std::int64_t> findUser(const std::string& name) const override
     {
         if (name == "media" || name == "1001") {
@@ -37,12 +37,12 @@ class FewAccounts final : public IAccounts {
 };
 const FewAccounts ACCOUNTS;
 
-std::vector<Rule> read(const std::string& json, std::vector<std::string>& complaints)
+std::vector<access::Rule> read(const std::string& json, std::vector<std::string>& complaints)
 {
     Value policy;
     EXPECT_FALSE(util::config::JSONParser().parseString(json, policy));
     std::vector<Complaint> found;
-    std::vector<Rule> rules = readRules(policy, {"registry", "policy"}, ACCOUNTS, found);
+    std::vector<access::Rule> rules = readPolicyRules(policy, {"registry", "policy"}, ACCOUNTS, found);
     for (const Complaint& complaint : found) {
         complaints.push_back(util::config::toText(complaint.path) + ": " + complaint.words());
     }
@@ -52,10 +52,10 @@ std::vector<Rule> read(const std::string& json, std::vector<std::string>& compla
 Policy policyOf(const std::string& json)
 {
     std::vector<std::string> complaints;
-    std::vector<Rule> rules = read(json, complaints);
+    std::vector<access::Rule> rules = read(json, complaints);
     EXPECT_THAT(complaints, testing::IsEmpty());
-    for (Rule& rule : rules) {
-        rule.line = 10;
+    for (access::Rule& rule : rules) {
+        rule.place = "kesa.json:10";
     }
     return {OWN, std::move(rules), "kesa.json", ACCOUNTS};
 }
@@ -90,7 +90,7 @@ TEST(PolicyTest, TellsByWhichRuleAndWhatIsMissing)
 {
     Policy policy = policyOf(R"([{"user": "media", "may": ["register", "see"], "paths": ["/media/**"]},
                                  {"group": "audio", "process": "mix*", "may": "see", "paths": "/nav/*"}])");
-    const Identity media{1001, 100, ""};
+    const access::Identity media{1001, 100, ""};
     EXPECT_THAT(policy.judge(media, Right::eREGISTER, "/media/a").because,
                 "rule 1 (kesa.json:10): user media may register and see /media/**");
     EXPECT_THAT(policy.judge(media, Right::eREGISTER, "/nav/a").because,
@@ -136,8 +136,8 @@ TEST(PolicyTest, JudgesAsTheRulesReadOneByOne)
     const std::vector<std::string> globs = {"**", "/a/**", "/a/*", "/a/b", "/{a,b}/c", "/?", "/a*", "/**/c"};
     const std::vector<std::string> rights = {R"(["register"])", R"(["see"])", R"(["see", "register"])"};
     const std::vector<std::string> paths = {"/a", "/a/b", "/a/c", "/b/c", "/b", "/ab", "/a/b/c", "/x/y/c"};
-    const std::vector<Identity> identities = {{1001, 100, ""}, {1001, 29, "mixer"}, {1002, 100, "a"},
-                                              {1003, 29, "b"}, {1003, 100, "mix"},  {-1, -1, ""}};
+    const std::vector<access::Identity> identities = {{1001, 100, ""}, {1001, 29, "mixer"}, {1002, 100, "a"},
+                                                      {1003, 29, "b"}, {1003, 100, "mix"},  {-1, -1, ""}};
     for (int table = 0; table < 300; ++table) {
         std::string json;
         for (std::size_t count = random() % 6; count > 0; --count) {
@@ -146,15 +146,15 @@ TEST(PolicyTest, JudgesAsTheRulesReadOneByOne)
                     "\"may\":" + pick(rights) + ",\"paths\":[\"" + pick(globs) + "\",\"" + pick(globs) + "\"]}";
         }
         std::vector<std::string> complaints;
-        const std::vector<Rule> rules = read("[" + json + "]", complaints);
+        const std::vector<access::Rule> rules = read("[" + json + "]", complaints);
         Policy policy(OWN, rules, "f", ACCOUNTS);
-        for (const Identity& identity : identities) {
+        for (const access::Identity& identity : identities) {
             for (const std::string& path : paths) {
                 for (const Right right : {Right::eREGISTER, Right::eSEE}) {
-                    const bool isAllowed = std::any_of(rules.begin(), rules.end(), [&](const Rule& rule) {
-                        return rule.fits(identity) && rule.lets(right) &&
+                    const bool isAllowed = std::any_of(rules.begin(), rules.end(), [&](const access::Rule& rule) {
+                        return rule.fits(identity) && rule.lets(nameOf(right)) &&
                                std::any_of(rule.paths.begin(), rule.paths.end(),
-                                           [&](const Rule::Glob& glob) { return glob.second.match(path); });
+                                           [&](const access::Rule::Glob& glob) { return glob.second.match(path); });
                     });
                     EXPECT_EQ(policy.judge(identity, right, path).isAllowed, isAllowed)
                         << json << ' ' << path << ' ' << identity.uid << ' ' << identity.process;

@@ -16,6 +16,7 @@
 
 #include <comm/wallClock.h>
 #include <kesa/Path.h>
+#include <kesa/RequestContext.h>
 #include <kesa/errors.h>
 #include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
@@ -33,8 +34,10 @@ using Transports = std::vector<std::shared_ptr<transport::ITransport>>;
 
 class CommBackend final : public IBackend {
 public:
-    CommBackend(std::string process, const CommSettings& settings, TransportFactory transports)
-        : m_settings(settings), m_makeTransports(std::move(transports)), m_process(std::move(process))
+    CommBackend(std::string process, const CommSettings& settings, TransportFactory transports,
+                std::shared_ptr<access::Table> access)
+        : m_settings(settings), m_makeTransports(std::move(transports)), m_process(std::move(process)),
+          m_access(std::move(access))
     {}
     ~CommBackend() override { CommBackend::stop(); }
     CommBackend(const CommBackend&) = delete;
@@ -75,12 +78,16 @@ private:
     const CommSettings m_settings;
     const TransportFactory m_makeTransports;
     const std::string m_process;
+    const std::shared_ptr<access::Table> m_access;
     obr::UUID m_instance;           ///< of the present start, as the next one
     comm::TimeNs m_started = 0;     ///< on the wall clock
     std::shared_ptr<IoLoop> m_loop; ///< null before `start` and after `stop`
     std::optional<Locators> m_locators;
     Transports m_transports; ///< the first one is what `provideOnPath` answers with
-    ProcessService m_ownService{[this] { return describeNow(); }};
+    ProcessService m_ownService{[this] { return describeNow(); },
+                                [this](const util::config::Value& question) {
+                                    return m_services->explainAccess(question, RequestContext::current());
+                                }};
     std::shared_ptr<ServiceTable> m_services;
     std::shared_ptr<ClientTable> m_clients;
     Holds m_holds;              ///< of the loop's
@@ -99,8 +106,8 @@ void CommBackend::start()
         m_transports.push_back(std::move(transport));
     }
     m_locators.emplace(m_settings.routes, m_transports);
-    m_services = std::make_shared<ServiceTable>(m_loop, makeHello(),
-                                                ProvidedService{std::string(ProcessService::PATH), &m_ownService});
+    m_services = std::make_shared<ServiceTable>(
+        m_loop, makeHello(), ProvidedService{std::string(ProcessService::PATH), &m_ownService}, m_access);
     m_clients = std::make_shared<ClientTable>(m_loop, makeHello(), makeOpenLocal());
 }
 
@@ -314,9 +321,9 @@ OpenLocal CommBackend::makeOpenLocal() const
 } // namespace
 
 std::unique_ptr<IBackend> makeCommBackend(const std::string& process, const CommSettings& settings,
-                                          TransportFactory transports)
+                                          TransportFactory transports, std::shared_ptr<access::Table> access)
 {
-    return std::make_unique<CommBackend>(process, settings, std::move(transports));
+    return std::make_unique<CommBackend>(process, settings, std::move(transports), std::move(access));
 }
 
 } // namespace kesa::commadapter

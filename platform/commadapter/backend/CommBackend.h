@@ -7,6 +7,8 @@
 #include <comm/Reactor.h>
 #include <kesa/commadapter/IBackend.h>
 
+#include <gates/Table.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -18,9 +20,10 @@ namespace kesa::commadapter {
 using TransportFactory =
     std::function<std::vector<std::unique_ptr<transport::ITransport>>(std::shared_ptr<comm::Reactor> loop)>;
 
-/// The "comm" backend: services and client objects over transports, with one I/O loop.
+/// The "comm" backend: services and client objects over transports, with one I/O loop. `access` says who may ask what
+/// of the services; null: everybody everything.
 std::unique_ptr<IBackend> makeCommBackend(const std::string& process, const CommSettings& settings,
-                                          TransportFactory transports);
+                                          TransportFactory transports, std::shared_ptr<access::Table> access = nullptr);
 
 } // namespace kesa::commadapter
 

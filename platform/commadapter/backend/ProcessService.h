@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_BACKEND_PROCESSSERVICE_H
 
 #include <kesa/IKesaApi.h>
+#include <util/config/Value.h>
 
 #include <functional>
 #include <memory>
@@ -17,14 +18,20 @@ class ProcessService final : public IKesaApi {
 public:
     static constexpr std::string_view PATH = "/.well-known/process";
 
-    /// `describe` makes the answer; called on the I/O loop.
-    explicit ProcessService(std::function<std::string()> describe);
+    static constexpr std::string_view MAY = "/may"; ///< the resource that says who may ask what
+
+    /// What makes the answers; called on the I/O loop.
+    ProcessService(std::function<std::string()> describe,
+                   std::function<Response(const util::config::Value& question)> explainAccess);
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) override;
     void cancel(void* /*handle*/) override {} // every request has ended inside `request`
 
 private:
+    Response answer(const Request& request) const;
+
     const std::function<std::string()> m_describe;
+    const std::function<Response(const util::config::Value& question)> m_explainAccess;
 };
 
 } // namespace kesa::commadapter

@@ -3,7 +3,7 @@
 #include "transport/IpcTransport.h"
 #include "transport/NameClaim.h"
 #include "transport/RunDirectory.h"
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <kesa/commadapter/checkOwnLocator.h>
 #include <util/config/Complaint.h>
@@ -26,7 +26,7 @@ OwnLocator checkOwnLocator(const std::string& process, const url& locator)
     if (place->destination.endpoint.process != process) {
         return {State::eOTHERS, {}};
     }
-    if (!settings.socketGroup.empty() && !transport::findGroup(settings.socketGroup)) {
+    if (!settings.socketGroup.empty() && !access::findGroup(settings.socketGroup)) {
         return {State::eMISSET, fmt::format("there is no group \"{}\" on this machine, which \"comm\" names as its "
                                             "\"socket_group\"; make the group, or name another one",
                                             util::config::excerpt(settings.socketGroup))};

@@ -4,7 +4,10 @@
 #include "backend/readCommSettings.h"
 #include "transport/IpcTransport.h"
 
+#include <gates/readAccess.h>
 #include <kesa/commadapter/createBackend.h>
+
+#include <unistd.h>
 
 namespace kesa::commadapter {
 
@@ -34,6 +37,18 @@ CommSettings readSettings()
     return settings;
 }
 
+std::shared_ptr<access::Table> readTable()
+{
+    access::ReadAccess read = access::readAccess(::geteuid());
+    for (const std::string& warning : read.warnings) {
+        CHANNEL.log(3, "[createBackend] " + warning);
+    }
+    if (!read.problem.empty()) {
+        CHANNEL.log(4, "[createBackend] the services of this process are closed to other users: " + read.problem);
+    }
+    return std::move(read.table);
+}
+
 } // namespace
 
 std::unique_ptr<IBackend> createBackend(const std::string& process, const std::string& partition)
@@ -42,12 +57,13 @@ std::unique_ptr<IBackend> createBackend(const std::string& process, const std::s
         return replacement()(process, partition);
     }
     const CommSettings settings = readSettings();
-    return makeCommBackend(process, settings, [settings](const std::shared_ptr<comm::Reactor>& loop) {
+    const auto makeTransports = [settings](const std::shared_ptr<comm::Reactor>& loop) {
         std::vector<std::unique_ptr<transport::ITransport>> transports;
         transports.push_back(transport::makeIpcTransport(
             transport::IpcSettings{settings.runDir, settings.socketMode, settings.socketGroup}, loop));
         return transports;
-    });
+    };
+    return makeCommBackend(process, settings, makeTransports, readTable());
 }
 
 void setDefaultMessageLimit(std::uint32_t bytes)

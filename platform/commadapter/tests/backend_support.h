@@ -363,16 +363,21 @@ protected:
         network = std::make_unique<transport::MemoryNetwork>();
         ::tracing::setSink(traces);
     }
+    std::shared_ptr<access::Table> access; ///< of those that are made from now on
+
     std::unique_ptr<IBackend> makeBackend(const std::string& process)
     {
         const std::uint64_t group = ++lastGroup;
         scheduler->setGroup(group);
-        auto backend = makeCommBackend(process, settings, [this, group](std::shared_ptr<comm::Reactor> loop) {
-            lastLoop = loop;
-            std::vector<std::unique_ptr<transport::ITransport>> transports;
-            transports.push_back(network->makeTransport(std::move(loop), group));
-            return transports;
-        });
+        auto backend = makeCommBackend(
+            process, settings,
+            [this, group](std::shared_ptr<comm::Reactor> loop) {
+                lastLoop = loop;
+                std::vector<std::unique_ptr<transport::ITransport>> transports;
+                transports.push_back(network->makeTransport(std::move(loop), group));
+                return transports;
+            },
+            access);
         backend->start();
         return backend;
     }

@@ -12,7 +12,7 @@
 #include "transport/NameLock.h"
 #include "transport/PeerProcess.h"
 #include "transport/RunDirectory.h"
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <comm/processStart.h>
 #include <kesa/processName.h>
@@ -52,12 +52,12 @@ ITransport::Connected forbid(const std::string& path, const struct stat& status)
     const bool isDirectory = S_ISDIR(status.st_mode);
     const bool mayGroup = (status.st_mode & (isDirectory ? S_IXGRP : S_IWGRP)) != 0;
     const char* const advice =
-        mayGroup && isSharedGroup(status.st_uid, status.st_gid) ? "add this user to the group and log in anew"
-        : isDirectory                                           ? "its owner has to let a group of this user use it"
+        mayGroup && access::isSharedGroup(status.st_uid, status.st_gid) ? "add this user to the group and log in anew"
+        : isDirectory ? "its owner has to let a group of this user use it"
                       : R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
     return {nullptr, ITransport::Failure::eFORBIDDEN,
             fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
-                        groupName(status.st_gid), status.st_mode & 07777U, advice)};
+                        access::groupName(status.st_gid), status.st_mode & 07777U, advice)};
 }
 
 Descriptor makeSocket()
@@ -87,7 +87,7 @@ std::string complaintAboutListener(const std::string& path, const struct stat& f
     return fmt::format(
         "the socket \"{}\" is of the user \"{}\", and process {}, which listens on it, of the user \"{}\"; "
         "end that one, and start the one that is meant anew",
-        obr::visible(path), userName(file.st_uid), listener.pid, userName(user));
+        obr::visible(path), access::userName(file.st_uid), listener.pid, access::userName(user));
 }
 
 /// Where each user's files are his own, a name is of the user whose lock file is there, whoever made a socket for it.
@@ -101,12 +101,12 @@ std::string complaintAboutName(const std::string& directory, const std::string& 
         ::lstat(file.c_str(), &lock) != 0 || !S_ISREG(lock.st_mode) || listener.uid == std::int64_t{lock.st_uid}) {
         return {};
     }
-    const std::string owner = userName(lock.st_uid);
+    const std::string owner = access::userName(lock.st_uid);
     return fmt::format("the name \"{}\" is of the user \"{}\", whose lock file is there, and process {}, which listens "
                        "by it, of the user \"{}\"; end that one and remove its socket, or, to give it the name, "
                        "have {} remove \"{}\"",
-                       obr::visible(process), owner, listener.pid, userName(static_cast<uid_t>(listener.uid)), owner,
-                       obr::visible(file));
+                       obr::visible(process), owner, listener.pid, access::userName(static_cast<uid_t>(listener.uid)),
+                       owner, obr::visible(file));
 }
 
 const ::tracing::Channel& channel()

@@ -5,7 +5,7 @@
 #include "transport/Authority.h"
 #include "transport/NameLock.h"
 #include "transport/sweepDrafts.h"
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <obr/explainError.h>
 #include <util/config/Complaint.h>
@@ -36,7 +36,7 @@ std::string adviseOnOccupied(int directory, const std::string& file, int error)
     const bool isForbidden = error == EPERM || error == EACCES;
     return error == EISDIR ? "; remove it"
            : isForbidden && ::fstatat(directory, file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0
-               ? fmt::format("; it is {0}'s: have {0} or root remove it", userName(status.st_uid))
+               ? fmt::format("; it is {0}'s: have {0} or root remove it", access::userName(status.st_uid))
                : "";
 }
 
@@ -157,7 +157,7 @@ bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& sett
         return true;
     }
     if (!settings.socketGroup.empty()) {
-        const auto group = findGroup(settings.socketGroup);
+        const auto group = access::findGroup(settings.socketGroup);
         if (!group) {
             why = fmt::format("there is no group \"{}\"; see \"socket_group\"",
                               util::config::excerpt(settings.socketGroup));

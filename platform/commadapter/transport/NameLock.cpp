@@ -7,7 +7,7 @@
 
 #include "transport/Authority.h"
 #include "transport/fileLocks.h"
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <comm/processStart.h>
 #include <obr/explainError.h>
@@ -210,7 +210,7 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     const bool mayBeHeld = // as by a process of another container, whose socket is there
         S_ISREG(file.st_mode) &&
         ::fstatat(directory, (encodedName + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
-    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", userName(file.st_uid)) : "remove",
+    return fmt::format("{} {}, {}", isKept ? fmt::format("have {} remove", access::userName(file.st_uid)) : "remove",
                        util::shellWord(path),
                        mayBeHeld ? "unless a process in another container holds it" : "which nobody holds");
 }
@@ -304,7 +304,8 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
         return {};
     }
     LockFileProblem problem;
-    const std::string rights = fmt::format("{}'s, mode {:04o}", userName(status.st_uid), status.st_mode & 07777U);
+    const std::string rights =
+        fmt::format("{}'s, mode {:04o}", access::userName(status.st_uid), status.st_mode & 07777U);
     const bool isShared = status.st_gid == folder.st_gid && (status.st_mode & SHARED_MODE) == SHARED_MODE;
     if (const char* const kind = nameWrongKind(status)) {
         problem.text = fmt::format("{} {}", path, kind);

@@ -2,7 +2,7 @@
 
 #include "transport/Authority.h"
 #include "transport/directoryTrust.h"
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <obr/explainError.h>
 #include <obr/visible.h>
@@ -58,8 +58,8 @@ std::string adviseRights(const std::string& directory)
     if (::stat(directory.c_str(), &status) != 0) {
         return "have it made for this user";
     }
-    return (status.st_mode & S_IWGRP) != 0 && isSharedGroup(status.st_uid, status.st_gid)
-               ? fmt::format("add this user to the group \"{}\" and log in anew", groupName(status.st_gid))
+    return (status.st_mode & S_IWGRP) != 0 && access::isSharedGroup(status.st_uid, status.st_gid)
+               ? fmt::format("add this user to the group \"{}\" and log in anew", access::groupName(status.st_gid))
                : "make it writable for this process";
 }
 

@@ -1,6 +1,6 @@
 #include "transport/directoryTrust.h"
 
-#include "transport/usersAndGroups.h"
+#include <rules/usersAndGroups.h>
 
 #include <util/shellWord.h>
 
@@ -14,7 +14,8 @@ namespace {
 
 bool isForOthers(const struct stat& directory)
 {
-    const bool isForGroup = (directory.st_mode & S_IWGRP) != 0 && isSharedGroup(directory.st_uid, directory.st_gid);
+    const bool isForGroup =
+        (directory.st_mode & S_IWGRP) != 0 && access::isSharedGroup(directory.st_uid, directory.st_gid);
     return isForGroup || (directory.st_mode & S_IWOTH) != 0;
 }
 
@@ -22,7 +23,7 @@ bool isForOthers(const struct stat& directory)
 bool isOfStranger(const struct stat& directory)
 {
     const uid_t user = ::geteuid();
-    const bool isTrusted = directory.st_uid == user || !isPerson(directory.st_uid);
+    const bool isTrusted = directory.st_uid == user || !access::isPerson(directory.st_uid);
     return !isTrusted && (user == 0 || (directory.st_mode & S_IWOTH) != 0);
 }
 
@@ -31,7 +32,7 @@ bool isOfStranger(const struct stat& directory)
 DirectoryDistrust findDistrust(const std::string& path, const struct stat& directory)
 {
     const uid_t user = ::geteuid();
-    const std::string owner = userName(directory.st_uid);
+    const std::string owner = access::userName(directory.st_uid);
     if (isOfStranger(directory)) {
         const std::string command = "chown root " + util::shellWord(path);
         return {fmt::format("belongs to {}, who can replace what this process makes there", owner),
@@ -41,7 +42,7 @@ DirectoryDistrust findDistrust(const std::string& path, const struct stat& direc
         const std::string command = "chmod +t " + util::shellWord(path);
         return {fmt::format("lets other users replace what this process makes there: it is {}'s, of the group \"{}\", "
                             "with the mode {:04o}",
-                            owner, groupName(directory.st_gid), directory.st_mode & 07777U),
+                            owner, access::groupName(directory.st_gid), directory.st_mode & 07777U),
                 user == 0 || user == directory.st_uid ? command : fmt::format("have {} do: {}", owner, command)};
     }
     return {};

@@ -4,6 +4,8 @@
 #include "backend/connection/StreamTable.h"
 #include "backend/server/ServiceTable.h"
 
+#include <gates/Gate.h>
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -18,6 +20,8 @@ struct Target {
     std::string path;
     InterestList::iterator interest;
     std::shared_ptr<ProvidedService> service; ///< null while nobody provides the path
+    access::GatePtr gate;                     ///< what the client may ask of it, once that is judged; null: everything
+    bool isJudged = false;
     StreamList open; ///< of `ServedRequests`: the requests to it. With the connection's lock held
 };
 

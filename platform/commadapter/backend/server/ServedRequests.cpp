@@ -109,6 +109,10 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
     m_streams.append(target->open, number);
     const std::uint64_t serial = stream->serial;
     lock.unlock();
+    if (const auto refusal = m_connection.refusal(*target, request)) {
+        finish(number, serial, &*refusal);
+        return;
+    }
     callService(number, serial, service, request);
 }
 

@@ -39,6 +39,10 @@ public:
     using Connection::cutOff;
     /// It asks for no path.
     bool isIdle() const noexcept { return m_interests.isEmpty(); }
+    /// The client is this process.
+    bool isLocal() const noexcept { return m_scheme == "local"; }
+    /// Who it is, once it has said hello.
+    const RequestContext& client() const noexcept { return m_context; }
     /// Whom the kernel says it is of.
     const transport::PeerIdentity& identity() const noexcept { return m_identity; }
 
@@ -56,15 +60,18 @@ private:
     protocol::Output& output() noexcept { return machine().output; }
     /// Loop only, while open.
     comm::TimeNs lastReceived() noexcept { return machine().input.lastReceived(); }
+    /// What to answer to a request that the client may not make; none: it may.
+    std::optional<Response> refusal(Target& target, const Request& request)
+    {
+        Doorkeeper& doorkeeper = m_services->doorkeeper();
+        return !doorkeeper.hasTable() || isLocal() ? std::nullopt : doorkeeper.refusal(target, m_context, request);
+    }
     /// A part that keeps the connection.
     template <class Part>
     std::shared_ptr<Part> share(Part& part)
     {
         return {shared_from_this(), &part};
     }
-    /// The client is this process.
-    bool isLocal() const noexcept { return m_scheme == "local"; }
-
     std::string peerName() const override;
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;

@@ -8,8 +8,10 @@
 
 namespace kesa::commadapter {
 
-ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own)
-    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello)), m_own(std::make_shared<ProvidedService>(own))
+ServiceTable::ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own,
+                           std::shared_ptr<access::Table> table)
+    : m_loop(std::move(loop)), m_makeHello(std::move(makeHello)), m_own(std::make_shared<ProvidedService>(own)),
+      m_doorkeeper(std::move(table))
 {}
 
 ServiceTable::~ServiceTable() = default;
@@ -198,6 +200,18 @@ std::size_t ServiceTable::addPaths(std::vector<std::string>& paths, std::size_t 
     lock.unlock();
     std::sort(paths.begin(), paths.end());
     return count;
+}
+
+Response ServiceTable::explainAccess(const util::config::Value& question, const RequestContext* asker)
+{
+    m_loop->onLoop(__func__);
+    std::vector<const RequestContext*> clients;
+    for (const auto& connection : m_connections) {
+        if (!connection->isLocal()) {
+            clients.push_back(&connection->client());
+        }
+    }
+    return m_doorkeeper.explain(question, asker, clients);
 }
 
 void ServiceTable::remove(const std::shared_ptr<ServerConnection>& connection)

@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_BACKEND_SERVER_SERVICETABLE_H
 
 #include "backend/connection/Connection.h"
+#include "backend/server/Doorkeeper.h"
 
 #include <kesa/IKesaApi.h>
 
@@ -38,8 +39,9 @@ struct ProvidedService {
 class ServiceTable : public std::enable_shared_from_this<ServiceTable> {
 public:
     /// `own` is what is found under its path while the process provides nothing there; it stays until the loop has
-    /// ended.
-    ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own);
+    /// ended. `table` says who may ask what; null: everybody everything.
+    ServiceTable(std::shared_ptr<IoLoop> loop, MakeHello makeHello, const ProvidedService& own,
+                 std::shared_ptr<access::Table> table);
     ~ServiceTable();
 
     /// True when the path is taken. The clients that wait for it are told. Any thread.
@@ -55,6 +57,8 @@ public:
     std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const;
     /// Up to `most` of the paths that the process provides, in order; answers how many it does. Any thread.
     std::size_t addPaths(std::vector<std::string>& paths, std::size_t most) const;
+    /// Who may ask what: see `Doorkeeper`. `asker` null: this process.
+    Response explainAccess(const util::config::Value& question, const RequestContext* asker);
     /// Withdraws everything and ends all connections.
     void stop();
     /// After the loop's end, any thread: drops what a loop that was killed has left.
@@ -66,6 +70,7 @@ public:
     /// Null while nobody provides the path. Any thread.
     std::shared_ptr<ProvidedService> find(const std::string& path) const;
     void remove(const std::shared_ptr<ServerConnection>& connection);
+    Doorkeeper& doorkeeper() noexcept { return m_doorkeeper; }
 
 private:
     std::string whyRefused(const transport::PeerIdentity& peer);
@@ -82,6 +87,7 @@ private:
     /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
     std::unordered_map<std::string, InterestList> m_interests;
     // Loop only.
+    Doorkeeper m_doorkeeper;
     std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came
     std::unordered_map<std::int64_t, std::size_t> m_ofProcess;  ///< how many, by process number
 };

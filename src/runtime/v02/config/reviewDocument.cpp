@@ -167,6 +167,16 @@ void reviewNodes(const ConfigNode& mapping)
     }
 }
 
+/// The backend reads the rules.
+void reviewAccess(const ConfigNode& access)
+{
+    if (access.value().isDefined() && !access.value().isArray()) {
+        access.complain(
+            Severity::eWARNING, access.mismatch("a list of rules") + ": all services are closed to other users",
+            R"(write one such as {"user": "media", "may": ["retrieve"], "paths": ["/media/**"]}, in a list)");
+    }
+}
+
 } // namespace
 
 void reviewDocument(ConfigReport& report)
@@ -177,6 +187,7 @@ void reviewDocument(ConfigReport& report)
     reviewBackends(root["backends"]);
     reviewPaths(root["serializer-formats"], root["bypass"]);
     reviewNodes(root["node_domain_mapping"]);
+    reviewAccess(root["access"]);
     const ConfigNode proxy = root["smartProxy"];
     if (proxy.value().isDefined() && !proxy.value().isDictionary()) {
         proxy.complain(Severity::eWARNING, proxy.mismatch("an object") + ", which counts as an empty one",

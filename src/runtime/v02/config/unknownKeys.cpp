@@ -40,7 +40,7 @@ const KeyGroups& keyGroups()
         {"",
          "the configuration itself",
          {"use_local_registry", "use_registry", "service_registry_locators", "backends", "serializer-formats",
-          "services", "bypass", "smartProxy", "comm", "node_domain_mapping", "registry"}},
+          "services", "bypass", "smartProxy", "comm", "node_domain_mapping", "registry", "access"}},
         // The backend's, which reads them; not those that it refuses wherever they stand.
         {"comm",
          "\"comm\"",

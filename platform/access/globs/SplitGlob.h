@@ -1,14 +1,16 @@
-#ifndef KESA_REGISTRY_STORE_SPLITGLOB_H
-#define KESA_REGISTRY_STORE_SPLITGLOB_H
+#ifndef KESA_ACCESS_GLOBS_SPLITGLOB_H
+#define KESA_ACCESS_GLOBS_SPLITGLOB_H
+
+#include <obr/api.h>
 
 #include <string>
 #include <string_view>
 #include <vector>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 /// A well-formed glob over paths, taken apart where one segment of it stands for one segment of the path.
-struct SplitGlob {
+struct KESA_API SplitGlob {
     explicit SplitGlob(std::string_view glob);
 
     /// Each a name, a glob within the segment, "*" or "**".
@@ -26,6 +28,6 @@ struct SplitGlob {
     bool isPath() const noexcept;
 };
 
-} // namespace kesa::registry
+} // namespace kesa::access
 
 #endif

@@ -1,11 +1,11 @@
-#include "store/PatternTrie.h"
+#include "globs/PatternTrie.h"
 
 #include <kesa/Path.h>
 
 #include <algorithm>
 #include <utility>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 namespace {
 
@@ -240,4 +240,4 @@ std::size_t PatternTrie::memory(const std::string& glob, const PathPatterns& pat
     return bytes;
 }
 
-} // namespace kesa::registry
+} // namespace kesa::access

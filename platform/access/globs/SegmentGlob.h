@@ -1,7 +1,8 @@
-#ifndef KESA_REGISTRY_STORE_SEGMENTGLOB_H
-#define KESA_REGISTRY_STORE_SEGMENTGLOB_H
+#ifndef KESA_ACCESS_GLOBS_SEGMENTGLOB_H
+#define KESA_ACCESS_GLOBS_SEGMENTGLOB_H
 
 #include <kesa/PathPatterns.h>
+#include <obr/api.h>
 
 #include <cstddef>
 #include <optional>
@@ -9,11 +10,11 @@
 #include <string_view>
 #include <vector>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 /// A segment of a glob that has wildcards, compiled. Most are text with a '*' or two: those are compared piece by
 /// piece, which takes a small part of what running a program takes.
-class SegmentGlob {
+class KESA_API SegmentGlob {
 public:
     /// A segment of a well-formed glob, as `SplitGlob` has them.
     explicit SegmentGlob(const std::string& segment);
@@ -31,6 +32,6 @@ private:
     std::optional<PathPatterns> m_patterns; ///< the program
 };
 
-} // namespace kesa::registry
+} // namespace kesa::access
 
 #endif

@@ -1,8 +1,8 @@
-#include "store/SplitGlob.h"
+#include "globs/SplitGlob.h"
 
 #include <algorithm>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 namespace {
 
@@ -140,4 +140,4 @@ bool SplitGlob::isPath() const noexcept
     return !hasRest && std::all_of(segments.begin(), segments.end(), isName);
 }
 
-} // namespace kesa::registry
+} // namespace kesa::access

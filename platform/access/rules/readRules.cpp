@@ -1,4 +1,4 @@
-#include "policy/readRules.h"
+#include "rules/readRules.h"
 
 #include <obr/ErrorStorage.h>
 #include <util/nearestName.h>
@@ -7,7 +7,7 @@
 
 #include <algorithm>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 using util::config::Complaint;
 using util::config::described;
@@ -19,38 +19,66 @@ namespace {
 
 using Severity = Complaint::Severity;
 
-constexpr const char* GOOD_RULE =
-    R"(write one such as {"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})";
-constexpr std::array<std::string_view, 5> KEYS = {"user", "group", "process", "may", "paths"};
+/// "a, b and c".
+std::string inWords(const std::vector<std::string>& texts, const char* last = " and ")
+{
+    const std::size_t count = texts.size();
+    std::string words;
+    for (std::size_t i = 0; i < count; ++i) {
+        words.append(i == 0 ? "" : i + 1 == count ? last : ", ").append(texts[i]);
+    }
+    return words;
+}
+
+std::vector<std::string> quoted(const std::vector<std::string_view>& names)
+{
+    std::vector<std::string> texts;
+    for (const std::string_view name : names) {
+        texts.push_back(fmt::format("\"{}\"", name));
+    }
+    return texts;
+}
 
 /// Reads one rule after the other. What is wrong is complained of where it stands.
 class RuleReader {
 public:
-    RuleReader(const IAccounts& accounts, std::vector<Complaint>& complaints)
-        : m_accounts(accounts), m_complaints(complaints)
-    {}
+    RuleReader(const RuleForm& form, const IAccounts& accounts, std::vector<Complaint>& complaints)
+        : m_form(form), m_accounts(accounts), m_complaints(complaints), m_keys({"user", "group"})
+    {
+        if (form.hasProcesses) {
+            m_keys.emplace_back("process");
+        }
+        m_keys.emplace_back("may");
+        if (form.hasPaths) {
+            m_keys.emplace_back("paths");
+        }
+        if (form.hasResources) {
+            m_keys.emplace_back("resources");
+        }
+    }
 
     Rule read(const Value& value, const DocumentPath& place)
     {
         m_place = &place;
         Rule rule;
         if (!value.isDictionary()) {
-            complain({}, fmt::format("expected a rule, an object, found {}", described(value)), GOOD_RULE);
+            complain({}, fmt::format("expected a rule, an object, found {}", described(value)),
+                     "write one such as " + m_form.example);
             return rule;
         }
         complainOfUnknown(value);
         readUsers(value, rule);
         readGroups(value, rule);
-        readProcesses(value, rule);
-        readRights(value, rule);
-        readPaths(value, rule);
+        if (m_form.hasProcesses) {
+            readProcesses(value, rule);
+        }
+        rule.what = "may " + readActions(value, rule);
+        readPlaces(value, rule);
         rule.who = rule.who.empty() ? "anybody" : rule.who;
         return rule;
     }
 
 private:
-    using Step = std::variant<std::string, std::size_t>;
-
     void complain(DocumentPath below, std::string text, std::string advice, Severity severity = Severity::eERROR)
     {
         below.insert(below.begin(), m_place->begin(), m_place->end());
@@ -60,11 +88,11 @@ private:
     void complainOfUnknown(const Value& value)
     {
         for (const auto& [key, member] : value) {
-            if (std::find(KEYS.begin(), KEYS.end(), key) == KEYS.end()) {
-                const std::string_view meant = util::nearestName(key, {KEYS.begin(), KEYS.end()});
+            if (std::find(m_keys.begin(), m_keys.end(), key) == m_keys.end()) {
+                const std::string_view meant = util::nearestName(key, m_keys);
                 complain({std::string(util::config::shortenedKey(key))},
                          fmt::format("unknown key '{}' of a rule", util::config::shortenedKey(key)),
-                         meant.empty() ? R"(a rule has "user", "group", "process", "may" and "paths")"
+                         meant.empty() ? "a rule has " + inWords(quoted(m_keys))
                                        : fmt::format("did you mean '{}'?", meant));
             }
         }
@@ -166,44 +194,75 @@ private:
         addWho(rule, "process", names);
     }
 
-    void readRights(const Value& value, Rule& rule)
+    /// Answers them in words.
+    std::string readActions(const Value& value, Rule& rule)
     {
-        const bool isThere = readTexts(
-            value, "may", false, R"(write a list of "register" and "see")",
-            [&](const std::string& name, const DocumentPath& where) {
-                const auto found = std::find(RIGHT_NAMES.begin(), RIGHT_NAMES.end(), name);
-                if (found == RIGHT_NAMES.end()) {
-                    const std::string_view meant = util::nearestName(name, {RIGHT_NAMES.begin(), RIGHT_NAMES.end()});
-                    complain(where, fmt::format("unknown right \"{}\"", excerpt(name)),
-                             meant.empty() ? R"(known are "register" and "see")"
-                                           : fmt::format("did you mean \"{}\"?", meant));
-                    return;
-                }
-                rule.may[static_cast<std::size_t>(found - RIGHT_NAMES.begin())] = true;
-                rule.what.append(rule.what.empty() ? "may " : " and ").append(name);
-            });
+        const std::string known = inWords(quoted(m_form.actions));
+        const std::string all = m_form.mayBeOther ? R"(, or "*" for all)" : "";
+        std::vector<std::string> names;
+        const bool isThere = readTexts(value, "may", false, fmt::format("write a list of {}{}", known, all).c_str(),
+                                       [&](const std::string& name, const DocumentPath& where) {
+                                           if (isAction(name, where, known)) {
+                                               rule.may.insert(name);
+                                               names.push_back(name);
+                                           }
+                                       });
         if (!isThere) {
+            const std::string some = inWords(quoted({m_form.actions[0], m_form.actions[1]}), ", ");
             complain({}, "the rule does not say what is allowed",
-                     R"(write "may": ["register", "see"], or one of them)");
+                     fmt::format("write \"may\": [{}], or one of them{}", some, all));
+        }
+        return rule.may.count(Rule::ANYTHING) > 0 ? "do anything" : inWords(names);
+    }
+
+    bool isAction(const std::string& name, const DocumentPath& where, const std::string& known)
+    {
+        const bool isKnown = std::find(m_form.actions.begin(), m_form.actions.end(), name) != m_form.actions.end();
+        if (isKnown || (m_form.mayBeOther && name == Rule::ANYTHING)) {
+            return true;
+        }
+        const std::string_view meant = util::nearestName(name, m_form.actions);
+        if (m_form.mayBeOther && meant.empty()) {
+            return true; // a command of the service's own
+        }
+        complain(where, fmt::format("unknown {} \"{}\"", m_form.action, excerpt(name)),
+                 meant.empty() ? "known are " + known : fmt::format("did you mean \"{}\"?", meant));
+        return false;
+    }
+
+    void readPlaces(const Value& value, Rule& rule)
+    {
+        if (m_form.hasPaths && !readGlobs(value, "paths", R"(write a list of globs such as ["/media/**"])",
+                                          "path of a service", rule.paths)) {
+            complain({}, "the rule does not say for which paths", R"(write "paths": ["**"] for all)");
+        }
+        if (m_form.hasResources) {
+            readGlobs(value, "resources", R"(write a list of globs such as ["/volume"])", "resource", rule.resources);
+        }
+        for (const std::vector<Rule::Glob>* const globs : {&rule.resources, &rule.paths}) {
+            if (!globs->empty()) {
+                const bool isSecond = globs == &rule.paths && m_form.hasResources;
+                rule.what.append(!isSecond ? " " : rule.resources.empty() ? " at " : " of ");
+                std::vector<std::string> texts;
+                for (const auto& [glob, patterns] : *globs) {
+                    texts.push_back(glob);
+                }
+                rule.what.append(inWords(texts, ", "));
+            }
         }
     }
 
-    void readPaths(const Value& value, Rule& rule)
+    bool readGlobs(const Value& value, const char* key, const char* advice, const char* what,
+                   std::vector<Rule::Glob>& globs)
     {
-        const bool isThere =
-            readTexts(value, "paths", false, R"(write a list of globs such as ["/media/**"])",
-                      [&](const std::string& glob, const DocumentPath& where) {
-                          if (glob.front() != '/' && glob != "**") {
-                              complain(where, fmt::format("\"{}\" fits no path of a service", excerpt(glob)),
-                                       "begin it with '/', or write \"**\" for all");
-                              return;
-                          }
-                          addGlob(glob, where, rule.paths);
-                          rule.what.append(rule.paths.size() > 1 ? ", " : " ").append(glob);
-                      });
-        if (!isThere) {
-            complain({}, "the rule does not say for which paths", R"(write "paths": ["**"] for all)");
-        }
+        return readTexts(value, key, false, advice, [&](const std::string& glob, const DocumentPath& where) {
+            if (glob.front() != '/' && glob != "**") {
+                complain(where, fmt::format("\"{}\" fits no {}", excerpt(glob), what),
+                         "begin it with '/', or write \"**\" for all");
+                return;
+            }
+            addGlob(glob, where, globs);
+        });
     }
 
     void addGlob(const std::string& glob, const DocumentPath& where, std::vector<Rule::Glob>& globs)
@@ -216,53 +275,35 @@ private:
                  "docs/protocol_registry.md says what a glob is");
     }
 
+    const RuleForm& m_form;
     const IAccounts& m_accounts;
     std::vector<Complaint>& m_complaints;
+    std::vector<std::string_view> m_keys;
     const DocumentPath* m_place = nullptr;
 };
 
-/// A table that lets nobody do the one or the other is rarely meant.
-void complainOfMissingRights(const std::vector<Rule>& rules, const DocumentPath& place,
-                             std::vector<Complaint>& complaints)
-{
-    for (const Right right : {Right::eREGISTER, Right::eSEE}) {
-        if (std::none_of(rules.begin(), rules.end(), [right](const Rule& rule) { return rule.lets(right); })) {
-            complaints.push_back(
-                {Severity::eWARNING, place,
-                 right == Right::eREGISTER
-                     ? "no rule lets anybody register: only root and the registry's own user can"
-                     : "no rule lets anybody see what other users provide: only root and the registry's own user can",
-                 fmt::format("write a rule with \"{}\", unless that is meant", nameOf(right))});
-        }
-    }
-}
-
 } // namespace
 
-std::vector<Rule> readRules(const Value& policy, const DocumentPath& place, const IAccounts& accounts,
-                            std::vector<Complaint>& complaints)
+std::vector<Rule> readRules(const Value& list, const DocumentPath& place, const RuleForm& form,
+                            const IAccounts& accounts, std::vector<Complaint>& complaints)
 {
     std::vector<Rule> rules;
-    if (!policy.isDefined()) {
+    if (!list.isDefined()) {
         return rules;
     }
-    if (!policy.isArray()) {
+    if (!list.isArray()) {
         complaints.push_back({Severity::eERROR, place,
-                              fmt::format("expected a list of rules, found {}", described(policy)),
-                              fmt::format("{}, in a list", GOOD_RULE)});
+                              fmt::format("expected a list of rules, found {}", described(list)),
+                              fmt::format("write one such as {}, in a list", form.example)});
         return rules;
     }
-    RuleReader reader(accounts, complaints);
-    const std::size_t before = complaints.size();
-    for (std::size_t i = 0; i < policy.arraySize(); ++i) {
+    RuleReader reader(form, accounts, complaints);
+    for (std::size_t i = 0; i < list.arraySize(); ++i) {
         DocumentPath element = place;
         element.emplace_back(i);
-        rules.push_back(reader.read(policy[i], element));
-    }
-    if (complaints.size() == before) {
-        complainOfMissingRights(rules, place, complaints);
+        rules.push_back(reader.read(list[i], element));
     }
     return rules;
 }
 
-} // namespace kesa::registry
+} // namespace kesa::access

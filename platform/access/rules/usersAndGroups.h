@@ -1,5 +1,5 @@
-#ifndef KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
-#define KESA_COMMADAPTER_TRANSPORT_USERSANDGROUPS_H
+#ifndef KESA_ACCESS_RULES_USERSANDGROUPS_H
+#define KESA_ACCESS_RULES_USERSANDGROUPS_H
 
 #include <obr/api.h>
 
@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace kesa::commadapter::transport {
+namespace kesa::access {
 
 // Any thread.
 
@@ -17,7 +17,7 @@ namespace kesa::commadapter::transport {
 KESA_API std::string userName(uid_t user);
 
 /// The same of a group.
-std::string groupName(gid_t group);
+KESA_API std::string groupName(gid_t group);
 
 /// The number of a group, given by its name or as a number; none when there is no such group.
 KESA_API std::optional<gid_t> findGroup(const std::string& name);
@@ -32,11 +32,11 @@ KESA_API std::vector<uid_t> membersOf(gid_t group);
 KESA_API std::optional<gid_t> groupOf(uid_t user);
 
 /// Whether a user is a person, not root or an account of a service.
-bool isPerson(uid_t user);
+KESA_API bool isPerson(uid_t user);
 
 /// Whether a file's group is one that users may join: neither root's nor a person's own.
-bool isSharedGroup(uid_t owner, gid_t group);
+KESA_API bool isSharedGroup(uid_t owner, gid_t group);
 
-} // namespace kesa::commadapter::transport
+} // namespace kesa::access
 
 #endif

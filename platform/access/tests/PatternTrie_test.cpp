@@ -1,5 +1,5 @@
 // The trie finds exactly the globs that match, whatever was inserted and erased before, and nothing is left of them.
-#include "store/PatternTrie.h"
+#include "globs/PatternTrie.h"
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@
 namespace {
 
 using kesa::PathPatterns;
-using kesa::registry::PatternTrie;
-using kesa::registry::SplitGlob;
+using kesa::access::PatternTrie;
+using kesa::access::SplitGlob;
 
 TEST(PatternTrie, AgreesWithPathPatterns)
 {

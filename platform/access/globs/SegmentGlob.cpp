@@ -1,8 +1,8 @@
-#include "store/SegmentGlob.h"
+#include "globs/SegmentGlob.h"
 
 #include <algorithm>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 namespace {
 
@@ -73,4 +73,4 @@ std::size_t SegmentGlob::memory() const noexcept
     return bytes;
 }
 
-} // namespace kesa::registry
+} // namespace kesa::access

@@ -1,10 +1,11 @@
-#ifndef KESA_REGISTRY_STORE_PATTERNTRIE_H
-#define KESA_REGISTRY_STORE_PATTERNTRIE_H
+#ifndef KESA_ACCESS_GLOBS_PATTERNTRIE_H
+#define KESA_ACCESS_GLOBS_PATTERNTRIE_H
 
-#include "store/SegmentGlob.h"
-#include "store/SplitGlob.h"
+#include "globs/SegmentGlob.h"
+#include "globs/SplitGlob.h"
 
 #include <kesa/PathPatterns.h>
+#include <obr/api.h>
 
 #include <cstddef>
 #include <cstdint>
@@ -18,12 +19,12 @@
 #include <unordered_map>
 #include <vector>
 
-namespace kesa::registry {
+namespace kesa::access {
 
 /// Which of many globs match a path. Globs that begin alike share the nodes of their segments, so a path meets only
 /// those that agree with it so far. All nodes that a part of the path can lead to are followed at once, each once per
 /// segment: "**" never backtracks. What globs have in common is looked at once, however many they are.
-class PatternTrie {
+class KESA_API PatternTrie {
 public:
     using Id = std::uint64_t;
 
@@ -87,6 +88,6 @@ private:
     std::size_t m_steps = 0;      ///< of this match
 };
 
-} // namespace kesa::registry
+} // namespace kesa::access
 
 #endif

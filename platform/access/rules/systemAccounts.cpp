@@ -1,33 +1,31 @@
-#include "policy/systemAccounts.h"
+#include "rules/systemAccounts.h"
 
-#include <transport/usersAndGroups.h>
+#include "rules/usersAndGroups.h"
 
-namespace kesa::registry {
+namespace kesa::access {
 
 namespace {
-
-namespace machine = commadapter::transport;
 
 class SystemAccounts final : public IAccounts {
     std::optional<std::int64_t> findUser(const std::string& nameOrNumber) const override
     {
-        return machine::findUser(nameOrNumber);
+        return access::findUser(nameOrNumber);
     }
     std::optional<std::int64_t> findGroup(const std::string& nameOrNumber) const override
     {
-        return machine::findGroup(nameOrNumber);
+        return access::findGroup(nameOrNumber);
     }
     std::vector<std::int64_t> membersOf(std::int64_t group) const override
     {
-        const auto members = machine::membersOf(static_cast<gid_t>(group));
+        const auto members = access::membersOf(static_cast<gid_t>(group));
         return {members.begin(), members.end()};
     }
     std::int64_t groupOf(std::int64_t user) const override
     {
-        const auto group = machine::groupOf(static_cast<uid_t>(user));
+        const auto group = access::groupOf(static_cast<uid_t>(user));
         return group ? static_cast<std::int64_t>(*group) : -1;
     }
-    std::string userName(std::int64_t user) const override { return machine::userName(static_cast<uid_t>(user)); }
+    std::string userName(std::int64_t user) const override { return access::userName(static_cast<uid_t>(user)); }
 };
 
 } // namespace
@@ -38,4 +36,4 @@ const IAccounts& systemAccounts()
     return accounts;
 }
 
-} // namespace kesa::registry
+} // namespace kesa::access

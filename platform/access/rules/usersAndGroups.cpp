@@ -1,4 +1,4 @@
-#include "transport/usersAndGroups.h"
+#include "rules/usersAndGroups.h"
 
 #include <grp.h>
 #include <pwd.h>
@@ -9,7 +9,7 @@
 #include <system_error>
 #include <vector>
 
-namespace kesa::commadapter::transport {
+namespace kesa::access {
 
 namespace {
 
@@ -107,4 +107,4 @@ bool isSharedGroup(uid_t owner, gid_t group)
     return group != 0 && (group != owner || !isPerson(owner));
 }
 
-} // namespace kesa::commadapter::transport
+} // namespace kesa::access

@@ -1,0 +1,156 @@
+#include "gates/Table.h"
+
+#include <obr/visible.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+
+namespace kesa::access {
+
+namespace {
+
+constexpr std::array<std::string_view, 2> ALWAYS_OPEN = {"/registry", "/.well-known/process"};
+
+/// Of services, and of identities with one.
+constexpr std::size_t MOST_KNOWN = 4096;
+
+bool isAlwaysOpen(const std::string& service)
+{
+    return std::find(ALWAYS_OPEN.begin(), ALWAYS_OPEN.end(), service) != ALWAYS_OPEN.end();
+}
+
+bool matchesAny(const std::vector<Rule::Glob>& globs, const std::string& path)
+{
+    return std::any_of(globs.begin(), globs.end(), [&path](const Rule::Glob& glob) { return glob.second.match(path); });
+}
+
+} // namespace
+
+Table::Table(std::int64_t ownUid, std::vector<Rule> rules, std::string name, const IAccounts& accounts)
+    : m_ownUid(ownUid), m_rules(std::move(rules)), m_name(std::move(name)), m_names(&accounts)
+{
+    for (const Rule& rule : m_rules) {
+        m_asksForProcess = m_asksForProcess || rule.processes.has_value();
+    }
+}
+
+Table::Table(std::int64_t ownUid, std::string problem, const IAccounts& accounts)
+    : m_ownUid(ownUid), m_problem(std::move(problem)), m_names(&accounts)
+{}
+
+bool Table::isTrusted(const Identity& identity) const noexcept
+{
+    return identity.uid == 0 || (identity.uid >= 0 && identity.uid == m_ownUid);
+}
+
+const Table::Numbers& Table::rulesFor(const std::string& service)
+{
+    if (m_ofServices.size() >= MOST_KNOWN) {
+        m_ofServices.clear();
+    }
+    const auto [known, isNew] = m_ofServices.try_emplace(service);
+    for (std::size_t i = 0; isNew && i < m_rules.size(); ++i) {
+        if (m_rules[i].paths.empty() || matchesAny(m_rules[i].paths, service)) {
+            known->second.push_back(i);
+        }
+    }
+    return known->second;
+}
+
+Table::Numbers Table::ofThose(const Numbers& numbers, const Identity& identity) const
+{
+    Numbers fitting;
+    std::copy_if(numbers.begin(), numbers.end(), std::back_inserter(fitting),
+                 [&](std::size_t number) { return m_rules[number].fits(identity); });
+    return fitting;
+}
+
+Table::Known& Table::know(const Identity& identity, const std::string& service)
+{
+    if (m_known.size() >= MOST_KNOWN) { // they are found again
+        m_known.clear();
+        std::erase_if(m_gates, [](const auto& each) { return each.second.expired(); });
+    }
+    const auto [known, isNew] = m_known.try_emplace({identity, service});
+    if (isNew) {
+        const Numbers fitting = ofThose(rulesFor(service), identity);
+        std::weak_ptr<Gate>& shared = m_gates[fitting];
+        known->second.gate = shared.lock();
+        if (!known->second.gate) {
+            known->second.gate = std::make_shared<Gate>(m_rules, fitting);
+            shared = known->second.gate;
+        }
+    }
+    return known->second;
+}
+
+GatePtr Table::gateOf(const Identity& identity, const std::string& service)
+{
+    if (isTrusted(identity) || isAlwaysOpen(service) || (m_problem.empty() && rulesFor(service).empty())) {
+        return nullptr;
+    }
+    return know(identity, service).gate;
+}
+
+std::string Table::whyRefused(const Identity& identity, const Question& question)
+{
+    if (!m_problem.empty()) {
+        return fmt::format("only root and the process's own user may ask, until this is mended: {}", m_problem);
+    }
+    Known& known = know(identity, question.service);
+    if (known.who.empty()) {
+        const Numbers& all = rulesFor(question.service);
+        const Numbers fitting = ofThose(all, identity);
+        const Numbers& named = fitting.empty() ? all : fitting;
+        known.isProcessAsked = std::any_of(
+            all.begin(), all.end(), [this](std::size_t number) { return m_rules[number].processes.has_value(); });
+        known.who = m_names.describe(identity);
+        known.others = fmt::format("{} {} for {}", placesOf(m_rules, named), named.size() == 1 ? "is" : "are",
+                                   fitting.empty() ? "others" : "other commands or resources");
+    }
+    std::string what = obr::glimpse(question.command);
+    if (question.resource) {
+        what.append(fmt::format(" \"{}\"{}", obr::glimpse(*question.resource), question.service.empty() ? "" : " of"));
+    }
+    if (!question.service.empty()) {
+        what.append(fmt::format(" \"{}\"", obr::glimpse(question.service)));
+    }
+    const bool isUnproven = known.isProcessAsked && identity.process.empty() && !question.claimedName.empty();
+    return fmt::format(
+        "no rule of {} lets {} {}: {}{}", m_name, known.who, what, known.others,
+        isUnproven ? fmt::format("; that it is process {} is not proven", obr::glimpse(question.claimedName)) : "");
+}
+
+Table::Verdict Table::judge(const Identity& identity, const Question& question)
+{
+    if (isTrusted(identity)) {
+        return {true, "root and the process's own user may everything"};
+    }
+    if (isAlwaysOpen(question.service)) {
+        return {true, "everybody may: by this service processes find each other"};
+    }
+    if (!m_problem.empty()) {
+        return {false, whyRefused(identity, question)};
+    }
+    const Numbers& numbers = rulesFor(question.service);
+    if (numbers.empty()) {
+        return {true, fmt::format("no rule of {} is for this service: it is open to all", m_name)};
+    }
+    const std::string resource = question.resource ? resourcePath(*question.resource) : std::string();
+    const auto found = std::find_if(numbers.begin(), numbers.end(), [&](std::size_t number) {
+        const Rule& rule = m_rules[number];
+        return rule.fits(identity) && rule.lets(question.command) &&
+               (!question.resource || rule.resources.empty() ||
+                (!resource.empty() && matchesAny(rule.resources, resource)));
+    });
+    if (found == numbers.end()) {
+        return {false, whyRefused(identity, question)};
+    }
+    return {true, fmt::format("{}: {} {}", placeOf(m_rules, *found), m_rules[*found].who, m_rules[*found].what)};
+}
+
+} // namespace kesa::access

@@ -1,0 +1,92 @@
+#include "rules/readDocumentRules.h"
+
+#include <obr/ErrorStorage.h>
+#include <util/config/JsonPositions.h>
+#include <util/config/Provider.h>
+
+#include <fmt/format.h>
+
+#include <fstream>
+#include <iterator>
+#include <utility>
+
+namespace kesa::access {
+
+using util::config::Complaint;
+using util::config::DocumentPath;
+using util::config::JsonPositions;
+using util::config::Provider;
+using util::config::Value;
+
+namespace {
+
+// As every process finds its document.
+constexpr const char* DOCUMENT_NAME = "kesa";
+constexpr const char* DOCUMENT_PATH = "./config";
+
+std::string textOf(const std::string& file)
+{
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// Answers the first error.
+std::string sort(std::vector<Complaint> complaints, const std::string& file, const JsonPositions& positions,
+                 std::vector<std::string>& warnings)
+{
+    std::string error;
+    for (Complaint& complaint : complaints) {
+        const auto [line, column] = positions.find(complaint.path);
+        complaint.line = line;
+        complaint.column = column;
+        if (complaint.severity == Complaint::Severity::eWARNING) {
+            warnings.push_back(complaint.sentence(file));
+        } else if (complaint.severity == Complaint::Severity::eERROR && error.empty()) {
+            error = complaint.sentence(file);
+        }
+    }
+    return error;
+}
+
+} // namespace
+
+DocumentRules readDocumentRules(const DocumentPath& place, const RulesReader& read)
+{
+    DocumentRules found;
+    if (!Provider::isConfigured(DOCUMENT_NAME, DOCUMENT_PATH)) {
+        return found;
+    }
+    const Provider provider(DOCUMENT_NAME, DOCUMENT_PATH, 0, util::config::LoadStrategy::eFIRST_FOUND);
+    found.file = provider.file();
+    if (provider.hasFailed()) {
+        found.problem = obr::ErrorStorage::takeReason();
+        return found;
+    }
+    const bool isMember = provider.first().isDefined();
+    DocumentPath whole = isMember ? DocumentPath{DOCUMENT_NAME} : DocumentPath{};
+    Value list = isMember ? provider.first() : provider.second();
+    for (const auto& step : place) {
+        list = Value(list[std::get<std::string>(step).c_str()]);
+        whole.push_back(step);
+    }
+    if (!list.isDefined()) {
+        return found;
+    }
+    std::vector<Complaint> complaints;
+    std::vector<Rule> rules = read(list, whole, complaints);
+    const JsonPositions positions(textOf(found.file));
+    found.problem = sort(std::move(complaints), found.file, positions, found.warnings);
+    if (!found.problem.empty()) {
+        return found;
+    }
+    for (std::size_t i = 0; i < rules.size(); ++i) {
+        DocumentPath element = whole;
+        element.emplace_back(i);
+        const int line = positions.find(element).line;
+        rules[i].place = line > 0 ? fmt::format("{}:{}", found.file, line) : found.file;
+    }
+    found.rules = std::move(rules);
+    return found;
+}
+
+} // namespace kesa::access
