@@ -1,5 +1,5 @@
-// may: whether somebody may register or see a service, by the policy that the registry has, or call it, by the rules of
-// the process that provides it. Nothing is tried.
+// may: whether somebody may register or see a service, by the policy that the registry has, or call it, by the rules in
+// the document of the process that provides it and in the service's code. Nothing is tried.
 #include "Answers.h"
 #include "Failure.h"
 #include "ServiceConnection.h"
@@ -13,6 +13,8 @@
 #include <CLI/CLI.hpp>
 #include <backend/ProcessService.h>
 #include <common/RegistryPlace.h>
+#include <gates/serviceRules.h>
+#include <kesa/commands.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/reasonOf.h>
@@ -43,14 +45,17 @@ struct MayArguments {
     CommonOptions common;
 };
 
-/// What is answered to the only question of a connection.
-kesa::Response askOnce(const ServiceConnection::Client& client, kesa::Request request, const std::string& whom,
-                       comm::TimeNs deadline)
+/// What comes first to the only question of a connection.
+Answers::Answer askOnce(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline)
 {
     kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
-    Answers answers(client, request);
-    const Answers::Answer answer = answers.next(deadline);
+    return Answers(client, request).next(deadline);
+}
+
+/// The answer, without which there is nothing to say.
+kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom)
+{
     if (answer.kind == Answers::Kind::eTIMED_OUT) {
         throw Failure{ExitCode::eTIMED_OUT, whom + " has not answered in time"};
     }
@@ -81,8 +86,9 @@ Value askRegistry(const MayArguments& arguments)
                       fmt::format("the registry at {}: {}; {}", registry.toString(), why.text, why.advice)};
     }
     const std::string who = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who));
-    const kesa::Response response = askOnce(
-        client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), "the registry", deadline);
+    const kesa::Response response =
+        valueOf(askOnce(client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), deadline),
+                "the registry");
     Value explanation;
     if (const std::string fault = readExplanation(response, explanation); !fault.empty()) {
         throw Failure{ExitCode::eFAILED, explainFault(registry, fault).text};
@@ -100,13 +106,10 @@ Value askRegistry(const MayArguments& arguments)
     return Value(std::move(verdicts));
 }
 
-/// What the process that provides the service says of it.
-Value askProvider(const MayArguments& arguments)
+/// What the process that provides the service says, by its document.
+Value askProcess(const MayArguments& arguments, const ServiceDef& service, comm::TimeNs deadline)
 {
     using kesa::commadapter::ProcessService;
-    const System system;
-    const comm::TimeNs deadline = arguments.common.deadline();
-    const ServiceDef service = findService(system, arguments.path, deadline);
     std::vector<kesa::url> locators;
     for (const kesa::url& locator : service.locators) {
         locators.emplace_back(fmt::format("{}://{}{}", locator.scheme(), locator.authority(), ProcessService::PATH));
@@ -117,10 +120,12 @@ Value askProvider(const MayArguments& arguments)
     if (!arguments.resource.empty()) {
         question.set("resource", arguments.resource);
     }
-    const kesa::Response response = askOnce(
-        connection.client(deadline),
-        kesa::Request("retrieve", std::string(ProcessService::MAY), jsonPayload(Value(std::move(question)).toText())),
-        "the process that provides it", deadline);
+    const kesa::Response response =
+        valueOf(askOnce(connection.client(deadline),
+                        kesa::Request(kesa::commands::RETRIEVE, std::string(ProcessService::MAY),
+                                      jsonPayload(Value(std::move(question)).toText())),
+                        deadline),
+                "the process that provides it");
     Value verdicts;
     if (util::config::JSONParser().parseString(std::string(response.getPayload().text()), verdicts) ||
         !verdicts.isArray()) {
@@ -128,6 +133,70 @@ Value askProvider(const MayArguments& arguments)
         throw Failure{ExitCode::eFAILED, "the process that provides it answers what is no list"};
     }
     return verdicts;
+}
+
+/// What the service itself says of one whom the document of its process lets in, by the rules of its code.
+void askService(const MayArguments& arguments, ServiceConnection& service, util::config::Dictionary& verdict,
+                comm::TimeNs deadline)
+{
+    util::config::Dictionary question{
+        {"uid", Value(verdict)["uid"]}, {"gid", Value(verdict)["gid"]}, {"command", arguments.command}};
+    if (!arguments.resource.empty()) {
+        question.set("resource", arguments.resource);
+    }
+    const Answers::Answer answer =
+        askOnce(service.client(deadline),
+                kesa::Request(kesa::commands::RETRIEVE, std::string(kesa::access::SERVICE_RULES),
+                              jsonPayload(Value(std::move(question)).toText())),
+                deadline);
+    const std::string byDocument = Value(verdict)["because"].toText();
+    if (answer.kind == Answers::Kind::eTIMED_OUT) {
+        verdict.set("because", byDocument + "; the service has not said in time whether it has rules of its own");
+        return;
+    }
+    Value own;
+    const bool isTold = answer.kind == Answers::Kind::eVALUE &&
+                        !util::config::JSONParser().parseString(answer.response.getPayload().text(), own);
+    obr::ErrorStorage::ack();
+    bool isAllowed = true;
+    if (!isTold || own["allowed"].get(isAllowed) || own["because"].stringView().empty()) {
+        return; // it has none, or is a service of another kind
+    }
+    verdict.set("allowed", isAllowed);
+    verdict.set("because", isAllowed ? fmt::format("{}; {}", byDocument, own["because"].stringView())
+                                     : std::string(own["because"].stringView()));
+}
+
+/// Whether this process may ask the service for its rules. To try it would be traced there.
+bool maySeeRules(MayArguments arguments, const ServiceDef& service, comm::TimeNs deadline)
+{
+    arguments.who = std::to_string(::geteuid());
+    arguments.command = kesa::commands::RETRIEVE;
+    arguments.resource = kesa::access::SERVICE_RULES;
+    const Value verdicts = askProcess(arguments, service, deadline);
+    return verdicts[0]["allowed"] == true;
+}
+
+/// What the process that provides the service says of it, and the service itself.
+Value askProvider(const MayArguments& arguments)
+{
+    const System system;
+    const comm::TimeNs deadline = arguments.common.deadline();
+    const ServiceDef service = findService(system, arguments.path, deadline);
+    const Value verdicts = askProcess(arguments, service, deadline);
+    ServiceConnection connection(service);
+    Value::Array all;
+    for (const Value& one : verdicts.items()) {
+        util::config::Dictionary verdict = one.dictionary();
+        if (one["allowed"] == true && maySeeRules(arguments, service, deadline)) {
+            askService(arguments, connection, verdict, deadline);
+        } else if (one["allowed"] == true) {
+            verdict.set("because",
+                        one["because"].toText() + "; the service may have rules of its own, which root may ask for");
+        }
+        all.emplace_back(std::move(verdict));
+    }
+    return Value(std::move(all));
 }
 
 void may(const MayArguments& arguments, int& exitCode)
@@ -180,9 +249,9 @@ void addMay(CLI::App& app, int& exitCode)
         ->type_name("PATH");
     addCommonOptions(*command, arguments->common, "How long the registry or the provider may take.");
     command->footer(
-        "The registry answers by the policy that it has at the moment, and of a call the process that provides "
-        "the service, by \"access\" of its document: to root and its own user, and to others of themselves. "
-        "Exit code: 0 when it is allowed, 1 when not.");
+        "The registry answers by the policy that it has at the moment, and of a call the process that provides the "
+        "service, by \"access\" of its document and the rules of its code: to root and its own user, and to others of "
+        "themselves. Exit code: 0 when it is allowed, 1 when not.");
     command->callback([arguments, &exitCode] { may(*arguments, exitCode); });
 }
 

@@ -32,6 +32,9 @@ int main()
     service->onRetrieve("/end", [&](const kesa::Request&, const kesa::Responder& reply) {
         listeners.push_back(reply); // may be answered later, from any thread; here never
     });
+    // What other users may; the rest is answered 403.
+    service->allow(R"({"may": ["retrieve", "update"]})");
+    service->allow(R"({"group": "audio", "may": "insert", "resources": "/titles"})");
     const auto player = kesa::provide("/player", service);
 
     runtime.runUntilSignal();

@@ -1,6 +1,7 @@
 #include <kesa/ease/ResourceHandler.h>
 
 #include "RouteTree.h"
+#include "ServiceRules.h"
 
 #include <kesa/ease/resources.h>
 #include <obr/ErrorStorage.h>
@@ -154,8 +155,16 @@ public:
         served = std::make_unique<Served>(Served{std::move(route), std::move(function), std::move(info)});
     }
 
+    void allow(std::string_view rules, const std::string& place) { m_rules.allow(rules, place); }
+
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler)
     {
+        if (ServiceRules::areAskedBy(request)) {
+            return end(*handler, m_rules.explain(request));
+        }
+        if (const auto refusal = m_rules.refusal(request)) {
+            return end(*handler, *refusal);
+        }
         const std::string_view path = withoutOuterSlashes(request.getPath());
         const int id = commands::toId(request.getCommand());
         Served* served = nullptr;
@@ -170,8 +179,7 @@ public:
         if (served != nullptr) {
             return serve(served->function, request, served->route.parametersOf(path), std::move(handler));
         }
-        handler->onError(others.none() ? noSuchResource(request, m_routes) : noSuchCommand(request, others));
-        return UNDEFINED_REQUEST_HANDLE;
+        return end(*handler, others.none() ? noSuchResource(request, m_routes) : noSuchCommand(request, others));
     }
 
     void cancel(void* handle)
@@ -182,6 +190,17 @@ public:
     }
 
 private:
+    static void* end(IResponseHandler<Response>& handler, const Response& response)
+    {
+        if (response.getStatus() >= 400) {
+            handler.onError(response);
+        } else {
+            static_cast<void>(handler.onNext(response));
+            handler.onCompleted();
+        }
+        return UNDEFINED_REQUEST_HANDLE;
+    }
+
     void* serve(Function& function, const Request& request, const PathParameters& parameters,
                 std::unique_ptr<IResponseHandler<Response>>&& handler)
     {
@@ -215,6 +234,7 @@ private:
         return resources::describe(std::move(list));
     }
 
+    ServiceRules m_rules;
     RouteTree m_routes;
     OpenRequests m_requests;
 };
@@ -227,6 +247,13 @@ ResourceHandler& ResourceHandler::add(std::string_view command, std::string_view
                                       RouteInfo info)
 {
     m_impl->add(command, route, std::move(function), std::move(info));
+    return *this;
+}
+
+ResourceHandler& ResourceHandler::allow(std::string_view rules, const char* file, int line)
+{
+    const std::string_view path(file);
+    m_impl->allow(rules, fmt::format("{}:{}", path.substr(path.rfind('/') + 1), line));
     return *this;
 }
 

@@ -203,6 +203,9 @@ int main(int count, char** arguments)
         return 0;
     }
     const auto radio = makePlayer();
+    if (name == "guarded") {
+        radio->allow(R"({"user": "daemon", "may": ["retrieve", "update"], "resources": ["/volume", "/title"]})");
+    }
     radio->onRetrieve(kesa::resources::PATH, [](const Request&) { return json(R"([{"resource":"/","command":7}])"); });
     std::atomic<int> refusals{0};
     std::atomic<int> known{0};

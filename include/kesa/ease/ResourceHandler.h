@@ -43,8 +43,13 @@ namespace kesa {
 ///
 ///     service->onRetrieve("/cpu", answerCpu, kesa::about("load of all cores").answer(R"({"type":"number"})"));
 ///
-/// Threads: routes are added before the service is registered. The functions are called as `IKesaApi` says, one
-/// request at a time; the `Responder` may be kept and used from any thread. What is open when the object dies is
+/// Other users may ask everything, until a line says who may what:
+///
+///     service->allow(R"({"may": "retrieve"})");
+///     service->allow(R"({"user": "media", "may": ["update", "insert"], "resources": ["/volume", "/titles/**"]})");
+///
+/// Threads: routes and rules are added before the service is registered. The functions are called as `IKesaApi` says,
+/// one request at a time; the `Responder` may be kept and used from any thread. What is open when the object dies is
 /// answered 503.
 ///
 /// Any other exception out of a function is traced (4) on "KESA_EASE" and ends its request with 500 and the exception's
@@ -80,6 +85,14 @@ public:
     /// What the operations above do: replaces the function for `command` on `route`. A malformed route is refused with
     /// a trace (4) on "KESA_EASE" that says why.
     ResourceHandler& add(std::string_view command, std::string_view route, Function function, RouteInfo info = {});
+
+    /// From now on others may only what a rule lets them; root, the process's own user and the process itself may
+    /// everything. `rules` is one or a list of them, as JSON, in the form that docs/security.md has for the document of
+    /// the process, without "paths" and "process"; what that document says counts, too. Further calls add to them. Who
+    /// may not is answered 403, with the rules that there are and `file` and `line` of their calls in
+    /// `headers::REASON`; once for a process that is traced (3) on "KESA_EASE". A rule that is none closes the service
+    /// to other users, with a trace (4) that says why. `kesactl may WHO call PATH` asks a service that runs.
+    ResourceHandler& allow(std::string_view rules, const char* file = __builtin_FILE(), int line = __builtin_LINE());
 
     void* request(const Request& request, std::unique_ptr<IResponseHandler<Response>>&& handler) noexcept override;
     void cancel(void* handle) noexcept override;

@@ -1,5 +1,6 @@
 #include <NotingHandler.h>
 #include <json.h>
+#include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/asText.h>
 #include <kesa/ease/get.h>
@@ -8,6 +9,8 @@
 #include <kesa/mimetypes.h>
 #include <kesa/servicecomp.h>
 #include <tracing/CapturingSink.h>
+
+#include <unistd.h>
 
 #include <optional>
 #include <random>
@@ -228,6 +231,93 @@ TEST(ResourceHandler, SaysWhichRoutesItHas)
     EXPECT_EQ(ask(service, "retrieve", path), list) << "what cannot be told hides nothing else";
     service.onRetrieve(path, answer);
     EXPECT_EQ(ask(service, "retrieve", path), "own");
+}
+
+/// Somebody of another process.
+class Asker {
+public:
+    Asker(std::int64_t uid, std::int64_t pid) : m_context(contextOf(uid, pid)) {}
+    std::string ask(IKesaApi& api, const std::string& command, const std::string& path, const std::string& body = {})
+    {
+        const RequestContext::Scope scope(&m_context);
+        const Request request(command, path, Payload::createFromString(body, mimetypes::JSON));
+        const GetResult result = get(api, request, std::chrono::seconds(1));
+        return result ? std::string(result.response->getPayload().text()) : result.error;
+    }
+
+private:
+    static RequestContext contextOf(std::int64_t uid, std::int64_t pid)
+    {
+        RequestContext context;
+        context.process = "asker";
+        context.uid = context.gid = uid;
+        context.pid = pid;
+        return context;
+    }
+    const RequestContext m_context;
+};
+
+TEST(ResourceHandler, OthersMayWhatALineLetsThem)
+{
+    const ::tracing::TraceCapture traces("KESA_EASE");
+    ResourceHandler service;
+    const auto answer = [](const Request&) { return asText("served"); };
+    service.onRetrieve("/volume", answer).onUpdate("/volume", answer).onUpdate("/song/{name}", answer);
+    Asker media(65001, 10);
+    EXPECT_EQ(media.ask(service, "update", "/volume"), "served") << "it is open until a line closes it";
+
+    const int line = __LINE__ + 1;
+    service.allow(R"({"may": "retrieve"})");
+    service.allow(R"([{"user": 65001, "may": "*", "resources": "/song/*"}, {"user": 65002, "may": "*"}])");
+    EXPECT_EQ(media.ask(service, "retrieve", "/volume"), "served");
+    EXPECT_EQ(media.ask(service, "update", "/song/1"), "served");
+    const std::string place = "(ResourceHandler_test.cpp:";
+    const std::string why = "no rule of the service's code lets user 65001 update \"/volume\": rule 1 " + place +
+                            std::to_string(line) + "), rule 2 " + place + std::to_string(line + 1) +
+                            ") are for other commands or resources";
+    for (int asked = 0; asked < 3; ++asked) {
+        EXPECT_EQ(media.ask(service, "update", "/volume"), "403: not allowed to ask this of the service: " + why);
+    }
+    EXPECT_EQ(Asker(65001, 11).ask(service, "update", "/volume").substr(0, 4), "403:");
+    EXPECT_EQ(traces.take().size(), 1U) << "a process once, those of one user once in a second";
+    EXPECT_EQ(Asker(65002, 12).ask(service, "update", "/volume"), "served");
+    EXPECT_EQ(Asker(0, 13).ask(service, "update", "/volume"), "served");
+    EXPECT_EQ(Asker(::geteuid(), 14).ask(service, "update", "/volume"), "served");
+    EXPECT_EQ(ask(service, "update", "/volume"), "served") << "this process itself";
+}
+
+TEST(ResourceHandler, SaysWhatItsRulesLetSomebodyDo)
+{
+    ResourceHandler service;
+    const std::string question = R"({"uid":65001,"gid":65001,"command":"update","resource":"/volume"})";
+    const std::string path = "/.well-known/access";
+    EXPECT_EQ(Asker(65001, 10).ask(service, "retrieve", path, question), R"({"allowed":true,"because":""})");
+    service.allow(R"({"user": 65001, "may": "update", "resources": "/volume"})");
+    const std::string may = Asker(65001, 10).ask(service, "retrieve", path, question);
+    EXPECT_THAT(may, testing::HasSubstr("): user 65001 may update /volume"));
+    EXPECT_EQ(Asker(0, 11).ask(service, "retrieve", path, question), may);
+    EXPECT_EQ(Asker(65002, 12).ask(service, "retrieve", path, question).substr(0, 4), "403:");
+    EXPECT_THAT(
+        Asker(0, 11).ask(service, "retrieve", path, R"({"uid":65002,"gid":1,"command":"update"})"),
+        testing::HasSubstr(R"("allowed":false,"because":"no rule of the service's code lets user 65002 update: )"
+                           "rule 1 (ResourceHandler_test.cpp:"));
+    EXPECT_EQ(Asker(0, 11).ask(service, "retrieve", path, "7").substr(0, 4), "400:");
+}
+
+TEST(ResourceHandler, ARuleThatIsNoneClosesTheServiceToOthers)
+{
+    for (const std::string rule : {R"({"may": "retreive"})", R"({"may": "*", "paths": "/**"})", "{", "7", "[]",
+                                   R"({"may": "*", "process": "nav"})", R"({"may": "*", "may": "retrieve"})"}) {
+        const ::tracing::TraceCapture traces("KESA_EASE");
+        ResourceHandler service;
+        service.onRetrieve("/", [](const Request&) { return asText("served"); });
+        service.allow(rule).allow(R"({"may": "*"})");
+        EXPECT_THAT(traces.take().at(0), testing::HasSubstr("4 [ResourceHandler] a service is closed to other users, "
+                                                            "since a rule of it is none: ResourceHandler_test.cpp:"))
+            << rule;
+        EXPECT_THAT(Asker(65001, 10).ask(service, "retrieve", "/"), testing::HasSubstr("until this is mended"));
+        EXPECT_EQ(Asker(0, 10).ask(service, "retrieve", "/"), "served");
+    }
 }
 
 TEST(ResourceHandler, AServiceWrittenByHandSaysItLikewise)
