@@ -68,6 +68,15 @@ void Actor::provide(Words& words)
             [this, path](const Response& error) { m_say("refused " + path + ' ' + reasonOf(error)); })));
 }
 
+/// Before anything is provided.
+void Actor::allow(Words& words)
+{
+    std::string rules;
+    std::getline(words >> std::ws, rules);
+    m_service.allow(rules);
+    m_say("allowed");
+}
+
 void Actor::withdraw(Words& words)
 {
     for (Disposable& registration : std::exchange(m_registrations[word(words)], {})) {
@@ -126,16 +135,18 @@ void Actor::call(Words& words)
     const std::string resource = word(words);
     const std::string semantic = word(words);
     const std::string milliseconds = word(words);
+    const std::string command = word(words);
     const ClientApi client = m_clients.find(what);
     if (!client) {
         m_say("unconnected " + what);
         return;
     }
-    Request request("retrieve", resource, Payload::createFromString("echo", mimetypes::TEXT));
+    Request request(command.empty() ? "retrieve" : command, resource,
+                    Payload::createFromString("echo", mimetypes::TEXT));
     if (!semantic.empty() && semantic != "-") {
         headers::appendResponseSemantic(request, semantic);
     }
-    if (!milliseconds.empty()) {
+    if (!milliseconds.empty() && milliseconds != "-") {
         request.setHeader(headers::TIMEOUT, std::stoull(milliseconds));
     }
     m_say("issued " + stream);
@@ -254,12 +265,13 @@ const std::map<std::string, void (*)(Actor&, std::istream&)> Actor::Commands::AL
     // PATH [GENERATION [KEY=VALUE...]]: provided PATH LOCATOR; refused PATH WHY, also later
     {"provide", [](Actor& actor, Words& words) { actor.provide(words); }},
     {"withdraw", [](Actor& actor, Words& words) { actor.withdraw(words); }}, // PATH
+    {"allow", [](Actor& actor, Words& words) { actor.allow(words); }},       // RULES: allowed
     // LOCATOR or PATH: connected and lost in turn, or failed WHAT WHY; PATTERN: only what is believed
     {"resolve", [](Actor& actor, Words& words) { actor.resolve(words); }},
     {"drop", [](Actor& actor, Words& words) { actor.drop(words); }}, // what was resolved
     // what was resolved: issued, value and error of WHAT#1, WHAT#2 ...
     {"follow", [](Actor& actor, Words& words) { actor.follow(words); }},
-    // STREAM WHAT RESOURCE [SEMANTIC or - [TIME LIMIT IN MS]]: issued, value, error, completed
+    // STREAM WHAT RESOURCE [SEMANTIC or - [TIME LIMIT IN MS or - [COMMAND]]]: issued, value, error, completed
     {"call", [](Actor& actor, Words& words) { actor.call(words); }},
     {"cancel", [](Actor& actor, Words& words) { actor.cancel(words); }}, // STREAM
     {"feed", [](Actor& actor, Words& words) { actor.feed(words); }},     // BYTES: fed TAKEN REFUSED

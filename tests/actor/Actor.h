@@ -38,6 +38,7 @@ private:
     struct Commands;
     void provide(Words& words);
     void withdraw(Words& words);
+    void allow(Words& words);
     void resolve(Words& words);
     void drop(Words& words);
     void follow(Words& words);

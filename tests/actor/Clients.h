@@ -7,6 +7,7 @@
 #include <kesa/Request.h>
 #include <kesa/Response.h>
 #include <kesa/headers.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 
 #include <map>
@@ -36,7 +37,8 @@ inline std::unique_ptr<IResponseHandler<Response>> printer(const Streams& stream
             say("value " + stream + ' ' + firstWord(response.getPayload().text()));
         },
         [stream, say](const Response& error) {
-            say("error " + stream + ' ' + std::to_string(error.getStatus()) + ' ' + error.getErrorMessage());
+            const std::string reason = reasonOf(error);
+            say("error " + stream + ' ' + std::to_string(error.getStatus()) + reason.substr(reason.find(' ')));
         },
         [stream, say] { say("completed " + stream); });
 }

@@ -9,19 +9,24 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
 namespace kesa::actor {
 
-/// What an actor provides: "/echo" answers at once, "/hang" never, "/feed" with 0 at once and then with what `feed`
-/// says.
+/// What an actor provides: "/echo" answers each command at once, "/hang" never, "/feed" with 0 at once and then with
+/// what `feed` says.
 class Service {
 public:
     Service()
     {
-        m_api->onRetrieve("/echo",
-                          [](const Request& request, Responder responder) { responder.answer(request.getPayload()); });
+        for (const std::string_view command :
+             {commands::RETRIEVE, commands::UPDATE, commands::DELETE, commands::INSERT}) {
+            m_api->add(command, "/echo", [](const Request& request, const PathParameters&, const Responder& responder) {
+                responder.answer(request.getPayload());
+            });
+        }
         m_api->onRetrieve("/hang", [this](const Request&, Responder responder) {
             const std::lock_guard<std::mutex> lock(m_mutex);
             m_hanging.push_back(std::move(responder));
@@ -34,6 +39,8 @@ public:
     }
 
     std::shared_ptr<IKesaApi> api() const { return m_api; }
+    /// Who may ask what of it.
+    void allow(const std::string& rules) { m_api->allow(rules); }
 
     /// Sends the next number to each that follows, filled up to `bytes`. Who refuses it follows no longer. How many
     /// took it, and how many refused it.

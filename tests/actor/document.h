@@ -7,8 +7,9 @@
 namespace kesa::actor {
 
 /// A configuration document: with the registry, or without. `services`: locators of services, under their paths;
-/// `comm`: its "comm".
-inline std::string document(bool hasRegistry, const std::vector<std::string>& services, const std::string& comm)
+/// `comm`: its "comm"; `access`: its "access", from the second line on, or empty.
+inline std::string document(bool hasRegistry, const std::vector<std::string>& services, const std::string& comm,
+                            const std::string& access = {})
 {
     std::string text = std::string(R"({"use_registry": )") + (hasRegistry ? "true" : "false") +
                        R"(, "service_registry_locators": {"*": ["ipc://kesa-registryd/registry"]}, )" +
@@ -20,7 +21,7 @@ inline std::string document(bool hasRegistry, const std::vector<std::string>& se
         text.append(R"("version": "1.0.0", "locators": [")" + service.substr(0, path) + R"("]})");
         separator = ", ";
     }
-    return text + "]}\n";
+    return text + ']' + (access.empty() ? "" : ",\n\"access\": " + access) + "}\n";
 }
 
 } // namespace kesa::actor

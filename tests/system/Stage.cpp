@@ -65,7 +65,7 @@ Process& Stage::launchProgram(const std::string& name, const std::vector<std::st
     std::string file = options.document;
     if (file.empty()) {
         file = pathOf(std::to_string(m_documents++) + ".json");
-        std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm);
+        std::ofstream(file) << actor::document(options.hasRegistry, options.services, options.comm, options.access);
     }
     const std::vector<std::string> environment{"KESA_RUN_DIR=" + m_runDirectory, "KESA_TRACE_SINK=stderr",
                                                "KESA_TRACE=" + options.trace, "KESA_CONFIG=" + file};

@@ -22,7 +22,8 @@ struct Options {
     std::string comm = "{}";             ///< the document's "comm"
     std::vector<std::string> services{}; ///< locators of services, under their paths
     std::string trace = "*=2";
-    uid_t user = 0; ///< as of `Process::Setup`
+    std::string access{}; ///< the document's "access", from its second line on; empty: none
+    uid_t user = 0;       ///< as of `Process::Setup`
     bool hasRegistry = false;
     std::string document{}; ///< a file to read, instead of one that says the above
 };
