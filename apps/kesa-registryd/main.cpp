@@ -24,6 +24,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -123,12 +124,13 @@ int awaitSignal(const sigset_t& signals, HeapTrimmer& heap)
 ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
 {
     const std::string locators = listOf(own);
-    std::atomic<ExitCode> exitCode = ExitCode::eENDED;
+    // Kept by the host until the registration has ended, which may be after this.
+    const auto exitCode = std::make_shared<std::atomic<ExitCode>>(ExitCode::eENDED);
     kesa::registry::RegistryHost host(
-        *KesaRuntime::getInstance(), [&locators] { tellReady(locators); },
-        [&exitCode](const kesa::Response& error) {
-            exitCode = error.getStatus() == 400 ? ExitCode::eCONFIGURATION : ExitCode::eFAILED;
-            complain(exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
+        *KesaRuntime::getInstance(), [locators] { tellReady(locators); },
+        [exitCode](const kesa::Response& error) {
+            *exitCode = error.getStatus() == 400 ? ExitCode::eCONFIGURATION : ExitCode::eFAILED;
+            complain(*exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
             ::kill(::getpid(), SIGTERM); // ends the wait below
         });
     {
@@ -140,7 +142,7 @@ ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
     }
     sd_notify(0, "STOPPING=1");
     host.stop();
-    return exitCode;
+    return *exitCode;
 }
 
 int run(const Arguments& arguments)
