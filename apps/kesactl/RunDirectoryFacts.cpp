@@ -17,11 +17,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <set>
 #include <system_error>
+#include <tuple>
 
 namespace kesactl {
 namespace {
@@ -88,6 +90,12 @@ std::string rightsOf(const struct stat& status)
     std::string text = S_ISDIR(status.st_mode) ? "d" : S_ISSOCK(status.st_mode) ? "s" : "-";
     for (int bit = 8; bit >= 0; --bit) {
         text += (status.st_mode >> static_cast<unsigned>(bit) & 1U) != 0 ? "xwr"[bit % 3] : '-';
+    }
+    const std::tuple<mode_t, std::size_t, char> special[] = {{S_ISUID, 3, 's'}, {S_ISGID, 6, 's'}, {S_ISVTX, 9, 't'}};
+    for (const auto& [bit, place, letter] : special) { // as ls has them
+        if ((status.st_mode & bit) != 0) {
+            text[place] = text[place] == 'x' ? letter : static_cast<char>(std::toupper(letter));
+        }
     }
     return fmt::format("{} {} {}", text, userName(status.st_uid), groupName(status.st_gid));
 }

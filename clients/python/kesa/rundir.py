@@ -256,7 +256,13 @@ def _advise(directory: str, path: str, error: OSError) -> str:
     """What to do against it."""
     named = "name another directory: connect(run_dir=...) or $KESA_RUN_DIR"
     if error.filename == path and os.path.lexists(path):
-        owner = _user(os.lstat(path).st_uid)
+        status = os.lstat(path)
+        owner = _user(status.st_uid)
+        if path.endswith(".lock") and os.stat(directory).st_mode & stat.S_ISVTX and status.st_uid != os.geteuid():
+            return (
+                f"the name is of the user {owner!r}, whose lock file it is: run as that user, or take another name; if it is "
+                f"not kept for him, have {owner!r} or root remove {shlex.quote(path)}"
+            )
         return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {shlex.quote(path)}"
     around = os.path.dirname(os.path.abspath(directory))
     if error.errno == errno.ENOENT and not os.path.exists(around):

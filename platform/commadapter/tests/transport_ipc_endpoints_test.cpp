@@ -149,6 +149,9 @@ TEST_F(TransportIpc, WhoListensIsTheOwnerOfTheSocketAndOfTheName)
             ::listen(socket, 1);
         });
         const auto failure = client.connect("media");
+        board.run(*client.loop, [&] { // nor is the name his
+            EXPECT_EQ(client.transport->whoListens("media").pid, each.complaint == nullptr ? process.pid : 0);
+        });
         if (each.complaint == nullptr) {
             EXPECT_EQ(failure, std::nullopt) << client.reason;
             continue;

@@ -120,8 +120,9 @@ public:
     /// do; empty when it is not so, or cannot be known. Any thread.
     virtual std::string whoCannotBeFound(const Endpoint& /*endpoint*/) const { return {}; }
 
-    /// Who listens under the name in this realm, as the kernel says, with `pid`, `uid` and `start`; a pid below 1 when
-    /// that is nobody, or nobody who lives, or cannot be known. Loop only.
+    /// Who listens under the name in this realm and may, so that a client would connect to him: as the kernel says,
+    /// with `pid`, `uid` and `start`; the pid 0 when that is nobody, below when it cannot be known at the moment. Loop
+    /// only.
     virtual PeerIdentity whoListens(const std::string& /*process*/) const { return {}; }
 
     /// Reads the authority of a locator of this scheme; absent when it is malformed.

@@ -552,11 +552,21 @@ PeerIdentity IpcTransport::whoListens(const std::string& process) const
     onLoop(__func__);
     const std::string path = m_runDirectory.path() + '/' + socketFileName(process);
     const auto file = openFile([&] { return ::open(path.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
-    const auto socket = file ? makeSocket() : Descriptor();
-    if (!socket || connectTo(file, socket) != 0) {
-        return {};
+    PeerIdentity nobody;
+    nobody.pid = 0;
+    if (!file) {
+        return errno == ENOENT || errno == ENOTDIR ? nobody : PeerIdentity();
+    }
+    const auto socket = makeSocket();
+    struct stat status {};
+    if (!socket || connectTo(file, socket) != 0 || ::fstat(file.get(), &status) != 0) {
+        return socket && errno == ECONNREFUSED ? nobody : PeerIdentity();
     }
     PeerIdentity listener = identityOf(socket.get());
+    if (!complaintAboutListener(path, status, listener).empty() ||
+        !complaintAboutName(m_runDirectory.path(), process, listener).empty()) {
+        return nobody;
+    }
     const PeerProcess alive = openPeerProcess(socket.get(), listener.pid);
     listener.start = alive.start;
     return alive.start != 0 ? listener : PeerIdentity();

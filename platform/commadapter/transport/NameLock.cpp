@@ -310,8 +310,13 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     if (const char* const kind = nameWrongKind(status)) {
         problem.text = fmt::format("{} {}", path, kind);
     } else if (::faccessat(directory, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
+        const int error = errno;
         problem.isOfAnother = isSticky(folder) && status.st_uid != ::geteuid();
-        problem.text = fmt::format("cannot open {}: {}, it is {}", path, obr::explainError(errno), rights);
+        problem.text = problem.isOfAnother
+                           ? fmt::format("the name \"{}\" is of the user \"{}\", whose lock file {} is: run as that "
+                                         "user, or take another name",
+                                         encodedName, access::userName(status.st_uid), path)
+                           : fmt::format("cannot open {}: {}, it is {}", path, obr::explainError(error), rights);
     } else if ((folder.st_mode & S_IWGRP) != 0 && !isSticky(folder) && !isShared) {
         problem.isForThisUser = false;
         problem.text = fmt::format("{} is {}, so nobody else can have the name", path, rights);
@@ -321,6 +326,9 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     if (const pid_t holder = findHolder(status); holder != 0) {
         problem.isHeld = true;
         problem.text = explainHeld(encodedName, describeHolder(holder, status));
+    } else if (problem.isOfAnother) {
+        problem.advice = fmt::format("if it is not kept for him, have \"{}\" or root remove {}",
+                                     access::userName(status.st_uid), util::shellWord(path));
     } else {
         problem.advice = adviseRemoval(directory, encodedName, path, status);
     }

@@ -80,7 +80,9 @@ IPeer::Name ServerConnection::proveName()
         name.proof = isPeer ? IPeer::Name::Proof::ePROVEN : IPeer::Name::Proof::eDISPROVEN;
         name.holder = listener.pid;
     }
-    m_name = name;
+    if (isLocal() || peer.process.empty() || listener.pid >= 0) { // else it is known later
+        m_name = name;
+    }
     return name;
 }
 
