@@ -1,5 +1,6 @@
 #include "probe.h"
 
+#include <kesa/commands.h>
 #include <kesa/mimetypes.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
@@ -20,7 +21,7 @@ kesa::Request probeOf(const ServiceDef& service)
                             });
     return isRegistry ? kesa::Request(std::string(IServiceRegistry::EXPLAIN), ServiceRegistryPex::SERVICE_PATH,
                                       kesa::Payload::createFromString("{}", kesa::mimetypes::JSON))
-                      : kesa::Request("ping", "/");
+                      : kesa::Request(kesa::commands::PING, "/");
 }
 
 } // namespace kesactl

@@ -120,6 +120,9 @@ Response ServiceRules::explain(const Request& request)
     if (m_rules.empty() && m_problem.empty()) {
         return jsonAnswer(Dictionary{{"allowed", true}, {"because", ""}});
     }
+    if (request.getPayload().size() > access::MOST_OF_QUESTION) {
+        return Response::createErrorResponse(413, access::QUESTION_TOO_LONG);
+    }
     std::vector<Complaint> complaints;
     const Value body = readJson(request.getPayload().text(), complaints)[0];
     access::Identity identity;

@@ -1,5 +1,6 @@
 #include "backend/ProcessService.h"
 
+#include <gates/serviceRules.h>
 #include <kesa/commands.h>
 #include <kesa/mimetypes.h>
 #include <obr/ErrorStorage.h>
@@ -25,6 +26,9 @@ Response ProcessService::answer(const Request& request) const
     }
     if (!isMay) {
         return Response(200, Payload::createFromString(m_describe(), mimetypes::JSON));
+    }
+    if (request.getPayload().size() > access::MOST_OF_QUESTION) {
+        return Response::createErrorResponse(413, access::QUESTION_TOO_LONG);
     }
     util::config::Value question;
     if (util::config::JSONParser().parseString(std::string(request.getPayload().text()), question)) {

@@ -82,7 +82,9 @@ TEST_F(BackendAccess, EachMayAskWhatHeMay)
         EXPECT_EQ(may(std::string(R"({"who":")") + who + R"(","path":"/service","command":"update"})"), "403");
     }
     EXPECT_EQ(may(R"({"who":"65533","path":"no path","command":"update"})"), "400");
+    EXPECT_EQ(may(R"({"who":"65533","path":"/not/provided","command":"update"})"), "404");
     EXPECT_EQ(may("[7]"), "400");
+    EXPECT_EQ(may('[' + std::string(10'000, ' ') + ']'), "413") << "read before it is known who asks";
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "backend/server/Interests.h"
 
 #include <kesa/Path.h>
+#include <kesa/commands.h>
 #include <kesa/mimetypes.h>
 #include <obr/visible.h>
 #include <refusals/refusalOf.h>
@@ -45,14 +46,18 @@ Identity Doorkeeper::identityOf(const RequestContext& client) const
 std::optional<Response> Doorkeeper::refusal(Target& target, const RequestContext& client, const Request& request)
 {
     if (!target.isJudged) {
-        target.gate = m_table->gateOf(identityOf(client), target.path);
-        target.isJudged = true;
+        const Identity identity = identityOf(client);
+        target.gate = m_table->gateOf(identity, target.path);
+        target.isJudged = !m_table->asksForProcess() || !identity.process.empty(); // else it may be proven later
     }
     if (!target.gate || target.gate->lets(request.getCommand(), request.getPath())) {
         return std::nullopt;
     }
     const std::string why =
         m_table->whyRefused(identityOf(client), {target.path, request.getCommand(), request.getPath(), client.process});
+    if (request.getCommand() == commands::PING) {
+        return access::refusalOf(why); // who asks only whether it lives has his answer
+    }
     if (const auto end = m_traces.pass(client.uid, client.pid, client.start, comm::now())) {
         KESA_TRACE(CHANNEL, 3, "[request] of %s (process %lld) is refused: %s; its further refusals are not traced%s",
                    obr::glimpse(client.process).c_str(), static_cast<long long>(client.pid), why.c_str(), end->c_str());

@@ -2,6 +2,8 @@
 
 #include "backend/server/ServerConnection.h"
 
+#include <kesa/Path.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -205,6 +207,10 @@ std::size_t ServiceTable::addPaths(std::vector<std::string>& paths, std::size_t 
 Response ServiceTable::explainAccess(const util::config::Value& question, const RequestContext* asker)
 {
     m_loop->onLoop(__func__);
+    const std::string path(question["path"].stringView());
+    if (Path::complaintAboutService(path).empty() && !find(path)) { // whoever asks for any path has nothing kept for it
+        return Response::createErrorResponse(404, "this process does not provide \"" + path + "\"");
+    }
     std::vector<const RequestContext*> clients;
     for (const auto& connection : m_connections) {
         if (!connection->isLocal()) {
