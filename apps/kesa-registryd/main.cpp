@@ -43,6 +43,9 @@ or one of this user's own. "kesactl doctor" says which one counts, and why.
 It is ready when it prints "kesa-registryd: ready at LOCATOR", and tells the service manager. SIGTERM and SIGINT end
 it. SIGHUP has it read "registry", "policy" of its document again; one that is broken leaves the policy as it was.
 
+Where the service manager has a WatchdogSec for it, as the unit has with 30 s, it tells that it answers three times in that
+time. A registry that hangs is so ended (SIGABRT) and started again; WatchdogSec=0 lets a debugger hold it.
+
 Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
 
 /// A record or query has 32 KiB, a list 48: nothing that is meant for a registry is larger.
@@ -99,9 +102,10 @@ void reload(kesa::registry::RegistryHost& host, const std::string& locators)
     sd_notify(0, "RELOADING=1");
     const std::string problem = host.reloadPolicy();
     if (problem.empty()) {
-        fmt::print("kesa-registryd: the policy has been read again\n");
+        const std::string policy = obr::visible(host.describePolicy());
+        fmt::print("kesa-registryd: the policy has been read again: {}\n", policy);
         std::fflush(stdout);
-        sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators).c_str());
+        sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators + "; policy: " + policy).c_str());
         return;
     }
     complain(ExitCode::eCONFIGURATION, "the policy stays as it was: " + problem);

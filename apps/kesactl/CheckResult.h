@@ -20,6 +20,7 @@ struct CheckResult {
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
     bool counts; ///< the document; else a process goes on with the defaults
+    bool starts; ///< a process with it, though what is wrong closes its services to other users
     RulesInWords policy;
     RulesInWords access;
     util::config::Value comm; ///< what counts of it

@@ -21,6 +21,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <cstdlib>
 
 namespace kesactl {
@@ -82,6 +83,17 @@ std::string partitionOf(const std::string& process, const KesaConfig& config, st
     return partition;
 }
 
+/// What is wrong with "access" does not.
+bool keepsFromStarting(const ConfigReport& report)
+{
+    return std::any_of(report.complaints.begin(), report.complaints.end(), [&report](const Complaint& complaint) {
+        const util::config::DocumentPath access = report.path({"access"});
+        const bool isOfAccess =
+            complaint.path.size() >= access.size() && std::equal(access.begin(), access.end(), complaint.path.begin());
+        return complaint.severity == Severity::eERROR && !isOfAccess;
+    });
+}
+
 int checkConfig(const CheckConfigArguments& arguments)
 {
     if (!arguments.file.empty()) {
@@ -132,6 +144,7 @@ int checkConfig(const CheckConfigArguments& arguments)
                              config,
                              report.firstError() == nullptr,
                              counts,
+                             !keepsFromStarting(report),
                              std::move(policy),
                              std::move(access),
                              valueOf(comm),

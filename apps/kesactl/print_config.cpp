@@ -228,9 +228,10 @@ std::string asText(const CheckResult& result)
     for (const auto& complaint : result.complaints) {
         text += asLine(result, complaint);
     }
-    text += result.isValid  ? "valid\n"
-            : result.counts ? "not valid: a process does not start with it\n"
-                            : "not valid: a process goes on with the settings above\n";
+    text += result.isValid   ? "valid\n"
+            : !result.counts ? "not valid: a process goes on with the settings above\n"
+            : result.starts  ? "not valid: a process closes all its services to other users\n"
+                             : "not valid: a process does not start with it\n";
     return text;
 }
 

@@ -1,13 +1,14 @@
 #include "reviewRules.h"
 
+#include <gates/readAccess.h>
 #include <policy/readPolicyRules.h>
 #include <rules/readDocumentRules.h>
-#include <rules/readRules.h>
 #include <rules/systemAccounts.h>
 #include <util/config/JsonPositions.h>
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <fstream>
 #include <iterator>
 
@@ -28,6 +29,10 @@ RulesInWords review(ConfigReport& report, const Value& list, const DocumentPath&
                     const kesa::access::RulesReader& read)
 {
     RulesInWords words;
+    if (auto misnamed = kesa::access::findMisnamedTable(report.root, place)) {
+        misnamed->path = report.path(std::move(misnamed->path));
+        report.add(std::move(*misnamed));
+    }
     if (!list.isArray()) {
         return words;
     }
@@ -62,14 +67,10 @@ RulesInWords reviewAccess(ConfigReport& report)
 {
     bool isClosed = false;
     const auto read = [&isClosed](const Value& list, const DocumentPath& place, Complaints& complaints) {
-        auto rules = kesa::access::readRules(list, place, kesa::access::accessForm(), systemAccounts(), complaints);
-        for (Complaint& complaint : complaints) {
-            if (complaint.severity == Complaint::Severity::eERROR) { // it starts all the same
-                complaint.severity = Complaint::Severity::eWARNING;
-                complaint.text += ": all services are closed to other users";
-                isClosed = true;
-            }
-        }
+        auto rules = kesa::access::readAccessRules(list, place, complaints);
+        isClosed = std::any_of(complaints.begin(), complaints.end(), [](const Complaint& complaint) {
+            return complaint.severity == Complaint::Severity::eERROR;
+        });
         return rules;
     };
     RulesInWords words = review(report, report.root["access"], {"access"}, read);

@@ -24,6 +24,12 @@ Policy::Policy(std::int64_t ownUid, std::vector<access::Rule> rules, std::string
     }
 }
 
+std::string Policy::summary() const
+{
+    return m_rules ? fmt::format("{} rule{} of {}", m_rules->size(), m_rules->size() == 1 ? "" : "s", m_file)
+                   : "none, so every user may register what is free";
+}
+
 Policy::Known& Policy::know(const access::Identity& identity)
 {
     if (m_known.size() >= MOST_KNOWN) { // they are found again

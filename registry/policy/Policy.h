@@ -40,6 +40,9 @@ public:
     bool asksForProcess() const noexcept { return m_asksForProcess; }
     bool hasRules() const noexcept { return m_rules.has_value(); }
 
+    /// How many there are and where, for people.
+    std::string summary() const;
+
     struct Verdict {
         bool isAllowed = false;
         std::string because; ///< for people: by which rule, or what is missing and where it would have to stand

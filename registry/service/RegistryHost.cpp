@@ -223,9 +223,25 @@ public:
             KESA_TRACE(CHANNEL, 3, "[policy] %s", warning.c_str());
         }
         if (read.policy) {
+            const bool hasRules = read.policy->hasRules();
+            std::unique_lock lock(m_mutex);
+            const bool hadRules = std::exchange(m_hasRules, hasRules);
+            m_policy = read.policy->summary();
+            lock.unlock();
+            if (hadRules && !hasRules) {
+                KESA_TRACE(CHANNEL, 3,
+                           "[policy] the document has no policy any more: every user may register what is "
+                           "free");
+            }
             m_core->setPolicy(std::move(read.policy));
         }
         return read.problem;
+    }
+
+    std::string describePolicy()
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_policy;
     }
 
     IServiceRegistry& registry() { return *m_registry; }
@@ -386,6 +402,8 @@ private:
     // With the mutex held.
     bool m_isStopped = false; ///< by the owner, or because it was refused
     bool m_isRegistered = false;
+    bool m_hasRules = false;
+    std::string m_policy; ///< in words
     Disposable m_registration;
     std::weak_ptr<Successors> m_successors; ///< none before it has begun
 
@@ -408,6 +426,11 @@ RegistryHost::~RegistryHost()
 std::string RegistryHost::reloadPolicy()
 {
     return m_impl->reloadPolicy();
+}
+
+std::string RegistryHost::describePolicy() const
+{
+    return m_impl->describePolicy();
 }
 
 void RegistryHost::stop()

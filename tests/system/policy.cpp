@@ -151,7 +151,7 @@ protected:
     {
         writeRules(rules);
         m_registry->signal(SIGHUP);
-        m_registry->expect("kesa-registryd: the policy has been read again");
+        m_registry->expect("kesa-registryd: the policy has been read again:");
     }
     void expectRefused(const std::string& user, const Case& each, const std::string& why);
     void expectAllSeen(const std::vector<Case>& cases);

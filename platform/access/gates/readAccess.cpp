@@ -10,13 +10,20 @@
 
 namespace kesa::access {
 
+std::vector<Rule> readAccessRules(const util::config::Value& list, const util::config::DocumentPath& place,
+                                  std::vector<util::config::Complaint>& complaints)
+{
+    if (list.isArray() && list.arraySize() == 0) {
+        complaints.push_back({util::config::Complaint::Severity::eWARNING, place,
+                              "the list is empty: every service is open to everybody",
+                              "write a rule for those that are not to be, or leave it out"});
+    }
+    return readRules(list, place, accessForm(), systemAccounts(), complaints);
+}
+
 ReadAccess readAccess(std::int64_t ownUid)
 {
-    DocumentRules found =
-        readDocumentRules({"access"}, [](const util::config::Value& list, const util::config::DocumentPath& place,
-                                         std::vector<util::config::Complaint>& complaints) {
-            return readRules(list, place, accessForm(), systemAccounts(), complaints);
-        });
+    DocumentRules found = readDocumentRules({"access"}, readAccessRules);
     ReadAccess read;
     read.problem = std::move(found.problem);
     read.warnings = std::move(found.warnings);

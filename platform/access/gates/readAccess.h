@@ -20,6 +20,10 @@ struct ReadAccess {
 };
 KESA_API ReadAccess readAccess(std::int64_t ownUid);
 
+/// The rules of a table that was found; what is wrong with them is added to `complaints`.
+KESA_API std::vector<Rule> readAccessRules(const util::config::Value& list, const util::config::DocumentPath& place,
+                                           std::vector<util::config::Complaint>& complaints);
+
 } // namespace kesa::access
 
 #endif

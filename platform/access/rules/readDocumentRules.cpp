@@ -1,11 +1,14 @@
 #include "rules/readDocumentRules.h"
 
 #include <obr/ErrorStorage.h>
+#include <util/config/Dictionary.h>
 #include <util/config/JsonPositions.h>
 #include <util/config/Provider.h>
+#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
+#include <cstddef>
 #include <fstream>
 #include <iterator>
 #include <utility>
@@ -48,7 +51,48 @@ std::string sort(std::vector<Complaint> complaints, const std::string& file, con
     return error;
 }
 
+/// Beside the member "kesa" it would be none.
+std::optional<Complaint> findPassedOver(const Value& document, const DocumentPath& place)
+{
+    const auto& top = std::get<std::string>(place.front());
+    return document[top.c_str()].isDefined()
+               ? std::optional(Complaint{Complaint::Severity::eERROR,
+                                         {top},
+                                         fmt::format("beside \"{}\" nobody reads it", DOCUMENT_NAME),
+                                         fmt::format("move it into \"{}\"", DOCUMENT_NAME)})
+               : std::nullopt;
+}
+
+/// Not as near as `nearestName` allows: "use_registry" is no "registry".
+bool isMistyped(const std::string& key, const std::string& meant)
+{
+    return key.size() <= util::LONGEST_NEAR_NAME && util::nameDistance(key, meant) <= 2;
+}
+
 } // namespace
+
+std::optional<Complaint> findMisnamedTable(const Value& root, const DocumentPath& place)
+{
+    Value around = root;
+    DocumentPath found;
+    for (const auto& each : place) {
+        const auto& step = std::get<std::string>(each);
+        const Value next(around[step.c_str()]);
+        if (!next.isDefined() && around.isDictionary()) {
+            for (const auto& [key, value] : around.dictionary()) {
+                if (isMistyped(key, step)) {
+                    found.emplace_back(key);
+                    return Complaint{Complaint::Severity::eERROR, std::move(found),
+                                     fmt::format("unknown key '{}'", util::config::shortenedKey(key)),
+                                     fmt::format("did you mean '{}'?", step)};
+                }
+            }
+        }
+        around = next;
+        found.push_back(each);
+    }
+    return std::nullopt;
+}
 
 DocumentRules readDocumentRules(const DocumentPath& place, const RulesReader& read)
 {
@@ -64,15 +108,24 @@ DocumentRules readDocumentRules(const DocumentPath& place, const RulesReader& re
     }
     const bool isMember = provider.first().isDefined();
     DocumentPath whole = isMember ? DocumentPath{DOCUMENT_NAME} : DocumentPath{};
-    Value list = isMember ? provider.first() : provider.second();
+    const Value root = isMember ? provider.first() : provider.second();
+    Value list = root;
     for (const auto& step : place) {
         list = Value(list[std::get<std::string>(step).c_str()]);
         whole.push_back(step);
     }
-    if (!list.isDefined()) {
-        return found;
-    }
     std::vector<Complaint> complaints;
+    if (!list.isDefined()) {
+        if (auto misnamed = findMisnamedTable(root, place)) {
+            misnamed->path.insert(misnamed->path.begin(), whole.begin(),
+                                  whole.end() - static_cast<std::ptrdiff_t>(place.size()));
+            complaints.push_back(std::move(*misnamed));
+        } else if (auto passedOver = isMember ? findPassedOver(provider.second(), place) : std::nullopt) {
+            complaints.push_back(std::move(*passedOver));
+        } else {
+            return found;
+        }
+    }
     std::vector<Rule> rules = read(list, whole, complaints);
     const JsonPositions positions(textOf(found.file));
     found.problem = sort(std::move(complaints), found.file, positions, found.warnings);

@@ -28,6 +28,11 @@ using RulesReader =
 /// `place`: of the table in the configuration.
 KESA_API DocumentRules readDocumentRules(const util::config::DocumentPath& place, const RulesReader& read);
 
+/// A key below `root`, the configuration, that was perhaps meant to be that of the table, which is not there: it would
+/// be none, and all would be open that it was to close.
+KESA_API std::optional<util::config::Complaint> findMisnamedTable(const util::config::Value& root,
+                                                                  const util::config::DocumentPath& place);
+
 } // namespace kesa::access
 
 #endif

@@ -39,6 +39,9 @@ public:
     /// or less is told, and the rest feels nothing. Answers why the document does not count, for people; then the
     /// policy is as before. Empty: it counts. Any thread, but no loop of the runtime: files are read.
     std::string reloadPolicy();
+    /// What counts now, for people: "3 rules of /etc/kesa.json", or that there is none, and what that means. Any
+    /// thread.
+    std::string describePolicy() const;
 
     serviceregistry::IServiceRegistry& registry();
 

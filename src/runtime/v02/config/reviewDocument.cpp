@@ -172,7 +172,7 @@ void reviewAccess(const ConfigNode& access)
 {
     if (access.value().isDefined() && !access.value().isArray()) {
         access.complain(
-            Severity::eWARNING, access.mismatch("a list of rules") + ": all services are closed to other users",
+            Severity::eERROR, access.mismatch("a list of rules") + ": all services are closed to other users",
             R"(write one such as {"user": "media", "may": ["retrieve"], "paths": ["/media/**"]}, in a list)");
     }
 }

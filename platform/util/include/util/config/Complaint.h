@@ -16,7 +16,7 @@ struct KESA_API Complaint {
     enum class Severity {
         eHINT = 2,    ///< nothing is affected
         eWARNING = 3, ///< the value is left out, or has not the effect that was meant
-        eERROR = 4    ///< the document does not count, or a process cannot start with it
+        eERROR = 4    ///< the document does not count, or a process cannot start with it, or serves nobody else
     };
 
     Severity severity;
