@@ -130,6 +130,33 @@ int tryConnect(const std::string& folder, int directory, const std::string& file
     return isConnected || errno == EAGAIN ? 0 : errno; // EAGAIN: others wait to be accepted
 }
 
+/// What stands where the process of the name listens. Where each user's files are his own, an empty file keeps the name
+/// for its user, and another user's keeps him out, unless he owns the directory.
+void readSocket(RunDirectoryFacts::Name& name, const std::string& folder, int directory, const struct stat& status)
+{
+    const std::string file = name.name + ".sock";
+    struct stat socket {};
+    struct stat lock {};
+    name.hasSocket = ::fstatat(directory, file.c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
+    if (!name.hasSocket) {
+        return;
+    }
+    const bool isSticky = (status.st_mode & S_ISVTX) != 0;
+    const bool hasUser = isSticky &&
+                         ::fstatat(directory, (name.name + ".lock").c_str(), &lock, AT_SYMLINK_NOFOLLOW) == 0 &&
+                         lock.st_uid != 0 && lock.st_uid != status.st_uid;
+    if (hasUser && socket.st_uid != lock.st_uid) {
+        name.keptOut = userName(lock.st_uid);
+        name.maker = userName(socket.st_uid);
+    } else if (isSticky && S_ISREG(socket.st_mode) && socket.st_size == 0) {
+        name.hasSocket = false;
+        return;
+    }
+    name.rights = rightsOf(socket);
+    name.kind = kindOf(socket);
+    name.connectError = tryConnect(folder, directory, file, name.listener);
+}
+
 /// The part before the ending; empty for a file without it.
 std::string withoutEnding(const std::string& file, std::string_view ending)
 {
@@ -233,13 +260,7 @@ RunDirectoryFacts::RunDirectoryFacts(const std::string& directoryPath) : path(di
         Name name;
         name.name = process;
         name.holder = findHolder(locks, directory.get(), process + ".lock");
-        struct stat socket {};
-        name.hasSocket = ::fstatat(directory.get(), (process + ".sock").c_str(), &socket, AT_SYMLINK_NOFOLLOW) == 0;
-        if (name.hasSocket) {
-            name.rights = rightsOf(socket);
-            name.kind = kindOf(socket);
-            name.connectError = tryConnect(path, directory.get(), process + ".sock", name.listener);
-        }
+        readSocket(name, path, directory.get(), status);
         findHeir(name, directory.get());
         if (name.hasSocket || name.holder != 0) {
             names.push_back(name);

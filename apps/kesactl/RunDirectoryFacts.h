@@ -21,9 +21,12 @@ struct RunDirectoryFacts {
         pid_t heirOf = 0;    ///< not 0: the holder is a child of that process, which had the name and has ended
         bool isLost = false; ///< its holder lives, but its files were removed; others may have the name by now
         bool hasSocket = false;
-        std::string kind;     ///< of what is no socket: "a directory"; else empty
-        pid_t listener = 0;   ///< who has made the socket; 0: unknown
-        std::string rights;   ///< of the socket: "srw-rw---- root kesa"
+        std::string kind;   ///< of what is no socket: "a directory"; else empty
+        pid_t listener = 0; ///< who has made the socket; 0: unknown
+        std::string rights; ///< of the socket: "srw-rw---- root kesa"
+        /// Whose the name is, if he cannot replace what stands there, which is of another user, `maker`; else empty.
+        std::string keptOut;
+        std::string maker;
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
     };
     /// A name that nobody has, and that its lock file keeps users from.

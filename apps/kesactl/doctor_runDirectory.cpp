@@ -135,7 +135,10 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
 /// Of what stands where a socket belongs.
 std::string explainStray(const Name& name, const std::string& socket)
 {
-    return name.kind == "a directory"
+    return !name.keptOut.empty()
+               ? fmt::format("{} is {}'s, while the name is {}'s, who cannot replace it: have {} remove it", socket,
+                             name.maker, name.keptOut, name.maker == "root" ? "root" : name.maker + " or root")
+           : name.kind == "a directory"
                ? fmt::format("{} is a directory, so no process can have that name; remove it", socket)
                : fmt::format(
                      "{} is {}, where a socket belongs; the next process of that name replaces it, or remove it",
@@ -154,7 +157,7 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
         const auto report = std::find_if(reports.begin(), reports.end(),
                                          [&name](const ProcessReport& each) { return each.name == name.name; });
         const comm::TimeNs after = report == reports.end() || name.isLost ? 0 : report->after;
-        if (isLeft(name) && !name.kind.empty()) {
+        if ((isLeft(name) && !name.kind.empty()) || !name.keptOut.empty()) {
             strays.push_back(explainStray(name, facts.path + "/" + name.name + ".sock"));
         }
         if (!isLeft(name) || ++left <= DoctorPage::MOST) {

@@ -49,6 +49,8 @@ def connect(directory: str, process: str) -> socket.socket:
     try:
         sock.setblocking(False)
         file = os.open(path, os.O_PATH | os.O_CLOEXEC | os.O_NOFOLLOW)
+        if stat.S_ISREG(os.fstat(file).st_mode):  # keeps the name for its user
+            raise FileNotFoundError(errno.ENOENT, os.strerror(errno.ENOENT), path)
         sock.connect(f"/proc/self/fd/{file}")  # a socket's address has 108 bytes, whatever the path has
         _check_listener(sock, os.fstat(file).st_uid, directory, process)
         return sock
@@ -149,7 +151,7 @@ class Claim:
     def release(self) -> None:
         """Removes the socket, then gives the name back."""
         try:
-            os.unlink(self._path)
+            _remove(self._path)
         except FileNotFoundError:
             pass
         self.socket.close()
@@ -293,6 +295,19 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
     finally:
         if file is not None:
             os.close(file)
+
+
+def _remove(path: str) -> None:
+    """Where the sticky bit keeps each user's files his own, an empty file takes the place of the socket: into a gap anybody
+    could put a file of his, and the next process of the name could not replace that."""
+    directory = os.path.dirname(path)
+    folder = os.stat(directory)
+    if not folder.st_mode & stat.S_ISVTX or os.geteuid() in (0, folder.st_uid):
+        os.unlink(path)
+        return
+    draft = os.path.join(directory, f".{os.getpid()}.{next(_numbers)}.tmp")
+    os.close(os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o600))
+    os.rename(draft, path)
 
 
 def _set_mode(path: str, mode: int) -> None:

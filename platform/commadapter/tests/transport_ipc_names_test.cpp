@@ -122,6 +122,34 @@ TEST_F(TransportIpc, ANameIsOfNoUserButWhereEachUsersFilesAreHisOwn)
     ASSERT_EQ(::seteuid(0), 0);
 }
 
+TEST_F(TransportIpc, WhereEachUsersFilesAreHisOwnANameIsKeptBetweenTwoProcessesOfIt)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    constexpr uid_t USER = 54321;
+    fs::create_directory(directory);
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(directory.c_str(), 01777), 0);
+    std::ofstream(directory + "/media.sock").flush(); // as it is made at boot, for him
+    ASSERT_EQ(::chown((directory + "/media.sock").c_str(), USER, USER), 0);
+    Node client(board, directory);
+    for (int start = 0; start < 2; ++start) {
+        EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING) << client.reason;
+        ASSERT_EQ(::seteuid(USER), 0);
+        {
+            Node provider(board, directory);
+            EXPECT_FALSE(provider.listen("media")) << provider.why;
+            EXPECT_EQ(client.connect("media"), std::nullopt) << client.reason;
+        }
+        ASSERT_EQ(::seteuid(0) + ::seteuid(USER + 1), 0);
+        std::error_code error;
+        fs::remove(directory + "/media.sock", error);
+        EXPECT_EQ(error, std::errc::operation_not_permitted);
+        ASSERT_EQ(::seteuid(0), 0);
+    }
+}
+
 TEST_F(TransportIpc, WithoutDescriptorsTheLimitIsNamedAndTheNextClaimGoesOn)
 {
     Node node(board, directory);

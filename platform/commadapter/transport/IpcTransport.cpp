@@ -12,6 +12,7 @@
 #include "transport/NameLock.h"
 #include "transport/PeerProcess.h"
 #include "transport/RunDirectory.h"
+#include "transport/whoMayListen.h"
 #include <rules/usersAndGroups.h>
 
 #include <comm/processStart.h>
@@ -74,39 +75,6 @@ int connectTo(const Descriptor& file, const Descriptor& socket)
     link.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
     return retryInterrupted(
         [&] { return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address); });
-}
-
-/// Who listens is who made the socket, or root, which may do so for others: else somebody was handed it, or has taken
-/// it. Empty when it is so.
-std::string complaintAboutListener(const std::string& path, const struct stat& file, const PeerIdentity& listener)
-{
-    if (listener.uid == 0 || listener.uid == std::int64_t{file.st_uid}) {
-        return {};
-    }
-    const auto user = static_cast<uid_t>(listener.uid);
-    return fmt::format(
-        "the socket \"{}\" is of the user \"{}\", and process {}, which listens on it, of the user \"{}\"; "
-        "end that one, and start the one that is meant anew",
-        obr::visible(path), access::userName(file.st_uid), listener.pid, access::userName(user));
-}
-
-/// Where each user's files are his own, a name is of the user whose lock file is there, whoever made a socket for it.
-/// Empty when nobody else listens.
-std::string complaintAboutName(const std::string& directory, const std::string& process, const PeerIdentity& listener)
-{
-    struct stat folder {};
-    struct stat lock {};
-    const std::string file = directory + '/' + nameLockFile(process);
-    if (listener.uid == 0 || ::stat(directory.c_str(), &folder) != 0 || (folder.st_mode & S_ISVTX) == 0 ||
-        ::lstat(file.c_str(), &lock) != 0 || !S_ISREG(lock.st_mode) || listener.uid == std::int64_t{lock.st_uid}) {
-        return {};
-    }
-    const std::string owner = access::userName(lock.st_uid);
-    return fmt::format("the name \"{}\" is of the user \"{}\", whose lock file is there, and process {}, which listens "
-                       "by it, of the user \"{}\"; end that one and remove its socket, or, to give it the name, "
-                       "have {} remove \"{}\"",
-                       obr::visible(process), owner, listener.pid, access::userName(static_cast<uid_t>(listener.uid)),
-                       owner, obr::visible(file));
 }
 
 const ::tracing::Channel& channel()
@@ -385,6 +353,9 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
                                                    : refuse(Failure::eOTHER, "cannot look into the run directory");
     }
     ::fstat(file.get(), &status);
+    if (S_ISREG(status.st_mode)) { // see NameClaim.cpp
+        return miss(endpoint, SocketFile(status));
+    }
     auto socket = makeSocket();
     if (!socket) {
         return refuse(Failure::eOTHER, "cannot make a socket");
@@ -411,8 +382,7 @@ ITransport::Connected IpcTransport::open(const Endpoint& endpoint)
     }
     tried(endpoint, SocketFile(status));
     auto stream = makeStream(std::move(socket));
-    std::string why = complaintAboutListener(path, status, stream->peer());
-    why = why.empty() ? complaintAboutName(m_runDirectory.path(), endpoint.process, stream->peer()) : why;
+    std::string why = complaintAboutListener(m_runDirectory.path(), endpoint.process, status, stream->peer());
     if (!why.empty()) {
         return {nullptr, Failure::eOTHER, std::move(why)};
     }
@@ -563,8 +533,7 @@ PeerIdentity IpcTransport::whoListens(const std::string& process) const
         return socket && errno == ECONNREFUSED ? nobody : PeerIdentity();
     }
     PeerIdentity listener = identityOf(socket.get());
-    if (!complaintAboutListener(path, status, listener).empty() ||
-        !complaintAboutName(m_runDirectory.path(), process, listener).empty()) {
+    if (!complaintAboutListener(m_runDirectory.path(), process, status, listener).empty()) {
         return nobody;
     }
     const PeerProcess alive = openPeerProcess(socket.get(), listener.pid);

@@ -1,4 +1,6 @@
-// Only the holder of the lock touches `<process>.sock`: a socket left by a dead process is simply replaced.
+// Only the holder of the lock touches `<process>.sock`: a socket left by a dead process is simply replaced. Where the
+// sticky bit keeps each user's files his own, an empty file takes its place at the end: into a gap anybody could put a
+// file of his, and the next process of the name could not replace that.
 
 #include "transport/NameClaim.h"
 
@@ -99,6 +101,12 @@ bool NameClaim::lock(std::string& why)
     return false;
 }
 
+/// A name of many encoded bytes is cut, for the length of socket addresses; the lock's number keeps it unique.
+std::string NameClaim::draftName() const
+{
+    return fmt::format(".{:.40}.{}.{}.tmp", encodeProcessName(m_process), ::getpid(), m_lock.get());
+}
+
 /// The socket gets its rights under a name nobody looks for, and appears under its own when one can connect to it.
 bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
@@ -107,9 +115,7 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
         why = fmt::format("cannot make a socket: {}", obr::explainError(errno));
         return true;
     }
-    // A name of many encoded bytes is cut, for the length of socket addresses; the lock's number keeps it unique.
-    const std::string temporary =
-        fmt::format(".{:.40}.{}.{}.tmp", encodeProcessName(m_process), ::getpid(), m_lock.get());
+    const std::string temporary = draftName();
     ::unlinkat(m_directory.get(), temporary.c_str(), 0);
     bool failed = bindHidden(temporary, settings, why);
     struct stat status {};
@@ -178,6 +184,26 @@ bool NameClaim::isNameThere() const
     return isNameLockThere(m_directory.get(), m_process, m_lock.get());
 }
 
+void NameClaim::removeSocket() const
+{
+    struct stat folder {};
+    const uid_t user = ::geteuid();
+    const bool mayBeKeptOut = ::fstat(m_directory.get(), &folder) == 0 && (folder.st_mode & S_ISVTX) != 0 &&
+                              user != 0 && user != folder.st_uid;
+    if (!mayBeKeptOut) {
+        ::unlinkat(m_directory.get(), m_file.c_str(), 0);
+        return;
+    }
+    const std::string temporary = draftName();
+    const auto kept = Descriptor::open([&] {
+        return ::openat(m_directory.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                        S_IRUSR | S_IWUSR);
+    });
+    if (kept && ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0) {
+        ::unlinkat(m_directory.get(), temporary.c_str(), 0); // the socket then keeps the place
+    }
+}
+
 NameClaim::~NameClaim()
 {
     if (!m_lock.isHere()) {
@@ -186,7 +212,7 @@ NameClaim::~NameClaim()
     struct stat status {};
     if (m_inode != 0 && ::fstatat(m_directory.get(), m_file.c_str(), &status, AT_SYMLINK_NOFOLLOW) == 0 &&
         isSocketFile(status)) {
-        ::unlinkat(m_directory.get(), m_file.c_str(), 0);
+        removeSocket();
     }
     m_socket.reset();
     static_cast<void>(::ftruncate(m_lock.get(), 0));

@@ -48,6 +48,8 @@ private:
     bool lock(std::string& why);
     bool listen(const IpcSettings& settings, std::string& why);
     bool bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const;
+    std::string draftName() const;
+    void removeSocket() const;
 
     const Descriptor m_directory;
     const std::string m_process;
