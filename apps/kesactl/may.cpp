@@ -60,7 +60,12 @@ kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom)
         throw Failure{ExitCode::eTIMED_OUT, whom + " has not answered in time"};
     }
     if (answer.kind != Answers::Kind::eVALUE) {
-        throw Failure{ExitCode::eFAILED, whom + " answers " + kesa::reasonOf(answer.response)};
+        const bool knowsNothing = answer.response.getStatus() == 404;
+        throw Failure{ExitCode::eFAILED,
+                      fmt::format("{} answers {}{}", whom, kesa::reasonOf(answer.response),
+                                  knowsNothing ? "; one that knows no rules, as of the Python client, lets everybody "
+                                                 "ask who may connect"
+                                               : "")};
     }
     return answer.response;
 }

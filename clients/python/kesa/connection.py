@@ -53,7 +53,7 @@ class Connection:
         self._pinged: float | None = None
         self._process: int | None = None
         self._wire = Wire(loop, sock, self._received, lambda: self._end("the peer closed the connection"))
-        self.pid = self._wire.peer()[0] if peer_is == "client" else 0
+        self.pid, self.uid = self._wire.peer() if peer_is == "client" else (0, -1)
         self._hello_timer = loop.call_later(HELLO_SECONDS, self._end, "the peer sent no hello")
         self._look_timer = loop.call_later(_LOOK_SECONDS, self._look)
         self._wire.write(Message(frames.HELLO, head=own).encode())

@@ -19,7 +19,8 @@ _log = logging.getLogger("kesa")
 class Request:
     """What a client asked for.
 
-    `path` is inside the service, `/` the service itself. `client` is `NAME:PID` as the kernel and the client's hello say.
+    `path` is inside the service, `/` the service itself. `client` is `NAME:PID` as the kernel and the client's hello say, `uid` its
+    user, as the kernel says.
     `follows` is true if the client wants to hear changes until it cancels. `cancelled` is set when it wants no more values.
     """
 
@@ -29,6 +30,7 @@ class Request:
     mime_type: str
     headers: dict[str, Any]
     client: str
+    uid: int
     follows: bool
     cancelled: threading.Event = field(default_factory=threading.Event)
 

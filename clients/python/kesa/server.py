@@ -170,7 +170,8 @@ class _Peer:
         semantic = head.headers.get("$response-semantic", "")
         client = f"{self.connection.peer.process}:{self.connection.pid}"
         headers = {**head.headers, "$client-id": client}
-        request = Request(head.command, head.path or "/", message.body, head.mime_type, headers, client, semantic == STREAM)
+        uid, follows = self.connection.uid, semantic == STREAM
+        request = Request(head.command, head.path or "/", message.body, head.mime_type, headers, client, uid, follows)
         serving = self.open[message.stream] = _Serving(self, message.stream, message.target, request, semantic)
         path = self._paths.get(message.target, "")
         handler = self.server.services.get(path)

@@ -57,7 +57,7 @@ def answer(request: kesa.Request):
         case "/three":
             return iter(("a", "b", "c"))
         case "/who":
-            return {"client": request.client, "command": request.command, "follows": request.follows}
+            return {"client": request.client, "uid": request.uid, "command": request.command, "follows": request.follows}
         case "/large":
             return bytes(request.value)
         case "/text":
