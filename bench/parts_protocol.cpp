@@ -15,6 +15,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -35,11 +36,16 @@ public:
     Room onLarge(std::uint32_t, std::size_t) override { return Room::eTHERE; }
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
-    void onRequest(std::uint32_t, std::uint32_t, Request request, bool) override { add(request.getPayload()); }
+    void onRequest(std::uint32_t, std::uint32_t, Request request, bool, std::size_t cost) override
+    {
+        add(request.getPayload());
+        requestBytes += cost;
+    }
     void onCancel(std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}
     void onCredit(std::uint32_t, std::uint32_t) override {}
+    void onRequestCredit(std::uint32_t) override {}
     void onNext(std::uint32_t, Response response, std::size_t) override { add(response.getPayload()); }
     void onError(std::uint32_t, Response) override {}
     void onCompleted(std::uint32_t) override {}
@@ -47,6 +53,7 @@ public:
 
     std::size_t messages = 0;
     std::size_t bytes = 0;
+    std::size_t requestBytes = 0; ///< of their window, not given back
 
 private:
     void add(const Payload& payload)
@@ -77,6 +84,7 @@ public:
             }
             move(m_client, m_server);
             move(m_server, m_client);
+            require(!m_client.output.takeRequestCredit(std::exchange(heard.requestBytes, 0)), "credit");
         }
         const std::int64_t end = bench::threadCpuNs();
         require(heard.messages == static_cast<std::size_t>(messages) && heard.bytes == heard.messages * body,

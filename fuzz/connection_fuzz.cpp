@@ -67,11 +67,12 @@ private:
         Room onLarge(std::uint32_t, std::size_t) override { return Room::eTHERE; }
         void onAttach(std::uint32_t, std::string) override {}
         void onDetach(std::uint32_t) override {}
-        void onRequest(std::uint32_t, std::uint32_t, Request, bool) override {}
+        void onRequest(std::uint32_t, std::uint32_t, Request, bool, std::size_t) override {}
         void onCancel(std::uint32_t) override {}
         void onAttached(std::uint32_t) override {}
         void onDetached(std::uint32_t) override {}
         void onCredit(std::uint32_t, std::uint32_t) override {}
+        void onRequestCredit(std::uint32_t) override {}
         void onNext(std::uint32_t, Response, std::size_t) override {}
         void onError(std::uint32_t, Response) override {}
         void onCompleted(std::uint32_t) override {}
@@ -222,7 +223,11 @@ public:
         Client honest(*m_victim, "ipc://honest/service");
         Client client(*m_victim, "ipc://evil/service");
         m_scheduler.runFor(comm::MILLISECOND);
-        attack([&] { client.ask(m_data.ConsumeBool() ? "/keep" : ""); });
+        attack([&] {
+            const int what = m_data.ConsumeIntegralInRange(0, 3);
+            what == 3 ? client.takeBack()
+                      : client.ask(what == 0 ? "" : "/keep", m_data.ConsumeIntegralInRange<std::size_t>(1, 100000));
+        });
         require(honest.asks(m_scheduler));
         leave();
         require(honest.asks(m_scheduler));
@@ -241,13 +246,21 @@ private:
         Client(const Client&) = delete;
         Client& operator=(const Client&) = delete;
 
-        void ask(const std::string& path)
+        void ask(const std::string& path, std::size_t size = 1)
         {
-            Request request("retrieve", path, Payload::createFromString("x", "plain/text"));
+            Request request("retrieve", path, Payload::createFromString(std::string(size, 'x'), "plain/text"));
             if (path == "/keep") {
                 request.setHeader("$response-semantic", responsesemantics::PERSISTENT_STREAM);
             }
-            static_cast<void>(m_api->request(request, std::make_unique<Answer>(m_values)));
+            m_asked.push_back(m_api->request(request, std::make_unique<Answer>(m_values)));
+        }
+        /// The one that was asked last; perhaps it has ended.
+        void takeBack()
+        {
+            if (!m_asked.empty()) {
+                m_api->cancel(m_asked.back());
+                m_asked.pop_back();
+            }
         }
         bool asks(comm::SimulatedScheduler& scheduler)
         {
@@ -263,6 +276,7 @@ private:
         IBackend& m_backend;
         Listener m_listener;
         const std::unique_ptr<KesaClientApi> m_api;
+        std::vector<void*> m_asked;
         int m_values = 0;
     };
 
@@ -306,7 +320,7 @@ private:
     }
     void sayTo(RawPeer& peer, unsigned times)
     {
-        const int what = m_data.ConsumeIntegralInRange(0, 11);
+        const int what = m_data.ConsumeIntegralInRange(0, 12);
         const auto stream = m_data.ConsumeIntegralInRange<std::uint32_t>(1, 70);
         const auto size = m_data.ConsumeIntegralInRange<std::size_t>(0, what == 3 ? 300000 : 5000);
         for (unsigned i = 0; i < times && !peer.isOver(); ++i) {
@@ -350,8 +364,22 @@ private:
         case 9:
             begin(peer, isServer ? 6 : 5, stream, static_cast<std::uint32_t>(size) * 4000);
             return;
+        case 10:
+            giveCredit(peer, stream, size);
+            return;
         default:
             bite(peer);
+        }
+    }
+    /// As a client it takes some, too, that nobody gives.
+    void giveCredit(RawPeer& peer, std::uint32_t stream, std::size_t size)
+    {
+        if (m_isPeerServer) {
+            peer.machine.output.requestCredit(size);
+        } else {
+            peer.machine.output.credit(stream, size);
+            peer.sayQueued();
+            static_cast<void>(peer.machine.output.takeRequestCredit(100 * size));
         }
     }
     static Request keep(const Payload& body)

@@ -29,11 +29,14 @@ public:
           m_receiver(hearing, helloOf("echo"), {}, m_second, 0)
     {}
 
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent,
+                   std::size_t cost) override
     {
         m_isSaid = m_sender.output.request(stream, target, request) == Sent::eQUEUED;
-        Recorder::onRequest(stream, target, std::move(request), isPersistent);
+        requestsTaken = 0;
+        Recorder::onRequest(stream, target, std::move(request), isPersistent, cost);
         compare();
+        require(!m_sender.output.takeRequestCredit(std::exchange(m_second.requestsTaken, 0)), "it costs the same");
     }
     void onNext(std::uint32_t stream, Response response, std::size_t size) override
     {
@@ -123,7 +126,8 @@ public:
 
     void say()
     {
-        const auto stream = m_data.ConsumeIntegralInRange<std::uint32_t>(1, 4);
+        // One of the last four requests, each of which has a number of its own.
+        const std::uint32_t stream = m_last - std::min(m_last - 1, m_data.ConsumeIntegralInRange<std::uint32_t>(0, 3));
         switch (m_data.ConsumeIntegralInRange(0, 9)) {
         case 0:
             pair.client.output.detached(stream);
@@ -139,7 +143,7 @@ public:
             }
             break;
         default:
-            request(stream);
+            request(++m_last);
         }
     }
 
@@ -169,24 +173,26 @@ private:
 
     FuzzedDataProvider& m_data;
     bool m_hasTakenBack = false;
+    std::uint32_t m_last = 1;
 };
 
 void converse(FuzzedDataProvider& data)
 {
     Conversation talk(data);
     Pair& pair = talk.pair;
-    if (data.ConsumeBool()) {
-        pair.atServer.held = &pair.server;
-    }
     while (data.remaining_bytes() > 0) {
         talk.say();
         if (data.ConsumeBool()) {
             const auto atMost = data.ConsumeIntegralInRange<std::size_t>(0, 100000);
             require(!feed(pair.server, take(pair.client, atMost, data.ConsumeIntegralInRange<std::size_t>(1, 9))),
                     "a valid conversation is accepted");
+            require(!pair.handleRequests(data.ConsumeIntegralInRange<std::size_t>(0, 300000)), "credit is accepted");
         }
     }
-    require(!feed(pair.server, takeAll(pair.client)), "a valid conversation is accepted");
+    do {
+        require(!pair.handleRequests(), "credit is accepted");
+        require(!feed(pair.server, takeAll(pair.client)), "a valid conversation is accepted");
+    } while (pair.client.output.waitingBytes() > 0);
     require(pair.client.output.queuedBytes() == 0, "everything leaves");
     if (talk.hasTakenBack()) {
         return; // order and content were checked by being accepted

@@ -49,7 +49,7 @@ std::string SeenByProvider::slownessText(const std::string& provider) const
         text += fmt::format("; {} of its streams ended as \"too slow\"", cutStreams);
     }
     if (isHeld) {
-        text += fmt::format("; {} reads no request of it until it has taken its answers", provider);
+        text += fmt::format("; {} serves no request of it until it has taken its answers", provider);
     }
     return text;
 }

@@ -14,7 +14,7 @@ struct SeenByProvider {
     bool isKnown = false; ///< else it has not answered, or not named all
     bool isConnected = false;
     bool isAsked = false;         ///< a request is open, or how many are was not counted
-    bool isHeld = false;          ///< it does not read on, since the other does not take its answers
+    bool isHeld = false;          ///< it serves no request of the other, which does not take its answers
     std::int64_t queuedBytes = 0; ///< what waits in it for the other
     std::int64_t cutStreams = 0;  ///< ended as "too slow" since it has connected, perhaps long ago
 

@@ -108,6 +108,11 @@ std::string fragmentOfRequest(std::uint32_t stream, std::uint32_t target)
     return frame(eREQUEST, stream, target, {}, std::string(FRAGMENT_BYTES, ' '), eMORE);
 }
 
+std::size_t costOf(std::string_view request)
+{
+    return 256 + numberAt(request, 0);
+}
+
 Kind kindOf(std::string_view frame)
 {
     return static_cast<Kind>(frame.at(4));

@@ -15,6 +15,10 @@ enum Kind : std::uint8_t { eHELLO = 1, eATTACH = 2, eDETACHED = 4, eREQUEST = 5,
 
 enum Flags : std::uint8_t { eMORE = 1 };
 
+constexpr std::size_t REQUEST_WINDOW = 262144;
+/// What a request of one frame takes of it.
+std::size_t costOf(std::string_view request);
+
 std::string frame(std::uint8_t kind, std::uint32_t stream, std::uint32_t target, const std::string& head = {},
                   const std::string& body = {}, std::uint8_t flags = 0);
 /// `instance`: 16 bytes.

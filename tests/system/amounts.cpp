@@ -129,6 +129,18 @@ TEST_F(SystemAmounts, WhoAsksWithoutPauseLeavesTurnsAndTheLogToOthers)
     }
 }
 
+TEST_F(SystemAmounts, WhoAsksWithoutCreditIsCutOff)
+{
+    for (const Victim& victim : startVictims()) {
+        SCOPED_TRACE(victim.process.name());
+        const Intruder intruder([&](auto& peers, int) { askBeyondTheWindow(peers, runDirectory(), victim); });
+        intruder.awaitWord();
+        expectServed();
+        EXPECT_NE(victim.process.traces().find("is cut off: it sends more requests than it has credit for"),
+                  std::string::npos);
+    }
+}
+
 /// Every attack on both victims, while honest processes come, are served and go.
 std::vector<std::chrono::milliseconds> SystemAmounts::attackAll(const std::array<Victim, 2>& victims)
 {

@@ -156,15 +156,31 @@ void askForEver(std::deque<RawPeer>& peers, const std::string& runDirectory, con
 
 void askAndReadNothing(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim)
 {
+    for (int count = 0; count < 100; ++count) {
+        RawPeer& peer = peers.emplace_back(runDirectory, victim.process.name());
+        peer.send(wire::hello() + wire::attach(1, victim.path));
+        peer.readFrame();
+        peer.readFrame();
+        std::size_t used = 0;
+        for (std::uint32_t stream = 1; used < wire::REQUEST_WINDOW; ++stream) {
+            const std::string request = requestThatEnds(victim, stream);
+            used += wire::costOf(request);
+            peer.send(request);
+        }
+    }
+}
+
+void askBeyondTheWindow(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim)
+{
     RawPeer& peer = peers.emplace_back(runDirectory, victim.process.name());
     peer.send(wire::hello() + wire::attach(1, victim.path));
     peer.readFrame();
     peer.readFrame();
+    std::string all;
     for (std::uint32_t stream = 1; stream <= 65536; ++stream) {
-        const std::string request = requestThatEnds(victim, stream);
-        if (peer.sendSome(request) != request.size()) {
-            break;
-        }
+        all += requestThatEnds(victim, stream);
+    }
+    while (!peer.send(all)) { // those before have ended
     }
 }
 

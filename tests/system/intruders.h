@@ -49,8 +49,13 @@ void attachLongPaths(std::deque<RawPeer>& peers, const std::string& runDirectory
 void connectOften(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim, std::size_t times);
 /// Asks on many connections, and takes every answer; for ever. Says a word once all have begun.
 void askForEver(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim, int told);
-/// Asks, and takes no answer, until nothing more is taken.
+/// Asks on many connections as much as there is credit for, and takes no answer.
 void askAndReadNothing(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
+
+// And one that does not.
+
+/// Asks without credit, until it is cut off.
+void askBeyondTheWindow(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
 
 } // namespace kesa::system_test
 

@@ -10,13 +10,16 @@ from typing import Iterator
 from . import heads
 from .errors import ProtocolError
 
-HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG, GOODBYE, CREDIT = range(1, 14)
+HELLO, ATTACH, ATTACHED, DETACHED, REQUEST, NEXT, ERROR, COMPLETED, CANCEL, PING, PONG, GOODBYE, CREDIT, REQUEST_CREDIT = range(1, 15)
 LARGEST_FRAME = 65536
 LARGEST_STREAM = 65536
+REQUEST_WINDOW = 262144
+"""Of a connection: what requests may take of it before the server gives some back."""
 _MORE = 1
 _MAY_BE_IGNORED = 2
 _LARGEST_STATUS = 65535
 _MOST_FRAGMENTED = 16
+_REQUEST_BYTES = 256  # beside its head and body
 _HEADER = struct.Struct("<IBBHII")
 
 
@@ -44,12 +47,13 @@ _KINDS = {
     PONG: _Kind("pong", "both"),
     GOODBYE: _Kind("goodbye", "server", head=True),
     CREDIT: _Kind("credit", "client", stream=True, target=True),
+    REQUEST_CREDIT: _Kind("request credit", "server", target=True),
 }
 
 
 @dataclass
 class Message:
-    """One message. `target` of next and error is the status, that of credit the bytes."""
+    """One message. `target` of next and error is the status, that of both kinds of credit the bytes."""
 
     kind: int
     stream: int = 0
@@ -62,12 +66,21 @@ class Message:
     @property
     def charge(self) -> int:
         """What a value takes of the window of its stream."""
+        return _HEADER.size + self._content
+
+    @property
+    def cost(self) -> int:
+        """What a request takes of the window of requests."""
+        return _REQUEST_BYTES + self._content
+
+    @property
+    def _content(self) -> int:
         size = self.head_size
         if size is None:
             size = len(self.head.encode())
             if size + len(self.body) > LARGEST_FRAME:
                 size = len(dataclasses.replace(self.head, body_size=len(self.body)).encode())
-        return _HEADER.size + size + len(self.body)
+        return size + len(self.body)
 
     def encode(self, limit: int = heads.DEFAULT_LIMIT) -> bytes:
         """All its frames, one behind the other. ValueError if it has no form; OverflowError if it is larger than `limit`."""

@@ -11,7 +11,7 @@ from typing import Any, Callable
 
 from . import frames, rundir
 from .connection import PROTOCOL_BROKEN, Connection
-from .errors import ServiceError
+from .errors import ProtocolError, ServiceError
 from .frames import Message
 from .heads import Head, Hello
 
@@ -94,6 +94,8 @@ class Link:
         self._last_number = 0
         self._exchanges: dict[int, Exchange] = {}
         self._last_stream = 0
+        self._used = 0  # of the window of requests
+        self._waiting: dict[int, Message] = {}  # requests that wait for credit, in their order
         self._pause = _SHORTEST_PAUSE
         self._retry: asyncio.TimerHandle | None = None
 
@@ -137,7 +139,7 @@ class Link:
         exchange.stream = self._free_stream()
         head = Head(command, path, mime_type, None, exchange.headers)
         try:
-            self._connection.send(Message(frames.REQUEST, exchange.stream, exchange.target.number, head, data))
+            self._send_request(self._connection, Message(frames.REQUEST, exchange.stream, exchange.target.number, head, data))
         except OverflowError as error:
             raise ServiceError(413, str(error)) from None
         except ValueError as error:
@@ -148,7 +150,27 @@ class Link:
         """No value comes any more; `on_end` still does."""
         if not exchange.cancelled and self._exchanges.get(exchange.stream) is exchange and self._connection:
             exchange.cancelled = True
-            self._connection.send(Message(frames.CANCEL, exchange.stream))
+            if self._waiting.pop(exchange.stream, None):
+                self._loop.call_soon(self._take, Message(frames.ERROR, exchange.stream, 503, body=b"cancelled"))
+            else:
+                self._connection.send(Message(frames.CANCEL, exchange.stream))
+
+    def _send_request(self, connection: Connection, message: Message) -> None:
+        if self._waiting or self._used >= frames.REQUEST_WINDOW:
+            message.encode(connection.limit)  # it is refused now
+            self._waiting[message.stream] = message
+        else:
+            connection.send(message)
+            self._used += message.cost
+
+    def _credit(self, connection: Connection, size: int) -> None:
+        if size > self._used:
+            raise ProtocolError("more credit than the requests have used")
+        self._used -= size
+        while self._waiting and self._used < frames.REQUEST_WINDOW:
+            message = self._waiting.pop(next(iter(self._waiting)))
+            connection.send(message)
+            self._used += message.cost
 
     async def close(self) -> None:
         """Sends what is pending, then closes; every open request ends with 503."""
@@ -212,7 +234,7 @@ class Link:
 
     def _make(self, sock: socket.socket) -> Connection:
         def waits() -> bool:
-            return any(exchange.semantic in (SINGLE, EMPTY) for exchange in self._exchanges.values())
+            return bool(self._waiting) or any(exchange.semantic in (SINGLE, EMPTY) for exchange in self._exchanges.values())
 
         return Connection(self._loop, sock, self._hello(), "server", self._take, self._lost, waits)
 
@@ -235,6 +257,8 @@ class Link:
         self.problem = f"the connection to {self.process!r} is lost: {reason}"
         self._fault = f"; before this connection, {reason}" if reason.startswith(PROTOCOL_BROKEN) else ""
         self._connection = None
+        self._waiting.clear()
+        self._used = 0
         exchanges, self._exchanges = self._exchanges, {}
         for target in list(self._numbers.values()):
             target.tell(False)
@@ -252,6 +276,10 @@ class Link:
                 if message.kind == frames.ATTACHED:
                     self._pause = _SHORTEST_PAUSE
                 target.tell(message.kind == frames.ATTACHED)
+            return
+        if message.kind == frames.REQUEST_CREDIT:
+            if self._connection:
+                self._credit(self._connection, message.target)
             return
         exchange = self._exchanges.get(message.stream)
         if exchange is None:

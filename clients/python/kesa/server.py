@@ -113,6 +113,7 @@ class _Peer:
         self.server = server
         self.open: dict[int, _Serving] = {}
         self._paths: dict[int, str] = {}
+        self._used = self._handled = 0  # of the window of requests
         self.connection = Connection(server.loop, sock, hello, "client", self._take, self._lost)
 
     def provided(self, path: str) -> None:
@@ -164,6 +165,21 @@ class _Peer:
             self.connection.send(Message(frames.ATTACHED, target=number))
 
     def _request(self, message: Message) -> None:
+        if self._used >= frames.REQUEST_WINDOW:
+            raise ProtocolError("more requests than it has credit for")
+        self._used += message.cost
+        self._serve(message)
+        self._handled += message.cost
+        if self._handled >= frames.REQUEST_WINDOW // 2:
+            size, self._handled = self._handled, 0
+            # A client that takes no answers gets no credit for further requests.
+            self.connection.when_room(lambda: self._give_credit(size))
+
+    def _give_credit(self, size: int) -> None:
+        self._used -= size
+        self.connection.send(Message(frames.REQUEST_CREDIT, target=size))
+
+    def _serve(self, message: Message) -> None:
         if message.stream in self.open:
             raise ProtocolError(f"request with number {message.stream}, which is in use")
         head = message.head

@@ -25,6 +25,8 @@ class CallingCpp(SystemTest):
             self.failure(lambda: self.system.call("/system/cpu", "/no/such", body=bytes(3_000_000))),
         ):
             self.assertEqual((error.status, error.reason), (404, "no resource at '/no/such'"))
+        # The window of requests was used up, and is given back.
+        self.assertEqual(list(self.system.call("/system/cpu")), ["busy_percent"])
         with self.assertRaisesRegex(kesa.ServiceNotThere, "no process provides /nobody"):
             self.system.call("/nobody")
         error = self.failure(lambda: self.system.call("/system/cpu", body=bytes(17_000_000)))

@@ -25,6 +25,7 @@ _NAMES = {
     frames.PONG: "pong",
     frames.GOODBYE: "goodbye",
     frames.CREDIT: "credit",
+    frames.REQUEST_CREDIT: "request credit",
 }
 
 

@@ -110,7 +110,7 @@ void appendConnection(std::string& out, const ConnectionFacts& facts)
     connection.number("queuedBytes", facts.queuedBytes);
     connection.number("unreadBytes", facts.unreadBytes);
     if (facts.isByPeer) {
-        connection.flag("held", facts.isShut);
+        connection.flag("held", facts.isHeld);
         connection.number("cutStreams", facts.cutStreams);
     }
     if (!facts.reason.empty()) {

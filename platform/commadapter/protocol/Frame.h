@@ -13,6 +13,7 @@ inline constexpr std::size_t HEADER_BYTES = 16;
 inline constexpr std::size_t FRAME_BYTES = 64U << 10U;      ///< head and body in one frame; a larger message is cut
 inline constexpr std::size_t MAX_HEAD_BYTES = 60U << 10U;   ///< so that every head fits into its first fragment
 inline constexpr std::uint32_t STREAM_WINDOW = 64U << 10U;  ///< of a peer that does not say another
+inline constexpr std::size_t REQUEST_WINDOW = 256U << 10U;  ///< of the requests of a connection
 inline constexpr std::size_t MAX_PATH_BYTES = 4096;         ///< of an attached path
 inline constexpr std::size_t INLINE_BODY_BYTES = 4U << 10U; ///< bodies up to this are copied, larger ones are not
 inline constexpr std::size_t MAX_INTERLEAVED = 16;          ///< fragmented messages of one side under way at once
@@ -31,15 +32,22 @@ enum class Kind : std::uint8_t {
     ePONG,
     eGOODBYE,
     eCREDIT,
+    eREQUEST_CREDIT,
 };
 
 inline constexpr std::uint8_t FLAG_MORE = 1;           ///< the message goes on in a later frame of its stream
 inline constexpr std::uint8_t FLAG_MAY_BE_IGNORED = 2; ///< whoever does not know the kind skips the frame
 
-/// What a message of so many bytes, head and body, takes of a window.
+/// What a value of so many bytes, head and body, takes of a stream's window.
 inline constexpr std::size_t chargeOf(std::size_t content) noexcept
 {
     return HEADER_BYTES + content;
+}
+
+/// What a request takes of the connection's: a small one costs the server about that much.
+inline constexpr std::size_t costOf(std::size_t content) noexcept
+{
+    return 256 + content;
 }
 
 /// The 16 bytes in front of each frame.

@@ -35,6 +35,7 @@ void FrameQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, con
     m_frameBytes = m_bytes.size();
     m_queued += m_entries.back().size();
     m_persistent += isPersistent ? m_entries.back().size() : 0;
+    m_requestCost += m_entries.back().requestCost();
     m_hasPing = m_hasPing || kind == Kind::ePING;
     m_hasPong = m_hasPong || kind == Kind::ePONG;
 }
@@ -97,6 +98,7 @@ void FrameQueue::sent(std::size_t size)
         if (!entry.isDropped) {
             m_frontWritten -= entry.size();
             m_persistent -= entry.isPersistent ? entry.size() : 0;
+            m_requestCost -= entry.requestCost();
         }
         popFront();
     }

@@ -51,6 +51,8 @@ public:
     std::size_t bytes() const noexcept { return m_queued; }
     /// Of messages pushed as persistent; one counts as a whole until it has left.
     std::size_t persistentBytes() const noexcept { return m_persistent; }
+    /// What the requests here take of their window; one counts as a whole until it has left.
+    std::size_t requestCost() const noexcept { return m_requestCost; }
     std::size_t bytes(std::uint32_t stream);
     /// Whether a byte of the message of `stream` and `kind` is still queued: a search.
     bool contains(std::uint32_t stream, Kind kind);
@@ -93,6 +95,7 @@ private:
         bool isPersistent;
 
         std::size_t size() const noexcept { return std::size_t{bytes} + body; }
+        std::size_t requestCost() const noexcept { return kind == Kind::eREQUEST ? costOf(size() - HEADER_BYTES) : 0; }
         bool isNoFrame() const noexcept { return isDropped || isPlace; }
     };
 
@@ -122,6 +125,7 @@ private:
 
     std::size_t m_queued = 0;
     std::size_t m_persistent = 0;
+    std::size_t m_requestCost = 0;
     bool m_hasPing = false;
     bool m_hasPong = false;
 

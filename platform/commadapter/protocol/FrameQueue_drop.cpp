@@ -29,6 +29,7 @@ bool FrameQueue::drop(std::uint32_t stream, Kind kind)
             unaccount(entry);
             m_queued -= entry.size();
             m_persistent -= entry.isPersistent ? entry.size() : 0;
+            m_requestCost -= entry.requestCost();
             if (entry.body > 0) {
                 m_bodies[entry.bodyNumber - m_firstBody] = Payload();
             }

@@ -29,13 +29,17 @@ public:
     // Heard by the side that serves.
     virtual void onAttach(std::uint32_t target, std::string path) = 0;
     virtual void onDetach(std::uint32_t target) = 0; ///< the client is no longer interested
-    /// `isPersistent`: it asks for a stream that lasts, else it is a call, with an answer or a few.
-    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) = 0;
+    /// `isPersistent`: it asks for a stream that lasts, else it is a call, with an answer or a few. `cost`: what it
+    /// takes of the window of requests.
+    virtual void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent,
+                           std::size_t cost) = 0;
     virtual void onCancel(std::uint32_t stream) = 0;
     /// The client has handled so much of the stream's values, see `Output::credit`.
     virtual void onCredit(std::uint32_t stream, std::uint32_t bytes) = 0;
 
     // Heard by the side that asks.
+    /// The server has handled so much of the requests, see `Output::requestCredit`.
+    virtual void onRequestCredit(std::uint32_t bytes) = 0;
     virtual void onAttached(std::uint32_t target) = 0;
     virtual void onDetached(std::uint32_t target) = 0;
     /// `bytes`: what it takes of the window of a persistent stream.

@@ -62,7 +62,7 @@ bool Input::readFrames(comm::TimeNs until)
     m_isPaused = false;
     m_isWaiting = false;
     m_slice.begin(until);
-    while (!m_shared.isShut.load(std::memory_order_relaxed) && !m_isPaused && !readFrame(failed)) {
+    while (!m_isPaused && !readFrame(failed)) {
         m_isPaused = m_slice.isOver();
     }
     m_isPaused = m_isPaused && m_end > m_begin;
@@ -196,6 +196,9 @@ bool Input::handle(const FrameHeader& header, const unsigned char* content)
         return handleGoodbye(header, content);
     case Kind::eCREDIT:
         m_listener.onCredit(header.stream, header.target);
+        return false;
+    case Kind::eREQUEST_CREDIT:
+        m_listener.onRequestCredit(header.target);
         return false;
     default: // a kind that may be ignored
         return false;
@@ -382,11 +385,12 @@ void Input::deliver(const FrameHeader& header, const Head& head, Payload payload
     const auto kind = static_cast<Kind>(header.kind);
     if (kind == Kind::eREQUEST) {
         std::string path(head.path);
+        const std::size_t cost = costOf(header.head + payload.size());
         m_listener.onRequest(header.stream, header.target,
                              source == nullptr ? Request(head.command, std::move(path), std::move(payload))
                                                : Request(head.command, std::move(path), std::move(payload),
                                                          std::shared_ptr<const IHeaderSource>(std::move(source))),
-                             head.isPersistent);
+                             head.isPersistent, cost);
         return;
     }
     const auto status = static_cast<unsigned short>(header.target);

@@ -21,18 +21,18 @@ namespace kesa::commadapter::protocol {
 
 /// Reads frames. Small ones are taken out of one receive buffer; the body of a larger one is read straight into its
 /// block: `m_current` then says which, and `buffer` leads there until the frame is complete.
-/// On the loop, but for the last three.
+/// On the loop.
 class Input {
 public:
     Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared);
 
-    /// Where the next bytes belong, never empty unless held, paused or waiting: a large body is read straight into its
+    /// Where the next bytes belong, never empty unless paused or waiting: a large body is read straight into its
     /// block, which grows with what arrives, or has arrived before, not by what was declared.
     std::span<unsigned char> buffer();
     /// `size` bytes were put at the start of the last `buffer`. True: the peer broke the protocol, `reason` says how,
     /// and the connection must be closed; nothing is called any more. `until`: when it leaves the rest to `readOn`.
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now, comm::TimeNs until = comm::NEVER);
-    /// Handles what a hold or `until` has left of what was received, as `received` would have.
+    /// Handles what `until` or a lack of room has left of what was received, as `received` would have.
     [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER) { return m_hasFailed || readFrames(until); }
     /// Bytes that were received and are not handled: at least the beginning of a message.
     bool hasUnhandled() const noexcept { return m_end > m_begin; }
@@ -54,12 +54,6 @@ public:
     std::uint64_t pongs() const noexcept { return m_pongs; }
     /// When the last byte came in.
     comm::TimeNs lastReceived() const noexcept { return m_shared.lastReceived.load(std::memory_order_relaxed); }
-
-    /// From the next frame on nothing is handled, in the order it came, until `reopen` and then `readOn`. The owner
-    /// reads nothing meanwhile, so it waits at the peer. These three on any thread, also inside a callback.
-    void shut() noexcept { m_shared.isShut.store(true, std::memory_order_relaxed); }
-    void reopen() noexcept { m_shared.isShut.store(false, std::memory_order_relaxed); }
-    bool isShut() const noexcept { return m_shared.isShut.load(std::memory_order_relaxed); }
 
 private:
     /// A message with a larger body, part of which has arrived.

@@ -118,18 +118,18 @@ const char* Output::whoseLimit() const
                                                                              : "the serving process";
 }
 
-void Output::credit(std::uint32_t stream, std::size_t bytes)
+void Output::pushBytes(Kind kind, std::uint32_t stream, std::size_t bytes)
 {
     while (bytes > 0) {
         const auto some = static_cast<std::uint32_t>(std::min<std::size_t>(bytes, UINT32_MAX));
-        m_queue.push(Kind::eCREDIT, stream, some);
+        m_queue.push(kind, stream, some);
         bytes -= some;
     }
 }
 
 Cancelled Output::cancel(std::uint32_t stream)
 {
-    if (m_queue.drop(stream, Kind::eREQUEST)) {
+    if (m_queue.dropRequest(stream)) {
         return Cancelled::eNEVER_SENT;
     }
     m_queue.push(Kind::eCANCEL, stream, 0);

@@ -52,13 +52,18 @@ public:
     void error(std::uint32_t stream, const Response& response);
     void completed(std::uint32_t stream) { m_queue.push(Kind::eCOMPLETED, stream, 0); }
     /// From the client: so many bytes of the stream's values have been handled. See `Windows` in docs/protocol.md.
-    void credit(std::uint32_t stream, std::size_t bytes);
+    void credit(std::uint32_t stream, std::size_t bytes) { pushBytes(Kind::eCREDIT, stream, bytes); }
     /// At the server: what that brings. The values that waited for it are queued, and then the stream's end if that
     /// waited with them.
     StreamWindows::Given takeCredit(std::uint32_t stream, std::size_t bytes)
     {
         return m_queue.takeCredit(stream, bytes);
     }
+    /// From the server: so many bytes of requests have been handled.
+    void requestCredit(std::size_t bytes) { pushBytes(Kind::eREQUEST_CREDIT, 0, bytes); }
+    /// At the client: what that brings. The requests that waited for it are queued. True: it is more than the requests
+    /// that have left took, and counts for nothing.
+    [[nodiscard]] bool takeRequestCredit(std::size_t bytes) { return m_queue.takeRequestCredit(bytes); }
     /// Whether values of the stream wait for credit, and perhaps its end behind them: then its number is in use.
     bool isWaiting(std::uint32_t stream) const { return m_queue.isWaiting(stream); }
     /// Takes back what is queued of that stream and not yet begun to be written; a message begun is finished, and the
@@ -79,14 +84,18 @@ public:
 
     /// Bytes queued and not yet sent, without those that wait for credit.
     std::size_t queuedBytes() const noexcept { return m_queue.bytes(); }
-    /// Values that wait for credit.
+    /// Values, at a server, or requests, at a client, that wait for credit.
     std::size_t waitingBytes() const noexcept { return m_queue.waitingBytes(); }
     /// All values of persistent streams that are here; one that has begun to leave may count as a whole.
-    std::size_t persistentBytes() const noexcept { return m_queue.persistentBytes() + m_queue.waitingBytes(); }
+    std::size_t persistentBytes() const noexcept { return m_queue.persistentBytes(); }
     /// Bytes queued for one stream.
     std::size_t queuedBytes(std::uint32_t stream) { return m_queue.bytes(stream); }
-    /// How many bytes will have been sent once all that is queued has.
-    std::uint64_t queueEnd() const noexcept { return m_queue.end(); }
+    /// How many bytes will have been sent once all that is queued has, the request of `stream` last; not known of one
+    /// that waits for credit.
+    std::uint64_t queueEnd(std::uint32_t stream) const
+    {
+        return m_queue.isRequestWaiting(stream) ? UINT64_MAX : m_queue.end();
+    }
     /// Whether a byte of a stream's request is still queued. `endThen`: what `queueEnd` was right after `request`; it
     /// spares a search for nearly all that have been sent.
     bool isUnsent(std::uint32_t stream, std::uint64_t endThen)
@@ -114,6 +123,7 @@ public:
 
 private:
     [[nodiscard]] Sent answer(Kind kind, std::uint32_t stream, const Response& response, bool isPersistent = false);
+    void pushBytes(Kind kind, std::uint32_t stream, std::size_t bytes);
     [[nodiscard]] Sent finish(Kind kind, std::uint32_t stream, std::uint32_t target, HeadWriter& head,
                               const Payload& body, bool isPersistent = false);
     /// Completes the head, and judges the message by both sides' limits.

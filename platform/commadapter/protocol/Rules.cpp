@@ -25,6 +25,7 @@ constexpr Rule RULES[] = {
     {"pong", true, true, false, Target::eNONE, false, false},
     {"goodbye", false, true, false, Target::eNONE, true, false},
     {"credit", true, false, true, Target::eBYTES, false, false},
+    {"request credit", false, true, false, Target::eBYTES, false, false},
 };
 
 [[nodiscard]] bool breaksTargetRule(const FrameHeader& header, const Rule& rule, std::string& why)

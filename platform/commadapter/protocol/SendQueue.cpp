@@ -22,6 +22,10 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target)
 
 void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent)
 {
+    if (kind == Kind::eREQUEST) {
+        pushRequest(stream, target, body);
+        return;
+    }
     if (waitsForCredit(kind, stream, isPersistent)) {
         const auto head = m_frames.head();
         m_windows.wait(stream, {kind, target, {head.begin(), head.end()}, body, isPersistent});
@@ -32,6 +36,18 @@ void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, cons
         m_windows.use(stream, chargeOf(m_frames.head().size() + body.size()));
     }
     pushEncoded(kind, stream, target, body, isPersistent);
+}
+
+void SendQueue::pushRequest(std::uint32_t stream, std::uint32_t target, const Payload& body)
+{
+    const auto head = m_frames.head();
+    if (m_requests.isShut()) {
+        m_requests.wait(stream, {Kind::eREQUEST, target, {head.begin(), head.end()}, body});
+        m_frames.abandon();
+        return;
+    }
+    m_requests.use(head.size() + body.size());
+    pushEncoded(Kind::eREQUEST, stream, target, body, false);
 }
 
 bool SendQueue::waitsForCredit(Kind kind, std::uint32_t stream, bool isPersistent)
@@ -75,8 +91,29 @@ StreamWindows::Given SendQueue::takeCredit(std::uint32_t stream, std::size_t byt
 void SendQueue::queueWaiting(std::uint32_t stream)
 {
     while (const auto message = m_windows.takeNext(stream)) {
-        begin().append(message->head.data(), message->head.size());
-        pushEncoded(message->kind, stream, message->target, message->body, message->isPersistent);
+        queue(stream, *message);
+    }
+}
+
+void SendQueue::queue(std::uint32_t stream, const TurnQueue::Message& message)
+{
+    begin().append(message.head.data(), message.head.size());
+    pushEncoded(message.kind, stream, message.target, message.body, message.isPersistent);
+}
+
+bool SendQueue::takeRequestCredit(std::size_t bytes)
+{
+    if (m_requests.giveBack(bytes, unsentRequests())) {
+        return true;
+    }
+    queueWaitingRequests();
+    return false;
+}
+
+void SendQueue::queueWaitingRequests()
+{
+    while (const auto next = m_requests.takeNext()) {
+        queue(next->stream, next->message);
     }
 }
 
@@ -105,6 +142,20 @@ bool SendQueue::drop(std::uint32_t stream, Kind kind)
     return droppedFrames || dropped != TurnQueue::Dropped::eNOTHING;
 }
 
+bool SendQueue::dropRequest(std::uint32_t stream)
+{
+    if (m_requests.drop(stream)) {
+        return true;
+    }
+    const std::size_t before = unsentRequests();
+    if (!drop(stream, Kind::eREQUEST)) {
+        return false;
+    }
+    m_requests.takeBack(before - unsentRequests());
+    queueWaitingRequests();
+    return true;
+}
+
 /// What waited behind a large message that has left or was dropped.
 void SendQueue::moveUp(std::uint32_t stream)
 {
@@ -123,6 +174,9 @@ bool SendQueue::contains(std::uint32_t stream, Kind kind, std::uint64_t endThen)
 {
     if (m_turns.has(stream)) {
         return m_turns.isNext(stream, kind);
+    }
+    if (kind == Kind::eREQUEST && m_requests.isWaiting(stream)) {
+        return true;
     }
     return m_sent < endThen && m_frames.contains(stream, kind);
 }

@@ -2,6 +2,7 @@
 #define KESA_COMMADAPTER_PROTOCOL_SENDQUEUE_H
 
 #include "protocol/FrameQueue.h"
+#include "protocol/RequestWindow.h"
 #include "protocol/StreamWindows.h"
 #include "protocol/TurnQueue.h"
 
@@ -21,7 +22,8 @@ namespace kesa::commadapter::protocol {
 /// Messages of one frame stand in one queue. A larger message has a place there until what was written before it has
 /// left; then it joins those that take turns by fragments, and between two fragments the frames may send as much as one
 /// fragment holds. What is written for its stream meanwhile waits with it: that keeps the order of each stream. Values
-/// of a persistent stream whose window is used up stand apart until there is credit, with what follows them.
+/// of a persistent stream whose window is used up stand apart until there is credit, with what follows them; so do
+/// requests.
 class SendQueue {
 public:
     // ---- writing a message ------------------------------------------------------------------------------------
@@ -39,14 +41,20 @@ public:
 
     /// Drops the messages of `stream` and `kind` of which no byte has been written. Answers whether there were any.
     bool drop(std::uint32_t stream, Kind kind);
+    /// The same of the stream's request; those that wait for credit may leave for it.
+    bool dropRequest(std::uint32_t stream);
 
     /// Drops the values of `stream` that wait for credit; an end that waited behind them is queued.
     void dropWaiting(std::uint32_t stream);
 
     /// Of what may leave.
     std::size_t bytes() const noexcept { return m_frames.bytes() + m_turns.bytes(); }
-    /// Of messages pushed as persistent. One of one frame counts as a whole until it has left.
-    std::size_t persistentBytes() const noexcept { return m_frames.persistentBytes() + m_turns.persistentBytes(); }
+    /// Of messages pushed as persistent, those that wait for credit with them. One of one frame counts as a whole until
+    /// it has left.
+    std::size_t persistentBytes() const noexcept
+    {
+        return m_frames.persistentBytes() + m_turns.persistentBytes() + m_windows.bytes();
+    }
     std::size_t bytes(std::uint32_t stream)
     {
         return bytes() == 0 ? 0 : m_frames.bytes(stream) + m_turns.bytes(stream);
@@ -64,7 +72,10 @@ public:
     void setStreamWindow(std::size_t bytes) noexcept { m_windows.setSize(bytes); }
     StreamWindows::Given takeCredit(std::uint32_t stream, std::size_t bytes);
     bool isWaiting(std::uint32_t stream) const { return m_windows.isWaiting(stream); }
-    std::size_t waitingBytes() const noexcept { return m_windows.bytes(); }
+    /// True: more than the requests that have left took.
+    [[nodiscard]] bool takeRequestCredit(std::size_t bytes);
+    bool isRequestWaiting(std::uint32_t stream) const { return m_requests.isWaiting(stream); }
+    std::size_t waitingBytes() const noexcept { return m_windows.bytes() + m_requests.bytes(); }
 
     // ---- leaving ----------------------------------------------------------------------------------------------
 
@@ -85,12 +96,17 @@ private:
     void sentFragment(std::size_t size);
     void moveUp(std::uint32_t stream);
     bool waitsForCredit(Kind kind, std::uint32_t stream, bool isPersistent);
+    void pushRequest(std::uint32_t stream, std::uint32_t target, const Payload& body);
     void pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent);
     void queueWaiting(std::uint32_t stream);
+    void queueWaitingRequests();
+    std::size_t unsentRequests() const noexcept { return m_frames.requestCost() + m_turns.requestCost(); }
+    void queue(std::uint32_t stream, const TurnQueue::Message& message);
 
     FrameQueue m_frames;
     TurnQueue m_turns;
     StreamWindows m_windows;
+    RequestWindow m_requests;
     std::size_t m_credit = FRAME_BYTES; ///< bytes of frames that may leave before the next fragment
     std::uint64_t m_sent = 0;           ///< bytes, ever
     std::vector<Step> m_steps;          ///< of the last `gather`

@@ -20,7 +20,6 @@ struct Shared {
     std::atomic<std::uint64_t> receivedCount{0}; ///< grows with each `received`: two of them may have the same time
     std::atomic<unsigned> pongsOwed{0};
     std::atomic<bool> hasHello{false};
-    std::atomic<bool> isShut{false}; ///< the input half takes up no further frame
     std::atomic<std::uint32_t> peerMaxMessageBytes{UINT32_MAX};
     std::atomic<std::uint32_t> peerStreamWindow{STREAM_WINDOW};
 };

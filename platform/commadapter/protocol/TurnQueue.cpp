@@ -37,6 +37,7 @@ bool TurnQueue::push(std::uint32_t stream, Message&& message)
     const std::size_t size = message.wireBytes();
     m_queued += size;
     m_persistent += message.isPersistent ? size : 0;
+    m_requestCost += message.requestCost();
     const auto [entry, isFirst] = m_lanes.try_emplace(stream);
     Lane& lane = entry->second;
     if (isFirst) {
@@ -61,6 +62,7 @@ void TurnQueue::uncount(const Message& message) noexcept
     const std::size_t size = message.wireBytes();
     m_queued -= size;
     m_persistent -= message.isPersistent ? size : 0;
+    m_requestCost -= message.requestCost();
 }
 
 TurnQueue::Dropped TurnQueue::drop(std::uint32_t stream, Kind kind)
@@ -183,6 +185,7 @@ TurnQueue::Finished TurnQueue::sent(std::size_t size)
     const std::size_t active = countActive();
     m_ring.erase(m_ring.begin());
     if (isFinished) {
+        m_requestCost -= lane.message.requestCost();
         return {true, lane.stream};
     }
     m_ring.insert(m_ring.begin() + static_cast<std::ptrdiff_t>(active - 1), &lane);

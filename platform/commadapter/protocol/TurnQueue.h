@@ -31,6 +31,7 @@ public:
         std::size_t content() const noexcept { return head.size() + body.size(); }
         bool isLarge() const noexcept { return content() > FRAME_BYTES; }
         std::size_t wireBytes() const noexcept;
+        std::size_t requestCost() const noexcept { return kind == Kind::eREQUEST ? costOf(content()) : 0; }
     };
 
     /// Whether `stream` has a message here: what it says next has to wait behind it.
@@ -56,6 +57,8 @@ public:
 
     std::size_t bytes() const noexcept { return m_queued; }
     std::size_t persistentBytes() const noexcept { return m_persistent; }
+    /// What the requests here take of their window; one counts as a whole until it has left.
+    std::size_t requestCost() const noexcept { return m_requestCost; }
     std::size_t bytes(std::uint32_t stream) const;
 
     // ---- leaving ----------------------------------------------------------------------------------------------
@@ -104,6 +107,7 @@ private:
     std::size_t m_mostUnderWay = SIZE_MAX;
     std::size_t m_queued = 0;
     std::size_t m_persistent = 0;
+    std::size_t m_requestCost = 0;
     std::array<std::array<unsigned char, HEADER_BYTES>, GATHERED_FRAGMENTS> m_headers{}; ///< of the last gathering
 };
 

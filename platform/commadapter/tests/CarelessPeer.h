@@ -48,9 +48,15 @@ public:
             EXPECT_EQ(size, bytes.size());
         });
     }
-    void stopReading()
+    /// The requests that it has heard of are handled.
+    void giveRequestCredit()
     {
-        m_loop->post([this] { m_stream->setReading(false); });
+        m_machine.output.requestCredit(std::exchange(m_heard.requestsTaken, 0));
+        send();
+    }
+    void setReading(bool isOn)
+    {
+        m_loop->post([this, isOn] { m_stream->setReading(isOn); });
     }
     const std::vector<std::string>& heard() const noexcept { return m_heard.lines; }
 

@@ -2,12 +2,6 @@
 #include "backend/ProcessService.h"
 #include "backend_support.h"
 
-#include <rules/readRules.h>
-#include <rules/systemAccounts.h>
-#include <util/config/JSONParser.h>
-
-#include <unistd.h>
-
 namespace kesa::commadapter::test {
 namespace {
 
@@ -18,14 +12,7 @@ class BackendAccess : public SimulatedPair {
 protected:
     void begin(const std::string& rules)
     {
-        util::config::Value list;
-        ASSERT_FALSE(util::config::JSONParser().parseString(rules, list));
-        std::vector<util::config::Complaint> complaints;
-        access = std::make_shared<access::Table>(
-            ::geteuid(),
-            access::readRules(list, {"access"}, access::accessForm(), access::systemAccounts(), complaints),
-            "the table", access::systemAccounts());
-        ASSERT_TRUE(complaints.empty());
+        setRules(rules);
         network->setUser(2, 65533);
         SimulatedPair::begin();
     }

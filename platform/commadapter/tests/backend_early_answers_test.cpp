@@ -28,7 +28,7 @@ protected:
         server->machine().output.attached(1);
         server->send();
         settle();
-        server->stopReading();
+        server->setReading(false);
         settle();
         for (const std::size_t size : {10U, 8192U, 10U}) {
             requests.push_back(client->request(retrieve("/x", std::string(size, 'x'))));

@@ -1,10 +1,14 @@
-// A server whose answers are not taken reads no further request of that client: none is lost for being one of many, and
-// what both sides keep is bounded. That calls wait, come in order, meet cancels, withdrawals and deaths is the crowded
-// runs' of the simulation; here is what these do not draw. A client stands still when its process (group 2) is paused.
+// A server whose answers are not taken serves no further request of that client, and gives it no credit for more: none
+// is lost for being one of many, and what both sides keep is bounded. That calls wait, come in order, meet cancels,
+// withdrawals and deaths is the crowded runs' of the simulation; here is what these do not draw. A client stands still
+// when its process (group 2) is paused, or is a peer that reads nothing.
 
+#include "CarelessPeer.h"
 #include "backend_support.h"
 
 #include <kesa/RequestContext.h>
+
+#include <optional>
 
 namespace kesa::commadapter::test {
 namespace {
@@ -26,14 +30,16 @@ public:
     void* request(const Request&, std::unique_ptr<IResponseHandler<Response>>&& handler) override
     {
         ++asked;
+        deadline = RequestContext::deadline();
         peer = RequestContext::current() != nullptr ? RequestContext::current()->peer : nullptr;
-        EXPECT_FALSE(handler->onNext(value(std::string(BODY, 'x'))));
+        static_cast<void>(handler->onNext(value(std::string(BODY, 'x')))); // perhaps for nobody any more
         handler->onCompleted();
         return this;
     }
     void cancel(void* /*handle*/) override { ADD_FAILURE() << "it has answered"; }
 
     std::size_t asked = 0;
+    std::optional<comm::TimeNs> deadline; ///< of the last request
     std::shared_ptr<IPeer> peer;
 };
 
@@ -57,6 +63,34 @@ protected:
     {
         for (std::size_t i = 0; i < count; ++i) {
             outcomes.push_back(by.request(retrieve("/")));
+        }
+    }
+    /// A peer that has attached, and reads nothing.
+    std::unique_ptr<CarelessPeer> connectGreedy()
+    {
+        auto greedy = std::make_unique<CarelessPeer>(*network, protocol::Role::eCLIENT);
+        greedy->connect(answersAt);
+        settle();
+        EXPECT_EQ(greedy->machine().output.attach(1, "/answers"), protocol::Sent::eQUEUED);
+        send(*greedy);
+        greedy->setReading(false);
+        return greedy;
+    }
+    void send(CarelessPeer& peer)
+    {
+        peer.send();
+        settle();
+    }
+    /// Whatever credit it has.
+    void ask(CarelessPeer& peer, std::uint32_t first, std::uint32_t last)
+    {
+        auto& output = peer.machine().output;
+        for (std::uint32_t number = first; number <= last; ++number) {
+            ASSERT_EQ(output.request(number, 1, retrieve("/")), protocol::Sent::eQUEUED);
+            static_cast<void>(output.takeRequestCredit(256)); // which nobody gave
+            if (number % 10 == 0) {
+                send(peer);
+            }
         }
     }
     std::size_t answered() const
@@ -138,14 +172,17 @@ class BackendHoldingSlowly : public BackendHolding {
 protected:
     BackendHoldingSlowly()
     {
-        settings.streamWindow = 1U << 20U; // credit waits behind the requests that are not read
+        settings.streamWindow = 1U << 20U; // so that values wait in the queue alone
         begin();
         kept = client->request(persistent());
+        other = connect(answersAt);
         settle();
         faults.draw = [](std::uint64_t bound) { return bound - 1; };
         faults.longestDelay = 400 * comm::MILLISECOND;
         network->setFaults(faults);
-        ask(*asker, 4000);
+        ask(*asker, 200);
+        static_cast<void>(other->request(retrieve("/"))); // which waits at the server
+        ask(*asker, 3800);
         runFor(3000);
     }
     ~BackendHoldingSlowly() override
@@ -155,6 +192,7 @@ protected:
     }
 
     std::shared_ptr<Outcome> kept;
+    std::unique_ptr<Client> other; ///< on the same connection
 };
 
 TEST_F(BackendHoldingSlowly, TheClientTakesTheServersSilenceForNoFault)
@@ -181,12 +219,148 @@ TEST_F(BackendHoldingSlowly, AProbedClientThatTakesWhatIsQueuedIsNotCutOff)
     }
 }
 
-TEST_F(BackendHoldingSlowly, TheClientProvesThatItLivesOnceItIsReadAgain)
+TEST_F(BackendHoldingSlowly, TheClientProvesThatItLivesAndTakesBackMeanwhile)
 {
     bool isAlive = false;
     answers.peer->proveAlive(comm::SECOND, [&](bool lives) { isAlive = lives; });
+    const std::size_t asked = answers.asked;
+    asker->cancel(*outcomes[asked]);
+    asker->cancel(*outcomes.back());
+    other->release();
     runFor(300'000);
     EXPECT_TRUE(isAlive);
+    EXPECT_EQ(answers.asked, outcomes.size() - 2) << "they did not come to the service, and all others did";
+}
+
+TEST_F(BackendHolding, RequestsBeyondTheWindowWaitInTheClientInOrder)
+{
+    begin();
+    scheduler->pauseGroup(1); // the server
+    std::vector<std::size_t> ended;
+    for (std::size_t i = 0; i < 3000; ++i) {
+        outcomes.push_back(asker->request(retrieve("/")));
+        outcomes.back()->onEnd = [&ended, i] { ended.push_back(i); };
+    }
+    settle();
+    EXPECT_THAT(clientBackend->describe(), HasSubstr(R"("openRequests":3000)"));
+    asker->cancel(*outcomes[2000]);
+    scheduler->continueGroup(1);
+    settle();
+    EXPECT_EQ(answers.asked, 2999U);
+    EXPECT_TRUE(std::is_sorted(ended.begin(), ended.end()));
+    EXPECT_EQ(ended.size(), 2999U);
+}
+
+TEST_F(BackendHolding, WhoDoesNotKeepToTheWindowIsCutOff)
+{
+    begin();
+    const auto greedy = connectGreedy();
+    ask(*greedy, 1, 900);
+    EXPECT_THAT(traces->take(), Not(testing::Contains(HasSubstr("is cut off"))));
+    std::vector<std::string> end;
+    for (std::uint32_t number = 901; number < 2000 && end.empty(); number += 10) {
+        ask(*greedy, number, number + 9);
+        end = traces->take();
+    }
+    EXPECT_THAT(end, testing::Contains(HasSubstr("is cut off: it sends more requests than it has credit")));
+}
+
+/// Some of what its client has for it, it has not got yet.
+TEST_F(BackendHolding, WhoGivesMoreCreditThanItHasGotRequestsForIsCutOff)
+{
+    begin();
+    for (const std::size_t lie :
+         {std::size_t{1}, std::size_t{20'000}, std::size_t{UINT32_MAX}, std::size_t{1} << 33U}) {
+        SCOPED_TRACE(lie);
+        CarelessPeer generous(*network, protocol::Role::eSERVER);
+        generous.listen("careless");
+        const auto asking = makeBackend("asking");
+        Client other(*asking, "ipc://careless/service");
+        settle();
+        generous.machine().output.attached(1);
+        send(generous);
+        ASSERT_TRUE(other.isConnected());
+        generous.setReading(false);
+        Outcomes calls;
+        if (lie > 1) {
+            for (int i = 0; i < 100; ++i) {
+                calls.push_back(other.request(retrieve("/", std::string(BODY, 'x'))));
+            }
+            settle();
+        }
+        generous.machine().output.requestCredit(lie);
+        send(generous);
+        EXPECT_FALSE(other.isConnected());
+        for (const auto& call : calls) {
+            EXPECT_THAT(call->errorText, HasSubstr("more credit than the requests have used"));
+        }
+    }
+}
+
+TEST_F(BackendHolding, WhatWaitsIsServedWhenItsClientHasGone)
+{
+    begin();
+    enum class End { eWRITING, eREADING, eKILLED }; // how it is found
+    for (const End end : {End::eWRITING, End::eREADING, End::eKILLED}) {
+        faults.isEndReadFirst = end == End::eREADING;
+        network->setFaults(faults);
+        answers.asked = 0;
+        auto greedy = connectGreedy();
+        ask(*greedy, 1, 900);
+        EXPECT_THAT(answers.asked, ABOUT_A_QUEUE);
+        end == End::eKILLED ? network->kill(9) : greedy.reset();
+        settle();
+        EXPECT_EQ(answers.asked, 900U);
+    }
+}
+
+TEST_F(BackendHolding, WhatHasWaitedIsJudgedByTheRulesAndHasTheTimeThatIsLeft)
+{
+    setRules(R"([{"user": 65533, "may": ["retrieve"], "paths": ["/answers"], "resources": ["/"]}])");
+    network->setUser(9, 65533);
+    begin();
+    const auto greedy = connectGreedy();
+    ask(*greedy, 1, 100);
+    auto& says = greedy->machine().output;
+    ASSERT_EQ(says.request(101, 1, retrieve("/secret")), protocol::Sent::eQUEUED);
+    Request limited = retrieve("/");
+    limited.setHeader(headers::TIMEOUT, 60'000);
+    ASSERT_EQ(says.request(102, 1, limited), protocol::Sent::eQUEUED);
+    const comm::TimeNs came = scheduler->now();
+    send(*greedy);
+    runFor(500);
+    EXPECT_THAT(answers.asked, ABOUT_A_QUEUE);
+    greedy->setReading(true);
+    settle();
+    EXPECT_THAT(greedy->heard(), testing::Contains(testing::StartsWith("error 101 403 ")));
+    EXPECT_EQ(answers.asked, 101U);
+    EXPECT_EQ(answers.deadline, came + 60 * comm::SECOND);
+}
+
+TEST_F(BackendHolding, WhoReadsNothingIsNotToldOfPathsWithoutEnd)
+{
+    begin();
+    const auto greedy = connectGreedy();
+    ask(*greedy, 1, 200);
+    const auto queued = [this] {
+        const std::string text = server->describe();
+        const std::size_t at = text.find("queuedBytes", text.find("careless"));
+        return text.substr(at, text.find(',', at) - at);
+    };
+    const std::string before = queued();
+    auto& says = greedy->machine().output;
+    for (std::uint32_t number = 2; number < 1000; ++number) {
+        ASSERT_EQ(says.attach(number, "/answers"), protocol::Sent::eQUEUED);
+        says.detached(number);
+        send(*greedy);
+    }
+    ASSERT_EQ(says.attach(1000, "/answers"), protocol::Sent::eQUEUED);
+    send(*greedy);
+    EXPECT_EQ(queued(), before);
+    greedy->setReading(true);
+    settle();
+    EXPECT_THAT(greedy->heard(), testing::Contains("attached 1000"));
+    EXPECT_EQ(answers.asked, 200U);
 }
 
 } // namespace

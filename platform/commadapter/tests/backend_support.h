@@ -21,9 +21,13 @@
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
 #include <kesa/headers.h>
+#include <rules/readRules.h>
+#include <rules/systemAccounts.h>
 #include <tracing/CapturingSink.h>
+#include <util/config/JSONParser.h>
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <functional>
@@ -363,7 +367,18 @@ protected:
         network = std::make_unique<transport::MemoryNetwork>();
         ::tracing::setSink(traces);
     }
-    std::shared_ptr<access::Table> access; ///< of those that are made from now on
+    /// Of the backends that are made from now on.
+    void setRules(const std::string& rules)
+    {
+        util::config::Value list;
+        ASSERT_FALSE(util::config::JSONParser().parseString(rules, list));
+        std::vector<util::config::Complaint> complaints;
+        access = std::make_shared<access::Table>(
+            ::geteuid(),
+            access::readRules(list, {"access"}, access::accessForm(), access::systemAccounts(), complaints),
+            "the table", access::systemAccounts());
+        ASSERT_TRUE(complaints.empty());
+    }
 
     std::unique_ptr<IBackend> makeBackend(const std::string& process)
     {
@@ -408,6 +423,7 @@ protected:
         return failed ? std::string() : locator.toString();
     }
 
+    std::shared_ptr<access::Table> access;
     CommSettings settings;
     transport::MemoryNetwork::Faults faults; ///< to be set at the network
     std::shared_ptr<::tracing::CapturingSink> traces = std::make_shared<::tracing::CapturingSink>("KESA_COMM");

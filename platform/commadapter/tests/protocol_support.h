@@ -59,7 +59,7 @@ inline std::string describe(std::uint32_t stream, std::uint32_t target, const Re
            request.getPath() + ' ' + describe(request.getPayload()) + describe(request.getHeaders());
 }
 
-/// Writes a line per callback, lets `echo` send what was heard, and has `held` hold after each.
+/// Writes a line per callback, and lets `echo` send what was heard.
 class Recorder : public IMachineListener {
 public:
     void onHello(const Hello& peer) override
@@ -73,8 +73,11 @@ public:
         add(line("attach", target) + ' ' + path, [&] { static_cast<void>(echo->output.attach(target, path)); });
     }
     void onDetach(std::uint32_t target) override { onDetached(target); }
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool /*isPersistent*/) override
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool /*isPersistent*/,
+                   std::size_t cost) override
     {
+        lines.insert(lines.end(), requestsTaken >= REQUEST_WINDOW ? 1 : 0, "more than the window of requests");
+        requestsTaken += cost;
         add(describe(stream, target, request),
             [&] { static_cast<void>(echo->output.request(stream, target, request)); });
     }
@@ -89,6 +92,10 @@ public:
     void onDetached(std::uint32_t target) override
     {
         add(line("detached", target), [&] { echo->output.detached(target); });
+    }
+    void onRequestCredit(std::uint32_t bytes) override
+    {
+        add("request credit " + std::to_string(bytes), [&] { echo->output.requestCredit(bytes); });
     }
     void onCredit(std::uint32_t stream, std::uint32_t bytes) override
     {
@@ -122,19 +129,15 @@ public:
     std::size_t window = SIZE_MAX;              ///< of streams with odd numbers, which are persistent
     std::map<std::uint32_t, std::size_t> taken; ///< of it
     static bool isPersistent(std::uint32_t stream) { return stream % 2 == 1; }
-    Room room = Room::eTHERE; ///< for large messages
+    std::size_t requestsTaken = 0; ///< of the window of requests
+    Room room = Room::eTHERE;      ///< for large messages
     Machine* echo = nullptr;
-    Machine* held = nullptr;
 
 private:
     static std::string line(const char* what, std::uint32_t number) { return what + (' ' + std::to_string(number)); }
     void add(
         std::string heard, const std::function<void()>& say = [] {})
     {
-        if (held != nullptr) {
-            lines.insert(lines.end(), held->input.isShut() ? 1 : 0, "called while held");
-            held->input.shut();
-        }
         lines.push_back(std::move(heard));
         if (echo != nullptr) {
             say();
@@ -159,19 +162,14 @@ inline Bytes frame(unsigned kind, unsigned flags, std::uint32_t stream, std::uin
     return bytes;
 }
 
-/// Puts bytes into a machine, which goes on after each hold. True: it refused them.
+/// Puts bytes into a machine. True: it refused them.
 inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::size_t atMost = SIZE_MAX)
 {
     while (!bytes.empty()) {
         const std::span<unsigned char> room = machine.input.buffer();
         const std::size_t count = std::min({bytes.size(), room.size(), atMost});
         std::memcpy(room.data(), bytes.data(), count);
-        bool failed = machine.input.received(count, 0);
-        while (machine.input.isShut() && !failed) {
-            machine.input.reopen();
-            failed = machine.input.readOn();
-        }
-        if (failed) {
+        if (machine.input.received(count, 0)) {
             return true;
         }
         bytes = bytes.subspan(count);
@@ -222,6 +220,14 @@ struct Pair {
         }
         atClient.lines.clear();
         atServer.lines.clear();
+    }
+
+    /// The server has handled at most so many bytes of requests. True: the client refused its credit.
+    bool handleRequests(std::size_t atMost = SIZE_MAX)
+    {
+        const std::size_t handled = std::min(atServer.requestsTaken, atMost);
+        atServer.requestsTaken -= handled;
+        return client.output.takeRequestCredit(handled);
     }
 
     Recorder atClient;

@@ -154,6 +154,7 @@ private:
     std::string peerName() const override;
     void onHello(const protocol::Hello& peer) override;
     Room onLarge(std::uint32_t stream, std::size_t bytes) override;
+    void onRequestCredit(std::uint32_t bytes) override;
     void onAttached(std::uint32_t target) override;
     void onDetached(std::uint32_t target) override;
     void onNext(std::uint32_t stream, Response response, std::size_t bytes) override;

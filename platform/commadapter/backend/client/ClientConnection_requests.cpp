@@ -122,7 +122,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     stream.handler = std::move(handler);
     stream.client = &client;
     stream.handle = nextHandle(number);
-    stream.queueEnd = machine().output.queueEnd();
+    stream.queueEnd = machine().output.queueEnd(number);
     stream.isOpen = true;
     stream.isSingle = wishes.isSingle;
     stream.isPersistent = wishes.isPersistent;
@@ -141,6 +141,9 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
               isValueEnough ? Limited::eUNTIL_VALUE : Limited::eUNTIL_END);
     }
     m_streams.append(client.open, number);
+    if (machine().output.waitingBytes() > 0) {
+        loop().expectSomething(); // credit
+    }
     pushOut();
     return reinterpret_cast<void*>(handle);
 }
@@ -401,6 +404,17 @@ void ClientConnection::handled(std::uint64_t request, std::size_t bytes) noexcep
         machine().output.credit(streamOf(request), given);
         pushOut();
     }
+}
+
+void ClientConnection::onRequestCredit(std::uint32_t bytes)
+{
+    Lock lock(m_lock);
+    if (machine().output.takeRequestCredit(bytes)) {
+        lock.unlock();
+        cutOff("more credit than the requests have used");
+        return;
+    }
+    pushOut();
 }
 
 /// A client stops reading for nobody: so it ends the connection to a provider of another user that has too much under

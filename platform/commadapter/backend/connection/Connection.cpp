@@ -9,11 +9,12 @@
 // thread that pushes without a pause would otherwise wake the peer for each. Requests and ends never wait like that:
 // somebody may be blocked until they arrive.
 //
-// Holding: a server whose answers are not taken stops reading, since every request read is an answer to be queued. It
-// begins when the queue is over its bound and the stream takes nothing, between two messages, and ends at half of that
-// bound; so there is always a write that is waited for meanwhile, which also is what finds the peer's end. Requests
-// that are not read wait in the peer. A client never stops reading, so two processes that ask each other cannot wait
-// for each other.
+// Holding: a server whose answers are not taken hands no further request of that client to a service, since each is an
+// answer to be queued. It begins when the queue is over its bound and the stream takes nothing, and ends at half of
+// that bound; so there is always a write that is waited for meanwhile, which also is what finds the peer's end. What
+// has come by then waits here (`HeldRequests`), and is no more than a window of requests; further ones wait in the
+// client, which gets no credit for them. Both sides read at all times, so two processes that ask each other cannot wait
+// for each other, and a cancel, a pong and credit for values are never behind a request.
 //
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
 // the machine from under its own feet. Where the peer has gone, what it had sent is handled first, in batches like all
@@ -77,6 +78,7 @@ void Connection::open(std::unique_ptr<transport::IStream> stream, const protocol
     m_isOpen = true;
     ++m_opened;
     m_isBatch = m_isBlocked = m_isBroken = m_isBeyondBound = false;
+    m_isHeld = false;
     progressed(now);
     m_isReading = true;
     m_lostReason.reset();
@@ -111,7 +113,7 @@ void Connection::lose(std::string reason)
     recount({});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
-    countUnfinished(0);
+    countKept(0);
     const auto dropped = std::exchange(m_awaited, {});
     onClosed(reason);
 }
@@ -129,7 +131,7 @@ void Connection::cutOff(std::string reason)
     m_loop->onLoop(__func__);
     if (m_isOpen && !m_lostReason) {
         if (m_role == protocol::Role::eSERVER) {
-            const PeerLimit limit = peerLimit();
+            const PeerLimit limit(m_loop->cutOffLines(), m_peerPid);
             traceCutOff(reason);
             sayGoodbye(reason);
         }
@@ -183,7 +185,7 @@ void Connection::readBatch(comm::TimeNs until)
     {
         const Lock lock(m_lock);
         m_isBatch = true;
-        shutInput(); // others may have brought the process over its bound
+        holdIfOver(); // others may have brought the process over its bound
     }
     m_isReceiving = true;
     bool isEmpty = false;
@@ -193,7 +195,7 @@ void Connection::readBatch(comm::TimeNs until)
         cutOff("there is no memory for what it sends");
     }
     m_isReceiving = false;
-    countUnfinished(input.unfinishedBytes());
+    countKept(keptBytes());
     const bool hasRead = m_bytesRead != readBefore;
     const bool isPong = input.pongs() != pongs;
     finishBatch(hasRead);
@@ -207,6 +209,10 @@ bool Connection::receive(comm::TimeNs until)
 {
     auto& input = m_machine->input;
     m_wasCutShort = true;
+    serveHeld(until);
+    if (isHeldLeft()) {
+        return false;
+    }
     if (input.hasUnhandled() && input.readOn(until)) {
         cutOff(input.reason());
     }
@@ -215,6 +221,10 @@ bool Connection::receive(comm::TimeNs until)
         const auto into = input.buffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
+        if (result == transport::IStream::Result::eENDED && heldBytes() > 0) {
+            breakOff(); // the end is found again once these have been served
+            return false;
+        }
         if (result == transport::IStream::Result::eENDED) {
             m_lostReason = !m_goodbye.empty()           ? "the peer closed the connection: " + m_goodbye
                            : m_stream->reason().empty() ? "the peer closed the connection"
@@ -258,19 +268,19 @@ void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
     }
 }
 
-/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one whose input is held is not
-/// waited for.
+/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one whose message waits for room,
+/// or that takes no answers, is not waited for.
 bool Connection::isHandled(const Awaited& awaited, bool isEmpty) const
 {
     const auto& input = m_machine->input;
-    const bool isHeld = input.isShut() || input.isWaiting();
-    return isHeld || (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
+    const bool isRead = (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
+    return input.isWaiting() || (isRead && !isHeldLeft());
 }
 
 /// What the time did not suffice for: after what other connections have for this turn of the loop.
 void Connection::readOnLater()
 {
-    const bool isLeft = m_machine->input.isPaused() || !m_awaited.empty();
+    const bool isLeft = m_machine->input.isPaused() || isHeldLeft() || !m_awaited.empty();
     if (isLeft) {
         m_isToReadOn = true;
         m_loop->turns().again(*this);
@@ -280,12 +290,20 @@ void Connection::readOnLater()
 bool Connection::isInputStopped() const noexcept
 {
     const auto& input = m_machine->input;
-    return input.isShut() || input.isPaused() || input.isWaiting();
+    return input.isPaused() || input.isWaiting();
 }
 
-void Connection::countUnfinished(std::size_t bytes)
+std::size_t Connection::keptBytes() const
 {
-    const std::size_t before = std::exchange(m_unfinished, bytes);
+    return m_machine->input.unfinishedBytes() + heldBytes();
+}
+
+void Connection::countKept(std::size_t bytes)
+{
+    const std::size_t before = std::exchange(m_kept, bytes);
+    if (before == 0 && bytes > 0) {
+        m_uid = m_stream->peer().uid;
+    }
     m_loop->accounts().change(UserAccounts::Kind::eUNFINISHED, m_uid, before, bytes);
     if (bytes < before) {
         m_loop->roomFreed();
@@ -294,12 +312,12 @@ void Connection::countUnfinished(std::size_t bytes)
 
 bool Connection::hasRoom(std::size_t bytes, std::string& why)
 {
-    const std::size_t unfinished = m_machine->input.unfinishedBytes();
-    countUnfinished(unfinished); // the batch may have ended some
-    m_uid = unfinished == 0 ? m_stream->peer().uid : m_uid;
+    const std::size_t kept = keptBytes();
+    countKept(kept); // the batch may have ended some
+    m_uid = kept == 0 ? m_stream->peer().uid : m_uid;
     why = m_loop->accounts().whyNoMore(UserAccounts::Kind::eUNFINISHED, m_uid, bytes);
     if (why.empty()) {
-        countUnfinished(unfinished + bytes);
+        countKept(kept + bytes);
     }
     return why.empty();
 }
@@ -317,7 +335,7 @@ void Connection::finishBatch(bool hasRead)
         const Lock lock(m_lock);
         m_isBatch = false;
         m_lastHeard = m_machine->input.lastReceived();
-        if (hasRead && m_isBlocked && m_role == protocol::Role::eCLIENT) {
+        if (hasRead && isOutputWaiting() && m_role == protocol::Role::eCLIENT) {
             progressed(comm::now());
         }
         for (unsigned owed = m_machine->input.takePongsOwed(); owed > 0; --owed) {
@@ -334,7 +352,7 @@ void Connection::onPeerExited()
 {
     const IoLoop::Turn turn(*m_loop);
     const auto keep = shared_from_this();
-    if (m_isOpen && (!m_isReading || isInputStopped())) {
+    if (m_isOpen && (!m_isReading || isInputStopped() || heldBytes() > 0)) {
         endAfterInput(PROCESS_ENDED);
     } else {
         lose(PROCESS_ENDED);
@@ -366,7 +384,7 @@ void Connection::pushOut(Haste haste)
         }
     }
     write();
-    shutInput();
+    holdIfOver();
 }
 
 bool Connection::isBurst() const
@@ -426,12 +444,12 @@ void Connection::write()
         break;
     }
     countQueued();
-    reopenInput();
+    endHold();
 }
 
 /// What may be queued on a connection before it is held. Once the process has too much queued, it is little for each:
 /// so those that have much are held.
-std::size_t Connection::shutBound() const
+std::size_t Connection::holdBound() const
 {
     const CommSettings& settings = m_loop->settings();
     const Shared together = shared(&QueuedBytes::Amount::all);
@@ -440,24 +458,24 @@ std::size_t Connection::shutBound() const
 }
 
 /// With the lock held, after writing what could be written.
-void Connection::shutInput()
+void Connection::holdIfOver()
 {
-    if (m_role == protocol::Role::eSERVER && m_isBlocked && !m_isBroken && !m_machine->input.isShut() &&
-        m_machine->output.queuedBytes() >= shutBound()) {
-        m_machine->input.shut();
+    if (m_role == protocol::Role::eSERVER && m_isBlocked && !m_isBroken && !isHeld() &&
+        m_machine->output.queuedBytes() >= holdBound()) {
+        m_isHeld = true;
         KESA_TRACE(CHANNEL, 1, "[hold] '%s' does not take its answers: %zu bytes are queued, its requests wait",
                    peerName().c_str(), m_machine->output.queuedBytes());
     }
 }
 
 /// With the lock held, any thread; the loop then goes on with what has waited.
-void Connection::reopenInput()
+void Connection::endHold()
 {
-    if (!m_machine->input.isShut() || (!m_isBroken && m_machine->output.queuedBytes() > shutBound() / 2)) {
+    if (!isHeld() || (!m_isBroken && m_machine->output.queuedBytes() > holdBound() / 2)) {
         return;
     }
-    m_machine->input.reopen();
-    KESA_TRACE(CHANNEL, 1, "[endHold] '%s' is read again", peerName().c_str());
+    m_isHeld = false;
+    KESA_TRACE(CHANNEL, 1, "[endHold] '%s' is served again", peerName().c_str());
     m_loop->post([self = shared_from_this(), opened = m_opened] {
         if (self->m_isOpen && self->m_opened == opened) {
             self->readBatch();
@@ -467,7 +485,7 @@ void Connection::reopenInput()
 
 void Connection::updateReading()
 {
-    const bool isWanted = !m_machine->input.isShut() && !m_machine->input.isWaiting();
+    const bool isWanted = !m_machine->input.isWaiting();
     if (std::exchange(m_isReading, isWanted) != isWanted) {
         m_stream->setReading(isWanted);
     }
@@ -496,13 +514,17 @@ void Connection::writeFailed()
     });
 }
 
+/// Nobody takes answers any more: nothing is held for them either.
+void Connection::breakOff()
+{
+    const Lock lock(m_lock);
+    m_isBroken = true;
+    m_isHeld = false;
+}
+
 void Connection::endAfterInput(std::string reason)
 {
-    {
-        const Lock lock(m_lock);
-        m_isBroken = true;
-        reopenInput();
-    }
+    breakOff();
     readAll([this, reason = std::move(reason)] { lose(reason); });
 }
 
@@ -523,7 +545,8 @@ void Connection::recount(const QueuedBytes::Amount& queued)
 
 std::size_t Connection::boundedBytes() const
 {
-    return m_role == protocol::Role::eCLIENT ? m_machine->output.queuedBytes() : m_machine->output.persistentBytes();
+    const auto& output = m_machine->output;
+    return m_role == protocol::Role::eCLIENT ? output.queuedBytes() + output.waitingBytes() : output.persistentBytes();
 }
 
 bool Connection::isOverBound(std::size_t moreBytes) const
@@ -557,7 +580,7 @@ void Connection::addFacts(ConnectionFacts& facts, comm::TimeNs openedAt) const
     facts.since = comm::wallClock() - (comm::now() - openedAt);
     facts.queuedBytes = m_machine->output.queuedBytes() + m_machine->output.waitingBytes();
     facts.unreadBytes = m_stream->unread();
-    facts.isShut = m_machine->input.isShut();
+    facts.isHeld = isHeld();
 }
 
 void Connection::progressed(comm::TimeNs now) noexcept

@@ -8,6 +8,7 @@
 #include "protocol/Machine.h"
 #include "transport/ITransport.h"
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -80,6 +81,11 @@ protected:
     void queueBeyondBound() noexcept { m_isBeyondBound = true; }
     /// Nobody takes what is written any more; what the peer has sent is still handled. Lock held.
     bool isBroken() const noexcept { return m_isBroken; }
+    /// The peer does not take its answers: it is served no further one. Any thread; one that asks without the lock may
+    /// learn of it a little late.
+    bool isHeld() const noexcept { return m_isHeld.load(std::memory_order_relaxed); }
+    /// Whether nothing more is to be handed to anybody. Loop only.
+    bool isLost() const noexcept { return !m_isOpen || m_lostReason.has_value(); }
     /// When bytes left last; on a client's blocked connection also when bytes came.
     comm::TimeNs lastProgress() const noexcept { return m_lastProgress; }
     /// When the last batch of what the peer sent began to be handled. With the lock held.
@@ -123,6 +129,10 @@ protected:
     virtual bool isAnswerOwed(comm::TimeNs now, bool& isLate) = 0;
     /// The queue is empty: what was held back may be queued now. Lock held, any thread.
     virtual void onQueueEmpty() {}
+    /// Bytes of requests that have come and wait, since the peer is held, or was. Loop only.
+    virtual std::size_t heldBytes() const { return 0; }
+    /// Serves these until `until` has come, or the peer is held. Loop only, inside a batch.
+    virtual void serveHeld(comm::TimeNs /*until*/) {}
     /// Bytes came from the peer, and what was in them has been handled. Loop only, while open.
     virtual void onSign(bool /*isPong*/) {}
     virtual std::string peerName() const = 0;
@@ -132,9 +142,10 @@ protected:
     Room onLarge(std::uint32_t, std::size_t) override { return Room::eNONE; }
     void onAttach(std::uint32_t, std::string) override {}
     void onDetach(std::uint32_t) override {}
-    void onRequest(std::uint32_t, std::uint32_t, Request, bool) override {}
+    void onRequest(std::uint32_t, std::uint32_t, Request, bool, std::size_t) override {}
     void onCancel(std::uint32_t) override {}
     void onCredit(std::uint32_t, std::uint32_t) override {}
+    void onRequestCredit(std::uint32_t) override {}
     void onAttached(std::uint32_t) override {}
     void onDetached(std::uint32_t) override {}
     void onNext(std::uint32_t, Response, std::size_t) override {}
@@ -166,12 +177,15 @@ private:
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
     bool isInputStopped() const noexcept;
-    void countUnfinished(std::size_t bytes);
+    bool isHeldLeft() const { return heldBytes() > 0 && !isHeld(); }
+    std::size_t keptBytes() const;
+    void countKept(std::size_t bytes);
     void write();
-    std::size_t shutBound() const;
+    std::size_t holdBound() const;
     std::size_t boundedBytes() const;
-    void shutInput();
-    void reopenInput();
+    void holdIfOver();
+    void endHold();
+    void breakOff();
     void updateReading();
     void progressed(comm::TimeNs now) noexcept;
     void wantWrite();
@@ -180,6 +194,7 @@ private:
     void recount(const QueuedBytes::Amount& queued);
     bool isBurst() const;
     // Connection_liveness.cpp
+    bool isOutputWaiting() const;
     bool isStuck(comm::TimeNs now) const;
     bool takesNothing(comm::TimeNs now);
 
@@ -199,6 +214,7 @@ private:
     bool m_isGathered = false;    ///< the loop is going to flush
     bool m_isBeyondBound = false; ///< since nothing was queued
     bool m_isFoundStuck = false;
+    std::atomic<bool> m_isHeld{false}; ///< see the head of Connection.cpp; read by others, too
     comm::TimeNs m_lastProgress = 0;
     comm::TimeNs m_lastHeard = 0;
     QueuedBytes::Amount m_counted;
@@ -212,8 +228,8 @@ private:
     std::optional<std::string> m_lostReason;
     std::string m_goodbye; ///< what the server said of the end that is to come
     std::uint64_t m_bytesRead = 0;
-    std::int64_t m_uid = -1; ///< whose account what is unfinished is counted in
-    std::size_t m_unfinished = 0;
+    std::int64_t m_uid = -1; ///< whose account what is kept is counted in
+    std::size_t m_kept = 0;
     std::vector<Awaited> m_awaited;
 };
 

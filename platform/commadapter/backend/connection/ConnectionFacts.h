@@ -21,7 +21,7 @@ struct ConnectionFacts {
     std::optional<std::size_t> openRequests = 0; ///< whose end has not been sent, or has not come; none: not counted
     std::size_t queuedBytes = 0;                 ///< to the peer, still in this process
     std::size_t unreadBytes = 0;                 ///< of the peer, arrived and not read
-    bool isShut = false;                         ///< it is not read, since its peer does not take its answers
+    bool isHeld = false;                         ///< its requests wait, since its peer does not take its answers
     std::size_t cutStreams = 0;                  ///< of the peer: it took their values too slowly
     std::string reason;                          ///< why it is not connected
 };

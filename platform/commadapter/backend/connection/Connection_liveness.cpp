@@ -31,8 +31,8 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     m_isFoundStuck = isStuck(now);
     const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
-    if ((m_machine->input.isShut() || m_machine->input.isWaiting()) && !isJudgedStuck) {
-        m_machine->output.restartDeadlines(now); // its sign of life may be among what is not read
+    if ((isHeld() || m_machine->input.isWaiting()) && !isJudgedStuck) {
+        m_machine->output.restartDeadlines(now); // the ping, or its answer, stands behind what is not taken
     }
     if (now >= m_machine->output.nextDeadline()) {
         lock.unlock();
@@ -58,7 +58,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
         m_machine->output.probe(now);
         pushOut();
     }
-    return isOwed || m_isBlocked || m_machine->output.nextDeadline() != comm::NEVER;
+    return isOwed || isOutputWaiting() || m_machine->output.nextDeadline() != comm::NEVER;
 }
 
 /// With the lock held. The stream is asked itself, in case that news of room are still on their way.
@@ -72,12 +72,18 @@ bool Connection::takesNothing(comm::TimeNs now)
     return false;
 }
 
+/// For room in the socket, or a client's requests for credit.
+bool Connection::isOutputWaiting() const
+{
+    return m_isBlocked || (m_role == protocol::Role::eCLIENT && m_machine->output.waitingBytes() > 0);
+}
+
 /// A queue that has not moved for the time of a heartbeat; one of a client only if nothing has come either, since a
-/// server does not read the requests of a client that takes no answers.
+/// server gives no credit to a client that takes no answers.
 bool Connection::isStuck(comm::TimeNs now) const
 {
     const bool isClient = m_role == protocol::Role::eCLIENT;
-    return m_isBlocked && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
+    return isOutputWaiting() && !(isClient && m_isBatch) && now - m_lastProgress >= m_loop->settings().heartbeat;
 }
 
 } // namespace kesa::commadapter

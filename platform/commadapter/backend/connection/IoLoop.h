@@ -120,6 +120,8 @@ public:
     OncePerPeer& strangers() noexcept { return m_strangers; }
     /// What peers have had traced. Any thread.
     comm::PeerLines& peerLines() noexcept { return m_peerLines; }
+    /// That they were cut off: what else they had traced must not hide that.
+    comm::PeerLines& cutOffLines() noexcept { return m_cutOffLines; }
 
 private:
     void tellInside(const char* operation, const std::string& subject, const std::function<void()>& call) override;
@@ -135,6 +137,7 @@ private:
     QueuedBytes m_queued;
     std::atomic<bool> m_isBeating{false};
     comm::PeerLines m_peerLines;
+    comm::PeerLines m_cutOffLines;
     // Loop only.
     comm::OncePer m_heldTraces{comm::SECOND};
     OncePerPeer m_strangers;

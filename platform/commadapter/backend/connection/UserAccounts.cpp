@@ -44,7 +44,7 @@ const char* describe(UserAccounts::Kind kind)
     case UserAccounts::Kind::ePATHS:
         return "bytes for paths that it asks for";
     case UserAccounts::Kind::eUNFINISHED:
-        return "bytes of unfinished messages";
+        return "bytes of messages that are unfinished or wait";
     }
     return "";
 }

@@ -20,7 +20,7 @@ public:
     enum class Kind : std::uint8_t {
         eCONNECTIONS, ///< number
         ePATHS,       ///< bytes for paths that clients are interested in
-        eUNFINISHED,  ///< bytes of messages that have begun to arrive, in the size that was declared
+        eUNFINISHED,  ///< bytes of messages that have begun to arrive, as declared, and of requests that wait
     };
 
     UserAccounts();

@@ -51,6 +51,7 @@ void Interests::detach(std::uint32_t target)
         m_connection.m_served.cancelAll(found->second.open, "cancelled");
         m_services.removeInterest(found->second.path, found->second.interest);
         count(found->second.path, false);
+        m_untold.erase(target);
         m_targets.erase(found);
     }
 }
@@ -63,6 +64,7 @@ void Interests::end()
         count(target.path, false);
     }
     m_targets.clear();
+    m_untold.clear();
 }
 
 void Interests::provided(std::uint32_t target, const std::shared_ptr<ProvidedService>& service)
@@ -72,10 +74,26 @@ void Interests::provided(std::uint32_t target, const std::shared_ptr<ProvidedSer
         return;
     }
     entry.service = service;
+    if (m_connection.isHeld()) {
+        m_untold.insert(target);
+    } else {
+        tellProvided(target);
+    }
+}
+
+void Interests::tellProvided(std::uint32_t target)
+{
     const auto lock = m_connection.lock();
     if (m_connection.isOpen()) {
         m_connection.output().attached(target);
         m_connection.pushOut();
+    }
+}
+
+void Interests::tellUntold()
+{
+    while (!m_untold.empty() && !m_connection.isHeld()) {
+        tellProvided(m_untold.extract(m_untold.begin()).value());
     }
 }
 
@@ -87,6 +105,9 @@ void Interests::withdrawn(std::uint32_t target, const ProvidedService& service)
     }
     found->second.service = nullptr;
     m_connection.m_served.cancelAll(found->second.open, "the service was withdrawn");
+    if (m_untold.erase(target) > 0) {
+        return;
+    }
     const auto lock = m_connection.lock();
     if (m_connection.isOpen()) {
         m_connection.output().detached(target);

@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <unordered_map>
 
@@ -36,6 +37,9 @@ public:
     bool isEmpty() const noexcept { return m_targets.empty(); }
     /// The connection has ended: forgets all, and cancels the requests.
     void end();
+    /// While the client is held it is not told that a path is provided: it could attach and detach without end, and
+    /// read nothing of it. This makes up for it.
+    void tellUntold();
     /// Null for a number that the client has given nothing. A target outlives its open requests.
     Target* find(std::uint32_t target)
     {
@@ -50,11 +54,13 @@ public:
 
 private:
     void count(const std::string& path, bool isMore);
+    void tellProvided(std::uint32_t target);
 
     ServerConnection& m_connection;
     ServiceTable& m_services;
     std::size_t m_bytes = 0; ///< in the account of the client's user
     std::unordered_map<std::uint32_t, Target> m_targets;
+    std::set<std::uint32_t> m_untold; ///< provided, which the client does not know
 };
 
 } // namespace kesa::commadapter

@@ -8,7 +8,7 @@
 // says for a cancelled one too.
 //
 // A client that does not keep up with its calls waits: their answers are queued whatever there is, and beyond the bound
-// no further request is read, see Connection.cpp. For persistent streams, see `QueuePolicy`. What has to end is ended
+// no further request is served, see Connection.cpp. For persistent streams, see `QueuePolicy`. What has to end is ended
 // by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
 // heartbeat.
 
@@ -83,7 +83,8 @@ private:
 
 // ---- requests ------------------------------------------------------------------------------------------------------
 
-void ServedRequests::serve(std::uint32_t number, Target* target, const Request& request, bool isPersistent)
+void ServedRequests::serve(std::uint32_t number, Target* target, const Request& request, bool isPersistent,
+                           comm::TimeNs came)
 {
     const auto service = target != nullptr ? target->service : nullptr;
     auto lock = m_connection.lock();
@@ -113,7 +114,7 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
         finish(number, serial, &*refusal);
         return;
     }
-    callService(number, serial, service, request);
+    callService(number, serial, service, request, came);
 }
 
 bool ServedRequests::isFree(std::uint32_t number)
@@ -123,7 +124,8 @@ bool ServedRequests::isFree(std::uint32_t number)
 }
 
 void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
-                                 const std::shared_ptr<ProvidedService>& service, const Request& request)
+                                 const std::shared_ptr<ProvidedService>& service, const Request& request,
+                                 comm::TimeNs came)
 {
     comm::TimeNs timeLimit = comm::NEVER;
     if (readTimeLimit(request.getHeader(headers::TIMEOUT), timeLimit)) {
@@ -133,7 +135,7 @@ void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
     }
     std::optional<comm::TimeNs> deadline;
     if (timeLimit != comm::NEVER) {
-        deadline = deadlineOf(m_connection.lastReceived(), timeLimit);
+        deadline = deadlineOf(came, timeLimit);
     }
     std::unique_ptr<IResponseHandler<Response>> handler =
         std::make_unique<ResponseSender>(m_connection.share(*this), number, serial);
@@ -274,7 +276,7 @@ void ServedRequests::addFacts(ConnectionFacts& facts, std::size_t& looks) const
 // ---- clients that are too slow -------------------------------------------------------------------------------------
 
 /// Whether the stream's policy decides. Of a call only a value that would wait behind another of the same call is
-/// judged, by all that calls have queued here: reading no further bounds how many calls there are, not what each says.
+/// judged, by all that calls have queued here: serving no further bounds how many calls there are, not what each says.
 bool ServedRequests::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
 {
     if (stream.isPersistent) {

@@ -27,8 +27,9 @@ public:
     explicit ServedRequests(ServerConnection& connection) : m_connection(connection) {}
 
     // Loop only.
-    /// A request has come: hands it to the service of `target`, if the client has one and somebody provides it.
-    void serve(std::uint32_t stream, Target* target, const Request& request, bool isPersistent);
+    /// Hands a request that has come to the service of `target`, if the client has one and somebody provides it, and
+    /// the client may ask that by now.
+    void serve(std::uint32_t stream, Target* target, const Request& request, bool isPersistent, comm::TimeNs came);
     /// The client has cancelled.
     void cancel(std::uint32_t stream);
     /// The client has handled so much of the stream's values.
@@ -80,7 +81,7 @@ private:
     };
 
     void callService(std::uint32_t number, std::uint64_t serial, const std::shared_ptr<ProvidedService>& service,
-                     const Request& request);
+                     const Request& request, comm::TimeNs came);
     /// What becomes of values that have no credit.
     enum class Waiting { eDROPPED, eSENT };
     void cancelAtService(std::uint32_t number, const Response& error, Waiting waiting);

@@ -10,8 +10,8 @@ namespace kesa::commadapter {
 ServerConnection::ServerConnection(std::shared_ptr<IoLoop> loop, std::shared_ptr<ServiceTable> services,
                                    std::string scheme, std::weak_ptr<const transport::ITransport> transport)
     : Connection(std::move(loop), protocol::Role::eSERVER), m_services(std::move(services)),
-      m_scheme(std::move(scheme)), m_transport(std::move(transport)), m_interests(*this, *m_services), m_served(*this),
-      m_liveness(*this), m_drainedTasks(*this)
+      m_scheme(std::move(scheme)), m_transport(std::move(transport)), m_interests(*this, *m_services), m_held(*this),
+      m_served(*this), m_liveness(*this), m_drainedTasks(*this)
 {}
 
 ServerConnection::~ServerConnection() = default;
@@ -106,7 +106,7 @@ void ServerConnection::onHello(const protocol::Hello& peer)
 
 ServerConnection::Room ServerConnection::onLarge(std::uint32_t stream, std::size_t bytes)
 {
-    if (!m_served.isFree(stream)) {
+    if (m_held.isWaiting(stream) || !m_served.isFree(stream)) {
         return Room::eNONE;
     }
     std::string why;
@@ -120,17 +120,50 @@ void ServerConnection::onAttach(std::uint32_t target, std::string path)
 
 void ServerConnection::onDetach(std::uint32_t target)
 {
+    m_held.cancelAll(target);
     m_interests.detach(target);
 }
 
-void ServerConnection::onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent)
+void ServerConnection::onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent,
+                                 std::size_t cost)
 {
-    m_served.serve(stream, m_interests.find(target), request, isPersistent);
+    m_held.take(stream, target, std::move(request), isPersistent, cost);
+}
+
+void ServerConnection::serveHeld(comm::TimeNs until)
+{
+    m_interests.tellUntold();
+    m_held.serve(until);
+}
+
+void ServerConnection::serve(const HeldRequests::Held& held)
+{
+    m_served.serve(held.stream, m_interests.find(held.target), held.request, held.isPersistent, held.came);
+}
+
+void ServerConnection::sayCancelled(std::uint32_t stream)
+{
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        output().error(stream, Response::createErrorResponse(503, "cancelled"));
+        pushOut();
+    }
+}
+
+void ServerConnection::giveRequestCredit(std::size_t bytes)
+{
+    const Lock lock(m_lock);
+    if (isOpen()) {
+        output().requestCredit(bytes);
+        pushOut();
+    }
 }
 
 void ServerConnection::onCancel(std::uint32_t stream)
 {
-    m_served.cancel(stream);
+    if (!m_held.cancel(stream)) {
+        m_served.cancel(stream);
+    }
 }
 
 void ServerConnection::onCredit(std::uint32_t stream, std::uint32_t bytes)
@@ -157,6 +190,7 @@ void ServerConnection::onClosed(const std::string& reason)
         m_endReason = reason;
     }
     const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
+    m_held.end();
     m_interests.end();
     m_services->remove(self);
     m_liveness.end();

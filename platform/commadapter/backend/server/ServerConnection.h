@@ -3,6 +3,7 @@
 
 #include "backend/connection/Connection.h"
 #include "backend/server/DrainedTasks.h"
+#include "backend/server/HeldRequests.h"
 #include "backend/server/Interests.h"
 #include "backend/server/Liveness.h"
 #include "backend/server/ServedRequests.h"
@@ -53,6 +54,7 @@ private:
     // What the parts use beside what each connection has.
     friend ServedRequests;
     friend DrainedTasks;
+    friend HeldRequests;
     friend Interests;
     friend Liveness;
     Lock lock() const { return Lock(m_lock); }
@@ -72,6 +74,14 @@ private:
     {
         return {shared_from_this(), &part};
     }
+
+    // For the requests that are on their way. Loop only.
+    void serve(const HeldRequests::Held& held);
+    void sayCancelled(std::uint32_t stream);
+    void giveRequestCredit(std::size_t bytes);
+    /// Held, or over.
+    bool isServedNoMore() const noexcept { return isHeld() || isLost(); }
+
     std::string peerName() const override;
     void onClosed(const std::string& reason) override;
     bool isAnswerOwed(comm::TimeNs now, bool& isLate) override;
@@ -81,7 +91,10 @@ private:
     Room onLarge(std::uint32_t stream, std::size_t bytes) override;
     void onAttach(std::uint32_t target, std::string path) override;
     void onDetach(std::uint32_t target) override;
-    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent) override;
+    void onRequest(std::uint32_t stream, std::uint32_t target, Request request, bool isPersistent,
+                   std::size_t cost) override;
+    std::size_t heldBytes() const override { return m_held.bytes(); }
+    void serveHeld(comm::TimeNs until) override;
     void onCancel(std::uint32_t stream) override;
     void onCredit(std::uint32_t stream, std::uint32_t bytes) override;
 
@@ -89,6 +102,7 @@ private:
     const std::string m_scheme;
     const std::weak_ptr<const transport::ITransport> m_transport;
     Interests m_interests;
+    HeldRequests m_held;
     ServedRequests m_served;
     Liveness m_liveness;
     DrainedTasks m_drainedTasks;

@@ -42,10 +42,12 @@ News nextNews(const Streams& streams, const Link& link, std::size_t side, comm::
     if (end.isClosed || end.listener == nullptr) {
         return News::eNONE;
     }
-    if (end.wantsWrite && (end.isOver || room(streams, link.ends[1 - side]) > 0)) {
+    const bool isReadable = end.isReading && (arrivedBytes(end, now) > 0 || (isEndReached(end, now) && !end.isEndRead));
+    const bool isWritable = end.wantsWrite && (end.isOver || room(streams, link.ends[1 - side]) > 0);
+    if (isWritable && !(isReadable && end.isOver && streams.faults.isEndReadFirst)) {
         return News::eWRITABLE;
     }
-    if (end.isReading && (arrivedBytes(end, now) > 0 || (isEndReached(end, now) && !end.isEndRead))) {
+    if (isReadable) {
         return News::eREADABLE;
     }
     return end.isPeerGone && (end.chunks.empty() || !end.isReading) ? News::ePEER_EXITED : News::eNONE;

@@ -33,6 +33,7 @@ public:
         unsigned heldOpenPercent = 0;        ///< a killed process leaves a child that keeps its end of a stream
         comm::TimeNs longestDelay = 0;       ///< of a chunk of bytes on its way; never changes their order
         std::size_t pipeBytes = 256U << 10U; ///< what a stream holds before its writer would block
+        bool isEndReadFirst = false;         ///< who reads and writes hears of the end as a reader
     };
     void setFaults(Faults faults);
     /// Of any faults so far.
