@@ -24,7 +24,7 @@ bool RequestWindow::drop(std::uint32_t stream)
 
 bool RequestWindow::giveBack(std::size_t bytes, std::size_t unsent) noexcept
 {
-    if (bytes > m_used - unsent) {
+    if (bytes + unsent > m_used) {
         return true;
     }
     m_used -= bytes;

@@ -152,10 +152,11 @@ TEST_F(BackendHolding, WhoStandsStillNeitherStopsNorCutsOthers)
     }
     const auto stream = client->request(persistent());
     settle();
+    const auto handler = service.handlers().front();
     outcomes.clear();
     ask(*asker, 1000);
     for (int i = 0; i < 100; ++i) {
-        EXPECT_FALSE(service.handlers().front()->onNext(value("y")));
+        EXPECT_FALSE(handler->onNext(value("y")));
         settle();
     }
     EXPECT_EQ(answered(), 1000U);
@@ -177,6 +178,7 @@ protected:
         kept = client->request(persistent());
         other = connect(answersAt);
         settle();
+        handler = service.handlers().front();
         faults.draw = [](std::uint64_t bound) { return bound - 1; };
         faults.longestDelay = 400 * comm::MILLISECOND;
         network->setFaults(faults);
@@ -192,6 +194,7 @@ protected:
     }
 
     std::shared_ptr<Outcome> kept;
+    CheckedService::Kept handler;  ///< of that
     std::unique_ptr<Client> other; ///< on the same connection
 };
 
@@ -208,13 +211,12 @@ TEST_F(BackendHoldingSlowly, TheClientTakesTheServersSilenceForNoFault)
 
 TEST_F(BackendHoldingSlowly, AProbedClientThatTakesWhatIsQueuedIsNotCutOff)
 {
-    const auto stream = service.handlers().front();
-    EXPECT_FALSE(stream->onNext(value(std::string(BODY, 'y'))));
+    EXPECT_FALSE(handler->onNext(value(std::string(BODY, 'y'))));
     scheduler->pauseGroup(2);
     runFor(1500);
     scheduler->continueGroup(2);
     for (int i = 0; i < 210; ++i) { // it is held for longer than its answer to the probe takes
-        EXPECT_FALSE(stream->onNext(value(std::string(BODY, 'y'))));
+        EXPECT_FALSE(handler->onNext(value(std::string(BODY, 'y'))));
         runFor(i % 7 == 6 ? 400 : 0);
     }
 }
@@ -223,13 +225,17 @@ TEST_F(BackendHoldingSlowly, TheClientProvesThatItLivesAndTakesBackMeanwhile)
 {
     bool isAlive = false;
     answers.peer->proveAlive(comm::SECOND, [&](bool lives) { isAlive = lives; });
+    // More than half of the window has to be given back for those that wait at the server.
+    constexpr std::size_t TAKEN_BACK = 600;
     const std::size_t asked = answers.asked;
-    asker->cancel(*outcomes[asked]);
+    for (std::size_t i = 0; i < TAKEN_BACK; ++i) {
+        asker->cancel(*outcomes[asked + i]);
+    }
     asker->cancel(*outcomes.back());
     other->release();
     runFor(300'000);
     EXPECT_TRUE(isAlive);
-    EXPECT_EQ(answers.asked, outcomes.size() - 2) << "they did not come to the service, and all others did";
+    EXPECT_EQ(answers.asked, outcomes.size() - TAKEN_BACK - 1) << "they did not come to the service, all others did";
 }
 
 TEST_F(BackendHolding, RequestsBeyondTheWindowWaitInTheClientInOrder)
@@ -335,6 +341,36 @@ TEST_F(BackendHolding, WhatHasWaitedIsJudgedByTheRulesAndHasTheTimeThatIsLeft)
     EXPECT_THAT(greedy->heard(), testing::Contains(testing::StartsWith("error 101 403 ")));
     EXPECT_EQ(answers.asked, 101U);
     EXPECT_EQ(answers.deadline, came + 60 * comm::SECOND);
+}
+
+/// Else a user's many connections could have a window kept here each.
+TEST_F(BackendHolding, WhoIsHeldIsReadAsLongAsItsUserHasRoom)
+{
+    network->setUser(9, 65533);
+    begin();
+    std::vector<std::unique_ptr<CarelessPeer>> large; // two have nearly all that a user may
+    for (int i = 0; i < 2; ++i) {
+        large.push_back(connectGreedy());
+        auto& machine = large.back()->machine();
+        const Request request = retrieve("/", std::string((16U << 20U) - 500, 'x'));
+        ASSERT_EQ(machine.output.request(1, 1, request), protocol::Sent::eQUEUED);
+        large.back()->send(protocol::testing::take(machine, 1000));
+        settle();
+    }
+    const auto isUnread = testing::ContainsRegex(R"("unreadBytes":[1-9])");
+    const auto first = connectGreedy();
+    ask(*first, 1, 100);
+    EXPECT_THAT(server->describe(), isUnread);
+    first->setReading(true);
+    settle();
+    EXPECT_EQ(answers.asked, 100U) << "room or not, it is not held any more";
+    const auto second = connectGreedy();
+    ask(*second, 1, 100);
+    EXPECT_THAT(server->describe(), isUnread);
+    large.clear();
+    settle();
+    EXPECT_THAT(server->describe(), Not(isUnread)) << "held or not, there is room";
+    EXPECT_THAT(answers.asked - 100, ABOUT_A_QUEUE);
 }
 
 TEST_F(BackendHolding, WhoReadsNothingIsNotToldOfPathsWithoutEnd)

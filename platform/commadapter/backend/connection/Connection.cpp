@@ -14,7 +14,8 @@
 // that bound; so there is always a write that is waited for meanwhile, which also is what finds the peer's end. What
 // has come by then waits here (`HeldRequests`), and is no more than a window of requests; further ones wait in the
 // client, which gets no credit for them. Both sides read at all times, so two processes that ask each other cannot wait
-// for each other, and a cancel, a pong and credit for values are never behind a request.
+// for each other, and a cancel, a pong and credit for values are never behind a request. Only who is held while its
+// user has no room left for what waits is not read.
 //
 // The end: whoever finds it calls `lose`. Inside a batch that waits for the end of the batch, so that no callback pulls
 // the machine from under its own feet. Where the peer has gone, what it had sent is handled first, in batches like all
@@ -209,6 +210,7 @@ bool Connection::receive(comm::TimeNs until)
 {
     auto& input = m_machine->input;
     m_wasCutShort = true;
+    m_isFull = false;
     serveHeld(until);
     if (isHeldLeft()) {
         return false;
@@ -217,7 +219,7 @@ bool Connection::receive(comm::TimeNs until)
         cutOff(input.reason());
     }
     unsigned reads = 0;
-    while (!m_lostReason && !isInputStopped()) {
+    while (!m_lostReason && !isInputStopped() && !isKeptEnough()) {
         const auto into = input.buffer();
         std::size_t size = 0;
         const auto result = m_stream->read(into, size);
@@ -268,13 +270,13 @@ void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
     }
 }
 
-/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one whose message waits for room,
-/// or that takes no answers, is not waited for.
+/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one that waits for room, or that
+/// takes no answers, is not waited for.
 bool Connection::isHandled(const Awaited& awaited, bool isEmpty) const
 {
     const auto& input = m_machine->input;
     const bool isRead = (isEmpty && !input.isPaused()) || m_bytesRead - input.unhandled() > awaited.end;
-    return input.isWaiting() || (isRead && !isHeldLeft());
+    return isWaitingForRoom() || (isRead && !isHeldLeft());
 }
 
 /// What the time did not suffice for: after what other connections have for this turn of the loop.
@@ -287,10 +289,30 @@ void Connection::readOnLater()
     }
 }
 
+/// Before anything further is read from one that is held.
+bool Connection::isKeptEnough()
+{
+    if (!isHeld()) {
+        return false;
+    }
+    countKept(keptBytes());
+    const std::string why = m_loop->accounts().whyNoMore(UserAccounts::Kind::eUNFINISHED, m_stream->peer().uid, 1);
+    m_isFull = !why.empty();
+    if (m_isFull) {
+        static_cast<void>(waitForRoom(why));
+    }
+    return m_isFull;
+}
+
+/// For a message that begins, or, as it is held, for anything.
+bool Connection::isWaitingForRoom() const noexcept
+{
+    return m_machine->input.isWaiting() || m_isFull;
+}
+
 bool Connection::isInputStopped() const noexcept
 {
-    const auto& input = m_machine->input;
-    return input.isPaused() || input.isWaiting();
+    return m_machine->input.isPaused() || isWaitingForRoom();
 }
 
 std::size_t Connection::keptBytes() const
@@ -324,7 +346,7 @@ bool Connection::hasRoom(std::size_t bytes, std::string& why)
 
 Connection::Room Connection::waitForRoom(const std::string& why)
 {
-    KESA_TRACE(CHANNEL, 2, "[hold] a large message of '%s' waits: %s", peerName().c_str(), why.c_str());
+    KESA_TRACE(CHANNEL, 2, "[hold] what '%s' sends waits: %s", peerName().c_str(), why.c_str());
     m_loop->waitForRoom(*this);
     return Room::eLATER;
 }
@@ -485,7 +507,7 @@ void Connection::endHold()
 
 void Connection::updateReading()
 {
-    const bool isWanted = !m_machine->input.isWaiting();
+    const bool isWanted = !isWaitingForRoom();
     if (std::exchange(m_isReading, isWanted) != isWanted) {
         m_stream->setReading(isWanted);
     }

@@ -108,7 +108,7 @@ protected:
 
     /// For `onLarge`: whether the account of the peer's user has room, which is taken then. Loop only.
     bool hasRoom(std::size_t bytes, std::string& why);
-    /// The message that begins waits for it. Loop only.
+    /// The message that begins, or all that is left, waits for it. Loop only.
     Room waitForRoom(const std::string& why);
 
     bool isOpen() const noexcept { return m_isOpen; }
@@ -176,7 +176,9 @@ private:
     void endBatch(bool hasRead, bool isPong, bool isEmpty);
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
+    bool isWaitingForRoom() const noexcept;
     bool isInputStopped() const noexcept;
+    bool isKeptEnough();
     bool isHeldLeft() const { return heldBytes() > 0 && !isHeld(); }
     std::size_t keptBytes() const;
     void countKept(std::size_t bytes);
@@ -225,6 +227,7 @@ private:
     bool m_isToReadOn = false;  ///< in that, since the last one did not suffice for what had come
     bool m_wasCutShort = false; ///< the last turn has left something, or may have
     bool m_isReading = true;    ///< the stream reports what arrives
+    bool m_isFull = false;      ///< held, and what its user has waiting here leaves no room for more
     std::optional<std::string> m_lostReason;
     std::string m_goodbye; ///< what the server said of the end that is to come
     std::uint64_t m_bytesRead = 0;

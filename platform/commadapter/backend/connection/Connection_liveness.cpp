@@ -31,7 +31,7 @@ bool Connection::checkAlive(comm::TimeNs now, bool hasSlept)
     }
     m_isFoundStuck = isStuck(now);
     const bool isJudgedStuck = m_isFoundStuck && boundedBytes() > 0;
-    if ((isHeld() || m_machine->input.isWaiting()) && !isJudgedStuck) {
+    if ((isHeld() || isWaitingForRoom()) && !isJudgedStuck) {
         m_machine->output.restartDeadlines(now); // the ping, or its answer, stands behind what is not taken
     }
     if (now >= m_machine->output.nextDeadline()) {

@@ -76,7 +76,6 @@ void HeldRequests::end()
 {
     m_waiting.clear();
     m_places.clear();
-    m_used = m_handled;
 }
 
 /// Half a window at a time: few frames, and the client does not stand still meanwhile.

@@ -39,7 +39,7 @@ public:
     void cancelAll(std::uint32_t target);
     bool isWaiting(std::uint32_t stream) const { return m_places.count(stream) != 0; }
     /// Of those that wait.
-    std::size_t bytes() const noexcept { return m_used - m_handled; }
+    std::size_t bytes() const noexcept { return m_waiting.empty() ? 0 : m_used - m_handled; }
     /// The connection has ended: forgets them.
     void end();
 
