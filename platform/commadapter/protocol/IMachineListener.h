@@ -23,7 +23,8 @@ public:
         eLATER, ///< nothing more is handled until `readOn`, which asks again
         eNONE,  ///< the peer breaks the protocol: `stream` is not what it would have to be
     };
-    /// A message of `bytes` begins that comes in several frames, and is kept until it is whole.
+    /// A message of `bytes` begins of which a part has come that is kept until it is whole: one of several frames, or a
+    /// request of one frame with a body that is not small.
     virtual Room onLarge(std::uint32_t stream, std::size_t bytes) = 0;
 
     // Heard by the side that serves.

@@ -10,16 +10,8 @@
 
 namespace kesa::commadapter::protocol {
 
-namespace {
-
-/// Any frame fits as a whole, and the header of the next: what follows a first fragment then goes straight into place.
-constexpr std::size_t BUFFER_BYTES = HEADER_BYTES + FRAME_BYTES + HEADER_BYTES;
-
-} // namespace
-
 Input::Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared)
-    : m_role(role), m_own(own), m_limits(limits), m_listener(listener), m_shared(shared),
-      m_buffer(new unsigned char[BUFFER_BYTES])
+    : m_role(role), m_own(own), m_limits(limits), m_listener(listener), m_shared(shared)
 {}
 
 std::span<unsigned char> Input::buffer()
@@ -28,7 +20,14 @@ std::span<unsigned char> Input::buffer()
         // The header of the next fragment is read along, so that its body, too, goes straight to its place.
         return m_current->body.room(m_remaining + (m_currentHasMore ? HEADER_BYTES : 0));
     }
-    return {m_buffer.get() + m_end, BUFFER_BYTES - m_end};
+    return {m_block.get() + m_end, ReceiveBlock::BYTES - m_end};
+}
+
+void Input::giveBufferBack() noexcept
+{
+    if (m_begin == m_end) {
+        m_block.giveBack();
+    }
 }
 
 bool Input::received(std::size_t size, comm::TimeNs now, comm::TimeNs until)
@@ -46,7 +45,7 @@ bool Input::received(std::size_t size, comm::TimeNs now, comm::TimeNs until)
         if (m_remaining > 0) {
             return false;
         }
-        std::copy_n(body.data() + body.size(), size - ofBody, m_buffer.get());
+        std::copy_n(body.data() + body.size(), size - ofBody, m_block.get());
         size -= ofBody;
         if (endOfFrame()) {
             return true;
@@ -68,7 +67,7 @@ bool Input::readFrames(comm::TimeNs until)
     m_isPaused = m_isPaused && m_end > m_begin;
     // What is left is less than a frame, and in most cases nothing, unless it is held. While paused nothing is read.
     if (m_begin > 0 && !failed && !m_isPaused) {
-        std::memmove(m_buffer.get(), m_buffer.get() + m_begin, m_end - m_begin);
+        std::memmove(m_block.get(), m_block.get() + m_begin, m_end - m_begin);
         m_end -= m_begin;
         m_begin = 0;
     }
@@ -81,7 +80,7 @@ bool Input::readFrame(bool& failed)
     if (size < HEADER_BYTES) {
         return true;
     }
-    const unsigned char* const at = m_buffer.get() + m_begin;
+    const unsigned char* const at = m_block.get() + m_begin;
     const FrameHeader header = readHeader(at);
     failed = checkHeader(header);
     if (failed) {
@@ -97,7 +96,7 @@ bool Input::readFrame(bool& failed)
     }
     const std::size_t taken = std::min<std::size_t>(available, header.length);
     if (isLarge && m_partials.count(header.stream) == 0) {
-        failed = begin(header, content, m_isWaiting);
+        failed = begin(header, content, isComplete, m_isWaiting);
         if (failed || m_isWaiting) {
             return true;
         }
@@ -303,7 +302,7 @@ bool Input::handleMessage(const FrameHeader& header, const unsigned char* conten
     return false;
 }
 
-bool Input::begin(const FrameHeader& header, const unsigned char* content, bool& isLater)
+bool Input::begin(const FrameHeader& header, const unsigned char* content, bool isWhole, bool& isLater)
 {
     const char* const name = ruleOf(header.kind).name;
     // Everything that outlives this frame's bytes is copied: the head's block also feeds the views in `Head`.
@@ -330,11 +329,12 @@ bool Input::begin(const FrameHeader& header, const unsigned char* content, bool&
     if (header.hasMore() && declared <= header.body()) {
         return fail(fmt::format("fragments of stream {} do not make the {} bytes declared", header.stream, declared));
     }
-    if (header.hasMore()) {
-        if (m_unfinishedBytes > 0 && m_unfinishedBytes + header.head + declared > m_limits.maxMessageBytes) {
-            return fail(fmt::format("{} of {} bytes while others of {} are not complete, together more than {}", name,
-                                    declared + header.head, m_unfinishedBytes, m_limits.maxMessageBytes));
-        }
+    if (header.hasMore() && m_unfinishedBytes > 0 &&
+        m_unfinishedBytes + header.head + declared > m_limits.maxMessageBytes) {
+        return fail(fmt::format("{} of {} bytes while others of {} are not complete, together more than {}", name,
+                                declared + header.head, m_unfinishedBytes, m_limits.maxMessageBytes));
+    }
+    if (header.hasMore() || (isRequest && !isWhole)) {
         const auto room = m_listener.onLarge(header.stream, header.head + static_cast<std::size_t>(declared));
         if (room == IMachineListener::Room::eNONE) {
             return fail(fmt::format("{} of a stream that is {}", name, isRequest ? "in use" : "not open"));

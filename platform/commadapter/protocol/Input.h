@@ -7,6 +7,7 @@
 #include "protocol/Hello.h"
 #include "protocol/IMachineListener.h"
 #include "protocol/Limits.h"
+#include "protocol/ReceiveBlock.h"
 #include "protocol/Shared.h"
 #include "protocol/TimeSlice.h"
 
@@ -34,6 +35,9 @@ public:
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now, comm::TimeNs until = comm::NEVER);
     /// Handles what `until` or a lack of room has left of what was received, as `received` would have.
     [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER) { return m_hasFailed || readFrames(until); }
+    /// What `buffer` leads to is not used before it is asked for again: between batches nothing is kept for a
+    /// connection of which nothing has come in part.
+    void giveBufferBack() noexcept;
     /// Bytes that were received and are not handled: at least the beginning of a message.
     bool hasUnhandled() const noexcept { return m_end > m_begin; }
     std::size_t unhandled() const noexcept { return m_end - m_begin; }
@@ -79,8 +83,8 @@ private:
     [[nodiscard]] bool readMessageHead(const FrameHeader& header, const unsigned char* content, Head& head);
     /// Takes up a larger message, or the next fragment of one, with the part of its body that is there.
     [[nodiscard]] bool handlePartial(const FrameHeader& header, const unsigned char* content, std::size_t size);
-    /// `isLater`: nothing has been taken, and there is no room.
-    [[nodiscard]] bool begin(const FrameHeader& header, const unsigned char* content, bool& isLater);
+    /// `isWhole`: its only frame is there. `isLater`: nothing has been taken, and there is no room.
+    [[nodiscard]] bool begin(const FrameHeader& header, const unsigned char* content, bool isWhole, bool& isLater);
     [[nodiscard]] bool endOfFrame();
     void deliver(const FrameHeader& header, const Head& head, Payload payload, std::shared_ptr<HeaderSource> source);
     bool needsSource(const FrameHeader& header, const Head& head) const noexcept;
@@ -93,8 +97,8 @@ private:
     Shared& m_shared;
     std::shared_ptr<const std::string> m_clientId;
 
-    std::unique_ptr<unsigned char[]> m_buffer;
-    std::size_t m_begin = 0; // unread bytes of m_buffer
+    ReceiveBlock m_block;
+    std::size_t m_begin = 0; // unread bytes of m_block
     std::size_t m_end = 0;
 
     std::map<std::uint32_t, Partial> m_partials; // by stream

@@ -188,20 +188,22 @@ TEST(ProtocolBounds, FragmentsAreFullCountedAndOfOneMessage)
 TEST(ProtocolBounds, AMessageForWhichThereIsNoRoomWaitsAsAWhole)
 {
     Pair pair;
-    pair.atServer.room = IMachineListener::Room::eLATER;
-    ASSERT_EQ(pair.client.output.request(1, 1, Request("update", "", large(200000))), Sent::eQUEUED);
-    pair.client.output.ping();
-    ASSERT_FALSE(feed(pair.server, take(pair.client, FRAME_BYTES + HEADER_BYTES, 16)));
-    EXPECT_TRUE(pair.server.input.isWaiting());
-    EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
-    pair.atServer.room = IMachineListener::Room::eTHERE;
-    ASSERT_FALSE(pair.server.input.readOn());
-    EXPECT_FALSE(pair.server.input.isWaiting());
-    EXPECT_GT(pair.server.input.unfinishedBytes(), 200000U);
-    ASSERT_FALSE(feed(pair.server, takeAll(pair.client)));
-    EXPECT_EQ(pair.atServer.lines.size(), 1U);
-    EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
-    EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
+    for (const std::size_t size : {200000U, 20000U}) { // in fragments, and in one frame that is not all there
+        pair.atServer.room = IMachineListener::Room::eLATER;
+        ASSERT_EQ(pair.client.output.request(1, 1, Request("update", "", large(size))), Sent::eQUEUED);
+        pair.client.output.ping();
+        ASSERT_FALSE(feed(pair.server, take(pair.client, std::min(size, FRAME_BYTES + HEADER_BYTES), 16)));
+        EXPECT_TRUE(pair.server.input.isWaiting());
+        EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
+        pair.atServer.room = IMachineListener::Room::eTHERE;
+        ASSERT_FALSE(pair.server.input.readOn());
+        EXPECT_FALSE(pair.server.input.isWaiting());
+        EXPECT_GT(pair.server.input.unfinishedBytes(), size);
+        ASSERT_FALSE(feed(pair.server, takeAll(pair.client)));
+        EXPECT_EQ(std::exchange(pair.atServer.lines, {}).size(), 1U);
+        EXPECT_EQ(pair.server.input.unfinishedBytes(), 0U);
+        EXPECT_EQ(pair.server.input.takePongsOwed(), 1U);
+    }
 
     pair.atServer.room = IMachineListener::Room::eNONE;
     ASSERT_EQ(pair.client.output.request(2, 1, Request("update", "", large(200000))), Sent::eQUEUED);

@@ -172,6 +172,7 @@ inline bool feed(Machine& machine, std::span<const unsigned char> bytes, std::si
         if (machine.input.received(count, 0)) {
             return true;
         }
+        machine.input.giveBufferBack();
         bytes = bytes.subspan(count);
     }
     return false;

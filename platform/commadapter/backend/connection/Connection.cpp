@@ -196,6 +196,7 @@ void Connection::readBatch(comm::TimeNs until)
         cutOff("there is no memory for what it sends");
     }
     m_isReceiving = false;
+    input.giveBufferBack();
     countKept(keptBytes());
     const bool hasRead = m_bytesRead != readBefore;
     const bool isPong = input.pongs() != pongs;

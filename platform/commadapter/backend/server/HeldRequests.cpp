@@ -13,19 +13,19 @@ void HeldRequests::take(std::uint32_t stream, std::uint32_t target, Request&& re
         m_connection.cutOff("it sends more requests than it has credit for");
         return;
     }
+    if (m_waiting.empty() && !m_connection.isServedNoMore()) {
+        m_used += cost;
+        m_connection.serve(stream, target, request, isPersistent, m_connection.lastReceived());
+        handled(cost);
+        return;
+    }
     if (isWaiting(stream)) {
         m_connection.cutOff("request number in use");
         return;
     }
     m_used += cost;
-    Held held{stream, target, std::move(request), isPersistent, false, cost, m_connection.lastReceived()};
-    if (m_waiting.empty() && !m_connection.isServedNoMore()) {
-        m_connection.serve(held);
-        handled(cost);
-        return;
-    }
     m_places[stream] = m_first + m_waiting.size();
-    m_waiting.push_back(std::move(held));
+    m_waiting.push_back({stream, target, std::move(request), isPersistent, false, cost, m_connection.lastReceived()});
 }
 
 void HeldRequests::serve(comm::TimeNs until)
@@ -36,7 +36,7 @@ void HeldRequests::serve(comm::TimeNs until)
         ++m_first;
         if (!held.isCancelled) {
             m_places.erase(held.stream);
-            m_connection.serve(held);
+            m_connection.serve(held.stream, held.target, held.request, held.isPersistent, held.came);
         }
         handled(held.cost);
         if (comm::now() >= until) {

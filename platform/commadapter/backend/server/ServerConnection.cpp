@@ -136,9 +136,10 @@ void ServerConnection::serveHeld(comm::TimeNs until)
     m_held.serve(until);
 }
 
-void ServerConnection::serve(const HeldRequests::Held& held)
+void ServerConnection::serve(std::uint32_t stream, std::uint32_t target, const Request& request, bool isPersistent,
+                             comm::TimeNs came)
 {
-    m_served.serve(held.stream, m_interests.find(held.target), held.request, held.isPersistent, held.came);
+    m_served.serve(stream, m_interests.find(target), request, isPersistent, came);
 }
 
 void ServerConnection::sayCancelled(std::uint32_t stream)

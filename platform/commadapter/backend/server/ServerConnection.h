@@ -76,7 +76,8 @@ private:
     }
 
     // For the requests that are on their way. Loop only.
-    void serve(const HeldRequests::Held& held);
+    void serve(std::uint32_t stream, std::uint32_t target, const Request& request, bool isPersistent,
+               comm::TimeNs came);
     void sayCancelled(std::uint32_t stream);
     void giveRequestCredit(std::size_t bytes);
     /// Held, or over.
