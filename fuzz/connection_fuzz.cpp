@@ -28,6 +28,7 @@ constexpr std::uint64_t VICTIM = 1;
 constexpr std::uint64_t HONEST = 2;
 constexpr std::uint64_t EVIL = 9;
 constexpr std::size_t MOST_CONNECTIONS = 200;
+constexpr std::size_t MOST_UNSENT = 8U << 20U;
 
 using Bytes = std::vector<unsigned char>;
 
@@ -59,7 +60,8 @@ public:
         }
     }
     void setReading(bool isOn) { m_stream->setReading(isOn); }
-    bool isOver() const noexcept { return m_isOver; }
+    /// Nothing more reaches the victim now, or ever.
+    bool isStuck() const noexcept { return m_isOver || m_unsent.size() > MOST_UNSENT; }
 
 private:
     class Nobody final : public protocol::IMachineListener {
@@ -323,7 +325,7 @@ private:
         const int what = m_data.ConsumeIntegralInRange(0, 12);
         const auto stream = m_data.ConsumeIntegralInRange<std::uint32_t>(1, 70);
         const auto size = m_data.ConsumeIntegralInRange<std::size_t>(0, what == 3 ? 300000 : 5000);
-        for (unsigned i = 0; i < times && !peer.isOver(); ++i) {
+        for (unsigned i = 0; i < times && !peer.isStuck(); ++i) {
             say(peer, what, stream + (times > 1 ? i : 0), times > 1 ? std::min<std::size_t>(size, 500) : size);
         }
         peer.sayQueued();
