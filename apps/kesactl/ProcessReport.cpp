@@ -26,10 +26,11 @@ using util::config::Dictionary;
 using util::config::Value;
 using Name = RunDirectoryFacts::Name;
 
-/// Somebody has the name, or answers under it.
+/// Somebody has the name, or answers under it, as far as this user may know.
 bool isThere(const Name& name)
 {
-    return name.holder != 0 || (name.hasSocket && (name.connectError == 0 || name.connectError == EACCES));
+    const bool mayAnswer = name.connectError == 0 || name.connectError == EACCES;
+    return name.holder != 0 || (name.hasSocket && name.kind.empty() && mayAnswer);
 }
 
 void explain(ProcessReport& report, ExitCode exitCode, std::string_view note, std::string_view advice)

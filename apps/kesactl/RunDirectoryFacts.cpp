@@ -145,9 +145,9 @@ void readSocket(RunDirectoryFacts::Name& name, const std::string& folder, int di
     const bool hasUser = isSticky &&
                          ::fstatat(directory, (name.name + ".lock").c_str(), &lock, AT_SYMLINK_NOFOLLOW) == 0 &&
                          lock.st_uid != 0 && lock.st_uid != status.st_uid;
+    name.maker = isSticky ? userName(socket.st_uid) : "";
     if (hasUser && socket.st_uid != lock.st_uid) {
         name.keptOut = userName(lock.st_uid);
-        name.maker = userName(socket.st_uid);
     } else if (isSticky && S_ISREG(socket.st_mode) && socket.st_size == 0) {
         name.hasSocket = false;
         return;

@@ -24,9 +24,9 @@ struct RunDirectoryFacts {
         std::string kind;   ///< of what is no socket: "a directory"; else empty
         pid_t listener = 0; ///< who has made the socket; 0: unknown
         std::string rights; ///< of the socket: "srw-rw---- root kesa"
-        /// Whose the name is, if he cannot replace what stands there, which is of another user, `maker`; else empty.
+        /// Whose the name is, if he cannot replace what stands there, which is of another user; else empty.
         std::string keptOut;
-        std::string maker;
+        std::string maker;    ///< whose that is, where only he, root and the owner of the directory can replace it
         int connectError = 0; ///< `errno` of a connection to the socket; 0: somebody listens
     };
     /// A name that nobody has, and that its lock file keeps users from.

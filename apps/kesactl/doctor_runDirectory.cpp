@@ -76,7 +76,7 @@ void addLost(DoctorPage& page, const RunDirectoryFacts& facts)
 /// Nobody has the name, and nobody listens.
 bool isLeft(const Name& name)
 {
-    return name.holder == 0 && name.connectError != 0 && name.connectError != EACCES;
+    return name.holder == 0 && (!name.kind.empty() || (name.connectError != 0 && name.connectError != EACCES));
 }
 
 void addRealm(DoctorPage& page, const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports)
@@ -135,14 +135,17 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
 /// Of what stands where a socket belongs.
 std::string explainStray(const Name& name, const std::string& socket)
 {
-    return !name.keptOut.empty()
-               ? fmt::format("{} is {}'s, while the name is {}'s, who cannot replace it: have {} remove it", socket,
-                             name.maker, name.keptOut, name.maker == "root" ? "root" : name.maker + " or root")
-           : name.kind == "a directory"
-               ? fmt::format("{} is a directory, so no process can have that name; remove it", socket)
-               : fmt::format(
-                     "{} is {}, where a socket belongs; the next process of that name replaces it, or remove it",
-                     socket, name.kind);
+    const std::string makerOrRoot = name.maker == "root" ? "root" : name.maker + " or root";
+    if (!name.keptOut.empty()) {
+        return fmt::format("{} is {}'s, while the name is {}'s, who cannot replace it: have {} remove it", socket,
+                           name.maker, name.keptOut, makerOrRoot);
+    }
+    if (name.kind == "a directory") {
+        return fmt::format("{} is a directory, so no process can have that name; remove it", socket);
+    }
+    const std::string whose = name.maker.empty() ? "of that name" : "of that name of " + makerOrRoot;
+    return fmt::format("{} is {}, where a socket belongs; the next process {} replaces it, or remove it", socket,
+                       name.kind, whose);
 }
 
 void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vector<ProcessReport>& reports,
@@ -150,7 +153,9 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
 {
     page.addLine("names", facts.names.empty() ? "none is held" : "");
     Value::Array names;
+    constexpr std::size_t MOST_USED = 60;
     std::size_t left = 0;
+    std::size_t used = 0;
     std::vector<std::string> strays;
     for (const Name& name : facts.names) {
         const ProcessFacts process(name.holder != 0 ? name.holder : name.listener);
@@ -160,7 +165,7 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
         if ((isLeft(name) && !name.kind.empty()) || !name.keptOut.empty()) {
             strays.push_back(explainStray(name, facts.path + "/" + name.name + ".sock"));
         }
-        if (!isLeft(name) || ++left <= DoctorPage::MOST) {
+        if (isLeft(name) ? ++left <= DoctorPage::MOST : ++used <= MOST_USED) {
             page.addLine("  " + plainName(name.name), describe(name, process, after));
         }
         Dictionary entry{{"name", plainName(name.name)}};
@@ -175,6 +180,9 @@ void addNames(DoctorPage& page, const RunDirectoryFacts& facts, const std::vecto
             entry.set("answered_after_ms", after / comm::MILLISECOND);
         }
         names.emplace_back(std::move(entry));
+    }
+    if (used > MOST_USED) {
+        page.addLine(fmt::format("  and {} more", used - MOST_USED), "which have a process; kesactl ps shows all");
     }
     if (left > DoctorPage::MOST) {
         page.addLine(fmt::format("  and {} more", left - DoctorPage::MOST), "nobody: their sockets are left");

@@ -1,5 +1,7 @@
 #include "SystemTest.h"
 
+#include <sys/wait.h>
+
 #include <filesystem>
 
 namespace kesa::system_test {
@@ -45,6 +47,17 @@ Process& SystemTest::startRegistry()
     Process& registry = launchRegistry();
     registry.expect("kesa-registryd: ready at ipc://kesa-registryd/registry");
     return registry;
+}
+
+SystemTest::Printed SystemTest::runTool(const std::vector<std::string>& words, const Options& options)
+{
+    Process& tool = launchTool(words, options);
+    Printed printed{WEXITSTATUS(tool.expectEnd()), {}, tool.traces()};
+    for (const std::string& line : tool.history()) {
+        printed.text += line + '\n';
+    }
+    discard(tool);
+    return printed;
 }
 
 Process& SystemTest::start(const std::string& process, const Options& options)

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace kesa::system_test {
 
@@ -34,6 +35,14 @@ protected:
 
     /// Returns when it is ready.
     Process& startRegistry();
+
+    struct Printed {
+        int status = 0;
+        std::string text;
+        std::string complaint;
+    };
+    /// What kesactl prints to the end.
+    Printed runTool(const std::vector<std::string>& words, const Options& options = {});
 
     /// Somebody who is not concerned: a client of a service, whose calls succeed.
     void startBystander(const std::string& locator);

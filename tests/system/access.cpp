@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -102,21 +101,9 @@ protected:
             Process::waitForAny({&asker}, std::chrono::steady_clock::now() + LIMIT);
         }
     }
-    struct Printed {
-        int status = 0;
-        std::string text;
-        std::string complaint;
-    };
     Printed may(uid_t asker, const std::string& who, const Question& each)
     {
-        Process& tool =
-            launchTool({"may", who, "call", each.path, each.command, "--resource", each.resource}, of(asker));
-        Printed printed{WEXITSTATUS(tool.expectEnd()), {}, tool.traces()};
-        for (const std::string& line : tool.history()) {
-            printed.text += line + '\n';
-        }
-        discard(tool);
-        return printed;
+        return runTool({"may", who, "call", each.path, each.command, "--resource", each.resource}, of(asker));
     }
     void judge(Process& asker, uid_t user, bool isCar, const Question& each);
 

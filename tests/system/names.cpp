@@ -3,9 +3,13 @@
 #include "RawPeer.h"
 #include "SystemTest.h"
 
+#include <gmock/gmock.h>
+
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
+#include <utility>
 
 namespace kesa::system_test {
 namespace {
@@ -70,6 +74,31 @@ TEST_F(SystemNames, WhoMayNotWriteIntoTheRunDirectoryIsAClientOnly)
     reader.expectTrace("'ipc://nav' is not connected: no right to use \"" + runDirectory() +
                        "/nav.sock\", which has the group ");
     fs::permissions(runDirectory(), fs::perms(0755));
+}
+
+TEST_F(SystemNames, WhatAnotherUserHasPutInTheWayIsNamed)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can make the files of two users";
+    }
+    constexpr uid_t DAEMON = 1;
+    fs::create_directory(runDirectory());
+    fs::permissions(runDirectory(), fs::perms(01777));
+    for (const auto& [file, user] : {std::pair{"media.lock", NOBODY}, {"media.sock", DAEMON}, {"nav.sock", DAEMON}}) {
+        std::ofstream(fs::path(runDirectory()) / file) << file;
+        ASSERT_EQ(::chown((runDirectory() + '/' + file).c_str(), user, user), 0);
+    }
+    const Printed doctor = runTool({"doctor"});
+    EXPECT_EQ(doctor.status, 1);
+    EXPECT_THAT(doctor.text, testing::HasSubstr("media.sock is daemon's, while the name is nobody's, who cannot "
+                                                "replace it: have daemon or root remove it"));
+    EXPECT_THAT(doctor.text, testing::HasSubstr("nav.sock is a file, where a socket belongs; the next process of that "
+                                                "name of daemon or root replaces it, or remove it"));
+    if (canOthersRunActors()) {
+        const Printed ps = runTool({"ps"}, {.user = NOBODY}); // who may not even try them
+        EXPECT_EQ(ps.status, 1);
+        EXPECT_THAT(ps.complaint, testing::HasSubstr("no process has a name in the run directory"));
+    }
 }
 
 } // namespace

@@ -5,7 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -118,22 +117,11 @@ protected:
         return news;
     }
 
-    struct Printed {
-        int status = 0;
-        std::string text;
-    };
     Printed run(const std::string& user, const std::vector<std::string>& words)
     {
         Options options = of(user);
         options.trace = "*=5";
-        Process& tool = launchTool(words, options);
-        Printed printed{WEXITSTATUS(tool.expectEnd()), {}};
-        for (const std::string& line : tool.history()) {
-            printed.text += line + '\n';
-        }
-        printed.text += tool.traces();
-        discard(tool);
-        return printed;
+        return runTool(words, options);
     }
     /// The registry's answer, as `kesactl why` has it.
     std::string explanation(const std::string& user, const std::string& path, const std::string& process = {})
@@ -219,7 +207,7 @@ void SystemPolicy::expectTools(const std::vector<Case>& cases)
             EXPECT_EQ(run("root", {"may", number, "see", each.path}).status, see.status);
         }
     }
-    EXPECT_THAT(run("nav", {"may", std::to_string(MEDIA), "see", "/end/1"}).text,
+    EXPECT_THAT(run("nav", {"may", std::to_string(MEDIA), "see", "/end/1"}).complaint,
                 HasSubstr("tells what others may only to root"));
 }
 
@@ -363,7 +351,7 @@ TEST_F(SystemPolicy, WhoSeesNothingIsTaughtNothing)
         }
     }
     EXPECT_THAT(run("nav", {"list"}).text, Not(HasSubstr("secret")));
-    EXPECT_THAT(run("nav", {"show", "/media/secret/keys"}).text, HasSubstr("no service at"));
+    EXPECT_THAT(run("nav", {"show", "/media/secret/keys"}).complaint, HasSubstr("no service at"));
 }
 
 } // namespace
