@@ -1,5 +1,7 @@
 #include "Watchdog.h"
 
+#include "ServiceManager.h"
+
 #include <comm/Scheduler.h>
 #include <kesa/Disposable.h>
 #include <kesa/IKesaApi.h>
@@ -9,9 +11,6 @@
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 
-#include <systemd/sd-daemon.h>
-
-#include <cstdint>
 #include <utility>
 
 namespace registryd {
@@ -26,8 +25,9 @@ constexpr unsigned short NOT_CONNECTED = 503;
 
 class Watchdog::Impl : public std::enable_shared_from_this<Watchdog::Impl> {
 public:
-    explicit Impl(comm::TimeNs period)
-        : m_period(period), m_loop(comm::Scheduler::current().makeReactor("kesa-watchdog"))
+    explicit Impl(ServiceManager& manager)
+        : m_manager(manager), m_period(manager.beatLimit() / 3),
+          m_loop(comm::Scheduler::current().makeReactor("kesa-watchdog"))
     {}
 
     void start(const kesa::url& registry)
@@ -58,7 +58,7 @@ private:
         }
         const auto again = [self = shared_from_this(), registry = std::weak_ptr(m_registry)](bool isAnswered) {
             if (isAnswered) {
-                sd_notify(0, "WATCHDOG=1");
+                self->m_manager.beat();
             }
             self->m_loop->post([self, registry] {
                 if (registry.lock() == self->m_registry) {
@@ -74,6 +74,7 @@ private:
                                                               })));
     }
 
+    ServiceManager& m_manager;
     const comm::TimeNs m_period;
     const std::shared_ptr<comm::Reactor> m_loop;
     kesa::Disposable m_connection;
@@ -82,12 +83,10 @@ private:
     comm::Reactor::Id m_timer = 0;
 };
 
-Watchdog::Watchdog(const kesa::url& registry)
+Watchdog::Watchdog(const kesa::url& registry, ServiceManager& manager)
 {
-    constexpr comm::TimeNs MICROSECOND = comm::MILLISECOND / 1000;
-    std::uint64_t withinUs = 0;
-    if (sd_watchdog_enabled(0, &withinUs) > 0) {
-        m_impl = std::make_shared<Impl>(static_cast<comm::TimeNs>(withinUs) * MICROSECOND / 3);
+    if (manager.beatLimit() > 0) {
+        m_impl = std::make_shared<Impl>(manager);
         m_impl->start(registry);
     }
 }

@@ -3,6 +3,7 @@
 
 #include "HeapTrimmer.h"
 #include "HostCheck.h"
+#include "ServiceManager.h"
 #include "Watchdog.h"
 
 #include <CLI/CLI.hpp>
@@ -12,7 +13,6 @@
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/visible.h>
-#include <systemd/sd-daemon.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -90,26 +90,26 @@ void raiseDescriptorLimit()
     }
 }
 
-void tellReady(const std::string& locators)
+void tellReady(ServiceManager& manager, const std::string& locators)
 {
     fmt::print("kesa-registryd: ready at {}\n", locators);
     std::fflush(stdout);
-    sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators).c_str());
+    manager.tell("READY=1\nSTATUS=The registry is at " + locators);
 }
 
-void reload(kesa::registry::RegistryHost& host, const std::string& locators)
+void reload(kesa::registry::RegistryHost& host, ServiceManager& manager, const std::string& locators)
 {
-    sd_notify(0, "RELOADING=1");
+    manager.tell("RELOADING=1");
     const std::string problem = host.reloadPolicy();
     if (problem.empty()) {
         const std::string policy = obr::visible(host.describePolicy());
         fmt::print("kesa-registryd: the policy has been read again: {}\n", policy);
         std::fflush(stdout);
-        sd_notify(0, ("READY=1\nSTATUS=The registry is at " + locators + "; policy: " + policy).c_str());
+        manager.tell("READY=1\nSTATUS=The registry is at " + locators + "; policy: " + policy);
         return;
     }
     complain(ExitCode::eCONFIGURATION, "the policy stays as it was: " + problem);
-    sd_notify(0, ("READY=1\nSTATUS=The policy is that of before: " + obr::visible(problem)).c_str());
+    manager.tell("READY=1\nSTATUS=The policy is that of before: " + obr::visible(problem));
 }
 
 int awaitSignal(const sigset_t& signals, HeapTrimmer& heap)
@@ -125,26 +125,26 @@ int awaitSignal(const sigset_t& signals, HeapTrimmer& heap)
     return signal;
 }
 
-ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals)
+ExitCode serve(const std::vector<kesa::url>& own, const sigset_t& signals, ServiceManager& manager)
 {
     const std::string locators = listOf(own);
     // Kept by the host until the registration has ended, which may be after this.
     const auto exitCode = std::make_shared<std::atomic<ExitCode>>(ExitCode::eENDED);
     kesa::registry::RegistryHost host(
-        *KesaRuntime::getInstance(), [locators] { tellReady(locators); },
+        *KesaRuntime::getInstance(), [&manager, locators] { tellReady(manager, locators); },
         [exitCode](const kesa::Response& error) {
             *exitCode = error.getStatus() == 400 ? ExitCode::eCONFIGURATION : ExitCode::eFAILED;
             complain(*exitCode, "the registry cannot be provided: " + kesa::reasonOf(error));
             ::kill(::getpid(), SIGTERM); // ends the wait below
         });
     {
-        const Watchdog watchdog(own.front());
+        const Watchdog watchdog(own.front(), manager);
         HeapTrimmer heap;
         while (awaitSignal(signals, heap) == SIGHUP) {
-            reload(host, locators);
+            reload(host, manager, locators);
         }
     }
-    sd_notify(0, "STOPPING=1");
+    manager.tell("STOPPING=1");
     host.stop();
     return *exitCode;
 }
@@ -166,6 +166,7 @@ int run(const Arguments& arguments)
     if (check.exitCode != ExitCode::eENDED) {
         return complain(check.exitCode, check.problem);
     }
+    ServiceManager manager; // the runtime's threads tell it
     const bool failed = KesaRuntime::initInstance(arguments.name, document);
     ExitCode exitCode = ExitCode::eFAILED;
     if (failed) {
@@ -175,7 +176,7 @@ int run(const Arguments& arguments)
         exitCode = again.exitCode == ExitCode::eENDED ? ExitCode::eFAILED : again.exitCode;
         complain(exitCode, again.problem.empty() ? "the runtime did not get its name; see its traces" : again.problem);
     } else {
-        exitCode = serve(check.locators, signals);
+        exitCode = serve(check.locators, signals, manager);
     }
     KesaRuntime::shutdown();
     return static_cast<int>(exitCode);

@@ -1,4 +1,4 @@
-// What `kesa-registryd` tells the service manager: that it answers, as long as it does.
+// What `kesa-registryd` tells the service manager: that it answers, as long as it does, and without waiting for it.
 
 #include "SystemTest.h"
 
@@ -27,10 +27,9 @@ class Manager {
 public:
     explicit Manager(const std::string& path)
     {
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        path.copy(address.sun_path, sizeof address.sun_path - 1);
-        EXPECT_EQ(::bind(m_socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+        m_address.sun_family = AF_UNIX;
+        path.copy(m_address.sun_path, sizeof m_address.sun_path - 1);
+        EXPECT_EQ(::bind(m_socket, name(), sizeof m_address), 0);
         ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
         ::setenv("WATCHDOG_USEC", "300000", 1);
     }
@@ -53,7 +52,36 @@ public:
         return {text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0))};
     }
 
+    /// Others tell it so much that there is no room for more.
+    void fillQueue() const
+    {
+        for (bool hasRoom = true; hasRoom;) { // one may have no more under way than its socket holds
+            const int other = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+            const auto send = [&] {
+                return ::sendto(other, OTHERS.data(), OTHERS.size(), 0, name(), sizeof m_address) > 0;
+            };
+            hasRoom = send();
+            while (send()) {
+            }
+            ::close(other);
+        }
+    }
+    /// Whether it hears this, past beats and what others have told.
+    bool hears(const std::string& beginning) const
+    {
+        std::string text = hear();
+        while (text == OTHERS || (text == "WATCHDOG=1" && beginning != text)) {
+            text = hear();
+        }
+        return text.starts_with(beginning);
+    }
+
 private:
+    const sockaddr* name() const { return reinterpret_cast<const sockaddr*>(&m_address); }
+
+    inline static const std::string OTHERS = "STATUS=of another process";
+
+    sockaddr_un m_address{};
     const int m_socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 };
 
@@ -105,6 +133,27 @@ TEST_F(SystemWatchdog, IsToldWhileTheRegistryAnswersAndNoLonger)
         }
     }
     EXPECT_EQ(manager.hear(), "WATCHDOG=1");
+}
+
+TEST_F(SystemWatchdog, NobodyWaitsForAManagerThatDoesNotRead)
+{
+    const Manager manager(pathOf("manager"));
+    Process& registry = startRegistry();
+    EXPECT_TRUE(manager.hears("READY=1"));
+    manager.fillQueue();
+    startProvider("media", "/player", WITH_REGISTRY);
+    const auto someBeats = std::chrono::steady_clock::now() + std::chrono::milliseconds(500);
+    for (int i = 0; std::chrono::steady_clock::now() < someBeats; ++i) {
+        discard(startClient("nav-" + std::to_string(i), "/player", WITH_REGISTRY));
+    }
+    registry.signal(SIGHUP);
+    registry.expect("kesa-registryd: the policy has been read again:");
+    EXPECT_TRUE(manager.hears("READY=1")) << "the newest state";
+    EXPECT_TRUE(manager.hears("WATCHDOG=1"));
+
+    manager.fillQueue();
+    registry.signal(SIGTERM);
+    EXPECT_EQ(registry.expectEnd(), 0);
 }
 
 } // namespace
