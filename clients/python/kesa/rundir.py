@@ -5,7 +5,6 @@ from __future__ import annotations
 import errno
 import fcntl
 import functools
-import itertools
 import os
 import pwd
 import re
@@ -23,7 +22,6 @@ _FIRST_PERSON = 1000  # users below are accounts of services
 _LONGEST_ADDRESS = 107
 _BACKLOG = 4096
 _CREDENTIALS = struct.Struct("3i")  # pid, uid, gid
-_numbers = itertools.count()
 
 
 def find() -> str:
@@ -165,17 +163,24 @@ def _make(directory: str) -> str:
         pass
     _check_trust(directory)
     if not realm(directory):
-        draft = os.path.join(directory, f".realm.{os.getpid()}.{next(_numbers)}.tmp")
+        path = os.path.join(directory, "realm")
+        draft = _draft(path)
         with open(draft, "x", encoding="ascii") as file:
             os.fchmod(file.fileno(), 0o644)
             file.write(secrets.token_hex(8) + "\n")
         try:
-            os.link(draft, os.path.join(directory, "realm"))
+            os.link(draft, path)
         except FileExistsError:
             pass
         finally:
             os.unlink(draft)
     return realm(directory)
+
+
+def _draft(path: str) -> str:
+    """What a file is called until it is ready and gets `path`: who could foresee it could put a file of his there first."""
+    directory, file = os.path.split(path)
+    return os.path.join(directory, f".{file.removesuffix('.sock')[:40]}.{os.getpid()}.{secrets.token_hex(8)}.tmp")
 
 
 def _check_trust(directory: str) -> None:
@@ -277,7 +282,7 @@ def _advise(directory: str, path: str, error: OSError) -> str:
 def _listen(directory: str, path: str, mode: int) -> socket.socket:
     sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     file = None
-    draft = os.path.join(directory, f".{os.getpid()}.{next(_numbers)}.tmp")
+    draft = _draft(path)
     try:
         address = draft
         if len(os.fsencode(draft)) > _LONGEST_ADDRESS:
@@ -305,7 +310,7 @@ def _remove(path: str) -> None:
     if not folder.st_mode & stat.S_ISVTX or os.geteuid() in (0, folder.st_uid):
         os.unlink(path)
         return
-    draft = os.path.join(directory, f".{os.getpid()}.{next(_numbers)}.tmp")
+    draft = _draft(path)
     os.close(os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o600))
     os.rename(draft, path)
 

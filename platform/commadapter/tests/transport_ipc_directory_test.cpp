@@ -285,19 +285,25 @@ TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)
         return child.pid;
     }();
     const std::string ofDead = std::to_string(dead);
-    const std::vector<std::string> kept = {".other." + std::to_string(::getpid()) + ".5.tmp",
-                                           ".young." + ofDead + ".5.tmp",
+    const std::string ending = ".0123456789abcdef.tmp";
+    const std::vector<std::string> kept = {".other." + std::to_string(::getpid()) + ending,
+                                           ".young." + ofDead + ending,
+                                           ".media." + ofDead + ".5.tmp",
+                                           ".media." + ofDead + ".0123456789abcdeg.tmp",
                                            ".notes.tmp",
                                            ".tmp",
-                                           "..5.tmp",
-                                           ".a.12x.5.tmp"};
-    const std::vector<std::string> swept = {".media." + ofDead + ".5.tmp", ".realm." + ofDead + ".0a1b2c3d.tmp"};
+                                           "." + ending,
+                                           ".a.12x" + ending};
+    const std::vector<std::string> swept = {".media." + ofDead + ending, ".realm." + ofDead + ending};
+    const auto leave = [&](const std::string& name) {
+        std::ofstream(place / name) << "x";
+        if (name.find("young") == std::string::npos) {
+            fs::last_write_time(place / name, fs::file_time_type::clock::now() - std::chrono::minutes(2));
+        }
+    };
     for (const auto* const names : {&kept, &swept}) {
         for (const std::string& name : *names) {
-            std::ofstream(place / name) << "x";
-            if (name.find("young") == std::string::npos) {
-                fs::last_write_time(place / name, fs::file_time_type::clock::now() - std::chrono::minutes(2));
-            }
+            leave(name);
         }
     }
     Node node(board, directory);
@@ -308,6 +314,15 @@ TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)
     for (const std::string& name : swept) {
         EXPECT_FALSE(fs::exists(place / name)) << name;
     }
+
+    constexpr int MANY = 5000;
+    for (int i = 0; i < MANY; ++i) {
+        leave(".many" + std::to_string(i) + '.' + ofDead + ending);
+    }
+    Node second(board, directory);
+    ASSERT_FALSE(second.listen("nav")) << second.why;
+    EXPECT_GE(std::distance(fs::directory_iterator(place), fs::directory_iterator()), MANY - 4096)
+        << "a start looks at no more";
 }
 
 // The other causes are told by `kesactl why` and `kesactl ps`, whose sessions have them.

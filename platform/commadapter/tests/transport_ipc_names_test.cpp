@@ -2,6 +2,8 @@
 
 #include "transport_ipc_support.h"
 
+#include <obr/Random.h>
+
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/resource.h>
@@ -9,7 +11,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <csignal>
+#include <cstdint>
 #include <filesystem>
 #include <fstream>
 #include <string>
@@ -148,6 +152,40 @@ TEST_F(TransportIpc, WhereEachUsersFilesAreHisOwnANameIsKeptBetweenTwoProcessesO
         EXPECT_EQ(error, std::errc::operation_not_permitted);
         ASSERT_EQ(::seteuid(0), 0);
     }
+}
+
+/// Counts up.
+class Foreseeable final : public obr::Random {
+public:
+    Foreseeable() { obr::Random::install(this); }
+    ~Foreseeable() override { obr::Random::install(nullptr); }
+    std::uint64_t next() override { return ++m_last; }
+
+private:
+    std::atomic<std::uint64_t> m_last{0};
+};
+
+TEST_F(TransportIpc, WhereOthersMayWriteNoFileOfTheirsKeepsANameFromItsUser)
+{
+    if (::geteuid() != 0) {
+        GTEST_SKIP() << "only root can be two users";
+    }
+    fs::create_directory(directory);
+    ASSERT_EQ(::chmod(root.c_str(), 0755), 0);
+    ASSERT_EQ(::chmod(directory.c_str(), 01777), 0);
+    ASSERT_EQ(::seteuid(54322), 0);
+    const std::string beginning = directory + "/.media." + std::to_string(::getpid()) + '.';
+    for (int number = 0; number < 200; ++number) { // such as that of a descriptor
+        std::ofstream(beginning + std::to_string(number) + ".tmp").flush();
+    }
+    for (const char digit : {'1', '2', '3'}) {
+        std::ofstream(beginning + std::string(15, '0') + digit + ".tmp").flush();
+    }
+    ASSERT_EQ(::seteuid(0) + ::seteuid(54321), 0);
+    const Foreseeable random;
+    Node provider(board, directory);
+    EXPECT_FALSE(provider.listen("media")) << provider.why;
+    ASSERT_EQ(::seteuid(0), 0);
 }
 
 TEST_F(TransportIpc, WithoutDescriptorsTheLimitIsNamedAndTheNextClaimGoesOn)

@@ -6,7 +6,7 @@
 
 #include "transport/Authority.h"
 #include "transport/NameLock.h"
-#include "transport/sweepDrafts.h"
+#include "transport/drafts.h"
 #include <rules/usersAndGroups.h>
 
 #include <obr/explainError.h>
@@ -101,12 +101,6 @@ bool NameClaim::lock(std::string& why)
     return false;
 }
 
-/// A name of many encoded bytes is cut, for the length of socket addresses; the lock's number keeps it unique.
-std::string NameClaim::draftName() const
-{
-    return fmt::format(".{:.40}.{}.{}.tmp", encodeProcessName(m_process), ::getpid(), m_lock.get());
-}
-
 /// The socket gets its rights under a name nobody looks for, and appears under its own when one can connect to it.
 bool NameClaim::listen(const IpcSettings& settings, std::string& why)
 {
@@ -115,20 +109,22 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
         why = fmt::format("cannot make a socket: {}", obr::explainError(errno));
         return true;
     }
-    const std::string temporary = draftName();
-    ::unlinkat(m_directory.get(), temporary.c_str(), 0);
-    bool failed = bindHidden(temporary, settings, why);
+    const std::string draft = bindDraft(why);
+    if (draft.empty()) {
+        return true;
+    }
+    bool failed = giveRights(draft, settings, why);
     struct stat status {};
     if (!failed && (::listen(m_socket.get(), BACKLOG) != 0 ||
-                    ::fstatat(m_directory.get(), temporary.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
-                    ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
+                    ::fstatat(m_directory.get(), draft.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0 ||
+                    ::renameat(m_directory.get(), draft.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
         const int error = errno;
         why = fmt::format("cannot listen at \"{}\" in the run directory: {}{}", m_file, obr::explainError(error),
                           adviseOnOccupied(m_directory.get(), m_file, error));
         failed = true;
     }
     if (failed) {
-        ::unlinkat(m_directory.get(), temporary.c_str(), 0);
+        ::unlinkat(m_directory.get(), draft.c_str(), 0);
         return true;
     }
     m_device = status.st_dev;
@@ -137,29 +133,38 @@ bool NameClaim::listen(const IpcSettings& settings, std::string& why)
     return false;
 }
 
-bool NameClaim::bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const
+/// Answers its name; empty when it fails.
+std::string NameClaim::bindDraft(std::string& why) const
+{
+    std::string draft = makeDraft(encodeProcessName(m_process), [this](const std::string& name) {
+        // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        const std::string path = fmt::format("/proc/self/fd/{}/{}", m_directory.get(), name);
+        path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+        return ::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0;
+    });
+    if (draft.empty()) {
+        why = fmt::format("cannot bind the socket \"{}\" in the run directory: {}", m_file, obr::explainError(errno));
+    }
+    return draft;
+}
+
+bool NameClaim::giveRights(const std::string& draft, const IpcSettings& settings, std::string& why) const
 {
     const auto refuse = [&](const char* what) {
         why = fmt::format("{} the socket \"{}\" in the run directory: {}", what, m_file, obr::explainError(errno));
         return true;
     };
-    // Through the directory's descriptor: a socket's address has 108 bytes, whatever the path of the directory has.
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    const std::string path = fmt::format("/proc/self/fd/{}/{}", m_directory.get(), temporary);
-    path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
-    if (::bind(m_socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        return refuse("cannot bind");
-    }
     // Not by its name from here on: somebody might have put a link there, and what that leads to would get the mode.
-    const auto bound = Descriptor::open(
-        [&] { return ::openat(m_directory.get(), temporary.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
+    const auto bound =
+        Descriptor::open([&] { return ::openat(m_directory.get(), draft.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC); });
     struct stat status {};
     if (!bound || ::fstat(bound.get(), &status) != 0) {
         return refuse("cannot look at");
     }
     if (!S_ISSOCK(status.st_mode) || status.st_uid != ::geteuid() || status.st_nlink != 1) {
-        why = fmt::format("somebody has replaced the socket \"{}\" in the run directory", temporary);
+        why = fmt::format("somebody has replaced the socket \"{}\" in the run directory", draft);
         return true;
     }
     if (!settings.socketGroup.empty()) {
@@ -194,13 +199,10 @@ void NameClaim::removeSocket() const
         ::unlinkat(m_directory.get(), m_file.c_str(), 0);
         return;
     }
-    const std::string temporary = draftName();
-    const auto kept = Descriptor::open([&] {
-        return ::openat(m_directory.get(), temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                        S_IRUSR | S_IWUSR);
-    });
-    if (kept && ::renameat(m_directory.get(), temporary.c_str(), m_directory.get(), m_file.c_str()) != 0) {
-        ::unlinkat(m_directory.get(), temporary.c_str(), 0); // the socket then keeps the place
+    std::string draft;
+    const auto kept = makeDraftFile(m_directory.get(), encodeProcessName(m_process), S_IRUSR | S_IWUSR, draft);
+    if (kept && ::renameat(m_directory.get(), draft.c_str(), m_directory.get(), m_file.c_str()) != 0) {
+        ::unlinkat(m_directory.get(), draft.c_str(), 0); // the socket then keeps the place
     }
 }
 

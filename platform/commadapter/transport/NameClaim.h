@@ -47,8 +47,8 @@ private:
     NameClaim(Descriptor directory, const std::string& process);
     bool lock(std::string& why);
     bool listen(const IpcSettings& settings, std::string& why);
-    bool bindHidden(const std::string& temporary, const IpcSettings& settings, std::string& why) const;
-    std::string draftName() const;
+    std::string bindDraft(std::string& why) const;
+    bool giveRights(const std::string& draft, const IpcSettings& settings, std::string& why) const;
     void removeSocket() const;
 
     const Descriptor m_directory;

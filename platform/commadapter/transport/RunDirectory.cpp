@@ -2,6 +2,7 @@
 
 #include "transport/Authority.h"
 #include "transport/directoryTrust.h"
+#include "transport/drafts.h"
 #include <rules/usersAndGroups.h>
 
 #include <obr/explainError.h>
@@ -105,18 +106,17 @@ template <class Place>
 bool writeRealm(int directory, const std::string& realm, Place place)
 {
     const std::string content = realm + '\n';
-    const std::string temporary = fmt::format(".realm.{}.{}.tmp", ::getpid(), content.substr(0, 8));
-    const auto file = openFile(
-        [&] { return ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, REALM_MODE); });
+    std::string draft;
+    const Descriptor file = makeDraftFile(directory, "realm", REALM_MODE, draft);
     if (!file) {
         return true;
     }
     const bool isWritten = ::fchmod(file.get(), REALM_MODE) == 0 &&
                            retryInterrupted([&] { return ::write(file.get(), content.data(), content.size()); }) ==
                                static_cast<ssize_t>(content.size()) &&
-                           retryInterrupted([&] { return ::fsync(file.get()); }) == 0 && place(temporary.c_str());
+                           retryInterrupted([&] { return ::fsync(file.get()); }) == 0 && place(draft.c_str());
     const int error = errno;
-    ::unlinkat(directory, temporary.c_str(), 0);
+    ::unlinkat(directory, draft.c_str(), 0);
     errno = error;
     return !isWritten;
 }
@@ -124,8 +124,8 @@ bool writeRealm(int directory, const std::string& realm, Place place)
 /// The first one to link has won.
 bool makeRealmFile(int directory, const std::string& realm)
 {
-    return writeRealm(directory, realm, [directory](const char* file) {
-        return ::linkat(directory, file, directory, RunDirectory::REALM_FILE, 0) == 0 || errno == EEXIST;
+    return writeRealm(directory, realm, [directory](const char* name) {
+        return ::linkat(directory, name, directory, RunDirectory::REALM_FILE, 0) == 0 || errno == EEXIST;
     });
 }
 
@@ -140,8 +140,8 @@ void adoptRealm(int directory, const RealmFile& file)
         (user != 0 && user != folder.st_uid)) {
         return;
     }
-    static_cast<void>(writeRealm(directory, file.realm, [directory](const char* draft) {
-        return ::renameat(directory, draft, directory, RunDirectory::REALM_FILE) == 0;
+    static_cast<void>(writeRealm(directory, file.realm, [directory](const char* name) {
+        return ::renameat(directory, name, directory, RunDirectory::REALM_FILE) == 0;
     }));
 }
 

@@ -1,7 +1,9 @@
 // A draft has its name for less than a millisecond. Its owner may be of another container, in which its number is
 // another's or nobody's here, so the age decides as well.
 
-#include "transport/sweepDrafts.h"
+#include "transport/drafts.h"
+
+#include <obr/Random.h>
 
 #include <fcntl.h>
 #include <signal.h>
@@ -21,7 +23,16 @@ namespace kesa::commadapter::transport {
 namespace {
 
 constexpr std::string_view DRAFT_ENDING = ".tmp";
+constexpr std::size_t RANDOM_DIGITS = 16;
 constexpr time_t LONGEST_DRAFT_S = 60;
+constexpr int MOST_SWEPT = 4096;
+
+/// Many encoded bytes are cut, for the length of socket addresses.
+std::string draftName(std::string_view what)
+{
+    return fmt::format(".{:.40}.{}.{:0{}x}{}", what, ::getpid(), obr::Random::current().next(), RANDOM_DIGITS,
+                       DRAFT_ENDING);
+}
 
 /// The number of who made it; 0: it is no draft.
 pid_t makerOf(std::string_view file)
@@ -30,7 +41,11 @@ pid_t makerOf(std::string_view file)
         return 0;
     }
     file.remove_suffix(DRAFT_ENDING.size());
-    file = file.substr(0, file.rfind('.')); // without the number that tells it from others of its process
+    const std::string_view random = file.substr(file.rfind('.') + 1);
+    if (random.size() != RANDOM_DIGITS || random.find_first_not_of("0123456789abcdef") != std::string_view::npos) {
+        return 0;
+    }
+    file.remove_suffix(RANDOM_DIGITS + 1);
     const std::size_t dot = file.rfind('.');
     if (dot == 0 || dot == std::string_view::npos) {
         return 0;
@@ -53,11 +68,39 @@ bool isLeftBehind(int directory, const std::string& file, const struct stat& pre
 
 } // namespace
 
+std::string makeDraft(std::string_view what, const std::function<bool(const std::string& name)>& make)
+{
+    constexpr int ATTEMPTS = 8;
+    std::string name;
+    for (int attempt = 0; attempt < ATTEMPTS; ++attempt) {
+        name = draftName(what);
+        if (!make(name)) {
+            return name;
+        }
+        if (errno != EEXIST && errno != EADDRINUSE) {
+            break;
+        }
+    }
+    return {};
+}
+
+Descriptor makeDraftFile(int directory, std::string_view what, mode_t mode, std::string& name)
+{
+    Descriptor file;
+    name = makeDraft(what, [&](const std::string& draft) {
+        file =
+            openFile([&] { return ::openat(directory, draft.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode); });
+        return !file;
+    });
+    return file;
+}
+
 void sweepDrafts(int directory, const struct stat& present)
 {
     std::error_code failed; // what cannot be listed is left as it is
     std::filesystem::directory_iterator entries(fmt::format("/proc/self/fd/{}", directory), failed);
-    for (; !failed && entries != std::filesystem::directory_iterator(); entries.increment(failed)) {
+    const std::filesystem::directory_iterator end;
+    for (int seen = 0; !failed && entries != end && seen < MOST_SWEPT; entries.increment(failed), ++seen) {
         const std::string file = entries->path().filename().string();
         if (isLeftBehind(directory, file, present)) {
             ::unlinkat(directory, file.c_str(), 0);
