@@ -149,7 +149,7 @@ class Claim:
     def release(self) -> None:
         """Removes the socket, then gives the name back."""
         try:
-            _remove(self._path)
+            _remove(self._path, os.fstat(self._lock).st_uid)
         except FileNotFoundError:
             pass
         self.socket.close()
@@ -266,9 +266,11 @@ def _advise(directory: str, path: str, error: OSError) -> str:
         status = os.lstat(path)
         owner = _user(status.st_uid)
         if path.endswith(".lock") and os.stat(directory).st_mode & stat.S_ISVTX and status.st_uid != os.geteuid():
+            place = path.removesuffix(".lock") + ".sock"
+            files = " and ".join(shlex.quote(file) for file in (path, place) if os.path.lexists(file))
             return (
                 f"the name is of the user {owner!r}, whose lock file it is: run as that user, or take another name; if it is "
-                f"not kept for him, have {owner!r} or root remove {shlex.quote(path)}"
+                f"not kept for him, have {owner!r} or root remove {files}"
             )
         return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {shlex.quote(path)}"
     around = os.path.dirname(os.path.abspath(directory))
@@ -302,17 +304,24 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
             os.close(file)
 
 
-def _remove(path: str) -> None:
-    """Where the sticky bit keeps each user's files his own, an empty file takes the place of the socket: into a gap anybody
-    could put a file of his, and the next process of the name could not replace that."""
-    directory = os.path.dirname(path)
-    folder = os.stat(directory)
-    if not folder.st_mode & stat.S_ISVTX or os.geteuid() in (0, folder.st_uid):
+def _remove(path: str, owner: int) -> None:
+    """Where the sticky bit keeps each user's files his own, an empty file of the name's owner takes the place of the socket:
+    into a gap anybody could put a file of his, and the next process of the name could not replace that."""
+    folder = os.stat(os.path.dirname(path))
+    if not folder.st_mode & stat.S_ISVTX or owner in (0, folder.st_uid):
         os.unlink(path)
         return
     draft = _draft(path)
-    os.close(os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o600))
-    os.rename(draft, path)
+    file = os.open(draft, os.O_WRONLY | os.O_CREAT | os.O_EXCL | os.O_CLOEXEC, 0o600)
+    try:
+        if owner != os.geteuid():  # root has had it in his stead
+            os.fchown(file, owner, -1)
+        os.rename(draft, path)
+    except OSError:
+        os.unlink(draft)
+        raise
+    finally:
+        os.close(file)
 
 
 def _set_mode(path: str, mode: int) -> None:

@@ -5,6 +5,7 @@ from __future__ import annotations
 import json
 import os
 import re
+import stat
 import struct
 import sys
 from typing import Iterator
@@ -119,6 +120,11 @@ class Providing(SystemTest):
         os.unlink(lock)
         self.connect("py").close()
         self.assertEqual(os.stat(lock).st_mode & 0o7777, 0o600)
+        if os.geteuid() == 0:
+            os.chown(lock, 54321, -1)
+            self.connect("py").close()
+            place = os.lstat(os.path.join(self.run_dir, "py.sock"))
+            self.assertEqual((place.st_uid, stat.S_IFMT(place.st_mode)), (54321, stat.S_IFREG))
         os.chmod(self.run_dir, 0o755)
 
         bad = os.path.join(self.run_dir, "bad")

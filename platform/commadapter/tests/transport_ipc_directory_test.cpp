@@ -88,6 +88,7 @@ TEST_F(TransportIpc, ADirectoryInWhichOthersCouldReplaceFilesIsRefused)
     fs::create_directory(directory);
     const auto refusal = [&](uid_t owner, gid_t group, mode_t mode, uid_t user) {
         fs::remove(directory + "/media.lock");
+        fs::remove(directory + "/media.sock");
         EXPECT_EQ(::chown(directory.c_str(), owner, group), 0);
         EXPECT_EQ(::chmod(directory.c_str(), mode), 0);
         Node node(board, directory);

@@ -138,9 +138,9 @@ TEST_F(TransportIpc, WhereEachUsersFilesAreHisOwnANameIsKeptBetweenTwoProcessesO
     std::ofstream(directory + "/media.sock").flush(); // as it is made at boot, for him
     ASSERT_EQ(::chown((directory + "/media.sock").c_str(), USER, USER), 0);
     Node client(board, directory);
-    for (int start = 0; start < 2; ++start) {
+    for (const uid_t starter : {USER, uid_t{0}, USER}) {
         EXPECT_EQ(client.connect("media"), ITransport::Failure::eMISSING) << client.reason;
-        ASSERT_EQ(::seteuid(USER), 0);
+        ASSERT_EQ(::seteuid(starter), 0);
         {
             Node provider(board, directory);
             EXPECT_FALSE(provider.listen("media")) << provider.why;
@@ -150,6 +150,10 @@ TEST_F(TransportIpc, WhereEachUsersFilesAreHisOwnANameIsKeptBetweenTwoProcessesO
         std::error_code error;
         fs::remove(directory + "/media.sock", error);
         EXPECT_EQ(error, std::errc::operation_not_permitted);
+        Node other(board, directory);
+        EXPECT_TRUE(other.listen("media"));
+        EXPECT_THAT(other.why, HasSubstr("have \"54321\" or root remove " + directory + "/media.lock and " + directory +
+                                         "/media.sock"));
         ASSERT_EQ(::seteuid(0), 0);
     }
 }

@@ -1,6 +1,7 @@
 // Only the holder of the lock touches `<process>.sock`: a socket left by a dead process is simply replaced. Where the
-// sticky bit keeps each user's files his own, an empty file takes its place at the end: into a gap anybody could put a
-// file of his, and the next process of the name could not replace that.
+// sticky bit keeps each user's files his own, an empty file of the lock's owner takes its place at the end: into a gap
+// anybody could put a file of his, and the next process of the name could not replace that; nor one of root's, which
+// may have had the name in its user's stead.
 
 #include "transport/NameClaim.h"
 
@@ -30,6 +31,7 @@ namespace {
 
 /// The kernel lowers it to its own limit.
 constexpr int BACKLOG = 4096;
+constexpr gid_t NO_GROUP = static_cast<gid_t>(-1); ///< the one that it has
 
 /// On what stands where the socket belongs and cannot be replaced.
 std::string adviseOnOccupied(int directory, const std::string& file, int error)
@@ -192,16 +194,17 @@ bool NameClaim::isNameThere() const
 void NameClaim::removeSocket() const
 {
     struct stat folder {};
-    const uid_t user = ::geteuid();
+    struct stat lock {};
     const bool mayBeKeptOut = ::fstat(m_directory.get(), &folder) == 0 && (folder.st_mode & S_ISVTX) != 0 &&
-                              user != 0 && user != folder.st_uid;
+                              ::fstat(m_lock.get(), &lock) == 0 && lock.st_uid != 0 && lock.st_uid != folder.st_uid;
     if (!mayBeKeptOut) {
         ::unlinkat(m_directory.get(), m_file.c_str(), 0);
         return;
     }
     std::string draft;
     const auto kept = makeDraftFile(m_directory.get(), encodeProcessName(m_process), S_IRUSR | S_IWUSR, draft);
-    if (kept && ::renameat(m_directory.get(), draft.c_str(), m_directory.get(), m_file.c_str()) != 0) {
+    const bool isHis = kept && (lock.st_uid == ::geteuid() || ::fchown(kept.get(), lock.st_uid, NO_GROUP) == 0);
+    if (kept && (!isHis || ::renameat(m_directory.get(), draft.c_str(), m_directory.get(), m_file.c_str()) != 0)) {
         ::unlinkat(m_directory.get(), draft.c_str(), 0); // the socket then keeps the place
     }
 }

@@ -327,8 +327,11 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
         problem.isHeld = true;
         problem.text = explainHeld(encodedName, describeHolder(holder, status));
     } else if (problem.isOfAnother) {
-        problem.advice = fmt::format("if it is not kept for him, have \"{}\" or root remove {}",
-                                     access::userName(status.st_uid), util::shellWord(path));
+        const std::string socket = encodedName + ".sock"; // or what keeps its place
+        const bool isPlaceTaken = ::faccessat(directory, socket.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
+        problem.advice = fmt::format("if it is not kept for him, have \"{}\" or root remove {}{}",
+                                     access::userName(status.st_uid), util::shellWord(path),
+                                     isPlaceTaken ? " and " + util::shellWord(pathOf(directory, socket)) : "");
     } else {
         problem.advice = adviseRemoval(directory, encodedName, path, status);
     }
