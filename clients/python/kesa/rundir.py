@@ -147,13 +147,14 @@ class Claim:
             raise KesaError(f"cannot listen as {name!r} in {directory}: {error}") from error
 
     def release(self) -> None:
-        """Removes the socket, then gives the name back."""
+        """Gives the name back. A socket that cannot be removed is left, as by a process that is killed."""
         try:
             _remove(self._path, os.fstat(self._lock).st_uid)
-        except FileNotFoundError:
+        except OSError:
             pass
-        self.socket.close()
-        os.close(self._lock)
+        finally:
+            self.socket.close()
+            os.close(self._lock)
 
 
 def _make(directory: str) -> str:

@@ -136,6 +136,15 @@ class Providing(SystemTest):
         with self.assertRaisesRegex(kesa.KesaError, f"make {self.run_dir}/none, or name another directory"):
             kesa.connect("py", run_dir=f"{self.run_dir}/none/deep")
 
+    def test_a_name_is_given_back_though_its_socket_cannot_be_removed(self) -> None:
+        system = self.connect("py")
+        path = os.path.join(self.run_dir, "py.sock")
+        os.unlink(path)
+        os.mkdir(path)
+        system.close()
+        os.rmdir(path)
+        self.connect("py").close()
+
     def test_a_child_that_holds_the_socket_does_not_keep_its_parent_s_stream(self) -> None:
         provider = self.start_provider("py", "/py")
         client = self.start(
