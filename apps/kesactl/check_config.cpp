@@ -83,6 +83,12 @@ std::string partitionOf(const std::string& process, const KesaConfig& config, st
     return partition;
 }
 
+bool hasError(const std::vector<Complaint>& complaints)
+{
+    return std::any_of(complaints.begin(), complaints.end(),
+                       [](const Complaint& complaint) { return complaint.severity == Severity::eERROR; });
+}
+
 /// What is wrong with "access" does not.
 bool keepsFromStarting(const ConfigReport& report)
 {
@@ -120,6 +126,7 @@ int checkConfig(const CheckConfigArguments& arguments)
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
     auto policy = reviewPolicy(report);
+    const bool starts = !keepsFromStarting(report); // what is wrong with "access", wherever it stands, does not
     auto access = reviewAccess(report);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     if (std::optional<Complaint> complaint = reviewRunDirectory(runDirectory)) {
@@ -144,7 +151,7 @@ int checkConfig(const CheckConfigArguments& arguments)
                              config,
                              report.firstError() == nullptr,
                              counts,
-                             !keepsFromStarting(report),
+                             starts && !hasError(ofProcess),
                              std::move(policy),
                              std::move(access),
                              valueOf(comm),

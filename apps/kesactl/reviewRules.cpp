@@ -2,6 +2,7 @@
 
 #include <gates/readAccess.h>
 #include <policy/readPolicyRules.h>
+#include <rules/findMisnamedTable.h>
 #include <rules/readDocumentRules.h>
 #include <rules/systemAccounts.h>
 #include <util/config/JsonPositions.h>
@@ -24,15 +25,21 @@ using util::config::DocumentPath;
 using util::config::Value;
 using Complaints = std::vector<Complaint>;
 
+bool isMisnamed(ConfigReport& report, const DocumentPath& place, const kesa::access::RuleForm& form)
+{
+    auto misnamed = kesa::access::findMisnamedTable(report.root, place, form);
+    if (misnamed) {
+        misnamed->path = report.path(std::move(misnamed->path));
+        report.add(std::move(*misnamed));
+    }
+    return misnamed.has_value();
+}
+
 /// What is no list the reading of the document has complained of.
 RulesInWords review(ConfigReport& report, const Value& list, const DocumentPath& place,
                     const kesa::access::RulesReader& read)
 {
     RulesInWords words;
-    if (auto misnamed = kesa::access::findMisnamedTable(report.root, place)) {
-        misnamed->path = report.path(std::move(misnamed->path));
-        report.add(std::move(*misnamed));
-    }
     if (!list.isArray()) {
         return words;
     }
@@ -57,23 +64,26 @@ RulesInWords review(ConfigReport& report, const Value& list, const DocumentPath&
 
 RulesInWords reviewPolicy(ConfigReport& report)
 {
-    return review(report, report.root["registry"]["policy"], {"registry", "policy"},
-                  [](const Value& list, const DocumentPath& place, Complaints& complaints) {
-                      return kesa::registry::readPolicyRules(list, place, systemAccounts(), complaints);
+    const DocumentPath place{"registry", "policy"};
+    static_cast<void>(isMisnamed(report, place, kesa::registry::policyForm()));
+    return review(report, report.root["registry"]["policy"], place,
+                  [](const Value& list, const DocumentPath& where, Complaints& complaints) {
+                      return kesa::registry::readPolicyRules(list, where, systemAccounts(), complaints);
                   });
 }
 
 RulesInWords reviewAccess(ConfigReport& report)
 {
-    bool isClosed = false;
-    const auto read = [&isClosed](const Value& list, const DocumentPath& place, Complaints& complaints) {
-        auto rules = kesa::access::readAccessRules(list, place, complaints);
+    const DocumentPath place{"access"};
+    bool isClosed = isMisnamed(report, place, kesa::access::accessForm());
+    const auto read = [&isClosed](const Value& list, const DocumentPath& where, Complaints& complaints) {
+        auto rules = kesa::access::readAccessRules(list, where, complaints);
         isClosed = std::any_of(complaints.begin(), complaints.end(), [](const Complaint& complaint) {
             return complaint.severity == Complaint::Severity::eERROR;
         });
         return rules;
     };
-    RulesInWords words = review(report, report.root["access"], {"access"}, read);
+    RulesInWords words = review(report, report.root["access"], place, read);
     return isClosed ? RulesInWords{{"other users", "may nothing, since a rule is wrong"}} : words;
 }
 

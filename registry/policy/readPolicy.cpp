@@ -13,11 +13,12 @@ using access::systemAccounts;
 
 ReadPolicy readPolicy(std::int64_t ownUid)
 {
-    access::DocumentRules found = access::readDocumentRules(
-        {"registry", "policy"}, [](const util::config::Value& list, const util::config::DocumentPath& place,
-                                   std::vector<util::config::Complaint>& complaints) {
-            return readPolicyRules(list, place, systemAccounts(), complaints);
-        });
+    access::DocumentRules found =
+        access::readDocumentRules({"registry", "policy"}, policyForm(),
+                                  [](const util::config::Value& list, const util::config::DocumentPath& place,
+                                     std::vector<util::config::Complaint>& complaints) {
+                                      return readPolicyRules(list, place, systemAccounts(), complaints);
+                                  });
     ReadPolicy read;
     read.problem = std::move(found.problem);
     read.warnings = std::move(found.warnings);

@@ -16,15 +16,6 @@ using util::config::DocumentPath;
 
 namespace {
 
-const access::RuleForm& policyForm()
-{
-    static const access::RuleForm& form =
-        *new access::RuleForm{.action = "right",
-                              .actions = {RIGHT_NAMES.begin(), RIGHT_NAMES.end()},
-                              .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
-    return form;
-}
-
 /// A table that lets nobody do the one or the other is rarely meant.
 void complainOfMissingRights(const std::vector<Rule>& rules, const DocumentPath& place,
                              std::vector<Complaint>& complaints)
@@ -41,7 +32,24 @@ void complainOfMissingRights(const std::vector<Rule>& rules, const DocumentPath&
     }
 }
 
+std::vector<std::string_view> commands()
+{
+    std::vector<std::string_view> all = access::accessForm().actions;
+    all.emplace_back(Rule::ANYTHING);
+    return all;
+}
+
 } // namespace
+
+const access::RuleForm& policyForm()
+{
+    static const access::RuleForm& form =
+        *new access::RuleForm{.action = "right",
+                              .actions = {RIGHT_NAMES.begin(), RIGHT_NAMES.end()},
+                              .actionsElsewhere = commands(),
+                              .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
+    return form;
+}
 
 std::vector<Rule> readPolicyRules(const util::config::Value& policy, const DocumentPath& place,
                                   const access::IAccounts& accounts, std::vector<Complaint>& complaints)

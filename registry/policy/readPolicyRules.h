@@ -3,12 +3,15 @@
 
 #include <rules/IAccounts.h>
 #include <rules/Rule.h>
+#include <rules/RuleForm.h>
 #include <util/config/Complaint.h>
 #include <util/config/Value.h>
 
 #include <vector>
 
 namespace kesa::registry {
+
+const access::RuleForm& policyForm();
 
 /// The rules of "registry", "policy": see `access::readRules`.
 std::vector<access::Rule> readPolicyRules(const util::config::Value& policy, const util::config::DocumentPath& place,

@@ -2,6 +2,7 @@
 #include "policy/Policy.h"
 #include "policy/readPolicyRules.h"
 
+#include <rules/findMisnamedTable.h>
 #include <util/config/JSONParser.h>
 
 #include <gmock/gmock.h>
@@ -84,6 +85,50 @@ TEST(PolicyTest, WithoutRulesEachUserHasHisOwn)
     EXPECT_TRUE(media->sees(recordOf("/a", 1002, true)));
     EXPECT_FALSE(media->sees(recordOf("/a", 1002)));
     EXPECT_TRUE(media->sees(recordOf("/registry", -1)));
+}
+
+/// Where the document has rules that were perhaps meant for `place`.
+std::string misnamed(const std::string& json, const util::config::DocumentPath& place, const access::RuleForm& form)
+{
+    Value root;
+    EXPECT_FALSE(util::config::JSONParser().parseString(json, root)) << json;
+    const auto complaint = access::findMisnamedTable(root, place, form);
+    if (complaint) {
+        EXPECT_EQ(complaint->words(),
+                  "has rules, which nobody reads here; did you mean '" + util::config::toText(place) + "'?");
+    }
+    return complaint ? util::config::toText(complaint->path) : "";
+}
+
+TEST(PolicyTest, RulesUnderAnotherKeyAreKnownByWhatTheyAre)
+{
+    const std::string seeing = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})";
+    const std::string asking = R"({"group": "audio", "may": "update", "paths": "/media/**"})";
+    struct Case {
+        std::string document;
+        std::string policy; ///< what may be meant
+        std::string access;
+    };
+    const std::vector<Case> cases = {
+        {R"({"policies": [)" + seeing + "]}", "policies", ""},
+        {R"({"registry": {"rules": [)" + seeing + "]}}", "registry.rules", ""},
+        {R"({"registries": {"policy": [)" + seeing + "]}}", "registries.policy", ""},
+        {R"({"registry": [)" + seeing + "]}", "registry", ""},
+        {R"({"policy": )" + seeing + "}", "policy", ""},
+        {R"({"permissions": [7, )" + asking + "]}", "", "permissions"},
+        {R"({"registry": {"access": [)" + asking + "]}}", "", "registry.access"},
+        {R"({"x": [{"may": "*", "paths": "**"}]})", "", "x"},
+        {R"({"x": [{"may": ["see", "play"], "resources": "/volume"}]})", "", "x"},
+        {R"({"x": [{"may": "play", "paths": "/a"}]})", "x", "x"}, // nobody knows which
+        {R"({"registry": {"policy": []}, "x": [)" + seeing + "]}", "", ""},
+        {R"({"access": [)" + asking + R"(], "registry": {"policy": [)" + seeing + "]}}", "", ""},
+        {R"({"success": ["/a"], "acess": 7, "register": {"max": 1}, "polcy": [], "rules": [{}]})", "", ""},
+        {R"({"mounts": [{"user": "media", "paths": ["/a"]}], "month": {"may": 31}})", "", ""},
+    };
+    for (const Case& each : cases) {
+        EXPECT_EQ(misnamed(each.document, {"registry", "policy"}, policyForm()), each.policy) << each.document;
+        EXPECT_EQ(misnamed(each.document, {"access"}, access::accessForm()), each.access) << each.document;
+    }
 }
 
 TEST(PolicyTest, TellsByWhichRuleAndWhatIsMissing)

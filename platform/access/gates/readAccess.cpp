@@ -23,7 +23,7 @@ std::vector<Rule> readAccessRules(const util::config::Value& list, const util::c
 
 ReadAccess readAccess(std::int64_t ownUid)
 {
-    DocumentRules found = readDocumentRules({"access"}, readAccessRules);
+    DocumentRules found = readDocumentRules({"access"}, accessForm(), readAccessRules);
     ReadAccess read;
     read.problem = std::move(found.problem);
     read.warnings = std::move(found.warnings);

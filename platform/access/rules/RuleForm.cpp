@@ -16,6 +16,7 @@ const RuleForm& accessForm()
     static const RuleForm& form =
         *new RuleForm{.action = "command",
                       .actions = COMMANDS,
+                      .actionsElsewhere = {"register", "see"}, // the registry's policy
                       .mayBeOther = true,
                       .hasResources = true,
                       .example = R"({"user": "media", "may": ["retrieve", "update"], "paths": ["/media/**"]})"};

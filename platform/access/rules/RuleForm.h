@@ -13,7 +13,9 @@ namespace kesa::access {
 struct RuleForm {
     std::string_view action;               ///< what one of "may" is called: "right"
     std::vector<std::string_view> actions; ///< that are known
-    bool mayBeOther = false;               ///< others are taken, too, and "*" for all
+    /// By which rules of another table, that stand in the wrong place, are told from those of this one.
+    std::vector<std::string_view> actionsElsewhere{};
+    bool mayBeOther = false; ///< others are taken, too, and "*" for all
     bool hasProcesses = true;
     bool hasPaths = true;
     bool hasResources = false;

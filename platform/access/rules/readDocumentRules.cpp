@@ -1,10 +1,10 @@
 #include "rules/readDocumentRules.h"
 
+#include "rules/findMisnamedTable.h"
+
 #include <obr/ErrorStorage.h>
-#include <util/config/Dictionary.h>
 #include <util/config/JsonPositions.h>
 #include <util/config/Provider.h>
-#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
@@ -63,38 +63,9 @@ std::optional<Complaint> findPassedOver(const Value& document, const DocumentPat
                : std::nullopt;
 }
 
-/// Not as near as `nearestName` allows: "use_registry" is no "registry".
-bool isMistyped(const std::string& key, const std::string& meant)
-{
-    return key.size() <= util::LONGEST_NEAR_NAME && util::nameDistance(key, meant) <= 2;
-}
-
 } // namespace
 
-std::optional<Complaint> findMisnamedTable(const Value& root, const DocumentPath& place)
-{
-    Value around = root;
-    DocumentPath found;
-    for (const auto& each : place) {
-        const auto& step = std::get<std::string>(each);
-        const Value next(around[step.c_str()]);
-        if (!next.isDefined() && around.isDictionary()) {
-            for (const auto& [key, value] : around.dictionary()) {
-                if (isMistyped(key, step)) {
-                    found.emplace_back(key);
-                    return Complaint{Complaint::Severity::eERROR, std::move(found),
-                                     fmt::format("unknown key '{}'", util::config::shortenedKey(key)),
-                                     fmt::format("did you mean '{}'?", step)};
-                }
-            }
-        }
-        around = next;
-        found.push_back(each);
-    }
-    return std::nullopt;
-}
-
-DocumentRules readDocumentRules(const DocumentPath& place, const RulesReader& read)
+DocumentRules readDocumentRules(const DocumentPath& place, const RuleForm& form, const RulesReader& read)
 {
     DocumentRules found;
     if (!Provider::isConfigured(DOCUMENT_NAME, DOCUMENT_PATH)) {
@@ -116,7 +87,7 @@ DocumentRules readDocumentRules(const DocumentPath& place, const RulesReader& re
     }
     std::vector<Complaint> complaints;
     if (!list.isDefined()) {
-        if (auto misnamed = findMisnamedTable(root, place)) {
+        if (auto misnamed = findMisnamedTable(root, place, form)) {
             misnamed->path.insert(misnamed->path.begin(), whole.begin(),
                                   whole.end() - static_cast<std::ptrdiff_t>(place.size()));
             complaints.push_back(std::move(*misnamed));

@@ -2,6 +2,7 @@
 #define KESA_ACCESS_RULES_READDOCUMENTRULES_H
 
 #include "rules/Rule.h"
+#include "rules/RuleForm.h"
 
 #include <obr/api.h>
 #include <util/config/Complaint.h>
@@ -25,13 +26,9 @@ using RulesReader =
     std::function<std::vector<Rule>(const util::config::Value& list, const util::config::DocumentPath& place,
                                     std::vector<util::config::Complaint>& complaints)>;
 
-/// `place`: of the table in the configuration.
-KESA_API DocumentRules readDocumentRules(const util::config::DocumentPath& place, const RulesReader& read);
-
-/// A key below `root`, the configuration, that was perhaps meant to be that of the table, which is not there: it would
-/// be none, and all would be open that it was to close.
-KESA_API std::optional<util::config::Complaint> findMisnamedTable(const util::config::Value& root,
-                                                                  const util::config::DocumentPath& place);
+/// `place`: of the table in the configuration; one that stands elsewhere is a problem. `form`: what `read` takes.
+KESA_API DocumentRules readDocumentRules(const util::config::DocumentPath& place, const RuleForm& form,
+                                         const RulesReader& read);
 
 } // namespace kesa::access
 
