@@ -50,7 +50,7 @@ TEST_F(SystemNames, NobodyRegistersUnderTheNameOfAnotherLivingProcess)
     do {
         answer = liar.readFrame();
     } while (wire::kindOf(answer) != wire::eERROR);
-    EXPECT_EQ(wire::statusOf(answer), 409U);
+    EXPECT_EQ(wire::targetOf(answer), 409U);
     EXPECT_NE(answer.find("calls itself \"raw\", but process " + std::to_string(raw.pid()) + " has that name"),
               std::string::npos);
 }

@@ -88,7 +88,7 @@ TEST_F(SystemRegistry, WhoRepeatsTheInstanceOfAnotherGetsNoneOfItsPaths)
         answer = thief.readFrame();
     }
     EXPECT_EQ(wire::kindOf(answer), wire::eERROR);
-    EXPECT_EQ(wire::statusOf(answer), 409U);
+    EXPECT_EQ(wire::targetOf(answer), 409U);
     holder.resume();
     expectBelief(watcher, "** /player 1;** /registry -");
     EXPECT_EQ(watcher.findUnexpected("gone"), "");
