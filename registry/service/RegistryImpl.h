@@ -116,7 +116,8 @@ private:
     void* claim(RegistrationHandler&& handler, const ServiceDef& serviceDef, bool isPatient);
 
     // identities.cpp
-    static std::string identify(ServiceDef& record, unsigned short& status);
+    bool isTrusted(const RequestContext& peer) const;
+    std::string identify(ServiceDef& record, unsigned short& status) const;
 
     // askers.cpp
     std::shared_ptr<Asker> currentAsker();

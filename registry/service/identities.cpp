@@ -1,13 +1,16 @@
 // Who provides a service is who registers it: a record says so by the kernel's word, whatever its sender has written
-// there, and an `ipc` locator leads to him.
+// there, and an `ipc` locator leads to him. Who is not trusted has to name one.
 
 #include "service/RegistryImpl.h"
 
+#include <kesa/Path.h>
 #include <kesa/RequestContext.h>
 #include <kesa/serviceregistry/MetainfoKeys.h>
 #include <obr/visible.h>
+#include <transport/Authority.h>
 #include <util/percent.h>
 
+#include <algorithm>
 #include <tuple>
 
 namespace kesa::registry {
@@ -30,6 +33,28 @@ std::string complaintAbout(const url& locator, const std::string& process)
     }
     return "the locator \"" + obr::glimpse(locator.toString()) + "\" names another process than \"" +
            obr::visible(process) + "\", which registers it; a process registers its own locators";
+}
+
+/// Whoever is told of it can try to reach it: it is well formed, and of the realm in which all are that are told.
+bool isUsable(const url& locator, const std::string& realm)
+{
+    const auto endpoint = commadapter::transport::parseProcessAuthority(locator, "ipc");
+    return endpoint && (endpoint->realm.empty() || endpoint->realm == realm) && !locator.hasQueryOrFragment() &&
+           Path::isCanonical(util::decodePercent(locator.path()).value_or(std::string()));
+}
+
+/// Of a record that leads nowhere, which would end what others have asked for: a runtime ends a subscription to the
+/// services that fit a query with the first one that it has no road to.
+std::string complaintAboutRoads(const ServiceDef& record, const RequestContext& peer)
+{
+    if (std::any_of(record.locators.begin(), record.locators.end(),
+                    [&peer](const url& locator) { return isUsable(locator, peer.realm); })) {
+        return {};
+    }
+    return "the record has no locator that leads to \"" + obr::visible(peer.process) +
+           "\" in this realm; name one, as \"" +
+           commadapter::transport::Endpoint{"ipc", peer.process, peer.realm, {}}.toString() +
+           obr::glimpse(record.path.toString()) + "\": only root and the registry's own user may leave it out";
 }
 
 void setProvider(GenericObject& metainfo, const RequestContext& peer, Proof proof)
@@ -66,9 +91,14 @@ GenericObject withProvider(GenericObject&& metainfo, const RequestContext& peer,
 
 } // namespace
 
+bool Registry::Impl::isTrusted(const RequestContext& peer) const
+{
+    return peer.uid == 0 || peer.uid == m_ownUid;
+}
+
 /// Why the record is not its sender's to register, and the status of that; empty when it is. What this process itself
 /// registers stays as it is.
-std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status)
+std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status) const
 {
     const RequestContext* const peer = RequestContext::current();
     if (peer == nullptr) {
@@ -79,6 +109,9 @@ std::string Registry::Impl::identify(ServiceDef& record, unsigned short& status)
         if (std::string why = complaintAbout(locator, peer->process); !why.empty()) {
             return why;
         }
+    }
+    if (std::string why = isTrusted(*peer) ? "" : complaintAboutRoads(record, *peer); !why.empty()) {
+        return why;
     }
     const IPeer::Name name = peer->peer ? peer->peer->proveName() : IPeer::Name();
     if (name.proof == Proof::eDISPROVEN) {

@@ -137,9 +137,9 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
 {
     const RequestContext* const context = RequestContext::current();
     util::config::Value::Array may;
-    const bool isTrusted = context == nullptr || context->uid == 0 || context->uid == m_ownUid;
-    std::vector<access::Identity> identities = identitiesOf(who, isTrusted); // a look-up may take long
-    if (!isTrusted) {
+    const bool mayKnowAll = context == nullptr || isTrusted(*context);
+    std::vector<access::Identity> identities = identitiesOf(who, mayKnowAll); // a look-up may take long
+    if (!mayKnowAll) {
         std::erase_if(identities, [context](const access::Identity& each) { return each.uid != context->uid; });
         if (identities.empty() && (who == std::to_string(context->uid) || who == m_policy->userName(context->uid))) {
             identities = {{context->uid, context->gid, {}}};
@@ -154,7 +154,7 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
         }
         may.emplace_back(std::move(object));
     }
-    return may.empty() && !isTrusted ? util::config::Value() : util::config::Value(std::move(may));
+    return may.empty() && !mayKnowAll ? util::config::Value() : util::config::Value(std::move(may));
 }
 
 } // namespace kesa::registry

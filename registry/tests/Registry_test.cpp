@@ -69,8 +69,18 @@ TEST_F(RegistryTest, ARecordSaysByTheKernelsWordWhoHasRegisteredIt)
     EXPECT_THAT(
         told(),
         ElementsAre(HasSubstr("400: the locator \"ipc://other/s\" names another process than \"a b\", "), "r: ~"));
+    // One that leads nowhere would end the subscriptions of others whose queries it fits.
+    for (const char* const nowhere : {"tcp://p:1/s", "ipc://p+there/s", "ipc://p/", "ipc://p/s?q", ""}) {
+        ServiceDef record = service("/c", nowhere);
+        record.locators.resize(*nowhere == 0 ? 0 : 1);
+        registerService(provider, "r", record);
+        EXPECT_THAT(told(), ElementsAre(HasSubstr("400: the record has no locator that leads to \"a b\" in this realm; "
+                                                  "name one, as \"ipc://a%20b+here/c\""),
+                                        "r: ~"))
+            << nowhere;
+    }
     provider.peer->name = {IPeer::Name::Proof::eDISPROVEN, 812};
-    registerService(provider, "r", service("/c"));
+    registerService(provider, "r", service("/c", "ipc://a%20b/s"));
     EXPECT_THAT(told(),
                 ElementsAre(HasSubstr("409: process 7 calls itself \"a b\", but process 812 has that name; "), "r: ~"));
 }

@@ -3,6 +3,8 @@
 
 #include "transport/ITransport.h"
 
+#include <obr/api.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -14,7 +16,7 @@ namespace kesa::commadapter::transport {
 std::string encodeProcessName(std::string_view name);
 
 /// Reads the authority `process` or `process+realm` of a locator of `scheme`; absent when it is malformed.
-std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme);
+KESA_API std::optional<Endpoint> parseProcessAuthority(const url& locator, std::string_view scheme);
 
 /// A realm nobody else has: 16 random hex digits.
 std::string makeRealm();

@@ -24,7 +24,7 @@ struct Endpoint {
     std::string realm;   ///< empty: this one
     std::string address; ///< host:port, where the scheme has one
 
-    std::string toString() const;
+    KESA_API std::string toString() const;
     friend bool operator==(const Endpoint& a, const Endpoint& b) noexcept
     {
         return a.scheme == b.scheme && a.process == b.process && a.realm == b.realm && a.address == b.address;
