@@ -170,7 +170,7 @@ void Call::value(const Response& response)
     checkInTime();
     taken();
     check(!m_wish.isMalformed, "a malformed time limit is refused");
-    if (m_wish.isLarge()) {
+    if (m_wish.isLarge() && !m_wish.isOfLiar) {
         const std::string_view text = response.getPayload().text();
         check(text.substr(0, text.find(' ')) == m_number, "an answer reaches who asked",
               std::string(text.substr(0, text.find(' '))));
@@ -180,7 +180,7 @@ void Call::value(const Response& response)
 void Call::completed()
 {
     checkInTime();
-    check(!m_wish.isLarge() || m_belief->values == 1, "no answer is lost");
+    check(!m_wish.isLarge() || m_wish.isOfLiar || m_belief->values == 1, "no answer is lost");
     if (hasLimit() && isValueEnough() && m_isTimed && comm::now() > m_deadline) {
         mark("had its value in time, and went on");
     }
@@ -190,6 +190,11 @@ void Call::error(const Response& error)
 {
     const unsigned short status = error.getStatus();
     const std::string text = error.getErrorMessage();
+    m_belief->error = status;
+    if (m_wish.isOfLiar) {
+        checkInTime();
+        return;
+    }
     if (status == 504) {
         check(hasLimit() && !(isValueEnough() && m_belief->values > 0), "504 is of a time limit", text);
         check(!m_isTimed || comm::now() >= m_deadline, "504 comes no sooner than the time is over", text);
@@ -202,7 +207,6 @@ void Call::error(const Response& error)
     if (status == 503) {
         checkReason(text);
     }
-    m_belief->error = status;
     checkInTime();
 }
 
@@ -238,6 +242,9 @@ void Call::destroyed()
 
 void Call::asked(std::optional<comm::TimeNs> deadline)
 {
+    if (m_number.empty()) {
+        return;
+    }
     check(!m_isAsked, "a request reaches its service once");
     m_isAsked = true;
     check(deadline.has_value() == hasLimit(), "the service knows of the time limit");
@@ -249,7 +256,7 @@ void Call::asked(std::optional<comm::TimeNs> deadline)
 
 void Call::given(std::size_t bytes, Flow& flow)
 {
-    if (isOver()) {
+    if (isOver() || m_number.empty()) {
         return;
     }
     m_given = comm::now();
@@ -303,7 +310,8 @@ bool Calls::hasOtherStood(std::uint64_t group, comm::TimeNs since) const
 std::shared_ptr<Call> Calls::of(const Request& request) const
 {
     const std::string_view body = request.getPayload().text();
-    return find(std::string(body.substr(0, body.find(' '))));
+    const auto call = find(std::string(body.substr(0, body.find(' '))));
+    return call ? call : find("");
 }
 
 } // namespace kesa::sim

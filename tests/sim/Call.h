@@ -36,6 +36,7 @@ struct Wish {
     bool isMalformed = false; ///< a time limit that is none
     std::string_view semantic;
     std::size_t bodyBytes = 0;
+    bool isOfLiar = false; ///< who may answer anything
 
     bool isLarge() const { return resource == LARGE; }
     static Wish of(std::string resource)
@@ -49,6 +50,7 @@ struct Wish {
 /// A request as its asker and its service know it, and the rules of its course. With the verdict's mutex held.
 class Call {
 public:
+    /// Without a number: whatever a stranger asks.
     Call(Verdict& verdict, const Calls& calls, Wish wish, std::string number, std::shared_ptr<Belief> belief);
 
     // How its asker issues it.
@@ -108,7 +110,8 @@ class Calls {
 public:
     void add(const std::shared_ptr<Call>& call) { m_calls.emplace(call->number(), call); }
     std::shared_ptr<Call> find(const std::string& number) const;
-    /// The one that a request is of.
+    void setStranger(std::shared_ptr<Call> call) { m_calls[""] = std::move(call); }
+    /// The one that a request is of: what has no number of ours is the stranger's.
     std::shared_ptr<Call> of(const Request& request) const;
     const std::map<std::string, std::shared_ptr<Call>>& all() const { return m_calls; }
     /// From process `to` back to the one that asks it.

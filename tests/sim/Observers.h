@@ -165,6 +165,9 @@ private:
     void see(const optional<Client>& client) { hold("", m_belief->client, client); }
     void see(const optional<runtime::v02::ResolveResult<Client>>& result)
     {
+        if (result) {
+            m_belief->claims[""] = claimOf(result->serviceDef);
+        }
         hold("", m_belief->client, result ? optional<Client>(result->api) : nullopt);
     }
     void see(const runtime::v02::ResolveResult<optional<Client>>& result)
@@ -180,10 +183,22 @@ private:
     void see(const std::vector<RegistryUpdate>& updates)
     {
         for (const RegistryUpdate& update : updates) {
+            checkRoads(*update.element);
             show(*update.element, update.updateType == RegistryUpdate::UpdateTypeEnum::ADDED);
         }
     }
 
+    void checkRoads(const ServiceDef& service)
+    {
+        const std::string_view provider = service.metainfo ? (*service.metainfo)["provider"].stringView() : "";
+        for (const url& locator : service.locators) {
+            const std::string_view authority = locator.authority();
+            if (locator.scheme() == "ipc" && !provider.empty() &&
+                authority.substr(0, authority.find('+')) != provider) {
+                m_verdict.fail("a record leads to who registered it", locator.toString());
+            }
+        }
+    }
     void show(const ServiceDef& service, bool isPresent)
     {
         m_belief->claims[service.path.toString()] = claimOf(service);

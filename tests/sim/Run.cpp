@@ -22,6 +22,11 @@ Run::Run(const Options& options) : m_options(options), m_world(options)
 std::vector<std::string> Run::run()
 {
     drawFaults();
+    SeededRandom liars; // of its own: what the other runs draw stays as it was
+    liars.state = m_options.seed;
+    if (m_options.liars > 0 && !m_options.threads && liars.below(m_options.liars) == 0) {
+        bringLiar();
+    }
     if (m_options.registry) {
         m_world.add(REGISTRY_PROCESS);
     }
@@ -35,6 +40,9 @@ std::vector<std::string> Run::run()
     }
     for (unsigned step = 0; step < m_options.steps && !m_world.verdict().failed(); ++step) {
         act();
+    }
+    if (m_liar) {
+        endLiar();
     }
     commadapter::transport::MemoryNetwork::Faults none;
     none.pipeBytes = m_pipeBytes;
@@ -120,6 +128,9 @@ void Run::advance()
 
 void Run::act()
 {
+    if (m_liar && oneIn(3)) {
+        lie();
+    }
     Process& process = *pick(m_world.processes());
     if (process.isStopped) {
         actWhileStopped(process);
@@ -196,6 +207,9 @@ void Run::actOf(Process& process)
 std::string Run::somePath()
 {
     if (m_options.registry) {
+        if (m_liar && oneIn(6)) {
+            return pick(LIARS_PATHS);
+        }
         return oneIn(20) ? REGISTRY_PATH : pick(DYNAMIC_PATHS);
     }
     return oneIn(2) ? pick(STATIC_PATHS) : pick(DYNAMIC_PATHS);
@@ -203,6 +217,9 @@ std::string Run::somePath()
 
 std::string Run::someLocator()
 {
+    if (m_liar && oneIn(4)) {
+        return "ipc://" + std::string(LIAR) + pick(oneIn(3) ? DYNAMIC_PATHS : LIARS_PATHS);
+    }
     const std::string path = m_options.registry || oneIn(2) ? pick(DYNAMIC_PATHS) : pick(STATIC_PATHS);
     const std::string owner = isStatic(path) ? ownerOf(path) : "p" + std::to_string(draw(PROCESSES));
     return (oneIn(5) ? "tcp://" : "ipc://") + owner + path;

@@ -1,20 +1,28 @@
 #ifndef KESA_TESTS_SIM_RUN_H
 #define KESA_TESTS_SIM_RUN_H
 
+#include "Liar.h"
 #include "World.h"
 
+#include <memory>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kesa::sim {
 
 inline const std::vector<std::string> COLOURS = {"red", "blue"};
+/// That a liar registers mostly, and others do, too.
+inline const std::vector<std::string> LIARS_PATHS = {"/liar/a", "/liar/b"};
 
 /// One run: a few processes that share paths, and actions drawn from the seed. `run` answers the broken rules.
 class Run {
 public:
     explicit Run(const Options& options);
     std::vector<std::string> run();
+    /// Whether the process of that number may break the protocol.
+    bool isLiar(std::uint64_t group) const { return m_world.isStranger(group); }
 
 private:
     std::uint64_t draw(std::uint64_t bound) { return m_random.below(bound); }
@@ -48,6 +56,7 @@ private:
     commadapter::CommSettings crowdSettings(std::size_t pipeBytes);
     Wish someWish();
     void call(Process& process);
+    void call(Process& process, const Subscription& subscription);
     void crowd(Process& asker);
     Client reach(Process& asker, Process& provider);
     void ask(Process& asker, Client client, std::vector<World::Issued>& issued);
@@ -72,6 +81,25 @@ private:
     void lose(Process& process);
     void fewSteps(std::uint64_t most);
 
+    // lies.cpp
+    void bringLiar();
+    void endLiar();
+    void lie();
+    void believe(Process& process);
+    std::string rubbish(std::size_t most);
+    std::string someHello();
+    std::uint32_t someNumber();
+    std::string someFrames();
+    std::string someFrame();
+    std::string fatalFrame();
+    std::string askWithoutEnd();
+    std::string claims();
+    std::string someRoads(const std::string& path);
+    std::optional<std::string> answerOf(std::string_view frame);
+    std::string unasked();
+    std::string answerToAttach(std::uint32_t target);
+    std::string answerToRequest(std::uint32_t stream);
+
     Options m_options;
     SeededRandom m_random;
     SeededRandom m_networkRandom;
@@ -80,6 +108,9 @@ private:
     std::size_t m_fillerBytes = 0;
     bool m_isCrowded = false; ///< many ask at once, and queues are small
     bool m_hasFragments = false;
+    std::vector<std::string> m_instances; ///< that the liar has read in hellos
+    bool m_isLiarTrusted = false;
+    std::unique_ptr<Liar> m_liar; ///< null in most runs
 };
 
 } // namespace kesa::sim

@@ -14,6 +14,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -25,6 +26,7 @@ struct Options {
     bool threads = false;  ///< real loops instead of the simulated ones: not repeatable, for the sanitizers
     bool registry = false; ///< a registry in a process of its own, instead of configured services
     unsigned crowds = 20;  ///< one of so many runs is crowded
+    unsigned liars = 5;    ///< one of so many runs has a process that keeps no rule; 0, and with threads: none
 };
 
 inline constexpr const char* REGISTRY_PROCESS = "kesa-registryd";
@@ -84,6 +86,14 @@ public:
     /// One of its loops runs nothing for so long, while everything else goes on.
     void leaveBehind(Process& process, const std::string& loop, comm::TimeNs time);
 
+    /// Makes one that is no runtime of ours, and may do anything.
+    void addStranger(std::int64_t uid, const std::function<void(std::uint64_t group)>& make);
+    /// The last one.
+    void killStranger();
+    bool isStranger(std::uint64_t group) const { return m_strangers.count(group) != 0; }
+    /// That it may get, or be refused.
+    void noteClaim(const std::string& path);
+
     struct Offer {
         std::string path;
         ServiceDef::TypeEnum type = ServiceDef::TypeEnum::pex;
@@ -108,6 +118,8 @@ public:
     void cancel(const Issued& issued);
     /// One that the subscription has; not the registry's. Null when it has none.
     Client clientOf(const Subscription& subscription);
+    /// By a record of its own, or since somebody looks for it.
+    bool mayLeadToLiar(const Subscription& subscription);
     /// One that the asker has by a locator of the provider's; null when it has none.
     Client clientTo(const Process& asker, const Process& provider);
 
@@ -163,6 +175,7 @@ private:
     Calls m_calls;
     std::vector<std::unique_ptr<Process>> m_processes;
     std::uint64_t m_groups = 0;
+    std::set<std::uint64_t> m_strangers;
     unsigned m_names = 0;
     bool m_isRefusing = false;
     comm::TimeNs m_timeStopped = 0; ///< of all stops together, and of loops left behind

@@ -2,6 +2,8 @@
 
 #include "World.h"
 
+#include <algorithm>
+
 namespace kesa::sim {
 
 Client World::clientOf(const Subscription& subscription)
@@ -17,6 +19,15 @@ Client World::clientOf(const Subscription& subscription)
         }
     }
     return nullptr;
+}
+
+bool World::mayLeadToLiar(const Subscription& subscription)
+{
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    const auto& claims = subscription.belief->claims; // which its records do not have
+    return subscription.target.find("/liar") != std::string::npos ||
+           std::any_of(claims.begin(), claims.end(),
+                       [](const auto& claim) { return claim.second.empty() && claim.first != REGISTRY_PATH; });
 }
 
 Client World::clientTo(const Process& asker, const Process& provider)

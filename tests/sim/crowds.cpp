@@ -69,12 +69,18 @@ Wish Run::someWish()
 
 void Run::call(Process& process)
 {
-    if (process.subscriptions.empty()) {
-        return;
+    if (!process.subscriptions.empty()) {
+        call(process, pick(process.subscriptions));
     }
+}
+
+void Run::call(Process& process, const Subscription& subscription)
+{
     const bool isCancelled = oneIn(4);
-    if (const Client client = m_world.clientOf(pick(process.subscriptions))) {
-        const World::Issued issued = m_world.issue(process, client, someWish());
+    if (const Client client = m_world.clientOf(subscription)) {
+        Wish wish = someWish();
+        wish.isOfLiar = m_liar && m_world.mayLeadToLiar(subscription);
+        const World::Issued issued = m_world.issue(process, client, wish);
         if (isCancelled) {
             m_world.cancel(issued);
         }

@@ -4,6 +4,7 @@
 //   kesa_sim --from 4711 --seeds 1         one run again; a failing seed is the whole report
 //   kesa_sim --registry ...                with a registry in a process of its own, instead of configured services
 //   kesa_sim --crowds 1 ...                many ask at once, in every run
+//   kesa_sim --liars 1 ...                 one process keeps no rule, in every run
 //   kesa_sim --threads --seeds 200         the same model with real threads, for the sanitizers
 //
 // The first runs also collect marks: every rare branch in marks.h must be reached by one of them.
@@ -16,6 +17,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
 #include <iterator>
 #include <mutex>
@@ -66,13 +68,23 @@ public:
             m_found.push_back("nobody breaks the protocol: " + std::string(line.text));
         }
     }
-    std::vector<std::string> take()
+    /// But those of liars.
+    std::vector<std::string> take(const Run& run)
     {
         const std::lock_guard<std::mutex> lock(m_mutex);
+        std::erase_if(m_found, [&run](const std::string& found) { return run.isLiar(processOf(found)); });
         return std::exchange(m_found, {});
     }
 
 private:
+    /// By its number, whatever it calls itself: "'p0 (process 7)' is cut off", "'process 7' is cut off".
+    static std::uint64_t processOf(const std::string& found)
+    {
+        static constexpr std::string_view NUMBER = "process ";
+        const std::size_t at = found.rfind(NUMBER, found.find("' is cut off: "));
+        return at == std::string::npos ? 0 : std::strtoull(found.c_str() + at + NUMBER.size(), nullptr, 10);
+    }
+
     std::mutex m_mutex;
     std::vector<std::string> m_found;
 };
@@ -92,13 +104,15 @@ void look(std::function<void(const tracing::Line&)> work)
 }
 
 /// Prints the failures; 1 if there are any.
-std::uint64_t report(std::uint64_t seed, std::vector<std::string> failures, CutOffs& cutOffs)
+std::uint64_t report(const Options& options, CutOffs& cutOffs)
 {
-    for (std::string& cut : cutOffs.take()) {
+    Run run(options);
+    std::vector<std::string> failures = run.run();
+    for (std::string& cut : cutOffs.take(run)) {
         failures.push_back(std::move(cut));
     }
     for (const std::string& failure : failures) {
-        std::printf("seed %llu: %s\n", static_cast<unsigned long long>(seed), failure.c_str());
+        std::printf("seed %llu: %s\n", static_cast<unsigned long long>(options.seed), failure.c_str());
     }
     return failures.empty() ? 0 : 1;
 }
@@ -110,7 +124,7 @@ int main(int argc, char** argv)
     Options options;
     std::uint64_t from = 1;
     std::uint64_t seeds = 1000;
-    std::uint64_t markSeeds = 300;
+    std::uint64_t markSeeds = 500;
     double seconds = 0;
     bool verbose = false;
     CLI::App app{"Simulates processes that register, track, resolve, call and die."};
@@ -122,6 +136,7 @@ int main(int argc, char** argv)
         ->capture_default_str();
     app.add_flag("--registry", options.registry, "with a registry in a process of its own");
     app.add_option("--crowds", options.crowds, "one of so many runs is crowded")->capture_default_str();
+    app.add_option("--liars", options.liars, "one of so many runs has a liar; 0: none")->capture_default_str();
     app.add_flag("--threads", options.threads, "real threads");
     app.add_flag("--verbose", verbose, "print every trace");
     CLI11_PARSE(app, argc, argv);
@@ -142,7 +157,7 @@ int main(int argc, char** argv)
             look([&cutOffs](const tracing::Line& line) { cutOffs.look(line); });
         }
         options.seed = from + done;
-        failed += report(options.seed, Run(options).run(), cutOffs);
+        failed += report(options, cutOffs);
         ++done;
     }
     tracing::setSink(nullptr);

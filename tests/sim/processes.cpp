@@ -136,6 +136,24 @@ void World::startPosing(Process& process, const Process& other)
     start(process);
 }
 
+void World::addStranger(std::int64_t uid, const std::function<void(std::uint64_t group)>& make)
+{
+    const std::uint64_t group = ++m_groups;
+    m_strangers.insert(group);
+    m_network->setUser(group, uid);
+    m_calls.setStranger(std::make_shared<Call>(*m_verdict, m_calls, Wish(), "", std::make_shared<Belief>()));
+    m_scheduler->setGroup(group);
+    make(group);
+    m_scheduler->setGroup(0);
+}
+
+void World::killStranger()
+{
+    m_calls.find("")->belief()->processDead = true;
+    m_scheduler->killGroup(*m_strangers.rbegin());
+    m_network->kill(*m_strangers.rbegin());
+}
+
 void World::startRegistry(Process& process)
 {
     process.list = std::make_shared<Belief>();

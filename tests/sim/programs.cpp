@@ -30,6 +30,14 @@ void World::registerService(Process& process, const Offer& offer)
     process.registrations.push_back({offer.path, disposable, belief});
 }
 
+void World::noteClaim(const std::string& path)
+{
+    auto belief = std::make_shared<Belief>();
+    belief->name = belief->claim = "a stranger's claim of " + path;
+    belief->begun = m_verdict->now();
+    m_claims.push_back({path, *m_strangers.rbegin(), belief});
+}
+
 bool World::isInForce(const Registration& registration)
 {
     const std::lock_guard<std::mutex> lock(m_verdict->mutex);
