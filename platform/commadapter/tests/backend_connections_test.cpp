@@ -2,6 +2,7 @@
 // connections stay; what becomes of peers that are silent.
 
 #include "CarelessPeer.h"
+#include "backend/connection/UserAccounts.h"
 
 #include <comm/PeerLines.h>
 #include <kesa/RequestContext.h>
@@ -468,6 +469,29 @@ TEST_F(BackendPeers, PeerMayOutliveItsBackend)
     scheduler->continueGroup(2);
     settle();
     EXPECT_THAT(answers, SizeIs(1)) << "dropped";
+}
+
+TEST(BackendAccounts, OtherUsersLeaveConnectionsToWhoIsTrustedAndSomeToWhoHasFew)
+{
+    using Kind = UserAccounts::Kind;
+    UserAccounts accounts;
+    const auto openAll = [&accounts](std::int64_t uid) {
+        std::size_t opened = 0;
+        while (accounts.whyNoMore(Kind::eCONNECTIONS, uid, 1).empty()) {
+            accounts.change(Kind::eCONNECTIONS, uid, opened, opened + 1);
+            ++opened;
+        }
+        return opened;
+    };
+    constexpr std::int64_t FIRST_OTHER = 70001;
+    std::size_t others = 0;
+    for (std::int64_t uid = FIRST_OTHER; uid < FIRST_OTHER + 3; ++uid) {
+        const std::size_t opened = openAll(uid);
+        EXPECT_GT(opened, 0U) << "whatever others have";
+        others += opened;
+    }
+    EXPECT_THAT(accounts.whyNoMore(Kind::eCONNECTIONS, FIRST_OTHER, 1), HasSubstr("together they may have"));
+    EXPECT_GE(openAll(0), others / 8);
 }
 
 } // namespace

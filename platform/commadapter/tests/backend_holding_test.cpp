@@ -373,6 +373,33 @@ TEST_F(BackendHolding, WhoIsHeldIsReadAsLongAsItsUserHasRoom)
     EXPECT_THAT(answers.asked - 100, ABOUT_A_QUEUE);
 }
 
+/// Each has begun one, the rest of which comes behind what it begins next.
+TEST_F(BackendHolding, ConnectionsThatWaitForEachOthersRoomGoOn)
+{
+    network->setUser(9, 65533);
+    transport::MemoryNetwork::Faults roomy;
+    roomy.pipeBytes = 32U << 20U;
+    network->setFaults(roomy);
+    begin();
+    protocol::testing::Pair other;
+    ASSERT_EQ(other.client.output.request(2, 1, retrieve("/", std::string(4U << 20U, 'x'))), protocol::Sent::eQUEUED);
+    const protocol::testing::Bytes next = protocol::testing::takeAll(other.client);
+    std::vector<std::unique_ptr<CarelessPeer>> peers; // three have nearly all that a user may
+    for (int i = 0; i < 3; ++i) {
+        peers.push_back(connectGreedy());
+        auto& machine = peers.back()->machine();
+        const Request request = retrieve("/", std::string(10U << 20U, 'x'));
+        ASSERT_EQ(machine.output.request(1, 1, request), protocol::Sent::eQUEUED);
+        peers.back()->send(protocol::testing::take(machine, protocol::HEADER_BYTES + protocol::FRAME_BYTES));
+        settle();
+    }
+    for (const auto& peer : peers) {
+        peer->send(next);
+        send(*peer);
+    }
+    EXPECT_EQ(answers.asked, 6U);
+}
+
 TEST_F(BackendHolding, WhoReadsNothingIsNotToldOfPathsWithoutEnd)
 {
     begin();

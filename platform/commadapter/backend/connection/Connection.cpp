@@ -114,6 +114,7 @@ void Connection::lose(std::string reason)
     recount({});
     m_loop->destroyAtTurnEnd(std::exchange(m_stream, nullptr), std::exchange(m_machine, nullptr));
     lock.unlock();
+    countStanding(0);
     countKept(0);
     const auto dropped = std::exchange(m_awaited, {});
     onClosed(reason);
@@ -333,16 +334,22 @@ void Connection::countKept(std::size_t bytes)
     }
 }
 
+void Connection::countStanding(std::size_t bytes)
+{
+    m_loop->accounts().change(UserAccounts::Kind::eSTANDING, m_uid, std::exchange(m_standing, bytes), bytes);
+}
+
+/// The last one that would wait while all others do may begin: what they have begun ends only behind what waits.
 bool Connection::hasRoom(std::size_t bytes, std::string& why)
 {
+    countStanding(0);
     const std::size_t kept = keptBytes();
     countKept(kept); // the batch may have ended some
     m_uid = kept == 0 ? m_stream->peer().uid : m_uid;
     why = m_loop->accounts().whyNoMore(UserAccounts::Kind::eUNFINISHED, m_uid, bytes);
-    if (why.empty()) {
-        countKept(kept + bytes);
-    }
-    return why.empty();
+    const bool hasRoom = why.empty() || m_loop->accounts().isStuck(m_uid, kept);
+    hasRoom ? countKept(kept + bytes) : countStanding(kept);
+    return hasRoom;
 }
 
 Connection::Room Connection::waitForRoom(const std::string& why)

@@ -182,6 +182,7 @@ private:
     bool isHeldLeft() const { return heldBytes() > 0 && !isHeld(); }
     std::size_t keptBytes() const;
     void countKept(std::size_t bytes);
+    void countStanding(std::size_t bytes);
     void write();
     std::size_t holdBound() const;
     std::size_t boundedBytes() const;
@@ -233,6 +234,7 @@ private:
     std::uint64_t m_bytesRead = 0;
     std::int64_t m_uid = -1; ///< whose account what is kept is counted in
     std::size_t m_kept = 0;
+    std::size_t m_standing = 0; ///< of that, since there is no room for a message that begins
     std::vector<Awaited> m_awaited;
 };
 

@@ -43,10 +43,9 @@ const char* describe(UserAccounts::Kind kind)
         return "connections";
     case UserAccounts::Kind::ePATHS:
         return "bytes for paths that it asks for";
-    case UserAccounts::Kind::eUNFINISHED:
+    default:
         return "bytes of messages that are unfinished or wait";
     }
-    return "";
 }
 
 } // namespace
@@ -65,10 +64,9 @@ std::size_t UserAccounts::limit(Kind kind, std::int64_t uid) const noexcept
         return isTrusted(uid) ? mostAtAll() : mostAtAll() / 2;
     case Kind::ePATHS:
         return isTrusted(uid) ? PATHS_OF_OWN : PATHS_OF_OTHERS;
-    case Kind::eUNFINISHED:
+    default:
         return isTrusted(uid) ? UNFINISHED_OF_OWN : UNFINISHED_OF_OTHERS;
     }
-    return 0;
 }
 
 std::string UserAccounts::whyNoMore(Kind kind, std::int64_t uid, std::size_t more) const
@@ -76,11 +74,43 @@ std::string UserAccounts::whyNoMore(Kind kind, std::int64_t uid, std::size_t mor
     const auto found = m_amounts.find(uid);
     const std::size_t has = found == m_amounts.end() ? 0 : found->second[static_cast<std::size_t>(kind)];
     const std::size_t most = limit(kind, uid);
+    if (kind == Kind::eCONNECTIONS && !isTrusted(uid)) {
+        if (std::string why = whyNoneLeft(has, more); !why.empty()) {
+            return why;
+        }
+    }
     return has == 0 || has + more <= most
                ? std::string()
                : fmt::format("the processes of user {} have {} {} here, and with {} more would have more than the {} "
                              "that they may",
                              uid, has, describe(kind), more, most);
+}
+
+bool UserAccounts::isStuck(std::int64_t uid, std::size_t own) const
+{
+    const auto found = m_amounts.find(uid);
+    if (found == m_amounts.end()) {
+        return false;
+    }
+    const Amounts& amounts = found->second;
+    return amounts[static_cast<std::size_t>(Kind::eUNFINISHED)] <=
+           amounts[static_cast<std::size_t>(Kind::eSTANDING)] + own;
+}
+
+/// Of connections, for a user that is not trusted and has so many.
+std::string UserAccounts::whyNoneLeft(std::size_t has, std::size_t more) const
+{
+    std::size_t all = 0;
+    for (const auto& [uid, amounts] : m_amounts) {
+        all += isTrusted(uid) ? 0 : amounts[static_cast<std::size_t>(Kind::eCONNECTIONS)];
+    }
+    const std::size_t most = mostAtAll();
+    const bool hasFew = has + more <= most / 16;
+    const std::size_t bound = most - (hasFew ? most / 8 : most / 4);
+    return all + more <= bound ? std::string()
+                               : fmt::format("the processes of other users have {} connections here, and together they "
+                                             "may have {}",
+                                             all, bound);
 }
 
 std::shared_ptr<QueuedBytes> UserAccounts::queuedFor(std::int64_t uid)

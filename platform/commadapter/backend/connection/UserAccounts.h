@@ -21,14 +21,19 @@ public:
         eCONNECTIONS, ///< number
         ePATHS,       ///< bytes for paths that clients are interested in
         eUNFINISHED,  ///< bytes of messages that have begun to arrive, as declared, and of requests that wait
+        eSTANDING,    ///< of those, what connections have that wait for room themselves
     };
 
     UserAccounts();
 
     /// This process's own user, root, and this process itself.
     bool isTrusted(std::int64_t uid) const noexcept { return uid == m_ownUid || uid <= 0; }
-    /// Why the user may not have so much more; empty when he may, as he always may when he has nothing.
+    /// Why the user may not have so much more; empty when he may, as he always may when he has nothing, but for
+    /// connections: some of these are kept for who is trusted, and some for users who have few, however many others
+    /// have the rest.
     std::string whyNoMore(Kind kind, std::int64_t uid, std::size_t more) const;
+    /// Whether all that is unfinished of the user's waits for room, but for `own`: then none would ever be there.
+    bool isStuck(std::int64_t uid, std::size_t own) const;
     /// His amount has changed.
     void change(Kind kind, std::int64_t uid, std::size_t before, std::size_t after);
 
@@ -39,9 +44,10 @@ public:
     static std::size_t mostConnectionsOfProcess() noexcept;
 
 private:
-    using Amounts = std::array<std::size_t, 3>;
+    using Amounts = std::array<std::size_t, 4>;
 
     std::size_t limit(Kind kind, std::int64_t uid) const noexcept;
+    std::string whyNoneLeft(std::size_t has, std::size_t more) const;
 
     const std::int64_t m_ownUid;
     std::map<std::int64_t, Amounts> m_amounts;
