@@ -9,8 +9,6 @@
 #include <fmt/format.h>
 
 #include <cstddef>
-#include <fstream>
-#include <iterator>
 #include <utility>
 
 namespace kesa::access {
@@ -26,12 +24,6 @@ namespace {
 // As every process finds its document.
 constexpr const char* DOCUMENT_NAME = "kesa";
 constexpr const char* DOCUMENT_PATH = "./config";
-
-std::string textOf(const std::string& file)
-{
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// Answers the first error.
 std::string sort(std::vector<Complaint> complaints, const std::string& file, const JsonPositions& positions,
@@ -98,7 +90,7 @@ DocumentRules readDocumentRules(const DocumentPath& place, const RuleForm& form,
         }
     }
     std::vector<Rule> rules = read(list, whole, complaints);
-    const JsonPositions positions(textOf(found.file));
+    const JsonPositions positions(provider.text());
     found.problem = sort(std::move(complaints), found.file, positions, found.warnings);
     if (!found.problem.empty()) {
         return found;

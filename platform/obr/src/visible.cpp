@@ -7,12 +7,14 @@
 namespace obr {
 namespace {
 
-/// Those of C0 and C1, the separators of lines, and those that turn or mark the direction of writing.
+/// Those of C0 and C1, the separators of lines, those that turn or mark the direction of writing, and what is not seen
+/// and joins nothing: two names that look the same are not.
 bool isControl(char32_t character)
 {
-    return character < 0x20 || (character >= 0x7f && character < 0xa0) ||
-           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2066 && character <= 0x2069) ||
-           character == 0x061c || character == 0x200e || character == 0x200f;
+    return character < 0x20 || (character >= 0x7f && character < 0xa0) || character == 0xad || character == 0x061c ||
+           character == 0x200b || character == 0x200e || character == 0x200f ||
+           (character >= 0x2028 && character <= 0x202e) || (character >= 0x2060 && character <= 0x206f) ||
+           character == 0xfeff || (character >= 0xe0000 && character <= 0xe007f);
 }
 
 std::string visibleBut(std::string_view text, std::string_view kept)

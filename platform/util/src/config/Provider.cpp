@@ -76,7 +76,7 @@ Provider::Provider(const std::string& name, const std::string& path, int, LoadSt
     std::string lookedFor;
     for (const Candidate& candidate : candidates(name, path)) {
         m_complaints.clear();
-        const Reading reading = readDocument(candidate.file, m_second, m_complaints);
+        const Reading reading = readDocument(candidate.file, m_second, m_complaints, m_text);
         if (reading == Reading::eMISSING && !candidate.mustExist) {
             lookedFor += (lookedFor.empty() ? "" : ", ") + candidate.file;
             continue;

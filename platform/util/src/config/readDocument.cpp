@@ -65,14 +65,20 @@ void addError(std::vector<Complaint>& complaints, std::string text, std::string 
 
 Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints)
 {
-    std::string bytes;
+    std::string text;
+    return readDocument(file, out, complaints, text);
+}
+
+Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints, std::string& text)
+{
+    text.clear();
     // A pipe is opened without waiting for whoever writes into it, so that it can be refused.
     const Descriptor descriptor(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY | O_NONBLOCK));
     if (isNoPlainFile(descriptor.get(), errno)) {
         addError(complaints, "is a directory, a pipe, a socket or a device", "the configuration is a plain file");
         return Reading::eFAILED;
     }
-    if (descriptor.get() < 0 || readBytes(descriptor.get(), bytes)) {
+    if (descriptor.get() < 0 || readBytes(descriptor.get(), text)) {
         const int error = errno;
         const bool isMissing = error == ENOENT || error == ENOTDIR;
         const std::string shortage = obr::adviseOnShortage(error);
@@ -82,11 +88,11 @@ Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>
                                    : "let this user read it");
         return isMissing ? Reading::eMISSING : Reading::eFAILED;
     }
-    if (bytes.size() > LARGEST_DOCUMENT) {
+    if (text.size() > LARGEST_DOCUMENT) {
         addError(complaints, "is larger than 16 MiB", "make it smaller");
         return Reading::eFAILED;
     }
-    return parseDocument(bytes, out, complaints) ? Reading::eFAILED : Reading::eREAD;
+    return parseDocument(text, out, complaints) ? Reading::eFAILED : Reading::eREAD;
 }
 
 } // namespace util::config

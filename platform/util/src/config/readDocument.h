@@ -11,7 +11,10 @@ namespace util::config {
 
 enum class Reading { eREAD, eMISSING, eFAILED };
 
-/// The JSON document in `file`. Unless it was read, the last complaint says why not; nothing is recorded.
+/// The JSON document in `file`, and its `text`. Unless it was read, the last complaint says why not; nothing is
+/// recorded.
+[[nodiscard]] Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints,
+                                   std::string& text);
 [[nodiscard]] Reading readDocument(const std::string& file, Value& out, std::vector<Complaint>& complaints);
 
 } // namespace util::config

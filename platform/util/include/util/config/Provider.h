@@ -29,6 +29,8 @@ public:
 
     /// The file that counts, also when it could not be read; empty when there is none.
     const std::string& file() const noexcept { return m_file; }
+    /// What was read of it: places in it are found there, since the file may be another one by now.
+    const std::string& text() const noexcept { return m_text; }
     /// Whether there is a document to read: `$KESA_CONFIG` is set, or one of the files is there.
     static bool isConfigured(const std::string& name, const std::string& path);
     /// The file of the working directory that this process does not look for, and that is there; else empty.
@@ -43,6 +45,7 @@ private:
     Value m_first;
     Value m_second;
     std::string m_file;
+    std::string m_text;
     std::vector<Complaint> m_complaints;
 };
 
