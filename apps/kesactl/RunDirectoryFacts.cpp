@@ -281,7 +281,9 @@ std::string RunDirectoryFacts::beforeStart(const std::string& process) const
     const auto found = std::find_if(refused.begin(), refused.end(), [&process](const Refusal& each) {
         return each.name == process && each.problem.isForThisUser && !each.problem.advice.empty();
     });
-    return found == refused.end() ? "" : found->problem.advice + ", then ";
+    return found == refused.end()       ? ""
+           : found->problem.isOfAnother ? fmt::format("as the user {}, whose name that is, ", found->problem.owner)
+                                        : found->problem.advice + ", then ";
 }
 
 } // namespace kesactl

@@ -38,7 +38,7 @@ struct RunDirectoryFacts {
 
     explicit RunDirectoryFacts(const std::string& path);
 
-    /// "remove …, then ", or "make room …, then ", where the process could not be started before that; else empty.
+    /// What comes before starting the process: "remove …, then ", "as the user …, "; else empty.
     std::string beforeStart(const std::string& process) const;
 
     std::string path;

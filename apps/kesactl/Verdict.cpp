@@ -79,6 +79,7 @@ std::string eventText(const Value& event)
     return fmt::format("{}: {} {}{}", time, who,
                        what == "refused"     ? "was refused it"
                        : what == "withdrawn" ? "withdrew it"
+                       : what == "forbidden" ? "was forbidden it"
                                              : "was lost",
                        reason);
 }

@@ -9,6 +9,7 @@
 #include "doctor_tooSlow.h"
 #include "explainNoRegistry.h"
 #include "locateComplaints.h"
+#include "mayBeHidden.h"
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
@@ -229,8 +230,8 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
                 found.push_back(fmt::format("{} ({}) provides {} for nobody: {}; {}", report.plainName(), report.pid,
                                             unknown->toText(), other.text(), howToStart(other.registry)));
             }
-        } else {
-            const std::string apart = whyApart(report.answer, registry);
+        } else if (const std::string apart = whyApart(report.answer, registry);
+                   !apart.empty() || !mayBeHidden(report.pid)) {
             found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it{}; kesactl why {} "
                                         "says more",
                                         report.plainName(), report.pid, unknown->toText(),

@@ -70,7 +70,7 @@ std::string findInHolder(const Value& holder)
 std::string findInEvent(const Value& event)
 {
     const std::string_view what = event["what"].stringView();
-    if (what != "withdrawn" && what != "lost" && what != "refused") {
+    if (what != "withdrawn" && what != "lost" && what != "forbidden" && what != "refused") {
         return "an event of its \"history\" is none";
     }
     const bool hasTimes = isTime(event["when"]) && (what == "refused" || isTime(event["since"]));

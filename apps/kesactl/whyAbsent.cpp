@@ -3,6 +3,7 @@
 #include "OtherPartition.h"
 #include "ProcessFacts.h"
 #include "ProcessReport.h"
+#include "mayBeHidden.h"
 #include "missingRight.h"
 #include "otherRunDirectories.h"
 #include "output.h"
@@ -10,6 +11,7 @@
 #include "processNotes.h"
 #include "programOf.h"
 
+#include <rules/usersAndGroups.h>
 #include <transport/Authority.h>
 #include <util/shellWord.h>
 
@@ -107,6 +109,7 @@ Verdict explainRefused(const Value& event)
 Verdict explainGone(const Value& event)
 {
     const bool isWithdrawn = event["what"] == "withdrawn";
+    const bool isForbidden = event["what"] == "forbidden";
     const std::int64_t pid = integerOf(event["pid"]);
     const ProcessFacts process(static_cast<pid_t>(pid));
     const bool isThere = isAlive(event, process);
@@ -116,7 +119,9 @@ Verdict explainGone(const Value& event)
     Verdict verdict{"gone",
                     fmt::format("{} provided it from {} to {}; then {}; its process {}", whoText(event),
                                 timeText(event["since"]), timeText(event["when"]),
-                                isWithdrawn ? "it withdrew it" : "its connection ended: " + event["reason"].toText(),
+                                isWithdrawn   ? "it withdrew it"
+                                : isForbidden ? event["reason"].toText()
+                                              : "its connection ended: " + event["reason"].toText(),
                                 isStopped ? "is stopped"
                                 : isEnded ? "is still there, but runs no Kesa runtime any more"
                                 : isThere ? "is still there"
@@ -138,6 +143,11 @@ Verdict explainGone(const Value& event)
         verdict.advice = fmt::format("that was {}'s own decision{}: {}; else its log may say why", name,
                                      lasted < SHORT ? fmt::format(", after {} ms", lasted / comm::MILLISECOND) : "",
                                      IS_REGISTRATION_KEPT);
+    } else if (isForbidden) {
+        verdict.advice =
+            fmt::format("allow it (kesactl may {} register PATH says what is missing), then restart {}, if "
+                        "it does not register anew by itself: what was ended is not repeated",
+                        processArgument(name), name);
     } else {
         verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
                                      "says what keeps it",
@@ -212,6 +222,17 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
         return {"provided-here-only", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
     const std::string apart = whyApart(provider.answer, processOf(registry));
+    if (apart.empty() && mayBeHidden(provider.pid)) {
+        const ProcessFacts process(provider.pid);
+        return {"perhaps-hidden",
+                fmt::format("{} ({}) of {} provides it, and the registry does not show it to {}, or does not know it",
+                            provider.name, provider.pid, process.user, kesa::access::userName(::geteuid())),
+                fmt::format("who sees what other users provide is said by the registry's policy, and without one by "
+                            "{0}, who can mark it as public (kesa::serviceregistry::PUBLIC); root's kesactl why, or "
+                            "{0}'s, says whether it is known",
+                            process.user),
+                {}};
+    }
     return {"provided-here-only",
             apart.empty() ? so : fmt::format("{}: it is not connected to it: {}", so, apart),
             provider.isYoung ? "ask again: that process has just started"

@@ -158,7 +158,7 @@ private:
     void keepsWaiting(const Effect& effect);
     void proved(const std::string& path, std::uint64_t proof, bool isAlive, const std::weak_ptr<Asker>& asker);
     void dropRegistrations(const Asker& asker);
-    void noteEnd(const Request& registration, const Record& record, std::string reason);
+    void noteEnd(const Request& registration, const Record& record, History::Event::What what, std::string reason);
 
     // explain.cpp
     static Who whoOf(const Asker& asker, const Record& record);

@@ -52,7 +52,7 @@ void Registry::Impl::dropRegistrations(const Asker& asker)
     for (const Request* registration = asker.firstRegistration; registration != nullptr;
          registration = registration->next) {
         if (const RecordPtr gone = m_store.end(registration->stream)) {
-            noteEnd(*registration, *gone, "its process does not live");
+            noteEnd(*registration, *gone, History::Event::What::eLOST, "its process does not live");
         }
     }
 }
@@ -66,10 +66,9 @@ void Registry::Impl::keepsWaiting(const Effect& effect)
                holder == m_requests.end() ? "another process" : holder->second.asker->name().c_str());
 }
 
-/// Without a reason it was withdrawn.
-void Registry::Impl::noteEnd(const Request& registration, const Record& record, std::string reason)
+void Registry::Impl::noteEnd(const Request& registration, const Record& record, History::Event::What what,
+                             std::string reason)
 {
-    const auto what = reason.empty() ? History::Event::What::eWITHDRAWN : History::Event::What::eLOST;
     m_history.add(record.path(),
                   {what, registration.since, wallClockMs(), whoOf(*registration.asker, record), std::move(reason)});
 }

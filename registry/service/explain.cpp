@@ -29,6 +29,8 @@ const char* nameOf(History::Event::What what) noexcept
         return "withdrawn";
     case History::Event::What::eLOST:
         return "lost";
+    case History::Event::What::eFORBIDDEN:
+        return "forbidden";
     default:
         return "refused";
     }

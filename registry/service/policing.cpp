@@ -104,7 +104,7 @@ void Registry::Impl::endIfForbidden(StreamId stream)
     }
     m_dead.push_back(take(request));
     if (const RecordPtr gone = m_store.end(stream)) {
-        noteEnd(m_dead.back(), *gone, "the policy does not allow it any more");
+        noteEnd(m_dead.back(), *gone, History::Event::What::eFORBIDDEN, "the policy does not allow it any more");
     }
     forbid(*asker, *std::get<RegistrationHandler>(m_dead.back().handler), path, why);
 }

@@ -220,7 +220,9 @@ void Registry::Impl::cancelRequest(void* handle)
             m_dead.push_back(take(request));
             if (const RecordPtr gone = m_store.end(stream)) {
                 const auto& peer = m_dead.back().asker->peer;
-                noteEnd(m_dead.back(), *gone, peer ? peer->endReason() : std::string());
+                std::string reason = peer ? peer->endReason() : std::string();
+                const auto what = reason.empty() ? History::Event::What::eWITHDRAWN : History::Event::What::eLOST;
+                noteEnd(m_dead.back(), *gone, what, std::move(reason));
             }
         }
     });

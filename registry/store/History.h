@@ -26,6 +26,7 @@ public:
         enum class What {
             eWITHDRAWN, ///< by its process
             eLOST,      ///< with the connection of its process
+            eFORBIDDEN, ///< by a policy that was read again
             eREFUSED,   ///< a claim
         };
         What what = What::eWITHDRAWN;

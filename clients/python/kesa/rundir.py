@@ -271,7 +271,7 @@ def _advise(directory: str, path: str, error: OSError) -> str:
             files = " and ".join(shlex.quote(file) for file in (path, place) if os.path.lexists(file))
             return (
                 f"the name is of the user {owner!r}, whose lock file it is: run as that user, or take another name; if it is "
-                f"not kept for him, have {owner!r} or root remove {files}"
+                f"not kept for that user, have {owner!r} or root remove {files}"
             )
         return f"it is {owner}'s; if no process holds that name (kesactl doctor), remove {shlex.quote(path)}"
     around = os.path.dirname(os.path.abspath(directory))

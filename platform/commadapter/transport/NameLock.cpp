@@ -312,10 +312,11 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     } else if (::faccessat(directory, file.c_str(), R_OK | W_OK, AT_EACCESS) != 0) {
         const int error = errno;
         problem.isOfAnother = isSticky(folder) && status.st_uid != ::geteuid();
+        problem.owner = problem.isOfAnother ? access::userName(status.st_uid) : "";
         problem.text = problem.isOfAnother
                            ? fmt::format("the name \"{}\" is of the user \"{}\", whose lock file {} is: run as that "
                                          "user, or take another name",
-                                         encodedName, access::userName(status.st_uid), path)
+                                         encodedName, problem.owner, path)
                            : fmt::format("cannot open {}: {}, it is {}", path, obr::explainError(error), rights);
     } else if ((folder.st_mode & S_IWGRP) != 0 && !isSticky(folder) && !isShared) {
         problem.isForThisUser = false;
@@ -329,8 +330,8 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     } else if (problem.isOfAnother) {
         const std::string socket = encodedName + ".sock"; // or what keeps its place
         const bool isPlaceTaken = ::faccessat(directory, socket.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
-        problem.advice = fmt::format("if it is not kept for him, have \"{}\" or root remove {}{}",
-                                     access::userName(status.st_uid), util::shellWord(path),
+        problem.advice = fmt::format("if it is not kept for that user, have \"{}\" or root remove {}{}", problem.owner,
+                                     util::shellWord(path),
                                      isPlaceTaken ? " and " + util::shellWord(pathOf(directory, socket)) : "");
     } else {
         problem.advice = adviseRemoval(directory, encodedName, path, status);

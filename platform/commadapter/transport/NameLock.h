@@ -29,6 +29,7 @@ pid_t findNameHolder(const std::string& directory, const std::string& process);
 struct LockFileProblem {
     bool isForThisUser = true; ///< else for others only
     bool isOfAnother = false;  ///< in a directory with the sticky bit, in which a name is of the user who had it first
+    std::string owner;         ///< that user
     bool isHeld = false;       ///< a living process has the name, too; then the text says which
     std::string text;          ///< empty: it keeps nobody
     std::string advice;        ///< what else to do; may be empty
