@@ -304,6 +304,7 @@ TEST_F(SystemPolicy, AReloadTellsEachWhatHasChangedAndNothingElse)
     EXPECT_THAT(m_providers["media"]->expect("refused /media/secret/b"),
                 AllOf(HasSubstr("403: not allowed to register this service: no rule of the policy in " + m_document),
                       HasSubstr("lets user 65533 register"), HasSubstr("rule 1 (" + m_document + ":1) is for other")));
+    EXPECT_THAT(run("root", {"why", "/media/secret/b"}).text, HasSubstr("what was ended is not repeated"));
     const std::string kept = "** /registry -;** /media/d 1;** /nav/route 1;";
     end({{"media", kept + open}, {"nav", nav}, {"root", kept + open}});
     EXPECT_THAT(newsOf("media"), UnorderedElementsAre("gone ** /media/secret/b 1", "shown ** /nav/route 1"));
