@@ -47,7 +47,8 @@ it. SIGHUP has it read "registry", "policy" of its document again; one that is b
 Where the service manager has a WatchdogSec for it, as the unit has with 30 s, it tells that it answers three times in that
 time. A registry that hangs is so ended (SIGABRT) and started again; WatchdogSec=0 lets a debugger hold it.
 
-Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
+Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name,
+or it is kept for another user.)";
 
 /// A record or query has 32 KiB, a list 48: nothing that is meant for a registry is larger.
 constexpr std::uint32_t LARGEST_MESSAGE = 256U << 10U;

@@ -128,6 +128,25 @@ TEST(TableTest, ARefusalNamesWhoAsksAndWhichRulesThereAre)
                 HasSubstr("rule 3: process nav may update"));
 }
 
+TEST(TableTest, RulesThatFitNoServiceAreSaidOnceWithTheServicesThatAreOpen)
+{
+    std::vector<std::string> complaints;
+    Table table(
+        500,
+        read(
+            R"([{"may": "*", "paths": "/a/volume"}, {"may": "*", "paths": ["/x", "/b"]}, {"may": "*", "paths": "/c"}])",
+            complaints),
+        "t", ACCOUNTS);
+    EXPECT_TRUE(table.noteService("/a"));
+    EXPECT_TRUE(table.noteService("/b"));
+    EXPECT_TRUE(table.noteService("/d"));
+    EXPECT_THAT(table.takeIdleRules(),
+                testing::AllOf(HasSubstr("rule 1, rule 3 of t fit no service that this process provides so far"),
+                               testing::EndsWith("; at no rule, and so open to everybody: /a, /d")));
+    EXPECT_FALSE(table.noteService("/e"));
+    EXPECT_EQ(table.takeIdleRules(), "");
+}
+
 TEST(TableTest, RefusalsAreTracedOnceForAProcessAndOnceASecondForAUser)
 {
     RefusalTraces traces;

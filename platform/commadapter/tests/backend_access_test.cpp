@@ -46,8 +46,11 @@ TEST_F(BackendAccess, OthersMayWhatARuleLetsThemAndARefusalEndsNothingElse)
 
 TEST_F(BackendAccess, AServiceOfNoRuleIsOpen)
 {
-    begin(R"([{"user": 65532, "may": "*", "paths": ["/other"]}])");
+    begin(R"([{"user": 65532, "may": "*", "paths": ["/service/echo"]}])");
     EXPECT_EQ(ask("retrieve", "/echo").status, 0);
+    EXPECT_THAT(traces->take(), testing::IsEmpty()) << "more services may come";
+    runFor(1000);
+    EXPECT_THAT(traces->take(), testing::ElementsAre(HasSubstr("rule 1 of the table fits no service")));
 }
 
 TEST_F(BackendAccess, EachMayAskWhatHeMay)
