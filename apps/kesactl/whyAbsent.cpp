@@ -315,9 +315,10 @@ Verdict explainHeld(const HeldProcess& process, const std::string& so)
 
 std::vector<std::string> notesOf(const Value& explanation, std::size_t withoutLast)
 {
+    constexpr std::size_t MOST = 20; // the last ones; no registry keeps as many
     std::vector<std::string> notes;
     const auto& history = explanation["history"].items();
-    for (std::size_t i = 0; i + withoutLast < history.size(); ++i) {
+    for (std::size_t i = history.size() - std::min(MOST, history.size()); i + withoutLast < history.size(); ++i) {
         notes.push_back("before, " + eventText(history[i]));
     }
     return notes;

@@ -152,7 +152,8 @@ std::string useOf(const SeenByProvider& seen, const std::string& provider)
 }
 
 /// Of a process that is told of the service.
-Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid, const std::string& path)
+Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid, const std::string& path,
+                    comm::TimeNs deadline)
 {
     const kesa::url locator(explanation["holder"]["record"]["locators"][0].toText());
     if (const std::string missing = missingRight(pid, locator); !missing.empty()) {
@@ -163,7 +164,7 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
     }
     const std::string who = fmt::format("{} (process {})", process, pid);
     const std::string provider = explanation["holder"]["provider"].toText();
-    const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, comm::now() + comm::SECOND);
+    const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, deadline);
     if (seen.isTooSlow()) {
         return {"too-slow",
                 fmt::format("the registry tells {} of it, but {}", who, seen.slownessText(provider)),
@@ -221,7 +222,7 @@ std::string adviceFor(const Value& ask, const Value& record)
 } // namespace
 
 Verdict explainProcess(const Value& explanation, const std::string& process, const std::string& path,
-                       const apps::RegistryPlace& place, const Value& answer)
+                       const apps::RegistryPlace& place, const Value& answer, comm::TimeNs deadline)
 {
     const Value& about = explanation["for"];
     const auto& asks = about["asks"].items();
@@ -255,7 +256,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
                 {}};
     }
     if (told != asks.end()) {
-        return explainTold(explanation, process, pid, path);
+        return explainTold(explanation, process, pid, path, deadline);
     }
     const std::string because = ask["because"].toText();
     return {"hidden-by-" + because,
