@@ -56,7 +56,8 @@ Answers::Answer askOnce(const ServiceConnection::Client& client, kesa::Request r
 }
 
 /// The answer, without which there is nothing to say.
-kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, const CommonOptions& options)
+kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, const CommonOptions& options,
+                       bool isProvider)
 {
     const bool isTimeOver = answer.response.getStatus() == 504 && comm::now() >= options.deadline();
     if (answer.kind == Answers::Kind::eTIMED_OUT || isTimeOver) {
@@ -68,7 +69,7 @@ kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, c
         throw Failure{ExitCode::eFAILED, whom + " has answered without content, so what may be is not known"};
     }
     if (answer.kind != Answers::Kind::eVALUE) {
-        const bool knowsNothing = answer.response.getStatus() == 404;
+        const bool knowsNothing = answer.response.getStatus() == 404 && isProvider;
         throw Failure{ExitCode::eFAILED,
                       fmt::format("{} answers {}{}", whom, saidBy(answer.response),
                                   knowsNothing ? "; one that knows no rules, as of the Python client, lets everybody "
@@ -104,7 +105,7 @@ Value askRegistry(const MayArguments& arguments)
     const std::string who = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who));
     const kesa::Response response =
         valueOf(askOnce(client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), deadline),
-                "the registry", arguments.common);
+                "the registry", arguments.common, false);
     Value explanation;
     if (const std::string fault = readExplanation(response, explanation); !fault.empty()) {
         const Unreached why = explainFault(registry, fault);
@@ -143,7 +144,7 @@ Value askProcess(const MayArguments& arguments, const ServiceDef& service, comm:
                         kesa::Request(kesa::commands::RETRIEVE, std::string(ProcessService::MAY),
                                       jsonPayload(Value(std::move(question)).toText())),
                         deadline),
-                "the process that provides it", arguments.common);
+                "the process that provides it", arguments.common, true);
     Value verdicts;
     if (util::config::JSONParser().parseString(std::string(response.getPayload().text()), verdicts) ||
         !verdicts.isArray()) {

@@ -31,8 +31,8 @@
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
-#include <obr/ErrorStorage.h>
-#include <util/config/JSONParser.h>
+#include <rules/usersAndGroups.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -127,6 +127,7 @@ private:
     std::optional<Verdict> explainTakenName(const kesa::url& locator) const;
     Verdict reach() const;
     Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
+    Verdict explainForbidden(const kesa::Response& refusal, const kesa::url& locator) const;
     Verdict explainNoAnswer(std::int64_t pid) const;
     static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
@@ -147,6 +148,9 @@ Verdict Search::run()
         return *failure;
     }
     Verdict verdict = judge();
+    if (m_explanation["taken"] == true) {
+        return explainHidden(m_explanation, processesHere({}).provider);
+    }
     if (!isUnprovided(verdict)) {
         return verdict;
     }
@@ -159,7 +163,9 @@ Verdict Search::run()
             return *failure;
         }
         Verdict now = judge();
-        return isUnprovided(now) ? explainHereOnly(*here.provider, m_place) : now;
+        return m_explanation["taken"] == true ? explainHidden(m_explanation, here.provider)
+               : isUnprovided(now)            ? explainHereOnly(*here.provider, m_place)
+                                              : now;
     }
     if (verdict.cause != "never-registered") {
         const std::string name = m_explanation["history"].items().back()["provider"].toText();
@@ -385,6 +391,9 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
         }
         return explainNoAnswer(pid);
     }
+    if (answer.kind == Answers::Kind::eERROR && status == 403) {
+        return explainForbidden(answer.response, service.locators.front());
+    }
     // Of the connection, or the service's own.
     const bool isRefusal = answer.kind == Answers::Kind::eERROR && status == 503;
     if (isRefusal && explainTaken(service, until(m_arguments.common.laterDeadline())).second.cause != "slow") {
@@ -399,6 +408,18 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
             isRefusal ? fmt::format("{}'s log may say what its service waits for",
                                     m_explanation["holder"]["provider"].toText())
                       : "",
+            {}};
+}
+
+/// Of a service that answers, and refuses this user the probe: all, or all but the commands that its rules name.
+Verdict Search::explainForbidden(const kesa::Response& refusal, const kesa::url& locator) const
+{
+    return {std::string(Verdict::WORKS),
+            fmt::format("{} has provided it since {} at {}, and answers, but not everything to {}: {}", holder(),
+                        timeText(m_explanation["holder"]["since"]), locator.toString(),
+                        kesa::access::userName(::geteuid()), saidBy(refusal)),
+            fmt::format("kesactl may {} call {} COMMAND says whether that command is answered",
+                        kesa::access::userName(::geteuid()), util::shellWord(m_arguments.path)),
             {}};
 }
 

@@ -207,6 +207,32 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
     return verdict;
 }
 
+Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere>& provider)
+{
+    const std::string self = kesa::access::userName(::geteuid());
+    const bool isKnown = provider && mayBeHidden(provider->pid);
+    const std::string owner = isKnown ? ProcessFacts(provider->pid).user : "its owner";
+    const std::string holder = isKnown ? fmt::format("{} ({}) of {}", provider->name, provider->pid, owner)
+                                       : std::string("a process of another user");
+    const auto& history = explanation["history"].items();
+    if (!history.empty() && history.back()["what"] == "refused") {
+        const Value& last = history.back();
+        return {"refused",
+                fmt::format("{} was refused it at {}: it is held by {}, whose service {} may not see", whoText(last),
+                            timeText(last["when"]), holder, self),
+                fmt::format("take another path, or have {} or root end that one (root's kesactl why says who it is), "
+                            "then restart {}: a refused registration is not repeated",
+                            owner, last["provider"].toText()),
+                notesOf(explanation, 1)};
+    }
+    return {"hidden", fmt::format("{} provides it, and the registry does not show it to {}", holder, self),
+            fmt::format("who sees what other users provide is said by the registry's policy, and without one by who "
+                        "provides it: have {} mark it as public (kesa::serviceregistry::PUBLIC), or the policy "
+                        "changed; root's kesactl why says more",
+                        owner),
+            notesOf(explanation, 0)};
+}
+
 Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place)
 {
     const kesa::url& registry = place.locators.front();

@@ -201,6 +201,30 @@ std::string explainKey(const Value& record, const std::string& key)
                        meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant));
 }
 
+/// Of a process that may not see it, and what to do.
+Verdict explainUnseen(const std::string& process, std::int64_t pid, bool hasPolicy, const std::string& path)
+{
+    const std::string user = ProcessFacts(static_cast<pid_t>(pid)).user;
+    const std::string who = user.empty() ? process : fmt::format("{} of {}", process, user);
+    const std::string ask =
+        fmt::format("root's kesactl may {} see {}", processArgument(process), util::shellWord(path));
+    if (hasPolicy) {
+        return {"hidden-by-policy",
+                fmt::format("{} (process {}) asks for it, but no rule of the registry's policy lets it see the service",
+                            who, pid),
+                fmt::format("write a rule that does; {} says which there are for it", ask),
+                {}};
+    }
+    return {"not-public",
+            fmt::format("{} (process {}) asks for it, but another user provides it, it is not public, and there is no "
+                        "policy",
+                        who, pid),
+            fmt::format("mark it as public (kesa::serviceregistry::PUBLIC in its metainfo), or write a policy for the "
+                        "registry; {} says whether that lets it",
+                        ask),
+            {}};
+}
+
 std::string adviceFor(const Value& ask, const Value& record)
 {
     const std::string_view because = ask["because"].stringView();
@@ -212,9 +236,6 @@ std::string adviceFor(const Value& ask, const Value& record)
     }
     if (because == "metadata") {
         return "its query asks for metadata that the record does not have; kesactl show PATH has the record";
-    }
-    if (because == "policy") {
-        return "the registry's policy does not let it see the service; kesactl may PROCESS see PATH says by which rule";
     }
     return "all locators of the record are of another run directory than the one it uses";
 }
@@ -259,6 +280,9 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
         return explainTold(explanation, process, pid, path, deadline);
     }
     const std::string because = ask["because"].toText();
+    if (because == "policy" || because == "private") {
+        return explainUnseen(process, pid, because == "policy", path);
+    }
     return {"hidden-by-" + because,
             fmt::format("{} (process {}) asks for it{}, but is not told of it because of its {}", process, pid,
                         ask["pattern"].isString() ? fmt::format(" with \"{}\"", ask["pattern"].toText()) : "", because),
