@@ -4,6 +4,7 @@
 #include "Verdict.h"
 #include "commands.h"
 #include "options.h"
+#include "otherRunDirectories.h"
 #include "output.h"
 #include "processNames.h"
 #include "processNotes.h"
@@ -75,7 +76,11 @@ Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wan
         text += fmt::format("; one that provides nothing may be known to {}, which cannot be asked",
                             fmt::join(silent.notAsked, ", "));
     }
-    return Failure{ExitCode::eFAILED, text};
+    const auto others = otherDirectoriesOf(kesa::commadapter::transport::encodeProcessName(wanted));
+    return Failure{ExitCode::eFAILED, text, 0,
+                   others.empty() ? ""
+                                  : fmt::format("one of that name runs in {}; to look there, {}", namesOf(others),
+                                                howToMeetIn(others.front()))};
 }
 
 void addLine(std::string& page, std::string_view name, std::string_view value)

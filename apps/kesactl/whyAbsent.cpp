@@ -193,6 +193,18 @@ std::optional<Verdict> explainUnable(const ProcessesHere& here, std::string_view
     return std::nullopt;
 }
 
+/// Where a process asks, should it not be the registry: ", and is connected to other-registryd"; may be empty.
+std::string whereElse(const Value& answer)
+{
+    std::vector<std::string> peers;
+    for (const Value& connection : answer["connections"].items()) {
+        if (connection["openedBy"] == "self" && connection["connected"] == true) {
+            peers.push_back(connection["process"].toText());
+        }
+    }
+    return peers.empty() ? "; it is connected to nobody" : "; it is connected to " + firstOf(peers);
+}
+
 } // namespace
 
 Verdict explainAbsence(const Value& explanation, const std::string& registry)
@@ -260,7 +272,8 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
                 {}};
     }
     return {"provided-here-only",
-            apart.empty() ? so : fmt::format("{}: it is not connected to it: {}", so, apart),
+            apart.empty() ? so + whereElse(provider.answer)
+                          : fmt::format("{}: it is not connected to it: {}", so, apart),
             provider.isYoung ? "ask again: that process has just started"
             : apart.empty()
                 ? fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
