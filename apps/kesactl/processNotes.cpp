@@ -181,7 +181,7 @@ std::optional<NotedProcess> noteOf(std::int64_t pid)
 
 std::vector<NotedProcess> findNotes(const std::string& process, comm::TimeNs deadline)
 {
-    constexpr comm::TimeNs LEAST = 300 * comm::MILLISECOND; // the deadline may have passed while others were asked
+    constexpr comm::TimeNs LEAST = comm::SECOND; // the deadline may have passed while others were asked
     const comm::TimeNs until = std::max(deadline, comm::now() + LEAST);
     std::vector<NotedProcess> notes;
     const std::string chosen = chosenRunDirectory();

@@ -49,7 +49,7 @@ std::optional<NotedProcess> noteOf(std::int64_t pid);
 
 /// All that this user may look at, but for other `kesactl`; if `process` is not empty, those of that name alone. Those
 /// of this user come first, each kind by their numbers, and one of another user is left out where a process of this
-/// user has its name. Looks at the open files of every process until the deadline, but for a moment at least.
+/// user has its name. Looks at the open files of every process until the deadline, but for a second at least.
 std::vector<NotedProcess> findNotes(const std::string& process = {},
                                     comm::TimeNs deadline = comm::now() + comm::SECOND);
 
