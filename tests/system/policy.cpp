@@ -348,7 +348,7 @@ TEST_F(SystemPolicy, WhoSeesNothingIsTaughtNothing)
     }
     EXPECT_THAT(run("nav", {"list"}).text, Not(HasSubstr("secret")));
     EXPECT_THAT(run("nav", {"show", "/media/secret/keys"}).complaint, HasSubstr("no service at"));
-    EXPECT_THAT(run("nav", {"why", "/media/secret/keys"}).text, HasSubstr("/media/secret/keys: perhaps-hidden"));
+    EXPECT_THAT(run("nav", {"why", "/media/secret/keys"}).text, HasSubstr("/media/secret/keys: hidden"));
     EXPECT_THAT(run("nav", {"doctor"}).text, Not(HasSubstr("does not know")));
 }
 

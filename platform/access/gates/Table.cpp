@@ -174,16 +174,22 @@ Table::Verdict Table::judge(const Identity& identity, const Question& question)
         return {true, fmt::format("no rule of {} is for this service: it is open to all", m_name)};
     }
     const std::string resource = question.resource ? resourcePath(*question.resource) : std::string();
-    const auto found = std::find_if(numbers.begin(), numbers.end(), [&](std::size_t number) {
+    constexpr std::size_t ENOUGH = 1000;
+    std::string some; // rules that let him in at some resources, where none is named
+    for (const std::size_t number : numbers) {
         const Rule& rule = m_rules[number];
-        return rule.fits(identity) && rule.lets(question.command) &&
-               (!question.resource || rule.resources.empty() ||
-                (!resource.empty() && matchesAny(rule.resources, resource)));
-    });
-    if (found == numbers.end()) {
-        return {false, whyRefused(identity, question)};
+        if (!rule.fits(identity) || !rule.lets(question.command)) {
+            continue;
+        }
+        const std::string because = fmt::format("{}: {} {}", placeOf(m_rules, number), rule.who, rule.what);
+        if (rule.resources.empty() || (!resource.empty() && matchesAny(rule.resources, resource))) {
+            return {true, because};
+        }
+        if (!question.resource && some.size() < ENOUGH) {
+            some.append(some.empty() ? "at some of its resources only: " : "; ").append(because);
+        }
     }
-    return {true, fmt::format("{}: {} {}", placeOf(m_rules, *found), m_rules[*found].who, m_rules[*found].what)};
+    return some.empty() ? Verdict{false, whyRefused(identity, question)} : Verdict{true, some};
 }
 
 } // namespace kesa::access
