@@ -12,6 +12,8 @@ namespace {
 
 constexpr comm::TimeNs WINDOW = 2 * FairTurns::ROUND;
 constexpr comm::TimeNs SHORTEST_TURN = comm::MILLISECOND / 20;
+constexpr std::size_t MOST_TAKEN = 64;
+constexpr std::size_t MOST_SPARE = 4;
 
 } // namespace
 
@@ -51,14 +53,36 @@ void FairTurns::serve(Connection& connection, comm::TimeNs begin, comm::TimeNs s
     connection.readBatch(begin + slice);
 }
 
+std::weak_ptr<Connection> FairTurns::Waiting::takeFirst()
+{
+    auto first = std::move(m_connections[m_first]);
+    ++m_first;
+    if (m_first == m_connections.size() || m_first >= MOST_TAKEN) {
+        m_connections.erase(m_connections.begin(), m_connections.begin() + static_cast<std::ptrdiff_t>(m_first));
+        m_first = 0;
+    }
+    return first;
+}
+
+FairTurns::Line& FairTurns::lineOf(std::int64_t uid)
+{
+    const auto line = std::find_if(m_lines.begin(), m_lines.end(), [uid](const Line& each) { return each.uid == uid; });
+    if (line != m_lines.end()) {
+        return *line;
+    }
+    if (m_spare.empty()) {
+        m_spare.emplace_back();
+    }
+    m_lines.push_back(std::move(m_spare.back()));
+    m_spare.pop_back();
+    m_lines.back().uid = uid;
+    return m_lines.back();
+}
+
 void FairTurns::lineUp(Connection& connection)
 {
-    const std::int64_t uid = connection.m_isOpen ? connection.peer().uid : -1;
-    auto line = std::find_if(m_lines.begin(), m_lines.end(), [uid](const Line& each) { return each.uid == uid; });
-    if (line == m_lines.end()) {
-        line = m_lines.insert(m_lines.end(), Line{uid, {}, {}});
-    }
-    (connection.m_wasCutShort ? line->busy : line->quick).push_back(connection.weak_from_this());
+    Line& line = lineOf(connection.m_isOpen ? connection.peer().uid : -1);
+    (connection.m_wasCutShort ? line.busy : line.quick).add(connection.weak_from_this());
     connection.m_isInLine = true;
     expectRound();
 }
@@ -90,10 +114,11 @@ void FairTurns::serveNext(comm::TimeNs now)
     m_next = m_next < m_lines.size() ? m_next : 0;
     Line& line = m_lines[m_next];
     const comm::TimeNs slice = std::clamp(ROUND / static_cast<comm::TimeNs>(line.size()), SHORTEST_TURN, ROUND);
-    auto& from = line.quick.empty() ? line.busy : line.quick;
-    const auto connection = from.front().lock();
-    from.pop_front();
+    const auto connection = (line.quick.size() == 0 ? line.busy : line.quick).takeFirst().lock();
     if (line.size() == 0) {
+        if (m_spare.size() < MOST_SPARE) {
+            m_spare.push_back(std::move(line));
+        }
         m_lines.erase(m_lines.begin() + static_cast<std::ptrdiff_t>(m_next));
     } else {
         ++m_next;

@@ -5,8 +5,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
+#include <utility>
 #include <vector>
 
 namespace kesa::commadapter {
@@ -34,17 +34,29 @@ public:
     void again(Connection& connection);
 
 private:
+    /// First in, first out. An empty one keeps its memory: where all are busy each batch goes through one.
+    class Waiting {
+    public:
+        std::size_t size() const noexcept { return m_connections.size() - m_first; }
+        void add(std::weak_ptr<Connection> connection) { m_connections.push_back(std::move(connection)); }
+        std::weak_ptr<Connection> takeFirst();
+
+    private:
+        std::vector<std::weak_ptr<Connection>> m_connections; ///< those before `m_first` are taken
+        std::size_t m_first = 0;
+    };
     /// Of one user.
     struct Line {
         std::int64_t uid;
-        std::deque<std::weak_ptr<Connection>> quick; ///< their last turn sufficed
-        std::deque<std::weak_ptr<Connection>> busy;
+        Waiting quick; ///< their last turn sufficed
+        Waiting busy;
 
         std::size_t size() const noexcept { return quick.size() + busy.size(); }
     };
 
     bool isIdleEnough(comm::TimeNs now) noexcept;
     void serve(Connection& connection, comm::TimeNs begin, comm::TimeNs slice);
+    Line& lineOf(std::int64_t uid);
     void lineUp(Connection& connection);
     void expectRound();
     void serveRound();
@@ -52,6 +64,7 @@ private:
 
     IoLoop& m_loop;
     std::vector<Line> m_lines; ///< none is empty
+    std::vector<Line> m_spare; ///< empty ones, for their memory
     std::size_t m_next = 0;    ///< whose turn it is
     bool m_isRoundDue = false;
     comm::TimeNs m_windowEnd = 0;
