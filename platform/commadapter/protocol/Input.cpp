@@ -52,19 +52,18 @@ bool Input::received(std::size_t size, comm::TimeNs now, comm::TimeNs until)
         }
     }
     m_end += size;
-    return readFrames(until);
+    return readFrames(now, until);
 }
 
-bool Input::readFrames(comm::TimeNs until)
+bool Input::readFrames(comm::TimeNs now, comm::TimeNs until)
 {
     bool failed = false;
     m_isPaused = false;
     m_isWaiting = false;
-    m_slice.begin(until);
+    m_slice.begin(now, until);
     while (!m_isPaused && !readFrame(failed)) {
-        m_isPaused = m_slice.isOver();
+        m_isPaused = m_end > m_begin && m_slice.isOver();
     }
-    m_isPaused = m_isPaused && m_end > m_begin;
     // What is left is less than a frame, and in most cases nothing, unless it is held. While paused nothing is read.
     if (m_begin > 0 && !failed && !m_isPaused) {
         std::memmove(m_block.get(), m_block.get() + m_begin, m_end - m_begin);

@@ -34,7 +34,10 @@ public:
     /// and the connection must be closed; nothing is called any more. `until`: when it leaves the rest to `readOn`.
     [[nodiscard]] bool received(std::size_t size, comm::TimeNs now, comm::TimeNs until = comm::NEVER);
     /// Handles what `until` or a lack of room has left of what was received, as `received` would have.
-    [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER) { return m_hasFailed || readFrames(until); }
+    [[nodiscard]] bool readOn(comm::TimeNs until = comm::NEVER)
+    {
+        return m_hasFailed || readFrames(comm::now(), until);
+    }
     /// What `buffer` leads to is not used before it is asked for again: between batches nothing is kept for a
     /// connection of which nothing has come in part.
     void giveBufferBack() noexcept;
@@ -70,7 +73,7 @@ private:
         std::size_t bytes() const noexcept { return header.head + body.declared(); }
     };
 
-    [[nodiscard]] bool readFrames(comm::TimeNs until);
+    [[nodiscard]] bool readFrames(comm::TimeNs now, comm::TimeNs until);
     /// True: no further frame can be taken out of the buffer now.
     [[nodiscard]] bool readFrame(bool& failed);
     [[nodiscard]] bool checkHeader(const FrameHeader& header);

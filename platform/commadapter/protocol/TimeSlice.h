@@ -13,8 +13,12 @@ namespace kesa::commadapter::protocol {
 class TimeSlice {
 public:
     /// `until`: `comm::NEVER` is no bound.
-    void begin(comm::TimeNs until) noexcept { m_until = until; }
-    /// To be asked after each message.
+    void begin(comm::TimeNs now, comm::TimeNs until) noexcept
+    {
+        m_lastLook = now;
+        m_until = until;
+    }
+    /// To be asked between one message and the next.
     bool isOver()
     {
         if (--m_left > 0) {

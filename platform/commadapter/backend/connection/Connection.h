@@ -93,7 +93,7 @@ protected:
 
     /// Reads and handles what is there, and no further once handling it has taken a turn, message by message: a peer
     /// that sends very many keeps nobody else waiting, and the rest comes in a later turn, see `FairTurns`. Loop only.
-    void readBatch() { readBatch(comm::now() + FairTurns::ROUND); }
+    void readBatch() { readBatch(comm::now(), FairTurns::ROUND); }
     /// What the peer has sent by now, and its end if that has come, is read and handled, in as many batches as it
     /// takes; `isReadingOn` until then. Then `then` is called: at once where one batch is enough, never once the
     /// connection has ended. Loop only.
@@ -170,8 +170,8 @@ private:
         std::function<void()> then;
     };
     friend FairTurns;
-    void readBatch(comm::TimeNs until);
-    bool receive(comm::TimeNs until);
+    void readBatch(comm::TimeNs begin, comm::TimeNs slice);
+    bool receive(comm::TimeNs begin, comm::TimeNs until);
     void finishBatch(bool hasRead);
     void endBatch(bool hasRead, bool isPong, bool isEmpty);
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
@@ -230,7 +230,8 @@ private:
     bool m_isReading = true;    ///< the stream reports what arrives
     bool m_isFull = false;      ///< held, and what its user has waiting here leaves no room for more
     std::optional<std::string> m_lostReason;
-    std::string m_goodbye; ///< what the server said of the end that is to come
+    std::string m_goodbye;           ///< what the server said of the end that is to come
+    comm::TimeNs m_batchWritten = 0; ///< when bytes had left last, as the last batch ended
     std::uint64_t m_bytesRead = 0;
     std::int64_t m_uid = -1; ///< whose account what is kept is counted in
     std::size_t m_kept = 0;

@@ -39,7 +39,8 @@ void Connection::readAll(std::function<void()> then)
     }
 }
 
-void Connection::readBatch(comm::TimeNs until)
+/// `begin` is now: to look at the clock takes as long as to handle a small message.
+void Connection::readBatch(comm::TimeNs begin, comm::TimeNs slice)
 {
     if (!m_isOpen || m_isReceiving) {
         return;
@@ -56,7 +57,7 @@ void Connection::readBatch(comm::TimeNs until)
     m_isReceiving = true;
     bool isEmpty = false;
     try {
-        isEmpty = receive(until);
+        isEmpty = receive(begin, begin + slice);
     } catch (const std::bad_alloc&) { // handlers' exceptions do not come here
         cutOff("there is no memory for what it sends");
     }
@@ -72,7 +73,7 @@ void Connection::readBatch(comm::TimeNs until)
 }
 
 /// Answers whether the stream was found empty.
-bool Connection::receive(comm::TimeNs until)
+bool Connection::receive(comm::TimeNs begin, comm::TimeNs until)
 {
     auto& input = m_machine->input;
     m_wasCutShort = true;
@@ -103,7 +104,7 @@ bool Connection::receive(comm::TimeNs until)
             return true;
         }
         m_bytesRead += size;
-        if (input.received(size, comm::now(), until)) {
+        if (input.received(size, reads == 0 ? begin : comm::now(), until)) {
             cutOff(input.reason());
             break;
         }
@@ -236,6 +237,7 @@ void Connection::finishBatch(bool hasRead)
             m_machine->output.pong();
         }
         write();
+        m_batchWritten = m_lastProgress;
     }
     if (m_lostReason) {
         lose(*std::exchange(m_lostReason, std::nullopt));

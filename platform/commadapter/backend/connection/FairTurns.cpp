@@ -25,7 +25,8 @@ void FairTurns::ready(Connection& connection)
     const comm::TimeNs now = comm::now();
     if (m_lines.empty() && isIdleEnough(now)) {
         serve(connection, now, ROUND);
-        m_spent += comm::now() - now;
+        const bool hasWritten = connection.m_batchWritten > now; // with which batches end
+        m_spent += (hasWritten ? connection.m_batchWritten : comm::now()) - now;
         return;
     }
     lineUp(connection);
@@ -50,7 +51,7 @@ bool FairTurns::isIdleEnough(comm::TimeNs now) noexcept
 void FairTurns::serve(Connection& connection, comm::TimeNs begin, comm::TimeNs slice)
 {
     connection.m_isToReadOn = false;
-    connection.readBatch(begin + slice);
+    connection.readBatch(begin, slice);
 }
 
 std::weak_ptr<Connection> FairTurns::Waiting::takeFirst()
