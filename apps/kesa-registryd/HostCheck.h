@@ -13,7 +13,7 @@ enum class ExitCode {
     eENDED = 0,         ///< on SIGTERM or SIGINT
     eFAILED = 1,        ///< the run directory, or what else the system refuses
     eCONFIGURATION = 2, ///< wrong arguments, or a document that does not make this process the registry's host
-    eNAME_HELD = 3,     ///< another process has the name
+    eNAME_HELD = 3,     ///< another process has the name, or it is kept for another user
 };
 
 /// Whether a process of this name could host the registry now.

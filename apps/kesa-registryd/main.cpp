@@ -13,6 +13,7 @@
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <obr/visible.h>
+#include <tracing/Sink.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
@@ -46,7 +47,8 @@ it. SIGHUP has it read "registry", "policy" of its document again; one that is b
 Where the service manager has a WatchdogSec for it, as the unit has with 30 s, it tells that it answers three times in that
 time. A registry that hangs is so ended (SIGABRT) and started again; WatchdogSec=0 lets a debugger hold it.
 
-Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name.)";
+Exit codes: 0 ended by a signal, 1 failed, 2 wrong arguments or configuration, 3 another process has the name,
+or it is kept for another user.)";
 
 /// A record or query has 32 KiB, a list 48: nothing that is meant for a registry is larger.
 constexpr std::uint32_t LARGEST_MESSAGE = 256U << 10U;
@@ -63,7 +65,7 @@ int complain(ExitCode exitCode, const std::string& problem)
 }
 
 /// Blocked before the first thread is made, so that only the wait for them takes them. What is ignored stays so, as
-/// SIGINT in what a script starts with '&'.
+/// SIGINT in what a script starts with '&'; SIGHUP, which `nohup` ignores, ends nothing here.
 sigset_t blockSignals()
 {
     sigset_t blocked;
@@ -71,11 +73,12 @@ sigset_t blockSignals()
     for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
         struct sigaction action {};
         sigaction(signal, nullptr, &action);
-        if (action.sa_handler != SIG_IGN) { // NOLINT: a macro of the system's
+        if (signal == SIGHUP || action.sa_handler != SIG_IGN) { // NOLINT: a macro of the system's
             sigaddset(&blocked, signal);
         }
     }
     pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
+    std::signal(SIGHUP, SIG_DFL);
     std::signal(SIGPIPE, SIG_IGN); // nobody may read the line that says it is ready
     return blocked;
 }
@@ -178,6 +181,8 @@ int run(const Arguments& arguments)
     } else {
         exitCode = serve(check.locators, signals, manager);
     }
+    // The runtime's end frees a proxy that this process does not have, and calls that an error.
+    const tracing::Silence proxies("KESA_RUNTIME_BACKENDS");
     KesaRuntime::shutdown();
     return static_cast<int>(exitCode);
 }

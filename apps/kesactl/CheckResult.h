@@ -20,9 +20,9 @@ struct CheckResult {
     const kesa::runtime::v02::KesaConfig& config;
     bool isValid;
     bool counts; ///< the document; else a process goes on with the defaults
-    bool starts; ///< a process with it, though what is wrong closes its services to other users
-    RulesInWords policy;
-    RulesInWords access;
+    bool starts; ///< a process with it, though what is wrong with the rules
+    RulesReview policy;
+    RulesReview access;
     util::config::Value comm; ///< what counts of it
     std::string runDirectory;
     std::string runDirectorySource; ///< what names it

@@ -2,6 +2,7 @@
 
 #include "Verdict.h"
 #include "askProcesses.h"
+#include "missingRight.h"
 #include "otherRunDirectories.h"
 #include "processNames.h"
 #include "runDirectoryProblem.h"
@@ -60,9 +61,11 @@ ProcessReport reportOf(const Name& name, const std::string& directory, bool isPa
             "the run directory");
     } else if (name.connectError == EACCES) {
         explain(report, ExitCode::eFAILED, "not allowed",
-                fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); join the group if it is "
-                            "not root's, or set \"socket_group\" and \"socket_mode\" of that process",
-                            directory, name.name, name.rights));
+                fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); {}", directory, name.name,
+                            name.rights,
+                            howToGetRight(fmt::format("{}/{}.sock", directory, name.name),
+                                          "if others shall use it, set \"socket_group\" and \"socket_mode\" of that "
+                                          "process")));
     }
     return report;
 }

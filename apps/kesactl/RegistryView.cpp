@@ -133,6 +133,13 @@ void RegistryView::fail(const Unreached& why) const
         throw Failure{ExitCode::eNO_REGISTRY, fmt::format("the registry at {} answers {}", where, m_state->unavailable),
                       0, "ask again; its log may say what it waits for"};
     }
+    if (why.cause == "slow" && m_state->isConnected && !m_state->services.empty()) {
+        throw Failure{ExitCode::eTIMED_OUT,
+                      fmt::format("the registry at {} has told of {} services, and of no end of them, within the time "
+                                  "limit",
+                                  where, m_state->services.size()),
+                      0, "ask for fewer of them with a glob such as '/media/**', or give it more with --timeout"};
+    }
     throw Failure{ExitCode::eNO_REGISTRY,
                   fmt::format("{} {}: {}", why.isSomebodyThere ? "no answer of the registry at" : "no registry at",
                               where, why.text),

@@ -2,6 +2,7 @@
 
 #include "explainNoRegistry.h"
 #include "output.h"
+#include "peerText.h"
 #include "registryFaults.h"
 #include "waitAwake.h"
 
@@ -10,12 +11,12 @@
 #include <kesa/ease/handler.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
-#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/serviceregistry/Query.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <kesa/tracing.h>
 #include <obr/ErrorStorage.h>
+#include <store/footprint.h>
 
 #include <fmt/format.h>
 
@@ -51,6 +52,7 @@ void RegistryView::State::connected(const std::shared_ptr<kesa::IKesaApi>& api)
         isConnected = true;
         unavailable.clear();
         services.clear();
+        bytes = 0;
         settledAt = comm::now() + SETTLING; // should the registry not say when it began
         changed.notifyAll();
     }
@@ -118,10 +120,10 @@ void RegistryView::State::refused(const kesa::Response& error)
     }
     const std::lock_guard lock(mutex);
     if (error.getStatus() == 503) { // mostly of the connection: then `lost` comes, too
-        unavailable = kesa::reasonOf(error);
+        unavailable = saidBy(error);
         return;
     }
-    failure = Failure{ExitCode::eFAILED, "the registry refuses: " + kesa::reasonOf(error)};
+    failure = Failure{ExitCode::eFAILED, "the registry refuses: " + saidBy(error)};
     changed.notifyAll();
 }
 
@@ -155,11 +157,32 @@ void RegistryView::State::told(const kesa::Response& answer)
         return;
     }
     const std::lock_guard lock(mutex);
+    if (failure) {
+        return; // nobody looks any more, and it may go on without end
+    }
     apply(std::move(updates));
+    if (bytes > MOST_BYTES) {
+        failure = Failure{ExitCode::eFAILED,
+                          fmt::format("the registry at {} tells of more than is kept here: {} services so far, of {} "
+                                      "MiB",
+                                      registry.toString(), services.size(), bytes >> 20U),
+                          0, "ask for fewer of them, with a glob such as '/media/**'"};
+        services.clear();
+        events.clear();
+        behind.reset();
+    }
     changed.notifyAll();
 }
 
-/// With the mutex held.
+/// With the mutex held, as the next one.
+void RegistryView::State::forget(const std::string& path)
+{
+    if (const auto known = services.find(path); known != services.end()) {
+        bytes -= kesa::registry::footprint(known->second);
+        services.erase(known);
+    }
+}
+
 void RegistryView::State::apply(std::vector<RegistryUpdate>&& updates)
 {
     for (RegistryUpdate& update : updates) {
@@ -168,14 +191,15 @@ void RegistryView::State::apply(std::vector<RegistryUpdate>&& updates)
         if (isComplete) {
             fallBehind();
         }
+        forget(path);
         if (isRemoval) {
-            services.erase(path);
             if (isComplete) {
                 push({Kind::eREMOVED, std::move(*update.element)});
             }
             continue;
         }
-        const auto known = services.insert_or_assign(path, std::move(*update.element)).first;
+        const auto known = services.emplace(path, std::move(*update.element)).first;
+        bytes += kesa::registry::footprint(known->second);
         if (isComplete) {
             announce(known->second);
         }

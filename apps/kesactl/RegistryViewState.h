@@ -40,6 +40,7 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     void* tracking = nullptr; ///< of the registry itself
     comm::TimeNs settledAt = comm::NEVER;
     Services services;
+    std::size_t bytes = 0; ///< of memory, which they take
     bool wasLost = false;
     Services beforeLoss; ///< of what `events` had come to, what has not come back yet
     std::deque<Event> events;
@@ -54,6 +55,10 @@ struct RegistryView::State : std::enable_shared_from_this<State> {
     void catchUp();
 
 private:
+    /// Of `services`. A registry has room for twice as much; who means all of that asks for parts of it.
+    static constexpr std::size_t MOST_BYTES = std::size_t{256} << 20U;
+
+    void forget(const std::string& path);
     void push(Event event);
     void fallBehind();
     void apply(std::vector<kesa::serviceregistry::RegistryUpdate>&& updates);

@@ -61,6 +61,11 @@ const ServiceDef* System::findConfigured(const std::string& path) const
     return found == m_place.services.end() ? nullptr : &*found;
 }
 
+const kesa::url* System::registry() const
+{
+    return m_place.problem.empty() && !m_place.locators.empty() ? &m_place.locators.front() : nullptr;
+}
+
 std::string pathsOf(const std::vector<ServiceDef>& services)
 {
     constexpr std::size_t MOST = 10;

@@ -24,6 +24,8 @@ public:
     std::unique_ptr<RegistryView> view(const std::string& glob) const;
     /// The record in a document that asks for no registry. Null when there is none, or a registry is asked.
     const ServiceDef* findConfigured(const std::string& path) const;
+    /// Where the registry is that processes ask first; null when the configuration names none.
+    const kesa::url* registry() const;
 
 private:
     void checkRegistry() const;

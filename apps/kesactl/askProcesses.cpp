@@ -3,6 +3,7 @@
 #include "askProcesses.h"
 
 #include "descriptors.h"
+#include "peerText.h"
 #include "waitAwake.h"
 
 #include <backend/ProcessService.h>
@@ -143,7 +144,7 @@ Value parse(const std::string& text)
         obr::ErrorStorage::ack();
         return {};
     }
-    return value.isDictionary() && value["process"].isString() ? value : Value();
+    return value.isDictionary() && value["process"].isString() ? withShortTexts(value) : Value();
 }
 
 /// The process without the connections of this one, which are there only for the question. One made since `begin` that
@@ -229,13 +230,15 @@ std::map<std::string, Said> askAtOnce(const std::vector<std::string>& names, com
 
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline)
 {
-    const comm::TimeNs within = deadline - comm::now();
+    constexpr comm::TimeNs LEAST = 200 * comm::MILLISECOND; // who is given none would be called silent
     const std::size_t most = names.empty() ? 0 : countAskableAtOnce();
     std::map<std::string, Said> said;
     for (std::size_t first = 0; first < names.size(); first += most) {
         const auto begin = names.begin() + static_cast<std::ptrdiff_t>(first);
         const auto count = static_cast<std::ptrdiff_t>(std::min(most, names.size() - first));
-        said.merge(askAtOnce({begin, begin + count}, first == 0 ? deadline : comm::now() + within));
+        const std::size_t turns = (names.size() - first + most - 1) / most;
+        const comm::TimeNs share = std::max((deadline - comm::now()) / static_cast<comm::TimeNs>(turns), LEAST);
+        said.merge(askAtOnce({begin, begin + count}, comm::now() + share));
     }
     return said;
 }

@@ -21,7 +21,7 @@ struct Said {
 
 /// Asks processes of the run directory, by their names as in locators; without a registry. The connections that this
 /// makes are not told. All are asked at once if this process may have descriptors enough, else some after others, and
-/// then each has the time until `deadline`. Returns when all have answered or shown that they will not, or have had
+/// then they share the time until `deadline`. Returns when all have answered or shown that they will not, or have had
 /// their time; that in which this process stood still does not count.
 std::map<std::string, Said> askProcesses(const std::vector<std::string>& names, comm::TimeNs deadline);
 

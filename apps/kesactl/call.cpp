@@ -4,13 +4,13 @@
 #include "commands.h"
 #include "options.h"
 #include "output.h"
+#include "peerText.h"
 #include "resources.h"
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/processName.h>
-#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <obr/ErrorStorage.h>
 #include <transport/Authority.h>
@@ -220,7 +220,7 @@ void call(const CallArguments& arguments)
         case Answers::Kind::eERROR:
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,
-                                      kesa::reasonOf(answer.response)),
+                                      saidBy(answer.response)),
                           static_cast<int>(answer.response.getStatus()),
                           {},
                           arguments.common.isJson ? membersOf(answer.response) : ""};

@@ -89,14 +89,13 @@ bool hasError(const std::vector<Complaint>& complaints)
                        [](const Complaint& complaint) { return complaint.severity == Severity::eERROR; });
 }
 
-/// What is wrong with "access" does not.
+/// What is wrong with tables of rules does not.
 bool keepsFromStarting(const ConfigReport& report)
 {
     return std::any_of(report.complaints.begin(), report.complaints.end(), [&report](const Complaint& complaint) {
-        const util::config::DocumentPath access = report.path({"access"});
-        const bool isOfAccess =
-            complaint.path.size() >= access.size() && std::equal(access.begin(), access.end(), complaint.path.begin());
-        return complaint.severity == Severity::eERROR && !isOfAccess;
+        const bool isOfRules =
+            complaint.path == report.path({"access"}) || complaint.path == report.path({"registry", "policy"});
+        return complaint.severity == Severity::eERROR && !isOfRules;
     });
 }
 
@@ -125,9 +124,9 @@ int checkConfig(const CheckConfigArguments& arguments)
     }
     reviewDocument(report);
     const CommSettings comm = reviewSettings(config, partition, report);
-    auto policy = reviewPolicy(report);
-    const bool starts = !keepsFromStarting(report); // what is wrong with "access", wherever it stands, does not
-    auto access = reviewAccess(report);
+    const bool starts = !keepsFromStarting(report);
+    RulesReview policy = reviewPolicy(report);
+    RulesReview access = reviewAccess(report);
     const kesa::commadapter::transport::RunDirectory runDirectory(comm.runDir);
     if (std::optional<Complaint> complaint = reviewRunDirectory(runDirectory)) {
         if (complaint->path.empty()) {

@@ -15,6 +15,7 @@
 #include "output.h"
 #include "processNames.h"
 #include "providersHere.h"
+#include "registryPolicy.h"
 #include "replacedRealm.h"
 #include "reviewSettings.h"
 #include "runDirectoryProblem.h"
@@ -265,6 +266,22 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     }
 }
 
+void addPolicy(DoctorPage& page, const apps::RegistryPlace& place, comm::TimeNs deadline)
+{
+    const Value policy = askPolicy(place.locators.front(), deadline);
+    if (!policy.isDefined()) {
+        return;
+    }
+    page.addLine("its policy", policyText(policy));
+    page.facts.set("policy", policy);
+    if (const std::string failure = policyFailure(policy); !failure.empty()) {
+        page.findings.push_back(
+            fmt::format("the policy of the registry: {}; mend the document, then have it read again "
+                        "(systemctl reload kesa-registryd, or SIGHUP)",
+                        failure));
+    }
+}
+
 /// Where the document divides the processes among several.
 void addPartitions(DoctorPage& page, const apps::RegistryPlace& place, const RunDirectoryFacts& facts)
 {
@@ -303,6 +320,9 @@ bool diagnose(const CommonOptions& options)
     addTooSlow(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
+    if (answer.services) {
+        addPolicy(page, place, options.laterDeadline());
+    }
     addPartitions(page, place, facts);
     if (answer.services && findReplacedRealm(facts, reports).text.empty()) { // else that is why
         addUnknown(page, reports, place, *answer.services);

@@ -1,5 +1,6 @@
 #include "doctor_runDirectory.h"
 
+#include "missingRight.h"
 #include "otherRunDirectories.h"
 #include "processNames.h"
 #include "processNotes.h"
@@ -43,8 +44,9 @@ void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
                             ? "on a read-only file system; start processes where it can be written, or name another one"
                         : facts.writeError == ENOSPC
                             ? "on a file system that is full; make room there (df, df -i), or name another one"
-                            : fmt::format("not writable for {}; use its user or group, or change its rights",
-                                          userName(::geteuid()))));
+                            : fmt::format("not writable for {}; {}", userName(::geteuid()),
+                                          howToGetRight(facts.path, "have its owner let a group of this user write "
+                                                                    "there, or name another one"))));
     }
 }
 

@@ -44,7 +44,7 @@ std::set<Follower> followersTooSlow(const Value& answer)
 
 void addTooSlow(DoctorPage& page, const std::vector<ProcessReport>& reports, comm::TimeNs deadline)
 {
-    constexpr comm::TimeNs LEAST = comm::SECOND; // the deadline may have passed while others were asked
+    constexpr comm::TimeNs LEAST = 300 * comm::MILLISECOND; // the deadline may have passed while others were asked
     std::map<std::string, std::set<Follower>> before;
     std::vector<std::string> providers;
     for (const ProcessReport& report : reports) {

@@ -93,8 +93,11 @@ Unreached explainNoRegistry(const kesa::url& registry, comm::TimeNs within)
 {
     Unreached why = explainUnreachable(registry, within);
     if (why.cause == "not-provided" && why.isSomebodyThere) {
+        why.text += " within the time limit";
         why.advice = registry.path() == ServiceRegistryPex::SERVICE_PATH
-                         ? fmt::format("\"{}\" is no registry: name the process that is one", plainProcessOf(registry))
+                         ? fmt::format("give it more with --timeout, should it have just started; else \"{}\" is no "
+                                       "registry: name the process that is one",
+                                       plainProcessOf(registry))
                          : fmt::format("a registry's path is \"{}\": correct it in \"service_registry_locators\"",
                                        ServiceRegistryPex::SERVICE_PATH);
     }

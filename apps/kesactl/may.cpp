@@ -8,6 +8,7 @@
 #include "explainNoRegistry.h"
 #include "options.h"
 #include "output.h"
+#include "peerText.h"
 #include "registryFaults.h"
 
 #include <CLI/CLI.hpp>
@@ -17,7 +18,6 @@
 #include <kesa/commands.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
-#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
@@ -29,6 +29,8 @@
 #include <fmt/format.h>
 
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace kesactl {
 namespace {
@@ -54,15 +56,22 @@ Answers::Answer askOnce(const ServiceConnection::Client& client, kesa::Request r
 }
 
 /// The answer, without which there is nothing to say.
-kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom)
+kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, const CommonOptions& options,
+                       bool isProvider)
 {
-    if (answer.kind == Answers::Kind::eTIMED_OUT) {
-        throw Failure{ExitCode::eTIMED_OUT, whom + " has not answered in time"};
+    const bool isTimeOver = answer.response.getStatus() == 504 && comm::now() >= options.deadline();
+    if (answer.kind == Answers::Kind::eTIMED_OUT || isTimeOver) {
+        throw Failure{ExitCode::eTIMED_OUT,
+                      fmt::format("{} has not answered within {} s", whom, options.timeoutSeconds), 0,
+                      "give it more with --timeout; its log may say what it waits for"};
+    }
+    if (answer.kind == Answers::Kind::eCOMPLETED) {
+        throw Failure{ExitCode::eFAILED, whom + " has answered without content, so what may be is not known"};
     }
     if (answer.kind != Answers::Kind::eVALUE) {
-        const bool knowsNothing = answer.response.getStatus() == 404;
+        const bool knowsNothing = answer.response.getStatus() == 404 && isProvider;
         throw Failure{ExitCode::eFAILED,
-                      fmt::format("{} answers {}{}", whom, kesa::reasonOf(answer.response),
+                      fmt::format("{} answers {}{}", whom, saidBy(answer.response),
                                   knowsNothing ? "; one that knows no rules, as of the Python client, lets everybody "
                                                  "ask who may connect"
                                                : "")};
@@ -84,19 +93,24 @@ Value askRegistry(const MayArguments& arguments)
                                    .locators.front();
     ServiceConnection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
     const comm::TimeNs deadline = arguments.common.deadline();
-    const ServiceConnection::Client client = connection.tryClient(deadline);
+    ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline));
     if (!client) {
-        const Unreached why = explainNoRegistry(registry, 0);
-        throw Failure{ExitCode::eNO_REGISTRY,
-                      fmt::format("the registry at {}: {}; {}", registry.toString(), why.text, why.advice)};
+        const Unreached why = explainNoRegistry(registry, std::max<comm::TimeNs>(deadline - comm::now(), 0));
+        client = connection.tryClient(deadline); // it may have come meanwhile
+        if (!client) {
+            throw Failure{ExitCode::eNO_REGISTRY, fmt::format("the registry at {}: {}", registry.toString(), why.text),
+                          0, why.advice};
+        }
     }
     const std::string who = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who));
     const kesa::Response response =
         valueOf(askOnce(client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), deadline),
-                "the registry");
+                "the registry", arguments.common, false);
     Value explanation;
     if (const std::string fault = readExplanation(response, explanation); !fault.empty()) {
-        throw Failure{ExitCode::eFAILED, explainFault(registry, fault).text};
+        const Unreached why = explainFault(registry, fault);
+        throw Failure{ExitCode::eFAILED, fmt::format("the registry at {}: {}", registry.toString(), why.text), 0,
+                      why.advice};
     }
     const Value may = explanation["for"]["may"];
     if (!may.isArray()) {
@@ -130,14 +144,14 @@ Value askProcess(const MayArguments& arguments, const ServiceDef& service, comm:
                         kesa::Request(kesa::commands::RETRIEVE, std::string(ProcessService::MAY),
                                       jsonPayload(Value(std::move(question)).toText())),
                         deadline),
-                "the process that provides it");
+                "the process that provides it", arguments.common, true);
     Value verdicts;
     if (util::config::JSONParser().parseString(std::string(response.getPayload().text()), verdicts) ||
         !verdicts.isArray()) {
         obr::ErrorStorage::ack();
         throw Failure{ExitCode::eFAILED, "the process that provides it answers what is no list"};
     }
-    return verdicts;
+    return withShortTexts(verdicts);
 }
 
 /// What the service itself says of one whom the document of its process lets in, by the rules of its code.
@@ -168,8 +182,8 @@ void askService(const MayArguments& arguments, ServiceConnection& service, util:
         return; // it has none, or is a service of another kind
     }
     verdict.set("allowed", isAllowed);
-    verdict.set("because", isAllowed ? fmt::format("{}; {}", byDocument, own["because"].stringView())
-                                     : std::string(own["because"].stringView()));
+    const std::string byCode = shortened(own["because"].stringView());
+    verdict.set("because", isAllowed ? fmt::format("{}; {}", byDocument, byCode) : byCode);
 }
 
 /// Whether this process may ask the service for its rules. To try it would be traced there.
@@ -193,8 +207,8 @@ Value askProvider(const MayArguments& arguments)
     Value::Array all;
     for (const Value& one : verdicts.items()) {
         util::config::Dictionary verdict = one.dictionary();
-        if (one["allowed"] == true && maySeeRules(arguments, service, deadline)) {
-            askService(arguments, connection, verdict, deadline);
+        if (one["allowed"] == true && maySeeRules(arguments, service, arguments.common.laterDeadline())) {
+            askService(arguments, connection, verdict, arguments.common.laterDeadline());
         } else if (one["allowed"] == true) {
             verdict.set("because",
                         one["because"].toText() + "; the service may have rules of its own, which root may ask for");

@@ -12,6 +12,10 @@ namespace kesactl {
 /// may not connect to …". Empty when it may, and in doubt.
 std::string missingRight(std::int64_t pid, const kesa::url& locator);
 
+/// What gives this user the right to a socket or directory that he may not use: to join its group, where that helps;
+/// else `otherwise`.
+std::string howToGetRight(const std::string& path, const std::string& otherwise);
+
 } // namespace kesactl
 
 #endif

@@ -4,6 +4,7 @@
 #include <CLI/App.hpp>
 #include <comm/Clock.h>
 
+#include <algorithm>
 #include <string>
 
 namespace kesactl {
@@ -12,9 +13,18 @@ namespace kesactl {
 struct CommonOptions {
     bool isJson = false;
     double timeoutSeconds = 2;
+    comm::TimeNs timeout() const { return static_cast<comm::TimeNs>(timeoutSeconds * 1e9); }
+    /// Of all that the command waits for: counted from when it is first asked for.
+    comm::TimeNs deadline() const
+    {
+        m_deadline = m_deadline == 0 ? comm::now() + timeout() : m_deadline;
+        return m_deadline;
+    }
+    /// The same for what is asked after something else, which is given a little time in any case: who was not given
+    /// any is not to be called silent.
+    comm::TimeNs laterDeadline() const { return std::max(deadline(), comm::now() + 200 * comm::MILLISECOND); }
 
-    /// Counted from now.
-    comm::TimeNs deadline() const { return comm::now() + static_cast<comm::TimeNs>(timeoutSeconds * 1e9); }
+    mutable comm::TimeNs m_deadline = 0; ///< 0: not yet
 };
 
 void addCommonOptions(CLI::App& command, CommonOptions& options, const std::string& timeoutText);

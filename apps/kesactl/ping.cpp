@@ -7,11 +7,11 @@
 #include "explainUnreachable.h"
 #include "options.h"
 #include "output.h"
+#include "peerText.h"
 #include "probe.h"
 
 #include <CLI/CLI.hpp>
 #include <kesa/headers.h>
-#include <kesa/reasonOf.h>
 #include <obr/visible.h>
 
 #include <fmt/format.h>
@@ -95,7 +95,7 @@ Round measure(const ServiceConnection::Client& client, const ServiceDef& service
 {
     kesa::Request request = probeOf(service);
     const comm::TimeNs begin = comm::now();
-    const comm::TimeNs deadline = arguments.common.deadline();
+    const comm::TimeNs deadline = begin + arguments.common.timeout();
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - begin));
     Answers answers(client, request);
     const Answers::Answer answer = waits.next(answers, deadline);
@@ -107,7 +107,7 @@ Round measure(const ServiceConnection::Client& client, const ServiceDef& service
     if (status < 500) {
         return {time, {}};
     }
-    const std::string reason = kesa::reasonOf(answer.response);
+    const std::string reason = saidBy(answer.response);
     if (status == 503 && !isAnswered(service, deadline)) {
         return {time, reason, ExitCode::eFAILED};
     }

@@ -145,13 +145,13 @@ SettingRows settings(const CheckResult& result)
     addTable(rows, "smartProxy", smartProxy(config.m_proxyConfig));
     addTable(rows, "node_domain_mapping", toTable(config.m_nodeDomainMapping));
     addTable(rows, "registry", registry(config.m_registryLimits));
-    for (const auto& [name, words] : result.policy) {
+    for (const auto& [name, words] : result.policy.words) {
         rows.push_back({"  " + name, excerpt(words)});
     }
-    if (!result.access.empty()) {
+    if (!result.access.words.empty()) {
         rows.push_back({"access", ""});
     }
-    for (const auto& [name, words] : result.access) {
+    for (const auto& [name, words] : result.access.words) {
         rows.push_back({"  " + name, excerpt(words)});
     }
     addTable(rows, "comm", result.comm);
@@ -220,6 +220,24 @@ Value asArray(const std::vector<T>& list)
     return Value(std::move(array));
 }
 
+std::string verdict(const CheckResult& result)
+{
+    if (result.isValid) {
+        return "valid";
+    }
+    if (!result.counts) {
+        return "not valid: a process goes on with the settings above";
+    }
+    if (!result.starts) {
+        return "not valid: a process does not start with it";
+    }
+    const char* const access = result.access.isWrong ? "a process closes all its services to other users" : "";
+    const char* const policy = !result.policy.isWrong  ? ""
+                               : result.access.isWrong ? "kesa-registryd does not start with it, and "
+                                                       : "kesa-registryd does not start with it; other processes do";
+    return fmt::format("not valid: {}{}", policy, access);
+}
+
 } // namespace
 
 std::string asText(const CheckResult& result)
@@ -228,11 +246,7 @@ std::string asText(const CheckResult& result)
     for (const auto& complaint : result.complaints) {
         text += asLine(result, complaint);
     }
-    text += result.isValid   ? "valid\n"
-            : !result.counts ? "not valid: a process goes on with the settings above\n"
-            : result.starts  ? "not valid: a process closes all its services to other users\n"
-                             : "not valid: a process does not start with it\n";
-    return text;
+    return text + verdict(result) + '\n';
 }
 
 void addRules(Dictionary& object, const char* key, const RulesInWords& words)
@@ -266,8 +280,8 @@ std::string asJson(const CheckResult& result)
                       {"run_directory", result.runDirectory},
                       {"run_directory_from", result.runDirectorySource},
                       {"complaints", asArray(result.complaints)}};
-    addRules(object, "policy", result.policy);
-    addRules(object, "access", result.access);
+    addRules(object, "policy", result.policy.words);
+    addRules(object, "access", result.access.words);
     if (result.process) {
         object.set("process", *result.process);
         object.set("partition", result.partition);

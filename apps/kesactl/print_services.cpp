@@ -159,7 +159,7 @@ std::string asTree(const Services& services)
     return text;
 }
 
-std::string asDetails(const ServiceDef& service)
+std::string asDetails(const ServiceDef& service, const std::string& seenBy)
 {
     std::string text;
     const auto add = [&text](std::string_view name, const std::string& value) {
@@ -181,6 +181,9 @@ std::string asDetails(const ServiceDef& service)
     }
     if (service.id) {
         add("record", service.id->toString());
+    }
+    if (!seenBy.empty()) {
+        add("seen by", seenBy);
     }
     if (service.metainfo) {
         for (const auto& [key, value] : *service.metainfo) {

@@ -18,7 +18,8 @@ std::string checkColumn(const std::string& name);
 /// The paths as a tree; what is a service has its type and provider behind it.
 std::string asTree(const Services& services);
 /// All that is known of one service.
-std::string asDetails(const ServiceDef& service);
+/// `seenBy`: who may see it; empty: that is not known.
+std::string asDetails(const ServiceDef& service, const std::string& seenBy);
 
 /// One line of JSON, without its end: the record as it is on the wire. A `Failure` when that has no form in JSON.
 std::string asJson(const ServiceDef& service);

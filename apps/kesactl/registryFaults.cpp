@@ -2,10 +2,10 @@
 
 #include "ProcessReport.h"
 #include "otherRunDirectories.h"
+#include "peerText.h"
 #include "processNames.h"
 
 #include <kesa/core/PayloadConversion.h>
-#include <kesa/reasonOf.h>
 #include <obr/ErrorStorage.h>
 #include <util/config/JSONParser.h>
 
@@ -34,7 +34,7 @@ std::string beginningOf(const Response& answer)
 /// The reason that reading has left.
 std::string takeReason()
 {
-    std::string reason = obr::ErrorStorage::reason();
+    std::string reason = shortened(obr::ErrorStorage::reason());
     obr::ErrorStorage::ack();
     return reason;
 }
@@ -116,7 +116,7 @@ std::string faultOf(const Response& error)
     const auto status = error.getStatus();
     return status == 400 || status == 503 || status == 504
                ? ""
-               : fmt::format("it refuses the question with {}", kesa::reasonOf(error));
+               : fmt::format("it refuses the question with {}", saidBy(error));
 }
 
 std::string readUpdates(const Response& answer, Updates& updates)
@@ -137,7 +137,7 @@ std::string readExplanation(const Response& answer, Value& explanation)
     if (const std::string wrong = findIn(read); !wrong.empty()) {
         return fmt::format("{} explains nothing: {}", beginningOf(answer), wrong);
     }
-    explanation = std::move(read);
+    explanation = withShortTexts(read);
     return {};
 }
 

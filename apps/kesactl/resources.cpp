@@ -3,6 +3,7 @@
 #include "Answers.h"
 #include "Failure.h"
 #include "output.h"
+#include "peerText.h"
 
 #include <kesa/commands.h>
 #include <kesa/ease/resources.h>
@@ -58,7 +59,10 @@ Value ask(const ServiceConnection::Client& client, const std::string& path, cons
         failSilent(path, ExitCode::eTIMED_OUT, fmt::format("no answer within {} s", options.timeoutSeconds));
     }
     if (answer.kind == Answers::Kind::eERROR) {
-        failSilent(path, ExitCode::eFAILED, kesa::Response::getErrorMessageWithCode(answer.response), status);
+        failSilent(path, ExitCode::eFAILED, saidBy(answer.response), status);
+    }
+    if (answer.kind == Answers::Kind::eCOMPLETED) {
+        failSilent(path, ExitCode::eFAILED, "it answers without content");
     }
     Value list;
     const bool failed = util::config::JSONParser().parseString(answer.response.getPayload().text(), list);

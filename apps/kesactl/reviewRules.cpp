@@ -9,7 +9,8 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <cstdint>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -25,32 +26,25 @@ using util::config::DocumentPath;
 using util::config::Value;
 using Complaints = std::vector<Complaint>;
 
+/// What was said of it as of an unknown key says less.
 bool isMisnamed(ConfigReport& report, const DocumentPath& place, const kesa::access::RuleForm& form)
 {
     auto misnamed = kesa::access::findMisnamedTable(report.root, place, form);
     if (misnamed) {
         misnamed->path = report.path(std::move(misnamed->path));
+        std::erase_if(report.complaints, [&misnamed](const Complaint& complaint) {
+            return complaint.path == misnamed->path && complaint.severity != Complaint::Severity::eERROR;
+        });
         report.add(std::move(*misnamed));
     }
     return misnamed.has_value();
 }
 
-/// What is no list the reading of the document has complained of.
-RulesInWords review(ConfigReport& report, const Value& list, const DocumentPath& place,
-                    const kesa::access::RulesReader& read)
+RulesInWords inWords(const ConfigReport& report, const std::vector<Rule>& rules, const DocumentPath& whole)
 {
-    RulesInWords words;
-    if (!list.isArray()) {
-        return words;
-    }
-    const DocumentPath whole = report.path(place);
-    Complaints complaints;
-    const std::vector<Rule> rules = read(list, whole, complaints);
-    for (Complaint& complaint : complaints) {
-        report.add(std::move(complaint));
-    }
     std::ifstream in(report.file, std::ios::binary);
     const util::config::JsonPositions positions(std::string(std::istreambuf_iterator<char>(in), {}));
+    RulesInWords words;
     for (std::size_t i = 0; i < rules.size(); ++i) {
         DocumentPath element = whole;
         element.emplace_back(i);
@@ -60,31 +54,58 @@ RulesInWords review(ConfigReport& report, const Value& list, const DocumentPath&
     return words;
 }
 
-} // namespace
-
-RulesInWords reviewPolicy(ConfigReport& report)
+/// What is no list the review of the document has complained of.
+RulesReview review(ConfigReport& report, const DocumentPath& place, const kesa::access::RuleForm& form,
+                   const kesa::access::RulesReader& read)
 {
-    const DocumentPath place{"registry", "policy"};
-    static_cast<void>(isMisnamed(report, place, kesa::registry::policyForm()));
-    return review(report, report.root["registry"]["policy"], place,
-                  [](const Value& list, const DocumentPath& where, Complaints& complaints) {
-                      return kesa::registry::readPolicyRules(list, where, systemAccounts(), complaints);
-                  });
+    RulesReview found{{}, isMisnamed(report, place, form)};
+    Value list = report.root;
+    for (const auto& step : place) {
+        list = Value(list[std::get<std::string>(step)]);
+    }
+    if (!list.isArray()) {
+        found.isWrong = found.isWrong || list.isDefined();
+        return found;
+    }
+    const DocumentPath whole = report.path(place);
+    Complaints complaints;
+    found.words = inWords(report, read(list, whole, complaints), whole);
+    for (Complaint& complaint : complaints) {
+        found.isWrong = found.isWrong || complaint.severity == Complaint::Severity::eERROR;
+        report.add(std::move(complaint));
+    }
+    return found;
 }
 
-RulesInWords reviewAccess(ConfigReport& report)
+} // namespace
+
+RulesReview reviewPolicy(ConfigReport& report)
 {
-    const DocumentPath place{"access"};
-    bool isClosed = isMisnamed(report, place, kesa::access::accessForm());
-    const auto read = [&isClosed](const Value& list, const DocumentPath& where, Complaints& complaints) {
-        auto rules = kesa::access::readAccessRules(list, where, complaints);
-        isClosed = std::any_of(complaints.begin(), complaints.end(), [](const Complaint& complaint) {
-            return complaint.severity == Complaint::Severity::eERROR;
-        });
-        return rules;
-    };
-    RulesInWords words = review(report, report.root["access"], place, read);
-    return isClosed ? RulesInWords{{"other users", "may nothing, since a rule is wrong"}} : words;
+    RulesReview found = review(report, {"registry", "policy"}, kesa::registry::policyForm(),
+                               [](const Value& list, const DocumentPath& where, Complaints& complaints) {
+                                   return kesa::registry::readPolicyRules(list, where, systemAccounts(), complaints);
+                               });
+    std::error_code error;
+    const std::uintmax_t bytes = std::filesystem::file_size(report.file, error);
+    if (!error && bytes > kesa::registry::MOST_DOCUMENT_BYTES) {
+        const bool isOfRegistry = report.root["registry"].isDefined();
+        found.isWrong = found.isWrong || isOfRegistry;
+        report.add({isOfRegistry ? Complaint::Severity::eERROR : Complaint::Severity::eWARNING,
+                    {},
+                    fmt::format("kesa-registryd does not start with a document of more than {} MiB",
+                                kesa::registry::MOST_DOCUMENT_BYTES >> 20U),
+                    "give it one of its own, with --config"});
+    }
+    return found;
+}
+
+RulesReview reviewAccess(ConfigReport& report)
+{
+    RulesReview found = review(report, {"access"}, kesa::access::accessForm(), kesa::access::readAccessRules);
+    if (found.isWrong) {
+        found.words = RulesInWords{{"other users", "may nothing, since a rule is wrong"}};
+    }
+    return found;
 }
 
 } // namespace kesactl

@@ -1,5 +1,6 @@
 #include "reviewRunDirectory.h"
 
+#include "missingRight.h"
 #include "runDirectoryProblem.h"
 
 #include <fmt/format.h>
@@ -30,7 +31,8 @@ RunDirectoryProblem findProblemAtStart(const RunDirectoryFacts& facts, const std
     if (!facts.isWritable) {
         return {fmt::format("this user cannot write into the run directory {} ({}), which is {}", facts.path, source,
                             facts.rights),
-                "use its user or group, change its rights, or name another one"};
+                howToGetRight(facts.path, "have its owner let a group of this user write there") +
+                    ", or name another one"};
     }
     if (!facts.distrust.text.empty()) {
         return {fmt::format("the run directory {} ({}) {}", facts.path, source, facts.distrust.text),

@@ -3,12 +3,15 @@
 #include "options.h"
 #include "output.h"
 #include "print_services.h"
+#include "registryPolicy.h"
 #include "resources.h"
 
 #include <CLI/CLI.hpp>
 
 namespace kesactl {
 namespace {
+
+using util::config::Value;
 
 struct ShowArguments {
     std::string path;
@@ -26,7 +29,13 @@ void show(const ShowArguments& arguments)
         printResources(connection.client(deadline), arguments.path, arguments.common, deadline);
         return;
     }
-    print(arguments.common.isJson ? asJson(service) + '\n' : asDetails(service));
+    if (arguments.common.isJson) {
+        print(asJson(service) + '\n');
+        return;
+    }
+    const Value policy =
+        system.registry() == nullptr ? Value() : askPolicy(*system.registry(), arguments.common.laterDeadline());
+    print(asDetails(service, seenBy(service, policy)));
 }
 
 } // namespace

@@ -1,23 +1,29 @@
 // status: one page of one process, for a person.
 #include "ProcessReport.h"
+#include "System.h"
 #include "Verdict.h"
 #include "commands.h"
 #include "options.h"
+#include "otherRunDirectories.h"
 #include "output.h"
 #include "processNames.h"
 #include "processNotes.h"
 #include "programOf.h"
+#include "registryPolicy.h"
 #include "silentProcess.h"
 
 #include <CLI/CLI.hpp>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <obr/visible.h>
 #include <rules/usersAndGroups.h>
 #include <transport/Authority.h>
+#include <util/config/Dictionary.h>
 #include <util/nearestName.h>
 
 #include <fmt/format.h>
 #include <fmt/ranges.h>
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 
@@ -70,7 +76,11 @@ Failure noSuchProcess(const RunDirectoryFacts& directory, const std::string& wan
         text += fmt::format("; one that provides nothing may be known to {}, which cannot be asked",
                             fmt::join(silent.notAsked, ", "));
     }
-    return Failure{ExitCode::eFAILED, text};
+    const auto others = otherDirectoriesOf(kesa::commadapter::transport::encodeProcessName(wanted));
+    return Failure{ExitCode::eFAILED, text, 0,
+                   others.empty() ? ""
+                                  : fmt::format("one of that name runs in {}; to look there, {}", namesOf(others),
+                                                howToMeetIn(others.front()))};
 }
 
 void addLine(std::string& page, std::string_view name, std::string_view value)
@@ -172,6 +182,12 @@ void addAnswer(std::string& page, const ProcessReport& report)
     addLine(page, "run directory",
             fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
     addLine(page, "instance", answer["instance"].toText());
+    if (const Value& policy = answer["policy"]; policy.isDefined()) {
+        addLine(page, "policy", policyText(policy));
+        if (const std::string failure = policyFailure(policy); !failure.empty()) {
+            addLine(page, "policy", failure);
+        }
+    }
     addTroubles(page, report);
     addLine(page, "queued", report.number("queuedBytes") + " bytes");
     addLine(page, "services", countOf(report, "serviceCount", "services"));
@@ -246,10 +262,32 @@ try {
     return {*noted.report, std::move(noted)};
 }
 
+/// Of one that is a registry, what its policy is.
+void addPolicy(ProcessReport& report, const CommonOptions& options)
+{
+    constexpr std::string_view PATH = kesa::serviceregistry::ServiceRegistryPex::SERVICE_PATH;
+    const auto& services = report.answer["services"].items();
+    if (std::find(services.begin(), services.end(), Value(PATH)) == services.end()) {
+        return;
+    }
+    try {
+        const System system(false);
+        util::config::Dictionary answer = report.answer.dictionary();
+        if (const Value policy =
+                askPolicy(kesa::url(fmt::format("ipc://{}{}", report.name, PATH)), options.laterDeadline());
+            policy.isDefined()) {
+            answer.set("policy", policy);
+            report.answer = Value(std::move(answer));
+        }
+    } catch (const Failure&) { // nothing can be asked with such a document, and all else is said
+    }
+}
+
 void printStatus(const StatusArguments& arguments)
 {
     auto [report, silent] = findReport(arguments.process, arguments.common.deadline());
     addNote(report);
+    addPolicy(report, arguments.common);
     std::string page = pageOf(report);
     addOthers(page, silent);
     print(arguments.common.isJson ? report.asJson() + '\n' : fitted(page));

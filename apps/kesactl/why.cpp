@@ -14,6 +14,7 @@
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "peerText.h"
 #include "probe.h"
 #include "processNames.h"
 #include "processNotes.h"
@@ -27,12 +28,11 @@
 #include <common/RegistryPlace.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
-#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
-#include <obr/ErrorStorage.h>
-#include <util/config/JSONParser.h>
+#include <rules/usersAndGroups.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 
@@ -73,7 +73,7 @@ Verdict unreached(const kesa::url& registry, comm::TimeNs deadline)
 /// Of an error of a registry that can be connected to.
 Verdict refused(const kesa::url& registry, const kesa::Response& error)
 {
-    const std::string said = kesa::reasonOf(error);
+    const std::string said = saidBy(error);
     if (const std::string fault = faultOf(error); !fault.empty()) {
         return verdictOf(registry, explainFault(registry, fault));
     }
@@ -127,6 +127,7 @@ private:
     std::optional<Verdict> explainTakenName(const kesa::url& locator) const;
     Verdict reach() const;
     Verdict call(const ServiceConnection::Client& client, const ServiceDef& service) const;
+    Verdict explainForbidden(const kesa::Response& refusal, const kesa::url& locator) const;
     Verdict explainNoAnswer(std::int64_t pid) const;
     static Answers::Answer ask(const ServiceConnection::Client& client, kesa::Request request, comm::TimeNs deadline);
     std::string holder() const { return whoText(m_explanation["holder"]); }
@@ -147,6 +148,9 @@ Verdict Search::run()
         return *failure;
     }
     Verdict verdict = judge();
+    if (m_explanation["taken"] == true) {
+        return explainHidden(m_explanation, processesHere({}).provider);
+    }
     if (!isUnprovided(verdict)) {
         return verdict;
     }
@@ -159,7 +163,9 @@ Verdict Search::run()
             return *failure;
         }
         Verdict now = judge();
-        return isUnprovided(now) ? explainHereOnly(*here.provider, m_place) : now;
+        return m_explanation["taken"] == true ? explainHidden(m_explanation, here.provider)
+               : isUnprovided(now)            ? explainHereOnly(*here.provider, m_place)
+                                              : now;
     }
     if (verdict.cause != "never-registered") {
         const std::string name = m_explanation["history"].items().back()["provider"].toText();
@@ -167,7 +173,7 @@ Verdict Search::run()
                                m_place.locators.front());
     }
     return explainNeverSeen(std::move(verdict), here,
-                            adviseAround(system, m_arguments.path, m_arguments.common.deadline()));
+                            adviseAround(system, m_arguments.path, m_arguments.common.laterDeadline()));
 }
 
 /// The processes here know more of it than the registry.
@@ -195,7 +201,7 @@ std::optional<Verdict> Search::askRegistry()
 {
     const kesa::url& registry = m_place.locators.front();
     ServiceConnection connection(ServiceDef(kesa::Path("/registry"), ServiceDef::TypeEnum::registry, {}, {registry}));
-    const comm::TimeNs deadline = m_arguments.common.deadline();
+    const comm::TimeNs deadline = m_arguments.common.laterDeadline(); // it may be asked again
     ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline));
     if (!client) {
         const Verdict verdict = unreached(registry, deadline);
@@ -204,7 +210,7 @@ std::optional<Verdict> Search::askRegistry()
             return verdict;
         }
     }
-    const comm::TimeNs most = m_arguments.common.deadline();
+    const comm::TimeNs most = m_arguments.common.laterDeadline();
     const Answers::Answer answer =
         ask(client, questionAbout(m_arguments.path, m_arguments.process), timeToExplain(most));
     if (answer.kind == Answers::Kind::eTIMED_OUT) {
@@ -227,8 +233,8 @@ std::optional<Verdict> Search::askRegistry()
 /// `uid`: as of `askProcessesHere`.
 ProcessesHere Search::processesHere(const std::string& name, std::int64_t uid) const
 {
-    return askProcessesHere(m_arguments.path, name, std::min(m_arguments.common.deadline(), comm::now() + comm::SECOND),
-                            uid);
+    return askProcessesHere(m_arguments.path, name,
+                            std::min(m_arguments.common.laterDeadline(), comm::now() + comm::SECOND), uid);
 }
 
 Verdict Search::judge() const
@@ -242,7 +248,8 @@ Verdict Search::judge() const
     Verdict verdict = reach();
     if (verdict.isGood() && !m_arguments.process.empty()) {
         const ProcessesHere here = processesHere(m_arguments.process);
-        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, m_place, here.asked);
+        Verdict ofProcess = explainProcess(m_explanation, m_arguments.process, m_arguments.path, m_place, here.asked,
+                                           m_arguments.common.laterDeadline());
         if (!here.held.empty()) {
             ofProcess = explainHeld(here.held.front(), m_arguments.process + " does not see it");
         } else if (!here.otherVersion.text.empty()) {
@@ -275,7 +282,7 @@ std::optional<Verdict> Search::explainReplacedRealm(const std::string& locators)
     if (std::none_of(here.names.begin(), here.names.end(), isHolder)) {
         return std::nullopt;
     }
-    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, m_arguments.common.deadline()));
+    ReplacedRealm replaced = findReplacedRealm(here, lookAtProcesses(here, m_arguments.common.laterDeadline()));
     if (replaced.text.empty()) {
         return std::nullopt;
     }
@@ -353,7 +360,7 @@ Verdict Search::reach() const
                 {}};
     }
     ServiceConnection connection(service);
-    const comm::TimeNs deadline = m_arguments.common.deadline();
+    const comm::TimeNs deadline = m_arguments.common.laterDeadline();
     if (const ServiceConnection::Client client = connection.tryClient(timeToExplain(deadline))) {
         return call(client, service);
     }
@@ -372,7 +379,7 @@ Verdict Search::reach() const
 
 Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& service) const
 {
-    const Answers::Answer answer = ask(client, probeOf(service), m_arguments.common.deadline());
+    const Answers::Answer answer = ask(client, probeOf(service), m_arguments.common.laterDeadline());
     const auto status = answer.response.getStatus();
     if (answer.kind == Answers::Kind::eTIMED_OUT || (answer.kind == Answers::Kind::eERROR && status == 504)) {
         const std::int64_t pid = integerOf(m_explanation["holder"]["pid"]);
@@ -384,22 +391,35 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
         }
         return explainNoAnswer(pid);
     }
+    if (answer.kind == Answers::Kind::eERROR && status == 403) {
+        return explainForbidden(answer.response, service.locators.front());
+    }
     // Of the connection, or the service's own.
     const bool isRefusal = answer.kind == Answers::Kind::eERROR && status == 503;
-    if (isRefusal && explainTaken(service, until(m_arguments.common.deadline())).second.cause != "slow") {
-        return {"not-provided",
-                fmt::format("{} has just gone: {}", holder(), kesa::reasonOf(answer.response)),
-                "ask again",
-                {}};
+    if (isRefusal && explainTaken(service, until(m_arguments.common.laterDeadline())).second.cause != "slow") {
+        return {
+            "not-provided", fmt::format("{} has just gone: {}", holder(), saidBy(answer.response)), "ask again", {}};
     }
     return {std::string(Verdict::WORKS),
             fmt::format("{} has provided it since {} at {}, {}", holder(), timeText(m_explanation["holder"]["since"]),
                         service.locators.front().toString(),
-                        isRefusal ? fmt::format("but its service itself answers {}", kesa::reasonOf(answer.response))
+                        isRefusal ? fmt::format("but its service itself answers {}", saidBy(answer.response))
                                   : "and answers"),
             isRefusal ? fmt::format("{}'s log may say what its service waits for",
                                     m_explanation["holder"]["provider"].toText())
                       : "",
+            {}};
+}
+
+/// Of a service that answers, and refuses this user the probe: all, or all but the commands that its rules name.
+Verdict Search::explainForbidden(const kesa::Response& refusal, const kesa::url& locator) const
+{
+    return {std::string(Verdict::WORKS),
+            fmt::format("{} has provided it since {} at {}, and answers, but not everything to {}: {}", holder(),
+                        timeText(m_explanation["holder"]["since"]), locator.toString(),
+                        kesa::access::userName(::geteuid()), saidBy(refusal)),
+            fmt::format("kesactl may {} call {} COMMAND says whether that command is answered",
+                        kesa::access::userName(::geteuid()), util::shellWord(m_arguments.path)),
             {}};
 }
 
@@ -411,8 +431,7 @@ Verdict Search::explainNoAnswer(std::int64_t pid) const
         return {"held", fmt::format("{} can be reached, but {}", holder(), ownHoldText(*hold)), AFTER_OWN_HOLD, {}};
     }
     Verdict verdict{"no-answer",
-                    fmt::format("{} can be reached, but its service has not answered within {} s", holder(),
-                                m_arguments.common.timeoutSeconds),
+                    fmt::format("{} can be reached, but its service has not answered in time", holder()),
                     "it works on something else, or a handler blocks: look at its threads, or give it more --timeout",
                     {}};
     const auto* const other = note ? note->worstOwnHold() : nullptr;
@@ -449,7 +468,7 @@ void addWhy(CLI::App& app, int& exitCode)
     command->add_option("--for", arguments->process, "Also, whether this process is told of it.")
         ->check(checkProcess)
         ->type_name("PROCESS");
-    addCommonOptions(*command, arguments->common, "How long each step may take.");
+    addCommonOptions(*command, arguments->common, "How long it may take.");
     command->footer(
         "One answer, what to do, and what was before. Exit code: 0 when it is there and works, 1 when not.");
     command->callback([arguments, &exitCode] { why(*arguments, exitCode); });

@@ -193,6 +193,18 @@ std::optional<Verdict> explainUnable(const ProcessesHere& here, std::string_view
     return std::nullopt;
 }
 
+/// Where a process asks, should it not be the registry: ", and is connected to other-registryd"; may be empty.
+std::string whereElse(const Value& answer)
+{
+    std::vector<std::string> peers;
+    for (const Value& connection : answer["connections"].items()) {
+        if (connection["openedBy"] == "self" && connection["connected"] == true) {
+            peers.push_back(connection["process"].toText());
+        }
+    }
+    return peers.empty() ? "; it is connected to nobody" : "; it is connected to " + firstOf(peers);
+}
+
 } // namespace
 
 Verdict explainAbsence(const Value& explanation, const std::string& registry)
@@ -205,6 +217,32 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
     Verdict verdict = last["what"] == "refused" ? explainRefused(last) : explainGone(last);
     verdict.notes = notesOf(explanation, 1);
     return verdict;
+}
+
+Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere>& provider)
+{
+    const std::string self = kesa::access::userName(::geteuid());
+    const bool isKnown = provider && mayBeHidden(provider->pid);
+    const std::string owner = isKnown ? ProcessFacts(provider->pid).user : "its owner";
+    const std::string holder = isKnown ? fmt::format("{} ({}) of {}", provider->name, provider->pid, owner)
+                                       : std::string("a process of another user");
+    const auto& history = explanation["history"].items();
+    if (!history.empty() && history.back()["what"] == "refused") {
+        const Value& last = history.back();
+        return {"refused",
+                fmt::format("{} was refused it at {}: it is held by {}, whose service {} may not see", whoText(last),
+                            timeText(last["when"]), holder, self),
+                fmt::format("take another path, or have {} or root end that one (root's kesactl why says who it is), "
+                            "then restart {}: a refused registration is not repeated",
+                            owner, last["provider"].toText()),
+                notesOf(explanation, 1)};
+    }
+    return {"hidden", fmt::format("{} provides it, and the registry does not show it to {}", holder, self),
+            fmt::format("who sees what other users provide is said by the registry's policy, and without one by who "
+                        "provides it: have {} mark it as public (kesa::serviceregistry::PUBLIC), or the policy "
+                        "changed; root's kesactl why says more",
+                        owner),
+            notesOf(explanation, 0)};
 }
 
 Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place)
@@ -234,7 +272,8 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
                 {}};
     }
     return {"provided-here-only",
-            apart.empty() ? so : fmt::format("{}: it is not connected to it: {}", so, apart),
+            apart.empty() ? so + whereElse(provider.answer)
+                          : fmt::format("{}: it is not connected to it: {}", so, apart),
             provider.isYoung ? "ask again: that process has just started"
             : apart.empty()
                 ? fmt::format("{0} asks another registry or none, or was refused: see its log, and its document with "
@@ -315,9 +354,10 @@ Verdict explainHeld(const HeldProcess& process, const std::string& so)
 
 std::vector<std::string> notesOf(const Value& explanation, std::size_t withoutLast)
 {
+    constexpr std::size_t MOST = 20; // the last ones; no registry keeps as many
     std::vector<std::string> notes;
     const auto& history = explanation["history"].items();
-    for (std::size_t i = 0; i + withoutLast < history.size(); ++i) {
+    for (std::size_t i = history.size() - std::min(MOST, history.size()); i + withoutLast < history.size(); ++i) {
         notes.push_back("before, " + eventText(history[i]));
     }
     return notes;

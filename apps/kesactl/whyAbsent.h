@@ -11,6 +11,9 @@ namespace kesactl {
 /// Why nobody provides a path, by what the registry tells of it. `registry`: the name of the registry's process.
 Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry);
 
+/// Of a path that somebody holds whom this user may not see. `provider`: the process here that says to provide it.
+Verdict explainHidden(const util::config::Value& explanation, const std::optional<ProviderHere>& provider);
+
 /// Of a path that nobody has registered at the registry of `place`, and that a process of this run directory provides
 /// nevertheless.
 Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place);

@@ -152,7 +152,8 @@ std::string useOf(const SeenByProvider& seen, const std::string& provider)
 }
 
 /// Of a process that is told of the service.
-Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid, const std::string& path)
+Verdict explainTold(const Value& explanation, const std::string& process, std::int64_t pid, const std::string& path,
+                    comm::TimeNs deadline)
 {
     const kesa::url locator(explanation["holder"]["record"]["locators"][0].toText());
     if (const std::string missing = missingRight(pid, locator); !missing.empty()) {
@@ -163,7 +164,7 @@ Verdict explainTold(const Value& explanation, const std::string& process, std::i
     }
     const std::string who = fmt::format("{} (process {})", process, pid);
     const std::string provider = explanation["holder"]["provider"].toText();
-    const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, comm::now() + comm::SECOND);
+    const SeenByProvider seen = askProviderAbout(processOf(locator), process, pid, deadline);
     if (seen.isTooSlow()) {
         return {"too-slow",
                 fmt::format("the registry tells {} of it, but {}", who, seen.slownessText(provider)),
@@ -200,6 +201,30 @@ std::string explainKey(const Value& record, const std::string& key)
                        meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant));
 }
 
+/// Of a process that may not see it, and what to do.
+Verdict explainUnseen(const std::string& process, std::int64_t pid, bool hasPolicy, const std::string& path)
+{
+    const std::string user = ProcessFacts(static_cast<pid_t>(pid)).user;
+    const std::string who = user.empty() ? process : fmt::format("{} of {}", process, user);
+    const std::string ask =
+        fmt::format("root's kesactl may {} see {}", processArgument(process), util::shellWord(path));
+    if (hasPolicy) {
+        return {"hidden-by-policy",
+                fmt::format("{} (process {}) asks for it, but no rule of the registry's policy lets it see the service",
+                            who, pid),
+                fmt::format("write a rule that does; {} says which there are for it", ask),
+                {}};
+    }
+    return {"not-public",
+            fmt::format("{} (process {}) asks for it, but another user provides it, it is not public, and there is no "
+                        "policy",
+                        who, pid),
+            fmt::format("mark it as public (kesa::serviceregistry::PUBLIC in its metainfo), or write a policy for the "
+                        "registry; {} says whether that lets it",
+                        ask),
+            {}};
+}
+
 std::string adviceFor(const Value& ask, const Value& record)
 {
     const std::string_view because = ask["because"].stringView();
@@ -212,16 +237,13 @@ std::string adviceFor(const Value& ask, const Value& record)
     if (because == "metadata") {
         return "its query asks for metadata that the record does not have; kesactl show PATH has the record";
     }
-    if (because == "policy") {
-        return "the registry's policy does not let it see the service; kesactl may PROCESS see PATH says by which rule";
-    }
     return "all locators of the record are of another run directory than the one it uses";
 }
 
 } // namespace
 
 Verdict explainProcess(const Value& explanation, const std::string& process, const std::string& path,
-                       const apps::RegistryPlace& place, const Value& answer)
+                       const apps::RegistryPlace& place, const Value& answer, comm::TimeNs deadline)
 {
     const Value& about = explanation["for"];
     const auto& asks = about["asks"].items();
@@ -255,9 +277,12 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
                 {}};
     }
     if (told != asks.end()) {
-        return explainTold(explanation, process, pid, path);
+        return explainTold(explanation, process, pid, path, deadline);
     }
     const std::string because = ask["because"].toText();
+    if (because == "policy" || because == "private") {
+        return explainUnseen(process, pid, because == "policy", path);
+    }
     return {"hidden-by-" + because,
             fmt::format("{} (process {}) asks for it{}, but is not told of it because of its {}", process, pid,
                         ask["pattern"].isString() ? fmt::format(" with \"{}\"", ask["pattern"].toText()) : "", because),

@@ -263,15 +263,19 @@ def claims(a, path='/svc', steal=True):
         while 20 not in p.hello:
             list(p.frames(1))
         instance = p.hello[20]
-    for name in itertools.cycle(('raw', 'svc')):
+    where, own = realm(a.run), f'raw{a.k}'
+    place = listen(a.run, own)  # a record without a way to its process is refused for that alone
+    for name in itertools.cycle((own, 'svc')):
         if not a.left():
             break
         try:
-            p = Peer(a.run, 'kesa-registryd', '/registry', name=name, instance=instance)
-            a.tell(f'as "{name}": ' + reason(p.ask(path, 'insert', 'stream', record(path), until=lambda got: True)))
+            p = Peer(a.run, 'kesa-registryd', '/registry', name=name, realm=where, instance=instance,
+                     listeners=[f'ipc://{own}+{where}'])
+            a.tell(f'as "{name}": ' + reason(p.ask(path, 'insert', 'stream', record(path, own, where), until=lambda got: True)))
         except (Closed, TimeoutError, OSError) as e:
             a.tell(f'as "{name}": {type(e).__name__} {e}')
         time.sleep(0.005)
+    place.close()
 
 
 def flood(a):

@@ -111,7 +111,9 @@ Policy::Verdict Policy::judge(const access::Identity& identity, Right right, con
         const access::Rule& found = (*m_rules)[*rule];
         return {true, fmt::format("{}: {} {}", access::placeOf(*m_rules, *rule), found.who, found.what)};
     }
-    return {false, whyRefused(identity, right, path)};
+    const bool isPublicInVain = right == Right::eSEE && record != nullptr && isPublic(*record);
+    return {false, whyRefused(identity, right, path) +
+                       (isPublicInVain ? "; that it is marked as public has no effect, since there is a policy" : "")};
 }
 
 } // namespace kesa::registry

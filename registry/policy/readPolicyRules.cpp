@@ -43,11 +43,14 @@ std::vector<std::string_view> commands()
 
 const access::RuleForm& policyForm()
 {
-    static const access::RuleForm& form =
-        *new access::RuleForm{.action = "right",
-                              .actions = {RIGHT_NAMES.begin(), RIGHT_NAMES.end()},
-                              .actionsElsewhere = commands(),
-                              .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
+    static const access::RuleForm& form = *new access::RuleForm{
+        .name = R"("registry", "policy")",
+        .action = "right",
+        .actions = {RIGHT_NAMES.begin(), RIGHT_NAMES.end()},
+        .actionsElsewhere = commands(),
+        .elsewhere = R"(what may be asked of a service is said in "access" of its provider's document)",
+        .mostDocumentBytes = MOST_DOCUMENT_BYTES,
+        .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
     return form;
 }
 

@@ -234,6 +234,8 @@ public:
                            "free");
             }
             m_core->setPolicy(std::move(read.policy));
+        } else {
+            m_core->keepPolicy(read.problem);
         }
         return read.problem;
     }

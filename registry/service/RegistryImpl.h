@@ -54,6 +54,8 @@ public:
     void* mirror(RegistrationHandler&& handler, const ServiceDef& serviceDef);
     /// What it no longer allows ends with 403, and who may see otherwise is told; the rest feels nothing.
     void setPolicy(std::shared_ptr<Policy> policy);
+    /// The document could not be read again, so the policy stays. `problem`: why.
+    void keepPolicy(std::string problem);
     /// Lets go of all requests; their handlers are not called.
     void close();
 
@@ -139,6 +141,8 @@ private:
     std::vector<access::Identity> identitiesOf(const std::string& who, bool mayLookUp) const;
     util::config::Value describeMay(const std::string& path, const std::string& who, const Store::Held* held) const;
 
+    GenericObject describePolicy(const RequestContext* context) const;
+
     // telling.cpp
     using Updates = std::vector<RegistryUpdate>;
     void toAsker(Effect effect, Updates& list);
@@ -175,6 +179,9 @@ private:
     const std::int64_t m_ownUid;
     Accounts m_accounts;
     std::shared_ptr<Policy> m_policy; ///< never null
+    std::int64_t m_policyRead = 0;    ///< in milliseconds since 1970, as the next but one
+    std::string m_policyProblem;      ///< why the last reading of it failed; empty: it did not
+    std::int64_t m_policyFailed = 0;
     access::RefusalTraces m_forbidden;
     std::uint64_t m_lastRecord = 0;
     const std::int64_t m_started;

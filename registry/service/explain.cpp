@@ -10,6 +10,7 @@
 #include <kesa/Response.h>
 #include <kesa/core/PayloadConversion.h>
 #include <kesa/mimetypes.h>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <kesa/serviceregistry/matchesQuery.h>
 
 #include <unistd.h>
@@ -100,11 +101,16 @@ void Registry::Impl::explain(IResponseHandler<GenericObject>& handler, const std
                 !isVisible(held->record->serviceDef, std::make_shared<const std::string>(context->realm))) {
                 answer.set("hiddenBy", "realm");
             }
+        } else if (found != nullptr && (!permit || permit->mayRegister(path))) {
+            answer.set("taken", true); // as he would hear who wants to register it
         } else if (const std::string nearest = nearestService(m_store, path, MAX_NEAREST_LOOKS, permit);
                    !nearest.empty()) {
             answer.set("nearest", nearest);
         }
         answer.set("history", describeHistory(path, permit));
+        if (path == serviceregistry::ServiceRegistryPex::SERVICE_PATH) {
+            answer.set("policy", describePolicy(context));
+        }
         if (!process.empty()) {
             answer.set("for", describeProcess(path, process, held));
         }
@@ -215,7 +221,10 @@ GenericObject Registry::Impl::describeAsking(StreamId stream, const Request& req
     const bool isTold = isSeen && (watch == nullptr ? isReachable : watch->selection.wants(*record));
     object.set("told", isTold);
     if (!isTold) {
-        const std::string_view because = !isReachable ? "realm" : !isSeen ? "policy" : whyNot(*watch, *record);
+        const std::string_view because = !isReachable           ? "realm"
+                                         : isSeen               ? whyNot(*watch, *record)
+                                         : m_policy->hasRules() ? "policy"
+                                                                : "private";
         object.set("because", because);
         if (because == "metadata") {
             object.set("key", missingKey(*watch, *record));

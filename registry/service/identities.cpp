@@ -10,7 +10,7 @@
 #include <transport/Authority.h>
 #include <util/percent.h>
 
-#include <algorithm>
+#include <optional>
 #include <tuple>
 
 namespace kesa::registry {
@@ -35,21 +35,32 @@ std::string complaintAbout(const url& locator, const std::string& process)
            obr::visible(process) + "\", which registers it; a process registers its own locators";
 }
 
-/// Whoever is told of it can try to reach it: it is well formed, and of the realm in which all are that are told.
-bool isUsable(const url& locator, const std::string& realm)
+/// The realm that a locator of a service names, empty for the reader's own; none when it is not well formed.
+std::optional<std::string> realmOf(const url& locator)
 {
     const auto endpoint = commadapter::transport::parseProcessAuthority(locator, "ipc");
-    return endpoint && (endpoint->realm.empty() || endpoint->realm == realm) && !locator.hasQueryOrFragment() &&
-           Path::isCanonical(util::decodePercent(locator.path()).value_or(std::string()));
+    const bool isGood = endpoint && !locator.hasQueryOrFragment() &&
+                        Path::isCanonical(util::decodePercent(locator.path()).value_or(std::string()));
+    return isGood ? std::optional(endpoint->realm) : std::nullopt;
 }
 
 /// Of a record that leads nowhere, which would end what others have asked for: a runtime ends a subscription to the
 /// services that fit a query with the first one that it has no road to.
 std::string complaintAboutRoads(const ServiceDef& record, const RequestContext& peer)
 {
-    if (std::any_of(record.locators.begin(), record.locators.end(),
-                    [&peer](const url& locator) { return isUsable(locator, peer.realm); })) {
-        return {};
+    std::string other;
+    for (const url& locator : record.locators) {
+        const std::optional<std::string> realm = realmOf(locator);
+        if (realm && (realm->empty() || *realm == peer.realm)) {
+            return {}; // whoever is told of it is of this realm
+        }
+        other = realm ? *realm : other;
+    }
+    if (!other.empty()) {
+        return "the locators of \"" + obr::glimpse(record.path.toString()) + "\" are of the realm \"" +
+               obr::glimpse(other) + "\", and this registry is of \"" + obr::glimpse(peer.realm) +
+               "\": the run directory or its file \"realm\" was replaced while \"" + obr::visible(peer.process) +
+               "\" ran; restart this process";
     }
     return "the record has no locator that leads to \"" + obr::visible(peer.process) +
            "\" in this realm; name one, as \"" +

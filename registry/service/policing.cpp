@@ -65,6 +65,8 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
 {
     turn([&] {
         m_policy = std::move(policy);
+        m_policyRead = wallClockMs();
+        m_policyProblem.clear();
         for (const auto& [key, asker] : m_askers) {
             admit(*asker);
         }
@@ -88,6 +90,30 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
             endIfForbidden(stream);
         }
     });
+}
+
+void Registry::Impl::keepPolicy(std::string problem)
+{
+    const std::lock_guard lock(m_mutex);
+    m_policyProblem = std::move(problem);
+    m_policyFailed = wallClockMs();
+}
+
+/// Why a reading failed is told to root and the registry's user: it quotes the document.
+GenericObject Registry::Impl::describePolicy(const RequestContext* context) const
+{
+    GenericObject policy{{"text", m_policy->summary()}, {"hasRules", m_policy->hasRules()}, {"uid", m_ownUid}};
+    if (m_policyRead != 0) {
+        policy.set("read", m_policyRead);
+    }
+    if (!m_policyProblem.empty()) {
+        GenericObject failed{{"when", m_policyFailed}};
+        if (context == nullptr || isTrusted(*context)) {
+            failed.set("reason", m_policyProblem);
+        }
+        policy.set("failed", std::move(failed));
+    }
+    return policy;
 }
 
 void Registry::Impl::endIfForbidden(StreamId stream)

@@ -123,6 +123,9 @@ TEST(PolicyTest, RulesUnderAnotherKeyAreKnownByWhatTheyAre)
         {R"({"registry": {"policy": []}, "x": [)" + seeing + "]}", "", ""},
         {R"({"access": [)" + asking + R"(], "registry": {"policy": [)" + seeing + "]}}", "", ""},
         {R"({"success": ["/a"], "acess": 7, "register": {"max": 1}, "polcy": [], "rules": [{}]})", "", ""},
+        {R"({"registry": {"polcy": [{"usr": "media", "maay": ["se"], "pth": "/a"}]}})", "registry.polcy", ""},
+        {R"({"x": [{"usr": "media", "maay": ["see"], "pth": ["/a"]}], "acess": {"y": 1}})", "x", "acess"},
+        {R"({"services": [{"path": "/a", "type": "pex"}], "x": {"y": [{"maay": "update", "pth": "**"}]}})", "", "x.y"},
         {R"({"mounts": [{"user": "media", "paths": ["/a"]}], "month": {"may": 31}})", "", ""},
     };
     for (const Case& each : cases) {
@@ -153,15 +156,22 @@ TEST(PolicyTest, TellsByWhichRuleAndWhatIsMissing)
 TEST(PolicyTest, ComplainsOfRulesThatSayNothingOrTooMuch)
 {
     std::vector<std::string> complaints;
-    read(R"([{"user": "nobdy", "may": ["registr"], "paths": ["media", "/a["]}, {"usr": 1, "may": []}, 7])", complaints);
-    EXPECT_THAT(complaints,
-                testing::ElementsAre(
-                    HasSubstr("[0].user: there is no user \"nobdy\" on this machine; correct the name"),
-                    HasSubstr("[0].may[0]: unknown right \"registr\"; did you mean \"register\"?"),
-                    HasSubstr("[0].paths[0]: \"media\" fits no path of a service; begin it with '/'"),
-                    HasSubstr("[0].paths[1]: malformed glob: "), HasSubstr("[1].usr: unknown key 'usr' of a rule"),
-                    HasSubstr("[1].may: the list is empty"), HasSubstr("[1]: the rule does not say for which paths"),
-                    HasSubstr("[2]: expected a rule, an object, found the number 7; write one such as ")));
+    read(R"([{"user": "nobdy", "may": ["registr"], "paths": ["media", "/a["]}, {"usr": 1, "may": []}, 7,
+             {"user": "*", "may": ["see", "retrieve", "call"], "paths": "**"}])",
+         complaints);
+    EXPECT_THAT(
+        complaints,
+        testing::ElementsAre(
+            HasSubstr("[0].user: there is no user \"nobdy\" on this machine; correct the name"),
+            HasSubstr("[0].may[0]: unknown right \"registr\"; did you mean \"register\"?"),
+            HasSubstr("[0].paths[0]: \"media\" fits no path of a service; begin it with '/'"),
+            HasSubstr("[0].paths[1]: malformed glob: "), HasSubstr("[1].usr: unknown key 'usr' of a rule"),
+            HasSubstr("[1].may: the list is empty"), HasSubstr("[1]: the rule does not say for which paths"),
+            HasSubstr("[2]: expected a rule, an object, found the number 7; write one such as "),
+            HasSubstr("[3].user: there is no user \"*\"; leave \"user\" out for everybody"),
+            HasSubstr("[3].may[1]: \"retrieve\" is no right of \"registry\", \"policy\"; what may be asked of a "
+                      "service is said in \"access\""),
+            HasSubstr("[3].may[2]: unknown right \"call\"; known are \"register\" and \"see\"; what may be asked")));
     complaints.clear();
     read(R"([{"may": "see", "paths": "**"}])", complaints);
     EXPECT_THAT(complaints, testing::ElementsAre(HasSubstr("no rule lets anybody register")));

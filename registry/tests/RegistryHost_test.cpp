@@ -88,7 +88,9 @@ TEST_F(RegistryHostTest, WithoutAPolicyEachUserSeesHisOwnAndWhatIsPublic)
     EXPECT_THAT(m_clients.told(),
                 ElementsAre("m: registered /a", "r: [+/a]", "m: registered /b", "n: [+/b]", "r: [+/b]"));
     EXPECT_EQ(m_clients.explain(nav, "/a")["registered"], false) << "as if it was not there";
+    EXPECT_EQ(m_clients.explain(nav, "/a")["taken"], true) << "who may register is told as much by a refusal";
     EXPECT_EQ(m_clients.explain(root, "/a")["registered"], true);
+    EXPECT_EQ(m_clients.explain(nav, "/registry")["policy"]["hasRules"], false);
 }
 
 TEST_F(RegistryHostTest, AChangedPolicyEndsWhatItNoLongerAllowsAndNothingElse)
@@ -122,6 +124,12 @@ TEST_F(RegistryHostTest, AChangedPolicyEndsWhatItNoLongerAllowsAndNothingElse)
     document.write(R"([{"user": "nobody of that name", "may": "all"}])");
     EXPECT_THAT(m_host->reloadPolicy(), HasSubstr(".json:2:"));
     EXPECT_THAT(m_clients.told(), testing::IsEmpty()) << "a broken one changes nothing";
+    EXPECT_FALSE(m_clients.explain(nav, "/b")["taken"].isDefined()) << "who may not register is not told";
+    Process root("root", "");
+    const util::config::Value kept = m_clients.explain(root, "/registry")["policy"];
+    EXPECT_THAT(kept["text"].toText(), HasSubstr("2 rules of "));
+    EXPECT_THAT(kept["failed"]["reason"].toText(), HasSubstr(".json:2:"));
+    EXPECT_FALSE(m_clients.explain(nav, "/registry")["policy"]["failed"]["reason"].isDefined());
     document.write(R"([{"may": ["register", "see"], "paths": "**"}])");
     EXPECT_EQ(m_host->reloadPolicy(), "");
     EXPECT_THAT(m_clients.told(), ElementsAre("t: +/b", "q: [+/b]"));

@@ -70,7 +70,7 @@ void ServiceRules::allow(std::string_view rules, const std::string& place)
             m_problem = complaint.sentence(place);
             traceRules(4, "a service is closed to other users, since a rule of it is none: " + m_problem);
         } else {
-            traceRules(3, complaint.sentence(place));
+            traceRules(static_cast<int>(complaint.severity), complaint.sentence(place));
         }
     }
     for (access::Rule& rule : more) {

@@ -29,6 +29,12 @@ public:
         }
         m_api->onRetrieve("/hang", [this](const Request&, Responder responder) {
             const std::lock_guard<std::mutex> lock(m_mutex);
+            if (m_hanging.size() >= 2 * m_mayHang) {
+                m_hanging.erase(std::remove_if(m_hanging.begin(), m_hanging.end(),
+                                               [](const Responder& each) { return each.isCancelled(); }),
+                                m_hanging.end());
+                m_mayHang = std::max<std::size_t>(m_hanging.size(), 512);
+            }
             m_hanging.push_back(std::move(responder));
         });
         m_api->onRetrieve("/feed", [this](const Request&, Responder responder) {
@@ -63,7 +69,8 @@ private:
     const std::shared_ptr<ResourceHandler> m_api = std::make_shared<ResourceHandler>();
     std::mutex m_mutex;
     std::vector<Responder> m_followers; ///< under `m_mutex`
-    std::vector<Responder> m_hanging;   ///< under `m_mutex`
+    std::vector<Responder> m_hanging;   ///< under `m_mutex`; cancelled ones among them
+    std::size_t m_mayHang = 512;        ///< under `m_mutex`; left by the last sweep
     std::size_t m_fed = 0;              ///< under `m_mutex`
 };
 

@@ -1,6 +1,7 @@
 #include "SystemTest.h"
 
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -34,6 +35,13 @@ bool SystemTest::canOthersRunActors()
         isOpen = isOpen && (fs::status(place).permissions() & fs::perms::others_exec) != fs::perms::none;
     }
     return isOpen;
+}
+
+std::string SystemTest::whyNoOtherUsers()
+{
+    return ::geteuid() != 0        ? "only root has processes of other users"
+           : !canOthersRunActors() ? "other users may not run the actor where it was built"
+                                   : "";
 }
 
 void SystemTest::discard(Process& process)

@@ -28,6 +28,8 @@ protected:
 
     /// Whether the actor lies where other users may run it.
     static bool canOthersRunActors();
+    /// Why there are no processes of other users; empty: there may be.
+    static std::string whyNoOtherUsers();
     /// An actor has told nothing bad that nobody waited for.
     static void expectQuiet(Process& actor);
     /// Ends a process and forgets it, after a look at what it was told.

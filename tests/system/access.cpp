@@ -5,8 +5,6 @@
 
 #include <gmock/gmock.h>
 
-#include <unistd.h>
-
 #include <filesystem>
 #include <map>
 
@@ -58,11 +56,8 @@ class SystemAccess : public SystemTest {
 protected:
     void SetUp() override
     {
-        if (::geteuid() != 0) {
-            GTEST_SKIP() << "only root has processes of other users";
-        }
-        if (!canOthersRunActors()) {
-            GTEST_SKIP() << "other users may not run the actor where it was built";
+        if (const std::string why = whyNoOtherUsers(); !why.empty()) {
+            GTEST_SKIP() << why;
         }
         launchRegistry(of(0)).expect("kesa-registryd: ready at ipc://kesa-registryd/registry");
         std::filesystem::permissions(runDirectory(), std::filesystem::perms(01777));

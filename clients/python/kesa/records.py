@@ -5,6 +5,8 @@ from __future__ import annotations
 from dataclasses import dataclass, field
 from typing import Any
 
+from .names import parse_locator
+
 
 @dataclass(frozen=True)
 class Record:
@@ -21,9 +23,12 @@ class Record:
 
     @property
     def provider(self) -> str:
-        """The name of the process that provides the service, empty if the record does not say."""
+        """The name of the process that provides the service, else that of its first locator; empty if neither says it."""
         provider = self.metainfo.get("provider")
-        return provider if isinstance(provider, str) else ""
+        if isinstance(provider, str):
+            return provider
+        locator = parse_locator(self.locators[0]) if self.locators else None
+        return locator.process if locator else ""
 
 
 @dataclass(frozen=True)

@@ -143,7 +143,7 @@ class Claim:
         try:
             self.socket = _listen(directory, self._path, mode)
         except OSError as error:
-            os.close(self._lock)
+            _unlock(self._lock)
             raise KesaError(f"cannot listen as {name!r} in {directory}: {error}") from error
 
     def release(self) -> None:
@@ -154,7 +154,16 @@ class Claim:
             pass
         finally:
             self.socket.close()
-            os.close(self._lock)
+            _unlock(self._lock)
+
+
+def _unlock(lock: int) -> None:
+    """Nobody has the name: the file keeps no process's number."""
+    try:
+        os.ftruncate(lock, 0)
+    except OSError:
+        pass  # the number is for people; only the lock counts
+    os.close(lock)
 
 
 def _make(directory: str) -> str:
@@ -292,10 +301,14 @@ def _listen(directory: str, path: str, mode: int) -> socket.socket:
             file = os.open(directory, os.O_PATH | os.O_DIRECTORY | os.O_CLOEXEC)
             address = f"/proc/self/fd/{file}/{os.path.basename(draft)}"
         sock.bind(address)
-        _set_mode(draft, mode)
-        sock.setblocking(False)
-        sock.listen(_BACKLOG)
-        os.rename(draft, path)
+        try:
+            _set_mode(draft, mode)
+            sock.setblocking(False)
+            sock.listen(_BACKLOG)
+            os.rename(draft, path)
+        except BaseException:
+            os.unlink(draft)
+            raise
         return sock
     except BaseException:
         sock.close()

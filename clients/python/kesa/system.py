@@ -157,7 +157,8 @@ class System:
         scope: tuple[str, ...] = (),
         timeout: float | None = 10.0,
     ) -> Service:
-        """Provides a service at `path`; when this returns, others find it.
+        """Provides a service at `path`; when this returns, others who may see it find it:
+        of other users only with `"public": True` in `metainfo`, or as the registry's policy says.
 
         `handler(request)` runs in a thread of its own for each request, several at a time. What it returns is the answer, None is
         an answer without a value; a generator's values are a stream, which is closed at its next value once the client has

@@ -119,7 +119,7 @@ class Finding(SystemTest):
         hub = self.connect("greeter", registry="ipc://hub/registry")
         hub.provide("/greeter", lambda request: "hello")
         self.assertEqual([record.path for record in hub.list()], ["/greeter", "/registry"])
-        self.assertEqual([record.path for record in self.connect().list()], ["/registry"])
+        self.assertEqual([(record.path, record.provider) for record in self.connect().list()], [("/registry", "kesa-registryd")])
         for text in ("hub", "ipc://hub", "tcp://hub/registry", "ipc://\udcff/registry"):
             with self.assertRaisesRegex(ValueError, "is no locator; write it as 'ipc://kesa-registryd/registry'"):
                 self.connect(registry=text)

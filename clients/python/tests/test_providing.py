@@ -109,6 +109,13 @@ class Providing(SystemTest):
         with open(precious, encoding="ascii") as file:
             self.assertEqual(file.read(), "content")
         self.connect("py").close()
+        self.assertEqual(os.stat(lock).st_size, 0)
+        os.mkdir(os.path.join(self.run_dir, "py.sock"))  # nothing can take its place
+        with self.assertRaisesRegex(kesa.KesaError, "cannot listen as 'py'"):
+            self.connect("py")
+        os.rmdir(os.path.join(self.run_dir, "py.sock"))
+        self.assertEqual(os.stat(lock).st_size, 0)
+        self.assertEqual([file for file in os.listdir(self.run_dir) if file.endswith(".tmp")], [])
         os.chmod(self.run_dir, 0o2775)
         os.unlink(lock)
         self.connect("py").close()

@@ -22,7 +22,8 @@ class IRuntimeRegistry;
 ///
 /// Provided is not yet known: who has the service's locator reaches it at once, everybody else finds it once the
 /// registry knows it, which may come later than this process, and come back. Only the registry can tell, so `whenKnown`
-/// asks it.
+/// asks it. Other users find it only with `PUBLIC` (`MetainfoKeys.h`) in its metainfo, or as the registry's policy
+/// says.
 ///
 /// Threads: every operation from any. Nothing is called after `end` or the destructor has returned; both wait for a
 /// handler that is running, unless they come from inside it. So two handlers that run at once must not both end it. The

@@ -18,6 +18,9 @@ constexpr std::array<std::string_view, 2> ALWAYS_OPEN = {"/registry", "/.well-kn
 /// Of services, and of identities with one.
 constexpr std::size_t MOST_KNOWN = 4096;
 
+/// Of services in one trace.
+constexpr std::size_t MOST_SAID = 10;
+
 bool isAlwaysOpen(const std::string& service)
 {
     return std::find(ALWAYS_OPEN.begin(), ALWAYS_OPEN.end(), service) != ALWAYS_OPEN.end();
@@ -33,8 +36,11 @@ bool matchesAny(const std::vector<Rule::Glob>& globs, const std::string& path)
 Table::Table(std::int64_t ownUid, std::vector<Rule> rules, std::string name, const IAccounts& accounts)
     : m_ownUid(ownUid), m_rules(std::move(rules)), m_name(std::move(name)), m_names(&accounts)
 {
-    for (const Rule& rule : m_rules) {
-        m_asksForProcess = m_asksForProcess || rule.processes.has_value();
+    for (std::size_t i = 0; i < m_rules.size(); ++i) {
+        m_asksForProcess = m_asksForProcess || m_rules[i].processes.has_value();
+        if (!m_rules[i].paths.empty()) {
+            m_idle.push_back(i);
+        }
     }
 }
 
@@ -45,6 +51,33 @@ Table::Table(std::int64_t ownUid, std::string problem, const IAccounts& accounts
 bool Table::isTrusted(const Identity& identity) const noexcept
 {
     return identity.uid == 0 || (identity.uid >= 0 && identity.uid == m_ownUid);
+}
+
+bool Table::noteService(const std::string& path)
+{
+    if (!m_idle.empty() && m_atNoRule.size() < MOST_SAID && rulesFor(path).empty()) {
+        m_atNoRule.insert(path);
+    }
+    std::erase_if(m_idle, [&](std::size_t number) { return matchesAny(m_rules[number].paths, path); });
+    return !m_idle.empty();
+}
+
+std::string Table::takeIdleRules()
+{
+    const Numbers idle = std::exchange(m_idle, {});
+    const std::set<std::string> open = std::exchange(m_atNoRule, {});
+    if (idle.empty()) {
+        return {};
+    }
+    std::string text = fmt::format(
+        "{} of {} {} no service that this process provides so far: \"paths\" are those of services, and what is inside "
+        "of one stands in \"resources\"",
+        placesOf(m_rules, idle), m_name, idle.size() == 1 ? "fits" : "fit");
+    for (const std::string& path : open) {
+        text.append(path == *open.begin() ? "; at no rule, and so open to everybody: " : ", ")
+            .append(obr::glimpse(path));
+    }
+    return text;
 }
 
 const Table::Numbers& Table::rulesFor(const std::string& service)
@@ -141,16 +174,22 @@ Table::Verdict Table::judge(const Identity& identity, const Question& question)
         return {true, fmt::format("no rule of {} is for this service: it is open to all", m_name)};
     }
     const std::string resource = question.resource ? resourcePath(*question.resource) : std::string();
-    const auto found = std::find_if(numbers.begin(), numbers.end(), [&](std::size_t number) {
+    constexpr std::size_t ENOUGH = 1000;
+    std::string some; // rules that let him in at some resources, where none is named
+    for (const std::size_t number : numbers) {
         const Rule& rule = m_rules[number];
-        return rule.fits(identity) && rule.lets(question.command) &&
-               (!question.resource || rule.resources.empty() ||
-                (!resource.empty() && matchesAny(rule.resources, resource)));
-    });
-    if (found == numbers.end()) {
-        return {false, whyRefused(identity, question)};
+        if (!rule.fits(identity) || !rule.lets(question.command)) {
+            continue;
+        }
+        const std::string because = fmt::format("{}: {} {}", placeOf(m_rules, number), rule.who, rule.what);
+        if (rule.resources.empty() || (!resource.empty() && matchesAny(rule.resources, resource))) {
+            return {true, because};
+        }
+        if (!question.resource && some.size() < ENOUGH) {
+            some.append(some.empty() ? "at some of its resources only: " : "; ").append(because);
+        }
     }
-    return {true, fmt::format("{}: {} {}", placeOf(m_rules, *found), m_rules[*found].who, m_rules[*found].what)};
+    return some.empty() ? Verdict{false, whyRefused(identity, question)} : Verdict{true, some};
 }
 
 } // namespace kesa::access

@@ -13,6 +13,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,6 +41,11 @@ public:
     bool isTrusted(const Identity& identity) const noexcept;
     /// Whether a rule asks for the name of a process, which has to be proven.
     bool asksForProcess() const noexcept { return m_asksForProcess; }
+
+    /// The process provides a service there. True when there are rules whose paths have fitted none so far.
+    bool noteService(const std::string& path);
+    /// Says once which these are, and which services are open to all; empty when there are none.
+    std::string takeIdleRules();
 
     struct Question {
         std::string service;
@@ -77,6 +83,8 @@ private:
     const std::string m_problem;
     const std::string m_name;
     bool m_asksForProcess = false;
+    Numbers m_idle;                   ///< that have fitted no service so far, and of which nothing was said
+    std::set<std::string> m_atNoRule; ///< services; bounded
     IdentityNames m_names;
     // Bounded.
     std::map<std::string, Numbers> m_ofServices;

@@ -21,8 +21,26 @@ constexpr std::size_t NODE_BYTES = 400; ///< with what leads to it
 
 bool PatternTrie::Node::isEmpty() const noexcept
 {
-    return names.empty() && globs.empty() && !any && !anySegments && ends.empty() && rests.empty();
+    return names.empty() && globs.empty() && !any && !anySegments && ends.empty() && tails.empty() && rests.empty();
 }
+
+struct PatternTrie::Place {
+    explicit Place(const std::string& text) : glob(text)
+    {
+        SplitGlob split(glob);
+        segments = std::move(split.segments);
+        hasRest = split.hasRest;
+        isTail = !hasRest && !segments.empty() && segments.back() == "**";
+        if (isTail) {
+            segments.pop_back();
+        }
+    }
+
+    const std::string& glob;
+    std::vector<std::string> segments;
+    bool hasRest = false;
+    bool isTail = false;
+};
 
 PatternTrie::Node& PatternTrie::child(Node& node, const std::string& segment)
 {
@@ -47,61 +65,62 @@ PatternTrie::Node& PatternTrie::child(Node& node, const std::string& segment)
 
 void PatternTrie::insert(Id id, const std::string& glob, const PathPatterns& patterns)
 {
-    const SplitGlob split(glob);
+    const Place place(glob);
     Node* node = &m_root;
-    for (const std::string& segment : split.segments) {
+    for (const std::string& segment : place.segments) {
         node = &child(*node, segment);
     }
-    if (split.hasRest) {
+    if (place.hasRest) {
         node->rests.try_emplace(glob, Rest{patterns, {}}).first->second.ids.insert(id);
     } else {
-        node->ends.insert(id);
+        (place.isTail ? node->tails : node->ends).insert(id);
     }
 }
 
 void PatternTrie::erase(Id id, const std::string& glob)
 {
-    const SplitGlob split(glob);
-    eraseBelow(m_root, split.segments, glob, id);
+    eraseBelow(m_root, Place(glob), 0, id);
 }
 
 /// True when nothing is left of `node`.
-bool PatternTrie::eraseBelow(Node& node, std::span<const std::string> segments, const std::string& glob, Id id)
+bool PatternTrie::eraseBelow(Node& node, const Place& place, std::size_t depth, Id id)
 {
-    if (segments.empty()) {
-        node.ends.erase(id);
-        const auto rest = node.rests.find(glob);
+    if (depth == place.segments.size()) {
+        if (!place.hasRest) {
+            (place.isTail ? node.tails : node.ends).erase(id);
+        }
+        const auto rest = node.rests.find(place.glob);
         if (rest != node.rests.end() && rest->second.ids.erase(id) > 0 && rest->second.ids.empty()) {
             node.rests.erase(rest);
         }
         return node.isEmpty();
     }
-    const std::string& segment = segments.front();
-    const auto rest = segments.subspan(1);
+    const std::string& segment = place.segments[depth];
     if (segment == "*" || segment == "**") {
         auto& wildcard = segment == "*" ? node.any : node.anySegments;
-        if (wildcard && eraseBelow(*wildcard, rest, glob, id)) {
+        if (wildcard && eraseBelow(*wildcard, place, depth + 1, id)) {
             wildcard.reset();
         }
     } else if (SplitGlob::isName(segment)) {
         const auto named = node.names.find(segment);
-        if (named != node.names.end() && eraseBelow(*named->second, rest, glob, id)) {
+        if (named != node.names.end() && eraseBelow(*named->second, place, depth + 1, id)) {
             node.names.erase(named);
         }
     } else {
-        eraseGlob(node, segments, glob, id);
+        eraseGlob(node, place, depth, id);
     }
     return node.isEmpty();
 }
 
-void PatternTrie::eraseGlob(Node& node, std::span<const std::string> segments, const std::string& glob, Id id)
+void PatternTrie::eraseGlob(Node& node, const Place& place, std::size_t depth, Id id)
 {
-    const auto globs = node.globs.find(SplitGlob::literalPrefix(segments.front()));
+    const std::string& segment = place.segments[depth];
+    const auto globs = node.globs.find(SplitGlob::literalPrefix(segment));
     if (globs == node.globs.end()) {
         return;
     }
-    const auto found = globs->second.find(segments.front());
-    if (found != globs->second.end() && eraseBelow(*found->second.node, segments.subspan(1), glob, id)) {
+    const auto found = globs->second.find(segment);
+    if (found != globs->second.end() && eraseBelow(*found->second.node, place, depth + 1, id)) {
         globs->second.erase(found);
     }
     if (globs->second.empty()) {
@@ -120,7 +139,7 @@ std::size_t PatternTrie::match(const std::string& path, std::vector<Id>& ids)
     std::string_view rest = std::string_view(path).substr(1);
     while (true) {
         for (Node* const node : nodes) {
-            testRests(*node, path, ids);
+            takeRests(*node, path, ids);
         }
         if (rest.empty() || nodes.empty()) {
             break;
@@ -155,7 +174,11 @@ void PatternTrie::enter(Node& node, std::vector<Node*>& nodes)
 
 void PatternTrie::follow(Node& node, std::string_view segment, std::vector<Node*>& nodes)
 {
-    m_steps += NODE_STEPS + segment.size() / HASHED_BYTES_PER_STEP;
+    m_steps += NODE_STEPS;
+    if (!node.leadsOn()) {
+        return;
+    }
+    m_steps += segment.size() / HASHED_BYTES_PER_STEP;
     if (node.isAnySegments) {
         enter(node, nodes);
     }
@@ -195,12 +218,13 @@ void PatternTrie::followGlobs(Node& node, std::string_view segment, std::vector<
     }
 }
 
-void PatternTrie::testRests(Node& node, const std::string& path, std::vector<Id>& ids)
+void PatternTrie::takeRests(Node& node, const std::string& path, std::vector<Id>& ids)
 {
     if (node.restsTested == m_matches) {
         return;
     }
     node.restsTested = m_matches;
+    ids.insert(ids.end(), node.tails.begin(), node.tails.end());
     for (const auto& [glob, rest] : node.rests) {
         if (rest.patterns.match(path, m_steps)) {
             ids.insert(ids.end(), rest.ids.begin(), rest.ids.end());
@@ -209,14 +233,15 @@ void PatternTrie::testRests(Node& node, const std::string& path, std::vector<Id>
 }
 
 /// As if no other glob shared its nodes: behind "**" each of them is looked at for every segment of the path, else for
-/// one.
+/// one. Of all that are looked at for one, the segments together are the path.
 std::size_t PatternTrie::cost(const std::string& glob, const PathPatterns& patterns)
 {
-    const SplitGlob split(glob);
-    std::size_t steps = split.hasRest ? patterns.cost(Path::MAX_SERVICE_PATH_SIZE) : 0;
+    constexpr std::size_t HASHING = Path::MAX_SERVICE_PATH_SIZE / HASHED_BYTES_PER_STEP;
+    const Place place(glob);
+    std::size_t steps = HASHING + (place.hasRest ? patterns.cost(Path::MAX_SERVICE_PATH_SIZE) : 0);
     std::size_t looks = 1;
-    const auto node = [&looks] { return looks * NODE_STEPS + Path::MAX_SERVICE_PATH_SIZE / HASHED_BYTES_PER_STEP; };
-    for (const std::string& segment : split.segments) {
+    const auto node = [&looks] { return looks * NODE_STEPS + (looks > 1 ? HASHING : 0); };
+    for (const std::string& segment : place.segments) {
         steps += node();
         if (segment == "**") {
             looks = Path::MAX_SERVICE_SEGMENTS;

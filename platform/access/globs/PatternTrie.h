@@ -13,7 +13,6 @@
 #include <map>
 #include <memory>
 #include <set>
-#include <span>
 #include <string>
 #include <string_view>
 #include <unordered_map>
@@ -66,21 +65,26 @@ private:
         std::unique_ptr<Node> any;         ///< "*"
         std::unique_ptr<Node> anySegments; ///< "**"
         std::set<Id> ends;                 ///< globs that end here
+        std::set<Id> tails;                ///< globs that end here with "**": they match whatever follows
         std::map<std::string, Rest> rests; ///< by their globs
         std::uint64_t entered = 0;         ///< the step of a match that came here last
-        std::uint64_t restsTested = 0;     ///< the match that tested `rests` last
+        std::uint64_t restsTested = 0;     ///< the match that tested `rests` and took `tails` last
         bool isAnySegments = false;
 
         bool isEmpty() const noexcept;
+        /// A segment more can lead from here.
+        bool leadsOn() const noexcept { return isAnySegments || any || !names.empty() || !globs.empty(); }
     };
+    /// The way to the node of a glob, and what it is there.
+    struct Place;
 
     static Node& child(Node& node, const std::string& segment);
-    static bool eraseBelow(Node& node, std::span<const std::string> segments, const std::string& glob, Id id);
-    static void eraseGlob(Node& node, std::span<const std::string> segments, const std::string& glob, Id id);
+    static bool eraseBelow(Node& node, const Place& place, std::size_t depth, Id id);
+    static void eraseGlob(Node& node, const Place& place, std::size_t depth, Id id);
     void enter(Node& node, std::vector<Node*>& nodes);
     void follow(Node& node, std::string_view segment, std::vector<Node*>& nodes);
     void followGlobs(Node& node, std::string_view segment, std::vector<Node*>& nodes);
-    void testRests(Node& node, const std::string& path, std::vector<Id>& ids);
+    void takeRests(Node& node, const std::string& path, std::vector<Id>& ids);
 
     Node m_root;
     std::uint64_t m_segments = 0; ///< of all matches so far

@@ -9,14 +9,21 @@ namespace {
 const std::vector<std::string_view> COMMANDS = {commands::RETRIEVE, commands::UPDATE, commands::DELETE,
                                                 commands::INSERT};
 
+// Of the registry's policy.
+const std::vector<std::string_view> RIGHTS = {"register", "see"};
+constexpr std::string_view POLICY =
+    R"(who may register and see a service is said in "registry", "policy", of the registry's document)";
+
 } // namespace
 
 const RuleForm& accessForm()
 {
     static const RuleForm& form =
-        *new RuleForm{.action = "command",
+        *new RuleForm{.name = "\"access\"",
+                      .action = "command",
                       .actions = COMMANDS,
-                      .actionsElsewhere = {"register", "see"}, // the registry's policy
+                      .actionsElsewhere = RIGHTS,
+                      .elsewhere = POLICY,
                       .mayBeOther = true,
                       .hasResources = true,
                       .example = R"({"user": "media", "may": ["retrieve", "update"], "paths": ["/media/**"]})"};
@@ -25,8 +32,11 @@ const RuleForm& accessForm()
 
 const RuleForm& serviceForm()
 {
-    static const RuleForm& form = *new RuleForm{.action = "command",
+    static const RuleForm& form = *new RuleForm{.name = "a service",
+                                                .action = "command",
                                                 .actions = COMMANDS,
+                                                .actionsElsewhere = RIGHTS,
+                                                .elsewhere = POLICY,
                                                 .mayBeOther = true,
                                                 .hasProcesses = false,
                                                 .hasPaths = false,

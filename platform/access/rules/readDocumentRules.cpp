@@ -5,10 +5,14 @@
 #include <obr/ErrorStorage.h>
 #include <util/config/JsonPositions.h>
 #include <util/config/Provider.h>
+#include <util/config/findDocument.h>
 
 #include <fmt/format.h>
 
 #include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <system_error>
 #include <utility>
 
 namespace kesa::access {
@@ -55,12 +59,28 @@ std::optional<Complaint> findPassedOver(const Value& document, const DocumentPat
                : std::nullopt;
 }
 
+/// Before it is read.
+std::string complaintAboutSize(const RuleForm& form)
+{
+    const std::string file = util::config::findDocument(DOCUMENT_NAME, DOCUMENT_PATH);
+    std::error_code error;
+    const std::uintmax_t bytes = std::filesystem::file_size(file, error);
+    return form.mostDocumentBytes == 0 || error || bytes <= form.mostDocumentBytes
+               ? std::string()
+               : fmt::format("{}: has {} bytes, and a document with {} has {} at most; make it smaller", file, bytes,
+                             form.name, form.mostDocumentBytes);
+}
+
 } // namespace
 
 DocumentRules readDocumentRules(const DocumentPath& place, const RuleForm& form, const RulesReader& read)
 {
     DocumentRules found;
     if (!Provider::isConfigured(DOCUMENT_NAME, DOCUMENT_PATH)) {
+        return found;
+    }
+    if (std::string tooLarge = complaintAboutSize(form); !tooLarge.empty()) {
+        found.problem = std::move(tooLarge);
         return found;
     }
     const Provider provider(DOCUMENT_NAME, DOCUMENT_PATH, 0, util::config::LoadStrategy::eFIRST_FOUND);

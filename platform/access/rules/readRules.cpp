@@ -6,6 +6,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
 
 namespace kesa::access {
 
@@ -140,6 +142,52 @@ private:
         }
     }
 
+    struct Group {
+        std::optional<std::int64_t> number;
+        std::vector<std::int64_t> members;
+    };
+
+    /// The one look-up too many is complained of, and none is made any more.
+    bool mayLookUp(const DocumentPath& where)
+    {
+        const std::size_t count = m_users.size() + m_groups.size();
+        if (count == MOST_LOOKED_UP + 1) {
+            complain(where, fmt::format("one more user or group, of {} at most in one table", MOST_LOOKED_UP),
+                     "put users into groups, and name these");
+        }
+        return count <= MOST_LOOKED_UP;
+    }
+
+    std::optional<std::int64_t> findUser(const std::string& name, const DocumentPath& where)
+    {
+        const auto [found, isNew] = m_users.try_emplace(name);
+        if (isNew && mayLookUp(where)) {
+            found->second = m_accounts.findUser(name);
+        }
+        return found->second;
+    }
+
+    const Group& findGroup(const std::string& name, const DocumentPath& where)
+    {
+        const auto [found, isNew] = m_groups.try_emplace(name);
+        if (isNew && mayLookUp(where)) {
+            found->second.number = m_accounts.findGroup(name);
+            found->second.members =
+                found->second.number ? m_accounts.membersOf(*found->second.number) : std::vector<std::int64_t>();
+        }
+        return found->second;
+    }
+
+    /// It lets nobody do anything.
+    void complainOfNobody(std::string_view kind, const std::string& name, const DocumentPath& where)
+    {
+        const bool isAll = name == "*" || name == "**";
+        complain(where, fmt::format("there is no {} \"{}\"{}", kind, excerpt(name), isAll ? "" : " on this machine"),
+                 isAll ? fmt::format("leave \"{}\" out for everybody", kind)
+                       : fmt::format("correct the name, or make the {}", kind),
+                 Severity::eWARNING);
+    }
+
     void readUsers(const Value& value, Rule& rule)
     {
         std::set<std::int64_t> users;
@@ -147,11 +195,10 @@ private:
         if (readTexts(value, "user", true, R"(write a name or a number, such as "media" or 1001, or a list of them)",
                       [&](const std::string& name, const DocumentPath& where) {
                           names.push_back(name);
-                          if (const auto user = m_accounts.findUser(name)) {
+                          if (const auto user = findUser(name, where)) {
                               users.insert(*user);
                           } else {
-                              complain(where, fmt::format("there is no user \"{}\" on this machine", excerpt(name)),
-                                       "correct the name, or make the user", Severity::eWARNING);
+                              complainOfNobody("user", name, where);
                           }
                       })) {
             rule.users = std::move(users);
@@ -166,13 +213,12 @@ private:
         if (readTexts(value, "group", true, R"(write a name or a number, such as "audio" or 29, or a list of them)",
                       [&](const std::string& name, const DocumentPath& where) {
                           names.push_back(name);
-                          if (const auto group = m_accounts.findGroup(name)) {
-                              groups.insert(*group);
-                              const auto members = m_accounts.membersOf(*group);
-                              rule.members.insert(members.begin(), members.end());
+                          const Group& group = findGroup(name, where);
+                          if (group.number) {
+                              groups.insert(*group.number);
+                              rule.members.insert(group.members.begin(), group.members.end());
                           } else {
-                              complain(where, fmt::format("there is no group \"{}\" on this machine", excerpt(name)),
-                                       "correct the name, or make the group", Severity::eWARNING);
+                              complainOfNobody("group", name, where);
                           }
                       })) {
             rule.groups = std::move(groups);
@@ -221,12 +267,23 @@ private:
         if (isKnown || (m_form.mayBeOther && name == Rule::ANYTHING)) {
             return true;
         }
+        const auto& elsewhere = m_form.actionsElsewhere;
+        if (name != Rule::ANYTHING && std::find(elsewhere.begin(), elsewhere.end(), name) != elsewhere.end()) {
+            complain(where, fmt::format("\"{}\" is no {} of {}", name, m_form.action, m_form.name),
+                     std::string(m_form.elsewhere));
+            return false;
+        }
         const std::string_view meant = util::nearestName(name, m_form.actions);
         if (m_form.mayBeOther && meant.empty()) {
-            return true; // a command of the service's own
+            complain(
+                where, fmt::format("\"{}\" is none of the usual commands", excerpt(name)),
+                fmt::format("write {}, unless it is one of the service's own", inWords(quoted(m_form.actions), " or ")),
+                Severity::eHINT);
+            return true;
         }
         complain(where, fmt::format("unknown {} \"{}\"", m_form.action, excerpt(name)),
-                 meant.empty() ? "known are " + known : fmt::format("did you mean \"{}\"?", meant));
+                 meant.empty() ? fmt::format("known are {}; {}", known, m_form.elsewhere)
+                               : fmt::format("did you mean \"{}\"?", meant));
         return false;
     }
 
@@ -280,6 +337,9 @@ private:
     std::vector<Complaint>& m_complaints;
     std::vector<std::string_view> m_keys;
     const DocumentPath* m_place = nullptr;
+    // Looked up once, as that may take long.
+    std::map<std::string, std::optional<std::int64_t>> m_users;
+    std::map<std::string, Group> m_groups;
 };
 
 } // namespace
@@ -295,6 +355,12 @@ std::vector<Rule> readRules(const Value& list, const DocumentPath& place, const 
         complaints.push_back({Severity::eERROR, place,
                               fmt::format("expected a list of rules, found {}", described(list)),
                               fmt::format("write one such as {}, in a list", form.example)});
+        return rules;
+    }
+    if (list.arraySize() > MOST_RULES) {
+        complaints.push_back({Severity::eERROR, place,
+                              fmt::format("{} rules are too many: {} is the most", list.arraySize(), MOST_RULES),
+                              "put users into a group, or paths into a glob, that one rule names"});
         return rules;
     }
     RuleReader reader(form, accounts, complaints);

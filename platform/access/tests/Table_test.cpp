@@ -31,7 +31,9 @@ std::vector<Rule> read(const std::string& json, std::vector<std::string>& compla
     std::vector<util::config::Complaint> found;
     std::vector<Rule> rules = readRules(list, {"access"}, accessForm(), ACCOUNTS, found);
     for (const auto& complaint : found) {
-        complaints.push_back(util::config::toText(complaint.path) + ": " + complaint.words());
+        if (complaint.severity != util::config::Complaint::Severity::eHINT) {
+            complaints.push_back(util::config::toText(complaint.path) + ": " + complaint.words());
+        }
     }
     return rules;
 }
@@ -39,10 +41,13 @@ std::vector<Rule> read(const std::string& json, std::vector<std::string>& compla
 TEST(TableTest, ComplainsOfWhatIsNoRule)
 {
     std::vector<std::string> complaints;
-    read(R"([{"may": ["updat", "explain"], "paths": "/a", "resources": "volume"}, {"may": "*", "resource": "/"}])",
-         complaints);
+    read(
+        R"([{"may": ["updat", "explain", "see"], "paths": "/a", "resources": "volume"}, {"may": "*", "resource": "/"}])",
+        complaints);
     EXPECT_THAT(complaints, testing::ElementsAre(
                                 HasSubstr("[0].may[0]: unknown command \"updat\"; did you mean \"update\"?"),
+                                HasSubstr("[0].may[2]: \"see\" is no command of \"access\"; who may register and see a "
+                                          "service is said in \"registry\""),
                                 HasSubstr("[0].resources: \"volume\" fits no resource"),
                                 HasSubstr("[1].resource: unknown key 'resource' of a rule; did you mean 'resources'?"),
                                 HasSubstr("[1]: the rule does not say for which paths")));
@@ -121,6 +126,25 @@ TEST(TableTest, ARefusalNamesWhoAsksAndWhichRulesThereAre)
               "no rule of \"access\" lets user 1002 update \"/b\": rule 2 is for others");
     EXPECT_THAT(table.judge({1001, 1, "nav"}, {"/a", "update", "/title", ""}).because,
                 HasSubstr("rule 3: process nav may update"));
+}
+
+TEST(TableTest, RulesThatFitNoServiceAreSaidOnceWithTheServicesThatAreOpen)
+{
+    std::vector<std::string> complaints;
+    Table table(
+        500,
+        read(
+            R"([{"may": "*", "paths": "/a/volume"}, {"may": "*", "paths": ["/x", "/b"]}, {"may": "*", "paths": "/c"}])",
+            complaints),
+        "t", ACCOUNTS);
+    EXPECT_TRUE(table.noteService("/a"));
+    EXPECT_TRUE(table.noteService("/b"));
+    EXPECT_TRUE(table.noteService("/d"));
+    EXPECT_THAT(table.takeIdleRules(),
+                testing::AllOf(HasSubstr("rule 1, rule 3 of t fit no service that this process provides so far"),
+                               testing::EndsWith("; at no rule, and so open to everybody: /a, /d")));
+    EXPECT_FALSE(table.noteService("/e"));
+    EXPECT_EQ(table.takeIdleRules(), "");
 }
 
 TEST(TableTest, RefusalsAreTracedOnceForAProcessAndOnceASecondForAUser)

@@ -140,6 +140,9 @@ struct Member {
     void (*read)(const Setting& setting, CommSettings& settings); ///< null: reserved
 };
 
+/// Advice of a key like none of these, perhaps of another object: the runtime says where it belongs.
+constexpr const char* LIKE_NOTHING = "correct or remove it";
+
 /// Of those that a process tells.
 constexpr std::size_t MOST_SENTENCES = 10;
 
@@ -190,7 +193,7 @@ void complainOfUnknown(const std::string& key, const Setting& setting)
     }
     const std::string_view meant = util::nearestName(key, known);
     setting.complain(fmt::format("\"{}\" is unknown and has no effect", util::config::shortenedKey(key)),
-                     meant.empty() ? "correct or remove it" : fmt::format("did you mean \"{}\"?", meant));
+                     meant.empty() ? LIKE_NOTHING : fmt::format("did you mean \"{}\"?", meant));
 }
 
 Complaints& allOf(CommFaults& faults)
@@ -246,6 +249,9 @@ CommSettings readCommSettings(std::vector<std::string>* sentences, const CommSet
     CommSettings settings = readCommSettings(root["comm"], faults, defaults);
     if (sentences != nullptr) {
         for (Complaint& complaint : allOf(faults)) {
+            if (complaint.advice == LIKE_NOTHING) {
+                continue;
+            }
             if (isMember) {
                 complaint.path.insert(complaint.path.begin(), "kesa");
             }

@@ -149,9 +149,13 @@ TEST_F(BackendProcess, RefusesWhatItDoesNotHaveAndMakesWayForAServiceOfTheProces
 
 TEST_F(BackendProcess, EachMayAskWhatHeMay)
 {
-    setRules(R"([{"user": 65533, "may": ["retrieve"], "paths": ["/service"]}])");
+    setRules(R"([{"user": 65533, "may": ["retrieve"], "paths": ["/service"]},
+                 {"user": 65533, "may": "*", "paths": ["/service/echo"]}])");
     network->setUser(3, 65533);
     begin();
+    EXPECT_THAT(traces->take(), testing::IsEmpty()) << "more services may come";
+    runFor(1000);
+    EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("rule 2 of the table fits no service")));
     const auto may = [&](const std::string& body) {
         const Outcome outcome = ask(retrieve("/may", body));
         return outcome.status == 0 ? outcome.values.at(0) : std::to_string(outcome.status);

@@ -289,13 +289,14 @@ TEST_F(TransportIpc, WhatKilledProcessesHaveLeftIsSweptAndNothingElse)
     const std::string ending = ".0123456789abcdef.tmp";
     const std::vector<std::string> kept = {".other." + std::to_string(::getpid()) + ending,
                                            ".young." + ofDead + ending,
-                                           ".media." + ofDead + ".5.tmp",
+                                           ".media." + ofDead + ".00123456789abcdef.tmp",
                                            ".media." + ofDead + ".0123456789abcdeg.tmp",
                                            ".notes.tmp",
                                            ".tmp",
                                            "." + ending,
                                            ".a.12x" + ending};
-    const std::vector<std::string> swept = {".media." + ofDead + ending, ".realm." + ofDead + ending};
+    const std::vector<std::string> swept = {".media." + ofDead + ending, ".realm." + ofDead + ending,
+                                            ".media." + ofDead + ".5.tmp", '.' + ofDead + ".5.tmp"};
     const auto leave = [&](const std::string& name) {
         std::ofstream(place / name) << "x";
         if (name.find("young") == std::string::npos) {

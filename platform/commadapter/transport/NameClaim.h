@@ -23,8 +23,8 @@ public:
     /// nobody but a process that is being ended by the kernel, two seconds at most.
     static std::unique_ptr<NameClaim> take(Descriptor directory, const std::string& process,
                                            const IpcSettings& settings, std::string& why);
-    /// Whether `take` would fail, since a living process has the name (`isHeld`) or since a right is missing. Has the
-    /// name itself for a moment: for explanations, not to decide by.
+    /// Whether `take` would fail, since a living process has the name, or it is kept for another user (`isHeld`), or
+    /// since a right is missing. Has the name itself for a moment: for explanations, not to decide by.
     static bool isRefused(const Descriptor& directory, const std::string& process, bool& isHeld, std::string& why);
     /// The name and a new socket in a directory in which the old one is not there any more, which may be the same one.
     /// Null, as `take`, while this claim stays as it is; else this one is to be destroyed.

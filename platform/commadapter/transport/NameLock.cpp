@@ -225,7 +225,7 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     if (!opened || isWrongKind(opened)) {
         const int error = opened ? 0 : errno;
         const LockFileProblem problem = examineLockFile(directory.get(), encodedName);
-        isHeld = problem.isHeld;
+        isHeld = problem.isHeld || problem.isOfAnother;
         why = problem.text.empty() || !problem.isForThisUser
                   ? fmt::format("cannot open {}: {}", pathOf(directory.get(), file), obr::explainError(error))
                   : problem.sentence();

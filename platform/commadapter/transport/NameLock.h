@@ -13,8 +13,8 @@ namespace kesa::commadapter::transport {
 std::string nameLockFile(const std::string& process);
 
 /// Opens the lock file of a name, or makes it, and takes its lock: the name is had for as long as `lock` is open. True
-/// on failure: `why` says what is in the way and what to do; `isHeld`: a living process has the name. Waits for nobody
-/// but a process that is being ended by the kernel, two seconds at most.
+/// on failure: `why` says what is in the way and what to do; `isHeld`: a living process has the name, or it is kept for
+/// another user. Waits for nobody but a process that is being ended by the kernel, two seconds at most.
 [[nodiscard]] bool takeNameLock(const Descriptor& directory, const std::string& process, Descriptor& lock, bool& isHeld,
                                 std::string& why);
 

@@ -34,23 +34,24 @@ std::string draftName(std::string_view what)
                        DRAFT_ENDING);
 }
 
-/// The number of who made it; 0: it is no draft.
+/// The number of who made it; 0: it is no draft. Those of before had fewer digits, or no name: `.PID.3.tmp`.
 pid_t makerOf(std::string_view file)
 {
     if (!file.starts_with('.') || !file.ends_with(DRAFT_ENDING)) {
         return 0;
     }
     file.remove_suffix(DRAFT_ENDING.size());
-    const std::string_view random = file.substr(file.rfind('.') + 1);
-    if (random.size() != RANDOM_DIGITS || random.find_first_not_of("0123456789abcdef") != std::string_view::npos) {
+    const std::size_t beforeRandom = file.rfind('.');
+    const std::size_t beforeMaker = beforeRandom == 0 ? std::string_view::npos : file.rfind('.', beforeRandom - 1);
+    if (beforeRandom == std::string_view::npos || beforeMaker == std::string_view::npos) {
         return 0;
     }
-    file.remove_suffix(RANDOM_DIGITS + 1);
-    const std::size_t dot = file.rfind('.');
-    if (dot == 0 || dot == std::string_view::npos) {
+    const std::string_view random = file.substr(beforeRandom + 1);
+    if (random.empty() || random.size() > RANDOM_DIGITS ||
+        random.find_first_not_of("0123456789abcdef") != std::string_view::npos) {
         return 0;
     }
-    const std::string_view digits = file.substr(dot + 1);
+    const std::string_view digits = file.substr(beforeMaker + 1, beforeRandom - beforeMaker - 1);
     pid_t maker = 0;
     const auto parsed = std::from_chars(digits.data(), digits.data() + digits.size(), maker);
     return parsed.ec == std::errc() && parsed.ptr == digits.data() + digits.size() && maker > 0 ? maker : 0;

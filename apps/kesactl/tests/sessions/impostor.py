@@ -1,6 +1,6 @@
 """Has the registry's name in the run directory and provides /registry, but answers to each request with something else: WAY
 says with what."""
-import os, socket, sys, threading
+import itertools, os, socket, sys, threading
 
 OK = 200
 EXPLANATION = b'{"path":"/a","registered":false,"registryStarted":%s,"history":%s}'
@@ -14,10 +14,14 @@ WAYS = {
     "element": (OK, 1, b'[{"updateType":"ADDED","element":{"path":7}}]'),
     "failing": (500, 2, b"no disk"),
     "busy": (503, 2, b"not now"),
+    "long": (404, 2, b"no\x1b[31m" * 8000),
     "over": None,  # ends without a value
     "mute": None,  # never answers
+    "deaf": None,  # never answers which paths it provides, but each ping
+    "endless": None,  # lists one service after the other
 }
 way = sys.argv[1]
+listed = itertools.count()
 
 
 def frame(kind, head=b"", body=b"", stream=0, target=0):
@@ -25,9 +29,19 @@ def frame(kind, head=b"", body=b"", stream=0, target=0):
     return length + bytes([kind, 0]) + len(head).to_bytes(2, "little") + stream.to_bytes(4, "little") + target.to_bytes(4, "little") + head + body
 
 
+def more(stream):
+    updates = ",".join(
+        '{"updateType":"ADDED","element":{"path":"/a/%d","type":"pex","versions":[],"locators":["ipc://a/a"]}}' % next(listed)
+        for _ in range(500)
+    )
+    return frame(6, b"\xbf\x02\x01\xff", b"[%s]" % updates.encode(), stream, OK)
+
+
 def answer(stream):
-    if way == "mute":
+    if way in ("mute", "deaf"):
         return b""
+    if way == "endless":
+        return more(stream)
     if way == "over":
         return frame(8, stream=stream)
     status, mime, body = WAYS[way]
@@ -40,11 +54,13 @@ def serve(peer):
     while head := said.read(16):
         content = said.read(int.from_bytes(head[:4], "little"))
         stream, target = int.from_bytes(head[8:12], "little"), int.from_bytes(head[12:], "little")
-        if head[4] == 2 and b"/registry" in content:
+        if head[4] == 2 and b"/registry" in content and way != "deaf":
             peer.sendall(frame(3, target=target))
         elif head[4] == 5:
             peer.sendall(answer(stream))
-        elif head[4] == 9 and way == "mute":
+        elif head[4] == 13 and way == "endless":
+            peer.sendall(more(stream))
+        elif head[4] == 9 and way in ("mute", "endless"):
             peer.sendall(frame(8, stream=stream))
         elif head[4] == 10:
             peer.sendall(frame(11))

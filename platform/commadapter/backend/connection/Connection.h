@@ -21,8 +21,8 @@ namespace kesa::commadapter {
 
 using MakeHello = std::function<protocol::Hello()>;
 
-/// A stream of bytes and the protocol machine on it: what both sides have in common. See the head of Connection.cpp.
-/// The derived classes hold what the streams of requests and answers mean to their side.
+/// A stream of bytes and the protocol machine on it: what both sides have in common. The heads of its files explain how
+/// it reads, writes and ends. The derived classes hold what the streams of requests and answers mean to their side.
 class Connection : public std::enable_shared_from_this<Connection>,
                    private transport::IStreamListener,
                    protected protocol::IMachineListener {
@@ -217,7 +217,7 @@ private:
     bool m_isGathered = false;    ///< the loop is going to flush
     bool m_isBeyondBound = false; ///< since nothing was queued
     bool m_isFoundStuck = false;
-    std::atomic<bool> m_isHeld{false}; ///< see the head of Connection.cpp; read by others, too
+    std::atomic<bool> m_isHeld{false}; ///< see the head of Connection_output.cpp; read by others, too
     comm::TimeNs m_lastProgress = 0;
     comm::TimeNs m_lastHeard = 0;
     QueuedBytes::Amount m_counted;

@@ -65,6 +65,13 @@ std::optional<Response> Doorkeeper::refusal(Target& target, const RequestContext
     return access::refusalOf(why);
 }
 
+void Doorkeeper::traceIdleRules()
+{
+    if (const std::string idle = m_table->takeIdleRules(); !idle.empty()) {
+        KESA_TRACE_TEXT(CHANNEL, 3, "[access] " + idle);
+    }
+}
+
 /// Those that `who` stands for: a process of that name as it is here now, else a user. Who is not trusted asks for
 /// himself alone.
 std::vector<Identity> Doorkeeper::identitiesOf(const std::string& who, const RequestContext* asker,

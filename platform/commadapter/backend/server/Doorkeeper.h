@@ -25,7 +25,11 @@ public:
     /// `table` null: everybody may everything.
     explicit Doorkeeper(std::shared_ptr<access::Table> table) : m_table(std::move(table)) {}
 
+    /// Any thread.
     bool hasTable() const noexcept { return m_table != nullptr; }
+    /// With a table: see there. What is idle is said by `traceIdleRules`.
+    bool noteService(const std::string& path) { return m_table->noteService(path); }
+    void traceIdleRules();
     /// What to answer to a request of another process; none: it may. A client is judged once for each of its targets.
     std::optional<Response> refusal(Target& target, const RequestContext& client, const Request& request);
 

@@ -8,9 +8,9 @@
 // says for a cancelled one too.
 //
 // A client that does not keep up with its calls waits: their answers are queued whatever there is, and beyond the bound
-// no further request is served, see Connection.cpp. For persistent streams, see `QueuePolicy`. What has to end is ended
-// by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is seen by the
-// heartbeat.
+// no further request is served, see Connection_output.cpp. For persistent streams, see `QueuePolicy`. What has to end
+// is ended by the loop later, never inside `onNext`; whether a client that is over its bound takes nothing at all is
+// seen by the heartbeat.
 
 #include "backend/server/ServedRequests.h"
 

@@ -32,7 +32,24 @@ bool ServiceTable::provide(const std::string& path, IKesaApi* service)
     if (isAwaited) {
         m_loop->post([self = shared_from_this(), provided] { self->announce(provided); });
     }
+    if (m_doorkeeper.hasTable()) {
+        m_loop->post([self = shared_from_this(), path] { self->noteRules(path); });
+    }
     return false;
+}
+
+/// Services mostly come one soon after the other: what is still at none of them then is said.
+void ServiceTable::noteRules(const std::string& path)
+{
+    constexpr comm::TimeNs SOON = comm::SECOND;
+    if (m_doorkeeper.noteService(path) && !std::exchange(m_saysIdleRules, true)) {
+        m_loop->startTimer(comm::now() + SOON, [weak = weak_from_this()] {
+            if (const auto self = weak.lock()) {
+                self->m_saysIdleRules = false;
+                self->m_doorkeeper.traceIdleRules();
+            }
+        });
+    }
 }
 
 void ServiceTable::withdraw(const std::string& path)

@@ -76,6 +76,7 @@ private:
     std::string whyRefused(const transport::PeerIdentity& peer);
     bool endIdle(std::int64_t uid);
     void count(const ServerConnection& connection, bool isMore);
+    void noteRules(const std::string& path);
     void announce(const std::shared_ptr<ProvidedService>& service);
     void withdrawNow(const std::shared_ptr<ProvidedService>& service);
 
@@ -88,6 +89,7 @@ private:
     std::unordered_map<std::string, InterestList> m_interests;
     // Loop only.
     Doorkeeper m_doorkeeper;
+    bool m_saysIdleRules = false;                               ///< before long
     std::list<std::shared_ptr<ServerConnection>> m_connections; ///< in the order they came
     std::unordered_map<std::int64_t, std::size_t> m_ofProcess;  ///< how many, by process number
 };

@@ -4,6 +4,7 @@
 #include <obr/environment.h>
 #include <obr/errors.h>
 #include <util/config/Provider.h>
+#include <util/config/findDocument.h>
 
 #include <fmt/format.h>
 
@@ -94,6 +95,16 @@ Provider::Provider(const std::string& name, const std::string& path, int, LoadSt
         static_cast<void>(obr::ErrorOutput(__FILE__, __LINE__, true)(obr::errors::Error, obr::errors::TEXT,
                                                                      m_complaints.back().sentence(m_file)));
     }
+}
+
+std::string findDocument(const std::string& name, const std::string& path)
+{
+    for (const Candidate& candidate : candidates(name, path)) {
+        if (candidate.mustExist || exists(candidate.file)) {
+            return candidate.file;
+        }
+    }
+    return {};
 }
 
 bool Provider::isConfigured(const std::string& name, const std::string& path)

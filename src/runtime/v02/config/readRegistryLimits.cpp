@@ -1,4 +1,5 @@
-// "registry": what a process that hosts the registry keeps for others. What is wrong costs one setting.
+// "registry": what a process that hosts the registry keeps for others. What is wrong costs one setting. The policy is
+// the registry's own to read.
 #include "ConfigNode.h"
 #include "KesaConfig.h"
 
@@ -36,12 +37,6 @@ void KesaConfig::readRegistryLimits(const ConfigNode& root)
     }
     readLimit(registry, "max_user_bytes", m_registryLimits.m_maxUserBytes);
     readLimit(registry, "max_bytes", m_registryLimits.m_maxBytes);
-    const ConfigNode policy = registry["policy"]; // the registry's own to read
-    if (policy.value().isDefined() && !policy.value().isArray()) {
-        policy.complain(
-            Severity::eWARNING, policy.mismatch("a list of rules"),
-            R"(write one such as {"user": "media", "may": ["register"], "paths": ["/media/**"]}, in a list)");
-    }
 }
 
 } // namespace kesa::runtime::v02

@@ -6,6 +6,8 @@
 #include <kesa/processName.h>
 #include <kesa/url.h>
 
+#include <fmt/format.h>
+
 #include <string_view>
 #include <unordered_set>
 
@@ -167,13 +169,12 @@ void reviewNodes(const ConfigNode& mapping)
     }
 }
 
-/// The backend reads the rules.
-void reviewAccess(const ConfigNode& access)
+/// The backend and the registry read the rules. `effect`: of a table that is none.
+void reviewRules(const ConfigNode& table, const char* effect, const char* example)
 {
-    if (access.value().isDefined() && !access.value().isArray()) {
-        access.complain(
-            Severity::eERROR, access.mismatch("a list of rules") + ": all services are closed to other users",
-            R"(write one such as {"user": "media", "may": ["retrieve"], "paths": ["/media/**"]}, in a list)");
+    if (table.value().isDefined() && !table.value().isArray()) {
+        table.complain(Severity::eERROR, fmt::format("{}: {}", table.mismatch("a list of rules"), effect),
+                       fmt::format("write one such as {}, in a list", example));
     }
 }
 
@@ -187,7 +188,10 @@ void reviewDocument(ConfigReport& report)
     reviewBackends(root["backends"]);
     reviewPaths(root["serializer-formats"], root["bypass"]);
     reviewNodes(root["node_domain_mapping"]);
-    reviewAccess(root["access"]);
+    reviewRules(root["access"], "all services are closed to other users",
+                R"({"user": "media", "may": ["retrieve"], "paths": ["/media/**"]})");
+    reviewRules(root["registry"]["policy"], "kesa-registryd does not start",
+                R"({"user": "media", "may": ["register"], "paths": ["/media/**"]})");
     const ConfigNode proxy = root["smartProxy"];
     if (proxy.value().isDefined() && !proxy.value().isDictionary()) {
         proxy.complain(Severity::eWARNING, proxy.mismatch("an object") + ", which counts as an empty one",

@@ -42,6 +42,12 @@ void RemoteRegistryHandler::connectionChanged(const std::shared_ptr<ServiceRegis
     const std::lock_guard<std::mutex> lock(m_lock);
     const Dispatching dispatching(m_isDispatching);
     m_registry.swap(before);
+    if (before && !registry && !m_requests.empty()) { // the errors of registrations read as if their services had ended
+        KESA_TRACE(
+            MAIN_CHANNEL, 3,
+            "[RemoteRegistryHandler] the registry has ended, or the connection to it: what this process provides "
+            "stays, and is registered again when it is back");
+    }
     for (auto& [id, request] : m_requests) {
         if (before) {
             before->main()->cancelRequest(std::exchange(request.handle, nullptr));

@@ -12,7 +12,7 @@ struct OwnLocator {
     enum class State {
         eUNREACHABLE, ///< its scheme, realm or path without scheme is not known here
         eOTHERS,      ///< it names another process
-        eNAME_HELD,   ///< it is the process's own, but a living process has the name
+        eNAME_HELD,   ///< it is the process's own, but a living process has the name, or it is kept for another user
         eMISSET,      ///< it is the process's own, but "comm" names a group that is not there
         eUNUSABLE,    ///< it is the process's own, but the run directory or the name cannot be used
         eCLAIMABLE,   ///< it is the process's own, and nothing is in the way

@@ -1,0 +1,29 @@
+#ifndef KESACTL_REGISTRYPOLICY_H
+#define KESACTL_REGISTRYPOLICY_H
+
+#include <comm/Clock.h>
+#include <kesa/serviceregistry/ServiceDef.h>
+#include <kesa/url.h>
+#include <util/config/Value.h>
+
+#include <string>
+#include <vector>
+
+namespace kesactl {
+
+/// What a registry says of its policy, as docs/protocol_registry.md has it; undefined when it says nothing, as one of
+/// an earlier version, or has not answered by the deadline. Needs a `System`.
+util::config::Value askPolicy(const kesa::url& registry, comm::TimeNs deadline);
+
+/// "3 rules of /etc/kesa/kesa.json, read at 12:00:00"; empty of one that says nothing.
+std::string policyText(const util::config::Value& policy);
+
+/// "it could not be read again at 12:00:00: ..., so that of before counts", and what to do; empty when it could.
+std::string policyFailure(const util::config::Value& policy);
+
+/// Who sees a service: "everybody: it is public".
+std::string seenBy(const kesa::serviceregistry::ServiceDef& service, const util::config::Value& policy);
+
+} // namespace kesactl
+
+#endif
