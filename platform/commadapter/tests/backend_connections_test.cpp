@@ -16,7 +16,6 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::SizeIs;
-using testing::StartsWith;
 
 using BackendConnections = SimulatedBackends;
 
@@ -64,48 +63,34 @@ std::string laterHello()
            "0123456789abcdef\xff"s;
 }
 
-TEST_F(BackendConnections, TellsOfAPeerOfAnotherVersionOnceAMinute)
-{
-    CheckedService service;
-    auto server = makeBackend("server");
-    ASSERT_NE(provide(*server, "/a", service), "");
-    const auto tries = [&](unsigned times) {
-        for (unsigned i = 0; i < times; ++i) {
-            CarelessPeer peer(*network, protocol::Role::eCLIENT);
-            peer.connect("ipc://server");
-            settle();
-            const std::string hello = laterHello();
-            peer.send(protocol::testing::Bytes(hello.begin(), hello.end()));
-            settle();
-        }
-        return traces->take();
-    };
-    const auto told = HasSubstr("is cut off: no common protocol version: ");
-    EXPECT_THAT(tries(3), ElementsAre(testing::AllOf(told, testing::Not(HasSubstr("more")))));
-    runFor(60'000);
-    EXPECT_THAT(tries(2), ElementsAre(testing::AllOf(told, HasSubstr("; and 2 more since the last such line"))));
-}
-
 TEST_F(BackendConnections, APeerThatIsCutOffAgainAndAgainFillsNoLog)
 {
     CheckedService service;
     auto server = makeBackend("server");
     ASSERT_NE(provide(*server, "/a", service), "");
-    const auto cutOff = [&](unsigned times) {
+    const auto cutOff = [&](unsigned times, const std::string& said) {
         for (unsigned i = 0; i < times; ++i) {
             CarelessPeer peer(*network, protocol::Role::eCLIENT);
             peer.connect("ipc://server");
             scheduler->runFor(0);
-            peer.send(protocol::testing::Bytes(16, 0xff));
+            peer.send(protocol::testing::Bytes(said.begin(), said.end()));
             scheduler->runFor(0);
         }
         return traces->take();
     };
-    const auto told = cutOff(3 * comm::PeerLines::LINES);
+    const std::string rubbish(16, '\xff');
+    const auto told = cutOff(3 * comm::PeerLines::LINES, rubbish);
     EXPECT_EQ(told.size(), comm::PeerLines::LINES);
     EXPECT_THAT(told.back(), HasSubstr("; more because of process 9 are suppressed for a second"));
     runFor(1000);
-    EXPECT_THAT(cutOff(1), ElementsAre(HasSubstr("; 40 more because of process 9 suppressed")));
+    EXPECT_THAT(cutOff(1, rubbish), ElementsAre(HasSubstr("; 40 more because of process 9 suppressed")));
+
+    const auto ofVersion = HasSubstr("is cut off: no common protocol version: ");
+    EXPECT_THAT(cutOff(3, laterHello()), ElementsAre(testing::AllOf(ofVersion, testing::Not(HasSubstr("more")))));
+    runFor(60'000);
+    EXPECT_THAT(cutOff(2, laterHello()),
+                ElementsAre(testing::AllOf(ofVersion, HasSubstr("; and 2 more since the last such line"))))
+        << "once a minute";
 }
 
 TEST_F(BackendConnections, WhatAPeerHadIsFreeAgainAfterItsEnd)
@@ -144,10 +129,21 @@ TEST_F(BackendConnections, WhatAPeerHadIsFreeAgainAfterItsEnd)
 
 TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
 {
-    for (const auto& [said, what] : {std::pair<std::string, std::string>{"HTTP/1.1 400 Bad Request\r\n\r\n",
-                                                                         "another program, or just ending: frame of"},
-                                     {laterHello(), "of another version: no common protocol version: "},
-                                     {"", "stopped or blocked: no hello within 3000 ms"}}) {
+    using Say = std::function<void(CarelessPeer&)>;
+    const auto bytes = [](const std::string& said) -> Say {
+        return [said](CarelessPeer& peer) { peer.send(protocol::testing::Bytes(said.begin(), said.end())); };
+    };
+    const Say attached = [](CarelessPeer& peer) {
+        peer.machine().output.attached(1);
+        peer.send();
+    };
+    const std::pair<Say, std::string> all[] = {
+        {bytes("HTTP/1.1 400 Bad Request\r\n\r\n"), "another program, or just ending: frame of"},
+        {bytes(laterHello()), "of another version: no common protocol version: "},
+        {[](CarelessPeer&) {}, "stopped or blocked: no hello within 3000 ms"},
+        {attached, "another process: another name: process 9 listens on the socket of \"server\" and calls itself "
+                   "\"careless\"; end it and start \"server\" anew, or name \"careless\" in the locator"}};
+    for (const auto& [say, what] : all) {
         restart();
         CarelessPeer peer(*network, protocol::Role::eSERVER);
         peer.listen("server");
@@ -158,29 +154,11 @@ TEST_F(BackendConnections, SaysWhatListensThatGivesNoGoodHello)
         runFor(10);
         EXPECT_EQ(client.api().obstacle(),
                   "\"server\" takes the connection and has said nothing yet, like one that is stopped or blocked");
-        if (!said.empty()) {
-            peer.send(protocol::testing::Bytes(said.begin(), said.end()));
-        }
+        say(peer);
         const std::string whole = "what listens as \"server\" is " + what;
         EXPECT_LE(timeUntil([&] { return client.api().obstacle().rfind(whole, 0) == 0; }), 4 * comm::SECOND);
+        EXPECT_EQ(client.connections(), 0U);
     }
-}
-
-TEST_F(BackendConnections, WhoCallsItselfOtherThanTheLocatorDoesIsNotTakenForIt)
-{
-    CarelessPeer peer(*network, protocol::Role::eSERVER);
-    peer.listen("server");
-    auto backend = makeBackend("client");
-    Client client(*backend, "ipc://server/service");
-    settle();
-    peer.machine().output.attached(1);
-    peer.send();
-    const std::string whole =
-        "what listens as \"server\" is another process: another name: process 9 listens on the socket of \"server\" "
-        "and "
-        "calls itself \"careless\"; end it and start \"server\" anew, or name \"careless\" in the locator";
-    EXPECT_LE(timeUntil([&] { return client.api().obstacle().rfind(whole, 0) == 0; }), comm::SECOND);
-    EXPECT_EQ(client.connections(), 0U);
 }
 
 TEST_F(BackendConnections, OneConnectionServesAllAndLingers)
@@ -395,17 +373,11 @@ protected:
     /// The answer appears in `answers`, with how many requests had been cancelled by then, and why.
     void ask(comm::TimeNs within = comm::SECOND)
     {
-        peer->proveAlive(within, [this](bool isAlive) { answered(isAlive); });
-    }
-    void askForProcess()
-    {
-        peer->isProcessAlive(comm::SECOND, [this](bool isAlive) { answered(isAlive); });
-    }
-    void answered(bool isAlive)
-    {
-        EXPECT_EQ(peer->endReason().empty(), isAlive);
-        answers.push_back(isAlive ? "alive"
-                                  : "dead, cancels: " + std::to_string(service.cancels()) + ", " + peer->endReason());
+        peer->proveAlive(within, [this](bool isAlive) {
+            EXPECT_EQ(peer->endReason().empty(), isAlive);
+            const std::string dead = "dead, cancels: " + std::to_string(service.cancels()) + ", " + peer->endReason();
+            answers.push_back(isAlive ? "alive" : dead);
+        });
     }
     comm::TimeNs timeToAnswers(std::size_t count)
     {
@@ -432,27 +404,6 @@ TEST_F(BackendPeers, OnlyTheAnswerToOnesOwnQuestionCounts)
     EXPECT_GE(timeToAnswers(2), 900 * comm::MILLISECOND);
     EXPECT_THAT(answers, ElementsAre("alive", SILENT));
     scheduler->continueGroup(2);
-}
-
-// Whether it stands still or not. What it had sent before counts: the end of its connection, and of a request.
-TEST_F(BackendPeers, ItsProcessLivesUntilTheKernelSaysOtherwise)
-{
-    client->request(retrieve("/stream"));
-    settle();
-    EXPECT_EQ(service.cancels(), 0U);
-    scheduler->pauseGroup(2);
-    askForProcess();
-    EXPECT_THAT(answers, SizeIs(0)) << "not inside the call";
-    settle();
-    EXPECT_THAT(answers, ElementsAre("alive"));
-    faults.draw = [](std::uint64_t) { return 0; };
-    faults.heldOpenPercent = 100;
-    network->setFaults(faults);
-    client->forgetBackend();
-    kill(clientBackend, 2);
-    askForProcess();
-    settle();
-    EXPECT_THAT(answers, ElementsAre("alive", StartsWith("dead, cancels: 2, the ")));
 }
 
 TEST_F(BackendPeers, PeerMayOutliveItsBackend)

@@ -238,25 +238,6 @@ TEST_F(BackendHoldingSlowly, TheClientProvesThatItLivesAndTakesBackMeanwhile)
     EXPECT_EQ(answers.asked, outcomes.size() - TAKEN_BACK - 1) << "they did not come to the service, all others did";
 }
 
-TEST_F(BackendHolding, RequestsBeyondTheWindowWaitInTheClientInOrder)
-{
-    begin();
-    scheduler->pauseGroup(1); // the server
-    std::vector<std::size_t> ended;
-    for (std::size_t i = 0; i < 3000; ++i) {
-        outcomes.push_back(asker->request(retrieve("/")));
-        outcomes.back()->onEnd = [&ended, i] { ended.push_back(i); };
-    }
-    settle();
-    EXPECT_THAT(clientBackend->describe(), HasSubstr(R"("openRequests":3000)"));
-    asker->cancel(*outcomes[2000]);
-    scheduler->continueGroup(1);
-    settle();
-    EXPECT_EQ(answers.asked, 2999U);
-    EXPECT_TRUE(std::is_sorted(ended.begin(), ended.end()));
-    EXPECT_EQ(ended.size(), 2999U);
-}
-
 TEST_F(BackendHolding, WhoDoesNotKeepToTheWindowIsCutOff)
 {
     begin();
@@ -300,23 +281,6 @@ TEST_F(BackendHolding, WhoGivesMoreCreditThanItHasGotRequestsForIsCutOff)
         for (const auto& call : calls) {
             EXPECT_THAT(call->errorText, HasSubstr("more credit than the requests have used"));
         }
-    }
-}
-
-TEST_F(BackendHolding, WhatWaitsIsServedWhenItsClientHasGone)
-{
-    begin();
-    enum class End { eWRITING, eREADING, eKILLED }; // how it is found
-    for (const End end : {End::eWRITING, End::eREADING, End::eKILLED}) {
-        faults.isEndReadFirst = end == End::eREADING;
-        network->setFaults(faults);
-        answers.asked = 0;
-        auto greedy = connectGreedy();
-        ask(*greedy, 1, 900);
-        EXPECT_THAT(answers.asked, ABOUT_A_QUEUE);
-        end == End::eKILLED ? network->kill(9) : greedy.reset();
-        settle();
-        EXPECT_EQ(answers.asked, 900U);
     }
 }
 

@@ -66,14 +66,9 @@ protected:
     std::unique_ptr<Client> asker;
 };
 
-TEST_F(BackendProcess, CountsOpenRequestsAndSaysWhyItIsNotConnected)
+TEST_F(BackendProcess, SaysWhyItIsNotConnected)
 {
     begin();
-    const auto kept = client->request(retrieve("/kept"));
-    EXPECT_EQ(number(connectionOf(askServer(), "client")["openRequests"]), 1);
-    client->cancel(*kept);
-    settle();
-    EXPECT_EQ(number(connectionOf(askServer(), "client")["openRequests"]), 0);
     kill(server, 1);
     settle();
     const Value own = parse(clientBackend->describe());
@@ -150,6 +145,31 @@ TEST_F(BackendProcess, RefusesWhatItDoesNotHaveAndMakesWayForAServiceOfTheProces
     const Client own(*server, "ipc://server" + PATH);
     settle();
     EXPECT_TRUE(own.isConnected()) << "also over the road inside of the process";
+}
+
+TEST_F(BackendProcess, EachMayAskWhatHeMay)
+{
+    setRules(R"([{"user": 65533, "may": ["retrieve"], "paths": ["/service"]},
+                 {"user": 65533, "may": "*", "paths": ["/service/echo"]}])");
+    network->setUser(3, 65533);
+    begin();
+    EXPECT_THAT(traces->take(), testing::IsEmpty()) << "more services may come";
+    runFor(1000);
+    EXPECT_THAT(traces->take(), ElementsAre(HasSubstr("rule 2 of the table fits no service")));
+    const auto may = [&](const std::string& body) {
+        const Outcome outcome = ask(retrieve("/may", body));
+        return outcome.status == 0 ? outcome.values.at(0) : std::to_string(outcome.status);
+    };
+    EXPECT_THAT(may(R"({"who":"65533","path":"/service","command":"update","resource":"/echo"})"),
+                HasSubstr(R"("allowed":false,"because":"no rule of the table lets user 65533 update \"/echo\")"));
+    EXPECT_THAT(may(R"({"who":"asker","path":"/service","command":"retrieve"})"), HasSubstr(R"("allowed":true)"));
+    for (const char* const who : {"65532", "root", "server"}) {
+        EXPECT_EQ(may(std::string(R"({"who":")") + who + R"(","path":"/service","command":"update"})"), "403");
+    }
+    EXPECT_EQ(may(R"({"who":"65533","path":"no path","command":"update"})"), "400");
+    EXPECT_EQ(may(R"({"who":"65533","path":"/not/provided","command":"update"})"), "404");
+    EXPECT_EQ(may("[7]"), "400");
+    EXPECT_EQ(may('[' + std::string(10'000, ' ') + ']'), "413") << "read before it is known who asks";
 }
 
 TEST(ProcessDescription, IsJsonWhateverNamesHave)

@@ -4,8 +4,6 @@
 #include "CarelessPeer.h"
 #include "backend/connection/StreamTable.h"
 
-#include <kesa/RequestContext.h>
-
 namespace kesa::commadapter::test {
 namespace {
 
@@ -16,39 +14,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-constexpr std::size_t BODY_SIZE = 1000;
-
-std::string numbered(int number)
-{
-    std::string text = std::to_string(number);
-    text.resize(BODY_SIZE, ' ');
-    return text;
-}
-
-/// Sends numbered values until one is refused or `most` have gone; answers how many were accepted.
-int flood(IResponseHandler<Response>& handler, int most)
-{
-    int sent = 0;
-    while (sent < most && !handler.onNext(value(numbered(sent)))) {
-        ++sent;
-    }
-    return sent;
-}
-
 /// The client's process (group 2) stands still until a test lets it go on; so nobody takes what the server sends.
-class BackendQueues : public SimulatedPair {
+class BackendQueues : public SimulatedStreams {
 protected:
     BackendQueues()
     {
-        settings.heartbeat = comm::SECOND;
-        settings.sendQueueBytes = 64U << 10U;
         faults.pipeBytes = 8U << 10U;
         network->setFaults(faults);
-        service.onRequest = [this](const Request&) {
-            const RequestContext& context = *RequestContext::current();
-            context.stream->setQueuePolicy(policy);
-            peer = context.peer;
-        };
         begin();
     }
     /// Opens persistent streams with that policy.
@@ -68,8 +40,6 @@ protected:
         settle();
     }
 
-    QueuePolicy policy = QueuePolicy::eCUT_STREAM; ///< of the next request
-    std::shared_ptr<IPeer> peer;                   ///< of the last one
     Outcomes streams;
     std::vector<CheckedService::Kept> handlers;
 };
@@ -213,7 +183,7 @@ TEST_F(BackendQueues, ProcessBoundHoldsOverAllConnections)
 
 TEST_F(BackendQueues, RequestsToAPeerThatTakesNothingEnd)
 {
-    const Request large = retrieve("/stream", std::string(BODY_SIZE, 'x'));
+    const Request large = retrieve("/stream", std::string(VALUE_BYTES, 'x'));
     scheduler->pauseGroup(1); // the server
     Outcomes outcomes;
     for (int i = 0; i < 100; ++i) {

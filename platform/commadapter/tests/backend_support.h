@@ -20,12 +20,14 @@
 #include <comm/SimulatedScheduler.h>
 #include <kesa/IClientConnectionListener.h>
 #include <kesa/IKesaApi.h>
+#include <kesa/RequestContext.h>
 #include <kesa/headers.h>
 #include <rules/readRules.h>
 #include <rules/systemAccounts.h>
 #include <tracing/CapturingSink.h>
 #include <util/config/JSONParser.h>
 
+#include <fmt/format.h>
 #include <gmock/gmock.h>
 #include <unistd.h>
 
@@ -137,10 +139,6 @@ public:
     void cancel(Outcome& outcome)
     {
         m_api->cancel(outcome.handle);
-        cancelled(outcome);
-    }
-    void cancelled(Outcome& outcome)
-    {
         read([&outcome] { return outcome.isCancelled = true; });
     }
     void release(bool serviceRemoved = false)
@@ -453,6 +451,37 @@ protected:
     std::unique_ptr<IBackend> clientBackend;
     std::string locator;
     std::unique_ptr<Client> client;
+};
+
+/// Persistent streams at a service that sets their policy, and numbered values for them.
+class SimulatedStreams : public SimulatedPair {
+protected:
+    static constexpr std::size_t SEND_QUEUE = 64U << 10U;
+    static constexpr std::size_t VALUE_BYTES = 1000;
+
+    SimulatedStreams()
+    {
+        settings.heartbeat = comm::SECOND;
+        settings.sendQueueBytes = SEND_QUEUE;
+        service.onRequest = [this](const Request&) {
+            const RequestContext& context = *RequestContext::current();
+            context.stream->setQueuePolicy(policy);
+            peer = context.peer;
+        };
+    }
+    static std::string numbered(int number) { return fmt::format("{:<{}}", number, VALUE_BYTES); }
+    /// Sends numbered values until one is refused or `most` have gone; answers how many were accepted.
+    static int flood(IResponseHandler<Response>& handler, int most)
+    {
+        int sent = 0;
+        while (sent < most && !handler.onNext(value(numbered(sent)))) {
+            ++sent;
+        }
+        return sent;
+    }
+
+    QueuePolicy policy = QueuePolicy::eCUT_STREAM; ///< of the next request
+    std::shared_ptr<IPeer> peer;                   ///< of the last one
 };
 
 /// Both behave the same: over a connection between two processes, and over the own process's locator.

@@ -1,5 +1,6 @@
-// Requests with a time limit, in simulated time: when they end, what the service learns, and that nothing else changes.
-// How limits meet answers, cancels, lost connections and loops that stood still is the simulation's.
+// Requests with a time limit, in simulated time: what is no limit, what limits cost, and whom a loop that is late keeps
+// waiting. When a limit ends its request, what the service learns of it, and how it meets answers, cancels, lost
+// connections and loops that stood still is the simulation's.
 
 #include "CarelessPeer.h"
 #include "backend/client/Deadlines.h"
@@ -12,7 +13,6 @@
 namespace kesa::commadapter::test {
 namespace {
 
-using testing::ElementsAre;
 using testing::HasSubstr;
 using util::config::Value;
 
@@ -25,53 +25,6 @@ Request limited(Request request, Value milliseconds)
 class BackendTimeLimits : public BothRoads {};
 
 INSTANTIATE_TEST_SUITE_P(IsLocal, BackendTimeLimits, testing::Bool());
-
-TEST_P(BackendTimeLimits, WhatIsNotAnsweredInTimeEndsWith504AndIsCancelled)
-{
-    const auto late = client->request(limited(retrieve("/stream"), 200));
-    const auto unlimited = client->request(retrieve("/stream"));
-    const auto persistentLate = client->request(limited(persistent(), 100));
-    const auto watched = client->request(limited(persistent(), 100));
-    runFor(99);
-    const auto answer = service.handlers().front();
-    EXPECT_FALSE(answer->onNext(value("not all"))) << "the answer has to be complete";
-    EXPECT_FALSE(service.handlers().back()->onNext(value("1")));
-    EXPECT_FALSE(persistentLate->isOver());
-    runFor(2);
-    EXPECT_EQ(persistentLate->status, 504);
-    runFor(98);
-    EXPECT_FALSE(late->isOver());
-    EXPECT_EQ(service.cancels(), 1U);
-    runFor(2);
-    EXPECT_EQ(late->status, 504);
-    EXPECT_EQ(late->errorText, "no answer within 200 ms");
-    EXPECT_TRUE(late->isDestroyed);
-    settle();
-    EXPECT_EQ(service.cancels(), 2U);
-    EXPECT_TRUE(answer->onNext(value("late")));
-
-    runFor(10'000);
-    EXPECT_THAT(late->values, ElementsAre("not all"));
-    EXPECT_FALSE(unlimited->isOver());
-    EXPECT_FALSE(watched->isOver()) << "only its first value has a time limit";
-}
-
-TEST_P(BackendTimeLimits, ServiceKnowsHowLongItHas)
-{
-    std::optional<comm::TimeNs> deadline;
-    service.onRequest = [&](const Request&) { deadline = RequestContext::deadline(); };
-    const comm::TimeNs issued = scheduler->now();
-    client->request(limited(retrieve("/echo"), 1500));
-    settle();
-    EXPECT_EQ(deadline, issued + 1500 * comm::MILLISECOND) << "the memory network takes no time";
-    EXPECT_EQ(RequestContext::deadline(), std::nullopt) << "only inside the call";
-    for (const Value& none : {Value(), Value(UINT64_MAX)}) {
-        const auto forEver = client->request(limited(retrieve("/echo"), none));
-        settle();
-        EXPECT_EQ(deadline, std::nullopt) << none.toText();
-        EXPECT_TRUE(forEver->isCompleted);
-    }
-}
 
 TEST_P(BackendTimeLimits, WhatIsNoLimitIsRefusedAndNoTimeIsTooLittle)
 {
@@ -105,39 +58,6 @@ TEST_P(BackendTimeLimits, LimitsWakeNobodyWhileAnswersCome)
 }
 
 using BackendTimeLimitsRemote = SimulatedPair;
-
-// More was answered than the stream holds, so the rest comes while the client reads; each piece takes a while. Which
-// comes first when it goes on, the timer or the answers, is drawn.
-TEST_F(BackendTimeLimitsRemote, AnswersThatWaitForALateLoopCount)
-{
-    begin();
-    faults.pipeBytes = 4096;
-    faults.draw = [drawn = std::uint64_t{0}](std::uint64_t bound) mutable { return ++drawn * 7919 % bound; };
-    faults.longestDelay = 5 * comm::MILLISECOND;
-    network->setFaults(faults);
-    Outcomes outcomes;
-    for (int round = 0; round < 10; ++round) {
-        for (int i = 0; i < 20; ++i) {
-            outcomes.push_back(client->request(limited(retrieve("/stream"), 100)));
-        }
-        runFor(90);
-        scheduler->pauseGroup(2);
-        while (const auto handler = service.take()) {
-            EXPECT_FALSE(handler->onNext(value(std::string(4000, 'x'))));
-            handler->onCompleted();
-        }
-        for (int stops = 0; stops < 2; ++stops) { // the second one in the midst of looking
-            runFor(1000);
-            scheduler->continueGroup(2);
-            runFor(20);
-            scheduler->pauseGroup(2);
-        }
-        scheduler->continueGroup(2);
-        runFor(1000);
-    }
-    EXPECT_EQ(countOf(outcomes, [](const auto& outcome) { return outcome->isCompleted; }), outcomes.size());
-    EXPECT_EQ(service.cancels(), 0U);
-}
 
 class BackendLateLoops : public SimulatedPair {
 protected:

@@ -4,7 +4,6 @@
 #include "CarelessPeer.h"
 
 #include <kesa/Receipt.h>
-#include <kesa/RequestContext.h>
 
 #include <deque>
 
@@ -14,36 +13,18 @@ namespace {
 using protocol::Role;
 using testing::AllOf;
 using testing::Contains;
-using testing::ElementsAre;
 using testing::Ge;
 using testing::HasSubstr;
 using testing::Le;
 
 constexpr std::size_t WINDOW = 4096;
-constexpr std::size_t SEND_QUEUE = 64U << 10U;
-constexpr std::size_t VALUE_BYTES = 1000;
 constexpr std::size_t FIT = 5; // the last one begins before the window is used up
 
-std::string nth(int number)
-{
-    std::string text = std::to_string(number);
-    text.resize(VALUE_BYTES, ' ');
-    return text;
-}
-
-class BackendWindows : public SimulatedPair {
+class BackendWindows : public SimulatedStreams {
 protected:
     BackendWindows()
     {
-        settings.heartbeat = comm::SECOND;
-        settings.sendQueueBytes = SEND_QUEUE;
         settings.streamWindow = WINDOW;
-        service.onRequest = [this](const Request&) {
-            if (RequestContext::current()->stream != nullptr) {
-                RequestContext::current()->stream->setQueuePolicy(policy);
-                peer = RequestContext::current()->peer;
-            }
-        };
         begin();
     }
     /// A stream whose values are handled when the test says so.
@@ -58,10 +39,7 @@ protected:
     }
     int send(int most)
     {
-        int sent = 0;
-        while (sent < most && !handler->onNext(value(nth(sent)))) {
-            ++sent;
-        }
+        const int sent = flood(*handler, most);
         settle();
         return sent;
     }
@@ -78,8 +56,6 @@ protected:
                clientBackend->describe().find(R"("openRequests":0,"queuedBytes":0)") != std::string::npos;
     }
 
-    QueuePolicy policy = QueuePolicy::eCUT_STREAM;
-    std::shared_ptr<IPeer> peer;
     CheckedService::Kept handler; ///< of the last stream
     std::deque<Receipt> receipts;
 };
@@ -96,7 +72,7 @@ TEST_F(BackendWindows, WhatIsNotHandledWaitsAtTheServerAndTheEndBehindIt)
     bool isDrained = false;
     peer->whenDrained([&] { isDrained = true; });
     for (int i = 0; i < 200; ++i) {
-        EXPECT_FALSE(quickly->onNext(value(nth(i))));
+        EXPECT_FALSE(quickly->onNext(value(numbered(i))));
         settle();
     }
     EXPECT_EQ(quick->values.size(), 200U) << "who keeps no receipt has handled it";
@@ -114,25 +90,12 @@ TEST_F(BackendWindows, WhatIsNotHandledWaitsAtTheServerAndTheEndBehindIt)
     EXPECT_EQ(stream->values.size(), 50U);
     EXPECT_TRUE(isDrained);
     for (int i = 0; i < 50; ++i) {
-        EXPECT_EQ(stream->values[static_cast<std::size_t>(i)], nth(i));
+        EXPECT_EQ(stream->values[static_cast<std::size_t>(i)], numbered(i));
     }
     const auto again = open();
     handle(100); // of what has ended
     EXPECT_EQ(send(10), 10);
     EXPECT_EQ(again->values.size(), FIT) << "it has a window of its own";
-}
-
-TEST_F(BackendWindows, AValueLargerThanTheWindowPassesAlone)
-{
-    const auto stream = open();
-    const std::string large(200'000, 'x');
-    EXPECT_FALSE(handler->onNext(value("first")));
-    EXPECT_FALSE(handler->onNext(value(large)));
-    EXPECT_FALSE(handler->onNext(value("last")));
-    settle();
-    EXPECT_THAT(stream->values, ElementsAre("first", large));
-    handle(2);
-    EXPECT_THAT(stream->values, ElementsAre("first", large, "last"));
 }
 
 TEST_F(BackendWindows, WhatWaitsIsDroppedByWhoeverEndsTheStream)
@@ -152,14 +115,6 @@ TEST_F(BackendWindows, WhatWaitsIsDroppedByWhoeverEndsTheStream)
     settle();
     EXPECT_EQ(service.cancels(), 1U) << "it had ended there";
     EXPECT_TRUE(isNothingLeft());
-
-    stream = open(QueuePolicy::eKEEP_LATEST);
-    send(200);
-    server->unprovide(url(locator));
-    settle();
-    EXPECT_EQ(stream->errorText, "the service was withdrawn");
-    EXPECT_FALSE(client->isConnected());
-    EXPECT_TRUE(isNothingLeft());
 }
 
 TEST_F(BackendWindows, PoliciesDecideAboutWhatWaits)
@@ -178,7 +133,7 @@ TEST_F(BackendWindows, PoliciesDecideAboutWhatWaits)
         handle(100);
     }
     EXPECT_THAT(static_cast<int>(latest->values.size()), about);
-    EXPECT_EQ(latest->values.back(), nth(999));
+    EXPECT_EQ(latest->values.back(), numbered(999));
     client->cancel(*latest);
 
     const auto connection = open(QueuePolicy::eCUT_CONNECTION);
@@ -226,7 +181,7 @@ TEST_F(BackendWindows, OfAPeerThatDoesNotKeepToThemTheConnectionEnds)
     stream->onValue = [this] { receipts.push_back(Receipt::take()); };
     settle();
     for (std::size_t i = 0; i <= FIT; ++i) {
-        ASSERT_EQ(careless.machine().output.next(1, value(nth(0))), protocol::Sent::eQUEUED);
+        ASSERT_EQ(careless.machine().output.next(1, value(numbered(0))), protocol::Sent::eQUEUED);
     }
     careless.send();
     settle();

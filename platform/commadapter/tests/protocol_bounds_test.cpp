@@ -101,7 +101,6 @@ TEST(ProtocolBounds, RolesNumbersAndParts)
         {frame(9, 0, 1, 1), "cancel with target 1"},
         {frame(10, 4, 0, 0), "unknown flags 0x04"},
         {frame(13, 0, 0, 1), "credit without a stream"},
-        {frame(13, 0, 1, 0), "credit of no bytes"},
         {claim(10, 11), "head of 11 bytes in a frame of 10"},
         {claim(65536, 61441), "head of 61441 bytes, more than 61440"},
     };
