@@ -67,6 +67,7 @@ private:
         AskerKey key;
         Owner owner;
         std::string process;
+        std::string proven; ///< the same, once it has proven it and somebody has asked for that
         std::int64_t pid = -1;
         std::int64_t uid = -1;
         std::int64_t gid = -1;
@@ -131,6 +132,7 @@ private:
 
     // policing.cpp
     static std::string provenName(IPeer* peer, const std::string& process);
+    void proveNames();
     PermitPtr permitOf(const RequestContext* context) const;
     access::Identity identityOf(const Asker& asker) const;
     void admit(Asker& asker) const;
@@ -179,6 +181,7 @@ private:
     const std::int64_t m_ownUid;
     Accounts m_accounts;
     std::shared_ptr<Policy> m_policy; ///< never null
+    bool m_needsNames = false;        ///< it, or the one that is about to follow, asks for proven ones
     std::int64_t m_policyRead = 0;    ///< in milliseconds since 1970, as the next but one
     std::string m_policyProblem;      ///< why the last reading of it failed; empty: it did not
     std::int64_t m_policyFailed = 0;

@@ -51,6 +51,9 @@ std::shared_ptr<Registry::Impl::Asker> Registry::Impl::currentAsker()
         if (asker->peer) {
             asker->payer = m_accounts.open(asker->owner, asker->process);
         }
+        if (m_needsNames) {
+            asker->proven = provenName(asker->peer.get(), asker->process);
+        }
         admit(*asker);
     }
     return asker;

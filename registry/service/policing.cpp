@@ -13,7 +13,7 @@
 
 namespace kesa::registry {
 
-/// Empty when it has not proven it.
+/// Empty when it has not proven it. On the loop of the peer, or without the mutex.
 std::string Registry::Impl::provenName(IPeer* peer, const std::string& process)
 {
     return peer != nullptr && peer->proveName().proof == IPeer::Name::Proof::ePROVEN ? process : std::string();
@@ -31,8 +31,7 @@ PermitPtr Registry::Impl::permitOf(const RequestContext* context) const
 
 access::Identity Registry::Impl::identityOf(const Asker& asker) const
 {
-    return {asker.uid, asker.gid,
-            m_policy->asksForProcess() ? provenName(asker.peer.get(), asker.process) : std::string()};
+    return {asker.uid, asker.gid, m_policy->asksForProcess() ? asker.proven : std::string()};
 }
 
 /// What this process asks itself is always allowed.
@@ -61,9 +60,33 @@ void Registry::Impl::forbid(const Asker& asker, IResponseHandler<ServiceDef>& ha
     handler.onError(error);
 }
 
+/// Of those who are here, for a policy that is about to ask for names. Who comes meanwhile proves his.
+void Registry::Impl::proveNames()
+{
+    std::vector<std::shared_ptr<Asker>> askers;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_needsNames = true;
+        for (const auto& [key, asker] : m_askers) {
+            if (asker->peer && asker->proven.empty()) {
+                askers.push_back(asker);
+            }
+        }
+    }
+    for (const auto& asker : askers) {
+        std::string name = provenName(asker->peer.get(), asker->process);
+        const std::lock_guard lock(m_mutex);
+        asker->proven = std::move(name);
+    }
+}
+
 void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
 {
+    if (policy->asksForProcess()) {
+        proveNames();
+    }
     turn([&] {
+        m_needsNames = policy->asksForProcess();
         m_policy = std::move(policy);
         m_policyRead = wallClockMs();
         m_policyProblem.clear();
@@ -141,7 +164,9 @@ std::vector<access::Identity> Registry::Impl::identitiesOf(const std::string& wh
     std::vector<access::Identity> identities;
     for (const auto& [key, asker] : m_askers) {
         if (asker->process == who && !asker->isOwn()) {
-            const access::Identity identity{asker->uid, asker->gid, provenName(asker->peer.get(), asker->process)};
+            const bool isOnLoop = RequestContext::current() != nullptr;
+            const access::Identity identity{asker->uid, asker->gid,
+                                            isOnLoop ? provenName(asker->peer.get(), asker->process) : asker->proven};
             if (std::find(identities.begin(), identities.end(), identity) == identities.end()) {
                 identities.push_back(identity);
             }

@@ -292,13 +292,16 @@ TEST_F(SystemPolicy, AReloadTellsEachWhatHasChangedAndNothingElse)
         newsOf(user);
     }
 
-    // What media had is now nav's to register, nav sees nothing of media, and media sees what nav has.
+    // What media had is now nav's to register, nav sees nothing of media, and media sees what nav has. Nobody was asked
+    // to prove a name so far.
     reload(R"([{"user": 65533, "may": "register", "paths": ["/media/d", "/media/open/**"]},
- {"user": 65534, "may": "register", "paths": ["/nav/*", "/media/secret/*"]}, {"user": 65533, "may": "see", "paths": "/nav/*"},
+ {"user": 65534, "process": "nav", "may": "register", "paths": ["/nav/*", "/media/secret/*"]},
+ {"user": 65533, "may": "see", "paths": "/nav/*"},
  {"may": "see", "paths": "/end/*"}])");
     EXPECT_THAT(m_providers["media"]->expect("refused /media/secret/b"),
                 AllOf(HasSubstr("403: not allowed to register this service: no rule of the policy in " + m_document),
-                      HasSubstr("lets user 65533 register"), HasSubstr("rule 1 (" + m_document + ":1) is for other")));
+                      HasSubstr("lets user 65533, process media register"),
+                      HasSubstr("rule 1 (" + m_document + ":1) is for other")));
     EXPECT_THAT(run("root", {"why", "/media/secret/b"}).text, HasSubstr("what was ended is not repeated"));
     const std::string kept = "** /registry -;** /media/d 1;** /nav/route 1;";
     end({{"media", kept + open}, {"nav", nav}, {"root", kept + open}});

@@ -47,8 +47,13 @@ void Peer::disconnect(const char* reason)
 
 IPeer::Name Peer::proveName()
 {
-    const auto connection = m_connection.lock();
-    return connection ? connection->proveName() : Name();
+    Name name;
+    m_loop->runAndWait("the proof of a name", [this, &name] {
+        if (const auto connection = m_connection.lock()) {
+            name = connection->proveName();
+        }
+    });
+    return name;
 }
 
 std::string Peer::endReason() const

@@ -52,8 +52,9 @@ public:
         Proof proof = Proof::eUNPROVEN;
         std::int64_t holder = -1; ///< who is found by the name; -1: unknown
     };
-    /// Looked up once for a connection, when this is first asked, and again while it cannot be known. Only on the loop
-    /// on which the peer's requests are handled first, the backend's.
+    /// Looked up once for a connection, when this is first asked, and again while it cannot be known. On the loop on
+    /// which the peer's requests are handled first, the backend's, at once. Any other thread waits for that loop, and
+    /// so holds no lock that a handler may take.
     virtual Name proveName() { return {}; }
 };
 
