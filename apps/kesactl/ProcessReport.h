@@ -40,6 +40,7 @@ struct ProcessReport {
     std::string version() const;  ///< of the library, and its file
     /// Who holds its loops: "the handler of trackService for '/a' has held its executor for 4 s".
     std::vector<std::string> holds() const;
+    bool areServicesClosed() const { return answer["servicesClosed"] == true; }
     /// Of the answer, a number; "-" without one.
     std::string number(std::string_view member) const;
     /// The answer, else what the kernel knows with "note" and "advice"; both with "user". One line without its end.

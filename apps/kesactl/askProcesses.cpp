@@ -209,8 +209,8 @@ std::map<std::string, Said> askAtOnce(const std::vector<std::string>& names, com
     });
     {
         std::unique_lock lock(answers->mutex);
-        if (comm::now() > deadline + STOOD_STILL) {
-            deadline = comm::now() + within; // they may not have been asked yet
+        if (const comm::TimeNs late = comm::now() - deadline; late > STOOD_STILL) {
+            deadline = comm::now() + std::min(within, late); // they may not have been asked yet
         }
         waitAwake(
             answers->changed, lock, [&answers] { return answers->open == 0; }, deadline);

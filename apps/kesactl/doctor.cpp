@@ -210,7 +210,7 @@ Answer askRegistry(const RegistryQuestion& question, const apps::RegistryPlace& 
 /// What processes here provide, and the registry does not know. It was asked after them, and nothing is said while they
 /// may not have found each other yet, or of who is at the registry of another partition.
 void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, const apps::RegistryPlace& place,
-                const Services& known)
+                const Services& known, bool isPolicyThere)
 {
     const std::string registry = processOf(place.locators.front());
     if (std::any_of(reports.begin(), reports.end(), [&registry](const ProcessReport& report) {
@@ -232,7 +232,7 @@ void addUnknown(DoctorPage& page, const std::vector<ProcessReport>& reports, con
                                             unknown->toText(), other.text(), howToStart(other.registry)));
             }
         } else if (const std::string apart = whyApart(report.answer, registry);
-                   !apart.empty() || !mayBeHidden(report.pid)) {
+                   !apart.empty() || !mayBeHidden(report.pid, isPolicyThere)) {
             found.push_back(fmt::format("{} ({}) provides {} here, and the registry does not know it{}; kesactl why {} "
                                         "says more",
                                         report.plainName(), report.pid, unknown->toText(),
@@ -266,11 +266,11 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
     }
 }
 
-void addPolicy(DoctorPage& page, const apps::RegistryPlace& place, comm::TimeNs deadline)
+Value addPolicy(DoctorPage& page, const apps::RegistryPlace& place, comm::TimeNs deadline)
 {
     const Value policy = askPolicy(place.locators.front(), deadline);
     if (!policy.isDefined()) {
-        return;
+        return policy;
     }
     page.addLine("its policy", policyText(policy));
     page.facts.set("policy", policy);
@@ -280,6 +280,7 @@ void addPolicy(DoctorPage& page, const apps::RegistryPlace& place, comm::TimeNs 
                         "(systemctl reload kesa-registryd, or SIGHUP)",
                         failure));
     }
+    return policy;
 }
 
 /// Where the document divides the processes among several.
@@ -320,12 +321,10 @@ bool diagnose(const CommonOptions& options)
     addTooSlow(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);
-    if (answer.services) {
-        addPolicy(page, place, options.laterDeadline());
-    }
+    const Value policy = answer.services ? addPolicy(page, place, options.laterDeadline()) : Value();
     addPartitions(page, place, facts);
     if (answer.services && findReplacedRealm(facts, reports).text.empty()) { // else that is why
-        addUnknown(page, reports, place, *answer.services);
+        addUnknown(page, reports, place, *answer.services, policy["hasRules"] == true);
     }
     addShortage(page);
     print(options.isJson ? page.asJson() : wrapped(page.asText()));

@@ -8,6 +8,7 @@
 #include "runDirectoryProblem.h"
 
 #include <rules/usersAndGroups.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
 #include <unistd.h>
@@ -103,6 +104,13 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
         if (!report.advice.empty() && report.note != "does not say" && report.name != blamed) {
             wrong.push_back(report.advice);
         }
+        if (report.areServicesClosed()) {
+            wrong.push_back(
+                fmt::format("{} ({}): its services are closed to other users, since its rules, \"access\", "
+                            "cannot be read; its log and kesactl check-config --process {} say why: mend the "
+                            "document, then restart it",
+                            report.plainName(), report.pid, util::shellWord(report.plainName())));
+        }
         for (const std::string& hold : report.holds()) {
             wrong.push_back(fmt::format("{} ({}): {}; {}", report.plainName(), report.pid, hold, AFTER_HOLD));
         }
@@ -138,6 +146,12 @@ std::string describe(const Name& name, const ProcessFacts& process, comm::TimeNs
 std::string explainStray(const Name& name, const std::string& socket)
 {
     const std::string makerOrRoot = name.maker == "root" ? "root" : name.maker + " or root";
+    if (!name.keptOut.empty() && name.listener > 0) {
+        return fmt::format(
+            "{} is of a process of {} (process {}), while the name is {}'s: end that one, then start {} as "
+            "the user {}",
+            socket, name.maker, name.listener, name.keptOut, plainName(name.name), name.keptOut);
+    }
     if (!name.keptOut.empty()) {
         return fmt::format("{} is {}'s, while the name is {}'s, who cannot replace it: have {} remove it", socket,
                            name.maker, name.keptOut, makerOrRoot);

@@ -6,10 +6,10 @@
 
 namespace kesactl {
 
-bool mayBeHidden(pid_t provider)
+bool mayBeHidden(pid_t provider, bool isPolicyThere)
 {
     const ProcessFacts process(provider);
-    return ::geteuid() != 0 && process.isThere && process.uid != 0 && process.uid != ::geteuid();
+    return ::geteuid() != 0 && process.isThere && process.uid != ::geteuid() && (process.uid != 0 || isPolicyThere);
 }
 
 } // namespace kesactl

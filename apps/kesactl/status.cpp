@@ -148,6 +148,9 @@ void addConnections(std::string& page, const ProcessReport& report)
 
 void addTroubles(std::string& page, const ProcessReport& report)
 {
+    if (report.areServicesClosed()) {
+        addLine(page, "closed", "its services are, to other users, since its rules cannot be read; see its log");
+    }
     for (const std::string& hold : report.holds()) {
         addLine(page, "held", hold);
     }

@@ -20,6 +20,7 @@
 #include "processNotes.h"
 #include "providersHere.h"
 #include "registryFaults.h"
+#include "registryPolicy.h"
 #include "replacedRealm.h"
 #include "whyAbsent.h"
 #include "whyNotTold.h"
@@ -163,9 +164,14 @@ Verdict Search::run()
             return *failure;
         }
         Verdict now = judge();
-        return m_explanation["taken"] == true ? explainHidden(m_explanation, here.provider)
-               : isUnprovided(now)            ? explainHereOnly(*here.provider, m_place)
-                                              : now;
+        if (m_explanation["taken"] == true) {
+            return explainHidden(m_explanation, here.provider);
+        }
+        if (!isUnprovided(now)) {
+            return now;
+        }
+        const Value policy = askPolicy(m_place.locators.front(), m_arguments.common.laterDeadline());
+        return explainHereOnly(*here.provider, m_place, policy["hasRules"] == true);
     }
     if (verdict.cause != "never-registered") {
         const std::string name = m_explanation["history"].items().back()["provider"].toText();

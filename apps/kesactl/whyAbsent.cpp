@@ -106,7 +106,7 @@ Verdict explainRefused(const Value& event)
             {}};
 }
 
-Verdict explainGone(const Value& event)
+Verdict explainGone(const Value& event, const std::string& path)
 {
     const bool isWithdrawn = event["what"] == "withdrawn";
     const bool isForbidden = event["what"] == "forbidden";
@@ -144,10 +144,10 @@ Verdict explainGone(const Value& event)
                                      lasted < SHORT ? fmt::format(", after {} ms", lasted / comm::MILLISECOND) : "",
                                      IS_REGISTRATION_KEPT);
     } else if (isForbidden) {
-        verdict.advice =
-            fmt::format("allow it (kesactl may {} register PATH says what is missing), then restart {}, if "
-                        "it does not register anew by itself: what was ended is not repeated",
-                        processArgument(name), name);
+        verdict.advice = fmt::format(
+            "allow it (kesactl may {} register {} says what is missing now), then restart {}, if "
+            "it does not register anew by itself: what was ended is not repeated",
+            util::shellWord(kesa::access::userName(static_cast<uid_t>(integerOf(event["uid"])))), path, name);
     } else {
         verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
                                      "says what keeps it",
@@ -214,7 +214,8 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
         return explainNever(explanation, registry);
     }
     const Value& last = history.back();
-    Verdict verdict = last["what"] == "refused" ? explainRefused(last) : explainGone(last);
+    Verdict verdict =
+        last["what"] == "refused" ? explainRefused(last) : explainGone(last, explanation["path"].toText());
     verdict.notes = notesOf(explanation, 1);
     return verdict;
 }
@@ -222,7 +223,7 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
 Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere>& provider)
 {
     const std::string self = kesa::access::userName(::geteuid());
-    const bool isKnown = provider && mayBeHidden(provider->pid);
+    const bool isKnown = provider && mayBeHidden(provider->pid, true);
     const std::string owner = isKnown ? ProcessFacts(provider->pid).user : "its owner";
     const std::string holder = isKnown ? fmt::format("{} ({}) of {}", provider->name, provider->pid, owner)
                                        : std::string("a process of another user");
@@ -245,7 +246,7 @@ Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere
             notesOf(explanation, 0)};
 }
 
-Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place)
+Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place, bool isPolicyThere)
 {
     const kesa::url& registry = place.locators.front();
     const std::string so = fmt::format("{} ({}) provides it here, and the registry at {} does not know it",
@@ -260,7 +261,7 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
         return {"provided-here-only", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
     const std::string apart = whyApart(provider.answer, processOf(registry));
-    if (apart.empty() && mayBeHidden(provider.pid)) {
+    if (apart.empty() && mayBeHidden(provider.pid, isPolicyThere)) {
         const ProcessFacts process(provider.pid);
         return {"perhaps-hidden",
                 fmt::format("{} ({}) of {} provides it, and the registry does not show it to {}, or does not know it",

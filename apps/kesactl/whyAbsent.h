@@ -16,7 +16,7 @@ Verdict explainHidden(const util::config::Value& explanation, const std::optiona
 
 /// Of a path that nobody has registered at the registry of `place`, and that a process of this run directory provides
 /// nevertheless.
-Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place);
+Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place, bool isPolicyThere);
 
 /// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider,
 /// or one of which that cannot be known.

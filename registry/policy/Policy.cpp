@@ -80,7 +80,7 @@ std::string Policy::whyRefused(const access::Identity& identity, Right right, co
 std::string Policy::whySeen(const access::Identity& identity, const Record* record) const
 {
     if (record == nullptr) {
-        return "there is no policy, and no service: it depends on who provides it";
+        return "there is no policy, and no service that is seen by who asks: it depends on who provides it";
     }
     if (record->uid == identity.uid) {
         return "his own user provides it";

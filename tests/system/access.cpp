@@ -205,6 +205,8 @@ TEST_F(SystemAccess, ATableThatIsWrongClosesTheProcessToOthers)
                 AllOf(HasSubstr("403 "), HasSubstr(".json:3:"), HasSubstr("unknown key 'path' of a rule")));
     EXPECT_EQ(may(OTHER, std::to_string(OTHER), each).status, 1);
     EXPECT_EQ(ask(mate, each), "value");
+    EXPECT_THAT(runTool({"doctor"}).text,
+                HasSubstr("media (" + std::to_string(provider.pid()) + "): its services are closed to other users"));
 }
 
 } // namespace

@@ -39,6 +39,8 @@ public:
 
     /// Root, and the process's own user.
     bool isTrusted(const Identity& identity) const noexcept;
+    /// Nobody can read it, so that every service is closed.
+    bool isUnreadable() const noexcept { return !m_problem.empty(); }
     /// Whether a rule asks for the name of a process, which has to be proven.
     bool asksForProcess() const noexcept { return m_asksForProcess; }
 

@@ -67,8 +67,8 @@ std::string complaintAboutSize(const RuleForm& form)
     const std::uintmax_t bytes = std::filesystem::file_size(file, error);
     return form.mostDocumentBytes == 0 || error || bytes <= form.mostDocumentBytes
                ? std::string()
-               : fmt::format("{}: has {} bytes, and a document with {} has {} at most; make it smaller", file, bytes,
-                             form.name, form.mostDocumentBytes);
+               : fmt::format("{}: has {} bytes, and a document that may have {} has {} at most; make it smaller", file,
+                             bytes, form.name, form.mostDocumentBytes);
 }
 
 } // namespace

@@ -268,6 +268,7 @@ std::string CommBackend::describeNow() const
         description.runDirectory = transport.runDirectory();
     }
     description.serviceCount = m_services->addPaths(description.services, ProcessDescription::MOST_NAMED);
+    description.areServicesClosed = m_services->areClosed();
     auto& connections = description.connections;
     description.connectionCount = m_clients->addFacts(connections, ProcessDescription::MOST_NAMED, looks);
     description.connectionCount +=

@@ -147,6 +147,9 @@ std::string ProcessDescription::toJson(std::size_t mostBytes) const
         description.text("realm", realm);
         description.list("services", services, mostBytes / 2, appendText);
         description.number("serviceCount", serviceCount);
+        if (areServicesClosed) {
+            description.flag("servicesClosed", true);
+        }
         description.list("connections", connections, mostBytes / 2, appendConnection);
         description.number("connectionCount", connectionCount);
         description.number("queuedBytes", queuedBytes);

@@ -25,6 +25,7 @@ struct ProcessDescription {
     std::string realm;        ///< empty while this process does not listen
     std::vector<std::string> services;
     std::size_t serviceCount = 0;
+    bool areServicesClosed = false; ///< to other users, since the rules of "access" cannot be read
     std::vector<ConnectionFacts> connections;
     std::size_t connectionCount = 0;
     std::size_t queuedBytes = 0; ///< on all connections

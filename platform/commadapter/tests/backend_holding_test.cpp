@@ -250,6 +250,12 @@ TEST_F(BackendHolding, WhoDoesNotKeepToTheWindowIsCutOff)
         end = traces->take();
     }
     EXPECT_THAT(end, testing::Contains(HasSubstr("is cut off: it sends more requests than it has credit")));
+
+    const auto twice = connectGreedy();
+    ask(*twice, 1, 900);
+    EXPECT_THAT(traces->take(), Not(testing::Contains(HasSubstr("is cut off"))));
+    ask(*twice, 900, 900);
+    EXPECT_THAT(traces->take(), testing::Contains(HasSubstr("is cut off: request number in use")));
 }
 
 /// Some of what its client has for it, it has not got yet.

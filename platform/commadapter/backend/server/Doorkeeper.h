@@ -27,6 +27,7 @@ public:
 
     /// Any thread.
     bool hasTable() const noexcept { return m_table != nullptr; }
+    bool isTableUnreadable() const noexcept { return m_table && m_table->isUnreadable(); }
     /// With a table: see there. What is idle is said by `traceIdleRules`.
     bool noteService(const std::string& path) { return m_table->noteService(path); }
     void traceIdleRules();

@@ -57,6 +57,8 @@ public:
     std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const;
     /// Up to `most` of the paths that the process provides, in order; answers how many it does. Any thread.
     std::size_t addPaths(std::vector<std::string>& paths, std::size_t most) const;
+    /// All services are, to other users, since the table of rules cannot be read. Loop only.
+    bool areClosed() const noexcept { return m_doorkeeper.isTableUnreadable(); }
     /// Who may ask what: see `Doorkeeper`. `asker` null: this process.
     Response explainAccess(const util::config::Value& question, const RequestContext* asker);
     /// Withdraws everything and ends all connections.
