@@ -98,8 +98,8 @@ int main(int argc, char** argv)
         return 1;
     }
     examples::Board board(events);
+    comm::ActiveObject worker("system-watch.worker"); // before the runtime: its handlers use it to the end
     kesa::Runtime runtime = kesa::startOrExit("system-watch");
-    comm::ActiveObject worker("system-watch.worker");
     const kesa::Disposable subscription = watch(*runtime, worker, board);
 
     runtime.runUntilSignal(std::chrono::milliseconds(250), [&board] { draw(board); });
