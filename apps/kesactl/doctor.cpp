@@ -268,7 +268,7 @@ void addAnswer(DoctorPage& page, const apps::RegistryPlace& place, const RunDire
 
 Value addPolicy(DoctorPage& page, const apps::RegistryPlace& place, comm::TimeNs deadline)
 {
-    const Value policy = askPolicy(place.locators.front(), deadline);
+    Value policy = askPolicy(place.locators.front(), deadline);
     if (!policy.isDefined()) {
         return policy;
     }
