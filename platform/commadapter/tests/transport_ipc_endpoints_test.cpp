@@ -17,6 +17,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 namespace kesa::commadapter::transport::test {
 namespace {
@@ -59,6 +60,25 @@ TEST_F(TransportIpc, ConnectsWhateverTheLengthOfPathAndNameAndVouchesForBothSide
         left.insert(file.path().extension() == ".lock" ? ".lock" : file.path().filename());
     }
     EXPECT_EQ(left, (std::set<fs::path>{".lock", "realm"}));
+}
+
+/// So who asks for very many at once has no more open than those that he keeps, and one.
+TEST_F(TransportIpc, EachConnectionIsJudgedBeforeTheNextIsOpened)
+{
+    Node client(board, directory);
+    Node server(board, directory);
+    ASSERT_FALSE(server.listen("media")) << server.why;
+    std::vector<bool> opened;
+    board.run(*client.loop, [&] {
+        for (int i = 0; i < 2; ++i) {
+            client.transport->connect({"ipc", "media", "", ""}, [&](ITransport::Connected answer) {
+                fs::remove(directory + "/media.sock");
+                board.change([&] { opened.push_back(answer.stream != nullptr); });
+            });
+        }
+    });
+    ASSERT_TRUE(board.waitUntil([&] { return opened.size() == 2; }));
+    EXPECT_EQ(opened, (std::vector<bool>{true, false}));
 }
 
 TEST_F(TransportIpc, AMissingEndpointIsReportedWhenItAppears)
