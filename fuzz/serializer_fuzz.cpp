@@ -60,7 +60,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         longest = format == Format::eMSGPACK ? longest : std::max(longest, out.size());
     }
     WireMeter meter;
+    util::ByteBufferWriter json(64);
     std::size_t metered = 0;
-    require(!kesa::serializer::serialize(meter.begin(), value) && !meter.end(metered) && metered == longest);
+    require(!kesa::serializer::serialize(meter.begin(json), value) && !meter.end(metered) && metered == longest);
     return 0;
 }

@@ -14,7 +14,6 @@
 #include "service/RegistryImpl.h"
 
 #include <comm/wallClock.h>
-#include <kesa/serviceregistry/WriteOnce.h>
 
 #include <unistd.h>
 
@@ -32,7 +31,7 @@ std::int64_t Registry::Impl::wallClockMs() noexcept
 
 void Registry::Impl::work()
 {
-    const serviceregistry::WriteOnce shared;
+    const serviceregistry::WriteOnce::Use use(m_written);
     deliver();
     while (!m_ready.empty()) {
         const auto asker = std::move(m_ready.back());

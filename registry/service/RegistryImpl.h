@@ -11,6 +11,7 @@
 #include <kesa/IPeer.h>
 #include <kesa/RequestContext.h>
 #include <kesa/registry/Registry.h>
+#include <kesa/serviceregistry/WriteOnce.h>
 #include <refusals/RefusalTraces.h>
 
 #include <array>
@@ -187,6 +188,7 @@ private:
     std::int64_t m_policyFailed = 0;
     access::RefusalTraces m_forbidden;
     std::uint64_t m_lastRecord = 0;
+    serviceregistry::WriteOnce m_written; ///< in this turn
     const std::int64_t m_started;
     MirrorProof m_proveMirrored;
     Requests m_requests;

@@ -150,7 +150,8 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
     if (!claim.keepsId) {
         claim.record->serviceDef.id = obr::UUID::generate();
     }
-    if (measure(claim.record->serviceDef, claim.record->bytes)) {
+    Payload json;
+    if (write(claim.record->serviceDef, json, claim.record->bytes)) {
         return refuse(*handler, "registerService", path, obr::ErrorStorage::takeReason());
     }
     if (claim.record->bytes > MAX_RECORD_BYTES) {
@@ -165,6 +166,7 @@ void* Registry::Impl::claim(RegistrationHandler&& handler, const ServiceDef& ser
                     claim.owner = asker->owner;
                     claim.record->uid = asker->isOwn() ? m_ownUid : asker->uid;
                     claim.record->number = ++m_lastRecord;
+                    m_written.keep(claim.record->serviceDef, json);
                     m_store.registerService(stream, claim);
                 });
 }

@@ -1,22 +1,26 @@
 #include "store/Record.h"
 
 #include <kesa/core/Serializer.h>
+#include <kesa/mimetypes.h>
 #include <util/serializer/WireMeter.h>
 
 #include <algorithm>
 #include <memory>
 #include <string_view>
+#include <utility>
 
 namespace kesa::registry {
 
 namespace {
 
+constexpr std::size_t USUAL_BYTES = 1024; ///< of what is written: nearly nothing is longer
+
 /// True is failure.
 template <class T>
-[[nodiscard]] bool measureOnWire(const T& value, std::size_t& bytes)
+[[nodiscard]] bool writeMeasured(const T& value, util::ByteBufferWriter& json, std::size_t& bytes)
 {
     thread_local util::serializer::WireMeter meter; // what it keeps is used again
-    return serializer::serialize(meter.begin(), value) || meter.end(bytes);
+    return serializer::serialize(meter.begin(json), value) || meter.end(bytes);
 }
 
 /// An `ipc` locator without a realm means the realm of whoever reads it.
@@ -40,14 +44,18 @@ bool isVisible(const ServiceDef& serviceDef, const Realm& realm)
     });
 }
 
-bool measure(const ServiceDef& serviceDef, std::size_t& bytes)
+bool write(const ServiceDef& serviceDef, Payload& json, std::size_t& bytes)
 {
-    return measureOnWire(serviceDef, bytes);
+    util::ByteBufferWriter written(USUAL_BYTES);
+    const bool failed = writeMeasured(serviceDef, written, bytes);
+    json = Payload::createFromWriter(std::move(written), mimetypes::JSON);
+    return failed;
 }
 
 bool measure(const Query& query, std::size_t& bytes)
 {
-    return measureOnWire(query, bytes);
+    util::ByteBufferWriter written(USUAL_BYTES);
+    return writeMeasured(query, written, bytes);
 }
 
 RegistryUpdate makeUpdate(UpdateType type, const RecordPtr& record)

@@ -1,6 +1,7 @@
 #ifndef KESA_REGISTRY_STORE_RECORD_H
 #define KESA_REGISTRY_STORE_RECORD_H
 
+#include <kesa/Payload.h>
 #include <kesa/optional.h>
 #include <kesa/serviceregistry/Query.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
@@ -42,9 +43,10 @@ using Realm = std::shared_ptr<const std::string>;
 /// a whole query on the first match it cannot reach.
 bool isVisible(const ServiceDef& serviceDef, const Realm& realm);
 
-/// The size in the longer of the JSON and qelbin forms. True when it cannot be written, with the reason in
-/// `obr::ErrorStorage`.
-[[nodiscard]] bool measure(const ServiceDef& serviceDef, std::size_t& bytes);
+/// The JSON form, and the size in the longer of the JSON and qelbin forms. True when it cannot be written, with the
+/// reason in `obr::ErrorStorage`.
+[[nodiscard]] bool write(const ServiceDef& serviceDef, Payload& json, std::size_t& bytes);
+/// Only the size.
 [[nodiscard]] bool measure(const Query& query, std::size_t& bytes);
 
 /// Shares the record.

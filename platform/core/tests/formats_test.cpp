@@ -50,8 +50,10 @@ std::string bytesOf(Format format, const T& value)
 std::size_t meter(const Value& value)
 {
     WireMeter meter;
+    ByteBufferWriter json(16);
     std::size_t bytes = 0;
-    EXPECT_FALSE(kesa::serializer::serialize(meter.begin(), value) || meter.end(bytes));
+    EXPECT_FALSE(kesa::serializer::serialize(meter.begin(json), value) || meter.end(bytes));
+    EXPECT_EQ(json.text(), bytesOf(Format::eJSON, value));
     return bytes;
 }
 

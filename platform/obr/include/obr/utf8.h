@@ -22,15 +22,19 @@ KESA_API bool isMixedUtf8(std::string_view text) noexcept;
 /// Whether `text` is well-formed UTF-8: no overlong forms, no surrogates, nothing above U+10FFFF.
 inline bool isUtf8(std::string_view text) noexcept
 {
-    const char* at = text.data();
-    std::size_t left = text.size();
     std::uint64_t bits = 0;
-    for (std::uint64_t eight = 0; left >= sizeof eight; left -= sizeof eight, at += sizeof eight) {
-        std::memcpy(&eight, at, sizeof eight);
+    if (std::uint64_t eight = 0; text.size() < sizeof eight) {
+        for (const char c : text) {
+            bits |= static_cast<unsigned char>(c);
+        }
+    } else {
+        const char* const last = text.data() + text.size() - sizeof eight; // some of its bytes are looked at twice
+        for (const char* at = text.data(); at < last; at += sizeof eight) {
+            std::memcpy(&eight, at, sizeof eight);
+            bits |= eight;
+        }
+        std::memcpy(&eight, last, sizeof eight);
         bits |= eight;
-    }
-    for (; left > 0; --left) {
-        bits |= static_cast<unsigned char>(*at++);
     }
     return (bits & 0x8080808080808080U) == 0 || isMixedUtf8(text);
 }

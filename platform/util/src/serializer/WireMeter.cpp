@@ -1,12 +1,10 @@
 #include "IEncoder.h"
 #include "StructuredWriter.h"
-#include "src/text/json_text.h"
 
 #include <util/cbor.h>
 #include <util/serializer/WireMeter.h>
 
 #include <algorithm>
-#include <string>
 
 namespace util::serializer {
 
@@ -28,66 +26,74 @@ private:
     std::size_t m_size = 0;
 };
 
-std::size_t digits(std::uint64_t value) noexcept
-{
-    std::size_t count = 1;
-    for (; value >= 10; value /= 10) {
-        ++count;
-    }
-    return count;
-}
-
 } // namespace
 
-/// Both forms in one go.
+/// Writes the one form and counts the other in one go.
 class WireMeter::Impl final : public IEncoder {
 public:
-    void beginObject(ByteBufferWriter&) const override { count(1, 1); }
+    void beginObject(ByteBufferWriter& out) const override
+    {
+        m_json.beginObject(out);
+        count(1);
+    }
     void memberName(ByteBufferWriter& out, std::string_view name, bool isFirst) const override
     {
-        stringValue(out, name);
-        m_json += isFirst ? 1 : 2;
+        m_json.memberName(out, name, isFirst);
+        countText(name);
     }
-    void endObject(ByteBufferWriter&, std::size_t, std::size_t) const override { count(1, 1); }
-    void beginArray(ByteBufferWriter&) const override { count(1, 1); }
-    void beginElement(ByteBufferWriter&, bool isFirst) const override { m_json += isFirst ? 0 : 1; }
-    void endArray(ByteBufferWriter&, std::size_t, std::size_t) const override { count(1, 1); }
+    void endObject(ByteBufferWriter& out, std::size_t begin, std::size_t members) const override
+    {
+        m_json.endObject(out, begin, members);
+        count(1);
+    }
+    void beginArray(ByteBufferWriter& out) const override
+    {
+        m_json.beginArray(out);
+        count(1);
+    }
+    void beginElement(ByteBufferWriter& out, bool isFirst) const override { m_json.beginElement(out, isFirst); }
+    void endArray(ByteBufferWriter& out, std::size_t begin, std::size_t elements) const override
+    {
+        m_json.endArray(out, begin, elements);
+        count(1);
+    }
 
-    void nullValue(ByteBufferWriter&) const override { count(4, 1); }
-    void boolValue(ByteBufferWriter&, bool value) const override { count(value ? 4 : 5, 1); }
+    void nullValue(ByteBufferWriter& out) const override
+    {
+        m_json.nullValue(out);
+        count(1);
+    }
+    void boolValue(ByteBufferWriter& out, bool value) const override
+    {
+        m_json.boolValue(out, value);
+        count(1);
+    }
     void intValue(ByteBufferWriter& out, std::int64_t value) const override
     {
-        if (value >= 0) {
-            uintValue(out, static_cast<std::uint64_t>(value));
-        } else {
-            m_json += 1 + digits(0 - static_cast<std::uint64_t>(value));
-            cbor::putInteger(m_qelbin, value);
-        }
+        m_json.intValue(out, value);
+        cbor::putInteger(m_qelbin, value);
     }
-    void uintValue(ByteBufferWriter&, std::uint64_t value) const override
+    void uintValue(ByteBufferWriter& out, std::uint64_t value) const override
     {
-        m_json += digits(value);
+        m_json.uintValue(out, value);
         cbor::putItem(m_qelbin, cbor::Major::eUNSIGNED, value);
     }
-    void doubleValue(ByteBufferWriter&, double value) const override
+    void doubleValue(ByteBufferWriter& out, double value) const override
     {
-        std::string text;
-        text::appendReal(text, value);
-        m_json += text.size();
+        m_json.doubleValue(out, value);
         cbor::putReal(m_qelbin, value);
     }
-    void stringValue(ByteBufferWriter&, std::string_view value) const override
+    void stringValue(ByteBufferWriter& out, std::string_view value) const override
     {
-        m_json += text::jsonStringSize(value);
-        cbor::putItem(m_qelbin, cbor::Major::eTEXT, value.size());
-        static_cast<void>(m_qelbin.extend(value.size()));
+        m_json.stringValue(out, value);
+        countText(value);
     }
 
-    IStructuredSerializer& begin()
+    IStructuredSerializer& begin(ByteBufferWriter& json)
     {
         m_writer.reset();
-        static_cast<void>(m_writer.attach(m_nothing));
-        m_json = 0;
+        m_out = &json;
+        static_cast<void>(m_writer.attach(json));
         m_qelbin.clear();
         return m_writer;
     }
@@ -97,20 +103,21 @@ public:
         if (m_writer.finish(hasContent)) {
             return true;
         }
-        bytes = std::max(m_json, m_qelbin.size());
+        bytes = std::max(m_out->size(), m_qelbin.size());
         return false;
     }
 
 private:
-    void count(std::size_t json, std::size_t qelbin) const noexcept
+    void count(std::size_t bytes) const noexcept { static_cast<void>(m_qelbin.extend(bytes)); }
+    void countText(std::string_view text) const noexcept
     {
-        m_json += json;
-        static_cast<void>(m_qelbin.extend(qelbin));
+        cbor::putItem(m_qelbin, cbor::Major::eTEXT, text.size());
+        count(text.size());
     }
 
-    mutable std::size_t m_json = 0;
+    const IEncoder& m_json = jsonEncoder();
     mutable Counted m_qelbin;
-    ByteBufferWriter m_nothing{0};
+    const ByteBufferWriter* m_out = nullptr;
     StructuredWriter m_writer{*this};
 };
 
@@ -118,9 +125,9 @@ WireMeter::WireMeter() : m_impl(std::make_unique<Impl>()) {}
 
 WireMeter::~WireMeter() = default;
 
-IStructuredSerializer& WireMeter::begin()
+IStructuredSerializer& WireMeter::begin(ByteBufferWriter& json)
 {
-    return m_impl->begin();
+    return m_impl->begin(json);
 }
 
 bool WireMeter::end(std::size_t& bytes)

@@ -114,19 +114,6 @@ void appendJsonString(Out& out, std::string_view value)
     out.append(std::string_view("\""));
 }
 
-std::size_t jsonStringSize(std::string_view value) noexcept
-{
-    std::size_t size = value.size() + 2;
-    if (!mayStandAsItIs(value)) {
-        for (const char c : value) {
-            if (MUST_BE_ESCAPED[static_cast<unsigned char>(c)]) {
-                size += shortForm(c) != 0 ? 1U : 5U;
-            }
-        }
-    }
-    return size;
-}
-
 template <class Out>
 void appendReal(Out& out, double value)
 {

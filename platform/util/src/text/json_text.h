@@ -14,8 +14,6 @@ namespace util::text {
 /// With its quotes; '/' and everything above U+001F stay as they are.
 template <class Out>
 void appendJsonString(Out& out, std::string_view value);
-/// How many bytes `appendJsonString` appends.
-std::size_t jsonStringSize(std::string_view value) noexcept;
 
 /// The shortest text that reads back as the same number, never as an integer. `value` is finite.
 template <class Out>

@@ -3,6 +3,7 @@
 
 #include <kesa/Payload.h>
 #include <kesa/serviceregistry/RegistryUpdate.h>
+#include <kesa/serviceregistry/ServiceDef.h>
 
 #include <array>
 #include <cstddef>
@@ -10,16 +11,24 @@
 
 namespace kesa::serviceregistry {
 
-/// While one lives, what `ServiceRegistryService` sends of one update to many watchers on this thread is written once
-/// for each format. Who makes it promises that no element is changed meanwhile. One at a time on a thread.
+/// What `ServiceRegistryService` need not write again: one update for many watchers, a record that was written before.
+/// Not thread-safe.
 class KESA_API WriteOnce {
 public:
-    WriteOnce() noexcept;
-    ~WriteOnce();
+    WriteOnce() = default;
     WriteOnce(const WriteOnce&) = delete;
     WriteOnce& operator=(const WriteOnce&) = delete;
 
-    /// This thread's; null: there is none.
+    /// While one lives, what is answered on this thread uses `once`, which forgets everything afterwards. Who makes it
+    /// promises that no record or element is changed meanwhile. One at a time on a thread.
+    class KESA_API Use {
+    public:
+        explicit Use(WriteOnce& once) noexcept;
+        ~Use();
+        Use(const Use&) = delete;
+        Use& operator=(const Use&) = delete;
+    };
+    /// What this thread uses; null: nothing.
     static WriteOnce* current() noexcept;
 
     /// An update as it is, or as the only one of a list.
@@ -28,7 +37,13 @@ public:
     const Payload* find(const RegistryUpdate& update, Form form, std::string_view mimeType) const noexcept;
     void keep(const RegistryUpdate& update, Form form, const Payload& written);
 
+    /// Only of the last record that was kept, which lives until all is forgotten.
+    const Payload* find(const ServiceDef& record, std::string_view mimeType) const noexcept;
+    void keep(const ServiceDef& record, const Payload& written);
+
 private:
+    void forget() noexcept;
+
     struct Written {
         RegistryUpdate update; ///< keeps the element, so that no other one gets its address
         Form form = Form::eALONE;
@@ -36,6 +51,8 @@ private:
     };
     std::array<Written, 4> m_written; ///< two forms, two formats
     std::size_t m_next = 0;
+    const ServiceDef* m_record = nullptr;
+    Payload m_writtenRecord;
 };
 
 } // namespace kesa::serviceregistry

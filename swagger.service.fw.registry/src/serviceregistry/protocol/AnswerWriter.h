@@ -56,7 +56,11 @@ private:
 
     optional<Payload> write(const T& value)
     {
-        if constexpr (std::is_same_v<T, RegistryUpdate>) {
+        if constexpr (std::is_same_v<T, ServiceDef>) {
+            const WriteOnce* const once = WriteOnce::current();
+            const Payload* const written = once != nullptr ? once->find(value, m_mimeType) : nullptr;
+            return written != nullptr ? *written : writeAnew(value);
+        } else if constexpr (std::is_same_v<T, RegistryUpdate>) {
             return writeOnce(value, value, Form::eALONE);
         } else if constexpr (std::is_same_v<T, std::vector<RegistryUpdate>>) {
             return value.size() == 1 ? writeOnce(value, value.front(), Form::eLIST) : writeAnew(value);

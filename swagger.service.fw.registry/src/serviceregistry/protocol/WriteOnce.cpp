@@ -10,13 +10,14 @@ thread_local WriteOnce* theCurrent = nullptr;
 
 } // namespace
 
-WriteOnce::WriteOnce() noexcept
+WriteOnce::Use::Use(WriteOnce& once) noexcept
 {
-    theCurrent = this;
+    theCurrent = &once;
 }
 
-WriteOnce::~WriteOnce()
+WriteOnce::Use::~Use()
 {
+    theCurrent->forget();
     theCurrent = nullptr;
 }
 
@@ -38,6 +39,29 @@ void WriteOnce::keep(const RegistryUpdate& update, Form form, const Payload& wri
 {
     m_written[m_next] = {update, form, written};
     m_next = (m_next + 1) % m_written.size();
+}
+
+const Payload* WriteOnce::find(const ServiceDef& record, std::string_view mimeType) const noexcept
+{
+    return m_record == &record && m_writtenRecord.getMimeType() == mimeType ? &m_writtenRecord : nullptr;
+}
+
+void WriteOnce::keep(const ServiceDef& record, const Payload& written)
+{
+    m_record = &record;
+    m_writtenRecord = written;
+}
+
+void WriteOnce::forget() noexcept
+{
+    for (Written& each : m_written) {
+        if (each.update.element) {
+            each = {};
+        }
+    }
+    m_next = 0;
+    m_record = nullptr;
+    m_writtenRecord = {};
 }
 
 } // namespace kesa::serviceregistry

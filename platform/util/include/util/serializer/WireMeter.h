@@ -8,15 +8,16 @@
 
 namespace util::serializer {
 
-/// Tells how long a value gets in JSON and in qelbin, without writing it: for limits. One value at a time, any number
-/// of them. Not thread-safe.
+/// Writes a value as JSON and tells how long it gets in JSON or in qelbin: for limits that hold in both. One value at a
+/// time, any number of them. Not thread-safe.
 class KESA_API WireMeter {
 public:
     WireMeter();
     ~WireMeter();
 
-    /// What a value is to be written to next. It refuses what the formats cannot hold, as their own serializers do.
-    IStructuredSerializer& begin();
+    /// What a value is to be written to next; its JSON is appended to `json`, which is empty. It refuses what the
+    /// formats cannot hold, as their own serializers do.
+    IStructuredSerializer& begin(ByteBufferWriter& json);
     /// The bytes in the longer of the two forms. True when the value is not whole, with the reason in
     /// `obr::ErrorStorage`.
     [[nodiscard]] bool end(std::size_t& bytes);

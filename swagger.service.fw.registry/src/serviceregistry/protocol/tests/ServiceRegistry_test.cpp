@@ -152,7 +152,8 @@ TEST_F(ServiceRegistryTest, AnUpdateForManyIsWrittenOncePerFormat)
         tell(update);
     }
     const std::vector<Response> alone = std::exchange(answers, {});
-    const WriteOnce shared;
+    WriteOnce shared;
+    const WriteOnce::Use use(shared);
     for (const RegistryUpdate& update : updates) {
         tell(update);
         const std::size_t again = answers.size();
