@@ -92,6 +92,7 @@ private:
     std::atomic<bool> m_hasEnded{false};
 
     // The loop's own.
+    bool m_hasPostedHere = false; ///< since tasks were taken out
     Id m_lastId = 0;
     std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
     std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
@@ -134,6 +135,9 @@ void EpollReactor::post(Task task)
     }
     if (mustWake) {
         m_set.wake();
+    }
+    if (m_thread.isCurrent()) {
+        m_hasPostedHere = true;
     }
     // A task that came too late is destroyed here: its destructor may run anything, so not under the lock.
 }
@@ -247,7 +251,8 @@ bool EpollReactor::turn()
         m_set.timerCame();
         runDueTimers();
     }
-    const bool isLast = (hasWork || woken.byPost) && runPosted();
+    // What the turn itself has posted so far need not wait for the next one.
+    const bool isLast = (std::exchange(m_hasPostedHere, false) || hasWork || woken.byPost) && runPosted();
     if (!m_turnEnd.empty()) {
         runTurnEnd();
     }

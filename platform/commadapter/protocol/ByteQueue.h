@@ -53,7 +53,8 @@ private:
     static constexpr std::size_t FIRST_BYTES = 4U << 10U;
     static constexpr std::size_t KEPT_BYTES = 256U << 10U;
 
-    void makeRoom(std::size_t count)
+    // Out of line, and so not where `extend` is inlined.
+    [[gnu::noinline]] void makeRoom(std::size_t count)
     {
         const std::size_t used = size();
         if (m_begin >= used && m_capacity - used >= count) {
@@ -70,7 +71,7 @@ private:
             move(2 * size());
         }
     }
-    void move(std::size_t capacity)
+    [[gnu::noinline]] void move(std::size_t capacity)
     {
         const std::size_t used = size();
         std::unique_ptr<unsigned char[]> block(capacity > 0 ? new unsigned char[capacity] : nullptr);

@@ -1,8 +1,11 @@
 #ifndef KESA_COMMADAPTER_PROTOCOL_FRAME_H
 #define KESA_COMMADAPTER_PROTOCOL_FRAME_H
 
+#include <algorithm>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 namespace kesa::commadapter::protocol {
 
@@ -65,43 +68,51 @@ struct FrameHeader {
 
 namespace detail {
 
-inline void put(unsigned char* to, std::uint64_t value, unsigned bytes) noexcept
+template <class T>
+T littleEndian(T value) noexcept
 {
-    for (unsigned i = 0; i < bytes; ++i) {
-        to[i] = static_cast<unsigned char>(value >> (8U * i));
-    }
-}
-
-inline std::uint32_t get(const unsigned char* from, unsigned bytes) noexcept
-{
-    std::uint32_t value = 0;
-    for (unsigned i = 0; i < bytes; ++i) {
-        value |= static_cast<std::uint32_t>(from[i]) << (8U * i);
+    if constexpr (std::endian::native == std::endian::big) {
+        auto* const bytes = reinterpret_cast<unsigned char*>(&value);
+        std::reverse(bytes, bytes + sizeof value);
     }
     return value;
+}
+
+template <class T>
+void put(unsigned char* to, T value) noexcept
+{
+    value = littleEndian(value);
+    std::memcpy(to, &value, sizeof value);
+}
+
+template <class T>
+void get(const unsigned char* from, T& value) noexcept
+{
+    std::memcpy(&value, from, sizeof value);
+    value = littleEndian(value);
 }
 
 } // namespace detail
 
 inline void writeHeader(unsigned char* to, const FrameHeader& header) noexcept
 {
-    detail::put(to, header.length, 4);
-    to[4] = header.kind;
-    to[5] = header.flags;
-    detail::put(to + 6, header.head, 2);
-    detail::put(to + 8, header.stream, 4);
-    detail::put(to + 12, header.target, 4);
+    detail::put(to, header.length);
+    detail::put(to + 4, header.kind);
+    detail::put(to + 5, header.flags);
+    detail::put(to + 6, header.head);
+    detail::put(to + 8, header.stream);
+    detail::put(to + 12, header.target);
 }
 
 inline FrameHeader readHeader(const unsigned char* from) noexcept
 {
     FrameHeader header;
-    header.length = detail::get(from, 4);
-    header.kind = from[4];
-    header.flags = from[5];
-    header.head = static_cast<std::uint16_t>(detail::get(from + 6, 2));
-    header.stream = detail::get(from + 8, 4);
-    header.target = detail::get(from + 12, 4);
+    detail::get(from, header.length);
+    detail::get(from + 4, header.kind);
+    detail::get(from + 5, header.flags);
+    detail::get(from + 6, header.head);
+    detail::get(from + 8, header.stream);
+    detail::get(from + 12, header.target);
     return header;
 }
 

@@ -21,21 +21,21 @@ void FrameQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target, con
     header.flags = kind == Kind::eGOODBYE ? FLAG_MAY_BE_IGNORED : 0;
     header.stream = stream;
     header.target = target;
-    const bool isCopied = body.size() <= INLINE_BODY_BYTES;
-    if (isCopied) {
+    Entry entry{stream, 0, 0, 0, 0, kind, false, false, isPersistent};
+    if (body.size() <= INLINE_BODY_BYTES) {
         m_bytes.append(body.data(), body.size());
     } else {
         m_bodies.push_back(body);
+        entry.body = static_cast<std::uint32_t>(body.size());
+        entry.bodyNumber = static_cast<std::uint32_t>(m_firstBody + m_bodies.size() - 1);
     }
-    const auto bodyNumber = static_cast<std::uint32_t>(m_firstBody + m_bodies.size() - 1);
     writeHeader(m_bytes.data() + m_frameBytes, header);
-    const auto bytes = static_cast<std::uint32_t>(m_bytes.size() - m_frameBytes);
-    m_entries.push_back({stream, bytes, isCopied ? 0 : static_cast<std::uint32_t>(body.size()), bodyNumber, 0, kind,
-                         false, false, isPersistent});
+    entry.bytes = static_cast<std::uint32_t>(m_bytes.size() - m_frameBytes);
+    m_entries.push_back(entry);
     m_frameBytes = m_bytes.size();
-    m_queued += m_entries.back().size();
-    m_persistent += isPersistent ? m_entries.back().size() : 0;
-    m_requestCost += m_entries.back().requestCost();
+    m_queued += entry.size();
+    m_persistent += isPersistent ? entry.size() : 0;
+    m_requestCost += entry.requestCost();
     m_hasPing = m_hasPing || kind == Kind::ePING;
     m_hasPong = m_hasPong || kind == Kind::ePONG;
 }

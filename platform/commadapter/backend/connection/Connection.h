@@ -174,6 +174,7 @@ private:
     bool receive(comm::TimeNs begin, comm::TimeNs until);
     void finishBatch(bool hasRead);
     void endBatch(bool hasRead, bool isPong, bool isEmpty);
+    std::vector<Awaited> takeHandled(bool isEmpty);
     bool isHandled(const Awaited& awaited, bool isEmpty) const;
     void readOnLater();
     bool isWaitingForRoom() const noexcept;

@@ -122,10 +122,7 @@ bool Connection::receive(comm::TimeNs begin, comm::TimeNs until)
 void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
 {
     updateReading();
-    const auto left = std::find_if_not(m_awaited.begin(), m_awaited.end(),
-                                       [&](const Awaited& awaited) { return isHandled(awaited, isEmpty); });
-    const std::vector<Awaited> come(std::make_move_iterator(m_awaited.begin()), std::make_move_iterator(left));
-    m_awaited.erase(m_awaited.begin(), left);
+    const std::vector<Awaited> come = m_awaited.empty() ? std::vector<Awaited>() : takeHandled(isEmpty);
     readOnLater();
     if (hasRead || isPong) {
         onSign(isPong);
@@ -137,7 +134,17 @@ void Connection::endBatch(bool hasRead, bool isPong, bool isEmpty)
     }
 }
 
-/// At the end of a batch. A peer that sends on and on never leaves the stream empty; one that waits for room, or that
+/// At the end of a batch: what is awaited no longer.
+std::vector<Connection::Awaited> Connection::takeHandled(bool isEmpty)
+{
+    const auto left = std::find_if_not(m_awaited.begin(), m_awaited.end(),
+                                       [&](const Awaited& awaited) { return isHandled(awaited, isEmpty); });
+    std::vector<Awaited> handled(std::make_move_iterator(m_awaited.begin()), std::make_move_iterator(left));
+    m_awaited.erase(m_awaited.begin(), left);
+    return handled;
+}
+
+/// A peer that sends on and on never leaves the stream empty; one that waits for room, or that
 /// takes no answers, is not waited for.
 bool Connection::isHandled(const Awaited& awaited, bool isEmpty) const
 {

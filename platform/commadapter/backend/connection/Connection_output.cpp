@@ -38,8 +38,12 @@ constexpr std::size_t USERS = 4;
 
 void Connection::pushOut(Haste haste)
 {
-    countQueued();
-    if (m_machine->output.queuedBytes() < GATHERED_BYTES) {
+    const auto& output = m_machine->output;
+    if (m_isBlocked || output.persistentBytes() != m_counted.persistent ||
+        output.queuedBytes() + output.waitingBytes() >= GATHERED_BYTES) {
+        countQueued(); // otherwise `write`, which follows soon, counts what it leaves
+    }
+    if (output.queuedBytes() < GATHERED_BYTES) {
         if (m_isBatch) {
             return;
         }
