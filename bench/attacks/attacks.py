@@ -281,6 +281,8 @@ def claims(a, path='/svc', steal=True):
 def flood(a):
     """What gets a line in a log, as often as possible."""
     kind = a.k % 3
+    own, where = f'f{os.getpid()}', realm(a.run)
+    place = listen(a.run, own)  # a record without a way to its process is refused for that alone
     broken = hello('x' * 65) if kind == 0 else hello(f'n{a.k}') + attach(1, '/registry') + frame(15)
     sent = 0
     while a.left():
@@ -294,13 +296,14 @@ def flood(a):
                     pass
                 s.close()
             else:
-                p = a.peer(name=f'f{os.getpid()}')
+                p = a.peer(name=own)
                 while a.left():
-                    p.ask('/svc', 'insert', 'stream', record('/svc'), until=lambda got: True)
+                    p.ask('/svc', 'insert', 'stream', record('/svc', own, where), until=lambda got: True)
                     sent += 1
         except (OSError, Closed, TimeoutError) as e:
             pass
         sent += 1
+    place.close()
     a.tell(f'{("hellos", "cut-offs", "claims")[kind]} x{sent}')
 
 

@@ -414,13 +414,16 @@ def denied(stage):
     json.dump({**DOCUMENT, **POLICY}, open(stage.document, 'w'))
     stage.registry(); stage.provider()
 
+    where = realm(stage.run)
+
     def tries():
+        place = listen(stage.run, 'raw')
         r = lambda: Peer(stage.run, 'kesa-registryd', '/registry', name='raw')
         s = lambda: Peer(stage.run, 'svc', '/svc', name='raw')
         known = lambda: Peer(stage.run, 'svc', '/.well-known/process', name='raw')
         who = lambda uid: json.dumps({'who': str(uid), 'path': '/svc', 'command': 'retrieve'}).encode()
         until = lambda got: True
-        for what, ask in {'registers': lambda: r().ask('/mine', 'insert', 'stream', record('/mine'), until=until), 'claims /svc': lambda: r().ask('/svc', 'insert', 'stream', record('/svc'), until=until),
+        for what, ask in {'registers': lambda: r().ask('/mine', 'insert', 'stream', record('/mine', 'raw', where), until=until), 'claims /svc': lambda: r().ask('/svc', 'insert', 'stream', record('/svc', 'raw', where), until=until),
                           'query': lambda: r().ask('/', 'retrieve', 'stream', {'pattern': '**'}, until=lambda got: got[-1][1] == b'[]'), 'track': lambda: r().ask('/svc', 'retrieve', 'stream', wait=1, until=until),
                           'explain': lambda: r().ask('/svc', 'explain'), 'nearest': lambda: r().ask('/sv', 'explain'), 'explain for honest': lambda: r().ask('/svc', 'explain', 'single', {'for': str(HONEST)}),
                           'explain for root': lambda: r().ask('/svc', 'explain', 'single', {'for': 'root'}), 'explain for svc': lambda: r().ask('/svc', 'explain', 'single', {'for': 'svc'}), 'explain for himself': lambda: r().ask('/svc', 'explain', 'single', {'for': str(ATTACKER)}),
@@ -431,6 +434,7 @@ def denied(stage):
                 stage.tell(f'{what}: ' + reason([x for x in ask() if x[0]][:2])[:230])
             except (Closed, TimeoutError) as e:
                 stage.tell(f'{what}: {e}')
+        place.close()
     end(fork(tries, ATTACKER), 30)
     stage.gather()
     honest_ = stage.kesactl('call', '/svc', '/echo')
