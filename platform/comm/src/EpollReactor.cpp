@@ -43,6 +43,7 @@ public:
     Id watch(int descriptor, unsigned interest, ReadyFunction ready) override;
     void changeInterest(Id id, unsigned interest) override;
     void unwatch(Id id) override;
+    bool isLastReady() const noexcept override { return m_isLastReady; }
     void atTurnEnd(Task task) override;
     TimeNs lap() override;
     TimeNs heldFor() const noexcept override { return m_callbackTimer.heldFor(); }
@@ -93,6 +94,7 @@ private:
 
     // The loop's own.
     bool m_hasPostedHere = false; ///< since tasks were taken out
+    bool m_isLastReady = false;
     Id m_lastId = 0;
     std::unordered_map<Id, std::unique_ptr<Watch>> m_watches;
     std::vector<std::unique_ptr<Watch>> m_unwatched; ///< until this turn's events, which point to them, are through
@@ -284,9 +286,11 @@ EpollReactor::Woken EpollReactor::dispatch(std::span<const epoll_event> events)
         } else if (m_set.isTimer(event)) {
             woken.byTimer = true;
         } else if (auto* const watch = static_cast<Watch*>(event.data.ptr); watch->isWatched) {
+            m_isLastReady = &event == &events.back();
             call([watch, readiness = EpollSet::readiness(event)] { watch->ready(readiness); });
         }
     }
+    m_isLastReady = false;
     return woken;
 }
 

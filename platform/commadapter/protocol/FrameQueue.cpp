@@ -51,7 +51,7 @@ std::optional<std::uint32_t> FrameQueue::takeFrontPlace()
 {
     while (!isEmpty() && m_entries[m_first].isNoFrame()) {
         const Entry entry = m_entries[m_first];
-        popFront();
+        giveBack(popFront());
         if (!entry.isDropped) {
             return entry.stream;
         }
@@ -90,6 +90,7 @@ void FrameQueue::sent(std::size_t size)
 {
     m_queued -= size;
     m_frontWritten += size;
+    std::size_t gone = 0;
     while (m_first < m_entries.size()) {
         const Entry& entry = m_entries[m_first];
         if (!entry.isDropped && (entry.isPlace || m_frontWritten < entry.size())) {
@@ -100,13 +101,15 @@ void FrameQueue::sent(std::size_t size)
             m_persistent -= entry.isPersistent ? entry.size() : 0;
             m_requestCost -= entry.requestCost();
         }
-        popFront();
+        gone += popFront();
     }
+    giveBack(gone);
 }
 
-void FrameQueue::popFront()
+/// Answers what of `m_bytes` was the entry's, for `giveBack`.
+std::size_t FrameQueue::popFront()
 {
-    const Entry entry = m_entries[m_first];
+    const Entry& entry = m_entries[m_first];
     if (m_accounted > 0) {
         if (!entry.isDropped && !entry.isPlace) {
             unaccount(entry);
@@ -118,20 +121,20 @@ void FrameQueue::popFront()
     }
     m_hasPing = m_hasPing && entry.kind != Kind::ePING;
     m_hasPong = m_hasPong && entry.kind != Kind::ePONG;
-    m_bytes.consume(entry.bytes);
-    m_frameBytes -= entry.bytes;
     if (entry.body > 0) {
         m_bodies.pop_front();
         ++m_firstBody;
     }
     ++m_first;
     ++m_firstNumber;
-    giveBack();
+    return entry.bytes;
 }
 
-/// What entries that have left took.
-void FrameQueue::giveBack()
+/// What entries that have left took, so much of `m_bytes` among it.
+void FrameQueue::giveBack(std::size_t bytes)
 {
+    m_bytes.consume(bytes);
+    m_frameBytes -= bytes;
     if (m_first == m_entries.size()) {
         m_entries.clear();
         m_first = 0;

@@ -100,8 +100,8 @@ private:
     };
 
     std::optional<std::uint32_t> takeFrontPlace();
-    void popFront();
-    void giveBack();
+    std::size_t popFront();
+    void giveBack(std::size_t bytes);
     // FrameQueue_drop.cpp
     void dropEntry(Entry& entry);
     void compactIfWorth();

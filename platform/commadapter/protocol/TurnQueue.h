@@ -35,7 +35,7 @@ public:
     };
 
     /// Whether `stream` has a message here: what it says next has to wait behind it.
-    bool has(std::uint32_t stream) const { return find(stream) != nullptr; }
+    bool has(std::uint32_t stream) const { return !m_lanes.empty() && find(stream) != nullptr; }
     /// Whether what leaves first of the stream's is of `kind`.
     bool isNext(std::uint32_t stream, Kind kind) const;
     /// True: it is the stream's first one here, a large one that does not leave before `join`.

@@ -42,6 +42,9 @@ public:
     /// `ready` is not called any more, also not for what this turn of the loop has already seen.
     virtual void unwatch(Id id) = 0;
 
+    /// Inside `ready`: whether no other descriptor that is known to be ready waits for its own. False is always right.
+    virtual bool isLastReady() const noexcept { return false; }
+
     /// Runs `task` when the callbacks of the current turn are done and before the loop waits again: the place to
     /// flush what they gathered.
     virtual void atTurnEnd(Task task) = 0;

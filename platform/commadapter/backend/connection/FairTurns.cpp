@@ -23,7 +23,8 @@ void FairTurns::ready(Connection& connection)
         return;
     }
     const comm::TimeNs now = comm::now();
-    if (m_lines.empty() && isIdleEnough(now)) {
+    const bool isIdle = isIdleEnough(now);
+    if (m_lines.empty() && (isIdle || m_loop.reactor()->isLastReady())) {
         serve(connection, now, ROUND);
         const bool hasWritten = connection.m_batchWritten > now; // with which batches end
         m_spent += (hasWritten ? connection.m_batchWritten : comm::now()) - now;

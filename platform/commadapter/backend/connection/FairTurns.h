@@ -16,10 +16,11 @@ class IoLoop;
 
 /// In which order the connections that have something to read are served, and for how long.
 ///
-/// While the loop has time, each is served as soon as it is readable. Once the connections take more than half of its
-/// time they stand in line: users take turns, whatever number of connections each has, and within a user's line those
-/// that sent little the last time come before those that had more than their turn sufficed for. So a peer that asks now
-/// and then waits for one turn of those that ask without a pause, not for all of them. Loop only.
+/// While the loop has time, or nothing else is ready, each is served as soon as it is readable. Otherwise, once the
+/// connections take more than half of its time, they stand in line: users take turns, whatever number of connections
+/// each has, and within a user's line those that sent little the last time come before those that had more than their
+/// turn sufficed for. So a peer that asks now and then waits for one turn of those that ask without a pause, not for
+/// all of them. Loop only.
 class FairTurns {
 public:
     /// A turn lasts no longer than this, message by message; between two rounds of this length the loop looks for what
