@@ -145,6 +145,14 @@ def halves(a, count=1000, kib=60):
     swarm(a, count, refill)
 
 
+def numbers(a, count=100):
+    """One request each, of the highest number: what it is kept in has a place for each lower one."""
+    def refill(p):
+        p.next += 1
+        return request(65536, '/echo', 'retrieve', 'single') if p.next == 2 else b''
+    swarm(a, count, refill)
+
+
 def cancels(a, count=10):
     resource, command = (a.path, 'explain') if a.path == '/registry' else ('/hang', 'retrieve')
 

@@ -494,6 +494,8 @@ ROWS = [
     Row('14', 'a policy and a table: the denied user', alone=denied),
     Row('15a', '1,000 connections with an unfinished request of 60 KB: registry', halves),
     Row('15b', '1,000 connections with an unfinished request of 60 KB: provider', halves, **SVC),
+    Row('15g', '100 connections with a request of number 65,536: registry', numbers),
+    Row('15h', '100 connections with a request of number 65,536: provider', numbers, **SVC),
     Row('15c', 'a million requests and cancels: registry', cancels),
     Row('15d', 'a million requests and cancels of what never answers: provider', cancels, **SVC),
     Row('15e', 'heads of 60 KB: registry', heads),

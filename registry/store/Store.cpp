@@ -321,14 +321,22 @@ void Store::queryRegistry(StreamId stream, const Query& query, const PathPattern
     m_watchers.addQuery(stream, query, patterns, viewer);
 }
 
+/// What all see as before is not held against the globs that are asked for, which may take a millisecond for each user.
 void Store::changeSights(const Watchers::Sights& sights)
 {
+    const Watchers::Exchanges exchanges = m_watchers.exchanges(sights);
     std::vector<StreamId> lost;
     std::vector<StreamId> gained;
     for (const auto& [path, held] : m_records) {
+        const Record& record = *held.record;
+        if (std::none_of(exchanges.begin(), exchanges.end(), [&record](const auto& exchange) {
+                return sees(exchange.first, record) != sees(exchange.second, record);
+            })) {
+            continue;
+        }
         lost.clear();
         gained.clear();
-        m_watchers.compare(*held.record, sights, lost, gained);
+        m_watchers.compare(record, sights, lost, gained);
         for (const StreamId stream : lost) {
             m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::REMOVED, held.record, 0, false});
         }

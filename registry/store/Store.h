@@ -127,8 +127,8 @@ private:
 
     Records m_records;
     std::unordered_map<StreamId, Registration> m_registrations;
-    std::unordered_map<std::string, Contest> m_contests;
-    std::unordered_map<std::string, std::deque<StreamId>> m_superseded; ///< by path, those that may have it again
+    std::map<std::string, Contest> m_contests;
+    std::map<std::string, std::deque<StreamId>> m_superseded; ///< by path, those that may have it again
     Watchers m_watchers;
     std::uint64_t m_lastProof = 0;
 

@@ -115,6 +115,23 @@ void Watchers::asking(const std::string& path, std::vector<StreamId>& streams)
     std::sort(streams.begin() + queries, streams.end());
 }
 
+Watchers::Exchanges Watchers::exchanges(const Sights& sights) const
+{
+    Exchanges exchanges;
+    for (const auto& [stream, sight] : sights) {
+        const auto tracked = m_trackedPaths.find(stream);
+        if (tracked != m_trackedPaths.end()) {
+            exchanges.emplace(m_trackers.at(*tracked->second).at(stream).sight, sight);
+            continue;
+        }
+        const auto watch = m_queries.find(stream);
+        if (watch != m_queries.end()) {
+            exchanges.emplace(m_asked.at(watch->second.first).selection.viewer.sight, sight);
+        }
+    }
+    return exchanges;
+}
+
 void Watchers::compare(const Record& record, const Sights& sights, std::vector<StreamId>& lost,
                        std::vector<StreamId>& gained)
 {

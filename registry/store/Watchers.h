@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <unordered_map>
 #include <utility>
@@ -48,6 +49,9 @@ public:
     void asking(const std::string& path, std::vector<StreamId>& streams);
 
     using Sights = std::unordered_map<StreamId, SightPtr>;
+    /// Which sights these would take the place of, and by which: each pair once.
+    using Exchanges = std::set<std::pair<SightPtr, SightPtr>>;
+    Exchanges exchanges(const Sights& sights) const;
     /// Appends whom `record` would be lost to, and who would gain it, if these had those sights.
     void compare(const Record& record, const Sights& sights, std::vector<StreamId>& lost,
                  std::vector<StreamId>& gained);
@@ -65,9 +69,10 @@ private:
     void eraseTracker(std::unordered_map<StreamId, const std::string*>::iterator tracked);
     void eraseQuery(StreamId stream, AskedId id);
 
-    std::unordered_map<std::string, Trackers> m_trackers;
+    // What peers choose is in no table of hashes: they could choose many of one.
+    std::map<std::string, Trackers> m_trackers;
     std::unordered_map<StreamId, const std::string*> m_trackedPaths; ///< into the keys of `m_trackers`
-    std::unordered_map<std::string, AskedId> m_ids;                  ///< by the key of the selection
+    std::map<std::string, AskedId> m_ids;                            ///< by the key of the selection
     std::unordered_map<AskedId, Asked> m_asked;
     std::unordered_map<StreamId, std::pair<AskedId, QueryWatch>> m_queries; ///< refers into `m_asked`
     AskedId m_lastId = 0;

@@ -256,7 +256,6 @@ void CommBackend::describeHolds(const Holds& holds)
 std::string CommBackend::describeNow() const
 {
     constexpr std::size_t MOST_BYTES = std::size_t{1} << 20U;
-    std::size_t looks = 200'000; // at numbers of requests, in all: half a millisecond
     ProcessDescription description;
     description.process = m_process;
     description.instance = m_instance;
@@ -270,9 +269,9 @@ std::string CommBackend::describeNow() const
     description.serviceCount = m_services->addPaths(description.services, ProcessDescription::MOST_NAMED);
     description.areServicesClosed = m_services->areClosed();
     auto& connections = description.connections;
-    description.connectionCount = m_clients->addFacts(connections, ProcessDescription::MOST_NAMED, looks);
+    description.connectionCount = m_clients->addFacts(connections, ProcessDescription::MOST_NAMED);
     description.connectionCount +=
-        m_services->addFacts(connections, ProcessDescription::MOST_NAMED - connections.size(), looks);
+        m_services->addFacts(connections, ProcessDescription::MOST_NAMED - connections.size());
     description.queuedBytes = m_loop->queued().now().all;
     for (const auto& hold : m_holds) {
         if (const comm::TimeNs held = hold->heldFor(); held > ProcessDescription::LONG_HOLD) {

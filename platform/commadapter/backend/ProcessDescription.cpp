@@ -104,9 +104,7 @@ void appendConnection(std::string& out, const ConnectionFacts& facts)
     if (facts.since != 0) {
         connection.number("since", milliseconds(facts.since));
     }
-    if (facts.openRequests) {
-        connection.number("openRequests", *facts.openRequests);
-    }
+    connection.number("openRequests", facts.openRequests);
     connection.number("queuedBytes", facts.queuedBytes);
     connection.number("unreadBytes", facts.unreadBytes);
     if (facts.isByPeer) {

@@ -10,6 +10,13 @@
 
 namespace kesa::commadapter::protocol {
 
+namespace {
+
+/// Of a head that is kept to know the next one by; one that is larger is rare, and a connection idle at most times.
+constexpr std::size_t MOST_KNOWN_BYTES = 4U << 10U;
+
+} // namespace
+
 Input::Input(Role role, const Hello& own, const Limits& limits, IMachineListener& listener, Shared& shared)
     : m_role(role), m_own(own), m_limits(limits), m_listener(listener), m_shared(shared)
 {}
@@ -27,6 +34,9 @@ void Input::giveBufferBack() noexcept
 {
     if (m_begin == m_end) {
         m_block.giveBack();
+    }
+    if (m_known.bytes.capacity() > MOST_KNOWN_BYTES) {
+        m_known = KnownHead();
     }
 }
 

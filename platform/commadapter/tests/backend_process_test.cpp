@@ -182,20 +182,22 @@ TEST(ProcessDescription, IsJsonWhateverNamesHave)
     EXPECT_EQ(read["runDirectory"].toText(), "/run/\"?") << "names of files need not be UTF-8";
 }
 
-TEST(ConnectionFacts, RequestsAreCountedAsLongAsThatIsQuick)
+TEST(StreamTable, HasNumbersThatThePeerChose)
 {
     StreamTable<StreamEntry> streams;
-    for (const std::uint32_t stream : {1U, 3U, 4U}) {
+    StreamList order;
+    for (const std::uint32_t stream : {1U, MAX_STREAMS, 3U, 65U}) {
         ASSERT_NE(streams.take(stream), nullptr);
+        streams.append(order, stream);
     }
-    streams.release(3);
-    ConnectionFacts facts;
-    std::size_t looks = 7;
-    addOpenRequests(facts, streams, looks);
-    EXPECT_EQ(facts.openRequests, 2U);
-    addOpenRequests(facts, streams, looks);
-    EXPECT_EQ(facts.openRequests, std::nullopt);
-    EXPECT_EQ(looks, 3U);
+    for (const std::uint32_t stream : {0U, 3U, MAX_STREAMS + 1}) {
+        EXPECT_EQ(streams.take(stream), nullptr);
+    }
+    streams.remove(order, MAX_STREAMS);
+    streams.release(MAX_STREAMS);
+    EXPECT_TRUE(streams.find(MAX_STREAMS) == nullptr && streams.find(64) == nullptr && streams.find(0) == nullptr);
+    EXPECT_EQ(streams.countTaken(), 3U);
+    EXPECT_TRUE(streams.find(1)->next == 3 && streams.find(3)->next == 65 && order.last == 65);
 }
 
 } // namespace

@@ -46,7 +46,7 @@ std::string ClientConnection::peerName() const
     return m_connector->destination().endpoint.toString();
 }
 
-ConnectionFacts ClientConnection::facts(std::size_t& looks) const
+ConnectionFacts ClientConnection::facts() const
 {
     ConnectionFacts facts;
     facts.process = m_connector->destination().endpoint.process;
@@ -54,7 +54,7 @@ ConnectionFacts ClientConnection::facts(std::size_t& looks) const
     facts.isConnected = isOpen() && m_isGreeted;
     if (isOpen()) {
         addFacts(facts, m_openedAt);
-        addOpenRequests(facts, m_streams, looks);
+        facts.openRequests = m_streams.countTaken();
     }
     if (!facts.isConnected) {
         facts.reason = m_connector->lastReason();

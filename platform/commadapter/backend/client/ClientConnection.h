@@ -62,8 +62,7 @@ public:
     std::string obstacle(const ClientState& client) const;
 
     // Loop only.
-    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
-    ConnectionFacts facts(std::size_t& looks) const;
+    ConnectionFacts facts() const;
     /// Nobody uses it, for now or for good.
     void disconnect();
     /// Ends everything, calling nobody but the handlers of open requests.

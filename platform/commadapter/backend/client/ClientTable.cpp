@@ -70,7 +70,7 @@ ClientTable::Entries ClientTable::takeAll()
     return std::exchange(m_entries, {});
 }
 
-std::size_t ClientTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks)
+std::size_t ClientTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most)
 {
     m_loop->onLoop(__func__);
     std::vector<std::shared_ptr<ClientConnection>> connections;
@@ -81,7 +81,7 @@ std::size_t ClientTable::addFacts(std::vector<ConnectionFacts>& facts, std::size
     }
     lock.unlock();
     for (const auto& connection : connections) {
-        facts.push_back(connection->facts(looks));
+        facts.push_back(connection->facts());
     }
     return count;
 }

@@ -20,7 +20,7 @@ public:
     /// The connection to an endpoint, with one more user. Any thread.
     std::shared_ptr<ClientConnection> use(const Destination& destination);
     /// Of the first `most` of them; answers how many there are. Loop only.
-    std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks);
+    std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most);
     /// Ends all of them. Loop only.
     void stop();
     /// After the loop's end, any thread: drops what a loop that was killed has left.

@@ -5,7 +5,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <optional>
 #include <string>
 
 namespace kesa::commadapter {
@@ -17,25 +16,14 @@ struct ConnectionFacts {
     std::string process;      ///< as the peer says, or as the locator does; empty while unknown
     std::int64_t pid = -1;    ///< -1 while unknown, like the next one
     std::int64_t uid = -1;
-    comm::TimeNs since = 0;                      ///< on the wall clock; 0 while there is none
-    std::optional<std::size_t> openRequests = 0; ///< whose end has not been sent, or has not come; none: not counted
-    std::size_t queuedBytes = 0;                 ///< to the peer, still in this process
-    std::size_t unreadBytes = 0;                 ///< of the peer, arrived and not read
-    bool isHeld = false;                         ///< its requests wait, since its peer does not take its answers
-    std::size_t cutStreams = 0;                  ///< of the peer: it took their values too slowly
-    std::string reason;                          ///< why it is not connected
+    comm::TimeNs since = 0;       ///< on the wall clock; 0 while there is none
+    std::size_t openRequests = 0; ///< whose end has not been sent, or has not come
+    std::size_t queuedBytes = 0;  ///< to the peer, still in this process
+    std::size_t unreadBytes = 0;  ///< of the peer, arrived and not read
+    bool isHeld = false;          ///< its requests wait, since its peer does not take its answers
+    std::size_t cutStreams = 0;   ///< of the peer: it took their values too slowly
+    std::string reason;           ///< why it is not connected
 };
-
-/// Counts the requests of a table of streams, unless that would be more than `looks`, of which it takes its part.
-template <class Streams>
-void addOpenRequests(ConnectionFacts& facts, const Streams& streams, std::size_t& looks)
-{
-    facts.openRequests.reset();
-    if (streams.highest() <= looks) {
-        looks -= streams.highest();
-        facts.openRequests = streams.countTaken();
-    }
-}
 
 } // namespace kesa::commadapter
 

@@ -1,9 +1,10 @@
 #ifndef KESA_COMMADAPTER_BACKEND_CONNECTION_STREAMTABLE_H
 #define KESA_COMMADAPTER_BACKEND_CONNECTION_STREAMTABLE_H
 
-#include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 namespace kesa::commadapter {
@@ -24,16 +25,17 @@ struct StreamEntry {
     bool isTaken = false; ///< its number is in use
 };
 
-/// What one side knows of each stream of a connection, flat and indexed by the stream's number: nothing is allocated
-/// per stream once the table has grown. Either all numbers of a table are the peer's choice (`take`), or none.
+/// What one side knows of each stream of a connection, by the stream's number. The numbers may be the peer's choice, so
+/// the table has only those parts in which one is in use, and the first: there nothing is allocated per stream. Either
+/// all numbers of a table are the peer's choice (`take`), or none.
 template <class Entry>
 class StreamTable {
 public:
     /// The entry of a number in use; null for any other.
     Entry* find(std::uint32_t stream) noexcept
     {
-        return stream > 0 && stream <= m_entries.size() && m_entries[stream - 1].isTaken ? &m_entries[stream - 1]
-                                                                                         : nullptr;
+        const std::size_t part = (stream - 1) / PART; // of 0 there is none
+        return part < m_parts.size() && m_parts[part] && at(stream).isTaken ? &at(stream) : nullptr;
     }
     /// Takes a number that the peer chose; null when it is out of range or in use.
     Entry* take(std::uint32_t stream)
@@ -41,13 +43,27 @@ public:
         if (stream == 0 || stream > MAX_STREAMS || find(stream) != nullptr) {
             return nullptr;
         }
-        if (stream > m_entries.size()) {
-            m_entries.resize(stream);
+        const std::size_t part = (stream - 1) / PART;
+        if (part >= m_parts.size()) {
+            m_parts.resize(part + 1);
         }
-        m_entries[stream - 1].isTaken = true;
-        return &m_entries[stream - 1];
+        if (!m_parts[part]) {
+            m_parts[part] = std::make_unique<Part>();
+        }
+        ++m_parts[part]->taken;
+        ++m_taken;
+        at(stream).isTaken = true;
+        return &at(stream);
     }
-    void release(std::uint32_t stream) { m_entries[stream - 1] = Entry(); }
+    void release(std::uint32_t stream)
+    {
+        const std::size_t part = (stream - 1) / PART;
+        at(stream) = Entry();
+        --m_taken;
+        if (--m_parts[part]->taken == 0 && part > 0) {
+            m_parts[part].reset();
+        }
+    }
 
     /// Takes a free number, the one given back last if there is one; 0 when all are in use.
     std::uint32_t takeAny()
@@ -56,14 +72,15 @@ public:
         if (!m_free.empty()) {
             stream = m_free.back();
             m_free.pop_back();
-        } else if (m_entries.size() < MAX_STREAMS) {
-            m_entries.emplace_back();
-            m_free.reserve(m_entries.capacity());
-            stream = highest();
+        } else if (m_highest < MAX_STREAMS) {
+            stream = ++m_highest;
+            if (m_free.capacity() < m_highest) {
+                m_free.reserve(2 * std::size_t{m_highest});
+            }
         } else {
             return 0;
         }
-        m_entries[stream - 1].isTaken = true;
+        take(stream);
         return stream;
     }
     void giveBack(std::uint32_t stream)
@@ -72,32 +89,37 @@ public:
         m_free.push_back(stream);
     }
 
-    /// How many numbers are in use: a look at all that ever were.
-    std::size_t countTaken() const noexcept
-    {
-        return static_cast<std::size_t>(
-            std::count_if(m_entries.begin(), m_entries.end(), [](const Entry& entry) { return entry.isTaken; }));
-    }
-    /// The highest number that was ever in use.
-    std::uint32_t highest() const noexcept { return static_cast<std::uint32_t>(m_entries.size()); }
+    /// How many numbers are in use.
+    std::size_t countTaken() const noexcept { return m_taken; }
+    /// The highest number that `takeAny` ever gave.
+    std::uint32_t highest() const noexcept { return m_highest; }
 
     void append(StreamList& list, std::uint32_t stream)
     {
-        Entry& entry = m_entries[stream - 1];
+        Entry& entry = at(stream);
         entry.previous = list.last;
         entry.next = 0;
-        (list.last != 0 ? m_entries[list.last - 1].next : list.first) = stream;
+        (list.last != 0 ? at(list.last).next : list.first) = stream;
         list.last = stream;
     }
     void remove(StreamList& list, std::uint32_t stream)
     {
-        const Entry& entry = m_entries[stream - 1];
-        (entry.previous != 0 ? m_entries[entry.previous - 1].next : list.first) = entry.next;
-        (entry.next != 0 ? m_entries[entry.next - 1].previous : list.last) = entry.previous;
+        const Entry& entry = at(stream);
+        (entry.previous != 0 ? at(entry.previous).next : list.first) = entry.next;
+        (entry.next != 0 ? at(entry.next).previous : list.last) = entry.previous;
     }
 
 private:
-    std::vector<Entry> m_entries;
+    static constexpr std::uint32_t PART = 64;
+    struct Part {
+        std::array<Entry, PART> entries{};
+        std::uint32_t taken = 0;
+    };
+    Entry& at(std::uint32_t stream) noexcept { return m_parts[(stream - 1) / PART]->entries[(stream - 1) % PART]; }
+
+    std::vector<std::unique_ptr<Part>> m_parts;
+    std::size_t m_taken = 0;
+    std::uint32_t m_highest = 0;
     std::vector<std::uint32_t> m_free;
 };
 

@@ -267,10 +267,10 @@ void ServedRequests::release(std::uint32_t number)
     m_streams.release(number);
 }
 
-void ServedRequests::addFacts(ConnectionFacts& facts, std::size_t& looks) const
+void ServedRequests::addFacts(ConnectionFacts& facts) const
 {
     facts.cutStreams = m_cuts;
-    addOpenRequests(facts, m_streams, looks);
+    facts.openRequests = m_streams.countTaken();
 }
 
 // ---- clients that are too slow -------------------------------------------------------------------------------------

@@ -58,8 +58,7 @@ public:
             queueLatest(number, *m_streams.find(number));
         }
     }
-    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
-    void addFacts(ConnectionFacts& facts, std::size_t& looks) const;
+    void addFacts(ConnectionFacts& facts) const;
 
 private:
     struct Latest {

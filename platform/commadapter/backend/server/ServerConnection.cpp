@@ -34,7 +34,7 @@ void ServerConnection::end()
     lose("shutting down");
 }
 
-ConnectionFacts ServerConnection::facts(std::size_t& looks) const
+ConnectionFacts ServerConnection::facts() const
 {
     ConnectionFacts facts;
     facts.isByPeer = true;
@@ -43,7 +43,7 @@ ConnectionFacts ServerConnection::facts(std::size_t& looks) const
     const Lock lock(m_lock);
     if (isOpen()) {
         addFacts(facts, m_openedAt);
-        m_served.addFacts(facts, looks);
+        m_served.addFacts(facts);
     }
     return facts;
 }

@@ -31,8 +31,7 @@ public:
     void begin(std::unique_ptr<transport::IStream> stream, const protocol::Hello& own);
     /// Writes what can be written, then ends the connection.
     void end();
-    /// `looks`: so many more numbers of requests may be looked at to count those that are open.
-    ConnectionFacts facts(std::size_t& looks) const;
+    ConnectionFacts facts() const;
     Liveness& liveness() noexcept { return m_liveness; }
     /// See `IPeer`. Asked of the kernel once.
     IPeer::Name proveName();

@@ -200,11 +200,11 @@ std::shared_ptr<ProvidedService> ServiceTable::find(const std::string& path) con
     return path == m_own->path ? m_own : nullptr;
 }
 
-std::size_t ServiceTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const
+std::size_t ServiceTable::addFacts(std::vector<ConnectionFacts>& facts, std::size_t most) const
 {
     m_loop->onLoop(__func__);
     for (auto connection = m_connections.begin(); connection != m_connections.end() && most > 0; ++connection, --most) {
-        facts.push_back((*connection)->facts(looks));
+        facts.push_back((*connection)->facts());
     }
     return m_connections.size();
 }

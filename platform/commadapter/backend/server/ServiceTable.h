@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -54,7 +55,7 @@ public:
     void accept(std::unique_ptr<transport::IStream> stream, const std::string& scheme,
                 std::weak_ptr<const transport::ITransport> transport = {});
     /// Of the first `most` connections; answers how many there are.
-    std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most, std::size_t& looks) const;
+    std::size_t addFacts(std::vector<ConnectionFacts>& facts, std::size_t most) const;
     /// Up to `most` of the paths that the process provides, in order; answers how many it does. Any thread.
     std::size_t addPaths(std::vector<std::string>& paths, std::size_t most) const;
     /// All services are, to other users, since the table of rules cannot be read. Loop only.
@@ -87,8 +88,9 @@ private:
     const std::shared_ptr<ProvidedService> m_own;
     mutable std::mutex m_lock; ///< services come and go in any thread, the loop looks them up
     std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
-    /// By path. Read on the loop, or with the lock held; changed on the loop with the lock held.
-    std::unordered_map<std::string, InterestList> m_interests;
+    /// By path, which is of the clients' choice: none may choose many of one hash. Read on the loop, or with the lock
+    /// held; changed on the loop with the lock held.
+    std::map<std::string, InterestList> m_interests;
     // Loop only.
     Doorkeeper m_doorkeeper;
     bool m_saysIdleRules = false;                               ///< before long
