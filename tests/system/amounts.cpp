@@ -90,15 +90,17 @@ TEST_F(SystemAmounts, MessagesWithoutEndAreKeptInBounds)
     }
 }
 
-TEST_F(SystemAmounts, PathsThatAreAttachedAreKeptInBounds)
+TEST_F(SystemAmounts, PathsAndNumbersOfRequestsAreKeptInBounds)
 {
     for (const Victim& victim : startVictims()) {
         SCOPED_TRACE(victim.process.name());
-        const std::size_t before = victim.process.residentKiB();
-        const Intruder intruder([&](auto& peers, int) { attachLongPaths(peers, runDirectory(), victim); });
-        intruder.awaitWord();
-        expectServed();
-        EXPECT_LT(victim.process.residentKiB(), before + MOST_ATTACHED_KIB);
+        for (const auto act : {&attachLongPaths, &useHighNumbers}) {
+            const std::size_t before = victim.process.residentKiB();
+            const Intruder intruder([&](auto& peers, int) { act(peers, runDirectory(), victim); });
+            intruder.awaitWord();
+            expectServed();
+            EXPECT_LT(victim.process.residentKiB(), before + MOST_ATTACHED_KIB);
+        }
     }
 }
 

@@ -127,6 +127,17 @@ void takeEnds(RawPeer& peer, std::uint32_t count)
 
 } // namespace
 
+void useHighNumbers(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim)
+{
+    for (int count = 0; count < 60; ++count) {
+        RawPeer& peer = peers.emplace_back(runDirectory, victim.process.name());
+        peer.send(wire::hello() + wire::attach(1, victim.path) + requestThatEnds(victim, 65536));
+        peer.readFrame(); // its hello
+        peer.readFrame(); // attached
+        peer.readFrame(); // an answer, or its last word
+    }
+}
+
 void askForEver(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim, int told)
 {
     constexpr std::size_t CONNECTIONS = 100;
