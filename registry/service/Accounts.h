@@ -55,6 +55,11 @@ public:
     std::string charge(Payer& payer, const Charge& charge);
     void takeBack(Payer& payer, const Charge& charge);
 
+    /// What all queries add to each change at most.
+    std::size_t steps() const noexcept { return m_all.steps; }
+    /// The same of the payer's user.
+    std::size_t steps(const Payer& payer) const noexcept { return payer.user->steps; }
+
     /// News that wait for the payer. Answers whether the processes of his user have more than may wait for them.
     bool keep(Payer& payer, std::size_t bytes);
     void letGo(Payer& payer, std::size_t bytes);

@@ -140,6 +140,8 @@ private:
     std::string whyMayNotRegister(const Asker& asker, const std::string& path);
     void forbid(const Asker& asker, IResponseHandler<ServiceDef>& handler, const std::string& path,
                 const std::string& why);
+    void cutOffCostliest(std::size_t records);
+    void cutOffQueries(std::int64_t uid, const std::string& why);
     void endIfForbidden(StreamId stream);
     std::vector<access::Identity> identitiesOf(const std::string& who, bool mayLookUp) const;
     util::config::Value describeMay(const std::string& path, const std::string& who, const Store::Held* held) const;

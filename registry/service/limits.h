@@ -23,6 +23,9 @@ inline constexpr std::size_t MAX_USER_STEPS = 250'000;
 /// Of a glob for the longest path: what one look takes when a first answer is gathered.
 inline constexpr std::size_t MAX_GLOB_STEPS = 200'000;
 inline constexpr std::size_t MAX_STEPS = 4'000'000;
+/// And all that is asked for to a reload of the policy, which holds each record that somebody sees otherwise against
+/// it: by that bound, which nearly all globs stay far below.
+inline constexpr std::size_t MAX_RELOAD_STEPS = 500'000'000;
 
 /// What a request takes besides what it names, as measured: the stream, its handlers, and entries of tables.
 inline constexpr std::size_t REQUEST_BYTES = 1400;

@@ -9,6 +9,8 @@
 #include <obr/visible.h>
 #include <rules/systemAccounts.h>
 
+#include <fmt/format.h>
+
 #include <algorithm>
 
 namespace kesa::registry {
@@ -103,7 +105,9 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
                 sights.emplace(stream, request.asker->permit);
             }
         }
-        m_store.changeSights(sights);
+        const std::vector<RecordPtr> otherwise = m_store.seenOtherwise(sights);
+        cutOffCostliest(otherwise.size());
+        m_store.changeSights(sights, otherwise);
         // Claims first, or one of them would get a path for the moment until it ends. Of the others, one that would get
         // its path back has ended before.
         std::sort(registrations.begin(), registrations.end());
@@ -113,6 +117,45 @@ void Registry::Impl::setPolicy(std::shared_ptr<Policy> policy)
             endIfForbidden(stream);
         }
     });
+}
+
+/// Holding so many records against all that is asked for would take too long: who asks for the most goes, user by user,
+/// and asks anew.
+void Registry::Impl::cutOffCostliest(std::size_t records)
+{
+    while (records > 0 && m_accounts.steps() > MAX_RELOAD_STEPS / records) {
+        const Asker* costliest = nullptr;
+        for (const auto& [key, asker] : m_askers) {
+            if (asker->peer &&
+                (costliest == nullptr || m_accounts.steps(asker->payer) > m_accounts.steps(costliest->payer))) {
+                costliest = asker.get();
+            }
+        }
+        if (costliest == nullptr || m_accounts.steps(costliest->payer) == 0) {
+            return;
+        }
+        cutOffQueries(costliest->uid,
+                      fmt::format("the policy was read again, and what its user asks for takes too long "
+                                  "to be held against {} services: up to {} steps of matching for each",
+                                  records, m_accounts.steps(costliest->payer)));
+    }
+}
+
+/// Whoever of the user has some.
+void Registry::Impl::cutOffQueries(std::int64_t uid, const std::string& why)
+{
+    for (auto next = m_requests.begin(); next != m_requests.end();) {
+        const auto request = next++;
+        Asker& asker = *request->second.asker;
+        if (!asker.peer || asker.uid != uid || !std::holds_alternative<QueryHandler>(request->second.handler)) {
+            continue;
+        }
+        if (!asker.isCutOff) {
+            cutOff(asker, why);
+        }
+        m_store.end(request->first);
+        m_dead.push_back(take(request));
+    }
 }
 
 void Registry::Impl::keepPolicy(std::string problem)

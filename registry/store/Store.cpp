@@ -321,27 +321,33 @@ void Store::queryRegistry(StreamId stream, const Query& query, const PathPattern
     m_watchers.addQuery(stream, query, patterns, viewer);
 }
 
-/// What all see as before is not held against the globs that are asked for, which may take a millisecond for each user.
-void Store::changeSights(const Watchers::Sights& sights)
+std::vector<RecordPtr> Store::seenOtherwise(const Watchers::Sights& sights) const
 {
     const Watchers::Exchanges exchanges = m_watchers.exchanges(sights);
-    std::vector<StreamId> lost;
-    std::vector<StreamId> gained;
+    std::vector<RecordPtr> records;
     for (const auto& [path, held] : m_records) {
-        const Record& record = *held.record;
-        if (std::none_of(exchanges.begin(), exchanges.end(), [&record](const auto& exchange) {
+        if (std::any_of(exchanges.begin(), exchanges.end(), [&record = *held.record](const auto& exchange) {
                 return sees(exchange.first, record) != sees(exchange.second, record);
             })) {
-            continue;
+            records.push_back(held.record);
         }
+    }
+    return records;
+}
+
+void Store::changeSights(const Watchers::Sights& sights, const std::vector<RecordPtr>& records)
+{
+    std::vector<StreamId> lost;
+    std::vector<StreamId> gained;
+    for (const RecordPtr& record : records) {
         lost.clear();
         gained.clear();
-        m_watchers.compare(record, sights, lost, gained);
+        m_watchers.compare(*record, sights, lost, gained);
         for (const StreamId stream : lost) {
-            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::REMOVED, held.record, 0, false});
+            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::REMOVED, record, 0, false});
         }
         for (const StreamId stream : gained) {
-            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::ADDED, held.record, 0, false});
+            m_effects.push_back({Effect::Kind::eUPDATE, stream, UpdateType::ADDED, record, 0, false});
         }
     }
     m_watchers.change(sights);

@@ -56,8 +56,10 @@ public:
     void trackService(StreamId stream, const std::string& path, const Viewer& viewer);
     /// The first answer is fetched with `list`.
     void queryRegistry(StreamId stream, const Query& query, const PathPatterns& patterns, const Viewer& viewer);
-    /// These trackings and queries see otherwise from now on: they are told of what comes into their sight, and goes.
-    void changeSights(const Watchers::Sights& sights);
+    /// What any of these trackings and queries would see otherwise.
+    std::vector<RecordPtr> seenOtherwise(const Watchers::Sights& sights) const;
+    /// They do from now on: they are told of what comes into their sight, and goes, which is among `records`.
+    void changeSights(const Watchers::Sights& sights, const std::vector<RecordPtr>& records);
     /// Ends a request of any kind. One it does not know is ignored. Answers the record that is there no longer because
     /// of that, if any.
     RecordPtr end(StreamId stream);
