@@ -20,8 +20,11 @@ constexpr comm::TimeNs LOOKS = comm::SECOND + 50 * comm::MILLISECOND;
 constexpr comm::TimeNs NOTICED = 10 * comm::MILLISECOND;
 const comm::TimeNs HEARTBEAT = commadapter::CommSettings().heartbeat;
 
+constexpr std::string_view DROPPED = "the service dropped the request";
+constexpr std::string_view TOO_SLOW = "too slow";
+
 const std::vector<std::string_view> REASONS = {
-    "the service dropped the request",
+    DROPPED,
     "the service is not provided",
     "the service was withdrawn",
     "the service is not connected",
@@ -97,7 +100,11 @@ std::unique_ptr<IResponseHandler<Response>> makeCaller(Verdict& verdict, std::sh
 Call::Call(Verdict& verdict, const Calls& calls, Wish wish, std::string number, std::shared_ptr<Belief> belief)
     : m_verdict(verdict), m_calls(calls), m_wish(std::move(wish)), m_number(std::move(number)),
       m_belief(std::move(belief))
-{}
+{
+    if (m_wish.resource == Wish::FEED && !m_wish.isOfLiar) {
+        m_feed = std::make_unique<Feed>(verdict, m_belief->name, m_wish.isSlow, calls.feedBounds());
+    }
+}
 
 void Call::check(bool holds, const char* rule, const std::string& what)
 {
@@ -175,12 +182,18 @@ void Call::value(const Response& response)
         check(text.substr(0, text.find(' ')) == m_number, "an answer reaches who asked",
               std::string(text.substr(0, text.find(' '))));
     }
+    if (m_feed) {
+        m_feed->value(response.getPayload().text());
+    }
 }
 
 void Call::completed()
 {
     checkInTime();
     check(!m_wish.isLarge() || m_wish.isOfLiar || m_belief->values == 1, "no answer is lost");
+    if (m_feed) {
+        m_feed->ended();
+    }
     if (hasLimit() && isValueEnough() && m_isTimed && comm::now() > m_deadline) {
         mark("had its value in time, and went on");
     }
@@ -207,6 +220,11 @@ void Call::error(const Response& error)
     if (status == 503) {
         checkReason(text);
     }
+    if (m_feed && text == TOO_SLOW) {
+        m_feed->tooSlow();
+    } else if (m_feed && (status == 418 || text == DROPPED)) {
+        m_feed->ended();
+    }
     checkInTime();
 }
 
@@ -226,8 +244,8 @@ void Call::checkReason(const std::string& text)
 {
     const bool isOfStanding = startsWithOneOf(text, REASONS_OF_STANDING) &&
                               (!m_isTimed || m_calls.hasOtherStood(m_group, comm::now() - HEARTBEAT));
-    check(startsWithOneOf(text, REASONS) || isOfStanding || m_wish.semantic == responsesemantics::PERSISTENT_STREAM,
-          "a call has a reason to fail", text);
+    const bool isCut = text == TOO_SLOW && m_wish.semantic == responsesemantics::PERSISTENT_STREAM;
+    check(startsWithOneOf(text, REASONS) || isOfStanding || isCut, "a call has a reason to fail", text);
 }
 
 void Call::destroyed()
@@ -240,8 +258,9 @@ void Call::destroyed()
 
 // ---- the service --------------------------------------------------------------------------------------------------
 
-void Call::asked(std::optional<comm::TimeNs> deadline)
+void Call::asked(std::uint64_t by, std::optional<comm::TimeNs> deadline)
 {
+    m_asks = by;
     if (m_number.empty()) {
         return;
     }
@@ -280,6 +299,17 @@ void Call::taken()
     }
 }
 
+std::string Call::difference() const
+{
+    if (isOver() || m_number.empty()) {
+        return "";
+    }
+    if (m_isLeft || (m_feed && m_feed->isRefused())) {
+        return "its service has done with it, and its asker has not heard of that";
+    }
+    return m_wish.isLarge() ? "is not answered" : m_feed ? m_feed->difference() : "";
+}
+
 std::shared_ptr<Call> Calls::find(const std::string& number) const
 {
     const auto found = m_calls.find(number);
@@ -293,6 +323,15 @@ Flow& Calls::flow(std::uint64_t from, std::uint64_t to)
         flow->second.bound = m_bounds[to];
     }
     return flow->second;
+}
+
+std::size_t Calls::mostUnderWay(std::uint64_t from, std::uint64_t to) const
+{
+    std::size_t bytes = 0;
+    for (const auto& [number, call] : m_calls) {
+        bytes += call->feed() && call->asks() == from && call->group() == to ? call->feed()->mostUnderWay() : 0;
+    }
+    return bytes;
 }
 
 comm::TimeNs Calls::stillUntil(std::uint64_t group) const

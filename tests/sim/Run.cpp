@@ -21,8 +21,11 @@ Run::Run(const Options& options) : m_options(options), m_world(options)
 
 std::vector<std::string> Run::run()
 {
+    SeededRandom feeds; // of its own, as the next one: what the other runs draw stays as it was
+    feeds.state = m_options.seed + 1'000'000;
+    m_isFeeding = m_options.feeds > 0 && feeds.below(m_options.feeds) == 0;
     drawFaults();
-    SeededRandom liars; // of its own: what the other runs draw stays as it was
+    SeededRandom liars;
     liars.state = m_options.seed;
     if (m_options.liars > 0 && !m_options.threads && liars.below(m_options.liars) == 0) {
         bringLiar();
@@ -92,6 +95,12 @@ void Run::drawFaults()
         commadapter::CommSettings ofCrowds = crowdSettings(faults.pipeBytes);
         ofCrowds.streamWindow = settings.streamWindow;
         m_world.setBackendSettings(ofCrowds, settings);
+        m_isFeeding = false;
+    } else if (m_isFeeding) {
+        faults.pipeBytes = 4096U << draw(3);
+        const commadapter::CommSettings ofTheRegistry = settings;
+        narrow(settings, faults.pipeBytes);
+        m_world.setBackendSettings(settings, ofTheRegistry);
     }
     if (m_options.threads) {
         faults = {};
@@ -159,6 +168,10 @@ void Run::actOf(Process& process)
 {
     if (m_isCrowded && oneIn(10)) {
         crowd(process);
+        return;
+    }
+    if (m_isFeeding && oneIn(4)) {
+        feed(process);
         return;
     }
     const std::uint64_t choice = draw(100);

@@ -67,6 +67,18 @@ private:
     void checkLastRequests(Process& asker, const Client& client);
     void checkAsked(const std::vector<World::Issued>& issued, const char* rule);
 
+    // feeds.cpp
+    struct Fed {
+        Process* process;
+        std::uint64_t group;
+        std::weak_ptr<IKesaApi> client;
+        World::Issued issued; ///< without its client, which nobody keeps for a feed
+    };
+    void narrow(commadapter::CommSettings& settings, std::size_t pipeBytes);
+    void feed(Process& process);
+    void openFeed(Process& process);
+    void cancelFeed(const Fed& fed);
+
     // sequences.cpp
     World::Offer offerOf(const std::string& path);
     std::vector<std::string> pathsOf(const Process& process);
@@ -108,6 +120,8 @@ private:
     std::size_t m_fillerBytes = 0;
     bool m_isCrowded = false; ///< many ask at once, and queues are small
     bool m_hasFragments = false;
+    bool m_isFeeding = false; ///< services give more values than their askers handle
+    std::vector<Fed> m_feeds;
     std::vector<std::string> m_instances; ///< that the liar has read in hellos
     bool m_isLiarTrusted = false;
     std::unique_ptr<Liar> m_liar; ///< null in most runs

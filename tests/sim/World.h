@@ -26,6 +26,7 @@ struct Options {
     bool threads = false;  ///< real loops instead of the simulated ones: not repeatable, for the sanitizers
     bool registry = false; ///< a registry in a process of its own, instead of configured services
     unsigned crowds = 20;  ///< one of so many runs is crowded
+    unsigned feeds = 5;    ///< in one of so many runs services give more values than their askers handle; 0: in none
     unsigned liars = 5;    ///< one of so many runs has a process that keeps no rule; 0, and with threads: none
 };
 
@@ -73,6 +74,9 @@ public:
         m_mostUnderWay = underWay;
     }
 
+    /// See `Calls::boundFeeds`.
+    void boundFeeds(const FeedBounds& bounds) { m_calls.boundFeeds(bounds); }
+
     void start(Process& process);
     /// The same; to whomever it says hello it says that it is `other`.
     void startPosing(Process& process, const Process& other);
@@ -116,6 +120,10 @@ public:
     Issued issue(Process& process, const Client& client, const Wish& wish);
     /// As its asker, who lives and does not stand still.
     void cancel(const Issued& issued);
+    /// The process handles so many values of each feed that it has heard.
+    void handleFeeds(std::uint64_t group, std::size_t most);
+    /// All processes handle all values, from now on at once.
+    void handleFeeds();
     /// One that the subscription has; not the registry's. Null when it has none.
     Client clientOf(const Subscription& subscription);
     /// By a record of its own, or since somebody looks for it.

@@ -3,6 +3,8 @@
 #include "World.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <deque>
 
 namespace kesa::sim {
 
@@ -72,13 +74,36 @@ void World::cancel(const Issued& issued)
     belief.terminal = true;
 }
 
+void World::handleFeeds(std::uint64_t group, std::size_t most)
+{
+    std::deque<Receipt> handled; // without the mutex
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    for (const auto& [number, call] : m_calls.all()) {
+        if (call->feed() && call->group() == group) {
+            call->feed()->handle(most, handled);
+        }
+    }
+}
+
+void World::handleFeeds()
+{
+    std::deque<Receipt> handled; // without the mutex
+    const std::lock_guard<std::mutex> lock(m_verdict->mutex);
+    for (const auto& [number, call] : m_calls.all()) {
+        if (call->feed()) {
+            call->feed()->handleAtOnce();
+            call->feed()->handle(SIZE_MAX, handled);
+        }
+    }
+}
+
 /// What is answered at once has been answered, and services have heard of the end of what they have kept.
 std::vector<std::string> World::callDifferences() const
 {
     std::vector<std::string> found;
     for (const auto& [number, call] : m_calls.all()) {
-        if (call->wish().isLarge() && !call->isOver()) {
-            found.push_back(call->belief()->name + ": is not answered");
+        if (const std::string difference = call->difference(); !difference.empty()) {
+            found.push_back(call->belief()->name + ": " + difference);
         }
     }
     for (const auto& process : m_processes) {
@@ -86,6 +111,9 @@ std::vector<std::string> World::callDifferences() const
             const auto open = m_scheduler ? service->overButOpen() : nullptr;
             if (open) {
                 found.push_back(open->belief()->name + ": is over, and its service has not heard of it");
+            }
+            if (m_scheduler && service->drained().isForgotten()) {
+                found.push_back(process->name + ": what waits for the queue neither runs nor goes");
             }
         }
     }

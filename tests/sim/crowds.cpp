@@ -108,7 +108,7 @@ void Run::ask(Process& asker, Client client, std::vector<World::Issued>& issued)
 {
     const std::uint64_t large = oneIn(3) ? draw(4) : 20 + draw(40);
     const bool isLimited = oneIn(2);
-    const std::size_t bodyBytes = oneIn(4) ? draw(6000) : 0;
+    const std::size_t bodyBytes = oneIn(4) ? draw(m_hasFragments ? 150'000 : 6000) : 0;
     for (std::uint64_t count = large; count > 0; --count) {
         Wish wish = isLimited ? someWish() : Wish();
         wish.resource = Wish::LARGE;

@@ -22,6 +22,7 @@ void World::settle()
     for (auto& process : m_processes) {
         resume(*process);
     }
+    handleFeeds();
     auto lock = runUntil(30 * comm::SECOND, [this] { return differences().empty(); });
     for (const std::string& difference : differences()) {
         m_verdict->fail("everybody believes what is true", difference);

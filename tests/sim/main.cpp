@@ -4,6 +4,7 @@
 //   kesa_sim --from 4711 --seeds 1         one run again; a failing seed is the whole report
 //   kesa_sim --registry ...                with a registry in a process of its own, instead of configured services
 //   kesa_sim --crowds 1 ...                many ask at once, in every run
+//   kesa_sim --feeds 1 ...                 services give values faster than their askers handle them, in every run
 //   kesa_sim --liars 1 ...                 one process keeps no rule, in every run
 //   kesa_sim --threads --seeds 200         the same model with real threads, for the sanitizers
 //
@@ -136,6 +137,8 @@ int main(int argc, char** argv)
         ->capture_default_str();
     app.add_flag("--registry", options.registry, "with a registry in a process of its own");
     app.add_option("--crowds", options.crowds, "one of so many runs is crowded")->capture_default_str();
+    app.add_option("--feeds", options.feeds, "in one of so many runs services give more than askers handle; 0: in none")
+        ->capture_default_str();
     app.add_option("--liars", options.liars, "one of so many runs has a liar; 0: none")->capture_default_str();
     app.add_flag("--threads", options.threads, "real threads");
     app.add_flag("--verbose", verbose, "print every trace");
