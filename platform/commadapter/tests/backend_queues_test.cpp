@@ -1,5 +1,5 @@
 // Peers that do not take what is sent to them, and very much at once. What waits, and is never lost for being one of
-// many, is in backend_holding.cpp.
+// many, is in backend_holding_test.cpp.
 
 #include "CarelessPeer.h"
 #include "backend/connection/StreamTable.h"
@@ -82,6 +82,17 @@ TEST_F(BackendQueues, LatestOfEachLeaveInTheOrderInWhichTheyCame)
     goOn();
     EXPECT_EQ(order, "231") << "what is over does not wait any longer";
     EXPECT_EQ(streams[2]->status, 413) << "behind the one that waited";
+}
+
+TEST_F(BackendQueues, AServiceMayEndTheConnection)
+{
+    open(1, QueuePolicy::eCUT_STREAM);
+    peer->disconnect("not wanted");
+    EXPECT_EQ(service.cancels(), 0U) << "never inside the call";
+    settle();
+    EXPECT_EQ(service.cancels(), 1U);
+    EXPECT_THAT(traces->take(), Contains(HasSubstr("is cut off: not wanted")));
+    EXPECT_EQ(client->connections(), 2U);
 }
 
 // Of which a user that is not trusted has a part.
