@@ -8,7 +8,7 @@ namespace kesactl {
 /// How a command ends, for scripts.
 enum class ExitCode {
     eOK = 0,
-    eFAILED = 1,      ///< not found, or the service refused
+    eFAILED = 1,      ///< not found, no right to it, or the service refused
     eUSAGE = 2,       ///< wrong arguments
     eNO_REGISTRY = 3, ///< not there, or it does not answer
     eTIMED_OUT = 4,

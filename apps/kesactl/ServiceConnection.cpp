@@ -86,7 +86,7 @@ ServiceConnection::Client ServiceConnection::client(comm::TimeNs deadline)
     if (Client client = tryClient(deadline)) { // it may have come meanwhile
         return client;
     }
-    throw Failure{isRefused() ? ExitCode::eFAILED : ExitCode::eTIMED_OUT,
+    throw Failure{isRefused() || !why.mayPass() ? ExitCode::eFAILED : ExitCode::eTIMED_OUT,
                   fmt::format("no connection to {}: {}", where.toString(), why.text), 0, why.advice};
 }
 

@@ -11,6 +11,7 @@
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/processName.h>
+#include <kesa/reasonOf.h>
 #include <kesa/responsesemantics.h>
 #include <obr/ErrorStorage.h>
 #include <transport/Authority.h>
@@ -220,7 +221,7 @@ void call(const CallArguments& arguments)
         case Answers::Kind::eERROR:
             throw Failure{ExitCode::eFAILED,
                           fmt::format("{} {} of {}: {}", arguments.command, arguments.resource, arguments.path,
-                                      saidBy(answer.response)),
+                                      shortened(kesa::reasonOf(answer.response))), // what the service means to say
                           static_cast<int>(answer.response.getStatus()),
                           {},
                           arguments.common.isJson ? membersOf(answer.response) : ""};

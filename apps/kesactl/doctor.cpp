@@ -13,6 +13,7 @@
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "policyNow.h"
 #include "processNames.h"
 #include "providersHere.h"
 #include "registryPolicy.h"
@@ -317,7 +318,12 @@ bool diagnose(const CommonOptions& options)
     const auto reports = askAll(facts, deadline - rest);
     const Answer answer = askRegistry(question, place, std::max(deadline, comm::now() + rest));
     addRunDirectory(page, runDirectory, facts, reports, answer.silent);
-    addNoted(page, reports, facts, answer.services ? &*answer.services : nullptr, deadline);
+    std::optional<PolicyNow> policyNow;
+    if (answer.services) {
+        policyNow.emplace(place.locators.front(), options.laterDeadline());
+    }
+    addNoted(page, reports, facts, answer.services ? &*answer.services : nullptr, policyNow ? &*policyNow : nullptr,
+             deadline);
     addTooSlow(page, reports, deadline);
     addOthers(page, facts);
     addAnswer(page, place, facts, answer);

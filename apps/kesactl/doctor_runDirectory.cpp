@@ -261,7 +261,8 @@ std::string reasonOf(const RunDirectory& directory)
 
 /// What it says of its services and of loops of its own. Of a registration that it has ended itself only while nobody
 /// else has the path.
-std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryFacts& facts, const Services* known)
+std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryFacts& facts, const Services* known,
+                                   PolicyNow* policy)
 {
     constexpr comm::TimeNs LATELY = 60 * comm::SECOND;
     std::vector<std::string> wrong; // what matters most comes last
@@ -281,8 +282,10 @@ std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryF
         }
     }
     for (const NotedProcess::Refusal& refusal : note.refused) {
-        wrong.push_back(fmt::format("{} runs, and was refused {}: {}; {}", note.who(), refusal.path, refusal.reason,
-                                    AFTER_REFUSAL));
+        PolicyNow::Since since =
+            policy != nullptr && isForbidden(refusal) ? policy->since(forbiddenOf(note, refusal)) : PolicyNow::Since();
+        wrong.push_back(fmt::format("{} runs, and {}{}; {}", note.who(), refusalText(refusal, refusal.path), since.text,
+                                    since.advice.empty() ? AFTER_REFUSAL : since.advice));
     }
     const bool isKnownLost = std::any_of(facts.names.begin(), facts.names.end(),
                                          [&note](const auto& name) { return name.isLost && name.holder == note.pid; });
@@ -290,6 +293,15 @@ std::vector<std::string> findWrong(const NotedProcess& note, const RunDirectoryF
         wrong.push_back(fmt::format("{} runs, but {}; {}", note.who(), IS_MOVED, AFTER_MOVE));
     }
     return wrong;
+}
+
+/// Of a process that runs since before the run directory had the realm that it has, see `findReplacedRealm`.
+bool isOfRealmBefore(pid_t pid, const std::vector<ProcessReport>& reports, const RunDirectoryFacts& facts)
+{
+    return std::any_of(reports.begin(), reports.end(), [&](const ProcessReport& report) {
+        const std::string_view realm = report.answer["realm"].stringView();
+        return report.pid == pid && !realm.empty() && realm != facts.realm;
+    });
 }
 
 } // namespace
@@ -335,14 +347,17 @@ void addRunDirectory(DoctorPage& page, const RunDirectory& directory, const RunD
 }
 
 void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const RunDirectoryFacts& facts,
-              const Services* known, comm::TimeNs deadline)
+              const Services* known, PolicyNow* policy, comm::TimeNs deadline)
 {
     std::vector<std::string> wrong;
-    for (const NotedProcess& note : findNotes({}, deadline)) {
+    for (NotedProcess& note : findNotes({}, deadline)) {
         if (!note.isHere) {
             continue;
         }
-        std::vector<std::string> ofOne = findWrong(note, facts, known);
+        if (isOfRealmBefore(note.pid, reports, facts)) { // why nobody takes what it provides is said already
+            note.refused.clear();
+        }
+        std::vector<std::string> ofOne = findWrong(note, facts, known, policy);
         const bool isReported = std::any_of(reports.begin(), reports.end(),
                                             [&note](const ProcessReport& report) { return report.pid == note.pid; });
         for (const NotedProcess::Hold& hold : note.holds) {

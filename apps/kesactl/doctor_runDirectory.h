@@ -5,6 +5,7 @@
 #include "ProcessReport.h"
 #include "RegistryView.h"
 #include "RunDirectoryFacts.h"
+#include "policyNow.h"
 
 #include <comm/Clock.h>
 #include <transport/RunDirectory.h>
@@ -24,9 +25,9 @@ void addRunDirectory(DoctorPage& page, const kesa::commadapter::transport::RunDi
                      const std::string& silent);
 
 /// What processes of that directory say of themselves without being asked: also those that have no name there. `known`:
-/// what the registry knows; null: it has not answered.
+/// what the registry knows; null: it has not answered, as `policy` is then.
 void addNoted(DoctorPage& page, const std::vector<ProcessReport>& reports, const RunDirectoryFacts& facts,
-              const Services* known, comm::TimeNs deadline);
+              const Services* known, PolicyNow* policy, comm::TimeNs deadline);
 
 /// ", late: after 320 ms" of an answer; empty when it came soon enough.
 std::string lateness(comm::TimeNs after);

@@ -28,9 +28,9 @@ namespace {
 
 using kesa::commadapter::Unreachable;
 
-std::string refusalText(const NotedProcess& note, const NotedProcess::Refusal& refusal, std::string_view what)
+std::string refusedText(const NotedProcess& note, const NotedProcess::Refusal& refusal, std::string_view what)
 {
-    return fmt::format("{} runs, and was refused {}: {}", note.who(), what, refusal.reason);
+    return fmt::format("{} runs, and {}", note.who(), refusalText(refusal, what));
 }
 
 /// Of that path, by what a process that can be reached, or runs without listening, says of it; nothing when it does
@@ -38,7 +38,7 @@ std::string refusalText(const NotedProcess& note, const NotedProcess::Refusal& r
 std::optional<Unreached> explainNotedPath(const NotedProcess& note, const std::string& path)
 {
     if (const auto* const refusal = note.refusalOf(path)) {
-        return Unreached{"refused", refusalText(note, *refusal, "it" + asNamed(*refusal, path)), AFTER_REFUSAL};
+        return Unreached{"refused", refusedText(note, *refusal, "it" + asNamed(*refusal, path)), AFTER_REFUSAL};
     }
     if (const auto* const drop = note.dropOf(path)) {
         return Unreached{"not-provided", fmt::format("{} runs, and {}", note.who(), dropText(*drop)),
@@ -62,7 +62,7 @@ Unreached explainUnnamed(const NotedProcess& note, const std::string& path)
     }
     if (!note.refused.empty()) {
         const auto& last = note.refused.back();
-        return {"not-provided", refusalText(note, last, last.path),
+        return {"not-provided", refusedText(note, last, last.path),
                 "compare that path with the locator's, letter by letter"};
     }
     return {"not-provided", fmt::format("{} runs, and provides nothing so far", note.who()),

@@ -15,6 +15,8 @@ struct Unreached {
     std::string advice;           ///< what to do; may be empty
     bool isSomebodyThere = false; ///< a process can be connected to
 
+    /// Whether that may change while it is waited for.
+    bool mayPass() const { return cause != "rights" && cause != "other-version" && cause != "garbage"; }
     std::string sentence() const { return advice.empty() ? text : text + "; " + advice; }
 };
 

@@ -42,8 +42,8 @@ ipc://kesa-registryd/registry in the run directory: $KESA_RUN_DIR, /run/kesa, or
 doctor" says which one counts, and why.
 
 With --json an error is one JSON object on stderr: {"error":"...","exitCode":1}.
-Exit codes: 0 done, 1 not found or failed, 2 wrong arguments, 3 the registry cannot be reached, 4 timed out,
-5 the output cannot be written or its reader has gone.)";
+Exit codes: 0 done, 1 not found, not allowed or failed, 2 wrong arguments, 3 the registry cannot be reached,
+4 timed out, 5 the output cannot be written or its reader has gone.)";
 
 /// Before its parser reads on: that knows only that a word is not expected.
 void refuseUnknownCommand(const CLI::App& app, int argc, char** argv)

@@ -2,14 +2,20 @@
 // the document of the process that provides it and in the service's code. Nothing is tried.
 #include "Answers.h"
 #include "Failure.h"
+#include "ProcessFacts.h"
+#include "RunDirectoryFacts.h"
 #include "ServiceConnection.h"
 #include "System.h"
 #include "commands.h"
 #include "explainNoRegistry.h"
 #include "options.h"
+#include "otherRunDirectories.h"
 #include "output.h"
 #include "peerText.h"
+#include "processNames.h"
+#include "processNotes.h"
 #include "registryFaults.h"
+#include "registryPolicy.h"
 
 #include <CLI/CLI.hpp>
 #include <backend/ProcessService.h>
@@ -23,18 +29,26 @@
 #include <kesa/serviceregistry/IServiceRegistry.h>
 #include <obr/ErrorStorage.h>
 #include <obr/visible.h>
+#include <rules/RuleForm.h>
+#include <rules/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
+#include <util/nearestName.h>
 
 #include <fmt/format.h>
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
+#include <set>
+#include <string_view>
+#include <vector>
 
 namespace kesactl {
 namespace {
 
+using kesa::access::userName;
 using kesa::serviceregistry::IServiceRegistry;
 using util::config::Value;
 
@@ -84,6 +98,43 @@ kesa::Payload jsonPayload(const std::string& text)
     return kesa::Payload::createFromString(text, kesa::mimetypes::JSON);
 }
 
+/// The users as which processes of a name run here, by their numbers.
+std::set<std::int64_t> usersOfProcess(const std::string& process)
+{
+    std::set<std::int64_t> users;
+    for (const NotedProcess& note : findNotes(process)) {
+        if (note.isHere) {
+            users.insert(note.uid);
+        }
+    }
+    for (const RunDirectoryFacts::Name& name : RunDirectoryFacts(chosenRunDirectory()).names) {
+        const ProcessFacts facts(name.holder);
+        if (name.holder != 0 && !name.isLost && plainName(name.name) == process && facts.isThere) {
+            users.insert(facts.uid);
+        }
+    }
+    return users;
+}
+
+/// Of a process that asks the registry for nothing, as one that was refused all that it has asked for: its users may
+/// what no rule asks its name for.
+Value::Array askAboutUsersOf(const MayArguments& arguments, const kesa::url& registry)
+{
+    Value::Array verdicts;
+    for (const std::int64_t uid : usersOfProcess(arguments.who)) {
+        const Value may = askMay(registry, std::to_string(uid), uid, arguments.path, arguments.common.laterDeadline());
+        if (may.isDefined()) {
+            util::config::Dictionary verdict = may[arguments.right.c_str()].dictionary();
+            verdict.set("who", may["who"]);
+            verdict.set("because", fmt::format("{}; {} runs as that user, and asks the registry for nothing at the "
+                                               "moment, so rules for processes of its name do not count here",
+                                               Value(verdict)["because"].toText(), arguments.who));
+            verdicts.emplace_back(std::move(verdict));
+        }
+    }
+    return verdicts;
+}
+
 /// What the registry says of what `who` may at the path.
 Value askRegistry(const MayArguments& arguments)
 {
@@ -113,14 +164,19 @@ Value askRegistry(const MayArguments& arguments)
                       why.advice};
     }
     const Value may = explanation["for"]["may"];
-    if (!may.isArray()) {
-        throw Failure{ExitCode::eFAILED, "the registry tells what others may only to root and to its own user"};
-    }
     Value::Array verdicts;
     for (const Value& one : may.items()) {
         util::config::Dictionary verdict = one[arguments.right.c_str()].dictionary();
         verdict.set("who", one["who"]);
         verdicts.emplace_back(std::move(verdict));
+    }
+    if (verdicts.empty()) {
+        verdicts = askAboutUsersOf(arguments, registry);
+    }
+    if (verdicts.empty() && !may.isArray()) {
+        throw Failure{ExitCode::eFAILED, "the registry tells what others may only to root and to its own user", 0,
+                      fmt::format("ask as root, or as the user whom it is about; of yourself: {}",
+                                  mayCommand(userName(::geteuid()), ::geteuid(), arguments.right, arguments.path))};
     }
     return Value(std::move(verdicts));
 }
@@ -218,6 +274,30 @@ Value askProvider(const MayArguments& arguments)
     return Value(std::move(all));
 }
 
+constexpr std::array<std::string_view, 3> RIGHTS = {"register", "see", "call"};
+
+/// The usual command that may be meant by one that is none of them; empty when none is.
+std::string_view commandMeantBy(const std::string& command)
+{
+    const std::vector<std::string_view>& usual = kesa::access::accessForm().actions;
+    return std::find(usual.begin(), usual.end(), command) != usual.end() ? std::string_view()
+                                                                         : util::nearestName(command, usual);
+}
+
+std::string checkRight(const std::string& right)
+{
+    if (std::find(RIGHTS.begin(), RIGHTS.end(), right) != RIGHTS.end()) {
+        return {};
+    }
+    const std::vector<std::string_view>& usual = kesa::access::accessForm().actions;
+    const std::string_view meant = util::nearestName(right, {RIGHTS.begin(), RIGHTS.end()});
+    const std::string_view command = util::nearestName(right, usual);
+    return fmt::format("'{}' is none of register, see and call{}", right,
+                       !meant.empty()     ? fmt::format("; did you mean '{}'?", meant)
+                       : !command.empty() ? fmt::format("; a command comes last: kesactl may WHO call PATH {}", command)
+                                          : "");
+}
+
 void may(const MayArguments& arguments, int& exitCode)
 {
     const bool isCall = arguments.right == "call";
@@ -229,9 +309,8 @@ void may(const MayArguments& arguments, int& exitCode)
     const Value all = isCall ? askProvider(asked) : askRegistry(asked);
     if (all.arraySize() == 0) {
         throw Failure{ExitCode::eFAILED,
-                      fmt::format("there is no user \"{}\", and no process of that name asks {} "
-                                  "for anything",
-                                  obr::visible(arguments.who), isCall ? "the provider" : "the registry")};
+                      fmt::format("there is no user \"{}\", and no process of that name {}",
+                                  obr::visible(arguments.who), isCall ? "asks the provider for anything" : "is here")};
     }
     const std::string what =
         isCall ? asked.command + (asked.resource.empty() ? "" : " " + asked.resource + " of") : asked.right;
@@ -239,7 +318,9 @@ void may(const MayArguments& arguments, int& exitCode)
         const bool isAllowed = verdict["allowed"] == true;
         exitCode = isAllowed ? exitCode : static_cast<int>(ExitCode::eFAILED);
         const std::string who = verdict["who"].toText();
-        const std::string because = verdict["because"].toText();
+        const std::string_view meant = isAllowed || !isCall ? "" : commandMeantBy(asked.command);
+        const std::string because =
+            verdict["because"].toText() + (meant.empty() ? "" : fmt::format("; did you mean \"{}\"?", meant));
         print(arguments.common.isJson ? fmt::format("{{\"who\":{},\"allowed\":{},\"because\":{}}}\n", asJsonString(who),
                                                     isAllowed, asJsonString(because))
                                       : fmt::format("{} may {}{} {}: {}\n", obr::visible(who), isAllowed ? "" : "not ",
@@ -259,7 +340,7 @@ void addMay(CLI::App& app, int& exitCode)
         ->type_name("");
     command->add_option("RIGHT", arguments->right, "register, see or call.")
         ->required()
-        ->check(CLI::IsMember({"register", "see", "call"}))
+        ->check(checkRight)
         ->type_name("");
     command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
     command->add_option("COMMAND", arguments->command, "Of a call; without it: retrieve.")->type_name("");

@@ -5,7 +5,6 @@
 
 #include <rules/usersAndGroups.h>
 
-#include <grp.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -52,21 +51,12 @@ bool mayConnect(std::int64_t pid, const struct stat& socket)
     return (socket.st_mode & (isMember ? S_IWGRP : S_IWOTH)) != 0;
 }
 
-bool isMember(gid_t group)
-{
-    return group == ::getegid() || ::group_member(group) != 0;
-}
-
 } // namespace
 
-std::string howToGetRight(const std::string& path, const std::string& otherwise)
+std::string howToGetRight(const std::string& path, const std::string& otherwise, mode_t bits)
 {
-    struct stat status {};
-    const bool doesJoiningHelp = ::stat(path.c_str(), &status) == 0 && (status.st_mode & S_IWGRP) != 0 &&
-                                 kesa::access::isSharedGroup(status.st_uid, status.st_gid) && !isMember(status.st_gid);
-    return doesJoiningHelp ? fmt::format("add this user to the group \"{}\" and log in anew",
-                                         kesa::access::groupName(status.st_gid))
-                           : otherwise;
+    std::string joining = kesa::access::adviseJoining(path, bits);
+    return joining.empty() ? otherwise : joining;
 }
 
 std::string missingRight(std::int64_t pid, const kesa::url& locator)

@@ -3,6 +3,8 @@
 
 #include <kesa/url.h>
 
+#include <sys/stat.h>
+
 #include <cstdint>
 #include <string>
 
@@ -13,8 +15,8 @@ namespace kesactl {
 std::string missingRight(std::int64_t pid, const kesa::url& locator);
 
 /// What gives this user the right to a socket or directory that he may not use: to join its group, where that helps;
-/// else `otherwise`.
-std::string howToGetRight(const std::string& path, const std::string& otherwise);
+/// else `otherwise`. `bits`: those of the group that it takes.
+std::string howToGetRight(const std::string& path, const std::string& otherwise, mode_t bits = S_IWGRP);
 
 } // namespace kesactl
 

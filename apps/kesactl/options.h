@@ -10,7 +10,11 @@
 namespace kesactl {
 
 /// What every command that talks to a running system understands.
-struct CommonOptions {
+class CommonOptions {
+public:
+    CommonOptions() = default;
+    explicit CommonOptions(double seconds) : timeoutSeconds(seconds) {}
+
     bool isJson = false;
     double timeoutSeconds = 2;
     comm::TimeNs timeout() const { return static_cast<comm::TimeNs>(timeoutSeconds * 1e9); }
@@ -24,6 +28,7 @@ struct CommonOptions {
     /// any is not to be called silent.
     comm::TimeNs laterDeadline() const { return std::max(deadline(), comm::now() + 200 * comm::MILLISECOND); }
 
+private:
     mutable comm::TimeNs m_deadline = 0; ///< 0: not yet
 };
 

@@ -12,13 +12,12 @@ namespace kesactl {
 using util::config::Dictionary;
 using util::config::Value;
 
-std::string shortened(std::string_view text)
+std::string shortened(std::string_view text, std::size_t most)
 {
-    constexpr std::size_t MOST = 4000; // a locator has a path of at most 1024 bytes, each perhaps percent-encoded
-    if (text.size() <= MOST) {
+    if (text.size() <= most) {
         return std::string(text);
     }
-    std::size_t end = MOST;
+    std::size_t end = most;
     while (end > 0 && (static_cast<unsigned char>(text[end]) & 0xc0U) == 0x80) { // not inside of a character
         --end;
     }
@@ -49,7 +48,7 @@ Value withShortTexts(const Value& value)
 
 std::string saidBy(const kesa::Response& error)
 {
-    return shortened(kesa::reasonOf(error));
+    return shortened(kesa::reasonOf(error), LONGEST_REASON);
 }
 
 } // namespace kesactl

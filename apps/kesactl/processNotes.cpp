@@ -1,6 +1,7 @@
 #include "processNotes.h"
 
 #include "RunDirectoryFacts.h"
+#include "Verdict.h"
 #include "nameHolders.h"
 #include "otherRunDirectories.h"
 #include "seenByProvider.h"
@@ -212,6 +213,22 @@ std::string ownHoldText(const NotedProcess::Hold& hold)
                                                     : fmt::format(", and {} requests wait for it", hold.waiting);
     return fmt::format("{} has held its loop '{}' for {} s{}", hold.holder, hold.loop, hold.time / comm::SECOND,
                        waiting);
+}
+
+std::string refusalText(const NotedProcess::Refusal& refusal, std::string_view what)
+{
+    return fmt::format("was refused {} at {}: {}", what,
+                       timeText(util::config::Value(std::int64_t{refusal.when / comm::MILLISECOND})), refusal.reason);
+}
+
+bool isForbidden(const NotedProcess::Refusal& refusal)
+{
+    return refusal.reason.rfind("403: ", 0) == 0;
+}
+
+PolicyNow::Forbidden forbiddenOf(const NotedProcess& note, const NotedProcess::Refusal& refusal)
+{
+    return {note.process, note.uid, refusal.path, refusal.when, refusal.reason};
 }
 
 std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path)

@@ -1,6 +1,8 @@
 #ifndef KESACTL_PROCESSNOTES_H
 #define KESACTL_PROCESSNOTES_H
 
+#include "policyNow.h"
+
 #include <comm/Clock.h>
 #include <runtime/v02/runtime/readProcessNote.h>
 
@@ -57,6 +59,11 @@ std::vector<NotedProcess> findNotes(const std::string& process = {},
 std::string holdText(const NotedProcess::Hold& hold);
 /// "the request 'retrieve /cover' has held its loop 'media.disk' for 4 s, and 2 requests wait for it"
 std::string ownHoldText(const NotedProcess::Hold& hold);
+/// "was refused it at 12:00:01.000: 403: ...". `what`: "it", or the path.
+std::string refusalText(const NotedProcess::Refusal& refusal, std::string_view what);
+/// Whether the registry's policy has refused it.
+bool isForbidden(const NotedProcess::Refusal& refusal);
+PolicyNow::Forbidden forbiddenOf(const NotedProcess& note, const NotedProcess::Refusal& refusal);
 /// ""; or, of a refusal that was not of `path` to the letter, " as \"media/list\""
 std::string asNamed(const NotedProcess::Refusal& refusal, std::string_view path);
 /// "ended its registration of /media/list itself 4 s ago, before a registry had answered it"

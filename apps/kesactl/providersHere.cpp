@@ -64,9 +64,10 @@ void addNoted(ProcessesHere& found, const std::string& path, const std::string& 
         if (!only.empty() && !found.running) {
             found.running = RunningProcess{note.who(), note.pid};
         }
-        if (const auto* const refusal = found.refused.empty() ? note.refusalOf(path) : nullptr) {
+        if (const auto* const refusal = found.refused ? nullptr : note.refusalOf(path)) {
             found.refused =
-                fmt::format("{} was refused it{}: {}", note.who(), asNamed(*refusal, path), refusal->reason);
+                RefusedHere{fmt::format("{} {}", note.who(), refusalText(*refusal, "it" + asNamed(*refusal, path))),
+                            AFTER_REFUSAL, forbiddenOf(note, *refusal), isForbidden(*refusal)};
         }
         if (const auto* const drop = note.dropOf(path); drop != nullptr && drop->when >= found.droppedAt) {
             found.dropped = fmt::format("{} {}", note.who(), dropText(*drop));
@@ -144,6 +145,9 @@ ProcessesHere askProcessesHere(const std::string& path, const std::string& only,
         return found;
     }
     const std::vector<ProcessReport> reports = lookAtProcesses(directory, deadline);
+    if (only.empty()) {
+        found.replaced = findReplacedRealm(directory, reports);
+    }
     for (const ProcessReport& report : reports) {
         const auto& services = report.answer["services"].items();
         if (std::find(services.begin(), services.end(), Value(path)) != services.end()) {

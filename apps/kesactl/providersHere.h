@@ -1,6 +1,9 @@
 #ifndef KESACTL_PROVIDERSHERE_H
 #define KESACTL_PROVIDERSHERE_H
 
+#include "policyNow.h"
+#include "replacedRealm.h"
+
 #include <comm/Clock.h>
 #include <util/config/Value.h>
 
@@ -40,6 +43,14 @@ struct RunningProcess {
     pid_t pid;
 };
 
+/// A process that runs and was refused the path.
+struct RefusedHere {
+    std::string text; ///< "media (process 813) was refused it at 12:00:01.000: 409: ..."
+    std::string advice;
+    PolicyNow::Forbidden then; ///< should it have been forbidden
+    bool isForbidden;
+};
+
 /// Why a process cannot be looked into.
 struct Unseen {
     std::string text;      ///< empty: it has answered
@@ -58,10 +69,11 @@ struct ProcessesHere {
     util::config::Value asked; ///< what that one says of itself; undefined: nothing
     /// "media (812)": what has connected to one of them and has no name here, since it provides nothing; no `kesactl`.
     std::vector<std::string> nameless;
-    std::string refused;        ///< "media (process 813) was refused it: 409: ..."; empty: none was
+    std::optional<RefusedHere> refused;
     std::string dropped;        ///< "media (process 813) ended its registration of ..."; empty: none did
     comm::TimeNs droppedAt = 0; ///< on the wall clock
     std::string refusedName;    ///< "media (813) was refused its name, which process 812 has"; empty: none was
+    ReplacedRealm replaced;     ///< of all that have answered
     Unseen otherVersion;        ///< one of those that speak no version of this protocol, if there are any
 };
 

@@ -3,7 +3,9 @@
 #include "Answers.h"
 #include "ProcessReport.h"
 #include "ServiceConnection.h"
+#include "output.h"
 #include "peerText.h"
+#include "processNames.h"
 #include "registryFaults.h"
 
 #include <kesa/headers.h>
@@ -13,8 +15,10 @@
 #include <kesa/serviceregistry/MetainfoKeys.h>
 #include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <rules/usersAndGroups.h>
+#include <util/shellWord.h>
 
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdint>
@@ -25,16 +29,19 @@ using kesa::serviceregistry::IServiceRegistry;
 using kesa::serviceregistry::ServiceRegistryPex;
 using util::config::Value;
 
-Value askPolicy(const kesa::url& registry, comm::TimeNs deadline)
+namespace {
+
+/// What it explains of a path; undefined when it does not. `body`: as docs/protocol_registry.md has it.
+Value explained(const kesa::url& registry, const std::string& path, const std::string& body, comm::TimeNs deadline)
 {
-    const std::string path(ServiceRegistryPex::SERVICE_PATH);
-    ServiceConnection connection(ServiceDef(kesa::Path(path), ServiceDef::TypeEnum::registry, {}, {registry}));
+    ServiceConnection connection(ServiceDef(kesa::Path(std::string(ServiceRegistryPex::SERVICE_PATH)),
+                                            ServiceDef::TypeEnum::registry, {}, {registry}));
     const ServiceConnection::Client client = connection.tryClient(deadline);
     if (!client) {
         return {};
     }
     kesa::Request request(std::string(IServiceRegistry::EXPLAIN), path,
-                          kesa::Payload::createFromString("{}", kesa::mimetypes::JSON));
+                          kesa::Payload::createFromString(body, kesa::mimetypes::JSON));
     kesa::headers::appendResponseSemantic(request, kesa::responsesemantics::SINGLE_RESPONSE);
     kesa::headers::appendTimeout(request, std::chrono::nanoseconds(deadline - comm::now()));
     Answers answers(client, request);
@@ -43,7 +50,34 @@ Value askPolicy(const kesa::url& registry, comm::TimeNs deadline)
     if (answer.kind != Answers::Kind::eVALUE || !readExplanation(answer.response, explanation).empty()) {
         return {};
     }
-    return explanation["policy"];
+    return explanation;
+}
+
+} // namespace
+
+Value askPolicy(const kesa::url& registry, comm::TimeNs deadline)
+{
+    return explained(registry, std::string(ServiceRegistryPex::SERVICE_PATH), "{}", deadline)["policy"];
+}
+
+Value askMay(const kesa::url& registry, const std::string& whom, std::int64_t uid, const std::string& path,
+             comm::TimeNs deadline)
+{
+    const std::string body = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(whom));
+    const Value explanation = explained(registry, path, body, deadline);
+    for (const Value& each : explanation["for"]["may"].items()) {
+        if (each["uid"] == Value(uid)) {
+            return each;
+        }
+    }
+    return {};
+}
+
+std::string mayCommand(const std::string& whom, std::int64_t uid, std::string_view right, const std::string& path)
+{
+    const bool isTold = ::geteuid() == 0 || std::int64_t{::geteuid()} == uid;
+    return fmt::format("{}kesactl may {} {} {}", isTold ? "" : "root's ", processArgument(whom), right,
+                       util::shellWord(path));
 }
 
 std::string policyText(const Value& policy)

@@ -81,20 +81,23 @@ RulesReview review(ConfigReport& report, const DocumentPath& place, const kesa::
 
 RulesReview reviewPolicy(ConfigReport& report)
 {
-    RulesReview found = review(report, {"registry", "policy"}, kesa::registry::policyForm(),
+    RulesReview found = review(report, {"registry", "policy"}, kesa::access::policyForm(),
                                [](const Value& list, const DocumentPath& where, Complaints& complaints) {
                                    return kesa::registry::readPolicyRules(list, where, systemAccounts(), complaints);
                                });
     std::error_code error;
     const std::uintmax_t bytes = std::filesystem::file_size(report.file, error);
-    if (!error && bytes > kesa::registry::MOST_DOCUMENT_BYTES) {
+    if (!error && bytes > kesa::access::MOST_POLICY_BYTES) {
         const bool isOfRegistry = report.root["registry"].isDefined();
         found.isWrong = found.isWrong || isOfRegistry;
         report.add({isOfRegistry ? Complaint::Severity::eERROR : Complaint::Severity::eWARNING,
                     {},
                     fmt::format("kesa-registryd does not start with a document of more than {} MiB",
-                                kesa::registry::MOST_DOCUMENT_BYTES >> 20U),
+                                kesa::access::MOST_POLICY_BYTES >> 20U),
                     "give it one of its own, with --config"});
+    }
+    if (found.isWrong) {
+        found.words = RulesInWords{{"policy", "none, since it is wrong: kesa-registryd does not start"}};
     }
     return found;
 }

@@ -1,5 +1,7 @@
 #include "runDirectoryProblem.h"
 
+#include "missingRight.h"
+
 #include <backend/readCommSettings.h>
 #include <transport/RunDirectory.h>
 #include <util/config/Complaint.h>
@@ -66,9 +68,13 @@ RunDirectoryProblem findProblem(const RunDirectoryFacts& directory, const std::s
     }
     if (directory.error != 0 && directory.error != ENOENT) {
         const bool isForbidden = directory.error == EACCES || directory.error == EPERM;
-        return {fmt::format("{} cannot be looked into: {}{}", what, textOf(directory.error),
-                            directory.rights.empty() ? "" : fmt::format(" ({})", directory.rights)),
-                (isForbidden ? "let its owner or a group of this user use it, or " : "") + nameAnother(source)};
+        return {
+            fmt::format("{} cannot be looked into: {}{}", what, textOf(directory.error),
+                        directory.rights.empty() ? "" : fmt::format(" ({})", directory.rights)),
+            (isForbidden
+                 ? howToGetRight(directory.path, "have its owner let a group of this user use it", S_IXGRP) + ", or "
+                 : "") +
+                nameAnother(source)};
     }
     if (!directory.names.empty()) {
         return {};

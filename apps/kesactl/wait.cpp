@@ -17,7 +17,7 @@ namespace {
 struct WaitArguments {
     std::string glob;
     bool isGone = false;
-    CommonOptions common{.timeoutSeconds = 30};
+    CommonOptions common{30};
 };
 
 void wait(const WaitArguments& arguments)

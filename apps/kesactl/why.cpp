@@ -120,6 +120,9 @@ public:
 private:
     std::optional<Verdict> askRegistry();
     Verdict judge() const;
+    PolicyNow policyNow() const { return {m_place.locators.front(), m_arguments.common.laterDeadline()}; }
+    Value policy() const { return askPolicy(m_place.locators.front(), m_arguments.common.laterDeadline()); }
+    void addSince(ProcessesHere& here) const;
     bool isUnprovided(const Verdict& verdict) const;
     Verdict explainNeverSeen(Verdict verdict, ProcessesHere here, const std::string& meant) const;
     ProcessesHere processesHere(const std::string& name, std::int64_t uid = -1) const;
@@ -150,7 +153,7 @@ Verdict Search::run()
     }
     Verdict verdict = judge();
     if (m_explanation["taken"] == true) {
-        return explainHidden(m_explanation, processesHere({}).provider);
+        return explainHidden(m_explanation, processesHere({}).provider, policy());
     }
     if (!isUnprovided(verdict)) {
         return verdict;
@@ -158,20 +161,23 @@ Verdict Search::run()
     const auto& history = m_explanation["history"].items();
     const Value& owner = history.empty() ? Value() : history.back()["uid"]; // anybody may say to have a name
     const std::int64_t uid = owner.isDefined() ? integerOf(owner) : -1;
-    const ProcessesHere here = processesHere({}, uid);
+    ProcessesHere here = processesHere({}, uid);
+    addSince(here);
     if (here.provider) {
         if (auto failure = askRegistry()) { // it may have registered meanwhile
             return *failure;
         }
         Verdict now = judge();
         if (m_explanation["taken"] == true) {
-            return explainHidden(m_explanation, here.provider);
+            return explainHidden(m_explanation, here.provider, policy());
         }
         if (!isUnprovided(now)) {
             return now;
         }
-        const Value policy = askPolicy(m_place.locators.front(), m_arguments.common.laterDeadline());
-        return explainHereOnly(*here.provider, m_place, policy["hasRules"] == true);
+        const std::int64_t self = ::geteuid();
+        const Value may = askMay(m_place.locators.front(), std::to_string(self), self, m_arguments.path,
+                                 m_arguments.common.laterDeadline());
+        return explainHereOnly(*here.provider, m_arguments.path, m_place, policy(), may["see"]);
     }
     if (verdict.cause != "never-registered") {
         const std::string name = m_explanation["history"].items().back()["provider"].toText();
@@ -186,6 +192,16 @@ Verdict Search::run()
 bool Search::isUnprovided(const Verdict& verdict) const
 {
     return verdict.cause == "never-registered" || hasProviderEnded(m_explanation);
+}
+
+/// What has become of what the policy forbade a process here.
+void Search::addSince(ProcessesHere& here) const
+{
+    if (here.refused && here.refused->isForbidden) {
+        PolicyNow::Since since = policyNow().since(here.refused->then);
+        here.refused->text += since.text;
+        here.refused->advice = since.advice.empty() ? here.refused->advice : std::move(since.advice);
+    }
 }
 
 /// `meant`: which path may be meant; may be empty.
@@ -246,7 +262,8 @@ ProcessesHere Search::processesHere(const std::string& name, std::int64_t uid) c
 Verdict Search::judge() const
 {
     if (m_explanation["registered"] != true) {
-        return explainAbsence(m_explanation, processOf(m_place.locators.front()));
+        PolicyNow policy = policyNow();
+        return explainAbsence(m_explanation, processOf(m_place.locators.front()), policy);
     }
     if (m_explanation["hiddenBy"] == "realm") {
         return explainRealm();

@@ -10,6 +10,7 @@
 #include "processNames.h"
 #include "processNotes.h"
 #include "programOf.h"
+#include "registryPolicy.h"
 
 #include <rules/usersAndGroups.h>
 #include <transport/Authority.h>
@@ -106,7 +107,22 @@ Verdict explainRefused(const Value& event)
             {}};
 }
 
-Verdict explainGone(const Value& event, const std::string& path)
+/// Of what the policy has ended, and whether it still would.
+void addForbidden(Verdict& verdict, const Value& event, const std::string& path, PolicyNow& policy)
+{
+    const std::int64_t uid = integerOf(event["uid"]);
+    const std::string name = event["provider"].toText();
+    PolicyNow::Since since = policy.since({name, uid, path, timeOf(event["when"])});
+    verdict.text += since.text;
+    verdict.advice =
+        since.advice.empty()
+            ? fmt::format("write a rule that allows it ({} says which there are) and have the policy read again, then "
+                          "restart {}, if it does not register anew by itself: what was ended is not repeated",
+                          mayCommand(kesa::access::userName(static_cast<uid_t>(uid)), uid, "register", path), name)
+            : std::move(since.advice);
+}
+
+Verdict explainGone(const Value& event, const std::string& path, PolicyNow& policy)
 {
     const bool isWithdrawn = event["what"] == "withdrawn";
     const bool isForbidden = event["what"] == "forbidden";
@@ -144,10 +160,7 @@ Verdict explainGone(const Value& event, const std::string& path)
                                      lasted < SHORT ? fmt::format(", after {} ms", lasted / comm::MILLISECOND) : "",
                                      IS_REGISTRATION_KEPT);
     } else if (isForbidden) {
-        verdict.advice = fmt::format(
-            "allow it (kesactl may {} register {} says what is missing now), then restart {}, if "
-            "it does not register anew by itself: what was ended is not repeated",
-            util::shellWord(kesa::access::userName(static_cast<uid_t>(integerOf(event["uid"])))), path, name);
+        addForbidden(verdict, event, path, policy);
     } else {
         verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
                                      "says what keeps it",
@@ -177,8 +190,12 @@ bool isExecutor(const HeldProcess& process)
 std::optional<Verdict> explainUnable(const ProcessesHere& here, std::string_view so)
 {
     const std::string perhaps = fmt::format("{}, perhaps since one process cannot", so);
-    if (!here.refused.empty()) {
-        return Verdict{"refused", fmt::format("{}: {}", so, here.refused), AFTER_REFUSAL, {}};
+    if (!here.replaced.text.empty()) {
+        return Verdict{
+            "hidden-by-realm", fmt::format("{}, perhaps since {}", so, here.replaced.text), here.replaced.advice, {}};
+    }
+    if (here.refused) {
+        return Verdict{"refused", fmt::format("{}: {}", so, here.refused->text), here.refused->advice, {}};
     }
     if (!here.dropped.empty()) {
         return Verdict{"gone", fmt::format("{}: {}", so, here.dropped), IS_REGISTRATION_KEPT, {}};
@@ -205,9 +222,23 @@ std::string whereElse(const Value& answer)
     return peers.empty() ? "; it is connected to nobody" : "; it is connected to " + firstOf(peers);
 }
 
+/// Of what another user provides, and this one may not see.
+std::string adviseOnHidden(const std::string& path, const std::string& owner, bool isPolicyThere)
+{
+    const std::string self = kesa::access::userName(::geteuid());
+    return isPolicyThere
+               ? fmt::format("have a rule written into the registry's policy that lets {} see it: {} says "
+                             "which there are",
+                             self, mayCommand(self, ::geteuid(), "see", path))
+               : fmt::format("without a policy of the registry, what another user provides is seen when it is "
+                             "public: have {} mark it as that (kesa::serviceregistry::PUBLIC), or a policy "
+                             "written",
+                             owner);
+}
+
 } // namespace
 
-Verdict explainAbsence(const Value& explanation, const std::string& registry)
+Verdict explainAbsence(const Value& explanation, const std::string& registry, PolicyNow& policy)
 {
     const auto& history = explanation["history"].items();
     if (history.empty()) {
@@ -215,12 +246,12 @@ Verdict explainAbsence(const Value& explanation, const std::string& registry)
     }
     const Value& last = history.back();
     Verdict verdict =
-        last["what"] == "refused" ? explainRefused(last) : explainGone(last, explanation["path"].toText());
+        last["what"] == "refused" ? explainRefused(last) : explainGone(last, explanation["path"].toText(), policy);
     verdict.notes = notesOf(explanation, 1);
     return verdict;
 }
 
-Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere>& provider)
+Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere>& provider, const Value& policy)
 {
     const std::string self = kesa::access::userName(::geteuid());
     const bool isKnown = provider && mayBeHidden(provider->pid, true);
@@ -239,14 +270,13 @@ Verdict explainHidden(const Value& explanation, const std::optional<ProviderHere
                 notesOf(explanation, 1)};
     }
     return {"hidden", fmt::format("{} provides it, and the registry does not show it to {}", holder, self),
-            fmt::format("who sees what other users provide is said by the registry's policy, and without one by who "
-                        "provides it: have {} mark it as public (kesa::serviceregistry::PUBLIC), or the policy "
-                        "changed; root's kesactl why says more",
-                        owner),
+            fmt::format("{}; root's kesactl why says more",
+                        adviseOnHidden(explanation["path"].toText(), owner, policy["hasRules"] == true)),
             notesOf(explanation, 0)};
 }
 
-Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place, bool isPolicyThere)
+Verdict explainHereOnly(const ProviderHere& provider, const std::string& path, const apps::RegistryPlace& place,
+                        const Value& policy, const Value& see)
 {
     const kesa::url& registry = place.locators.front();
     const std::string so = fmt::format("{} ({}) provides it here, and the registry at {} does not know it",
@@ -261,15 +291,16 @@ Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace&
         return {"provided-here-only", fmt::format("{}: {}", so, partition.text()), partition.advice(), {}};
     }
     const std::string apart = whyApart(provider.answer, processOf(registry));
-    if (apart.empty() && mayBeHidden(provider.pid, isPolicyThere)) {
+    const bool isPolicyThere = policy["hasRules"] == true;
+    const bool isSeen = isPolicyThere && see["allowed"] == true; // so the registry does not know it
+    if (apart.empty() && !isSeen && mayBeHidden(provider.pid, isPolicyThere)) {
         const ProcessFacts process(provider.pid);
         return {"perhaps-hidden",
-                fmt::format("{} ({}) of {} provides it, and the registry does not show it to {}, or does not know it",
-                            provider.name, provider.pid, process.user, kesa::access::userName(::geteuid())),
-                fmt::format("who sees what other users provide is said by the registry's policy, and without one by "
-                            "{0}, who can mark it as public (kesa::serviceregistry::PUBLIC); root's kesactl why, or "
-                            "{0}'s, says whether it is known",
-                            process.user),
+                fmt::format("{} ({}) of {} provides it, and the registry does not show it to {}, or does not know it{}",
+                            provider.name, provider.pid, process.user, kesa::access::userName(::geteuid()),
+                            isPolicyThere && see["because"].isString() ? ": " + see["because"].toText() : ""),
+                fmt::format("{}; root's kesactl why, or {}'s, says whether it is known",
+                            adviseOnHidden(path, process.user, isPolicyThere), process.user),
                 {}};
     }
     return {"provided-here-only",
@@ -294,7 +325,7 @@ bool hasProviderEnded(const Value& explanation)
 Verdict explainHeldOr(Verdict verdict, const ProcessesHere& here)
 {
     if (auto unable = explainUnable(here, "nobody has registered it")) {
-        if (here.refused.empty() && here.dropped.empty()) { // else it is certain
+        if (!here.refused && here.dropped.empty()) { // else it is certain
             unable->notes.push_back("otherwise, " + verdict.advice);
         }
         return *unable;

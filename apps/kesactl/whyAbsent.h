@@ -2,6 +2,7 @@
 #define KESACTL_WHYABSENT_H
 
 #include "Verdict.h"
+#include "policyNow.h"
 #include "providersHere.h"
 
 #include <common/RegistryPlace.h>
@@ -9,14 +10,17 @@
 namespace kesactl {
 
 /// Why nobody provides a path, by what the registry tells of it. `registry`: the name of the registry's process.
-Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry);
+Verdict explainAbsence(const util::config::Value& explanation, const std::string& registry, PolicyNow& policy);
 
 /// Of a path that somebody holds whom this user may not see. `provider`: the process here that says to provide it.
-Verdict explainHidden(const util::config::Value& explanation, const std::optional<ProviderHere>& provider);
+/// `policy`: as of `askPolicy`.
+Verdict explainHidden(const util::config::Value& explanation, const std::optional<ProviderHere>& provider,
+                      const util::config::Value& policy);
 
 /// Of a path that nobody has registered at the registry of `place`, and that a process of this run directory provides
-/// nevertheless.
-Verdict explainHereOnly(const ProviderHere& provider, const apps::RegistryPlace& place, bool isPolicyThere);
+/// nevertheless. `see`: what the policy says of whether this user may see it; undefined when that is not known.
+Verdict explainHereOnly(const ProviderHere& provider, const std::string& path, const apps::RegistryPlace& place,
+                        const util::config::Value& policy, const util::config::Value& see);
 
 /// Of a path that nobody has registered, as `verdict` says: whether a process that a handler holds may be its provider,
 /// or one of which that cannot be known.

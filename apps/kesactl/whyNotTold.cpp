@@ -8,6 +8,7 @@
 #include "processNames.h"
 #include "processNotes.h"
 #include "programOf.h"
+#include "registryPolicy.h"
 #include "seenByProvider.h"
 #include "whyAbsent.h"
 
@@ -204,10 +205,9 @@ std::string explainKey(const Value& record, const std::string& key)
 /// Of a process that may not see it, and what to do.
 Verdict explainUnseen(const std::string& process, std::int64_t pid, bool hasPolicy, const std::string& path)
 {
-    const std::string user = ProcessFacts(static_cast<pid_t>(pid)).user;
-    const std::string who = user.empty() ? process : fmt::format("{} of {}", process, user);
-    const std::string ask =
-        fmt::format("root's kesactl may {} see {}", processArgument(process), util::shellWord(path));
+    const ProcessFacts facts(static_cast<pid_t>(pid));
+    const std::string who = facts.user.empty() ? process : fmt::format("{} of {}", process, facts.user);
+    const std::string ask = mayCommand(process, facts.isThere ? std::int64_t{facts.uid} : -1, "see", path);
     if (hasPolicy) {
         return {"hidden-by-policy",
                 fmt::format("{} (process {}) asks for it, but no rule of the registry's policy lets it see the service",

@@ -57,6 +57,23 @@ PermitPtr Policy::permitOf(const access::Identity& identity)
     return mayEverything ? nullptr : know(identity).permit;
 }
 
+/// Those that would let somebody do it elsewhere, or as another process.
+std::string Policy::whichOthers(const access::Identity& identity, Right right) const
+{
+    std::vector<std::size_t> ofPaths;
+    std::vector<std::size_t> ofProcesses;
+    for (std::size_t i = 0; i < m_rules->size(); ++i) {
+        const access::Rule& rule = (*m_rules)[i];
+        if (rule.lets(nameOf(right)) && rule.fitsUser(identity)) {
+            (rule.fits(identity) ? ofPaths : ofProcesses).push_back(i);
+        }
+    }
+    const std::string byPath = access::areFor(*m_rules, ofPaths, "other paths");
+    const std::string byProcess = access::areFor(*m_rules, ofProcesses, access::OTHER_PROCESSES);
+    return byPath.empty() && byProcess.empty() ? fmt::format("none lets him {} anything", nameOf(right))
+                                               : byPath + (byPath.empty() || byProcess.empty() ? "" : "; ") + byProcess;
+}
+
 /// Which rules there are for somebody is kept: who asks without end costs a text.
 std::string Policy::whyRefused(const access::Identity& identity, Right right, const std::string& path)
 {
@@ -66,11 +83,7 @@ std::string Policy::whyRefused(const access::Identity& identity, Right right, co
         known.who = describe(identity);
     }
     if (others.empty()) {
-        std::vector<std::size_t> numbers = access::concerning(*m_rules, identity);
-        std::erase_if(numbers, [&](std::size_t number) { return !(*m_rules)[number].lets(nameOf(right)); });
-        others = numbers.empty() ? fmt::format("none lets him {} anything", nameOf(right))
-                                 : fmt::format("{} {} for other paths", access::placesOf(*m_rules, numbers),
-                                               numbers.size() == 1 ? "is" : "are");
+        others = whichOthers(identity, right);
     }
     return fmt::format("no rule of the policy in {} lets {} {} \"{}\": {}", m_file, known.who, nameOf(right),
                        obr::glimpse(path), others);

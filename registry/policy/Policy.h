@@ -63,6 +63,7 @@ private:
     };
 
     Known& know(const access::Identity& identity);
+    std::string whichOthers(const access::Identity& identity, Right right) const;
     std::string whyRefused(const access::Identity& identity, Right right, const std::string& path);
     std::string whySeen(const access::Identity& identity, const Record* record) const;
 

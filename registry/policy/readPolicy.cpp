@@ -14,7 +14,7 @@ using access::systemAccounts;
 ReadPolicy readPolicy(std::int64_t ownUid)
 {
     access::DocumentRules found =
-        access::readDocumentRules({"registry", "policy"}, policyForm(),
+        access::readDocumentRules({"registry", "policy"}, access::policyForm(),
                                   [](const util::config::Value& list, const util::config::DocumentPath& place,
                                      std::vector<util::config::Complaint>& complaints) {
                                       return readPolicyRules(list, place, systemAccounts(), complaints);

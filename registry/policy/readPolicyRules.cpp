@@ -2,6 +2,7 @@
 
 #include "policy/Right.h"
 
+#include <rules/RuleForm.h>
 #include <rules/readRules.h>
 
 #include <fmt/format.h>
@@ -32,33 +33,13 @@ void complainOfMissingRights(const std::vector<Rule>& rules, const DocumentPath&
     }
 }
 
-std::vector<std::string_view> commands()
-{
-    std::vector<std::string_view> all = access::accessForm().actions;
-    all.emplace_back(Rule::ANYTHING);
-    return all;
-}
-
 } // namespace
-
-const access::RuleForm& policyForm()
-{
-    static const access::RuleForm& form = *new access::RuleForm{
-        .name = R"("registry", "policy")",
-        .action = "right",
-        .actions = {RIGHT_NAMES.begin(), RIGHT_NAMES.end()},
-        .actionsElsewhere = commands(),
-        .elsewhere = R"(what may be asked of a service is said in "access" of its provider's document)",
-        .mostDocumentBytes = MOST_DOCUMENT_BYTES,
-        .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
-    return form;
-}
 
 std::vector<Rule> readPolicyRules(const util::config::Value& policy, const DocumentPath& place,
                                   const access::IAccounts& accounts, std::vector<Complaint>& complaints)
 {
     const std::size_t before = complaints.size();
-    std::vector<Rule> rules = access::readRules(policy, place, policyForm(), accounts, complaints);
+    std::vector<Rule> rules = access::readRules(policy, place, access::policyForm(), accounts, complaints);
     if (policy.isArray() && complaints.size() == before) {
         complainOfMissingRights(rules, place, complaints);
     }

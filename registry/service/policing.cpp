@@ -196,7 +196,8 @@ void Registry::Impl::endIfForbidden(StreamId stream)
     }
     m_dead.push_back(take(request));
     if (const RecordPtr gone = m_store.end(stream)) {
-        noteEnd(m_dead.back(), *gone, History::Event::What::eFORBIDDEN, "the policy does not allow it any more");
+        noteEnd(m_dead.back(), *gone, History::Event::What::eFORBIDDEN,
+                "the policy, read again, did not allow it any more");
     }
     forbid(*asker, *std::get<RegistrationHandler>(m_dead.back().handler), path, why);
 }
@@ -240,7 +241,7 @@ util::config::Value Registry::Impl::describeMay(const std::string& path, const s
         }
     }
     for (const access::Identity& identity : identities) {
-        GenericObject object{{"who", m_policy->describe(identity)}};
+        GenericObject object{{"who", m_policy->describe(identity)}, {"uid", identity.uid}};
         for (const Right right : {Right::eREGISTER, Right::eSEE}) {
             const Policy::Verdict verdict =
                 m_policy->judge(identity, right, path, held == nullptr ? nullptr : held->record.get());

@@ -9,7 +9,7 @@ import socket
 from dataclasses import dataclass, field
 from typing import Any, Callable
 
-from . import frames, rundir
+from . import frames, rights, rundir
 from .connection import PROTOCOL_BROKEN, Connection
 from .errors import ProtocolError, ServiceError
 from .frames import Message
@@ -88,6 +88,8 @@ class Link:
         self._hello = hello
         self.reached = False
         """Whether a process took the last connection."""
+        self.forbidden = False
+        """Whether this user has no right to connect; then `problem` says what to do."""
         self._connection: Connection | None = None
         self._targets: dict[str, Target] = {}
         self._numbers: dict[int, Target] = {}
@@ -220,13 +222,16 @@ class Link:
             sock = rundir.connect(self._directory, self.process)
         except OSError as error:
             self.reached = False
-            self.problem = self._explain(error)
+            why = rights.why_forbidden(self._directory, self.process) if error.errno == errno.EACCES else ""
+            self.forbidden = bool(why)
+            self.problem = f"cannot connect to {self.process!r}: {why}" if why else self._explain(error)
             if error.errno == errno.EAGAIN:
                 self._retry = self._loop.call_later(random.uniform(0.001, 0.005), self._connect)
             else:
                 self._connect_later()
             return
         self.reached = True
+        self.forbidden = False
         self.problem = f"connected to {self.process!r}, which does not answer or does not provide the path{self._fault}"
         self._connection = self._make(sock)
         for target in self._targets.values():

@@ -81,6 +81,11 @@ class Registry:
         return self._link.reached
 
     @property
+    def forbidden(self) -> bool:
+        """Whether this user has no right to connect to it; then `problem` says what to do."""
+        return self._link.forbidden
+
+    @property
     def reachable(self) -> bool:
         return self._target.attached
 

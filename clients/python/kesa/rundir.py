@@ -14,11 +14,11 @@ import socket
 import stat
 import struct
 
+from . import rights
 from .errors import KesaError, NameTaken
 from .names import encode_process
 
 _SYSTEM = "/run/kesa"
-_FIRST_PERSON = 1000  # users below are accounts of services
 _LONGEST_ADDRESS = 107
 _BACKLOG = 4096
 _CREDENTIALS = struct.Struct("3i")  # pid, uid, gid
@@ -197,7 +197,7 @@ def _check_trust(directory: str) -> None:
     """KesaError if other users could replace what this process makes there."""
     folder = os.stat(directory)
     user = os.geteuid()
-    is_person = folder.st_uid >= _FIRST_PERSON
+    is_person = folder.st_uid >= rights.FIRST_PERSON
     for_group = folder.st_mode & stat.S_IWGRP and folder.st_gid != 0 and (folder.st_gid != folder.st_uid or not is_person)
     for_all = folder.st_mode & stat.S_IWOTH
     if not os.access(directory, os.W_OK | os.X_OK, effective_ids=True):
@@ -287,7 +287,7 @@ def _advise(directory: str, path: str, error: OSError) -> str:
     if error.errno == errno.ENOENT and not os.path.exists(around):
         return f"make {shlex.quote(around)}, or {named}"
     if error.errno in (errno.EACCES, errno.EPERM):
-        return f"let a group of this user write there, or {named}"
+        return f"{rights.join(directory, stat.S_IWGRP) or 'let a group of this user write there'}, or {named}"
     return named
 
 

@@ -53,11 +53,13 @@ def connect(
         system.close()
         if isinstance(error, Timeout):
             start = (
-                "That process runs and cannot be used: see its log"
+                ""
+                if system._registry.forbidden
+                else ". That process runs and cannot be used: see its log"
                 if system._registry.reached
-                else f"Start {locator.process}, or name its run directory: connect(run_dir=...) or $KESA_RUN_DIR"
+                else f". Start {locator.process}, or name its run directory: connect(run_dir=...) or $KESA_RUN_DIR"
             )
-            raise NoRegistry(f"no registry: {problem}. {start}; or name another registry: connect(registry=...)") from None
+            raise NoRegistry(f"no registry: {problem}{start}; or name another registry: connect(registry=...)") from None
         raise
     return system
 

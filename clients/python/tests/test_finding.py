@@ -12,7 +12,7 @@ from typing import Callable
 from unittest import mock
 
 import kesa
-from kesa import registry, rundir
+from kesa import registry, rights, rundir
 from programs import DEADLINE, SystemTest, program
 
 
@@ -113,6 +113,14 @@ class Finding(SystemTest):
                 else:
                     rundir.connect(directory, "media").close()
                 os.unlink(path)
+        with socket.socket(socket.AF_UNIX) as listening:
+            listening.bind(path)
+            os.chown(path, 0, 54321)
+            os.chmod(path, 0o660)
+            os.seteuid(65534)
+            why = rights.why_forbidden(directory, "media")
+            os.seteuid(0)
+            self.assertIn('mode 0660; add this user to the group "54321" and log in anew', why)
 
     def test_a_registry_may_have_another_name(self) -> None:
         self.start(program("apps", "kesa-registryd", "kesa-registryd"), "--name", "hub").line(lambda line: "ready" in line)

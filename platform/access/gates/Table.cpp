@@ -129,6 +129,21 @@ GatePtr Table::gateOf(const Identity& identity, const std::string& service)
     return know(identity, service).gate;
 }
 
+/// What the rules of a service are for that refuse somebody; his own ones, where there are any.
+std::string Table::whichOthers(const Numbers& all, const Identity& identity) const
+{
+    const Numbers fitting = ofThose(all, identity);
+    Numbers ofProcesses;
+    std::copy_if(all.begin(), all.end(), std::back_inserter(ofProcesses), [&](std::size_t number) {
+        return m_rules[number].fitsUser(identity) && !m_rules[number].fits(identity);
+    });
+    const std::string byCommand = areFor(m_rules, fitting, "other commands or resources");
+    const std::string byProcess = areFor(m_rules, ofProcesses, OTHER_PROCESSES);
+    return byCommand.empty() && byProcess.empty()
+               ? areFor(m_rules, all, "others")
+               : byCommand + (byCommand.empty() || byProcess.empty() ? "" : "; ") + byProcess;
+}
+
 std::string Table::whyRefused(const Identity& identity, const Question& question)
 {
     if (!m_problem.empty()) {
@@ -137,13 +152,10 @@ std::string Table::whyRefused(const Identity& identity, const Question& question
     Known& known = know(identity, question.service);
     if (known.who.empty()) {
         const Numbers& all = rulesFor(question.service);
-        const Numbers fitting = ofThose(all, identity);
-        const Numbers& named = fitting.empty() ? all : fitting;
         known.isProcessAsked = std::any_of(
             all.begin(), all.end(), [this](std::size_t number) { return m_rules[number].processes.has_value(); });
         known.who = m_names.describe(identity);
-        known.others = fmt::format("{} {} for {}", placesOf(m_rules, named), named.size() == 1 ? "is" : "are",
-                                   fitting.empty() ? "others" : "other commands or resources");
+        known.others = whichOthers(all, identity);
     }
     std::string what = obr::glimpse(question.command);
     if (question.resource) {

@@ -78,6 +78,7 @@ private:
 
     const Numbers& rulesFor(const std::string& service);
     Numbers ofThose(const Numbers& numbers, const Identity& identity) const;
+    std::string whichOthers(const Numbers& all, const Identity& identity) const;
     Known& know(const Identity& identity, const std::string& service);
 
     const std::int64_t m_ownUid;

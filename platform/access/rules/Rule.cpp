@@ -10,12 +10,15 @@ namespace kesa::access {
 
 IAccounts::~IAccounts() = default;
 
+bool Rule::fitsUser(const Identity& identity) const
+{
+    return (!users || users->count(identity.uid) > 0) &&
+           (!groups || groups->count(identity.gid) > 0 || members.count(identity.uid) > 0);
+}
+
 bool Rule::fits(const Identity& identity) const
 {
-    if (users && users->count(identity.uid) == 0) {
-        return false;
-    }
-    if (groups && groups->count(identity.gid) == 0 && members.count(identity.uid) == 0) {
+    if (!fitsUser(identity)) {
         return false;
     }
     return !processes || (!identity.process.empty() &&
@@ -52,6 +55,13 @@ std::string placesOf(const std::vector<Rule>& rules, const std::vector<std::size
         places.append(fmt::format(", and {} more", numbers.size() - MOST_NAMED));
     }
     return places;
+}
+
+std::string areFor(const std::vector<Rule>& rules, const std::vector<std::size_t>& numbers, std::string_view what)
+{
+    return numbers.empty()
+               ? std::string()
+               : fmt::format("{} {} for {}", placesOf(rules, numbers), numbers.size() == 1 ? "is" : "are", what);
 }
 
 } // namespace kesa::access

@@ -24,6 +24,8 @@ struct KESA_API Rule {
     static constexpr std::string_view ANYTHING = "*";
 
     bool fits(const Identity& identity) const;
+    /// By his user and group alone; his process may be another one.
+    bool fitsUser(const Identity& identity) const;
     bool lets(std::string_view action) const { return may.count(action) > 0 || may.count(ANYTHING) > 0; }
 
     std::optional<std::set<std::int64_t>> users;  ///< by their numbers; none: all
@@ -46,6 +48,13 @@ KESA_API std::string placeOf(const std::vector<Rule>& rules, std::size_t number)
 
 /// The first of them, and how many more there are: "rule 1 (kesa.json:4), rule 2 (kesa.json:5), and 7 more".
 KESA_API std::string placesOf(const std::vector<Rule>& rules, const std::vector<std::size_t>& numbers);
+
+/// "rule 1 (kesa.json:4) is for other paths"; `what`: "other paths". Empty when there are none.
+KESA_API std::string areFor(const std::vector<Rule>& rules, const std::vector<std::size_t>& numbers,
+                            std::string_view what);
+
+/// What rules are for that fit the user of a refused process, but no process of its proven name.
+inline constexpr std::string_view OTHER_PROCESSES = "other processes";
 
 } // namespace kesa::access
 

@@ -1,5 +1,7 @@
 #include "rules/RuleForm.h"
 
+#include "rules/Rule.h"
+
 #include <kesa/commands.h>
 
 namespace kesa::access {
@@ -14,6 +16,13 @@ const std::vector<std::string_view> RIGHTS = {"register", "see"};
 constexpr std::string_view POLICY =
     R"(who may register and see a service is said in "registry", "policy", of the registry's document)";
 
+std::vector<std::string_view> commandsAndAnything()
+{
+    std::vector<std::string_view> all = COMMANDS;
+    all.emplace_back(Rule::ANYTHING);
+    return all;
+}
+
 } // namespace
 
 const RuleForm& accessForm()
@@ -27,6 +36,19 @@ const RuleForm& accessForm()
                       .mayBeOther = true,
                       .hasResources = true,
                       .example = R"({"user": "media", "may": ["retrieve", "update"], "paths": ["/media/**"]})"};
+    return form;
+}
+
+const RuleForm& policyForm()
+{
+    static const RuleForm& form =
+        *new RuleForm{.name = R"("registry", "policy")",
+                      .action = "right",
+                      .actions = RIGHTS,
+                      .actionsElsewhere = commandsAndAnything(),
+                      .elsewhere = R"(what may be asked of a service is said in "access" of its provider's document)",
+                      .mostDocumentBytes = MOST_POLICY_BYTES,
+                      .example = R"({"user": "media", "may": ["register", "see"], "paths": ["/media/**"]})"};
     return form;
 }
 

@@ -15,6 +15,10 @@ inline constexpr std::size_t MOST_RULES = 10'000;
 /// Different users and groups of one table, that are looked up in what the machine knows of them.
 inline constexpr std::size_t MOST_LOOKED_UP = 1'000;
 
+/// Of a document that is read for the policy. It is read while the registry serves, by who also hears that it shall
+/// end.
+inline constexpr std::size_t MOST_POLICY_BYTES = std::size_t{2} << 20U;
+
 /// What the rules of one table may say beside whom they are for.
 struct RuleForm {
     std::string_view name;                 ///< of the table, for people
@@ -33,6 +37,8 @@ struct RuleForm {
 
 /// Of "access" in the document of a process.
 KESA_API const RuleForm& accessForm();
+/// Of "registry", "policy" in the document of the registry's process.
+KESA_API const RuleForm& policyForm();
 /// Of the rules that a service is given in its code: all are of that service. The name of a process cannot be proven
 /// on any loop but the backend's, so they do not ask for it.
 KESA_API const RuleForm& serviceForm();

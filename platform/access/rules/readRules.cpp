@@ -115,6 +115,8 @@ private:
                 take(std::string(one.stringView()), where);
             } else if (mayBeNumber && !one.isString() && !one.get(number)) {
                 take(std::to_string(number), where);
+            } else if (one.isString()) {
+                complain(where, "the text is empty, and fits nothing", advice);
             } else {
                 complain(
                     where,

@@ -1,7 +1,11 @@
 #include "rules/usersAndGroups.h"
 
+#include <fmt/format.h>
+
 #include <grp.h>
 #include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -105,6 +109,23 @@ bool isPerson(uid_t user)
 bool isSharedGroup(uid_t owner, gid_t group)
 {
     return group != 0 && (group != owner || !isPerson(owner));
+}
+
+std::string adviseJoining(const std::string& path, mode_t bits)
+{
+    struct stat file {};
+    if (::stat(path.c_str(), &file) != 0 || (file.st_mode & bits) == 0 || file.st_gid == ::getegid() ||
+        ::group_member(file.st_gid) != 0) {
+        return {};
+    }
+    struct stat folder {};
+    const std::string around = path.substr(0, path.rfind('/'));
+    const bool isOfFolder = !S_ISDIR(file.st_mode) && ::stat(around.c_str(), &folder) == 0 &&
+                            folder.st_gid == file.st_gid && (folder.st_mode & S_IWGRP) != 0 &&
+                            isSharedGroup(folder.st_uid, folder.st_gid);
+    return isOfFolder || isSharedGroup(file.st_uid, file.st_gid)
+               ? fmt::format("add this user to the group \"{}\" and log in anew", groupName(file.st_gid))
+               : std::string();
 }
 
 } // namespace kesa::access

@@ -37,6 +37,11 @@ KESA_API bool isPerson(uid_t user);
 /// Whether a file's group is one that users may join: neither root's nor a person's own.
 KESA_API bool isSharedGroup(uid_t owner, gid_t group);
 
+/// What gives this user a right to a file that its group has: to join that. Empty where it does not help: the group
+/// lacks `bits`, this user is in it, or it is none that users may join. A group that shares the folder of the file is
+/// one.
+KESA_API std::string adviseJoining(const std::string& path, mode_t bits);
+
 } // namespace kesa::access
 
 #endif

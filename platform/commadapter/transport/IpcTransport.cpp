@@ -41,11 +41,11 @@ constexpr std::size_t MOST_TRIED = 1024;
 ITransport::Connected forbid(const std::string& path, const struct stat& status)
 {
     const bool isDirectory = S_ISDIR(status.st_mode);
-    const bool mayGroup = (status.st_mode & (isDirectory ? S_IXGRP : S_IWGRP)) != 0;
-    const char* const advice =
-        mayGroup && access::isSharedGroup(status.st_uid, status.st_gid) ? "add this user to the group and log in anew"
-        : isDirectory ? "its owner has to let a group of this user use it"
-                      : R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
+    const std::string joining = access::adviseJoining(path, isDirectory ? S_IXGRP : S_IWGRP);
+    const std::string advice = !joining.empty() ? joining
+                               : isDirectory
+                                   ? "its owner has to let a group of this user use it"
+                                   : R"(let a group of both use it: "socket_group" and "socket_mode" of that process)";
     return {nullptr, ITransport::Failure::eFORBIDDEN,
             fmt::format("no right to use \"{}\", which has the group \"{}\" and mode {:04o}; {}", path,
                         access::groupName(status.st_gid), status.st_mode & 07777U, advice)};

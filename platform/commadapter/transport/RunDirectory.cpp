@@ -59,9 +59,8 @@ std::string adviseRights(const std::string& directory)
     if (::stat(directory.c_str(), &status) != 0) {
         return "have it made for this user";
     }
-    return (status.st_mode & S_IWGRP) != 0 && access::isSharedGroup(status.st_uid, status.st_gid)
-               ? fmt::format("add this user to the group \"{}\" and log in anew", access::groupName(status.st_gid))
-               : "make it writable for this process";
+    const std::string joining = access::adviseJoining(directory, S_IWGRP);
+    return joining.empty() ? "make it writable for this process" : joining;
 }
 
 /// What helps against `error`.

@@ -1,9 +1,15 @@
 #include "traceFaults.h"
 
 #include <kesa/tracing.h>
+#include <rules/RuleForm.h>
+#include <rules/findMisnamedTable.h>
 #include <util/shellWord.h>
 
 #include <fmt/format.h>
+
+#include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace kesa::runtime::v02 {
 namespace {
@@ -24,13 +30,31 @@ bool isTold(const Complaint& complaint)
            (complaint.severity == Severity::eWARNING && !complaint.path.empty() && !complaint.advice.empty());
 }
 
+/// Where rules stand under another key. Who reads rules takes that for an error, and says so.
+std::vector<util::config::DocumentPath> findMisnamedRules(const ConfigReport& report)
+{
+    std::vector<util::config::DocumentPath> found;
+    const auto find = [&](const util::config::DocumentPath& place, const access::RuleForm& form) {
+        if (auto misnamed = access::findMisnamedTable(report.root, place, form)) {
+            found.push_back(report.path(std::move(misnamed->path)));
+        }
+    };
+    if (!report.file.empty()) { // rules are read from a file only
+        find({"access"}, access::accessForm());
+        find({"registry", "policy"}, access::policyForm());
+    }
+    return found;
+}
+
 } // namespace
 
 void traceFaults(const ConfigReport& report, const std::string& source, bool hasFailed)
 {
+    const std::vector<util::config::DocumentPath> ofRules = findMisnamedRules(report);
     std::size_t count = 0;
     for (const Complaint& complaint : report.complaints) {
-        if (isTold(complaint) && ++count <= MOST_TRACED) {
+        const bool isOfRules = std::find(ofRules.begin(), ofRules.end(), complaint.path) != ofRules.end();
+        if (isTold(complaint) && !isOfRules && ++count <= MOST_TRACED) {
             KESA_TRACE_TEXT(channel(), static_cast<int>(complaint.severity),
                             "[configuration] " + complaint.sentence(source));
         }
