@@ -94,7 +94,7 @@ TEST_F(SystemAmounts, PathsAndNumbersOfRequestsAreKeptInBounds)
 {
     for (const Victim& victim : startVictims()) {
         SCOPED_TRACE(victim.process.name());
-        for (const auto act : {&attachLongPaths, &useHighNumbers}) {
+        for (const auto act : {&attachLongPaths, &useAllNumbers}) {
             const std::size_t before = victim.process.residentKiB();
             const Intruder intruder([&](auto& peers, int) { act(peers, runDirectory(), victim); });
             intruder.awaitWord();

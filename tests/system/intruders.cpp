@@ -117,6 +117,13 @@ std::string requestThatEnds(const Victim& victim, std::uint32_t stream)
                                                    : wire::request(stream, 1, "/echo");
 }
 
+/// A provider's that is never answered; at the registry, where those are counted apart, one that ends.
+std::string requestThatStays(const Victim& victim, std::uint32_t stream)
+{
+    return victim.path == std::string("/registry") ? requestThatEnds(victim, stream)
+                                                   : wire::request(stream, 1, "/hang");
+}
+
 void takeEnds(RawPeer& peer, std::uint32_t count)
 {
     while (count > 0) {
@@ -127,14 +134,20 @@ void takeEnds(RawPeer& peer, std::uint32_t count)
 
 } // namespace
 
-void useHighNumbers(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim)
+void useAllNumbers(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim)
 {
     for (int count = 0; count < 60; ++count) {
         RawPeer& peer = peers.emplace_back(runDirectory, victim.process.name());
-        peer.send(wire::hello() + wire::attach(1, victim.path) + requestThatEnds(victim, 65536));
-        peer.readFrame(); // its hello
-        peer.readFrame(); // attached
-        peer.readFrame(); // an answer, or its last word
+        peer.send(wire::hello() + wire::attach(1, victim.path));
+        peer.readFrame();
+        peer.readFrame();
+        std::string all;
+        for (std::uint32_t stream = 64; stream <= 65536; stream += 64) {
+            all += requestThatStays(victim, stream);
+        }
+        peer.send(all + wire::frame(wire::ePING, 0, 0));
+        while (wire::kindOf(peer.readFrame()) != wire::ePONG) {
+        }
     }
 }
 

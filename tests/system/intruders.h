@@ -46,8 +46,8 @@ struct Victim {
 /// Many large messages at once, none of which ever ends.
 void sendUnfinished(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
 void attachLongPaths(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
-/// One request on each of many connections, of the highest number.
-void useHighNumbers(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
+/// On many connections, requests whose numbers are as far from each other as they can be, and that stay open.
+void useAllNumbers(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim);
 void connectOften(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim, std::size_t times);
 /// Asks on many connections, and takes every answer; for ever. Says a word once all have begun.
 void askForEver(std::deque<RawPeer>& peers, const std::string& runDirectory, const Victim& victim, int told);

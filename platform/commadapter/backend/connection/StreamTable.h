@@ -49,6 +49,7 @@ public:
         }
         if (!m_parts[part]) {
             m_parts[part] = std::make_unique<Part>();
+            ++m_partCount;
         }
         ++m_parts[part]->taken;
         ++m_taken;
@@ -62,6 +63,7 @@ public:
         --m_taken;
         if (--m_parts[part]->taken == 0 && part > 0) {
             m_parts[part].reset();
+            --m_partCount;
         }
     }
 
@@ -91,6 +93,8 @@ public:
 
     /// How many numbers are in use.
     std::size_t countTaken() const noexcept { return m_taken; }
+    /// What it takes for them.
+    std::size_t bytes() const noexcept { return m_partCount * sizeof(Part); }
     /// The highest number that `takeAny` ever gave.
     std::uint32_t highest() const noexcept { return m_highest; }
 
@@ -118,6 +122,7 @@ private:
     Entry& at(std::uint32_t stream) noexcept { return m_parts[(stream - 1) / PART]->entries[(stream - 1) % PART]; }
 
     std::vector<std::unique_ptr<Part>> m_parts;
+    std::size_t m_partCount = 0;
     std::size_t m_taken = 0;
     std::uint32_t m_highest = 0;
     std::vector<std::uint32_t> m_free;

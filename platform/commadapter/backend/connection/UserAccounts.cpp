@@ -24,6 +24,9 @@ constexpr std::size_t MOST_OF_PROCESS = 128;
 // 20,000 paths of common length take 8 MiB; a message has 16 MiB by default, and each may have two under way.
 constexpr std::size_t PATHS_OF_OTHERS = 8 * MIB;
 constexpr std::size_t PATHS_OF_OWN = 128 * MIB;
+// 100,000 requests that stay open, as each registration and tracking does, take 32 MiB.
+constexpr std::size_t REQUESTS_OF_OTHERS = 32 * MIB;
+constexpr std::size_t REQUESTS_OF_OWN = 256 * MIB;
 constexpr std::size_t UNFINISHED_OF_OTHERS = 32 * MIB;
 constexpr std::size_t UNFINISHED_OF_OWN = 128 * MIB;
 
@@ -43,6 +46,8 @@ const char* describe(UserAccounts::Kind kind)
         return "connections";
     case UserAccounts::Kind::ePATHS:
         return "bytes for paths that it asks for";
+    case UserAccounts::Kind::eREQUESTS:
+        return "bytes of open requests";
     default:
         return "bytes of messages that are unfinished or wait";
     }
@@ -64,6 +69,8 @@ std::size_t UserAccounts::limit(Kind kind, std::int64_t uid) const noexcept
         return isTrusted(uid) ? mostAtAll() : mostAtAll() / 2;
     case Kind::ePATHS:
         return isTrusted(uid) ? PATHS_OF_OWN : PATHS_OF_OTHERS;
+    case Kind::eREQUESTS:
+        return isTrusted(uid) ? REQUESTS_OF_OWN : REQUESTS_OF_OTHERS;
     default:
         return isTrusted(uid) ? UNFINISHED_OF_OWN : UNFINISHED_OF_OTHERS;
     }

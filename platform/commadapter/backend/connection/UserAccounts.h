@@ -20,6 +20,7 @@ public:
     enum class Kind : std::uint8_t {
         eCONNECTIONS, ///< number
         ePATHS,       ///< bytes for paths that clients are interested in
+        eREQUESTS,    ///< bytes for requests that services have not ended
         eUNFINISHED,  ///< bytes of messages that have begun to arrive, as declared, and of requests that wait
         eSTANDING,    ///< of those, what connections have that wait for room themselves
     };
@@ -44,7 +45,7 @@ public:
     static std::size_t mostConnectionsOfProcess() noexcept;
 
 private:
-    using Amounts = std::array<std::size_t, 4>;
+    using Amounts = std::array<std::size_t, 5>;
 
     std::size_t limit(Kind kind, std::int64_t uid) const noexcept;
     std::string whyNoneLeft(std::size_t has, std::size_t more) const;

@@ -97,9 +97,15 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
         m_connection.cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
         return;
     }
-    if (!service) {
+    std::string why = service ? whyNoMore() : std::string();
+    if (!service || !why.empty()) {
         m_streams.release(number);
-        m_connection.output().error(number, Response::createErrorResponse(503, "the service is not provided"));
+        Response error =
+            Response::createErrorResponse(503, service ? "too many open requests" : "the service is not provided");
+        if (!why.empty()) {
+            headers::appendReason(error, why);
+        }
+        m_connection.output().error(number, error);
         m_connection.pushOut();
         return;
     }
@@ -265,6 +271,40 @@ void ServedRequests::release(std::uint32_t number)
     }
     m_streams.remove(*stream.sameTarget, number);
     m_streams.release(number);
+    if (m_counted >= bytes() + 2 * COUNTED_STEP && !std::exchange(m_isCountDue, true)) {
+        m_connection.loop().post([self = m_connection.share(*this)] {
+            const auto lock = self->m_connection.lock();
+            self->m_isCountDue = false;
+            self->count(self->m_connection.isOpen() ? self->bytes() : 0);
+        });
+    }
+}
+
+/// With one request more; it is counted if it may be. Up to a step less may be counted than there is.
+std::string ServedRequests::whyNoMore()
+{
+    const std::size_t now = bytes();
+    if (now < m_counted + COUNTED_STEP) {
+        return {};
+    }
+    std::string why = m_connection.loop().accounts().whyNoMore(UserAccounts::Kind::eREQUESTS,
+                                                               m_connection.m_context.uid, now - m_counted);
+    if (why.empty()) {
+        count(now);
+    }
+    return why;
+}
+
+void ServedRequests::count(std::size_t bytes)
+{
+    m_connection.loop().accounts().change(UserAccounts::Kind::eREQUESTS, m_connection.m_context.uid,
+                                          std::exchange(m_counted, bytes), bytes);
+}
+
+void ServedRequests::end()
+{
+    const auto lock = m_connection.lock();
+    count(0);
 }
 
 void ServedRequests::addFacts(ConnectionFacts& facts) const

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <string>
 
 namespace kesa::commadapter {
 
@@ -36,6 +37,9 @@ public:
     void credit(std::uint32_t stream, std::size_t bytes);
     /// Ends all requests of a target's with a 503.
     void cancelAll(StreamList& requests, const char* text);
+
+    /// The connection has ended.
+    void end();
 
     /// Whether a request with that number may come.
     bool isFree(std::uint32_t stream);
@@ -96,11 +100,22 @@ private:
     void dropLatest(Stream& stream);
     void queueLatest(std::uint32_t number, Stream& stream);
     void release(std::uint32_t number);
+    std::size_t bytes() const noexcept { return m_streams.bytes() + REQUEST_BYTES * m_streams.countTaken(); }
+    // The same, loop only.
+    std::string whyNoMore();
+    void count(std::size_t bytes);
+
+    /// Of each open request: what leads its answers back here, and what its service keeps of it at least.
+    static constexpr std::size_t REQUEST_BYTES = 256;
+    /// An account that is looked up for each request would cost as much as the rest.
+    static constexpr std::size_t COUNTED_STEP = std::size_t{16} << 10U;
 
     ServerConnection& m_connection;
     // With the connection's lock held.
     StreamTable<Stream> m_streams;
     std::uint64_t m_lastSerial = 0;
+    std::size_t m_counted = 0; ///< of `bytes`, at the user's account
+    bool m_isCountDue = false; ///< for much of it is gone
     // In order of arrival; one for each stream at most.
     std::list<Latest> m_latest;     ///< until the queue is empty
     std::list<Latest> m_creditless; ///< until none of the stream's values waits for credit

@@ -193,6 +193,7 @@ void ServerConnection::onClosed(const std::string& reason)
     const auto self = std::static_pointer_cast<ServerConnection>(shared_from_this());
     m_held.end();
     m_interests.end();
+    m_served.end();
     m_services->remove(self);
     m_liveness.end();
     m_drainedTasks.end();
