@@ -223,6 +223,14 @@ struct Pair {
         atServer.lines.clear();
     }
 
+    /// The server has handled at most so many bytes of requests. True: the client refused its credit.
+    bool handleRequests(std::size_t atMost = SIZE_MAX)
+    {
+        const std::size_t handled = std::min(atServer.requestsTaken, atMost);
+        atServer.requestsTaken -= handled;
+        return client.output.takeRequestCredit(handled);
+    }
+
     Recorder atClient;
     Recorder atServer;
     Machine client;
