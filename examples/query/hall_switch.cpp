@@ -10,14 +10,13 @@
 
 void switchOn(const std::string& path, kesa::IKesaApi& lamp)
 {
+    const auto failed = [path](const kesa::Response& error) {
+        std::cout << path + ": " + kesa::Response::getErrorMessageWithCode(error) + '\n' << std::flush;
+    };
+    const auto done = [path] { std::cout << path + " was switched on\n" << std::flush; };
+    const auto nothing = [](const kesa::Response&) {}; // this update has no answer but its end
     lamp.request(kesa::Request("update", "/light", kesa::asPayload(true)),
-                 kesa::handler<kesa::Response>([](const kesa::Response&) {}, // this update has no answer but its end
-                                               [path](const kesa::Response& error) {
-                                                   std::cout << path << ": "
-                                                             << kesa::Response::getErrorMessageWithCode(error)
-                                                             << std::endl;
-                                               },
-                                               [path] { std::cout << path << " was switched on" << std::endl; }));
+                 kesa::handler<kesa::Response>(nothing, failed, done));
 }
 
 int main()
@@ -31,7 +30,7 @@ int main()
         if (lamp.api) {
             switchOn(path, **lamp.api);
         } else {
-            std::cout << path << " is gone" << std::endl;
+            std::cout << path + " is gone\n" << std::flush;
         }
     };
     const auto hall = runtime->trackAndResolveServices(query, kesa::handler<kesa::FoundByQuery>(found));

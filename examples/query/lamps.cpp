@@ -9,7 +9,7 @@
 
 struct Lamp {
     Lamp(const std::string& path, const std::string& room)
-        : light(false, [path](bool isOn) { std::cout << path << (isOn ? " is on" : " is off") << std::endl; })
+        : light(false, [path](bool isOn) { std::cout << path + (isOn ? " is on\n" : " is off\n") << std::flush; })
     {
         light.serveWritable(*service, "/light");
         registration = kesa::provide(path, service, {{"room", room}}); // what others may ask for

@@ -11,9 +11,9 @@ int main()
     kesa::Runtime runtime = kesa::startOrExit("logger");
 
     const auto thermometer = kesa::use("/thermometer"); // over restarts of its process and of the registry
-    thermometer->onChange([](bool isConnected) { std::cout << (isConnected ? "there" : "gone") << std::endl; });
+    thermometer->onChange([](bool isConnected) { std::cout << (isConnected ? "there\n" : "gone\n") << std::flush; });
     const auto print = [](const kesa::Response& celsius) {
-        std::cout << celsius.getPayload().text() << std::endl; // "20.5": a number in JSON
+        std::cout << std::string(celsius.getPayload().text()) + '\n' << std::flush; // "20.5": a number in JSON
     };
     const auto values =
         thermometer->follow(kesa::Request("retrieve", "/celsius"), kesa::handler<kesa::Response>(print));
