@@ -22,6 +22,7 @@ public:
 
     /// Whether a further request has to wait here.
     bool isShut() const noexcept { return !m_order.empty() || m_used >= REQUEST_WINDOW; }
+    bool isEmpty() const noexcept { return m_order.empty(); }
     bool isWaiting(std::uint32_t stream) const { return !m_order.empty() && m_waiting.count(stream) != 0; }
     /// One of so many bytes, head and body, leaves.
     void use(std::size_t content) noexcept { m_used += costOf(content); }

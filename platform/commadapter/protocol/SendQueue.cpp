@@ -14,6 +14,16 @@ constexpr std::size_t GATHERED_BYTES = 512U << 10U; ///< of frames in one `gathe
 
 // ---- writing a message ----------------------------------------------------------------------------------------
 
+inline void SendQueue::pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body,
+                                   bool isPersistent)
+{
+    if (m_frames.head().size() + body.size() <= FRAME_BYTES && !m_turns.has(stream)) {
+        m_frames.push(kind, stream, target, body, isPersistent);
+    } else {
+        pushLarge(kind, stream, target, body, isPersistent);
+    }
+}
+
 void SendQueue::push(Kind kind, std::uint32_t stream, std::uint32_t target)
 {
     begin();
@@ -62,14 +72,9 @@ bool SendQueue::waitsForCredit(Kind kind, std::uint32_t stream, bool isPersisten
     return false;
 }
 
-void SendQueue::pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body,
-                            bool isPersistent)
+void SendQueue::pushLarge(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent)
 {
     const auto head = m_frames.head();
-    if (head.size() + body.size() <= FRAME_BYTES && !m_turns.has(stream)) {
-        m_frames.push(kind, stream, target, body, isPersistent);
-        return;
-    }
     TurnQueue::Message message{kind, target, {head.begin(), head.end()}, body, isPersistent};
     m_frames.abandon();
     if (m_turns.push(stream, std::move(message))) {
@@ -170,7 +175,7 @@ void SendQueue::moveUp(std::uint32_t stream)
 
 /// What is taken back makes the end come earlier, so fewer bytes than `endThen` say nothing yet. Nothing is queued
 /// behind a message of the same stream and kind, so none waits behind a large one.
-bool SendQueue::contains(std::uint32_t stream, Kind kind, std::uint64_t endThen)
+bool SendQueue::search(std::uint32_t stream, Kind kind, std::uint64_t endThen)
 {
     if (m_turns.has(stream)) {
         return m_turns.isNext(stream, kind);

@@ -63,7 +63,10 @@ public:
     std::uint64_t end() const noexcept { return m_sent + bytes(); }
     /// Whether a byte of the message of `stream` and `kind` is still queued. `endThen`: what `end` was right after it
     /// was pushed; when as much has been sent, the frames are not searched.
-    bool contains(std::uint32_t stream, Kind kind, std::uint64_t endThen);
+    bool contains(std::uint32_t stream, Kind kind, std::uint64_t endThen)
+    {
+        return (m_sent < endThen || !m_turns.isEmpty() || !m_requests.isEmpty()) && search(stream, kind, endThen);
+    }
     bool hasPing() const noexcept { return m_frames.hasPing(); }
     bool hasPong() const noexcept { return m_frames.hasPong(); }
 
@@ -98,6 +101,8 @@ private:
     bool waitsForCredit(Kind kind, std::uint32_t stream, bool isPersistent);
     void pushRequest(std::uint32_t stream, std::uint32_t target, const Payload& body);
     void pushEncoded(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent);
+    void pushLarge(Kind kind, std::uint32_t stream, std::uint32_t target, const Payload& body, bool isPersistent);
+    bool search(std::uint32_t stream, Kind kind, std::uint64_t endThen);
     void queueWaiting(std::uint32_t stream);
     void queueWaitingRequests();
     std::size_t unsentRequests() const noexcept { return m_frames.requestCost() + m_turns.requestCost(); }

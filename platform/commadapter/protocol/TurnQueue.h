@@ -34,6 +34,7 @@ public:
         std::size_t requestCost() const noexcept { return kind == Kind::eREQUEST ? costOf(content()) : 0; }
     };
 
+    bool isEmpty() const noexcept { return m_lanes.empty(); }
     /// Whether `stream` has a message here: what it says next has to wait behind it.
     bool has(std::uint32_t stream) const { return !m_lanes.empty() && find(stream) != nullptr; }
     /// Whether what leaves first of the stream's is of `kind`.

@@ -193,11 +193,15 @@ TEST(StreamTable, HasNumbersThatThePeerChose)
     for (const std::uint32_t stream : {0U, 3U, MAX_STREAMS + 1}) {
         EXPECT_EQ(streams.take(stream), nullptr);
     }
+    EXPECT_TRUE(streams.parts() == 3 && !streams.needsPart(64) && streams.needsPart(129));
     streams.remove(order, MAX_STREAMS);
     streams.release(MAX_STREAMS);
     EXPECT_TRUE(streams.find(MAX_STREAMS) == nullptr && streams.find(64) == nullptr && streams.find(0) == nullptr);
+    EXPECT_EQ(streams.parts(), 3U) << "the one emptied last stays";
     EXPECT_EQ(streams.countTaken(), 3U);
     EXPECT_TRUE(streams.find(1)->next == 3 && streams.find(3)->next == 65 && order.last == 65);
+    streams.release(65);
+    EXPECT_EQ(streams.parts(), 2U);
 }
 
 } // namespace

@@ -113,7 +113,7 @@ private:
     void* fail(Lock& lock, const ClientState& client, Handler&& handler, unsigned short status, std::string text);
     void tellLater();
     Handler takeFailed(std::uint64_t handle);
-    void unlink(std::uint32_t stream);
+    void unlink(std::uint32_t number, Stream& stream);
     void unlimit(Stream& stream) noexcept;
     void cancelStream(std::uint32_t stream);
     Stream* findOpen(std::uint64_t handle);

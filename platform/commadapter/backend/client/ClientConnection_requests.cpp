@@ -106,7 +106,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
     if (isRefused(request.getPayload().size(), wishes.isPersistent)) {
         return fail(lock, client, std::move(handler), 503, TOO_SLOW);
     }
-    const std::uint32_t number = m_streams.takeAny();
+    const auto [number, entry] = m_streams.takeAny();
     if (number == 0) {
         noNumberFree();
         return fail(lock, client, std::move(handler), 503, TOO_MANY);
@@ -118,7 +118,7 @@ void* ClientConnection::send(Lock& lock, ClientState& client, const Request& req
         return fail(lock, client, std::move(handler), isTooLarge ? 413 : 400,
                     "the request " + machine().output.refusal());
     }
-    Stream& stream = *m_streams.find(number);
+    Stream& stream = *entry;
     stream.handler = std::move(handler);
     stream.client = &client;
     stream.handle = nextHandle(number);
@@ -281,8 +281,9 @@ void ClientConnection::cancel(const ClientState& client, void* handle)
 /// Its number stays taken until the server ends the stream, or the connection ends.
 void ClientConnection::cancelStream(std::uint32_t number)
 {
-    unlink(number);
-    m_streams.find(number)->isOpen = false;
+    Stream& stream = *m_streams.find(number);
+    unlink(number, stream);
+    stream.isOpen = false;
     if (!isOpen()) {
         return;
     }
@@ -294,9 +295,8 @@ void ClientConnection::cancelStream(std::uint32_t number)
     pushOut();
 }
 
-void ClientConnection::unlink(std::uint32_t number)
+void ClientConnection::unlink(std::uint32_t number, Stream& stream)
 {
-    Stream& stream = *m_streams.find(number);
     m_streams.remove(stream.client->open, number);
     unlimit(stream);
     if (stream.isSingle) {
@@ -458,7 +458,7 @@ void ClientConnection::endStream(std::uint32_t number, const Response* error)
         m_noneFreeSince = comm::NEVER;
         return;
     }
-    unlink(number);
+    unlink(number, *stream);
     Handler handler = std::move(stream->handler);
     const std::uint64_t handle = stream->handle;
     const ClientState& client = *stream->client;

@@ -26,49 +26,63 @@ struct StreamEntry {
 };
 
 /// What one side knows of each stream of a connection, by the stream's number. The numbers may be the peer's choice, so
-/// the table has only those parts in which one is in use, and the first: there nothing is allocated per stream. Either
-/// all numbers of a table are the peer's choice (`take`), or none.
+/// the table has only those parts in which one is in use, and the one that was emptied last: there nothing is allocated
+/// per stream. Either all numbers of a table are the peer's choice (`take`), or none.
 template <class Entry>
 class StreamTable {
 public:
+    /// How many streams a part is for.
+    static constexpr std::uint32_t PART = 64;
+    struct Part {
+        std::array<Entry, PART> entries{};
+        std::uint32_t taken = 0;
+    };
+
     /// The entry of a number in use; null for any other.
     Entry* find(std::uint32_t stream) noexcept
     {
-        const std::size_t part = (stream - 1) / PART; // of 0 there is none
-        return part < m_parts.size() && m_parts[part] && at(stream).isTaken ? &at(stream) : nullptr;
+        Part* const part = partOf(stream);
+        if (part == nullptr) {
+            return nullptr;
+        }
+        Entry& entry = part->entries[(stream - 1) % PART];
+        return entry.isTaken ? &entry : nullptr;
     }
+    /// Whether `take` of that number, which is in range, makes a part.
+    bool needsPart(std::uint32_t stream) const noexcept { return partOf(stream) == nullptr; }
     /// Takes a number that the peer chose; null when it is out of range or in use.
     Entry* take(std::uint32_t stream)
     {
-        if (stream == 0 || stream > MAX_STREAMS || find(stream) != nullptr) {
+        if (stream == 0 || stream > MAX_STREAMS) {
             return nullptr;
         }
-        const std::size_t part = (stream - 1) / PART;
-        if (part >= m_parts.size()) {
-            m_parts.resize(part + 1);
+        Part* part = partOf(stream);
+        if (part == nullptr) {
+            part = makePart((stream - 1) / PART);
         }
-        if (!m_parts[part]) {
-            m_parts[part] = std::make_unique<Part>();
-            ++m_partCount;
+        Entry& entry = part->entries[(stream - 1) % PART];
+        if (entry.isTaken) {
+            return nullptr;
         }
-        ++m_parts[part]->taken;
-        ++m_taken;
-        at(stream).isTaken = true;
-        return &at(stream);
+        entry.isTaken = true;
+        ++part->taken;
+        return &entry;
     }
     void release(std::uint32_t stream)
     {
-        const std::size_t part = (stream - 1) / PART;
-        at(stream) = Entry();
-        --m_taken;
-        if (--m_parts[part]->taken == 0 && part > 0) {
-            m_parts[part].reset();
-            --m_partCount;
+        Part& part = *m_parts[(stream - 1) / PART];
+        part.entries[(stream - 1) % PART] = Entry();
+        if (--part.taken == 0) {
+            keepEmpty((stream - 1) / PART);
         }
     }
 
-    /// Takes a free number, the one given back last if there is one; 0 when all are in use.
-    std::uint32_t takeAny()
+    struct Taken {
+        std::uint32_t number;
+        Entry* entry;
+    };
+    /// Takes a free number, the one given back last if there is one; number 0 when all are in use.
+    Taken takeAny()
     {
         std::uint32_t stream = 0;
         if (!m_free.empty()) {
@@ -80,10 +94,9 @@ public:
                 m_free.reserve(2 * std::size_t{m_highest});
             }
         } else {
-            return 0;
+            return {0, nullptr};
         }
-        take(stream);
-        return stream;
+        return {stream, take(stream)};
     }
     void giveBack(std::uint32_t stream)
     {
@@ -91,10 +104,16 @@ public:
         m_free.push_back(stream);
     }
 
-    /// How many numbers are in use.
-    std::size_t countTaken() const noexcept { return m_taken; }
-    /// What it takes for them.
-    std::size_t bytes() const noexcept { return m_partCount * sizeof(Part); }
+    /// How many numbers are in use: a look at all parts.
+    std::size_t countTaken() const noexcept
+    {
+        std::size_t taken = 0;
+        for (const auto& part : m_parts) {
+            taken += part ? part->taken : 0;
+        }
+        return taken;
+    }
+    std::size_t parts() const noexcept { return m_partCount; }
     /// The highest number that `takeAny` ever gave.
     std::uint32_t highest() const noexcept { return m_highest; }
 
@@ -114,16 +133,34 @@ public:
     }
 
 private:
-    static constexpr std::uint32_t PART = 64;
-    struct Part {
-        std::array<Entry, PART> entries{};
-        std::uint32_t taken = 0;
-    };
     Entry& at(std::uint32_t stream) noexcept { return m_parts[(stream - 1) / PART]->entries[(stream - 1) % PART]; }
+    Part* partOf(std::uint32_t stream) const noexcept
+    {
+        const std::size_t index = (stream - 1) / PART; // of 0 there is none
+        return index < m_parts.size() ? m_parts[index].get() : nullptr;
+    }
+    Part* makePart(std::size_t index)
+    {
+        if (index >= m_parts.size()) {
+            m_parts.resize(index + 1);
+        }
+        m_parts[index] = std::make_unique<Part>();
+        ++m_partCount;
+        return m_parts[index].get();
+    }
+    /// In place of the part that was emptied before it.
+    void keepEmpty(std::size_t index)
+    {
+        if (index != m_emptied && m_parts[m_emptied] && m_parts[m_emptied]->taken == 0) {
+            m_parts[m_emptied].reset();
+            --m_partCount;
+        }
+        m_emptied = index;
+    }
 
     std::vector<std::unique_ptr<Part>> m_parts;
     std::size_t m_partCount = 0;
-    std::size_t m_taken = 0;
+    std::size_t m_emptied = 0;
     std::uint32_t m_highest = 0;
     std::vector<std::uint32_t> m_free;
 };

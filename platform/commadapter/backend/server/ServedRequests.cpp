@@ -91,15 +91,14 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
     if (!m_connection.isOpen()) {
         return;
     }
-    Stream* const stream = m_connection.output().isWaiting(number) ? nullptr : m_streams.take(number);
-    if (stream == nullptr) {
+    if (number == 0 || number > MAX_STREAMS || m_streams.find(number) != nullptr ||
+        m_connection.output().isWaiting(number)) {
         lock.unlock();
         m_connection.cutOff(number > MAX_STREAMS ? "too many open requests" : "request number in use");
         return;
     }
-    std::string why = service ? whyNoMore() : std::string();
+    std::string why = service && m_streams.needsPart(number) ? whyNoPart() : std::string();
     if (!service || !why.empty()) {
-        m_streams.release(number);
         Response error =
             Response::createErrorResponse(503, service ? "too many open requests" : "the service is not provided");
         if (!why.empty()) {
@@ -109,12 +108,14 @@ void ServedRequests::serve(std::uint32_t number, Target* target, const Request& 
         m_connection.pushOut();
         return;
     }
+    Stream* const stream = m_streams.take(number);
     stream->serial = ++m_lastSerial;
     stream->sameTarget = &target->open;
     stream->service = service;
     stream->isPersistent = isPersistent;
     m_streams.append(target->open, number);
     const std::uint64_t serial = stream->serial;
+    m_calledSerial.store(serial, std::memory_order_relaxed);
     lock.unlock();
     if (const auto refusal = m_connection.refusal(*target, request)) {
         finish(number, serial, &*refusal);
@@ -159,6 +160,9 @@ void ServedRequests::callService(std::uint32_t number, std::uint64_t serial,
                                     });
     }
     context.stream = nullptr;
+    if (m_calledSerial.load(std::memory_order_relaxed) != serial) {
+        return; // answered already
+    }
     const auto lock = m_connection.lock();
     if (Stream* const stream = find(number, serial)) {
         stream->handle = handle;
@@ -269,36 +273,35 @@ void ServedRequests::release(std::uint32_t number)
     if (stream.hasLatest) {
         dropLatest(stream);
     }
+    if (stream.serial == m_calledSerial.load(std::memory_order_relaxed)) {
+        m_calledSerial.store(0, std::memory_order_relaxed);
+    }
     m_streams.remove(*stream.sameTarget, number);
     m_streams.release(number);
-    if (m_counted >= bytes() + 2 * COUNTED_STEP && !std::exchange(m_isCountDue, true)) {
+    if (m_streams.parts() < m_counted && !std::exchange(m_isCountDue, true)) {
         m_connection.loop().post([self = m_connection.share(*this)] {
             const auto lock = self->m_connection.lock();
             self->m_isCountDue = false;
-            self->count(self->m_connection.isOpen() ? self->bytes() : 0);
+            self->count(self->m_connection.isOpen() ? self->m_streams.parts() : 0);
         });
     }
 }
 
-/// With one request more; it is counted if it may be. Up to a step less may be counted than there is.
-std::string ServedRequests::whyNoMore()
+/// With one part more, which is counted if it may be.
+std::string ServedRequests::whyNoPart()
 {
-    const std::size_t now = bytes();
-    if (now < m_counted + COUNTED_STEP) {
-        return {};
-    }
-    std::string why = m_connection.loop().accounts().whyNoMore(UserAccounts::Kind::eREQUESTS,
-                                                               m_connection.m_context.uid, now - m_counted);
+    std::string why =
+        m_connection.loop().accounts().whyNoMore(UserAccounts::Kind::eREQUESTS, m_connection.m_context.uid, PART_BYTES);
     if (why.empty()) {
-        count(now);
+        count(m_streams.parts() + 1);
     }
     return why;
 }
 
-void ServedRequests::count(std::size_t bytes)
+void ServedRequests::count(std::size_t parts)
 {
     m_connection.loop().accounts().change(UserAccounts::Kind::eREQUESTS, m_connection.m_context.uid,
-                                          std::exchange(m_counted, bytes), bytes);
+                                          PART_BYTES * std::exchange(m_counted, parts), PART_BYTES * parts);
 }
 
 void ServedRequests::end()
@@ -317,10 +320,13 @@ void ServedRequests::addFacts(ConnectionFacts& facts) const
 
 /// Whether the stream's policy decides. Of a call only a value that would wait behind another of the same call is
 /// judged, by all that calls have queued here: serving no further bounds how many calls there are, not what each says.
-bool ServedRequests::isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size)
+bool ServedRequests::isTooMuch(std::uint32_t number, Stream& stream, std::size_t size)
 {
     if (stream.isPersistent) {
         return m_connection.isOverBound(size) || m_connection.isSharedOverBound(size);
+    }
+    if (!std::exchange(stream.hasValue, true)) {
+        return false;
     }
     const CommSettings& settings = m_connection.loop().settings();
     const auto together = m_connection.shared(&QueuedBytes::Amount::all);

@@ -12,6 +12,7 @@
 #include <kesa/Request.h>
 #include <kesa/Response.h>
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <list>
@@ -77,6 +78,7 @@ private:
         bool isCreditless = false; ///< in `m_creditless`, else in `m_latest`
         bool isCut = false;        ///< refused a value; the loop is going to end it
         bool isFinished = false;   ///< by the service, after that: it hears of no cancel
+        bool hasValue = false;     ///< of a call: it was given one
         QueuePolicy policy = QueuePolicy::eCUT_STREAM;
         std::list<Latest>::iterator latest;
         void* handle = IKesaApi::UNDEFINED_REQUEST_HANDLE; ///< the service's
@@ -91,7 +93,7 @@ private:
     void cut(std::uint32_t number, std::uint64_t serial, const Response& error);
     // With the connection's lock held.
     Stream* find(std::uint32_t number, std::uint64_t serial);
-    bool isTooMuch(std::uint32_t number, const Stream& stream, std::size_t size);
+    bool isTooMuch(std::uint32_t number, Stream& stream, std::size_t size);
     bool isRefused(std::uint32_t number, Stream& stream, std::size_t size);
     Response tooSlow(const Stream& stream, std::size_t size);
     void refuseValue(std::uint32_t number, Stream& stream, protocol::Sent why);
@@ -100,22 +102,26 @@ private:
     void dropLatest(Stream& stream);
     void queueLatest(std::uint32_t number, Stream& stream);
     void release(std::uint32_t number);
-    std::size_t bytes() const noexcept { return m_streams.bytes() + REQUEST_BYTES * m_streams.countTaken(); }
     // The same, loop only.
-    std::string whyNoMore();
-    void count(std::size_t bytes);
+    std::string whyNoPart();
+    void count(std::size_t parts);
 
     /// Of each open request: what leads its answers back here, and what its service keeps of it at least.
     static constexpr std::size_t REQUEST_BYTES = 256;
-    /// An account that is looked up for each request would cost as much as the rest.
-    static constexpr std::size_t COUNTED_STEP = std::size_t{16} << 10U;
+    /// An account that is looked up for each request would cost as much as the rest, so the requests of a part are
+    /// counted as if all were open.
+    static constexpr std::size_t PART_BYTES =
+        sizeof(StreamTable<Stream>::Part) + REQUEST_BYTES * StreamTable<Stream>::PART;
 
     ServerConnection& m_connection;
     // With the connection's lock held.
     StreamTable<Stream> m_streams;
     std::uint64_t m_lastSerial = 0;
-    std::size_t m_counted = 0; ///< of `bytes`, at the user's account
-    bool m_isCountDue = false; ///< for much of it is gone
+    std::size_t m_counted = 0; ///< parts, at the user's account
+    bool m_isCountDue = false; ///< for some are gone
+    /// The request that its service is just given, on the loop; 0 once it has ended. Written with the lock held, read
+    /// by the loop without.
+    std::atomic<std::uint64_t> m_calledSerial{0};
     // In order of arrival; one for each stream at most.
     std::list<Latest> m_latest;     ///< until the queue is empty
     std::list<Latest> m_creditless; ///< until none of the stream's values waits for credit
