@@ -4,9 +4,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <list>
+#include <map>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace kesa::registry {
@@ -57,8 +57,8 @@ private:
     };
     void measure(Entry& entry);
 
-    std::list<Entry> m_entries;                                               ///< the latest first
-    std::unordered_map<std::string_view, std::list<Entry>::iterator> m_paths; ///< the keys lie in the entries
+    std::list<Entry> m_entries;                                     ///< the latest first
+    std::map<std::string_view, std::list<Entry>::iterator> m_paths; ///< the keys lie in the entries
     std::size_t m_bytes = 0;
 };
 

@@ -15,7 +15,6 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <unordered_map>
 #include <vector>
 
 namespace kesa::access {
@@ -54,12 +53,8 @@ private:
         PathPatterns patterns; ///< of the whole glob
         std::set<Id> ids;
     };
-    struct Hash {
-        using is_transparent = void;
-        std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>()(text); }
-    };
     struct Node {
-        std::unordered_map<std::string, std::unique_ptr<Node>, Hash, std::equal_to<>> names;
+        std::map<std::string, std::unique_ptr<Node>, std::less<>> names;
         /// By their segments, below the characters these begin with: a segment looks only at those it begins with, too.
         std::map<std::string, std::map<std::string, GlobChild>, std::less<>> globs;
         std::unique_ptr<Node> any;         ///< "*"

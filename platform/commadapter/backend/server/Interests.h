@@ -7,10 +7,10 @@
 #include <gates/Gate.h>
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <set>
 #include <string>
-#include <unordered_map>
 
 namespace kesa::commadapter {
 
@@ -59,7 +59,7 @@ private:
     ServerConnection& m_connection;
     ServiceTable& m_services;
     std::size_t m_bytes = 0; ///< in the account of the client's user
-    std::unordered_map<std::uint32_t, Target> m_targets;
+    std::map<std::uint32_t, Target> m_targets;
     std::set<std::uint32_t> m_untold; ///< provided, which the client does not know
 };
 

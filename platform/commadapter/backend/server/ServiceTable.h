@@ -87,7 +87,7 @@ private:
     const MakeHello m_makeHello;
     const std::shared_ptr<ProvidedService> m_own;
     mutable std::mutex m_lock; ///< services come and go in any thread, the loop looks them up
-    std::unordered_map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
+    std::map<std::string, std::shared_ptr<ProvidedService>> m_services; ///< with the lock held
     /// By path, which is of the clients' choice: none may choose many of one hash. Read on the loop, or with the lock
     /// held; changed on the loop with the lock held.
     std::map<std::string, InterestList> m_interests;

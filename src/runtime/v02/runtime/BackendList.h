@@ -8,9 +8,9 @@
 #include <runtime/v02/runtime/HandlerTypes.h>
 #include <runtime/v02/runtime/OpenProxies.h>
 
+#include <map>
 #include <memory>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace kesa::runtime::v02 {
@@ -83,12 +83,12 @@ private:
 
     std::string m_processName;
     std::vector<std::unique_ptr<commadapter::IBackend>> m_backends;
-    std::unordered_map<std::string, std::shared_ptr<MyClientConnectionListener>> m_openProxies;
+    std::map<std::string, std::shared_ptr<MyClientConnectionListener>> m_openProxies;
     const std::shared_ptr<OpenProxies> m_visibleProxies = std::make_shared<OpenProxies>();
-    std::unordered_map<std::string, std::shared_ptr<IKesaApi>> m_providedServices;
+    std::map<std::string, std::shared_ptr<IKesaApi>> m_providedServices;
     /// Backends hold plain pointers. What they may call is kept here under every locator they may call it by, since the
     /// table above has one key per service, and none for a service whose first locator is a key already.
-    std::unordered_multimap<std::string, std::shared_ptr<IKesaApi>> m_callableServices;
+    std::multimap<std::string, std::shared_ptr<IKesaApi>> m_callableServices;
     std::shared_ptr<comm::ActiveObject> m_activeObject;
 };
 

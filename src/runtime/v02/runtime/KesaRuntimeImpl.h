@@ -26,11 +26,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -125,14 +126,14 @@ private:
         /// `openProxy` did not keep the handler. There is nothing to free: on this locator a stranger may have a proxy.
         bool isRefused = false;
     };
-    using OpenedProxies = std::unordered_map<std::string, OpenedProxy>; // by service path
+    using OpenedProxies = std::map<std::string, OpenedProxy>; // by service path
 
     /// A query that was forwarded to the remote registry.
     struct RemoteQuery {
         std::uint32_t requestId = 0;
-        std::unordered_set<std::string> services; ///< paths it has reported, and the local matches it began with
+        std::set<std::string> services; ///< paths it has reported, and the local matches it began with
         /// Reported while this process had the path registered, too.
-        std::unordered_map<std::string, std::shared_ptr<ServiceDef>> hidden;
+        std::map<std::string, std::shared_ptr<ServiceDef>> hidden;
     };
 
     struct TrackedAndResolvedService {
@@ -342,15 +343,15 @@ private:
     bool isRuntimeInRegistry = false;
     bool isRegistryServiceRegistered = false;
     QueryTrackers m_queryTrackers;
-    std::unordered_map<std::string, RuntimeEntry> m_runtimeEntries;
+    std::map<std::string, RuntimeEntry> m_runtimeEntries;
     HandleMap<RemoteQuery> m_remoteQueries;
     HandleMap<OpenedProxy> m_resolvedLocators;
     HandleMap<OpenedProxies> m_resolvedServicesLocators;
     HandleMap<Disposable> m_trackedDisposable;
     HandleMap<TrackedAndResolvedService> m_trackAndResolveServiceHandler;
     HandleMap<TrackedAndResolvedQuery> m_trackAndResolvedServicesQuery;
-    std::unordered_map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
-    std::atomic<std::uint64_t> m_lastNumber{0};            ///< different each time, in any thread; it orders nothing
+    std::map<std::string, std::size_t> m_listed; ///< by how many remote queries; paths that are
+    std::atomic<std::uint64_t> m_lastNumber{0};  ///< different each time, in any thread; it orders nothing
 };
 
 /// What disposing posts to the executor, once. It may come after the runtime is gone.

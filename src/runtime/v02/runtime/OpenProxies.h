@@ -4,10 +4,10 @@
 #include <kesa/commadapter/KesaClientApi.h>
 #include <kesa/url.h>
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 
 namespace kesa::runtime::v02 {
 
@@ -23,7 +23,7 @@ public:
 
 private:
     mutable std::mutex m_mutex; ///< the executor changes the table, while any thread may ask
-    std::unordered_map<std::string, std::weak_ptr<const commadapter::KesaClientApi>> m_clients;
+    std::map<std::string, std::weak_ptr<const commadapter::KesaClientApi>> m_clients;
 };
 
 } // namespace kesa::runtime::v02

@@ -3,10 +3,10 @@
 
 #include <runtime/v02/runtime/HandlerTypes.h>
 
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <unordered_map>
 
 namespace kesa::runtime::v02 {
 
@@ -24,7 +24,7 @@ public:
 private:
     std::unique_ptr<ResolvedServicesHandler> m_client;
     /// True: a present value is the last thing sent for that service.
-    std::unordered_map<std::string, bool> m_present;
+    std::map<std::string, bool> m_present;
     std::mutex m_mutex; ///< guards `m_present`, also where who owns this gives it results on several threads
 };
 
