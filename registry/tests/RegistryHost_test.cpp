@@ -9,6 +9,7 @@
 #include <runtime/v02/runtime/channels.h>
 #include <runtime/v02/runtime/tests/RuntimeFixture.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <fstream>
 #include <unistd.h>
@@ -16,6 +17,7 @@
 namespace kesa::registry::test {
 namespace {
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -133,6 +135,36 @@ TEST_F(RegistryHostTest, AChangedPolicyEndsWhatItNoLongerAllowsAndNothingElse)
     document.write(R"([{"may": ["register", "see"], "paths": "**"}])");
     EXPECT_EQ(m_host->reloadPolicy(), "");
     EXPECT_THAT(m_clients.told(), ElementsAre("t: +/b", "q: [+/b]"));
+}
+
+TEST_F(RegistryHostTest, AReloadThatWouldTakeTooLongCutsOffWhoAsksForTheMost)
+{
+    host();
+    run();
+    const Document document;
+    Process media("media", ""), nav("nav", ""), hog("hog", "");
+    media.context.uid = media.context.pid = 1001;
+    nav.context.uid = nav.context.pid = 1002;
+    hog.context.uid = hog.context.pid = 1003;
+    document.write(R"([{"user": [1001, 1002, 1003], "may": ["register", "see"], "paths": "/**"}])");
+    EXPECT_EQ(m_host->reloadPolicy(), "");
+    const auto isRefused = [](const std::string& line) { return line.find(" steps ") != std::string::npos; };
+    for (Lines told; std::none_of(told.begin(), told.end(), isRefused); told = m_clients.told()) {
+        m_clients.query(hog, "h", Query("/**/*x*y*z*" + std::to_string(hog.policies) + "*/**/*x*y*"));
+    }
+    constexpr std::size_t SERVICES = 2500; // times what a user may have is more than a reload may take
+    for (std::size_t number = 0; number < SERVICES; ++number) {
+        m_clients.registerService(media, "m", test::service("/a/" + std::to_string(number)));
+    }
+    m_clients.track(nav, "n", "/a/8");
+    m_clients.told();
+    document.write(R"([{"user": 1001, "may": "register", "paths": "/**"},
+{"user": [1002, 1003], "may": "see", "paths": "/a/7"}])");
+    EXPECT_EQ(m_host->reloadPolicy(), "");
+    EXPECT_THAT(hog.peer->disconnected,
+                testing::AllOf(HasSubstr("the policy was read again"), HasSubstr("to be held against 2499 services")));
+    EXPECT_EQ(nav.peer->disconnected + media.peer->disconnected, "");
+    EXPECT_THAT(m_clients.told(), Contains("n: -/a/8"));
 }
 
 TEST_F(RegistryHostTest, ShowsWhatItsProcessProvides)
