@@ -9,6 +9,7 @@
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
 #include <kesa/commadapter/createBackend.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/reasonOf.h>
 #include <kesa/registry/RegistryHost.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
@@ -218,6 +219,7 @@ int complainOfArguments(const CLI::ParseError& error, const CLI::App& app)
 int main(int argc, char** argv)
 {
     apps::holdStandardDescriptors();
+    kesa::announceCrashes();
     registryd::Arguments arguments;
     CLI::App app("Hosts the registry, through which the Kesa processes of a machine find each other.",
                  "kesa-registryd");

@@ -8,6 +8,7 @@
 
 #include <CLI/CLI.hpp>
 #include <common/standard_descriptors.h>
+#include <kesa/ease/announceCrashes.h>
 #include <tracing/Sink.h>
 
 #include <algorithm>
@@ -120,6 +121,7 @@ int run(int argc, char** argv)
 int main(int argc, char** argv)
 {
     apps::holdStandardDescriptors();
+    kesa::announceCrashes();
     std::signal(SIGPIPE, SIG_IGN); // a reader that has gone is an error of the write
     if (::secure_getenv("KESA_TRACE") == nullptr) {
         tracing::setThreshold("*", 5); // what concerns the user of a tool, the tool says

@@ -3,6 +3,7 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 
 #include <iostream>
@@ -11,6 +12,7 @@
 
 int main()
 {
+    kesa::announceCrashes();
     std::vector<std::string> titles; // used by the routes alone, which are called one at a time
     std::vector<kesa::Responder> listeners;
     kesa::Runtime runtime = kesa::startOrExit("player"); // after what its handlers use: it ends before that goes

@@ -2,6 +2,7 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 
 #include <iostream>
@@ -9,6 +10,7 @@
 int main()
 {
     kesa::Runtime runtime = kesa::startOrExit("greeter"); // first in main: it blocks SIGINT and SIGTERM
+    kesa::announceCrashes();                              // others know of a crash before its core is written
 
     const auto service = std::make_shared<kesa::ResourceHandler>();
     service->onRetrieve("/hello/{name}", [](const kesa::Request&, const kesa::PathParameters& path) {

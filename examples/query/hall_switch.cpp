@@ -2,6 +2,7 @@
 // SIGTERM.
 
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/body.h>
 #include <kesa/ease/found.h>
 #include <kesa/ease/handler.h>
@@ -21,6 +22,7 @@ void switchOn(const std::string& path, kesa::IKesaApi& lamp)
 
 int main()
 {
+    kesa::announceCrashes();
     kesa::Runtime runtime = kesa::startOrExit("hall-switch");
 
     kesa::serviceregistry::Query query("/lamps/*");

@@ -2,6 +2,7 @@
 
 #include <kesa/ease/Property.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 
 #include <iostream>
@@ -22,6 +23,7 @@ struct Lamp {
 
 int main()
 {
+    kesa::announceCrashes();
     kesa::Runtime runtime = kesa::startOrExit("lamps");
 
     std::list<Lamp> lamps;

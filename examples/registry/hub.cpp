@@ -3,6 +3,7 @@
 
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 #include <kesa/reasonOf.h>
 #include <kesa/registry/RegistryHost.h>
@@ -14,6 +15,7 @@
 
 int main()
 {
+    kesa::announceCrashes();
     std::atomic<bool> hasFailed{false};
     kesa::Runtime runtime = kesa::startOrExit("hub", ""); // without a document it would not know that it is the host
 

@@ -1,6 +1,7 @@
 // logger: prints the temperature of /thermometer as it changes, whenever there is one, until SIGINT or SIGTERM.
 
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/use.h>
 
@@ -8,6 +9,7 @@
 
 int main()
 {
+    kesa::announceCrashes();
     kesa::Runtime runtime = kesa::startOrExit("logger");
 
     const auto thermometer = kesa::use("/thermometer"); // over restarts of its process and of the registry

@@ -2,10 +2,12 @@
 
 #include <kesa/ease/Runtime.h>
 #include <kesa/ease/Topic.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 
 int main()
 {
+    kesa::announceCrashes();
     kesa::Topic<double> celsius; // before the runtime: others may ask for it until that has ended
     kesa::Runtime runtime = kesa::startOrExit("thermometer");
 

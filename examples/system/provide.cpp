@@ -1,6 +1,7 @@
 #include "provide.h"
 
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/provide.h>
 #include <kesa/reasonOf.h>
 
@@ -10,6 +11,7 @@ namespace examples {
 
 int provideUntilSignal(const char* name, const Feeds& feeds)
 {
+    kesa::announceCrashes();
     kesa::Runtime runtime = kesa::startOrExit(name);
     std::vector<std::unique_ptr<kesa::Registration>> registrations;
     for (const auto& feed : feeds) {

@@ -7,6 +7,7 @@
 #include <comm/ActiveObject.h>
 #include <kesa/FuncCallEvent.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/found.h>
 #include <kesa/ease/get.h>
 #include <kesa/ease/handler.h>
@@ -92,6 +93,7 @@ void draw(const examples::Board& board)
 
 int main(int argc, char** argv)
 {
+    kesa::announceCrashes();
     std::FILE* const events = argc > 1 ? std::fopen(argv[1], "a") : nullptr;
     if (argc > 1 && events == nullptr) {
         std::perror(argv[1]);

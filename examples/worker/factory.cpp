@@ -4,6 +4,7 @@
 #include <kesa/RequestContext.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/on.h>
 #include <kesa/ease/provide.h>
 
@@ -27,6 +28,7 @@ std::string factorsOf(std::uint64_t number)
 
 int main()
 {
+    kesa::announceCrashes();
     const auto worker = std::make_shared<comm::ActiveObject>("factory.worker"); // a thread with a queue
     kesa::Runtime runtime = kesa::startOrExit("factory");
 

@@ -1,6 +1,6 @@
 #include "EpollSet.h"
 
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 #include <comm/Reactor.h>
 #include <obr/ErrorOutput.h>
 #include <obr/GlobalErrorHandler.h>
@@ -31,9 +31,9 @@ std::uint32_t toEpoll(unsigned interest) noexcept
 } // namespace
 
 EpollSet::EpollSet(const std::string& loopName)
-    : m_loopName(loopName), m_epoll(AtFork::open([] { return ::epoll_create1(EPOLL_CLOEXEC); })),
-      m_wake(AtFork::open([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); })),
-      m_timer(AtFork::open([] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }))
+    : m_loopName(loopName), m_epoll(OwnDescriptors::open([] { return ::epoll_create1(EPOLL_CLOEXEC); })),
+      m_wake(OwnDescriptors::open([] { return ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); })),
+      m_timer(OwnDescriptors::open([] { return ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK); }))
 {
     const auto addOwn = [this](int descriptor) {
         epoll_event event{};
@@ -51,7 +51,7 @@ EpollSet::EpollSet(const std::string& loopName)
 EpollSet::~EpollSet()
 {
     for (const int descriptor : {m_epoll, m_wake, m_timer}) {
-        AtFork::close(descriptor);
+        OwnDescriptors::close(descriptor);
     }
 }
 

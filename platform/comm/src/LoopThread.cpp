@@ -3,7 +3,7 @@
 #include "CurrentLoop.h"
 #include "LiveLoop.h"
 
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 #include <obr/GlobalErrorHandler.h>
 
 #include <csignal>
@@ -66,7 +66,7 @@ std::string threadName(const std::string& loopName)
 }
 
 LoopThread::LoopThread(const std::string& loopName, Reactor* reactor)
-    : m_loopName(loopName), m_info{m_loopName, reactor}, m_generation(AtFork::generation())
+    : m_loopName(loopName), m_info{m_loopName, reactor}, m_generation(OwnDescriptors::generation())
 {}
 
 void LoopThread::start(std::function<void()> body)
@@ -124,7 +124,7 @@ void LoopThread::detach()
 
 bool LoopThread::isHere() const noexcept
 {
-    return m_generation == AtFork::generation();
+    return m_generation == OwnDescriptors::generation();
 }
 
 bool LoopThread::isUsable(const char* function) const

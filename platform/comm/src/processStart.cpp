@@ -1,4 +1,4 @@
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 #include <comm/processStart.h>
 #include <comm/wallClock.h>
 
@@ -24,13 +24,13 @@ namespace {
 std::string fieldsAfterName(pid_t pid)
 {
     const std::string file = "/proc/" + std::to_string(pid) + "/stat";
-    const int stat = AtFork::open([&file] { return ::open(file.c_str(), O_RDONLY | O_CLOEXEC); });
+    const int stat = OwnDescriptors::open([&file] { return ::open(file.c_str(), O_RDONLY | O_CLOEXEC); });
     if (stat < 0) {
         return {};
     }
     std::array<char, 1024> line;                                 // more than all that is asked for
     const ssize_t size = ::read(stat, line.data(), line.size()); // which fails where the process ends meanwhile
-    AtFork::close(stat);
+    OwnDescriptors::close(stat);
     const std::string_view fields(line.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
     const std::size_t name = fields.rfind(')');
     return std::string(name == std::string_view::npos ? "" : fields.substr(name + 1));

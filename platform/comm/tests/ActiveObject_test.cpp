@@ -2,7 +2,7 @@
 // sanitizer as well.
 #include "support.h"
 
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 #include <comm/Scheduler.h>
 #include <tracing/CapturingSink.h>
 
@@ -216,11 +216,11 @@ TEST(Fork, AChildMayNotUseTheLoopsOfItsParent)
 TEST(Fork, AChildHasNoCopyOfRegisteredDescriptors)
 {
     const auto open = [] { return ::eventfd(0, 0); };
-    const int own = AtFork::open(open);
+    const int own = OwnDescriptors::open(open);
     const int other = open();
     EXPECT_EQ(inChild("", [&] { return (::fcntl(own, F_GETFD) < 0 ? 1 : 0) + (::fcntl(other, F_GETFD) < 0 ? 2 : 0); }),
               1);
-    AtFork::close(own);
+    OwnDescriptors::close(own);
     ASSERT_EQ(::dup2(other, own), own);
     EXPECT_EQ(inChild("", [&] { return ::fcntl(own, F_GETFD) < 0 ? 1 : 0; }), 0) << "the number is another one's";
     ::close(own);
@@ -231,7 +231,7 @@ TEST(Fork, AChildHasNoCopyOfRegisteredDescriptors)
     std::atomic<bool> isEnd{false};
     std::thread opener([&] {
         while (!isEnd) {
-            AtFork::close(AtFork::open(open));
+            OwnDescriptors::close(OwnDescriptors::open(open));
         }
     });
     for (int i = 0; i < 300; ++i) {

@@ -1,7 +1,7 @@
 #ifndef KESA_COMMADAPTER_TRANSPORT_DESCRIPTOR_H
 #define KESA_COMMADAPTER_TRANSPORT_DESCRIPTOR_H
 
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 
 #include <unistd.h>
 
@@ -19,8 +19,8 @@ public:
     static Descriptor open(Open&& open)
     {
         Descriptor opened;
-        opened.m_generation = comm::AtFork::generation();
-        opened.m_descriptor = comm::AtFork::open(std::forward<Open>(open));
+        opened.m_generation = comm::OwnDescriptors::generation();
+        opened.m_descriptor = comm::OwnDescriptors::open(std::forward<Open>(open));
         return opened;
     }
     ~Descriptor() { reset(); }
@@ -40,7 +40,7 @@ public:
     void reset()
     {
         if (isHere()) {
-            comm::AtFork::close(m_descriptor);
+            comm::OwnDescriptors::close(m_descriptor);
         }
         m_descriptor = -1;
     }
@@ -48,7 +48,7 @@ public:
     int get() const noexcept { return m_descriptor; }
     explicit operator bool() const noexcept { return m_descriptor >= 0; }
     /// False also in a child of the process that opened it.
-    bool isHere() const noexcept { return m_descriptor >= 0 && m_generation == comm::AtFork::generation(); }
+    bool isHere() const noexcept { return m_descriptor >= 0 && m_generation == comm::OwnDescriptors::generation(); }
 
 private:
     int m_descriptor = -1;

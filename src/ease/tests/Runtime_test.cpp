@@ -4,9 +4,11 @@
 #include <Variable.h>
 #include <comm/ActiveObject.h>
 #include <comm/Condition.h>
+#include <comm/OwnDescriptors.h>
 #include <comm/Scheduler.h>
 #include <kesa/ease/ResourceHandler.h>
 #include <kesa/ease/Runtime.h>
+#include <kesa/ease/announceCrashes.h>
 #include <kesa/ease/handler.h>
 #include <kesa/ease/provide.h>
 #include <kesa/ease/use.h>
@@ -14,10 +16,15 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 #include <future>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -289,6 +296,50 @@ TEST_F(RuntimeTest, SaysWhyItDoesNotStart)
         ::syscall(SYS_exit_group, 0); // past ThreadSanitizer, which would tell of threads that are not there
     };
     EXPECT_EXIT(inChild(), testing::ExitedWithCode(0), "this process was forked from one that has a runtime");
+}
+
+/// What becomes of a child that crashes, and is held by `before` until its peer has seen the end of the connection.
+int statusAfterCrash(int signal, void (*before)(int), void (*crash)())
+{
+    int sockets[2];
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM, 0, sockets), 0);
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::close(sockets[0]);
+        comm::OwnDescriptors::open([&] { return sockets[1]; });
+        const rlimit none{0, 0};
+        ::setrlimit(RLIMIT_CORE, &none);
+        std::signal(signal, before);
+        announceCrashes();
+        crash();
+        ::_exit(1);
+    }
+    ::close(sockets[1]);
+    char byte = 0;
+    EXPECT_EQ(::read(sockets[0], &byte, 1), 0);
+    if (before != SIG_DFL) {
+        ::kill(child, SIGTERM);
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ::close(sockets[0]);
+    return status;
+}
+
+TEST(AnnounceCrashes, EndsTheConnectionsFirstAndLeavesTheSignalToWhatWasThereBefore)
+{
+    const auto waits = [](int) {
+        sigset_t none;
+        sigemptyset(&none);
+        ::sigsuspend(&none); // as long as a core may take
+    };
+    const int held = statusAfterCrash(SIGSEGV, waits, [] { ::raise(SIGSEGV); });
+    EXPECT_TRUE(WIFSIGNALED(held) && WTERMSIG(held) == SIGTERM);
+    for (const auto& [signal, crash] : {std::pair<int, void (*)()>(SIGABRT, [] { std::abort(); }),
+                                        std::pair<int, void (*)()>(SIGILL, [] { __builtin_trap(); })}) {
+        const int ended = statusAfterCrash(signal, SIG_DFL, crash);
+        EXPECT_TRUE(WIFSIGNALED(ended) && WTERMSIG(ended) == signal) << ended;
+    }
 }
 
 } // namespace

@@ -1,7 +1,7 @@
 #include <runtime/v02/runtime/ProcessNote.h>
 
-#include <comm/AtFork.h>
 #include <comm/Clock.h>
+#include <comm/OwnDescriptors.h>
 #include <comm/wallClock.h>
 #include <fmt/format.h>
 #include <kesa/reasonOf.h>
@@ -170,7 +170,7 @@ void ProcessNote::end()
     m_hasEnded = true;
     for (File* const file : {&m_shown, &m_next}) {
         if (file->isOurs()) {
-            comm::AtFork::close(file->descriptor);
+            comm::OwnDescriptors::close(file->descriptor);
         }
         *file = {};
     }
@@ -235,7 +235,7 @@ bool ProcessNote::show(std::string_view text)
     } else {
         failed = failed || ::dup3(file.descriptor, m_shown.descriptor, O_CLOEXEC) == -1;
         m_shown.inode = failed ? m_shown.inode : file.inode;
-        comm::AtFork::close(file.descriptor);
+        comm::OwnDescriptors::close(file.descriptor);
     }
     m_next = makeFile(); // now that a descriptor is free
     return failed;
@@ -243,7 +243,7 @@ bool ProcessNote::show(std::string_view text)
 
 ProcessNote::File ProcessNote::makeFile()
 {
-    const int made = comm::AtFork::open(makeMemoryFile);
+    const int made = comm::OwnDescriptors::open(makeMemoryFile);
     return made == -1 ? File() : File{made, inodeOf(made)};
 }
 

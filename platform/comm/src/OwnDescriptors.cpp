@@ -1,14 +1,18 @@
 // The table's lock is held across `fork`, so the child finds the table whole; between `fork` and the end of the child's
 // handler only functions that are safe in a signal handler are called.
-#include <comm/AtFork.h>
+#include <comm/OwnDescriptors.h>
 
 #include <obr/GlobalErrorHandler.h>
 
 #include <pthread.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <mutex>
 #include <vector>
 
@@ -21,6 +25,39 @@ struct Table {
     std::vector<int> descriptors;
     std::atomic<unsigned> generation{1};
 };
+
+/// The same descriptors once more, for the handler of a signal, which may take no lock: a bit for each.
+class SignalSafeSet {
+public:
+    void insert(int descriptor) noexcept
+    {
+        if (const std::size_t number = static_cast<std::size_t>(descriptor); number < MOST) {
+            m_words[number / 64].fetch_or(bit(number), std::memory_order_relaxed);
+        }
+    }
+    void erase(int descriptor) noexcept
+    {
+        if (const std::size_t number = static_cast<std::size_t>(descriptor); number < MOST) {
+            m_words[number / 64].fetch_and(~bit(number), std::memory_order_relaxed);
+        }
+    }
+    template <class Call>
+    void forEach(Call call) const noexcept
+    {
+        for (std::size_t number = 0; number < MOST; ++number) {
+            if ((m_words[number / 64].load(std::memory_order_relaxed) & bit(number)) != 0) {
+                call(static_cast<int>(number));
+            }
+        }
+    }
+
+private:
+    static constexpr std::size_t MOST = 65536;
+    static std::uint64_t bit(std::size_t number) noexcept { return std::uint64_t{1} << number % 64; }
+    std::array<std::atomic<std::uint64_t>, MOST / 64> m_words{};
+};
+
+constinit SignalSafeSet signalSafe;
 
 Table& table();
 
@@ -39,6 +76,7 @@ void inChild()
     Table& own = table();
     own.generation.fetch_add(1, std::memory_order_relaxed);
     for (const int descriptor : own.descriptors) {
+        signalSafe.erase(descriptor);
         ::close(descriptor);
     }
     own.descriptors.clear();
@@ -62,7 +100,7 @@ Table& table()
 
 } // namespace
 
-int AtFork::open(const std::function<int()>& open)
+int OwnDescriptors::open(const std::function<int()>& open)
 {
     Table& own = table();
     const std::lock_guard lock(own.mutex);
@@ -70,13 +108,14 @@ int AtFork::open(const std::function<int()>& open)
     const int descriptor = open();
     if (descriptor >= 0) {
         own.descriptors.back() = descriptor;
+        signalSafe.insert(descriptor);
     } else {
         own.descriptors.pop_back();
     }
     return descriptor;
 }
 
-void AtFork::close(int descriptor)
+void OwnDescriptors::close(int descriptor)
 {
     Table& own = table();
     const std::lock_guard lock(own.mutex);
@@ -84,11 +123,17 @@ void AtFork::close(int descriptor)
     if (found != own.descriptors.rend()) {
         *found = own.descriptors.back();
         own.descriptors.pop_back();
+        signalSafe.erase(descriptor);
     }
     ::close(descriptor);
 }
 
-unsigned AtFork::generation() noexcept
+void OwnDescriptors::endSockets() noexcept
+{
+    signalSafe.forEach([](int descriptor) { ::shutdown(descriptor, SHUT_RDWR); }); // what is no socket stays as it is
+}
+
+unsigned OwnDescriptors::generation() noexcept
 {
     // It changes in the child of a fork alone, before that has a second thread.
     return table().generation.load(std::memory_order_relaxed);
