@@ -8,6 +8,7 @@ import math
 import os
 import secrets
 import threading
+import time
 from typing import Any, Callable, Coroutine, TypeVar
 
 from . import bodies, rundir
@@ -138,8 +139,12 @@ class System:
         ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout, which says what
         was missing: the provider, its connection or its answer. TypeError for an argument that cannot be sent.
         """
+        until = math.inf if timeout is None else time.monotonic() + timeout
         answer = self._run(self._call(path, resource, command, body, headers), timeout, self._problem_of(path, timeout))
-        return _value(answer) if answer else None
+        try:
+            return _value(answer, until) if answer else None
+        except TimeoutError:
+            raise Timeout(f"504: the answer of {path!r}, {len(answer.data)} bytes, is not read within {timeout} s") from None
 
     def follow(
         self,
@@ -426,9 +431,9 @@ def _ask(link: Link, exchange: Exchange, resource: str, command: str, body: Any,
     link.request(exchange, command, resource, encoded.data, encoded.mime_type)
 
 
-def _value(answer: Answer) -> Any:
+def _value(answer: Answer, until: float = math.inf) -> Any:
     # In the thread that asks: what is large or malicious holds up nobody else.
-    return bodies.decode(answer.data, answer.mime_type)
+    return bodies.decode(answer.data, answer.mime_type, until)
 
 
 def _conditions(metadata: dict[str, Any] | None, scope: str | None) -> dict[str, Any]:

@@ -9,7 +9,7 @@ import threading
 from unittest import mock
 
 import kesa
-from kesa import connection, frames, heads, system
+from kesa import cbor, connection, frames, heads, system
 from kesa.frames import Message
 from programs import DEADLINE, SystemTest
 
@@ -257,6 +257,8 @@ class CallingHostile(SystemTest):
                 system.close()
                 hostile.close()
                 provider.close()
+        with self.assertRaises(TimeoutError):  # what takes long to read, in the thread that asks
+            cbor.decode(b"\x80", until=0.0)
 
     def test_a_child_is_told_to_connect_itself(self) -> None:
         mine = self.connect()
