@@ -49,10 +49,11 @@ def encode(value: Any, accept: Any = None) -> Body:
     return Body(utf8(json.dumps(value, ensure_ascii=False, allow_nan=False, separators=(",", ":"))), JSON)
 
 
-def decode(data: bytes, mime_type: str) -> Any:
+def decode(data: bytes, mime_type: str, until: float = math.inf) -> Any:
     """The value of JSON and qelbin, `str` of plain/text, None of no body at all, `bytes` of every other type.
 
-    ServiceError 400 if the bytes are not what the type says.
+    ServiceError 400 if the bytes are not what the type says. TimeoutError if qelbin is not read at `until`, of time.monotonic; the
+    others are read fast.
     """
     if not data and not mime_type:
         return None
@@ -60,7 +61,7 @@ def decode(data: bytes, mime_type: str) -> Any:
         if mime_type == JSON:
             return _read_json(data)
         if mime_type == QELBIN:
-            return cbor.decode(data)
+            return cbor.decode(data, until=until)
         if mime_type == TEXT:
             return data.decode()
     except (ValueError, RecursionError, ProtocolError) as error:

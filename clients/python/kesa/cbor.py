@@ -2,7 +2,9 @@
 
 from __future__ import annotations
 
+import math
 import struct
+import time
 from typing import Any
 
 from .errors import ProtocolError
@@ -70,9 +72,12 @@ def _write_number(out: bytearray, major: int, number: int) -> None:
         raise ValueError(f"{number} has more than 64 bits")
 
 
-def decode(data: bytes, levels: int = LEVELS) -> Any:
-    """The one value in `data`; ProtocolError if it is broken, nested deeper than `levels`, or followed by more."""
-    reader = _Reader(data)
+def decode(data: bytes, levels: int = LEVELS, until: float = math.inf) -> Any:
+    """The one value in `data`; ProtocolError if it is broken, nested deeper than `levels`, or followed by more.
+
+    TimeoutError when `until`, of time.monotonic, has come before its end.
+    """
+    reader = _Reader(data, until)
     value = reader.value(levels)
     reader.finish()
     return value
@@ -95,8 +100,9 @@ def decode_pairs(data: bytes, levels: int) -> list[tuple[Any, Any]]:
 
 
 class _Reader:
-    def __init__(self, data: bytes):
+    def __init__(self, data: bytes, until: float = math.inf):
         self._data = data
+        self._until = until
         self._at = 0
 
     def peek(self) -> int:
@@ -134,6 +140,8 @@ class _Reader:
         return value
 
     def _item(self, levels: int) -> Any:
+        if self._until < math.inf and time.monotonic() > self._until:
+            raise TimeoutError
         at = self._at
         major, number = self.initial()
         while major == 6:

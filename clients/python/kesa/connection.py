@@ -3,6 +3,7 @@
 from __future__ import annotations
 
 import asyncio
+import math
 import os
 import socket
 import time
@@ -19,6 +20,8 @@ HELLO_SECONDS = 3.0
 HEARTBEAT_SECONDS = 5.0
 PROTOCOL_BROKEN = "the peer broke the protocol"
 _LOOK_SECONDS = 1.0
+_TURN_SECONDS = 0.001
+_MOST_PENDING = 1024 * 1024  # beside which no ping is answered
 _STOOD_STILL_SECONDS = 3.0
 
 
@@ -52,6 +55,7 @@ class Connection:
         self._waiting_since: float | None = None
         self._pinged: float | None = None
         self._process: int | None = None
+        self._is_left = False  # something of the last bytes, for the next turn
         self._wire = Wire(loop, sock, self._received, lambda: self._end("the peer closed the connection"))
         self.pid, self.uid = self._wire.peer() if peer_is == "client" else (0, -1)
         self._hello_timer = loop.call_later(HELLO_SECONDS, self._end, "the peer sent no hello")
@@ -87,6 +91,11 @@ class Connection:
             raise OverflowError(f"{error}; {way} send it in parts") from None
         self._wire.write(data)
 
+    @property
+    def pending(self) -> int:
+        """Bytes that the peer has not taken yet."""
+        return self._wire.pending
+
     def when_room(self, then: Callable[[], None]) -> None:
         """Calls `then`, perhaps at once, when not too much is pending or the end has come."""
         self._wire.when_room(then)
@@ -113,13 +122,36 @@ class Connection:
 
     def _received(self, data: bytes) -> None:
         self._heard = time.monotonic()
+        self._handle(data, self._heard + _TURN_SECONDS)
+
+    def _handle(self, data: bytes, until: float) -> None:
+        # A peer that sends without end gets turns, between which the loop looks at time limits and at others.
+        messages = self._decoder.feed(data)
         try:
-            for message in self._decoder.feed(data):
+            for message in messages:
                 self._take(message)
                 if self._ended:
                     return
+                if time.monotonic() >= until:
+                    messages.close()
+                    self._go_on_later()
+                    return
         except ProtocolError as error:
             self._end(f"{PROTOCOL_BROKEN}: {error}")
+            return
+        if self._is_left:
+            self._is_left = False
+            self._wire.read(True)
+
+    def _go_on_later(self) -> None:
+        if not self._is_left:
+            self._is_left = True
+            self._wire.read(False)
+        self._loop.call_soon(self._go_on)
+
+    def _go_on(self) -> None:
+        if not self._ended:
+            self._handle(b"", time.monotonic() + _TURN_SECONDS)
 
     def _take(self, message: Message) -> None:
         if (message.kind == frames.HELLO) != (self.peer is None):
@@ -127,7 +159,8 @@ class Connection:
         if message.kind == frames.HELLO:
             self._hello(message.head)
         elif message.kind == frames.PING:
-            self.send(Message(frames.PONG))
+            if self.pending <= _MOST_PENDING:  # who takes nothing cannot pile them up
+                self.send(Message(frames.PONG))
         elif message.kind == frames.GOODBYE:
             self._end(f"the peer closed the connection: {message.head.reason}")
         elif message.kind != frames.PONG:
@@ -154,7 +187,7 @@ class Connection:
         self._loop.add_reader(self._process, self._process_ended)
 
     def _process_ended(self) -> None:
-        self._wire.read_rest()
+        self._handle(self._wire.rest(), math.inf)
         self._end("the peer's process ended")
 
     def _look(self) -> None:

@@ -77,11 +77,11 @@ class Exchange:
 
 
 class Link:
-    """To `process`. I/O thread only. `problem` says why there is no connection."""
+    """To `process`. I/O thread only."""
 
     def __init__(self, loop: asyncio.AbstractEventLoop, directory: str, process: str, hello: Callable[[], Hello]):
         self.process = process
-        self.problem = "not tried yet"
+        self._problem = "not tried yet"
         self._fault = ""  # of the peer, which ended the last connection
         self._loop = loop
         self._directory = directory
@@ -99,7 +99,18 @@ class Link:
         self._used = 0  # of the window of requests
         self._waiting: dict[int, Message] = {}  # requests that wait for credit, in their order
         self._pause = _SHORTEST_PAUSE
+        self._connected_at = 0.0
+        self._useful = False  # the connection: something was attached
         self._retry: asyncio.TimerHandle | None = None
+
+    @property
+    def problem(self) -> str:
+        """Why there is no connection, or what is waited for on it."""
+        if not self._connection:
+            return self._problem
+        if not self._connection.peer:
+            return f"connected to {self.process!r}, which has not said hello: it is stopped, or busy{self._fault}"
+        return f"connected to {self.process!r}, which does not provide the path{self._fault}"
 
     @property
     def idle(self) -> bool:
@@ -224,7 +235,7 @@ class Link:
             self.reached = False
             why = rights.why_forbidden(self._directory, self.process) if error.errno == errno.EACCES else ""
             self.forbidden = bool(why)
-            self.problem = f"cannot connect to {self.process!r}: {why}" if why else self._explain(error)
+            self._problem = f"cannot connect to {self.process!r}: {why}" if why else self._explain(error)
             if error.errno == errno.EAGAIN:
                 self._retry = self._loop.call_later(random.uniform(0.001, 0.005), self._connect)
             else:
@@ -232,7 +243,7 @@ class Link:
             return
         self.reached = True
         self.forbidden = False
-        self.problem = f"connected to {self.process!r}, which does not answer or does not provide the path{self._fault}"
+        self._connected_at = self._loop.time()
         self._connection = self._make(sock)
         for target in self._targets.values():
             self._attach(self._connection, target)
@@ -259,16 +270,19 @@ class Link:
         connection.send(Message(frames.ATTACH, target=target.number, head=Head(path=target.path)))
 
     def _lost(self, reason: str) -> None:
-        self.problem = f"the connection to {self.process!r} is lost: {reason}"
+        self._problem = f"the connection to {self.process!r} is lost: {reason}"
         self._fault = f"; before this connection, {reason}" if reason.startswith(PROTOCOL_BROKEN) else ""
         self._connection = None
+        if self._useful and self._loop.time() - self._connected_at >= _LONGEST_PAUSE:
+            self._pause = _SHORTEST_PAUSE  # what ends at once, though attached, is asked less and less often
+        self._useful = False
         self._waiting.clear()
         self._used = 0
         exchanges, self._exchanges = self._exchanges, {}
         for target in list(self._numbers.values()):
             target.tell(False)
         for exchange in exchanges.values():
-            exchange.on_end(ServiceError(503, self.problem))
+            exchange.on_end(ServiceError(503, self._problem))
         self._targets = {path: target for path, target in self._targets.items() if target.users}
         self._numbers = {target.number: target for target in self._targets.values()}
         if self._targets and not self._connection and not self._retry:
@@ -278,8 +292,7 @@ class Link:
         if message.kind in (frames.ATTACHED, frames.DETACHED):
             target = self._numbers.get(message.target)
             if target:
-                if message.kind == frames.ATTACHED:
-                    self._pause = _SHORTEST_PAUSE
+                self._useful = self._useful or message.kind == frames.ATTACHED
                 target.tell(message.kind == frames.ATTACHED)
             return
         if message.kind == frames.REQUEST_CREDIT:

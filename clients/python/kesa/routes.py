@@ -53,10 +53,12 @@ class Route:
             await news
 
     def problem(self) -> str:
-        """What `ready` is waiting for."""
+        """What a request is waiting for."""
+        if self._way and self._way[1].attached:
+            return f"{self.path!r} is connected"
         if self._way:
             return f"{self._way[2]}: {self._way[0].problem}"
-        return self._registry.problem
+        return f"nobody is known to provide {self.path!r}: {self._registry.problem}"
 
     def close(self) -> None:
         self._registry.on_settled.remove(self._wake)

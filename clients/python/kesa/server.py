@@ -22,6 +22,7 @@ from .rundir import Claim
 
 _MOST_ATTACHED = 65536
 _MOST_REQUESTS = 1000
+_MOST_PENDING = 64 * 1024 * 1024
 _MOST_UNDER_WAY = 64
 _log = logging.getLogger("kesa")
 
@@ -161,6 +162,8 @@ class _Peer:
         if not 1 <= len(path.encode()) <= LONGEST_PATH:
             raise ProtocolError(f"attach of a path that has not 1 to {LONGEST_PATH} bytes")
         self._paths[number] = path
+        if self.connection.pending > _MOST_PENDING:
+            raise ProtocolError(f"attach while {self.connection.pending} bytes of answers are not taken")
         if self.server.provides(path):
             self.connection.send(Message(frames.ATTACHED, target=number))
 

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import threading
 from collections import deque
-from typing import Callable, Generic, Iterator, TypeVar
+from typing import Any, Callable, Generic, Iterator, TypeVar
 
 from .errors import ServiceError, Timeout
 
@@ -14,20 +14,28 @@ T = TypeVar("T")
 class Mailbox(Generic[T]):
     """Between the I/O thread, which puts, and the user's, which takes."""
 
-    def __init__(self, most: int):
+    def __init__(self, most: int, most_bytes: int = 0):
         self._most = most
+        self._most_bytes = most_bytes
+        self._bytes = 0
         self._changed = threading.Condition()
-        self._values: deque[T] = deque()
+        self._values: deque[tuple[T, int]] = deque()
         self._ended = False
         self._error: Exception | None = None
 
-    def put(self, value: T) -> bool:
-        """False if it is full: the user takes too slowly."""
+    @property
+    def count(self) -> int:
+        """Of values that wait."""
+        return len(self._values)
+
+    def put(self, value: T, size: int = 0) -> bool:
+        """False if it is full: the user takes too slowly. `size` in bytes; one value always has room."""
         with self._changed:
-            if len(self._values) >= self._most:
+            if len(self._values) >= self._most or self._bytes > self._most_bytes:
                 return False
             if not self._ended:
-                self._values.append(value)
+                self._values.append((value, size))
+                self._bytes += size
                 self._changed.notify()
             return True
 
@@ -36,6 +44,7 @@ class Mailbox(Generic[T]):
         with self._changed:
             if at_once:
                 self._values.clear()
+                self._bytes = 0
             if not self._ended:
                 self._ended = True
                 self._error = error
@@ -47,7 +56,9 @@ class Mailbox(Generic[T]):
             if not self._changed.wait_for(lambda: self._values or self._ended, timeout):
                 raise Timeout(f"no value within {timeout} s")
             if self._values:
-                return self._values.popleft()
+                value, size = self._values.popleft()
+                self._bytes -= size
+                return value
             if self._error:
                 raise self._error
             raise StopIteration
@@ -61,19 +72,26 @@ class Stream(Generic[T]):
     itself. Leaving the loop for good cancels: `with`, or letting the object go.
     """
 
-    def __init__(self, mailbox: Mailbox[T], cancel: Callable[[], None]):
+    def __init__(self, mailbox: Mailbox[Any], cancel: Callable[[], None], read: Callable[[Any], T] = lambda value: value):
         self._mailbox = mailbox
         self._cancel = cancel
+        self._read = read
 
     def __iter__(self) -> Iterator[T]:
         return self
 
     def __next__(self) -> T:
-        return self._mailbox.take(None)
+        return self.next()
 
     def next(self, timeout: float | None = None) -> T:
         """The next value; `Timeout` if none comes within `timeout` seconds, then the stream goes on. StopIteration at the end."""
-        return self._mailbox.take(timeout)
+        value = self._mailbox.take(timeout)
+        try:
+            return self._read(value)
+        except ServiceError as broken:
+            self._mailbox.end(broken, at_once=True)
+            self._cancel()
+            raise
 
     def cancel(self) -> None:
         """No value is given out any more. From any thread; a loop that waits ends."""

@@ -4,9 +4,11 @@ from __future__ import annotations
 
 import asyncio
 import concurrent.futures
+import math
 import os
 import secrets
 import threading
+import time
 from typing import Any, Callable, Coroutine, TypeVar
 
 from . import bodies, rundir
@@ -27,6 +29,7 @@ from .streams import Mailbox, Stream, too_slow
 
 T = TypeVar("T")
 _MOST_VALUES = 65536
+_MOST_BYTES = 16 * 1024 * 1024
 _MOST_CHANGES = 1_000_000
 
 
@@ -70,12 +73,13 @@ class System:
     One thread of its own holds all connections and answers the others' signs of life, so what a user's code does or waits for
     never makes this process look dead. A lost registry is found again by itself, and everything is made known to it anew.
     Connections to other processes do not depend on it. Time limits are in seconds, None is none.
-    A child made by `fork` must not use it.
+    A child made by `fork` connects itself: this one's methods raise KesaError there, and `close` does nothing.
     """
 
     def __init__(self, name: str | None, directory: str, registry: Locator):
         """Internal: use `connect`."""
         self._directory = directory
+        self._pid = os.getpid()
         self._claim = Claim(directory, name) if name else None
         rundir.check(directory)
         self._instance = secrets.token_bytes(16)
@@ -132,9 +136,15 @@ class System:
         The value: of JSON and qelbin as Python has it, `str` of text, `bytes` of any other type. `command` is retrieve, update,
         delete, insert, or what the service understands.
 
-        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout. TypeError for an argument that cannot be sent.
+        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout, which says what
+        was missing: the provider, its connection or its answer. TypeError for an argument that cannot be sent.
         """
-        return self._run(self._call(path, resource, command, body, headers), timeout, lambda: self._problem(path))
+        until = math.inf if timeout is None else time.monotonic() + timeout
+        answer = self._run(self._call(path, resource, command, body, headers), timeout, self._problem_of(path, timeout))
+        try:
+            return _value(answer, until) if answer else None
+        except TimeoutError:
+            raise Timeout(f"504: the answer of {path!r}, {len(answer.data)} bytes, is not read within {timeout} s") from None
 
     def follow(
         self,
@@ -146,8 +156,11 @@ class System:
         headers: dict[str, Any] | None = None,
         timeout: float | None = 10.0,
     ) -> Stream[Any]:
-        """Like `call`, for a stream of values; see `Stream` about its end. `timeout` is for reaching the service only."""
-        return self._run(self._follow(path, resource, command, body, headers), timeout, lambda: self._problem(path))
+        """Like `call`, for a stream of values; see `Stream` about its end. `timeout` is for reaching the service only.
+
+        Values that nobody takes wait here, up to 16 MiB and 65,536 of them; then the stream ends with 503.
+        """
+        return self._run(self._follow(path, resource, command, body, headers), timeout, self._problem_of(path, timeout))
 
     def provide(
         self,
@@ -180,7 +193,9 @@ class System:
         return self._run(self._provide(check_path(path), handler, versions, metainfo or {}, scope), timeout)
 
     def close(self) -> None:
-        """Withdraws all services, ends all streams and what waits, leaves. Again it does nothing."""
+        """Withdraws all services, ends all streams and what waits, leaves. Again, and in a child made by `fork`, it does nothing."""
+        if os.getpid() != self._pid:
+            return
         with self._closing:
             if self._closed:
                 return
@@ -199,6 +214,12 @@ class System:
     # From here on: the I/O thread, except _run and _later.
 
     def _run(self, work: Coroutine[Any, Any, T], timeout: float | None, problem: Callable[[], str] | None = None) -> T:
+        if timeout is not None and math.isnan(timeout):
+            work.close()
+            raise ValueError("the timeout is no number")
+        if os.getpid() != self._pid:
+            work.close()
+            raise KesaError(f"this system is of process {self._pid}; a child made by fork calls kesa.connect itself")
         with self._closing:
             if self._closed:
                 work.close()
@@ -222,7 +243,7 @@ class System:
             async with asyncio.timeout(timeout):
                 return await work
         except TimeoutError:
-            raise Timeout(f"not within {timeout} s: {problem() if problem else self._registry.problem}") from None
+            raise Timeout(problem() if problem else f"not within {timeout} s: {self._registry.problem}") from None
 
     async def _begin(self, registry: Locator) -> None:
         self._hello = self._make_hello()
@@ -299,34 +320,38 @@ class System:
                 route.close()
             raise
 
-    def _problem(self, path: str) -> str:
-        route = self._routes.get(path)
-        return route.problem() if route and route.query.known else self._registry.problem
+    def _problem_of(self, path: str, timeout: float | None) -> Callable[[], str]:
+        def problem() -> str:
+            route = self._routes.get(path)
+            why = route.problem() if route else self._registry.problem
+            return f"504: no answer within {timeout} s; {why}; kesactl why {path} says more"
 
-    async def _call(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Any:
+        return problem
+
+    async def _call(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Answer | None:
         link, target = await self._reach(path)
         answers: list[Answer] = []
         done = self._loop.create_future()
-        exchange = Exchange(target, SINGLE, answers.append, lambda error: _fail(done, error) if error else _resolve(done))
+
+        def keep_first(answer: Answer) -> None:
+            if not answers:
+                answers.append(answer)
+
+        exchange = Exchange(target, SINGLE, keep_first, lambda error: _fail(done, error) if error else _resolve(done))
         _ask(link, exchange, resource, command, body, headers)
         try:
             await done
         finally:
             link.cancel(exchange)
-        return bodies.decode(answers[0].data, answers[0].mime_type) if answers else None
+        return answers[0] if answers else None
 
     async def _follow(self, path: str, resource: str, command: str, body: Any, headers: dict[str, Any] | None) -> Stream[Any]:
         link, target = await self._reach(path)
-        mailbox: Mailbox[Any] = Mailbox(_MOST_VALUES)
+        mailbox: Mailbox[Answer] = Mailbox(_MOST_VALUES, _MOST_BYTES)
 
         def on_value(answer: Answer) -> None:
-            try:
-                taken = mailbox.put(bodies.decode(answer.data, answer.mime_type))
-                error = None if taken else too_slow(_MOST_VALUES)
-            except ServiceError as broken:
-                error = broken
-            if error:
-                mailbox.end(error)
+            if not mailbox.put(answer, len(answer.data)):
+                mailbox.end(too_slow(mailbox.count))
                 link.cancel(exchange)
 
         def on_end(error: ServiceError | None) -> None:
@@ -336,7 +361,7 @@ class System:
         exchange = Exchange(target, STREAM, on_value, on_end)
         _ask(link, exchange, resource, command, body, headers)
         self._mailboxes.add(mailbox)
-        return Stream(mailbox, lambda: self._later(link.cancel, exchange))
+        return Stream(mailbox, lambda: self._later(link.cancel, exchange), _value)
 
     async def _provide(
         self, path: str, handler: Handler, versions: tuple[str, ...], metainfo: dict[str, Any], scope: tuple[str, ...]
@@ -404,6 +429,11 @@ def _ask(link: Link, exchange: Exchange, resource: str, command: str, body: Any,
     encoded = bodies.Body(b"", "") if body is None else bodies.encode(body)
     exchange.headers.update({"$accept": [bodies.JSON, bodies.QELBIN], **(headers or {})})
     link.request(exchange, command, resource, encoded.data, encoded.mime_type)
+
+
+def _value(answer: Answer, until: float = math.inf) -> Any:
+    # In the thread that asks: what is large or malicious holds up nobody else.
+    return bodies.decode(answer.data, answer.mime_type, until)
 
 
 def _conditions(metadata: dict[str, Any] | None, scope: str | None) -> dict[str, Any]:

@@ -10,6 +10,7 @@ from . import rundir
 
 _PIECE = 256 * 1024
 _ROOM = 1024 * 1024
+_MOST_REST = 4 * 1024 * 1024
 
 
 class Wire:
@@ -66,16 +67,24 @@ class Wire:
             self._waiting_for_all.append(drained)
             await drained
 
-    def read_rest(self) -> None:
-        """Hands over what has arrived."""
-        while not self._closed:
-            try:
-                data = self._socket.recv(_PIECE)
-            except OSError:
-                return
-            if not data:
-                return
-            self._on_data(data)
+    def read(self, wanted: bool) -> None:
+        """Whether to go on reading. What is not read the kernel keeps, and the peer waits."""
+        if self._closed:
+            return
+        if wanted:
+            self._loop.add_reader(self._socket, self._readable)
+        else:
+            self._loop.remove_reader(self._socket)
+
+    def rest(self) -> bytes:
+        """What has arrived; no more than a socket holds, since somebody may still be writing."""
+        rest = bytearray()
+        try:
+            while len(rest) < _MOST_REST and (data := self._socket.recv(_PIECE)):
+                rest += data
+        except OSError:
+            pass
+        return bytes(rest)
 
     def close(self) -> None:
         if self._closed:

@@ -3,11 +3,14 @@
 from __future__ import annotations
 
 import os
+import socket
+import struct
 import threading
 from unittest import mock
 
 import kesa
-from kesa import connection, system
+from kesa import cbor, connection, frames, heads, system
+from kesa.frames import Message
 from programs import DEADLINE, SystemTest
 
 
@@ -184,3 +187,85 @@ class CallingPython(SystemTest):
         error = self.failure(lambda: list(values))
         self.assertEqual((error.status, error.reason), (503, "the service was withdrawn"))
         self.assertEqual(self.system.list("/inside"), [])
+
+
+def frame(kind: int, stream: int, target: int, head: bytes = b"", body: bytes = b"") -> bytes:
+    return struct.pack("<IBBHII", len(head) + len(body), kind, 0, len(head), stream, target) + head + body
+
+
+DEEP_HEAD = b"\xbf\x61h" + b"\x81" * 30 + b"\x01\xff"
+SECOND_HELLO = Message(frames.HELLO, head=heads.Hello(2, 2, "evil", "", bytes(range(16)), [])).encode()
+
+
+class Hostile:
+    """Takes the clients of a process that provides a service: sends `after_attach`, and for a request `answer` without end."""
+
+    def __init__(self, provider: kesa.System, answer: bytes, after_attach: bytes):
+        self.clients = 0
+        self._hello, self._claim = provider._hello, provider._claim
+        self._answer, self._after_attach = answer, after_attach
+        provider._run(self._take_over(provider._loop), None)
+        self._claim.socket.setblocking(True)
+        threading.Thread(target=self._run, daemon=True).start()
+
+    async def _take_over(self, loop) -> None:
+        loop.remove_reader(self._claim.socket)
+
+    def close(self) -> None:
+        self._claim.socket.shutdown(socket.SHUT_RDWR)
+
+    def _run(self) -> None:
+        while True:
+            try:
+                client, _ = self._claim.socket.accept()
+            except OSError:
+                return
+            self.clients += 1
+            with client:
+                try:
+                    self._serve(client)
+                except OSError:
+                    pass
+
+    def _serve(self, client) -> None:
+        client.sendall(Message(frames.HELLO, head=self._hello).encode())
+        decoder = frames.Decoder("client")
+        while data := client.recv(65536):
+            for message in decoder.feed(data):
+                if message.kind == frames.ATTACH:
+                    client.sendall(frame(frames.ATTACHED, 0, message.target) + self._after_attach)
+                while message.kind == frames.REQUEST and self._answer:
+                    client.sendall(self._answer)
+
+
+class CallingHostile(SystemTest):
+    def test_a_call_ends_in_its_time_and_says_why(self) -> None:
+        connected = "'/evil' is connected"
+        for name, answer, after_attach, told in (
+            ("deep", frame(frames.NEXT, 1, 200, DEEP_HEAD, b"x") * 4000, b"", connected),
+            ("pings", frame(frames.PING, 0, 0) * 4000, b"", connected),
+            ("silent", b"", b"", connected),
+            ("hello", b"", SECOND_HELLO, "the peer broke the protocol: hello is not the first message"),
+        ):
+            with self.subTest(name):
+                provider, system = self.connect(name), self.connect()
+                provider.provide("/evil", lambda request: None)
+                hostile = Hostile(provider, answer, after_attach)
+                with self.assertRaisesRegex(kesa.Timeout, f"^504: no answer within 0.5 s; .*{told}.*; kesactl why /evil says more"):
+                    system.call("/evil", timeout=0.5)
+                self.assertLess(hostile.clients, 12)  # 1 + 2 + 4 .. ms between them
+                system.close()
+                hostile.close()
+                provider.close()
+        with self.assertRaises(TimeoutError):  # what takes long to read, in the thread that asks
+            cbor.decode(b"\x80", until=0.0)
+
+    def test_a_child_is_told_to_connect_itself(self) -> None:
+        mine = self.connect()
+        with mock.patch.object(os, "getpid", return_value=os.getpid() + 1):
+            mine.close()
+            with self.assertRaisesRegex(kesa.KesaError, "a child made by fork calls kesa.connect itself"):
+                mine.list()
+            with self.assertRaisesRegex(kesa.KesaError, "a child"):
+                mine.call("/nobody", timeout=0)
+        self.assertEqual([record.path for record in mine.list()], ["/registry"])
