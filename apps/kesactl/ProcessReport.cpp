@@ -64,7 +64,7 @@ ProcessReport reportOf(const Name& name, const std::string& directory, bool isPa
                 fmt::format("cannot be asked: this user may not connect to {}/{}.sock ({}); {}", directory, name.name,
                             name.rights,
                             howToGetRight(fmt::format("{}/{}.sock", directory, name.name),
-                                          "if others shall use it, set \"socket_group\" and \"socket_mode\" of that "
+                                          "let a group of both use it: \"socket_group\" and \"socket_mode\" of that "
                                           "process")));
     }
     return report;
@@ -127,6 +127,14 @@ void explainStopped(ProcessReport& report)
             report.facts.isTraced
                 ? "does not answer; it is stopped by its debugger; go on there"
                 : fmt::format("does not answer; it is stopped (SIGSTOP); continue it with kill -CONT {}", report.pid));
+}
+
+std::string documentCheck(const Value& answer, const std::string& process)
+{
+    const std::string name = util::shellWord(process);
+    return answer["document"].isString()
+               ? fmt::format("kesactl check-config {} --process {}", util::shellWord(answer["document"].toText()), name)
+               : fmt::format("kesactl check-config --process {} in its environment", name);
 }
 
 std::string ProcessReport::plainName() const

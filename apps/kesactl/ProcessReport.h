@@ -17,6 +17,10 @@
 
 namespace kesactl {
 
+/// "kesactl check-config /etc/media.json --process media": what says what is wrong with the document that it has read.
+/// `answer`: what the process says of itself; undefined, or without its document, where that is not known.
+std::string documentCheck(const util::config::Value& answer, const std::string& process);
+
 /// A process that has a name in the run directory: what the kernel knows of it, and what it says itself.
 struct ProcessReport {
     std::string name;           ///< as in locators
@@ -40,6 +44,7 @@ struct ProcessReport {
     std::string version() const;  ///< of the library, and its file
     /// Who holds its loops: "the handler of trackService for '/a' has held its executor for 4 s".
     std::vector<std::string> holds() const;
+    std::string documentCheck() const { return kesactl::documentCheck(answer, plainName()); }
     bool areServicesClosed() const { return answer["servicesClosed"] == true; }
     /// Of the answer, a number; "-" without one.
     std::string number(std::string_view member) const;

@@ -1,15 +1,12 @@
 #include "Verdict.h"
 
+#include "ProcessReport.h"
 #include "output.h"
 
-#include <comm/Clock.h>
 #include <obr/visible.h>
 #include <util/config/Dictionary.h>
 
 #include <fmt/format.h>
-
-#include <array>
-#include <ctime>
 
 namespace kesactl {
 
@@ -53,13 +50,7 @@ std::int64_t integerOf(const Value& value)
 
 std::string timeText(const Value& milliseconds)
 {
-    const std::int64_t time = integerOf(milliseconds);
-    const std::time_t seconds = time / 1000;
-    std::tm parts{};
-    ::localtime_r(&seconds, &parts);
-    std::array<char, 32> text;
-    const std::size_t size = std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    return fmt::format("{}.{:03}", std::string_view(text.data(), size), time % 1000);
+    return asLocalTime(timeOf(milliseconds));
 }
 
 std::string whoText(const Value& who)

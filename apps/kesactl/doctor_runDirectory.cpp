@@ -39,15 +39,14 @@ void addRights(DoctorPage& page, const RunDirectoryFacts& facts)
     page.add("rights",
              fmt::format("{}, {} for this user", facts.rights, facts.isWritable ? "writable" : "not writable"));
     if (facts.writeError != 0) {
-        page.findings.push_back(
-            fmt::format("this user cannot provide services: {} is {}", facts.path,
-                        facts.writeError == EROFS
-                            ? "on a read-only file system; start processes where it can be written, or name another one"
-                        : facts.writeError == ENOSPC
-                            ? "on a file system that is full; make room there (df, df -i), or name another one"
-                            : fmt::format("not writable for {}; {}", userName(::geteuid()),
-                                          howToGetRight(facts.path, "have its owner let a group of this user write "
-                                                                    "there, or name another one"))));
+        page.findings.push_back(fmt::format(
+            "this user cannot provide services: {} is {}", facts.path,
+            facts.writeError == EROFS
+                ? "on a read-only file system; start processes where it can be written, or name another one"
+            : facts.writeError == ENOSPC
+                ? "on a file system that is full; make room there (df, df -i), or name another one"
+                : fmt::format("not writable for {}; {}, or name another one", userName(::geteuid()),
+                              howToGetRight(facts.path, "have its owner let a group of this user use it"))));
     }
 }
 
@@ -105,11 +104,9 @@ std::vector<std::string> findWrong(const std::vector<ProcessReport>& reports, co
             wrong.push_back(report.advice);
         }
         if (report.areServicesClosed()) {
-            wrong.push_back(
-                fmt::format("{} ({}): its services are closed to other users, since its rules, \"access\", "
-                            "cannot be read; its log and kesactl check-config --process {} say why: mend the "
-                            "document, then restart it",
-                            report.plainName(), report.pid, util::shellWord(report.plainName())));
+            wrong.push_back(fmt::format("{} ({}): its services are closed to other users, since its rules, \"access\", "
+                                        "cannot be read; its log says why, and {}: mend the document, then restart it",
+                                        report.plainName(), report.pid, report.documentCheck()));
         }
         for (const std::string& hold : report.holds()) {
             wrong.push_back(fmt::format("{} ({}): {}; {}", report.plainName(), report.pid, hold, AFTER_HOLD));

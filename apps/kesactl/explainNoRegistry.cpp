@@ -1,7 +1,9 @@
 #include "explainNoRegistry.h"
 
 #include "OtherPartition.h"
+#include "ProcessReport.h"
 #include "System.h"
+#include "askProcesses.h"
 #include "otherRunDirectories.h"
 #include "processNames.h"
 #include "providersHere.h"
@@ -24,6 +26,7 @@ namespace {
 
 using kesa::runtime::v02::KesaRuntime;
 using kesa::serviceregistry::ServiceRegistryPex;
+using util::config::Value;
 
 /// Processes meet there, or a registry has left its socket: so one is missed there, and the directory is no mistake.
 bool isUsed(const RunDirectoryFacts& directory, const std::string& registry)
@@ -65,10 +68,10 @@ Verdict explainConfigured(const std::string& source, const ServiceDef& service, 
     const kesa::url& locator = service.locators.front();
     Unreached why = explainUnreachable(locator, within);
     if (why.cause == "not-provided" && why.isSomebodyThere) {
-        why.advice = fmt::format("either the locator has a typo, or {0} was refused: its log says so, and the type "
-                                 "in its document (kesactl check-config --process {1}) may differ from its own; or "
-                                 "it has yet to provide it",
-                                 plainProcessOf(locator), util::shellWord(plainProcessOf(locator)));
+        const Value answer = askProcesses({processOf(locator)}, comm::now() + within).at(processOf(locator)).answer;
+        why.advice = fmt::format("either the locator has a typo, or {} was refused: its log says so, and the type in "
+                                 "its document ({}) may differ from its own; or it has yet to provide it",
+                                 plainProcessOf(locator), documentCheck(answer, plainProcessOf(locator)));
     } else if (why.cause == "bad-locator") {
         why.advice =
             fmt::format("write one of this host in the document, such as \"ipc://PROCESS{}\"", service.path.toString());

@@ -81,8 +81,8 @@ std::optional<Unreached> explainByName(const std::string& process, const std::st
     return other == notes.end()
                ? std::nullopt
                : std::optional<Unreached>({"nobody-listens", reason,
-                                           fmt::format("{} runs in another run directory: set {}, or start it here",
-                                                       other->who(), settingFor(other->runDirectory))});
+                                           fmt::format("{} runs in another run directory: {}, or start it here",
+                                                       other->who(), howToSet(other->runDirectory))});
 }
 
 /// Nobody listens under that name: perhaps because somebody took the socket away.

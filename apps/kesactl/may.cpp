@@ -27,6 +27,7 @@
 #include <kesa/responsesemantics.h>
 #include <kesa/runtime/v02/KesaRuntime.h>
 #include <kesa/serviceregistry/IServiceRegistry.h>
+#include <kesa/serviceregistry/ServiceRegistryPex.h>
 #include <obr/ErrorStorage.h>
 #include <obr/visible.h>
 #include <rules/RuleForm.h>
@@ -50,6 +51,7 @@ namespace {
 
 using kesa::access::userName;
 using kesa::serviceregistry::IServiceRegistry;
+using kesa::serviceregistry::ServiceRegistryPex;
 using util::config::Value;
 
 struct MayArguments {
@@ -70,8 +72,7 @@ Answers::Answer askOnce(const ServiceConnection::Client& client, kesa::Request r
 }
 
 /// The answer, without which there is nothing to say.
-kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, const CommonOptions& options,
-                       bool isProvider)
+kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, const CommonOptions& options)
 {
     const bool isTimeOver = answer.response.getStatus() == 504 && comm::now() >= options.deadline();
     if (answer.kind == Answers::Kind::eTIMED_OUT || isTimeOver) {
@@ -83,12 +84,7 @@ kesa::Response valueOf(const Answers::Answer& answer, const std::string& whom, c
         throw Failure{ExitCode::eFAILED, whom + " has answered without content, so what may be is not known"};
     }
     if (answer.kind != Answers::Kind::eVALUE) {
-        const bool knowsNothing = answer.response.getStatus() == 404 && isProvider;
-        throw Failure{ExitCode::eFAILED,
-                      fmt::format("{} answers {}{}", whom, saidBy(answer.response),
-                                  knowsNothing ? "; one that knows no rules, as of the Python client, lets everybody "
-                                                 "ask who may connect"
-                                               : "")};
+        throw Failure{ExitCode::eFAILED, fmt::format("{} answers {}", whom, saidBy(answer.response))};
     }
     return answer.response;
 }
@@ -114,6 +110,21 @@ std::set<std::int64_t> usersOfProcess(const std::string& process)
         }
     }
     return users;
+}
+
+/// Of a provider that knows no rules, as of the Python client. Empty when nobody is called so.
+Value verdictsWithoutRules(const std::string& who)
+{
+    Value::Array verdicts;
+    if (const auto user = kesa::access::findUser(who); user || !usersOfProcess(who).empty()) {
+        verdicts.emplace_back(util::config::Dictionary{
+            {"who", user ? fmt::format("user {} (uid {})", userName(*user), *user) : "process " + who},
+            {"allowed", true},
+            {"knowsNoRules", true},
+            {"because",
+             "its process knows no rules, as of the Python client, and lets everybody ask who may connect"}});
+    }
+    return Value(std::move(verdicts));
 }
 
 /// Of a process that asks the registry for nothing, as one that was refused all that it has asked for: its users may
@@ -156,7 +167,7 @@ Value askRegistry(const MayArguments& arguments)
     const std::string who = fmt::format("{{\"{}\":{}}}", IServiceRegistry::EXPLAIN_FOR, asJsonString(arguments.who));
     const kesa::Response response =
         valueOf(askOnce(client, kesa::Request(IServiceRegistry::EXPLAIN, arguments.path, jsonPayload(who)), deadline),
-                "the registry", arguments.common, false);
+                "the registry", arguments.common);
     Value explanation;
     if (const std::string fault = readExplanation(response, explanation); !fault.empty()) {
         const Unreached why = explainFault(registry, fault);
@@ -195,12 +206,14 @@ Value askProcess(const MayArguments& arguments, const ServiceDef& service, comm:
     if (!arguments.resource.empty()) {
         question.set("resource", arguments.resource);
     }
-    const kesa::Response response =
-        valueOf(askOnce(connection.client(deadline),
-                        kesa::Request(kesa::commands::RETRIEVE, std::string(ProcessService::MAY),
-                                      jsonPayload(Value(std::move(question)).toText())),
-                        deadline),
-                "the process that provides it", arguments.common, true);
+    const Answers::Answer answer = askOnce(connection.client(deadline),
+                                           kesa::Request(kesa::commands::RETRIEVE, std::string(ProcessService::MAY),
+                                                         jsonPayload(Value(std::move(question)).toText())),
+                                           deadline);
+    if (answer.kind == Answers::Kind::eERROR && answer.response.getStatus() == 404) {
+        return verdictsWithoutRules(arguments.who);
+    }
+    const kesa::Response response = valueOf(answer, "the process that provides it", arguments.common);
     Value verdicts;
     if (util::config::JSONParser().parseString(std::string(response.getPayload().text()), verdicts) ||
         !verdicts.isArray()) {
@@ -259,6 +272,9 @@ Value askProvider(const MayArguments& arguments)
     const comm::TimeNs deadline = arguments.common.deadline();
     const ServiceDef service = findService(system, arguments.path, deadline);
     const Value verdicts = askProcess(arguments, service, deadline);
+    if (arguments.path == ServiceRegistryPex::SERVICE_PATH || verdicts[0]["knowsNoRules"] == true) {
+        return verdicts;
+    }
     ServiceConnection connection(service);
     Value::Array all;
     for (const Value& one : verdicts.items()) {
@@ -300,6 +316,11 @@ std::string checkRight(const std::string& right)
 
 void may(const MayArguments& arguments, int& exitCode)
 {
+    if (arguments.path.empty()) {
+        throw Failure{ExitCode::eUSAGE, "may needs WHO, RIGHT and PATH", 0,
+                      fmt::format("ask kesactl may {} register, see or call PATH; kesactl list shows the paths",
+                                  processArgument(arguments.who))};
+    }
     const bool isCall = arguments.right == "call";
     if (!isCall && (!arguments.command.empty() || !arguments.resource.empty())) {
         throw Failure{ExitCode::eUSAGE, "a command and --resource are for call alone"};
@@ -338,11 +359,8 @@ void addMay(CLI::App& app, int& exitCode)
     command->add_option("WHO", arguments->who, "A user, by name or number, or the name of a process that runs.")
         ->required()
         ->type_name("");
-    command->add_option("RIGHT", arguments->right, "register, see or call.")
-        ->required()
-        ->check(checkRight)
-        ->type_name("");
-    command->add_option("PATH", arguments->path, "Of the service.")->required()->check(checkPath)->type_name("");
+    command->add_option("RIGHT", arguments->right, "register, see or call.")->check(checkRight)->type_name("");
+    command->add_option("PATH", arguments->path, "Of the service.")->check(checkPath)->type_name("");
     command->add_option("COMMAND", arguments->command, "Of a call; without it: retrieve.")->type_name("");
     command
         ->add_option("--resource", arguments->resource, "Of a call: the path inside of the service; without it: any.")

@@ -25,13 +25,13 @@ namespace {
 
 namespace transport = kesa::commadapter::transport;
 
-/// " (of the user nobody)" where others might have made it to lead this user there; else empty.
-std::string ofStranger(const std::string& directory)
+/// Whose it is, where others might have made it to lead this user there; else empty.
+std::string strangerOf(const std::string& directory)
 {
     struct stat status {};
     const bool isStrange =
         ::stat(directory.c_str(), &status) == 0 && status.st_uid != 0 && status.st_uid != ::geteuid();
-    return isStrange ? fmt::format(" (of the user {})", kesa::access::userName(status.st_uid)) : "";
+    return isStrange ? kesa::access::userName(status.st_uid) : "";
 }
 
 /// In which processes have names, those beside the one at `chosen` first: its name is perhaps a mistyped one of theirs.
@@ -108,12 +108,15 @@ std::string howToMeetIn(const RunDirectoryFacts& directory)
     }
     const bool isOfGroup = !directory.isWritable && directory.path == transport::SYSTEM_RUN_DIRECTORY;
     return isOfGroup ? fmt::format("add this user to the group \"{}\" and log in anew", directory.group)
-                     : "set " + settingFor(directory.path);
+                     : howToSet(directory.path);
 }
 
-std::string settingFor(const std::string& directory)
+std::string howToSet(const std::string& directory)
 {
-    return "KESA_RUN_DIR=" + util::shellWord(directory) + ofStranger(directory);
+    const std::string stranger = strangerOf(directory);
+    return fmt::format("{}set KESA_RUN_DIR={}",
+                       stranger.empty() ? "" : fmt::format("if the user {} is trusted, ", stranger),
+                       util::shellWord(directory));
 }
 
 std::vector<RunDirectoryFacts> otherDirectoriesOf(const std::string& process)
@@ -141,7 +144,9 @@ std::string namesOf(const std::vector<RunDirectoryFacts>& directories)
     constexpr std::size_t MOST = 3;
     std::string text;
     for (std::size_t i = 0; i < directories.size() && i < MOST; ++i) {
-        text += (i == 0 ? "" : " and in ") + directories[i].path + ofStranger(directories[i].path);
+        const std::string stranger = strangerOf(directories[i].path);
+        text += (i == 0 ? "" : " and in ") + directories[i].path +
+                (stranger.empty() ? "" : fmt::format(" (of the user {})", stranger));
     }
     return text;
 }

@@ -21,8 +21,9 @@ std::vector<RunDirectoryFacts> otherRunDirectories(const std::string& chosen);
 /// Whether a process has that name there.
 bool isHeld(const RunDirectoryFacts& directory, std::string_view process);
 
-/// "KESA_RUN_DIR=/run/kesa" for a shell, and whose the directory is if it is another user's than root's or this one's.
-std::string settingFor(const std::string& directory);
+/// "set KESA_RUN_DIR=/run/kesa" for a shell; before that whose the directory is, if it is another user's than root's or
+/// this one's.
+std::string howToSet(const std::string& directory);
 
 /// What a process does to meet others in `directory`, since it has chosen another one: "set KESA_RUN_DIR=...".
 std::string howToMeetIn(const RunDirectoryFacts& directory);

@@ -226,7 +226,9 @@ std::string verdict(const CheckResult& result)
         return "valid";
     }
     if (!result.counts) {
-        return "not valid: a process goes on with the settings above";
+        return result.access.isWrong
+                   ? "not valid: a process goes on with the settings above, and closes all its services to other users"
+                   : "not valid: a process goes on with the settings above";
     }
     if (!result.starts) {
         return "not valid: a process does not start with it";

@@ -114,7 +114,9 @@ std::string seenBy(const kesa::serviceregistry::ServiceDef& service, const Value
         return {}; // the registry's own
     }
     if (policy["hasRules"] == true) {
-        return fmt::format("its own user, root, and whom the policy lets: {}{}", shortened(policy["text"].toText()),
+        return fmt::format("its own user, root, the registry's user, and whom a rule for this path lets (kesactl may "
+                           "USER see {} says which) of the {}{}",
+                           util::shellWord(service.path.toString()), shortened(policy["text"].toText()),
                            isMarked ? "; that it is marked as public has no effect" : "");
     }
     return isMarked                         ? "everybody: it is public"

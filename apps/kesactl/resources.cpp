@@ -9,11 +9,14 @@
 #include <kesa/ease/resources.h>
 #include <kesa/headers.h>
 #include <obr/ErrorStorage.h>
+#include <rules/usersAndGroups.h>
 #include <util/config/Dictionary.h>
 #include <util/config/JSONParser.h>
 #include <util/shellWord.h>
 
 #include <fmt/format.h>
+
+#include <unistd.h>
 
 namespace kesactl {
 namespace {
@@ -24,11 +27,11 @@ constexpr std::string_view MEMBERS[] = {"resource", "command", "answers"}; ///< 
 
 [[noreturn]] void failSilent(const std::string& path, ExitCode code, const std::string& reason, int status = 0)
 {
-    throw Failure{
-        code,
-        fmt::format("{0} does not say which resources it has: {1}; kesactl call {2} / asks the service itself", path,
-                    reason, util::shellWord(path)),
-        status};
+    const std::string advice = status == 403
+                                   ? fmt::format("kesactl may {} call {} COMMAND says whether that command is answered",
+                                                 kesa::access::userName(::geteuid()), util::shellWord(path))
+                                   : fmt::format("kesactl call {} / asks the service itself", util::shellWord(path));
+    throw Failure{code, fmt::format("{} does not say which resources it has: {}; {}", path, reason, advice), status};
 }
 
 bool isList(const Value& value)

@@ -9,6 +9,8 @@
 
 #include <fmt/format.h>
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -107,6 +109,9 @@ RulesReview reviewAccess(ConfigReport& report)
     RulesReview found = review(report, {"access"}, kesa::access::accessForm(), kesa::access::readAccessRules);
     if (found.isWrong) {
         found.words = RulesInWords{{"other users", "may nothing, since a rule is wrong"}};
+    } else if (!kesa::access::readAccess(::geteuid()).problem.empty()) {
+        found.isWrong = true;
+        found.words = RulesInWords{{"other users", "may nothing, since the document cannot be read"}};
     }
     return found;
 }

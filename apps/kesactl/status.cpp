@@ -6,6 +6,7 @@
 #include "options.h"
 #include "otherRunDirectories.h"
 #include "output.h"
+#include "policyNow.h"
 #include "processNames.h"
 #include "processNotes.h"
 #include "programOf.h"
@@ -149,26 +150,28 @@ void addConnections(std::string& page, const ProcessReport& report)
 void addTroubles(std::string& page, const ProcessReport& report)
 {
     if (report.areServicesClosed()) {
-        addLine(page, "closed", "its services are, to other users, since its rules cannot be read; see its log");
+        addLine(page, "closed",
+                fmt::format("its services are, to other users, since its rules cannot be read; {} says why",
+                            report.documentCheck()));
     }
     for (const std::string& hold : report.holds()) {
         addLine(page, "held", hold);
     }
     for (const Value& refusal : report.answer["refused"].items()) {
         addLine(page, "refused",
-                fmt::format("{} at {}: {}", refusal["path"].toText(), asLocalTime(timeOf(refusal["when"]), true),
-                            refusal["reason"].toText()));
+                fmt::format("{} at {}: {}{}", refusal["path"].toText(), asLocalTime(timeOf(refusal["when"])),
+                            refusal["reason"].toText(), refusal["since"].stringView()));
     }
     for (const Value& drop : report.answer["dropped"].items()) {
         addLine(page, "dropped",
                 fmt::format("{} at {}: it ended that registration itself, before a registry had answered it",
-                            drop["path"].toText(), asLocalTime(timeOf(drop["when"]), true)));
+                            drop["path"].toText(), asLocalTime(timeOf(drop["when"]))));
     }
     for (const Value& slow : report.answer["tooSlow"].items()) {
         addLine(page, "too slow",
                 fmt::format("{} {}, last at {}: its {} takes that more slowly than it comes", slow["path"].toText(),
                             integerOf(slow["times"]) == 1 ? "once" : fmt::format("{} times", slow["times"].toText()),
-                            asLocalTime(timeOf(slow["when"]), true),
+                            asLocalTime(timeOf(slow["when"])),
                             slow["loop"] == Value("") ? "I/O loop" : fmt::format("loop '{}'", slow["loop"].toText())));
     }
     for (const Value& hold : report.answer["ownHolds"].items()) {
@@ -182,6 +185,9 @@ void addTroubles(std::string& page, const ProcessReport& report)
 void addAnswer(std::string& page, const ProcessReport& report)
 {
     const Value& answer = report.answer;
+    if (answer["document"].isString()) {
+        addLine(page, "document", answer["document"].toText());
+    }
     addLine(page, "run directory",
             fmt::format("{}, realm {}", answer["runDirectory"].toText(), answer["realm"].toText()));
     addLine(page, "instance", answer["instance"].toText());
@@ -286,10 +292,43 @@ void addPolicy(ProcessReport& report, const CommonOptions& options)
     }
 }
 
+/// What the policy says now of what it has forbidden.
+void addSince(ProcessReport& report, const CommonOptions& options)
+{
+    Value::Array refused = report.answer["refused"].items();
+    const auto isForbidden = [](const Value& refusal) { return refusal["reason"].stringView().starts_with("403: "); };
+    if (std::none_of(refused.begin(), refused.end(), isForbidden)) {
+        return;
+    }
+    try {
+        const System system(false);
+        if (system.registry() == nullptr) {
+            return;
+        }
+        PolicyNow policy(*system.registry(), options.laterDeadline());
+        for (Value& refusal : refused) {
+            if (isForbidden(refusal)) {
+                util::config::Dictionary dated = refusal.dictionary();
+                dated.set("since",
+                          policy
+                              .since({report.plainName(), std::int64_t{report.facts.uid}, refusal["path"].toText(),
+                                      timeOf(refusal["when"]), refusal["reason"].toText()})
+                              .text);
+                refusal = Value(std::move(dated));
+            }
+        }
+        util::config::Dictionary answer = report.answer.dictionary();
+        answer.set("refused", std::move(refused));
+        report.answer = Value(std::move(answer));
+    } catch (const Failure&) { // all else is said
+    }
+}
+
 void printStatus(const StatusArguments& arguments)
 {
     auto [report, silent] = findReport(arguments.process, arguments.common.deadline());
     addNote(report);
+    addSince(report, arguments.common);
     addPolicy(report, arguments.common);
     std::string page = pageOf(report);
     addOthers(page, silent);

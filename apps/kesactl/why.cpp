@@ -4,10 +4,12 @@
 #include "Answers.h"
 #include "Failure.h"
 #include "ProcessFacts.h"
+#include "ProcessReport.h"
 #include "ServiceConnection.h"
 #include "System.h"
 #include "Verdict.h"
 #include "adviseAround.h"
+#include "askProcesses.h"
 #include "commands.h"
 #include "explainNoRegistry.h"
 #include "nameHolders.h"
@@ -340,7 +342,7 @@ Verdict Search::explainRealm() const
             fmt::format("{} provides it at {} only, which is of another run directory", holder(), locators),
             found == holders.end()
                 ? fmt::format("set KESA_RUN_DIR to the directory that {} uses", holder())
-                : fmt::format("set {} for all who shall meet it, or start it here", settingFor(found->directory)),
+                : fmt::format("{} for all who shall meet it, or start it here", howToSet(found->directory)),
             {}};
 }
 
@@ -437,6 +439,17 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
 /// Of a service that answers, and refuses this user the probe: all, or all but the commands that its rules name.
 Verdict Search::explainForbidden(const kesa::Response& refusal, const kesa::url& locator) const
 {
+    const Value process =
+        askProcesses({processOf(locator)}, m_arguments.common.laterDeadline()).at(processOf(locator)).answer;
+    if (process["servicesClosed"] == true) {
+        return {"closed",
+                fmt::format("{} has provided it since {} at {}, but has closed all its services to other users, since "
+                            "its rules, \"access\", cannot be read: {}",
+                            holder(), timeText(m_explanation["holder"]["since"]), locator.toString(), saidBy(refusal)),
+                fmt::format("mend its document ({} says what is wrong), then restart it",
+                            documentCheck(process, plainProcessOf(locator))),
+                {}};
+    }
     return {std::string(Verdict::WORKS),
             fmt::format("{} has provided it since {} at {}, and answers, but not everything to {}: {}", holder(),
                         timeText(m_explanation["holder"]["since"]), locator.toString(),

@@ -203,15 +203,19 @@ std::string explainKey(const Value& record, const std::string& key)
 }
 
 /// Of a process that may not see it, and what to do.
-Verdict explainUnseen(const std::string& process, std::int64_t pid, bool hasPolicy, const std::string& path)
+Verdict explainUnseen(const std::string& process, std::int64_t pid, bool hasPolicy, const std::string& path,
+                      const Value& may)
 {
     const ProcessFacts facts(static_cast<pid_t>(pid));
     const std::string who = facts.user.empty() ? process : fmt::format("{} of {}", process, facts.user);
     const std::string ask = mayCommand(process, facts.isThere ? std::int64_t{facts.uid} : -1, "see", path);
     if (hasPolicy) {
+        const auto isIts = [&facts](const Value& each) { return each["uid"] == Value(std::int64_t{facts.uid}); };
+        const auto its = std::find_if(may.items().begin(), may.items().end(), isIts);
+        const std::string because = its == may.items().end() ? "" : (*its)["see"]["because"].toText();
         return {"hidden-by-policy",
-                fmt::format("{} (process {}) asks for it, but no rule of the registry's policy lets it see the service",
-                            who, pid),
+                fmt::format("{} (process {}) asks for it, but {}", who, pid,
+                            because.empty() ? "no rule of the registry's policy lets it see the service" : because),
                 fmt::format("write a rule that does; {} says which there are for it", ask),
                 {}};
     }
@@ -281,7 +285,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     }
     const std::string because = ask["because"].toText();
     if (because == "policy" || because == "private") {
-        return explainUnseen(process, pid, because == "policy", path);
+        return explainUnseen(process, pid, because == "policy", path, about["may"]);
     }
     return {"hidden-by-" + because,
             fmt::format("{} (process {}) asks for it{}, but is not told of it because of its {}", process, pid,

@@ -69,7 +69,7 @@ std::string Policy::whichOthers(const access::Identity& identity, Right right) c
         }
     }
     const std::string byPath = access::areFor(*m_rules, ofPaths, "other paths");
-    const std::string byProcess = access::areFor(*m_rules, ofProcesses, access::OTHER_PROCESSES);
+    const std::string byProcess = access::areFor(*m_rules, ofProcesses, access::otherProcesses(identity));
     return byPath.empty() && byProcess.empty() ? fmt::format("none lets him {} anything", nameOf(right))
                                                : byPath + (byPath.empty() || byProcess.empty() ? "" : "; ") + byProcess;
 }

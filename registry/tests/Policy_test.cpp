@@ -145,9 +145,12 @@ TEST(PolicyTest, TellsByWhichRuleAndWhatIsMissing)
                 "no rule of the policy in kesa.json lets user media (uid 1001) register \"/nav/a\": rule 1 "
                 "(kesa.json:10) is for other paths");
     EXPECT_TRUE(policy.judge({1001, 100, "mixer"}, Right::eSEE, "/nav/a").isAllowed);
+    EXPECT_THAT(policy.judge({1001, 100, "radio"}, Right::eSEE, "/nav/a").because,
+                testing::EndsWith("is for other paths; rule 2 (kesa.json:10) is for other processes"));
     EXPECT_THAT(
         policy.judge(media, Right::eSEE, "/nav/a").because,
-        testing::EndsWith("rule 1 (kesa.json:10) is for other paths; rule 2 (kesa.json:10) is for other processes"))
+        testing::EndsWith("rule 2 (kesa.json:10) is for processes by their proven names, and who provides nothing "
+                          "has none"))
         << "the name is not proven";
     EXPECT_THAT(policy.judge({1002, 100, "nav"}, Right::eREGISTER, "/nav/a").because,
                 "no rule of the policy in kesa.json lets user 1002, process nav register \"/nav/a\": none lets him "

@@ -138,7 +138,7 @@ std::string Table::whichOthers(const Numbers& all, const Identity& identity) con
         return m_rules[number].fitsUser(identity) && !m_rules[number].fits(identity);
     });
     const std::string byCommand = areFor(m_rules, fitting, "other commands or resources");
-    const std::string byProcess = areFor(m_rules, ofProcesses, OTHER_PROCESSES);
+    const std::string byProcess = areFor(m_rules, ofProcesses, otherProcesses(identity));
     return byCommand.empty() && byProcess.empty()
                ? areFor(m_rules, all, "others")
                : byCommand + (byCommand.empty() || byProcess.empty() ? "" : "; ") + byProcess;

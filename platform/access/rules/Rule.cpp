@@ -64,4 +64,10 @@ std::string areFor(const std::vector<Rule>& rules, const std::vector<std::size_t
                : fmt::format("{} {} for {}", placesOf(rules, numbers), numbers.size() == 1 ? "is" : "are", what);
 }
 
+std::string_view otherProcesses(const Identity& identity)
+{
+    return identity.process.empty() ? "processes by their proven names, and who provides nothing has none"
+                                    : "other processes";
+}
+
 } // namespace kesa::access

@@ -53,8 +53,8 @@ KESA_API std::string placesOf(const std::vector<Rule>& rules, const std::vector<
 KESA_API std::string areFor(const std::vector<Rule>& rules, const std::vector<std::size_t>& numbers,
                             std::string_view what);
 
-/// What rules are for that fit the user of a refused process, but no process of its proven name.
-inline constexpr std::string_view OTHER_PROCESSES = "other processes";
+/// What rules are for that fit the user of a refused process, but not its proven name; or that has none.
+KESA_API std::string_view otherProcesses(const Identity& identity);
 
 } // namespace kesa::access
 

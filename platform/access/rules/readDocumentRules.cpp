@@ -59,10 +59,18 @@ std::optional<Complaint> findPassedOver(const Value& document, const DocumentPat
                : std::nullopt;
 }
 
+/// Others who are told of the file are not where this process was started.
+std::string absolute(const std::string& file)
+{
+    std::error_code failed;
+    const std::string path = std::filesystem::absolute(file, failed).string();
+    return failed ? file : path;
+}
+
 /// Before it is read.
 std::string complaintAboutSize(const RuleForm& form)
 {
-    const std::string file = util::config::findDocument(DOCUMENT_NAME, DOCUMENT_PATH);
+    const std::string file = absolute(util::config::findDocument(DOCUMENT_NAME, DOCUMENT_PATH));
     std::error_code error;
     const std::uintmax_t bytes = std::filesystem::file_size(file, error);
     return form.mostDocumentBytes == 0 || error || bytes <= form.mostDocumentBytes
@@ -84,9 +92,12 @@ DocumentRules readDocumentRules(const DocumentPath& place, const RuleForm& form,
         return found;
     }
     const Provider provider(DOCUMENT_NAME, DOCUMENT_PATH, 0, util::config::LoadStrategy::eFIRST_FOUND);
-    found.file = provider.file();
+    found.file = absolute(provider.file());
     if (provider.hasFailed()) {
         found.problem = obr::ErrorStorage::takeReason();
+        if (found.problem.starts_with(provider.file())) {
+            found.problem.replace(0, provider.file().size(), found.file);
+        }
         return found;
     }
     const bool isMember = provider.first().isDefined();

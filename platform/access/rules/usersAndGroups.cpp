@@ -111,11 +111,22 @@ bool isSharedGroup(uid_t owner, gid_t group)
     return group != 0 && (group != owner || !isPerson(owner));
 }
 
+namespace {
+
+/// Which others hardly shall join, whoever owns what has it.
+bool isGroupOfOnePerson(gid_t group)
+{
+    const auto user = findUser(groupName(group));
+    return user && isPerson(*user) && groupOf(*user) == group;
+}
+
+} // namespace
+
 std::string adviseJoining(const std::string& path, mode_t bits)
 {
     struct stat file {};
     if (::stat(path.c_str(), &file) != 0 || (file.st_mode & bits) == 0 || file.st_gid == ::getegid() ||
-        ::group_member(file.st_gid) != 0) {
+        ::group_member(file.st_gid) != 0 || isGroupOfOnePerson(file.st_gid)) {
         return {};
     }
     struct stat folder {};

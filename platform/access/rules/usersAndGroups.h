@@ -38,8 +38,8 @@ KESA_API bool isPerson(uid_t user);
 KESA_API bool isSharedGroup(uid_t owner, gid_t group);
 
 /// What gives this user a right to a file that its group has: to join that. Empty where it does not help: the group
-/// lacks `bits`, this user is in it, or it is none that users may join. A group that shares the folder of the file is
-/// one.
+/// lacks `bits`, this user is in it, or it is none that users may join, as one person's own. A group that shares the
+/// folder of the file is one.
 KESA_API std::string adviseJoining(const std::string& path, mode_t bits);
 
 } // namespace kesa::access

@@ -119,8 +119,9 @@ TEST(TableTest, ARefusalNamesWhoAsksAndWhichRulesThereAre)
     for (const std::string resource : {"/volume", "/title"}) { // once looked up, then known
         EXPECT_EQ(table.whyRefused(identity, {"/a", "update", resource, "nav"}),
                   "no rule of \"access\" lets user 1001 update \"" + resource +
-                      "\" of \"/a\": rule 1 (kesa.json:4) is for other commands or resources; rule 3 is for other "
-                      "processes; that it is process nav is not proven");
+                      "\" of \"/a\": rule 1 (kesa.json:4) is for other commands or resources; rule 3 is for "
+                      "processes by their proven names, and who provides nothing has none; that it is process nav is "
+                      "not proven");
     }
     EXPECT_EQ(table.whyRefused({1002, 1, ""}, {"/b", "update", {}, ""}),
               "no rule of \"access\" lets user 1002 update \"/b\": rule 2 is for others");

@@ -260,6 +260,7 @@ std::string CommBackend::describeNow() const
     description.process = m_process;
     description.instance = m_instance;
     description.started = m_started;
+    description.document = m_settings.document;
     if (!m_transports.empty()) {
         const transport::ITransport& transport = *m_transports.front();
         const auto endpoint = transport.ownEndpoint();

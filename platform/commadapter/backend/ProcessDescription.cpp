@@ -141,6 +141,9 @@ std::string ProcessDescription::toJson(std::size_t mostBytes) const
         description.text("executable", std::filesystem::read_symlink("/proc/self/exe", unknown).native());
         description.number("started", milliseconds(comm::processStart(pid)));
         description.number("backendStarted", milliseconds(started));
+        if (!document.empty()) {
+            description.text("document", document);
+        }
         description.text("runDirectory", runDirectory);
         description.text("realm", realm);
         description.list("services", services, mostBytes / 2, appendText);

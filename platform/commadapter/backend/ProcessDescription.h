@@ -21,8 +21,9 @@ struct ProcessDescription {
     std::string process;
     obr::UUID instance;
     comm::TimeNs started = 0; ///< the backend; on the wall clock
-    std::string runDirectory; ///< empty where there is none
-    std::string realm;        ///< empty while this process does not listen
+    std::string document;     ///< the configuration's file; empty where there is none, as the next one
+    std::string runDirectory;
+    std::string realm; ///< empty while this process does not listen
     std::vector<std::string> services;
     std::size_t serviceCount = 0;
     bool areServicesClosed = false; ///< to other users, since the rules of "access" cannot be read

@@ -13,7 +13,9 @@
 
 #include <algorithm>
 #include <array>
+#include <filesystem>
 #include <string_view>
+#include <system_error>
 
 namespace kesa::commadapter {
 
@@ -247,6 +249,10 @@ CommSettings readCommSettings(std::vector<std::string>* sentences, const CommSet
     const Value& root = isMember ? provider.first() : provider.second();
     CommFaults faults{MOST_SENTENCES};
     CommSettings settings = readCommSettings(root["comm"], faults, defaults);
+    if (!provider.file().empty()) {
+        std::error_code failed;
+        settings.document = std::filesystem::absolute(provider.file(), failed).string();
+    }
     if (sentences != nullptr) {
         for (Complaint& complaint : allOf(faults)) {
             if (complaint.advice == LIKE_NOTHING) {

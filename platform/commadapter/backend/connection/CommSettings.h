@@ -12,6 +12,7 @@ namespace kesa::commadapter {
 
 /// The settings of the "comm" backend, as the document's "comm" member has them.
 struct CommSettings {
+    std::string document; ///< the file they are of, absolute; empty: there is none
     std::string runDir;
     unsigned socketMode = 0660;
     std::string socketGroup;
