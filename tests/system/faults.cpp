@@ -17,6 +17,7 @@ namespace kesa::system_test {
 namespace {
 
 constexpr std::chrono::seconds LONG_STOP{10};
+constexpr int FAULTS_BEFORE_LONG_STOP = 100;
 constexpr int FAULTS_PER_LONG_STOP = 500;
 
 class SystemFaults : public FaultSystem {
@@ -92,7 +93,7 @@ void SystemFaults::makeFault()
     Kind& longStop = m_kinds.back();
     Kind* kind = nullptr;
     do {
-        kind = m_faults >= (longStop.count + 1) * FAULTS_PER_LONG_STOP && m_isSettled
+        kind = m_faults >= FAULTS_BEFORE_LONG_STOP + longStop.count * FAULTS_PER_LONG_STOP && m_isSettled
                    ? &longStop
                    : &m_kinds[std::discrete_distribution<std::size_t>(weights.begin(), weights.end())(m_random)];
     } while (!kind->make());

@@ -14,7 +14,7 @@ int main(int argc, char** argv)
         ->capture_default_str();
     app.add_option("--seed", kesa::system_test::faultOptions.seed, "From which they are drawn.")->capture_default_str();
     app.add_option("--minutes", kesa::system_test::faultOptions.minutes,
-                   "How long intruders come and go in SystemAmounts; three rounds at least.")
+                   "How long intruders come and go in SystemAmounts; two rounds at least.")
         ->capture_default_str();
     CLI11_PARSE(app, argc, argv);
     return RUN_ALL_TESTS();
