@@ -271,7 +271,7 @@ Value askProvider(const MayArguments& arguments)
     const System system;
     const comm::TimeNs deadline = arguments.common.deadline();
     const ServiceDef service = findService(system, arguments.path, deadline);
-    const Value verdicts = askProcess(arguments, service, deadline);
+    Value verdicts = askProcess(arguments, service, deadline);
     if (arguments.path == ServiceRegistryPex::SERVICE_PATH || verdicts[0]["knowsNoRules"] == true) {
         return verdicts;
     }

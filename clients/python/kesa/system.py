@@ -136,8 +136,9 @@ class System:
         The value: of JSON and qelbin as Python has it, `str` of text, `bytes` of any other type. `command` is retrieve, update,
         delete, insert, or what the service understands.
 
-        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended with an error; Timeout, which says what
-        was missing: the provider, its connection or its answer. TypeError for an argument that cannot be sent.
+        ServiceNotThere at once if nobody provides `path`, 1.5 s after the registry was started anew; ServiceError if the request ended
+        with an error; Timeout, which says what was missing: the provider, its connection or its answer. TypeError for an argument
+        that cannot be sent.
         """
         until = math.inf if timeout is None else time.monotonic() + timeout
         answer = self._run(self._call(path, resource, command, body, headers), timeout, self._problem_of(path, timeout))
