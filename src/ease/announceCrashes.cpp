@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::array CRASHES{SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGABRT};
 
-std::array<struct sigaction, CRASHES.size()> before; ///< written before the handler can be called
+std::array<struct sigaction, CRASHES.size()> formerActions; ///< written before the handler can be called
 /// A child made by `fork` or `vfork` has the sockets of its parent, which must not end when the child crashes.
 std::atomic<pid_t> announcing{0};
 
@@ -29,7 +29,7 @@ void announce(int signal, siginfo_t* info, void* /*context*/)
     }
     for (std::size_t i = 0; i < CRASHES.size(); ++i) {
         if (CRASHES[i] == signal) {
-            ::sigaction(signal, &before[i], nullptr);
+            ::sigaction(signal, &formerActions[i], nullptr);
         }
     }
     // What failed is done again after the return, and fails again; what was sent has to be sent again.
@@ -45,7 +45,8 @@ void install()
     action.sa_sigaction = announce;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     for (std::size_t i = 0; i < CRASHES.size(); ++i) {
-        const bool isIgnored = ::sigaction(CRASHES[i], nullptr, &before[i]) != 0 || before[i].sa_handler == SIG_IGN;
+        const bool isIgnored =
+            ::sigaction(CRASHES[i], nullptr, &formerActions[i]) != 0 || formerActions[i].sa_handler == SIG_IGN;
         if (!isIgnored) {
             ::sigaction(CRASHES[i], &action, nullptr);
         }
