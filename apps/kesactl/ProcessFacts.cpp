@@ -1,7 +1,9 @@
 #include "ProcessFacts.h"
 
 #include <comm/processStart.h>
+#include <fmt/format.h>
 #include <rules/usersAndGroups.h>
+#include <unistd.h>
 
 #include <sys/stat.h>
 
@@ -75,6 +77,15 @@ ProcessFacts::ProcessFacts(pid_t pid)
     library = findLibrary(folder);
     const bool isProgramReplaced = takeDeleted(executable);
     isReplaced = takeDeleted(library) || isProgramReplaced;
+}
+
+std::string howToContinue(pid_t pid)
+{
+    const ProcessFacts facts(pid);
+    return fmt::format("continue it with kill -CONT {}{}", pid,
+                       facts.isThere && ::geteuid() != 0 && ::geteuid() != facts.uid
+                           ? fmt::format(", as {} or root", facts.user)
+                           : "");
 }
 
 } // namespace kesactl

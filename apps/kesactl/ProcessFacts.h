@@ -24,6 +24,9 @@ struct ProcessFacts {
     std::string library;    ///< "libkesa_runtime.so.0.1.0"; empty for a program that has it built in
 };
 
+/// "continue it with kill -CONT 812", and as whom, where this user may not.
+std::string howToContinue(pid_t pid);
+
 } // namespace kesactl
 
 #endif

@@ -16,6 +16,7 @@
 
 #include <fmt/chrono.h>
 #include <fmt/format.h>
+#include <unistd.h>
 
 #include <cstdint>
 #include <ctime>
@@ -126,15 +127,19 @@ void explainStopped(ProcessReport& report)
     explain(report, ExitCode::eTIMED_OUT, "stopped",
             report.facts.isTraced
                 ? "does not answer; it is stopped by its debugger; go on there"
-                : fmt::format("does not answer; it is stopped (SIGSTOP); continue it with kill -CONT {}", report.pid));
+                : fmt::format("does not answer; it is stopped (SIGSTOP); {}", howToContinue(report.pid)));
 }
 
 std::string documentCheck(const Value& answer, const std::string& process)
 {
     const std::string name = util::shellWord(process);
-    return answer["document"].isString()
-               ? fmt::format("kesactl check-config {} --process {}", util::shellWord(answer["document"].toText()), name)
-               : fmt::format("kesactl check-config --process {} in its environment", name);
+    const std::int64_t uid = integerOf(answer["uid"]);
+    const std::string as = // what root may read is no sign that the process may
+        ::geteuid() == 0 && uid > 0 ? fmt::format("runuser -u {} -- ", kesa::access::userName(static_cast<uid_t>(uid)))
+                                    : "";
+    return answer["document"].isString() ? fmt::format("{}kesactl check-config {} --process {}", as,
+                                                       util::shellWord(answer["document"].toText()), name)
+                                         : fmt::format("kesactl check-config --process {} in its environment", name);
 }
 
 std::string ProcessReport::plainName() const

@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdint>
 #include <filesystem>
 #include <fstream>
@@ -99,6 +100,16 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
                             plainName(process), facts.path),
                 "restart it, and keep cleaners out of the run directory"};
     }
+    const auto ending = std::find_if(facts.names.begin(), facts.names.end(), [&process](const auto& each) {
+        return each.name == process && each.holder != 0 && each.hasSocket && each.connectError == ECONNREFUSED;
+    });
+    if (ending != facts.names.end()) {
+        return {"ending",
+                fmt::format("process {} has the name \"{}\", and takes no connections any more: it has crashed or is "
+                            "about to end, as while its core is written",
+                            ending->holder, plainName(process)),
+                "wait for its end; its log (stderr, the journal) says why"};
+    }
     const bool isReached = std::any_of(facts.names.begin(), facts.names.end(), [&process](const auto& each) {
         return each.name == process && each.hasSocket && each.connectError == 0;
     });
@@ -113,7 +124,7 @@ Unreached explainMissing(const kesa::url& locator, const Unreachable& found)
     }
     std::vector<std::string> held;
     for (const auto& each : facts.names) {
-        if (each.holder != 0 && !each.isLost) {
+        if (each.holder != 0 && !each.isLost && each.name != process) {
             held.push_back(plainName(each.name));
         }
     }
@@ -151,7 +162,7 @@ Unreached explainSilent(const Unreachable& found)
     const ProcessFacts process(static_cast<pid_t>(found.pid));
     if (process.isStopped) {
         return {"stopped", fmt::format("its process ({}) is stopped", found.pid),
-                fmt::format("continue it with kill -CONT {}, or end its debugger", found.pid), true};
+                howToContinue(static_cast<pid_t>(found.pid)) + ", or end its debugger", true};
     }
     if (found.pid <= 0) {
         return {"silent", "whoever listens there does not answer: " + found.reason,

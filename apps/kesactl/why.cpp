@@ -29,6 +29,7 @@
 
 #include <CLI/CLI.hpp>
 #include <common/RegistryPlace.h>
+#include <gates/Table.h>
 #include <kesa/headers.h>
 #include <kesa/mimetypes.h>
 #include <kesa/responsesemantics.h>
@@ -411,7 +412,7 @@ Verdict Search::call(const ServiceConnection::Client& client, const ServiceDef& 
         if (ProcessFacts(static_cast<pid_t>(pid)).isStopped) {
             return {"stopped",
                     fmt::format("{} is stopped", holder()),
-                    fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
+                    howToContinue(static_cast<pid_t>(pid)) + ", or end its debugger",
                     {}};
         }
         return explainNoAnswer(pid);
@@ -441,10 +442,19 @@ Verdict Search::explainForbidden(const kesa::Response& refusal, const kesa::url&
 {
     const Value process =
         askProcesses({processOf(locator)}, m_arguments.common.laterDeadline()).at(processOf(locator)).answer;
+    if (saidBy(refusal).find(kesa::access::Table::CLOSED) != std::string::npos && process["servicesClosed"] != true) {
+        return {
+            "closed",
+            fmt::format("{} has provided it since {} at {}, but has closed it to other users, since its rules, which "
+                        "stand in its code, cannot be read: {}",
+                        holder(), timeText(m_explanation["holder"]["since"]), locator.toString(), saidBy(refusal)),
+            "mend its code, then restart it",
+            {}};
+    }
     if (process["servicesClosed"] == true) {
         return {"closed",
                 fmt::format("{} has provided it since {} at {}, but has closed all its services to other users, since "
-                            "its rules, \"access\", cannot be read: {}",
+                            "its rules, \"access\", or all of its document, cannot be read: {}",
                             holder(), timeText(m_explanation["holder"]["since"]), locator.toString(), saidBy(refusal)),
                 fmt::format("mend its document ({} says what is wrong), then restart it",
                             documentCheck(process, plainProcessOf(locator))),

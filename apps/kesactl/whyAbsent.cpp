@@ -145,7 +145,7 @@ Verdict explainGone(const Value& event, const std::string& path, PolicyNow& poli
                     {},
                     {}};
     if (isStopped) {
-        verdict.advice = fmt::format("continue it with kill -CONT {}, or end its debugger", pid);
+        verdict.advice = howToContinue(static_cast<pid_t>(pid)) + ", or end its debugger";
     } else if (!isThere) {
         const RunDirectoryFacts here(chosenRunDirectory());
         verdict.advice = fmt::format("{}start {} again; its log (stderr, the journal) says why it ended",
@@ -162,8 +162,8 @@ Verdict explainGone(const Value& event, const std::string& path, PolicyNow& poli
     } else if (isForbidden) {
         addForbidden(verdict, event, path, policy);
     } else {
-        verdict.advice = fmt::format("it registers again when it is connected again; {}'s KESA_TRACE=\"KESA_COMM=1\" "
-                                     "says what keeps it",
+        verdict.advice = fmt::format("it registers again when it is connected again, unless it is crashing (kesactl "
+                                     "status {0} says so); {0}'s KESA_TRACE=\"KESA_COMM=1\" says what keeps it",
                                      name);
     }
     return verdict;
@@ -365,7 +365,7 @@ Verdict explainAfterEnd(Verdict verdict, const Value& explanation, ProcessesHere
                                : !apart.empty()        ? "; it is not connected to the registry: " + apart
                                : again.unseen.isSilent ? "; " + again.unseen.text
                                                        : "");
-    verdict.advice = process.isStopped ? fmt::format("continue it with kill -CONT {}, or end its debugger", pid)
+    verdict.advice = process.isStopped          ? howToContinue(static_cast<pid_t>(pid)) + ", or end its debugger"
                      : isYoung(process.started) ? "ask again: that process has just started"
                      : again.unseen.isSilent    ? again.unseen.advice
                      : !apart.empty() ? "it registers once it is connected; its KESA_TRACE=\"KESA_COMM=1\" says more"

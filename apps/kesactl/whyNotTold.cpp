@@ -41,7 +41,7 @@ Verdict explainSilentOne(const std::string& name, pid_t pid, const apps::Registr
     if (ProcessFacts(pid).isStopped) {
         return {"stopped",
                 fmt::format("{} (process {}) is stopped, and not connected to the registry", name, pid),
-                fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
+                howToContinue(static_cast<pid_t>(pid)) + ", or end its debugger",
                 {}};
     }
     if (const std::string missing = missingRight(pid, registry); !missing.empty()) {
@@ -277,7 +277,7 @@ Verdict explainProcess(const Value& explanation, const std::string& process, con
     if (ProcessFacts(static_cast<pid_t>(pid)).isStopped) {
         return {"stopped",
                 fmt::format("{} (process {}) is stopped", process, pid),
-                fmt::format("continue it with kill -CONT {}, or end its debugger", pid),
+                howToContinue(static_cast<pid_t>(pid)) + ", or end its debugger",
                 {}};
     }
     if (told != asks.end()) {

@@ -27,6 +27,7 @@ ReadPolicy readPolicy(std::int64_t ownUid)
     } else if (read.problem.empty()) {
         read.policy = std::make_shared<Policy>(ownUid, &systemAccounts());
     }
+    read.file = std::move(found.file);
     return read;
 }
 

@@ -222,9 +222,16 @@ public:
         for (const std::string& warning : read.warnings) {
             KESA_TRACE(CHANNEL, 3, "[policy] %s", warning.c_str());
         }
+        if (read.policy && isPolicyLost(read)) {
+            read.policy = nullptr;
+            read.problem = fmt::format("the document that the policy in force was read from, {}, is not read any more: "
+                                       "{}; put it back, or start this process anew",
+                                       m_policyFile, read.file.empty() ? "there is none" : read.file + " is");
+        }
         if (read.policy) {
             const bool hasRules = read.policy->hasRules();
             std::unique_lock lock(m_mutex);
+            m_policyFile = read.file;
             const bool hadRules = std::exchange(m_hasRules, hasRules);
             m_policy = read.policy->summary();
             lock.unlock();
@@ -238,6 +245,13 @@ public:
             m_core->keepPolicy(read.problem);
         }
         return read.problem;
+    }
+
+    /// A document that was removed or moved is no order to let everybody register.
+    bool isPolicyLost(const ReadPolicy& read)
+    {
+        const std::lock_guard lock(m_mutex);
+        return m_hasRules && !read.policy->hasRules() && read.file != m_policyFile;
     }
 
     std::string describePolicy()
@@ -405,7 +419,8 @@ private:
     bool m_isStopped = false; ///< by the owner, or because it was refused
     bool m_isRegistered = false;
     bool m_hasRules = false;
-    std::string m_policy; ///< in words
+    std::string m_policyFile; ///< it was read from
+    std::string m_policy;     ///< in words
     Disposable m_registration;
     std::weak_ptr<Successors> m_successors; ///< none before it has begun
 

@@ -135,6 +135,9 @@ TEST_F(RegistryHostTest, AChangedPolicyEndsWhatItNoLongerAllowsAndNothingElse)
     document.write(R"([{"may": ["register", "see"], "paths": "**"}])");
     EXPECT_EQ(m_host->reloadPolicy(), "");
     EXPECT_THAT(m_clients.told(), ElementsAre("t: +/b", "q: [+/b]"));
+    ::unsetenv("KESA_CONFIG"); // as if the document had been removed from where it was found
+    EXPECT_THAT(m_host->reloadPolicy(), HasSubstr(".json, is not read any more: there is none"));
+    EXPECT_THAT(m_clients.told(), testing::IsEmpty());
 }
 
 TEST_F(RegistryHostTest, AReloadThatWouldTakeTooLongCutsOffWhoAsksForTheMost)

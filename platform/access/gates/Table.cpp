@@ -147,7 +147,7 @@ std::string Table::whichOthers(const Numbers& all, const Identity& identity) con
 std::string Table::whyRefused(const Identity& identity, const Question& question)
 {
     if (!m_problem.empty()) {
-        return fmt::format("only root and the process's own user may ask, until this is mended: {}", m_problem);
+        return fmt::format("{}{}", CLOSED, m_problem);
     }
     Known& known = know(identity, question.service);
     if (known.who.empty()) {

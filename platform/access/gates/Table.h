@@ -29,6 +29,9 @@ namespace kesa::access {
 /// Not for several threads at once, and neither are its gates.
 class KESA_API Table {
 public:
+    /// How the refusals of one that cannot be read begin.
+    static constexpr std::string_view CLOSED = "only root and the process's own user may ask, until this is mended: ";
+
     /// `name`: what the table is, for people. A rule without paths is for all services. `accounts` outlives it.
     Table(std::int64_t ownUid, std::vector<Rule> rules, std::string name, const IAccounts& accounts);
     /// One that nobody can read: every service is closed.

@@ -121,8 +121,14 @@ std::string describeHolder(pid_t pid, const struct stat& lockFile)
     return holder;
 }
 
-std::string explainHeld(const std::string& process, const std::string& holder)
+std::string explainHeld(const std::string& process, const std::string& holder, const struct stat& lockFile)
 {
+    if (lockFile.st_uid != ::geteuid() && ::geteuid() != 0) {
+        return fmt::format(
+            "the name \"{}\" is held by {}, and is of the user \"{}\": run as that user once that one has "
+            "ended, or take another name; \"kesactl ps\" shows which are taken",
+            process, holder, access::userName(lockFile.st_uid));
+    }
     return fmt::format("the name \"{}\" is held by {}; end that one and start this one again, or give one of both "
                        "another name; \"kesactl ps\" shows which are taken",
                        process, holder);
@@ -245,7 +251,7 @@ std::string adviseRemoval(int directory, const std::string& encodedName, const s
     if (error != 0) {
         struct stat status {};
         isHeld = error == EWOULDBLOCK && ::fstat(opened.get(), &status) == 0;
-        why = isHeld ? explainHeld(process, describeHolder(readHolder(opened.get()), status))
+        why = isHeld ? explainHeld(process, describeHolder(readHolder(opened.get()), status), status)
                      : fmt::format("cannot lock {}: {}", pathOf(directory.get(), file), obr::explainError(error));
         return true;
     }
@@ -326,7 +332,7 @@ LockFileProblem examineLockFile(int directory, const std::string& encodedName)
     }
     if (const pid_t holder = findHolder(status); holder != 0) {
         problem.isHeld = true;
-        problem.text = explainHeld(encodedName, describeHolder(holder, status));
+        problem.text = explainHeld(encodedName, describeHolder(holder, status), status);
     } else if (problem.isOfAnother) {
         const std::string socket = encodedName + ".sock"; // or what keeps its place
         const bool isPlaceTaken = ::faccessat(directory, socket.c_str(), F_OK, AT_SYMLINK_NOFOLLOW) == 0;
