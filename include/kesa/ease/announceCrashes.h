@@ -11,8 +11,8 @@ namespace kesa {
 /// Once called, SIGSEGV, SIGBUS, SIGFPE, SIGILL and SIGABRT first end the connections of the process, so that its
 /// services are gone for everybody and what was asked of them has failed; then what was installed before handles the
 /// signal, as if this had not been there: a handler, or the end of the process with its core. What is ignored stays so.
-/// A program in which a handler makes good for one of these signals and goes on loses its connections once, and makes
-/// them anew; from then on that signal announces nothing.
+/// It takes part no more, whatever its other threads do until it is gone: so no program calls this in which a handler
+/// makes good for one of these signals and goes on.
 ///
 /// Call it when the program's own handlers are installed, as those of a crash reporter; of one that comes later it
 /// depends whether it passes the signal on. Any thread; a further call does nothing but in a child made by `fork`, for

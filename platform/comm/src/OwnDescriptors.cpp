@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -58,6 +59,7 @@ private:
 };
 
 constinit SignalSafeSet signalSafe;
+std::atomic<bool> hasCrashed{false};
 
 Table& table();
 
@@ -75,6 +77,7 @@ void inChild()
 {
     Table& own = table();
     own.generation.fetch_add(1, std::memory_order_relaxed);
+    hasCrashed = false;
     for (const int descriptor : own.descriptors) {
         signalSafe.erase(descriptor);
         ::close(descriptor);
@@ -104,11 +107,18 @@ int OwnDescriptors::open(const std::function<int()>& open)
 {
     Table& own = table();
     const std::lock_guard lock(own.mutex);
+    if (hasCrashed) {
+        errno = ESHUTDOWN;
+        return -1;
+    }
     own.descriptors.push_back(-1); // before there is something to lose
     const int descriptor = open();
     if (descriptor >= 0) {
         own.descriptors.back() = descriptor;
         signalSafe.insert(descriptor);
+        if (hasCrashed) { // meanwhile
+            ::shutdown(descriptor, SHUT_RDWR);
+        }
     } else {
         own.descriptors.pop_back();
     }
@@ -130,6 +140,7 @@ void OwnDescriptors::close(int descriptor)
 
 void OwnDescriptors::endSockets() noexcept
 {
+    hasCrashed = true;
     signalSafe.forEach([](int descriptor) { ::shutdown(descriptor, SHUT_RDWR); }); // what is no socket stays as it is
 }
 

@@ -18,8 +18,9 @@ public:
     /// Of `open`.
     static void close(int descriptor);
 
-    /// Ends the sockets among them for both sides, and closes none. For a process that crashes: safe in the handler of
-    /// a signal. Of descriptors beyond 65,535 it knows nothing.
+    /// Ends the sockets among them for both sides, and closes none; from then on `open` fails (ESHUTDOWN). For a
+    /// process that crashes, of which other threads may run on for a while: safe in the handler of a signal. Of
+    /// descriptors beyond 65,535 it knows nothing.
     static void endSockets() noexcept;
 
     /// Differs between a process and its children. What remembers the number it was made with can tell that it has
