@@ -27,26 +27,27 @@ struct Table {
     std::atomic<unsigned> generation{1};
 };
 
-/// The same descriptors once more, for the handler of a signal, which may take no lock: a bit for each.
+/// The same descriptors once more, for the handler of a signal, which may take no lock: a bit for each. In one order
+/// with `hasCrashed`: what is inserted is seen by the handler, or sees that.
 class SignalSafeSet {
 public:
     void insert(int descriptor) noexcept
     {
         if (const std::size_t number = static_cast<std::size_t>(descriptor); number < MOST) {
-            m_words[number / 64].fetch_or(bit(number), std::memory_order_relaxed);
+            m_words[number / 64].fetch_or(bit(number));
         }
     }
     void erase(int descriptor) noexcept
     {
         if (const std::size_t number = static_cast<std::size_t>(descriptor); number < MOST) {
-            m_words[number / 64].fetch_and(~bit(number), std::memory_order_relaxed);
+            m_words[number / 64].fetch_and(~bit(number));
         }
     }
     template <class Call>
     void forEach(Call call) const noexcept
     {
         for (std::size_t number = 0; number < MOST; ++number) {
-            if ((m_words[number / 64].load(std::memory_order_relaxed) & bit(number)) != 0) {
+            if ((m_words[number / 64].load() & bit(number)) != 0) {
                 call(static_cast<int>(number));
             }
         }
